@@ -1,0 +1,252 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+
+#include "filestore/threads/callback_thread.h"
+#include "filestore/threads/delete_thread.h"
+#include "filestore/threads/handle_thread.h"
+#include "filestore/threads/multicast_thread.h"
+#include "filestore/threads/notify_thread.h"
+#include "filestore/threads/pull_thread.h"
+#include "filestore/threads/push_thread.h"
+#include "filestore/transfer/bandwidth_manager.h"
+#include "kel/container.h"
+#include "kel/debug.h"
+#include "kel/ip_address.h"
+#include "kel/mutex.h"
+#include "kelcore/db/connection.h"
+#include "kelcore/db/connection_pool.h"
+#include "kelcore/db/sequence_manager.h"
+
+/// The file store module: its shared state and the functions that its handlers and threads use. There is no
+/// module object; everything is static.
+///
+/// Locks: mutexUpstream, mutexDownstream and mutexCallback are held around every write to their database;
+/// where two are taken, upstream or downstream comes before callback. None is held across a call to another
+/// device. Settings are read by all threads and written at initialisation and by the settings action.
+class FileStore {
+  public:
+    // ---- entry (module/lifecycle.cpp, module/registration.cpp); on the agent's main thread
+    static unsigned int ModuleRegister(const char* handle);
+    static unsigned int ModuleUnregister(unsigned int flags);
+    static unsigned int ModuleInitialise();
+    static unsigned int ModuleActivate();
+    static unsigned int ModuleCleanup(unsigned int flags);
+    static unsigned int ModuleSuspend();
+
+    // ---- configuration (module/configuration.cpp)
+    static void ReadSettings();      ///< all settings but PerformVacuum
+    static void EnsureTimeToLive();  ///< raises ulTimeToLive to the largest time-out
+    static unsigned int GetRandomTimeout(
+        unsigned int seconds);  ///< between seconds/2 + 1 and seconds * 3/2 + 1
+
+    // ---- identity and addressing (module/identity.cpp, module/addressing.cpp, module/transfer_gate.cpp)
+    /// This device's GUID, or with `asUrl` its device URL "host:port/GUID"; empty while unknown. Calls local
+    /// actions.
+    static void GetOurDeviceGUID(KelString& result, bool asUrl);
+    /// The parent's call URL, empty while it is unknown or out of sync, and its GUID. Calls a local action.
+    static void GetRelayUrl(KelString& url, KelString& parentGuid);
+    /// The call URL and the GUID of a device URL or path name.
+    static void GetDeviceUrl(const KelString& deviceUrl, KelString& url, KelString& guid);
+    /// The size of a file in bytes from the own store or from the parent. 0 or an error code. Network; hold
+    /// no lock.
+    static unsigned int RequestFileSize(const KelString& fileType, const KelString& fileLabel,
+                                        const KelString& fileName, const KelString& checksum,
+                                        long long& size);
+    static bool CheckDevicePath(const KelContainer& targets);  ///< the first name designates this device
+    static bool CheckDeviceGuid(const KelString& path);        ///< the second "/" piece is our GUID
+    static bool CheckGuidScheme(const KelString& path);        ///< the GUID in it has our scheme
+    static void UpdateGuidScheme();  ///< have the identity module take over the parent's scheme
+    static bool CheckHandlerResult(const KelContainer& results,
+                                   unsigned int code);  ///< some consumer answered `code`
+    static bool IsTransferAllowed(bool upload, bool& dialupBlocked);
+    static bool HaveActiveRASConnection();
+    static bool HaveActiveSlowConnection(bool upload);
+
+    // ---- store layout (module/store_layout.cpp)
+    /// Folder of a file in the store: "<storage>upstream|downstream/type/label/checksum".
+    static KelString StoreFolder(bool upstream, const KelString& type, const KelString& label,
+                                 const KelString& checksum);
+    /// The same with "/name" behind it.
+    static KelString StorePath(bool upstream, const KelString& type, const KelString& label,
+                               const KelString& checksum, const KelString& name);
+    /// URL path of a stored file: "/FileStore/upstream|downstream/type/label/checksum/name".
+    static KelString StoreUrl(bool upstream, const KelString& type, const KelString& label,
+                              const KelString& checksum, const KelString& name);
+
+    // ---- storage location and maintenance (module/storage_location.cpp)
+    static KelString GetFileStorageDirectory();
+    static bool ChangeFileStoragePath();
+    static void UpdateHttpPort();
+    static void UpdateScriptAndPackageStatus(unsigned long fileId);
+
+    // ---- databases (db/setup.cpp, db/file_lookup.cpp)
+    static bool SetupDatabases();
+    static void CleanupDatabases();
+    /// The FileId of a file by its key, 0 when unknown; an empty checksum takes the row with the smallest
+    /// one. The caller holds the connection's mutex.
+    static unsigned long FindFileInDatabase(DBConnection& connection, const KelString& fileType,
+                                            const KelString& fileLabel, const KelString& fileName,
+                                            const KelString& checksum);
+    static unsigned long FindFileFromUrl(
+        const KelString& url);  ///< of an upstream file; the caller holds mutexUpstream
+    /// Sets the status of a row and its time (seconds since the epoch; 0: taken up at once); with `unicast`
+    /// not 0 also the transport mode. The caller holds the connection's mutex.
+    static void UpdateFileStatus(DBConnection& connection, unsigned long fileId, const KelString& status,
+                                 unsigned long time, int unicast);
+
+    // ---- receive routing (transfer/receive_*.cpp); result 0, 1 (unusable input) or 44005
+    static int ReceiveUpstreamLocalFile(KelContainer& arguments, const KelString& type,
+                                        const KelString& label, const KelString& name, KelString& checksum,
+                                        unsigned int keepCopy, bool bypass, unsigned int wakeOnLan,
+                                        unsigned int priority);
+    static int ReceiveUpstreamRemoteFile(KelContainer& arguments, const KelString& type,
+                                         const KelString& label, const KelString& name, KelString& checksum,
+                                         unsigned int keepCopy, bool bypass, unsigned int wakeOnLan,
+                                         unsigned int priority);
+    static int ReceiveUnconnectedLocalFile(KelContainer& arguments, const KelString& type,
+                                           const KelString& label, const KelString& name, KelString& checksum,
+                                           unsigned int keepCopy, bool bypass, unsigned int wakeOnLan,
+                                           unsigned int priority);
+    static int ReceiveDownstreamLocalFile(KelContainer& arguments, const KelString& type,
+                                          const KelString& label, const KelString& name, KelString& checksum,
+                                          unsigned int keepCopy, bool bypass, unsigned int wakeOnLan,
+                                          unsigned int priority);
+    static int ReceiveDownstreamRemoteFile(KelContainer& arguments, const KelString& type,
+                                           const KelString& label, const KelString& name, KelString& checksum,
+                                           unsigned int keepCopy, bool bypass, unsigned int wakeOnLan,
+                                           unsigned int priority);
+    static int ReceivedCopyPublishedAction(KelContainer& arguments, const KelString& type,
+                                           const KelString& label, const KelString& name,
+                                           const KelString& checksum);
+    static int ReceivedPublishToMasterAction(KelContainer& arguments, const KelString& type,
+                                             const KelString& label, const KelString& name,
+                                             const KelString& checksum);
+    /// Records the targets of a file from its target tree (transfer/target_list.cpp).
+    static void ProcessFileTargetList(unsigned long fileId, unsigned int wakeOnLan, KelContainer& targets);
+
+    // ---- transfer windows (transfer/transfer_windows.cpp)
+    static void UpdateAllTransferWindows();
+    /// Progress of a file as text: "57 %", "100 %" or "N/A".
+    static KelString getFileTransferPercent(const KelString& status, const KelString& path,
+                                            long long expectedSize);
+
+    // ---- action handlers; on any thread, concurrently
+    static unsigned int ActionHandler_FileStoreGetValues(KelContainer* arguments);
+    static unsigned int ActionHandler_FileStoreSetValues(KelContainer* arguments);
+    static unsigned int ActionHandler_FileStoreRequestFile(KelContainer* arguments);
+    static unsigned int ActionHandler_FileStoreRequestFileSize(KelContainer* arguments);
+    static unsigned int ActionHandler_FileStoreAcknowledgeFile(KelContainer* arguments);
+    static unsigned int ActionHandler_FileStoreReceiveFile(KelContainer* arguments);
+    static unsigned int ActionHandler_FileStoreReceiveUnconnectedFile(KelContainer* arguments);
+    static unsigned int ActionHandler_FileStoreHttpPutCallback(KelContainer* arguments);
+    static unsigned int ActionHandler_FileStoreGUIDCallback(KelContainer* arguments);
+    static unsigned int ActionHandler_FileStoreIPCallback(KelContainer* arguments);
+    static unsigned int ActionHandler_FileStoreTransferWindowCallback(KelContainer* arguments);
+    static unsigned int ActionHandler_FileStoreListFiles(KelContainer* arguments);
+    static unsigned int ActionHandler_FileStoreGetFileInfo(KelContainer* arguments);
+    static unsigned int ActionHandler_FileStoreGetDeviceUrl(KelContainer* arguments);
+    static unsigned int ActionHandler_FileStoreGetMulticastStatus(KelContainer* arguments);
+    static unsigned int ActionHandler_FileStoreGetMulticastDetails(KelContainer* arguments);
+    static unsigned int ActionHandler_FileStoreResetMulticastStatus(KelContainer* arguments);
+    static unsigned int ActionHandler_FileStoreDeletePackage(KelContainer* arguments);
+    static unsigned int ActionHandler_PackageSendSyncInfo(KelContainer* arguments);
+    static unsigned int ActionHandler_FileStoreGetNotifiableFiles(KelContainer* arguments);
+    static unsigned int ActionHandler_FileStoreGetFileInformation(KelContainer* arguments);
+    static unsigned int ActionHandler_FileStorePerformManualUpload(KelContainer* arguments);
+    static unsigned int ActionHandler_FileStoreIsPatchInventoryUploaded(KelContainer* arguments);
+
+    // ---- shared state (module/file_store.cpp)
+    static KelDebug debugFileStore;
+    static KelString strModuleIniFile;
+    static KelString strModuleDataPath;
+    static const char szBuildNumber[];
+
+    static KelMutex mutexUpstream;
+    static KelMutex mutexDownstream;
+    static KelMutex mutexCallback;
+    static KelMutex mutexGUID;             ///< strOurGUID, strOurHostName, strOurIPAddress
+    static KelMutex mutexMulticastVector;  ///< vecMulticastAddressInUse
+    static KelMutex mutexSettings;         ///< the texts and ranges among the settings below
+
+    static DBConnectionPool dbConnectionPoolUpstream;
+    static DBConnectionPool dbConnectionPoolDownstream;
+    static DBConnectionPool dbConnectionPoolCallback;
+    static std::unique_ptr<DBConnection> pDbConnectionUpstream;
+    static std::unique_ptr<DBConnection> pDbConnectionDownstream;
+    static std::unique_ptr<DBConnection> pDbConnectionCallback;
+    static DBSequenceManager dbSequenceManagerUpstream;
+    static DBSequenceManager dbSequenceManagerDownstream;
+    static DBSequenceManager dbSequenceManagerCallback;
+
+    static FileStoreDeleteThread threadDelete;
+    static FileStorePushThread threadPush;
+    static FileStorePullThread threadPull;
+    static FileStoreNotifyThread threadNotify;
+    static FileStoreCallbackThread threadCallback;
+    static FileStoreHandleThread threadHandler;
+    static FileStoreMulticastThread threadMulticast;
+
+    static FileStoreBandwidthManager bmTrackUsageUp;
+    static FileStoreBandwidthManager bmTrackUsageDown;
+    static FileStoreBandwidthManager bmTrackUsageMulticast;
+
+    // identity of this device
+    static KelString strOurGUID;
+    static KelString strOurHostName;
+    static KelString strOurIPAddress;
+    static std::atomic<std::uint32_t> ulOurHttpPort;  ///< 0: not yet known
+    static std::atomic<bool> fPreferIPAddresses;
+    static std::atomic<std::int32_t> eKeepCopyMask;  ///< 1 master, 2 relay, 4 client
+    static std::atomic<bool> fRelayEnabled;
+
+    // settings; times in seconds, sizes in bytes
+    static std::atomic<bool> fPerformVacuum;
+    static std::atomic<std::uint32_t> ulTimeToLive;
+    static std::atomic<std::uint32_t> ulTimeout;
+    static std::atomic<std::uint32_t> ulPushTimeout;
+    static std::atomic<std::uint32_t> ulPullTimeout;
+    static std::atomic<bool> fCheckAvailableFreeSpaceBeforeDownloading;
+    static std::atomic<bool> fEnableDialupDownloads;
+    static std::atomic<bool> fEnableDialupUploads;
+    static std::atomic<std::uint32_t> ulThresholdForDownloads;
+    static std::atomic<std::uint32_t> ulThresholdForUploads;
+    static std::atomic<std::uint32_t> ulFrameSize;
+    static std::atomic<std::uint32_t> ulPackageTTL;  ///< days
+    static std::atomic<std::uint32_t> ulMulticastBlockSize;
+    static std::atomic<std::uint32_t> ulMulticastTransferDelay;
+    static std::atomic<std::uint32_t> ulMulticastRetry;
+    static KelString strMulticastTransferAddressRange;
+    static IpRange MulticastIpRange;
+    static std::atomic<std::uint32_t> ulMulticastTransferPort;
+    static std::atomic<std::uint32_t> ulMulticastMinimumFileSize;
+    static std::atomic<std::int32_t> iMulticastTTL;
+    static std::atomic<std::uint32_t> ulMulticastMinimumRequests;
+    static std::atomic<std::uint32_t> ulMulticastMinimumSuccessRate;  ///< per cent
+    static std::atomic<bool> fMulticastDifferencialRetry;
+    static std::atomic<bool> fUnicastRecoveryOnMulticastFailure;
+    static KelString strTrustedAddressRange;
+    static IpRange TrustedIpRange;
+    static KelString strPackagesRepositoryPath;
+    static std::atomic<bool> fPackagesRepositoryCopy;
+    static std::atomic<std::uint32_t> uKeepCopyPackageMaxSize;  ///< megabytes
+    static KelString strStorageLocationToUse;                   ///< ends with "/"; set at initialisation
+
+    // upload policy
+    static std::atomic<bool> fConcatFiles;
+    static std::atomic<bool> fAutoConcat;
+    static KelString strExcludedFileType;
+    static std::atomic<std::int32_t> eArchiveType;
+    static std::atomic<std::uint32_t> uMaxFilesToConcat;
+    static KelString strArchiveFilePath;
+
+    // manual upload
+    static std::atomic<bool> fManualUploadRequested;
+    static std::atomic<bool> fProcessManualUpload;
+    static std::atomic<std::uint32_t> uLimit;
+    static std::atomic<std::uint32_t> uCurrent;
+
+    static KelVector<KelString> vecMulticastAddressInUse;
+};

@@ -1,0 +1,19 @@
+#pragma once
+
+#include "filestore/threads/file_thread_base.h"
+
+/// Announces available files to the devices below and to the modules of this device.
+class FileStoreNotifyThread : public FileThreadBase {
+  public:
+    FileStoreNotifyThread();
+
+    /// One step: true when targets were notified.
+    bool NotifyTargets();
+
+    /// Announces the most urgent due targets (both arguments 0) or one target of one file: 1 when there were
+    /// any, else 0.
+    int NotifyUnicastTargets(unsigned int fileId, unsigned int targetId);
+
+  protected:
+    bool DoWork() override;
+};

@@ -1,0 +1,72 @@
+#pragma once
+
+#include <array>
+#include <atomic>
+#include <cstdint>
+
+#include "kel/container.h"
+#include "kel/mutex.h"
+#include "kelcore/http/bandwidth_manager.h"
+
+/// Directions of transfer windows, with the values that the window module uses.
+enum TransferWindowDirection_e : int {
+    TransferWindowDirectionUp = 1,
+    TransferWindowDirectionDown = 2,
+    TransferWindowDirectionMulticast = 3,
+};
+
+/// Holds the weekly transfer window of one direction and shares its rate between the running transfers. Slot
+/// index = day * 24 + hour, Monday is day 0. May be used from any thread; GetRate and the two queries take no
+/// lock.
+class FileStoreBandwidthManager : public HttpBandwidthManager {
+  public:
+    static constexpr std::size_t kSlotCount = 168;
+
+    int StartTransmission() override;
+    void EndTransmission() override;
+    unsigned long GetRate(int& frameSize) override;
+    bool BandwidthIsLimited() override;
+    int GetFrameSize() override;
+    bool IsPercentage() override;
+    bool IsPerThousand() override;
+    unsigned long BandwidthEstimationTCP(IpAddress const& address, unsigned int port,
+                                         unsigned int duration) override;
+    bool GetClientCount(bool firstTime, unsigned int& clientCount, unsigned int& bwPort,
+                        unsigned long& clientCheckFrequency, unsigned long& pingFrequency,
+                        unsigned int& pingDuration) override;
+
+    void SetDirection(TransferWindowDirection_e direction);
+    void SetFrameSize(int bytes);
+
+    /// Loads a window (values `Slots`, `SlotType`, `UseUTCTime`); without `Slots` it asks the window module
+    /// for the one of its direction and runs without a window when there is none.
+    void UpdateTransferWindow(KelContainer& window);
+
+    /// Runs without a window until the next load.
+    void ClearWindow();
+
+    /// Closes every hour until the next load, so that running transfers end.
+    void CancelAllTransfers();
+
+    /// True when a window is in force whose rate is 0 now: only bypass files may move.
+    bool TransfersAreDisabled();
+
+    /// The slot of `time` (seconds since the epoch) in UTC or in local time.
+    static std::size_t SlotIndex(std::int64_t time, bool utc);
+
+  private:
+    void ShareRates() KEL_REQUIRES(mutexSlots_);
+
+    std::atomic<bool> fWindowDefined_ = false;
+    std::atomic<TransferWindowDirection_e> eDirection_ = TransferWindowDirectionUp;
+    std::atomic<int> iSlotType_ = 1;
+    std::atomic<bool> fAbsoluteRate_ = true;
+    std::atomic<bool> fUseUTCTime_ = true;
+    std::array<std::atomic<std::uint64_t>, kSlotCount> ulSlotValue_{};  ///< as configured
+    std::array<std::atomic<std::uint64_t>, kSlotCount> ulSlotRate_{};   ///< a transfer's share
+    int iActiveTransfers_ KEL_GUARDED_BY(mutexSlots_) = 0;
+    std::atomic<int> iFrameSize_ = 0;  ///< bytes
+    KelMutex mutexSlots_;  ///< writers of the slots and the number of transfers; never held across a call out
+    std::atomic<bool> fPercentage_ = false;
+    std::atomic<bool> fPerThousand_ = false;
+};

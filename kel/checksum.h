@@ -1,0 +1,25 @@
+#pragma once
+
+#include <string_view>
+
+#include "kel/types.h"
+
+/// The MD5 digest (RFC 1321) of a file as 32 lower-case hexadecimal digits; false when it cannot be read.
+bool FileMd5(const KelString& path, KelString& digest);
+
+/// The same of an open descriptor, read from its start to its end with pread; the file position stays.
+bool FileMd5(int fd, KelString& digest);
+
+/// The SHA-256 digest (FIPS 180-4) of a file as 64 lower-case hexadecimal digits; false when it cannot be
+/// read.
+bool FileSha256(const KelString& path, KelString& digest);
+
+/// Digests of a text, as lower-case hexadecimal digits.
+KelString TextMd5(std::string_view text);
+KelString TextSha256(std::string_view text);
+
+/// `count` bytes from the system's cryptographic random source.
+KelString RandomBytes(std::size_t count);
+
+/// Compares in a time that depends on the lengths only.
+bool EqualInConstantTime(std::string_view left, std::string_view right);

@@ -1,0 +1,45 @@
+#pragma once
+
+#include <cstdint>
+
+#include "kel/result.h"
+#include "kel/types.h"
+#include "kel/unique_fd.h"
+
+// Operations on files. Paths are absolute or relative to the current folder. All may be called from any
+// thread. What replaces a file does so atomically and is on the disk (file and folder synced) when the call
+// returns true.
+
+/// True when `path` exists and is no folder.
+bool FileExists(const KelString& path);
+
+/// Size in bytes, -1 when the file does not exist or cannot be examined.
+std::int64_t FileGetSize64(const KelString& path);
+
+/// Copies through a temporary file beside `destination`. With `failIfExists` an existing destination is left
+/// alone and the call fails; otherwise it is replaced.
+bool FileCopy(const KelString& source, const KelString& destination, bool failIfExists);
+
+/// Renames, replacing an existing destination; across file systems it copies and then removes the source.
+bool FileRename(const KelString& source, const KelString& destination);
+
+/// Removes a file; true when it is gone afterwards.
+bool FileDelete(const KelString& path);
+
+/// Replaces `path` by `content` with permission bits `mode`.
+KelStatus FileWriteText(const KelString& path, std::string_view content, unsigned int mode = 0644);
+
+/// The whole content of a file of at most `maxBytes`.
+KelResult<KelString> FileReadText(const KelString& path, std::uint64_t maxBytes);
+
+/// Puts a file's content and its folder entry on the disk.
+bool FileSync(const KelString& path);
+
+/// A new empty file in `folder` (the system's folder for temporary files when empty), mode 0600; sets `path`.
+UniqueFd FileCreateTemp(const KelString& folder, KelString& path);
+
+/// Opens `relativePath` strictly beneath `root`: "..", absolute names, and links that leave the root are
+/// refused by the kernel (openat2, RESOLVE_BENEATH | RESOLVE_NO_MAGICLINKS). `flags` and `mode` as for
+/// open(2); O_CLOEXEC is added. An invalid descriptor with errno set on failure.
+UniqueFd FileOpenBeneath(const KelString& root, const KelString& relativePath, int flags,
+                         unsigned int mode = 0644);

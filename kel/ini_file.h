@@ -1,0 +1,39 @@
+#pragma once
+
+#include <memory>
+
+#include "kel/result.h"
+#include "kel/types.h"
+
+/// An ini file: sections of key=value lines. Comments and the order of lines survive a write. Names of
+/// sections and keys are compared without regard to case. One thread at a time per object; writes replace the
+/// file atomically, so readers in other objects see the old or the new text.
+class IniFile {
+  public:
+    IniFile();
+    ~IniFile();
+    IniFile(IniFile&& other) noexcept;
+    IniFile& operator=(IniFile&& other) noexcept;
+
+    /// Reads `path`. A missing file counts as empty (every value then has its default); false when it cannot
+    /// be read or is malformed.
+    bool Open(const KelString& path);
+    void Close();
+
+    /// The value at (section, key), or `fallback` when it is missing or not of that type; true when it was
+    /// present. Integers are decimal; bools are true/false, yes/no, on/off, 1/0.
+    bool GetEntryValue(const KelString& section, const KelString& key, int& value, int fallback) const;
+    bool GetEntryValue(const KelString& section, const KelString& key, bool& value, bool fallback) const;
+    bool GetEntryValue(const KelString& section, const KelString& key, KelString& value,
+                       const KelString& fallback) const;
+
+    /// The keys of a section in the order of the file; empty when there is no such section.
+    KelVector<KelString> GetKeys(const KelString& section) const;
+
+    /// Sets a value and writes the file at once (temporary file, sync, rename; mode of the old file kept).
+    KelStatus WriteEntryValue(const KelString& section, const KelString& key, const KelString& value);
+
+  private:
+    struct Content;
+    std::unique_ptr<Content> content_;
+};

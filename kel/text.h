@@ -1,0 +1,33 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string_view>
+
+#include "kel/types.h"
+
+/// Compares two texts; with `caseSensitive` false the ASCII letters compare equal whatever their case.
+bool IsEqualTo(std::string_view left, std::string_view right, bool caseSensitive);
+
+/// `text` without leading and trailing blanks, tabs, carriage returns and line feeds.
+KelString Trim(std::string_view text);
+
+/// `text` with every occurrence of `from` (not empty) replaced by `to`.
+KelString ReplaceAll(std::string_view text, std::string_view from, std::string_view to);
+
+/// `text` with every apostrophe doubled, as SQL string literals need it.
+KelString DoubleQuotes(std::string_view text);
+
+/// The whole of `text` as a decimal number; nothing when it is empty, has other characters or does not fit.
+std::optional<std::int64_t> ParseInt64(std::string_view text);
+std::optional<std::uint64_t> ParseUint64(std::string_view text);
+
+/// Bytes as lower-case hexadecimal text, two digits a byte.
+KelString HexText(std::string_view bytes);
+
+/// Splits `text` at every `separator`; empty pieces count, so "/a" gives "" and "a", and "" gives one empty
+/// piece.
+KelVector<KelString> SplitText(std::string_view text, char separator);
+
+/// True when `text` holds a byte below 0x20 or 0x7F.
+bool HasControlCharacter(std::string_view text);

@@ -1,0 +1,27 @@
+#pragma once
+
+#include <memory>
+
+#include "kel/debug.h"
+#include "kel/types.h"
+
+/// What the agent process tells the modules it runs. Set once, before any module is loaded.
+struct KelAgentSettings {
+    KelString configDir;     ///< ends with "/"
+    KelString dataDir;       ///< ends with "/"
+    KelString name;          ///< the tree's agent name: user name of every HTTP request
+    KelString httpPassword;  ///< the tree's HTTP password; never empty
+    KelString address;  ///< own IPv4 address in dotted form; outgoing connections are bound to it. Empty: any
+    std::shared_ptr<KelDebugContext> debugContext;
+};
+
+/// Sets what the queries below answer. For the agent process and for tests, while no other thread runs.
+void KelAgentConfigure(KelAgentSettings settings);
+
+// Queries; may be called from any thread once the agent is configured.
+const KelString& KelAgentGetConfigDir();  ///< ends with "/"
+const KelString& KelAgentGetDataDir();    ///< ends with "/"
+const KelString& KelAgentGetName();
+const KelString& KelAgentGetHttpPassword();
+const KelString& KelAgentGetAddress();
+std::shared_ptr<KelDebugContext> KelAgentGetDebugContext();

@@ -1,0 +1,88 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+
+#include "kel/debug.h"
+#include "kel/types.h"
+#include "kelcore/db/result.h"
+
+/// Reports the progress of an upgrade: version reached, version aimed at.
+using DBUpgradeProgress = std::function<void(unsigned int, unsigned int)>;
+
+/// The one open connection to a database file (SQLite, WAL, synchronous=FULL, defensive, trusted_schema=OFF,
+/// mmap_size=0).
+///
+/// Statements of several threads are run one after the other. A transaction belongs to the connection, not to
+/// a thread: callers serialise writers with their own mutex. Made by DBConnectionPool.
+class DBConnection {
+  public:
+    ~DBConnection();
+    DBConnection(const DBConnection&) = delete;
+    DBConnection& operator=(const DBConnection&) = delete;
+
+    /// Runs one statement and gives its rows (none for a write). Null when it failed; the failure is logged
+    /// with the statement and SQLite's message.
+    std::shared_ptr<const DBResult> Query(const KelString& statement);
+
+    // Each true on success; failures are logged.
+    bool BeginTransaction();
+    bool CommitTransaction();
+    bool RollbackTransaction();
+
+    /// Moves what the write-ahead log holds into the database file.
+    bool Flush();
+
+    /// By default the connection keeps the last result for diagnosis (GetLastResult); this turns it off for
+    /// good.
+    void DisableBackupResult();
+    std::shared_ptr<const DBResult> GetLastResult() const;
+
+    KelVector<KelString> GetTablesList();
+
+    /// The first row's `column` of `table` where `keyColumn` = `key`; `fallback` when there is none.
+    KelString ReadString(const KelString& table, const KelString& column, const KelString& keyColumn,
+                         std::uint64_t key, const KelString& fallback = {});
+    std::int64_t ReadInteger(const KelString& table, const KelString& column, const KelString& keyColumn,
+                             std::uint64_t key, std::int64_t fallback = 0);
+    /// The same with a text key (quotes doubled here).
+    std::int64_t ReadInteger(const KelString& table, const KelString& column, const KelString& keyColumn,
+                             const KelString& key, std::int64_t fallback = 0);
+
+    /// Runs the statements `Sql1`, `Sql2`, … (without gaps) of `section` in the ini file, each of which may
+    /// hold several statements separated by ";". With `once`, each entry that ran is remembered in the table
+    /// `DatabaseInformation` and not run again. Failures are logged and do not stop the rest; true when all
+    /// succeeded.
+    bool RunIniScripts(const KelString& iniFile, const KelString& section, bool once);
+
+    /// Brings the schema up to date: entry n of `section` takes it from version n-1 to n. The version reached
+    /// is kept in `table` (created when missing, columns `keyColumn` and `valueColumn`, texts) under the key
+    /// "SchemaVersion"; each entry runs in a transaction with the new version. Stops at the first failure
+    /// (logged); true when the last version is reached.
+    bool RunUpgrade(const KelString& table, const KelString& keyColumn, const KelString& valueColumn,
+                    const KelString& iniFile, const KelString& section, const DBUpgradeProgress& progress);
+
+  private:
+    friend class DBConnectionPool;
+    struct Handle;
+    DBConnection(std::unique_ptr<Handle> handle, KelDebug& log);
+
+    std::unique_ptr<Handle> handle_;
+    KelDebug& log_;
+};
+
+/// Holds a transaction open for a scope: rolled back at the end unless Commit was called. The caller holds
+/// the mutex that serialises writers of the connection for the whole scope.
+class DBTransaction {
+  public:
+    explicit DBTransaction(DBConnection& connection);
+    ~DBTransaction();
+    DBTransaction(const DBTransaction&) = delete;
+    DBTransaction& operator=(const DBTransaction&) = delete;
+    bool Commit();
+
+  private:
+    DBConnection& connection_;
+    bool open_;
+};

@@ -1,0 +1,79 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+
+#include "kel/debug.h"
+#include "kel/ip_address.h"
+#include "kel/types.h"
+#include "kelcore/http/managed_transmission.h"
+#include "kelcore/http/message.h"
+#include "kelcore/security.h"
+
+/// Results of an exchange.
+inline constexpr unsigned int kHttpCompleted = 0;    ///< an answer came, whatever its status
+inline constexpr unsigned int kHttpUnreachable = 2;  ///< no connection, or no answer in time
+inline constexpr unsigned int kHttpRefused = 3;      ///< the bandwidth manager allows no transfer now
+inline constexpr unsigned int kHttpLocalFile = 4;    ///< the local body file cannot be read or written
+inline constexpr unsigned int kHttpBadRequest = 5;   ///< an unusable server, path or body
+inline constexpr unsigned int kHttpBadAnswer = 6;    ///< the answer breaks HTTP or exceeds what was announced
+inline constexpr unsigned int kHttpSecurity =
+    7;  ///< TLS or proxy configuration could not be set up, or the peer was not trusted
+inline constexpr unsigned int kHttpCutOff =
+    11;  ///< cut off after it began: connection lost, window closed, cancelled
+
+/// An HTTP/1.1 client (RFC 9112) with digest authentication (RFC 7616, SHA-256); basic is answered over TLS
+/// only. Connections are kept and reused per peer and credentials by all clients of the process. Outgoing
+/// connections are bound to the agent's own address. http and https only, no redirects; connects within 10 s;
+/// an exchange without its own pacing is given up below 1000 B/s for 30 s. One thread at a time per object;
+/// objects on many threads run concurrently.
+class HttpClient {
+  public:
+    /// Time-outs in seconds: to connect, and for the whole exchange; -1: the defaults (10; none).
+    explicit HttpClient(int connectTimeout = -1, int exchangeTimeout = -1);
+
+    void SetDebugContext(KelDebug& log) { log_ = &log; }
+    void SetServer(const KelString& host, std::uint16_t port);
+    void SetAuthentification(const KelString& user, const KelString& password);
+    void EnableSsl(AgentSecuritySslContext context);
+    void EnablePac(AgentSecurityPacContext context);
+
+    /// Asked several times a second while an exchange runs; true stops it with kHttpCutOff.
+    void SetCancelCheck(std::function<bool()> cancelled) { cancelled_ = std::move(cancelled); }
+
+    /// Sends `request` and receives into `answer` (an HttpFileMessage with a body file receives to it); a
+    /// request that is an HttpFileMessage with a body file sends that. Returns one of the results above.
+    unsigned int SendAndRecv(const HttpMessage& request, HttpMessage& answer);
+    /// The same, paced by `transmission`, which is started here when it is not running.
+    unsigned int SendAndRecv(const HttpMessage& request, HttpMessage& answer,
+                             HttpManagedTransmission& transmission);
+
+    /// This device's end of the connection that carried the last exchange.
+    IpAddress GetLocalAddress() const { return localAddress_; }
+    /// What went wrong in the last exchange, for the log; empty when it completed.
+    const KelString& GetErrorText() const { return errorText_; }
+
+  private:
+    unsigned int Exchange(const HttpMessage& request, HttpMessage& answer,
+                          HttpManagedTransmission* transmission);
+
+    KelDebug* log_ = nullptr;
+    int connectTimeout_;
+    int exchangeTimeout_;
+    KelString host_;
+    std::uint16_t port_ = 0;
+    KelString user_;
+    KelString password_;
+    AgentSecuritySslContext ssl_;
+    AgentSecurityPacContext pac_;
+    std::function<bool()> cancelled_;
+    IpAddress localAddress_;
+    KelString errorText_;
+};
+
+/// Closes every kept connection that is not in use. For the end of the process and for tests.
+void HttpClientCloseIdleConnections();
+
+/// Makes every exchange in progress end with kHttpCutOff and every new one fail until called with false: the
+/// agent stops.
+void HttpClientCancelAll(bool cancel);

@@ -1,0 +1,80 @@
+#pragma once
+
+#include <cstdint>
+
+#include "kel/types.h"
+
+enum class HttpMethod { Get, Head, Post, Put };
+
+/// An HTTP request or answer (RFC 9110). A plain value: one thread at a time.
+class HttpMessage {
+  public:
+    void SetMethod(HttpMethod method) { method_ = method; }
+    HttpMethod GetMethod() const { return method_; }
+
+    /// The path of the resource, raw; it is percent-encoded on the wire only.
+    void SetResourcePath(const KelString& path) { resourcePath_ = path; }
+    const KelString& GetResourcePath() const { return resourcePath_; }
+
+    /// Asks for the bytes from `offset` on (Range: bytes=offset-); 0 asks for all.
+    void SetRangeStart(std::uint64_t offset) { rangeStart_ = offset; }
+    std::uint64_t GetRangeStart() const { return rangeStart_; }
+
+    /// The validator (ETag) that the partial content on hand came with: sent as If-Range, so that a changed
+    /// resource is sent whole. Empty: none known.
+    void SetIfRange(const KelString& etag) { ifRange_ = etag; }
+    const KelString& GetIfRange() const { return ifRange_; }
+
+    /// A body held in memory.
+    void SetBody(KelString body, const KelString& contentType) {
+        body_ = std::move(body);
+        contentType_ = contentType;
+    }
+    const KelString& GetBody() const { return body_; }
+    KelString TakeBody() { return std::move(body_); }
+    const KelString& GetContentType() const { return contentType_; }
+
+    /// The largest answer body accepted in memory, in bytes.
+    void SetBodyLimit(std::uint64_t bytes) { bodyLimit_ = bytes; }
+    std::uint64_t GetBodyLimit() const { return bodyLimit_; }
+
+    // Answers only.
+    void SetStatus(unsigned int status) { status_ = status; }
+    unsigned int GetStatus() const { return status_; }
+    void SetHeader(const KelString& name, const KelString& value) { headers_[name] = value; }
+    /// `name` in lower case; empty when the answer has no such header.
+    KelString GetHeader(const KelString& name) const {
+        const auto found = headers_.find(name);
+        return found == headers_.end() ? KelString() : found->second;
+    }
+
+  private:
+    HttpMethod method_ = HttpMethod::Get;
+    KelString resourcePath_ = "/";
+    std::uint64_t rangeStart_ = 0;
+    KelString ifRange_;
+    KelString body_;
+    KelString contentType_;
+    std::uint64_t bodyLimit_ = std::uint64_t{64} << 20;
+    unsigned int status_ = 0;
+    KelHash<KelString, KelString> headers_;
+};
+
+/// A message whose body is a local file. As the answer of a GET, the body is written to the file: from the
+/// offset the request asked for when the server answered 206, from the start (cutting off what was there)
+/// when it answered 200; any other status leaves the file alone. The written file and its folder are synced
+/// before the exchange counts as completed. As a PUT request, the file is the body that is sent.
+class HttpFileMessage : public HttpMessage {
+  public:
+    void SetBodyFile(const KelString& path) { bodyFile_ = path; }
+    const KelString& GetBodyFile() const { return bodyFile_; }
+
+    /// The size of the whole resource in bytes as it was announced, 0 when unknown; an answer that would make
+    /// the file larger is cut off with kHttpBadAnswer.
+    void SetExpectedSize(std::uint64_t bytes) { expectedSize_ = bytes; }
+    std::uint64_t GetExpectedSize() const { return expectedSize_; }
+
+  private:
+    KelString bodyFile_;
+    std::uint64_t expectedSize_ = 0;
+};

@@ -1,0 +1,78 @@
+#pragma once
+
+#include <cstddef>
+#include <string_view>
+
+#include "kel/debug.h"
+#include "kel/types.h"
+
+/// Operations of a module's entry function, in the order in which the agent drives them: Register,
+/// Initialise, Activate, then, at the end, Cleanup and Unregister. Suspend may come between Activate and
+/// Cleanup.
+enum class KelModuleOperation : unsigned int {
+    Register = 1,
+    Unregister = 2,
+    Initialise = 3,
+    Activate = 4,
+    Cleanup = 5,
+    GetDisplayName = 6,
+    GetVersion = 7,
+    Suspend = 9,
+};
+
+/// Results of the entry function.
+inline constexpr unsigned int kModuleSuccess = 1;
+inline constexpr unsigned int kModuleFailure = 2;
+inline constexpr unsigned int kModuleUnknownOperation = 5;
+
+/// Size in bytes of the buffer that GetDisplayName and GetVersion write a terminated text to.
+inline constexpr std::size_t kModuleTextBytes = 256;
+
+/// A module's entry function. `buffer` holds the registration handle (a terminated text) for Register and
+/// receives a text for GetDisplayName and GetVersion. Called on the agent's main thread only.
+using KelModuleMain = unsigned int (*)(unsigned int operation, long argument, char* buffer);
+
+/// The name under which a module's shared library exports its entry function, unmangled.
+inline constexpr const char* kModuleMainSymbol = "ModuleMain";
+
+/// The frame of a module that needs nothing special: derive, override what is needed, and export with
+/// KEL_MODULE_MAIN.
+class KelModule {
+  public:
+    /// `name` is the module's name: of its log, its ini file ("Name.ini" in the configuration folder) and its
+    /// data folder.
+    KelModule(const char* name, const char* displayName);
+    virtual ~KelModule() = default;
+    KelModule(const KelModule&) = delete;
+    KelModule& operator=(const KelModule&) = delete;
+
+    /// Runs one operation; exceptions that the overridden functions throw are logged and give kModuleFailure.
+    unsigned int Run(unsigned int operation, long argument, char* buffer);
+
+  protected:
+    virtual void Register(const char* handle) = 0;  ///< register actions and callbacks
+    virtual bool Initialise() { return true; }      ///< read the ini file; false stops the agent
+    virtual void Activate() {}                      ///< start threads
+    virtual void Cleanup() {}                       ///< stop threads; actions may still be called afterwards
+    virtual void Unregister() {}                    ///< remove callbacks; the agent removes the actions
+
+    KelString IniPath() const;  ///< the module's ini file
+    KelString DataPath()
+        const;  ///< the module's data folder, without "/" at its end; not created by this call
+    KelDebug& Log() { return log_; }
+
+  private:
+    KelString name_;
+    KelDebug log_;
+};
+
+/// Copies a text into a module's text buffer, cut to kModuleTextBytes with its terminator.
+void KelModuleSetText(char* buffer, std::string_view text);
+
+/// Exports the entry function of a shared library whose module is the class `Module`, one static instance.
+#define KEL_MODULE_MAIN(Module)                                                                              \
+    extern "C" __attribute__((visibility("default"))) unsigned int ModuleMain(unsigned int operation,        \
+                                                                              long argument, char* buffer) { \
+        static Module module;                                                                                \
+        return module.Run(operation, argument, buffer);                                                      \
+    }

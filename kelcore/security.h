@@ -1,0 +1,35 @@
+#pragma once
+
+#include <memory>
+
+#include "kel/types.h"
+
+/// TLS settings of outgoing connections: certificate files in PEM form (RFC 7468), empty for the system's
+/// defaults.
+struct AgentSecuritySslSettings {
+    KelString caFile;           ///< authorities that servers are checked against
+    KelString certificateFile;  ///< own certificate, may be empty
+    KelString keyFile;
+};
+using AgentSecuritySslContext = std::shared_ptr<const AgentSecuritySslSettings>;
+
+/// Proxy auto-configuration: a script whose function FindProxyForURL answers the proxy of a URL.
+struct AgentSecurityPacSettings {
+    KelString script;
+};
+using AgentSecurityPacContext = std::shared_ptr<const AgentSecurityPacSettings>;
+
+/// Sets the switches from the agent's configuration; an empty context switches the feature off. While no
+/// other thread runs.
+void AgentSecurityConfigure(AgentSecuritySslContext ssl, AgentSecurityPacContext pac);
+
+// Queries, from any thread.
+bool AgentSecuritySslForceSecCli();  ///< outgoing connections must use TLS
+AgentSecuritySslContext AgentSecuritySslCliCtxAcquire();
+bool AgentSecurityPacForceSecCli();  ///< outgoing connections ask the PAC script for their proxy
+AgentSecurityPacContext AgentSecurityPacShrCtxAcquire();
+
+/// Runs the script for `url` (host `host`): the first answer that can be used as "host:port", empty for a
+/// direct connection. Any thread; scripts run one at a time.
+KelString AgentSecurityPacFindProxy(const AgentSecurityPacSettings& settings, const KelString& url,
+                                    const KelString& host);
