@@ -17,10 +17,14 @@
 /// ones, 0 and 1 to bool); otherwise the default is returned. A container value is never converted.
 ///
 /// XML form (UTF-8): <Container><Value name="N" type="string">text</Value>…</Container>, types "string",
-/// "bool", "int32", "int64", "container". Every string survives the round trip, control characters and bytes
-/// that are no UTF-8 included. An apostrophe is always written as a character reference, so the text can
-/// stand between single quotes in an SQL statement. At most 64 levels deep and 64 MiB long; DOCTYPE is
-/// refused.
+/// "bool" (true, false), "int32", "int64", "container" (whose children are Value elements again); a missing
+/// type means string. Every string and every name survives the round trip: tab, line feed and carriage return
+/// are written as character references; a string that XML cannot hold (other control characters, U+FFFE,
+/// U+FFFF, bytes that are no UTF-8) is written in base64 (RFC 4648) and marked by encoding="base64", a name
+/// by nameEncoding="base64". An apostrophe is always written as a reference, so the text can stand between
+/// single quotes in an SQL statement. Reading refuses a text over 64 MiB, more than 64 containers inside each
+/// other, DOCTYPE, references other than to characters, elements and types not named here, and bytes that are
+/// no UTF-8.
 ///
 /// A plain value type: one thread at a time; copies are deep.
 class KelContainer {
@@ -77,7 +81,10 @@ class KelContainer {
     /// container is left empty. An empty text gives an empty container.
     KelStatus LoadFromXML(std::string_view xml);
 
+    /// Saves the XML form, durably and atomically. A container that LoadFromXML would refuse for its depth or
+    /// size is not saved.
     KelStatus SaveToFile(const KelString& path) const;
+    /// On an error the container is left empty.
     KelStatus LoadFromFile(const KelString& path);
 
     /// Saves the XML form to a new file, readable by its owner only, in `folder` (the system's folder for
@@ -85,12 +92,11 @@ class KelContainer {
     KelStatus SaveToTempFile(KelString& path, const KelString& folder = {}) const;
 
   private:
-    struct Entry;
+    struct Content;
     using Value = std::variant<KelString, bool, std::int32_t, std::int64_t, std::unique_ptr<KelContainer>>;
 
     const Value* Find(std::string_view name, std::uint32_t index) const;
     void Set(std::string_view name, std::uint32_t index, Value value);
 
-    std::unique_ptr<std::vector<Entry>>
-        entries_;  ///< in order of first appearance; never null but after a move
+    std::unique_ptr<Content> content_;  ///< null while nothing was ever set
 };

@@ -28,7 +28,8 @@ class IpAddress {
 };
 
 /// A list of address ranges, as "10.0.0.1-10.0.0.9, 192.168.0.0/24; 10.1.1.1": items separated by commas,
-/// semicolons or blanks, each a range, a network with its prefix length, or one address.
+/// semicolons or blanks, each a range, a network with its prefix length, or one address. Blanks may surround
+/// the hyphen of a range. Memory depends on the length of the text, not on the number of addresses.
 class IpRange {
   public:
     IpRange() = default;
@@ -41,7 +42,8 @@ class IpRange {
     bool Contains(IpAddress address) const;
 
     /// Walks the addresses in the order of the text: sets `address` to the one after `address` (with `first`
-    /// true to the first of all); false at the end.
+    /// true to the first of all); false at the end and when `address` is not contained. An address that
+    /// several items hold comes once, where it stands first.
     bool GetNextAddress(IpAddress& address, bool first) const;
 
   private:
@@ -49,5 +51,8 @@ class IpRange {
         std::uint32_t first;
         std::uint32_t last;
     };
-    KelVector<Item> items_;
+    static std::optional<Item> ParseItem(std::string_view text);
+    void Add(Item item);
+
+    KelVector<Item> items_;  ///< in the order of the text, without common addresses
 };

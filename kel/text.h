@@ -9,6 +9,9 @@
 /// Compares two texts; with `caseSensitive` false the ASCII letters compare equal whatever their case.
 bool IsEqualTo(std::string_view left, std::string_view right, bool caseSensitive);
 
+/// `text` with its ASCII letters in lower case.
+KelString ToLowerText(std::string_view text);
+
 /// `text` without leading and trailing blanks, tabs, carriage returns and line feeds.
 KelString Trim(std::string_view text);
 
@@ -31,3 +34,9 @@ KelVector<KelString> SplitText(std::string_view text, char separator);
 
 /// True when `text` holds a byte below 0x20 or 0x7F.
 bool HasControlCharacter(std::string_view text);
+
+/// Offset of the first byte of `text` that is not part of well-formed UTF-8 (RFC 3629), npos when all is.
+std::size_t FindIllFormedUtf8(std::string_view text);
+inline bool IsValidUtf8(std::string_view text) {
+    return FindIllFormedUtf8(text) == std::string_view::npos;
+}

@@ -36,6 +36,11 @@ class KelThread {
     /// True from Start until ThreadMain returns.
     bool IsThreadRunning() const;
 
+    /// What the cancellation that counts was called with, and the latest signal's value; 0 when there was
+    /// none since Start.
+    unsigned long CancelReason() const;
+    unsigned long LastSignal() const;
+
     /// True once Cancel was called; with `wait` true it first waits for up to one second for a cancellation.
     bool CheckCancelled(bool wait) const;
 
@@ -58,4 +63,6 @@ class KelThread {
     bool running_ = false;
     bool cancelled_ = false;
     bool signalled_ = false;
+    unsigned long cancelReason_ = 0;
+    unsigned long lastSignal_ = 0;
 };

@@ -1,0 +1,101 @@
+#include "kel/checksum.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+#include <cerrno>
+#include <memory>
+#include <stdexcept>
+
+#include <openssl/crypto.h>
+#include <openssl/evp.h>
+#include <openssl/rand.h>
+
+#include "kel/text.h"
+#include "kel/unique_fd.h"
+
+namespace {
+
+constexpr std::size_t kReadBytes = std::size_t{1} << 20;
+
+class Digest {
+  public:
+    explicit Digest(const EVP_MD* method) : context_(EVP_MD_CTX_new()) {
+        if (!context_ || EVP_DigestInit_ex(context_.get(), method, nullptr) != 1)
+            throw std::runtime_error("OpenSSL cannot compute this digest; check that it is not disabled");
+    }
+
+    void Add(const void* bytes, std::size_t count) { EVP_DigestUpdate(context_.get(), bytes, count); }
+
+    KelString Text() {
+        unsigned char bytes[EVP_MAX_MD_SIZE];
+        unsigned int length = 0;
+        EVP_DigestFinal_ex(context_.get(), bytes, &length);
+        return HexText({reinterpret_cast<const char*>(bytes), length});
+    }
+
+  private:
+    struct Free {
+        void operator()(EVP_MD_CTX* context) const { EVP_MD_CTX_free(context); }
+    };
+    std::unique_ptr<EVP_MD_CTX, Free> context_;
+};
+
+bool DigestOf(int fd, const EVP_MD* method, KelString& digest) {
+    Digest state(method);
+    const auto buffer = std::make_unique_for_overwrite<char[]>(kReadBytes);
+    ::posix_fadvise(fd, 0, 0, POSIX_FADV_SEQUENTIAL);
+    for (off_t offset = 0;;) {
+        const ssize_t got = ::pread(fd, buffer.get(), kReadBytes, offset);
+        if (got < 0 && errno == EINTR) continue;
+        if (got < 0) return false;
+        if (got == 0) break;
+        state.Add(buffer.get(), static_cast<std::size_t>(got));
+        offset += got;
+    }
+    digest = state.Text();
+    return true;
+}
+
+bool DigestOf(const KelString& path, const EVP_MD* method, KelString& digest) {
+    const UniqueFd fd(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    return fd && DigestOf(fd.Get(), method, digest);
+}
+
+KelString DigestOf(std::string_view text, const EVP_MD* method) {
+    Digest state(method);
+    state.Add(text.data(), text.size());
+    return state.Text();
+}
+
+}  // namespace
+
+bool FileMd5(const KelString& path, KelString& digest) {
+    return DigestOf(path, EVP_md5(), digest);
+}
+
+bool FileMd5(int fd, KelString& digest) {
+    return DigestOf(fd, EVP_md5(), digest);
+}
+
+bool FileSha256(const KelString& path, KelString& digest) {
+    return DigestOf(path, EVP_sha256(), digest);
+}
+
+KelString TextMd5(std::string_view text) {
+    return DigestOf(text, EVP_md5());
+}
+
+KelString TextSha256(std::string_view text) {
+    return DigestOf(text, EVP_sha256());
+}
+
+KelString RandomBytes(std::size_t count) {
+    KelString bytes(count, '\0');
+    if (RAND_bytes(reinterpret_cast<unsigned char*>(bytes.data()), static_cast<int>(count)) != 1)
+        throw std::runtime_error("The system gives no random bytes");
+    return bytes;
+}
+
+bool EqualInConstantTime(std::string_view left, std::string_view right) {
+    return left.size() == right.size() && CRYPTO_memcmp(left.data(), right.data(), left.size()) == 0;
+}

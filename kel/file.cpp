@@ -1,0 +1,160 @@
+#include "kel/file.h"
+
+#include <fcntl.h>
+#include <linux/openat2.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+#include <cerrno>
+#include <cstdlib>
+
+#include "kel/file_content.h"
+#include "kel/format.h"
+#include "kel/path.h"
+#include "kel/system_error.h"
+
+namespace {
+
+KelString FolderOf(const KelString& path) {
+    const std::size_t end = path.rfind('/');
+    return end == KelString::npos ? "." : path.substr(0, end + 1);
+}
+
+bool Sync(const KelString& path, int flags) {
+    const UniqueFd fd(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | flags));
+    return fd && ::fsync(fd.Get()) == 0;
+}
+
+bool SyncFolderOf(const KelString& path) {
+    return Sync(FolderOf(path), O_DIRECTORY);
+}
+
+/// A temporary file that is removed at the end unless it was moved into place.
+class TempFile {
+  public:
+    explicit TempFile(const KelString& folder) : fd_(FileCreateTemp(folder, path_)) {}
+    ~TempFile() {
+        if (fd_) ::unlink(path_.c_str());
+    }
+    TempFile(const TempFile&) = delete;
+    TempFile& operator=(const TempFile&) = delete;
+
+    int Fd() const { return fd_.Get(); }
+    explicit operator bool() const { return static_cast<bool>(fd_); }
+
+    /// Syncs the content and renames the file to `destination`; errno is set on failure.
+    bool MoveTo(const KelString& destination, bool failIfExists) {
+        if (::fsync(fd_.Get()) != 0 || !Rename(destination, failIfExists)) return false;
+        fd_.Reset();
+        return SyncFolderOf(destination);
+    }
+
+  private:
+    bool Rename(const KelString& destination, bool failIfExists) {
+        if (!failIfExists) return ::rename(path_.c_str(), destination.c_str()) == 0;
+        if (::renameat2(AT_FDCWD, path_.c_str(), AT_FDCWD, destination.c_str(), RENAME_NOREPLACE) == 0)
+            return true;
+        if (errno != EINVAL && errno != ENOSYS) return false;
+        // A file system without RENAME_NOREPLACE: link(2) refuses an existing name too.
+        return ::link(path_.c_str(), destination.c_str()) == 0 && ::unlink(path_.c_str()) == 0;
+    }
+
+    KelString path_;
+    UniqueFd fd_;
+};
+
+}  // namespace
+
+bool FileExists(const KelString& path) {
+    struct stat status {};
+    return ::stat(path.c_str(), &status) == 0 && !S_ISDIR(status.st_mode);
+}
+
+std::int64_t FileGetSize64(const KelString& path) {
+    struct stat status {};
+    return ::stat(path.c_str(), &status) == 0 && !S_ISDIR(status.st_mode) ? status.st_size : -1;
+}
+
+bool FileCopy(const KelString& source, const KelString& destination, bool failIfExists) {
+    // O_NONBLOCK: a pipe must not block the open.
+    const UniqueFd from(::open(source.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    struct stat status {};
+    if (!from || ::fstat(from.Get(), &status) != 0 || !S_ISREG(status.st_mode)) return false;
+    if (failIfExists && (FileExists(destination) || ::access(destination.c_str(), F_OK) == 0)) {
+        errno = EEXIST;
+        return false;
+    }
+    TempFile copy(FolderOf(destination));
+    return copy && FileCopyContent(from.Get(), copy.Fd()) &&
+           ::fchmod(copy.Fd(), status.st_mode & 0777) == 0 && copy.MoveTo(destination, failIfExists);
+}
+
+bool FileRename(const KelString& source, const KelString& destination) {
+    // A symbolic link (ELOOP) has no content of its own to put on the disk.
+    if (!Sync(source, O_NOFOLLOW) && errno != ELOOP) return false;
+    if (::rename(source.c_str(), destination.c_str()) == 0) {
+        const KelString from = FolderOf(source);
+        const KelString to = FolderOf(destination);
+        return Sync(to, O_DIRECTORY) && (from == to || Sync(from, O_DIRECTORY));
+    }
+    return errno == EXDEV && FileCopy(source, destination, false) && FileDelete(source);
+}
+
+bool FileDelete(const KelString& path) {
+    return ::unlink(path.c_str()) == 0 || errno == ENOENT || errno == ENOTDIR;
+}
+
+KelStatus FileWriteText(const KelString& path, std::string_view content, unsigned int mode) {
+    TempFile file(FolderOf(path));
+    if (!file || !FileWriteAll(file.Fd(), content) || ::fchmod(file.Fd(), mode & 07777) != 0 ||
+        !file.MoveTo(path, false))
+        return SystemError("A file cannot be written:", path);
+    return {};
+}
+
+KelResult<KelString> FileReadText(const KelString& path, std::uint64_t maxBytes) {
+    const UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    KelString content;
+    if (!fd || !FileReadAll(fd.Get(), maxBytes, content)) {
+        if (fd && errno == EFBIG)
+            return KelError{
+                1, KelFormat("The file \"%S\" is refused: it holds more than %gu bytes", path, maxBytes)};
+        return SystemError("A file cannot be read:", path);
+    }
+    return content;
+}
+
+bool FileSync(const KelString& path) {
+    return Sync(path, 0) && SyncFolderOf(path);
+}
+
+UniqueFd FileCreateTemp(const KelString& folder, KelString& path) {
+    KelString name = folder;
+    if (name.empty()) {
+        const char* fromEnvironment = std::getenv("TMPDIR");
+        name = fromEnvironment != nullptr && *fromEnvironment != '\0' ? fromEnvironment : "/tmp";
+    }
+    if (name.back() != '/') name += '/';
+    name += ".kel-XXXXXX";
+    UniqueFd fd(::mkostemp(name.data(), O_CLOEXEC));
+    if (fd) path = name;
+    return fd;
+}
+
+UniqueFd FileOpenBeneath(const KelString& root, const KelString& relativePath, int flags, unsigned int mode) {
+    if (relativePath.find('\0') != KelString::npos) {
+        errno = EINVAL;
+        return {};
+    }
+    const UniqueFd folder(::open(root.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    if (!folder) return {};
+    open_how how{};
+    how.flags = static_cast<unsigned int>(flags | O_CLOEXEC);
+    if ((flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE) how.mode = mode;
+    how.resolve = RESOLVE_BENEATH | RESOLVE_NO_MAGICLINKS;
+    // The kernel gives up with EAGAIN when a rename elsewhere crosses its walk.
+    for (int attempt = 0;; ++attempt) {
+        const long fd = ::syscall(SYS_openat2, folder.Get(), relativePath.c_str(), &how, sizeof how);
+        if (fd >= 0 || errno != EAGAIN || attempt == 16) return UniqueFd(static_cast<int>(fd));
+    }
+}

@@ -1,0 +1,67 @@
+#include "kel/file_content.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+#include <algorithm>
+#include <cerrno>
+#include <memory>
+
+namespace {
+
+constexpr std::size_t kBufferBytes = 256 * 1024;
+constexpr std::size_t kKernelCopyBytes = std::size_t{64} << 20;
+
+}  // namespace
+
+bool FileWriteAll(int fd, std::string_view content) {
+    while (!content.empty()) {
+        const ssize_t written = ::write(fd, content.data(), content.size());
+        if (written < 0 && errno == EINTR) continue;
+        if (written < 0) return false;
+        content.remove_prefix(static_cast<std::size_t>(written));
+    }
+    return true;
+}
+
+bool FileReadAll(int fd, std::uint64_t maxBytes, KelString& content) {
+    struct stat status {};
+    if (::fstat(fd, &status) != 0) return false;
+    content.clear();
+    // Room for one byte more than the size says, so that the end is seen without another growth.
+    const std::uint64_t expected =
+        std::min<std::uint64_t>(static_cast<std::uint64_t>(status.st_size), maxBytes);
+    std::size_t used = 0;
+    content.resize(expected + 1);
+    for (;;) {
+        if (used == content.size()) content.resize(content.size() + kBufferBytes);
+        const ssize_t got = ::read(fd, content.data() + used, content.size() - used);
+        if (got < 0 && errno == EINTR) continue;
+        if (got < 0) return false;
+        used += static_cast<std::size_t>(got);
+        if (used > maxBytes) {
+            errno = EFBIG;
+            return false;
+        }
+        if (got == 0) break;
+    }
+    content.resize(used);
+    return true;
+}
+
+bool FileCopyContent(int source, int destination) {
+    for (;;) {
+        const ssize_t copied = ::copy_file_range(source, nullptr, destination, nullptr, kKernelCopyBytes, 0);
+        if (copied < 0 && errno == EINTR) continue;
+        if (copied < 0 && (errno == ENOSPC || errno == EDQUOT || errno == EIO || errno == EFBIG))
+            return false;
+        // Some file systems cannot, and some special ones say 0 where there is content: read on to be sure.
+        if (copied <= 0) break;
+    }
+    const auto buffer = std::make_unique<char[]>(kBufferBytes);
+    for (;;) {
+        const ssize_t got = ::read(source, buffer.get(), kBufferBytes);
+        if (got < 0 && errno == EINTR) continue;
+        if (got <= 0) return got == 0;
+        if (!FileWriteAll(destination, {buffer.get(), static_cast<std::size_t>(got)})) return false;
+    }
+}
