@@ -62,6 +62,8 @@ class KelModule {
     KelDebug& Log() { return log_; }
 
   private:
+    unsigned int RunOperation(KelModuleOperation operation, char* buffer);
+
     KelString name_;
     KelDebug log_;
 };

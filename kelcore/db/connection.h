@@ -3,10 +3,14 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 
 #include "kel/debug.h"
+#include "kel/result.h"
 #include "kel/types.h"
 #include "kelcore/db/result.h"
+
+class IniFile;
 
 /// Reports the progress of an upgrade: version reached, version aimed at.
 using DBUpgradeProgress = std::function<void(unsigned int, unsigned int)>;
@@ -22,8 +26,9 @@ class DBConnection {
     DBConnection(const DBConnection&) = delete;
     DBConnection& operator=(const DBConnection&) = delete;
 
-    /// Runs one statement and gives its rows (none for a write). Null when it failed; the failure is logged
-    /// with the statement and SQLite's message.
+    /// Runs exactly one statement and gives its rows (none for a write). Null when it failed; the failure is
+    /// logged with the statement and SQLite's message. In a transaction that an earlier failure (a full disk)
+    /// has rolled back, every write fails until it is ended.
     std::shared_ptr<const DBResult> Query(const KelString& statement);
 
     // Each true on success; failures are logged.
@@ -52,7 +57,8 @@ class DBConnection {
 
     /// Runs the statements `Sql1`, `Sql2`, … (without gaps) of `section` in the ini file, each of which may
     /// hold several statements separated by ";". With `once`, each entry that ran is remembered in the table
-    /// `DatabaseInformation` and not run again. Failures are logged and do not stop the rest; true when all
+    /// `DatabaseInformation` and not run again; it runs in a transaction with its mark, so it must hold no
+    /// transaction statements. Failures are logged and do not stop the entries after them; true when all
     /// succeeded.
     bool RunIniScripts(const KelString& iniFile, const KelString& section, bool once);
 
@@ -68,6 +74,15 @@ class DBConnection {
     struct Handle;
     DBConnection(std::unique_ptr<Handle> handle, KelDebug& log);
 
+    /// Logs a failure; true when there is none.
+    bool Check(const KelStatus& status, const KelString& statement) const;
+    bool OpenScripts(IniFile& ini, const KelString& iniFile) const;
+    bool RunScript(const KelString& script);
+    bool RunScriptOnce(const KelString& markerKey, const KelString& script);
+    bool CreateKeyTable(const KelString& table, const KelString& keyColumn, const KelString& valueColumn);
+    std::optional<unsigned int> ReadSchemaVersion(const KelString& table, const KelString& keyColumn,
+                                                  const KelString& valueColumn);
+
     std::unique_ptr<Handle> handle_;
     KelDebug& log_;
 };
@@ -80,6 +95,8 @@ class DBTransaction {
     ~DBTransaction();
     DBTransaction(const DBTransaction&) = delete;
     DBTransaction& operator=(const DBTransaction&) = delete;
+    /// False when the transaction could not be begun: what runs now would take effect at once.
+    bool IsOpen() const { return open_; }
     bool Commit();
 
   private:

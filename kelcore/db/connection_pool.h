@@ -12,8 +12,8 @@ class DBConnectionPool {
     /// The log of the connections made afterwards; must outlive them. Required.
     void SetDebug(KelDebug& log) { log_ = &log; }
 
-    /// With true, the pool hands out its connections to one thread at a time; false leaves that to the
-    /// callers.
+    /// With true, CreateConnection waits up to 30 s for the file's present connection to be closed, so that
+    /// threads use it in turn; with false (the default) it refuses at once.
     void SetSerialConnections(bool serial) { serial_ = serial; }
 
     /// `kind`: "SQLITE32" is the only one. `path`: the database file. `server`, `user`, `password` and `port`
@@ -23,8 +23,8 @@ class DBConnectionPool {
 
     /// Opens the database file, creating it (mode 0600) when it is missing. After an unclean stop a quick
     /// check runs first; a database that fails it is moved aside to "<file>.damaged-<time>" and a new one
-    /// made, with an error in the log. Null on failure (logged). A second connection to a file that this
-    /// process has open already is refused.
+    /// made, with an error in the log. Null on failure (logged). A file has one connection in this process at
+    /// a time; a second one is refused.
     std::unique_ptr<DBConnection> CreateConnection();
 
   private:

@@ -56,6 +56,8 @@ class HttpClient {
   private:
     unsigned int Exchange(const HttpMessage& request, HttpMessage& answer,
                           HttpManagedTransmission* transmission);
+    unsigned int RunOnHandle(const HttpMessage& request, HttpMessage& answer,
+                             HttpManagedTransmission* transmission);
 
     KelDebug* log_ = nullptr;
     int connectTimeout_;

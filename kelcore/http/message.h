@@ -9,6 +9,13 @@ enum class HttpMethod { Get, Head, Post, Put };
 /// An HTTP request or answer (RFC 9110). A plain value: one thread at a time.
 class HttpMessage {
   public:
+    HttpMessage() = default;
+    virtual ~HttpMessage() = default;
+    HttpMessage(const HttpMessage&) = default;
+    HttpMessage& operator=(const HttpMessage&) = default;
+    HttpMessage(HttpMessage&&) = default;
+    HttpMessage& operator=(HttpMessage&&) = default;
+
     void SetMethod(HttpMethod method) { method_ = method; }
     HttpMethod GetMethod() const { return method_; }
 
@@ -41,6 +48,7 @@ class HttpMessage {
     // Answers only.
     void SetStatus(unsigned int status) { status_ = status; }
     unsigned int GetStatus() const { return status_; }
+    void ClearHeaders() { headers_.clear(); }
     void SetHeader(const KelString& name, const KelString& value) { headers_[name] = value; }
     /// `name` in lower case; empty when the answer has no such header.
     KelString GetHeader(const KelString& name) const {

@@ -1,0 +1,153 @@
+#include "kelcore/action_db.h"
+
+#include <algorithm>
+#include <condition_variable>
+#include <exception>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <utility>
+
+#include "kelcore/action_db_remote.h"
+#include "kelcore/action_signature.h"
+#include "kelcore/core_log.h"
+#include "kelcore/error_codes.h"
+
+namespace {
+
+struct Action {
+    KelString signature;
+    KelString handle;
+    KelActionHandler handler;
+};
+
+class ActionRegistry {
+  public:
+    void Add(const KelString& name, std::shared_ptr<const Action> action) {
+        const std::lock_guard lock(mutex_);
+        // The replaced action, if any, is destroyed with the parameter, after the lock.
+        actions_[name].swap(action);
+    }
+
+    void RemoveAll(const KelString& handle) {
+        KelVector<std::shared_ptr<const Action>> removed;
+        std::unique_lock lock(mutex_);
+        for (auto at = actions_.begin(); at != actions_.end();) {
+            if (at->second->handle != handle) {
+                ++at;
+                continue;
+            }
+            removed.push_back(std::move(at->second));
+            at = actions_.erase(at);
+        }
+        callEnded_.wait(lock, [&] { return calls_.find(handle) == calls_.end(); });
+    }
+
+    bool Has(const KelString& name) const {
+        const std::lock_guard lock(mutex_);
+        return actions_.count(name) != 0;
+    }
+
+    KelVector<KelString> Signatures() const {
+        KelVector<KelString> signatures;
+        const std::lock_guard lock(mutex_);
+        for (const auto& [name, action] : actions_)
+            signatures.push_back(action->signature);
+        return signatures;
+    }
+
+    /// The action, counted as being called until EndCall; null when there is none.
+    std::shared_ptr<const Action> BeginCall(const KelString& name) {
+        const std::lock_guard lock(mutex_);
+        const auto found = actions_.find(name);
+        if (found == actions_.end()) return nullptr;
+        ++calls_[found->second->handle];
+        return found->second;
+    }
+
+    void EndCall(std::shared_ptr<const Action> action) {
+        const KelString handle = action->handle;
+        // A module is unloaded once its calls have ended: its handler object must be gone before the count.
+        action.reset();
+        const std::lock_guard lock(mutex_);
+        const auto found = calls_.find(handle);
+        if (--found->second != 0) return;
+        calls_.erase(found);
+        callEnded_.notify_all();
+    }
+
+  private:
+    mutable std::mutex mutex_;  // guards all below; never held while a handler runs
+    std::condition_variable callEnded_;
+    std::map<KelString, std::shared_ptr<const Action>> actions_;
+    KelHash<KelString, unsigned int> calls_;  // calls in progress per handle, those of replaced actions too
+};
+
+ActionRegistry& Registry() {
+    static ActionRegistry registry;
+    return registry;
+}
+
+unsigned int RunHandler(const Action& action, const KelString& name, KelContainer& container) {
+    try {
+        return action.handler(&container);
+    } catch (const std::exception& failure) {
+        CoreLog().Error("Action %S failed: %s\n", name, failure.what());
+    } catch (...) {
+        CoreLog().Error("Action %S failed for an unknown reason.\n", name);
+    }
+    return kKelErrorInternal;
+}
+
+}  // namespace
+
+void ActionDbRegisterAction(const KelString& signature, KelActionHandler handler, const char* handle) {
+    const KelString name = ActionNameOfSignature(signature);
+    if (name.empty() || !handler) {
+        CoreLog().Error("Action \"%S\" cannot be registered: it has no name or no handler.\n", signature);
+        return;
+    }
+    Registry().Add(name, std::make_shared<const Action>(
+                             Action{signature, handle != nullptr ? handle : "", std::move(handler)}));
+}
+
+void ActionDbUnregisterAll(const char* handle) {
+    Registry().RemoveAll(handle != nullptr ? handle : "");
+}
+
+bool ActionDbIsActionRegistered(const KelString& actionName) {
+    return Registry().Has(actionName);
+}
+
+KelVector<KelString> ActionDbListActions() {
+    KelVector<KelString> signatures = Registry().Signatures();
+    std::sort(signatures.begin(), signatures.end());
+    return signatures;
+}
+
+unsigned int ActionDbInvokeLocal(const KelString& actionName, KelContainer& container) {
+    std::shared_ptr<const Action> action = Registry().BeginCall(actionName);
+    if (!action) {
+        CoreLog().Detail("Action %S is not registered.\n", actionName);
+        return kKelErrorUnknownAction;
+    }
+    const unsigned int result = RunHandler(*action, actionName, container);
+    Registry().EndCall(std::move(action));
+    return result;
+}
+
+unsigned int ActionDbInvokeContainer(const char* source, const KelString& deviceUrl,
+                                     const KelString& actionName, KelContainer& container,
+                                     [[maybe_unused]] unsigned int flags, int connectTimeout, int callTimeout,
+                                     IpAddress* localAddress) {
+    if (CoreLog().IsOn(KelDebugLevel::Trace))
+        CoreLog().Trace("%s calls %S.\n", source != nullptr ? source : "This device", actionName);
+    if (deviceUrl.empty()) return ActionDbInvokeLocal(actionName, container);
+    try {
+        return ActionDbInvokeRemote(deviceUrl, actionName, container, connectTimeout, callTimeout,
+                                    localAddress);
+    } catch (const std::exception& failure) {
+        CoreLog().Error("Call of %S on another device failed: %s\n", actionName, failure.what());
+        return kKelErrorInternal;
+    }
+}

@@ -1,0 +1,114 @@
+#include "kelcore/action_db_remote.h"
+
+#include <cstdint>
+#include <limits>
+#include <memory>
+#include <optional>
+#include <utility>
+
+#include "kel/text.h"
+#include "kelcore/core_log.h"
+#include "kelcore/error_codes.h"
+#include "kelcore/http/client.h"
+#include "kelcore/http/url.h"
+#include "kelcore/security.h"
+
+namespace {
+
+constexpr int kDefaultConnectTimeout = 10;  // seconds
+constexpr int kDefaultCallTimeout = 60;     // seconds
+
+void SetUp(HttpClient& client, const UrlInet& url) {
+    client.SetDebugContext(CoreLog());
+    client.SetServer(url.host, url.port);
+    client.SetAuthentification(url.user, url.password);
+    if (AgentSecuritySslForceSecCli()) {
+        client.EnableSsl(AgentSecuritySslCliCtxAcquire());
+    } else if (url.scheme == "https") {
+        client.EnableSsl(std::make_shared<const AgentSecuritySslSettings>());
+    }
+    if (AgentSecurityPacForceSecCli()) client.EnablePac(AgentSecurityPacShrCtxAcquire());
+}
+
+unsigned int ErrorOfExchange(unsigned int exchange) {
+    switch (exchange) {
+        case kHttpBadRequest:
+            return kKelErrorBadInput;
+        case kHttpBadAnswer:
+            return kKelErrorBadAnswer;
+        default:
+            return kKelErrorUnreachable;
+    }
+}
+
+unsigned int ErrorOfStatus(unsigned int status) {
+    switch (status) {
+        case 401:
+            return kKelErrorCredentials;
+        case 404:
+            return kKelErrorUnknownAction;
+        default:
+            return kKelErrorBadAnswer;
+    }
+}
+
+std::optional<unsigned int> ActionResult(const HttpMessage& answer) {
+    const std::optional<std::uint64_t> result = ParseUint64(answer.GetHeader("kel-result"));
+    if (!result || *result > std::numeric_limits<unsigned int>::max()) return std::nullopt;
+    return static_cast<unsigned int>(*result);
+}
+
+unsigned int TakeAnswer(const HttpMessage& answer, const KelString& callee, KelContainer& container) {
+    if (answer.GetStatus() != 200) {
+        const unsigned int error = ErrorOfStatus(answer.GetStatus());
+        CoreLog().Warning("Call of %S refused with HTTP status %u, error %u.\n", callee, answer.GetStatus(),
+                          error);
+        return error;
+    }
+    const std::optional<unsigned int> result = ActionResult(answer);
+    if (!result) {
+        CoreLog().Warning("Call of %S: the answer holds no action result; is the peer an agent?\n", callee);
+        return kKelErrorBadAnswer;
+    }
+    KelContainer results;
+    if (const KelStatus loaded = results.LoadFromXML(answer.GetBody()); !loaded) {
+        CoreLog().Warning("Call of %S: unreadable answer: %S\n", callee, loaded.Error().message);
+        return kKelErrorBadAnswer;
+    }
+    container = std::move(results);
+    return *result;
+}
+
+}  // namespace
+
+unsigned int ActionDbInvokeRemote(const KelString& deviceUrl, const KelString& actionName,
+                                  KelContainer& container, int connectTimeout, int callTimeout,
+                                  IpAddress* localAddress) {
+    UrlInet url;
+    if (!UrlParseInet(deviceUrl, url)) {
+        // The text may hold a password, so it stays out of the log.
+        CoreLog().Warning("Call of %S: the device URL is malformed.\n", actionName);
+        return kKelErrorUnreachable;
+    }
+    const KelString callee =
+        KelFormat("%S on %S:%u", actionName, url.host, static_cast<unsigned int>(url.port));
+
+    const int connectSeconds = connectTimeout < 0 ? kDefaultConnectTimeout : connectTimeout;
+    const int answerSeconds = callTimeout < 0 ? kDefaultCallTimeout : callTimeout;
+    HttpClient client(connectSeconds, connectSeconds + answerSeconds);
+    SetUp(client, url);
+
+    HttpMessage request;
+    request.SetMethod(HttpMethod::Post);
+    request.SetResourcePath("/Action/" + actionName);
+    request.SetBody(container.SaveToXML(), "application/xml");
+    HttpMessage answer;
+    const unsigned int exchange = client.SendAndRecv(request, answer);
+    if (exchange != kHttpCompleted) {
+        // Callers warn of a device that cannot be reached, with its name; the reason is known here only.
+        CoreLog().Detail("Call of %S failed: %S\n", callee, client.GetErrorText());
+        return ErrorOfExchange(exchange);
+    }
+    if (localAddress != nullptr) *localAddress = client.GetLocalAddress();
+    return TakeAnswer(answer, callee, container);
+}

@@ -1,0 +1,11 @@
+#pragma once
+
+#include "kel/container.h"
+#include "kel/ip_address.h"
+#include "kel/types.h"
+
+/// The part of ActionDbInvokeContainer that calls another device; parameters and results as there. The
+/// container changes only when the action ran.
+unsigned int ActionDbInvokeRemote(const KelString& deviceUrl, const KelString& actionName,
+                                  KelContainer& container, int connectTimeout, int callTimeout,
+                                  IpAddress* localAddress);

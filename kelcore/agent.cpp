@@ -1,0 +1,38 @@
+#include "kelcore/agent.h"
+
+#include <utility>
+
+#include "kelcore/core_log.h"
+
+namespace {
+
+KelAgentSettings& Settings() {
+    static KelAgentSettings settings;
+    return settings;
+}
+
+}  // namespace
+
+void KelAgentConfigure(KelAgentSettings settings) {
+    CoreLog().SetContext(settings.debugContext);
+    Settings() = std::move(settings);
+}
+
+const KelString& KelAgentGetConfigDir() {
+    return Settings().configDir;
+}
+const KelString& KelAgentGetDataDir() {
+    return Settings().dataDir;
+}
+const KelString& KelAgentGetName() {
+    return Settings().name;
+}
+const KelString& KelAgentGetHttpPassword() {
+    return Settings().httpPassword;
+}
+const KelString& KelAgentGetAddress() {
+    return Settings().address;
+}
+std::shared_ptr<KelDebugContext> KelAgentGetDebugContext() {
+    return Settings().debugContext;
+}

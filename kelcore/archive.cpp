@@ -1,0 +1,171 @@
+#include "kelcore/archive.h"
+
+#include <unistd.h>
+#include <zip.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+#include "kel/directory.h"
+#include "kel/file.h"
+#include "kel/path.h"
+#include "kel/text.h"
+
+namespace {
+
+constexpr std::size_t kMaxEntryName = 65535;  // bytes, the format's limit
+constexpr double kProgressStep = 0.01;
+
+bool IsEntryName(const KelString& name) {
+    if (name.size() > kMaxEntryName) return false;
+    const KelVector<KelString> elements = SplitText(name, '/');
+    return std::all_of(elements.begin(), elements.end(),
+                       [](const KelString& element) { return IsSafePathElement(element); });
+}
+
+KelString FolderOf(const KelString& path) {
+    KelString folder;
+    KelString name;
+    SplitPath(path, folder, name);
+    return folder.empty() ? KelString("./") : folder;
+}
+
+KelString TextOf(int code) {
+    zip_error_t error;
+    zip_error_init_with_code(&error, code);
+    KelString text = zip_error_strerror(&error);
+    zip_error_fini(&error);
+    return text;
+}
+
+}  // namespace
+
+void GenericArchive::Discard::operator()(zip* archive) const {
+    zip_discard(archive);
+}
+
+GenericArchive::GenericArchive(int kind) : kind_(kind) {}
+
+GenericArchive::~GenericArchive() {
+    Abandon();
+}
+
+unsigned int GenericArchive::Create(const KelString& path) {
+    const unsigned int result = Begin(path);
+    return result != kArchiveDone ? result : OpenWork(ZIP_CREATE | ZIP_TRUNCATE);
+}
+
+unsigned int GenericArchive::Open(const KelString& path) {
+    if (!FileExists(path)) return Fail(kArchiveNoFile, "no archive " + path);
+    const unsigned int result = Begin(path);
+    if (result != kArchiveDone) return result;
+    // The library replaces the name it opened; under a second name the old archive stays until all is synced.
+    FileDelete(workPath_);
+    if (link(path.c_str(), workPath_.c_str()) != 0 && !FileCopy(path, workPath_, true))
+        return Fail(kArchiveNoFile, "cannot read " + path);
+    return OpenWork(ZIP_CHECKCONS);
+}
+
+unsigned int GenericArchive::Begin(const KelString& path) {
+    Abandon();
+    errorText_.clear();
+    if (kind_ != kArchiveZip)
+        return Fail(kArchiveBadInput, "unknown kind of archive " + std::to_string(kind_));
+    path_ = path;
+    if (!FileCreateTemp(FolderOf(path), workPath_)) {
+        workPath_.clear();
+        return Fail(kArchiveNotWritten, "cannot write beside " + path);
+    }
+    return kArchiveDone;
+}
+
+unsigned int GenericArchive::OpenWork(int flags) {
+    int error = ZIP_ER_OK;
+    zip_.reset(zip_open(workPath_.c_str(), flags, &error));
+    if (zip_) return kArchiveDone;
+    const KelString text = "cannot open the archive " + path_ + ": " + TextOf(error);
+    const bool unreadable = error == ZIP_ER_OPEN || error == ZIP_ER_READ || error == ZIP_ER_NOENT;
+    Abandon();
+    return Fail(unreadable ? kArchiveNoFile : kArchiveDamaged, text);
+}
+
+unsigned int GenericArchive::AddEntry(const KelString& entryName, const KelString& sourcePath, int level,
+                                      Progress progress) {
+    if (!zip_) return Fail(kArchiveBadInput, "no archive is open");
+    if (!IsEntryName(entryName) || level < 0 || level > 9)
+        return Fail(kArchiveBadInput,
+                    "unusable entry name \"" + entryName + "\" or level " + std::to_string(level));
+    if (!FileExists(sourcePath) || access(sourcePath.c_str(), R_OK) != 0)
+        return Fail(kArchiveNoFile, "cannot read " + sourcePath);
+    zip_source_t* source = zip_source_file(zip_.get(), sourcePath.c_str(), 0, -1);
+    if (source == nullptr) return Fail(kArchiveNoFile, zip_strerror(zip_.get()));
+    const zip_int64_t index = zip_file_add(zip_.get(), entryName.c_str(), source, ZIP_FL_ENC_GUESS);
+    if (index < 0) {
+        zip_source_free(source);
+        const bool exists = zip_error_code_zip(zip_get_error(zip_.get())) == ZIP_ER_EXISTS;
+        return Fail(exists ? kArchiveHasEntry : kArchiveBadInput,
+                    entryName + ": " + zip_strerror(zip_.get()));
+    }
+    zip_set_file_compression(zip_.get(), static_cast<zip_uint64_t>(index),
+                             level == 0 ? ZIP_CM_STORE : ZIP_CM_DEFLATE, static_cast<zip_uint32_t>(level));
+    changed_ = true;
+    if (progress) progress_ = std::move(progress);
+    return kArchiveDone;
+}
+
+unsigned int GenericArchive::Close() {
+    if (!zip_) return Fail(kArchiveBadInput, "no archive is open");
+    unsigned int result = kArchiveDone;
+    if (zip_get_num_entries(zip_.get(), 0) <= 0)
+        result = Fail(kArchiveBadInput, "nothing was added to " + path_);
+    else if (changed_)
+        result = WriteOut();
+    Abandon();
+    return result;
+}
+
+unsigned int GenericArchive::WriteOut() {
+    bool going = true;
+    struct State {
+        const Progress& progress;
+        bool& going;
+    } state{progress_, going};
+    if (progress_) {
+        zip_register_progress_callback_with_state(
+            zip_.get(), kProgressStep,
+            [](zip_t*, double done, void* data) {
+                auto& told = *static_cast<State*>(data);
+                told.going = told.going && told.progress(done);
+            },
+            nullptr, &state);
+        zip_register_cancel_callback_with_state(
+            zip_.get(), [](zip_t*, void* data) { return static_cast<State*>(data)->going ? 0 : 1; }, nullptr,
+            &state);
+    }
+    if (zip_close(zip_.get()) != 0) {
+        const int code = zip_error_code_zip(zip_get_error(zip_.get()));
+        const KelString text = "cannot write the archive " + path_ + ": " + zip_strerror(zip_.get());
+        if (code == ZIP_ER_CANCELLED) return Fail(kArchiveCancelled, text);
+        return Fail(code == ZIP_ER_OPEN || code == ZIP_ER_READ ? kArchiveNoFile : kArchiveNotWritten, text);
+    }
+    zip_.release();  // closing has freed it
+    // FileRename puts the folder's entry on the disk, the content must be there before.
+    if (!FileSync(workPath_) || !FileRename(workPath_, path_))
+        return Fail(kArchiveNotWritten,
+                    "cannot put the archive " + path_ + " in place: " + std::strerror(errno));
+    return kArchiveDone;
+}
+
+void GenericArchive::Abandon() {
+    zip_.reset();
+    if (!workPath_.empty()) FileDelete(workPath_);
+    workPath_.clear();
+    changed_ = false;
+    progress_ = {};
+}
+
+unsigned int GenericArchive::Fail(unsigned int result, KelString text) {
+    errorText_ = std::move(text);
+    return result;
+}

@@ -1,0 +1,6 @@
+#include "kelcore/core_log.h"
+
+KelDebug& CoreLog() {
+    static KelDebug log("KelCore", "Agent services");
+    return log;
+}

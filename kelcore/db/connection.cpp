@@ -1,0 +1,122 @@
+#include "kelcore/db/connection.h"
+
+#include <utility>
+
+#include "kel/text.h"
+#include "kelcore/db/connection_handle.h"
+
+namespace {
+
+constexpr std::size_t kLoggedStatementBytes = 500;
+
+KelString Shortened(const KelString& statement) {
+    if (statement.size() <= kLoggedStatementBytes) return statement;
+    std::size_t end = kLoggedStatementBytes;
+    while (end > 0 && (static_cast<unsigned char>(statement[end]) & 0xC0) == 0x80)
+        --end;  // not within a UTF-8 character
+    return statement.substr(0, end) + "...";
+}
+
+}  // namespace
+
+DBConnection::DBConnection(std::unique_ptr<Handle> handle, KelDebug& log)
+    : handle_(std::move(handle)), log_(log) {}
+
+DBConnection::~DBConnection() = default;
+
+bool DBConnection::Check(const KelStatus& status, const KelString& statement) const {
+    if (!status)
+        log_.Error("Database %S: %S in: %S\n", handle_->claim.RealPath(), status.Error().message,
+                   Shortened(statement));
+    return static_cast<bool>(status);
+}
+
+std::shared_ptr<const DBResult> DBConnection::Query(const KelString& statement) {
+    std::unique_lock lock(handle_->mutex);
+    KelResult<DBResult> result = handle_->database.Run(statement);
+    if (!result) {
+        lock.unlock();
+        Check(result.Error(), statement);
+        return nullptr;
+    }
+    auto rows = std::make_shared<const DBResult>(std::move(*result));
+    if (handle_->keepsLastResult) handle_->lastResult = rows;
+    return rows;
+}
+
+bool DBConnection::BeginTransaction() {
+    const std::lock_guard lock(handle_->mutex);
+    return Check(handle_->database.Begin(), "BEGIN");
+}
+
+bool DBConnection::CommitTransaction() {
+    const std::lock_guard lock(handle_->mutex);
+    return Check(handle_->database.Commit(), "COMMIT");
+}
+
+bool DBConnection::RollbackTransaction() {
+    const std::lock_guard lock(handle_->mutex);
+    return Check(handle_->database.Rollback(), "ROLLBACK");
+}
+
+bool DBConnection::Flush() {
+    const std::lock_guard lock(handle_->mutex);
+    return Check(handle_->database.Checkpoint(), "checkpoint");
+}
+
+void DBConnection::DisableBackupResult() {
+    const std::lock_guard lock(handle_->mutex);
+    handle_->keepsLastResult = false;
+    handle_->lastResult.reset();
+}
+
+std::shared_ptr<const DBResult> DBConnection::GetLastResult() const {
+    const std::lock_guard lock(handle_->mutex);
+    return handle_->lastResult;
+}
+
+KelVector<KelString> DBConnection::GetTablesList() {
+    const auto result = Query(
+        "SELECT name FROM sqlite_master WHERE type = 'table' AND name NOT LIKE 'sqlite\\_%' ESCAPE '\\' "
+        "ORDER BY name");
+    KelVector<KelString> tables;
+    for (std::size_t row = 0; result && row < result->GetRowCount(); ++row)
+        tables.push_back(result->GetString(row, "name"));
+    return tables;
+}
+
+KelString DBConnection::ReadString(const KelString& table, const KelString& column,
+                                   const KelString& keyColumn, std::uint64_t key, const KelString& fallback) {
+    const auto result =
+        Query(KelFormat("SELECT %S FROM %S WHERE %S = %gu LIMIT 1", column, table, keyColumn, key));
+    if (!result || result->GetRowCount() == 0) return fallback;
+    return result->GetString(0, std::size_t{0});
+}
+
+std::int64_t DBConnection::ReadInteger(const KelString& table, const KelString& column,
+                                       const KelString& keyColumn, std::uint64_t key, std::int64_t fallback) {
+    const auto result =
+        Query(KelFormat("SELECT %S FROM %S WHERE %S = %gu LIMIT 1", column, table, keyColumn, key));
+    return result && result->GetRowCount() != 0 ? result->GetInt64(0, std::size_t{0}) : fallback;
+}
+
+std::int64_t DBConnection::ReadInteger(const KelString& table, const KelString& column,
+                                       const KelString& keyColumn, const KelString& key,
+                                       std::int64_t fallback) {
+    const auto result =
+        Query(KelFormat("SELECT %S FROM %S WHERE %S = '%Q' LIMIT 1", column, table, keyColumn, key));
+    return result && result->GetRowCount() != 0 ? result->GetInt64(0, std::size_t{0}) : fallback;
+}
+
+DBTransaction::DBTransaction(DBConnection& connection)
+    : connection_(connection), open_(connection.BeginTransaction()) {}
+
+DBTransaction::~DBTransaction() {
+    if (open_) connection_.RollbackTransaction();
+}
+
+bool DBTransaction::Commit() {
+    if (!open_ || !connection_.CommitTransaction()) return false;
+    open_ = false;
+    return true;
+}

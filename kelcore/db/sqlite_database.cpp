@@ -1,0 +1,198 @@
+#include "kelcore/db/sqlite_database.h"
+
+#include <sqlite3.h>
+
+#include <limits>
+#include <string_view>
+#include <utility>
+
+namespace {
+
+constexpr int kBusyTimeoutMilliseconds = 5000;
+
+constexpr const char* kSettings =
+    "PRAGMA synchronous=FULL;"
+    "PRAGMA mmap_size=0;"
+    "PRAGMA cache_size=-16384;"            // KiB
+    "PRAGMA journal_size_limit=67108864";  // bytes that the emptied log may keep
+
+struct FinaliseStatement {
+    void operator()(sqlite3_stmt* statement) const { sqlite3_finalize(statement); }
+};
+using Statement = std::unique_ptr<sqlite3_stmt, FinaliseStatement>;
+
+KelError MakeError(int code, KelString message) {
+    return {static_cast<unsigned int>(code), std::move(message)};
+}
+
+bool IsEndOfStatement(std::string_view rest) {
+    return rest.find_first_not_of(" \t\r\n\f;") == std::string_view::npos;
+}
+
+/// Compiles the first statement of `text` and cuts it off there; the result is null when there was none.
+int PrepareNext(sqlite3* database, std::string_view& text, Statement& statement) {
+    if (text.size() > static_cast<std::size_t>(std::numeric_limits<int>::max())) return SQLITE_TOOBIG;
+    sqlite3_stmt* prepared = nullptr;
+    const char* tail = text.data();
+    const int code =
+        sqlite3_prepare_v2(database, text.data(), static_cast<int>(text.size()), &prepared, &tail);
+    statement.reset(prepared);
+    text.remove_prefix(static_cast<std::size_t>(tail - text.data()));
+    return code;
+}
+
+KelVector<KelString> ColumnNames(sqlite3_stmt* statement) {
+    KelVector<KelString> names;
+    const int count = sqlite3_column_count(statement);
+    for (int i = 0; i < count; ++i) {
+        const char* name = sqlite3_column_name(statement, i);
+        names.emplace_back(name != nullptr ? name : "");
+    }
+    return names;
+}
+
+KelVector<KelString> ReadRow(sqlite3_stmt* statement, int columns) {
+    KelVector<KelString> row;
+    row.reserve(static_cast<std::size_t>(columns));
+    for (int i = 0; i < columns; ++i) {
+        const unsigned char* text = sqlite3_column_text(statement, i);
+        const int bytes = sqlite3_column_bytes(statement, i);
+        row.emplace_back(reinterpret_cast<const char*>(text),
+                         text != nullptr ? static_cast<std::size_t>(bytes) : 0);
+    }
+    return row;
+}
+
+}  // namespace
+
+SqliteDatabase::SqliteDatabase(SqliteDatabase&& other) noexcept
+    : database_(std::exchange(other.database_, nullptr)),
+      transaction_(std::exchange(other.transaction_, false)) {}
+
+SqliteDatabase& SqliteDatabase::operator=(SqliteDatabase&& other) noexcept {
+    if (this == &other) return *this;
+    Close(true);
+    database_ = std::exchange(other.database_, nullptr);
+    transaction_ = std::exchange(other.transaction_, false);
+    return *this;
+}
+
+KelStatus SqliteDatabase::Open(const KelString& path) {
+    Close(true);
+    const int code =
+        sqlite3_open_v2(path.c_str(), &database_, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX, nullptr);
+    KelStatus status;
+    if (code != SQLITE_OK) {
+        status = database_ != nullptr ? LastError() : MakeError(code, sqlite3_errstr(code));
+    } else {
+        status = Configure();
+    }
+    return status;
+}
+
+KelStatus SqliteDatabase::Configure() {
+    sqlite3_busy_timeout(database_, kBusyTimeoutMilliseconds);
+    sqlite3_db_config(database_, SQLITE_DBCONFIG_DEFENSIVE, 1, nullptr);
+    sqlite3_db_config(database_, SQLITE_DBCONFIG_TRUSTED_SCHEMA, 0, nullptr);
+    const KelResult<DBResult> mode = Run("PRAGMA journal_mode=WAL");
+    if (!mode) return mode.Error();
+    if (mode->GetString(0, std::size_t{0}) != "wal")
+        return MakeError(SQLITE_CANTOPEN, "the file system allows no write-ahead log");
+    if (KelStatus set = RunScript(kSettings); !set) return set;
+    const KelResult<DBResult> schema = Run("SELECT count(*) FROM sqlite_master");
+    return schema ? KelStatus() : KelStatus(schema.Error());
+}
+
+void SqliteDatabase::Close(bool mergeLog) {
+    if (database_ == nullptr) return;
+    if (!mergeLog) sqlite3_db_config(database_, SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr);
+    sqlite3_close(database_);
+    database_ = nullptr;
+    transaction_ = false;
+}
+
+KelError SqliteDatabase::LastError() const {
+    return MakeError(sqlite3_errcode(database_) & 0xFF, sqlite3_errmsg(database_));
+}
+
+/// Some failures (a full disk, say) end a transaction on their own. What its owner runs next must not take
+/// effect alone.
+KelStatus SqliteDatabase::CheckWritable(bool readOnlyStatement) const {
+    if (readOnlyStatement || !transaction_ || sqlite3_get_autocommit(database_) == 0) return {};
+    return MakeError(SQLITE_ABORT, "the transaction was rolled back by an earlier failure");
+}
+
+KelResult<DBResult> SqliteDatabase::Run(const KelString& text) {
+    std::string_view rest = text;
+    Statement statement;
+    const int prepared = PrepareNext(database_, rest, statement);
+    if (prepared == SQLITE_TOOBIG) return MakeError(prepared, sqlite3_errstr(prepared));
+    if (prepared != SQLITE_OK) return LastError();
+    if (!statement) return MakeError(SQLITE_MISUSE, "there is no statement");
+    if (!IsEndOfStatement(rest)) return MakeError(SQLITE_MISUSE, "text follows the statement");
+    if (const KelStatus writable = CheckWritable(sqlite3_stmt_readonly(statement.get()) != 0); !writable)
+        return writable.Error();
+
+    KelVector<KelVector<KelString>> rows;
+    const int columns = sqlite3_column_count(statement.get());
+    int step = sqlite3_step(statement.get());
+    for (; step == SQLITE_ROW; step = sqlite3_step(statement.get()))
+        rows.push_back(ReadRow(statement.get(), columns));
+    if (step != SQLITE_DONE) return LastError();
+    return DBResult(ColumnNames(statement.get()), std::move(rows));
+}
+
+KelStatus SqliteDatabase::RunScript(const KelString& statements) {
+    std::string_view rest = statements;
+    while (!IsEndOfStatement(rest)) {
+        Statement statement;
+        const int prepared = PrepareNext(database_, rest, statement);
+        if (prepared == SQLITE_TOOBIG) return MakeError(prepared, sqlite3_errstr(prepared));
+        if (prepared != SQLITE_OK) return LastError();
+        if (!statement) break;  // comments only
+        if (KelStatus writable = CheckWritable(sqlite3_stmt_readonly(statement.get()) != 0); !writable)
+            return writable;
+        int step = sqlite3_step(statement.get());
+        while (step == SQLITE_ROW)
+            step = sqlite3_step(statement.get());
+        if (step != SQLITE_DONE) return LastError();
+    }
+    return {};
+}
+
+KelStatus SqliteDatabase::Begin() {
+    // Taking the write lock at once: a later upgrade from reading to writing could fail in the middle.
+    KelStatus begun = RunScript("BEGIN IMMEDIATE");
+    if (begun) transaction_ = true;
+    return begun;
+}
+
+KelStatus SqliteDatabase::Commit() {
+    if (KelStatus writable = CheckWritable(false); !writable) return writable;
+    KelStatus committed = RunScript("COMMIT");
+    if (committed) transaction_ = false;
+    return committed;
+}
+
+KelStatus SqliteDatabase::Rollback() {
+    const bool rolledBackAlready = transaction_ && sqlite3_get_autocommit(database_) != 0;
+    transaction_ = false;
+    return rolledBackAlready ? KelStatus() : RunScript("ROLLBACK");
+}
+
+KelStatus SqliteDatabase::Checkpoint() {
+    const int code =
+        sqlite3_wal_checkpoint_v2(database_, nullptr, SQLITE_CHECKPOINT_TRUNCATE, nullptr, nullptr);
+    return code == SQLITE_OK ? KelStatus() : KelStatus(LastError());
+}
+
+KelStatus SqliteDatabase::QuickCheck() {
+    const KelResult<DBResult> check = Run("PRAGMA quick_check(1)");
+    if (!check) return check.Error();
+    const KelString& verdict = check->GetString(0, std::size_t{0});
+    return verdict == "ok" ? KelStatus() : KelStatus(MakeError(SQLITE_CORRUPT, verdict));
+}
+
+bool SqliteDatabase::IsDamage(unsigned int code) {
+    return code == SQLITE_CORRUPT || code == SQLITE_NOTADB;
+}

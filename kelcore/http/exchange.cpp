@@ -1,0 +1,270 @@
+#include "kelcore/http/exchange.h"
+
+#include <curl/curl.h>
+
+#include <algorithm>
+#include <cctype>
+#include <exception>
+#include <new>
+#include <span>
+
+#include "kel/text.h"
+#include "kelcore/http/client.h"
+
+namespace {
+
+constexpr int kPollMilliseconds = 200;  ///< the longest time between two looks at the cancellation
+constexpr auto kCheckEvery = std::chrono::milliseconds(100);
+constexpr long kLargeBuffer = 512L << 10;
+constexpr long kPacedBuffer = 16L << 10;  ///< small, so that paced bytes flow evenly
+
+unsigned int ResultOf(CURLcode code, bool begun) {
+    switch (code) {
+        case CURLE_OK:
+            return kHttpCompleted;
+        case CURLE_URL_MALFORMAT:
+            return kHttpBadRequest;
+        case CURLE_SSL_CONNECT_ERROR:
+        case CURLE_PEER_FAILED_VERIFICATION:
+        case CURLE_SSL_CERTPROBLEM:
+        case CURLE_SSL_CIPHER:
+        case CURLE_SSL_CACERT_BADFILE:
+        case CURLE_SSL_ISSUER_ERROR:
+        case CURLE_SSL_INVALIDCERTSTATUS:
+        case CURLE_SSL_PINNEDPUBKEYNOTMATCH:
+        case CURLE_SSL_ENGINE_INITFAILED:
+            return kHttpSecurity;
+        case CURLE_UNSUPPORTED_PROTOCOL:  // an answer without a status line
+        case CURLE_WEIRD_SERVER_REPLY:
+        case CURLE_BAD_CONTENT_ENCODING:
+        case CURLE_TOO_MANY_REDIRECTS:
+            return kHttpBadAnswer;
+        default:
+            return begun ? kHttpCutOff : kHttpUnreachable;
+    }
+}
+
+}  // namespace
+
+HttpExchange::HttpExchange(HttpHandle& handle, const HttpMessage& request, HttpMessage& answer,
+                           HttpManagedTransmission* transmission, std::function<bool()> cancelled)
+    : handle_(handle),
+      request_(request),
+      transmission_(transmission),
+      cancelled_(std::move(cancelled)),
+      source_(request),
+      sink_(request, answer),
+      watch_(HttpSpeedWatch::Clock::now()) {}
+
+HttpExchange::~HttpExchange() {
+    curl_easy_setopt(handle_.Easy(), CURLOPT_HTTPHEADER, nullptr);
+    curl_easy_setopt(handle_.Easy(), CURLOPT_ERRORBUFFER, nullptr);
+    curl_slist_free_all(static_cast<curl_slist*>(headers_));
+}
+
+unsigned int HttpExchange::Run() {
+    if (!source_.Open()) {
+        errorText_ = source_.ErrorText();
+        return kHttpLocalFile;
+    }
+    SetMethod();
+    SetHeaders();
+    SetCallbacks();
+    curl_multi_add_handle(handle_.Multi(), handle_.Easy());
+    int code = CURLE_OK;
+    const bool done = Drive(code);
+    curl_multi_remove_handle(handle_.Multi(), handle_.Easy());
+    return Conclude(done, code);
+}
+
+void HttpExchange::SetMethod() {
+    CURL* easy = handle_.Easy();
+    curl_easy_setopt(easy, CURLOPT_NOBODY, 0L);
+    curl_easy_setopt(easy, CURLOPT_HTTPGET, 1L);
+    const auto size = static_cast<curl_off_t>(source_.Size());
+    switch (request_.GetMethod()) {
+        case HttpMethod::Get:
+            break;
+        case HttpMethod::Head:
+            curl_easy_setopt(easy, CURLOPT_NOBODY, 1L);
+            break;
+        case HttpMethod::Post:
+            curl_easy_setopt(easy, CURLOPT_POST, 1L);
+            curl_easy_setopt(easy, CURLOPT_POSTFIELDS, nullptr);
+            curl_easy_setopt(easy, CURLOPT_POSTFIELDSIZE_LARGE, size);
+            break;
+        case HttpMethod::Put:
+            curl_easy_setopt(easy, CURLOPT_UPLOAD, 1L);
+            curl_easy_setopt(easy, CURLOPT_INFILESIZE_LARGE, size);
+            break;
+    }
+}
+
+void HttpExchange::SetHeaders() {
+    const bool post = request_.GetMethod() == HttpMethod::Post;
+    if (!request_.GetContentType().empty())
+        AddHeader("Content-Type: " + request_.GetContentType());
+    else if (post)
+        AddHeader("Content-Type: application/octet-stream");
+    if (request_.GetRangeStart() > 0) {
+        AddHeader("Range: bytes=" + std::to_string(request_.GetRangeStart()) + "-");
+        if (!request_.GetIfRange().empty()) AddHeader("If-Range: " + request_.GetIfRange());
+    }
+    curl_easy_setopt(handle_.Easy(), CURLOPT_HTTPHEADER, static_cast<curl_slist*>(headers_));
+}
+
+void HttpExchange::AddHeader(const KelString& line) {
+    curl_slist* longer = curl_slist_append(static_cast<curl_slist*>(headers_), line.c_str());
+    if (longer == nullptr) throw std::bad_alloc();
+    headers_ = longer;
+}
+
+void HttpExchange::SetCallbacks() {
+    CURL* easy = handle_.Easy();
+    const long buffer = IsPaced() ? kPacedBuffer : kLargeBuffer;
+    curl_easy_setopt(easy, CURLOPT_BUFFERSIZE, buffer);
+    curl_easy_setopt(easy, CURLOPT_UPLOAD_BUFFERSIZE, buffer);
+    curl_easy_setopt(easy, CURLOPT_HEADERFUNCTION, &HttpExchange::OnHeader);
+    curl_easy_setopt(easy, CURLOPT_HEADERDATA, this);
+    curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, &HttpExchange::OnBody);
+    curl_easy_setopt(easy, CURLOPT_WRITEDATA, this);
+    curl_easy_setopt(easy, CURLOPT_READFUNCTION, &HttpExchange::OnRead);
+    curl_easy_setopt(easy, CURLOPT_READDATA, this);
+    curl_easy_setopt(easy, CURLOPT_SEEKFUNCTION, &HttpExchange::OnSeek);
+    curl_easy_setopt(easy, CURLOPT_SEEKDATA, this);
+    curl_easy_setopt(easy, CURLOPT_ERRORBUFFER, curlError_.data());
+}
+
+/// Runs the transfer to its end; false when this side stopped it before.
+bool HttpExchange::Drive(int& code) {
+    int running = 0;
+    while (true) {
+        if (MustStop()) return false;
+        if (curl_multi_perform(handle_.Multi(), &running) != CURLM_OK) {
+            code = CURLE_OUT_OF_MEMORY;
+            return true;
+        }
+        int left = 0;
+        while (const CURLMsg* message = curl_multi_info_read(handle_.Multi(), &left)) {
+            if (message->msg != CURLMSG_DONE) continue;
+            code = message->data.result;
+            return true;
+        }
+        curl_multi_poll(handle_.Multi(), nullptr, 0, kPollMilliseconds, nullptr);
+    }
+}
+
+bool HttpExchange::MustStop() {
+    const auto now = HttpSpeedWatch::Clock::now();
+    if (now < nextCheck_) return false;
+    nextCheck_ = now + kCheckEvery;
+    if (cancelled_()) return Stop(kHttpCutOff, "cancelled") != 0;
+    if (!watch_.IsTooSlow(now, IsPaced())) return false;
+    return Stop(sink_.IsBegun() ? kHttpCutOff : kHttpUnreachable, "the peer has become too slow") != 0;
+}
+
+unsigned int HttpExchange::Stop(unsigned int result, const char* text) {
+    stopped_ = result;
+    errorText_ = text;
+    return result;
+}
+
+unsigned int HttpExchange::Conclude(bool done, int code) {
+    auto curlCode = static_cast<CURLcode>(code);
+    // The library takes a connection that closes amid the headers for the end of an answer.
+    if (curlCode == CURLE_OK && !sink_.HasHeaders()) curlCode = CURLE_GOT_NOTHING;
+    const bool whole = done && curlCode == CURLE_OK && stopped_ == 0;
+    const unsigned int sunk = sink_.Finish(whole);
+    if (stopped_ != 0) return stopped_;
+    if (sunk != 0) {
+        errorText_ = sink_.ErrorText();
+        return sunk;
+    }
+    if (sink_.IsEnough()) return kHttpCompleted;
+    const unsigned int result = ResultOf(curlCode, sink_.IsBegun());
+    if (result != kHttpCompleted)
+        errorText_ = curlError_[0] != 0 ? KelString(curlError_.data()) : curl_easy_strerror(curlCode);
+    return result;
+}
+
+/// No exception may pass through the library's frames: one stops the exchange.
+template <class Step>
+bool HttpExchange::Guard(Step step) {
+    try {
+        return step();
+    } catch (const std::exception& error) {
+        Stop(kHttpUnreachable, error.what());
+        return false;
+    }
+}
+
+std::size_t HttpExchange::OnHeader(char* data, std::size_t size, std::size_t count, void* self) {
+    const std::size_t bytes = size * count;
+    const bool taken = static_cast<HttpExchange*>(self)->Guard([=] {
+        static_cast<HttpExchange*>(self)->TakeHeader(std::string_view(data, bytes));
+        return true;
+    });
+    return taken ? bytes : bytes + 1;
+}
+
+void HttpExchange::TakeHeader(std::string_view line) {
+    if (line.starts_with("HTTP/")) {
+        long status = 0;
+        curl_easy_getinfo(handle_.Easy(), CURLINFO_RESPONSE_CODE, &status);
+        sink_.OnStatus(static_cast<unsigned int>(status));
+        return;
+    }
+    const std::size_t colon = line.find(':');
+    if (colon == std::string_view::npos) {
+        if (line == "\r\n" || line == "\n") sink_.OnHeadersEnd();
+        return;
+    }
+    KelString name(line.substr(0, colon));
+    std::transform(name.begin(), name.end(), name.begin(),
+                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    sink_.OnHeader(std::move(name), Trim(line.substr(colon + 1)));
+}
+
+std::size_t HttpExchange::OnBody(char* data, std::size_t size, std::size_t count, void* self) {
+    auto& exchange = *static_cast<HttpExchange*>(self);
+    const std::size_t bytes = size * count;
+    // The bytes are here: they are kept even when the window closes while they are paid for.
+    const bool taken = exchange.Guard([&exchange, data, bytes] {
+        return exchange.sink_.OnBody(std::string_view(data, bytes)) && exchange.Pass(bytes);
+    });
+    return taken ? bytes : bytes + 1;
+}
+
+std::size_t HttpExchange::OnRead(char* buffer, std::size_t size, std::size_t count, void* self) {
+    std::size_t got = CURL_READFUNC_ABORT;
+    static_cast<HttpExchange*>(self)->Guard([&got, buffer, size, count, self] {
+        got = static_cast<HttpExchange*>(self)->Read(buffer, size * count);
+        return true;
+    });
+    return got;
+}
+
+std::size_t HttpExchange::Read(char* buffer, std::size_t size) {
+    if (IsPaced()) size = std::min(size, transmission_->PieceBytes());
+    const std::optional<std::size_t> got = source_.Read(std::span(buffer, size));
+    if (!got) {
+        Stop(kHttpLocalFile, source_.ErrorText().c_str());
+        return CURL_READFUNC_ABORT;
+    }
+    if (*got > 0 && !Pass(*got)) return CURL_READFUNC_ABORT;
+    if (source_.IsAtEnd()) watch_.OnRequestSent(source_.Size(), HttpSpeedWatch::Clock::now());
+    return *got;
+}
+
+bool HttpExchange::Pass(std::uint64_t bytes) {
+    const bool going = transmission_ == nullptr || transmission_->Pass(bytes, cancelled_);
+    watch_.OnBytes(bytes);
+    if (!going) Stop(kHttpCutOff, cancelled_() ? "cancelled" : "the transfer window has closed");
+    return going;
+}
+
+int HttpExchange::OnSeek(void* self, std::int64_t offset, int origin) {
+    const bool found = origin == SEEK_SET && offset >= 0 &&
+                       static_cast<HttpExchange*>(self)->source_.Seek(static_cast<std::uint64_t>(offset));
+    return found ? CURL_SEEKFUNC_OK : CURL_SEEKFUNC_FAIL;
+}

@@ -1,0 +1,48 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+
+/// Tells when an exchange has become too slow to go on: below kMinBytesPerSecond over a whole window of
+/// kWindow, or, while the exchange is paced on purpose, without a single byte. A peer that has got a whole
+/// request has the time to put it on its disk on top. Reads no clock: the time is an argument. One thread at
+/// a time.
+class HttpSpeedWatch {
+  public:
+    using Clock = std::chrono::steady_clock;
+    static constexpr std::uint64_t kMinBytesPerSecond = 1000;
+    static constexpr std::chrono::seconds kWindow{30};
+    static constexpr std::uint64_t kSyncBytesPerSecond = 10'000'000;  ///< of a slow disk
+
+    explicit HttpSpeedWatch(Clock::time_point now) : end_(now + kWindow) {}
+
+    /// `bytes` were sent or received.
+    void OnBytes(std::uint64_t bytes) { bytes_ += bytes; }
+
+    /// The request's body of `bytes` is on its way whole: a new window begins.
+    void OnRequestSent(std::uint64_t bytes, Clock::time_point now) {
+        Restart(now);
+        end_ += std::chrono::seconds(bytes / kSyncBytesPerSecond);
+    }
+
+    /// To be asked at least every few seconds; `paced`: the exchange is held back on purpose now.
+    bool IsTooSlow(Clock::time_point now, bool paced) {
+        paced_ = paced_ || paced;
+        if (now < end_) return false;
+        static constexpr std::uint64_t kLeast = kMinBytesPerSecond * kWindow.count();
+        if (paced_ ? bytes_ == 0 : bytes_ < kLeast) return true;
+        Restart(now);
+        return false;
+    }
+
+  private:
+    void Restart(Clock::time_point now) {
+        bytes_ = 0;
+        paced_ = false;
+        end_ = now + kWindow;
+    }
+
+    Clock::time_point end_;
+    std::uint64_t bytes_ = 0;
+    bool paced_ = false;  ///< at some time in this window
+};

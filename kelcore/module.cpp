@@ -1,0 +1,73 @@
+#include "kelcore/module.h"
+
+#include <algorithm>
+#include <cstring>
+#include <exception>
+
+#include "kelcore/agent.h"
+
+namespace {
+
+constexpr const char* kVersionText = "0.1.0";
+
+}  // namespace
+
+KelModule::KelModule(const char* name, const char* displayName) : name_(name), log_(name, displayName) {}
+
+unsigned int KelModule::Run(unsigned int operation, long argument, char* buffer) {
+    try {
+        return RunOperation(static_cast<KelModuleOperation>(operation), buffer);
+    } catch (const std::exception& failure) {
+        log_.Error("Operation %u (argument %ld) of module %S failed: %s\n", operation, argument, name_,
+                   failure.what());
+    } catch (...) {
+        log_.Error("Operation %u (argument %ld) of module %S failed for an unknown reason.\n", operation,
+                   argument, name_);
+    }
+    return kModuleFailure;
+}
+
+unsigned int KelModule::RunOperation(KelModuleOperation operation, char* buffer) {
+    switch (operation) {
+        case KelModuleOperation::Register:
+            if (buffer == nullptr) return kModuleFailure;
+            log_.SetContext(KelAgentGetDebugContext());
+            Register(buffer);
+            return kModuleSuccess;
+        case KelModuleOperation::Unregister:
+            Unregister();
+            return kModuleSuccess;
+        case KelModuleOperation::Initialise:
+            return Initialise() ? kModuleSuccess : kModuleFailure;
+        case KelModuleOperation::Activate:
+            Activate();
+            return kModuleSuccess;
+        case KelModuleOperation::Cleanup:
+            Cleanup();
+            return kModuleSuccess;
+        case KelModuleOperation::GetDisplayName:
+            KelModuleSetText(buffer, log_.DisplayName());
+            return kModuleSuccess;
+        case KelModuleOperation::GetVersion:
+            KelModuleSetText(buffer, kVersionText);
+            return kModuleSuccess;
+        case KelModuleOperation::Suspend:
+            return kModuleSuccess;
+    }
+    return kModuleUnknownOperation;
+}
+
+KelString KelModule::IniPath() const {
+    return KelAgentGetConfigDir() + name_ + ".ini";
+}
+
+KelString KelModule::DataPath() const {
+    return KelAgentGetDataDir() + name_;
+}
+
+void KelModuleSetText(char* buffer, std::string_view text) {
+    if (buffer == nullptr) return;
+    const std::size_t length = std::min(text.size(), kModuleTextBytes - 1);
+    std::memcpy(buffer, text.data(), length);
+    buffer[length] = '\0';
+}

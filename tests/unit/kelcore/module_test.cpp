@@ -1,0 +1,89 @@
+#include "kelcore/module.h"
+
+#include <gtest/gtest.h>
+
+#include <stdexcept>
+
+#include "kelcore/agent.h"
+
+namespace {
+
+class SampleModule : public KelModule {
+  public:
+    SampleModule() : KelModule("Sample", "Sample module") {}
+
+    KelString did;
+    bool works = true;
+    bool throws = false;
+    using KelModule::DataPath;
+    using KelModule::IniPath;
+
+  protected:
+    void Register(const char* handle) override { Do(KelString("register ") + handle); }
+    bool Initialise() override {
+        Do("initialise");
+        return works;
+    }
+    void Activate() override { Do("activate"); }
+    void Cleanup() override { Do("cleanup"); }
+    void Unregister() override { Do("unregister"); }
+
+  private:
+    void Do(const KelString& what) {
+        did = what;
+        if (throws) throw std::runtime_error("broken");
+    }
+};
+
+TEST(Module, OperationsReachTheirFunctions) {
+    struct Case {
+        unsigned int operation;
+        const char* did;
+        unsigned int result;
+        unsigned int resultWhenItThrows;
+    };
+    const Case cases[] = {
+        {1, "register Handle", 1, 2},
+        {2, "unregister", 1, 2},
+        {3, "initialise", 1, 2},
+        {4, "activate", 1, 2},
+        {5, "cleanup", 1, 2},
+        {8, "", 5, 5},
+        {9, "", 1, 1},
+        {10, "", 5, 5},
+        {0, "", 5, 5},
+    };
+    for (const Case& one : cases) {
+        char buffer[kModuleTextBytes] = "Handle";
+        SampleModule module;
+        EXPECT_EQ(module.Run(one.operation, 0, buffer), one.result) << one.operation;
+        EXPECT_EQ(module.did, one.did) << one.operation;
+        module.throws = true;
+        EXPECT_EQ(module.Run(one.operation, 0, buffer), one.resultWhenItThrows) << one.operation;
+    }
+    SampleModule module;
+    module.works = false;
+    EXPECT_EQ(module.Run(3, 0, nullptr), kModuleFailure);
+    EXPECT_EQ(module.Run(1, 0, nullptr), kModuleFailure);
+}
+
+TEST(Module, TextsAndPathsCarryItsName) {
+    SampleModule module;
+    char buffer[kModuleTextBytes];
+    EXPECT_EQ(module.Run(6, 0, buffer), kModuleSuccess);
+    EXPECT_STREQ(buffer, "Sample module");
+    EXPECT_EQ(module.Run(7, 0, buffer), kModuleSuccess);
+    EXPECT_STREQ(buffer, "0.1.0");
+    KelModuleSetText(buffer, KelString(1000, 'x'));
+    EXPECT_EQ(KelString(buffer), KelString(kModuleTextBytes - 1, 'x'));
+
+    KelAgentSettings settings;
+    settings.configDir = "/c/";
+    settings.dataDir = "/d/";
+    KelAgentConfigure(settings);
+    EXPECT_EQ(module.IniPath(), "/c/Sample.ini");
+    EXPECT_EQ(module.DataPath(), "/d/Sample");
+    KelAgentConfigure({});
+}
+
+}  // namespace

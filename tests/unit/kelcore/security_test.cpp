@@ -1,0 +1,69 @@
+#include "kelcore/security.h"
+
+#include <gtest/gtest.h>
+
+#include <thread>
+#include <vector>
+
+/// pacparser keeps a copy of each URL it was asked about; leak checkers need not tell.
+extern "C" const char* __lsan_default_suppressions();
+extern "C" const char* __lsan_default_suppressions() {
+    return "leak:libpacparser";
+}
+
+namespace {
+
+const char* const kScript =
+    "function FindProxyForURL(url, host) {\n"
+    "  if (host == 'direct') return 'DIRECT';\n"
+    "  if (host == 'socks') return 'SOCKS s:1; PROXY p:2; DIRECT';\n"
+    "  if (host == 'nothing') return 'SOCKS s:1';\n"
+    "  if (host == 'quoted') return 'PROXY ' + (url.indexOf('%27') > 0 ? 'safe' : 'raw') + ':4';\n"
+    "  if (host == 'throws') throw 'x';\n"
+    "  return 'proxy ' + host + ':3';\n"
+    "}\n";
+
+TEST(PacScript, GivesTheFirstUsableProxy) {
+    struct Case {
+        const char* host;
+        const char* proxy;
+    };
+    const Case cases[] = {{"direct", ""}, {"socks", "p:2"},     {"other", "other:3"}, {"nothing", ""},
+                          {"throws", ""}, {"quoted", "safe:4"}, {"');alert('x", ""}};
+    const AgentSecurityPacSettings settings{kScript};
+    for (const Case& one : cases)
+        EXPECT_EQ(AgentSecurityPacFindProxy(settings, "http://h/a'b", one.host), one.proxy) << one.host;
+}
+
+TEST(PacScript, ABrokenScriptMeansADirectConnection) {
+    for (const char* script : {"", "function Other() {}", "function FindProxyForURL(url, host) {"})
+        EXPECT_EQ(AgentSecurityPacFindProxy({script}, "http://h/", "h"), "") << script;
+    EXPECT_EQ(AgentSecurityPacFindProxy({kScript}, "http://h/", "h"), "h:3") << "the engine recovers";
+}
+
+TEST(PacScript, ThreadsMayAskAtOnce) {
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 4; ++i)
+        threads.emplace_back([i] {
+            const KelString host = "h" + std::to_string(i);
+            for (int round = 0; round < 5; ++round)
+                EXPECT_EQ(AgentSecurityPacFindProxy({kScript}, "http://x/", host), host + ":3");
+        });
+    for (std::thread& thread : threads)
+        thread.join();
+}
+
+TEST(SecuritySwitches, AreOnWhenAContextIsSet) {
+    EXPECT_FALSE(AgentSecuritySslForceSecCli());
+    EXPECT_FALSE(AgentSecurityPacForceSecCli());
+    AgentSecuritySslSettings ssl;
+    ssl.caFile = "ca.pem";
+    AgentSecurityConfigure(std::make_shared<const AgentSecuritySslSettings>(ssl), nullptr);
+    EXPECT_TRUE(AgentSecuritySslForceSecCli());
+    EXPECT_FALSE(AgentSecurityPacForceSecCli());
+    EXPECT_EQ(AgentSecuritySslCliCtxAcquire()->caFile, "ca.pem");
+    AgentSecurityConfigure(nullptr, nullptr);
+    EXPECT_FALSE(AgentSecuritySslForceSecCli());
+}
+
+}  // namespace
