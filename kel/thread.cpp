@@ -78,7 +78,10 @@ void KelThread::Join() {
         wakeUp_.wait(lock, [this] { return !running_; });
         ended = std::move(thread_);
     }
-    if (ended.joinable()) ended.join();
+    if (!ended.joinable()) return;
+    ended.join();
+    const std::lock_guard lock(mutex_);
+    if (!thread_.joinable()) cancelled_ = false;  // idle again, unless another call has started it meanwhile
 }
 
 void KelThread::Signal(unsigned long value) {

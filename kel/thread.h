@@ -41,7 +41,8 @@ class KelThread {
     unsigned long CancelReason() const;
     unsigned long LastSignal() const;
 
-    /// True once Cancel was called; with `wait` true it first waits for up to one second for a cancellation.
+    /// True from Cancel until the thread is joined or started again; with `wait` true it first waits for up
+    /// to one second for a cancellation.
     bool CheckCancelled(bool wait) const;
 
     /// Waits up to `milliseconds`; returns early on Signal (true) or cancellation (false when neither came).

@@ -127,6 +127,10 @@ class FileStore {
     /// Records the targets of a file from its target tree (transfer/target_list.cpp).
     static void ProcessFileTargetList(unsigned long fileId, unsigned int wakeOnLan, KelContainer& targets);
 
+    // ---- package synchronisation (actions/package_sync.cpp)
+    static bool IsGapOkForPackageSynchronization();  ///< the configured gap since the last one has passed
+    static void ExecutePackageSynchroAtStartup();
+
     // ---- transfer windows (transfer/transfer_windows.cpp)
     static void UpdateAllTransferWindows();
     /// Progress of a file as text: "57 %", "100 %" or "N/A".

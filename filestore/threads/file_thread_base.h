@@ -20,6 +20,10 @@ class FileThreadBase : public KelThread {
     virtual bool DoWork() = 0;
 
   private:
+    int ReadSleepSeconds() const;
+    void WorkOnce();        ///< DoWork; what it throws is logged
+    bool IsToGoOn() const;  ///< false, with the log line, once the thread is cancelled
+
     KelString section_;
     KelString key_;
     int defaultSeconds_;

@@ -1,6 +1,14 @@
 #pragma once
 
+#include <memory>
+
 #include "filestore/threads/file_thread_base.h"
+#include "kel/types.h"
+
+class DBResult;
+namespace filestore {
+struct NotificationRow;
+}
 
 /// Announces available files to the devices below and to the modules of this device.
 class FileStoreNotifyThread : public FileThreadBase {
@@ -16,4 +24,13 @@ class FileStoreNotifyThread : public FileThreadBase {
 
   protected:
     bool DoWork() override;
+
+  private:
+    struct Outcome;
+
+    static std::shared_ptr<const DBResult> SelectDueTargets();
+    static std::shared_ptr<const DBResult> SelectTarget(unsigned int fileId, unsigned int targetId);
+    static void NotifyLocal(const filestore::NotificationRow& row, Outcome& outcome);
+    static void NotifyRemote(const filestore::NotificationRow& row, Outcome& outcome);
+    static void Record(const Outcome& outcome);
 };

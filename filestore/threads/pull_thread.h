@@ -1,6 +1,9 @@
 #pragma once
 
+#include <cstdint>
+
 #include "filestore/threads/file_thread_base.h"
+#include "kel/types.h"
 
 /// Downloads announced files from the parent (or the device that offered them), verifies and acknowledges
 /// them.
@@ -17,4 +20,34 @@ class FileStorePullThread : public FileThreadBase {
 
   protected:
     bool DoWork() override;
+
+  private:
+    struct Download;
+    struct Acknowledgement;
+
+    // download.cpp
+    static bool SelectDownload(Download& file);
+    static bool HasSpace(const Download& file);
+    static bool ListenToMulticast(const Download& file);
+    int FetchByUnicast(const Download& file, const KelString& sender);
+    static bool StartsComplete(const Download& file, std::uint64_t& offset);
+    unsigned int Fetch(const Download& file, const KelString& sender, std::uint64_t offset,
+                       unsigned int& status);
+    static void KeepForRetry(const Download& file, unsigned int result);
+    static bool HasAnnouncedContent(const Download& file);
+
+    // acknowledge_step.cpp
+    static bool SelectAcknowledgement(Acknowledgement& file);
+    static unsigned int Call(const KelString& url, const Acknowledgement& file, const KelString& ownGuid);
+    static void SettlePackage(const Acknowledgement& rule, const KelString& url, const KelString& ownGuid);
 };
+
+namespace filestore {
+
+/// False, logged, when the device's link forbids downloads now.
+bool DownloadsAreAllowed();
+
+/// Where a file's sender is called: the device that the row names, or the parent; empty while unknown.
+KelString SenderUrl(const KelString& sourceDevice);
+
+}  // namespace filestore

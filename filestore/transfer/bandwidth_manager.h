@@ -8,6 +8,8 @@
 #include "kel/mutex.h"
 #include "kelcore/http/bandwidth_manager.h"
 
+class StringTokeniser;
+
 /// Directions of transfer windows, with the values that the window module uses.
 enum TransferWindowDirection_e : int {
     TransferWindowDirectionUp = 1,
@@ -55,6 +57,7 @@ class FileStoreBandwidthManager : public HttpBandwidthManager {
     static std::size_t SlotIndex(std::int64_t time, bool utc);
 
   private:
+    void LoadSlots(StringTokeniser& tokens, int type) KEL_REQUIRES(mutexSlots_);
     void ShareRates() KEL_REQUIRES(mutexSlots_);
 
     std::atomic<bool> fWindowDefined_ = false;

@@ -1,0 +1,3 @@
+#include "modules/console/console.h"
+
+KEL_MODULE_MAIN(Console)

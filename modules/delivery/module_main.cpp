@@ -1,0 +1,3 @@
+#include "modules/delivery/delivery.h"
+
+KEL_MODULE_MAIN(Delivery)

@@ -1,0 +1,3 @@
+#include "modules/identity/identity.h"
+
+KEL_MODULE_MAIN(Identity)

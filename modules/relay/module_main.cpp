@@ -1,0 +1,3 @@
+#include "modules/relay/relay.h"
+
+KEL_MODULE_MAIN(Relay)

@@ -1,0 +1,3 @@
+#include "modules/transfer_window/transfer_window.h"
+
+KEL_MODULE_MAIN(TransferWindow)

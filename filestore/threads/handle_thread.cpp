@@ -1,0 +1,156 @@
+#include "filestore/threads/handle_thread.h"
+
+#include <ctime>
+
+#include "filestore/db/database.h"
+#include "filestore/db/file_status.h"
+#include "filestore/db/id_list.h"
+#include "filestore/db/schema.h"
+#include "filestore/module/file_store.h"
+#include "filestore/threads/managed_relay_package.h"
+#include "filestore/transfer/file_record.h"
+#include "kel/file.h"
+#include "kelcore/callback_db.h"
+
+using namespace filestore;
+
+namespace {
+
+constexpr unsigned int kBatchSize = 50;
+
+// What consumers answer to a hand-over; anything else lets the file go on its way.
+constexpr unsigned int kAnswerTryLater = 44001;
+constexpr unsigned int kAnswerStaysHere = 44003;
+
+std::shared_ptr<const DBResult> SelectFilesToHandle(bool upstream) {
+    DBConnection& connection = FileStoreGetDatabase(upstream).connection;
+    if (upstream)
+        return connection.Query(
+            KelFormat("SELECT %s, %s, %s, %s, %s, %s, %s, %s, %s, %s, %s, 1 AS ISLOCAL FROM %s WHERE %s = "
+                      "'%s' ORDER BY %s ASC "
+                      "LIMIT %u",
+                      kFileId, kFileType, kFileLabel, kFileName, kFileChecksum, kSourceDevice, kFirstRelay,
+                      kUpstream, kFileInfo, kPriority, kFileSize, kTableFiles, kFileStatus,
+                      kStatusToBeHandled, kFileId, kBatchSize));
+    return connection.Query(KelFormat(
+        "SELECT JFILES.%s AS %s, %s, %s, %s, %s, %s, %s, %s, %s, %s, %s, JTARGETS.%s IS NULL AS ISLOCAL FROM "
+        "%s AS "
+        "JFILES LEFT JOIN %s AS JTARGETS ON JFILES.%s = JTARGETS.%s AND %s = '' WHERE %s = '%s' ORDER BY "
+        "JFILES.%s ASC "
+        "LIMIT %u",
+        kFileId, kFileId, kFileType, kFileLabel, kFileName, kFileChecksum, kSourceDevice, kFirstRelay,
+        kUpstream, kFileInfo, kPriority, kFileSize, kTargetId, kTableFiles, kTableTargets, kFileId, kFileId,
+        kDeviceGuid, kFileStatus, kStatusToBeHandled, kFileId, kBatchSize));
+}
+
+const char* CallbackOf(bool isLocal, bool upstream) {
+    if (upstream) return "FileStoreCallbackCopyUpstream";
+    return isLocal ? "FileStoreCallbackReceivedFile" : "FileStoreCallbackCopyDownstream";
+}
+
+KelContainer HandOverArguments(const FileStoreEntry& entry, const KelString& path) {
+    KelContainer arguments;
+    arguments.SetString(kFileType, entry.FileType);
+    arguments.SetString(kFileLabel, entry.FileLabel);
+    arguments.SetString(kFileName, entry.FileName);
+    arguments.SetString(kFileChecksum, entry.FileChecksum);
+    arguments.SetString(kSourceDevice, entry.SourceDevice);
+    arguments.SetString(kFirstRelay, entry.FirstRelay);
+    arguments.SetContainer(kFileInfo, FileInfoOf(entry.FileInfo, entry.FileName));
+    arguments.SetBool(kUpstream, entry.Upstream);
+    arguments.SetInt32(kPriority, static_cast<std::int32_t>(entry.Priority));
+    arguments.SetString(kFilePath, path);
+    return arguments;
+}
+
+void DeleteAbsentFile(const FileStoreEntry& entry, bool upstream) {
+    FileStore::debugFileStore.Error("HandleThread: File %S/%S/%S is not present\n", entry.FileType,
+                                    entry.FileLabel, entry.FileName);
+    const FileStoreDatabase database = FileStoreGetDatabase(upstream);
+    const KelLock lock(database.mutex);
+    database.connection.Query(KelFormat("DELETE FROM %s WHERE %s = %lu", kTableFiles, kFileId, entry.FileId));
+}
+
+}  // namespace
+
+/// The FileIds of a batch by what the consumers answered.
+struct FileStoreHandleThread::Answers {
+    IdList available;
+    IdList upload;
+    IdList retry;
+};
+
+FileStoreHandleThread::FileStoreHandleThread() : FileThreadBase("FileStore", "QueueGap", 30) {}
+
+bool FileStoreHandleThread::DoWork() {
+    bool busy = true;
+    while (busy) {
+        busy = false;
+        const std::uint64_t movedBefore = rowsMovedOn_;
+        for (const bool upstream : {false, true}) {
+            if (CheckCancelled(false)) return false;
+            busy |= LocalRequestFile(upstream);
+            if (CheckCancelled(false)) return false;
+            busy |= HandleFile(upstream);
+        }
+        if (rowsMovedOn_ == movedBefore) break;
+    }
+    return busy;
+}
+
+bool FileStoreHandleThread::HandleFile(bool upstream) {
+    FileStore::debugFileStore.Trace("HandleThread: Looking for files to handle \n");
+    const auto rows = SelectFilesToHandle(upstream);
+    if (!rows || rows->GetRowCount() == 0) {
+        FileStore::debugFileStore.Trace("HandleThread: Nothing found to handle\n");
+        return false;
+    }
+    Answers answers;
+    for (std::size_t row = 0; row < rows->GetRowCount() && !CheckCancelled(false); ++row) {
+        FileStoreEntry entry;
+        entry.LoadFromResult(*rows, row);
+        if (IsManagedRelayPackage(entry))
+            rowsMovedOn_ += RepublishManagedRelayPackage(entry, upstream) ? 1 : 0;
+        else
+            HandOver(entry, rows->GetBool(row, "ISLOCAL"), upstream, answers);
+    }
+    if (!CheckCancelled(false)) ApplyAnswers(answers, upstream);
+    if (!FileStore::fConcatFiles) FileStore::threadPush.WakeUp();
+    return true;
+}
+
+void FileStoreHandleThread::HandOver(const FileStoreEntry& entry, bool isLocal, bool upstream,
+                                     Answers& answers) {
+    FileStore::debugFileStore.Trace("HandleThread: Handling %S/%S/%S\n", entry.FileType, entry.FileLabel,
+                                    entry.FileName);
+    const KelString path =
+        FileStore::StorePath(upstream, entry.FileType, entry.FileLabel, entry.FileChecksum, entry.FileName);
+    if (!FileExists(path)) {
+        DeleteAbsentFile(entry, upstream);
+        ++rowsMovedOn_;
+        return;
+    }
+    KelContainer results;
+    CallbackDbTrigger(CallbackOf(isLocal, upstream), HandOverArguments(entry, path), results);
+    if (FileStore::CheckHandlerResult(results, kAnswerTryLater))
+        answers.retry.Add(entry.FileId);
+    else if (FileStore::CheckHandlerResult(results, kAnswerStaysHere) || !upstream)
+        answers.available.Add(entry.FileId);
+    else
+        answers.upload.Add(entry.FileId);
+}
+
+void FileStoreHandleThread::ApplyAnswers(const Answers& answers, bool upstream) {
+    const FileStoreDatabase database = FileStoreGetDatabase(upstream);
+    const auto apply = [&database](const IdList& ids, const char* status, std::int64_t time) {
+        if (ids.IsEmpty()) return;
+        const KelLock lock(database.mutex);
+        database.connection.Query(KelFormat("UPDATE %s SET %s = '%s', %s = %gd WHERE %s IN (%S)", kTableFiles,
+                                            kFileStatus, status, kLastStatusChangeTime, time, kFileId,
+                                            ids.Text()));
+    };
+    apply(answers.available, kStatusAvailable, 0);
+    apply(answers.upload, kStatusToBeUploaded, 0);
+    apply(answers.retry, kStatusToBeHandled, std::time(nullptr));
+    rowsMovedOn_ += answers.available.Count() + answers.upload.Count();
+}

@@ -1,0 +1,44 @@
+#include "filestore/threads/stored_file.h"
+
+#include "filestore/db/schema.h"
+#include "filestore/module/file_store.h"
+#include "kel/directory.h"
+#include "kel/file.h"
+#include "kel/path.h"
+#include "kel/text.h"
+
+namespace filestore {
+
+void SetUpstreamStatus(std::uint64_t fileId, const KelString& status) {
+    const KelLock lock(FileStore::mutexUpstream);
+    FileStore::UpdateFileStatus(*FileStore::pDbConnectionUpstream, fileId, status, 0, 0);
+}
+
+void DeleteUpstreamRow(std::uint64_t fileId) {
+    const KelLock lock(FileStore::mutexUpstream);
+    FileStore::pDbConnectionUpstream->Query(
+        KelFormat("DELETE FROM %s WHERE %s=%lu", kTableFiles, kFileId, fileId));
+}
+
+void DeleteFileAndFolder(const KelString& path) {
+    FileDelete(path);
+    KelString folder, name;
+    SplitPath(path, folder, name);
+    DirDelete(folder, false);
+}
+
+void DeleteUnregisteredFile(const KelString& url) {
+    // "/FileStore/upstream/type/label/checksum/name"
+    const KelVector<KelString> parts = SplitText(url, '/');
+    bool isStored =
+        parts.size() == 7 && parts[0].empty() && parts[1] == "FileStore" && parts[2] == "upstream";
+    for (std::size_t i = 3; isStored && i < parts.size(); ++i)
+        isStored = IsSafePathElement(parts[i]);
+    if (!isStored) {
+        FileStore::debugFileStore.Warning("CallbackThread: %S is not in the upstream store and stays\n", url);
+        return;
+    }
+    DeleteFileAndFolder(FileStore::StorePath(true, parts[3], parts[4], parts[5], parts[6]));
+}
+
+}  // namespace filestore

@@ -1,0 +1,64 @@
+#include "filestore/threads/unwanted_package.h"
+
+#include <array>
+#include <utility>
+
+#include "filestore/module/file_store.h"
+#include "filestore/threads/stored_file.h"
+#include "filestore/transfer/file_record.h"
+#include "kelcore/action_db.h"
+#include "kelcore/agent.h"
+#include "kelcore/http/url.h"
+
+namespace filestore {
+
+namespace {
+
+KelString RejectingAction(const KelString& packageType) {
+    constexpr std::array<std::pair<const char*, const char*>, 4> kActions = {{
+        {"CUSTOM", "PackagerCustomPublishIncorrectTarget"},
+        {"MSI", "PackagerMsiPublishIncorrectTarget"},
+        {"SNP", "PackagerSnpPublishIncorrectTarget"},
+        {"RPM", "PackagerRpmPublishIncorrectTarget"},
+    }};
+    for (const auto& [type, action] : kActions)
+        if (packageType == type) return action;
+    return {};
+}
+
+}  // namespace
+
+bool IsPackageForUs(const FileStoreEntry& entry) {
+    FileStore::debugFileStore.Trace("CallbackThread: Checking if the File is held in by a Relay: %S\n",
+                                    entry.FileName);
+    const KelString relayGuid =
+        FileInfoOf(entry.FileInfo, entry.FileName).GetString("AdministratedRelayGUID");
+    KelString ownGuid;
+    FileStore::GetOurDeviceGUID(ownGuid, false);
+    if (relayGuid == ownGuid) return true;
+    FileStore::debugFileStore.Warning(
+        "CallbackThread: Received file for device with a GUID which is not ours: %S\n", relayGuid);
+    return false;
+}
+
+void RejectPackage(const FileStoreEntry& entry) {
+    const KelContainer info = FileInfoOf(entry.FileInfo, entry.FileName);
+    const KelString action = RejectingAction(info.GetString("PackageType"));
+    const KelString address = info.GetString("AdministratedRelayAddrPort");
+    KelContainer call;
+    call.SetString("PackageRelativePath", info.GetString("PackageRelativePath"));
+    call.SetString("AdministratedRelayAddrPort", address);
+    call.SetString("AdministratedRelayGUID", info.GetString("AdministratedRelayGUID"));
+    const KelString url = UrlForAgent(KelAgentGetName(), KelAgentGetHttpPassword(), address);
+    const unsigned int error = ActionDbInvokeContainer(nullptr, url, action, call, 0, -1, -1, nullptr);
+    if (error != 0) {
+        FileStore::debugFileStore.Error("CallbackThread: Failed to call %S, error %u\n", action, error);
+        return;
+    }
+    FileStore::debugFileStore.Warning(
+        "CallbackThread: Received administrated package which is not for us, deleting %S\n", entry.FilePath);
+    DeleteFileAndFolder(entry.FilePath);
+    DeleteUpstreamRow(entry.FileId);
+}
+
+}  // namespace filestore

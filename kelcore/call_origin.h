@@ -1,0 +1,11 @@
+#pragma once
+
+#include "kel/container.h"
+
+/// True when an action call may be trusted like one of this device: it did not come over the network, or it
+/// came from the agent's own address or the loopback address. The HTTP server sets the value that this looks
+/// at, whatever the caller sent. Any thread.
+bool ActionIsFromThisDevice(const KelContainer& arguments);
+
+/// The address of the device that called over the network in dotted form; empty for a local call.
+KelString ActionRequestAddress(const KelContainer& arguments);

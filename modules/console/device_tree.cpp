@@ -1,0 +1,91 @@
+#include "modules/console/device_tree.h"
+
+#include "kel/format.h"
+
+namespace {
+
+constexpr std::size_t kMaster = 0;
+
+/// The part of the tree that leads to the targets.
+class TargetTree {
+  public:
+    explicit TargetTree(const KelVector<Device>& devices)
+        : devices_(devices),
+          isTarget_(devices.size()),
+          isIncluded_(devices.size()),
+          children_(devices.size()) {
+        for (std::size_t i = 0; i < devices.size(); ++i)
+            indexes_.emplace(devices[i].guid, i);
+        isIncluded_[kMaster] = true;
+    }
+
+    KelStatus AddTarget(std::size_t target) {
+        if (isTarget_[target]) return {};
+        KelVector<std::size_t> way;
+        if (KelStatus found = FindWayUp(target, way); !found) return found;
+        isTarget_[target] = true;
+        for (const std::size_t device : way) {
+            if (isIncluded_[device]) break;
+            isIncluded_[device] = true;
+            children_[indexes_.at(devices_[device].parentGuid)].push_back(device);
+        }
+        return {};
+    }
+
+    KelContainer Below(std::size_t device) const {
+        KelContainer below;
+        if (children_[device].empty()) return below;
+        if (isTarget_[device]) below.SetContainer(devices_[device].pathName, KelContainer());
+        for (const std::size_t child : children_[device]) {
+            below.SetContainer(devices_[child].pathName, Below(child));
+        }
+        return below;
+    }
+
+  private:
+    /// The devices from `device` up to the one below the master; empty for the master itself.
+    KelStatus FindWayUp(std::size_t device, KelVector<std::size_t>& way) const {
+        const KelString& name = devices_[device].name;
+        while (device != kMaster) {
+            way.push_back(device);
+            if (way.size() >= kMaxTreeLevels) {
+                return KelError{
+                    1, KelFormat("The parents of device %S go round in a circle or are more than %lu", name,
+                                 kMaxTreeLevels)};
+            }
+            const auto parent = indexes_.find(devices_[device].parentGuid);
+            if (parent == indexes_.end()) {
+                return KelError{1,
+                                KelFormat("Device %S cannot be reached: its parent, or one above it, is the "
+                                          "unknown device %S",
+                                          name, devices_[device].parentGuid)};
+            }
+            if (devices_[parent->second].role == "client") {
+                return KelError{1, KelFormat("Device %S cannot be reached: %S above it is a client, no relay",
+                                             name, devices_[parent->second].name)};
+            }
+            device = parent->second;
+        }
+        return {};
+    }
+
+    const KelVector<Device>& devices_;
+    KelHash<KelString, std::size_t> indexes_;
+    KelVector<bool> isTarget_;
+    KelVector<bool> isIncluded_;
+    KelVector<KelVector<std::size_t>> children_;
+};
+
+}  // namespace
+
+KelResult<KelContainer> BuildDevicePath(const KelVector<Device>& devices,
+                                        const KelVector<std::size_t>& targets) {
+    if (targets.empty()) return KelError{1, "There are no target devices"};
+    TargetTree tree(devices);
+    for (const std::size_t target : targets) {
+        if (const KelStatus added = tree.AddTarget(target); !added) return added.Error();
+    }
+    KelContainer path;
+    path.SetContainer(devices[kMaster].pathName, tree.Below(kMaster));
+    return path;
+}

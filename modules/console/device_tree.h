@@ -1,0 +1,24 @@
+#pragma once
+
+#include <cstddef>
+
+#include "kel/container.h"
+#include "kel/result.h"
+#include "kel/types.h"
+#include "modules/console/device.h"
+
+/// Builds the target tree of a file for the devices at the indexes `targets` (duplicates count once) of
+/// `devices`, whose first entry is the master.
+///
+/// The tree has one name, the master's path name; below it each device's path name holds a container with the
+/// path names of the next level, an empty one for a device that is only a target itself. Relays on the way to
+/// a target are included. A relay (or the master) that is a target and has targets below it appears once more
+/// among its own children, with an empty container.
+///
+/// A device whose parents do not lead to the master, or that lies deeper than kMaxTreeLevels, is an error
+/// that names it; so is an empty list of targets.
+KelResult<KelContainer> BuildDevicePath(const KelVector<Device>& devices,
+                                        const KelVector<std::size_t>& targets);
+
+/// Levels of a tree, the master's included: what a container that travels inside another one can hold.
+inline constexpr std::size_t kMaxTreeLevels = 48;

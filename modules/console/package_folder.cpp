@@ -1,0 +1,71 @@
+#include "modules/console/package_folder.h"
+
+#include "kel/checksum.h"
+#include "kel/directory.h"
+#include "kel/file.h"
+#include "kel/format.h"
+#include "kel/path.h"
+
+namespace {
+
+constexpr char kPackages[] = "Packages";
+constexpr char kIncoming[] = "Incoming";  ///< beside Packages, so that it cannot meet a label
+
+/// Removes a file at the end of the scope; a file that was renamed is gone already.
+class FileRemover {
+  public:
+    explicit FileRemover(const KelString& path) : path_(path) {}
+    ~FileRemover() { FileDelete(path_); }
+    FileRemover(const FileRemover&) = delete;
+    FileRemover& operator=(const FileRemover&) = delete;
+
+  private:
+    const KelString& path_;
+};
+
+KelError CannotWrite(const KelString& path) {
+    return KelError{18,
+                    KelFormat("%S cannot be written; check the free space and rights of its folder", path)};
+}
+
+/// Creates root/Packages/label/checksum with each new entry on the disk.
+bool MakeFolders(const KelString& root, const KelString& label, const KelString& checksum) {
+    KelString folder = root;
+    for (const KelString& element : {KelString(kPackages), label, checksum}) {
+        folder += "/" + element;
+        if (DirExists(folder)) continue;
+        if (!PathCreate(folder) || !FileSync(folder)) return false;
+    }
+    return true;
+}
+
+bool HoldsContent(const KelString& path, const KelString& checksum) {
+    KelString present;
+    return FileExists(path) && FileMd5(path, present) && present == checksum;
+}
+
+}  // namespace
+
+KelResult<PackageFile> CopyToPackages(const KelString& root, const KelString& source, const KelString& label,
+                                      const KelString& name) {
+    const KelString incoming = root + "/" + kIncoming;
+    KelString copy;
+    if (!PathCreate(incoming) || !FileCreateTemp(incoming, copy)) return CannotWrite(incoming);
+    const FileRemover remover(copy);
+    if (!FileCopy(source, copy, false)) {
+        return KelError{
+            18, KelFormat("%S cannot be copied to %S; check that it can be read and that the disk has "
+                          "room",
+                          source, copy)};
+    }
+    PackageFile file;
+    file.size = FileGetSize64(copy);
+    if (file.size < 0 || !FileMd5(copy, file.checksum)) return CannotWrite(copy);
+    const KelString below = KelFormat("%s/%S/%S/%S", kPackages, label, file.checksum, name);
+    file.path = root + "/" + below;
+    file.url = KelFormat("/%s/%S", kPackageAlias, below);
+    if (HoldsContent(file.path, file.checksum)) return file;
+    if (!MakeFolders(root, label, file.checksum) || !FileRename(copy, file.path))
+        return CannotWrite(file.path);
+    return file;
+}

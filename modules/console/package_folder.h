@@ -1,0 +1,25 @@
+#pragma once
+
+#include <cstdint>
+
+#include "kel/result.h"
+#include "kel/types.h"
+
+/// A file that was copied for publication.
+struct PackageFile {
+    KelString checksum;     ///< MD5, lower-case hexadecimal
+    KelString path;         ///< of the copy
+    KelString url;          ///< resource path under which devices fetch it
+    std::int64_t size = 0;  ///< bytes
+};
+
+/// Published files are kept as "<root>/Packages/<label>/<checksum>/<name>" and served under the alias
+/// "QuarnelDatabase". `label` and `name` are safe path elements.
+///
+/// Copies `source` there. The copy is on the disk and has the returned checksum when the call succeeds,
+/// whatever happens to the source meanwhile; copying the same content again changes nothing. Any thread,
+/// concurrently.
+KelResult<PackageFile> CopyToPackages(const KelString& root, const KelString& source, const KelString& label,
+                                      const KelString& name);
+
+inline constexpr char kPackageAlias[] = "QuarnelDatabase";

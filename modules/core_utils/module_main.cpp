@@ -1,0 +1,3 @@
+#include "modules/core_utils/core_utils.h"
+
+KEL_MODULE_MAIN(CoreUtils)

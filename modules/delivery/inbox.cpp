@@ -1,0 +1,110 @@
+#include "modules/delivery/inbox.h"
+
+#include <sys/stat.h>
+
+#include "kel/checksum.h"
+#include "kel/directory.h"
+#include "kel/file.h"
+#include "kel/format.h"
+#include "kel/path.h"
+#include "kel/text.h"
+
+namespace {
+
+constexpr std::int64_t kNanoseconds = 1'000'000'000;
+
+KelString FolderFrom(const KelString& text, const KelString& root) {
+    return CompletePath(text.front() == '/' ? text : root + "/" + text);
+}
+
+}  // namespace
+
+KelStatus Inbox::Configure(const IniFile& ini, const KelString& root) {
+    KelString folder;
+    ini.GetEntryValue("Delivery", "Folder", folder, KelString("Inbox"));
+    if (folder.empty()) return KelError{1, "Delivery.ini: Folder is empty; name a folder"};
+    folder_ = FolderFrom(folder, root);
+    types_.clear();
+    typeFolders_.clear();
+    for (const KelString& type : ini.GetKeys("Folders")) {
+        ini.GetEntryValue("Folders", type, folder, KelString());
+        if (folder.empty() || !IsSafePathElement(type)) {
+            return KelError{
+                1, KelFormat("Delivery.ini: the folder \"%S\" of the type \"%S\" is unusable", folder, type)};
+        }
+        types_.push_back(type);
+        typeFolders_[type] = FolderFrom(folder, root);
+    }
+    return {};
+}
+
+KelString Inbox::PathOf(const ReceivedFile& file) const {
+    const auto own = typeFolders_.find(file.type);
+    const KelString folder = own != typeFolders_.end() ? own->second : folder_ + "/" + file.type;
+    return KelFormat("%S/%S/%S", folder, file.label, file.name);
+}
+
+bool Inbox::Holds(const ReceivedFile& file) const {
+    const KelString path = PathOf(file);
+    KelString checksum;
+    return FileExists(path) && FileMd5(path, checksum) && IsEqualTo(checksum, file.checksum, false);
+}
+
+KelStatus Inbox::Put(const ReceivedFile& file) const {
+    const KelString path = PathOf(file);
+    KelString folder;
+    KelString name;
+    SplitPath(path, folder, name);
+    if (!PathCreate(folder)) {
+        return KelError{1, KelFormat("The folder %S cannot be created; check its rights", folder)};
+    }
+    if (!FileCopy(file.sourcePath, path, false)) {
+        return KelError{
+            1, KelFormat("%S cannot be copied to %S; check free space and rights", file.sourcePath, path)};
+    }
+    return {};
+}
+
+KelVector<DeliveredFile> Inbox::List() {
+    KelVector<DeliveredFile> files;
+    for (const KelString& type : DirList(folder_)) {
+        if (!typeFolders_.contains(type)) ListType(folder_ + "/" + type, type, files);
+    }
+    for (const KelString& type : types_)
+        ListType(typeFolders_.at(type), type, files);
+    return files;
+}
+
+void Inbox::ListType(const KelString& folder, const KelString& type, KelVector<DeliveredFile>& files) {
+    for (const KelString& label : DirList(folder)) {
+        for (const KelString& name : DirList(folder + "/" + label)) {
+            DeliveredFile file;
+            file.type = type;
+            file.label = label;
+            file.name = name;
+            file.path = KelFormat("%S/%S/%S", folder, label, name);
+            if (Examine(file)) files.push_back(std::move(file));
+        }
+    }
+}
+
+bool Inbox::Examine(DeliveredFile& file) {
+    struct stat status {};
+    if (stat(file.path.c_str(), &status) != 0 || !S_ISREG(status.st_mode)) return false;
+    file.size = status.st_size;
+    file.time = status.st_mtim.tv_sec;
+    const std::int64_t changeTime = status.st_mtim.tv_sec * kNanoseconds + status.st_mtim.tv_nsec;
+    {
+        const KelLock lock(mutex_);
+        const auto known = known_.find(file.path);
+        if (known != known_.end() && known->second.size == file.size &&
+            known->second.changeTime == changeTime) {
+            file.checksum = known->second.checksum;
+            return true;
+        }
+    }
+    if (!FileMd5(file.path, file.checksum)) return false;
+    const KelLock lock(mutex_);
+    known_[file.path] = {file.size, changeTime, file.checksum};
+    return true;
+}

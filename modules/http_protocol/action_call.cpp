@@ -1,0 +1,66 @@
+#include "modules/http_protocol/action_call.h"
+
+#include <exception>
+
+#include "kel/container.h"
+#include "kel/text.h"
+#include "kelcore/action_db.h"
+#include "kelcore/error_codes.h"
+#include "kelcore/json.h"
+
+namespace kelhttp {
+namespace {
+
+constexpr const char* kXmlType = "application/xml";
+constexpr const char* kJsonType = "application/json";
+
+KelString MediaType(std::string_view field) {
+    return Trim(field.substr(0, field.find(';')));
+}
+
+ActionAnswer Run(const ActionCall& call) {
+    KelContainer container;
+    const KelStatus parsed = call.bodyFormat == BodyFormat::Json ? ContainerFromJson(call.body, container)
+                                                                 : container.LoadFromXML(call.body);
+    if (!parsed) return {400, 0, "text/plain", parsed.Error().message + "\n"};
+    KelContainer info;
+    info.SetString("HttpProtocolRequestAddress", call.peer.ToText());
+    container.Remove("HttpProtocolRequestInfo");
+    container.SetContainer("HttpProtocolRequestInfo", std::move(info));
+
+    const unsigned int result = ActionDbInvokeLocal(call.name, container);
+    container.Remove("HttpProtocolRequestInfo");  // the caller's next call must not carry it
+    if (result == kKelErrorUnknownAction && !ActionDbIsActionRegistered(call.name))
+        return {404, 0, "text/plain", {}};
+    if (call.answerFormat == BodyFormat::Json) return {200, result, kJsonType, ContainerToJson(container)};
+    return {200, result, kXmlType, container.SaveToXML()};
+}
+
+}  // namespace
+
+std::optional<BodyFormat> FormatOfContentType(std::string_view type) {
+    const KelString name = MediaType(type);
+    if (name.empty() || IsEqualTo(name, kXmlType, false) || IsEqualTo(name, "text/xml", false))
+        return BodyFormat::Xml;
+    if (IsEqualTo(name, kJsonType, false)) return BodyFormat::Json;
+    return std::nullopt;
+}
+
+BodyFormat FormatOfAccept(std::string_view accept) {
+    for (const KelString& item : SplitText(accept, ',')) {
+        const KelString name = MediaType(item);
+        if (IsEqualTo(name, kJsonType, false)) return BodyFormat::Json;
+        if (IsEqualTo(name, kXmlType, false) || IsEqualTo(name, "text/xml", false)) return BodyFormat::Xml;
+    }
+    return BodyFormat::Xml;
+}
+
+ActionAnswer RunActionCall(const ActionCall& call) {
+    try {
+        return Run(call);
+    } catch (const std::exception& failure) {
+        return {500, kKelErrorInternal, "text/plain", KelString(failure.what()) + "\n"};
+    }
+}
+
+}  // namespace kelhttp

@@ -1,0 +1,178 @@
+#include "modules/http_protocol/connection.h"
+
+#include <chrono>
+
+namespace kelhttp {
+namespace {
+
+constexpr std::chrono::seconds kLingerTime{2};
+/// Buffers larger than this are given back while the connection is idle.
+constexpr std::size_t kIdleBufferBytes = 1024;
+
+}  // namespace
+
+Connection::Connection(ServerContext& context, IoLoop& loop, std::unique_ptr<Channel> channel, IpAddress peer)
+    : context_(context), loop_(loop), channel_(std::move(channel)), peer_(peer), since_(Clock::now()) {}
+
+Connection::~Connection() {
+    Close();
+}
+
+void Connection::Start() {
+    loop_.Add(shared_from_this());
+    channel_->Open(shared_from_this());
+}
+
+void Connection::Close() {
+    if (state_ == State::Closed) return;
+    state_ = State::Closed;
+    EndWork();
+    channel_->Close();
+    upload_.reset();
+    context_.peers.Release(peer_);
+    loop_.Remove(this);
+}
+
+void Connection::Enter(State state) {
+    state_ = state;
+    since_ = Clock::now();
+    windowBytes_ = 0;
+}
+
+void Connection::OnOpened(bool ok) {
+    if (state_ == State::Closed) return;
+    if (!ok) return Close();
+    Enter(State::Head);
+    ProcessInput();
+}
+
+void Connection::OnRead(bool ok, std::size_t count) {
+    if (state_ == State::Closed) return;
+    if (!ok) return Close();
+    windowBytes_ += count;
+    switch (state_) {
+        case State::PutBody:
+            chunkUsed_ += count;
+            bodyLeft_ -= count;
+            break;
+        case State::Lingering:
+            return ReadMore();
+        case State::Head:
+            if (input_.empty()) since_ = Clock::now();
+            [[fallthrough]];
+        default:
+            input_.append(loop_.Scratch().data(), count);
+    }
+    ProcessInput();
+}
+
+void Connection::OnWritten(bool ok) {
+    if (state_ == State::Closed) return;
+    if (!ok) return Close();
+    if (state_ == State::Continuing) {
+        Enter(afterContinue_);
+    } else {
+        Advance(Channel::Outcome::Done);
+    }
+    ProcessInput();
+}
+
+void Connection::ProcessInput() {
+    for (;;) {
+        bool more = false;
+        switch (state_) {
+            case State::Head:
+                more = TakeHead();
+                break;
+            case State::ActionBody:
+                more = TakeActionBody();
+                break;
+            case State::PutBody:
+                more = TakePutBody();
+                break;
+            case State::Discarding: {
+                const std::size_t count = std::min<std::uint64_t>(bodyLeft_, input_.size());
+                input_.erase(0, count);
+                bodyLeft_ -= count;
+                more = bodyLeft_ == 0;
+                if (more) Enter(State::Head);
+                break;
+            }
+            default:
+                return;  // an operation in progress calls again
+        }
+        if (!more) return ReadMore();
+    }
+}
+
+void Connection::ReadMore() {
+    if (state_ == State::Closed) return;
+    std::span<char> into = loop_.Scratch();
+    if (state_ == State::PutBody)
+        into = {chunk_.get() + chunkUsed_, std::min<std::uint64_t>(chunkSize_ - chunkUsed_, bodyLeft_)};
+    if (state_ == State::Head && input_.empty()) {
+        if (input_.capacity() > kIdleBufferBytes) input_ = {};
+        if (output_.capacity() > kIdleBufferBytes) output_ = {};
+    }
+    channel_->Read(into, shared_from_this());
+}
+
+void Connection::OnTick(Clock::time_point now) {
+    const ServerSettings& settings = context_.settings;
+    const auto passed = now - since_;
+    bool late = false;
+    switch (state_) {
+        case State::Opening:
+        case State::Continuing:
+            late = passed > std::chrono::seconds(settings.headerTimeout);
+            break;
+        case State::Head:
+            late = passed > std::chrono::seconds(served_ && input_.empty() ? settings.idleTimeout
+                                                                           : settings.headerTimeout);
+            break;
+        case State::ActionBody:
+        case State::PutBody:
+        case State::Discarding:
+            late = IsBodyTooSlow(now);
+            break;
+        case State::Sending:
+            if (channel_->BytesSent() != windowBytes_) {
+                windowBytes_ = channel_->BytesSent();
+                since_ = now;
+            }
+            late = now - since_ > std::chrono::seconds(settings.sendTimeout);
+            break;
+        case State::Lingering:
+            late = passed > kLingerTime;
+            break;
+        case State::Working:
+        case State::Closed:
+            break;
+    }
+    if (late) Close();
+}
+
+bool Connection::IsBodyTooSlow(Clock::time_point now) {
+    const ServerSettings& settings = context_.settings;
+    if (now - since_ < std::chrono::seconds(settings.minBodyRateTime)) return false;
+    const auto least = static_cast<std::uint64_t>(settings.minBodyRate) *
+                       static_cast<std::uint64_t>(settings.minBodyRateTime);
+    if (windowBytes_ < least) return true;
+    since_ = now;
+    windowBytes_ = 0;
+    return false;
+}
+
+void Connection::BeginWork() {
+    if (working_) return;
+    working_ = true;
+    context_.peers.BeginWork(peer_);
+}
+
+void Connection::EndWork() {
+    if (!working_) return;
+    working_ = false;
+    context_.peers.EndWork(peer_);
+}
+
+}  // namespace kelhttp

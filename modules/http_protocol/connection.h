@@ -1,0 +1,124 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string_view>
+#include <vector>
+
+#include "kel/ip_address.h"
+#include "modules/http_protocol/action_call.h"
+#include "modules/http_protocol/channel.h"
+#include "modules/http_protocol/io_loop.h"
+#include "modules/http_protocol/put_upload.h"
+#include "modules/http_protocol/request_head.h"
+#include "modules/http_protocol/served_file.h"
+#include "modules/http_protocol/server_context.h"
+
+namespace kelhttp {
+
+/// One connection of a client: its requests one after the other, further ones waiting in the socket or in the
+/// input buffer. Everything runs on the thread of its loop; workers come back through the loop.
+///
+/// Opening -> Head -> (Continuing ->) ActionBody | PutBody <-> Working -> Sending -> Discarding -> Head ...
+///                 -> Sending                                          -> Lingering -> Closed
+/// Closed is reached from everywhere. Exactly one read is in progress in Head, ActionBody, PutBody,
+/// Discarding and Lingering once their input is used up, none in the other states.
+class Connection final : public ChannelUser,
+                         public LoopMember,
+                         public std::enable_shared_from_this<Connection> {
+  public:
+    /// The peer has been admitted to the context's table; the connection releases it.
+    Connection(ServerContext& context, IoLoop& loop, std::unique_ptr<Channel> channel, IpAddress peer);
+    ~Connection() override;
+
+    void Start();
+
+    void OnOpened(bool ok) override;
+    void OnRead(bool ok, std::size_t count) override;
+    void OnWritten(bool ok) override;
+    void OnTick(Clock::time_point now) override;
+    void Abort() override { Close(); }
+
+  private:
+    enum class State : unsigned char {
+        Opening,
+        Head,
+        Continuing,
+        ActionBody,
+        PutBody,
+        Working,
+        Sending,
+        Discarding,
+        Lingering,
+        Closed
+    };
+
+    void Enter(State state);
+    void ProcessInput();
+    void ReadMore();
+    void Close();
+
+    // Requests (connection_requests.cpp). Each ends in a response or another state.
+    bool TakeHead();
+    void Route(const RequestHead& request);
+    bool CheckCredentials(const RequestHead& request);
+    void RouteGet(const RequestHead& request);
+    void RouteAction(const RequestHead& request);
+    void RoutePut(const RequestHead& request);
+    void AcceptBody(const RequestHead& request, State state);
+    bool TakeActionBody();
+    void CallAction();
+    void FinishAction(ActionAnswer& answer);
+
+    // Uploads (connection_upload.cpp).
+    bool TakePutBody();
+    template <class Step>
+    void RunUploadStep(Step step, void (Connection::*then)(unsigned int));
+    void FailUpload(unsigned int status);
+    void OnUploadBegun(unsigned int status);
+    void OnUploadWritten(unsigned int status);
+    void OnUploadCommitted(unsigned int status);
+
+    // Responses (connection_response.cpp).
+    void Respond(unsigned int status, std::string_view headers, std::string_view body);
+    /// A response whose body is the reason, or `text`.
+    void RespondError(unsigned int status, std::string_view text = {});
+    void RespondFile(ServedFile file);
+    void Advance(Channel::Outcome outcome);
+    void FinishResponse();
+    void Linger();
+    std::string_view ConnectionField() const;
+
+    bool IsBodyTooSlow(Clock::time_point now);
+    void BeginWork();
+    void EndWork();
+
+    ServerContext& context_;
+    IoLoop& loop_;
+    std::unique_ptr<Channel> channel_;
+    const IpAddress peer_;
+    State state_ = State::Opening;
+    State afterContinue_ = State::Head;
+    bool keepAlive_ = false;
+    bool version11_ = true;
+    bool served_ = false;   ///< a request has been answered
+    bool working_ = false;  ///< entered as working in the table of peers
+    DigestAuth::Memory authMemory_;
+
+    KelString input_;  ///< received and not used yet
+    KelString output_;
+    ServedFile file_;
+    std::uint64_t bodyLeft_ = 0;  ///< bytes of the request's body still to come (those in input_ included)
+    bool hasExpectation_ = false;
+
+    std::unique_ptr<ActionCall> call_;
+    std::shared_ptr<PutUpload> upload_;
+    std::unique_ptr<char[]> chunk_;  ///< body bytes on their way to the upload
+    std::size_t chunkSize_ = 0;
+    std::size_t chunkUsed_ = 0;
+
+    Clock::time_point since_;  ///< start of the state, of the head, or of a rate or progress window
+    std::uint64_t windowBytes_ = 0;
+};
+
+}  // namespace kelhttp

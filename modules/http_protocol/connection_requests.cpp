@@ -1,0 +1,159 @@
+#include "modules/http_protocol/connection.h"
+#include "modules/http_protocol/request_path.h"
+
+namespace kelhttp {
+namespace {
+
+constexpr std::string_view kActionPrefix = "/Action/";
+/// What is set aside for an announced body before its bytes come.
+constexpr std::uint64_t kFirstReserve = 256 << 10;
+
+}  // namespace
+
+/// Takes a request from the input; false when more of it must be read.
+bool Connection::TakeHead() {
+    while (input_.starts_with("\r\n"))
+        input_.erase(0, 2);  // left over by some clients behind a body
+    const std::size_t end = FindHeadEnd(input_);
+    const auto limit = static_cast<std::size_t>(context_.settings.maxHeaderBytes);
+    bodyLeft_ = 0;
+    hasExpectation_ = false;
+    if (std::min(end, input_.size()) > limit) {
+        keepAlive_ = false;
+        RespondError(431);
+        return true;
+    }
+    if (end == std::string_view::npos) return false;
+
+    RequestHead request;
+    const unsigned int status = ParseRequestHead(std::string_view(input_).substr(0, end), request);
+    version11_ = request.version11;
+    keepAlive_ = request.keepAlive && status == 0 && !request.chunked;
+    bodyLeft_ = request.contentLength.value_or(0);
+    hasExpectation_ = request.expectContinue;
+    if (status != 0) {
+        bodyLeft_ = 0;
+        RespondError(status);
+    } else {
+        Route(request);
+    }
+    input_.erase(0, end);
+    return true;
+}
+
+void Connection::Route(const RequestHead& request) {
+    if (!CheckCredentials(request)) return;
+    switch (request.method) {
+        case Method::Get:
+        case Method::Head:
+            return RouteGet(request);
+        case Method::Post:
+            return RouteAction(request);
+        case Method::Put:
+            return RoutePut(request);
+        case Method::Other:
+            return Respond(405, "Allow: GET, HEAD, POST, PUT\r\nContent-Length: 0\r\n", {});
+    }
+}
+
+bool Connection::CheckCredentials(const RequestHead& request) {
+    const std::string_view authorization = request.Field("Authorization");
+    const Clock::time_point now = Clock::now();
+    DigestAuth::Verdict verdict = DigestAuth::Verdict::Refused;
+    if (!authorization.empty())
+        verdict = context_.auth.Check(
+            {request.methodName, request.target, authorization, peer_, channel_->IsEncrypted()}, authMemory_,
+            now);
+    if (verdict == DigestAuth::Verdict::Granted) return true;
+    const bool stale = verdict == DigestAuth::Verdict::Stale;
+    if (!authorization.empty() && !stale)
+        context_.log.Warning(
+            "Request from %S with wrong credentials refused. Check name and password there.\n",
+            peer_.ToText());
+    Respond(401,
+            context_.auth.Challenge(peer_, channel_->IsEncrypted(), stale, now) + "Content-Length: 0\r\n",
+            {});
+    return false;
+}
+
+void Connection::RouteGet(const RequestHead& request) {
+    const std::optional<KelString> path = DecodeRequestPath(request.target);
+    const std::optional<AliasMatch> place = path ? context_.aliases.Find(*path) : std::nullopt;
+    ServedFile file;
+    if (place) file = OpenServedFile(*place, request);
+    if (file.status == 404 || bodyLeft_ > 0) {
+        const unsigned int status = file.status == 404 ? 404 : 400;
+        return Respond(status, "Content-Length: 0\r\n", {});
+    }
+    RespondFile(std::move(file));
+}
+
+void Connection::RouteAction(const RequestHead& request) {
+    if (request.chunked) return RespondError(411);
+    const std::optional<KelString> path = DecodeRequestPath(request.target);
+    if (!path || !path->starts_with(kActionPrefix)) return RespondError(404);
+    const std::optional<BodyFormat> format = FormatOfContentType(request.Field("Content-Type"));
+    if (!format) return RespondError(415);
+    if (bodyLeft_ > static_cast<std::uint64_t>(context_.settings.maxActionBytes)) return RespondError(413);
+    call_ = std::make_unique<ActionCall>();
+    call_->name = path->substr(kActionPrefix.size());
+    call_->bodyFormat = *format;
+    call_->answerFormat = FormatOfAccept(request.Field("Accept"));
+    call_->peer = peer_;
+    call_->body.reserve(std::min(bodyLeft_, kFirstReserve));
+    AcceptBody(request, State::ActionBody);
+}
+
+/// Goes on to `state`, which reads the body, when the peer has been told to send it.
+void Connection::AcceptBody(const RequestHead& request, State state) {
+    if (!request.expectContinue || bodyLeft_ == 0) return Enter(state);
+    hasExpectation_ = false;
+    afterContinue_ = state;
+    output_ = "HTTP/1.1 100 Continue\r\n\r\n";
+    Enter(State::Continuing);
+    const Channel::Outcome outcome = channel_->Write(output_, false, shared_from_this());
+    if (outcome == Channel::Outcome::Failed) return Close();
+    if (outcome == Channel::Outcome::Done) Enter(state);
+}
+
+bool Connection::TakeActionBody() {
+    const std::size_t count = std::min<std::uint64_t>(bodyLeft_, input_.size());
+    call_->body.append(input_, 0, count);
+    input_.erase(0, count);
+    bodyLeft_ -= count;
+    if (bodyLeft_ > 0) return false;
+    CallAction();
+    return true;
+}
+
+void Connection::CallAction() {
+    Enter(State::Working);
+    BeginWork();
+    const auto task = [connection = weak_from_this(), &loop = loop_,
+                       call = std::shared_ptr<ActionCall>(std::move(call_))] {
+        const auto answer = std::make_shared<ActionAnswer>(RunActionCall(*call));
+        loop.Post([connection, answer] {
+            if (const auto self = connection.lock()) self->FinishAction(*answer);
+        });
+    };
+    if (!context_.actions.TryPost(task)) {
+        context_.log.Warning("Action call from %S refused: all workers are busy and the queue is full.\n",
+                             peer_.ToText());
+        RespondError(503);
+    }
+}
+
+void Connection::FinishAction(ActionAnswer& answer) {
+    if (state_ != State::Working) return;
+    if (answer.status != 200) {
+        RespondError(answer.status, answer.body);
+    } else {
+        Respond(200,
+                KelString("Kel-Result: ") + std::to_string(answer.result) + "\r\nContent-Type: " +
+                    answer.contentType + "\r\nContent-Length: " + std::to_string(answer.body.size()) + "\r\n",
+                answer.body);
+    }
+    ProcessInput();
+}
+
+}  // namespace kelhttp

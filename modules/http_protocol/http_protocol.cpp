@@ -1,0 +1,122 @@
+#include "modules/http_protocol/http_protocol.h"
+
+#include <algorithm>
+#include <functional>
+
+#include "kelcore/action_db.h"
+#include "kelcore/agent.h"
+#include "kelcore/error_codes.h"
+#include "modules/http_protocol/server.h"
+
+using kelhttp::Server;
+
+HttpProtocol::HttpProtocol() : KelModule("HttpProtocol", "HTTP protocol module") {}
+
+HttpProtocol::~HttpProtocol() = default;
+
+void HttpProtocol::Register(const char* handle) {
+    const auto add = [handle](const char* signature, std::function<unsigned int(KelContainer&)> action) {
+        ActionDbRegisterAction(
+            signature, [action = std::move(action)](KelContainer* container) { return action(*container); },
+            handle);
+    };
+    add("HttpProtocolAddAlias (string AliasName, string AliasPath)",
+        [this](KelContainer& container) { return AddAlias(container); });
+    add("HttpProtocolDeleteAlias (string AliasName, bool CompletelyRemove)",
+        [this](KelContainer& container) { return DeleteAlias(container); });
+    add("HttpProtocolGetParams ()", [this](KelContainer& container) { return GetParams(container); });
+    add("HttpProtocolGetThreadCount (bool FirstTime)",
+        [this](KelContainer& container) { return GetThreadCount(container); });
+}
+
+bool HttpProtocol::Initialise() {
+    IniFile ini;
+    if (!ini.Open(IniPath())) {
+        Log().Error("Cannot read %S. Correct it and start again.\n", IniPath());
+        return false;
+    }
+    kelhttp::ServerSettings settings = kelhttp::ReadServerSettings(ini, KelAgentGetAddress(), Log());
+    settings.userName = KelAgentGetName();
+    settings.password = KelAgentGetHttpPassword();
+    if (settings.password.empty()) {
+        Log().Error("The agent has no HTTP password; set HttpPassword in Agent.ini.\n");
+        return false;
+    }
+    aliases_.SetWritable(settings.writableAliases);
+    auto server = std::make_unique<Server>(settings, aliases_, Log());
+    if (const KelStatus opened = server->Open(); !opened) {
+        Log().Error("The HTTP server %S.\n", opened.Error().message);
+        return false;
+    }
+    settings.port = server->Port();
+    if (settings.bandwidthPort != 0) settings.bandwidthPort = server->BandwidthPort();
+    const std::lock_guard lock(mutex_);
+    settings_ = std::move(settings);
+    server_ = std::move(server);
+    return true;
+}
+
+void HttpProtocol::Activate() {
+    if (!server_) return;
+    server_->Run();
+    Log().Print("Listening on %S:%u.\n", settings_.address, static_cast<unsigned int>(settings_.port));
+}
+
+void HttpProtocol::Cleanup() {
+    if (server_) server_->Stop();
+}
+
+std::uint16_t HttpProtocol::Port() const {
+    const std::lock_guard lock(mutex_);
+    return server_ ? server_->Port() : std::uint16_t{0};
+}
+
+std::uint16_t HttpProtocol::SslPort() const {
+    const std::lock_guard lock(mutex_);
+    return server_ ? server_->SslPort() : std::uint16_t{0};
+}
+
+unsigned int HttpProtocol::AddAlias(KelContainer& container) {
+    const KelString name = container.GetString("AliasName");
+    const KelString path = container.GetString("AliasPath");
+    container.Clear();
+    if (aliases_.Add(name, path)) return kKelOk;
+    Log().Warning("Alias '%S' for '%S' refused: a name of plain elements and a folder are needed.\n", name,
+                  path);
+    return kKelErrorBadInput;
+}
+
+unsigned int HttpProtocol::DeleteAlias(KelContainer& container) {
+    const KelString name = container.GetString("AliasName");
+    const bool below = container.GetBool("CompletelyRemove");
+    container.Clear();
+    if (name.empty()) return kKelErrorBadInput;
+    aliases_.Delete(name, below);
+    return kKelOk;
+}
+
+unsigned int HttpProtocol::GetParams(KelContainer& container) const {
+    KelContainer values;
+    {
+        const std::lock_guard lock(mutex_);
+        values.SetInt32("Port", settings_.port);
+        values.SetString("Address", settings_.address);
+    }
+    container.Clear();
+    container.SetContainer("Values", std::move(values));
+    return kKelOk;
+}
+
+unsigned int HttpProtocol::GetThreadCount(KelContainer& container) const {
+    const bool firstTime = container.GetBool("FirstTime");
+    container.Clear();
+    const std::lock_guard lock(mutex_);
+    const std::size_t clients = server_ ? server_->CountWorkingPeers() : 0;
+    container.SetInt32("ThreadCount", static_cast<std::int32_t>(std::max<std::size_t>(clients, 1)));
+    if (!firstTime) return kKelOk;
+    container.SetInt32("BwPort", settings_.bandwidthPort);
+    container.SetInt32("BwPingFrequency", settings_.bandwidthPingFrequency);
+    container.SetInt32("BwClientCheckFrequency", settings_.bandwidthClientCheckFrequency);
+    container.SetInt32("BwPingDuration", settings_.bandwidthPingDuration);
+    return kKelOk;
+}

@@ -1,0 +1,108 @@
+#include "modules/http_protocol/served_file.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include "kel/file.h"
+#include "kel/format.h"
+#include "modules/http_protocol/byte_range.h"
+#include "modules/http_protocol/request_path.h"
+
+namespace kelhttp {
+namespace {
+
+void AppendHex(KelString& text, std::uint64_t value) {
+    char digits[16];
+    std::size_t count = 0;
+    do {
+        digits[count++] = "0123456789abcdef"[value & 15];
+        value >>= 4;
+    } while (value != 0);
+    while (count > 0)
+        text += digits[--count];
+}
+
+/// Strong: it changes with every write that the file system stamps and with every replacement of the file.
+KelString EntityTag(const struct stat& info) {
+    KelString tag = "\"";
+    AppendHex(tag, info.st_ino);
+    tag += '-';
+    AppendHex(tag, static_cast<std::uint64_t>(info.st_size));
+    tag += '-';
+    AppendHex(tag, static_cast<std::uint64_t>(info.st_mtim.tv_sec) * 1000000000U +
+                       static_cast<std::uint64_t>(info.st_mtim.tv_nsec));
+    tag += '"';
+    return tag;
+}
+
+bool MatchesAny(std::string_view list, std::string_view tag) {
+    while (!list.empty()) {
+        const std::size_t end = std::min(list.find(','), list.size());
+        std::string_view item = list.substr(0, end);
+        while (!item.empty() && item.front() == ' ')
+            item.remove_prefix(1);
+        while (!item.empty() && item.back() == ' ')
+            item.remove_suffix(1);
+        if (item.starts_with("W/")) item.remove_prefix(2);
+        if (item == tag || item == "*") return true;
+        list.remove_prefix(std::min(end + 1, list.size()));
+    }
+    return false;
+}
+
+ByteRange RangeOf(const RequestHead& request, const KelString& tag, std::uint64_t size) {
+    const std::string_view range = request.Field("Range");
+    if (range.empty() || request.method != Method::Get) return {};
+    const std::string_view ifRange = request.Field("If-Range");
+    if (!ifRange.empty() && ifRange != tag) return {};  // dates are no strong validators here
+    return ParseByteRange(range, size);
+}
+
+void AppendField(KelString& headers, std::string_view name, std::string_view value) {
+    headers.append(name).append(": ").append(value).append("\r\n");
+}
+
+}  // namespace
+
+ServedFile OpenServedFile(const AliasMatch& place, const RequestHead& request) {
+    ServedFile answer;
+    struct stat info {};
+    // O_NONBLOCK: opening a FIFO must not wait for its writer.
+    if (IsServableName(place.rest))
+        answer.fd = FileOpenBeneath(place.root, place.rest, O_RDONLY | O_NONBLOCK);
+    if (!answer.fd || ::fstat(answer.fd.Get(), &info) != 0 || !S_ISREG(info.st_mode)) {
+        answer.fd.Reset();
+        return answer;
+    }
+    const auto size = static_cast<std::uint64_t>(info.st_size);
+    const KelString tag = EntityTag(info);
+    answer.headers.reserve(256);
+    AppendField(answer.headers, "ETag", tag);
+    if (MatchesAny(request.Field("If-None-Match"), tag)) {
+        answer.status = 304;
+        answer.fd.Reset();
+        return answer;
+    }
+    const ByteRange range = RangeOf(request, tag, size);
+    if (range.kind == ByteRange::Kind::Unsatisfiable) {
+        answer.status = 416;
+        AppendField(answer.headers, "Content-Range", KelFormat("bytes */%gu", size));
+        AppendField(answer.headers, "Content-Length", "0");
+        answer.fd.Reset();
+        return answer;
+    }
+    const bool part = range.kind == ByteRange::Kind::Part;
+    answer.status = part ? 206 : 200;
+    answer.offset = range.offset;
+    answer.length = part ? range.length : size;
+    if (part)
+        AppendField(answer.headers, "Content-Range",
+                    KelFormat("bytes %gu-%gu/%gu", range.offset, range.offset + range.length - 1, size));
+    AppendField(answer.headers, "Accept-Ranges", "bytes");
+    AppendField(answer.headers, "Content-Type", "application/octet-stream");
+    AppendField(answer.headers, "Content-Length", std::to_string(answer.length));
+    if (request.method == Method::Head || answer.length == 0) answer.fd.Reset();
+    return answer;
+}
+
+}  // namespace kelhttp

@@ -1,0 +1,166 @@
+#include "modules/http_protocol/server.h"
+
+#include <sys/resource.h>
+#include <boost/asio/ssl/context.hpp>
+#include <exception>
+#include <vector>
+
+#include "kel/format.h"
+#include "modules/http_protocol/connection.h"
+#include "modules/http_protocol/io_loop.h"
+#include "modules/http_protocol/listener.h"
+#include "modules/http_protocol/plain_channel.h"
+#include "modules/http_protocol/probe_sink.h"
+#include "modules/http_protocol/server_context.h"
+#include "modules/http_protocol/tls_channel.h"
+
+namespace kelhttp {
+namespace {
+
+constexpr std::chrono::milliseconds kPatience{1500};
+
+void RaiseOpenFileLimit() {
+    rlimit limit{};
+    if (::getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur == limit.rlim_max) return;
+    limit.rlim_cur = limit.rlim_max;
+    ::setrlimit(RLIMIT_NOFILE, &limit);
+}
+
+boost::asio::ip::tcp::socket MakeSocket(IoLoop& loop, UniqueFd& fd) {
+    return {loop.Context(), boost::asio::ip::tcp::v4(), fd.Release()};
+}
+
+}  // namespace
+
+struct Server::State {
+    State(ServerSettings settings, AliasTable& aliases, const KelDebug& log)
+        : loops(static_cast<std::size_t>(settings.ioThreads)), context(std::move(settings), aliases, log) {}
+
+    enum class Kind : unsigned char { Plain, Tls, Probe };
+
+    std::shared_ptr<Listener> MakeListener(Kind kind) {
+        return std::make_shared<Listener>(
+            loops.front(), context.log,
+            [this, kind](UniqueFd socket, IpAddress peer) { Take(kind, std::move(socket), peer); });
+    }
+
+    /// Hands an accepted connection to the next loop.
+    void Take(Kind kind, UniqueFd socket, IpAddress peer) {
+        if (!context.peers.Admit(peer)) {
+            context.log.Detail("Connection from %S refused: too many connections.\n", peer.ToText());
+            return;
+        }
+        IoLoop& loop = loops[next++ % loops.size()];
+        const auto held = std::make_shared<UniqueFd>(std::move(socket));
+        loop.Post([this, kind, held, peer, &loop] {
+            try {
+                StartConnection(kind, loop, *held, peer);
+            } catch (const std::exception& failure) {
+                context.peers.Release(peer);
+                context.log.Warning("Connection from %S dropped: %s.\n", peer.ToText(), failure.what());
+            }
+        });
+    }
+
+    /// Throws only before there is a connection that releases the peer itself.
+    void StartConnection(Kind kind, IoLoop& loop, UniqueFd& fd, IpAddress peer) {
+        if (kind == Kind::Probe)
+            return std::make_shared<ProbeSink>(context.peers, loop, MakeSocket(loop, fd), peer)->Start();
+        std::unique_ptr<Channel> channel;
+        if (kind == Kind::Tls)
+            channel = std::make_unique<TlsChannel>(MakeSocket(loop, fd), *tls);
+        else
+            channel = std::make_unique<PlainChannel>(MakeSocket(loop, fd));
+        std::make_shared<Connection>(context, loop, std::move(channel), peer)->Start();
+    }
+
+    KelStatus OpenTls() {
+        namespace ssl = boost::asio::ssl;
+        const ServerSettings& settings = context.settings;
+        tls = std::make_unique<ssl::context>(ssl::context::tls_server);
+        boost::system::error_code error;
+        tls->use_certificate_chain_file(settings.certificateFile, error);
+        if (!error) tls->use_private_key_file(settings.keyFile, ssl::context::pem, error);
+        if (error)
+            return KelError{1, KelFormat("cannot use certificate %S with key %S: %S",
+                                         settings.certificateFile, settings.keyFile, error.message())};
+        ::SSL_CTX_set_min_proto_version(tls->native_handle(), TLS1_2_VERSION);
+        sslListener = MakeListener(Kind::Tls);
+        return sslListener->Bind(settings.address, settings.sslPort);
+    }
+
+    // Connections are destroyed with their loops and use the context and the TLS settings until then; workers
+    // use the loops until they have ended. The destructor of Server keeps that order.
+    std::vector<IoLoop> loops;
+    ServerContext context;
+    std::unique_ptr<boost::asio::ssl::context> tls;
+    std::shared_ptr<Listener> listener, sslListener, probeListener;
+    std::size_t next = 0;  ///< used on the first loop only
+};
+
+Server::Server(ServerSettings settings, AliasTable& aliases, const KelDebug& log)
+    : state_(std::make_unique<State>(std::move(settings), aliases, log)) {}
+
+Server::~Server() {
+    Stop();
+}
+
+KelStatus Server::Open() {
+    const ServerSettings& settings = state_->context.settings;
+    state_->listener = state_->MakeListener(State::Kind::Plain);
+    if (KelStatus bound = state_->listener->Bind(settings.address, settings.port); !bound) return bound;
+    if (!settings.certificateFile.empty()) {
+        if (KelStatus opened = state_->OpenTls(); !opened) return opened;
+    }
+    if (settings.bandwidthPort == 0) return {};
+    state_->probeListener = state_->MakeListener(State::Kind::Probe);
+    return state_->probeListener->Bind(settings.address, static_cast<std::uint16_t>(settings.bandwidthPort));
+}
+
+void Server::Run() {
+    RaiseOpenFileLimit();
+    for (const auto& listener : {state_->listener, state_->sslListener, state_->probeListener}) {
+        if (!listener) continue;
+        if (const KelStatus listening = listener->Listen(); !listening) {
+            state_->context.log.Error("The HTTP server %S.\n", listening.Error().message);
+            continue;
+        }
+        state_->loops.front().Post([&started = *listener] { started.Start(); });
+    }
+    for (IoLoop& loop : state_->loops)
+        loop.Start();
+}
+
+void Server::Stop() {
+    for (IoLoop& loop : state_->loops)
+        loop.Stop();
+    const auto deadline = std::chrono::steady_clock::now() + kPatience;
+    for (WorkerPool* pool : {&state_->context.files, &state_->context.actions}) {
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+            deadline - std::chrono::steady_clock::now());
+        if (!pool->Stop(std::max(left, std::chrono::milliseconds(0))))
+            state_->context.log.Warning("Actions or uploads still run while the server stops.\n");
+    }
+}
+
+std::uint16_t Server::Port() const {
+    return state_->listener ? state_->listener->Port() : std::uint16_t{0};
+}
+
+std::uint16_t Server::SslPort() const {
+    return state_->sslListener ? state_->sslListener->Port() : std::uint16_t{0};
+}
+
+std::uint16_t Server::BandwidthPort() const {
+    return state_->probeListener ? state_->probeListener->Port() : std::uint16_t{0};
+}
+
+std::size_t Server::CountWorkingPeers() const {
+    return state_->context.peers.CountWorkingPeers();
+}
+
+std::size_t Server::CountConnections() const {
+    return state_->context.peers.CountConnections();
+}
+
+}  // namespace kelhttp

@@ -1,0 +1,36 @@
+#pragma once
+
+#include "kel/debug.h"
+#include "modules/http_protocol/alias_table.h"
+#include "modules/http_protocol/digest_auth.h"
+#include "modules/http_protocol/peer_table.h"
+#include "modules/http_protocol/settings.h"
+#include "modules/http_protocol/worker_pool.h"
+
+namespace kelhttp {
+
+/// What all connections of a server share; every part may be used from any thread. Destroying it waits for
+/// the tasks that still run.
+struct ServerContext {
+    ServerContext(ServerSettings values, AliasTable& aliasTable, const KelDebug& debug)
+        : settings(std::move(values)),
+          aliases(aliasTable),
+          log(debug),
+          auth(settings.userName, settings.password, settings.nonceLifetime),
+          peers(static_cast<std::size_t>(settings.maxConnections),
+                static_cast<std::size_t>(settings.maxConnectionsPerAddress)),
+          actions(static_cast<std::size_t>(settings.workers), static_cast<std::size_t>(settings.workerQueue)),
+          // Every connection waits for at most one task, so that none is ever turned away.
+          files(static_cast<std::size_t>(settings.fileWorkers),
+                static_cast<std::size_t>(settings.maxConnections)) {}
+
+    const ServerSettings settings;
+    AliasTable& aliases;
+    const KelDebug& log;
+    const DigestAuth auth;
+    PeerTable peers;
+    WorkerPool actions;  ///< action calls
+    WorkerPool files;    ///< the disk's part of uploads, with the event at their end
+};
+
+}  // namespace kelhttp

@@ -1,0 +1,49 @@
+#pragma once
+
+#include <cstdint>
+
+#include "kel/debug.h"
+#include "kel/ini_file.h"
+#include "kel/types.h"
+
+namespace kelhttp {
+
+/// What the ini file settles. Times in seconds, sizes in bytes. The defaults are those of an absent ini file.
+struct ServerSettings {
+    KelString address;       ///< dotted IPv4 address to listen on, empty: every address
+    std::uint16_t port = 0;  ///< 0: any free port
+    int workers = 8;
+    int workerQueue = 256;  ///< action calls that may wait for a worker
+    int fileWorkers = 4;
+    int ioThreads = 2;
+    int headerTimeout = 20;
+    int idleTimeout = 75;
+    int sendTimeout = 120;     ///< a peer that takes nothing for this long is closed
+    int minBodyRate = 1000;    ///< bytes per second
+    int minBodyRateTime = 10;  ///< seconds over which the rate of a body is taken
+    int maxHeaderBytes = 32 << 10;
+    int maxActionBytes = 64 << 20;
+    int maxConnections = 12000;
+    int maxConnectionsPerAddress = 4000;
+    int nonceLifetime = 300;
+
+    KelVector<KelString> writableAliases;
+
+    KelString certificateFile;  ///< PEM chain; empty: no TLS listener
+    KelString keyFile;
+    std::uint16_t sslPort = 0;
+
+    int bandwidthPort = 0;  ///< 0: no probe port
+    int bandwidthPingFrequency = 0;
+    int bandwidthClientCheckFrequency = 0;
+    int bandwidthPingDuration = 0;
+
+    KelString userName;  ///< credentials of every request
+    KelString password;
+};
+
+/// Reads the settings; a value out of its range is clamped and warned about. `address` is the default of the
+/// address.
+ServerSettings ReadServerSettings(const IniFile& ini, const KelString& address, const KelDebug& log);
+
+}  // namespace kelhttp

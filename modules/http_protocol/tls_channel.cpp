@@ -1,0 +1,84 @@
+#include "modules/http_protocol/tls_channel.h"
+
+#include <unistd.h>
+#include <algorithm>
+#include <boost/asio/buffer.hpp>
+#include <boost/asio/write.hpp>
+#include <cstring>
+
+namespace kelhttp {
+namespace {
+
+constexpr std::size_t kInputBytes = 16 << 10;
+constexpr std::size_t kPieceBytes = 64 << 10;
+
+}  // namespace
+
+TlsChannel::TlsChannel(boost::asio::ip::tcp::socket socket, boost::asio::ssl::context& context)
+    : stream_(std::move(socket), context), input_(kInputBytes) {
+    boost::system::error_code ignored;
+    stream_.next_layer().set_option(boost::asio::ip::tcp::no_delay(true), ignored);
+}
+
+void TlsChannel::Open(const User& user) {
+    stream_.async_handshake(boost::asio::ssl::stream_base::server,
+                            [user](const boost::system::error_code& error) { user->OnOpened(!error); });
+}
+
+void TlsChannel::Read(std::span<char> into, const User& user) {
+    // Into an own buffer: OpenSSL may write to it before the user is told.
+    stream_.async_read_some(boost::asio::buffer(input_.data(), std::min(input_.size(), into.size())),
+                            [this, into, user](const boost::system::error_code& error, std::size_t count) {
+                                if (!error) std::memcpy(into.data(), input_.data(), count);
+                                user->OnRead(!error, count);
+                            });
+}
+
+Channel::Outcome TlsChannel::Write(std::string_view data, bool /*more*/, const User& user) {
+    boost::asio::async_write(stream_, boost::asio::buffer(data.data(), data.size()),
+                             [this, user](const boost::system::error_code& error, std::size_t count) {
+                                 sent_ += count;
+                                 user->OnWritten(!error);
+                             });
+    return Outcome::Pending;
+}
+
+Channel::Outcome TlsChannel::SendFile(int fd, std::uint64_t offset, std::uint64_t length, const User& user) {
+    file_ = fd;
+    fileOffset_ = offset;
+    fileLeft_ = length;
+    piece_.resize(kPieceBytes);
+    if (length == 0) return Outcome::Done;
+    SendNextPiece(user);
+    return Outcome::Pending;
+}
+
+void TlsChannel::SendNextPiece(const User& user) {
+    const std::size_t wanted = std::min<std::uint64_t>(fileLeft_, piece_.size());
+    const ssize_t count = ::pread(file_, piece_.data(), wanted, static_cast<off_t>(fileOffset_));
+    // A file that has become shorter ends the connection through an empty write with an error.
+    if (count <= 0) Close();
+    const std::size_t length = count > 0 ? static_cast<std::size_t>(count) : 1;
+    boost::asio::async_write(stream_, boost::asio::buffer(piece_.data(), length),
+                             [this, user](const boost::system::error_code& error, std::size_t written) {
+                                 if (error) return user->OnWritten(false);
+                                 sent_ += written;
+                                 fileOffset_ += written;
+                                 fileLeft_ -= written;
+                                 if (fileLeft_ > 0) return SendNextPiece(user);
+                                 piece_ = {};
+                                 user->OnWritten(true);
+                             });
+}
+
+void TlsChannel::ShutdownSend() {
+    boost::system::error_code ignored;
+    stream_.next_layer().shutdown(boost::asio::ip::tcp::socket::shutdown_send, ignored);
+}
+
+void TlsChannel::Close() {
+    boost::system::error_code ignored;
+    stream_.next_layer().close(ignored);
+}
+
+}  // namespace kelhttp

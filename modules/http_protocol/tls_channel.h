@@ -1,0 +1,37 @@
+#pragma once
+
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/ssl/stream.hpp>
+#include <vector>
+
+#include "modules/http_protocol/channel.h"
+
+namespace kelhttp {
+
+/// A channel over TLS (RFC 8446). File bodies are read and encrypted piece by piece.
+class TlsChannel final : public Channel {
+  public:
+    TlsChannel(boost::asio::ip::tcp::socket socket, boost::asio::ssl::context& context);
+
+    void Open(const User& user) override;
+    void Read(std::span<char> into, const User& user) override;
+    Outcome Write(std::string_view data, bool more, const User& user) override;
+    Outcome SendFile(int fd, std::uint64_t offset, std::uint64_t length, const User& user) override;
+    void ShutdownSend() override;
+    void Close() override;
+    bool IsEncrypted() const override { return true; }
+    std::uint64_t BytesSent() const override { return sent_; }
+
+  private:
+    void SendNextPiece(const User& user);
+
+    boost::asio::ssl::stream<boost::asio::ip::tcp::socket> stream_;
+    std::vector<char> input_;
+    std::vector<char> piece_;
+    int file_ = -1;
+    std::uint64_t fileOffset_ = 0;
+    std::uint64_t fileLeft_ = 0;
+    std::uint64_t sent_ = 0;
+};
+
+}  // namespace kelhttp

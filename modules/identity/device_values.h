@@ -1,0 +1,23 @@
+#pragma once
+
+#include "kel/ini_file.h"
+#include "kel/result.h"
+#include "kel/types.h"
+#include "modules/identity/network_interface.h"
+
+/// What this device tells others about itself, besides its GUID.
+struct DeviceValues {
+    KelString hostName;
+    KelString ipAddress;    ///< empty while no interface has an address
+    KelString macAddress;   ///< "02-00-7F-00-01-01"
+    KelString networkMask;  ///< dotted
+    bool preferIpAddresses = false;
+
+    bool operator==(const DeviceValues&) const = default;
+};
+
+/// The values of the section Identity of `ini`, completed from the system: the IP address by `agentAddress`
+/// (may be empty), else by the first interface that other devices can reach; MAC address and mask by the
+/// interface that carries the address. An unusable value in the file is an error that names it.
+KelResult<DeviceValues> DetermineDeviceValues(const IniFile& ini, const KelString& agentAddress,
+                                              const KelVector<NetworkInterface>& interfaces);

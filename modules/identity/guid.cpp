@@ -1,0 +1,77 @@
+#include "modules/identity/guid.h"
+
+#include "kel/checksum.h"
+#include "kel/file.h"
+#include "kel/text.h"
+
+namespace {
+
+constexpr std::size_t kSchemeDigits = 4;
+constexpr std::size_t kGuidLength = 36;
+constexpr std::uint64_t kMaxFileBytes = 128;
+
+bool IsHyphenPosition(std::size_t index) {
+    return index == 8 || index == 13 || index == 18 || index == 23;
+}
+
+bool IsUpperHexDigit(char digit) {
+    return (digit >= '0' && digit <= '9') || (digit >= 'A' && digit <= 'F');
+}
+
+KelResult<KelString> MakeAndKeep(const KelString& path) {
+    const KelString guid = MakeGuid();
+    if (const KelStatus kept = KeepGuid(path, guid); !kept) return kept.Error();
+    return guid;
+}
+
+}  // namespace
+
+bool IsGuid(const KelString& text) {
+    if (text.size() != kGuidLength) return false;
+    for (std::size_t i = 0; i < kGuidLength; ++i) {
+        if (IsHyphenPosition(i) ? text[i] != '-' : !IsUpperHexDigit(text[i])) return false;
+    }
+    return true;
+}
+
+KelString MakeGuid() {
+    KelString guid;
+    for (const char digit : HexText(RandomBytes(16))) {
+        if (IsHyphenPosition(guid.size())) guid += '-';
+        guid += (digit >= 'a' && digit <= 'f') ? static_cast<char>(digit - 'a' + 'A') : digit;
+    }
+    return guid;
+}
+
+KelString WithSchemeOf(const KelString& guid, const KelString& model) {
+    return model.substr(0, kSchemeDigits) + guid.substr(kSchemeDigits);
+}
+
+KelStatus KeepGuid(const KelString& path, const KelString& guid) {
+    return FileWriteText(path, guid + "\n");
+}
+
+KelResult<KelString> LoadOrMakeGuid(const KelString& path, const KelDebug& log) {
+    if (!FileExists(path)) {
+        auto made = MakeAndKeep(path);
+        if (made) log.Print("This device has the new GUID %S\n", *made);
+        return made;
+    }
+    const std::int64_t size = FileGetSize64(path);
+    if (size >= 0 && static_cast<std::uint64_t>(size) <= kMaxFileBytes) {
+        const auto text = FileReadText(path, kMaxFileBytes);
+        if (!text) return text.Error();
+        const KelString guid = Trim(*text);
+        if (IsGuid(guid)) return guid;
+    }
+    const KelString aside = path + ".damaged";
+    if (!FileRename(path, aside)) {
+        return KelError{1, KelFormat("The damaged file %S cannot be renamed; remove it", path)};
+    }
+    auto made = MakeAndKeep(path);
+    if (made) {
+        log.Error("%S held no GUID and was renamed to %S; this device now has the new GUID %S\n", path, aside,
+                  *made);
+    }
+    return made;
+}

@@ -1,0 +1,24 @@
+#pragma once
+
+#include "kel/debug.h"
+#include "kel/result.h"
+#include "kel/types.h"
+
+// A device's GUID: "8-4-4-4-12" upper-case hexadecimal digits. Its first four digits are the scheme, common
+// to all devices of a tree. All functions may be called from any thread.
+
+bool IsGuid(const KelString& text);
+
+/// A new random GUID.
+KelString MakeGuid();
+
+/// `guid` with the scheme of `model`; both are GUIDs.
+KelString WithSchemeOf(const KelString& guid, const KelString& model);
+
+/// Puts a GUID into the file `path` (its folder exists); it is on the disk when the call succeeds.
+KelStatus KeepGuid(const KelString& path, const KelString& guid);
+
+/// The GUID kept in the file `path`; a new one is made and kept when there is no file. A file that holds
+/// something else is renamed to "<path>.damaged" with an error in the log, and a new GUID is made. A file
+/// that cannot be read or written is an error, for the device would get another identity at every start.
+KelResult<KelString> LoadOrMakeGuid(const KelString& path, const KelDebug& log);

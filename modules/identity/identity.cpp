@@ -1,0 +1,179 @@
+#include "modules/identity/identity.h"
+
+#include <algorithm>
+
+#include "kel/path.h"
+#include "kelcore/action_db.h"
+#include "kelcore/agent.h"
+#include "kelcore/callback_db.h"
+#include "kelcore/error_codes.h"
+#include "modules/identity/guid.h"
+
+Identity::Identity() : KelModule("Identity", "Identity module"), watcher_([this] { CheckAddress(); }) {}
+
+Identity::~Identity() {
+    watcher_.Cancel(0, true);
+}
+
+void Identity::Register(const char* handle) {
+    const auto bind = [this](unsigned int (Identity::*handler)(KelContainer*)) {
+        return [this, handler](KelContainer* arguments) { return (this->*handler)(arguments); };
+    };
+    ActionDbRegisterAction("IdentityGetGUID ()", bind(&Identity::GetGuid), handle);
+    ActionDbRegisterAction("IdentityGetHostname ()", bind(&Identity::GetHostname), handle);
+    ActionDbRegisterAction("IdentityGetValues ()", bind(&Identity::GetValues), handle);
+    ActionDbRegisterAction("AgentGetIPAddress ()", bind(&Identity::GetIpAddress), handle);
+    ActionDbRegisterAction("IdentityValidateGUIDScheme ()", bind(&Identity::ValidateGuidScheme), handle);
+}
+
+bool Identity::Initialise() {
+    if (!PathCreate(DataPath())) {
+        Log().Error("The folder %S cannot be created; check its rights\n", DataPath());
+        return false;
+    }
+    guidPath_ = DataPath() + "/guid";
+    const auto guid = LoadOrMakeGuid(guidPath_, Log());
+    if (!guid) {
+        Log().Error("%S\n", guid.Error().message);
+        return false;
+    }
+    const auto values = ReadValues();
+    if (!values) {
+        Log().Error("%S\n", values.Error().message);
+        return false;
+    }
+    const KelLock lock(mutex_);
+    guid_ = *guid;
+    values_ = *values;
+    return true;
+}
+
+void Identity::Activate() {
+    watcher_.Start();
+}
+
+void Identity::Cleanup() {
+    watcher_.Cancel(0, true);
+}
+
+KelResult<DeviceValues> Identity::ReadValues() {
+    IniFile ini;
+    if (!ini.Open(IniPath())) return KelError{1, KelFormat("%S cannot be read or is malformed", IniPath())};
+    int interval = 0;
+    ini.GetEntryValue("Identity", "CheckInterval", interval, 30);
+    watcher_.SetInterval(static_cast<std::uint32_t>(std::clamp(interval, 1, 86400)));
+    return DetermineDeviceValues(ini, KelAgentGetAddress(), ListNetworkInterfaces());
+}
+
+void Identity::LogOnce(const KelString& problem) {
+    {
+        const KelLock lock(mutex_);
+        if (problem == problem_) return;
+        problem_ = problem;
+    }
+    if (!problem.empty()) Log().Warning("%S; the known values stay in use\n", problem);
+}
+
+void Identity::CheckAddress() {
+    const auto values = ReadValues();
+    if (!values || values->ipAddress.empty()) {
+        LogOnce(values ? KelString("No network interface has an IPv4 address") : values.Error().message);
+        return;
+    }
+    LogOnce({});
+    KelString oldAddress;
+    {
+        const KelLock lock(mutex_);
+        oldAddress = values_.ipAddress;
+        values_ = *values;
+    }
+    if (oldAddress == values->ipAddress) return;
+    Log().Print("The IP address of this device changed from %S to %S\n", oldAddress, values->ipAddress);
+    KelContainer change;
+    change.SetString("NewIPAddress", values->ipAddress);
+    change.SetString("OldIPAddress", oldAddress);
+    KelContainer results;
+    CallbackDbTrigger("IdentityCallbackIPChange", change, results);
+}
+
+unsigned int Identity::GetGuid(KelContainer* arguments) {
+    arguments->Clear();
+    const KelLock lock(mutex_);
+    arguments->SetString("GUID", guid_);
+    return kKelOk;
+}
+
+unsigned int Identity::GetHostname(KelContainer* arguments) {
+    arguments->Clear();
+    const KelLock lock(mutex_);
+    arguments->SetString("HostName", values_.hostName);
+    return kKelOk;
+}
+
+unsigned int Identity::GetIpAddress(KelContainer* arguments) {
+    arguments->Clear();
+    const KelLock lock(mutex_);
+    arguments->SetString("IPAddress", values_.ipAddress);
+    return kKelOk;
+}
+
+unsigned int Identity::GetValues(KelContainer* arguments) {
+    arguments->Clear();
+    KelContainer values;
+    {
+        const KelLock lock(mutex_);
+        values.SetString("GUID", guid_);
+        values.SetString("HostName", values_.hostName);
+        values.SetString("IPAddress", values_.ipAddress);
+        values.SetString("MACAddress", values_.macAddress);
+        values.SetString("NetworkMask", values_.networkMask);
+        values.SetBool("PreferIPAddresses", values_.preferIpAddresses);
+    }
+    arguments->SetContainer("Values", std::move(values));
+    return kKelOk;
+}
+
+bool Identity::AdoptScheme(const KelString& parentGuid, KelString& oldGuid, KelString& newGuid) {
+    const KelLock adoptLock(mutexAdopt_);
+    {
+        const KelLock lock(mutex_);
+        oldGuid = guid_;
+    }
+    newGuid = WithSchemeOf(oldGuid, parentGuid);
+    if (newGuid == oldGuid) return true;
+    if (const KelStatus kept = KeepGuid(guidPath_, newGuid); !kept) {
+        Log().Error("The GUID %S cannot be kept, %S stays in use: %S\n", newGuid, oldGuid,
+                    kept.Error().message);
+        return false;
+    }
+    const KelLock lock(mutex_);
+    guid_ = newGuid;
+    return true;
+}
+
+unsigned int Identity::ValidateGuidScheme(KelContainer* arguments) {
+    arguments->Clear();
+    KelContainer relay;
+    if (ActionDbInvokeContainer(nullptr, {}, "RelayGetValues", relay, 0, -1, -1, nullptr) != kKelOk) {
+        return kKelOk;
+    }
+    const KelContainer& values = relay.GetContainer("Values");
+    const KelString parentGuid = values.GetString("ParentGuid");
+    if (!values.GetBool("ParentSync")) return kKelOk;
+    if (!IsGuid(parentGuid)) {
+        Log().Warning("The parent's GUID %S is malformed; its scheme is not taken over\n", parentGuid);
+        return kKelOk;
+    }
+    KelString oldGuid;
+    KelString newGuid;
+    if (!AdoptScheme(parentGuid, oldGuid, newGuid)) return kKelErrorInternal;
+    if (oldGuid == newGuid) return kKelOk;
+    Log().Print("The GUID of this device changed from %S to %S, the scheme of its parent\n", oldGuid,
+                newGuid);
+    KelContainer change;
+    change.SetString("GUID", newGuid);
+    change.SetString("OldGUID", oldGuid);
+    KelContainer results;
+    CallbackDbTrigger("IdentityCallbackGUIDChange", change, results);
+    return kKelOk;
+}

@@ -1,0 +1,52 @@
+#pragma once
+
+#include "kel/container.h"
+#include "kel/mutex.h"
+#include "kelcore/module.h"
+#include "modules/identity/device_values.h"
+#include "modules/identity/watcher.h"
+
+/// The identity module: who this device is. Actions:
+///
+/// - IdentityGetGUID -> GUID
+/// - IdentityGetHostname -> HostName
+/// - IdentityGetValues -> Values{GUID, HostName, IPAddress, MACAddress, NetworkMask, PreferIPAddresses}
+/// - AgentGetIPAddress -> IPAddress
+/// - IdentityValidateGUIDScheme: takes over the scheme of the parent's GUID when the parent is in sync
+///
+/// Events: IdentityCallbackGUIDChange{GUID, OldGUID} and IdentityCallbackIPChange{NewIPAddress,
+/// OldIPAddress}, triggered without any lock held. The handlers return 0, or 18 when a new GUID could not be
+/// kept on disk.
+class Identity : public KelModule {
+  public:
+    Identity();
+    ~Identity() override;
+
+    /// Reads the ini file and the interfaces again and reports a new IP address. The watcher's step.
+    void CheckAddress();
+
+  protected:
+    void Register(const char* handle) override;
+    bool Initialise() override;
+    void Activate() override;
+    void Cleanup() override;
+
+  private:
+    KelResult<DeviceValues> ReadValues();
+    void LogOnce(const KelString& problem);
+    unsigned int GetGuid(KelContainer* arguments);
+    unsigned int GetHostname(KelContainer* arguments);
+    unsigned int GetValues(KelContainer* arguments);
+    unsigned int GetIpAddress(KelContainer* arguments);
+    unsigned int ValidateGuidScheme(KelContainer* arguments);
+    bool AdoptScheme(const KelString& parentGuid, KelString& oldGuid, KelString& newGuid);
+
+    KelString guidPath_;
+    KelMutex
+        mutexAdopt_;  ///< one scheme change at a time; held across the write to disk, taken before mutex_
+    KelMutex mutex_;  ///< guid_, values_ and problem_; never held across a call or a write
+    KelString guid_ KEL_GUARDED_BY(mutex_);
+    DeviceValues values_ KEL_GUARDED_BY(mutex_);
+    KelString problem_ KEL_GUARDED_BY(mutex_);  ///< the last one logged
+    IdentityWatcher watcher_;
+};

@@ -1,0 +1,111 @@
+#include "modules/relay/parent_link.h"
+
+#include "kel/container.h"
+#include "kel/ip_address.h"
+#include "kel/regex.h"
+#include "kelcore/action_db.h"
+#include "kelcore/agent.h"
+#include "kelcore/error_codes.h"
+#include "kelcore/http/url.h"
+
+namespace {
+
+// Seconds. Short ones: the agent's end waits for a call in progress.
+constexpr int kConnectTimeout = 5;
+constexpr int kCallTimeout = 15;
+
+bool IsGuid(const KelString& text) {
+    KelVector<KelString> captures;
+    return FindPcre("\\A[0-9A-F]{8}-([0-9A-F]{4}-){3}[0-9A-F]{12}\\z", text, captures);
+}
+
+KelString OurGuid() {
+    KelContainer answer;
+    const auto code = ActionDbInvokeContainer(nullptr, {}, "IdentityGetGUID", answer, 0, -1, -1, nullptr);
+    return code == kKelOk ? answer.GetString("GUID") : KelString();
+}
+
+KelString CallProblem(unsigned int code) {
+    switch (code) {
+        case kKelErrorUnreachable:
+            return "it cannot be reached; check its name and port, and that its agent runs";
+        case kKelErrorCredentials:
+            return "it refuses the agent name and HTTP password of this device; they must be the same in the "
+                   "whole tree";
+        default:
+            return KelFormat("its answer is error %u", code);
+    }
+}
+
+}  // namespace
+
+void ParentLink::Configure(const RelaySettings& settings) {
+    settings_ = settings;
+}
+
+ParentState ParentLink::GetState() const {
+    const KelLock lock(mutex_);
+    return state_;
+}
+
+void ParentLink::ThreadMain() {
+    while (!CheckCancelled(false)) {
+        Check();
+        const auto seconds = GetState().inSync ? settings_.checkInterval : settings_.retryInterval;
+        Pause(std::uint64_t{seconds} * 1000);
+    }
+}
+
+void ParentLink::ResolveParent() {
+    const auto address = IpAddress::Resolve(settings_.parentName);
+    if (!address) return;  // the last known address stays; the call itself tells what is wrong
+    const KelLock lock(mutex_);
+    state_.ipAddress = address->ToText();
+}
+
+/// Asks the parent for its GUID. Returns what is wrong, empty when the parent is usable.
+KelString ParentLink::AskParent(KelString& guid) {
+    const KelString url =
+        UrlForAgent(KelAgentGetName(), KelAgentGetHttpPassword(),
+                    KelFormat("%S:%u", settings_.parentName, unsigned{settings_.parentPort}));
+    KelContainer answer;
+    const unsigned int code = ActionDbInvokeContainer(nullptr, url, "IdentityGetValues", answer, 0,
+                                                      kConnectTimeout, kCallTimeout, nullptr);
+    if (code != kKelOk) return CallProblem(code);
+    guid = answer.GetContainer("Values").GetString("GUID");
+    if (!IsGuid(guid)) return KelFormat("its GUID %S is malformed", guid);
+    if (guid == OurGuid()) return "it is this device itself; correct ParentName and ParentPort in Relay.ini";
+    return {};
+}
+
+void ParentLink::Check() {
+    ResolveParent();
+    KelString guid;
+    const KelString problem = AskParent(guid);
+    if (CheckCancelled(false)) return;
+    if (!problem.empty()) return ReportProblem(problem);
+    problem_.clear();
+    ParentState before;
+    {
+        const KelLock lock(mutex_);
+        before = state_;
+        state_.inSync = true;
+        state_.guid = guid;
+    }
+    if (before.inSync && before.guid == guid) return;
+    log_.Print("The parent %S:%u answers, its GUID is %S\n", settings_.parentName,
+               unsigned{settings_.parentPort}, guid);
+    KelContainer none;
+    ActionDbInvokeContainer(nullptr, {}, "IdentityValidateGUIDScheme", none, 0, -1, -1, nullptr);
+}
+
+void ParentLink::ReportProblem(const KelString& problem) {
+    {
+        const KelLock lock(mutex_);
+        state_.inSync = false;
+    }
+    if (problem == problem_) return;
+    problem_ = problem;
+    log_.Warning("The parent %S:%u is out of sync: %S (tried again every %u s)\n", settings_.parentName,
+                 unsigned{settings_.parentPort}, problem, settings_.retryInterval);
+}

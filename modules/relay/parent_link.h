@@ -1,0 +1,45 @@
+#pragma once
+
+#include "kel/debug.h"
+#include "kel/mutex.h"
+#include "kel/thread.h"
+#include "kel/types.h"
+#include "modules/relay/relay_settings.h"
+
+/// What is known about the parent.
+struct ParentState {
+    KelString ipAddress;  ///< empty until the parent's name was resolved
+    KelString guid;       ///< empty until the parent answered for the first time
+    bool inSync = false;  ///< the last call was answered
+};
+
+/// Calls the parent again and again and keeps its state. The first call is made as soon as the thread starts.
+/// When the parent comes into sync, and when its GUID changes, the local action IdentityValidateGUIDScheme is
+/// called after the new state can be read. Changes of the state are logged once each.
+class ParentLink : public KelThread {
+  public:
+    explicit ParentLink(const KelDebug& log) : log_(log) {}
+
+    /// While the thread does not run.
+    void Configure(const RelaySettings& settings);
+
+    /// From any thread.
+    ParentState GetState() const;
+
+    /// One call of the parent and its consequences. The thread's step; blocks on the network.
+    void Check();
+
+  protected:
+    void ThreadMain() override;
+
+  private:
+    void ResolveParent();
+    KelString AskParent(KelString& guid);
+    void ReportProblem(const KelString& problem);
+
+    const KelDebug& log_;
+    RelaySettings settings_;
+    mutable KelMutex mutex_;  ///< state_ only; never held across the network or a call
+    ParentState state_ KEL_GUARDED_BY(mutex_);
+    KelString problem_;  ///< why the parent is out of sync, as logged; only the thread uses it
+};

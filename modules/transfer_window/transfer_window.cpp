@@ -1,0 +1,131 @@
+#include "modules/transfer_window/transfer_window.h"
+
+#include "kel/text.h"
+#include "kelcore/action_db.h"
+#include "kelcore/callback_db.h"
+#include "kelcore/error_codes.h"
+#include "modules/transfer_window/window_file.h"
+
+namespace {
+
+constexpr std::array kDirections = {TransferDirection::Up, TransferDirection::Down,
+                                    TransferDirection::Multicast};
+
+std::size_t IndexOf(TransferDirection direction) {
+    return static_cast<std::size_t>(direction) - 1;
+}
+
+std::optional<TransferDirection> ReadDirection(const KelContainer& arguments) {
+    const std::int32_t number = arguments.GetInt32("Direction");
+    for (const TransferDirection direction : kDirections) {
+        if (static_cast<std::int32_t>(direction) == number) return direction;
+    }
+    return std::nullopt;
+}
+
+unsigned int Refuse(KelContainer* arguments, const KelString& message) {
+    arguments->Clear();
+    arguments->SetString("Message", message);
+    return kKelErrorBadInput;
+}
+
+constexpr char kBadDirection[] = "Direction must be 1 (up), 2 (down) or 3 (multicast)";
+
+}  // namespace
+
+TransferWindow::TransferWindow() : KelModule("TransferWindow", "Transfer window module") {}
+
+void TransferWindow::Register(const char* handle) {
+    ActionDbRegisterAction(
+        "TransferWindowCheckWindow (int32 Direction)",
+        [this](KelContainer* arguments) { return CheckWindow(arguments); }, handle);
+    ActionDbRegisterAction(
+        "TransferWindowCheckAllWindows ()",
+        [this](KelContainer* arguments) { return CheckAllWindows(arguments); }, handle);
+    ActionDbRegisterAction(
+        "TransferWindowSetWindow (int32 Direction, string Slots, int32 SlotType, bool UseUTCTime)",
+        [this](KelContainer* arguments) { return SetWindow(arguments); }, handle);
+}
+
+bool TransferWindow::Initialise() {
+    const KelLock lock(mutexWindows_);
+    for (const TransferDirection direction : kDirections) {
+        const auto window = ReadWindow(IniPath(), direction);
+        windows_[IndexOf(direction)] = window ? *window : OptionalWindow();
+        if (!window) {
+            Log().Error(
+                "No window for the direction %s until this is corrected and the agent restarted: %S\n",
+                WindowSection(direction), window.Error().message);
+        }
+    }
+    return true;
+}
+
+unsigned int TransferWindow::CheckWindow(KelContainer* arguments) {
+    const auto direction = ReadDirection(*arguments);
+    if (!direction) return Refuse(arguments, kBadDirection);
+    OptionalWindow window;
+    {
+        const KelLock lock(mutexWindows_);
+        window = windows_[IndexOf(*direction)];
+    }
+    arguments->Clear();
+    if (window) arguments->SetContainer("Values", window->ToContainer());
+    return kKelOk;
+}
+
+unsigned int TransferWindow::CheckAllWindows(KelContainer* arguments) {
+    KelContainer values;
+    {
+        const KelLock lock(mutexWindows_);
+        std::uint32_t count = 0;
+        for (const TransferDirection direction : kDirections) {
+            const OptionalWindow& window = windows_[IndexOf(direction)];
+            if (!window) continue;
+            values.SetInt32("Direction", static_cast<std::int32_t>(direction), count);
+            values.SetContainer("Values", window->ToContainer(), count);
+            ++count;
+        }
+    }
+    arguments->Clear();
+    arguments->SetContainer("Values", std::move(values));
+    return kKelOk;
+}
+
+unsigned int TransferWindow::SetWindow(KelContainer* arguments) {
+    const auto direction = ReadDirection(*arguments);
+    if (!direction) return Refuse(arguments, kBadDirection);
+    if (!arguments->Has("Slots"))
+        return Refuse(arguments, "Slots is missing; give it empty to remove a window");
+    const KelString slots = Trim(arguments->GetString("Slots"));
+    if (slots.empty()) return StoreWindow(*direction, std::nullopt, arguments);
+    // The default only counts for an absent value: one of the wrong type must not turn into it.
+    const std::int32_t slotType =
+        arguments->Has("SlotType") ? arguments->GetInt32("SlotType") : WeeklyWindow().slotType;
+    const auto window = MakeWeeklyWindow(slots, slotType, arguments->GetBool("UseUTCTime"));
+    if (!window) {
+        Log().Warning("A window was refused: %S\n", window.Error().message);
+        return Refuse(arguments, window.Error().message);
+    }
+    return StoreWindow(*direction, *window, arguments);
+}
+
+unsigned int TransferWindow::StoreWindow(TransferDirection direction, const OptionalWindow& window,
+                                         KelContainer* arguments) {
+    arguments->Clear();
+    {
+        const KelLock fileLock(mutexFile_);
+        if (const KelStatus written = WriteWindow(IniPath(), direction, window); !written) {
+            Log().Error("The window was not changed: %S\n", written.Error().message);
+            arguments->SetString("Message", written.Error().message);
+            return kKelErrorInternal;
+        }
+        const KelLock lock(mutexWindows_);
+        windows_[IndexOf(direction)] = window;
+    }
+    Log().Print("The transfer window of the direction %s was %s\n", WindowSection(direction),
+                window ? "set" : "removed");
+    KelContainer results;
+    CallbackDbTrigger("TransferWindowCallbackWindowChange", KelContainer(), results);
+    return kKelOk;
+}

@@ -1,0 +1,41 @@
+#pragma once
+
+#include <array>
+#include <optional>
+
+#include "kel/container.h"
+#include "kel/mutex.h"
+#include "kelcore/module.h"
+#include "modules/transfer_window/weekly_window.h"
+
+/// The transfer-window module: the weekly windows of the three directions, kept in its ini file. Actions (a
+/// Direction is 1 up, 2 down, 3 multicast):
+///
+/// - TransferWindowCheckWindow (Direction) -> Values{Slots, SlotType, UseUTCTime}; no Values without a window
+/// - TransferWindowCheckAllWindows -> Values{Direction[i], Values[i]}, one pair per window
+/// - TransferWindowSetWindow (Direction, Slots, SlotType, UseUTCTime): empty Slots removes the window;
+/// SlotType
+///   is 2 (kbit/s) and UseUTCTime false when left out. Triggers TransferWindowCallbackWindowChange.
+///
+/// Results: 0; 1 for an unusable input (Message says which); 18 when the window cannot be written.
+class TransferWindow : public KelModule {
+  public:
+    TransferWindow();
+
+  protected:
+    void Register(const char* handle) override;
+    bool Initialise() override;
+
+  private:
+    using OptionalWindow = std::optional<WeeklyWindow>;
+
+    unsigned int CheckWindow(KelContainer* arguments);
+    unsigned int CheckAllWindows(KelContainer* arguments);
+    unsigned int SetWindow(KelContainer* arguments);
+    unsigned int StoreWindow(TransferDirection direction, const OptionalWindow& window,
+                             KelContainer* arguments);
+
+    KelMutex mutexFile_;     ///< one change of the ini file at a time; taken before mutexWindows_
+    KelMutex mutexWindows_;  ///< windows_ only
+    std::array<OptionalWindow, 3> windows_ KEL_GUARDED_BY(mutexWindows_);  ///< index: direction - 1
+};

@@ -1,0 +1,71 @@
+#include "modules/transfer_window/weekly_window.h"
+
+#include <optional>
+
+#include "kel/format.h"
+#include "kel/text.h"
+
+namespace {
+
+constexpr std::int32_t kPercent = 7;
+constexpr std::int32_t kPerThousand = 8;
+
+/// A rate in Mbit/s is multiplied by 1000 in 64 bits where it is used.
+constexpr std::uint64_t kMaxRate = 1'000'000'000'000'000;
+
+std::uint64_t MaxNumber(std::int32_t slotType) {
+    if (slotType == kPercent) return 100;
+    if (slotType == kPerThousand) return 1000;
+    return kMaxRate;
+}
+
+KelStatus CheckNumber(const KelString& text, std::uint64_t maximum) {
+    const auto number = ParseUint64(text);
+    const bool isDecimal = text.find_first_not_of("0123456789") == KelString::npos;
+    if (!number || !isDecimal || (text.size() > 1 && text.front() == '0')) {
+        return KelError{1, KelFormat("\"%S\" in Slots is no decimal number", text)};
+    }
+    if (*number > maximum) {
+        return KelError{1,
+                        KelFormat("%S in Slots is above the maximum of this slot type, %gu", text, maximum)};
+    }
+    return {};
+}
+
+}  // namespace
+
+KelContainer WeeklyWindow::ToContainer() const {
+    KelContainer container;
+    container.SetString("Slots", slots);
+    container.SetInt32("SlotType", slotType);
+    container.SetBool("UseUTCTime", useUtcTime);
+    return container;
+}
+
+KelResult<WeeklyWindow> MakeWeeklyWindow(const KelString& slots, std::int32_t slotType, bool useUtcTime) {
+    if (slotType < 1 || slotType > 8) {
+        return KelError{1, KelFormat("SlotType must be 1 to 8, not %d", slotType)};
+    }
+    KelVector<KelString> numbers;
+    for (const KelString& piece : SplitText(slots, ' ')) {
+        if (piece.empty()) continue;
+        if (const KelStatus checked = CheckNumber(piece, MaxNumber(slotType)); !checked)
+            return checked.Error();
+        numbers.push_back(piece);
+    }
+    if (numbers.size() == 1) numbers.resize(WeeklyWindow::kHours, numbers.front());
+    if (numbers.size() != WeeklyWindow::kHours) {
+        return KelError{1,
+                        KelFormat("Slots must hold 168 numbers, one per hour of the week from Monday 00:00, "
+                                  "or one number for all hours, not %lu",
+                                  numbers.size())};
+    }
+    WeeklyWindow window;
+    window.slotType = slotType;
+    window.useUtcTime = useUtcTime;
+    for (const KelString& number : numbers) {
+        if (!window.slots.empty()) window.slots += ' ';
+        window.slots += number;
+    }
+    return window;
+}

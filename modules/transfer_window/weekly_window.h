@@ -1,0 +1,32 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+#include "kel/container.h"
+#include "kel/result.h"
+#include "kel/types.h"
+
+/// Directions of transfer, as actions number them.
+enum class TransferDirection : std::int32_t { Up = 1, Down = 2, Multicast = 3 };
+
+/// A weekly window: what a direction may use in each hour of the week.
+struct WeeklyWindow {
+    static constexpr std::size_t kHours = 168;
+
+    /// One decimal number per hour, separated by single blanks; the first is Monday 00:00 to 00:59. 0:
+    /// closed.
+    KelString slots;
+    /// Unit of the numbers: 1 bit/s, 2 kbit/s, 3 Mbit/s, 7 per cent and 8 per thousand of the bandwidth to
+    /// the parent. 4 to 6 are known units that carry no rate.
+    std::int32_t slotType = 2;
+    bool useUtcTime = false;  ///< hours are of UTC, else of local time
+
+    bool operator==(const WeeklyWindow&) const = default;
+    KelContainer ToContainer() const;  ///< Slots (string), SlotType (int32), UseUTCTime (bool)
+};
+
+/// Checks and normalises a window: `slots` holds 168 decimal numbers between blanks, or one for all hours.
+/// Numbers with a leading zero are refused, since readers would take them as octal; so are percentages above
+/// 100, per thousands above 1000 and rates above 10^15.
+KelResult<WeeklyWindow> MakeWeeklyWindow(const KelString& slots, std::int32_t slotType, bool useUtcTime);

@@ -1,0 +1,63 @@
+#include "modules/transfer_window/window_file.h"
+
+#include "kel/file.h"
+#include "kel/format.h"
+#include "kel/ini_file.h"
+
+namespace {
+
+KelStatus WriteEntries(IniFile& ini, const KelString& section, const std::optional<WeeklyWindow>& window) {
+    if (!window) return ini.WriteEntryValue(section, "Slots", {});
+    if (KelStatus done = ini.WriteEntryValue(section, "Slots", window->slots); !done) return done;
+    if (KelStatus done = ini.WriteEntryValue(section, "SlotType", KelFormat("%d", window->slotType)); !done) {
+        return done;
+    }
+    return ini.WriteEntryValue(section, "UseUTCTime", window->useUtcTime ? "true" : "false");
+}
+
+}  // namespace
+
+const char* WindowSection(TransferDirection direction) {
+    switch (direction) {
+        case TransferDirection::Up:
+            return "Up";
+        case TransferDirection::Down:
+            return "Down";
+        case TransferDirection::Multicast:
+            break;
+    }
+    return "Multicast";
+}
+
+KelResult<std::optional<WeeklyWindow>> ReadWindow(const KelString& path, TransferDirection direction) {
+    IniFile ini;
+    if (!ini.Open(path)) return KelError{1, KelFormat("%S cannot be read or is malformed", path)};
+    const KelString section = WindowSection(direction);
+    KelString slots;
+    int slotType = 0;
+    bool useUtcTime = false;
+    ini.GetEntryValue(section, "Slots", slots, KelString());
+    ini.GetEntryValue(section, "SlotType", slotType, WeeklyWindow().slotType);
+    ini.GetEntryValue(section, "UseUTCTime", useUtcTime, false);
+    if (slots.empty()) return std::optional<WeeklyWindow>();
+    const auto window = MakeWeeklyWindow(slots, slotType, useUtcTime);
+    if (!window) return KelError{1, KelFormat("%S, section %S: %S", path, section, window.Error().message)};
+    return std::optional<WeeklyWindow>(*window);
+}
+
+KelStatus WriteWindow(const KelString& path, TransferDirection direction,
+                      const std::optional<WeeklyWindow>& window) {
+    // The entries are written one by one, so they go to a copy that then takes the file's place.
+    const KelString copy = path + ".new";
+    const bool copied = FileExists(path) ? FileCopy(path, copy, false) : FileDelete(copy);
+    if (!copied) return KelError{1, KelFormat("%S cannot be written; check disk and rights", copy)};
+    IniFile ini;
+    if (!ini.Open(copy)) return KelError{1, KelFormat("%S cannot be read or is malformed", path)};
+    KelStatus written = WriteEntries(ini, WindowSection(direction), window);
+    ini.Close();
+    if (written && !FileRename(copy, path)) {
+        written = KelError{1, KelFormat("%S cannot be renamed to %S", copy, path)};
+    }
+    if (!written) FileDelete(copy);
+    return written;
+}

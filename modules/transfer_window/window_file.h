@@ -1,0 +1,19 @@
+#pragma once
+
+#include <optional>
+
+#include "kel/result.h"
+#include "kel/types.h"
+#include "modules/transfer_window/weekly_window.h"
+
+/// The ini section of a direction: "Up", "Down" or "Multicast".
+const char* WindowSection(TransferDirection direction);
+
+/// The window of `direction` in the ini file `path`; none when its section holds no Slots. An unusable window
+/// is an error that names section and value.
+KelResult<std::optional<WeeklyWindow>> ReadWindow(const KelString& path, TransferDirection direction);
+
+/// Replaces (or with an empty `window` removes) the window of `direction` in the ini file `path`: readers and
+/// a crash see the old or the new window, never a mixture. One caller at a time per file.
+KelStatus WriteWindow(const KelString& path, TransferDirection direction,
+                      const std::optional<WeeklyWindow>& window);

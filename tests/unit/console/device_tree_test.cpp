@@ -1,0 +1,136 @@
+#include "modules/console/device_tree.h"
+
+#include <gtest/gtest.h>
+
+#include "kel/format.h"
+#include "modules/console/device_list.h"
+
+namespace {
+
+KelString Guid(int number) {
+    return KelFormat("ABCD0000-0000-0000-0000-%ld", 100000000000 + number);
+}
+
+KelString PathName(const KelString& name, int number) {
+    return KelFormat("%S:%d/%S/02-00-0A-00-00-01/10.0.0.%d/255.255.255.0", name, 1000 + number, Guid(number),
+                     number);
+}
+
+/// master 0, relay 1 below it with client 2 and relay 3, client 4 below relay 3, client 5 below the master.
+KelVector<Device> Tree() {
+    struct Row {
+        const char* name;
+        const char* role;
+        int parent;
+    };
+    KelVector<Device> devices;
+    for (const Row& row : {Row{"master", "master", -1}, Row{"north", "relay", 0}, Row{"n1", "client", 1},
+                           Row{"far", "relay", 1}, Row{"f1", "client", 3}, Row{"m1", "client", 0}}) {
+        const int number = static_cast<int>(devices.size());
+        Device device;
+        EXPECT_TRUE(ParsePathName(PathName(row.name, number), device));
+        device.name = row.name;
+        device.role = row.role;
+        if (row.parent >= 0) device.parentGuid = Guid(row.parent);
+        devices.push_back(device);
+    }
+    return devices;
+}
+
+/// "north(n1 far())": each name with what is below it, for comparing with expected texts.
+KelString Shape(const KelContainer& container) {
+    KelString text;
+    for (std::size_t i = 0; i < container.GetNameCount(); ++i) {
+        const KelString& pathName = container.GetName(i);
+        const KelContainer& below = container.GetContainer(pathName);
+        if (!text.empty()) text += ' ';
+        text += pathName.substr(0, pathName.find(':'));
+        if (!below.IsEmpty()) text += "(" + Shape(below) + ")";
+    }
+    return text;
+}
+
+TEST(DeviceTree, ContainsTheWayToEachTarget) {
+    struct Case {
+        KelVector<std::size_t> targets;
+        const char* shape;
+    };
+    const auto devices = Tree();
+    for (const Case& test :
+         {Case{{5}, "master(m1)"}, Case{{2}, "master(north(n1))"}, Case{{4}, "master(north(far(f1)))"},
+          Case{{4, 2, 5}, "master(north(far(f1) n1) m1)"}, Case{{1}, "master(north)"},
+          Case{{1, 2}, "master(north(north n1))"}, Case{{2, 1}, "master(north(north n1))"},
+          Case{{1, 4}, "master(north(north far(f1)))"}, Case{{3, 4, 1}, "master(north(north far(far f1)))"},
+          Case{{0}, "master"}, Case{{0, 5}, "master(master m1)"}, Case{{5, 5, 5}, "master(m1)"},
+          Case{{1, 2, 3, 4, 5}, "master(north(north n1 far(far f1)) m1)"}}) {
+        const auto path = BuildDevicePath(devices, test.targets);
+        ASSERT_TRUE(path) << test.shape;
+        EXPECT_EQ(Shape(*path), test.shape);
+        EXPECT_EQ(path->GetName(0), PathName("master", 0));
+    }
+}
+
+TEST(DeviceTree, DevicesThatCannotBeReachedAreErrorsThatNameThem) {
+    const auto expectError = [](const KelVector<Device>& devices, std::size_t target, const char* named) {
+        const auto path = BuildDevicePath(devices, {1, target});
+        ASSERT_FALSE(path) << named;
+        EXPECT_NE(path.Error().message.find(named), KelString::npos) << path.Error().message;
+    };
+    auto devices = Tree();
+    devices[4].parentGuid = Guid(77);
+    expectError(devices, 4, Guid(77).c_str());
+    devices = Tree();
+    devices[1].parentGuid = Guid(3);
+    expectError(devices, 4, "circle");
+    devices = Tree();
+    devices[4].parentGuid = Guid(2);
+    expectError(devices, 4, "n1 above it is a client");
+    EXPECT_FALSE(BuildDevicePath(Tree(), {}));
+}
+
+TEST(DeviceTree, DepthIsLimitedSoThatTheOfferStillSerialises) {
+    KelVector<Device> devices = {Tree()[0]};
+    for (int number = 1; number <= 60; ++number) {
+        Device device;
+        ASSERT_TRUE(ParsePathName(PathName("d", number), device));
+        device.role = "relay";
+        device.parentGuid = Guid(number - 1);
+        devices.push_back(device);
+    }
+    EXPECT_FALSE(BuildDevicePath(devices, {60}));
+    const auto deepest = BuildDevicePath(devices, {kMaxTreeLevels - 1});
+    ASSERT_TRUE(deepest);
+    KelContainer offer;
+    offer.SetContainer("DevicePath", *deepest);
+    KelContainer read;
+    ASSERT_TRUE(read.LoadFromXML(offer.SaveToXML()));
+    EXPECT_EQ(read, offer);
+}
+
+TEST(DeviceList, EntriesAreChecked) {
+    const KelString good = PathName("host-1.example", 7);
+    const auto device = ParseDeviceEntry(Guid(7), good + "  " + Guid(1) + " relay North");
+    ASSERT_TRUE(device);
+    EXPECT_EQ(device->address, "host-1.example:1007");
+    EXPECT_EQ(device->guid, Guid(7));
+    EXPECT_EQ(device->parentGuid, Guid(1));
+    EXPECT_EQ(device->role, "relay");
+    EXPECT_EQ(device->name, "North");
+    EXPECT_EQ(ParseDeviceEntry(Guid(7), good + " " + Guid(1) + " client")->name, "host-1.example");
+
+    const auto with = [&](const char* from, const char* to) {
+        KelString text = good;
+        return text.replace(text.find(from), std::string_view(from).size(), to) + " " + Guid(1) + " client";
+    };
+    for (const KelString& bad :
+         {KelString(), good, good + " " + Guid(1), good + " " + Guid(1) + " boss",
+          good + " " + Guid(7) + " client", good + " nobody client",
+          good + " " + Guid(1) + " client two names", good + " " + Guid(1) + " client o'hara",
+          with(":1007", ":0"), with(":1007", ":65536"), with(":1007", ""), with("10.0.0.7", "10.0.0"),
+          with("255.255", "256.255"), with("ABCD", "abcd"), with("host", "ho'st"), with("host", "ho/st"),
+          with("0000-0000", "0000-0001"), with("/255.255.255.0", "")}) {
+        EXPECT_FALSE(ParseDeviceEntry(Guid(7), bad)) << bad;
+    }
+}
+
+}  // namespace

@@ -1,0 +1,88 @@
+#include "modules/delivery/program.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <csignal>
+#include <string>
+
+#include <poll.h>
+
+#include "modules/delivery/command_line.h"
+
+namespace {
+
+struct Outcome {
+    ProgramResult result;
+    KelVector<KelString> lines;
+};
+
+Outcome RunShell(const KelString& script, std::chrono::milliseconds timeout = std::chrono::seconds(60)) {
+    Outcome run;
+    Program program;
+    program.arguments = {"/bin/sh", "-c", script};
+    program.timeout = timeout;
+    program.output = [&](const KelString& line) { run.lines.push_back(line); };
+    run.result = RunProgram(program);
+    return run;
+}
+
+TEST(RunProgram, TellsHowTheProgramEnded) {
+    const Outcome exited = RunShell("echo one; printf two; exit 7");
+    EXPECT_EQ(exited.result.end, ProgramResult::End::Exited);
+    EXPECT_EQ(exited.result.code, 7);
+    EXPECT_EQ(exited.lines, (KelVector<KelString>{"one", "two"}));
+
+    const Outcome killed = RunShell("kill -9 $$");
+    EXPECT_EQ(killed.result.end, ProgramResult::End::Killed);
+    EXPECT_EQ(killed.result.code, SIGKILL);
+}
+
+TEST(RunProgram, TheWholeGroupIsEndedAtTheTimeOut) {
+    const auto start = std::chrono::steady_clock::now();
+    const Outcome run = RunShell("trap '' TERM; echo $$; sleep 60; sleep 60", std::chrono::milliseconds(50));
+    EXPECT_EQ(run.result.end, ProgramResult::End::TimedOut);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(30));
+    ASSERT_EQ(run.lines.size(), 1U);
+    const pid_t group = std::stoi(run.lines.front());
+    int left = 0;
+    for (int i = 0; i < 500 && (left = kill(-group, 0)) == 0; ++i)
+        poll(nullptr, 0, 10);
+    EXPECT_EQ(left, -1) << "a process of the group is still there";
+}
+
+TEST(RunProgram, AChildLeftBehindWithTheOutputDoesNotHoldItUp) {
+    const auto start = std::chrono::steady_clock::now();
+    const Outcome run = RunShell("sleep 20 & echo done");
+    EXPECT_EQ(run.result.end, ProgramResult::End::Exited);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(15));
+    EXPECT_EQ(run.lines, KelVector<KelString>{"done"});
+}
+
+TEST(RunProgram, LongLinesAreCutAndAllOutputIsRead) {
+    const Outcome run = RunShell(
+        "head -c 3000 /dev/zero | tr '\\0' a; echo; i=0; while [ $i -lt 20000 ]; do echo $i; "
+        "i=$((i+1)); done");
+    ASSERT_EQ(run.lines.size(), 20003U);
+    EXPECT_EQ(run.lines[0], KelString(kMaxLineBytes, 'a'));
+    EXPECT_EQ(run.lines[2], KelString(3000 - 2 * kMaxLineBytes, 'a'));
+    EXPECT_EQ(run.lines.back(), "19999");
+}
+
+TEST(CommandLine, IsSplitAtBlanksOutsideQuotes) {
+    struct Case {
+        const char* text;
+        KelVector<KelString> words;
+    };
+    for (const Case& test : {Case{"/bin/a", {"/bin/a"}}, Case{"  /bin/a  b\tc ", {"/bin/a", "b", "c"}},
+                             Case{"\"/opt/my tool\" \"\" x\"y z\"", {"/opt/my tool", "", "xy z"}},
+                             Case{"/bin/a $(b);c 'd e'", {"/bin/a", "$(b);c", "'d", "e'"}}}) {
+        const auto words = SplitCommandLine(test.text);
+        ASSERT_TRUE(words) << test.text;
+        EXPECT_EQ(*words, test.words) << test.text;
+    }
+    for (const char* bad : {"", "  ", "tool", "\"\" /bin/a", "/bin/a \"b"})
+        EXPECT_FALSE(SplitCommandLine(bad)) << bad;
+}
+
+}  // namespace

@@ -1,0 +1,97 @@
+#include <ctime>
+
+#include "filestore/transfer_fixture.h"
+#include "kel/format.h"
+
+namespace {
+
+class TargetListTest : public TransferTest {
+  protected:
+    static KelString PathName(int number) {
+        return KelFormat("127.0.1.%d:1611/0A1B0000-0000-4000-8000-00000000%d/02-00/127.0.1.%d/255.255.0.0",
+                         number, 1000 + number, number);
+    }
+    static void Process(KelContainer tree) { FileStore::ProcessFileTargetList(5, 1, tree); }
+};
+
+TEST_F(TargetListTest, EmptyTopMakesThisDeviceTheOnlyTarget) {
+    Process(TargetTree({}));
+    EXPECT_EQ(Rows(Downstream(),
+                   "SELECT FileId, DeviceGUID, DevicePath, LastNotifyTime, WakeUpDevice FROM "
+                   "Targets"),
+              KelVector<KelString>{"5|||0|1"});
+}
+
+TEST_F(TargetListTest, TreeOfAnotherDeviceWritesNothing) {
+    KelContainer tree, level;
+    level.SetContainer(PathName(21), {});
+    tree.SetContainer(PathName(20), level);
+    Process(tree);
+    Process({});
+    EXPECT_EQ(Count(Downstream(), "Targets"), "0");
+}
+
+TEST_F(TargetListTest, EachChildGetsItsSubTree) {
+    KelContainer grandChildren, level, tree;
+    grandChildren.SetContainer(PathName(32), {});
+    level.SetContainer(PathName(30), grandChildren);
+    level.SetContainer(kOwnPathName, {});
+    level.SetContainer("not a path name", {});
+    tree.SetContainer(kOwnPathName, level);
+    Process(tree);
+    const auto rows = Downstream().Query("SELECT * FROM Targets ORDER BY TargetId");
+    ASSERT_EQ(rows->GetRowCount(), 3U);
+    EXPECT_EQ(rows->GetString(0, "DeviceGUID"), PathName(30));
+    EXPECT_EQ(rows->GetString(1, "DeviceGUID"), "");
+    EXPECT_EQ(rows->GetString(2, "DeviceGUID"), "not a path name");
+    KelContainer handedOn, expected;
+    expected.SetContainer(PathName(30), grandChildren);
+    ASSERT_TRUE(static_cast<bool>(handedOn.LoadFromXML(rows->GetString(0, "DevicePath"))));
+    EXPECT_EQ(handedOn, expected);
+    KelContainer ours;
+    ASSERT_TRUE(static_cast<bool>(ours.LoadFromXML(rows->GetString(1, "DevicePath"))));
+    EXPECT_EQ(ours.GetName(0), kOwnPathName);
+}
+
+TEST_F(TargetListTest, FilesForTheSameSubTreeAreSpreadOverTime) {
+    const std::int64_t now = std::time(nullptr);
+    KelContainer wrapped;
+    wrapped.SetContainer(PathName(40), {});
+    struct Case {
+        std::int64_t latest;  ///< LastNotifyTime that is found, -1: no row
+        std::int64_t expectedFrom;
+        std::int64_t expectedTo;
+    };
+    for (const Case& test : {Case{-1, 0, 0}, Case{0, 0, 0}, Case{now - 500, now, now + 10},
+                             Case{now + 1000, now + 1060, now + 1060}}) {
+        Rows(Downstream(), "DELETE FROM Targets");
+        if (test.latest >= 0)
+            Rows(Downstream(), KelFormat("INSERT INTO Targets (TargetId, DeviceGUID, LastNotifyTime) VALUES "
+                                         "(999, '%S', %ld)",
+                                         wrapped.SaveToXML(), test.latest));
+        Process(TargetTree({PathName(40)}));
+        const std::int64_t time =
+            std::stoll(Cell(Downstream(), "SELECT LastNotifyTime FROM Targets WHERE FileId = 5"));
+        EXPECT_GE(time, test.expectedFrom);
+        EXPECT_LE(time, test.expectedTo);
+    }
+}
+
+TEST_F(TargetListTest, WakeOnLanDataAreAnnouncedWhenNewOrChanged) {
+    FakeResult("WakeOnLanAddSubnet ()", 0);
+    Process(TargetTree({PathName(50), "not a path name"}));
+    Process(TargetTree({PathName(50)}));
+    ASSERT_EQ(CallsOf("WakeOnLanAddSubnet").size(), 1U);
+    const KelContainer call = CallsOf("WakeOnLanAddSubnet").front();
+    EXPECT_EQ(call.GetString("WakeOnLanAgentGuid"), "0A1B0000-0000-4000-8000-000000001050");
+    EXPECT_EQ(call.GetInt32("WakeOnLanDeviceIPAddr"), 0x7F000132);
+    EXPECT_EQ(call.GetInt32("WakeOnLanDeviceAgentPort"), 1611);
+    EXPECT_EQ(static_cast<std::uint32_t>(call.GetInt32("WakeOnLanDeviceNetworkMask")), 0xFFFF0000U);
+
+    KelString moved = PathName(50);
+    moved.replace(moved.find(":1611"), 5, ":1700");
+    Process(TargetTree({moved}));
+    EXPECT_EQ(CallsOf("WakeOnLanAddSubnet").size(), 2U);
+}
+
+}  // namespace
