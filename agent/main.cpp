@@ -1,1 +1,44 @@
-int main() {}
+#include <cstdio>
+#include <exception>
+
+#include "agent/agent.h"
+#include "agent/agent_config.h"
+#include "agent/agent_options.h"
+#include "agent/root_lock.h"
+
+namespace {
+
+int Complain(const KelError& error, int exitCode) {
+    std::fprintf(stderr, "kelagent: %s\n", error.message.c_str());
+    return exitCode;
+}
+
+int Check(const AgentConfig& config, const KelString& modulesDir) {
+    const KelVector<KelString> faults = FindConfigFaults(config, modulesDir);
+    for (const KelString& fault : faults)
+        std::printf("%s\n", fault.c_str());
+    if (faults.empty()) std::puts("The configuration is usable.");
+    return faults.empty() ? kExitClean : kExitFailure;
+}
+
+int Run(const AgentOptions& options) {
+    auto config = LoadAgentConfig(options.root);
+    if (!config) return Complain(config.Error(), kExitFailure);
+    if (options.check) return Check(*config, options.modulesDir);
+    const auto lock = LockRoot(options.root);
+    if (!lock) return Complain(lock.Error(), lock.Error().code == kRootLocked ? kExitLocked : kExitFailure);
+    return Agent(std::move(*config), options.modulesDir).Run();
+}
+
+}  // namespace
+
+int main(int count, char** arguments) {
+    int exitCode = kExitUsage;
+    const auto options = ParseAgentOptions(count, arguments, exitCode);
+    if (!options) return exitCode;
+    try {
+        return Run(*options);
+    } catch (const std::exception& error) {
+        return Complain({1, error.what()}, kExitFailure);
+    }
+}

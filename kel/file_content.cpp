@@ -8,7 +8,7 @@
 
 namespace {
 
-constexpr std::size_t kBufferBytes = 256 * 1024;
+constexpr std::size_t kBufferBytes = std::size_t{256} << 10;
 constexpr std::size_t kKernelCopyBytes = std::size_t{64} << 20;
 
 }  // namespace

@@ -200,7 +200,7 @@ KelStatus IniFile::WriteEntryValue(const KelString& section, const KelString& ke
         if (HasControlCharacter(*text))
             return KelError{
                 1, KelFormat("Control characters cannot stand in an ini file: [%S] %S", section, key)};
-    const bool isName = !key.empty() && key == Trim(key) && key.find_first_of("=") == KelString::npos &&
+    const bool isName = !key.empty() && key == Trim(key) && key.find('=') == KelString::npos &&
                         key.find_first_of("[;#") != 0 && section.find(']') == KelString::npos &&
                         section == Trim(section);
     if (!isName) return KelError{1, KelFormat("Not a name for an ini entry: [%S] %S", section, key)};
@@ -213,7 +213,7 @@ KelStatus IniFile::WriteEntryValue(const KelString& section, const KelString& ke
     fresh.Set(section, key, value);
     struct stat status {};
     const bool exists = ::stat(fresh.path.c_str(), &status) == 0;
-    const KelStatus written =
+    KelStatus written =
         FileWriteText(fresh.path, fresh.Text(), exists ? status.st_mode & 07777 : kNewFileMode);
     if (written) *content_ = std::move(fresh);
     return written;

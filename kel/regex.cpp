@@ -82,7 +82,7 @@ bool FindPcre(const KelString& pattern, const KelString& text, KelVector<KelStri
     pcre2_pattern_info(code.get(), PCRE2_INFO_CAPTURECOUNT, &groups);
     const PCRE2_SIZE* offsets = pcre2_get_ovector_pointer(data.get());
     KelVector<KelString> found;  // `text` may be an element of `captures`
-    for (std::uint32_t i = 0; i <= groups; ++i) {
+    for (std::size_t i = 0; i <= groups; ++i) {
         const PCRE2_SIZE start = offsets[2 * i];
         const PCRE2_SIZE end = offsets[2 * i + 1];
         const bool tookPart = start != PCRE2_UNSET && start <= end;

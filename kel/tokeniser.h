@@ -8,7 +8,7 @@
 /// an empty first token. For use on one thread.
 class StringTokeniser {
   public:
-    StringTokeniser(KelString text, char separator);
+    StringTokeniser(const KelString& text, char separator);
 
     /// Moves the next token into `token`; false when there is none left.
     bool GetNextToken(KelString& token);

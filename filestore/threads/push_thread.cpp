@@ -8,6 +8,20 @@
 #include "filestore/transfer/http_transfer.h"
 #include "filestore/transfer/upload_policy.h"
 
+namespace {
+
+/// False also when the database cannot tell.
+bool HasFilesToPack() {
+    const auto row = FileStore::pDbConnectionUpstream->Query(
+        KelFormat("SELECT %s FROM %s WHERE %s IN ('%s', '%s') AND %s <> 0 AND %s <> '' AND %s <> '%s' LIMIT 1",
+                  filestore::kFileId, filestore::kTableFiles, filestore::kFileStatus,
+                  filestore::kStatusToBeUploaded, filestore::kStatusToBePacked, filestore::kUpstream,
+                  filestore::kSourceDevice, filestore::kFileType, filestore::kPackedFilesType));
+    return row && row->GetRowCount() != 0;
+}
+
+}  // namespace
+
 FileStorePushThread::FileStorePushThread() : FileThreadBase("FileStore", "QueueGap", 30) {}
 
 void FileStorePushThread::InitCurrentTimeout() {
@@ -42,6 +56,7 @@ bool FileStorePushThread::StartManualUpload() {
         return false;
     }
     FileStore::uLimit = static_cast<std::uint32_t>(rows->GetInt64(0, 0));
+    FileStore::uCurrent = 0;  // a request during a manual upload starts its count anew
     FileStore::debugFileStore.Print("Start manual upload process (%u files to upload).\n",
                                     FileStore::uLimit.load());
     return true;
@@ -54,7 +69,6 @@ bool FileStorePushThread::RunPasses(bool& reachedParent) {
         if (FileStore::fProcessManualUpload && FileStore::uCurrent != 0)
             FileStore::debugFileStore.Print("Manual upload: %u/%u files processed\n",
                                             FileStore::uCurrent.load(), FileStore::uLimit.load());
-        busy = false;
         const std::uint64_t takenBefore = rowsTaken_;
         if (CheckCancelled(false)) return false;
         const Outcome requested = RequestFile(reachedParent);
@@ -93,9 +107,12 @@ void FileStorePushThread::RunUploadPass(bool packedPass, bool& reachedParent, bo
     if (outcome == Outcome::Done) busy = true;
 }
 
-/// The passes came to rest, so a manual upload that has processed all it counted is over, too.
+/// The passes came to rest, so a manual upload that has processed all it counted is over, too. Of what it
+/// counted, archives are not packed and absent files are dropped: with nothing left to pack it is over as
+/// well.
 void FileStorePushThread::FinishManualUpload() {
-    if (!FileStore::fProcessManualUpload || FileStore::uCurrent < FileStore::uLimit) return;
+    if (!FileStore::fProcessManualUpload) return;
+    if (FileStore::uCurrent < FileStore::uLimit && HasFilesToPack()) return;
     FileStore::debugFileStore.Print("Manual upload process finished.\n");
     FileStore::fProcessManualUpload = false;
     FileStore::uCurrent = 0;

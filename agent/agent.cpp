@@ -1,0 +1,144 @@
+#include "agent/agent.h"
+
+#include <ctime>
+
+#include "agent/agent_actions.h"
+#include "agent/agent_options.h"
+#include "kelcore/action_db.h"
+#include "kelcore/error_codes.h"
+#include "kelcore/http/client.h"
+
+namespace {
+
+constexpr const char* kHttpModule = "HttpProtocol";
+
+KelAgentSettings Settings(const AgentConfig& config, std::shared_ptr<KelDebugContext> context) {
+    return {config.ConfigDir(),  config.DataDir(), config.name,
+            config.httpPassword, config.address,   std::move(context)};
+}
+
+void ConfigureSecurity(const AgentConfig& config) {
+    AgentSecuritySslContext ssl;
+    AgentSecurityPacContext pac;
+    if (config.sslForce) ssl = std::make_shared<const AgentSecuritySslSettings>(config.ssl);
+    if (config.pacForce)
+        pac = std::make_shared<const AgentSecurityPacSettings>(AgentSecurityPacSettings{config.pacScript});
+    AgentSecurityConfigure(std::move(ssl), std::move(pac));
+}
+
+}  // namespace
+
+Agent::Agent(AgentConfig config, KelString modulesDir)
+    : config_(std::move(config)), modulesDir_(std::move(modulesDir)), log_("Agent", "Agent") {}
+
+int Agent::Run() {
+    auto context =
+        MakeDebugContext(config_.LogFile(), config_.logMaxBytes, config_.logFiles, true, config_.logLevel);
+    log_.SetContext(context);
+    KelAgentConfigure(Settings(config_, context));
+    ConfigureSecurity(config_);
+    const KelString ini = config_.ConfigDir() + "Agent.ini";
+    if (IsOpenToOthers(ini))
+        log_.Warning("%S holds the password but others can open it; chmod 600 it\n", ini);
+
+    // Cancelling first lets threads that are in a transfer come back at once.
+    StopSignals stop([] { HttpClientCancelAll(true); }, log_);
+    const bool started = Start(stop);
+    if (started && !stop.IsRequested()) {
+        LogReady();
+        stop.Wait();
+    }
+    HttpClientCancelAll(true);
+    Stop();
+    log_.Print("Stopped\n");
+    return started ? kExitClean : kExitFailure;
+}
+
+bool Agent::Start(const StopSignals& stop) {
+    log_.Print("Version %s starting on %S\n", KEL_VERSION, config_.root);
+    if (!LoadModules()) return false;
+    RegisterAgentActions({config_.root, std::time(nullptr), config_.modules});
+    if (!RegisterModules() || !InitialiseModules(stop)) return false;
+    ActivateModules(stop);
+    return true;
+}
+
+bool Agent::LoadModules() {
+    for (const KelString& name : config_.modules) {
+        auto module = LoadedModule::Load(modulesDir_, name);
+        if (!module) {
+            log_.Error("%S\n", module.Error().message);
+            return false;
+        }
+        log_.Print("Loaded %S %S\n", module->DisplayName(), module->Version());
+        modules_.push_back(std::move(*module));
+    }
+    return true;
+}
+
+bool Agent::RegisterModules() {
+    for (LoadedModule& module : modules_) {
+        ++registered_;
+        if (module.Register()) continue;
+        log_.Error("Module %S could not be registered\n", module.Name());
+        return false;
+    }
+    return true;
+}
+
+bool Agent::InitialiseModules(const StopSignals& stop) {
+    for (LoadedModule& module : modules_) {
+        if (stop.IsRequested()) return true;
+        if (!module.Run(KelModuleOperation::Initialise)) {
+            log_.Error("Module %S could not be initialised; its own log lines say why\n", module.Name());
+            return false;
+        }
+        ++initialised_;
+    }
+    return true;
+}
+
+void Agent::ActivateModules(const StopSignals& stop) {
+    for (LoadedModule& module : modules_) {
+        if (stop.IsRequested()) return;
+        if (!module.Run(KelModuleOperation::Activate))
+            log_.Error("Module %S could not be activated; the agent goes on without it\n", module.Name());
+    }
+}
+
+void Agent::LogReady() const {
+    KelContainer answer;
+    KelString address = config_.address;
+    std::int32_t port = 0;
+    if (ActionDbIsActionRegistered("HttpProtocolGetParams") &&
+        ActionDbInvokeContainer(nullptr, "", "HttpProtocolGetParams", answer, 0, -1, -1, nullptr) == kKelOk) {
+        const KelContainer& values = answer.GetContainer("Values");
+        address = values.GetString("Address", address);
+        port = values.GetInt32("Port");
+    }
+    log_.Print("Ready at %S:%d\n", address, port);
+}
+
+void Agent::Stop() {
+    CleanupModules();
+    for (; registered_ > 0; --registered_) {
+        LoadedModule& module = modules_[registered_ - 1];
+        module.Run(KelModuleOperation::Unregister);
+        ActionDbUnregisterAll(module.Name().c_str());
+    }
+    ActionDbUnregisterAll(kAgentHandle);
+    HttpClientCloseIdleConnections();
+}
+
+void Agent::CleanupModules() {
+    KelVector<LoadedModule*> order;
+    for (std::size_t i = initialised_; i > 0; --i) {
+        LoadedModule& module = modules_[i - 1];
+        order.insert(module.Name() == kHttpModule ? order.begin() : order.end(), &module);
+    }
+    for (LoadedModule* module : order) {
+        log_.Detail("Cleaning up %S\n", module->Name());
+        module->Run(KelModuleOperation::Cleanup);
+    }
+    initialised_ = 0;
+}

@@ -1,0 +1,38 @@
+#pragma once
+
+#include "agent/agent_config.h"
+#include "agent/module_loader.h"
+#include "agent/stop_signals.h"
+#include "kel/debug.h"
+#include "kel/types.h"
+
+/// One agent: loads the modules and drives them through their life. For the main thread.
+///
+/// Every module is registered before the first is initialised, and initialised before the first is activated,
+/// each time in the configured order. At the end HttpProtocol is cleaned up first, so that no call from
+/// outside meets a module that is going down; then the others in reverse order, each of which can still call
+/// the actions of those before it; then all are unregistered in reverse order.
+class Agent {
+  public:
+    Agent(AgentConfig config, KelString modulesDir);
+
+    /// Runs until a stop signal; an exit code of agent/agent_options.h.
+    int Run();
+
+  private:
+    bool Start(const StopSignals& stop);
+    bool LoadModules();
+    bool RegisterModules();
+    bool InitialiseModules(const StopSignals& stop);
+    void ActivateModules(const StopSignals& stop);
+    void LogReady() const;
+    void Stop();
+    void CleanupModules();
+
+    AgentConfig config_;
+    KelString modulesDir_;
+    KelDebug log_;
+    KelVector<LoadedModule> modules_;
+    std::size_t registered_ = 0;   ///< how many modules, from the first, are registered
+    std::size_t initialised_ = 0;  ///< and how many initialised
+};

@@ -1,0 +1,20 @@
+#pragma once
+
+#include <cstdint>
+
+#include "kel/types.h"
+
+/// What the agent says about itself; fixed once it runs.
+struct AgentFacts {
+    KelString root;
+    std::int64_t started = 0;  ///< seconds since the epoch
+    KelVector<KelString> modules;
+};
+
+/// Handle under which the agent's own actions are registered.
+inline constexpr const char* kAgentHandle = "Agent";
+
+/// Registers the agent's own actions, both without arguments and always answering 0:
+/// AgentGetStatus gives Values{Version, Name (host name), Root, Started (int64, seconds), Pid (int32),
+/// MemoryBytes (int64, resident), Modules[i] (strings)}; AgentListActions gives Actions[i], the signatures.
+void RegisterAgentActions(AgentFacts facts);

@@ -1,0 +1,42 @@
+#pragma once
+
+#include <cstddef>
+
+#include "kel/debug.h"
+#include "kel/result.h"
+#include "kel/types.h"
+#include "kelcore/agent.h"
+#include "kelcore/security.h"
+
+/// The agent's own configuration, from config/Agent.ini beneath its root folder.
+struct AgentConfig {
+    KelString root;          ///< ends with "/"
+    KelString name;          ///< user name of the tree's HTTP requests
+    KelString httpPassword;  ///< never empty
+    KelString address;       ///< own IPv4 address; empty: any
+    KelDebugLevel logLevel = KelDebugLevel::Print;
+    std::size_t logMaxBytes = 0;
+    std::size_t logFiles = 0;
+    KelVector<KelString> modules;  ///< in the order in which they are driven
+    bool sslForce = false;
+    AgentSecuritySslSettings ssl;
+    bool pacForce = false;
+    KelString pacScript;  ///< the text of the script
+
+    KelString ConfigDir() const { return root + "config/"; }
+    KelString DataDir() const { return root + "data/"; }
+    KelString LogFile() const { return root + "log/agent.log"; }
+};
+
+/// Reads the configuration beneath `root` (ends with "/"). The error names the file, the entry and what to
+/// do: the file cannot be read, the password or the name is missing, an address, a number or a module name is
+/// unusable, a script cannot be read.
+KelResult<AgentConfig> LoadAgentConfig(const KelString& root);
+
+/// What is wrong with the configuration beneath `root` besides what LoadAgentConfig refuses: who can read the
+/// file of the password, ports that are no numbers, modules that are missing from `modulesDir` or cannot be
+/// loaded. One line each; empty when nothing is.
+KelVector<KelString> FindConfigFaults(const AgentConfig& config, const KelString& modulesDir);
+
+/// True when group or others can read or write `path`.
+bool IsOpenToOthers(const KelString& path);

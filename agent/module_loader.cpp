@@ -1,0 +1,34 @@
+#include "agent/module_loader.h"
+
+#include <dlfcn.h>
+
+#include <array>
+
+#include "kel/file.h"
+
+KelResult<LoadedModule> LoadedModule::Load(const KelString& modulesDir, const KelString& name) {
+    const KelString path = modulesDir + name + ".so";
+    if (!FileExists(path)) return KelError{1, "module " + name + ": no file " + path + "; see --modules"};
+    void* library = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
+    if (library == nullptr) return KelError{1, "module " + name + ": cannot be loaded: " + dlerror()};
+    void* entry = dlsym(library, kModuleMainSymbol);
+    if (entry == nullptr) return KelError{1, path + ": is no module, it exports no " + kModuleMainSymbol};
+    return LoadedModule(name, reinterpret_cast<KelModuleMain>(entry));
+}
+
+bool LoadedModule::Run(KelModuleOperation operation) {
+    return entry_(static_cast<unsigned int>(operation), 0, nullptr) == kModuleSuccess;
+}
+
+bool LoadedModule::Register() {
+    KelString handle = name_;
+    return entry_(static_cast<unsigned int>(KelModuleOperation::Register), 0, handle.data()) ==
+           kModuleSuccess;
+}
+
+KelString LoadedModule::Text(KelModuleOperation operation) {
+    std::array<char, kModuleTextBytes> buffer{};
+    if (entry_(static_cast<unsigned int>(operation), 0, buffer.data()) != kModuleSuccess) return {};
+    buffer.back() = '\0';
+    return buffer.data();
+}

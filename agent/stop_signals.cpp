@@ -1,0 +1,65 @@
+#include "agent/stop_signals.h"
+
+#include <pthread.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdlib>
+
+StopSignals::StopSignals(std::function<void()> onStop, const KelDebug& log)
+    : onStop_(std::move(onStop)), log_(log) {
+    sigemptyset(&signals_);
+    for (const int signal : {SIGTERM, SIGINT, SIGUSR2})
+        sigaddset(&signals_, signal);
+    pthread_sigmask(SIG_BLOCK, &signals_, nullptr);
+    std::signal(SIGPIPE, SIG_IGN);
+    watcher_ = std::thread([this] { Watch(); });
+}
+
+StopSignals::~StopSignals() {
+    done_ = true;
+    pthread_kill(watcher_.native_handle(), SIGUSR2);
+    watcher_.join();
+}
+
+bool StopSignals::IsRequested() const {
+    const std::lock_guard lock(mutex_);
+    return requested_;
+}
+
+void StopSignals::Wait() {
+    std::unique_lock lock(mutex_);
+    changed_.wait(lock, [this] { return requested_; });
+}
+
+void StopSignals::Request() {
+    onStop_();
+    const std::lock_guard lock(mutex_);
+    requested_ = true;
+    changed_.notify_all();
+}
+
+void StopSignals::Watch() {
+    using Clock = std::chrono::steady_clock;
+    int first = 0;
+    while (!done_ && first != SIGTERM && first != SIGINT)
+        sigwait(&signals_, &first);
+    if (done_) return;
+    log_.Print("Received signal %d, stopping\n", first);
+    const auto deadline = Clock::now() + std::chrono::seconds(kStopSeconds);
+    Request();
+    while (!done_) {
+        const auto left = deadline - Clock::now();
+        if (left <= Clock::duration::zero()) {
+            log_.Error("Not stopped after %d seconds, ending without cleaning up\n", kStopSeconds);
+            _exit(EXIT_FAILURE);
+        }
+        const auto nanoseconds = std::chrono::duration_cast<std::chrono::nanoseconds>(left).count();
+        const timespec wait{nanoseconds / 1'000'000'000, nanoseconds % 1'000'000'000};
+        const int signal = sigtimedwait(&signals_, nullptr, &wait);
+        if (signal == SIGTERM || signal == SIGINT) {
+            log_.Warning("Received a second signal, ending at once\n");
+            _exit(EXIT_FAILURE);
+        }
+    }
+}

@@ -1,0 +1,138 @@
+#include "cli/init_command.h"
+
+#include <sys/stat.h>
+
+#include <cstdio>
+
+#include "cli/commands.h"
+#include "cli/ini_templates.h"
+#include "cli/remote.h"
+#include "kel/directory.h"
+#include "kel/file.h"
+#include "kel/ini_file.h"
+#include "kel/path.h"
+#include "kel/text.h"
+
+namespace {
+
+KelVector<KelString> ModulesOf(const KelString& role) {
+    KelVector<KelString> modules = {"Identity", "Relay", "TransferWindow", "HttpProtocol"};
+    if (role == "master") modules.emplace_back("Console");
+    modules.emplace_back("Delivery");
+    modules.emplace_back("FileStore");
+    return modules;
+}
+
+KelString ModuleLines(const KelVector<KelString>& modules) {
+    KelString lines;
+    for (std::size_t i = 0; i < modules.size(); ++i)
+        lines += (i == 0 ? "Module" : "\nModule") + std::to_string(i + 1) + "=" + modules[i];
+    return lines;
+}
+
+/// Splits "HOST:PORT"; false when it is anything else.
+bool SplitParent(const KelString& text, KelString& host, KelString& port) {
+    const auto colon = text.rfind(':');
+    if (colon == KelString::npos || colon == 0) return false;
+    host = text.substr(0, colon);
+    port = text.substr(colon + 1);
+    const auto number = ParseUint64(port);
+    return number && *number > 0 && *number <= 65535 && host.find_first_of(" /@;#=:") == KelString::npos &&
+           !HasControlCharacter(host);
+}
+
+KelStatus WriteInis(const KelString& configDir, const KelVector<KelString>& modules,
+                    const std::map<KelString, KelString>& values) {
+    KelVector<KelString> names = modules;
+    names.emplace_back("Agent");
+    for (const KelString& name : names) {
+        const auto found = IniTemplates().find(name + ".ini");
+        if (found == IniTemplates().end()) continue;  // a module that needs no ini file
+        const KelString text = FillTemplate(found->second, values);
+        if (auto status = FileWriteText(configDir + name + ".ini", text, name == "Agent" ? 0600 : 0644);
+            !status)
+            return status;
+    }
+    return {};
+}
+
+/// A password that the ini form cannot hold (blanks at its ends, say) must not become another one silently.
+KelStatus CheckPassword(const KelString& configDir, const KelString& password) {
+    IniFile ini;
+    KelString read;
+    if (ini.Open(configDir + "Agent.ini") && ini.GetEntryValue("Agent", "HttpPassword", read, {}) &&
+        read == password)
+        return {};
+    return KelError{1, "this password cannot stand in an ini file; choose one without blanks at its ends"};
+}
+
+KelStatus MakeRoot(const InitOptions& options, const std::map<KelString, KelString>& values) {
+    const KelString root = CompletePath(options.dir);
+    if (FileExists(root) || (DirExists(root) && !DirList(root).empty()))
+        return KelError{1, root + " exists already; nothing was changed"};
+    for (const char* folder : {"/config", "/data", "/log"})
+        if (!PathCreate(root + folder)) return KelError{1, root + folder + ": cannot be made"};
+    chmod((root + "/data").c_str(), 0700);
+    const KelString configDir = root + "/config/";
+    auto status = WriteInis(configDir, ModulesOf(options.role), values);
+    if (status) status = CheckPassword(configDir, values.at("PASSWORD"));
+    if (!status) DirDelete(root, true);
+    return status;
+}
+
+}  // namespace
+
+KelResult<std::map<KelString, KelString>> TemplateValues(const InitOptions& options,
+                                                         const KelString& password) {
+    KelString parentName;
+    KelString parentPort = "0";
+    if (options.role == "master" && !options.parent.empty()) return KelError{1, "a master has no parent"};
+    if (options.role != "master" && !SplitParent(options.parent, parentName, parentPort))
+        return KelError{1, "a " + options.role + " needs --parent HOST:PORT"};
+    if (options.name.empty() || options.name.find_first_of(":;#= ") != KelString::npos ||
+        HasControlCharacter(options.name))
+        return KelError{1, "'" + options.name + "' cannot be the agent name"};
+    if (HasControlCharacter(password)) return KelError{1, "the password holds a control character"};
+    return std::map<KelString, KelString>{{"ADDRESS", options.address},
+                                          {"PORT", std::to_string(options.port)},
+                                          {"ROLE", options.role},
+                                          {"PARENT_NAME", parentName},
+                                          {"PARENT_PORT", parentPort},
+                                          {"PREFER_IP", "true"},
+                                          {"NAME", options.name},
+                                          {"PASSWORD", password},
+                                          {"MODULES", ModuleLines(ModulesOf(options.role))}};
+}
+
+KelString FillTemplate(std::string_view text, const std::map<KelString, KelString>& values) {
+    KelString result;
+    while (!text.empty()) {
+        const auto begin = text.find('@');
+        result += text.substr(0, begin);
+        if (begin == std::string_view::npos) break;
+        text.remove_prefix(begin);
+        const auto end = text.find('@', 1);
+        const auto value =
+            end == std::string_view::npos ? values.end() : values.find(KelString(text.substr(1, end - 1)));
+        result += value == values.end() ? KelString("@") : value->second;
+        text.remove_prefix(value == values.end() ? 1 : end + 1);
+    }
+    return result;
+}
+
+int RunInit(const CommonOptions& common, const InitOptions& options) {
+    const auto password = ReadPasswordFile(options.passwordFile);
+    if (!password) return Complain(password.Error());
+    const auto values = TemplateValues(options, *password);
+    if (!values) {
+        Complain(values.Error());
+        return kExitUsage;
+    }
+    if (auto status = MakeRoot(options, *values); !status) return Complain(status.Error());
+    if (common.json)
+        std::puts("[]");
+    else
+        std::printf("Made %s. Start the agent with: kelagent --root %s\n", options.dir.c_str(),
+                    options.dir.c_str());
+    return kExitDone;
+}

@@ -1,0 +1,156 @@
+#include "cli/options.h"
+
+#include <CLI/CLI.hpp>
+
+namespace {
+
+/// What the definitions below fill in; `chosen` is set by the command that was named.
+struct Parsed {
+    CommonOptions common;
+    InitOptions init;
+    PublishOptions publish;
+    FilesOptions files;
+    SettingsOptions settings;
+    WindowsOptions windows;
+    CallOptions call;
+    std::optional<CommandOptions> chosen;
+};
+
+void DefineCommon(CLI::App& app, CommonOptions& common) {
+    auto* root =
+        app.add_option("--root", common.root, "Root folder of an agent on this machine")->type_name("DIR");
+    auto* url =
+        app.add_option("--url", common.url, "Address of an agent: http://HOST:PORT")->type_name("URL");
+    auto* user = app.add_option("--user", common.user, "Agent name of the tree, with --url");
+    auto* password =
+        app.add_option("--password-file", common.passwordFile, "File that holds the tree's password")
+            ->type_name("FILE");
+    root->excludes(url)->excludes(user);
+    user->needs(url);
+    url->needs(user)->needs(password);
+    app.add_flag("--json", common.json, "Print JSON");
+    app.add_option("--timeout", common.timeoutSeconds, "Seconds to wait for an answer")
+        ->check(CLI::Range(1, 86400))
+        ->capture_default_str();
+}
+
+void DefineInit(CLI::App& app, Parsed& parsed) {
+    InitOptions& init = parsed.init;
+    auto* command = app.add_subcommand("init", "Make the root folder of a new agent");
+    command->add_option("DIR", init.dir, "The folder; it must not exist or be empty")->required();
+    command->add_option("--role", init.role, "Place in the tree")
+        ->required()
+        ->check(CLI::IsMember({"master", "relay", "client"}));
+    command->add_option("--address", init.address, "Own IPv4 address")->required()->check(CLI::ValidIPV4);
+    command->add_option("--port", init.port, "HTTP port; 0: any free one")->required();
+    command->add_option("--parent", init.parent, "The parent, not for a master")->type_name("HOST:PORT");
+    command->add_option("--password-file", init.passwordFile, "File whose first line is the tree's password")
+        ->required()
+        ->type_name("FILE");
+    command->add_option("--name", init.name, "Agent name of the tree")->default_val("agent");
+    command->callback([&parsed] { parsed.chosen = parsed.init; });
+}
+
+void DefinePublish(CLI::App& app, Parsed& parsed) {
+    PublishOptions& publish = parsed.publish;
+    auto* command = app.add_subcommand("publish", "Send files to devices of the tree; on the master");
+    command->add_option("FILE", publish.files, "The files")->required()->check(CLI::ExistingFile);
+    command->add_option("--type", publish.type, "File type")->required();
+    command->add_option("--label", publish.label, "File label")->required();
+    command->add_option("--to", publish.devices, "GUIDs or names of devices, or all")
+        ->required()
+        ->delimiter(',')
+        ->type_name("DEVICE,...");
+    command->add_option("--priority", publish.priority, "Files of higher priority go first")
+        ->capture_default_str();
+    command->add_flag("--bypass", publish.bypass, "Go also while transfer windows are closed");
+    command->add_flag("--wake", publish.wake, "Wake devices that do not answer");
+    command->callback([&parsed] { parsed.chosen = parsed.publish; });
+}
+
+void DefineSettings(CLI::App& app, Parsed& parsed) {
+    auto* command = app.add_subcommand("settings", "Settings of the file store");
+    command->require_subcommand(1);
+    auto* get = command->add_subcommand("get", "Show settings");
+    get->add_option("NAME", parsed.settings.names, "Which ones; all when none is named");
+    auto* set = command->add_subcommand("set", "Change settings");
+    set->add_option("NAME=VALUE", parsed.settings.assignments, "Names and new values")->required();
+    command->callback([&parsed] { parsed.chosen = parsed.settings; });
+}
+
+void DefineWindows(CLI::App& app, Parsed& parsed) {
+    WindowsOptions& windows = parsed.windows;
+    auto* command = app.add_subcommand("windows", "Transfer windows: when and how fast files move");
+    command->add_subcommand("get", "Show the windows (the default)");
+    auto* set = command->add_subcommand("set", "Set or remove the window of a direction");
+    command->require_subcommand(0, 1);
+    set->add_option("DIRECTION", windows.direction, "The direction")
+        ->required()
+        ->check(CLI::IsMember({"up", "down", "multicast"}));
+    auto* slots = set->add_option(
+        "--slots", windows.slots,
+        "A rate for every hour, or 168 rates separated by blanks, Monday 00:00 first; 0: closed");
+    auto* remove = set->add_flag("--remove", windows.remove, "No window: always open, no limit");
+    slots->excludes(remove);
+    set->add_option("--slot-type", windows.slotType,
+                    "Unit: 1 bit/s, 2 kbit/s, 3 Mbit/s, 7 per cent, 8 per thousand")
+        ->capture_default_str()
+        ->check(CLI::Range(1, 8));
+    set->add_flag("--utc", windows.utc, "Hours are of UTC, not local time");
+    set->callback([&windows] {
+        if (windows.slots.empty() && !windows.remove) throw CLI::RequiredError("--slots or --remove");
+    });
+    command->callback([&parsed] { parsed.chosen = parsed.windows; });
+}
+
+void DefineCall(CLI::App& app, Parsed& parsed) {
+    auto* command = app.add_subcommand("call", "Call any action");
+    command->add_option("ACTION", parsed.call.action, "Name of the action")->required();
+    command->add_option("ARGUMENT", parsed.call.arguments,
+                        "name=text or name:=JSON; a name given several times has several values");
+    command->callback([&parsed] { parsed.chosen = parsed.call; });
+}
+
+void DefineQueries(CLI::App& app, Parsed& parsed) {
+    app.add_subcommand("status", "This device: role, parent, queues")->callback([&parsed] {
+        parsed.chosen = StatusOptions();
+    });
+    app.add_subcommand("devices", "The tree as the master knows it")->callback([&parsed] {
+        parsed.chosen = DevicesOptions();
+    });
+    app.add_subcommand("inbox", "Files delivered to this device")->callback([&parsed] {
+        parsed.chosen = InboxOptions();
+    });
+    auto* files = app.add_subcommand("files", "Files in the store");
+    files->add_flag("--upstream", parsed.files.upstream, "Those on their way to the master");
+    files->callback([&parsed] { parsed.chosen = parsed.files; });
+}
+
+}  // namespace
+
+std::optional<Options> ParseOptions(int count, const char* const* arguments, int& exitCode) {
+    Parsed parsed;
+    CLI::App app("Operates agents of a device tree.", "kel");
+    app.set_version_flag("--version", "kel " KEL_VERSION);
+    app.require_subcommand(1);
+    app.fallthrough();
+    app.footer("Exit codes: 0 done, 1 refused or failed, 2 usage, 3 unreachable.");
+    DefineCommon(app, parsed.common);
+    DefineInit(app, parsed);
+    DefineQueries(app, parsed);
+    DefinePublish(app, parsed);
+    DefineSettings(app, parsed);
+    DefineWindows(app, parsed);
+    DefineCall(app, parsed);
+    try {
+        app.parse(count, arguments);
+        const bool isInit = std::holds_alternative<InitOptions>(*parsed.chosen);
+        if (!isInit && parsed.common.root.empty() && parsed.common.url.empty())
+            throw CLI::RequiredError("--root or --url");
+    } catch (const CLI::ParseError& error) {
+        exitCode = app.exit(error) == 0 ? kExitDone : kExitUsage;
+        return {};
+    }
+    exitCode = kExitDone;
+    return Options{parsed.common, *parsed.chosen};
+}

@@ -1,0 +1,81 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <variant>
+
+#include "kel/types.h"
+
+/// Exit codes of the command line.
+inline constexpr int kExitDone = 0;
+inline constexpr int kExitFailed = 1;       ///< refused or failed
+inline constexpr int kExitUsage = 2;        ///< unusable arguments
+inline constexpr int kExitUnreachable = 3;  ///< the agent does not answer
+
+/// Which agent to talk to and how to print; the same for every command.
+struct CommonOptions {
+    KelString root;          ///< root folder of a local agent, or
+    KelString url;           ///< "http://host:port" with
+    KelString user;          ///< the tree's agent name and
+    KelString passwordFile;  ///< a file whose first line is the tree's password
+    bool json = false;
+    int timeoutSeconds = 60;  ///< for the answer of one call
+};
+
+struct InitOptions {
+    KelString dir;
+    KelString role;
+    KelString address;
+    std::uint16_t port = 0;
+    KelString parent;  ///< "HOST:PORT"
+    KelString passwordFile;
+    KelString name;
+};
+
+struct StatusOptions {};
+struct DevicesOptions {};
+struct InboxOptions {};
+
+struct PublishOptions {
+    KelVector<KelString> files;
+    KelString type;
+    KelString label;
+    KelVector<KelString> devices;  ///< GUIDs or names, or "all"
+    int priority = 100;
+    bool bypass = false;
+    bool wake = false;
+};
+
+struct FilesOptions {
+    bool upstream = false;
+};
+
+struct SettingsOptions {
+    KelVector<KelString> names;        ///< get: which; empty for all
+    KelVector<KelString> assignments;  ///< set: "NAME=VALUE"; empty for get
+};
+
+struct WindowsOptions {
+    KelString direction;  ///< set: up, down or multicast; empty for get
+    KelString slots;      ///< one number, 168 numbers, or empty to remove the window
+    bool remove = false;
+    int slotType = 2;
+    bool utc = false;
+};
+
+struct CallOptions {
+    KelString action;
+    KelVector<KelString> arguments;  ///< "name=text" or "name:=JSON"
+};
+
+using CommandOptions = std::variant<InitOptions, StatusOptions, DevicesOptions, PublishOptions, FilesOptions,
+                                    SettingsOptions, WindowsOptions, InboxOptions, CallOptions>;
+
+struct Options {
+    CommonOptions common;
+    CommandOptions command;
+};
+
+/// Reads the arguments. Nothing when the program has to end at once with `exitCode`: help or version were
+/// printed to stdout, or the fault to stderr.
+std::optional<Options> ParseOptions(int count, const char* const* arguments, int& exitCode);

@@ -1,0 +1,120 @@
+#include "cli/remote.h"
+
+#include <cstdio>
+
+#include "cli/table.h"
+#include "kel/debug.h"
+#include "kel/file.h"
+#include "kel/ini_file.h"
+#include "kel/text.h"
+#include "kelcore/action_db.h"
+#include "kelcore/agent.h"
+#include "kelcore/error_codes.h"
+#include "kelcore/http/url.h"
+
+namespace {
+
+constexpr std::uint64_t kMaxPasswordFileBytes = 4096;
+constexpr const char* kAnyAddress = "0.0.0.0";
+
+struct Target {
+    KelString address;  ///< "host:port"
+    KelString ownAddress;
+    KelString user;
+    KelString password;
+};
+
+KelResult<KelString> ReadIni(IniFile& ini, const KelString& path, const KelString& section,
+                             const KelString& key) {
+    KelString value;
+    if (!FileExists(path) || !ini.Open(path)) return KelError{1, path + ": cannot be read"};
+    ini.GetEntryValue(section, key, value, {});
+    if (value.empty()) return KelError{1, path + ": " + key + " is missing"};
+    return value;
+}
+
+KelResult<Target> FromRoot(const KelString& root) {
+    Target target;
+    IniFile agent;
+    auto password = ReadIni(agent, root + "/config/Agent.ini", "Agent", "HttpPassword");
+    if (!password) return password.Error();
+    target.password = *password;
+    agent.GetEntryValue("Agent", "Name", target.user, {});
+    agent.GetEntryValue("Agent", "Address", target.ownAddress, {});
+    IniFile http;
+    const KelString path = root + "/config/HttpProtocol.ini";
+    auto port = ReadIni(http, path, "HttpProtocol", "Port");
+    if (!port) return port.Error();
+    if (*port == "0") return KelError{1, path + ": Port is 0, any free one; name the agent with --url"};
+    KelString address;
+    http.GetEntryValue("HttpProtocol", "Address", address, target.ownAddress);
+    if (address.empty()) address = target.ownAddress;
+    if (address.empty() || address == kAnyAddress) address = "127.0.0.1";
+    target.address = address + ":" + *port;
+    return target;
+}
+
+KelResult<Target> FromUrl(const CommonOptions& options) {
+    UrlInet url;
+    if (!UrlParseInet(options.url, url) || url.scheme != "http" || url.host.empty() || url.port == 0)
+        return KelError{1, "'" + options.url + "' is no http://HOST:PORT"};
+    auto password = ReadPasswordFile(options.passwordFile);
+    if (!password) return password.Error();
+    return Target{url.host + ":" + std::to_string(url.port), {}, options.user, *password};
+}
+
+}  // namespace
+
+KelResult<KelString> ReadPasswordFile(const KelString& path) {
+    auto text = FileReadText(path, kMaxPasswordFileBytes);
+    if (!text) return text.Error();
+    KelString line = text->substr(0, text->find_first_of("\r\n"));
+    if (line.empty()) return KelError{1, path + ": its first line, the password, is empty"};
+    return line;
+}
+
+KelResult<Remote> Remote::Open(const CommonOptions& options) {
+    auto target = options.root.empty() ? FromUrl(options) : FromRoot(options.root);
+    if (!target) return target.Error();
+    KelAgentSettings settings;
+    settings.name = target->user;
+    settings.httpPassword = target->password;
+    settings.address = target->ownAddress;
+    settings.debugContext = MakeDebugContext({}, 0, 0, false, KelDebugLevel::None);
+    KelAgentConfigure(std::move(settings));
+    return Remote(UrlForAgent(target->user, target->password, target->address), target->address,
+                  options.timeoutSeconds);
+}
+
+unsigned int Remote::Call(const KelString& action, KelContainer& container, int timeoutSeconds) const {
+    const unsigned int result =
+        ActionDbInvokeContainer("kel", deviceUrl_, action, container, 0, -1,
+                                timeoutSeconds > 0 ? timeoutSeconds : timeoutSeconds_, nullptr);
+    if (result == kKelOk) return result;
+    KelString text;
+    switch (result) {
+        case kKelErrorUnreachable:
+            text = "no answer; does the agent run there?";
+            break;
+        case kKelErrorCredentials:
+            text = "the agent refuses the credentials";
+            break;
+        case kKelErrorUnknownAction:
+            text = "the agent has no such action";
+            break;
+        case kKelErrorBadInput:
+            text = "missing or unusable input; the agent's log names it";
+            break;
+        default:
+            text = "result " + std::to_string(result);
+    }
+    const KelString message = container.GetString("Message");
+    if (!message.empty()) text += ": " + Printable(message);
+    std::fprintf(stderr, "kel: %s on %s: %s\n", action.c_str(), address_.c_str(), text.c_str());
+    return result;
+}
+
+int ExitCodeOf(unsigned int result) {
+    if (result == kKelOk) return kExitDone;
+    return result == kKelErrorUnreachable ? kExitUnreachable : kExitFailed;
+}

@@ -1,0 +1,36 @@
+#pragma once
+
+#include "cli/options.h"
+#include "kel/container.h"
+#include "kel/result.h"
+#include "kel/types.h"
+
+/// The agent that the command line talks to. One thread at a time.
+class Remote {
+  public:
+    /// Takes address and credentials from the options: from the ini files beneath --root, whose own address
+    /// the connection is then bound to, so that the agent takes the caller for a local one; or from --url,
+    /// --user and --password-file.
+    static KelResult<Remote> Open(const CommonOptions& options);
+
+    /// Calls an action; the container carries arguments in and results out. 0, or the action's code, or one
+    /// of kelcore/error_codes.h. Prints to stderr what went wrong. `timeoutSeconds` 0: as in the options.
+    unsigned int Call(const KelString& action, KelContainer& container, int timeoutSeconds = 0) const;
+
+    /// Where the agent is, without credentials.
+    const KelString& Address() const { return address_; }
+
+  private:
+    Remote(KelString deviceUrl, KelString address, int timeoutSeconds)
+        : deviceUrl_(std::move(deviceUrl)), address_(std::move(address)), timeoutSeconds_(timeoutSeconds) {}
+
+    KelString deviceUrl_;  ///< with credentials
+    KelString address_;
+    int timeoutSeconds_;
+};
+
+/// The exit code for the result of a call.
+int ExitCodeOf(unsigned int result);
+
+/// The first line of a file, as the password; an error when it is empty or the file cannot be read.
+KelResult<KelString> ReadPasswordFile(const KelString& path);
