@@ -151,7 +151,7 @@ UniqueFd FileOpenBeneath(const KelString& root, const KelString& relativePath, i
     open_how how{};
     how.flags = static_cast<unsigned int>(flags | O_CLOEXEC);
     if ((flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE) how.mode = mode;
-    how.resolve = RESOLVE_BENEATH | RESOLVE_NO_MAGICLINKS;
+    how.resolve = RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS;
     // The kernel gives up with EAGAIN when a rename elsewhere crosses its walk.
     for (int attempt = 0;; ++attempt) {
         const long fd = ::syscall(SYS_openat2, folder.Get(), relativePath.c_str(), &how, sizeof how);

@@ -38,8 +38,8 @@ bool FileSync(const KelString& path);
 /// A new empty file in `folder` (the system's folder for temporary files when empty), mode 0600; sets `path`.
 UniqueFd FileCreateTemp(const KelString& folder, KelString& path);
 
-/// Opens `relativePath` strictly beneath `root`: "..", absolute names, and links that leave the root are
-/// refused by the kernel (openat2, RESOLVE_BENEATH | RESOLVE_NO_MAGICLINKS). `flags` and `mode` as for
-/// open(2); O_CLOEXEC is added. An invalid descriptor with errno set on failure.
+/// Opens `relativePath` strictly beneath `root`: "..", absolute names, and symbolic links beneath the root
+/// are refused by the kernel (openat2, RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS): a name is checked, not what a
+/// link makes of it. `flags` and `mode` as for open(2); O_CLOEXEC is added. An invalid descriptor with errno set on failure.
 UniqueFd FileOpenBeneath(const KelString& root, const KelString& relativePath, int flags,
                          unsigned int mode = 0644);

@@ -185,13 +185,22 @@ bool IniFile::GetEntryValue(const KelString& section, const KelString& key, KelS
 
 KelVector<KelString> IniFile::GetKeys(const KelString& section) const {
     KelVector<KelString> keys;
-    if (!content_) return keys;
-    KelHash<KelString, bool> seen;
-    content_->ForEachEntry(section, [&](std::size_t i) {
-        if (seen.emplace(ToLowerText(content_->lines[i].name), true).second)
-            keys.push_back(content_->lines[i].name);
-    });
+    for (auto& [key, value] : GetEntries(section))
+        keys.push_back(std::move(key));
     return keys;
+}
+
+KelVector<std::pair<KelString, KelString>> IniFile::GetEntries(const KelString& section) const {
+    KelVector<std::pair<KelString, KelString>> entries;
+    if (!content_) return entries;
+    KelHash<KelString, std::size_t> seen;
+    content_->ForEachEntry(section, [&](std::size_t i) {
+        const auto& line = content_->lines[i];
+        const auto [place, isNew] = seen.emplace(ToLowerText(line.name), entries.size());
+        if (isNew) entries.emplace_back(line.name, line.value);
+        entries[place->second].second = line.value;  // the last one counts
+    });
+    return entries;
 }
 
 KelStatus IniFile::WriteEntryValue(const KelString& section, const KelString& key, const KelString& value) {

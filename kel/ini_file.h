@@ -1,6 +1,7 @@
 #pragma once
 
 #include <memory>
+#include <utility>
 
 #include "kel/result.h"
 #include "kel/types.h"
@@ -32,6 +33,9 @@ class IniFile {
 
     /// The keys of a section in the order of the file; empty when there is no such section.
     KelVector<KelString> GetKeys(const KelString& section) const;
+
+    /// Keys and values of a section in the order of GetKeys: one pass, for sections with many entries.
+    KelVector<std::pair<KelString, KelString>> GetEntries(const KelString& section) const;
 
     /// Sets a value and writes the file at once (temporary file, sync, rename; mode of the old file kept).
     KelStatus WriteEntryValue(const KelString& section, const KelString& key, const KelString& value);

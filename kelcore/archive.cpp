@@ -41,6 +41,20 @@ KelString TextOf(int code) {
 
 }  // namespace
 
+std::optional<KelVector<KelString>> ListArchiveEntries(const KelString& path) {
+    const std::unique_ptr<zip, void (*)(zip*)> archive(zip_open(path.c_str(), ZIP_RDONLY, nullptr),
+                                                       zip_discard);
+    if (!archive) return std::nullopt;
+    KelVector<KelString> names;
+    const zip_int64_t count = zip_get_num_entries(archive.get(), 0);
+    for (zip_int64_t i = 0; i < count; ++i) {
+        const char* name = zip_get_name(archive.get(), static_cast<zip_uint64_t>(i), ZIP_FL_ENC_RAW);
+        if (name == nullptr) return std::nullopt;
+        names.emplace_back(name);
+    }
+    return names;
+}
+
 void GenericArchive::Discard::operator()(zip* archive) const {
     zip_discard(archive);
 }

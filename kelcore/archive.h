@@ -2,6 +2,7 @@
 
 #include <functional>
 #include <memory>
+#include <optional>
 
 #include "kel/types.h"
 
@@ -18,6 +19,10 @@ inline constexpr unsigned int kArchiveNotWritten = 5;  ///< the archive could no
 inline constexpr unsigned int kArchiveCancelled = 6;   ///< a progress callback asked to stop
 
 inline constexpr int kArchiveZip = 1;  ///< the kind of archive: ZIP with Zip64 (ISO/IEC 21320-1)
+
+/// The names of the entries of the archive at `path`, in their order; nothing when it cannot be read. From
+/// any thread.
+std::optional<KelVector<KelString>> ListArchiveEntries(const KelString& path);
 
 /// Writes an archive file, new or existing. Entries come in the order in which they were added, behind those
 /// that the archive had. Until Close returns kArchiveDone the file at the archive's path is as it was; an

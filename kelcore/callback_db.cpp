@@ -11,6 +11,9 @@
 
 namespace {
 
+/// From here on codes are a module's own: often an answer, such as a consumer's that it took a file.
+constexpr unsigned int kFirstModuleCode = 44000;
+
 struct Subscription {
     KelString signature;
     KelString filter;
@@ -91,7 +94,11 @@ unsigned int CallbackDbTrigger(const KelString& eventName, const KelContainer& a
         const unsigned int code = ActionDbInvokeLocal(action, own);
         codes.SetInt32(action, static_cast<std::int32_t>(code));
         if (code == 0) continue;
-        CoreLog().Warning("Event %S: action %S failed, error %u.\n", eventName, action, code);
+        if (code < kFirstModuleCode) {
+            CoreLog().Warning("Event %S: action %S failed, error %u.\n", eventName, action, code);
+        } else {
+            CoreLog().Detail("Event %S: action %S answered %u.\n", eventName, action, code);
+        }
         if (firstFailure == 0) firstFailure = code;
     }
     results = std::move(codes);

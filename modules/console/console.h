@@ -1,26 +1,36 @@
 #pragma once
 
-#include <unordered_set>
-
 #include "kel/container.h"
-#include "kel/mutex.h"
 #include "kelcore/module.h"
-#include "modules/console/device.h"
+#include "modules/console/console_database.h"
+#include "modules/console/device_directory.h"
+#include "modules/console/device_store.h"
 #include "modules/console/publication.h"
+#include "modules/console/publication_store.h"
+#include "modules/console/upstream_intake.h"
 
-/// The console module of the master: knows the devices of the tree and publishes files to them. Its ini file
-/// is read again at every use. Actions:
+/// The console module of the master: knows the devices of the tree, publishes files to them and follows what
+/// becomes of the publications. Actions:
 ///
-/// - ConsoleListDevices -> Values[i]{GUID, Name, Role, Address, Parent, PathName}, the master first
-/// - ConsolePublish (FilePath, FileType, FileLabel; optional FileName, Device[i] (GUID or name, or one
-/// "all"),
-///   Priority, Bypass, WakeOnLan, KeepCopy, FileInfo) -> PublicationId, FileChecksum, FileSize (int64,
-///   bytes), Targets (int32). A call from another device is refused, for it names a file of this one.
+/// - ConsoleListDevices -> Values[i]{GUID, Name, Role, Address, Parent, PathName, FirstSeen, LastSeen (int64,
+///   seconds since the epoch, 0 for never)}, the master first
+/// - ConsolePublish (FilePath, FileType, FileLabel; optional FileName, Device[i] (GUID or name, or one "all"
+/// or
+///   "none"), Priority, Bypass, WakeOnLan, KeepCopy, FileInfo) -> PublicationId, FileChecksum, FileSize
+///   (int64, bytes), Targets, LeftOut (int32: devices that "all" could not reach). A call from another device
+///   is refused, for it names a file of this one.
+/// - ConsoleListPublications (optional PublicationId) -> Values[i]{PublicationId, FileType, FileLabel,
+///   FileName, FileChecksum, FileSize, CreateTime (int64), Priority, Targets, Delivered, Failed, Pending
+///   (int32)}, the latest first, and for one publication Devices[i]{GUID, Name, Status, Time (int64),
+///   Message}
+/// - ConsoleReceiveUpstream: subscribed to the event FileStoreCallbackCopyUpstream; see UpstreamIntake. Only
+/// for
+///   this device.
 /// - QuarnelDbObjectListTypes -> Types[i]; QuarnelDbRunScript: not available here. Other modules tell a
-/// master by them.
+///   master by them.
 ///
-/// Results: 0; 1 for an unusable input; 17 not available; 18 when a file or folder cannot be written; what
-/// the file store answers. Every result but 0 comes with a text Message.
+/// Results: 0; 1 for an unusable input; 17 not available; 18 when a file, folder or the database cannot be
+/// written; what the file store answers. Every result but 0 comes with a text Message.
 class Console : public KelModule {
   public:
     Console();
@@ -29,18 +39,24 @@ class Console : public KelModule {
     void Register(const char* handle) override;
     bool Initialise() override;
     void Activate() override;
+    void Cleanup() override;
+    void Unregister() override;
 
   private:
     unsigned int ListDevices(KelContainer* arguments);
+    unsigned int ListPublications(KelContainer* arguments);
     unsigned int Publish(KelContainer* arguments);
+    unsigned int ReceiveUpstream(KelContainer* arguments);
     unsigned int Fail(KelContainer* arguments, const KelError& error);
 
-    KelResult<Device> ReadMaster() const;
-    KelResult<KelVector<Device>> ReadTree();
-    bool IsCallerTrusted(const KelContainer& arguments) const;
+    KelResult<PublicationPlan> Plan(const PublicationRequest& request);
     KelResult<KelContainer> PublishFile(const PublicationRequest& request);
-    void LogProblemsOnce(const KelVector<KelString>& problems);
+    KelStatus Offer(const PublicationRequest& request, const PackageFile& file, const PublicationPlan& plan);
+    KelResult<KelContainer> ReadTargets(const KelString& id);
 
-    KelMutex mutex_;
-    std::unordered_set<KelString> loggedProblems_ KEL_GUARDED_BY(mutex_);  ///< of the present ini file
+    ConsoleDatabase database_;
+    DeviceStore deviceStore_;
+    PublicationStore publications_;
+    DeviceDirectory directory_;
+    UpstreamIntake intake_;
 };

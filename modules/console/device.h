@@ -1,5 +1,7 @@
 #pragma once
 
+#include <cstdint>
+
 #include "kel/types.h"
 
 /// A device of the tree.
@@ -10,4 +12,8 @@ struct Device {
     KelString address;     ///< host:port
     KelString parentGuid;  ///< empty for the master
     KelString pathName;    ///< host:port/GUID/MAC/IP/mask
+    // When the first and the latest sign of life came, seconds since the epoch by the master's clock; 0:
+    // never.
+    std::int64_t firstSeen = 0;
+    std::int64_t lastSeen = 0;
 };

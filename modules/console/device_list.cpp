@@ -1,7 +1,5 @@
 #include "modules/console/device_list.h"
 
-#include <optional>
-
 #include "kel/format.h"
 #include "kel/ip_address.h"
 #include "kel/regex.h"
@@ -10,6 +8,7 @@
 namespace {
 
 constexpr char kSection[] = "Devices";
+constexpr std::size_t kMaxNameBytes = 253;
 constexpr char kGuidPattern[] = "[0-9A-F]{8}-(?:[0-9A-F]{4}-){3}[0-9A-F]{12}";
 
 KelVector<KelString> Words(const KelString& text) {
@@ -20,12 +19,17 @@ KelVector<KelString> Words(const KelString& text) {
     return words;
 }
 
-bool IsGuid(const KelString& text) {
+}  // namespace
+
+bool IsDeviceGuid(const KelString& text) {
     KelVector<KelString> captures;
     return FindPcre(KelFormat("\\A%s\\z", kGuidPattern), text, captures);
 }
 
-}  // namespace
+bool IsDeviceName(const KelString& text) {
+    return !text.empty() && text.size() <= kMaxNameBytes && !HasControlCharacter(text) &&
+           text.find_first_of("'/") == KelString::npos;
+}
 
 KelStatus ParsePathName(const KelString& pathName, Device& device) {
     static const KelString pattern = KelFormat(
@@ -61,7 +65,7 @@ KelResult<Device> ParseDeviceEntry(const KelString& key, const KelString& value)
     if (!IsEqualTo(device.guid, key, false)) {
         return KelError{1, KelFormat("Device %S: its path name holds another GUID, %S", key, device.guid)};
     }
-    if (!IsGuid(words[1]) || words[1] == device.guid) {
+    if (!IsDeviceGuid(words[1]) || words[1] == device.guid) {
         return KelError{
             1, KelFormat("Device %S: the parent \"%S\" is no GUID of another device", key, words[1])};
     }
@@ -72,17 +76,18 @@ KelResult<Device> ParseDeviceEntry(const KelString& key, const KelString& value)
     device.parentGuid = words[1];
     device.role = words[2];
     device.name = words.size() == 4 ? words[3] : device.address.substr(0, device.address.find(':'));
-    if (HasControlCharacter(device.name) || device.name.find('\'') != KelString::npos) {
-        return KelError{1, KelFormat("Device %S: its name holds an apostrophe or a control character", key)};
+    if (!IsDeviceName(device.name)) {
+        return KelError{
+            1, KelFormat("Device %S: its name is over-long or holds an apostrophe, a slash or a control "
+                         "character",
+                         key)};
     }
     return device;
 }
 
 KelVector<Device> ReadDevices(const IniFile& ini, KelVector<KelString>& problems) {
     KelVector<Device> devices;
-    for (const KelString& key : ini.GetKeys(kSection)) {
-        KelString value;
-        ini.GetEntryValue(kSection, key, value, KelString());
+    for (const auto& [key, value] : ini.GetEntries(kSection)) {
         auto device = ParseDeviceEntry(key, value);
         if (device) {
             devices.push_back(std::move(*device));
@@ -93,17 +98,21 @@ KelVector<Device> ReadDevices(const IniFile& ini, KelVector<KelString>& problems
     return devices;
 }
 
-KelResult<std::size_t> FindDevice(const KelVector<Device>& devices, const KelString& guidOrName) {
-    std::optional<std::size_t> found;
+DeviceIndex::DeviceIndex(const KelVector<Device>& devices) {
     for (std::size_t i = 0; i < devices.size(); ++i) {
-        if (IsEqualTo(devices[i].guid, guidOrName, false)) return i;
-        if (!IsEqualTo(devices[i].name, guidOrName, false)) continue;
-        if (found) {
-            return KelError{
-                1, KelFormat("The name \"%S\" belongs to several devices; give the GUID", guidOrName)};
-        }
-        found = i;
+        guids_.emplace(ToLowerText(devices[i].guid), i);
+        names_[ToLowerText(devices[i].name)].push_back(i);
     }
-    if (!found) return KelError{1, KelFormat("There is no device \"%S\"", guidOrName)};
-    return *found;
+}
+
+KelResult<std::size_t> DeviceIndex::Find(const KelString& guidOrName) const {
+    const KelString key = ToLowerText(guidOrName);
+    if (const auto found = guids_.find(key); found != guids_.end()) return found->second;
+    const auto found = names_.find(key);
+    if (found == names_.end()) return KelError{1, KelFormat("There is no device \"%S\"", guidOrName)};
+    if (found->second.size() > 1) {
+        return KelError{1,
+                        KelFormat("The name \"%S\" belongs to several devices; give the GUID", guidOrName)};
+    }
+    return found->second.front();
 }

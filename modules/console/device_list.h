@@ -17,6 +17,23 @@ KelResult<Device> ParseDeviceEntry(const KelString& key, const KelString& value)
 /// left out, each with a text in `problems` that says why.
 KelVector<Device> ReadDevices(const IniFile& ini, KelVector<KelString>& problems);
 
-/// The index in `devices` of the one with this GUID (any case) or name. Unknown and ambiguous names are
-/// errors that name them.
-KelResult<std::size_t> FindDevice(const KelVector<Device>& devices, const KelString& guidOrName);
+/// True for an upper-case GUID.
+bool IsDeviceGuid(const KelString& text);
+
+/// True for a text that can name a device: 1 to 253 bytes without control characters, apostrophes and
+/// slashes.
+bool IsDeviceName(const KelString& text);
+
+/// Finds devices by GUID or name (any case) in a list that must outlive it unchanged. One thread at a time.
+class DeviceIndex {
+  public:
+    explicit DeviceIndex(const KelVector<Device>& devices);
+
+    /// The index in the list of the device with this GUID or name. Unknown and ambiguous names are errors
+    /// that name them.
+    KelResult<std::size_t> Find(const KelString& guidOrName) const;
+
+  private:
+    KelHash<KelString, std::size_t> guids_;
+    KelHash<KelString, KelVector<std::size_t>> names_;
+};

@@ -89,3 +89,14 @@ KelResult<KelContainer> BuildDevicePath(const KelVector<Device>& devices,
     path.SetContainer(devices[kMaster].pathName, tree.Below(kMaster));
     return path;
 }
+
+KelVector<KelString> RemoveUnreachable(const KelVector<Device>& devices, KelVector<std::size_t>& targets) {
+    TargetTree tree(devices);
+    KelVector<KelString> problems;
+    std::erase_if(targets, [&](std::size_t target) {
+        const KelStatus added = tree.AddTarget(target);
+        if (!added) problems.push_back(added.Error().message);
+        return !added;
+    });
+    return problems;
+}

@@ -20,5 +20,8 @@
 KelResult<KelContainer> BuildDevicePath(const KelVector<Device>& devices,
                                         const KelVector<std::size_t>& targets);
 
+/// Removes from `targets` the devices that would make BuildDevicePath fail; returns why, one text for each.
+KelVector<KelString> RemoveUnreachable(const KelVector<Device>& devices, KelVector<std::size_t>& targets);
+
 /// Levels of a tree, the master's included: what a container that travels inside another one can hold.
 inline constexpr std::size_t kMaxTreeLevels = 48;

@@ -5,10 +5,16 @@
 #include "kel/path.h"
 #include "kel/text.h"
 #include "modules/console/device_list.h"
+#include "modules/console/device_tree.h"
 
 namespace {
 
 constexpr char kAllDevices[] = "all";
+constexpr char kNoDevice[] = "none";
+
+bool IsOnly(const KelVector<KelString>& wanted, const char* word) {
+    return wanted.size() == 1 && wanted.front() == word;
+}
 
 KelStatus CheckKeyPart(const char* valueName, const KelString& value) {
     if (IsSafePathElement(value)) return {};
@@ -38,7 +44,8 @@ KelStatus CheckRequest(const PublicationRequest& request) {
     if (KelStatus checked = CheckType(request.fileType); !checked) return checked;
     if (KelStatus checked = CheckKeyPart("FileLabel", request.fileLabel); !checked) return checked;
     if (KelStatus checked = CheckKeyPart("FileName", request.fileName); !checked) return checked;
-    if (request.devices.empty()) return KelError{1, "Device is missing; name devices, or one \"all\""};
+    if (request.devices.empty())
+        return KelError{1, "Device is missing; name devices, or one \"all\" or \"none\""};
     if (request.priority < 0) return KelError{1, KelFormat("Priority %d is negative", request.priority)};
     return {};
 }
@@ -68,21 +75,24 @@ KelResult<PublicationRequest> ReadPublicationRequest(const KelContainer& argumen
 }
 
 KelResult<KelVector<std::size_t>> ChooseTargets(const KelVector<Device>& devices,
-                                                const KelVector<KelString>& wanted) {
+                                                const KelVector<KelString>& wanted,
+                                                KelVector<KelString>& leftOut) {
     KelVector<std::size_t> targets;
-    if (wanted.size() == 1 && wanted.front() == kAllDevices) {
+    if (IsOnly(wanted, kNoDevice)) return targets;
+    if (IsOnly(wanted, kAllDevices)) {
         for (std::size_t i = 1; i < devices.size(); ++i)
             targets.push_back(i);
-        if (targets.empty())
-            return KelError{1, "There is no device but the master; list devices in Console.ini"};
-        return targets;
+        leftOut = RemoveUnreachable(devices, targets);
+        if (!targets.empty()) return targets;
+        return KelError{1, leftOut.empty() ? "There is no device but the master yet" : leftOut.front()};
     }
+    const DeviceIndex index(devices);
     KelVector<bool> chosen(devices.size());
     for (const KelString& name : wanted) {
-        const auto index = FindDevice(devices, name);
-        if (!index) return index.Error();
-        if (!chosen[*index]) targets.push_back(*index);
-        chosen[*index] = true;
+        const auto found = index.Find(name);
+        if (!found) return found.Error();
+        if (!chosen[*found]) targets.push_back(*found);
+        chosen[*found] = true;
     }
     return targets;
 }
@@ -102,6 +112,6 @@ KelContainer OfferFor(const PublicationRequest& request, const PackageFile& file
     offer.SetBool("WakeOnLan", request.wakeOnLan);
     offer.SetInt32("KeepCopy", request.keepCopy);
     offer.SetContainer("FileInfo", request.fileInfo);
-    offer.SetContainer("DevicePath", std::move(devicePath));
+    if (!devicePath.IsEmpty()) offer.SetContainer("DevicePath", std::move(devicePath));
     return offer;
 }

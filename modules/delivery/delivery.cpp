@@ -1,10 +1,13 @@
 #include "modules/delivery/delivery.h"
 
+#include <algorithm>
+#include <ctime>
 #include <system_error>
 
 #include "kel/file.h"
 #include "kel/path.h"
 #include "kelcore/action_db.h"
+#include "kelcore/call_origin.h"
 #include "kelcore/callback_db.h"
 #include "kelcore/error_codes.h"
 #include "modules/delivery/command_line.h"
@@ -15,28 +18,59 @@ constexpr char kReceiveSignature[] =
     "DeliveryReceiveFile (string FileType, string FileLabel, string FileName, string FileChecksum, string "
     "FilePath)";
 constexpr char kReceivedEvent[] = "FileStoreCallbackReceivedFile";
-constexpr unsigned int kNotReady = 44001;  ///< the file store offers the file again
+constexpr char kCollectSignature[] =
+    "DeliveryCollect (string FileType, string FileLabel, string FileName, string FileChecksum, string "
+    "SourceDevice, string FilePath)";
+constexpr char kUpstreamEvent[] = "FileStoreCallbackCopyUpstream";
+constexpr unsigned int kNotReady = 44001;   ///< the file store offers the file again
+constexpr unsigned int kStaysHere = 44003;  ///< the file store keeps the file and sends it nowhere
 constexpr std::size_t kMaxOutputLines = 1000;
+constexpr int kMaxReceiptFailures = 10;  ///< in one go
+
+/// What is wrong with how a program ended, empty when nothing is.
+KelString ProblemOf(const ProgramResult& result) {
+    switch (result.end) {
+        case ProgramResult::End::NotStarted:
+            return "could not be started: " + std::generic_category().message(result.code);
+        case ProgramResult::End::Exited:
+            return result.code == 0 ? KelString() : KelFormat("failed with exit code %d", result.code);
+        case ProgramResult::End::Killed:
+            return KelFormat("was ended by signal %d", result.code);
+        case ProgramResult::End::TimedOut:
+            return "took too long and was ended";
+        case ProgramResult::End::Cancelled:
+            break;
+    }
+    return "was ended because the agent stops; it runs again at the next start";
+}
 
 }  // namespace
 
 Delivery::Delivery()
-    : KelModule("Delivery", "Delivery module"), jobs_(Log()), thread_([this] { return WorkOnJobs(); }) {}
+    : KelModule("Delivery", "Delivery module"),
+      jobs_(Log()),
+      receipts_(Log()),
+      thread_([this] { return WorkOnJobs(); }),
+      receiptThread_([this] { return SendReceipts(); }) {}
 
 Delivery::~Delivery() {
-    thread_.Cancel(0, true);
+    Cleanup();
 }
 
 void Delivery::Register(const char* handle) {
-    ActionDbRegisterAction(
-        kReceiveSignature, [this](KelContainer* arguments) { return ReceiveFile(arguments); }, handle);
-    ActionDbRegisterAction(
-        "DeliveryListFiles ()", [this](KelContainer* arguments) { return ListFiles(arguments); }, handle);
+    const auto bind = [this](unsigned int (Delivery::*handler)(KelContainer*)) {
+        return [this, handler](KelContainer* arguments) { return (this->*handler)(arguments); };
+    };
+    ActionDbRegisterAction(kReceiveSignature, bind(&Delivery::ReceiveFile), handle);
+    ActionDbRegisterAction("DeliveryListFiles ()", bind(&Delivery::ListFiles), handle);
+    ActionDbRegisterAction(kCollectSignature, bind(&Delivery::Collect), handle);
+    ActionDbRegisterAction("DeliveryListCollected ()", bind(&Delivery::ListCollected), handle);
     CallbackDbRegisterAction(kReceivedEvent, kReceiveSignature, {}, 0);
 }
 
 void Delivery::Unregister() {
     CallbackDbDeleteAction(kReceivedEvent, kReceiveSignature, {});
+    CallbackDbDeleteAction(kUpstreamEvent, kCollectSignature, {});
 }
 
 bool Delivery::Initialise() {
@@ -59,6 +93,11 @@ bool Delivery::Initialise() {
         }
         commands_[type] = *command;
     }
+    receipts_.SetFolder(DataPath() + "/Outgoing");
+    collected_.SetRoot(DataPath() + "/Collected");
+    // Every module has registered by now: this one tells a master.
+    if (ActionDbIsActionRegistered("QuarnelDbObjectListTypes"))
+        CallbackDbRegisterAction(kUpstreamEvent, kCollectSignature, {}, 0);
     if (jobs_.Load(DataPath() + "/Pending")) return true;
     Log().Error("The folder %S/Pending cannot be created; check its rights\n", DataPath());
     return false;
@@ -66,24 +105,48 @@ bool Delivery::Initialise() {
 
 void Delivery::Activate() {
     thread_.Start();
+    receiptThread_.Start();
 }
 
 void Delivery::Cleanup() {
+    thread_.Cancel(0, false);
+    receiptThread_.Cancel(0, true);
     thread_.Cancel(0, true);
 }
 
-unsigned int Delivery::ReceiveFile(KelContainer* arguments) {
-    const bool isRemote = arguments->Has("HttpProtocolRequestInfo");
-    const auto file = ReadReceivedFile(*arguments);
+unsigned int Delivery::Refuse(KelContainer* arguments, const KelString& reason) {
+    Log().Warning("A file was refused: %S\n", reason);
     arguments->Clear();
-    if (isRemote || !file) {
-        const KelString reason =
-            isRemote ? KelString("another device may not name local files") : file.Error().message;
-        Log().Warning("A delivery was refused: %S\n", reason);
-        arguments->SetString("Message", reason);
-        return kKelErrorBadInput;
-    }
+    arguments->SetString("Message", reason);
+    return kKelErrorBadInput;
+}
+
+unsigned int Delivery::ReceiveFile(KelContainer* arguments) {
+    if (!ActionIsFromThisDevice(*arguments))
+        return Refuse(arguments, "another device may not name local files");
+    const auto file = ReadReceivedFile(*arguments);
+    if (!file) return Refuse(arguments, file.Error().message);
+    arguments->Clear();
     return Take(*file);
+}
+
+unsigned int Delivery::Collect(KelContainer* arguments) {
+    if (!ActionIsFromThisDevice(*arguments))
+        return Refuse(arguments, "another device may not name local files");
+    const auto file = ReadReceivedFile(*arguments);
+    if (!file) return Refuse(arguments, file.Error().message);
+    const KelString device = arguments->GetString("SourceDevice");
+    arguments->Clear();
+    if (!CollectedFiles::IsToBeCollected(file->type)) return kStaysHere;
+    const KelLock lock(mutexCopy_);
+    const auto isNew = collected_.Put(device, *file);
+    if (!isNew) {
+        LogCopyFailure(isNew.Error().message);
+        return kNotReady;
+    }
+    copyFailure_.clear();
+    if (*isNew) Log().Print("Collected %S/%S/%S from %S\n", file->type, file->label, file->name, device);
+    return kStaysHere;
 }
 
 unsigned int Delivery::Take(const ReceivedFile& file) {
@@ -93,25 +156,24 @@ unsigned int Delivery::Take(const ReceivedFile& file) {
         const KelLock lock(mutexCopy_);
         if (inbox_.Holds(file)) {
             Log().Detail("%S is in place already\n", destination);
+            jobs_.EndOtherJobFor(file, destination);
             return kKelOk;
         }
-        // Kept before the copy, so that a stop in between does not lose the command.
-        const std::uint64_t job = hasCommand ? jobs_.Add(file, destination) : 0;
+        // Kept before the copy, so that a stop in between loses neither the command nor the receipt.
+        const std::uint64_t job = jobs_.Add(
+            file, destination, std::max<std::int64_t>(0, FileGetSize64(file.sourcePath)), std::time(nullptr));
         if (const KelStatus copied = inbox_.Put(file); !copied) {
             LogCopyFailure(copied.Error().message);
-            if (job == 0) jobs_.Add(file, destination);
             thread_.Signal(0);
             return kNotReady;
         }
         copyFailure_.clear();
-        if (hasCommand) {
-            jobs_.SetCopied(job);
-        } else {
-            jobs_.RemoveFor(destination);
-        }
+        jobs_.SetCopied(job);
+        // Not kept: after a restart the file in its place tells the same.
+        if (!hasCommand) jobs_.SetOutcome(job, DeliveryOutcome::Delivered, {}, false);
     }
     Log().Print("Delivered %S/%S/%S to %S\n", file.type, file.label, file.name, destination);
-    if (hasCommand) thread_.Signal(0);
+    (hasCommand ? thread_ : receiptThread_).Signal(0);
     return kKelOk;
 }
 
@@ -123,26 +185,47 @@ void Delivery::LogCopyFailure(const KelString& message) {
 
 bool Delivery::WorkOnJobs() {
     bool isWorkLeft = false;
-    for (const DeliveryJob& job : jobs_.List()) {
-        switch (WorkOnJob(job)) {
-            case JobOutcome::Done:
-                jobs_.Remove(job.id);
-                break;
-            case JobOutcome::Later:
-                isWorkLeft = true;
-                break;
-            case JobOutcome::Cancelled:
-                return true;
-        }
+    for (const DeliveryJob& job : jobs_.List(true)) {
+        const JobOutcome outcome = WorkOnJob(job);
+        if (outcome == JobOutcome::Cancelled) return true;
+        if (outcome == JobOutcome::Later) isWorkLeft = true;
     }
     return isWorkLeft;
+}
+
+bool Delivery::SendReceipts() {
+    int failures = 0;
+    for (const DeliveryJob& job : jobs_.List(false)) {
+        if (receiptThread_.CheckCancelled(false) || failures == kMaxReceiptFailures) return true;
+        if (receipts_.Send(job)) {
+            jobs_.Remove(job.id);
+        } else {
+            ++failures;
+        }
+    }
+    return failures > 0;
+}
+
+void Delivery::Conclude(const DeliveryJob& job, DeliveryOutcome outcome, const KelString& message) {
+    jobs_.SetOutcome(job.id, outcome, message, true);
+    receiptThread_.Signal(0);
 }
 
 Delivery::JobOutcome Delivery::WorkOnJob(const DeliveryJob& job) {
     if (thread_.CheckCancelled(false)) return JobOutcome::Cancelled;
     if (const JobOutcome outcome = BringIntoPlace(job); outcome != JobOutcome::Done) return outcome;
+    if (!jobs_.IsOpen(job.id)) return JobOutcome::Done;
     const auto command = CommandOf(job.file.type);
-    if (command.empty() || !inbox_.Holds(job.file)) return JobOutcome::Done;
+    if (command.empty()) {
+        Conclude(job, DeliveryOutcome::Delivered);
+        return JobOutcome::Done;
+    }
+    if (!inbox_.Holds(job.file)) {
+        Log().Error("%S does not run for %S, which was changed or removed\n", command.front(),
+                    job.destination);
+        Conclude(job, DeliveryOutcome::Failed, "The file was changed or removed before its command ran");
+        return JobOutcome::Done;
+    }
     return RunCommand(job, command);
 }
 
@@ -150,10 +233,11 @@ Delivery::JobOutcome Delivery::WorkOnJob(const DeliveryJob& job) {
 /// content took its place, or the source is gone.
 Delivery::JobOutcome Delivery::BringIntoPlace(const DeliveryJob& job) {
     const KelLock lock(mutexCopy_);
-    if (!jobs_.Contains(job.id) || job.isCopied || inbox_.Holds(job.file)) return JobOutcome::Done;
+    if (!jobs_.IsOpen(job.id) || job.isCopied || inbox_.Holds(job.file)) return JobOutcome::Done;
     if (!FileExists(job.file.sourcePath)) {
         Log().Error("%S was not delivered to %S: the file store has it no more; publish it again\n",
                     job.file.sourcePath, job.destination);
+        Conclude(job, DeliveryOutcome::Failed, "The file store had it no more when it was to be copied");
         return JobOutcome::Done;
     }
     if (const KelStatus copied = inbox_.Put(job.file); !copied) {
@@ -182,27 +266,19 @@ Delivery::JobOutcome Delivery::RunCommand(const DeliveryJob& job, const KelVecto
     if (lines > kMaxOutputLines) {
         Log().Warning("%S: %lu more lines were left out\n", command.front(), lines - kMaxOutputLines);
     }
-    LogEnd(job, command.front(), result);
-    return result.end == ProgramResult::End::Cancelled ? JobOutcome::Cancelled : JobOutcome::Done;
-}
-
-void Delivery::LogEnd(const DeliveryJob& job, const KelString& program, const ProgramResult& result) {
-    const KelString what = KelFormat("%S for %S", program, job.destination);
-    switch (result.end) {
-        case ProgramResult::End::NotStarted:
-            return Log().Error("%S could not be started: %S\n", what,
-                               std::generic_category().message(result.code));
-        case ProgramResult::End::Exited:
-            if (result.code != 0) return Log().Error("%S failed with exit code %d\n", what, result.code);
-            return Log().Print("%S is done\n", what);
-        case ProgramResult::End::Killed:
-            return Log().Error("%S was ended by signal %d\n", what, result.code);
-        case ProgramResult::End::TimedOut:
-            return Log().Error("%S took too long and was ended\n", what);
-        case ProgramResult::End::Cancelled:
-            return Log().Warning("%S was ended because the agent stops; it runs again at the next start\n",
-                                 what);
+    const KelString problem = ProblemOf(result);
+    if (result.end == ProgramResult::End::Cancelled) {
+        Log().Warning("%S for %S %S\n", command.front(), job.destination, problem);
+        return JobOutcome::Cancelled;
     }
+    if (problem.empty()) {
+        Log().Print("%S for %S is done\n", command.front(), job.destination);
+        Conclude(job, DeliveryOutcome::Delivered);
+    } else {
+        Log().Error("%S for %S %S\n", command.front(), job.destination, problem);
+        Conclude(job, DeliveryOutcome::Failed, KelFormat("%S %S", command.front(), problem));
+    }
+    return JobOutcome::Done;
 }
 
 KelVector<KelString> Delivery::CommandOf(const KelString& type) const {
@@ -222,6 +298,22 @@ unsigned int Delivery::ListFiles(KelContainer* arguments) {
         values.SetString("Path", file.path);
         values.SetInt64("Size", file.size);
         values.SetInt64("Time", file.time);
+        arguments->SetContainer("Values", std::move(values), index++);
+    }
+    return kKelOk;
+}
+
+unsigned int Delivery::ListCollected(KelContainer* arguments) {
+    arguments->Clear();
+    std::uint32_t index = 0;
+    for (const CollectedFile& file : collected_.List()) {
+        KelContainer values;
+        values.SetString("Device", file.device);
+        values.SetString("FileType", file.type);
+        values.SetString("FileLabel", file.label);
+        values.SetString("FileName", file.name);
+        values.SetString("Path", file.path);
+        values.SetInt64("Size", file.size);
         arguments->SetContainer("Values", std::move(values), index++);
     }
     return kKelOk;

@@ -4,10 +4,9 @@
 
 #include "kel/checksum.h"
 #include "kel/directory.h"
-#include "kel/file.h"
 #include "kel/format.h"
 #include "kel/path.h"
-#include "kel/text.h"
+#include "modules/delivery/stored_copy.h"
 
 namespace {
 
@@ -45,24 +44,11 @@ KelString Inbox::PathOf(const ReceivedFile& file) const {
 }
 
 bool Inbox::Holds(const ReceivedFile& file) const {
-    const KelString path = PathOf(file);
-    KelString checksum;
-    return FileExists(path) && FileMd5(path, checksum) && IsEqualTo(checksum, file.checksum, false);
+    return HoldsContent(PathOf(file), file.checksum);
 }
 
 KelStatus Inbox::Put(const ReceivedFile& file) const {
-    const KelString path = PathOf(file);
-    KelString folder;
-    KelString name;
-    SplitPath(path, folder, name);
-    if (!PathCreate(folder)) {
-        return KelError{1, KelFormat("The folder %S cannot be created; check its rights", folder)};
-    }
-    if (!FileCopy(file.sourcePath, path, false)) {
-        return KelError{
-            1, KelFormat("%S cannot be copied to %S; check free space and rights", file.sourcePath, path)};
-    }
-    return {};
+    return PlaceCopy(file.sourcePath, PathOf(file));
 }
 
 KelVector<DeliveredFile> Inbox::List() {

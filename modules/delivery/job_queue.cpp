@@ -1,6 +1,7 @@
 #include "modules/delivery/job_queue.h"
 
 #include <algorithm>
+#include <optional>
 
 #include "kel/directory.h"
 #include "kel/file.h"
@@ -17,7 +18,41 @@ KelString PaddedNumber(std::uint64_t number) {
     return KelString(20 - std::min<std::size_t>(20, digits.size()), '0') + digits;
 }
 
+std::optional<DeliveryOutcome> ParseOutcome(const KelString& text) {
+    for (const auto outcome : {DeliveryOutcome::Open, DeliveryOutcome::Delivered, DeliveryOutcome::Failed}) {
+        if (text == DeliveryOutcomeName(outcome)) return outcome;
+    }
+    return std::nullopt;
+}
+
+std::optional<DeliveryJob> ReadJob(const KelContainer& container) {
+    const auto file = ReadReceivedFile(container);
+    const auto outcome =
+        ParseOutcome(container.GetString("Outcome", DeliveryOutcomeName(DeliveryOutcome::Open)));
+    if (!file || !outcome) return std::nullopt;
+    DeliveryJob job;
+    job.file = *file;
+    job.destination = container.GetString("Destination");
+    job.size = container.GetInt64("FileSize");
+    job.time = container.GetInt64("Time");
+    job.outcome = *outcome;
+    job.message = container.GetString("Message");
+    return job;
+}
+
 }  // namespace
+
+const char* DeliveryOutcomeName(DeliveryOutcome outcome) {
+    switch (outcome) {
+        case DeliveryOutcome::Delivered:
+            return "delivered";
+        case DeliveryOutcome::Failed:
+            return "failed";
+        case DeliveryOutcome::Open:
+            break;
+    }
+    return "open";
+}
 
 KelString JobQueue::PathOf(std::uint64_t id) const {
     return folder_ + "/" + PaddedNumber(id) + kSuffix;
@@ -27,6 +62,7 @@ bool JobQueue::Load(const KelString& folder) {
     const KelLock lock(mutex_);
     folder_ = folder;
     jobs_.clear();
+    open_.clear();
     if (!PathCreate(folder)) return false;
     for (const KelString& fileName : DirList(folder))
         LoadJob(fileName);
@@ -38,61 +74,106 @@ void JobQueue::LoadJob(const KelString& fileName) {
     const auto number = ParseUint64(fileName.substr(0, fileName.find('.')));
     KelContainer container;
     const bool isLoaded = number && container.LoadFromFile(path);
-    const auto file = ReadReceivedFile(container);
-    if (!isLoaded || !file || PathOf(*number) != path) {
+    auto job = isLoaded ? ReadJob(container) : std::nullopt;
+    if (!job || PathOf(*number) != path) {
         log_.Warning("%S holds no job and is removed\n", path);
         FileDelete(path);
         return;
     }
-    jobs_.push_back({*number, *file, container.GetString("Destination"), false});
+    job->id = *number;
+    if (job->outcome == DeliveryOutcome::Open) {
+        DropOpenJobFor(job->file, job->destination);
+        open_[job->destination] = job->id;
+    }
     lastId_ = std::max(lastId_, *number);
+    jobs_[*number] = std::move(*job);
 }
 
-std::uint64_t JobQueue::Add(const ReceivedFile& file, const KelString& destination) {
-    const KelLock lock(mutex_);
-    DeliveryJob job{++lastId_, file, destination, false};
-    KelContainer container = file.ToContainer();
-    container.SetString("Destination", destination);
+void JobQueue::Keep(const DeliveryJob& job) const {
+    KelContainer container = job.file.ToContainer();
+    container.SetString("Destination", job.destination);
+    container.SetInt64("FileSize", job.size);
+    container.SetInt64("Time", job.time);
+    container.SetString("Outcome", DeliveryOutcomeName(job.outcome));
+    container.SetString("Message", job.message);
     if (const KelStatus kept = container.SaveToFile(PathOf(job.id)); !kept) {
-        log_.Error("The command for %S would be forgotten if the agent stopped now: %S\n", destination,
-                   kept.Error().message);
+        log_.Error("What is left to do for %S would be forgotten if the agent stopped now: %S\n",
+                   job.destination, kept.Error().message);
     }
-    DropFor(destination);
-    jobs_.push_back(std::move(job));
+}
+
+std::uint64_t JobQueue::Add(const ReceivedFile& file, const KelString& destination, std::int64_t size,
+                            std::int64_t time) {
+    const KelLock lock(mutex_);
+    DeliveryJob job;
+    job.id = ++lastId_;
+    job.file = file;
+    job.destination = destination;
+    job.size = size;
+    job.time = time;
+    Keep(job);
+    DropOpenJobFor(file, destination);
+    open_[destination] = job.id;
+    jobs_[job.id] = std::move(job);
     return lastId_;
 }
 
-void JobQueue::DropFor(const KelString& destination) {
-    for (const DeliveryJob& job : jobs_) {
-        if (job.destination == destination) FileDelete(PathOf(job.id));
-    }
-    std::erase_if(jobs_, [&](const DeliveryJob& job) { return job.destination == destination; });
+void JobQueue::EndOtherJobFor(const ReceivedFile& file, const KelString& destination) {
+    const KelLock lock(mutex_);
+    const auto open = open_.find(destination);
+    if (open == open_.end()) return;
+    DeliveryJob& job = jobs_.at(open->second);
+    if (job.file.checksum == file.checksum) return;
+    Close(job, DeliveryOutcome::Failed, "Another content took its place before it was dealt with");
+    Keep(job);
 }
 
-void JobQueue::RemoveFor(const KelString& destination) {
-    const KelLock lock(mutex_);
-    DropFor(destination);
+/// Ends whatever job is open for a destination, since a new one comes.
+void JobQueue::DropOpenJobFor(const ReceivedFile& file, const KelString& destination) {
+    EndOtherJobFor(file, destination);
+    if (const auto open = open_.find(destination); open != open_.end()) Remove(std::uint64_t{open->second});
+}
+
+void JobQueue::Close(DeliveryJob& job, DeliveryOutcome outcome, const KelString& message) {
+    job.outcome = outcome;
+    job.message = message;
+    const auto open = open_.find(job.destination);
+    if (open != open_.end() && open->second == job.id) open_.erase(open);
 }
 
 void JobQueue::SetCopied(std::uint64_t id) {
     const KelLock lock(mutex_);
-    for (DeliveryJob& job : jobs_) {
-        if (job.id == id) job.isCopied = true;
-    }
+    if (const auto job = jobs_.find(id); job != jobs_.end()) job->second.isCopied = true;
+}
+
+void JobQueue::SetOutcome(std::uint64_t id, DeliveryOutcome outcome, const KelString& message, bool keep) {
+    const KelLock lock(mutex_);
+    const auto job = jobs_.find(id);
+    if (job == jobs_.end() || job->second.outcome != DeliveryOutcome::Open) return;
+    Close(job->second, outcome, message);
+    if (keep) Keep(job->second);
 }
 
 void JobQueue::Remove(std::uint64_t id) {
     const KelLock lock(mutex_);
-    if (std::erase_if(jobs_, [id](const DeliveryJob& job) { return job.id == id; }) > 0)
-        FileDelete(PathOf(id));
+    const auto job = jobs_.find(id);
+    if (job == jobs_.end()) return;
+    Close(job->second, DeliveryOutcome::Delivered, {});
+    jobs_.erase(job);
+    FileDelete(PathOf(id));
 }
 
-bool JobQueue::Contains(std::uint64_t id) const {
+bool JobQueue::IsOpen(std::uint64_t id) const {
     const KelLock lock(mutex_);
-    return std::any_of(jobs_.begin(), jobs_.end(), [id](const DeliveryJob& job) { return job.id == id; });
+    const auto job = jobs_.find(id);
+    return job != jobs_.end() && job->second.outcome == DeliveryOutcome::Open;
 }
 
-KelVector<DeliveryJob> JobQueue::List() const {
+KelVector<DeliveryJob> JobQueue::List(bool open) const {
     const KelLock lock(mutex_);
-    return jobs_;
+    KelVector<DeliveryJob> list;
+    for (const auto& [id, job] : jobs_) {
+        if ((job.outcome == DeliveryOutcome::Open) == open) list.push_back(job);
+    }
+    return list;
 }

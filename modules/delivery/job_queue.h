@@ -1,22 +1,35 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 
 #include "kel/debug.h"
 #include "kel/mutex.h"
 #include "kel/types.h"
 #include "modules/delivery/received_file.h"
 
-/// Something still to be done for a received file: copying it, when that failed, and running its command.
+/// What became of a received file, as its receipt tells.
+enum class DeliveryOutcome : unsigned char { Open, Delivered, Failed };
+
+/// "open", "delivered" or "failed".
+const char* DeliveryOutcomeName(DeliveryOutcome outcome);
+
+/// Something still to be done for a received file. While its outcome is open: copying it and running its
+/// command. Afterwards: handing over its receipt.
 struct DeliveryJob {
     std::uint64_t id = 0;
     ReceivedFile file;
     KelString destination;
+    std::int64_t size = 0;  ///< bytes; 0 when unknown
+    std::int64_t time = 0;  ///< when the job came, seconds since the epoch
+    DeliveryOutcome outcome = DeliveryOutcome::Open;
+    KelString message;      ///< why it failed
     bool isCopied = false;  ///< by this process; not kept on disk, since the content tells it
 };
 
-/// The open jobs in the order in which they came, each kept in a file of its own ("<id>.xml", a container
-/// with the values of the received file and Destination), so that they outlive the agent. Any thread.
+/// The jobs in the order in which they came, each kept in a file of its own ("<id>.xml", a container with the
+/// values of the received file and Destination, FileSize, Time, Outcome, Message), so that they outlive the
+/// agent. A destination has at most one open job. Any thread.
 class JobQueue {
   public:
     explicit JobQueue(const KelDebug& log) : log_(log) {}
@@ -25,25 +38,40 @@ class JobQueue {
     /// job are removed with a warning.
     bool Load(const KelString& folder);
 
-    /// Adds a job and returns its id; an older one for the same destination is dropped. A job that cannot be
-    /// kept on disk is an error in the log and lives in memory only.
-    std::uint64_t Add(const ReceivedFile& file, const KelString& destination);
-    void SetCopied(std::uint64_t id);
-    void Remove(std::uint64_t id);
-    /// Removes the job of a destination that got another content.
-    void RemoveFor(const KelString& destination);
+    /// Adds an open job and returns its id. An open one for the same destination ends: without a trace when
+    /// it is about the same content, else as failed. A job that cannot be kept on disk is an error in the log
+    /// and lives in memory only. `time`: seconds since the epoch.
+    std::uint64_t Add(const ReceivedFile& file, const KelString& destination, std::int64_t size,
+                      std::int64_t time);
 
-    bool Contains(std::uint64_t id) const;
-    KelVector<DeliveryJob> List() const;
+    /// Ends the open job of a destination as failed if it is about another content than `file`.
+    void EndOtherJobFor(const ReceivedFile& file, const KelString& destination);
+
+    void SetCopied(std::uint64_t id);
+
+    /// Ends the work on an open job; its receipt is due now. With `keep` the outcome is written to disk:
+    /// needed where it cannot be found out again after a restart.
+    void SetOutcome(std::uint64_t id, DeliveryOutcome outcome, const KelString& message, bool keep);
+
+    void Remove(std::uint64_t id);
+
+    /// True while the job exists and its outcome is open.
+    bool IsOpen(std::uint64_t id) const;
+
+    /// The open jobs, or those that wait for their receipt.
+    KelVector<DeliveryJob> List(bool open) const;
 
   private:
     KelString PathOf(std::uint64_t id) const KEL_REQUIRES(mutex_);
-    void DropFor(const KelString& destination) KEL_REQUIRES(mutex_);
+    void DropOpenJobFor(const ReceivedFile& file, const KelString& destination) KEL_REQUIRES(mutex_);
+    void Close(DeliveryJob& job, DeliveryOutcome outcome, const KelString& message) KEL_REQUIRES(mutex_);
+    void Keep(const DeliveryJob& job) const KEL_REQUIRES(mutex_);
     void LoadJob(const KelString& fileName) KEL_REQUIRES(mutex_);
 
     const KelDebug& log_;
     mutable KelMutex mutex_;  ///< held across writes of the small job files
     KelString folder_ KEL_GUARDED_BY(mutex_);
-    KelVector<DeliveryJob> jobs_ KEL_GUARDED_BY(mutex_);
+    std::map<std::uint64_t, DeliveryJob> jobs_ KEL_GUARDED_BY(mutex_);
+    KelHash<KelString, std::uint64_t> open_ KEL_GUARDED_BY(mutex_);  ///< ids of the open jobs by destination
     std::uint64_t lastId_ KEL_GUARDED_BY(mutex_) = 0;
 };

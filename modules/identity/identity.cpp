@@ -1,6 +1,7 @@
 #include "modules/identity/identity.h"
 
 #include <algorithm>
+#include <ctime>
 
 #include "kel/path.h"
 #include "kelcore/action_db.h"
@@ -9,7 +10,11 @@
 #include "kelcore/error_codes.h"
 #include "modules/identity/guid.h"
 
-Identity::Identity() : KelModule("Identity", "Identity module"), watcher_([this] { CheckAddress(); }) {}
+Identity::Identity()
+    : KelModule("Identity", "Identity module"), report_(Log()), watcher_([this] {
+          CheckAddress();
+          return ReportIdentity(std::time(nullptr));
+      }) {}
 
 Identity::~Identity() {
     watcher_.Cancel(0, true);
@@ -32,6 +37,7 @@ bool Identity::Initialise() {
         return false;
     }
     guidPath_ = DataPath() + "/guid";
+    report_.SetFolder(DataPath() + "/Outgoing");
     const auto guid = LoadOrMakeGuid(guidPath_, Log());
     if (!guid) {
         Log().Error("%S\n", guid.Error().message);
@@ -94,6 +100,17 @@ void Identity::CheckAddress() {
     change.SetString("OldIPAddress", oldAddress);
     KelContainer results;
     CallbackDbTrigger("IdentityCallbackIPChange", change, results);
+}
+
+bool Identity::ReportIdentity(std::int64_t now) {
+    KelString guid;
+    DeviceValues values;
+    {
+        const KelLock lock(mutex_);
+        guid = guid_;
+        values = values_;
+    }
+    return report_.SendWhenDue(guid, values, now) == IdentityReport::Outcome::Waiting;
 }
 
 unsigned int Identity::GetGuid(KelContainer* arguments) {
@@ -175,5 +192,6 @@ unsigned int Identity::ValidateGuidScheme(KelContainer* arguments) {
     change.SetString("OldGUID", oldGuid);
     KelContainer results;
     CallbackDbTrigger("IdentityCallbackGUIDChange", change, results);
+    watcher_.Signal(0);
     return kKelOk;
 }

@@ -4,6 +4,7 @@
 #include "kel/mutex.h"
 #include "kelcore/module.h"
 #include "modules/identity/device_values.h"
+#include "modules/identity/identity_report.h"
 #include "modules/identity/watcher.h"
 
 /// The identity module: who this device is. Actions:
@@ -16,14 +17,19 @@
 ///
 /// Events: IdentityCallbackGUIDChange{GUID, OldGUID} and IdentityCallbackIPChange{NewIPAddress,
 /// OldIPAddress}, triggered without any lock held. The handlers return 0, or 18 when a new GUID could not be
-/// kept on disk.
+/// kept on disk. What the actions tell goes up the tree as the identity file (IdentityReport).
 class Identity : public KelModule {
   public:
     Identity();
     ~Identity() override;
 
-    /// Reads the ini file and the interfaces again and reports a new IP address. The watcher's step.
+    /// Reads the ini file and the interfaces again and reports a new IP address. The first half of the
+    /// watcher's step.
     void CheckAddress();
+
+    /// Sends the identity file when one is due at the time `now` (seconds since the epoch); true while it
+    /// waits for another module. The second half of the watcher's step.
+    bool ReportIdentity(std::int64_t now);
 
   protected:
     void Register(const char* handle) override;
@@ -48,5 +54,6 @@ class Identity : public KelModule {
     KelString guid_ KEL_GUARDED_BY(mutex_);
     DeviceValues values_ KEL_GUARDED_BY(mutex_);
     KelString problem_ KEL_GUARDED_BY(mutex_);  ///< the last one logged
+    IdentityReport report_;                     ///< only the watcher's thread uses it
     IdentityWatcher watcher_;
 };

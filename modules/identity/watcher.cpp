@@ -1,8 +1,18 @@
 #include "modules/identity/watcher.h"
 
+#include <algorithm>
+
+namespace {
+
+constexpr std::uint32_t kWaitingSeconds = 2;
+
+}  // namespace
+
 void IdentityWatcher::ThreadMain() {
+    bool isWaiting = true;
     while (!CheckCancelled(false)) {
-        Pause(std::uint64_t{interval_} * 1000);
-        if (!CheckCancelled(false)) check_();
+        const std::uint32_t interval = interval_;
+        Pause(std::uint64_t{isWaiting ? std::min(interval, kWaitingSeconds) : interval} * 1000);
+        if (!CheckCancelled(false)) isWaiting = check_();
     }
 }

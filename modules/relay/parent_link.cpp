@@ -97,6 +97,7 @@ void ParentLink::Check() {
                unsigned{settings_.parentPort}, guid);
     KelContainer none;
     ActionDbInvokeContainer(nullptr, {}, "IdentityValidateGUIDScheme", none, 0, -1, -1, nullptr);
+    inSync_();
 }
 
 void ParentLink::ReportProblem(const KelString& problem) {

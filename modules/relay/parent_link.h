@@ -1,5 +1,7 @@
 #pragma once
 
+#include <functional>
+
 #include "kel/debug.h"
 #include "kel/mutex.h"
 #include "kel/thread.h"
@@ -15,10 +17,10 @@ struct ParentState {
 
 /// Calls the parent again and again and keeps its state. The first call is made as soon as the thread starts.
 /// When the parent comes into sync, and when its GUID changes, the local action IdentityValidateGUIDScheme is
-/// called after the new state can be read. Changes of the state are logged once each.
+/// called after the new state can be read, then `inSync`. Changes of the state are logged once each.
 class ParentLink : public KelThread {
   public:
-    explicit ParentLink(const KelDebug& log) : log_(log) {}
+    ParentLink(const KelDebug& log, std::function<void()> inSync) : log_(log), inSync_(std::move(inSync)) {}
 
     /// While the thread does not run.
     void Configure(const RelaySettings& settings);
@@ -38,6 +40,7 @@ class ParentLink : public KelThread {
     void ReportProblem(const KelString& problem);
 
     const KelDebug& log_;
+    std::function<void()> inSync_;
     RelaySettings settings_;
     mutable KelMutex mutex_;  ///< state_ only; never held across the network or a call
     ParentState state_ KEL_GUARDED_BY(mutex_);

@@ -1,18 +1,33 @@
 #include "modules/relay/relay.h"
 
+#include <ctime>
+
 #include "kel/ini_file.h"
 #include "kelcore/action_db.h"
+#include "kelcore/agent.h"
+#include "kelcore/call_origin.h"
 #include "kelcore/error_codes.h"
 
-Relay::Relay() : KelModule("Relay", "Relay module"), parentLink_(Log()) {}
+Relay::Relay()
+    : KelModule("Relay", "Relay module"),
+      replay_(Log(), [this] { return replayThread_.CheckCancelled(false); }),
+      replayThread_([this] { ReplayUnconnected(); }),
+      parentLink_(Log(), [this] { replayThread_.Signal(0); }) {}
 
 Relay::~Relay() {
-    parentLink_.Cancel(0, true);
+    Cleanup();
 }
 
 void Relay::Register(const char* handle) {
     ActionDbRegisterAction(
         "RelayGetValues ()", [this](KelContainer* arguments) { return GetValues(arguments); }, handle);
+    ActionDbRegisterAction(
+        "RelayReceiveFile (string FileType, string FileLabel, string FileName, string FileChecksum, string "
+        "SourceDevice, bool Upstream, string FilePath, container FileInfo)",
+        [this](KelContainer* arguments) { return ReceiveFile(arguments); }, handle);
+    ActionDbRegisterAction(
+        "RelayClearPackage (string FileType, string FileLabel)",
+        [this](KelContainer* arguments) { return ClearPackage(arguments); }, handle);
 }
 
 bool Relay::Initialise() {
@@ -28,20 +43,57 @@ bool Relay::Initialise() {
     }
     settings_ = *settings;
     parentLink_.Configure(settings_);
+    replayThread_.SetInterval(settings_.checkInterval);
+    packages_.SetRoot(DataPath() + "/Packages");
     return true;
 }
 
 void Relay::Activate() {
-    if (settings_.role == RelayRole::Master) return;
+    if (settings_.role == RelayRole::Master) {
+        replayThread_.Start();
+        return;
+    }
     if (settings_.parentName.empty()) {
         Log().Warning("This device has no parent; set ParentName and ParentPort in %S\n", IniPath());
         return;
     }
+    replayThread_.Start();
     parentLink_.Start();
 }
 
 void Relay::Cleanup() {
     parentLink_.Cancel(0, true);
+    replayThread_.Cancel(0, true);
+}
+
+void Relay::ReplayUnconnected() {
+    if (settings_.role == RelayRole::Master || parentLink_.GetState().inSync)
+        replay_.Run(KelAgentGetDataDir() + "FileStore/unconnected", std::time(nullptr));
+}
+
+unsigned int Relay::Answer(KelContainer* arguments, const KelStatus& status) {
+    arguments->Clear();
+    if (status) return kKelOk;
+    Log().Warning("%S\n", status.Error().message);
+    arguments->SetString("Message", status.Error().message);
+    return status.Error().code;
+}
+
+unsigned int Relay::ReceiveFile(KelContainer* arguments) {
+    if (!ActionIsFromThisDevice(*arguments))
+        return Answer(arguments, KelError{kKelErrorBadInput, "Another device may not name local files"});
+    const auto path = packages_.Keep(*arguments);
+    if (!path) return Answer(arguments, path.Error());
+    Log().Print("Keeps a copy of the package %S\n", *path);
+    arguments->Clear();
+    arguments->SetString("FilePath", *path);
+    return kKelOk;
+}
+
+unsigned int Relay::ClearPackage(KelContainer* arguments) {
+    if (!ActionIsFromThisDevice(*arguments))
+        return Answer(arguments, KelError{kKelErrorBadInput, "Another device may not clear packages here"});
+    return Answer(arguments, packages_.Clear(*arguments));
 }
 
 unsigned int Relay::GetValues(KelContainer* arguments) const {

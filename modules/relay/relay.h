@@ -2,13 +2,26 @@
 
 #include "kel/container.h"
 #include "kelcore/module.h"
+#include "modules/relay/package_copies.h"
 #include "modules/relay/parent_link.h"
 #include "modules/relay/relay_settings.h"
+#include "modules/relay/replay_thread.h"
+#include "modules/relay/unconnected_replay.h"
 
-/// The relay module: the role of this device and its parent. Action:
+/// The relay module: the role of this device and its parent. Actions:
 ///
 /// - RelayGetValues -> Values{IsEnabled (bool, true on a relay and on the master), Role, ParentName,
 ///   ParentIPAddress, ParentGuid, ParentPort (int32), ParentSync (bool)}
+/// - RelayReceiveFile (FileLabel, FileName, FilePath and more values of the file): keeps a copy of a
+/// published
+///   package as "data/Relay/Packages/<label>/<name>" -> FilePath, the copy's
+/// - RelayClearPackage (FileType, FileLabel): removes the copies kept under the label
+///
+/// Results: 0; 1 for an unusable input or a call from another device; 13 no such file; 18 when a copy cannot
+/// be written or removed. Every result but 0 comes with a text Message.
+///
+/// Once the parent answers (on a master always), the requests that the file store kept while the device was
+/// not connected are handed back to it (UnconnectedReplay).
 class Relay : public KelModule {
   public:
     Relay();
@@ -22,7 +35,14 @@ class Relay : public KelModule {
 
   private:
     unsigned int GetValues(KelContainer* arguments) const;
+    unsigned int ReceiveFile(KelContainer* arguments);
+    unsigned int ClearPackage(KelContainer* arguments);
+    unsigned int Answer(KelContainer* arguments, const KelStatus& status);
+    void ReplayUnconnected();
 
     RelaySettings settings_;  ///< written at initialisation only
+    PackageCopies packages_;
+    UnconnectedReplay replay_;  ///< only the replay thread uses it
+    ReplayThread replayThread_;
     ParentLink parentLink_;
 };

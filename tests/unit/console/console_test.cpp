@@ -1,81 +1,6 @@
-#include "modules/console/console.h"
-
-#include <mutex>
-#include <thread>
-
-#include "kel/checksum.h"
-#include "kelcore/error_codes.h"
-#include "module_fixture.h"
+#include "console_fixture.h"
 
 namespace {
-
-constexpr char kMaster[] = "ABCD0000-0000-0000-0000-000000000001";
-constexpr char kNorth[] = "ABCD0000-0000-0000-0000-000000000002";
-constexpr char kClient[] = "ABCD0000-0000-0000-0000-000000000003";
-constexpr char kMasterPath[] =
-    "127.0.3.1:1610/ABCD0000-0000-0000-0000-000000000001/02-00-7F-00-03-01/127.0.3.1/255.0.0.0";
-constexpr char kNorthPath[] =
-    "127.0.3.2:1610/ABCD0000-0000-0000-0000-000000000002/02-00-7F-00-03-02/127.0.3.2/255.0.0.0";
-constexpr char kClientPath[] =
-    "127.0.3.3:1610/ABCD0000-0000-0000-0000-000000000003/02-00-7F-00-03-03/127.0.3.3/255.0.0.0";
-
-class ConsoleTest : public ModuleFixture {
-  protected:
-    void SetUp() override {
-        FakeAction("IdentityGetValues ()", [](KelContainer* container) {
-            KelContainer values;
-            values.SetString("GUID", kMaster);
-            values.SetString("HostName", "boss");
-            values.SetString("IPAddress", "127.0.3.1");
-            values.SetString("MACAddress", "02-00-7F-00-03-01");
-            values.SetString("NetworkMask", "255.0.0.0");
-            values.SetBool("PreferIPAddresses", true);
-            container->SetContainer("Values", values);
-            return 0U;
-        });
-        FakeAction("HttpProtocolGetParams ()", [](KelContainer* container) {
-            KelContainer values;
-            values.SetInt32("Port", 1610);
-            container->SetContainer("Values", values);
-            return 0U;
-        });
-        FakeAction("HttpProtocolAddAlias (string AliasName, string AliasPath)",
-                   [this](KelContainer* container) {
-                       alias_ = *container;
-                       return 0U;
-                   });
-        FakeAction("FileStoreReceiveFile (string FileType)", [this](KelContainer* container) {
-            const std::lock_guard lock(mutex_);
-            offers_.push_back(*container);
-            return storeResult_;
-        });
-        WriteIni("Console", "[Devices]\n" + std::string(kNorth) + "=" + kNorthPath + " " + kMaster +
-                                " relay north\n" + kClient + "=" + kClientPath + " " + kNorth +
-                                " client desk\n");
-        TempFolder::Write(root_ / "setup.bin", "content");
-    }
-
-    KelContainer Request(const std::string& device) {
-        KelContainer request;
-        request.SetString("FilePath", root_ / "setup.bin");
-        request.SetString("FileType", "Package");
-        request.SetString("FileLabel", "tools");
-        request.SetString("Device", device);
-        return request;
-    }
-
-    static KelContainer From(KelContainer request, const std::string& address) {
-        KelContainer info;
-        info.SetString("HttpProtocolRequestAddress", address);
-        request.SetContainer("HttpProtocolRequestInfo", info);
-        return request;
-    }
-
-    KelContainer alias_;
-    unsigned int storeResult_ = 0;
-    std::mutex mutex_;
-    std::vector<KelContainer> offers_;
-};
 
 TEST_F(ConsoleTest, PublishesTheFolderItCopiesTo) {
     RunningModule<Console> module;
@@ -96,8 +21,9 @@ TEST_F(ConsoleTest, ListsTheTreeAsTheIniFileHasItNow) {
     EXPECT_EQ(devices.GetContainer("Values", 2).GetString("Name"), "desk");
     EXPECT_EQ(devices.GetContainer("Values", 2).GetString("Parent"), kNorth);
     EXPECT_EQ(devices.GetContainer("Values", 2).GetString("Address"), "127.0.3.3:1610");
+    EXPECT_EQ(devices.GetContainer("Values", 2).GetInt64("LastSeen", -1), 0);
 
-    WriteIni("Console", "[Devices]\n" + std::string(kNorth) + "=nonsense\n");
+    WriteDevices(std::string(kNorth) + "=nonsense\n");
     EXPECT_EQ(Call("ConsoleListDevices").Count("Values"), 1U);
     EXPECT_EQ(Call("ConsoleListDevices").Count("Values"), 1U);
     EXPECT_EQ(log_->Count(KelDebugLevel::Warning, "nonsense"), 1);
@@ -157,8 +83,7 @@ TEST_F(ConsoleTest, UnusableRequestsAreRefusedAndPublishNothing) {
         const char* value;
         std::string text;
     };
-    WriteIni("Console",
-             TempFolder::Read(root_ / "config/Console.ini") +
+    WriteDevices(BothDevices() +
                  "ABCD0000-0000-0000-0000-000000000004=127.0.3.4:1/ABCD0000-0000-0000-0000-000000000004/0/"
                  "127.0.3.4/255.0.0.0 " +
                  kMaster + " client desk\n");
@@ -195,6 +120,7 @@ TEST_F(ConsoleTest, TheStoresRefusalIsPassedOn) {
     KelContainer request = Request(kNorth);
     EXPECT_EQ(Call("ConsolePublish", request), 13U);
     EXPECT_FALSE(request.Has("PublicationId"));
+    EXPECT_FALSE(Call("ConsoleListPublications").Has("Values"));
 }
 
 TEST_F(ConsoleTest, ManyThreadsMayPublishTheSameFile) {

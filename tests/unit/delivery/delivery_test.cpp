@@ -1,45 +1,6 @@
-#include "modules/delivery/delivery.h"
-
-#include <thread>
-
-#include "kel/checksum.h"
-#include "kelcore/error_codes.h"
-#include "module_fixture.h"
+#include "delivery_fixture.h"
 
 namespace {
-
-class DeliveryTest : public ModuleFixture {
-  protected:
-    /// Puts a file into the fake store and gives the values that the store announces it with.
-    KelContainer Stored(const std::string& type, const std::string& name, const std::string& content) {
-        const std::string path = root_ / ("store-" + TextMd5(content));
-        TempFolder::Write(path, content);
-        KelContainer file;
-        file.SetString("FileType", type);
-        file.SetString("FileLabel", "label");
-        file.SetString("FileName", name);
-        file.SetString("FileChecksum", TextMd5(content));
-        file.SetString("FilePath", path);
-        return file;
-    }
-
-    static unsigned int Announce(const KelContainer& file) {
-        KelContainer results;
-        return CallbackDbTrigger("FileStoreCallbackReceivedFile", file, results);
-    }
-
-    std::string Script(const std::string& text) {
-        const std::string path = root_ / "command.sh";
-        TempFolder::Write(path, "#!/bin/sh\n" + text + "\n");
-        std::filesystem::permissions(path, std::filesystem::perms::owner_all);
-        return path;
-    }
-
-    std::string InboxPath(const std::string& type, const std::string& name) {
-        return root_ / ("data/Delivery/Inbox/" + type + "/label/" + name);
-    }
-    std::string Pending() { return root_ / "data/Delivery/Pending"; }
-};
 
 TEST_F(DeliveryTest, FilesGoToTheirFolders) {
     WriteIni("Delivery", "[Folders]\nScript=" + root_ / "scripts" + "\nRules=Own\n");
@@ -188,8 +149,11 @@ TEST_F(DeliveryTest, AnOlderContentThatWaitsNeverReplacesANewerOne) {
     }
     RunningModule<Delivery> module;
     ASSERT_TRUE(module.Initialise());
-    EXPECT_TRUE(std::filesystem::is_empty(Pending()));
+    module.Activate();
+    EXPECT_TRUE(Eventually([this] { return std::filesystem::is_empty(Pending()); }));
     EXPECT_EQ(TempFolder::Read(InboxPath("T", "f")), "new");
+    EXPECT_EQ(Statuses(), (std::map<std::string, std::string>{{TextMd5("old"), "failed"},
+                                                              {TextMd5("new"), "delivered"}}));
 }
 
 TEST_F(DeliveryTest, DamagedJobsAreRemoved) {

@@ -89,13 +89,12 @@ TEST(File, OpenBeneathStaysInside) {
     ASSERT_EQ(::symlink("sub/in", (root + "/stays").c_str()), 0);
     if (!FileOpenBeneath(root, "sub/in", O_RDONLY) && errno == ENOSYS) GTEST_SKIP() << "old kernel";
     EXPECT_TRUE(FileOpenBeneath(root, "sub/in", O_RDONLY));
-    EXPECT_TRUE(FileOpenBeneath(root, "stays", O_RDONLY));
     const UniqueFd made = FileOpenBeneath(root, "sub/new", O_WRONLY | O_CREAT | O_EXCL, 0600);
     ASSERT_TRUE(made);
     EXPECT_EQ(::fcntl(made.Get(), F_GETFD) & FD_CLOEXEC, FD_CLOEXEC);
     for (const KelString& name :
          {KelString("../out"), folder / "out", KelString("leaves"), KelString("absolute"),
-          KelString("sub/../../out"), KelString("sub/in\0x", 8)})
+          KelString("stays"), KelString("sub/../../out"), KelString("sub/in\0x", 8)})
         EXPECT_FALSE(FileOpenBeneath(root, name, O_RDONLY)) << name;
 }
 

@@ -1,0 +1,52 @@
+#include "modules/console/console_database.h"
+
+#include <algorithm>
+#include <array>
+
+namespace {
+
+constexpr std::array kTables = {"Devices", "Publications", "PublicationTargets"};
+
+}  // namespace
+
+bool ConsoleDatabase::Open(const KelString& folder, const KelString& iniFile) {
+    const KelLock lock(mutex_);
+    const KelString path = folder + "/Console.sqlite";
+    pool_.SetDebug(log_);
+    pool_.SetDatabase("SQLITE32", "", path, "", "", 0);
+    connection_ = pool_.CreateConnection();
+    if (!connection_) return false;
+    connection_->DisableBackupResult();
+    connection_->RunUpgrade("DatabaseInformation", "FieldName", "FieldValue", iniFile, "SqlUpgrade", nullptr);
+    const KelVector<KelString> present = connection_->GetTablesList();
+    for (const char* table : kTables) {
+        if (std::find(present.begin(), present.end(), table) != present.end()) continue;
+        log_.Error(
+            "%S has no table %s; take the section SqlUpgrade of the shipped Console.ini over into %S\n", path,
+            table, iniFile);
+        connection_.reset();
+        return false;
+    }
+    return true;
+}
+
+void ConsoleDatabase::Close() {
+    const KelLock lock(mutex_);
+    connection_.reset();
+}
+
+std::shared_ptr<const DBResult> ConsoleDatabase::Select(const KelString& statement) {
+    const KelLock lock(mutex_);
+    return connection_ ? connection_->Query(statement) : nullptr;
+}
+
+bool ConsoleDatabase::Write(const KelVector<KelString>& statements) {
+    const KelLock lock(mutex_);
+    if (!connection_) return false;
+    DBTransaction transaction(*connection_);
+    if (!transaction.IsOpen()) return false;
+    for (const KelString& statement : statements) {
+        if (!connection_->Query(statement)) return false;
+    }
+    return transaction.Commit();
+}

@@ -1,0 +1,36 @@
+#pragma once
+
+#include <functional>
+#include <memory>
+
+#include "kel/debug.h"
+#include "kel/mutex.h"
+#include "kel/types.h"
+#include "kelcore/db/connection.h"
+#include "kelcore/db/connection_pool.h"
+
+/// The console's database: what the devices told of themselves, and the publications with what became of
+/// them. The section SqlUpgrade of Console.ini holds its schema. All operations may be called from any
+/// thread; they fail while the database is not open, and failures of statements are logged by the connection.
+class ConsoleDatabase {
+  public:
+    explicit ConsoleDatabase(KelDebug& log) : log_(log) {}
+
+    /// Opens "<folder>/Console.sqlite" and brings its schema up to date; false (logged) when that fails.
+    bool Open(const KelString& folder, const KelString& iniFile);
+
+    /// Waits for statements in progress.
+    void Close();
+
+    /// The rows of a selection, null on failure.
+    std::shared_ptr<const DBResult> Select(const KelString& statement);
+
+    /// Runs statements in one transaction, all or none; true when they are on the disk.
+    bool Write(const KelVector<KelString>& statements);
+
+  private:
+    KelDebug& log_;
+    KelMutex mutex_;  ///< the connection, and its transactions: held while statements run, never across calls
+    DBConnectionPool pool_ KEL_GUARDED_BY(mutex_);
+    std::unique_ptr<DBConnection> connection_ KEL_GUARDED_BY(mutex_);
+};

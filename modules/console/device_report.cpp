@@ -1,0 +1,99 @@
+#include "modules/console/device_report.h"
+
+#include "kel/file.h"
+#include "kel/format.h"
+#include "kel/path.h"
+#include "kel/text.h"
+#include "modules/console/device_list.h"
+
+namespace {
+
+constexpr std::uint64_t kMaxFileBytes = 1 << 20;
+
+KelError Unusable(const char* valueName, const KelString& value) {
+    return KelError{1, KelFormat("its %s \"%S\" is unusable", valueName, value)};
+}
+
+KelStatus CheckSource(const KelString& guid, const KelString& sourceDevice) {
+    if (!IsDeviceGuid(guid)) return Unusable("GUID", guid);
+    const KelString sender = sourceDevice.substr(sourceDevice.find('/') + 1);  // whole when there is no "/"
+    if (sender.empty() || sender == guid) return {};
+    return KelError{1, KelFormat("it speaks for device %S but comes from %S", guid, sourceDevice)};
+}
+
+KelStatus CheckPlace(const KelContainer& content, const Device& device) {
+    if (device.role != "master" && device.role != "relay" && device.role != "client") {
+        return Unusable("Role", device.role);
+    }
+    const bool isParentUsable = device.role == "master"
+                                    ? device.parentGuid.empty()
+                                    : IsDeviceGuid(device.parentGuid) && device.parentGuid != device.guid;
+    if (!isParentUsable) return Unusable("ParentGuid", device.parentGuid);
+    const KelString deviceUrl = content.GetString("DeviceUrl");
+    if (deviceUrl != device.address + "/" + device.guid) return Unusable("DeviceUrl", deviceUrl);
+    const KelString port = device.address.substr(device.address.find(':') + 1);
+    if (content.GetString("Port") != port) return Unusable("Port", content.GetString("Port"));
+    return {};
+}
+
+KelStatus CheckTime(std::int64_t time) {
+    if (time > 0) return {};
+    return Unusable("Time", KelFormat("%gd", time));
+}
+
+KelString CleanMessage(KelString message) {
+    if (message.size() > kMaxReceiptMessageBytes) message.resize(kMaxReceiptMessageBytes);
+    message.resize(std::min(message.size(), FindIllFormedUtf8(message)));
+    for (char& c : message) {
+        if (HasControlCharacter(std::string_view(&c, 1))) c = ' ';
+    }
+    return message;
+}
+
+}  // namespace
+
+KelResult<IdentityReport> ReadIdentityReport(const KelContainer& content, const KelString& sourceDevice) {
+    IdentityReport report;
+    const KelString guid = content.GetString("GUID");
+    if (const KelStatus checked = CheckSource(guid, sourceDevice); !checked) return checked.Error();
+    Device& device = report.device;
+    if (const KelStatus parsed = ParsePathName(content.GetString("PathName"), device); !parsed)
+        return parsed.Error();
+    if (device.guid != guid) return Unusable("PathName", device.pathName);
+    device.name = content.GetString("HostName");
+    if (!IsDeviceName(device.name)) return Unusable("HostName", device.name);
+    device.role = content.GetString("Role");
+    device.parentGuid = content.GetString("ParentGuid");
+    if (const KelStatus checked = CheckPlace(content, device); !checked) return checked.Error();
+    report.time = content.GetInt64("Time");
+    if (const KelStatus checked = CheckTime(report.time); !checked) return checked.Error();
+    return report;
+}
+
+KelResult<DeliveryReceipt> ReadDeliveryReceipt(const KelContainer& content, const KelString& sourceDevice) {
+    DeliveryReceipt receipt;
+    receipt.guid = content.GetString("GUID");
+    if (const KelStatus checked = CheckSource(receipt.guid, sourceDevice); !checked) return checked.Error();
+    for (const auto& [name, value] : {std::pair("FileType", &receipt.fileType),
+                                      {"FileLabel", &receipt.fileLabel},
+                                      {"FileName", &receipt.fileName},
+                                      {"FileChecksum", &receipt.fileChecksum}}) {
+        *value = content.GetString(name);
+        if (!IsSafePathElement(*value)) return Unusable(name, *value);
+    }
+    receipt.status = content.GetString("Status");
+    if (receipt.status != "delivered" && receipt.status != "failed")
+        return Unusable("Status", receipt.status);
+    receipt.message = CleanMessage(content.GetString("Message"));
+    receipt.time = content.GetInt64("Time");
+    if (const KelStatus checked = CheckTime(receipt.time); !checked) return checked.Error();
+    return receipt;
+}
+
+KelResult<KelContainer> ReadReportFile(const KelString& path) {
+    const auto text = FileReadText(path, kMaxFileBytes);
+    if (!text) return text.Error();
+    KelContainer content;
+    if (const KelStatus loaded = content.LoadFromXML(*text); !loaded) return loaded.Error();
+    return content;
+}

@@ -1,0 +1,54 @@
+#include "modules/delivery/collected.h"
+
+#include <algorithm>
+#include <array>
+
+#include "kel/directory.h"
+#include "kel/file.h"
+#include "kel/format.h"
+#include "kel/regex.h"
+#include "modules/delivery/stored_copy.h"
+
+namespace {
+
+constexpr std::array kTypesOfOthers = {"IdentityIdentity", "DeliveryReceipt", "FileStorePackedFiles",
+                                       "PackageSyncInfo"};
+
+}  // namespace
+
+bool CollectedFiles::IsToBeCollected(const KelString& type) {
+    return std::none_of(kTypesOfOthers.begin(), kTypesOfOthers.end(),
+                        [&](const char* other) { return type == other; });
+}
+
+KelString CollectedFiles::DeviceFolder(const KelString& device) {
+    KelVector<KelString> captures;
+    const bool isDevice =
+        FindPcre("\\A(?:[^/]+/)?([0-9A-F]{8}-(?:[0-9A-F]{4}-){3}[0-9A-F]{12})\\z", device, captures);
+    return isDevice ? captures[1] : "unknown";
+}
+
+KelResult<bool> CollectedFiles::Put(const KelString& device, const ReceivedFile& file) const {
+    const KelString path =
+        KelFormat("%S/%S/%S/%S/%S", root_, DeviceFolder(device), file.type, file.label, file.name);
+    if (HoldsContent(path, file.checksum)) return false;
+    if (const KelStatus placed = PlaceCopy(file.sourcePath, path); !placed) return placed.Error();
+    return true;
+}
+
+KelVector<CollectedFile> CollectedFiles::List() const {
+    KelVector<CollectedFile> files;
+    for (const KelString& device : DirList(root_)) {
+        for (const KelString& type : DirList(root_ + "/" + device)) {
+            const KelString typeFolder = root_ + "/" + device + "/" + type;
+            for (const KelString& label : DirList(typeFolder)) {
+                for (const KelString& name : DirList(typeFolder + "/" + label)) {
+                    const KelString path = typeFolder + "/" + label + "/" + name;
+                    if (name.starts_with(".kel-") || !FileExists(path)) continue;  // a copy in progress
+                    files.push_back({device, type, label, name, path, FileGetSize64(path)});
+                }
+            }
+        }
+    }
+    return files;
+}

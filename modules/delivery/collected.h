@@ -1,0 +1,40 @@
+#pragma once
+
+#include <cstdint>
+
+#include "kel/result.h"
+#include "kel/types.h"
+#include "modules/delivery/received_file.h"
+
+/// A file that came up from a device below.
+struct CollectedFile {
+    KelString device;  ///< GUID, or "unknown"
+    KelString type;
+    KelString label;
+    KelString name;
+    KelString path;
+    std::int64_t size = 0;  ///< bytes
+};
+
+/// What the master collects from the devices below: "<root>/<device GUID>/<type>/<label>/<name>". Set up
+/// once; then from any thread.
+class CollectedFiles {
+  public:
+    void SetRoot(const KelString& root) { root_ = root; }
+
+    /// False for the types that other modules take from the devices.
+    static bool IsToBeCollected(const KelString& type);
+
+    /// The GUID in `device`, a device URL ("host:port/GUID") or a GUID; "unknown" when it holds none.
+    static KelString DeviceFolder(const KelString& device);
+
+    /// Copies the file to its place, replacing another content atomically; on the disk when the call
+    /// succeeds. True when something was copied, false when the file was there already.
+    KelResult<bool> Put(const KelString& device, const ReceivedFile& file) const;
+
+    /// All files, by device, type, label and name.
+    KelVector<CollectedFile> List() const;
+
+  private:
+    KelString root_;
+};

@@ -1,0 +1,25 @@
+#include "modules/delivery/stored_copy.h"
+
+#include "kel/checksum.h"
+#include "kel/file.h"
+#include "kel/format.h"
+#include "kel/path.h"
+#include "kel/text.h"
+
+bool HoldsContent(const KelString& path, const KelString& checksum) {
+    KelString present;
+    return FileExists(path) && FileMd5(path, present) && IsEqualTo(present, checksum, false);
+}
+
+KelStatus PlaceCopy(const KelString& source, const KelString& path) {
+    KelString folder;
+    KelString name;
+    SplitPath(path, folder, name);
+    if (!PathCreate(folder)) {
+        return KelError{1, KelFormat("The folder %S cannot be created; check its rights", folder)};
+    }
+    if (!FileCopy(source, path, false)) {
+        return KelError{1, KelFormat("%S cannot be copied to %S; check free space and rights", source, path)};
+    }
+    return {};
+}

@@ -1,0 +1,111 @@
+#include "modules/identity/identity_report.h"
+
+#include <optional>
+
+#include "kel/directory.h"
+#include "kel/file.h"
+#include "kel/path.h"
+#include "kelcore/action_db.h"
+#include "kelcore/error_codes.h"
+#include "modules/identity/guid.h"
+
+namespace {
+
+constexpr std::int64_t kResendSeconds = 24 * 3600;
+
+std::optional<KelContainer> ValuesOf(const char* action) {
+    KelContainer answer;
+    if (ActionDbInvokeContainer(nullptr, {}, action, answer, 0, -1, -1, nullptr) != kKelOk)
+        return std::nullopt;
+    return answer.GetContainer("Values");
+}
+
+/// True once our GUID stays: on the master, and when the parent's scheme is known and ours.
+bool IsGuidSettled(const KelContainer& relay, const KelString& guid) {
+    if (relay.GetString("Role") == "master") return true;
+    const KelString parentGuid = relay.GetString("ParentGuid");
+    return relay.GetBool("ParentSync") && IsGuid(parentGuid) && WithSchemeOf(guid, parentGuid) == guid;
+}
+
+KelContainer IdentityOf(const KelString& guid, const DeviceValues& values, const KelContainer& relay,
+                        int port) {
+    const KelString& host = values.preferIpAddresses ? values.ipAddress : values.hostName;
+    const KelString deviceUrl = KelFormat("%S:%d/%S", host, port, guid);
+    KelContainer identity;
+    identity.SetString("GUID", guid);
+    identity.SetString("HostName", values.hostName);
+    identity.SetString("Role", relay.GetString("Role"));
+    identity.SetInt32("Port", port);
+    identity.SetString("IPAddress", values.ipAddress);
+    identity.SetString("MACAddress", values.macAddress);
+    identity.SetString("NetworkMask", values.networkMask);
+    identity.SetString("ParentGuid", relay.GetString("ParentGuid"));
+    identity.SetString("DeviceUrl", deviceUrl);
+    identity.SetString("PathName", KelFormat("%S/%S/%S/%S", deviceUrl, values.macAddress, values.ipAddress,
+                                             values.networkMask));
+    identity.SetBool("PreferIPAddresses", values.preferIpAddresses);
+    return identity;
+}
+
+KelContainer OfferOf(const KelString& guid, const KelString& path) {
+    KelContainer info;
+    info.SetString("GUID", guid);
+    KelContainer offer;
+    offer.SetString("FileType", "IdentityIdentity");
+    offer.SetString("FileLabel", "Identity");
+    offer.SetString("FileName", guid + ".xml");
+    offer.SetBool("Upstream", true);
+    offer.SetString("MovePath", path);
+    offer.SetContainer("FileInfo", std::move(info));
+    return offer;
+}
+
+}  // namespace
+
+void IdentityReport::SetFolder(const KelString& folder) {
+    folder_ = folder;
+    for (const KelString& name : DirList(folder))
+        FileDelete(folder + "/" + name);
+}
+
+IdentityReport::Outcome IdentityReport::SendWhenDue(const KelString& guid, const DeviceValues& values,
+                                                    std::int64_t now) {
+    const auto relay = ValuesOf("RelayGetValues");
+    const auto http = ValuesOf("HttpProtocolGetParams");
+    const int port = http ? http->GetInt32("Port") : 0;
+    if (!relay || port == 0 || values.ipAddress.empty() || !IsGuidSettled(*relay, guid))
+        return Outcome::Waiting;
+    KelContainer identity = IdentityOf(guid, values, *relay, port);
+    const bool isRecent = now >= sentTime_ && now - sentTime_ < kResendSeconds;
+    if (isRecent && identity == sent_) return Outcome::UpToDate;
+    return Send(std::move(identity), now);
+}
+
+IdentityReport::Outcome IdentityReport::Send(KelContainer identity, std::int64_t now) {
+    KelContainer content = identity;
+    content.SetInt64("Time", now);
+    KelString path;
+    if (!PathCreate(folder_) || !content.SaveToTempFile(path, folder_)) {
+        return Fail(
+            KelFormat("The identity file cannot be written in %S; check its rights and free space", folder_));
+    }
+    const KelString guid = identity.GetString("GUID");
+    KelContainer offer = OfferOf(guid, path);
+    const unsigned int code =
+        ActionDbInvokeContainer(nullptr, {}, "FileStoreReceiveFile", offer, 0, -1, -1, nullptr);
+    if (code != kKelOk) {
+        FileDelete(path);
+        return Fail(KelFormat("The file store did not take the identity file, error %u; see its log", code));
+    }
+    log_.Detail("The identity of this device, %S, is on its way up\n", guid);
+    problem_.clear();
+    sent_ = std::move(identity);
+    sentTime_ = now;
+    return Outcome::UpToDate;
+}
+
+IdentityReport::Outcome IdentityReport::Fail(const KelString& problem) {
+    if (problem != problem_) log_.Warning("%S; tried again at the next check\n", problem);
+    problem_ = problem;
+    return Outcome::Failed;
+}

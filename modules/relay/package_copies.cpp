@@ -1,0 +1,46 @@
+#include "modules/relay/package_copies.h"
+
+#include "kel/directory.h"
+#include "kel/file.h"
+#include "kel/format.h"
+#include "kel/path.h"
+#include "kelcore/error_codes.h"
+
+namespace {
+
+KelStatus CheckElement(const char* valueName, const KelString& value) {
+    if (IsSafePathElement(value)) return {};
+    return KelError{kKelErrorBadInput, KelFormat("%s \"%S\" cannot be part of a path", valueName, value)};
+}
+
+}  // namespace
+
+KelResult<KelString> PackageCopies::Keep(const KelContainer& arguments) const {
+    const KelString label = arguments.GetString("FileLabel");
+    const KelString name = arguments.GetString("FileName");
+    const KelString source = arguments.GetString("FilePath");
+    if (const KelStatus checked = CheckElement("FileLabel", label); !checked) return checked.Error();
+    if (const KelStatus checked = CheckElement("FileName", name); !checked) return checked.Error();
+    if (source.empty() || source.front() != '/' || source.find('\0') != KelString::npos) {
+        return KelError{kKelErrorBadInput, KelFormat("FilePath \"%S\" is no absolute path", source)};
+    }
+    if (!FileExists(source)) {
+        return KelError{kKelErrorMissingContent, KelFormat("The file %S does not exist", source)};
+    }
+    const KelString folder = root_ + "/" + label;
+    const KelString path = folder + "/" + name;
+    if (!PathCreate(folder) || !FileCopy(source, path, false)) {
+        return KelError{kKelErrorInternal,
+                        KelFormat("%S cannot be copied to %S; check free space and rights", source, path)};
+    }
+    return path;
+}
+
+KelStatus PackageCopies::Clear(const KelContainer& arguments) const {
+    const KelString label = arguments.GetString("FileLabel");
+    if (const KelStatus checked = CheckElement("FileLabel", label); !checked) return checked;
+    const KelString folder = root_ + "/" + label;
+    if (!DirExists(folder) || DirDelete(folder, true)) return {};
+    return KelError{kKelErrorInternal,
+                    KelFormat("The folder %S cannot be removed; check its rights", folder)};
+}

@@ -1,0 +1,25 @@
+#pragma once
+
+#include "kel/container.h"
+#include "kel/result.h"
+#include "kel/types.h"
+
+/// The copies of published packages that a relay keeps for its own network, beside the file store:
+/// "<root>/<label>/<name>". A package of the same label and name replaces the one before. Set up once; then
+/// from any thread.
+class PackageCopies {
+  public:
+    void SetRoot(const KelString& root) { root_ = root; }
+
+    /// Copies the file at the absolute path `FilePath` of the arguments of RelayReceiveFile under `FileLabel`
+    /// and `FileName`; on the disk when the call succeeds. Gives the copy's path. Error codes: 1 unusable
+    /// input, 13 no such file, 18 not written.
+    KelResult<KelString> Keep(const KelContainer& arguments) const;
+
+    /// Removes all copies under `FileLabel` of the arguments of RelayClearPackage; when there are none,
+    /// nothing is done. Error codes: 1 unusable input, 18 not removed.
+    KelStatus Clear(const KelContainer& arguments) const;
+
+  private:
+    KelString root_;
+};

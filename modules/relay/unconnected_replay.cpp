@@ -1,0 +1,125 @@
+#include "modules/relay/unconnected_replay.h"
+
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <string_view>
+#include <utility>
+
+#include "kel/directory.h"
+#include "kel/file.h"
+#include "kel/path.h"
+#include "kelcore/action_db.h"
+#include "kelcore/error_codes.h"
+
+namespace {
+
+constexpr std::int64_t kGraceSeconds = 60;
+constexpr std::string_view kContentSuffix = ".xml";
+
+struct Candidate {
+    KelString path;
+    std::int64_t changed = 0;      ///< seconds since the epoch
+    std::int64_t nanoseconds = 0;  ///< the rest of it
+};
+
+/// The regular files of a folder, the oldest first; not the temporary ones that are still being written.
+KelVector<Candidate> ListCandidates(const KelString& folder) {
+    KelVector<Candidate> candidates;
+    for (const KelString& name : DirList(folder)) {
+        Candidate candidate{folder + "/" + name};
+        struct stat status {};
+        if (name.front() == '.' || stat(candidate.path.c_str(), &status) != 0 || !S_ISREG(status.st_mode))
+            continue;
+        candidate.changed = status.st_ctim.tv_sec;
+        candidate.nanoseconds = status.st_ctim.tv_nsec;
+        candidates.push_back(std::move(candidate));
+    }
+    std::stable_sort(candidates.begin(), candidates.end(), [](const Candidate& left, const Candidate& right) {
+        return std::pair(left.changed, left.nanoseconds) < std::pair(right.changed, right.nanoseconds);
+    });
+    return candidates;
+}
+
+/// True for the content file of a request beside it, whatever it holds.
+bool IsContentOfAnother(const KelString& path) {
+    if (!path.ends_with(kContentSuffix)) return false;
+    KelContainer request;
+    return request.LoadFromFile(path.substr(0, path.size() - kContentSuffix.size())) &&
+           request.Has("FilePath");
+}
+
+KelString OwnDeviceUrl() {
+    KelContainer answer;
+    const auto code =
+        ActionDbInvokeContainer(nullptr, {}, "FileStoreGetDeviceUrl", answer, 0, -1, -1, nullptr);
+    return code == kKelOk ? answer.GetString("DeviceUrl") : KelString();
+}
+
+unsigned int HandOver(KelContainer arguments) {
+    return ActionDbInvokeContainer(nullptr, {}, "FileStoreReceiveUnconnectedFile", arguments, 0, -1, -1,
+                                   nullptr);
+}
+
+}  // namespace
+
+void UnconnectedReplay::Run(const KelString& folder, std::int64_t now) {
+    for (const char* kind : {"identity", "inventory"}) {
+        for (const Candidate& candidate : ListCandidates(folder + "/" + kind)) {
+            if (stop_()) return;
+            if (IsContentOfAnother(candidate.path)) continue;
+            const auto request = ReadUnconnectedRequest(candidate.path);
+            if (request) {
+                Replay(*request);
+            } else if (FileExists(candidate.path) && now - candidate.changed >= kGraceSeconds) {
+                MoveAside(folder + "/damaged", candidate.path, request.Error().message);
+            }
+        }
+    }
+}
+
+void UnconnectedReplay::Replay(const UnconnectedRequest& request) {
+    const KelString ownDeviceUrl = OwnDeviceUrl();
+    if (ownDeviceUrl.empty()) return LogOnce("The file store does not tell this device's URL");
+    KelContainer arguments = ReplayArguments(request, ownDeviceUrl);
+    unsigned int code = HandOver(arguments);
+    if (code == kKelErrorGuidScheme) {
+        // Kept before this device took over the scheme of its parent.
+        arguments.SetString("SourceDevice", ownDeviceUrl);
+        code = HandOver(std::move(arguments));
+    }
+    if (code != kKelOk) {
+        return LogOnce(KelFormat("The file store did not take the kept request %S, error %u; see its log",
+                                 request.path, code));
+    }
+    log_.Print("The kept file %S/%S/%S is on its way up\n", request.values.GetString("FileType"),
+               request.values.GetString("FileLabel"), request.values.GetString("FileName"));
+    problem_.clear();
+    RemoveUnlessChanged(request);
+}
+
+/// A newer request may have taken the place of the one that was handed over.
+void UnconnectedReplay::RemoveUnlessChanged(const UnconnectedRequest& request) {
+    KelContainer present;
+    if (!present.LoadFromFile(request.path) || !(present == request.values)) return;
+    const bool isGone =
+        FileDelete(request.path) && (request.contentPath.empty() || FileDelete(request.contentPath));
+    if (!isGone)
+        log_.Error("%S was handed over but cannot be removed; check the rights of its folder\n",
+                   request.path);
+}
+
+void UnconnectedReplay::MoveAside(const KelString& folder, const KelString& path, const KelString& problem) {
+    const KelString aside = folder + path.substr(path.rfind('/'));
+    if (PathCreate(folder) && FileRename(path, aside)) {
+        log_.Error("%S is no usable request and was moved to %S: %S\n", path, aside, problem);
+    } else {
+        LogOnce(KelFormat("%S is no usable request (%S) and cannot be moved to %S; remove it", path, problem,
+                          aside));
+    }
+}
+
+void UnconnectedReplay::LogOnce(const KelString& problem) {
+    if (problem != problem_) log_.Warning("%S; tried again at the next check\n", problem);
+    problem_ = problem;
+}

@@ -1,0 +1,32 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+
+#include "kel/debug.h"
+#include "kel/types.h"
+#include "modules/relay/unconnected_request.h"
+
+/// Hands the requests that the file store kept in its folders "unconnected/identity" and
+/// "unconnected/inventory" back to it, oldest first, and removes those that it took. An unusable one is moved
+/// to "unconnected/damaged" once it has not changed for a minute: before, it may still be in the making. One
+/// thread at a time.
+class UnconnectedReplay {
+  public:
+    /// `stop` is asked between two requests; true ends the replay.
+    UnconnectedReplay(const KelDebug& log, std::function<bool()> stop) : log_(log), stop_(std::move(stop)) {}
+
+    /// Works on what lies in `folder`/identity and `folder`/inventory at the time `now` (seconds since the
+    /// epoch). Calls local actions: no lock may be held.
+    void Run(const KelString& folder, std::int64_t now);
+
+  private:
+    void Replay(const UnconnectedRequest& request);
+    void MoveAside(const KelString& folder, const KelString& path, const KelString& problem);
+    void RemoveUnlessChanged(const UnconnectedRequest& request);
+    void LogOnce(const KelString& problem);
+
+    const KelDebug& log_;
+    std::function<bool()> stop_;
+    KelString problem_;  ///< the last one logged
+};
