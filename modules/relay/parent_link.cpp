@@ -1,7 +1,9 @@
 #include "modules/relay/parent_link.h"
 
 #include "kel/container.h"
+#include "kel/file.h"
 #include "kel/ip_address.h"
+#include "kel/path.h"
 #include "kel/regex.h"
 #include "kelcore/action_db.h"
 #include "kelcore/agent.h"
@@ -39,8 +41,10 @@ KelString CallProblem(unsigned int code) {
 
 }  // namespace
 
-void ParentLink::Configure(const RelaySettings& settings) {
+void ParentLink::Configure(const RelaySettings& settings, const KelString& settledFile) {
     settings_ = settings;
+    settledFile_ = settledFile;
+    settled_ = FileExists(settledFile);
 }
 
 ParentState ParentLink::GetState() const {
@@ -68,6 +72,7 @@ KelString ParentLink::AskParent(KelString& guid) {
     const KelString url =
         UrlForAgent(KelAgentGetName(), KelAgentGetHttpPassword(),
                     KelFormat("%S:%u", settings_.parentName, unsigned{settings_.parentPort}));
+    if (!settled_ && !IsParentSettled(url)) return "it has not found its own parent yet";
     KelContainer answer;
     const unsigned int code = ActionDbInvokeContainer(nullptr, url, "IdentityGetValues", answer, 0,
                                                       kConnectTimeout, kCallTimeout, nullptr);
@@ -76,6 +81,25 @@ KelString ParentLink::AskParent(KelString& guid) {
     if (!IsGuid(guid)) return KelFormat("its GUID %S is malformed", guid);
     if (guid == OurGuid()) return "it is this device itself; correct ParentName and ParentPort in Relay.ini";
     return {};
+}
+
+/// A parent that cannot be asked counts as settled: the call that follows tells what is wrong with it.
+bool ParentLink::IsParentSettled(const KelString& url) const {
+    KelContainer answer;
+    const unsigned int code = ActionDbInvokeContainer(nullptr, url, "RelayGetValues", answer, 0,
+                                                      kConnectTimeout, kCallTimeout, nullptr);
+    return code != kKelOk || answer.GetContainer("Values").GetBool("SchemeSettled", true);
+}
+
+void ParentLink::Settle() {
+    if (settled_) return;
+    settled_ = true;
+    KelString folder, name;
+    SplitPath(settledFile_, folder, name);
+    if (!PathCreate(folder) ||
+        !FileWriteText(settledFile_, "This device has taken over its parent's GUID scheme.\n"))
+        log_.Warning("%S cannot be written: after a restart, children wait until the parent answers\n",
+                     settledFile_);
 }
 
 void ParentLink::Check() {
@@ -97,6 +121,7 @@ void ParentLink::Check() {
                unsigned{settings_.parentPort}, guid);
     KelContainer none;
     ActionDbInvokeContainer(nullptr, {}, "IdentityValidateGUIDScheme", none, 0, -1, -1, nullptr);
+    Settle();
     inSync_();
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <functional>
 
 #include "kel/debug.h"
@@ -22,11 +23,16 @@ class ParentLink : public KelThread {
   public:
     ParentLink(const KelDebug& log, std::function<void()> inSync) : log_(log), inSync_(std::move(inSync)) {}
 
-    /// While the thread does not run.
-    void Configure(const RelaySettings& settings);
+    /// While the thread does not run. `settledFile` remembers over restarts that this device has found its
+    /// place.
+    void Configure(const RelaySettings& settings, const KelString& settledFile);
 
     /// From any thread.
     ParentState GetState() const;
+
+    /// True once this device has taken over its parent's GUID scheme, now or in an earlier run. Before, its
+    /// own children wait: they would take over a scheme that is about to change. From any thread.
+    bool IsSettled() const { return settled_; }
 
     /// One call of the parent and its consequences. The thread's step; blocks on the network.
     void Check();
@@ -37,11 +43,15 @@ class ParentLink : public KelThread {
   private:
     void ResolveParent();
     KelString AskParent(KelString& guid);
+    bool IsParentSettled(const KelString& url) const;
+    void Settle();
     void ReportProblem(const KelString& problem);
 
     const KelDebug& log_;
     std::function<void()> inSync_;
     RelaySettings settings_;
+    KelString settledFile_;
+    std::atomic<bool> settled_ = false;
     mutable KelMutex mutex_;  ///< state_ only; never held across the network or a call
     ParentState state_ KEL_GUARDED_BY(mutex_);
     KelString problem_;  ///< why the parent is out of sync, as logged; only the thread uses it

@@ -42,7 +42,7 @@ bool Relay::Initialise() {
         return false;
     }
     settings_ = *settings;
-    parentLink_.Configure(settings_);
+    parentLink_.Configure(settings_, DataPath() + "/settled");
     replayThread_.SetInterval(settings_.checkInterval);
     packages_.SetRoot(DataPath() + "/Packages");
     return true;
@@ -106,6 +106,8 @@ unsigned int Relay::GetValues(KelContainer* arguments) const {
     values.SetString("ParentGuid", parent.guid);
     values.SetInt32("ParentPort", settings_.parentPort);
     values.SetBool("ParentSync", parent.inSync);
+    const bool hasParent = settings_.role != RelayRole::Master && !settings_.parentName.empty();
+    values.SetBool("SchemeSettled", !hasParent || parentLink_.IsSettled());
     arguments->Clear();
     arguments->SetContainer("Values", std::move(values));
     return kKelOk;

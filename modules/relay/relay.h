@@ -11,7 +11,8 @@
 /// The relay module: the role of this device and its parent. Actions:
 ///
 /// - RelayGetValues -> Values{IsEnabled (bool, true on a relay and on the master), Role, ParentName,
-///   ParentIPAddress, ParentGuid, ParentPort (int32), ParentSync (bool)}
+///   ParentIPAddress, ParentGuid, ParentPort (int32), ParentSync (bool),
+///   SchemeSettled (bool, the GUID scheme of this device will not change any more)}
 /// - RelayReceiveFile (FileLabel, FileName, FilePath and more values of the file): keeps a copy of a
 /// published
 ///   package as "data/Relay/Packages/<label>/<name>" -> FilePath, the copy's

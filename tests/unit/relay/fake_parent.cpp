@@ -11,9 +11,10 @@
 
 namespace {
 
-std::string Body(const std::string& guid) {
+std::string Body(const std::string& guid, bool settled) {
     KelContainer values;
     values.SetString("GUID", guid);
+    values.SetBool("SchemeSettled", settled);
     KelContainer answer;
     answer.SetContainer("Values", values);
     return answer.SaveToXML();
@@ -80,7 +81,7 @@ void FakeParent::Answer(int connection) {
     {
         const std::lock_guard lock(mutex_);
         lastRequest_ = request;
-        body = Body(guid_);
+        body = Body(guid_, settled_);
     }
     ++calls_;
     const std::string answer = "HTTP/1.1 " + std::to_string(status_) +

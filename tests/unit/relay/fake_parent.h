@@ -16,7 +16,8 @@ class FakeParent {
 
     std::uint16_t Port() const { return port_; }
     void SetGuid(const std::string& guid);
-    void SetStatus(int status) { status_ = status; }  ///< of the HTTP answers, 200 at first
+    void SetStatus(int status) { status_ = status; }       ///< of the HTTP answers, 200 at first
+    void SetSettled(bool settled) { settled_ = settled; }  ///< what it says of its scheme, true at first
     int GetCallCount() const { return calls_; }
     std::string GetLastRequest();
 
@@ -27,6 +28,7 @@ class FakeParent {
     UniqueFd listener_;
     std::uint16_t port_ = 0;
     std::atomic<int> status_ = 200;
+    std::atomic<bool> settled_ = true;
     std::atomic<int> calls_ = 0;
     std::atomic<bool> isStopping_ = false;
     std::mutex mutex_;  ///< guid_ and lastRequest_

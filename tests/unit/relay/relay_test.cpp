@@ -91,6 +91,30 @@ TEST_F(RelayTest, SchemeIsValidatedAgainWhenTheParentsGuidChanges) {
     EXPECT_TRUE(Eventually([this] { return validations_ == 2; }));
 }
 
+TEST_F(RelayTest, AParentWithoutItsOwnPlaceIsWaitedForOnlyTheFirstTime) {
+    FakeParent parent(kGuid);
+    parent.SetSettled(false);
+    WriteRelay("relay", parent.Port());
+    {
+        RunningModule<Relay> module;
+        ASSERT_TRUE(module.Initialise());
+        module.Activate();
+        ASSERT_TRUE(Eventually(
+            [this] { return log_->Count(KelDebugLevel::Warning, "not found its own parent") == 1; }));
+        EXPECT_FALSE(Values().GetBool("ParentSync"));
+        EXPECT_FALSE(Values().GetBool("SchemeSettled"));
+        parent.SetSettled(true);
+        ASSERT_TRUE(Eventually([] { return Values().GetBool("SchemeSettled"); }));
+    }
+    // A parent that starts again and has lost sight of those above still serves its children.
+    parent.SetSettled(false);
+    RunningModule<Relay> module;
+    ASSERT_TRUE(module.Initialise());
+    EXPECT_TRUE(Values().GetBool("SchemeSettled"));
+    module.Activate();
+    EXPECT_TRUE(Eventually([] { return Values().GetBool("ParentSync"); }));
+}
+
 TEST_F(RelayTest, AParentThatCannotBeUsedIsOutOfSyncAndLoggedOnce) {
     struct Case {
         const char* name;
