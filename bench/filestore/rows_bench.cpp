@@ -1,14 +1,16 @@
-// Cost of one step of the notify and the pull thread beside a growing database:
+// Cost of one step of the notify, pull, push and handler threads beside a growing database:
 //   filestore_rows_bench [ROWS...]      default: 10000 100000 1000000
 // Prints the median elapsed and processor time of a step in milliseconds. The database lies in the folder for
 // temporary files (TMPDIR).
 
 #include <algorithm>
+#include <array>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
 #include <filesystem>
+#include <fstream>
 #include <functional>
 
 #include "filestore/db/file_status.h"
@@ -122,6 +124,69 @@ void MeasureDownload(unsigned long rows) {
             [] { Expect(FileStore::threadPull.DownloadFile() == 0, "a row was due"); });
 }
 
+/// Rows of the upstream database without content in the store.
+void FillUpstream(unsigned long rows, const char* status, std::int64_t changed) {
+    DBConnection& connection = *FileStore::pDbConnectionUpstream;
+    connection.Query("DELETE FROM Files");
+    if (connection.Query(KelFormat(
+            "WITH RECURSIVE n(i) AS (SELECT 0 UNION ALL SELECT i + 1 FROM n WHERE i < %lu) INSERT INTO Files "
+            "(FileId, FileType, FileLabel, FileName, FileChecksum, FileSize, FilePath, FileURL, FileStatus, "
+            "Upstream, CreateTime, LastStatusChangeTime, SourceDevice, FileInfo) SELECT i, 'Inventory', "
+            "'label' || (i %% 97), 'name' || i, printf('%032x', i), 100000, '/var/lib/kel/upstream/name' || "
+            "i, "
+            "'/FileStore/upstream/Inventory/name' || i, '%s', 1, 1000000 + i, %ld, "
+            "'host:1610/0A1B0000-0000-4000-8000-00000000000A', "
+            "'<Container><Value name=\"Fact\" type=\"string\">x</Value></Container>' FROM n",
+            rows - 1, status, changed)) == nullptr)
+        std::abort();
+}
+
+KelString Checksum(int row) {
+    std::array<char, 33> text;
+    std::snprintf(text.data(), text.size(), "%032x", static_cast<unsigned int>(row));
+    return text.data();
+}
+
+void MeasureUpstream(unsigned long rows) {
+    using Outcome = FileStorePushThread::Outcome;
+    const std::int64_t now = std::time(nullptr);
+    FileStorePushThread& push = FileStore::threadPush;
+    bool reached = false;
+    FillFiles(rows, filestore::kStatusToBeRequested, 1);
+    Measure("request one file, all rows due, no parent", rows,
+            [&] { Expect(push.RequestFile(reached) == Outcome::Failed, "an answer without a parent"); });
+    FillUpstream(rows, filestore::kStatusToBeUploaded, 1);
+    Measure("select 50 files to send, all rows due", rows,
+            [&] { Expect(push.SendFile(reached, false) == Outcome::Failed, "a parent"); });
+    Measure("look for archives to send, none among them", rows,
+            [&] { Expect(push.SendFile(reached, true) == Outcome::Nothing, "an archive"); });
+    FileStore::fConcatFiles = true;
+    FileStore::strExcludedFileType = "Identity,Receipt";
+    Measure("look for the types that manual policy sends", rows,
+            [&] { Expect(push.SendFile(reached, false) == Outcome::Nothing, "such a type"); });
+    FileStore::fConcatFiles = false;
+    FillUpstream(rows, filestore::kStatusUploading, 1);
+    Measure("select 50 files to put, all rows due", rows,
+            [&] { Expect(push.UploadFile(reached, false) == Outcome::Failed, "a parent"); });
+    FillUpstream(rows, filestore::kStatusAvailable, now);
+    Measure("look for files to send and put, none", rows, [&] {
+        Expect(push.SendFile(reached, false) == Outcome::Nothing, "a file to send");
+        Expect(push.UploadFile(reached, false) == Outcome::Nothing, "a file to put");
+    });
+    FillUpstream(rows, filestore::kStatusToBeHandled, 1);
+    for (int i = 0; i < kSteps * 50; ++i) {
+        const KelString path = FileStore::StorePath(true, "Inventory", KelFormat("label%d", i % 97),
+                                                    Checksum(i), KelFormat("name%d", i));
+        fs::create_directories(fs::path(path).parent_path());
+        std::ofstream(path) << "x";
+    }
+    Measure("hand over 50 files, nobody wants them", rows,
+            [] { Expect(FileStore::threadHandler.HandleFile(true), "nothing to handle"); });
+    FillUpstream(rows, filestore::kStatusAvailable, 1);
+    Measure("look for files to hand over, none", rows,
+            [] { Expect(!FileStore::threadHandler.HandleFile(true), "a file to handle"); });
+}
+
 void SetUp(const KelString& root) {
     fs::create_directories(root + "/config");
     fs::create_directories(root + "/data");
@@ -130,6 +195,13 @@ void SetUp(const KelString& root) {
     // A parent out of sync: a download that is found ends at the point where its server would be asked.
     ActionDbRegisterAction(
         "RelayGetValues ()", [](KelContainer*) { return 0U; }, kHandle);
+    ActionDbRegisterAction(
+        "IdentityGetGUID ()",
+        [](KelContainer* container) {
+            container->SetString("GUID", "0A1B0000-0000-4000-8000-00000000000A");
+            return 0U;
+        },
+        kHandle);
     ActionDbRegisterAction(
         "BenchReceive ()", [](KelContainer*) { return 0U; }, kHandle);
     CallbackDbRegisterAction("FileStoreCallbackReceivedFile", "BenchReceive ()", "", 0);
@@ -151,6 +223,7 @@ int main(int argc, char** argv) {
     for (const unsigned long rows : sizes) {
         MeasureNotification(rows);
         MeasureDownload(rows);
+        MeasureUpstream(rows);
     }
     FileStore::ModuleCleanup(0);
     ActionDbUnregisterAll(kHandle);

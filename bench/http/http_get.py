@@ -7,99 +7,11 @@ and the ratio ours/nginx are printed. Ours checks a SHA-256 digest in every requ
 import argparse
 import os
 import pathlib
-import re
-import shutil
-import socket
 import statistics
 import subprocess
 import tempfile
-import time
 
-NGINX_CONFIG = """
-worker_processes 2;
-daemon off;
-pid {root}/nginx.pid;
-error_log {root}/error.log;
-{user}
-events {{ worker_connections 4096; }}
-http {{
-    access_log off;
-    default_type application/octet-stream;
-    sendfile on;
-    keepalive_requests 100000000;
-    client_body_temp_path {root}/t1; proxy_temp_path {root}/t2; fastcgi_temp_path {root}/t3;
-    uwsgi_temp_path {root}/t4; scgi_temp_path {root}/t5;
-    server {{
-        listen 127.0.0.1:{port};
-        tcp_nopush {nopush};
-        {cache}
-        auth_basic "bench";
-        auth_basic_user_file {root}/users;
-        location /Files/ {{ alias {files}/; }}
-    }}
-}}
-"""
-
-
-def free_port():
-    with socket.socket() as probe:
-        probe.bind(("127.0.0.1", 0))
-        return probe.getsockname()[1]
-
-
-class Nginx:
-    def __init__(self, root, files, nopush, cache):
-        root.mkdir()
-        self.port = free_port()
-        (root / "users").write_text("bench:{PLAIN}bench-password\n")
-        (root / "nginx.conf").write_text(NGINX_CONFIG.format(
-            root=root, port=self.port, files=files, nopush="on" if nopush else "off",
-            user="user root;" if os.geteuid() == 0 else "",
-            cache="open_file_cache max=2000;" if cache else ""))
-        nginx = shutil.which("nginx") or "/usr/sbin/nginx"
-        self.process = subprocess.Popen([nginx, "-c", str(root / "nginx.conf"), "-p", str(root)],
-                                        stderr=subprocess.DEVNULL)
-        for _ in range(100):
-            with socket.socket() as probe:
-                if probe.connect_ex(("127.0.0.1", self.port)) == 0:
-                    return
-            time.sleep(0.05)
-        raise SystemExit("nginx does not start")
-
-    def stop(self):
-        self.process.terminate()
-        self.process.wait()
-
-
-class Ours:
-    def __init__(self, binaries, root, files):
-        root.mkdir()
-        self.process = subprocess.Popen([binaries / "bench_http_server", root, files], stdin=subprocess.PIPE,
-                                        stdout=subprocess.PIPE, text=True)
-        self.port = int(self.process.stdout.readline())
-
-    def memory_kib(self):
-        status = pathlib.Path(f"/proc/{self.process.pid}/status").read_text()
-        return int(re.search(r"VmRSS:\s+(\d+)", status).group(1))
-
-    def stop(self):
-        self.process.stdin.close()
-        self.process.wait()
-
-
-def cpu_seconds(pid):
-    """User and system time of a process and its children, from /proc."""
-    total = 0
-    for name in os.listdir("/proc"):
-        if not name.isdigit():
-            continue
-        try:
-            fields = pathlib.Path(f"/proc/{name}/stat").read_text().rsplit(")", 1)[1].split()
-        except OSError:
-            continue
-        if int(name) == pid or int(fields[1]) == pid:
-            total += int(fields[11]) + int(fields[12])
-    return total / os.sysconf("SC_CLK_TCK")
+from peers import Nginx, Ours, compare
 
 
 def load(binaries, port, credentials, connections, requests, method, target, names=1):
@@ -107,25 +19,6 @@ def load(binaries, port, credentials, connections, requests, method, target, nam
                                     str(requests), method, target, str(names)], text=True)
     count, seconds, size = text.split()
     return int(count) / float(seconds), int(size) / float(seconds)
-
-
-def compare(title, rounds, peers, measure, unit):
-    results = {name: [] for name in peers}
-    cpu = {name: 0.0 for name in peers}
-    for _ in range(rounds):
-        for name, peer in peers.items():
-            before = cpu_seconds(peer.process.pid)
-            results[name].append(measure(peer))
-            cpu[name] += cpu_seconds(peer.process.pid) - before
-    medians = {name: statistics.median(values) for name, values in results.items()}
-    ours = medians["ours"]
-    best = max(value for name, value in medians.items() if name.startswith("nginx") and "cache" not in name)
-    print(f"\n{title} ({unit}, median of {rounds}; all rounds in brackets)")
-    for name, values in results.items():
-        listed = ", ".join(f"{value:.4g}" for value in values)
-        print(f"  {name:24} {medians[name]:10.4g}   ours/this {ours / medians[name]:.2f}   "
-              f"server CPU {cpu[name]:.2f} s   [{listed}]")
-    print(f"  ratio ours / faster nginx: {ours / best:.2f}", flush=True)
 
 
 def idle_memory(binaries, ours, connections):
@@ -162,9 +55,9 @@ def main():
         ours = Ours(binaries, root / "ours", files)
         servers = {
             "ours": ours,
-            "nginx tcp_nopush off": Nginx(root / "nginx1", files, False, False),
-            "nginx tcp_nopush on": Nginx(root / "nginx2", files, True, False),
-            "nginx open_file_cache": Nginx(root / "nginx3", files, False, True),
+            "nginx tcp_nopush off": Nginx(root / "nginx1", files, "tcp_nopush off;"),
+            "nginx tcp_nopush on": Nginx(root / "nginx2", files, "tcp_nopush on;"),
+            "nginx open_file_cache": Nginx(root / "nginx3", files, "open_file_cache max=2000;"),
         }
         try:
             idle_memory(binaries, ours, 2000)

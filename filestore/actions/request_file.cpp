@@ -117,7 +117,13 @@ void EnsureTarget(std::uint64_t fileId, const Request& request) {
 }
 
 KelString UrlOf(const FileStoreEntry& entry) {
-    if (ActionDbIsActionRegistered("QuarnelDbRunScript") && !entry.FileURL.empty()) return entry.FileURL;
+    const bool hasOwnUrl = entry.ExternalFile || ActionDbIsActionRegistered("QuarnelDbRunScript");
+    if (hasOwnUrl && !entry.FileURL.empty()) return entry.FileURL;
+    // The row of a network package shares the content of the rule package that it was made from.
+    const KelString packagePath =
+        FileStore::StorePath(false, kPackageType, entry.FileLabel, entry.FileChecksum, entry.FileName);
+    if (entry.FileType != kPackageType && entry.FilePath == packagePath)
+        return FileStore::StoreUrl(false, kPackageType, entry.FileLabel, entry.FileChecksum, entry.FileName);
     return FileStore::StoreUrl(false, entry.FileType, entry.FileLabel, entry.FileChecksum, entry.FileName);
 }
 

@@ -63,12 +63,13 @@ KelContainer HandOverArguments(const FileStoreEntry& entry, const KelString& pat
     return arguments;
 }
 
-void DeleteAbsentFile(const FileStoreEntry& entry, bool upstream) {
+bool DeleteAbsentFile(const FileStoreEntry& entry, bool upstream) {
     FileStore::debugFileStore.Error("HandleThread: File %S/%S/%S is not present\n", entry.FileType,
                                     entry.FileLabel, entry.FileName);
     const FileStoreDatabase database = FileStoreGetDatabase(upstream);
     const KelLock lock(database.mutex);
-    database.connection.Query(KelFormat("DELETE FROM %s WHERE %s = %lu", kTableFiles, kFileId, entry.FileId));
+    return database.connection.Query(
+               KelFormat("DELETE FROM %s WHERE %s = %lu", kTableFiles, kFileId, entry.FileId)) != nullptr;
 }
 
 }  // namespace
@@ -126,8 +127,7 @@ void FileStoreHandleThread::HandOver(const FileStoreEntry& entry, bool isLocal, 
     const KelString path =
         FileStore::StorePath(upstream, entry.FileType, entry.FileLabel, entry.FileChecksum, entry.FileName);
     if (!FileExists(path)) {
-        DeleteAbsentFile(entry, upstream);
-        ++rowsMovedOn_;
+        if (DeleteAbsentFile(entry, upstream)) ++rowsMovedOn_;
         return;
     }
     KelContainer results;
@@ -143,14 +143,14 @@ void FileStoreHandleThread::HandOver(const FileStoreEntry& entry, bool isLocal, 
 void FileStoreHandleThread::ApplyAnswers(const Answers& answers, bool upstream) {
     const FileStoreDatabase database = FileStoreGetDatabase(upstream);
     const auto apply = [&database](const IdList& ids, const char* status, std::int64_t time) {
-        if (ids.IsEmpty()) return;
+        if (ids.IsEmpty()) return std::size_t{0};
         const KelLock lock(database.mutex);
-        database.connection.Query(KelFormat("UPDATE %s SET %s = '%s', %s = %gd WHERE %s IN (%S)", kTableFiles,
-                                            kFileStatus, status, kLastStatusChangeTime, time, kFileId,
-                                            ids.Text()));
+        const auto done = database.connection.Query(
+            KelFormat("UPDATE %s SET %s = '%s', %s = %gd WHERE %s IN (%S)", kTableFiles, kFileStatus, status,
+                      kLastStatusChangeTime, time, kFileId, ids.Text()));
+        return done ? ids.Count() : 0;
     };
-    apply(answers.available, kStatusAvailable, 0);
-    apply(answers.upload, kStatusToBeUploaded, 0);
+    rowsMovedOn_ += apply(answers.available, kStatusAvailable, 0);
+    rowsMovedOn_ += apply(answers.upload, kStatusToBeUploaded, 0);
     apply(answers.retry, kStatusToBeHandled, std::time(nullptr));
-    rowsMovedOn_ += answers.available.Count() + answers.upload.Count();
 }

@@ -27,5 +27,6 @@ class FileStoreHandleThread : public FileThreadBase {
     void HandOver(const FileStoreEntry& entry, bool isLocal, bool upstream, Answers& answers);
     void ApplyAnswers(const Answers& answers, bool upstream);
 
-    std::uint64_t rowsMovedOn_ = 0;  ///< ever; while consumers only answer "later", the step must not spin
+    std::uint64_t rowsMovedOn_ = 0;  ///< ever; while consumers only answer "later" or the database takes
+                                     ///< nothing, the step must not spin
 };

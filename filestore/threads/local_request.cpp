@@ -51,9 +51,9 @@ bool FileStoreHandleThread::LocalRequestFile(bool upstream) {
                                             fileId));
     }
     const KelString status = database.connection.ReadString(kTableFiles, kFileStatus, kFileId, fileId);
-    ++rowsMovedOn_;
     if (status == kStatusMissing)
         return DecideMissing(fileId, upstream, FileStore::CheckHandlerResult(results, kAnswerRequestKnown));
+    ++rowsMovedOn_;
     if (status == kStatusAvailable || status == kStatusNotRelaysChild) FileStore::threadNotify.WakeUp();
     return true;
 }
@@ -64,7 +64,9 @@ bool FileStoreHandleThread::DecideMissing(std::uint64_t fileId, bool upstream, b
     const FileStoreDatabase database = FileStoreGetDatabase(upstream);
     if (ActionDbIsActionRegistered("QuarnelDbRunScript")) {
         const KelLock lock(database.mutex);
-        database.connection.Query(KelFormat("DELETE FROM %s WHERE %s = %lu", kTableFiles, kFileId, fileId));
+        if (database.connection.Query(
+                KelFormat("DELETE FROM %s WHERE %s = %lu", kTableFiles, kFileId, fileId)))
+            ++rowsMovedOn_;
         if (!upstream)
             database.connection.Query(
                 KelFormat("DELETE FROM %s WHERE %s = %lu", kTableTargets, kFileId, fileId));
@@ -77,6 +79,8 @@ bool FileStoreHandleThread::DecideMissing(std::uint64_t fileId, bool upstream, b
         const KelLock lock(database.mutex);
         FileStore::UpdateFileStatus(database.connection, fileId, kStatusToBeRequested, 0, 0);
     }
+    if (database.connection.ReadString(kTableFiles, kFileStatus, kFileId, fileId) != kStatusMissing)
+        ++rowsMovedOn_;
     if (!FileStore::fConcatFiles) FileStore::threadPush.WakeUp();
     return true;
 }

@@ -82,6 +82,7 @@ void OfferUpstream(const FileStoreEntry& handled, const KelString& path, KelCont
     if (!reserved || !FileCopy(path, copy, false)) {
         FileStore::debugFileStore.Error(
             "HandleThread: Cannot copy package '%S' for its way up: check the space\n", path);
+        if (reserved) FileDelete(copy);
         return;
     }
     info.SetInt32("SendingToMaster", 1);

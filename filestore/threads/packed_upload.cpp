@@ -5,7 +5,12 @@
 #include "filestore/threads/stored_file.h"
 #include "filestore/transfer/upload_policy.h"
 #include "kel/file.h"
+#include "kel/path.h"
+#include "kel/text.h"
 #include "kelcore/action_db.h"
+#include "kelcore/archive.h"
+
+#include <algorithm>
 
 namespace filestore {
 
@@ -13,6 +18,28 @@ namespace {
 
 constexpr int kTries = 5;
 constexpr std::uint64_t kPauseBetweenTries = 50;  // milliseconds
+
+/// "upstream/type/label/checksum/name" or the index.
+bool IsPackedEntry(const KelString& name) {
+    if (name == kPackingIndexEntry) return true;
+    const KelVector<KelString> parts = SplitText(name, '/');
+    return parts.size() == 5 && parts[0] == "upstream" &&
+           std::all_of(parts.begin(), parts.end(),
+                       [](const KelString& part) { return IsSafePathElement(part); });
+}
+
+/// The archive is unpacked over the storage folder, which also holds what goes down the tree and may hold the
+/// databases: a sender must not replace those. An archive that cannot be listed is left to the extraction.
+bool HoldsPackedFilesOnly(const FileStoreEntry& archive) {
+    const auto names = ListArchiveEntries(archive.FilePath);
+    if (!names) return true;
+    const auto foreign = std::find_if_not(names->begin(), names->end(), IsPackedEntry);
+    if (foreign == names->end()) return true;
+    FileStore::debugFileStore.Error(
+        "CallbackThread: Refusing packedfile %S from %S: its entry '%S' is no upstream file\n",
+        archive.FilePath, archive.SourceDevice, *foreign);
+    return false;
+}
 
 bool Extract(KelThread& thread, const FileStoreEntry& archive) {
     for (int number = 1;; ++number) {
@@ -70,11 +97,12 @@ bool EnterPackedFile(const KelContainer& record, const FileStoreEntry& archive,
 }  // namespace
 
 void UnpackUpload(KelThread& thread, const FileStoreEntry& archive, const KelString& targetStatus) {
-    if (!Extract(thread, archive)) return;
+    if (!HoldsPackedFilesOnly(archive) || !Extract(thread, archive)) return;
     const KelString indexPath = TakeIndex(archive);
     if (indexPath.empty()) return;
     KelContainer index;
     const KelStatus loaded = index.LoadFromFile(indexPath);
+    FileDelete(indexPath);
     FileStore::debugFileStore.Print("Processing file %S\n", indexPath);
     if (!loaded || !index.Has("PackedFile"))
         FileStore::debugFileStore.Error("CallbackThread: %S file does not contains required data.\n",
@@ -83,7 +111,6 @@ void UnpackUpload(KelThread& thread, const FileStoreEntry& archive, const KelStr
     for (std::uint32_t i = 0; i < count; ++i)
         if (!EnterPackedFile(index.GetContainer("PackedFile", i), archive, targetStatus)) return;
     FileStore::debugFileStore.Print("File %S processed\n", archive.FileName);
-    FileDelete(indexPath);
     DeleteUpstreamRow(archive.FileId);
     DeleteFileAndFolder(archive.FilePath);
 }

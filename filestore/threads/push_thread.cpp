@@ -12,11 +12,11 @@ namespace {
 
 /// False also when the database cannot tell.
 bool HasFilesToPack() {
-    const auto row = FileStore::pDbConnectionUpstream->Query(
-        KelFormat("SELECT %s FROM %s WHERE %s IN ('%s', '%s') AND %s <> 0 AND %s <> '' AND %s <> '%s' LIMIT 1",
-                  filestore::kFileId, filestore::kTableFiles, filestore::kFileStatus,
-                  filestore::kStatusToBeUploaded, filestore::kStatusToBePacked, filestore::kUpstream,
-                  filestore::kSourceDevice, filestore::kFileType, filestore::kPackedFilesType));
+    const auto row = FileStore::pDbConnectionUpstream->Query(KelFormat(
+        "SELECT %s FROM %s WHERE %s IN ('%s', '%s') AND %s <> 0 AND %s <> '' AND %s <> '%s' LIMIT 1",
+        filestore::kFileId, filestore::kTableFiles, filestore::kFileStatus, filestore::kStatusToBeUploaded,
+        filestore::kStatusToBePacked, filestore::kUpstream, filestore::kSourceDevice, filestore::kFileType,
+        filestore::kPackedFilesType));
     return row && row->GetRowCount() != 0;
 }
 

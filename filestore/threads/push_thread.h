@@ -58,7 +58,7 @@ class FileStorePushThread : public FileThreadBase {
     bool SendRow(const FileStoreEntry& entry, const KelString& parentUrl, Batch& batch, bool& reachedParent);
     bool HandleRefusal(const FileStoreEntry& entry, unsigned int error);
     bool CreateArchive(const KelContainer& index);
-    void CommitBatch(const Batch& batch);
+    bool CommitBatch(const Batch& batch);
 
     // upload_step.cpp
     void TakeRow(const FileStoreEntry& entry, UploadBatch& batch);

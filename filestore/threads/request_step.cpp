@@ -50,7 +50,7 @@ KelString ChecksumOf(const DBResult& row, const KelContainer& answer) {
     return known.empty() && !given.empty() && CheckKeyPart(kFileChecksum, given, true) ? given : known;
 }
 
-void RecordAnswer(const DBResult& row, const KelContainer& answer) {
+bool RecordAnswer(const DBResult& row, const KelContainer& answer) {
     const KelString url = UrlOf(answer);
     KelString status = kStatusToBeRequested;
     auto time = static_cast<std::uint32_t>(std::time(nullptr));
@@ -62,11 +62,11 @@ void RecordAnswer(const DBResult& row, const KelContainer& answer) {
         time = 0;
     }
     const KelLock lock(FileStore::mutexDownstream);
-    FileStore::pDbConnectionDownstream->Query(
-        KelFormat("UPDATE %s SET %s = '%S', %s = %u, %s = '%Q', %s = %u, %s = '%S' WHERE %s = %ld",
-                  kTableFiles, kFileStatus, status, kLastStatusChangeTime, time, kFileUrl, url, kKeepCopy,
-                  static_cast<std::uint32_t>(answer.GetInt32(kKeepCopy)), kFileChecksum,
-                  ChecksumOf(row, answer), kFileId, row.GetInt64(0, kFileId)));
+    return FileStore::pDbConnectionDownstream->Query(
+               KelFormat("UPDATE %s SET %s = '%S', %s = %u, %s = '%Q', %s = %u, %s = '%S' WHERE %s = %ld",
+                         kTableFiles, kFileStatus, status, kLastStatusChangeTime, time, kFileUrl, url,
+                         kKeepCopy, static_cast<std::uint32_t>(answer.GetInt32(kKeepCopy)), kFileChecksum,
+                         ChecksumOf(row, answer), kFileId, row.GetInt64(0, kFileId))) != nullptr;
 }
 
 }  // namespace
@@ -113,6 +113,5 @@ FileStorePushThread::Outcome FileStorePushThread::RequestFile(bool& reachedParen
     reachedParent = true;
     FileStore::debugFileStore.Detail("PushThread: Request upstream returned %u, URL %S\n", error,
                                      call.GetString(kFileUrl));
-    RecordAnswer(*row, call);
-    return Outcome::Done;
+    return RecordAnswer(*row, call) ? Outcome::Done : Outcome::Failed;
 }

@@ -7,7 +7,6 @@
 #include "filestore/transfer/file_record.h"
 #include "filestore/transfer/http_transfer.h"
 #include "filestore/transfer/upload_policy.h"
-#include "kel/checksum.h"
 #include "kel/file.h"
 #include "kel/text.h"
 #include "kelcore/action_db.h"
@@ -73,8 +72,7 @@ FileStorePushThread::Outcome FileStorePushThread::SendFile(bool& reachedParent, 
         if (!CreateArchive(batch.index)) return Outcome::Failed;
         indexedFiles_ = batch.packed;
     }
-    CommitBatch(batch);
-    return Outcome::Done;
+    return CommitBatch(batch) ? Outcome::Done : Outcome::Failed;
 }
 
 /// False when the batch must end here.
@@ -96,7 +94,9 @@ bool FileStorePushThread::SendRow(const FileStoreEntry& entry, const KelString& 
     const unsigned int error =
         ActionDbInvokeContainer(nullptr, parentUrl, kOfferAction, record, 0, -1, -1, nullptr);
     if (error != 0) return HandleRefusal(entry, error);
-    batch.updates.push_back(UpdateStatement(entry.FileId, kStatusUploading, record.GetString(kFileUrl)));
+    const KelString url = record.GetString(kFileUrl);
+    if (!url.starts_with('/') || HasControlCharacter(url)) return HandleRefusal(entry, kKelErrorBadInput);
+    batch.updates.push_back(UpdateStatement(entry.FileId, kStatusUploading, url));
     reachedParent = true;
     return true;
 }
@@ -150,11 +150,11 @@ bool FileStorePushThread::CreateArchive(const KelContainer& index) {
     return created;
 }
 
-void FileStorePushThread::CommitBatch(const Batch& batch) {
-    if (batch.updates.empty()) return;
+bool FileStorePushThread::CommitBatch(const Batch& batch) {
+    if (batch.updates.empty()) return true;
     const KelLock lock(FileStore::mutexUpstream);
     DBTransaction transaction(*FileStore::pDbConnectionUpstream);
     for (const KelString& update : batch.updates)
-        FileStore::pDbConnectionUpstream->Query(update);
-    transaction.Commit();
+        if (FileStore::pDbConnectionUpstream->Query(update) == nullptr) return false;
+    return transaction.Commit();
 }

@@ -44,6 +44,12 @@ bool IsPackageForUs(const FileStoreEntry& entry) {
 void RejectPackage(const FileStoreEntry& entry) {
     const KelContainer info = FileInfoOf(entry.FileInfo, entry.FileName);
     const KelString action = RejectingAction(info.GetString("PackageType"));
+    if (action.empty()) {
+        FileStore::debugFileStore.Error(
+            "CallbackThread: Package %S has the unknown type '%S': its relay cannot be told, it stays\n",
+            entry.FilePath, info.GetString("PackageType"));
+        return;
+    }
     const KelString address = info.GetString("AdministratedRelayAddrPort");
     KelContainer call;
     call.SetString("PackageRelativePath", info.GetString("PackageRelativePath"));

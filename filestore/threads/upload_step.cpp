@@ -26,18 +26,18 @@ std::shared_ptr<const DBResult> SelectFilesToUpload(const KelString& policyFilte
                   kStatusToBePacked, policyFilter, BypassFilter(), UploadBatchSize()));
 }
 
-void DeleteRow(std::uint64_t fileId, const KelString& path) {
+bool DeleteRow(std::uint64_t fileId, const KelString& path) {
     FileStore::debugFileStore.Error("PushThread: File %S is not present\n", path);
     const KelLock lock(FileStore::mutexUpstream);
-    FileStore::pDbConnectionUpstream->Query(
-        KelFormat("DELETE FROM %s WHERE %s = %lu", kTableFiles, kFileId, fileId));
+    return FileStore::pDbConnectionUpstream->Query(
+               KelFormat("DELETE FROM %s WHERE %s = %lu", kTableFiles, kFileId, fileId)) != nullptr;
 }
 
-void SetStatus(const IdList& ids, const char* status) {
-    if (ids.IsEmpty()) return;
-    FileStore::pDbConnectionUpstream->Query(KelFormat("UPDATE %s SET %s = '%s', %s = 0 WHERE %s IN (%S)",
-                                                      kTableFiles, kFileStatus, status, kLastStatusChangeTime,
-                                                      kFileId, ids.Text()));
+bool SetStatus(const IdList& ids, const char* status) {
+    if (ids.IsEmpty()) return true;
+    return FileStore::pDbConnectionUpstream->Query(
+               KelFormat("UPDATE %s SET %s = '%s', %s = 0 WHERE %s IN (%S)", kTableFiles, kFileStatus, status,
+                         kLastStatusChangeTime, kFileId, ids.Text())) != nullptr;
 }
 
 std::unique_ptr<GenericArchive> OpenArchive() {
@@ -81,8 +81,9 @@ FileStorePushThread::Outcome FileStorePushThread::UploadFile(bool& reachedParent
     if (!batch.packed.IsEmpty() || batch.failed) FinishArchive(batch);
     if (!batch.failed) {
         const KelLock lock(FileStore::mutexUpstream);
-        SetStatus(batch.packed, kStatusPackedFile);
-        SetStatus(batch.uploaded, kStatusAvailable);
+        const bool packedKept = SetStatus(batch.packed, kStatusPackedFile);
+        const bool uploadedKept = SetStatus(batch.uploaded, kStatusAvailable);
+        if (!packedKept || !uploadedKept) return Outcome::Failed;
     }
     return batch.uploadFailed ? Outcome::Failed : Outcome::Done;
 }
@@ -91,8 +92,7 @@ void FileStorePushThread::TakeRow(const FileStoreEntry& entry, UploadBatch& batc
     const KelString path =
         FileStore::StorePath(true, entry.FileType, entry.FileLabel, entry.FileChecksum, entry.FileName);
     if (!FileExists(path)) {
-        DeleteRow(entry.FileId, path);
-        ++rowsTaken_;
+        if (DeleteRow(entry.FileId, path)) ++rowsTaken_;
     } else if (entry.FileStatus == kStatusToBePacked) {
         PackRow(entry, path, batch);
     } else if (UploadRow(entry, path, batch.parentUrl)) {
@@ -138,7 +138,7 @@ void FileStorePushThread::FinishArchive(UploadBatch& batch) {
     batch.archive.reset();
     indexedFiles_.clear();
     if (!batch.failed && !EnterArchive()) batch.failed = true;
-    if (batch.failed) FileDelete(FileStore::strArchiveFilePath);
+    if (batch.failed && !FileStore::strArchiveFilePath.empty()) FileDelete(FileStore::strArchiveFilePath);
     FileStore::strArchiveFilePath.clear();
     if (!batch.failed && FileStore::fProcessManualUpload)
         FileStore::uCurrent += static_cast<std::uint32_t>(batch.packed.Count());

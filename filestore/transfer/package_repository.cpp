@@ -45,11 +45,12 @@ KelContainer RelayDescription() {
 /// copy travels.
 void OfferUpstream(const FileStoreEntry& file, const KelString& path) {
     KelString copy;
-    UniqueFd descriptor = FileCreateTemp(FileStore::strModuleDataPath + "/Temp", copy);
+    const UniqueFd descriptor = FileCreateTemp(FileStore::strModuleDataPath + "/Temp", copy);
     if (!descriptor || !FileCopy(path, copy, false)) {
         FileStore::debugFileStore.Error(
             "Cannot copy '%S' from the package repository: check the space of '%S'\n", path,
             FileStore::strModuleDataPath);
+        if (descriptor) FileDelete(copy);
         return;
     }
     KelContainer info = FileInfoOf(file.FileInfo, file.FileName);

@@ -79,6 +79,9 @@ Announced TakeUpAgain(FileStoreEntry& known, const FileStoreEntry& offered, cons
         known.FilePath =
             FileStore::StorePath(false, known.FileType, known.FileLabel, known.FileChecksum, known.FileName);
     }
+    // The time of a request that was waiting for an answer; the download does not wait for it.
+    if (known.FileStatus == kStatusToBeRequested || known.FileStatus == kStatusMissing)
+        known.LastStatusChangeTime = 0;
     known.FileStatus = kStatusDownloading;
     known.KeepCopy = offered.KeepCopy;
     known.Bypass = offered.Bypass;

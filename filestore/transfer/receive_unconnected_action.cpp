@@ -1,5 +1,3 @@
-#include <ctime>
-
 #include "filestore/db/file_status.h"
 #include "filestore/module/file_store.h"
 #include "filestore/transfer/local_source.h"
@@ -49,7 +47,7 @@ void SetNextStatus(const KelString& url) {
         if (fileId == 0) return;
         FileStore::UpdateFileStatus(*FileStore::pDbConnectionUpstream, fileId,
                                     isMaster ? filestore::kStatusToBeHandled : filestore::kStatusToBeUploaded,
-                                    static_cast<unsigned long>(std::time(nullptr)), 0);
+                                    0, 0);  // at once, no retry pause
     }
     if (!isMaster && !FileStore::fConcatFiles) FileStore::threadPush.WakeUp();
 }

@@ -94,6 +94,12 @@ int FileStore::ReceiveUpstreamLocalFile(KelContainer& arguments, const KelString
         debugFileStore.Warning("Refusing an offer whose file '%S' cannot be read\n", source.path);
         return kKelErrorBadInput;
     }
+    if (entry.FileSize == 0) {
+        debugFileStore.Warning(
+            "Refusing the empty file '%S': no device above would take it, so it could never be delivered\n",
+            source.path);
+        return kKelErrorBadInput;
+    }
     if (!PlaceContent(source, StoreFolder(true, type, label, checksum), path, false) || !Record(entry))
         return kKelErrorBadInput;
     threadHandler.WakeUp();

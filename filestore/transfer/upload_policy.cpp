@@ -4,11 +4,15 @@
 #include "filestore/module/file_store.h"
 #include "kel/text.h"
 
+#include <algorithm>
+
 namespace filestore {
 
 namespace {
 
 constexpr unsigned int kBatchSize = 50;
+constexpr unsigned int kMostPackedFiles =
+    9999;  ///< receivers unpack 10000 entries by default, index included
 
 KelString ExcludedTypes() {
     const KelLock lock(FileStore::mutexSettings);
@@ -60,7 +64,8 @@ bool IsUploadAllowed() {
 }
 
 unsigned int UploadBatchSize() {
-    return FileStore::fConcatFiles ? FileStore::uMaxFilesToConcat.load() : kBatchSize;
+    return FileStore::fConcatFiles ? std::clamp(FileStore::uMaxFilesToConcat.load(), 1U, kMostPackedFiles)
+                                   : kBatchSize;
 }
 
 }  // namespace filestore

@@ -1,3 +1,5 @@
+#include <tuple>
+
 #include "filestore/file_store_fixture.h"
 
 namespace {
@@ -112,16 +114,28 @@ const Selection kSelections[] = {
      "LastStatusChangeTime, Priority FROM Files WHERE FileStatus = " STATUS(
          "TOBEREQUESTED") " AND LastStatusChangeTime < 1000  ORDER BY LastStatusChangeTime LIMIT 1"},
     {"RequestingTarget", false, "SELECT TargetId FROM Targets WHERE FileId = 1 AND DeviceGUID LIKE 'd%'"},
+    {"RequestBypassOnly", false,
+     "SELECT FileId, FileType, FileLabel, FileName, FileChecksum, Bypass, FileInfo, FileStatus, "
+     "LastStatusChangeTime, Priority FROM Files WHERE FileStatus = " STATUS(
+         "TOBEREQUESTED") " AND LastStatusChangeTime < 1000 AND Bypass = 1 ORDER BY LastStatusChangeTime "
+                          "LIMIT "
+                          "1"},
+    {"LocalRequestUpstream", true,
+     "SELECT FileId, FileType, FileLabel, FileName, FileChecksum, Bypass, FileInfo, Upstream, Priority, "
+     "FileStatus FROM Files WHERE FileStatus = " STATUS("MISSING") " LIMIT 1"},
+    {"RulePackageByKey", false,
+     "SELECT FileId FROM Files WHERE FileType = 'OperationalRulePackage' AND FileLabel = 'l' AND FileName = "
+     "'n' AND FileChecksum = 'c' "},
+    {"LocalRequester", false, "SELECT TargetId FROM Targets WHERE FileId = 1 AND DeviceGUID = ''"},
     {"ManualUploadCount", true,
      "SELECT COUNT (*) FROM Files WHERE FileStatus = " STATUS(
          "TOBEUPLOADED") " AND Upstream <> 0 AND SourceDevice <> '' "},
-    {"Send", true,
-     "SELECT * FROM Files WHERE FileStatus IN (" STATUS("TOBEUPLOADED") ", " STATUS(
-         "TOBEPACKED") ") AND Upstream <> 0 AND SourceDevice <> ''   LIMIT 50"},
-    {"Upload", true,
-     "SELECT FileId, FileType, FileLabel, FileName, FileChecksum, FileURL, Bypass, LastStatusChangeTime, "
-     "FileStatus FROM Files WHERE FileStatus IN (" STATUS("UPLOADING") ", " STATUS(
-         "TOBEPACKED") ")   LIMIT 50"},
+    {"ManualUploadRest", true,
+     "SELECT FileId FROM Files WHERE FileStatus IN (" STATUS("TOBEUPLOADED") ", " STATUS(
+         "TOBEPACKED") ") AND Upstream <> 0 AND SourceDevice <> '' AND FileType <> 'FileStorePackedFiles' "
+                       "LIMIT 1"},
+    {"ArrivedUploads", true,
+     "SELECT FileURL, FilePath, FileSize FROM Files WHERE FileStatus = " STATUS("RECEIVING")},
     {"DeliveredUpstream", true,
      "SELECT FileId, FilePath, FileStatus, KeepCopy, ExternalFile, Upstream, Acknowledged FROM Files WHERE "
      "FileStatus IN (" STATUS("AVAILABLE") ", " STATUS("NOTRELAYSCHILD") ", " STATUS(
@@ -184,6 +198,48 @@ TEST_P(QueryPlan, SearchesAnIndexAndNeverSortsARowOrderThatAnIndexGives) {
 
 INSTANTIATE_TEST_SUITE_P(Module, QueryPlan, ::testing::ValuesIn(kSelections),
                          [](const auto& tested) { return KelString(tested.param.name); });
+
+struct Filter {
+    const char* policy;
+    bool isArchives;
+};
+
+class WaitingPlan : public FileStoreTest,
+                    public ::testing::WithParamInterface<std::tuple<Filter, const char*>> {
+  protected:
+    static KelString Plan(const KelString& statement) {
+        const auto result = Upstream().Query("EXPLAIN QUERY PLAN " + statement);
+        EXPECT_TRUE(result && result->GetRowCount() == 1) << statement;
+        return result ? result->GetString(0, "detail") : KelString();
+    }
+};
+
+/// A row that failed a moment ago ends a batch, so it must come behind those that wait longer: whatever the
+/// policy and the window let pass is read from an index in the order of the last change.
+TEST_P(WaitingPlan, TakesTheRowsOfAStatusInTheOrderOfTheirLastChange) {
+    Initialise();
+    const auto& [filter, bypass] = GetParam();
+    const KelString end = KelString(filter.policy) + " " + bypass + " LIMIT 50";
+    EXPECT_EQ(Plan("SELECT * FROM Files WHERE FileStatus IN (" STATUS("TOBEUPLOADED") ", " STATUS(
+                       "TOBEPACKED") ") AND Upstream <> 0 AND SourceDevice <> '' " +
+                   end),
+              KelString("SEARCH Files USING INDEX ") + (filter.isArchives ? "WorkArchive" : "WorkSend") +
+                  " (FileStatus=?)");
+    EXPECT_EQ(Plan("SELECT FileId, FileType, FileLabel, FileName, FileChecksum, FileURL, Bypass, "
+                   "LastStatusChangeTime, FileStatus FROM Files WHERE FileStatus IN (" STATUS(
+                       "UPLOADING") ", " STATUS("TOBEPACKED") ") " +
+                   end),
+              KelString("SEARCH Files USING INDEX ") + (filter.isArchives ? "WorkArchive" : "WorkUpload") +
+                  " (FileStatus=?)");
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Upstream, WaitingPlan,
+    ::testing::Combine(::testing::Values(Filter{"", false},
+                                         Filter{" AND FileType = 'FileStorePackedFiles'", true},
+                                         Filter{" AND (FileType = 'a') ", false},
+                                         Filter{" AND (FileType = 'a' OR FileType = 'b') ", false}),
+                       ::testing::Values("", "AND Bypass = 1")));
 
 using DeliveredPlan = FileStoreTest;
 

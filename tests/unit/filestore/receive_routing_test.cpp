@@ -71,6 +71,21 @@ TEST_F(ReceiveRoutingTest, UnreadableSourceIsRefusedAndNothingIsRecorded) {
     EXPECT_EQ(Everything(), before);
 }
 
+/// No device above would take it: it would be offered for ever.
+TEST_F(ReceiveRoutingTest, EmptyFileIsNotTakenForTheWayUp) {
+    for (const char* value : {"MovePath", "CopyPath", "FilePath"}) {
+        SCOPED_TRACE(value);
+        KelContainer offer = Offer("t", "");
+        offer.SetString(value, MakeFile("empty", ""));
+        offer.SetBool("Upstream", true);
+        const KelString before = Everything();
+        ClearLog();
+        EXPECT_EQ(Receive(offer), 1U);
+        EXPECT_TRUE(HasLogged(KelDebugLevel::Warning, "Refusing the empty file '" + Root() + "/empty'"));
+        EXPECT_EQ(Everything(), before);
+    }
+}
+
 TEST_F(ReceiveRoutingTest, KnownUpstreamFileIsHandledAgainOnlyWhenAvailable) {
     for (const auto& [status, expected] :
          {std::pair{kStatusAvailable, kStatusToBeHandled}, {kStatusUploading, kStatusUploading}}) {

@@ -26,6 +26,15 @@ bool ReadMore(int fd, KelString& text) {
     return true;
 }
 
+void SendAll(int fd, const KelString& text) {
+    std::size_t sent = 0;
+    while (sent < text.size()) {
+        const ssize_t step = send(fd, text.data() + sent, text.size() - sent, MSG_NOSIGNAL);
+        if (step <= 0) return;
+        sent += static_cast<std::size_t>(step);
+    }
+}
+
 bool ReadRequest(int fd, ScriptedServer::Request& request) {
     KelString text;
     while (text.find("\r\n\r\n") == KelString::npos)
@@ -36,18 +45,13 @@ bool ReadRequest(int fd, ScriptedServer::Request& request) {
     const std::size_t blank = request.head.find(' ');
     request.method = request.head.substr(0, blank);
     request.path = request.head.substr(blank + 1, request.head.find(' ', blank + 1) - blank - 1);
+    if (!request.Header("Expect").empty()) {
+        if (request.Header("Authorization").empty()) return true;  // it is refused before its body comes
+        SendAll(fd, "HTTP/1.1 100 Continue\r\n\r\n");
+    }
     while (request.body.size() < ContentLength(request))
         if (!ReadMore(fd, request.body)) return false;
     return true;
-}
-
-void SendAll(int fd, const KelString& text) {
-    std::size_t sent = 0;
-    while (sent < text.size()) {
-        const ssize_t step = send(fd, text.data() + sent, text.size() - sent, MSG_NOSIGNAL);
-        if (step <= 0) return;
-        sent += static_cast<std::size_t>(step);
-    }
 }
 
 }  // namespace
