@@ -1,7 +1,9 @@
 #include "kelcore/archive.h"
 
+#include <fcntl.h>
 #include <unistd.h>
 #include <zip.h>
+#include <zlib.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -58,6 +60,29 @@ std::optional<KelVector<KelString>> ListArchiveEntries(const KelString& path) {
 void GenericArchive::Discard::operator()(zip* archive) const {
     zip_discard(archive);
 }
+
+namespace {
+
+constexpr std::size_t kSampleBytes = std::size_t{64} << 10;
+constexpr std::int64_t kShrinkMatters = 1 << 20;  ///< bytes; smaller files are no bombs to anybody
+constexpr std::size_t kSuspectRatio = 50;
+
+/// True when a large file begins with content that deflate makes vanish: receivers take an entry that unpacks
+/// to a thousand times its packed size for a trap and would refuse the archive.
+bool LooksLikeBomb(const KelString& path) {
+    if (FileGetSize64(path) <= kShrinkMatters) return false;
+    const UniqueFd file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    KelVector<unsigned char> sample(kSampleBytes);
+    const ssize_t read = file ? pread(file.Get(), sample.data(), sample.size(), 0) : -1;
+    if (read <= 0) return false;
+    uLongf packedBytes = compressBound(static_cast<uLong>(read));
+    KelVector<unsigned char> packed(packedBytes);
+    if (compress2(packed.data(), &packedBytes, sample.data(), static_cast<uLong>(read), 6) != Z_OK)
+        return false;
+    return packedBytes * kSuspectRatio < static_cast<std::size_t>(read);
+}
+
+}  // namespace
 
 GenericArchive::GenericArchive(int kind) : kind_(kind) {}
 
@@ -121,8 +146,10 @@ unsigned int GenericArchive::AddEntry(const KelString& entryName, const KelStrin
         return Fail(exists ? kArchiveHasEntry : kArchiveBadInput,
                     entryName + ": " + zip_strerror(zip_.get()));
     }
+    const bool stored = level == 0 || LooksLikeBomb(sourcePath);
     zip_set_file_compression(zip_.get(), static_cast<zip_uint64_t>(index),
-                             level == 0 ? ZIP_CM_STORE : ZIP_CM_DEFLATE, static_cast<zip_uint32_t>(level));
+                             stored ? ZIP_CM_STORE : ZIP_CM_DEFLATE,
+                             stored ? 0 : static_cast<zip_uint32_t>(level));
     changed_ = true;
     if (progress) progress_ = std::move(progress);
     return kArchiveDone;

@@ -46,7 +46,8 @@ class GenericArchive {
     bool IsOpen() const { return zip_ != nullptr; }
 
     /// Adds the file `sourcePath` as `entryName`, a relative path with "/" between its elements, deflated at
-    /// `level` (1 fast to 9 small; 0: stored). The file is read by Close and must stay until then. The
+    /// `level` (1 fast to 9 small; 0: stored). A large file that would all but vanish is stored too:
+    /// receivers take such an entry for a trap. The file is read by Close and must stay until then. The
     /// `progress` given last is the one that Close tells.
     unsigned int AddEntry(const KelString& entryName, const KelString& sourcePath, int level,
                           Progress progress = {});

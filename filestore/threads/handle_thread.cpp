@@ -25,22 +25,23 @@ constexpr unsigned int kAnswerStaysHere = 44003;
 std::shared_ptr<const DBResult> SelectFilesToHandle(bool upstream) {
     DBConnection& connection = FileStoreGetDatabase(upstream).connection;
     if (upstream)
-        return connection.Query(
-            KelFormat("SELECT %s, %s, %s, %s, %s, %s, %s, %s, %s, %s, %s, 1 AS ISLOCAL FROM %s WHERE %s = "
-                      "'%s' ORDER BY %s ASC "
-                      "LIMIT %u",
-                      kFileId, kFileType, kFileLabel, kFileName, kFileChecksum, kSourceDevice, kFirstRelay,
-                      kUpstream, kFileInfo, kPriority, kFileSize, kTableFiles, kFileStatus,
-                      kStatusToBeHandled, kFileId, kBatchSize));
+        return connection.Query(KelFormat(
+            "SELECT %s, %s, %s, %s, %s, %s, %s, %s, %s, %s, %s, %s, %s, 1 AS ISLOCAL FROM %s WHERE %s = "
+            "'%s' ORDER BY %s ASC "
+            "LIMIT %u",
+            kFileId, kFileType, kFileLabel, kFileName, kFileChecksum, kSourceDevice, kFirstRelay, kUpstream,
+            kFileInfo, kPriority, kFileSize, kFilePath, kExternalFile, kTableFiles, kFileStatus,
+            kStatusToBeHandled, kFileId, kBatchSize));
     return connection.Query(KelFormat(
-        "SELECT JFILES.%s AS %s, %s, %s, %s, %s, %s, %s, %s, %s, %s, %s, JTARGETS.%s IS NULL AS ISLOCAL FROM "
+        "SELECT JFILES.%s AS %s, %s, %s, %s, %s, %s, %s, %s, %s, %s, %s, %s, %s, JTARGETS.%s IS NULL AS "
+        "ISLOCAL FROM "
         "%s AS "
         "JFILES LEFT JOIN %s AS JTARGETS ON JFILES.%s = JTARGETS.%s AND %s = '' WHERE %s = '%s' ORDER BY "
         "JFILES.%s ASC "
         "LIMIT %u",
         kFileId, kFileId, kFileType, kFileLabel, kFileName, kFileChecksum, kSourceDevice, kFirstRelay,
-        kUpstream, kFileInfo, kPriority, kFileSize, kTargetId, kTableFiles, kTableTargets, kFileId, kFileId,
-        kDeviceGuid, kFileStatus, kStatusToBeHandled, kFileId, kBatchSize));
+        kUpstream, kFileInfo, kPriority, kFileSize, kFilePath, kExternalFile, kTargetId, kTableFiles,
+        kTableTargets, kFileId, kFileId, kDeviceGuid, kFileStatus, kStatusToBeHandled, kFileId, kBatchSize));
 }
 
 const char* CallbackOf(bool isLocal, bool upstream) {
@@ -124,8 +125,7 @@ void FileStoreHandleThread::HandOver(const FileStoreEntry& entry, bool isLocal, 
                                      Answers& answers) {
     FileStore::debugFileStore.Trace("HandleThread: Handling %S/%S/%S\n", entry.FileType, entry.FileLabel,
                                     entry.FileName);
-    const KelString path =
-        FileStore::StorePath(upstream, entry.FileType, entry.FileLabel, entry.FileChecksum, entry.FileName);
+    const KelString path = ContentPath(entry, upstream);
     if (!FileExists(path)) {
         if (DeleteAbsentFile(entry, upstream)) ++rowsMovedOn_;
         return;

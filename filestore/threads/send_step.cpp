@@ -20,6 +20,10 @@ namespace {
 constexpr const char* kOfferAction = "FileStoreReceiveFile";
 constexpr int kArchiveLevel = 6;
 
+/// Unpacked bytes of one archive: receivers refuse what unpacks to more than they are set to take. A file
+/// above it travels on its own.
+constexpr std::int64_t kMaxArchiveBytes = std::int64_t{1} << 30;
+
 std::shared_ptr<const DBResult> SelectFilesToSend(const KelString& policyFilter) {
     return FileStore::pDbConnectionUpstream->Query(
         KelFormat("SELECT * FROM %s WHERE %s IN ('%s', '%s') AND %s <> 0 AND %s <> '' %S %S LIMIT %u",
@@ -38,7 +42,7 @@ KelString UpdateStatement(std::uint64_t fileId, const char* status, const KelStr
 }
 
 bool IsToBePacked(const FileStoreEntry& entry) {
-    return IsPacking() && entry.FileType != kPackedFilesType;
+    return IsPacking() && entry.FileType != kPackedFilesType && entry.FileSize <= kMaxArchiveBytes;
 }
 
 }  // namespace
@@ -47,6 +51,7 @@ bool IsToBePacked(const FileStoreEntry& entry) {
 struct FileStorePushThread::Batch {
     KelContainer index;
     std::set<std::uint64_t> packed;
+    std::int64_t packedBytes = 0;
     KelVector<KelString> updates;
 };
 
@@ -65,6 +70,8 @@ FileStorePushThread::Outcome FileStorePushThread::SendFile(bool& reachedParent, 
         FileStoreEntry entry;
         entry.LoadFromResult(*rows, row);
         if (IsRecent(entry.LastStatusChangeTime)) break;
+        const bool isFull = !batch.packed.empty() && batch.packedBytes + entry.FileSize > kMaxArchiveBytes;
+        if (isFull && IsToBePacked(entry)) break;  // the next archive takes it
         ++rowsTaken_;
         if (!SendRow(entry, parentUrl, batch, reachedParent)) break;
     }
@@ -85,6 +92,7 @@ bool FileStorePushThread::SendRow(const FileStoreEntry& entry, const KelString& 
         batch.index.SetContainer("PackedFile", std::move(record),
                                  static_cast<std::uint32_t>(batch.packed.size()));
         batch.packed.insert(entry.FileId);
+        batch.packedBytes += entry.FileSize;
         batch.updates.push_back(UpdateStatement(entry.FileId, kStatusToBePacked, ""));
         reachedParent = true;
         return true;

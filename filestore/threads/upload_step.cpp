@@ -5,6 +5,7 @@
 #include "filestore/db/schema.h"
 #include "filestore/module/file_store.h"
 #include "filestore/threads/push_thread.h"
+#include "filestore/transfer/file_record.h"
 #include "filestore/transfer/http_transfer.h"
 #include "filestore/transfer/upload_policy.h"
 #include "kel/file.h"
@@ -19,11 +20,11 @@ namespace {
 constexpr int kArchiveLevel = 6;
 
 std::shared_ptr<const DBResult> SelectFilesToUpload(const KelString& policyFilter) {
-    return FileStore::pDbConnectionUpstream->Query(
-        KelFormat("SELECT %s, %s, %s, %s, %s, %s, %s, %s, %s FROM %s WHERE %s IN ('%s', '%s') %S %S LIMIT %u",
-                  kFileId, kFileType, kFileLabel, kFileName, kFileChecksum, kFileUrl, kBypass,
-                  kLastStatusChangeTime, kFileStatus, kTableFiles, kFileStatus, kStatusUploading,
-                  kStatusToBePacked, policyFilter, BypassFilter(), UploadBatchSize()));
+    return FileStore::pDbConnectionUpstream->Query(KelFormat(
+        "SELECT %s, %s, %s, %s, %s, %s, %s, %s, %s, %s, %s FROM %s WHERE %s IN ('%s', '%s') %S %S LIMIT %u",
+        kFileId, kFileType, kFileLabel, kFileName, kFileChecksum, kFileUrl, kBypass, kLastStatusChangeTime,
+        kFileStatus, kFilePath, kExternalFile, kTableFiles, kFileStatus, kStatusUploading, kStatusToBePacked,
+        policyFilter, BypassFilter(), UploadBatchSize()));
 }
 
 bool DeleteRow(std::uint64_t fileId, const KelString& path) {
@@ -89,8 +90,7 @@ FileStorePushThread::Outcome FileStorePushThread::UploadFile(bool& reachedParent
 }
 
 void FileStorePushThread::TakeRow(const FileStoreEntry& entry, UploadBatch& batch) {
-    const KelString path =
-        FileStore::StorePath(true, entry.FileType, entry.FileLabel, entry.FileChecksum, entry.FileName);
+    const KelString path = ContentPath(entry, true);
     if (!FileExists(path)) {
         if (DeleteRow(entry.FileId, path)) ++rowsTaken_;
     } else if (entry.FileStatus == kStatusToBePacked) {

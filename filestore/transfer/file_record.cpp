@@ -13,6 +13,12 @@ KelContainer FileInfoOf(const KelString& xml, const KelString& fileName) {
     return info;
 }
 
+KelString ContentPath(const FileStoreEntry& entry, bool upstream) {
+    return entry.ExternalFile ? entry.FilePath
+                              : FileStore::StorePath(upstream, entry.FileType, entry.FileLabel,
+                                                     entry.FileChecksum, entry.FileName);
+}
+
 KelContainer FileRecordOf(const FileStoreEntry& entry) {
     KelContainer record;
     record.SetString(kFileType, entry.FileType);

@@ -12,4 +12,7 @@ KelContainer FileRecordOf(const FileStoreEntry& entry);
 /// damaged.
 KelContainer FileInfoOf(const KelString& xml, const KelString& fileName);
 
+/// Where the content of a row lies: in the store, or outside when the file is external.
+KelString ContentPath(const FileStoreEntry& entry, bool upstream);
+
 }  // namespace filestore

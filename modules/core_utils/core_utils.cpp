@@ -22,7 +22,7 @@ bool CoreUtils::Initialise() {
     int entries = 0, megabytes = 0, ratio = 0;
     ini.GetEntryValue("Extract", "MaxEntries", entries, 10000);
     ini.GetEntryValue("Extract", "MaxMegabytes", megabytes, 4096);
-    ini.GetEntryValue("Extract", "MaxRatio", ratio, 200);
+    ini.GetEntryValue("Extract", "MaxRatio", ratio, 1000);
     if (entries <= 0 || megabytes <= 0 || ratio <= 0) {
         Log().Error("%S: the limits of section Extract must be above 0\n", IniPath());
         return false;
