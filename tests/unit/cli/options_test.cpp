@@ -29,6 +29,13 @@ TEST(OptionsTest, UnusableArgumentsEndWithUsage) {
         {"--root", "r", "windows", "set", "up"},
         {"--root", "r", "settings"},
         {"--root", "r", "settings", "set"},
+        {"--root", "r", "send", "--type", "t", "--label", "l"},
+        {"--root", "r", "send", "/no/such/file", "--type", "t", "--label", "l"},
+        {"--root", "r", "send", "/proc/version", "--type", "t"},
+        {"--root", "r", "request", "--type", "t", "--label", "l"},
+        {"--root", "r", "request", "--type", "t", "--label", "l", "--name", "n", "--wait", "-1"},
+        {"--root", "r", "publications", "one", "two"},
+        {"--root", "r", "upload", "now"},
     };
     testing::internal::CaptureStderr();
     for (const auto& arguments : cases) {
@@ -60,6 +67,26 @@ TEST(OptionsTest, PublishTakesSeveralFilesAndDevices) {
     EXPECT_EQ(publish.priority, 500);
     EXPECT_TRUE(publish.bypass);
     EXPECT_FALSE(publish.wake);
+    EXPECT_FALSE(publish.watch);
+}
+
+TEST(OptionsTest, CommandsForTheWayUp) {
+    int exitCode = kExitFailed;
+    auto options = Parse(
+        {"send", "/proc/version", "/proc/uptime", "--type", "t", "--label", "l", "--root", "r"}, exitCode);
+    ASSERT_TRUE(options);
+    EXPECT_THAT(std::get<SendOptions>(options->command).files,
+                testing::ElementsAre("/proc/version", "/proc/uptime"));
+    options = Parse({"--root", "r", "request", "--type", "t", "--label", "l", "--name", "n", "--wait", "30"},
+                    exitCode);
+    ASSERT_TRUE(options);
+    const auto& request = std::get<RequestOptions>(options->command);
+    EXPECT_EQ(request.name, "n");
+    EXPECT_EQ(request.checksum, "");
+    EXPECT_EQ(request.waitSeconds, 30);
+    options = Parse({"--root", "r", "publications", "abc"}, exitCode);
+    ASSERT_TRUE(options);
+    EXPECT_EQ(std::get<PublicationsOptions>(options->command).id, "abc");
 }
 
 TEST(OptionsTest, SettingsAndWindowsTellGetFromSet) {

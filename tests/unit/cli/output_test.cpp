@@ -1,8 +1,10 @@
 #include <gtest/gtest.h>
 
 #include "cli/call_arguments.h"
+#include "cli/device_order.h"
 #include "cli/init_command.h"
 #include "cli/progress_bar.h"
+#include "cli/publication_watch.h"
 #include "cli/table.h"
 
 namespace {
@@ -34,6 +36,50 @@ TEST(ProgressBarTest, ShareIsClampedAndAnEmptyWholeIsDone) {
     EXPECT_EQ(ProgressBar::Text(1, 4, 8), "[##......] 25 %");
     EXPECT_EQ(ProgressBar::Text(9, 4, 4), "[####] 100 %");
     EXPECT_EQ(ProgressBar::Text(0, 0, 4), "[####] 100 %");
+}
+
+KelContainer Publication(int targets, int delivered, int failed) {
+    KelContainer publication;
+    publication.SetString("File", "f");
+    publication.SetInt32("Targets", targets);
+    publication.SetInt32("Delivered", delivered);
+    publication.SetInt32("Failed", failed);
+    return publication;
+}
+
+TEST(PublicationWatchTest, AFailureCountsOnceNoTargetIsPending) {
+    EXPECT_EQ(StateOf(Publication(0, 0, 0)), PublicationState::Complete);
+    EXPECT_EQ(StateOf(Publication(3, 2, 0)), PublicationState::Going);
+    EXPECT_EQ(StateOf(Publication(3, 1, 1)), PublicationState::Going);
+    EXPECT_EQ(StateOf(Publication(3, 2, 1)), PublicationState::Failed);
+    EXPECT_EQ(StateOf(Publication(3, 3, 0)), PublicationState::Complete);
+    EXPECT_EQ(WatchText(Publication(3, 2, 0)), "f  2 of 3 delivered");
+    EXPECT_EQ(WatchText(Publication(3, 1, 2)), "f  1 of 3 delivered, 2 failed");
+}
+
+/// The devices of "GUID PARENT" texts as lines of GUIDs, indented by depth.
+KelString TreeOf(const KelVector<KelString>& devices) {
+    KelContainer answer;
+    for (const KelString& text : devices) {
+        KelContainer device;
+        device.SetString("GUID", text.substr(0, text.find(' ')));
+        device.SetString("Parent", text.substr(text.find(' ') + 1));
+        answer.SetContainer("Values", device, answer.Has("Values") ? answer.Count("Values") : 0);
+    }
+    KelString lines;
+    for (const DeviceRow& row : OrderByParent(answer))
+        lines += KelString(row.depth, '.') + answer.GetContainer("Values", row.index).GetString("GUID") + " ";
+    return lines;
+}
+
+TEST(DeviceOrderTest, ChildrenFollowTheirParents) {
+    EXPECT_EQ(TreeOf({}), "");
+    EXPECT_EQ(TreeOf({"c21 r2", "m ", "r1 m", "c11 r1", "r2 m", "c12 r1"}), "m .r1 ..c11 ..c12 .r2 ..c21 ");
+}
+
+TEST(DeviceOrderTest, EveryDeviceAppearsOnceWhateverItsParent) {
+    EXPECT_EQ(TreeOf({"m ", "a unknown", "b a"}), "m a .b ");
+    EXPECT_EQ(TreeOf({"self self", "x y", "y x", "z y"}), "self x .y ..z ");
 }
 
 TEST(CallArgumentsTest, TextJsonAndRepeatedNames) {
@@ -81,6 +127,17 @@ TEST(InitTest, TheParentMustFitTheRole) {
 TEST(InitTest, OnlyTheMasterRunsTheConsole) {
     EXPECT_NE(TemplateValues(Init("master", ""), "p")->at("MODULES").find("=Console\n"), KelString::npos);
     EXPECT_EQ(TemplateValues(Init("relay", "h:1"), "p")->at("MODULES").find("Console"), KelString::npos);
+}
+
+TEST(InitTest, ArchivesCanBeUnpackedBeforeTheFileStoreRuns) {
+    for (const char* role : {"master", "relay", "client"}) {
+        const bool isMaster = KelString(role) == "master";
+        const auto values = TemplateValues(Init(role, isMaster ? "" : "h:1"), "p");
+        ASSERT_TRUE(values) << role;
+        const KelString& modules = values->at("MODULES");
+        ASSERT_NE(modules.find("=CoreUtils\n"), KelString::npos) << role;
+        EXPECT_LT(modules.find("=CoreUtils\n"), modules.find("=FileStore")) << role;
+    }
 }
 
 TEST(InitTest, PlaceholdersAreFilledOnceAndOtherTextStays) {

@@ -61,6 +61,22 @@ TEST_F(UploadStepTest, PutsTheContentUnderTheParentsUrl) {
     EXPECT_EQ(Upload(), Outcome::Nothing);
 }
 
+TEST_F(UploadStepTest, ExternalFileTravelsFromWhereItLies) {
+    AcceptAll();
+    const KelString outside = Root() + "/outside";
+    const unsigned long fileId = Announced("e", [&](FileStoreEntry& entry) {
+        entry.ExternalFile = true;
+        entry.FilePath = outside;
+        entry.FileStatus = kStatusToBeHandled;
+    });
+    EXPECT_TRUE(FileStore::threadHandler.HandleFile(true));
+    ASSERT_EQ(StatusOf(true, fileId), kStatusToBeUploaded);
+    EXPECT_EQ(push_.SendFile(reached_, false), Outcome::Done);
+    EXPECT_EQ(Upload(), Outcome::Done);
+    EXPECT_EQ(Parent().Requests().back().body, "e");
+    EXPECT_TRUE(FileExists(outside));
+}
+
 TEST_F(UploadStepTest, AbsentFilesLoseTheirRows) {
     AcceptAll();
     for (const char* name : {"a", "b"})

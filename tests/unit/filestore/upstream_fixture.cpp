@@ -29,7 +29,7 @@ unsigned long UpstreamTest::AddStored(const KelString& name, const KelString& st
         entry.SourceDevice = kChild;
         entry.FileSize = static_cast<std::int64_t>(name.size());
         if (change) change(entry);
-        entry.FilePath = PathOf(true, entry);
+        if (!entry.ExternalFile) entry.FilePath = PathOf(true, entry);
     });
     WriteFile(Load(true, fileId).FilePath, name);
     return fileId;

@@ -1,3 +1,4 @@
+#include <sys/socket.h>
 #include <filesystem>
 
 #include "http_server_fixture.h"
@@ -77,7 +78,10 @@ TEST_F(FileGetTest, NothingOutsideAnAliasAndNoDatabaseIsServed) {
     std::filesystem::create_symlink("../outside", root / "files/relative");
     for (const char* name : {"a.sqlite", "a.SQLite-wal", "a.sqlite-shm", "a.sqlite-journal", "A.INI"})
         WriteFile(name, secret);
+    std::filesystem::create_symlink("a.sqlite", root / "files/harmless");
+    std::filesystem::create_directory_symlink("in", root / "files/folder");
     WriteFile("in/.kel-upload-00", secret);
+    WriteFile("in/seen", secret);
     WriteFile("Filesx", secret);
     ASSERT_EQ(::mkfifo((root / "files/fifo").c_str(), 0600), 0);
 
@@ -102,6 +106,8 @@ TEST_F(FileGetTest, NothingOutsideAnAliasAndNoDatabaseIsServed) {
                                "/Files/%4",
                                "/Files/link",
                                "/Files/relative",
+                               "/Files/harmless",
+                               "/Files/folder/seen",
                                "/Files/fifo",
                                "/Files/a.sqlite",
                                "/Files/a.SQLite-wal",
@@ -118,6 +124,21 @@ TEST_F(FileGetTest, NothingOutsideAnAliasAndNoDatabaseIsServed) {
         EXPECT_EQ(answer.status, 404);
         EXPECT_EQ(answer.body.find(secret), std::string::npos);
     }
+}
+
+TEST_F(FileGetTest, AFileThatShrinksWhileItIsSentEndsTheConnection) {
+    Start();
+    WriteFile("data", "");
+    std::filesystem::resize_file(root / "files/data", 256 << 20);
+    HttpTestClient client = Connect();
+    client.FetchNonce();
+    client.Send("GET /Files/data HTTP/1.1\r\nHost: x\r\n" + client.Authorization("GET", "/Files/data") +
+                "\r\n");
+    char byte = 0;
+    ASSERT_EQ(::recv(client.Fd(), &byte, 1, MSG_PEEK), 1) << "it has begun; the rest does not fit the socket";
+    std::filesystem::resize_file(root / "files/data", 1000);
+    EXPECT_EQ(client.Receive().status, 0);
+    EXPECT_EQ(Connect().AskGranted("GET", "/Files/data").body.size(), 1000U);
 }
 
 TEST_F(FileGetTest, NamesTravelAsBytesAndTheLongestAliasWins) {

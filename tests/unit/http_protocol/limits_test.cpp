@@ -1,3 +1,5 @@
+#include <arpa/inet.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <chrono>
 #include <future>
@@ -41,6 +43,51 @@ TEST_F(LimitsTest, ConnectionsBeyondTheLimitOfAnAddressAreClosed) {
     for (int i = 0; i < 1000 && status == 0; ++i)
         status = Connect().Ask("GET", "/").status;
     EXPECT_EQ(status, 401) << "a place came free";
+}
+
+TEST_F(LimitsTest, ThousandsOfIdleConnectionsLeaveRoomForARequest) {
+    constexpr std::size_t kIdle = 3000;
+    rlimit limit{};
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &limit), 0);
+    if (limit.rlim_max < 2 * kIdle + 100) GTEST_SKIP() << "both ends of the connections need descriptors";
+    limit.rlim_cur = limit.rlim_max;
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &limit), 0);
+    Start();
+    WriteFile("data", "content");
+    std::list<HttpTestClient> idle;
+    while (idle.size() < kIdle) {
+        idle.emplace_back(module->Port());
+        ASSERT_EQ(idle.back().Ask("GET", "/").status, 401);
+    }
+    EXPECT_EQ(Connect().AskGranted("GET", "/Files/data").body, "content");
+    EXPECT_EQ(idle.front().AskGranted("GET", "/Files/data").body, "content");
+}
+
+/// A port that was free a moment ago.
+std::uint16_t FreePort() {
+    const UniqueFd probe(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    EXPECT_EQ(::bind(probe.Get(), reinterpret_cast<sockaddr*>(&address), length), 0);
+    ::getsockname(probe.Get(), reinterpret_cast<sockaddr*>(&address), &length);
+    return ntohs(address.sin_port);
+}
+
+TEST_F(LimitsTest, TheProbePortTakesEverythingAndAnswersNothing) {
+    const std::uint16_t port = FreePort();
+    Start("BwPort=" + std::to_string(port) + "\nBwPingFrequency=60\n");
+    KelContainer container;
+    container.SetBool("FirstTime", true);
+    ASSERT_EQ(ActionDbInvokeLocal("HttpProtocolGetThreadCount", container), 0U);
+    EXPECT_EQ(container.GetInt32("BwPort"), port);
+    EXPECT_EQ(container.GetInt32("BwPingFrequency"), 60);
+    HttpTestClient probe(port);
+    EXPECT_TRUE(probe.Send(PatternBytes(30 << 20))) << "more than fits the sockets";
+    ::shutdown(probe.Fd(), SHUT_WR);
+    char byte = 0;
+    EXPECT_EQ(::recv(probe.Fd(), &byte, 1, 0), 0);
 }
 
 TEST_F(LimitsTest, BusyWorkersTurnFurtherCallsAway) {

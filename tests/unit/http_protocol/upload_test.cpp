@@ -1,5 +1,6 @@
 #include <sys/resource.h>
 #include <csignal>
+#include <system_error>
 #include <thread>
 
 #include "http_server_fixture.h"
@@ -26,6 +27,22 @@ class UploadTest : public HttpServerFixture {
     void TearDown() override {
         CallbackDbDeleteAction("HttpProtocolCallbackPut", "TestPut ()", "");
         HttpServerFixture::TearDown();
+    }
+    /// Files without a name that this process has open in the folder "in".
+    std::size_t CountNamelessFiles() const {
+        std::size_t count = 0;
+        for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+            std::error_code gone;
+            const std::string target = std::filesystem::read_symlink(entry, gone).string();
+            if (target.starts_with((root / "files/in/#").string())) ++count;
+        }
+        return count;
+    }
+    /// Polls for some seconds.
+    bool WaitForNamelessFiles(std::size_t count) const {
+        for (int i = 0; i < 1000 && CountNamelessFiles() != count; ++i)
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        return CountNamelessFiles() == count;
     }
     KelString url, path, multicast, seen;  ///< written before the upload is answered
 };
@@ -63,6 +80,7 @@ TEST_F(UploadTest, TellsWhenToSendTheBody) {
 TEST_F(UploadTest, RefusesWithoutTouchingAnything) {
     Start();
     std::filesystem::create_directories(root / "files/in/folder");
+    std::filesystem::create_directory_symlink("folder", root / "files/in/link");
     WriteFile("in/old", "old");
     const struct {
         const char* name;
@@ -73,6 +91,7 @@ TEST_F(UploadTest, RefusesWithoutTouchingAnything) {
         {"NotWritable", "/Files/x", "Content-Length: 4\r\n", 403},
         {"NoAlias", "/None/x", "Content-Length: 4\r\n", 404},
         {"NoFolder", "/Files/in/none/x", "Content-Length: 4\r\n", 404},
+        {"ThroughLink", "/Files/in/link/x", "Content-Length: 4\r\n", 403},
         {"OntoFolder", "/Files/in/folder", "Content-Length: 4\r\n", 409},
         {"Escape", "/Files/in/..%2fx", "Content-Length: 4\r\n", 404},
         {"Database", "/Files/in/x.sqlite", "Content-Length: 4\r\n", 403},
@@ -88,7 +107,8 @@ TEST_F(UploadTest, RefusesWithoutTouchingAnything) {
                     client.Authorization("PUT", test.target) + "\r\nbody");
         EXPECT_EQ(client.Receive().status, test.status);
     }
-    EXPECT_EQ(CountFilesIn("in"), 2U);
+    EXPECT_EQ(CountFilesIn("in"), 3U);
+    EXPECT_EQ(CountFilesIn("in/folder"), 0U);
     EXPECT_EQ(ReadFile("in/old"), "old");
     EXPECT_EQ(url, "");
 }
@@ -100,12 +120,10 @@ TEST_F(UploadTest, AShortBodyLeavesNothing) {
         client.FetchNonce();
         client.Send("PUT /Files/in/x HTTP/1.1\r\nHost: x\r\nContent-Length: 5000000\r\n" +
                     client.Authorization("PUT", "/Files/in/x") + "\r\n" + PatternBytes(3000000));
-        for (int i = 0; i < 1000 && CountFilesIn("in") == 0; ++i)
-            std::this_thread::sleep_for(std::chrono::milliseconds(5));
-        EXPECT_EQ(CountFilesIn("in"), 1U) << "the temporary file";
+        EXPECT_TRUE(WaitForNamelessFiles(1)) << "a process that is killed here leaves nothing";
+        EXPECT_EQ(CountFilesIn("in"), 0U);
     }
-    for (int i = 0; i < 1000 && CountFilesIn("in") != 0; ++i)
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    EXPECT_TRUE(WaitForNamelessFiles(0));
     EXPECT_EQ(CountFilesIn("in"), 0U);
     EXPECT_EQ(url, "");
 }

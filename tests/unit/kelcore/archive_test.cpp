@@ -84,6 +84,22 @@ TEST_F(ArchiveTest, KeepsTheFirstEntryFirstWhenMoreAreAdded) {
     EXPECT_EQ(FilesInFolder(), 4U) << "no working file is left";
 }
 
+TEST_F(ArchiveTest, StoresAsItIsWhatReceiversWouldTakeForABomb) {
+    const std::string zeros(3 << 20, '\0');
+    std::string text;
+    for (int i = 0; text.size() < zeros.size(); ++i)
+        text += "line " + std::to_string(i * 7919) + "\n";
+    GenericArchive archive(kArchiveZip);
+    ASSERT_EQ(archive.Create(path_), kArchiveDone);
+    ASSERT_EQ(archive.AddEntry("zeros", Source("zeros", zeros), 6), kArchiveDone);
+    ASSERT_EQ(archive.AddEntry("text", Source("text", text), 6), kArchiveDone);
+    ASSERT_EQ(archive.Close(), kArchiveDone);
+    EXPECT_EQ(Read(), (Entries{{"zeros", zeros}, {"text", text}}));
+    EXPECT_GT(std::filesystem::file_size(path_), zeros.size());
+    EXPECT_LT(std::filesystem::file_size(path_), zeros.size() + text.size() / 2)
+        << "text is deflated as ever";
+}
+
 TEST_F(ArchiveTest, AFailureLeavesTheOldArchiveAsItWas) {
     const std::string source = Source("source", "content");
     GenericArchive archive(kArchiveZip);
