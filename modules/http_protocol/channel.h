@@ -35,8 +35,8 @@ class Channel {
     /// many channels may wait with the same buffer; the user must be done with it when OnRead returns.
     virtual void Read(std::span<char> into, const User& user) = 0;
 
-    /// Sends `data`, which must stay until the end; `more` says that other bytes follow at once.
-    virtual Outcome Write(std::string_view data, bool more, const User& user) = 0;
+    /// Sends `data`, which must stay until the end.
+    virtual Outcome Write(std::string_view data, const User& user) = 0;
 
     /// Sends `length` bytes of the file `fd` from `offset` on; `fd` must stay open until the end.
     virtual Outcome SendFile(int fd, std::uint64_t offset, std::uint64_t length, const User& user) = 0;

@@ -28,7 +28,7 @@ void Connection::Close() {
     state_ = State::Closed;
     EndWork();
     channel_->Close();
-    upload_.reset();
+    DropUpload();
     context_.peers.Release(peer_);
     loop_.Remove(this);
 }

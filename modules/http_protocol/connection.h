@@ -74,6 +74,7 @@ class Connection final : public ChannelUser,
     bool TakePutBody();
     template <class Step>
     void RunUploadStep(Step step, void (Connection::*then)(unsigned int));
+    void DropUpload();
     void FailUpload(unsigned int status);
     void OnUploadBegun(unsigned int status);
     void OnUploadWritten(unsigned int status);

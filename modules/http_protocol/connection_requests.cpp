@@ -111,7 +111,7 @@ void Connection::AcceptBody(const RequestHead& request, State state) {
     afterContinue_ = state;
     output_ = "HTTP/1.1 100 Continue\r\n\r\n";
     Enter(State::Continuing);
-    const Channel::Outcome outcome = channel_->Write(output_, false, shared_from_this());
+    const Channel::Outcome outcome = channel_->Write(output_, shared_from_this());
     if (outcome == Channel::Outcome::Failed) return Close();
     if (outcome == Channel::Outcome::Done) Enter(state);
 }

@@ -38,7 +38,7 @@ void Connection::Respond(unsigned int status, std::string_view headers, std::str
     output_ = MakeResponseHead(status, headers, ConnectionField());
     output_ += body;
     Enter(State::Sending);
-    Advance(channel_->Write(output_, false, shared_from_this()));
+    Advance(channel_->Write(output_, shared_from_this()));
 }
 
 void Connection::RespondError(unsigned int status, std::string_view text) {
@@ -54,12 +54,12 @@ void Connection::RespondFile(ServedFile file) {
         if (!file_.fd) return Respond(file_.status, file_.headers, {});
         output_ = MakeResponseHead(file_.status, file_.headers, ConnectionField());
         Enter(State::Sending);
-        return Advance(channel_->Write(output_, true, shared_from_this()));
+        return Advance(channel_->Write(output_, shared_from_this()));
     }
     output_ = MakeResponseHead(file.status, file.headers, ConnectionField());
     if (!AppendFromFile(output_, file)) return Close();  // it has become shorter since it was opened
     Enter(State::Sending);
-    Advance(channel_->Write(output_, false, shared_from_this()));
+    Advance(channel_->Write(output_, shared_from_this()));
 }
 
 /// After a write: the file that follows the head, then the end of the response.

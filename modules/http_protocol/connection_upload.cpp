@@ -39,9 +39,15 @@ void Connection::RunUploadStep(Step step, void (Connection::*then)(unsigned int)
     if (!context_.files.TryPost(task)) RespondError(503);
 }
 
-/// The temporary file is gone before the peer is told.
+/// Freeing the blocks of a large file takes the disk's time: a file worker does it.
+void Connection::DropUpload() {
+    if (!upload_) return;
+    WorkerPool::Task drop = [upload = std::exchange(upload_, nullptr)]() mutable { upload.reset(); };
+    context_.files.TryPost(std::move(drop));
+}
+
 void Connection::FailUpload(unsigned int status) {
-    upload_.reset();
+    DropUpload();
     RespondError(status);
 }
 

@@ -5,6 +5,7 @@
 
 #include "kelcore/action_db.h"
 #include "kelcore/agent.h"
+#include "kelcore/call_origin.h"
 #include "kelcore/error_codes.h"
 #include "modules/http_protocol/server.h"
 
@@ -79,18 +80,27 @@ std::uint16_t HttpProtocol::SslPort() const {
 unsigned int HttpProtocol::AddAlias(KelContainer& container) {
     const KelString name = container.GetString("AliasName");
     const KelString path = container.GetString("AliasPath");
+    const bool isAllowed = ActionIsFromThisDevice(container);
     container.Clear();
-    if (aliases_.Add(name, path)) return kKelOk;
-    Log().Warning("Alias '%S' for '%S' refused: a name of plain elements and a folder are needed.\n", name,
-                  path);
+    if (isAllowed && path.empty() && !name.empty()) {  // nothing to publish under the name any more
+        aliases_.Delete(name, false);
+        return kKelOk;
+    }
+    if (isAllowed && aliases_.Add(name, path)) return kKelOk;
+    Log().Warning(
+        "Alias '%S' for '%S' refused: a name of plain elements and a folder are needed, from a caller on "
+        "this "
+        "device.\n",
+        name, path);
     return kKelErrorBadInput;
 }
 
 unsigned int HttpProtocol::DeleteAlias(KelContainer& container) {
     const KelString name = container.GetString("AliasName");
     const bool below = container.GetBool("CompletelyRemove");
+    const bool isAllowed = ActionIsFromThisDevice(container);
     container.Clear();
-    if (name.empty()) return kKelErrorBadInput;
+    if (name.empty() || !isAllowed) return kKelErrorBadInput;
     aliases_.Delete(name, below);
     return kKelOk;
 }

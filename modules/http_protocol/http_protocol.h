@@ -17,10 +17,9 @@ class Server;
 ///
 /// Actions (inputs -> outputs; results 0, or kKelErrorBadInput for a missing or unusable input):
 /// - HttpProtocolAddAlias (string AliasName, string AliasPath): publishes a folder; replaces an alias of that
-///   name.
+///   name; an empty path removes it. For callers on this device only, like the next.
 /// - HttpProtocolDeleteAlias (string AliasName, bool CompletelyRemove): with CompletelyRemove also every
-/// alias
-///   below "AliasName/". An absent alias is no error.
+///   alias below "AliasName/". An absent alias is no error.
 /// - HttpProtocolGetParams () -> Values{Port(int32), Address(string)}
 /// - HttpProtocolGetThreadCount (bool FirstTime) -> ThreadCount(int32): clients with lasting requests in
 ///   progress, at least 1; with FirstTime also BwPort, BwPingFrequency, BwClientCheckFrequency,

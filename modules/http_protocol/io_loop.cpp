@@ -26,6 +26,7 @@ struct IoLoop::State {
     boost::asio::executor_work_guard<boost::asio::io_context::executor_type> work{context.get_executor()};
     boost::asio::steady_timer timer{context};
     std::thread thread;
+    bool stopped = false;  ///< set once the thread has ended
 
     template <class Call>
     void ForEach(const Call& call) {
@@ -66,6 +67,10 @@ void IoLoop::Stop() {
             state_->context.stop();
         });
         state_->thread.join();
+        // What waits on the loop ends now: a connection on its way here must not leave its peer waiting.
+        state_->stopped = true;
+        state_->context.restart();
+        state_->context.poll();
     }
     state_->members.clear();
 }
@@ -75,6 +80,7 @@ void IoLoop::Post(std::function<void()> task) {
 }
 
 void IoLoop::Add(std::shared_ptr<LoopMember> member) {
+    if (state_->stopped) return member->Abort();
     LoopMember* const key = member.get();
     state_->members.emplace(key, std::move(member));
 }

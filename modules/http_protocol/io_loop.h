@@ -34,12 +34,14 @@ class IoLoop {
     IoLoop& operator=(const IoLoop&) = delete;
 
     void Start();
-    /// Aborts all members and joins the thread. Posted tasks that have not run are dropped with the loop.
+    /// Aborts all members, joins the thread and runs what had been posted before. Tasks posted later are
+    /// dropped with the loop.
     void Stop();
 
     /// Runs `task` on the loop's thread soon. It must not own a member (a member must not outlive the loop).
     void Post(std::function<void()> task);
 
+    /// A member that comes after Stop is aborted at once.
     void Add(std::shared_ptr<LoopMember> member);
     void Remove(LoopMember* member);
 

@@ -1,5 +1,6 @@
 #include "modules/http_protocol/plain_channel.h"
 
+#include <netinet/tcp.h>
 #include <sys/sendfile.h>
 #include <sys/socket.h>
 #include <algorithm>
@@ -11,6 +12,9 @@ namespace {
 /// Bytes per sendfile call, and calls before other connections of the loop get their turn.
 constexpr std::uint64_t kPieceBytes = 2 << 20;
 constexpr int kPiecesPerTurn = 8;
+/// Bytes in the socket that TCP has not sent yet. Little more than this waits for a slow peer, and what waits
+/// is still in the processor's cache when it is sent; the window of bytes in flight grows without this limit.
+constexpr int kUnsentBytes = 512 << 10;
 
 }  // namespace
 
@@ -18,6 +22,7 @@ PlainChannel::PlainChannel(boost::asio::ip::tcp::socket socket) : socket_(std::m
     socket_.non_blocking(true);
     boost::system::error_code ignored;
     socket_.set_option(boost::asio::ip::tcp::no_delay(true), ignored);
+    ::setsockopt(socket_.native_handle(), IPPROTO_TCP, TCP_NOTSENT_LOWAT, &kUnsentBytes, sizeof kUnsentBytes);
 }
 
 void PlainChannel::Read(std::span<char> into, const User& user) {
@@ -30,9 +35,8 @@ void PlainChannel::Read(std::span<char> into, const User& user) {
                        });
 }
 
-Channel::Outcome PlainChannel::Write(std::string_view data, bool more, const User& user) {
+Channel::Outcome PlainChannel::Write(std::string_view data, const User& user) {
     data_ = data;
-    dataFlags_ = MSG_NOSIGNAL | (more ? MSG_MORE : 0);
     const Outcome outcome = PushData();
     if (outcome == Outcome::Pending) ContinueWhenWritable(&PlainChannel::PushData, user);
     return outcome;
@@ -50,7 +54,7 @@ Channel::Outcome PlainChannel::SendFile(int fd, std::uint64_t offset, std::uint6
 
 Channel::Outcome PlainChannel::PushData() {
     while (!data_.empty()) {
-        const ssize_t count = ::send(socket_.native_handle(), data_.data(), data_.size(), dataFlags_);
+        const ssize_t count = ::send(socket_.native_handle(), data_.data(), data_.size(), MSG_NOSIGNAL);
         if (count < 0 && errno == EINTR) continue;
         if (count < 0) return errno == EAGAIN ? Outcome::Pending : Outcome::Failed;
         data_.remove_prefix(static_cast<std::size_t>(count));

@@ -15,7 +15,7 @@ class PlainChannel final : public Channel {
 
     void Open(const User& user) override { user->OnOpened(true); }
     void Read(std::span<char> into, const User& user) override;
-    Outcome Write(std::string_view data, bool more, const User& user) override;
+    Outcome Write(std::string_view data, const User& user) override;
     Outcome SendFile(int fd, std::uint64_t offset, std::uint64_t length, const User& user) override;
     void ShutdownSend() override;
     void Close() override;
@@ -29,7 +29,6 @@ class PlainChannel final : public Channel {
 
     boost::asio::ip::tcp::socket socket_;
     std::string_view data_;
-    int dataFlags_ = 0;
     int file_ = -1;
     std::uint64_t fileOffset_ = 0;
     std::uint64_t fileLeft_ = 0;

@@ -1,11 +1,14 @@
 #include "modules/http_protocol/put_upload.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <ctime>
+#include <memory>
 
 #include "kel/checksum.h"
 #include "kel/container.h"
@@ -17,6 +20,15 @@
 
 namespace kelhttp {
 namespace {
+
+/// The disk is told to begin after so many bytes: at the end little is left to sync.
+constexpr std::uint64_t kHandOverBytes = 32 << 20;
+/// Seconds after which a hidden file that nobody writes to has been left behind by a process that was killed.
+constexpr std::time_t kLeftoverAge = 24 * 3600;
+
+KelString MakeHiddenName() {
+    return KelString(kUploadPrefix) + HexText(RandomBytes(12));
+}
 
 unsigned int StatusOfError(int error) {
     switch (error) {
@@ -45,7 +57,7 @@ PutUpload::PutUpload(KelString url, AliasMatch place, std::uint64_t size, const 
     : url_(std::move(url)), place_(std::move(place)), size_(size), log_(log) {}
 
 PutUpload::~PutUpload() {
-    if (folder_ && !temporaryName_.empty()) ::unlinkat(folder_.Get(), temporaryName_.c_str(), 0);
+    if (folder_ && !hiddenName_.empty()) ::unlinkat(folder_.Get(), hiddenName_.c_str(), 0);
 }
 
 unsigned int PutUpload::Begin() {
@@ -53,10 +65,9 @@ unsigned int PutUpload::Begin() {
     SplitPath(place_.rest, folder, name_);
     folder_ = FileOpenBeneath(place_.root, folder.empty() ? "." : folder, O_RDONLY | O_DIRECTORY);
     if (!folder_) return Fail("open the folder of");
-    temporaryName_ = KelString(kUploadPrefix) + HexText(RandomBytes(12));
-    file_.Reset(::openat(folder_.Get(), temporaryName_.c_str(),
-                         O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644));
-    if (!file_) return Fail("make a temporary file beside");
+    file_.Reset(::openat(folder_.Get(), ".", O_TMPFILE | O_WRONLY | O_CLOEXEC, 0644));
+    if (!file_ && errno != EOPNOTSUPP && errno != EISDIR) return Fail("make a file beside");
+    if (const unsigned int status = file_ ? 0 : MakeHiddenFile()) return status;
     // Space is claimed at once, so that a full disk is told before the body is sent. File systems that cannot
     // do that tell it later.
     if (size_ > 0 && ::fallocate(file_.Get(), FALLOC_FL_KEEP_SIZE, 0, static_cast<off_t>(size_)) != 0 &&
@@ -65,27 +76,75 @@ unsigned int PutUpload::Begin() {
     return 0;
 }
 
+unsigned int PutUpload::MakeHiddenFile() {
+    RemoveLeftovers();
+    const KelString name = MakeHiddenName();
+    file_.Reset(
+        ::openat(folder_.Get(), name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644));
+    if (!file_) return Fail("make a file beside");
+    hiddenName_ = name;
+    return 0;
+}
+
+void PutUpload::RemoveLeftovers() const {
+    const std::unique_ptr<DIR, int (*)(DIR*)> folder(
+        ::fdopendir(::openat(folder_.Get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC)), ::closedir);
+    if (!folder) return;
+    while (const dirent* const entry = ::readdir(folder.get())) {
+        struct stat info {};
+        if (!std::string_view(entry->d_name).starts_with(kUploadPrefix) ||
+            ::fstatat(folder_.Get(), entry->d_name, &info, AT_SYMLINK_NOFOLLOW) != 0 ||
+            info.st_mtime > std::time(nullptr) - kLeftoverAge)
+            continue;
+        ::unlinkat(folder_.Get(), entry->d_name, 0);
+    }
+}
+
 unsigned int PutUpload::Write(std::string_view data) {
     while (!data.empty()) {
         const ssize_t count = ::write(file_.Get(), data.data(), data.size());
         if (count < 0 && errno == EINTR) continue;
         if (count < 0) return Fail("write");
         data.remove_prefix(static_cast<std::size_t>(count));
+        written_ += static_cast<std::uint64_t>(count);
     }
+    if (written_ - handedOver_ < kHandOverBytes) return 0;
+    // A hint only: errors show in the final sync.
+    ::sync_file_range(file_.Get(), static_cast<off_t>(handedOver_),
+                      static_cast<off_t>(written_ - handedOver_), SYNC_FILE_RANGE_WRITE);
+    handedOver_ = written_;
     return 0;
 }
 
 unsigned int PutUpload::Commit() {
-    struct stat old {};
-    isNew_ = ::fstatat(folder_.Get(), name_.c_str(), &old, AT_SYMLINK_NOFOLLOW) != 0;
     if (::fsync(file_.Get()) != 0) return Fail("sync");
-    if (::renameat(folder_.Get(), temporaryName_.c_str(), folder_.Get(), name_.c_str()) != 0)
-        return Fail("put in place");
-    temporaryName_.clear();
+    if (!PutInPlace()) return Fail("put in place");
     if (::fsync(folder_.Get()) != 0) return Fail("sync the folder of");
     file_.Reset();
     Trigger();
     return 0;
+}
+
+/// A file without a name can be linked to a free name only: to replace another it gets a hidden name first.
+bool PutUpload::PutInPlace() {
+    if (hiddenName_.empty()) {
+        const KelString file = "/proc/self/fd/" + std::to_string(file_.Get());
+        const auto link = [this, &file](const KelString& name) {
+            return ::linkat(AT_FDCWD, file.c_str(), folder_.Get(), name.c_str(), AT_SYMLINK_FOLLOW) == 0;
+        };
+        isNew_ = link(name_);
+        if (isNew_) return true;
+        if (errno != EEXIST) return false;
+        const KelString hidden = MakeHiddenName();
+        if (!link(hidden)) return false;
+        hiddenName_ = hidden;
+    } else {
+        struct stat old {};
+        isNew_ = ::fstatat(folder_.Get(), name_.c_str(), &old, AT_SYMLINK_NOFOLLOW) != 0;
+    }
+    if (::renameat(folder_.Get(), hiddenName_.c_str(), folder_.Get(), name_.c_str()) != 0) return false;
+    hiddenName_.clear();
+    return true;
 }
 
 void PutUpload::Trigger() const {

@@ -134,6 +134,9 @@ void Server::Run() {
 void Server::Stop() {
     for (IoLoop& loop : state_->loops)
         loop.Stop();
+    // All are told before one is waited for, so that each has the whole time.
+    for (WorkerPool* pool : {&state_->context.files, &state_->context.actions})
+        pool->Stop(std::chrono::milliseconds(0));
     const auto deadline = std::chrono::steady_clock::now() + kPatience;
     for (WorkerPool* pool : {&state_->context.files, &state_->context.actions}) {
         const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(

@@ -34,7 +34,7 @@ void TlsChannel::Read(std::span<char> into, const User& user) {
                             });
 }
 
-Channel::Outcome TlsChannel::Write(std::string_view data, bool /*more*/, const User& user) {
+Channel::Outcome TlsChannel::Write(std::string_view data, const User& user) {
     boost::asio::async_write(stream_, boost::asio::buffer(data.data(), data.size()),
                              [this, user](const boost::system::error_code& error, std::size_t count) {
                                  sent_ += count;

@@ -15,7 +15,7 @@ class TlsChannel final : public Channel {
 
     void Open(const User& user) override;
     void Read(std::span<char> into, const User& user) override;
-    Outcome Write(std::string_view data, bool more, const User& user) override;
+    Outcome Write(std::string_view data, const User& user) override;
     Outcome SendFile(int fd, std::uint64_t offset, std::uint64_t length, const User& user) override;
     void ShutdownSend() override;
     void Close() override;

@@ -3,7 +3,7 @@
 namespace kelhttp {
 
 WorkerPool::WorkerPool(std::size_t threads, std::size_t queueLimit)
-    : queueLimit_(queueLimit), live_(threads) {
+    : queueLimit_(queueLimit), idle_(threads), live_(threads) {
     threads_.reserve(threads);
     for (std::size_t i = 0; i < threads; ++i)
         threads_.emplace_back([this] { Run(); });
@@ -39,17 +39,17 @@ void WorkerPool::Run() {
     std::unique_lock lock(mutex_);
     while (!stopping_) {
         if (queue_.empty()) {
-            ++idle_;
             wakeUp_.wait(lock, [this] { return stopping_ || !queue_.empty(); });
-            --idle_;
             continue;
         }
         Task task = std::move(queue_.front());
         queue_.pop_front();
+        --idle_;
         lock.unlock();
         task();
         task = nullptr;
         lock.lock();
+        ++idle_;
     }
     --live_;
     ended_.notify_all();

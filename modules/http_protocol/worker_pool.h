@@ -41,7 +41,7 @@ class WorkerPool {
     std::condition_variable ended_;
     std::deque<Task> queue_;
     std::size_t queueLimit_;
-    std::size_t idle_ = 0;
+    std::size_t idle_;  ///< threads that run no task, those not started yet included
     std::size_t live_ = 0;
     bool stopping_ = false;
     std::vector<std::thread> threads_;

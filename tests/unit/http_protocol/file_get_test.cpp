@@ -2,6 +2,7 @@
 #include <filesystem>
 
 #include "http_server_fixture.h"
+#include "kelcore/error_codes.h"
 
 namespace {
 
@@ -159,6 +160,25 @@ TEST_F(FileGetTest, NamesTravelAsBytesAndTheLongestAliasWins) {
     EXPECT_EQ(ActionDbInvokeLocal("HttpProtocolDeleteAlias", container), 0U);
     EXPECT_EQ(client.AskGranted("GET", "/Files/in/f").status, 404);
     EXPECT_EQ(client.AskGranted("GET", "/Other/in/f").status, 200);
+
+    container.SetString("AliasName", "Other");
+    container.SetString("AliasPath", "");
+    EXPECT_EQ(ActionDbInvokeLocal("HttpProtocolAddAlias", container), 0U);
+    EXPECT_EQ(client.AskGranted("GET", "/Other/in/f").status, 404);
+}
+
+TEST_F(FileGetTest, OnlyThisDeviceChangesAliases) {
+    Start();
+    WriteFile("f", "content");
+    for (const char* action : {"HttpProtocolAddAlias", "HttpProtocolDeleteAlias"}) {
+        KelContainer container, origin;
+        origin.SetString("HttpProtocolRequestAddress", "127.9.9.9");
+        container.SetContainer("HttpProtocolRequestInfo", origin);
+        container.SetString("AliasName", "Files");
+        container.SetString("AliasPath", "/");
+        EXPECT_EQ(ActionDbInvokeLocal(action, container), kKelErrorBadInput) << action;
+    }
+    EXPECT_EQ(Connect().AskGranted("GET", "/Files/f").body, "content");
 }
 
 }  // namespace

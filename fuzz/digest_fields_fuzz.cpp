@@ -1,0 +1,22 @@
+// Digest Authorization fields, and the check of credentials that nobody gave.
+#include <cstdint>
+#include <cstdlib>
+#include <string_view>
+
+#include "modules/http_protocol/digest_auth.h"
+#include "modules/http_protocol/digest_fields.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    static const kelhttp::DigestAuth auth("tree", "a password that the input does not hold", 300);
+    const std::string_view input(reinterpret_cast<const char*>(data), size);
+    kelhttp::DigestFields fields;
+    kelhttp::ParseDigestFields(input, fields);
+    const KelString digest = "Digest " + KelString(input);
+    for (const std::string_view authorization : {input, std::string_view(digest)}) {
+        kelhttp::DigestAuth::Memory memory;
+        if (auth.Check({"GET", "/", authorization, IpAddress(0x7F000001), true}, memory, {}) ==
+            kelhttp::DigestAuth::Verdict::Granted)
+            std::abort();
+    }
+    return 0;
+}
