@@ -19,6 +19,7 @@ KelVector<KelString> ModulesOf(const KelString& role) {
     KelVector<KelString> modules = {"Identity", "Relay", "TransferWindow", "HttpProtocol"};
     if (role == "master") modules.emplace_back("Console");
     modules.emplace_back("Delivery");
+    modules.emplace_back("CoreUtils");
     modules.emplace_back("FileStore");
     return modules;
 }

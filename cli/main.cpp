@@ -13,6 +13,11 @@ struct Runner {
     int operator()(const StatusOptions& options) const { return RunStatus(common, options); }
     int operator()(const DevicesOptions& options) const { return RunDevices(common, options); }
     int operator()(const PublishOptions& options) const { return RunPublish(common, options); }
+    int operator()(const PublicationsOptions& options) const { return RunPublications(common, options); }
+    int operator()(const SendOptions& options) const { return RunSend(common, options); }
+    int operator()(const CollectedOptions& options) const { return RunCollected(common, options); }
+    int operator()(const RequestOptions& options) const { return RunRequest(common, options); }
+    int operator()(const UploadOptions& options) const { return RunUpload(common, options); }
     int operator()(const FilesOptions& options) const { return RunFiles(common, options); }
     int operator()(const SettingsOptions& options) const { return RunSettings(common, options); }
     int operator()(const WindowsOptions& options) const { return RunWindows(common, options); }

@@ -9,6 +9,9 @@ struct Parsed {
     CommonOptions common;
     InitOptions init;
     PublishOptions publish;
+    PublicationsOptions publications;
+    SendOptions send;
+    RequestOptions request;
     FilesOptions files;
     SettingsOptions settings;
     WindowsOptions windows;
@@ -51,13 +54,19 @@ void DefineInit(CLI::App& app, Parsed& parsed) {
     command->callback([&parsed] { parsed.chosen = parsed.init; });
 }
 
+void AddKeyOptions(CLI::App& command, KelString& type, KelString& label) {
+    command.add_option("--type", type, "File type")->required();
+    command.add_option("--label", label, "File label")->required();
+}
+
 void DefinePublish(CLI::App& app, Parsed& parsed) {
     PublishOptions& publish = parsed.publish;
     auto* command = app.add_subcommand("publish", "Send files to devices of the tree; on the master");
     command->add_option("FILE", publish.files, "The files")->required()->check(CLI::ExistingFile);
-    command->add_option("--type", publish.type, "File type")->required();
-    command->add_option("--label", publish.label, "File label")->required();
-    command->add_option("--to", publish.devices, "GUIDs or names of devices, or all")
+    AddKeyOptions(*command, publish.type, publish.label);
+    command
+        ->add_option("--to", publish.devices,
+                     "GUIDs or names of devices, or all; none: devices fetch the file by request")
         ->required()
         ->delimiter(',')
         ->type_name("DEVICE,...");
@@ -65,7 +74,39 @@ void DefinePublish(CLI::App& app, Parsed& parsed) {
         ->capture_default_str();
     command->add_flag("--bypass", publish.bypass, "Go also while transfer windows are closed");
     command->add_flag("--wake", publish.wake, "Wake devices that do not answer");
+    command->add_flag("--watch", publish.watch,
+                      "Go on until every target has the files; interrupting it leaves the transfers running");
     command->callback([&parsed] { parsed.chosen = parsed.publish; });
+
+    auto* list = app.add_subcommand("publications", "What was published and who has it; on the master");
+    list->add_option("ID", parsed.publications.id, "One publication, device by device");
+    list->callback([&parsed] { parsed.chosen = parsed.publications; });
+}
+
+void DefineUpward(CLI::App& app, Parsed& parsed) {
+    SendOptions& send = parsed.send;
+    auto* command = app.add_subcommand("send", "Send files of this device up to the master");
+    command->add_option("FILE", send.files, "The files")->required()->check(CLI::ExistingFile);
+    AddKeyOptions(*command, send.type, send.label);
+    command->add_option("--priority", send.priority, "Kept with the files")->capture_default_str();
+    command->add_flag("--bypass", send.bypass, "Go also while transfer windows are closed");
+    command->callback([&parsed] { parsed.chosen = parsed.send; });
+
+    app.add_subcommand("collected", "Files that came up from the devices; on the master")
+        ->callback([&parsed] { parsed.chosen = CollectedOptions(); });
+    app.add_subcommand("upload", "Pack and send up now what waits for it")->callback([&parsed] {
+        parsed.chosen = UploadOptions();
+    });
+
+    RequestOptions& request = parsed.request;
+    auto* ask = app.add_subcommand("request", "Ask the devices above for a file");
+    AddKeyOptions(*ask, request.type, request.label);
+    ask->add_option("--name", request.name, "File name")->required();
+    ask->add_option("--checksum", request.checksum, "MD5 of the content; without it any content will do");
+    ask->add_option("--wait", request.waitSeconds, "Wait so long until it is delivered here")
+        ->type_name("SECONDS")
+        ->check(CLI::Range(0, 86400));
+    ask->callback([&parsed] { parsed.chosen = parsed.request; });
 }
 
 void DefineSettings(CLI::App& app, Parsed& parsed) {
@@ -139,6 +180,7 @@ std::optional<Options> ParseOptions(int count, const char* const* arguments, int
     DefineInit(app, parsed);
     DefineQueries(app, parsed);
     DefinePublish(app, parsed);
+    DefineUpward(app, parsed);
     DefineSettings(app, parsed);
     DefineWindows(app, parsed);
     DefineCall(app, parsed);

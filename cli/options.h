@@ -35,15 +35,38 @@ struct InitOptions {
 struct StatusOptions {};
 struct DevicesOptions {};
 struct InboxOptions {};
+struct CollectedOptions {};
+struct UploadOptions {};
 
 struct PublishOptions {
     KelVector<KelString> files;
     KelString type;
     KelString label;
-    KelVector<KelString> devices;  ///< GUIDs or names, or "all"
+    KelVector<KelString> devices;  ///< GUIDs or names, or "all", or "none"
     int priority = 100;
     bool bypass = false;
     bool wake = false;
+    bool watch = false;  ///< go on until every target has the files
+};
+
+struct PublicationsOptions {
+    KelString id;  ///< empty for all
+};
+
+struct SendOptions {
+    KelVector<KelString> files;
+    KelString type;
+    KelString label;
+    int priority = 100;
+    bool bypass = false;
+};
+
+struct RequestOptions {
+    KelString type;
+    KelString label;
+    KelString name;
+    KelString checksum;   ///< empty: any content of this name
+    int waitSeconds = 0;  ///< for the file to lie in the inbox; 0: not at all
 };
 
 struct FilesOptions {
@@ -68,8 +91,10 @@ struct CallOptions {
     KelVector<KelString> arguments;  ///< "name=text" or "name:=JSON"
 };
 
-using CommandOptions = std::variant<InitOptions, StatusOptions, DevicesOptions, PublishOptions, FilesOptions,
-                                    SettingsOptions, WindowsOptions, InboxOptions, CallOptions>;
+using CommandOptions =
+    std::variant<InitOptions, StatusOptions, DevicesOptions, PublishOptions, PublicationsOptions, SendOptions,
+                 CollectedOptions, RequestOptions, UploadOptions, FilesOptions, SettingsOptions,
+                 WindowsOptions, InboxOptions, CallOptions>;
 
 struct Options {
     CommonOptions common;

@@ -4,6 +4,7 @@
 #include "cli/commands.h"
 #include "cli/list_output.h"
 #include "cli/progress_bar.h"
+#include "cli/publication_watch.h"
 #include "cli/remote.h"
 #include "cli/table.h"
 #include "kel/file.h"
@@ -27,39 +28,52 @@ KelContainer PublishArguments(const PublishOptions& options, const KelString& fi
     return arguments;
 }
 
+/// Publishes file by file, up to the first that is refused; what was published goes under "Values". An exit
+/// code.
+int PublishFiles(const Remote& remote, const PublishOptions& options, int timeoutSeconds,
+                 KelContainer& published) {
+    std::int64_t whole = 0;
+    for (const KelString& file : options.files)
+        whole += std::max<std::int64_t>(FileGetSize64(file), 0);
+    std::int64_t done = 0;
+    std::uint32_t count = 0;
+    ProgressBar bar(whole);
+    for (const KelString& file : options.files) {
+        bar.Show(done, file);
+        KelContainer answer = PublishArguments(options, file);
+        if (const unsigned int result = remote.Call("ConsolePublish", answer, timeoutSeconds); result != 0) {
+            std::fprintf(stderr, "kel: %s was not published\n", Printable(file).c_str());
+            return ExitCodeOf(result);
+        }
+        done += answer.GetInt64("FileSize");
+        answer.SetString("File", file);
+        published.SetContainer("Values", std::move(answer), count++);
+    }
+    return kExitDone;
+}
+
+KelVector<Column> Columns(bool watched) {
+    KelVector<Column> columns = {
+        ValueColumn("PUBLICATION", "PublicationId"),
+        ValueColumn("FILE", "File"),
+        {"SIZE", [](const KelContainer& item) { return SizeText(item.GetInt64("FileSize")); }},
+        ValueColumn("CHECKSUM", "FileChecksum"),
+        ValueColumn("TARGETS", "Targets")};
+    if (watched)
+        columns.insert(columns.end(), {ValueColumn("DELIVERED", "Delivered"), ValueColumn("FAILED", "Failed"),
+                                       ValueColumn("PENDING", "Pending")});
+    return columns;
+}
+
 }  // namespace
 
 int RunPublish(const CommonOptions& common, const PublishOptions& options) {
     const auto remote = Remote::Open(common);
     if (!remote) return Complain(remote.Error());
-    std::int64_t whole = 0;
-    for (const KelString& file : options.files)
-        whole += std::max<std::int64_t>(FileGetSize64(file), 0);
     KelContainer published;
-    std::int64_t done = 0;
-    std::uint32_t count = 0;
-    int exitCode = kExitDone;
-    {
-        ProgressBar bar(whole);
-        for (const KelString& file : options.files) {
-            bar.Show(done, file);
-            KelContainer answer = PublishArguments(options, file);
-            const int timeout = std::max(common.timeoutSeconds, kPublishTimeoutSeconds);
-            if (const unsigned int result = remote->Call("ConsolePublish", answer, timeout); result != 0) {
-                std::fprintf(stderr, "kel: %s was not published\n", Printable(file).c_str());
-                exitCode = ExitCodeOf(result);
-                break;
-            }
-            done += answer.GetInt64("FileSize");
-            answer.SetString("File", file);
-            published.SetContainer("Values", std::move(answer), count++);
-        }
-    }
-    PrintList(published, "Values", common.json,
-              {ValueColumn("PUBLICATION", "PublicationId"),
-               ValueColumn("FILE", "File"),
-               {"SIZE", [](const KelContainer& item) { return SizeText(item.GetInt64("FileSize")); }},
-               ValueColumn("CHECKSUM", "FileChecksum"),
-               ValueColumn("TARGETS", "Targets")});
+    const int timeout = std::max(common.timeoutSeconds, kPublishTimeoutSeconds);
+    int exitCode = PublishFiles(*remote, options, timeout, published);
+    if (options.watch) exitCode = std::max(exitCode, WatchPublications(*remote, published));
+    PrintList(published, "Values", common.json, Columns(options.watch));
     return exitCode;
 }

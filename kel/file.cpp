@@ -142,19 +142,22 @@ UniqueFd FileCreateTemp(const KelString& folder, KelString& path) {
 }
 
 UniqueFd FileOpenBeneath(const KelString& root, const KelString& relativePath, int flags, unsigned int mode) {
+    const UniqueFd folder(::open(root.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    return folder ? FileOpenBeneath(folder, relativePath, flags, mode) : UniqueFd();
+}
+
+UniqueFd FileOpenBeneath(const UniqueFd& root, const KelString& relativePath, int flags, unsigned int mode) {
     if (relativePath.find('\0') != KelString::npos) {
         errno = EINVAL;
         return {};
     }
-    const UniqueFd folder(::open(root.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
-    if (!folder) return {};
     open_how how{};
     how.flags = static_cast<unsigned int>(flags | O_CLOEXEC);
     if ((flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE) how.mode = mode;
     how.resolve = RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS;
     // The kernel gives up with EAGAIN when a rename elsewhere crosses its walk.
     for (int attempt = 0;; ++attempt) {
-        const long fd = ::syscall(SYS_openat2, folder.Get(), relativePath.c_str(), &how, sizeof how);
+        const long fd = ::syscall(SYS_openat2, root.Get(), relativePath.c_str(), &how, sizeof how);
         if (fd >= 0 || errno != EAGAIN || attempt == 16) return UniqueFd(static_cast<int>(fd));
     }
 }

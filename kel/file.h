@@ -40,6 +40,11 @@ UniqueFd FileCreateTemp(const KelString& folder, KelString& path);
 
 /// Opens `relativePath` strictly beneath `root`: "..", absolute names, and symbolic links beneath the root
 /// are refused by the kernel (openat2, RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS): a name is checked, not what a
-/// link makes of it. `flags` and `mode` as for open(2); O_CLOEXEC is added. An invalid descriptor with errno set on failure.
+/// link makes of it. `flags` and `mode` as for open(2); O_CLOEXEC is added. An invalid descriptor with errno
+/// set on failure.
 UniqueFd FileOpenBeneath(const KelString& root, const KelString& relativePath, int flags,
+                         unsigned int mode = 0644);
+
+/// The same beneath an open folder (O_PATH suffices).
+UniqueFd FileOpenBeneath(const UniqueFd& root, const KelString& relativePath, int flags,
                          unsigned int mode = 0644);

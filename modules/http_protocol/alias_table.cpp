@@ -36,7 +36,7 @@ bool AliasTable::Add(std::string_view name, const KelString& folder) {
     name = WithoutOuterSlashes(name);
     if (folder.empty() || !IsUsableName(name)) return false;
     const std::unique_lock lock(mutex_);
-    folders_.insert_or_assign(KelString(name), folder);
+    folders_.insert_or_assign(KelString(name), std::make_shared<const RootFolder>(folder));
     return true;
 }
 

@@ -1,19 +1,21 @@
 #pragma once
 
 #include <map>
+#include <memory>
 #include <optional>
 #include <set>
 #include <shared_mutex>
 #include <string_view>
 
 #include "kel/types.h"
+#include "modules/http_protocol/root_folder.h"
 
 namespace kelhttp {
 
 /// A place beneath an alias that a request path names.
 struct AliasMatch {
-    KelString root;  ///< the alias's folder
-    KelString rest;  ///< what lies beneath it, without a leading "/"; never empty
+    std::shared_ptr<const RootFolder> root;  ///< the alias's folder, never null
+    KelString rest;                          ///< what lies beneath it, without a leading "/"; never empty
     bool writable = false;
 };
 
@@ -36,7 +38,8 @@ class AliasTable {
 
   private:
     mutable std::shared_mutex mutex_;
-    std::map<KelString, KelString, std::less<>> folders_;  ///< by name without outer "/"
+    std::map<KelString, std::shared_ptr<const RootFolder>, std::less<>>
+        folders_;  ///< by name without outer "/"
     std::set<KelString, std::less<>> writable_;
 };
 

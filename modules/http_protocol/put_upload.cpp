@@ -63,7 +63,7 @@ PutUpload::~PutUpload() {
 unsigned int PutUpload::Begin() {
     KelString folder;
     SplitPath(place_.rest, folder, name_);
-    folder_ = FileOpenBeneath(place_.root, folder.empty() ? "." : folder, O_RDONLY | O_DIRECTORY);
+    folder_ = place_.root->Open(folder.empty() ? "." : folder, O_RDONLY | O_DIRECTORY);
     if (!folder_) return Fail("open the folder of");
     file_.Reset(::openat(folder_.Get(), ".", O_TMPFILE | O_WRONLY | O_CLOEXEC, 0644));
     if (!file_ && errno != EOPNOTSUPP && errno != EISDIR) return Fail("make a file beside");
@@ -151,7 +151,8 @@ void PutUpload::Trigger() const {
     KelContainer arguments;
     arguments.SetString("URL", url_);
     arguments.SetString("MulticastAddress", "");
-    arguments.SetString("LocalPath", place_.root + (place_.root.ends_with('/') ? "" : "/") + place_.rest);
+    const KelString& root = place_.root->Path();
+    arguments.SetString("LocalPath", root + (root.ends_with('/') ? "" : "/") + place_.rest);
     KelContainer results;
     if (const unsigned int result = CallbackDbTrigger("HttpProtocolCallbackPut", arguments, results))
         log_.Warning("A subscriber of HttpProtocolCallbackPut answered %u to the upload of %S.\n", result,
@@ -161,7 +162,7 @@ void PutUpload::Trigger() const {
 unsigned int PutUpload::Fail(const char* what) {
     const int error = errno;
     log_.Error("Upload of %S: cannot %s %S/%S: %s. The upload is refused; the sender will try again.\n", url_,
-               what, place_.root, place_.rest, std::strerror(error));
+               what, place_.root->Path(), place_.rest, std::strerror(error));
     return StatusOfError(error);
 }
 

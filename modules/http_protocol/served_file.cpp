@@ -68,8 +68,7 @@ ServedFile OpenServedFile(const AliasMatch& place, const RequestHead& request) {
     ServedFile answer;
     struct stat info {};
     // O_NONBLOCK: opening a FIFO must not wait for its writer.
-    if (IsServableName(place.rest))
-        answer.fd = FileOpenBeneath(place.root, place.rest, O_RDONLY | O_NONBLOCK);
+    if (IsServableName(place.rest)) answer.fd = place.root->Open(place.rest, O_RDONLY | O_NONBLOCK);
     if (!answer.fd || ::fstat(answer.fd.Get(), &info) != 0 || !S_ISREG(info.st_mode)) {
         answer.fd.Reset();
         return answer;

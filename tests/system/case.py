@@ -1,11 +1,12 @@
 """What the system tests share: the build under test, and checks on a tree that has been stopped."""
 
 import os
+import pathlib
 import random
 import sqlite3
 import unittest
 
-from tree import wait_until
+from tree import sha256_of, wait_until
 
 BUILD = os.environ.get("KEL_BUILD", "build/release")
 STOP_SECONDS = 5
@@ -37,10 +38,31 @@ class SystemTest(unittest.TestCase):
         self.fail(f"{agent.name} has no downstream database")
 
 
+def collected_files(master):
+    """What the master collected: (device GUID, label, name) -> path."""
+    return {(file["Device"], file["FileLabel"], file["FileName"]): pathlib.Path(file["Path"])
+            for file in master.kel("collected")}
+
+
+def wait_collected(master, expected, seconds):
+    """Waits until the master holds all of `expected`, (device GUID, label, name) -> SHA-256, with that content."""
+    missing = dict(expected)
+
+    def complete():
+        for key, path in collected_files(master).items():
+            if key in missing and sha256_of(path) == missing[key]:
+                del missing[key]
+        return not missing
+    try:
+        wait_until(complete, seconds, "")
+    except TimeoutError:
+        raise TimeoutError(f"not collected within {seconds} s: {sorted(missing)[:5]}") from None
+
+
 def write_files(folder, sizes, seed=1):
     """Files with random content: name -> path."""
     source = random.Random(seed)
-    folder.mkdir(exist_ok=True)
+    folder.mkdir(parents=True, exist_ok=True)
     paths = {}
     for name, size in sizes.items():
         paths[name] = folder / name

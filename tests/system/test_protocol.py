@@ -1,65 +1,15 @@
 """What a stranger, a script and a browser see of the agent's HTTP server."""
 
 import hashlib
-import http.client
-import os
 import subprocess
 import unittest
 import urllib.parse
 
 from case import BUILD, SystemTest
+from digest_client import DigestClient
 from tree import AGENT_NAME, PASSWORD, Tree
 
 CONTENT = bytes(range(256)) * 40
-
-
-def parse_challenge(header):
-    """The parameters of a digest challenge (RFC 7616)."""
-    fields = {}
-    for part in header.split(" ", 1)[1].split(","):
-        name, _, value = part.strip().partition("=")
-        fields[name.lower()] = value.strip('"')
-    return fields
-
-
-class DigestClient:
-    """Requests with digest authentication (SHA-256), one connection each."""
-
-    def __init__(self, agent, user=AGENT_NAME, password=PASSWORD, source=None):
-        self.agent, self.user, self.password, self.source = agent, user, password, source
-
-    def plain(self, method, target, body=None, headers=None):
-        connection = http.client.HTTPConnection(self.agent.address, self.agent.port, timeout=20,
-                                                source_address=(self.source, 0) if self.source else None)
-        try:
-            connection.request(method, target, body, headers or {})
-            answer = connection.getresponse()
-            return answer.status, {name.lower(): value for name, value in answer.getheaders()}, answer.read()
-        finally:
-            connection.close()
-
-    def request(self, method, target, body=None, headers=None):
-        status, answer, _ = self.plain(method, target, None, {})
-        assert status == 401, status
-        challenges = answer["www-authenticate"]
-        fields = parse_challenge(challenges)
-        authorization = self.authorization(method, target, fields)
-        return self.plain(method, target, body, {**(headers or {}), "Authorization": authorization})
-
-    def authorization(self, method, target, fields):
-        def digest(text):
-            return hashlib.sha256(text.encode()).hexdigest()
-        cnonce = os.urandom(8).hex()
-        first = digest(f"{self.user}:{fields['realm']}:{self.password}")
-        second = digest(f"{method}:{target}")
-        response = digest(f"{first}:{fields['nonce']}:00000001:{cnonce}:auth:{second}")
-        text = (f'Digest username="{self.user}", realm="{fields["realm"]}", nonce="{fields["nonce"]}", uri="{target}", '
-                f'algorithm=SHA-256, qop=auth, nc=00000001, cnonce="{cnonce}", response="{response}"')
-        return text + (f', opaque="{fields["opaque"]}"' if "opaque" in fields else "")
-
-    def action(self, name, json_text):
-        status, headers, body = self.request("POST", f"/Action/{name}", json_text, {"Content-Type": "application/json"})
-        return status, int(headers.get("kel-result", -1)), body
 
 
 class ProtocolTest(SystemTest):

@@ -267,26 +267,29 @@ class Tree:
         return self.relays + self.clients
 
     def start(self, seconds=60):
-        """Starts all agents, waits until all are in sync with their parents and tells the master about them."""
+        """Starts all agents and waits until the master knows every device with its final GUID."""
         for agent in self.agents:
             agent.start()
         for agent in self.agents:
             agent.wait_ready()
         self.wait_in_sync(seconds)
-        self.write_devices()
+        self.wait_known(seconds)
 
     def wait_in_sync(self, seconds=60):
         for agent in self.devices:  # parents stand before their children
             wait_until(agent.in_sync, seconds, f"{agent.name} in sync with its parent")
 
-    def write_devices(self):
-        """The master's list of devices, from what each says of itself."""
+    def wait_known(self, seconds=60):
+        """Waits until the devices have told the master who they are: name, role, parent and path name."""
         identities = {agent: agent.identity() for agent in self.agents}
-        for agent in self.devices:
-            own = identities[agent]
-            path = f"{own['IPAddress']}:{agent.port}/{own['GUID']}/{own['MACAddress']}/{own['IPAddress']}/{own['NetworkMask']}"
-            parent = identities[agent.parent]["GUID"]
-            self.master.set_ini("Console", "Devices", own["GUID"], f"{path} {parent} {agent.role} {agent.name}")
+        expected = {(identities[agent]["GUID"], agent.name, agent.role, identities[agent.parent]["GUID"])
+                    for agent in self.devices}
+
+        def known():
+            devices = self.master.kel("devices")
+            return expected <= {(device["GUID"], device["Name"], device["Role"], device["Parent"])
+                                for device in devices if device["PathName"].count("/") == 4}
+        wait_until(known, seconds, "all devices known to the master")
 
     def publish(self, files, file_type="Demo", label="files", to="all", priority=100):
         return self.master.kel("publish", *files, "--type", file_type, "--label", label, "--to", to, "--priority",

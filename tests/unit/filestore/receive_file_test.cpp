@@ -199,6 +199,7 @@ TEST_F(ReceiveFileTest, UnconnectedActionStoresContentAndSetsTheNextStatus) {
     EXPECT_EQ(FileStore::ActionHandler_FileStoreReceiveUnconnectedFile(&offer), 0U);
     FileStoreEntry row = OnlyRow(true);
     EXPECT_EQ(row.FileStatus, kStatusToBeUploaded);
+    EXPECT_EQ(row.LastStatusChangeTime, 0);
     EXPECT_EQ(row.FirstRelay, "0");
     EXPECT_EQ(row.Priority, 500U);
     KelContainer stored;

@@ -210,6 +210,18 @@ TEST_F(ReceiveRoutingTest, KnownFileIsTakenUpAgainAsTheNewOfferSays) {
     }
 }
 
+TEST_F(ReceiveRoutingTest, RequestedFileIsDownloadedAtOnceAndAFailedDownloadWaits) {
+    KelContainer offer = Announcement();
+    EXPECT_EQ(Receive(offer), 0U);
+    for (const auto& [status, expected] : {std::pair{kStatusToBeRequested, 0}, {kStatusDownloading, 77}}) {
+        Rows(Downstream(),
+             KelString("UPDATE Files SET LastStatusChangeTime = 77, FileStatus = '") + status + "'");
+        offer = Announcement();
+        EXPECT_EQ(Receive(offer), 0U);
+        EXPECT_EQ(OnlyRow(false).LastStatusChangeTime, expected) << status;
+    }
+}
+
 TEST_F(ReceiveRoutingTest, LocalOfferReplacesAPartialDownload) {
     KelContainer offer = Announcement();
     EXPECT_EQ(Receive(offer), 0U);

@@ -1,0 +1,129 @@
+#include "cli/publication_watch.h"
+
+#include <unistd.h>
+
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <ctime>
+
+#include "cli/progress_bar.h"
+#include "cli/table.h"
+
+namespace {
+
+constexpr timespec kPollPause{0, 500'000'000};
+constexpr std::size_t kBarWidth = 20;
+
+volatile std::sig_atomic_t g_interrupted = 0;
+
+/// While it lives, SIGINT ends the watching, not the program. One at a time.
+class InterruptGuard {
+  public:
+    InterruptGuard() {
+        g_interrupted = 0;
+        struct sigaction action {};
+        action.sa_handler = [](int) { g_interrupted = 1; };
+        sigaction(SIGINT, &action, &previous_);
+    }
+    ~InterruptGuard() { sigaction(SIGINT, &previous_, nullptr); }
+    InterruptGuard(const InterruptGuard&) = delete;
+    InterruptGuard& operator=(const InterruptGuard&) = delete;
+
+  private:
+    struct sigaction previous_ {};
+};
+
+/// What is on the screen: bars that are drawn over on a terminal, else one line for every change.
+class WatchDisplay {
+  public:
+    explicit WatchDisplay(std::uint32_t count) : texts_(count) {}
+
+    void Show(const KelContainer& published) {
+        if (isTerminal_ && drawn_) std::fprintf(stderr, "\x1b[%zuA", texts_.size());
+        for (std::uint32_t i = 0; i < texts_.size(); ++i) {
+            const KelContainer& item = published.GetContainer("Values", i);
+            const KelString text = Printable(WatchText(item));
+            if (isTerminal_)
+                std::fprintf(stderr, "\r\x1b[K%s  %s\n", Bar(item).c_str(), text.c_str());
+            else if (text != texts_[i])
+                std::fprintf(stderr, "%s\n", text.c_str());
+            texts_[i] = text;
+        }
+        drawn_ = true;
+    }
+
+  private:
+    static KelString Bar(const KelContainer& item) {
+        return ProgressBar::Text(item.GetInt32("Delivered") + item.GetInt32("Failed"),
+                                 item.GetInt32("Targets"), kBarWidth);
+    }
+
+    const bool isTerminal_ = isatty(STDERR_FILENO) == 1;
+    bool drawn_ = false;
+    KelVector<KelString> texts_;
+};
+
+/// Takes the counts over from what the master answers.
+void TakeCounts(const KelContainer& answer, KelContainer& published) {
+    for (std::uint32_t i = 0; i < published.Count("Values"); ++i) {
+        KelContainer item = published.GetContainer("Values", i);
+        const KelString id = item.GetString("PublicationId");
+        const std::uint32_t count = answer.Has("Values") ? answer.Count("Values") : 0;
+        for (std::uint32_t j = 0; j < count; ++j) {
+            const KelContainer& known = answer.GetContainer("Values", j);
+            if (known.GetString("PublicationId") != id) continue;
+            for (const char* name : {"Targets", "Delivered", "Failed", "Pending"})
+                item.SetInt32(name, known.GetInt32(name));
+        }
+        published.SetContainer("Values", std::move(item), i);
+    }
+}
+
+/// The state of all together.
+PublicationState StateOfAll(const KelContainer& published) {
+    PublicationState whole = PublicationState::Complete;
+    for (std::uint32_t i = 0; i < published.Count("Values"); ++i) {
+        const PublicationState state = StateOf(published.GetContainer("Values", i));
+        if (state == PublicationState::Going) return state;
+        if (state == PublicationState::Failed) whole = state;
+    }
+    return whole;
+}
+
+}  // namespace
+
+PublicationState StateOf(const KelContainer& publication) {
+    const std::int32_t failed = publication.GetInt32("Failed");
+    if (publication.GetInt32("Delivered") + failed < publication.GetInt32("Targets"))
+        return PublicationState::Going;
+    return failed > 0 ? PublicationState::Failed : PublicationState::Complete;
+}
+
+KelString WatchText(const KelContainer& publication) {
+    KelString text = publication.GetString("File") + "  " +
+                     std::to_string(publication.GetInt32("Delivered")) + " of " +
+                     publication.GetString("Targets") + " delivered";
+    const std::int32_t failed = publication.GetInt32("Failed");
+    if (failed > 0) text += ", " + std::to_string(failed) + " failed";
+    return text;
+}
+
+int WatchPublications(const Remote& remote, KelContainer& published) {
+    if (!published.Has("Values")) return kExitDone;
+    const InterruptGuard guard;
+    WatchDisplay display(published.Count("Values"));
+    while (g_interrupted == 0) {
+        KelContainer answer;
+        if (const unsigned int result = remote.Call("ConsoleListPublications", answer); result != 0)
+            return ExitCodeOf(result);
+        TakeCounts(answer, published);
+        display.Show(published);
+        const PublicationState state = StateOfAll(published);
+        if (state != PublicationState::Going)
+            return state == PublicationState::Complete ? kExitDone : kExitFailed;
+        nanosleep(&kPollPause, nullptr);
+    }
+    std::fputs("kel: the transfers go on; 'kel publications' shows how far they are\n", stderr);
+    return kExitFailed;
+}
