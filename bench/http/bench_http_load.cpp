@@ -20,6 +20,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <iostream>
+#include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -35,19 +37,38 @@ constexpr const char* kPassword = "bench-password";
     std::exit(1);
 }
 
-std::string Sha256(const std::string& text) {
-    static EVP_MD* const kDigest = EVP_MD_fetch(nullptr, "SHA256", nullptr);
-    static EVP_MD_CTX* const kContext = EVP_MD_CTX_new();
-    unsigned char bytes[32];
-    EVP_DigestInit_ex2(kContext, kDigest, nullptr);
-    EVP_DigestUpdate(kContext, text.data(), text.size());
-    EVP_DigestFinal_ex(kContext, bytes, nullptr);
-    std::string hex(64, '0');
-    for (int i = 0; i < 32; ++i) {
-        hex[2 * i] = "0123456789abcdef"[bytes[i] >> 4];
-        hex[2 * i + 1] = "0123456789abcdef"[bytes[i] & 15];
+/// A SHA-256 digest begun with a text that many digests share.
+class Digester {
+  public:
+    explicit Digester(const std::string& begin) {
+        static EVP_MD* const kDigest = EVP_MD_fetch(nullptr, "SHA256", nullptr);
+        EVP_DigestInit_ex2(begun_.get(), kDigest, nullptr);
+        EVP_DigestUpdate(begun_.get(), begin.data(), begin.size());
     }
-    return hex;
+
+    std::string Finish(const std::string& end) {
+        unsigned char bytes[32];
+        EVP_MD_CTX_copy_ex(work_.get(), begun_.get());
+        EVP_DigestUpdate(work_.get(), end.data(), end.size());
+        EVP_DigestFinal_ex(work_.get(), bytes, nullptr);
+        std::string hex(64, '0');
+        for (int i = 0; i < 32; ++i) {
+            hex[2 * i] = "0123456789abcdef"[bytes[i] >> 4];
+            hex[2 * i + 1] = "0123456789abcdef"[bytes[i] & 15];
+        }
+        return hex;
+    }
+
+  private:
+    struct Free {
+        void operator()(EVP_MD_CTX* context) const { EVP_MD_CTX_free(context); }
+    };
+    std::unique_ptr<EVP_MD_CTX, Free> begun_{EVP_MD_CTX_new()};
+    std::unique_ptr<EVP_MD_CTX, Free> work_{EVP_MD_CTX_new()};
+};
+
+std::string Sha256(const std::string& text) {
+    return Digester(text).Finish("");
 }
 
 int Connect(int port) {
@@ -65,22 +86,34 @@ int Connect(int port) {
 class Requests {
   public:
     Requests(int port, bool digest, std::string method, std::string target, int names)
-        : digest_(digest), method_(std::move(method)), target_(std::move(target)), names_(names) {
+        : digest_(digest), method_(std::move(method)) {
         if (digest_)
             FetchNonce(port);
         else
             basic_ = Base64Encode(std::string(kUser) + ":" + kPassword);
+        // As any client that asks for a name again, it keeps what depends on the name only.
+        const std::size_t mark = target.find("%d");
+        for (int i = 0; i < (mark == std::string::npos ? 1 : names); ++i) {
+            std::string path = target;
+            if (mark != std::string::npos) path.replace(mark, 2, std::to_string(i));
+            targets_.push_back({Sha256(method_ + ":" + path), HeadOf(path)});
+        }
     }
 
     std::string Next() {
-        std::string target = target_;
-        if (const std::size_t mark = target.find("%d"); mark != std::string::npos)
-            target.replace(mark, 2, std::to_string(made_ % names_));
+        const Target& target = targets_[static_cast<std::size_t>(made_) % targets_.size()];
         ++made_;
-        std::string text = method_ + " " + target + " HTTP/1.1\r\nHost: bench\r\nAuthorization: ";
-        text += digest_ ? Digest(target) : "Basic " + basic_;
-        if (method_ == "POST") text += "\r\nContent-Length: 0";
-        return text + "\r\n\r\n";
+        std::string text;
+        text.reserve(512);
+        text += target.head;
+        if (digest_) {
+            char count[9];
+            std::snprintf(count, sizeof count, "%08x", static_cast<unsigned int>(made_ & 0xFFFFFFFF));
+            text.append(count).append(", response=\"");
+            text += digester_->Finish(std::string(count) + ":c:auth:" + target.digest);
+            text += '"';
+        }
+        return text += method_ == "POST" ? "\r\nContent-Length: 0\r\n\r\n" : "\r\n\r\n";
     }
 
   private:
@@ -95,22 +128,25 @@ class Requests {
         const std::size_t start = text.find("nonce=\"");
         if (start == std::string::npos) Die("no nonce");
         nonce_ = text.substr(start + 7, text.find('"', start + 7) - start - 7);
-        secret_ = Sha256(std::string(kUser) + ":kel:" + kPassword);
+        digester_.emplace(Sha256(std::string(kUser) + ":kel:" + kPassword) + ":" + nonce_ + ":");
     }
 
-    std::string Digest(const std::string& target) {
-        char count[9];
-        std::snprintf(count, sizeof count, "%08x", static_cast<unsigned int>(made_ & 0xFFFFFFFF));
-        const std::string response =
-            Sha256(secret_ + ":" + nonce_ + ":" + count + ":c:auth:" + Sha256(method_ + ":" + target));
-        return std::string("Digest username=\"") + kUser + "\", realm=\"kel\", nonce=\"" + nonce_ +
-               "\", uri=\"" + target + "\", algorithm=SHA-256, qop=auth, nc=" + count +
-               ", cnonce=\"c\", response=\"" + response + "\"";
+    std::string HeadOf(const std::string& path) const {
+        const std::string head = method_ + " " + path + " HTTP/1.1\r\nHost: bench\r\nAuthorization: ";
+        if (!digest_) return head + "Basic " + basic_;
+        return head + "Digest username=\"" + kUser + "\", realm=\"kel\", nonce=\"" + nonce_ + "\", uri=\"" +
+               path + "\", algorithm=SHA-256, qop=auth, cnonce=\"c\", nc=";
     }
+
+    struct Target {
+        std::string digest;  ///< of method and path
+        std::string head;    ///< of the request, as far as it is the same each time
+    };
 
     bool digest_;
-    std::string method_, target_, nonce_, secret_, basic_;
-    int names_;
+    std::string method_, nonce_, basic_;
+    std::optional<Digester> digester_;
+    std::vector<Target> targets_;
     long made_ = 0;
 };
 
