@@ -114,7 +114,7 @@ class Connection final : public ChannelUser,
 
     std::unique_ptr<ActionCall> call_;
     std::shared_ptr<PutUpload> upload_;
-    std::unique_ptr<char[]> chunk_;  ///< body bytes on their way to the upload
+    std::shared_ptr<char[]> chunk_;  ///< body bytes on their way to the upload; a worker may outlive us
     std::size_t chunkSize_ = 0;
     std::size_t chunkUsed_ = 0;
 

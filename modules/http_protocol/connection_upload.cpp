@@ -54,7 +54,7 @@ void Connection::FailUpload(unsigned int status) {
 void Connection::OnUploadBegun(unsigned int status) {
     if (status != 0) return FailUpload(status);
     chunkSize_ = std::min(std::max<std::uint64_t>(bodyLeft_, 1), kChunkBytes);
-    chunk_ = std::make_unique_for_overwrite<char[]>(chunkSize_);
+    chunk_ = std::make_shared_for_overwrite<char[]>(chunkSize_);
     chunkUsed_ = 0;
     RequestHead request;
     request.expectContinue = hasExpectation_;
@@ -69,12 +69,12 @@ bool Connection::TakePutBody() {
     chunkUsed_ += count;
     bodyLeft_ -= count;
     if (chunkUsed_ < chunkSize_ && bodyLeft_ > 0) return false;
-    // The chunk lies in this connection, which may go away under the worker: the task takes it along.
-    const auto chunk = std::make_shared<std::unique_ptr<char[]>>(std::move(chunk_));
+    // The connection may go away under the worker, so the task shares the chunk. It is used again only after
+    // the task.
     const std::size_t used = chunkUsed_;
-    RunUploadStep(
-        [chunk, used](PutUpload& upload) { return upload.Write(std::string_view(chunk->get(), used)); },
-        &Connection::OnUploadWritten);
+    RunUploadStep([chunk = chunk_,
+                   used](PutUpload& upload) { return upload.Write(std::string_view(chunk.get(), used)); },
+                  &Connection::OnUploadWritten);
     return true;
 }
 
@@ -83,7 +83,6 @@ void Connection::OnUploadWritten(unsigned int status) {
     if (bodyLeft_ == 0)
         return RunUploadStep([](PutUpload& upload) { return upload.Commit(); },
                              &Connection::OnUploadCommitted);
-    chunk_ = std::make_unique_for_overwrite<char[]>(chunkSize_);
     chunkUsed_ = 0;
     Enter(State::PutBody);
 }

@@ -49,7 +49,7 @@ class UnconnectedReplayTest : public ModuleFixture {
     }
     void KeepFile(const std::string& name, const std::string& content) {
         KelContainer request = Request(name, content);
-        request.SetString("FilePath", "/where/the/root/once/was/inventory/" + name + ".xml");
+        request.SetString("FilePath", "/moved/away/since/inventory/" + name + ".xml");
         std::filesystem::create_directories(Folder("inventory"));
         TempFolder::Write(Folder("inventory") + "/" + name + ".xml", content);
         Keep("inventory", request);
