@@ -190,7 +190,7 @@ unsigned int GenericArchive::WriteOut() {
         if (code == ZIP_ER_CANCELLED) return Fail(kArchiveCancelled, text);
         return Fail(code == ZIP_ER_OPEN || code == ZIP_ER_READ ? kArchiveNoFile : kArchiveNotWritten, text);
     }
-    zip_.release();  // closing has freed it
+    static_cast<void>(zip_.release());  // closing has freed it
     // FileRename puts the folder's entry on the disk, the content must be there before.
     if (!FileSync(workPath_) || !FileRename(workPath_, path_))
         return Fail(kArchiveNotWritten,

@@ -52,7 +52,7 @@ void HttpAnswerSink::OnStatus(unsigned int status) {
     length_.reset();
 }
 
-void HttpAnswerSink::OnHeader(KelString name, std::string_view value) {
+void HttpAnswerSink::OnHeader(const KelString& name, std::string_view value) {
     if (name == "content-length") length_ = ParseUint64(value);
     answer_.SetHeader(name, KelString(value));
 }

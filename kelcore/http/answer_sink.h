@@ -27,7 +27,7 @@ class HttpAnswerSink {
 
     /// A new status line: forgets the headers of the answer before.
     void OnStatus(unsigned int status);
-    void OnHeader(KelString name, std::string_view value);
+    void OnHeader(const KelString& name, std::string_view value);
     void OnHeadersEnd() { headersWhole_ = true; }
 
     /// False when the exchange must stop; Result() says why.

@@ -222,7 +222,7 @@ void HttpExchange::TakeHeader(std::string_view line) {
     KelString name(line.substr(0, colon));
     std::transform(name.begin(), name.end(), name.begin(),
                    [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-    sink_.OnHeader(std::move(name), Trim(line.substr(colon + 1)));
+    sink_.OnHeader(name, Trim(line.substr(colon + 1)));
 }
 
 std::size_t HttpExchange::OnBody(char* data, std::size_t size, std::size_t count, void* self) {

@@ -61,7 +61,7 @@ bool HttpManagedTransmission::Pass(std::uint64_t bytes, const std::function<bool
 
 std::size_t HttpManagedTransmission::PieceBytes() const {
     static constexpr std::uint64_t kLeast = 1400;
-    static constexpr std::uint64_t kMost = 256 << 10;
+    static constexpr std::uint64_t kMost = std::uint64_t{256} << 10;
     return static_cast<std::size_t>(std::clamp(pacer_.BitsPerSecond() / (8 * 20), kLeast, kMost));
 }
 
