@@ -2,7 +2,8 @@
 
 #include "kel/text.h"
 
-StringTokeniser::StringTokeniser(const KelString& text, char separator) : tokens_(SplitText(text, separator)) {}
+StringTokeniser::StringTokeniser(const KelString& text, char separator)
+    : tokens_(SplitText(text, separator)) {}
 
 bool StringTokeniser::GetNextToken(KelString& token) {
     if (next_ == tokens_.size()) return false;

@@ -9,7 +9,7 @@
 struct ExtractionLimits {
     std::uint64_t entries = 10000;
     std::uint64_t bytes = std::uint64_t{4} << 30;  ///< unpacked, in all
-    std::uint64_t ratio = 1000;                     ///< unpacked bytes per packed byte, per entry above 1 MiB
+    std::uint64_t ratio = 1000;                    ///< unpacked bytes per packed byte, per entry above 1 MiB
 };
 
 inline constexpr unsigned int kExtractUnsafe = 16001;

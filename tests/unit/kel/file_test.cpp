@@ -93,8 +93,8 @@ TEST(File, OpenBeneathStaysInside) {
     ASSERT_TRUE(made);
     EXPECT_EQ(::fcntl(made.Get(), F_GETFD) & FD_CLOEXEC, FD_CLOEXEC);
     for (const KelString& name :
-         {KelString("../out"), folder / "out", KelString("leaves"), KelString("absolute"),
-          KelString("stays"), KelString("sub/../../out"), KelString("sub/in\0x", 8)})
+         {KelString("../out"), folder / "out", KelString("leaves"), KelString("absolute"), KelString("stays"),
+          KelString("sub/../../out"), KelString("sub/in\0x", 8)})
         EXPECT_FALSE(FileOpenBeneath(root, name, O_RDONLY)) << name;
 }
 
