@@ -59,7 +59,6 @@ TEST_F(IniFileTest, ValuesOfEachTypeAndFallbacks) {
                                                                "Flag", "Off", "Odd", "Empty"}));
     for (const auto& [key, value] : ini_.GetEntries("fileSTORE"))
         EXPECT_EQ(value, Text("FileStore", key)) << key;
-    EXPECT_TRUE(ini_.GetKeys("none").empty());
 }
 
 TEST_F(IniFileTest, AWriteChangesOneLineAndKeepsTheMode) {
@@ -76,22 +75,16 @@ TEST_F(IniFileTest, AWriteChangesOneLineAndKeepsTheMode) {
     expected += "\n\n[Fresh]\nKey=\n";
     EXPECT_EQ(TempFolder::Read(path_), expected);
     EXPECT_EQ(Text("FileStore", "Path"), "/new");
-    struct stat status {};
-    ASSERT_EQ(::stat(path_.c_str(), &status), 0);
-    EXPECT_EQ(status.st_mode & 0777, 0600U);
+    EXPECT_EQ(std::filesystem::status(path_).permissions(), std::filesystem::perms(0600));
 }
 
 TEST_F(IniFileTest, BadNamesAndValuesChangeNothing) {
     EXPECT_FALSE(ini_.WriteEntryValue("FileStore", "a", "b")) << "not open";
     ASSERT_TRUE(ini_.Open(path_));
-    const std::tuple<KelString, KelString, KelString> cases[] = {{"FileStore", "a", "b\n[Evil]\nx=1"},
-                                                                 {"FileStore", "a=b", "c"},
-                                                                 {"FileStore", "", "c"},
-                                                                 {"FileStore", "[x", "c"},
-                                                                 {"FileStore", ";a", "c"},
-                                                                 {"a]b", "a", "c"}};
-    for (const auto& [section, key, value] : cases)
-        EXPECT_FALSE(ini_.WriteEntryValue(section, key, value)) << key;
+    for (const char* key : {"a=b", "", "[x", ";a"})
+        EXPECT_FALSE(ini_.WriteEntryValue("FileStore", key, "c")) << key;
+    EXPECT_FALSE(ini_.WriteEntryValue("FileStore", "a", "b\n[Evil]\nx=1"));
+    EXPECT_FALSE(ini_.WriteEntryValue("a]b", "a", "c"));
     EXPECT_EQ(TempFolder::Read(path_), kText);
 }
 
@@ -101,7 +94,7 @@ TEST_F(IniFileTest, MissingFilesAreEmptyAndMalformedOnesRefused) {
     ASSERT_TRUE(ini_.WriteEntryValue("FileStore", "QueueGap", "5"));
     EXPECT_EQ(TempFolder::Read(folder_ / "none.ini"), "[FileStore]\nQueueGap=5\n");
     for (const KelString& bad :
-         {KelString("[open\n"), KelString("a=1\nno sign\n"), KelString("=x\n"), KelString("a=\0\n", 4)}) {
+         KelVector<KelString>{"[open\n", "a=1\nno sign\n", "=x\n", KelString("a=\0\n", 4)}) {
         TempFolder::Write(folder_ / "bad.ini", bad);
         EXPECT_FALSE(ini_.Open(folder_ / "bad.ini")) << bad;
         EXPECT_EQ(Number("QueueGap"), 77) << "nothing of a former file stays";

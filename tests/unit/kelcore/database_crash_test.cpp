@@ -5,12 +5,13 @@
 
 #include <csignal>
 #include <cstdint>
-#include <thread>
 
 #include "database_fixture.h"
 #include "kel/text.h"
 
+using testing::AllOf;
 using testing::Each;
+using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::StartsWith;
 
@@ -39,102 +40,81 @@ std::int64_t KillAfter(pid_t child, int report, std::int64_t count) {
     return committed;
 }
 
-void Overwrite(const KelString& path, std::int64_t offset, const KelString& bytes) {
-    std::FILE* file = std::fopen(path.c_str(), "r+b");
-    ASSERT_NE(file, nullptr);
-    EXPECT_EQ(std::fseek(file, static_cast<long>(offset), SEEK_SET), 0);
-    EXPECT_EQ(std::fwrite(bytes.data(), 1, bytes.size(), file), bytes.size());
-    EXPECT_EQ(std::fclose(file), 0);
-}
-
 TEST_F(DatabaseTest, AKilledProcessLosesNoCommittedRowAndLeavesNoHalfTransaction) {
-    {
-        const auto db = Open();
-        ASSERT_TRUE(db && db->Query("CREATE TABLE A (Id INTEGER PRIMARY KEY, Text TEXT)") &&
-                    db->Query("CREATE TABLE B (Id INTEGER PRIMARY KEY, Text TEXT)"));
-    }
+    ASSERT_TRUE(Open() && Run("CREATE TABLE A (Id INTEGER PRIMARY KEY, Text TEXT)") &&
+                Run("CREATE TABLE B (Id INTEGER PRIMARY KEY, Text TEXT)"));
     std::int64_t committed = 0;
     for (int round = 0; round < 8; ++round) {
+        db_.reset();
         int ends[2];
         ASSERT_EQ(pipe(ends), 0);
         const pid_t child = fork();
         if (child == 0) {
             close(ends[0]);
-            const auto db = Open();
-            if (!db) _exit(1);
-            WritePairs(*db, ends[1]);
+            if (!Open()) _exit(1);
+            WritePairs(*db_, ends[1]);
         }
         close(ends[1]);
         committed += KillAfter(child, ends[0], 5 + round * 7);
         close(ends[0]);
         ASSERT_TRUE(FileExists(path_ + "-wal"));
 
-        const auto db = Open();
-        ASSERT_TRUE(db);
-        const std::int64_t rows = ParseInt64(Value(*db, "SELECT count(*) FROM A")).value_or(-1);
-        EXPECT_EQ(Value(*db, "SELECT count(*) FROM B"), std::to_string(rows));
+        ASSERT_TRUE(Open());
+        const std::int64_t rows = ParseInt64(Value("SELECT count(*) FROM A")).value_or(-1);
+        EXPECT_EQ(Value("SELECT count(*) FROM B"), std::to_string(rows));
         EXPECT_GE(rows, committed);
         EXPECT_LE(rows, committed + 1) << "at most one commit was not reported";
-        EXPECT_EQ(Value(*db, "PRAGMA integrity_check"), "ok");
+        EXPECT_EQ(Value("PRAGMA integrity_check"), "ok");
         committed = rows;
     }
     EXPECT_TRUE(captured_->Take().empty());
 }
 
-/// A database of some pages, closed cleanly.
-void MakeDatabase(DBConnection& db) {
-    ASSERT_TRUE(db.Query("CREATE TABLE T (Id INTEGER PRIMARY KEY, Text TEXT)"));
-    for (int i = 0; i < 20; ++i)
-        ASSERT_TRUE(db.Query("INSERT INTO T VALUES (NULL, '" + KelString(3000, 't') + "')"));
-}
+/// A database of some pages, closed cleanly, that a test damages.
+class DamagedDatabaseTest : public DatabaseTest {
+  protected:
+    void SetUp() override {
+        ASSERT_TRUE(Open() && Run("CREATE TABLE T (Id INTEGER PRIMARY KEY, Text TEXT)"));
+        for (int i = 0; i < 20; ++i)
+            ASSERT_TRUE(Run("INSERT INTO T VALUES (NULL, '" + KelString(3000, 't') + "')"));
+        db_.reset();
+    }
+    void ReplaceByAnEmptyOne(std::size_t damageOffset, bool uncleanStop) {
+        KelString bytes = TempFolder::Read(path_);
+        TempFolder::Write(path_, bytes.replace(damageOffset, 4096, KelString(4096, '\x5A')));
+        if (uncleanStop) TempFolder::Write(path_ + "-wal", "left behind");
+        ASSERT_TRUE(Open());
+        EXPECT_TRUE(db_->GetTablesList().empty());
+        EXPECT_TRUE(Run("CREATE TABLE T (X INT)"));
+        db_.reset();
 
-struct Damage {
-    const char* name;
-    std::int64_t offset;
-    bool uncleanStop;
+        const KelVector<KelString> names = DirList(folder_.Path());
+        ASSERT_GE(names.size(), 2u);
+        EXPECT_EQ(names[0], "test.sqlite");
+        EXPECT_THAT(std::vector(names.begin() + 1, names.end()), Each(StartsWith("test.sqlite.damaged-")));
+        EXPECT_EQ(FileExists(folder_ / names[1] + "-wal"), uncleanStop);
+        EXPECT_TRUE(TempFolder::Read(folder_ / names[1]) == bytes);
+        EXPECT_THAT(captured_->Take(), ElementsAre(AllOf(HasSubstr(path_), HasSubstr(names[1]))));
+        EXPECT_TRUE(Open()) << "the new database is sound";
+    }
 };
 
-class DamagedDatabaseTest : public DatabaseTest, public testing::WithParamInterface<Damage> {};
-
-TEST_P(DamagedDatabaseTest, IsMovedAsideWithItsLogAndReplaced) {
-    MakeDatabase(*Open());
-    Overwrite(path_, GetParam().offset, KelString(4096, '\x5A'));
-    const KelString damagedBytes = *FileReadText(path_, 1 << 20);
-    if (GetParam().uncleanStop) {
-        ASSERT_TRUE(FileWriteText(path_ + "-wal", "left behind"));
-    }
-
-    auto db = Open();
-    ASSERT_TRUE(db);
-    EXPECT_TRUE(db->GetTablesList().empty());
-    EXPECT_TRUE(db->Query("CREATE TABLE T (X INT)"));
-    db.reset();
-
-    const KelVector<KelString> names = DirList(folder_);
-    ASSERT_GE(names.size(), 2u);
-    EXPECT_EQ(names[0], "test.sqlite");
-    EXPECT_THAT(std::vector(names.begin() + 1, names.end()), Each(StartsWith("test.sqlite.damaged-")));
-    EXPECT_EQ(FileExists(folder_ + "/" + names[1] + "-wal"), GetParam().uncleanStop);
-    EXPECT_TRUE(*FileReadText(folder_ + "/" + names[1], 1 << 20) == damagedBytes);
-    const KelVector<KelString> lines = captured_->Take();
-    ASSERT_EQ(lines.size(), 1u);
-    EXPECT_THAT(lines[0], HasSubstr(path_ + " is damaged"));
-    EXPECT_THAT(lines[0], HasSubstr(names[1]));
-    EXPECT_TRUE(Open()) << "the new database is sound";
+TEST_F(DamagedDatabaseTest, IsMovedAsideWhenItsHeaderIsBroken) {
+    ReplaceByAnEmptyOne(0, false);
 }
 
-INSTANTIATE_TEST_SUITE_P(Places, DamagedDatabaseTest,
-                         testing::Values(Damage{"Header", 0, false},
-                                         Damage{"HeaderAfterUncleanStop", 0, true},
-                                         Damage{"InnerPage", 8192, true}),
-                         [](const auto& one) { return KelString(one.param.name); });
+TEST_F(DamagedDatabaseTest, IsMovedAsideWithItsLogAfterAnUncleanStop) {
+    ReplaceByAnEmptyOne(0, true);
+}
 
-TEST_F(DatabaseTest, ALeftLogAloneIsNoDamage) {
-    MakeDatabase(*Open());
-    ASSERT_TRUE(FileWriteText(path_ + "-wal", KelString(5000, 'x')));
-    const auto db = Open();
-    ASSERT_TRUE(db);
-    EXPECT_EQ(Value(*db, "SELECT count(*) FROM T"), "20");
+TEST_F(DamagedDatabaseTest, IsMovedAsideForAnInnerPage) {
+    ReplaceByAnEmptyOne(8192, true);
+}
+
+TEST_F(DamagedDatabaseTest, ALeftLogAloneIsNoDamage) {
+    TempFolder::Write(path_ + "-wal", KelString(5000, 'x'));
+    ASSERT_TRUE(Open());
+    EXPECT_EQ(Value("SELECT count(*) FROM T"), "20");
     EXPECT_TRUE(captured_->Take().empty());
 }
 

@@ -2,13 +2,14 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <memory>
 #include <mutex>
+#include <utility>
 
 #include "kel/debug.h"
 #include "kel/directory.h"
 #include "kel/file.h"
+#include "kel/temp_folder.h"
 #include "kelcore/db/connection_pool.h"
 
 /// Keeps log lines for inspection.
@@ -31,41 +32,42 @@ class CapturedLog : public KelDebugContext {
     KelVector<KelString> lines_;
 };
 
-/// A folder of its own with one database file.
+/// A folder of its own with one database file, and a connection to it for the test that opens it.
 class DatabaseTest : public testing::Test {
   protected:
-    DatabaseTest() {
-        KelString pattern = testing::TempDir() + "kelcoreXXXXXX";
-        folder_ = mkdtemp(pattern.data());
-        path_ = folder_ + "/test.sqlite";
-        log_.SetContext(captured_);
-    }
-    ~DatabaseTest() override { DirDelete(folder_, true); }
+    DatabaseTest() { log_.SetContext(captured_); }
 
-    std::unique_ptr<DBConnection> Open() { return OpenPath(path_); }
-
-    std::unique_ptr<DBConnection> OpenPath(const KelString& path, bool serial = false) {
+    std::unique_ptr<DBConnection> OpenPath(const KelString& path, bool serial = false,
+                                           const KelString& kind = "SQLITE32") {
         DBConnectionPool pool;
         pool.SetDebug(log_);
         pool.SetSerialConnections(serial);
-        pool.SetDatabase("SQLITE32", "", path, "", "", 0);
+        pool.SetDatabase(kind, "", path, "", "", 0);
         return pool.CreateConnection();
     }
+    /// Closes what is open, then opens the file.
+    bool Open() {
+        db_.reset();
+        db_ = OpenPath(path_);
+        return db_ != nullptr;
+    }
+    bool Run(const KelString& statement) { return db_->Query(statement) != nullptr; }
 
     /// The first value of a statement's first row; "(failed)" when it failed.
-    static KelString Value(DBConnection& connection, const KelString& statement) {
-        const auto result = connection.Query(statement);
+    KelString Value(const KelString& statement) {
+        const auto result = db_->Query(statement);
         return result ? result->GetString(0, std::size_t{0}) : "(failed)";
-    }
-
-    KelString WriteIni(const KelString& content) {
-        const KelString ini = folder_ + "/test.ini";
-        EXPECT_TRUE(FileWriteText(ini, content));
-        return ini;
     }
 
     std::shared_ptr<CapturedLog> captured_ = std::make_shared<CapturedLog>();
     KelDebug log_{"Test", "Test"};
-    KelString folder_;
-    KelString path_;
+    const TempFolder folder_;
+    const KelString path_ = folder_ / "test.sqlite";
+    std::unique_ptr<DBConnection> db_;
+};
+
+/// The same with the database open already.
+class OpenDatabaseTest : public DatabaseTest {
+  protected:
+    void SetUp() override { ASSERT_TRUE(Open()); }
 };

@@ -2,9 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include <atomic>
-#include <vector>
-
+#include "fake_bandwidth_manager.h"
 #include "kelcore/http/rate_pacer.h"
 #include "kelcore/http/speed_watch.h"
 
@@ -12,87 +10,38 @@ using namespace std::chrono_literals;
 
 namespace {
 
-using Clock = HttpManagedTransmission::Clock;
-
-/// A manager whose answers the test sets.
-class FakeManager : public HttpBandwidthManager {
-  public:
-    int StartTransmission() override { return refuse ? -1 : (++running, 1400); }
-    void EndTransmission() override { --running; }
-    unsigned long GetRate(int& frameSize) override {
-        frameSize = 1400;
-        ++reads;
-        return closeAfterReads != 0 && reads > closeAfterReads ? 0 : rate;
-    }
-    bool BandwidthIsLimited() override { return limited; }
-    int GetFrameSize() override { return 1400; }
-    bool IsPercentage() override { return percentage; }
-    bool IsPerThousand() override { return perThousand; }
-    unsigned long BandwidthEstimationTCP(IpAddress const& address, unsigned int probePort,
-                                         unsigned int) override {
-        probes.push_back(address.ToText() + ":" + std::to_string(probePort));
-        return bytesPerSecond;
-    }
-    bool GetClientCount(bool firstTime, unsigned int& clientCount, unsigned int& bwPort,
-                        unsigned long& clientCheckFrequency, unsigned long& pingFrequency,
-                        unsigned int& pingDuration) override {
-        counts.push_back(firstTime);
-        clientCount = clients;
-        if (firstTime) {
-            bwPort = port;
-            clientCheckFrequency = 500'000'000;
-            pingFrequency = 500'000'000;
-            pingDuration = 10;
-        }
-        return peerAnswers;
-    }
-
-    bool refuse = false, limited = true, percentage = false, perThousand = false, peerAnswers = true;
-    unsigned long rate = 8'000'000;
-    int closeAfterReads = 0;
-    unsigned int clients = 1, port = 7000;
-    unsigned long bytesPerSecond = 0;
-    int running = 0, reads = 0;
-    std::vector<std::string> probes;
-    std::vector<bool> counts;
-};
-
-}  // namespace
+constexpr HttpManagedTransmission::Clock::time_point kStart(1000s);
 
 TEST(RatePacer, SumsUpToTheRateWhateverThePieces) {
     for (const std::uint64_t piece : {1U, 1400U, 16384U, 1U << 20}) {
         HttpRatePacer pacer;
-        Clock::time_point now = Clock::time_point(1000s);
+        auto now = kStart;
         pacer.Restart(now);
         pacer.SetRate(8'000'000, now);
-        const Clock::time_point start = now;
         const std::uint64_t pieces = (4U << 20) / piece / (piece == 1 ? 64 : 1);
         for (std::uint64_t i = 0; i < pieces; ++i) {
             pacer.Add(piece, now);
             now += pacer.Remaining(now);
         }
-        const double seconds = std::chrono::duration<double>(now - start).count();
+        const double seconds = std::chrono::duration<double>(now - kStart).count();
         EXPECT_NEAR(seconds, static_cast<double>(pieces * piece) / 1e6, 0.005) << piece;
     }
 }
 
 TEST(RatePacer, AStallEarnsAtMostOneSecondOfCredit) {
     HttpRatePacer pacer;
-    Clock::time_point now = Clock::time_point(1000s);
-    pacer.SetRate(8'000, now);  // 1000 bytes a second
-    pacer.Add(1000, now);
-    EXPECT_EQ(pacer.Remaining(now), 1s);
-    now += 3600s;
-    pacer.Add(3000, now);
-    EXPECT_EQ(pacer.Remaining(now), 2s);
+    pacer.SetRate(8'000, kStart);  // 1000 bytes a second
+    pacer.Add(1000, kStart);
+    EXPECT_EQ(pacer.Remaining(kStart), 1s);
+    pacer.Add(3000, kStart + 3600s);
+    EXPECT_EQ(pacer.Remaining(kStart + 3600s), 2s);
 }
 
 TEST(RatePacer, WhatIsUnpaidIsPaidAtTheNewRate) {
     HttpRatePacer pacer;
-    Clock::time_point now = Clock::time_point(1000s);
-    pacer.SetRate(8'000, now);
-    pacer.Add(10'000, now);
-    now += 4s;  // 6000 bytes unpaid
+    pacer.SetRate(8'000, kStart);
+    pacer.Add(10'000, kStart);
+    const auto now = kStart + 4s;  // 6000 bytes unpaid
     pacer.SetRate(80'000, now);
     EXPECT_NEAR(std::chrono::duration<double>(pacer.Remaining(now)).count(), 0.6, 0.001);
     pacer.SetRate(1, now);
@@ -100,19 +49,11 @@ TEST(RatePacer, WhatIsUnpaidIsPaidAtTheNewRate) {
     EXPECT_GT(pacer.Remaining(now), 86400s) << "no overflow";
 }
 
-TEST(ManagedTransmission, SleepTimeIsWhatTheRateAsksForBeyondTheTimeGoneBy) {
-    const Clock::time_point start(1000s);
-    EXPECT_EQ(HttpManagedTransmission::SleepTime(1000, 8000, start, start), 1s);
-    EXPECT_EQ(HttpManagedTransmission::SleepTime(1000, 8000, start, start + 400ms), 600ms);
-    EXPECT_EQ(HttpManagedTransmission::SleepTime(1000, 8000, start, start + 5s), 0s);
-}
-
 TEST(ManagedTransmission, StartsOnceAndEndsOnce) {
-    FakeManager manager;
+    FakeBandwidthManager manager;
     {
         HttpManagedTransmission transmission(manager);
-        EXPECT_TRUE(transmission.Start());
-        EXPECT_TRUE(transmission.Start());
+        EXPECT_TRUE(transmission.Start() && transmission.Start());
         EXPECT_EQ(manager.running, 1);
         transmission.End();
         EXPECT_EQ(manager.running, 0);
@@ -120,14 +61,12 @@ TEST(ManagedTransmission, StartsOnceAndEndsOnce) {
     }
     EXPECT_EQ(manager.running, 0);
     manager.refuse = true;
-    HttpManagedTransmission refused(manager);
-    EXPECT_FALSE(refused.Start());
-    refused.End();
+    EXPECT_FALSE(HttpManagedTransmission(manager).Start());
     EXPECT_EQ(manager.running, 0);
 }
 
-TEST(ManagedTransmission, StopsWhileItSleepsWhenTheWindowClosesOrTheCallerCancels) {
-    FakeManager manager;
+TEST(ManagedTransmission, ASleepEndsWithItsWindowItsRateOrItsCaller) {
+    FakeBandwidthManager manager;
     manager.rate = 1;  // kbit/s: a megabyte takes over two hours
     manager.closeAfterReads = 2;
     HttpManagedTransmission transmission(manager);
@@ -137,44 +76,38 @@ TEST(ManagedTransmission, StopsWhileItSleepsWhenTheWindowClosesOrTheCallerCancel
     manager.closeAfterReads = 0;
     int asked = 0;
     EXPECT_FALSE(transmission.Pass(1 << 20, [&asked] { return ++asked > 1; }));
-    manager.limited = false;
-    EXPECT_TRUE(transmission.Pass(1 << 20)) << "without a window nothing is paced";
-}
-
-TEST(ManagedTransmission, ARaisedRateFreesASleepingTransmission) {
-    FakeManager manager;
-    manager.rate = 1;
-    HttpManagedTransmission transmission(manager);
-    ASSERT_TRUE(transmission.Start());
-    int asked = 0;
+    asked = 0;
     EXPECT_TRUE(transmission.Pass(1 << 20, [&] {
         if (++asked == 2) manager.rate = 100'000'000;
         return asked > 50;
     }));
+    manager.rate = 1;
+    manager.limited = false;
+    EXPECT_TRUE(transmission.Pass(1 << 20)) << "without a window nothing is paced";
 }
 
 TEST(ManagedTransmission, RelativeRatesAreSharesOfTheProbedBandwidth) {
     struct Case {
         const char* name;
-        bool perThousand, peerAnswers;
-        unsigned int port, clients;
-        unsigned long bytesPerSecond, rate;
         std::size_t pieceBytes;  // a twentieth of a second at the expected rate
         std::size_t probes;
+        unsigned long rate = 50, bytesPerSecond = 2'000'000;
+        unsigned int clients = 1, port = 7000;
+        bool perThousand = false, peerAnswers = true;
     };
     const Case cases[] = {
-        {"half", false, true, 7000, 1, 2'000'000, 50, 50'000, 1},
-        {"half among four", false, true, 7000, 4, 2'000'000, 50, 12'500, 1},
-        {"per thousand", true, true, 7000, 1, 2'000'000, 50, 5'000, 1},
-        {"over the whole", false, true, 7000, 1, 2'000'000, 300, 100'000, 1},
-        {"no clients told", false, true, 7000, 0, 2'000'000, 50, 50'000, 1},
-        {"no probe offered", false, true, 0, 1, 2'000'000, 80, 50'000, 0},
-        {"probe fails", false, true, 7000, 1, 0, 80, 50'000, 1},
-        {"peer silent", false, false, 7000, 1, 2'000'000, 80, 50'000, 0},
+        {"half", 50'000, 1},
+        {"half among four", 12'500, 1, 50, 2'000'000, 4},
+        {"no clients told", 50'000, 1, 50, 2'000'000, 0},
+        {"per thousand", 5'000, 1, 50, 2'000'000, 1, 7000, true},
+        {"over the whole", 100'000, 1, 300},
+        {"no probe offered", 50'000, 0, 80, 2'000'000, 1, 0},
+        {"probe fails", 50'000, 1, 80, 0},
+        {"peer silent", 50'000, 0, 80, 2'000'000, 1, 7000, false, false},
     };
     for (const Case& test : cases) {
         SCOPED_TRACE(test.name);
-        FakeManager manager;
+        FakeBandwidthManager manager;
         manager.percentage = !test.perThousand;
         manager.perThousand = test.perThousand;
         manager.peerAnswers = test.peerAnswers;
@@ -190,38 +123,30 @@ TEST(ManagedTransmission, RelativeRatesAreSharesOfTheProbedBandwidth) {
         for (int i = 0; i < 3; ++i)
             ASSERT_TRUE(transmission.Pass(10));
         EXPECT_EQ(transmission.PieceBytes(), test.pieceBytes);
-        ASSERT_EQ(manager.probes.size(), test.probes);
-        if (test.probes != 0) {
-            EXPECT_EQ(manager.probes[0], "10.0.0.1:7000");
-        }
+        EXPECT_EQ(manager.probes, std::vector<std::string>(test.probes, "10.0.0.1:7000"));
         EXPECT_EQ(manager.counts, std::vector<bool>{true}) << "not asked again before its time";
     }
 }
 
 TEST(SpeedWatch, GivesUpBelowTheLeastRateOverAWholeWindowOnly) {
-    const Clock::time_point start(1000s);
-    HttpSpeedWatch watch(start);
-    EXPECT_FALSE(watch.IsTooSlow(start + 29s, false));
+    HttpSpeedWatch watch(kStart);
+    EXPECT_FALSE(watch.IsTooSlow(kStart + 29s, false));
     watch.OnBytes(30'000);
-    EXPECT_FALSE(watch.IsTooSlow(start + 30s, false));
+    EXPECT_FALSE(watch.IsTooSlow(kStart + 30s, false));
     watch.OnBytes(29'999);
-    EXPECT_FALSE(watch.IsTooSlow(start + 59s, false));
-    EXPECT_TRUE(watch.IsTooSlow(start + 60s, false));
+    EXPECT_FALSE(watch.IsTooSlow(kStart + 59s, false));
+    EXPECT_TRUE(watch.IsTooSlow(kStart + 60s, false));
+
+    HttpSpeedWatch paced(kStart);
+    paced.OnBytes(1);
+    EXPECT_FALSE(paced.IsTooSlow(kStart + 10s, true)) << "a paced exchange only has to move";
+    EXPECT_FALSE(paced.IsTooSlow(kStart + 30s, false)) << "it was paced in this window";
+    EXPECT_TRUE(paced.IsTooSlow(kStart + 60s, true));
+
+    HttpSpeedWatch sent(kStart);
+    sent.OnRequestSent(1'000'000'000, kStart);
+    EXPECT_FALSE(sent.IsTooSlow(kStart + 129s, false)) << "the peer has time for its disk";
+    EXPECT_TRUE(sent.IsTooSlow(kStart + 130s, false));
 }
 
-TEST(SpeedWatch, APacedExchangeOnlyHasToMove) {
-    const Clock::time_point start(1000s);
-    HttpSpeedWatch watch(start);
-    watch.OnBytes(1);
-    EXPECT_FALSE(watch.IsTooSlow(start + 10s, true));
-    EXPECT_FALSE(watch.IsTooSlow(start + 30s, false)) << "it was paced in this window";
-    EXPECT_TRUE(watch.IsTooSlow(start + 60s, true));
-}
-
-TEST(SpeedWatch, ALargeRequestLeavesThePeerTimeForItsDisk) {
-    const Clock::time_point start(1000s);
-    HttpSpeedWatch watch(start);
-    watch.OnRequestSent(1'000'000'000, start);
-    EXPECT_FALSE(watch.IsTooSlow(start + 129s, false));
-    EXPECT_TRUE(watch.IsTooSlow(start + 130s, false));
-}
+}  // namespace

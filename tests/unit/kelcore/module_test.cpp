@@ -20,18 +20,16 @@ class SampleModule : public KelModule {
 
   protected:
     void Register(const char* handle) override { Do(KelString("register ") + handle); }
-    bool Initialise() override {
-        Do("initialise");
-        return works;
-    }
+    bool Initialise() override { return Do("initialise"); }
     void Activate() override { Do("activate"); }
     void Cleanup() override { Do("cleanup"); }
     void Unregister() override { Do("unregister"); }
 
   private:
-    void Do(const KelString& what) {
+    bool Do(const KelString& what) {
         did = what;
         if (throws) throw std::runtime_error("broken");
+        return works;
     }
 };
 
@@ -40,26 +38,24 @@ TEST(Module, OperationsReachTheirFunctions) {
         unsigned int operation;
         const char* did;
         unsigned int result;
-        unsigned int resultWhenItThrows;
     };
-    const Case cases[] = {
-        {1, "register Handle", 1, 2},
-        {2, "unregister", 1, 2},
-        {3, "initialise", 1, 2},
-        {4, "activate", 1, 2},
-        {5, "cleanup", 1, 2},
-        {8, "", 5, 5},
-        {9, "", 1, 1},
-        {10, "", 5, 5},
-        {0, "", 5, 5},
-    };
-    for (const Case& one : cases) {
+    const Case cases[] = {{1, "register Handle", 1},
+                          {2, "unregister", 1},
+                          {3, "initialise", 1},
+                          {4, "activate", 1},
+                          {5, "cleanup", 1},
+                          {8, "", 5},
+                          {9, "", 1},
+                          {10, "", 5},
+                          {0, "", 5}};
+    for (const auto& [operation, did, result] : cases) {
         char buffer[kModuleTextBytes] = "Handle";
         SampleModule module;
-        EXPECT_EQ(module.Run(one.operation, 0, buffer), one.result) << one.operation;
-        EXPECT_EQ(module.did, one.did) << one.operation;
+        EXPECT_EQ(module.Run(operation, 0, buffer), result) << operation;
+        EXPECT_EQ(module.did, did) << operation;
         module.throws = true;
-        EXPECT_EQ(module.Run(one.operation, 0, buffer), one.resultWhenItThrows) << one.operation;
+        EXPECT_EQ(module.Run(operation, 0, buffer), module.did.empty() ? result : kModuleFailure)
+            << operation;
     }
     SampleModule module;
     module.works = false;
@@ -77,10 +73,7 @@ TEST(Module, TextsAndPathsCarryItsName) {
     KelModuleSetText(buffer, KelString(1000, 'x'));
     EXPECT_EQ(KelString(buffer), KelString(kModuleTextBytes - 1, 'x'));
 
-    KelAgentSettings settings;
-    settings.configDir = "/c/";
-    settings.dataDir = "/d/";
-    KelAgentConfigure(settings);
+    KelAgentConfigure({"/c/", "/d/", "", "", "", {}});
     EXPECT_EQ(module.IniPath(), "/c/Sample.ini");
     EXPECT_EQ(module.DataPath(), "/d/Sample");
     KelAgentConfigure({});

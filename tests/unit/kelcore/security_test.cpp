@@ -24,15 +24,11 @@ const char* const kScript =
     "}\n";
 
 TEST(PacScript, GivesTheFirstUsableProxy) {
-    struct Case {
-        const char* host;
-        const char* proxy;
-    };
-    const Case cases[] = {{"direct", ""}, {"socks", "p:2"},     {"other", "other:3"}, {"nothing", ""},
-                          {"throws", ""}, {"quoted", "safe:4"}, {"');alert('x", ""}};
-    const AgentSecurityPacSettings settings{kScript};
-    for (const Case& one : cases)
-        EXPECT_EQ(AgentSecurityPacFindProxy(settings, "http://h/a'b", one.host), one.proxy) << one.host;
+    const std::pair<const char*, const char*> cases[] = {
+        {"direct", ""}, {"socks", "p:2"},     {"other", "other:3"}, {"nothing", ""},
+        {"throws", ""}, {"quoted", "safe:4"}, {"');alert('x", ""}};
+    for (const auto& [host, proxy] : cases)
+        EXPECT_EQ(AgentSecurityPacFindProxy({kScript}, "http://h/a'b", host), proxy) << host;
 }
 
 TEST(PacScript, ABrokenScriptMeansADirectConnection) {
@@ -42,28 +38,13 @@ TEST(PacScript, ABrokenScriptMeansADirectConnection) {
 }
 
 TEST(PacScript, ThreadsMayAskAtOnce) {
-    std::vector<std::thread> threads;
+    std::vector<std::jthread> threads;
     for (int i = 0; i < 4; ++i)
         threads.emplace_back([i] {
             const KelString host = "h" + std::to_string(i);
             for (int round = 0; round < 5; ++round)
                 EXPECT_EQ(AgentSecurityPacFindProxy({kScript}, "http://x/", host), host + ":3");
         });
-    for (std::thread& thread : threads)
-        thread.join();
-}
-
-TEST(SecuritySwitches, AreOnWhenAContextIsSet) {
-    EXPECT_FALSE(AgentSecuritySslForceSecCli());
-    EXPECT_FALSE(AgentSecurityPacForceSecCli());
-    AgentSecuritySslSettings ssl;
-    ssl.caFile = "ca.pem";
-    AgentSecurityConfigure(std::make_shared<const AgentSecuritySslSettings>(ssl), nullptr);
-    EXPECT_TRUE(AgentSecuritySslForceSecCli());
-    EXPECT_FALSE(AgentSecurityPacForceSecCli());
-    EXPECT_EQ(AgentSecuritySslCliCtxAcquire()->caFile, "ca.pem");
-    AgentSecurityConfigure(nullptr, nullptr);
-    EXPECT_FALSE(AgentSecuritySslForceSecCli());
 }
 
 }  // namespace
