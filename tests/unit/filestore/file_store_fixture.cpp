@@ -1,47 +1,23 @@
 #include "filestore/file_store_fixture.h"
 
+#include <algorithm>
 #include <cstdlib>
-#include <fstream>
+#include <filesystem>
 #include <map>
+#include <mutex>
 
-#include "filestore/module/action_gate.h"
-#include "kel/directory.h"
 #include "kel/file.h"
 #include "kel/ini_file.h"
 #include "kel/path.h"
 #include "kelcore/agent.h"
-#include "kelcore/callback_db.h"
-#include "kelcore/module.h"
 
 namespace {
 
 constexpr const char* kModuleHandle = "FileStore";
 constexpr const char* kFakeHandle = "Fakes";
 
-class CapturedLog : public KelDebugContext {
-  public:
-    void Write(KelDebugLevel level, const KelString&, const KelString& line) override {
-        const std::lock_guard lock(mutex_);
-        lines_.push_back({level, line});
-    }
-    KelDebugLevel Level() const override { return KelDebugLevel::Trace; }
-
-    KelVector<LoggedLine> Lines() const {
-        const std::lock_guard lock(mutex_);
-        return lines_;
-    }
-    void Clear() {
-        const std::lock_guard lock(mutex_);
-        lines_.clear();
-    }
-
-  private:
-    mutable std::mutex mutex_;
-    KelVector<LoggedLine> lines_;
-};
-
 /// What a freshly loaded module holds.
-void ResetIdentity() {
+void ResetModule() {
     FileStore::strOurGUID.clear();
     FileStore::strOurHostName.clear();
     FileStore::strOurIPAddress.clear();
@@ -63,24 +39,36 @@ void ResetIdentity() {
     FileStore::bmTrackUsageMulticast.ClearWindow();
 }
 
-KelString NameOf(const KelString& signature) {
-    return signature.substr(0, signature.find_first_of(" ("));
-}
+struct Put {
+    KelContainer& container;
+    const KelString& name;
+    void operator()(const KelString& value) { container.SetString(name, value); }
+    void operator()(bool value) { container.SetBool(name, value); }
+    void operator()(std::int64_t value) { container.SetInt64(name, value); }
+    void operator()(const KelContainer& value) { container.SetContainer(name, value); }
+};
 
 }  // namespace
 
-struct FileStoreTest::State {
-    mutable std::mutex mutex;
+/// What the module calls and logs; outlives the test in the fakes of a running thread.
+struct FileStoreTest::State : KelDebugContext {
+    void Write(KelDebugLevel level, const KelString&, const KelString& line) override {
+        const std::lock_guard lock(mutex);
+        log.emplace_back(level, line);
+    }
+    KelDebugLevel Level() const override { return KelDebugLevel::Trace; }
+
+    std::mutex mutex;
     std::map<KelString, KelVector<KelContainer>> calls;
-    std::shared_ptr<CapturedLog> log = std::make_shared<CapturedLog>();
+    KelVector<std::pair<KelDebugLevel, KelString>> log;
 };
 
 FileStoreTest::FileStoreTest() : state_(std::make_shared<State>()) {
     MakeRoot();
-    ResetIdentity();
-    identityValues.SetString("GUID", kGuid);
-    identityValues.SetBool("PreferIPAddresses", true);
-    relayValues.SetBool("IsEnabled", false);
+    ResetModule();
+    identityValues = Make({{"GUID", kGuid}, {"PreferIPAddresses", true}});
+    relayValues = Make({{"IsEnabled", false}});
+    httpValues = Make({{"Port", kPort}});
     RegisterNeighbours();
     FileStore::ModuleRegister(kModuleHandle);
 }
@@ -90,59 +78,34 @@ FileStoreTest::~FileStoreTest() {
     FileStore::ModuleUnregister(0);
     ActionDbUnregisterAll(kModuleHandle);
     ActionDbUnregisterAll(kFakeHandle);
-    DirDelete(root_, true);
 }
 
 void FileStoreTest::MakeRoot() {
-    KelString pattern = ::testing::TempDir() + "filestore-XXXXXX";
-    if (mkdtemp(pattern.data()) == nullptr) std::abort();
-    root_ = pattern;
-    PathCreate(root_ + "/config");
-    PathCreate(root_ + "/data");
-    KelAgentSettings settings;
-    settings.configDir = root_ + "/config/";
-    settings.dataDir = root_ + "/data/";
-    settings.name = kAgentName;
-    settings.httpPassword = kPassword;
-    settings.address = kAddress;
-    settings.debugContext = state_->log;
-    KelAgentConfigure(std::move(settings));
-    FileStore::strModuleIniFile = root_ + "/config/FileStore.ini";
+    PathCreate(Root() + "/config");
+    PathCreate(Root() + "/data");
+    KelAgentConfigure({Root() + "/config/", Root() + "/data/", kAgentName, kPassword, kAddress, state_});
+    FileStore::strModuleIniFile = Root() + "/config/FileStore.ini";
     if (!FileCopy(KEL_SOURCE_DIR "/filestore/FileStore.ini", FileStore::strModuleIniFile, true)) std::abort();
     SetIni("FileStore", "QueueGap", "3600");
 }
 
 void FileStoreTest::RegisterNeighbours() {
-    Fake("IdentityGetGUID ()", [this](KelContainer& container) {
-        container.SetString("GUID", identityValues.GetString("GUID"));
-        return 0U;
-    });
-    Fake("IdentityGetValues ()", [this](KelContainer& container) {
-        container.SetContainer("Values", identityValues);
-        return 0U;
-    });
-    Fake("IdentityGetHostname ()", [](KelContainer& container) {
-        container.SetString("HostName", "device7");
-        return 0U;
-    });
-    Fake("AgentGetIPAddress ()", [](KelContainer& container) {
-        container.SetString("IPAddress", kAddress);
-        return 0U;
-    });
-    FakeResult("IdentityValidateGUIDScheme ()", 0);
-    Fake("RelayGetValues ()", [this](KelContainer& container) {
-        container.SetContainer("Values", relayValues);
-        return 0U;
-    });
-    Fake("HttpProtocolGetParams ()", [this](KelContainer& container) {
-        KelContainer values;
-        values.SetInt32("Port", httpPort);
-        container.SetContainer("Values", std::move(values));
-        return 0U;
-    });
+    const auto answer = [this](const KelString& signature, const char* name, auto value) {
+        Fake(signature, [name, value](KelContainer& container) {
+            container = Make({{name, value()}});
+            return 0U;
+        });
+    };
+    answer("IdentityGetGUID ()", "GUID", [this] { return identityValues.GetString("GUID"); });
+    answer("IdentityGetValues ()", "Values", [this] { return identityValues; });
+    answer("IdentityGetHostname ()", "HostName", [] { return KelString("device7"); });
+    answer("AgentGetIPAddress ()", "IPAddress", [] { return KelString(kAddress); });
+    answer("RelayGetValues ()", "Values", [this] { return relayValues; });
+    answer("HttpProtocolGetParams ()", "Values", [this] { return httpValues; });
     Fake("HttpProtocolAddAlias (string AliasName, string AliasPath)",
          [](KelContainer& container) { return container.GetString("AliasPath").empty() ? 1U : 0U; });
     FakeResult("HttpProtocolDeleteAlias (string AliasName, bool CompletelyRemove)", 0);
+    FakeResult("IdentityValidateGUIDScheme ()", 0);
 }
 
 void FileStoreTest::Initialise() {
@@ -150,19 +113,22 @@ void FileStoreTest::Initialise() {
     ASSERT_EQ(FileStore::ModuleInitialise(), kModuleSuccess);
 }
 
-void FileStoreTest::Activate() {
-    ASSERT_EQ(FileStore::ModuleActivate(), kModuleSuccess);
-}
-
 void FileStoreTest::CleanUp() {
     initialised_ = false;
     FileStore::ModuleCleanup(0);
 }
 
-void FileStoreTest::Fake(const KelString& signature, std::function<unsigned int(KelContainer&)> handler) {
+KelContainer FileStoreTest::With(KelContainer container, Values values) {
+    for (const auto& [name, value] : values)
+        std::visit(Put{container, name}, value);
+    return container;
+}
+
+void FileStoreTest::Fake(const KelString& signature, Handler handler) {
+    const KelString name = signature.substr(0, signature.find_first_of(" ("));
     ActionDbRegisterAction(
         signature,
-        [state = state_, name = NameOf(signature), handler = std::move(handler)](KelContainer* container) {
+        [state = state_, name, handler = std::move(handler)](KelContainer* container) {
             {
                 const std::lock_guard lock(state->mutex);
                 state->calls[name].push_back(*container);
@@ -170,10 +136,6 @@ void FileStoreTest::Fake(const KelString& signature, std::function<unsigned int(
             return handler(*container);
         },
         kFakeHandle);
-}
-
-void FileStoreTest::FakeResult(const KelString& signature, unsigned int result) {
-    Fake(signature, [result](KelContainer&) { return result; });
 }
 
 KelVector<KelContainer> FileStoreTest::CallsOf(const KelString& actionName) const {
@@ -184,10 +146,6 @@ KelVector<KelContainer> FileStoreTest::CallsOf(const KelString& actionName) cons
 void FileStoreTest::BecomeMaster() {
     FakeResult("QuarnelDbRunScript ()", 0);
     FakeResult("QuarnelDbObjectListTypes ()", 0);
-}
-
-unsigned int FileStoreTest::Call(const KelString& action, KelContainer& arguments) {
-    return ActionDbInvokeContainer(nullptr, "", action, arguments, 0, -1, -1, nullptr);
 }
 
 void FileStoreTest::SetIni(const KelString& section, const KelString& key, const KelString& value) {
@@ -218,9 +176,8 @@ KelVector<KelString> FileStoreTest::Rows(DBConnection& connection, const KelStri
 }
 
 KelString FileStoreTest::Cell(DBConnection& connection, const KelString& statement) {
-    const auto result = connection.Query(statement);
-    EXPECT_TRUE(result) << statement;
-    return result ? result->GetString(0, std::size_t{0}) : KelString();
+    const KelVector<KelString> rows = Rows(connection, statement);
+    return rows.empty() ? KelString() : rows.front();
 }
 
 unsigned long FileStoreTest::AddFile(bool upstream, const KelString& name, const KelString& status,
@@ -238,25 +195,27 @@ unsigned long FileStoreTest::AddFile(bool upstream, const KelString& name, const
     return fileId;
 }
 
+unsigned long FileStoreTest::AddFile(bool upstream, const KelString& name, const KelString& status,
+                                     const KelString& set) {
+    const unsigned long fileId = AddFile(upstream, name, status);
+    Rows(upstream ? Upstream() : Downstream(),
+         "UPDATE Files SET " + set + " WHERE FileId = " + std::to_string(fileId));
+    return fileId;
+}
+
 void FileStoreTest::WriteFile(const KelString& path, const KelString& content) {
-    KelString folder;
-    KelString name;
-    SplitPath(path, folder, name);
-    ASSERT_TRUE(PathCreate(folder));
-    std::ofstream(path, std::ios::binary) << content;
-    ASSERT_EQ(FileGetSize64(path), static_cast<std::int64_t>(content.size()));
+    ASSERT_TRUE(PathCreate(std::filesystem::path(path).parent_path()));
+    TempFolder::Write(path, content);
 }
 
 bool FileStoreTest::HasLogged(KelDebugLevel level, const KelString& part) const {
-    for (const LoggedLine& line : state_->log->Lines())
-        if (line.level == level && line.text.find(part) != KelString::npos) return true;
-    return false;
-}
-
-KelVector<LoggedLine> FileStoreTest::Log() const {
-    return state_->log->Lines();
+    const std::lock_guard lock(state_->mutex);
+    return std::any_of(state_->log.begin(), state_->log.end(), [&](const auto& line) {
+        return line.first == level && line.second.find(part) != KelString::npos;
+    });
 }
 
 void FileStoreTest::ClearLog() {
-    state_->log->Clear();
+    const std::lock_guard lock(state_->mutex);
+    state_->log.clear();
 }

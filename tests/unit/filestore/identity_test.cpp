@@ -7,36 +7,22 @@ namespace {
 
 class DeviceIdentity : public FileStoreTest {
   protected:
+    static constexpr const char* kOurUrl = "127.0.1.7:1610/0A1B0000-0000-4000-8000-00000000000A";
+    static constexpr const char* kNewGuid = "0A1B0000-0000-4000-8000-00000000000B";
+
     static KelString DeviceUrl() {
         KelString url;
         FileStore::GetOurDeviceGUID(url, true);
         return url;
     }
-    KelString RelayUrl() {
-        KelString url = "left over";
-        parentGuid_.clear();
-        FileStore::GetRelayUrl(url, parentGuid_);
-        return url;
-    }
-    void SetParent(const char* name, const char* address, bool sync) {
-        relayValues.SetString("ParentName", name);
-        relayValues.SetString("ParentIPAddress", address);
-        relayValues.SetString("ParentGuid", kParentGuid);
-        relayValues.SetInt32("ParentPort", 1611);
-        relayValues.SetBool("ParentSync", sync);
-    }
-
-    KelString parentGuid_;
 };
 
 TEST_F(DeviceIdentity, DeviceUrlFollowsThePreferenceAtOnce) {
-    EXPECT_EQ(DeviceUrl(), "127.0.1.7:1610/0A1B0000-0000-4000-8000-00000000000A");
+    EXPECT_EQ(DeviceUrl(), kOurUrl);
     identityValues.SetBool("PreferIPAddresses", false);
     KelString host = GetLocalHostName();
     if (!GetLocalDomainName().empty()) host += "." + GetLocalDomainName();
-    EXPECT_EQ(DeviceUrl(), host + ":1610/0A1B0000-0000-4000-8000-00000000000A");
-    EXPECT_EQ(CallsOf("IdentityGetGUID").size(), 1U);
-    EXPECT_EQ(CallsOf("IdentityGetValues").size(), 2U);
+    EXPECT_EQ(DeviceUrl(), host + ":1610/" + kGuid);
 }
 
 TEST_F(DeviceIdentity, UnknownOrUnusableGuidGivesNothing) {
@@ -49,51 +35,41 @@ TEST_F(DeviceIdentity, UnknownOrUnusableGuidGivesNothing) {
 }
 
 TEST_F(DeviceIdentity, PortIsAskedForAgainUntilItIsKnown) {
-    FakeResult("HttpProtocolGetParams ()", 1);
-    EXPECT_EQ(DeviceUrl(), "127.0.1.7:4294967295/0A1B0000-0000-4000-8000-00000000000A");
-    Fake("HttpProtocolGetParams ()", [](KelContainer& container) {
-        KelContainer values;
-        values.SetInt32("Port", 1999);
-        container.SetContainer("Values", std::move(values));
-        return 0U;
-    });
-    EXPECT_EQ(DeviceUrl(), "127.0.1.7:1999/0A1B0000-0000-4000-8000-00000000000A");
+    httpValues.SetInt32("Port", -1);
+    EXPECT_EQ(DeviceUrl(), KelString("127.0.1.7:4294967295/") + kGuid);
+    httpValues.SetInt32("Port", 1999);
+    EXPECT_EQ(DeviceUrl(), KelString("127.0.1.7:1999/") + kGuid);
 }
 
-TEST_F(DeviceIdentity, ParentIsReachedByItsNameFirst) {
-    struct Case {
-        const char* name;
-        const char* address;
-        const char* host;
-    };
-    for (const Case& tested : {Case{"parent", "127.0.1.1", "parent"}, Case{"parent", "", "parent"},
-                               Case{"", "127.0.1.1", "127.0.1.1"}}) {
-        SetParent(tested.name, tested.address, true);
+TEST_F(DeviceIdentity, ParentIsReachedByItsNameFirstWhenItIsInSync) {
+    for (const auto& [name, address, sync, host] : {std::tuple{"parent", "127.0.1.1", true, "parent"},
+                                                    {"parent", "", true, "parent"},
+                                                    {"", "127.0.1.1", true, "127.0.1.1"},
+                                                    {"", "", true, ""},  // no host: no URL
+                                                    {"parent", "127.0.1.1", false, ""}}) {
+        SCOPED_TRACE(KelFormat("'%s' at '%s'", name, address));
+        relayValues = Make({{"ParentName", name}, {"ParentIPAddress", address}, {"ParentPort", 1611}});
+        relayValues = With(relayValues, {{"ParentGuid", kParentGuid}, {"ParentSync", sync}});
+        KelString text = "left over", guid;
+        FileStore::GetRelayUrl(text, guid);
+        EXPECT_EQ(guid, kParentGuid);
         UrlInet url;
-        ASSERT_TRUE(UrlParseInet(RelayUrl(), url));
-        EXPECT_EQ(url.host, tested.host);
+        EXPECT_EQ(UrlParseInet(text, url), *host != '\0') << text;
+        EXPECT_EQ(url.host, host);
+        if (url.host.empty()) continue;
         EXPECT_EQ(url.port, 1611);
         EXPECT_EQ(url.user, kAgentName);
         EXPECT_EQ(url.password, kPassword);
-        EXPECT_EQ(parentGuid_, kParentGuid);
     }
-}
-
-TEST_F(DeviceIdentity, ParentThatIsOutOfSyncOrNamelessHasNoUrl) {
-    SetParent("parent", "127.0.1.1", false);
-    EXPECT_EQ(RelayUrl(), "");
-    EXPECT_TRUE(HasLogged(KelDebugLevel::Warning, "Current parent is undefined or out of sync"));
-    SetParent("", "", true);
-    EXPECT_EQ(RelayUrl(), "");
     FakeResult("RelayGetValues ()", 1);
-    EXPECT_EQ(RelayUrl(), "");
-    EXPECT_TRUE(HasLogged(KelDebugLevel::Error, "Could not read relay info"));
+    KelString text = "left over", guid;
+    FileStore::GetRelayUrl(text, guid);
+    EXPECT_EQ(text, "");
 }
 
 TEST_F(DeviceIdentity, DeviceUrlsAndPathNamesGiveCallUrlAndGuid) {
     for (const char* device : {"10.1.2.3:1610/0A1B-X", "10.1.2.3:1610/0A1B-X/02-00/10.1.2.3/255.0.0.0"}) {
-        KelString text;
-        KelString guid;
+        KelString text, guid;
         FileStore::GetDeviceUrl(device, text, guid);
         UrlInet url;
         ASSERT_TRUE(UrlParseInet(text, url)) << text;
@@ -104,77 +80,52 @@ TEST_F(DeviceIdentity, DeviceUrlsAndPathNamesGiveCallUrlAndGuid) {
     }
 }
 
-TEST_F(DeviceIdentity, ChecksPathsAgainstTheOwnGuid) {
+TEST_F(DeviceIdentity, PathsAreCheckedAgainstTheOwnGuid) {
     const KelString ours = kGuid;
-    KelContainer targets;
-    EXPECT_FALSE(FileStore::CheckDevicePath(targets));
-    targets.SetContainer("host:1/" + ours + "/02-00/10.0.0.1/255.0.0.0", {});
-    EXPECT_TRUE(FileStore::CheckDevicePath(targets));
+    EXPECT_FALSE(FileStore::CheckDevicePath({}));
+    EXPECT_TRUE(
+        FileStore::CheckDevicePath(Make({{"host:1/" + ours + "/02/10.0.0.1/255.0.0.0", KelContainer()}})));
     EXPECT_TRUE(FileStore::CheckDeviceGuid("/0a1b0000-0000-4000-8000-00000000000a/X"));
     EXPECT_FALSE(FileStore::CheckDeviceGuid("/X/" + ours));
     EXPECT_FALSE(FileStore::CheckDeviceGuid(""));
 
     EXPECT_TRUE(FileStore::CheckGuidScheme("h:1/0a1bFFFF-0000"));
-    EXPECT_FALSE(FileStore::CheckGuidScheme("h:1/0A1C0000-0000"));
-    EXPECT_FALSE(FileStore::CheckGuidScheme("h:1/ZZZZ"));
-    EXPECT_FALSE(FileStore::CheckGuidScheme("0A1"));
-    EXPECT_FALSE(FileStore::CheckGuidScheme(""));
+    for (const char* foreign : {"h:1/0A1C0000-0000", "h:1/ZZZZ", "h:1/0A1", "0A1", ""})
+        EXPECT_FALSE(FileStore::CheckGuidScheme(foreign)) << foreign;
 }
 
 TEST_F(DeviceIdentity, GuidSchemeUpdateAsksTheIdentityModuleAgain) {
     DeviceUrl();
-    identityValues.SetString("GUID", "FFFF0000-0000-4000-8000-00000000000A");
+    identityValues.SetString("GUID", kNewGuid);
     FileStore::UpdateGuidScheme();
     EXPECT_EQ(CallsOf("IdentityValidateGUIDScheme").size(), 1U);
-    EXPECT_EQ(DeviceUrl(), "127.0.1.7:1610/FFFF0000-0000-4000-8000-00000000000A");
+    EXPECT_EQ(DeviceUrl(), KelString("127.0.1.7:1610/") + kNewGuid);
 }
 
-TEST_F(DeviceIdentity, GuidCallbackNamesTheSourceOfWaitingFiles) {
+TEST_F(DeviceIdentity, NewGuidNamesTheSourceOfWaitingFiles) {
     Initialise();
     AddFile(true, "nameless", filestore::kStatusToBeUploaded);
-    AddFile(true, "named", filestore::kStatusToBeUploaded,
-            [](FileStoreEntry& e) { e.SourceDevice = "h:1/G"; });
-    KelContainer arguments;
-    arguments.SetString("GUID", "0A1B0000-0000-4000-8000-00000000000B");
-    EXPECT_EQ(Call("FileStoreGUIDCallback", arguments), kKelOk);
-    const KelVector<KelString> expected = {"127.0.1.7:1610/0A1B0000-0000-4000-8000-00000000000B", "h:1/G"};
-    EXPECT_EQ(Rows(Upstream(), "SELECT SourceDevice FROM Files ORDER BY FileId"), expected);
-
-    EXPECT_EQ(Call("FileStoreGUIDCallback", arguments), kKelOk);
-    EXPECT_TRUE(HasLogged(KelDebugLevel::Detail, "GUID has not really changed"));
+    AddFile(true, "named", filestore::kStatusToBeUploaded, "SourceDevice = 'h:1/G'");
+    const KelVector<KelString> expected = {KelString("127.0.1.7:1610/") + kNewGuid, "h:1/G"};
+    for (int i = 0; i < 2; ++i) {
+        Ask("FileStoreGUIDCallback", Make({{"GUID", kNewGuid}}));
+        EXPECT_EQ(Rows(Upstream(), "SELECT SourceDevice FROM Files ORDER BY FileId"), expected);
+    }
 }
 
 TEST_F(DeviceIdentity, EventsFromOtherDevicesAndUnusableOnesChangeNothing) {
     Initialise();
-    DeviceUrl();
-    KelContainer request;
-    request.SetString("HttpProtocolRequestAddress", "127.0.1.9");
-    KelContainer foreign;
-    foreign.SetString("GUID", "0A1B0000-0000-4000-8000-00000000000B");
-    foreign.SetString("NewIPAddress", "127.0.1.8");
-    foreign.SetContainer("HttpProtocolRequestInfo", request);
-    KelContainer unusable;
-    unusable.SetString("GUID", "x'; DROP TABLE Files --");
-    unusable.SetString("NewIPAddress", "somewhere");
-    for (KelContainer* arguments : {&foreign, &unusable}) {
-        EXPECT_EQ(Call("FileStoreGUIDCallback", *arguments), kKelErrorBadInput);
-        EXPECT_EQ(Call("FileStoreIPCallback", *arguments), kKelErrorBadInput);
+    EXPECT_EQ(DeviceUrl(), kOurUrl);
+    const KelContainer request = Make({{"HttpProtocolRequestAddress", "127.0.1.9"}});
+    for (KelContainer arguments :
+         {Make({{"GUID", kNewGuid}, {"NewIPAddress", "127.0.1.8"}, {"HttpProtocolRequestInfo", request}}),
+          Make({{"GUID", "x'; DROP TABLE Files --"}, {"NewIPAddress", "somewhere"}})}) {
+        EXPECT_EQ(Call("FileStoreGUIDCallback", arguments), kKelErrorBadInput);
+        EXPECT_EQ(Call("FileStoreIPCallback", arguments), kKelErrorBadInput);
     }
-    EXPECT_EQ(DeviceUrl(), "127.0.1.7:1610/0A1B0000-0000-4000-8000-00000000000A");
-    KelContainer local;
-    local.SetString("NewIPAddress", "127.0.1.8");
-    EXPECT_EQ(Call("FileStoreIPCallback", local), kKelOk);
-    EXPECT_EQ(DeviceUrl(), "127.0.1.8:1610/0A1B0000-0000-4000-8000-00000000000A");
-}
-
-TEST_F(DeviceIdentity, HandlerResultsAreSearchedForACode) {
-    KelContainer results;
-    results.SetInt32("FirstAction", 0);
-    results.SetInt32("SecondAction", 15);
-    EXPECT_TRUE(FileStore::CheckHandlerResult(results, 15));
-    EXPECT_FALSE(FileStore::CheckHandlerResult(results, 16154));
-    results.SetString("Third", "no number");
-    EXPECT_TRUE(FileStore::CheckHandlerResult(results, 0xFFFFFFFF));
+    EXPECT_EQ(DeviceUrl(), kOurUrl);
+    Ask("FileStoreIPCallback", Make({{"NewIPAddress", "127.0.1.8"}}));
+    EXPECT_EQ(DeviceUrl(), KelString("127.0.1.8:1610/") + kGuid);
 }
 
 TEST_F(DeviceIdentity, FileSizeComesFromTheOwnStoreOnlyWhileAvailable) {
@@ -182,18 +133,11 @@ TEST_F(DeviceIdentity, FileSizeComesFromTheOwnStoreOnlyWhileAvailable) {
     const KelString path = Root() + "/file";
     WriteFile(path, "12345");
     const unsigned long fileId =
-        AddFile(false, "n", filestore::kStatusAvailable, [&](FileStoreEntry& e) { e.FilePath = path; });
-    KelContainer arguments;
-    arguments.SetString("FileType", "Type");
-    arguments.SetString("FileLabel", "Label");
-    arguments.SetString("FileName", "n");
-    arguments.SetString("FileChecksum", "");
-    EXPECT_EQ(Call("FileStoreRequestFileSize", arguments), kKelOk);
-    EXPECT_EQ(arguments.GetInt64("FileSize"), 5);
+        AddFile(false, "n", filestore::kStatusAvailable, "FilePath = '" + path + "'");
+    KelContainer arguments = Make({{"FileType", "Type"}, {"FileLabel", "Label"}, {"FileName", "n"}});
+    EXPECT_EQ(Ask("FileStoreRequestFileSize", arguments).GetInt64("FileSize"), 5);
     FileStore::UpdateFileStatus(Downstream(), fileId, filestore::kStatusDownloading, 0, 0);
     EXPECT_NE(Call("FileStoreRequestFileSize", arguments), kKelOk);
-    EXPECT_TRUE(
-        HasLogged(KelDebugLevel::Error, "unable to retrieve file size for type 'Type', label 'Label'"));
 }
 
 }  // namespace

@@ -1,73 +1,56 @@
 #include <algorithm>
 #include <array>
+#include <atomic>
+#include <thread>
+
+// The entry function is not among the module's objects: it belongs to the shared library alone.
+#include "filestore/module_main.cpp"
 
 #include "filestore/file_store_fixture.h"
 #include "filestore/module/action_gate.h"
+#include "kel/text.h"
 #include "kelcore/callback_db.h"
 #include "kelcore/error_codes.h"
-#include "kelcore/module.h"
 
 namespace {
 
 class Lifecycle : public FileStoreTest {
   protected:
-    static bool AllThreadsRun() {
+    static long RunningThreads() {
         const std::array<const KelThread*, 7> threads = {
             &FileStore::threadDelete,   &FileStore::threadPush,     &FileStore::threadPull,
             &FileStore::threadNotify,   &FileStore::threadCallback, &FileStore::threadHandler,
             &FileStore::threadMulticast};
-        return std::all_of(threads.begin(), threads.end(),
-                           [](const KelThread* thread) { return thread->IsThreadRunning(); });
+        return std::count_if(threads.begin(), threads.end(),
+                             [](const KelThread* thread) { return thread->IsThreadRunning(); });
     }
 };
 
-TEST_F(Lifecycle, RegistersTheActionsAndSubscriptions) {
-    const std::array expected = {
-        "FileStoreGetValues ()",
-        "FileStoreSetValues (container Values)",
-        "FileStoreRequestFile (string FileType, string FileLabel, string FileName, string Checksum)",
-        "FileStoreRequestFileSize (string FileType, string FileLabel, string FileName, string Checksum)",
-        "FileStoreAcknowledgeFile (string FileType, string FileLabel, string FileName, string Checksum)",
-        "FileStoreReceiveFile (string FileType, string FileLabel, string FileName, string Checksum)",
-        "FileStoreReceiveUnconnectedFile (string FileType, string FileLabel, string FileName, string "
-        "Checksum)",
-        "FileStoreHttpPutCallback (container Values)",
-        "FileStoreGUIDCallback (string GUID)",
-        "FileStoreIPCallback ()",
-        "FileStoreTransferWindowCallback ()",
-        "FileStoreListFiles ()",
-        "FileStoreGetFileInfo (string strFileType, string strFileName, string strChecksum)",
-        "FileStoreGetDeviceUrl ()",
-        "FileStoreGetMulticastStatus ()",
-        "FileStoreGetMulticastDetails ()",
-        "FileStoreResetMulticastStatus ()",
-        "FileStoreDeletePackage ()",
-        "PackageSendSyncInfo ()",
-        "FileStoreGetNotifiableFiles ()",
-        "FileStoreGetFileInformation ()",
-        "FileStorePerformManualUpload ()",
-        "FileStoreIsPatchInventoryUploaded ()",
-    };
-    ASSERT_EQ(expected.size(), 23U);
-    const KelVector<KelString> actions = ActionDbListActions();
-    for (const char* signature : expected)
-        EXPECT_NE(std::find(actions.begin(), actions.end(), signature), actions.end()) << signature;
-    const std::array events = {"HttpProtocolCallbackPut", "IdentityCallbackGUIDChange",
-                               "IdentityCallbackIPChange", "TransferWindowCallbackWindowChange"};
-    for (const char* event : events)
-        EXPECT_EQ(CallbackDbGetActionCount(event), 1U) << event;
-    FileStore::ModuleUnregister(0);
-    for (const char* event : events)
-        EXPECT_EQ(CallbackDbGetActionCount(event), 0U) << event;
-    EXPECT_TRUE(ActionDbIsActionRegistered("FileStoreGetValues"));
+TEST_F(Lifecycle, EventsAreSubscribedUntilTheModuleIsUnregistered) {
+    for (const unsigned int subscribers : {1U, 0U}) {
+        for (const char* event : {"HttpProtocolCallbackPut", "IdentityCallbackGUIDChange",
+                                  "IdentityCallbackIPChange", "TransferWindowCallbackWindowChange"})
+            EXPECT_EQ(CallbackDbGetActionCount(event), subscribers) << event;
+        FileStore::ModuleUnregister(0);
+    }
 }
 
-TEST_F(Lifecycle, RefusesCallsWhileTheDatabasesAreClosed) {
-    KelContainer before;
-    EXPECT_EQ(Call("FileStoreListFiles", before), kKelErrorNotAvailable);
+TEST_F(Lifecycle, ActionsAreRegisteredAndRefuseCallsWhileTheDatabasesAreClosed) {
+    const KelString actions =
+        "FileStoreAcknowledgeFile FileStoreDeletePackage FileStoreGUIDCallback FileStoreGetDeviceUrl "
+        "FileStoreGetFileInfo FileStoreGetFileInformation FileStoreGetMulticastDetails "
+        "FileStoreGetMulticastStatus FileStoreGetNotifiableFiles FileStoreGetValues FileStoreHttpPutCallback "
+        "FileStoreIPCallback FileStoreIsPatchInventoryUploaded FileStoreListFiles "
+        "FileStorePerformManualUpload "
+        "FileStoreReceiveFile FileStoreReceiveUnconnectedFile FileStoreRequestFile FileStoreRequestFileSize "
+        "FileStoreResetMulticastStatus FileStoreSetValues FileStoreTransferWindowCallback "
+        "PackageSendSyncInfo";
+    for (const KelString& action : SplitText(actions, ' ')) {
+        KelContainer arguments;
+        EXPECT_EQ(Call(action, arguments), kKelErrorNotAvailable) << action;
+    }
     Initialise();
-    KelContainer during;
-    EXPECT_EQ(Call("FileStoreListFiles", during), kKelOk);
+    Ask("FileStoreListFiles");
     CleanUp();
     KelContainer after;
     EXPECT_EQ(Call("FileStoreListFiles", after), kKelErrorNotAvailable);
@@ -81,113 +64,104 @@ TEST_F(Lifecycle, InitialisationFailsAndClosesWhatItOpenedWithoutADatabase) {
     EXPECT_EQ(FileStore::pDbConnectionDownstream, nullptr);
 }
 
-TEST_F(Lifecycle, ActivationPublishesTheFolders) {
+TEST_F(Lifecycle, ActivationPublishesTheFoldersAndStartsTheThreads) {
     SetIni("AlternativePackagesRepository", "PackagesRepositoryPath", "/srv/packages");
     Initialise();
     Activate();
-    const KelVector<KelContainer> removed = CallsOf("HttpProtocolDeleteAlias");
-    ASSERT_EQ(removed.size(), 1U);
-    EXPECT_EQ(removed[0].GetString("AliasName"), "FileStore");
-    EXPECT_TRUE(removed[0].GetBool("CompletelyRemove"));
+    EXPECT_EQ(CallsOf("HttpProtocolDeleteAlias"),
+              KelVector<KelContainer>{Make({{"AliasName", "FileStore"}, {"CompletelyRemove", true}})});
+    KelVector<KelString> added;
+    for (const KelContainer& call : CallsOf("HttpProtocolAddAlias"))
+        added.push_back(call.GetString("AliasName") + " " + call.GetString("AliasPath"));
     const KelString data = Root() + "/data/FileStore";
-    const std::array<std::pair<KelString, KelString>, 4> expected = {
-        std::pair<KelString, KelString>{"FileStore/upstream", data + "/upstream"},
-        {"FileStore/downstream", data + "/downstream"},
-        {"FileStore", data},
-        {"AlternativePackagesRepositoryPath", "/srv/packages"}};
-    const KelVector<KelContainer> added = CallsOf("HttpProtocolAddAlias");
-    ASSERT_EQ(added.size(), expected.size());
-    for (std::size_t i = 0; i < expected.size(); ++i) {
-        EXPECT_EQ(added[i].GetString("AliasName"), expected[i].first);
-        EXPECT_EQ(added[i].GetString("AliasPath"), expected[i].second);
-    }
-    EXPECT_TRUE(AllThreadsRun());
+    EXPECT_EQ(added,
+              (KelVector<KelString>{"FileStore/upstream " + data + "/upstream",
+                                    "FileStore/downstream " + data + "/downstream", "FileStore " + data,
+                                    "AlternativePackagesRepositoryPath /srv/packages"}));
+    EXPECT_EQ(RunningThreads(), 7);
+    CleanUp();
+    EXPECT_EQ(RunningThreads(), 0);
 }
 
-TEST_F(Lifecycle, FailedAliasesAreLoggedAndActivationGoesOn) {
+TEST_F(Lifecycle, ActivationGoesOnWithNeighboursThatFailOrAreAbsent) {
     FakeResult("HttpProtocolAddAlias (string AliasName, string AliasPath)", 1);
     FakeResult("HttpProtocolDeleteAlias (string AliasName, bool CompletelyRemove)", 1);
     Initialise();
     Activate();
-    EXPECT_TRUE(HasLogged(KelDebugLevel::Error, "Failed to completely remove alias FileStore"));
-    EXPECT_TRUE(HasLogged(KelDebugLevel::Error, "Failed to add alias FileStore/upstream"));
     EXPECT_TRUE(HasLogged(KelDebugLevel::Error, "Failed to add alias FileStore/downstream"));
-    EXPECT_TRUE(AllThreadsRun());
-}
+    EXPECT_EQ(RunningThreads(), 7);
+    CleanUp();
 
-TEST_F(Lifecycle, WithoutAnyNeighbourAllThreadsStart) {
     ActionDbUnregisterAll("Fakes");
     Initialise();
     Activate();
     EXPECT_TRUE(HasLogged(KelDebugLevel::Warning, "HttpProtocolHandler's actions are not registered."));
-    EXPECT_TRUE(AllThreadsRun());
-    EXPECT_EQ(FileStore::eKeepCopyMask, 4);
-    CleanUp();
-    EXPECT_FALSE(FileStore::threadDelete.IsThreadRunning());
-    EXPECT_FALSE(FileStore::threadMulticast.IsThreadRunning());
+    EXPECT_EQ(RunningThreads(), 7);
 }
 
-struct RoleCase {
-    const char* name;
-    bool master;
-    bool relay;
-    const char* concatFiles;
-    int keepCopyMask;
-    bool concat;
-    bool automatic;
-};
-
-class Role : public FileStoreTest, public ::testing::WithParamInterface<RoleCase> {};
-
-TEST_P(Role, IsDeterminedWithItsUploadPolicy) {
-    const RoleCase& tested = GetParam();
-    if (tested.master) BecomeMaster();
-    relayValues.SetBool("IsEnabled", tested.relay);
-    SetIni("UploadPolicy", "ConcatFiles", tested.concatFiles);
+TEST_F(Lifecycle, RoleIsDeterminedWithItsUploadPolicy) {
     SetIni("UploadPolicy", "ExcludedFileType", "Inventory");
     SetIni("UploadPolicy", "MaxFilesToConcat", "7");
     SetIni("UploadPolicy", "ArchiveType", "TAR");
-    Initialise();
-    Activate();
-    EXPECT_EQ(FileStore::eKeepCopyMask, tested.keepCopyMask);
-    EXPECT_EQ(FileStore::fConcatFiles, tested.concat);
-    EXPECT_EQ(FileStore::fAutoConcat, tested.automatic);
-    EXPECT_EQ(FileStore::eArchiveType, 1);
-    const bool readsPolicy = tested.relay && !tested.master;
-    EXPECT_EQ(FileStore::strExcludedFileType, readsPolicy ? "Inventory" : "");
-    EXPECT_EQ(FileStore::uMaxFilesToConcat, readsPolicy ? 7U : 50U);
+    for (const auto& [isMaster, isRelay, setting, keepCopyMask, packing] :
+         {std::tuple{false, false, "auto", 4, "none"},
+          {false, true, "Auto", 2, "auto"},
+          {false, true, "manual", 2, "manual"},
+          {false, true, "sometimes", 2, "none"},
+          {true, true, "auto", 1, "none"}}) {
+        SCOPED_TRACE(KelFormat("%s, %s", isMaster ? "master" : isRelay ? "relay" : "client", setting));
+        if (isMaster) BecomeMaster();
+        relayValues.SetBool("IsEnabled", isRelay);
+        SetIni("UploadPolicy", "ConcatFiles", setting);
+        Initialise();
+        Activate();
+        EXPECT_EQ(FileStore::eKeepCopyMask, keepCopyMask);
+        EXPECT_EQ(FileStore::eArchiveType, 1);
+        EXPECT_EQ(Ask("FileStoreGetValues").GetContainer("Values").GetString("ConcatFiles"), packing);
+        if (isRelay) {
+            EXPECT_EQ(FileStore::strExcludedFileType, "Inventory");
+            EXPECT_EQ(FileStore::uMaxFilesToConcat, 7U);
+        }
+        CleanUp();
+    }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Module, Role,
-    ::testing::Values(RoleCase{"Client", false, false, "auto", 4, false, false},
-                      RoleCase{"RelayPackingItself", false, true, "Auto", 2, true, true},
-                      RoleCase{"RelayPackingOnDemand", false, true, "manual", 2, true, false},
-                      RoleCase{"RelayNotPacking", false, true, "sometimes", 2, false, false},
-                      RoleCase{"MasterWithRelay", true, true, "auto", 1, false, false}),
-    [](const auto& tested) { return KelString(tested.param.name); });
 
 TEST_F(Lifecycle, ActivationRepairsInterruptedMulticast) {
     Initialise();
-    const unsigned long waiting =
-        AddFile(false, "waiting", filestore::kStatusMulticastListening, [](FileStoreEntry& entry) {
-            entry.FileSize = 4711;
-            entry.Acknowledged = true;
-            entry.LastStatusChangeTime = 99;
-        });
-    AddFile(false, "sending", filestore::kStatusAvailable, [](FileStoreEntry& entry) {
-        entry.FileSize = 12;
-        entry.Acknowledged = true;
-        entry.MulticastTransferToBeStarted = true;
-    });
+    for (const char* status : {filestore::kStatusMulticastListening, filestore::kStatusAvailable})
+        AddFile(
+            false, "n", status,
+            "FileSize = 12, Acknowledged = 1, LastStatusChangeTime = 99, MulticastTransferToBeStarted = 1");
     Activate();
-    const KelString select =
-        "SELECT FileName, FileStatus, FileSize, Acknowledged, LastStatusChangeTime, "
-        "MulticastTransferToBeStarted FROM Files ORDER BY FileId";
-    EXPECT_EQ(waiting, 1U);
-    EXPECT_EQ(Rows(Downstream(), select),
-              (KelVector<KelString>{"waiting|_AGTMOD_FILESTORESTATUS_TOBEREQUESTED_|0|0|0|0",
-                                    "sending|_AGTMOD_FILESTORESTATUS_AVAILABLE_|12|1|0|0"}));
+    EXPECT_EQ(Rows(Downstream(),
+                   "SELECT FileStatus, FileSize, Acknowledged, LastStatusChangeTime, "
+                   "MulticastTransferToBeStarted FROM Files ORDER BY FileId"),
+              (KelVector<KelString>{"_AGTMOD_FILESTORESTATUS_TOBEREQUESTED_|0|0|0|0",
+                                    "_AGTMOD_FILESTORESTATUS_AVAILABLE_|12|1|99|0"}));
+}
+
+TEST_F(Lifecycle, EntryAnswersTextsAndRefusesUnknownOperations) {
+    char buffer[kModuleTextBytes];
+    EXPECT_EQ(ModuleMain(6, 0, buffer), 1U);
+    EXPECT_STREQ(buffer, "File store module");
+    EXPECT_EQ(ModuleMain(7, 0, buffer), 1U);
+    EXPECT_STREQ(buffer, "11.5.0.121004r - Oct  4 2012 - 17:21:12");
+    EXPECT_EQ(ModuleMain(9, 0, nullptr), 1U);
+    for (const unsigned int operation : {0U, 8U, 10U, 4096U})
+        EXPECT_EQ(ModuleMain(operation, 0, nullptr), 5U);
+}
+
+TEST_F(Lifecycle, EntryDrivesALifeAndASecondOne) {
+    char handle[] = "FileStore";
+    for (int life = 0; life < 2; ++life) {
+        EXPECT_EQ(ModuleMain(1, 0, handle), 1U);
+        EXPECT_EQ(ModuleMain(3, 0, nullptr), 1U);
+        EXPECT_EQ(ModuleMain(4, 0, nullptr), 1U);
+        EXPECT_EQ(Ask("FileStoreGetDeviceUrl").GetString("DeviceUrl"),
+                  KelFormat("%s:%d/%s", kAddress, kPort, kGuid));
+        EXPECT_EQ(ModuleMain(5, 0, nullptr), 1U);
+        EXPECT_EQ(ModuleMain(2, 0, nullptr), 1U);
+    }
 }
 
 TEST(ActionGate, CloseWaitsForCallsInsideAndLetsTheirInnerCallsPass) {

@@ -2,56 +2,32 @@
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
-#include <poll.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
-#include <array>
+#include <cerrno>
 #include <cstdlib>
+#include <sstream>
 #include <stdexcept>
 
 namespace {
 
 constexpr const char* kAddress = "127.0.1.1";
 
-std::size_t ContentLength(const ScriptedServer::Request& request) {
-    return std::strtoul(request.Header("Content-Length").c_str(), nullptr, 10);
-}
-
-bool ReadMore(int fd, KelString& text) {
-    std::array<char, 4096> piece;
-    const ssize_t got = recv(fd, piece.data(), piece.size(), 0);
-    if (got <= 0) return false;
-    text.append(piece.data(), static_cast<std::size_t>(got));
-    return true;
-}
-
 void SendAll(int fd, const KelString& text) {
-    std::size_t sent = 0;
-    while (sent < text.size()) {
-        const ssize_t step = send(fd, text.data() + sent, text.size() - sent, MSG_NOSIGNAL);
-        if (step <= 0) return;
-        sent += static_cast<std::size_t>(step);
-    }
+    send(fd, text.data(), text.size(), MSG_NOSIGNAL);  // blocks until all is taken or the peer is gone
 }
 
 bool ReadRequest(int fd, ScriptedServer::Request& request) {
-    KelString text;
-    while (text.find("\r\n\r\n") == KelString::npos)
-        if (!ReadMore(fd, text)) return false;
-    const std::size_t end = text.find("\r\n\r\n") + 4;
-    request.head = text.substr(0, end);
-    request.body = text.substr(end);
-    const std::size_t blank = request.head.find(' ');
-    request.method = request.head.substr(0, blank);
-    request.path = request.head.substr(blank + 1, request.head.find(' ', blank + 1) - blank - 1);
+    for (char byte = 0; !request.head.ends_with("\r\n\r\n"); request.head += byte)
+        if (recv(fd, &byte, 1, 0) != 1) return false;
+    std::istringstream(request.head) >> request.method >> request.path;
     if (!request.Header("Expect").empty()) {
         if (request.Header("Authorization").empty()) return true;  // it is refused before its body comes
         SendAll(fd, "HTTP/1.1 100 Continue\r\n\r\n");
     }
-    while (request.body.size() < ContentLength(request))
-        if (!ReadMore(fd, request.body)) return false;
-    return true;
+    request.body.resize(std::strtoul(request.Header("Content-Length").c_str(), nullptr, 10));
+    const auto length = static_cast<ssize_t>(request.body.size());
+    return length == 0 || recv(fd, request.body.data(), request.body.size(), MSG_WAITALL) == length;
 }
 
 }  // namespace
@@ -75,18 +51,17 @@ ScriptedServer::ScriptedServer(Script script)
     address.sin_family = AF_INET;
     inet_pton(AF_INET, kAddress, &address.sin_addr);
     socklen_t length = sizeof(address);
-    if (bind(listener_, reinterpret_cast<sockaddr*>(&address), length) != 0 || listen(listener_, 16) != 0 ||
-        getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &length) != 0 || pipe(wake_) != 0)
+    auto* const generic = reinterpret_cast<sockaddr*>(&address);
+    if (bind(listener_.Get(), generic, length) != 0 || listen(listener_.Get(), 16) != 0 ||
+        getsockname(listener_.Get(), generic, &length) != 0)
         throw std::runtime_error("cannot listen on 127.0.1.1");
     port_ = ntohs(address.sin_port);
     thread_ = std::thread([this] { Serve(); });
 }
 
 ScriptedServer::~ScriptedServer() {
-    close(wake_[1]);
+    shutdown(listener_.Get(), SHUT_RDWR);  // ends the waiting accept
     thread_.join();
-    close(wake_[0]);
-    close(listener_);
 }
 
 KelString ScriptedServer::HostAndPort() const {
@@ -100,13 +75,11 @@ KelVector<ScriptedServer::Request> ScriptedServer::Requests() const {
 
 void ScriptedServer::Serve() {
     for (;;) {
-        std::array<pollfd, 2> waiting = {pollfd{listener_, POLLIN, 0}, pollfd{wake_[0], POLLIN, 0}};
-        poll(waiting.data(), waiting.size(), -1);
-        if (waiting[1].revents != 0) return;
-        const int fd = accept(listener_, nullptr, nullptr);
-        if (fd < 0) continue;
-        ServeConnection(fd);
-        close(fd);
+        const UniqueFd connection(accept(listener_.Get(), nullptr, nullptr));
+        if (connection)
+            ServeConnection(connection.Get());
+        else if (errno == EINVAL)  // shut down
+            return;
     }
 }
 
@@ -131,18 +104,23 @@ void ScriptedServer::ServeConnection(int fd) {
 
 ScriptedServer::Answer ScriptedServer::ActionResult(unsigned int result, const KelContainer& values) {
     return {200, "Content-Type: application/xml\r\nKel-Result: " + std::to_string(result) + "\r\n",
-            values.SaveToXML(), SIZE_MAX};
+            values.SaveToXML()};
+}
+
+ScriptedServer::Script ScriptedServer::ActionScript(unsigned int result, const KelContainer& values) {
+    return [answer = ActionResult(result, values)](const Request&) { return answer; };
 }
 
 ScriptedServer::Script ScriptedServer::FileScript(KelString content) {
     return [content = std::move(content)](const Request& request) -> Answer {
         const KelString range = request.Header("Range");
-        if (range.empty()) return {200, "", content, SIZE_MAX};
+        if (range.empty()) return {200, "", content};
         const std::size_t offset = std::strtoul(range.c_str() + KelString("bytes=").size(), nullptr, 10);
-        if (offset >= content.size()) return {416, "", "", SIZE_MAX};
+        if (offset >= content.size()) return {416};
+        const KelString last = std::to_string(content.size() - 1);
         return {206,
-                "Content-Range: bytes " + std::to_string(offset) + "-" + std::to_string(content.size() - 1) +
-                    "/" + std::to_string(content.size()) + "\r\n",
-                content.substr(offset), SIZE_MAX};
+                "Content-Range: bytes " + std::to_string(offset) + "-" + last + "/" +
+                    std::to_string(content.size()) + "\r\n",
+                content.substr(offset)};
     };
 }

@@ -2,12 +2,12 @@
 
 #include <cstdint>
 #include <functional>
-#include <memory>
 #include <mutex>
 #include <thread>
 
 #include "kel/container.h"
 #include "kel/types.h"
+#include "kel/unique_fd.h"
 
 /// A small HTTP server for tests on an ephemeral port of 127.0.1.1: answers every authorised request, one at
 /// a time, with what its script says, and remembers those requests. Others are asked for digest credentials,
@@ -25,8 +25,8 @@ class ScriptedServer {
     };
     struct Answer {
         unsigned int status = 200;
-        KelString headers;  ///< each ending in "\r\n"
-        KelString body;
+        KelString headers = {};  ///< each ending in "\r\n"
+        KelString body = {};
         std::size_t cutAfter = SIZE_MAX;  ///< bytes of the body after which the connection is closed
     };
     using Script = std::function<Answer(const Request&)>;
@@ -42,6 +42,8 @@ class ScriptedServer {
 
     /// The answer to an action call.
     static Answer ActionResult(unsigned int result, const KelContainer& values = {});
+    /// Gives every action call this result.
+    static Script ActionScript(unsigned int result, const KelContainer& values = {});
     /// Serves `content` at any path, with Range: bytes=N-.
     static Script FileScript(KelString content);
 
@@ -50,8 +52,7 @@ class ScriptedServer {
     void ServeConnection(int fd);
 
     Script script_;
-    int listener_;
-    int wake_[2];
+    UniqueFd listener_;
     std::uint16_t port_ = 0;
     mutable std::mutex mutex_;  ///< requests_
     KelVector<Request> requests_;

@@ -1,72 +1,38 @@
-#include <ctime>
-
-#include "filestore/archive_content.h"
-#include "filestore/upstream_fixture.h"
+#include "filestore/transfer_fixture.h"
 #include "kel/format.h"
 
 using namespace filestore;
 
 namespace {
 
-class SendStepTest : public UpstreamTest {
+class SendStepTest : public PushTest {
   protected:
-    static unsigned long Waiting(const KelString& name,
-                                 const std::function<void(FileStoreEntry&)>& change = {}) {
-        return AddStored(name, kStatusToBeUploaded, change);
+    static unsigned long Waiting(const KelString& name, const KelString& set = "") {
+        return AddStored(true, name, kStatusToBeUploaded, set);
     }
-    Outcome Send(bool packedPass = false) {
-        reached_ = false;
-        return push_.SendFile(reached_, packedPass);
-    }
-
-    Push push_;
-    bool reached_ = false;
 };
 
 TEST_F(SendStepTest, OfferCarriesTheRecordAndTakesTheUrl) {
-    KelContainer info;
-    info.SetString("Fact", "it's");
-    AnswerAsParent([](const ScriptedServer::Request&) {
-        KelContainer answer;
-        answer.SetString("FileURL", "/FileStore/upstream/it's");
-        return ScriptedServer::ActionResult(0, answer);
-    });
-    const unsigned long fileId = Waiting("it's", [&](FileStoreEntry& entry) {
-        entry.FirstRelay = "relay";
-        entry.KeepCopy = 3;
-        entry.Priority = 7;
-        entry.Bypass = true;
-        entry.FileInfo = info.SaveToXML();
-    });
+    AcceptAll();
+    const unsigned long fileId =
+        Waiting("it's", "FirstRelay = 'relay', KeepCopy = 3, Priority = 7, Bypass = 1, " + SetInfo(Info()));
     EXPECT_EQ(Send(), Outcome::Done);
     EXPECT_TRUE(reached_);
-    const FileStoreEntry row = Load(true, fileId);
-    EXPECT_EQ(row.FileStatus, kStatusUploading);
-    EXPECT_EQ(row.FileURL, "/FileStore/upstream/it's");
-    EXPECT_EQ(row.LastStatusChangeTime, 0);
-    ASSERT_EQ(Parent().Requests().size(), 1U);
-    EXPECT_EQ(Parent().Requests()[0].path, "/Action/FileStoreReceiveFile");
-    const KelContainer offer = Parent().Requests()[0].Arguments();
-    EXPECT_EQ(offer.GetString("FileType") + offer.GetString("FileLabel") + offer.GetString("FileName"),
-              "TypeLabelit's");
-    EXPECT_EQ(offer.GetString("FileChecksum"), row.FileChecksum);
-    EXPECT_EQ(offer.GetString("SourceDevice"), kChild);
-    EXPECT_EQ(offer.GetString("FirstRelay"), "relay");
-    EXPECT_TRUE(offer.GetBool("Upstream"));
-    EXPECT_TRUE(offer.GetBool("Bypass"));
-    EXPECT_EQ(offer.GetInt32("KeepCopy"), 3);
-    EXPECT_EQ(offer.GetInt64("FileSize"), 4);
-    EXPECT_EQ(offer.GetInt32("Priority"), 7);
-    EXPECT_EQ(offer.GetContainer("FileInfo"), info);
+    EXPECT_EQ(Fields(true, fileId, "FileStatus, FileURL, LastStatusChangeTime"),
+              KelString(kStatusUploading) + "|/FileStore/upstream/it's|0");
+    const KelContainer offer = OnlyCallTo(Parent(), "FileStoreReceiveFile");
+    EXPECT_EQ(Texts(offer, "FileType FileLabel FileName FileChecksum"),
+              "Type|Label|it's|0123456789abcdef0123456789abcdef");
+    EXPECT_EQ(Texts(offer, "SourceDevice FirstRelay Upstream Bypass KeepCopy FileSize Priority"),
+              KelString(kChild) + "|relay|true|true|3|4|7");
+    EXPECT_EQ(offer.GetContainer("FileInfo"), Info());
 }
 
 TEST_F(SendStepTest, RefusalDependsOnTheFirstRelayAndTheError) {
     struct Case {
-        const char* name;
-        const char* firstRelay;
+        const char *name, *firstRelay;
         unsigned int error;
-        const char* status;
-        const char* source;
+        const char *status, *source;
         bool goesOn;
     };
     for (const Case& test : {Case{"own file, foreign scheme", "", 44005, kStatusToBeUploaded, kOwnUrl, true},
@@ -75,21 +41,18 @@ TEST_F(SendStepTest, RefusalDependsOnTheFirstRelayAndTheError) {
                              Case{"relayed file, refused", "r", 1, kStatusToBeUploaded, kChild, false},
                              Case{"accepted without a URL", "r", 0, kStatusToBeUploaded, kChild, false}}) {
         SCOPED_TRACE(test.name);
-        Rows(Upstream(), "DELETE FROM Files");
+        DeleteRows();
         AnswerAsParent([&](const ScriptedServer::Request& request) {
-            KelContainer answer;
-            const bool refused = request.Arguments().GetString("FileName") == "first";
-            answer.SetString("FileURL", refused ? "" : "/u");
-            return ScriptedServer::ActionResult(refused ? test.error : 0, answer);
+            const bool isFirst = request.Arguments().GetString("FileName") == "first";
+            return ScriptedServer::ActionResult(isFirst ? test.error : 0,
+                                                Make({{"FileURL", isFirst ? "" : "/u"}}));
         });
-        const unsigned long first =
-            Waiting("first", [&](FileStoreEntry& entry) { entry.FirstRelay = test.firstRelay; });
+        const unsigned long first = Waiting("first", KelFormat("FirstRelay = '%s'", test.firstRelay));
         const unsigned long second = Waiting("second");
         EXPECT_EQ(Send(), Outcome::Done);
-        const FileStoreEntry row = Load(true, first);
-        EXPECT_EQ(row.FileStatus, test.status);
-        EXPECT_EQ(row.SourceDevice, test.source);
-        EXPECT_EQ(JustNow(row.LastStatusChangeTime), row.FileStatus == kStatusToBeUploaded);
+        EXPECT_EQ(Fields(true, first, "FileStatus, SourceDevice"),
+                  KelFormat("%s|%s", test.status, test.source));
+        EXPECT_EQ(IsNew(true, first), KelString(test.status) == kStatusToBeUploaded);
         EXPECT_EQ(StatusOf(true, second), test.goesOn ? kStatusUploading : kStatusToBeUploaded);
     }
     EXPECT_EQ(CallsOf("IdentityValidateGUIDScheme").size(), 1U);
@@ -97,79 +60,63 @@ TEST_F(SendStepTest, RefusalDependsOnTheFirstRelayAndTheError) {
 
 TEST_F(SendStepTest, RecentRowEndsTheBatchBehindTheOlderOnes) {
     AcceptAll();
-    const unsigned long recent = Waiting(
-        "recent", [](FileStoreEntry& entry) { entry.LastStatusChangeTime = std::time(nullptr) - 200; });
+    Waiting("recent", "LastStatusChangeTime = " + std::to_string(std::time(nullptr) - 200));
     EXPECT_EQ(Send(), Outcome::Done);
     EXPECT_FALSE(reached_);
-    EXPECT_TRUE(Parent().Requests().empty());
-
-    Waiting("old", [](FileStoreEntry& entry) { entry.LastStatusChangeTime = std::time(nullptr) - 400; });
+    Waiting("old", "LastStatusChangeTime = " + std::to_string(std::time(nullptr) - 400));
     EXPECT_EQ(Send(), Outcome::Done);
     EXPECT_EQ(OfferedNames(), KelVector<KelString>{"old"});
-    EXPECT_EQ(StatusOf(true, recent), kStatusToBeUploaded);
 }
 
-TEST_F(SendStepTest, NothingMovesWithoutParentOrRow) {
+TEST_F(SendStepTest, NothingMovesWithoutRowsOrAParent) {
     EXPECT_EQ(Send(), Outcome::Nothing);
-    const unsigned long fileId = Waiting("n");
+    EXPECT_EQ(Upload(), Outcome::Nothing);
+    const unsigned long waiting = Waiting("n");
+    const unsigned long announced = AddStored(true, "m", kStatusUploading);
     relayValues.SetBool("ParentSync", false);
     EXPECT_EQ(Send(), Outcome::Failed);
-    EXPECT_EQ(Load(true, fileId).LastStatusChangeTime, 0);
+    EXPECT_EQ(Upload(), Outcome::Failed);
+    EXPECT_FALSE(IsNew(true, waiting) || IsNew(true, announced));
 }
 
 TEST_F(SendStepTest, PolicyAndWindowChooseTheFiles) {
+    using List = KelVector<KelString>;
+    const List all = {"a", "b", "archive", "bypass"}, none, archive = {"archive"};
+    const List packable = {"a", "b", "bypass"};
     struct Case {
         const char* name;
         bool packs, automatic;
         const char* excluded;
-        bool manual, packedPass, closedWindow;
+        bool manual, packedPass;
         Outcome outcome;
-        const char* offered;
-        const char* packed;
+        List offered, packed;
     };
     const Case cases[] = {
-        {"no packing", false, false, "", false, false, false, Outcome::Done, "a b archive bypass ", ""},
-        {"automatic", true, true, "", false, false, false, Outcome::Done, "archive ", "a b bypass "},
-        {"on demand", true, false, "", false, false, false, Outcome::Nothing, "", ""},
-        {"on demand but some types", true, false, "B, C", false, false, false, Outcome::Done, "", "b "},
-        {"demanded", true, false, "B", true, false, false, Outcome::Done, "archive ", "a b bypass "},
-        {"demanded without policy", false, false, "", true, false, false, Outcome::Done, "archive ",
-         "a b bypass "},
-        {"archives", true, false, "", false, true, false, Outcome::Done, "archive ", ""},
-        {"closed window", false, false, "", false, false, true, Outcome::Done, "bypass ", ""},
+        {"no packing", false, false, "", false, false, Outcome::Done, all, none},
+        {"automatic", true, true, "", false, false, Outcome::Done, archive, packable},
+        {"on demand", true, false, "", false, false, Outcome::Nothing, none, none},
+        {"on demand but some types", true, false, "B, C", false, false, Outcome::Done, none, {"b"}},
+        {"demanded", true, false, "B", true, false, Outcome::Done, archive, packable},
+        {"demanded without policy", false, false, "", true, false, Outcome::Done, archive, packable},
+        {"archives", true, false, "", false, true, Outcome::Done, archive, none},
+        {"closed window", false, false, "", false, false, Outcome::Done, {"bypass"}, none},
     };
-    AcceptAll();
     for (const Case& test : cases) {
         SCOPED_TRACE(test.name);
-        Rows(Upstream(), "DELETE FROM Files");
+        DeleteRows();
         AcceptAll();
-        for (const auto& [name, type] :
-             {std::pair{"a", "A"}, {"b", "B"}, {"archive", "FileStorePackedFiles"}, {"bypass", "A"}})
-            Waiting(name, [name = name, type = type](FileStoreEntry& entry) {
-                entry.FileType = type;
-                entry.Bypass = KelString(name) == "bypass";
-            });
+        Waiting("a", "FileType = 'A'");
+        Waiting("b", "FileType = 'B'");
+        Waiting("archive", "FileType = 'FileStorePackedFiles'");
+        Waiting("bypass", "FileType = 'A', Bypass = 1");
         FileStore::fConcatFiles = test.packs;
         FileStore::fAutoConcat = test.automatic;
         FileStore::strExcludedFileType = test.excluded;
         FileStore::fProcessManualUpload = test.manual;
-        if (test.closedWindow) {
-            KelContainer window;
-            window.SetString("Slots", "0");
-            window.SetInt32("SlotType", 2);
-            FileStore::bmTrackUsageUp.UpdateTransferWindow(window);
-            FileStore::bmTrackUsageUp.CancelAllTransfers();
-        }
+        if (KelString(test.name) == "closed window") CloseWindow(FileStore::bmTrackUsageUp);
         EXPECT_EQ(Send(test.packedPass), test.outcome);
-        KelString offered, packed;
-        for (const KelString& name : OfferedNames())
-            offered += name + " ";
-        for (const KelString& name : Rows(Upstream(), KelFormat("SELECT FileName FROM Files WHERE FileStatus "
-                                                                "= '%s' ORDER BY FileId",
-                                                                kStatusToBePacked)))
-            packed += name + " ";
-        EXPECT_EQ(offered, test.offered);
-        EXPECT_EQ(packed, test.packed);
+        EXPECT_EQ(OfferedNames(), test.offered);
+        EXPECT_EQ(Names(true, kStatusToBePacked), test.packed);
     }
 }
 
@@ -184,15 +131,12 @@ TEST_F(SendStepTest, PackingBeginsAnArchiveWithItsIndex) {
     const auto entries = ArchiveContent(FileStore::strArchiveFilePath);
     ASSERT_EQ(entries.size(), 1U);
     EXPECT_EQ(entries[0].first, "Temp/PackedFilesInfo.xml");
-    KelContainer index;
-    ASSERT_TRUE(static_cast<bool>(index.LoadFromXML(entries[0].second)));
+    const KelContainer index = FromXml(entries[0].second);
     ASSERT_EQ(index.Count("PackedFile"), 2U);
     EXPECT_EQ(index.GetContainer("PackedFile", 0).GetString("FileName"), "a");
-    EXPECT_EQ(index.GetContainer("PackedFile", 1).GetString("FileName"), "it's");
-    EXPECT_EQ(index.GetContainer("PackedFile", 1).GetInt64("FileSize"), 4);
-    EXPECT_EQ(index.GetContainer("PackedFile", 1).GetString("SourceDevice"), kChild);
-    EXPECT_EQ(Rows(Upstream(), "SELECT FileStatus FROM Files ORDER BY FileId"),
-              (KelVector<KelString>{kStatusToBePacked, kStatusToBePacked, kStatusToBeUploaded}));
+    EXPECT_EQ(Texts(index.GetContainer("PackedFile", 1), "FileName FileSize SourceDevice"),
+              KelString("it's|4|") + kChild);
+    EXPECT_EQ(Names(true, kStatusToBePacked), (KelVector<KelString>{"a", "it's"}));
 }
 
 }  // namespace

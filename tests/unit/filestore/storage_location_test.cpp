@@ -1,5 +1,4 @@
 #include "filestore/file_store_fixture.h"
-#include "kel/directory.h"
 #include "kel/file.h"
 
 namespace {
@@ -10,36 +9,36 @@ class StorageLocation : public FileStoreTest {
         return Cell(Downstream(),
                     "SELECT FieldValue FROM DatabaseInformation WHERE FieldName = 'FileStorageCurrentPath'");
     }
-    void Restart() {
+    void RestartWith(const KelString& location) {
+        SetIni("Directories", "FileStorage", location);
         CleanUp();
         Initialise();
     }
+    /// A file of the store with its row; its path.
+    static KelString AddStored() {
+        const KelString path = FileStore::StorePath(false, "Type", "Label", "c", "n");
+        WriteFile(path, "content");
+        AddFile(false, "n", filestore::kStatusAvailable, "FilePath = '" + path + "'");
+        return path;
+    }
 };
 
-TEST_F(StorageLocation, EmptySettingKeepsTheDataFolder) {
-    Initialise();
-    EXPECT_EQ(FileStore::strStorageLocationToUse, Root() + "/data/FileStore/");
-    EXPECT_EQ(Recorded(), "");
-}
-
 TEST_F(StorageLocation, SettingIsMadeAbsoluteWithForwardSlashes) {
-    SetIni("Directories", "FileStorage", "\\srv\\store");
-    EXPECT_EQ(FileStore::GetFileStorageDirectory(), "/srv/store/");
-    SetIni("Directories", "FileStorage", "/srv/store/");
-    EXPECT_EQ(FileStore::GetFileStorageDirectory(), "/srv/store/");
+    for (const char* setting : {"\\srv\\store", "/srv/store/"}) {
+        SetIni("Directories", "FileStorage", setting);
+        EXPECT_EQ(FileStore::GetFileStorageDirectory(), "/srv/store/");
+    }
 }
 
 TEST_F(StorageLocation, NewLocationMovesFilesAndPathsBothWays) {
     Initialise();
-    const KelString old = FileStore::StorePath(false, "Type", "Label", "c", "n");
-    WriteFile(old, "content");
+    EXPECT_EQ(FileStore::strStorageLocationToUse, Root() + "/data/FileStore/");
+    const KelString old = AddStored();
     WriteFile(FileStore::StorePath(true, "Type", "Label", "c", "up"), "upward");
-    AddFile(false, "n", filestore::kStatusAvailable, [&](FileStoreEntry& e) { e.FilePath = old; });
-    AddFile(false, "x", filestore::kStatusAvailable, [](FileStoreEntry& e) { e.FilePath = "/elsewhere/x"; });
+    AddFile(false, "x", filestore::kStatusAvailable, "FilePath = '/elsewhere/x'");
 
     const KelString target = Root() + "/it's new/";
-    SetIni("Directories", "FileStorage", target);
-    Restart();
+    RestartWith(target);
     EXPECT_EQ(Recorded(), target);
     EXPECT_EQ(Rows(Downstream(), "SELECT FilePath FROM Files ORDER BY FileId"),
               (KelVector<KelString>{target + "downstream/Type/Label/c/n", "/elsewhere/x"}));
@@ -47,17 +46,14 @@ TEST_F(StorageLocation, NewLocationMovesFilesAndPathsBothWays) {
     EXPECT_EQ(FileGetSize64(target + "upstream/Type/Label/c/up"), 6);
     EXPECT_FALSE(FileExists(old));
 
-    SetIni("Directories", "FileStorage", "");
-    Restart();
+    RestartWith("");
     EXPECT_EQ(Recorded(), Root() + "/data/FileStore/");
     EXPECT_EQ(FileGetSize64(old), 7);
 }
 
 TEST_F(StorageLocation, FailedMoveLeavesTheDatabaseAlone) {
     Initialise();
-    const KelString old = FileStore::StorePath(false, "Type", "Label", "c", "n");
-    WriteFile(old, "content");
-    AddFile(false, "n", filestore::kStatusAvailable, [&](FileStoreEntry& e) { e.FilePath = old; });
+    const KelString old = AddStored();
     WriteFile(Root() + "/blocked", "a file where a folder should go");
     FileStore::strStorageLocationToUse = Root() + "/blocked/";
     EXPECT_FALSE(FileStore::ChangeFileStoragePath());
@@ -66,20 +62,20 @@ TEST_F(StorageLocation, FailedMoveLeavesTheDatabaseAlone) {
     EXPECT_EQ(FileGetSize64(old), 7);
 }
 
-TEST_F(StorageLocation, PortChangeRewritesDevices) {
+TEST_F(StorageLocation, PortChangeRewritesDevicesOnEveryLevel) {
     Initialise();
-    AddFile(false, "a", filestore::kStatusAvailable,
-            [](FileStoreEntry& e) { e.SourceDevice = "10.0.80.1:80/G1"; });
-    AddFile(false, "b", filestore::kStatusAvailable, [](FileStoreEntry& e) { e.SourceDevice = "nothing"; });
-    KelContainer child;
-    child.SetContainer("h2:80/G2/02-00-00-00-00-01/10.0.0.2/255.0.0.0", {});
-    KelContainer tree;
-    tree.SetContainer("h1:80/G1/02-00-00-00-00-00/10.0.0.1/255.0.0.0", child);
+    for (const char* source : {"SourceDevice = '10.0.80.1:80/G1'", "SourceDevice = 'nothing'"})
+        AddFile(false, "n", filestore::kStatusAvailable, source);
+    const auto tree = [](const char* port) {
+        const KelContainer child =
+            Make({{KelFormat("h2:%s/G2/02/10.0.0.2/255.0.0.0", port), KelContainer()}});
+        return Make({{KelFormat("h1:%s/G1/02/10.0.0.1/255.0.0.0", port), child}});
+    };
     Rows(Downstream(),
          KelFormat("INSERT INTO Targets (TargetId, FileId, DeviceGUID, DevicePath) VALUES (1, 1, "
-                   "'h1:80/G1/02-00', '%Q'), (2, 1, '', '')",
-                   tree.SaveToXML()));
-    FileStore::UpdateHttpPort();
+                   "'h1:80/G1/02', '%Q'), (2, 1, '', '')",
+                   tree("80").SaveToXML()));
+    FileStore::UpdateHttpPort();  // nobody asked for it
     EXPECT_EQ(Cell(Downstream(), "SELECT SourceDevice FROM Files"), "10.0.80.1:80/G1");
 
     Rows(Downstream(),
@@ -88,54 +84,34 @@ TEST_F(StorageLocation, PortChangeRewritesDevices) {
     EXPECT_EQ(Rows(Downstream(), "SELECT SourceDevice FROM Files ORDER BY FileId"),
               (KelVector<KelString>{"10.0.80.1:1610/G1", "nothing"}));
     EXPECT_EQ(Rows(Downstream(), "SELECT DeviceGUID FROM Targets ORDER BY TargetId"),
-              (KelVector<KelString>{"h1:1610/G1/02-00", ""}));
-    KelContainer changed;
-    ASSERT_TRUE(static_cast<bool>(changed.LoadFromXML(Cell(Downstream(), "SELECT DevicePath FROM Targets"))));
-    EXPECT_TRUE(changed.GetContainer("h1:1610/G1/02-00-00-00-00-00/10.0.0.1/255.0.0.0")
-                    .IsContainer("h2:1610/G2/02-00-00-00-00-01/10.0.0.2/255.0.0.0"));
-    EXPECT_EQ(
-        Rows(Downstream(), "SELECT * FROM DatabaseInformation WHERE FieldName = 'HttpPortUpdate'").size(),
-        0U);
+              (KelVector<KelString>{"h1:1610/G1/02", ""}));
+    EXPECT_EQ(Cell(Downstream(), "SELECT DevicePath FROM Targets"), tree("1610").SaveToXML());
+    EXPECT_EQ(Cell(Downstream(), "SELECT 1 FROM DatabaseInformation WHERE FieldName = 'HttpPortUpdate'"), "");
 }
 
 TEST_F(StorageLocation, CorruptedPackagesAreAskedForAgain) {
     Initialise();
-    struct Case {
-        const char* name;
-        const char* type;
-        int size;
-        bool external;
-        bool inStore;
-        bool isMissing;
-        bool staysOnDisk;
-    };
-    const Case cases[] = {{"sound", "OperationalRulePackage", 4, false, true, false, true},
-                          {"cut", "OperationalRuleScript", 5, false, true, true, false},
-                          {"external", "OperationalRulePackage", 5, true, false, true, true},
-                          {"outside", "OperationalRulePackage", 5, false, false, true, true},
-                          {"other", "Anything", 5, false, true, false, true}};
-    for (const Case& tested : cases) {
-        const KelString path =
-            (tested.inStore ? FileStore::strStorageLocationToUse : Root() + "/out/") + tested.name;
+    const KelString store = FileStore::strStorageLocationToUse;
+    // the recorded type and size, where 4 bytes are
+    const KelVector<std::tuple<KelString, const char*, const char*>> files = {
+        {store + "sound", "OperationalRulePackage", "FileSize = 4"},
+        {store + "cut", "OperationalRuleScript", "FileSize = 5"},
+        {store + "external", "OperationalRulePackage", "FileSize = 5, ExternalFile = 1"},
+        {Root() + "/outside", "OperationalRulePackage", "FileSize = 5"},
+        {store + "other", "Anything", "FileSize = 5"}};
+    for (const auto& [path, type, set] : files) {
         WriteFile(path, "1234");
-        AddFile(false, tested.name, filestore::kStatusAvailable, [&](FileStoreEntry& e) {
-            e.FileType = tested.type;
-            e.FileSize = tested.size;
-            e.FilePath = path;
-            e.ExternalFile = tested.external;
-        });
+        AddFile(false, "n", filestore::kStatusAvailable,
+                KelFormat("FilePath = '%S', FileType = '%s', %s", path, type, set));
     }
+    const KelString missing = "SELECT FilePath FROM Files WHERE FileStatus LIKE '%MISSING_' ORDER BY FileId";
     FileStore::UpdateScriptAndPackageStatus(1);
-    EXPECT_EQ(Cell(Downstream(), "SELECT count(*) FROM Files WHERE FileStatus LIKE '%MISSING_'"), "0");
+    EXPECT_EQ(Rows(Downstream(), missing), KelVector<KelString>());
     FileStore::UpdateScriptAndPackageStatus(0);
-    for (const Case& tested : cases) {
-        const KelString where = KelFormat(" FROM Files WHERE FileName = '%s'", tested.name);
-        EXPECT_EQ(Cell(Downstream(), "SELECT FileStatus" + where) == filestore::kStatusMissing,
-                  tested.isMissing)
-            << tested.name;
-        EXPECT_EQ(FileExists(Cell(Downstream(), "SELECT FilePath" + where)), tested.staysOnDisk)
-            << tested.name;
-    }
+    EXPECT_EQ(Rows(Downstream(), missing),
+              (KelVector<KelString>{store + "cut", store + "external", Root() + "/outside"}));
+    for (const auto& [path, type, set] : files)  // only what is the store's own is removed
+        EXPECT_EQ(FileExists(path), path != store + "cut") << path;
 }
 
 }  // namespace

@@ -1,7 +1,6 @@
 #include <ctime>
 
 #include "filestore/transfer_fixture.h"
-#include "kel/format.h"
 
 namespace {
 
@@ -11,69 +10,53 @@ class TargetListTest : public TransferTest {
         return KelFormat("127.0.1.%d:1611/0A1B0000-0000-4000-8000-00000000%d/02-00/127.0.1.%d/255.255.0.0",
                          number, 1000 + number, number);
     }
+    static KelContainer Node(const KelString& name, const KelContainer& below = {}) {
+        return Make({{name, below}});
+    }
     static void Process(KelContainer tree) { FileStore::ProcessFileTargetList(5, 1, tree); }
 };
 
-TEST_F(TargetListTest, EmptyTopMakesThisDeviceTheOnlyTarget) {
+TEST_F(TargetListTest, OnlyATreeOfThisDeviceCountsAndItsEmptyTopMakesItTheTarget) {
+    Process(Node(PathName(20), Node(PathName(21))));
+    Process({});
+    EXPECT_EQ(Count(Downstream(), "Targets"), "0");
     Process(TargetTree({}));
     EXPECT_EQ(Rows(Downstream(),
-                   "SELECT FileId, DeviceGUID, DevicePath, LastNotifyTime, WakeUpDevice FROM "
-                   "Targets"),
+                   "SELECT FileId, DeviceGUID, DevicePath, LastNotifyTime, WakeUpDevice FROM Targets"),
               KelVector<KelString>{"5|||0|1"});
 }
 
-TEST_F(TargetListTest, TreeOfAnotherDeviceWritesNothing) {
-    KelContainer tree, level;
-    level.SetContainer(PathName(21), {});
-    tree.SetContainer(PathName(20), level);
-    Process(tree);
-    Process({});
-    EXPECT_EQ(Count(Downstream(), "Targets"), "0");
-}
-
 TEST_F(TargetListTest, EachChildGetsItsSubTree) {
-    KelContainer grandChildren, level, tree;
-    grandChildren.SetContainer(PathName(32), {});
-    level.SetContainer(PathName(30), grandChildren);
-    level.SetContainer(kOwnPathName, {});
-    level.SetContainer("not a path name", {});
-    tree.SetContainer(kOwnPathName, level);
-    Process(tree);
+    const KelContainer grandChildren = Node(PathName(32));
+    Process(Node(kOwnPathName, Make({{PathName(30), grandChildren},
+                                     {kOwnPathName, KelContainer()},
+                                     {"not a path name", KelContainer()}})));
     const auto rows = Downstream().Query("SELECT * FROM Targets ORDER BY TargetId");
     ASSERT_EQ(rows->GetRowCount(), 3U);
     EXPECT_EQ(rows->GetString(0, "DeviceGUID"), PathName(30));
     EXPECT_EQ(rows->GetString(1, "DeviceGUID"), "");
     EXPECT_EQ(rows->GetString(2, "DeviceGUID"), "not a path name");
-    KelContainer handedOn, expected;
-    expected.SetContainer(PathName(30), grandChildren);
-    ASSERT_TRUE(static_cast<bool>(handedOn.LoadFromXML(rows->GetString(0, "DevicePath"))));
-    EXPECT_EQ(handedOn, expected);
-    KelContainer ours;
-    ASSERT_TRUE(static_cast<bool>(ours.LoadFromXML(rows->GetString(1, "DevicePath"))));
-    EXPECT_EQ(ours.GetName(0), kOwnPathName);
+    EXPECT_EQ(rows->GetString(0, "DevicePath"), Node(PathName(30), grandChildren).SaveToXML());
+    EXPECT_EQ(rows->GetString(1, "DevicePath"), Node(kOwnPathName).SaveToXML());
 }
 
 TEST_F(TargetListTest, FilesForTheSameSubTreeAreSpreadOverTime) {
     const std::int64_t now = std::time(nullptr);
-    KelContainer wrapped;
-    wrapped.SetContainer(PathName(40), {});
-    struct Case {
-        std::int64_t latest;  ///< LastNotifyTime that is found, -1: no row
-        std::int64_t expectedFrom;
-        std::int64_t expectedTo;
-    };
-    for (const Case& test : {Case{-1, 0, 0}, Case{0, 0, 0}, Case{now - 500, now, now + 10},
-                             Case{now + 1000, now + 1060, now + 1060}}) {
+    // the LastNotifyTime that is found (-1: no row), and the range of the new one
+    for (const auto& [latest, from, to] : {std::tuple{-1L, 0L, 0L},
+                                           {0, 0, 0},
+                                           {now - 500, now, now + 10},
+                                           {now + 1000, now + 1060, now + 1060}}) {
         Rows(Downstream(), "DELETE FROM Targets");
-        if (test.latest >= 0)
+        if (latest >= 0)
             Rows(Downstream(), KelFormat("INSERT INTO Targets (TargetId, DeviceGUID, LastNotifyTime) VALUES "
                                          "(999, '%S', %ld)",
-                                         wrapped.SaveToXML(), test.latest));
+                                         Node(PathName(40)).SaveToXML(), latest));
         Process(TargetTree({PathName(40)}));
         const std::int64_t time =
             std::stoll(Cell(Downstream(), "SELECT LastNotifyTime FROM Targets WHERE FileId = 5"));
-        EXPECT_GE(time, test.expectedFrom);
-        EXPECT_LE(time, test.expectedTo);
+        EXPECT_GE(time, from);
+        EXPECT_LE(time, to);
     }
 }
 

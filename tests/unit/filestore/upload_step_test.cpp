@@ -1,7 +1,4 @@
-#include <ctime>
-
-#include "filestore/archive_content.h"
-#include "filestore/upstream_fixture.h"
+#include "filestore/transfer_fixture.h"
 #include "kel/checksum.h"
 #include "kel/directory.h"
 #include "kel/file.h"
@@ -12,51 +9,34 @@ using namespace filestore;
 
 namespace {
 
-class UploadStepTest : public UpstreamTest {
+class UploadStepTest : public PushTest {
   protected:
-    static unsigned long Announced(const KelString& name,
-                                   const std::function<void(FileStoreEntry&)>& change = {}) {
-        return AddStored(name, kStatusUploading, [&](FileStoreEntry& entry) {
-            entry.FileURL = "/FileStore/upstream/a b#'ü/" + name;
-            if (change) change(entry);
-        });
-    }
-    Outcome Upload() {
-        reached_ = false;
-        return push_.UploadFile(reached_, false);
+    static unsigned long Announced(const KelString& name, const KelString& set = "Bypass = 0") {
+        return AddStored(true, name, kStatusUploading,
+                         KelFormat("FileURL = '/FileStore/upstream/a b#''ü/%S', %S", name, set));
     }
     /// Two files gathered for an archive whose index is made.
     void GatherTwo() {
         AcceptAll();
         FileStore::fConcatFiles = FileStore::fAutoConcat = true;
-        first_ = AddStored("a", kStatusToBeUploaded);
-        second_ = AddStored("it's", kStatusToBeUploaded);
-        ASSERT_EQ(push_.SendFile(reached_, false), Outcome::Done);
-    }
-    KelVector<KelString> PutPaths() const {
-        KelVector<KelString> paths;
-        for (const auto& request : Parent().Requests())
-            if (request.method == "PUT") paths.push_back(request.path);
-        return paths;
+        for (const KelString& name : gathered_)
+            AddStored(true, name, kStatusToBeUploaded);
+        ASSERT_EQ(Send(), Outcome::Done);
     }
     static KelString TempFolder() { return FileStore::strModuleDataPath + "/Temp"; }
 
-    Push push_;
-    bool reached_ = false;
-    unsigned long first_ = 0, second_ = 0;
+    const KelVector<KelString> gathered_ = {"a", "it's"};
 };
 
 TEST_F(UploadStepTest, PutsTheContentUnderTheParentsUrl) {
     AcceptAll();
-    for (const bool bypass : {false, true}) {
-        const unsigned long fileId =
-            Announced(bypass ? "b" : "n", [&](FileStoreEntry& entry) { entry.Bypass = bypass; });
+    for (const KelString name : {"0", "1"}) {
+        const unsigned long fileId = Announced(name, "Bypass = " + name);
         EXPECT_EQ(Upload(), Outcome::Done);
         EXPECT_TRUE(reached_);
         EXPECT_EQ(StatusOf(true, fileId), kStatusAvailable);
-        const auto request = Parent().Requests().back();
-        EXPECT_EQ(request.path, KelString("/FileStore/upstream/a%20b%23%27%C3%BC/") + (bypass ? "b" : "n"));
-        EXPECT_EQ(request.body, bypass ? "b" : "n");
+        EXPECT_EQ(Parent().Requests().back().path, "/FileStore/upstream/a%20b%23%27%C3%BC/" + name);
+        EXPECT_EQ(Parent().Requests().back().body, name);
     }
     EXPECT_EQ(Upload(), Outcome::Nothing);
 }
@@ -64,14 +44,11 @@ TEST_F(UploadStepTest, PutsTheContentUnderTheParentsUrl) {
 TEST_F(UploadStepTest, ExternalFileTravelsFromWhereItLies) {
     AcceptAll();
     const KelString outside = Root() + "/outside";
-    const unsigned long fileId = Announced("e", [&](FileStoreEntry& entry) {
-        entry.ExternalFile = true;
-        entry.FilePath = outside;
-        entry.FileStatus = kStatusToBeHandled;
-    });
+    const unsigned long fileId =
+        AddStored(true, "e", kStatusToBeHandled, "ExternalFile = 1, FilePath = '" + outside + "'");
     EXPECT_TRUE(FileStore::threadHandler.HandleFile(true));
     ASSERT_EQ(StatusOf(true, fileId), kStatusToBeUploaded);
-    EXPECT_EQ(push_.SendFile(reached_, false), Outcome::Done);
+    EXPECT_EQ(Send(), Outcome::Done);
     EXPECT_EQ(Upload(), Outcome::Done);
     EXPECT_EQ(Parent().Requests().back().body, "e");
     EXPECT_TRUE(FileExists(outside));
@@ -83,44 +60,33 @@ TEST_F(UploadStepTest, AbsentFilesLoseTheirRows) {
         EXPECT_TRUE(FileDelete(Load(true, Announced(name)).FilePath));
     EXPECT_EQ(Upload(), Outcome::Done);
     EXPECT_EQ(Count(Upstream(), "Files"), "0");
-    EXPECT_TRUE(HasLogged(KelDebugLevel::Error, "PushThread: File " + FileStore::strStorageLocationToUse));
     EXPECT_TRUE(Parent().Requests().empty());
 }
 
 TEST_F(UploadStepTest, FailedPutKeepsTheWholeBatchAndStandsBehindTheOthers) {
     AnswerAsParent([](const ScriptedServer::Request& request) -> ScriptedServer::Answer {
-        return {request.path.ends_with("second") ? 507U : 201U, "", "", SIZE_MAX};
+        return {request.path.ends_with("second") ? 507U : 201U};
     });
     const unsigned long first = Announced("first");
     const unsigned long second = Announced("second");
-    const unsigned long third = Announced("third");
+    Announced("third");
     EXPECT_EQ(Upload(), Outcome::Failed);
-    for (const unsigned long fileId : {first, second, third})
-        EXPECT_EQ(StatusOf(true, fileId), kStatusUploading);
-    EXPECT_EQ(Load(true, first).LastStatusChangeTime, 0);
-    EXPECT_TRUE(JustNow(Load(true, second).LastStatusChangeTime));
-    EXPECT_EQ(PutPaths().size(), 2U);
+    EXPECT_EQ(Names(true, kStatusUploading), (KelVector<KelString>{"first", "second", "third"}));
+    EXPECT_FALSE(IsNew(true, first));
+    EXPECT_TRUE(IsNew(true, second));
+    EXPECT_EQ(Parent().Requests().size(), 2U);
 
     EXPECT_EQ(Upload(), Outcome::Done);
-    EXPECT_EQ(StatusOf(true, first), kStatusAvailable);
+    EXPECT_EQ(Names(true, kStatusAvailable), (KelVector<KelString>{"first", "third"}));
     EXPECT_EQ(StatusOf(true, second), kStatusUploading);
-    EXPECT_EQ(StatusOf(true, third), kStatusAvailable);
-}
-
-TEST_F(UploadStepTest, NothingMovesWithoutAParent) {
-    const unsigned long fileId = Announced("n");
-    relayValues.SetBool("ParentSync", false);
-    EXPECT_EQ(Upload(), Outcome::Failed);
-    EXPECT_EQ(Load(true, fileId).LastStatusChangeTime, 0);
 }
 
 TEST_F(UploadStepTest, ArchiveHoldsWhatItsIndexNamesAndEntersTheStore) {
     GatherTwo();
-    const unsigned long late = AddStored("not in the index", kStatusToBePacked);
+    AddStored(true, "not in the index", kStatusToBePacked);
     EXPECT_EQ(Upload(), Outcome::Done);
-    EXPECT_EQ(StatusOf(true, first_), kStatusPackedFile);
-    EXPECT_EQ(StatusOf(true, second_), kStatusPackedFile);
-    EXPECT_EQ(StatusOf(true, late), kStatusToBePacked);
+    EXPECT_EQ(Names(true, kStatusPackedFile), gathered_);
+    EXPECT_EQ(Names(true, kStatusToBePacked), KelVector<KelString>{"not in the index"});
     EXPECT_EQ(FileStore::strArchiveFilePath, "");
 
     FileStoreEntry archive;
@@ -128,118 +94,80 @@ TEST_F(UploadStepTest, ArchiveHoldsWhatItsIndexNamesAndEntersTheStore) {
     EXPECT_EQ(archive.FileStatus, kStatusToBeHandled);
     EXPECT_TRUE(archive.FileName.starts_with("PACKEDFILES_")) << archive.FileName;
     EXPECT_EQ(archive.SourceDevice, kOwnUrl);
-    KelString checksum;
-    ASSERT_TRUE(FileMd5(archive.FilePath, checksum));
-    EXPECT_EQ(archive.FileChecksum, checksum);
+    EXPECT_EQ(archive.FileChecksum, TextMd5(Content(archive.FilePath)));
     const auto entries = ArchiveContent(archive.FilePath);
     ASSERT_EQ(entries.size(), 3U);
     EXPECT_EQ(entries[0].first, "Temp/PackedFilesInfo.xml");
-    const KelString folder = "upstream/Type/Label/0123456789abcdef0123456789abcdef/";
-    EXPECT_EQ(entries[1], (std::pair<KelString, KelString>(folder + "a", "a")));
-    EXPECT_EQ(entries[2], (std::pair<KelString, KelString>(folder + "it's", "it's")));
+    for (const std::size_t i : {0U, 1U})
+        EXPECT_EQ(entries[i + 1], std::pair("upstream/" + (kKeyFolder + gathered_[i]), gathered_[i]));
     EXPECT_EQ(DirList(TempFolder()), KelVector<KelString>{});
 }
 
-/// Whatever goes wrong with the archive, its files wait for the next one.
+/// Whatever goes wrong with the archive, its files wait for the next one, which takes them up.
 TEST_F(UploadStepTest, FailedArchiveIsDroppedAndItsFilesKeepWaiting) {
-    struct Case {
-        const char* name;
-        std::function<void()> spoil;
-        const char* message;
+    const auto addTwice = [this] {
+        GenericArchive archive(FileStore::eArchiveType);
+        archive.Open(FileStore::strArchiveFilePath);
+        archive.AddEntry(KelString("upstream/") + kKeyFolder + "it's", MakeFile("other", "x"), 6);
+        archive.Close();
     };
-    const Case cases[] = {
-        {"archive gone", [] { FileDelete(FileStore::strArchiveFilePath); }, "cannot be found"},
-        {"archive damaged", [] { WriteFile(FileStore::strArchiveFilePath, "no archive"); },
-         "cannot be found"},
-        {"entry refused",
-         [this] {
-             GenericArchive archive(FileStore::eArchiveType);
-             archive.Open(FileStore::strArchiveFilePath);
-             archive.AddEntry("upstream/Type/Label/0123456789abcdef0123456789abcdef/it's",
-                              MakeFile("other", "x"), 6);
-             archive.Close();
-         },
-         "Failed to add file it's to archive"},
-        {"not taken by the store", [this] { FakeResult("FileStoreReceiveFile ()", 1); },
-         "did not take archive"},
-    };
-    for (const Case& test : cases) {
-        SCOPED_TRACE(test.name);
-        Rows(Upstream(), "DELETE FROM Files");
+    for (const auto& [name, spoil] : Table<const char*, std::function<void()>>{
+             {"archive gone", [] { FileDelete(FileStore::strArchiveFilePath); }},
+             {"archive damaged", [] { WriteFile(FileStore::strArchiveFilePath, "no archive"); }},
+             {"entry refused", addTwice},
+             {"not taken by the store", [this] { FakeResult("FileStoreReceiveFile ()", 1); }}}) {
+        SCOPED_TRACE(name);
+        DeleteRows();
         GatherTwo();
-        test.spoil();
+        spoil();
         Upload();
-        EXPECT_TRUE(HasLogged(KelDebugLevel::Error, test.message));
-        EXPECT_EQ(StatusOf(true, first_), kStatusToBePacked);
-        EXPECT_EQ(StatusOf(true, second_), kStatusToBePacked);
-        EXPECT_EQ(Count(Upstream(), "Files"), "2");
+        EXPECT_EQ(Names(true), gathered_);
+        EXPECT_EQ(Names(true, kStatusToBePacked), gathered_);
         EXPECT_EQ(FileStore::strArchiveFilePath, "");
         EXPECT_EQ(DirList(TempFolder()), KelVector<KelString>{});
+        if (KelString(name) == "not taken by the store") break;
+        EXPECT_EQ(Send(), Outcome::Done);
+        EXPECT_EQ(Upload(), Outcome::Done);
+        EXPECT_EQ(Names(true, kStatusPackedFile), gathered_);
     }
-}
-
-/// The next send pass takes the files of a lost archive up again.
-TEST_F(UploadStepTest, FilesOfALostArchiveArePackedAnew) {
-    GatherTwo();
-    FileDelete(FileStore::strArchiveFilePath);
-    Upload();
-    EXPECT_EQ(push_.SendFile(reached_, false), Outcome::Done);
-    EXPECT_EQ(Upload(), Outcome::Done);
-    EXPECT_EQ(StatusOf(true, first_), kStatusPackedFile);
-    EXPECT_EQ(StatusOf(true, second_), kStatusPackedFile);
 }
 
 TEST_F(UploadStepTest, StepAnnouncesAndPutsEverythingThatWaits) {
     AcceptAll();
     for (int i = 0; i < 60; ++i)
-        AddStored(KelFormat("file%d", i), kStatusToBeUploaded);
+        AddStored(true, KelFormat("file%d", i), kStatusToBeUploaded);
     push_.DoWork();  // begins with what an earlier run had announced: nothing
     push_.DoWork();
-    EXPECT_EQ(Rows(Upstream(), "SELECT FileStatus, COUNT(*) FROM Files GROUP BY FileStatus"),
-              KelVector<KelString>{KelString(kStatusAvailable) + "|60"});
-    EXPECT_EQ(PutPaths().size(), 60U);
+    EXPECT_EQ(Names(true, kStatusAvailable).size(), 60U);
+    EXPECT_EQ(OfferedNames().size(), 60U);
+    EXPECT_EQ(Parent().Requests().size(), 120U) << "an offer and a PUT each";
 }
 
 TEST_F(UploadStepTest, ManualUploadPacksWhatItCountedAndEnds) {
-    struct Case {
-        const char* name;
-        const char* extra;  ///< a third counted row
-        std::function<void()> prepare;
-    };
-    const Case cases[] = {
-        {"files only", "", [] {}},
-        {"an archive among them", "FileStorePackedFiles", [] {}},
-        {"an absent file among them", "Type",
-         [] { FileDelete(Load(true, AddStored("x", kStatusToBeUploaded)).FilePath); }},
-        {"nothing to upload", nullptr, [] {}},
-    };
-    for (const Case& test : cases) {
-        SCOPED_TRACE(test.name);
-        Rows(Upstream(), "DELETE FROM Files");
+    // Two files, and a third row that is not packed.
+    for (const auto& [name, files, thirdType] : Table<const char*, KelVector<KelString>, KelString>{
+             {"files only", {"a", "b"}, ""},
+             {"an archive", {"a", "b"}, "FileStorePackedFiles"},
+             {"an absent file", {"a", "b"}, "Type"},
+             {"nothing to upload", {}, ""}}) {
+        SCOPED_TRACE(name);
+        DeleteRows();
         AcceptAll();
-        if (test.extra != nullptr) {
-            for (const char* name : {"a", "b"})
-                AddStored(name, kStatusToBeUploaded);
-            if (KelString(test.extra) == "FileStorePackedFiles")
-                AddStored("x", kStatusToBeUploaded,
-                          [](FileStoreEntry& entry) { entry.FileType = "FileStorePackedFiles"; });
+        for (const KelString& file : files)
+            AddStored(true, file, kStatusToBeUploaded);
+        if (!thirdType.empty()) {
+            const auto third =
+                AddStored(true, "x", kStatusToBeUploaded, KelFormat("FileType = '%S'", thirdType));
+            if (thirdType == "Type") FileDelete(Load(true, third).FilePath);
         }
-        test.prepare();
         KelContainer request;
         EXPECT_EQ(FileStore::ActionHandler_FileStorePerformManualUpload(&request), 0U);
-        EXPECT_TRUE(FileStore::fManualUploadRequested);
         push_.DoWork();
         push_.DoWork();
         EXPECT_FALSE(FileStore::fProcessManualUpload);
-        EXPECT_EQ(FileStore::uLimit, 0U);
-        EXPECT_EQ(FileStore::uCurrent, 0U);
-        EXPECT_EQ(Rows(Upstream(),
-                       "SELECT FileName FROM Files WHERE FileStatus = "
-                       "'_AGTMOD_FILESTORESTATUS_PACKEDFILE_' ORDER BY FileName"),
-                  test.extra == nullptr ? KelVector<KelString>{} : (KelVector<KelString>{"a", "b"}));
+        EXPECT_TRUE(FileStore::uLimit == 0 && FileStore::uCurrent == 0);
+        EXPECT_EQ(Names(true, kStatusPackedFile), files);
     }
-    EXPECT_TRUE(HasLogged(KelDebugLevel::Print, "Start manual upload process (2 files to upload)."));
-    EXPECT_TRUE(HasLogged(KelDebugLevel::Print, "Manual upload process finished."));
 }
 
 }  // namespace

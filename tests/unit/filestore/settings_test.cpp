@@ -1,0 +1,149 @@
+#include <algorithm>
+#include <sstream>
+
+#include "filestore/file_store_fixture.h"
+#include "filestore/module/configuration.h"
+#include "kel/regex.h"
+#include "kelcore/error_codes.h"
+
+namespace {
+
+class Settings : public FileStoreTest {
+  protected:
+    Settings() { Initialise(); }
+
+    static unsigned int Set(const KelContainer& values) {
+        KelContainer arguments = Make({{"Values", values}});
+        return Call("FileStoreSetValues", arguments);
+    }
+    static KelContainer Get() { return Ask("FileStoreGetValues").GetContainer("Values"); }
+};
+
+TEST_F(Settings, CommentsOfTheShippedFileNameTheDefaults) {
+    SetIni("FileStore", "QueueGap", "30");
+    FileStore::ReadSettings();
+    const KelContainer defaults = Get();
+    EXPECT_EQ(defaults.GetNameCount(), 32U);
+    EXPECT_TRUE(FileStore::MulticastIpRange.Contains(*IpAddress::Parse("224.2.0.100")));
+    EXPECT_FALSE(FileStore::MulticastIpRange.Contains(*IpAddress::Parse("224.2.0.101")));
+
+    KelString section;
+    int count = 0;
+    std::istringstream shipped(TempFolder::Read(KEL_SOURCE_DIR "/filestore/FileStore.ini"));
+    for (KelString line; std::getline(shipped, line);) {
+        KelVector<KelString> parts;
+        if (FindPcre("^\\[(.*)\\]", line, parts)) section = parts[1];
+        if (!FindPcre("^;([A-Za-z]+)=(.*)", line, parts)) continue;
+        SetIni(section, parts[1], parts[2]);
+        ++count;
+    }
+    EXPECT_GE(count, 32);
+    FileStore::ReadSettings();
+    FileStoreReadUploadPolicy();
+    EXPECT_EQ(Get(), defaults);
+}
+
+TEST_F(Settings, NumbersOfTheFileAreClamped) {
+    struct Case {
+        const char* key;
+        const char* text;
+        int expected;
+        const char* section = "FileStore";
+        const char* name = nullptr;  ///< of the setting where it is not the key
+    };
+    const Case cases[] = {{"Timeout", "10", 300},
+                          {"Timeout", "301", 301},
+                          {"PushTimeout", "299", 300},
+                          {"PullTimeout", "-1", -1},
+                          {"ThresholdForUploads", "-5", 0},
+                          {"ThresholdForDownloads", "56", 56},
+                          {"FrameSize", "0", 200},
+                          {"FrameSize", "big", 1492},
+                          {"PackageTTL", "0", 0},
+                          {"MulticastBlockSize", "100000", 64000, "Multicast"},
+                          {"MulticastBlockSize", "10", 1024, "Multicast"},
+                          {"MulticastTransferDelay", "4", 5, "Multicast"},
+                          {"MulticastMinimumSuccessRate", "150", 100, "Multicast", "MulticastSuccessRate"}};
+    for (const Case& test : cases) {
+        SetIni(test.section, test.key, test.text);
+        FileStore::ReadSettings();
+        EXPECT_EQ(Get().GetInt32(test.name == nullptr ? test.key : test.name), test.expected)
+            << test.key << "=" << test.text;
+    }
+    EXPECT_TRUE(HasLogged(KelDebugLevel::Warning, "FrameSize in section FileStore cannot be 'big'"));
+}
+
+TEST_F(Settings, TimeToLiveOutlastsEveryTimeout) {
+    SetIni("FileStore", "TimeToLive", "100");
+    for (const char* key : {"Timeout", "PushTimeout", "PullTimeout"}) {
+        SetIni("FileStore", key, "5000");
+        FileStore::ReadSettings();
+        EXPECT_EQ(FileStore::ulTimeToLive, 5000U) << key;
+        SetIni("FileStore", key, "300");
+    }
+    FileStore::ReadSettings();
+    EXPECT_EQ(FileStore::ulTimeToLive, 300U);
+    EXPECT_EQ(Set(Make({{"PullTimeout", 6000}, {"TimeToLive", 100}})), kKelOk);
+    EXPECT_EQ(FileStore::ulTimeToLive, 6000U);
+}
+
+TEST_F(Settings, UsablePartOfAMalformedRangeCounts) {
+    SetIni("FileStore", "TrustedAddressRange", "10.0.0.1-10.0.0.9, nonsense");
+    FileStore::ReadSettings();
+    EXPECT_TRUE(FileStore::TrustedIpRange.Contains(*IpAddress::Parse("10.0.0.9")));
+    EXPECT_FALSE(FileStore::TrustedIpRange.Contains(*IpAddress::Parse("10.0.0.10")));
+    EXPECT_TRUE(HasLogged(KelDebugLevel::Warning, "TrustedAddressRange"));
+}
+
+TEST_F(Settings, RandomTimeoutSpreadsAroundItsMean) {
+    KelVector<unsigned int> drawn(20000);
+    std::generate(drawn.begin(), drawn.end(), [] { return FileStore::GetRandomTimeout(300); });
+    const auto [least, largest] = std::minmax_element(drawn.begin(), drawn.end());
+    EXPECT_TRUE(*least >= 151 && *least <= 160) << *least;
+    EXPECT_TRUE(*largest >= 442 && *largest <= 451) << *largest;
+}
+
+TEST_F(Settings, ChangesAreClampedWrittenAndInForceAtOnce) {
+    const KelContainer numbers =
+        Make({{"MulticastPort", 1600}, {"QueueGap", 7}, {"ThresholdForUploads", -5}});
+    EXPECT_EQ(Set(With(numbers, {{"Timeout", "10"}, {"EnableDialupUploads", false}})), kKelOk);
+    EXPECT_EQ(Set(Make({{"TrustedAddressRange", "10.0.0.0/8"}, {"MulticastAddress", "224.9.0.1"}})), kKelOk);
+    EXPECT_EQ(Set(Make({{"PackagesRepositoryPath", "/srv/p"}, {"NoSuchSetting", "1"}})), kKelOk);
+    EXPECT_EQ(GetIni("Multicast", "MulticastTransferPort"), "1600");
+    EXPECT_EQ(FileStore::ulMulticastTransferPort, 1600U);
+    EXPECT_EQ(Get().GetInt32("QueueGap"), 7);
+    EXPECT_EQ(GetIni("FileStore", "Timeout"), "300");
+    EXPECT_EQ(FileStore::ulThresholdForUploads, 0U);
+    EXPECT_EQ(GetIni("FileStore", "EnableDialupUploads"), "false");
+    EXPECT_FALSE(FileStore::fEnableDialupUploads);
+    EXPECT_TRUE(FileStore::TrustedIpRange.Contains(*IpAddress::Parse("10.200.0.1")));
+    EXPECT_TRUE(FileStore::MulticastIpRange.Contains(*IpAddress::Parse("224.9.0.1")));
+    const KelContainer alias =
+        Make({{"AliasName", "AlternativePackagesRepositoryPath"}, {"AliasPath", "/srv/p"}});
+    EXPECT_EQ(CallsOf("HttpProtocolAddAlias"), KelVector<KelContainer>{alias});
+
+    for (const char* mode : {"auto", "manual", "none"}) {
+        EXPECT_EQ(Set(Make({{"ConcatFiles", mode}})), kKelOk);
+        EXPECT_EQ(FileStore::fConcatFiles, mode != KelString("none"));
+        EXPECT_EQ(FileStore::fAutoConcat, mode == KelString("auto"));
+        EXPECT_EQ(Get().GetString("ConcatFiles"), mode);
+        EXPECT_EQ(GetIni("UploadPolicy", "ConcatFiles"), mode);
+    }
+}
+
+TEST_F(Settings, OneUnusableValueChangesNothing) {
+    const KelContainer before = Get();
+    const std::pair<const char*, Value> unusable[] = {{"PushTimeout", "soon"},
+                                                      {"PushTimeout", 5'000'000'000},
+                                                      {"PackageTTL", -1},
+                                                      {"EnableDialupUploads", "perhaps"},
+                                                      {"MulticastAddress", "everywhere"},
+                                                      {"ExcludedFileType", "a\n[FileStore]\nQueueGap=0"},
+                                                      {"PackagesRepositoryPath", KelContainer()}};
+    for (const auto& [name, value] : unusable)
+        EXPECT_EQ(Set(Make({{"FrameSize", 5555}, {name, value}})), kKelErrorBadInput) << name;
+    EXPECT_EQ(Get(), before);
+    EXPECT_EQ(GetIni("FileStore", "FrameSize"), "");
+}
+
+}  // namespace
