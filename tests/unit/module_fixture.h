@@ -5,6 +5,7 @@
 #include <chrono>
 #include <filesystem>
 #include <functional>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -16,7 +17,38 @@
 #include "kelcore/action_db.h"
 #include "kelcore/agent.h"
 #include "kelcore/callback_db.h"
+#include "kelcore/error_codes.h"
 #include "kelcore/module.h"
+
+/// Values of a container, each "NAME=TEXT"; numbers and bools as text, for reading them converts it back.
+using Texts = std::vector<std::string>;
+
+/// `container` with these values set or replaced.
+inline KelContainer With(KelContainer container, const Texts& values) {
+    for (const std::string& value : values)
+        container.SetString(value.substr(0, value.find('=')), value.substr(value.find('=') + 1));
+    return container;
+}
+inline KelContainer With(KelContainer container, const std::string& name, const KelContainer& inner) {
+    container.SetContainer(name, inner);
+    return container;
+}
+inline KelContainer Values(const Texts& values) {
+    return With(KelContainer(), values);
+}
+
+/// `container` must have these values.
+inline void ExpectValues(const KelContainer& container, const Texts& expected) {
+    for (const std::string& value : expected) {
+        const std::string name = value.substr(0, value.find('='));
+        EXPECT_EQ(name + "=" + container.GetString(name, "(none)"), value);
+    }
+}
+
+/// What an action of this device gets when `address` calls it.
+inline KelContainer From(const KelContainer& arguments, const std::string& address) {
+    return With(arguments, "HttpProtocolRequestInfo", Values({"HttpProtocolRequestAddress=" + address}));
+}
 
 /// Keeps log lines for a test to look at.
 class KeptLog : public KelDebugContext {
@@ -51,7 +83,11 @@ class ModuleFixture : public ::testing::Test {
         std::filesystem::create_directories(root_ / "data");
         Configure("127.0.3.1");
     }
-    ~ModuleFixture() override { ActionDbUnregisterAll("neighbours"); }
+    ~ModuleFixture() override {
+        for (const auto& [event, signature] : subscriptions_)
+            CallbackDbDeleteAction(event, signature, {});
+        ActionDbUnregisterAll("neighbours");
+    }
 
     void Configure(const std::string& address) {
         KelAgentConfigure({root_ / "config/", root_ / "data/", "tree", "secret", address, log_});
@@ -65,14 +101,62 @@ class ModuleFixture : public ::testing::Test {
     static void FakeAction(const std::string& signature, KelActionHandler handler) {
         ActionDbRegisterAction(signature, std::move(handler), "neighbours");
     }
+    /// One that always gives these results.
+    static void FakeResults(const std::string& signature, const KelContainer& results) {
+        FakeAction(signature, [results](KelContainer* container) {
+            *container = results;
+            return 0U;
+        });
+    }
+    /// One that always gives these results in its container Values.
+    static void FakeValues(const std::string& signature, const Texts& values) {
+        FakeResults(signature, With(KelContainer(), "Values", Values(values)));
+    }
+    /// Lets `handler` see every event of this name.
+    void Subscribe(const std::string& event, KelActionHandler handler) {
+        const std::string signature = "See" + event + " ()";
+        FakeAction(signature, std::move(handler));
+        CallbackDbRegisterAction(event, signature, {}, 0);
+        subscriptions_.emplace_back(event, signature);
+    }
+    /// A file store that keeps the offers it is made, and the content of files that it is to move.
+    void FakeFileStore() {
+        FakeAction("FileStoreReceiveFile (string FileType)", [this](KelContainer* container) {
+            const std::lock_guard lock(mutex_);
+            ++offerCalls_;
+            if (storeResult_ != 0) return storeResult_;
+            if (const KelString path = container->GetString("MovePath"); !path.empty()) {
+                contents_.emplace_back();
+                EXPECT_TRUE(contents_.back().LoadFromFile(path));
+                std::filesystem::remove(path);
+            }
+            offers_.push_back(*container);
+            return 0U;
+        });
+    }
+    void SetStoreResult(unsigned int result) {
+        const std::lock_guard lock(mutex_);
+        storeResult_ = result;
+    }
+    std::size_t OfferCount() {
+        const std::lock_guard lock(mutex_);
+        return offers_.size();
+    }
 
     static unsigned int Call(const std::string& action, KelContainer& container) {
         return ActionDbInvokeContainer(nullptr, {}, action, container, 0, -1, -1, nullptr);
+    }
+    static unsigned int Call(const std::string& action, KelContainer&& container) {
+        return Call(action, container);
     }
     static KelContainer Call(const std::string& action) {
         KelContainer container;
         EXPECT_EQ(Call(action, container), 0U) << action;
         return container;
+    }
+    static unsigned int Trigger(const std::string& event, const KelContainer& arguments) {
+        KelContainer results;
+        return CallbackDbTrigger(event, arguments, results);
     }
 
     /// Polls for up to ten seconds.
@@ -84,17 +168,33 @@ class ModuleFixture : public ::testing::Test {
         return condition();
     }
 
+    /// Waits until one line of at least `level` holds `part`.
+    bool IsLoggedOnce(KelDebugLevel level, const std::string& part) {
+        return Eventually([&] { return log_->Count(level, part) == 1; });
+    }
+
     TempFolder root_;
     std::shared_ptr<KeptLog> log_ = std::make_shared<KeptLog>();
+    std::mutex mutex_;  ///< what the fake file store sees
+    unsigned int storeResult_ = 0;
+    int offerCalls_ = 0;                  ///< with those that it refused
+    std::vector<KelContainer> offers_;    ///< what it took
+    std::vector<KelContainer> contents_;  ///< and the files
+
+  private:
+    std::vector<std::pair<std::string, std::string>> subscriptions_;
 };
 
-/// A module driven through its life: registered, and cleaned up and unregistered at the end.
+enum class Start { Succeeds, Fails };
+
+/// A module driven through its life: registered and initialised; cleaned up and unregistered at the end.
 template <class Module>
 class RunningModule {
   public:
-    RunningModule() {
+    explicit RunningModule(Start expected = Start::Succeeds) {
         char handle[] = "module under test";
         module_.Run(static_cast<unsigned int>(KelModuleOperation::Register), 0, handle);
+        EXPECT_EQ(Run(KelModuleOperation::Initialise) == kModuleSuccess, expected == Start::Succeeds);
     }
     ~RunningModule() {
         Run(KelModuleOperation::Cleanup);
@@ -105,11 +205,16 @@ class RunningModule {
     unsigned int Run(KelModuleOperation operation) {
         return module_.Run(static_cast<unsigned int>(operation), 0, nullptr);
     }
-    bool Initialise() { return Run(KelModuleOperation::Initialise) == kModuleSuccess; }
     void Activate() { Run(KelModuleOperation::Activate); }
     void Cleanup() { Run(KelModuleOperation::Cleanup); }
     Module* operator->() { return &module_; }
 
   private:
     Module module_;
+};
+
+template <class Module>
+class ActiveModule : public RunningModule<Module> {
+  public:
+    ActiveModule() { this->Activate(); }
 };

@@ -2,13 +2,10 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 
 #include "agent/agent_options.h"
 #include "agent/root_lock.h"
-#include "kel/directory.h"
-#include "kel/file.h"
-#include "kel/path.h"
+#include "kel/temp_folder.h"
 
 namespace {
 
@@ -22,22 +19,22 @@ constexpr const char* kGoodIni =
 
 class AgentConfigTest : public testing::Test {
   protected:
-    AgentConfigTest() {
-        root_ = testing::TempDir() + "agent_config_" + std::to_string(getpid()) + "/";
-        PathCreate(root_ + "config");
-    }
-    ~AgentConfigTest() override { DirDelete(root_, true); }
+    AgentConfigTest() { std::filesystem::create_directory(folder_ / "config"); }
 
-    void WriteIni(const KelString& name, const KelString& text, unsigned int mode = 0600) {
-        ASSERT_TRUE(FileWriteText(root_ + "config/" + name, text, mode));
+    void WriteIni(const std::string& name, const std::string& text) {
+        const std::string path = folder_ / ("config/" + name);
+        TempFolder::Write(path, text);
+        std::filesystem::permissions(path, std::filesystem::perms(0600));
     }
-    KelString ErrorOf(const KelString& ini) {
+    std::string ErrorOf(const std::string& ini) {
         WriteIni("Agent.ini", ini);
         const auto config = LoadAgentConfig(root_);
         return config ? "" : config.Error().message;
     }
+    KelVector<KelString> Faults() { return FindConfigFaults(*LoadAgentConfig(root_), root_); }
 
-    KelString root_;
+    TempFolder folder_;
+    const std::string root_ = folder_.Path() + "/";
 };
 
 TEST_F(AgentConfigTest, ModulesComeInTheOrderOfTheirNumbersAndThePasswordUnchanged) {
@@ -46,54 +43,35 @@ TEST_F(AgentConfigTest, ModulesComeInTheOrderOfTheirNumbersAndThePasswordUnchang
     ASSERT_TRUE(config) << config.Error().message;
     EXPECT_THAT(config->modules, ElementsAre("First", "Second", "Last"));
     EXPECT_EQ(config->httpPassword, "a;b#c");
-    EXPECT_EQ(config->DataDir(), root_ + "data/");
 }
 
 TEST_F(AgentConfigTest, UnusableEntriesAreRefusedByName) {
-    const KelString modules = "[Modules]\nModule1=A\n";
-    const struct {
-        const char* name;
-        KelString ini;
-        const char* expected;
-    } cases[] = {
-        {"no password", "[Agent]\nName=t\n" + modules, "HttpPassword"},
-        {"empty password", "[Agent]\nName=t\nHttpPassword=\n" + modules, "HttpPassword"},
-        {"name with colon", "[Agent]\nName=a:b\nHttpPassword=p\n" + modules, "Name"},
-        {"address", "[Agent]\nName=t\nHttpPassword=p\nAddress=1.2.3\n" + modules, "1.2.3"},
-        {"log level", "[Agent]\nName=t\nHttpPassword=p\nLogLevel=loud\n" + modules, "loud"},
-        {"module outside the folder", "[Agent]\nName=t\nHttpPassword=p\n[Modules]\nModule1=../x\n", "../x"},
-        {"no modules", "[Agent]\nName=t\nHttpPassword=p\n", "Modules"},
-        {"no certificate", "[Agent]\nName=t\nHttpPassword=p\n" + modules + "[Security]\nSslCaFile=no.pem\n",
-         "config/no.pem"},
-        {"proxy without script", "[Agent]\nName=t\nHttpPassword=p\n" + modules + "[Security]\nPacForce=1\n",
-         "PacScript"},
-    };
-    for (const auto& test : cases)
-        EXPECT_THAT(ErrorOf(test.ini), HasSubstr(test.expected)) << test.name;
-    EXPECT_EQ(ErrorOf(kGoodIni), "");
+    const std::string agent = "[Agent]\nName=t\nHttpPassword=p\n";
+    const std::string modules = "[Modules]\nModule1=A\n";
+    for (const auto& [ini, named] : std::vector<std::pair<std::string, std::string>>{
+             {"[Agent]\nName=t\n" + modules, "HttpPassword"},
+             {"[Agent]\nName=t\nHttpPassword=\n" + modules, "HttpPassword"},
+             {"[Agent]\nName=a:b\nHttpPassword=p\n" + modules, "Name"},
+             {agent + "Address=1.2.3\n" + modules, "1.2.3"},
+             {agent + "LogLevel=loud\n" + modules, "loud"},
+             {agent + "[Modules]\nModule1=../x\n", "../x"},
+             {agent, "Modules"},
+             {agent + modules + "[Security]\nSslCaFile=no.pem\n", "config/no.pem"},
+             {agent + modules + "[Security]\nPacForce=1\n", "PacScript"}})
+        EXPECT_THAT(ErrorOf(ini), HasSubstr(named)) << ini;
 }
 
-TEST_F(AgentConfigTest, FaultsNameTheReadablePasswordThePortAndTheMissingModule) {
-    WriteIni("Agent.ini", kGoodIni, 0644);
+TEST_F(AgentConfigTest, FaultsNameTheReadablePasswordThePortsAndTheModulesThatCannotBeLoaded) {
+    WriteIni("Agent.ini", kGoodIni);
     WriteIni("HttpProtocol.ini", "[HttpProtocol]\nPort=80a\n");
     WriteIni("Relay.ini", "[Relay]\nParentPort=65536\n");
-    const auto config = LoadAgentConfig(root_);
-    ASSERT_TRUE(config);
-    const auto faults = FindConfigFaults(*config, root_);
-    EXPECT_THAT(faults, Contains(HasSubstr("chmod 600")));
-    EXPECT_THAT(faults, Contains(HasSubstr("'80a'")));
-    EXPECT_THAT(faults, Contains(HasSubstr("'65536'")));
-    EXPECT_THAT(faults, Contains(HasSubstr("First.so")));
+    TempFolder::Write(folder_ / "Last.so", "no library");
+    for (const char* fault : {"'80a'", "'65536'", "First.so", "module Last: cannot be loaded"})
+        EXPECT_THAT(Faults(), Contains(HasSubstr(fault)));
 
-    ASSERT_EQ(chmod((root_ + "config/Agent.ini").c_str(), 0600), 0);
-    EXPECT_THAT(FindConfigFaults(*config, root_), Not(Contains(HasSubstr("chmod 600"))));
-}
-
-TEST_F(AgentConfigTest, ALibraryWithoutEntryFunctionIsNoModule) {
-    WriteIni("Agent.ini", "[Agent]\nName=t\nHttpPassword=p\n[Modules]\nModule1=Text\n");
-    ASSERT_TRUE(FileWriteText(root_ + "Text.so", "no library"));
-    const auto faults = FindConfigFaults(*LoadAgentConfig(root_), root_);
-    EXPECT_THAT(faults, Contains(HasSubstr("module Text: cannot be loaded")));
+    EXPECT_THAT(Faults(), Not(Contains(HasSubstr("chmod 600"))));
+    std::filesystem::permissions(folder_ / "config/Agent.ini", std::filesystem::perms(0644));
+    EXPECT_THAT(Faults(), Contains(HasSubstr("chmod 600")));
 }
 
 TEST_F(AgentConfigTest, OneLockOnARoot) {
@@ -107,11 +85,9 @@ TEST_F(AgentConfigTest, OneLockOnARoot) {
 }
 
 TEST(AgentOptionsTest, UnusableArgumentsEndWithUsage) {
-    const std::vector<std::vector<const char*>> cases = {{"kelagent"},
-                                                         {"kelagent", "--root"},
-                                                         {"kelagent", "--root", "d", "extra"},
-                                                         {"kelagent", "--unknown"}};
-    for (auto arguments : cases) {
+    for (std::vector<const char*> arguments :
+         std::vector<std::vector<const char*>>{{}, {"--root"}, {"--root", "d", "extra"}, {"--unknown"}}) {
+        arguments.insert(arguments.begin(), "kelagent");
         int exitCode = 0;
         EXPECT_FALSE(ParseAgentOptions(static_cast<int>(arguments.size()),
                                        const_cast<char**>(arguments.data()), exitCode));

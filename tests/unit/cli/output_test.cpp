@@ -9,20 +9,14 @@
 
 namespace {
 
-TEST(TableTest, ColumnsAreAsWideAsTheirWidestCellInCharacters) {
+TEST(TableTest, ColumnsFitTheirWidestCellAndControlCharactersCannotSteerTheTerminal) {
     Table table({"NAME", "N", "X"});
-    table.AddRow({"grün", "7", "a"});
+    table.AddRow({"grün", "7", "a\x1b[2Jb\nc"});
     table.AddRow({"longer", "1024"});
     EXPECT_EQ(table.Render(),
               "NAME       N  X\n"
-              "grün       7  a\n"
+              "grün       7  a?[2Jb?c\n"
               "longer  1024\n");
-}
-
-TEST(TableTest, ControlCharactersCannotSteerTheTerminal) {
-    Table table({"NAME"});
-    table.AddRow({"a\x1b[2Jb\nc"});
-    EXPECT_EQ(table.Render(), "NAME\na?[2Jb?c\n");
 }
 
 TEST(TableTest, SizesTurnToTheNextUnitAt1024) {
@@ -38,46 +32,45 @@ TEST(ProgressBarTest, ShareIsClampedAndAnEmptyWholeIsDone) {
     EXPECT_EQ(ProgressBar::Text(0, 0, 4), "[####] 100 %");
 }
 
-KelContainer Publication(int targets, int delivered, int failed) {
-    KelContainer publication;
-    publication.SetString("File", "f");
-    publication.SetInt32("Targets", targets);
-    publication.SetInt32("Delivered", delivered);
-    publication.SetInt32("Failed", failed);
-    return publication;
-}
-
 TEST(PublicationWatchTest, AFailureCountsOnceNoTargetIsPending) {
-    EXPECT_EQ(StateOf(Publication(0, 0, 0)), PublicationState::Complete);
-    EXPECT_EQ(StateOf(Publication(3, 2, 0)), PublicationState::Going);
-    EXPECT_EQ(StateOf(Publication(3, 1, 1)), PublicationState::Going);
-    EXPECT_EQ(StateOf(Publication(3, 2, 1)), PublicationState::Failed);
-    EXPECT_EQ(StateOf(Publication(3, 3, 0)), PublicationState::Complete);
-    EXPECT_EQ(WatchText(Publication(3, 2, 0)), "f  2 of 3 delivered");
-    EXPECT_EQ(WatchText(Publication(3, 1, 2)), "f  1 of 3 delivered, 2 failed");
+    struct Case {
+        int targets, delivered, failed;
+        PublicationState state;
+        const char* text;
+    };
+    for (const Case& test : {Case{0, 0, 0, PublicationState::Complete, "f  0 of 0 delivered"},
+                             Case{3, 2, 0, PublicationState::Going, "f  2 of 3 delivered"},
+                             Case{3, 1, 1, PublicationState::Going, "f  1 of 3 delivered, 1 failed"},
+                             Case{3, 2, 1, PublicationState::Failed, "f  2 of 3 delivered, 1 failed"},
+                             Case{3, 3, 0, PublicationState::Complete, "f  3 of 3 delivered"}}) {
+        KelContainer publication;
+        publication.SetString("File", "f");
+        publication.SetInt32("Targets", test.targets);
+        publication.SetInt32("Delivered", test.delivered);
+        publication.SetInt32("Failed", test.failed);
+        EXPECT_EQ(StateOf(publication), test.state) << test.text;
+        EXPECT_EQ(WatchText(publication), test.text);
+    }
 }
 
-/// The devices of "GUID PARENT" texts as lines of GUIDs, indented by depth.
+/// The devices of "GUID PARENT" texts as GUIDs, each behind a dot for each level of its depth.
 KelString TreeOf(const KelVector<KelString>& devices) {
     KelContainer answer;
     for (const KelString& text : devices) {
         KelContainer device;
         device.SetString("GUID", text.substr(0, text.find(' ')));
         device.SetString("Parent", text.substr(text.find(' ') + 1));
-        answer.SetContainer("Values", device, answer.Has("Values") ? answer.Count("Values") : 0);
+        answer.SetContainer("Values", device, KelContainer::kAbsent);
     }
-    KelString lines;
+    KelString tree;
     for (const DeviceRow& row : OrderByParent(answer))
-        lines += KelString(row.depth, '.') + answer.GetContainer("Values", row.index).GetString("GUID") + " ";
-    return lines;
+        tree += KelString(row.depth, '.') + answer.GetContainer("Values", row.index).GetString("GUID") + " ";
+    return tree;
 }
 
-TEST(DeviceOrderTest, ChildrenFollowTheirParents) {
+TEST(DeviceOrderTest, ChildrenFollowTheirParentsAndEveryDeviceAppearsOnce) {
     EXPECT_EQ(TreeOf({}), "");
     EXPECT_EQ(TreeOf({"c21 r2", "m ", "r1 m", "c11 r1", "r2 m", "c12 r1"}), "m .r1 ..c11 ..c12 .r2 ..c21 ");
-}
-
-TEST(DeviceOrderTest, EveryDeviceAppearsOnceWhateverItsParent) {
     EXPECT_EQ(TreeOf({"m ", "a unknown", "b a"}), "m a .b ");
     EXPECT_EQ(TreeOf({"self self", "x y", "y x", "z y"}), "self x .y ..z ");
 }
@@ -103,38 +96,32 @@ TEST(CallArgumentsTest, MalformedArgumentsAreRefused) {
     EXPECT_TRUE(container.IsEmpty());
 }
 
-InitOptions Init(const char* role, const char* parent) {
+auto InitValues(const char* role, const char* parent) {
     InitOptions options;
     options.role = role;
     options.parent = parent;
     options.address = "127.0.1.1";
     options.port = 8080;
     options.name = "tree";
-    return options;
+    return TemplateValues(options, "p");
 }
 
 TEST(InitTest, TheParentMustFitTheRole) {
-    EXPECT_TRUE(TemplateValues(Init("master", ""), "p"));
-    EXPECT_FALSE(TemplateValues(Init("master", "h:1"), "p"));
+    EXPECT_FALSE(InitValues("master", "h:1"));
     for (const char* parent : {"", "h", ":1", "h:", "h:0", "h:65536", "h:x", "a b:1", "h\n[x]:1"})
-        EXPECT_FALSE(TemplateValues(Init("relay", parent), "p")) << parent;
-    const auto values = TemplateValues(Init("client", "relay.example:8081"), "p");
+        EXPECT_FALSE(InitValues("relay", parent)) << parent;
+    const auto values = InitValues("client", "relay.example:8081");
     ASSERT_TRUE(values);
     EXPECT_EQ(values->at("PARENT_NAME"), "relay.example");
     EXPECT_EQ(values->at("PARENT_PORT"), "8081");
 }
 
-TEST(InitTest, OnlyTheMasterRunsTheConsole) {
-    EXPECT_NE(TemplateValues(Init("master", ""), "p")->at("MODULES").find("=Console\n"), KelString::npos);
-    EXPECT_EQ(TemplateValues(Init("relay", "h:1"), "p")->at("MODULES").find("Console"), KelString::npos);
-}
-
-TEST(InitTest, ArchivesCanBeUnpackedBeforeTheFileStoreRuns) {
-    for (const char* role : {"master", "relay", "client"}) {
-        const bool isMaster = KelString(role) == "master";
-        const auto values = TemplateValues(Init(role, isMaster ? "" : "h:1"), "p");
+TEST(InitTest, OnlyTheMasterRunsTheConsoleAndArchivesCanBeUnpackedBeforeTheFileStoreRuns) {
+    for (const KelString role : {"master", "relay", "client"}) {
+        const auto values = InitValues(role.c_str(), role == "master" ? "" : "h:1");
         ASSERT_TRUE(values) << role;
         const KelString& modules = values->at("MODULES");
+        EXPECT_EQ(modules.find("=Console\n") != KelString::npos, role == "master") << role;
         ASSERT_NE(modules.find("=CoreUtils\n"), KelString::npos) << role;
         EXPECT_LT(modules.find("=CoreUtils\n"), modules.find("=FileStore")) << role;
     }

@@ -1,60 +1,32 @@
 #pragma once
 
-#include <mutex>
-#include <thread>
-
 #include "kel/checksum.h"
-#include "kelcore/error_codes.h"
 #include "module_fixture.h"
 #include "modules/console/console.h"
 
-inline constexpr char kMaster[] = "ABCD0000-0000-0000-0000-000000000001";
-inline constexpr char kNorth[] = "ABCD0000-0000-0000-0000-000000000002";
-inline constexpr char kClient[] = "ABCD0000-0000-0000-0000-000000000003";
-inline constexpr char kMasterPath[] =
-    "127.0.3.1:1610/ABCD0000-0000-0000-0000-000000000001/02-00-7F-00-03-01/127.0.3.1/255.0.0.0";
-inline constexpr char kNorthPath[] =
-    "127.0.3.2:1610/ABCD0000-0000-0000-0000-000000000002/02-00-7F-00-03-02/127.0.3.2/255.0.0.0";
-inline constexpr char kClientPath[] =
-    "127.0.3.3:1610/ABCD0000-0000-0000-0000-000000000003/02-00-7F-00-03-03/127.0.3.3/255.0.0.0";
+inline const std::string kMaster = "ABCD0000-0000-0000-0000-000000000001";
+inline const std::string kNorth = "ABCD0000-0000-0000-0000-000000000002";
+inline const std::string kClient = "ABCD0000-0000-0000-0000-000000000003";
+inline const std::string kMasterPath = "127.0.3.1:1610/" + kMaster + "/02-00-7F-00-03-01/127.0.3.1/255.0.0.0";
+inline const std::string kNorthPath = "127.0.3.2:1610/" + kNorth + "/02-00-7F-00-03-02/127.0.3.2/255.0.0.0";
+inline const std::string kClientPath = "127.0.3.3:1610/" + kClient + "/02-00-7F-00-03-03/127.0.3.3/255.0.0.0";
 
+/// A master with two devices in its ini file, and a file to publish.
 class ConsoleTest : public ModuleFixture {
   protected:
     void SetUp() override {
-        FakeAction("IdentityGetValues ()", [](KelContainer* container) {
-            KelContainer values;
-            values.SetString("GUID", kMaster);
-            values.SetString("HostName", "boss");
-            values.SetString("IPAddress", "127.0.3.1");
-            values.SetString("MACAddress", "02-00-7F-00-03-01");
-            values.SetString("NetworkMask", "255.0.0.0");
-            values.SetBool("PreferIPAddresses", true);
-            container->SetContainer("Values", values);
-            return 0U;
-        });
-        FakeAction("HttpProtocolGetParams ()", [](KelContainer* container) {
-            KelContainer values;
-            values.SetInt32("Port", 1610);
-            container->SetContainer("Values", values);
-            return 0U;
-        });
-        FakeAction("HttpProtocolAddAlias (string AliasName, string AliasPath)",
-                   [this](KelContainer* container) {
-                       alias_ = *container;
-                       return 0U;
-                   });
-        FakeAction("FileStoreReceiveFile (string FileType)", [this](KelContainer* container) {
-            const std::lock_guard lock(mutex_);
-            offers_.push_back(*container);
-            return storeResult_;
-        });
+        FakeValues("IdentityGetValues ()",
+                   {"GUID=" + kMaster, "HostName=boss", "IPAddress=127.0.3.1", "MACAddress=02-00-7F-00-03-01",
+                    "NetworkMask=255.0.0.0", "PreferIPAddresses=true"});
+        FakeValues("HttpProtocolGetParams ()", {"Port=1610"});
+        FakeFileStore();
         WriteDevices(BothDevices());
         TempFolder::Write(root_ / "setup.bin", "content");
     }
 
     static std::string BothDevices() {
-        return std::string(kNorth) + "=" + kNorthPath + " " + kMaster + " relay north\n" + kClient + "=" +
-               kClientPath + " " + kNorth + " client desk\n";
+        return kNorth + "=" + kNorthPath + " " + kMaster + " relay north\n" + kClient + "=" + kClientPath +
+               " " + kNorth + " client desk\n";
     }
 
     /// The shipped ini file, with these lines in its section Devices.
@@ -65,23 +37,19 @@ class ConsoleTest : public ModuleFixture {
     }
 
     KelContainer Request(const std::string& device) {
-        KelContainer request;
-        request.SetString("FilePath", root_ / "setup.bin");
-        request.SetString("FileType", "Package");
-        request.SetString("FileLabel", "tools");
-        request.SetString("Device", device);
+        return Values(
+            {"FilePath=" + root_ / "setup.bin", "FileType=Package", "FileLabel=tools", "Device=" + device});
+    }
+    static KelContainer Publish(KelContainer request) {
+        EXPECT_EQ(Call("ConsolePublish", request), 0U) << request.GetString("Message");
         return request;
     }
-
-    static KelContainer From(KelContainer request, const std::string& address) {
-        KelContainer info;
-        info.SetString("HttpProtocolRequestAddress", address);
-        request.SetContainer("HttpProtocolRequestInfo", info);
-        return request;
+    static KelContainer DeviceNamed(const std::string& guid) {
+        const KelContainer devices = Call("ConsoleListDevices");
+        for (std::uint32_t i = 0; i < devices.Count("Values"); ++i) {
+            if (devices.GetContainer("Values", i).GetString("GUID") == guid)
+                return devices.GetContainer("Values", i);
+        }
+        return {};
     }
-
-    KelContainer alias_;
-    unsigned int storeResult_ = 0;
-    std::mutex mutex_;
-    std::vector<KelContainer> offers_;
 };

@@ -7,8 +7,6 @@
 #include <functional>
 
 #include "kel/directory.h"
-#include "kel/file.h"
-#include "kel/path.h"
 #include "kel/temp_folder.h"
 
 namespace {
@@ -25,124 +23,102 @@ using Fill = std::function<void(zip_t*)>;
 
 class ArchiveExtractorTest : public testing::Test {
   protected:
-    KelString MakeArchive(const Fill& fill) {
-        const KelString path = folder_.Path() + "/archive.zip";
-        FileDelete(path);
+    void MakeArchive(const Fill& fill) {
         int problem = 0;
-        zip_t* archive = zip_open(path.c_str(), ZIP_CREATE | ZIP_EXCL, &problem);
+        zip_t* archive = zip_open(archive_.c_str(), ZIP_CREATE | ZIP_TRUNCATE, &problem);
         fill(archive);
         EXPECT_EQ(zip_close(archive), 0);
-        return path;
     }
-
-    unsigned int Extract(const KelString& archive, const ExtractionLimits& limits = {}) {
-        PathCreate(Destination());
-        const KelStatus status = ExtractArchive(archive, Destination(), limits);
+    /// Replaces all of one text by another of the same length in the archive's bytes.
+    void Patch(const KelString& from, const KelString& to) {
+        KelString bytes = TempFolder::Read(archive_);
+        for (std::size_t at = bytes.find(from); at != KelString::npos; at = bytes.find(from, at + 1))
+            bytes.replace(at, from.size(), to);
+        TempFolder::Write(archive_, bytes);
+    }
+    unsigned int Extract(const ExtractionLimits& limits = {}) {
+        std::filesystem::create_directories(store_);
+        const KelStatus status = ExtractArchive(archive_, store_, limits);
         return status ? 0 : status.Error().code;
     }
 
-    KelString Destination() const { return folder_.Path() + "/store"; }
-
     TempFolder folder_;
+    const KelString archive_ = folder_ / "archive.zip";
+    const KelString store_ = folder_ / "store";
 };
 
 TEST_F(ArchiveExtractorTest, UnpacksFilesFoldersAndReplacesOlderContent) {
     const KelString big(3 << 20, 'x');
-    const KelString archive = MakeArchive([&](zip_t* zip) {
+    MakeArchive([&](zip_t* zip) {
         Add(zip, "Temp/index.xml", "index");
         zip_dir_add(zip, "upstream/empty", ZIP_FL_ENC_UTF_8);
         Add(zip, "upstream/a b/%ü'#/file", big);
     });
-    PathCreate(Destination() + "/Temp");
-    ASSERT_TRUE(FileWriteText(Destination() + "/Temp/index.xml", "old"));
+    std::filesystem::create_directories(store_ + "/Temp");
+    TempFolder::Write(store_ + "/Temp/index.xml", "old");
 
-    EXPECT_EQ(Extract(archive, {10, 4 << 20, 2000000}), 0u);
-    EXPECT_EQ(*FileReadText(Destination() + "/Temp/index.xml", 100), "index");
-    EXPECT_EQ(*FileReadText(Destination() + "/upstream/a b/%ü'#/file", 4 << 20), big);
-    EXPECT_EQ(DirList(Destination()), (KelVector<KelString>{"Temp", "upstream"}))
-        << "nothing else is left behind";
+    EXPECT_EQ(Extract({10, 4 << 20, 2000000}), 0u);
+    EXPECT_EQ(TempFolder::Read(store_ + "/Temp/index.xml"), "index");
+    EXPECT_EQ(TempFolder::Read(store_ + "/upstream/a b/%ü'#/file"), big);
+    EXPECT_EQ(DirList(store_), (KelVector<KelString>{"Temp", "upstream"})) << "nothing else is left behind";
 }
-
-struct HostileArchive {
-    const char* name;
-    Fill fill;
-    ExtractionLimits limits;
-    unsigned int expected;
-};
-
-class HostileArchiveTest : public ArchiveExtractorTest, public testing::WithParamInterface<HostileArchive> {};
 
 /// Every one holds a harmless entry first: it must not come out either.
-TEST_P(HostileArchiveTest, IsRefusedWhole) {
-    const KelString archive = MakeArchive([](zip_t* zip) {
-        Add(zip, "harmless", "content");
-        GetParam().fill(zip);
-    });
-    EXPECT_EQ(Extract(archive, GetParam().limits), GetParam().expected);
-    EXPECT_TRUE(DirList(Destination()).empty());
-    EXPECT_EQ(DirList(folder_.Path()), (KelVector<KelString>{"archive.zip", "store"}));
-}
-
-Fill Named(const char* name) {
-    return [name](zip_t* zip) { Add(zip, name, "x"); };
-}
-
-void AddLink(zip_t* zip) {
-    Add(zip, "link", "/etc/passwd");
-    zip_file_set_external_attributes(zip, 1, 0, ZIP_OPSYS_UNIX,
-                                     static_cast<zip_uint32_t>(S_IFLNK | 0777) << 16);
-}
-
-void AddEncrypted(zip_t* zip) {
-    Add(zip, "secret", "x");
-    zip_file_set_encryption(zip, 1, ZIP_EM_AES_256, "password");
-}
-
-const ExtractionLimits kLimits;
-INSTANTIATE_TEST_SUITE_P(
-    Archives, HostileArchiveTest,
-    testing::Values(HostileArchive{"Parent", Named("../escaped"), kLimits, kExtractUnsafe},
-                    HostileArchive{"ParentInside", Named("a/../../escaped"), kLimits, kExtractUnsafe},
-                    HostileArchive{"Absolute", Named("/tmp/escaped"), kLimits, kExtractUnsafe},
-                    HostileArchive{"Backslash", Named("..\\escaped"), kLimits, kExtractUnsafe},
-                    HostileArchive{"ControlCharacter", Named("a\nb"), kLimits, kExtractUnsafe},
-                    HostileArchive{"FileAndFolder", Named("harmless/below"), kLimits, kExtractUnsafe},
-                    HostileArchive{"Link", AddLink, kLimits, kExtractUnsafe},
-                    HostileArchive{"Encrypted", AddEncrypted, kLimits, kExtractUnsafe},
-                    HostileArchive{"TooManyEntries", Named("second"), {1, 1000, 200}, kExtractTooLarge},
-                    HostileArchive{"TooManyBytes", Named("second"), {10, 7, 200}, kExtractTooLarge},
-                    HostileArchive{"Bomb", [](zip_t* zip) { Add(zip, "zeros", KelString(64 << 20, '\0')); },
-                                   kLimits, kExtractTooLarge}),
-    [](const auto& test) { return test.param.name; });
-
-/// Changes the archive's bytes after it was written.
-KelString Patched(const KelString& archive, const KelString& from, const KelString& to) {
-    KelString bytes = *FileReadText(archive, 1 << 20);
-    for (std::size_t at = bytes.find(from); at != KelString::npos; at = bytes.find(from, at + to.size()))
-        bytes.replace(at, from.size(), to);
-    EXPECT_TRUE(FileWriteText(archive, bytes));
-    return archive;
+TEST_F(ArchiveExtractorTest, HostileArchivesAreRefusedWhole) {
+    struct Case {
+        const char* name;
+        Fill fill;
+        unsigned int expected = kExtractUnsafe;
+        ExtractionLimits limits = {};
+    };
+    const auto named = [](const char* name) { return [name](zip_t* zip) { Add(zip, name, "x"); }; };
+    const auto link = [](zip_t* zip) {
+        Add(zip, "link", "/etc/passwd");
+        zip_file_set_external_attributes(zip, 1, 0, ZIP_OPSYS_UNIX, zip_uint32_t{S_IFLNK | 0777} << 16);
+    };
+    const auto encrypted = [](zip_t* zip) {
+        Add(zip, "secret", "x");
+        zip_file_set_encryption(zip, 1, ZIP_EM_AES_256, "password");
+    };
+    const auto bomb = [](zip_t* zip) { Add(zip, "zeros", KelString(64 << 20, '\0')); };
+    for (const Case& hostile :
+         {Case{"parent", named("../escaped")}, Case{"parent inside", named("a/../../escaped")},
+          Case{"absolute", named("/tmp/escaped")}, Case{"backslash", named("..\\escaped")},
+          Case{"control character", named("a\nb")}, Case{"file and folder", named("harmless/below")},
+          Case{"link", link}, Case{"encrypted", encrypted}, Case{"bomb", bomb, kExtractTooLarge},
+          Case{"too many entries", named("second"), kExtractTooLarge, {1, 1000, 200}},
+          Case{"too many bytes", named("second"), kExtractTooLarge, {10, 7, 200}}}) {
+        SCOPED_TRACE(hostile.name);
+        MakeArchive([&](zip_t* zip) {
+            Add(zip, "harmless", "content");
+            hostile.fill(zip);
+        });
+        EXPECT_EQ(Extract(hostile.limits), hostile.expected);
+        EXPECT_TRUE(DirList(store_).empty());
+        EXPECT_EQ(DirList(folder_.Path()), (KelVector<KelString>{"archive.zip", "store"}));
+    }
 }
 
 TEST_F(ArchiveExtractorTest, ANameThatStandsTwiceIsRefused) {
-    const KelString archive = MakeArchive([](zip_t* zip) {
+    MakeArchive([](zip_t* zip) {
         Add(zip, "first", "1");
         Add(zip, "other", "2");
     });
-    EXPECT_EQ(Extract(Patched(archive, "other", "first")), kExtractUnsafe);
+    Patch("other", "first");
+    EXPECT_EQ(Extract(), kExtractUnsafe);
 }
 
 TEST_F(ArchiveExtractorTest, DamageAndAbsenceAreToldApart) {
-    const KelString content(5000, 'y');
-    const KelString archive = MakeArchive([&](zip_t* zip) {
-        Add(zip, "file", content);
+    EXPECT_EQ(Extract(), 13u);
+    MakeArchive([](zip_t* zip) {
+        Add(zip, "file", KelString(10, 'y'));
         zip_set_file_compression(zip, 0, ZIP_CM_STORE, 0);
     });
-    EXPECT_EQ(Extract(Patched(archive, "yyyyyyyyyy", "yyyyyZyyyy")), kExtractDamaged) << "a wrong CRC";
-    EXPECT_TRUE(DirList(Destination()).empty());
-    ASSERT_TRUE(FileWriteText(archive, "no archive at all"));
-    EXPECT_EQ(Extract(archive), kExtractDamaged);
-    EXPECT_EQ(Extract(folder_.Path() + "/absent.zip"), 13u);
+    Patch("yyyyy", "yyyyZ");
+    EXPECT_EQ(Extract(), kExtractDamaged) << "a wrong CRC";
+    EXPECT_TRUE(DirList(store_).empty());
+    TempFolder::Write(archive_, "no archive at all");
+    EXPECT_EQ(Extract(), kExtractDamaged);
 }
 
 }  // namespace

@@ -1,52 +1,25 @@
 #pragma once
 
-#include <map>
-#include <mutex>
-#include <thread>
-
 #include "kel/checksum.h"
-#include "kelcore/error_codes.h"
 #include "module_fixture.h"
 #include "modules/delivery/delivery.h"
 
-inline constexpr char kGuid[] = "ABCD0000-1111-2222-3333-444444444444";
+inline const std::string kGuid = "ABCD0000-1111-2222-3333-444444444444";
+inline constexpr unsigned int kNotReady = 44001;  ///< what is answered to the store for a file that waits
 
 class DeliveryTest : public ModuleFixture {
   protected:
     void SetUp() override {
-        FakeAction("IdentityGetGUID ()", [](KelContainer* container) {
-            container->SetString("GUID", kGuid);
-            return 0U;
-        });
-        FakeAction("FileStoreGetDeviceUrl ()", [](KelContainer* container) {
-            container->SetString("DeviceUrl", std::string("north:1610/") + kGuid);
-            return 0U;
-        });
-        FakeAction("FileStoreReceiveFile (string FileType)", [this](KelContainer* container) {
-            const std::lock_guard lock(mutex_);
-            if (storeResult_ != 0) return storeResult_;
-            const KelString path = container->GetString("MovePath");
-            receipts_.emplace_back();
-            EXPECT_TRUE(receipts_.back().LoadFromFile(path));
-            std::filesystem::remove(path);
-            offers_.push_back(*container);
-            return 0U;
-        });
+        FakeResults("IdentityGetGUID ()", Values({"GUID=" + kGuid}));
+        FakeResults("FileStoreGetDeviceUrl ()", Values({"DeviceUrl=north:1610/" + kGuid}));
+        FakeFileStore();
     }
 
-    void SetStoreResult(unsigned int result) {
-        const std::lock_guard lock(mutex_);
-        storeResult_ = result;
-    }
-    std::size_t ReceiptCount() {
-        const std::lock_guard lock(mutex_);
-        return receipts_.size();
-    }
     /// The status in the latest receipt of each checksum.
     std::map<std::string, std::string> Statuses() {
         const std::lock_guard lock(mutex_);
         std::map<std::string, std::string> statuses;
-        for (const KelContainer& receipt : receipts_)
+        for (const KelContainer& receipt : contents_)
             statuses[receipt.GetString("FileChecksum")] = receipt.GetString("Status");
         return statuses;
     }
@@ -55,25 +28,19 @@ class DeliveryTest : public ModuleFixture {
     KelContainer Stored(const std::string& type, const std::string& name, const std::string& content) {
         const std::string path = root_ / ("store-" + TextMd5(content));
         TempFolder::Write(path, content);
-        KelContainer file;
-        file.SetString("FileType", type);
-        file.SetString("FileLabel", "label");
-        file.SetString("FileName", name);
-        file.SetString("FileChecksum", TextMd5(content));
-        file.SetString("FilePath", path);
-        return file;
+        return Values({"FileType=" + type, "FileLabel=label", "FileName=" + name,
+                       "FileChecksum=" + TextMd5(content), "FilePath=" + path});
     }
-
     static unsigned int Announce(const KelContainer& file) {
-        KelContainer results;
-        return CallbackDbTrigger("FileStoreCallbackReceivedFile", file, results);
+        return Trigger("FileStoreCallbackReceivedFile", file);
     }
 
-    std::string Script(const std::string& text) {
+    /// Lets a script of these lines run for each file of type T, with these arguments.
+    void RunOnArrival(const std::string& lines, const std::string& arguments = {}) {
         const std::string path = root_ / "command.sh";
-        TempFolder::Write(path, "#!/bin/sh\n" + text + "\n");
+        TempFolder::Write(path, "#!/bin/sh\n" + lines + "\n");
         std::filesystem::permissions(path, std::filesystem::perms::owner_all);
-        return path;
+        WriteIni("Delivery", "[Commands]\nT = " + path + " " + arguments + "\n");
     }
 
     std::string InboxPath(const std::string& type, const std::string& name) {
@@ -81,9 +48,7 @@ class DeliveryTest : public ModuleFixture {
     }
     std::string Outgoing() { return root_ / "data/Delivery/Outgoing"; }
     std::string Pending() { return root_ / "data/Delivery/Pending"; }
-
-    std::mutex mutex_;
-    unsigned int storeResult_ = 0;
-    std::vector<KelContainer> offers_;    ///< what the file store took
-    std::vector<KelContainer> receipts_;  ///< and its content
+    bool AllJobsEnd() {
+        return Eventually([this] { return std::filesystem::is_empty(Pending()); });
+    }
 };

@@ -1,76 +1,45 @@
 #pragma once
 
-#include <gtest/gtest.h>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
-#include <string>
+#include <csignal>
+#include <optional>
 
 #include "http_test_client.h"
-#include "kel/file.h"
-#include "kelcore/action_db.h"
-#include "kelcore/agent.h"
+#include "module_fixture.h"
 #include "modules/http_protocol/http_protocol.h"
 
 /// The module, running on a free loopback port with the aliases "Files" and, taking uploads, "Files/in".
-class HttpServerFixture : public testing::Test {
+class HttpServerFixture : public ModuleFixture {
   protected:
-    static constexpr char kHandle[] = "HttpProtocol";
-
-    void SetUp() override {
-        root = std::filesystem::path(testing::TempDir()) / ("http_server_" + std::to_string(::getpid()));
-        std::filesystem::remove_all(root);
-        std::filesystem::create_directories(root / "config");
-        std::filesystem::create_directories(root / "files/in");
-        KelAgentConfigure({(root / "config").string() + "/", (root / "data").string() + "/", "tree", "secret",
-                           "127.0.0.1", nullptr});
+    HttpServerFixture() {
+        std::signal(SIGPIPE, SIG_IGN);  // as the agent does: clients leave in the middle of an answer
+        Configure("127.0.0.1");
     }
-    void TearDown() override {
-        Stop();
-        ActionDbUnregisterAll(kHandle);
-        ActionDbUnregisterAll("test");
-        module.reset();
-        std::filesystem::remove_all(root);
-    }
+    void SetUp() override { std::filesystem::create_directories(root_ / "files/in"); }
 
     void Start(const std::string& settings = {}) {
-        std::ofstream(root / "config/HttpProtocol.ini") << "[HttpProtocol]\n"
-                                                        << settings << "\n[Aliases]\nWritable=Files/in\n";
-        module = std::make_unique<HttpProtocol>();
-        char handle[256] = "HttpProtocol";
-        ASSERT_EQ(Run(KelModuleOperation::Register, handle), kModuleSuccess);
-        ASSERT_EQ(Run(KelModuleOperation::Initialise), kModuleSuccess);
-        ASSERT_EQ(Run(KelModuleOperation::Activate), kModuleSuccess);
-        AddAlias("Files", root / "files");
-        AddAlias("Files/in", root / "files/in");
+        WriteIni("HttpProtocol", "[HttpProtocol]\n" + settings + "\n[Aliases]\nWritable=Files/in\n");
+        module_.emplace();
+        AddAlias("Files", root_ / "files");
+        AddAlias("Files/in", File("in"));
     }
-    void Stop() {
-        if (module) Run(KelModuleOperation::Cleanup);
+    void Stop() { module_->Cleanup(); }
+    static void AddAlias(const std::string& name, const std::string& path) {
+        EXPECT_EQ(Call("HttpProtocolAddAlias", Values({"AliasName=" + name, "AliasPath=" + path})), 0U);
     }
-    unsigned int Run(KelModuleOperation operation, char* buffer = nullptr) {
-        return module->Run(static_cast<unsigned int>(operation), 0, buffer);
-    }
-    static void AddAlias(const std::string& name, const std::filesystem::path& path) {
-        KelContainer container;
-        container.SetString("AliasName", name);
-        container.SetString("AliasPath", path.string());
-        ASSERT_EQ(ActionDbInvokeLocal("HttpProtocolAddAlias", container), 0U);
-    }
-    void WriteFile(const std::string& name, const std::string& content) const {
-        std::ofstream(root / "files" / name, std::ios::binary) << content;
-    }
-    std::string ReadFile(const std::string& name) const {
-        std::ifstream file(root / "files" / name, std::ios::binary);
-        return {std::istreambuf_iterator<char>(file), {}};
-    }
-    std::size_t CountFilesIn(const std::string& folder) const {
-        return static_cast<std::size_t>(
-            std::distance(std::filesystem::directory_iterator(root / "files" / folder), {}));
-    }
-    HttpTestClient Connect() const { return HttpTestClient(module->Port()); }
+    std::uint16_t Port() { return (*module_)->Port(); }
+    HttpTestClient Connect() { return HttpTestClient(Port()); }
 
-    std::filesystem::path root;
-    std::unique_ptr<HttpProtocol> module;
+    /// The path of what "/Files/NAME" serves.
+    std::string File(const std::string& name) const { return root_ / ("files/" + name); }
+    void WriteFile(const std::string& name, const std::string& content) const {
+        TempFolder::Write(File(name), content);
+    }
+    std::string ReadFile(const std::string& name) const { return TempFolder::Read(File(name)); }
+    std::ptrdiff_t CountFilesIn(const std::string& folder) const {
+        return std::distance(std::filesystem::directory_iterator(File(folder)), {});
+    }
+
+    std::optional<ActiveModule<HttpProtocol>> module_;
 };
 
 /// Bytes whose every position shows an offset that is wrong.

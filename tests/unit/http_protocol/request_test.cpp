@@ -16,22 +16,13 @@ TEST_F(RequestTest, OnlyTheRightDigestIsGranted) {
     client.FetchNonce();
 
     const std::string right = client.Authorization("GET", "/Files/data");
-    const struct {
-        const char* name;
-        std::string line;
-    } refused[] = {
-        {"Password", client.Authorization("GET", "/Files/data", "tree", "wrong")},
-        {"User", client.Authorization("GET", "/Files/data", "other", "secret")},
-        {"OtherMethod", client.Authorization("PUT", "/Files/data")},
-        {"OtherTarget", client.Authorization("GET", "/Files/other")},
-        {"BasicOnPlainConnection", "Authorization: Basic dHJlZTpzZWNyZXQ=\r\n"},
-        {"Cut", right.substr(0, right.size() - 10) + "\r\n"},
-        {"Empty", "Authorization: \r\n"},
-    };
-    for (const auto& test : refused) {
-        SCOPED_TRACE(test.name);
-        EXPECT_EQ(client.Ask("GET", "/Files/data", test.line).status, 401);
-    }
+    for (const std::string& wrong :
+         {client.Authorization("GET", "/Files/data", "tree", "wrong"),
+          client.Authorization("GET", "/Files/data", "other", "secret"),
+          client.Authorization("PUT", "/Files/data"), client.Authorization("GET", "/Files/other"),
+          std::string("Authorization: Basic dHJlZTpzZWNyZXQ=\r\n"),
+          right.substr(0, right.size() - 10) + "\r\n", std::string("Authorization: \r\n")})
+        EXPECT_EQ(client.Ask("GET", "/Files/data", wrong).status, 401) << wrong;
     EXPECT_EQ(client.Ask("GET", "/Files/data", right).body, "content");
     EXPECT_NE(client.Ask("GET", "/Files/data", right).fields["www-authenticate"].find("stale=true"),
               std::string::npos)
@@ -44,12 +35,10 @@ TEST(DigestAuthTest, NonceEndsWithItsTimeAndServesOneAddress) {
     const DigestAuth auth("tree", "secret", 300);
     const DigestAuth::Clock::time_point now = DigestAuth::Clock::now();
     const IpAddress peer(0x7F000001);
-    const std::string challenge = auth.Challenge(peer, false, false, now);
     HttpTestClient client(0);
-    const std::size_t start = challenge.find("nonce=\"") + 7;
-    client.nonce = challenge.substr(start, challenge.find('"', start) - start);
+    client.TakeNonce(auth.Challenge(peer, false, false, now));
     const auto check = [&](IpAddress from, std::chrono::seconds later) {
-        std::string line = client.Authorization("GET", "/a");
+        const std::string line = client.Authorization("GET", "/a");
         const std::string value = line.substr(15, line.size() - 17);
         DigestAuth::Memory memory;
         return auth.Check({"GET", "/a", value, from, false}, memory, now + later);
@@ -57,42 +46,24 @@ TEST(DigestAuthTest, NonceEndsWithItsTimeAndServesOneAddress) {
     EXPECT_EQ(check(peer, std::chrono::seconds(299)), DigestAuth::Verdict::Granted);
     EXPECT_EQ(check(peer, std::chrono::seconds(301)), DigestAuth::Verdict::Stale);
     EXPECT_EQ(check(IpAddress(0x7F000002), std::chrono::seconds(1)), DigestAuth::Verdict::Stale);
-    DigestAuth::Memory memory;
-    EXPECT_EQ(auth.Check({"GET", "/a", "Basic dHJlZTpzZWNyZXQ=", peer, true}, memory, now),
-              DigestAuth::Verdict::Granted);
-    EXPECT_EQ(auth.Check({"GET", "/a", "Basic dHJlZTpzZWNyZXR=", peer, true}, memory, now),
-              DigestAuth::Verdict::Refused);
 }
 
 TEST_F(RequestTest, CallsActionsInBothFormats) {
     Start();
-    ActionDbRegisterAction(
-        "TestEcho (string Text)",
-        [](KelContainer* container) -> unsigned int {
-            const KelString address =
-                container->GetContainer("HttpProtocolRequestInfo").GetString("HttpProtocolRequestAddress");
-            const KelString text = container->GetString("Text");
-            container->Clear();
-            container->SetString("Text", text + "!");
-            container->SetString("Address", address);
-            return 42;
-        },
-        "test");
-    KelContainer forged;
-    forged.SetString("HttpProtocolRequestAddress", "9.9.9.9");
-    KelContainer arguments;
-    arguments.SetString("Text", "it's");
-    arguments.SetContainer("HttpProtocolRequestInfo", forged);
+    FakeAction("TestEcho (string Text)", [](KelContainer* container) {
+        const KelContainer info = container->GetContainer("HttpProtocolRequestInfo");
+        *container = Values({"Text=" + container->GetString("Text") + "!",
+                             "Address=" + info.GetString("HttpProtocolRequestAddress")});
+        return 42U;
+    });
     HttpTestClient client = Connect();
-
     TestAnswer xml = client.AskGranted("POST", "/Action/TestEcho", "Content-Type: application/xml\r\n",
-                                       arguments.SaveToXML());
+                                       From(Values({"Text=it's"}), "9.9.9.9").SaveToXML());
     EXPECT_EQ(xml.status, 200);
     EXPECT_EQ(xml.fields["kel-result"], "42");
     KelContainer results;
     ASSERT_TRUE(results.LoadFromXML(xml.body));
-    EXPECT_EQ(results.GetString("Text"), "it's!");
-    EXPECT_EQ(results.GetString("Address"), "127.0.0.1");
+    ExpectValues(results, {"Text=it's!", "Address=127.0.0.1"});
 
     TestAnswer json = client.AskGranted(
         "POST", "/Action/TestEcho",
@@ -104,61 +75,49 @@ TEST_F(RequestTest, CallsActionsInBothFormats) {
 TEST_F(RequestTest, RefusesWhatIsNoCall) {
     Start("MaxActionBytes=2000\nMaxHeaderBytes=2000\n");
     const std::string big(3000, 'x');
-    const struct {
-        const char* name;
-        std::string method, target, fields, body;
+    const std::string params = "POST /Action/HttpProtocolGetParams";
+    struct Case {
         int status;
-    } cases[] = {
-        {"UnknownAction", "POST", "/Action/None", "", "", 404},
-        {"NoAction", "POST", "/Action/", "", "", 404},
-        {"OtherPath", "POST", "/Files/data", "", "", 404},
-        {"MalformedXml", "POST", "/Action/HttpProtocolGetParams", "", "<Container>", 400},
-        {"MalformedJson", "POST", "/Action/HttpProtocolGetParams", "Content-Type: application/json\r\n", "{",
-         400},
-        {"OtherType", "POST", "/Action/HttpProtocolGetParams", "Content-Type: text/plain\r\n", "x", 415},
-        {"TooLarge", "POST", "/Action/HttpProtocolGetParams", "", big, 413},
-        {"Chunked", "POST", "/Action/HttpProtocolGetParams", "Transfer-Encoding: chunked\r\n", "", 411},
-        {"LengthAndEncoding", "POST", "/Action/X", "Content-Length: 4\r\nTransfer-Encoding: chunked\r\n", "",
-         400},
-        {"DifferingLengths", "POST", "/Action/X", "Content-Length: 4\r\nContent-Length: 5\r\n", "", 400},
-        {"SignedLength", "POST", "/Action/X", "Content-Length: +4\r\n", "", 400},
-        {"BlankBeforeColon", "GET", "/", "Name : x\r\n", "", 400},
-        {"FoldedLine", "GET", "/", "Name: x\r\n y\r\n", "", 400},
-        {"OtherMethod", "DELETE", "/Files/data", "", "", 405},
-        {"LongHead", "GET", "/Files/data", "Name: " + big + "\r\n", "", 431},
+        std::string request, fields = {}, body = {};
     };
-    for (const auto& test : cases) {
-        SCOPED_TRACE(test.name);
-        HttpTestClient client = Connect();
-        EXPECT_EQ(client.AskGranted(test.method, test.target, test.fields, test.body).status, test.status);
+    for (const Case& test :
+         {Case{404, "POST /Action/None"}, Case{404, "POST /Action/"}, Case{404, "POST /Files/data"},
+          Case{400, params, "", "<Container>"}, Case{400, params, "Content-Type: application/json\r\n", "{"},
+          Case{415, params, "Content-Type: text/plain\r\n", "x"}, Case{413, params, "", big},
+          Case{411, params, "Transfer-Encoding: chunked\r\n"},
+          Case{400, params, "Content-Length: 4\r\nTransfer-Encoding: chunked\r\n"},
+          Case{400, params, "Content-Length: 4\r\nContent-Length: 5\r\n"},
+          Case{400, params, "Content-Length: +4\r\n"}, Case{400, "GET /", "Name : x\r\n"},
+          Case{400, "GET /", "Name: x\r\n y\r\n"}, Case{405, "DELETE /Files/data"},
+          Case{431, "GET /Files/data", "Name: " + big + "\r\n"}}) {
+        SCOPED_TRACE(test.request + "\n" + test.fields + test.body);
+        const std::size_t blank = test.request.find(' ');
+        const std::string method = test.request.substr(0, blank), target = test.request.substr(blank + 1);
+        EXPECT_EQ(Connect().AskGranted(method, target, test.fields, test.body).status, test.status);
     }
 }
 
 TEST_F(RequestTest, PipelinedRequestsAreAnsweredInOrder) {
     Start();
+    const std::string large = PatternBytes(300000);
     WriteFile("a", "first");
-    WriteFile("b", PatternBytes(300000));
+    WriteFile("b", large);
     HttpTestClient client = Connect();
-    client.FetchNonce();
-    const auto get = [&client](const std::string& target) {
-        return "GET " + target + " HTTP/1.1\r\nHost: x\r\n" + client.Authorization("GET", target) + "\r\n";
-    };
-    std::string text = get("/Files/a");
-    text += get("/Files/b");
+    std::string text = client.Head("GET", "/Files/a");
+    text += client.Head("GET", "/Files/b");
     for (const char byte : text)
         ASSERT_TRUE(client.Send(std::string_view(&byte, 1)));
     EXPECT_EQ(client.Receive().body, "first");
-    EXPECT_TRUE(client.Receive().body == PatternBytes(300000));
-    const std::string call =
-        "POST /Action/HttpProtocolGetParams HTTP/1.1\r\nHost: x\r\nContent-Length: 25\r\n";
-    text = get("/Files/b");
-    text += call + client.Authorization("POST", "/Action/HttpProtocolGetParams") +
-            "\r\n<Container></Container>\r\n";
-    text += call + "\r\n<Container></Container>\r\n";
-    text += get("/Files/missing");
+    EXPECT_TRUE(client.Receive().body == large);
+
+    const std::string length = "Content-Length: 25\r\n", body = "<Container></Container>\r\n";
+    text = client.Head("GET", "/Files/b");
+    text += client.Head("POST", "/Action/HttpProtocolGetParams", length) + body;
+    text += "POST /Action/HttpProtocolGetParams HTTP/1.1\r\nHost: x\r\n" + length + "\r\n" + body;
+    text += client.Head("GET", "/Files/missing");
     text += "GET /Files/a HTTP/1.0\r\n" + client.Authorization("GET", "/Files/a") + "\r\n";
     ASSERT_TRUE(client.Send(text));
-    EXPECT_EQ(client.Receive().body.size(), 300000U);
+    EXPECT_TRUE(client.Receive().body == large);
     EXPECT_EQ(client.Receive().status, 200);
     EXPECT_EQ(client.Receive().status, 401) << "its body is read and thrown away";
     EXPECT_EQ(client.Receive().status, 404);

@@ -1,10 +1,7 @@
 #include <sys/resource.h>
 #include <csignal>
-#include <system_error>
-#include <thread>
 
 #include "http_server_fixture.h"
-#include "kelcore/callback_db.h"
 
 namespace {
 
@@ -12,39 +9,25 @@ class UploadTest : public HttpServerFixture {
   protected:
     void SetUp() override {
         HttpServerFixture::SetUp();
-        ActionDbRegisterAction(
-            "TestPut ()",
-            [this](KelContainer* container) -> unsigned int {
-                url = container->GetString("URL");
-                path = container->GetString("LocalPath");
-                multicast = container->GetString("MulticastAddress", "absent");
-                seen = ReadFile("in/" + path.substr(path.rfind('/') + 1));
-                return 0;
-            },
-            "test");
-        CallbackDbRegisterAction("HttpProtocolCallbackPut", "TestPut ()", "", 0);
+        Subscribe("HttpProtocolCallbackPut", [this](KelContainer* container) {
+            event_ = *container;
+            seen_ = TempFolder::Read(container->GetString("LocalPath"));
+            return 0U;
+        });
     }
-    void TearDown() override {
-        CallbackDbDeleteAction("HttpProtocolCallbackPut", "TestPut ()", "");
-        HttpServerFixture::TearDown();
+    /// Waits until this process has `count` files without a name open in the folder "in".
+    bool WaitForNamelessFiles(int count) {
+        return Eventually([this, count] {
+            int found = 0;
+            for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+                std::error_code gone;
+                if (std::filesystem::read_symlink(entry, gone).string().starts_with(File("in/#"))) ++found;
+            }
+            return found == count;
+        });
     }
-    /// Files without a name that this process has open in the folder "in".
-    std::size_t CountNamelessFiles() const {
-        std::size_t count = 0;
-        for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
-            std::error_code gone;
-            const std::string target = std::filesystem::read_symlink(entry, gone).string();
-            if (target.starts_with((root / "files/in/#").string())) ++count;
-        }
-        return count;
-    }
-    /// Polls for some seconds.
-    bool WaitForNamelessFiles(std::size_t count) const {
-        for (int i = 0; i < 1000 && CountNamelessFiles() != count; ++i)
-            std::this_thread::sleep_for(std::chrono::milliseconds(5));
-        return CountNamelessFiles() == count;
-    }
-    KelString url, path, multicast, seen;  ///< written before the upload is answered
+    KelContainer event_;  ///< written before the upload is answered
+    std::string seen_;    ///< the file's content at that time
 };
 
 TEST_F(UploadTest, PutsTheFileInPlaceThenTellsThenAnswers) {
@@ -52,80 +35,62 @@ TEST_F(UploadTest, PutsTheFileInPlaceThenTellsThenAnswers) {
     const std::string content = PatternBytes(3 << 20);
     HttpTestClient client = Connect();
     EXPECT_EQ(client.AskGranted("PUT", "/Files/in/a%20b", "", content).status, 201);
-    EXPECT_TRUE(seen == content);
-    EXPECT_EQ(url, "/Files/in/a b");
-    EXPECT_EQ(path, (root / "files/in/a b").string());
-    EXPECT_EQ(multicast, "");
+    EXPECT_TRUE(seen_ == content);
+    ExpectValues(event_, {"URL=/Files/in/a b", "LocalPath=" + File("in/a b"), "MulticastAddress="});
     EXPECT_EQ(client.AskGranted("PUT", "/Files/in/a%20b", "", "new").status, 204);
     EXPECT_EQ(ReadFile("in/a b"), "new");
     EXPECT_EQ(client.AskGranted("PUT", "/Files/in/empty", "Content-Length: 0\r\n").status, 201);
-    EXPECT_EQ(CountFilesIn("in"), 2U);
+    EXPECT_EQ(CountFilesIn("in"), 2);
 }
 
 TEST_F(UploadTest, TellsWhenToSendTheBody) {
     Start();
     HttpTestClient client = Connect();
-    client.FetchNonce();
-    const std::string head =
-        "PUT /Files/in/x HTTP/1.1\r\nHost: x\r\nExpect: 100-continue\r\nContent-Length: 4\r\n";
-    client.Send(head + client.Authorization("PUT", "/Files/in/x") + "\r\n");
+    const std::string fields = "Expect: 100-continue\r\nContent-Length: 4\r\n";
+    client.Send(client.Head("PUT", "/Files/in/x", fields));
     EXPECT_EQ(client.Receive(false).status, 100);
     client.Send("body");
     EXPECT_EQ(client.Receive().status, 201);
-    client.Send(head + "\r\n");
-    EXPECT_EQ(client.Receive().status, 401) << "before any body is asked for";
+    EXPECT_EQ(client.Ask("PUT", "/Files/in/x", fields).status, 401) << "before any body is asked for";
     EXPECT_TRUE(client.WaitForClose());
 }
 
 TEST_F(UploadTest, RefusesWithoutTouchingAnything) {
     Start();
-    std::filesystem::create_directories(root / "files/in/folder");
-    std::filesystem::create_directory_symlink("folder", root / "files/in/link");
+    std::filesystem::create_directories(File("in/folder"));
+    std::filesystem::create_directory_symlink("folder", File("in/link"));
     WriteFile("in/old", "old");
-    const struct {
-        const char* name;
-        const char* target;
-        const char* fields;
+    struct Case {
         int status;
-    } cases[] = {
-        {"NotWritable", "/Files/x", "Content-Length: 4\r\n", 403},
-        {"NoAlias", "/None/x", "Content-Length: 4\r\n", 404},
-        {"NoFolder", "/Files/in/none/x", "Content-Length: 4\r\n", 404},
-        {"ThroughLink", "/Files/in/link/x", "Content-Length: 4\r\n", 403},
-        {"OntoFolder", "/Files/in/folder", "Content-Length: 4\r\n", 409},
-        {"Escape", "/Files/in/..%2fx", "Content-Length: 4\r\n", 404},
-        {"Database", "/Files/in/x.sqlite", "Content-Length: 4\r\n", 403},
-        {"NoLength", "/Files/in/x", "", 411},
-        {"Part", "/Files/in/old", "Content-Length: 4\r\nContent-Range: bytes 0-3/9\r\n", 400},
-        {"MoreThanTheDisk", "/Files/in/x", "Content-Length: 9000000000000000000\r\n", 507},
+        std::string target, fields = "Content-Length: 4\r\n";
     };
-    for (const auto& test : cases) {
-        SCOPED_TRACE(test.name);
+    for (const Case& test :
+         {Case{403, "/Files/x"}, Case{404, "/None/x"}, Case{404, "/Files/in/none/x"},
+          Case{403, "/Files/in/link/x"}, Case{409, "/Files/in/folder"}, Case{404, "/Files/in/..%2fx"},
+          Case{403, "/Files/in/x.sqlite"}, Case{411, "/Files/in/x", ""},
+          Case{400, "/Files/in/old", "Content-Length: 4\r\nContent-Range: bytes 0-3/9\r\n"},
+          Case{507, "/Files/in/x", "Content-Length: 9000000000000000000\r\n"}}) {
         HttpTestClient client = Connect();
-        client.FetchNonce();
-        client.Send(std::string("PUT ") + test.target + " HTTP/1.1\r\nHost: x\r\n" + test.fields +
-                    client.Authorization("PUT", test.target) + "\r\nbody");
-        EXPECT_EQ(client.Receive().status, test.status);
+        client.Send(client.Head("PUT", test.target, test.fields) + "body");
+        EXPECT_EQ(client.Receive().status, test.status) << test.target << " " << test.fields;
     }
-    EXPECT_EQ(CountFilesIn("in"), 3U);
-    EXPECT_EQ(CountFilesIn("in/folder"), 0U);
+    EXPECT_EQ(CountFilesIn("in"), 3);
+    EXPECT_EQ(CountFilesIn("in/folder"), 0);
     EXPECT_EQ(ReadFile("in/old"), "old");
-    EXPECT_EQ(url, "");
+    EXPECT_TRUE(event_.IsEmpty());
 }
 
 TEST_F(UploadTest, AShortBodyLeavesNothing) {
     Start();
     {
         HttpTestClient client = Connect();
-        client.FetchNonce();
-        client.Send("PUT /Files/in/x HTTP/1.1\r\nHost: x\r\nContent-Length: 5000000\r\n" +
-                    client.Authorization("PUT", "/Files/in/x") + "\r\n" + PatternBytes(3000000));
+        client.Send(client.Head("PUT", "/Files/in/x", "Content-Length: 5000000\r\n") + PatternBytes(3000000));
         EXPECT_TRUE(WaitForNamelessFiles(1)) << "a process that is killed here leaves nothing";
-        EXPECT_EQ(CountFilesIn("in"), 0U);
+        EXPECT_EQ(CountFilesIn("in"), 0);
     }
     EXPECT_TRUE(WaitForNamelessFiles(0));
-    EXPECT_EQ(CountFilesIn("in"), 0U);
-    EXPECT_EQ(url, "");
+    EXPECT_EQ(CountFilesIn("in"), 0);
+    EXPECT_TRUE(event_.IsEmpty());
 }
 
 TEST_F(UploadTest, AFullDiskIsAnsweredAndLeavesNothing) {
@@ -135,11 +100,10 @@ TEST_F(UploadTest, AFullDiskIsAnsweredAndLeavesNothing) {
     ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &old), 0);
     const rlimit small{1 << 20, old.rlim_max};
     ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &small), 0);
-    HttpTestClient client = Connect();
-    const int status = client.AskGranted("PUT", "/Files/in/x", "", PatternBytes(2 << 20)).status;
+    const int status = Connect().AskGranted("PUT", "/Files/in/x", "", PatternBytes(2 << 20)).status;
     EXPECT_EQ(::setrlimit(RLIMIT_FSIZE, &old), 0);
     EXPECT_EQ(status, 507);
-    EXPECT_EQ(CountFilesIn("in"), 0U);
+    EXPECT_EQ(CountFilesIn("in"), 0);
 }
 
 }  // namespace

@@ -1,12 +1,12 @@
 #include "modules/identity/identity.h"
 
-#include "kelcore/error_codes.h"
 #include "module_fixture.h"
 #include "modules/identity/guid.h"
 
 namespace {
 
-constexpr char kParentGuid[] = "ABCD0000-1111-2222-3333-444444444444";
+const std::string kParentGuid = "ABCD0000-1111-2222-3333-444444444444";
+const std::string kOurGuid = "12345678-1111-2222-3333-444444444444";
 
 class IdentityTest : public ModuleFixture {
   protected:
@@ -16,28 +16,15 @@ class IdentityTest : public ModuleFixture {
         std::filesystem::create_directories(root_ / "data/Identity");
         TempFolder::Write(GuidFile(), text);
     }
-
-    static void FakeParent(const std::string& guid, bool isInSync) {
-        FakeAction("RelayGetValues ()", [guid, isInSync](KelContainer* container) {
-            KelContainer values;
-            values.SetString("ParentGuid", guid);
-            values.SetBool("ParentSync", isInSync);
-            container->SetContainer("Values", values);
-            return 0U;
-        });
-    }
-
-    void CollectEvent(const std::string& event) {
-        FakeAction("CollectEvent (string Any)", [this](KelContainer* container) {
+    static void FakeParent(const Texts& values) { FakeValues("RelayGetValues ()", values); }
+    void CollectEvents(const std::string& event) {
+        Subscribe(event, [this](KelContainer* container) {
             events_.push_back(*container);
             return 0U;
         });
-        CallbackDbRegisterAction(event, "CollectEvent (string Any)", {}, 0);
-        subscription_ = event;
     }
-    void TearDown() override { CallbackDbDeleteAction(subscription_, "CollectEvent (string Any)", {}); }
+    static std::string CurrentGuid() { return Call("IdentityGetGUID").GetString("GUID"); }
 
-    std::string subscription_;
     std::vector<KelContainer> events_;
 };
 
@@ -53,133 +40,90 @@ TEST(Guid, OnlyTheUpperCaseFormIsAGuid) {
     }
 }
 
-TEST_F(IdentityTest, GuidIsMadeOnceAndKept) {
-    KelString first;
-    {
+TEST_F(IdentityTest, AMissingOrDamagedGuidGivesANewOneThatStays) {
+    for (const std::string& damage : {std::string("missing"), std::string(), std::string("ABCD0000-1111"),
+                                      std::string(5000, 'A'), std::string(36, '\0')}) {
+        if (damage != "missing") KeepOnDisk(damage);
+        std::string guid;
+        {
+            RunningModule<Identity> module;
+            guid = CurrentGuid();
+            EXPECT_TRUE(IsGuid(guid));
+            const std::string kept = damage == "missing" ? "" : damage;
+            EXPECT_EQ(TempFolder::Read(GuidFile() + ".damaged"), kept);
+        }
         RunningModule<Identity> module;
-        ASSERT_TRUE(module.Initialise());
-        first = Call("IdentityGetGUID").GetString("GUID");
-        EXPECT_TRUE(IsGuid(first));
+        EXPECT_EQ(CurrentGuid(), guid);
+        ExpectValues(Call("IdentityGetValues").GetContainer("Values"), {"GUID=" + guid});
     }
-    RunningModule<Identity> module;
-    ASSERT_TRUE(module.Initialise());
-    EXPECT_EQ(Call("IdentityGetGUID").GetString("GUID"), first);
-    EXPECT_EQ(Call("IdentityGetValues").GetContainer("Values").GetString("GUID"), first);
-}
-
-TEST_F(IdentityTest, DamagedGuidFileGivesANewGuidAndIsKeptAside) {
-    for (const std::string& damage :
-         {std::string(), std::string("ABCD0000-1111"), std::string(5000, 'A'), std::string(36, '\0')}) {
-        KeepOnDisk(damage);
-        RunningModule<Identity> module;
-        ASSERT_TRUE(module.Initialise());
-        const KelString guid = Call("IdentityGetGUID").GetString("GUID");
-        EXPECT_TRUE(IsGuid(guid));
-        EXPECT_EQ(TempFolder::Read(GuidFile()), guid + "\n");
-        EXPECT_EQ(TempFolder::Read(GuidFile() + ".damaged"), damage);
-    }
-    EXPECT_EQ(log_->Count(KelDebugLevel::Error, "held no GUID"), 4);
 }
 
 TEST_F(IdentityTest, AGuidThatCannotBeKeptStopsTheModule) {
     TempFolder::Write(root_ / "data/Identity", "a file where the folder should be");
-    RunningModule<Identity> module;
-    EXPECT_FALSE(module.Initialise());
+    RunningModule<Identity> module(Start::Fails);
 }
 
 TEST_F(IdentityTest, LoopbackAgentDescribesItself) {
     WriteIni("Identity", "[Identity]\nHostName=north.example\nPreferIPAddresses=true\n");
     RunningModule<Identity> module;
-    ASSERT_TRUE(module.Initialise());
-    const KelContainer answer = Call("IdentityGetValues");
-    const KelContainer& values = answer.GetContainer("Values");
-    EXPECT_EQ(values.GetString("HostName"), "north.example");
-    EXPECT_EQ(values.GetString("IPAddress"), "127.0.3.1");
-    EXPECT_EQ(values.GetString("MACAddress"), "02-00-7F-00-03-01");
-    EXPECT_EQ(values.GetString("NetworkMask"), "255.0.0.0");
-    EXPECT_TRUE(values.GetBool("PreferIPAddresses"));
-    EXPECT_EQ(Call("IdentityGetHostname").GetString("HostName"), "north.example");
-    EXPECT_EQ(Call("AgentGetIPAddress").GetString("IPAddress"), "127.0.3.1");
+    ExpectValues(Call("IdentityGetValues").GetContainer("Values"),
+                 {"HostName=north.example", "IPAddress=127.0.3.1", "MACAddress=02-00-7F-00-03-01",
+                  "NetworkMask=255.0.0.0", "PreferIPAddresses=true"});
+    ExpectValues(Call("IdentityGetHostname"), {"HostName=north.example"});
 }
 
 TEST_F(IdentityTest, UnusableSettingsAreRefused) {
     for (const std::string line : {"HostName=a'b", "HostName=a/b", "IPAddress=10.0.0",
                                    "MACAddress=02:00:7F:00:03:01", "NetworkMask=none"}) {
+        SCOPED_TRACE(line);
         WriteIni("Identity", "[Identity]\n" + line + "\n");
-        RunningModule<Identity> module;
-        EXPECT_FALSE(module.Initialise()) << line;
+        RunningModule<Identity> module(Start::Fails);
     }
 }
 
 TEST_F(IdentityTest, SchemeOfTheParentIsTakenOverOnceAndKept) {
-    KeepOnDisk("12345678-1111-2222-3333-444444444444\n");
-    CollectEvent("IdentityCallbackGUIDChange");
-    FakeParent(kParentGuid, true);
+    KeepOnDisk(kOurGuid + "\n");
+    CollectEvents("IdentityCallbackGUIDChange");
+    FakeParent({"ParentGuid=" + kParentGuid, "ParentSync=true"});
     RunningModule<Identity> module;
-    ASSERT_TRUE(module.Initialise());
     Call("IdentityValidateGUIDScheme");
     Call("IdentityValidateGUIDScheme");
-    EXPECT_EQ(Call("IdentityGetGUID").GetString("GUID"), "ABCD5678-1111-2222-3333-444444444444");
+    EXPECT_EQ(CurrentGuid(), "ABCD5678-1111-2222-3333-444444444444");
     EXPECT_EQ(TempFolder::Read(GuidFile()), "ABCD5678-1111-2222-3333-444444444444\n");
     ASSERT_EQ(events_.size(), 1U);
-    EXPECT_EQ(events_[0].GetString("GUID"), "ABCD5678-1111-2222-3333-444444444444");
-    EXPECT_EQ(events_[0].GetString("OldGUID"), "12345678-1111-2222-3333-444444444444");
+    ExpectValues(events_[0], {"GUID=ABCD5678-1111-2222-3333-444444444444", "OldGUID=" + kOurGuid});
 }
 
-TEST_F(IdentityTest, SchemeStaysWithoutAParentInSync) {
-    struct Case {
-        const char* guid;
-        bool isInSync;
-    };
-    KeepOnDisk("12345678-1111-2222-3333-444444444444\n");
+TEST_F(IdentityTest, TheSchemeStaysWithoutAParentInSyncAndWhenItCannotBeKept) {
+    KeepOnDisk(kOurGuid + "\n");
     RunningModule<Identity> module;
-    ASSERT_TRUE(module.Initialise());
     Call("IdentityValidateGUIDScheme");  // no relay module at all
-    for (const Case& parent : {Case{kParentGuid, false}, Case{"", true}, Case{"AB'D0000", true}}) {
-        FakeParent(parent.guid, parent.isInSync);
+    for (const Texts& parent :
+         {Texts{"ParentGuid=" + kParentGuid, "ParentSync=false"}, Texts{"ParentGuid=", "ParentSync=true"},
+          Texts{"ParentGuid=AB'D0000", "ParentSync=true"}}) {
+        FakeParent(parent);
         Call("IdentityValidateGUIDScheme");
-        EXPECT_EQ(Call("IdentityGetGUID").GetString("GUID"), "12345678-1111-2222-3333-444444444444")
-            << parent.guid;
+        EXPECT_EQ(CurrentGuid(), kOurGuid) << parent[0];
     }
-}
-
-TEST_F(IdentityTest, ASchemeThatCannotBeKeptIsNotTakenOver) {
-    KeepOnDisk("12345678-1111-2222-3333-444444444444\n");
-    FakeParent(kParentGuid, true);
-    RunningModule<Identity> module;
-    ASSERT_TRUE(module.Initialise());
+    FakeParent({"ParentGuid=" + kParentGuid, "ParentSync=true"});
     std::filesystem::remove_all(root_ / "data/Identity");
-    KelContainer none;
-    EXPECT_EQ(Call("IdentityValidateGUIDScheme", none), kKelErrorInternal);
-    EXPECT_EQ(Call("IdentityGetGUID").GetString("GUID"), "12345678-1111-2222-3333-444444444444");
+    EXPECT_EQ(Call("IdentityValidateGUIDScheme", KelContainer()), kKelErrorInternal);
+    EXPECT_EQ(CurrentGuid(), kOurGuid);
 }
 
 TEST_F(IdentityTest, ANewAddressIsReportedOnce) {
-    CollectEvent("IdentityCallbackIPChange");
+    CollectEvents("IdentityCallbackIPChange");
     RunningModule<Identity> module;
-    ASSERT_TRUE(module.Initialise());
-    module->CheckAddress();
-    EXPECT_TRUE(events_.empty());
-    WriteIni("Identity", "[Identity]\nIPAddress=10.1.2.3\n");
-    module->CheckAddress();
-    module->CheckAddress();
-    WriteIni("Identity", "[Identity]\nIPAddress=nonsense\n");
-    module->CheckAddress();
+    for (const char* settings : {"", "IPAddress=10.1.2.3", "IPAddress=10.1.2.3", "IPAddress=nonsense"}) {
+        WriteIni("Identity", std::string("[Identity]\n") + settings + "\n");
+        module->CheckAddress();
+    }
     module->CheckAddress();
     EXPECT_EQ(log_->Count(KelDebugLevel::Warning, "nonsense"), 1);
     ASSERT_EQ(events_.size(), 1U);
-    EXPECT_EQ(events_[0].GetString("NewIPAddress"), "10.1.2.3");
-    EXPECT_EQ(events_[0].GetString("OldIPAddress"), "127.0.3.1");
-    EXPECT_EQ(Call("AgentGetIPAddress").GetString("IPAddress"), "10.1.2.3");
-}
-
-TEST_F(IdentityTest, TheWatcherNoticesANewAddress) {
-    WriteIni("Identity", "[Identity]\nCheckInterval=1\n");
-    RunningModule<Identity> module;
-    ASSERT_TRUE(module.Initialise());
-    module.Activate();
-    WriteIni("Identity", "[Identity]\nCheckInterval=1\nIPAddress=10.1.2.3\n");
-    EXPECT_TRUE(Eventually([] { return Call("AgentGetIPAddress").GetString("IPAddress") == "10.1.2.3"; }));
+    ExpectValues(events_[0], {"NewIPAddress=10.1.2.3", "OldIPAddress=127.0.3.1"});
+    ExpectValues(Call("AgentGetIPAddress"), {"IPAddress=10.1.2.3"});
+    EXPECT_TRUE(module->ReportIdentity(1800000000)) << "waits for the neighbours that it asks";
 }
 
 TEST(NetworkInterfaces, TheReachableOneIsChosen) {
@@ -189,7 +133,6 @@ TEST(NetworkInterfaces, TheReachableOneIsChosen) {
         {"zero", address("169.254.3.4"), address("255.255.0.0"), "00-00-00-00-00-01", false},
         {"one", address("10.0.0.5"), address("255.255.255.0"), "00-00-00-00-00-02", false},
         {"two", address("10.0.0.6"), address("255.255.255.0"), "00-00-00-00-00-03", false}};
-    EXPECT_EQ(FirstReachableInterface(interfaces)->name, "one");
     EXPECT_EQ(FindInterface(interfaces, address("10.0.0.6"))->name, "two");
     EXPECT_EQ(FindInterface(interfaces, address("10.0.0.7"))->name, "one");
     EXPECT_EQ(FindInterface(interfaces, address("127.0.1.9"))->name, "lo");

@@ -1,38 +1,42 @@
 #pragma once
 
 #include <atomic>
-#include <cstdint>
-#include <mutex>
-#include <string>
-#include <thread>
 
-#include "kel/unique_fd.h"
+#include "kelcore/test_http_server.h"
+#include "module_fixture.h"
 
 /// A parent at 127.0.0.1 that answers every action call with a GUID.
 class FakeParent {
   public:
-    explicit FakeParent(std::string guid);
-    ~FakeParent();
+    explicit FakeParent(const std::string& guid) : guid_(guid) {}
 
-    std::uint16_t Port() const { return port_; }
-    void SetGuid(const std::string& guid);
+    /// The ini file of the relay module of a device below it.
+    std::string ChildIni(const std::string& role) const {
+        return "[Relay]\nRole=" + role + "\nParentName=127.0.0.1\nParentPort=" + std::to_string(Port()) +
+               "\nCheckInterval=1\nRetryInterval=1\n";
+    }
+    int Port() const { return server_.Port(); }
+    void SetGuid(const std::string& guid) {
+        const std::lock_guard lock(mutex_);
+        guid_ = guid;
+    }
     void SetStatus(int status) { status_ = status; }       ///< of the HTTP answers, 200 at first
     void SetSettled(bool settled) { settled_ = settled; }  ///< what it says of its scheme, true at first
-    int GetCallCount() const { return calls_; }
-    std::string GetLastRequest();
+    std::size_t GetCallCount() { return server_.Seen().size(); }
+    std::string GetLastTarget() { return server_.Seen().back().target; }
 
   private:
-    void Serve();
-    void Answer(int connection);
+    ScriptedAnswer AnswerCall() {
+        const std::lock_guard lock(mutex_);
+        const KelContainer values =
+            Values({"GUID=" + guid_, std::string("SchemeSettled=") + (settled_ ? "true" : "false")});
+        return Answer(std::to_string(status_) + " X", "Kel-Result: 0\r\nContent-Type: application/xml\r\n",
+                      With({}, "Values", values).SaveToXML());
+    }
 
-    UniqueFd listener_;
-    std::uint16_t port_ = 0;
     std::atomic<int> status_ = 200;
     std::atomic<bool> settled_ = true;
-    std::atomic<int> calls_ = 0;
-    std::atomic<bool> isStopping_ = false;
-    std::mutex mutex_;  ///< guid_ and lastRequest_
+    std::mutex mutex_;  ///< guid_
     std::string guid_;
-    std::string lastRequest_;
-    std::thread thread_;
+    TestHttpServer server_{[this](const SeenRequest&) { return AnswerCall(); }};
 };

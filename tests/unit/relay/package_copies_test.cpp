@@ -1,4 +1,3 @@
-#include "kelcore/error_codes.h"
 #include "module_fixture.h"
 #include "modules/relay/relay.h"
 
@@ -6,63 +5,43 @@ namespace {
 
 class PackageCopiesTest : public ModuleFixture {
   protected:
+    void SetUp() override { WriteIni("Relay", "[Relay]\nRole=master\n"); }
+
     KelContainer Package(const std::string& label, const std::string& name, const std::string& content) {
         TempFolder::Write(root_ / "package", content);
-        KelContainer package;
-        package.SetString("FileType", "OperationalRulePackage");
-        package.SetString("FileLabel", label);
-        package.SetString("FileName", name);
-        package.SetString("FilePath", root_ / "package");
-        return package;
+        return Values({"FileType=OperationalRulePackage", "FileLabel=" + label, "FileName=" + name,
+                       "FilePath=" + root_ / "package"});
     }
     std::string Copy(const std::string& below) { return root_ / ("data/Relay/Packages/" + below); }
-
-    void SetUp() override { WriteIni("Relay", "[Relay]\nRole=master\n"); }
 };
 
 TEST_F(PackageCopiesTest, AreKeptUntilTheirLabelIsCleared) {
     RunningModule<Relay> module;
-    ASSERT_TRUE(module.Initialise());
     for (const char* content : {"one", "two"}) {
         KelContainer package = Package("tools", "a b.zip", content);
         ASSERT_EQ(Call("RelayReceiveFile", package), 0U);
         EXPECT_EQ(package.GetString("FilePath"), Copy("tools/a b.zip"));
         EXPECT_EQ(TempFolder::Read(Copy("tools/a b.zip")), content);
     }
-    KelContainer other = Package("other", "b", "three");
-    ASSERT_EQ(Call("RelayReceiveFile", other), 0U);
+    ASSERT_EQ(Call("RelayReceiveFile", Package("other", "b", "three")), 0U);
     for (int i = 0; i < 2; ++i) {
-        KelContainer clear = Package("tools", "", "");
-        EXPECT_EQ(Call("RelayClearPackage", clear), 0U);
+        EXPECT_EQ(Call("RelayClearPackage", Package("tools", "", "")), 0U);
         EXPECT_FALSE(std::filesystem::exists(Copy("tools")));
     }
     EXPECT_EQ(TempFolder::Read(Copy("other/b")), "three");
 }
 
 TEST_F(PackageCopiesTest, UnusableCallsAreRefused) {
-    struct Case {
-        const char* value;
-        std::string text;
-        unsigned int code;
-    };
     RunningModule<Relay> module;
-    ASSERT_TRUE(module.Initialise());
-    for (const Case& bad : {Case{"FileLabel", "..", 1}, Case{"FileLabel", "", 1}, Case{"FileName", "a/b", 1},
-                            Case{"FileName", "", 1}, Case{"FilePath", "", 1}, Case{"FilePath", "package", 1},
-                            Case{"FilePath", root_ / "absent", kKelErrorMissingContent}}) {
-        KelContainer package = Package("tools", "name", "content");
-        package.SetString(bad.value, bad.text);
-        EXPECT_EQ(Call("RelayReceiveFile", package), bad.code) << bad.value << " " << bad.text;
-    }
-    KelContainer info;
-    info.SetString("HttpProtocolRequestAddress", "127.0.3.9");
-    for (const char* action : {"RelayReceiveFile", "RelayClearPackage"}) {
-        KelContainer remote = Package("tools", "name", "content");
-        remote.SetContainer("HttpProtocolRequestInfo", info);
-        EXPECT_EQ(Call(action, remote), kKelErrorBadInput) << action;
-    }
-    KelContainer clear = Package("..", "", "");
-    EXPECT_EQ(Call("RelayClearPackage", clear), kKelErrorBadInput);
+    const KelContainer package = Package("tools", "name", "content");
+    for (const char* bad :
+         {"FileLabel=..", "FileLabel=", "FileName=a/b", "FileName=", "FilePath=", "FilePath=package"})
+        EXPECT_EQ(Call("RelayReceiveFile", With(package, {bad})), kKelErrorBadInput) << bad;
+    EXPECT_EQ(Call("RelayReceiveFile", With(package, {"FilePath=" + root_ / "absent"})),
+              kKelErrorMissingContent);
+    for (const char* action : {"RelayReceiveFile", "RelayClearPackage"})
+        EXPECT_EQ(Call(action, From(package, "127.0.3.9")), kKelErrorBadInput) << action;
+    EXPECT_EQ(Call("RelayClearPackage", Package("..", "", "")), kKelErrorBadInput);
     EXPECT_FALSE(std::filesystem::exists(root_ / "data/Relay/Packages"));
     EXPECT_TRUE(std::filesystem::exists(root_ / "data"));
 }

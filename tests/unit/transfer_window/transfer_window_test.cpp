@@ -1,104 +1,71 @@
 #include "modules/transfer_window/transfer_window.h"
 
-#include <thread>
-
-#include "kelcore/error_codes.h"
 #include "module_fixture.h"
 
 namespace {
 
-/// 168 numbers, the hour's own index in each.
-std::string HourNumbers() {
-    std::string text = "0";
+/// A number for each hour of the week, `step` more from one to the next.
+std::string Week(int first, int step = 0) {
+    std::string text = std::to_string(first);
     for (int hour = 1; hour < 168; ++hour)
-        text += " " + std::to_string(hour);
-    return text;
-}
-
-std::string Repeated(const std::string& number) {
-    std::string text = number;
-    for (int hour = 1; hour < 168; ++hour)
-        text += " " + number;
+        text += " " + std::to_string(first + hour * step);
     return text;
 }
 
 class TransferWindowTest : public ModuleFixture {
   protected:
     void SetUp() override {
-        FakeAction("WindowChanged ()", [this](KelContainer*) {
+        Subscribe("TransferWindowCallbackWindowChange", [this](KelContainer*) {
             ++changes_;
             return 0U;
         });
-        CallbackDbRegisterAction("TransferWindowCallbackWindowChange", "WindowChanged ()", {}, 0);
-    }
-    void TearDown() override {
-        CallbackDbDeleteAction("TransferWindowCallbackWindowChange", "WindowChanged ()", {});
     }
 
+    static bool HasWindow(int direction) { return !Window(direction).IsEmpty(); }
     static KelContainer Window(int direction) {
-        KelContainer container;
-        container.SetInt32("Direction", direction);
+        KelContainer container = Values({"Direction=" + std::to_string(direction)});
         EXPECT_EQ(Call("TransferWindowCheckWindow", container), 0U);
-        return container;
+        return container.GetContainer("Values");
     }
-
     static unsigned int Set(int direction, const std::string& slots, int type, bool utc = false) {
-        KelContainer container;
-        container.SetInt32("Direction", direction);
-        container.SetString("Slots", slots);
-        container.SetInt32("SlotType", type);
-        container.SetBool("UseUTCTime", utc);
-        return Call("TransferWindowSetWindow", container);
+        return Call("TransferWindowSetWindow",
+                    Values({"Direction=" + std::to_string(direction), "Slots=" + slots,
+                            "SlotType=" + std::to_string(type),
+                            std::string("UseUTCTime=") + (utc ? "true" : "false")}));
     }
 
     std::atomic<int> changes_ = 0;
 };
 
-TEST_F(TransferWindowTest, WindowsComeFromTheIniFile) {
-    WriteIni("TransferWindow", "[Up]\nSlots = " + HourNumbers() +
+TEST_F(TransferWindowTest, WindowsComeFromTheIniFileAnUnusableOneLeavesTheOthers) {
+    WriteIni("TransferWindow", "[Up]\nSlots = " + Week(0, 1) +
                                    "\nSlotType = 1\nUseUTCTime = true\n"
-                                   "[Down]\nSlots =\n[Multicast]\nSlots = 50\nSlotType = 7\n");
+                                   "[Down]\nSlots = 1 2 3\n[Multicast]\nSlots = 50\nSlotType = 7\n");
     RunningModule<TransferWindow> module;
-    ASSERT_TRUE(module.Initialise());
-    const KelContainer up = Window(1);
-    EXPECT_EQ(up.GetContainer("Values").GetString("Slots"), HourNumbers());
-    EXPECT_EQ(up.GetContainer("Values").GetInt32("SlotType"), 1);
-    EXPECT_TRUE(up.GetContainer("Values").GetBool("UseUTCTime"));
-    EXPECT_FALSE(Window(2).Has("Values"));
+    ExpectValues(Window(1), {"Slots=" + Week(0, 1), "SlotType=1", "UseUTCTime=true"});
+    EXPECT_FALSE(HasWindow(2));
+    EXPECT_EQ(log_->Count(KelDebugLevel::Error, "section Down"), 1);
     const KelContainer answer = Call("TransferWindowCheckAllWindows");
     const KelContainer& all = answer.GetContainer("Values");
     ASSERT_EQ(all.Count("Direction"), 2U);
     EXPECT_EQ(all.GetInt32("Direction", 0, 0), 1);
     EXPECT_EQ(all.GetInt32("Direction", 0, 1), 3);
-    EXPECT_EQ(all.GetContainer("Values", 1).GetString("Slots"), Repeated("50"));
-}
-
-TEST_F(TransferWindowTest, AnUnusableWindowInTheIniFileIsLoggedAndLeavesTheOthers) {
-    WriteIni("TransferWindow", "[Up]\nSlots = 1 2 3\n[Down]\nSlots = 9\n");
-    RunningModule<TransferWindow> module;
-    ASSERT_TRUE(module.Initialise());
-    EXPECT_FALSE(Window(1).Has("Values"));
-    EXPECT_TRUE(Window(2).Has("Values"));
-    EXPECT_EQ(log_->Count(KelDebugLevel::Error, "section Up"), 1);
+    ExpectValues(all.GetContainer("Values", 1), {"Slots=" + Week(50)});
 }
 
 TEST_F(TransferWindowTest, ASetWindowIsKeptAndReported) {
     WriteIni("TransferWindow", "; limits of this site\n[Down]\nSlots = 7\n");
     {
         RunningModule<TransferWindow> module;
-        ASSERT_TRUE(module.Initialise());
         EXPECT_EQ(Set(1, " 100 ", 2, true), 0U);
         EXPECT_EQ(Set(2, "", 2), 0U);
         EXPECT_EQ(changes_, 2);
-        EXPECT_FALSE(Window(2).Has("Values"));
+        EXPECT_FALSE(HasWindow(2));
     }
     RunningModule<TransferWindow> module;
-    ASSERT_TRUE(module.Initialise());
-    const KelContainer up = Window(1);
-    EXPECT_EQ(up.GetContainer("Values").GetString("Slots"), Repeated("100"));
-    EXPECT_TRUE(up.GetContainer("Values").GetBool("UseUTCTime"));
-    EXPECT_FALSE(Window(2).Has("Values"));
-    EXPECT_EQ(TempFolder::Read(root_ / "config/TransferWindow.ini").rfind("; limits of this site\n", 0), 0U);
+    ExpectValues(Window(1), {"Slots=" + Week(100), "UseUTCTime=true"});
+    EXPECT_FALSE(HasWindow(2));
+    EXPECT_TRUE(TempFolder::Read(root_ / "config/TransferWindow.ini").starts_with("; limits of this site\n"));
     EXPECT_FALSE(std::filesystem::exists(root_ / "config/TransferWindow.ini.new"));
 }
 
@@ -110,34 +77,30 @@ TEST_F(TransferWindowTest, UnusableWindowsAreRefusedAndChangeNothing) {
         int type;
     };
     RunningModule<TransferWindow> module;
-    ASSERT_TRUE(module.Initialise());
     ASSERT_EQ(Set(1, "10", 2), 0U);
     for (const Case& bad :
          {Case{"no direction", 0, "1", 2}, Case{"unknown direction", 4, "1", 2},
           Case{"type below", 1, "1", 0}, Case{"type above", 1, "1", 9},
-          Case{"a number short", 1, HourNumbers().substr(2), 2},
-          Case{"a number too many", 1, HourNumbers() + " 1", 2}, Case{"negative", 1, "-1", 2},
+          Case{"a number short", 1, Week(0, 1).substr(2), 2},
+          Case{"a number too many", 1, Week(0, 1) + " 1", 2}, Case{"negative", 1, "-1", 2},
           Case{"plus sign", 1, "+1", 2}, Case{"octal", 1, "010", 2}, Case{"hexadecimal", 1, "0x10", 2},
           Case{"not a number", 1, "fast", 2}, Case{"over 64 bits", 1, "99999999999999999999", 2},
           Case{"overflows in kbit/s", 1, "18446744073709551615", 3}, Case{"over 100 per cent", 1, "101", 7},
-          Case{"over 1000 per thousand", 1, "1001", 8},
-          Case{"line feed", 1, Repeated("1") + "\n[Down]", 2}}) {
+          Case{"over 1000 per thousand", 1, "1001", 8}, Case{"line feed", 1, Week(1) + "\n[Down]", 2}}) {
         EXPECT_EQ(Set(bad.direction, bad.slots, bad.type), kKelErrorBadInput) << bad.name;
     }
-    KelContainer withoutSlots;
-    withoutSlots.SetInt32("Direction", 1);
+    KelContainer withoutSlots = Values({"Direction=1"});
     EXPECT_EQ(Call("TransferWindowSetWindow", withoutSlots), kKelErrorBadInput);
     EXPECT_FALSE(withoutSlots.GetString("Message").empty());
-    EXPECT_EQ(Window(1).GetContainer("Values").GetString("Slots"), Repeated("10"));
+    ExpectValues(Window(1), {"Slots=" + Week(10)});
     EXPECT_EQ(changes_, 1);
 }
 
 TEST_F(TransferWindowTest, AWindowThatCannotBeWrittenStaysAsItWas) {
     RunningModule<TransferWindow> module;
-    ASSERT_TRUE(module.Initialise());
     std::filesystem::remove_all(root_ / "config");
     EXPECT_EQ(Set(1, "10", 2), kKelErrorInternal);
-    EXPECT_FALSE(Window(1).Has("Values"));
+    EXPECT_FALSE(HasWindow(1));
     EXPECT_EQ(changes_, 0);
 }
 
@@ -145,7 +108,6 @@ TEST_F(TransferWindowTest, ConcurrentChangesEndInMemoryAsOnDisk) {
     KelContainer last;
     {
         RunningModule<TransferWindow> module;
-        ASSERT_TRUE(module.Initialise());
         std::vector<std::jthread> threads;
         for (int thread = 0; thread < 4; ++thread) {
             threads.emplace_back([thread] {
@@ -160,7 +122,6 @@ TEST_F(TransferWindowTest, ConcurrentChangesEndInMemoryAsOnDisk) {
     }
     EXPECT_EQ(changes_, 20);
     RunningModule<TransferWindow> module;
-    ASSERT_TRUE(module.Initialise());
     EXPECT_EQ(Call("TransferWindowCheckAllWindows"), last);
 }
 
