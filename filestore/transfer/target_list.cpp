@@ -53,8 +53,9 @@ void AnnounceSubnet(const KelString& pathName) {
     ActionDbInvokeContainer(nullptr, "", "WakeOnLanAddSubnet", call, 0, -1, -1, nullptr);
 }
 
-/// When a new row counts as last notified: files for the same sub-tree are announced a minute apart, the
-/// first at once. False when the query failed.
+/// When a new row counts as last notified: at once (0), unless rows that hold the sub-tree in place of a
+/// device name wait already; they are announced a minute apart. Rows made here hold the name. False when the
+/// query failed.
 bool FirstNotifyTime(const KelString& devicePath, std::int64_t now, std::int64_t& time) {
     const auto result = FileStore::pDbConnectionDownstream->Query(
         KelFormat("SELECT MAX(%s) AS %s FROM %s WHERE %s='%S'", kLastNotifyTime, kLastNotifyTime,

@@ -2,8 +2,8 @@
 
 namespace {
 
-constexpr std::uint64_t kRetryMilliseconds = 60 * 1000;
-constexpr std::uint64_t kIdleMilliseconds = 3600 * 1000;
+constexpr std::uint64_t kRetryMilliseconds = std::uint64_t{60} * 1000;
+constexpr std::uint64_t kIdleMilliseconds = std::uint64_t{3600} * 1000;
 
 }  // namespace
 

@@ -24,7 +24,7 @@ namespace {
 /// The disk is told to begin after so many bytes: at the end little is left to sync.
 constexpr std::uint64_t kHandOverBytes = 32 << 20;
 /// Seconds after which a hidden file that nobody writes to has been left behind by a process that was killed.
-constexpr std::time_t kLeftoverAge = 24 * 3600;
+constexpr std::time_t kLeftoverAge = 24L * 3600;
 
 KelString MakeHiddenName() {
     return KelString(kUploadPrefix) + HexText(RandomBytes(12));

@@ -11,7 +11,7 @@
 
 namespace {
 
-constexpr std::int64_t kResendSeconds = 24 * 3600;
+constexpr std::int64_t kResendSeconds = std::int64_t{24} * 3600;
 
 std::optional<KelContainer> ValuesOf(const char* action) {
     KelContainer answer;

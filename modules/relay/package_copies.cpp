@@ -28,7 +28,7 @@ KelResult<KelString> PackageCopies::Keep(const KelContainer& arguments) const {
         return KelError{kKelErrorMissingContent, KelFormat("The file %S does not exist", source)};
     }
     const KelString folder = root_ + "/" + label;
-    const KelString path = folder + "/" + name;
+    KelString path = folder + "/" + name;
     if (!PathCreate(folder) || !FileCopy(source, path, false)) {
         return KelError{kKelErrorInternal,
                         KelFormat("%S cannot be copied to %S; check free space and rights", source, path)};

@@ -15,7 +15,7 @@ Relay::Relay()
       parentLink_(Log(), [this] { replayThread_.Signal(0); }) {}
 
 Relay::~Relay() {
-    Cleanup();
+    Relay::Cleanup();
 }
 
 void Relay::Register(const char* handle) {
