@@ -39,6 +39,8 @@ bool OpenAll() {
     FileStore::pDbConnectionCallback = OpenDatabase(FileStore::dbConnectionPoolCallback,
                                                     FileStore::dbSequenceManagerCallback, "Callback.sqlite");
     if (!FileStore::pDbConnectionCallback) return false;
+    // A queue entry that a power cut takes back is made again from the upstream store at the next start.
+    FileStore::pDbConnectionCallback->Query("PRAGMA synchronous=NORMAL");
     Upgrade(*FileStore::pDbConnectionCallback, "SqlUpgrade2");
     return true;
 }

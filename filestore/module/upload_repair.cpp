@@ -11,13 +11,14 @@ using namespace filestore;
 
 namespace {
 
-/// A PUT appears under its name only when it is complete.
+/// A PUT appears under its name only when it is complete. This makes up for entries of the callback queue,
+/// too, which is not synced.
 void QueueArrivedFiles() {
     const auto rows = FileStore::pDbConnectionUpstream->Query(
-        KelFormat("SELECT %s, %s, %s FROM %s WHERE %s = '%s'", kFileUrl, kFilePath, kFileSize, kTableFiles,
-                  kFileStatus, kStatusReceiving));
+        KelFormat("SELECT %s, %s FROM %s WHERE %s = '%s'", kFileUrl, kFilePath, kTableFiles, kFileStatus,
+                  kStatusReceiving));
     for (std::size_t row = 0; rows && row < rows->GetRowCount(); ++row) {
-        if (FileGetSize64(rows->GetString(row, kFilePath)) != rows->GetInt64(row, kFileSize)) continue;
+        if (!FileExists(rows->GetString(row, kFilePath))) continue;
         FileStoreCallbackThread::Enqueue(rows->GetString(row, kFileUrl));
     }
 }

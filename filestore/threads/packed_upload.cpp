@@ -18,6 +18,8 @@ namespace {
 
 constexpr int kTries = 5;
 constexpr std::uint64_t kPauseBetweenTries = 50;  // milliseconds
+/// Files whose rows get their status together: each change is a sync of the database.
+constexpr std::size_t kFilesPerChange = 100;
 
 /// "upstream/type/label/checksum/name" or the index.
 bool IsPackedEntry(const KelString& name) {
@@ -65,15 +67,15 @@ bool Extract(KelThread& thread, const FileStoreEntry& archive) {
 /// The index under a name of its own, so that archives do not overwrite each other's.
 KelString TakeIndex(const FileStoreEntry& archive) {
     const KelString extracted = FileStore::strStorageLocationToUse + "/" + kPackingIndexEntry;
-    const KelString kept = KelFormat("%S/Temp/%S.xml", FileStore::strStorageLocationToUse, archive.FileName);
+    KelString kept = KelFormat("%S/Temp/%S.xml", FileStore::strStorageLocationToUse, archive.FileName);
     if (FileRename(extracted, kept)) return kept;
     FileStore::debugFileStore.Error("CallbackThread: Failed to retrieve %S from %S\n", extracted,
                                     archive.FileName);
     return {};
 }
 
-bool EnterPackedFile(const KelContainer& record, const FileStoreEntry& archive,
-                     const KelString& targetStatus) {
+/// The row that the store made for a file of the archive; 0 when it did not take it.
+std::uint64_t EnterPackedFile(const KelContainer& record, const FileStoreEntry& archive) {
     const KelString name = record.GetString(kFileName);
     const KelString checksum = record.GetString(kFileChecksum);
     FileStore::debugFileStore.Print("CallbackThread: Processing file %S (from %S)\n", name, archive.FileName);
@@ -84,14 +86,28 @@ bool EnterPackedFile(const KelContainer& record, const FileStoreEntry& archive,
     if (ActionDbInvokeContainer(nullptr, "", "FileStoreReceiveFile", offer, 0, -1, -1, nullptr) == 0) {
         const auto row = FileStore::pDbConnectionUpstream->Query(KelFormat(
             "SELECT %s FROM %s WHERE %s = '%Q'", kFileId, kTableFiles, kFileUrl, offer.GetString(kFileUrl)));
-        if (row && row->GetRowCount() != 0) {
-            SetUpstreamStatus(static_cast<std::uint64_t>(row->GetInt64(0, kFileId)), targetStatus);
-            return true;
-        }
+        if (row && row->GetRowCount() != 0) return static_cast<std::uint64_t>(row->GetInt64(0, kFileId));
     }
     FileStore::debugFileStore.Error("CallbackThread: Failed to process file %S (from %S)\n", name,
                                     archive.FileName);
-    return false;
+    return 0;
+}
+
+/// Stops at the first file that is not taken; those before it go their way.
+bool EnterPackedFiles(const KelContainer& index, const FileStoreEntry& archive,
+                      const KelString& targetStatus) {
+    const std::uint32_t count = index.Has("PackedFile") ? index.Count("PackedFile") : 0;
+    bool taken = true;
+    for (std::uint32_t next = 0; next < count && taken;) {
+        IdList entered;
+        for (; next < count && taken && entered.Count() < kFilesPerChange; ++next) {
+            const std::uint64_t fileId = EnterPackedFile(index.GetContainer("PackedFile", next), archive);
+            taken = fileId != 0;
+            if (taken) entered.Add(fileId);
+        }
+        if (!SetUpstreamStatus(entered, targetStatus)) return false;
+    }
+    return taken;
 }
 
 }  // namespace
@@ -107,9 +123,7 @@ void UnpackUpload(KelThread& thread, const FileStoreEntry& archive, const KelStr
     if (!loaded || !index.Has("PackedFile"))
         FileStore::debugFileStore.Error("CallbackThread: %S file does not contains required data.\n",
                                         indexPath);
-    const std::uint32_t count = index.Has("PackedFile") ? index.Count("PackedFile") : 0;
-    for (std::uint32_t i = 0; i < count; ++i)
-        if (!EnterPackedFile(index.GetContainer("PackedFile", i), archive, targetStatus)) return;
+    if (!EnterPackedFiles(index, archive, targetStatus)) return;
     FileStore::debugFileStore.Print("File %S processed\n", archive.FileName);
     DeleteUpstreamRow(archive.FileId);
     DeleteFileAndFolder(archive.FilePath);

@@ -14,6 +14,14 @@ void SetUpstreamStatus(std::uint64_t fileId, const KelString& status) {
     FileStore::UpdateFileStatus(*FileStore::pDbConnectionUpstream, fileId, status, 0, 0);
 }
 
+bool SetUpstreamStatus(const IdList& ids, const KelString& status) {
+    if (ids.IsEmpty()) return true;
+    const KelLock lock(FileStore::mutexUpstream);
+    return FileStore::pDbConnectionUpstream->Query(
+               KelFormat("UPDATE %s SET %s = '%Q', %s = 0 WHERE %s IN (%S)", kTableFiles, kFileStatus, status,
+                         kLastStatusChangeTime, kFileId, ids.Text())) != nullptr;
+}
+
 void DeleteUpstreamRow(std::uint64_t fileId) {
     const KelLock lock(FileStore::mutexUpstream);
     FileStore::pDbConnectionUpstream->Query(

@@ -5,6 +5,7 @@
 #include "filestore/db/schema.h"
 #include "filestore/module/file_store.h"
 #include "filestore/threads/push_thread.h"
+#include "filestore/threads/stored_file.h"
 #include "filestore/transfer/file_record.h"
 #include "filestore/transfer/http_transfer.h"
 #include "filestore/transfer/upload_policy.h"
@@ -32,13 +33,6 @@ bool DeleteRow(std::uint64_t fileId, const KelString& path) {
     const KelLock lock(FileStore::mutexUpstream);
     return FileStore::pDbConnectionUpstream->Query(
                KelFormat("DELETE FROM %s WHERE %s = %lu", kTableFiles, kFileId, fileId)) != nullptr;
-}
-
-bool SetStatus(const IdList& ids, const char* status) {
-    if (ids.IsEmpty()) return true;
-    return FileStore::pDbConnectionUpstream->Query(
-               KelFormat("UPDATE %s SET %s = '%s', %s = 0 WHERE %s IN (%S)", kTableFiles, kFileStatus, status,
-                         kLastStatusChangeTime, kFileId, ids.Text())) != nullptr;
 }
 
 std::unique_ptr<GenericArchive> OpenArchive() {
@@ -82,8 +76,8 @@ FileStorePushThread::Outcome FileStorePushThread::UploadFile(bool& reachedParent
     if (!batch.packed.IsEmpty() || batch.failed) FinishArchive(batch);
     if (!batch.failed) {
         const KelLock lock(FileStore::mutexUpstream);
-        const bool packedKept = SetStatus(batch.packed, kStatusPackedFile);
-        const bool uploadedKept = SetStatus(batch.uploaded, kStatusAvailable);
+        const bool packedKept = SetUpstreamStatus(batch.packed, kStatusPackedFile);
+        const bool uploadedKept = SetUpstreamStatus(batch.uploaded, kStatusAvailable);
         if (!packedKept || !uploadedKept) return Outcome::Failed;
     }
     return batch.uploadFailed ? Outcome::Failed : Outcome::Done;
