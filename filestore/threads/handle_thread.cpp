@@ -25,20 +25,17 @@ constexpr unsigned int kAnswerStaysHere = 44003;
 std::shared_ptr<const DBResult> SelectFilesToHandle(bool upstream) {
     DBConnection& connection = FileStoreGetDatabase(upstream).connection;
     if (upstream)
-        return connection.Query(KelFormat(
-            "SELECT %s, %s, %s, %s, %s, %s, %s, %s, %s, %s, %s, %s, %s, 1 AS ISLOCAL FROM %s WHERE %s = "
-            "'%s' ORDER BY %s ASC "
-            "LIMIT %u",
-            kFileId, kFileType, kFileLabel, kFileName, kFileChecksum, kSourceDevice, kFirstRelay, kUpstream,
-            kFileInfo, kPriority, kFileSize, kFilePath, kExternalFile, kTableFiles, kFileStatus,
-            kStatusToBeHandled, kFileId, kBatchSize));
+        return connection.Query(
+            KelFormat("SELECT %s, %s, %s, %s, %s, %s, %s, %s, %s, %s, %s, %s, %s, 1 AS ISLOCAL FROM %s "
+                      "WHERE %s = '%s' ORDER BY %s ASC LIMIT %u",
+                      kFileId, kFileType, kFileLabel, kFileName, kFileChecksum, kSourceDevice, kFirstRelay,
+                      kUpstream, kFileInfo, kPriority, kFileSize, kFilePath, kExternalFile, kTableFiles,
+                      kFileStatus, kStatusToBeHandled, kFileId, kBatchSize));
     return connection.Query(KelFormat(
-        "SELECT JFILES.%s AS %s, %s, %s, %s, %s, %s, %s, %s, %s, %s, %s, %s, %s, JTARGETS.%s IS NULL AS "
-        "ISLOCAL FROM "
-        "%s AS "
-        "JFILES LEFT JOIN %s AS JTARGETS ON JFILES.%s = JTARGETS.%s AND %s = '' WHERE %s = '%s' ORDER BY "
-        "JFILES.%s ASC "
-        "LIMIT %u",
+        "SELECT JFILES.%s AS %s, %s, %s, %s, %s, %s, %s, %s, %s, %s, %s, %s, %s, "
+        "JTARGETS.%s IS NULL AS ISLOCAL FROM %s AS JFILES "
+        "LEFT JOIN %s AS JTARGETS ON JFILES.%s = JTARGETS.%s AND %s = '' "
+        "WHERE %s = '%s' ORDER BY JFILES.%s ASC LIMIT %u",
         kFileId, kFileId, kFileType, kFileLabel, kFileName, kFileChecksum, kSourceDevice, kFirstRelay,
         kUpstream, kFileInfo, kPriority, kFileSize, kFilePath, kExternalFile, kTargetId, kTableFiles,
         kTableTargets, kFileId, kFileId, kDeviceGuid, kFileStatus, kStatusToBeHandled, kFileId, kBatchSize));
@@ -47,21 +44,6 @@ std::shared_ptr<const DBResult> SelectFilesToHandle(bool upstream) {
 const char* CallbackOf(bool isLocal, bool upstream) {
     if (upstream) return "FileStoreCallbackCopyUpstream";
     return isLocal ? "FileStoreCallbackReceivedFile" : "FileStoreCallbackCopyDownstream";
-}
-
-KelContainer HandOverArguments(const FileStoreEntry& entry, const KelString& path) {
-    KelContainer arguments;
-    arguments.SetString(kFileType, entry.FileType);
-    arguments.SetString(kFileLabel, entry.FileLabel);
-    arguments.SetString(kFileName, entry.FileName);
-    arguments.SetString(kFileChecksum, entry.FileChecksum);
-    arguments.SetString(kSourceDevice, entry.SourceDevice);
-    arguments.SetString(kFirstRelay, entry.FirstRelay);
-    arguments.SetContainer(kFileInfo, FileInfoOf(entry.FileInfo, entry.FileName));
-    arguments.SetBool(kUpstream, entry.Upstream);
-    arguments.SetInt32(kPriority, static_cast<std::int32_t>(entry.Priority));
-    arguments.SetString(kFilePath, path);
-    return arguments;
 }
 
 bool DeleteAbsentFile(const FileStoreEntry& entry, bool upstream) {
@@ -130,8 +112,10 @@ void FileStoreHandleThread::HandOver(const FileStoreEntry& entry, bool isLocal, 
         if (DeleteAbsentFile(entry, upstream)) ++rowsMovedOn_;
         return;
     }
+    KelContainer arguments = FileDescriptionOf(entry);
+    arguments.SetString(kFilePath, path);
     KelContainer results;
-    CallbackDbTrigger(CallbackOf(isLocal, upstream), HandOverArguments(entry, path), results);
+    CallbackDbTrigger(CallbackOf(isLocal, upstream), arguments, results);
     if (FileStore::CheckHandlerResult(results, kAnswerTryLater))
         answers.retry.Add(entry.FileId);
     else if (FileStore::CheckHandlerResult(results, kAnswerStaysHere) || !upstream)

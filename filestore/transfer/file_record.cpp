@@ -19,20 +19,25 @@ KelString ContentPath(const FileStoreEntry& entry, bool upstream) {
                                                      entry.FileChecksum, entry.FileName);
 }
 
+KelContainer FileDescriptionOf(const FileStoreEntry& entry) {
+    KelContainer description;
+    description.SetString(kFileType, entry.FileType);
+    description.SetString(kFileLabel, entry.FileLabel);
+    description.SetString(kFileName, entry.FileName);
+    description.SetString(kFileChecksum, entry.FileChecksum);
+    description.SetString(kSourceDevice, entry.SourceDevice);
+    description.SetString(kFirstRelay, entry.FirstRelay);
+    description.SetBool(kUpstream, entry.Upstream);
+    description.SetInt32(kPriority, static_cast<std::int32_t>(entry.Priority));
+    description.SetContainer(kFileInfo, FileInfoOf(entry.FileInfo, entry.FileName));
+    return description;
+}
+
 KelContainer FileRecordOf(const FileStoreEntry& entry) {
-    KelContainer record;
-    record.SetString(kFileType, entry.FileType);
-    record.SetString(kFileLabel, entry.FileLabel);
-    record.SetString(kFileName, entry.FileName);
-    record.SetString(kFileChecksum, entry.FileChecksum);
-    record.SetString(kSourceDevice, entry.SourceDevice);
-    record.SetString(kFirstRelay, entry.FirstRelay);
-    record.SetBool(kUpstream, entry.Upstream);
+    KelContainer record = FileDescriptionOf(entry);
     record.SetBool(kBypass, entry.Bypass);
     record.SetInt32(kKeepCopy, static_cast<std::int32_t>(entry.KeepCopy));
     record.SetInt64(kFileSize, entry.FileSize);
-    record.SetInt32(kPriority, static_cast<std::int32_t>(entry.Priority));
-    record.SetContainer(kFileInfo, FileInfoOf(entry.FileInfo, entry.FileName));
     return record;
 }
 

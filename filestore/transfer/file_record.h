@@ -5,6 +5,9 @@
 
 namespace filestore {
 
+/// The values that tell a device or a consumer which file it is and where it comes from.
+KelContainer FileDescriptionOf(const FileStoreEntry& entry);
+
 /// The values by which a file is offered to another device and listed in an archive's index.
 KelContainer FileRecordOf(const FileStoreEntry& entry);
 

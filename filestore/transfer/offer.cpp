@@ -126,6 +126,20 @@ bool CheckDeviceText(const char* name, const KelString& text) {
     return IsFitForSql(text) || Refuse(name, text);
 }
 
+FileStoreEntry OfferedEntry(const KelString& type, const KelString& label, const KelString& name,
+                            const KelString& checksum, unsigned int keepCopy, bool bypass,
+                            unsigned int priority) {
+    FileStoreEntry entry;
+    entry.FileType = type;
+    entry.FileLabel = label;
+    entry.FileName = name;
+    entry.FileChecksum = checksum;
+    entry.KeepCopy = keepCopy;
+    entry.Bypass = bypass;
+    entry.Priority = priority;
+    return entry;
+}
+
 KelString FileInfoXml(const KelContainer& arguments) {
     return arguments.Has("FileInfo") ? arguments.GetContainer("FileInfo").SaveToXML() : KelString();
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "filestore/db/file_store_entry.h"
 #include "kel/container.h"
 #include "kel/types.h"
 
@@ -43,6 +44,11 @@ bool CheckDeviceText(const char* name, const KelString& text);
 
 /// True when `guid` holds letters, digits and hyphens only, so that it can stand in a statement or pattern.
 bool IsPlainGuid(const KelString& guid);
+
+/// A row of the offered file with what every kind of offer sets.
+FileStoreEntry OfferedEntry(const KelString& type, const KelString& label, const KelString& name,
+                            const KelString& checksum, unsigned int keepCopy, bool bypass,
+                            unsigned int priority);
 
 /// The offer's `FileInfo` as XML, empty when it holds none.
 KelString FileInfoXml(const KelContainer& arguments);

@@ -174,20 +174,6 @@ Announced RecordAnnounced(const FileStoreEntry& offered, const MulticastOffer& m
     return CreateWithTargets(entry, targets) ? Announced::ToBeDownloaded : Announced::Failed;
 }
 
-FileStoreEntry Describe(const KelString& type, const KelString& label, const KelString& name,
-                        const KelString& checksum, unsigned int keepCopy, bool bypass,
-                        unsigned int priority) {
-    FileStoreEntry entry;
-    entry.FileType = type;
-    entry.FileLabel = label;
-    entry.FileName = name;
-    entry.FileChecksum = checksum;
-    entry.KeepCopy = keepCopy;
-    entry.Bypass = bypass;
-    entry.Priority = priority;
-    return entry;
-}
-
 }  // namespace
 
 int FileStore::ReceiveDownstreamLocalFile(KelContainer& arguments, const KelString& type,
@@ -196,7 +182,7 @@ int FileStore::ReceiveDownstreamLocalFile(KelContainer& arguments, const KelStri
                                           unsigned int priority) {
     const LocalSource source = ReadLocalSource(arguments);
     if (!FillChecksum(source.path, checksum)) return kKelErrorBadInput;
-    FileStoreEntry offered = Describe(type, label, name, checksum, keepCopy, bypass, priority);
+    FileStoreEntry offered = OfferedEntry(type, label, name, checksum, keepCopy, bypass, priority);
     const KelString path = StorePath(false, type, label, checksum, name);
     offered.ExternalFile = source.kind == LocalSource::Kind::External;
     offered.FilePath = offered.ExternalFile ? source.path : path;
@@ -230,7 +216,7 @@ int FileStore::ReceiveDownstreamRemoteFile(KelContainer& arguments, const KelStr
                                            const KelString& label, const KelString& name, KelString& checksum,
                                            unsigned int keepCopy, bool bypass, unsigned int wakeOnLan,
                                            unsigned int priority) {
-    FileStoreEntry offered = Describe(type, label, name, checksum, keepCopy, bypass, priority);
+    FileStoreEntry offered = OfferedEntry(type, label, name, checksum, keepCopy, bypass, priority);
     offered.FileURL = arguments.GetString("FileURL");
     offered.FileSize = arguments.GetInt64("FileSize");
     offered.SourceDevice = arguments.GetString("SourceDevice");

@@ -66,19 +66,12 @@ int FileStore::ReceiveUpstreamLocalFile(KelContainer& arguments, const KelString
     const LocalSource source = ReadLocalSource(arguments);
     if (!FillChecksum(source.path, checksum)) return kKelErrorBadInput;
     const KelString path = StorePath(true, type, label, checksum, name);
-    FileStoreEntry entry;
-    entry.FileType = type;
-    entry.FileLabel = label;
-    entry.FileName = name;
-    entry.FileChecksum = checksum;
+    FileStoreEntry entry = OfferedEntry(type, label, name, checksum, keepCopy, bypass, priority);
     entry.ExternalFile = source.kind == LocalSource::Kind::External;
     entry.FilePath = entry.ExternalFile ? source.path : path;
     entry.FileSize = ContentSize(source, path);
     entry.Upstream = true;
-    entry.Bypass = bypass;
     entry.FileStatus = kStatusToBeHandled;
-    entry.KeepCopy = keepCopy;
-    entry.Priority = priority;
     entry.TransportMode = kTransportLocal;
     entry.SourceDevice = ::SourceDevice(arguments);
     entry.FileInfo = FileInfoXml(arguments);
@@ -110,7 +103,7 @@ int FileStore::ReceiveUpstreamRemoteFile(KelContainer& arguments, const KelStrin
                                          const KelString& label, const KelString& name, KelString& checksum,
                                          unsigned int keepCopy, bool bypass, unsigned int /*wakeOnLan*/,
                                          unsigned int priority) {
-    FileStoreEntry entry;
+    FileStoreEntry entry = OfferedEntry(type, label, name, checksum, keepCopy, bypass, priority);
     entry.FileSize = arguments.GetInt64("FileSize");
     entry.SourceDevice = arguments.GetString("SourceDevice");
     entry.FirstRelay = arguments.GetString("FirstRelay");
@@ -126,15 +119,8 @@ int FileStore::ReceiveUpstreamRemoteFile(KelContainer& arguments, const KelStrin
     if (!PathCreate(StoreFolder(true, type, label, checksum)))
         debugFileStore.Warning("Cannot make the folder of %S/%S/%S\n", type, label, name);
     if (entry.FirstRelay.empty()) GetOurDeviceGUID(entry.FirstRelay, true);
-    entry.FileType = type;
-    entry.FileLabel = label;
-    entry.FileName = name;
-    entry.FileChecksum = checksum;
     entry.FilePath = StorePath(true, type, label, checksum, name);
     entry.Upstream = true;
-    entry.Bypass = bypass;
-    entry.KeepCopy = keepCopy;
-    entry.Priority = priority;
     entry.TransportMode = kTransportUnicast;
     entry.FileStatus = kStatusReceiving;
     {

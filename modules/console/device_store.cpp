@@ -8,13 +8,12 @@
 bool DeviceStore::Take(const IdentityReport& report, std::int64_t now) {
     const Device& device = report.device;
     return database_.Write(
-        {KelFormat("INSERT INTO Devices (GUID, Name, Role, Address, ParentGuid, PathName, FirstSeen, "
-                   "LastSeen, ReportTime) "
+        {KelFormat("INSERT INTO Devices "
+                   "(GUID, Name, Role, Address, ParentGuid, PathName, FirstSeen, LastSeen, ReportTime) "
                    "VALUES ('%Q', '%Q', '%Q', '%Q', '%Q', '%Q', %gd, %gd, %gd) "
-                   "ON CONFLICT (GUID) DO UPDATE SET Name = excluded.Name, Role = excluded.Role, Address = "
-                   "excluded.Address, "
-                   "ParentGuid = excluded.ParentGuid, PathName = excluded.PathName, ReportTime = "
-                   "excluded.ReportTime "
+                   "ON CONFLICT (GUID) DO UPDATE SET Name = excluded.Name, Role = excluded.Role, "
+                   "Address = excluded.Address, ParentGuid = excluded.ParentGuid, "
+                   "PathName = excluded.PathName, ReportTime = excluded.ReportTime "
                    "WHERE excluded.ReportTime >= ReportTime",
                    device.guid, device.name, device.role, device.address, device.parentGuid, device.pathName,
                    now, now, std::min(report.time, now)),

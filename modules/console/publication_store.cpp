@@ -12,8 +12,7 @@ const KelError kUnreadable{kKelErrorNotAvailable, "The console's database cannot
 KelString InsertStatement(const PublicationSummary& publication) {
     return KelFormat(
         "INSERT INTO Publications (PublicationId, FileType, FileLabel, FileName, FileChecksum, FileSize, "
-        "CreateTime, "
-        "Priority) VALUES ('%Q', '%Q', '%Q', '%Q', '%Q', %gd, %gd, %d)",
+        "CreateTime, Priority) VALUES ('%Q', '%Q', '%Q', '%Q', '%Q', %gd, %gd, %d)",
         publication.id, publication.fileType, publication.fileLabel, publication.fileName,
         publication.fileChecksum, publication.fileSize, publication.createTime, publication.priority);
 }
@@ -34,11 +33,10 @@ void AddTargetStatements(const KelString& id, const KelVector<KelString>& guids,
 KelString KnownTargetsStatement(const PublicationSummary& publication) {
     return KelFormat(
         "UPDATE PublicationTargets SET Status = 'delivered', Time = Known.Time, Message = 'Had it already' "
-        "FROM (SELECT t.GUID AS GUID, MAX(t.Time) AS Time FROM Publications AS p JOIN PublicationTargets AS "
-        "t ON "
-        "t.PublicationId = p.PublicationId WHERE p.FileChecksum = '%Q' AND p.FileName = '%Q' AND p.FileLabel "
-        "= '%Q' AND "
-        "p.FileType = '%Q' AND t.Status = 'delivered' GROUP BY t.GUID) AS Known "
+        "FROM (SELECT t.GUID AS GUID, MAX(t.Time) AS Time FROM Publications AS p "
+        "JOIN PublicationTargets AS t ON t.PublicationId = p.PublicationId "
+        "WHERE p.FileChecksum = '%Q' AND p.FileName = '%Q' AND p.FileLabel = '%Q' AND p.FileType = '%Q' "
+        "AND t.Status = 'delivered' GROUP BY t.GUID) AS Known "
         "WHERE PublicationTargets.PublicationId = '%Q' AND PublicationTargets.GUID = Known.GUID",
         publication.fileChecksum, publication.fileName, publication.fileLabel, publication.fileType,
         publication.id);
@@ -61,11 +59,10 @@ void PublicationStore::Remove(const KelString& id) {
 bool PublicationStore::Take(const DeliveryReceipt& receipt, std::int64_t now) {
     return database_.Write(
         {KelFormat("UPDATE Devices SET LastSeen = %gd WHERE GUID = '%Q'", now, receipt.guid),
-         KelFormat("UPDATE PublicationTargets SET Status = '%Q', Time = %gd, Message = '%Q' WHERE GUID = "
-                   "'%Q' AND Time <= %gd AND "
-                   "PublicationId IN (SELECT PublicationId FROM Publications WHERE FileChecksum = '%Q' AND "
-                   "FileName = '%Q' AND "
-                   "FileLabel = '%Q' AND FileType = '%Q')",
+         KelFormat("UPDATE PublicationTargets SET Status = '%Q', Time = %gd, Message = '%Q' "
+                   "WHERE GUID = '%Q' AND Time <= %gd AND PublicationId IN "
+                   "(SELECT PublicationId FROM Publications WHERE FileChecksum = '%Q' AND FileName = '%Q' "
+                   "AND FileLabel = '%Q' AND FileType = '%Q')",
                    receipt.status, receipt.time, receipt.message, receipt.guid, receipt.time,
                    receipt.fileChecksum, receipt.fileName, receipt.fileLabel, receipt.fileType)});
 }
@@ -74,11 +71,9 @@ KelResult<KelVector<PublicationSummary>> PublicationStore::List(const std::optio
     const KelString condition = id ? KelFormat("WHERE p.PublicationId = '%Q' ", *id) : KelString();
     const auto rows = database_.Select(KelFormat(
         "SELECT p.PublicationId, p.FileType, p.FileLabel, p.FileName, p.FileChecksum, p.FileSize, "
-        "p.CreateTime, "
-        "p.Priority, COUNT(t.GUID), SUM(t.Status = 'delivered'), SUM(t.Status = 'failed') FROM Publications "
-        "AS p LEFT "
-        "JOIN PublicationTargets AS t ON t.PublicationId = p.PublicationId %SGROUP BY p.PublicationId "
-        "ORDER BY p.CreateTime DESC, p.PublicationId",
+        "p.CreateTime, p.Priority, COUNT(t.GUID), SUM(t.Status = 'delivered'), SUM(t.Status = 'failed') "
+        "FROM Publications AS p LEFT JOIN PublicationTargets AS t ON t.PublicationId = p.PublicationId "
+        "%SGROUP BY p.PublicationId ORDER BY p.CreateTime DESC, p.PublicationId",
         condition));
     if (!rows) return kUnreadable;
     KelVector<PublicationSummary> publications(rows->GetRowCount());

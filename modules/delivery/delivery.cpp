@@ -44,6 +44,18 @@ KelString ProblemOf(const ProgramResult& result) {
     return "was ended because the agent stops; it runs again at the next start";
 }
 
+/// What the lists of delivered and of collected files tell of each.
+template <class File>
+KelContainer ListedValues(const File& file) {
+    KelContainer values;
+    values.SetString("FileType", file.type);
+    values.SetString("FileLabel", file.label);
+    values.SetString("FileName", file.name);
+    values.SetString("Path", file.path);
+    values.SetInt64("Size", file.size);
+    return values;
+}
+
 }  // namespace
 
 Delivery::Delivery()
@@ -54,7 +66,7 @@ Delivery::Delivery()
       receiptThread_([this] { return SendReceipts(); }) {}
 
 Delivery::~Delivery() {
-    Cleanup();
+    Delivery::Cleanup();
 }
 
 void Delivery::Register(const char* handle) {
@@ -290,13 +302,8 @@ unsigned int Delivery::ListFiles(KelContainer* arguments) {
     arguments->Clear();
     std::uint32_t index = 0;
     for (const DeliveredFile& file : inbox_.List()) {
-        KelContainer values;
-        values.SetString("FileType", file.type);
-        values.SetString("FileLabel", file.label);
-        values.SetString("FileName", file.name);
+        KelContainer values = ListedValues(file);
         values.SetString("FileChecksum", file.checksum);
-        values.SetString("Path", file.path);
-        values.SetInt64("Size", file.size);
         values.SetInt64("Time", file.time);
         arguments->SetContainer("Values", std::move(values), index++);
     }
@@ -307,13 +314,8 @@ unsigned int Delivery::ListCollected(KelContainer* arguments) {
     arguments->Clear();
     std::uint32_t index = 0;
     for (const CollectedFile& file : collected_.List()) {
-        KelContainer values;
+        KelContainer values = ListedValues(file);
         values.SetString("Device", file.device);
-        values.SetString("FileType", file.type);
-        values.SetString("FileLabel", file.label);
-        values.SetString("FileName", file.name);
-        values.SetString("Path", file.path);
-        values.SetInt64("Size", file.size);
         arguments->SetContainer("Values", std::move(values), index++);
     }
     return kKelOk;

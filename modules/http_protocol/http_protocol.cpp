@@ -89,8 +89,7 @@ unsigned int HttpProtocol::AddAlias(KelContainer& container) {
     if (isAllowed && aliases_.Add(name, path)) return kKelOk;
     Log().Warning(
         "Alias '%S' for '%S' refused: a name of plain elements and a folder are needed, from a caller on "
-        "this "
-        "device.\n",
+        "this device.\n",
         name, path);
     return kKelErrorBadInput;
 }
