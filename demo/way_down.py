@@ -6,7 +6,7 @@ import re
 import threading
 import time
 
-from demo_screen import Result
+from screen import Result
 from tree import sha256_of, wait_until
 
 LARGE_NAME = "large.bin"

@@ -5,9 +5,9 @@ import random
 import threading
 import time
 
-from demo_down import write_random
-from demo_screen import Result
+from screen import Result
 from tree import ActionFailed, sha256_of, wait_until
+from way_down import write_random
 
 INVENTORIES = 200
 INVENTORY_BYTES = (1 << 10, 8 << 10)

@@ -5,14 +5,17 @@ Exit code 0 only when every file arrived with the right SHA-256 and everything e
 """
 
 import argparse
+import pathlib
 import subprocess
 import sys
 import time
 
-from demo_down import LARGE_BYTES, WayDown
-from demo_screen import Progress, print_results
-from demo_up import WayUp, check_publications, request_file
-from tree import Tree
+sys.path.append(str(pathlib.Path(__file__).resolve().parent.parent / "tests" / "system"))
+
+from screen import Progress, print_results  # noqa: E402
+from tree import Tree  # noqa: E402
+from way_down import LARGE_BYTES, WayDown  # noqa: E402
+from way_up import WayUp, check_publications, request_file  # noqa: E402
 
 
 def show_devices(tree):
