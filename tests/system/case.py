@@ -28,14 +28,10 @@ class SystemTest(unittest.TestCase):
                 with sqlite3.connect(path) as database:
                     self.assertEqual(database.execute("PRAGMA integrity_check").fetchall(), [("ok",)], path)
 
-    def rows(self, agent, statement):
-        """A selection in the downstream database of a stopped agent."""
-        for path in agent.data.rglob("*.sqlite"):
-            with sqlite3.connect(path) as database:
-                tables = {name for (name,) in database.execute("SELECT name FROM sqlite_master WHERE type = 'table'")}
-                if "Targets" in tables and "Upstream" not in path.name:
-                    return database.execute(statement).fetchall()
-        self.fail(f"{agent.name} has no downstream database")
+    def rows(self, agent, statement, upstream=False):
+        """A selection in a database of a stopped agent's file store."""
+        with sqlite3.connect(agent.data / "FileStore" / ("Upstream.sqlite" if upstream else "FileStore.sqlite")) as database:
+            return database.execute(statement).fetchall()
 
 
 def collected_files(master):

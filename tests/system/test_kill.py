@@ -1,4 +1,4 @@
-"""Agents are killed at random moments of a set of transfers; every file still arrives, intact and once recorded.
+"""Agents are killed at random moments of a set of transfers; every file still arrives, intact and once.
 
 What fails on the way is tried again after the file store's time-outs, five minutes at least, so the agents' wall
 clock runs sixty times as fast.
@@ -9,45 +9,76 @@ import random
 import time
 import unittest
 
-from case import BUILD, SystemTest, write_files
+from case import BUILD, SystemTest, wait_collected, write_files
 from tree import Tree, VirtualClock, find_faketime, sha256_of
 
 KILLS = 10
 SPEED = 60
-FILES_BEFORE_A_KILL = 3
-MAX_BYTES = 12 << 20
-DELIVERY_SECONDS = 100
+SECONDS_TO_ARRIVE = 100
 
 
 @unittest.skipUnless(find_faketime(), "needs libfaketime")
 class KillTest(SystemTest):
-    def test_nothing_is_lost_by_kills(self):
+    def setUp(self):
         seed = int(os.environ.get("KEL_SEED", time.time_ns() % 1_000_000))
         print(f"seed {seed} (KEL_SEED repeats it)", flush=True)
-        source = random.Random(seed)
+        self.random = random.Random(seed)
+
+    def kill_during_transfers(self, tree, agents, files_before_a_kill, max_bytes, send):
+        """Sends files, and after each few of them kills one of `agents` and starts it again. Name -> SHA-256."""
+        sizes = {f"file{i:02}.bin": self.random.randint(1, max_bytes) for i in range(KILLS * files_before_a_kill)}
+        paths = write_files(tree.folder / "files", sizes)
+        waiting = list(paths.values())
+        while waiting:
+            send(waiting[:files_before_a_kill])
+            del waiting[:files_before_a_kill]
+            time.sleep(self.random.uniform(0, 1.4))
+            agent = self.random.choice(agents)
+            agent.kill()
+            print(f"killed {agent.name}", flush=True)
+            time.sleep(self.random.uniform(0, 0.3))
+            agent.start()
+            agent.wait_ready()
+        return {name: sha256_of(path) for name, path in paths.items()}
+
+    def check_recorded_once(self, agent, upstream):
+        doubled = self.rows(agent, "SELECT FileType, FileLabel, FileName, FileChecksum FROM Files "
+                                   "GROUP BY 1, 2, 3, 4 HAVING COUNT(*) > 1", upstream)
+        self.assertEqual(doubled, [], agent.name)
+
+    def test_downwards_kills_of_any_agent_lose_nothing(self):
         with Tree(BUILD, [1, 1], VirtualClock(SPEED)) as tree:
             tree.start()
-            sizes = {f"file{i:02}.bin": source.randint(1, MAX_BYTES) for i in range(KILLS * FILES_BEFORE_A_KILL)}
-            paths = write_files(tree.folder / "files", sizes, seed)
-            expected = {("kill", name): sha256_of(path) for name, path in paths.items()}
-            waiting = list(paths.values())
-            while waiting:
-                tree.publish(waiting[:FILES_BEFORE_A_KILL], "Kill", "kill")
-                del waiting[:FILES_BEFORE_A_KILL]
-                time.sleep(source.uniform(0, 1.2))
-                agent = source.choice(tree.agents)
-                agent.kill()
-                print(f"killed {agent.name}", flush=True)
-                time.sleep(source.uniform(0, 0.3))
-                agent.start()
-                agent.wait_ready()
-            tree.wait_delivered(expected, tree.devices, DELIVERY_SECONDS)
+            files = self.kill_during_transfers(tree, tree.agents, 3, 12 << 20,
+                                               lambda paths: tree.publish(paths, "Kill", "kill"))
+            expected = {("kill", name): digest for name, digest in files.items()}
+            tree.wait_delivered(expected, tree.devices, SECONDS_TO_ARRIVE)
             self.stop_all(tree)
             self.check_databases(tree)
             for agent in tree.devices:
-                doubled = self.rows(agent, "SELECT FileType, FileLabel, FileName, FileChecksum FROM Files "
-                                           "GROUP BY 1, 2, 3, 4 HAVING COUNT(*) > 1")
-                self.assertEqual(doubled, [], agent.name)
+                self.check_recorded_once(agent, upstream=False)
+
+    def test_upwards_kills_of_the_relay_lose_nothing(self):
+        self.check_way_up("none")
+
+    def test_upwards_kills_of_a_packing_relay_lose_nothing(self):
+        self.check_way_up("auto")
+
+    def check_way_up(self, packing):
+        with Tree(BUILD, [1], VirtualClock(SPEED)) as tree:
+            relay, client = tree.relays[0], tree.clients[0]
+            relay.set_ini("FileStore", "UploadPolicy", "ConcatFiles", packing)
+            tree.start()
+            guid = client.identity()["GUID"]
+            files = self.kill_during_transfers(
+                tree, [relay], 4, 3 << 20, lambda paths: client.kel("send", *paths, "--type", "Kill", "--label", "kill"))
+            expected = {(guid, "kill", name): digest for name, digest in files.items()}
+            wait_collected(tree.master, expected, SECONDS_TO_ARRIVE)
+            self.stop_all(tree)
+            self.check_databases(tree)
+            for name in files:
+                self.assertEqual(tree.master.log().count(f"Collected Kill/kill/{name} "), 1, name)
+            self.check_recorded_once(tree.master, upstream=True)
 
 
 if __name__ == "__main__":
