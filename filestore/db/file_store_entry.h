@@ -21,8 +21,7 @@ class FileStoreEntry {
     bool LoadFromDatabase(unsigned long fileId, bool upstream);
 
     /// Inserts the record, giving it a FileId and a CreateTime when it has none. Its FileId, or 0 on failure.
-    /// Takes the database's mutex for the statement. Only label, name, path and URL are escaped: no other
-    /// text may hold an apostrophe.
+    /// Takes the database's mutex for the statement.
     unsigned long CreateInDatabase(bool upstream);
 
     /// Writes every field to the record's row; the same rules. True on success.

@@ -121,8 +121,3 @@ void HttpManagedTransmission::ProbePeer(Clock::time_point now) {
     probedBitsPerSecond_ = std::min<std::uint64_t>(bytesPerSecond, kMaxRate) * 8;
     nextProbe_ = probeEvery_ > Clock::duration::zero() ? now + probeEvery_ : Clock::time_point::max();
 }
-
-Clock::duration HttpManagedTransmission::SleepTime(std::uint64_t bytes, std::uint64_t bitsPerSecond,
-                                                   Clock::time_point since, Clock::time_point now) {
-    return std::max(since + HttpRatePacer::TimeFor(bytes, bitsPerSecond) - now, Clock::duration::zero());
-}

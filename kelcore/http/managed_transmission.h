@@ -48,10 +48,6 @@ class HttpManagedTransmission {
 
     bool IsLimited() const { return manager_.BandwidthIsLimited(); }
 
-    /// The time still to wait at `now` when `bytes` were passed since `since` at `bitsPerSecond` (not 0).
-    static Clock::duration SleepTime(std::uint64_t bytes, std::uint64_t bitsPerSecond,
-                                     Clock::time_point since, Clock::time_point now);
-
   private:
     std::uint64_t BitsPerSecond(Clock::time_point now);
     void MeasurePeer(Clock::time_point now);

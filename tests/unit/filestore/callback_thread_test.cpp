@@ -217,10 +217,8 @@ TEST_F(PackedUploadTest, ExtractionIsTriedFiveTimes) {
     EXPECT_EQ(StatusOf(true, fileId), kStatusReceiving);
 }
 
-TEST_F(CallbackThreadTest, RepairQueuesWhatArrivedWholeAndRemovesWhatIsHalfMade) {
+TEST_F(CallbackThreadTest, RepairQueuesWhatArrivedAndRemovesWhatIsHalfMade) {
     Put();
-    const unsigned long shorter = AddStored(true, "short", kStatusReceiving);
-    Set(true, shorter, "FileURL = '/short', FileSize = 99");
     AddStored(true, "handled", kStatusAvailable, "FileURL = '/handled'");
     AddFile(true, "absent", kStatusReceiving, "FileURL = '/absent'");
     const KelString archive = FileStore::strModuleDataPath + "/Temp/PACKEDFILES_1_2.zip";
