@@ -138,9 +138,20 @@ class ModuleFixture : public ::testing::Test {
         const std::lock_guard lock(mutex_);
         storeResult_ = result;
     }
-    std::size_t OfferCount() {
+    /// The offers that the fake file store took, and the files that it moved; OfferCalls counts refused ones,
+    /// too.
+    KelVector<KelContainer> Offers() const {
         const std::lock_guard lock(mutex_);
-        return offers_.size();
+        return offers_;
+    }
+    KelVector<KelContainer> Contents() const {
+        const std::lock_guard lock(mutex_);
+        return contents_;
+    }
+    std::size_t OfferCount() const { return Offers().size(); }
+    int OfferCalls() const {
+        const std::lock_guard lock(mutex_);
+        return offerCalls_;
     }
 
     static unsigned int Call(const std::string& action, KelContainer& container) {
@@ -175,13 +186,13 @@ class ModuleFixture : public ::testing::Test {
 
     TempFolder root_;
     std::shared_ptr<KeptLog> log_ = std::make_shared<KeptLog>();
-    std::mutex mutex_;  ///< what the fake file store sees
-    unsigned int storeResult_ = 0;
-    int offerCalls_ = 0;                  ///< with those that it refused
-    std::vector<KelContainer> offers_;    ///< what it took
-    std::vector<KelContainer> contents_;  ///< and the files
 
   private:
+    mutable std::mutex mutex_;  ///< the fake file store's, down to contents_
+    unsigned int storeResult_ = 0;
+    int offerCalls_ = 0;
+    KelVector<KelContainer> offers_;
+    KelVector<KelContainer> contents_;
     std::vector<std::pair<std::string, std::string>> subscriptions_;
 };
 

@@ -34,8 +34,8 @@ TEST_F(ConsoleTest, PublishCopiesTheFileIntoTheServedFolderAndOffersItToTheStore
     ExpectValues(result, {"FileChecksum=" + checksum, "FileSize=7", "Targets=1"});
     EXPECT_FALSE(result.GetString("PublicationId").empty());
 
-    ASSERT_EQ(offers_.size(), 1U);
-    const KelContainer& offer = offers_[0];
+    ASSERT_EQ(OfferCount(), 1U);
+    const KelContainer offer = Offers()[0];
     const std::string below = "Packages/tools/" + checksum + "/setup.bin";
     ExpectValues(offer,
                  {"FileName=setup.bin", "FileChecksum=" + checksum, "FileURL=/QuarnelDatabase/" + below,
@@ -52,8 +52,8 @@ TEST_F(ConsoleTest, TheSameAndADamagedCopyMayBePublishedAgain) {
     RunningModule<Console> module;
     for (int i = 0; i < 3; ++i) {
         EXPECT_EQ(Publish(Request("all")).GetInt32("Targets"), 2);
-        EXPECT_EQ(TempFolder::Read(offers_.at(0).GetString("FilePath")), "content");
-        TempFolder::Write(offers_[0].GetString("FilePath"), "damaged");
+        EXPECT_EQ(TempFolder::Read(Offers().at(0).GetString("FilePath")), "content");
+        TempFolder::Write(Offers()[0].GetString("FilePath"), "damaged");
     }
     EXPECT_TRUE(std::filesystem::is_empty(root_ / "data/Console/Incoming"));
 }
@@ -78,7 +78,7 @@ TEST_F(ConsoleTest, UnusableRequestsAreRefusedAndPublishNothing) {
     }
     for (const char* caller : {"127.0.3.9", ""})
         EXPECT_EQ(Call("ConsolePublish", From(Request(kNorth), caller)), kKelErrorBadInput) << caller;
-    EXPECT_TRUE(offers_.empty());
+    EXPECT_TRUE(Offers().empty());
     EXPECT_FALSE(std::filesystem::exists(root_ / "data/Console/Packages"));
 }
 
@@ -97,8 +97,8 @@ TEST_F(ConsoleTest, ManyThreadsMayPublishTheSameFile) {
     for (int i = 0; i < 8; ++i)
         threads.emplace_back([this] { Publish(Request("north")); });
     threads.clear();
-    ASSERT_EQ(offers_.size(), 8U);
-    EXPECT_EQ(TempFolder::Read(offers_[7].GetString("FilePath")), "content");
+    ASSERT_EQ(OfferCount(), 8U);
+    EXPECT_EQ(TempFolder::Read(Offers()[7].GetString("FilePath")), "content");
 }
 
 TEST_F(ConsoleTest, ScriptsAreNotAvailable) {

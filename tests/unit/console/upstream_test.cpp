@@ -24,7 +24,7 @@ class ConsoleUpstreamTest : public ConsoleTest {
         KelContainer receipt = Values(
             {"GUID=" + guid, "Status=" + status, "Message=it's " + status, "Time=" + std::to_string(time)});
         for (const char* name : {"FileType", "FileLabel", "FileName", "FileChecksum"})
-            receipt.SetString(name, offers_.at(0).GetString(name));
+            receipt.SetString(name, Offers().at(0).GetString(name));
         return receipt;
     }
 
@@ -163,7 +163,7 @@ TEST_F(ConsoleUpstreamTest, NoneIsNoTargetAndAllLeavesOutDevicesThatNobodyLeadsT
     RunningModule<Console> module;
     const KelContainer none = Publish(Request("none"));
     ExpectValues(none, {"Targets=0"});
-    EXPECT_FALSE(offers_.at(0).Has("DevicePath"));
+    EXPECT_FALSE(Offers().at(0).Has("DevicePath"));
     EXPECT_EQ(Counts(none), "0/0/0 of 0");
 
     TakeIdentity(
@@ -197,7 +197,7 @@ TEST_F(ConsoleUpstreamTest, WithoutItsDatabaseNothingIsAcknowledged) {
     module.Cleanup();
     EXPECT_EQ(TakeIdentity(Identity(kDesk, "desk-9", 1700000000)), kNotReady);
     EXPECT_NE(Call("ConsolePublish", Request("none")), 0U);
-    EXPECT_TRUE(offers_.empty());
+    EXPECT_TRUE(Offers().empty());
 }
 
 }  // namespace

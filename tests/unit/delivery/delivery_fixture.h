@@ -17,9 +17,8 @@ class DeliveryTest : public ModuleFixture {
 
     /// The status in the latest receipt of each checksum.
     std::map<std::string, std::string> Statuses() {
-        const std::lock_guard lock(mutex_);
         std::map<std::string, std::string> statuses;
-        for (const KelContainer& receipt : contents_)
+        for (const KelContainer& receipt : Contents())
             statuses[receipt.GetString("FileChecksum")] = receipt.GetString("Status");
         return statuses;
     }

@@ -9,9 +9,9 @@ TEST_F(ReceiptTest, TellsEverythingAboutADeliveredFile) {
     ActiveModule<Delivery> module;
     ASSERT_EQ(Announce(Stored("Package", "a b'c", "content")), 0U);
     ASSERT_TRUE(Eventually([this] { return OfferCount() == 1; }));
-    const KelContainer& receipt = contents_[0];
+    const KelContainer receipt = Contents()[0];
     const std::string name = kGuid + "-" + TextMd5("content") + "-" + receipt.GetString("Time") + ".xml";
-    ExpectValues(offers_[0],
+    ExpectValues(Offers()[0],
                  {"FileType=DeliveryReceipt", "FileLabel=Package", "FileName=" + name, "Upstream=true"});
     ExpectValues(receipt, {"GUID=" + kGuid, "DeviceUrl=north:1610/" + kGuid, "FileType=Package",
                            "FileLabel=label", "FileName=a b'c", "FileChecksum=" + TextMd5("content"),
@@ -45,8 +45,8 @@ TEST_F(ReceiptTest, TellsHowTheCommandEnded) {
         ASSERT_EQ(Announce(Stored("T", "f", test.command)), 0U);
         ASSERT_TRUE(AllJobsEnd()) << test.command;
         const std::string message = test.problem.empty() ? "" : test.command + test.problem;
-        ExpectValues(contents_.back(), {"FileChecksum=" + TextMd5(test.command), "Status=" + test.status,
-                                        "Message=" + message});
+        ExpectValues(Contents().back(), {"FileChecksum=" + TextMd5(test.command), "Status=" + test.status,
+                                         "Message=" + message});
     }
     EXPECT_EQ(log_->Count(KelDebugLevel::Error, "run no command"), 2) << "the unusable command lines";
 }
@@ -87,8 +87,8 @@ TEST_F(ReceiptTest, ASentReceiptComesOutTheSameAfterACrash) {
         std::filesystem::remove_all(Pending());
         std::filesystem::copy(root_ / "saved", Pending());  // as if it had not been removed in time
     }
-    EXPECT_EQ(contents_[0], contents_[1]);
-    EXPECT_EQ(offers_[0].GetString("FileName"), offers_[1].GetString("FileName"));
+    EXPECT_EQ(Contents()[0], Contents()[1]);
+    EXPECT_EQ(Offers()[0].GetString("FileName"), Offers()[1].GetString("FileName"));
 }
 
 }  // namespace

@@ -29,18 +29,18 @@ class IdentityReportTest : public ModuleFixture {
 TEST_F(IdentityReportTest, TheFileTellsEverythingAboutTheDevice) {
     RunningModule<Identity> module;
     EXPECT_FALSE(module->ReportIdentity(kNow));
-    ASSERT_EQ(offers_.size(), 1U);
-    ExpectValues(offers_[0], {"FileType=IdentityIdentity", "FileLabel=Identity", "FileName=" + kGuid + ".xml",
-                              "Upstream=true"});
-    ExpectValues(offers_[0].GetContainer("FileInfo"), {"GUID=" + kGuid});
+    ASSERT_EQ(OfferCount(), 1U);
+    ExpectValues(Offers()[0], {"FileType=IdentityIdentity", "FileLabel=Identity",
+                               "FileName=" + kGuid + ".xml", "Upstream=true"});
+    ExpectValues(Offers()[0].GetContainer("FileInfo"), {"GUID=" + kGuid});
     const std::string url = "north.example:1610/" + kGuid;
-    ExpectValues(contents_[0], {"GUID=" + kGuid, "HostName=north.example", "Role=client", "Port=1610",
-                                "IPAddress=127.0.3.1", "MACAddress=02-00-7F-00-03-01",
-                                "NetworkMask=255.0.0.0", "ParentGuid=" + kParentGuid, "DeviceUrl=" + url,
-                                "PathName=" + url + "/02-00-7F-00-03-01/127.0.3.1/255.0.0.0",
-                                "Time=" + std::to_string(kNow), "PreferIPAddresses=false"});
-    EXPECT_EQ(contents_[0].GetType("Port"), KelContainer::Type::Int32);
-    EXPECT_EQ(contents_[0].GetType("Time"), KelContainer::Type::Int64);
+    ExpectValues(Contents()[0], {"GUID=" + kGuid, "HostName=north.example", "Role=client", "Port=1610",
+                                 "IPAddress=127.0.3.1", "MACAddress=02-00-7F-00-03-01",
+                                 "NetworkMask=255.0.0.0", "ParentGuid=" + kParentGuid, "DeviceUrl=" + url,
+                                 "PathName=" + url + "/02-00-7F-00-03-01/127.0.3.1/255.0.0.0",
+                                 "Time=" + std::to_string(kNow), "PreferIPAddresses=false"});
+    EXPECT_EQ(Contents()[0].GetType("Port"), KelContainer::Type::Int32);
+    EXPECT_EQ(Contents()[0].GetType("Time"), KelContainer::Type::Int64);
 }
 
 TEST_F(IdentityReportTest, NothingIsSentBeforeTheGuidIsSettled) {
@@ -54,20 +54,20 @@ TEST_F(IdentityReportTest, NothingIsSentBeforeTheGuidIsSettled) {
           Case{"relay", kParentGuid, true, true}, Case{"master", "", false, true}}) {
         RunningModule<Identity> module;
         FakeRelay(test.role, test.parentGuid, test.isInSync);
-        const std::size_t before = offers_.size();
+        const std::size_t before = OfferCount();
         EXPECT_EQ(module->ReportIdentity(kNow), !test.isSent) << test.role << test.parentGuid;
-        EXPECT_EQ(offers_.size() - before, test.isSent ? 1U : 0U) << test.role << test.parentGuid;
+        EXPECT_EQ(OfferCount() - before, test.isSent ? 1U : 0U) << test.role << test.parentGuid;
     }
-    ExpectValues(contents_.back(), {"ParentGuid="});
+    ExpectValues(Contents().back(), {"ParentGuid="});
 }
 
 TEST_F(IdentityReportTest, ItIsSentAgainOnChangeAndDaily) {
     RunningModule<Identity> module;
     const auto sentAt = [&](std::int64_t time) {
-        const std::size_t before = offers_.size();
+        const std::size_t before = OfferCount();
         module->CheckAddress();
         module->ReportIdentity(time);
-        return offers_.size() - before == 1;
+        return OfferCount() - before == 1;
     };
     EXPECT_TRUE(sentAt(kNow));
     EXPECT_FALSE(sentAt(kNow + 1));
@@ -86,7 +86,7 @@ TEST_F(IdentityReportTest, ItIsSentAgainOnChangeAndDaily) {
     EXPECT_FALSE(sentAt(kNow + 5));
     Call("IdentityValidateGUIDScheme");
     EXPECT_TRUE(sentAt(kNow + 6)) << "GUID";
-    EXPECT_EQ(offers_.back().GetString("FileName"), "EF015678-1111-2222-3333-444444444444.xml");
+    EXPECT_EQ(Offers().back().GetString("FileName"), "EF015678-1111-2222-3333-444444444444.xml");
     EXPECT_FALSE(sentAt(kNow + 7));
     EXPECT_TRUE(std::filesystem::is_empty(Outgoing()));
 }
@@ -98,12 +98,12 @@ TEST_F(IdentityReportTest, ARefusedFileIsSentLaterAndLeavesNothingBehind) {
     SetStoreResult(1);
     module->ReportIdentity(kNow);
     module->ReportIdentity(kNow + 1);
-    EXPECT_EQ(offerCalls_, 2);
+    EXPECT_EQ(OfferCalls(), 2);
     EXPECT_TRUE(std::filesystem::is_empty(Outgoing()));
     EXPECT_EQ(log_->Count(KelDebugLevel::Warning, "did not take the identity file, error 1"), 1);
     SetStoreResult(0);
     module->ReportIdentity(kNow + 2);
-    EXPECT_EQ(offers_.size(), 1U);
+    EXPECT_EQ(OfferCount(), 1U);
 }
 
 TEST_F(IdentityReportTest, TheWatcherNoticesANewAddressAndAParentInSync) {
