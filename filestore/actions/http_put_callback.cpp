@@ -1,4 +1,5 @@
 #include "filestore/db/file_status.h"
+#include "filestore/db/row_changes.h"
 #include "filestore/db/schema.h"
 #include "filestore/module/file_store.h"
 #include "filestore/threads/callback_thread.h"
@@ -24,11 +25,7 @@ void MakeAvailable(unsigned long fileId, const KelString& localPath) {
 
 void PassOn(unsigned long fileId) {
     const bool isHandledHere = CallbackDbGetActionCount("FileStoreCallbackCopyUpstream") != 0;
-    {
-        const KelLock lock(FileStore::mutexDownstream);
-        FileStore::UpdateFileStatus(*FileStore::pDbConnectionDownstream, fileId,
-                                    isHandledHere ? kStatusToBeHandled : kStatusToBeUploaded, 0, 0);
-    }
+    SetFileStatus(false, fileId, isHandledHere ? kStatusToBeHandled : kStatusToBeUploaded, TakenUp::AtOnce);
     if (isHandledHere)
         FileStore::threadHandler.WakeUp();
     else if (!FileStore::fConcatFiles)

@@ -1,6 +1,7 @@
 #include <ctime>
 
 #include "filestore/db/file_status.h"
+#include "filestore/db/row_changes.h"
 #include "filestore/db/schema.h"
 #include "filestore/module/file_store.h"
 #include "filestore/threads/pull_thread.h"
@@ -30,9 +31,7 @@ void RunUpdate(const KelString& statement) {
 }
 
 void WaitForRetry(unsigned long fileId) {
-    const KelLock lock(FileStore::mutexDownstream);
-    FileStore::UpdateFileStatus(*FileStore::pDbConnectionDownstream, fileId, kStatusAvailable,
-                                static_cast<unsigned long>(std::time(nullptr)), 0);
+    SetFileStatus(false, fileId, kStatusAvailable, TakenUp::AfterTimeout);
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 #include "filestore/threads/callback_thread.h"
 
 #include "filestore/db/file_status.h"
+#include "filestore/db/row_changes.h"
 #include "filestore/db/schema.h"
 #include "filestore/module/file_store.h"
 #include "filestore/threads/packed_upload.h"
@@ -97,7 +98,7 @@ void FileStoreCallbackThread::ReceiveFile(const KelString& url) {
     } else if (entry.FileType == kPackedFilesType) {
         UnpackUpload(*this, entry, targetStatus);
     } else if (isConsole || (entry.FileType != "PackagerZIPPackage" && entry.FileType != "UpgradePackage")) {
-        SetUpstreamStatus(entry.FileId, targetStatus);
+        SetFileStatus(true, entry.FileId, targetStatus, TakenUp::AtOnce);
     } else {
         ReceivePackage(entry);
     }
@@ -107,7 +108,7 @@ void FileStoreCallbackThread::ReceiveFile(const KelString& url) {
 /// other.
 void FileStoreCallbackThread::ReceivePackage(const FileStoreEntry& entry) {
     if (IsPackageForUs(entry))
-        SetUpstreamStatus(entry.FileId, kStatusToBeHandled);
+        SetFileStatus(true, entry.FileId, kStatusToBeHandled, TakenUp::AtOnce);
     else
         RejectPackage(entry);
 }

@@ -1,6 +1,7 @@
 #include <ctime>
 
 #include "filestore/db/file_status.h"
+#include "filestore/db/row_changes.h"
 #include "filestore/db/schema.h"
 #include "filestore/module/file_store.h"
 #include "filestore/threads/pull_thread.h"
@@ -46,11 +47,9 @@ void RunUpdate(const KelString& statement) {
     FileStore::pDbConnectionDownstream->Query(statement);
 }
 
-/// Back to waiting: taken up again after the pull time-out.
+/// Back to waiting.
 void WaitForRetry(unsigned long fileId) {
-    const KelLock lock(FileStore::mutexDownstream);
-    FileStore::UpdateFileStatus(*FileStore::pDbConnectionDownstream, fileId, kStatusDownloading,
-                                static_cast<unsigned long>(Now()), 0);
+    SetFileStatus(false, fileId, kStatusDownloading, TakenUp::AfterTimeout);
 }
 
 /// The same for a file whose content was useless and is gone.

@@ -1,10 +1,10 @@
 #include "filestore/threads/handle_thread.h"
 
-#include <ctime>
+#include <utility>
 
 #include "filestore/db/database.h"
 #include "filestore/db/file_status.h"
-#include "filestore/db/id_list.h"
+#include "filestore/db/row_changes.h"
 #include "filestore/db/schema.h"
 #include "filestore/module/file_store.h"
 #include "filestore/threads/managed_relay_package.h"
@@ -44,15 +44,6 @@ std::shared_ptr<const DBResult> SelectFilesToHandle(bool upstream) {
 const char* CallbackOf(bool isLocal, bool upstream) {
     if (upstream) return "FileStoreCallbackCopyUpstream";
     return isLocal ? "FileStoreCallbackReceivedFile" : "FileStoreCallbackCopyDownstream";
-}
-
-bool DeleteAbsentFile(const FileStoreEntry& entry, bool upstream) {
-    FileStore::debugFileStore.Error("HandleThread: File %S/%S/%S is not present\n", entry.FileType,
-                                    entry.FileLabel, entry.FileName);
-    const FileStoreDatabase database = FileStoreGetDatabase(upstream);
-    const KelLock lock(database.mutex);
-    return database.connection.Query(
-               KelFormat("DELETE FROM %s WHERE %s = %lu", kTableFiles, kFileId, entry.FileId)) != nullptr;
 }
 
 }  // namespace
@@ -109,7 +100,9 @@ void FileStoreHandleThread::HandOver(const FileStoreEntry& entry, bool isLocal, 
                                     entry.FileName);
     const KelString path = ContentPath(entry, upstream);
     if (!FileExists(path)) {
-        if (DeleteAbsentFile(entry, upstream)) ++rowsMovedOn_;
+        FileStore::debugFileStore.Error("HandleThread: File %S/%S/%S is not present\n", entry.FileType,
+                                        entry.FileLabel, entry.FileName);
+        if (DeleteFileRow(upstream, entry.FileId)) ++rowsMovedOn_;
         return;
     }
     KelContainer arguments = FileDescriptionOf(entry);
@@ -125,16 +118,8 @@ void FileStoreHandleThread::HandOver(const FileStoreEntry& entry, bool isLocal, 
 }
 
 void FileStoreHandleThread::ApplyAnswers(const Answers& answers, bool upstream) {
-    const FileStoreDatabase database = FileStoreGetDatabase(upstream);
-    const auto apply = [&database](const IdList& ids, const char* status, std::int64_t time) {
-        if (ids.IsEmpty()) return std::size_t{0};
-        const KelLock lock(database.mutex);
-        const auto done = database.connection.Query(
-            KelFormat("UPDATE %s SET %s = '%s', %s = %gd WHERE %s IN (%S)", kTableFiles, kFileStatus, status,
-                      kLastStatusChangeTime, time, kFileId, ids.Text()));
-        return done ? ids.Count() : 0;
-    };
-    rowsMovedOn_ += apply(answers.available, kStatusAvailable, 0);
-    rowsMovedOn_ += apply(answers.upload, kStatusToBeUploaded, 0);
-    apply(answers.retry, kStatusToBeHandled, std::time(nullptr));
+    for (const auto& [ids, status] :
+         {std::pair(&answers.available, kStatusAvailable), std::pair(&answers.upload, kStatusToBeUploaded)})
+        if (SetFileStatus(upstream, *ids, status, TakenUp::AtOnce)) rowsMovedOn_ += ids->Count();
+    SetFileStatus(upstream, answers.retry, kStatusToBeHandled, TakenUp::AfterTimeout);
 }

@@ -1,5 +1,6 @@
 #include "filestore/db/database.h"
 #include "filestore/db/file_status.h"
+#include "filestore/db/row_changes.h"
 #include "filestore/db/schema.h"
 #include "filestore/module/file_store.h"
 #include "filestore/threads/handle_thread.h"
@@ -61,25 +62,16 @@ bool FileStoreHandleThread::LocalRequestFile(bool upstream) {
 /// No module of this device supplies the file: the parent is asked, or on the master, which has none, the
 /// request ends.
 bool FileStoreHandleThread::DecideMissing(std::uint64_t fileId, bool upstream, bool isKnownToConsumer) {
-    const FileStoreDatabase database = FileStoreGetDatabase(upstream);
     if (ActionDbIsActionRegistered("QuarnelDbRunScript")) {
-        const KelLock lock(database.mutex);
-        if (database.connection.Query(
-                KelFormat("DELETE FROM %s WHERE %s = %lu", kTableFiles, kFileId, fileId)))
-            ++rowsMovedOn_;
-        if (!upstream)
-            database.connection.Query(
-                KelFormat("DELETE FROM %s WHERE %s = %lu", kTableTargets, kFileId, fileId));
+        if (DeleteFileRow(upstream, fileId)) ++rowsMovedOn_;
         if (!isKnownToConsumer)
             FileStore::debugFileStore.Error(
                 "HandleThread: File request for non-existant file, deleting request\n");
         return false;
     }
-    {
-        const KelLock lock(database.mutex);
-        FileStore::UpdateFileStatus(database.connection, fileId, kStatusToBeRequested, 0, 0);
-    }
-    if (database.connection.ReadString(kTableFiles, kFileStatus, kFileId, fileId) != kStatusMissing)
+    SetFileStatus(upstream, fileId, kStatusToBeRequested, TakenUp::AtOnce);
+    if (FileStoreGetDatabase(upstream).connection.ReadString(kTableFiles, kFileStatus, kFileId, fileId) !=
+        kStatusMissing)
         ++rowsMovedOn_;
     if (!FileStore::fConcatFiles) FileStore::threadPush.WakeUp();
     return true;

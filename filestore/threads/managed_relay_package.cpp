@@ -2,6 +2,7 @@
 
 #include "filestore/db/database.h"
 #include "filestore/db/file_status.h"
+#include "filestore/db/row_changes.h"
 #include "filestore/db/schema.h"
 #include "filestore/module/file_store.h"
 #include "filestore/transfer/file_record.h"
@@ -45,16 +46,6 @@ bool RecordPackage(const FileStoreEntry& handled, const KelString& path) {
     package.FileStatus = kStatusAvailable;
     package.KeepCopy = static_cast<std::uint32_t>(FileStore::eKeepCopyMask.load());
     return known ? package.SaveToDatabase(false) : package.CreateInDatabase(false) != 0;
-}
-
-void DeleteHandledRow(const FileStoreEntry& handled, bool upstream) {
-    const FileStoreDatabase database = FileStoreGetDatabase(upstream);
-    const KelLock lock(database.mutex);
-    database.connection.Query(
-        KelFormat("DELETE FROM %s WHERE %s = %lu", kTableFiles, kFileId, handled.FileId));
-    if (!upstream)
-        database.connection.Query(
-            KelFormat("DELETE FROM %s WHERE %s = %lu", kTableTargets, kFileId, handled.FileId));
 }
 
 KelContainer PackageOffer(const FileStoreEntry& handled, const char* type) {
@@ -119,7 +110,7 @@ bool RepublishManagedRelayPackage(const FileStoreEntry& entry, bool upstream) {
         return false;
     }
     if (!RecordPackage(entry, path)) return false;
-    DeleteHandledRow(entry, upstream);
+    DeleteFileRow(upstream, entry.FileId);
     const KelContainer info = FileInfoOf(entry.FileInfo, entry.FileName);
     TellRelayModule(entry, path, info);
     OfferUpstream(entry, path, info);

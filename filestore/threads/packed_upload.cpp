@@ -1,5 +1,6 @@
 #include "filestore/threads/packed_upload.h"
 
+#include "filestore/db/row_changes.h"
 #include "filestore/db/schema.h"
 #include "filestore/module/file_store.h"
 #include "filestore/threads/stored_file.h"
@@ -105,7 +106,7 @@ bool EnterPackedFiles(const KelContainer& index, const FileStoreEntry& archive,
             taken = fileId != 0;
             if (taken) entered.Add(fileId);
         }
-        if (!SetUpstreamStatus(entered, targetStatus)) return false;
+        if (!SetFileStatus(true, entered, targetStatus, TakenUp::AtOnce)) return false;
     }
     return taken;
 }
@@ -125,7 +126,7 @@ void UnpackUpload(KelThread& thread, const FileStoreEntry& archive, const KelStr
                                         indexPath);
     if (!EnterPackedFiles(index, archive, targetStatus)) return;
     FileStore::debugFileStore.Print("File %S processed\n", archive.FileName);
-    DeleteUpstreamRow(archive.FileId);
+    DeleteFileRow(true, archive.FileId);
     DeleteFileAndFolder(archive.FilePath);
 }
 

@@ -52,7 +52,6 @@ class FileStorePushThread : public FileThreadBase {
     bool IsRecent(std::int64_t statusTime) const;
 
     // request_step.cpp
-    void KeepWaiting(unsigned long fileId);
 
     // send_step.cpp
     bool SendRow(const FileStoreEntry& entry, const KelString& parentUrl, Batch& batch, bool& reachedParent);

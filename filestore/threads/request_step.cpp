@@ -1,6 +1,7 @@
 #include <ctime>
 
 #include "filestore/db/file_status.h"
+#include "filestore/db/row_changes.h"
 #include "filestore/db/schema.h"
 #include "filestore/module/file_store.h"
 #include "filestore/threads/push_thread.h"
@@ -71,13 +72,6 @@ bool RecordAnswer(const DBResult& row, const KelContainer& answer) {
 
 }  // namespace
 
-/// The row waits one retry interval before it is asked for again.
-void FileStorePushThread::KeepWaiting(unsigned long fileId) {
-    const KelLock lock(FileStore::mutexDownstream);
-    FileStore::UpdateFileStatus(*FileStore::pDbConnectionDownstream, fileId, kStatusToBeRequested,
-                                static_cast<unsigned long>(std::time(nullptr)), 0);
-}
-
 FileStorePushThread::Outcome FileStorePushThread::RequestFile(bool& reachedParent) {
     FileStore::debugFileStore.Trace("PushThread: Looking for files to request upstream\n");
     if (!IsUploadAllowed()) return Outcome::Nothing;
@@ -98,7 +92,7 @@ FileStorePushThread::Outcome FileStorePushThread::RequestFile(bool& reachedParen
     KelString parentUrl, parentGuid;
     FileStore::GetRelayUrl(parentUrl, parentGuid);
     if (parentUrl.empty()) {
-        KeepWaiting(fileId);
+        SetFileStatus(false, fileId, kStatusToBeRequested, TakenUp::AfterTimeout);
         return Outcome::Failed;
     }
     KelContainer call = RequestOf(*row, deviceUrl);
@@ -107,7 +101,7 @@ FileStorePushThread::Outcome FileStorePushThread::RequestFile(bool& reachedParen
     if (error != 0) {
         if (error == kKelErrorGuidScheme) FileStore::UpdateGuidScheme();
         FileStore::debugFileStore.Warning("PushThread: Failed to call %s, error %u\n", kRequestAction, error);
-        KeepWaiting(fileId);
+        SetFileStatus(false, fileId, kStatusToBeRequested, TakenUp::AfterTimeout);
         return Outcome::Failed;
     }
     reachedParent = true;

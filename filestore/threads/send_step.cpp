@@ -1,6 +1,7 @@
 #include <ctime>
 
 #include "filestore/db/file_status.h"
+#include "filestore/db/row_changes.h"
 #include "filestore/db/schema.h"
 #include "filestore/module/file_store.h"
 #include "filestore/threads/push_thread.h"
@@ -113,11 +114,9 @@ bool FileStorePushThread::SendRow(const FileStoreEntry& entry, const KelString& 
 /// the batch.
 bool FileStorePushThread::HandleRefusal(const FileStoreEntry& entry, unsigned int error) {
     FileStore::debugFileStore.Detail("PushThread: File send returned %u\n", error);
-    DBConnection& connection = *FileStore::pDbConnectionUpstream;
     const bool wrongScheme = error == kKelErrorGuidScheme;
     if (wrongScheme && !entry.FirstRelay.empty()) {
-        const KelLock lock(FileStore::mutexUpstream);
-        FileStore::UpdateFileStatus(connection, entry.FileId, kStatusAvailable, 0, 0);
+        SetFileStatus(true, entry.FileId, kStatusAvailable, TakenUp::AtOnce);
         return true;
     }
     KelString ownUrl;
@@ -125,12 +124,13 @@ bool FileStorePushThread::HandleRefusal(const FileStoreEntry& entry, unsigned in
         if (wrongScheme) FileStore::UpdateGuidScheme();
         FileStore::GetOurDeviceGUID(ownUrl, true);
     }
-    const KelLock lock(FileStore::mutexUpstream);
-    if (!ownUrl.empty())
-        connection.Query(KelFormat("UPDATE %s SET %s = '%S' WHERE %s = %lu", kTableFiles, kSourceDevice,
-                                   ownUrl, kFileId, entry.FileId));
-    FileStore::UpdateFileStatus(connection, entry.FileId, kStatusToBeUploaded,
-                                static_cast<unsigned long>(std::time(nullptr)), 0);
+    if (!ownUrl.empty()) {
+        const KelLock lock(FileStore::mutexUpstream);
+        FileStore::pDbConnectionUpstream->Query(KelFormat("UPDATE %s SET %s = '%S' WHERE %s = %lu",
+                                                          kTableFiles, kSourceDevice, ownUrl, kFileId,
+                                                          entry.FileId));
+    }
+    SetFileStatus(true, entry.FileId, kStatusToBeUploaded, TakenUp::AfterTimeout);
     FileStore::debugFileStore.Detail("PushThread: File sending returned %u\n", error);
     return wrongScheme;
 }

@@ -9,25 +9,6 @@
 
 namespace filestore {
 
-void SetUpstreamStatus(std::uint64_t fileId, const KelString& status) {
-    const KelLock lock(FileStore::mutexUpstream);
-    FileStore::UpdateFileStatus(*FileStore::pDbConnectionUpstream, fileId, status, 0, 0);
-}
-
-bool SetUpstreamStatus(const IdList& ids, const KelString& status) {
-    if (ids.IsEmpty()) return true;
-    const KelLock lock(FileStore::mutexUpstream);
-    return FileStore::pDbConnectionUpstream->Query(
-               KelFormat("UPDATE %s SET %s = '%Q', %s = 0 WHERE %s IN (%S)", kTableFiles, kFileStatus, status,
-                         kLastStatusChangeTime, kFileId, ids.Text())) != nullptr;
-}
-
-void DeleteUpstreamRow(std::uint64_t fileId) {
-    const KelLock lock(FileStore::mutexUpstream);
-    FileStore::pDbConnectionUpstream->Query(
-        KelFormat("DELETE FROM %s WHERE %s=%lu", kTableFiles, kFileId, fileId));
-}
-
 void DeleteFileAndFolder(const KelString& path) {
     FileDelete(path);
     KelString folder, name;

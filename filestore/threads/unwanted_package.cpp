@@ -3,6 +3,7 @@
 #include <array>
 #include <utility>
 
+#include "filestore/db/row_changes.h"
 #include "filestore/module/file_store.h"
 #include "filestore/threads/stored_file.h"
 #include "filestore/transfer/file_record.h"
@@ -64,7 +65,7 @@ void RejectPackage(const FileStoreEntry& entry) {
     FileStore::debugFileStore.Warning(
         "CallbackThread: Received administrated package which is not for us, deleting %S\n", entry.FilePath);
     DeleteFileAndFolder(entry.FilePath);
-    DeleteUpstreamRow(entry.FileId);
+    DeleteFileRow(true, entry.FileId);
 }
 
 }  // namespace filestore

@@ -1,11 +1,8 @@
-#include <ctime>
-
 #include "filestore/db/file_status.h"
-#include "filestore/db/id_list.h"
+#include "filestore/db/row_changes.h"
 #include "filestore/db/schema.h"
 #include "filestore/module/file_store.h"
 #include "filestore/threads/push_thread.h"
-#include "filestore/threads/stored_file.h"
 #include "filestore/transfer/file_record.h"
 #include "filestore/transfer/http_transfer.h"
 #include "filestore/transfer/upload_policy.h"
@@ -26,13 +23,6 @@ std::shared_ptr<const DBResult> SelectFilesToUpload(const KelString& policyFilte
         kFileId, kFileType, kFileLabel, kFileName, kFileChecksum, kFileUrl, kBypass, kLastStatusChangeTime,
         kFileStatus, kFilePath, kExternalFile, kTableFiles, kFileStatus, kStatusUploading, kStatusToBePacked,
         policyFilter, BypassFilter(), UploadBatchSize()));
-}
-
-bool DeleteRow(std::uint64_t fileId, const KelString& path) {
-    FileStore::debugFileStore.Error("PushThread: File %S is not present\n", path);
-    const KelLock lock(FileStore::mutexUpstream);
-    return FileStore::pDbConnectionUpstream->Query(
-               KelFormat("DELETE FROM %s WHERE %s = %lu", kTableFiles, kFileId, fileId)) != nullptr;
 }
 
 std::unique_ptr<GenericArchive> OpenArchive() {
@@ -75,9 +65,8 @@ FileStorePushThread::Outcome FileStorePushThread::UploadFile(bool& reachedParent
     if (!batch.uploaded.IsEmpty()) reachedParent = true;
     if (!batch.packed.IsEmpty() || batch.failed) FinishArchive(batch);
     if (!batch.failed) {
-        const KelLock lock(FileStore::mutexUpstream);
-        const bool packedKept = SetUpstreamStatus(batch.packed, kStatusPackedFile);
-        const bool uploadedKept = SetUpstreamStatus(batch.uploaded, kStatusAvailable);
+        const bool packedKept = SetFileStatus(true, batch.packed, kStatusPackedFile, TakenUp::AtOnce);
+        const bool uploadedKept = SetFileStatus(true, batch.uploaded, kStatusAvailable, TakenUp::AtOnce);
         if (!packedKept || !uploadedKept) return Outcome::Failed;
     }
     return batch.uploadFailed ? Outcome::Failed : Outcome::Done;
@@ -86,7 +75,8 @@ FileStorePushThread::Outcome FileStorePushThread::UploadFile(bool& reachedParent
 void FileStorePushThread::TakeRow(const FileStoreEntry& entry, UploadBatch& batch) {
     const KelString path = ContentPath(entry, true);
     if (!FileExists(path)) {
-        if (DeleteRow(entry.FileId, path)) ++rowsTaken_;
+        FileStore::debugFileStore.Error("PushThread: File %S is not present\n", path);
+        if (DeleteFileRow(true, entry.FileId)) ++rowsTaken_;
     } else if (entry.FileStatus == kStatusToBePacked) {
         PackRow(entry, path, batch);
     } else if (UploadRow(entry, path, batch.parentUrl)) {
@@ -177,9 +167,7 @@ bool FileStorePushThread::UploadRow(const FileStoreEntry& entry, const KelString
     if (!stored) {
         FileStore::debugFileStore.Warning("PushThread: Upload of %S failed (HTTP status %u): %S\n",
                                           entry.FileName, answer.GetStatus(), transfer.GetErrorText());
-        const KelLock lock(FileStore::mutexUpstream);
-        FileStore::UpdateFileStatus(*FileStore::pDbConnectionUpstream, entry.FileId, kStatusUploading,
-                                    static_cast<unsigned long>(std::time(nullptr)), 0);
+        SetFileStatus(true, entry.FileId, kStatusUploading, TakenUp::AfterTimeout);
     }
     return stored;
 }

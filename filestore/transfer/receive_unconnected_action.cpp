@@ -1,4 +1,5 @@
 #include "filestore/db/file_status.h"
+#include "filestore/db/row_changes.h"
 #include "filestore/module/file_store.h"
 #include "filestore/transfer/local_source.h"
 #include "filestore/transfer/offer.h"
@@ -45,9 +46,9 @@ void SetNextStatus(const KelString& url) {
         const KelLock lock(FileStore::mutexUpstream);
         const unsigned long fileId = FileStore::FindFileFromUrl(url);
         if (fileId == 0) return;
-        FileStore::UpdateFileStatus(*FileStore::pDbConnectionUpstream, fileId,
-                                    isMaster ? filestore::kStatusToBeHandled : filestore::kStatusToBeUploaded,
-                                    0, 0);  // at once, no retry pause
+        filestore::SetFileStatus(true, fileId,
+                                 isMaster ? filestore::kStatusToBeHandled : filestore::kStatusToBeUploaded,
+                                 filestore::TakenUp::AtOnce);
     }
     if (!isMaster && !FileStore::fConcatFiles) FileStore::threadPush.WakeUp();
 }
