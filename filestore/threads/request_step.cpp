@@ -46,7 +46,7 @@ KelString UrlOf(const KelContainer& answer) {
 
 /// A file that was asked for by type, label and name only gets the checksum of what the parent has.
 KelString ChecksumOf(const DBResult& row, const KelContainer& answer) {
-    const KelString known = row.GetString(0, kFileChecksum);
+    const KelString& known = row.GetString(0, kFileChecksum);
     const KelString given = answer.GetString(kFileChecksum);
     return known.empty() && !given.empty() && CheckKeyPart(kFileChecksum, given, true) ? given : known;
 }

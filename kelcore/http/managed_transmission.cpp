@@ -62,7 +62,7 @@ bool HttpManagedTransmission::Pass(std::uint64_t bytes, const std::function<bool
 std::size_t HttpManagedTransmission::PieceBytes() const {
     static constexpr std::uint64_t kLeast = 1400;
     static constexpr std::uint64_t kMost = std::uint64_t{256} << 10;
-    return static_cast<std::size_t>(std::clamp(pacer_.BitsPerSecond() / (8 * 20), kLeast, kMost));
+    return static_cast<std::size_t>(std::clamp(pacer_.BitsPerSecond() / 8 / 20, kLeast, kMost));
 }
 
 /// False when the window is closed. Reading the rate breaks the time down, too dear for every piece.

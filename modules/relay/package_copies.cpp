@@ -38,7 +38,7 @@ KelResult<KelString> PackageCopies::Keep(const KelContainer& arguments) const {
 
 KelStatus PackageCopies::Clear(const KelContainer& arguments) const {
     const KelString label = arguments.GetString("FileLabel");
-    if (const KelStatus checked = CheckElement("FileLabel", label); !checked) return checked;
+    if (KelStatus checked = CheckElement("FileLabel", label); !checked) return checked;
     const KelString folder = root_ + "/" + label;
     if (!DirExists(folder) || DirDelete(folder, true)) return {};
     return KelError{kKelErrorInternal,
