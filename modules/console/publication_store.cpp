@@ -73,7 +73,7 @@ KelResult<KelVector<PublicationSummary>> PublicationStore::List(const std::optio
         "SELECT p.PublicationId, p.FileType, p.FileLabel, p.FileName, p.FileChecksum, p.FileSize, "
         "p.CreateTime, p.Priority, COUNT(t.GUID), SUM(t.Status = 'delivered'), SUM(t.Status = 'failed') "
         "FROM Publications AS p LEFT JOIN PublicationTargets AS t ON t.PublicationId = p.PublicationId "
-        "%SGROUP BY p.PublicationId ORDER BY p.CreateTime DESC, p.PublicationId",
+        "%SGROUP BY p.PublicationId ORDER BY p.CreateTime DESC, p.rowid DESC",
         condition));
     if (!rows) return kUnreadable;
     KelVector<PublicationSummary> publications(rows->GetRowCount());

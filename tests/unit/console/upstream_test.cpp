@@ -156,7 +156,17 @@ TEST_F(ConsoleUpstreamTest, WhatADeviceHasAlreadyCountsAtOnce) {
     TakeReceipt(Receipt(kNorth, "delivered", 100));
     EXPECT_EQ(Counts(Publish(Request("all"))), "1/0/1 of 2");
     EXPECT_EQ(Counts(Publish(With(Request("north"), {"FileLabel=other"}))), "0/0/1 of 1");
-    EXPECT_EQ(Call("ConsoleListPublications").Count("Values"), 3U);
+}
+
+TEST_F(ConsoleUpstreamTest, TheLatestPublicationComesFirstEvenWithinOneSecond) {
+    RunningModule<Console> module;
+    KelVector<KelString> ids(8);
+    for (auto id = ids.rbegin(); id != ids.rend(); ++id)
+        *id = Publish(Request("north")).GetString("PublicationId");
+    const KelContainer listed = Call("ConsoleListPublications");
+    ASSERT_EQ(listed.Count("Values"), ids.size());
+    for (std::uint32_t i = 0; i < ids.size(); ++i)
+        EXPECT_EQ(listed.GetContainer("Values", i).GetString("PublicationId"), ids[i]);
 }
 
 TEST_F(ConsoleUpstreamTest, NoneIsNoTargetAndAllLeavesOutDevicesThatNobodyLeadsTo) {
