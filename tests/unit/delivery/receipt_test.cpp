@@ -61,8 +61,8 @@ TEST_F(ReceiptTest, OutlivesTheAgentWithoutRunningTheCommandAgain) {
         ASSERT_EQ(Announce(Stored("Plain", "f", "without")), 0U);
         ASSERT_TRUE(IsLoggedOnce(KelDebugLevel::Error, "exit code 3"));
         ASSERT_TRUE(IsLoggedOnce(KelDebugLevel::Warning, "did not take a receipt"));
-        EXPECT_TRUE(std::filesystem::is_empty(Outgoing()));
     }
+    EXPECT_TRUE(std::filesystem::is_empty(Outgoing())) << "what was not taken is not left behind";
     SetStoreResult(0);
     TempFolder::Write(Outgoing() + "/.kel-stale", "left by a crash");
     RunningModule<Delivery> module;
