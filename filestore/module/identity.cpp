@@ -41,6 +41,7 @@ void FetchGuid() {
         return;
     }
     KelLock lock(FileStore::mutexGUID);
+    if (!FileStore::strOurGUID.empty()) return;  // an event brought one meanwhile, newer than this answer
     FileStore::strOurGUID = guid;
     FileStore::debugFileStore.Detail("Our GUID is %S\n", guid);
 }

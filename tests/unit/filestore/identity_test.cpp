@@ -102,6 +102,16 @@ TEST_F(DeviceIdentity, GuidSchemeUpdateAsksTheIdentityModuleAgain) {
     EXPECT_EQ(DeviceUrl(), KelString("127.0.1.7:1610/") + kNewGuid);
 }
 
+TEST_F(DeviceIdentity, AGuidThatChangesWhileItIsAskedForIsTheNewOne) {
+    Initialise();
+    Fake("IdentityGetGUID ()", [](KelContainer& container) {
+        Ask("FileStoreGUIDCallback", Make({{"GUID", kNewGuid}}));
+        container = Make({{"GUID", kGuid}});
+        return 0U;
+    });
+    EXPECT_EQ(DeviceUrl(), KelString("127.0.1.7:1610/") + kNewGuid);
+}
+
 TEST_F(DeviceIdentity, NewGuidNamesTheSourceOfWaitingFiles) {
     Initialise();
     AddFile(true, "nameless", filestore::kStatusToBeUploaded);
