@@ -27,6 +27,15 @@ KelString OurGuid() {
     return code == kKelOk ? answer.GetString("GUID") : KelString();
 }
 
+/// Calls the parent at `url`; its container Values, empty when the call fails.
+unsigned int AskForValues(const KelString& url, const char* action, KelContainer& values) {
+    KelContainer answer;
+    const unsigned int code =
+        ActionDbInvokeContainer(nullptr, url, action, answer, 0, kConnectTimeout, kCallTimeout, nullptr);
+    values = answer.GetContainer("Values");
+    return code;
+}
+
 KelString CallProblem(unsigned int code) {
     switch (code) {
         case kKelErrorUnreachable:
@@ -67,28 +76,25 @@ void ParentLink::ResolveParent() {
     state_.ipAddress = address->ToText();
 }
 
-/// Asks the parent for its GUID. Returns what is wrong, empty when the parent is usable.
+/// Asks the parent for its GUID, and before the first time whether that will stay: in this order, for a GUID
+/// asked for first may be gone when the parent says so. Returns what is wrong, empty when the parent is
+/// usable.
 KelString ParentLink::AskParent(KelString& guid) {
     const KelString url =
         UrlForAgent(KelAgentGetName(), KelAgentGetHttpPassword(),
                     KelFormat("%S:%u", settings_.parentName, unsigned{settings_.parentPort}));
-    if (!settled_ && !IsParentSettled(url)) return "it has not found its own parent yet";
-    KelContainer answer;
-    const unsigned int code = ActionDbInvokeContainer(nullptr, url, "IdentityGetValues", answer, 0,
-                                                      kConnectTimeout, kCallTimeout, nullptr);
-    if (code != kKelOk) return CallProblem(code);
-    guid = answer.GetContainer("Values").GetString("GUID");
+    KelContainer values;
+    if (!settled_) {
+        const unsigned int code = AskForValues(url, "RelayGetValues", values);
+        if (code != kKelOk && code != kKelErrorUnknownAction) return CallProblem(code);
+        if (!values.GetBool("SchemeSettled", true)) return "it has not found its own parent yet";
+    }
+    if (const unsigned int code = AskForValues(url, "IdentityGetValues", values); code != kKelOk)
+        return CallProblem(code);
+    guid = values.GetString("GUID");
     if (!IsGuid(guid)) return KelFormat("its GUID %S is malformed", guid);
     if (guid == OurGuid()) return "it is this device itself; correct ParentName and ParentPort in Relay.ini";
     return {};
-}
-
-/// A parent that cannot be asked counts as settled: the call that follows tells what is wrong with it.
-bool ParentLink::IsParentSettled(const KelString& url) const {
-    KelContainer answer;
-    const unsigned int code = ActionDbInvokeContainer(nullptr, url, "RelayGetValues", answer, 0,
-                                                      kConnectTimeout, kCallTimeout, nullptr);
-    return code != kKelOk || answer.GetContainer("Values").GetBool("SchemeSettled", true);
 }
 
 void ParentLink::Settle() {

@@ -43,7 +43,6 @@ class ParentLink : public KelThread {
   private:
     void ResolveParent();
     KelString AskParent(KelString& guid);
-    bool IsParentSettled(const KelString& url) const;
     void Settle();
     void ReportProblem(const KelString& problem);
 

@@ -21,6 +21,7 @@ class FakeParent {
         guid_ = guid;
     }
     void SetStatus(int status) { status_ = status; }       ///< of the HTTP answers, 200 at first
+    void FailOnce() { failOnce_ = true; }                  ///< answers the next call with 500
     void SetSettled(bool settled) { settled_ = settled; }  ///< what it says of its scheme, true at first
     std::size_t GetCallCount() { return server_.Seen().size(); }
     std::string GetLastTarget() { return server_.Seen().back().target; }
@@ -30,11 +31,13 @@ class FakeParent {
         const std::lock_guard lock(mutex_);
         const KelContainer values =
             Values({"GUID=" + guid_, std::string("SchemeSettled=") + (settled_ ? "true" : "false")});
-        return Answer(std::to_string(status_) + " X", "Kel-Result: 0\r\nContent-Type: application/xml\r\n",
+        const int status = failOnce_.exchange(false) ? 500 : int{status_};
+        return Answer(std::to_string(status) + " X", "Kel-Result: 0\r\nContent-Type: application/xml\r\n",
                       With({}, "Values", values).SaveToXML());
     }
 
     std::atomic<int> status_ = 200;
+    std::atomic<bool> failOnce_ = false;
     std::atomic<bool> settled_ = true;
     std::mutex mutex_;  ///< guid_
     std::string guid_;

@@ -65,6 +65,7 @@ TEST_F(RelayTest, AnAnsweringParentIsInSyncAndValidatesTheSchemeOncePerGuid) {
 TEST_F(RelayTest, AParentWithoutItsOwnPlaceIsWaitedForOnlyTheFirstTime) {
     FakeParent parent(kGuid);
     parent.SetSettled(false);
+    parent.FailOnce();  // it comes up between our questions
     WriteIni("Relay", parent.ChildIni("relay"));
     {
         ActiveModule<Relay> module;
