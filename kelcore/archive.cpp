@@ -13,6 +13,7 @@
 #include "kel/file.h"
 #include "kel/path.h"
 #include "kel/text.h"
+#include "kelcore/deflated_source.h"
 
 namespace {
 
@@ -137,7 +138,10 @@ unsigned int GenericArchive::AddEntry(const KelString& entryName, const KelStrin
                     "unusable entry name \"" + entryName + "\" or level " + std::to_string(level));
     if (!FileExists(sourcePath) || access(sourcePath.c_str(), R_OK) != 0)
         return Fail(kArchiveNoFile, "cannot read " + sourcePath);
-    zip_source_t* source = zip_source_file(zip_.get(), sourcePath.c_str(), 0, -1);
+    const bool stored = level == 0 || LooksLikeBomb(sourcePath);
+    zip_source_t* source = stored || FileGetSize64(sourcePath) > kMaxDeflatedSource
+                               ? zip_source_file(zip_.get(), sourcePath.c_str(), 0, -1)
+                               : MakeDeflatedSource(zip_.get(), sourcePath, DeflaterOf(level));
     if (source == nullptr) return Fail(kArchiveNoFile, zip_strerror(zip_.get()));
     const zip_int64_t index = zip_file_add(zip_.get(), entryName.c_str(), source, ZIP_FL_ENC_GUESS);
     if (index < 0) {
@@ -146,13 +150,17 @@ unsigned int GenericArchive::AddEntry(const KelString& entryName, const KelStrin
         return Fail(exists ? kArchiveHasEntry : kArchiveBadInput,
                     entryName + ": " + zip_strerror(zip_.get()));
     }
-    const bool stored = level == 0 || LooksLikeBomb(sourcePath);
     zip_set_file_compression(zip_.get(), static_cast<zip_uint64_t>(index),
                              stored ? ZIP_CM_STORE : ZIP_CM_DEFLATE,
                              stored ? 0 : static_cast<zip_uint32_t>(level));
     changed_ = true;
     if (progress) progress_ = std::move(progress);
     return kArchiveDone;
+}
+
+const std::shared_ptr<Deflater>& GenericArchive::DeflaterOf(int level) {
+    if (!deflater_ || deflater_->GetLevel() != level) deflater_ = std::make_shared<Deflater>(level);
+    return deflater_;
 }
 
 unsigned int GenericArchive::Close() {

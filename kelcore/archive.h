@@ -6,6 +6,7 @@
 
 #include "kel/types.h"
 
+class Deflater;
 struct zip;
 
 /// Results of archive operations.
@@ -64,6 +65,7 @@ class GenericArchive {
         void operator()(zip* archive) const;
     };
 
+    const std::shared_ptr<Deflater>& DeflaterOf(int level);
     unsigned int Begin(const KelString& path);
     unsigned int OpenWork(int flags);
     unsigned int WriteOut();
@@ -74,6 +76,7 @@ class GenericArchive {
     KelString path_;
     KelString workPath_;  ///< beside path_; takes its place at the end
     std::unique_ptr<zip, Discard> zip_;
+    std::shared_ptr<Deflater> deflater_;  ///< of the last level; entries that wait for Close share it
     bool changed_ = false;
     Progress progress_;
     KelString errorText_;
