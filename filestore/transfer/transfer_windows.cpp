@@ -9,6 +9,10 @@
 
 namespace {
 
+/// Asking for the windows and loading them is one step: an answer must not replace a newer one. Held across
+/// local calls only; the transfer window module calls nobody while it answers.
+KelMutex mutexWindows;
+
 FileStoreBandwidthManager* ManagerOf(std::int32_t direction) {
     switch (direction) {
         case TransferWindowDirectionUp:
@@ -33,6 +37,7 @@ std::uint64_t Percent(std::int64_t size, long long whole) {
 }  // namespace
 
 void FileStore::UpdateAllTransferWindows() {
+    const KelLock lock(mutexWindows);
     KelContainer answer;
     if (ActionDbInvokeContainer(nullptr, "", "TransferWindowCheckAllWindows", answer, 0, -1, -1, nullptr) !=
         0) {

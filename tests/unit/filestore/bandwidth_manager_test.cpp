@@ -1,3 +1,7 @@
+#include <atomic>
+#include <future>
+#include <thread>
+
 #include <ctime>
 
 #include "filestore/scripted_server.h"
@@ -124,6 +128,28 @@ TEST_F(BandwidthManager, AllWindowsAreReplacedByTheModulesAnswer) {
     FakeResult("TransferWindowCheckAllWindows ()", 1);
     FileStore::UpdateAllTransferWindows();
     EXPECT_TRUE(FileStore::bmTrackUsageDown.BandwidthIsLimited()) << "a failed question dropped the windows";
+}
+
+TEST_F(BandwidthManager, AnOlderAnswerDoesNotReplaceANewerOne) {
+    std::atomic<int> asked = 0;
+    std::promise<void> firstIsAsked;
+    Fake("TransferWindowCheckAllWindows ()", [&](KelContainer& container) {
+        const bool isFirst = ++asked == 1;
+        KelContainer values;
+        values.SetInt32("Direction", 2);
+        values.SetContainer("Values", Window(isFirst ? "5" : "6"));
+        container.SetContainer("Values", values);
+        if (!isFirst) return 0U;
+        firstIsAsked.set_value();
+        for (int i = 0; i < 20 && asked == 1; ++i)  // leaves the second one time to overtake
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        return 0U;
+    });
+    std::thread first([] { FileStore::UpdateAllTransferWindows(); });
+    firstIsAsked.get_future().wait();
+    FileStore::UpdateAllTransferWindows();
+    first.join();
+    EXPECT_EQ(Rate(FileStore::bmTrackUsageDown), 6U);
 }
 
 TEST_F(BandwidthManager, WindowWithoutSlotsIsAskedForByItsDirection) {
