@@ -51,13 +51,17 @@ KelString KnownGuid() {
     return FileStore::strOurGUID;
 }
 
+/// The name server may be slow: it is not waited for under the lock.
 KelString OurHostName() {
-    KelLock lock(FileStore::mutexGUID);
-    if (FileStore::strOurHostName.empty()) {
-        FileStore::strOurHostName = GetLocalHostName();
-        const KelString domain = GetLocalDomainName();
-        if (!domain.empty()) FileStore::strOurHostName += "." + domain;
+    {
+        KelLock lock(FileStore::mutexGUID);
+        if (!FileStore::strOurHostName.empty()) return FileStore::strOurHostName;
     }
+    KelString name = GetLocalHostName();
+    const KelString domain = GetLocalDomainName();
+    if (!domain.empty()) name += "." + domain;
+    KelLock lock(FileStore::mutexGUID);
+    if (FileStore::strOurHostName.empty()) FileStore::strOurHostName = name;
     return FileStore::strOurHostName;
 }
 
