@@ -90,6 +90,9 @@ void FollowUp(FileStoreSettingEffect effect) {
         case FileStoreSettingEffect::Repository:
             FileStorePublishRepositoryAlias();
             break;
+        case FileStoreSettingEffect::FrameSize:
+            FileStoreApplyFrameSize();
+            break;
     }
 }
 

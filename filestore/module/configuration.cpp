@@ -54,6 +54,12 @@ void FileStoreReadUploadPolicy() {
     FileStore::debugFileStore.Detail("Upload policy checked.\n");
 }
 
+void FileStoreApplyFrameSize() {
+    const auto frameSize = static_cast<int>(FileStore::ulFrameSize.load());
+    FileStore::bmTrackUsageUp.SetFrameSize(frameSize);
+    FileStore::bmTrackUsageDown.SetFrameSize(frameSize);
+}
+
 int FileStoreReadInteger(const KelString& section, const KelString& key, int fallback) {
     IniFile ini;
     ini.Open(FileStore::strModuleIniFile);

@@ -31,6 +31,7 @@ void SetUpBandwidthManagers() {
     FileStore::bmTrackUsageMulticast.SetDirection(TransferWindowDirectionMulticast);
     FileStore::bmTrackUsageMulticast.SetFrameSize(static_cast<int>(FileStore::ulMulticastBlockSize.load()));
     FileStore::UpdateAllTransferWindows();
+    FileStoreApplyFrameSize();
 }
 
 void DetermineRole() {

@@ -11,7 +11,7 @@
 enum class FileStoreSettingRead { AtInitialisation, AtActivation, WhenUsed };
 
 /// What has to follow the change of a setting at run time.
-enum class FileStoreSettingEffect { None, TimeToLive, Repository };
+enum class FileStoreSettingEffect { None, TimeToLive, Repository, FrameSize };
 
 /// One setting of the module: its name for the settings actions, its place in the ini file, its member.
 struct FileStoreSetting {

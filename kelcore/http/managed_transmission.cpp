@@ -60,9 +60,9 @@ bool HttpManagedTransmission::Pass(std::uint64_t bytes, const std::function<bool
 }
 
 std::size_t HttpManagedTransmission::PieceBytes() const {
-    static constexpr std::uint64_t kLeast = 1400;
     static constexpr std::uint64_t kMost = std::uint64_t{256} << 10;
-    return static_cast<std::size_t>(std::clamp(pacer_.BitsPerSecond() / 8 / 20, kLeast, kMost));
+    return static_cast<std::size_t>(
+        std::clamp(pacer_.BitsPerSecond() / 8 / 20, std::min(frameBytes_, kMost), kMost));
 }
 
 /// False when the window is closed. Reading the rate breaks the time down, too dear for every piece.
@@ -78,6 +78,7 @@ bool HttpManagedTransmission::ReadRate(Clock::time_point now) {
 std::uint64_t HttpManagedTransmission::BitsPerSecond(Clock::time_point now) {
     int frameSize = 0;
     const std::uint64_t rate = std::min(manager_.GetRate(frameSize), kMaxRate);
+    if (frameSize > 0) frameBytes_ = static_cast<std::uint64_t>(frameSize);
     if (rate == 0) return 0;
     if (!IsRelative()) return rate * 1000;
     MeasurePeer(now);

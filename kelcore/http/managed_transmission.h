@@ -43,7 +43,7 @@ class HttpManagedTransmission {
     bool Pass(std::uint64_t bytes, const std::function<bool()>& cancelled = {});
 
     /// How many bytes a sender should pass at a time so that they flow evenly: about a twentieth of a
-    /// second's.
+    /// second's, but not less than the manager's frame size.
     std::size_t PieceBytes() const;
 
     bool IsLimited() const { return manager_.BandwidthIsLimited(); }
@@ -61,6 +61,7 @@ class HttpManagedTransmission {
     bool started_ = false;
     HttpRatePacer pacer_;
     Clock::time_point nextRateRead_{};  ///< the rate read last holds until then
+    std::uint64_t frameBytes_ = 1400;   ///< as told with the rate
 
     // What relative rates are computed from.
     bool peerKnown_ = false;  ///< the peer has told its frequencies

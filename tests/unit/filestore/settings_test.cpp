@@ -114,6 +114,8 @@ TEST_F(Settings, ChangesAreClampedWrittenAndInForceAtOnce) {
     EXPECT_EQ(Get().GetInt32("QueueGap"), 7);
     EXPECT_EQ(GetIni("FileStore", "Timeout"), "300");
     EXPECT_EQ(FileStore::ulThresholdForUploads, 0U);
+    EXPECT_EQ(Set(Make({{"FrameSize", 3000}})), kKelOk);
+    EXPECT_EQ(FileStore::bmTrackUsageUp.GetFrameSize(), 3000);
     EXPECT_EQ(GetIni("FileStore", "EnableDialupUploads"), "false");
     EXPECT_FALSE(FileStore::fEnableDialupUploads);
     EXPECT_TRUE(FileStore::TrustedIpRange.Contains(*IpAddress::Parse("10.200.0.1")));
