@@ -22,6 +22,17 @@ void SetFileStatus(bool upstream, std::uint64_t fileId, const KelString& status,
     FileStore::UpdateFileStatus(database.connection, fileId, status, StatusTime(when), 0);
 }
 
+bool SetFileStatus(bool upstream, std::uint64_t fileId, const KelString& expected, const KelString& status,
+                   TakenUp when) {
+    const FileStoreDatabase database = FileStoreGetDatabase(upstream);
+    const KelLock lock(database.mutex);
+    return database.connection.Query(KelFormat("UPDATE %s SET %s = '%Q', %s = %lu WHERE %s = %lu AND "
+                                               "%s = '%Q'",
+                                               kTableFiles, kFileStatus, status, kLastStatusChangeTime,
+                                               StatusTime(when), kFileId, fileId, kFileStatus, expected)) !=
+           nullptr;
+}
+
 bool SetFileStatus(bool upstream, const IdList& fileIds, const KelString& status, TakenUp when) {
     if (fileIds.IsEmpty()) return true;
     const FileStoreDatabase database = FileStoreGetDatabase(upstream);

@@ -16,6 +16,10 @@ enum class TakenUp : unsigned char {
 };
 
 void SetFileStatus(bool upstream, std::uint64_t fileId, const KelString& status, TakenUp when);
+/// The same for a step that took long: a row whose status is not `expected` any more stays what another made
+/// of it meanwhile. False when the database failed.
+bool SetFileStatus(bool upstream, std::uint64_t fileId, const KelString& expected, const KelString& status,
+                   TakenUp when);
 /// Many rows at once; false when the database failed and none was changed.
 bool SetFileStatus(bool upstream, const IdList& fileIds, const KelString& status, TakenUp when);
 

@@ -107,12 +107,12 @@ void FileStorePushThread::RunUploadPass(bool packedPass, bool& reachedParent, bo
     if (outcome == Outcome::Done) busy = true;
 }
 
-/// The passes came to rest, so a manual upload that has processed all it counted is over, too. Of what it
-/// counted, archives are not packed and absent files are dropped: with nothing left to pack it is over as
+/// A manual upload lasts until it has processed more than it counted, so also over a closed window. Of what
+/// it counted, archives are not packed and absent files are dropped: with nothing left to pack it is over as
 /// well.
 void FileStorePushThread::FinishManualUpload() {
     if (!FileStore::fProcessManualUpload) return;
-    if (FileStore::uCurrent < FileStore::uLimit && HasFilesToPack()) return;
+    if (FileStore::uCurrent <= FileStore::uLimit && HasFilesToPack()) return;
     FileStore::debugFileStore.Print("Manual upload process finished.\n");
     FileStore::fProcessManualUpload = false;
     FileStore::uCurrent = 0;

@@ -51,8 +51,6 @@ class FileStorePushThread : public FileThreadBase {
     void FinishManualUpload();
     bool IsRecent(std::int64_t statusTime) const;
 
-    // request_step.cpp
-
     // send_step.cpp
     bool SendRow(const FileStoreEntry& entry, const KelString& parentUrl, Batch& batch, bool& reachedParent);
     bool HandleRefusal(const FileStoreEntry& entry, unsigned int error);
@@ -70,5 +68,7 @@ class FileStorePushThread : public FileThreadBase {
     unsigned long currentTimeout_ = 300;  ///< seconds
     std::set<std::uint64_t>
         indexedFiles_;             ///< FileIds named in the index of the archive at strArchiveFilePath
-    std::uint64_t rowsTaken_ = 0;  ///< ever; a round that takes none is over, whatever its passes report
+    /// Rows that got another state or time, ever; those that are packed only once their archive is on its way.
+    /// A round that takes none is over, whatever its passes report: the next one would do the same.
+    std::uint64_t rowsTaken_ = 0;
 };

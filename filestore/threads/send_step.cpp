@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <ctime>
 
 #include "filestore/db/file_status.h"
@@ -21,9 +22,11 @@ namespace {
 constexpr const char* kOfferAction = "FileStoreReceiveFile";
 constexpr int kArchiveLevel = 6;
 
-/// Unpacked bytes of one archive: receivers refuse what unpacks to more than they are set to take. A file
-/// above it travels on its own.
-constexpr std::int64_t kMaxArchiveBytes = std::int64_t{1} << 30;
+// What one archive takes; a file that alone is above it travels on its own. Receivers refuse what unpacks to
+// more than they are set to take, and a container of more than 64 MiB, such as the index, cannot be read.
+constexpr std::int64_t kMaxArchiveBytes = std::int64_t{1} << 30;  ///< unpacked
+constexpr std::size_t kMaxIndexBytes = std::size_t{32} << 20;
+constexpr std::size_t kRecordBytes = 2048;  ///< of a file's entry in the index, without its FileInfo
 
 std::shared_ptr<const DBResult> SelectFilesToSend(const KelString& policyFilter) {
     return FileStore::pDbConnectionUpstream->Query(
@@ -42,8 +45,14 @@ KelString UpdateStatement(std::uint64_t fileId, const char* status, const KelStr
                      kFileStatus, status, kLastStatusChangeTime, kFileId, fileId);
 }
 
+/// The size is what a child announced; its content may be larger.
+std::int64_t ContentBytes(const FileStoreEntry& entry) {
+    return std::max(entry.FileSize, FileGetSize64(ContentPath(entry, true)));
+}
+
 bool IsToBePacked(const FileStoreEntry& entry) {
-    return IsPacking() && entry.FileType != kPackedFilesType && entry.FileSize <= kMaxArchiveBytes;
+    return IsPacking() && entry.FileType != kPackedFilesType && ContentBytes(entry) <= kMaxArchiveBytes &&
+           entry.FileInfo.size() + kRecordBytes <= kMaxIndexBytes;
 }
 
 }  // namespace
@@ -53,7 +62,20 @@ struct FileStorePushThread::Batch {
     KelContainer index;
     std::set<std::uint64_t> packed;
     std::int64_t packedBytes = 0;
+    std::size_t indexBytes = 0;
     KelVector<KelString> updates;
+
+    bool HasRoomFor(const FileStoreEntry& entry) const {
+        return ContentBytes(entry) <= kMaxArchiveBytes - packedBytes &&
+               entry.FileInfo.size() + kRecordBytes <= kMaxIndexBytes - indexBytes;
+    }
+    void Pack(const FileStoreEntry& entry) {
+        index.SetContainer("PackedFile", FileRecordOf(entry), static_cast<std::uint32_t>(packed.size()));
+        packed.insert(entry.FileId);
+        packedBytes += ContentBytes(entry);
+        indexBytes += entry.FileInfo.size() + kRecordBytes;
+        updates.push_back(UpdateStatement(entry.FileId, kStatusToBePacked, ""));
+    }
 };
 
 FileStorePushThread::Outcome FileStorePushThread::SendFile(bool& reachedParent, bool packedPass) {
@@ -71,10 +93,15 @@ FileStorePushThread::Outcome FileStorePushThread::SendFile(bool& reachedParent, 
         FileStoreEntry entry;
         entry.LoadFromResult(*rows, row);
         if (IsRecent(entry.LastStatusChangeTime)) break;
-        const bool isFull = !batch.packed.empty() && batch.packedBytes + entry.FileSize > kMaxArchiveBytes;
-        if (isFull && IsToBePacked(entry)) break;  // the next archive takes it
-        ++rowsTaken_;
-        if (!SendRow(entry, parentUrl, batch, reachedParent)) break;
+        if (!IsToBePacked(entry)) {
+            if (!SendRow(entry, parentUrl, batch, reachedParent)) break;
+            continue;
+        }
+        if (!batch.HasRoomFor(entry)) break;  // the next archive takes it
+        FileStore::debugFileStore.Detail("PushThread: File %S/%S/%S will be packed.\n", entry.FileType,
+                                         entry.FileLabel, entry.FileName);
+        batch.Pack(entry);
+        reachedParent = true;
     }
     if (!batch.packed.empty()) {
         if (!CreateArchive(batch.index)) return Outcome::Failed;
@@ -87,17 +114,6 @@ FileStorePushThread::Outcome FileStorePushThread::SendFile(bool& reachedParent, 
 bool FileStorePushThread::SendRow(const FileStoreEntry& entry, const KelString& parentUrl, Batch& batch,
                                   bool& reachedParent) {
     KelContainer record = FileRecordOf(entry);
-    if (IsToBePacked(entry)) {
-        FileStore::debugFileStore.Detail("PushThread: File %S/%S/%S will be packed.\n", entry.FileType,
-                                         entry.FileLabel, entry.FileName);
-        batch.index.SetContainer("PackedFile", std::move(record),
-                                 static_cast<std::uint32_t>(batch.packed.size()));
-        batch.packed.insert(entry.FileId);
-        batch.packedBytes += entry.FileSize;
-        batch.updates.push_back(UpdateStatement(entry.FileId, kStatusToBePacked, ""));
-        reachedParent = true;
-        return true;
-    }
     FileStore::debugFileStore.Detail("PushThread: Sending %S/%S/%S upstream\n", entry.FileType,
                                      entry.FileLabel, entry.FileName);
     const unsigned int error =
@@ -116,7 +132,8 @@ bool FileStorePushThread::HandleRefusal(const FileStoreEntry& entry, unsigned in
     FileStore::debugFileStore.Detail("PushThread: File send returned %u\n", error);
     const bool wrongScheme = error == kKelErrorGuidScheme;
     if (wrongScheme && !entry.FirstRelay.empty()) {
-        SetFileStatus(true, entry.FileId, kStatusAvailable, TakenUp::AtOnce);
+        if (SetFileStatus(true, entry.FileId, entry.FileStatus, kStatusAvailable, TakenUp::AtOnce))
+            ++rowsTaken_;
         return true;
     }
     KelString ownUrl;
@@ -130,7 +147,8 @@ bool FileStorePushThread::HandleRefusal(const FileStoreEntry& entry, unsigned in
                                                           kTableFiles, kSourceDevice, ownUrl, kFileId,
                                                           entry.FileId));
     }
-    SetFileStatus(true, entry.FileId, kStatusToBeUploaded, TakenUp::AfterTimeout);
+    if (SetFileStatus(true, entry.FileId, entry.FileStatus, kStatusToBeUploaded, TakenUp::AfterTimeout))
+        ++rowsTaken_;
     FileStore::debugFileStore.Detail("PushThread: File sending returned %u\n", error);
     return wrongScheme;
 }
@@ -164,5 +182,7 @@ bool FileStorePushThread::CommitBatch(const Batch& batch) {
     DBTransaction transaction(*FileStore::pDbConnectionUpstream);
     for (const KelString& update : batch.updates)
         if (FileStore::pDbConnectionUpstream->Query(update) == nullptr) return false;
-    return transaction.Commit();
+    if (!transaction.Commit()) return false;
+    rowsTaken_ += batch.updates.size() - batch.packed.size();
+    return true;
 }

@@ -68,6 +68,7 @@ FileStorePushThread::Outcome FileStorePushThread::UploadFile(bool& reachedParent
         const bool packedKept = SetFileStatus(true, batch.packed, kStatusPackedFile, TakenUp::AtOnce);
         const bool uploadedKept = SetFileStatus(true, batch.uploaded, kStatusAvailable, TakenUp::AtOnce);
         if (!packedKept || !uploadedKept) return Outcome::Failed;
+        rowsTaken_ += batch.packed.Count() + batch.uploaded.Count();
     }
     return batch.uploadFailed ? Outcome::Failed : Outcome::Done;
 }
@@ -81,7 +82,6 @@ void FileStorePushThread::TakeRow(const FileStoreEntry& entry, UploadBatch& batc
         PackRow(entry, path, batch);
     } else if (UploadRow(entry, path, batch.parentUrl)) {
         batch.uploaded.Add(entry.FileId);
-        ++rowsTaken_;
     } else {
         batch.failed = batch.uploadFailed = true;
     }
@@ -108,7 +108,6 @@ void FileStorePushThread::PackRow(const FileStoreEntry& entry, const KelString& 
         return;
     }
     batch.packed.Add(entry.FileId);
-    ++rowsTaken_;
 }
 
 /// Sends a complete archive on its way as a file of its own, or drops it when the batch failed.

@@ -1,3 +1,5 @@
+#include <filesystem>
+
 #include "filestore/transfer_fixture.h"
 #include "kel/format.h"
 
@@ -137,6 +139,37 @@ TEST_F(SendStepTest, PackingBeginsAnArchiveWithItsIndex) {
     EXPECT_EQ(Texts(index.GetContainer("PackedFile", 1), "FileName FileSize SourceDevice"),
               KelString("it's|4|") + kChild);
     EXPECT_EQ(Names(true, kStatusToBePacked), (KelVector<KelString>{"a", "it's"}));
+}
+
+TEST_F(SendStepTest, WhatIsTooMuchForAnArchiveTravelsAloneOrInTheNextOne) {
+    // Two of the first are too much for one index.
+    const KelString info = SetInfo(Make({{"Fact", KelString(17 << 20, 'x')}}));
+    const KelString moreInfo = SetInfo(Make({{"Fact", KelString(33 << 20, 'x')}}));
+    struct Case {
+        const char* name;
+        KelString set;
+        bool sparse;  ///< 2 GiB of content, whatever was announced
+        KelVector<KelString> offered, packed;
+    };
+    const Case cases[] = {
+        {"announced size", "FileSize = 9223372036854775807", false, {"large"}, {"a", "b"}},
+        {"size of the content", "FileSize = 1", true, {"large"}, {"a", "b"}},
+        {"its information", moreInfo, false, {"large"}, {"a", "b"}},
+        {"information of both", info, false, {}, {"a"}},
+    };
+    for (const Case& test : cases) {
+        SCOPED_TRACE(test.name);
+        DeleteRows();
+        AcceptAll();
+        FileStore::fConcatFiles = FileStore::fAutoConcat = true;
+        Waiting("a", test.offered.empty() ? info : "Priority = 1");
+        const FileStoreEntry large = Load(true, Waiting("large", test.set));
+        if (test.sparse) std::filesystem::resize_file(large.FilePath, std::uintmax_t{2} << 30);
+        Waiting("b");
+        EXPECT_EQ(Send(), Outcome::Done);
+        EXPECT_EQ(OfferedNames(), test.offered);
+        EXPECT_EQ(Names(true, kStatusToBePacked), test.packed);
+    }
 }
 
 }  // namespace

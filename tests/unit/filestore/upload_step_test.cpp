@@ -132,6 +132,23 @@ TEST_F(UploadStepTest, FailedArchiveIsDroppedAndItsFilesKeepWaiting) {
     }
 }
 
+TEST_F(UploadStepTest, ArchiveThatTheStoreDoesNotTakeIsTriedOnceInAStep) {
+    AcceptAll();
+    FileStore::fConcatFiles = FileStore::fAutoConcat = true;
+    for (const KelString& name : gathered_)
+        AddStored(true, name, kStatusToBeUploaded);
+    int tries = 0;
+    Fake("FileStoreReceiveFile ()", [&tries](KelContainer&) {
+        if (++tries == 10) FileStore::uCurrent = FileStore::uLimit + 1;  // ends a step that would not
+        return 1U;
+    });
+    push_.DoWork();
+    push_.DoWork();
+    EXPECT_LE(tries, 2);
+    EXPECT_EQ(Names(true, kStatusToBePacked), gathered_);
+    FileStore::uCurrent = 0;
+}
+
 TEST_F(UploadStepTest, StepAnnouncesAndPutsEverythingThatWaits) {
     AcceptAll();
     for (int i = 0; i < 60; ++i)
@@ -168,6 +185,21 @@ TEST_F(UploadStepTest, ManualUploadPacksWhatItCountedAndEnds) {
         EXPECT_TRUE(FileStore::uLimit == 0 && FileStore::uCurrent == 0);
         EXPECT_EQ(Names(true, kStatusPackedFile), files);
     }
+}
+
+TEST_F(UploadStepTest, ManualUploadWaitsForTheWindow) {
+    AcceptAll();
+    AddStored(true, "a", kStatusToBeUploaded);
+    CloseWindow(FileStore::bmTrackUsageUp);
+    KelContainer request;
+    EXPECT_EQ(FileStore::ActionHandler_FileStorePerformManualUpload(&request), 0U);
+    push_.DoWork();
+    EXPECT_TRUE(FileStore::fProcessManualUpload);
+    FileStore::bmTrackUsageUp.ClearWindow();
+    push_.DoWork();
+    push_.DoWork();
+    EXPECT_EQ(Names(true, kStatusPackedFile), KelVector<KelString>{"a"});
+    EXPECT_FALSE(FileStore::fProcessManualUpload);
 }
 
 }  // namespace
