@@ -67,8 +67,8 @@ class FileStorePushThread : public FileThreadBase {
     Phase phase_ = Phase::Upload;         ///< an unfinished upload is resumed before anything new is sent
     unsigned long currentTimeout_ = 300;  ///< seconds
     std::set<std::uint64_t>
-        indexedFiles_;             ///< FileIds named in the index of the archive at strArchiveFilePath
-    /// Rows that got another state or time, ever; those that are packed only once their archive is on its way.
-    /// A round that takes none is over, whatever its passes report: the next one would do the same.
+        indexedFiles_;  ///< FileIds named in the index of the archive at strArchiveFilePath
+    /// Rows that got another state or time, ever; those that are packed only once their archive is on its
+    /// way. A round that takes none is over, whatever its passes report: the next one would do the same.
     std::uint64_t rowsTaken_ = 0;
 };
