@@ -1,6 +1,8 @@
 #include "modules/console/console.h"
 
+#include <algorithm>
 #include <ctime>
+#include <unordered_set>
 
 #include "kel/checksum.h"
 #include "kel/path.h"
@@ -10,6 +12,7 @@
 #include "kelcore/callback_db.h"
 #include "kelcore/error_codes.h"
 #include "modules/console/device_tree.h"
+#include "modules/console/earlier_targets.h"
 
 namespace {
 
@@ -67,6 +70,44 @@ PublicationSummary SummaryOf(const PublicationRequest& request, const PackageFil
     return publication;
 }
 
+/// The values PublicationId; an empty one names none.
+KelVector<KelString> NamedPublications(const KelContainer& arguments) {
+    KelVector<KelString> ids;
+    const std::uint32_t count = arguments.Has("PublicationId") ? arguments.Count("PublicationId") : 0;
+    for (std::uint32_t i = 0; i < count; ++i) {
+        if (KelString id = arguments.GetString("PublicationId", {}, i); !id.empty())
+            ids.push_back(std::move(id));
+    }
+    return ids;
+}
+
+KelStatus CheckAllKnown(const KelVector<KelString>& ids, const KelVector<PublicationSummary>& publications) {
+    std::unordered_set<KelString> known;
+    for (const PublicationSummary& publication : publications)
+        known.insert(publication.id);
+    for (const KelString& id : ids) {
+        if (!known.contains(id))
+            return KelError{kKelErrorBadInput, KelFormat("There is no publication \"%S\"", id)};
+    }
+    return {};
+}
+
+/// The tree that leads to the targets that are to be offered the file; empty without any.
+KelResult<KelContainer> OfferedDevicePath(const PublicationPlan& plan,
+                                          const KelVector<PublicationTarget>& targets) {
+    KelVector<std::size_t> offered;
+    for (std::size_t i = 0; i < targets.size(); ++i) {
+        if (targets[i].status == "pending") offered.push_back(plan.targets[i]);
+    }
+    if (offered.empty()) return KelContainer();
+    return BuildDevicePath(plan.devices, offered);
+}
+
+std::int32_t CountOf(const KelVector<PublicationTarget>& targets, const char* status) {
+    return static_cast<std::int32_t>(std::count_if(
+        targets.begin(), targets.end(), [status](const auto& target) { return target.status == status; }));
+}
+
 }  // namespace
 
 Console::Console()
@@ -82,8 +123,8 @@ void Console::Register(const char* handle) {
         return [this, handler](KelContainer* arguments) { return (this->*handler)(arguments); };
     };
     ActionDbRegisterAction("ConsoleListDevices ()", bind(&Console::ListDevices), handle);
-    ActionDbRegisterAction("ConsoleListPublications (string PublicationId)", bind(&Console::ListPublications),
-                           handle);
+    ActionDbRegisterAction("ConsoleListPublications (string PublicationId, bool CountsOnly)",
+                           bind(&Console::ListPublications), handle);
     ActionDbRegisterAction(
         "ConsolePublish (string FilePath, string FileType, string FileLabel, string FileName, string Device, "
         "int32 Priority, bool Bypass, bool WakeOnLan, int32 KeepCopy, container FileInfo)",
@@ -174,16 +215,14 @@ KelResult<KelContainer> Console::ReadTargets(const KelString& id) {
 }
 
 unsigned int Console::ListPublications(KelContainer* arguments) {
-    const KelString id = arguments->GetString("PublicationId");
-    const auto publications = publications_.List(id.empty() ? std::nullopt : std::optional(id));
+    const KelVector<KelString> ids = NamedPublications(*arguments);
+    const auto publications = publications_.List(ids);
     if (!publications) return Fail(arguments, publications.Error());
+    if (const KelStatus known = CheckAllKnown(ids, *publications); !known)
+        return Fail(arguments, known.Error());
     auto result = KelResult<KelContainer>(KelContainer());
-    if (!id.empty()) {
-        if (publications->empty())
-            return Fail(arguments, {kKelErrorBadInput, KelFormat("There is no publication \"%S\"", id)});
-        result = ReadTargets(id);
-        if (!result) return Fail(arguments, result.Error());
-    }
+    if (ids.size() == 1 && !arguments->GetBool("CountsOnly")) result = ReadTargets(ids.front());
+    if (!result) return Fail(arguments, result.Error());
     *arguments = std::move(*result);
     std::uint32_t index = 0;
     for (const PublicationSummary& publication : *publications)
@@ -192,53 +231,53 @@ unsigned int Console::ListPublications(KelContainer* arguments) {
 }
 
 KelResult<PublicationPlan> Console::Plan(const PublicationRequest& request) {
-    const auto devices = directory_.Read();
+    auto devices = directory_.Read();
     if (!devices) return devices.Error();
     KelVector<KelString> leftOut;
-    const auto targets = ChooseTargets(*devices, request.devices, leftOut);
+    auto targets = ChooseTargets(*devices, request.devices, leftOut);
     if (!targets) return targets.Error();
     if (!leftOut.empty()) {
         Log().Warning("%lu devices are left out of the publication of %S; the first: %S\n", leftOut.size(),
                       request.fileName, leftOut.front());
     }
-    PublicationPlan plan;
-    plan.id = HexText(RandomBytes(kPublicationIdBytes));
-    plan.leftOut = leftOut.size();
-    if (targets->empty()) return plan;
-    auto path = BuildDevicePath(*devices, *targets);
-    if (!path) return path.Error();
-    plan.devicePath = std::move(*path);
-    for (const std::size_t target : *targets)
-        plan.guids.push_back((*devices)[target].guid);
-    return plan;
+    return PublicationPlan{HexText(RandomBytes(kPublicationIdBytes)), std::move(*devices),
+                           std::move(*targets), leftOut.size()};
 }
 
-/// Records the publication before the file goes out, since a receipt may follow at once.
 KelStatus Console::Offer(const PublicationRequest& request, const PackageFile& file,
-                         const PublicationPlan& plan) {
-    if (!publications_.Add(SummaryOf(request, file, plan.id), plan.guids)) {
-        return KelError{kKelErrorInternal,
-                        "The publication cannot be written to the console's database; see its log"};
-    }
-    KelContainer offer = OfferFor(request, file, plan.devicePath);
+                         const PublicationPlan& plan, const KelVector<PublicationTarget>& targets) {
+    auto devicePath = OfferedDevicePath(plan, targets);
+    if (!devicePath) return devicePath.Error();
+    KelContainer offer = OfferFor(request, file, std::move(*devicePath));
     const unsigned int code = CallLocal("FileStoreReceiveFile", offer);
     if (code == kKelOk) return {};
-    publications_.Remove(plan.id);
     return KelError{code,
                     KelFormat("The file store did not take %S, error %u; see its log", file.path, code)};
 }
 
+/// Records the publication before the file goes out, since a receipt may follow at once.
 KelResult<KelContainer> Console::PublishFile(const PublicationRequest& request) {
     const auto plan = Plan(request);
     if (!plan) return plan.Error();
     const auto file = CopyToPackages(DataPath(), request.filePath, request.fileLabel, request.fileName);
     if (!file) return file.Error();
-    if (const KelStatus offered = Offer(request, *file, *plan); !offered) return offered.Error();
+    const auto targets = publications_.Add(SummaryOf(request, *file, plan->id),
+                                           [&plan](const KelVector<EarlierTarget>& earlier) {
+                                               return SettleTargets(plan->devices, plan->targets, earlier);
+                                           });
+    if (!targets) return targets.Error();
+    if (const KelStatus offered = Offer(request, *file, *plan, *targets); !offered) {
+        publications_.Remove(plan->id);
+        return offered.Error();
+    }
     KelContainer result;
     result.SetString("PublicationId", plan->id);
     result.SetString("FileChecksum", file->checksum);
     result.SetInt64("FileSize", file->size);
-    result.SetInt32("Targets", static_cast<std::int32_t>(plan->guids.size()));
+    result.SetInt32("Targets", static_cast<std::int32_t>(targets->size()));
+    result.SetInt32("Delivered", CountOf(*targets, "delivered"));
+    result.SetInt32("Failed", CountOf(*targets, "failed"));
+    result.SetInt32("Pending", CountOf(*targets, "pending"));
     result.SetInt32("LeftOut", static_cast<std::int32_t>(plan->leftOut));
     return result;
 }
@@ -258,8 +297,10 @@ unsigned int Console::Publish(KelContainer* arguments) {
         Log().Warning("Nothing was published: %S\n", result.Error().message);
         return Fail(arguments, result.Error());
     }
-    Log().Print("Published %S/%S/%S to %d devices as %S\n", request->fileType, request->fileLabel,
-                request->fileName, result->GetInt32("Targets"), result->GetString("PublicationId"));
+    Log().Print("Published %S/%S/%S to %d devices as %S; %d have it already, %d cannot get it\n",
+                request->fileType, request->fileLabel, request->fileName, result->GetInt32("Targets"),
+                result->GetString("PublicationId"), result->GetInt32("Delivered"),
+                result->GetInt32("Failed"));
     *arguments = std::move(*result);
     return kKelOk;
 }

@@ -15,17 +15,16 @@
 /// - ConsoleListDevices -> Values[i]{GUID, Name, Role, Address, Parent, PathName, FirstSeen, LastSeen (int64,
 ///   seconds since the epoch, 0 for never)}, the master first
 /// - ConsolePublish (FilePath, FileType, FileLabel; optional FileName, Device[i] (GUID or name, or one "all"
-/// or
-///   "none"), Priority, Bypass, WakeOnLan, KeepCopy, FileInfo) -> PublicationId, FileChecksum, FileSize
-///   (int64, bytes), Targets, LeftOut (int32: devices that "all" could not reach). A call from another device
+///   or "none"), Priority, Bypass, WakeOnLan, KeepCopy, FileInfo) -> PublicationId, FileChecksum, FileSize
+///   (int64, bytes), Targets, Delivered, Failed, Pending (int32: how the targets stand before the file goes
+///   out; see SettleTargets), LeftOut (int32: devices that "all" could not reach). A call from another device
 ///   is refused, for it names a file of this one.
-/// - ConsoleListPublications (optional PublicationId) -> Values[i]{PublicationId, FileType, FileLabel,
-///   FileName, FileChecksum, FileSize, CreateTime (int64), Priority, Targets, Delivered, Failed, Pending
-///   (int32)}, the latest first, and for one publication Devices[i]{GUID, Name, Status, Time (int64),
-///   Message}
-/// - ConsoleReceiveUpstream: subscribed to the event FileStoreCallbackCopyUpstream; see UpstreamIntake. Only
-/// for
-///   this device.
+/// - ConsoleListPublications (optional PublicationId[i], CountsOnly) -> Values[i]{PublicationId, FileType,
+///   FileLabel, FileName, FileChecksum, FileSize, CreateTime (int64), Priority, Targets, Delivered, Failed,
+///   Pending (int32)}, the latest first, all or those named, which must be known; for one named publication
+///   and unless CountsOnly also Devices[i]{GUID, Name, Status, Time (int64), Message}
+/// - ConsoleReceiveUpstream: subscribed to the event FileStoreCallbackCopyUpstream; see UpstreamIntake.
+///   Only for this device.
 /// - QuarnelDbObjectListTypes -> Types[i]; QuarnelDbRunScript: not available here. Other modules tell a
 ///   master by them.
 ///
@@ -51,7 +50,8 @@ class Console : public KelModule {
 
     KelResult<PublicationPlan> Plan(const PublicationRequest& request);
     KelResult<KelContainer> PublishFile(const PublicationRequest& request);
-    KelStatus Offer(const PublicationRequest& request, const PackageFile& file, const PublicationPlan& plan);
+    KelStatus Offer(const PublicationRequest& request, const PackageFile& file, const PublicationPlan& plan,
+                    const KelVector<PublicationTarget>& targets);
     KelResult<KelContainer> ReadTargets(const KelString& id);
 
     ConsoleDatabase database_;

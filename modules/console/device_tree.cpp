@@ -11,23 +11,21 @@ class TargetTree {
   public:
     explicit TargetTree(const KelVector<Device>& devices)
         : devices_(devices),
+          ways_(devices),
           isTarget_(devices.size()),
           isIncluded_(devices.size()),
           children_(devices.size()) {
-        for (std::size_t i = 0; i < devices.size(); ++i)
-            indexes_.emplace(devices[i].guid, i);
         isIncluded_[kMaster] = true;
     }
 
     KelStatus AddTarget(std::size_t target) {
         if (isTarget_[target]) return {};
         KelVector<std::size_t> way;
-        if (KelStatus found = FindWayUp(target, way); !found) return found;
+        if (KelStatus found = ways_.FindWayUp(target, way); !found) return found;
         isTarget_[target] = true;
-        for (const std::size_t device : way) {
-            if (isIncluded_[device]) break;
-            isIncluded_[device] = true;
-            children_[indexes_.at(devices_[device].parentGuid)].push_back(device);
+        for (std::size_t i = 0; i < way.size() && !isIncluded_[way[i]]; ++i) {
+            isIncluded_[way[i]] = true;
+            children_[i + 1 < way.size() ? way[i + 1] : kMaster].push_back(way[i]);
         }
         return {};
     }
@@ -43,40 +41,47 @@ class TargetTree {
     }
 
   private:
-    /// The devices from `device` up to the one below the master; empty for the master itself.
-    KelStatus FindWayUp(std::size_t device, KelVector<std::size_t>& way) const {
-        const KelString& name = devices_[device].name;
-        while (device != kMaster) {
-            way.push_back(device);
-            if (way.size() >= kMaxTreeLevels) {
-                return KelError{
-                    1, KelFormat("The parents of device %S go round in a circle or are more than %lu", name,
-                                 kMaxTreeLevels)};
-            }
-            const auto parent = indexes_.find(devices_[device].parentGuid);
-            if (parent == indexes_.end()) {
-                return KelError{1,
-                                KelFormat("Device %S cannot be reached: its parent, or one above it, is the "
-                                          "unknown device %S",
-                                          name, devices_[device].parentGuid)};
-            }
-            if (devices_[parent->second].role == "client") {
-                return KelError{1, KelFormat("Device %S cannot be reached: %S above it is a client, no relay",
-                                             name, devices_[parent->second].name)};
-            }
-            device = parent->second;
-        }
-        return {};
-    }
-
     const KelVector<Device>& devices_;
-    KelHash<KelString, std::size_t> indexes_;
+    const DeviceWays ways_;
     KelVector<bool> isTarget_;
     KelVector<bool> isIncluded_;
     KelVector<KelVector<std::size_t>> children_;
 };
 
 }  // namespace
+
+DeviceWays::DeviceWays(const KelVector<Device>& devices) : devices_(devices) {
+    for (std::size_t i = 0; i < devices.size(); ++i)
+        indexes_.emplace(devices[i].guid, i);
+}
+
+std::optional<std::size_t> DeviceWays::IndexOf(const KelString& guid) const {
+    const auto found = indexes_.find(guid);
+    return found == indexes_.end() ? std::nullopt : std::optional(found->second);
+}
+
+KelStatus DeviceWays::FindWayUp(std::size_t device, KelVector<std::size_t>& way) const {
+    const KelString& name = devices_[device].name;
+    while (device != kMaster) {
+        way.push_back(device);
+        if (way.size() >= kMaxTreeLevels) {
+            return KelError{1, KelFormat("The parents of device %S go round in a circle or are more than %lu",
+                                         name, kMaxTreeLevels)};
+        }
+        const auto parent = indexes_.find(devices_[device].parentGuid);
+        if (parent == indexes_.end()) {
+            return KelError{1, KelFormat("Device %S cannot be reached: its parent, or one above it, is the "
+                                         "unknown device %S",
+                                         name, devices_[device].parentGuid)};
+        }
+        if (devices_[parent->second].role == "client") {
+            return KelError{1, KelFormat("Device %S cannot be reached: %S above it is a client, no relay",
+                                         name, devices_[parent->second].name)};
+        }
+        device = parent->second;
+    }
+    return {};
+}
 
 KelResult<KelContainer> BuildDevicePath(const KelVector<Device>& devices,
                                         const KelVector<std::size_t>& targets) {

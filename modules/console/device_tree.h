@@ -1,11 +1,31 @@
 #pragma once
 
 #include <cstddef>
+#include <optional>
 
 #include "kel/container.h"
 #include "kel/result.h"
 #include "kel/types.h"
 #include "modules/console/device.h"
+
+/// The ways of `devices`, whose first entry is the master, from the master down to them. The list must
+/// outlive it unchanged. Concurrently.
+class DeviceWays {
+  public:
+    explicit DeviceWays(const KelVector<Device>& devices);
+
+    /// The device with this GUID; nothing when there is none.
+    std::optional<std::size_t> IndexOf(const KelString& guid) const;
+
+    /// Adds to `way` the devices from `device` up to the one below the master; none for the master itself. A
+    /// device whose parents do not lead to the master, or that lies deeper than kMaxTreeLevels, is an error
+    /// that names it.
+    KelStatus FindWayUp(std::size_t device, KelVector<std::size_t>& way) const;
+
+  private:
+    const KelVector<Device>& devices_;
+    KelHash<KelString, std::size_t> indexes_;
+};
 
 /// Builds the target tree of a file for the devices at the indexes `targets` (duplicates count once) of
 /// `devices`, whose first entry is the master.
@@ -15,8 +35,8 @@
 /// a target are included. A relay (or the master) that is a target and has targets below it appears once more
 /// among its own children, with an empty container.
 ///
-/// A device whose parents do not lead to the master, or that lies deeper than kMaxTreeLevels, is an error
-/// that names it; so is an empty list of targets.
+/// A device without a way from the master (see DeviceWays) is an error that names it; so is an empty list of
+/// targets.
 KelResult<KelContainer> BuildDevicePath(const KelVector<Device>& devices,
                                         const KelVector<std::size_t>& targets);
 

@@ -94,6 +94,8 @@ KelResult<KelVector<std::size_t>> ChooseTargets(const KelVector<Device>& devices
         if (!chosen[*found]) targets.push_back(*found);
         chosen[*found] = true;
     }
+    if (const auto problems = RemoveUnreachable(devices, targets); !problems.empty())
+        return KelError{1, problems.front()};
     return targets;
 }
 

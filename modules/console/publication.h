@@ -23,9 +23,9 @@ struct PublicationRequest {
 /// Where a publication is to go.
 struct PublicationPlan {
     KelString id;
-    KelVector<KelString> guids;  ///< of the targets
-    KelContainer devicePath;     ///< the tree that leads to them, empty without targets
-    std::size_t leftOut = 0;     ///< devices that "all" could not reach
+    KelVector<Device> devices;       ///< of the tree at this moment, the master first
+    KelVector<std::size_t> targets;  ///< their indexes in `devices`, each once; all can be reached
+    std::size_t leftOut = 0;         ///< devices that "all" could not reach
 };
 
 /// Reads and checks the arguments of ConsolePublish; an unusable one is an error that names it.
@@ -33,7 +33,8 @@ KelResult<PublicationRequest> ReadPublicationRequest(const KelContainer& argumen
 
 /// The indexes in `devices` of the devices that the request names, each once. "all" is every device but the
 /// master, which is the first, as far as it can be reached: why others are left out is added to `leftOut`.
-/// "none" is no device: the file is only there to be asked for.
+/// "none" is no device: the file is only there to be asked for. A named device that cannot be reached is an
+/// error that names it.
 KelResult<KelVector<std::size_t>> ChooseTargets(const KelVector<Device>& devices,
                                                 const KelVector<KelString>& wanted,
                                                 KelVector<KelString>& leftOut);

@@ -1,8 +1,9 @@
 #pragma once
 
 #include <cstdint>
-#include <optional>
+#include <functional>
 
+#include "kel/mutex.h"
 #include "kel/result.h"
 #include "kel/types.h"
 #include "modules/console/console_database.h"
@@ -27,19 +28,35 @@ struct PublicationSummary {
 struct PublicationTarget {
     KelString guid;
     KelString status;       ///< "pending", "delivered" or "failed"
-    std::int64_t time = 0;  ///< by the device's clock, seconds since the epoch; 0 while pending
+    std::int64_t time = 0;  ///< when the device told so, by its clock, seconds since the epoch; 0: it did not
     KelString message;
 };
+
+/// What became of earlier publications of a file's type, label and name on one device.
+struct EarlierTarget {
+    KelString guid;
+    bool isSameContent = false;  ///< by the checksum
+    KelString status;            ///< as of a target; always "delivered" for another content
+    std::int64_t time = 0;       ///< as of a target
+    KelString message;
+    std::int64_t publication = 0;  ///< its place in the order of all publications
+};
+
+/// Decides where a file stands on its targets before it goes out. It may call nothing that takes a receipt.
+using TargetDecision = std::function<KelVector<PublicationTarget>(const KelVector<EarlierTarget>&)>;
 
 /// The publications and their targets in the console's database. Any thread.
 class PublicationStore {
   public:
     explicit PublicationStore(ConsoleDatabase& database) : database_(database) {}
 
-    /// Adds a publication with one pending target per GUID (each once). A device that had this very file by
-    /// an earlier publication counts as delivered at once, for it gets it no second time and sends no
-    /// receipt. False, with nothing added, when it could not be written.
-    bool Add(const PublicationSummary& publication, const KelVector<KelString>& guids);
+    /// Adds a publication with the targets (each GUID once) on which `decide` settles from what is known of
+    /// earlier ones: for each device at most one entry of each status for the same content and the latest
+    /// delivery of another content; targets that were never offered the file are left out. Neither a receipt
+    /// nor another publication comes between the look and the writing. Returns the targets; an error, with
+    /// nothing added, when the database does not answer.
+    KelResult<KelVector<PublicationTarget>> Add(const PublicationSummary& publication,
+                                                const TargetDecision& decide);
 
     /// Takes back a publication that did not come about.
     void Remove(const KelString& id);
@@ -49,12 +66,15 @@ class PublicationStore {
     /// could not be written.
     bool Take(const DeliveryReceipt& receipt, std::int64_t now);
 
-    /// The publications, the latest first; with an id only that one (none: it is unknown).
-    KelResult<KelVector<PublicationSummary>> List(const std::optional<KelString>& id);
+    /// The publications, the latest first; with ids only those, as far as they are known.
+    KelResult<KelVector<PublicationSummary>> List(const KelVector<KelString>& ids);
 
     /// The targets of a publication by GUID.
     KelResult<KelVector<PublicationTarget>> ListTargets(const KelString& id);
 
   private:
+    KelResult<KelVector<EarlierTarget>> ListEarlierTargets(const PublicationSummary& publication);
+
     ConsoleDatabase& database_;
+    KelMutex mutex_;  ///< the statuses of targets: held from the look at them until they are written
 };

@@ -19,12 +19,13 @@ class ConsoleUpstreamTest : public ConsoleTest {
                        "PathName=" + url + "/02-00-0A-00-00-09/10.0.0.9/255.0.0.0",
                        "Time=" + std::to_string(time)});
     }
-    /// That of `guid` on what was offered to the store first.
-    KelContainer Receipt(const std::string& guid, const std::string& status, int time) const {
+    /// That of `guid` on what was offered to the store first, or at another place.
+    KelContainer Receipt(const std::string& guid, const std::string& status, int time,
+                         std::size_t offer = 0) const {
         KelContainer receipt = Values(
             {"GUID=" + guid, "Status=" + status, "Message=it's " + status, "Time=" + std::to_string(time)});
         for (const char* name : {"FileType", "FileLabel", "FileName", "FileChecksum"})
-            receipt.SetString(name, Offers().at(0).GetString(name));
+            receipt.SetString(name, Offers().at(offer).GetString(name));
         return receipt;
     }
 
@@ -52,6 +53,26 @@ class ConsoleUpstreamTest : public ConsoleTest {
         const KelContainer& values = publication.GetContainer("Values");
         return values.GetString("Delivered") + "/" + values.GetString("Failed") + "/" +
                values.GetString("Pending") + " of " + values.GetString("Targets");
+    }
+
+    /// What the publication says of its first device.
+    static std::string MessageOf(const KelContainer& published) {
+        KelContainer publication = Values({"PublicationId=" + published.GetString("PublicationId")});
+        EXPECT_EQ(Call("ConsoleListPublications", publication), 0U);
+        return publication.GetContainer("Devices").GetString("Message");
+    }
+    /// A publication of the file with this content, which must stand so at once: "delivered/failed/pending of
+    /// targets". Only pending targets are offered the file, all of them.
+    KelContainer PublishContent(const std::string& content, const KelContainer& request,
+                                const std::string& expected) {
+        TempFolder::Write(root_ / "setup.bin", content);
+        const KelContainer published = Publish(request);
+        EXPECT_EQ(published.GetString("Delivered") + "/" + published.GetString("Failed") + "/" +
+                      published.GetString("Pending") + " of " + published.GetString("Targets"),
+                  expected);
+        EXPECT_EQ(Counts(published), expected);
+        EXPECT_EQ(Offers().back().Has("DevicePath"), published.GetInt32("Pending") > 0);
+        return published;
     }
 
     const std::int64_t now_ = std::time(nullptr);
@@ -154,8 +175,85 @@ TEST_F(ConsoleUpstreamTest, WhatADeviceHasAlreadyCountsAtOnce) {
     RunningModule<Console> module;
     Publish(Request("north"));
     TakeReceipt(Receipt(kNorth, "delivered", 100));
-    EXPECT_EQ(Counts(Publish(Request("all"))), "1/0/1 of 2");
-    EXPECT_EQ(Counts(Publish(With(Request("north"), {"FileLabel=other"}))), "0/0/1 of 1");
+    PublishContent("content", Request("north"), "1/0/0 of 1");
+    PublishContent("content", With(Request("north"), {"FileLabel=other"}), "0/0/1 of 1");
+}
+
+TEST_F(ConsoleUpstreamTest, ADeviceThatGotAnotherContentSinceDoesNotGetTheFormerOneBack) {
+    RunningModule<Console> module;
+    for (const auto& [label, laterTime] :
+         {std::pair("FileLabel=later", 101), {"FileLabel=same second", 100}}) {
+        const KelContainer request = With(Request("north"), {label});
+        const std::size_t first = OfferCount();
+        PublishContent("content", request, "0/0/1 of 1");
+        TakeReceipt(Receipt(kNorth, "delivered", 100, first));
+        PublishContent("newer", request, "0/0/1 of 1");
+        TakeReceipt(Receipt(kNorth, "delivered", laterTime, first + 1));
+        for (int i = 0; i < 2; ++i) {
+            const KelContainer former = PublishContent("content", request, "0/1/0 of 1");
+            EXPECT_NE(MessageOf(former).find("another label"), std::string::npos) << MessageOf(former);
+            PublishContent("newer", request, "1/0/0 of 1");
+        }
+    }
+}
+
+TEST_F(ConsoleUpstreamTest, APendingTargetIsOfferedTheFileAgainAFailedOneIsNot) {
+    RunningModule<Console> module;
+    Publish(Request("north"));
+    PublishContent("content", Request("north"), "0/0/1 of 1");
+    TakeReceipt(Receipt(kNorth, "failed", 100));
+    const std::string message = MessageOf(PublishContent("content", Request("north"), "0/1/0 of 1"));
+    EXPECT_NE(message.find("it's failed"), std::string::npos) << message;
+    EXPECT_EQ(MessageOf(PublishContent("content", Request("north"), "0/1/0 of 1")), message);
+}
+
+TEST_F(ConsoleUpstreamTest, ATargetBehindAStoreThatTookTheFileWithoutItFailsAtOnce) {
+    const std::string far = "ABCD0000-0000-0000-0000-000000000004";
+    const std::string farPath = "127.0.3.4:1610/" + far + "/0/127.0.3.4/255.0.0.0";
+    WriteDevices(BothDevices() + far + "=" + farPath + " " + kNorth + " client far\n");
+    RunningModule<Console> module;
+    TakeIdentity(Identity(kDesk, "desk-9", now_));
+    PublishContent("content", Request("desk"), "0/0/1 of 1");
+    PublishContent("content", Request("all"), "0/2/2 of 4");
+    const KelContainer desk9 = With({}, Identity(kDesk, "desk-9", now_).GetString("PathName"), {});
+    const KelContainer both = With(desk9, kNorthPath, With({}, kClientPath, {}));
+    EXPECT_EQ(Offers().back().GetContainer("DevicePath"), With({}, kMasterPath, both));
+
+    for (const char* device : {"far", "north"}) {
+        const KelContainer published = PublishContent("content", Request(device), "0/1/0 of 1");
+        EXPECT_NE(MessageOf(published).find("store of north"), std::string::npos) << MessageOf(published);
+        TakeReceipt(Receipt(device == std::string("far") ? far : kNorth, "delivered", 100));
+        EXPECT_EQ(Counts(published), "1/0/0 of 1") << "it fetched the file by request";
+    }
+    PublishContent("content", Request("all"), "2/0/2 of 4");
+}
+
+TEST_F(ConsoleUpstreamTest, ATargetThatWasNeverOfferedTheFileIsOnceItsWayIsFree) {
+    RunningModule<Console> module;
+    PublishContent("content", Request("north"), "0/0/1 of 1");
+    PublishContent("content", Request("desk"), "0/1/0 of 1");
+    TakeIdentity(With(Identity(kClient, "desk", now_),
+                      {"DeviceUrl=127.0.3.3:1610/" + kClient, "PathName=" + kClientPath}));
+    PublishContent("content", Request("desk"), "0/0/1 of 1");
+}
+
+TEST_F(ConsoleUpstreamTest, SeveralPublicationsAreListedByTheirCounts) {
+    RunningModule<Console> module;
+    KelContainer named;
+    for (std::uint32_t i = 0; i < 3; ++i)
+        named.SetString("PublicationId", Publish(Request("north")).GetString("PublicationId"), i);
+    named.SetString("PublicationId", named.GetString("PublicationId", {}, 0), 1);
+    KelContainer listed = named;
+    EXPECT_EQ(Call("ConsoleListPublications", listed), 0U);
+    EXPECT_EQ(listed.Count("Values"), 2U);
+    EXPECT_EQ(listed.GetContainer("Values").GetString("PublicationId"),
+              named.GetString("PublicationId", {}, 2));
+    EXPECT_FALSE(listed.Has("Devices"));
+    KelContainer one = Values({"CountsOnly=true", "PublicationId=" + named.GetString("PublicationId")});
+    EXPECT_EQ(Call("ConsoleListPublications", one), 0U);
+    EXPECT_EQ(one.Count("Values"), 1U);
+    EXPECT_FALSE(one.Has("Devices"));
+    EXPECT_EQ(Call("ConsoleListPublications", With(named, {"PublicationId=unknown"})), kKelErrorBadInput);
 }
 
 TEST_F(ConsoleUpstreamTest, TheLatestPublicationComesFirstEvenWithinOneSecond) {
