@@ -16,6 +16,7 @@ int RunCollected(const CommonOptions& common, const CollectedOptions& options);
 int RunRequest(const CommonOptions& common, const RequestOptions& options);
 int RunUpload(const CommonOptions& common, const UploadOptions& options);
 int RunFiles(const CommonOptions& common, const FilesOptions& options);
+int RunFile(const CommonOptions& common, const FileOptions& options);
 int RunSettings(const CommonOptions& common, const SettingsOptions& options);
 int RunWindows(const CommonOptions& common, const WindowsOptions& options);
 int RunInbox(const CommonOptions& common, const InboxOptions& options);

@@ -19,6 +19,7 @@ struct Runner {
     int operator()(const RequestOptions& options) const { return RunRequest(common, options); }
     int operator()(const UploadOptions& options) const { return RunUpload(common, options); }
     int operator()(const FilesOptions& options) const { return RunFiles(common, options); }
+    int operator()(const FileOptions& options) const { return RunFile(common, options); }
     int operator()(const SettingsOptions& options) const { return RunSettings(common, options); }
     int operator()(const WindowsOptions& options) const { return RunWindows(common, options); }
     int operator()(const InboxOptions& options) const { return RunInbox(common, options); }

@@ -1,6 +1,10 @@
 #include "cli/options.h"
 
 #include <CLI/CLI.hpp>
+#include <limits>
+
+#include "cli/remote.h"
+#include "cli/table.h"
 
 namespace {
 
@@ -13,6 +17,7 @@ struct Parsed {
     SendOptions send;
     RequestOptions request;
     FilesOptions files;
+    FileOptions file;
     SettingsOptions settings;
     WindowsOptions windows;
     CallOptions call;
@@ -22,8 +27,12 @@ struct Parsed {
 void DefineCommon(CLI::App& app, CommonOptions& common) {
     auto* root =
         app.add_option("--root", common.root, "Root folder of an agent on this machine")->type_name("DIR");
-    auto* url =
-        app.add_option("--url", common.url, "Address of an agent: http://HOST:PORT")->type_name("URL");
+    auto* url = app.add_option("--url", common.url, "Address of an agent: http://HOST:PORT")
+                    ->type_name("URL")
+                    ->check([](const std::string& text) {
+                        const auto address = AddressOfUrl(text);
+                        return address ? std::string() : Printable(address.Error().message);
+                    });
     auto* user = app.add_option("--user", common.user, "Agent name of the tree, with --url");
     auto* password =
         app.add_option("--password-file", common.passwordFile, "File that holds the tree's password")
@@ -73,7 +82,9 @@ void DefinePublish(CLI::App& app, Parsed& parsed) {
     command->add_option("--priority", publish.priority, "Files of higher priority go first")
         ->capture_default_str();
     command->add_flag("--bypass", publish.bypass, "Go also while transfer windows are closed");
-    command->add_flag("--wake", publish.wake, "Wake devices that do not answer");
+    command->add_flag("--wake", publish.wake,
+                      "Wake devices that do not answer; needs a module with the action WakeOnLanWakeUp,"
+                      " which this version does not ship");
     command->add_flag("--watch", publish.watch,
                       "Go on until every target has the files; interrupting it leaves the transfers running");
     command->callback([&parsed] { parsed.chosen = parsed.publish; });
@@ -136,7 +147,7 @@ void DefineWindows(CLI::App& app, Parsed& parsed) {
     set->add_option("--slot-type", windows.slotType,
                     "Unit: 1 bit/s, 2 kbit/s, 3 Mbit/s, 7 per cent, 8 per thousand")
         ->capture_default_str()
-        ->check(CLI::Range(1, 8));
+        ->check(CLI::IsMember({1, 2, 3, 7, 8}));
     set->add_flag("--utc", windows.utc, "Hours are of UTC, not local time");
     set->callback([&windows] {
         if (windows.slots.empty() && !windows.remove) throw CLI::RequiredError("--slots or --remove");
@@ -165,6 +176,12 @@ void DefineQueries(CLI::App& app, Parsed& parsed) {
     auto* files = app.add_subcommand("files", "Files in the store");
     files->add_flag("--upstream", parsed.files.upstream, "Those on their way to the master");
     files->callback([&parsed] { parsed.chosen = parsed.files; });
+    auto* file = app.add_subcommand("file", "One file of the store, with all its values");
+    file->add_option("ID", parsed.file.id, "Its number, as 'kel files' shows it")
+        ->required()
+        ->check(CLI::Range(1, std::numeric_limits<std::int32_t>::max()));
+    file->add_flag("--upstream", parsed.file.upstream, "One of those on their way to the master");
+    file->callback([&parsed] { parsed.chosen = parsed.file; });
 }
 
 }  // namespace

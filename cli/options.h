@@ -73,6 +73,11 @@ struct FilesOptions {
     bool upstream = false;
 };
 
+struct FileOptions {
+    std::int32_t id = 0;
+    bool upstream = false;
+};
+
 struct SettingsOptions {
     KelVector<KelString> names;        ///< get: which; empty for all
     KelVector<KelString> assignments;  ///< set: "NAME=VALUE"; empty for get
@@ -93,7 +98,7 @@ struct CallOptions {
 
 using CommandOptions =
     std::variant<InitOptions, StatusOptions, DevicesOptions, PublishOptions, PublicationsOptions, SendOptions,
-                 CollectedOptions, RequestOptions, UploadOptions, FilesOptions, SettingsOptions,
+                 CollectedOptions, RequestOptions, UploadOptions, FilesOptions, FileOptions, SettingsOptions,
                  WindowsOptions, InboxOptions, CallOptions>;
 
 struct Options {

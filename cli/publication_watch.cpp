@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <csignal>
 #include <cstdio>
@@ -12,7 +13,7 @@
 
 namespace {
 
-constexpr timespec kPollPause{0, 500'000'000};
+constexpr std::chrono::milliseconds kPollPause{500};
 constexpr std::size_t kBarWidth = 20;
 
 volatile std::sig_atomic_t g_interrupted = 0;
@@ -64,20 +65,16 @@ class WatchDisplay {
     KelVector<KelString> texts_;
 };
 
-/// Takes the counts over from what the master answers.
-void TakeCounts(const KelContainer& answer, KelContainer& published) {
-    for (std::uint32_t i = 0; i < published.Count("Values"); ++i) {
-        KelContainer item = published.GetContainer("Values", i);
-        const KelString id = item.GetString("PublicationId");
-        const std::uint32_t count = answer.Has("Values") ? answer.Count("Values") : 0;
-        for (std::uint32_t j = 0; j < count; ++j) {
-            const KelContainer& known = answer.GetContainer("Values", j);
-            if (known.GetString("PublicationId") != id) continue;
-            for (const char* name : {"Targets", "Delivered", "Failed", "Pending"})
-                item.SetInt32(name, known.GetInt32(name));
-        }
-        published.SetContainer("Values", std::move(item), i);
-    }
+/// The number of publications under "Values".
+std::uint32_t CountOf(const KelContainer& container) {
+    return container.Has("Values") ? container.Count("Values") : 0;
+}
+
+/// Ends early when a signal arrives.
+void Sleep(std::chrono::nanoseconds time) {
+    const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(time);
+    const timespec pause{seconds.count(), (time - seconds).count()};
+    nanosleep(&pause, nullptr);
 }
 
 /// The state of all together.
@@ -109,20 +106,49 @@ KelString WatchText(const KelContainer& publication) {
     return text;
 }
 
+KelContainer WatchArguments(const KelContainer& published) {
+    KelContainer arguments;
+    arguments.SetBool("CountsOnly", true);
+    for (std::uint32_t i = 0; i < CountOf(published); ++i)
+        arguments.SetString("PublicationId", published.GetContainer("Values", i).GetString("PublicationId"),
+                            i);
+    return arguments;
+}
+
+void TakeCounts(const KelContainer& answer, KelContainer& published) {
+    KelHash<KelString, std::uint32_t> known;
+    for (std::uint32_t i = 0; i < CountOf(answer); ++i)
+        known.emplace(answer.GetContainer("Values", i).GetString("PublicationId"), i);
+    for (std::uint32_t i = 0; i < CountOf(published); ++i) {
+        KelContainer item = published.GetContainer("Values", i);
+        const auto found = known.find(item.GetString("PublicationId"));
+        if (found == known.end()) continue;
+        for (const char* name : {"Targets", "Delivered", "Failed", "Pending"})
+            item.SetInt32(name, answer.GetContainer("Values", found->second).GetInt32(name));
+        published.SetContainer("Values", std::move(item), i);
+    }
+}
+
+std::chrono::nanoseconds WatchPause(std::chrono::nanoseconds asked) {
+    return std::max<std::chrono::nanoseconds>(kPollPause, asked);
+}
+
 int WatchPublications(const Remote& remote, KelContainer& published) {
     if (!published.Has("Values")) return kExitDone;
     const InterruptGuard guard;
     WatchDisplay display(published.Count("Values"));
     while (g_interrupted == 0) {
-        KelContainer answer;
+        KelContainer answer = WatchArguments(published);
+        const auto begin = std::chrono::steady_clock::now();
         if (const unsigned int result = remote.Call("ConsoleListPublications", answer); result != 0)
             return ExitCodeOf(result);
+        const auto asked = std::chrono::steady_clock::now() - begin;
         TakeCounts(answer, published);
         display.Show(published);
         const PublicationState state = StateOfAll(published);
         if (state != PublicationState::Going)
             return state == PublicationState::Complete ? kExitDone : kExitFailed;
-        nanosleep(&kPollPause, nullptr);
+        Sleep(WatchPause(asked));
     }
     std::fputs("kel: the transfers go on; 'kel publications' shows how far they are\n", stderr);
     return kExitFailed;

@@ -2,6 +2,7 @@
 #include <cstdio>
 
 #include "cli/commands.h"
+#include "cli/file_names.h"
 #include "cli/list_output.h"
 #include "cli/progress_bar.h"
 #include "cli/publication_watch.h"
@@ -52,14 +53,29 @@ int PublishFiles(const Remote& remote, const PublishOptions& options, int timeou
     return kExitDone;
 }
 
-KelVector<Column> Columns(bool watched) {
+/// Says of each publication with failed targets where to read why. True when there is one.
+bool TellFailures(const KelContainer& published) {
+    bool told = false;
+    const std::uint32_t count = published.Has("Values") ? published.Count("Values") : 0;
+    for (std::uint32_t i = 0; i < count; ++i) {
+        const KelContainer& item = published.GetContainer("Values", i);
+        if (item.GetInt32("Failed") == 0) continue;
+        std::fprintf(stderr, "kel: %s failed on %d of %d devices; 'kel publications %s' tells why\n",
+                     Printable(item.GetString("File")).c_str(), item.GetInt32("Failed"),
+                     item.GetInt32("Targets"), Printable(item.GetString("PublicationId")).c_str());
+        told = true;
+    }
+    return told;
+}
+
+KelVector<Column> Columns(bool withCounts) {
     KelVector<Column> columns = {
         ValueColumn("PUBLICATION", "PublicationId"),
         ValueColumn("FILE", "File"),
         {"SIZE", [](const KelContainer& item) { return SizeText(item.GetInt64("FileSize")); }},
         ValueColumn("CHECKSUM", "FileChecksum"),
         ValueColumn("TARGETS", "Targets")};
-    if (watched)
+    if (withCounts)
         columns.insert(columns.end(), {ValueColumn("DELIVERED", "Delivered"), ValueColumn("FAILED", "Failed"),
                                        ValueColumn("PENDING", "Pending")});
     return columns;
@@ -68,12 +84,16 @@ KelVector<Column> Columns(bool watched) {
 }  // namespace
 
 int RunPublish(const CommonOptions& common, const PublishOptions& options) {
+    if (const KelStatus usable = CheckDifferentNames(options.files); !usable) return Complain(usable.Error());
     const auto remote = Remote::Open(common);
     if (!remote) return Complain(remote.Error());
     KelContainer published;
     const int timeout = std::max(common.timeoutSeconds, kPublishTimeoutSeconds);
     int exitCode = PublishFiles(*remote, options, timeout, published);
     if (options.watch) exitCode = std::max(exitCode, WatchPublications(*remote, published));
-    PrintList(published, "Values", common.json, Columns(options.watch));
+    const bool failed = TellFailures(published);
+    if (failed) exitCode = std::max(exitCode, kExitFailed);
+    if (common.json || published.Has("Values"))
+        PrintList(published, "Values", common.json, Columns(options.watch || failed));
     return exitCode;
 }

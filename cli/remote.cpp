@@ -55,15 +55,21 @@ KelResult<Target> FromRoot(const KelString& root) {
 }
 
 KelResult<Target> FromUrl(const CommonOptions& options) {
-    UrlInet url;
-    if (!UrlParseInet(options.url, url) || url.scheme != "http" || url.host.empty() || url.port == 0)
-        return KelError{1, "'" + options.url + "' is no http://HOST:PORT"};
+    auto address = AddressOfUrl(options.url);
+    if (!address) return address.Error();
     auto password = ReadPasswordFile(options.passwordFile);
     if (!password) return password.Error();
-    return Target{url.host + ":" + std::to_string(url.port), {}, options.user, *password};
+    return Target{*address, {}, options.user, *password};
 }
 
 }  // namespace
+
+KelResult<KelString> AddressOfUrl(const KelString& url) {
+    UrlInet parts;
+    if (!UrlParseInet(url, parts) || parts.scheme != "http" || parts.host.empty())
+        return KelError{1, "'" + url + "' is no http://HOST:PORT"};
+    return parts.host + ":" + std::to_string(parts.port);
+}
 
 KelResult<KelString> ReadPasswordFile(const KelString& path) {
     auto text = FileReadText(path, kMaxPasswordFileBytes);

@@ -29,6 +29,9 @@ class Remote {
     int timeoutSeconds_;
 };
 
+/// The "host:port" of an agent's URL "http://HOST:PORT"; an error that names an unusable one.
+KelResult<KelString> AddressOfUrl(const KelString& url);
+
 /// The exit code for the result of a call.
 int ExitCodeOf(unsigned int result);
 

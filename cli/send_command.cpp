@@ -1,8 +1,8 @@
 #include <algorithm>
 #include <cstdio>
-#include <set>
 
 #include "cli/commands.h"
+#include "cli/file_names.h"
 #include "cli/list_output.h"
 #include "cli/progress_bar.h"
 #include "cli/remote.h"
@@ -15,29 +15,20 @@ namespace {
 /// The agent copies and hashes the file before it answers.
 constexpr int kSendTimeoutSeconds = 3600;
 
-KelString NameOf(const KelString& file) {
-    KelString folder, name;
-    SplitPath(CompletePath(file), folder, name);
-    return name;
-}
-
 /// Refuses what could not arrive, before anything is sent.
 KelStatus CheckFiles(const KelVector<KelString>& files) {
-    std::set<KelString> names;
     for (const KelString& file : files) {
         if (FileGetSize64(file) == 0)
             return KelError{1, file + " is empty; only files with content travel up. Nothing was sent"};
-        if (!names.insert(NameOf(file)).second)
-            return KelError{1, "two of the files are named '" + NameOf(file) + "'; nothing was sent"};
     }
-    return {};
+    return CheckDifferentNames(files);
 }
 
 KelContainer SendArguments(const SendOptions& options, const KelString& file) {
     KelContainer arguments;
     arguments.SetString("FileType", options.type);
     arguments.SetString("FileLabel", options.label);
-    arguments.SetString("FileName", NameOf(file));
+    arguments.SetString("FileName", FileNameOf(file));
     arguments.SetString("CopyPath", CompletePath(file));
     arguments.SetBool("Upstream", true);
     arguments.SetInt32("Priority", options.priority);
@@ -50,7 +41,7 @@ KelContainer SentItem(const SendOptions& options, const KelString& file) {
     item.SetString("File", file);
     item.SetString("FileType", options.type);
     item.SetString("FileLabel", options.label);
-    item.SetString("FileName", NameOf(file));
+    item.SetString("FileName", FileNameOf(file));
     item.SetInt64("FileSize", FileGetSize64(file));
     return item;
 }

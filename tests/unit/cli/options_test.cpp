@@ -33,6 +33,9 @@ TEST(OptionsTest, UnusableArgumentsEndWithUsage) {
                              "--root r --url http://h:1 status",
                              "--url http://h:1 status",
                              "--url http://h:1 --user u status",
+                             "--url ftp://h:1 --user u --password-file f status",
+                             "--url http://h:99999 --user u --password-file f status",
+                             "--url h:1 --user u --password-file f status",
                              "--root r publish --type t --label l --to all",
                              "--root r publish /no/such/file --type t --label l --to all",
                              "init d --role boss --address 127.0.1.1 --port 1 --password-file f",
@@ -41,6 +44,11 @@ TEST(OptionsTest, UnusableArgumentsEndWithUsage) {
                              "init d --role master --address 127.0.1.1 --port 1",
                              "--root r windows set sideways --slots 1",
                              "--root r windows set up",
+                             "--root r windows set up --slots 1 --slot-type 4",
+                             "--root r windows set up --slots 1 --slot-type 6",
+                             "--root r file",
+                             "--root r file 0",
+                             "--root r file one",
                              "--root r settings",
                              "--root r settings set",
                              "--root r send --type t --label l",
@@ -82,7 +90,9 @@ TEST(OptionsTest, CommandsTakeTheirArguments) {
     EXPECT_EQ(request.waitSeconds, 30);
     EXPECT_EQ(CommandOf<PublicationsOptions>("publications abc").id, "abc");
     EXPECT_THAT(CommandOf<SettingsOptions>("settings set QueueGap=1").assignments, ElementsAre("QueueGap=1"));
+    EXPECT_EQ(CommandOf<FileOptions>("file 17 --upstream").id, 17);
     EXPECT_EQ(CommandOf<WindowsOptions>("windows").direction, "");
+    EXPECT_EQ(CommandOf<WindowsOptions>("windows set up --slots 50 --slot-type 7").slotType, 7);
     EXPECT_EQ(CommandOf<WindowsOptions>("windows set down --remove").direction, "down");
 }
 

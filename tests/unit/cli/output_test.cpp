@@ -2,6 +2,8 @@
 
 #include "cli/call_arguments.h"
 #include "cli/device_order.h"
+#include "cli/file_command.h"
+#include "cli/file_names.h"
 #include "cli/init_command.h"
 #include "cli/progress_bar.h"
 #include "cli/publication_watch.h"
@@ -51,6 +53,53 @@ TEST(PublicationWatchTest, AFailureCountsOnceNoTargetIsPending) {
         EXPECT_EQ(StateOf(publication), test.state) << test.text;
         EXPECT_EQ(WatchText(publication), test.text);
     }
+}
+
+TEST(PublicationWatchTest, AsksForItsOwnPublicationsAndTakesTheirCounts) {
+    const auto list = [](const KelVector<std::pair<const char*, int>>& publications) {
+        KelContainer container;
+        for (const auto& [id, delivered] : publications) {
+            KelContainer item;
+            item.SetString("PublicationId", id);
+            item.SetInt32("Delivered", delivered);
+            container.SetContainer("Values", item, KelContainer::kAbsent);
+        }
+        return container;
+    };
+    KelContainer published = list({{"a", 0}, {"b", 0}});
+    const KelContainer arguments = WatchArguments(published);
+    EXPECT_EQ(arguments.Count("PublicationId"), 2U);
+    EXPECT_EQ(arguments.GetString("PublicationId", {}, 1), "b");
+    EXPECT_TRUE(arguments.GetBool("CountsOnly"));
+    TakeCounts(list({{"b", 2}, {"a", 1}}), published);
+    EXPECT_EQ(published.GetContainer("Values", 0).GetInt32("Delivered"), 1);
+    EXPECT_EQ(published.GetContainer("Values", 1).GetInt32("Delivered"), 2);
+}
+
+TEST(PublicationWatchTest, AMasterThatAnswersSlowlyIsAskedLessOften) {
+    EXPECT_EQ(WatchPause(std::chrono::milliseconds(3)), std::chrono::milliseconds(500));
+    EXPECT_EQ(WatchPause(std::chrono::seconds(7)), std::chrono::seconds(7));
+}
+
+TEST(FileNamesTest, FilesOfOneNameInTwoFoldersAreRefused) {
+    EXPECT_TRUE(CheckDifferentNames({"d1/x.txt", "d1/y.txt"}));
+    const KelStatus same = CheckDifferentNames({"d1/x.txt", "d1/y.txt", "d2/../d2/x.txt"});
+    ASSERT_FALSE(same);
+    EXPECT_NE(same.Error().message.find("'x.txt'"), KelString::npos);
+}
+
+TEST(FileCommandTest, AllValuesAreShownForPeople) {
+    KelContainer file;
+    file.SetInt32("FileId", 7);
+    file.SetInt64("FileSize", 1536);
+    file.SetString("FileStatus", "_AGTMOD_FILESTORESTATUS_AVAILABLE_");
+    file.SetBool("Bypass", true);
+    KelString text;
+    const KelContainer list = FileValueList(file);
+    for (std::uint32_t i = 0; i < list.Count("Values"); ++i)
+        text += list.GetContainer("Values", i).GetString("Name") + "=" +
+                list.GetContainer("Values", i).GetString("Value") + " ";
+    EXPECT_EQ(text, "FileId=7 FileSize=1.5 KiB FileStatus=available Bypass=true ");
 }
 
 /// The devices of "GUID PARENT" texts as GUIDs, each behind a dot for each level of its depth.
