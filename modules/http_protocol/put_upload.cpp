@@ -16,6 +16,7 @@
 #include "kel/path.h"
 #include "kel/text.h"
 #include "kelcore/callback_db.h"
+#include "modules/http_protocol/agent_files.h"
 #include "modules/http_protocol/request_path.h"
 
 namespace kelhttp {
@@ -65,6 +66,11 @@ unsigned int PutUpload::Begin() {
     SplitPath(place_.rest, folder, name_);
     folder_ = place_.root->Open(folder.empty() ? "." : folder, O_RDONLY | O_DIRECTORY);
     if (!folder_) return Fail("open the folder of");
+    if (IsStateName(name_) && IsStateFolder(folder_)) {
+        log_.Warning("Upload of %S refused: %S/%S is kept for the agent's own files.\n", url_,
+                     place_.root->Path(), place_.rest);
+        return 403;
+    }
     file_.Reset(::openat(folder_.Get(), ".", O_TMPFILE | O_WRONLY | O_CLOEXEC, 0644));
     if (!file_ && errno != EOPNOTSUPP && errno != EISDIR) return Fail("make a file beside");
     if (const unsigned int status = file_ ? 0 : MakeHiddenFile()) return status;

@@ -1,9 +1,8 @@
 #include "modules/http_protocol/request_path.h"
 
-#include <array>
+#include <algorithm>
 
 #include "kel/path.h"
-#include "kel/text.h"
 
 namespace kelhttp {
 namespace {
@@ -42,10 +41,6 @@ bool DecodeElement(std::string_view encoded, KelString& decoded) {
     return IsSafePathElement(std::string_view(decoded).substr(start));
 }
 
-bool EndsWith(std::string_view text, std::string_view end) {
-    return text.size() >= end.size() && IsEqualTo(text.substr(text.size() - end.size()), end, false);
-}
-
 }  // namespace
 
 std::optional<KelString> DecodeRequestPath(std::string_view target) {
@@ -64,13 +59,7 @@ std::optional<KelString> DecodeRequestPath(std::string_view target) {
 }
 
 bool IsServableName(std::string_view path) {
-    static constexpr std::array<std::string_view, 5> kNever = {".sqlite", ".sqlite-wal", ".sqlite-shm",
-                                                               ".sqlite-journal", ".ini"};
-    for (const std::string_view end : kNever) {
-        if (EndsWith(path, end)) return false;
-    }
-    const std::string_view name = path.substr(path.rfind('/') + 1);
-    return !name.starts_with(kUploadPrefix);
+    return !path.substr(path.rfind('/') + 1).starts_with(kUploadPrefix);
 }
 
 }  // namespace kelhttp

@@ -12,8 +12,7 @@ namespace kelhttp {
 /// zero byte, a backslash, an escaped "/" or a malformed escape. Bytes beyond ASCII stand for themselves.
 std::optional<KelString> DecodeRequestPath(std::string_view target);
 
-/// False for names that are never served nor written, in any case of their letters: databases (*.sqlite and
-/// SQLite's files beside them), ini files, and the server's own unfinished uploads.
+/// False for what is never served nor written wherever it lies: the server's own unfinished uploads.
 bool IsServableName(std::string_view path);
 
 /// What the names of unfinished uploads begin with.

@@ -5,6 +5,8 @@
 
 #include "kel/file.h"
 #include "kel/format.h"
+#include "kel/path.h"
+#include "modules/http_protocol/agent_files.h"
 #include "modules/http_protocol/byte_range.h"
 #include "modules/http_protocol/request_path.h"
 
@@ -58,6 +60,17 @@ ByteRange RangeOf(const RequestHead& request, const KelString& tag, std::uint64_
     return ParseByteRange(range, size);
 }
 
+/// Opens what is to be served; invalid when it is not there, or not for others.
+UniqueFd OpenServable(const AliasMatch& place) {
+    constexpr int kFlags = O_RDONLY | O_NONBLOCK;  // opening a FIFO must not wait for its writer
+    if (!IsServableName(place.rest)) return {};
+    KelString path, name;
+    SplitPath(place.rest, path, name);
+    if (!IsStateName(name)) return place.root->Open(place.rest, kFlags);
+    const UniqueFd folder = place.root->Open(path.empty() ? "." : path, O_PATH | O_DIRECTORY);
+    return IsStateFolder(folder) ? UniqueFd() : FileOpenBeneath(folder, name, kFlags);
+}
+
 void AppendField(KelString& headers, std::string_view name, std::string_view value) {
     headers.append(name).append(": ").append(value).append("\r\n");
 }
@@ -66,9 +79,8 @@ void AppendField(KelString& headers, std::string_view name, std::string_view val
 
 ServedFile OpenServedFile(const AliasMatch& place, const RequestHead& request) {
     ServedFile answer;
+    answer.fd = OpenServable(place);
     struct stat info {};
-    // O_NONBLOCK: opening a FIFO must not wait for its writer.
-    if (IsServableName(place.rest)) answer.fd = place.root->Open(place.rest, O_RDONLY | O_NONBLOCK);
     if (!answer.fd || ::fstat(answer.fd.Get(), &info) != 0 || !S_ISREG(info.st_mode)) {
         answer.fd.Reset();
         return answer;

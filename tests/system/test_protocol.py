@@ -93,7 +93,9 @@ class ProtocolTest(SystemTest):
             status, _, body = self.client.request("GET", target)
             self.assertIn(status, (400, 403, 404), target)
             self.assertNotIn(PASSWORD.encode(), body)
-        for path in (self.tree.relays[0].data / "FileStore").glob("*.sqlite*"):
+        store = self.tree.relays[0].data / "FileStore"
+        (store / "Upstream.sqlite.damaged-20260101T000000Z").write_bytes(b"moved aside")
+        for path in store.glob("*.sqlite*"):
             self.assertIn(self.client.request("GET", f"/FileStore/{path.name}")[0], (403, 404), path.name)
 
     def test_put_goes_to_writable_aliases_only(self):

@@ -6,8 +6,8 @@ from case import BUILD, SystemTest, write_files
 from tree import Tree, sha256_of, wait_until
 
 NAMES = ["plain.bin", "with blank.bin", "100%.bin", "hash#mark.bin", "what?.bin", "grüße-文件.bin", "it's.bin",
-         "%41%2e.bin", "a&b=c;d.bin", "[x]{y}.bin"]
-SIZES = [0, 1, 1000, 65536, 1 << 20, 4096, 300_000, 17, 5000, 12345]
+         "%41%2e.bin", "a&b=c;d.bin", "[x]{y}.bin", "a.ini", "b.SQLite"]
+SIZES = [0, 1, 1000, 65536, 1 << 20, 4096, 300_000, 17, 5000, 12345, 20, 8192]
 
 
 class RoadTest(SystemTest):

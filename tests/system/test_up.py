@@ -13,8 +13,8 @@ from case import BUILD, STOP_SECONDS, SystemTest, collected_files, wait_collecte
 from tree import ActionFailed, Tree, sha256_of, wait_until
 
 NAMES = ["plain.bin", "with blank.bin", "100%.bin", "hash#mark.bin", "what?.bin", "grüße-文件.bin", "it's.bin",
-         "%41%2e.bin", "a&b=c;d.bin", "[x]{y}.bin", "-rf.bin", "n" * 200 + ".bin"]
-SIZES = [1, 2, 1000, 65536, 1 << 20, 4096, 300_000, 17, 5000, 12345, 100, 9]
+         "%41%2e.bin", "a&b=c;d.bin", "[x]{y}.bin", "-rf.bin", "n" * 200 + ".bin", "a.ini", "b.SQLite"]
+SIZES = [1, 2, 1000, 65536, 1 << 20, 4096, 300_000, 17, 5000, 12345, 100, 9, 20, 8192]
 FILE_TYPE = "Road up"
 INDEX = "Temp/PackedFilesInfo.xml"
 AT_REST = {"_AGTMOD_FILESTORESTATUS_AVAILABLE_", "_AGTMOD_FILESTORESTATUS_PACKEDFILE_"}

@@ -63,12 +63,11 @@ TEST_F(FileGetTest, ValidatorsDecideOnPartsAndCopies) {
     EXPECT_EQ(client.AskGranted("GET", "/Files/data", noneMatch).status, 200);
 }
 
-TEST_F(FileGetTest, NothingOutsideAnAliasAndNoDatabaseIsServed) {
+TEST_F(FileGetTest, NothingOutsideAnAliasIsServed) {
     Start();
     const std::string secret = "not to be seen";
     TempFolder::Write(root_ / "outside", secret);
-    for (const char* name : {"a.sqlite", "a.SQLite-wal", "a.sqlite-shm", "a.sqlite-journal", "A.INI",
-                             "in/.kel-upload-00", "in/seen", "Filesx"})
+    for (const char* name : {"a.sqlite", "in/.kel-upload-00", "in/seen", "Filesx"})
         WriteFile(name, secret);
     std::filesystem::create_symlink(root_ / "outside", File("link"));
     std::filesystem::create_symlink("../outside", File("relative"));
@@ -81,14 +80,45 @@ TEST_F(FileGetTest, NothingOutsideAnAliasAndNoDatabaseIsServed) {
         "/Files/../outside /Files/%2e%2e/outside /Files/in/../../outside /Files/..%2foutside "
         "/Files/.%2E/outside /Files//data //Files/data /Files/./data /Files/data/ /Files/in /Files /Filesx "
         "/files/data /Files/%00 /Files/data%00 /Files/a%5cb /Files/%zz /Files/%4 /Files/link "
-        "/Files/relative /Files/harmless /Files/folder/seen /Files/fifo /Files/a.sqlite /Files/a.SQLite-wal "
-        "/Files/a.sqlite-shm /Files/a.sqlite-journal /Files/A.INI /Files/in/.kel-upload-00 /outside "
+        "/Files/relative /Files/harmless /Files/folder/seen /Files/fifo /Files/in/.kel-upload-00 /outside "
         "/Files/%2fetc%2fpasswd /Files/missing /Files/data%0a");
     for (std::string target; targets >> target;) {
         TestAnswer answer = client.AskGranted("GET", target);
         EXPECT_EQ(answer.status, 404) << target;
         EXPECT_EQ(answer.body.find(secret), std::string::npos) << target;
     }
+}
+
+TEST_F(FileGetTest, TheAgentsDatabasesAndIniFilesAreServedOverNoAliasAndAnyOtherIs) {
+    Start();
+    std::filesystem::create_directories(root_ / "data/Store/up/key");
+    std::filesystem::create_directories(root_ / "elsewhere");
+    std::filesystem::create_directory_symlink("../elsewhere", root_ / "data/Moved");
+    std::filesystem::create_directory_symlink("data/Store", root_ / "link");
+    for (const char* name :
+         {"config/Agent.ini", "data/x.sqlite", "data/Store/a.sqlite", "data/Store/a.SQLite-wal",
+          "data/Store/A.INI", "data/Store/a.sqlite.damaged-20260101T000000Z-wal", "elsewhere/b.sqlite",
+          "data/Store/up/key/a.sqlite", "data/Store/up/key/a.ini", "data/Store/up/own.ini"})
+        TempFolder::Write(root_ / name, "content");
+    for (const auto& [alias, path] : {std::pair{"Store", "data/Store"},
+                                      {"Data", "data"},
+                                      {"Root", ""},
+                                      {"Link", "link"},
+                                      {"Moved", "data/Moved"}})
+        AddAlias(alias, root_ / path);
+
+    HttpTestClient client = Connect();
+    std::istringstream kept(
+        "/Root/config/Agent.ini /Root/data/x.sqlite /Data/x.sqlite /Store/a.sqlite /Store/%61%2Esqlite "
+        "/Store/a.SQLite-wal /Store/A.INI /Store/a.sqlite.damaged-20260101T000000Z-wal /Data/Store/a.sqlite "
+        "/Root/data/Store/a.sqlite /Link/a.sqlite /Moved/b.sqlite /Root/elsewhere/b.sqlite");
+    for (std::string target; kept >> target;)
+        EXPECT_EQ(client.AskGranted("GET", target).status, 404) << target;
+    std::istringstream others(
+        "/Store/up/key/a.sqlite /Store/up/key/a.ini /Store/up/own.ini /Data/Store/up/key/a.ini "
+        "/Link/up/key/a.ini");
+    for (std::string target; others >> target;)
+        EXPECT_EQ(client.AskGranted("GET", target).body, "content") << target;
 }
 
 TEST_F(FileGetTest, AFileThatShrinksWhileItIsSentEndsTheConnection) {

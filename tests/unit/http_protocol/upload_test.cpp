@@ -67,7 +67,7 @@ TEST_F(UploadTest, RefusesWithoutTouchingAnything) {
     for (const Case& test :
          {Case{403, "/Files/x"}, Case{404, "/None/x"}, Case{404, "/Files/in/none/x"},
           Case{403, "/Files/in/link/x"}, Case{409, "/Files/in/folder"}, Case{404, "/Files/in/..%2fx"},
-          Case{403, "/Files/in/x.sqlite"}, Case{411, "/Files/in/x", ""},
+          Case{403, "/Files/in/.kel-upload-x"}, Case{411, "/Files/in/x", ""},
           Case{400, "/Files/in/old", "Content-Length: 4\r\nContent-Range: bytes 0-3/9\r\n"},
           Case{507, "/Files/in/x", "Content-Length: 9000000000000000000\r\n"}}) {
         HttpTestClient client = Connect();
@@ -78,6 +78,21 @@ TEST_F(UploadTest, RefusesWithoutTouchingAnything) {
     EXPECT_EQ(CountFilesIn("in/folder"), 0);
     EXPECT_EQ(ReadFile("in/old"), "old");
     EXPECT_TRUE(event_.IsEmpty());
+}
+
+TEST_F(UploadTest, TheAgentsDatabasesAndIniFilesAreNotReplacedAndOthersAreTaken) {
+    Start();
+    std::filesystem::create_directories(root_ / "data/Store/up");
+    AddAlias("Files/in", root_ / "data/Store");
+    HttpTestClient client = Connect();
+    for (const auto& [name, status] : {std::pair{"a.sqlite", 403},
+                                       {"A.Ini", 403},
+                                       {"a.sqlite-wal", 403},
+                                       {"up/a.sqlite", 201},
+                                       {"up/a.ini", 201},
+                                       {"plain", 201}})
+        EXPECT_EQ(client.AskGranted("PUT", std::string("/Files/in/") + name, "", "body").status, status)
+            << name;
 }
 
 TEST_F(UploadTest, AShortBodyLeavesNothing) {
