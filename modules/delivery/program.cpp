@@ -35,7 +35,8 @@ KelVector<KelString> FullEnvironment(const KelVector<KelString>& added) {
     return all;
 }
 
-/// The attributes and file actions of a spawn: own process group, default signals, output to `output`.
+/// The attributes and file actions of a spawn: own process group, default signals, output to `output`, and no
+/// other descriptor of this process: a program that outlives it must not keep its sockets.
 class SpawnSettings {
   public:
     explicit SpawnSettings(int output) {
@@ -52,6 +53,7 @@ class SpawnSettings {
         posix_spawn_file_actions_addopen(&actions_, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
         posix_spawn_file_actions_adddup2(&actions_, output, STDOUT_FILENO);
         posix_spawn_file_actions_adddup2(&actions_, output, STDERR_FILENO);
+        posix_spawn_file_actions_addclosefrom_np(&actions_, STDERR_FILENO + 1);
     }
     ~SpawnSettings() {
         posix_spawn_file_actions_destroy(&actions_);

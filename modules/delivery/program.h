@@ -12,7 +12,7 @@ struct ProgramResult {
     int code = 0;  ///< errno, exit code or signal number, by `end`
 };
 
-/// A program to run. It gets no input; its output goes line by line to a function.
+/// A program to run. It gets no input and no open files; its output goes line by line to a function.
 struct Program {
     KelVector<KelString> arguments;    ///< the first is the absolute path of the program
     KelVector<KelString> environment;  ///< "NAME=value", beside this process's own

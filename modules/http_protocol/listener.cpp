@@ -15,6 +15,17 @@ constexpr int kBacklog = 4096;
 /// Connections taken before others of the loop get their turn.
 constexpr int kAcceptsPerTurn = 64;
 
+/// Closed in programs that the agent starts: one that outlives the agent would hold the port.
+void OpenSocket(boost::asio::ip::tcp::acceptor& acceptor, boost::system::error_code& error) {
+    UniqueFd socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    if (!socket) {
+        error.assign(errno, boost::system::system_category());
+        return;
+    }
+    acceptor.assign(boost::asio::ip::tcp::v4(), socket.Get(), error);
+    if (!error) socket.Release();
+}
+
 }  // namespace
 
 Listener::Listener(IoLoop& loop, const KelDebug& log, Accept accept)
@@ -25,7 +36,7 @@ KelStatus Listener::Bind(const KelString& address, std::uint16_t port) {
     boost::system::error_code error;
     ip::address_v4 local = ip::address_v4::any();
     if (!address.empty()) local = ip::make_address_v4(address, error);
-    if (!error) acceptor_.open(ip::tcp::v4(), error);
+    if (!error) OpenSocket(acceptor_, error);
     if (!error) acceptor_.set_option(ip::tcp::acceptor::reuse_address(true), error);
     if (!error) acceptor_.bind({local, port}, error);
     if (!error) acceptor_.non_blocking(true, error);

@@ -6,8 +6,10 @@
 #include <csignal>
 #include <string>
 
+#include <fcntl.h>
 #include <poll.h>
 
+#include "kel/unique_fd.h"
 #include "modules/delivery/command_line.h"
 
 namespace {
@@ -57,6 +59,13 @@ TEST(RunProgram, AChildLeftBehindWithTheOutputDoesNotHoldItUp) {
     EXPECT_EQ(run.result.end, ProgramResult::End::Exited);
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(15));
     EXPECT_EQ(run.lines, KelVector<KelString>{"done"});
+}
+
+TEST(RunProgram, OpenFilesAreNotHandedOn) {
+    const UniqueFd open(::open("/dev/null", O_RDONLY));
+    const Outcome run =
+        RunShell("for fd in /proc/self/fd/*; do [ $fd -ef /dev/null ] && echo ${fd##*/}; done; echo end");
+    EXPECT_EQ(run.lines, (KelVector<KelString>{"0", "end"}));
 }
 
 TEST(RunProgram, LongLinesAreCutAndAllOutputIsRead) {
