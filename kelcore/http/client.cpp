@@ -174,7 +174,9 @@ unsigned int HttpClient::RunOnHandle(const HttpMessage& request, HttpMessage& an
     unsigned int result = kHttpCompleted;
     {
         HttpExchange exchange(*handle, request, answer, transmission,
-                              [this] { return allCancelled || (cancelled_ && cancelled_()); });
+                              {.cancelled = [this] { return allCancelled || (cancelled_ && cancelled_()); },
+                               .speedWindow = speedWindow_,
+                               .hasTimeout = exchangeTimeout_ > 0});
         result = exchange.Run();
         errorText_ = exchange.ErrorText();
     }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 
@@ -8,6 +9,7 @@
 #include "kel/types.h"
 #include "kelcore/http/managed_transmission.h"
 #include "kelcore/http/message.h"
+#include "kelcore/http/speed_watch.h"
 #include "kelcore/security.h"
 
 /// Results of an exchange.
@@ -25,8 +27,9 @@ inline constexpr unsigned int kHttpCutOff =
 /// An HTTP/1.1 client (RFC 9112) with digest authentication (RFC 7616, SHA-256); basic is answered over TLS
 /// only. Connections are kept and reused per peer and credentials by all clients of the process. Outgoing
 /// connections are bound to the agent's own address. http and https only, no redirects; connects within 10 s;
-/// an exchange without its own pacing is given up below 1000 B/s for 30 s. One thread at a time per object;
-/// objects on many threads run concurrently.
+/// an exchange without its own pacing is given up below 1000 B/s for 30 s, but one with a time-out waits for
+/// an answer to begin as long as that allows. One thread at a time per object; objects on many threads run
+/// concurrently.
 class HttpClient {
   public:
     /// Time-outs in seconds: to connect, and for the whole exchange; -1: the defaults (10; none).
@@ -37,6 +40,9 @@ class HttpClient {
     void SetAuthentification(const KelString& user, const KelString& password);
     void EnableSsl(AgentSecuritySslContext context);
     void EnablePac(AgentSecurityPacContext context);
+
+    /// How long an exchange may be too slow, instead of 30 s.
+    void SetSpeedWindow(std::chrono::milliseconds window) { speedWindow_ = window; }
 
     /// Asked several times a second while an exchange runs; true stops it with kHttpCutOff.
     void SetCancelCheck(std::function<bool()> cancelled) { cancelled_ = std::move(cancelled); }
@@ -62,6 +68,7 @@ class HttpClient {
     KelDebug* log_ = nullptr;
     int connectTimeout_;
     int exchangeTimeout_;
+    std::chrono::milliseconds speedWindow_ = HttpSpeedWatch::kWindow;
     KelString host_;
     std::uint16_t port_ = 0;
     KelString user_;

@@ -16,6 +16,8 @@ namespace {
 constexpr int kPollMilliseconds = 200;  ///< the longest time between two looks at the cancellation
 constexpr auto kCheckEvery = std::chrono::milliseconds(100);
 constexpr long kLargeBuffer = 512L << 10;
+constexpr long kHttpOk = 200;
+constexpr long kHttpUnauthorized = 401;
 constexpr long kPacedBuffer = 16L << 10;  ///< small, so that paced bytes flow evenly
 
 unsigned int ResultOf(CURLcode code, bool begun) {
@@ -47,14 +49,14 @@ unsigned int ResultOf(CURLcode code, bool begun) {
 }  // namespace
 
 HttpExchange::HttpExchange(HttpHandle& handle, const HttpMessage& request, HttpMessage& answer,
-                           HttpManagedTransmission* transmission, std::function<bool()> cancelled)
+                           HttpManagedTransmission* transmission, Limits limits)
     : handle_(handle),
       request_(request),
       transmission_(transmission),
-      cancelled_(std::move(cancelled)),
+      limits_(std::move(limits)),
       source_(request),
       sink_(request, answer),
-      watch_(HttpSpeedWatch::Clock::now()) {}
+      watch_(HttpSpeedWatch::Clock::now(), limits_.speedWindow) {}
 
 HttpExchange::~HttpExchange() {
     curl_easy_setopt(handle_.Easy(), CURLOPT_HTTPHEADER, nullptr);
@@ -154,11 +156,17 @@ bool HttpExchange::Drive(int& code) {
     }
 }
 
+/// True while the whole request is on its way and the peer works on it, as long as the time-out allows.
+bool HttpExchange::IsWaiting() const {
+    return limits_.hasTimeout && source_.IsAtEnd() && !answering_;
+}
+
 bool HttpExchange::MustStop() {
     const auto now = HttpSpeedWatch::Clock::now();
     if (now < nextCheck_) return false;
     nextCheck_ = now + kCheckEvery;
-    if (cancelled_()) return Stop(kHttpCutOff, "cancelled") != 0;
+    if (limits_.cancelled()) return Stop(kHttpCutOff, "cancelled") != 0;
+    if (IsWaiting()) watch_.Restart(now);
     if (!watch_.IsTooSlow(now, IsPaced())) return false;
     return Stop(sink_.IsBegun() ? kHttpCutOff : kHttpUnreachable, "the peer has become too slow") != 0;
 }
@@ -211,6 +219,7 @@ void HttpExchange::TakeHeader(std::string_view line) {
     if (line.starts_with("HTTP/")) {
         long status = 0;
         curl_easy_getinfo(handle_.Easy(), CURLINFO_RESPONSE_CODE, &status);
+        answering_ = status >= kHttpOk && status != kHttpUnauthorized;
         sink_.OnStatus(static_cast<unsigned int>(status));
         return;
     }
@@ -257,9 +266,9 @@ std::size_t HttpExchange::Read(char* buffer, std::size_t size) {
 }
 
 bool HttpExchange::Pass(std::uint64_t bytes) {
-    const bool going = transmission_ == nullptr || transmission_->Pass(bytes, cancelled_);
+    const bool going = transmission_ == nullptr || transmission_->Pass(bytes, limits_.cancelled);
     watch_.OnBytes(bytes);
-    if (!going) Stop(kHttpCutOff, cancelled_() ? "cancelled" : "the transfer window has closed");
+    if (!going) Stop(kHttpCutOff, limits_.cancelled() ? "cancelled" : "the transfer window has closed");
     return going;
 }
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <array>
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <string_view>
@@ -17,9 +18,16 @@
 /// thread; results are those of HttpClient.
 class HttpExchange {
   public:
+    /// What ends an exchange before its end.
+    struct Limits {
+        std::function<bool()> cancelled;        ///< asked several times a second
+        std::chrono::milliseconds speedWindow;  ///< of HttpSpeedWatch
+        bool hasTimeout = false;                ///< the handle has a time-out for the whole exchange
+    };
+
     /// `transmission` may be null; a running one otherwise.
     HttpExchange(HttpHandle& handle, const HttpMessage& request, HttpMessage& answer,
-                 HttpManagedTransmission* transmission, std::function<bool()> cancelled);
+                 HttpManagedTransmission* transmission, Limits limits);
     ~HttpExchange();
     HttpExchange(const HttpExchange&) = delete;
     HttpExchange& operator=(const HttpExchange&) = delete;
@@ -43,6 +51,7 @@ class HttpExchange {
     std::size_t Read(char* buffer, std::size_t size);
     bool Pass(std::uint64_t bytes);
     bool IsPaced() const { return transmission_ != nullptr && transmission_->IsLimited(); }
+    bool IsWaiting() const;
     bool Drive(int& code);
     bool MustStop();
     unsigned int Conclude(bool done, int code);
@@ -51,11 +60,12 @@ class HttpExchange {
     HttpHandle& handle_;
     const HttpMessage& request_;
     HttpManagedTransmission* transmission_;
-    std::function<bool()> cancelled_;
+    Limits limits_;
     HttpRequestSource source_;
     HttpAnswerSink sink_;
     HttpSpeedWatch watch_;
     HttpSpeedWatch::Clock::time_point nextCheck_;
+    bool answering_ = false;   ///< an answer has begun that no further request follows
     void* headers_ = nullptr;  ///< the library's list of request headers
     std::array<char, 256> curlError_{};
     unsigned int stopped_ = 0;  ///< why this side ended the exchange, a result; 0: it did not

@@ -220,6 +220,22 @@ TEST_F(HttpClientTest, ASilentPeerIsGivenUpAfterTheExchangeTimeout) {
     EXPECT_EQ(Download(), kHttpCutOff);
 }
 
+TEST_F(HttpClientTest, OnlyATimeoutOfItsOwnMakesAnExchangeWaitLongerForItsAnswer) {
+    static constexpr std::chrono::milliseconds kWindow{400};
+    Serve([](const SeenRequest&) { return std::this_thread::sleep_for(3 * kWindow), Whole(1000); });
+    request_.SetMethod(HttpMethod::Post);
+    request_.SetBody("question", "");
+    for (const auto& [timeout, result] : {std::pair{-1, kHttpUnreachable}, {60, kHttpCompleted}}) {
+        client_ = HttpClient(10, timeout);
+        client_.SetServer("127.0.0.1", server_->Port());
+        client_.SetSpeedWindow(kWindow);
+        EXPECT_EQ(Exchange(), result) << client_.GetErrorText();
+    }
+    ServeAlways({Whole(kSize).bytes.substr(0, 60), ScriptedAnswer::Stall});
+    EXPECT_EQ(Download(), kHttpCutOff);
+    EXPECT_EQ(client_.GetErrorText(), "the peer has become too slow") << "what has begun must go on";
+}
+
 TEST_F(HttpClientTest, CancellingStopsAStalledExchange) {
     ServeAlways({Whole(kSize).bytes.substr(0, 3000), ScriptedAnswer::Stall});
     int asked = 0;
