@@ -1,5 +1,6 @@
 #include "agent/agent.h"
 
+#include <algorithm>
 #include <ctime>
 
 #include "agent/agent_actions.h"
@@ -58,9 +59,7 @@ bool Agent::Start(const StopSignals& stop) {
     log_.Print("Version %s starting on %S\n", KEL_VERSION, config_.root);
     if (!LoadModules()) return false;
     RegisterAgentActions({config_.root, std::time(nullptr), config_.modules});
-    if (!RegisterModules() || !InitialiseModules(stop)) return false;
-    ActivateModules(stop);
-    return true;
+    return RegisterModules() && InitialiseModules(stop) && ActivateModules(stop);
 }
 
 bool Agent::LoadModules() {
@@ -98,12 +97,27 @@ bool Agent::InitialiseModules(const StopSignals& stop) {
     return true;
 }
 
-void Agent::ActivateModules(const StopSignals& stop) {
-    for (LoadedModule& module : modules_) {
-        if (stop.IsRequested()) return;
-        if (!module.Run(KelModuleOperation::Activate))
-            log_.Error("Module %S could not be activated; the agent goes on without it\n", module.Name());
+/// Without a module its actions are missing; without the HTTP module the agent would be there for nobody.
+bool Agent::ActivateModules(const StopSignals& stop) {
+    for (LoadedModule* module : HttpModuleLast()) {
+        if (stop.IsRequested()) return true;
+        if (module->Run(KelModuleOperation::Activate)) continue;
+        if (module->Name() == kHttpModule) {
+            log_.Error("Module %S could not be activated; its own log lines say why\n", module->Name());
+            return false;
+        }
+        log_.Error("Module %S could not be activated; the agent goes on without it\n", module->Name());
     }
+    return true;
+}
+
+KelVector<LoadedModule*> Agent::HttpModuleLast() {
+    KelVector<LoadedModule*> order;
+    for (LoadedModule& module : modules_)
+        order.push_back(&module);
+    std::stable_partition(order.begin(), order.end(),
+                          [](const LoadedModule* module) { return module->Name() != kHttpModule; });
+    return order;
 }
 
 void Agent::LogReady() const {

@@ -3,7 +3,6 @@
 #include <pthread.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <cstdlib>
 
 StopSignals::StopSignals(std::function<void()> onStop, const KelDebug& log)
@@ -46,7 +45,8 @@ void StopSignals::Watch() {
         sigwait(&signals_, &first);
     if (done_) return;
     log_.Print("Received signal %d, stopping\n", first);
-    const auto deadline = Clock::now() + std::chrono::seconds(kStopSeconds);
+    const auto begin = Clock::now();
+    const auto deadline = begin + std::chrono::seconds(kStopSeconds);
     Request();
     while (!done_) {
         const auto left = deadline - Clock::now();
@@ -57,7 +57,7 @@ void StopSignals::Watch() {
         const auto nanoseconds = std::chrono::duration_cast<std::chrono::nanoseconds>(left).count();
         const timespec wait{nanoseconds / 1'000'000'000, nanoseconds % 1'000'000'000};
         const int signal = sigtimedwait(&signals_, nullptr, &wait);
-        if (signal == SIGTERM || signal == SIGINT) {
+        if ((signal == SIGTERM || signal == SIGINT) && Clock::now() - begin >= kSameStop) {
             log_.Warning("Received a second signal, ending at once\n");
             _exit(EXIT_FAILURE);
         }

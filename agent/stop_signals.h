@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <csignal>
 #include <functional>
@@ -14,10 +15,12 @@
 /// A thread of its own waits for the signals, so that a stop is heard whatever the main thread does. The
 /// first signal calls `onStop` on that thread and starts the countdown: when the process still lives after
 /// kStopSeconds, a line goes to the log and the process exits with 1 without further cleaning up. A second
-/// signal exits with 1 at once.
+/// signal exits with 1 at once, unless it comes within kSameStop of the first: a supervisor that signals the
+/// process and its group stops once.
 class StopSignals {
   public:
     static constexpr int kStopSeconds = 5;
+    static constexpr std::chrono::milliseconds kSameStop{500};
 
     /// Blocks the signals for the calling thread and all it starts from here on, and ignores SIGPIPE. Make it
     /// on the main thread before any other thread is started.

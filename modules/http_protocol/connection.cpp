@@ -1,6 +1,7 @@
 #include "modules/http_protocol/connection.h"
 
 #include <chrono>
+#include <utility>
 
 namespace kelhttp {
 namespace {
@@ -37,6 +38,7 @@ void Connection::Enter(State state) {
     state_ = state;
     since_ = Clock::now();
     windowBytes_ = 0;
+    headBegun_ = false;
 }
 
 void Connection::OnOpened(bool ok) {
@@ -58,7 +60,8 @@ void Connection::OnRead(bool ok, std::size_t count) {
         case State::Lingering:
             return ReadMore();
         case State::Head:
-            if (input_.empty()) since_ = Clock::now();
+            // Once: line ends before a head are dropped and must not give it more time.
+            if (!std::exchange(headBegun_, true)) since_ = Clock::now();
             [[fallthrough]];
         default:
             input_.append(loop_.Scratch().data(), count);
@@ -110,6 +113,7 @@ void Connection::ReadMore() {
     std::span<char> into = loop_.Scratch();
     if (state_ == State::PutBody)
         into = {chunk_.get() + chunkUsed_, std::min<std::uint64_t>(chunkSize_ - chunkUsed_, bodyLeft_)};
+    if (state_ == State::Head && !input_.empty()) headBegun_ = true;  // came with the request before
     if (state_ == State::Head && input_.empty()) {
         if (input_.capacity() > kIdleBufferBytes) input_ = {};
         if (output_.capacity() > kIdleBufferBytes) output_ = {};
@@ -127,8 +131,8 @@ void Connection::OnTick(Clock::time_point now) {
             late = passed > std::chrono::seconds(settings.headerTimeout);
             break;
         case State::Head:
-            late = passed > std::chrono::seconds(served_ && input_.empty() ? settings.idleTimeout
-                                                                           : settings.headerTimeout);
+            late = passed > std::chrono::seconds(served_ && !headBegun_ ? settings.idleTimeout
+                                                                        : settings.headerTimeout);
             break;
         case State::ActionBody:
         case State::PutBody:

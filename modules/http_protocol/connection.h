@@ -102,8 +102,9 @@ class Connection final : public ChannelUser,
     State afterContinue_ = State::Head;
     bool keepAlive_ = false;
     bool version11_ = true;
-    bool served_ = false;   ///< a request has been answered
-    bool working_ = false;  ///< entered as working in the table of peers
+    bool served_ = false;     ///< a request has been answered
+    bool headBegun_ = false;  ///< in Head: a byte has come since the request before
+    bool working_ = false;    ///< entered as working in the table of peers
     DigestAuth::Memory authMemory_;
 
     KelString input_;  ///< received and not used yet

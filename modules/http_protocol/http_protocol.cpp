@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <functional>
+#include <stdexcept>
 
 #include "kelcore/action_db.h"
 #include "kelcore/agent.h"
@@ -36,7 +37,12 @@ bool HttpProtocol::Initialise() {
         Log().Error("Cannot read %S. Correct it and start again.\n", IniPath());
         return false;
     }
-    kelhttp::ServerSettings settings = kelhttp::ReadServerSettings(ini, KelAgentGetAddress(), Log());
+    auto read = kelhttp::ReadServerSettings(ini, KelAgentGetAddress(), Log());
+    if (!read) {
+        Log().Error("%S: %S. Correct it and start again.\n", IniPath(), read.Error().message);
+        return false;
+    }
+    kelhttp::ServerSettings settings = std::move(*read);
     settings.userName = KelAgentGetName();
     settings.password = KelAgentGetHttpPassword();
     if (settings.password.empty()) {
@@ -59,7 +65,8 @@ bool HttpProtocol::Initialise() {
 
 void HttpProtocol::Activate() {
     if (!server_) return;
-    server_->Run();
+    if (const KelStatus running = server_->Run(); !running)
+        throw std::runtime_error("the HTTP server " + running.Error().message);
     Log().Print("Listening on %S:%u.\n", settings_.address, static_cast<unsigned int>(settings_.port));
 }
 

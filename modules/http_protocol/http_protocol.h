@@ -27,7 +27,8 @@ class Server;
 ///
 /// Event: HttpProtocolCallbackPut{URL, MulticastAddress, LocalPath}, after an upload is in place.
 ///
-/// The port is bound by Initialise and served from Activate on. After Cleanup the actions still answer.
+/// The port is bound by Initialise and served from Activate on, which fails when another program has taken it
+/// meanwhile. All actions answer from Initialise on, and still after Cleanup.
 class HttpProtocol final : public KelModule {
   public:
     HttpProtocol();

@@ -117,18 +117,19 @@ KelStatus Server::Open() {
     return state_->probeListener->Bind(settings.address, static_cast<std::uint16_t>(settings.bandwidthPort));
 }
 
-void Server::Run() {
+KelStatus Server::Run() {
     RaiseOpenFileLimit();
-    for (const auto& listener : {state_->listener, state_->sslListener, state_->probeListener}) {
+    const auto listeners = {state_->listener, state_->sslListener, state_->probeListener};
+    for (const auto& listener : listeners) {
         if (!listener) continue;
-        if (const KelStatus listening = listener->Listen(); !listening) {
-            state_->context.log.Error("The HTTP server %S.\n", listening.Error().message);
-            continue;
-        }
-        state_->loops.front().Post([&started = *listener] { started.Start(); });
+        if (KelStatus listening = listener->Listen(); !listening) return listening;
+    }
+    for (const auto& listener : listeners) {
+        if (listener) state_->loops.front().Post([&started = *listener] { started.Start(); });
     }
     for (IoLoop& loop : state_->loops)
         loop.Start();
+    return {};
 }
 
 void Server::Stop() {

@@ -23,8 +23,9 @@ class Server {
     /// Binds the sockets, so that the ports are known; nothing is accepted yet.
     KelStatus Open();
 
-    /// Starts the threads and accepts.
-    void Run();
+    /// Starts the threads and accepts. An error, with nothing started, when a port cannot be listened on:
+    /// another program that bound it as well was faster.
+    KelStatus Run();
 
     /// Ends every connection, whatever is in flight, within 2 seconds. Actions that still run then are waited
     /// for by the destructor.

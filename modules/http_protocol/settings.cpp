@@ -1,7 +1,10 @@
 #include "modules/http_protocol/settings.h"
 
 #include <algorithm>
+#include <optional>
+#include <utility>
 
+#include "kel/format.h"
 #include "kel/text.h"
 
 namespace kelhttp {
@@ -31,32 +34,51 @@ constexpr NumberEntry kNumbers[] = {
     {"MaxConnections", &ServerSettings::maxConnections, 1, 1 << 20},
     {"MaxConnectionsPerAddress", &ServerSettings::maxConnectionsPerAddress, 1, 1 << 20},
     {"NonceLifetime", &ServerSettings::nonceLifetime, 1, 86400},
-    {"BwPort", &ServerSettings::bandwidthPort, 0, 65535},
     {"BwPingFrequency", &ServerSettings::bandwidthPingFrequency, 0, 1 << 30},
     {"BwClientCheckFrequency", &ServerSettings::bandwidthClientCheckFrequency, 0, 1 << 30},
     {"BwPingDuration", &ServerSettings::bandwidthPingDuration, 0, 1 << 30},
 };
 
-int ReadNumber(const IniFile& ini, const KelString& section, const char* key, int fallback, int lowest,
-               int highest, const KelDebug& log) {
-    int value = fallback;
-    ini.GetEntryValue(section, key, value, fallback);
-    const int clamped = std::clamp(value, lowest, highest);
-    if (clamped != value)
-        log.Warning("Entry %s of section %S is %d; it must lie between %d and %d, %d is used.\n", key,
-                    section, value, lowest, highest, clamped);
-    return clamped;
+int ReadNumber(const IniFile& ini, const NumberEntry& entry, int fallback, const KelDebug& log) {
+    KelString text;
+    if (!ini.GetEntryValue(kSection, entry.key, text, {}) || text.empty()) return fallback;
+    const std::optional<std::int64_t> number = ParseInt64(text);
+    const std::int64_t used =
+        number ? std::clamp<std::int64_t>(*number, entry.lowest, entry.highest) : fallback;
+    if (number != used)
+        log.Warning("Entry %s of section %s is '%S'; it must be a number from %d to %d, %gd is used.\n",
+                    entry.key, kSection, text, entry.lowest, entry.highest, used);
+    return static_cast<int>(used);
+}
+
+/// 0 when there is no such entry.
+KelResult<std::uint16_t> ReadPort(const IniFile& ini, const char* section, const char* key) {
+    KelString text;
+    ini.GetEntryValue(section, key, text, {});
+    const std::optional<std::uint64_t> port = text.empty() ? 0 : ParseUint64(text);
+    if (port && std::in_range<std::uint16_t>(*port)) return static_cast<std::uint16_t>(*port);
+    return KelError{
+        1, KelFormat("entry %s of section %s is '%S', no port number (0 to 65535)", key, section, text)};
 }
 
 }  // namespace
 
-ServerSettings ReadServerSettings(const IniFile& ini, const KelString& address, const KelDebug& log) {
+KelResult<ServerSettings> ReadServerSettings(const IniFile& ini, const KelString& address,
+                                             const KelDebug& log) {
     ServerSettings settings;
+    const auto port = ReadPort(ini, kSection, "Port");
+    const auto sslPort = ReadPort(ini, "Ssl", "Port");
+    const auto bandwidthPort = ReadPort(ini, kSection, "BwPort");
+    for (const auto* read : {&port, &sslPort, &bandwidthPort}) {
+        if (!*read) return read->Error();
+    }
+    settings.port = *port;
+    settings.sslPort = *sslPort;
+    settings.bandwidthPort = *bandwidthPort;
     for (const NumberEntry& entry : kNumbers) {
         int& value = settings.*entry.value;
-        value = ReadNumber(ini, kSection, entry.key, value, entry.lowest, entry.highest, log);
+        value = ReadNumber(ini, entry, value, log);
     }
-    settings.port = static_cast<std::uint16_t>(ReadNumber(ini, kSection, "Port", 0, 0, 65535, log));
     ini.GetEntryValue(kSection, "Address", settings.address, address);
     KelString writable;
     ini.GetEntryValue("Aliases", "Writable", writable, "FileStore/upstream");
@@ -65,7 +87,6 @@ ServerSettings ReadServerSettings(const IniFile& ini, const KelString& address, 
     }
     ini.GetEntryValue("Ssl", "CertificateFile", settings.certificateFile, "");
     ini.GetEntryValue("Ssl", "KeyFile", settings.keyFile, "");
-    settings.sslPort = static_cast<std::uint16_t>(ReadNumber(ini, "Ssl", "Port", 0, 0, 65535, log));
     return settings;
 }
 

@@ -4,6 +4,7 @@
 
 #include "kel/debug.h"
 #include "kel/ini_file.h"
+#include "kel/result.h"
 #include "kel/types.h"
 
 namespace kelhttp {
@@ -42,8 +43,10 @@ struct ServerSettings {
     KelString password;
 };
 
-/// Reads the settings; a value out of its range is clamped and warned about. `address` is the default of the
-/// address.
-ServerSettings ReadServerSettings(const IniFile& ini, const KelString& address, const KelDebug& log);
+/// Reads the settings. Of the limits, a value out of its range is clamped and one that is no number replaced
+/// by the default, with a warning; a port that is none is an error, since another one would go unnoticed.
+/// `address` is the default of the address.
+KelResult<ServerSettings> ReadServerSettings(const IniFile& ini, const KelString& address,
+                                             const KelDebug& log);
 
 }  // namespace kelhttp

@@ -33,6 +33,8 @@ TEST_F(LimitsTest, SlowHeadsSlowBodiesAndIdleConnectionsAreClosed) {
     for (HttpTestClient* client : {&silent, &head, &idle, &body})
         EXPECT_TRUE(client->WaitForClose());
     EXPECT_EQ(CountFilesIn("in"), 0);
+    HttpTestClient blank = Connect();
+    EXPECT_TRUE(Eventually([&blank] { return !blank.Send("\r\n"); })) << "empty lines are no head";
 }
 
 TEST_F(LimitsTest, ConnectionsBeyondTheLimitOfAnAddressAreClosed) {
@@ -60,6 +62,34 @@ TEST_F(LimitsTest, ThousandsOfIdleConnectionsLeaveRoomForARequest) {
         ASSERT_EQ(idle.emplace_back(Port()).Ask("GET", "/").status, 401);
     EXPECT_EQ(Connect().AskGranted("GET", "/Files/data").body, "content");
     EXPECT_EQ(idle.front().AskGranted("GET", "/Files/data").body, "content");
+}
+
+TEST_F(LimitsTest, EntriesThatAreNoNumbersAreToldOrKeepItFromStarting) {
+    for (const auto& [entry, value] : {std::pair{"Port=", "80a"},
+                                       {"Port=", "24790 ; the port"},
+                                       {"BwPort=", "-1"},
+                                       {"BwPort=", "65536"},
+                                       {"[Ssl]\nPort=", "x"}}) {
+        WriteIni("HttpProtocol", std::string("[HttpProtocol]\n") + entry + value + "\n");
+        const RunningModule<HttpProtocol> refused(Start::Fails);
+        EXPECT_EQ(log_->Count(KelDebugLevel::Error, std::string("'") + value + "', no port number"), 1);
+    }
+    Start("Workers=abc\nFileWorkers=0\nIoThreads=1\n");
+    EXPECT_EQ(log_->Count(KelDebugLevel::Warning, "Workers of section HttpProtocol is 'abc'"), 1);
+    EXPECT_EQ(log_->Count(KelDebugLevel::Warning, "FileWorkers of section HttpProtocol is '0'"), 1);
+    EXPECT_EQ(log_->Count(KelDebugLevel::Warning, "IoThreads"), 0);
+    EXPECT_EQ(Connect().Ask("GET", "/").status, 401);
+}
+
+TEST_F(LimitsTest, APortThatCannotBeListenedOnFailsTheActivation) {
+    Start();
+    const std::string port = std::to_string(Port());  // a free one, once the server has left it
+    module_.reset();
+    WriteIni("HttpProtocol", "[HttpProtocol]\nPort=" + port + "\nBwPort=" + port + "\n");
+    RunningModule<HttpProtocol> twice;
+    EXPECT_EQ(twice.Run(KelModuleOperation::Activate), kModuleFailure);
+    EXPECT_EQ(log_->Count(KelDebugLevel::Error, "cannot listen on port " + port), 1);
+    EXPECT_EQ(log_->Count(KelDebugLevel::Print, "Listening"), 1) << "by the server before only";
 }
 
 TEST_F(LimitsTest, TheProbePortTakesEverythingAndAnswersNothing) {
