@@ -29,7 +29,6 @@ struct Answer {
     KelString url;
     unsigned int keepCopy = 0;
     KelString checksum;  ///< of the file found, when the request left it open
-    bool fromRepository = false;
 };
 
 Request ReadRequest(const KelContainer& arguments) {
@@ -70,6 +69,15 @@ unsigned long FindRequested(const Request& request) {
                                                                   file.FileName, file.FileChecksum);
     FileStoreEntry copy;
     if (packageId == 0 || !copy.LoadFromDatabase(packageId, false)) return 0;
+    if (copy.FileStatus == kStatusAvailable && !copy.ExternalFile) {  // the content lies at the package
+        copy.FilePath =
+            FileStore::StorePath(false, kPackageType, copy.FileLabel, copy.FileChecksum, copy.FileName);
+        copy.FileURL =
+            FileStore::StoreUrl(false, kPackageType, copy.FileLabel, copy.FileChecksum, copy.FileName);
+        copy.ExternalFile = true;
+    }
+    // The offer that the package is just being received from ends that status of its own row only.
+    if (copy.FileStatus == kStatusReceiving) copy.FileStatus = kStatusMissing;
     copy.FileId = 0;
     copy.FileType = file.FileType;
     copy.FileInfo = file.FileInfo;
@@ -119,11 +127,6 @@ void EnsureTarget(std::uint64_t fileId, const Request& request) {
 KelString UrlOf(const FileStoreEntry& entry) {
     const bool hasOwnUrl = entry.ExternalFile || ActionDbIsActionRegistered("QuarnelDbRunScript");
     if (hasOwnUrl && !entry.FileURL.empty()) return entry.FileURL;
-    // The row of a network package shares the content of the rule package that it was made from.
-    const KelString packagePath =
-        FileStore::StorePath(false, kPackageType, entry.FileLabel, entry.FileChecksum, entry.FileName);
-    if (entry.FileType != kPackageType && entry.FilePath == packagePath)
-        return FileStore::StoreUrl(false, kPackageType, entry.FileLabel, entry.FileChecksum, entry.FileName);
     return FileStore::StoreUrl(false, entry.FileType, entry.FileLabel, entry.FileChecksum, entry.FileName);
 }
 
@@ -149,7 +152,6 @@ void ServeKnown(unsigned long fileId, const Request& request, Answer& answer) {
             KelFormat("UPDATE %s SET %s=%lu WHERE %s = %lu", kTableFiles, kLastRequestTime,
                       static_cast<unsigned long>(std::time(nullptr)), kFileId, fileId));
     } else if (TakeFromRepository(request.file) != RepositoryResult::Absent) {
-        answer.fromRepository = true;
         return;
     }
     EnsureTarget(fileId, request);

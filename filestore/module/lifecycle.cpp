@@ -65,6 +65,14 @@ void RepairMulticast() {
                                kAcknowledged, kFileStatus, kStatusMulticastListening));
 }
 
+/// What was being taken in when the agent ended is asked for again: at the modules here, then at the parent.
+void RepairLocalOffers() {
+    const KelLock lock(FileStore::mutexDownstream);
+    FileStore::pDbConnectionDownstream->Query(
+        KelFormat("UPDATE %s SET %s = '%s', %s = 0 WHERE %s = '%s'", kTableFiles, kFileStatus, kStatusMissing,
+                  kLastStatusChangeTime, kFileStatus, kStatusReceiving));
+}
+
 void StopThreads() {
     const std::array<FileThreadBase*, 7> threads = {&FileStore::threadDelete,   &FileStore::threadPush,
                                                     &FileStore::threadPull,     &FileStore::threadNotify,
@@ -107,6 +115,7 @@ unsigned int FileStore::ModuleActivate() {
     UpdateHttpPort();
     ReadAddressPreference();
     FileStoreRepairUploads();
+    RepairLocalOffers();
 
     threadDelete.Start();
     threadPush.Start();

@@ -25,13 +25,13 @@ namespace {
 
 constexpr const char* kAction = "FileStoreAcknowledgeFile";
 
-void RunUpdate(const KelString& statement) {
+bool RunUpdate(const KelString& statement) {
     const KelLock lock(FileStore::mutexDownstream);
-    FileStore::pDbConnectionDownstream->Query(statement);
+    return FileStore::pDbConnectionDownstream->Query(statement) != nullptr;
 }
 
 void WaitForRetry(unsigned long fileId) {
-    SetFileStatus(false, fileId, kStatusAvailable, TakenUp::AfterTimeout);
+    SetFileStatus(false, fileId, kStatusAvailable, kStatusAvailable, TakenUp::AfterTimeout);
 }
 
 }  // namespace
@@ -60,7 +60,9 @@ int FileStorePullThread::AcknowledgeFile() {
         WaitForRetry(file.id);
         return 0;
     }
-    RunUpdate(KelFormat("UPDATE %s SET %s = 1 WHERE %s = %lu", kTableFiles, kAcknowledged, kFileId, file.id));
+    if (!RunUpdate(KelFormat("UPDATE %s SET %s = 1 WHERE %s = %lu AND %s = '%s'", kTableFiles, kAcknowledged,
+                             kFileId, file.id, kFileStatus, kStatusAvailable)))
+        return 0;  // it would be told again at once, for as long as the database takes nothing
     if (file.type == "OperationalRuleAdministratedRelay") SettlePackage(file, url, ownGuid);
     return 1;
 }

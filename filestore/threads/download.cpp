@@ -1,6 +1,7 @@
 #include <ctime>
 
 #include "filestore/db/file_status.h"
+#include "filestore/db/file_store_entry.h"
 #include "filestore/db/row_changes.h"
 #include "filestore/db/schema.h"
 #include "filestore/module/file_store.h"
@@ -42,20 +43,45 @@ std::int64_t Now() {
     return std::time(nullptr);
 }
 
-void RunUpdate(const KelString& statement) {
+// A download takes long: an offer of a module here, an order of the parent, may have settled the row and its
+// content meanwhile. What follows leaves a row alone that is not to be downloaded any more.
+
+/// The caller holds mutexDownstream when it goes on to write.
+bool IsStillWanted(unsigned long fileId) {
+    return FileStore::pDbConnectionDownstream->ReadString(kTableFiles, kFileStatus, kFileId, fileId) ==
+           kStatusDownloading;
+}
+
+/// `set` holds the columns with their new values. False when the database failed.
+bool UpdateWanted(unsigned long fileId, const KelString& set) {
     const KelLock lock(FileStore::mutexDownstream);
-    FileStore::pDbConnectionDownstream->Query(statement);
+    return FileStore::pDbConnectionDownstream->Query(
+               KelFormat("UPDATE %s SET %S WHERE %s = %lu AND %s = '%s'", kTableFiles, set, kFileId, fileId,
+                         kFileStatus, kStatusDownloading)) != nullptr;
 }
 
 /// Back to waiting.
-void WaitForRetry(unsigned long fileId) {
-    SetFileStatus(false, fileId, kStatusDownloading, TakenUp::AfterTimeout);
+bool WaitForRetry(unsigned long fileId) {
+    return SetFileStatus(false, fileId, kStatusDownloading, kStatusDownloading, TakenUp::AfterTimeout);
 }
 
-/// The same for a file whose content was useless and is gone.
-void AskAgain(unsigned long fileId) {
-    RunUpdate(KelFormat("UPDATE %s SET %s = '%s', %s = %ld, %s = 0 WHERE %s = %lu", kTableFiles, kFileStatus,
-                        kStatusDownloading, kLastStatusChangeTime, Now(), kAcknowledged, kFileId, fileId));
+void DeleteContent(unsigned long fileId, const KelString& path) {
+    const KelLock lock(FileStore::mutexDownstream);
+    if (IsStillWanted(fileId)) FileDelete(path);
+}
+
+/// Removes useless content and asks for it again.
+bool AskAgain(unsigned long fileId, const KelString& path) {
+    const KelLock lock(FileStore::mutexDownstream);
+    DeleteContent(fileId, path);
+    return UpdateWanted(fileId, KelFormat("%s = %ld, %s = 0", kLastStatusChangeTime, Now(), kAcknowledged));
+}
+
+/// The content at `path` is complete and verified.
+bool SetAvailable(unsigned long fileId, const KelString& path) {
+    return UpdateWanted(fileId, KelFormat("%s = %gu, %s = '%s', %s = 0, %s = 0", kFileSize,
+                                          static_cast<std::uint64_t>(FileGetSize64(path)), kFileStatus,
+                                          kStatusAvailable, kLastStatusChangeTime, kAcknowledged));
 }
 
 /// Bytes free where the folder is or will be made. 0, or the error of DiskFree.
@@ -74,17 +100,19 @@ int FileStorePullThread::DownloadFile() {
     if (!PathCreate(file.folder)) {
         FileStore::debugFileStore.Error(
             "PullThread: Cannot create the folder %S: check space and permissions\n", file.folder);
-        WaitForRetry(file.id);
-        return 1;
+        return WaitForRetry(file.id) ? 1 : 0;
     }
-    RunUpdate(KelFormat("UPDATE %s SET %s = '%Q' WHERE %s = %lu", kTableFiles, kFilePath, file.path, kFileId,
-                        file.id));
+    // Nothing is fetched, again and again, while the database takes nothing.
+    if (!UpdateWanted(file.id, KelFormat("%s = '%Q'", kFilePath, file.path))) return 0;
+    if (!IsStillWanted(file.id)) return 1;
     const KelString sender = SenderUrl(file.sourceDevice);
     if (sender.empty()) {
         WaitForRetry(file.id);
         return 0;
     }
-    return ListenToMulticast(file) ? 1 : FetchByUnicast(file, sender);
+    const bool isMulticast = file.multicastPort != 0 && !file.multicastAddress.empty();
+    const bool recorded = isMulticast ? ListenToMulticast(file) : FetchByUnicast(file, sender);
+    return recorded ? 1 : 0;
 }
 
 bool FileStorePullThread::SelectDownload(Download& file) {
@@ -127,7 +155,6 @@ bool FileStorePullThread::HasSpace(const Download& file) {
 }
 
 bool FileStorePullThread::ListenToMulticast(const Download& file) {
-    if (file.multicastPort == 0 || file.multicastAddress.empty()) return false;
     FileStore::debugFileStore.Print("PullThread: Multicast transfer on address : %S and port : %lu.\n",
                                     file.multicastAddress, file.multicastPort);
     KelContainer call;
@@ -139,54 +166,49 @@ bool FileStorePullThread::ListenToMulticast(const Download& file) {
     call.SetString("LocalPath", file.path);
     call.SetString("FileChecksum", file.checksum);
     ActionDbInvokeContainer(nullptr, "", "HttpProtocolMulticastStartListen", call, 0, -1, -1, nullptr);
-    RunUpdate(KelFormat("UPDATE %s SET %s = '%s', %s = 0 WHERE %s = %lu", kTableFiles, kFileStatus,
-                        kStatusMulticastListening, kLastStatusChangeTime, kFileId, file.id));
-    return true;
+    return SetFileStatus(false, file.id, kStatusDownloading, kStatusMulticastListening, TakenUp::AtOnce);
 }
 
-int FileStorePullThread::FetchByUnicast(const Download& file, const KelString& sender) {
+bool FileStorePullThread::FetchByUnicast(const Download& file, const KelString& sender) {
     std::uint64_t offset = 0;
-    if (StartsComplete(file, offset)) return 1;
+    if (StartsComplete(file, offset)) return SettleComplete(file);
     unsigned int status = 0;
     const unsigned int result = Fetch(file, sender, offset, status);
-    if (result != kHttpCompleted) {
-        KeepForRetry(file, result);
-    } else if (status != 200 && status != 206) {
+    if (!IsStillWanted(file.id)) return CheckReplacement(file);
+    if (result != kHttpCompleted) return KeepForRetry(file, result);
+    if (status != 200 && status != 206) {
         FileStore::debugFileStore.Warning("PullThread: Relay does not have the requested file\n");
-        FileDelete(file.path);
-        AskAgain(file.id);
-    } else if (HasAnnouncedContent(file)) {
-        RunUpdate(KelFormat("UPDATE %s SET %s = %gu, %s = '%s', %s = 0, %s = 0 WHERE %s = %lu", kTableFiles,
-                            kFileSize, static_cast<std::uint64_t>(FileGetSize64(file.path)), kFileStatus,
-                            kStatusAvailable, kLastStatusChangeTime, kAcknowledged, kFileId, file.id));
+        return AskAgain(file.id, file.path);
     }
-    return 1;
+    return HasAnnouncedContent(file) ? SetAvailable(file.id, file.path) : AskAgain(file.id, file.path);
 }
 
-/// Looks at what an earlier attempt left: true when the file is settled, otherwise `offset` is where the
-/// download goes on.
+/// Looks at what an earlier attempt left: true when it is all there, otherwise `offset` is where the download
+/// goes on.
 bool FileStorePullThread::StartsComplete(const Download& file, std::uint64_t& offset) {
-    if (file.transportMode == kTransportUnicastRecovery) FileDelete(file.path);
+    if (file.transportMode == kTransportUnicastRecovery) DeleteContent(file.id, file.path);
     const std::int64_t present = FileExists(file.path) ? FileGetSize64(file.path) : -1;
     if (present < 0) return false;
     if (file.size != 0 && present > file.size) {
         FileStore::debugFileStore.Warning(
             "PullThread: The partial file %S is longer than announced, starting again\n", file.path);
-        FileDelete(file.path);
+        DeleteContent(file.id, file.path);
         return false;
     }
-    if (file.size == 0 || present != file.size) {
-        offset = static_cast<std::uint64_t>(present);
-        return false;
-    }
+    if (file.size != 0 && present == file.size) return true;
+    offset = static_cast<std::uint64_t>(present);
+    return false;
+}
+
+/// The complete local file may stem from a download that ended before it was verified or on the disk.
+bool FileStorePullThread::SettleComplete(const Download& file) {
     FileStore::debugFileStore.Print("PullThread: Try to download an already available file (%S)\n",
                                     file.name);
-    // It may stem from a download that ended before it was verified or on the disk.
-    if (HasAnnouncedContent(file) && FileSync(file.path))
-        RunUpdate(KelFormat("UPDATE %s SET %s = '%s', %s = 0, %s = 0 WHERE %s = %lu", kTableFiles,
-                            kFileStatus, kStatusAvailable, kLastStatusChangeTime, kAcknowledged, kFileId,
-                            file.id));
-    return true;
+    if (!HasAnnouncedContent(file)) return AskAgain(file.id, file.path);
+    if (FileSync(file.path)) return SetAvailable(file.id, file.path);
+    FileStore::debugFileStore.Error("PullThread: Cannot bring %S to the disk: check space and permissions\n",
+                                    file.path);
+    return WaitForRetry(file.id);
 }
 
 unsigned int FileStorePullThread::Fetch(const Download& file, const KelString& sender, std::uint64_t offset,
@@ -208,20 +230,29 @@ unsigned int FileStorePullThread::Fetch(const Download& file, const KelString& s
     return result;
 }
 
-void FileStorePullThread::KeepForRetry(const Download& file, unsigned int result) {
+bool FileStorePullThread::KeepForRetry(const Download& file, unsigned int result) {
     if (result == kHttpCutOff) {
         const std::int64_t present = FileGetSize64(file.path);
-        RunUpdate(KelFormat("UPDATE %s SET %s = %gu, %s = '%s', %s = %ld WHERE %s = %lu", kTableFiles,
-                            kTransferredBytes, static_cast<std::uint64_t>(present < 0 ? 0 : present),
-                            kFileStatus, kStatusDownloading, kLastStatusChangeTime, Now(), kFileId, file.id));
-        return;
+        return UpdateWanted(file.id, KelFormat("%s = %gu, %s = %ld", kTransferredBytes,
+                                               static_cast<std::uint64_t>(present < 0 ? 0 : present),
+                                               kLastStatusChangeTime, Now()));
     }
-    WaitForRetry(file.id);
     FileStore::debugFileStore.Error("PullThread: Failed to download file %S\n", file.name);
     FileStore::debugFileStore.Trace("PullThread: Received HTTP Client Error %d\n", static_cast<int>(result));
+    return WaitForRetry(file.id);
 }
 
-/// Compares the local file with the announced checksum; a wrong file is removed and asked for again.
+/// A body that began to arrive after an offer of a module here has put its content in place was written over
+/// that: what it spoilt is asked for again.
+bool FileStorePullThread::CheckReplacement(const Download& file) {
+    FileStoreEntry entry;
+    const bool isSpoilt = entry.LoadFromDatabase(file.id, false) && entry.FileStatus == kStatusAvailable &&
+                          entry.FilePath == file.path && !HasAnnouncedContent(file);
+    if (!isSpoilt) return true;
+    FileStore::threadPush.WakeUp();
+    return SetFileStatus(false, file.id, kStatusAvailable, kStatusToBeRequested, TakenUp::AtOnce);
+}
+
 bool FileStorePullThread::HasAnnouncedContent(const Download& file) {
     FileStore::debugFileStore.Print("PullThread: Calculating checksum\n");
     KelString checksum;
@@ -229,7 +260,5 @@ bool FileStorePullThread::HasAnnouncedContent(const Download& file) {
     FileStore::debugFileStore.Print("PullThread: File checksum is %S\n", checksum);
     if (checksum == file.checksum || file.type == "OperationalRuleNetworkPackageInfo") return true;
     FileStore::debugFileStore.Error("PullThread: File checksum is invalid, requesting again\n");
-    FileDelete(file.path);
-    AskAgain(file.id);
     return false;
 }

@@ -45,12 +45,12 @@ bool FileStoreHandleThread::LocalRequestFile(bool upstream) {
     KelContainer results;
     CallbackDbTrigger("FileStoreCallbackFileRequest", RequestArguments(*row), results);
     const FileStoreDatabase database = FileStoreGetDatabase(upstream);
-    if (FileStore::CheckHandlerResult(results, kAnswerWillProvide)) {
-        const KelLock lock(database.mutex);
+    // From reading the status to what follows from it: an offer may arrive at any moment.
+    const KelLock lock(database.mutex);
+    if (FileStore::CheckHandlerResult(results, kAnswerWillProvide))
         database.connection.Query(KelFormat("UPDATE %s SET FileStatus = '%s', %s = 1 WHERE %s = %lu",
                                             kTableFiles, kStatusNotRelaysChild, kAcknowledged, kFileId,
                                             fileId));
-    }
     const KelString status = database.connection.ReadString(kTableFiles, kFileStatus, kFileId, fileId);
     if (status == kStatusMissing)
         return DecideMissing(fileId, upstream, FileStore::CheckHandlerResult(results, kAnswerRequestKnown));
@@ -60,7 +60,7 @@ bool FileStoreHandleThread::LocalRequestFile(bool upstream) {
 }
 
 /// No module of this device supplies the file: the parent is asked, or on the master, which has none, the
-/// request ends.
+/// request ends. The caller holds the mutex of the database since it read the status.
 bool FileStoreHandleThread::DecideMissing(std::uint64_t fileId, bool upstream, bool isKnownToConsumer) {
     if (ActionDbIsActionRegistered("QuarnelDbRunScript")) {
         if (DeleteFileRow(upstream, fileId)) ++rowsMovedOn_;

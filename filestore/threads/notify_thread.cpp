@@ -80,8 +80,7 @@ int FileStoreNotifyThread::NotifyUnicastTargets(unsigned int fileId, unsigned in
         else
             NotifyRemote(row, outcome);
     }
-    Record(outcome);
-    return 1;
+    return Record(outcome) ? 1 : 0;
 }
 
 std::shared_ptr<const DBResult> FileStoreNotifyThread::SelectTarget(unsigned int fileId,
@@ -143,20 +142,24 @@ void FileStoreNotifyThread::NotifyRemote(const NotificationRow& row, Outcome& ou
     WakeUpTarget(row, error);
 }
 
-void FileStoreNotifyThread::Record(const Outcome& outcome) {
+/// False when nothing was written.
+bool FileStoreNotifyThread::Record(const Outcome& outcome) {
     const KelLock lock(FileStore::mutexDownstream);
     DBConnection& connection = *FileStore::pDbConnectionDownstream;
     DBTransaction transaction(connection);
-    if (!outcome.deleted.empty())
-        connection.Query(
-            KelFormat("DELETE FROM %s WHERE %s IN (%S)", kTableTargets, kTargetId, outcome.deleted));
-    const auto setNotifyTime = [&connection](std::int64_t time, const char* column, const KelString& list) {
-        if (!list.empty())
-            connection.Query(KelFormat("UPDATE %s SET %s = %ld WHERE %s IN (%S)", kTableTargets,
-                                       kLastNotifyTime, time, column, list));
+    const auto removeTargets = [&connection](const KelString& list) {
+        return list.empty() || connection.Query(KelFormat("DELETE FROM %s WHERE %s IN (%S)", kTableTargets,
+                                                          kTargetId, list)) != nullptr;
     };
-    setNotifyTime(Now(), kTargetId, outcome.failedTargets);
-    setNotifyTime(Now(), kDeviceGuid, outcome.failedDevices);
-    setNotifyTime(Now() + 4 * static_cast<std::int64_t>(FileStore::ulTimeout), kTargetId, outcome.notified);
-    transaction.Commit();
+    const auto setNotifyTime = [&connection](std::int64_t time, const char* column, const KelString& list) {
+        return list.empty() ||
+               connection.Query(KelFormat("UPDATE %s SET %s = %ld WHERE %s IN (%S)", kTableTargets,
+                                          kLastNotifyTime, time, column, list)) != nullptr;
+    };
+    return transaction.IsOpen() && removeTargets(outcome.deleted) &&
+           setNotifyTime(Now(), kTargetId, outcome.failedTargets) &&
+           setNotifyTime(Now(), kDeviceGuid, outcome.failedDevices) &&
+           setNotifyTime(Now() + 4 * static_cast<std::int64_t>(FileStore::ulTimeout), kTargetId,
+                         outcome.notified) &&
+           transaction.Commit();
 }

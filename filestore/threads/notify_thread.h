@@ -19,7 +19,7 @@ class FileStoreNotifyThread : public FileThreadBase {
     bool NotifyTargets();
 
     /// Announces the most urgent due targets (both arguments 0) or one target of one file: 1 when there were
-    /// any, else 0.
+    /// any, 0 when not or when the database did not take the outcome: they are announced again.
     int NotifyUnicastTargets(unsigned int fileId, unsigned int targetId);
 
   protected:
@@ -32,5 +32,5 @@ class FileStoreNotifyThread : public FileThreadBase {
     static std::shared_ptr<const DBResult> SelectTarget(unsigned int fileId, unsigned int targetId);
     static void NotifyLocal(const filestore::NotificationRow& row, Outcome& outcome);
     static void NotifyRemote(const filestore::NotificationRow& row, Outcome& outcome);
-    static void Record(const Outcome& outcome);
+    static bool Record(const Outcome& outcome);
 };

@@ -11,8 +11,8 @@ class FileStorePullThread : public FileThreadBase {
   public:
     FileStorePullThread();
 
-    /// Takes at most one file in hand: 1 when it did, whatever the outcome, else 0. Also for tests, on any
-    /// one thread.
+    /// Takes at most one file in hand: 1 when it did, whatever the outcome, else 0, also when the database
+    /// did not take the outcome. Also for tests, on any one thread.
     int DownloadFile();
 
     /// Acknowledges at most one downloaded file to its sender: 1 when it did, else 0.
@@ -28,13 +28,16 @@ class FileStorePullThread : public FileThreadBase {
     // download.cpp
     static bool SelectDownload(Download& file);
     static bool HasSpace(const Download& file);
-    static bool ListenToMulticast(const Download& file);
-    int FetchByUnicast(const Download& file, const KelString& sender);
     static bool StartsComplete(const Download& file, std::uint64_t& offset);
     unsigned int Fetch(const Download& file, const KelString& sender, std::uint64_t offset,
                        unsigned int& status);
-    static void KeepForRetry(const Download& file, unsigned int result);
     static bool HasAnnouncedContent(const Download& file);
+    // True when what became of the file is recorded.
+    static bool ListenToMulticast(const Download& file);
+    bool FetchByUnicast(const Download& file, const KelString& sender);
+    static bool SettleComplete(const Download& file);
+    static bool CheckReplacement(const Download& file);
+    static bool KeepForRetry(const Download& file, unsigned int result);
 
     // acknowledge_step.cpp
     static bool SelectAcknowledgement(Acknowledgement& file);

@@ -51,6 +51,8 @@ KelString ChecksumOf(const DBResult& row, const KelContainer& answer) {
     return known.empty() && !given.empty() && CheckKeyPart(kFileChecksum, given, true) ? given : known;
 }
 
+/// Leaves a row alone that an announcement or an offer has taken further while the parent was asked. False
+/// when the database failed.
 bool RecordAnswer(const DBResult& row, const KelContainer& answer) {
     const KelString url = UrlOf(answer);
     KelString status = kStatusToBeRequested;
@@ -63,11 +65,16 @@ bool RecordAnswer(const DBResult& row, const KelContainer& answer) {
         time = 0;
     }
     const KelLock lock(FileStore::mutexDownstream);
-    return FileStore::pDbConnectionDownstream->Query(
-               KelFormat("UPDATE %s SET %s = '%S', %s = %u, %s = '%Q', %s = %u, %s = '%S' WHERE %s = %ld",
-                         kTableFiles, kFileStatus, status, kLastStatusChangeTime, time, kFileUrl, url,
-                         kKeepCopy, static_cast<std::uint32_t>(answer.GetInt32(kKeepCopy)), kFileChecksum,
-                         ChecksumOf(row, answer), kFileId, row.GetInt64(0, kFileId))) != nullptr;
+    return FileStore::pDbConnectionDownstream->Query(KelFormat(
+               "UPDATE %s SET %s = '%S', %s = %u, %s = '%Q', %s = %u, %s = '%S' WHERE %s = %ld "
+               "AND %s = '%s'",
+               kTableFiles, kFileStatus, status, kLastStatusChangeTime, time, kFileUrl, url, kKeepCopy,
+               static_cast<std::uint32_t>(answer.GetInt32(kKeepCopy)), kFileChecksum, ChecksumOf(row, answer),
+               kFileId, row.GetInt64(0, kFileId), kFileStatus, kStatusToBeRequested)) != nullptr;
+}
+
+void WaitForRetry(unsigned long fileId) {
+    SetFileStatus(false, fileId, kStatusToBeRequested, kStatusToBeRequested, TakenUp::AfterTimeout);
 }
 
 }  // namespace
@@ -92,7 +99,7 @@ FileStorePushThread::Outcome FileStorePushThread::RequestFile(bool& reachedParen
     KelString parentUrl, parentGuid;
     FileStore::GetRelayUrl(parentUrl, parentGuid);
     if (parentUrl.empty()) {
-        SetFileStatus(false, fileId, kStatusToBeRequested, TakenUp::AfterTimeout);
+        WaitForRetry(fileId);
         return Outcome::Failed;
     }
     KelContainer call = RequestOf(*row, deviceUrl);
@@ -101,7 +108,7 @@ FileStorePushThread::Outcome FileStorePushThread::RequestFile(bool& reachedParen
     if (error != 0) {
         if (error == kKelErrorGuidScheme) FileStore::UpdateGuidScheme();
         FileStore::debugFileStore.Warning("PushThread: Failed to call %s, error %u\n", kRequestAction, error);
-        SetFileStatus(false, fileId, kStatusToBeRequested, TakenUp::AfterTimeout);
+        WaitForRetry(fileId);
         return Outcome::Failed;
     }
     reachedParent = true;

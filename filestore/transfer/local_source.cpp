@@ -1,11 +1,61 @@
 #include "filestore/transfer/local_source.h"
 
+#include <filesystem>
+
 #include "filestore/module/file_store.h"
 #include "kel/checksum.h"
 #include "kel/file.h"
 #include "kel/path.h"
 
+namespace fs = std::filesystem;
+
 namespace filestore {
+
+namespace {
+
+bool FailToPlace(const KelString& source, const KelString& destination) {
+    FileStore::debugFileStore.Error(
+        "Cannot bring '%S' to '%S': check space and permissions, then offer it again\n", source, destination);
+    return false;
+}
+
+/// Gives the content its place as a second name. False where there are no such names: on another file system
+/// and for files of other users.
+bool LinkContent(const KelString& source, const KelString& folder, const KelString& destination) {
+    KelString name;
+    if (!FileCreateTemp(folder, name)) return false;
+    FileDelete(name);
+    std::error_code error;
+    fs::create_hard_link(source, name, error);
+    const bool placed = !error && FileRename(name, destination);
+    FileDelete(name);  // a rename between two names of one file leaves both
+    return placed;
+}
+
+bool CopyContent(const LocalSource& source, const KelString& folder, const KelString& destination) {
+    if (source.computedChecksum.empty())
+        return FileCopy(source.path, destination, false) || FailToPlace(source.path, destination);
+    KelString copy, checksum;
+    if (!FileCreateTemp(folder, copy)) return FailToPlace(source.path, destination);
+    const bool copied = FileCopy(source.path, copy, false) && FileMd5(copy, checksum);
+    const bool changed = copied && checksum != source.computedChecksum;
+    if (copied && !changed && FileRename(copy, destination)) return true;
+    FileDelete(copy);
+    if (!changed) return FailToPlace(source.path, destination);
+    FileStore::debugFileStore.Warning(
+        "Refusing '%S', which changed while it was taken: offer it again when nobody writes to it\n",
+        source.path);
+    return false;
+}
+
+/// True for two spellings of one name, of which the file must not lose the only one.
+bool IsSameName(const KelString& left, const KelString& right) {
+    const fs::path a = CompletePath(left), b = CompletePath(right);
+    std::error_code error;
+    return a.filename() == b.filename() && fs::equivalent(a.parent_path(), b.parent_path(), error);
+}
+
+}  // namespace
 
 LocalSource ReadLocalSource(const KelContainer& arguments) {
     using Kind = LocalSource::Kind;
@@ -21,21 +71,40 @@ bool FillChecksum(const KelString& path, KelString& checksum) {
     return false;
 }
 
+bool FillChecksum(LocalSource& source, KelString& checksum) {
+    const bool isGiven = !checksum.empty();
+    if (!FillChecksum(source.path, checksum)) return false;
+    if (!isGiven) source.computedChecksum = checksum;
+    return true;
+}
+
+bool CheckUpstreamSize(const KelString& path, std::int64_t size) {
+    if (size < 0)
+        FileStore::debugFileStore.Warning("Refusing an offer whose file '%S' cannot be read\n", path);
+    if (size == 0)
+        FileStore::debugFileStore.Warning(
+            "Refusing the empty file '%S': no device above would take it, so it could never be delivered\n",
+            path);
+    return size > 0;
+}
+
 bool PlaceContent(const LocalSource& source, const KelString& folder, const KelString& destination,
                   bool keepExisting) {
     if (source.kind == LocalSource::Kind::External) return true;
     const std::int64_t sourceSize = FileGetSize64(source.path);
     const std::int64_t present = FileGetSize64(destination);
     if (present >= 0 && (sourceSize < 0 || (keepExisting && sourceSize == present))) return true;
+    if (!PathCreate(folder)) return FailToPlace(source.path, destination);
+    const bool isMove = source.kind == LocalSource::Kind::Move;
+    return (isMove && LinkContent(source.path, folder, destination)) ||
+           CopyContent(source, folder, destination);
+}
 
-    const bool placed = PathCreate(folder) &&
-                        (source.kind == LocalSource::Kind::Move ? FileRename(source.path, destination)
-                                                                : FileCopy(source.path, destination, false));
-    if (!placed)
-        FileStore::debugFileStore.Error(
-            "Cannot bring '%S' to '%S': check space and permissions, then offer it again\n", source.path,
-            destination);
-    return placed;
+void RemoveMovedSource(const LocalSource& source, const KelString& destination) {
+    if (source.kind != LocalSource::Kind::Move || IsSameName(source.path, destination)) return;
+    if (!FileDelete(source.path))
+        FileStore::debugFileStore.Warning("Cannot remove '%S', whose content is in the store: remove it\n",
+                                          source.path);
 }
 
 std::int64_t ContentSize(const LocalSource& source, const KelString& destination) {

@@ -14,6 +14,13 @@ namespace filestore {
 
 namespace {
 
+/// True when the HTTP alias, which is published for the setting as it stands, serves the file: not with
+/// several folders.
+bool IsServedFromRepository(const KelString& path, const KelString& fileName) {
+    const KelLock lock(FileStore::mutexSettings);
+    return path == FileStore::strPackagesRepositoryPath + "/" + fileName;
+}
+
 KelString FindInRepository(const KelString& fileName) {
     KelString folders;
     {
@@ -74,7 +81,7 @@ bool EnterInStore(const FileStoreEntry& file, const KelString& path) {
                                           file.FileName, file.FileChecksum))
         entry.LoadFromDatabase(known, false);
     entry.FileChecksum = file.FileChecksum;
-    if (FileStore::fPackagesRepositoryCopy) {
+    if (FileStore::fPackagesRepositoryCopy || !IsServedFromRepository(path, file.FileName)) {
         FileStore::debugFileStore.Print("Copy from repository\n");
         const KelString folder =
             FileStore::StoreFolder(false, file.FileType, file.FileLabel, file.FileChecksum);
@@ -82,7 +89,12 @@ bool EnterInStore(const FileStoreEntry& file, const KelString& path) {
         entry.FileURL =
             FileStore::StoreUrl(false, file.FileType, file.FileLabel, file.FileChecksum, file.FileName);
         entry.ExternalFile = false;
-        if (!PathCreate(folder) || !FileCopy(path, entry.FilePath, false)) return false;
+        if (!PathCreate(folder) || !FileCopy(path, entry.FilePath, false)) {
+            FileStore::debugFileStore.Error(
+                "Cannot copy '%S' from the package repository to '%S': check space and permissions\n", path,
+                entry.FilePath);
+            return false;
+        }
     } else {
         FileStore::debugFileStore.Print("Reference from repository\n");
         entry.FilePath = path;

@@ -11,9 +11,10 @@ enum class RepositoryResult {
 };
 
 /// Looks for the file in the package repository folders (setting PackagesRepositoryPath, separated by commas)
-/// and, when its content is the one asked for, enters it in the downstream database: copied into the store or
-/// referred to where it lies (setting PackagesRepositoryCopy). The package is also announced upstream, so
-/// that those above know that this device holds it. The caller holds mutexDownstream.
+/// and, when its content is the one asked for, enters it in the downstream database: copied into the store
+/// or, when the repository is one folder, referred to where it lies (setting PackagesRepositoryCopy). The
+/// package is also announced upstream, so that those above know that this device holds it. The caller holds
+/// mutexDownstream.
 RepositoryResult TakeFromRepository(const FileStoreEntry& file);
 
 }  // namespace filestore

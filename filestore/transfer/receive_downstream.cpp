@@ -2,6 +2,7 @@
 
 #include "filestore/db/file_status.h"
 #include "filestore/db/file_store_entry.h"
+#include "filestore/db/row_changes.h"
 #include "filestore/db/schema.h"
 #include "filestore/module/file_store.h"
 #include "filestore/transfer/local_source.h"
@@ -22,15 +23,6 @@ bool LoadKnown(FileStoreEntry& entry) {
         FileStore::FindFileInDatabase(*FileStore::pDbConnectionDownstream, entry.FileType, entry.FileLabel,
                                       entry.FileName, entry.FileChecksum);
     return fileId != 0 && entry.LoadFromDatabase(fileId, false);
-}
-
-/// The file's identifier: of its row, or one taken for the row that will be made. The target rows are made
-/// for it outside the database lock, because that calls local actions.
-unsigned long ReserveFileId(const FileStoreEntry& entry) {
-    FileStoreEntry known = entry;
-    const KelLock lock(FileStore::mutexDownstream);
-    if (LoadKnown(known)) return known.FileId;
-    return FileStore::dbSequenceManagerDownstream.GetId(kTableFiles, kFileId);
 }
 
 bool RunAll(const KelVector<KelString>& statements) {
@@ -133,24 +125,73 @@ void SetAvailable(FileStoreEntry& entry, const FileStoreEntry& offered) {
     entry.FileStatus = kStatusAvailable;
 }
 
-/// Records a local offer as being received, with its targets: both or neither. `entry` is then the row's
-/// record. False on failure.
-bool RecordLocal(FileStoreEntry& entry, const FileStoreEntry& offered, unsigned int wakeOnLan,
-                 const KelContainer& devicePath) {
-    for (;;) {
-        const unsigned long fileId = ReserveFileId(offered);
-        const KelVector<KelString> targets = TargetStatements(fileId, wakeOnLan, devicePath);
-        const KelLock lock(FileStore::mutexDownstream);
-        entry = offered;
-        if (!LoadKnown(entry)) {
-            entry.FileId = fileId;
-            entry.FileStatus = kStatusReceiving;
-            return CreateWithTargets(entry, targets);
-        }
-        if (entry.FileId != fileId) continue;  // made by another call meanwhile: the targets are for its row
-        DBTransaction transaction(*FileStore::pDbConnectionDownstream);
-        return RunAll(targets) && transaction.Commit();
+/// A local offer while its content is brought into the store, which takes long and needs no lock.
+struct Reception {
+    FileStoreEntry before;  ///< the row as the offer found or made it
+    bool isNew = false;     ///< made for this offer
+    bool WasAvailable() const { return before.FileStatus == kStatusAvailable; }
+};
+
+/// Sets the row of the file, made when it is unknown, to "receiving", so that no thread takes it up
+/// meanwhile. An available file stays so: it is served all along. False when the database failed.
+bool Begin(Reception& reception, const FileStoreEntry& offered) {
+    FileStoreEntry& row = reception.before;
+    const KelLock lock(FileStore::mutexDownstream);
+    row = offered;
+    reception.isNew = !LoadKnown(row);
+    if (reception.isNew) {
+        row.FileStatus = kStatusReceiving;
+        return row.CreateInDatabase(false) != 0;
     }
+    return reception.WasAvailable() ||
+           SetFileStatus(false, row.FileId, row.FileStatus, kStatusReceiving, TakenUp::AtOnce);
+}
+
+/// Makes the file available with its targets: all or nothing. What others have written to the row since it
+/// was begun stays, but for what the offer says.
+bool Complete(const Reception& reception, FileStoreEntry& offered, const KelVector<KelString>& targets) {
+    const KelLock lock(FileStore::mutexDownstream);
+    if (!offered.ExternalFile) offered.FileSize = FileGetSize64(offered.FilePath);
+    FileStoreEntry entry;
+    if (offered.FileSize < 0 || !entry.LoadFromDatabase(reception.before.FileId, false)) {
+        FileStore::debugFileStore.Warning(
+            "%S or its row was removed while the file was taken in: offer it again\n", offered.FilePath);
+        return false;
+    }
+    SetAvailable(entry, offered);
+    DBTransaction transaction(*FileStore::pDbConnectionDownstream);
+    return transaction.IsOpen() && RunAll(targets) && entry.SaveToDatabase(false) && transaction.Commit();
+}
+
+/// Takes back what Begin did, unless someone else has taken the row further.
+void GiveUp(const Reception& reception) {
+    const FileStoreEntry& row = reception.before;
+    DBConnection& connection = *FileStore::pDbConnectionDownstream;
+    const KelLock lock(FileStore::mutexDownstream);
+    if (connection.ReadString(kTableFiles, kFileStatus, kFileId, row.FileId) != kStatusReceiving) return;
+    if (reception.isNew)
+        DeleteFileRow(false, row.FileId);
+    else
+        connection.Query(KelFormat("UPDATE %s SET %s = '%Q', %s = %ld WHERE %s = %lu", kTableFiles,
+                                   kFileStatus, row.FileStatus, kLastStatusChangeTime,
+                                   row.LastStatusChangeTime, kFileId, row.FileId));
+}
+
+/// Brings the content of an offer into the store and records it; false, with nothing left of it but perhaps
+/// the content, when that failed.
+bool TakeIn(const LocalSource& source, FileStoreEntry& offered, unsigned int wakeOnLan,
+            const KelContainer& devicePath) {
+    Reception reception;
+    if (!Begin(reception, offered)) return false;
+    const KelVector<KelString> targets =
+        TargetStatements(reception.before.FileId, wakeOnLan, devicePath);  // calls local actions: no lock
+    const KelString folder =
+        FileStore::StoreFolder(false, offered.FileType, offered.FileLabel, offered.FileChecksum);
+    if (PlaceContent(source, folder, offered.FilePath, reception.WasAvailable()) &&
+        Complete(reception, offered, targets))
+        return true;
+    GiveUp(reception);
+    return false;
 }
 
 Announced RecordAnnounced(const FileStoreEntry& offered, const MulticastOffer& multicast,
@@ -180,8 +221,8 @@ int FileStore::ReceiveDownstreamLocalFile(KelContainer& arguments, const KelStri
                                           const KelString& label, const KelString& name, KelString& checksum,
                                           unsigned int keepCopy, bool bypass, unsigned int wakeOnLan,
                                           unsigned int priority) {
-    const LocalSource source = ReadLocalSource(arguments);
-    if (!FillChecksum(source.path, checksum)) return kKelErrorBadInput;
+    LocalSource source = ReadLocalSource(arguments);
+    if (!FillChecksum(source, checksum)) return kKelErrorBadInput;
     FileStoreEntry offered = OfferedEntry(type, label, name, checksum, keepCopy, bypass, priority);
     const KelString path = StorePath(false, type, label, checksum, name);
     offered.ExternalFile = source.kind == LocalSource::Kind::External;
@@ -202,12 +243,8 @@ int FileStore::ReceiveDownstreamLocalFile(KelContainer& arguments, const KelStri
         return kKelErrorBadInput;
     }
 
-    FileStoreEntry entry;
-    if (!RecordLocal(entry, offered, wakeOnLan, devicePath) ||
-        !PlaceContent(source, StoreFolder(false, type, label, checksum), path, true))
-        return kKelErrorBadInput;
-    SetAvailable(entry, offered);
-    if (!entry.SaveToDatabase(false)) return kKelErrorBadInput;
+    if (!TakeIn(source, offered, wakeOnLan, devicePath)) return kKelErrorBadInput;
+    RemoveMovedSource(source, path);
     threadNotify.WakeUp();
     return kKelOk;
 }

@@ -70,11 +70,8 @@ int FileStore::ReceiveUnconnectedLocalFile(KelContainer& arguments, const KelStr
                                            unsigned int /*wakeOnLan*/, unsigned int /*priority*/) {
     const UnconnectedSource source = ReadSource(arguments);
     const std::int64_t size = FileGetSize64(source.path);
-    if (size < 0) {
-        debugFileStore.Warning("Refusing an offer whose file '%S' cannot be read\n", source.path);
+    if (!filestore::CheckUpstreamSize(source.path, size) || !filestore::FillChecksum(source.path, checksum))
         return kKelErrorBadInput;
-    }
-    if (!filestore::FillChecksum(source.path, checksum)) return kKelErrorBadInput;
     const KelString guid = arguments.GetString("GUID");
     arguments.Clear();
     const KelString ownGuid = TakeGuid(guid);

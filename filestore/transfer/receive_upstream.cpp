@@ -63,8 +63,8 @@ int FileStore::ReceiveUpstreamLocalFile(KelContainer& arguments, const KelString
                                         const KelString& label, const KelString& name, KelString& checksum,
                                         unsigned int keepCopy, bool bypass, unsigned int /*wakeOnLan*/,
                                         unsigned int priority) {
-    const LocalSource source = ReadLocalSource(arguments);
-    if (!FillChecksum(source.path, checksum)) return kKelErrorBadInput;
+    LocalSource source = ReadLocalSource(arguments);
+    if (!FillChecksum(source, checksum)) return kKelErrorBadInput;
     const KelString path = StorePath(true, type, label, checksum, name);
     FileStoreEntry entry = OfferedEntry(type, label, name, checksum, keepCopy, bypass, priority);
     entry.ExternalFile = source.kind == LocalSource::Kind::External;
@@ -79,22 +79,16 @@ int FileStore::ReceiveUpstreamLocalFile(KelContainer& arguments, const KelString
     arguments.Clear();
 
     if (HandleKnownFile(entry)) {
-        if (source.kind == LocalSource::Kind::Move) FileDelete(source.path);
+        RemoveMovedSource(source, path);
         threadHandler.WakeUp();
         return kKelOk;
     }
-    if (entry.FileSize < 0) {
-        debugFileStore.Warning("Refusing an offer whose file '%S' cannot be read\n", source.path);
+    if (!CheckUpstreamSize(source.path, entry.FileSize) ||
+        !PlaceContent(source, StoreFolder(true, type, label, checksum), path, false))
         return kKelErrorBadInput;
-    }
-    if (entry.FileSize == 0) {
-        debugFileStore.Warning(
-            "Refusing the empty file '%S': no device above would take it, so it could never be delivered\n",
-            source.path);
-        return kKelErrorBadInput;
-    }
-    if (!PlaceContent(source, StoreFolder(true, type, label, checksum), path, false) || !Record(entry))
-        return kKelErrorBadInput;
+    entry.FileSize = FileGetSize64(entry.FilePath);
+    if (!Record(entry)) return kKelErrorBadInput;
+    RemoveMovedSource(source, path);
     threadHandler.WakeUp();
     return kKelOk;
 }

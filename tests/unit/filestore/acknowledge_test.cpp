@@ -43,6 +43,31 @@ TEST_F(AcknowledgeTest, RefusedAcknowledgementIsRepeatedAfterTheTimeOut) {
     EXPECT_EQ(Acknowledged(fileId), "0");
 }
 
+TEST_F(AcknowledgeTest, StepEndsWhileTheDatabaseTakesNothing) {
+    AnswerAsParent([](const ScriptedServer::Request&) {
+        const bool again = Cell(Downstream(), "PRAGMA query_only") == "1";
+        Rows(Downstream(), KelFormat("PRAGMA query_only=%u", !again));
+        return ScriptedServer::ActionResult(0);
+    });
+    Received("n");
+    Exposed<FileStorePullThread>().DoWork();
+    Rows(Downstream(), "PRAGMA query_only=0");
+    EXPECT_EQ(Parent().Requests().size(), 1U);
+}
+
+TEST_F(AcknowledgeTest, RowThatChangedDuringTheCallStaysChanged) {
+    for (const unsigned int result : {0U, 7U}) {
+        unsigned long fileId = 0;
+        AnswerAsParent([&](const ScriptedServer::Request&) {
+            Set(false, fileId, KelFormat("FileStatus = '%s'", kStatusToBeRequested));
+            return ScriptedServer::ActionResult(result);
+        });
+        fileId = Received(KelFormat("n%u", result));
+        Step();
+        EXPECT_EQ(Fields(false, fileId, "FileStatus, Acknowledged"), KelString(kStatusToBeRequested) + "|0");
+    }
+}
+
 TEST_F(AcknowledgeTest, DeviceWithoutGuidAcknowledgesNothing) {
     AnswerAsParent(0);
     identityValues.SetString("GUID", "");

@@ -70,6 +70,48 @@ TEST_F(DownloadTest, OutcomeOfAFailureDependsOnItsKind) {
     }
 }
 
+/// A body that begins to arrive after the local content has been put in place is written over it.
+TEST_F(DownloadTest, FileOfferedHereMeanwhileIsKeptOrAskedForAgainWhenTheAnswerSpoiltIt) {
+    for (const auto& [name, answer, row] : Table<const char*, ScriptedServer::Answer, KelString>{
+             {"gone", {404, "", "no"}, KelString(kStatusAvailable) + "|1"},
+             {"same content", {200, "", content_}, KelString(kStatusAvailable) + "|1"},
+             {"wrong content", {200, "", KelString(3000, 'x')}, KelString(kStatusToBeRequested) + "|1"},
+             {"cut off", {200, "", content_, 500}, KelString(kStatusToBeRequested) + "|1"}}) {
+        SCOPED_TRACE(name);
+        const unsigned long fileId = Wanted(name);
+        AnswerAsParent([&, answer = answer](const ScriptedServer::Request&) {
+            KelContainer offer = Make({{"FileType", "Type"},
+                                       {"FileLabel", "Label"},
+                                       {"FileName", name},
+                                       {"FileChecksum", TextMd5(content_)},
+                                       {"CopyPath", MakeFile("source", content_)}});
+            EXPECT_EQ(Receive(offer), 0U);
+            return answer;
+        });
+        EXPECT_EQ(Step(), 1);
+        EXPECT_EQ(Fields(false, fileId, "FileStatus, Acknowledged"), row);
+        EXPECT_EQ(Content(StorePathOf(fileId)) == content_, row.starts_with(kStatusAvailable));
+    }
+}
+
+TEST_F(DownloadTest, StepEndsWhileTheDatabaseTakesNothing) {
+    for (const auto& [name, failsBefore, requests] :
+         Table<const char*, bool, std::size_t>{{"before", true, 0}, {"after", false, 1}}) {
+        SCOPED_TRACE(name);
+        AnswerAsParent([](const ScriptedServer::Request&) {
+            // the second request is one too many: let it end
+            const bool again = Cell(Downstream(), "PRAGMA query_only") == "1";
+            Rows(Downstream(), KelFormat("PRAGMA query_only=%u", !again));
+            return ScriptedServer::Answer{404, "", "no"};
+        });
+        Wanted(name);
+        if (failsBefore) Rows(Downstream(), "PRAGMA query_only=1");
+        Exposed<FileStorePullThread>().DoWork();
+        Rows(Downstream(), "PRAGMA query_only=0");
+        EXPECT_EQ(Parent().Requests().size(), requests);
+    }
+}
+
 TEST_F(DownloadTest, NetworkPackageInfoIsTakenWithAnyChecksumAndTheSizeItHas) {
     const unsigned long fileId =
         Wanted("n", "FileType = 'OperationalRuleNetworkPackageInfo', FileSize = 0, FileChecksum = 'other'");

@@ -126,9 +126,10 @@ TEST_F(Lifecycle, RoleIsDeterminedWithItsUploadPolicy) {
     }
 }
 
-TEST_F(Lifecycle, ActivationRepairsInterruptedMulticast) {
+TEST_F(Lifecycle, ActivationRepairsInterruptedReceptions) {
     Initialise();
-    for (const char* status : {filestore::kStatusMulticastListening, filestore::kStatusAvailable})
+    for (const char* status :
+         {filestore::kStatusMulticastListening, filestore::kStatusAvailable, filestore::kStatusReceiving})
         AddFile(
             false, "n", status,
             "FileSize = 12, Acknowledged = 1, LastStatusChangeTime = 99, MulticastTransferToBeStarted = 1");
@@ -137,7 +138,8 @@ TEST_F(Lifecycle, ActivationRepairsInterruptedMulticast) {
                    "SELECT FileStatus, FileSize, Acknowledged, LastStatusChangeTime, "
                    "MulticastTransferToBeStarted FROM Files ORDER BY FileId"),
               (KelVector<KelString>{"_AGTMOD_FILESTORESTATUS_TOBEREQUESTED_|0|0|0|0",
-                                    "_AGTMOD_FILESTORESTATUS_AVAILABLE_|12|1|99|0"}));
+                                    "_AGTMOD_FILESTORESTATUS_AVAILABLE_|12|1|99|0",
+                                    "_AGTMOD_FILESTORESTATUS_MISSING_|12|1|0|0"}));
 }
 
 TEST_F(Lifecycle, EntryAnswersTextsAndRefusesUnknownOperations) {

@@ -131,6 +131,18 @@ TEST_F(NotificationTest, BatchHoldsFiftyTargetsOrOneBesideLimitedMulticast) {
     EXPECT_EQ(Targets().size(), 9U);
 }
 
+TEST_F(NotificationTest, StepEndsWhileTheDatabaseTakesNothing) {
+    Fake("TestConsume ()", [this](KelContainer&) {
+        if (CallsOf("TestConsume").size() > 1) Rows(Downstream(), "PRAGMA query_only=0");
+        return 0U;
+    });
+    AddTarget(Announced("n"), 1, "");
+    Rows(Downstream(), "PRAGMA query_only=1");
+    Exposed<FileStoreNotifyThread>().DoWork();
+    Rows(Downstream(), "PRAGMA query_only=0");
+    EXPECT_EQ(CallsOf("TestConsume").size(), 1U);
+}
+
 TEST_F(NotificationTest, SingleModeTellsExactlyThatTargetWhateverItsTimes) {
     const unsigned long fileId = Announced("n");
     AddTarget(fileId, 1, "", std::time(nullptr));

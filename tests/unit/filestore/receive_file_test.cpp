@@ -157,7 +157,8 @@ TEST_F(ReceiveFileTest, UnreadableAndEmptySourcesAreRefusedAndNothingIsRecorded)
             for (const bool upstream : {false, true})
                 EXPECT_EQ(
                     Receive(Offer("t", checksum), {{"Upstream", upstream}, {value, Root() + "/absent"}}), 1U);
-        EXPECT_EQ(Receive(Offer("t", ""), {{"Upstream", true}, {value, empty}}), 1U);
+        for (const char* route : {"Upstream", "Unconnected"})
+            EXPECT_EQ(Receive(Offer("t", ""), {{route, true}, {value, empty}}), 1U) << route;
         EXPECT_EQ(Everything(), before);
     }
 }
@@ -187,10 +188,19 @@ TEST_F(ReceiveFileTest, LocalOfferReplacesAPartialDownload) {
     EXPECT_EQ(Content(row.FilePath), "abc");
 }
 
-TEST_F(ReceiveFileTest, LocalOfferThatCannotBeStoredIsNotCalledAvailable) {
+TEST_F(ReceiveFileTest, LocalOfferThatCannotBeStoredLeavesNoTrace) {
     WriteFile(FileStore::strStorageLocationToUse + "downstream/t", "a file where the folder should be");
-    EXPECT_EQ(Receive(Offer(), {{"CopyPath", MakeFile("source", "abc")}}), 1U);
-    EXPECT_EQ(OnlyRow(false).FileStatus, kStatusReceiving);
+    const KelString source = MakeFile("source", "abc");
+    for (const char* status : {"", kStatusDownloading, kStatusAvailable}) {
+        SCOPED_TRACE(status);
+        if (*status != '\0') {
+            Accept(Announcement());
+            SetStatus(false, status, 77);
+        }
+        const KelString before = Everything();
+        EXPECT_EQ(Receive(Offer(), {{"CopyPath", source}, {"DevicePath", TargetTree({kChild})}}), 1U);
+        EXPECT_EQ(Everything(), before);
+    }
 }
 
 // ---- offers of other devices

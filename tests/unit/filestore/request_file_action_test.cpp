@@ -108,13 +108,22 @@ TEST_F(RequestFileActionTest, ForeignSchemesAndHostileValuesChangeNothing) {
     }
 }
 
-TEST_F(RequestFileActionTest, NetworkPackageIsServedFromTheRulePackage) {
+TEST_F(RequestFileActionTest, NetworkPackageIsServedAndAnnouncedFromTheRulePackage) {
+    FakeResult("TestConsume ()", 0);
+    const auto receiver = Consume("FileStoreCallbackReceivedFile", "TestConsume ()");
     for (const KelString type : {"OperationalRuleNetworkPackage", "OperationalRelayPackage"}) {
         DeleteRows();
         const unsigned long package = Known(kStatusAvailable, "FileType = 'OperationalRulePackage'");
-        Set(false, package, "FilePath = '" + PathOf(false, Load(false, package)) + "'");
-        EXPECT_EQ(Ask(kChild, {{"FileType", type}}).GetString("FileURL"),
-                  "/FileStore/downstream/OperationalRulePackage/l/c/n");
+        const KelString path = PathOf(false, Load(false, package));
+        Set(false, package, "Acknowledged = 1, FilePath = '" + path + "'");
+        const KelString url = "/FileStore/downstream/OperationalRulePackage/l/c/n";
+        EXPECT_EQ(Ask("", {{"FileType", type}}).GetString("FileURL"), url);
+        EXPECT_EQ(Ask("", {{"FileType", type}}).GetString("FileURL"), url);
+        EXPECT_EQ(FileStore::threadNotify.NotifyUnicastTargets(0, 0), 1);
+        EXPECT_EQ(CallsOf("TestConsume").back().GetString("FilePath"), path);
+        EXPECT_EQ(
+            Rows(Downstream(), "SELECT FileURL, ExternalFile FROM Files WHERE FileType = '" + type + "'"),
+            KelVector<KelString>{url + "|1"});
         EXPECT_EQ(Rows(Downstream(), "SELECT FileType FROM Files ORDER BY FileId"),
                   (KelVector<KelString>{"OperationalRulePackage", type}));
     }
@@ -124,7 +133,7 @@ class PackageRepositoryTest : public RequestFileActionTest {
   protected:
     void SetUp() override {
         RequestFileActionTest::SetUp();
-        FileStore::strPackagesRepositoryPath = Root() + "/absent , " + Root() + "/repository";
+        FileStore::strPackagesRepositoryPath = Root() + "/repository";
         stored_ = MakeFile("repository/n", "content");
     }
     void TearDown() override { FileStore::strPackagesRepositoryPath.clear(); }
@@ -137,9 +146,15 @@ class PackageRepositoryTest : public RequestFileActionTest {
 };
 
 TEST_F(PackageRepositoryTest, FileIsCopiedOrReferredToAndServedFromTheNextRequestOn) {
-    for (const bool copied : {true, false}) {
-        SCOPED_TRACE(copied);
-        FileStore::fPackagesRepositoryCopy = copied;
+    const KelString one = Root() + "/repository";
+    for (const auto& [folders, copies, copied] :
+         Table<KelString, bool, bool>{{one, true, true},
+                                      {one, false, false},
+                                      {" " + one, false, true},  // no alias serves what comes from these
+                                      {Root() + "/absent , " + one, false, true}}) {
+        SCOPED_TRACE(KelFormat("'%S' %u", folders, copies));
+        FileStore::strPackagesRepositoryPath = folders;
+        FileStore::fPackagesRepositoryCopy = copies;
         DeleteRows();
         EXPECT_EQ(UrlFor(checksum_), "");
         const FileStoreEntry row = OnlyRow(false);
@@ -158,6 +173,14 @@ TEST_F(PackageRepositoryTest, FileIsCopiedOrReferredToAndServedFromTheNextReques
         EXPECT_EQ(UrlFor(checksum_), copied ? "/FileStore/downstream/t/l/" + checksum_ + "/n"
                                             : "/AlternativePackagesRepositoryPath/n");
     }
+}
+
+TEST_F(PackageRepositoryTest, CopyThatFailsIsLogged) {
+    FileStore::fPackagesRepositoryCopy = true;
+    WriteFile(FileStore::strStorageLocationToUse + "downstream/t", "a file where the folder should be");
+    EXPECT_EQ(UrlFor(checksum_), "");
+    EXPECT_EQ(OnlyRow(false).FileStatus, kStatusMissing);
+    EXPECT_TRUE(HasLogged(KelDebugLevel::Error, stored_ + "' from the package repository to"));
 }
 
 TEST_F(PackageRepositoryTest, OtherContentCountsAsAbsent) {

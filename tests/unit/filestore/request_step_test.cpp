@@ -75,6 +75,20 @@ TEST_F(RequestStepTest, AnswerDecidesWhatTheRowBecomes) {
     }
 }
 
+TEST_F(RequestStepTest, RowThatWasTakenFurtherMeanwhileStaysAsItIs) {
+    for (const unsigned int result : {0U, 1U}) {
+        unsigned long fileId = 0;
+        AnswerAsParent([&](const ScriptedServer::Request&) {
+            Set(false, fileId, KelFormat("FileStatus = '%s', FileURL = '/announced'", kStatusDownloading));
+            return ScriptedServer::ActionResult(result);
+        });
+        fileId = AddFile(false, KelFormat("n%u", result), kStatusToBeRequested);
+        Request();
+        EXPECT_EQ(Fields(false, fileId, "FileStatus, FileURL, LastStatusChangeTime"),
+                  KelString(kStatusDownloading) + "|/announced|0");
+    }
+}
+
 /// A parent that does not have a file yet is not asked for it again in the same step.
 TEST_F(RequestStepTest, StepAsksOldestFirstAndEndsWhenEveryRowWaits) {
     AnswerAsParent(0);
