@@ -71,10 +71,11 @@ KelString InsertStatement(const KelString& prefix, const KelVector<Column>& colu
 
 bool CopyBatch(DBConnection& upstream, const KelString& prefix, const KelVector<Column>& columns,
                const DBResult& rows) {
-    if (!upstream.BeginTransaction()) return false;
+    DBTransaction transaction(upstream);
+    if (!transaction.IsOpen()) return false;
     for (std::size_t row = 0; row < rows.GetRowCount(); ++row)
         upstream.Query(InsertStatement(prefix, columns, rows, row));
-    if (!upstream.CommitTransaction()) return false;
+    if (!transaction.Commit()) return false;
     upstream.Flush();
     return true;
 }

@@ -8,6 +8,7 @@
 #include "filestore/module/http_aliases.h"
 #include "filestore/module/upload_repair.h"
 #include "kel/format.h"
+#include "kel/ini_file.h"
 #include "kel/path.h"
 #include "kelcore/action_db.h"
 #include "kelcore/agent.h"
@@ -90,6 +91,12 @@ unsigned int FileStore::ModuleInitialise() {
     debugFileStore.Detail("Module Initialise starting\n");
     strModuleIniFile = KelAgentGetConfigDir() + "FileStore" + ".ini";
     strModuleDataPath = KelAgentGetDataDir() + "FileStore";
+    // Defaults in place of what stands there would move the whole store to the default folder.
+    if (!IniFile().Open(strModuleIniFile)) {
+        debugFileStore.Error("%S is malformed or cannot be read; correct it and start again\n",
+                             strModuleIniFile);
+        return kModuleFailure;
+    }
     if (!PathCreate(strModuleDataPath) || !PathCreate(strModuleDataPath + "/Temp"))
         debugFileStore.Error("Could not create the folder %S/Temp; check its parent's permissions\n",
                              strModuleDataPath);
@@ -102,6 +109,7 @@ unsigned int FileStore::ModuleInitialise() {
     ReadSettings();
     strStorageLocationToUse = GetFileStorageDirectory();
     ChangeFileStoragePath();
+    FileStoreRemoveLeftOvers();
     FileStoreGetActionGate().Open();
     return kModuleSuccess;
 }

@@ -1,3 +1,6 @@
+#include <algorithm>
+#include <array>
+#include <filesystem>
 #include <optional>
 
 #include "filestore/db/schema.h"
@@ -13,6 +16,7 @@ using namespace filestore;
 namespace {
 
 constexpr const char* kCurrentPathField = "FileStorageCurrentPath";
+constexpr std::array kStoreFolders = {"downstream", "upstream"};
 
 /// The location that the database says is in use; nothing when it has no such row.
 std::optional<KelString> RecordedLocation() {
@@ -22,13 +26,49 @@ std::optional<KelString> RecordedLocation() {
     return result->GetString(0, std::size_t{0});
 }
 
-bool MoveFolder(const KelString& source, const KelString& destination) {
-    if (PathCreate(destination) && DirCopy(source, destination) && DirDelete(source, true)) return true;
-    FileStore::debugFileStore.Error(
-        "Could not move the folder %S to %S; check permissions and free space. The store stays where it is; "
-        "tried again at the next start\n",
-        source, destination);
-    return false;
+/// Whether a path is a folder or below it, once links are followed.
+bool LiesWithin(const KelString& path, const KelString& folder) {
+    // What cannot be resolved becomes "/": a folder that holds everything, so that it is not deleted.
+    std::error_code failure;
+    const auto resolved = [&](const KelString& text) -> KelString {
+        return std::filesystem::weakly_canonical(text, failure).string() + "/";
+    };
+    return resolved(path).starts_with(resolved(folder));
+}
+
+/// A store that was copied into its own folders would be deleted with them.
+bool IsApart(const KelString& location, const KelString& previous) {
+    for (const char* folder : kStoreFolders)
+        for (const char* source : kStoreFolders)
+            if (LiesWithin(location + folder, previous + source)) {
+                FileStore::debugFileStore.Error(
+                    "FileStorage leads to %S, which lies in the store's own folder %S%s: the store stays "
+                    "where it is; choose another folder\n",
+                    location, previous, source);
+                return false;
+            }
+    return true;
+}
+
+bool CopyStore(const KelString& previous, const KelString& location) {
+    return std::all_of(kStoreFolders.begin(), kStoreFolders.end(), [&](const char* folder) {
+        const KelString source = KelFormat("%S/%s/", previous, folder);
+        const KelString destination = KelFormat("%S/%s/", location, folder);
+        if (PathCreate(destination) && DirCopy(source, destination)) return true;
+        FileStore::debugFileStore.Error(
+            "Could not copy the folder %S to %S; check permissions and free space. The store stays where it "
+            "is; tried again at the next start\n",
+            source, destination);
+        return false;
+    });
+}
+
+void DeleteStore(const KelString& location) {
+    for (const char* folder : kStoreFolders)
+        if (!DirDelete(location + folder, true))
+            FileStore::debugFileStore.Warning(
+                "The store has moved, but its old folder %S%s could not be removed; remove it\n", location,
+                folder);
 }
 
 bool RecordLocation(bool rowExists, const KelString& location) {
@@ -45,6 +85,14 @@ bool RewritePaths(const KelString& previous, const KelString& location) {
                KelFormat("UPDATE %s set FilePath = '%Q' || substr(FilePath, length('%Q')+1, 256) WHERE "
                          "FilePath LIKE '%Q%'",
                          kTableFiles, location, previous, previous)) != nullptr;
+}
+
+/// Location and paths change together or not at all.
+bool RegisterLocation(bool rowExists, const KelString& previous, const KelString& location) {
+    const KelLock lock(FileStore::mutexDownstream);
+    DBTransaction transaction(*FileStore::pDbConnectionDownstream);
+    return transaction.IsOpen() && RecordLocation(rowExists, location) && RewritePaths(previous, location) &&
+           transaction.Commit();
 }
 
 }  // namespace
@@ -67,13 +115,13 @@ bool FileStore::ChangeFileStoragePath() {
         recorded && !recorded->empty() ? *recorded : KelFormat("%S/", strModuleDataPath);
     if (strStorageLocationToUse == previous) return true;
 
-    for (const char* folder : {"downstream", "upstream"})
-        if (!MoveFolder(KelFormat("%S/%s/", previous, folder),
-                        KelFormat("%S/%s/", strStorageLocationToUse, folder)))
-            return false;
-
-    KelLock lock(mutexDownstream);
-    DBTransaction transaction(*pDbConnectionDownstream);
-    return RecordLocation(recorded.has_value(), strStorageLocationToUse) &&
-           RewritePaths(previous, strStorageLocationToUse) && transaction.Commit();
+    // Until the new location is committed everything is where it was, so that a failure or a stop in between
+    // leaves the previous location whole and in use. Only then may the old folders go.
+    if (!IsApart(strStorageLocationToUse, previous) || !CopyStore(previous, strStorageLocationToUse) ||
+        !RegisterLocation(recorded.has_value(), previous, strStorageLocationToUse)) {
+        strStorageLocationToUse = previous;
+        return false;
+    }
+    DeleteStore(previous);
+    return true;
 }

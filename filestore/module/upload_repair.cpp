@@ -4,6 +4,7 @@
 #include "filestore/db/schema.h"
 #include "filestore/module/file_store.h"
 #include "filestore/threads/callback_thread.h"
+#include "filestore/transfer/file_record.h"
 #include "kel/directory.h"
 #include "kel/file.h"
 
@@ -11,17 +12,9 @@ using namespace filestore;
 
 namespace {
 
-/// A PUT appears under its name only when it is complete. This makes up for entries of the callback queue,
-/// too, which is not synced.
-void QueueArrivedFiles() {
-    const auto rows = FileStore::pDbConnectionUpstream->Query(
-        KelFormat("SELECT %s, %s FROM %s WHERE %s = '%s'", kFileUrl, kFilePath, kTableFiles, kFileStatus,
-                  kStatusReceiving));
-    for (std::size_t row = 0; rows && row < rows->GetRowCount(); ++row) {
-        if (!FileExists(rows->GetString(row, kFilePath))) continue;
-        FileStoreCallbackThread::Enqueue(rows->GetString(row, kFileUrl));
-    }
-}
+constexpr const char* kTemporary = ".kel-";  ///< FileCreateTemp
+constexpr const char* kArchive = "PACKEDFILES_";
+constexpr const char* kHalfUnpacked = ".extract-";
 
 void RemoveEntries(const KelString& folder, const char* prefix) {
     for (const KelString& name : DirList(folder)) {
@@ -36,8 +29,23 @@ void RemoveEntries(const KelString& folder, const char* prefix) {
 
 }  // namespace
 
+void FileStoreRemoveLeftOvers() {
+    const KelString temp = FileStore::strModuleDataPath + "/Temp";
+    RemoveEntries(temp, kTemporary);
+    RemoveEntries(temp, kArchive);
+    RemoveEntries(FileStore::strStorageLocationToUse + "Temp", kArchive);  // indexes taken out of archives
+    RemoveEntries(FileStore::strStorageLocationToUse, kHalfUnpacked);
+}
+
+/// A PUT appears under its name only when it is complete. This makes up for entries of the callback queue,
+/// too, which is not synced.
 void FileStoreRepairUploads() {
-    RemoveEntries(FileStore::strModuleDataPath + "/Temp", "PACKEDFILES_");
-    RemoveEntries(FileStore::strStorageLocationToUse, ".extract-");
-    QueueArrivedFiles();
+    const auto rows = FileStore::pDbConnectionUpstream->Query(KelFormat(
+        "SELECT %s, %s, %s, %s, %s, %s, %s FROM %s WHERE %s = '%s'", kFileUrl, kFileType, kFileLabel,
+        kFileName, kFileChecksum, kFilePath, kExternalFile, kTableFiles, kFileStatus, kStatusReceiving));
+    for (std::size_t row = 0; rows && row < rows->GetRowCount(); ++row) {
+        FileStoreEntry entry;
+        entry.LoadFromResult(*rows, row);
+        if (FileExists(ContentPath(entry, true))) FileStoreCallbackThread::Enqueue(entry.FileURL);
+    }
 }

@@ -1,6 +1,9 @@
 #pragma once
 
-/// Takes up what a stop or crash has left between a child's PUT and the hand-over: files that have arrived
-/// whole are queued again, half-made archives and half-unpacked folders are removed. Before the threads
-/// start.
+/// Removes what a stop or crash has left half-made: temporary files, archives, their indexes and unpacked
+/// folders. Before the action gate opens: running calls make such files.
+void FileStoreRemoveLeftOvers();
+
+/// Queues again the files that have arrived whole but were not yet handed over when the module stopped or
+/// crashed. Before the threads start.
 void FileStoreRepairUploads();

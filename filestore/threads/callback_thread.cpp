@@ -50,9 +50,10 @@ KelString FileStoreCallbackThread::GetFileUrl() {
         connection.Query("SELECT FileUrl, CallbackId FROM CallbackThread ORDER BY CallbackId ASC LIMIT 1");
     if (!row || row->GetRowCount() != 1) return {};
     const KelLock lock(FileStore::mutexCallback);
-    connection.Query(
-        KelFormat("DELETE FROM CallbackThread WHERE CallbackId = %u", row->GetUint32(0, "CallbackId")));
-    return row->GetString(0, "FileUrl");
+    const bool taken = connection.Query(KelFormat("DELETE FROM CallbackThread WHERE CallbackId = %u",
+                                                  row->GetUint32(0, "CallbackId"))) != nullptr;
+    // An entry that stays (a full disk) would be given again and again: it waits for the next work step.
+    return taken ? row->GetString(0, "FileUrl") : KelString();
 }
 
 unsigned int FileStoreCallbackThread::GetCallbackCount() {
@@ -82,11 +83,11 @@ void FileStoreCallbackThread::ReceiveFile(const KelString& url) {
     const KelString targetStatus = isHandledHere ? kStatusToBeHandled : kStatusToBeUploaded;
 
     const auto row = FileStore::pDbConnectionUpstream->Query(
-        KelFormat("SELECT %s, %s, %s, %s, %s, %s, %s FROM %s WHERE %s = '%Q'", kFileId, kFileStatus,
-                  kFileInfo, kSourceDevice, kFileType, kFileName, kFilePath, kTableFiles, kFileUrl, url));
+        KelFormat("SELECT %s, %s, %s, %s, %s, %s, %s, %s, %s, %s FROM %s WHERE %s = '%Q'", kFileId,
+                  kFileStatus, kFileInfo, kSourceDevice, kFileType, kFileLabel, kFileName, kFileChecksum,
+                  kFilePath, kExternalFile, kTableFiles, kFileUrl, url));
     if (!row) return;
     if (row->GetRowCount() == 0) {
-        FileStore::debugFileStore.Warning("CallbackThread: Received unregistered file, deleting %S\n", url);
         DeleteUnregisteredFile(url);
         return;
     }

@@ -16,7 +16,8 @@ class FileStoreCallbackThread : public FileThreadBase {
     /// Puts a URL into the queue unless it is there already. From any thread.
     static void Enqueue(const KelString& url);
 
-    /// The URL of the oldest queued file, taken out of the queue; empty when there is none.
+    /// The URL of the oldest queued file, taken out of the queue; empty when there is none or when it cannot
+    /// be taken out.
     KelString GetFileUrl();
 
     unsigned int GetCallbackCount();

@@ -34,14 +34,19 @@ bool RecordPackage(const FileStoreEntry& handled, const KelString& path) {
     FileStoreEntry package = handled;
     const bool known = found->GetRowCount() != 0;
     if (known) {
-        package.LoadFromDatabase(static_cast<unsigned long>(found->GetInt64(0, kFileId)), false);
+        if (!package.LoadFromDatabase(static_cast<unsigned long>(found->GetInt64(0, kFileId)), false))
+            return false;
     } else {
         package.FileId = 0;
         package.FileType = kPackageType;
-        package.FilePath = path;
+        package.ExternalFile = false;
         package.Upstream = false;
         package.Acknowledged = true;
         package.TransportMode = kTransportLocal;
+    }
+    if (!package.ExternalFile) {
+        package.FilePath = path;  // a row that was made by a request knows neither
+        package.FileSize = FileGetSize64(path);
     }
     package.FileStatus = kStatusAvailable;
     package.KeepCopy = static_cast<std::uint32_t>(FileStore::eKeepCopyMask.load());
@@ -63,26 +68,37 @@ void TellRelayModule(const FileStoreEntry& handled, const KelString& path, const
     call.SetString(kFileChecksum, handled.FileChecksum);
     call.SetString(kFilePath, path);
     call.SetContainer(kFileInfo, info);
-    ActionDbInvokeContainer(nullptr, "", "RelayReceiveFile", call, 0, -1, -1, nullptr);
+    const unsigned int error =
+        ActionDbInvokeContainer(nullptr, "", "RelayReceiveFile", call, 0, -1, -1, nullptr);
+    if (error != 0)
+        FileStore::debugFileStore.Warning(
+            "HandleThread: The relay module did not take package '%S', error %u; it has no copy of its own\n",
+            path, error);
 }
 
-/// Further up goes a copy: the package itself stays in the downstream store.
-void OfferUpstream(const FileStoreEntry& handled, const KelString& path, KelContainer info) {
+/// Further up goes a copy: the package itself stays in the downstream store. False when it was not taken.
+bool OfferUpstream(const FileStoreEntry& handled, const KelString& path, KelContainer info) {
     KelString copy;
     const UniqueFd reserved = FileCreateTemp(FileStore::strModuleDataPath + "/Temp", copy);
     if (!reserved || !FileCopy(path, copy, false)) {
         FileStore::debugFileStore.Error(
             "HandleThread: Cannot copy package '%S' for its way up: check the space\n", path);
         if (reserved) FileDelete(copy);
-        return;
+        return false;
     }
     info.SetInt32("SendingToMaster", 1);
     info.SetInt32("AdministratedRelayID", info.GetInt32("AdministratedRelayID", -1));
     KelContainer offer = PackageOffer(handled, "PackagerAdministratedPackage");
     offer.SetString("MovePath", copy);
     offer.SetContainer(kFileInfo, std::move(info));
-    if (ActionDbInvokeContainer(nullptr, "", "FileStoreReceiveFile", offer, 0, -1, -1, nullptr) != 0)
-        FileDelete(copy);
+    const unsigned int error =
+        ActionDbInvokeContainer(nullptr, "", "FileStoreReceiveFile", offer, 0, -1, -1, nullptr);
+    if (error == 0) return true;
+    FileStore::debugFileStore.Error(
+        "HandleThread: The store did not take package '%S' for its way up, error %u; offered again later\n",
+        path, error);
+    FileDelete(copy);
+    return false;
 }
 
 }  // namespace
@@ -110,11 +126,11 @@ bool RepublishManagedRelayPackage(const FileStoreEntry& entry, bool upstream) {
         return false;
     }
     if (!RecordPackage(entry, path)) return false;
-    DeleteFileRow(upstream, entry.FileId);
     const KelContainer info = FileInfoOf(entry.FileInfo, entry.FileName);
     TellRelayModule(entry, path, info);
-    OfferUpstream(entry, path, info);
-    return true;
+    // The row is what remembers the package until it is on its way: it goes last, so that whatever a stop or
+    // a full disk interrupts is done again. Every step above may be repeated.
+    return OfferUpstream(entry, path, info) && DeleteFileRow(upstream, entry.FileId);
 }
 
 }  // namespace filestore

@@ -4,6 +4,7 @@
 #include "filestore/db/schema.h"
 #include "filestore/module/file_store.h"
 #include "filestore/threads/stored_file.h"
+#include "filestore/transfer/file_record.h"
 #include "filestore/transfer/upload_policy.h"
 #include "kel/file.h"
 #include "kel/path.h"
@@ -33,33 +34,33 @@ bool IsPackedEntry(const KelString& name) {
 
 /// The archive is unpacked over the storage folder, which also holds what goes down the tree and may hold the
 /// databases: a sender must not replace those. An archive that cannot be listed is left to the extraction.
-bool HoldsPackedFilesOnly(const FileStoreEntry& archive) {
-    const auto names = ListArchiveEntries(archive.FilePath);
+bool HoldsPackedFilesOnly(const FileStoreEntry& archive, const KelString& path) {
+    const auto names = ListArchiveEntries(path);
     if (!names) return true;
     const auto foreign = std::find_if_not(names->begin(), names->end(), IsPackedEntry);
     if (foreign == names->end()) return true;
     FileStore::debugFileStore.Error(
-        "CallbackThread: Refusing packedfile %S from %S: its entry '%S' is no upstream file\n",
-        archive.FilePath, archive.SourceDevice, *foreign);
+        "CallbackThread: Refusing packedfile %S from %S: its entry '%S' is no upstream file\n", path,
+        archive.SourceDevice, *foreign);
     return false;
 }
 
-bool Extract(KelThread& thread, const FileStoreEntry& archive) {
+bool Extract(KelThread& thread, const KelString& path) {
     for (int number = 1;; ++number) {
         KelContainer call;
-        call.SetString("FilePath", archive.FilePath);
+        call.SetString("FilePath", path);
         call.SetString("DestinationPath", FileStore::strStorageLocationToUse);
         const unsigned int error =
             ActionDbInvokeContainer(nullptr, "", "CoreUtilsExtractFile", call, 0, -1, -1, nullptr);
         if (error == 0) return true;
         if (number == kTries) {
             FileStore::debugFileStore.Error("CallbackThread: Failed to extract packedfile %S, error %u\n",
-                                            archive.FilePath, error);
+                                            path, error);
             return false;
         }
         FileStore::debugFileStore.Warning(
-            "CallbackThread: Failed to extract packedfile %S, error %u (try number %d)\n", archive.FilePath,
-            error, number);
+            "CallbackThread: Failed to extract packedfile %S, error %u (try number %d)\n", path, error,
+            number);
         thread.Sleep(kPauseBetweenTries);
         if (thread.CheckCancelled(false)) return false;
     }
@@ -114,7 +115,8 @@ bool EnterPackedFiles(const KelContainer& index, const FileStoreEntry& archive,
 }  // namespace
 
 void UnpackUpload(KelThread& thread, const FileStoreEntry& archive, const KelString& targetStatus) {
-    if (!HoldsPackedFilesOnly(archive) || !Extract(thread, archive)) return;
+    const KelString path = ContentPath(archive, true);
+    if (!HoldsPackedFilesOnly(archive, path) || !Extract(thread, path)) return;
     const KelString indexPath = TakeIndex(archive);
     if (indexPath.empty()) return;
     KelContainer index;
@@ -127,7 +129,7 @@ void UnpackUpload(KelThread& thread, const FileStoreEntry& archive, const KelStr
     if (!EnterPackedFiles(index, archive, targetStatus)) return;
     FileStore::debugFileStore.Print("File %S processed\n", archive.FileName);
     DeleteFileRow(true, archive.FileId);
-    DeleteFileAndFolder(archive.FilePath);
+    DeleteFileAndFolder(path);
 }
 
 }  // namespace filestore

@@ -45,10 +45,11 @@ bool IsPackageForUs(const FileStoreEntry& entry) {
 void RejectPackage(const FileStoreEntry& entry) {
     const KelContainer info = FileInfoOf(entry.FileInfo, entry.FileName);
     const KelString action = RejectingAction(info.GetString("PackageType"));
+    const KelString path = ContentPath(entry, true);
     if (action.empty()) {
         FileStore::debugFileStore.Error(
             "CallbackThread: Package %S has the unknown type '%S': its relay cannot be told, it stays\n",
-            entry.FilePath, info.GetString("PackageType"));
+            path, info.GetString("PackageType"));
         return;
     }
     const KelString address = info.GetString("AdministratedRelayAddrPort");
@@ -63,8 +64,8 @@ void RejectPackage(const FileStoreEntry& entry) {
         return;
     }
     FileStore::debugFileStore.Warning(
-        "CallbackThread: Received administrated package which is not for us, deleting %S\n", entry.FilePath);
-    DeleteFileAndFolder(entry.FilePath);
+        "CallbackThread: Received administrated package which is not for us, deleting %S\n", path);
+    DeleteFileAndFolder(path);
     DeleteFileRow(true, entry.FileId);
 }
 

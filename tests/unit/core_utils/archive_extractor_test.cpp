@@ -6,8 +6,10 @@
 
 #include <functional>
 
+#include "kel/checksum.h"
 #include "kel/directory.h"
 #include "kel/temp_folder.h"
+#include "kelcore/archive.h"
 
 namespace {
 
@@ -97,6 +99,19 @@ TEST_F(ArchiveExtractorTest, HostileArchivesAreRefusedWhole) {
         EXPECT_TRUE(DirList(store_).empty());
         EXPECT_EQ(DirList(folder_.Path()), (KelVector<KelString>{"archive.zip", "store"}));
     }
+}
+
+/// What GenericArchive packs is taken with the default limits, however much of it deflate makes vanish.
+TEST_F(ArchiveExtractorTest, AnImageWithAHeaderAndZerosIsNoBomb) {
+    constexpr std::uintmax_t kBytes = std::uintmax_t{128} << 20;
+    TempFolder::Write(folder_ / "image", RandomBytes(2048));
+    std::filesystem::resize_file(folder_ / "image", kBytes);
+    GenericArchive archive(kArchiveZip);
+    ASSERT_EQ(archive.Create(archive_), kArchiveDone);
+    ASSERT_EQ(archive.AddEntry("image", folder_ / "image", 6), kArchiveDone);
+    ASSERT_EQ(archive.Close(), kArchiveDone);
+    EXPECT_EQ(Extract(), 0u);
+    EXPECT_EQ(std::filesystem::file_size(store_ + "/image"), kBytes);
 }
 
 TEST_F(ArchiveExtractorTest, ANameThatStandsTwiceIsRefused) {

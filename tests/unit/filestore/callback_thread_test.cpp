@@ -34,6 +34,10 @@ TEST_F(CallbackThreadTest, OnlyUrlsThatThisDeviceReportsAreQueuedOnceAndInOrder)
     KelContainer foreign = From(Make({{"URL", "/c"}}), "127.0.1.9");
     EXPECT_EQ(FileStore::ActionHandler_FileStoreHttpPutCallback(&foreign), 0U);
     EXPECT_EQ(callbacks_.GetCallbackCount(), 2U);
+    Rows(Callback(),
+         "CREATE TRIGGER full BEFORE DELETE ON CallbackThread BEGIN SELECT RAISE(ABORT, 'full'); END");
+    EXPECT_EQ(callbacks_.GetFileUrl(), "") << "what cannot be taken out would come for ever";
+    Rows(Callback(), "DROP TRIGGER full");
     for (const char* url : {"/b's", "/a", ""})
         EXPECT_EQ(callbacks_.GetFileUrl(), url);
 }
@@ -93,6 +97,14 @@ TEST_F(CallbackThreadTest, UnregisteredFileIsDeletedInsideTheUpstreamStoreOnly) 
     EXPECT_EQ(Everything(), before);
 }
 
+TEST_F(CallbackThreadTest, PutThatIsRepeatedLeavesTheFileThatWaitsToBePacked) {
+    const unsigned long fileId = Put();
+    Set(true, fileId, KelFormat("FileURL = '', FileStatus = '%s'", kStatusToBePacked));
+    const KelString before = Everything();
+    callbacks_.ReceiveFile(kUrl);
+    EXPECT_EQ(Everything(), before);
+}
+
 TEST_F(CallbackThreadTest, DrainedQueueRunsTheConfiguredStatements) {
     SetIni("FileStore", "SqlExecute1", "UPDATE Files SET KeepCopy = 5");
     SetIni("FileStore", "SqlExecute2", "UPDATE Files SET KeepCopy = KeepCopy + 1");
@@ -122,6 +134,7 @@ TEST_F(CallbackThreadTest, PackageOfAnotherRelayIsRejectedByItsKind) {
                                                                     {"PackageType", packageType},
                                                                     {"PackageRelativePath", "a/b"}})));
         const KelString path = Load(true, fileId).FilePath;
+        Set(true, fileId, "FilePath = '/where/the/store/was/before'");
         callbacks_.ReceiveFile(kUrl);
         const bool rejected = !action.empty() && result == 0;
         EXPECT_EQ(StatusOf(true, fileId), rejected ? "(none)" : kStatusReceiving);
@@ -217,21 +230,46 @@ TEST_F(PackedUploadTest, ExtractionIsTriedFiveTimes) {
     EXPECT_EQ(StatusOf(true, fileId), kStatusReceiving);
 }
 
-TEST_F(CallbackThreadTest, RepairQueuesWhatArrivedAndRemovesWhatIsHalfMade) {
+TEST_F(PackedUploadTest, ArchiveThatArrivedBeforeTheStoreMovedIsUnpacked) {
+    PutArchive(&index_, {"upstream/t/l/c/a"});
+    SetIni("Directories", "FileStorage", Root() + "/new");
+    CleanUp();
+    Initialise();
+    FileStoreRepairUploads();
+    EXPECT_EQ(callbacks_.GetFileUrl(), kUrl);
+    callbacks_.ReceiveFile(kUrl);
+    EXPECT_EQ(Names(true), KelVector<KelString>{"a"});
+    EXPECT_EQ(DirList(Root() + "/new/upstream/FileStorePackedFiles/Label"), KelVector<KelString>{});
+}
+
+TEST_F(CallbackThreadTest, RepairQueuesWhatArrived) {
     Put();
     AddStored(true, "handled", kStatusAvailable, "FileURL = '/handled'");
     AddFile(true, "absent", kStatusReceiving, "FileURL = '/absent'");
-    const KelString archive = FileStore::strModuleDataPath + "/Temp/PACKEDFILES_1_2.zip";
-    const KelString kept = FileStore::strModuleDataPath + "/Temp/other";
-    const KelString halfUnpacked = FileStore::strStorageLocationToUse + ".extract-1/upstream/x";
-    for (const KelString& path : {archive, kept, halfUnpacked})
-        WriteFile(path, "x");
     FileStoreRepairUploads();
     FileStoreRepairUploads();
     EXPECT_EQ(callbacks_.GetCallbackCount(), 1U);
     EXPECT_EQ(callbacks_.GetFileUrl(), kUrl);
-    EXPECT_FALSE(FileExists(archive) || FileExists(halfUnpacked));
-    EXPECT_TRUE(FileExists(kept));
+}
+
+TEST_F(CallbackThreadTest, StartRemovesWhatIsHalfMade) {
+    const KelString store = Root() + "/store/";
+    SetIni("Directories", "FileStorage", store);
+    const KelVector<KelString> halfMade = {FileStore::strModuleDataPath + "/Temp/PACKEDFILES_1_2.zip",
+                                           FileStore::strModuleDataPath + "/Temp/.kel-abcdef",
+                                           store + "Temp/PACKEDFILES_1_2.zip.xml",
+                                           store + ".extract-1/upstream/x"};
+    const KelVector<KelString> kept = {FileStore::strModuleDataPath + "/Temp/other", store + "Temp/other",
+                                       store + "upstream/t/l/c/PACKEDFILES_1_2.zip"};
+    for (const auto& paths : {halfMade, kept})
+        for (const KelString& path : paths)
+            WriteFile(path, "x");
+    CleanUp();
+    Initialise();
+    for (const KelString& path : halfMade)
+        EXPECT_FALSE(FileExists(path)) << path;
+    for (const KelString& path : kept)
+        EXPECT_TRUE(FileExists(path)) << path;
 }
 
 }  // namespace

@@ -1,5 +1,8 @@
+#include <atomic>
+
 #include "filestore/transfer_fixture.h"
 #include "kel/checksum.h"
+#include "kel/directory.h"
 #include "kel/format.h"
 
 using namespace filestore;
@@ -17,6 +20,14 @@ class HandleThreadTest : public StepTest {
     }
     static unsigned long Arrived(bool upstream, const KelString& name, const KelString& set = "") {
         return AddStored(upstream, name, kStatusToBeHandled, set);
+    }
+
+    /// A package that a relay administrated by this device has sent.
+    static unsigned long ArrivedPackage(const KelContainer& info = Make({{"AdministratedRelayGUID",
+                                                                          kGuid}})) {
+        return Arrived(true, "package",
+                       KelFormat("FileType = 'PackagerZIPPackage', FileChecksum = '%S', %S",
+                                 TextMd5("package"), SetInfo(info)));
     }
 
     Exposed<FileStoreHandleThread> handler_;
@@ -107,12 +118,7 @@ TEST_F(HandleThreadTest, MissingFileIsOfferedToTheModulesFirst) {
 TEST_F(HandleThreadTest, PackageOfAnAdministratedRelayIsPublishedHere) {
     FakeResult("RelayReceiveFile ()", 0);
     const KelContainer info = Make({{"AdministratedRelayGUID", kGuid}, {"AdministratedRelayID", 12}});
-    const auto arrive = [&] {
-        return Arrived(true, "package",
-                       KelFormat("FileType = 'PackagerZIPPackage', FileChecksum = '%S', %S",
-                                 TextMd5("package"), SetInfo(info)));
-    };
-    const unsigned long fileId = arrive();
+    const unsigned long fileId = ArrivedPackage(info);
     EXPECT_TRUE(handler_.HandleFile(true));
     EXPECT_EQ(StatusOf(true, fileId), "(none)");
     const FileStoreEntry package = OnlyRow(false);
@@ -135,9 +141,50 @@ TEST_F(HandleThreadTest, PackageOfAnAdministratedRelayIsPublishedHere) {
     // What goes on to the master is not published a second time, and a repetition finds the row.
     EXPECT_TRUE(handler_.HandleFile(true));
     EXPECT_EQ(OnlyRow(true).FileStatus, kStatusToBeUploaded);
-    arrive();
+    ArrivedPackage(info);
     EXPECT_TRUE(handler_.HandleFile(true));
     EXPECT_EQ(OnlyRow(false).FileId, package.FileId);
+}
+
+TEST_F(HandleThreadTest, PackageThatWasAskedForBeforeItCameIsAvailableWhole) {
+    const unsigned long asked =
+        AddFile(false, "package", kStatusToBeRequested,
+                KelFormat("FileType = 'OperationalRulePackage', FileChecksum = '%S'", TextMd5("package")));
+    ArrivedPackage();
+    handler_.DoWork();
+    const FileStoreEntry package = OnlyRow(false);
+    EXPECT_EQ(package.FileId, asked);
+    EXPECT_EQ(package.FilePath, PathOf(false, package));
+    FileStore::UpdateScriptAndPackageStatus(0);
+    EXPECT_EQ(Fields(false, asked, "FileStatus, FileSize"), KelString(kStatusAvailable) + "|7");
+}
+
+TEST_F(HandleThreadTest, PackageIsKeptUntilItsOfferIsTaken) {
+    const unsigned long fileId = ArrivedPackage();
+    const KelString temp = FileStore::strModuleDataPath + "/Temp";
+    DirDelete(temp, true);
+    handler_.DoWork();
+    EXPECT_EQ(StatusOf(true, fileId), kStatusToBeHandled);
+    DirCreate(temp);
+    handler_.DoWork();
+    EXPECT_EQ(StatusOf(true, fileId), "(none)");
+    EXPECT_EQ(OnlyRow(true).FileType, "PackagerAdministratedPackage");
+}
+
+TEST_F(HandleThreadTest, PackageWhoseRowStaysIsPublishedOnceAStep) {
+    struct OneStep : FileStoreHandleThread {
+        void ThreadMain() override { DoWork(); }
+    } thread;
+    std::atomic<int> published = 0;
+    Fake("RelayReceiveFile ()", [&](KelContainer&) {
+        if (++published == 10) thread.Cancel(0, false);
+        return 0U;
+    });
+    ArrivedPackage();
+    Rows(Upstream(), "CREATE TRIGGER full BEFORE DELETE ON Files BEGIN SELECT RAISE(ABORT, 'full'); END");
+    thread.Start();
+    thread.Join();
+    EXPECT_EQ(published, 1);
 }
 
 }  // namespace

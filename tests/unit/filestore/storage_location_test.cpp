@@ -1,6 +1,8 @@
 #include "filestore/file_store_fixture.h"
 #include "kel/file.h"
 
+#include <filesystem>
+
 namespace {
 
 class StorageLocation : public FileStoreTest {
@@ -51,15 +53,52 @@ TEST_F(StorageLocation, NewLocationMovesFilesAndPathsBothWays) {
     EXPECT_EQ(FileGetSize64(old), 7);
 }
 
-TEST_F(StorageLocation, FailedMoveLeavesTheDatabaseAlone) {
+TEST_F(StorageLocation, FailedMoveLeavesTheStoreInUseWhereItIs) {
     Initialise();
+    const KelString store = FileStore::strStorageLocationToUse;
     const KelString old = AddStored();
     WriteFile(Root() + "/blocked", "a file where a folder should go");
-    FileStore::strStorageLocationToUse = Root() + "/blocked/";
-    EXPECT_FALSE(FileStore::ChangeFileStoragePath());
-    EXPECT_EQ(Recorded(), "");
-    EXPECT_EQ(Cell(Downstream(), "SELECT FilePath FROM Files"), old);
-    EXPECT_EQ(FileGetSize64(old), 7);
+    WriteFile(Root() + "/half/upstream", "another");
+    std::filesystem::create_directory_symlink(store, Root() + "/link");
+    for (const KelString& target : {Root() + "/blocked/", Root() + "/half/", Root() + "/link/",
+                                    store + "downstream/", store + "upstream/x/", Root() + "/unrecorded/"}) {
+        SCOPED_TRACE(target);
+        if (target.ends_with("unrecorded/"))
+            Rows(Downstream(),
+                 "CREATE TRIGGER full BEFORE UPDATE ON Files BEGIN SELECT RAISE(ABORT, 'full'); END");
+        FileStore::strStorageLocationToUse = target;
+        EXPECT_FALSE(FileStore::ChangeFileStoragePath());
+        EXPECT_EQ(FileStore::strStorageLocationToUse, store);
+        EXPECT_EQ(Recorded(), "");
+        EXPECT_EQ(Cell(Downstream(), "SELECT FilePath FROM Files"), old);
+        EXPECT_EQ(FileGetSize64(old), 7);
+    }
+}
+
+TEST_F(StorageLocation, OldFolderThatCannotBeRemovedDoesNotUndoTheMove) {
+    Initialise();
+    const KelString old = FileStore::strStorageLocationToUse;
+    WriteFile(Root() + "/disk/Type/Label/c/n", "content");
+    std::filesystem::create_directory_symlink(Root() + "/disk", old + "downstream");
+    RestartWith(Root() + "/new/");
+    EXPECT_EQ(Recorded(), Root() + "/new/");
+    EXPECT_EQ(FileGetSize64(FileStore::StorePath(false, "Type", "Label", "c", "n")), 7);
+    EXPECT_TRUE(HasLogged(KelDebugLevel::Warning, old + "downstream could not be removed"));
+}
+
+TEST_F(StorageLocation, MalformedSettingsMoveNothing) {
+    Initialise();
+    RestartWith(Root() + "/store/");
+    const KelString path = AddStored();
+    CleanUp();
+    const KelString settings = TempFolder::Read(FileStore::strModuleIniFile);
+    TempFolder::Write(FileStore::strModuleIniFile, settings + "junk\n");
+    ASSERT_EQ(FileStore::ModuleInitialise(), kModuleFailure);
+    EXPECT_TRUE(HasLogged(KelDebugLevel::Error, FileStore::strModuleIniFile));
+    EXPECT_EQ(FileGetSize64(path), 7);
+    TempFolder::Write(FileStore::strModuleIniFile, settings);
+    Initialise();
+    EXPECT_EQ(Recorded(), Root() + "/store/");
 }
 
 TEST_F(StorageLocation, PortChangeRewritesDevicesOnEveryLevel) {

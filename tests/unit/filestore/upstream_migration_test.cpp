@@ -1,3 +1,4 @@
+#include "filestore/db/upstream_migration.h"
 #include "filestore/file_store_fixture.h"
 
 namespace {
@@ -65,6 +66,20 @@ TEST_F(UpstreamMigration, RowThatIsThereAlreadyDoesNotStopTheOthers) {
     EXPECT_EQ(Rows(Upstream(), "SELECT FileName FROM Files ORDER BY FileId"),
               (KelVector<KelString>{"moved before", "new"}));
     EXPECT_EQ(Cell(Downstream(), "SELECT count(*) FROM Files"), "0");
+}
+
+TEST_F(UpstreamMigration, FullDiskLeavesTheRowsAndNoOpenTransaction) {
+    Rows(Downstream(),
+         KelFormat("WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < 100) INSERT "
+                   "INTO Files (FileId, FileName, FileInfo, Upstream) SELECT i, 'n', '%S', 1 FROM n",
+                   KelString(1900, 'x')));
+    ForgetMigration();
+    Rows(Upstream(), "PRAGMA max_page_count = " + Cell(Upstream(), "PRAGMA page_count"));
+    EXPECT_TRUE(FileStoreMigrateUpstreamRows(Downstream(), Upstream()));
+    EXPECT_EQ(Cell(Upstream(), "SELECT count(*) FROM Files"), "0");
+    EXPECT_EQ(Cell(Downstream(), "SELECT count(*) FROM Files"), "100");
+    Rows(Upstream(), "PRAGMA max_page_count = 1000000");  // there is space again
+    AddFile(true, "new", filestore::kStatusToBeHandled);
 }
 
 }  // namespace
