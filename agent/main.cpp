@@ -1,5 +1,7 @@
 #include <cstdio>
+#include <cstdlib>
 #include <exception>
+#include <random>
 
 #include "agent/agent.h"
 #include "agent/agent_config.h"
@@ -37,6 +39,9 @@ int main(int count, char** arguments) {
     const auto options = ParseAgentOptions(count, arguments, exitCode);
     if (!options) return exitCode;
     try {
+        // The spread of retries and made-up names take rand(): unseeded, it gives the same numbers on every
+        // device and after every start.
+        std::srand(std::random_device{}());
         return Run(*options);
     } catch (const std::exception& error) {
         return Complain({1, error.what()}, kExitFailure);

@@ -107,6 +107,13 @@ bool DirDelete(const KelString& path, bool recursive) {
     return ::rmdir(path.c_str()) == 0 || errno == ENOENT;
 }
 
+bool DirDeleteTempFiles(const KelString& folder) {
+    bool areGone = true;
+    for (const KelString& name : DirList(folder))
+        if (name.starts_with(kTempFilePrefix)) areGone &= FileDelete(folder + "/" + name);
+    return areGone;
+}
+
 KelVector<KelString> DirList(const KelString& path) {
     const UniqueFd folder(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     KelVector<KelString> names;

@@ -18,6 +18,10 @@ bool DirCopy(const KelString& source, const KelString& destination);
 /// not followed.
 bool DirDelete(const KelString& path, bool recursive);
 
+/// Removes the temporary files of kel/file.h that a kill left in `folder`, not below it; a missing folder
+/// counts as empty. True when none is left. Only while nobody makes files there.
+bool DirDeleteTempFiles(const KelString& folder);
+
 /// Names of the entries of a folder (no "." and ".."), sorted; empty when it cannot be read.
 KelVector<KelString> DirList(const KelString& path);
 

@@ -29,6 +29,15 @@ bool SyncFolderOf(const KelString& path) {
     return Sync(FolderOf(path), O_DIRECTORY);
 }
 
+bool Rename(const KelString& source, const KelString& destination, bool failIfExists) {
+    if (!failIfExists) return ::rename(source.c_str(), destination.c_str()) == 0;
+    if (::renameat2(AT_FDCWD, source.c_str(), AT_FDCWD, destination.c_str(), RENAME_NOREPLACE) == 0)
+        return true;
+    if (errno != EINVAL && errno != ENOSYS) return false;
+    // A file system without RENAME_NOREPLACE: link(2) refuses an existing name too.
+    return ::link(source.c_str(), destination.c_str()) == 0 && ::unlink(source.c_str()) == 0;
+}
+
 /// A temporary file that is removed at the end unless it was moved into place.
 class TempFile {
   public:
@@ -44,21 +53,12 @@ class TempFile {
 
     /// Syncs the content and renames the file to `destination`; errno is set on failure.
     bool MoveTo(const KelString& destination, bool failIfExists) {
-        if (::fsync(fd_.Get()) != 0 || !Rename(destination, failIfExists)) return false;
+        if (::fsync(fd_.Get()) != 0 || !Rename(path_, destination, failIfExists)) return false;
         fd_.Reset();
         return SyncFolderOf(destination);
     }
 
   private:
-    bool Rename(const KelString& destination, bool failIfExists) {
-        if (!failIfExists) return ::rename(path_.c_str(), destination.c_str()) == 0;
-        if (::renameat2(AT_FDCWD, path_.c_str(), AT_FDCWD, destination.c_str(), RENAME_NOREPLACE) == 0)
-            return true;
-        if (errno != EINVAL && errno != ENOSYS) return false;
-        // A file system without RENAME_NOREPLACE: link(2) refuses an existing name too.
-        return ::link(path_.c_str(), destination.c_str()) == 0 && ::unlink(path_.c_str()) == 0;
-    }
-
     KelString path_;
     UniqueFd fd_;
 };
@@ -75,7 +75,8 @@ std::int64_t FileGetSize64(const KelString& path) {
     return ::stat(path.c_str(), &status) == 0 && !S_ISDIR(status.st_mode) ? status.st_size : -1;
 }
 
-bool FileCopy(const KelString& source, const KelString& destination, bool failIfExists) {
+bool FileCopy(const KelString& source, const KelString& destination, bool failIfExists,
+              const KelString& workFolder) {
     // O_NONBLOCK: a pipe must not block the open.
     const UniqueFd from(::open(source.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
     struct stat status {};
@@ -84,20 +85,22 @@ bool FileCopy(const KelString& source, const KelString& destination, bool failIf
         errno = EEXIST;
         return false;
     }
-    TempFile copy(FolderOf(destination));
-    return copy && FileCopyContent(from.Get(), copy.Fd()) &&
-           ::fchmod(copy.Fd(), status.st_mode & 0777) == 0 && copy.MoveTo(destination, failIfExists);
+    TempFile copy(workFolder.empty() ? FolderOf(destination) : workFolder);
+    if (!copy || !FileCopyContent(from.Get(), copy.Fd()) || ::fchmod(copy.Fd(), status.st_mode & 0777) != 0)
+        return false;
+    if (copy.MoveTo(destination, failIfExists)) return true;
+    return errno == EXDEV && !workFolder.empty() && FileCopy(source, destination, failIfExists);
 }
 
-bool FileRename(const KelString& source, const KelString& destination) {
+bool FileRename(const KelString& source, const KelString& destination, bool failIfExists) {
     // A symbolic link (ELOOP) has no content of its own to put on the disk.
     if (!Sync(source, O_NOFOLLOW) && errno != ELOOP) return false;
-    if (::rename(source.c_str(), destination.c_str()) == 0) {
+    if (Rename(source, destination, failIfExists)) {
         const KelString from = FolderOf(source);
         const KelString to = FolderOf(destination);
         return Sync(to, O_DIRECTORY) && (from == to || Sync(from, O_DIRECTORY));
     }
-    return errno == EXDEV && FileCopy(source, destination, false) && FileDelete(source);
+    return errno == EXDEV && FileCopy(source, destination, failIfExists) && FileDelete(source);
 }
 
 bool FileDelete(const KelString& path) {
@@ -135,7 +138,8 @@ UniqueFd FileCreateTemp(const KelString& folder, KelString& path) {
         name = fromEnvironment != nullptr && *fromEnvironment != '\0' ? fromEnvironment : "/tmp";
     }
     if (name.back() != '/') name += '/';
-    name += ".kel-XXXXXX";
+    name += kTempFilePrefix;
+    name += "XXXXXX";
     UniqueFd fd(::mkostemp(name.data(), O_CLOEXEC));
     if (fd) path = name;
     return fd;

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <string_view>
 
 #include "kel/result.h"
 #include "kel/types.h"
@@ -10,18 +11,25 @@
 // thread. What replaces a file does so atomically and is on the disk (file and folder synced) when the call
 // returns true.
 
+/// Begins the names of the temporary files that are made here. A file of such a name is not finished; after a
+/// kill it stays, see DirDeleteTempFiles.
+inline constexpr std::string_view kTempFilePrefix = ".kel-";
+
 /// True when `path` exists and is no folder.
 bool FileExists(const KelString& path);
 
 /// Size in bytes, -1 when the file does not exist or cannot be examined.
 std::int64_t FileGetSize64(const KelString& path);
 
-/// Copies through a temporary file beside `destination`. With `failIfExists` an existing destination is left
-/// alone and the call fails; otherwise it is replaced.
-bool FileCopy(const KelString& source, const KelString& destination, bool failIfExists);
+/// Copies through a temporary file in `workFolder`; beside `destination` when that is empty, or when it lies
+/// on another file system. With `failIfExists` an existing destination is left alone and the call fails;
+/// otherwise it is replaced.
+bool FileCopy(const KelString& source, const KelString& destination, bool failIfExists,
+              const KelString& workFolder = {});
 
-/// Renames, replacing an existing destination; across file systems it copies and then removes the source.
-bool FileRename(const KelString& source, const KelString& destination);
+/// Renames; across file systems it copies and then removes the source. An existing destination as for
+/// FileCopy.
+bool FileRename(const KelString& source, const KelString& destination, bool failIfExists = false);
 
 /// Removes a file; true when it is gone afterwards.
 bool FileDelete(const KelString& path);

@@ -12,7 +12,6 @@ using namespace filestore;
 
 namespace {
 
-constexpr const char* kTemporary = ".kel-";  ///< FileCreateTemp
 constexpr const char* kArchive = "PACKEDFILES_";
 constexpr const char* kHalfUnpacked = ".extract-";
 
@@ -31,7 +30,7 @@ void RemoveEntries(const KelString& folder, const char* prefix) {
 
 void FileStoreRemoveLeftOvers() {
     const KelString temp = FileStore::strModuleDataPath + "/Temp";
-    RemoveEntries(temp, kTemporary);
+    DirDeleteTempFiles(temp);
     RemoveEntries(temp, kArchive);
     RemoveEntries(FileStore::strStorageLocationToUse + "Temp", kArchive);  // indexes taken out of archives
     RemoveEntries(FileStore::strStorageLocationToUse, kHalfUnpacked);

@@ -157,6 +157,7 @@ bool Console::Initialise() {
         Log().Error("The folder %S cannot be created; check its rights\n", DataPath());
         return false;
     }
+    RemoveUnfinishedCopies(DataPath());
     directory_.SetIniPath(IniPath());
     return database_.Open(DataPath(), IniPath());
 }

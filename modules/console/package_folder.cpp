@@ -46,6 +46,10 @@ bool HoldsContent(const KelString& path, const KelString& checksum) {
 
 }  // namespace
 
+void RemoveUnfinishedCopies(const KelString& root) {
+    DirDeleteTempFiles(root + "/" + kIncoming);
+}
+
 KelResult<PackageFile> CopyToPackages(const KelString& root, const KelString& source, const KelString& label,
                                       const KelString& name) {
     const KelString incoming = root + "/" + kIncoming;

@@ -22,4 +22,7 @@ struct PackageFile {
 KelResult<PackageFile> CopyToPackages(const KelString& root, const KelString& source, const KelString& label,
                                       const KelString& name);
 
+/// Removes the unfinished copies that a kill left beneath `root`. While nothing is copied.
+void RemoveUnfinishedCopies(const KelString& root);
+
 inline constexpr char kPackageAlias[] = "QuarnelDatabase";

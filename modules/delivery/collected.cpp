@@ -16,6 +16,12 @@ constexpr std::array kTypesOfOthers = {"IdentityIdentity", "DeliveryReceipt", "F
 
 }  // namespace
 
+void CollectedFiles::SetFolders(const KelString& root, const KelString& workFolder) {
+    root_ = root;
+    workFolder_ = workFolder;
+    DirDeleteTempFiles(workFolder);
+}
+
 bool CollectedFiles::IsToBeCollected(const KelString& type) {
     return std::none_of(kTypesOfOthers.begin(), kTypesOfOthers.end(),
                         [&](const char* other) { return type == other; });
@@ -32,7 +38,8 @@ KelResult<bool> CollectedFiles::Put(const KelString& device, const ReceivedFile&
     const KelString path =
         KelFormat("%S/%S/%S/%S/%S", root_, DeviceFolder(device), file.type, file.label, file.name);
     if (HoldsContent(path, file.checksum)) return false;
-    if (const KelStatus placed = PlaceCopy(file.sourcePath, path); !placed) return placed.Error();
+    if (const KelStatus placed = PlaceCopy(file.sourcePath, path, workFolder_); !placed)
+        return placed.Error();
     return true;
 }
 
@@ -44,7 +51,7 @@ KelVector<CollectedFile> CollectedFiles::List() const {
             for (const KelString& label : DirList(typeFolder)) {
                 for (const KelString& name : DirList(typeFolder + "/" + label)) {
                     const KelString path = typeFolder + "/" + label + "/" + name;
-                    if (name.starts_with(".kel-") || !FileExists(path)) continue;  // a copy in progress
+                    if (name.starts_with(kTempFilePrefix) || !FileExists(path)) continue;
                     files.push_back({device, type, label, name, path, FileGetSize64(path)});
                 }
             }

@@ -20,7 +20,9 @@ struct CollectedFile {
 /// once; then from any thread.
 class CollectedFiles {
   public:
-    void SetRoot(const KelString& root) { root_ = root; }
+    /// Copies are made in `workFolder`, on the same file system; what a kill left there is removed. Before
+    /// the other calls.
+    void SetFolders(const KelString& root, const KelString& workFolder);
 
     /// False for the types that other modules take from the devices.
     static bool IsToBeCollected(const KelString& type);
@@ -37,4 +39,5 @@ class CollectedFiles {
 
   private:
     KelString root_;
+    KelString workFolder_;
 };

@@ -2,8 +2,10 @@
 
 #include <algorithm>
 #include <ctime>
+#include <set>
 #include <system_error>
 
+#include "kel/directory.h"
 #include "kel/file.h"
 #include "kel/path.h"
 #include "kelcore/action_db.h"
@@ -106,13 +108,27 @@ bool Delivery::Initialise() {
         commands_[type] = *command;
     }
     receipts_.SetFolder(DataPath() + "/Outgoing");
-    collected_.SetRoot(DataPath() + "/Collected");
+    collected_.SetFolders(DataPath() + "/Collected", DataPath() + "/Incoming");
     // Every module has registered by now: this one tells a master.
     if (ActionDbIsActionRegistered("QuarnelDbObjectListTypes"))
         CallbackDbRegisterAction(kUpstreamEvent, kCollectSignature, {}, 0);
-    if (jobs_.Load(DataPath() + "/Pending")) return true;
-    Log().Error("The folder %S/Pending cannot be created; check its rights\n", DataPath());
-    return false;
+    if (!jobs_.Load(DataPath() + "/Pending")) {
+        Log().Error("The folder %S/Pending cannot be created; check its rights\n", DataPath());
+        return false;
+    }
+    RemoveUnfinishedCopies();
+    return true;
+}
+
+/// A copy into the inbox is made for an open job that is on the disk before it, so the folders of the open
+/// jobs are the only ones to be looked through, however many the inbox has.
+void Delivery::RemoveUnfinishedCopies() {
+    std::set<KelString> folders;
+    for (const DeliveryJob& job : jobs_.List(true)) {
+        KelString folder, name;
+        SplitPath(job.destination, folder, name);
+        if (folders.insert(folder).second) DirDeleteTempFiles(folder);
+    }
 }
 
 void Delivery::Activate() {

@@ -56,6 +56,7 @@ class Delivery : public KelModule {
     JobOutcome BringIntoPlace(const DeliveryJob& job);
     JobOutcome RunCommand(const DeliveryJob& job, const KelVector<KelString>& command);
     KelVector<KelString> CommandOf(const KelString& type) const;
+    void RemoveUnfinishedCopies();
     void LogCopyFailure(const KelString& message) KEL_REQUIRES(mutexCopy_);
 
     Inbox inbox_;

@@ -4,6 +4,7 @@
 
 #include "kel/checksum.h"
 #include "kel/directory.h"
+#include "kel/file.h"
 #include "kel/format.h"
 #include "kel/path.h"
 #include "modules/delivery/stored_copy.h"
@@ -64,6 +65,7 @@ KelVector<DeliveredFile> Inbox::List() {
 void Inbox::ListType(const KelString& folder, const KelString& type, KelVector<DeliveredFile>& files) {
     for (const KelString& label : DirList(folder)) {
         for (const KelString& name : DirList(folder + "/" + label)) {
+            if (name.starts_with(kTempFilePrefix)) continue;  // a copy in progress
             DeliveredFile file;
             file.type = type;
             file.label = label;

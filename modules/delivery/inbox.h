@@ -20,8 +20,7 @@ struct DeliveredFile {
 };
 
 /// The folders that delivered files lie in: "<folder>/<type>/<label>/<name>", for a type with a folder of its
-/// own
-/// "<folder>/<label>/<name>". Configured once; then from any thread.
+/// own "<folder>/<label>/<name>". Configured once; then from any thread.
 class Inbox {
   public:
     /// `root` is what relative folders of the ini file count from. An unusable folder is an error that names
@@ -34,7 +33,7 @@ class Inbox {
     bool Holds(const ReceivedFile& file) const;
 
     /// Copies the file to its place, replacing another content atomically; on the disk when the call
-    /// succeeds.
+    /// succeeds. The copy is made beside that place, for a folder of the ini file may be on any file system.
     KelStatus Put(const ReceivedFile& file) const;
 
     /// All files, by type, label and name. Contents are read to hash them where they changed since the last

@@ -1,5 +1,6 @@
 #include "modules/delivery/received_file.h"
 
+#include "kel/file.h"
 #include "kel/format.h"
 #include "kel/path.h"
 
@@ -33,6 +34,9 @@ KelResult<ReceivedFile> ReadReceivedFile(const KelContainer& arguments) {
     if (KelStatus checked = CheckElement("FileLabel", file.label); !checked) return checked.Error();
     if (KelStatus checked = CheckElement("FileName", file.name); !checked) return checked.Error();
     if (KelStatus checked = CheckElement("FileChecksum", file.checksum); !checked) return checked.Error();
+    if (file.name.starts_with(kTempFilePrefix)) {
+        return KelError{1, KelFormat("FileName \"%S\" is kept for files that are not finished", file.name)};
+    }
     if (file.sourcePath.empty() || file.sourcePath.front() != '/') {
         return KelError{1, KelFormat("FilePath \"%S\" is no absolute path", file.sourcePath)};
     }

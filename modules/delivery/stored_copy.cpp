@@ -11,14 +11,15 @@ bool HoldsContent(const KelString& path, const KelString& checksum) {
     return FileExists(path) && FileMd5(path, present) && IsEqualTo(present, checksum, false);
 }
 
-KelStatus PlaceCopy(const KelString& source, const KelString& path) {
+KelStatus PlaceCopy(const KelString& source, const KelString& path, const KelString& workFolder) {
     KelString folder;
     KelString name;
     SplitPath(path, folder, name);
-    if (!PathCreate(folder)) {
-        return KelError{1, KelFormat("The folder %S cannot be created; check its rights", folder)};
+    for (const KelString& needed : {folder, workFolder}) {
+        if (!needed.empty() && !PathCreate(needed))
+            return KelError{1, KelFormat("The folder %S cannot be created; check its rights", needed)};
     }
-    if (!FileCopy(source, path, false)) {
+    if (!FileCopy(source, path, false, workFolder)) {
         return KelError{1, KelFormat("%S cannot be copied to %S; check free space and rights", source, path)};
     }
     return {};

@@ -9,5 +9,5 @@
 bool HoldsContent(const KelString& path, const KelString& checksum);
 
 /// Copies `source` to `path`, making its folders and replacing another content atomically; on the disk when
-/// the call succeeds.
-KelStatus PlaceCopy(const KelString& source, const KelString& path);
+/// the call succeeds. The copy is made in `workFolder`, or beside `path` when that is empty.
+KelStatus PlaceCopy(const KelString& source, const KelString& path, const KelString& workFolder = {});

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <ctime>
 
+#include "kel/directory.h"
 #include "kel/path.h"
 #include "kelcore/action_db.h"
 #include "kelcore/agent.h"
@@ -36,6 +37,7 @@ bool Identity::Initialise() {
         Log().Error("The folder %S cannot be created; check its rights\n", DataPath());
         return false;
     }
+    DirDeleteTempFiles(DataPath());
     guidPath_ = DataPath() + "/guid";
     report_.SetFolder(DataPath() + "/Outgoing");
     const auto guid = LoadOrMakeGuid(guidPath_, Log());
@@ -159,10 +161,13 @@ bool Identity::AdoptScheme(const KelString& parentGuid, KelString& oldGuid, KelS
     newGuid = WithSchemeOf(oldGuid, parentGuid);
     if (newGuid == oldGuid) return true;
     if (const KelStatus kept = KeepGuid(guidPath_, newGuid); !kept) {
-        Log().Error("The GUID %S cannot be kept, %S stays in use: %S\n", newGuid, oldGuid,
-                    kept.Error().message);
+        const KelString failure = KelFormat("The GUID %S cannot be kept, %S stays in use: %S", newGuid,
+                                            oldGuid, kept.Error().message);
+        if (failure != adoptFailure_) Log().Error("%S\n", failure);
+        adoptFailure_ = failure;
         return false;
     }
+    adoptFailure_.clear();
     const KelLock lock(mutex_);
     guid_ = newGuid;
     return true;
@@ -176,7 +181,7 @@ unsigned int Identity::ValidateGuidScheme(KelContainer* arguments) {
     }
     const KelContainer& values = relay.GetContainer("Values");
     const KelString parentGuid = values.GetString("ParentGuid");
-    if (!values.GetBool("ParentSync")) return kKelOk;
+    if (parentGuid.empty()) return kKelOk;
     if (!IsGuid(parentGuid)) {
         Log().Warning("The parent's GUID %S is malformed; its scheme is not taken over\n", parentGuid);
         return kKelOk;

@@ -13,7 +13,8 @@
 /// - IdentityGetHostname -> HostName
 /// - IdentityGetValues -> Values{GUID, HostName, IPAddress, MACAddress, NetworkMask, PreferIPAddresses}
 /// - AgentGetIPAddress -> IPAddress
-/// - IdentityValidateGUIDScheme: takes over the scheme of the parent's GUID when the parent is in sync
+/// - IdentityValidateGUIDScheme: takes over the scheme of the parent's GUID once that is known. The relay
+///   module calls it before it says that the parent is in sync.
 ///
 /// Events: IdentityCallbackGUIDChange{GUID, OldGUID} and IdentityCallbackIPChange{NewIPAddress,
 /// OldIPAddress}, triggered without any lock held. The handlers return 0, or 18 when a new GUID could not be
@@ -50,6 +51,7 @@ class Identity : public KelModule {
     KelString guidPath_;
     KelMutex
         mutexAdopt_;  ///< one scheme change at a time; held across the write to disk, taken before mutex_
+    KelString adoptFailure_ KEL_GUARDED_BY(mutexAdopt_);  ///< the last one logged
     KelMutex mutex_;  ///< guid_, values_ and problem_; never held across a call or a write
     KelString guid_ KEL_GUARDED_BY(mutex_);
     DeviceValues values_ KEL_GUARDED_BY(mutex_);

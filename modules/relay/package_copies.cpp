@@ -15,6 +15,12 @@ KelStatus CheckElement(const char* valueName, const KelString& value) {
 
 }  // namespace
 
+void PackageCopies::SetFolders(const KelString& root, const KelString& workFolder) {
+    root_ = root;
+    workFolder_ = workFolder;
+    DirDeleteTempFiles(workFolder);
+}
+
 KelResult<KelString> PackageCopies::Keep(const KelContainer& arguments) const {
     const KelString label = arguments.GetString("FileLabel");
     const KelString name = arguments.GetString("FileName");
@@ -29,7 +35,7 @@ KelResult<KelString> PackageCopies::Keep(const KelContainer& arguments) const {
     }
     const KelString folder = root_ + "/" + label;
     KelString path = folder + "/" + name;
-    if (!PathCreate(folder) || !FileCopy(source, path, false)) {
+    if (!PathCreate(folder) || !PathCreate(workFolder_) || !FileCopy(source, path, false, workFolder_)) {
         return KelError{kKelErrorInternal,
                         KelFormat("%S cannot be copied to %S; check free space and rights", source, path)};
     }

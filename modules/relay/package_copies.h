@@ -9,7 +9,9 @@
 /// from any thread.
 class PackageCopies {
   public:
-    void SetRoot(const KelString& root) { root_ = root; }
+    /// Copies are made in `workFolder`, on the same file system; what a kill left there is removed. Before
+    /// the other calls.
+    void SetFolders(const KelString& root, const KelString& workFolder);
 
     /// Copies the file at the absolute path `FilePath` of the arguments of RelayReceiveFile under `FileLabel`
     /// and `FileName`; on the disk when the call succeeds. Gives the copy's path. Error codes: 1 unusable
@@ -22,4 +24,5 @@ class PackageCopies {
 
   private:
     KelString root_;
+    KelString workFolder_;
 };

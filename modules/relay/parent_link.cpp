@@ -97,6 +97,24 @@ KelString ParentLink::AskParent(KelString& guid) {
     return {};
 }
 
+/// Has the scheme of the parent's GUID taken over, where there is a module that keeps ours. Returns what is
+/// wrong, empty when our GUID has the scheme.
+KelString ParentLink::TakeOverScheme(const KelString& parentGuid) {
+    {
+        const KelLock lock(mutex_);
+        state_.inSync = false;
+        state_.guid = parentGuid;
+    }
+    KelContainer none;
+    const unsigned int code =
+        ActionDbInvokeContainer(nullptr, {}, "IdentityValidateGUIDScheme", none, 0, -1, -1, nullptr);
+    if (code == kKelOk || code == kKelErrorUnknownAction) return {};
+    return KelFormat(
+        "the scheme of its GUID %S cannot be taken over, error %u; check the rights and free space "
+        "of data/Identity",
+        parentGuid, code);
+}
+
 void ParentLink::Settle() {
     if (settled_) return;
     settled_ = true;
@@ -111,23 +129,22 @@ void ParentLink::Settle() {
 void ParentLink::Check() {
     ResolveParent();
     KelString guid;
-    const KelString problem = AskParent(guid);
+    KelString problem = AskParent(guid);
     if (CheckCancelled(false)) return;
+    if (problem.empty()) {
+        const ParentState before = GetState();
+        if (before.inSync && before.guid == guid) return;
+        problem = TakeOverScheme(guid);
+    }
     if (!problem.empty()) return ReportProblem(problem);
     problem_.clear();
-    ParentState before;
-    {
-        const KelLock lock(mutex_);
-        before = state_;
-        state_.inSync = true;
-        state_.guid = guid;
-    }
-    if (before.inSync && before.guid == guid) return;
     log_.Print("The parent %S:%u answers, its GUID is %S\n", settings_.parentName,
                unsigned{settings_.parentPort}, guid);
-    KelContainer none;
-    ActionDbInvokeContainer(nullptr, {}, "IdentityValidateGUIDScheme", none, 0, -1, -1, nullptr);
     Settle();
+    {
+        const KelLock lock(mutex_);
+        state_.inSync = true;
+    }
     inSync_();
 }
 

@@ -12,13 +12,14 @@
 /// What is known about the parent.
 struct ParentState {
     KelString ipAddress;  ///< empty until the parent's name was resolved
-    KelString guid;       ///< empty until the parent answered for the first time
-    bool inSync = false;  ///< the last call was answered
+    KelString guid;       ///< of the last usable answer; empty before the first
+    bool inSync = false;  ///< the last call was answered, and our GUID has the scheme of the parent's
 };
 
 /// Calls the parent again and again and keeps its state. The first call is made as soon as the thread starts.
-/// When the parent comes into sync, and when its GUID changes, the local action IdentityValidateGUIDScheme is
-/// called after the new state can be read, then `inSync`. Changes of the state are logged once each.
+/// When the parent answers again, and when its GUID changes, the local action IdentityValidateGUIDScheme is
+/// called once the GUID can be read; when that succeeds the parent is in sync and `inSync` is called, else it
+/// is tried again. Changes of the state are logged once each.
 class ParentLink : public KelThread {
   public:
     ParentLink(const KelDebug& log, std::function<void()> inSync) : log_(log), inSync_(std::move(inSync)) {}
@@ -43,6 +44,7 @@ class ParentLink : public KelThread {
   private:
     void ResolveParent();
     KelString AskParent(KelString& guid);
+    KelString TakeOverScheme(const KelString& parentGuid);
     void Settle();
     void ReportProblem(const KelString& problem);
 

@@ -2,6 +2,7 @@
 
 #include <ctime>
 
+#include "kel/directory.h"
 #include "kel/ini_file.h"
 #include "kelcore/action_db.h"
 #include "kelcore/agent.h"
@@ -44,7 +45,8 @@ bool Relay::Initialise() {
     settings_ = *settings;
     parentLink_.Configure(settings_, DataPath() + "/settled");
     replayThread_.SetInterval(settings_.checkInterval);
-    packages_.SetRoot(DataPath() + "/Packages");
+    packages_.SetFolders(DataPath() + "/Packages", DataPath() + "/Incoming");
+    DirDeleteTempFiles(DataPath());
     return true;
 }
 

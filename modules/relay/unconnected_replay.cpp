@@ -23,17 +23,22 @@ struct Candidate {
     std::int64_t nanoseconds = 0;  ///< the rest of it
 };
 
+/// False for what is no regular file.
+bool Examine(Candidate& candidate) {
+    struct stat status {};
+    if (stat(candidate.path.c_str(), &status) != 0 || !S_ISREG(status.st_mode)) return false;
+    candidate.changed = status.st_ctim.tv_sec;
+    candidate.nanoseconds = status.st_ctim.tv_nsec;
+    return true;
+}
+
 /// The regular files of a folder, the oldest first; not the temporary ones that are still being written.
 KelVector<Candidate> ListCandidates(const KelString& folder) {
     KelVector<Candidate> candidates;
     for (const KelString& name : DirList(folder)) {
         Candidate candidate{folder + "/" + name};
-        struct stat status {};
-        if (name.front() == '.' || stat(candidate.path.c_str(), &status) != 0 || !S_ISREG(status.st_mode))
-            continue;
-        candidate.changed = status.st_ctim.tv_sec;
-        candidate.nanoseconds = status.st_ctim.tv_nsec;
-        candidates.push_back(std::move(candidate));
+        if (!name.starts_with(kTempFilePrefix) && Examine(candidate))
+            candidates.push_back(std::move(candidate));
     }
     std::stable_sort(candidates.begin(), candidates.end(), [](const Candidate& left, const Candidate& right) {
         return std::pair(left.changed, left.nanoseconds) < std::pair(right.changed, right.nanoseconds);
@@ -56,57 +61,61 @@ KelString OwnDeviceUrl() {
     return code == kKelOk ? answer.GetString("DeviceUrl") : KelString();
 }
 
-unsigned int HandOver(KelContainer arguments) {
+unsigned int CallStore(KelContainer arguments) {
     return ActionDbInvokeContainer(nullptr, {}, "FileStoreReceiveUnconnectedFile", arguments, 0, -1, -1,
                                    nullptr);
+}
+
+unsigned int HandOver(const UnconnectedRequest& request, const KelString& ownDeviceUrl) {
+    KelContainer arguments = ReplayArguments(request, ownDeviceUrl);
+    const unsigned int code = CallStore(arguments);
+    if (code != kKelErrorGuidScheme) return code;
+    // Kept before this device took over the scheme of its parent.
+    arguments.SetString("SourceDevice", ownDeviceUrl);
+    return CallStore(std::move(arguments));
 }
 
 }  // namespace
 
 void UnconnectedReplay::Run(const KelString& folder, std::int64_t now) {
     for (const char* kind : {"identity", "inventory"}) {
-        for (const Candidate& candidate : ListCandidates(folder + "/" + kind)) {
+        const UnconnectedClaim claim(folder + "/" + kind, folder + "/claimed/" + kind);
+        claim.GiveBack();  // what a stop in the middle left
+        for (Candidate& candidate : ListCandidates(folder + "/" + kind)) {
             if (stop_()) return;
             if (IsContentOfAnother(candidate.path)) continue;
             const auto request = ReadUnconnectedRequest(candidate.path);
             if (request) {
-                Replay(*request);
-            } else if (FileExists(candidate.path) && now - candidate.changed >= kGraceSeconds) {
+                Replay(*request, claim);
+            } else if (Examine(candidate) && now - candidate.changed >= kGraceSeconds) {
                 MoveAside(folder + "/damaged", candidate.path, request.Error().message);
             }
         }
     }
 }
 
-void UnconnectedReplay::Replay(const UnconnectedRequest& request) {
+void UnconnectedReplay::Replay(const UnconnectedRequest& kept, const UnconnectedClaim& claim) {
     const KelString ownDeviceUrl = OwnDeviceUrl();
     if (ownDeviceUrl.empty()) return LogOnce("The file store does not tell this device's URL");
-    KelContainer arguments = ReplayArguments(request, ownDeviceUrl);
-    unsigned int code = HandOver(arguments);
-    if (code == kKelErrorGuidScheme) {
-        // Kept before this device took over the scheme of its parent.
-        arguments.SetString("SourceDevice", ownDeviceUrl);
-        code = HandOver(std::move(arguments));
+    const auto request = claim.Take(kept);
+    if (!request) {
+        claim.GiveBack();
+        return LogOnce(
+            KelFormat("The kept request %S is not handed over: %S", kept.path, request.Error().message));
     }
-    if (code != kKelOk) {
+    if (const unsigned int code = HandOver(*request, ownDeviceUrl); code != kKelOk) {
+        claim.GiveBack();
         return LogOnce(KelFormat("The file store did not take the kept request %S, error %u; see its log",
-                                 request.path, code));
+                                 kept.path, code));
     }
-    log_.Print("The kept file %S/%S/%S is on its way up\n", request.values.GetString("FileType"),
-               request.values.GetString("FileLabel"), request.values.GetString("FileName"));
+    log_.Print("The kept file %S/%S/%S is on its way up\n", request->values.GetString("FileType"),
+               request->values.GetString("FileLabel"), request->values.GetString("FileName"));
     problem_.clear();
-    RemoveUnlessChanged(request);
-}
-
-/// A newer request may have taken the place of the one that was handed over.
-void UnconnectedReplay::RemoveUnlessChanged(const UnconnectedRequest& request) {
-    KelContainer present;
-    if (!present.LoadFromFile(request.path) || !(present == request.values)) return;
     const bool isGone =
-        FileDelete(request.path) && (request.contentPath.empty() || FileDelete(request.contentPath));
+        FileDelete(request->path) && (request->contentPath.empty() || FileDelete(request->contentPath));
     if (!isGone)
         log_.Error("%S was handed over but cannot be removed; check the rights of its folder\n",
-                   request.path);
+                   request->path);
 }
 
 void UnconnectedReplay::MoveAside(const KelString& folder, const KelString& path, const KelString& problem) {

@@ -5,6 +5,7 @@
 
 #include "kel/debug.h"
 #include "kel/types.h"
+#include "modules/relay/unconnected_claim.h"
 #include "modules/relay/unconnected_request.h"
 
 /// Hands the requests that the file store kept in its folders "unconnected/identity" and
@@ -21,9 +22,8 @@ class UnconnectedReplay {
     void Run(const KelString& folder, std::int64_t now);
 
   private:
-    void Replay(const UnconnectedRequest& request);
+    void Replay(const UnconnectedRequest& kept, const UnconnectedClaim& claim);
     void MoveAside(const KelString& folder, const KelString& path, const KelString& problem);
-    void RemoveUnlessChanged(const UnconnectedRequest& request);
     void LogOnce(const KelString& problem);
 
     const KelDebug& log_;

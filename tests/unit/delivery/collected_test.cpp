@@ -30,6 +30,9 @@ TEST_F(CollectTest, OnlyTheMasterCollects) {
 
 TEST_F(CollectTest, FilesGoToTheFolderOfTheirDevice) {
     BeMaster();
+    const std::string incoming = root_ / "data/Delivery/Incoming";
+    std::filesystem::create_directories(incoming);
+    TempFolder::Write(incoming + "/.kel-stale", "left by a kill");
     RunningModule<Delivery> module;
     struct Case {
         std::string source;
@@ -53,6 +56,7 @@ TEST_F(CollectTest, FilesGoToTheFolderOfTheirDevice) {
                  {"Device=" + kGuid, "FileType=Inventory", "FileLabel=label", "FileName=disks", "Size=39",
                   "Path=" + CollectedDisks(kGuid)});
     ExpectValues(list.GetContainer("Values", 1), {"Device=unknown"});
+    EXPECT_TRUE(std::filesystem::is_empty(incoming));
 }
 
 TEST_F(CollectTest, WhatIsNotToBeCollectedLeavesNothing) {

@@ -12,6 +12,7 @@ TEST_F(DeliveryTest, FilesGoToTheirFolders) {
     EXPECT_EQ(TempFolder::Read(root_ / "scripts/label/s.sh"), "two");
     EXPECT_EQ(TempFolder::Read(root_ / "data/Delivery/Own/label/r"), "three");
 
+    TempFolder::Write(InboxPath("Package", ".kel-abcdef"), "a copy in progress");
     const KelContainer list = Call("DeliveryListFiles");
     ASSERT_EQ(list.Count("Values"), 3U);
     ExpectValues(list.GetContainer("Values", 0),
@@ -37,8 +38,9 @@ TEST_F(DeliveryTest, NewContentReplacesAndTheSameContentChangesNothing) {
 TEST_F(DeliveryTest, UnusableFilesAreRefused) {
     RunningModule<Delivery> module;
     const KelContainer file = Stored("T", "f", "content");
-    for (const char* bad : {"FileType=..", "FileType=", "FileLabel=a/b", "FileLabel=.", "FileName=../../x",
-                            "FileName=a\nb", "FileChecksum=", "FilePath=", "FilePath=relative"})
+    for (const char* bad :
+         {"FileType=..", "FileType=", "FileLabel=a/b", "FileLabel=.", "FileName=../../x", "FileName=a\nb",
+          "FileName=.kel-abcdef", "FileChecksum=", "FilePath=", "FilePath=relative"})
         EXPECT_EQ(Call("DeliveryReceiveFile", With(file, {bad})), kKelErrorBadInput) << bad;
     EXPECT_EQ(Call("DeliveryReceiveFile", From(file, "127.0.3.9")), kKelErrorBadInput);
     EXPECT_FALSE(std::filesystem::exists(root_ / "data/Delivery/Inbox"));
@@ -93,10 +95,12 @@ TEST_F(DeliveryTest, FilesThatCouldNotBeCopiedAreSettledAtTheNextStart) {
         std::filesystem::remove(vanishing.GetString("FilePath"));
         EXPECT_EQ(Announce(Stored("T", "replaced", "new")), 0U);
     }
+    TempFolder::Write(InboxPath("T", ".kel-abcdef"), "a copy cut off by a kill");
     ActiveModule<Delivery> module;
     EXPECT_TRUE(AllJobsEnd());
     EXPECT_EQ(TempFolder::Read(InboxPath("T", "late")), "late");
     EXPECT_EQ(TempFolder::Read(InboxPath("T", "replaced")), "new") << "older content never replaces newer";
+    EXPECT_FALSE(std::filesystem::exists(InboxPath("T", ".kel-abcdef")));
     EXPECT_EQ(Statuses(), (std::map<std::string, std::string>{{TextMd5("late"), "delivered"},
                                                               {TextMd5("old"), "failed"},
                                                               {TextMd5("vanished"), "failed"},

@@ -84,7 +84,7 @@ TEST_F(IdentityTest, UnusableSettingsAreRefused) {
 TEST_F(IdentityTest, SchemeOfTheParentIsTakenOverOnceAndKept) {
     KeepOnDisk(kOurGuid + "\n");
     CollectEvents("IdentityCallbackGUIDChange");
-    FakeParent({"ParentGuid=" + kParentGuid, "ParentSync=true"});
+    FakeParent({"ParentGuid=" + kParentGuid, "ParentSync=false"});  // it waits for us
     RunningModule<Identity> module;
     Call("IdentityValidateGUIDScheme");
     Call("IdentityValidateGUIDScheme");
@@ -94,20 +94,20 @@ TEST_F(IdentityTest, SchemeOfTheParentIsTakenOverOnceAndKept) {
     ExpectValues(events_[0], {"GUID=ABCD5678-1111-2222-3333-444444444444", "OldGUID=" + kOurGuid});
 }
 
-TEST_F(IdentityTest, TheSchemeStaysWithoutAParentInSyncAndWhenItCannotBeKept) {
+TEST_F(IdentityTest, TheSchemeStaysWithoutAKnownParentAndWhenItCannotBeKept) {
     KeepOnDisk(kOurGuid + "\n");
     RunningModule<Identity> module;
     Call("IdentityValidateGUIDScheme");  // no relay module at all
-    for (const Texts& parent :
-         {Texts{"ParentGuid=" + kParentGuid, "ParentSync=false"}, Texts{"ParentGuid=", "ParentSync=true"},
-          Texts{"ParentGuid=AB'D0000", "ParentSync=true"}}) {
+    for (const Texts& parent : {Texts{"ParentGuid="}, Texts{"ParentGuid=AB'D0000"}}) {
         FakeParent(parent);
         Call("IdentityValidateGUIDScheme");
         EXPECT_EQ(CurrentGuid(), kOurGuid) << parent[0];
     }
-    FakeParent({"ParentGuid=" + kParentGuid, "ParentSync=true"});
+    FakeParent({"ParentGuid=" + kParentGuid});
     std::filesystem::remove_all(root_ / "data/Identity");
-    EXPECT_EQ(Call("IdentityValidateGUIDScheme", KelContainer()), kKelErrorInternal);
+    for (int i = 0; i < 2; ++i)
+        EXPECT_EQ(Call("IdentityValidateGUIDScheme", KelContainer()), kKelErrorInternal);
+    EXPECT_EQ(log_->Count(KelDebugLevel::Error, "cannot be kept"), 1);
     EXPECT_EQ(CurrentGuid(), kOurGuid);
 }
 

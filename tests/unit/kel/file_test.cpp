@@ -56,6 +56,13 @@ TEST_F(FileTest, CopyRenameAndDelete) {
     ASSERT_TRUE(FileRename(c_, b_));
     EXPECT_FALSE(FileExists(c_));
     EXPECT_FALSE(FileRename(c_, b_));
+    EXPECT_FALSE(FileRename(a_, b_, true)) << "would replace";
+    ASSERT_TRUE(FileRename(b_, c_, true));
+    ASSERT_TRUE(FileCopy(c_, b_, false, folder_.Path()));
+    EXPECT_TRUE(TempFolder::Read(b_) == content);
+    TempFolder::Write(folder_ / ".kel-stale", "left by a kill");
+    EXPECT_TRUE(DirDeleteTempFiles(folder_.Path()));
+    EXPECT_TRUE(FileDelete(c_));
     EXPECT_TRUE(FileDelete(b_));
     EXPECT_TRUE(FileDelete(b_)) << "gone already";
     EXPECT_FALSE(FileDelete(folder_.Path())) << "a folder";
@@ -74,6 +81,9 @@ TEST_F(FileTest, RenameAcrossFileSystemsCopies) {
     ASSERT_TRUE(FileRename(far, b_));
     EXPECT_FALSE(FileExists(far));
     EXPECT_EQ(TempFolder::Read(b_), "content");
+    ASSERT_TRUE(FileCopy(b_, far, true, folder_.Path())) << "the folder for the work is on another one";
+    EXPECT_TRUE(FileDelete(far));
+    EXPECT_EQ(DirList(folder_.Path()), (Names{"b"}));
 }
 
 TEST_F(FileTest, OpenBeneathStaysInside) {

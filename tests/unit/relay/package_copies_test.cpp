@@ -16,6 +16,9 @@ class PackageCopiesTest : public ModuleFixture {
 };
 
 TEST_F(PackageCopiesTest, AreKeptUntilTheirLabelIsCleared) {
+    const std::string incoming = root_ / "data/Relay/Incoming";
+    std::filesystem::create_directories(incoming);
+    TempFolder::Write(incoming + "/.kel-stale", "left by a kill");
     RunningModule<Relay> module;
     for (const char* content : {"one", "two"}) {
         KelContainer package = Package("tools", "a b.zip", content);
@@ -29,6 +32,7 @@ TEST_F(PackageCopiesTest, AreKeptUntilTheirLabelIsCleared) {
         EXPECT_FALSE(std::filesystem::exists(Copy("tools")));
     }
     EXPECT_EQ(TempFolder::Read(Copy("other/b")), "three");
+    EXPECT_TRUE(std::filesystem::is_empty(incoming));
 }
 
 TEST_F(PackageCopiesTest, UnusableCallsAreRefused) {

@@ -15,9 +15,11 @@ class RelayTest : public ModuleFixture {
         Configure("");
         FakeResults("IdentityGetGUID ()", Values({"GUID=" + kOurGuid}));
         FakeAction("IdentityValidateGUIDScheme ()", [this](KelContainer*) {
-            // The new state must be readable by now: the handler reads it.
-            if (IsInSync()) ++validations_;
-            return 0U;
+            // The handler reads the parent's GUID; until it is done nobody may rely on our scheme.
+            const KelContainer values = RelayValues();
+            if (!values.GetString("ParentGuid").empty() && !values.GetBool("ParentSync")) ++validations_;
+            if (!values.GetBool("SchemeSettled")) ++unsettled_;
+            return failures_ > 0 && failures_-- > 0 ? unsigned{kKelErrorInternal} : 0U;
         });
     }
     void TearDown() override { HttpClientCloseIdleConnections(); }
@@ -26,6 +28,8 @@ class RelayTest : public ModuleFixture {
     static bool IsInSync() { return RelayValues().GetBool("ParentSync"); }
 
     std::atomic<int> validations_ = 0;
+    std::atomic<int> unsettled_ = 0;
+    std::atomic<int> failures_ = 0;  ///< of the next validations
 };
 
 TEST_F(RelayTest, AMasterHasNoParent) {
@@ -51,7 +55,9 @@ TEST_F(RelayTest, AnAnsweringParentIsInSyncAndValidatesTheSchemeOncePerGuid) {
     RunningModule<Relay> module;
     EXPECT_FALSE(IsInSync());
     module.Activate();
-    ASSERT_TRUE(Eventually([&] { return parent.GetCallCount() >= 4; })) << "asked twice at first";
+    ASSERT_TRUE(Eventually(IsInSync));
+    const std::size_t calls = parent.GetCallCount();
+    ASSERT_TRUE(Eventually([&] { return parent.GetCallCount() >= calls + 2; }));
     ExpectValues(RelayValues(), {"IsEnabled=false", "Role=client", "ParentSync=true", "ParentName=127.0.0.1",
                                  "ParentIPAddress=127.0.0.1", "ParentGuid=" + kGuid,
                                  "ParentPort=" + std::to_string(parent.Port())});
@@ -79,6 +85,18 @@ TEST_F(RelayTest, AParentWithoutItsOwnPlaceIsWaitedForOnlyTheFirstTime) {
     ActiveModule<Relay> module;
     ExpectValues(RelayValues(), {"SchemeSettled=true"});
     EXPECT_TRUE(Eventually(IsInSync));
+}
+
+TEST_F(RelayTest, NothingIsSettledUntilTheSchemeIsTakenOver) {
+    FakeParent parent(kGuid);
+    WriteIni("Relay", parent.ChildIni("relay"));
+    failures_ = 2;
+    ActiveModule<Relay> module;
+    ASSERT_TRUE(Eventually(IsInSync));
+    ExpectValues(RelayValues(), {"SchemeSettled=true"});
+    EXPECT_EQ(validations_, 3);
+    EXPECT_EQ(unsettled_, 3);
+    EXPECT_EQ(log_->Count(KelDebugLevel::Warning, "cannot be taken over, error 18"), 1);
 }
 
 TEST_F(RelayTest, AParentThatCannotBeUsedIsOutOfSyncAndLoggedOnce) {

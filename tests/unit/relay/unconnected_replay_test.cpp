@@ -1,5 +1,7 @@
 #include "modules/relay/unconnected_replay.h"
 
+#include <gmock/gmock.h>
+
 #include <ctime>
 
 #include "fake_parent.h"
@@ -37,9 +39,10 @@ class UnconnectedReplayTest : public ModuleFixture {
         std::filesystem::create_directories(Folder(kind));
         ASSERT_TRUE(request.SaveToFile(Folder(kind) + "/" + request.GetString("FileName")));
     }
-    void KeepFile(const std::string& name, const std::string& content) {
-        Keep("inventory", With(Request(name, content), {"FilePath=/moved/since/inventory/" + name + ".xml"}));
-        TempFolder::Write(Folder("inventory") + "/" + name + ".xml", content);
+    void KeepFile(const std::string& name, const std::string& content,
+                  const std::string& kind = "inventory") {
+        Keep(kind, With(Request(name, content), {"FilePath=/moved/since/inventory/" + name + ".xml"}));
+        TempFolder::Write(Folder(kind) + "/" + name + ".xml", content);
     }
     void Run(std::int64_t secondsLater = 0) {
         replay_.Run(root_ / "data/FileStore/unconnected", std::time(nullptr) + secondsLater);
@@ -62,7 +65,7 @@ TEST_F(UnconnectedReplayTest, RequestsAreHandedOverAndRemoved) {
                           "SourceDevice=other:1/ABCD0000-1111-2222-3333-444444444444"};
     const KelContainer identity = With(With(Request("me.xml", info.SaveToXML()), values), "FileInfo", info);
     Keep("identity", identity);
-    Keep("identity", With(Request("other", "the same in other words"), "FileInfo", info));
+    Keep("identity", With(Request(".other", "the same in other words"), "FileInfo", info));
     KeepFile("disks", "binary \x01 content");
     Run();
     ASSERT_EQ(taken_.size(), 3U);
@@ -70,7 +73,7 @@ TEST_F(UnconnectedReplayTest, RequestsAreHandedOverAndRemoved) {
     EXPECT_FALSE(taken_[1].Has("FileChecksum")) << "one that is not the info's is left to the store";
     EXPECT_EQ(taken_[1].GetContainer("FileInfo"), info);
     EXPECT_EQ(taken_[2].GetString("SourceDevice"), kUrl) << "a bare GUID is completed";
-    EXPECT_EQ(taken_[2].GetString("FilePath"), Folder("inventory") + "/disks.xml");
+    EXPECT_EQ(taken_[2].GetString("FilePath"), Folder("claimed/inventory") + "/disks.xml");
     EXPECT_EQ(bodies_, std::vector<std::string>{"binary \x01 content"});
     EXPECT_EQ(FileCount("identity") + FileCount("inventory"), 0);
 }
@@ -112,6 +115,33 @@ TEST_F(UnconnectedReplayTest, ANewerRequestOfThatNameIsNotRemoved) {
     Run();
     EXPECT_EQ(bodies_, (std::vector<std::string>{"old", "new"}));
     EXPECT_EQ(FileCount("inventory"), 0);
+}
+
+TEST_F(UnconnectedReplayTest, ANewerContentWhoseRequestIsStillToComeIsNotRemoved) {
+    KeepFile("disks", "old");
+    answer_ = [this](const KelContainer&) {
+        answer_ = nullptr;
+        TempFolder::Write(Folder("inventory") + "/disks.xml", "new");
+        return 0U;
+    };
+    Run();
+    EXPECT_EQ(TempFolder::Read(Folder("inventory") + "/disks.xml"), "new");
+    KeepFile("disks", "new");
+    Run();
+    EXPECT_EQ(bodies_, (std::vector<std::string>{"old", "new"}));
+    EXPECT_EQ(FileCount("inventory"), 0);
+}
+
+TEST_F(UnconnectedReplayTest, WhatAStopLeftHalfWayIsReplayedUnlessANewerCame) {
+    KeepFile("both", "both", "claimed/inventory");
+    KeepFile("content", "content");
+    std::filesystem::rename(Folder("inventory") + "/content.xml",
+                            Folder("claimed/inventory") + "/content.xml");
+    KeepFile("newer", "old", "claimed/inventory");
+    KeepFile("newer", "new");
+    Run();
+    EXPECT_THAT(bodies_, testing::UnorderedElementsAre("both", "content", "new"));
+    EXPECT_EQ(FileCount("inventory") + FileCount("claimed/inventory"), 0);
 }
 
 TEST_F(UnconnectedReplayTest, UnusableRequestsAreMovedAsideOnceTheyAreSurelyComplete) {
