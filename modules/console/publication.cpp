@@ -44,6 +44,9 @@ KelStatus CheckRequest(const PublicationRequest& request) {
     if (KelStatus checked = CheckType(request.fileType); !checked) return checked;
     if (KelStatus checked = CheckKeyPart("FileLabel", request.fileLabel); !checked) return checked;
     if (KelStatus checked = CheckKeyPart("FileName", request.fileName); !checked) return checked;
+    if (request.fileName.starts_with(kTempFilePrefix))
+        return KelError{1, KelFormat("FileName \"%S\" is unusable: such names are those of unfinished files",
+                                     request.fileName)};
     if (request.devices.empty())
         return KelError{1, "Device is missing; name devices, or one \"all\" or \"none\""};
     if (request.priority < 0) return KelError{1, KelFormat("Priority %d is negative", request.priority)};

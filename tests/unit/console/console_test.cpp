@@ -69,7 +69,7 @@ TEST_F(ConsoleTest, UnusableRequestsAreRefusedAndPublishNothing) {
     for (const std::string& bad :
          Texts{"FilePath=" + root_ / "absent", "FilePath=" + root_ / "data", "FilePath=setup.bin",
                "FilePath=", "FileType=..", "FileType=a'b", "FileType=", "FileLabel=a/b",
-               "FileLabel=", "FileName=../x", "Device=nobody", "Device=desk", "Device="}) {
+               "FileLabel=", "FileName=../x", "FileName=.kel-x", "Device=nobody", "Device=desk", "Device="}) {
         KelContainer request = With(Request(kNorth), {bad});
         EXPECT_EQ(Call("ConsolePublish", request), kKelErrorBadInput) << bad;
         const KelString message = request.GetString("Message");
