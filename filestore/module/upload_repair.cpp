@@ -5,6 +5,7 @@
 #include "filestore/module/file_store.h"
 #include "filestore/threads/callback_thread.h"
 #include "filestore/transfer/file_record.h"
+#include "filestore/transfer/local_source.h"
 #include "kel/directory.h"
 #include "kel/file.h"
 
@@ -31,8 +32,9 @@ void RemoveEntries(const KelString& folder, const char* prefix) {
 void FileStoreRemoveLeftOvers() {
     const KelString temp = FileStore::strModuleDataPath + "/Temp";
     DirDeleteTempFiles(temp);
+    DirDeleteTempFiles(StoreWorkFolder());
     RemoveEntries(temp, kArchive);
-    RemoveEntries(FileStore::strStorageLocationToUse + "Temp", kArchive);  // indexes taken out of archives
+    RemoveEntries(StoreWorkFolder(), kArchive);  // indexes taken out of archives
     RemoveEntries(FileStore::strStorageLocationToUse, kHalfUnpacked);
 }
 

@@ -249,8 +249,10 @@ bool FileStorePullThread::CheckReplacement(const Download& file) {
     const bool isSpoilt = entry.LoadFromDatabase(file.id, false) && entry.FileStatus == kStatusAvailable &&
                           entry.FilePath == file.path && !HasAnnouncedContent(file);
     if (!isSpoilt) return true;
+    const bool recorded =
+        SetFileStatus(false, file.id, kStatusAvailable, kStatusToBeRequested, TakenUp::AtOnce);
     FileStore::threadPush.WakeUp();
-    return SetFileStatus(false, file.id, kStatusAvailable, kStatusToBeRequested, TakenUp::AtOnce);
+    return recorded;
 }
 
 bool FileStorePullThread::HasAnnouncedContent(const Download& file) {

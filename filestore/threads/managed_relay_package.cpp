@@ -6,6 +6,7 @@
 #include "filestore/db/schema.h"
 #include "filestore/module/file_store.h"
 #include "filestore/transfer/file_record.h"
+#include "filestore/transfer/local_source.h"
 #include "kel/file.h"
 #include "kel/path.h"
 #include "kelcore/action_db.h"
@@ -127,10 +128,12 @@ bool RepublishManagedRelayPackage(const FileStoreEntry& entry, bool upstream) {
     }
     if (!RecordPackage(entry, path)) return false;
     const KelContainer info = FileInfoOf(entry.FileInfo, entry.FileName);
-    TellRelayModule(entry, path, info);
     // The row is what remembers the package until it is on its way: it goes last, so that whatever a stop or
-    // a full disk interrupts is done again. Every step above may be repeated.
-    return OfferUpstream(entry, path, info) && DeleteFileRow(upstream, entry.FileId);
+    // a full disk interrupts is done again; what may fail for long comes first. An empty package never goes
+    // up.
+    if (CheckUpstreamSize(path, FileGetSize64(path)) && !OfferUpstream(entry, path, info)) return false;
+    TellRelayModule(entry, path, info);
+    return DeleteFileRow(upstream, entry.FileId);
 }
 
 }  // namespace filestore

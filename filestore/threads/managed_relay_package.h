@@ -9,7 +9,7 @@ namespace filestore {
 bool IsManagedRelayPackage(const FileStoreEntry& entry);
 
 /// Publishes such a package on this device: moves it into the package folder of the downstream store, records
-/// it there, tells the relay module, offers it further up and removes its row. False when the row is still
+/// it there, offers it further up, tells the relay module and removes its row. False when the row is still
 /// there because a step failed: it is taken up again later. On the handler thread; takes the database mutexes
 /// itself.
 bool RepublishManagedRelayPackage(const FileStoreEntry& entry, bool upstream);

@@ -21,27 +21,27 @@ bool FailToPlace(const KelString& source, const KelString& destination) {
 
 /// Gives the content its place as a second name. False where there are no such names: on another file system
 /// and for files of other users.
-bool LinkContent(const KelString& source, const KelString& folder, const KelString& destination) {
-    KelString name;
-    if (!FileCreateTemp(folder, name)) return false;
-    FileDelete(name);
+bool LinkContent(const KelString& source, const KelString& destination) {
     std::error_code error;
+    fs::create_hard_link(source, destination, error);
+    if (!error) return FileSync(destination);
+    KelString name;
+    if (error != std::errc::file_exists || !FileCreateTemp(StoreWorkFolder(), name)) return false;
+    FileDelete(name);
     fs::create_hard_link(source, name, error);
     const bool placed = !error && FileRename(name, destination);
     FileDelete(name);  // a rename between two names of one file leaves both
     return placed;
 }
 
-bool CopyContent(const LocalSource& source, const KelString& folder, const KelString& destination) {
-    if (source.computedChecksum.empty())
-        return FileCopy(source.path, destination, false) || FailToPlace(source.path, destination);
-    KelString copy, checksum;
-    if (!FileCreateTemp(folder, copy)) return FailToPlace(source.path, destination);
-    const bool copied = FileCopy(source.path, copy, false) && FileMd5(copy, checksum);
-    const bool changed = copied && checksum != source.computedChecksum;
-    if (copied && !changed && FileRename(copy, destination)) return true;
-    FileDelete(copy);
-    if (!changed) return FailToPlace(source.path, destination);
+bool CopyContent(const LocalSource& source, const KelString& destination) {
+    if (!FileCopy(source.path, destination, false, StoreWorkFolder()))
+        return FailToPlace(source.path, destination);
+    KelString checksum;
+    if (source.computedChecksum.empty() ||
+        (FileMd5(destination, checksum) && checksum == source.computedChecksum))
+        return true;
+    FileDelete(destination);
     FileStore::debugFileStore.Warning(
         "Refusing '%S', which changed while it was taken: offer it again when nobody writes to it\n",
         source.path);
@@ -56,6 +56,10 @@ bool IsSameName(const KelString& left, const KelString& right) {
 }
 
 }  // namespace
+
+KelString StoreWorkFolder() {
+    return FileStore::strStorageLocationToUse + "Temp";
+}
 
 LocalSource ReadLocalSource(const KelContainer& arguments) {
     using Kind = LocalSource::Kind;
@@ -94,10 +98,9 @@ bool PlaceContent(const LocalSource& source, const KelString& folder, const KelS
     const std::int64_t sourceSize = FileGetSize64(source.path);
     const std::int64_t present = FileGetSize64(destination);
     if (present >= 0 && (sourceSize < 0 || (keepExisting && sourceSize == present))) return true;
-    if (!PathCreate(folder)) return FailToPlace(source.path, destination);
+    if (!PathCreate(folder) || !PathCreate(StoreWorkFolder())) return FailToPlace(source.path, destination);
     const bool isMove = source.kind == LocalSource::Kind::Move;
-    return (isMove && LinkContent(source.path, folder, destination)) ||
-           CopyContent(source, folder, destination);
+    return (isMove && LinkContent(source.path, destination)) || CopyContent(source, destination);
 }
 
 void RemoveMovedSource(const LocalSource& source, const KelString& destination) {

@@ -15,6 +15,10 @@ struct LocalSource {
     KelString computedChecksum = {};  ///< set by FillChecksum: what a copy of the content must have
 };
 
+/// Where content is made before it gets its place in the store, on the same file system. What a kill leaves
+/// there is removed at the next start.
+KelString StoreWorkFolder();
+
 /// The source that an offer names: MovePath, else CopyPath, else FilePath (the file stays where it is).
 LocalSource ReadLocalSource(const KelContainer& arguments);
 
@@ -30,10 +34,10 @@ bool CheckUpstreamSize(const KelString& path, std::int64_t size);
 
 /// Brings the content of a moved or copied source to `destination` (its folder is made), on the disk when
 /// the call returns. A moved source stays under its own name, too, until RemoveMovedSource: a crash before
-/// the row is committed loses nothing. Nothing to do for an external file, when the source is gone but the
-/// destination is there (an earlier attempt got that far) and, with `keepExisting`, when the destination has
-/// the source's size. False, logged, when the content is not there afterwards or changed since its checksum
-/// was computed; an existing destination is then as before.
+/// the row is committed loses nothing, but until then nobody may write to it, for both may name one file.
+/// Nothing to do for an external file, when the source is gone but the destination is there (an earlier
+/// attempt got that far) and, with `keepExisting`, when the destination has the source's size. False, logged,
+/// when the content is not there afterwards or changed since its checksum was computed.
 bool PlaceContent(const LocalSource& source, const KelString& folder, const KelString& destination,
                   bool keepExisting);
 

@@ -8,6 +8,7 @@
 #include <string_view>
 
 #include "filestore/module/file_store.h"
+#include "kel/file.h"
 #include "kel/format.h"
 #include "kel/path.h"
 #include "kel/text.h"
@@ -101,6 +102,8 @@ bool CheckOffer(const KelContainer& arguments, const Offer& offer) {
     if (!CheckKeyPart("FileType", offer.type, true) || !CheckKeyPart("FileLabel", offer.label, false) ||
         !CheckKeyPart("FileName", offer.name, false))
         return false;
+    // Receivers keep such names for what is not finished.
+    if (offer.name.starts_with(kTempFilePrefix)) return Refuse("FileName", offer.name);
     const bool toBeComputed = offer.checksum.empty() && offer.local;
     if (!toBeComputed && !CheckKeyPart("FileChecksum", offer.checksum, true)) return false;
     return CheckTexts(arguments) && CheckNumber(arguments, "FileSize", INT64_MAX) &&

@@ -4,6 +4,7 @@
 #include "filestore/db/schema.h"
 #include "filestore/module/file_store.h"
 #include "filestore/transfer/file_record.h"
+#include "filestore/transfer/local_source.h"
 #include "kel/checksum.h"
 #include "kel/file.h"
 #include "kel/path.h"
@@ -89,7 +90,8 @@ bool EnterInStore(const FileStoreEntry& file, const KelString& path) {
         entry.FileURL =
             FileStore::StoreUrl(false, file.FileType, file.FileLabel, file.FileChecksum, file.FileName);
         entry.ExternalFile = false;
-        if (!PathCreate(folder) || !FileCopy(path, entry.FilePath, false)) {
+        const KelString work = StoreWorkFolder();
+        if (!PathCreate(folder) || !PathCreate(work) || !FileCopy(path, entry.FilePath, false, work)) {
             FileStore::debugFileStore.Error(
                 "Cannot copy '%S' from the package repository to '%S': check space and permissions\n", path,
                 entry.FilePath);

@@ -163,18 +163,22 @@ bool Complete(const Reception& reception, FileStoreEntry& offered, const KelVect
     return transaction.IsOpen() && RunAll(targets) && entry.SaveToDatabase(false) && transaction.Commit();
 }
 
-/// Takes back what Begin did, unless someone else has taken the row further.
+/// Takes back what Begin did, unless someone else has taken the row further. A new row for which a device has
+/// asked meanwhile stays, as missing.
 void GiveUp(const Reception& reception) {
     const FileStoreEntry& row = reception.before;
     DBConnection& connection = *FileStore::pDbConnectionDownstream;
     const KelLock lock(FileStore::mutexDownstream);
     if (connection.ReadString(kTableFiles, kFileStatus, kFileId, row.FileId) != kStatusReceiving) return;
-    if (reception.isNew)
+    if (reception.isNew && connection.ReadInteger(kTableTargets, kTargetId, kFileId, row.FileId, -1) < 0) {
         DeleteFileRow(false, row.FileId);
-    else
-        connection.Query(KelFormat("UPDATE %s SET %s = '%Q', %s = %ld WHERE %s = %lu", kTableFiles,
-                                   kFileStatus, row.FileStatus, kLastStatusChangeTime,
-                                   row.LastStatusChangeTime, kFileId, row.FileId));
+        return;
+    }
+    connection.Query(KelFormat("UPDATE %s SET %s = '%Q', %s = %ld WHERE %s = %lu", kTableFiles, kFileStatus,
+                               reception.isNew ? KelString(kStatusMissing) : row.FileStatus,
+                               kLastStatusChangeTime, reception.isNew ? 0 : row.LastStatusChangeTime, kFileId,
+                               row.FileId));
+    if (reception.isNew) FileStore::threadHandler.WakeUp();
 }
 
 /// Brings the content of an offer into the store and records it; false, with nothing left of it but perhaps

@@ -86,8 +86,8 @@ int FileStore::ReceiveUpstreamLocalFile(KelContainer& arguments, const KelString
     if (!CheckUpstreamSize(source.path, entry.FileSize) ||
         !PlaceContent(source, StoreFolder(true, type, label, checksum), path, false))
         return kKelErrorBadInput;
-    entry.FileSize = FileGetSize64(entry.FilePath);
-    if (!Record(entry)) return kKelErrorBadInput;
+    entry.FileSize = FileGetSize64(entry.FilePath);  // its owner may have cut it off meanwhile
+    if (!CheckUpstreamSize(entry.FilePath, entry.FileSize) || !Record(entry)) return kKelErrorBadInput;
     RemoveMovedSource(source, path);
     threadHandler.WakeUp();
     return kKelOk;

@@ -257,7 +257,7 @@ TEST_F(CallbackThreadTest, StartRemovesWhatIsHalfMade) {
     SetIni("Directories", "FileStorage", store);
     const KelVector<KelString> halfMade = {FileStore::strModuleDataPath + "/Temp/PACKEDFILES_1_2.zip",
                                            FileStore::strModuleDataPath + "/Temp/.kel-abcdef",
-                                           store + "Temp/PACKEDFILES_1_2.zip.xml",
+                                           store + "Temp/PACKEDFILES_1_2.zip.xml", store + "Temp/.kel-abcdef",
                                            store + ".extract-1/upstream/x"};
     const KelVector<KelString> kept = {FileStore::strModuleDataPath + "/Temp/other", store + "Temp/other",
                                        store + "upstream/t/l/c/PACKEDFILES_1_2.zip"};

@@ -171,6 +171,17 @@ TEST_F(HandleThreadTest, PackageIsKeptUntilItsOfferIsTaken) {
     EXPECT_EQ(OnlyRow(true).FileType, "PackagerAdministratedPackage");
 }
 
+TEST_F(HandleThreadTest, EmptyPackageIsPublishedHereOnly) {
+    FakeResult("RelayReceiveFile ()", 0);
+    const unsigned long fileId = ArrivedPackage();
+    WriteFile(PathOf(true, Load(true, fileId)), "");
+    handler_.DoWork();
+    handler_.DoWork();
+    EXPECT_EQ(CallsOf("RelayReceiveFile").size(), 1U);
+    EXPECT_EQ(Count(Upstream(), "Files"), "0");
+    EXPECT_EQ(OnlyRow(false).FileStatus, kStatusAvailable);
+}
+
 TEST_F(HandleThreadTest, PackageWhoseRowStaysIsPublishedOnceAStep) {
     struct OneStep : FileStoreHandleThread {
         void ThreadMain() override { DoWork(); }

@@ -70,6 +70,36 @@ TEST_F(LocalOfferTest, SourceThatChangesWhileItIsTakenIsNotStoredUnderItsOldChec
         }
 }
 
+TEST_F(LocalOfferTest, SourceThatIsCutOffWhileItIsTakenIsRefusedOnTheWayUp) {
+    for (const char* path : {"CopyPath", "MovePath", "FilePath"}) {
+        SCOPED_TRACE(path);
+        const KelString source = MakeFile("source", "abc");
+        Fake("IdentityGetValues ()", [this, source](KelContainer& container) {
+            container = Make({{"Values", identityValues}});
+            WriteFile(source, "");
+            return 0U;
+        });
+        EXPECT_EQ(Receive(Offer(), {{"Upstream", true}, {path, source}}), 1U);
+        EXPECT_EQ(Count(Upstream(), "Files"), "0");
+    }
+}
+
+TEST_F(LocalOfferTest, RequestThatCameDuringAnOfferOutlivesItsFailure) {
+    const KelString source = MakeFile("source", "abc");
+    Fake("WakeOnLanAddSubnet ()", [source](KelContainer&) {
+        KelContainer request = Offer();
+        EXPECT_EQ(FileStore::ActionHandler_FileStoreRequestFile(&request), 0U);
+        FileDelete(source);
+        return 0U;
+    });
+    EXPECT_EQ(Receive(Offer(), {{"CopyPath", source},
+                                {"DevicePath", TargetTree({"127.0.1.9:1/0A1B0000-0000-4000-8000-"
+                                                           "0000000000E3/m/127.0.1.9/255.0.0.0"})}}),
+              1U);
+    EXPECT_EQ(OnlyRow(false).FileStatus, kStatusMissing);
+    EXPECT_EQ(Rows(Downstream(), "SELECT DeviceGUID FROM Targets"), KelVector<KelString>{""});
+}
+
 /// What a kill between placing the content and committing the row leaves is what a row that cannot be
 /// committed leaves.
 TEST_F(LocalOfferTest, MovedSourceIsThereUntilItsRowIsCommitted) {

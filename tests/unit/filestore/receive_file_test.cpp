@@ -74,7 +74,7 @@ TEST_F(ReceiveFileTest, HostileValuesChangeNothing) {
     const std::pair<const char*, KelVector<Value>> cases[] = {
         {"FileType", {"", "..", "a/b", "a'b"}},
         {"FileLabel", {"", ".", "a\\b"}},
-        {"FileName", {"../../x", "a\nb", KelString(256, 'x')}},
+        {"FileName", {"../../x", ".kel-x", "a\nb", KelString(256, 'x')}},
         {"FileChecksum", {"", "..", "a'b"}},
         {"SourceDevice", {"a'b/c"}},
         {"FirstRelay", {"a'b"}},

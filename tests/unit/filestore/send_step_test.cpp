@@ -142,9 +142,8 @@ TEST_F(SendStepTest, PackingBeginsAnArchiveWithItsIndex) {
 }
 
 TEST_F(SendStepTest, WhatIsTooMuchForAnArchiveTravelsAloneOrInTheNextOne) {
-    // Two of the first are too much for one index.
+    // Two of these are too much for one index.
     const KelString info = SetInfo(Make({{"Fact", KelString(17 << 20, 'x')}}));
-    const KelString moreInfo = SetInfo(Make({{"Fact", KelString(33 << 20, 'x')}}));
     struct Case {
         const char* name;
         KelString set;
@@ -154,7 +153,6 @@ TEST_F(SendStepTest, WhatIsTooMuchForAnArchiveTravelsAloneOrInTheNextOne) {
     const Case cases[] = {
         {"announced size", "FileSize = 9223372036854775807", false, {"large"}, {"a", "b"}},
         {"size of the content", "FileSize = 1", true, {"large"}, {"a", "b"}},
-        {"its information", moreInfo, false, {"large"}, {"a", "b"}},
         {"information of both", info, false, {}, {"a"}},
     };
     for (const Case& test : cases) {
