@@ -5,7 +5,7 @@
 
 namespace {
 
-constexpr std::array kTables = {"Devices", "Publications", "PublicationTargets"};
+constexpr std::array kTables = {"Devices", "Publications", "PublicationTargets", "Holders"};
 
 }  // namespace
 

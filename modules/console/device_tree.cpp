@@ -55,11 +55,6 @@ DeviceWays::DeviceWays(const KelVector<Device>& devices) : devices_(devices) {
         indexes_.emplace(devices[i].guid, i);
 }
 
-std::optional<std::size_t> DeviceWays::IndexOf(const KelString& guid) const {
-    const auto found = indexes_.find(guid);
-    return found == indexes_.end() ? std::nullopt : std::optional(found->second);
-}
-
 KelStatus DeviceWays::FindWayUp(std::size_t device, KelVector<std::size_t>& way) const {
     const KelString& name = devices_[device].name;
     while (device != kMaster) {

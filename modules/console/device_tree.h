@@ -1,7 +1,6 @@
 #pragma once
 
 #include <cstddef>
-#include <optional>
 
 #include "kel/container.h"
 #include "kel/result.h"
@@ -13,9 +12,6 @@
 class DeviceWays {
   public:
     explicit DeviceWays(const KelVector<Device>& devices);
-
-    /// The device with this GUID; nothing when there is none.
-    std::optional<std::size_t> IndexOf(const KelString& guid) const;
 
     /// Adds to `way` the devices from `device` up to the one below the master; none for the master itself. A
     /// device whose parents do not lead to the master, or that lies deeper than kMaxTreeLevels, is an error

@@ -1,7 +1,7 @@
 #include "modules/console/earlier_targets.h"
 
 #include <algorithm>
-#include <optional>
+#include <utility>
 
 #include "kel/format.h"
 #include "modules/console/device_tree.h"
@@ -10,19 +10,12 @@ namespace {
 
 /// What is known of one device; the pointers are null where nothing is.
 struct Known {
-    const EarlierTarget* pending = nullptr;
-    const EarlierTarget* delivered = nullptr;
-    const EarlierTarget* failed = nullptr;
-    const EarlierTarget* otherContent = nullptr;
+    const EarlierTarget* holder = nullptr;  ///< its store took this content
+    bool isPending = false;
+    const EarlierTarget* otherContent = nullptr;  ///< the latest that was delivered
+    bool isOtherPending = false;
 
-    bool WasTarget() const { return pending || delivered || failed; }
-
-    /// Another content came after this one. Of two that came within one second the one published later did.
-    bool IsOvertaken() const {
-        return otherContent &&
-               (otherContent->time > delivered->time || (otherContent->time == delivered->time &&
-                                                         otherContent->publication > delivered->publication));
-    }
+    bool Told(const char* status) const { return holder && holder->status == status; }
 };
 
 using KnownDevices = KelHash<KelString, Known>;
@@ -31,89 +24,102 @@ KnownDevices ByDevice(const KelVector<EarlierTarget>& earlier) {
     KnownDevices known;
     for (const EarlierTarget& target : earlier) {
         Known& device = known[target.guid];
-        const EarlierTarget*& place = !target.isSameContent          ? device.otherContent
-                                      : target.status == "delivered" ? device.delivered
-                                      : target.status == "failed"    ? device.failed
-                                                                     : device.pending;
-        place = &target;
+        if (target.status == "pending") {
+            (target.isSameContent ? device.isPending : device.isOtherPending) = true;
+        } else {
+            (target.isSameContent ? device.holder : device.otherContent) = &target;
+        }
     }
     return known;
 }
 
-/// The devices whose stores took the file when it was published before: all on the ways to its targets.
-class PassedDevices {
-  public:
-    PassedDevices(const KelVector<Device>& devices, const KnownDevices& known)
-        : devices_(devices), ways_(devices), isPassed_(devices.size()) {
-        for (const auto& [guid, device] : known) {
-            if (device.WasTarget()) MarkWayTo(guid);
-        }
+/// Of two contents that came within one second nobody knows which is there now.
+PublicationTarget SettleDelivered(const KelString& guid, const Known& known) {
+    if (known.isOtherPending) {
+        return {
+            guid, "failed", 0,
+            "It had this content before and takes it no second time, and another one is on its way to it; "
+            "publish the file under another label"};
     }
+    if (known.otherContent && known.otherContent->time >= known.holder->time) {
+        return {guid, "failed", known.otherContent->time,
+                "It had this content before another one and takes it no second time; publish the file under "
+                "another label"};
+    }
+    return {guid, "delivered", known.holder->time, "Had it already"};
+}
 
-    /// The passed device on the way to `target` that is nearest to the master; null without one.
-    const Device* FirstOnTheWayTo(std::size_t target) const {
+PublicationTarget FailedBefore(const KelString& guid, const KelString& message) {
+    return {
+        guid, "failed", 0,
+        KelFormat("It failed before and is not tried again; publish the file under another label. What it "
+                  "said then: %S",
+                  message)};
+}
+
+PublicationTarget BlockedBy(const Device& holder, const KelString& guid) {
+    return {guid, "failed", 0,
+            KelFormat("The store of %S took this file on its way to other targets and passes it on to no "
+                      "further one; publish the file under another label, or run \"kel request\" on the "
+                      "device itself",
+                      holder.name)};
+}
+
+class Settlement {
+  public:
+    Settlement(const KelVector<Device>& devices, const KelVector<EarlierTarget>& earlier)
+        : devices_(devices), ways_(devices), known_(ByDevice(earlier)), isTaker_(devices.size()) {}
+
+    void Settle(std::size_t target) {
         KelVector<std::size_t> way;
-        if (!ways_.FindWayUp(target, way)) return nullptr;
-        const auto first =
-            std::find_if(way.rbegin(), way.rend(), [this](std::size_t device) { return isPassed_[device]; });
-        return first == way.rend() ? nullptr : &devices_[*first];
+        if (!ways_.FindWayUp(target, way)) way.clear();
+        PublicationTarget settled = Decide(devices_[target].guid, way);
+        if (settled.status == "pending") AddTakers(way);
+        settled_.targets.push_back(std::move(settled));
     }
+    SettledTargets Take() && { return std::move(settled_); }
 
   private:
-    void MarkWayTo(const KelString& guid) {
-        const std::optional<std::size_t> target = ways_.IndexOf(guid);
-        KelVector<std::size_t> way;
-        if (!target || !ways_.FindWayUp(*target, way)) return;
+    const Known* Find(const KelString& guid) const {
+        const auto found = known_.find(guid);
+        return found == known_.end() ? nullptr : &found->second;
+    }
+
+    PublicationTarget Decide(const KelString& guid, const KelVector<std::size_t>& way) const {
+        const Known* known = Find(guid);
+        if (known && known->Told("delivered")) return SettleDelivered(guid, *known);
+        if (known && known->isPending) return {guid, "pending", 0, {}};
+        if (known && known->Told("failed")) return FailedBefore(guid, known->holder->message);
+        // The holder that is named is the one nearest to the master.
+        const auto holder = std::find_if(way.rbegin(), way.rend(), [this](std::size_t device) {
+            const Known* above = Find(devices_[device].guid);
+            return above && above->holder;
+        });
+        if (holder != way.rend()) return BlockedBy(devices_[*holder], guid);
+        return {guid, "pending", 0, {}};
+    }
+
+    void AddTakers(const KelVector<std::size_t>& way) {
         for (const std::size_t device : way) {
-            if (isPassed_[device]) return;
-            isPassed_[device] = true;
+            if (isTaker_[device]) return;
+            isTaker_[device] = true;
+            settled_.takers.push_back(devices_[device].guid);
         }
     }
 
     const KelVector<Device>& devices_;
     const DeviceWays ways_;
-    KelVector<bool> isPassed_;
+    const KnownDevices known_;
+    KelVector<bool> isTaker_;
+    SettledTargets settled_;
 };
-
-PublicationTarget SettleKnown(const KelString& guid, const Known& known) {
-    if (known.delivered && known.IsOvertaken()) {
-        return {guid, "failed", known.otherContent->time,
-                "It had this content before another one and takes it no second time; publish the file under "
-                "another label"};
-    }
-    if (known.delivered) return {guid, "delivered", known.delivered->time, "Had it already"};
-    if (known.pending) return {guid, "pending", 0, {}};
-    return {
-        guid, "failed", 0,
-        KelFormat("It failed before and is not tried again; publish the file under another label. What it "
-                  "said then: %S",
-                  known.failed->message)};
-}
-
-KelString BlockedBy(const Device& holder) {
-    return KelFormat(
-        "The store of %S took this file on its way to other targets and passes it on to no further one; "
-        "publish the file under another label, or run \"kel request\" on the device itself",
-        holder.name);
-}
 
 }  // namespace
 
-KelVector<PublicationTarget> SettleTargets(const KelVector<Device>& devices,
-                                           const KelVector<std::size_t>& targets,
-                                           const KelVector<EarlierTarget>& earlier) {
-    const KnownDevices known = ByDevice(earlier);
-    const PassedDevices passed(devices, known);
-    KelVector<PublicationTarget> settled;
-    for (const std::size_t target : targets) {
-        const KelString& guid = devices[target].guid;
-        if (const auto found = known.find(guid); found != known.end() && found->second.WasTarget()) {
-            settled.push_back(SettleKnown(guid, found->second));
-        } else if (const Device* holder = passed.FirstOnTheWayTo(target)) {
-            settled.push_back({guid, "failed", 0, BlockedBy(*holder)});
-        } else {
-            settled.push_back({guid, "pending", 0, {}});
-        }
-    }
-    return settled;
+SettledTargets SettleTargets(const KelVector<Device>& devices, const KelVector<std::size_t>& targets,
+                             const KelVector<EarlierTarget>& earlier) {
+    Settlement settlement(devices, earlier);
+    for (const std::size_t target : targets)
+        settlement.Settle(target);
+    return std::move(settlement).Take();
 }

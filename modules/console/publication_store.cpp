@@ -2,6 +2,7 @@
 
 #include "kel/format.h"
 #include "kelcore/error_codes.h"
+#include "modules/console/device_tree.h"
 
 namespace {
 
@@ -19,20 +20,81 @@ KelString InsertStatement(const PublicationSummary& publication) {
         publication.fileChecksum, publication.fileSize, publication.createTime, publication.priority);
 }
 
-void AddTargetStatements(const KelString& id, const KelVector<PublicationTarget>& targets,
-                         KelVector<KelString>& statements) {
-    for (std::size_t i = 0; i < targets.size(); ++i) {
+/// Adds what inserts `rows`, each in its parentheses, after the head "INSERT ... VALUES ".
+void AddRows(const char* head, const KelVector<KelString>& rows, KelVector<KelString>& statements) {
+    for (std::size_t i = 0; i < rows.size(); ++i) {
         if (i % kRowsPerStatement == 0) {
-            statements.emplace_back(
-                "INSERT OR IGNORE INTO PublicationTargets (PublicationId, GUID, Status, Time, Message) "
-                "VALUES ");
+            statements.emplace_back(head);
         } else {
             statements.back() += ", ";
         }
-        const PublicationTarget& target = targets[i];
-        statements.back() += KelFormat("('%Q', '%Q', '%Q', %gd, '%Q')", id, target.guid, target.status,
-                                       target.time, target.message);
+        statements.back() += rows[i];
     }
+}
+
+void AddTargets(const KelString& id, const KelVector<PublicationTarget>& targets,
+                KelVector<KelString>& statements) {
+    KelVector<KelString> rows;
+    for (const PublicationTarget& target : targets) {
+        rows.push_back(KelFormat("('%Q', '%Q', '%Q', %gd, '%Q')", id, target.guid, target.status, target.time,
+                                 target.message));
+    }
+    AddRows("INSERT OR IGNORE INTO PublicationTargets (PublicationId, GUID, Status, Time, Message) VALUES ",
+            rows, statements);
+}
+
+void AddHolders(const PublicationSummary& publication, const KelVector<KelString>& takers,
+                KelVector<KelString>& statements) {
+    KelVector<KelString> rows;
+    for (const KelString& guid : takers) {
+        rows.push_back(KelFormat("('%Q', '%Q', '%Q', '%Q', '%Q', '%Q')", publication.fileName,
+                                 publication.fileLabel, publication.fileType, publication.fileChecksum, guid,
+                                 publication.id));
+    }
+    AddRows(
+        "INSERT OR IGNORE INTO Holders (FileName, FileLabel, FileType, FileChecksum, GUID, "
+        "PublicationId) VALUES ",
+        rows, statements);
+}
+
+/// True for the publications of the file that the receipt speaks of.
+KelString KeyCondition(const DeliveryReceipt& receipt) {
+    return KelFormat("FileChecksum = '%Q' AND FileName = '%Q' AND FileLabel = '%Q' AND FileType = '%Q'",
+                     receipt.fileChecksum, receipt.fileName, receipt.fileLabel, receipt.fileType);
+}
+
+KelString TellTargets(const DeliveryReceipt& receipt) {
+    return KelFormat(
+        "UPDATE PublicationTargets SET Status = '%Q', Time = %gd, Message = '%Q' "
+        "WHERE GUID = '%Q' AND Time <= %gd AND PublicationId IN "
+        "(SELECT PublicationId FROM Publications WHERE %S)",
+        receipt.status, receipt.time, receipt.message, receipt.guid, receipt.time, KeyCondition(receipt));
+}
+
+KelString TellHolder(const DeliveryReceipt& receipt) {
+    return KelFormat(
+        "INSERT INTO Holders (FileName, FileLabel, FileType, FileChecksum, GUID, Status, Time, Message) "
+        "SELECT '%Q', '%Q', '%Q', '%Q', '%Q', '%Q', %gd, '%Q' "
+        "WHERE EXISTS (SELECT 1 FROM Publications WHERE %S) "
+        "ON CONFLICT (FileName, FileLabel, FileType, FileChecksum, GUID) DO UPDATE SET "
+        "Status = excluded.Status, Time = excluded.Time, Message = excluded.Message "
+        "WHERE excluded.Time >= Time",
+        receipt.fileName, receipt.fileLabel, receipt.fileType, receipt.fileChecksum, receipt.guid,
+        receipt.status, receipt.time, receipt.message, KeyCondition(receipt));
+}
+
+/// Reported parents may go round in a circle: the levels are counted.
+KelString AddHoldersAbove(const DeliveryReceipt& receipt) {
+    return KelFormat(
+        "WITH RECURSIVE Above (GUID, Level) AS ("
+        "SELECT ParentGuid, 1 FROM Devices WHERE GUID = '%Q' "
+        "UNION ALL SELECT d.ParentGuid, a.Level + 1 FROM Above AS a "
+        "JOIN Devices AS d ON d.GUID = a.GUID WHERE a.Level < %lu) "
+        "INSERT OR IGNORE INTO Holders (FileName, FileLabel, FileType, FileChecksum, GUID) "
+        "SELECT '%Q', '%Q', '%Q', '%Q', GUID FROM Above WHERE GUID <> '' "
+        "AND EXISTS (SELECT 1 FROM Publications WHERE %S)",
+        receipt.guid, kMaxTreeLevels, receipt.fileName, receipt.fileLabel, receipt.fileType,
+        receipt.fileChecksum, KeyCondition(receipt));
 }
 
 /// "WHERE p.PublicationId IN ('a', 'b') ", empty without ids.
@@ -45,26 +107,26 @@ KelString IdCondition(const KelVector<KelString>& ids) {
 
 }  // namespace
 
-/// A failed target without a time never told anything: the file was not offered to it. Beside MAX, SQLite
-/// takes the other columns of a group from the row that holds the maximum.
+/// CROSS JOIN keeps SQLite from looking through the targets of all publications. Beside MAX, it takes the
+/// other columns of a group from the row that holds the maximum.
 KelResult<KelVector<EarlierTarget>> PublicationStore::ListEarlierTargets(
     const PublicationSummary& publication) {
-    const auto rows = database_.Select(
-        KelFormat("SELECT t.GUID, p.FileChecksum = '%Q' AS IsSame, t.Status, MAX(t.Time), t.Message, p.rowid "
-                  "FROM Publications AS p "
-                  "JOIN PublicationTargets AS t ON t.PublicationId = p.PublicationId "
-                  "WHERE p.FileName = '%Q' AND p.FileLabel = '%Q' AND p.FileType = '%Q' "
-                  "AND (t.Status = 'delivered' OR p.FileChecksum = '%Q') "
-                  "AND NOT (t.Status = 'failed' AND t.Time = 0) "
-                  "GROUP BY t.GUID, IsSame, t.Status",
-                  publication.fileChecksum, publication.fileName, publication.fileLabel, publication.fileType,
-                  publication.fileChecksum));
+    const KelString sameName = KelFormat("FileName = '%Q' AND FileLabel = '%Q' AND FileType = '%Q'",
+                                         publication.fileName, publication.fileLabel, publication.fileType);
+    const auto rows = database_.Select(KelFormat(
+        "SELECT GUID, FileChecksum = '%Q' AS IsSame, Status, MAX(Time), Message FROM Holders "
+        "WHERE %S AND (Status = 'delivered' OR FileChecksum = '%Q') GROUP BY GUID, IsSame, Status "
+        "UNION ALL "
+        "SELECT t.GUID, p.FileChecksum = '%Q' AS IsSame, 'pending', 0, '' FROM Publications AS p "
+        "CROSS JOIN PublicationTargets AS t ON t.PublicationId = p.PublicationId "
+        "WHERE %S AND t.Status = 'pending' GROUP BY t.GUID, IsSame",
+        publication.fileChecksum, sameName, publication.fileChecksum, publication.fileChecksum, sameName));
     if (!rows) return kUnreadable;
     KelVector<EarlierTarget> targets(rows->GetRowCount());
     for (std::size_t row = 0; row < targets.size(); ++row) {
         targets[row] = {rows->GetString(row, 0), rows->GetInt64(row, std::size_t{1}) != 0,
                         rows->GetString(row, 2), rows->GetInt64(row, std::size_t{3}),
-                        rows->GetString(row, 4), rows->GetInt64(row, std::size_t{5})};
+                        rows->GetString(row, 4)};
     }
     return targets;
 }
@@ -74,16 +136,22 @@ KelResult<KelVector<PublicationTarget>> PublicationStore::Add(const PublicationS
     const KelLock lock(mutex_);
     const auto earlier = ListEarlierTargets(publication);
     if (!earlier) return earlier.Error();
-    KelVector<PublicationTarget> targets = decide(*earlier);
+    SettledTargets settled = decide(*earlier);
     KelVector<KelString> statements = {InsertStatement(publication)};
-    AddTargetStatements(publication.id, targets, statements);
+    AddTargets(publication.id, settled.targets, statements);
+    AddHolders(publication, settled.takers, statements);
     if (!database_.Write(statements)) return kUnwritable;
-    return targets;
+    return std::move(settled.targets);
 }
 
 void PublicationStore::Remove(const KelString& id) {
     const KelLock lock(mutex_);
-    database_.Write({KelFormat("DELETE FROM PublicationTargets WHERE PublicationId = '%Q'", id),
+    database_.Write({KelFormat("DELETE FROM Holders WHERE PublicationId = '%Q' AND Status = '' "
+                               "AND (FileName, FileLabel, FileType, FileChecksum) IN "
+                               "(SELECT FileName, FileLabel, FileType, FileChecksum FROM Publications "
+                               "WHERE PublicationId = '%Q')",
+                               id, id),
+                     KelFormat("DELETE FROM PublicationTargets WHERE PublicationId = '%Q'", id),
                      KelFormat("DELETE FROM Publications WHERE PublicationId = '%Q'", id)});
 }
 
@@ -91,12 +159,7 @@ bool PublicationStore::Take(const DeliveryReceipt& receipt, std::int64_t now) {
     const KelLock lock(mutex_);
     return database_.Write(
         {KelFormat("UPDATE Devices SET LastSeen = %gd WHERE GUID = '%Q'", now, receipt.guid),
-         KelFormat("UPDATE PublicationTargets SET Status = '%Q', Time = %gd, Message = '%Q' "
-                   "WHERE GUID = '%Q' AND Time <= %gd AND PublicationId IN "
-                   "(SELECT PublicationId FROM Publications WHERE FileChecksum = '%Q' AND FileName = '%Q' "
-                   "AND FileLabel = '%Q' AND FileType = '%Q')",
-                   receipt.status, receipt.time, receipt.message, receipt.guid, receipt.time,
-                   receipt.fileChecksum, receipt.fileName, receipt.fileLabel, receipt.fileType)});
+         TellTargets(receipt), TellHolder(receipt), AddHoldersAbove(receipt)});
 }
 
 KelResult<KelVector<PublicationSummary>> PublicationStore::List(const KelVector<KelString>& ids) {

@@ -11,12 +11,12 @@ constexpr unsigned int kStaysHere = 44003;
 
 class ConsoleUpstreamTest : public ConsoleTest {
   protected:
-    /// The identity file of a client below the master.
-    static KelContainer Identity(const std::string& guid, const std::string& name, std::int64_t time) {
+    /// The identity file of a client.
+    static KelContainer Identity(const std::string& guid, const std::string& name, std::int64_t time,
+                                 const std::string& parent = kMaster) {
         const std::string url = "10.0.0.9:1610/" + guid;
-        return Values({"GUID=" + guid, "HostName=" + name, "Role=client", "Port=1610",
-                       "ParentGuid=" + kMaster, "DeviceUrl=" + url,
-                       "PathName=" + url + "/02-00-0A-00-00-09/10.0.0.9/255.0.0.0",
+        return Values({"GUID=" + guid, "HostName=" + name, "Role=client", "Port=1610", "ParentGuid=" + parent,
+                       "DeviceUrl=" + url, "PathName=" + url + "/02-00-0A-00-00-09/10.0.0.9/255.0.0.0",
                        "Time=" + std::to_string(time)});
     }
     /// That of `guid` on what was offered to the store first, or at another place.
@@ -181,18 +181,20 @@ TEST_F(ConsoleUpstreamTest, WhatADeviceHasAlreadyCountsAtOnce) {
 
 TEST_F(ConsoleUpstreamTest, ADeviceThatGotAnotherContentSinceDoesNotGetTheFormerOneBack) {
     RunningModule<Console> module;
-    for (const auto& [label, laterTime] :
-         {std::pair("FileLabel=later", 101), {"FileLabel=same second", 100}}) {
+    for (const auto& [label, laterTime, later] :
+         {std::tuple("FileLabel=later", 101, "1/0/0 of 1"), {"FileLabel=same second", 100, "0/1/0 of 1"}}) {
         const KelContainer request = With(Request("north"), {label});
         const std::size_t first = OfferCount();
         PublishContent("content", request, "0/0/1 of 1");
         TakeReceipt(Receipt(kNorth, "delivered", 100, first));
         PublishContent("newer", request, "0/0/1 of 1");
+        const KelContainer overtaken = PublishContent("content", request, "0/1/0 of 1");
+        EXPECT_NE(MessageOf(overtaken).find("on its way to it"), std::string::npos) << MessageOf(overtaken);
         TakeReceipt(Receipt(kNorth, "delivered", laterTime, first + 1));
         for (int i = 0; i < 2; ++i) {
             const KelContainer former = PublishContent("content", request, "0/1/0 of 1");
             EXPECT_NE(MessageOf(former).find("another label"), std::string::npos) << MessageOf(former);
-            PublishContent("newer", request, "1/0/0 of 1");
+            PublishContent("newer", request, later);
         }
     }
 }
@@ -235,6 +237,74 @@ TEST_F(ConsoleUpstreamTest, ATargetThatWasNeverOfferedTheFileIsOnceItsWayIsFree)
     TakeIdentity(With(Identity(kClient, "desk", now_),
                       {"DeviceUrl=127.0.3.3:1610/" + kClient, "PathName=" + kClientPath}));
     PublishContent("content", Request("desk"), "0/0/1 of 1");
+}
+
+TEST_F(ConsoleUpstreamTest, WhatADeviceFetchedByRequestAndTheRelayAboveItAreKnown) {
+    RunningModule<Console> module;
+    TakeIdentity(Identity(kDesk, "desk-9", now_, kNorth));
+    PublishContent("content", Request("none"), "0/0/0 of 0");
+    TakeReceipt(Receipt(kDesk, "delivered", 100));
+    TakeReceipt(Receipt(kDesk, "failed", 99));
+    PublishContent("content", Request("desk-9"), "1/0/0 of 1");
+    for (const char* device : {"desk", "north"}) {
+        const std::string message = MessageOf(PublishContent("content", Request(device), "0/1/0 of 1"));
+        EXPECT_NE(message.find("store of north"), std::string::npos) << message;
+    }
+    PublishContent("content", Request("all"), "1/2/0 of 3");
+
+    TakeReceipt(With(Receipt(kDesk, "delivered", 100), {"FileLabel=never published"}));
+    PublishContent("content", With(Request("all"), {"FileLabel=never published"}), "0/0/3 of 3");
+}
+
+TEST_F(ConsoleUpstreamTest, ARelayKeepsAFileWhenTheTargetMovesToAnotherOne) {
+    const std::string south = "ABCD0000-0000-0000-0000-000000000004";
+    const std::string neighbour = "ABCD0000-0000-0000-0000-000000000005";
+    const auto line = [](const std::string& guid, const std::string& parentRoleAndName) {
+        return guid + "=127.0.3.4:1610/" + guid + "/0/127.0.3.4/255.0.0.0 " + parentRoleAndName + "\n";
+    };
+    WriteDevices(BothDevices() + line(south, kMaster + " relay south") +
+                 line(neighbour, south + " client neighbour"));
+    RunningModule<Console> module;
+    for (const char* receipt : {"", "delivered"}) {
+        const auto labelled = [&](const char* device) {
+            return With(Request(device), {std::string("FileLabel=") + "moved" + receipt});
+        };
+        TakeIdentity(Identity(kDesk, "desk-9", now_, kNorth));
+        const std::size_t offer = OfferCount();
+        PublishContent("content", labelled("desk-9"), "0/0/1 of 1");
+        if (*receipt) TakeReceipt(Receipt(kDesk, receipt, 100, offer));
+        TakeIdentity(Identity(kDesk, "desk-9", now_, south));
+        PublishContent("content", labelled("neighbour"), "0/0/1 of 1");
+        const std::string message = MessageOf(PublishContent("content", labelled("desk"), "0/1/0 of 1"));
+        EXPECT_NE(message.find("store of north"), std::string::npos) << message;
+    }
+}
+
+TEST_F(ConsoleUpstreamTest, ARefusedOfferLeavesNoHolder) {
+    RunningModule<Console> module;
+    SetStoreResult(13);
+    EXPECT_EQ(Call("ConsolePublish", Request("north")), 13U);
+    SetStoreResult(0);
+    PublishContent("content", Request("desk"), "0/0/1 of 1");
+}
+
+TEST_F(ConsoleUpstreamTest, AnOlderDatabaseLearnsWhoTookWhatWasPublished) {
+    {
+        RunningModule<Console> module;
+        TakeIdentity(Identity(kDesk, "desk-9", now_, kNorth));
+        PublishContent("content", Request("desk-9"), "0/0/1 of 1");
+        TakeReceipt(Receipt(kDesk, "delivered", 100));
+    }
+    {
+        DBConnectionPool pool;
+        pool.SetDatabase("SQLITE32", "", root_ / "data/Console/Console.sqlite", "", "", 0);
+        const auto database = pool.CreateConnection();
+        ASSERT_TRUE(database && database->Query("DROP TABLE Holders") &&
+                    database->Query("UPDATE DatabaseInformation SET FieldValue = '1' "
+                                    "WHERE FieldName = 'SchemaVersion'"));
+    }
+    RunningModule<Console> module;
+    PublishContent("content", Request("all"), "1/2/0 of 3");
 }
 
 TEST_F(ConsoleUpstreamTest, SeveralPublicationsAreListedByTheirCounts) {
