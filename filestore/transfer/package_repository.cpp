@@ -29,7 +29,7 @@ KelString FindInRepository(const KelString& fileName) {
         folders = FileStore::strPackagesRepositoryPath;
     }
     for (const KelString& folder : SplitText(folders, ',')) {
-        const KelString path = Trim(folder) + "/" + fileName;
+        KelString path = Trim(folder) + "/" + fileName;
         if (path.size() > fileName.size() + 1 && FileExists(path)) return path;
     }
     return {};

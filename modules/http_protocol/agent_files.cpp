@@ -26,7 +26,7 @@ bool IsStateName(std::string_view name) {
 bool IsStateFolder(const UniqueFd& folder) {
     struct stat info {};
     if (::fstat(folder.Get(), &info) != 0) return true;
-    const KelString data = KelAgentGetDataDir();
+    const KelString& data = KelAgentGetDataDir();
     if (IsFolderAt(info, KelAgentGetConfigDir()) || IsFolderAt(info, data)) return true;
     std::error_code error;
     std::filesystem::directory_iterator entry(data, error);
