@@ -59,9 +59,8 @@ PublicationTarget FailedBefore(const KelString& guid, const KelString& message) 
 
 PublicationTarget BlockedBy(const Device& holder, const KelString& guid) {
     return {guid, "failed", 0,
-            KelFormat("The store of %S took this file on its way to other targets and passes it on to no "
-                      "further one; publish the file under another label, or run \"kel request\" on the "
-                      "device itself",
+            KelFormat("The store of %S took this file before and passes it on to no further device; publish "
+                      "the file under another label, or run \"kel request\" on the device itself",
                       holder.name)};
 }
 
