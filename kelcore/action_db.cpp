@@ -125,7 +125,7 @@ KelVector<KelString> ActionDbListActions() {
     return signatures;
 }
 
-unsigned int ActionDbInvokeLocal(const KelString& actionName, KelContainer& container) {
+unsigned int CallLocal(const KelString& actionName, KelContainer& container) {
     std::shared_ptr<const Action> action = Registry().BeginCall(actionName);
     if (!action) {
         CoreLog().Detail("Action %S is not registered.\n", actionName);
@@ -142,7 +142,7 @@ unsigned int ActionDbInvokeContainer(const char* source, const KelString& device
                                      IpAddress* localAddress) {
     if (CoreLog().IsOn(KelDebugLevel::Trace))
         CoreLog().Trace("%s calls %S.\n", source != nullptr ? source : "This device", actionName);
-    if (deviceUrl.empty()) return ActionDbInvokeLocal(actionName, container);
+    if (deviceUrl.empty()) return CallLocal(actionName, container);
     try {
         return ActionDbInvokeRemote(deviceUrl, actionName, container, connectTimeout, callTimeout,
                                     localAddress);
@@ -150,4 +150,8 @@ unsigned int ActionDbInvokeContainer(const char* source, const KelString& device
         CoreLog().Error("Call of %S on another device failed: %s\n", actionName, failure.what());
         return kKelErrorInternal;
     }
+}
+
+unsigned int CallDevice(const KelString& deviceUrl, const KelString& actionName, KelContainer& container) {
+    return ActionDbInvokeContainer(nullptr, deviceUrl, actionName, container, 0, -1, -1, nullptr);
 }

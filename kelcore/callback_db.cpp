@@ -91,7 +91,7 @@ unsigned int CallbackDbTrigger(const KelString& eventName, const KelContainer& a
     for (const Subscription& subscription : Registry().Of(eventName)) {
         const KelString action = ActionNameOfSignature(subscription.signature);
         KelContainer own = arguments;
-        const unsigned int code = ActionDbInvokeLocal(action, own);
+        const unsigned int code = CallLocal(action, own);
         codes.SetInt32(action, static_cast<std::int32_t>(code));
         if (code == 0) continue;
         if (code < kFirstModuleCode) {

@@ -13,3 +13,12 @@ enum KelErrorCode : unsigned int {
     kKelErrorBadAnswer = 23,      ///< the called device answered with something that is no action result
     kKelErrorGuidScheme = 44005,  ///< a GUID of another tree's scheme
 };
+
+/// What a consumer of the file store answers to a file that is handed to it, and to a request for a file that
+/// is missing here. Any other answer lets the file go on its way.
+enum KelConsumerAnswer : unsigned int {
+    kKelAnswerWillProvide = 15,      ///< the consumer supplies the missing file itself
+    kKelAnswerRequestKnown = 16154,  ///< the consumer knows of the request and needs no error in the log
+    kKelAnswerTryLater = 44001,      ///< not now: the file is handed over again later
+    kKelAnswerStaysHere = 44003,     ///< the file has reached its destination and goes no further up
+};

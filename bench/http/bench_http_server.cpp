@@ -35,7 +35,7 @@ int main(int count, char** arguments) {
     KelContainer alias;
     alias.SetString("AliasName", "Files");
     alias.SetString("AliasPath", arguments[2]);
-    if (ActionDbInvokeLocal("HttpProtocolAddAlias", alias) != 0) return 1;
+    if (CallLocal("HttpProtocolAddAlias", alias) != 0) return 1;
     std::cout << module.Port() << std::endl;
     std::string line;
     while (std::getline(std::cin, line))

@@ -22,10 +22,6 @@ constexpr char kReceiveSignature[] =
     "SourceDevice, string FilePath)";
 constexpr char kUpstreamEvent[] = "FileStoreCallbackCopyUpstream";
 
-unsigned int CallLocal(const char* action, KelContainer& container) {
-    return ActionDbInvokeContainer(nullptr, {}, action, container, 0, -1, -1, nullptr);
-}
-
 KelContainer ValuesOf(const Device& device) {
     KelContainer values;
     values.SetString("GUID", device.guid);

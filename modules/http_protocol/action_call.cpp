@@ -28,7 +28,7 @@ ActionAnswer Run(const ActionCall& call) {
     container.Remove("HttpProtocolRequestInfo");
     container.SetContainer("HttpProtocolRequestInfo", std::move(info));
 
-    const unsigned int result = ActionDbInvokeLocal(call.name, container);
+    const unsigned int result = CallLocal(call.name, container);
     container.Remove("HttpProtocolRequestInfo");  // the caller's next call must not carry it
     if (result == kKelErrorUnknownAction && !ActionDbIsActionRegistered(call.name))
         return {404, 0, "text/plain", {}};
