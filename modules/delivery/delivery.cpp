@@ -28,6 +28,12 @@ constexpr unsigned int kNotReady = 44001;   ///< the file store offers the file 
 constexpr unsigned int kStaysHere = 44003;  ///< the file store keeps the file and sends it nowhere
 constexpr std::size_t kMaxOutputLines = 1000;
 constexpr int kMaxReceiptFailures = 10;  ///< in one go
+constexpr std::uint64_t kRetryMilliseconds = std::uint64_t{60} * 1000;
+constexpr std::uint64_t kIdleMilliseconds = std::uint64_t{3600} * 1000;
+
+std::uint64_t PauseAfterWork(bool isWorkLeft) {
+    return isWorkLeft ? kRetryMilliseconds : kIdleMilliseconds;
+}
 
 /// What is wrong with how a program ended, empty when nothing is.
 KelString ProblemOf(const ProgramResult& result) {
@@ -64,8 +70,10 @@ Delivery::Delivery()
     : KelModule("Delivery", "Delivery module"),
       jobs_(Log()),
       receipts_(Log()),
-      thread_([this] { return WorkOnJobs(); }),
-      receiptThread_([this] { return SendReceipts(); }) {}
+      thread_(
+          Log(), KelPeriodicThread::Begin::WithStep, [this] { return WorkOnJobs(); }, PauseAfterWork),
+      receiptThread_(
+          Log(), KelPeriodicThread::Begin::WithStep, [this] { return SendReceipts(); }, PauseAfterWork) {}
 
 Delivery::~Delivery() {
     Delivery::Cleanup();

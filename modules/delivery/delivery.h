@@ -2,9 +2,9 @@
 
 #include "kel/container.h"
 #include "kel/mutex.h"
+#include "kel/periodic_thread.h"
 #include "kelcore/module.h"
 #include "modules/delivery/collected.h"
-#include "modules/delivery/delivery_thread.h"
 #include "modules/delivery/inbox.h"
 #include "modules/delivery/job_queue.h"
 #include "modules/delivery/program.h"
@@ -65,7 +65,7 @@ class Delivery : public KelModule {
     KelMutex mutexCopy_;  ///< one copy at a time, so that an older content cannot replace a newer one
     KelString copyFailure_ KEL_GUARDED_BY(mutexCopy_);  ///< the last one logged
     CollectedFiles collected_;
-    ReceiptSender receipts_;  ///< only the receipt thread uses it
-    DeliveryThread thread_;   ///< copies and commands
-    DeliveryThread receiptThread_;
+    ReceiptSender receipts_;    ///< only the receipt thread uses it
+    KelPeriodicThread thread_;  ///< copies and commands
+    KelPeriodicThread receiptThread_;
 };

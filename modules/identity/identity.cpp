@@ -11,11 +11,26 @@
 #include "kelcore/error_codes.h"
 #include "modules/identity/guid.h"
 
+namespace {
+
+/// The longest pause while the identity file waits for another module, which may come at any moment.
+constexpr std::uint32_t kWaitingSeconds = 2;
+
+}  // namespace
+
 Identity::Identity()
-    : KelModule("Identity", "Identity module"), report_(Log()), watcher_([this] {
-          CheckAddress();
-          return ReportIdentity(std::time(nullptr));
-      }) {}
+    : KelModule("Identity", "Identity module"),
+      report_(Log()),
+      watcher_(
+          Log(), KelPeriodicThread::Begin::WithPause,
+          [this] {
+              CheckAddress();
+              return ReportIdentity(std::time(nullptr));
+          },
+          [this](bool isWaiting) {
+              const std::uint32_t seconds = checkSeconds_;
+              return std::uint64_t{isWaiting ? std::min(seconds, kWaitingSeconds) : seconds} * 1000;
+          }) {}
 
 Identity::~Identity() {
     watcher_.Cancel(0, true);
@@ -69,7 +84,7 @@ KelResult<DeviceValues> Identity::ReadValues() {
     if (!ini.Open(IniPath())) return KelError{1, KelFormat("%S cannot be read or is malformed", IniPath())};
     int interval = 0;
     ini.GetEntryValue("Identity", "CheckInterval", interval, 30);
-    watcher_.SetInterval(static_cast<std::uint32_t>(std::clamp(interval, 1, 86400)));
+    checkSeconds_ = static_cast<std::uint32_t>(std::clamp(interval, 1, 86400));
     return DetermineDeviceValues(ini, KelAgentGetAddress(), ListNetworkInterfaces());
 }
 

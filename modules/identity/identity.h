@@ -1,11 +1,14 @@
 #pragma once
 
+#include <atomic>
+#include <cstdint>
+
 #include "kel/container.h"
 #include "kel/mutex.h"
+#include "kel/periodic_thread.h"
 #include "kelcore/module.h"
 #include "modules/identity/device_values.h"
 #include "modules/identity/identity_report.h"
-#include "modules/identity/watcher.h"
 
 /// The identity module: who this device is. Actions:
 ///
@@ -55,7 +58,8 @@ class Identity : public KelModule {
     KelMutex mutex_;  ///< guid_, values_ and problem_; never held across a call or a write
     KelString guid_ KEL_GUARDED_BY(mutex_);
     DeviceValues values_ KEL_GUARDED_BY(mutex_);
-    KelString problem_ KEL_GUARDED_BY(mutex_);  ///< the last one logged
-    IdentityReport report_;                     ///< only the watcher's thread uses it
-    IdentityWatcher watcher_;
+    KelString problem_ KEL_GUARDED_BY(mutex_);      ///< the last one logged
+    IdentityReport report_;                         ///< only the watcher's thread uses it
+    std::atomic<std::uint32_t> checkSeconds_ = 30;  ///< between two steps of the watcher
+    KelPeriodicThread watcher_;
 };

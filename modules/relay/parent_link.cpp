@@ -50,6 +50,20 @@ KelString CallProblem(unsigned int code) {
 
 }  // namespace
 
+ParentLink::ParentLink(const KelDebug& log, std::function<void()> inSync)
+    : KelPeriodicThread(
+          log, Begin::WithStep,
+          [this] {
+              Check();
+              return false;
+          },
+          [this](bool) {
+              const auto seconds = GetState().inSync ? settings_.checkInterval : settings_.retryInterval;
+              return std::uint64_t{seconds} * 1000;
+          }),
+      log_(log),
+      inSync_(std::move(inSync)) {}
+
 void ParentLink::Configure(const RelaySettings& settings, const KelString& settledFile) {
     settings_ = settings;
     settledFile_ = settledFile;
@@ -59,14 +73,6 @@ void ParentLink::Configure(const RelaySettings& settings, const KelString& settl
 ParentState ParentLink::GetState() const {
     const KelLock lock(mutex_);
     return state_;
-}
-
-void ParentLink::ThreadMain() {
-    while (!CheckCancelled(false)) {
-        Check();
-        const auto seconds = GetState().inSync ? settings_.checkInterval : settings_.retryInterval;
-        Pause(std::uint64_t{seconds} * 1000);
-    }
 }
 
 void ParentLink::ResolveParent() {

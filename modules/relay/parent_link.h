@@ -5,7 +5,7 @@
 
 #include "kel/debug.h"
 #include "kel/mutex.h"
-#include "kel/thread.h"
+#include "kel/periodic_thread.h"
 #include "kel/types.h"
 #include "modules/relay/relay_settings.h"
 
@@ -20,9 +20,9 @@ struct ParentState {
 /// When the parent answers again, and when its GUID changes, the local action IdentityValidateGUIDScheme is
 /// called once the GUID can be read; when that succeeds the parent is in sync and `inSync` is called, else it
 /// is tried again. Changes of the state are logged once each.
-class ParentLink : public KelThread {
+class ParentLink : public KelPeriodicThread {
   public:
-    ParentLink(const KelDebug& log, std::function<void()> inSync) : log_(log), inSync_(std::move(inSync)) {}
+    ParentLink(const KelDebug& log, std::function<void()> inSync);
 
     /// While the thread does not run. `settledFile` remembers over restarts that this device has found its
     /// place.
@@ -37,9 +37,6 @@ class ParentLink : public KelThread {
 
     /// One call of the parent and its consequences. The thread's step; blocks on the network.
     void Check();
-
-  protected:
-    void ThreadMain() override;
 
   private:
     void ResolveParent();

@@ -12,7 +12,13 @@
 Relay::Relay()
     : KelModule("Relay", "Relay module"),
       replay_(Log(), [this] { return replayThread_.CheckCancelled(false); }),
-      replayThread_([this] { ReplayUnconnected(); }),
+      replayThread_(
+          Log(), KelPeriodicThread::Begin::WithStep,
+          [this] {
+              ReplayUnconnected();
+              return false;
+          },
+          [this](bool) { return std::uint64_t{settings_.checkInterval} * 1000; }),
       parentLink_(Log(), [this] { replayThread_.Signal(0); }) {}
 
 Relay::~Relay() {
@@ -44,7 +50,6 @@ bool Relay::Initialise() {
     }
     settings_ = *settings;
     parentLink_.Configure(settings_, DataPath() + "/settled");
-    replayThread_.SetInterval(settings_.checkInterval);
     packages_.SetFolders(DataPath() + "/Packages", DataPath() + "/Incoming");
     DirDeleteTempFiles(DataPath());
     return true;

@@ -1,11 +1,11 @@
 #pragma once
 
 #include "kel/container.h"
+#include "kel/periodic_thread.h"
 #include "kelcore/module.h"
 #include "modules/relay/package_copies.h"
 #include "modules/relay/parent_link.h"
 #include "modules/relay/relay_settings.h"
-#include "modules/relay/replay_thread.h"
 #include "modules/relay/unconnected_replay.h"
 
 /// The relay module: the role of this device and its parent. Actions:
@@ -44,6 +44,6 @@ class Relay : public KelModule {
     RelaySettings settings_;  ///< written at initialisation only
     PackageCopies packages_;
     UnconnectedReplay replay_;  ///< only the replay thread uses it
-    ReplayThread replayThread_;
+    KelPeriodicThread replayThread_;
     ParentLink parentLink_;
 };
