@@ -75,6 +75,11 @@ std::shared_ptr<const DBResult> DBConnection::GetLastResult() const {
     return handle_->lastResult;
 }
 
+void DBConnection::SetObserver(DBStatementObserver observer) {
+    const std::lock_guard lock(handle_->mutex);
+    handle_->database.SetObserver(std::move(observer));
+}
+
 KelVector<KelString> DBConnection::GetTablesList() {
     const auto result = Query(
         "SELECT name FROM sqlite_master WHERE type = 'table' AND name NOT LIKE 'sqlite\\_%' ESCAPE '\\' "

@@ -15,6 +15,9 @@ class IniFile;
 /// Reports the progress of an upgrade: version reached, version aimed at.
 using DBUpgradeProgress = std::function<void(unsigned int, unsigned int)>;
 
+/// Receives the text of a statement.
+using DBStatementObserver = std::function<void(const KelString&)>;
+
 /// The one open connection to a database file (SQLite, WAL, synchronous=FULL, defensive, trusted_schema=OFF,
 /// mmap_size=0).
 ///
@@ -43,6 +46,11 @@ class DBConnection {
     /// good.
     void DisableBackupResult();
     std::shared_ptr<const DBResult> GetLastResult() const;
+
+    /// Has `observer` called with the text of every statement before it runs, those of scripts and
+    /// transactions included; an empty one ends that. It runs on the thread of the statement with the
+    /// connection locked, so it must not use the connection.
+    void SetObserver(DBStatementObserver observer);
 
     KelVector<KelString> GetTablesList();
 

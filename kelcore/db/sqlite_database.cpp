@@ -67,12 +67,14 @@ KelVector<KelString> ReadRow(sqlite3_stmt* statement, int columns) {
 
 SqliteDatabase::SqliteDatabase(SqliteDatabase&& other) noexcept
     : database_(std::exchange(other.database_, nullptr)),
+      observer_(std::move(other.observer_)),
       transaction_(std::exchange(other.transaction_, false)) {}
 
 SqliteDatabase& SqliteDatabase::operator=(SqliteDatabase&& other) noexcept {
     if (this == &other) return *this;
     Close(true);
     database_ = std::exchange(other.database_, nullptr);
+    observer_ = std::move(other.observer_);
     transaction_ = std::exchange(other.transaction_, false);
     return *this;
 }
@@ -122,6 +124,10 @@ KelStatus SqliteDatabase::CheckWritable(bool readOnlyStatement) const {
     return MakeError(SQLITE_ABORT, "the transaction was rolled back by an earlier failure");
 }
 
+void SqliteDatabase::Observe(sqlite3_stmt* statement) const {
+    if (observer_) observer_(sqlite3_sql(statement));
+}
+
 KelResult<DBResult> SqliteDatabase::Run(const KelString& text) {
     std::string_view rest = text;
     Statement statement;
@@ -133,6 +139,7 @@ KelResult<DBResult> SqliteDatabase::Run(const KelString& text) {
     if (const KelStatus writable = CheckWritable(sqlite3_stmt_readonly(statement.get()) != 0); !writable)
         return writable.Error();
 
+    Observe(statement.get());
     KelVector<KelVector<KelString>> rows;
     const int columns = sqlite3_column_count(statement.get());
     int step = sqlite3_step(statement.get());
@@ -152,6 +159,7 @@ KelStatus SqliteDatabase::RunScript(const KelString& statements) {
         if (!statement) break;  // comments only
         if (KelStatus writable = CheckWritable(sqlite3_stmt_readonly(statement.get()) != 0); !writable)
             return writable;
+        Observe(statement.get());
         int step = sqlite3_step(statement.get());
         while (step == SQLITE_ROW)
             step = sqlite3_step(statement.get());

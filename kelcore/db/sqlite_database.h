@@ -1,13 +1,16 @@
 #pragma once
 
 #include <cstddef>
+#include <functional>
 #include <memory>
+#include <utility>
 
 #include "kel/result.h"
 #include "kel/types.h"
 #include "kelcore/db/result.h"
 
 struct sqlite3;
+struct sqlite3_stmt;
 
 /// A database handle of SQLite, configured as every database of the agent is. One thread at a time. Errors
 /// carry SQLite's primary result code and its message.
@@ -17,6 +20,9 @@ class SqliteDatabase {
     ~SqliteDatabase() { Close(true); }
     SqliteDatabase(SqliteDatabase&& other) noexcept;
     SqliteDatabase& operator=(SqliteDatabase&& other) noexcept;
+
+    /// Has `observer` called with the text of every statement before it runs; an empty one ends that.
+    void SetObserver(std::function<void(const KelString&)> observer) { observer_ = std::move(observer); }
 
     /// Opens an existing file and reads its schema.
     KelStatus Open(const KelString& path);
@@ -47,8 +53,10 @@ class SqliteDatabase {
   private:
     KelStatus Configure();
     KelStatus CheckWritable(bool readOnlyStatement) const;
+    void Observe(sqlite3_stmt* statement) const;
     KelError LastError() const;
 
     sqlite3* database_ = nullptr;
+    std::function<void(const KelString&)> observer_;
     bool transaction_ = false;  // between Begin and Commit or Rollback
 };

@@ -6,6 +6,7 @@
 #include <thread>
 
 #include "database_fixture.h"
+#include "kel/text.h"
 #include "kelcore/db/sequence_manager.h"
 
 using testing::AllOf;
@@ -92,6 +93,27 @@ TEST_F(OpenDatabaseTest, IsDurableAndDefensive) {
     ASSERT_TRUE(Run("CREATE TABLE T (X INT)"));
     db_->Query("PRAGMA writable_schema=ON");
     EXPECT_FALSE(Run("DELETE FROM sqlite_master"));
+}
+
+TEST_F(OpenDatabaseTest, AnObserverSeesEveryStatementBeforeItRuns) {
+    KelVector<KelString> seen;
+    ASSERT_TRUE(Run("CREATE TABLE T (Id INTEGER)"));
+    db_->SetObserver([&](const KelString& statement) { seen.push_back(Trim(statement)); });
+    {
+        DBTransaction transaction(*db_);
+        EXPECT_TRUE(Run("INSERT INTO T VALUES (1)"));
+        EXPECT_TRUE(transaction.Commit());
+    }
+    EXPECT_TRUE(Run("CREATE UNIQUE INDEX I ON T (Id)"));
+    EXPECT_FALSE(Run("INSERT INTO T VALUES (1)")) << "fails while it runs";
+    const KelString ini = folder_ / "scripts.ini";
+    ASSERT_TRUE(FileWriteText(ini, "[S]\nSql1=DELETE FROM T; DROP INDEX I\n"));
+    EXPECT_TRUE(db_->RunIniScripts(ini, "S", false));
+    db_->SetObserver({});
+    EXPECT_TRUE(Run("DELETE FROM T"));
+    EXPECT_THAT(seen, ElementsAre("BEGIN IMMEDIATE", "INSERT INTO T VALUES (1)", "COMMIT",
+                                  "CREATE UNIQUE INDEX I ON T (Id)", "INSERT INTO T VALUES (1)",
+                                  "DELETE FROM T;", "DROP INDEX I"));
 }
 
 TEST_F(DatabaseTest, FilesBelongToTheirOwnerAndACleanCloseLeavesOne) {
