@@ -6,12 +6,9 @@
 #include "agent/agent_actions.h"
 #include "agent/agent_options.h"
 #include "kelcore/action_db.h"
-#include "kelcore/error_codes.h"
 #include "kelcore/http/client.h"
 
 namespace {
-
-constexpr const char* kHttpModule = "HttpProtocol";
 
 KelAgentSettings Settings(const AgentConfig& config, std::shared_ptr<KelDebugContext> context) {
     return {config.ConfigDir(),  config.DataDir(), config.name,
@@ -97,12 +94,13 @@ bool Agent::InitialiseModules(const StopSignals& stop) {
     return true;
 }
 
-/// Without a module its actions are missing; without the HTTP module the agent would be there for nobody.
+/// A module that is not active leaves its part of the work undone; without the server nobody could reach the
+/// agent.
 bool Agent::ActivateModules(const StopSignals& stop) {
-    for (LoadedModule* module : HttpModuleLast()) {
+    for (LoadedModule* module : ServersLast()) {
         if (stop.IsRequested()) return true;
         if (module->Run(KelModuleOperation::Activate)) continue;
-        if (module->Name() == kHttpModule) {
+        if (module->IsServer()) {
             log_.Error("Module %S could not be activated; its own log lines say why\n", module->Name());
             return false;
         }
@@ -111,26 +109,20 @@ bool Agent::ActivateModules(const StopSignals& stop) {
     return true;
 }
 
-KelVector<LoadedModule*> Agent::HttpModuleLast() {
+KelVector<LoadedModule*> Agent::ServersLast() {
     KelVector<LoadedModule*> order;
     for (LoadedModule& module : modules_)
         order.push_back(&module);
     std::stable_partition(order.begin(), order.end(),
-                          [](const LoadedModule* module) { return module->Name() != kHttpModule; });
+                          [](const LoadedModule* module) { return !module->IsServer(); });
     return order;
 }
 
-void Agent::LogReady() const {
-    KelContainer answer;
-    KelString address = config_.address;
-    std::int32_t port = 0;
-    if (ActionDbIsActionRegistered("HttpProtocolGetParams") &&
-        ActionDbInvokeContainer(nullptr, "", "HttpProtocolGetParams", answer, 0, -1, -1, nullptr) == kKelOk) {
-        const KelContainer& values = answer.GetContainer("Values");
-        address = values.GetString("Address", address);
-        port = values.GetInt32("Port");
-    }
-    log_.Print("Ready at %S:%d\n", address, port);
+void Agent::LogReady() {
+    KelString address = config_.address + ":0";
+    for (LoadedModule& module : modules_)
+        if (module.IsServer()) address = module.ServerAddress();
+    log_.Print("Ready at %S\n", address);
 }
 
 void Agent::Stop() {
@@ -148,7 +140,7 @@ void Agent::CleanupModules() {
     KelVector<LoadedModule*> order;
     for (std::size_t i = initialised_; i > 0; --i) {
         LoadedModule& module = modules_[i - 1];
-        order.insert(module.Name() == kHttpModule ? order.begin() : order.end(), &module);
+        order.insert(module.IsServer() ? order.begin() : order.end(), &module);
     }
     for (LoadedModule* module : order) {
         log_.Detail("Cleaning up %S\n", module->Name());

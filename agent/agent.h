@@ -9,10 +9,10 @@
 /// One agent: loads the modules and drives them through their life. For the main thread.
 ///
 /// Every module is registered before the first is initialised, and initialised before the first is activated,
-/// each time in the configured order, but HttpProtocol is activated last and cleaned up first, so that no
-/// call from outside meets a module that is not ready yet or going down. At the end the others follow in
-/// reverse order, each of which can still call the actions of those before it; then all are unregistered in
-/// reverse order.
+/// each time in the configured order, but a module that serves calls from other devices is activated last and
+/// cleaned up first, so that no such call meets a module that is not ready yet or going down. At the end the
+/// others follow in reverse order, each of which can still call the actions of those before it; then all are
+/// unregistered in reverse order.
 class Agent {
   public:
     Agent(AgentConfig config, KelString modulesDir);
@@ -26,8 +26,8 @@ class Agent {
     bool RegisterModules();
     bool InitialiseModules(const StopSignals& stop);
     bool ActivateModules(const StopSignals& stop);
-    KelVector<LoadedModule*> HttpModuleLast();
-    void LogReady() const;
+    KelVector<LoadedModule*> ServersLast();
+    void LogReady();
     void Stop();
     void CleanupModules();
 

@@ -3,7 +3,6 @@
 #include <sys/stat.h>
 
 #include <algorithm>
-#include <array>
 #include <map>
 #include <utility>
 
@@ -20,6 +19,7 @@ namespace {
 constexpr std::uint64_t kMaxScriptBytes = std::uint64_t{1} << 20;
 constexpr int kDefaultLogBytes = 10 << 20;
 constexpr int kDefaultLogFiles = 5;
+constexpr unsigned int kMaxPort = 65535;
 
 KelError Fault(const KelString& path, const KelString& text) {
     return {1, path + ": " + text};
@@ -97,24 +97,25 @@ KelStatus CheckRequired(const KelString& path, const AgentConfig& config) {
     return {};
 }
 
-void CheckPorts(const AgentConfig& config, KelVector<KelString>& faults) {
-    static constexpr std::array<std::array<const char*, 3>, 4> kPorts = {
-        {{"HttpProtocol", "HttpProtocol", "Port"},
-         {"HttpProtocol", "HttpProtocol", "BwPort"},
-         {"HttpProtocol", "Ssl", "Port"},
-         {"Relay", "Relay", "ParentPort"}}};
-    for (const auto& [module, section, key] : kPorts) {
-        const KelString path = config.ConfigDir() + module + ".ini";
-        IniFile ini;
-        KelString text;
-        if (!ini.Open(path)) {
-            faults.push_back(path + ": cannot be read, or is no ini file");
-            continue;
+/// In the ini file of a module an entry whose name ends in "Port" is the number of a port.
+bool IsPortEntry(std::string_view key) {
+    constexpr std::string_view kSuffix = "Port";
+    return key.size() >= kSuffix.size() && IsEqualTo(key.substr(key.size() - kSuffix.size()), kSuffix, false);
+}
+
+void CheckPorts(const KelString& path, KelVector<KelString>& faults) {
+    IniFile ini;
+    if (!ini.Open(path)) {
+        faults.push_back(path + ": cannot be read, or is no ini file");
+        return;
+    }
+    for (const KelString& section : ini.GetSections()) {
+        for (const auto& [key, text] : ini.GetEntries(section)) {
+            const auto port = ParseUint64(text);
+            if (IsPortEntry(key) && !text.empty() && (!port || *port > kMaxPort))
+                faults.push_back(
+                    KelFormat("%S: %S '%S' is no port number (0 to %u)", path, key, text, kMaxPort));
         }
-        ini.GetEntryValue(section, key, text, {});
-        const auto port = ParseUint64(text);
-        if (!text.empty() && (!port || *port > 65535))
-            faults.push_back(KelFormat("%S: %s '%S' is no port number (0 to 65535)", path, key, text));
     }
 }
 
@@ -147,7 +148,8 @@ KelVector<KelString> FindConfigFaults(const AgentConfig& config, const KelString
     const KelString path = config.ConfigDir() + "Agent.ini";
     if (IsOpenToOthers(path))
         faults.push_back(path + ": holds the password but others can open it; chmod 600 " + path);
-    CheckPorts(config, faults);
+    for (const KelString& module : config.modules)
+        CheckPorts(config.ConfigDir() + module + ".ini", faults);
     for (const KelString& module : config.modules)
         if (auto loaded = LoadedModule::Load(modulesDir, module); !loaded)
             faults.push_back(loaded.Error().message);

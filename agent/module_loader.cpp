@@ -16,6 +16,12 @@ KelResult<LoadedModule> LoadedModule::Load(const KelString& modulesDir, const Ke
     return LoadedModule(name, reinterpret_cast<KelModuleMain>(entry));
 }
 
+LoadedModule::LoadedModule(KelString name, KelModuleMain entry) : name_(std::move(name)), entry_(entry) {
+    std::array<char, kModuleTextBytes> buffer{};
+    isServer_ = entry_(static_cast<unsigned int>(KelModuleOperation::GetServerAddress), 0, buffer.data()) ==
+                kModuleSuccess;
+}
+
 bool LoadedModule::Run(KelModuleOperation operation) {
     return entry_(static_cast<unsigned int>(operation), 0, nullptr) == kModuleSuccess;
 }

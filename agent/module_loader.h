@@ -20,14 +20,21 @@ class LoadedModule {
     /// Register: the module's name is the registration handle.
     bool Register();
 
+    /// True for a module that serves calls from other devices, see KelModuleOperation::GetServerAddress.
+    bool IsServer() const { return isServer_; }
+
     /// The display name and the version that the module gives for itself; empty when it gives none.
     KelString DisplayName() { return Text(KelModuleOperation::GetDisplayName); }
     KelString Version() { return Text(KelModuleOperation::GetVersion); }
 
+    /// "address:port" of a server; empty while it is not known.
+    KelString ServerAddress() { return Text(KelModuleOperation::GetServerAddress); }
+
   private:
-    LoadedModule(KelString name, KelModuleMain entry) : name_(std::move(name)), entry_(entry) {}
+    LoadedModule(KelString name, KelModuleMain entry);
     KelString Text(KelModuleOperation operation);
 
     KelString name_;
     KelModuleMain entry_;
+    bool isServer_ = false;
 };

@@ -1,6 +1,7 @@
 #include "kel/ini_file.h"
 
 #include <sys/stat.h>
+#include <algorithm>
 #include <cstdio>
 #include <optional>
 #include <utility>
@@ -181,6 +182,17 @@ bool IniFile::GetEntryValue(const KelString& section, const KelString& key, KelS
     KelString found = text != nullptr ? *text : fallback;
     value = std::move(found);
     return text != nullptr;
+}
+
+KelVector<KelString> IniFile::GetSections() const {
+    KelVector<KelString> sections;
+    if (!content_) return sections;
+    for (const Line& line : content_->lines) {
+        const auto isSame = [&](const KelString& known) { return IsEqualTo(known, line.name, false); };
+        if (line.kind == Line::Kind::Section && std::none_of(sections.begin(), sections.end(), isSame))
+            sections.push_back(line.name);
+    }
+    return sections;
 }
 
 KelVector<KelString> IniFile::GetKeys(const KelString& section) const {

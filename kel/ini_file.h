@@ -31,6 +31,9 @@ class IniFile {
     bool GetEntryValue(const KelString& section, const KelString& key, KelString& value,
                        const KelString& fallback) const;
 
+    /// The names of the sections in the order of the file, each once; without "".
+    KelVector<KelString> GetSections() const;
+
     /// The keys of a section in the order of the file; empty when there is no such section.
     KelVector<KelString> GetKeys(const KelString& section) const;
 

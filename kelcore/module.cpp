@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 #include <exception>
+#include <utility>
 
 #include "kelcore/agent.h"
 
@@ -10,9 +11,16 @@ namespace {
 
 constexpr const char* kVersionText = "0.1.0";
 
+unsigned int Result(bool isSuccess) {
+    return isSuccess ? kModuleSuccess : kModuleFailure;
+}
+
 }  // namespace
 
-KelModule::KelModule(const char* name, const char* displayName) : name_(name), log_(name, displayName) {}
+KelModule::KelModule(const char* name, const char* displayName)
+    : name_(name), ownLog_(std::in_place, name, displayName), log_(*ownLog_) {}
+
+KelModule::KelModule(const char* name, KelDebug& log) : name_(name), log_(log) {}
 
 unsigned int KelModule::Run(unsigned int operation, long argument, char* buffer) {
     try {
@@ -38,10 +46,9 @@ unsigned int KelModule::RunOperation(KelModuleOperation operation, char* buffer)
             Unregister();
             return kModuleSuccess;
         case KelModuleOperation::Initialise:
-            return Initialise() ? kModuleSuccess : kModuleFailure;
+            return Result(Initialise());
         case KelModuleOperation::Activate:
-            Activate();
-            return kModuleSuccess;
+            return Result(Activate());
         case KelModuleOperation::Cleanup:
             Cleanup();
             return kModuleSuccess;
@@ -49,12 +56,22 @@ unsigned int KelModule::RunOperation(KelModuleOperation operation, char* buffer)
             KelModuleSetText(buffer, log_.DisplayName());
             return kModuleSuccess;
         case KelModuleOperation::GetVersion:
-            KelModuleSetText(buffer, kVersionText);
+            KelModuleSetText(buffer, Version());
             return kModuleSuccess;
         case KelModuleOperation::Suspend:
-            return kModuleSuccess;
+            return Result(Suspend());
+        case KelModuleOperation::GetServerAddress:
+            if (const auto address = ServerAddress()) {
+                KelModuleSetText(buffer, *address);
+                return kModuleSuccess;
+            }
+            break;
     }
     return kModuleUnknownOperation;
+}
+
+KelString KelModule::Version() const {
+    return kVersionText;
 }
 
 KelString KelModule::IniPath() const {

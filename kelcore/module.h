@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <optional>
 #include <string_view>
 
 #include "kel/debug.h"
@@ -8,7 +9,7 @@
 
 /// Operations of a module's entry function, in the order in which the agent drives them: Register,
 /// Initialise, Activate, then, at the end, Cleanup and Unregister. Suspend may come between Activate and
-/// Cleanup.
+/// Cleanup; the operations that give a text may come at any time.
 enum class KelModuleOperation : unsigned int {
     Register = 1,
     Unregister = 2,
@@ -18,6 +19,11 @@ enum class KelModuleOperation : unsigned int {
     GetDisplayName = 6,
     GetVersion = 7,
     Suspend = 9,
+    /// Text "address:port": where the module serves calls from other devices, empty while that is not known.
+    /// A module that serves none answers kModuleUnknownOperation. One that does is activated last and cleaned
+    /// up first, so that no call from outside meets a module that is not ready, and the agent stops when it
+    /// cannot be activated.
+    GetServerAddress = 10,
 };
 
 /// Results of the entry function.
@@ -25,23 +31,26 @@ inline constexpr unsigned int kModuleSuccess = 1;
 inline constexpr unsigned int kModuleFailure = 2;
 inline constexpr unsigned int kModuleUnknownOperation = 5;
 
-/// Size in bytes of the buffer that GetDisplayName and GetVersion write a terminated text to.
+/// Size in bytes of the buffer that the operations which give a text write it to, terminated.
 inline constexpr std::size_t kModuleTextBytes = 256;
 
 /// A module's entry function. `buffer` holds the registration handle (a terminated text) for Register and
-/// receives a text for GetDisplayName and GetVersion. Called on the agent's main thread only.
+/// receives the text of GetDisplayName, GetVersion and GetServerAddress. Called on the agent's main thread
+/// only.
 using KelModuleMain = unsigned int (*)(unsigned int operation, long argument, char* buffer);
 
 /// The name under which a module's shared library exports its entry function, unmangled.
 inline constexpr const char* kModuleMainSymbol = "ModuleMain";
 
-/// The frame of a module that needs nothing special: derive, override what is needed, and export with
-/// KEL_MODULE_MAIN.
+/// The frame of a module: derive, override what is needed, and export with KEL_MODULE_MAIN. The overridden
+/// functions run on the agent's main thread and may throw; that fails the operation.
 class KelModule {
   public:
     /// `name` is the module's name: of its log, its ini file ("Name.ini" in the configuration folder) and its
     /// data folder.
     KelModule(const char* name, const char* displayName);
+    /// A module that keeps its log itself; `log` outlives it.
+    KelModule(const char* name, KelDebug& log);
     virtual ~KelModule() = default;
     KelModule(const KelModule&) = delete;
     KelModule& operator=(const KelModule&) = delete;
@@ -52,20 +61,27 @@ class KelModule {
   protected:
     virtual void Register(const char* handle) = 0;  ///< register actions and callbacks
     virtual bool Initialise() { return true; }      ///< read the ini file; false stops the agent
-    virtual void Activate() {}                      ///< start threads
-    virtual void Cleanup() {}                       ///< stop threads; actions may still be called afterwards
-    virtual void Unregister() {}                    ///< remove callbacks; the agent removes the actions
+    virtual bool Activate() { return true; }  ///< start threads; after false the agent runs without them
+    virtual bool Suspend() { return true; }
+    virtual void Cleanup() {}     ///< stop threads; actions may still be called afterwards
+    virtual void Unregister() {}  ///< remove callbacks; the agent removes the actions
 
-    KelString IniPath() const;  ///< the module's ini file
-    KelString DataPath()
-        const;  ///< the module's data folder, without "/" at its end; not created by this call
+    virtual KelString Version() const;  ///< the agent's version unless overridden
+    /// See KelModuleOperation::GetServerAddress; nothing from a module that serves no calls.
+    virtual std::optional<KelString> ServerAddress() const { return std::nullopt; }
+
+    /// The module's ini file.
+    KelString IniPath() const;
+    /// The module's data folder, without "/" at its end. Not created by this call.
+    KelString DataPath() const;
     KelDebug& Log() { return log_; }
 
   private:
     unsigned int RunOperation(KelModuleOperation operation, char* buffer);
 
     KelString name_;
-    KelDebug log_;
+    std::optional<KelDebug> ownLog_;
+    KelDebug& log_;
 };
 
 /// Copies a text into a module's text buffer, cut to kModuleTextBytes with its terminator.

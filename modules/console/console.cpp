@@ -158,7 +158,7 @@ bool Console::Initialise() {
     return database_.Open(DataPath(), IniPath());
 }
 
-void Console::Activate() {
+bool Console::Activate() {
     KelContainer alias;
     alias.SetString("AliasName", kPackageAlias);
     alias.SetString("AliasPath", DataPath());
@@ -167,6 +167,7 @@ void Console::Activate() {
         Log().Error("Failed to add alias %s, error %u; no device can fetch published files\n", kPackageAlias,
                     code);
     }
+    return true;
 }
 
 void Console::Cleanup() {

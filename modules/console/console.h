@@ -37,7 +37,7 @@ class Console : public KelModule {
   protected:
     void Register(const char* handle) override;
     bool Initialise() override;
-    void Activate() override;
+    bool Activate() override;
     void Cleanup() override;
     void Unregister() override;
 

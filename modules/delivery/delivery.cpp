@@ -139,9 +139,10 @@ void Delivery::RemoveUnfinishedCopies() {
     }
 }
 
-void Delivery::Activate() {
+bool Delivery::Activate() {
     thread_.Start();
     receiptThread_.Start();
+    return true;
 }
 
 void Delivery::Cleanup() {

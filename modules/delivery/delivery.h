@@ -36,7 +36,7 @@ class Delivery : public KelModule {
   protected:
     void Register(const char* handle) override;
     bool Initialise() override;
-    void Activate() override;
+    bool Activate() override;
     void Cleanup() override;
     void Unregister() override;
 

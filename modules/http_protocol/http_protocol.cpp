@@ -63,11 +63,17 @@ bool HttpProtocol::Initialise() {
     return true;
 }
 
-void HttpProtocol::Activate() {
-    if (!server_) return;
+bool HttpProtocol::Activate() {
+    if (!server_) return true;
     if (const KelStatus running = server_->Run(); !running)
         throw std::runtime_error("the HTTP server " + running.Error().message);
     Log().Print("Listening on %S:%u.\n", settings_.address, static_cast<unsigned int>(settings_.port));
+    return true;
+}
+
+std::optional<KelString> HttpProtocol::ServerAddress() const {
+    const std::lock_guard lock(mutex_);
+    return server_ ? KelFormat("%S:%u", settings_.address, unsigned{settings_.port}) : KelString();
 }
 
 void HttpProtocol::Cleanup() {

@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <optional>
 
 #include "kel/container.h"
 #include "kelcore/module.h"
@@ -41,8 +42,9 @@ class HttpProtocol final : public KelModule {
   protected:
     void Register(const char* handle) override;
     bool Initialise() override;
-    void Activate() override;
+    bool Activate() override;
     void Cleanup() override;
+    std::optional<KelString> ServerAddress() const override;
 
   private:
     unsigned int AddAlias(KelContainer& container);

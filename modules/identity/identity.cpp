@@ -71,8 +71,9 @@ bool Identity::Initialise() {
     return true;
 }
 
-void Identity::Activate() {
+bool Identity::Activate() {
     watcher_.Start();
+    return true;
 }
 
 void Identity::Cleanup() {

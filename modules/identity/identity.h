@@ -38,7 +38,7 @@ class Identity : public KelModule {
   protected:
     void Register(const char* handle) override;
     bool Initialise() override;
-    void Activate() override;
+    bool Activate() override;
     void Cleanup() override;
 
   private:

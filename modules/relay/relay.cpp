@@ -55,17 +55,18 @@ bool Relay::Initialise() {
     return true;
 }
 
-void Relay::Activate() {
+bool Relay::Activate() {
     if (settings_.role == RelayRole::Master) {
         replayThread_.Start();
-        return;
+        return true;
     }
     if (settings_.parentName.empty()) {
         Log().Warning("This device has no parent; set ParentName and ParentPort in %S\n", IniPath());
-        return;
+        return true;
     }
     replayThread_.Start();
     parentLink_.Start();
+    return true;
 }
 
 void Relay::Cleanup() {

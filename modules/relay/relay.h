@@ -31,7 +31,7 @@ class Relay : public KelModule {
   protected:
     void Register(const char* handle) override;
     bool Initialise() override;
-    void Activate() override;
+    bool Activate() override;
     void Cleanup() override;
 
   private:

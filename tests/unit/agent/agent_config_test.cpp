@@ -63,10 +63,13 @@ TEST_F(AgentConfigTest, UnusableEntriesAreRefusedByName) {
 
 TEST_F(AgentConfigTest, FaultsNameTheReadablePasswordThePortsAndTheModulesThatCannotBeLoaded) {
     WriteIni("Agent.ini", kGoodIni);
-    WriteIni("HttpProtocol.ini", "[HttpProtocol]\nPort=80a\n");
-    WriteIni("Relay.ini", "[Relay]\nParentPort=65536\n");
+    WriteIni("First.ini", "[First]\nPort=80a\nBwPort=0\n[Ssl]\nport=-1\n");
+    WriteIni("Second.ini", "[Second]\nParentPort=65536\nPortal=here\nOtherPort=\n");
+    WriteIni("Last.ini", "no entry");
     TempFolder::Write(folder_ / "Last.so", "no library");
-    for (const char* fault : {"'80a'", "'65536'", "First.so", "module Last: cannot be loaded"})
+    EXPECT_EQ(Faults().size(), 7U) << "the three ports, the file that is none, three modules to load";
+    for (const char* fault : {"'80a'", "'-1'", "'65536'", "Last.ini: cannot be read", "First.so",
+                              "module Last: cannot be loaded"})
         EXPECT_THAT(Faults(), Contains(HasSubstr(fault)));
 
     EXPECT_THAT(Faults(), Not(Contains(HasSubstr("chmod 600"))));

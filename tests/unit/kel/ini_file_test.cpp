@@ -57,6 +57,7 @@ TEST_F(IniFileTest, ValuesOfEachTypeAndFallbacks) {
     EXPECT_FALSE(ini_.GetEntryValue("Other", "Flag", flag, true));
     EXPECT_EQ(ini_.GetKeys("fileSTORE"), (KelVector<KelString>{"QueueGap", "Path", "Bad", "Huge", "Negative",
                                                                "Flag", "Off", "Odd", "Empty"}));
+    EXPECT_EQ(ini_.GetSections(), (KelVector<KelString>{"FileStore", "Other"}));
     for (const auto& [key, value] : ini_.GetEntries("fileSTORE"))
         EXPECT_EQ(value, Text("FileStore", key)) << key;
 }

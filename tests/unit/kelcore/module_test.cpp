@@ -15,13 +15,16 @@ class SampleModule : public KelModule {
     KelString did;
     bool works = true;
     bool throws = false;
+    std::optional<KelString> serverAddress;
     using KelModule::DataPath;
     using KelModule::IniPath;
 
   protected:
     void Register(const char* handle) override { Do(KelString("register ") + handle); }
     bool Initialise() override { return Do("initialise"); }
-    void Activate() override { Do("activate"); }
+    bool Activate() override { return Do("activate"); }
+    bool Suspend() override { return Do("suspend"); }
+    std::optional<KelString> ServerAddress() const override { return serverAddress; }
     void Cleanup() override { Do("cleanup"); }
     void Unregister() override { Do("unregister"); }
 
@@ -39,15 +42,9 @@ TEST(Module, OperationsReachTheirFunctions) {
         const char* did;
         unsigned int result;
     };
-    const Case cases[] = {{1, "register Handle", 1},
-                          {2, "unregister", 1},
-                          {3, "initialise", 1},
-                          {4, "activate", 1},
-                          {5, "cleanup", 1},
-                          {8, "", 5},
-                          {9, "", 1},
-                          {10, "", 5},
-                          {0, "", 5}};
+    const Case cases[] = {{1, "register Handle", 1}, {2, "unregister", 1}, {3, "initialise", 1},
+                          {4, "activate", 1},        {5, "cleanup", 1},    {8, "", 5},
+                          {9, "suspend", 1},         {10, "", 5},          {0, "", 5}};
     for (const auto& [operation, did, result] : cases) {
         char buffer[kModuleTextBytes] = "Handle";
         SampleModule module;
@@ -59,7 +56,8 @@ TEST(Module, OperationsReachTheirFunctions) {
     }
     SampleModule module;
     module.works = false;
-    EXPECT_EQ(module.Run(3, 0, nullptr), kModuleFailure);
+    for (const unsigned int operation : {3, 4, 9})
+        EXPECT_EQ(module.Run(operation, 0, nullptr), kModuleFailure);
     EXPECT_EQ(module.Run(1, 0, nullptr), kModuleFailure);
 }
 
@@ -70,6 +68,9 @@ TEST(Module, TextsAndPathsCarryItsName) {
     EXPECT_STREQ(buffer, "Sample module");
     EXPECT_EQ(module.Run(7, 0, buffer), kModuleSuccess);
     EXPECT_STREQ(buffer, "0.1.0");
+    module.serverAddress = "10.0.0.1:80";
+    EXPECT_EQ(module.Run(10, 0, buffer), kModuleSuccess);
+    EXPECT_STREQ(buffer, "10.0.0.1:80");
     KelModuleSetText(buffer, KelString(1000, 'x'));
     EXPECT_EQ(KelString(buffer), KelString(kModuleTextBytes - 1, 'x'));
 
