@@ -2,7 +2,6 @@
 
 #include <cstdint>
 #include <limits>
-#include <memory>
 #include <optional>
 #include <utility>
 
@@ -11,7 +10,6 @@
 #include "kelcore/error_codes.h"
 #include "kelcore/http/client.h"
 #include "kelcore/http/url.h"
-#include "kelcore/security.h"
 
 namespace {
 
@@ -22,12 +20,7 @@ void SetUp(HttpClient& client, const UrlInet& url) {
     client.SetDebugContext(CoreLog());
     client.SetServer(url.host, url.port);
     client.SetAuthentification(url.user, url.password);
-    if (AgentSecuritySslForceSecCli()) {
-        client.EnableSsl(AgentSecuritySslCliCtxAcquire());
-    } else if (url.scheme == "https") {
-        client.EnableSsl(std::make_shared<const AgentSecuritySslSettings>());
-    }
-    if (AgentSecurityPacForceSecCli()) client.EnablePac(AgentSecurityPacShrCtxAcquire());
+    client.EnableAgentSecurity(url.scheme == "https");
 }
 
 unsigned int ErrorOfExchange(unsigned int exchange) {

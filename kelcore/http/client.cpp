@@ -4,6 +4,8 @@
 
 #include <atomic>
 #include <exception>
+#include <memory>
+#include <utility>
 
 #include "kel/text.h"
 #include "kelcore/agent.h"
@@ -115,6 +117,15 @@ void HttpClient::EnableSsl(AgentSecuritySslContext context) {
 
 void HttpClient::EnablePac(AgentSecurityPacContext context) {
     pac_ = std::move(context);
+}
+
+void HttpClient::EnableAgentSecurity(bool needsTls) {
+    if (AgentSecuritySslForceSecCli()) {
+        EnableSsl(AgentSecuritySslCliCtxAcquire());
+    } else if (needsTls) {
+        EnableSsl(std::make_shared<const AgentSecuritySslSettings>());
+    }
+    if (AgentSecurityPacForceSecCli()) EnablePac(AgentSecurityPacShrCtxAcquire());
 }
 
 unsigned int HttpClient::SendAndRecv(const HttpMessage& request, HttpMessage& answer) {

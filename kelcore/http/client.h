@@ -40,6 +40,9 @@ class HttpClient {
     void SetAuthentification(const KelString& user, const KelString& password);
     void EnableSsl(AgentSecuritySslContext context);
     void EnablePac(AgentSecurityPacContext context);
+    /// Enables TLS and the PAC script as the agent's configuration demands (kelcore/security.h). With
+    /// `needsTls` TLS is enabled in any case, with the system's authorities when the agent has no settings.
+    void EnableAgentSecurity(bool needsTls = false);
 
     /// How long an exchange may be too slow, instead of 30 s.
     void SetSpeedWindow(std::chrono::milliseconds window) { speedWindow_ = window; }
