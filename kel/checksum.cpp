@@ -8,6 +8,7 @@
 
 #include <openssl/crypto.h>
 #include <openssl/evp.h>
+#include <openssl/hmac.h>
 #include <openssl/rand.h>
 
 #include "kel/text.h"
@@ -20,7 +21,7 @@ constexpr std::size_t kReadBytes = std::size_t{1} << 20;
 class Digest {
   public:
     explicit Digest(const EVP_MD* method) : context_(EVP_MD_CTX_new()) {
-        if (!context_ || EVP_DigestInit_ex(context_.get(), method, nullptr) != 1)
+        if (method == nullptr || !context_ || EVP_DigestInit_ex(context_.get(), method, nullptr) != 1)
             throw std::runtime_error("OpenSSL cannot compute this digest; check that it is not disabled");
     }
 
@@ -61,10 +62,14 @@ bool DigestOf(const KelString& path, const EVP_MD* method, KelString& digest) {
     return fd && DigestOf(fd.Get(), method, digest);
 }
 
-KelString DigestOf(std::string_view text, const EVP_MD* method) {
-    Digest state(method);
-    state.Add(text.data(), text.size());
-    return state.Text();
+struct FreeMethod {
+    void operator()(EVP_MD* method) const { EVP_MD_free(method); }
+};
+
+/// Looked up once: the look-up, which EVP_sha256 repeats at every use, costs more than hashing a short text.
+const EVP_MD* Sha256Method() {
+    static const std::unique_ptr<EVP_MD, FreeMethod> method(EVP_MD_fetch(nullptr, "SHA256", nullptr));
+    return method.get();
 }
 
 }  // namespace
@@ -82,11 +87,29 @@ bool FileSha256(const KelString& path, KelString& digest) {
 }
 
 KelString TextMd5(std::string_view text) {
-    return DigestOf(text, EVP_md5());
+    Digest state(EVP_md5());
+    state.Add(text.data(), text.size());
+    return state.Text();
 }
 
 KelString TextSha256(std::string_view text) {
-    return DigestOf(text, EVP_sha256());
+    return JoinedSha256({text});
+}
+
+KelString JoinedSha256(std::initializer_list<std::string_view> texts) {
+    Digest state(Sha256Method());
+    for (const std::string_view text : texts)
+        state.Add(text.data(), text.size());
+    return state.Text();
+}
+
+KelString HmacSha256(std::string_view key, std::string_view text) {
+    unsigned char code[EVP_MAX_MD_SIZE];
+    unsigned int length = 0;
+    if (HMAC(EVP_sha256(), key.data(), static_cast<int>(key.size()),
+             reinterpret_cast<const unsigned char*>(text.data()), text.size(), code, &length) == nullptr)
+        throw std::runtime_error("OpenSSL cannot compute an authentication code");
+    return HexText({reinterpret_cast<const char*>(code), length});
 }
 
 KelString RandomBytes(std::size_t count) {

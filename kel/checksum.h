@@ -1,5 +1,6 @@
 #pragma once
 
+#include <initializer_list>
 #include <string_view>
 
 #include "kel/types.h"
@@ -14,9 +15,13 @@ bool FileMd5(int fd, KelString& digest);
 /// read.
 bool FileSha256(const KelString& path, KelString& digest);
 
-/// Digests of a text, as lower-case hexadecimal digits.
+// Digests of a text, as lower-case hexadecimal digits.
 KelString TextMd5(std::string_view text);
 KelString TextSha256(std::string_view text);
+/// Of the texts one after the other.
+KelString JoinedSha256(std::initializer_list<std::string_view> texts);
+/// The authentication code of a text (HMAC, RFC 2104, with SHA-256).
+KelString HmacSha256(std::string_view key, std::string_view text);
 
 /// `count` bytes from the system's cryptographic random source.
 KelString RandomBytes(std::size_t count);

@@ -8,7 +8,6 @@
 #include "kel/format.h"
 #include "kel/text.h"
 #include "modules/http_protocol/digest_fields.h"
-#include "modules/http_protocol/sha256.h"
 
 namespace kelhttp {
 namespace {
@@ -48,8 +47,8 @@ bool TakeScheme(std::string_view& text, std::string_view scheme) {
 
 DigestAuth::DigestAuth(const KelString& user, const KelString& password, int lifetime)
     : user_(user),
-      basicDigest_(Sha256Hex({user, ":", password})),
-      secret_(Sha256Hex({user, ":", kRealm, ":", password})),
+      basicDigest_(JoinedSha256({user, ":", password})),
+      secret_(JoinedSha256({user, ":", kRealm, ":", password})),
       key_(RandomBytes(32)),
       lifetime_(lifetime) {}
 
@@ -66,7 +65,7 @@ DigestAuth::Verdict DigestAuth::Check(const Request& request, Memory& memory, Cl
 
 bool DigestAuth::CheckBasic(std::string_view encoded) const {
     const std::optional<KelString> decoded = Base64Decode(Trim(encoded));
-    return decoded && EqualInConstantTime(Sha256Hex({*decoded}), basicDigest_);
+    return decoded && EqualInConstantTime(TextSha256(*decoded), basicDigest_);
 }
 
 DigestAuth::Verdict DigestAuth::CheckDigest(const Request& request, Memory& memory,
@@ -78,9 +77,9 @@ DigestAuth::Verdict DigestAuth::CheckDigest(const Request& request, Memory& memo
     const std::optional<std::uint64_t> count = fields.nc.size() == 8 ? ParseHex(fields.nc) : std::nullopt;
     if (!count || fields.cnonce.empty() || fields.uri != request.target) return Verdict::Refused;
 
-    const KelString what = Sha256Hex({request.method, ":", fields.uri});
+    const KelString what = JoinedSha256({request.method, ":", fields.uri});
     const KelString expected =
-        Sha256Hex({secret_, ":", fields.nonce, ":", fields.nc, ":", fields.cnonce, ":auth:", what});
+        JoinedSha256({secret_, ":", fields.nonce, ":", fields.nc, ":", fields.cnonce, ":auth:", what});
     const bool userKnown = EqualInConstantTime(fields.username, user_);
     if (!EqualInConstantTime(fields.response, expected) || !userKnown) return Verdict::Refused;
 
@@ -98,7 +97,7 @@ DigestAuth::Verdict DigestAuth::CheckDigest(const Request& request, Memory& memo
 }
 
 KelString DigestAuth::NonceCode(std::string_view stamp, IpAddress peer) const {
-    return HmacSha256Hex(key_, KelString(stamp) + HexDigits(peer.Value(), 8)).substr(0, kCodeDigits);
+    return HmacSha256(key_, KelString(stamp) + HexDigits(peer.Value(), 8)).substr(0, kCodeDigits);
 }
 
 KelString DigestAuth::MakeNonce(IpAddress peer, Clock::time_point now) const {

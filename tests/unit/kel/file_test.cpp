@@ -158,6 +158,9 @@ TEST_F(FileTest, KnownDigestsAcrossReadPieces) {
     // RFC 1321, FIPS 180-4
     EXPECT_EQ(TextMd5("message digest"), "f96b697d7cb7938d525a2f31aaf161d0");
     EXPECT_EQ(TextSha256("abc"), "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad");
+    EXPECT_EQ(JoinedSha256({"a", "", "bc"}), TextSha256("abc"));
+    EXPECT_EQ(HmacSha256("Jefe", "what do ya want for nothing?"),  // RFC 4231
+              "5bdcc146bf60754e6a042426089575c75a003f089d2739839dec58b964ec3843");
     const KelString content(3'500'000, 'x');
     TempFolder::Write(a_, content);
     KelString digest;
