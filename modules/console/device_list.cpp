@@ -2,14 +2,13 @@
 
 #include "kel/format.h"
 #include "kel/ip_address.h"
-#include "kel/regex.h"
 #include "kel/text.h"
+#include "kelcore/device_name.h"
 
 namespace {
 
 constexpr char kSection[] = "Devices";
 constexpr std::size_t kMaxNameBytes = 253;
-constexpr char kGuidPattern[] = "[0-9A-F]{8}-(?:[0-9A-F]{4}-){3}[0-9A-F]{12}";
 
 KelVector<KelString> Words(const KelString& text) {
     KelVector<KelString> words;
@@ -21,33 +20,25 @@ KelVector<KelString> Words(const KelString& text) {
 
 }  // namespace
 
-bool IsDeviceGuid(const KelString& text) {
-    KelVector<KelString> captures;
-    return FindPcre(KelFormat("\\A%s\\z", kGuidPattern), text, captures);
-}
-
 bool IsDeviceName(const KelString& text) {
     return !text.empty() && text.size() <= kMaxNameBytes && !HasControlCharacter(text) &&
            text.find_first_of("'/") == KelString::npos;
 }
 
 KelStatus ParsePathName(const KelString& pathName, Device& device) {
-    static const KelString pattern = KelFormat(
-        "\\A(([A-Za-z0-9._-]{1,253}):([0-9]{1,5}))/(%s)/([0-9A-Fa-f-]{1,32})/([0-9.]+)/([0-9.]+)\\z",
-        kGuidPattern);
-    KelVector<KelString> captures;
-    if (!FindPcre(pattern, pathName, captures)) {
+    const auto parts = ParseDevicePathName(pathName);
+    if (!parts) {
         return KelError{1,
                         KelFormat("\"%S\" is no path name of the form host:port/GUID/MAC/IP/mask", pathName)};
     }
-    const auto port = ParseInt64(captures[3]).value_or(0);
+    const auto port = ParseInt64(parts->port).value_or(0);
     if (port < 1 || port > 65535)
         return KelError{1, KelFormat("The port in \"%S\" is not 1 to 65535", pathName)};
-    if (!IpAddress::Parse(captures[6]) || !IpAddress::Parse(captures[7])) {
+    if (!IpAddress::Parse(parts->ipAddress) || !IpAddress::Parse(parts->networkMask)) {
         return KelError{1, KelFormat("The IP address or the network mask in \"%S\" is malformed", pathName)};
     }
-    device.address = captures[1];
-    device.guid = captures[4];
+    device.address = parts->address;
+    device.guid = parts->guid;
     device.pathName = pathName;
     return {};
 }
@@ -65,7 +56,7 @@ KelResult<Device> ParseDeviceEntry(const KelString& key, const KelString& value)
     if (!IsEqualTo(device.guid, key, false)) {
         return KelError{1, KelFormat("Device %S: its path name holds another GUID, %S", key, device.guid)};
     }
-    if (!IsDeviceGuid(words[1]) || words[1] == device.guid) {
+    if (!IsGuid(words[1]) || words[1] == device.guid) {
         return KelError{
             1, KelFormat("Device %S: the parent \"%S\" is no GUID of another device", key, words[1])};
     }

@@ -17,9 +17,6 @@ KelResult<Device> ParseDeviceEntry(const KelString& key, const KelString& value)
 /// left out, each with a text in `problems` that says why.
 KelVector<Device> ReadDevices(const IniFile& ini, KelVector<KelString>& problems);
 
-/// True for an upper-case GUID.
-bool IsDeviceGuid(const KelString& text);
-
 /// True for a text that can name a device: 1 to 253 bytes without control characters, apostrophes and
 /// slashes.
 bool IsDeviceName(const KelString& text);

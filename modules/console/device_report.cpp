@@ -4,6 +4,7 @@
 #include "kel/format.h"
 #include "kel/path.h"
 #include "kel/text.h"
+#include "kelcore/device_name.h"
 #include "modules/console/device_list.h"
 
 namespace {
@@ -15,7 +16,7 @@ KelError Unusable(const char* valueName, const KelString& value) {
 }
 
 KelStatus CheckSource(const KelString& guid, const KelString& sourceDevice) {
-    if (!IsDeviceGuid(guid)) return Unusable("GUID", guid);
+    if (!IsGuid(guid)) return Unusable("GUID", guid);
     const KelString sender = sourceDevice.substr(sourceDevice.find('/') + 1);  // whole when there is no "/"
     if (sender.empty() || sender == guid) return {};
     return KelError{1, KelFormat("it speaks for device %S but comes from %S", guid, sourceDevice)};
@@ -27,7 +28,7 @@ KelStatus CheckPlace(const KelContainer& content, const Device& device) {
     }
     const bool isParentUsable = device.role == "master"
                                     ? device.parentGuid.empty()
-                                    : IsDeviceGuid(device.parentGuid) && device.parentGuid != device.guid;
+                                    : IsGuid(device.parentGuid) && device.parentGuid != device.guid;
     if (!isParentUsable) return Unusable("ParentGuid", device.parentGuid);
     const KelString deviceUrl = content.GetString("DeviceUrl");
     if (deviceUrl != device.address + "/" + device.guid) return Unusable("DeviceUrl", deviceUrl);

@@ -6,7 +6,7 @@
 #include "kel/directory.h"
 #include "kel/file.h"
 #include "kel/format.h"
-#include "kel/regex.h"
+#include "kelcore/device_name.h"
 #include "modules/delivery/stored_copy.h"
 
 namespace {
@@ -28,10 +28,8 @@ bool CollectedFiles::IsToBeCollected(const KelString& type) {
 }
 
 KelString CollectedFiles::DeviceFolder(const KelString& device) {
-    KelVector<KelString> captures;
-    const bool isDevice =
-        FindPcre("\\A(?:[^/]+/)?([0-9A-F]{8}-(?:[0-9A-F]{4}-){3}[0-9A-F]{12})\\z", device, captures);
-    return isDevice ? captures[1] : "unknown";
+    const std::string_view guid = GuidOfDevice(device);
+    return guid.empty() ? KelString("unknown") : KelString(guid);
 }
 
 KelResult<bool> CollectedFiles::Put(const KelString& device, const ReceivedFile& file) const {

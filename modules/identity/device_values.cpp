@@ -1,7 +1,7 @@
 #include "modules/identity/device_values.h"
 
 #include "kel/format.h"
-#include "kel/regex.h"
+#include "kelcore/device_name.h"
 #include "kelcore/net/socket.h"
 
 namespace {
@@ -21,16 +21,6 @@ KelError Unusable(const char* key, const KelString& value, const char* expected)
 }
 
 /// Names and addresses become parts of device path names, which reach statements and URLs unescaped.
-bool IsHostName(const KelString& text) {
-    KelVector<KelString> captures;
-    return FindPcre("\\A[A-Za-z0-9._-]{1,253}\\z", text, captures);
-}
-
-bool IsMacAddress(const KelString& text) {
-    KelVector<KelString> captures;
-    return FindPcre("\\A[0-9A-F]{2}(-[0-9A-F]{2}){5}\\z", text, captures);
-}
-
 KelString FullHostName() {
     const KelString domain = GetLocalDomainName();
     const KelString host = GetLocalHostName();

@@ -3,19 +3,15 @@
 #include "kel/checksum.h"
 #include "kel/file.h"
 #include "kel/text.h"
+#include "kelcore/device_name.h"
 
 namespace {
 
 constexpr std::size_t kSchemeDigits = 4;
-constexpr std::size_t kGuidLength = 36;
 constexpr std::uint64_t kMaxFileBytes = 128;
 
 bool IsHyphenPosition(std::size_t index) {
     return index == 8 || index == 13 || index == 18 || index == 23;
-}
-
-bool IsUpperHexDigit(char digit) {
-    return (digit >= '0' && digit <= '9') || (digit >= 'A' && digit <= 'F');
 }
 
 KelResult<KelString> MakeAndKeep(const KelString& path) {
@@ -25,14 +21,6 @@ KelResult<KelString> MakeAndKeep(const KelString& path) {
 }
 
 }  // namespace
-
-bool IsGuid(const KelString& text) {
-    if (text.size() != kGuidLength) return false;
-    for (std::size_t i = 0; i < kGuidLength; ++i) {
-        if (IsHyphenPosition(i) ? text[i] != '-' : !IsUpperHexDigit(text[i])) return false;
-    }
-    return true;
-}
 
 KelString MakeGuid() {
     KelString guid;

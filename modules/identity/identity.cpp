@@ -8,6 +8,7 @@
 #include "kelcore/action_db.h"
 #include "kelcore/agent.h"
 #include "kelcore/callback_db.h"
+#include "kelcore/device_name.h"
 #include "kelcore/error_codes.h"
 #include "modules/identity/guid.h"
 

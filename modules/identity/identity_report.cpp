@@ -6,6 +6,7 @@
 #include "kel/file.h"
 #include "kel/path.h"
 #include "kelcore/action_db.h"
+#include "kelcore/device_name.h"
 #include "kelcore/error_codes.h"
 #include "modules/identity/guid.h"
 

@@ -4,9 +4,9 @@
 #include "kel/file.h"
 #include "kel/ip_address.h"
 #include "kel/path.h"
-#include "kel/regex.h"
 #include "kelcore/action_db.h"
 #include "kelcore/agent.h"
+#include "kelcore/device_name.h"
 #include "kelcore/error_codes.h"
 #include "kelcore/http/url.h"
 
@@ -15,11 +15,6 @@ namespace {
 // Seconds. Short ones: the agent's end waits for a call in progress.
 constexpr int kConnectTimeout = 5;
 constexpr int kCallTimeout = 15;
-
-bool IsGuid(const KelString& text) {
-    KelVector<KelString> captures;
-    return FindPcre("\\A[0-9A-F]{8}-([0-9A-F]{4}-){3}[0-9A-F]{12}\\z", text, captures);
-}
 
 KelString OurGuid() {
     KelContainer answer;

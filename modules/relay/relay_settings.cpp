@@ -4,8 +4,8 @@
 #include <optional>
 
 #include "kel/format.h"
-#include "kel/regex.h"
 #include "kel/text.h"
+#include "kelcore/device_name.h"
 
 namespace {
 
@@ -17,11 +17,6 @@ std::optional<RelayRole> ParseRole(const KelString& text) {
         if (IsEqualTo(text, RelayRoleName(role), false)) return role;
     }
     return std::nullopt;
-}
-
-bool IsHostName(const KelString& text) {
-    KelVector<KelString> captures;
-    return FindPcre("\\A[A-Za-z0-9._-]{1,253}\\z", text, captures);
 }
 
 std::uint32_t Seconds(const IniFile& ini, const char* key, int fallback) {

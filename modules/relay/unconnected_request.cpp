@@ -4,8 +4,8 @@
 #include "kel/file.h"
 #include "kel/format.h"
 #include "kel/path.h"
-#include "kel/regex.h"
 #include "kel/text.h"
+#include "kelcore/device_name.h"
 
 namespace {
 
@@ -37,12 +37,6 @@ KelStatus CheckContentFile(UnconnectedRequest& request) {
     }
     request.contentPath = content;
     return {};
-}
-
-bool IsDeviceUrl(const KelString& text) {
-    KelVector<KelString> captures;
-    return FindPcre("\\A[A-Za-z0-9._-]{1,253}:[0-9]{1,5}/[0-9A-F]{8}-(?:[0-9A-F]{4}-){3}[0-9A-F]{12}\\z",
-                    text, captures);
 }
 
 }  // namespace

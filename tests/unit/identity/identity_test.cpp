@@ -1,4 +1,5 @@
 #include "modules/identity/identity.h"
+#include "kelcore/device_name.h"
 
 #include "module_fixture.h"
 #include "modules/identity/guid.h"
