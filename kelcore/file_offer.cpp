@@ -55,21 +55,21 @@ class Writer {
 /// The one list of names and members, for both directions.
 template <class Offer, class Visitor>
 void VisitValues(Offer& offer, const Visitor& visit) {
-    visit(kValueFileSize, offer.size);
-    visit(kValueFileInfo, offer.info);
-    visit(kValueFileUrl, offer.url);
-    visit(kValueUpstream, offer.upstream);
-    visit(kValuePriority, offer.priority);
-    visit(kValueBypass, offer.bypass);
-    visit(kValueWakeOnLan, offer.wakeOnLan);
-    visit(kValueKeepCopy, offer.keepCopy);
     visit(kValueSourceDevice, offer.sourceDevice);
     visit(kValueFirstRelay, offer.firstRelay);
     visit(kValueDevicePath, offer.devicePath);
+    visit(kValueFileInfo, offer.info);
+    visit(kValueWakeOnLan, offer.wakeOnLan);
+    visit(kValueUpstream, offer.upstream);
+    visit(kValueKeepCopy, offer.keepCopy);
+    visit(kValueFileSize, offer.size);
+    visit(kValuePriority, offer.priority);
+    visit(kValueBypass, offer.bypass);
     visit(kValueTransportMode, offer.transportMode);
     visit(kValueMovePath, offer.movePath);
     visit(kValueCopyPath, offer.copyPath);
     visit(kValueFilePath, offer.filePath);
+    visit(kValueFileUrl, offer.url);
 }
 
 }  // namespace

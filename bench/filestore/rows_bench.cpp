@@ -13,12 +13,19 @@
 #include <fstream>
 #include <functional>
 
+#include "filestore/db/file_key.h"
 #include "filestore/db/file_status.h"
-#include "filestore/module/file_store.h"
+#include "filestore/down/notify_thread.h"
+#include "filestore/down/pull_thread.h"
+#include "filestore/state/file_store.h"
+#include "filestore/up/handle_thread.h"
+#include "filestore/up/push_thread.h"
+#include "kel/container.h"
 #include "kel/format.h"
 #include "kelcore/action_db.h"
 #include "kelcore/agent.h"
 #include "kelcore/callback_db.h"
+#include "kelcore/db/connection.h"
 
 namespace fs = std::filesystem;
 
@@ -161,7 +168,10 @@ void MeasureUpstream(unsigned long rows) {
     Measure("look for archives to send, none among them", rows,
             [&] { Expect(push.SendFile(reached, true) == Outcome::Nothing, "an archive"); });
     FileStore::fConcatFiles = true;
-    FileStore::strExcludedFileType = "Identity,Receipt";
+    {
+        const KelLock lock(FileStore::mutexSettings);
+        FileStore::strExcludedFileType = "Identity,Receipt";
+    }
     Measure("look for the types that manual policy sends", rows,
             [&] { Expect(push.SendFile(reached, false) == Outcome::Nothing, "such a type"); });
     FileStore::fConcatFiles = false;
@@ -175,16 +185,16 @@ void MeasureUpstream(unsigned long rows) {
     });
     FillUpstream(rows, filestore::kStatusToBeHandled, 1);
     for (int i = 0; i < kSteps * 50; ++i) {
-        const KelString path = FileStore::StorePath(true, "Inventory", KelFormat("label%d", i % 97),
-                                                    Checksum(i), KelFormat("name%d", i));
+        const KelString path = FileStore::StorePath(
+            Side::Upstream, {"Inventory", KelFormat("label%d", i % 97), KelFormat("name%d", i), Checksum(i)});
         fs::create_directories(fs::path(path).parent_path());
         std::ofstream(path) << "x";
     }
     Measure("hand over 50 files, nobody wants them", rows,
-            [] { Expect(FileStore::threadHandler.HandleFile(true), "nothing to handle"); });
+            [] { Expect(FileStore::threadHandler.HandleFile(Side::Upstream), "nothing to handle"); });
     FillUpstream(rows, filestore::kStatusAvailable, 1);
     Measure("look for files to hand over, none", rows,
-            [] { Expect(!FileStore::threadHandler.HandleFile(true), "a file to handle"); });
+            [] { Expect(!FileStore::threadHandler.HandleFile(Side::Upstream), "a file to handle"); });
 }
 
 void SetUp(const KelString& root) {

@@ -32,6 +32,12 @@ inline constexpr const char* kStatusUploading =
 inline constexpr const char* kStatusObsolete =
     "_AGTMOD_FILESTORESTATUS_OBSOLETE_";  ///< superseded, not served
 
+/// The type of an archive of packed files.
+inline constexpr const char* kPackedFilesType = "FileStorePackedFiles";
+
+/// The type of the packages that operational rules install.
+inline constexpr const char* kRulePackageType = "OperationalRulePackage";
+
 // Transport modes (column TransportMode).
 inline constexpr const char* kTransportLocal = "Local";
 inline constexpr const char* kTransportUnicast = "Unicast";

@@ -2,8 +2,7 @@
 
 #include <algorithm>
 
-#include "filestore/db/schema.h"
-#include "filestore/module/file_store.h"
+#include "filestore/db/information_table.h"
 #include "kel/format.h"
 #include "kel/text.h"
 
@@ -11,6 +10,7 @@ using namespace filestore;
 
 namespace {
 
+constexpr const char* kFiles = "Files";
 constexpr unsigned int kBatchRows = 10000;
 constexpr std::size_t kMaxTextCharacters = 1900;
 
@@ -81,8 +81,8 @@ bool CopyBatch(DBConnection& upstream, const KelString& prefix, const KelVector<
 }
 
 /// False when rows could not be read or written: they then stay where they are for the next start.
-bool MoveRows(DBConnection& downstream, DBConnection& upstream) {
-    const KelString table = kTableFiles;
+bool MoveRows(DBConnection& downstream, DBConnection& upstream, KelDebug& log) {
+    const KelString table = kFiles;
     const KelVector<Column> columns = ReadColumns(downstream, table);
     const KelString names = JoinNames(columns);
     const KelString prefix = KelFormat("INSERT INTO %S (%S) VALUES (", table, names);
@@ -97,8 +97,7 @@ bool MoveRows(DBConnection& downstream, DBConnection& upstream) {
         if (count > 0 && !CopyBatch(upstream, prefix, columns, *rows)) return false;
         offset += count;
     }
-    if (offset > 0)
-        FileStore::debugFileStore.Print("Moved %u upstream files to the upstream database\n", offset);
+    if (offset > 0) log.Print("Moved %u upstream files to the upstream database\n", offset);
     downstream.Query("DELETE FROM Files WHERE Upstream = 1");
     downstream.Flush();
     return true;
@@ -106,7 +105,7 @@ bool MoveRows(DBConnection& downstream, DBConnection& upstream) {
 
 }  // namespace
 
-bool FileStoreMigrateUpstreamRows(DBConnection& downstream, DBConnection& upstream) {
+bool FileStoreMigrateUpstreamRows(DBConnection& downstream, DBConnection& upstream, KelDebug& log) {
     const auto marker = upstream.Query(KelFormat(
         "SELECT FieldValue FROM %s WHERE FieldName='UpstreamTableCreated'", kTableDatabaseInformation));
     if (!marker) return false;
@@ -117,9 +116,9 @@ bool FileStoreMigrateUpstreamRows(DBConnection& downstream, DBConnection& upstre
         return true;
     }
     const KelVector<KelString> tables = downstream.GetTablesList();
-    const bool hasFiles = std::find(tables.begin(), tables.end(), kTableFiles) != tables.end();
-    if (hasFiles && !MoveRows(downstream, upstream)) {
-        FileStore::debugFileStore.Error(
+    const bool hasFiles = std::find(tables.begin(), tables.end(), kFiles) != tables.end();
+    if (hasFiles && !MoveRows(downstream, upstream, log)) {
+        log.Error(
             "Upstream files could not be moved to the upstream database; tried again at the next start\n");
         return true;
     }

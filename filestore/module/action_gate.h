@@ -3,12 +3,12 @@
 #include <condition_variable>
 #include <mutex>
 
-/// Lets action calls in only while the databases are open, and lets the clean-up wait for those that run:
-/// other modules may call at any time, on any thread.
+/// Admits action calls only while the databases are open, and makes the clean-up wait for the calls in
+/// progress: other modules and devices may call at any time, on any thread.
 class FileStoreActionGate {
   public:
-    /// Entering a call, for its duration. A call made from within another one on the same thread passes even
-    /// while the gate closes, so that it cannot block the call around it.
+    /// Admission for the duration of one call. A call made from within another one on the same thread is
+    /// admitted even while the gate closes: the outer call, for which Close waits, must be able to end.
     class Pass {
       public:
         explicit Pass(FileStoreActionGate& gate);
@@ -24,7 +24,7 @@ class FileStoreActionGate {
 
     void Open();
 
-    /// Refuses new calls and waits until those inside have ended. Not from within a call.
+    /// Refuses new calls and waits until those in progress have ended. Not to be called from within a call.
     void Close();
 
   private:

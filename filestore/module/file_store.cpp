@@ -1,7 +1,22 @@
-#include "filestore/module/file_store.h"
+#include "filestore/state/file_store.h"
 
-// In one file, so that they are made in this order: the log before all that may write to it, the mutexes and
-// pools before the threads, which are destroyed first.
+#include <array>
+
+#include "filestore/down/multicast_thread.h"
+#include "filestore/down/notify_thread.h"
+#include "filestore/down/pull_thread.h"
+#include "filestore/module/cleanup_thread.h"
+#include "filestore/module/workers.h"
+#include "filestore/state/bandwidth_manager.h"
+#include "filestore/up/callback_thread.h"
+#include "filestore/up/handle_thread.h"
+#include "filestore/up/push_thread.h"
+#include "kelcore/db/connection.h"
+#include "kelcore/db/connection_pool.h"
+#include "kelcore/db/sequence_manager.h"
+
+// All static members stand in one file, so that they are made in this order and destroyed in the reverse one:
+// the log outlives all that may write to it, the mutexes and connections outlive the threads.
 
 KelDebug FileStore::debugFileStore("FileStore", "File store module");
 KelString FileStore::strModuleIniFile;
@@ -89,3 +104,15 @@ FileStoreNotifyThread FileStore::threadNotify;
 FileStoreCallbackThread FileStore::threadCallback;
 FileStoreHandleThread FileStore::threadHandler;
 FileStoreMulticastThread FileStore::threadMulticast;
+
+std::span<FileThreadBase* const> filestore::Workers() {
+    static const std::array<FileThreadBase*, 7> workers = {
+        &FileStore::threadDelete,   &FileStore::threadPush,     &FileStore::threadPull,
+        &FileStore::threadNotify,   &FileStore::threadCallback, &FileStore::threadHandler,
+        &FileStore::threadMulticast};
+    return workers;
+}
+
+void FileStore::WakeWorker(Worker worker, unsigned long reason) {
+    filestore::Workers()[static_cast<std::size_t>(worker)]->WakeUp(reason);
+}

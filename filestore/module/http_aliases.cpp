@@ -1,6 +1,8 @@
 #include "filestore/module/http_aliases.h"
 
-#include "filestore/module/file_store.h"
+#include "filestore/db/file_key.h"
+#include "filestore/state/file_store.h"
+#include "kel/container.h"
 #include "kel/format.h"
 #include "kelcore/action_db.h"
 #include "kelcore/error_codes.h"
@@ -10,7 +12,8 @@ namespace {
 constexpr const char* kModuleAlias = "FileStore";
 constexpr const char* kRepositoryAlias = "AlternativePackagesRepositoryPath";
 
-bool IsHttpModuleThere() {
+/// False, with a warning, without the HTTP module: nothing can be published then.
+bool CheckHttpModule() {
     if (ActionDbIsActionRegistered("HttpProtocolAddAlias")) return true;
     FileStore::debugFileStore.Warning("HttpProtocolHandler's actions are not registered.\n");
     return false;
@@ -20,22 +23,20 @@ bool AddAlias(const KelString& name, const KelString& path) {
     KelContainer container;
     container.SetString("AliasName", name);
     container.SetString("AliasPath", path);
-    return ActionDbInvokeContainer(nullptr, "", "HttpProtocolAddAlias", container, 0, -1, -1, nullptr) ==
-           kKelOk;
+    return CallLocal("HttpProtocolAddAlias", container) == kKelOk;
 }
 
 void RemoveOldAliases() {
     KelContainer container;
     container.SetString("AliasName", kModuleAlias);
     container.SetBool("CompletelyRemove", true);
-    if (ActionDbInvokeContainer(nullptr, "", "HttpProtocolDeleteAlias", container, 0, -1, -1, nullptr) !=
-        kKelOk)
+    if (CallLocal("HttpProtocolDeleteAlias", container) != kKelOk)
         FileStore::debugFileStore.Error("Failed to completely remove alias %s\n", kModuleAlias);
 }
 
-void AddStoreAlias(const char* folder) {
-    const KelString name = KelFormat("%s/%s", kModuleAlias, folder);
-    if (!AddAlias(name, KelFormat("%S%s", FileStore::strStorageLocationToUse, folder)))
+void AddStoreAlias(Side side) {
+    const KelString name = KelFormat("%s/%s", kModuleAlias, filestore::SideName(side));
+    if (!AddAlias(name, FileStore::strStorageLocationToUse + filestore::SideName(side)))
         FileStore::debugFileStore.Error("Failed to add alias %S\n", name);
 }
 
@@ -55,15 +56,15 @@ void AddRepositoryAlias() {
 }  // namespace
 
 void FileStorePublishAliases() {
-    if (!IsHttpModuleThere()) return;
+    if (!CheckHttpModule()) return;
     RemoveOldAliases();
-    AddStoreAlias("upstream");
-    AddStoreAlias("downstream");
+    AddStoreAlias(Side::Upstream);
+    AddStoreAlias(Side::Downstream);
     if (!AddAlias(kModuleAlias, FileStore::strModuleDataPath))
         FileStore::debugFileStore.Error("Failed to add alias %s\n", kModuleAlias);
     AddRepositoryAlias();
 }
 
 void FileStorePublishRepositoryAlias() {
-    if (IsHttpModuleThere()) AddRepositoryAlias();
+    if (CheckHttpModule()) AddRepositoryAlias();
 }

@@ -1,13 +1,16 @@
-#include <array>
-
-#include "filestore/db/file_status.h"
-#include "filestore/db/schema.h"
+#include "filestore/db/files_table.h"
+#include "filestore/down/multicast_thread.h"
 #include "filestore/module/action_gate.h"
-#include "filestore/module/configuration.h"
-#include "filestore/module/file_store.h"
 #include "filestore/module/http_aliases.h"
-#include "filestore/module/upload_repair.h"
-#include "kel/format.h"
+#include "filestore/module/workers.h"
+#include "filestore/state/bandwidth_manager.h"
+#include "filestore/state/device.h"
+#include "filestore/state/file_store.h"
+#include "filestore/state/settings.h"
+#include "filestore/up/callback_thread.h"
+#include "filestore/up/push_thread.h"
+#include "filestore/up/upload_repair.h"
+#include "kel/container.h"
 #include "kel/ini_file.h"
 #include "kel/path.h"
 #include "kelcore/action_db.h"
@@ -43,45 +46,25 @@ void DetermineRole() {
         return;
     }
     KelContainer container;
-    if (ActionDbInvokeContainer(nullptr, "", "RelayGetValues", container, 0, -1, -1, nullptr) != kKelOk)
-        return;
+    if (CallLocal("RelayGetValues", container) != kKelOk) return;
     FileStore::fRelayEnabled = container.GetContainer("Values").GetBool("IsEnabled");
     if (FileStore::fRelayEnabled) FileStore::eKeepCopyMask = kRoleRelay;
 }
 
-void ReadAddressPreference() {
-    KelContainer container;
-    ActionDbInvokeContainer(nullptr, "", "IdentityGetValues", container, 0, -1, -1, nullptr);
-    if (container.IsContainer("Values"))
-        FileStore::fPreferIPAddresses = container.GetContainer("Values").GetBool("PreferIPAddresses");
+void StartWorkers() {
+    FileStore::threadCallback.LoadSqlList();
+    for (FileThreadBase* worker : Workers()) {
+        // A restart has ended every multicast transfer: files that waited for one are asked for again, before
+        // the multicast thread looks for work.
+        if (worker == &FileStore::threadMulticast) ResetAllMulticast();
+        worker->Start();
+    }
 }
 
-/// A restart has ended every multicast transfer: what waited for one is asked for again.
-void RepairMulticast() {
-    KelLock lock(FileStore::mutexDownstream);
-    DBConnection& connection = *FileStore::pDbConnectionDownstream;
-    connection.Query(KelFormat("UPDATE %s SET %s = %u", kTableFiles, kMulticastTransferToBeStarted, 0U));
-    connection.Query(KelFormat("UPDATE %s SET %s = 0, %s = '%s', %s = 0, %s = 0 WHERE %s = '%s'", kTableFiles,
-                               kFileSize, kFileStatus, kStatusToBeRequested, kLastStatusChangeTime,
-                               kAcknowledged, kFileStatus, kStatusMulticastListening));
-}
-
-/// What was being taken in when the agent ended is asked for again: at the modules here, then at the parent.
-void RepairLocalOffers() {
-    const KelLock lock(FileStore::mutexDownstream);
-    FileStore::pDbConnectionDownstream->Query(
-        KelFormat("UPDATE %s SET %s = '%s', %s = 0 WHERE %s = '%s'", kTableFiles, kFileStatus, kStatusMissing,
-                  kLastStatusChangeTime, kFileStatus, kStatusReceiving));
-}
-
-void StopThreads() {
-    const std::array<FileThreadBase*, 7> threads = {&FileStore::threadDelete,   &FileStore::threadPush,
-                                                    &FileStore::threadPull,     &FileStore::threadNotify,
-                                                    &FileStore::threadCallback, &FileStore::threadHandler,
-                                                    &FileStore::threadMulticast};
-    for (FileThreadBase* thread : threads) {
-        thread->Cancel(0, false);
-        thread->Join();
+void StopWorkers() {
+    for (FileThreadBase* worker : Workers()) {
+        worker->Cancel(0, false);
+        worker->Join();
     }
 }
 
@@ -107,6 +90,7 @@ unsigned int FileStore::ModuleInitialise() {
         return kModuleFailure;
     }
     ReadSettings();
+    threadPush.InitCurrentTimeout();
     strStorageLocationToUse = GetFileStorageDirectory();
     ChangeFileStoragePath();
     FileStoreRemoveLeftOvers();
@@ -121,19 +105,10 @@ unsigned int FileStore::ModuleActivate() {
     DetermineRole();
     if (fRelayEnabled && !ActionDbIsActionRegistered("QuarnelDbRunScript")) FileStoreReadUploadPolicy();
     UpdateHttpPort();
-    ReadAddressPreference();
+    RefreshAddressPreference();
     FileStoreRepairUploads();
-    RepairLocalOffers();
-
-    threadDelete.Start();
-    threadPush.Start();
-    threadPull.Start();
-    threadNotify.Start();
-    threadCallback.LoadSqlList();
-    threadCallback.Start();
-    threadHandler.Start();
-    RepairMulticast();
-    threadMulticast.Start();
+    ForgetUnfinishedOffers();
+    StartWorkers();
 
     UpdateScriptAndPackageStatus(0);
     if (FileStoreReadFlag("PackageSynchronization", "PackageSynchroAtStartup", false))
@@ -146,7 +121,7 @@ unsigned int FileStore::ModuleCleanup(unsigned int) {
     bmTrackUsageUp.CancelAllTransfers();
     bmTrackUsageDown.CancelAllTransfers();
     bmTrackUsageMulticast.CancelAllTransfers();
-    StopThreads();
+    StopWorkers();
     // Handlers use the connections too: none may be left inside when they go.
     FileStoreGetActionGate().Close();
     CleanupDatabases();

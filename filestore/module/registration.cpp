@@ -1,7 +1,9 @@
 #include <array>
 
 #include "filestore/module/action_gate.h"
-#include "filestore/module/file_store.h"
+#include "filestore/state/file_store.h"
+#include "kel/container.h"
+#include "kel/format.h"
 #include "kelcore/action_db.h"
 #include "kelcore/agent.h"
 #include "kelcore/callback_db.h"
@@ -17,7 +19,7 @@ struct Action {
     Handler handler;
 };
 
-// The parameter lists are for people; handlers read what they need by name.
+// The parameter lists are documentation: handlers read their values by name.
 constexpr std::array kActions = {
     Action{"FileStoreGetValues ()", &FileStore::ActionHandler_FileStoreGetValues},
     Action{"FileStoreSetValues (container Values)", &FileStore::ActionHandler_FileStoreSetValues},
@@ -72,6 +74,14 @@ unsigned int CallThroughGate(Handler handler, KelContainer* arguments) {
     return kKelErrorNotAvailable;
 }
 
+/// For actions that other modules may look for, but that have no function on this device yet.
+unsigned int NotAvailable(KelContainer& arguments, const char* action) {
+    FileStore::debugFileStore.Detail("%s was called, but is not available on this device\n", action);
+    arguments.Clear();
+    arguments.SetString("Message", KelFormat("%s is not available on this device", action));
+    return kKelErrorNotAvailable;
+}
+
 }  // namespace
 
 unsigned int FileStore::ModuleRegister(const char* handle) {
@@ -94,4 +104,16 @@ unsigned int FileStore::ModuleUnregister(unsigned int) {
     for (const Subscription& subscription : kSubscriptions)
         CallbackDbDeleteAction(subscription.event, subscription.signature, "");
     return kModuleSuccess;
+}
+
+unsigned int FileStore::ActionHandler_FileStoreDeletePackage(KelContainer* arguments) {
+    return NotAvailable(*arguments, "FileStoreDeletePackage");
+}
+
+unsigned int FileStore::ActionHandler_FileStoreGetNotifiableFiles(KelContainer* arguments) {
+    return NotAvailable(*arguments, "FileStoreGetNotifiableFiles");
+}
+
+unsigned int FileStore::ActionHandler_FileStoreIsPatchInventoryUploaded(KelContainer* arguments) {
+    return NotAvailable(*arguments, "FileStoreIsPatchInventoryUploaded");
 }

@@ -3,30 +3,23 @@
 #include <filesystem>
 #include <optional>
 
-#include "filestore/db/schema.h"
-#include "filestore/module/file_store.h"
+#include "filestore/db/files_table.h"
+#include "filestore/db/information_table.h"
+#include "filestore/state/file_store.h"
 #include "kel/directory.h"
 #include "kel/format.h"
 #include "kel/ini_file.h"
 #include "kel/path.h"
 #include "kel/text.h"
+#include "kelcore/db/connection.h"
 
 using namespace filestore;
 
 namespace {
 
-constexpr const char* kCurrentPathField = "FileStorageCurrentPath";
 constexpr std::array kStoreFolders = {"downstream", "upstream"};
 
-/// The location that the database says is in use; nothing when it has no such row.
-std::optional<KelString> RecordedLocation() {
-    const auto result = FileStore::pDbConnectionDownstream->Query(KelFormat(
-        "SELECT FieldValue FROM %s WHERE FieldName = '%s'", kTableDatabaseInformation, kCurrentPathField));
-    if (!result || result->GetRowCount() == 0) return std::nullopt;
-    return result->GetString(0, std::size_t{0});
-}
-
-/// Whether a path is a folder or below it, once links are followed.
+/// True when a path is a folder or lies below it, once links are followed.
 bool LiesWithin(const KelString& path, const KelString& folder) {
     // What cannot be resolved becomes "/": a folder that holds everything, so that it is not deleted.
     std::error_code failure;
@@ -71,28 +64,12 @@ void DeleteStore(const KelString& location) {
                 folder);
 }
 
-bool RecordLocation(bool rowExists, const KelString& location) {
-    const KelString statement = rowExists
-                                    ? KelFormat("UPDATE %s SET FieldValue = '%Q'WHERE FieldName = '%s'",
-                                                kTableDatabaseInformation, location, kCurrentPathField)
-                                    : KelFormat("INSERT INTO %s (FieldName, FieldValue) VALUES ('%s', '%Q')",
-                                                kTableDatabaseInformation, kCurrentPathField, location);
-    return FileStore::pDbConnectionDownstream->Query(statement) != nullptr;
-}
-
-bool RewritePaths(const KelString& previous, const KelString& location) {
-    return FileStore::pDbConnectionDownstream->Query(
-               KelFormat("UPDATE %s set FilePath = '%Q' || substr(FilePath, length('%Q')+1, 256) WHERE "
-                         "FilePath LIKE '%Q%'",
-                         kTableFiles, location, previous, previous)) != nullptr;
-}
-
 /// Location and paths change together or not at all.
-bool RegisterLocation(bool rowExists, const KelString& previous, const KelString& location) {
+bool RegisterLocation(const KelString& previous, const KelString& location) {
     const KelLock lock(FileStore::mutexDownstream);
     DBTransaction transaction(*FileStore::pDbConnectionDownstream);
-    return transaction.IsOpen() && RecordLocation(rowExists, location) && RewritePaths(previous, location) &&
-           transaction.Commit();
+    return transaction.IsOpen() && WriteInformation(kStorageLocationField, location) &&
+           MoveContentPaths(previous, location) && transaction.Commit();
 }
 
 }  // namespace
@@ -110,7 +87,7 @@ KelString FileStore::GetFileStorageDirectory() {
 }
 
 bool FileStore::ChangeFileStoragePath() {
-    const std::optional<KelString> recorded = RecordedLocation();
+    const std::optional<KelString> recorded = ReadInformation(kStorageLocationField);
     const KelString previous =
         recorded && !recorded->empty() ? *recorded : KelFormat("%S/", strModuleDataPath);
     if (strStorageLocationToUse == previous) return true;
@@ -118,7 +95,7 @@ bool FileStore::ChangeFileStoragePath() {
     // Until the new location is committed everything is where it was, so that a failure or a stop in between
     // leaves the previous location whole and in use. Only then may the old folders go.
     if (!IsApart(strStorageLocationToUse, previous) || !CopyStore(previous, strStorageLocationToUse) ||
-        !RegisterLocation(recorded.has_value(), previous, strStorageLocationToUse)) {
+        !RegisterLocation(previous, strStorageLocationToUse)) {
         strStorageLocationToUse = previous;
         return false;
     }

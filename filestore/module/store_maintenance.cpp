@@ -1,11 +1,14 @@
-#include "filestore/db/file_status.h"
-#include "filestore/db/schema.h"
-#include "filestore/module/file_store.h"
+#include "filestore/db/files_selection.h"
+#include "filestore/db/information_table.h"
+#include "filestore/db/targets_table.h"
+#include "filestore/state/device.h"
+#include "filestore/state/file_store.h"
+#include "kel/container.h"
 #include "kel/file.h"
 #include "kel/format.h"
 #include "kel/path.h"
 #include "kel/text.h"
-#include "kelcore/action_db.h"
+#include "kelcore/db/connection.h"
 
 using namespace filestore;
 
@@ -46,80 +49,56 @@ KelString DevicePathWithPort(const KelString& devicePath, const KelString& port)
     return result.substr(1);
 }
 
-KelString CurrentPort() {
-    KelContainer container;
-    ActionDbInvokeContainer(nullptr, "", "HttpProtocolGetParams", container, 0, -1, -1, nullptr);
-    return KelFormat("%u", static_cast<std::uint32_t>(container.GetContainer("Values").GetInt32("Port", -1)));
-}
-
-void UpdateSourceDevices(DBConnection& connection, const KelString& port) {
-    const auto files = connection.Query(KelFormat("SELECT FileID, SourceDevice FROM %s ", kTableFiles));
-    for (std::size_t row = 0; files && row < files->GetRowCount(); ++row) {
-        const KelString& device = files->GetString(row, kSourceDevice);
-        const KelString changed = WithPort(device, port);
-        if (changed != device)
-            connection.Query(KelFormat("UPDATE %s SET SourceDevice='%Q' WHERE FileID=%ld", kTableFiles,
-                                       changed, files->GetInt64(row, kFileId)));
+void UpdateSourceDevices(const KelString& port) {
+    for (const FileSource& source : SelectSourceDevices()) {
+        const KelString changed = WithPort(source.sourceDevice, port);
+        if (changed != source.sourceDevice) SetSourceDevice(Side::Downstream, source.fileId, changed);
     }
 }
 
-void UpdateTargets(DBConnection& connection, const KelString& port) {
-    const auto targets =
-        connection.Query(KelFormat("SELECT TargetID, DeviceGUID, DevicePath FROM %s ", kTableTargets));
-    for (std::size_t row = 0; targets && row < targets->GetRowCount(); ++row) {
-        const KelString device = WithPort(targets->GetString(row, kDeviceGuid), port);
-        const KelString path = DevicePathWithPort(targets->GetString(row, kDevicePath), port);
-        if (device != targets->GetString(row, kDeviceGuid) || path != targets->GetString(row, kDevicePath))
-            connection.Query(KelFormat("UPDATE %s SET DeviceGUID='%Q', DevicePath='%Q' WHERE TargetID=%ld",
-                                       kTableTargets, device, path, targets->GetInt64(row, kTargetId)));
+void UpdateTargets(const KelString& port) {
+    for (FileStoreTarget target : SelectAllTargets()) {
+        const KelString device = WithPort(target.DeviceGUID, port);
+        const KelString path = DevicePathWithPort(target.DevicePath, port);
+        if (device == target.DeviceGUID && path == target.DevicePath) continue;
+        target.DeviceGUID = device;
+        target.DevicePath = path;
+        SetTargetDevice(target);
     }
 }
 
-/// Puts the row of a package or script whose file is not what it should be back to missing.
-void DropCorruptedFile(DBConnection& connection, const DBResult& files, std::size_t row) {
-    const KelString& path = files.GetString(row, kFilePath);
-    if (FileExists(path)) {
-        if (files.GetInt64(row, kExternalFile) == 1) {
-            FileStore::debugFileStore.Warning("File '%S' is held by the Master and is corrupted.\n", path);
-        } else if (CompletePath(path).starts_with(FileStore::strStorageLocationToUse)) {
-            FileStore::debugFileStore.Warning("File '%S' is corrupted and will be removed.\n", path);
-            FileDelete(path);
+/// Puts a package or script whose content is not what it should be back to missing.
+void DropCorruptedFile(const FileStoreEntry& file) {
+    if (FileExists(file.FilePath)) {
+        if (file.ExternalFile) {
+            FileStore::debugFileStore.Warning("File '%S' is held by the Master and is corrupted.\n",
+                                              file.FilePath);
+        } else if (CompletePath(file.FilePath).starts_with(FileStore::strStorageLocationToUse)) {
+            FileStore::debugFileStore.Warning("File '%S' is corrupted and will be removed.\n", file.FilePath);
+            FileDelete(file.FilePath);
         } else {
             FileStore::debugFileStore.Warning(
-                "File '%S' is corrupted and lies outside the store; it is left\n", path);
+                "File '%S' is corrupted and lies outside the store; it is left\n", file.FilePath);
         }
     }
-    connection.Query(KelFormat("UPDATE %s SET %s='%s' WHERE FileID=%ld", kTableFiles, kFileStatus,
-                               kStatusMissing, files.GetInt64(row, kFileId)));
+    SetMissing(file.FileId);
 }
 
 }  // namespace
 
 void FileStore::UpdateHttpPort() {
-    KelLock lock(mutexDownstream);
-    DBConnection& connection = *pDbConnectionDownstream;
-    const auto marker = connection.Query(
-        KelFormat("SELECT FieldValue FROM %s WHERE FieldName='HttpPortUpdate'", kTableDatabaseInformation));
-    if (!marker || marker->GetRowCount() == 0) return;
-
-    const KelString port = CurrentPort();
-    DBTransaction transaction(connection);
-    UpdateSourceDevices(connection, port);
-    UpdateTargets(connection, port);
-    connection.Query(KelFormat("DELETE FROM %s WHERE FieldName='HttpPortUpdate'", kTableDatabaseInformation));
+    const KelLock lock(mutexDownstream);
+    if (!ReadInformation(kPortUpdateField)) return;
+    const KelString port = KelFormat("%u", static_cast<std::uint32_t>(AskHttpPort()));
+    DBTransaction transaction(*pDbConnectionDownstream);
+    UpdateSourceDevices(port);
+    UpdateTargets(port);
+    DeleteInformation(kPortUpdateField);
     transaction.Commit();
 }
 
 void FileStore::UpdateScriptAndPackageStatus(unsigned long fileId) {
-    KelString statement = KelFormat(
-        "SELECT %s, %s, %s, %s FROM %s WHERE (%s = '%s' OR %s = '%s') AND (%s = '%s' OR %s = '%s')", kFileId,
-        kFilePath, kFileSize, kExternalFile, kTableFiles, kFileType, "OperationalRulePackage", kFileType,
-        "OperationalRuleScript", kFileStatus, kStatusAvailable, kFileStatus, kStatusNotRelaysChild);
-    if (fileId != 0) statement += KelFormat(" AND %s = %lu", kFileId, fileId);
-
-    KelLock lock(mutexDownstream);
-    const auto files = pDbConnectionDownstream->Query(statement);
-    for (std::size_t row = 0; files && row < files->GetRowCount(); ++row)
-        if (FileGetSize64(files->GetString(row, kFilePath)) != files->GetInt64(row, kFileSize))
-            DropCorruptedFile(*pDbConnectionDownstream, *files, row);
+    const KelLock lock(mutexDownstream);
+    for (const FileStoreEntry& file : SelectHeldPackages(fileId))
+        if (FileGetSize64(file.FilePath) != file.FileSize) DropCorruptedFile(file);
 }

@@ -2,32 +2,19 @@
 #include <future>
 #include <thread>
 
-#include <ctime>
-
-#include "filestore/scripted_server.h"
-#include "filestore/transfer_fixture.h"
-
-using namespace filestore;
+#include "filestore/file_store_fixture.h"
 
 namespace {
 
-class BandwidthManager : public TransferTest {
+class BandwidthManager : public StoreTest {
   protected:
-    /// A window in UTC whose slots all hold `number`.
-    static KelContainer Window(const KelString& number, int type = 2, int slots = 168) {
-        KelString text = number;
-        for (int i = 1; i < slots; ++i)
-            text += " " + number;
-        return Make({{"Slots", text}, {"SlotType", type}, {"UseUTCTime", true}});
-    }
-    static void Load(FileStoreBandwidthManager& manager, KelContainer window) {
-        manager.UpdateTransferWindow(window);
-    }
     static unsigned long Rate(FileStoreBandwidthManager& manager) {
         int frameSize = 0;
         return manager.GetRate(frameSize);
     }
-
+    static void Load(FileStoreBandwidthManager& manager, KelContainer window) {
+        manager.UpdateTransferWindow(window);
+    }
     FileStoreBandwidthManager manager_;
 };
 
@@ -47,15 +34,16 @@ TEST_F(BandwidthManager, SlotsCountHoursFromMondayInTheChosenTimeZone) {
 }
 
 TEST_F(BandwidthManager, SlotTypesConvertAndShareTheirValues) {
-    for (const auto& [number, type, transfers, rate] : {std::tuple{"1500", 1, 1, 1UL},
-                                                        {"10", 2, 3, 3},
-                                                        {"2", 2, 3, 2},
-                                                        {"4", 3, 2, 2000},
-                                                        {"18446744073709551615", 3, 1, UINT64_MAX},
-                                                        {"50", 7, 3, 50},
-                                                        {"500", 8, 2, 500},
-                                                        {"0x20", 2, 1, 32},
-                                                        {"010", 2, 1, 8}}) {
+    for (const auto& [number, type, transfers, rate] :
+         Table<const char*, int, int, unsigned long>{{"1500", 1, 1, 1},
+                                                     {"10", 2, 3, 3},
+                                                     {"2", 2, 3, 2},
+                                                     {"4", 3, 2, 2000},
+                                                     {"18446744073709551615", 3, 1, UINT64_MAX},
+                                                     {"50", 7, 3, 50},
+                                                     {"500", 8, 2, 500},
+                                                     {"0x20", 2, 1, 32},
+                                                     {"010", 2, 1, 8}}) {
         SCOPED_TRACE(KelFormat("%s of type %d", number, type));
         FileStoreBandwidthManager manager;
         manager.SetFrameSize(1400);
@@ -68,28 +56,29 @@ TEST_F(BandwidthManager, SlotTypesConvertAndShareTheirValues) {
     }
 }
 
-TEST_F(BandwidthManager, TypesWithoutSlotsKeepTheValuesOfTheWindowBefore) {
+TEST_F(BandwidthManager, WhatAWindowDoesNotSayStaysAndWhatIsMalformedIsClosed) {
     Load(manager_, Window("99", 5));
     EXPECT_TRUE(manager_.TransfersAreDisabled());
-    Load(manager_, Window("12"));
-    for (const int type : {0, 4, 5, 6, 9, -1}) {
-        Load(manager_, Window("99", type));
-        EXPECT_EQ(Rate(manager_), 12U) << type;
-        EXPECT_TRUE(manager_.BandwidthIsLimited());
+    const bool isSlot0 = FileStoreBandwidthManager::SlotIndex(std::time(nullptr), true) == 0;
+    for (const auto& [number, type, slots, rate] : Table<const char*, int, int, unsigned long>{
+             {"99", 0, 168, 12},
+             {"99", 4, 168, 12},
+             {"99", 5, 168, 12},
+             {"99", 6, 168, 12},
+             {"99", 9, 168, 12},
+             {"99", -1, 168, 12},
+             {"7", 2, 400, 7},
+             {"", 2, 1, isSlot0 ? 0 : 12},  // one empty token: only slot 0 changes
+             {"x", 2, 168, 0},
+             {"-1", 2, 168, 0},
+             {"1x", 2, 168, 0},
+             {"99999999999999999999999", 2, 168, 0}}) {
+        SCOPED_TRACE(KelFormat("'%s' of type %d", number, type));
+        Load(manager_, Window("12"));
+        Load(manager_, Window(number, type, slots));
+        EXPECT_EQ(manager_.TransfersAreDisabled(), rate == 0);
+        EXPECT_EQ(Rate(manager_), rate);
     }
-}
-
-TEST_F(BandwidthManager, OverlongAndMalformedWindowsAreContained) {
-    Load(manager_, Window("7", 2, 400));
-    EXPECT_EQ(Rate(manager_), 7U);
-    for (const char* bad : {"x", "-1", "1x", "99999999999999999999999"}) {
-        Load(manager_, Window("7"));
-        Load(manager_, Window(bad));
-        EXPECT_TRUE(manager_.TransfersAreDisabled()) << bad;
-    }
-    Load(manager_, Window("7"));
-    Load(manager_, Window("", 2, 1));  // one empty token: only slot 0 changes
-    EXPECT_EQ(Rate(manager_), FileStoreBandwidthManager::SlotIndex(std::time(nullptr), true) == 0 ? 0U : 7U);
 }
 
 TEST_F(BandwidthManager, ClosedHourRefusesTransfersUntilTheNextLoad) {
@@ -116,11 +105,11 @@ TEST_F(BandwidthManager, AllWindowsAreReplacedByTheModulesAnswer) {
             values.SetInt32("Direction", direction, index);
             values.SetContainer("Values", Window(rate), index++);
         }
-        container.SetContainer("Values", values);
+        container = Make({{"Values", values}});
         return 0U;
     });
     Load(FileStore::bmTrackUsageUp, Window("1"));
-    FileStore::ActionHandler_FileStoreTransferWindowCallback(nullptr);
+    Ask("FileStoreTransferWindowCallback");
     EXPECT_FALSE(FileStore::bmTrackUsageUp.BandwidthIsLimited());
     EXPECT_EQ(Rate(FileStore::bmTrackUsageDown), 8U);
     EXPECT_EQ(Rate(FileStore::bmTrackUsageMulticast), 7U);
@@ -135,10 +124,7 @@ TEST_F(BandwidthManager, AnOlderAnswerDoesNotReplaceANewerOne) {
     std::promise<void> firstIsAsked;
     Fake("TransferWindowCheckAllWindows ()", [&](KelContainer& container) {
         const bool isFirst = ++asked == 1;
-        KelContainer values;
-        values.SetInt32("Direction", 2);
-        values.SetContainer("Values", Window(isFirst ? "5" : "6"));
-        container.SetContainer("Values", values);
+        container = Make({{"Values", Make({{"Direction", 2}, {"Values", Window(isFirst ? "5" : "6")}})}});
         if (!isFirst) return 0U;
         firstIsAsked.set_value();
         for (int i = 0; i < 20 && asked == 1; ++i)  // leaves the second one time to overtake
@@ -155,8 +141,7 @@ TEST_F(BandwidthManager, AnOlderAnswerDoesNotReplaceANewerOne) {
 TEST_F(BandwidthManager, WindowWithoutSlotsIsAskedForByItsDirection) {
     Fake("TransferWindowCheckWindow ()", [](KelContainer& container) {
         const bool isDown = container.GetInt32("Direction") == TransferWindowDirectionDown;
-        container.Clear();
-        if (isDown) container.SetContainer("Values", Window("3"));
+        container = isDown ? Make({{"Values", Window("3")}}) : KelContainer();
         return 0U;
     });
     Load(manager_, Window("1"));
@@ -169,10 +154,8 @@ TEST_F(BandwidthManager, WindowWithoutSlotsIsAskedForByItsDirection) {
 }
 
 TEST_F(BandwidthManager, ClientCountComesFromTheParent) {
-    const KelContainer values =
-        Make({{"ThreadCount", 4}, {"BwPort", 1700}, {"BwPingFrequency", 60}, {"BwPingDuration", 250}});
-    ScriptedServer parent([values](const auto&) { return ScriptedServer::ActionResult(0, values); });
-    SetParent("127.0.1.1", parent.Port());
+    AnswerAsParent(
+        0, Make({{"ThreadCount", 4}, {"BwPort", 1700}, {"BwPingFrequency", 60}, {"BwPingDuration", 250}}));
     unsigned int clients = 0, port = 0, duration = 0;
     unsigned long checkEvery = 0, pingEvery = 0;
     const auto ask = [&](bool firstTime) {
@@ -186,9 +169,9 @@ TEST_F(BandwidthManager, ClientCountComesFromTheParent) {
     EXPECT_EQ(checkEvery, 500000000UL);  // absent: 500 seconds, in microseconds
     EXPECT_EQ(pingEvery, 60000000UL);
     EXPECT_EQ(duration, 250U);
-    EXPECT_TRUE(parent.Requests()[1].Arguments().GetBool("FirstTime"));
+    EXPECT_TRUE(Parent().Requests()[1].Arguments().GetBool("FirstTime"));
 
-    relayValues.SetString("ParentName", "");
+    SetParent("", 1);
     EXPECT_FALSE(ask(false));
     EXPECT_EQ(clients, 0U);
 }
@@ -198,19 +181,6 @@ TEST_F(BandwidthManager, ProbeMeasuresNothingWithoutAPeer) {
     EXPECT_EQ(manager_.BandwidthEstimationTCP(IpAddress(), 1700, 10), 0U);
     EXPECT_EQ(manager_.BandwidthEstimationTCP(*IpAddress::Parse("127.0.1.1"), 1, 10), 0U);
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "Error ulHostAddr = 0\nError Connect\n");
-}
-
-TEST_F(BandwidthManager, ProgressIsGivenInPerCent) {
-    const KelString path = MakeFile("partial", KelString(30, 'x'));
-    for (const auto& [status, size, progress] : {std::tuple{kStatusAvailable, 0L, "100 %"},
-                                                 {kStatusUnicastAvailable, 60, "100 %"},
-                                                 {kStatusDownloading, 60, "50 %"},
-                                                 {kStatusReceiving, 20, "100 %"},
-                                                 {kStatusDownloading, 0, "N/A"},
-                                                 {kStatusMissing, 60, "N/A"},
-                                                 {kStatusDownloading, INT64_MAX, "0 %"}})
-        EXPECT_EQ(FileStore::getFileTransferPercent(status, path, size), progress) << status << size;
-    EXPECT_EQ(FileStore::getFileTransferPercent(kStatusDownloading, "absent", 60), "N/A");
 }
 
 }  // namespace

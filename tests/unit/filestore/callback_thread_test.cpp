@@ -1,29 +1,22 @@
-#include "filestore/module/upload_repair.h"
-#include "filestore/transfer_fixture.h"
-#include "kel/directory.h"
-#include "kel/file.h"
-#include "kel/format.h"
+#include "filestore/up/callback_thread.h"
+#include "filestore/file_store_fixture.h"
+#include "filestore/up/upload_repair.h"
 #include "kelcore/archive.h"
-
-using namespace filestore;
 
 namespace {
 
-class CallbackThreadTest : public StepTest {
+class CallbackThreadTest : public StoreTest {
   protected:
-    static constexpr const char* kUrl =
-        "/FileStore/upstream/Type/Label/0123456789abcdef0123456789abcdef/it's";
+    static constexpr const char* kUrl = "/FileStore/upstream/t/l/c/it's";
 
     /// Reports a PUT the way the HTTP module does.
     static void Report(const KelString& url, const KelString& group = "", const KelString& path = "") {
-        KelContainer report = Make({{"URL", url}, {"MulticastAddress", group}, {"LocalPath", path}});
-        EXPECT_EQ(FileStore::ActionHandler_FileStoreHttpPutCallback(&report), 0U);
+        Ask("FileStoreHttpPutCallback",
+            Make({{"URL", url}, {"MulticastAddress", group}, {"LocalPath", path}}));
     }
     /// A file that a child has announced and put.
-    static unsigned long Put(const KelString& set = "") {
-        const unsigned long fileId = AddStored(true, "it's", kStatusReceiving, set);
-        Set(true, fileId, KelFormat("FileURL = '%Q'", KelString(kUrl)));
-        return fileId;
+    static std::uint64_t Put(const KelString& set = "KeepCopy = 0") {
+        return AddStored(kUp, "it's", "RECEIVING", KelFormat("FileURL = '%Q', %S", KelString(kUrl), set));
     }
     Exposed<FileStoreCallbackThread> callbacks_;
 };
@@ -31,77 +24,65 @@ class CallbackThreadTest : public StepTest {
 TEST_F(CallbackThreadTest, OnlyUrlsThatThisDeviceReportsAreQueuedOnceAndInOrder) {
     for (const char* url : {"/b's", "/a", "/b's"})
         Report(url);
-    KelContainer foreign = From(Make({{"URL", "/c"}}), "127.0.1.9");
-    EXPECT_EQ(FileStore::ActionHandler_FileStoreHttpPutCallback(&foreign), 0U);
+    Ask("FileStoreHttpPutCallback", From(Make({{"URL", "/c"}}), "127.0.1.9"));
     EXPECT_EQ(callbacks_.GetCallbackCount(), 2U);
-    Rows(Callback(),
-         "CREATE TRIGGER full BEFORE DELETE ON CallbackThread BEGIN SELECT RAISE(ABORT, 'full'); END");
-    EXPECT_EQ(callbacks_.GetFileUrl(), "") << "what cannot be taken out would come for ever";
-    Rows(Callback(), "DROP TRIGGER full");
+    {
+        const auto full = Refuse(FileStoreGetCallbackDatabase().connection, "DELETE ON CallbackThread");
+        EXPECT_EQ(callbacks_.GetFileUrl(), "") << "what cannot be removed would be given again and again";
+    }
     for (const char* url : {"/b's", "/a", ""})
         EXPECT_EQ(callbacks_.GetFileUrl(), url);
 }
 
 TEST_F(CallbackThreadTest, MulticastFileIsCompletedByItsStatusAndDeletedWhenUnknown) {
     const KelString path = MakeFile("received", "12345");
-    const unsigned long listening =
-        AddFile(false, "l", kStatusMulticastListening, "FileURL = '/FileStore/it''s', Acknowledged = 1");
-    const unsigned long receiving = AddFile(false, "r", kStatusReceiving, "FileURL = '/r'");
+    const std::uint64_t listening =
+        AddFile(kDown, "l", "MULTICASTLISTENING", "FileURL = '/FileStore/it''s', Acknowledged = 1");
+    const std::uint64_t receiving = AddFile(kDown, "r", "RECEIVING", "FileURL = '/r'");
     Report("/FileStore/it's", "224.2.0.1", path);
     Report("/r", "224.2.0.1", path);
-    EXPECT_EQ(Fields(false, listening, "FileStatus, FileSize, Acknowledged, TransportMode"),
-              KelString(kStatusAvailable) + "|5|0|Multicast");
-    EXPECT_EQ(StatusOf(false, receiving), kStatusToBeUploaded);
+    EXPECT_EQ(Fields(kDown, listening, "FileStatus, FileSize, Acknowledged, TransportMode"),
+              "AVAILABLE|5|0|Multicast");
+    EXPECT_EQ(Fields(kDown, receiving), "TOBEUPLOADED");
     EXPECT_TRUE(FileExists(path));
     Report("/unknown", "224.2.0.1", path);
     EXPECT_FALSE(FileExists(path));
     EXPECT_EQ(callbacks_.GetCallbackCount(), 0U);
 }
 
-TEST_F(CallbackThreadTest, ReceivedFileIsHandledHereWhenSomebodyWantsIt) {
+TEST_F(CallbackThreadTest, ReceivedFileIsHandledHereWhenThereIsAConsumer) {
     for (const auto& [name, consumes, isMaster, type, relay, before, after] :
          Table<const char*, bool, bool, const char*, const char*, const char*, const char*>{
-             {"nobody", false, false, "Type", "", kStatusReceiving, kStatusToBeUploaded},
-             {"consumer", true, false, "Type", "", kStatusReceiving, kStatusToBeHandled},
-             {"known already", true, false, "Type", "", kStatusAvailable, kStatusAvailable},
-             {"package of our relay", false, false, "UpgradePackage", kGuid, kStatusReceiving,
-              kStatusToBeHandled},
-             {"master", false, true, "Type", "", kStatusReceiving, kStatusToBeHandled},
-             {"master takes packages", false, true, "UpgradePackage", "", kStatusReceiving,
-              kStatusToBeHandled}}) {
-        SCOPED_TRACE(name);
-        DeleteRows();
+             {"no consumer", false, false, "t", "", "RECEIVING", "TOBEUPLOADED"},
+             {"consumer", true, false, "t", "", "RECEIVING", "TOBEHANDLED"},
+             {"known already", true, false, "t", "", "AVAILABLE", "AVAILABLE"},
+             {"package of our relay", false, false, "UpgradePackage", kGuid, "RECEIVING", "TOBEHANDLED"},
+             {"master", false, true, "t", "", "RECEIVING", "TOBEHANDLED"},
+             {"package for the master", false, true, "UpgradePackage", "", "RECEIVING", "TOBEHANDLED"}}) {
+        const auto trace = Begin(name);
         if (isMaster) BecomeMaster();
         std::shared_ptr<void> consumer;
         if (consumes) consumer = Consume("FileStoreCallbackCopyUpstream", "TestConsume ()");
-        const unsigned long fileId = Put(KelFormat("FileType = '%s', FileStatus = '%s', ", type, before) +
+        const std::uint64_t fileId = Put(KelFormat("FileType = '%s', FileStatus = #%s#, ", type, before) +
                                          SetInfo(Make({{"AdministratedRelayGUID", relay}})));
         callbacks_.ReceiveFile(kUrl);
-        EXPECT_EQ(StatusOf(true, fileId), after);
-        EXPECT_TRUE(FileExists(Load(true, fileId).FilePath));
+        EXPECT_EQ(Fields(kUp, fileId), after);
+        EXPECT_TRUE(FileExists(Load(kUp, fileId).FilePath));
     }
 }
 
 TEST_F(CallbackThreadTest, UnregisteredFileIsDeletedInsideTheUpstreamStoreOnly) {
-    const KelString stored = FileStore::StorePath(true, "t", "l", "c", "n");
-    WriteFile(stored, "x");
+    const FileKey key = {"t", "l", "n", "c"};
+    WriteFile(FileStore::StorePath(kUp, key), "x");
     callbacks_.ReceiveFile("/FileStore/upstream/t/l/c/n");
-    EXPECT_FALSE(FileExists(stored));
-    EXPECT_FALSE(DirExists(FileStore::StoreFolder(true, "t", "l", "c")));
+    EXPECT_FALSE(DirExists(FileStore::StoreFolder(kUp, key)));
 
-    WriteFile(FileStore::StorePath(false, "t", "l", "c", "n"), "x");
+    WriteFile(FileStore::StorePath(kDown, key), "x");
+    Put("FileStatus = #TOBEPACKED#, FileURL = ''");  // of a PUT that was repeated
     const KelString before = Everything();
     for (const char* url : {"/FileStore/downstream/t/l/c/n", "/FileStore/upstream/../downstream/t/l/c/n",
-                            "/FileStore/upstream/../../../Upstream.sqlite", "/other"})
+                            "/FileStore/upstream/../../../Upstream.sqlite", "/other", kUrl})
         callbacks_.ReceiveFile(url);
-    EXPECT_EQ(Everything(), before);
-}
-
-TEST_F(CallbackThreadTest, PutThatIsRepeatedLeavesTheFileThatWaitsToBePacked) {
-    const unsigned long fileId = Put();
-    Set(true, fileId, KelFormat("FileURL = '', FileStatus = '%s'", kStatusToBePacked));
-    const KelString before = Everything();
-    callbacks_.ReceiveFile(kUrl);
     EXPECT_EQ(Everything(), before);
 }
 
@@ -110,10 +91,10 @@ TEST_F(CallbackThreadTest, DrainedQueueRunsTheConfiguredStatements) {
     SetIni("FileStore", "SqlExecute2", "UPDATE Files SET KeepCopy = KeepCopy + 1");
     SetIni("FileStore", "SqlExecute4", "DELETE FROM Files");
     callbacks_.LoadSqlList();
-    const unsigned long fileId = Put();
+    Put();
     Report(kUrl);
     callbacks_.DoWork();
-    EXPECT_EQ(Fields(true, fileId, "FileStatus, KeepCopy"), KelString(kStatusToBeUploaded) + "|6");
+    EXPECT_EQ(OnlyFields(kUp, "FileStatus, KeepCopy"), "TOBEUPLOADED|6");
 }
 
 TEST_F(CallbackThreadTest, PackageOfAnotherRelayIsRejectedByItsKind) {
@@ -124,28 +105,25 @@ TEST_F(CallbackThreadTest, PackageOfAnotherRelayIsRejectedByItsKind) {
                                                      {"RPM", "PackagerRpmPublishIncorrectTarget", 0},
                                                      {"RPM", "PackagerRpmPublishIncorrectTarget", 1},
                                                      {"ODD", "", 0}}) {
-        SCOPED_TRACE(KelFormat("%s %u", packageType, result));
-        DeleteRows();
+        const auto trace = Begin(KelFormat("%s %u", packageType, result));
         AnswerAsParent(result);
         const KelString relay = Parent().HostAndPort();
-        const unsigned long fileId =
+        const std::uint64_t fileId =
             Put("FileType = 'PackagerZIPPackage', " + SetInfo(Make({{"AdministratedRelayGUID", kParentGuid},
                                                                     {"AdministratedRelayAddrPort", relay},
                                                                     {"PackageType", packageType},
                                                                     {"PackageRelativePath", "a/b"}})));
-        const KelString path = Load(true, fileId).FilePath;
-        Set(true, fileId, "FilePath = '/where/the/store/was/before'");
+        const KelString path = Load(kUp, fileId).FilePath;
+        Set(kUp, fileId, "FilePath = '/where/the/store/was/before'");
         callbacks_.ReceiveFile(kUrl);
         const bool rejected = !action.empty() && result == 0;
-        EXPECT_EQ(StatusOf(true, fileId), rejected ? "(none)" : kStatusReceiving);
+        EXPECT_EQ(Fields(kUp, fileId), rejected ? "(none)" : "RECEIVING");
         EXPECT_EQ(FileExists(path), !rejected);
-        const auto requests = Parent().Requests();
-        ASSERT_EQ(requests.size(), action.empty() ? 0U : 1U);
+        EXPECT_EQ(Parent().Requests().empty(), action.empty());
         if (action.empty()) continue;
-        EXPECT_EQ(requests[0].path, "/Action/" + action);
-        EXPECT_EQ(Texts(requests[0].Arguments(),
-                        "PackageRelativePath AdministratedRelayGUID AdministratedRelayAddrPort"),
-                  KelString("a/b|") + kParentGuid + "|" + relay);
+        EXPECT_EQ(Read(OnlyCallTo(Parent(), action),
+                       "PackageRelativePath AdministratedRelayGUID AdministratedRelayAddrPort"),
+                  KelFormat("a/b|%s|%S", kParentGuid, relay));
     }
 }
 
@@ -166,7 +144,7 @@ class PackedUploadTest : public CallbackThreadTest {
                               {"FileSize", size}});
     }
     /// An archive put by a child: its index (none when null), and these files beside it.
-    unsigned long PutArchive(const KelContainer* index, const KelVector<KelString>& entries) {
+    std::uint64_t PutArchive(const KelContainer* index, const Texts& entries) {
         const KelString made = Root() + "/made.zip";
         GenericArchive archive(kArchiveZip);
         archive.Create(made);
@@ -175,101 +153,84 @@ class PackedUploadTest : public CallbackThreadTest {
         for (const KelString& entry : entries)
             archive.AddEntry(entry, MakeFile(entry, entry.substr(entry.rfind('/') + 1)), 6);
         EXPECT_EQ(archive.Close(), kArchiveDone);
-        const unsigned long fileId = Put("FileType = 'FileStorePackedFiles'");
-        WriteFile(Load(true, fileId).FilePath, Content(made));
+        const std::uint64_t fileId = Put("FileType = 'FileStorePackedFiles'");
+        WriteFile(Load(kUp, fileId).FilePath, Content(made));
         return fileId;
     }
     KelContainer index_ = Make({{"PackedFile", Record("a", 1)}});
 };
 
 TEST_F(PackedUploadTest, FilesBecomeRowsAndTheArchiveGoes) {
-    index_.SetContainer("PackedFile", Record("it's", 4), 1);
-    const unsigned long fileId = PutArchive(&index_, {"upstream/t/l/c/a", "upstream/t/l/c/it's"});
-    const KelString archive = Load(true, fileId).FilePath;
+    index_.SetContainer("PackedFile", Record("b's", 3), 1);
+    const KelString archive =
+        Load(kUp, PutArchive(&index_, {"upstream/t/l/c/a", "upstream/t/l/c/b's"})).FilePath;
     callbacks_.ReceiveFile(kUrl);
     EXPECT_FALSE(FileExists(archive));
-    const KelString rest = KelFormat("|%s|%s", kStatusToBeUploaded, kChild);
-    EXPECT_EQ(Rows(Upstream(), "SELECT FileName, FileStatus, SourceDevice FROM Files ORDER BY FileName"),
-              (KelVector<KelString>{"a" + rest, "it's" + rest}));
-    EXPECT_EQ(Content(FileStore::StorePath(true, "t", "l", "c", "it's")), "it's");
-    EXPECT_EQ(DirList(FileStore::strStorageLocationToUse + "/Temp"), KelVector<KelString>{});
+    const KelString rest = KelString("|TOBEUPLOADED|") + kChild;
+    EXPECT_EQ(Rows(kUp, "SELECT FileName, FileStatus, SourceDevice FROM Files ORDER BY FileName"),
+              (Texts{"a" + rest, "b's" + rest}));
+    EXPECT_EQ(Content(FileStore::StorePath(kUp, {"t", "l", "b's", "c"})), "b's");
+    EXPECT_EQ(DirList(FileStore::strStorageLocationToUse + "/Temp"), Texts{});
 }
 
 /// What reaches beyond the upstream files is not even unpacked.
 TEST_F(PackedUploadTest, ArchiveThatCannotBeUsedLeavesNoRows) {
     const KelContainer empty, unusable = Make({{"PackedFile", Record("a", 0)}});
-    for (const auto& [name, index, entry, unpacked, stays] :
-         Table<const char*, const KelContainer*, const char*, bool, bool>{
-             {"no index", nullptr, "upstream/t/l/c/b", true, true},
-             {"nothing in the index", &empty, "upstream/t/l/c/b", true, false},
-             {"unusable record", &unusable, "upstream/t/l/c/b", true, true},
-             {"database", &index_, "Callback.sqlite", false, true},
-             {"downstream file", &index_, "downstream/t/l/c/n", false, true},
-             {"short path", &index_, "upstream/t/l/n", false, true},
-             {"other than the index", &index_, "Temp/other.xml", false, true}}) {
-        SCOPED_TRACE(name);
-        DeleteRows();
+    const char* const file = "upstream/t/l/c/b";
+    for (const auto& [name, index, entry, extractions, stays] :
+         Table<KelString, const KelContainer*, const char*, std::size_t, bool>{
+             {"no index", nullptr, file, 1, true},
+             {"nothing in the index", &empty, file, 1, false},
+             {"unusable record", &unusable, file, 1, true},
+             {"database", &index_, "Callback.sqlite", 0, true},
+             {"downstream file", &index_, "downstream/t/l/c/n", 0, true},
+             {"short path", &index_, "upstream/t/l/n", 0, true},
+             {"other than the index", &index_, "Temp/other.xml", 0, true},
+             {"extraction fails", &index_, file, 5, true}}) {
+        const auto trace = Begin(name);
+        if (name == "extraction fails") FakeResult("CoreUtilsExtractFile ()", 16003);
         const std::size_t callsBefore = CallsOf("CoreUtilsExtractFile").size();
-        const unsigned long fileId = PutArchive(index, {"upstream/t/l/c/a", entry});
-        const KelString archive = Load(true, fileId).FilePath;
+        const std::uint64_t fileId = PutArchive(index, {"upstream/t/l/c/a", entry});
+        const KelString archive = Load(kUp, fileId).FilePath;
         callbacks_.ReceiveFile(kUrl);
-        EXPECT_EQ(CallsOf("CoreUtilsExtractFile").size(), callsBefore + (unpacked ? 1 : 0));
-        EXPECT_EQ(StatusOf(true, fileId), stays ? kStatusReceiving : "(none)");
+        EXPECT_EQ(CallsOf("CoreUtilsExtractFile").size() - callsBefore, extractions);
+        EXPECT_EQ(Rows(kUp, "SELECT FileStatus FROM Files"), stays ? Texts{"RECEIVING"} : Texts{});
         EXPECT_EQ(FileExists(archive), stays);
-        EXPECT_EQ(Count(Upstream(), "Files"), stays ? "1" : "0");
     }
 }
 
-TEST_F(PackedUploadTest, ExtractionIsTriedFiveTimes) {
-    FakeResult("CoreUtilsExtractFile ()", 16003);
-    const unsigned long fileId = PutArchive(&index_, {"upstream/t/l/c/a"});
-    callbacks_.ReceiveFile(kUrl);
-    ASSERT_EQ(CallsOf("CoreUtilsExtractFile").size(), 5U);
-    EXPECT_EQ(CallsOf("CoreUtilsExtractFile")[4].GetString("DestinationPath"),
-              FileStore::strStorageLocationToUse);
-    EXPECT_EQ(StatusOf(true, fileId), kStatusReceiving);
-}
-
-TEST_F(PackedUploadTest, ArchiveThatArrivedBeforeTheStoreMovedIsUnpacked) {
+TEST_F(PackedUploadTest, RepairQueuesWhatArrivedEvenBeforeTheStoreMoved) {
     PutArchive(&index_, {"upstream/t/l/c/a"});
+    AddStored(kUp, "handled", "AVAILABLE", "FileURL = '/handled'");
+    AddFile(kUp, "absent", "RECEIVING", "FileURL = '/absent'");
     SetIni("Directories", "FileStorage", Root() + "/new");
     CleanUp();
     Initialise();
-    FileStoreRepairUploads();
-    EXPECT_EQ(callbacks_.GetFileUrl(), kUrl);
-    callbacks_.ReceiveFile(kUrl);
-    EXPECT_EQ(Names(true), KelVector<KelString>{"a"});
-    EXPECT_EQ(DirList(Root() + "/new/upstream/FileStorePackedFiles/Label"), KelVector<KelString>{});
-}
-
-TEST_F(CallbackThreadTest, RepairQueuesWhatArrived) {
-    Put();
-    AddStored(true, "handled", kStatusAvailable, "FileURL = '/handled'");
-    AddFile(true, "absent", kStatusReceiving, "FileURL = '/absent'");
-    FileStoreRepairUploads();
-    FileStoreRepairUploads();
+    for (int repetition = 0; repetition < 2; ++repetition)
+        FileStoreRepairUploads();
     EXPECT_EQ(callbacks_.GetCallbackCount(), 1U);
-    EXPECT_EQ(callbacks_.GetFileUrl(), kUrl);
+    callbacks_.ReceiveFile(callbacks_.GetFileUrl());
+    EXPECT_EQ(Names(kUp), (Texts{"handled", "absent", "a"}));
+    EXPECT_EQ(DirList(Root() + "/new/upstream/FileStorePackedFiles/l"), Texts{});
 }
 
 TEST_F(CallbackThreadTest, StartRemovesWhatIsHalfMade) {
-    const KelString store = Root() + "/store/";
+    const KelString store = Root() + "/store/", work = FileStore::strModuleDataPath + "/Temp/";
     SetIni("Directories", "FileStorage", store);
-    const KelVector<KelString> halfMade = {FileStore::strModuleDataPath + "/Temp/PACKEDFILES_1_2.zip",
-                                           FileStore::strModuleDataPath + "/Temp/.kel-abcdef",
-                                           store + "Temp/PACKEDFILES_1_2.zip.xml", store + "Temp/.kel-abcdef",
-                                           store + ".extract-1/upstream/x"};
-    const KelVector<KelString> kept = {FileStore::strModuleDataPath + "/Temp/other", store + "Temp/other",
-                                       store + "upstream/t/l/c/PACKEDFILES_1_2.zip"};
-    for (const auto& paths : {halfMade, kept})
-        for (const KelString& path : paths)
-            WriteFile(path, "x");
+    const Table<KelString, bool> files = {{work + "PACKEDFILES_1_2.zip", false},
+                                          {work + ".kel-abcdef", false},
+                                          {store + "Temp/PACKEDFILES_1_2.zip.xml", false},
+                                          {store + "Temp/.kel-abcdef", false},
+                                          {store + ".extract-1/upstream/x", false},
+                                          {work + "other", true},
+                                          {store + "Temp/other", true},
+                                          {store + "upstream/t/l/c/PACKEDFILES_1_2.zip", true}};
+    for (const auto& [path, stays] : files)
+        WriteFile(path, "x");
     CleanUp();
     Initialise();
-    for (const KelString& path : halfMade)
-        EXPECT_FALSE(FileExists(path)) << path;
-    for (const KelString& path : kept)
-        EXPECT_TRUE(FileExists(path)) << path;
+    for (const auto& [path, stays] : files)
+        EXPECT_EQ(FileExists(path), stays) << path;
 }
 
 }  // namespace

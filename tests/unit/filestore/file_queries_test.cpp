@@ -1,7 +1,5 @@
 #include "filestore/file_store_fixture.h"
-#include "kel/directory.h"
 #include "kel/text.h"
-#include "kelcore/error_codes.h"
 
 namespace {
 
@@ -10,75 +8,86 @@ class FileQueries : public FileStoreTest {
     FileQueries() { Initialise(); }
 
     static void AddThree() {
-        AddFile(false, "b", filestore::kStatusAvailable, "FileSize = 1");
-        AddFile(false, "a", filestore::kStatusMissing, "FileSize = 3");
-        AddFile(false, "old", filestore::kStatusObsolete);
-        AddFile(false, "c", filestore::kStatusAvailable, "FileSize = 2");
-        AddFile(true, "up", filestore::kStatusToBeUploaded);
+        AddFile(kDown, "b", "AVAILABLE", "FileSize = 1");
+        AddFile(kDown, "a", "MISSING", "FileSize = 3");
+        AddFile(kDown, "old", "OBSOLETE");
+        AddFile(kDown, "c", "AVAILABLE", "FileSize = 2");
+        AddFile(kUp, "up", "TOBEUPLOADED");
     }
 };
 
 TEST_F(FileQueries, ListsInTheOrderAskedForWithoutObsoleteFiles) {
     AddThree();
-    constexpr const char* kRefused = "-";
-    for (const auto& [values, names] : {std::pair{KelContainer(), "abc"},
-                                        {Make({{"SortAttr", "TransferredData"}}), "abc"},
-                                        {Make({{"SortAttr", "FileSize"}}), "bca"},
-                                        {Make({{"SortAttr", "filesize"}, {"SortOrder", "DESC"}}), "acb"},
-                                        {Make({{"ListUpstream", true}}), "up"},
-                                        {Make({{"SortAttr", "FileName; DROP TABLE Files"}}), kRefused},
-                                        {Make({{"SortAttr", "Nothing"}}), kRefused},
-                                        {Make({{"SortOrder", "ASC, FileId"}}), kRefused}}) {
+    for (const auto& [values, names] :
+         Table<KelContainer, const char*>{{KelContainer(), "abc"},
+                                          {Make({{"SortAttr", "TransferredData"}}), "abc"},
+                                          {Make({{"SortAttr", "FileSize"}}), "bca"},
+                                          {Make({{"SortAttr", "filesize"}, {"SortOrder", "DESC"}}), "acb"},
+                                          {Make({{"ListUpstream", true}}), "up"},
+                                          {Make({{"SortAttr", "FileName; DROP TABLE Files"}}), nullptr},
+                                          {Make({{"SortAttr", "Nothing"}}), nullptr},
+                                          {Make({{"SortOrder", "ASC, FileId"}}), nullptr}}) {
         SCOPED_TRACE(values.SaveToXML());
-        KelContainer arguments = values;
-        KelString listed = Call("FileStoreListFiles", arguments) == kKelErrorBadInput ? kRefused : "";
-        for (std::uint32_t i = 0; arguments.Has("Values") && i < arguments.Count("Values"); ++i)
-            listed += arguments.GetContainer("Values", i).GetString("FileName");
-        EXPECT_EQ(listed, names);
+        const KelContainer list =
+            Ask("FileStoreListFiles", values, names == nullptr ? kKelErrorBadInput : kKelOk);
+        KelString listed;
+        for (std::uint32_t i = 0; list.Has("Values") && i < list.Count("Values"); ++i)
+            listed += list.GetContainer("Values", i).GetString("FileName");
+        EXPECT_EQ(listed, names == nullptr ? "" : names);
     }
 }
 
 TEST_F(FileQueries, GivesTheDetailsOfOneFile) {
     AddThree();
     const KelContainer file = Ask("FileStoreGetFileInfo", Make({{"FileId", 4}})).GetContainer("Values");
-    const KelString names =
-        "FileId FileType FileLabel FileChecksum FileStatus Upstream KeepCopy Bypass Acknowledged Priority "
-        "CreateTime SourceDevice FirstRelay TransferredBytes";
-    for (const KelString& name : SplitText(names, ' '))
-        EXPECT_TRUE(file.Has(name)) << name;
-    EXPECT_EQ(file.GetString("FileName"), "c");
-    EXPECT_EQ(file.GetInt64("FileSize"), 2);
+    EXPECT_EQ(Read(file,
+                   "FileId FileType FileLabel FileName FileChecksum FileSize Upstream KeepCopy Bypass "
+                   "Acknowledged Priority SourceDevice FirstRelay TransferredBytes TransferredData"),
+              "4|t|l|c|c|2|false|0|false|false|100|||0|100 %");
+    EXPECT_TRUE(file.Has("CreateTime"));
+    EXPECT_EQ(file.GetString("FileStatus"), filestore::kStatusAvailable);
     EXPECT_EQ(file.GetType("FileSize"), KelContainer::Type::Int64);
-    EXPECT_EQ(file.GetString("TransferredData"), "100 %");
 
     EXPECT_FALSE(Ask("FileStoreGetFileInfo", Make({{"FileName", "c"}})).Has("Values"));
 }
 
+TEST_F(FileQueries, ProgressIsGivenInPerCent) {
+    const KelString path = MakeFile("partial", KelString(30, 'x'));
+    for (const auto& [status, file, size, progress] :
+         Table<const char*, KelString, std::int64_t, const char*>{
+             {filestore::kStatusAvailable, path, 0, "100 %"},
+             {filestore::kStatusUnicastAvailable, path, 60, "100 %"},
+             {filestore::kStatusDownloading, path, 60, "50 %"},
+             {filestore::kStatusReceiving, path, 20, "100 %"},
+             {filestore::kStatusDownloading, path, 0, "N/A"},
+             {filestore::kStatusMissing, path, 60, "N/A"},
+             {filestore::kStatusDownloading, path, INT64_MAX, "0 %"},
+             {filestore::kStatusDownloading, "absent", 60, "N/A"}})
+        EXPECT_EQ(FileStore::getFileTransferPercent(status, file, size), progress) << status << size;
+}
+
 TEST_F(FileQueries, GivesTypeAndInformationByLabelAndChecksum) {
     const KelContainer info = Make({{"Owner", "it's <me>"}});
-    const auto given = [](const KelString& checksum, const KelString& stored) {
-        AddFile(false, "n", filestore::kStatusAvailable,
-                KelFormat("FileChecksum = '%S', FileInfo = '%Q'", checksum, stored));
-        return Ask("FileStoreGetFileInformation", Make({{"FileLabel", "Label"}, {"FileChecksum", checksum}}));
-    };
-    EXPECT_EQ(given("c1", info.SaveToXML()).GetString("FileType"), "Type");
-    EXPECT_EQ(given("c2", info.SaveToXML()).GetContainer("FileInfo"), info);
-    EXPECT_TRUE(given("c3", "<Container>").GetContainer("FileInfo").IsEmpty());
+    for (const auto& [checksum, stored, given] : Table<KelString, KelString, KelContainer>{
+             {"c1", info.SaveToXML(), info}, {"c2", "<Container>", KelContainer()}}) {
+        AddFile(kDown, "n", "AVAILABLE", KelFormat("FileChecksum = '%S', FileInfo = '%Q'", checksum, stored));
+        const KelContainer answer =
+            Ask("FileStoreGetFileInformation", Make({{"FileLabel", "l"}, {"FileChecksum", checksum}}));
+        EXPECT_EQ(answer.GetString("FileType"), "t");
+        EXPECT_EQ(answer.GetContainer("FileInfo"), given);
+    }
 }
 
 TEST_F(FileQueries, ReportsMulticastGroupsAndHosts) {
     EXPECT_FALSE(Ask("FileStoreGetMulticastStatus").Has("Values"));
     for (const char* device : {"10.1.2.3:80', 'Waiting", "10.1.2.4:80', 'Waiting", "10.1.2.5:80', 'Failed"})
-        Rows(Downstream(),
-             KelFormat("INSERT INTO MulticastListenAddress (MulticastAddress, DeviceUrl, Status) "
-                       "VALUES ('224.2.0.1', 'http://u:p@%s')",
-                       device));
+        Rows(kDown, KelFormat("INSERT INTO MulticastListenAddress (MulticastAddress, DeviceUrl, Status) "
+                              "VALUES ('224.2.0.1', 'http://u:p@%s')",
+                              device));
     const KelContainer status = Ask("FileStoreGetMulticastStatus");
     ASSERT_EQ(status.Count("Values"), 2U);
-    for (std::uint32_t i = 0; i < 2; ++i) {
-        const KelContainer& group = status.GetContainer("Values", i);
-        EXPECT_EQ(group.GetInt32("CountStatus"), group.GetString("Status") == "Failed" ? 1 : 2);
-    }
+    EXPECT_EQ(Read(status.GetContainer("Values", 0), "Status CountStatus"), "Failed|1");
+    EXPECT_EQ(Read(status.GetContainer("Values", 1), "Status CountStatus"), "Waiting|2");
     const KelContainer details = Ask("FileStoreGetMulticastDetails");
     ASSERT_EQ(details.Count("Values"), 3U);
     EXPECT_EQ(details.GetContainer("Values", 0).GetString("DeviceUrl"), "10.1.2.5");
@@ -86,12 +95,11 @@ TEST_F(FileQueries, ReportsMulticastGroupsAndHosts) {
 }
 
 TEST_F(FileQueries, ResetsOnlyFilesThatWaitForMulticast) {
-    for (const char* status : {filestore::kStatusMulticastListening, filestore::kStatusAvailable})
-        AddFile(false, "n", status, "FileURL = '/it''s', FileSize = 9, Acknowledged = 1");
+    for (const char* status : {"MULTICASTLISTENING", "AVAILABLE"})
+        AddFile(kDown, "n", status, "FileURL = '/it''s', FileSize = 9, Acknowledged = 1");
     Ask("FileStoreResetMulticastStatus", Make({{"FileURL", "/it's"}}));
-    EXPECT_EQ(Rows(Downstream(), "SELECT FileStatus, FileSize, Acknowledged FROM Files ORDER BY FileId"),
-              (KelVector<KelString>{"_AGTMOD_FILESTORESTATUS_TOBEREQUESTED_|0|0",
-                                    "_AGTMOD_FILESTORESTATUS_AVAILABLE_|9|1"}));
+    EXPECT_EQ(Rows(kDown, "SELECT FileStatus, FileSize, Acknowledged FROM Files ORDER BY FileId"),
+              (Texts{"TOBEREQUESTED|0|0", "AVAILABLE|9|1"}));
 }
 
 TEST_F(FileQueries, PackageListGoesUpstreamOnceInAWhile) {
@@ -100,22 +108,22 @@ TEST_F(FileQueries, PackageListGoesUpstreamOnceInAWhile) {
         EXPECT_TRUE(static_cast<bool>(sent.LoadFromFile(container.GetString("MovePath"))));
         return 1U;
     });
-    FileStore::fRelayEnabled = true;
-    FileStore::ExecutePackageSynchroAtStartup();  // there are no packages yet
-    EXPECT_EQ(GetIni("PackageSynchronization", "LastPackageSynchro"), "");
-    for (const char* name : {"p1", "p2"})
-        AddFile(false, name, filestore::kStatusAvailable, "FileType = 'OperationalRulePackage'");
-    for (const bool isRelay : {false, true, true}) {  // the third time is too soon
+    const auto synchronise = [](bool isRelay) {
         FileStore::fRelayEnabled = isRelay;
         FileStore::ExecutePackageSynchroAtStartup();
-    }
-    const KelVector<KelContainer> calls = CallsOf("FileStoreReceiveFile");
-    ASSERT_EQ(calls.size(), 1U);
-    EXPECT_EQ(calls[0].GetString("FileType"), "PackageSyncInfo");
-    EXPECT_TRUE(calls[0].GetBool("Upstream"));
+        return !GetIni("PackageSynchronization", "LastPackageSynchro").empty();
+    };
+    EXPECT_FALSE(synchronise(true)) << "there are no packages yet";
+    for (const char* name : {"p1", "p2"})
+        AddFile(kDown, name, "AVAILABLE", "FileType = 'OperationalRulePackage'");
+    EXPECT_FALSE(synchronise(false));
+    EXPECT_TRUE(synchronise(true));
+    EXPECT_TRUE(synchronise(true));  // too soon
+    EXPECT_EQ(
+        Read(OnlyCallOf("FileStoreReceiveFile"), "FileType FileLabel FileName FileChecksum Bypass Upstream"),
+        "PackageSyncInfo|PackageSyncInfo|||false|true");
     EXPECT_EQ(sent.Count("FileName"), 2U);
     EXPECT_EQ(sent.GetString("FileName", "", 1), "p2");
-    EXPECT_NE(GetIni("PackageSynchronization", "LastPackageSynchro"), "");
     EXPECT_TRUE(DirList(FileStore::strModuleDataPath + "/Temp").empty());  // refused: nothing is left behind
 }
 

@@ -1,4 +1,4 @@
-#include "filestore/db/file_status.h"
+#include "filestore/db/files_table.h"
 #include "filestore/file_store_fixture.h"
 
 namespace {
@@ -10,56 +10,51 @@ class FileRecord : public FileStoreTest {
 
 TEST_F(FileRecord, EveryFieldSurvivesTheWayThroughARecord) {
     const char* const all = "SELECT * FROM Files";
-    Rows(Downstream(),
-         "INSERT INTO Files (FileId, FileType, FileLabel, FileName, FileChecksum, FileSize, FilePath, "
-         "FileURL, FileStatus, Upstream, KeepCopy, ExternalFile, Bypass, Acknowledged, Priority, "
-         "TransferredBytes, CreateTime, LastStatusChangeTime, SourceDevice, FirstRelay, FileInfo, "
-         "MulticastTransferToBeStarted, MulticastAddress, MulticastPort, MulticastBlockSize, "
-         "MulticastRetryNumber, TransportMode, LastRequestTime) VALUES (7, 'it''s 1 ü', 'it''s 2', "
-         "'it''s 3', 'it''s 4', 5000000000, 'it''s 5', 'it''s 6', 'it''s 7', 1, 5, 1, 1, 1, 77, 4999999999, "
-         "1700000001, 1700000002, 'it''s 8', 'it''s 9', 'it''s 10', 1, 'it''s 11', 1501, 2048, 2, "
-         "'it''s 12', 5000000003)");
-    FileStoreEntry entry;
-    ASSERT_TRUE(entry.LoadFromDatabase("FileName = 'it''s 3'", false));
-    EXPECT_FALSE(entry.LoadFromDatabase("FileName = 'none'", false)) << "and keeps its values";
-    EXPECT_EQ(entry.CreateInDatabase(true), 7U);
-    EXPECT_EQ(Rows(Upstream(), all), Rows(Downstream(), all));
+    for (const int flag : {0, 1}) {
+        DeleteRows();
+        Rows(kDown,
+             KelFormat(
+                 "INSERT INTO Files VALUES (7, 'it''s 1 ü', 'it''s 2', 'it''s 3', 'it''s 4', 5000000000, "
+                 "'it''s 5', 'it''s 6', 'it''s 7', %d, 5, %d, %d, %d, 77, 4999999999, 1700000001, "
+                 "1700000002, 'it''s 8', 'it''s 9', 'it''s 10', %d, 'it''s 11', 1501, 2048, 2, "
+                 "'it''s 12', 5000000003)",
+                 flag, 1 - flag, flag, 1 - flag, flag));
+        FileStoreEntry entry = OnlyRow(kDown);
+        EXPECT_FALSE(entry.LoadFromDatabase(8, kDown)) << "and keeps its values";
+        EXPECT_EQ(entry.CreateInDatabase(kUp), 7U);
+        EXPECT_EQ(Rows(kUp, all), Rows(kDown, all));
 
-    Rows(Upstream(), "DELETE FROM Files");
-    Rows(Upstream(), "INSERT INTO Files (FileId) VALUES (7)");
-    ASSERT_TRUE(entry.SaveToDatabase(true));
-    EXPECT_EQ(Rows(Upstream(), all), Rows(Downstream(), all));
+        Rows(kUp, "DELETE FROM Files");
+        Rows(kUp, "INSERT INTO Files (FileId) VALUES (7)");
+        ASSERT_TRUE(entry.SaveToDatabase(kUp));
+        EXPECT_EQ(Rows(kUp, all), Rows(kDown, all));
+    }
 }
 
 TEST_F(FileRecord, NewRecordGetsIdentifierAndTime) {
     FileStoreEntry entry;
-    EXPECT_EQ(entry.CreateInDatabase(false), 1U);
-    EXPECT_EQ(Rows(Downstream(), "SELECT FileId, Priority, CreateTime > 1700000000 FROM Files"),
-              KelVector<KelString>{"1|100|1"});
+    EXPECT_EQ(entry.CreateInDatabase(kDown), 1U);
+    EXPECT_EQ(OnlyFields(kDown, "FileId, Priority, CreateTime > 1700000000"), "1|100|1");
 }
 
-TEST_F(FileRecord, IsFoundByItsKey) {
-    const auto add = [](const char* name, const KelString& checksum) {
-        return AddFile(false, name, filestore::kStatusAvailable, "FileChecksum = '" + checksum + "'");
-    };
-    const auto find = [](const char* name, const char* checksum) {
-        return FileStore::FindFileInDatabase(Downstream(), "Type", "Label", name, checksum);
-    };
-    const unsigned long large = add("a", "ff"), small = add("a", "11");
-    const unsigned long open = add("b", ""), quoted = add("it's", "22");
-    EXPECT_EQ(find("a", ""), small);
-    EXPECT_EQ(find("a", "ff"), large);
-    EXPECT_EQ(find("a", "33"), 0U);
-    EXPECT_EQ(find("b", "33"), open);
-    EXPECT_EQ(find("it's", "22"), quoted);
-    EXPECT_EQ(FileStore::FindFileInDatabase(Upstream(), "Type", "Label", "a", ""), 0U);
-}
-
-TEST_F(FileRecord, UpstreamFileIsFoundByItsWholeUrl) {
-    const unsigned long fileId =
-        AddFile(true, "n", filestore::kStatusReceiving, "FileURL = '/FileStore/upstream/it''s'");
-    EXPECT_EQ(FileStore::FindFileFromUrl("/FileStore/upstream/it's"), fileId);
-    EXPECT_EQ(FileStore::FindFileFromUrl("/FileStore/upstream/it"), 0U);
+TEST_F(FileRecord, IsFoundByItsKeyOrItsWholeUrl) {
+    for (const auto& [name, checksum] :
+         Table<const char*, const char*>{{"a", "ff"}, {"a", "11"}, {"b", ""}, {"it''s", "22"}})
+        AddFile(kDown, name, "AVAILABLE", KelFormat("FileName = '%s', FileChecksum = '%s'", name, checksum));
+    for (const auto& [name, checksum, fileId, exact] :
+         Table<const char*, const char*, std::uint64_t, std::uint64_t>{{"a", "", 2, 0},
+                                                                       {"a", "ff", 1, 1},
+                                                                       {"a", "33", 0, 0},
+                                                                       {"b", "33", 3, 0},
+                                                                       {"it's", "22", 4, 4}}) {
+        SCOPED_TRACE(KelFormat("%s %s", name, checksum));
+        EXPECT_EQ(filestore::FindFileInDatabase(kDown, {"t", "l", name, checksum}), fileId);
+        EXPECT_EQ(filestore::FindExactFile(kDown, {"t", "l", name, checksum}), exact);
+        EXPECT_EQ(filestore::FindFileInDatabase(kUp, {"t", "l", name, checksum}), 0U);
+    }
+    const std::uint64_t fileId = AddFile(kUp, "n", "RECEIVING", "FileURL = '/FileStore/upstream/it''s'");
+    EXPECT_EQ(filestore::FindFileFromUrl("/FileStore/upstream/it's"), fileId);
+    EXPECT_EQ(filestore::FindFileFromUrl("/FileStore/upstream/it"), 0U);
 }
 
 }  // namespace

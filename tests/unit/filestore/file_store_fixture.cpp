@@ -1,15 +1,21 @@
 #include "filestore/file_store_fixture.h"
 
-#include <algorithm>
-#include <cstdlib>
+#include <zip.h>
+
 #include <filesystem>
 #include <map>
 #include <mutex>
+#include <regex>
+#include <stdexcept>
 
 #include "kel/file.h"
 #include "kel/ini_file.h"
 #include "kel/path.h"
+#include "kel/text.h"
 #include "kelcore/agent.h"
+#include "kelcore/callback_db.h"
+
+namespace fs = std::filesystem;
 
 namespace {
 
@@ -18,6 +24,8 @@ constexpr const char* kFakeHandle = "Fakes";
 
 /// What a freshly loaded module holds.
 void ResetModule() {
+    const KelLock identity(FileStore::mutexGUID), settings(FileStore::mutexSettings),
+        multicast(FileStore::mutexMulticastVector);
     FileStore::strOurGUID.clear();
     FileStore::strOurHostName.clear();
     FileStore::strOurIPAddress.clear();
@@ -48,27 +56,27 @@ struct Put {
     void operator()(const KelContainer& value) { container.SetContainer(name, value); }
 };
 
+/// "#MISSING#" becomes the quoted status. Long statements, which carry information of files, name none.
+KelString WithStatuses(const KelString& statement) {
+    static const std::regex name("#([A-Z_]+)#");
+    return statement.size() > 8192 ? statement
+                                   : std::regex_replace(statement, name, "'_AGTMOD_FILESTORESTATUS_$1_'");
+}
+
 }  // namespace
 
-/// What the module calls and logs; outlives the test in the fakes of a running thread.
-struct FileStoreTest::State : KelDebugContext {
-    void Write(KelDebugLevel level, const KelString&, const KelString& line) override {
-        const std::lock_guard lock(mutex);
-        log.emplace_back(level, line);
-    }
-    KelDebugLevel Level() const override { return KelDebugLevel::Trace; }
-
+struct FileStoreTest::Calls {
     std::mutex mutex;
-    std::map<KelString, KelVector<KelContainer>> calls;
-    KelVector<std::pair<KelDebugLevel, KelString>> log;
+    std::map<KelString, KelVector<KelContainer>> byName;
 };
 
-FileStoreTest::FileStoreTest() : state_(std::make_shared<State>()) {
+FileStoreTest::FileStoreTest() : calls_(std::make_shared<Calls>()) {
+    start_ = std::time(nullptr);
     MakeRoot();
     ResetModule();
     identityValues = Make({{"GUID", kGuid}, {"PreferIPAddresses", true}});
     relayValues = Make({{"IsEnabled", false}});
-    httpValues = Make({{"Port", kPort}});
+    httpValues = Make({{"Port", 1610}});
     RegisterNeighbours();
     FileStore::ModuleRegister(kModuleHandle);
 }
@@ -83,7 +91,7 @@ FileStoreTest::~FileStoreTest() {
 void FileStoreTest::MakeRoot() {
     PathCreate(Root() + "/config");
     PathCreate(Root() + "/data");
-    KelAgentConfigure({Root() + "/config/", Root() + "/data/", kAgentName, kPassword, kAddress, state_});
+    KelAgentConfigure({Root() + "/config/", Root() + "/data/", kAgentName, kPassword, "127.0.1.7", log_});
     FileStore::strModuleIniFile = Root() + "/config/FileStore.ini";
     if (!FileCopy(KEL_SOURCE_DIR "/filestore/FileStore.ini", FileStore::strModuleIniFile, true)) std::abort();
     SetIni("FileStore", "QueueGap", "3600");
@@ -99,7 +107,7 @@ void FileStoreTest::RegisterNeighbours() {
     answer("IdentityGetGUID ()", "GUID", [this] { return identityValues.GetString("GUID"); });
     answer("IdentityGetValues ()", "Values", [this] { return identityValues; });
     answer("IdentityGetHostname ()", "HostName", [] { return KelString("device7"); });
-    answer("AgentGetIPAddress ()", "IPAddress", [] { return KelString(kAddress); });
+    answer("AgentGetIPAddress ()", "IPAddress", [] { return KelString("127.0.1.7"); });
     answer("RelayGetValues ()", "Values", [this] { return relayValues; });
     answer("HttpProtocolGetParams ()", "Values", [this] { return httpValues; });
     Fake("HttpProtocolAddAlias (string AliasName, string AliasPath)",
@@ -124,14 +132,32 @@ KelContainer FileStoreTest::With(KelContainer container, Values values) {
     return container;
 }
 
+KelContainer FileStoreTest::From(KelContainer arguments, const KelString& address) {
+    return With(std::move(arguments),
+                {{"HttpProtocolRequestInfo", Make({{"HttpProtocolRequestAddress", address}})}});
+}
+
+KelContainer FileStoreTest::FromXml(const KelString& xml) {
+    KelContainer container;
+    EXPECT_TRUE(static_cast<bool>(container.LoadFromXML(xml)));
+    return container;
+}
+
+KelString FileStoreTest::Read(const KelContainer& container, const KelString& names) {
+    KelString text;
+    for (const KelString& name : SplitText(names, ' '))
+        text += "|" + container.GetString(name, "(none)");
+    return text.substr(1);
+}
+
 void FileStoreTest::Fake(const KelString& signature, Handler handler) {
     const KelString name = signature.substr(0, signature.find_first_of(" ("));
     ActionDbRegisterAction(
         signature,
-        [state = state_, name, handler = std::move(handler)](KelContainer* container) {
+        [calls = calls_, name, handler = std::move(handler)](KelContainer* container) {
             {
-                const std::lock_guard lock(state->mutex);
-                state->calls[name].push_back(*container);
+                const std::lock_guard lock(calls->mutex);
+                calls->byName[name].push_back(*container);
             }
             return handler(*container);
         },
@@ -139,13 +165,29 @@ void FileStoreTest::Fake(const KelString& signature, Handler handler) {
 }
 
 KelVector<KelContainer> FileStoreTest::CallsOf(const KelString& actionName) const {
-    const std::lock_guard lock(state_->mutex);
-    return state_->calls[actionName];
+    const std::lock_guard lock(calls_->mutex);
+    return calls_->byName[actionName];
+}
+
+KelContainer FileStoreTest::OnlyCallOf(const KelString& actionName) const {
+    const auto calls = CallsOf(actionName);
+    EXPECT_EQ(calls.size(), 1U) << actionName;
+    return calls.empty() ? KelContainer() : calls.front();
 }
 
 void FileStoreTest::BecomeMaster() {
     FakeResult("QuarnelDbRunScript ()", 0);
     FakeResult("QuarnelDbObjectListTypes ()", 0);
+}
+
+std::shared_ptr<void> FileStoreTest::Consume(const KelString& event, const KelString& signature) {
+    CallbackDbRegisterAction(event, signature, "", 0);
+    return {nullptr, [event, signature](void*) { CallbackDbDeleteAction(event, signature, ""); }};
+}
+
+KelContainer FileStoreTest::Ask(const KelString& action, KelContainer arguments, unsigned int code) {
+    EXPECT_EQ(Call(action, arguments), code) << action;
+    return arguments;
 }
 
 void FileStoreTest::SetIni(const KelString& section, const KelString& key, const KelString& value) {
@@ -154,7 +196,7 @@ void FileStoreTest::SetIni(const KelString& section, const KelString& key, const
     ASSERT_TRUE(static_cast<bool>(ini.WriteEntryValue(section, key, value)));
 }
 
-KelString FileStoreTest::GetIni(const KelString& section, const KelString& key) const {
+KelString FileStoreTest::GetIni(const KelString& section, const KelString& key) {
     IniFile ini;
     EXPECT_TRUE(ini.Open(FileStore::strModuleIniFile));
     KelString value;
@@ -162,60 +204,201 @@ KelString FileStoreTest::GetIni(const KelString& section, const KelString& key) 
     return value;
 }
 
-KelVector<KelString> FileStoreTest::Rows(DBConnection& connection, const KelString& statement) {
-    KelVector<KelString> rows;
-    const auto result = connection.Query(statement);
+KelString FileStoreTest::Shortened(const KelString& cell) {
+    constexpr std::string_view kPrefix = "_AGTMOD_FILESTORESTATUS_";
+    if (cell.starts_with(kPrefix)) return cell.substr(kPrefix.size(), cell.size() - kPrefix.size() - 1);
+    const std::int64_t time = std::strtoll(cell.c_str(), nullptr, 10);
+    return time >= start_ && time <= std::time(nullptr) && cell == std::to_string(time) ? "now" : cell;
+}
+
+FileStoreTest::Texts FileStoreTest::Rows(Side side, const KelString& statement) {
+    Texts rows;
+    const auto result = Database(side).Query(WithStatuses(statement));
     EXPECT_TRUE(result) << statement;
     for (std::size_t row = 0; result && row < result->GetRowCount(); ++row) {
         KelString text;
         for (std::size_t column = 0; column < result->GetColumns().size(); ++column)
-            text += (column > 0 ? "|" : "") + result->GetString(row, column);
+            text += (column > 0 ? "|" : "") + Shortened(result->GetString(row, column));
         rows.push_back(text);
     }
     return rows;
 }
 
-KelString FileStoreTest::Cell(DBConnection& connection, const KelString& statement) {
-    const KelVector<KelString> rows = Rows(connection, statement);
+KelString FileStoreTest::Cell(Side side, const KelString& statement) {
+    const Texts rows = Rows(side, statement);
     return rows.empty() ? KelString() : rows.front();
 }
 
-unsigned long FileStoreTest::AddFile(bool upstream, const KelString& name, const KelString& status,
-                                     const std::function<void(FileStoreEntry&)>& change) {
-    FileStoreEntry entry;
-    entry.FileType = "Type";
-    entry.FileLabel = "Label";
-    entry.FileName = name;
-    entry.FileChecksum = "0123456789abcdef0123456789abcdef";
-    entry.FileStatus = status;
-    entry.Upstream = upstream;
-    if (change) change(entry);
-    const unsigned long fileId = entry.CreateInDatabase(upstream);
+std::uint64_t FileStoreTest::AddFile(Side side, const KelString& name, const KelString& status,
+                                     const KelString& set) {
+    FileStoreEntry entry({"t", "l", name, "c"});
+    entry.Upstream = side == kUp;
+    const std::uint64_t fileId = entry.CreateInDatabase(side);
     EXPECT_NE(fileId, 0U);
+    Set(side, fileId, "FileStatus = #" + status + "#" + (set.empty() ? "" : ", ") + set);
     return fileId;
 }
 
-unsigned long FileStoreTest::AddFile(bool upstream, const KelString& name, const KelString& status,
-                                     const KelString& set) {
-    const unsigned long fileId = AddFile(upstream, name, status);
-    Rows(upstream ? Upstream() : Downstream(),
-         "UPDATE Files SET " + set + " WHERE FileId = " + std::to_string(fileId));
-    return fileId;
+void FileStoreTest::AddTarget(std::uint64_t fileId, std::uint64_t targetId, const KelString& device,
+                              std::int64_t lastNotifyTime, unsigned int wakeUp) {
+    KelContainer path;
+    if (!device.empty()) path.SetContainer(device, {});
+    Rows(kDown, KelFormat("INSERT INTO Targets (TargetId, FileId, DeviceGUID, DevicePath, TargetCreateTime, "
+                          "LastNotifyTime, WakeUpDevice) VALUES (%lu, %lu, '%Q', '%S', 1, %ld, %u)",
+                          targetId, fileId, device, path.SaveToXML(), lastNotifyTime, wakeUp));
+}
+
+void FileStoreTest::Set(Side side, std::uint64_t fileId, const KelString& set) {
+    Rows(side, KelFormat("UPDATE Files SET %S WHERE FileId = %lu", set, fileId));
+}
+
+FileStoreEntry FileStoreTest::Load(Side side, std::uint64_t fileId) {
+    FileStoreEntry entry;
+    EXPECT_TRUE(entry.LoadFromDatabase(fileId, side));
+    return entry;
+}
+
+KelString FileStoreTest::Fields(Side side, std::uint64_t fileId, const KelString& columns) {
+    const Texts rows = Rows(side, KelFormat("SELECT %S FROM Files WHERE FileId = %lu", columns, fileId));
+    return rows.empty() ? KelString("(none)") : rows.front();
+}
+
+KelString FileStoreTest::OnlyFields(Side side, const KelString& columns) {
+    EXPECT_EQ(Count(side), "1");
+    return Cell(side, "SELECT " + columns + " FROM Files");
+}
+
+FileStoreEntry FileStoreTest::OnlyRow(Side side) {
+    const KelString fileId = OnlyFields(side, "FileId");
+    return fileId.empty() ? FileStoreEntry() : Load(side, std::stoull(fileId));
+}
+
+FileStoreTest::Texts FileStoreTest::Names(Side side, const KelString& status) {
+    const KelString condition = status.empty() ? "" : "WHERE FileStatus = #" + status + "#";
+    return Rows(side, "SELECT FileName FROM Files " + condition + " ORDER BY FileId");
+}
+
+void FileStoreTest::DeleteRows() {
+    Rows(kUp, "DELETE FROM Files");
+    Rows(kDown, "DELETE FROM Files");
+    Rows(kDown, "DELETE FROM Targets");
+}
+
+std::shared_ptr<void> FileStoreTest::Refuse(DBConnection& connection, const KelString& changes) {
+    connection.Query(
+        WithStatuses("CREATE TRIGGER Refuse BEFORE " + changes + " BEGIN SELECT RAISE(ABORT, 'full'); END"));
+    return {nullptr, [&connection](void*) { connection.Query("DROP TRIGGER Refuse"); }};
 }
 
 void FileStoreTest::WriteFile(const KelString& path, const KelString& content) {
-    ASSERT_TRUE(PathCreate(std::filesystem::path(path).parent_path()));
+    ASSERT_TRUE(PathCreate(fs::path(path).parent_path()));
     TempFolder::Write(path, content);
 }
 
-bool FileStoreTest::HasLogged(KelDebugLevel level, const KelString& part) const {
-    const std::lock_guard lock(state_->mutex);
-    return std::any_of(state_->log.begin(), state_->log.end(), [&](const auto& line) {
-        return line.first == level && line.second.find(part) != KelString::npos;
+KelString FileStoreTest::MakeFile(const KelString& name, const KelString& content) {
+    WriteFile(Root() + "/" + name, content);
+    return Root() + "/" + name;
+}
+
+KelString FileStoreTest::Content(const KelString& path) {
+    const auto text = FileReadText(path, 1U << 30);
+    return text ? *text : KelString("(none)");
+}
+
+KelVector<std::pair<KelString, KelString>> FileStoreTest::ArchiveContent(const KelString& path) {
+    const std::unique_ptr<zip, void (*)(zip*)> archive(zip_open(path.c_str(), ZIP_CHECKCONS, nullptr),
+                                                       zip_discard);
+    if (!archive) throw std::runtime_error("no archive " + path);
+    KelVector<std::pair<KelString, KelString>> entries;
+    for (zip_int64_t i = 0; i < zip_get_num_entries(archive.get(), 0); ++i) {
+        zip_stat_t stat;
+        zip_stat_index(archive.get(), static_cast<zip_uint64_t>(i), 0, &stat);
+        const std::unique_ptr<zip_file_t, int (*)(zip_file_t*)> file(
+            zip_fopen_index(archive.get(), static_cast<zip_uint64_t>(i), 0), zip_fclose);
+        KelString content(stat.size, '\0');
+        if (!file || zip_fread(file.get(), content.data(), stat.size) != static_cast<zip_int64_t>(stat.size))
+            throw std::runtime_error("damaged archive " + path);
+        entries.emplace_back(stat.name, content);
+    }
+    return entries;
+}
+
+KelString FileStoreTest::Everything() const {
+    KelString text;
+    for (const auto& rows : {Rows(kDown, "SELECT * FROM Files"), Rows(kDown, "SELECT * FROM Targets"),
+                             Rows(kUp, "SELECT * FROM Files")})
+        for (const KelString& row : rows)
+            text += row + "\n";
+    for (const auto& item : fs::recursive_directory_iterator(Root()))
+        if (item.path().filename().string().find(".sqlite") == KelString::npos)
+            text += item.path().string() + "\n";
+    return text;
+}
+
+// ---- StoreTest
+
+StoreTest::StoreTest() {
+    Initialise();
+    SetParent("127.0.1.1", 1);
+}
+
+KelContainer StoreTest::TargetTree(const Texts& children) {
+    KelContainer level;
+    for (const KelString& child : children)
+        level.SetContainer(child, {});
+    return Make({{kOwnPathName, level}});
+}
+
+void StoreTest::SetParent(const KelString& name, std::uint16_t port) {
+    relayValues = With(relayValues, {{"ParentName", name}, {"ParentPort", port}, {"ParentSync", true}});
+}
+
+void StoreTest::AnswerAsParent(ScriptedServer::Script script) {
+    parent_ = std::make_unique<ScriptedServer>(std::move(script));
+    SetParent("127.0.1.1", parent_->Port());
+}
+
+void StoreTest::AnswerAsParent(unsigned int result, const KelContainer& values) {
+    AnswerAsParent(ScriptedServer::ActionScript(result, values));
+}
+
+void StoreTest::AcceptAll() {
+    AnswerAsParent([](const ScriptedServer::Request& request) -> ScriptedServer::Answer {
+        if (request.method == "PUT") return {201};
+        const KelString name = request.Arguments().GetString("FileName");
+        return ScriptedServer::ActionResult(0, Make({{"FileURL", "/FileStore/upstream/" + name}}));
     });
 }
 
-void FileStoreTest::ClearLog() {
-    const std::lock_guard lock(state_->mutex);
-    state_->log.clear();
+FileStoreTest::Texts StoreTest::OfferedNames() const {
+    Texts names;
+    for (const auto& request : parent_->Requests())
+        if (request.method == "POST") names.push_back(request.Arguments().GetString("FileName"));
+    return names;
+}
+
+KelContainer StoreTest::OnlyCallTo(const ScriptedServer& server, const KelString& action) {
+    const auto requests = server.Requests();
+    EXPECT_EQ(requests.size(), 1U);
+    if (requests.empty()) return {};
+    EXPECT_EQ(requests.front().path, "/Action/" + action);
+    return requests.front().Arguments();
+}
+
+std::uint64_t StoreTest::AddStored(Side side, const KelString& name, const KelString& status,
+                                   const KelString& set) {
+    const std::uint64_t fileId =
+        AddFile(side, name, status, KelFormat("SourceDevice = '%s', FileSize = %lu", kChild, name.size()));
+    if (!set.empty()) Set(side, fileId, set);
+    const FileStoreEntry entry = Load(side, fileId);
+    if (!entry.ExternalFile) Set(side, fileId, KelFormat("FilePath = '%Q'", PathOf(side, entry)));
+    WriteFile(Load(side, fileId).FilePath, name);
+    return fileId;
+}
+
+KelContainer StoreTest::Window(const KelString& number, int type, int slots) {
+    KelString text = number;
+    for (int i = 1; i < slots; ++i)
+        text += " " + number;
+    return Make({{"Slots", text}, {"SlotType", type}, {"UseUTCTime", true}});
 }

@@ -2,37 +2,64 @@
 
 #include <gtest/gtest.h>
 
+#include <ctime>
 #include <functional>
 #include <initializer_list>
 #include <memory>
+#include <tuple>
 #include <utility>
 #include <variant>
 
+#include "filestore/db/database.h"
 #include "filestore/db/file_status.h"
 #include "filestore/db/file_store_entry.h"
-#include "filestore/module/file_store.h"
+#include "filestore/scripted_server.h"
+#include "filestore/state/bandwidth_manager.h"
+#include "filestore/state/file_store.h"
+#include "kel/checksum.h"
 #include "kel/container.h"
+#include "kel/directory.h"
+#include "kel/file.h"
+#include "kel/format.h"
 #include "kel/temp_folder.h"
 #include "kelcore/action_db.h"
+#include "kelcore/error_codes.h"
 #include "kelcore/module.h"
+#include "kept_log.h"
+
+inline constexpr Side kDown = Side::Downstream, kUp = Side::Upstream;
+
+/// The rows of a table-driven test.
+template <class... Columns>
+using Table = KelVector<std::tuple<Columns...>>;
+
+/// A worker thread that is not started; a test runs its steps.
+template <class Thread>
+struct Exposed : Thread {
+    using Thread::DoWork;
+};
 
 /// The module on a temporary root, with the real action database and faked neighbours.
 ///
 /// The constructor makes the root with the shipped ini file, registers the module and the neighbours
 /// identity, agent, relay, HTTP protocol; nothing is initialised. Initialise opens the databases; Activate
 /// starts the threads (QueueGap is long, they do nothing of themselves). The end cleans up what is open.
+///
+/// Rows are given and looked at as SQL. A status is named by its middle: "#MISSING#" in a statement,
+/// "MISSING" in the cells that are read. A time since the test began is read as "now".
 class FileStoreTest : public ::testing::Test {
-  public:
+  protected:
     static constexpr const char* kGuid = "0A1B0000-0000-4000-8000-00000000000A";
     static constexpr const char* kParentGuid = "0A1B0000-0000-4000-8000-0000000000FF";
-    static constexpr const char* kAddress = "127.0.1.7";
-    static constexpr int kPort = 1610;
+    static constexpr const char* kOwnUrl = "127.0.1.7:1610/0A1B0000-0000-4000-8000-00000000000A";
+    static constexpr const char* kChild = "127.0.1.9:1610/0A1B0000-0000-4000-8000-0000000000C1";
     static constexpr const char* kAgentName = "agent";
     static constexpr const char* kPassword = "secret/p@ss";
 
-  protected:
     using Handler = std::function<unsigned int(KelContainer&)>;
     using Value = std::variant<KelString, bool, std::int64_t, KelContainer>;
+    using Values = std::initializer_list<std::pair<KelString, Value>>;
+    using Texts = KelVector<KelString>;
 
     FileStoreTest();
     ~FileStoreTest() override;
@@ -41,9 +68,14 @@ class FileStoreTest : public ::testing::Test {
     void Activate() { ASSERT_EQ(FileStore::ModuleActivate(), kModuleSuccess); }
     void CleanUp();  ///< ModuleCleanup; Initialise may follow
 
-    using Values = std::initializer_list<std::pair<KelString, Value>>;
+    // ---- containers
     static KelContainer Make(Values values) { return With({}, values); }
     static KelContainer With(KelContainer container, Values values);
+    /// The same arguments as they come from this address.
+    static KelContainer From(KelContainer arguments, const KelString& address);
+    static KelContainer FromXml(const KelString& xml);
+    /// The values of these names (separated by blanks) as texts, joined with "|".
+    static KelString Read(const KelContainer& container, const KelString& names);
 
     // ---- neighbours
     /// Registers (or replaces) an action for this test; CallsOf counts its calls.
@@ -52,60 +84,146 @@ class FileStoreTest : public ::testing::Test {
     void FakeResult(const KelString& signature, unsigned int result) {
         Fake(signature, [result](KelContainer&) { return result; });
     }
-    /// The arguments of every call of a faked action so far, in order.
+    /// The arguments of every call of a faked action so far, in order; of the only one.
     KelVector<KelContainer> CallsOf(const KelString& actionName) const;
+    KelContainer OnlyCallOf(const KelString& actionName) const;
     /// Registers the console's two marker actions: the device is a master then.
     void BecomeMaster();
+    /// Subscribes an action to an event for as long as the answer lives.
+    [[nodiscard]] static std::shared_ptr<void> Consume(const KelString& event, const KelString& signature);
 
     /// What the neighbours answer; change them before the call that reads them.
-    KelContainer relayValues;
-    KelContainer identityValues;
-    KelContainer httpValues;
+    KelContainer relayValues, identityValues, httpValues;
 
     // ---- the module
     /// Calls an action by name in `arguments`; its result code.
     static unsigned int Call(const KelString& action, KelContainer& arguments) {
-        return ActionDbInvokeContainer(nullptr, "", action, arguments, 0, -1, -1, nullptr);
+        return CallLocal(action, arguments);
     }
-    /// The results of a call that must succeed.
-    static KelContainer Ask(const KelString& action, KelContainer arguments = {}) {
-        EXPECT_EQ(Call(action, arguments), 0U) << action;
-        return arguments;
-    }
+    /// The results of a call that must end with this code.
+    static KelContainer Ask(const KelString& action, KelContainer arguments = {}, unsigned int code = kKelOk);
     /// Entries of the module's ini file.
-    void SetIni(const KelString& section, const KelString& key, const KelString& value);
-    KelString GetIni(const KelString& section, const KelString& key) const;
+    static void SetIni(const KelString& section, const KelString& key, const KelString& value);
+    static KelString GetIni(const KelString& section, const KelString& key);
+    bool HasLogged(KelDebugLevel level, const KelString& part) const { return log_->Count(level, part) > 0; }
 
-    // ---- databases
-    static DBConnection& Upstream() { return *FileStore::pDbConnectionUpstream; }
-    static DBConnection& Downstream() { return *FileStore::pDbConnectionDownstream; }
-    static DBConnection& Callback() { return *FileStore::pDbConnectionCallback; }
+    // ---- rows
+    static DBConnection& Database(Side side) { return FileStoreGetDatabase(side).connection; }
     /// Runs a statement that must succeed; its rows as text, cells joined with "|".
-    static KelVector<KelString> Rows(DBConnection& connection, const KelString& statement);
+    static Texts Rows(Side side, const KelString& statement);
     /// The first row in that form, empty when there is none.
-    static KelString Cell(DBConnection& connection, const KelString& statement);
-    /// Creates a file row with the key (type, label, name, checksum) and a status; its FileId.
-    static unsigned long AddFile(bool upstream, const KelString& name, const KelString& status,
-                                 const std::function<void(FileStoreEntry&)>& change = {});
-    /// The same with fields given as SQL ("FileSize = 7, Bypass = 1").
-    static unsigned long AddFile(bool upstream, const KelString& name, const KelString& status,
-                                 const KelString& set);
-    /// Writes `content` to `path`, making its folders.
-    static void WriteFile(const KelString& path, const KelString& content);
+    static KelString Cell(Side side, const KelString& statement);
+    static KelString Count(Side side, const KelString& table = "Files") {
+        return Cell(side, "SELECT COUNT(*) FROM " + table);
+    }
+    /// Creates a file row with the key t/l/name/c, a status and more fields ("FileSize = 7, Bypass = 1").
+    static std::uint64_t AddFile(Side side, const KelString& name, const KelString& status,
+                                 const KelString& set = "");
+    static void AddTarget(std::uint64_t fileId, std::uint64_t targetId, const KelString& device,
+                          std::int64_t lastNotifyTime = 0, unsigned int wakeUp = 0);
+    static void Set(Side side, std::uint64_t fileId, const KelString& set);
+    static FileStoreEntry Load(Side side, std::uint64_t fileId);
+    /// Columns of a row, joined with "|"; "(none)" when there is no row. The same of the only row of Files.
+    static KelString Fields(Side side, std::uint64_t fileId, const KelString& columns = "FileStatus");
+    static KelString OnlyFields(Side side, const KelString& columns = "FileStatus");
+    static FileStoreEntry OnlyRow(Side side);
+    static KelString Status(Side side, std::uint64_t fileId) {
+        return Fields(side, fileId, "FileStatus, LastStatusChangeTime");
+    }
+    /// FileName of every row (with that status), in the order of their FileIds.
+    static Texts Names(Side side, const KelString& status = "");
+    static void DeleteRows();
+    /// Begins a case of a table: without rows, and named in the failures as long as the answer lives.
+    [[nodiscard]] static ::testing::ScopedTrace Begin(const KelString& name) {
+        DeleteRows();
+        return {"", 0, name};
+    }
+    /// Has these changes ("DELETE ON Files") fail as on a full disk for as long as the answer lives.
+    [[nodiscard]] static std::shared_ptr<void> Refuse(DBConnection& connection, const KelString& changes);
 
-    // ---- log
-    bool HasLogged(KelDebugLevel level, const KelString& part) const;
-    void ClearLog();
-
+    // ---- files
     const KelString& Root() const { return root_.Path(); }
+    /// Writes `content` to `path`, making its folders; to a file in the root, whose path is returned.
+    static void WriteFile(const KelString& path, const KelString& content);
+    KelString MakeFile(const KelString& name, const KelString& content);
+    static KelString Content(const KelString& path);  ///< "(none)" when it cannot be read
+    static KelString PathOf(Side side, const FileStoreEntry& entry) {
+        return FileStore::StorePath(side, entry.Key());
+    }
+    /// Names and contents of a zip archive's entries, in their order; throws when it is damaged.
+    static KelVector<std::pair<KelString, KelString>> ArchiveContent(const KelString& path);
+    /// All rows and all files below the root, to see that nothing changed.
+    KelString Everything() const;
 
   private:
-    struct State;
+    struct Calls;
 
+    static KelString Shortened(const KelString& cell);
     void MakeRoot();
     void RegisterNeighbours();
 
     TempFolder root_;
-    std::shared_ptr<State> state_;
+    const std::shared_ptr<KeptLog> log_ = std::make_shared<KeptLog>();
+    const std::shared_ptr<Calls> calls_;  ///< outlives the test in the fakes of a running thread
+    inline static std::int64_t start_ = 0;
     bool initialised_ = false;
+};
+
+/// The initialised module beside a parent that follows a script, at first one that does not answer. The
+/// threads are not started: tests run their steps.
+class StoreTest : public FileStoreTest {
+  protected:
+    static constexpr const char* kOwnPathName =
+        "127.0.1.7:1610/0A1B0000-0000-4000-8000-00000000000A/02-00-7F-00-01-07/127.0.1.7/255.0.0.0";
+
+    StoreTest();
+    ~StoreTest() override { FileStore::strArchiveFilePath.clear(); }
+
+    // ---- offers
+    /// An offer of the key type/l/n/checksum.
+    static KelContainer Offer(const KelString& type = "t", const KelString& checksum = "c") {
+        return Make({{"FileType", type}, {"FileLabel", "l"}, {"FileName", "n"}, {"FileChecksum", checksum}});
+    }
+    /// The code that an offer with changed values gets.
+    static unsigned int Receive(KelContainer offer, Values values = {}) {
+        offer = With(std::move(offer), values);
+        return Call("FileStoreReceiveFile", offer);
+    }
+    static void Accept(KelContainer offer, Values values = {}) {
+        EXPECT_EQ(Receive(std::move(offer), values), kKelOk);
+    }
+    /// A target tree with these devices below this one.
+    static KelContainer TargetTree(const Texts& children);
+    /// File information that has to be escaped, and the SQL that gives it to a row.
+    static KelContainer Info() { return Make({{"Fact", "it's"}}); }
+    static KelString SetInfo(const KelContainer& info) { return "FileInfo = '" + info.SaveToXML() + "'"; }
+
+    // ---- the parent
+    void SetParent(const KelString& name, std::uint16_t port);
+    void AnswerAsParent(ScriptedServer::Script script);
+    void AnswerAsParent(unsigned int result, const KelContainer& values = {});
+    /// A parent that accepts every offer and every PUT.
+    void AcceptAll();
+    const ScriptedServer& Parent() const { return *parent_; }
+    /// FileName of every call.
+    Texts OfferedNames() const;
+    /// The arguments of the only call of a server, which must be of this action.
+    static KelContainer OnlyCallTo(const ScriptedServer& server, const KelString& action);
+
+    /// What AddFile does, with content, which is the name, in the store (an external file: at FilePath) and
+    /// its place, size and a source device in the row.
+    static std::uint64_t AddStored(Side side, const KelString& name, const KelString& status,
+                                   const KelString& set = "");
+
+    // ---- windows
+    /// A window in UTC whose slots all hold `number`.
+    static KelContainer Window(const KelString& number, int type = 2, int slots = 168);
+    static void LimitWindow(FileStoreBandwidthManager& manager, const KelString& rate) {
+        KelContainer window = Window(rate);
+        manager.UpdateTransferWindow(window);
+    }
+    static void CloseWindow(FileStoreBandwidthManager& manager) { LimitWindow(manager, "0"); }
+
+  private:
+    std::unique_ptr<ScriptedServer> parent_;
 };

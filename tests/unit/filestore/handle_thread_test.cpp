@@ -1,31 +1,25 @@
-#include <atomic>
-
-#include "filestore/transfer_fixture.h"
-#include "kel/checksum.h"
-#include "kel/directory.h"
-#include "kel/format.h"
-
-using namespace filestore;
+#include "filestore/up/handle_thread.h"
+#include "filestore/file_store_fixture.h"
 
 namespace {
 
-class HandleThreadTest : public StepTest {
+class HandleThreadTest : public StoreTest {
   protected:
     /// The consumers answer with the number that a file's name begins with.
     void SetUp() override {
-        StepTest::SetUp();
+        StoreTest::SetUp();
         Fake("TestConsume ()", [](KelContainer& call) {
             return static_cast<unsigned int>(std::atoi(call.GetString("FileName").c_str()));
         });
+        FakeResult("RelayReceiveFile ()", 0);
     }
-    static unsigned long Arrived(bool upstream, const KelString& name, const KelString& set = "") {
-        return AddStored(upstream, name, kStatusToBeHandled, set);
+    static std::uint64_t Arrived(Side side, const KelString& name, const KelString& set = "") {
+        return AddStored(side, name, "TOBEHANDLED", set);
     }
-
     /// A package that a relay administrated by this device has sent.
-    static unsigned long ArrivedPackage(const KelContainer& info = Make({{"AdministratedRelayGUID",
-                                                                          kGuid}})) {
-        return Arrived(true, "package",
+    static std::uint64_t ArrivedPackage() {
+        const KelContainer info = Make({{"AdministratedRelayGUID", kGuid}, {"AdministratedRelayID", 12}});
+        return Arrived(kUp, "package",
                        KelFormat("FileType = 'PackagerZIPPackage', FileChecksum = '%S', %S",
                                  TextMd5("package"), SetInfo(info)));
     }
@@ -36,166 +30,151 @@ class HandleThreadTest : public StepTest {
 
 TEST_F(HandleThreadTest, AnswerDecidesWhereAFileGoes) {
     const auto receiver = Consume("FileStoreCallbackReceivedFile", "TestConsume ()");
-    for (const auto& [upstream, name, status] :
-         Table<bool, const char*, const char*>{{true, "44001", kStatusToBeHandled},
-                                               {true, "44003", kStatusAvailable},
-                                               {true, "0", kStatusToBeUploaded},
-                                               {true, "18", kStatusToBeUploaded},
-                                               {false, "44001", kStatusToBeHandled},
-                                               {false, "44003", kStatusAvailable},
-                                               {false, "0", kStatusAvailable}}) {
-        SCOPED_TRACE(KelFormat("%s upstream %u", name, upstream));
-        DeleteRows();
-        const unsigned long answered = Arrived(upstream, name);
-        const unsigned long other = Arrived(upstream, "44003 too");
-        EXPECT_TRUE(handler_.HandleFile(upstream));
-        EXPECT_EQ(StatusOf(upstream, answered), status);
-        EXPECT_EQ(IsNew(upstream, answered), KelString(status) == kStatusToBeHandled);
-        EXPECT_EQ(StatusOf(upstream, other), kStatusAvailable);
+    for (const auto& [side, name, status] :
+         Table<Side, const char*, const char*>{{kUp, "44001", "TOBEHANDLED"},
+                                               {kUp, "44003", "AVAILABLE"},
+                                               {kUp, "0", "TOBEUPLOADED"},
+                                               {kUp, "18", "TOBEUPLOADED"},
+                                               {kDown, "44001", "TOBEHANDLED"},
+                                               {kDown, "44003", "AVAILABLE"},
+                                               {kDown, "0", "AVAILABLE"}}) {
+        const auto trace = Begin(KelFormat("%s %s", name, filestore::SideName(side)));
+        const std::uint64_t answered = Arrived(side, name);
+        const std::uint64_t other = Arrived(side, "44003 too");
+        EXPECT_TRUE(handler_.HandleFile(side));
+        EXPECT_EQ(Fields(side, answered), status);
+        EXPECT_EQ(IsNew(side, answered), KelString(status) == "TOBEHANDLED");
+        EXPECT_EQ(Fields(side, other), "AVAILABLE");
     }
 }
 
 TEST_F(HandleThreadTest, ConsumerGetsTheFileWithItsPath) {
-    const unsigned long fileId = Arrived(true, "0", "FirstRelay = 'r', Priority = 9, " + SetInfo(Info()));
-    EXPECT_TRUE(handler_.HandleFile(true));
+    const std::uint64_t fileId = Arrived(kUp, "0", "FirstRelay = 'r', Priority = 9, " + SetInfo(Info()));
+    EXPECT_TRUE(handler_.HandleFile(kUp));
     const KelContainer call = OnlyCallOf("TestConsume");
-    EXPECT_EQ(Texts(call, "FilePath SourceDevice FirstRelay Upstream Priority"),
-              KelFormat("%S|%s|r|true|9", Load(true, fileId).FilePath, kChild));
+    EXPECT_EQ(Read(call,
+                   "FileType FileLabel FileName FileChecksum FilePath SourceDevice FirstRelay Upstream "
+                   "Priority"),
+              KelFormat("t|l|0|c|%S|%s|r|true|9", Load(kUp, fileId).FilePath, kChild));
     EXPECT_EQ(call.GetContainer("FileInfo"), Info());
 }
 
 /// This device is a target of a downstream file as long as no target row with an empty name says otherwise.
 TEST_F(HandleThreadTest, LocalTargetRowMakesADownstreamFileACopyOnly) {
     const auto copier = Consume("FileStoreCallbackCopyDownstream", "TestConsume ()");
-    AddTarget(Arrived(false, "0"), 1, "");
-    EXPECT_TRUE(handler_.HandleFile(false));
+    AddTarget(Arrived(kDown, "0"), 1, "");
+    EXPECT_TRUE(handler_.HandleFile(kDown));
     EXPECT_EQ(CallsOf("TestConsume").size(), 1U);
 }
 
 TEST_F(HandleThreadTest, AbsentFileIsDroppedAndAbsentPackageWaits) {
-    AddFile(true, "file", kStatusToBeHandled);
-    AddFile(true, "package", kStatusToBeHandled, SetInfo(Make({{"AdministratedRelayGUID", kGuid}})));
+    AddFile(kUp, "file", "TOBEHANDLED");
+    EXPECT_TRUE(FileDelete(Load(kUp, ArrivedPackage()).FilePath));
     handler_.DoWork();
-    EXPECT_EQ(Names(true), KelVector<KelString>{"package"});
-    EXPECT_EQ(Names(true, kStatusToBeHandled), KelVector<KelString>{"package"});
+    EXPECT_EQ(OnlyFields(kUp, "FileName, FileStatus"), "package|TOBEHANDLED");
     EXPECT_TRUE(CallsOf("TestConsume").empty());
 }
 
 TEST_F(HandleThreadTest, StepTakesBatchAfterBatchAndEndsWhenConsumersAreNotReady) {
     for (int i = 0; i < 120; ++i)
-        Arrived(true, KelFormat("0 %d", i));
-    Arrived(true, "44001");
+        Arrived(kUp, KelFormat("0 %d", i));
+    Arrived(kUp, "44001");
     handler_.DoWork();
-    EXPECT_EQ(Names(true, kStatusToBeUploaded).size(), 120U);
-    EXPECT_EQ(Names(true, kStatusToBeHandled), KelVector<KelString>{"44001"});
+    EXPECT_EQ(Names(kUp, "TOBEUPLOADED").size(), 120U);
+    EXPECT_EQ(Names(kUp, "TOBEHANDLED"), Texts{"44001"});
 }
 
 TEST_F(HandleThreadTest, MissingFileIsOfferedToTheModulesFirst) {
-    const KelString supplied = KelString(kStatusNotRelaysChild) + "|1";
     for (const auto& [name, answer, isMaster, goesOn, row] :
-         Table<const char*, unsigned int, bool, bool, KelString>{
-             {"will provide", 15, false, true, supplied},
-             {"nobody has it", 0, false, true, KelString(kStatusToBeRequested) + "|0"},
-             {"will provide, master", 15, true, true, supplied},
+         Table<const char*, unsigned int, bool, bool, const char*>{
+             {"will provide", 15, false, true, "NOTRELAYSCHILD|1"},
+             {"unknown to all", 0, false, true, "TOBEREQUESTED|0"},
+             {"will provide, master", 15, true, true, "NOTRELAYSCHILD|1"},
              {"known request, master", 16154, true, false, "(none)"},
-             {"nobody has it, master", 0, true, false, "(none)"}}) {
+             {"unknown to all, master", 0, true, false, "(none)"}}) {
         if (isMaster) BecomeMaster();
         FakeResult("TestSupply ()", answer);
         const auto supplier = Consume("FileStoreCallbackFileRequest", "TestSupply ()");
-        for (const bool upstream : {false, true}) {
-            SCOPED_TRACE(KelFormat("%s upstream %u", name, upstream));
-            DeleteRows();
-            const unsigned long fileId = AddFile(upstream, name, kStatusMissing);
+        for (const Side side : {kDown, kUp}) {
+            const auto trace = Begin(KelFormat("%s %s", name, filestore::SideName(side)));
+            const std::uint64_t fileId = AddFile(side, name, "MISSING");
             AddTarget(fileId, 1, kChild);
-            EXPECT_EQ(handler_.LocalRequestFile(upstream), goesOn);
-            EXPECT_EQ(Fields(upstream, fileId, "FileStatus, Acknowledged"), row);
-            EXPECT_EQ(Count(Downstream(), "Targets"), goesOn || upstream ? "1" : "0");
+            EXPECT_EQ(handler_.LocalRequestFile(side), goesOn);
+            EXPECT_EQ(Fields(side, fileId, "FileStatus, Acknowledged"), row);
+            EXPECT_EQ(Count(kDown, "Targets"), goesOn || side == kUp ? "1" : "0");
         }
     }
-    EXPECT_FALSE(handler_.LocalRequestFile(false));
+    EXPECT_FALSE(handler_.LocalRequestFile(kDown));
 }
 
 TEST_F(HandleThreadTest, PackageOfAnAdministratedRelayIsPublishedHere) {
-    FakeResult("RelayReceiveFile ()", 0);
-    const KelContainer info = Make({{"AdministratedRelayGUID", kGuid}, {"AdministratedRelayID", 12}});
-    const unsigned long fileId = ArrivedPackage(info);
-    EXPECT_TRUE(handler_.HandleFile(true));
-    EXPECT_EQ(StatusOf(true, fileId), "(none)");
-    const FileStoreEntry package = OnlyRow(false);
-    EXPECT_EQ(package.FileType, "OperationalRulePackage");
-    EXPECT_EQ(package.FileStatus, kStatusAvailable);
-    EXPECT_EQ(package.KeepCopy, static_cast<std::uint32_t>(FileStore::eKeepCopyMask));
-    EXPECT_EQ(package.FilePath, PathOf(false, package));
+    const std::uint64_t fileId = ArrivedPackage();
+    const KelContainer info = FromXml(Load(kUp, fileId).FileInfo);
+    EXPECT_TRUE(handler_.HandleFile(kUp));
+    EXPECT_EQ(Fields(kUp, fileId), "(none)");
+    const FileStoreEntry package = OnlyRow(kDown);
+    EXPECT_EQ(OnlyFields(kDown, "FileType, FileStatus, KeepCopy, FileSize"),
+              KelFormat("OperationalRulePackage|AVAILABLE|%d|7", FileStore::eKeepCopyMask.load()));
+    EXPECT_EQ(package.FilePath, PathOf(kDown, package));
     EXPECT_EQ(Content(package.FilePath), "package");
-    const KelContainer told = OnlyCallOf("RelayReceiveFile");
-    EXPECT_EQ(Texts(told, "FilePath SourceDevice Upstream"),
-              KelFormat("%S|%s|true", package.FilePath, kChild));
-    EXPECT_EQ(told.GetContainer("FileInfo"), info);
+    const KelContainer call = OnlyCallOf("RelayReceiveFile");
+    EXPECT_EQ(Read(call, "FileType FileChecksum FilePath SourceDevice Upstream"),
+              KelFormat("PackagerZIPPackage|%S|%S|%s|true", TextMd5("package"), package.FilePath, kChild));
+    EXPECT_EQ(call.GetContainer("FileInfo"), info);
 
-    const FileStoreEntry offered = OnlyRow(true);
-    EXPECT_EQ(offered.FileType, "PackagerAdministratedPackage");
-    EXPECT_EQ(offered.FileStatus, kStatusToBeHandled);
+    const FileStoreEntry offered = OnlyRow(kUp);
+    EXPECT_EQ(OnlyFields(kUp, "FileType, FileStatus"), "PackagerAdministratedPackage|TOBEHANDLED");
     EXPECT_EQ(Content(offered.FilePath), "package");
-    EXPECT_EQ(Texts(FromXml(offered.FileInfo), "SendingToMaster AdministratedRelayID"), "1|12");
+    EXPECT_EQ(Read(FromXml(offered.FileInfo), "SendingToMaster AdministratedRelayID"), "1|12");
 
     // What goes on to the master is not published a second time, and a repetition finds the row.
-    EXPECT_TRUE(handler_.HandleFile(true));
-    EXPECT_EQ(OnlyRow(true).FileStatus, kStatusToBeUploaded);
-    ArrivedPackage(info);
-    EXPECT_TRUE(handler_.HandleFile(true));
-    EXPECT_EQ(OnlyRow(false).FileId, package.FileId);
+    EXPECT_TRUE(handler_.HandleFile(kUp));
+    EXPECT_EQ(OnlyFields(kUp), "TOBEUPLOADED");
+    ArrivedPackage();
+    EXPECT_TRUE(handler_.HandleFile(kUp));
+    EXPECT_EQ(OnlyRow(kDown).FileId, package.FileId);
 }
 
 TEST_F(HandleThreadTest, PackageThatWasAskedForBeforeItCameIsAvailableWhole) {
-    const unsigned long asked =
-        AddFile(false, "package", kStatusToBeRequested,
+    const std::uint64_t asked =
+        AddFile(kDown, "package", "TOBEREQUESTED",
                 KelFormat("FileType = 'OperationalRulePackage', FileChecksum = '%S'", TextMd5("package")));
     ArrivedPackage();
     handler_.DoWork();
-    const FileStoreEntry package = OnlyRow(false);
-    EXPECT_EQ(package.FileId, asked);
-    EXPECT_EQ(package.FilePath, PathOf(false, package));
     FileStore::UpdateScriptAndPackageStatus(0);
-    EXPECT_EQ(Fields(false, asked, "FileStatus, FileSize"), KelString(kStatusAvailable) + "|7");
+    EXPECT_EQ(OnlyFields(kDown, "FileId, FileStatus, FileSize, FilePath"),
+              KelFormat("%lu|AVAILABLE|7|%S", asked, PathOf(kDown, Load(kDown, asked))));
 }
 
 TEST_F(HandleThreadTest, PackageIsKeptUntilItsOfferIsTaken) {
-    const unsigned long fileId = ArrivedPackage();
+    const std::uint64_t fileId = ArrivedPackage();
     const KelString temp = FileStore::strModuleDataPath + "/Temp";
     DirDelete(temp, true);
     handler_.DoWork();
-    EXPECT_EQ(StatusOf(true, fileId), kStatusToBeHandled);
+    EXPECT_EQ(Fields(kUp, fileId), "TOBEHANDLED");
     DirCreate(temp);
     handler_.DoWork();
-    EXPECT_EQ(StatusOf(true, fileId), "(none)");
-    EXPECT_EQ(OnlyRow(true).FileType, "PackagerAdministratedPackage");
+    EXPECT_EQ(OnlyFields(kUp, "FileType"), "PackagerAdministratedPackage");
 }
 
 TEST_F(HandleThreadTest, EmptyPackageIsPublishedHereOnly) {
-    FakeResult("RelayReceiveFile ()", 0);
-    const unsigned long fileId = ArrivedPackage();
-    WriteFile(PathOf(true, Load(true, fileId)), "");
-    handler_.DoWork();
-    handler_.DoWork();
+    WriteFile(Load(kUp, ArrivedPackage()).FilePath, "");
+    for (int step = 0; step < 2; ++step)
+        handler_.DoWork();
     EXPECT_EQ(CallsOf("RelayReceiveFile").size(), 1U);
-    EXPECT_EQ(Count(Upstream(), "Files"), "0");
-    EXPECT_EQ(OnlyRow(false).FileStatus, kStatusAvailable);
+    EXPECT_EQ(Count(kUp), "0");
+    EXPECT_EQ(OnlyFields(kDown), "AVAILABLE");
 }
 
 TEST_F(HandleThreadTest, PackageWhoseRowStaysIsPublishedOnceAStep) {
-    struct OneStep : FileStoreHandleThread {
-        void ThreadMain() override { DoWork(); }
-    } thread;
-    std::atomic<int> published = 0;
+    ArrivedPackage();
+    auto full = Refuse(Database(kUp), "DELETE ON Files");
     Fake("RelayReceiveFile ()", [&](KelContainer&) {
-        if (++published == 10) thread.Cancel(0, false);
+        if (CallsOf("RelayReceiveFile").size() > 1) full.reset();  // one too many: let the step end
         return 0U;
     });
-    ArrivedPackage();
-    Rows(Upstream(), "CREATE TRIGGER full BEFORE DELETE ON Files BEGIN SELECT RAISE(ABORT, 'full'); END");
-    thread.Start();
-    thread.Join();
-    EXPECT_EQ(published, 1);
+    handler_.DoWork();
+    EXPECT_EQ(CallsOf("RelayReceiveFile").size(), 1U);
 }
 
 }  // namespace

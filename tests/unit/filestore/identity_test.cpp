@@ -1,5 +1,4 @@
 #include "filestore/file_store_fixture.h"
-#include "kelcore/error_codes.h"
 #include "kelcore/http/url.h"
 #include "kelcore/net/socket.h"
 
@@ -7,7 +6,6 @@ namespace {
 
 class DeviceIdentity : public FileStoreTest {
   protected:
-    static constexpr const char* kOurUrl = "127.0.1.7:1610/0A1B0000-0000-4000-8000-00000000000A";
     static constexpr const char* kNewGuid = "0A1B0000-0000-4000-8000-00000000000B";
 
     static KelString DeviceUrl() {
@@ -17,36 +15,37 @@ class DeviceIdentity : public FileStoreTest {
     }
 };
 
-TEST_F(DeviceIdentity, DeviceUrlFollowsThePreferenceAtOnce) {
-    EXPECT_EQ(DeviceUrl(), kOurUrl);
-    identityValues.SetBool("PreferIPAddresses", false);
-    KelString host = GetLocalHostName();
-    if (!GetLocalDomainName().empty()) host += "." + GetLocalDomainName();
-    EXPECT_EQ(DeviceUrl(), host + ":1610/" + kGuid);
-}
-
-TEST_F(DeviceIdentity, UnknownOrUnusableGuidGivesNothing) {
+TEST_F(DeviceIdentity, DeviceUrlFollowsTheNeighbours) {
     for (const char* guid : {"", "it's", "a/b"}) {
         identityValues.SetString("GUID", guid);
         EXPECT_EQ(DeviceUrl(), "") << guid;
     }
+    identityValues.SetString("GUID", kGuid);
+    for (const auto& [port, expected] : Table<int, const char*>{{-1, "4294967295"}, {1999, "1999"}}) {
+        httpValues.SetInt32("Port", port);
+        EXPECT_EQ(DeviceUrl(), KelFormat("127.0.1.7:%s/%s", expected, kGuid));
+    }
+    identityValues.SetBool("PreferIPAddresses", false);
+    KelString host = GetLocalHostName();
+    if (!GetLocalDomainName().empty()) host += "." + GetLocalDomainName();
+    EXPECT_EQ(DeviceUrl(), host + ":1999/" + kGuid);
+
+    identityValues.SetString("GUID", kNewGuid);
+    FileStore::UpdateGuidScheme();
+    EXPECT_EQ(CallsOf("IdentityValidateGUIDScheme").size(), 1U);
+    EXPECT_EQ(DeviceUrl(), host + ":1999/" + kNewGuid);
     FakeResult("IdentityGetGUID ()", 5);
+    FileStore::UpdateGuidScheme();
     EXPECT_EQ(DeviceUrl(), "");
 }
 
-TEST_F(DeviceIdentity, PortIsAskedForAgainUntilItIsKnown) {
-    httpValues.SetInt32("Port", -1);
-    EXPECT_EQ(DeviceUrl(), KelString("127.0.1.7:4294967295/") + kGuid);
-    httpValues.SetInt32("Port", 1999);
-    EXPECT_EQ(DeviceUrl(), KelString("127.0.1.7:1999/") + kGuid);
-}
-
 TEST_F(DeviceIdentity, ParentIsReachedByItsNameFirstWhenItIsInSync) {
-    for (const auto& [name, address, sync, host] : {std::tuple{"parent", "127.0.1.1", true, "parent"},
-                                                    {"parent", "", true, "parent"},
-                                                    {"", "127.0.1.1", true, "127.0.1.1"},
-                                                    {"", "", true, ""},  // no host: no URL
-                                                    {"parent", "127.0.1.1", false, ""}}) {
+    for (const auto& [name, address, sync, host] :
+         Table<const char*, const char*, bool, KelString>{{"parent", "127.0.1.1", true, "parent"},
+                                                          {"parent", "", true, "parent"},
+                                                          {"", "127.0.1.1", true, "127.0.1.1"},
+                                                          {"", "", true, ""},  // no host: no URL
+                                                          {"parent", "127.0.1.1", false, ""}}) {
         SCOPED_TRACE(KelFormat("'%s' at '%s'", name, address));
         relayValues = Make({{"ParentName", name}, {"ParentIPAddress", address}, {"ParentPort", 1611}});
         relayValues = With(relayValues, {{"ParentGuid", kParentGuid}, {"ParentSync", sync}});
@@ -54,12 +53,10 @@ TEST_F(DeviceIdentity, ParentIsReachedByItsNameFirstWhenItIsInSync) {
         FileStore::GetRelayUrl(text, guid);
         EXPECT_EQ(guid, kParentGuid);
         UrlInet url;
-        EXPECT_EQ(UrlParseInet(text, url), *host != '\0') << text;
+        EXPECT_EQ(UrlParseInet(text, url), !host.empty()) << text;
         EXPECT_EQ(url.host, host);
-        if (url.host.empty()) continue;
-        EXPECT_EQ(url.port, 1611);
-        EXPECT_EQ(url.user, kAgentName);
-        EXPECT_EQ(url.password, kPassword);
+        if (host.empty()) continue;
+        EXPECT_EQ(std::tuple(url.port, url.user, url.password), std::tuple(1611, kAgentName, kPassword));
     }
     FakeResult("RelayGetValues ()", 1);
     KelString text = "left over", guid;
@@ -73,9 +70,7 @@ TEST_F(DeviceIdentity, DeviceUrlsAndPathNamesGiveCallUrlAndGuid) {
         FileStore::GetDeviceUrl(device, text, guid);
         UrlInet url;
         ASSERT_TRUE(UrlParseInet(text, url)) << text;
-        EXPECT_EQ(url.host, "10.1.2.3");
-        EXPECT_EQ(url.port, 1610);
-        EXPECT_EQ(url.password, kPassword);
+        EXPECT_EQ(std::tuple(url.host, url.port, url.password), std::tuple("10.1.2.3", 1610, kPassword));
         EXPECT_EQ(guid, "0A1B-X");
     }
 }
@@ -94,15 +89,7 @@ TEST_F(DeviceIdentity, PathsAreCheckedAgainstTheOwnGuid) {
         EXPECT_FALSE(FileStore::CheckGuidScheme(foreign)) << foreign;
 }
 
-TEST_F(DeviceIdentity, GuidSchemeUpdateAsksTheIdentityModuleAgain) {
-    DeviceUrl();
-    identityValues.SetString("GUID", kNewGuid);
-    FileStore::UpdateGuidScheme();
-    EXPECT_EQ(CallsOf("IdentityValidateGUIDScheme").size(), 1U);
-    EXPECT_EQ(DeviceUrl(), KelString("127.0.1.7:1610/") + kNewGuid);
-}
-
-TEST_F(DeviceIdentity, AGuidThatChangesWhileItIsAskedForIsTheNewOne) {
+TEST_F(DeviceIdentity, NewGuidNamesTheSourceOfWaitingFilesAndOutlivesAnOlderAnswer) {
     Initialise();
     Fake("IdentityGetGUID ()", [](KelContainer& container) {
         Ask("FileStoreGUIDCallback", Make({{"GUID", kNewGuid}}));
@@ -110,44 +97,25 @@ TEST_F(DeviceIdentity, AGuidThatChangesWhileItIsAskedForIsTheNewOne) {
         return 0U;
     });
     EXPECT_EQ(DeviceUrl(), KelString("127.0.1.7:1610/") + kNewGuid);
-}
-
-TEST_F(DeviceIdentity, NewGuidNamesTheSourceOfWaitingFiles) {
-    Initialise();
-    AddFile(true, "nameless", filestore::kStatusToBeUploaded);
-    AddFile(true, "named", filestore::kStatusToBeUploaded, "SourceDevice = 'h:1/G'");
-    const KelVector<KelString> expected = {KelString("127.0.1.7:1610/") + kNewGuid, "h:1/G"};
-    for (int i = 0; i < 2; ++i) {
-        Ask("FileStoreGUIDCallback", Make({{"GUID", kNewGuid}}));
-        EXPECT_EQ(Rows(Upstream(), "SELECT SourceDevice FROM Files ORDER BY FileId"), expected);
+    AddFile(kUp, "nameless", "TOBEUPLOADED");
+    AddFile(kUp, "named", "TOBEUPLOADED", "SourceDevice = 'h:1/G'");
+    for (int repetition = 0; repetition < 2; ++repetition) {
+        Ask("FileStoreGUIDCallback", Make({{"GUID", kGuid}}));
+        EXPECT_EQ(Rows(kUp, "SELECT SourceDevice FROM Files ORDER BY FileId"), (Texts{kOwnUrl, "h:1/G"}));
     }
 }
 
 TEST_F(DeviceIdentity, EventsFromOtherDevicesAndUnusableOnesChangeNothing) {
     Initialise();
-    EXPECT_EQ(DeviceUrl(), kOurUrl);
-    const KelContainer request = Make({{"HttpProtocolRequestAddress", "127.0.1.9"}});
-    for (KelContainer arguments :
-         {Make({{"GUID", kNewGuid}, {"NewIPAddress", "127.0.1.8"}, {"HttpProtocolRequestInfo", request}}),
-          Make({{"GUID", "x'; DROP TABLE Files --"}, {"NewIPAddress", "somewhere"}})}) {
-        EXPECT_EQ(Call("FileStoreGUIDCallback", arguments), kKelErrorBadInput);
-        EXPECT_EQ(Call("FileStoreIPCallback", arguments), kKelErrorBadInput);
-    }
-    EXPECT_EQ(DeviceUrl(), kOurUrl);
-    Ask("FileStoreIPCallback", Make({{"NewIPAddress", "127.0.1.8"}}));
+    EXPECT_EQ(DeviceUrl(), kOwnUrl);
+    const KelContainer event = Make({{"GUID", kNewGuid}, {"NewIPAddress", "127.0.1.8"}});
+    for (const KelContainer& arguments : {From(event, "127.0.1.9"), Make({{"GUID", "x'; DROP TABLE Files --"},
+                                                                          {"NewIPAddress", "somewhere"}})})
+        for (const char* action : {"FileStoreGUIDCallback", "FileStoreIPCallback"})
+            Ask(action, arguments, kKelErrorBadInput);
+    EXPECT_EQ(DeviceUrl(), kOwnUrl);
+    Ask("FileStoreIPCallback", event);
     EXPECT_EQ(DeviceUrl(), KelString("127.0.1.8:1610/") + kGuid);
-}
-
-TEST_F(DeviceIdentity, FileSizeComesFromTheOwnStoreOnlyWhileAvailable) {
-    Initialise();
-    const KelString path = Root() + "/file";
-    WriteFile(path, "12345");
-    const unsigned long fileId =
-        AddFile(false, "n", filestore::kStatusAvailable, "FilePath = '" + path + "'");
-    KelContainer arguments = Make({{"FileType", "Type"}, {"FileLabel", "Label"}, {"FileName", "n"}});
-    EXPECT_EQ(Ask("FileStoreRequestFileSize", arguments).GetInt64("FileSize"), 5);
-    FileStore::UpdateFileStatus(Downstream(), fileId, filestore::kStatusDownloading, 0, 0);
-    EXPECT_NE(Call("FileStoreRequestFileSize", arguments), kKelOk);
 }
 
 }  // namespace

@@ -1,5 +1,4 @@
 #include <algorithm>
-#include <array>
 #include <atomic>
 #include <thread>
 
@@ -8,20 +7,16 @@
 
 #include "filestore/file_store_fixture.h"
 #include "filestore/module/action_gate.h"
-#include "kel/text.h"
+#include "filestore/module/workers.h"
 #include "kelcore/callback_db.h"
-#include "kelcore/error_codes.h"
 
 namespace {
 
 class Lifecycle : public FileStoreTest {
   protected:
     static long RunningThreads() {
-        const std::array<const KelThread*, 7> threads = {
-            &FileStore::threadDelete,   &FileStore::threadPush,     &FileStore::threadPull,
-            &FileStore::threadNotify,   &FileStore::threadCallback, &FileStore::threadHandler,
-            &FileStore::threadMulticast};
-        return std::count_if(threads.begin(), threads.end(),
+        const auto workers = filestore::Workers();
+        return std::count_if(workers.begin(), workers.end(),
                              [](const KelThread* thread) { return thread->IsThreadRunning(); });
     }
 };
@@ -35,26 +30,19 @@ TEST_F(Lifecycle, EventsAreSubscribedUntilTheModuleIsUnregistered) {
     }
 }
 
-TEST_F(Lifecycle, ActionsAreRegisteredAndRefuseCallsWhileTheDatabasesAreClosed) {
-    const KelString actions =
-        "FileStoreAcknowledgeFile FileStoreDeletePackage FileStoreGUIDCallback FileStoreGetDeviceUrl "
-        "FileStoreGetFileInfo FileStoreGetFileInformation FileStoreGetMulticastDetails "
-        "FileStoreGetMulticastStatus FileStoreGetNotifiableFiles FileStoreGetValues FileStoreHttpPutCallback "
-        "FileStoreIPCallback FileStoreIsPatchInventoryUploaded FileStoreListFiles "
-        "FileStorePerformManualUpload "
-        "FileStoreReceiveFile FileStoreReceiveUnconnectedFile FileStoreRequestFile FileStoreRequestFileSize "
-        "FileStoreResetMulticastStatus FileStoreSetValues FileStoreTransferWindowCallback "
-        "PackageSendSyncInfo";
-    for (const KelString& action : SplitText(actions, ' ')) {
-        KelContainer arguments;
-        EXPECT_EQ(Call(action, arguments), kKelErrorNotAvailable) << action;
-    }
+TEST_F(Lifecycle, ActionsRefuseCallsWhileTheDatabasesAreClosed) {
+    const auto signatures = ActionDbListActions();
     Initialise();
     Ask("FileStoreListFiles");
     CleanUp();
-    KelContainer after;
-    EXPECT_EQ(Call("FileStoreListFiles", after), kKelErrorNotAvailable);
     EXPECT_EQ(FileStore::pDbConnectionUpstream, nullptr);
+    int actions = 0;
+    for (const KelString& signature : signatures) {
+        if (!signature.starts_with("FileStore") && !signature.starts_with("Package")) continue;
+        ++actions;
+        Ask(signature.substr(0, signature.find(' ')), {}, kKelErrorNotAvailable);
+    }
+    EXPECT_EQ(actions, 23);
 }
 
 TEST_F(Lifecycle, InitialisationFailsAndClosesWhatItOpenedWithoutADatabase) {
@@ -68,16 +56,15 @@ TEST_F(Lifecycle, ActivationPublishesTheFoldersAndStartsTheThreads) {
     SetIni("AlternativePackagesRepository", "PackagesRepositoryPath", "/srv/packages");
     Initialise();
     Activate();
-    EXPECT_EQ(CallsOf("HttpProtocolDeleteAlias"),
-              KelVector<KelContainer>{Make({{"AliasName", "FileStore"}, {"CompletelyRemove", true}})});
-    KelVector<KelString> added;
+    EXPECT_EQ(OnlyCallOf("HttpProtocolDeleteAlias"),
+              Make({{"AliasName", "FileStore"}, {"CompletelyRemove", true}}));
+    Texts added;
     for (const KelContainer& call : CallsOf("HttpProtocolAddAlias"))
-        added.push_back(call.GetString("AliasName") + " " + call.GetString("AliasPath"));
+        added.push_back(Read(call, "AliasName AliasPath"));
     const KelString data = Root() + "/data/FileStore";
-    EXPECT_EQ(added,
-              (KelVector<KelString>{"FileStore/upstream " + data + "/upstream",
-                                    "FileStore/downstream " + data + "/downstream", "FileStore " + data,
-                                    "AlternativePackagesRepositoryPath /srv/packages"}));
+    EXPECT_EQ(added, (Texts{"FileStore/upstream|" + data + "/upstream",
+                            "FileStore/downstream|" + data + "/downstream", "FileStore|" + data,
+                            "AlternativePackagesRepositoryPath|/srv/packages"}));
     EXPECT_EQ(RunningThreads(), 7);
     CleanUp();
     EXPECT_EQ(RunningThreads(), 0);
@@ -86,17 +73,16 @@ TEST_F(Lifecycle, ActivationPublishesTheFoldersAndStartsTheThreads) {
 TEST_F(Lifecycle, ActivationGoesOnWithNeighboursThatFailOrAreAbsent) {
     FakeResult("HttpProtocolAddAlias (string AliasName, string AliasPath)", 1);
     FakeResult("HttpProtocolDeleteAlias (string AliasName, bool CompletelyRemove)", 1);
-    Initialise();
-    Activate();
-    EXPECT_TRUE(HasLogged(KelDebugLevel::Error, "Failed to add alias FileStore/downstream"));
-    EXPECT_EQ(RunningThreads(), 7);
-    CleanUp();
-
-    ActionDbUnregisterAll("Fakes");
-    Initialise();
-    Activate();
-    EXPECT_TRUE(HasLogged(KelDebugLevel::Warning, "HttpProtocolHandler's actions are not registered."));
-    EXPECT_EQ(RunningThreads(), 7);
+    for (const auto& [level, text] : Table<KelDebugLevel, const char*>{
+             {KelDebugLevel::Error, "Failed to add alias FileStore/downstream"},
+             {KelDebugLevel::Warning, "HttpProtocolHandler's actions are not registered."}}) {
+        Initialise();
+        Activate();
+        EXPECT_TRUE(HasLogged(level, text));
+        EXPECT_EQ(RunningThreads(), 7);
+        CleanUp();
+        ActionDbUnregisterAll("Fakes");
+    }
 }
 
 TEST_F(Lifecycle, RoleIsDeterminedWithItsUploadPolicy) {
@@ -104,12 +90,12 @@ TEST_F(Lifecycle, RoleIsDeterminedWithItsUploadPolicy) {
     SetIni("UploadPolicy", "MaxFilesToConcat", "7");
     SetIni("UploadPolicy", "ArchiveType", "TAR");
     for (const auto& [isMaster, isRelay, setting, keepCopyMask, packing] :
-         {std::tuple{false, false, "auto", 4, "none"},
-          {false, true, "Auto", 2, "auto"},
-          {false, true, "manual", 2, "manual"},
-          {false, true, "sometimes", 2, "none"},
-          {true, true, "auto", 1, "none"}}) {
-        SCOPED_TRACE(KelFormat("%s, %s", isMaster ? "master" : isRelay ? "relay" : "client", setting));
+         Table<bool, bool, const char*, int, const char*>{{false, false, "auto", 4, "none"},
+                                                          {false, true, "Auto", 2, "auto"},
+                                                          {false, true, "manual", 2, "manual"},
+                                                          {false, true, "sometimes", 2, "none"},
+                                                          {true, true, "auto", 1, "none"}}) {
+        SCOPED_TRACE(KelFormat("master %d, relay %d, %s", isMaster, isRelay, setting));
         if (isMaster) BecomeMaster();
         relayValues.SetBool("IsEnabled", isRelay);
         SetIni("UploadPolicy", "ConcatFiles", setting);
@@ -117,9 +103,10 @@ TEST_F(Lifecycle, RoleIsDeterminedWithItsUploadPolicy) {
         Activate();
         EXPECT_EQ(FileStore::eKeepCopyMask, keepCopyMask);
         EXPECT_EQ(FileStore::eArchiveType, 1);
-        EXPECT_EQ(Ask("FileStoreGetValues").GetContainer("Values").GetString("ConcatFiles"), packing);
+        const KelContainer values = Ask("FileStoreGetValues").GetContainer("Values");
+        EXPECT_EQ(values.GetString("ConcatFiles"), packing);
         if (isRelay) {
-            EXPECT_EQ(FileStore::strExcludedFileType, "Inventory");
+            EXPECT_EQ(Read(values, "ExcludedFileType"), "Inventory");
             EXPECT_EQ(FileStore::uMaxFilesToConcat, 7U);
         }
         CleanUp();
@@ -128,22 +115,27 @@ TEST_F(Lifecycle, RoleIsDeterminedWithItsUploadPolicy) {
 
 TEST_F(Lifecycle, ActivationRepairsInterruptedReceptions) {
     Initialise();
-    for (const char* status :
-         {filestore::kStatusMulticastListening, filestore::kStatusAvailable, filestore::kStatusReceiving})
-        AddFile(
-            false, "n", status,
-            "FileSize = 12, Acknowledged = 1, LastStatusChangeTime = 99, MulticastTransferToBeStarted = 1");
+    for (const char* status : {"MULTICASTLISTENING", "AVAILABLE", "RECEIVING"})
+        AddFile(kDown, "n", status,
+                "FileSize = 12, Acknowledged = 1, LastStatusChangeTime = 99, "
+                "MulticastTransferToBeStarted = 1");
     Activate();
-    EXPECT_EQ(Rows(Downstream(),
+    EXPECT_EQ(Rows(kDown,
                    "SELECT FileStatus, FileSize, Acknowledged, LastStatusChangeTime, "
                    "MulticastTransferToBeStarted FROM Files ORDER BY FileId"),
-              (KelVector<KelString>{"_AGTMOD_FILESTORESTATUS_TOBEREQUESTED_|0|0|0|0",
-                                    "_AGTMOD_FILESTORESTATUS_AVAILABLE_|12|1|99|0",
-                                    "_AGTMOD_FILESTORESTATUS_MISSING_|12|1|0|0"}));
+              (Texts{"TOBEREQUESTED|0|0|0|0", "AVAILABLE|12|1|99|0", "MISSING|12|1|0|0"}));
 }
 
-TEST_F(Lifecycle, EntryAnswersTextsAndRefusesUnknownOperations) {
-    char buffer[kModuleTextBytes];
+TEST_F(Lifecycle, EntryDrivesALifeAndASecondOneAndAnswersTexts) {
+    char handle[] = "FileStore", buffer[kModuleTextBytes];
+    for (int life = 0; life < 2; ++life) {
+        EXPECT_EQ(ModuleMain(1, 0, handle), 1U);
+        EXPECT_EQ(ModuleMain(3, 0, nullptr), 1U);
+        EXPECT_EQ(ModuleMain(4, 0, nullptr), 1U);
+        EXPECT_EQ(Ask("FileStoreGetDeviceUrl").GetString("DeviceUrl"), kOwnUrl);
+        EXPECT_EQ(ModuleMain(5, 0, nullptr), 1U);
+        EXPECT_EQ(ModuleMain(2, 0, nullptr), 1U);
+    }
     EXPECT_EQ(ModuleMain(6, 0, buffer), 1U);
     EXPECT_STREQ(buffer, "File store module");
     EXPECT_EQ(ModuleMain(7, 0, buffer), 1U);
@@ -151,19 +143,6 @@ TEST_F(Lifecycle, EntryAnswersTextsAndRefusesUnknownOperations) {
     EXPECT_EQ(ModuleMain(9, 0, nullptr), 1U);
     for (const unsigned int operation : {0U, 8U, 10U, 4096U})
         EXPECT_EQ(ModuleMain(operation, 0, nullptr), 5U);
-}
-
-TEST_F(Lifecycle, EntryDrivesALifeAndASecondOne) {
-    char handle[] = "FileStore";
-    for (int life = 0; life < 2; ++life) {
-        EXPECT_EQ(ModuleMain(1, 0, handle), 1U);
-        EXPECT_EQ(ModuleMain(3, 0, nullptr), 1U);
-        EXPECT_EQ(ModuleMain(4, 0, nullptr), 1U);
-        EXPECT_EQ(Ask("FileStoreGetDeviceUrl").GetString("DeviceUrl"),
-                  KelFormat("%s:%d/%s", kAddress, kPort, kGuid));
-        EXPECT_EQ(ModuleMain(5, 0, nullptr), 1U);
-        EXPECT_EQ(ModuleMain(2, 0, nullptr), 1U);
-    }
 }
 
 TEST(ActionGate, CloseWaitsForCallsInsideAndLetsTheirInnerCallsPass) {

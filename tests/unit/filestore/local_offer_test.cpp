@@ -1,128 +1,210 @@
-#include "filestore/transfer_fixture.h"
-#include "kel/checksum.h"
-#include "kel/file.h"
-#include "kel/format.h"
-
-using namespace filestore;
+#include "filestore/file_store_fixture.h"
+#include "filestore/up/handle_thread.h"
 
 namespace {
 
-/// What happens to a row or a source while a file of this device is taken into the store.
-class LocalOfferTest : public StepTest {
+constexpr const char* kPaths[] = {"MovePath", "CopyPath", "FilePath"};
+
+/// Files of this device, and what happens to a row or a source while they are taken into the store.
+class LocalOfferTest : public StoreTest {
   protected:
-    /// The code that an offer with changed values gets.
-    static unsigned int Receive(KelContainer offer, Values values = {}) {
-        offer = With(std::move(offer), values);
-        return TransferTest::Receive(offer);
+    /// A target tree whose device is new: the Wake-on-LAN module, which runs `action`, is called for it while
+    /// the offer is under way.
+    KelContainer Meanwhile(const std::function<void()>& action) {
+        Fake("WakeOnLanAddSubnet ()", [action](KelContainer&) {
+            action();
+            return 0U;
+        });
+        static int device = 10;
+        return TargetTree(
+            {KelFormat("127.0.1.9:1/0A1B0000-0000-4000-8000-0000000000%d/m/127.0.1.9/255.0.0.0", ++device)});
     }
-    static void Accept(const KelContainer& offer, Values values = {}) {
-        EXPECT_EQ(Receive(offer, values), 0U);
+    /// Changes the file when this device's own URL is asked for: after its checksum was computed.
+    void ChangeWhileItIsTaken(const KelString& source, const KelString& content) {
+        Fake("IdentityGetValues ()", [this, source, content](KelContainer& container) {
+            container = Make({{"Values", identityValues}});
+            WriteFile(source, content);
+            return 0U;
+        });
+    }
+    static const KelString StoredContent(Side side, const KelString& checksum) {
+        return Content(FileStore::StorePath(side, {"t", "l", "n", checksum}));
     }
 };
 
-/// The Wake-on-LAN module is told of new targets while an offer is under way.
-TEST_F(LocalOfferTest, RowChangedWhileALocalOfferIsTakenInLosesNoPublication) {
-    const KelContainer offer =
-        With(Offer(), {{"CopyPath", MakeFile("source", "abc")},
-                       {"DevicePath", TargetTree({"127.0.1.9:1/0A1B0000-0000-4000-8000-0000000000E1/m/"
-                                                  "127.0.1.9/255.0.0.0"})}});
-    BecomeMaster();
-    KelContainer request = With(Offer(), {{"DeviceGUID", kOwnUrl}});
-    EXPECT_EQ(FileStore::ActionHandler_FileStoreRequestFile(&request), 0U);
-    Fake("WakeOnLanAddSubnet ()", [](KelContainer&) {
-        FileStore::threadHandler.LocalRequestFile(
-            false);  // on the master it ends requests for what is missing
-        return 0U;
-    });
-    Accept(offer);
-    EXPECT_EQ(OnlyRow(false).FileStatus, kStatusAvailable);
-    EXPECT_EQ(Count(Downstream(), "Targets"), "2");
-
-    DeleteRows();
-    Fake("WakeOnLanAddSubnet ()", [](KelContainer&) {
-        DeleteRows();
-        return 0U;
-    });
-    EXPECT_EQ(Receive(offer, {{"DevicePath", TargetTree({"127.0.1.9:1/0A1B0000-0000-4000-8000-0000000000E2/"
-                                                         "m/127.0.1.9/255.0.0.0"})}}),
-              1U);
-    EXPECT_EQ(Count(Downstream(), "Targets"), "0");
-}
-
-/// The device's own URL is asked for after the checksum was computed.
-TEST_F(LocalOfferTest, SourceThatChangesWhileItIsTakenIsNotStoredUnderItsOldChecksum) {
-    for (const bool upstream : {true, false})
-        for (const char* checksum : {"", "given"}) {
-            SCOPED_TRACE(KelFormat("checksum '%s' upstream %u", checksum, upstream));
-            const KelString source = MakeFile("source", "abc");
-            Fake("IdentityGetValues ()", [this, source](KelContainer& container) {
-                container = Make({{"Values", identityValues}});
-                WriteFile(source, "changed");
-                return 0U;
-            });
-            const bool isGiven = *checksum != '\0';
-            EXPECT_EQ(Receive(Offer("t", checksum),
-                              {{"Upstream", upstream}, {"CopyPath", source}, {"SourceDevice", "any"}}),
-                      isGiven ? 0U : 1U);
-            EXPECT_FALSE(FileExists(FileStore::StorePath(upstream, "t", "l", TextMd5("abc"), "n")));
-            const KelString size = Cell(upstream ? Upstream() : Downstream(), "SELECT FileSize FROM Files");
-            EXPECT_EQ(size, isGiven ? "7" : "");
+TEST_F(LocalOfferTest, SourcesAreMovedCopiedOrLeft) {
+    for (const Side side : {kUp, kDown})
+        for (const KelString value : kPaths) {
+            const auto trace = Begin(value + " " + filestore::SideName(side));
+            const bool isExternal = value == "FilePath";
+            const KelString content = value + filestore::SideName(side);
+            const KelString source = MakeFile("source", content);
+            Accept(Offer("t", ""),
+                   {{"Upstream", side == kUp}, {value, source}, {"FileURL", "/Alias/source"}});
+            EXPECT_EQ(FileExists(source), value != "MovePath");
+            const FileStoreEntry row = OnlyRow(side);
+            EXPECT_EQ(Content(row.FilePath), content);
+            EXPECT_EQ(row.FilePath == source, isExternal);
+            EXPECT_EQ(OnlyFields(side,
+                                 "FileChecksum, ExternalFile, FileSize, TransportMode, FileStatus, "
+                                 "SourceDevice, FileURL"),
+                      KelFormat("%S|%d|%lu|Local|%s|%s|%s", TextMd5(content), isExternal, content.size(),
+                                side == kUp ? "TOBEHANDLED" : "AVAILABLE", side == kUp ? kOwnUrl : "",
+                                side == kDown && isExternal ? "/Alias/source" : ""));
         }
 }
 
-TEST_F(LocalOfferTest, SourceThatIsCutOffWhileItIsTakenIsRefusedOnTheWayUp) {
-    for (const char* path : {"CopyPath", "MovePath", "FilePath"}) {
-        SCOPED_TRACE(path);
-        const KelString source = MakeFile("source", "abc");
-        Fake("IdentityGetValues ()", [this, source](KelContainer& container) {
-            container = Make({{"Values", identityValues}});
-            WriteFile(source, "");
-            return 0U;
-        });
-        EXPECT_EQ(Receive(Offer(), {{"Upstream", true}, {path, source}}), 1U);
-        EXPECT_EQ(Count(Upstream(), "Files"), "0");
+/// No device above accepts an empty file: it would be offered again and again.
+TEST_F(LocalOfferTest, UnreadableAndEmptySourcesAreRefusedAndNothingIsRecorded) {
+    const KelString empty = MakeFile("empty", "");
+    const KelString before = Everything();
+    for (const char* value : kPaths) {
+        SCOPED_TRACE(value);
+        for (const char* checksum : {"", "c"})
+            for (const bool upstream : {false, true})
+                EXPECT_EQ(
+                    Receive(Offer("t", checksum), {{"Upstream", upstream}, {value, Root() + "/absent"}}), 1U);
+        for (const char* route : {"Upstream", "Unconnected"})
+            EXPECT_EQ(Receive(Offer("t", ""), {{route, true}, {value, empty}}), 1U) << route;
+        EXPECT_EQ(Everything(), before);
     }
 }
 
-TEST_F(LocalOfferTest, RequestThatCameDuringAnOfferOutlivesItsFailure) {
+TEST_F(LocalOfferTest, KnownUpstreamFileIsHandledAgainOnlyWhenAvailable) {
+    for (const auto& [status, expected] : Table<KelString, KelString>{
+             {"", "TOBEHANDLED"}, {"AVAILABLE", "TOBEHANDLED"}, {"UPLOADING", "UPLOADING"}}) {
+        if (!status.empty()) Rows(kUp, "UPDATE Files SET FileStatus = #" + status + "#");
+        const KelString source = MakeFile("source", "abc");
+        Accept(Offer(), {{"Upstream", true}, {"MovePath", source}});
+        EXPECT_FALSE(FileExists(source));
+        EXPECT_EQ(OnlyFields(kUp), expected);
+    }
+}
+
+TEST_F(LocalOfferTest, OfferReplacesAPartialDownload) {
+    AddFile(kDown, "n", "DOWNLOADING");
+    WriteFile(FileStore::StorePath(kDown, {"t", "l", "n", "c"}), "a");
+    Accept(Offer(), {{"CopyPath", MakeFile("source", "abc")}});
+    EXPECT_EQ(OnlyFields(kDown, "FileStatus, Acknowledged"), "AVAILABLE|1");
+    EXPECT_EQ(StoredContent(kDown, "c"), "abc");
+}
+
+TEST_F(LocalOfferTest, OfferThatCannotBeStoredLeavesNoTrace) {
+    WriteFile(FileStore::strStorageLocationToUse + "downstream/t", "a file where the folder should be");
     const KelString source = MakeFile("source", "abc");
-    Fake("WakeOnLanAddSubnet ()", [source](KelContainer&) {
-        KelContainer request = Offer();
-        EXPECT_EQ(FileStore::ActionHandler_FileStoreRequestFile(&request), 0U);
+    for (const char* status : {"", "DOWNLOADING", "AVAILABLE"}) {
+        const auto trace = Begin(status);
+        if (*status != '\0') AddFile(kDown, "n", status, "LastStatusChangeTime = 77");
+        const KelString before = Everything();
+        EXPECT_EQ(Receive(Offer(), {{"CopyPath", source}, {"DevicePath", TargetTree({kChild})}}), 1U);
+        EXPECT_EQ(Everything(), before);
+    }
+}
+
+TEST_F(LocalOfferTest, RowChangedMeanwhileLosesNoPublicationAndNoRequest) {
+    BecomeMaster();
+    const KelString source = MakeFile("source", "abc");
+    const KelContainer offer = With(Offer(), {{"CopyPath", source}});
+    Ask("FileStoreRequestFile", With(Offer(), {{"DeviceGUID", kOwnUrl}}));
+    // on the master this ends requests for what is missing
+    Accept(offer, {{"DevicePath", Meanwhile([] { FileStore::threadHandler.LocalRequestFile(kDown); })}});
+    EXPECT_EQ(OnlyFields(kDown), "AVAILABLE");
+    EXPECT_EQ(Count(kDown, "Targets"), "2");
+
+    DeleteRows();
+    EXPECT_EQ(Receive(offer, {{"DevicePath", Meanwhile([] { DeleteRows(); })}}), 1U);
+    EXPECT_EQ(Count(kDown, "Targets"), "0");
+
+    const auto requestAndFail = [&] {
+        Ask("FileStoreRequestFile", Offer("t", "new"));
         FileDelete(source);
-        return 0U;
-    });
-    EXPECT_EQ(Receive(Offer(), {{"CopyPath", source},
-                                {"DevicePath", TargetTree({"127.0.1.9:1/0A1B0000-0000-4000-8000-"
-                                                           "0000000000E3/m/127.0.1.9/255.0.0.0"})}}),
-              1U);
-    EXPECT_EQ(OnlyRow(false).FileStatus, kStatusMissing);
-    EXPECT_EQ(Rows(Downstream(), "SELECT DeviceGUID FROM Targets"), KelVector<KelString>{""});
+    };
+    EXPECT_EQ(Receive(offer, {{"FileChecksum", "new"}, {"DevicePath", Meanwhile(requestAndFail)}}), 1U);
+    EXPECT_EQ(OnlyFields(kDown), "MISSING");
+    EXPECT_EQ(Rows(kDown, "SELECT DeviceGUID FROM Targets"), Texts{""});
+}
+
+TEST_F(LocalOfferTest, SourceThatChangesWhileItIsTakenIsNotStoredUnderItsOldChecksum) {
+    const KelString source = Root() + "/source";
+    for (const auto& [side, checksum, path, change, result, size] :
+         Table<Side, const char*, const char*, const char*, unsigned int, const char*>{
+             {kUp, "", "CopyPath", "changed", 1, ""},
+             {kUp, "given", "CopyPath", "changed", 0, "7"},
+             {kDown, "", "CopyPath", "changed", 1, ""},
+             {kDown, "given", "CopyPath", "changed", 0, "7"},
+             {kUp, "c", "CopyPath", "", 1, ""},  // cut off
+             {kUp, "c", "MovePath", "", 1, ""},
+             {kUp, "c", "FilePath", "", 1, ""}}) {
+        const auto trace = Begin(KelFormat("%s %s, checksum '%s'", filestore::SideName(side), path, checksum));
+        WriteFile(source, "abc");
+        ChangeWhileItIsTaken(source, change);
+        EXPECT_EQ(Receive(Offer("t", checksum),
+                          {{"Upstream", side == kUp}, {path, source}, {"SourceDevice", "any"}}),
+                  result);
+        EXPECT_EQ(StoredContent(side, TextMd5("abc")), "(none)");
+        EXPECT_EQ(Cell(side, "SELECT FileSize FROM Files"), size);
+    }
 }
 
 /// What a kill between placing the content and committing the row leaves is what a row that cannot be
 /// committed leaves.
 TEST_F(LocalOfferTest, MovedSourceIsThereUntilItsRowIsCommitted) {
-    for (const bool upstream : {true, false}) {
-        SCOPED_TRACE(upstream);
-        DBConnection& connection = upstream ? Upstream() : Downstream();
+    for (const Side side : {kUp, kDown}) {
+        SCOPED_TRACE(filestore::SideName(side));
         const KelString source = MakeFile("source", "abc");
-        const KelContainer offer = With(Offer("t", ""), {{"Upstream", upstream}, {"MovePath", source}});
-        Rows(connection,
-             KelFormat("CREATE TRIGGER Refuse BEFORE %s ON Files WHEN NEW.FileStatus <> '%s' BEGIN "
-                       "SELECT RAISE(ABORT, 'refused'); END",
-                       upstream ? "INSERT" : "UPDATE", kStatusReceiving));
+        const KelContainer offer = With(Offer("t", ""), {{"Upstream", side == kUp}, {"MovePath", source}});
+        auto full = Refuse(Database(side), KelFormat("%s ON Files WHEN NEW.FileStatus <> #RECEIVING#",
+                                                     side == kUp ? "INSERT" : "UPDATE"));
         EXPECT_EQ(Receive(offer), 1U);
         EXPECT_EQ(Content(source), "abc");
-        EXPECT_EQ(Count(connection, "Files"), "0");
-        Rows(connection, "DROP TRIGGER Refuse");
+        EXPECT_EQ(Count(side), "0");
+        full.reset();
         Accept(offer);
         EXPECT_FALSE(FileExists(source));
-        const KelString stored = OnlyRow(upstream).FilePath;
+        const KelString stored = OnlyRow(side).FilePath;
         EXPECT_EQ(Content(stored), "abc");
         Accept(offer, {{"FileChecksum", TextMd5("abc")}, {"MovePath", stored}});
         EXPECT_EQ(Content(stored), "abc") << "the store's own name for it was removed";
     }
+}
+
+// ---- files of devices that are not connected
+
+TEST_F(LocalOfferTest, UnconnectedOfferIsKeptAsideOnEveryRoute) {
+    const KelString source = MakeFile("info.xml", Info().SaveToXML());
+    Accept(Offer("IdentityIdentity", ""), {{"Unconnected", true}, {"Upstream", true}, {"MovePath", source}});
+    EXPECT_EQ(Count(kUp) + Count(kDown), "00");
+    const KelContainer kept = FromXml(Content(FileStore::strModuleDataPath + "/unconnected/identity/n"));
+    EXPECT_EQ(kept.GetString("SourceDevice"), kOwnUrl);
+    EXPECT_EQ(kept.GetContainer("FileInfo"), Info());
+    EXPECT_FALSE(FileExists(source));
+}
+
+TEST_F(LocalOfferTest, UnconnectedOfferWithoutContentIsRefusedAndCannotChangeOurGuid) {
+    const KelContainer offer = With(From(Offer(), "127.0.1.2"), {{"Unconnected", true}, {"Upstream", true}});
+    EXPECT_EQ(Receive(offer, {{"GUID", "FFFF0000-0000-4000-8000-00000000000F"}}), 1U);
+    EXPECT_EQ(Ask("FileStoreGetDeviceUrl").GetString("DeviceUrl"), kOwnUrl);
+    const KelString before = Everything();
+    Ask("FileStoreReceiveUnconnectedFile", Offer(), kKelErrorMissingContent);
+    EXPECT_EQ(Everything(), before);
+}
+
+TEST_F(LocalOfferTest, ReplayedOfferStoresItsContentAndSetsTheNextStatus) {
+    const auto replay = [](const KelContainer& offer) {
+        DeleteRows();
+        Ask("FileStoreReceiveUnconnectedFile", offer);
+        return OnlyRow(kUp);
+    };
+    const FileStoreEntry row = replay(With(Offer("IdentityIdentity", ""), {{"FileInfo", Info()}}));
+    EXPECT_EQ(OnlyFields(kUp, "FileStatus, LastStatusChangeTime, FirstRelay, Priority, FileSize"),
+              KelFormat("TOBEUPLOADED|0|0|500|%ld", FileGetSize64(row.FilePath)));
+    EXPECT_EQ(FromXml(Content(row.FilePath)), Info());
+
+    BecomeMaster();
+    const KelString source = MakeFile("source", "abc");
+    EXPECT_EQ(Content(replay(With(Offer("Inventory"), {{"FilePath", source}})).FilePath), "abc");
+    EXPECT_EQ(OnlyFields(kUp, "FileStatus, Priority"), "TOBEHANDLED|100");
+    EXPECT_TRUE(FileExists(source));
 }
 
 }  // namespace

@@ -1,122 +1,179 @@
-#include <span>
-
+#include "filestore/db/files_selection.h"
+#include "filestore/db/files_table.h"
+#include "filestore/db/targets_table.h"
 #include "filestore/file_store_fixture.h"
-#include "kel/text.h"
+
+using namespace filestore;
 
 namespace {
 
-// The selections of the module as they are run, with sample values; #X# stands for the status X.
-
-constexpr const char* kNotifyBatch =
-    "SELECT * FROM Files JOIN Targets ON Files.FileId = Targets.FileId AND LastNotifyTime < 9 WHERE "
-    "FileStatus IN (#AVAILABLE#, #NOTRELAYSCHILD#) AND LastStatusChangeTime < 9 AND (Upstream = 0 AND "
-    "Acknowledged <> 0) ORDER BY Priority DESC, ((0.33 * CreateTime) + (0.67 * LastNotifyTime)) ASC, "
-    "Files.FileId ASC LIMIT 50";
-
-constexpr const char* kDownstream[] = {
-    "SELECT FileId FROM Files WHERE FileType = 't' AND FileLabel = 'l' AND FileName = 'n' AND (FileChecksum "
-    "= 'c' OR FileChecksum = '')",
-    "SELECT FileId FROM Files WHERE FileType = 't' AND FileLabel = 'l' AND FileName = 'n' ORDER BY "
-    "FileChecksum",
-    "SELECT FileType, FileLabel FROM Files WHERE FileName = 'n' AND FileChecksum = 'c'",
-    "SELECT FileType, FileInfo FROM Files WHERE FileLabel = 'l' AND FileChecksum = 'c'",
-    "SELECT * FROM Files WHERE FileType = 'OperationalRulePackage'",
-    "SELECT * FROM Files WHERE (FileType = 'a' OR FileType = 'b') AND (FileStatus = #AVAILABLE# OR "
-    "FileStatus = #NOTRELAYSCHILD#)",
-    "SELECT * FROM Files WHERE FileStatus = #DOWNLOADING# AND LastStatusChangeTime < 9 ORDER BY Priority "
-    "DESC, FileId LIMIT 1",
-    "SELECT * FROM Files WHERE FileStatus = #AVAILABLE# AND Upstream = 0 AND Acknowledged = 0 AND "
-    "LastStatusChangeTime < 9 LIMIT 1",
-    "SELECT * FROM Files WHERE FileStatus = #MISSING# LIMIT 1",
-    "SELECT * FROM Files WHERE FileStatus = #TOBEREQUESTED# AND LastStatusChangeTime < 9 ORDER BY "
-    "LastStatusChangeTime LIMIT 1",
-    "SELECT * FROM Files AS F LEFT JOIN Targets AS T ON F.FileId = T.FileId AND DeviceGUID = '' WHERE "
-    "FileStatus = #TOBEHANDLED# ORDER BY F.FileId LIMIT 50",
-    "UPDATE Files SET FileSize = 0 WHERE FileURL = 'u' AND FileStatus = #MULTICASTLISTENING#",
-    "SELECT FileId FROM Files WHERE FileURL LIKE '%u' AND FileStatus IN (#MULTICASTLISTENING#, #RECEIVING#)",
-    "SELECT TargetId FROM Targets WHERE FileId = 1 AND DeviceGUID LIKE 'd%'",
-    "SELECT MAX(LastNotifyTime) FROM Targets WHERE DeviceGUID = 'x'",
-    "UPDATE Targets SET LastNotifyTime = 1 WHERE DeviceGUID IN ('a', 'b')",
-    "DELETE FROM Targets WHERE FileId = 1",
-};
-
-constexpr const char* kUpstream[] = {
-    "SELECT FileId FROM Files WHERE FileType = 't' AND FileLabel = 'l' AND FileName = 'n' AND (FileChecksum "
-    "= 'c' OR FileChecksum = '')",
-    "SELECT FileId FROM Files WHERE FileName = 'n' AND FileChecksum = 'c'",
-    "SELECT * FROM Files WHERE FileURL = 'u'",
-    "SELECT * FROM Files WHERE FileStatus = #MISSING# LIMIT 1",
-    "SELECT * FROM Files WHERE FileStatus = #TOBEHANDLED# ORDER BY FileId LIMIT 50",
-    "SELECT * FROM Files WHERE FileStatus = #RECEIVING#",
-    "SELECT COUNT (*) FROM Files WHERE FileStatus = #TOBEUPLOADED# AND Upstream <> 0 AND SourceDevice <> ''",
-    "SELECT FileId FROM Files WHERE FileStatus IN (#TOBEUPLOADED#, #TOBEPACKED#) AND Upstream <> 0 AND "
-    "SourceDevice <> '' AND FileType <> 'FileStorePackedFiles' LIMIT 1",
-    "UPDATE Files SET SourceDevice = 'x' WHERE SourceDevice = ''",
-};
-
+/// How SQLite runs the statements of the module, with the indexes and statistics of the shipped ini file.
 class QueryPlan : public FileStoreTest {
   protected:
     QueryPlan() { Initialise(); }
 
-    /// The steps in which SQLite runs a statement.
-    static KelVector<KelString> Plan(DBConnection& connection, const KelString& statement) {
-        const KelString begun = ReplaceAll(ReplaceAll(statement, " #", " '_AGTMOD_FILESTORESTATUS_"), "(#",
-                                           "('_AGTMOD_FILESTORESTATUS_");
-        KelVector<KelString> plan;
-        const auto result = connection.Query("EXPLAIN QUERY PLAN " + ReplaceAll(begun, "#", "_'"));
+    /// The selections, updates and deletions that `calls` runs on a database.
+    static Texts Recorded(Side side, const std::function<void()>& calls) {
+        Texts statements;
+        Database(side).SetObserver([&statements](const KelString& statement) {
+            for (const char* kind : {"SELECT", "UPDATE", "DELETE"})
+                if (statement.starts_with(kind)) statements.push_back(statement);
+        });
+        calls();
+        Database(side).SetObserver({});
+        EXPECT_FALSE(statements.empty());
+        return statements;
+    }
+    /// The steps of a statement.
+    static Texts Plan(Side side, const KelString& statement) {
+        Texts plan;
+        const auto result = Database(side).Query("EXPLAIN QUERY PLAN " + statement);
         for (std::size_t row = 0; result && row < result->GetRowCount(); ++row)
             plan.push_back(result->GetString(row, "detail"));
         EXPECT_FALSE(plan.empty()) << statement;
         return plan;
     }
+    enum class May { Search, Sort, Scan };
+    /// Checks that no statement costs more than is allowed; one that is allowed to scan must do so.
+    static void Check(Side side, May may, const std::function<void()>& calls) {
+        for (const KelString& statement : Recorded(side, calls)) {
+            SCOPED_TRACE(statement);
+            bool scans = false;
+            for (const KelString& step : Plan(side, statement)) {
+                scans |= step.starts_with("SCAN");
+                EXPECT_EQ(step.find("ANY("), KelString::npos) << step;  // a scan that skips equal values
+                EXPECT_TRUE(may != May::Search || step.find("TEMP B-TREE") == KelString::npos) << step;
+            }
+            EXPECT_EQ(scans, may == May::Scan);
+        }
+    }
+    static IdList Ids() {
+        IdList ids;
+        for (const std::uint64_t id : {1U, 2U})
+            ids.Add(id);
+        return ids;
+    }
+    const FileKey key_ = {"t", "l", "n", "c"};
 };
 
-TEST_F(QueryPlan, SearchesAnIndexAndNeverSortsARowOrderThatAnIndexGives) {
-    const auto check = [](DBConnection& connection, std::span<const char* const> statements, bool maySort) {
-        for (const char* statement : statements) {
-            SCOPED_TRACE(statement);
-            for (const KelString& step : Plan(connection, statement)) {
-                EXPECT_FALSE(step.starts_with("SCAN")) << step;
-                EXPECT_EQ(step.find("ANY("), KelString::npos) << step;  // a scan that skips equal values
-                EXPECT_TRUE(maySort || step.find("TEMP B-TREE") == KelString::npos) << step;
-            }
+TEST_F(QueryPlan, StatementsOfBothDatabasesSearchAnIndex) {
+    for (const Side side : {kDown, kUp})
+        Check(side, May::Search, [this, side] {
+            FileStoreEntry entry(key_);
+            entry.FileId = 1;
+            entry.LoadFromDatabase(1, side);
+            entry.SaveToDatabase(side);
+            FindFileInDatabase(side, key_);
+            FindFileInDatabase(side, {"t", "l", "n", ""});
+            FindExactFile(side, key_);
+            ReadFileStatus(side, 1);
+            UpdateFileStatus(side, 1, kStatusMissing, NextTry::AtOnce);
+            UpdateFileStatus(side, 1, kStatusMissing, NextTry::AtOnce, true);
+            UpdateFileStatus(side, 1, kStatusMissing, kStatusAvailable, NextTry::AtOnce);
+            UpdateFileStatus(side, Ids(), kStatusMissing, NextTry::AtOnce);
+            RestoreFileStatus(side, entry);
+            SetSuppliedByConsumer(side, 1);
+            SetSourceDevice(side, 1, "d");
+            DeleteFileRow(side, 1);
+            SelectMissingFile(side);
+            SelectFilesToHandle(side, 50);
+        });
+}
+
+TEST_F(QueryPlan, DownstreamStatementsSearchAnIndex) {
+    Check(kDown, May::Search, [] {
+        for (const Passing passing : {Passing::All, Passing::BypassOnly}) {
+            SelectDownload(9, passing);
+            SelectAcknowledgement(9, passing);
+            SelectFileToRequest(9, passing);
         }
-    };
-    check(Downstream(), kDownstream, false);
-    // Their order depends on two tables at once, or they give one row: they sort what they find.
-    const char* const sorting[] = {
-        kNotifyBatch, "SELECT * FROM FilesView WHERE FileId = 1 AND TargetId = 2 ORDER BY FileId LIMIT 1"};
-    check(Downstream(), sorting, true);
-    check(Upstream(), kUpstream, false);
+        SelectFilesOfContent("n", "c");
+        SelectFilesOfLabel("l", "c");
+        SelectAwaitedFiles("u");
+        SelectPackages();
+        for (const std::uint64_t fileId : {0U, 1U})
+            SelectHeldPackages(fileId);
+        SetDownloadPath(1, "p");
+        SetTransferredBytes(1, 1);
+        RestartDownload(1);
+        SetDownloaded(1, 1);
+        SetAcknowledged(1);
+        SetNotRelaysChild("n", "c");
+        SetLastRequestTime(1, 1);
+        SetMissing(1);
+        SetReceivedByMulticast(1, 1);
+        ResetMulticastReception("u");
+        ForgetUnfinishedOffers();
+        RecordRequestAnswer(1, {kStatusDownloading, NextTry::AtOnce, "u", 0, "c"});
+
+        SelectTarget(1, 2);
+        FindTargets(1, "");
+        FindTargets(1, "d");
+        HasTargets(1);
+        LatestNotifyTime("d");
+        SetNotifyTime(1, 1);
+        SetTargetDevice({});
+        DeleteTargetsOfDevice(1, "G");
+        RecordAnnouncements({Ids(), Ids(), Ids(), {"a", "b"}}, 1, 1);
+    });
+    // Their order depends on two tables at once: what is due is sorted.
+    for (const bool windowClosed : {false, true})
+        Check(kDown, May::Sort, [windowClosed] { SelectDueTargets(9, windowClosed, 50); });
+}
+
+TEST_F(QueryPlan, UpstreamStatementsSearchAnIndex) {
+    Check(kUp, May::Search, [] {
+        FindFileFromUrl("u");
+        SelectFilesOfUrl("u");
+        for (const Passing passing : {Passing::All, Passing::BypassOnly})
+            CountFilesToUpload(passing);
+        HasFilesToPack();
+        SelectFilesBeingReceived();
+        SetReceivingAgain(1);
+        HandleAvailableAgain(1);
+        SetMissingSourceDevices("d");
+        RecordSentFiles({{1, kStatusUploading, "u"}});
+    });
+}
+
+TEST_F(QueryPlan, TablesAreScannedOnlyWhereAllRowsAreMeant) {
+    Check(kDown, May::Scan, [] { SelectSourceDevices(); });         // another port of this device:
+    Check(kDown, May::Scan, [] { SelectAllTargets(); });            // every device URL is rewritten
+    Check(kDown, May::Scan, [] { MoveContentPaths("/a", "/b"); });  // another storage location
+    for (const Side side : {kDown, kUp})                            // a list of all files
+        Check(side, May::Scan, [side] { SelectListedFiles(side, {"FileSize", "ASC"}); });
+    // Every start: all rows lose the mark of a planned multicast transfer, those that listened are found by
+    // their status.
+    const Texts reset = Recorded(kDown, [] { ResetAllMulticast(); });
+    ASSERT_EQ(reset.size(), 2U);
+    EXPECT_EQ(Plan(kDown, reset[0]), Texts{"SCAN Files"});
+    EXPECT_TRUE(Plan(kDown, reset[1]).at(0).starts_with("SEARCH"));
 }
 
 /// With nothing due, the batch must cost nothing, however many files are kept: targets come first.
 TEST_F(QueryPlan, NotificationStartsFromTheDueTargets) {
-    EXPECT_NE(Plan(Downstream(), kNotifyBatch).at(0).find("INDEX TargetsDue (LastNotifyTime<?)"),
-              KelString::npos);
+    const Texts batch = Recorded(kDown, [] { SelectDueTargets(9, false, 50); });
+    EXPECT_NE(Plan(kDown, batch.at(0)).at(0).find("INDEX TargetsDue (LastNotifyTime<?)"), KelString::npos);
 }
 
 /// A row that failed a moment ago ends a batch, so it must come behind those that wait longer: whatever the
 /// policy and the window let pass is read from an index in the order of the last change.
 TEST_F(QueryPlan, UploadsAreTakenInTheOrderOfTheirLastChange) {
-    const KelString begin = "SELECT * FROM Files WHERE FileStatus IN ";
-    const KelString toSend =
-        begin + "(#TOBEUPLOADED#, #TOBEPACKED#) AND Upstream <> 0 AND SourceDevice <> ''";
-    const KelString toUpload = begin + "(#UPLOADING#, #TOBEPACKED#)";
-    const auto check = [](const KelString& statement, const KelString& index) {
-        for (const char* bypass : {"", " AND Bypass = 1"})
-            EXPECT_EQ(Plan(Upstream(), statement + bypass + " LIMIT 50"),
-                      KelVector<KelString>{"SEARCH Files USING INDEX " + index + " (FileStatus=?)"});
+    const auto check = [](const UploadFilter& filter, const char* sendIndex, const char* uploadIndex) {
+        for (const auto& [select, index] :
+             {std::pair(&SelectFilesToSend, sendIndex), std::pair(&SelectFilesToUpload, uploadIndex)})
+            for (const KelString& statement : Recorded(kUp, [&, select = select] { select(filter); }))
+                EXPECT_EQ(Plan(kUp, statement),
+                          Texts{KelFormat("SEARCH Files USING INDEX %s (FileStatus=?)", index)});
     };
-    for (const char* filter : {"", " AND (FileType = 'a')", " AND (FileType = 'a' OR FileType = 'b')"}) {
-        check(toSend + filter, "WorkSend");
-        check(toUpload + filter, "WorkUpload");
+    for (const Passing passing : {Passing::All, Passing::BypassOnly}) {
+        for (const Texts& types : {Texts{}, {"a"}, {"a", "b"}})
+            check({false, types, passing, 50}, "WorkSend", "WorkUpload");
+        check({true, {}, passing, 50}, "WorkArchive", "WorkArchive");
     }
-    for (const KelString& waiting : {toSend, toUpload})
-        check(waiting + " AND FileType = 'FileStorePackedFiles'", "WorkArchive");
     for (const char* index : {"WorkSend", "WorkUpload", "WorkArchive"})
-        EXPECT_EQ(Rows(Upstream(), KelFormat("SELECT name FROM pragma_index_info('%s') LIMIT 2", index)),
-                  (KelVector<KelString>{"FileStatus", "LastStatusChangeTime"}));
+        EXPECT_EQ(Rows(kUp, KelFormat("SELECT name FROM pragma_index_info('%s') LIMIT 2", index)),
+                  (Texts{"FileStatus", "LastStatusChangeTime"}));
 }
 
 }  // namespace

@@ -1,109 +1,86 @@
-#include "filestore/transfer_fixture.h"
-#include "kel/checksum.h"
-#include "kel/format.h"
+#include <filesystem>
+#include <thread>
 
-using namespace filestore;
+#include "filestore/down/notify_thread.h"
+#include "filestore/file_store_fixture.h"
 
 namespace {
 
-class RequestFileActionTest : public StepTest {
+class RequestFileActionTest : public StoreTest {
   protected:
     /// What `device` is answered that asks for the file t/l/n; the pairs replace or add arguments.
-    static KelContainer Ask(const KelString& device, Values change = {}, unsigned int result = 0) {
-        KelContainer request = With(Offer(), {{"DeviceGUID", device}, {"FileInfo", Info()}});
-        request = With(request, change);
-        EXPECT_EQ(FileStore::ActionHandler_FileStoreRequestFile(&request), result);
-        return request;
+    static KelContainer AskAs(const KelString& device, Values change = {}, unsigned int result = kKelOk) {
+        const KelContainer request = With(Offer(), {{"DeviceGUID", device}, {"FileInfo", Info()}});
+        return Ask("FileStoreRequestFile", With(request, change), result);
     }
-    /// A downstream row of the requested key.
-    static unsigned long Known(const KelString& status, const KelString& set = "Bypass = 0") {
-        return AddFile(false, "n", status,
-                       "FileType = 't', FileLabel = 'l', FileChecksum = 'c', KeepCopy = 6, " + set);
+    static Texts Targets() {
+        return Rows(kDown, "SELECT DeviceGUID, LastNotifyTime FROM Targets ORDER BY DeviceGUID");
     }
-    static KelVector<KelString> Targets() {
-        return Rows(Downstream(), "SELECT DeviceGUID, LastNotifyTime FROM Targets ORDER BY DeviceGUID");
-    }
-    static constexpr const char* kStoreUrl = "/FileStore/downstream/t/l/c/n";
 };
 
 TEST_F(RequestFileActionTest, UnknownFileIsRecordedAsMissingForItsRequester) {
     for (const KelString device : {kChild, ""}) {
-        DeleteRows();
-        const KelContainer answer = Ask(device, {{"FileName", "it's"}, {"Bypass", "1"}});
-        EXPECT_EQ(Texts(answer, "FileURL FileObsolete"), "|(none)");
-        const auto fileId = static_cast<unsigned long>(OnlyRow(false).FileId);
-        EXPECT_EQ(Fields(false, fileId, "FileStatus, FileName, TransportMode, Bypass, FileInfo"),
-                  KelFormat("%s|it's|%s|1|%S", kStatusMissing, kTransportUnknown, Info().SaveToXML()));
-        EXPECT_TRUE(IsNew(false, fileId, "LastRequestTime"));
-        EXPECT_EQ(Targets(), KelVector<KelString>{device + "|0"});
+        const auto trace = Begin(device);
+        const KelContainer answer = AskAs(device, {{"FileName", "it's"}, {"Bypass", "1"}});
+        EXPECT_EQ(Read(answer, "FileURL FileObsolete"), "|(none)");
+        EXPECT_EQ(OnlyFields(kDown, "FileStatus, FileName, TransportMode, Bypass, FileInfo"),
+                  "MISSING|it's|Unknown|1|" + Info().SaveToXML());
+        EXPECT_TRUE(IsNew(kDown, OnlyRow(kDown).FileId, "LastRequestTime"));
+        EXPECT_EQ(Targets(), Texts{device + "|0"});
     }
 }
 
-TEST_F(RequestFileActionTest, StatusOfAKnownFileDecidesTheAnswer) {
-    const KelVector<KelString> none, child = {KelString(kChild) + "|8"};
-    for (const auto& [status, answer, targets] : Table<KelString, KelString, KelVector<KelString>>{
-             {kStatusAvailable, KelString(kStoreUrl) + "|6|(none)|(none)", child},
-             {kStatusDownloading, "|6|(none)|(none)", child},
-             {kStatusMissing, "|6|(none)|(none)", child},
-             {kStatusObsolete, "(none)|(none)|true|(none)", none}}) {
-        SCOPED_TRACE(status);
-        DeleteRows();
-        const unsigned long fileId = Known(status);
+TEST_F(RequestFileActionTest, RowOfAKnownFileDecidesTheAnswer) {
+    const KelString store = "/FileStore/downstream/t/l/c/n", none = "|6|(none)|(none)";
+    const KelString external = "ExternalFile = 1, FileURL = '/QuarnelDatabase/it''s'", child = kChild;
+    enum { Alone, OnTheMaster, BesideMulticast };
+    for (const auto& [name, status, set, where, checksum, answer, targets] :
+         Table<const char*, KelString, KelString, int, const char*, KelString, Texts>{
+             {"available", "AVAILABLE", "", Alone, "c", store + none, {child + "|8"}},
+             {"no checksum", "AVAILABLE", "", Alone, "", store + "|6|(none)|c", {child + "|8"}},
+             {"downloading", "DOWNLOADING", "", Alone, "c", none, {child + "|8"}},
+             {"missing", "MISSING", "", Alone, "c", none, {child + "|8"}},
+             {"obsolete", "OBSOLETE", "", Alone, "c", "(none)|(none)|true|(none)", {}},
+             {"outside", "AVAILABLE", external, Alone, "c", "/QuarnelDatabase/it's" + none, {child + "|8"}},
+             {"multicast", "AVAILABLE", "", BesideMulticast, "c", "|(none)|(none)|(none)", {child + "|0"}},
+             {"master", "AVAILABLE", "FileURL = '/x'", OnTheMaster, "c", "/x" + none, {child + "|8"}},
+             {"master, no URL", "AVAILABLE", "", OnTheMaster, "c", store + none, {child + "|8"}}}) {
+        const auto trace = Begin(name);
+        if (where == OnTheMaster) BecomeMaster();
+        if (where == BesideMulticast) LimitWindow(FileStore::bmTrackUsageMulticast, "100");
+        const KelString keepCopy = set.empty() ? "KeepCopy = 6" : "KeepCopy = 6, " + set;
+        const std::uint64_t fileId = AddFile(kDown, "n", status, keepCopy);
         for (int repetition = 0; repetition < 2; ++repetition)
-            EXPECT_EQ(Texts(Ask(kChild), "FileURL KeepCopy FileObsolete FileChecksum"), answer);
-        EXPECT_EQ(StatusOf(false, fileId), status);
-        EXPECT_EQ(IsNew(false, fileId, "LastRequestTime"), status == kStatusAvailable);
+            EXPECT_EQ(Read(AskAs(kChild, {{"FileChecksum", checksum}}),
+                           "FileURL KeepCopy FileObsolete FileChecksum"),
+                      answer);
+        EXPECT_EQ(Fields(kDown, fileId), status);
+        EXPECT_EQ(IsNew(kDown, fileId, "LastRequestTime"), status == "AVAILABLE");
         EXPECT_EQ(Targets(), targets);
+        FileStore::bmTrackUsageMulticast.ClearWindow();
     }
 }
 
 TEST_F(RequestFileActionTest, ModuleOfThisDeviceIsATargetBesideTheOthers) {
-    AddTarget(Known(kStatusAvailable), 1000, kChild, 1);
-    EXPECT_EQ(Ask("").GetString("FileURL"), kStoreUrl);
-    EXPECT_EQ(Targets(), (KelVector<KelString>{"|8", KelString(kChild) + "|1"}));
-}
-
-TEST_F(RequestFileActionTest, ContentOutsideTheStoreIsNamedByItsOwnUrl) {
-    for (const auto& [isMaster, set, url] : Table<bool, const char*, const char*>{
-             {false, "ExternalFile = 1, FileURL = '/QuarnelDatabase/it''s'", "/QuarnelDatabase/it's"},
-             {true, "FileURL = '/QuarnelDatabase/x'", "/QuarnelDatabase/x"},
-             {true, "FileURL = ''", kStoreUrl}}) {
-        DeleteRows();
-        if (isMaster) BecomeMaster();
-        Known(kStatusAvailable, set);
-        EXPECT_EQ(Ask(kChild).GetString("FileURL"), url);
-    }
-}
-
-TEST_F(RequestFileActionTest, RequestWithoutChecksumLearnsIt) {
-    Known(kStatusAvailable);
-    EXPECT_EQ(Texts(Ask(kChild, {{"FileChecksum", ""}}), "FileURL FileChecksum"),
-              KelString(kStoreUrl) + "|c");
-}
-
-TEST_F(RequestFileActionTest, MulticastGivesNoUrlAndServesTheTargetSoon) {
-    LimitWindow(FileStore::bmTrackUsageMulticast, 100);
-    AddTarget(Known(kStatusAvailable), 1000, kChild, 77);
-    EXPECT_EQ(Texts(Ask(kChild), "FileURL KeepCopy"), "|(none)");
-    EXPECT_EQ(Targets(), KelVector<KelString>{KelString(kChild) + "|0"});
+    AddTarget(AddFile(kDown, "n", "AVAILABLE"), 1000, kChild, 1);
+    AskAs("");
+    EXPECT_EQ(Targets(), (Texts{"|8", KelString(kChild) + "|1"}));
 }
 
 TEST_F(RequestFileActionTest, ForeignSchemesAndHostileValuesChangeNothing) {
-    Known(kStatusAvailable);
+    AddFile(kDown, "n", "AVAILABLE");
     for (const auto& [name, value, result] : Table<const char*, const char*, unsigned int>{
-             {"DeviceGUID", "127.0.1.9:1610/FFFF0000-0000-4000-8000-0000000000C1", 44005},
-             {"DeviceGUID", "nonsense", 44005},
-             {"DeviceGUID", "x' OR 1=1 --", 1},
-             {"FileType", "a'b", 1},
-             {"FileType", "..", 1},
-             {"FileLabel", "a/b", 1},
-             {"FileName", "../../etc/passwd", 1},
-             {"FileName", "", 1},
-             {"FileChecksum", "a\nb", 1},
-             {"FileChecksum", "c'", 1}}) {
+             {"DeviceGUID", "127.0.1.9:1610/FFFF0000-0000-4000-8000-0000000000C1", kKelErrorGuidScheme},
+             {"DeviceGUID", "nonsense", kKelErrorGuidScheme},
+             {"DeviceGUID", "x' OR 1=1 --", kKelErrorBadInput},
+             {"FileType", "a'b", kKelErrorBadInput},
+             {"FileLabel", "a/b", kKelErrorBadInput},
+             {"FileName", "../../etc/passwd", kKelErrorBadInput},
+             {"FileName", "", kKelErrorBadInput},
+             {"FileChecksum", "c'", kKelErrorBadInput}}) {
         SCOPED_TRACE(KelFormat("%s = %s", name, value));
         const KelString before = Everything();
-        EXPECT_TRUE(Ask(kChild, {{name, value}}, result).IsEmpty());
+        EXPECT_TRUE(AskAs(kChild, {{name, value}}, result).IsEmpty());
         EXPECT_EQ(Everything(), before);
     }
 }
@@ -113,35 +90,45 @@ TEST_F(RequestFileActionTest, NetworkPackageIsServedAndAnnouncedFromTheRulePacka
     const auto receiver = Consume("FileStoreCallbackReceivedFile", "TestConsume ()");
     for (const KelString type : {"OperationalRuleNetworkPackage", "OperationalRelayPackage"}) {
         DeleteRows();
-        const unsigned long package = Known(kStatusAvailable, "FileType = 'OperationalRulePackage'");
-        const KelString path = PathOf(false, Load(false, package));
-        Set(false, package, "Acknowledged = 1, FilePath = '" + path + "'");
+        const KelString path = FileStore::StorePath(kDown, {"OperationalRulePackage", "l", "n", "c"});
+        AddFile(kDown, "n", "AVAILABLE",
+                "FileType = 'OperationalRulePackage', Acknowledged = 1, FilePath = '" + path + "'");
         const KelString url = "/FileStore/downstream/OperationalRulePackage/l/c/n";
-        EXPECT_EQ(Ask("", {{"FileType", type}}).GetString("FileURL"), url);
-        EXPECT_EQ(Ask("", {{"FileType", type}}).GetString("FileURL"), url);
+        for (int repetition = 0; repetition < 2; ++repetition)
+            EXPECT_EQ(AskAs("", {{"FileType", type}}).GetString("FileURL"), url);
         EXPECT_EQ(FileStore::threadNotify.NotifyUnicastTargets(0, 0), 1);
         EXPECT_EQ(CallsOf("TestConsume").back().GetString("FilePath"), path);
-        EXPECT_EQ(
-            Rows(Downstream(), "SELECT FileURL, ExternalFile FROM Files WHERE FileType = '" + type + "'"),
-            KelVector<KelString>{url + "|1"});
-        EXPECT_EQ(Rows(Downstream(), "SELECT FileType FROM Files ORDER BY FileId"),
-                  (KelVector<KelString>{"OperationalRulePackage", type}));
+        EXPECT_EQ(Rows(kDown, "SELECT FileType, FileURL, ExternalFile FROM Files ORDER BY FileId"),
+                  (Texts{"OperationalRulePackage||0", type + "|" + url + "|1"}));
     }
+}
+
+TEST_F(RequestFileActionTest, FileSizeComesFromTheOwnStoreOnlyWhileAvailable) {
+    const std::uint64_t fileId =
+        AddFile(kDown, "n", "AVAILABLE", "FilePath = '" + MakeFile("file", "12345") + "'");
+    EXPECT_EQ(Ask("FileStoreRequestFileSize", Offer()).GetInt64("FileSize"), 5);
+    Set(kDown, fileId, "FileStatus = #DOWNLOADING#");
+    KelContainer request = Offer();
+    EXPECT_NE(Call("FileStoreRequestFileSize", request), kKelOk);
 }
 
 class PackageRepositoryTest : public RequestFileActionTest {
   protected:
     void SetUp() override {
         RequestFileActionTest::SetUp();
-        FileStore::strPackagesRepositoryPath = Root() + "/repository";
-        stored_ = MakeFile("repository/n", "content");
+        Configure(Root() + "/repository", true);
     }
-    void TearDown() override { FileStore::strPackagesRepositoryPath.clear(); }
+    void TearDown() override { Configure("", true); }
+    static void Configure(const KelString& folders, bool copies) {
+        const KelLock lock(FileStore::mutexSettings);
+        FileStore::strPackagesRepositoryPath = folders;
+        FileStore::fPackagesRepositoryCopy = copies;
+    }
     static KelString UrlFor(const KelString& checksum) {
-        return Ask(kChild, {{"FileChecksum", checksum}}).GetString("FileURL", "none");
+        return AskAs(kChild, {{"FileChecksum", checksum}}).GetString("FileURL", "none");
     }
 
-    KelString stored_;
+    const KelString source_ = MakeFile("repository/n", "content");
     const KelString checksum_ = TextMd5("content");
 };
 
@@ -153,41 +140,52 @@ TEST_F(PackageRepositoryTest, FileIsCopiedOrReferredToAndServedFromTheNextReques
                                       {" " + one, false, true},  // no alias serves what comes from these
                                       {Root() + "/absent , " + one, false, true}}) {
         SCOPED_TRACE(KelFormat("'%S' %u", folders, copies));
-        FileStore::strPackagesRepositoryPath = folders;
-        FileStore::fPackagesRepositoryCopy = copies;
+        Configure(folders, copies);
         DeleteRows();
         EXPECT_EQ(UrlFor(checksum_), "");
-        const FileStoreEntry row = OnlyRow(false);
-        EXPECT_EQ(row.FileStatus, kStatusAvailable);
-        EXPECT_EQ(row.FilePath, copied ? PathOf(false, row) : stored_);
-        EXPECT_EQ(row.ExternalFile, !copied);
-        EXPECT_EQ(row.FileSize, 7);
-        EXPECT_EQ(Content(row.FilePath), "content");
-        EXPECT_EQ(Content(stored_), "content");
+        const FileStoreEntry row = OnlyRow(kDown);
+        EXPECT_EQ(row.FilePath, copied ? PathOf(kDown, row) : source_);
+        EXPECT_EQ(OnlyFields(kDown, "FileStatus, ExternalFile, FileSize"),
+                  KelFormat("AVAILABLE|%d|7", !copied));
+        EXPECT_EQ(Content(row.FilePath) + Content(source_), "contentcontent");
         EXPECT_TRUE(Targets().empty());
-        const FileStoreEntry offered = OnlyRow(true);
+        const FileStoreEntry offered = OnlyRow(kUp);
         EXPECT_EQ(Content(offered.FilePath), "content");
-        EXPECT_EQ(Texts(FromXml(offered.FileInfo).GetContainer("PackagerAdministratedPackage"),
-                        "AdministratedRelayGUID AdministratedRelayAddrPort SendingToMaster"),
+        EXPECT_EQ(Read(FromXml(offered.FileInfo).GetContainer("PackagerAdministratedPackage"),
+                       "AdministratedRelayGUID AdministratedRelayAddrPort SendingToMaster"),
                   KelString(kGuid) + "|127.0.1.7:1610|1");
         EXPECT_EQ(UrlFor(checksum_), copied ? "/FileStore/downstream/t/l/" + checksum_ + "/n"
                                             : "/AlternativePackagesRepositoryPath/n");
     }
 }
 
-TEST_F(PackageRepositoryTest, CopyThatFailsIsLogged) {
-    FileStore::fPackagesRepositoryCopy = true;
-    WriteFile(FileStore::strStorageLocationToUse + "downstream/t", "a file where the folder should be");
-    EXPECT_EQ(UrlFor(checksum_), "");
-    EXPECT_EQ(OnlyRow(false).FileStatus, kStatusMissing);
-    EXPECT_TRUE(HasLogged(KelDebugLevel::Error, stored_ + "' from the package repository to"));
+TEST_F(PackageRepositoryTest, CallsSideBySideEnterAFileOnce) {
+    std::filesystem::resize_file(source_, 16 << 20);  // long enough to be read by all of them at once
+    KelString checksum;
+    ASSERT_TRUE(FileMd5(source_, checksum));
+    for (const bool isKnown : {false, true}) {
+        DeleteRows();
+        if (isKnown) AddFile(kDown, "n", "MISSING", "FileChecksum = '" + checksum + "'");
+        KelVector<std::thread> callers;
+        for (int i = 0; i < 4; ++i)
+            callers.emplace_back([&checksum] { UrlFor(checksum); });
+        for (std::thread& caller : callers)
+            caller.join();
+        EXPECT_EQ(OnlyFields(kDown), "AVAILABLE");
+        EXPECT_EQ(Count(kUp), "1");
+    }
 }
 
-TEST_F(PackageRepositoryTest, OtherContentCountsAsAbsent) {
-    EXPECT_EQ(UrlFor("0123"), "");
-    EXPECT_EQ(OnlyRow(false).FileStatus, kStatusMissing);
-    EXPECT_EQ(Targets(), KelVector<KelString>{KelString(kChild) + "|0"});
-    EXPECT_EQ(Count(Upstream(), "Files"), "0");
+TEST_F(PackageRepositoryTest, OtherContentAndAFailedCopyCountAsAbsent) {
+    WriteFile(FileStore::strStorageLocationToUse + "downstream/t", "a file where the folder should be");
+    for (const KelString& checksum : {KelString("0123"), checksum_}) {
+        DeleteRows();
+        EXPECT_EQ(UrlFor(checksum), "");
+        EXPECT_EQ(OnlyFields(kDown), "MISSING");
+        EXPECT_EQ(Targets(), Texts{KelString(kChild) + "|0"});
+        EXPECT_EQ(Count(kUp), "0");
+    }
+    EXPECT_TRUE(HasLogged(KelDebugLevel::Error, source_ + "' from the package repository to"));
 }
 
 }  // namespace

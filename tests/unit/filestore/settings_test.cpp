@@ -2,9 +2,8 @@
 #include <sstream>
 
 #include "filestore/file_store_fixture.h"
-#include "filestore/module/configuration.h"
+#include "filestore/state/settings.h"
 #include "kel/regex.h"
-#include "kelcore/error_codes.h"
 
 namespace {
 
@@ -17,6 +16,17 @@ class Settings : public FileStoreTest {
         return Call("FileStoreSetValues", arguments);
     }
     static KelContainer Get() { return Ask("FileStoreGetValues").GetContainer("Values"); }
+    static bool IsInRange(const IpRange& range, const char* address) {
+        return range.Contains(*IpAddress::Parse(address));
+    }
+    static bool IsTrusted(const char* address) {
+        const KelLock lock(FileStore::mutexSettings);
+        return IsInRange(FileStore::TrustedIpRange, address);
+    }
+    static bool IsMulticast(const char* address) {
+        const KelLock lock(FileStore::mutexSettings);
+        return IsInRange(FileStore::MulticastIpRange, address);
+    }
 };
 
 TEST_F(Settings, CommentsOfTheShippedFileNameTheDefaults) {
@@ -24,8 +34,8 @@ TEST_F(Settings, CommentsOfTheShippedFileNameTheDefaults) {
     FileStore::ReadSettings();
     const KelContainer defaults = Get();
     EXPECT_EQ(defaults.GetNameCount(), 32U);
-    EXPECT_TRUE(FileStore::MulticastIpRange.Contains(*IpAddress::Parse("224.2.0.100")));
-    EXPECT_FALSE(FileStore::MulticastIpRange.Contains(*IpAddress::Parse("224.2.0.101")));
+    EXPECT_TRUE(IsMulticast("224.2.0.100"));
+    EXPECT_FALSE(IsMulticast("224.2.0.101"));
 
     KelString section;
     int count = 0;
@@ -43,34 +53,28 @@ TEST_F(Settings, CommentsOfTheShippedFileNameTheDefaults) {
     EXPECT_EQ(Get(), defaults);
 }
 
-TEST_F(Settings, NumbersOfTheFileAreClamped) {
-    struct Case {
-        const char* key;
-        const char* text;
-        int expected;
-        const char* section = "FileStore";
-        const char* name = nullptr;  ///< of the setting where it is not the key
-    };
-    const Case cases[] = {{"Timeout", "10", 300},
-                          {"Timeout", "301", 301},
-                          {"PushTimeout", "299", 300},
-                          {"PullTimeout", "-1", -1},
-                          {"ThresholdForUploads", "-5", 0},
-                          {"ThresholdForDownloads", "56", 56},
-                          {"FrameSize", "0", 200},
-                          {"FrameSize", "big", 1492},
-                          {"PackageTTL", "0", 0},
-                          {"MulticastBlockSize", "100000", 64000, "Multicast"},
-                          {"MulticastBlockSize", "10", 1024, "Multicast"},
-                          {"MulticastTransferDelay", "4", 5, "Multicast"},
-                          {"MulticastMinimumSuccessRate", "150", 100, "Multicast", "MulticastSuccessRate"}};
-    for (const Case& test : cases) {
-        SetIni(test.section, test.key, test.text);
+TEST_F(Settings, ValuesOfTheFileAreClampedAndUsedAsFarAsTheyAreUsable) {
+    for (const auto& [section, key, text, name, expected] :
+         Table<const char*, const char*, const char*, const char*, int>{
+             {"FileStore", "Timeout", "10", "Timeout", 300},
+             {"FileStore", "PullTimeout", "-1", "PullTimeout", -1},
+             {"FileStore", "ThresholdForUploads", "-5", "ThresholdForUploads", 0},
+             {"FileStore", "FrameSize", "0", "FrameSize", 200},
+             {"FileStore", "FrameSize", "big", "FrameSize", 1492},
+             {"Multicast", "MulticastBlockSize", "100000", "MulticastBlockSize", 64000},
+             {"Multicast", "MulticastBlockSize", "10", "MulticastBlockSize", 1024},
+             {"Multicast", "MulticastTransferDelay", "4", "MulticastTransferDelay", 5},
+             {"Multicast", "MulticastMinimumSuccessRate", "150", "MulticastSuccessRate", 100}}) {
+        SetIni(section, key, text);
         FileStore::ReadSettings();
-        EXPECT_EQ(Get().GetInt32(test.name == nullptr ? test.key : test.name), test.expected)
-            << test.key << "=" << test.text;
+        EXPECT_EQ(Get().GetInt32(name), expected) << key << "=" << text;
     }
     EXPECT_TRUE(HasLogged(KelDebugLevel::Warning, "FrameSize in section FileStore cannot be 'big'"));
+    SetIni("FileStore", "TrustedAddressRange", "10.0.0.1-10.0.0.9, nonsense");
+    FileStore::ReadSettings();
+    EXPECT_TRUE(IsTrusted("10.0.0.9"));
+    EXPECT_FALSE(IsTrusted("10.0.0.10"));
+    EXPECT_TRUE(HasLogged(KelDebugLevel::Warning, "TrustedAddressRange"));
 }
 
 TEST_F(Settings, TimeToLiveOutlastsEveryTimeout) {
@@ -81,18 +85,8 @@ TEST_F(Settings, TimeToLiveOutlastsEveryTimeout) {
         EXPECT_EQ(FileStore::ulTimeToLive, 5000U) << key;
         SetIni("FileStore", key, "300");
     }
-    FileStore::ReadSettings();
-    EXPECT_EQ(FileStore::ulTimeToLive, 300U);
     EXPECT_EQ(Set(Make({{"PullTimeout", 6000}, {"TimeToLive", 100}})), kKelOk);
     EXPECT_EQ(FileStore::ulTimeToLive, 6000U);
-}
-
-TEST_F(Settings, UsablePartOfAMalformedRangeCounts) {
-    SetIni("FileStore", "TrustedAddressRange", "10.0.0.1-10.0.0.9, nonsense");
-    FileStore::ReadSettings();
-    EXPECT_TRUE(FileStore::TrustedIpRange.Contains(*IpAddress::Parse("10.0.0.9")));
-    EXPECT_FALSE(FileStore::TrustedIpRange.Contains(*IpAddress::Parse("10.0.0.10")));
-    EXPECT_TRUE(HasLogged(KelDebugLevel::Warning, "TrustedAddressRange"));
 }
 
 TEST_F(Settings, RandomTimeoutSpreadsAroundItsMean) {
@@ -104,25 +98,23 @@ TEST_F(Settings, RandomTimeoutSpreadsAroundItsMean) {
 }
 
 TEST_F(Settings, ChangesAreClampedWrittenAndInForceAtOnce) {
-    const KelContainer numbers =
-        Make({{"MulticastPort", 1600}, {"QueueGap", 7}, {"ThresholdForUploads", -5}});
+    const KelContainer numbers = Make({{"MulticastPort", 1600}, {"QueueGap", 7}, {"FrameSize", 3000}});
     EXPECT_EQ(Set(With(numbers, {{"Timeout", "10"}, {"EnableDialupUploads", false}})), kKelOk);
-    EXPECT_EQ(Set(Make({{"TrustedAddressRange", "10.0.0.0/8"}, {"MulticastAddress", "224.9.0.1"}})), kKelOk);
-    EXPECT_EQ(Set(Make({{"PackagesRepositoryPath", "/srv/p"}, {"NoSuchSetting", "1"}})), kKelOk);
+    EXPECT_EQ(Set(Make({{"TrustedAddressRange", "10.0.0.0/8"},
+                        {"MulticastAddress", "224.9.0.1"},
+                        {"PackagesRepositoryPath", "/srv/p"},
+                        {"NoSuchSetting", "1"}})),
+              kKelOk);
     EXPECT_EQ(GetIni("Multicast", "MulticastTransferPort"), "1600");
     EXPECT_EQ(FileStore::ulMulticastTransferPort, 1600U);
-    EXPECT_EQ(Get().GetInt32("QueueGap"), 7);
+    EXPECT_EQ(Read(Get(), "QueueGap Timeout EnableDialupUploads"), "7|300|false");
     EXPECT_EQ(GetIni("FileStore", "Timeout"), "300");
-    EXPECT_EQ(FileStore::ulThresholdForUploads, 0U);
-    EXPECT_EQ(Set(Make({{"FrameSize", 3000}})), kKelOk);
     EXPECT_EQ(FileStore::bmTrackUsageUp.GetFrameSize(), 3000);
     EXPECT_EQ(GetIni("FileStore", "EnableDialupUploads"), "false");
-    EXPECT_FALSE(FileStore::fEnableDialupUploads);
-    EXPECT_TRUE(FileStore::TrustedIpRange.Contains(*IpAddress::Parse("10.200.0.1")));
-    EXPECT_TRUE(FileStore::MulticastIpRange.Contains(*IpAddress::Parse("224.9.0.1")));
-    const KelContainer alias =
-        Make({{"AliasName", "AlternativePackagesRepositoryPath"}, {"AliasPath", "/srv/p"}});
-    EXPECT_EQ(CallsOf("HttpProtocolAddAlias"), KelVector<KelContainer>{alias});
+    EXPECT_TRUE(IsTrusted("10.200.0.1"));
+    EXPECT_TRUE(IsMulticast("224.9.0.1"));
+    EXPECT_EQ(Read(OnlyCallOf("HttpProtocolAddAlias"), "AliasName AliasPath"),
+              "AlternativePackagesRepositoryPath|/srv/p");
 
     for (const char* mode : {"auto", "manual", "none"}) {
         EXPECT_EQ(Set(Make({{"ConcatFiles", mode}})), kKelOk);

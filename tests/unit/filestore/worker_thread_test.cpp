@@ -2,6 +2,7 @@
 #include <stdexcept>
 
 #include "filestore/file_store_fixture.h"
+#include "filestore/state/worker_loop.h"
 
 namespace {
 

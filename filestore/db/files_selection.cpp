@@ -1,0 +1,232 @@
+#include "filestore/db/files_selection.h"
+
+#include "filestore/db/database.h"
+#include "filestore/db/file_status.h"
+#include "filestore/db/row_reader.h"
+#include "kel/format.h"
+#include "kel/text.h"
+
+namespace filestore {
+
+namespace {
+
+// Each begins with the columns of FileStoreEntry. The shipped indexes serve these statements: one that
+// changes may need another index; the query plan test checks them.
+
+constexpr char kDownload[] =
+    "SELECT %s FROM Files WHERE FileStatus = '%s' AND LastStatusChangeTime < %ld %s ORDER BY Priority DESC, "
+    "FileId "
+    "ASC LIMIT 1";
+constexpr char kAcknowledgement[] =
+    "SELECT %s FROM Files WHERE FileStatus = '%s' AND Upstream = 0 AND Acknowledged = 0 AND "
+    "LastStatusChangeTime < "
+    "%ld %s LIMIT 1";
+constexpr char kToRequest[] =
+    "SELECT %s FROM Files WHERE FileStatus = '%s' AND LastStatusChangeTime < %ld %s ORDER BY "
+    "LastStatusChangeTime "
+    "LIMIT 1";
+constexpr char kMissing[] = "SELECT %s FROM Files WHERE FileStatus = '%s' LIMIT 1";
+constexpr char kToHandleUpstream[] =
+    "SELECT %s, 1 FROM Files WHERE FileStatus = '%s' ORDER BY FileId ASC LIMIT %u";
+constexpr char kToHandleDownstream[] =
+    "SELECT %s, Targets.TargetId IS NULL FROM Files LEFT JOIN Targets ON Files.FileId = Targets.FileId AND "
+    "DeviceGUID = '' WHERE FileStatus = '%s' ORDER BY Files.FileId ASC LIMIT %u";
+
+constexpr char kOfContent[] = "SELECT %s FROM Files WHERE FileName = '%Q' AND FileChecksum = '%Q'";
+constexpr char kOfLabel[] = "SELECT %s FROM Files WHERE FileLabel = '%Q' AND FileChecksum = '%Q'";
+constexpr char kAwaited[] = "SELECT %s FROM Files WHERE FileURL LIKE '%%%Q' AND FileStatus IN ('%s', '%s')";
+constexpr char kPackages[] = "SELECT %s FROM Files WHERE FileType = 'OperationalRulePackage'";
+constexpr char kHeldPackages[] =
+    "SELECT %s FROM Files WHERE (FileType = 'OperationalRulePackage' OR FileType = 'OperationalRuleScript') "
+    "AND "
+    "(FileStatus = '%s' OR FileStatus = '%s')";
+constexpr char kSourceDevices[] = "SELECT FileId, SourceDevice FROM Files";
+
+constexpr char kToSend[] =
+    "SELECT %s FROM Files WHERE FileStatus IN ('%s', '%s') AND Upstream <> 0 AND SourceDevice <> '' %S %s "
+    "LIMIT %u";
+constexpr char kToUpload[] = "SELECT %s FROM Files WHERE FileStatus IN ('%s', '%s') %S %s LIMIT %u";
+constexpr char kCountToUpload[] =
+    "SELECT COUNT (*) FROM Files WHERE FileStatus = '%s' AND Upstream <> 0 AND SourceDevice <> '' %s";
+constexpr char kToPack[] =
+    "SELECT FileId FROM Files WHERE FileStatus IN ('%s', '%s') AND Upstream <> 0 AND SourceDevice <> '' AND "
+    "FileType <> '%s' LIMIT 1";
+constexpr char kWithStatus[] = "SELECT %s FROM Files WHERE FileStatus = '%s'";
+constexpr char kOfUrl[] = "SELECT %s FROM Files WHERE FileURL = '%Q'";
+
+constexpr char kListed[] =
+    "SELECT FileId, FileType, FileLabel, FileName, FileChecksum, FileStatus, FileSize, FilePath FROM Files "
+    "WHERE "
+    "FileStatus != '%s' ORDER BY %S";
+
+std::shared_ptr<const DBResult> Query(Side side, const KelString& statement) {
+    return FileStoreGetDatabase(side).connection.Query(statement);
+}
+
+FileRows ReadFiles(const std::shared_ptr<const DBResult>& result) {
+    FileRows files(result ? result->GetRowCount() : 0);
+    for (std::size_t i = 0; i < files.size(); ++i) {
+        RowReader row(*result, i);
+        files[i].Read(row);
+    }
+    return files;
+}
+
+FileRows SelectDownstream(const KelString& statement) {
+    return ReadFiles(Query(Side::Downstream, statement));
+}
+
+FileRows SelectUpstream(const KelString& statement) {
+    return ReadFiles(Query(Side::Upstream, statement));
+}
+
+const char* Condition(Passing passing) {
+    return passing == Passing::BypassOnly ? "AND Bypass = 1" : "";
+}
+
+KelString Condition(const UploadFilter& filter) {
+    if (filter.archivesOnly) return KelFormat("AND FileType = '%s'", kPackedFilesType);
+    if (filter.types.empty()) return {};
+    KelString condition = "AND (";
+    const char* separator = "";
+    for (const KelString& type : filter.types) {
+        condition += KelFormat("%sFileType = '%Q'", separator, type);
+        separator = " OR ";
+    }
+    return condition + ")";
+}
+
+}  // namespace
+
+FileRows SelectDownload(std::int64_t before, Passing passing) {
+    return SelectDownstream(
+        KelFormat(kDownload, FileStoreEntry::kColumns, kStatusDownloading, before, Condition(passing)));
+}
+
+FileRows SelectAcknowledgement(std::int64_t before, Passing passing) {
+    return SelectDownstream(
+        KelFormat(kAcknowledgement, FileStoreEntry::kColumns, kStatusAvailable, before, Condition(passing)));
+}
+
+FileRows SelectFileToRequest(std::int64_t before, Passing passing) {
+    return SelectDownstream(
+        KelFormat(kToRequest, FileStoreEntry::kColumns, kStatusToBeRequested, before, Condition(passing)));
+}
+
+FileRows SelectMissingFile(Side side) {
+    return ReadFiles(Query(side, KelFormat(kMissing, FileStoreEntry::kColumns, kStatusMissing)));
+}
+
+KelVector<FileToHandle> SelectFilesToHandle(Side side, unsigned int limit) {
+    const auto result = Query(
+        side, side == Side::Upstream
+                  ? KelFormat(kToHandleUpstream, FileStoreEntry::kColumns, kStatusToBeHandled, limit)
+                  : KelFormat(kToHandleDownstream, FileStoreEntry::kColumns, kStatusToBeHandled, limit));
+    KelVector<FileToHandle> files(result ? result->GetRowCount() : 0);
+    for (std::size_t i = 0; i < files.size(); ++i) {
+        RowReader row(*result, i);
+        files[i].file.Read(row);
+        files[i].isLocal = row.Flag();
+    }
+    return files;
+}
+
+FileRows SelectFilesOfContent(const KelString& name, const KelString& checksum) {
+    return SelectDownstream(KelFormat(kOfContent, FileStoreEntry::kColumns, name, checksum));
+}
+
+FileRows SelectFilesOfLabel(const KelString& label, const KelString& checksum) {
+    return SelectDownstream(KelFormat(kOfLabel, FileStoreEntry::kColumns, label, checksum));
+}
+
+FileRows SelectAwaitedFiles(const KelString& url) {
+    return SelectDownstream(
+        KelFormat(kAwaited, FileStoreEntry::kColumns, url, kStatusMulticastListening, kStatusReceiving));
+}
+
+FileRows SelectPackages() {
+    return SelectDownstream(KelFormat(kPackages, FileStoreEntry::kColumns));
+}
+
+FileRows SelectHeldPackages(std::uint64_t fileId) {
+    KelString statement =
+        KelFormat(kHeldPackages, FileStoreEntry::kColumns, kStatusAvailable, kStatusNotRelaysChild);
+    if (fileId != 0) statement += KelFormat(" AND FileId = %lu", fileId);
+    return SelectDownstream(statement);
+}
+
+KelVector<FileSource> SelectSourceDevices() {
+    const auto result = Query(Side::Downstream, kSourceDevices);
+    KelVector<FileSource> sources(result ? result->GetRowCount() : 0);
+    for (std::size_t i = 0; i < sources.size(); ++i) {
+        RowReader row(*result, i);
+        sources[i].fileId = row.Unsigned();
+        sources[i].sourceDevice = row.Text();
+    }
+    return sources;
+}
+
+FileRows SelectFilesToSend(const UploadFilter& filter) {
+    return SelectUpstream(KelFormat(kToSend, FileStoreEntry::kColumns, kStatusToBeUploaded, kStatusToBePacked,
+                                    Condition(filter), Condition(filter.passing), filter.limit));
+}
+
+FileRows SelectFilesToUpload(const UploadFilter& filter) {
+    return SelectUpstream(KelFormat(kToUpload, FileStoreEntry::kColumns, kStatusUploading, kStatusToBePacked,
+                                    Condition(filter), Condition(filter.passing), filter.limit));
+}
+
+std::optional<std::uint32_t> CountFilesToUpload(Passing passing) {
+    const auto result =
+        Query(Side::Upstream, KelFormat(kCountToUpload, kStatusToBeUploaded, Condition(passing)));
+    if (!result || result->GetRowCount() == 0) return std::nullopt;
+    return static_cast<std::uint32_t>(result->GetInt64(0, std::size_t{0}));
+}
+
+bool HasFilesToPack() {
+    const auto result =
+        Query(Side::Upstream, KelFormat(kToPack, kStatusToBeUploaded, kStatusToBePacked, kPackedFilesType));
+    return result && result->GetRowCount() != 0;
+}
+
+FileRows SelectFilesBeingReceived() {
+    return SelectUpstream(KelFormat(kWithStatus, FileStoreEntry::kColumns, kStatusReceiving));
+}
+
+std::optional<FileRows> SelectFilesOfUrl(const KelString& url) {
+    const auto result = Query(Side::Upstream, KelFormat(kOfUrl, FileStoreEntry::kColumns, url));
+    if (!result) return std::nullopt;
+    return ReadFiles(result);
+}
+
+std::optional<ListOrder> MakeListOrder(const KelString& column, const KelString& direction) {
+    if (!IsEqualTo(direction, "ASC", false) && !IsEqualTo(direction, "DESC", false)) return std::nullopt;
+    if (column.empty()) return ListOrder{};
+    for (const KelString& known : SplitText(FileStoreEntry::kColumns, ',')) {
+        const KelString name = Trim(known);
+        if (IsEqualTo(column, name.substr(name.rfind('.') + 1), false)) return ListOrder{column, direction};
+    }
+    return std::nullopt;
+}
+
+KelVector<ListedFile> SelectListedFiles(Side side, const ListOrder& order) {
+    const KelString clause = order.column.empty() ? KelString("FileType, FileLabel, FileName")
+                                                  : order.column + " " + order.direction;
+    const auto result = Query(side, KelFormat(kListed, kStatusObsolete, clause));
+    KelVector<ListedFile> files(result ? result->GetRowCount() : 0);
+    for (std::size_t i = 0; i < files.size(); ++i) {
+        RowReader row(*result, i);
+        ListedFile& file = files[i];
+        file.fileId = row.Unsigned();
+        file.key.type = row.Text();
+        file.key.label = row.Text();
+        file.key.name = row.Text();
+        file.key.checksum = row.Text();
+        file.status = row.Text();
+        file.size = row.Number();
+        file.path = row.Text();
+    }
+    return files;
+}
+
+}  // namespace filestore

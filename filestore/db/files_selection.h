@@ -1,0 +1,90 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+
+#include "filestore/db/files_table.h"
+
+/// The selections that workers and actions make from the table Files; locks as in files_table.h. A selection
+/// returns the rows with all their columns. It returns none when the statement failed, which the connection
+/// has logged; where callers must distinguish that from an empty result, the return type is an optional.
+namespace filestore {
+
+/// Which files may move: all, or only those that pass a closed window.
+enum class Passing : unsigned char { All, BypassOnly };
+
+// ---- downstream, for the workers; `before` is a time: rows whose status changed later are not tried yet
+
+/// The most urgent file to download; at most one row, as in the next three.
+FileRows SelectDownload(std::int64_t before, Passing passing);
+FileRows SelectAcknowledgement(std::int64_t before, Passing passing);
+FileRows SelectFileToRequest(std::int64_t before, Passing passing);
+FileRows SelectMissingFile(Side side);
+
+struct FileToHandle {
+    FileStoreEntry file;
+    bool isLocal = false;  ///< no target on this device waits for it; always true upstream
+};
+KelVector<FileToHandle> SelectFilesToHandle(Side side, unsigned int limit);
+
+// ---- downstream, others
+
+/// The files with this name and content, whatever their type and label.
+FileRows SelectFilesOfContent(const KelString& name, const KelString& checksum);
+FileRows SelectFilesOfLabel(const KelString& label, const KelString& checksum);
+/// Files awaited by multicast, or being received, whose URL ends with `url`.
+FileRows SelectAwaitedFiles(const KelString& url);
+/// All packages of the managed-relay kind.
+FileRows SelectPackages();
+/// Available packages and scripts whose content must be there; `fileId` 0: all.
+FileRows SelectHeldPackages(std::uint64_t fileId);
+
+/// A file and the device it comes from.
+struct FileSource {
+    std::uint64_t fileId = 0;
+    KelString sourceDevice;
+};
+KelVector<FileSource> SelectSourceDevices();
+
+// ---- upstream
+
+/// What the upload policy and the window let pass.
+struct UploadFilter {
+    bool archivesOnly = false;
+    KelVector<KelString> types;  ///< only these; empty: all
+    Passing passing = Passing::All;
+    unsigned int limit = 0;
+};
+FileRows SelectFilesToSend(const UploadFilter& filter);
+FileRows SelectFilesToUpload(const UploadFilter& filter);
+/// Nothing when the statement failed.
+std::optional<std::uint32_t> CountFilesToUpload(Passing passing);
+/// True when files wait that an archive could take; false also when the statement failed.
+bool HasFilesToPack();
+/// Files whose content is expected by PUT or has just arrived.
+FileRows SelectFilesBeingReceived();
+/// The files with this FileURL. Nothing when the statement failed.
+std::optional<FileRows> SelectFilesOfUrl(const KelString& url);
+
+// ---- listing
+
+/// What a list shows of a file: a store may hold millions, so only that is read.
+struct ListedFile {
+    std::uint64_t fileId = 0;
+    FileKey key;
+    KelString status;
+    std::int64_t size = 0;
+    KelString path;
+};
+/// Column and direction become part of the statement as they are.
+struct ListOrder {
+    KelString column;  ///< empty: by type, label and name
+    KelString direction;
+};
+/// Makes an order of what a caller asked for; nothing unless `column` is one of Files and `direction` ASC or
+/// DESC, in any case of letters.
+std::optional<ListOrder> MakeListOrder(const KelString& column, const KelString& direction);
+/// All files but the obsolete ones.
+KelVector<ListedFile> SelectListedFiles(Side side, const ListOrder& order);
+
+}  // namespace filestore

@@ -1,0 +1,278 @@
+#include "filestore/db/files_table.h"
+
+#include <ctime>
+
+#include "filestore/db/database.h"
+#include "filestore/db/file_status.h"
+#include "kel/format.h"
+
+namespace filestore {
+
+namespace {
+
+constexpr char kFindByKey[] =
+    "SELECT FileId FROM Files WHERE FileType = '%Q' AND FileLabel = '%Q' AND FileName = '%Q' AND "
+    "(FileChecksum = "
+    "'%Q' OR FileChecksum = '')";
+constexpr char kFindByName[] =
+    "SELECT FileId FROM Files WHERE FileType = '%Q' AND FileLabel = '%Q' AND FileName = '%Q' ORDER BY "
+    "FileChecksum ASC";
+constexpr char kFindExact[] =
+    "SELECT FileId FROM Files WHERE FileType = '%Q' AND FileLabel = '%Q' AND FileName = '%Q' AND "
+    "FileChecksum = "
+    "'%Q'";
+constexpr char kFindByUrl[] = "SELECT FileId FROM Files WHERE FileURL = '%Q'";
+
+constexpr char kSetStatus[] =
+    "UPDATE Files SET FileStatus = '%Q', LastStatusChangeTime = %ld WHERE FileId = %lu";
+constexpr char kSetStatusAndUnicast[] =
+    "UPDATE Files SET FileStatus = '%Q', TransportMode = '%s', LastStatusChangeTime = %ld WHERE FileId = %lu";
+constexpr char kSetStatusIf[] =
+    "UPDATE Files SET FileStatus = '%Q', LastStatusChangeTime = %ld WHERE FileId = %lu AND FileStatus = '%Q'";
+constexpr char kSetStatuses[] =
+    "UPDATE Files SET FileStatus = '%Q', LastStatusChangeTime = %ld WHERE FileId IN (%S)";
+constexpr char kSetSupplied[] = "UPDATE Files SET FileStatus = '%s', Acknowledged = 1 WHERE FileId = %lu";
+constexpr char kDeleteTargets[] = "DELETE FROM Targets WHERE FileId = %lu";
+constexpr char kDelete[] = "DELETE FROM Files WHERE FileId = %lu";
+
+constexpr char kSetDownloadPath[] =
+    "UPDATE Files SET FilePath = '%Q' WHERE FileId = %lu AND FileStatus = '%s'";
+constexpr char kSetTransferredBytes[] =
+    "UPDATE Files SET TransferredBytes = %lu, LastStatusChangeTime = %ld WHERE FileId = %lu AND FileStatus = "
+    "'%s'";
+constexpr char kRestartDownload[] =
+    "UPDATE Files SET LastStatusChangeTime = %ld, Acknowledged = 0 WHERE FileId = %lu AND FileStatus = '%s'";
+constexpr char kSetDownloaded[] =
+    "UPDATE Files SET FileSize = %lu, FileStatus = '%s', LastStatusChangeTime = 0, Acknowledged = 0 WHERE "
+    "FileId = "
+    "%lu AND FileStatus = '%s'";
+
+constexpr char kSetAcknowledged[] =
+    "UPDATE Files SET Acknowledged = 1 WHERE FileId = %lu AND FileStatus = '%s'";
+constexpr char kSetNotRelaysChild[] =
+    "UPDATE Files SET FileStatus = '%s', Acknowledged = 1 WHERE FileName = '%Q' AND FileChecksum = '%Q' AND "
+    "FileStatus != '%s'";
+constexpr char kSetLastRequestTime[] = "UPDATE Files SET LastRequestTime = %ld WHERE FileId = %lu";
+constexpr char kSetMissing[] = "UPDATE Files SET FileStatus = '%s' WHERE FileId = %lu";
+constexpr char kSetReceivedByMulticast[] =
+    "UPDATE Files SET FileSize = %lu, FileStatus = '%s', LastStatusChangeTime = 0, Acknowledged = 0, "
+    "TransportMode "
+    "= '%s' WHERE FileId = %lu";
+constexpr char kResetMulticastOfUrl[] =
+    "UPDATE Files SET FileSize = 0, FileStatus = '%s', LastStatusChangeTime = 0, Acknowledged = 0 WHERE "
+    "FileURL = "
+    "'%Q' AND FileStatus = '%s'";
+constexpr char kResetMulticast[] =
+    "UPDATE Files SET FileSize = 0, FileStatus = '%s', LastStatusChangeTime = 0, Acknowledged = 0 WHERE "
+    "FileStatus "
+    "= '%s'";
+constexpr char kStartNoMulticast[] = "UPDATE Files SET MulticastTransferToBeStarted = 0";
+constexpr char kForgetUnfinished[] =
+    "UPDATE Files SET FileStatus = '%s', LastStatusChangeTime = 0 WHERE FileStatus = '%s'";
+constexpr char kMoveContentPaths[] =
+    "UPDATE Files SET FilePath = '%Q' || substr(FilePath, length('%Q')+1, 256) WHERE FilePath LIKE '%Q%'";
+constexpr char kRecordRequestAnswer[] =
+    "UPDATE Files SET FileStatus = '%Q', LastStatusChangeTime = %ld, FileURL = '%Q', KeepCopy = %u, "
+    "FileChecksum = "
+    "'%Q' WHERE FileId = %lu AND FileStatus = '%s'";
+
+constexpr char kSetReceivingAgain[] =
+    "UPDATE Files SET FileStatus = '%s', TransportMode = '%s' WHERE FileId = %lu";
+constexpr char kHandleAvailableAgain[] =
+    "UPDATE Files SET FileStatus = '%s' WHERE FileId = %lu AND FileStatus = '%s'";
+constexpr char kSetSourceDevice[] = "UPDATE Files SET SourceDevice = '%Q' WHERE FileId = %lu";
+constexpr char kSetMissingSourceDevices[] = "UPDATE Files SET SourceDevice = '%Q' WHERE SourceDevice = ''";
+constexpr char kRecordSent[] =
+    "UPDATE Files SET FileURL = '%Q', FileStatus = '%s', LastStatusChangeTime = 0 WHERE FileId = %lu";
+
+std::int64_t Now() {
+    return std::time(nullptr);
+}
+
+std::int64_t StatusTime(NextTry next) {
+    return next == NextTry::AtOnce ? 0 : Now();
+}
+
+bool Change(Side side, const KelString& statement) {
+    const FileStoreDatabase database = FileStoreGetDatabase(side);
+    const KelLock lock(database.mutex);
+    return database.connection.Query(statement) != nullptr;
+}
+
+bool ChangeDownstream(const KelString& statement) {
+    return Change(Side::Downstream, statement);
+}
+
+bool ChangeUpstream(const KelString& statement) {
+    return Change(Side::Upstream, statement);
+}
+
+/// The first row's FileId, 0 when there is no row; nothing when the statement failed.
+std::optional<std::uint64_t> FirstFileId(Side side, const KelString& statement) {
+    const auto result = FileStoreGetDatabase(side).connection.Query(statement);
+    if (!result) return std::nullopt;
+    return result->GetRowCount() == 0 ? 0 : static_cast<std::uint64_t>(result->GetInt64(0, std::size_t{0}));
+}
+
+}  // namespace
+
+std::uint64_t NewFileId(Side side) {
+    return FileStoreGetDatabase(side).sequence.GetId("Files", "FileId");
+}
+
+std::uint64_t FindFileInDatabase(Side side, const FileKey& key) {
+    const KelString statement = key.checksum.empty()
+                                    ? KelFormat(kFindByName, key.type, key.label, key.name)
+                                    : KelFormat(kFindByKey, key.type, key.label, key.name, key.checksum);
+    return FirstFileId(side, statement).value_or(0);
+}
+
+std::optional<std::uint64_t> FindExactFile(Side side, const FileKey& key) {
+    return FirstFileId(side, KelFormat(kFindExact, key.type, key.label, key.name, key.checksum));
+}
+
+std::uint64_t FindFileFromUrl(const KelString& url) {
+    return FirstFileId(Side::Upstream, KelFormat(kFindByUrl, url)).value_or(0);
+}
+
+bool LoadKnownFile(Side side, FileStoreEntry& entry) {
+    const std::uint64_t fileId = FindFileInDatabase(side, entry.Key());
+    return fileId != 0 && entry.LoadFromDatabase(fileId, side);
+}
+
+KelString ReadFileStatus(Side side, std::uint64_t fileId) {
+    return FileStoreGetDatabase(side).connection.ReadString("Files", "FileStatus", "FileId", fileId);
+}
+
+bool UpdateFileStatus(Side side, std::uint64_t fileId, const KelString& status, NextTry next, bool unicast) {
+    if (unicast)
+        return Change(side,
+                      KelFormat(kSetStatusAndUnicast, status, kTransportUnicast, StatusTime(next), fileId));
+    return Change(side, KelFormat(kSetStatus, status, StatusTime(next), fileId));
+}
+
+bool UpdateFileStatus(Side side, std::uint64_t fileId, const KelString& expected, const KelString& status,
+                      NextTry next) {
+    return Change(side, KelFormat(kSetStatusIf, status, StatusTime(next), fileId, expected));
+}
+
+bool UpdateFileStatus(Side side, const IdList& fileIds, const KelString& status, NextTry next) {
+    return fileIds.IsEmpty() ||
+           Change(side, KelFormat(kSetStatuses, status, StatusTime(next), fileIds.Text()));
+}
+
+bool RestoreFileStatus(Side side, const FileStoreEntry& row) {
+    return Change(side, KelFormat(kSetStatus, row.FileStatus, row.LastStatusChangeTime, row.FileId));
+}
+
+bool SetSuppliedByConsumer(Side side, std::uint64_t fileId) {
+    return Change(side, KelFormat(kSetSupplied, kStatusNotRelaysChild, fileId));
+}
+
+bool DeleteFileRow(Side side, std::uint64_t fileId) {
+    const KelLock lock(FileStoreGetDatabase(side).mutex);
+    if (side == Side::Downstream && !Change(side, KelFormat(kDeleteTargets, fileId))) return false;
+    return Change(side, KelFormat(kDelete, fileId));
+}
+
+bool SetDownloadPath(std::uint64_t fileId, const KelString& path) {
+    return ChangeDownstream(KelFormat(kSetDownloadPath, path, fileId, kStatusDownloading));
+}
+
+bool SetTransferredBytes(std::uint64_t fileId, std::uint64_t bytes) {
+    return ChangeDownstream(KelFormat(kSetTransferredBytes, bytes, Now(), fileId, kStatusDownloading));
+}
+
+bool RestartDownload(std::uint64_t fileId) {
+    return ChangeDownstream(KelFormat(kRestartDownload, Now(), fileId, kStatusDownloading));
+}
+
+bool SetDownloaded(std::uint64_t fileId, std::uint64_t size) {
+    return ChangeDownstream(KelFormat(kSetDownloaded, size, kStatusAvailable, fileId, kStatusDownloading));
+}
+
+bool SetAcknowledged(std::uint64_t fileId) {
+    return ChangeDownstream(KelFormat(kSetAcknowledged, fileId, kStatusAvailable));
+}
+
+bool SetNotRelaysChild(const KelString& name, const KelString& checksum) {
+    return ChangeDownstream(
+        KelFormat(kSetNotRelaysChild, kStatusNotRelaysChild, name, checksum, kStatusAvailable));
+}
+
+bool SetLastRequestTime(std::uint64_t fileId, std::int64_t time) {
+    return ChangeDownstream(KelFormat(kSetLastRequestTime, time, fileId));
+}
+
+bool SetMissing(std::uint64_t fileId) {
+    return ChangeDownstream(KelFormat(kSetMissing, kStatusMissing, fileId));
+}
+
+bool SetReceivedByMulticast(std::uint64_t fileId, std::uint64_t size) {
+    return ChangeDownstream(
+        KelFormat(kSetReceivedByMulticast, size, kStatusAvailable, kTransportMulticast, fileId));
+}
+
+bool ResetMulticastReception(const KelString& url) {
+    return ChangeDownstream(
+        KelFormat(kResetMulticastOfUrl, kStatusToBeRequested, url, kStatusMulticastListening));
+}
+
+bool ResetAllMulticast() {
+    const KelLock lock(FileStoreGetDatabase(Side::Downstream).mutex);
+    const bool none = ChangeDownstream(kStartNoMulticast);
+    return ChangeDownstream(KelFormat(kResetMulticast, kStatusToBeRequested, kStatusMulticastListening)) &&
+           none;
+}
+
+bool ForgetUnfinishedOffers() {
+    return ChangeDownstream(KelFormat(kForgetUnfinished, kStatusMissing, kStatusReceiving));
+}
+
+bool MoveContentPaths(const KelString& previous, const KelString& location) {
+    return ChangeDownstream(KelFormat(kMoveContentPaths, location, previous, previous));
+}
+
+bool RecordRequestAnswer(std::uint64_t fileId, const RequestAnswer& answer) {
+    return ChangeDownstream(KelFormat(kRecordRequestAnswer, answer.status, StatusTime(answer.next),
+                                      answer.url, answer.keepCopy, answer.checksum, fileId,
+                                      kStatusToBeRequested));
+}
+
+bool SetReceivingAgain(std::uint64_t fileId) {
+    return ChangeUpstream(KelFormat(kSetReceivingAgain, kStatusReceiving, kTransportUnicast, fileId));
+}
+
+bool HandleAvailableAgain(std::uint64_t fileId) {
+    return ChangeUpstream(KelFormat(kHandleAvailableAgain, kStatusToBeHandled, fileId, kStatusAvailable));
+}
+
+bool SetSourceDevice(Side side, std::uint64_t fileId, const KelString& deviceUrl) {
+    return Change(side, KelFormat(kSetSourceDevice, deviceUrl, fileId));
+}
+
+bool SetMissingSourceDevices(const KelString& deviceUrl) {
+    return ChangeUpstream(KelFormat(kSetMissingSourceDevices, deviceUrl));
+}
+
+bool RecordSentFiles(const KelVector<SentFile>& files) {
+    if (files.empty()) return true;
+    const FileStoreDatabase database = FileStoreGetDatabase(Side::Upstream);
+    const KelLock lock(database.mutex);
+    DBTransaction transaction(database.connection);
+    for (const SentFile& file : files)
+        if (!database.connection.Query(KelFormat(kRecordSent, file.url, file.status, file.fileId)))
+            return false;
+    return transaction.Commit();
+}
+
+void RunUpstreamStatements(const KelVector<KelString>& statements) {
+    const FileStoreDatabase database = FileStoreGetDatabase(Side::Upstream);
+    const KelLock lock(database.mutex);
+    DBTransaction transaction(database.connection);
+    for (const KelString& statement : statements)
+        database.connection.Query(statement);
+    transaction.Commit();
+}
+
+}  // namespace filestore

@@ -1,0 +1,135 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+
+#include "filestore/db/file_key.h"
+#include "filestore/db/file_store_entry.h"
+#include "filestore/db/id_list.h"
+
+/// The table Files of the two databases: finding rows, changing them, removing them. files_selection.h holds
+/// the selections of the workers and actions.
+///
+/// Reads take no lock: the connection runs one statement at a time. Every change takes the mutex of its
+/// database around its statement. A caller whose change follows from what it has read holds that mutex over
+/// both, so that no other thread comes in between; the mutexes are recursive. Statements that fail are logged
+/// by the connection.
+namespace filestore {
+
+using FileRows = KelVector<FileStoreEntry>;
+
+/// When the worker that serves a status tries a row that has just got it.
+enum class NextTry : unsigned char {
+    AtOnce,
+    AfterTimeout,  ///< of that worker, counted from now
+};
+
+/// The next free FileId; 0 when none can be drawn. For rows that others refer to before they are inserted.
+std::uint64_t NewFileId(Side side);
+
+// ---- finding a row
+
+/// The FileId of a file; 0 when it is unknown. A row that was recorded without a checksum matches any; an
+/// empty checksum in `key` finds the row with the smallest one.
+std::uint64_t FindFileInDatabase(Side side, const FileKey& key);
+
+/// The same for exactly this checksum. Nothing when the statement failed.
+std::optional<std::uint64_t> FindExactFile(Side side, const FileKey& key);
+
+/// The FileId of the upstream file with this FileURL; 0 when there is none.
+std::uint64_t FindFileFromUrl(const KelString& url);
+
+/// Replaces `entry` by the row of its own key; false, with `entry` unchanged, when the file is unknown.
+bool LoadKnownFile(Side side, FileStoreEntry& entry);
+
+/// The status of a row; empty when it is gone.
+KelString ReadFileStatus(Side side, std::uint64_t fileId);
+
+// ---- changing the status; each false when the statement failed
+
+/// Sets the status and its time. With `unicast`, the transport mode becomes unicast as well.
+bool UpdateFileStatus(Side side, std::uint64_t fileId, const KelString& status, NextTry next,
+                      bool unicast = false);
+
+/// The same for a step that took long: a row whose status is no longer `expected` keeps what others have made
+/// of it in the meantime.
+bool UpdateFileStatus(Side side, std::uint64_t fileId, const KelString& expected, const KelString& status,
+                      NextTry next);
+
+/// The same for many rows in one statement: all of them or none.
+bool UpdateFileStatus(Side side, const IdList& fileIds, const KelString& status, NextTry next);
+
+/// Puts status and status time back to what `row` says.
+bool RestoreFileStatus(Side side, const FileStoreEntry& row);
+
+/// A consumer on this device supplies the missing file to the devices below by itself.
+bool SetSuppliedByConsumer(Side side, std::uint64_t fileId);
+
+/// Removes the row and, downstream, its targets: the number may be given to another file.
+bool DeleteFileRow(Side side, std::uint64_t fileId);
+
+// ---- downstream: a download in progress. Each leaves a row alone that is no longer to be downloaded.
+
+bool SetDownloadPath(std::uint64_t fileId, const KelString& path);
+/// The download was cut off with `bytes` received; it goes on after the time-out.
+bool SetTransferredBytes(std::uint64_t fileId, std::uint64_t bytes);
+/// The content was useless and is fetched from its beginning after the time-out.
+bool RestartDownload(std::uint64_t fileId);
+/// The content is complete and verified.
+bool SetDownloaded(std::uint64_t fileId, std::uint64_t size);
+
+// ---- downstream: other changes
+
+/// The sender knows that this device has the file.
+bool SetAcknowledged(std::uint64_t fileId);
+/// A rule file has said that this device is no child of the sender for the named content: it is not waited
+/// for.
+bool SetNotRelaysChild(const KelString& name, const KelString& checksum);
+bool SetLastRequestTime(std::uint64_t fileId, std::int64_t time);
+/// A package or script whose content is damaged or gone.
+bool SetMissing(std::uint64_t fileId);
+/// A multicast reception is complete at `size` bytes.
+bool SetReceivedByMulticast(std::uint64_t fileId, std::uint64_t size);
+/// Files awaited by multicast under `url` are asked for again.
+bool ResetMulticastReception(const KelString& url);
+/// The same for all files, and no multicast transfer is to be started: after a restart of the agent.
+bool ResetAllMulticast();
+/// Content that was being taken in when the agent stopped is missing.
+bool ForgetUnfinishedOffers();
+/// Replaces the beginning `previous` of the content paths by `location`.
+bool MoveContentPaths(const KelString& previous, const KelString& location);
+
+/// What a parent answered to a request.
+struct RequestAnswer {
+    KelString status;
+    NextTry next = NextTry::AtOnce;
+    KelString url;
+    std::uint32_t keepCopy = 0;
+    KelString checksum;
+};
+/// Leaves a row alone that is no longer to be requested.
+bool RecordRequestAnswer(std::uint64_t fileId, const RequestAnswer& answer);
+
+// ---- upstream
+
+/// A file whose content is expected by PUT once more.
+bool SetReceivingAgain(std::uint64_t fileId);
+/// A known file that is available is handed to the consumers again.
+bool HandleAvailableAgain(std::uint64_t fileId);
+bool SetSourceDevice(Side side, std::uint64_t fileId, const KelString& deviceUrl);
+/// Files recorded while this device did not know its GUID.
+bool SetMissingSourceDevices(const KelString& deviceUrl);
+
+/// A file that the send pass has taken: accepted by the parent, which gave the URL, or chosen for an archive.
+struct SentFile {
+    std::uint64_t fileId = 0;
+    const char* status = nullptr;
+    KelString url;
+};
+/// All of them in one transaction or none.
+bool RecordSentFiles(const KelVector<SentFile>& files);
+
+/// Runs statements of the administrator on the upstream database in one transaction.
+void RunUpstreamStatements(const KelVector<KelString>& statements);
+
+}  // namespace filestore

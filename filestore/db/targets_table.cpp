@@ -1,0 +1,187 @@
+#include "filestore/db/targets_table.h"
+
+#include "filestore/db/database.h"
+#include "filestore/db/file_status.h"
+#include "filestore/db/row_reader.h"
+#include "kel/format.h"
+#include "kel/text.h"
+
+namespace filestore {
+
+namespace {
+
+constexpr char kDue[] =
+    "SELECT %s, %s FROM Files JOIN Targets ON Files.FileId = Targets.FileId AND LastNotifyTime < %ld WHERE "
+    "FileStatus IN ('%s', '%s') AND LastStatusChangeTime < %ld AND (Upstream = 0 AND Acknowledged <> 0) %s "
+    "ORDER BY "
+    "Priority DESC, ((0.33 * CreateTime) + (0.67 * LastNotifyTime)) ASC, Files.FileId ASC LIMIT %u";
+constexpr char kPassesClosedWindow[] = "AND ((Bypass = 1) OR (DeviceGUID = ''))";
+constexpr char kOne[] =
+    "SELECT %s, %s FROM Files JOIN Targets ON Files.FileId = Targets.FileId WHERE Files.FileId = %lu AND "
+    "TargetId = "
+    "%lu LIMIT 1";
+constexpr char kOfThisDevice[] = "SELECT %s FROM Targets WHERE FileId = %lu AND DeviceGUID = ''";
+constexpr char kOfDevice[] = "SELECT %s FROM Targets WHERE FileId = %lu AND DeviceGUID LIKE '%Q%'";
+constexpr char kAny[] = "SELECT TargetId FROM Targets WHERE FileId = %lu LIMIT 1";
+constexpr char kLatestNotifyTime[] = "SELECT MAX(LastNotifyTime) FROM Targets WHERE DeviceGUID = '%Q'";
+constexpr char kAll[] = "SELECT %s FROM Targets";
+
+constexpr char kInsert[] =
+    "INSERT INTO Targets (TargetId, FileId, DeviceGUID, DevicePath, TargetCreateTime, LastNotifyTime, "
+    "WakeUpDevice) "
+    "VALUES (%lu, %lu, '%Q', '%Q', %ld, %ld, %u)";
+constexpr char kSetNotifyTime[] = "UPDATE Targets SET LastNotifyTime = %ld WHERE TargetId = %lu";
+constexpr char kSetDevice[] = "UPDATE Targets SET DeviceGUID = '%Q', DevicePath = '%Q' WHERE TargetId = %lu";
+constexpr char kDeleteOfDevice[] = "DELETE FROM Targets WHERE FileId = %lu AND DeviceGUID LIKE '%/%Q%'";
+constexpr char kDeleteAll[] = "DELETE FROM Targets WHERE TargetId IN (%S)";
+constexpr char kSetNotifyTimes[] = "UPDATE Targets SET LastNotifyTime = %ld WHERE TargetId IN (%S)";
+constexpr char kPostponeDevices[] = "UPDATE Targets SET LastNotifyTime = %ld WHERE DeviceGUID IN (%S)";
+
+FileStoreDatabase Database() {
+    return FileStoreGetDatabase(Side::Downstream);
+}
+
+bool Change(const KelString& statement) {
+    const FileStoreDatabase database = Database();
+    const KelLock lock(database.mutex);
+    return database.connection.Query(statement) != nullptr;
+}
+
+KelVector<FileTarget> SelectWithFiles(const KelString& statement) {
+    const auto result = Database().connection.Query(statement);
+    KelVector<FileTarget> rows(result ? result->GetRowCount() : 0);
+    for (std::size_t i = 0; i < rows.size(); ++i) {
+        RowReader row(*result, i);
+        rows[i].file.Read(row);
+        rows[i].target.Read(row);
+    }
+    return rows;
+}
+
+std::optional<KelVector<FileStoreTarget>> Select(const KelString& statement) {
+    const auto result = Database().connection.Query(statement);
+    if (!result) return std::nullopt;
+    KelVector<FileStoreTarget> targets(result->GetRowCount());
+    for (std::size_t i = 0; i < targets.size(); ++i) {
+        RowReader row(*result, i);
+        targets[i].Read(row);
+    }
+    return targets;
+}
+
+KelString QuotedList(const KelVector<KelString>& texts) {
+    KelString list;
+    for (const KelString& text : texts)
+        list += KelFormat("%s'%Q'", list.empty() ? "" : ", ", text);
+    return list;
+}
+
+}  // namespace
+
+void FileStoreTarget::Read(RowReader& row) {
+    TargetId = row.Unsigned();
+    FileId = row.Unsigned();
+    DeviceGUID = row.Text();
+    DevicePath = row.Text();
+    TargetCreateTime = row.Number();
+    LastNotifyTime = row.Number();
+    WakeUpDevice = row.Unsigned32();
+}
+
+std::uint64_t NewTargetId() {
+    return Database().sequence.GetId("Targets", "TargetId");
+}
+
+KelVector<FileTarget> SelectDueTargets(std::int64_t due, bool windowClosed, unsigned int limit) {
+    return SelectWithFiles(KelFormat(kDue, FileStoreEntry::kColumns, FileStoreTarget::kColumns, due,
+                                     kStatusAvailable, kStatusNotRelaysChild, due,
+                                     windowClosed ? kPassesClosedWindow : "", limit));
+}
+
+KelVector<FileTarget> SelectTarget(std::uint64_t fileId, std::uint64_t targetId) {
+    return SelectWithFiles(
+        KelFormat(kOne, FileStoreEntry::kColumns, FileStoreTarget::kColumns, fileId, targetId));
+}
+
+std::optional<KelVector<FileStoreTarget>> FindTargets(std::uint64_t fileId, const KelString& device) {
+    if (device.empty()) return Select(KelFormat(kOfThisDevice, FileStoreTarget::kColumns, fileId));
+    return Select(KelFormat(kOfDevice, FileStoreTarget::kColumns, fileId, device));
+}
+
+bool HasTargets(std::uint64_t fileId) {
+    const auto result = Database().connection.Query(KelFormat(kAny, fileId));
+    return result && result->GetRowCount() != 0;
+}
+
+std::optional<std::int64_t> LatestNotifyTime(const KelString& deviceGuid) {
+    const auto result = Database().connection.Query(KelFormat(kLatestNotifyTime, deviceGuid));
+    if (!result) return std::nullopt;
+    return result->GetInt64(0, std::size_t{0});
+}
+
+KelVector<FileStoreTarget> SelectAllTargets() {
+    return Select(KelFormat(kAll, FileStoreTarget::kColumns)).value_or(KelVector<FileStoreTarget>());
+}
+
+bool InsertTargets(const KelVector<FileStoreTarget>& targets) {
+    for (const FileStoreTarget& target : targets)
+        if (!Change(KelFormat(kInsert, target.TargetId, target.FileId, target.DeviceGUID, target.DevicePath,
+                              target.TargetCreateTime, target.LastNotifyTime, target.WakeUpDevice)))
+            return false;
+    return true;
+}
+
+bool RecordTargets(const KelVector<FileStoreTarget>& targets) {
+    if (targets.empty()) return true;
+    const FileStoreDatabase database = Database();
+    const KelLock lock(database.mutex);
+    DBTransaction transaction(database.connection);
+    for (const FileStoreTarget& target : targets)
+        InsertTargets({target});
+    return transaction.Commit();
+}
+
+bool CreateFileWithTargets(FileStoreEntry& file, const KelVector<FileStoreTarget>& targets) {
+    const FileStoreDatabase database = Database();
+    const KelLock lock(database.mutex);
+    DBTransaction transaction(database.connection);
+    return transaction.IsOpen() && file.CreateInDatabase(Side::Downstream) != 0 && InsertTargets(targets) &&
+           transaction.Commit();
+}
+
+bool SaveFileWithTargets(FileStoreEntry& file, const KelVector<FileStoreTarget>& targets) {
+    const FileStoreDatabase database = Database();
+    const KelLock lock(database.mutex);
+    DBTransaction transaction(database.connection);
+    return transaction.IsOpen() && InsertTargets(targets) && file.SaveToDatabase(Side::Downstream) &&
+           transaction.Commit();
+}
+
+bool SetNotifyTime(std::uint64_t targetId, std::int64_t time) {
+    return Change(KelFormat(kSetNotifyTime, time, targetId));
+}
+
+bool SetTargetDevice(const FileStoreTarget& target) {
+    return Change(KelFormat(kSetDevice, target.DeviceGUID, target.DevicePath, target.TargetId));
+}
+
+bool DeleteTargetsOfDevice(std::uint64_t fileId, const KelString& guid) {
+    return Change(KelFormat(kDeleteOfDevice, fileId, guid));
+}
+
+bool RecordAnnouncements(const AnnouncementOutcome& outcome, std::int64_t now, std::int64_t announcedTime) {
+    const FileStoreDatabase database = Database();
+    const KelLock lock(database.mutex);
+    DBTransaction transaction(database.connection);
+    const auto run = [](const IdList& ids, const KelString& statement) {
+        return ids.IsEmpty() || Change(statement);
+    };
+    const KelString failedDevices = QuotedList(outcome.failedDevices);
+    return transaction.IsOpen() && run(outcome.delivered, KelFormat(kDeleteAll, outcome.delivered.Text())) &&
+           run(outcome.failed, KelFormat(kSetNotifyTimes, now, outcome.failed.Text())) &&
+           (failedDevices.empty() || Change(KelFormat(kPostponeDevices, now, failedDevices))) &&
+           run(outcome.announced, KelFormat(kSetNotifyTimes, announcedTime, outcome.announced.Text())) &&
+           transaction.Commit();
+}
+
+}  // namespace filestore

@@ -1,0 +1,92 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+
+#include "filestore/db/file_store_entry.h"
+#include "filestore/db/id_list.h"
+
+namespace filestore {
+class RowReader;
+
+/// One row of the table Targets (downstream database): a device of the next level, or this device, that waits
+/// for a file.
+struct FileStoreTarget {
+    /// The columns as a SELECT lists them for Read.
+    static constexpr const char* kColumns =
+        "Targets.TargetId, Targets.FileId, DeviceGUID, DevicePath, TargetCreateTime, LastNotifyTime, "
+        "WakeUpDevice";
+    void Read(RowReader& row);
+
+    std::uint64_t TargetId = 0;
+    std::uint64_t FileId = 0;
+    KelString DeviceGUID;  ///< path name "host:port/GUID/MAC/IP/mask" or device URL; empty: this device
+    KelString DevicePath;  ///< the sub-tree of targets below, a container as XML
+    std::int64_t TargetCreateTime = 0;  ///< seconds since the epoch
+    std::int64_t LastNotifyTime = 0;    ///< a future time postpones the next announcement
+    std::uint32_t WakeUpDevice = 0;     ///< 1: the device may be woken
+};
+
+/// A target with its file.
+struct FileTarget {
+    FileStoreEntry file;
+    FileStoreTarget target;
+};
+
+// Locks and failures as in files_table.h: changes take mutexDownstream.
+
+/// The next free TargetId; 0 when none can be drawn.
+std::uint64_t NewTargetId();
+
+// ---- selections
+
+/// The most urgent targets that are due: of available files, and neither file nor target touched since `due`.
+/// With `windowClosed` only those that pass a closed window: bypass files and targets on this device.
+KelVector<FileTarget> SelectDueTargets(std::int64_t due, bool windowClosed, unsigned int limit);
+
+/// One target of one file, at most one row, whatever their times and status.
+KelVector<FileTarget> SelectTarget(std::uint64_t fileId, std::uint64_t targetId);
+
+/// The targets of a file that is wanted by `device` (a device URL, with which its path name begins), or by
+/// this device when that is empty. Nothing when the statement failed.
+std::optional<KelVector<FileStoreTarget>> FindTargets(std::uint64_t fileId, const KelString& device);
+
+bool HasTargets(std::uint64_t fileId);
+
+/// The latest LastNotifyTime of the rows with this DeviceGUID, 0 when there are none. Nothing when the
+/// statement failed.
+std::optional<std::int64_t> LatestNotifyTime(const KelString& deviceGuid);
+
+/// All targets, for a change of the device's own port.
+KelVector<FileStoreTarget> SelectAllTargets();
+
+// ---- changes; each false when it was not made
+
+/// Inserts all rows. The caller holds a transaction when they are to be inserted together or not at all.
+bool InsertTargets(const KelVector<FileStoreTarget>& targets);
+/// Inserts the rows in one transaction of their own; a row that fails is left out.
+bool RecordTargets(const KelVector<FileStoreTarget>& targets);
+
+/// Inserts a file and its targets, and writes a file back and inserts targets: both or neither.
+bool CreateFileWithTargets(FileStoreEntry& file, const KelVector<FileStoreTarget>& targets);
+bool SaveFileWithTargets(FileStoreEntry& file, const KelVector<FileStoreTarget>& targets);
+
+bool SetNotifyTime(std::uint64_t targetId, std::int64_t time);
+bool SetTargetDevice(const FileStoreTarget& target);
+
+/// Removes the target of a file whose device has the GUID `guid`, which holds letters, digits and hyphens
+/// only.
+bool DeleteTargetsOfDevice(std::uint64_t fileId, const KelString& guid);
+
+/// What a round of announcements has come to.
+struct AnnouncementOutcome {
+    IdList delivered;                    ///< targets to remove: handed over here, or never reachable
+    IdList announced;                    ///< targets that have taken the announcement
+    IdList failed;                       ///< targets that could not be called
+    KelVector<KelString> failedDevices;  ///< their path names: all rows of such a device are postponed
+};
+/// Records it in one transaction: failed targets and devices count as notified at `now`, announced ones at
+/// `announcedTime`, so that they are announced again if they do not acknowledge.
+bool RecordAnnouncements(const AnnouncementOutcome& outcome, std::int64_t now, std::int64_t announcedTime);
+
+}  // namespace filestore

@@ -1,0 +1,113 @@
+#include "filestore/down/acknowledge.h"
+
+#include <ctime>
+
+#include "filestore/db/file_status.h"
+#include "filestore/db/files_selection.h"
+#include "filestore/db/files_table.h"
+#include "filestore/db/targets_table.h"
+#include "filestore/down/pull_thread.h"
+#include "filestore/exchange/http_transfer.h"
+#include "filestore/exchange/input_checks.h"
+#include "filestore/state/device.h"
+#include "filestore/state/file_store.h"
+#include "filestore/state/parent.h"
+#include "kel/tokeniser.h"
+#include "kelcore/action_db.h"
+#include "kelcore/error_codes.h"
+#include "kelcore/file_values.h"
+
+using namespace filestore;
+
+// Acknowledgements from both ends: the pull thread of the device that has got a file sends them, the handler
+// at the end receives them on the device that announced it.
+
+namespace {
+
+constexpr const char* kAction = "FileStoreAcknowledgeFile";
+constexpr const char* kRuleFileType = "OperationalRuleAdministratedRelay";
+
+void WaitForRetry(std::uint64_t fileId) {
+    UpdateFileStatus(Side::Downstream, fileId, kStatusAvailable, kStatusAvailable, NextTry::AfterTimeout);
+}
+
+/// A rule file says that this device is no child of its sender for the package that it names. The package is
+/// therefore not waited for any longer, and is acknowledged together with the rule file.
+void AcknowledgeNamedPackage(const FileStoreEntry& rule, const KelString& callUrl, const KelString& ownUrl) {
+    KelContainer content;
+    const KelString path = FileStore::StorePath(Side::Downstream, rule.Key());
+    if (const KelStatus loaded = content.LoadFromFile(path); !loaded) {
+        FileStore::debugFileStore.Error("PullThread: Cannot read the rule file %S: %S\n", path,
+                                        loaded.Error().message);
+        return;
+    }
+    const KelString checksum = content.GetString(kValueFileChecksum);
+    const KelString name = content.GetString(kValueFileName);
+    SetNotRelaysChild(name, checksum);
+    // The rule file names neither type nor label.
+    const FileRows packages = SelectFilesOfContent(name, checksum);
+    if (!packages.empty()) SendAcknowledgement(callUrl, packages.front().Key(), ownUrl);
+}
+
+}  // namespace
+
+namespace filestore {
+
+unsigned int SendAcknowledgement(const KelString& callUrl, const FileKey& key, const KelString& ownUrl) {
+    KelContainer call;
+    key.Write(call);
+    call.SetString(kValueDeviceGuid, ownUrl);
+    return CallDevice(callUrl, kAction, call);
+}
+
+}  // namespace filestore
+
+int FileStorePullThread::AcknowledgeFile() {
+    FileStore::debugFileStore.Trace("PullThread: Looking for downloaded files to acknowledge\n");
+    if (!DownloadsAreAllowed()) return 0;
+    const KelString ownUrl = OurDeviceUrl();
+    if (ownUrl.empty()) {
+        FileStore::debugFileStore.Print("PullThread: Do not have a GUID yet so will not send request\n");
+        return 0;
+    }
+    const FileRows rows = SelectAcknowledgement(std::time(nullptr) - FileStore::ulPullTimeout, PassingNow());
+    if (rows.empty()) return 0;
+    const FileStoreEntry& file = rows.front();
+    FileStore::debugFileStore.Print("PullThread: Acknowledging %S/%S/%S upstream\n", file.FileType,
+                                    file.FileLabel, file.FileName);
+    const KelString callUrl = SenderUrl(file.SourceDevice);
+    if (callUrl.empty()) {
+        WaitForRetry(file.FileId);
+        return 0;
+    }
+    if (const unsigned int error = SendAcknowledgement(callUrl, file.Key(), ownUrl); error != kKelOk) {
+        FileStore::debugFileStore.Error("PullThread: Failed to call %S, error %u\n", KelString(kAction),
+                                        error);
+        WaitForRetry(file.FileId);
+        return 0;
+    }
+    // Not "done" while writes fail: the acknowledgement would be resent in a tight loop.
+    if (!SetAcknowledged(file.FileId)) return 0;
+    if (file.FileType == kRuleFileType) AcknowledgeNamedPackage(file, callUrl, ownUrl);
+    return 1;
+}
+
+unsigned int FileStore::ActionHandler_FileStoreAcknowledgeFile(KelContainer* arguments) {
+    const FileKey key = FileKey::Read(*arguments);
+    const KelString device = arguments->GetString(kValueDeviceGuid);
+    arguments->Clear();
+    const KelString guid = StringTokeniser(device, '/').GetToken(1);
+    // It becomes part of a pattern: anything else could remove the targets of other devices.
+    if (!IsPlainGuid(guid)) {
+        debugFileStore.Warning("Refusing an acknowledgement from '%S': it has no usable GUID\n", device);
+        return kKelErrorBadInput;
+    }
+    if (!CheckFileKey(key, false)) return kKelErrorBadInput;
+    debugFileStore.Print("Received acknowledge from %S for %S/%S/%S\n", device, key.type, key.label,
+                         key.name);
+
+    const KelLock lock(mutexDownstream);
+    if (const std::uint64_t fileId = FindFileInDatabase(Side::Downstream, key); fileId != 0)
+        DeleteTargetsOfDevice(fileId, guid);
+    return kKelOk;
+}

@@ -1,0 +1,142 @@
+#include "filestore/down/announcement.h"
+
+#include <cstdlib>
+#include <ctime>
+
+#include "filestore/db/file_status.h"
+#include "filestore/state/file_store.h"
+#include "filestore/state/store_layout.h"
+#include "kel/checksum.h"
+#include "kel/file.h"
+#include "kel/format.h"
+#include "kel/path.h"
+#include "kel/text.h"
+#include "kelcore/action_db.h"
+#include "kelcore/device_name.h"
+#include "kelcore/file_values.h"
+
+namespace filestore {
+
+namespace {
+
+constexpr const char* kRuleFileType = "OperationalRuleAdministratedRelay";
+
+KelContainer FromXml(const KelString& xml, const char* column, const FileStoreTarget& target) {
+    KelContainer content;
+    if (const KelStatus loaded = content.LoadFromXML(xml); !loaded)
+        FileStore::debugFileStore.Error("NotifyThread: Column %s of file %lu, target %lu is damaged: %S\n",
+                                        column, target.FileId, target.TargetId, loaded.Error().message);
+    return content;
+}
+
+bool IsInRepository(const KelString& path) {
+    const KelLock lock(FileStore::mutexSettings);
+    const KelString& repository = FileStore::strPackagesRepositoryPath;
+    return !repository.empty() && path.starts_with(repository);
+}
+
+/// Puts the rule file `made` where it is announced; `made` is gone afterwards. `packagePath` is the content
+/// in whose place it is announced.
+void PlaceRuleFile(const KelString& made, const KelString& destination, const KelString& packagePath) {
+    if (IsInRepository(packagePath)) {
+        FileStore::debugFileStore.Detail(
+            "NotifyThread: Case of Package repository: Do not rename the file.\n");
+        FileDelete(made);  // nothing would ever refer to it
+        return;
+    }
+    KelString folder, name;
+    SplitPath(destination, folder, name);
+    if (PathCreate(folder) && FileRename(made, destination)) return;
+    FileStore::debugFileStore.Error("NotifyThread: Cannot write %S: check space and permissions\n",
+                                    destination);
+    FileDelete(made);
+}
+
+/// Saves what the receiver needs to know of `file` in a temporary file. False, logged, on failure.
+bool WriteRuleFile(const FileStoreEntry& file, KelString& made) {
+    KelContainer rule;
+    rule.SetString("FileStatus", kStatusNotRelaysChild);
+    rule.SetString(kValueFileChecksum, file.FileChecksum);
+    rule.SetString(kValueFileName, file.FileName);
+    const KelStatus saved = rule.SaveToTempFile(made);
+    if (!saved)
+        FileStore::debugFileStore.Error("NotifyThread: Cannot write a rule file: %S\n",
+                                        saved.Error().message);
+    return static_cast<bool>(saved);
+}
+
+}  // namespace
+
+bool ReplaceByRuleFile(FileTarget& row) {
+    FileStoreEntry& file = row.file;
+    if (file.FileStatus != kStatusNotRelaysChild) return true;
+    KelString made;
+    if (!WriteRuleFile(file, made)) return false;
+    // Each gets a name of its own: a key is recorded only once on every device.
+    file.FileType = kRuleFileType;
+    file.FileLabel = kRuleFileType;
+    file.FileName = KelFormat("%s_%u_%u", kRuleFileType, static_cast<unsigned int>(std::rand()),
+                              static_cast<unsigned int>(std::time(nullptr)));
+    FileMd5(made, file.FileChecksum);
+    const KelString announcedPath = ContentPath(file, Side::Downstream);
+    PlaceRuleFile(made, announcedPath, file.FilePath);
+    file.FilePath = announcedPath;
+    file.FileSize = FileGetSize64(announcedPath);
+    return true;
+}
+
+FileOffer BuildAnnouncement(const FileTarget& row) {
+    const FileStoreEntry& file = row.file;
+    FileOffer offer;
+    offer.key = file.Key();
+    offer.sourceDevice = file.SourceDevice;
+    offer.firstRelay = file.FirstRelay;
+    offer.devicePath = FromXml(row.target.DevicePath, kValueDevicePath, row.target);
+    offer.info = FromXml(file.FileInfo, kValueFileInfo, row.target);
+    offer.wakeOnLan = row.target.WakeUpDevice != 0;
+    offer.upstream = false;
+    // No device keeps a rule file.
+    offer.keepCopy = file.FileStatus == kStatusAvailable ? static_cast<std::int32_t>(file.KeepCopy) : 0;
+    offer.size = file.FileSize;
+    offer.priority = static_cast<std::int32_t>(file.Priority);
+    offer.bypass = file.Bypass;
+    offer.transportMode = file.TransportMode;
+    return offer;
+}
+
+KelString AnnouncedUrl(const FileStoreEntry& file) {
+    return file.ExternalFile ? file.FileURL : StoredUrl(Side::Downstream, file.Key());
+}
+
+// Loopback and link-local addresses and "any" are what a device reports that has no usable one. They are
+// looked for in the whole name, whose fourth part is the device's address.
+bool IsValidDestination(const KelString& deviceGuid) {
+    if (SplitText(deviceGuid, ':').front().empty()) return false;
+    for (const char* unusable : {"169.254", "0.0.0.0", "127.0.0.1"})
+        if (deviceGuid.find(unusable) != KelString::npos) return false;
+    return true;
+}
+
+void WakeUpTarget(const FileStoreTarget& target, unsigned int error) {
+    if (target.WakeUpDevice != 1) return;
+    FileStore::debugFileStore.Error("NotifyThread: Failed to call %S, error %u\n", target.DeviceGUID, error);
+    if (!ActionDbIsActionRegistered("WakeOnLanWakeUp")) {
+        FileStore::debugFileStore.Trace("NotifyThread: Will not use WakeOnLan, not running\n");
+        return;
+    }
+    const auto device = SplitDevicePathName(target.DeviceGUID);
+    if (!device) {
+        FileStore::debugFileStore.Trace("NotifyThread: Cannot use WakeOnLan, bad format (%S)\n",
+                                        target.DeviceGUID);
+        return;
+    }
+    KelContainer call;
+    call.SetInt32("WakeOnLanNumberOfRetry", 1);
+    call.SetInt32("WakeOnLanRetryInterval", 60);
+    call.SetString("WakeOnLanDeviceIPAddr", device->ipAddress);
+    call.SetString("WakeOnLanDeviceNetworkMask", device->networkMask);
+    call.SetString("WakeOnLanDeviceMACAddr", device->macAddress);
+    CallLocal("WakeOnLanWakeUp", call);
+}
+
+}  // namespace filestore

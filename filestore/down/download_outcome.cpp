@@ -1,0 +1,77 @@
+#include "filestore/down/download_outcome.h"
+
+#include "filestore/db/file_status.h"
+#include "filestore/db/files_table.h"
+#include "filestore/state/file_store.h"
+#include "kel/checksum.h"
+#include "kel/file.h"
+#include "kelcore/http/client.h"
+
+namespace filestore {
+
+namespace {
+
+/// Files of this type are accepted whatever their checksum.
+constexpr const char* kTypeWithAnyContent = "OperationalRuleNetworkPackageInfo";
+
+}  // namespace
+
+bool IsStillWanted(std::uint64_t fileId) {
+    return ReadFileStatus(Side::Downstream, fileId) == kStatusDownloading;
+}
+
+bool HasAnnouncedContent(const FileStoreEntry& file) {
+    FileStore::debugFileStore.Print("PullThread: Calculating checksum\n");
+    KelString checksum;
+    FileMd5(file.FilePath, checksum);
+    FileStore::debugFileStore.Print("PullThread: File checksum is %S\n", checksum);
+    if (checksum == file.FileChecksum || file.FileType == kTypeWithAnyContent) return true;
+    FileStore::debugFileStore.Error("PullThread: File checksum is invalid, requesting again\n");
+    return false;
+}
+
+bool PostponeDownload(std::uint64_t fileId) {
+    return UpdateFileStatus(Side::Downstream, fileId, kStatusDownloading, kStatusDownloading,
+                            NextTry::AfterTimeout);
+}
+
+bool KeepForRetry(const FileStoreEntry& file, unsigned int result) {
+    if (result == kHttpCutOff) {
+        const std::int64_t present = FileGetSize64(file.FilePath);
+        return SetTransferredBytes(file.FileId, present < 0 ? 0 : static_cast<std::uint64_t>(present));
+    }
+    FileStore::debugFileStore.Error("PullThread: Failed to download file %S\n", file.FileName);
+    FileStore::debugFileStore.Trace("PullThread: Received HTTP Client Error %d\n", static_cast<int>(result));
+    return PostponeDownload(file.FileId);
+}
+
+// The lock spans question and removal: an offer that is taken in here sets the status, under the same lock,
+// before it puts its content at the same path.
+void DeleteDownload(const FileStoreEntry& file) {
+    const KelLock lock(FileStore::mutexDownstream);
+    if (IsStillWanted(file.FileId)) FileDelete(file.FilePath);
+}
+
+bool RestartDownloadLater(const FileStoreEntry& file) {
+    const KelLock lock(FileStore::mutexDownstream);
+    DeleteDownload(file);
+    return RestartDownload(file.FileId);
+}
+
+bool FinishDownload(const FileStoreEntry& file) {
+    return SetDownloaded(file.FileId, static_cast<std::uint64_t>(FileGetSize64(file.FilePath)));
+}
+
+bool RequestSpoiltContent(const FileStoreEntry& file) {
+    FileStoreEntry entry;
+    const bool isSpoilt = entry.LoadFromDatabase(file.FileId, Side::Downstream) &&
+                          entry.FileStatus == kStatusAvailable && entry.FilePath == file.FilePath &&
+                          !HasAnnouncedContent(file);
+    if (!isSpoilt) return true;
+    const bool recorded = UpdateFileStatus(Side::Downstream, file.FileId, kStatusAvailable,
+                                           kStatusToBeRequested, NextTry::AtOnce);
+    FileStore::WakeWorker(Worker::Push);
+    return recorded;
+}
+
+}  // namespace filestore

@@ -1,0 +1,150 @@
+#include "filestore/db/file_status.h"
+#include "filestore/db/files_table.h"
+#include "filestore/db/targets_table.h"
+#include "filestore/down/receive_offer.h"
+#include "filestore/down/target_list.h"
+#include "filestore/state/file_store.h"
+#include "kel/file.h"
+#include "kel/path.h"
+#include "kelcore/error_codes.h"
+#include "kelcore/file_values.h"
+
+namespace filestore {
+
+namespace {
+
+struct MulticastOffer {
+    KelString address;
+    unsigned int port = 0;
+    unsigned int blockSize = 0;
+    bool IsUsable() const { return port != 0 && !address.empty(); }
+};
+
+/// What an announcement says, apart from the arguments that carried it.
+struct Announcement {
+    FileStoreEntry file;
+    MulticastOffer multicast;
+    KelString transportMode;
+    unsigned int wakeOnLan = 0;
+    KelContainer devicePath;
+};
+
+enum class Recorded : unsigned char { Failed, Unchanged, ToBeDownloaded };
+
+Announcement ReadAnnouncement(const KelContainer& arguments, const Offer& offer) {
+    Announcement read;
+    read.file = offer.ToEntry();
+    read.file.FileURL = arguments.GetString(kValueFileUrl);
+    read.file.FileSize = arguments.GetInt64(kValueFileSize);
+    read.file.SourceDevice = arguments.GetString(kValueSourceDevice);
+    read.file.FileInfo = FileInfoXml(arguments);
+    read.multicast = {arguments.GetString("MulticastAddress"),
+                      static_cast<unsigned int>(arguments.GetInt32("MulticastPort")),
+                      static_cast<unsigned int>(arguments.GetInt32("MulticastBlockSize"))};
+    read.transportMode = arguments.GetString(kValueTransportMode);
+    read.wakeOnLan = offer.wakeOnLan;
+    read.devicePath = arguments.GetContainer(kValueDevicePath);
+    return read;
+}
+
+bool IsComplete(const FileStoreEntry& entry) {
+    return FileExists(entry.FilePath) && FileGetSize64(entry.FilePath) == entry.FileSize;
+}
+
+void SetTransport(FileStoreEntry& known, const Announcement& announced) {
+    known.MulticastTransferToBeStarted = false;
+    known.MulticastAddress = announced.multicast.address;
+    known.MulticastPort = announced.multicast.port;
+    known.MulticastBlockSize = announced.multicast.blockSize;
+    known.TransportMode = kTransportUnicast;
+    if (announced.multicast.IsUsable()) {
+        known.TransportMode = kTransportMulticast;
+    } else if (announced.transportMode == kTransportMulticast) {
+        // What a failed multicast reception has left has gaps: nothing of it counts as transferred.
+        known.TransferredBytes = 0;
+        known.TransportMode = kTransportUnicastRecovery;
+    }
+}
+
+/// Has a known file downloaded as the new announcement says, unless it is here already.
+Recorded UpdateKnown(FileStoreEntry& known, const Announcement& announced)
+    KEL_REQUIRES(FileStore::mutexDownstream) {
+    FileStore::debugFileStore.Trace("File %S exists in datababase with status %S.\n", known.FileName,
+                                    known.FileStatus);
+    if (known.FileStatus == kStatusAvailable || IsComplete(known)) {
+        FileStore::debugFileStore.Trace("Available file is notified again.\n");
+        return Recorded::Unchanged;
+    }
+    known.FileURL = announced.file.FileURL;
+    if (known.FileChecksum.empty()) {  // it was requested without one
+        known.FileChecksum = announced.file.FileChecksum;
+        known.FilePath = FileStore::StorePath(Side::Downstream, known.Key());
+    }
+    // The status time of a request that was waiting for its answer must not delay the download.
+    if (known.FileStatus == kStatusToBeRequested || known.FileStatus == kStatusMissing)
+        known.LastStatusChangeTime = 0;
+    known.FileStatus = kStatusDownloading;
+    known.KeepCopy = announced.file.KeepCopy;
+    known.Bypass = announced.file.Bypass;
+    known.Priority = announced.file.Priority;
+    SetTransport(known, announced);
+    return known.SaveToDatabase(Side::Downstream) ? Recorded::ToBeDownloaded : Recorded::Failed;
+}
+
+FileStoreEntry NewEntry(const Announcement& announced) {
+    FileStoreEntry entry = announced.file;
+    entry.FilePath = FileStore::StorePath(Side::Downstream, entry.Key());
+    entry.FileStatus = kStatusDownloading;
+    entry.TransportMode = kTransportUnicast;
+    if (announced.multicast.IsUsable()) {
+        entry.MulticastAddress = announced.multicast.address;
+        entry.MulticastPort = announced.multicast.port;
+        entry.MulticastBlockSize = announced.multicast.blockSize;
+        entry.TransportMode = kTransportMulticast;
+    }
+    return entry;
+}
+
+Recorded Record(const Announcement& announced) {
+    FileStoreEntry entry = announced.file;
+    {
+        const KelLock lock(FileStore::mutexDownstream);
+        if (!LoadKnownFile(Side::Downstream, entry)) entry.FileId = 0;
+    }
+    // The targets need the row's number, and making them calls local actions: no lock may be held. Another
+    // call may record the file in the meantime, so it is looked for once more.
+    const bool isNew = entry.FileId == 0;
+    const std::uint64_t fileId = isNew ? NewFileId(Side::Downstream) : entry.FileId;
+    KelVector<FileStoreTarget> targets;
+    if (isNew) targets = TargetsOf(fileId, announced.wakeOnLan, announced.devicePath);
+
+    const KelLock lock(FileStore::mutexDownstream);
+    if (LoadKnownFile(Side::Downstream, entry)) return UpdateKnown(entry, announced);
+    entry = NewEntry(announced);
+    entry.FileId = fileId;
+    return CreateFileWithTargets(entry, targets) ? Recorded::ToBeDownloaded : Recorded::Failed;
+}
+
+}  // namespace
+
+unsigned int ReceiveDownstreamRemote(KelContainer& arguments, Offer& offer) {
+    const Announcement announced = ReadAnnouncement(arguments, offer);
+    const FileKey& key = offer.key;
+    FileStore::debugFileStore.Print("Receiving downstream remote file %S/%S/%S\n", key.type, key.label,
+                                    key.name);
+    FileStore::debugFileStore.Trace("Transfer mode : %S, %u, %u\n", announced.multicast.address,
+                                    announced.multicast.port, announced.multicast.blockSize);
+    arguments.Clear();
+    if (!PathCreate(FileStore::StoreFolder(Side::Downstream, key)))
+        FileStore::debugFileStore.Warning("Cannot make the folder of %S/%S/%S\n", key.type, key.label,
+                                          key.name);
+
+    const Recorded recorded = Record(announced);
+    if (recorded == Recorded::Failed) return kKelErrorBadInput;
+    if (recorded == Recorded::ToBeDownloaded) FileStore::WakeWorker(Worker::Pull);
+    FileStore::debugFileStore.Print("Received downstream remote file %S/%S/%S\n", key.type, key.label,
+                                    key.name);
+    return kKelOk;
+}
+
+}  // namespace filestore

@@ -1,0 +1,40 @@
+#include "filestore/exchange/file_record.h"
+
+#include "filestore/state/file_store.h"
+
+namespace filestore {
+
+KelContainer FileInfoOf(const FileStoreEntry& entry) {
+    KelContainer info;
+    if (const KelStatus loaded = info.LoadFromXML(entry.FileInfo); !loaded)
+        FileStore::debugFileStore.Warning("The information of file %S is damaged and left out: %S\n",
+                                          entry.FileName, loaded.Error().message);
+    return info;
+}
+
+FileOffer FileDescriptionOf(const FileStoreEntry& entry) {
+    FileOffer description;
+    description.key = entry.Key();
+    description.sourceDevice = entry.SourceDevice;
+    description.firstRelay = entry.FirstRelay;
+    description.upstream = entry.Upstream;
+    description.priority = static_cast<std::int32_t>(entry.Priority);
+    description.info = FileInfoOf(entry);
+    return description;
+}
+
+FileOffer FileRecordOf(const FileStoreEntry& entry) {
+    FileOffer record = FileDescriptionOf(entry);
+    record.bypass = entry.Bypass;
+    record.keepCopy = static_cast<std::int32_t>(entry.KeepCopy);
+    record.size = entry.FileSize;
+    return record;
+}
+
+}  // namespace filestore
+
+bool FileStore::CheckHandlerResult(const KelContainer& results, unsigned int code) {
+    for (std::size_t i = 0; i < results.GetNameCount(); ++i)
+        if (static_cast<unsigned int>(results.GetInt32(results.GetName(i), -1)) == code) return true;
+    return false;
+}

@@ -1,0 +1,19 @@
+#pragma once
+
+#include "filestore/db/file_store_entry.h"
+#include "kelcore/file_offer.h"
+
+/// Describes stored files to other devices and to the modules of this device.
+namespace filestore {
+
+/// The values that a consumer gets: which file it is and where it comes from.
+FileOffer FileDescriptionOf(const FileStoreEntry& entry);
+
+/// The values by which a file is offered to the parent and listed in an archive's index.
+FileOffer FileRecordOf(const FileStoreEntry& entry);
+
+/// The container that a row's FileInfo holds as XML; empty, with a warning that names the file, when it is
+/// damaged.
+KelContainer FileInfoOf(const FileStoreEntry& entry);
+
+}  // namespace filestore

@@ -1,0 +1,35 @@
+#pragma once
+
+#include <functional>
+
+#include "filestore/db/files_selection.h"
+#include "kel/types.h"
+#include "kelcore/http/client.h"
+#include "kelcore/http/message.h"
+#include "kelcore/http/url.h"
+
+namespace filestore {
+
+/// Moves one file to or from another agent over HTTP, for a worker thread: with the agent's TLS and proxy
+/// settings, and paced by the window to the parent unless the file bypasses windows. One thread at a time.
+class HttpTransfer {
+  public:
+    /// `threadName` begins the log lines; `peerUrl` is a call URL, credentials included. `cancelled` ends the
+    /// transfer.
+    HttpTransfer(const char* threadName, const KelString& peerUrl, std::function<bool()> cancelled);
+
+    /// Results of HttpClient; kHttpBadRequest when the peer's URL is unusable.
+    unsigned int Run(const HttpMessage& request, HttpMessage& answer, bool bypass);
+
+    const KelString& GetErrorText() const { return client_.GetErrorText(); }
+
+  private:
+    UrlInet peer_;
+    bool usable_;
+    HttpClient client_;
+};
+
+/// Which files may move to and from the parent now: only bypass files while its window is closed.
+Passing PassingNow();
+
+}  // namespace filestore

@@ -1,0 +1,118 @@
+#include <limits>
+
+#include "filestore/db/file_status.h"
+#include "filestore/db/files_selection.h"
+#include "filestore/state/device.h"
+#include "filestore/state/file_store.h"
+#include "kel/container.h"
+#include "kel/file.h"
+#include "kel/format.h"
+#include "kelcore/error_codes.h"
+#include "kelcore/file_values.h"
+
+using namespace filestore;
+
+namespace {
+
+/// The order that the caller asked for; nothing, with a warning, when it is none.
+std::optional<ListOrder> ReadOrder(const KelContainer& arguments) {
+    // The progress text is made after the selection, which cannot sort by it.
+    const KelString attribute = arguments.GetString("SortAttr");
+    const KelString column = attribute == "TransferredData" ? KelString() : attribute;
+    const KelString direction = arguments.GetString("SortOrder", "ASC");
+    auto order = MakeListOrder(column, direction);
+    if (!order)
+        FileStore::debugFileStore.Warning(
+            "Files cannot be sorted by '%S' in the order '%S'; use a column of Files, and ASC or DESC\n",
+            attribute, direction);
+    return order;
+}
+
+Side ChosenSide(const KelContainer& arguments) {
+    return arguments.GetBool("ListUpstream", false) ? Side::Upstream : Side::Downstream;
+}
+
+/// `size` as per cent of `whole` (above 0), at most 100, without overflow.
+std::uint64_t Percent(std::int64_t size, long long whole) {
+    if (size >= whole) return 100;
+    if (size > std::numeric_limits<std::int64_t>::max() / 100)
+        return static_cast<std::uint64_t>(size / (whole / 100));
+    return static_cast<std::uint64_t>(size * 100 / whole);
+}
+
+KelContainer ListValues(const ListedFile& file) {
+    KelContainer values;
+    values.SetInt32("FileId", static_cast<std::int32_t>(file.fileId));
+    file.key.Write(values);
+    values.SetString("FileStatus", file.status);
+    values.SetString("TransferredData", FileStore::getFileTransferPercent(file.status, file.path, file.size));
+    return values;
+}
+
+KelContainer DetailValues(const FileStoreEntry& entry) {
+    KelContainer values;
+    values.SetInt32("FileId", static_cast<std::int32_t>(entry.FileId));
+    entry.Key().Write(values);
+    values.SetInt64(kValueFileSize, entry.FileSize);
+    values.SetString("FileStatus", entry.FileStatus);
+    values.SetBool(kValueUpstream, entry.Upstream);
+    values.SetInt32(kValueKeepCopy, static_cast<std::int32_t>(entry.KeepCopy));
+    values.SetBool(kValueBypass, entry.Bypass);
+    values.SetBool("Acknowledged", entry.Acknowledged);
+    values.SetInt32(kValuePriority, static_cast<std::int32_t>(entry.Priority));
+    values.SetInt32("CreateTime", static_cast<std::int32_t>(entry.CreateTime));
+    values.SetString(kValueSourceDevice, entry.SourceDevice);
+    values.SetString(kValueFirstRelay, entry.FirstRelay);
+    values.SetInt32("TransferredBytes", static_cast<std::int32_t>(entry.TransferredBytes));
+    values.SetString("TransferredData",
+                     FileStore::getFileTransferPercent(entry.FileStatus, entry.FilePath, entry.FileSize));
+    return values;
+}
+
+}  // namespace
+
+KelString FileStore::getFileTransferPercent(const KelString& status, const KelString& path,
+                                            long long expectedSize) {
+    if (status == kStatusAvailable || status == kStatusUnicastAvailable) return "100 %";
+    const bool isArriving = status == kStatusDownloading || status == kStatusReceiving;
+    const std::int64_t size = isArriving && expectedSize > 0 ? FileGetSize64(path) : -1;
+    if (size < 0) return "N/A";
+    return KelFormat("%gu %", Percent(size, expectedSize));
+}
+
+unsigned int FileStore::ActionHandler_FileStoreListFiles(KelContainer* arguments) {
+    const auto order = ReadOrder(*arguments);
+    if (!order) return kKelErrorBadInput;
+    const KelVector<ListedFile> files = SelectListedFiles(ChosenSide(*arguments), *order);
+    arguments->Remove("Values");
+    for (std::size_t i = 0; i < files.size(); ++i)
+        arguments->SetContainer("Values", ListValues(files[i]), static_cast<std::uint32_t>(i));
+    return kKelOk;
+}
+
+unsigned int FileStore::ActionHandler_FileStoreGetFileInfo(KelContainer* arguments) {
+    const auto fileId = static_cast<std::uint32_t>(arguments->GetInt32("FileId", -1));
+    FileStoreEntry entry;
+    const bool isKnown = entry.LoadFromDatabase(fileId, ChosenSide(*arguments));
+    arguments->Remove("Values");
+    if (isKnown) arguments->SetContainer("Values", DetailValues(entry));
+    return kKelOk;
+}
+
+unsigned int FileStore::ActionHandler_FileStoreGetDeviceUrl(KelContainer* arguments) {
+    arguments->SetString("DeviceUrl", OurDeviceUrl());
+    return kKelOk;
+}
+
+unsigned int FileStore::ActionHandler_FileStoreGetFileInformation(KelContainer* arguments) {
+    const KelString label = arguments->GetString(kValueFileLabel);
+    const FileRows files = SelectFilesOfLabel(label, arguments->GetString(kValueFileChecksum));
+    if (files.empty()) return kKelOk;
+    KelContainer info;
+    if (const KelStatus status = info.LoadFromXML(files.front().FileInfo); !status)
+        debugFileStore.Warning("The stored information of file %S is unusable: %S\n", label,
+                               status.Error().message);
+    arguments->SetString(kValueFileType, files.front().FileType);
+    arguments->SetContainer(kValueFileInfo, std::move(info));
+    return kKelOk;
+}

@@ -1,0 +1,158 @@
+#include "filestore/down/receive_offer.h"
+#include "filestore/exchange/offer.h"
+#include "filestore/packages/package_orders.h"
+#include "filestore/state/device.h"
+#include "filestore/state/file_store.h"
+#include "filestore/state/parent.h"
+#include "filestore/up/receive_offer.h"
+#include "filestore/up/unconnected.h"
+#include "kel/ip_address.h"
+#include "kelcore/action_db.h"
+#include "kelcore/call_origin.h"
+#include "kelcore/error_codes.h"
+#include "kelcore/file_values.h"
+
+using namespace filestore;
+
+namespace {
+
+/// The parent's name as it is configured, whether or not it can be reached now.
+KelString ParentName() {
+    Parent parent;
+    ReadParent(parent);
+    return parent.name;
+}
+
+bool IsTrusted(const IpAddress& address) {
+    const KelLock lock(FileStore::mutexSettings);
+    return !FileStore::strTrustedAddressRange.empty() && FileStore::TrustedIpRange.Contains(address);
+}
+
+/// Only the parent may send files down, and the addresses that the administrator trusts. Self-healing files
+/// come from any neighbour that has a good copy.
+bool IsSenderAccepted(const KelContainer& arguments, const Offer& offer) {
+    if (offer.local || offer.upstream || offer.key.type == "SelfHealingRecoveredFile") return true;
+    const KelString address = ActionRequestAddress(arguments);
+    if (const auto sender = IpAddress::Parse(address)) {
+        const KelString parentName = ParentName();
+        if (!parentName.empty() && IpAddress::Resolve(parentName) == sender) return true;
+        if (IsTrusted(*sender)) return true;
+    }
+    FileStore::debugFileStore.Warning(
+        "Receiving downstream remote file from a relay (%S) which is not ours.\n", address);
+    return false;
+}
+
+void AcknowledgeToParent(const FileKey& key) {
+    KelString url, parentGuid;
+    FileStore::GetRelayUrl(url, parentGuid);
+    if (url.empty()) return;  // the parent repeats the order, which is then acknowledged
+    KelContainer call;
+    key.Write(call);
+    call.SetString(kValueDeviceGuid, OurDeviceUrl());
+    if (const unsigned int error = CallDevice(url, "FileStoreAcknowledgeFile", call); error != kKelOk)
+        FileStore::debugFileStore.Warning(
+            "The parent did not take the acknowledgement of %S, error %u; it will repeat the order\n",
+            key.Text(), error);
+}
+
+/// Carries a package order out at once when this device can: nothing is recorded then. False when the offer
+/// is to be recorded like any other file.
+bool CarryOutPackageOrder(KelContainer& arguments, const Offer& offer) {
+    if (offer.key.type == "PackagerCopyAdministratedPackage")
+        return CopyPublishedPackage(arguments, offer.key) == kKelOk;
+    if (offer.key.type == "PackagerPublishPackageToMaster")
+        return PublishPackageToMaster(arguments, offer.key) == kKelOk;
+    if (offer.key.type != "PackageDelete") return false;
+    KelContainer order = arguments;  // a failed deletion must leave the offer whole
+    if (FileStore::ActionHandler_FileStoreDeletePackage(&order) != kKelOk) return false;
+    AcknowledgeToParent(offer.key);
+    return true;
+}
+
+unsigned int Route(KelContainer& arguments, Offer& offer) {
+    if (offer.unconnected) return KeepUnconnected(arguments, offer);
+    if (offer.upstream)
+        return offer.local ? ReceiveUpstreamLocal(arguments, offer) : ReceiveUpstreamRemote(arguments, offer);
+    if (offer.local) return ReceiveDownstreamLocal(arguments, offer);
+    if (CarryOutPackageOrder(arguments, offer)) return kKelOk;
+    return ReceiveDownstreamRemote(arguments, offer);
+}
+
+using Receiver = unsigned int (*)(KelContainer&, Offer&);
+
+/// Calls a receiver for a caller that names the parts of the offer one by one.
+int Receive(Receiver receiver, KelContainer& arguments, const FileKey& key, KelString& checksum,
+            unsigned int keepCopy, bool bypass, unsigned int wakeOnLan, unsigned int priority) {
+    Offer offer;
+    offer.key = key;
+    offer.keepCopy = keepCopy;
+    offer.bypass = bypass;
+    offer.wakeOnLan = wakeOnLan;
+    offer.priority = priority;
+    const unsigned int result = receiver(arguments, offer);
+    checksum = offer.key.checksum;
+    return static_cast<int>(result);
+}
+
+}  // namespace
+
+unsigned int FileStore::ActionHandler_FileStoreReceiveFile(KelContainer* arguments) {
+    Offer offer = ReadOffer(*arguments);
+    if (!CheckOffer(*arguments, offer)) return kKelErrorBadInput;
+    // The sender of a dropped offer gets a success: it learns nothing about this device.
+    if (!IsSenderAccepted(*arguments, offer)) return kKelOk;
+    return Route(*arguments, offer);
+}
+
+int FileStore::ReceiveUpstreamLocalFile(KelContainer& arguments, const KelString& type,
+                                        const KelString& label, const KelString& name, KelString& checksum,
+                                        unsigned int keepCopy, bool bypass, unsigned int wakeOnLan,
+                                        unsigned int priority) {
+    return Receive(ReceiveUpstreamLocal, arguments, {type, label, name, checksum}, checksum, keepCopy, bypass,
+                   wakeOnLan, priority);
+}
+
+int FileStore::ReceiveUpstreamRemoteFile(KelContainer& arguments, const KelString& type,
+                                         const KelString& label, const KelString& name, KelString& checksum,
+                                         unsigned int keepCopy, bool bypass, unsigned int wakeOnLan,
+                                         unsigned int priority) {
+    return Receive(ReceiveUpstreamRemote, arguments, {type, label, name, checksum}, checksum, keepCopy,
+                   bypass, wakeOnLan, priority);
+}
+
+int FileStore::ReceiveUnconnectedLocalFile(KelContainer& arguments, const KelString& type,
+                                           const KelString& label, const KelString& name, KelString& checksum,
+                                           unsigned int keepCopy, bool bypass, unsigned int wakeOnLan,
+                                           unsigned int priority) {
+    return Receive(KeepUnconnected, arguments, {type, label, name, checksum}, checksum, keepCopy, bypass,
+                   wakeOnLan, priority);
+}
+
+int FileStore::ReceiveDownstreamLocalFile(KelContainer& arguments, const KelString& type,
+                                          const KelString& label, const KelString& name, KelString& checksum,
+                                          unsigned int keepCopy, bool bypass, unsigned int wakeOnLan,
+                                          unsigned int priority) {
+    return Receive(ReceiveDownstreamLocal, arguments, {type, label, name, checksum}, checksum, keepCopy,
+                   bypass, wakeOnLan, priority);
+}
+
+int FileStore::ReceiveDownstreamRemoteFile(KelContainer& arguments, const KelString& type,
+                                           const KelString& label, const KelString& name, KelString& checksum,
+                                           unsigned int keepCopy, bool bypass, unsigned int wakeOnLan,
+                                           unsigned int priority) {
+    return Receive(ReceiveDownstreamRemote, arguments, {type, label, name, checksum}, checksum, keepCopy,
+                   bypass, wakeOnLan, priority);
+}
+
+int FileStore::ReceivedCopyPublishedAction(KelContainer& arguments, const KelString& type,
+                                           const KelString& label, const KelString& name,
+                                           const KelString& checksum) {
+    return static_cast<int>(CopyPublishedPackage(arguments, {type, label, name, checksum}));
+}
+
+int FileStore::ReceivedPublishToMasterAction(KelContainer& arguments, const KelString& type,
+                                             const KelString& label, const KelString& name,
+                                             const KelString& checksum) {
+    return static_cast<int>(PublishPackageToMaster(arguments, {type, label, name, checksum}));
+}

@@ -1,0 +1,63 @@
+#include "filestore/state/parent.h"
+
+#include "filestore/state/file_store.h"
+#include "kel/container.h"
+#include "kel/format.h"
+#include "kel/tokeniser.h"
+#include "kelcore/action_db.h"
+#include "kelcore/agent.h"
+#include "kelcore/error_codes.h"
+#include "kelcore/http/url.h"
+
+namespace filestore {
+
+KelString Parent::Host() const {
+    return FileStore::fPreferIPAddresses || name.empty() ? address : name;
+}
+
+KelString Parent::CallUrl() const {
+    return UrlForAgent(KelAgentGetName(), KelAgentGetHttpPassword(), KelFormat("%S:%u", Host(), port));
+}
+
+bool ReadParent(Parent& parent) {
+    KelContainer answer;
+    if (CallLocal("RelayGetValues", answer) != kKelOk) return false;
+    const KelContainer& values = answer.GetContainer("Values");
+    parent.name = values.GetString("ParentName");
+    parent.address = values.GetString("ParentIPAddress");
+    if (parent.address.empty()) parent.address = parent.name;
+    parent.guid = values.GetString("ParentGuid");
+    parent.port = static_cast<std::uint32_t>(values.GetInt32("ParentPort", -1));
+    parent.isInSync = values.GetBool("ParentSync");
+    return true;
+}
+
+KelString SenderUrl(const KelString& sourceDevice) {
+    if (!sourceDevice.empty()) return UrlForAgent(KelAgentGetName(), KelAgentGetHttpPassword(), sourceDevice);
+    KelString url, parentGuid;
+    FileStore::GetRelayUrl(url, parentGuid);
+    return url;
+}
+
+}  // namespace filestore
+
+void FileStore::GetRelayUrl(KelString& url, KelString& parentGuid) {
+    url.clear();
+    filestore::Parent parent;
+    if (!filestore::ReadParent(parent)) {
+        debugFileStore.Error("Could not read relay info\n");
+        return;
+    }
+    parentGuid = parent.guid;
+    if (!parent.IsKnown()) {
+        debugFileStore.Warning("Current parent is undefined or out of sync\n");
+        return;
+    }
+    url = parent.CallUrl();
+}
+
+void FileStore::GetDeviceUrl(const KelString& deviceUrl, KelString& url, KelString& guid) {
+    const StringTokeniser pieces(deviceUrl, '/');
+    guid = pieces.GetToken(1);
+    url = UrlForAgent(KelAgentGetName(), KelAgentGetHttpPassword(), pieces.GetToken(0));
+}

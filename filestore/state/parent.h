@@ -1,0 +1,32 @@
+#pragma once
+
+#include <cstdint>
+
+#include "kel/types.h"
+
+namespace filestore {
+
+/// This device's parent, as the relay module knows it.
+struct Parent {
+    KelString name;
+    KelString address;  ///< the name where no address is known
+    KelString guid;
+    std::uint32_t port = 0;
+    bool isInSync = false;  ///< it has answered lately
+
+    /// True when it can be called: in sync and with a name or an address.
+    bool IsKnown() const { return isInSync && !(name.empty() && address.empty()); }
+    /// Where it is called: by its address when this device prefers addresses or knows no name, else by its
+    /// name.
+    KelString Host() const;
+    /// Its call URL, with this agent's credentials.
+    KelString CallUrl() const;
+};
+
+/// Asks the relay module; false when that fails. The one place that reads the parent's values.
+bool ReadParent(Parent& parent);
+
+/// Where the sender of a file is called: the device that its row names, else the parent; empty while unknown.
+KelString SenderUrl(const KelString& sourceDevice);
+
+}  // namespace filestore

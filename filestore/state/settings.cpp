@@ -1,0 +1,90 @@
+#include "filestore/state/settings.h"
+
+#include <cstdlib>
+
+#include "filestore/state/bandwidth_manager.h"
+#include "filestore/state/file_store.h"
+#include "filestore/state/setting_table.h"
+#include "kel/ini_file.h"
+#include "kel/text.h"
+
+namespace {
+
+void ReadAll(FileStoreSettingRead when) {
+    for (const FileStoreSetting& setting : FileStoreSettings()) {
+        if (setting.read != when) continue;
+        const FileStoreSetting::Value value = setting.Read();
+        setting.Store(value);
+        if (setting.check != nullptr && !setting.check(std::get<KelString>(value)))
+            FileStore::debugFileStore.Warning("%s in section %s is malformed ('%S'); correct it\n",
+                                              setting.key, setting.section, std::get<KelString>(value));
+    }
+}
+
+void RaiseTo(std::atomic<std::uint32_t>& value, std::uint32_t minimum) {
+    if (value < minimum) value = minimum;
+}
+
+}  // namespace
+
+void FileStore::ReadSettings() {
+    ReadAll(FileStoreSettingRead::AtInitialisation);
+    EnsureTimeToLive();
+}
+
+void FileStore::EnsureTimeToLive() {
+    RaiseTo(ulTimeToLive, ulTimeout);
+    RaiseTo(ulTimeToLive, ulPushTimeout);
+    RaiseTo(ulTimeToLive, ulPullTimeout);
+}
+
+unsigned int FileStore::GetRandomTimeout(unsigned int seconds) {
+    const auto product = static_cast<double>(static_cast<float>(std::rand()) * static_cast<float>(seconds));
+    return static_cast<unsigned int>(product / 2147483648.0) + seconds / 2 + 1;
+}
+
+void FileStoreReadVacuumSetting() {
+    FileStore::fPerformVacuum = FileStoreReadFlag("FileStore", "PerformVacuum", true);
+}
+
+void FileStoreReadUploadPolicy() {
+    FileStore::debugFileStore.Detail("Check upload policy.\n");
+    ReadAll(FileStoreSettingRead::AtActivation);
+    FileStore::eArchiveType = 1;  // zip is the only kind, whatever the entry ArchiveType says
+    FileStore::debugFileStore.Detail("Upload policy checked.\n");
+}
+
+void FileStoreApplyFrameSize() {
+    const auto frameSize = static_cast<int>(FileStore::ulFrameSize.load());
+    FileStore::bmTrackUsageUp.SetFrameSize(frameSize);
+    FileStore::bmTrackUsageDown.SetFrameSize(frameSize);
+}
+
+int FileStoreReadInteger(const KelString& section, const KelString& key, int fallback) {
+    IniFile ini;
+    ini.Open(FileStore::strModuleIniFile);
+    int value = fallback;
+    ini.GetEntryValue(section, key, value, fallback);
+    return value;
+}
+
+bool FileStoreReadFlag(const KelString& section, const KelString& key, bool fallback) {
+    IniFile ini;
+    ini.Open(FileStore::strModuleIniFile);
+    bool value = fallback;
+    ini.GetEntryValue(section, key, value, fallback);
+    return value;
+}
+
+bool FileStoreWriteSetting(const KelString& section, const KelString& key, const KelString& value) {
+    // The whole file is rewritten: two writers at once would lose one of the changes.
+    KelLock lock(FileStore::mutexSettings);
+    IniFile ini;
+    KelStatus status = ini.Open(FileStore::strModuleIniFile)
+                           ? ini.WriteEntryValue(section, key, value)
+                           : KelStatus(KelError{1, "the file cannot be read"});
+    if (status) return true;
+    FileStore::debugFileStore.Error("Could not write %S=%S to section %S of %S: %S\n", key, value, section,
+                                    FileStore::strModuleIniFile, status.Error().message);
+    return false;
+}

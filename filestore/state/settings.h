@@ -1,0 +1,19 @@
+#pragma once
+
+#include "kel/types.h"
+
+/// Reads the flag PerformVacuum alone: the databases are set up before the other settings are read.
+void FileStoreReadVacuumSetting();
+
+/// Reads the section UploadPolicy. Only a relay below the master packs files.
+void FileStoreReadUploadPolicy();
+
+/// Applies FrameSize, the bytes that a paced transfer moves at once, to the windows up and down.
+void FileStoreApplyFrameSize();
+
+/// Reads from the ini file an integer or a flag that is needed too rarely to be kept.
+int FileStoreReadInteger(const KelString& section, const KelString& key, int fallback);
+bool FileStoreReadFlag(const KelString& section, const KelString& key, bool fallback);
+
+/// Writes one value into the ini file, under mutexSettings; a failure is logged. False then.
+bool FileStoreWriteSetting(const KelString& section, const KelString& key, const KelString& value);

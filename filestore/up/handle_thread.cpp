@@ -1,0 +1,99 @@
+#include "filestore/up/handle_thread.h"
+
+#include <utility>
+
+#include "filestore/db/file_status.h"
+#include "filestore/db/files_selection.h"
+#include "filestore/exchange/file_record.h"
+#include "filestore/packages/managed_relay_package.h"
+#include "filestore/state/file_store.h"
+#include "filestore/state/store_layout.h"
+#include "kel/file.h"
+#include "kelcore/callback_db.h"
+#include "kelcore/error_codes.h"
+
+using namespace filestore;
+
+namespace {
+
+constexpr unsigned int kBatchSize = 50;
+
+const char* CallbackOf(bool isLocal, Side side) {
+    if (side == Side::Upstream) return "FileStoreCallbackCopyUpstream";
+    return isLocal ? "FileStoreCallbackReceivedFile" : "FileStoreCallbackCopyDownstream";
+}
+
+}  // namespace
+
+/// The FileIds of a batch by what the consumers answered.
+struct FileStoreHandleThread::Answers {
+    IdList available;
+    IdList upload;
+    IdList retry;
+};
+
+FileStoreHandleThread::FileStoreHandleThread() : FileThreadBase("FileStore", "QueueGap", 30) {}
+
+bool FileStoreHandleThread::DoWork() {
+    bool busy = true;
+    while (busy) {
+        busy = false;
+        const std::uint64_t movedBefore = rowsMovedOn_;
+        for (const Side side : {Side::Downstream, Side::Upstream}) {
+            if (CheckCancelled(false)) return false;
+            busy |= LocalRequestFile(side);
+            if (CheckCancelled(false)) return false;
+            busy |= HandleFile(side);
+        }
+        if (rowsMovedOn_ == movedBefore) break;
+    }
+    return busy;
+}
+
+bool FileStoreHandleThread::HandleFile(Side side) {
+    FileStore::debugFileStore.Trace("HandleThread: Looking for files to handle \n");
+    const KelVector<FileToHandle> batch = SelectFilesToHandle(side, kBatchSize);
+    if (batch.empty()) {
+        FileStore::debugFileStore.Trace("HandleThread: Nothing found to handle\n");
+        return false;
+    }
+    Answers answers;
+    for (const auto& [entry, isLocal] : batch) {
+        if (CheckCancelled(false)) break;
+        if (IsManagedRelayPackage(entry))
+            rowsMovedOn_ += RepublishManagedRelayPackage(entry, side) ? 1 : 0;
+        else
+            HandOver(entry, isLocal, side, answers);
+    }
+    // A batch that was cut short keeps its rows and is handed over again after the restart.
+    if (!CheckCancelled(false)) ApplyAnswers(answers, side);
+    if (!FileStore::fConcatFiles) FileStore::WakeWorker(Worker::Push);
+    return true;
+}
+
+void FileStoreHandleThread::HandOver(const FileStoreEntry& entry, bool isLocal, Side side, Answers& answers) {
+    FileStore::debugFileStore.Trace("HandleThread: Handling %S\n", entry.Key().Text());
+    const KelString path = ContentPath(entry, side);
+    if (!FileExists(path)) {
+        FileStore::debugFileStore.Error("HandleThread: File %S is not present\n", entry.Key().Text());
+        if (DeleteFileRow(side, entry.FileId)) ++rowsMovedOn_;
+        return;
+    }
+    FileOffer description = FileDescriptionOf(entry);
+    description.filePath = path;
+    KelContainer results;
+    CallbackDbTrigger(CallbackOf(isLocal, side), description.ToContainer(), results);
+    if (FileStore::CheckHandlerResult(results, kKelAnswerTryLater))
+        answers.retry.Add(entry.FileId);
+    else if (FileStore::CheckHandlerResult(results, kKelAnswerStaysHere) || side == Side::Downstream)
+        answers.available.Add(entry.FileId);
+    else
+        answers.upload.Add(entry.FileId);
+}
+
+void FileStoreHandleThread::ApplyAnswers(const Answers& answers, Side side) {
+    for (const auto& [ids, status] :
+         {std::pair(&answers.available, kStatusAvailable), std::pair(&answers.upload, kStatusToBeUploaded)})
+        if (UpdateFileStatus(side, *ids, status, NextTry::AtOnce)) rowsMovedOn_ += ids->Count();
+    UpdateFileStatus(side, answers.retry, kStatusToBeHandled, NextTry::AfterTimeout);
+}

@@ -1,0 +1,34 @@
+#pragma once
+
+#include <cstdint>
+
+#include "filestore/db/file_store_entry.h"
+#include "filestore/state/worker_loop.h"
+
+/// Connects files with the consumers, the modules of this device: asks them for missing files before the
+/// parent is asked, and hands over to them the files that have arrived. Consumers are called on this thread,
+/// without locks. The two jobs are public for tests, which call them on one thread.
+class FileStoreHandleThread : public FileThreadBase {
+  public:
+    FileStoreHandleThread();
+
+    /// Asks the consumers for one missing file; true when the step should look for more. (local_request.cpp)
+    bool LocalRequestFile(Side side);
+
+    /// Hands over a batch of files; true when there were any.
+    bool HandleFile(Side side);
+
+  protected:
+    bool DoWork() override;
+
+  private:
+    struct Answers;
+
+    bool DecideMissing(std::uint64_t fileId, Side side, bool isKnownToConsumer);
+    void HandOver(const FileStoreEntry& entry, bool isLocal, Side side, Answers& answers);
+    void ApplyAnswers(const Answers& answers, Side side);
+
+    /// Rows that got another status or were removed, since the start. A round that moves none ends the step:
+    /// while consumers answer "later" or the database refuses writes, the next one would do the same.
+    std::uint64_t rowsMovedOn_ = 0;
+};

@@ -1,0 +1,86 @@
+#include "filestore/db/file_status.h"
+#include "filestore/db/files_selection.h"
+#include "filestore/exchange/file_record.h"
+#include "filestore/exchange/input_checks.h"
+#include "filestore/state/device.h"
+#include "filestore/state/file_store.h"
+#include "filestore/up/push_thread.h"
+#include "filestore/up/upload_policy.h"
+#include "kelcore/action_db.h"
+#include "kelcore/error_codes.h"
+#include "kelcore/file_values.h"
+
+using namespace filestore;
+
+FileStorePushThread::Outcome FileStorePushThread::SendFile(bool& reachedParent, bool packedPass) {
+    const auto filter =
+        UploadFilterNow(packedPass, packedPass ? "archives to send upstream" : "files to send upstream");
+    if (!filter) return Outcome::Nothing;
+    const FileRows rows = SelectFilesToSend(*filter);
+    if (rows.empty()) return Outcome::Nothing;
+    KelString parentUrl, parentGuid;
+    FileStore::GetRelayUrl(parentUrl, parentGuid);
+    if (parentUrl.empty()) return Outcome::Failed;
+
+    UploadArchive archive;
+    SentFiles sent;
+    for (const FileStoreEntry& entry : rows) {
+        if (CheckCancelled(false) || IsRecent(entry.LastStatusChangeTime)) break;
+        if (!IsPacking() || !UploadArchive::CanPack(entry)) {
+            if (!SendRow(entry, parentUrl, sent, reachedParent)) break;
+            continue;
+        }
+        if (!archive.HasRoomFor(entry)) break;  // the next archive takes it
+        FileStore::debugFileStore.Detail("PushThread: File %S will be packed.\n", entry.Key().Text());
+        archive.Add(entry);
+        sent.push_back({entry.FileId, kStatusToBePacked, ""});
+        reachedParent = true;
+    }
+    const std::size_t accepted = sent.size() - archive.Count();
+    if (archive.Count() != 0) {
+        if (!archive.Create()) return Outcome::Failed;
+        archive_ = std::move(archive);
+    }
+    if (!RecordSentFiles(sent)) return Outcome::Failed;
+    rowsTaken_ += accepted;
+    return Outcome::Done;
+}
+
+/// Offers one file to the parent. False when the batch must end here.
+bool FileStorePushThread::SendRow(const FileStoreEntry& entry, const KelString& parentUrl, SentFiles& sent,
+                                  bool& reachedParent) {
+    KelContainer offer = FileRecordOf(entry).ToContainer();
+    FileStore::debugFileStore.Detail("PushThread: Sending %S upstream\n", entry.Key().Text());
+    const unsigned int error = CallDevice(parentUrl, "FileStoreReceiveFile", offer);
+    if (error != kKelOk) return HandleRefusal(entry, error);
+    const KelString url = offer.GetString(kValueFileUrl);
+    if (!IsUrlPath(url)) return HandleRefusal(entry, kKelErrorBadInput);
+    sent.push_back({entry.FileId, kStatusUploading, url});
+    reachedParent = true;
+    return true;
+}
+
+/// A parent that knows another GUID scheme refuses single files, the others may pass; any other refusal ends
+/// the batch. A relayed file of a foreign scheme goes no further. The others are offered again later; one of
+/// this device then names it as it is known by then. True when the batch goes on.
+bool FileStorePushThread::HandleRefusal(const FileStoreEntry& entry, unsigned int error) {
+    FileStore::debugFileStore.Detail("PushThread: File send returned %u\n", error);
+    const bool wrongScheme = error == kKelErrorGuidScheme;
+    const bool isRelayed = !entry.FirstRelay.empty();
+    if (wrongScheme && isRelayed) {
+        if (UpdateFileStatus(Side::Upstream, entry.FileId, entry.FileStatus, kStatusAvailable,
+                             NextTry::AtOnce))
+            ++rowsTaken_;
+        return true;
+    }
+    if (!isRelayed) {
+        if (wrongScheme) FileStore::UpdateGuidScheme();
+        const KelString ownUrl = OurDeviceUrl();
+        if (!ownUrl.empty()) SetSourceDevice(Side::Upstream, entry.FileId, ownUrl);
+    }
+    if (UpdateFileStatus(Side::Upstream, entry.FileId, entry.FileStatus, kStatusToBeUploaded,
+                         NextTry::AfterTimeout))
+        ++rowsTaken_;
+    FileStore::debugFileStore.Detail("PushThread: File sending returned %u\n", error);
+    return wrongScheme;
+}

@@ -1,0 +1,194 @@
+#include <filesystem>
+
+#include "filestore/push_fixture.h"
+#include "kelcore/archive.h"
+
+namespace {
+
+class PackingTest : public PushTest {
+  protected:
+    void SetUp() override {
+        PushTest::SetUp();
+        AcceptAll();
+    }
+    /// Two files gathered for an archive whose index is made.
+    void GatherTwo(const Texts& more = {}) {
+        PackAutomatically();
+        for (const Texts& names : {gathered_, more})
+            for (const KelString& name : names)
+                Waiting(name);
+        ASSERT_EQ(Send(), Outcome::Done);
+    }
+    static Texts LeftOvers() { return DirList(FileStore::strModuleDataPath + "/Temp"); }
+
+    const Texts gathered_ = {"a", "it's"};
+};
+
+TEST_F(PackingTest, PolicyChoosesTheFiles) {
+    const Texts all = {"a", "b", "archive", "bypass"}, none, archive = {"archive"};
+    const Texts packable = {"a", "b", "bypass"};
+    struct Case {
+        const char* name;
+        bool packs, automatic;
+        const char* excluded;
+        bool manual, packedPass;
+        Outcome outcome;
+        Texts offered, packed;
+    };
+    const Case cases[] = {
+        {"no packing", false, false, "", false, false, Outcome::Done, all, none},
+        {"automatic", true, true, "", false, false, Outcome::Done, archive, packable},
+        {"on demand", true, false, "", false, false, Outcome::Nothing, none, none},
+        {"on demand but some types", true, false, "B, C", false, false, Outcome::Done, none, {"b"}},
+        {"demanded", true, false, "B", true, false, Outcome::Done, archive, packable},
+        {"demanded without policy", false, false, "", true, false, Outcome::Done, archive, packable},
+        {"archives", true, false, "", false, true, Outcome::Done, archive, none},
+    };
+    for (const Case& test : cases) {
+        const auto trace = Begin(test.name);
+        AcceptAll();
+        Waiting("a", "FileType = 'A'");
+        Waiting("b", "FileType = 'B'");
+        Waiting("archive", "FileType = 'FileStorePackedFiles'");
+        Waiting("bypass", "FileType = 'A', Bypass = 1");
+        FileStore::fConcatFiles = test.packs;
+        FileStore::fAutoConcat = test.automatic;
+        {
+            const KelLock lock(FileStore::mutexSettings);
+            FileStore::strExcludedFileType = test.excluded;
+        }
+        FileStore::fProcessManualUpload = test.manual;
+        EXPECT_EQ(Send(test.packedPass), test.outcome);
+        EXPECT_EQ(OfferedNames(), test.offered);
+        EXPECT_EQ(Names(kUp, "TOBEPACKED"), test.packed);
+    }
+}
+
+TEST_F(PackingTest, WhatIsTooMuchForAnArchiveTravelsAloneOrInTheNextOne) {
+    // Two of these are too much for one index.
+    const KelString info = SetInfo(Make({{"Fact", KelString(17 << 20, 'x')}}));
+    PackAutomatically();
+    for (const auto& [name, set, bytes, offered, packed] :
+         Table<const char*, KelString, std::uintmax_t, Texts, Texts>{
+             {"announced size", "FileSize = 9223372036854775807", 5, {"large"}, {"a", "b"}},
+             {"size of the content", "FileSize = 1", std::uintmax_t{2} << 30, {"large"}, {"a", "b"}},
+             {"information of both", info, 5, {}, {"a"}}}) {
+        const auto trace = Begin(name);
+        AcceptAll();
+        Waiting("a", offered.empty() ? info : "Priority = 1");
+        std::filesystem::resize_file(Load(kUp, Waiting("large", set)).FilePath, bytes);
+        Waiting("b");
+        EXPECT_EQ(Send(), Outcome::Done);
+        EXPECT_EQ(OfferedNames(), offered);
+        EXPECT_EQ(Names(kUp, "TOBEPACKED"), packed);
+    }
+}
+
+TEST_F(PackingTest, ArchiveHoldsWhatItsIndexNamesAndEntersTheStore) {
+    FileStore::uMaxFilesToConcat = 2;
+    GatherTwo({"left for the next"});
+    EXPECT_TRUE(reached_);
+    const auto begun = ArchiveContent(FileStore::strArchiveFilePath);
+    ASSERT_EQ(begun.size(), 1U);
+    EXPECT_EQ(begun[0].first, "Temp/PackedFilesInfo.xml");
+    const KelContainer index = FromXml(begun[0].second);
+    ASSERT_EQ(index.Count("PackedFile"), 2U);
+    EXPECT_EQ(index.GetContainer("PackedFile", 0).GetString("FileName"), "a");
+    EXPECT_EQ(Read(index.GetContainer("PackedFile", 1), "FileName FileSize SourceDevice"),
+              KelString("it's|4|") + kChild);
+
+    AddStored(kUp, "not in the index", "TOBEPACKED");
+    FileStore::uMaxFilesToConcat = 50;
+    EXPECT_EQ(Upload(), Outcome::Done);
+    EXPECT_EQ(Names(kUp, "PACKEDFILE"), gathered_);
+    EXPECT_EQ(Names(kUp, "TOBEPACKED"), Texts{"not in the index"});
+    EXPECT_EQ(Names(kUp, "TOBEUPLOADED"), Texts{"left for the next"});
+    EXPECT_EQ(FileStore::strArchiveFilePath, "");
+
+    const FileStoreEntry archive =
+        Load(kUp, std::stoull(Cell(kUp, "SELECT FileId FROM Files WHERE FileType = 'FileStorePackedFiles'")));
+    EXPECT_EQ(Fields(kUp, archive.FileId, "FileStatus, SourceDevice, FileChecksum"),
+              KelFormat("TOBEHANDLED|%s|%S", kOwnUrl, TextMd5(Content(archive.FilePath))));
+    EXPECT_TRUE(archive.FileName.starts_with("PACKEDFILES_")) << archive.FileName;
+    const auto entries = ArchiveContent(archive.FilePath);
+    ASSERT_EQ(entries.size(), 3U);
+    EXPECT_EQ(entries[0], begun[0]);
+    for (const std::size_t i : {0U, 1U})
+        EXPECT_EQ(entries[i + 1], std::pair("upstream/t/l/c/" + gathered_[i], gathered_[i]));
+    EXPECT_EQ(LeftOvers(), Texts{});
+}
+
+/// Whatever goes wrong with the archive, its files wait for the next one.
+TEST_F(PackingTest, FailedArchiveIsDroppedAndItsFilesKeepWaiting) {
+    const auto addTwice = [this] {
+        GenericArchive archive(FileStore::eArchiveType);
+        archive.Open(FileStore::strArchiveFilePath);
+        archive.AddEntry("upstream/t/l/c/it's", MakeFile("other", "x"), 6);
+        archive.Close();
+    };
+    for (const auto& [name, spoil] : Table<const char*, std::function<void()>>{
+             {"archive gone", [] { FileDelete(FileStore::strArchiveFilePath); }},
+             {"archive damaged", [] { WriteFile(FileStore::strArchiveFilePath, "no archive"); }},
+             {"entry refused", addTwice}}) {
+        const auto trace = Begin(name);
+        GatherTwo();
+        spoil();
+        Upload();
+        EXPECT_EQ(Names(kUp), gathered_);
+        EXPECT_EQ(Names(kUp, "TOBEPACKED"), gathered_);
+        EXPECT_EQ(FileStore::strArchiveFilePath, "");
+        EXPECT_EQ(LeftOvers(), Texts{});
+        EXPECT_EQ(Send(), Outcome::Done);
+        EXPECT_EQ(Upload(), Outcome::Done);
+        EXPECT_EQ(Names(kUp, "PACKEDFILE"), gathered_);
+    }
+}
+
+TEST_F(PackingTest, ArchiveThatTheStoreRefusesIsTriedOnceInAStepAndDropped) {
+    PackAutomatically();
+    for (const KelString& name : gathered_)
+        Waiting(name);
+    int tries = 0;
+    Fake("FileStoreReceiveFile ()", [&tries](KelContainer&) {
+        if (++tries == 10) FileStore::uCurrent = FileStore::uLimit + 1;  // ends a step that would not
+        return 1U;
+    });
+    for (const int step : {1, 2}) {
+        push_.DoWork();
+        EXPECT_LE(tries, step);
+    }
+    EXPECT_GT(tries, 0);
+    EXPECT_EQ(Names(kUp, "TOBEPACKED"), gathered_);
+    EXPECT_EQ(LeftOvers(), Texts{});
+}
+
+TEST_F(PackingTest, ManualUploadPacksWhatItCountedOnceTheWindowIsOpenAndEnds) {
+    // Two files, and a third row that is not packed.
+    for (const auto& [name, files, thirdType, isClosed] :
+         Table<const char*, Texts, KelString, bool>{{"files only", {"a", "b"}, "", false},
+                                                    {"an archive", {"a", "b"}, "FileStorePackedFiles", false},
+                                                    {"an absent file", {"a", "b"}, "t", false},
+                                                    {"nothing to upload", {}, "", false},
+                                                    {"closed window", {"a"}, "", true}}) {
+        const auto trace = Begin(name);
+        AcceptAll();
+        for (const KelString& file : files)
+            Waiting(file);
+        if (!thirdType.empty()) {
+            const std::uint64_t third = Waiting("x", KelFormat("FileType = '%S'", thirdType));
+            if (thirdType == "t") FileDelete(Load(kUp, third).FilePath);
+        }
+        if (isClosed) CloseWindow(FileStore::bmTrackUsageUp);
+        Ask("FileStorePerformManualUpload");
+        push_.DoWork();
+        EXPECT_TRUE(FileStore::fProcessManualUpload || !isClosed);
+        FileStore::bmTrackUsageUp.ClearWindow();
+        for (int step = 0; step < 2; ++step)
+            push_.DoWork();
+        EXPECT_FALSE(FileStore::fProcessManualUpload);
+        EXPECT_EQ(FileStore::uLimit + FileStore::uCurrent, 0U);
+        EXPECT_EQ(Names(kUp, "PACKEDFILE"), files);
+    }
+}
+
+}  // namespace

@@ -1,0 +1,179 @@
+#include <atomic>
+
+#include "filestore/down/notify_thread.h"
+#include "filestore/down/pull_thread.h"
+#include "filestore/file_store_fixture.h"
+#include "filestore/up/handle_thread.h"
+#include "filestore/up/push_thread.h"
+
+namespace {
+
+/// What every step of the worker threads has to do in the same situations. The tests of a step cover what is
+/// its own.
+class WorkerStepsTest : public StoreTest {
+  protected:
+    using Outcome = FileStorePushThread::Outcome;
+    struct Step {
+        KelString name;
+        Side side;
+        const char* status;          ///< of the rows that it works on
+        std::function<int()> run;    ///< one pass; its result as a number
+        std::function<void()> work;  ///< the whole step of its thread
+    };
+    /// A step of the push thread.
+    Step Push(const KelString& name, Side side, const char* status, std::function<Outcome()> run) {
+        return {name, side, status, [run] { return static_cast<int>(run()); }, [this] { push_.DoWork(); }};
+    }
+    const KelVector<Step> steps_ = {
+        {"acknowledge", kDown, "AVAILABLE", [this] { return pull_.AcknowledgeFile(); },
+         [this] { pull_.DoWork(); }},
+        {"download", kDown, "DOWNLOADING", [this] { return pull_.DownloadFile(); },
+         [this] { pull_.DoWork(); }},
+        {"announce", kDown, "AVAILABLE", [this] { return notify_.NotifyUnicastTargets(0, 0); },
+         [this] { notify_.DoWork(); }},
+        Push("request", kDown, "TOBEREQUESTED", [this] { return push_.RequestFile(reached_); }),
+        Push("send", kUp, "TOBEUPLOADED", [this] { return push_.SendFile(reached_, false); }),
+        Push("upload", kUp, "UPLOADING", [this] { return push_.UploadFile(reached_, false); }),
+        {"hand over", kUp, "TOBEHANDLED", [this] { return handler_.HandleFile(kUp) ? 1 : 0; },
+         [this] { handler_.DoWork(); }},
+    };
+    const Step& Find(const KelString& name) const {
+        for (const Step& step : steps_)
+            if (step.name == name) return step;
+        throw std::runtime_error("no step " + name);
+    }
+
+    /// No rows, and a parent, a child behind the same port and a consumer that accept everything;
+    /// `onContact` runs when one of them is called, with the number of the call.
+    void Begin(
+        std::function<void(int)> onContact = [](int) {}, unsigned int result = 0) {
+        DeleteRows();
+        const auto contacts = std::make_shared<std::atomic<int>>(0);
+        const auto contact = [contacts, onContact] { onContact(++*contacts); };
+        AnswerAsParent([contact, result](const ScriptedServer::Request& request) -> ScriptedServer::Answer {
+            contact();
+            if (request.method == "PUT") return {201};
+            if (request.method == "GET") return {200, "", "content"};
+            return ScriptedServer::ActionResult(result, Make({{"FileURL", "/url"}}));
+        });
+        Fake("TestConsume ()", [contact](KelContainer&) {
+            contact();
+            return 0U;
+        });
+        consumedBefore_ = CallsOf("TestConsume").size();
+    }
+    /// A row that the step works on.
+    std::uint64_t Add(const Step& step, const KelString& name, bool bypass = false) {
+        const KelString set =
+            KelFormat("FileURL = '/%S', FileChecksum = '%S', Bypass = %d, Acknowledged = %d", name,
+                      TextMd5("content"), bypass, step.name == "announce");
+        if (step.side == kUp) return AddStored(kUp, name, step.status, set);
+        const std::uint64_t fileId = AddFile(kDown, name, step.status, "FileSize = 7, " + set);
+        if (step.name == "announce")
+            AddTarget(fileId, fileId, Parent().HostAndPort() + "/0A1B0000-0000-4000-8000-0000000000C1/m/i/n");
+        return fileId;
+    }
+    /// The names of the files in the calls since Begin.
+    Texts Contacts() const {
+        Texts names;
+        for (const auto& request : Parent().Requests())
+            names.push_back(request.method == "POST" ? request.Arguments().GetString("FileName")
+                                                     : request.path.substr(request.path.rfind('/') + 1));
+        const auto consumed = CallsOf("TestConsume");
+        for (std::size_t i = consumedBefore_; i < consumed.size(); ++i)
+            names.push_back(consumed[i].GetString("FileName"));
+        return names;
+    }
+
+  private:
+    Exposed<FileStorePullThread> pull_;
+    Exposed<FileStoreNotifyThread> notify_;
+    Exposed<FileStorePushThread> push_;
+    Exposed<FileStoreHandleThread> handler_;
+    const std::shared_ptr<void> consumer_ = Consume("FileStoreCallbackCopyUpstream", "TestConsume ()");
+    bool reached_ = false;
+    std::size_t consumedBefore_ = 0;
+};
+
+TEST_F(WorkerStepsTest, ClosedWindowLetsBypassFilesThroughOnly) {
+    CloseWindow(FileStore::bmTrackUsageUp);
+    CloseWindow(FileStore::bmTrackUsageDown);
+    for (const Step& step : steps_) {
+        SCOPED_TRACE(step.name);
+        Begin();
+        Add(step, "ordinary");
+        Add(step, "bypass", true);
+        for (int pass = 0; pass < 2; ++pass)
+            step.run();
+        // what stays on this device needs no window
+        EXPECT_EQ(Contacts(), step.name == "hand over" ? (Texts{"ordinary", "bypass"}) : Texts{"bypass"});
+    }
+}
+
+TEST_F(WorkerStepsTest, NothingMovesWithoutAParentOrAGuid) {
+    constexpr int kNothing = 0, kFailed = 2;
+    for (const auto& [name, lacks, result, isPostponed] :
+         Table<const char*, KelString, int, bool>{{"acknowledge", "parent", kNothing, true},
+                                                  {"acknowledge", "GUID", kNothing, false},
+                                                  {"download", "parent", kNothing, true},
+                                                  {"request", "parent", kFailed, true},
+                                                  {"request", "GUID", kNothing, false},
+                                                  {"send", "parent", kFailed, false},
+                                                  {"upload", "parent", kFailed, false}}) {
+        SCOPED_TRACE(name + (" without " + lacks));
+        const Step& step = Find(name);
+        Begin();
+        relayValues.SetBool("ParentSync", lacks != "parent");
+        identityValues.SetString("GUID", lacks == "GUID" ? "" : kGuid);
+        {
+            const KelLock lock(FileStore::mutexGUID);
+            FileStore::strOurGUID.clear();
+        }
+        EXPECT_EQ(step.run(), kNothing) << "without a row";
+        const std::uint64_t fileId = Add(step, "n");
+        EXPECT_EQ(step.run(), result);
+        EXPECT_EQ(Contacts(), Texts{});
+        EXPECT_EQ(Fields(step.side, fileId), step.status);
+        EXPECT_EQ(IsNew(step.side, fileId), isPostponed);
+    }
+}
+
+TEST_F(WorkerStepsTest, RowThatChangedDuringTheCallStaysChanged) {
+    for (const auto& [name, changed] :
+         Table<const char*, KelString>{{"acknowledge", "TOBEREQUESTED"}, {"request", "DOWNLOADING"}})
+        for (const unsigned int result : {0U, 7U}) {
+            SCOPED_TRACE(KelFormat("%s, result %u", name, result));
+            const Step& step = Find(name);
+            Begin(
+                [&](int) {
+                    Rows(kDown, "UPDATE Files SET FileURL = '/changed', FileStatus = #" + changed + "#");
+                },
+                result);
+            const std::uint64_t fileId = Add(step, "n");
+            step.run();
+            EXPECT_EQ(Contacts(), Texts{"n"});
+            EXPECT_EQ(Fields(kDown, fileId, "FileStatus, FileURL, LastStatusChangeTime, Acknowledged"),
+                      changed + "|/changed|0|0");
+        }
+}
+
+/// Otherwise the same call would be repeated in a tight loop while the disk is full.
+TEST_F(WorkerStepsTest, StepEndsWhileTheDatabaseRefusesChanges) {
+    for (const Step& step : steps_)
+        for (const bool refusesBefore : {false, true}) {
+            SCOPED_TRACE(step.name + (refusesBefore ? " before the call" : " after the call"));
+            const auto refuse = [side = step.side](bool refuses) {
+                Rows(side, KelFormat("PRAGMA query_only = %d", refuses));
+            };
+            // the second call is one too many: let it end
+            Begin([refuse](int call) { refuse(call == 1); });
+            Add(step, "n");
+            if (refusesBefore) refuse(true);
+            step.work();
+            if (Contacts().empty()) step.work();  // pushing begins with what an earlier step announced
+            refuse(false);
+            EXPECT_EQ(Contacts(), refusesBefore && step.name == "download" ? Texts{} : Texts{"n"});
+        }
+}
+
+}  // namespace
