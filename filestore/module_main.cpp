@@ -41,6 +41,8 @@ extern "C" __attribute__((visibility("default"))) unsigned int ModuleMain(unsign
             return kModuleSuccess;
         case KelModuleOperation::Suspend:
             return FileStore::ModuleSuspend();
+        case KelModuleOperation::GetServerAddress:
+            break;  // serves no calls itself
     }
     return kModuleUnknownOperation;
 }
