@@ -8,7 +8,6 @@
 #include "kel/container_xml.h"
 #include "kel/file.h"
 #include "kel/file_content.h"
-#include "kel/system_error.h"
 #include "kel/text.h"
 
 namespace {

@@ -227,10 +227,11 @@ KelResult<KelString> ContainerToLoadableXml(const KelContainer& container) {
     writer.Container(container, 1);
     writer.Text() += "</Container>";
     if (writer.Deepest() > KelContainer::kMaxDepth)
-        return KelError{1, KelFormat("A container of %gu levels cannot be saved: at most %gu are allowed",
-                                     writer.Deepest(), KelContainer::kMaxDepth)};
+        return KelError{kKelFailure,
+                        KelFormat("A container of %gu levels cannot be saved: at most %gu are allowed",
+                                  writer.Deepest(), KelContainer::kMaxDepth)};
     if (writer.Text().size() > KelContainer::kMaxXmlBytes)
-        return KelError{1,
+        return KelError{kKelFailure,
                         KelFormat("A container of %gu bytes of XML cannot be saved: at most %gu are allowed",
                                   writer.Text().size(), KelContainer::kMaxXmlBytes)};
     return std::move(writer.Text());
@@ -239,8 +240,8 @@ KelResult<KelString> ContainerToLoadableXml(const KelContainer& container) {
 KelResult<KelContainer> ContainerFromXml(std::string_view xml) {
     KelContainer container;
     if (xml.size() > KelContainer::kMaxXmlBytes)
-        return KelError{1, KelFormat("An XML text of %gu bytes is refused: at most %gu are allowed",
-                                     xml.size(), KelContainer::kMaxXmlBytes)};
+        return KelError{kKelFailure, KelFormat("An XML text of %gu bytes is refused: at most %gu are allowed",
+                                               xml.size(), KelContainer::kMaxXmlBytes)};
     if (xml.empty()) return container;
     // The innermost container's plain values are one element deeper than it.
     if (const KelStatus status = ScanXml(xml, KelContainer::kMaxDepth + 1); !status) return status.Error();

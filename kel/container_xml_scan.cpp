@@ -132,7 +132,8 @@ KelError XmlErrorAt(std::string_view xml, std::size_t offset, const KelString& p
     const auto line = std::count(before.begin(), before.end(), '\n') + 1;
     const std::size_t lineStart = before.rfind('\n');
     const std::size_t column = lineStart == kEnd ? before.size() + 1 : before.size() - lineStart;
-    return {1, KelFormat("The XML text is unusable at line %gd, column %gu: %S", line, column, problem)};
+    return {kKelFailure,
+            KelFormat("The XML text is unusable at line %gd, column %gu: %S", line, column, problem)};
 }
 
 KelStatus ScanXml(std::string_view xml, std::size_t maxDepth) {

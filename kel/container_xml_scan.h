@@ -9,7 +9,7 @@
 /// An error that names the line and column of `offset` in `xml` (both count from 1, the column in bytes).
 KelError XmlErrorAt(std::string_view xml, std::size_t offset, const KelString& problem);
 
-/// Looks over an XML text (XML 1.0) before a tree is built of it: refuses elements nested deeper than
+/// Checks an XML text (XML 1.0) before a tree is built from it: refuses elements nested deeper than
 /// `maxDepth`, DOCTYPE, references to anything but characters, ill-formed UTF-8 and the characters that XML
 /// excludes. Linear in the text's length; memory does not depend on it. Whether tags match is left to the
 /// parser.

@@ -11,7 +11,6 @@
 #include "kel/file_content.h"
 #include "kel/format.h"
 #include "kel/path.h"
-#include "kel/system_error.h"
 
 namespace {
 
@@ -120,8 +119,8 @@ KelResult<KelString> FileReadText(const KelString& path, std::uint64_t maxBytes)
     KelString content;
     if (!fd || !FileReadAll(fd.Get(), maxBytes, content)) {
         if (fd && errno == EFBIG)
-            return KelError{
-                1, KelFormat("The file \"%S\" is refused: it holds more than %gu bytes", path, maxBytes)};
+            return KelError{kKelFailure, KelFormat("The file \"%S\" is refused: it holds more than %gu bytes",
+                                                   path, maxBytes)};
         return SystemError("A file cannot be read:", path);
     }
     return content;

@@ -72,7 +72,7 @@ struct IniFile::Content {
 bool IniFile::Content::Load() {
     lines.clear();
     const KelResult<KelString> read = FileReadText(path, kMaxIniBytes);
-    if (!read && read.Error().code == 3) return true;
+    if (!read && read.Error().code == kKelPathNotFound) return true;
     if (!read) {
         std::fprintf(stderr, "%s\n", read.Error().message.c_str());
         return false;
@@ -216,21 +216,23 @@ KelVector<std::pair<KelString, KelString>> IniFile::GetEntries(const KelString& 
 }
 
 KelStatus IniFile::WriteEntryValue(const KelString& section, const KelString& key, const KelString& value) {
-    if (!content_) return KelError{1, "An ini file must be opened before a value is written to it"};
+    if (!content_) return KelError{kKelFailure, "An ini file must be opened before a value is written to it"};
     for (const KelString* text : {&section, &key, &value})
         if (HasControlCharacter(*text))
-            return KelError{
-                1, KelFormat("Control characters cannot stand in an ini file: [%S] %S", section, key)};
+            return KelError{kKelFailure, KelFormat("Control characters cannot stand in an ini file: [%S] %S",
+                                                   section, key)};
     const bool isName = !key.empty() && key == Trim(key) && key.find('=') == KelString::npos &&
                         key.find_first_of("[;#") != 0 && section.find(']') == KelString::npos &&
                         section == Trim(section);
-    if (!isName) return KelError{1, KelFormat("Not a name for an ini entry: [%S] %S", section, key)};
+    if (!isName)
+        return KelError{kKelFailure, KelFormat("Not a name for an ini entry: [%S] %S", section, key)};
 
     // What other objects wrote since Open stays.
     Content fresh;
     fresh.path = content_->path;
     if (!fresh.Load())
-        return KelError{1, KelFormat("The ini file \"%S\" cannot be read back; correct it", fresh.path)};
+        return KelError{kKelFailure,
+                        KelFormat("The ini file \"%S\" cannot be read back; correct it", fresh.path)};
     fresh.Set(section, key, value);
     struct stat status {};
     const bool exists = ::stat(fresh.path.c_str(), &status) == 0;

@@ -98,7 +98,7 @@ bool IpRange::Parse(std::string_view text) {
 }
 
 void IpRange::Add(Item item) {
-    // Only what no earlier item holds is added: so every address has one place in the walk.
+    // Only what no earlier item holds is added, so that every address has one place in the walk.
     KelVector<Item> left = {item};
     for (const Item& held : items_) {
         KelVector<Item> remaining;

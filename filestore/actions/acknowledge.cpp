@@ -2,7 +2,7 @@
 #include "filestore/module/file_store.h"
 #include "filestore/transfer/offer.h"
 #include "kel/format.h"
-#include "kel/tokeniser.h"
+#include "kel/text.h"
 
 unsigned int FileStore::ActionHandler_FileStoreAcknowledgeFile(KelContainer* arguments) {
     const KelString type = arguments->GetString("FileType");

@@ -2,7 +2,7 @@
 #include "filestore/db/schema.h"
 #include "filestore/module/file_store.h"
 #include "kel/format.h"
-#include "kel/tokeniser.h"
+#include "kel/text.h"
 #include "kelcore/error_codes.h"
 
 using namespace filestore;

@@ -4,7 +4,6 @@
 #include "filestore/module/file_store.h"
 #include "kel/format.h"
 #include "kel/text.h"
-#include "kel/tokeniser.h"
 #include "kelcore/action_db.h"
 #include "kelcore/call_origin.h"
 #include "kelcore/error_codes.h"

@@ -1,4 +1,4 @@
-#include "kel/system_error.h"
+#include "kel/result.h"
 
 #include <cerrno>
 #include <system_error>
@@ -36,6 +36,7 @@ const char* Advice(int error) {
 
 KelError SystemError(const char* what, const KelString& path) {
     const int error = errno;
-    return {error == ENOENT ? 3U : 1U, KelFormat("%s \"%S\": %S; %s", what, path,
-                                                 std::generic_category().message(error), Advice(error))};
+    return {
+        error == ENOENT ? kKelPathNotFound : kKelFailure,
+        KelFormat("%s \"%S\": %S; %s", what, path, std::generic_category().message(error), Advice(error))};
 }
