@@ -164,10 +164,10 @@ KelString ContainerToJson(const KelContainer& container) {
 
 KelStatus ContainerFromJson(std::string_view json, KelContainer& container) {
     container.Clear();
-    if (json.size() > KelContainer::kMaxXmlBytes) return KelError{1, "JSON: the text is too long"};
+    if (json.size() > KelContainer::kMaxXmlBytes) return KelError{kKelFailure, "JSON: the text is too long"};
     if (json.find_first_not_of(" \t\r\n") == std::string_view::npos) return {};
     ContainerBuilder builder;
-    if (!Json::sax_parse(json, &builder)) return KelError{1, "JSON: " + builder.Problem()};
+    if (!Json::sax_parse(json, &builder)) return KelError{kKelFailure, "JSON: " + builder.Problem()};
     container = builder.TakeRoot();
     return {};
 }

@@ -6,10 +6,9 @@
 #include <system_error>
 #include <utility>
 
-#include "kelcore/core_log.h"
+#include "kelcore/agent.h"
 #include "kelcore/db/connection_handle.h"
-#include "kelcore/db/open_database.h"
-#include "kelcore/db/open_files.h"
+#include "kelcore/db/database_file.h"
 
 namespace {
 

@@ -117,8 +117,8 @@ KelError SqliteDatabase::LastError() const {
     return MakeError(sqlite3_errcode(database_) & 0xFF, sqlite3_errmsg(database_));
 }
 
-/// Some failures (a full disk, say) end a transaction on their own. What its owner runs next must not take
-/// effect alone.
+/// Some failures, such as a full disk, roll a transaction back on their own. The statements that its owner
+/// runs after that must not take effect one by one.
 KelStatus SqliteDatabase::CheckWritable(bool readOnlyStatement) const {
     if (readOnlyStatement || !transaction_ || sqlite3_get_autocommit(database_) == 0) return {};
     return MakeError(SQLITE_ABORT, "the transaction was rolled back by an earlier failure");

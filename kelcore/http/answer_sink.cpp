@@ -83,10 +83,10 @@ bool HttpAnswerSink::Begin() {
 }
 
 bool HttpAnswerSink::BeginFile() {
-    if (answer_.GetStatus() == 206) {
+    if (answer_.GetStatus() == kHttpStatusPartialContent) {
         if (!CheckRange()) return false;
         offset_ = request_.GetRangeStart();
-    } else if (answer_.GetStatus() == 200) {
+    } else if (answer_.GetStatus() == kHttpStatusOk) {
         size_ = length_;
     } else {
         return true;
@@ -159,7 +159,7 @@ unsigned int HttpAnswerSink::Complete() const {
     if (!toFile_) return kHttpCompleted;
     if (end_ && offset_ != *end_) return kHttpCutOff;
     if (size_ && offset_ != *size_) return kHttpCutOff;
-    // Without any length on the wire only the announced size tells an end from a lost connection.
+    // Without any length on the wire only the announced size distinguishes the end from a lost connection.
     const bool lengthKnown = length_ || !answer_.GetHeader("transfer-encoding").empty();
     return !lengthKnown && offset_ < file_->GetExpectedSize() ? kHttpCutOff : kHttpCompleted;
 }

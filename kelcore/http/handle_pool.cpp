@@ -33,7 +33,7 @@ std::unique_ptr<HttpHandle> HttpHandlePool::Acquire(const KelString& peer) {
     KelVector<Idle> expired;
     std::unique_ptr<HttpHandle> found;
     {
-        const std::lock_guard lock(mutex_);
+        const KelLock lock(mutex_);
         expired = TakeExpired(Clock::now());
         const auto last = std::find_if(idle_.rbegin(), idle_.rend(),
                                        [&peer](const Idle& idle) { return idle.peer == peer; });
@@ -47,7 +47,7 @@ std::unique_ptr<HttpHandle> HttpHandlePool::Acquire(const KelString& peer) {
 
 void HttpHandlePool::Release(const KelString& peer, std::unique_ptr<HttpHandle> handle) {
     KelVector<Idle> dropped;
-    const std::lock_guard lock(mutex_);
+    const KelLock lock(mutex_);
     dropped = TakeExpired(Clock::now());
     const auto isSame = [&peer](const Idle& idle) { return idle.peer == peer; };
     const auto count = std::count_if(idle_.begin(), idle_.end(), isSame);
@@ -65,7 +65,7 @@ void HttpHandlePool::Release(const KelString& peer, std::unique_ptr<HttpHandle> 
 
 void HttpHandlePool::CloseIdle() {
     KelVector<Idle> closed;
-    const std::lock_guard lock(mutex_);
+    const KelLock lock(mutex_);
     closed.swap(idle_);
 }
 

@@ -1,33 +1,46 @@
-#include "kelcore/db/open_database.h"
+#include "kelcore/db/database_file.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
 
 #include <cerrno>
+#include <condition_variable>
 #include <cstring>
 #include <ctime>
-#include <utility>
+#include <mutex>
+#include <unordered_set>
 
 #include "kel/file.h"
 #include "kel/unique_fd.h"
 
 namespace {
 
-KelError SystemError(const char* what, const KelString& path) {
+struct OpenFiles {
+    std::mutex mutex;
+    std::condition_variable released;
+    std::unordered_set<KelString> paths;
+};
+
+OpenFiles& TheOpenFiles() {
+    static OpenFiles files;
+    return files;
+}
+
+KelError FailureTo(const char* what, const KelString& path) {
     const char* reason = std::strerror(errno);
-    return {1, KelFormat("cannot %s %S: %s", what, path, reason)};
+    return {kKelFailure, KelFormat("cannot %s %S: %s", what, path, reason)};
 }
 
 /// Makes sure that the file exists and that only its owner can use it; SQLite gives its log the same mode.
 KelStatus PrepareFile(const KelString& path) {
     const bool isNew = !FileExists(path);
     const UniqueFd file(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
-    if (!file) return SystemError("open", path);
+    if (!file) return FailureTo("open", path);
     struct stat state {};
-    if (fstat(file.Get(), &state) != 0) return SystemError("examine", path);
-    if (!S_ISREG(state.st_mode)) return KelError{1, path + " is no file"};
-    if ((state.st_mode & 0777) != 0600 && fchmod(file.Get(), 0600) != 0) return SystemError("restrict", path);
-    if (isNew && !FileSync(path)) return SystemError("sync", path);
+    if (fstat(file.Get(), &state) != 0) return FailureTo("examine", path);
+    if (!S_ISREG(state.st_mode)) return KelError{kKelFailure, path + " is no file"};
+    if ((state.st_mode & 0777) != 0600 && fchmod(file.Get(), 0600) != 0) return FailureTo("restrict", path);
+    if (isNew && !FileSync(path)) return FailureTo("sync", path);
     return {};
 }
 
@@ -44,7 +57,8 @@ KelString NameForDamaged(const KelString& path) {
     return name;
 }
 
-/// The database goes first: stopped half-way, the log that stays is ignored beside a new, empty database.
+/// The database goes first: after a stop half-way, the log that is left is ignored beside a new, empty
+/// database.
 bool MoveAside(const KelString& path, const KelString& destination) {
     if (!FileRename(path, destination)) return false;
     for (const char* suffix : {"-wal", "-shm"}) {
@@ -64,6 +78,24 @@ KelStatus OpenAndCheck(const KelString& path, SqliteDatabase& database) {
 
 }  // namespace
 
+std::optional<OpenFileClaim> OpenFileClaim::Take(const KelString& realPath, std::chrono::milliseconds wait) {
+    OpenFiles& files = TheOpenFiles();
+    std::unique_lock lock(files.mutex);
+    const auto deadline = std::chrono::steady_clock::now() + wait;
+    if (!files.released.wait_until(lock, deadline, [&] { return files.paths.count(realPath) == 0; }))
+        return std::nullopt;
+    files.paths.insert(realPath);
+    return OpenFileClaim(realPath);
+}
+
+OpenFileClaim::~OpenFileClaim() {
+    if (realPath_.empty()) return;
+    OpenFiles& files = TheOpenFiles();
+    const std::lock_guard lock(files.mutex);
+    files.paths.erase(realPath_);
+    files.released.notify_all();
+}
+
 KelResult<SqliteDatabase> OpenDatabase(const KelString& path, const KelDebug& log) {
     SqliteDatabase database;
     KelStatus status = OpenAndCheck(path, database);
@@ -73,8 +105,8 @@ KelResult<SqliteDatabase> OpenDatabase(const KelString& path, const KelDebug& lo
 
     const KelString aside = NameForDamaged(path);
     if (!MoveAside(path, aside))
-        return KelError{
-            1, KelFormat("it is damaged (%S) and cannot be moved to %S", status.Error().message, aside)};
+        return KelError{kKelFailure, KelFormat("it is damaged (%S) and cannot be moved to %S",
+                                               status.Error().message, aside)};
     log.Error(
         "Database %S is damaged (%S). It was moved to %S and an empty one is used; restore a backup "
         "or let the neighbours fill it again.\n",
