@@ -39,7 +39,7 @@ int Agent::Run() {
     if (IsOpenToOthers(ini))
         log_.Warning("%S holds the password but others can open it; chmod 600 it\n", ini);
 
-    // Cancelling first lets threads that are in a transfer come back at once.
+    // Transfers are cancelled first, so that the threads in them end at once.
     StopSignals stop([] { HttpClientCancelAll(true); }, log_);
     const bool started = Start(stop);
     if (started && !stop.IsRequested()) {

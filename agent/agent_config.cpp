@@ -1,8 +1,13 @@
 #include "agent/agent_config.h"
 
+#include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
 #include <map>
 #include <utility>
 
@@ -22,7 +27,7 @@ constexpr int kDefaultLogFiles = 5;
 constexpr unsigned int kMaxPort = 65535;
 
 KelError Fault(const KelString& path, const KelString& text) {
-    return {1, path + ": " + text};
+    return {kKelFailure, path + ": " + text};
 }
 
 /// The values of Module1, Module2, … in the order of their numbers.
@@ -154,4 +159,18 @@ KelVector<KelString> FindConfigFaults(const AgentConfig& config, const KelString
         if (auto loaded = LoadedModule::Load(modulesDir, module); !loaded)
             faults.push_back(loaded.Error().message);
     return faults;
+}
+
+KelResult<UniqueFd> LockRoot(const KelString& root) {
+    const KelString path = root + "data/agent.lock";
+    PathCreate(root + "data");
+    UniqueFd file(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
+    if (!file) return KelError{kKelFailure, path + ": cannot be opened: " + std::strerror(errno)};
+    if (flock(file.Get(), LOCK_EX | LOCK_NB) != 0)
+        return KelError{errno == EWOULDBLOCK ? kRootLocked : kKelFailure,
+                        path + ": another agent runs on this root"};
+    const KelString pid = std::to_string(getpid()) + "\n";
+    if (ftruncate(file.Get(), 0) != 0 || write(file.Get(), pid.data(), pid.size()) < 0)
+        return KelError{kKelFailure, path + ": cannot be written: " + std::strerror(errno)};
+    return file;
 }
