@@ -74,6 +74,7 @@ bool Agent::LoadModules() {
 
 bool Agent::RegisterModules() {
     for (LoadedModule& module : modules_) {
+        // Counted even when it fails: part of it may be registered.
         ++registered_;
         if (module.Register()) continue;
         log_.Error("Module %S could not be registered\n", module.Name());

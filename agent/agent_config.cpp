@@ -78,6 +78,7 @@ KelStatus ReadLog(const IniFile& ini, const KelString& path, AgentConfig& config
     ini.GetEntryValue("Agent", "LogLevel", level, "print");
     ini.GetEntryValue("Agent", "LogMaxBytes", bytes, kDefaultLogBytes);
     ini.GetEntryValue("Agent", "LogFiles", files, kDefaultLogFiles);
+    // A value that no name of a level gives.
     constexpr auto kUnknown = static_cast<KelDebugLevel>(-1);
     config.logLevel = ParseDebugLevel(level, kUnknown);
     if (config.logLevel == kUnknown)
@@ -164,6 +165,7 @@ KelVector<KelString> FindConfigFaults(const AgentConfig& config, const KelString
 KelResult<UniqueFd> LockRoot(const KelString& root) {
     const KelString path = root + "data/agent.lock";
     PathCreate(root + "data");
+    // O_CLOEXEC: a program that a module runs must not keep the lock after the agent.
     UniqueFd file(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
     if (!file) return KelError{kKelFailure, path + ": cannot be opened: " + std::strerror(errno)};
     if (flock(file.Get(), LOCK_EX | LOCK_NB) != 0)

@@ -7,7 +7,6 @@
 #include <utility>
 
 #include "kel/base64.h"
-#include "kel/container_xml_scan.h"
 #include "kel/format.h"
 #include "kel/text.h"
 
@@ -160,6 +159,7 @@ class Reader {
         if (type == "container") {
             KelContainer inner;
             if (!Container(element, inner, depth + 1)) return false;
+            // kAbsent is beyond every index, so the value is appended to those of its name.
             container.SetContainer(name, std::move(inner), KelContainer::kAbsent);
             return true;
         }
@@ -246,6 +246,7 @@ KelResult<KelContainer> ContainerFromXml(std::string_view xml) {
     // The innermost container's plain values are one element deeper than it.
     if (const KelStatus status = ScanXml(xml, KelContainer::kMaxDepth + 1); !status) return status.Error();
 
+    // parse_ws_pcdata_single: blanks alone are the text of a value, but not between elements.
     pugi::xml_document document;
     const pugi::xml_parse_result parsed =
         document.load_buffer(xml.data(), xml.size(),

@@ -138,6 +138,7 @@ KelDebug::KelDebug(const char* module, const char* displayName)
 
 void KelDebug::SetContext(std::shared_ptr<KelDebugContext> context) {
     const std::lock_guard lock(mutex_);
+    // A context is never released before the log: a line on another thread may be in it.
     KelDebugContext* present = context.get();
     if (context && std::find(owned_.begin(), owned_.end(), context) == owned_.end())
         owned_.push_back(std::move(context));

@@ -47,6 +47,7 @@ bool DeleteContent(int folder, int depth) {
     if (depth == kMaxDepth || !ReadNames(folder, names)) return false;
     for (const KelString& name : names) {
         if (::unlinkat(folder, name.c_str(), 0) == 0 || errno == ENOENT) continue;
+        // How unlink refuses a folder: EISDIR on Linux, EPERM in POSIX.
         if (errno != EISDIR && errno != EPERM) return false;
         const UniqueFd inner(::openat(folder, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
         if (!inner || !DeleteContent(inner.Get(), depth + 1)) return false;

@@ -78,6 +78,7 @@ bool IniFile::Content::Load() {
         return false;
     }
     std::string_view text = *read;
+    // The byte order mark that some editors write.
     if (text.starts_with("\xEF\xBB\xBF")) text.remove_prefix(3);
     if (text.ends_with('\n')) text.remove_suffix(1);
     if (text.empty()) return true;
@@ -124,6 +125,7 @@ void IniFile::Content::Set(const KelString& section, const KelString& key, const
         if (lines[i].kind == Line::Kind::Section && IsEqualTo(lines[i].name, section, false))
             lastOfSection = i;
     if (same) {
+        // Keeps the line end of a file from Windows.
         if (lines[*same].text.ends_with('\r')) entry.text += '\r';
         lines[*same] = std::move(entry);
     } else if (lastOfSection || section.empty()) {

@@ -6,7 +6,7 @@
 #include "kel/types.h"
 
 /// Codes of a KelError. A function with others of its own says so.
-inline constexpr unsigned int kKelFailure = 1;       ///< any failure that callers need not tell apart
+inline constexpr unsigned int kKelFailure = 1;       ///< any failure that callers need not distinguish
 inline constexpr unsigned int kKelPathNotFound = 3;  ///< the path does not exist
 
 /// A failure: a code for programs (never 0) and a text for people that names the value and what to do.

@@ -16,6 +16,7 @@ template <class Number>
 std::optional<Number> ParseNumber(std::string_view text) {
     Number number = 0;
     const char* end = text.data() + text.size();
+    // Takes neither blanks nor "+", and checks the range.
     const auto [stop, error] = std::from_chars(text.data(), end, number);
     if (text.empty() || error != std::errc() || stop != end) return std::nullopt;
     return number;

@@ -74,6 +74,7 @@ void KelThread::Join() {
     std::thread ended;
     {
         std::unique_lock lock(mutex_);
+        // A thread that joined itself would wait without end.
         if (thread_.get_id() == std::this_thread::get_id()) return;
         wakeUp_.wait(lock, [this] { return !running_; });
         ended = std::move(thread_);

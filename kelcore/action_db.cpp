@@ -145,8 +145,7 @@ unsigned int ActionDbInvokeContainer(const char* source, const KelString& device
                                      const KelString& actionName, KelContainer& container,
                                      [[maybe_unused]] unsigned int flags, int connectTimeout, int callTimeout,
                                      IpAddress* localAddress) {
-    if (CoreLog().IsOn(KelDebugLevel::Trace))
-        CoreLog().Trace("%s calls %S.\n", source != nullptr ? source : "This device", actionName);
+    CoreLog().Trace("%s calls %S.\n", source != nullptr ? source : "This device", actionName);
     if (deviceUrl.empty()) return CallLocal(actionName, container);
     try {
         return ActionDbInvokeRemote(deviceUrl, actionName, container, connectTimeout, callTimeout,

@@ -36,6 +36,7 @@ std::shared_ptr<KelDebugContext> KelAgentGetDebugContext() {
 }
 
 KelDebug& CoreLog() {
+    // Made at its first use: other static objects may log before main.
     static KelDebug log("KelCore", "Agent services");
     return log;
 }

@@ -55,6 +55,7 @@ class CallbackRegistry {
     Subscriptions Of(const KelString& event) const {
         const KelLock lock(mutex_);
         const auto found = events_.find(event);
+        // A copy, because an action may subscribe and unsubscribe while it runs.
         return found == events_.end() ? Subscriptions() : found->second;
     }
 

@@ -35,6 +35,7 @@ std::shared_ptr<const DBResult> DBConnection::Query(const KelString& statement) 
     std::unique_lock lock(handle_->mutex);
     KelResult<DBResult> result = handle_->database.Run(statement);
     if (!result) {
+        // Other threads need not wait while the log is written.
         lock.unlock();
         Check(result.Error(), statement);
         return nullptr;

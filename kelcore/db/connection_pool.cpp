@@ -32,6 +32,7 @@ std::unique_ptr<DBConnection> DBConnectionPool::CreateConnection() {
                   kind_);
         return nullptr;
     }
+    // One name for the file however it is reached; it need not exist yet.
     std::error_code failure;
     const std::filesystem::path real =
         std::filesystem::weakly_canonical(std::filesystem::absolute(path_, failure), failure);

@@ -108,8 +108,8 @@ KelResult<SqliteDatabase> OpenDatabase(const KelString& path, const KelDebug& lo
         return KelError{kKelFailure, KelFormat("it is damaged (%S) and cannot be moved to %S",
                                                status.Error().message, aside)};
     log.Error(
-        "Database %S is damaged (%S). It was moved to %S and an empty one is used; restore a backup "
-        "or let the neighbours fill it again.\n",
+        "Database %S is damaged (%S). It was moved to %S and an empty one is used; restore a backup, "
+        "or let the other devices fill it again.\n",
         path, status.Error().message, aside);
     status = OpenAndCheck(path, database);
     if (status) return database;

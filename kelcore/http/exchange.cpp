@@ -177,7 +177,7 @@ unsigned int HttpExchange::Stop(unsigned int result, const char* text) {
 
 unsigned int HttpExchange::Conclude(bool done, int code) {
     auto curlCode = static_cast<CURLcode>(code);
-    // The library reports a connection that closes amid the headers as the end of an answer.
+    // The library reports a connection that closes within the headers as the end of an answer.
     if (curlCode == CURLE_OK && !sink_.HasHeaders()) curlCode = CURLE_GOT_NOTHING;
     const bool whole = done && curlCode == CURLE_OK && stopped_ == 0;
     const unsigned int sunk = sink_.Finish(whole);

@@ -4,7 +4,7 @@
 
 #include "kel/types.h"
 
-// Status codes of answers (RFC 9110, 15) that the client tells apart.
+// Status codes of answers (RFC 9110, 15) that the client treats differently.
 inline constexpr unsigned int kHttpStatusOk = 200;
 inline constexpr unsigned int kHttpStatusPartialContent = 206;
 inline constexpr unsigned int kHttpStatusUnauthorized = 401;
