@@ -1,6 +1,5 @@
 #include <cstdint>
 #include <limits>
-#include <mutex>
 #include <optional>
 
 #include "kel/ini_file.h"
@@ -40,7 +39,7 @@ bool DBConnection::OpenScripts(IniFile& ini, const KelString& iniFile) const {
 }
 
 bool DBConnection::RunScript(const KelString& script) {
-    const std::lock_guard lock(handle_->mutex);
+    const KelLock lock(handle_->mutex);
     return Check(handle_->database.RunScript(script), script);
 }
 
