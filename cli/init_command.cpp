@@ -5,13 +5,14 @@
 #include <cstdio>
 
 #include "cli/commands.h"
-#include "cli/ini_templates.h"
+#include "cli/output.h"
 #include "cli/remote.h"
 #include "kel/directory.h"
 #include "kel/file.h"
 #include "kel/ini_file.h"
 #include "kel/path.h"
 #include "kel/text.h"
+#include "kelcore/error_codes.h"
 
 namespace {
 
@@ -64,15 +65,17 @@ KelStatus CheckPassword(const KelString& configDir, const KelString& password) {
     if (ini.Open(configDir + "Agent.ini") && ini.GetEntryValue("Agent", "HttpPassword", read, {}) &&
         read == password)
         return {};
-    return KelError{1, "this password cannot stand in an ini file; choose one without blanks at its ends"};
+    return KelError{kKelErrorBadInput,
+                    "this password cannot stand in an ini file; choose one without blanks at its ends"};
 }
 
 KelStatus MakeRoot(const InitOptions& options, const std::map<KelString, KelString>& values) {
     const KelString root = CompletePath(options.dir);
     if (FileExists(root) || (DirExists(root) && !DirList(root).empty()))
-        return KelError{1, root + " exists already; nothing was changed"};
+        return KelError{kKelErrorBadInput, root + " exists already; nothing was changed"};
     for (const char* folder : {"/config", "/data", "/log"})
-        if (!PathCreate(root + folder)) return KelError{1, root + folder + ": cannot be made"};
+        if (!PathCreate(root + folder))
+            return KelError{kKelErrorBadInput, root + folder + ": cannot be made"};
     chmod((root + "/data").c_str(), 0700);
     const KelString configDir = root + "/config/";
     auto status = WriteInis(configDir, ModulesOf(options.role), values);
@@ -87,13 +90,15 @@ KelResult<std::map<KelString, KelString>> TemplateValues(const InitOptions& opti
                                                          const KelString& password) {
     KelString parentName;
     KelString parentPort = "0";
-    if (options.role == "master" && !options.parent.empty()) return KelError{1, "a master has no parent"};
+    if (options.role == "master" && !options.parent.empty())
+        return KelError{kKelErrorBadInput, "a master has no parent"};
     if (options.role != "master" && !SplitParent(options.parent, parentName, parentPort))
-        return KelError{1, "a " + options.role + " needs --parent HOST:PORT"};
+        return KelError{kKelErrorBadInput, "a " + options.role + " needs --parent HOST:PORT"};
     if (options.name.empty() || options.name.find_first_of(":;#= ") != KelString::npos ||
         HasControlCharacter(options.name))
-        return KelError{1, "'" + options.name + "' cannot be the agent name"};
-    if (HasControlCharacter(password)) return KelError{1, "the password holds a control character"};
+        return KelError{kKelErrorBadInput, "'" + options.name + "' cannot be the agent name"};
+    if (HasControlCharacter(password))
+        return KelError{kKelErrorBadInput, "the password holds a control character"};
     return std::map<KelString, KelString>{{"ADDRESS", options.address},
                                           {"PORT", std::to_string(options.port)},
                                           {"ROLE", options.role},
@@ -121,7 +126,7 @@ KelString FillTemplate(std::string_view text, const std::map<KelString, KelStrin
     return result;
 }
 
-int RunInit(const CommonOptions& common, const InitOptions& options) {
+int RunCommand(const CommonOptions& common, const InitOptions& options) {
     const auto password = ReadPasswordFile(options.passwordFile);
     if (!password) return Complain(password.Error());
     const auto values = TemplateValues(options, *password);

@@ -3,8 +3,8 @@
 #include <CLI/CLI.hpp>
 #include <limits>
 
+#include "cli/output.h"
 #include "cli/remote.h"
-#include "cli/table.h"
 
 namespace {
 

@@ -8,8 +8,9 @@
 #include <cstdio>
 #include <ctime>
 
-#include "cli/progress_bar.h"
-#include "cli/table.h"
+#include "cli/hand_over.h"
+#include "cli/output.h"
+#include "kelcore/error_codes.h"
 
 namespace {
 
@@ -65,11 +66,6 @@ class WatchDisplay {
     KelVector<KelString> texts_;
 };
 
-/// The number of publications under "Values".
-std::uint32_t CountOf(const KelContainer& container) {
-    return container.Has("Values") ? container.Count("Values") : 0;
-}
-
 /// Ends early when a signal arrives.
 void Sleep(std::chrono::nanoseconds time) {
     const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(time);
@@ -80,7 +76,7 @@ void Sleep(std::chrono::nanoseconds time) {
 /// The state of all together.
 PublicationState StateOfAll(const KelContainer& published) {
     PublicationState whole = PublicationState::Complete;
-    for (std::uint32_t i = 0; i < published.Count("Values"); ++i) {
+    for (std::uint32_t i = 0; i < ItemCount(published); ++i) {
         const PublicationState state = StateOf(published.GetContainer("Values", i));
         if (state == PublicationState::Going) return state;
         if (state == PublicationState::Failed) whole = state;
@@ -109,7 +105,7 @@ KelString WatchText(const KelContainer& publication) {
 KelContainer WatchArguments(const KelContainer& published) {
     KelContainer arguments;
     arguments.SetBool("CountsOnly", true);
-    for (std::uint32_t i = 0; i < CountOf(published); ++i)
+    for (std::uint32_t i = 0; i < ItemCount(published); ++i)
         arguments.SetString("PublicationId", published.GetContainer("Values", i).GetString("PublicationId"),
                             i);
     return arguments;
@@ -117,9 +113,9 @@ KelContainer WatchArguments(const KelContainer& published) {
 
 void TakeCounts(const KelContainer& answer, KelContainer& published) {
     KelHash<KelString, std::uint32_t> known;
-    for (std::uint32_t i = 0; i < CountOf(answer); ++i)
+    for (std::uint32_t i = 0; i < ItemCount(answer); ++i)
         known.emplace(answer.GetContainer("Values", i).GetString("PublicationId"), i);
-    for (std::uint32_t i = 0; i < CountOf(published); ++i) {
+    for (std::uint32_t i = 0; i < ItemCount(published); ++i) {
         KelContainer item = published.GetContainer("Values", i);
         const auto found = known.find(item.GetString("PublicationId"));
         if (found == known.end()) continue;
@@ -136,11 +132,11 @@ std::chrono::nanoseconds WatchPause(std::chrono::nanoseconds asked) {
 int WatchPublications(const Remote& remote, KelContainer& published) {
     if (!published.Has("Values")) return kExitDone;
     const InterruptGuard guard;
-    WatchDisplay display(published.Count("Values"));
+    WatchDisplay display(ItemCount(published));
     while (g_interrupted == 0) {
         KelContainer answer = WatchArguments(published);
         const auto begin = std::chrono::steady_clock::now();
-        if (const unsigned int result = remote.Call("ConsoleListPublications", answer); result != 0)
+        if (const unsigned int result = remote.Call("ConsoleListPublications", answer); result != kKelOk)
             return ExitCodeOf(result);
         const auto asked = std::chrono::steady_clock::now() - begin;
         TakeCounts(answer, published);

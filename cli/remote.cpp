@@ -1,8 +1,9 @@
 #include "cli/remote.h"
 
+#include <algorithm>
 #include <cstdio>
 
-#include "cli/table.h"
+#include "cli/output.h"
 #include "kel/debug.h"
 #include "kel/file.h"
 #include "kel/ini_file.h"
@@ -27,9 +28,9 @@ struct Target {
 KelResult<KelString> ReadIni(IniFile& ini, const KelString& path, const KelString& section,
                              const KelString& key) {
     KelString value;
-    if (!FileExists(path) || !ini.Open(path)) return KelError{1, path + ": cannot be read"};
+    if (!FileExists(path) || !ini.Open(path)) return KelError{kKelErrorBadInput, path + ": cannot be read"};
     ini.GetEntryValue(section, key, value, {});
-    if (value.empty()) return KelError{1, path + ": " + key + " is missing"};
+    if (value.empty()) return KelError{kKelErrorBadInput, path + ": " + key + " is missing"};
     return value;
 }
 
@@ -45,7 +46,8 @@ KelResult<Target> FromRoot(const KelString& root) {
     const KelString path = root + "/config/HttpProtocol.ini";
     auto port = ReadIni(http, path, "HttpProtocol", "Port");
     if (!port) return port.Error();
-    if (*port == "0") return KelError{1, path + ": Port is 0, any free one; name the agent with --url"};
+    if (*port == "0")
+        return KelError{kKelErrorBadInput, path + ": Port is 0, any free one; name the agent with --url"};
     KelString address;
     http.GetEntryValue("HttpProtocol", "Address", address, target.ownAddress);
     if (address.empty()) address = target.ownAddress;
@@ -62,12 +64,27 @@ KelResult<Target> FromUrl(const CommonOptions& options) {
     return Target{*address, {}, options.user, *password};
 }
 
+KelString ResultText(unsigned int result) {
+    switch (result) {
+        case kKelErrorUnreachable:
+            return "no answer; does the agent run there?";
+        case kKelErrorCredentials:
+            return "the agent refuses the credentials";
+        case kKelErrorUnknownAction:
+            return "the agent has no such action";
+        case kKelErrorBadInput:
+            return "missing or unusable input; the agent's log names it";
+        default:
+            return "result " + std::to_string(result);
+    }
+}
+
 }  // namespace
 
 KelResult<KelString> AddressOfUrl(const KelString& url) {
     UrlInet parts;
     if (!UrlParseInet(url, parts) || parts.scheme != "http" || parts.host.empty())
-        return KelError{1, "'" + url + "' is no http://HOST:PORT"};
+        return KelError{kKelErrorBadInput, "'" + url + "' is no http://HOST:PORT"};
     return parts.host + ":" + std::to_string(parts.port);
 }
 
@@ -75,7 +92,7 @@ KelResult<KelString> ReadPasswordFile(const KelString& path) {
     auto text = FileReadText(path, kMaxPasswordFileBytes);
     if (!text) return text.Error();
     KelString line = text->substr(0, text->find_first_of("\r\n"));
-    if (line.empty()) return KelError{1, path + ": its first line, the password, is empty"};
+    if (line.empty()) return KelError{kKelErrorBadInput, path + ": its first line, the password, is empty"};
     return line;
 }
 
@@ -92,28 +109,11 @@ KelResult<Remote> Remote::Open(const CommonOptions& options) {
                   options.timeoutSeconds);
 }
 
-unsigned int Remote::Call(const KelString& action, KelContainer& container, int timeoutSeconds) const {
-    const unsigned int result =
-        ActionDbInvokeContainer("kel", deviceUrl_, action, container, 0, -1,
-                                timeoutSeconds > 0 ? timeoutSeconds : timeoutSeconds_, nullptr);
+unsigned int Remote::Call(const KelString& action, KelContainer& container, int atLeastSeconds) const {
+    const unsigned int result = ActionDbInvokeContainer("kel", deviceUrl_, action, container, 0, -1,
+                                                        std::max(timeoutSeconds_, atLeastSeconds), nullptr);
     if (result == kKelOk) return result;
-    KelString text;
-    switch (result) {
-        case kKelErrorUnreachable:
-            text = "no answer; does the agent run there?";
-            break;
-        case kKelErrorCredentials:
-            text = "the agent refuses the credentials";
-            break;
-        case kKelErrorUnknownAction:
-            text = "the agent has no such action";
-            break;
-        case kKelErrorBadInput:
-            text = "missing or unusable input; the agent's log names it";
-            break;
-        default:
-            text = "result " + std::to_string(result);
-    }
+    KelString text = ResultText(result);
     const KelString message = container.GetString("Message");
     if (!message.empty()) text += ": " + Printable(message);
     std::fprintf(stderr, "kel: %s on %s: %s\n", action.c_str(), address_.c_str(), text.c_str());
@@ -123,4 +123,14 @@ unsigned int Remote::Call(const KelString& action, KelContainer& container, int 
 int ExitCodeOf(unsigned int result) {
     if (result == kKelOk) return kExitDone;
     return result == kKelErrorUnreachable ? kExitUnreachable : kExitFailed;
+}
+
+int PrintActionList(const CommonOptions& common, const KelString& action, KelContainer arguments,
+                    const KelVector<Column>& columns) {
+    const auto remote = Remote::Open(common);
+    if (!remote) return Complain(remote.Error());
+    if (const unsigned int result = remote->Call(action, arguments); result != kKelOk)
+        return ExitCodeOf(result);
+    PrintList(arguments, common.json, columns);
+    return kExitDone;
 }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "cli/options.h"
+#include "cli/output.h"
 #include "kel/container.h"
 #include "kel/result.h"
 #include "kel/types.h"
@@ -14,8 +15,9 @@ class Remote {
     static KelResult<Remote> Open(const CommonOptions& options);
 
     /// Calls an action; the container carries arguments in and results out. 0, or the action's code, or one
-    /// of kelcore/error_codes.h. Prints to stderr what went wrong. `timeoutSeconds` 0: as in the options.
-    unsigned int Call(const KelString& action, KelContainer& container, int timeoutSeconds = 0) const;
+    /// of kelcore/error_codes.h. Prints to stderr what went wrong. Waits as long for the answer as the
+    /// options say, and at least `atLeastSeconds`.
+    unsigned int Call(const KelString& action, KelContainer& container, int atLeastSeconds = 0) const;
 
     /// Where the agent is, without credentials.
     const KelString& Address() const { return address_; }
@@ -34,6 +36,10 @@ KelResult<KelString> AddressOfUrl(const KelString& url);
 
 /// The exit code for the result of a call.
 int ExitCodeOf(unsigned int result);
+
+/// Calls `action` and prints the containers under "Values" in its answer. An exit code.
+int PrintActionList(const CommonOptions& common, const KelString& action, KelContainer arguments,
+                    const KelVector<Column>& columns);
 
 /// The first line of a file, as the password; an error when it is empty or the file cannot be read.
 KelResult<KelString> ReadPasswordFile(const KelString& path);
