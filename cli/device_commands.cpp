@@ -10,6 +10,8 @@ namespace {
 
 constexpr std::size_t kIndent = 2;
 
+/// The devices of an answer, linked by their parents. What other devices reported is not trusted to be a
+/// tree.
 class DeviceTree {
   public:
     explicit DeviceTree(const KelContainer& answer) : placed_(ItemCount(answer)) {
@@ -28,14 +30,15 @@ class DeviceTree {
     KelVector<DeviceRow> Order() {
         for (const std::uint32_t root : roots_)
             Place(root);
-        // What is left hangs on no root: parents that name each other.
+        // What remains is below no root: parents that name each other.
         for (std::uint32_t i = 0; i < placed_.size(); ++i)
             Place(i);
         return rows_;
     }
 
   private:
-    /// The device and all below it; a stack of its own, for the depth comes from outside.
+    /// Appends the device and all below it. An explicit stack instead of recursion, because the depth comes
+    /// from other devices.
     void Place(std::uint32_t root) {
         KelVector<DeviceRow> waiting = {{root, 0}};
         while (!waiting.empty()) {
@@ -67,7 +70,7 @@ void PrintTree(const KelContainer& answer) {
     std::fputs(table.Render().c_str(), stdout);
 }
 
-/// The number of files in each status, over both directions.
+/// The number of files in each status.
 using Queues = std::map<KelString, std::int32_t>;
 
 unsigned int CountFiles(const Remote& remote, bool upstream, Queues& queues) {
@@ -79,8 +82,8 @@ unsigned int CountFiles(const Remote& remote, bool upstream, Queues& queues) {
     return kKelOk;
 }
 
-/// Agent, Identity and Relay hold what the modules say of themselves; Files and FilesUpstream the numbers of
-/// files by status.
+/// Collects what `status` prints: the values of the modules under Agent, Identity and Relay, and the numbers
+/// of files by status under Files and FilesUpstream.
 unsigned int ReadStatus(const Remote& remote, KelContainer& status) {
     static constexpr struct {
         const char* name;

@@ -1,5 +1,5 @@
 # embed_templates(OUTPUT FILE...): writes OUTPUT, a source file that defines IniTemplates() (cli/init_command.h) with
-# the content of each FILE under its name without folder. Done again whenever a file changes.
+# the content of each FILE under its name without folder. Repeated whenever one of the files changes.
 function(embed_templates output)
   set(entries "")
   foreach(path IN LISTS ARGN)

@@ -16,8 +16,7 @@ KelString FileNameOf(const KelString& file);
 /// Refuses files of one name: under one type and label the second would replace the first.
 KelStatus CheckDifferentNames(const KelVector<KelString>& files);
 
-/// A bar on stderr that shows how much of a whole is done; shows nothing when stderr is not a terminal. One
-/// thread at a time.
+/// A progress bar on stderr; shows nothing when stderr is not a terminal. One thread at a time.
 class ProgressBar {
   public:
     /// `whole` in bytes.
@@ -41,9 +40,9 @@ class ProgressBar {
 struct HandOver {
     KelString action;
     std::function<KelContainer(const KelString& file)> arguments;
-    /// What the list of files says about one that was taken, FileSize included.
+    /// The entry of a file that was taken in the list that the command prints; with FileSize.
     std::function<KelContainer(const KelString& file, KelContainer answer)> item;
-    const char* done;  ///< "sent", for the message about a file that was not
+    const char* done;  ///< "sent" or "published", for the message about a file that was not
 };
 
 /// Calls the action for each file, up to the first that is refused, with a progress bar. The items of the

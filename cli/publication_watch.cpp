@@ -19,7 +19,8 @@ constexpr std::size_t kBarWidth = 20;
 
 volatile std::sig_atomic_t g_interrupted = 0;
 
-/// While it lives, SIGINT ends the watching, not the program. One at a time.
+/// While it exists, SIGINT ends the watching instead of the program, so that the counts reached so far are
+/// still printed. One at a time.
 class InterruptGuard {
   public:
     InterruptGuard() {
@@ -36,7 +37,8 @@ class InterruptGuard {
     struct sigaction previous_ {};
 };
 
-/// What is on the screen: bars that are drawn over on a terminal, else one line for every change.
+/// The progress shown on stderr: bars that are redrawn in place on a terminal, otherwise a line for each
+/// change.
 class WatchDisplay {
   public:
     explicit WatchDisplay(std::uint32_t count) : texts_(count) {}
@@ -66,14 +68,14 @@ class WatchDisplay {
     KelVector<KelString> texts_;
 };
 
-/// Ends early when a signal arrives.
+/// Sleeps; returns early when a signal arrives.
 void Sleep(std::chrono::nanoseconds time) {
     const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(time);
     const timespec pause{seconds.count(), (time - seconds).count()};
     nanosleep(&pause, nullptr);
 }
 
-/// The state of all together.
+/// The combined state: going while one is going, otherwise failed when one failed.
 PublicationState StateOfAll(const KelContainer& published) {
     PublicationState whole = PublicationState::Complete;
     for (std::uint32_t i = 0; i < ItemCount(published); ++i) {
@@ -146,6 +148,6 @@ int WatchPublications(const Remote& remote, KelContainer& published) {
             return state == PublicationState::Complete ? kExitDone : kExitFailed;
         Sleep(WatchPause(asked));
     }
-    std::fputs("kel: the transfers go on; 'kel publications' shows how far they are\n", stderr);
+    std::fputs("kel: the transfers continue; 'kel publications' shows their progress\n", stderr);
     return kExitFailed;
 }

@@ -25,8 +25,8 @@ KelContainer PublishArguments(const PublishOptions& options, const KelString& fi
     return arguments;
 }
 
-/// Publishes file by file, up to the first that is refused; what was published goes under "Values". An exit
-/// code.
+/// Publishes the files one by one, up to the first that is refused, and lists them under "Values" in
+/// `published`. An exit code.
 int PublishFiles(const Remote& remote, const PublishOptions& options, KelContainer& published) {
     const HandOver handOver = {"ConsolePublish",
                                [&options](const KelString& file) { return PublishArguments(options, file); },
@@ -38,13 +38,13 @@ int PublishFiles(const Remote& remote, const PublishOptions& options, KelContain
     return HandOverFiles(remote, options.files, handOver, published);
 }
 
-/// Names each publication with failed targets and the command that shows why. True when there is one.
+/// Prints a line for each publication with failed targets. True when there is one.
 bool ReportFailures(const KelContainer& published) {
     bool failed = false;
     for (std::uint32_t i = 0; i < ItemCount(published); ++i) {
         const KelContainer& item = published.GetContainer("Values", i);
         if (item.GetInt32("Failed") == 0) continue;
-        std::fprintf(stderr, "kel: %s failed on %d of %d devices; 'kel publications %s' tells why\n",
+        std::fprintf(stderr, "kel: %s failed on %d of %d devices; 'kel publications %s' shows why\n",
                      Printable(item.GetString("File")).c_str(), item.GetInt32("Failed"),
                      item.GetInt32("Targets"), Printable(item.GetString("PublicationId")).c_str());
         failed = true;

@@ -47,10 +47,12 @@ KelResult<Target> FromRoot(const KelString& root) {
     auto port = ReadIni(http, path, "HttpProtocol", "Port");
     if (!port) return port.Error();
     if (*port == "0")
-        return KelError{kKelErrorBadInput, path + ": Port is 0, any free one; name the agent with --url"};
+        return KelError{kKelErrorBadInput,
+                        path + ": Port is 0 (any free port); address the agent with --url instead"};
     KelString address;
     http.GetEntryValue("HttpProtocol", "Address", address, target.ownAddress);
     if (address.empty()) address = target.ownAddress;
+    // A server on all addresses is reached over loopback.
     if (address.empty() || address == kAnyAddress) address = "127.0.0.1";
     target.address = address + ":" + *port;
     return target;
@@ -67,15 +69,23 @@ KelResult<Target> FromUrl(const CommonOptions& options) {
 KelString ResultText(unsigned int result) {
     switch (result) {
         case kKelErrorUnreachable:
-            return "no answer; does the agent run there?";
+            return "no answer; is the agent running there?";
         case kKelErrorCredentials:
-            return "the agent refuses the credentials";
+            return "the agent refused the credentials";
         case kKelErrorUnknownAction:
             return "the agent has no such action";
         case kKelErrorBadInput:
-            return "missing or unusable input; the agent's log names it";
+            return "an input is missing or unusable; the agent's log names it";
+        case kKelErrorNotAvailable:
+            return "not available on this device";
+        case kKelErrorInternal:
+            return "internal error; see the agent's log";
+        case kKelErrorBadAnswer:
+            return "the answer is not that of an agent; is this the right address?";
+        case kKelErrorGuidScheme:
+            return "the GUID belongs to another tree";
         default:
-            return "result " + std::to_string(result);
+            return "the action failed with result " + std::to_string(result);
     }
 }
 
@@ -84,7 +94,7 @@ KelString ResultText(unsigned int result) {
 KelResult<KelString> AddressOfUrl(const KelString& url) {
     UrlInet parts;
     if (!UrlParseInet(url, parts) || parts.scheme != "http" || parts.host.empty())
-        return KelError{kKelErrorBadInput, "'" + url + "' is no http://HOST:PORT"};
+        return KelError{kKelErrorBadInput, "'" + url + "' is not of the form http://HOST:PORT"};
     return parts.host + ":" + std::to_string(parts.port);
 }
 
@@ -92,7 +102,8 @@ KelResult<KelString> ReadPasswordFile(const KelString& path) {
     auto text = FileReadText(path, kMaxPasswordFileBytes);
     if (!text) return text.Error();
     KelString line = text->substr(0, text->find_first_of("\r\n"));
-    if (line.empty()) return KelError{kKelErrorBadInput, path + ": its first line, the password, is empty"};
+    if (line.empty())
+        return KelError{kKelErrorBadInput, path + ": the first line, which holds the password, is empty"};
     return line;
 }
 
@@ -103,6 +114,7 @@ KelResult<Remote> Remote::Open(const CommonOptions& options) {
     settings.name = target->user;
     settings.httpPassword = target->password;
     settings.address = target->ownAddress;
+    // The library logs nothing: what went wrong is printed once, by Call.
     settings.debugContext = MakeDebugContext({}, 0, 0, false, KelDebugLevel::None);
     KelAgentConfigure(std::move(settings));
     return Remote(UrlForAgent(target->user, target->password, target->address), target->address,

@@ -12,6 +12,7 @@
 
 namespace {
 
+// Directions and units of windows, by their numbers in the actions; unused numbers are empty.
 constexpr std::array<const char*, 4> kDirections = {"", "up", "down", "multicast"};
 constexpr std::array<const char*, 9> kUnits = {"", "bit/s", "kbit/s", "Mbit/s",      "",
                                                "", "",      "%",      "per thousand"};
@@ -21,7 +22,7 @@ KelString Name(const auto& names, std::int32_t value) {
     return value > 0 && index < names.size() ? names[index] : std::to_string(value);
 }
 
-/// "400000 kbit/s" for a window that is the same in every hour, else how many different rates there are.
+/// "400000 kbit/s" for a window with the same rate in every hour, otherwise the number of different rates.
 KelString RateText(const KelContainer& window) {
     const KelVector<KelString> slots = SplitText(window.GetString("Slots"), ' ');
     const std::set<KelString> different(slots.begin(), slots.end());
@@ -83,6 +84,7 @@ int GetSettings(const Remote& remote, bool json, const KelVector<KelString>& nam
     return kExitDone;
 }
 
+/// Checks all assignments before the first takes effect.
 int SetSettings(const Remote& remote, const KelVector<KelString>& assignments) {
     KelContainer known;
     if (const unsigned int result = remote.Call("FileStoreGetValues", known); result != kKelOk)
@@ -103,7 +105,7 @@ int SetSettings(const Remote& remote, const KelVector<KelString>& assignments) {
     return ExitCodeOf(remote.Call("FileStoreSetValues", arguments));
 }
 
-/// Appends the value at `index` of `from` in `source` to those of `name` in `target`.
+/// Appends value number `index` of `from` in `source` to the values of `name` in `target`.
 void Append(const KelContainer& source, const KelString& from, std::uint32_t index, const KelString& name,
             KelContainer& target) {
     const std::uint32_t at = ItemCount(target, name);

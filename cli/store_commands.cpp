@@ -9,6 +9,7 @@ namespace {
 constexpr const char* kListUpstream = "ListUpstream";
 constexpr const char* kFileStatus = "FileStatus";
 
+/// The value as a person reads it.
 KelString ValueText(const KelContainer& file, const KelString& name) {
     if (name == kFileStatus) return FileStatusText(file.GetString(name));
     if (name == kValueFileSize || name == "TransferredBytes") return SizeText(file.GetInt64(name));
@@ -18,7 +19,7 @@ KelString ValueText(const KelContainer& file, const KelString& name) {
 
 KelString UnknownFile(const FileOptions& options) {
     return "there is no file " + std::to_string(options.id) + " in the store; 'kel files" +
-           (options.upstream ? " --upstream" : "") + "' lists them";
+           (options.upstream ? " --upstream" : "") + "' lists its files";
 }
 
 }  // namespace

@@ -16,12 +16,12 @@ namespace {
 
 constexpr std::chrono::milliseconds kInboxPollPause{250};
 
-/// Refuses what could not arrive, before anything is sent.
+/// Refuses files that could not arrive before any of them is sent.
 KelStatus CheckFiles(const KelVector<KelString>& files) {
     for (const KelString& file : files) {
         if (FileGetSize64(file) == 0)
             return KelError{kKelErrorBadInput,
-                            file + " is empty; only files with content travel up. Nothing was sent"};
+                            file + " is empty, and empty files cannot be sent up; nothing was sent"};
     }
     return CheckDifferentNames(files);
 }
@@ -50,13 +50,13 @@ FileKey KeyOf(const RequestOptions& options) {
     return {options.type, options.label, options.name, options.checksum};
 }
 
-/// An empty checksum in `wanted` stands for any.
+/// An empty checksum in `wanted` matches any.
 bool IsWanted(FileKey file, const FileKey& wanted) {
     if (wanted.checksum.empty()) file.checksum.clear();
     return file == wanted;
 }
 
-/// The action's result; `found` says whether the inbox holds the file, `item` is then its entry.
+/// Sets `found` and `item`, its entry, when the inbox holds the file. The action's result.
 unsigned int LookIntoInbox(const Remote& remote, const FileKey& wanted, KelContainer& item, bool& found) {
     KelContainer inbox;
     if (const unsigned int result = remote.Call("DeliveryListFiles", inbox); result != kKelOk) return result;
@@ -69,6 +69,7 @@ unsigned int LookIntoInbox(const Remote& remote, const FileKey& wanted, KelConta
     return kKelOk;
 }
 
+/// Polls the inbox until it holds the file or the time is over. An exit code.
 int WaitForFile(const Remote& remote, const RequestOptions& options, KelContainer& item) {
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(options.waitSeconds);
     for (;;) {
@@ -79,7 +80,7 @@ int WaitForFile(const Remote& remote, const RequestOptions& options, KelContaine
         if (found) return kExitDone;
         if (std::chrono::steady_clock::now() >= deadline)
             return Complain("'" + options.name + "' was not delivered within " +
-                            std::to_string(options.waitSeconds) + " seconds; the request stands");
+                            std::to_string(options.waitSeconds) + " seconds; the request remains open");
         std::this_thread::sleep_for(kInboxPollPause);
     }
 }
@@ -112,7 +113,7 @@ int RunCommand(const CommonOptions& common, const RequestOptions& options) {
     int exitCode = kExitDone;
     if (call.GetBool("FileObsolete")) {
         item.SetString("State", "obsolete");
-        exitCode = Complain("'" + options.name + "' is obsolete; the devices above keep it no more");
+        exitCode = Complain("'" + options.name + "' is obsolete; the devices above no longer keep it");
     } else if (options.waitSeconds > 0) {
         exitCode = WaitForFile(*remote, options, item);
     } else {
