@@ -16,7 +16,7 @@ namespace {
 
 constexpr std::chrono::milliseconds kInboxPollPause{250};
 
-/// Refuses files that could not arrive before any of them is sent.
+/// Refuses files that the master could not receive; called before any of them is sent.
 KelStatus CheckFiles(const KelVector<KelString>& files) {
     for (const KelString& file : files) {
         if (FileGetSize64(file) == 0)
