@@ -180,7 +180,7 @@ void MeasureUpstream(unsigned long rows) {
         fs::create_directories(fs::path(path).parent_path());
         std::ofstream(path) << "x";
     }
-    Measure("hand over 50 files, nobody wants them", rows,
+    Measure("hand over 50 files, no module wants them", rows,
             [] { Expect(FileStore::threadHandler.HandleFile(true), "nothing to handle"); });
     FillUpstream(rows, filestore::kStatusAvailable, 1);
     Measure("look for files to hand over, none", rows,
