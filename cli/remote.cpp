@@ -66,7 +66,8 @@ KelResult<Target> FromUrl(const CommonOptions& options) {
     return Target{*address, {}, options.user, *password};
 }
 
-KelString ResultText(unsigned int result) {
+/// What went wrong, for a person; `message` is what the action said about it, often nothing.
+KelString ResultText(unsigned int result, const KelString& message) {
     switch (result) {
         case kKelErrorUnreachable:
             return "no answer; is the agent running there?";
@@ -75,17 +76,18 @@ KelString ResultText(unsigned int result) {
         case kKelErrorUnknownAction:
             return "the agent has no such action";
         case kKelErrorBadInput:
-            return "an input is missing or unusable; the agent's log names it";
+            return message.empty() ? "an input is missing or unusable; the agent's log names it" : message;
         case kKelErrorNotAvailable:
-            return "not available on this device";
+            return message.empty() ? "not available on this device" : message;
         case kKelErrorInternal:
-            return "internal error; see the agent's log";
+            return message.empty() ? "internal error; see the agent's log" : message;
         case kKelErrorBadAnswer:
             return "the answer is not that of an agent; is this the right address?";
         case kKelErrorGuidScheme:
             return "the GUID belongs to another tree";
         default:
-            return "the action failed with result " + std::to_string(result);
+            return "the action failed with result " + std::to_string(result) +
+                   (message.empty() ? "" : ": " + message);
     }
 }
 
@@ -125,9 +127,7 @@ unsigned int Remote::Call(const KelString& action, KelContainer& container, int 
     const unsigned int result = ActionDbInvokeContainer("kel", deviceUrl_, action, container, 0, -1,
                                                         std::max(timeoutSeconds_, atLeastSeconds), nullptr);
     if (result == kKelOk) return result;
-    KelString text = ResultText(result);
-    const KelString message = container.GetString("Message");
-    if (!message.empty()) text += ": " + Printable(message);
+    const KelString text = Printable(ResultText(result, container.GetString("Message")));
     std::fprintf(stderr, "kel: %s on %s: %s\n", action.c_str(), address_.c_str(), text.c_str());
     return result;
 }
