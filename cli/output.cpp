@@ -1,4 +1,4 @@
-#include "cli/table.h"
+#include "cli/output.h"
 
 #include <algorithm>
 #include <array>
@@ -6,7 +6,9 @@
 #include <cstdio>
 #include <ctime>
 
+#include "cli/options.h"
 #include "kel/text.h"
+#include "kelcore/json.h"
 
 namespace {
 
@@ -91,4 +93,67 @@ KelString TimeText(std::int64_t seconds) {
     std::array<char, 64> text{};
     std::strftime(text.data(), text.size(), "%Y-%m-%d %H:%M:%S", &parts);
     return text.data();
+}
+
+KelString FileStatusText(const KelString& status) {
+    constexpr std::string_view kPrefix = "_AGTMOD_FILESTORESTATUS_";
+    if (!status.starts_with(kPrefix) || !status.ends_with('_')) return status;
+    KelString text = status.substr(kPrefix.size(), status.size() - kPrefix.size() - 1);
+    for (char& c : text) {
+        if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+        if (c == '_') c = ' ';
+    }
+    return text;
+}
+
+Column ValueColumn(const KelString& heading, const KelString& name) {
+    return {heading, [name](const KelContainer& item) { return item.GetString(name); }};
+}
+
+Column SizeColumn(const KelString& heading, const KelString& name) {
+    return {heading, [name](const KelContainer& item) { return SizeText(item.GetInt64(name)); }};
+}
+
+Column TimeColumn(const KelString& heading, const KelString& name) {
+    return {heading, [name](const KelContainer& item) { return TimeText(item.GetInt64(name)); }};
+}
+
+std::uint32_t ItemCount(const KelContainer& list, const KelString& name) {
+    return list.Has(name) ? list.Count(name) : 0;
+}
+
+void PrintJson(const KelContainer& list, const KelString& name) {
+    KelString text = "[";
+    for (std::uint32_t i = 0; i < ItemCount(list, name); ++i) {
+        text += i == 0 ? "\n" : ",\n";
+        text += ContainerToJson(list.GetContainer(name, i));
+    }
+    std::printf("%s\n]\n", text.c_str());
+}
+
+void PrintList(const KelContainer& list, bool json, const KelVector<Column>& columns, const KelString& name) {
+    if (json) {
+        PrintJson(list, name);
+        return;
+    }
+    KelVector<KelString> headings;
+    for (const Column& column : columns)
+        headings.push_back(column.heading);
+    Table table(std::move(headings));
+    for (std::uint32_t i = 0; i < ItemCount(list, name); ++i) {
+        KelVector<KelString> cells;
+        for (const Column& column : columns)
+            cells.push_back(column.cell(list.GetContainer(name, i)));
+        table.AddRow(std::move(cells));
+    }
+    std::fputs(table.Render().c_str(), stdout);
+}
+
+int Complain(const KelString& message) {
+    std::fprintf(stderr, "kel: %s\n", Printable(message).c_str());
+    return kExitFailed;
+}
+
+int Complain(const KelError& error) {
+    return Complain(error.message);
 }
