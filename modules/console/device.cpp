@@ -1,9 +1,10 @@
-#include "modules/console/device_list.h"
+#include "modules/console/device.h"
 
 #include "kel/format.h"
 #include "kel/ip_address.h"
 #include "kel/regex.h"
 #include "kel/text.h"
+#include "kelcore/error_codes.h"
 
 namespace {
 
@@ -37,14 +38,16 @@ KelStatus ParsePathName(const KelString& pathName, Device& device) {
         kGuidPattern);
     KelVector<KelString> captures;
     if (!FindPcre(pattern, pathName, captures)) {
-        return KelError{1,
-                        KelFormat("\"%S\" is no path name of the form host:port/GUID/MAC/IP/mask", pathName)};
+        return KelError{
+            kKelErrorBadInput,
+            KelFormat("\"%S\" is not a path name of the form host:port/GUID/MAC/IP/mask", pathName)};
     }
     const auto port = ParseInt64(captures[3]).value_or(0);
     if (port < 1 || port > 65535)
-        return KelError{1, KelFormat("The port in \"%S\" is not 1 to 65535", pathName)};
+        return KelError{kKelErrorBadInput, KelFormat("The port in \"%S\" is not 1 to 65535", pathName)};
     if (!IpAddress::Parse(captures[6]) || !IpAddress::Parse(captures[7])) {
-        return KelError{1, KelFormat("The IP address or the network mask in \"%S\" is malformed", pathName)};
+        return KelError{kKelErrorBadInput,
+                        KelFormat("The IP address or the network mask in \"%S\" is malformed", pathName)};
     }
     device.address = captures[1];
     device.guid = captures[4];
@@ -56,21 +59,24 @@ KelResult<Device> ParseDeviceEntry(const KelString& key, const KelString& value)
     const auto words = Words(value);
     if (words.size() < 3 || words.size() > 4) {
         return KelError{
-            1, KelFormat("Device %S: \"%S\" is not of the form PATHNAME PARENTGUID ROLE [NAME]", key, value)};
+            kKelErrorBadInput,
+            KelFormat("Device %S: \"%S\" is not of the form PATHNAME PARENTGUID ROLE [NAME]", key, value)};
     }
     Device device;
     if (const KelStatus parsed = ParsePathName(words[0], device); !parsed) {
-        return KelError{1, KelFormat("Device %S: %S", key, parsed.Error().message)};
+        return KelError{kKelErrorBadInput, KelFormat("Device %S: %S", key, parsed.Error().message)};
     }
     if (!IsEqualTo(device.guid, key, false)) {
-        return KelError{1, KelFormat("Device %S: its path name holds another GUID, %S", key, device.guid)};
+        return KelError{kKelErrorBadInput,
+                        KelFormat("Device %S: its path name holds another GUID, %S", key, device.guid)};
     }
     if (!IsDeviceGuid(words[1]) || words[1] == device.guid) {
         return KelError{
-            1, KelFormat("Device %S: the parent \"%S\" is no GUID of another device", key, words[1])};
+            kKelErrorBadInput,
+            KelFormat("Device %S: the parent \"%S\" is not the GUID of another device", key, words[1])};
     }
     if (words[2] != "relay" && words[2] != "client") {
-        return KelError{1,
+        return KelError{kKelErrorBadInput,
                         KelFormat("Device %S: the role \"%S\" is neither relay nor client", key, words[2])};
     }
     device.parentGuid = words[1];
@@ -78,9 +84,10 @@ KelResult<Device> ParseDeviceEntry(const KelString& key, const KelString& value)
     device.name = words.size() == 4 ? words[3] : device.address.substr(0, device.address.find(':'));
     if (!IsDeviceName(device.name)) {
         return KelError{
-            1, KelFormat("Device %S: its name is over-long or holds an apostrophe, a slash or a control "
-                         "character",
-                         key)};
+            kKelErrorBadInput,
+            KelFormat("Device %S: its name is too long or holds an apostrophe, a slash or a control "
+                      "character",
+                      key)};
     }
     return device;
 }
@@ -109,9 +116,10 @@ KelResult<std::size_t> DeviceIndex::Find(const KelString& guidOrName) const {
     const KelString key = ToLowerText(guidOrName);
     if (const auto found = guids_.find(key); found != guids_.end()) return found->second;
     const auto found = names_.find(key);
-    if (found == names_.end()) return KelError{1, KelFormat("There is no device \"%S\"", guidOrName)};
+    if (found == names_.end())
+        return KelError{kKelErrorBadInput, KelFormat("There is no device \"%S\"", guidOrName)};
     if (found->second.size() > 1) {
-        return KelError{1,
+        return KelError{kKelErrorBadInput,
                         KelFormat("The name \"%S\" belongs to several devices; give the GUID", guidOrName)};
     }
     return found->second.front();
