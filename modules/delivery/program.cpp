@@ -128,7 +128,7 @@ class ProgramWatch {
     ProgramResult WaitFor(LineReader& reader) {
         bool hasOutput = true;
         int status = 0;
-        while (!HasEnded(status)) {
+        while (!Reap(status)) {
             if (hasOutput) {
                 hasOutput = reader.ReadSome(kPollMilliseconds);
             } else {
@@ -141,7 +141,8 @@ class ProgramWatch {
     }
 
   private:
-    bool HasEnded(int& status) const {
+    /// True when the program has ended; collects its status, which the system then forgets.
+    bool Reap(int& status) const {
         const pid_t ended = waitpid(pid_, &status, WNOHANG);
         return ended == pid_ || (ended < 0 && errno != EINTR);
     }
