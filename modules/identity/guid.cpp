@@ -3,6 +3,7 @@
 #include "kel/checksum.h"
 #include "kel/file.h"
 #include "kel/text.h"
+#include "kelcore/error_codes.h"
 
 namespace {
 
@@ -66,7 +67,8 @@ KelResult<KelString> LoadOrMakeGuid(const KelString& path, const KelDebug& log) 
     }
     const KelString aside = path + ".damaged";
     if (!FileRename(path, aside)) {
-        return KelError{1, KelFormat("The damaged file %S cannot be renamed; remove it", path)};
+        return KelError{kKelErrorBadInput,
+                        KelFormat("The damaged file %S cannot be renamed; remove it", path)};
     }
     auto made = MakeAndKeep(path);
     if (made) {

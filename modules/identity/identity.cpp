@@ -66,7 +66,8 @@ void Identity::Cleanup() {
 
 KelResult<DeviceValues> Identity::ReadValues() {
     IniFile ini;
-    if (!ini.Open(IniPath())) return KelError{1, KelFormat("%S cannot be read or is malformed", IniPath())};
+    if (!ini.Open(IniPath()))
+        return KelError{kKelErrorBadInput, KelFormat("%S cannot be read or is malformed", IniPath())};
     int interval = 0;
     ini.GetEntryValue("Identity", "CheckInterval", interval, 30);
     watcher_.SetInterval(static_cast<std::uint32_t>(std::clamp(interval, 1, 86400)));
@@ -176,21 +177,19 @@ bool Identity::AdoptScheme(const KelString& parentGuid, KelString& oldGuid, KelS
 unsigned int Identity::ValidateGuidScheme(KelContainer* arguments) {
     arguments->Clear();
     KelContainer relay;
-    if (ActionDbInvokeContainer(nullptr, {}, "RelayGetValues", relay, 0, -1, -1, nullptr) != kKelOk) {
-        return kKelOk;
-    }
+    if (CallLocal("RelayGetValues", relay) != kKelOk) return kKelOk;
     const KelContainer& values = relay.GetContainer("Values");
     const KelString parentGuid = values.GetString("ParentGuid");
     if (parentGuid.empty()) return kKelOk;
     if (!IsGuid(parentGuid)) {
-        Log().Warning("The parent's GUID %S is malformed; its scheme is not taken over\n", parentGuid);
+        Log().Warning("The parent's GUID %S is malformed; its scheme is not adopted\n", parentGuid);
         return kKelOk;
     }
     KelString oldGuid;
     KelString newGuid;
     if (!AdoptScheme(parentGuid, oldGuid, newGuid)) return kKelErrorInternal;
     if (oldGuid == newGuid) return kKelOk;
-    Log().Print("The GUID of this device changed from %S to %S, the scheme of its parent\n", oldGuid,
+    Log().Print("The GUID of this device changed from %S to %S to match the scheme of its parent\n", oldGuid,
                 newGuid);
     KelContainer change;
     change.SetString("GUID", newGuid);

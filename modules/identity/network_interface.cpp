@@ -25,7 +25,7 @@ KelString MacText(std::span<const unsigned char, kMacBytes> bytes) {
     return text;
 }
 
-/// Copied out, since the kernel's structures are not aligned for the type behind them.
+/// Copied, because the kernel's structures are not aligned for the actual address type.
 template <class Address>
 Address CopyOf(const sockaddr* address) {
     Address copy{};

@@ -86,7 +86,7 @@ unsigned int Relay::ReceiveFile(KelContainer* arguments) {
         return Answer(arguments, KelError{kKelErrorBadInput, "Another device may not name local files"});
     const auto path = packages_.Keep(*arguments);
     if (!path) return Answer(arguments, path.Error());
-    Log().Print("Keeps a copy of the package %S\n", *path);
+    Log().Print("Kept a copy of the package %S\n", *path);
     arguments->Clear();
     arguments->SetString("FilePath", *path);
     return kKelOk;
