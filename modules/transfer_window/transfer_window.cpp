@@ -99,7 +99,7 @@ unsigned int TransferWindow::SetWindow(KelContainer* arguments) {
         return Refuse(arguments, "Slots is missing; give it empty to remove a window");
     const KelString slots = Trim(arguments->GetString("Slots"));
     if (slots.empty()) return StoreWindow(*direction, std::nullopt, arguments);
-    // The default only counts for an absent value: one of the wrong type must not turn into it.
+    // The default is for an absent value only: a value of the wrong type must be refused, not replaced.
     const std::int32_t slotType =
         arguments->Has("SlotType") ? arguments->GetInt32("SlotType") : WeeklyWindow().slotType;
     const auto window = MakeWeeklyWindow(slots, slotType, arguments->GetBool("UseUTCTime"));
