@@ -21,9 +21,8 @@ bool ConsoleDatabase::Open(const KelString& folder, const KelString& iniFile) {
     const KelVector<KelString> present = connection_->GetTablesList();
     for (const char* table : kTables) {
         if (std::find(present.begin(), present.end(), table) != present.end()) continue;
-        log_.Error(
-            "%S has no table %s; take the section SqlUpgrade of the shipped Console.ini over into %S\n", path,
-            table, iniFile);
+        log_.Error("%S has no table %s; copy the section SqlUpgrade of the shipped Console.ini to %S\n", path,
+                   table, iniFile);
         connection_.reset();
         return false;
     }

@@ -99,7 +99,8 @@ KelResult<KelVector<Device>> DeviceDirectory::Read() {
     KelVector<Device> listed = ReadDevices(ini, problems);
     LogProblemsOnce(problems);
 
-    // A device's own report wins over the ini file; nothing but the master may take the master's place.
+    // A device's own report wins over the ini file. A report of another device with the role master is
+    // ignored.
     KelVector<Device> devices = {*master};
     std::unordered_set<KelString> known = {master->guid};
     for (Device& device : *reported) {

@@ -5,7 +5,7 @@
 #include "kel/types.h"
 #include "kelcore/file_key.h"
 
-/// What a caller wants published.
+/// The arguments of ConsolePublish.
 struct PublicationRequest {
     KelString sourcePath;
     FileKey file;  ///< the name is never empty: that of the source when the caller gave none; no checksum yet

@@ -77,7 +77,7 @@ class PublicationStore {
     /// that is older than the stored one changes no status. False when it could not be written.
     bool Store(const DeliveryReceipt& receipt, std::int64_t now);
 
-    /// The publications, the latest first; with ids only those, as far as they are known.
+    /// The publications, the latest first; with ids only those; unknown ones are left out.
     KelResult<KelVector<PublicationSummary>> List(const KelVector<KelString>& ids);
 
     /// The targets of a publication by GUID.

@@ -39,30 +39,31 @@ PublicationTarget DecideDelivered(const KelString& guid, const Known& known) {
     if (known.isOtherPending) {
         return {
             guid, "failed", 0,
-            "It had this content before and takes it no second time, and another one is on its way to it; "
-            "publish the file under another label"};
+            "It had this content before, a store accepts a file only once, and another content is on its way "
+            "to it; publish the file under another label"};
     }
     if (known.otherContent && known.otherContent->time >= known.holder->time) {
-        return {guid, "failed", known.otherContent->time,
-                "It had this content before another one and takes it no second time; publish the file under "
-                "another label"};
+        return {
+            guid, "failed", known.otherContent->time,
+            "It had this content before another one, and a store accepts a file only once; publish the file "
+            "under another label"};
     }
     return {guid, "delivered", known.holder->time, "Had it already"};
 }
 
 PublicationTarget FailedBefore(const KelString& guid, const KelString& message) {
-    return {
-        guid, "failed", 0,
-        KelFormat("It failed before and is not tried again; publish the file under another label. What it "
-                  "said then: %S",
-                  message)};
+    return {guid, "failed", 0,
+            KelFormat("It failed before and is not tried again; publish the file under another label. Its "
+                      "message was: %S",
+                      message)};
 }
 
 PublicationTarget BlockedBy(const Device& holder, const KelString& guid) {
-    return {guid, "failed", 0,
-            KelFormat("The store of %S took this file before and passes it on to no further device; publish "
-                      "the file under another label, or run \"kel request\" on the device itself",
-                      holder.name)};
+    return {
+        guid, "failed", 0,
+        KelFormat("The store of %S took this file before and does not pass it on to other devices; publish "
+                  "the file under another label, or run \"kel request\" on the device itself",
+                  holder.name)};
 }
 
 class DecisionMaker {

@@ -49,6 +49,6 @@ class Inbox {
     KelString folder_;                           ///< of the types without one of their own
     KelVector<KelString> types_;                 ///< with a folder of their own, in the order of the ini file
     KelHash<KelString, KelString> typeFolders_;  ///< by type
-    KelMutex mutex_;                             ///< known_ only; not held while a file is read
+    KelMutex mutex_;                             ///< not held while a file is read
     KelHash<KelString, KnownChecksum> known_ KEL_GUARDED_BY(mutex_);  ///< by path
 };

@@ -79,7 +79,7 @@ class LineReader {
     LineReader(UniqueFd pipe, const std::function<void(const KelString&)>& output)
         : pipe_(std::move(pipe)), output_(output) {}
 
-    /// Waits a moment for output and passes it on; false when no more can come.
+    /// Waits up to `milliseconds` for output and passes it on; false at the end of the output.
     bool ReadSome(int milliseconds) {
         if (!HasInput(milliseconds)) return true;
         std::array<char, kReadBytes> buffer{};
@@ -90,8 +90,8 @@ class LineReader {
         return count > 0;
     }
 
-    /// Passes on what the pipe holds by now, at most what it can hold: programs left behind may go on
-    /// writing.
+    /// Passes on what is still in the pipe, but no more than it can hold: child processes that the program
+    /// left running may write on.
     void Drain() {
         std::size_t reads = kPipeBytes / kReadBytes;
         while (reads-- > 0 && HasInput(0) && ReadSome(0)) {

@@ -15,7 +15,7 @@ struct ProgramResult {
 /// A program to run. It has no input and no open files; its output goes line by line to a function.
 struct Program {
     KelVector<KelString> arguments;    ///< the first is the absolute path of the program
-    KelVector<KelString> environment;  ///< "NAME=value", beside this process's own
+    KelVector<KelString> environment;  ///< "NAME=value", in addition to this process's own
     std::chrono::milliseconds timeout = std::chrono::minutes(5);
     std::function<bool()> cancelled;               ///< called several times a second; true ends the program
     std::function<void(const KelString&)> output;  ///< receives each line without its end

@@ -1,5 +1,5 @@
-// Uploads (PUT) of the class Connection: AcceptPut decides whether one is taken, the rest moves its body to
-// the file workers.
+// Uploads (PUT) of the class Connection: AcceptPut decides whether one is accepted, the rest moves its body
+// to the file workers.
 
 #include <utility>
 

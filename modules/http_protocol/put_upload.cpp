@@ -71,7 +71,7 @@ unsigned int PutUpload::Begin() {
         return 403;
     }
     file_.Reset(::openat(folder_.Get(), ".", O_TMPFILE | O_WRONLY | O_CLOEXEC, 0644));
-    if (!file_ && errno != EOPNOTSUPP && errno != EISDIR) return Fail("make a file beside");
+    if (!file_ && errno != EOPNOTSUPP && errno != EISDIR) return Fail("create a file next to");
     if (const unsigned int status = file_ ? 0 : MakeHiddenFile()) return status;
     // Space is reserved at once, so that a full disk is reported before the body is sent. On file systems
     // that cannot reserve, the error comes with a write.
@@ -86,7 +86,7 @@ unsigned int PutUpload::MakeHiddenFile() {
     const KelString name = MakeHiddenName();
     file_.Reset(
         ::openat(folder_.Get(), name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644));
-    if (!file_) return Fail("make a file beside");
+    if (!file_) return Fail("create a file next to");
     hiddenName_ = name;
     return 0;
 }

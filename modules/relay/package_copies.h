@@ -4,7 +4,7 @@
 #include "kel/result.h"
 #include "kel/types.h"
 
-/// The copies of published packages that a relay keeps for its own network, beside the file store:
+/// The copies of published packages that a relay keeps for its own network, apart from the file store:
 /// "<root>/<label>/<name>". A package of the same label and name replaces the one before. Set up once; then
 /// from any thread.
 class PackageCopies {

@@ -48,7 +48,7 @@ KelVector<Candidate> ListCandidates(const KelString& folder) {
     return candidates;
 }
 
-/// True for the content file of a request beside it, whatever it holds.
+/// True for a file that is the content of the request next to it.
 bool IsContentOfAnother(const KelString& path) {
     if (!path.ends_with(kContentSuffix)) return false;
     KelContainer request;

@@ -8,7 +8,7 @@
 
 /// A request that the file store kept while the device was disconnected: the file "<folder>/<name>", a
 /// container with FileType, FileLabel, FileName, FileChecksum, FileSize, SourceDevice and the content itself,
-/// FileInfo, or FilePath, the name of a file beside it, "<folder>/<name>.xml". The file store writes the
+/// FileInfo, or FilePath, the name of a file next to it, "<folder>/<name>.xml". The file store writes the
 /// content first.
 struct UnconnectedRequest {
     KelString path;         ///< of the request
