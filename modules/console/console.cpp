@@ -181,6 +181,7 @@ unsigned int Console::ListPublications(KelContainer* arguments) {
     if (!publications) return Fail(arguments, publications.Error());
     if (const KelStatus known = CheckAllKnown(ids, *publications); !known)
         return Fail(arguments, known.Error());
+    // Devices are listed for a single publication only: a list of all would be large.
     auto result = KelResult<KelContainer>(KelContainer());
     if (ids.size() == 1 && !arguments->GetBool("CountsOnly")) result = ReadTargets(ids.front());
     if (!result) return Fail(arguments, result.Error());

@@ -23,6 +23,8 @@ KelStatus CheckSource(const KelString& guid, const KelString& sourceDevice) {
                     KelFormat("it is about device %S but comes from %S", guid, sourceDevice)};
 }
 
+/// The parts of a report repeat each other; contradictions would put the device in the wrong place of the
+/// tree.
 KelStatus CheckPlace(const KelContainer& content, const Device& device) {
     if (device.role != "master" && device.role != "relay" && device.role != "client") {
         return Unusable("Role", device.role);

@@ -35,6 +35,7 @@ class TargetTree {
     KelContainer Below(std::size_t device) const {
         KelContainer below;
         if (children_[device].empty()) return below;
+        // A relay that is a target itself appears again among its children: its entry above only leads on.
         if (isTarget_[device]) below.SetContainer(devices_[device].pathName, KelContainer());
         for (const std::size_t child : children_[device]) {
             below.SetContainer(devices_[child].pathName, Below(child));

@@ -57,6 +57,7 @@ KelResult<PackageFile> CopyToPackages(const KelString& root, const KelString& so
     KelString copy;
     if (!PathCreate(incoming) || !FileCreateTemp(incoming, copy)) return CannotWrite(incoming);
     const FileRemover remover(copy);
+    // Copied before it is hashed: the source may change at any moment.
     if (!FileCopy(source, copy, false)) {
         return KelError{
             kKelErrorInternal,

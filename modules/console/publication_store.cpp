@@ -44,6 +44,7 @@ void AddTargets(const KelString& id, const KelVector<PublicationTarget>& targets
             rows, statements);
 }
 
+/// A device that is a holder already keeps the publication that made it one.
 void AddHolders(const PublicationSummary& publication, const KelVector<KelString>& takers,
                 KelVector<KelString>& statements) {
     KelVector<KelString> rows;
@@ -64,6 +65,7 @@ KelString KeyCondition(const DeliveryReceipt& receipt) {
                      receipt.file.checksum, receipt.file.name, receipt.file.label, receipt.file.type);
 }
 
+/// Receipts may overtake each other on their way up, so an older one changes nothing.
 KelString UpdateTargets(const DeliveryReceipt& receipt) {
     return KelFormat(
         "UPDATE PublicationTargets SET Status = '%Q', Time = %gd, Message = '%Q' "
@@ -72,6 +74,7 @@ KelString UpdateTargets(const DeliveryReceipt& receipt) {
         receipt.status, receipt.time, receipt.message, receipt.guid, receipt.time, KeyCondition(receipt));
 }
 
+/// Files that were never published, such as those that devices request, need no holders.
 KelString UpdateHolder(const DeliveryReceipt& receipt) {
     return KelFormat(
         "INSERT INTO Holders (FileName, FileLabel, FileType, FileChecksum, GUID, Status, Time, Message) "
@@ -148,6 +151,7 @@ KelResult<KelVector<PublicationTarget>> PublicationStore::Add(const PublicationS
 
 void PublicationStore::Remove(const KelString& id) {
     const KelLock lock(mutex_);
+    // Holders first: their condition reads the publication. Those with a status have sent a receipt and stay.
     database_.Write({KelFormat("DELETE FROM Holders WHERE PublicationId = '%Q' AND Status = '' "
                                "AND (FileName, FileLabel, FileType, FileChecksum) IN "
                                "(SELECT FileName, FileLabel, FileType, FileChecksum FROM Publications "

@@ -139,7 +139,7 @@ KelResult<KelContainer> Publisher::Publish(const PublicationRequest& request) {
                                            });
     if (!targets) return targets.Error();
     if (const KelStatus offered = Offer(request, *file, *plan, *targets); !offered) {
-        publications_.Remove(plan->id);
+        publications_.Remove(plan->id);  // the copy stays: publishing the same file again will reuse it
         return offered.Error();
     }
     KelContainer result;

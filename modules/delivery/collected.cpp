@@ -10,6 +10,7 @@
 
 namespace {
 
+/// The types that the console and the file store process themselves.
 constexpr std::array kTypesOfOthers = {"IdentityIdentity", "DeliveryReceipt", "FileStorePackedFiles",
                                        "PackageSyncInfo"};
 

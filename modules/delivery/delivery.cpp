@@ -102,7 +102,7 @@ void Delivery::Activate() {
 }
 
 void Delivery::Cleanup() {
-    thread_.Cancel(0, false);
+    thread_.Cancel(0, false);  // stops a running command while the other thread ends
     receiptThread_.Cancel(0, true);
     thread_.Cancel(0, true);
 }
@@ -130,6 +130,7 @@ unsigned int Delivery::Collect(KelContainer* arguments) {
     if (!file) return Refuse(arguments, file.Error().message);
     const KelString device = arguments->GetString(kValueSourceDevice);
     arguments->Clear();
+    // The master is the top of the tree: files of all types stay here.
     if (!CollectedFiles::IsToBeCollected(file->key.type)) return kKelAnswerStaysHere;
     const KelLock lock(mutexCopy_);
     const auto isNew = collected_.Put(device, *file);

@@ -14,6 +14,8 @@ constexpr int kMaxReceiptFailures = 10;
 
 }  // namespace
 
+/// Copies a file to the inbox on the caller's thread, so that the file store knows at once whether it
+/// succeeded. Commands are left to the thread for jobs: they may take minutes.
 unsigned int Delivery::Deliver(const ReceivedFile& file) {
     const KelString destination = inbox_.PathOf(file);
     const bool hasCommand = commands_.Has(file.key.type);
@@ -29,7 +31,7 @@ unsigned int Delivery::Deliver(const ReceivedFile& file) {
             file, destination, std::max<std::int64_t>(0, FileGetSize64(file.sourcePath)), std::time(nullptr));
         if (const KelStatus copied = inbox_.Put(file); !copied) {
             LogCopyFailure(copied.Error().message);
-            thread_.Signal(0);
+            thread_.Signal(0);  // retries the copy even if the file store does not hand the file over again
             return kKelAnswerTryLater;
         }
         copyFailure_.clear();
@@ -85,6 +87,7 @@ Delivery::JobOutcome Delivery::WorkOnJob(const DeliveryJob& job) {
         Conclude(job, DeliveryOutcome::Delivered);
         return JobOutcome::Done;
     }
+    // The command must not run for a content other than the one that its receipt will name.
     if (!inbox_.Holds(job.file)) {
         Log().Error("%S does not run for %S, which was changed or removed\n", commands_.ProgramOf(type),
                     job.destination);

@@ -90,6 +90,7 @@ bool Inbox::Examine(DeliveredFile& file) {
             return true;
         }
     }
+    // Two callers may hash the same file at the same time, which costs less than a lock held while reading.
     if (!FileMd5(file.path, file.key.checksum)) return false;
     const KelLock lock(mutex_);
     known_[file.path] = {file.size, changeTime, file.key.checksum};

@@ -82,6 +82,8 @@ void JobQueue::LoadJob(const KelString& fileName) {
         return;
     }
     job->id = *number;
+    // Names are read in the order of the ids: of two open jobs for a destination, which a crash can leave,
+    // the newer one stays.
     if (job->outcome == DeliveryOutcome::Open) {
         DropOpenJobFor(job->file, job->destination);
         open_[job->destination] = job->id;
@@ -159,7 +161,7 @@ void JobQueue::Remove(std::uint64_t id) {
     const KelLock lock(mutex_);
     const auto job = jobs_.find(id);
     if (job == jobs_.end()) return;
-    Close(job->second, DeliveryOutcome::Delivered, {});
+    Close(job->second, DeliveryOutcome::Delivered, {});  // only to free its destination
     jobs_.erase(job);
     FileDelete(PathOf(id));
 }

@@ -189,7 +189,7 @@ ProgramResult RunProgram(const Program& program) {
     if (const int error = SpawnSettings(writeEnd.Get()).Spawn(program, pid); error != 0) {
         return {ProgramResult::End::NotStarted, error};
     }
-    writeEnd.Reset();
+    writeEnd.Reset();  // the program's end of the pipe is now the only one, so reading it comes to an end
     LineReader reader(std::move(readEnd), program.output);
     return ProgramWatch(program, pid).WaitFor(reader);
 }

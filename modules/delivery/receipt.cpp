@@ -62,7 +62,7 @@ bool ReceiptSender::Send(const DeliveryJob& job) {
     KelContainer offer = OfferOf(job, guid, path);
     const unsigned int code = CallLocal("FileStoreReceiveFile", offer);
     if (code != kKelOk) {
-        FileDelete(path);
+        FileDelete(path);  // the next try writes it again
         return Fail(KelFormat("The file store did not take a receipt, error %u; see its log", code));
     }
     problem_.clear();

@@ -65,6 +65,7 @@ KelResult<KelString> LoadOrMakeGuid(const KelString& path, const KelDebug& log) 
         const KelString guid = Trim(*text);
         if (IsGuid(guid)) return guid;
     }
+    // Kept aside rather than overwritten, so that the old GUID can be restored by hand.
     const KelString aside = path + ".damaged";
     if (!FileRename(path, aside)) {
         return KelError{kKelErrorBadInput,

@@ -37,7 +37,7 @@ bool Identity::Initialise() {
         Log().Error("The folder %S cannot be created; check its rights\n", DataPath());
         return false;
     }
-    DirDeleteTempFiles(DataPath());
+    DirDeleteTempFiles(DataPath());  // left by a process that was killed while it wrote the GUID
     guidPath_ = DataPath() + "/guid";
     report_.SetFolder(DataPath() + "/Outgoing");
     const auto guid = LoadOrMakeGuid(guidPath_, Log());
@@ -85,11 +85,12 @@ void Identity::LogOnce(const KelString& problem) {
 
 void Identity::CheckAddress() {
     const auto values = ReadValues();
+    // An interface that is down for a moment, or an ini file that is being edited, must not lose the address.
     if (!values || values->ipAddress.empty()) {
         LogOnce(values ? KelString("No network interface has an IPv4 address") : values.Error().message);
         return;
     }
-    LogOnce({});
+    LogOnce({});  // the next problem is logged again, even if it is the same
     KelString oldAddress;
     {
         const KelLock lock(mutex_);
@@ -153,6 +154,8 @@ unsigned int Identity::GetValues(KelContainer* arguments) {
     return kKelOk;
 }
 
+/// The new GUID goes to the disk first: if the agent used it and then stopped before it was written, the
+/// device would come back under its old one.
 bool Identity::AdoptScheme(const KelString& parentGuid, KelString& oldGuid, KelString& newGuid) {
     const KelLock adoptLock(mutexAdopt_);
     {
@@ -177,7 +180,7 @@ bool Identity::AdoptScheme(const KelString& parentGuid, KelString& oldGuid, KelS
 unsigned int Identity::ValidateGuidScheme(KelContainer* arguments) {
     arguments->Clear();
     KelContainer relay;
-    if (CallLocal("RelayGetValues", relay) != kKelOk) return kKelOk;
+    if (CallLocal("RelayGetValues", relay) != kKelOk) return kKelOk;  // no relay module, so no parent
     const KelContainer& values = relay.GetContainer("Values");
     const KelString parentGuid = values.GetString("ParentGuid");
     if (parentGuid.empty()) return kKelOk;
@@ -196,6 +199,6 @@ unsigned int Identity::ValidateGuidScheme(KelContainer* arguments) {
     change.SetString("OldGUID", oldGuid);
     KelContainer results;
     CallbackDbTrigger("IdentityCallbackGUIDChange", change, results);
-    watcher_.Signal(0);
+    watcher_.Signal(0);  // the identity file is due at once
     return kKelOk;
 }

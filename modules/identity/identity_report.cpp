@@ -74,6 +74,7 @@ IdentityReport::Outcome IdentityReport::SendWhenDue(const KelString& guid, const
                                                     std::int64_t now) {
     const auto relay = ValuesOf("RelayGetValues");
     const auto http = ValuesOf("HttpProtocolGetParams");
+    // Until all of these are known, the file would name a device that others cannot reach.
     const int port = http ? http->GetInt32("Port") : 0;
     if (!relay || port == 0 || values.ipAddress.empty() || !IsGuidFinal(*relay, guid))
         return Outcome::Waiting;
@@ -85,6 +86,7 @@ IdentityReport::Outcome IdentityReport::SendWhenDue(const KelString& guid, const
 }
 
 IdentityReport::Outcome IdentityReport::Send(KelContainer identity, std::int64_t now) {
+    // The time is left out of what is compared with the next identity, where it would always differ.
     KelContainer content = identity;
     content.SetInt64("Time", now);
     KelString path;

@@ -34,6 +34,7 @@ KelResult<KelString> PackageCopies::Keep(const KelContainer& arguments) const {
     if (!FileExists(source)) {
         return KelError{kKelErrorMissingContent, KelFormat("The file %S does not exist", source)};
     }
+    // Not by checksum: a relay offers its network only the latest package of a name.
     const KelString folder = root_ + "/" + key.label;
     KelString path = folder + "/" + key.name;
     if (!PathCreate(folder) || !PathCreate(workFolder_) || !FileCopy(source, path, false, workFolder_)) {

@@ -120,6 +120,7 @@ void ParentLink::Settle() {
     settled_ = true;
     KelString folder, name;
     SplitPath(settledFile_, folder, name);
+    // Its existence is what counts; the text is for people who find the file.
     if (!PathCreate(folder) ||
         !FileWriteText(settledFile_, "This device has taken over its parent's GUID scheme.\n"))
         log_.Warning("%S cannot be written: after a restart, children wait until the parent answers\n",
@@ -130,7 +131,7 @@ void ParentLink::Check() {
     ResolveParent();
     KelString guid;
     KelString problem = AskParent(guid);
-    if (CheckCancelled(false)) return;
+    if (CheckCancelled(false)) return;  // the agent stops: no further calls
     if (problem.empty()) {
         const ParentState before = GetState();
         if (before.inSync && before.guid == guid) return;

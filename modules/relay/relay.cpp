@@ -8,6 +8,7 @@
 #include "kelcore/agent.h"
 #include "kelcore/call_origin.h"
 #include "kelcore/error_codes.h"
+#include "kelcore/file_values.h"
 
 Relay::Relay()
     : KelModule("Relay", "Relay module"),
@@ -88,7 +89,7 @@ unsigned int Relay::ReceiveFile(KelContainer* arguments) {
     if (!path) return Answer(arguments, path.Error());
     Log().Print("Kept a copy of the package %S\n", *path);
     arguments->Clear();
-    arguments->SetString("FilePath", *path);
+    arguments->SetString(kValueFilePath, *path);
     return kKelOk;
 }
 

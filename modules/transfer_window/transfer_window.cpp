@@ -51,6 +51,7 @@ bool TransferWindow::Initialise() {
     const KelLock lock(mutexWindows_);
     for (const TransferDirection direction : kDirections) {
         const auto window = ReadWindow(IniPath(), direction);
+        // An unusable window is reported and ignored: it must not keep the agent from starting.
         windows_[IndexOf(direction)] = window ? *window : OptionalWindow();
         if (!window) {
             Log().Error(
@@ -125,6 +126,7 @@ unsigned int TransferWindow::StoreWindow(TransferDirection direction, const Opti
     }
     Log().Print("The transfer window of the direction %s was %s\n", WindowSection(direction),
                 window ? "set" : "removed");
+    // Without the locks: a subscriber reads the window at once.
     KelContainer results;
     CallbackDbTrigger("TransferWindowCallbackWindowChange", KelContainer(), results);
     return kKelOk;
