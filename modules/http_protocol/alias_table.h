@@ -57,7 +57,7 @@ class AliasTable {
     std::optional<AliasMatch> Find(std::string_view path) const;
 
   private:
-    mutable std::shared_mutex mutex_;
+    mutable std::shared_mutex mutex_;  ///< shared, because every request looks up its alias
     std::map<KelString, std::shared_ptr<const RootFolder>, std::less<>>
         folders_;  ///< by name without outer "/"
     std::set<KelString, std::less<>> writable_;
