@@ -125,4 +125,23 @@ TEST_F(RequestTest, PipelinedRequestsAreAnsweredInOrder) {
     EXPECT_TRUE(client.WaitForClose());
 }
 
+TEST_F(RequestTest, EmptyLinesBeforeARequestAreSkippedUpToALimit) {
+    Start();
+    WriteFile("a", "first");
+    HttpTestClient client = Connect();
+    std::string head = client.Head("GET", "/Files/a");
+    for (const char byte : "\r\n\r\n" + head)
+        ASSERT_TRUE(client.Send(std::string_view(&byte, 1)));
+    EXPECT_EQ(client.Receive().body, "first");
+    std::string lines;
+    while (lines.size() < 1000)
+        lines += "\r\n";
+    ASSERT_TRUE(client.Send(lines + client.Head("GET", "/Files/a")));
+    EXPECT_EQ(client.Receive().body, "first");
+    ASSERT_TRUE(client.Send(lines));  // the limit holds for all that come before one request
+    ASSERT_TRUE(client.Send(lines + client.Head("GET", "/Files/a")));
+    EXPECT_EQ(client.Receive().status, 400);
+    EXPECT_TRUE(client.WaitForClose());
+}
+
 }  // namespace

@@ -1,4 +1,4 @@
-#include "modules/http_protocol/agent_files.h"
+#include "modules/http_protocol/protected_files.h"
 
 #include <sys/stat.h>
 #include <filesystem>
@@ -17,6 +17,10 @@ bool IsFolderAt(const struct stat& folder, const KelString& path) {
 }
 
 }  // namespace
+
+bool IsServableName(std::string_view path) {
+    return !path.substr(path.rfind('/') + 1).starts_with(kUploadPrefix);
+}
 
 bool IsStateName(std::string_view name) {
     const KelString lower = ToLowerText(name);

@@ -1,4 +1,10 @@
+// Uploads (PUT) of the class Connection: AcceptPut decides whether one is accepted, the rest moves its body
+// to the file workers.
+
+#include <utility>
+
 #include "modules/http_protocol/connection.h"
+#include "modules/http_protocol/protected_files.h"
 #include "modules/http_protocol/request_path.h"
 
 namespace kelhttp {
@@ -8,11 +14,13 @@ constexpr std::uint64_t kChunkBytes = 1 << 20;
 
 }  // namespace
 
-void Connection::RoutePut(const RequestHead& request) {
+/// A PUT is accepted when its length is announced and its path lies beneath a writable alias. Whether the
+/// folder exists and the name is free to use is checked by PutUpload::Begin on a file worker.
+void Connection::AcceptPut(const RequestHead& request) {
     if (request.chunked || !request.contentLength) return RespondError(411);
-    // RFC 9110, section 14.5: a part must not be taken for the whole.
+    // RFC 9110, section 14.5: a part must not be mistaken for the whole.
     if (!request.Field("Content-Range").empty())
-        return RespondError(400, "Content-Range is not taken in PUT\n");
+        return RespondError(400, "Content-Range is not supported in PUT\n");
     std::optional<KelString> path = DecodeRequestPath(request.target);
     std::optional<AliasMatch> place = path ? context_.aliases.Find(*path) : std::nullopt;
     if (!place) return RespondError(404);
@@ -39,7 +47,7 @@ void Connection::RunUploadStep(Step step, void (Connection::*then)(unsigned int)
     if (!context_.files.TryPost(task)) RespondError(503);
 }
 
-/// Freeing the blocks of a large file takes the disk's time: a file worker does it.
+/// Gives up the upload. Freeing the blocks of a large file takes time, so a file worker does it.
 void Connection::DropUpload() {
     if (!upload_) return;
     WorkerPool::Task drop = [upload = std::exchange(upload_, nullptr)]() mutable { upload.reset(); };
@@ -56,11 +64,10 @@ void Connection::OnUploadBegun(unsigned int status) {
     chunkSize_ = std::min(std::max<std::uint64_t>(bodyLeft_, 1), kChunkBytes);
     chunk_ = std::make_shared_for_overwrite<char[]>(chunkSize_);
     chunkUsed_ = 0;
-    RequestHead request;
-    request.expectContinue = hasExpectation_;
-    AcceptBody(request, State::PutBody);
+    AcceptBody(State::PutBody);
 }
 
+/// Moves the body from the input to the chunk; false when more of it must be read.
 bool Connection::TakePutBody() {
     const std::size_t count =
         std::min<std::uint64_t>({bodyLeft_, input_.size(), std::uint64_t{chunkSize_ - chunkUsed_}});
@@ -69,8 +76,8 @@ bool Connection::TakePutBody() {
     chunkUsed_ += count;
     bodyLeft_ -= count;
     if (chunkUsed_ < chunkSize_ && bodyLeft_ > 0) return false;
-    // The connection may go away under the worker, so the task shares the chunk. It is used again only after
-    // the task.
+    // The task shares the chunk, because the connection may be destroyed while the worker uses it. The
+    // connection uses it again only after the task.
     const std::size_t used = chunkUsed_;
     RunUploadStep([chunk = chunk_,
                    used](PutUpload& upload) { return upload.Write(std::string_view(chunk.get(), used)); },

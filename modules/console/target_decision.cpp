@@ -1,4 +1,4 @@
-#include "modules/console/earlier_targets.h"
+#include "modules/console/target_decision.h"
 
 #include <algorithm>
 #include <utility>
@@ -8,14 +8,14 @@
 
 namespace {
 
-/// What is known of one device; the pointers are null where nothing is.
+/// What is known about one device; a pointer is null where nothing is.
 struct Known {
     const EarlierTarget* holder = nullptr;  ///< its store took this content
     bool isPending = false;
     const EarlierTarget* otherContent = nullptr;  ///< the latest that was delivered
     bool isOtherPending = false;
 
-    bool Told(const char* status) const { return holder && holder->status == status; }
+    bool HasReported(const char* status) const { return holder && holder->status == status; }
 };
 
 using KnownDevices = KelHash<KelString, Known>;
@@ -33,50 +33,52 @@ KnownDevices ByDevice(const KelVector<EarlierTarget>& earlier) {
     return known;
 }
 
-/// Of two contents that came within one second nobody knows which is there now.
-PublicationTarget SettleDelivered(const KelString& guid, const Known& known) {
+/// Receipts count in whole seconds: of two contents that came within one, either may be there now, so the
+/// file counts as replaced.
+PublicationTarget DecideDelivered(const KelString& guid, const Known& known) {
     if (known.isOtherPending) {
         return {
             guid, "failed", 0,
-            "It had this content before and takes it no second time, and another one is on its way to it; "
-            "publish the file under another label"};
+            "It had this content before, a store accepts a file only once, and another content is on its way "
+            "to it; publish the file under another label"};
     }
     if (known.otherContent && known.otherContent->time >= known.holder->time) {
-        return {guid, "failed", known.otherContent->time,
-                "It had this content before another one and takes it no second time; publish the file under "
-                "another label"};
+        return {
+            guid, "failed", known.otherContent->time,
+            "It had this content before another one, and a store accepts a file only once; publish the file "
+            "under another label"};
     }
     return {guid, "delivered", known.holder->time, "Had it already"};
 }
 
 PublicationTarget FailedBefore(const KelString& guid, const KelString& message) {
-    return {
-        guid, "failed", 0,
-        KelFormat("It failed before and is not tried again; publish the file under another label. What it "
-                  "said then: %S",
-                  message)};
+    return {guid, "failed", 0,
+            KelFormat("It failed before and is not tried again; publish the file under another label. Its "
+                      "message was: %S",
+                      message)};
 }
 
 PublicationTarget BlockedBy(const Device& holder, const KelString& guid) {
-    return {guid, "failed", 0,
-            KelFormat("The store of %S took this file before and passes it on to no further device; publish "
-                      "the file under another label, or run \"kel request\" on the device itself",
-                      holder.name)};
+    return {
+        guid, "failed", 0,
+        KelFormat("The store of %S took this file before and does not pass it on to other devices; publish "
+                  "the file under another label, or run \"kel request\" on the device itself",
+                  holder.name)};
 }
 
-class Settlement {
+class DecisionMaker {
   public:
-    Settlement(const KelVector<Device>& devices, const KelVector<EarlierTarget>& earlier)
+    DecisionMaker(const KelVector<Device>& devices, const KelVector<EarlierTarget>& earlier)
         : devices_(devices), ways_(devices), known_(ByDevice(earlier)), isTaker_(devices.size()) {}
 
-    void Settle(std::size_t target) {
+    void Add(std::size_t target) {
         KelVector<std::size_t> way;
         if (!ways_.FindWayUp(target, way)) way.clear();
-        PublicationTarget settled = Decide(devices_[target].guid, way);
-        if (settled.status == "pending") AddTakers(way);
-        settled_.targets.push_back(std::move(settled));
+        PublicationTarget decided = Decide(devices_[target].guid, way);
+        if (decided.status == "pending") AddTakers(way);
+        decision_.targets.push_back(std::move(decided));
     }
-    SettledTargets Take() && { return std::move(settled_); }
+    TargetDecision Take() && { return std::move(decision_); }
 
   private:
     const Known* Find(const KelString& guid) const {
@@ -86,10 +88,10 @@ class Settlement {
 
     PublicationTarget Decide(const KelString& guid, const KelVector<std::size_t>& way) const {
         const Known* known = Find(guid);
-        if (known && known->Told("delivered")) return SettleDelivered(guid, *known);
+        if (known && known->HasReported("delivered")) return DecideDelivered(guid, *known);
         if (known && known->isPending) return {guid, "pending", 0, {}};
-        if (known && known->Told("failed")) return FailedBefore(guid, known->holder->message);
-        // The holder that is named is the one nearest to the master.
+        if (known && known->HasReported("failed")) return FailedBefore(guid, known->holder->message);
+        // The holder nearest to the master is named: it is the first that does not pass the file on.
         const auto holder = std::find_if(way.rbegin(), way.rend(), [this](std::size_t device) {
             const Known* above = Find(devices_[device].guid);
             return above && above->holder;
@@ -102,7 +104,7 @@ class Settlement {
         for (const std::size_t device : way) {
             if (isTaker_[device]) return;
             isTaker_[device] = true;
-            settled_.takers.push_back(devices_[device].guid);
+            decision_.takers.push_back(devices_[device].guid);
         }
     }
 
@@ -110,15 +112,15 @@ class Settlement {
     const DeviceWays ways_;
     const KnownDevices known_;
     KelVector<bool> isTaker_;
-    SettledTargets settled_;
+    TargetDecision decision_;
 };
 
 }  // namespace
 
-SettledTargets SettleTargets(const KelVector<Device>& devices, const KelVector<std::size_t>& targets,
+TargetDecision DecideTargets(const KelVector<Device>& devices, const KelVector<std::size_t>& targets,
                              const KelVector<EarlierTarget>& earlier) {
-    Settlement settlement(devices, earlier);
+    DecisionMaker maker(devices, earlier);
     for (const std::size_t target : targets)
-        settlement.Settle(target);
-    return std::move(settlement).Take();
+        maker.Add(target);
+    return std::move(maker).Take();
 }
