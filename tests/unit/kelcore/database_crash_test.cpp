@@ -67,7 +67,7 @@ TEST_F(DatabaseTest, AKilledProcessLosesNoCommittedRowAndLeavesNoHalfTransaction
         EXPECT_EQ(Value("PRAGMA integrity_check"), "ok");
         committed = rows;
     }
-    EXPECT_TRUE(captured_->Take().empty());
+    EXPECT_TRUE(kept_->TakeProblems().empty());
 }
 
 /// A database of some pages, closed cleanly, that a test damages.
@@ -94,7 +94,7 @@ class DamagedDatabaseTest : public DatabaseTest {
         EXPECT_THAT(std::vector(names.begin() + 1, names.end()), Each(StartsWith("test.sqlite.damaged-")));
         EXPECT_EQ(FileExists(folder_ / names[1] + "-wal"), uncleanStop);
         EXPECT_TRUE(TempFolder::Read(folder_ / names[1]) == bytes);
-        EXPECT_THAT(captured_->Take(), ElementsAre(AllOf(HasSubstr(path_), HasSubstr(names[1]))));
+        EXPECT_THAT(kept_->TakeProblems(), ElementsAre(AllOf(HasSubstr(path_), HasSubstr(names[1]))));
         EXPECT_TRUE(Open()) << "the new database is sound";
     }
 };
@@ -115,7 +115,7 @@ TEST_F(DamagedDatabaseTest, ALeftLogAloneIsNoDamage) {
     TempFolder::Write(path_ + "-wal", KelString(5000, 'x'));
     ASSERT_TRUE(Open());
     EXPECT_EQ(Value("SELECT count(*) FROM T"), "20");
-    EXPECT_TRUE(captured_->Take().empty());
+    EXPECT_TRUE(kept_->TakeProblems().empty());
 }
 
 }  // namespace
