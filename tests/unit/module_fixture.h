@@ -56,8 +56,8 @@ inline KelContainer From(const KelContainer& arguments, const std::string& addre
 class ModuleFixture : public ::testing::Test {
   protected:
     ModuleFixture() {
-        std::filesystem::create_directories(root_ / "config");
-        std::filesystem::create_directories(root_ / "data");
+        for (const char* folder : {"config", "data"})
+            std::filesystem::create_directory(root_ / folder);
         Configure("127.0.3.1");
     }
     ~ModuleFixture() override {

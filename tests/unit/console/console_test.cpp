@@ -49,7 +49,6 @@ TEST_F(ConsoleTest, PublishCopiesTheFileIntoTheServedFolderAndOffersItToTheStore
 }
 
 TEST_F(ConsoleTest, TheSameAndADamagedCopyMayBePublishedAgain) {
-    std::filesystem::create_directories(root_ / "data/Console/Incoming");
     TempFolder::Write(root_ / "data/Console/Incoming/.kel-stale", "left by a kill");
     RunningModule<Console> module;
     for (int i = 0; i < 3; ++i) {

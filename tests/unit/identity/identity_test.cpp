@@ -13,7 +13,6 @@ class IdentityTest : public ModuleFixture {
     std::string GuidFile() { return root_ / "data/Identity/guid"; }
 
     void KeepOnDisk(const std::string& text) {
-        std::filesystem::create_directories(root_ / "data/Identity");
         TempFolder::Write(GuidFile(), text);
     }
     static void FakeParent(const Texts& values) { FakeValues("RelayGetValues ()", values); }

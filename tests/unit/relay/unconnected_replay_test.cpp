@@ -36,8 +36,7 @@ class UnconnectedReplayTest : public ModuleFixture {
                        "SourceDevice=" + kGuid});
     }
     void Keep(const std::string& kind, const KelContainer& request) {
-        std::filesystem::create_directories(Folder(kind));
-        ASSERT_TRUE(request.SaveToFile(Folder(kind) + "/" + request.GetString("FileName")));
+        TempFolder::Write(Folder(kind) + "/" + request.GetString("FileName"), request.SaveToXML());
     }
     void KeepFile(const std::string& name, const std::string& content,
                   const std::string& kind = "inventory") {
