@@ -6,7 +6,7 @@ import time
 import unittest
 
 from case import BUILD, STOP_SECONDS, SystemTest, wait_for_part, write_files
-from tree import Tree
+from tree import AGENT_NAME, PASSWORD, Tree, free_port
 
 PACED_KILOBITS = 20_000
 
@@ -61,6 +61,38 @@ class StartTest(SystemTest):
             again = self.refused(agent.kel, "init", agent.root, "--role", "master", "--address", "127.9.9.9", "--port",
                                  20000, "--password-file", tree.password_file)
             self.assertIn("exists", again)
+
+
+class TlsTest(SystemTest):
+    def test_basic_credentials_and_ranges_over_tls(self):
+        with Tree(BUILD, []) as tree:
+            agent = tree.master
+            port, key, certificate = free_port(agent.address), tree.folder / "key.pem", tree.folder / "certificate.pem"
+            subprocess.run(["openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes",
+                            "-subj", "/CN=agent", "-addext", f"subjectAltName=IP:{agent.address}", "-keyout", key, "-out",
+                            certificate], check=True, capture_output=True)
+            for name, value in (("Port", port), ("CertificateFile", certificate), ("KeyFile", key)):
+                agent.set_ini("HttpProtocol", "Ssl", name, value)
+            agent.start()
+            agent.wait_ready()
+            path = write_files(tree.folder / "files", {"data": 3 << 20})["data"]
+            checksum = tree.publish([path], to="none")[0]["FileChecksum"]
+            server = f"{agent.address}:{port}"
+
+            def curl(password, *options, scheme="https"):
+                """Head and body of the answer, nothing when there is none."""
+                return subprocess.run(["curl", "-s", "-i", "--basic", "-u", f"{AGENT_NAME}:{password}", "--cacert", certificate,
+                                       *options, f"{scheme}://{server}/QuarnelDatabase/Packages/files/{checksum}/data"],
+                                      capture_output=True, timeout=30).stdout
+            content = path.read_bytes()
+            self.assertTrue(curl(PASSWORD).endswith(b"\r\n\r\n" + content))
+            part = curl(PASSWORD, "-r", "100000-2999999")
+            self.assertTrue(part.startswith(b"HTTP/1.1 206 ") and part.endswith(b"\r\n\r\n" + content[100000:3000000]))
+            refused = curl("wrong")
+            self.assertTrue(refused.startswith(b"HTTP/1.1 401 ") and b"WWW-Authenticate: Basic" in refused, refused)
+            self.assertEqual(curl(PASSWORD, "--tls-max", "1.1", "--ciphers", "DEFAULT@SECLEVEL=0"), b"")
+            self.assertEqual(curl(PASSWORD, scheme="http"), b"")
+            self.end(tree)
 
 
 class StopTest(SystemTest):

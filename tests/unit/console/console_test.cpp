@@ -83,15 +83,6 @@ TEST_F(ConsoleTest, UnusableRequestsAreRefusedAndPublishNothing) {
     EXPECT_FALSE(std::filesystem::exists(root_ / "data/Console/Packages"));
 }
 
-TEST_F(ConsoleTest, TheStoresRefusalIsPassedOn) {
-    RunningModule<Console> module;
-    SetStoreResult(13);
-    KelContainer request = Request(kNorth);
-    EXPECT_EQ(Call("ConsolePublish", request), 13U);
-    EXPECT_FALSE(request.Has("PublicationId"));
-    EXPECT_FALSE(Call("ConsoleListPublications").Has("Values"));
-}
-
 TEST_F(ConsoleTest, ManyThreadsMayPublishTheSameFile) {
     RunningModule<Console> module;
     std::vector<std::jthread> threads;

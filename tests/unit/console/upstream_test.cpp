@@ -209,7 +209,10 @@ TEST_F(ConsoleUpstreamTest, ADeviceThatGotAnotherContentSinceDoesNotGetTheFormer
 TEST_F(ConsoleUpstreamTest, APendingTargetIsOfferedTheFileAgainAFailedOneIsNot) {
     RunningModule<Console> module;
     SetStoreResult(13);
-    EXPECT_EQ(Call("ConsolePublish", Request("north")), 13U);
+    KelContainer refused = Request("north");
+    EXPECT_EQ(Call("ConsolePublish", refused), 13U);
+    EXPECT_FALSE(refused.Has("PublicationId"));
+    EXPECT_FALSE(Call("ConsoleListPublications").Has("Values"));
     SetStoreResult(0);
     Expect("desk", "0/0/1 of 1");  // a refused offer has left no holder above it
     label_ = "again";
