@@ -1,9 +1,11 @@
 """The agent program and the command line as an operator meets them."""
 
+import os
 import signal
 import subprocess
 import time
 import unittest
+from unittest import mock
 
 from case import BUILD, STOP_SECONDS, SystemTest, wait_for_part, write_files
 from tree import AGENT_NAME, PASSWORD, Tree, free_port
@@ -73,7 +75,12 @@ class TlsTest(SystemTest):
                             certificate], check=True, capture_output=True)
             for name, value in (("Port", port), ("CertificateFile", certificate), ("KeyFile", key)):
                 agent.set_ini("HttpProtocol", "Ssl", name, value)
-            agent.start()
+            # The system's settings forbid old versions by themselves; the agent has to refuse them without their help.
+            lax = tree.folder / "openssl.cnf"
+            lax.write_text("openssl_conf=a\n[a]\nssl_conf=b\n[b]\nsystem_default=c\n"
+                           "[c]\nMinProtocol=TLSv1\nCipherString=DEFAULT@SECLEVEL=0\n")
+            with mock.patch.dict(os.environ, OPENSSL_CONF=str(lax)):
+                agent.start()
             agent.wait_ready()
             path = write_files(tree.folder / "files", {"data": 3 << 20})["data"]
             checksum = tree.publish([path], to="none")[0]["FileChecksum"]

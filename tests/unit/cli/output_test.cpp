@@ -55,6 +55,27 @@ TEST(PublicationWatchTest, AFailureCountsOnceNoTargetIsPending) {
     }
 }
 
+TEST(PublicationWatchTest, AsksForItsOwnPublicationsAndTakesTheirCounts) {
+    const auto list = [](const KelVector<std::pair<const char*, int>>& publications) {
+        KelContainer container;
+        for (const auto& [id, delivered] : publications) {
+            KelContainer item;
+            item.SetString("PublicationId", id);
+            item.SetInt32("Delivered", delivered);
+            container.SetContainer("Values", item, KelContainer::kAbsent);
+        }
+        return container;
+    };
+    KelContainer published = list({{"a", 0}, {"b", 0}});
+    const KelContainer arguments = WatchArguments(published);
+    EXPECT_EQ(arguments.Count("PublicationId"), 2U);
+    EXPECT_EQ(arguments.GetString("PublicationId", {}, 1), "b");
+    EXPECT_TRUE(arguments.GetBool("CountsOnly"));
+    TakeCounts(list({{"b", 2}, {"a", 1}}), published);
+    EXPECT_EQ(published.GetContainer("Values", 0).GetInt32("Delivered"), 1);
+    EXPECT_EQ(published.GetContainer("Values", 1).GetInt32("Delivered"), 2);
+}
+
 TEST(PublicationWatchTest, AMasterThatAnswersSlowlyIsAskedLessOften) {
     EXPECT_EQ(WatchPause(std::chrono::milliseconds(3)), std::chrono::milliseconds(500));
     EXPECT_EQ(WatchPause(std::chrono::seconds(7)), std::chrono::seconds(7));
