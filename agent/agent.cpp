@@ -39,7 +39,7 @@ int Agent::Run() {
     if (IsOpenToOthers(ini))
         log_.Warning("%S holds the password but others can open it; chmod 600 it\n", ini);
 
-    // Cancelling first lets threads that are in a transfer come back at once.
+    // Transfers are cancelled first, so that the threads in them end at once.
     StopSignals stop([] { HttpClientCancelAll(true); }, log_);
     const bool started = Start(stop);
     if (started && !stop.IsRequested()) {
@@ -74,6 +74,7 @@ bool Agent::LoadModules() {
 
 bool Agent::RegisterModules() {
     for (LoadedModule& module : modules_) {
+        // Counted even when it fails: part of it may be registered.
         ++registered_;
         if (module.Register()) continue;
         log_.Error("Module %S could not be registered\n", module.Name());

@@ -13,7 +13,7 @@ namespace {
 KelString HostName() {
     KelContainer answer;
     if (ActionDbIsActionRegistered("IdentityGetHostname") &&
-        ActionDbInvokeContainer(nullptr, "", "IdentityGetHostname", answer, 0, -1, -1, nullptr) == kKelOk)
+        CallLocal("IdentityGetHostname", answer) == kKelOk)
         return answer.GetString("HostName");
     char name[256] = {};
     return gethostname(name, sizeof name - 1) == 0 ? name : "";

@@ -1,8 +1,13 @@
 #include "agent/agent_config.h"
 
+#include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
 #include <map>
 #include <utility>
 
@@ -22,7 +27,7 @@ constexpr int kDefaultLogFiles = 5;
 constexpr unsigned int kMaxPort = 65535;
 
 KelError Fault(const KelString& path, const KelString& text) {
-    return {1, path + ": " + text};
+    return {kKelFailure, path + ": " + text};
 }
 
 /// The values of Module1, Module2, … in the order of their numbers.
@@ -73,6 +78,7 @@ KelStatus ReadLog(const IniFile& ini, const KelString& path, AgentConfig& config
     ini.GetEntryValue("Agent", "LogLevel", level, "print");
     ini.GetEntryValue("Agent", "LogMaxBytes", bytes, kDefaultLogBytes);
     ini.GetEntryValue("Agent", "LogFiles", files, kDefaultLogFiles);
+    // A value that no name of a level gives.
     constexpr auto kUnknown = static_cast<KelDebugLevel>(-1);
     config.logLevel = ParseDebugLevel(level, kUnknown);
     if (config.logLevel == kUnknown)
@@ -154,4 +160,19 @@ KelVector<KelString> FindConfigFaults(const AgentConfig& config, const KelString
         if (auto loaded = LoadedModule::Load(modulesDir, module); !loaded)
             faults.push_back(loaded.Error().message);
     return faults;
+}
+
+KelResult<UniqueFd> LockRoot(const KelString& root) {
+    const KelString path = root + "data/agent.lock";
+    PathCreate(root + "data");
+    // O_CLOEXEC: a program that a module runs must not keep the lock after the agent.
+    UniqueFd file(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
+    if (!file) return KelError{kKelFailure, path + ": cannot be opened: " + std::strerror(errno)};
+    if (flock(file.Get(), LOCK_EX | LOCK_NB) != 0)
+        return KelError{errno == EWOULDBLOCK ? kRootLocked : kKelFailure,
+                        path + ": another agent runs on this root"};
+    const KelString pid = std::to_string(getpid()) + "\n";
+    if (ftruncate(file.Get(), 0) != 0 || write(file.Get(), pid.data(), pid.size()) < 0)
+        return KelError{kKelFailure, path + ": cannot be written: " + std::strerror(errno)};
+    return file;
 }

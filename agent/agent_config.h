@@ -5,6 +5,7 @@
 #include "kel/debug.h"
 #include "kel/result.h"
 #include "kel/types.h"
+#include "kel/unique_fd.h"
 #include "kelcore/agent.h"
 #include "kelcore/security.h"
 
@@ -34,9 +35,18 @@ struct AgentConfig {
 KelResult<AgentConfig> LoadAgentConfig(const KelString& root);
 
 /// What is wrong with the configuration beneath `root` besides what LoadAgentConfig refuses: who can read the
-/// file of the password, ports that are no numbers, modules that are missing from `modulesDir` or cannot be
-/// loaded. One line each; empty when nothing is.
+/// file of the password, entries of the modules' ini files whose name ends in "Port" and that are no port
+/// numbers, modules that are missing from `modulesDir` or cannot be loaded. One line each; empty when nothing
+/// is wrong.
 KelVector<KelString> FindConfigFaults(const AgentConfig& config, const KelString& modulesDir);
 
 /// True when group or others can read or write `path`.
 bool IsOpenToOthers(const KelString& path);
+
+/// Code of the error when another process holds the lock.
+inline constexpr unsigned int kRootLocked = 2;
+
+/// Takes the lock that allows only one agent on a root folder: the file data/agent.lock beneath `root` (ends
+/// with "/"), created with its folder when missing. flock(2) is used, so that the kernel releases the lock
+/// however the process ends. The file holds the process id, for people.
+KelResult<UniqueFd> LockRoot(const KelString& root);

@@ -6,7 +6,6 @@
 #include "agent/agent.h"
 #include "agent/agent_config.h"
 #include "agent/agent_options.h"
-#include "agent/root_lock.h"
 
 namespace {
 
@@ -44,6 +43,6 @@ int main(int count, char** arguments) {
         std::srand(std::random_device{}());
         return Run(*options);
     } catch (const std::exception& error) {
-        return Complain({1, error.what()}, kExitFailure);
+        return Complain({kKelFailure, error.what()}, kExitFailure);
     }
 }

@@ -8,11 +8,14 @@
 
 KelResult<LoadedModule> LoadedModule::Load(const KelString& modulesDir, const KelString& name) {
     const KelString path = modulesDir + name + ".so";
-    if (!FileExists(path)) return KelError{1, "module " + name + ": no file " + path + "; see --modules"};
+    if (!FileExists(path))
+        return KelError{kKelFailure, "module " + name + ": no file " + path + "; see --modules"};
     void* library = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
-    if (library == nullptr) return KelError{1, "module " + name + ": cannot be loaded: " + dlerror()};
+    if (library == nullptr)
+        return KelError{kKelFailure, "module " + name + ": cannot be loaded: " + dlerror()};
     void* entry = dlsym(library, kModuleMainSymbol);
-    if (entry == nullptr) return KelError{1, path + ": is no module, it exports no " + kModuleMainSymbol};
+    if (entry == nullptr)
+        return KelError{kKelFailure, path + ": is no module, it exports no " + kModuleMainSymbol};
     return LoadedModule(name, reinterpret_cast<KelModuleMain>(entry));
 }
 

@@ -8,9 +8,11 @@
 StopSignals::StopSignals(std::function<void()> onStop, const KelDebug& log)
     : onStop_(std::move(onStop)), log_(log) {
     sigemptyset(&signals_);
+    // SIGUSR2 is how the destructor wakes the watching thread; on its own it changes nothing.
     for (const int signal : {SIGTERM, SIGINT, SIGUSR2})
         sigaddset(&signals_, signal);
     pthread_sigmask(SIG_BLOCK, &signals_, nullptr);
+    // A connection that the peer has closed is an error of the write, not the end of the process.
     std::signal(SIGPIPE, SIG_IGN);
     watcher_ = std::thread([this] { Watch(); });
 }
@@ -51,6 +53,7 @@ void StopSignals::Watch() {
     while (!done_) {
         const auto left = deadline - Clock::now();
         if (left <= Clock::duration::zero()) {
+            // _exit, because static destructors would take away what hanging threads still use.
             log_.Error("Not stopped after %d seconds, ending without cleaning up\n", kStopSeconds);
             _exit(EXIT_FAILURE);
         }

@@ -10,10 +10,10 @@
 
 #include "kel/debug.h"
 
-/// Turns SIGTERM and SIGINT into a request to stop, and sees to it that the process ends.
+/// Turns SIGTERM and SIGINT into a request to stop, and ends the process when stopping takes too long.
 ///
-/// A thread of its own waits for the signals, so that a stop is heard whatever the main thread does. The
-/// first signal calls `onStop` on that thread and starts the countdown: when the process still lives after
+/// A thread of its own waits for the signals, so that they are noticed whatever the main thread does. The
+/// first signal calls `onStop` on that thread and starts the countdown: when the process still runs after
 /// kStopSeconds, a line goes to the log and the process exits with 1 without further cleaning up. A second
 /// signal exits with 1 at once, unless it comes within kSameStop of the first: a supervisor that signals the
 /// process and its group stops once.

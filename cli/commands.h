@@ -1,26 +1,48 @@
 #pragma once
 
+#include <cstdint>
+
 #include "cli/options.h"
+#include "kel/container.h"
 #include "kel/result.h"
+#include "kel/types.h"
 
-// The commands of the command line, each in a file of its own. They print their results to stdout and what
-// went wrong to stderr, and return an exit code of cli/options.h.
+// The commands, in families: publish_commands.cpp, transfer_commands.cpp, store_commands.cpp,
+// device_commands.cpp, steering_commands.cpp, init_command.cpp; and those of their steps that have tests of
+// their own.
 
-int RunInit(const CommonOptions& common, const InitOptions& options);
-int RunStatus(const CommonOptions& common, const StatusOptions& options);
-int RunDevices(const CommonOptions& common, const DevicesOptions& options);
-int RunPublish(const CommonOptions& common, const PublishOptions& options);
-int RunPublications(const CommonOptions& common, const PublicationsOptions& options);
-int RunSend(const CommonOptions& common, const SendOptions& options);
-int RunCollected(const CommonOptions& common, const CollectedOptions& options);
-int RunRequest(const CommonOptions& common, const RequestOptions& options);
-int RunUpload(const CommonOptions& common, const UploadOptions& options);
-int RunFiles(const CommonOptions& common, const FilesOptions& options);
-int RunFile(const CommonOptions& common, const FileOptions& options);
-int RunSettings(const CommonOptions& common, const SettingsOptions& options);
-int RunWindows(const CommonOptions& common, const WindowsOptions& options);
-int RunInbox(const CommonOptions& common, const InboxOptions& options);
-int RunCall(const CommonOptions& common, const CallOptions& options);
+/// Runs one command: prints its results to stdout and what went wrong to stderr. An exit code of
+/// cli/options.h.
+int RunCommand(const CommonOptions& common, const InitOptions& options);
+int RunCommand(const CommonOptions& common, const StatusOptions& options);
+int RunCommand(const CommonOptions& common, const DevicesOptions& options);
+int RunCommand(const CommonOptions& common, const PublishOptions& options);
+int RunCommand(const CommonOptions& common, const PublicationsOptions& options);
+int RunCommand(const CommonOptions& common, const SendOptions& options);
+int RunCommand(const CommonOptions& common, const CollectedOptions& options);
+int RunCommand(const CommonOptions& common, const RequestOptions& options);
+int RunCommand(const CommonOptions& common, const UploadOptions& options);
+int RunCommand(const CommonOptions& common, const FilesOptions& options);
+int RunCommand(const CommonOptions& common, const FileOptions& options);
+int RunCommand(const CommonOptions& common, const SettingsOptions& options);
+int RunCommand(const CommonOptions& common, const WindowsOptions& options);
+int RunCommand(const CommonOptions& common, const InboxOptions& options);
+int RunCommand(const CommonOptions& common, const CallOptions& options);
 
-/// Prints the error's text; kExitFailed.
-int Complain(const KelError& error);
+/// A device's place in the tree that `devices` prints.
+struct DeviceRow {
+    std::uint32_t index;  ///< among the containers under "Values"
+    std::uint32_t depth;  ///< 0: its parent is not among them
+};
+
+/// The devices under "Values" in `answer` (each with GUID and Parent), parents before their children and
+/// otherwise in the order given. Every device appears once, also when parents name each other in a circle.
+KelVector<DeviceRow> OrderByParent(const KelContainer& answer);
+
+/// The rows that `file` prints: the values of a file of the store, each as a container with Name and Value
+/// under "Values". Sizes, times and the status are in readable form.
+KelContainer FileValueList(const KelContainer& file);
+
+/// Puts "name=text" or "name:=JSON", an argument of `call`, into a container; a name that is given again gets
+/// another value. An error when the text is neither or the JSON is malformed.
+KelStatus AddCallArgument(const KelString& text, KelContainer& container);

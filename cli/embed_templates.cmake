@@ -1,5 +1,5 @@
-# embed_templates(OUTPUT FILE...): writes OUTPUT, a source file that defines IniTemplates() (cli/ini_templates.h) with
-# the content of each FILE under its name without folder. Done again whenever a file changes.
+# embed_templates(OUTPUT FILE...): writes OUTPUT, a source file that defines IniTemplates() (cli/init_command.h) with
+# the content of each FILE under its name without folder. Repeated whenever one of the files changes.
 function(embed_templates output)
   set(entries "")
   foreach(path IN LISTS ARGN)
@@ -9,7 +9,7 @@ function(embed_templates output)
     string(APPEND entries "    {\"${name}\", R\"kel_ini(${content})kel_ini\"},\n")
   endforeach()
   string(CONCAT text
-    "#include \"cli/ini_templates.h\"\n\n"
+    "#include \"cli/init_command.h\"\n\n"
     "const std::map<std::string_view, std::string_view>& IniTemplates() {\n"
     "    static const std::map<std::string_view, std::string_view> templates = {\n"
     "${entries}"

@@ -5,16 +5,19 @@
 #include <cstdio>
 
 #include "cli/commands.h"
-#include "cli/ini_templates.h"
+#include "cli/output.h"
 #include "cli/remote.h"
 #include "kel/directory.h"
 #include "kel/file.h"
 #include "kel/ini_file.h"
 #include "kel/path.h"
 #include "kel/text.h"
+#include "kelcore/error_codes.h"
 
 namespace {
 
+/// The modules of a role in the order in which they are loaded. CoreUtils comes before FileStore, which
+/// unpacks archives as soon as it runs.
 KelVector<KelString> ModulesOf(const KelString& role) {
     KelVector<KelString> modules = {"Identity", "Relay", "TransferWindow", "HttpProtocol"};
     if (role == "master") modules.emplace_back("Console");
@@ -31,7 +34,7 @@ KelString ModuleLines(const KelVector<KelString>& modules) {
     return lines;
 }
 
-/// Splits "HOST:PORT"; false when it is anything else.
+/// Splits "HOST:PORT"; false when the text has another form or could not stand in an ini file.
 bool SplitParent(const KelString& text, KelString& host, KelString& port) {
     const auto colon = text.rfind(':');
     if (colon == KelString::npos || colon == 0) return false;
@@ -57,22 +60,26 @@ KelStatus WriteInis(const KelString& configDir, const KelVector<KelString>& modu
     return {};
 }
 
-/// A password that the ini form cannot hold (blanks at its ends, say) must not become another one silently.
+/// Reads the password back: an ini file cannot hold every text (blanks at its ends are lost), and a password
+/// must not silently become another one.
 KelStatus CheckPassword(const KelString& configDir, const KelString& password) {
     IniFile ini;
     KelString read;
     if (ini.Open(configDir + "Agent.ini") && ini.GetEntryValue("Agent", "HttpPassword", read, {}) &&
         read == password)
         return {};
-    return KelError{1, "this password cannot stand in an ini file; choose one without blanks at its ends"};
+    return KelError{
+        kKelErrorBadInput,
+        "this password cannot be stored in an ini file; choose one without leading or trailing blanks"};
 }
 
 KelStatus MakeRoot(const InitOptions& options, const std::map<KelString, KelString>& values) {
     const KelString root = CompletePath(options.dir);
     if (FileExists(root) || (DirExists(root) && !DirList(root).empty()))
-        return KelError{1, root + " exists already; nothing was changed"};
+        return KelError{kKelErrorBadInput, root + " already exists; nothing was changed"};
     for (const char* folder : {"/config", "/data", "/log"})
-        if (!PathCreate(root + folder)) return KelError{1, root + folder + ": cannot be made"};
+        if (!PathCreate(root + folder))
+            return KelError{kKelErrorBadInput, root + folder + ": cannot be created"};
     chmod((root + "/data").c_str(), 0700);
     const KelString configDir = root + "/config/";
     auto status = WriteInis(configDir, ModulesOf(options.role), values);
@@ -87,13 +94,15 @@ KelResult<std::map<KelString, KelString>> TemplateValues(const InitOptions& opti
                                                          const KelString& password) {
     KelString parentName;
     KelString parentPort = "0";
-    if (options.role == "master" && !options.parent.empty()) return KelError{1, "a master has no parent"};
+    if (options.role == "master" && !options.parent.empty())
+        return KelError{kKelErrorBadInput, "a master has no parent"};
     if (options.role != "master" && !SplitParent(options.parent, parentName, parentPort))
-        return KelError{1, "a " + options.role + " needs --parent HOST:PORT"};
+        return KelError{kKelErrorBadInput, "a " + options.role + " needs --parent HOST:PORT"};
     if (options.name.empty() || options.name.find_first_of(":;#= ") != KelString::npos ||
         HasControlCharacter(options.name))
-        return KelError{1, "'" + options.name + "' cannot be the agent name"};
-    if (HasControlCharacter(password)) return KelError{1, "the password holds a control character"};
+        return KelError{kKelErrorBadInput, "'" + options.name + "' is not a valid agent name"};
+    if (HasControlCharacter(password))
+        return KelError{kKelErrorBadInput, "the password contains a control character"};
     return std::map<KelString, KelString>{{"ADDRESS", options.address},
                                           {"PORT", std::to_string(options.port)},
                                           {"ROLE", options.role},
@@ -121,7 +130,7 @@ KelString FillTemplate(std::string_view text, const std::map<KelString, KelStrin
     return result;
 }
 
-int RunInit(const CommonOptions& common, const InitOptions& options) {
+int RunCommand(const CommonOptions& common, const InitOptions& options) {
     const auto password = ReadPasswordFile(options.passwordFile);
     if (!password) return Complain(password.Error());
     const auto values = TemplateValues(options, *password);
@@ -133,7 +142,7 @@ int RunInit(const CommonOptions& common, const InitOptions& options) {
     if (common.json)
         std::puts("[]");
     else
-        std::printf("Made %s. Start the agent with: kelagent --root %s\n", options.dir.c_str(),
+        std::printf("Created %s. Start the agent with: kelagent --root %s\n", options.dir.c_str(),
                     options.dir.c_str());
     return kExitDone;
 }

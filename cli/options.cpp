@@ -3,12 +3,12 @@
 #include <CLI/CLI.hpp>
 #include <limits>
 
+#include "cli/output.h"
 #include "cli/remote.h"
-#include "cli/table.h"
 
 namespace {
 
-/// What the definitions below fill in; `chosen` is set by the command that was named.
+/// Receives the values of all options; `chosen` is set by the command that was given.
 struct Parsed {
     CommonOptions common;
     InitOptions init;
@@ -49,13 +49,15 @@ void DefineCommon(CLI::App& app, CommonOptions& common) {
 void DefineInit(CLI::App& app, Parsed& parsed) {
     InitOptions& init = parsed.init;
     auto* command = app.add_subcommand("init", "Make the root folder of a new agent");
-    command->add_option("DIR", init.dir, "The folder; it must not exist or be empty")->required();
+    command->add_option("DIR", init.dir, "The folder; it must be empty or not exist yet")->required();
     command->add_option("--role", init.role, "Place in the tree")
         ->required()
         ->check(CLI::IsMember({"master", "relay", "client"}));
-    command->add_option("--address", init.address, "Own IPv4 address")->required()->check(CLI::ValidIPV4);
-    command->add_option("--port", init.port, "HTTP port; 0: any free one")->required();
-    command->add_option("--parent", init.parent, "The parent, not for a master")->type_name("HOST:PORT");
+    command->add_option("--address", init.address, "IPv4 address of this device")
+        ->required()
+        ->check(CLI::ValidIPV4);
+    command->add_option("--port", init.port, "HTTP port; 0: any free port")->required();
+    command->add_option("--parent", init.parent, "The parent; not for a master")->type_name("HOST:PORT");
     command->add_option("--password-file", init.passwordFile, "File whose first line is the tree's password")
         ->required()
         ->type_name("FILE");
@@ -113,8 +115,8 @@ void DefineUpward(CLI::App& app, Parsed& parsed) {
     auto* ask = app.add_subcommand("request", "Ask the devices above for a file");
     AddKeyOptions(*ask, request.type, request.label);
     ask->add_option("--name", request.name, "File name")->required();
-    ask->add_option("--checksum", request.checksum, "MD5 of the content; without it any content will do");
-    ask->add_option("--wait", request.waitSeconds, "Wait so long until it is delivered here")
+    ask->add_option("--checksum", request.checksum, "MD5 of the content; default: any content");
+    ask->add_option("--wait", request.waitSeconds, "Wait up to this long for the delivery")
         ->type_name("SECONDS")
         ->check(CLI::Range(0, 86400));
     ask->callback([&parsed] { parsed.chosen = parsed.request; });
@@ -124,7 +126,7 @@ void DefineSettings(CLI::App& app, Parsed& parsed) {
     auto* command = app.add_subcommand("settings", "Settings of the file store");
     command->require_subcommand(1);
     auto* get = command->add_subcommand("get", "Show settings");
-    get->add_option("NAME", parsed.settings.names, "Which ones; all when none is named");
+    get->add_option("NAME", parsed.settings.names, "Settings to show; default: all");
     auto* set = command->add_subcommand("set", "Change settings");
     set->add_option("NAME=VALUE", parsed.settings.assignments, "Names and new values")->required();
     command->callback([&parsed] { parsed.chosen = parsed.settings; });
@@ -145,10 +147,10 @@ void DefineWindows(CLI::App& app, Parsed& parsed) {
     auto* remove = set->add_flag("--remove", windows.remove, "No window: always open, no limit");
     slots->excludes(remove);
     set->add_option("--slot-type", windows.slotType,
-                    "Unit: 1 bit/s, 2 kbit/s, 3 Mbit/s, 7 per cent, 8 per thousand")
+                    "Unit: 1 bit/s, 2 kbit/s, 3 Mbit/s, 7 percent, 8 per thousand")
         ->capture_default_str()
         ->check(CLI::IsMember({1, 2, 3, 7, 8}));
-    set->add_flag("--utc", windows.utc, "Hours are of UTC, not local time");
+    set->add_flag("--utc", windows.utc, "The hours are in UTC, not local time");
     set->callback([&windows] {
         if (windows.slots.empty() && !windows.remove) throw CLI::RequiredError("--slots or --remove");
     });
@@ -177,7 +179,7 @@ void DefineQueries(CLI::App& app, Parsed& parsed) {
     files->add_flag("--upstream", parsed.files.upstream, "Those on their way to the master");
     files->callback([&parsed] { parsed.chosen = parsed.files; });
     auto* file = app.add_subcommand("file", "One file of the store, with all its values");
-    file->add_option("ID", parsed.file.id, "Its number, as 'kel files' shows it")
+    file->add_option("ID", parsed.file.id, "The number that 'kel files' shows")
         ->required()
         ->check(CLI::Range(1, std::numeric_limits<std::int32_t>::max()));
     file->add_flag("--upstream", parsed.file.upstream, "One of those on their way to the master");

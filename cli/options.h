@@ -10,7 +10,7 @@
 inline constexpr int kExitDone = 0;
 inline constexpr int kExitFailed = 1;       ///< refused or failed
 inline constexpr int kExitUsage = 2;        ///< unusable arguments
-inline constexpr int kExitUnreachable = 3;  ///< the agent does not answer
+inline constexpr int kExitUnreachable = 3;  ///< the agent did not answer
 
 /// Which agent to talk to and how to print; the same for every command.
 struct CommonOptions {
@@ -19,7 +19,7 @@ struct CommonOptions {
     KelString user;          ///< the tree's agent name and
     KelString passwordFile;  ///< a file whose first line is the tree's password
     bool json = false;
-    int timeoutSeconds = 60;  ///< for the answer of one call
+    int timeoutSeconds = 60;  ///< to wait for the answer of one call
 };
 
 struct InitOptions {
@@ -46,7 +46,7 @@ struct PublishOptions {
     int priority = 100;
     bool bypass = false;
     bool wake = false;
-    bool watch = false;  ///< go on until every target has the files
+    bool watch = false;  ///< keep running until every target has the files
 };
 
 struct PublicationsOptions {
@@ -66,7 +66,7 @@ struct RequestOptions {
     KelString label;
     KelString name;
     KelString checksum;   ///< empty: any content of this name
-    int waitSeconds = 0;  ///< for the file to lie in the inbox; 0: not at all
+    int waitSeconds = 0;  ///< for the file to arrive in the inbox; 0: do not wait
 };
 
 struct FilesOptions {
@@ -106,6 +106,6 @@ struct Options {
     CommandOptions command;
 };
 
-/// Reads the arguments. Nothing when the program has to end at once with `exitCode`: help or version were
-/// printed to stdout, or the fault to stderr.
+/// Parses the arguments. Empty when the program has to end at once with `exitCode`, because help or the
+/// version was printed to stdout or an error to stderr.
 std::optional<Options> ParseOptions(int count, const char* const* arguments, int& exitCode);

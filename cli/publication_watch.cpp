@@ -8,8 +8,9 @@
 #include <cstdio>
 #include <ctime>
 
-#include "cli/progress_bar.h"
-#include "cli/table.h"
+#include "cli/hand_over.h"
+#include "cli/output.h"
+#include "kelcore/error_codes.h"
 
 namespace {
 
@@ -18,7 +19,8 @@ constexpr std::size_t kBarWidth = 20;
 
 volatile std::sig_atomic_t g_interrupted = 0;
 
-/// While it lives, SIGINT ends the watching, not the program. One at a time.
+/// While it exists, SIGINT ends the watching instead of the program, so that the counts reached so far are
+/// still printed. One at a time.
 class InterruptGuard {
   public:
     InterruptGuard() {
@@ -35,7 +37,8 @@ class InterruptGuard {
     struct sigaction previous_ {};
 };
 
-/// What is on the screen: bars that are drawn over on a terminal, else one line for every change.
+/// The progress shown on stderr: bars that are redrawn in place on a terminal, otherwise a line for each
+/// change.
 class WatchDisplay {
   public:
     explicit WatchDisplay(std::uint32_t count) : texts_(count) {}
@@ -65,22 +68,17 @@ class WatchDisplay {
     KelVector<KelString> texts_;
 };
 
-/// The number of publications under "Values".
-std::uint32_t CountOf(const KelContainer& container) {
-    return container.Has("Values") ? container.Count("Values") : 0;
-}
-
-/// Ends early when a signal arrives.
+/// Sleeps; returns early when a signal arrives.
 void Sleep(std::chrono::nanoseconds time) {
     const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(time);
     const timespec pause{seconds.count(), (time - seconds).count()};
     nanosleep(&pause, nullptr);
 }
 
-/// The state of all together.
+/// The combined state: going while one is going, otherwise failed when one failed.
 PublicationState StateOfAll(const KelContainer& published) {
     PublicationState whole = PublicationState::Complete;
-    for (std::uint32_t i = 0; i < published.Count("Values"); ++i) {
+    for (std::uint32_t i = 0; i < ItemCount(published); ++i) {
         const PublicationState state = StateOf(published.GetContainer("Values", i));
         if (state == PublicationState::Going) return state;
         if (state == PublicationState::Failed) whole = state;
@@ -109,7 +107,7 @@ KelString WatchText(const KelContainer& publication) {
 KelContainer WatchArguments(const KelContainer& published) {
     KelContainer arguments;
     arguments.SetBool("CountsOnly", true);
-    for (std::uint32_t i = 0; i < CountOf(published); ++i)
+    for (std::uint32_t i = 0; i < ItemCount(published); ++i)
         arguments.SetString("PublicationId", published.GetContainer("Values", i).GetString("PublicationId"),
                             i);
     return arguments;
@@ -117,9 +115,9 @@ KelContainer WatchArguments(const KelContainer& published) {
 
 void TakeCounts(const KelContainer& answer, KelContainer& published) {
     KelHash<KelString, std::uint32_t> known;
-    for (std::uint32_t i = 0; i < CountOf(answer); ++i)
+    for (std::uint32_t i = 0; i < ItemCount(answer); ++i)
         known.emplace(answer.GetContainer("Values", i).GetString("PublicationId"), i);
-    for (std::uint32_t i = 0; i < CountOf(published); ++i) {
+    for (std::uint32_t i = 0; i < ItemCount(published); ++i) {
         KelContainer item = published.GetContainer("Values", i);
         const auto found = known.find(item.GetString("PublicationId"));
         if (found == known.end()) continue;
@@ -136,11 +134,11 @@ std::chrono::nanoseconds WatchPause(std::chrono::nanoseconds asked) {
 int WatchPublications(const Remote& remote, KelContainer& published) {
     if (!published.Has("Values")) return kExitDone;
     const InterruptGuard guard;
-    WatchDisplay display(published.Count("Values"));
+    WatchDisplay display(ItemCount(published));
     while (g_interrupted == 0) {
         KelContainer answer = WatchArguments(published);
         const auto begin = std::chrono::steady_clock::now();
-        if (const unsigned int result = remote.Call("ConsoleListPublications", answer); result != 0)
+        if (const unsigned int result = remote.Call("ConsoleListPublications", answer); result != kKelOk)
             return ExitCodeOf(result);
         const auto asked = std::chrono::steady_clock::now() - begin;
         TakeCounts(answer, published);
@@ -150,6 +148,6 @@ int WatchPublications(const Remote& remote, KelContainer& published) {
             return state == PublicationState::Complete ? kExitDone : kExitFailed;
         Sleep(WatchPause(asked));
     }
-    std::fputs("kel: the transfers go on; 'kel publications' shows how far they are\n", stderr);
+    std::fputs("kel: the transfers continue; 'kel publications' shows their progress\n", stderr);
     return kExitFailed;
 }

@@ -6,29 +6,29 @@
 #include "kel/container.h"
 #include "kel/types.h"
 
-/// Where a publication stands, by the counts of its targets.
+/// The state of a publication as a whole.
 enum class PublicationState { Going, Complete, Failed };
 
-/// Of a container with Targets, Delivered and Failed: going while a target is pending, then failed when one
-/// target failed.
+/// The state that follows from Targets, Delivered and Failed: going while a target is pending, then failed
+/// when at least one target failed.
 PublicationState StateOf(const KelContainer& publication);
 
 /// "name  3 of 6 delivered, 1 failed".
 KelString WatchText(const KelContainer& publication);
 
-/// The arguments of ConsoleListPublications that ask for the counts of the publications under "Values".
+/// The arguments with which ConsoleListPublications returns only the counts of the publications under
+/// "Values".
 KelContainer WatchArguments(const KelContainer& published);
 
-/// Takes Targets, Delivered, Failed and Pending over from the publications under "Values" in `answer` into
-/// those of the same PublicationId in `published`.
+/// Copies Targets, Delivered, Failed and Pending of the publications under "Values" in `answer` to those with
+/// the same PublicationId in `published`.
 void TakeCounts(const KelContainer& answer, KelContainer& published);
 
-/// How long to wait before the next question when the last one took `asked`.
+/// How long to wait before the next call when the last one took `asked`.
 std::chrono::nanoseconds WatchPause(std::chrono::nanoseconds asked);
 
-/// Shows on stderr how far the publications under "Values" in `published` (each with its PublicationId) are,
-/// as bars on a terminal, else as lines when something changed, until none is going any more or the user
-/// interrupts (SIGINT). Asks every half a second, less often a master that needs longer to answer. Puts
-/// Delivered, Failed and Pending into them. An exit code: 1 when a target failed or the user interrupted, 3
-/// when the master did not answer.
+/// Shows the progress of the publications under "Values" in `published` (each with its PublicationId) on
+/// stderr until none is going any more or the user interrupts (SIGINT), and copies the counts into them. Asks
+/// every half second, or less often when the master takes longer than that to answer. An exit code: 1 when a
+/// target failed or the user interrupted, 3 when the master did not answer.
 int WatchPublications(const Remote& remote, KelContainer& published);

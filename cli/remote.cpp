@@ -1,8 +1,9 @@
 #include "cli/remote.h"
 
+#include <algorithm>
 #include <cstdio>
 
-#include "cli/table.h"
+#include "cli/output.h"
 #include "kel/debug.h"
 #include "kel/file.h"
 #include "kel/ini_file.h"
@@ -27,9 +28,9 @@ struct Target {
 KelResult<KelString> ReadIni(IniFile& ini, const KelString& path, const KelString& section,
                              const KelString& key) {
     KelString value;
-    if (!FileExists(path) || !ini.Open(path)) return KelError{1, path + ": cannot be read"};
+    if (!FileExists(path) || !ini.Open(path)) return KelError{kKelErrorBadInput, path + ": cannot be read"};
     ini.GetEntryValue(section, key, value, {});
-    if (value.empty()) return KelError{1, path + ": " + key + " is missing"};
+    if (value.empty()) return KelError{kKelErrorBadInput, path + ": " + key + " is missing"};
     return value;
 }
 
@@ -45,10 +46,13 @@ KelResult<Target> FromRoot(const KelString& root) {
     const KelString path = root + "/config/HttpProtocol.ini";
     auto port = ReadIni(http, path, "HttpProtocol", "Port");
     if (!port) return port.Error();
-    if (*port == "0") return KelError{1, path + ": Port is 0, any free one; name the agent with --url"};
+    if (*port == "0")
+        return KelError{kKelErrorBadInput,
+                        path + ": Port is 0 (any free port); address the agent with --url instead"};
     KelString address;
     http.GetEntryValue("HttpProtocol", "Address", address, target.ownAddress);
     if (address.empty()) address = target.ownAddress;
+    // A server on all addresses is reached over loopback.
     if (address.empty() || address == kAnyAddress) address = "127.0.0.1";
     target.address = address + ":" + *port;
     return target;
@@ -62,12 +66,37 @@ KelResult<Target> FromUrl(const CommonOptions& options) {
     return Target{*address, {}, options.user, *password};
 }
 
+/// What went wrong, for a person; `message` is what the action said about it, often nothing.
+KelString ResultText(unsigned int result, const KelString& message) {
+    switch (result) {
+        case kKelErrorUnreachable:
+            return "no answer; is the agent running there?";
+        case kKelErrorCredentials:
+            return "the agent refused the credentials";
+        case kKelErrorUnknownAction:
+            return "the agent has no such action";
+        case kKelErrorBadInput:
+            return message.empty() ? "an input is missing or unusable; the agent's log names it" : message;
+        case kKelErrorNotAvailable:
+            return message.empty() ? "not available on this device" : message;
+        case kKelErrorInternal:
+            return message.empty() ? "internal error; see the agent's log" : message;
+        case kKelErrorBadAnswer:
+            return "the answer is not that of an agent; is this the right address?";
+        case kKelErrorGuidScheme:
+            return "the GUID belongs to another tree";
+        default:
+            return "the action failed with result " + std::to_string(result) +
+                   (message.empty() ? "" : ": " + message);
+    }
+}
+
 }  // namespace
 
 KelResult<KelString> AddressOfUrl(const KelString& url) {
     UrlInet parts;
     if (!UrlParseInet(url, parts) || parts.scheme != "http" || parts.host.empty())
-        return KelError{1, "'" + url + "' is no http://HOST:PORT"};
+        return KelError{kKelErrorBadInput, "'" + url + "' is not of the form http://HOST:PORT"};
     return parts.host + ":" + std::to_string(parts.port);
 }
 
@@ -75,7 +104,8 @@ KelResult<KelString> ReadPasswordFile(const KelString& path) {
     auto text = FileReadText(path, kMaxPasswordFileBytes);
     if (!text) return text.Error();
     KelString line = text->substr(0, text->find_first_of("\r\n"));
-    if (line.empty()) return KelError{1, path + ": its first line, the password, is empty"};
+    if (line.empty())
+        return KelError{kKelErrorBadInput, path + ": the first line, which holds the password, is empty"};
     return line;
 }
 
@@ -86,36 +116,18 @@ KelResult<Remote> Remote::Open(const CommonOptions& options) {
     settings.name = target->user;
     settings.httpPassword = target->password;
     settings.address = target->ownAddress;
+    // The library logs nothing: what went wrong is printed once, by Call.
     settings.debugContext = MakeDebugContext({}, 0, 0, false, KelDebugLevel::None);
     KelAgentConfigure(std::move(settings));
     return Remote(UrlForAgent(target->user, target->password, target->address), target->address,
                   options.timeoutSeconds);
 }
 
-unsigned int Remote::Call(const KelString& action, KelContainer& container, int timeoutSeconds) const {
-    const unsigned int result =
-        ActionDbInvokeContainer("kel", deviceUrl_, action, container, 0, -1,
-                                timeoutSeconds > 0 ? timeoutSeconds : timeoutSeconds_, nullptr);
+unsigned int Remote::Call(const KelString& action, KelContainer& container, int atLeastSeconds) const {
+    const unsigned int result = ActionDbInvokeContainer("kel", deviceUrl_, action, container, 0, -1,
+                                                        std::max(timeoutSeconds_, atLeastSeconds), nullptr);
     if (result == kKelOk) return result;
-    KelString text;
-    switch (result) {
-        case kKelErrorUnreachable:
-            text = "no answer; does the agent run there?";
-            break;
-        case kKelErrorCredentials:
-            text = "the agent refuses the credentials";
-            break;
-        case kKelErrorUnknownAction:
-            text = "the agent has no such action";
-            break;
-        case kKelErrorBadInput:
-            text = "missing or unusable input; the agent's log names it";
-            break;
-        default:
-            text = "result " + std::to_string(result);
-    }
-    const KelString message = container.GetString("Message");
-    if (!message.empty()) text += ": " + Printable(message);
+    const KelString text = Printable(ResultText(result, container.GetString("Message")));
     std::fprintf(stderr, "kel: %s on %s: %s\n", action.c_str(), address_.c_str(), text.c_str());
     return result;
 }
@@ -123,4 +135,14 @@ unsigned int Remote::Call(const KelString& action, KelContainer& container, int 
 int ExitCodeOf(unsigned int result) {
     if (result == kKelOk) return kExitDone;
     return result == kKelErrorUnreachable ? kExitUnreachable : kExitFailed;
+}
+
+int PrintActionList(const CommonOptions& common, const KelString& action, KelContainer arguments,
+                    const KelVector<Column>& columns) {
+    const auto remote = Remote::Open(common);
+    if (!remote) return Complain(remote.Error());
+    if (const unsigned int result = remote->Call(action, arguments); result != kKelOk)
+        return ExitCodeOf(result);
+    PrintList(arguments, common.json, columns);
+    return kExitDone;
 }

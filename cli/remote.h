@@ -1,6 +1,7 @@
 #pragma once
 
 #include "cli/options.h"
+#include "cli/output.h"
 #include "kel/container.h"
 #include "kel/result.h"
 #include "kel/types.h"
@@ -8,14 +9,15 @@
 /// The agent that the command line talks to. One thread at a time.
 class Remote {
   public:
-    /// Takes address and credentials from the options: from the ini files beneath --root, whose own address
-    /// the connection is then bound to, so that the agent takes the caller for a local one; or from --url,
-    /// --user and --password-file.
+    /// Takes address and credentials from the ini files below --root, or from --url, --user and
+    /// --password-file. With --root the connection is bound to the agent's own address, so that the agent
+    /// recognises a local caller.
     static KelResult<Remote> Open(const CommonOptions& options);
 
-    /// Calls an action; the container carries arguments in and results out. 0, or the action's code, or one
-    /// of kelcore/error_codes.h. Prints to stderr what went wrong. `timeoutSeconds` 0: as in the options.
-    unsigned int Call(const KelString& action, KelContainer& container, int timeoutSeconds = 0) const;
+    /// Calls an action; the container carries arguments in and results out. Returns 0, the action's code, or
+    /// one of kelcore/error_codes.h, and prints what went wrong to stderr. Waits for the answer as long as
+    /// --timeout says, but at least `atLeastSeconds`, for actions that take long.
+    unsigned int Call(const KelString& action, KelContainer& container, int atLeastSeconds = 0) const;
 
     /// Where the agent is, without credentials.
     const KelString& Address() const { return address_; }
@@ -29,11 +31,16 @@ class Remote {
     int timeoutSeconds_;
 };
 
-/// The "host:port" of an agent's URL "http://HOST:PORT"; an error that names an unusable one.
+/// The "host:port" of an agent's URL "http://HOST:PORT"; an error that names the URL when it has another
+/// form.
 KelResult<KelString> AddressOfUrl(const KelString& url);
 
 /// The exit code for the result of a call.
 int ExitCodeOf(unsigned int result);
 
-/// The first line of a file, as the password; an error when it is empty or the file cannot be read.
+/// Calls `action` and prints the containers under "Values" in its answer. An exit code.
+int PrintActionList(const CommonOptions& common, const KelString& action, KelContainer arguments,
+                    const KelVector<Column>& columns);
+
+/// The password: the first line of a file. An error when it is empty or the file cannot be read.
 KelResult<KelString> ReadPasswordFile(const KelString& path);

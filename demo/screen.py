@@ -1,4 +1,4 @@
-"""What the demonstration shows: progress while it runs, tables at its end."""
+"""The output of the demonstration: progress while it runs, tables at the end."""
 
 import sys
 import time
@@ -8,7 +8,7 @@ LINE_SECONDS = 2
 
 
 class Progress:
-    """A bar for each device on a terminal, else one line every two seconds."""
+    """A bar for each device on a terminal, otherwise one line every two seconds."""
 
     def __init__(self):
         self.terminal = sys.stdout.isatty()
@@ -16,7 +16,7 @@ class Progress:
         self.next_line = 0.0
 
     def show(self, shares):
-        """`shares`: agent -> how much of its part is done, 0 to 1."""
+        """`shares`: agent -> the fraction of its files that has arrived, 0 to 1."""
         if self.terminal:
             if self.drawn:
                 print(f"\x1b[{self.drawn}A", end="")
@@ -36,7 +36,7 @@ class Progress:
 
 
 class Result:
-    """What one device got, or what was collected from it."""
+    """The files that one device received, or that were collected from it."""
 
     def __init__(self, agent, expected, seconds, present, right, size):
         self.agent, self.expected, self.seconds = agent, expected, seconds
@@ -48,7 +48,7 @@ class Result:
 
 
 def print_results(title, results):
-    """The table of all devices; True when everything is there and right."""
+    """Prints the table of all devices. True when every file is present and right."""
     print(f"\n{title}\n{'DEVICE':10}{'ROLE':8}{'FILES':>6}{'BYTES':>12}{'SECONDS':>9}  CHECKSUMS")
     for result in results:
         seconds = "-" if result.seconds is None else format(result.seconds, ".1f")

@@ -1,4 +1,4 @@
-"""The demonstration's way down: the master publishes files to six devices, one relay is killed in the middle."""
+"""The first part of the demonstration: the master publishes files to six devices; one relay is killed halfway."""
 
 import os
 import random
@@ -15,7 +15,7 @@ SMALL_FILES = 50
 SMALL_BYTES = (1 << 10, 5 << 20)
 LABEL = "demo"
 FILE_TYPE = "Demo"
-RELAY_KILOBITS = 200_000  # of a relay's downloads, so that the large file takes long enough to be hit
+RELAY_KILOBITS = 200_000  # limits a relay's downloads, so that it can be killed during the large file
 KILL_AFTER_BYTES = LARGE_BYTES * 2 // 5
 LARGE_PRIORITY = 400
 ARRIVAL_SECONDS = 90
@@ -29,7 +29,7 @@ def write_random(path, size, source):
 
 
 def bytes_on(agent):
-    """Bytes of the published files that an agent holds in its store, complete or not."""
+    """Bytes of the published files in an agent's store, partial files included."""
     total = 0
     for folder, _, names in os.walk(agent.data / "FileStore" / "downstream" / FILE_TYPE):
         for name in names:
@@ -49,10 +49,10 @@ class WayDown:
     def __init__(self, tree, progress, seed):
         self.tree, self.progress = tree, progress
         self.make_files(tree.folder / "published", random.Random(seed))
-        self.offset = 0  # where the killed relay went on
+        self.offset = 0  # where the killed relay resumed the large file
 
     def make_files(self, folder, source):
-        """The files to publish, the large one first, and their digests: (label, name) -> SHA-256."""
+        """Makes the files to publish, the large one first, and their digests: (label, name) -> SHA-256."""
         folder.mkdir()
         sizes = {LARGE_NAME: LARGE_BYTES}
         sizes.update({f"small{i:02}.bin": source.randint(*SMALL_BYTES) for i in range(1, SMALL_FILES + 1)})
@@ -85,7 +85,7 @@ class WayDown:
         self.progress.show({agent: bytes_on(agent) / self.whole for agent in self.tree.devices})
 
     def kill_and_restart(self, relay):
-        """SIGKILLs the relay in the middle of the large file and starts it again."""
+        """Kills the relay (SIGKILL) in the middle of the large file and starts it again."""
         def in_the_middle():
             self.show()
             size = large_file_bytes(relay)
@@ -104,13 +104,13 @@ class WayDown:
         def resuming_line():
             self.show()
             return next((line for line in relay.log().splitlines()[lines_before:] if RESUMED.search(line)), None)
-        line = wait_until(resuming_line, 30, f"{relay.name} goes on with the large file")
+        line = wait_until(resuming_line, 30, f"{relay.name} resumes the large file")
         self.offset = int(RESUMED.search(line)[1])
         self.progress.say(f"Restarted {relay.name}; its log: {line.split('PullThread: ')[-1]}")
 
     def wait_all(self):
-        """Waits until every inbox is complete; device -> its inbox. Digests come later, so that checking does not
-        slow the transfers down."""
+        """Waits until every inbox is complete; device -> its inbox. The digests are checked later, because
+        checking would slow down the transfers."""
         complete = {}
 
         def all_complete():

@@ -1,5 +1,5 @@
-"""The demonstration's way up: the clients send inventories to the master, through one relay that packs them; and a file
-that nobody was sent is fetched by request."""
+"""The second part of the demonstration: the clients send inventories to the master, half of them through a relay that
+packs them; then two clients request a file that was published to no device."""
 
 import random
 import threading
@@ -43,7 +43,7 @@ class WayUp:
         return {folder / name: sha256_of(folder / name) for name in sizes}
 
     def run(self):
-        """What the master collected of every client."""
+        """The results of all clients: what the master collected from them."""
         count = sum(map(len, self.files.values()))
         self.progress.say(f"\nSending {count} files from {len(self.files)} clients up to the master; "
                           f"{self.packing_relay.name} packs what passes through it")
@@ -87,8 +87,8 @@ class WayUp:
 
 
 def request_file(tree, progress, seed):
-    """One file for nobody in particular: two clients of one relay ask for it, the master is asked once. True when both
-    have it and it was so."""
+    """Publishes one file to no device; two clients of one relay request it. True when both receive it and the master
+    is asked only once."""
     path = tree.folder / REQUESTED_NAME
     write_random(path, REQUESTED_BYTES, random.Random(seed))
     expected = sha256_of(path)
@@ -106,14 +106,14 @@ def request_file(tree, progress, seed):
             return False
         right = sha256_of(answer["Path"]) == expected
         asked = tree.master.log().count("Received request from ")
-        progress.say(f"  {client.name} has it after {time.monotonic() - begin:.1f} s, {'right' if right else 'WRONG'}; "
+        progress.say(f"  {client.name} received it after {time.monotonic() - begin:.1f} s, {'right' if right else 'WRONG'}; "
                      f"requests that reached the master: {asked}")
         good = good and right and asked == 1
     return good
 
 
 def check_publications(tree, progress):
-    """True when every target of every publication told the master that it has the file."""
+    """True when every target of every publication reported to the master that it has the file."""
     def all_told():
         publications = tree.master.kel("publications")
         return publications if all(item["Pending"] == 0 for item in publications) else None
@@ -124,6 +124,6 @@ def check_publications(tree, progress):
         publications = tree.master.kel("publications")
     targets = sum(item["Targets"] for item in publications)
     delivered = sum(item["Delivered"] for item in publications)
-    progress.say(f"\n{len(publications)} publications with {targets} targets; {delivered} delivered by their receipts, "
-                 f"{sum(item['Failed'] for item in publications)} failed")
+    progress.say(f"\n{len(publications)} publications with {targets} targets; {delivered} delivered according to "
+                 f"their receipts, {sum(item['Failed'] for item in publications)} failed")
     return delivered == targets

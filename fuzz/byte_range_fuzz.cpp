@@ -4,7 +4,7 @@
 #include <cstring>
 #include <string_view>
 
-#include "modules/http_protocol/byte_range.h"
+#include "modules/http_protocol/served_file.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     std::uint64_t fileSize = 0;

@@ -1,4 +1,4 @@
-// Digest Authorization fields, and the check of credentials that nobody gave.
+// Fields of digest authentication, and the check of credentials without the right password.
 #include <cstdint>
 #include <cstdlib>
 #include <string_view>

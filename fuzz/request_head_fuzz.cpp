@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <string_view>
 
+#include "modules/http_protocol/protected_files.h"
 #include "modules/http_protocol/request_head.h"
 #include "modules/http_protocol/request_path.h"
 

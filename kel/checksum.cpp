@@ -44,6 +44,7 @@ class Digest {
 bool DigestOf(int fd, const EVP_MD* method, KelString& digest) {
     Digest state(method);
     const auto buffer = std::make_unique_for_overwrite<char[]>(kReadBytes);
+    // The whole file is read once from start to end: a longer read-ahead pays.
     ::posix_fadvise(fd, 0, 0, POSIX_FADV_SEQUENTIAL);
     for (off_t offset = 0;;) {
         const ssize_t got = ::pread(fd, buffer.get(), kReadBytes, offset);
@@ -58,6 +59,7 @@ bool DigestOf(int fd, const EVP_MD* method, KelString& digest) {
 }
 
 bool DigestOf(const KelString& path, const EVP_MD* method, KelString& digest) {
+    // O_NONBLOCK: a pipe must not block the open.
     const UniqueFd fd(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
     return fd && DigestOf(fd.Get(), method, digest);
 }

@@ -8,7 +8,6 @@
 #include "kel/container_xml.h"
 #include "kel/file.h"
 #include "kel/file_content.h"
-#include "kel/system_error.h"
 #include "kel/text.h"
 
 namespace {
@@ -60,6 +59,7 @@ struct KelContainer::Content {
         const auto position = entry - entries.data();
         if (const auto found = positions.find(name); found != positions.end()) positions.erase(found);
         entries.erase(entries.begin() + position);
+        // The names behind the removed one have moved up.
         for (auto& [other, index] : positions)
             if (index > static_cast<std::size_t>(position)) --index;
     }
@@ -182,6 +182,7 @@ bool KelContainer::GetBool(std::string_view name, bool fallback, std::uint32_t i
             if (*text == "false") return false;
         }
     }
+    // Of numbers, and of texts that hold one, only 0 and 1 are bools.
     const std::int64_t number = GetInt64(name, fallback ? 1 : 0, index);
     return number == 0 || number == 1 ? number == 1 : fallback;
 }
@@ -214,6 +215,7 @@ bool KelContainer::IsContainer(std::string_view name, std::uint32_t index) const
 
 KelContainer::Type KelContainer::GetType(std::string_view name, std::uint32_t index) const {
     const Value* value = Find(name, index);
+    // The alternatives of Value stand in the order of Type, behind None.
     return value == nullptr ? Type::None : static_cast<Type>(value->index() + 1);
 }
 

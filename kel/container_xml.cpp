@@ -7,7 +7,6 @@
 #include <utility>
 
 #include "kel/base64.h"
-#include "kel/container_xml_scan.h"
 #include "kel/format.h"
 #include "kel/text.h"
 
@@ -160,6 +159,7 @@ class Reader {
         if (type == "container") {
             KelContainer inner;
             if (!Container(element, inner, depth + 1)) return false;
+            // kAbsent is beyond every index, so the value is appended to those of its name.
             container.SetContainer(name, std::move(inner), KelContainer::kAbsent);
             return true;
         }
@@ -227,10 +227,11 @@ KelResult<KelString> ContainerToLoadableXml(const KelContainer& container) {
     writer.Container(container, 1);
     writer.Text() += "</Container>";
     if (writer.Deepest() > KelContainer::kMaxDepth)
-        return KelError{1, KelFormat("A container of %gu levels cannot be saved: at most %gu are allowed",
-                                     writer.Deepest(), KelContainer::kMaxDepth)};
+        return KelError{kKelFailure,
+                        KelFormat("A container of %gu levels cannot be saved: at most %gu are allowed",
+                                  writer.Deepest(), KelContainer::kMaxDepth)};
     if (writer.Text().size() > KelContainer::kMaxXmlBytes)
-        return KelError{1,
+        return KelError{kKelFailure,
                         KelFormat("A container of %gu bytes of XML cannot be saved: at most %gu are allowed",
                                   writer.Text().size(), KelContainer::kMaxXmlBytes)};
     return std::move(writer.Text());
@@ -239,12 +240,13 @@ KelResult<KelString> ContainerToLoadableXml(const KelContainer& container) {
 KelResult<KelContainer> ContainerFromXml(std::string_view xml) {
     KelContainer container;
     if (xml.size() > KelContainer::kMaxXmlBytes)
-        return KelError{1, KelFormat("An XML text of %gu bytes is refused: at most %gu are allowed",
-                                     xml.size(), KelContainer::kMaxXmlBytes)};
+        return KelError{kKelFailure, KelFormat("An XML text of %gu bytes is refused: at most %gu are allowed",
+                                               xml.size(), KelContainer::kMaxXmlBytes)};
     if (xml.empty()) return container;
     // The innermost container's plain values are one element deeper than it.
     if (const KelStatus status = ScanXml(xml, KelContainer::kMaxDepth + 1); !status) return status.Error();
 
+    // parse_ws_pcdata_single: blanks alone are the text of a value, but not between elements.
     pugi::xml_document document;
     const pugi::xml_parse_result parsed =
         document.load_buffer(xml.data(), xml.size(),

@@ -1,4 +1,4 @@
-#include "kel/container_xml_scan.h"
+#include "kel/container_xml.h"
 
 #include <algorithm>
 #include <charconv>
@@ -68,6 +68,7 @@ class Scanner {
 
     void Reference() {
         const std::size_t end = xml_.find(';', at_);
+        // 16 characters are more than any reference takes without leading zeros.
         if (end == kEnd || end - at_ > 16 || !IsCharacterReference(xml_.substr(at_ + 1, end - at_ - 1)))
             return Fail("'&' begins no reference to a character that XML allows");
         at_ = end + 1;
@@ -92,6 +93,7 @@ class Scanner {
         while (!problem_ && at_ < xml_.size()) {
             const char c = xml_[at_];
             if (c == '>') {
+                // "<x/>" has no inside.
                 if (xml_[at_ - 1] != '/' || at_ - 1 == start) ++depth_;
                 ++at_;
                 return;
@@ -132,7 +134,8 @@ KelError XmlErrorAt(std::string_view xml, std::size_t offset, const KelString& p
     const auto line = std::count(before.begin(), before.end(), '\n') + 1;
     const std::size_t lineStart = before.rfind('\n');
     const std::size_t column = lineStart == kEnd ? before.size() + 1 : before.size() - lineStart;
-    return {1, KelFormat("The XML text is unusable at line %gd, column %gu: %S", line, column, problem)};
+    return {kKelFailure,
+            KelFormat("The XML text is unusable at line %gd, column %gu: %S", line, column, problem)};
 }
 
 KelStatus ScanXml(std::string_view xml, std::size_t maxDepth) {

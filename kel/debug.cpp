@@ -41,7 +41,7 @@ KelString LogLine(KelDebugLevel level, const KelString& module, const KelString&
     return TimeStamp() + " " + LevelName(level) + " " + module + " " + line + "\n";
 }
 
-/// One call, so that lines of several threads do not mix.
+/// One call, so that lines of different threads do not mix.
 void WriteToStderr(const KelString& line) {
     std::fwrite(line.data(), 1, line.size(), stderr);
 }
@@ -117,7 +117,7 @@ class FileContext : public KelDebugContext {
     const bool toStderr_;
     const KelDebugLevel level_;
     std::unique_ptr<spdlog::sinks::rotating_file_sink_mt> sink_;
-    std::atomic<bool> failing_ = false;  ///< said once until a line gets through again
+    std::atomic<bool> failing_ = false;  ///< reported; not again before a line gets through
 };
 
 }  // namespace
@@ -138,6 +138,7 @@ KelDebug::KelDebug(const char* module, const char* displayName)
 
 void KelDebug::SetContext(std::shared_ptr<KelDebugContext> context) {
     const std::lock_guard lock(mutex_);
+    // A context is never released before the log: a line on another thread may be in it.
     KelDebugContext* present = context.get();
     if (context && std::find(owned_.begin(), owned_.end(), context) == owned_.end())
         owned_.push_back(std::move(context));

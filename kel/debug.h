@@ -15,7 +15,7 @@ enum class KelDebugLevel { Trace, Detail, Print, Warning, Error, None };
 /// The level named "trace", "detail", "print", "warning", "error" or "none" (any case), or `fallback`.
 KelDebugLevel ParseDebugLevel(std::string_view name, KelDebugLevel fallback);
 
-/// Where log lines go: one per process, made by the agent and shared by all logs. Thread-safe.
+/// The destination of log lines: one per process, made by the agent and shared by all logs. Thread-safe.
 class KelDebugContext {
   public:
     virtual ~KelDebugContext() = default;
@@ -37,7 +37,7 @@ class KelDebug {
   public:
     KelDebug(const char* module, const char* displayName);
 
-    /// Sets (or with an empty pointer removes) the place that lines go to.
+    /// Sets the destination of lines; an empty pointer removes it.
     void SetContext(std::shared_ptr<KelDebugContext> context);
 
     const KelString& DisplayName() const { return displayName_; }
@@ -75,8 +75,8 @@ class KelDebug {
 
     KelString module_;
     KelString displayName_;
-    std::atomic<KelDebugContext*> context_ = nullptr;
-    std::mutex mutex_;  ///< guards owned_
+    std::atomic<KelDebugContext*> context_ = nullptr;  ///< read without the mutex by every line
+    std::mutex mutex_;                                 ///< guards owned_
     std::vector<std::shared_ptr<KelDebugContext>>
         owned_;  ///< every context ever set: a line in flight may still use an old one
 };

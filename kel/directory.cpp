@@ -10,6 +10,7 @@
 #include <memory>
 
 #include "kel/file.h"
+#include "kel/result.h"
 #include "kel/unique_fd.h"
 
 namespace {
@@ -22,7 +23,8 @@ struct DirCloser {
 };
 using Dir = std::unique_ptr<DIR, DirCloser>;
 
-/// Names in an open folder; false when reading fails. Takes a descriptor of its own.
+/// Names in an open folder; false when reading fails. Opens a descriptor of its own, because closedir closes
+/// the one that it works on.
 bool ReadNames(int folder, KelVector<KelString>& names) {
     UniqueFd own(::openat(folder, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!own) return false;
@@ -38,12 +40,14 @@ bool ReadNames(int folder, KelVector<KelString>& names) {
     return errno == 0;
 }
 
-/// Works on names relative to open folders, so that a folder swapped for a link meanwhile is not followed.
+/// Works on names relative to open folders, so that a folder that is replaced by a link meanwhile is not
+/// followed.
 bool DeleteContent(int folder, int depth) {
     KelVector<KelString> names;
     if (depth == kMaxDepth || !ReadNames(folder, names)) return false;
     for (const KelString& name : names) {
         if (::unlinkat(folder, name.c_str(), 0) == 0 || errno == ENOENT) continue;
+        // How unlink refuses a folder: EISDIR on Linux, EPERM in POSIX.
         if (errno != EISDIR && errno != EPERM) return false;
         const UniqueFd inner(::openat(folder, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
         if (!inner || !DeleteContent(inner.Get(), depth + 1)) return false;
@@ -123,7 +127,8 @@ KelVector<KelString> DirList(const KelString& path) {
 
 unsigned int DiskFree(const KelString& path, std::uint64_t& bytes) {
     struct statvfs status {};
-    if (::statvfs(path.c_str(), &status) != 0) return errno == ENOENT || errno == ENOTDIR ? 3 : 1;
+    if (::statvfs(path.c_str(), &status) != 0)
+        return errno == ENOENT || errno == ENOTDIR ? kKelPathNotFound : kKelFailure;
     bytes = static_cast<std::uint64_t>(status.f_bavail) * status.f_frsize;
     return 0;
 }

@@ -18,13 +18,13 @@ bool DirCopy(const KelString& source, const KelString& destination);
 /// not followed.
 bool DirDelete(const KelString& path, bool recursive);
 
-/// Removes the temporary files of kel/file.h that a kill left in `folder`, not below it; a missing folder
-/// counts as empty. True when none is left. Only while nobody makes files there.
+/// Removes the temporary files of kel/file.h that a killed process left in `folder`, not below it; a missing
+/// folder counts as empty. True when none is left. Call it only while no other thread makes files there.
 bool DirDeleteTempFiles(const KelString& folder);
 
-/// Names of the entries of a folder (no "." and ".."), sorted; empty when it cannot be read.
+/// The names of the entries of a folder without "." and "..", sorted; empty when it cannot be read.
 KelVector<KelString> DirList(const KelString& path);
 
-/// Bytes free for this process on the file system that holds `path`. 0 on success, 3 when `path` does not
-/// exist, 1 on any other failure.
+/// Bytes free for this process on the file system that holds `path`. 0 on success, kKelPathNotFound when
+/// `path` does not exist, kKelFailure on any other failure.
 unsigned int DiskFree(const KelString& path, std::uint64_t& bytes);

@@ -11,7 +11,6 @@
 #include "kel/file_content.h"
 #include "kel/format.h"
 #include "kel/path.h"
-#include "kel/system_error.h"
 
 namespace {
 
@@ -95,6 +94,7 @@ bool FileCopy(const KelString& source, const KelString& destination, bool failIf
 bool FileRename(const KelString& source, const KelString& destination, bool failIfExists) {
     // A symbolic link (ELOOP) has no content of its own to put on the disk.
     if (!Sync(source, O_NOFOLLOW) && errno != ELOOP) return false;
+    // The content is on the disk before the name: after a power cut the new name never holds less.
     if (Rename(source, destination, failIfExists)) {
         const KelString from = FolderOf(source);
         const KelString to = FolderOf(destination);
@@ -104,6 +104,7 @@ bool FileRename(const KelString& source, const KelString& destination, bool fail
 }
 
 bool FileDelete(const KelString& path) {
+    // ENOTDIR: a folder on the way is a file, so there is no such file either.
     return ::unlink(path.c_str()) == 0 || errno == ENOENT || errno == ENOTDIR;
 }
 
@@ -120,8 +121,8 @@ KelResult<KelString> FileReadText(const KelString& path, std::uint64_t maxBytes)
     KelString content;
     if (!fd || !FileReadAll(fd.Get(), maxBytes, content)) {
         if (fd && errno == EFBIG)
-            return KelError{
-                1, KelFormat("The file \"%S\" is refused: it holds more than %gu bytes", path, maxBytes)};
+            return KelError{kKelFailure, KelFormat("The file \"%S\" is refused: it holds more than %gu bytes",
+                                                   path, maxBytes)};
         return SystemError("A file cannot be read:", path);
     }
     return content;

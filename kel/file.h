@@ -11,8 +11,8 @@
 // thread. What replaces a file does so atomically and is on the disk (file and folder synced) when the call
 // returns true.
 
-/// Begins the names of the temporary files that are made here. A file of such a name is not finished; after a
-/// kill it stays, see DirDeleteTempFiles.
+/// The prefix of the names of temporary files made here. A file with such a name is unfinished; it stays when
+/// the process is killed, see DirDeleteTempFiles.
 inline constexpr std::string_view kTempFilePrefix = ".kel-";
 
 /// True when `path` exists and is no folder.
@@ -47,8 +47,8 @@ bool FileSync(const KelString& path);
 UniqueFd FileCreateTemp(const KelString& folder, KelString& path);
 
 /// Opens `relativePath` strictly beneath `root`: "..", absolute names, and symbolic links beneath the root
-/// are refused by the kernel (openat2, RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS): a name is checked, not what a
-/// link makes of it. `flags` and `mode` as for open(2); O_CLOEXEC is added. An invalid descriptor with errno
+/// are refused by the kernel (openat2, RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS), so no link can lead a checked
+/// name elsewhere. `flags` and `mode` as for open(2); O_CLOEXEC is added. An invalid descriptor with errno
 /// set on failure.
 UniqueFd FileOpenBeneath(const KelString& root, const KelString& relativePath, int flags,
                          unsigned int mode = 0644);

@@ -54,7 +54,8 @@ bool FileCopyContent(int source, int destination) {
         if (copied < 0 && errno == EINTR) continue;
         if (copied < 0 && (errno == ENOSPC || errno == EDQUOT || errno == EIO || errno == EFBIG))
             return false;
-        // Some file systems cannot, and some special ones say 0 where there is content: read on to be sure.
+        // Some file systems cannot do it, and special ones such as /proc report 0 although there is content:
+        // whatever is left is copied below.
         if (copied <= 0) break;
     }
     const auto buffer = std::make_unique<char[]>(kBufferBytes);

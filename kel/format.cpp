@@ -65,6 +65,7 @@ KelString Run(const char* format, std::span<const Argument> arguments) {
             continue;
         }
         const Specifier specifier = SpecifierAt(format);
+        // Checked format strings have an argument for each specifier; the second test only bounds the index.
         if (specifier.length == 0 || next == arguments.size()) {
             text += '%';
             continue;

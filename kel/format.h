@@ -27,7 +27,7 @@ namespace kelformat {
 
 enum class Kind : unsigned char { Literal, CString, String, QuotedString, Signed, Unsigned, Hex };
 
-/// What a specifier wants: a kind and, for numbers, the widest argument in bytes.
+/// What a specifier accepts: a kind and, for numbers, the widest argument in bytes.
 struct Specifier {
     Kind kind = Kind::Literal;
     std::size_t width = 0;

@@ -72,12 +72,13 @@ struct IniFile::Content {
 bool IniFile::Content::Load() {
     lines.clear();
     const KelResult<KelString> read = FileReadText(path, kMaxIniBytes);
-    if (!read && read.Error().code == 3) return true;
+    if (!read && read.Error().code == kKelPathNotFound) return true;
     if (!read) {
         std::fprintf(stderr, "%s\n", read.Error().message.c_str());
         return false;
     }
     std::string_view text = *read;
+    // The byte order mark that some editors write.
     if (text.starts_with("\xEF\xBB\xBF")) text.remove_prefix(3);
     if (text.ends_with('\n')) text.remove_suffix(1);
     if (text.empty()) return true;
@@ -124,6 +125,7 @@ void IniFile::Content::Set(const KelString& section, const KelString& key, const
         if (lines[i].kind == Line::Kind::Section && IsEqualTo(lines[i].name, section, false))
             lastOfSection = i;
     if (same) {
+        // Keeps the line end of a file from Windows.
         if (lines[*same].text.ends_with('\r')) entry.text += '\r';
         lines[*same] = std::move(entry);
     } else if (lastOfSection || section.empty()) {
@@ -216,21 +218,23 @@ KelVector<std::pair<KelString, KelString>> IniFile::GetEntries(const KelString& 
 }
 
 KelStatus IniFile::WriteEntryValue(const KelString& section, const KelString& key, const KelString& value) {
-    if (!content_) return KelError{1, "An ini file must be opened before a value is written to it"};
+    if (!content_) return KelError{kKelFailure, "An ini file must be opened before a value is written to it"};
     for (const KelString* text : {&section, &key, &value})
         if (HasControlCharacter(*text))
-            return KelError{
-                1, KelFormat("Control characters cannot stand in an ini file: [%S] %S", section, key)};
+            return KelError{kKelFailure, KelFormat("Control characters cannot stand in an ini file: [%S] %S",
+                                                   section, key)};
     const bool isName = !key.empty() && key == Trim(key) && key.find('=') == KelString::npos &&
                         key.find_first_of("[;#") != 0 && section.find(']') == KelString::npos &&
                         section == Trim(section);
-    if (!isName) return KelError{1, KelFormat("Not a name for an ini entry: [%S] %S", section, key)};
+    if (!isName)
+        return KelError{kKelFailure, KelFormat("Not a name for an ini entry: [%S] %S", section, key)};
 
     // What other objects wrote since Open stays.
     Content fresh;
     fresh.path = content_->path;
     if (!fresh.Load())
-        return KelError{1, KelFormat("The ini file \"%S\" cannot be read back; correct it", fresh.path)};
+        return KelError{kKelFailure,
+                        KelFormat("The ini file \"%S\" cannot be read back; correct it", fresh.path)};
     fresh.Set(section, key, value);
     struct stat status {};
     const bool exists = ::stat(fresh.path.c_str(), &status) == 0;

@@ -7,8 +7,8 @@
 #include "kel/types.h"
 
 /// An ini file: sections of key=value lines, with comment lines that begin with ";" or "#". A write changes
-/// the line of its entry and leaves every other as it is, also what other objects wrote meanwhile. Names of
-/// sections and keys are compared without regard to case; of entries with the same name the last counts.
+/// the line of its entry and leaves all others alone, including what other objects have written since. Names
+/// of sections and keys are compared without regard to case; of entries with the same name the last counts.
 /// Entries before the first section are those of section "". One thread at a time per object; writes replace
 /// the file atomically, so readers in other objects see the old or the new text.
 class IniFile {
@@ -20,7 +20,7 @@ class IniFile {
 
     /// Reads `path`. A missing file counts as empty (every value then has its default); false when it cannot
     /// be read or is malformed: over 16 MiB, or with a line that is no section, entry, comment or blank one
-    /// (said on stderr).
+    /// (reported on stderr).
     bool Open(const KelString& path);
     void Close();
 

@@ -50,6 +50,7 @@ std::optional<IpAddress> IpAddress::Parse(std::string_view text) {
 
 std::optional<IpAddress> IpAddress::Resolve(const KelString& host) {
     if (const auto address = Parse(host)) return address;
+    // The resolver would look up what stands before a zero byte.
     if (host.empty() || host.find('\0') != KelString::npos) return std::nullopt;
     addrinfo hints{};
     hints.ai_family = AF_INET;
@@ -70,6 +71,7 @@ std::optional<IpRange::Item> IpRange::ParseItem(std::string_view text) {
         const auto network = IpAddress::Parse(text.substr(0, slash));
         const auto prefix = ParseDecimal(text.substr(slash + 1), 2, 32);
         if (!network || !prefix) return std::nullopt;
+        // A shift by all 32 bits is undefined.
         const std::uint32_t hostBits = *prefix == 0 ? ~0U : ~(~0U << (32 - *prefix));
         return Item{network->Value() & ~hostBits, network->Value() | hostBits};
     }
@@ -98,7 +100,7 @@ bool IpRange::Parse(std::string_view text) {
 }
 
 void IpRange::Add(Item item) {
-    // Only what no earlier item holds is added: so every address has one place in the walk.
+    // Only what no earlier item holds is added, so that every address has one place in the walk.
     KelVector<Item> left = {item};
     for (const Item& held : items_) {
         KelVector<Item> remaining;

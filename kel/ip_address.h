@@ -43,7 +43,7 @@ class IpRange {
 
     /// Walks the addresses in the order of the text: sets `address` to the one after `address` (with `first`
     /// true to the first of all); false at the end and when `address` is not contained. An address that
-    /// several items hold comes once, where it stands first.
+    /// several items hold is visited once, at its first item.
     bool GetNextAddress(IpAddress& address, bool first) const;
 
   private:

@@ -9,7 +9,7 @@
 void SplitPath(const KelString& path, KelString& folder, KelString& name) {
     const std::size_t last = path.find_last_of("/\\");
     const std::size_t split = last == KelString::npos ? 0 : last + 1;
-    KelString behind = path.substr(split);
+    KelString behind = path.substr(split);  // first: `folder` or `name` may be `path` itself
     folder = path.substr(0, split);
     name = std::move(behind);
 }

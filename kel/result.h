@@ -5,11 +5,20 @@
 
 #include "kel/types.h"
 
+/// Codes of a KelError. A function with others of its own says so.
+inline constexpr unsigned int kKelFailure = 1;       ///< any failure that callers need not distinguish
+inline constexpr unsigned int kKelPathNotFound = 3;  ///< the path does not exist
+
 /// A failure: a code for programs (never 0) and a text for people that names the value and what to do.
 struct KelError {
-    unsigned int code = 1;
+    unsigned int code = kKelFailure;
     KelString message;
 };
+
+/// The failure that errno stands for, as "WHAT PATH: reason; what to do". The code is kKelPathNotFound when
+/// `path` does not exist, kKelFailure otherwise. `what` is the beginning of a sentence, such as "A file
+/// cannot be read:".
+KelError SystemError(const char* what, const KelString& path);
 
 /// Either a value or a KelError. Test it before taking the value.
 template <class Value>

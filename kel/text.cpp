@@ -16,6 +16,7 @@ template <class Number>
 std::optional<Number> ParseNumber(std::string_view text) {
     Number number = 0;
     const char* end = text.data() + text.size();
+    // Takes neither blanks nor "+", and checks the range.
     const auto [stop, error] = std::from_chars(text.data(), end, number);
     if (text.empty() || error != std::errc() || stop != end) return std::nullopt;
     return number;
@@ -119,4 +120,17 @@ std::size_t FindIllFormedUtf8(std::string_view text) {
         at += length;
     }
     return std::string_view::npos;
+}
+
+StringTokeniser::StringTokeniser(const KelString& text, char separator)
+    : tokens_(SplitText(text, separator)) {}
+
+bool StringTokeniser::GetNextToken(KelString& token) {
+    if (next_ == tokens_.size()) return false;
+    token = tokens_[next_++];
+    return true;
+}
+
+KelString StringTokeniser::GetToken(std::size_t index) const {
+    return index < tokens_.size() ? tokens_[index] : KelString();
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string_view>
@@ -40,3 +41,22 @@ std::size_t FindIllFormedUtf8(std::string_view text);
 inline bool IsValidUtf8(std::string_view text) {
     return FindIllFormedUtf8(text) == std::string_view::npos;
 }
+
+/// Walks the pieces of a text between separator characters, empty pieces included: a leading separator yields
+/// an empty first token. For use on one thread.
+class StringTokeniser {
+  public:
+    StringTokeniser(const KelString& text, char separator);
+
+    /// Moves the next token into `token`; false when there is none left.
+    bool GetNextToken(KelString& token);
+
+    /// The token at `index` (0 first) or an empty text when there are fewer.
+    KelString GetToken(std::size_t index) const;
+
+    std::size_t GetTokenCount() const { return tokens_.size(); }
+
+  private:
+    KelVector<KelString> tokens_;
+    std::size_t next_ = 0;
+};

@@ -26,7 +26,7 @@ KelThread::~KelThread() {
 bool KelThread::Start() {
     const std::lock_guard lock(mutex_);
     if (running_) return false;
-    // Run no longer takes the mutex once running_ is false, so this join cannot dead-lock.
+    // Run no longer takes the mutex once running_ is false, so this join cannot deadlock.
     if (thread_.joinable()) thread_.join();
     cancelled_ = signalled_ = false;
     cancelReason_ = lastSignal_ = 0;
@@ -43,7 +43,7 @@ bool KelThread::Start() {
 
 void KelThread::Run() {
     {
-        // Start holds the mutex until running_ is set.
+        // Waits for Start, which holds the mutex until running_ is set.
         const std::lock_guard lock(mutex_);
     }
     try {
@@ -74,6 +74,7 @@ void KelThread::Join() {
     std::thread ended;
     {
         std::unique_lock lock(mutex_);
+        // A thread that joined itself would wait without end.
         if (thread_.get_id() == std::this_thread::get_id()) return;
         wakeUp_.wait(lock, [this] { return !running_; });
         ended = std::move(thread_);

@@ -36,8 +36,8 @@ class KelThread {
     /// True from Start until ThreadMain returns.
     bool IsThreadRunning() const;
 
-    /// What the cancellation that counts was called with, and the latest signal's value; 0 when there was
-    /// none since Start.
+    /// The reason of the first cancellation and the value of the latest signal; 0 when there was none since
+    /// Start.
     unsigned long CancelReason() const;
     unsigned long LastSignal() const;
 
@@ -61,6 +61,7 @@ class KelThread {
     mutable std::mutex mutex_;
     mutable std::condition_variable wakeUp_;
     std::thread thread_;
+    // Guarded by mutex_, as thread_ is.
     bool running_ = false;
     bool cancelled_ = false;
     bool signalled_ = false;

@@ -8,9 +8,9 @@
 #include <mutex>
 #include <utility>
 
+#include "kel/text.h"
 #include "kelcore/action_db_remote.h"
-#include "kelcore/action_signature.h"
-#include "kelcore/core_log.h"
+#include "kelcore/agent.h"
 #include "kelcore/error_codes.h"
 
 namespace {
@@ -67,7 +67,8 @@ class ActionRegistry {
 
     void EndCall(std::shared_ptr<const Action> action) {
         const KelString handle = action->handle;
-        // A module is unloaded once its calls have ended: its handler object must be gone before the count.
+        // RemoveAll returns when the count is gone, and its caller may then destroy what the handler refers
+        // to: the handler goes first.
         action.reset();
         const std::lock_guard lock(mutex_);
         const auto found = calls_.find(handle);
@@ -77,10 +78,10 @@ class ActionRegistry {
     }
 
   private:
-    mutable std::mutex mutex_;  // guards all below; never held while a handler runs
+    mutable std::mutex mutex_;  ///< guards all below; never held while a handler runs
     std::condition_variable callEnded_;
     std::map<KelString, std::shared_ptr<const Action>> actions_;
-    KelHash<KelString, unsigned int> calls_;  // calls in progress per handle, those of replaced actions too
+    KelHash<KelString, unsigned int> calls_;  ///< in progress per handle, those of replaced actions included
 };
 
 ActionRegistry& Registry() {
@@ -100,6 +101,10 @@ unsigned int RunHandler(const Action& action, const KelString& name, KelContaine
 }
 
 }  // namespace
+
+KelString ActionNameOfSignature(const KelString& signature) {
+    return Trim(signature.substr(0, signature.find('(')));
+}
 
 void ActionDbRegisterAction(const KelString& signature, KelActionHandler handler, const char* handle) {
     const KelString name = ActionNameOfSignature(signature);
@@ -140,8 +145,7 @@ unsigned int ActionDbInvokeContainer(const char* source, const KelString& device
                                      const KelString& actionName, KelContainer& container,
                                      [[maybe_unused]] unsigned int flags, int connectTimeout, int callTimeout,
                                      IpAddress* localAddress) {
-    if (CoreLog().IsOn(KelDebugLevel::Trace))
-        CoreLog().Trace("%s calls %S.\n", source != nullptr ? source : "This device", actionName);
+    CoreLog().Trace("%s calls %S.\n", source != nullptr ? source : "This device", actionName);
     if (deviceUrl.empty()) return CallLocal(actionName, container);
     try {
         return ActionDbInvokeRemote(deviceUrl, actionName, container, connectTimeout, callTimeout,

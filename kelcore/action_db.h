@@ -13,8 +13,11 @@ using KelActionHandler = std::function<unsigned int(KelContainer*)>;
 
 // The action database of the process. All operations may be called from any thread.
 
-/// Registers an action by its signature, "Name (type name, …)"; the name before the parenthesis, without
-/// blanks, is what it is called by. The parameter list is for people. A second registration of a name
+/// The name by which the action with `signature`, "Name (type name, …)", is called: what stands before the
+/// parenthesis, without blanks around it.
+KelString ActionNameOfSignature(const KelString& signature);
+
+/// Registers an action by its signature. The parameter list is for people. A second registration of a name
 /// replaces the first. `handle` names the module (the text that its registration received).
 void ActionDbRegisterAction(const KelString& signature, KelActionHandler handler, const char* handle);
 

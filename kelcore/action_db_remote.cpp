@@ -6,7 +6,7 @@
 #include <utility>
 
 #include "kel/text.h"
-#include "kelcore/core_log.h"
+#include "kelcore/agent.h"
 #include "kelcore/error_codes.h"
 #include "kelcore/http/client.h"
 #include "kelcore/http/url.h"
@@ -36,9 +36,9 @@ unsigned int ErrorOfExchange(unsigned int exchange) {
 
 unsigned int ErrorOfStatus(unsigned int status) {
     switch (status) {
-        case 401:
+        case kHttpStatusUnauthorized:
             return kKelErrorCredentials;
-        case 404:
+        case kHttpStatusNotFound:
             return kKelErrorUnknownAction;
         default:
             return kKelErrorBadAnswer;
@@ -52,7 +52,7 @@ std::optional<unsigned int> ActionResult(const HttpMessage& answer) {
 }
 
 unsigned int TakeAnswer(const HttpMessage& answer, const KelString& callee, KelContainer& container) {
-    if (answer.GetStatus() != 200) {
+    if (answer.GetStatus() != kHttpStatusOk) {
         const unsigned int error = ErrorOfStatus(answer.GetStatus());
         CoreLog().Warning("Call of %S refused with HTTP status %u, error %u.\n", callee, answer.GetStatus(),
                           error);
@@ -98,7 +98,7 @@ unsigned int ActionDbInvokeRemote(const KelString& deviceUrl, const KelString& a
     HttpMessage answer;
     const unsigned int exchange = client.SendAndRecv(request, answer);
     if (exchange != kHttpCompleted) {
-        // Callers warn of a device that cannot be reached, with its name; the reason is known here only.
+        // Callers log a warning with the device's name; the reason is known only here.
         CoreLog().Detail("Call of %S failed: %S\n", callee, client.GetErrorText());
         return ErrorOfExchange(exchange);
     }

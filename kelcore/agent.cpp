@@ -2,8 +2,6 @@
 
 #include <utility>
 
-#include "kelcore/core_log.h"
-
 namespace {
 
 KelAgentSettings& Settings() {
@@ -35,4 +33,10 @@ const KelString& KelAgentGetAddress() {
 }
 std::shared_ptr<KelDebugContext> KelAgentGetDebugContext() {
     return Settings().debugContext;
+}
+
+KelDebug& CoreLog() {
+    // Made at its first use: other static objects may log before main.
+    static KelDebug log("KelCore", "Agent services");
+    return log;
 }

@@ -5,7 +5,7 @@
 #include "kel/debug.h"
 #include "kel/types.h"
 
-/// What the agent process tells the modules it runs. Set once, before any module is loaded.
+/// What the agent process provides to its modules. Set once, before any module is loaded.
 struct KelAgentSettings {
     KelString configDir;     ///< ends with "/"
     KelString dataDir;       ///< ends with "/"
@@ -25,3 +25,6 @@ const KelString& KelAgentGetName();
 const KelString& KelAgentGetHttpPassword();
 const KelString& KelAgentGetAddress();
 std::shared_ptr<KelDebugContext> KelAgentGetDebugContext();
+
+/// The log of the agent's services ("KelCore"); its lines go where KelAgentConfigure says. Any thread.
+KelDebug& CoreLog();

@@ -20,6 +20,13 @@ namespace {
 constexpr std::size_t kMaxEntryName = 65535;  // bytes, the format's limit
 constexpr double kProgressStep = 0.01;
 
+// How LooksLikeBomb samples a file.
+constexpr std::size_t kSampleBytes = std::size_t{64} << 10;
+constexpr std::int64_t kShrinkMatters = 1 << 20;  ///< bytes; smaller files are too small to matter
+constexpr std::size_t kSuspectRatio = 50;
+constexpr std::int64_t kSamples = 16;    ///< spread evenly from the first byte of a file to the last
+constexpr std::int64_t kOddSamples = 4;  ///< so many may hold other content
+
 bool IsEntryName(const KelString& name) {
     if (name.size() > kMaxEntryName) return false;
     const KelVector<KelString> elements = SplitText(name, '/');
@@ -32,6 +39,34 @@ KelString FolderOf(const KelString& path) {
     KelString name;
     SplitPath(path, folder, name);
     return folder.empty() ? KelString("./") : folder;
+}
+
+/// True when deflate makes a sample all but vanish.
+bool Vanishes(const KelVector<unsigned char>& sample, std::size_t bytes) {
+    uLongf packedBytes = compressBound(static_cast<uLong>(bytes));
+    KelVector<unsigned char> packed(packedBytes);
+    return compress2(packed.data(), &packedBytes, sample.data(), static_cast<uLong>(bytes), Z_BEST_SPEED) ==
+               Z_OK &&
+           packedBytes * kSuspectRatio < bytes;
+}
+
+/// True for a large file that deflate shrinks to almost nothing. Receivers refuse an archive with an entry
+/// that unpacks to a thousand times its packed size, as a decompression bomb, so such a file is stored
+/// instead. It may hold some other content anywhere, such as the header of a disk image; that is less than a
+/// twentieth of it, and few samples hit it. An ordinary file is recognised by its first few samples.
+bool LooksLikeBomb(const KelString& path) {
+    const std::int64_t size = FileGetSize64(path);
+    if (size <= kShrinkMatters) return false;
+    const UniqueFd file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!file) return false;
+    const std::int64_t step = (size - static_cast<std::int64_t>(kSampleBytes)) / (kSamples - 1);
+    KelVector<unsigned char> sample(kSampleBytes);
+    std::int64_t odd = 0;
+    for (std::int64_t i = 0; i < kSamples && odd <= kOddSamples; ++i) {
+        const ssize_t read = pread(file.Get(), sample.data(), sample.size(), i * step);
+        if (read <= 0 || !Vanishes(sample, static_cast<std::size_t>(read))) ++odd;
+    }
+    return odd <= kOddSamples;
 }
 
 KelString TextOf(int code) {
@@ -61,43 +96,6 @@ std::optional<KelVector<KelString>> ListArchiveEntries(const KelString& path) {
 void GenericArchive::Discard::operator()(zip* archive) const {
     zip_discard(archive);
 }
-
-namespace {
-
-constexpr std::size_t kSampleBytes = std::size_t{64} << 10;
-constexpr std::int64_t kShrinkMatters = 1 << 20;  ///< bytes; smaller files are no bombs to anybody
-constexpr std::size_t kSuspectRatio = 50;
-constexpr std::int64_t kSamples = 16;    ///< spread evenly from the first byte of a file to the last
-constexpr std::int64_t kOddSamples = 4;  ///< so many may hold other content
-
-bool Vanishes(const KelVector<unsigned char>& sample, std::size_t bytes) {
-    uLongf packedBytes = compressBound(static_cast<uLong>(bytes));
-    KelVector<unsigned char> packed(packedBytes);
-    return compress2(packed.data(), &packedBytes, sample.data(), static_cast<uLong>(bytes), Z_BEST_SPEED) ==
-               Z_OK &&
-           packedBytes * kSuspectRatio < bytes;
-}
-
-/// True when most of a large file is content that deflate makes vanish: receivers take an entry that unpacks
-/// to a thousand times its packed size for a trap and would refuse the archive. Other content, an image's
-/// header say, may stand anywhere in such a file, but is less than a twentieth of it: hardly a sample meets
-/// it. An ordinary file is known after its first few samples.
-bool LooksLikeBomb(const KelString& path) {
-    const std::int64_t size = FileGetSize64(path);
-    if (size <= kShrinkMatters) return false;
-    const UniqueFd file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
-    if (!file) return false;
-    const std::int64_t step = (size - static_cast<std::int64_t>(kSampleBytes)) / (kSamples - 1);
-    KelVector<unsigned char> sample(kSampleBytes);
-    std::int64_t odd = 0;
-    for (std::int64_t i = 0; i < kSamples && odd <= kOddSamples; ++i) {
-        const ssize_t read = pread(file.Get(), sample.data(), sample.size(), i * step);
-        if (read <= 0 || !Vanishes(sample, static_cast<std::size_t>(read))) ++odd;
-    }
-    return odd <= kOddSamples;
-}
-
-}  // namespace
 
 GenericArchive::GenericArchive(int kind) : kind_(kind) {}
 
@@ -198,8 +196,8 @@ unsigned int GenericArchive::WriteOut() {
         zip_register_progress_callback_with_state(
             zip_.get(), kProgressStep,
             [](zip_t*, double done, void* data) {
-                auto& told = *static_cast<State*>(data);
-                told.going = told.going && told.progress(done);
+                auto& close = *static_cast<State*>(data);
+                close.going = close.going && close.progress(done);
             },
             nullptr, &state);
         zip_register_cancel_callback_with_state(
@@ -213,7 +211,7 @@ unsigned int GenericArchive::WriteOut() {
         return Fail(code == ZIP_ER_OPEN || code == ZIP_ER_READ ? kArchiveNoFile : kArchiveNotWritten, text);
     }
     static_cast<void>(zip_.release());  // closing has freed it
-    // FileRename puts the folder's entry on the disk, the content must be there before.
+    // FileRename puts the folder's entry on the disk; the content must be there before it.
     if (!FileSync(workPath_) || !FileRename(workPath_, path_))
         return Fail(kArchiveNotWritten,
                     "cannot put the archive " + path_ + " in place: " + std::strerror(errno));

@@ -30,7 +30,7 @@ std::optional<KelVector<KelString>> ListArchiveEntries(const KelString& path);
 /// object that ends without Close leaves it so. One thread at a time.
 class GenericArchive {
   public:
-    /// Told the share that is done (0 to 1) while Close works; false stops it.
+    /// Receives the share that is done (0 to 1) while Close works; returning false stops it.
     using Progress = std::function<bool(double done)>;
 
     explicit GenericArchive(int kind);
@@ -47,9 +47,9 @@ class GenericArchive {
     bool IsOpen() const { return zip_ != nullptr; }
 
     /// Adds the file `sourcePath` as `entryName`, a relative path with "/" between its elements, deflated at
-    /// `level` (1 fast to 9 small; 0: stored). A large file that would all but vanish is stored too:
-    /// receivers take such an entry for a trap. The file is read by Close and must stay until then. The
-    /// `progress` given last is the one that Close tells.
+    /// `level` (1 fast to 9 small; 0: stored). A large file that would all but vanish is stored too, because
+    /// receivers refuse such an entry as a decompression bomb. The file is read by Close and must stay until
+    /// then. Close reports to the `progress` given last.
     unsigned int AddEntry(const KelString& entryName, const KelString& sourcePath, int level,
                           Progress progress = {});
 

@@ -3,8 +3,8 @@
 #include "kel/container.h"
 
 /// True when an action call may be trusted like one of this device: it did not come over the network, or it
-/// came from the agent's own address or the loopback address. The HTTP server sets the value that this looks
-/// at, whatever the caller sent. Any thread.
+/// came from the agent's own address or the loopback address. The HTTP server sets the value that this is
+/// read from and replaces any that the caller sent. Any thread.
 bool ActionIsFromThisDevice(const KelContainer& arguments);
 
 /// The address of the device that called over the network in dotted form; empty for a local call.

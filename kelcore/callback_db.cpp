@@ -2,16 +2,16 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <mutex>
 #include <utility>
 
+#include "kel/mutex.h"
 #include "kelcore/action_db.h"
-#include "kelcore/action_signature.h"
-#include "kelcore/core_log.h"
+#include "kelcore/agent.h"
+#include "kelcore/error_codes.h"
 
 namespace {
 
-/// From here on codes are a module's own: often an answer, such as a consumer's that it took a file.
+/// Codes from here on are a module's own, often an answer such as "I have taken this file".
 constexpr unsigned int kFirstModuleCode = 44000;
 
 struct Subscription {
@@ -29,7 +29,7 @@ using Subscriptions = KelVector<Subscription>;  // in the order of the calls
 class CallbackRegistry {
   public:
     void Add(const KelString& event, Subscription added) {
-        const std::lock_guard lock(mutex_);
+        const KelLock lock(mutex_);
         Subscriptions& list = events_[event];
         const auto same = std::find_if(list.begin(), list.end(), [&](const Subscription& one) {
             return one.Is(added.signature, added.filter);
@@ -45,7 +45,7 @@ class CallbackRegistry {
     }
 
     void Remove(const KelString& event, const KelString& signature, const KelString& filter) {
-        const std::lock_guard lock(mutex_);
+        const KelLock lock(mutex_);
         const auto found = events_.find(event);
         if (found == events_.end()) return;
         std::erase_if(found->second, [&](const Subscription& one) { return one.Is(signature, filter); });
@@ -53,14 +53,15 @@ class CallbackRegistry {
     }
 
     Subscriptions Of(const KelString& event) const {
-        const std::lock_guard lock(mutex_);
+        const KelLock lock(mutex_);
         const auto found = events_.find(event);
+        // A copy, because an action may subscribe and unsubscribe while it runs.
         return found == events_.end() ? Subscriptions() : found->second;
     }
 
   private:
-    mutable std::mutex mutex_;  // guards events_; never held while an action runs
-    KelHash<KelString, Subscriptions> events_;
+    mutable KelMutex mutex_;  ///< never held while an action runs
+    KelHash<KelString, Subscriptions> events_ KEL_GUARDED_BY(mutex_);
 };
 
 CallbackRegistry& Registry() {
@@ -87,19 +88,19 @@ unsigned int CallbackDbGetActionCount(const KelString& eventName) {
 unsigned int CallbackDbTrigger(const KelString& eventName, const KelContainer& arguments,
                                KelContainer& results) {
     KelContainer codes;
-    unsigned int firstFailure = 0;
+    unsigned int firstFailure = kKelOk;
     for (const Subscription& subscription : Registry().Of(eventName)) {
         const KelString action = ActionNameOfSignature(subscription.signature);
         KelContainer own = arguments;
         const unsigned int code = CallLocal(action, own);
         codes.SetInt32(action, static_cast<std::int32_t>(code));
-        if (code == 0) continue;
+        if (code == kKelOk) continue;
         if (code < kFirstModuleCode) {
             CoreLog().Warning("Event %S: action %S failed, error %u.\n", eventName, action, code);
         } else {
             CoreLog().Detail("Event %S: action %S answered %u.\n", eventName, action, code);
         }
-        if (firstFailure == 0) firstFailure = code;
+        if (firstFailure == kKelOk) firstFailure = code;
     }
     results = std::move(codes);
     return firstFailure;

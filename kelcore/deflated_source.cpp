@@ -12,8 +12,8 @@
 
 namespace {
 
-/// What libzip's calls act on. It asks for the sizes first, then opens, reads and closes once, and asks for
-/// the sizes again.
+/// The state behind libzip's calls. libzip asks for the sizes first, then opens, reads and closes once, and
+/// asks for the sizes again: the file is deflated at the first question and its packed form freed at the end.
 class Source {
   public:
     Source(KelString path, std::shared_ptr<Deflater> deflater)
@@ -87,7 +87,7 @@ class Source {
     std::size_t position_ = 0;
 };
 
-/// No exception may pass through the archive library.
+/// An exception must not pass through the archive library's frames.
 zip_int64_t HandleCommand(void* source, void* data, zip_uint64_t length, zip_source_cmd_t command) try {
     if (command == ZIP_SOURCE_FREE) {
         const std::unique_ptr<Source> end(static_cast<Source*>(source));

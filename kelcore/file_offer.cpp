@@ -83,6 +83,7 @@ FileOffer FileOffer::Read(const KelContainer& values) {
 
 void FileOffer::Write(KelContainer& values) const {
     key.Write(values);
+    if (key.checksum.empty()) values.Remove(kValueFileChecksum);
     VisitValues(*this, Writer(values));
 }
 

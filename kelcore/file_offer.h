@@ -8,8 +8,8 @@
 #include "kelcore/file_key.h"
 
 /// A file as it is offered, announced or handed over: the arguments of FileStoreReceiveFile and of the file
-/// store's events. Values that are not set are not written and stay unset when they are absent, so that each
-/// message holds what its kind needs and no more.
+/// store's events. Values that are not set, and an empty checksum, are not written, and absent ones stay unset:
+/// each message holds what its kind needs and no more.
 struct FileOffer {
     FileKey key;
     std::optional<std::int64_t> size;  ///< bytes

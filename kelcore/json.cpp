@@ -15,6 +15,7 @@ using Json = nlohmann::json;
 void AppendContainer(const KelContainer& container, KelString& out);
 
 void AppendText(const KelString& text, KelString& out) {
+    // Ill-formed UTF-8 becomes U+FFFD instead of an exception.
     out += Json(text).dump(-1, ' ', false, Json::error_handler_t::replace);
 }
 
@@ -140,6 +141,7 @@ class ContainerBuilder : public nlohmann::json_sax<Json> {
 
     bool PlaceInteger(std::int64_t value) {
         return Place([&](Level& level) {
+            // JSON has one kind of integer; the narrowest type converts to all others.
             const auto narrow = static_cast<std::int32_t>(value);
             if (narrow == value) {
                 level.container.SetInt32(level.name, narrow, level.index);
@@ -164,10 +166,10 @@ KelString ContainerToJson(const KelContainer& container) {
 
 KelStatus ContainerFromJson(std::string_view json, KelContainer& container) {
     container.Clear();
-    if (json.size() > KelContainer::kMaxXmlBytes) return KelError{1, "JSON: the text is too long"};
+    if (json.size() > KelContainer::kMaxXmlBytes) return KelError{kKelFailure, "JSON: the text is too long"};
     if (json.find_first_not_of(" \t\r\n") == std::string_view::npos) return {};
     ContainerBuilder builder;
-    if (!Json::sax_parse(json, &builder)) return KelError{1, "JSON: " + builder.Problem()};
+    if (!Json::sax_parse(json, &builder)) return KelError{kKelFailure, "JSON: " + builder.Problem()};
     container = builder.TakeRoot();
     return {};
 }

@@ -39,6 +39,7 @@ unsigned int KelModule::RunOperation(KelModuleOperation operation, char* buffer)
     switch (operation) {
         case KelModuleOperation::Register:
             if (buffer == nullptr) return kModuleFailure;
+            // The first operation after the agent was configured.
             log_.SetContext(KelAgentGetDebugContext());
             Register(buffer);
             return kModuleSuccess;

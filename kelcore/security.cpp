@@ -1,6 +1,15 @@
 #include "kelcore/security.h"
 
+#include <pacparser.h>
+
+#include <cstdarg>
+#include <cstdio>
+#include <string_view>
 #include <utility>
+
+#include "kel/mutex.h"
+#include "kel/text.h"
+#include "kelcore/agent.h"
 
 namespace {
 
@@ -12,6 +21,78 @@ struct Switches {
 Switches& TheSwitches() {
     static Switches switches;
     return switches;
+}
+
+/// Guards the script engine, which exists once per process.
+KelMutex engineMutex;
+
+int LogEngineError(const char* format, va_list arguments) {
+    char text[512];
+    const int length = std::vsnprintf(text, sizeof text, format, arguments);
+    const KelString trimmed = Trim(text);
+    if (!trimmed.empty()) CoreLog().Warning("Proxy script: %S\n", trimmed);
+    return length;
+}
+
+/// The engine with a script loaded, for one question.
+class Engine {
+  public:
+    explicit Engine(const KelString& script) KEL_REQUIRES(engineMutex) {
+        static const bool addressSet = SetOwnAddress();
+        static_cast<void>(addressSet);
+        pacparser_set_error_printer(&LogEngineError);
+        started_ = pacparser_init() != 0;
+        loaded_ = started_ && pacparser_parse_pac_string(script.c_str()) != 0;
+    }
+    ~Engine() {
+        if (started_) pacparser_cleanup();
+    }
+    Engine(const Engine&) = delete;
+    Engine& operator=(const Engine&) = delete;
+
+    bool IsLoaded() const { return loaded_; }
+
+    bool Ask(const KelString& url, const KelString& host, KelString& answer) KEL_REQUIRES(engineMutex) {
+        const char* text = pacparser_find_proxy(url.c_str(), host.c_str());
+        if (text == nullptr) return false;
+        answer = text;  // the engine owns the text
+        return true;
+    }
+
+  private:
+    // The answer of myIpAddress(). The engine never frees an address that it was given, so it is set once.
+    static bool SetOwnAddress() {
+        if (KelAgentGetAddress().empty()) return false;
+        pacparser_setmyip(KelAgentGetAddress().c_str());
+        return true;
+    }
+
+    bool started_ = false;
+    bool loaded_ = false;
+};
+
+/// The engine puts both texts between apostrophes in a script.
+bool IsHarmless(std::string_view text) {
+    return text.find('\'') == std::string_view::npos && text.find('\\') == std::string_view::npos &&
+           !HasControlCharacter(text);
+}
+
+/// Picks from an answer such as "SOCKS a:1; PROXY b:2; DIRECT" the first item that the HTTP client can use.
+bool PickProxy(const KelString& answer, KelString& proxy) {
+    for (const KelString& piece : SplitText(answer, ';')) {
+        const KelString item = Trim(piece);
+        if (IsEqualTo(item, "DIRECT", false)) {
+            proxy.clear();
+            return true;
+        }
+        const std::size_t blank = item.find_first_of(" \t");
+        if (blank == KelString::npos) continue;
+        const std::string_view kind = std::string_view(item).substr(0, blank);
+        if (!IsEqualTo(kind, "PROXY", false) && !IsEqualTo(kind, "HTTP", false)) continue;
+        proxy = Trim(std::string_view(item).substr(blank));
+        return true;
+    }
+    return false;
 }
 
 }  // namespace
@@ -31,4 +112,28 @@ bool AgentSecurityPacForceSecCli() {
 }
 AgentSecurityPacContext AgentSecurityPacShrCtxAcquire() {
     return TheSwitches().pac;
+}
+
+KelString AgentSecurityPacFindProxy(const AgentSecurityPacSettings& settings, const KelString& url,
+                                    const KelString& host) {
+    const KelString safeUrl = ReplaceAll(ReplaceAll(url, "'", "%27"), "\\", "%5C");
+    if (!IsHarmless(safeUrl) || !IsHarmless(host)) {
+        CoreLog().Warning("Proxy script: not asked for host %S, which holds an unsafe character.\n", host);
+        return {};
+    }
+    KelString answer;
+    {
+        const KelLock lock(engineMutex);
+        Engine engine(settings.script);
+        if (!engine.IsLoaded() || !engine.Ask(safeUrl, host, answer)) {
+            CoreLog().Error("Proxy script: no answer for host %S, connecting directly; check PacScript.\n",
+                            host);
+            return {};
+        }
+    }
+    KelString proxy;
+    if (!PickProxy(answer, proxy))
+        CoreLog().Warning("Proxy script: no usable proxy in \"%S\" for host %S, connecting directly.\n",
+                          answer, host);
+    return proxy;
 }

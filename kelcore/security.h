@@ -23,7 +23,7 @@ using AgentSecurityPacContext = std::shared_ptr<const AgentSecurityPacSettings>;
 /// other thread runs.
 void AgentSecurityConfigure(AgentSecuritySslContext ssl, AgentSecurityPacContext pac);
 
-// Queries, from any thread.
+// Queries, from any thread. HttpClient::EnableAgentSecurity applies all of them to a client.
 bool AgentSecuritySslForceSecCli();  ///< outgoing connections must use TLS
 AgentSecuritySslContext AgentSecuritySslCliCtxAcquire();
 bool AgentSecurityPacForceSecCli();  ///< outgoing connections ask the PAC script for their proxy

@@ -1,7 +1,7 @@
-// Cost of one step of the notify, pull, push and handler threads beside a growing database:
+// Cost of one step of the notify, pull, push and handler threads as the database grows:
 //   filestore_rows_bench [ROWS...]      default: 10000 100000 1000000
-// Prints the median elapsed and processor time of a step in milliseconds. The database lies in the folder for
-// temporary files (TMPDIR).
+// Prints the median elapsed and processor time of a step in milliseconds. The database is created in the
+// folder for temporary files (TMPDIR).
 
 #include <algorithm>
 #include <array>
@@ -35,7 +35,7 @@ constexpr const char* kHandle = "Bench";
 constexpr unsigned int kTargetsPerFile = 100;
 constexpr int kSteps = 7;
 
-/// Rows of the benchmark as statements that SQLite runs by itself.
+/// Statements that make the rows of the benchmark inside SQLite.
 void Fill(const KelString& statement, unsigned long rows) {
     if (FileStore::pDbConnectionDownstream->Query(
             KelFormat("WITH RECURSIVE n(i) AS (SELECT 0 UNION ALL SELECT i + 1 FROM n WHERE i < %lu) ",
@@ -58,7 +58,7 @@ void FillFiles(unsigned long rows, const char* status, std::int64_t changed) {
          rows);
 }
 
-/// `device`: SQL of the DeviceGUID.
+/// `device`: the SQL expression of the DeviceGUID.
 void FillTargets(unsigned long rows, const char* device, std::int64_t notified) {
     FileStore::pDbConnectionDownstream->Query("DELETE FROM Targets");
     Fill(KelFormat("INSERT INTO Targets (TargetId, FileId, DeviceGUID, DevicePath, TargetCreateTime, "
@@ -131,7 +131,7 @@ void MeasureDownload(unsigned long rows) {
             [] { Expect(FileStore::threadPull.DownloadFile() == 0, "a row was due"); });
 }
 
-/// Rows of the upstream database without content in the store.
+/// Rows of the upstream database that have no content in the store.
 void FillUpstream(unsigned long rows, const char* status, std::int64_t changed) {
     DBConnection& connection = *FileStore::pDbConnectionUpstream;
     connection.Query("DELETE FROM Files");
@@ -190,7 +190,7 @@ void MeasureUpstream(unsigned long rows) {
         fs::create_directories(fs::path(path).parent_path());
         std::ofstream(path) << "x";
     }
-    Measure("hand over 50 files, nobody wants them", rows,
+    Measure("hand over 50 files, no module wants them", rows,
             [] { Expect(FileStore::threadHandler.HandleFile(Side::Upstream), "nothing to handle"); });
     FillUpstream(rows, filestore::kStatusAvailable, 1);
     Measure("look for files to hand over, none", rows,
@@ -202,7 +202,7 @@ void SetUp(const KelString& root) {
     fs::create_directories(root + "/data");
     fs::copy_file(KEL_SOURCE_DIR "/filestore/FileStore.ini", root + "/config/FileStore.ini");
     KelAgentConfigure({root + "/config/", root + "/data/", "bench", "bench", "", nullptr});
-    // A parent out of sync: a download that is found ends at the point where its server would be asked.
+    // The parent is out of sync, so a download ends where its server would be called.
     ActionDbRegisterAction(
         "RelayGetValues ()", [](KelContainer*) { return 0U; }, kHandle);
     ActionDbRegisterAction(
@@ -227,7 +227,7 @@ int main(int argc, char** argv) {
     if (sizes.empty()) sizes = {10000, 100000, 1000000};
     KelString root = (fs::temp_directory_path() / "filestore-bench-XXXXXX").string();
     if (mkdtemp(root.data()) == nullptr) return 1;
-    // The warnings of the provoked failures are not what is measured.
+    // Writing the warnings of the provoked failures is not to be measured.
     std::freopen("/dev/null", "w", stderr);
     SetUp(root);
     for (const unsigned long rows : sizes) {

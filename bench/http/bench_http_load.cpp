@@ -1,10 +1,10 @@
 // A load generator: keep-alive connections on one thread, each with one request at a time; bodies are
-// thrown away. Prints "requests seconds bytes".
+// discarded. Prints "requests seconds bytes".
 //
 //   bench_http_load PORT digest|basic CONNECTIONS REQUESTS METHOD TARGET [COUNT]
 //
 // With COUNT, "%d" in TARGET is replaced by 0 … COUNT-1 in turn. METHOD "IDLE" opens the connections with one
-// request each and holds them until its input ends.
+// request each and holds them until standard input ends.
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -37,7 +37,7 @@ constexpr const char* kPassword = "bench-password";
     std::exit(1);
 }
 
-/// A SHA-256 digest begun with a text that many digests share.
+/// SHA-256 digests of texts with a common beginning, which is hashed only once.
 class Digester {
   public:
     explicit Digester(const std::string& begin) {
@@ -91,7 +91,7 @@ class Requests {
             FetchNonce(port);
         else
             basic_ = Base64Encode(std::string(kUser) + ":" + kPassword);
-        // As any client that asks for a name again, it keeps what depends on the name only.
+        // What depends only on the name is computed once, as in any client that asks for a name repeatedly.
         const std::size_t mark = target.find("%d");
         for (int i = 0; i < (mark == std::string::npos ? 1 : names); ++i) {
             std::string path = target;
@@ -140,7 +140,7 @@ class Requests {
 
     struct Target {
         std::string digest;  ///< of method and path
-        std::string head;    ///< of the request, as far as it is the same each time
+        std::string head;    ///< the part of the request that is always the same
     };
 
     bool digest_;
@@ -153,14 +153,15 @@ class Requests {
 struct Connection {
     int fd = -1;
     std::string head;
-    long long bodyLeft = -1;  ///< -1: in the head
+    long long bodyLeft = -1;  ///< bytes; -1: the head is not complete yet
 };
 
-/// Reads what is there; true when an answer is complete.
+/// Reads what has arrived; true when an answer is complete.
 bool ReadAnswer(Connection& connection, long long& bytes) {
     static std::vector<char> buffer(64 << 10);
     if (connection.bodyLeft > 0) {
-        // MSG_TRUNC: the bytes are dropped without a copy, so that the server is what is measured.
+        // MSG_TRUNC: the bytes are dropped without a copy, so that the server's speed is measured and not
+        // ours.
         const ssize_t count =
             ::recv(connection.fd, nullptr, std::min<long long>(connection.bodyLeft, 4 << 20), MSG_TRUNC);
         if (count <= 0) Die("connection lost in a body");

@@ -1,5 +1,5 @@
 // Runs the HTTP module alone on a free loopback port: bench_http_server ROOT FILES. ROOT receives a config
-// folder, FILES is published as "/Files". Prints the port, then serves until its input ends.
+// folder, FILES is published as "/Files". Prints the port, then serves until standard input ends.
 
 #include <cstdio>
 #include <filesystem>

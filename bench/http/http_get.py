@@ -1,8 +1,8 @@
 #!/usr/bin/env python3
-"""Downloads beside nginx: http_get.py BIN [--rounds N] [--folder DIR]
+"""Downloads compared with nginx: http_get.py BIN [--rounds N] [--folder DIR]
 
-BIN is the folder of bench_http_server and bench_http_load. Rounds of both servers are interleaved; medians
-and the ratio ours/nginx are printed. Ours checks a SHA-256 digest in every request, nginx basic credentials.
+BIN is the folder of bench_http_server and bench_http_load. Rounds of both servers are interleaved; the script
+prints medians and the ratio ours/nginx. Ours checks a SHA-256 digest in every request, nginx basic credentials.
 """
 import argparse
 import os
@@ -37,9 +37,9 @@ def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("binaries", type=lambda text: pathlib.Path(text).resolve())
     parser.add_argument("--rounds", type=int, default=5)
-    parser.add_argument("--requests", type=int, default=40000, help="small files a round")
+    parser.add_argument("--requests", type=int, default=40000, help="small files per round")
     parser.add_argument("--only-small", action="store_true")
-    parser.add_argument("--folder", default=None, help="where the test files are made")
+    parser.add_argument("--folder", default=None, help="folder in which the test files are created")
     options = parser.parse_args()
     binaries = options.binaries
     with tempfile.TemporaryDirectory(dir=options.folder) as folder:

@@ -1,13 +1,13 @@
 #!/usr/bin/env python3
-"""Uploads beside nginx WebDAV: http_put.py BIN [--rounds N] [--folder DIR] [--mib SIZE]
+"""Uploads compared with nginx WebDAV: http_put.py BIN [--rounds N] [--folder DIR] [--mib SIZE]
 
-BIN is the folder of bench_http_server. nginx runs as it comes, and with a body buffer as large as ours. curl sends one
-file to each server in turn, ours with digest, nginx with basic credentials. A round ends when the stored file is on
-the disk: ours syncs before it answers, for nginx a sync(1) of the file is counted in. Medians and the ratio to the
-faster nginx are printed.
+BIN is the folder of bench_http_server. nginx runs twice: with its default settings, and with a body buffer as large as
+ours. curl sends one file to each server in turn, to ours with digest credentials, to nginx with basic ones. A round
+ends when the stored file is on the disk: our server syncs before it answers; for nginx a sync(1) of the file is
+included in the time. The script prints medians and the ratio to the faster nginx.
 
-Free memory is filled with cached file pages before each upload. A virtual machine may have given it back to its host;
-its first touch is then slower than the disk, and how much of that a server meets would be chance.
+Before each upload, free memory is filled with cached file pages. A virtual machine may have returned free memory to its
+host; the first access to such a page is slower than the disk, and how many of them a server hits would be chance.
 """
 import argparse
 import filecmp
@@ -28,11 +28,11 @@ def meminfo_mib(field):
 
 
 class Filler:
-    """A file without blocks that is read, round and round, to fill the page cache."""
+    """A sparse file that is read over and over to fill the page cache."""
 
     def __init__(self, path):
         self.file = open(path, "wb+", buffering=0)
-        self.file.truncate(meminfo_mib("MemTotal") << 21)  # twice the memory: what is read next is not cached
+        self.file.truncate(meminfo_mib("MemTotal") << 21)  # twice the memory: never all cached
         self.buffer = bytearray(1 << 20)
 
     def fill(self):
@@ -42,7 +42,7 @@ class Filler:
 
 
 def put(peer, ours, source, stored, filler):
-    """MB/s of an upload that replaces nothing. The sync(1) before it keeps write-back of others out of it."""
+    """MB/s of an upload that replaces nothing. The sync before it keeps earlier write-back out of the measurement."""
     stored.unlink(missing_ok=True)
     os.sync()
     filler.fill()
@@ -62,7 +62,7 @@ def main():
     parser.add_argument("binaries", type=lambda text: pathlib.Path(text).resolve())
     parser.add_argument("--rounds", type=int, default=5)
     parser.add_argument("--mib", type=int, default=1024)
-    parser.add_argument("--folder", default=None, help="where the test files are made: a disk, not tmpfs")
+    parser.add_argument("--folder", default=None, help="folder in which the test files are created; on a disk, not tmpfs")
     options = parser.parse_args()
     with tempfile.TemporaryDirectory(dir=options.folder) as folder:
         root = pathlib.Path(folder)
@@ -78,7 +78,7 @@ def main():
         servers = {"ours": ours, "nginx, 16k buffer": Nginx(root / "nginx", files, DAV),
                    "nginx, 1m buffer": Nginx(root / "nginx2", files, DAV + "client_body_buffer_size 1m;")}
         try:
-            for server in servers.values():  # a first upload, not counted
+            for server in servers.values():  # a warm-up that is not counted
                 put(server, ours, source, files / "stored", filler)
             compare(f"PUT {options.mib} MiB", options.rounds, servers,
                     lambda peer: put(peer, ours, source, files / "stored", filler), "MB/s to the disk")

@@ -1,4 +1,4 @@
-"""The servers that are compared, and how they are measured."""
+"""The servers that are compared, and how to measure them."""
 import os
 import pathlib
 import re
@@ -84,7 +84,7 @@ class Ours:
 
 
 def cpu_seconds(pid):
-    """User and system time of a process and its children, from /proc."""
+    """User and system time of a process and its children in seconds, from /proc."""
     total = 0
     for name in os.listdir("/proc"):
         if not name.isdigit():
@@ -99,8 +99,8 @@ def cpu_seconds(pid):
 
 
 def compare(title, rounds, peers, measure, unit):
-    """Interleaved rounds of measure(peer), every other one backwards; larger is better. "ours" is set against the
-    fastest whose name begins with "nginx" and holds no "cache"."""
+    """Calls measure(peer) in interleaved rounds, every other one in reverse order; a larger result is better. "ours" is
+    compared with the fastest peer whose name begins with "nginx" and does not contain "cache"."""
     results = {name: [] for name in peers}
     cpu = {name: 0.0 for name in peers}
     for turn in range(rounds):

@@ -3,8 +3,8 @@
 #include "kel/directory.h"
 #include "kelcore/archive.h"
 
-/// bench_pack FOLDER ARCHIVE: packs the files of a folder as the push thread packs upstream files. For
-/// packing.py.
+/// bench_pack FOLDER ARCHIVE: packs the files of a folder in the way in which the push thread packs upstream
+/// files. Used by packing.py.
 int main(int count, char** arguments) {
     if (count != 3) {
         std::fprintf(stderr, "usage: bench_pack FOLDER ARCHIVE\n");

@@ -1,10 +1,11 @@
 #!/usr/bin/env python3
-"""Many small files upstream beside curl to nginx: many_files.py BIN [--files N]
+"""Many small files upstream, compared with curl to nginx: many_files.py BIN [--files N]
 
-Real agents: a relay hands N files of 4 KiB to its store (kel send) while its transfer window is closed; then the window
-opens and they travel to the master, whose delivery module collects them; once singly, once packed. Files per second of
-both steps, everything synced at each step. Beside it curl uploads the same files to nginx (WebDAV, 8 connections),
-which syncs nothing, followed by a sync of its folder.
+Real agents: a relay hands N files of 4 KiB over to its store (kel send) while its transfer window is closed; then the
+window opens and they travel to the master, whose delivery module collects them. This is done once with single files and
+once with packed ones. The script prints the files per second of both steps; everything is synced at each step. For
+comparison, curl uploads the same files to nginx (WebDAV, 8 connections), which does not sync; a sync of its folder
+follows.
 """
 import argparse
 import os
@@ -21,7 +22,7 @@ from peers import Nginx  # noqa: E402
 from tree import Tree, wait_until  # noqa: E402
 
 FILE_BYTES = 4096
-BATCH = 2000  # files a command
+BATCH = 2000  # files per command
 WAIT_SECONDS = 1800
 
 

@@ -1,8 +1,9 @@
 #!/usr/bin/env python3
-"""Packing beside zip: packing.py BIN [--rounds N] [--files N] [--kib SIZE]
+"""Packing compared with zip: packing.py BIN [--rounds N] [--files N] [--kib SIZE]
 
-Packs the same files at level 6 with bench_pack (BIN is its folder) and with `zip -6`, in turn. Both archives end on the
-disk: ours syncs by itself, for zip a sync(1) of the archive is counted in. Medians and the ratio zip/ours are printed.
+Packs the same files at level 6 with bench_pack (BIN is its folder) and with `zip -6`, in turn. Both archives end up
+on the disk: bench_pack syncs its archive; for zip a sync(1) of the archive is included in the time. The script prints
+medians and the ratio of the speeds, ours to zip.
 """
 import argparse
 import os
@@ -18,7 +19,7 @@ WORDS = [bytes(random.Random(i).choices(b"abcdefghijklmnopqrstuvwxyz<>=\"/", k=3
 
 
 def make_files(folder, count, size):
-    """Text like that of inventories: words that repeat, which deflate takes to about a third."""
+    """Text like that of inventories: repeated words, which deflate compresses to about a third."""
     source = random.Random(1)
     for number in range(count):
         text = b" ".join(source.choices(WORDS, k=size // 6))[:size]

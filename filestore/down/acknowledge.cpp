@@ -12,7 +12,7 @@
 #include "filestore/state/device.h"
 #include "filestore/state/file_store.h"
 #include "filestore/state/parent.h"
-#include "kel/tokeniser.h"
+#include "kel/text.h"
 #include "kelcore/action_db.h"
 #include "kelcore/error_codes.h"
 #include "kelcore/file_values.h"

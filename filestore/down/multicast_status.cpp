@@ -1,7 +1,7 @@
 #include "filestore/db/files_table.h"
 #include "filestore/db/multicast_table.h"
 #include "filestore/state/file_store.h"
-#include "kel/tokeniser.h"
+#include "kel/text.h"
 #include "kelcore/error_codes.h"
 #include "kelcore/file_values.h"
 

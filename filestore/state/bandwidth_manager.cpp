@@ -6,7 +6,7 @@
 #include <optional>
 
 #include "filestore/state/file_store.h"
-#include "kel/tokeniser.h"
+#include "kel/text.h"
 #include "kelcore/action_db.h"
 #include "kelcore/error_codes.h"
 

@@ -6,7 +6,6 @@
 #include "kel/container.h"
 #include "kel/format.h"
 #include "kel/text.h"
-#include "kel/tokeniser.h"
 #include "kelcore/action_db.h"
 #include "kelcore/error_codes.h"
 #include "kelcore/net/socket.h"

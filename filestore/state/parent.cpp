@@ -3,7 +3,7 @@
 #include "filestore/state/file_store.h"
 #include "kel/container.h"
 #include "kel/format.h"
-#include "kel/tokeniser.h"
+#include "kel/text.h"
 #include "kelcore/action_db.h"
 #include "kelcore/agent.h"
 #include "kelcore/error_codes.h"

@@ -31,52 +31,55 @@ bool DBConnection::Check(const KelStatus& status, const KelString& statement) co
     return static_cast<bool>(status);
 }
 
-std::shared_ptr<const DBResult> DBConnection::Query(const KelString& statement) {
-    std::unique_lock lock(handle_->mutex);
-    KelResult<DBResult> result = handle_->database.Run(statement);
-    if (!result) {
-        lock.unlock();
-        Check(result.Error(), statement);
-        return nullptr;
-    }
+KelResult<std::shared_ptr<const DBResult>> DBConnection::Handle::Run(const KelString& statement) {
+    const KelLock lock(mutex);
+    KelResult<DBResult> result = database.Run(statement);
+    if (!result) return result.Error();
     auto rows = std::make_shared<const DBResult>(std::move(*result));
-    if (handle_->keepsLastResult) handle_->lastResult = rows;
+    if (keepsLastResult) lastResult = rows;
     return rows;
 }
 
+std::shared_ptr<const DBResult> DBConnection::Query(const KelString& statement) {
+    const auto result = handle_->Run(statement);
+    // Logged without the lock: other threads need not wait for it.
+    if (!result) Check(result.Error(), statement);
+    return result ? *result : nullptr;
+}
+
 bool DBConnection::BeginTransaction() {
-    const std::lock_guard lock(handle_->mutex);
+    const KelLock lock(handle_->mutex);
     return Check(handle_->database.Begin(), "BEGIN");
 }
 
 bool DBConnection::CommitTransaction() {
-    const std::lock_guard lock(handle_->mutex);
+    const KelLock lock(handle_->mutex);
     return Check(handle_->database.Commit(), "COMMIT");
 }
 
 bool DBConnection::RollbackTransaction() {
-    const std::lock_guard lock(handle_->mutex);
+    const KelLock lock(handle_->mutex);
     return Check(handle_->database.Rollback(), "ROLLBACK");
 }
 
 bool DBConnection::Flush() {
-    const std::lock_guard lock(handle_->mutex);
+    const KelLock lock(handle_->mutex);
     return Check(handle_->database.Checkpoint(), "checkpoint");
 }
 
 void DBConnection::DisableBackupResult() {
-    const std::lock_guard lock(handle_->mutex);
+    const KelLock lock(handle_->mutex);
     handle_->keepsLastResult = false;
     handle_->lastResult.reset();
 }
 
 std::shared_ptr<const DBResult> DBConnection::GetLastResult() const {
-    const std::lock_guard lock(handle_->mutex);
+    const KelLock lock(handle_->mutex);
     return handle_->lastResult;
 }
 
 void DBConnection::SetObserver(DBStatementObserver observer) {
-    const std::lock_guard lock(handle_->mutex);
+    const KelLock lock(handle_->mutex);
     handle_->database.SetObserver(std::move(observer));
 }
 

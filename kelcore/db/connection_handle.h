@@ -1,20 +1,23 @@
 #pragma once
 
 #include <memory>
-#include <mutex>
 #include <utility>
 
+#include "kel/mutex.h"
 #include "kelcore/db/connection.h"
-#include "kelcore/db/open_files.h"
+#include "kelcore/db/database_file.h"
 #include "kelcore/db/sqlite_database.h"
 
 struct DBConnection::Handle {
     Handle(OpenFileClaim fileClaim, SqliteDatabase openDatabase)
         : claim(std::move(fileClaim)), database(std::move(openDatabase)) {}
 
-    OpenFileClaim claim;  // given back after the database is closed
-    std::mutex mutex;     // guards all below; held while one statement runs and its rows are read
-    SqliteDatabase database;
-    bool keepsLastResult = true;
-    std::shared_ptr<const DBResult> lastResult;
+    /// Runs one statement and keeps its rows when that is wanted.
+    KelResult<std::shared_ptr<const DBResult>> Run(const KelString& statement);
+
+    OpenFileClaim claim;  ///< released after the database is closed
+    KelMutex mutex;       ///< held while one statement runs and its rows are read
+    SqliteDatabase database KEL_GUARDED_BY(mutex);
+    bool keepsLastResult KEL_GUARDED_BY(mutex) = true;
+    std::shared_ptr<const DBResult> lastResult KEL_GUARDED_BY(mutex);
 };

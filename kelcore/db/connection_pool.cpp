@@ -6,10 +6,9 @@
 #include <system_error>
 #include <utility>
 
-#include "kelcore/core_log.h"
+#include "kelcore/agent.h"
 #include "kelcore/db/connection_handle.h"
-#include "kelcore/db/open_database.h"
-#include "kelcore/db/open_files.h"
+#include "kelcore/db/database_file.h"
 
 namespace {
 
@@ -33,6 +32,7 @@ std::unique_ptr<DBConnection> DBConnectionPool::CreateConnection() {
                   kind_);
         return nullptr;
     }
+    // One name for the file however it is reached; it need not exist yet.
     std::error_code failure;
     const std::filesystem::path real =
         std::filesystem::weakly_canonical(std::filesystem::absolute(path_, failure), failure);

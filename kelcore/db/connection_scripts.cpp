@@ -1,6 +1,5 @@
 #include <cstdint>
 #include <limits>
-#include <mutex>
 #include <optional>
 
 #include "kel/ini_file.h"
@@ -40,7 +39,7 @@ bool DBConnection::OpenScripts(IniFile& ini, const KelString& iniFile) const {
 }
 
 bool DBConnection::RunScript(const KelString& script) {
-    const std::lock_guard lock(handle_->mutex);
+    const KelLock lock(handle_->mutex);
     return Check(handle_->database.RunScript(script), script);
 }
 
@@ -49,6 +48,7 @@ bool DBConnection::RunScriptOnce(const KelString& markerKey, const KelString& sc
         Query(KelFormat("SELECT FieldValue FROM %s WHERE FieldName = '%Q'", kMarkersTable, markerKey));
     if (!marker) return false;
     if (marker->GetRowCount() != 0) return true;
+    // One transaction, so that a crash leaves neither a script without its mark nor a mark alone.
     DBTransaction transaction(*this);
     return transaction.IsOpen() && RunScript(script) &&
            Query(KelFormat("INSERT INTO %s (FieldName, FieldValue) VALUES ('%Q', '1')", kMarkersTable,
@@ -106,6 +106,7 @@ bool DBConnection::RunUpgrade(const KelString& table, const KelString& keyColumn
     if (!current) return false;
 
     KelString script;
+    // Statements of this program might damage data whose schema it does not know.
     if (*current > 0 && !ReadEntry(ini, section, *current, script)) {
         log_.Error("Database %S has schema version %u, newer than section %S of %S; update the program.\n",
                    handle_->claim.RealPath(), *current, section, iniFile);

@@ -11,8 +11,8 @@ namespace {
 constexpr int kBusyTimeoutMilliseconds = 5000;
 
 constexpr const char* kSettings =
-    "PRAGMA synchronous=FULL;"
-    "PRAGMA mmap_size=0;"
+    "PRAGMA synchronous=FULL;"             // what is committed survives a power cut
+    "PRAGMA mmap_size=0;"                  // a read error must be an error, not a signal
     "PRAGMA cache_size=-16384;"            // KiB
     "PRAGMA journal_size_limit=67108864";  // bytes that the emptied log may keep
 
@@ -55,6 +55,7 @@ KelVector<KelString> ReadRow(sqlite3_stmt* statement, int columns) {
     KelVector<KelString> row;
     row.reserve(static_cast<std::size_t>(columns));
     for (int i = 0; i < columns; ++i) {
+        // The text comes first: reading it may convert the value, which sets the number of bytes.
         const unsigned char* text = sqlite3_column_text(statement, i);
         const int bytes = sqlite3_column_bytes(statement, i);
         row.emplace_back(reinterpret_cast<const char*>(text),
@@ -117,8 +118,8 @@ KelError SqliteDatabase::LastError() const {
     return MakeError(sqlite3_errcode(database_) & 0xFF, sqlite3_errmsg(database_));
 }
 
-/// Some failures (a full disk, say) end a transaction on their own. What its owner runs next must not take
-/// effect alone.
+/// Some failures, such as a full disk, roll a transaction back on their own. The statements that its owner
+/// runs after that must not take effect one by one.
 KelStatus SqliteDatabase::CheckWritable(bool readOnlyStatement) const {
     if (readOnlyStatement || !transaction_ || sqlite3_get_autocommit(database_) == 0) return {};
     return MakeError(SQLITE_ABORT, "the transaction was rolled back by an earlier failure");

@@ -28,7 +28,7 @@ class SqliteDatabase {
     KelStatus Open(const KelString& path);
 
     /// With `mergeLog` the write-ahead log is merged into the file and removed; without, both stay as they
-    /// are, for a look at a damaged database.
+    /// are, so that a damaged database can be examined.
     void Close(bool mergeLog);
 
     /// Runs exactly one statement; blanks and ";" may follow it, nothing else.
@@ -58,5 +58,5 @@ class SqliteDatabase {
 
     sqlite3* database_ = nullptr;
     std::function<void(const KelString&)> observer_;
-    bool transaction_ = false;  // between Begin and Commit or Rollback
+    bool transaction_ = false;  ///< between Begin and Commit or Rollback
 };

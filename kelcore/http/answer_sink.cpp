@@ -62,12 +62,14 @@ bool HttpAnswerSink::OnBody(std::string_view data) {
     received_ += data.size();
     if (toFile_) return Append(data);
     if (file_ != nullptr) {
+        // The body of an error is of no use, but a short one is read so that the connection can be kept.
         enough_ = received_ > kMaxDiscarded;
         return !enough_;
     }
     if (received_ > answer_.GetBodyLimit())
         return Fail(kHttpBadAnswer,
                     "the answer is larger than " + std::to_string(answer_.GetBodyLimit()) + " bytes");
+    // Begin has checked the announced length against the limit.
     if (body_.empty() && length_) body_.reserve(*length_);
     body_.append(data);
     return true;
@@ -83,10 +85,10 @@ bool HttpAnswerSink::Begin() {
 }
 
 bool HttpAnswerSink::BeginFile() {
-    if (answer_.GetStatus() == 206) {
+    if (answer_.GetStatus() == kHttpStatusPartialContent) {
         if (!CheckRange()) return false;
         offset_ = request_.GetRangeStart();
-    } else if (answer_.GetStatus() == 200) {
+    } else if (answer_.GetStatus() == kHttpStatusOk) {
         size_ = length_;
     } else {
         return true;
@@ -121,6 +123,7 @@ bool HttpAnswerSink::OpenFile() {
     if (fstat(fd_.Get(), &status) != 0 || !S_ISREG(status.st_mode)) return FailLocal("use");
     if (static_cast<std::uint64_t>(status.st_size) < offset_)
         return Fail(kHttpLocalFile, file_->GetBodyFile() + " is shorter than the requested offset");
+    // Bytes of an earlier attempt may stand behind the offset.
     if (ftruncate(fd_.Get(), static_cast<off_t>(offset_)) != 0) return FailLocal("truncate");
     toFile_ = true;
     return true;
@@ -159,7 +162,7 @@ unsigned int HttpAnswerSink::Complete() const {
     if (!toFile_) return kHttpCompleted;
     if (end_ && offset_ != *end_) return kHttpCutOff;
     if (size_ && offset_ != *size_) return kHttpCutOff;
-    // Without any length on the wire only the announced size tells an end from a lost connection.
+    // Without any length on the wire only the announced size distinguishes the end from a lost connection.
     const bool lengthKnown = length_ || !answer_.GetHeader("transfer-encoding").empty();
     return !lengthKnown && offset_ < file_->GetExpectedSize() ? kHttpCutOff : kHttpCompleted;
 }

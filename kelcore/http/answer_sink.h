@@ -40,7 +40,9 @@ class HttpAnswerSink {
     const KelString& ErrorText() const { return errorText_; }
 
     /// True once the headers of an answer that carries what was asked for are whole.
-    bool IsBegun() const { return headersWhole_ && answer_.GetStatus() >= 200 && answer_.GetStatus() < 300; }
+    bool IsBegun() const {
+        return headersWhole_ && answer_.GetStatus() >= kHttpStatusOk && answer_.GetStatus() < 300;
+    }
     bool HasHeaders() const { return headersWhole_; }
     /// True when an error's body was cut short on purpose: its status is all that counts.
     bool IsEnough() const { return enough_; }

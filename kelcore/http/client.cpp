@@ -45,12 +45,14 @@ void SetConnection(CURL* easy, int connectTimeout, int exchangeTimeout) {
     curl_easy_setopt(easy, CURLOPT_FOLLOWLOCATION, 0L);
     curl_easy_setopt(easy, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
     curl_easy_setopt(easy, CURLOPT_IPRESOLVE, static_cast<long>(CURL_IPRESOLVE_V4));
+    // A path names a file. "." and ".." go to the server as they are, which refuses them.
     curl_easy_setopt(easy, CURLOPT_PATH_AS_IS, 1L);
     curl_easy_setopt(easy, CURLOPT_TCP_KEEPALIVE, 1L);
     curl_easy_setopt(easy, CURLOPT_MAXAGE_CONN, kMaxConnectionIdle);
     curl_easy_setopt(easy, CURLOPT_CONNECTTIMEOUT,
                      static_cast<long>(connectTimeout > 0 ? connectTimeout : kDefaultConnectTimeout));
     curl_easy_setopt(easy, CURLOPT_TIMEOUT, static_cast<long>(exchangeTimeout > 0 ? exchangeTimeout : 0));
+    // Several agents may run on one host, and a parent recognises its children by their addresses.
     const KelString& own = KelAgentGetAddress();
     curl_easy_setopt(easy, CURLOPT_INTERFACE, own.empty() ? nullptr : ("host!" + own).c_str());
 }
@@ -73,6 +75,7 @@ void SetTls(CURL* easy, const AgentSecuritySslSettings& settings) {
 
 void SetCredentials(HttpHandle& handle, const KelString& user, const KelString& password, bool secure) {
     CURL* easy = handle.Easy();
+    // Basic sends the password itself.
     const long offered =
         secure ? static_cast<long>(CURLAUTH_DIGEST | CURLAUTH_BASIC) : static_cast<long>(CURLAUTH_DIGEST);
     curl_easy_setopt(easy, CURLOPT_HTTPAUTH, handle.authSchemes != 0 ? handle.authSchemes : offered);

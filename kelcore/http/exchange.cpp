@@ -13,11 +13,9 @@
 
 namespace {
 
-constexpr int kPollMilliseconds = 200;  ///< the longest time between two looks at the cancellation
+constexpr int kPollMilliseconds = 200;  ///< the longest time between two checks for cancellation
 constexpr auto kCheckEvery = std::chrono::milliseconds(100);
 constexpr long kLargeBuffer = 512L << 10;
-constexpr long kHttpOk = 200;
-constexpr long kHttpUnauthorized = 401;
 constexpr long kPacedBuffer = 16L << 10;  ///< small, so that paced bytes flow evenly
 
 unsigned int ResultOf(CURLcode code, bool begun) {
@@ -156,7 +154,7 @@ bool HttpExchange::Drive(int& code) {
     }
 }
 
-/// True while the whole request is on its way and the peer works on it, as long as the time-out allows.
+/// True while the peer works on a request that has been sent whole; the time-out limits how long.
 bool HttpExchange::IsWaiting() const {
     return limits_.hasTimeout && source_.IsAtEnd() && !answering_;
 }
@@ -179,7 +177,7 @@ unsigned int HttpExchange::Stop(unsigned int result, const char* text) {
 
 unsigned int HttpExchange::Conclude(bool done, int code) {
     auto curlCode = static_cast<CURLcode>(code);
-    // The library takes a connection that closes amid the headers for the end of an answer.
+    // The library reports a connection that closes within the headers as the end of an answer.
     if (curlCode == CURLE_OK && !sink_.HasHeaders()) curlCode = CURLE_GOT_NOTHING;
     const bool whole = done && curlCode == CURLE_OK && stopped_ == 0;
     const unsigned int sunk = sink_.Finish(whole);
@@ -195,7 +193,7 @@ unsigned int HttpExchange::Conclude(bool done, int code) {
     return result;
 }
 
-/// No exception may pass through the library's frames: one stops the exchange.
+/// An exception must not pass through the library's frames; it stops the exchange instead.
 template <class Step>
 bool HttpExchange::Guard(Step step) {
     try {
@@ -219,8 +217,9 @@ void HttpExchange::TakeHeader(std::string_view line) {
     if (line.starts_with("HTTP/")) {
         long status = 0;
         curl_easy_getinfo(handle_.Easy(), CURLINFO_RESPONSE_CODE, &status);
-        answering_ = status >= kHttpOk && status != kHttpUnauthorized;
-        sink_.OnStatus(static_cast<unsigned int>(status));
+        const auto code = static_cast<unsigned int>(status);
+        answering_ = code >= kHttpStatusOk && code != kHttpStatusUnauthorized;
+        sink_.OnStatus(code);
         return;
     }
     const std::size_t colon = line.find(':');
@@ -237,7 +236,7 @@ void HttpExchange::TakeHeader(std::string_view line) {
 std::size_t HttpExchange::OnBody(char* data, std::size_t size, std::size_t count, void* self) {
     auto& exchange = *static_cast<HttpExchange*>(self);
     const std::size_t bytes = size * count;
-    // The bytes are here: they are kept even when the window closes while they are paid for.
+    // The bytes have arrived: they are kept even when the window closes during the pause that they cost.
     const bool taken = exchange.Guard([&exchange, data, bytes] {
         return exchange.sink_.OnBody(std::string_view(data, bytes)) && exchange.Pass(bytes);
     });

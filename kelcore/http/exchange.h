@@ -18,7 +18,7 @@
 /// thread; results are those of HttpClient.
 class HttpExchange {
   public:
-    /// What ends an exchange before its end.
+    /// What stops an exchange before it is complete.
     struct Limits {
         std::function<bool()> cancelled;        ///< asked several times a second
         std::chrono::milliseconds speedWindow;  ///< of HttpSpeedWatch

@@ -12,6 +12,7 @@ HttpHandle::HttpHandle() : easy_(curl_easy_init()), multi_(curl_multi_init()) {
         curl_multi_cleanup(multi_);
         throw std::runtime_error("out of memory for an HTTP handle");
     }
+    // A handle talks to one peer, so one connection is all that it needs.
     curl_multi_setopt(multi_, CURLMOPT_MAXCONNECTS, 1L);
 }
 
@@ -30,11 +31,12 @@ HttpHandlePool::HttpHandlePool() {
 }
 
 std::unique_ptr<HttpHandle> HttpHandlePool::Acquire(const KelString& peer) {
-    KelVector<Idle> expired;
+    KelVector<Idle> expired;  // outside the lock: closing a connection takes time
     std::unique_ptr<HttpHandle> found;
     {
-        const std::lock_guard lock(mutex_);
+        const KelLock lock(mutex_);
         expired = TakeExpired(Clock::now());
+        // The one used last is the least likely to have been closed by the peer.
         const auto last = std::find_if(idle_.rbegin(), idle_.rend(),
                                        [&peer](const Idle& idle) { return idle.peer == peer; });
         if (last != idle_.rend()) {
@@ -46,9 +48,10 @@ std::unique_ptr<HttpHandle> HttpHandlePool::Acquire(const KelString& peer) {
 }
 
 void HttpHandlePool::Release(const KelString& peer, std::unique_ptr<HttpHandle> handle) {
-    KelVector<Idle> dropped;
-    const std::lock_guard lock(mutex_);
+    KelVector<Idle> dropped;  // destroyed after the lock is released
+    const KelLock lock(mutex_);
     dropped = TakeExpired(Clock::now());
+    // When there are too many, the oldest goes: of this peer, or else of all.
     const auto isSame = [&peer](const Idle& idle) { return idle.peer == peer; };
     const auto count = std::count_if(idle_.begin(), idle_.end(), isSame);
     auto surplus = idle_.end();
@@ -64,8 +67,8 @@ void HttpHandlePool::Release(const KelString& peer, std::unique_ptr<HttpHandle> 
 }
 
 void HttpHandlePool::CloseIdle() {
-    KelVector<Idle> closed;
-    const std::lock_guard lock(mutex_);
+    KelVector<Idle> closed;  // likewise
+    const KelLock lock(mutex_);
     closed.swap(idle_);
 }
 

@@ -2,8 +2,8 @@
 
 #include <chrono>
 #include <memory>
-#include <mutex>
 
+#include "kel/mutex.h"
 #include "kel/types.h"
 
 /// A transfer handle of the HTTP library with the connections it keeps open and what it remembers of the
@@ -19,7 +19,7 @@ class HttpHandle {
     void* Easy() const { return easy_; }
     void* Multi() const { return multi_; }
 
-    /// The authentication schemes to offer, in the library's bits; 0 until the peer has told.
+    /// The authentication schemes to offer, in the library's bits; 0 until the peer has named its own.
     long authSchemes = 0;
 
   private:
@@ -52,8 +52,8 @@ class HttpHandlePool {
     };
 
     HttpHandlePool();
-    KelVector<Idle> TakeExpired(Clock::time_point now);
+    KelVector<Idle> TakeExpired(Clock::time_point now) KEL_REQUIRES(mutex_);
 
-    std::mutex mutex_;      ///< guards idle_; not held while a connection is closed
-    KelVector<Idle> idle_;  ///< the one used last at the end
+    KelMutex mutex_;                               ///< not held while a connection is closed
+    KelVector<Idle> idle_ KEL_GUARDED_BY(mutex_);  ///< the one used last at the end
 };

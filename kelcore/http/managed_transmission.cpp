@@ -65,7 +65,8 @@ std::size_t HttpManagedTransmission::PieceBytes() const {
         std::clamp(pacer_.BitsPerSecond() / 8 / 20, std::min(frameBytes_, kMost), kMost));
 }
 
-/// False when the window is closed. Reading the rate breaks the time down, too dear for every piece.
+/// False when the window is closed. Reading the rate involves calendar arithmetic, which is too expensive to
+/// do for every piece.
 bool HttpManagedTransmission::ReadRate(Clock::time_point now) {
     if (now < nextRateRead_) return true;
     const std::uint64_t rate = BitsPerSecond(now);

@@ -60,11 +60,11 @@ class HttpManagedTransmission {
     IpAddress peer_;
     bool started_ = false;
     HttpRatePacer pacer_;
-    Clock::time_point nextRateRead_{};  ///< the rate read last holds until then
-    std::uint64_t frameBytes_ = 1400;   ///< as told with the rate
+    Clock::time_point nextRateRead_{};  ///< until then the rate read last counts
+    std::uint64_t frameBytes_ = 1400;   ///< as given with the rate
 
     // What relative rates are computed from.
-    bool peerKnown_ = false;  ///< the peer has told its frequencies
+    bool peerKnown_ = false;  ///< the peer has reported its frequencies
     unsigned int clientCount_ = 0;
     unsigned int bwPort_ = 0;        ///< 0: the peer offers no probe
     unsigned int pingDuration_ = 0;  ///< of a probe, in milliseconds

@@ -4,6 +4,12 @@
 
 #include "kel/types.h"
 
+// Status codes of answers (RFC 9110, 15) that the client treats differently.
+inline constexpr unsigned int kHttpStatusOk = 200;
+inline constexpr unsigned int kHttpStatusPartialContent = 206;
+inline constexpr unsigned int kHttpStatusUnauthorized = 401;
+inline constexpr unsigned int kHttpStatusNotFound = 404;
+
 enum class HttpMethod { Get, Head, Post, Put };
 
 /// An HTTP request or answer (RFC 9110). A plain value: one thread at a time.

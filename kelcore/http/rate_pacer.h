@@ -6,8 +6,8 @@
 /// Decides how long a sender must wait to keep to a rate. It neither sleeps nor reads a clock: the time is
 /// always an argument. One thread at a time.
 ///
-/// The debt is what was passed and not yet paid by the time gone by. A stall earns a credit of at most
-/// kMaxCredit, so that no burst follows that is longer than that at the rate in force.
+/// Bytes that were passed are a debt, which is paid by the time that goes by. A stall earns a credit of at
+/// most kMaxCredit, which limits the burst after it.
 class HttpRatePacer {
   public:
     using Clock = std::chrono::steady_clock;

@@ -3,10 +3,9 @@
 #include <chrono>
 #include <cstdint>
 
-/// Tells when an exchange has become too slow to go on: below kMinBytesPerSecond over a whole window, or,
-/// while the exchange is paced on purpose, without a single byte. A peer that has got a whole
-/// request has the time to put it on its disk on top. Reads no clock: the time is an argument. One thread at
-/// a time.
+/// Decides when an exchange has become too slow to go on: below kMinBytesPerSecond over a whole window, or,
+/// while the exchange is paced on purpose, without a single byte. A peer that has received a whole request
+/// gets additional time to put it on its disk. Reads no clock: the time is an argument. One thread at a time.
 class HttpSpeedWatch {
   public:
     using Clock = std::chrono::steady_clock;
@@ -20,13 +19,13 @@ class HttpSpeedWatch {
     /// `bytes` were sent or received.
     void OnBytes(std::uint64_t bytes) { bytes_ += bytes; }
 
-    /// The request's body of `bytes` is on its way whole: a new window begins.
+    /// The whole request body of `bytes` has been sent: a new window begins.
     void OnRequestSent(std::uint64_t bytes, Clock::time_point now) {
         Restart(now);
         end_ += std::chrono::seconds(bytes / kSyncBytesPerSecond);
     }
 
-    /// To be asked at least every few seconds; `paced`: the exchange is held back on purpose now.
+    /// Call it at least every few seconds. `paced`: the exchange is held back on purpose now.
     bool IsTooSlow(Clock::time_point now, bool paced) {
         paced_ = paced_ || paced;
         if (now < end_) return false;
@@ -47,5 +46,5 @@ class HttpSpeedWatch {
     std::chrono::milliseconds window_;
     Clock::time_point end_;
     std::uint64_t bytes_ = 0;
-    bool paced_ = false;  ///< at some time in this window
+    bool paced_ = false;  ///< at some point in this window
 };

@@ -1,8 +1,12 @@
 #include "kelcore/http/url.h"
 
+#include <curl/curl.h>
+
 #include <algorithm>
+#include <memory>
 #include <optional>
 #include <string_view>
+#include <utility>
 
 #include "kel/ip_address.h"
 #include "kel/text.h"
@@ -100,59 +104,59 @@ bool IsHost(std::string_view host) {
                        [](const KelString& label) { return IsHostLabel(label); });
 }
 
-std::optional<std::uint16_t> ParsePort(std::string_view text) {
-    if (text.empty() || text.size() > 5 || !std::all_of(text.begin(), text.end(), IsDigit)) return {};
-    const auto port = ParseUint64(text);
-    if (!port || *port == 0 || *port > 0xFFFF) return {};
-    return static_cast<std::uint16_t>(*port);
+struct FreeUrl {
+    void operator()(CURLU* url) const { curl_url_cleanup(url); }
+};
+using ParsedUrl = std::unique_ptr<CURLU, FreeUrl>;
+
+/// A part as it stands in the URL, still percent-encoded; nothing when it is missing.
+std::optional<KelString> Part(const ParsedUrl& parsed, CURLUPart part) {
+    char* text = nullptr;
+    if (curl_url_get(parsed.get(), part, &text, 0) != CURLUE_OK) return std::nullopt;
+    const std::unique_ptr<char, void (*)(void*)> owner(text, curl_free);
+    return text;
 }
 
-bool ParseUserInfo(std::string_view userInfo, UrlInet& url) {
-    const std::size_t colon = userInfo.find(':');
-    if (colon == std::string_view::npos) return false;
-    return DecodePart(userInfo.substr(0, colon), "", url.user) &&
-           DecodePart(userInfo.substr(colon + 1), "", url.password);
+/// Scheme and port; a URL without a port has its scheme's.
+bool ReadService(const ParsedUrl& parsed, UrlInet& url) {
+    url.scheme = Part(parsed, CURLUPART_SCHEME).value_or("");
+    if (url.scheme != "http" && url.scheme != "https") return false;
+    url.port = url.scheme == "http" ? 80 : 443;
+    const auto port = Part(parsed, CURLUPART_PORT);
+    if (port) url.port = static_cast<std::uint16_t>(ParseUint64(*port).value_or(0));
+    return url.port != 0;
 }
 
-bool ParseAuthority(std::string_view authority, UrlInet& url) {
-    const std::size_t at = authority.find('@');
-    if (at != std::string_view::npos) {
-        if (!ParseUserInfo(authority.substr(0, at), url)) return false;
-        authority.remove_prefix(at + 1);
-    }
-    const std::size_t colon = authority.find(':');
-    if (colon != std::string_view::npos) {
-        const auto port = ParsePort(authority.substr(colon + 1));
-        if (!port) return false;
-        url.port = *port;
-    }
-    const std::string_view host = authority.substr(0, colon);
-    if (!IsHost(host)) return false;
-    url.host = host;
-    return true;
+/// User and password come together or not at all.
+bool ReadCredentials(const ParsedUrl& parsed, UrlInet& url) {
+    const auto user = Part(parsed, CURLUPART_USER);
+    const auto password = Part(parsed, CURLUPART_PASSWORD);
+    if (!user && !password) return true;
+    return user && password && DecodePart(*user, "", url.user) && DecodePart(*password, "", url.password);
 }
 
 }  // namespace
 
 bool UrlParseInet(const KelString& text, UrlInet& url) {
-    UrlInet parsed;
-    const std::size_t schemeEnd = text.find("://");
-    if (schemeEnd == KelString::npos) return false;
-    const std::string_view scheme = std::string_view(text).substr(0, schemeEnd);
-    if (IsEqualTo(scheme, "http", false)) {
-        parsed.scheme = "http";
-        parsed.port = 80;
-    } else if (IsEqualTo(scheme, "https", false)) {
-        parsed.scheme = "https";
-        parsed.port = 443;
-    } else {
+    const ParsedUrl parsed(curl_url());
+    if (!parsed || curl_url_set(parsed.get(), CURLUPART_URL, text.c_str(), CURLU_PATH_AS_IS) != CURLUE_OK)
+        return false;
+    UrlInet read;
+    if (!ReadService(parsed, read) || !ReadCredentials(parsed, read)) return false;
+    if (Part(parsed, CURLUPART_QUERY) || Part(parsed, CURLUPART_FRAGMENT)) return false;
+    read.host = Part(parsed, CURLUPART_HOST).value_or("");
+    if (!IsHost(read.host)) return false;
+    // The library corrects what it takes for slips, such as a missing slash or an abbreviated IPv4 address.
+    // Only a text that it left alone is a URL; it writes the scheme in lower case and adds an empty path's
+    // "/".
+    const KelString whole = Part(parsed, CURLUPART_URL).value_or("");
+    const KelString given = read.scheme + text.substr(read.scheme.size());
+    if (whole == given) {
+        if (!DecodePart(Part(parsed, CURLUPART_PATH).value_or(""), "/@", read.path)) return false;
+    } else if (whole != given + "/") {
         return false;
     }
-    const std::string_view rest = std::string_view(text).substr(schemeEnd + 3);
-    const std::size_t slash = rest.find('/');
-    if (!ParseAuthority(rest.substr(0, slash), parsed)) return false;
-    if (slash != std::string_view::npos && !DecodePart(rest.substr(slash), "/@", parsed.path)) return false;
-    url = std::move(parsed);
+    url = std::move(read);
     return true;
 }
 

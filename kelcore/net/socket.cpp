@@ -71,6 +71,7 @@ KelString CanonicalName(const KelString& host) {
     hints.ai_flags = AI_CANONNAME;
     addrinfo* list = nullptr;
     if (getaddrinfo(host.c_str(), nullptr, &hints, &list) != 0) return {};
+    // The first entry alone carries the canonical name.
     const std::unique_ptr<addrinfo, void (*)(addrinfo*)> owner(list, freeaddrinfo);
     return list->ai_canonname != nullptr ? KelString(list->ai_canonname) : KelString();
 }
@@ -112,6 +113,7 @@ IpAddress NetworkSocket::GetLocalAddress() const {
 
 std::unique_ptr<NetworkSocket> SocketFactory::ConnectTcp(IpAddress address, std::uint16_t port,
                                                          unsigned int timeout) {
+    // Non-blocking for connect only, which has no time-out of its own.
     UniqueFd fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     if (!fd || !BindToAgent(fd.Get())) return nullptr;
     const sockaddr_in peer = SocketAddress(address, port);

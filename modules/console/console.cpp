@@ -1,26 +1,27 @@
 #include "modules/console/console.h"
 
-#include <algorithm>
 #include <ctime>
 #include <unordered_set>
 
-#include "kel/checksum.h"
 #include "kel/path.h"
-#include "kel/text.h"
 #include "kelcore/action_db.h"
 #include "kelcore/call_origin.h"
 #include "kelcore/callback_db.h"
 #include "kelcore/error_codes.h"
-#include "modules/console/device_tree.h"
-#include "modules/console/earlier_targets.h"
+#include "kelcore/file_values.h"
 
 namespace {
 
-constexpr std::size_t kPublicationIdBytes = 8;
 constexpr char kReceiveSignature[] =
     "ConsoleReceiveUpstream (string FileType, string FileLabel, string FileName, string FileChecksum, string "
     "SourceDevice, string FilePath)";
 constexpr char kUpstreamEvent[] = "FileStoreCallbackCopyUpstream";
+
+unsigned int Fail(KelContainer* arguments, const KelError& error) {
+    arguments->Clear();
+    arguments->SetString("Message", error.message);
+    return error.code;
+}
 
 KelContainer ValuesOf(const Device& device) {
     KelContainer values;
@@ -38,32 +39,15 @@ KelContainer ValuesOf(const Device& device) {
 KelContainer ValuesOf(const PublicationSummary& publication) {
     KelContainer values;
     values.SetString("PublicationId", publication.id);
-    values.SetString("FileType", publication.fileType);
-    values.SetString("FileLabel", publication.fileLabel);
-    values.SetString("FileName", publication.fileName);
-    values.SetString("FileChecksum", publication.fileChecksum);
-    values.SetInt64("FileSize", publication.fileSize);
+    publication.file.Write(values);
+    values.SetInt64(kValueFileSize, publication.fileSize);
     values.SetInt64("CreateTime", publication.createTime);
-    values.SetInt32("Priority", publication.priority);
+    values.SetInt32(kValuePriority, publication.priority);
     values.SetInt32("Targets", publication.targets);
     values.SetInt32("Delivered", publication.delivered);
     values.SetInt32("Failed", publication.failed);
     values.SetInt32("Pending", publication.targets - publication.delivered - publication.failed);
     return values;
-}
-
-PublicationSummary SummaryOf(const PublicationRequest& request, const PackageFile& file,
-                             const KelString& id) {
-    PublicationSummary publication;
-    publication.id = id;
-    publication.fileType = request.fileType;
-    publication.fileLabel = request.fileLabel;
-    publication.fileName = request.fileName;
-    publication.fileChecksum = file.checksum;
-    publication.fileSize = file.size;
-    publication.createTime = std::time(nullptr);
-    publication.priority = request.priority;
-    return publication;
 }
 
 /// The values PublicationId; an empty one names none.
@@ -88,22 +72,6 @@ KelStatus CheckAllKnown(const KelVector<KelString>& ids, const KelVector<Publica
     return {};
 }
 
-/// The tree that leads to the targets that are to be offered the file; empty without any.
-KelResult<KelContainer> OfferedDevicePath(const PublicationPlan& plan,
-                                          const KelVector<PublicationTarget>& targets) {
-    KelVector<std::size_t> offered;
-    for (std::size_t i = 0; i < targets.size(); ++i) {
-        if (targets[i].status == "pending") offered.push_back(plan.targets[i]);
-    }
-    if (offered.empty()) return KelContainer();
-    return BuildDevicePath(plan.devices, offered);
-}
-
-std::int32_t CountOf(const KelVector<PublicationTarget>& targets, const char* status) {
-    return static_cast<std::int32_t>(std::count_if(
-        targets.begin(), targets.end(), [status](const auto& target) { return target.status == status; }));
-}
-
 }  // namespace
 
 Console::Console()
@@ -112,7 +80,8 @@ Console::Console()
       deviceStore_(database_),
       publications_(database_),
       directory_(Log(), deviceStore_),
-      intake_(Log(), deviceStore_, publications_) {}
+      intake_(Log(), deviceStore_, publications_),
+      publisher_(Log(), directory_, publications_) {}
 
 void Console::Register(const char* handle) {
     const auto bind = [this](unsigned int (Console::*handler)(KelContainer*)) {
@@ -128,7 +97,7 @@ void Console::Register(const char* handle) {
     ActionDbRegisterAction(kReceiveSignature, bind(&Console::ReceiveUpstream), handle);
     ActionDbRegisterAction(
         "QuarnelDbRunScript (string Script)",
-        [this](KelContainer* arguments) {
+        [](KelContainer* arguments) {
             return Fail(arguments,
                         {kKelErrorNotAvailable, "This console keeps no database that runs scripts"});
         },
@@ -155,6 +124,7 @@ bool Console::Initialise() {
     }
     RemoveUnfinishedCopies(DataPath());
     directory_.SetIniPath(IniPath());
+    publisher_.SetFolder(DataPath());
     return database_.Open(DataPath(), IniPath());
 }
 
@@ -172,12 +142,6 @@ bool Console::Activate() {
 
 void Console::Cleanup() {
     database_.Close();
-}
-
-unsigned int Console::Fail(KelContainer* arguments, const KelError& error) {
-    arguments->Clear();
-    arguments->SetString("Message", error.message);
-    return error.code;
 }
 
 unsigned int Console::ListDevices(KelContainer* arguments) {
@@ -218,6 +182,7 @@ unsigned int Console::ListPublications(KelContainer* arguments) {
     if (!publications) return Fail(arguments, publications.Error());
     if (const KelStatus known = CheckAllKnown(ids, *publications); !known)
         return Fail(arguments, known.Error());
+    // Devices are listed for a single publication only: a list of all would be large.
     auto result = KelResult<KelContainer>(KelContainer());
     if (ids.size() == 1 && !arguments->GetBool("CountsOnly")) result = ReadTargets(ids.front());
     if (!result) return Fail(arguments, result.Error());
@@ -228,77 +193,25 @@ unsigned int Console::ListPublications(KelContainer* arguments) {
     return kKelOk;
 }
 
-KelResult<PublicationPlan> Console::Plan(const PublicationRequest& request) {
-    auto devices = directory_.Read();
-    if (!devices) return devices.Error();
-    KelVector<KelString> leftOut;
-    auto targets = ChooseTargets(*devices, request.devices, leftOut);
-    if (!targets) return targets.Error();
-    if (!leftOut.empty()) {
-        Log().Warning("%lu devices are left out of the publication of %S; the first: %S\n", leftOut.size(),
-                      request.fileName, leftOut.front());
-    }
-    return PublicationPlan{HexText(RandomBytes(kPublicationIdBytes)), std::move(*devices),
-                           std::move(*targets), leftOut.size()};
-}
-
-KelStatus Console::Offer(const PublicationRequest& request, const PackageFile& file,
-                         const PublicationPlan& plan, const KelVector<PublicationTarget>& targets) {
-    auto devicePath = OfferedDevicePath(plan, targets);
-    if (!devicePath) return devicePath.Error();
-    KelContainer offer = OfferFor(request, file, std::move(*devicePath));
-    const unsigned int code = CallLocal("FileStoreReceiveFile", offer);
-    if (code == kKelOk) return {};
-    return KelError{code,
-                    KelFormat("The file store did not take %S, error %u; see its log", file.path, code)};
-}
-
-/// Records the publication before the file goes out, since a receipt may follow at once.
-KelResult<KelContainer> Console::PublishFile(const PublicationRequest& request) {
-    const auto plan = Plan(request);
-    if (!plan) return plan.Error();
-    const auto file = CopyToPackages(DataPath(), request.filePath, request.fileLabel, request.fileName);
-    if (!file) return file.Error();
-    const auto targets = publications_.Add(SummaryOf(request, *file, plan->id),
-                                           [&plan](const KelVector<EarlierTarget>& earlier) {
-                                               return SettleTargets(plan->devices, plan->targets, earlier);
-                                           });
-    if (!targets) return targets.Error();
-    if (const KelStatus offered = Offer(request, *file, *plan, *targets); !offered) {
-        publications_.Remove(plan->id);
-        return offered.Error();
-    }
-    KelContainer result;
-    result.SetString("PublicationId", plan->id);
-    result.SetString("FileChecksum", file->checksum);
-    result.SetInt64("FileSize", file->size);
-    result.SetInt32("Targets", static_cast<std::int32_t>(targets->size()));
-    result.SetInt32("Delivered", CountOf(*targets, "delivered"));
-    result.SetInt32("Failed", CountOf(*targets, "failed"));
-    result.SetInt32("Pending", CountOf(*targets, "pending"));
-    result.SetInt32("LeftOut", static_cast<std::int32_t>(plan->leftOut));
-    return result;
-}
-
 unsigned int Console::Publish(KelContainer* arguments) {
     if (!ActionIsFromThisDevice(*arguments)) {
-        const KelError refusal{kKelErrorBadInput,
-                               KelFormat("A publication of the local file %S was refused, for it was "
-                                         "asked for by another device, %S",
-                                         arguments->GetString("FilePath"), ActionRequestAddress(*arguments))};
+        const KelError refusal{
+            kKelErrorBadInput,
+            KelFormat("A publication of the local file %S was refused, because another "
+                      "device, %S, asked for it",
+                      arguments->GetString(kValueFilePath), ActionRequestAddress(*arguments))};
         Log().Warning("%S\n", refusal.message);
         return Fail(arguments, refusal);
     }
     const auto request = ReadPublicationRequest(*arguments);
-    auto result = request ? PublishFile(*request) : KelResult<KelContainer>(request.Error());
+    auto result = request ? publisher_.Publish(*request) : KelResult<KelContainer>(request.Error());
     if (!result) {
         Log().Warning("Nothing was published: %S\n", result.Error().message);
         return Fail(arguments, result.Error());
     }
-    Log().Print("Published %S/%S/%S to %d devices as %S; %d have it already, %d cannot get it\n",
-                request->fileType, request->fileLabel, request->fileName, result->GetInt32("Targets"),
-                result->GetString("PublicationId"), result->GetInt32("Delivered"),
-                result->GetInt32("Failed"));
+    Log().Print("Published %S to %d devices as %S; %d have it already, %d cannot get it\n",
+                request->file.Text(), result->GetInt32("Targets"), result->GetString("PublicationId"),
+                result->GetInt32("Delivered"), result->GetInt32("Failed"));
     *arguments = std::move(*result);
     return kKelOk;
 }
@@ -306,10 +219,10 @@ unsigned int Console::Publish(KelContainer* arguments) {
 unsigned int Console::ReceiveUpstream(KelContainer* arguments) {
     if (!ActionIsFromThisDevice(*arguments)) {
         const KelString address = ActionRequestAddress(*arguments);
-        Log().Warning("A file was refused, for another device, %S, may not hand over local files\n", address);
+        Log().Warning("A file was refused: another device, %S, may not hand over local files\n", address);
         return Fail(arguments, {kKelErrorBadInput, "Only modules of this device may hand over files"});
     }
-    const unsigned int code = intake_.Take(*arguments, std::time(nullptr));
+    const unsigned int code = intake_.Receive(*arguments, std::time(nullptr));
     arguments->Clear();
     return code;
 }

@@ -4,32 +4,31 @@
 #include "kelcore/module.h"
 #include "modules/console/console_database.h"
 #include "modules/console/device_directory.h"
-#include "modules/console/device_store.h"
-#include "modules/console/publication.h"
 #include "modules/console/publication_store.h"
+#include "modules/console/publisher.h"
 #include "modules/console/upstream_intake.h"
 
-/// The console module of the master: knows the devices of the tree, publishes files to them and follows what
-/// becomes of the publications. Actions:
+/// The console module of the master: knows the devices of the tree, publishes files to them and keeps track
+/// of the publications. Actions:
 ///
 /// - ConsoleListDevices -> Values[i]{GUID, Name, Role, Address, Parent, PathName, FirstSeen, LastSeen (int64,
 ///   seconds since the epoch, 0 for never)}, the master first
 /// - ConsolePublish (FilePath, FileType, FileLabel; optional FileName, Device[i] (GUID or name, or one "all"
 ///   or "none"), Priority, Bypass, WakeOnLan, KeepCopy, FileInfo) -> PublicationId, FileChecksum, FileSize
-///   (int64, bytes), Targets, Delivered, Failed, Pending (int32: how the targets stand before the file goes
-///   out; see SettleTargets), LeftOut (int32: devices that "all" could not reach). A call from another device
-///   is refused, for it names a file of this one.
+///   (int64, bytes), Targets, Delivered, Failed, Pending (int32: the targets by state before the file is
+///   offered; see DecideTargets), LeftOut (int32: devices that "all" could not reach). A call from another
+///   device is refused, because it names a file of this one.
 /// - ConsoleListPublications (optional PublicationId[i], CountsOnly) -> Values[i]{PublicationId, FileType,
 ///   FileLabel, FileName, FileChecksum, FileSize, CreateTime (int64), Priority, Targets, Delivered, Failed,
 ///   Pending (int32)}, the latest first, all or those named, which must be known; for one named publication
 ///   and unless CountsOnly also Devices[i]{GUID, Name, Status, Time (int64), Message}
 /// - ConsoleReceiveUpstream: subscribed to the event FileStoreCallbackCopyUpstream; see UpstreamIntake.
 ///   Only for this device.
-/// - QuarnelDbObjectListTypes -> Types[i]; QuarnelDbRunScript: not available here. Other modules tell a
-///   master by them.
+/// - QuarnelDbObjectListTypes -> Types[i]; QuarnelDbRunScript: not available here. Other modules recognise a
+///   master by their registration.
 ///
 /// Results: 0; 1 for an unusable input; 17 not available; 18 when a file, folder or the database cannot be
-/// written; what the file store answers. Every result but 0 comes with a text Message.
+/// written; the file store's result when it refuses the file. Every result but 0 comes with a text Message.
 class Console : public KelModule {
   public:
     Console();
@@ -46,12 +45,6 @@ class Console : public KelModule {
     unsigned int ListPublications(KelContainer* arguments);
     unsigned int Publish(KelContainer* arguments);
     unsigned int ReceiveUpstream(KelContainer* arguments);
-    unsigned int Fail(KelContainer* arguments, const KelError& error);
-
-    KelResult<PublicationPlan> Plan(const PublicationRequest& request);
-    KelResult<KelContainer> PublishFile(const PublicationRequest& request);
-    KelStatus Offer(const PublicationRequest& request, const PackageFile& file, const PublicationPlan& plan,
-                    const KelVector<PublicationTarget>& targets);
     KelResult<KelContainer> ReadTargets(const KelString& id);
 
     ConsoleDatabase database_;
@@ -59,4 +52,5 @@ class Console : public KelModule {
     PublicationStore publications_;
     DeviceDirectory directory_;
     UpstreamIntake intake_;
+    Publisher publisher_;
 };

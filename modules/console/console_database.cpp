@@ -17,13 +17,13 @@ bool ConsoleDatabase::Open(const KelString& folder, const KelString& iniFile) {
     connection_ = pool_.CreateConnection();
     if (!connection_) return false;
     connection_->DisableBackupResult();
+    // Its failures are logged; whether the database can be used is decided by the tables that it has then.
     connection_->RunUpgrade("DatabaseInformation", "FieldName", "FieldValue", iniFile, "SqlUpgrade", nullptr);
     const KelVector<KelString> present = connection_->GetTablesList();
     for (const char* table : kTables) {
         if (std::find(present.begin(), present.end(), table) != present.end()) continue;
-        log_.Error(
-            "%S has no table %s; take the section SqlUpgrade of the shipped Console.ini over into %S\n", path,
-            table, iniFile);
+        log_.Error("%S has no table %s; copy the section SqlUpgrade of the shipped Console.ini to %S\n", path,
+                   table, iniFile);
         connection_.reset();
         return false;
     }
@@ -46,7 +46,8 @@ bool ConsoleDatabase::Write(const KelVector<KelString>& statements) {
     DBTransaction transaction(*connection_);
     if (!transaction.IsOpen()) return false;
     for (const KelString& statement : statements) {
-        if (!connection_->Query(statement)) return false;
+        if (!connection_->Query(statement))
+            return false;  // the transaction rolls back at the end of its scope
     }
     return transaction.Commit();
 }

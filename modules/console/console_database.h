@@ -9,9 +9,9 @@
 #include "kelcore/db/connection.h"
 #include "kelcore/db/connection_pool.h"
 
-/// The console's database: what the devices told of themselves, and the publications with what became of
-/// them. The section SqlUpgrade of Console.ini holds its schema. All operations may be called from any
-/// thread; they fail while the database is not open, and failures of statements are logged by the connection.
+/// The console's database: the devices as they reported themselves, and the publications with their targets.
+/// The section SqlUpgrade of Console.ini holds its schema. All operations may be called from any thread; they
+/// fail while the database is not open. The connection logs statements that fail.
 class ConsoleDatabase {
   public:
     explicit ConsoleDatabase(KelDebug& log) : log_(log) {}
@@ -30,7 +30,7 @@ class ConsoleDatabase {
 
   private:
     KelDebug& log_;
-    KelMutex mutex_;  ///< the connection, and its transactions: held while statements run, never across calls
+    KelMutex mutex_;  ///< held for a whole transaction, never across calls of other modules
     DBConnectionPool pool_ KEL_GUARDED_BY(mutex_);
     std::unique_ptr<DBConnection> connection_ KEL_GUARDED_BY(mutex_);
 };

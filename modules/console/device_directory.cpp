@@ -1,15 +1,17 @@
 #include "modules/console/device_directory.h"
 
+#include <algorithm>
+
+#include "kel/format.h"
 #include "kel/ini_file.h"
 #include "kelcore/action_db.h"
 #include "kelcore/error_codes.h"
-#include "modules/console/device_list.h"
 
 namespace {
 
 KelResult<KelContainer> ValuesOf(const char* action) {
     KelContainer answer;
-    if (ActionDbInvokeContainer(nullptr, {}, action, answer, 0, -1, -1, nullptr) != kKelOk) {
+    if (CallLocal(action, answer) != kKelOk) {
         return KelError{kKelErrorNotAvailable, "The modules Identity and HttpProtocol do not answer"};
     }
     return answer.GetContainer("Values");
@@ -38,6 +40,41 @@ KelResult<Device> ReadMaster() {
 
 }  // namespace
 
+bool DeviceStore::Store(const IdentityReport& report, std::int64_t now) {
+    const Device& device = report.device;
+    return database_.Write(
+        {KelFormat("INSERT INTO Devices "
+                   "(GUID, Name, Role, Address, ParentGuid, PathName, FirstSeen, LastSeen, ReportTime) "
+                   "VALUES ('%Q', '%Q', '%Q', '%Q', '%Q', '%Q', %gd, %gd, %gd) "
+                   "ON CONFLICT (GUID) DO UPDATE SET Name = excluded.Name, Role = excluded.Role, "
+                   "Address = excluded.Address, ParentGuid = excluded.ParentGuid, "
+                   "PathName = excluded.PathName, ReportTime = excluded.ReportTime "
+                   "WHERE excluded.ReportTime >= ReportTime",
+                   device.guid, device.name, device.role, device.address, device.parentGuid, device.pathName,
+                   now, now, std::min(report.time, now)),
+         KelFormat("UPDATE Devices SET LastSeen = %gd WHERE GUID = '%Q'", now, device.guid)});
+}
+
+KelResult<KelVector<Device>> DeviceStore::List() {
+    const auto rows = database_.Select(
+        "SELECT GUID, Name, Role, Address, ParentGuid, PathName, FirstSeen, LastSeen FROM Devices ORDER BY "
+        "GUID");
+    if (!rows) return KelError{kKelErrorNotAvailable, "The console's database cannot be read; see its log"};
+    KelVector<Device> devices(rows->GetRowCount());
+    for (std::size_t row = 0; row < devices.size(); ++row) {
+        Device& device = devices[row];
+        device.guid = rows->GetString(row, 0);
+        device.name = rows->GetString(row, 1);
+        device.role = rows->GetString(row, 2);
+        device.address = rows->GetString(row, 3);
+        device.parentGuid = rows->GetString(row, 4);
+        device.pathName = rows->GetString(row, 5);
+        device.firstSeen = rows->GetInt64(row, std::size_t{6});
+        device.lastSeen = rows->GetInt64(row, std::size_t{7});
+    }
+    return devices;
+}
+
 void DeviceDirectory::LogProblemsOnce(const KelVector<KelString>& problems) {
     std::unordered_set<KelString> present(problems.begin(), problems.end());
     {
@@ -62,6 +99,8 @@ KelResult<KelVector<Device>> DeviceDirectory::Read() {
     KelVector<Device> listed = ReadDevices(ini, problems);
     LogProblemsOnce(problems);
 
+    // A device's own report wins over the ini file. A report of another device with the role master is
+    // ignored.
     KelVector<Device> devices = {*master};
     std::unordered_set<KelString> known = {master->guid};
     for (Device& device : *reported) {

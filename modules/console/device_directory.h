@@ -1,16 +1,36 @@
 #pragma once
 
+#include <cstdint>
 #include <unordered_set>
 
 #include "kel/debug.h"
 #include "kel/mutex.h"
 #include "kel/result.h"
 #include "kel/types.h"
+#include "modules/console/console_database.h"
 #include "modules/console/device.h"
-#include "modules/console/device_store.h"
+#include "modules/console/device_report.h"
 
-/// All devices of the tree: the master itself as its neighbouring modules describe it, those that reported
-/// themselves, and those that only the section Devices of the ini file names. Any thread.
+/// The devices that have reported themselves, in the table Devices of the console's database: one row per
+/// GUID with the latest report. Any thread. Times are seconds since the epoch by the master's clock.
+class DeviceStore {
+  public:
+    explicit DeviceStore(ConsoleDatabase& database) : database_(database) {}
+
+    /// Stores a report that arrived at `now`. A report older than the stored one only updates the time of the
+    /// last contact. The time of a report is capped at `now`: otherwise a device whose clock once ran ahead
+    /// could not report again until that time. False when it could not be written.
+    bool Store(const IdentityReport& report, std::int64_t now);
+
+    /// All devices by GUID; an error when they cannot be read.
+    KelResult<KelVector<Device>> List();
+
+  private:
+    ConsoleDatabase& database_;
+};
+
+/// All devices of the tree: the master itself as its neighbouring modules describe it, those that have
+/// reported themselves, and those that only the section Devices of the ini file names. Any thread.
 class DeviceDirectory {
   public:
     DeviceDirectory(const KelDebug& log, DeviceStore& store) : log_(log), store_(store) {}

@@ -5,23 +5,27 @@
 #include "kel/path.h"
 #include "kel/text.h"
 #include "kelcore/device_name.h"
-#include "modules/console/device_list.h"
+#include "kelcore/error_codes.h"
+#include "kelcore/file_values.h"
 
 namespace {
 
 constexpr std::uint64_t kMaxFileBytes = 1 << 20;
 
 KelError Unusable(const char* valueName, const KelString& value) {
-    return KelError{1, KelFormat("its %s \"%S\" is unusable", valueName, value)};
+    return KelError{kKelErrorBadInput, KelFormat("its %s \"%S\" is unusable", valueName, value)};
 }
 
 KelStatus CheckSource(const KelString& guid, const KelString& sourceDevice) {
     if (!IsGuid(guid)) return Unusable("GUID", guid);
     const KelString sender = sourceDevice.substr(sourceDevice.find('/') + 1);  // whole when there is no "/"
     if (sender.empty() || sender == guid) return {};
-    return KelError{1, KelFormat("it speaks for device %S but comes from %S", guid, sourceDevice)};
+    return KelError{kKelErrorBadInput,
+                    KelFormat("it is about device %S but comes from %S", guid, sourceDevice)};
 }
 
+/// The parts of a report repeat each other; contradictions would put the device in the wrong place of the
+/// tree.
 KelStatus CheckPlace(const KelContainer& content, const Device& device) {
     if (device.role != "master" && device.role != "relay" && device.role != "client") {
         return Unusable("Role", device.role);
@@ -42,6 +46,17 @@ KelStatus CheckTime(std::int64_t time) {
     return Unusable("Time", KelFormat("%gd", time));
 }
 
+KelStatus CheckKey(const FileKey& file) {
+    for (const auto& [name, value] : {std::pair(kValueFileType, &file.type),
+                                      {kValueFileLabel, &file.label},
+                                      {kValueFileName, &file.name},
+                                      {kValueFileChecksum, &file.checksum}}) {
+        if (!IsSafePathElement(*value)) return Unusable(name, *value);
+    }
+    return {};
+}
+
+/// A receipt's message is shown to people and may hold the output of any program.
 KelString CleanMessage(KelString message) {
     if (message.size() > kMaxReceiptMessageBytes) message.resize(kMaxReceiptMessageBytes);
     message.resize(std::min(message.size(), FindIllFormedUtf8(message)));
@@ -75,13 +90,8 @@ KelResult<DeliveryReceipt> ReadDeliveryReceipt(const KelContainer& content, cons
     DeliveryReceipt receipt;
     receipt.guid = content.GetString("GUID");
     if (const KelStatus checked = CheckSource(receipt.guid, sourceDevice); !checked) return checked.Error();
-    for (const auto& [name, value] : {std::pair("FileType", &receipt.fileType),
-                                      {"FileLabel", &receipt.fileLabel},
-                                      {"FileName", &receipt.fileName},
-                                      {"FileChecksum", &receipt.fileChecksum}}) {
-        *value = content.GetString(name);
-        if (!IsSafePathElement(*value)) return Unusable(name, *value);
-    }
+    receipt.file = FileKey::Read(content);
+    if (const KelStatus checked = CheckKey(receipt.file); !checked) return checked.Error();
     receipt.status = content.GetString("Status");
     if (receipt.status != "delivered" && receipt.status != "failed")
         return Unusable("Status", receipt.status);

@@ -1,12 +1,14 @@
 #include "modules/console/device_tree.h"
 
 #include "kel/format.h"
+#include "kelcore/error_codes.h"
 
 namespace {
 
 constexpr std::size_t kMaster = 0;
 
-/// The part of the tree that leads to the targets.
+/// The part of the tree that leads to the targets. Each target's way is walked up only to the first device
+/// that is included already, so that building takes time in proportion to the tree.
 class TargetTree {
   public:
     explicit TargetTree(const KelVector<Device>& devices)
@@ -33,6 +35,7 @@ class TargetTree {
     KelContainer Below(std::size_t device) const {
         KelContainer below;
         if (children_[device].empty()) return below;
+        // A relay that is a target itself appears again among its children: its entry above only leads on.
         if (isTarget_[device]) below.SetContainer(devices_[device].pathName, KelContainer());
         for (const std::size_t child : children_[device]) {
             below.SetContainer(devices_[child].pathName, Below(child));
@@ -60,18 +63,21 @@ KelStatus DeviceWays::FindWayUp(std::size_t device, KelVector<std::size_t>& way)
     while (device != kMaster) {
         way.push_back(device);
         if (way.size() >= kMaxTreeLevels) {
-            return KelError{1, KelFormat("The parents of device %S go round in a circle or are more than %lu",
-                                         name, kMaxTreeLevels)};
+            return KelError{kKelErrorBadInput,
+                            KelFormat("The parents of device %S form a circle or are more than %lu", name,
+                                      kMaxTreeLevels)};
         }
         const auto parent = indexes_.find(devices_[device].parentGuid);
         if (parent == indexes_.end()) {
-            return KelError{1, KelFormat("Device %S cannot be reached: its parent, or one above it, is the "
-                                         "unknown device %S",
-                                         name, devices_[device].parentGuid)};
+            return KelError{kKelErrorBadInput,
+                            KelFormat("Device %S cannot be reached: its parent, or one above it, is the "
+                                      "unknown device %S",
+                                      name, devices_[device].parentGuid)};
         }
         if (devices_[parent->second].role == "client") {
-            return KelError{1, KelFormat("Device %S cannot be reached: %S above it is a client, no relay",
-                                         name, devices_[parent->second].name)};
+            return KelError{kKelErrorBadInput,
+                            KelFormat("Device %S cannot be reached: %S above it is a client, not a relay",
+                                      name, devices_[parent->second].name)};
         }
         device = parent->second;
     }
@@ -80,7 +86,7 @@ KelStatus DeviceWays::FindWayUp(std::size_t device, KelVector<std::size_t>& way)
 
 KelResult<KelContainer> BuildDevicePath(const KelVector<Device>& devices,
                                         const KelVector<std::size_t>& targets) {
-    if (targets.empty()) return KelError{1, "There are no target devices"};
+    if (targets.empty()) return KelError{kKelErrorBadInput, "There are no target devices"};
     TargetTree tree(devices);
     for (const std::size_t target : targets) {
         if (const KelStatus added = tree.AddTarget(target); !added) return added.Error();

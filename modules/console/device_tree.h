@@ -7,14 +7,14 @@
 #include "kel/types.h"
 #include "modules/console/device.h"
 
-/// The ways of `devices`, whose first entry is the master, from the master down to them. The list must
-/// outlive it unchanged. Concurrently.
+/// The ways through the tree from the master, the first entry of `devices`, down to each device. The list
+/// must outlive the object unchanged. Any thread, concurrently.
 class DeviceWays {
   public:
     explicit DeviceWays(const KelVector<Device>& devices);
 
-    /// Adds to `way` the devices from `device` up to the one below the master; none for the master itself. A
-    /// device whose parents do not lead to the master, or that lies deeper than kMaxTreeLevels, is an error
+    /// Appends to `way` the devices from `device` up to the one below the master; none for the master itself.
+    /// A device whose parents do not lead to the master, or that lies deeper than kMaxTreeLevels, is an error
     /// that names it.
     KelStatus FindWayUp(std::size_t device, KelVector<std::size_t>& way) const;
 
@@ -36,8 +36,10 @@ class DeviceWays {
 KelResult<KelContainer> BuildDevicePath(const KelVector<Device>& devices,
                                         const KelVector<std::size_t>& targets);
 
-/// Removes from `targets` the devices that would make BuildDevicePath fail; returns why, one text for each.
+/// Removes from `targets` the devices that would make BuildDevicePath fail; returns one text for each that
+/// says why.
 KelVector<KelString> RemoveUnreachable(const KelVector<Device>& devices, KelVector<std::size_t>& targets);
 
-/// Levels of a tree, the master's included: what a container that travels inside another one can hold.
+/// Levels of a tree, the master's included. Containers nest at most 64 deep, and the tree travels inside
+/// others.
 inline constexpr std::size_t kMaxTreeLevels = 48;

@@ -5,13 +5,14 @@
 #include "kel/file.h"
 #include "kel/format.h"
 #include "kel/path.h"
+#include "kelcore/error_codes.h"
 
 namespace {
 
 constexpr char kPackages[] = "Packages";
-constexpr char kIncoming[] = "Incoming";  ///< beside Packages, so that it cannot meet a label
+constexpr char kIncoming[] = "Incoming";  ///< beside Packages, where no label can have its name
 
-/// Removes a file at the end of the scope; a file that was renamed is gone already.
+/// Removes a file at the end of the scope, if it has not been renamed before.
 class FileRemover {
   public:
     explicit FileRemover(const KelString& path) : path_(path) {}
@@ -24,7 +25,7 @@ class FileRemover {
 };
 
 KelError CannotWrite(const KelString& path) {
-    return KelError{18,
+    return KelError{kKelErrorInternal,
                     KelFormat("%S cannot be written; check the free space and rights of its folder", path)};
 }
 
@@ -56,11 +57,13 @@ KelResult<PackageFile> CopyToPackages(const KelString& root, const KelString& so
     KelString copy;
     if (!PathCreate(incoming) || !FileCreateTemp(incoming, copy)) return CannotWrite(incoming);
     const FileRemover remover(copy);
+    // Copied before it is hashed: the source may change at any moment.
     if (!FileCopy(source, copy, false)) {
         return KelError{
-            18, KelFormat("%S cannot be copied to %S; check that it can be read and that the disk has "
-                          "room",
-                          source, copy)};
+            kKelErrorInternal,
+            KelFormat("%S cannot be copied to %S; check that it can be read and that the disk has "
+                      "room",
+                      source, copy)};
     }
     PackageFile file;
     file.size = FileGetSize64(copy);

@@ -16,13 +16,12 @@ struct PackageFile {
 /// Published files are kept as "<root>/Packages/<label>/<checksum>/<name>" and served under the alias
 /// "QuarnelDatabase". `label` and `name` are safe path elements.
 ///
-/// Copies `source` there. The copy is on the disk and has the returned checksum when the call succeeds,
-/// whatever happens to the source meanwhile; copying the same content again changes nothing. Any thread,
-/// concurrently.
+/// Copies `source` there. When the call succeeds, the copy is on the disk and has the returned checksum, even
+/// if the source changes meanwhile; copying the same content again changes nothing. Any thread, concurrently.
 KelResult<PackageFile> CopyToPackages(const KelString& root, const KelString& source, const KelString& label,
                                       const KelString& name);
 
-/// Removes the unfinished copies that a kill left beneath `root`. While nothing is copied.
+/// Removes the unfinished copies that a killed process left beneath `root`. Only while nothing is copied.
 void RemoveUnfinishedCopies(const KelString& root);
 
 inline constexpr char kPackageAlias[] = "QuarnelDatabase";

@@ -16,11 +16,12 @@ KelString InsertStatement(const PublicationSummary& publication) {
     return KelFormat(
         "INSERT INTO Publications (PublicationId, FileType, FileLabel, FileName, FileChecksum, FileSize, "
         "CreateTime, Priority) VALUES ('%Q', '%Q', '%Q', '%Q', '%Q', %gd, %gd, %d)",
-        publication.id, publication.fileType, publication.fileLabel, publication.fileName,
-        publication.fileChecksum, publication.fileSize, publication.createTime, publication.priority);
+        publication.id, publication.file.type, publication.file.label, publication.file.name,
+        publication.file.checksum, publication.fileSize, publication.createTime, publication.priority);
 }
 
-/// Adds what inserts `rows`, each in its parentheses, after the head "INSERT ... VALUES ".
+/// Adds the statements that insert `rows`, each in its parentheses, after the head "INSERT ... VALUES ": one
+/// statement per so many rows, because SQLite limits the length of a statement.
 void AddRows(const char* head, const KelVector<KelString>& rows, KelVector<KelString>& statements) {
     for (std::size_t i = 0; i < rows.size(); ++i) {
         if (i % kRowsPerStatement == 0) {
@@ -43,13 +44,14 @@ void AddTargets(const KelString& id, const KelVector<PublicationTarget>& targets
             rows, statements);
 }
 
+/// A device that is a holder already keeps the publication that made it one.
 void AddHolders(const PublicationSummary& publication, const KelVector<KelString>& takers,
                 KelVector<KelString>& statements) {
     KelVector<KelString> rows;
     for (const KelString& guid : takers) {
-        rows.push_back(KelFormat("('%Q', '%Q', '%Q', '%Q', '%Q', '%Q')", publication.fileName,
-                                 publication.fileLabel, publication.fileType, publication.fileChecksum, guid,
-                                 publication.id));
+        rows.push_back(KelFormat("('%Q', '%Q', '%Q', '%Q', '%Q', '%Q')", publication.file.name,
+                                 publication.file.label, publication.file.type, publication.file.checksum,
+                                 guid, publication.id));
     }
     AddRows(
         "INSERT OR IGNORE INTO Holders (FileName, FileLabel, FileType, FileChecksum, GUID, "
@@ -57,13 +59,14 @@ void AddHolders(const PublicationSummary& publication, const KelVector<KelString
         rows, statements);
 }
 
-/// True for the publications of the file that the receipt speaks of.
+/// The SQL condition for the publications of the receipt's file.
 KelString KeyCondition(const DeliveryReceipt& receipt) {
     return KelFormat("FileChecksum = '%Q' AND FileName = '%Q' AND FileLabel = '%Q' AND FileType = '%Q'",
-                     receipt.fileChecksum, receipt.fileName, receipt.fileLabel, receipt.fileType);
+                     receipt.file.checksum, receipt.file.name, receipt.file.label, receipt.file.type);
 }
 
-KelString TellTargets(const DeliveryReceipt& receipt) {
+/// Receipts may overtake each other on their way up, so an older one changes nothing.
+KelString UpdateTargets(const DeliveryReceipt& receipt) {
     return KelFormat(
         "UPDATE PublicationTargets SET Status = '%Q', Time = %gd, Message = '%Q' "
         "WHERE GUID = '%Q' AND Time <= %gd AND PublicationId IN "
@@ -71,7 +74,8 @@ KelString TellTargets(const DeliveryReceipt& receipt) {
         receipt.status, receipt.time, receipt.message, receipt.guid, receipt.time, KeyCondition(receipt));
 }
 
-KelString TellHolder(const DeliveryReceipt& receipt) {
+/// Files that were never published, such as those that devices request, need no holders.
+KelString UpdateHolder(const DeliveryReceipt& receipt) {
     return KelFormat(
         "INSERT INTO Holders (FileName, FileLabel, FileType, FileChecksum, GUID, Status, Time, Message) "
         "SELECT '%Q', '%Q', '%Q', '%Q', '%Q', '%Q', %gd, '%Q' "
@@ -79,11 +83,11 @@ KelString TellHolder(const DeliveryReceipt& receipt) {
         "ON CONFLICT (FileName, FileLabel, FileType, FileChecksum, GUID) DO UPDATE SET "
         "Status = excluded.Status, Time = excluded.Time, Message = excluded.Message "
         "WHERE excluded.Time >= Time",
-        receipt.fileName, receipt.fileLabel, receipt.fileType, receipt.fileChecksum, receipt.guid,
+        receipt.file.name, receipt.file.label, receipt.file.type, receipt.file.checksum, receipt.guid,
         receipt.status, receipt.time, receipt.message, KeyCondition(receipt));
 }
 
-/// Reported parents may go round in a circle: the levels are counted.
+/// Parents as reported may form a cycle, so the recursion stops after the levels of the deepest tree.
 KelString AddHoldersAbove(const DeliveryReceipt& receipt) {
     return KelFormat(
         "WITH RECURSIVE Above (GUID, Level) AS ("
@@ -93,8 +97,8 @@ KelString AddHoldersAbove(const DeliveryReceipt& receipt) {
         "INSERT OR IGNORE INTO Holders (FileName, FileLabel, FileType, FileChecksum, GUID) "
         "SELECT '%Q', '%Q', '%Q', '%Q', GUID FROM Above WHERE GUID <> '' "
         "AND EXISTS (SELECT 1 FROM Publications WHERE %S)",
-        receipt.guid, kMaxTreeLevels, receipt.fileName, receipt.fileLabel, receipt.fileType,
-        receipt.fileChecksum, KeyCondition(receipt));
+        receipt.guid, kMaxTreeLevels, receipt.file.name, receipt.file.label, receipt.file.type,
+        receipt.file.checksum, KeyCondition(receipt));
 }
 
 /// "WHERE p.PublicationId IN ('a', 'b') ", empty without ids.
@@ -107,12 +111,13 @@ KelString IdCondition(const KelVector<KelString>& ids) {
 
 }  // namespace
 
-/// CROSS JOIN keeps SQLite from looking through the targets of all publications. Beside MAX, it takes the
-/// other columns of a group from the row that holds the maximum.
+/// CROSS JOIN keeps SQLite from scanning the targets of all publications. Next to MAX, the bare columns come
+/// from the row that holds the maximum: SQLite documents this.
 KelResult<KelVector<EarlierTarget>> PublicationStore::ListEarlierTargets(
     const PublicationSummary& publication) {
-    const KelString sameName = KelFormat("FileName = '%Q' AND FileLabel = '%Q' AND FileType = '%Q'",
-                                         publication.fileName, publication.fileLabel, publication.fileType);
+    const KelString sameName =
+        KelFormat("FileName = '%Q' AND FileLabel = '%Q' AND FileType = '%Q'", publication.file.name,
+                  publication.file.label, publication.file.type);
     const auto rows = database_.Select(KelFormat(
         "SELECT GUID, FileChecksum = '%Q' AS IsSame, Status, MAX(Time), Message FROM Holders "
         "WHERE %S AND (Status = 'delivered' OR FileChecksum = '%Q') GROUP BY GUID, IsSame, Status "
@@ -120,7 +125,7 @@ KelResult<KelVector<EarlierTarget>> PublicationStore::ListEarlierTargets(
         "SELECT t.GUID, p.FileChecksum = '%Q' AS IsSame, 'pending', 0, '' FROM Publications AS p "
         "CROSS JOIN PublicationTargets AS t ON t.PublicationId = p.PublicationId "
         "WHERE %S AND t.Status = 'pending' GROUP BY t.GUID, IsSame",
-        publication.fileChecksum, sameName, publication.fileChecksum, publication.fileChecksum, sameName));
+        publication.file.checksum, sameName, publication.file.checksum, publication.file.checksum, sameName));
     if (!rows) return kUnreadable;
     KelVector<EarlierTarget> targets(rows->GetRowCount());
     for (std::size_t row = 0; row < targets.size(); ++row) {
@@ -132,20 +137,21 @@ KelResult<KelVector<EarlierTarget>> PublicationStore::ListEarlierTargets(
 }
 
 KelResult<KelVector<PublicationTarget>> PublicationStore::Add(const PublicationSummary& publication,
-                                                              const TargetDecision& decide) {
+                                                              const DecideTargetsFunction& decide) {
     const KelLock lock(mutex_);
     const auto earlier = ListEarlierTargets(publication);
     if (!earlier) return earlier.Error();
-    SettledTargets settled = decide(*earlier);
+    TargetDecision decision = decide(*earlier);
     KelVector<KelString> statements = {InsertStatement(publication)};
-    AddTargets(publication.id, settled.targets, statements);
-    AddHolders(publication, settled.takers, statements);
+    AddTargets(publication.id, decision.targets, statements);
+    AddHolders(publication, decision.takers, statements);
     if (!database_.Write(statements)) return kUnwritable;
-    return std::move(settled.targets);
+    return std::move(decision.targets);
 }
 
 void PublicationStore::Remove(const KelString& id) {
     const KelLock lock(mutex_);
+    // Holders first: their condition reads the publication. Those with a status have sent a receipt and stay.
     database_.Write({KelFormat("DELETE FROM Holders WHERE PublicationId = '%Q' AND Status = '' "
                                "AND (FileName, FileLabel, FileType, FileChecksum) IN "
                                "(SELECT FileName, FileLabel, FileType, FileChecksum FROM Publications "
@@ -155,11 +161,11 @@ void PublicationStore::Remove(const KelString& id) {
                      KelFormat("DELETE FROM Publications WHERE PublicationId = '%Q'", id)});
 }
 
-bool PublicationStore::Take(const DeliveryReceipt& receipt, std::int64_t now) {
+bool PublicationStore::Store(const DeliveryReceipt& receipt, std::int64_t now) {
     const KelLock lock(mutex_);
     return database_.Write(
         {KelFormat("UPDATE Devices SET LastSeen = %gd WHERE GUID = '%Q'", now, receipt.guid),
-         TellTargets(receipt), TellHolder(receipt), AddHoldersAbove(receipt)});
+         UpdateTargets(receipt), UpdateHolder(receipt), AddHoldersAbove(receipt)});
 }
 
 KelResult<KelVector<PublicationSummary>> PublicationStore::List(const KelVector<KelString>& ids) {
@@ -174,10 +180,10 @@ KelResult<KelVector<PublicationSummary>> PublicationStore::List(const KelVector<
     for (std::size_t row = 0; row < publications.size(); ++row) {
         PublicationSummary& publication = publications[row];
         publication.id = rows->GetString(row, 0);
-        publication.fileType = rows->GetString(row, 1);
-        publication.fileLabel = rows->GetString(row, 2);
-        publication.fileName = rows->GetString(row, 3);
-        publication.fileChecksum = rows->GetString(row, 4);
+        publication.file.type = rows->GetString(row, 1);
+        publication.file.label = rows->GetString(row, 2);
+        publication.file.name = rows->GetString(row, 3);
+        publication.file.checksum = rows->GetString(row, 4);
         publication.fileSize = rows->GetInt64(row, std::size_t{5});
         publication.createTime = rows->GetInt64(row, std::size_t{6});
         publication.priority = static_cast<std::int32_t>(rows->GetInt64(row, std::size_t{7}));

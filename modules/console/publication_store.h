@@ -6,16 +6,14 @@
 #include "kel/mutex.h"
 #include "kel/result.h"
 #include "kel/types.h"
+#include "kelcore/file_key.h"
 #include "modules/console/console_database.h"
 #include "modules/console/device_report.h"
 
 /// A published file and how many of its targets have it.
 struct PublicationSummary {
     KelString id;
-    KelString fileType;
-    KelString fileLabel;
-    KelString fileName;
-    KelString fileChecksum;
+    FileKey file;
     std::int64_t fileSize = 0;    ///< bytes
     std::int64_t createTime = 0;  ///< seconds since the epoch
     std::int32_t priority = 100;
@@ -24,69 +22,72 @@ struct PublicationSummary {
     std::int32_t failed = 0;
 };
 
-/// What became of a publication on one device.
+/// The state of a publication on one device.
 struct PublicationTarget {
     KelString guid;
     KelString status;       ///< "pending", "delivered" or "failed"
-    std::int64_t time = 0;  ///< when the device told so, by its clock, seconds since the epoch; 0: it did not
+    std::int64_t time = 0;  ///< of the device's receipt, by its clock, seconds since the epoch; 0: none yet
     KelString message;
 };
 
-/// What is known of one device and a file's type, label and name.
+/// What is known about one device and a file's type, label and name.
 struct EarlierTarget {
     KelString guid;
     bool isSameContent = false;  ///< by the checksum
-    /// "delivered" or "failed": the device told so; empty: its store took the file on the way to others, or
-    /// was offered it; "pending": a publication waits for it. Only "delivered" and "pending" for another
-    /// content.
+    /// "delivered" or "failed": from the device's receipt; empty: its store took the file on the way to
+    /// others, or was offered it; "pending": a publication waits for it. Other contents are listed only when
+    /// "delivered" or "pending".
     KelString status;
     std::int64_t time = 0;  ///< as of a target
     KelString message;
 };
 
-/// Where a file stands on its targets, and what its offer reaches.
-struct SettledTargets {
+/// The state of a file on its targets before it goes out, and the devices that its offer reaches.
+struct TargetDecision {
     KelVector<PublicationTarget> targets;
-    KelVector<KelString> takers;  ///< the GUIDs of the pending targets and all on the ways to them, each once
+    KelVector<KelString> takers;  ///< GUIDs of the pending targets and of all devices on the way, each once
 };
 
-/// Decides where a file stands on its targets before it goes out. It may call nothing that takes a receipt.
-using TargetDecision = std::function<SettledTargets(const KelVector<EarlierTarget>&)>;
+/// Makes the decision from what is known about earlier publications. Called with the store's lock held: it
+/// must call nothing that stores a receipt.
+using DecideTargetsFunction = std::function<TargetDecision(const KelVector<EarlierTarget>&)>;
 
-/// The publications and their targets in the console's database, and the holders of what was published: the
-/// devices whose stores took a file. They are kept apart from the targets, since a store may take a file on
-/// its way to others or because somebody asked for it, and keeps it wherever its device moves. Any thread.
+/// The publications and their targets in the console's database, and the holders of published files: the
+/// devices whose stores took one. Holders are kept apart from targets, because a store may take a file on its
+/// way to others or on a user's request, and keeps it wherever its device moves in the tree. Any thread.
 class PublicationStore {
   public:
     explicit PublicationStore(ConsoleDatabase& database) : database_(database) {}
 
-    /// Adds a publication with the targets (each GUID once) on which `decide` settles from what is known: for
-    /// each device at most one entry of each status for the same content, of which "delivered", "failed" and
-    /// the empty one exclude each other, and of each for other contents, the latest delivery. The takers
-    /// become holders. Neither a receipt nor another publication comes between the look and the writing.
-    /// Returns the targets; an error, with nothing added, when the database does not answer.
+    /// Adds a publication with the targets (each GUID once) that `decide` returns. For each device `decide`
+    /// receives at most one entry of each status for the same content, of which "delivered", "failed" and the
+    /// empty one exclude each other, and at most one of each for other contents, the latest delivery. The
+    /// takers become holders. No receipt and no other publication is stored between the decision and its
+    /// writing. Returns the targets; an error, with nothing added, when the database cannot be read or
+    /// written.
     KelResult<KelVector<PublicationTarget>> Add(const PublicationSummary& publication,
-                                                const TargetDecision& decide);
+                                                const DecideTargetsFunction& decide);
 
-    /// Takes back a publication that did not come about, and the holders that it alone made.
+    /// Removes a publication whose offer failed, and the holders that exist only because of it.
     void Remove(const KelString& id);
 
-    /// Notes what a device told about a file, for all publications of it, and that the device lived at `now`
-    /// (seconds since the epoch). If the file was ever published, the device is a holder from now on, target
-    /// or not, and so are the devices above it as they reported themselves, through which the file came. A
-    /// receipt that is older than the known one changes no status. False when it could not be written.
-    bool Take(const DeliveryReceipt& receipt, std::int64_t now);
+    /// Stores a receipt for all publications of its file, and that the device was heard from at `now`
+    /// (seconds since the epoch). If the file was ever published, the device becomes a holder, target or not,
+    /// and so do the devices above it as they reported themselves, through which the file came. A receipt
+    /// that is older than the stored one changes no status. False when it could not be written.
+    bool Store(const DeliveryReceipt& receipt, std::int64_t now);
 
-    /// The publications, the latest first; with ids only those, as far as they are known.
+    /// The publications, the latest first; with ids only those; unknown ones are left out.
     KelResult<KelVector<PublicationSummary>> List(const KelVector<KelString>& ids);
 
     /// The targets of a publication by GUID.
     KelResult<KelVector<PublicationTarget>> ListTargets(const KelString& id);
 
   private:
-    KelResult<KelVector<EarlierTarget>> ListEarlierTargets(const PublicationSummary& publication);
+    KelResult<KelVector<EarlierTarget>> ListEarlierTargets(const PublicationSummary& publication)
+        KEL_REQUIRES(mutex_);
 
     ConsoleDatabase& database_;
     KelMutex
-        mutex_;  ///< the statuses of targets and holders: held from the look at them until they are written
+        mutex_;  ///< serialises changes of statuses: held from reading them until the new ones are written
 };

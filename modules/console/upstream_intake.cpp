@@ -1,45 +1,40 @@
 #include "modules/console/upstream_intake.h"
 
 #include "kelcore/error_codes.h"
+#include "kelcore/file_offer.h"
 
-namespace {
-
-constexpr unsigned int kNotReady = 44001;   ///< the file store offers the file again
-constexpr unsigned int kStaysHere = 44003;  ///< the file store keeps the file and sends it nowhere
-
-}  // namespace
-
-unsigned int UpstreamIntake::Take(const KelContainer& file, std::int64_t now) {
-    const KelString type = file.GetString("FileType");
+unsigned int UpstreamIntake::Receive(const KelContainer& file, std::int64_t now) {
+    const FileOffer offer = FileOffer::Read(file);
+    const KelString& type = offer.key.type;
     const bool isIdentity = type == "IdentityIdentity";
     if (!isIdentity && type != "DeliveryReceipt") return kKelOk;
-    const KelString source = file.GetString("SourceDevice");
-    const KelString path = file.GetString("FilePath");
+    const KelString source = offer.sourceDevice.value_or(KelString());
+    const KelString path = offer.filePath.value_or(KelString());
     const auto content = ReadReportFile(path);
     const auto isWritten = !content     ? KelResult<bool>(content.Error())
-                           : isIdentity ? TakeIdentity(*content, source, now)
-                                        : TakeReceipt(*content, source, now);
+                           : isIdentity ? StoreIdentity(*content, source, now)
+                                        : StoreReceipt(*content, source, now);
+    // An unusable file does not improve by coming again: only a failure of the database is worth a retry.
     if (!isWritten) {
         log_.Warning("The file %S of type %S from %S is ignored: %S\n", path, type, source,
                      isWritten.Error().message);
-        return kStaysHere;
+        return kKelAnswerStaysHere;
     }
-    return *isWritten ? kStaysHere : kNotReady;
+    return *isWritten ? kKelAnswerStaysHere : kKelAnswerTryLater;
 }
 
-KelResult<bool> UpstreamIntake::TakeIdentity(const KelContainer& content, const KelString& sourceDevice,
-                                             std::int64_t now) {
+KelResult<bool> UpstreamIntake::StoreIdentity(const KelContainer& content, const KelString& sourceDevice,
+                                              std::int64_t now) {
     const auto report = ReadIdentityReport(content, sourceDevice);
     if (!report) return report.Error();
-    log_.Detail("Device %S (%S) told who it is\n", report->device.guid, report->device.name);
-    return devices_.Take(*report, now);
+    log_.Detail("Device %S (%S) sent its identity\n", report->device.guid, report->device.name);
+    return devices_.Store(*report, now);
 }
 
-KelResult<bool> UpstreamIntake::TakeReceipt(const KelContainer& content, const KelString& sourceDevice,
-                                            std::int64_t now) {
+KelResult<bool> UpstreamIntake::StoreReceipt(const KelContainer& content, const KelString& sourceDevice,
+                                             std::int64_t now) {
     const auto receipt = ReadDeliveryReceipt(content, sourceDevice);
     if (!receipt) return receipt.Error();
-    log_.Detail("Device %S: %S/%S/%S is %S\n", receipt->guid, receipt->fileType, receipt->fileLabel,
-                receipt->fileName, receipt->status);
-    return publications_.Take(*receipt, now);
+    log_.Detail("Device %S: %S is %S\n", receipt->guid, receipt->file.Text(), receipt->status);
+    return publications_.Store(*receipt, now);
 }

@@ -4,25 +4,26 @@
 
 #include "kel/container.h"
 #include "kel/debug.h"
-#include "modules/console/device_store.h"
+#include "modules/console/device_directory.h"
 #include "modules/console/publication_store.h"
 
-/// Takes what the devices below send to the console: identity files and receipts. Any thread.
+/// Processes the files that the devices below send to the console: identity files and receipts. Any thread.
 class UpstreamIntake {
   public:
     UpstreamIntake(const KelDebug& log, DeviceStore& devices, PublicationStore& publications)
         : log_(log), devices_(devices), publications_(publications) {}
 
-    /// Takes the file that the arguments of the file store's event describe (FileType, SourceDevice,
-    /// FilePath), arrived at `now` (seconds since the epoch). Results: 44003 for the console's own types,
-    /// also for an unusable file, which is logged and changes nothing; 44001 when the database could not be
-    /// written, so that the file is offered again; 0 for any other type.
-    unsigned int Take(const KelContainer& file, std::int64_t now);
+    /// Processes the file that the arguments of the file store's event describe (FileType, SourceDevice,
+    /// FilePath), arrived at `now` (seconds since the epoch). Results: kKelAnswerStaysHere for the console's
+    /// own types, also for an unusable file, which is logged and changes nothing; kKelAnswerTryLater when the
+    /// database could not be written; 0 for any other type.
+    unsigned int Receive(const KelContainer& file, std::int64_t now);
 
   private:
-    KelResult<bool> TakeIdentity(const KelContainer& content, const KelString& sourceDevice,
+    KelResult<bool> StoreIdentity(const KelContainer& content, const KelString& sourceDevice,
+                                  std::int64_t now);
+    KelResult<bool> StoreReceipt(const KelContainer& content, const KelString& sourceDevice,
                                  std::int64_t now);
-    KelResult<bool> TakeReceipt(const KelContainer& content, const KelString& sourceDevice, std::int64_t now);
 
     const KelDebug& log_;
     DeviceStore& devices_;

@@ -21,6 +21,7 @@
 
 namespace {
 
+/// Smaller entries are too small to matter as a decompression bomb.
 constexpr std::uint64_t kRatioMatters = std::uint64_t{1} << 20;  // bytes
 constexpr std::size_t kBufferBytes = std::size_t{256} << 10;
 
@@ -42,7 +43,8 @@ KelError Refuse(unsigned int code, const char* problem, const KelString& entry) 
     return {code, KelFormat("%s: '%S'", problem, entry)};
 }
 
-/// Removes the folder that an archive is unpacked into.
+/// The folder that an archive is unpacked into, inside the destination so that its files can be renamed into
+/// place. Removed at the end of the scope.
 class Staging {
   public:
     explicit Staging(const KelString& destination)
@@ -107,7 +109,7 @@ class Inspection {
         if (stat.encryption_method != ZIP_EM_NONE)
             return Refuse(kExtractUnsafe, "an entry is encrypted", name);
         if (isFolder) return {};
-        if (!names_.insert(name).second) return Refuse(kExtractUnsafe, "an entry stands twice", name);
+        if (!names_.insert(name).second) return Refuse(kExtractUnsafe, "an entry occurs twice", name);
         if (stat.size > limits_.bytes - bytes_ ||
             (stat.size > kRatioMatters && stat.size / limits_.ratio > stat.comp_size))
             return Refuse(kExtractTooLarge, "an entry unpacks to too many bytes", name);
@@ -169,7 +171,7 @@ KelStatus Unpack(zip_t* archive, const Entry& entry, const KelString& path) {
     return {};
 }
 
-/// One flush of the file system stands for one of each file and folder.
+/// One flush of the whole file system instead of one for each file and folder.
 bool SyncFileSystemOf(const KelString& folder) {
     const UniqueFd fd(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     return fd && syncfs(fd.Get()) == 0;
@@ -192,8 +194,9 @@ KelStatus ExtractArchive(const KelString& archive, const KelString& destination,
     if (!FileExists(archive)) return Refuse(kKelErrorMissingContent, "there is no archive", archive);
     int problem = 0;
     const Zip zip(zip_open(archive.c_str(), ZIP_RDONLY | ZIP_CHECKCONS, &problem));
-    if (!zip && problem == ZIP_ER_EXISTS) return Refuse(kExtractUnsafe, "an entry stands twice in", archive);
-    if (!zip) return KelError{kExtractDamaged, KelFormat("no sound zip archive (libzip error %d)", problem)};
+    if (!zip && problem == ZIP_ER_EXISTS) return Refuse(kExtractUnsafe, "an entry occurs twice in", archive);
+    if (!zip)
+        return KelError{kExtractDamaged, KelFormat("not an intact zip archive (libzip error %d)", problem)};
     Inspection inspection(zip.get(), limits);
     if (KelStatus inspected = inspection.Run(); !inspected) return inspected;
 

@@ -5,7 +5,7 @@
 #include "kel/result.h"
 #include "kel/types.h"
 
-/// What an archive may hold at most.
+/// Limits for an archive; see ExtractArchive.
 struct ExtractionLimits {
     std::uint64_t entries = 10000;
     std::uint64_t bytes = std::uint64_t{4} << 30;  ///< unpacked, in all
@@ -17,9 +17,9 @@ inline constexpr unsigned int kExtractTooLarge = 16002;
 inline constexpr unsigned int kExtractDamaged = 16003;
 
 /// Unpacks the zip archive (APPNOTE 6.3) at `archive` into the folder `destination`, which is created. The
-/// whole archive is checked first and unpacked beside the destination, so that a refused or damaged one
-/// leaves nothing; files of the same name are replaced. On success all files are on the disk. Codes: 13 no
-/// such archive, the three above, 18 the destination cannot be written. Any thread; extractions into one
-/// destination may run concurrently.
+/// whole archive is checked first and unpacked to a temporary folder inside the destination, so that a
+/// refused or damaged one leaves nothing; files of the same name are replaced. On success all files are on
+/// the disk. Codes: 13 no such archive, the three above, 18 the destination cannot be written. Any thread;
+/// extractions into one destination may run concurrently.
 KelStatus ExtractArchive(const KelString& archive, const KelString& destination,
                          const ExtractionLimits& limits);

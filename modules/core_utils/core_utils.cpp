@@ -16,7 +16,7 @@ void CoreUtils::Register(const char* handle) {
 bool CoreUtils::Initialise() {
     IniFile ini;
     if (!ini.Open(IniPath())) {
-        Log().Error("%S cannot be read: mend or remove it\n", IniPath());
+        Log().Error("%S cannot be read; correct or remove it\n", IniPath());
         return false;
     }
     int entries = 0, megabytes = 0, ratio = 0;

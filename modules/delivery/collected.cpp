@@ -7,10 +7,10 @@
 #include "kel/file.h"
 #include "kel/format.h"
 #include "kelcore/device_name.h"
-#include "modules/delivery/stored_copy.h"
 
 namespace {
 
+/// The types that the console and the file store process themselves.
 constexpr std::array kTypesOfOthers = {"IdentityIdentity", "DeliveryReceipt", "FileStorePackedFiles",
                                        "PackageSyncInfo"};
 
@@ -33,9 +33,9 @@ KelString CollectedFiles::DeviceFolder(const KelString& device) {
 }
 
 KelResult<bool> CollectedFiles::Put(const KelString& device, const ReceivedFile& file) const {
-    const KelString path =
-        KelFormat("%S/%S/%S/%S/%S", root_, DeviceFolder(device), file.type, file.label, file.name);
-    if (HoldsContent(path, file.checksum)) return false;
+    const KelString path = KelFormat("%S/%S/%S/%S/%S", root_, DeviceFolder(device), file.key.type,
+                                     file.key.label, file.key.name);
+    if (HoldsContent(path, file.key.checksum)) return false;
     if (const KelStatus placed = PlaceCopy(file.sourcePath, path, workFolder_); !placed)
         return placed.Error();
     return true;
@@ -50,7 +50,7 @@ KelVector<CollectedFile> CollectedFiles::List() const {
                 for (const KelString& name : DirList(typeFolder + "/" + label)) {
                     const KelString path = typeFolder + "/" + label + "/" + name;
                     if (name.starts_with(kTempFilePrefix) || !FileExists(path)) continue;
-                    files.push_back({device, type, label, name, path, FileGetSize64(path)});
+                    files.push_back({device, {type, label, name, {}}, path, FileGetSize64(path)});
                 }
             }
         }

@@ -9,22 +9,20 @@
 /// A file that came up from a device below.
 struct CollectedFile {
     KelString device;  ///< GUID, or "unknown"
-    KelString type;
-    KelString label;
-    KelString name;
+    FileKey key;       ///< without the checksum
     KelString path;
     std::int64_t size = 0;  ///< bytes
 };
 
-/// What the master collects from the devices below: "<root>/<device GUID>/<type>/<label>/<name>". Set up
-/// once; then from any thread.
+/// The files that the master collects from the devices below, as "<root>/<device
+/// GUID>/<type>/<label>/<name>". Set up once; then from any thread.
 class CollectedFiles {
   public:
-    /// Copies are made in `workFolder`, on the same file system; what a kill left there is removed. Before
-    /// the other calls.
+    /// Copies are made in `workFolder`, which is on the same file system; what a killed process left there is
+    /// removed. Before the other calls.
     void SetFolders(const KelString& root, const KelString& workFolder);
 
-    /// False for the types that other modules take from the devices.
+    /// False for the types that other modules receive from the devices.
     static bool IsToBeCollected(const KelString& type);
 
     /// The GUID in `device`, a device URL ("host:port/GUID") or a GUID; "unknown" when it holds none.

@@ -7,7 +7,7 @@
 #include "kel/file.h"
 #include "kel/format.h"
 #include "kel/path.h"
-#include "modules/delivery/stored_copy.h"
+#include "kelcore/error_codes.h"
 
 namespace {
 
@@ -22,7 +22,7 @@ KelString FolderFrom(const KelString& text, const KelString& root) {
 KelStatus Inbox::Configure(const IniFile& ini, const KelString& root) {
     KelString folder;
     ini.GetEntryValue("Delivery", "Folder", folder, KelString("Inbox"));
-    if (folder.empty()) return KelError{1, "Delivery.ini: Folder is empty; name a folder"};
+    if (folder.empty()) return KelError{kKelErrorBadInput, "Delivery.ini: Folder is empty; name a folder"};
     folder_ = FolderFrom(folder, root);
     types_.clear();
     typeFolders_.clear();
@@ -30,7 +30,8 @@ KelStatus Inbox::Configure(const IniFile& ini, const KelString& root) {
         ini.GetEntryValue("Folders", type, folder, KelString());
         if (folder.empty() || !IsSafePathElement(type)) {
             return KelError{
-                1, KelFormat("Delivery.ini: the folder \"%S\" of the type \"%S\" is unusable", folder, type)};
+                kKelErrorBadInput,
+                KelFormat("Delivery.ini: the folder \"%S\" of the type \"%S\" is unusable", folder, type)};
         }
         types_.push_back(type);
         typeFolders_[type] = FolderFrom(folder, root);
@@ -39,13 +40,13 @@ KelStatus Inbox::Configure(const IniFile& ini, const KelString& root) {
 }
 
 KelString Inbox::PathOf(const ReceivedFile& file) const {
-    const auto own = typeFolders_.find(file.type);
-    const KelString folder = own != typeFolders_.end() ? own->second : folder_ + "/" + file.type;
-    return KelFormat("%S/%S/%S", folder, file.label, file.name);
+    const auto own = typeFolders_.find(file.key.type);
+    const KelString folder = own != typeFolders_.end() ? own->second : folder_ + "/" + file.key.type;
+    return KelFormat("%S/%S/%S", folder, file.key.label, file.key.name);
 }
 
 bool Inbox::Holds(const ReceivedFile& file) const {
-    return HoldsContent(PathOf(file), file.checksum);
+    return HoldsContent(PathOf(file), file.key.checksum);
 }
 
 KelStatus Inbox::Put(const ReceivedFile& file) const {
@@ -67,9 +68,7 @@ void Inbox::ListType(const KelString& folder, const KelString& type, KelVector<D
         for (const KelString& name : DirList(folder + "/" + label)) {
             if (name.starts_with(kTempFilePrefix)) continue;  // a copy in progress
             DeliveredFile file;
-            file.type = type;
-            file.label = label;
-            file.name = name;
+            file.key = {type, label, name, {}};
             file.path = KelFormat("%S/%S/%S", folder, label, name);
             if (Examine(file)) files.push_back(std::move(file));
         }
@@ -87,12 +86,13 @@ bool Inbox::Examine(DeliveredFile& file) {
         const auto known = known_.find(file.path);
         if (known != known_.end() && known->second.size == file.size &&
             known->second.changeTime == changeTime) {
-            file.checksum = known->second.checksum;
+            file.key.checksum = known->second.checksum;
             return true;
         }
     }
-    if (!FileMd5(file.path, file.checksum)) return false;
+    // Two callers may hash the same file at the same time, which costs less than a lock held while reading.
+    if (!FileMd5(file.path, file.key.checksum)) return false;
     const KelLock lock(mutex_);
-    known_[file.path] = {file.size, changeTime, file.checksum};
+    known_[file.path] = {file.size, changeTime, file.key.checksum};
     return true;
 }

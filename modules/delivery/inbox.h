@@ -8,36 +8,32 @@
 #include "kel/types.h"
 #include "modules/delivery/received_file.h"
 
-/// A file that lies in the inbox.
+/// A file in the inbox.
 struct DeliveredFile {
-    KelString type;
-    KelString label;
-    KelString name;
-    KelString checksum;  ///< MD5 of its content
+    FileKey key;  ///< the checksum is that of the content as it is now
     KelString path;
     std::int64_t size = 0;  ///< bytes
     std::int64_t time = 0;  ///< of its last change, seconds since the epoch
 };
 
-/// The folders that delivered files lie in: "<folder>/<type>/<label>/<name>", for a type with a folder of its
-/// own "<folder>/<label>/<name>". Configured once; then from any thread.
+/// The folders of delivered files: "<folder>/<type>/<label>/<name>", or "<folder>/<label>/<name>" for a type
+/// with a folder of its own. Configured once; then from any thread.
 class Inbox {
   public:
-    /// `root` is what relative folders of the ini file count from. An unusable folder is an error that names
-    /// it.
+    /// Relative folders of the ini file are relative to `root`. An unusable folder is an error that names it.
     KelStatus Configure(const IniFile& ini, const KelString& root);
 
     KelString PathOf(const ReceivedFile& file) const;
 
-    /// True when the file lies at its place with the content that its checksum tells.
+    /// True when the file is in its place and its content has the checksum.
     bool Holds(const ReceivedFile& file) const;
 
     /// Copies the file to its place, replacing another content atomically; on the disk when the call
-    /// succeeds. The copy is made beside that place, for a folder of the ini file may be on any file system.
+    /// succeeds. The copy is made next to its place, because a configured folder may be on any file system.
     KelStatus Put(const ReceivedFile& file) const;
 
-    /// All files, by type, label and name. Contents are read to hash them where they changed since the last
-    /// call.
+    /// All files, by type, label and name. Only contents that changed since the last call are read and
+    /// hashed.
     KelVector<DeliveredFile> List();
 
   private:
@@ -53,6 +49,6 @@ class Inbox {
     KelString folder_;                           ///< of the types without one of their own
     KelVector<KelString> types_;                 ///< with a folder of their own, in the order of the ini file
     KelHash<KelString, KelString> typeFolders_;  ///< by type
-    KelMutex mutex_;                             ///< known_ only; not held while a file is read
+    KelMutex mutex_;                             ///< not held while a file is read
     KelHash<KelString, KnownChecksum> known_ KEL_GUARDED_BY(mutex_);  ///< by path
 };

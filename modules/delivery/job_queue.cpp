@@ -7,6 +7,7 @@
 #include "kel/file.h"
 #include "kel/path.h"
 #include "kel/text.h"
+#include "kelcore/file_values.h"
 
 namespace {
 
@@ -33,7 +34,7 @@ std::optional<DeliveryJob> ReadJob(const KelContainer& container) {
     DeliveryJob job;
     job.file = *file;
     job.destination = container.GetString("Destination");
-    job.size = container.GetInt64("FileSize");
+    job.size = container.GetInt64(kValueFileSize);
     job.time = container.GetInt64("Time");
     job.outcome = *outcome;
     job.message = container.GetString("Message");
@@ -81,6 +82,8 @@ void JobQueue::LoadJob(const KelString& fileName) {
         return;
     }
     job->id = *number;
+    // Names are read in the order of the ids: of two open jobs for a destination, which a crash can leave,
+    // the newer one stays.
     if (job->outcome == DeliveryOutcome::Open) {
         DropOpenJobFor(job->file, job->destination);
         open_[job->destination] = job->id;
@@ -92,13 +95,13 @@ void JobQueue::LoadJob(const KelString& fileName) {
 void JobQueue::Keep(const DeliveryJob& job) const {
     KelContainer container = job.file.ToContainer();
     container.SetString("Destination", job.destination);
-    container.SetInt64("FileSize", job.size);
+    container.SetInt64(kValueFileSize, job.size);
     container.SetInt64("Time", job.time);
     container.SetString("Outcome", DeliveryOutcomeName(job.outcome));
     container.SetString("Message", job.message);
     if (const KelStatus kept = container.SaveToFile(PathOf(job.id)); !kept) {
-        log_.Error("What is left to do for %S would be forgotten if the agent stopped now: %S\n",
-                   job.destination, kept.Error().message);
+        log_.Error("The pending work for %S would be lost if the agent stopped now: %S\n", job.destination,
+                   kept.Error().message);
     }
 }
 
@@ -123,12 +126,12 @@ void JobQueue::EndOtherJobFor(const ReceivedFile& file, const KelString& destina
     const auto open = open_.find(destination);
     if (open == open_.end()) return;
     DeliveryJob& job = jobs_.at(open->second);
-    if (job.file.checksum == file.checksum) return;
-    Close(job, DeliveryOutcome::Failed, "Another content took its place before it was dealt with");
+    if (job.file.key.checksum == file.key.checksum) return;
+    Close(job, DeliveryOutcome::Failed, "Another content replaced it before it was processed");
     Keep(job);
 }
 
-/// Ends whatever job is open for a destination, since a new one comes.
+/// Ends the open job of a destination to make way for a new one.
 void JobQueue::DropOpenJobFor(const ReceivedFile& file, const KelString& destination) {
     EndOtherJobFor(file, destination);
     if (const auto open = open_.find(destination); open != open_.end()) Remove(std::uint64_t{open->second});
@@ -158,7 +161,7 @@ void JobQueue::Remove(std::uint64_t id) {
     const KelLock lock(mutex_);
     const auto job = jobs_.find(id);
     if (job == jobs_.end()) return;
-    Close(job->second, DeliveryOutcome::Delivered, {});
+    Close(job->second, DeliveryOutcome::Delivered, {});  // only to free its destination
     jobs_.erase(job);
     FileDelete(PathOf(id));
 }
@@ -167,6 +170,14 @@ bool JobQueue::IsOpen(std::uint64_t id) const {
     const KelLock lock(mutex_);
     const auto job = jobs_.find(id);
     return job != jobs_.end() && job->second.outcome == DeliveryOutcome::Open;
+}
+
+KelVector<DeliveryJob> JobQueue::ListOpen() const {
+    return List(true);
+}
+
+KelVector<DeliveryJob> JobQueue::ListConcluded() const {
+    return List(false);
 }
 
 KelVector<DeliveryJob> JobQueue::List(bool open) const {

@@ -8,14 +8,14 @@
 #include "kel/types.h"
 #include "modules/delivery/received_file.h"
 
-/// What became of a received file, as its receipt tells.
+/// The outcome for a received file, as its receipt states it.
 enum class DeliveryOutcome : unsigned char { Open, Delivered, Failed };
 
 /// "open", "delivered" or "failed".
 const char* DeliveryOutcomeName(DeliveryOutcome outcome);
 
-/// Something still to be done for a received file. While its outcome is open: copying it and running its
-/// command. Afterwards: handing over its receipt.
+/// Work left for a received file. While its outcome is open: to copy it and run its command. Afterwards: to
+/// hand over its receipt.
 struct DeliveryJob {
     std::uint64_t id = 0;
     ReceivedFile file;
@@ -24,33 +24,33 @@ struct DeliveryJob {
     std::int64_t time = 0;  ///< when the job came, seconds since the epoch
     DeliveryOutcome outcome = DeliveryOutcome::Open;
     KelString message;      ///< why it failed
-    bool isCopied = false;  ///< by this process; not kept on disk, since the content tells it
+    bool isCopied = false;  ///< by this process; not written to disk, because the content shows it
 };
 
-/// The jobs in the order in which they came, each kept in a file of its own ("<id>.xml", a container with the
-/// values of the received file and Destination, FileSize, Time, Outcome, Message), so that they outlive the
-/// agent. A destination has at most one open job. Any thread.
+/// The jobs in the order in which they came. Each is stored in a file of its own ("<id>.xml", a container
+/// with the values of the received file and Destination, FileSize, Time, Outcome, Message), so that it
+/// survives a restart of the agent. A destination has at most one open job. Any thread.
 class JobQueue {
   public:
     explicit JobQueue(const KelDebug& log) : log_(log) {}
 
-    /// Takes over the jobs kept in `folder`, which is created; false when it cannot be. Files that hold no
-    /// job are removed with a warning.
+    /// Loads the jobs from `folder`, which is created; false when it cannot be. Files that hold no job are
+    /// removed with a warning.
     bool Load(const KelString& folder);
 
-    /// Adds an open job and returns its id. An open one for the same destination ends: without a trace when
-    /// it is about the same content, else as failed. A job that cannot be kept on disk is an error in the log
-    /// and lives in memory only. `time`: seconds since the epoch.
+    /// Adds an open job and returns its id. An open job for the same destination ends: it is removed when it
+    /// is for the same content, else it has failed. A job that cannot be written to disk is logged as an
+    /// error and exists in memory only. `time`: seconds since the epoch.
     std::uint64_t Add(const ReceivedFile& file, const KelString& destination, std::int64_t size,
                       std::int64_t time);
 
-    /// Ends the open job of a destination as failed if it is about another content than `file`.
+    /// Ends the open job of a destination as failed if it is for another content than `file`.
     void EndOtherJobFor(const ReceivedFile& file, const KelString& destination);
 
     void SetCopied(std::uint64_t id);
 
-    /// Ends the work on an open job; its receipt is due now. With `keep` the outcome is written to disk:
-    /// needed where it cannot be found out again after a restart.
+    /// Ends the work on an open job; its receipt is now due. With `keep` the outcome is written to disk:
+    /// needed when it cannot be determined again after a restart.
     void SetOutcome(std::uint64_t id, DeliveryOutcome outcome, const KelString& message, bool keep);
 
     void Remove(std::uint64_t id);
@@ -58,8 +58,11 @@ class JobQueue {
     /// True while the job exists and its outcome is open.
     bool IsOpen(std::uint64_t id) const;
 
-    /// The open jobs, or those that wait for their receipt.
-    KelVector<DeliveryJob> List(bool open) const;
+    /// The jobs whose outcome is open.
+    KelVector<DeliveryJob> ListOpen() const;
+
+    /// The jobs that wait for their receipt to be handed over.
+    KelVector<DeliveryJob> ListConcluded() const;
 
   private:
     KelString PathOf(std::uint64_t id) const KEL_REQUIRES(mutex_);
@@ -67,6 +70,7 @@ class JobQueue {
     void Close(DeliveryJob& job, DeliveryOutcome outcome, const KelString& message) KEL_REQUIRES(mutex_);
     void Keep(const DeliveryJob& job) const KEL_REQUIRES(mutex_);
     void LoadJob(const KelString& fileName) KEL_REQUIRES(mutex_);
+    KelVector<DeliveryJob> List(bool open) const;
 
     const KelDebug& log_;
     mutable KelMutex mutex_;  ///< held across writes of the small job files

@@ -79,7 +79,7 @@ class LineReader {
     LineReader(UniqueFd pipe, const std::function<void(const KelString&)>& output)
         : pipe_(std::move(pipe)), output_(output) {}
 
-    /// Waits a moment for output and passes it on; false when no more can come.
+    /// Waits up to `milliseconds` for output and passes it on; false at the end of the output.
     bool ReadSome(int milliseconds) {
         if (!HasInput(milliseconds)) return true;
         std::array<char, kReadBytes> buffer{};
@@ -90,8 +90,8 @@ class LineReader {
         return count > 0;
     }
 
-    /// Passes on what the pipe holds by now, at most what it can hold: programs left behind may go on
-    /// writing.
+    /// Passes on what is still in the pipe, but no more than it can hold: child processes that the program
+    /// left running may write on.
     void Drain() {
         std::size_t reads = kPipeBytes / kReadBytes;
         while (reads-- > 0 && HasInput(0) && ReadSome(0)) {
@@ -128,7 +128,7 @@ class ProgramWatch {
     ProgramResult WaitFor(LineReader& reader) {
         bool hasOutput = true;
         int status = 0;
-        while (!HasEnded(status)) {
+        while (!Reap(status)) {
             if (hasOutput) {
                 hasOutput = reader.ReadSome(kPollMilliseconds);
             } else {
@@ -141,7 +141,8 @@ class ProgramWatch {
     }
 
   private:
-    bool HasEnded(int& status) const {
+    /// True when the program has ended; collects its status, which the system then forgets.
+    bool Reap(int& status) const {
         const pid_t ended = waitpid(pid_, &status, WNOHANG);
         return ended == pid_ || (ended < 0 && errno != EINTR);
     }
@@ -188,7 +189,7 @@ ProgramResult RunProgram(const Program& program) {
     if (const int error = SpawnSettings(writeEnd.Get()).Spawn(program, pid); error != 0) {
         return {ProgramResult::End::NotStarted, error};
     }
-    writeEnd.Reset();
+    writeEnd.Reset();  // the program's end of the pipe is now the only one, so reading it comes to an end
     LineReader reader(std::move(readEnd), program.output);
     return ProgramWatch(program, pid).WaitFor(reader);
 }

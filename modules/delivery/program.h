@@ -12,17 +12,18 @@ struct ProgramResult {
     int code = 0;  ///< errno, exit code or signal number, by `end`
 };
 
-/// A program to run. It gets no input and no open files; its output goes line by line to a function.
+/// A program to run. It has no input and no open files; its output goes line by line to a function.
 struct Program {
     KelVector<KelString> arguments;    ///< the first is the absolute path of the program
-    KelVector<KelString> environment;  ///< "NAME=value", beside this process's own
+    KelVector<KelString> environment;  ///< "NAME=value", in addition to this process's own
     std::chrono::milliseconds timeout = std::chrono::minutes(5);
-    std::function<bool()> cancelled;               ///< asked several times a second; true ends the program
-    std::function<void(const KelString&)> output;  ///< takes a line without its end, at most kMaxLineBytes
+    std::function<bool()> cancelled;               ///< called several times a second; true ends the program
+    std::function<void(const KelString&)> output;  ///< receives each line without its end
 };
 
+/// Longer lines of output are cut into pieces of this size.
 inline constexpr std::size_t kMaxLineBytes = 1024;
 
 /// Runs a program in a process group of its own and waits for it. At the time-out and on cancellation the
-/// whole group gets SIGTERM and two seconds later SIGKILL. Any thread, concurrently.
+/// whole group receives SIGTERM, and SIGKILL two seconds later. Any thread, concurrently.
 ProgramResult RunProgram(const Program& program);

@@ -5,26 +5,25 @@
 #include "kel/path.h"
 #include "kelcore/action_db.h"
 #include "kelcore/error_codes.h"
+#include "kelcore/file_offer.h"
+#include "kelcore/file_values.h"
 
 namespace {
 
-constexpr std::size_t kMd5Digits = 32;  ///< what else may stand there would make a name too long for a file
+constexpr std::size_t kMd5Digits =
+    32;  ///< a longer text in its place could make the name too long for a file
 
-KelString Ask(const char* action, const char* valueName) {
+KelString AskModule(const char* action, const char* valueName) {
     KelContainer answer;
-    const auto code = ActionDbInvokeContainer(nullptr, {}, action, answer, 0, -1, -1, nullptr);
-    return code == kKelOk ? answer.GetString(valueName) : KelString();
+    return CallLocal(action, answer) == kKelOk ? answer.GetString(valueName) : KelString();
 }
 
 KelContainer ContentOf(const DeliveryJob& job, const KelString& guid, const KelString& deviceUrl) {
     KelContainer content;
     content.SetString("GUID", guid);
     content.SetString("DeviceUrl", deviceUrl);
-    content.SetString("FileType", job.file.type);
-    content.SetString("FileLabel", job.file.label);
-    content.SetString("FileName", job.file.name);
-    content.SetString("FileChecksum", job.file.checksum);
-    content.SetInt64("FileSize", job.size);
+    job.file.key.Write(content);
+    content.SetInt64(kValueFileSize, job.size);
     content.SetString("Status", DeliveryOutcomeName(job.outcome));
     content.SetString("Message", job.message);
     content.SetInt64("Time", job.time);
@@ -32,14 +31,14 @@ KelContainer ContentOf(const DeliveryJob& job, const KelString& guid, const KelS
 }
 
 KelContainer OfferOf(const DeliveryJob& job, const KelString& guid, const KelString& path) {
-    KelContainer offer;
-    offer.SetString("FileType", "DeliveryReceipt");
-    offer.SetString("FileLabel", job.file.type);
-    offer.SetString("FileName",
-                    KelFormat("%S-%S-%gd.xml", guid, job.file.checksum.substr(0, kMd5Digits), job.time));
-    offer.SetBool("Upstream", true);
-    offer.SetString("MovePath", path);
-    return offer;
+    const FileKey& file = job.file.key;
+    FileOffer offer;
+    offer.key.type = "DeliveryReceipt";
+    offer.key.label = file.type;
+    offer.key.name = KelFormat("%S-%S-%gd.xml", guid, file.checksum.substr(0, kMd5Digits), job.time);
+    offer.upstream = true;
+    offer.movePath = path;
+    return offer.ToContainer();  // without a checksum: the file store computes it
 }
 
 }  // namespace
@@ -51,18 +50,17 @@ void ReceiptSender::SetFolder(const KelString& folder) {
 }
 
 bool ReceiptSender::Send(const DeliveryJob& job) {
-    const KelString guid = Ask("IdentityGetGUID", "GUID");
-    const KelString deviceUrl = Ask("FileStoreGetDeviceUrl", "DeviceUrl");
+    const KelString guid = AskModule("IdentityGetGUID", "GUID");
+    const KelString deviceUrl = AskModule("FileStoreGetDeviceUrl", "DeviceUrl");
     if (guid.empty() || deviceUrl.empty()) return Fail("The modules Identity and FileStore do not answer");
     KelString path;
     if (!PathCreate(folder_) || !ContentOf(job, guid, deviceUrl).SaveToTempFile(path, folder_)) {
         return Fail(KelFormat("A receipt cannot be written in %S; check its rights and free space", folder_));
     }
     KelContainer offer = OfferOf(job, guid, path);
-    const unsigned int code =
-        ActionDbInvokeContainer(nullptr, {}, "FileStoreReceiveFile", offer, 0, -1, -1, nullptr);
+    const unsigned int code = CallLocal("FileStoreReceiveFile", offer);
     if (code != kKelOk) {
-        FileDelete(path);
+        FileDelete(path);  // the next try writes it again
         return Fail(KelFormat("The file store did not take a receipt, error %u; see its log", code));
     }
     problem_.clear();

@@ -1,44 +1,70 @@
 #include "modules/delivery/received_file.h"
 
+#include "kel/checksum.h"
 #include "kel/file.h"
 #include "kel/format.h"
 #include "kel/path.h"
+#include "kel/text.h"
+#include "kelcore/error_codes.h"
+#include "kelcore/file_offer.h"
+#include "kelcore/file_values.h"
 
 namespace {
 
 KelStatus CheckElement(const char* valueName, const KelString& value) {
     if (IsSafePathElement(value)) return {};
-    return KelError{1, KelFormat("%s \"%S\" cannot be part of a path", valueName, value)};
+    return KelError{kKelErrorBadInput, KelFormat("%s \"%S\" cannot be part of a path", valueName, value)};
+}
+
+KelStatus CheckKey(const FileKey& key) {
+    if (KelStatus checked = CheckElement(kValueFileType, key.type); !checked) return checked;
+    if (KelStatus checked = CheckElement(kValueFileLabel, key.label); !checked) return checked;
+    if (KelStatus checked = CheckElement(kValueFileName, key.name); !checked) return checked;
+    if (KelStatus checked = CheckElement(kValueFileChecksum, key.checksum); !checked) return checked;
+    // A copy under such a name would be removed as one that was left unfinished.
+    if (key.name.starts_with(kTempFilePrefix)) {
+        return KelError{kKelErrorBadInput,
+                        KelFormat("FileName \"%S\" is reserved for unfinished files", key.name)};
+    }
+    return {};
 }
 
 }  // namespace
 
 KelContainer ReceivedFile::ToContainer() const {
-    KelContainer container;
-    container.SetString("FileType", type);
-    container.SetString("FileLabel", label);
-    container.SetString("FileName", name);
-    container.SetString("FileChecksum", checksum);
-    container.SetString("FilePath", sourcePath);
-    return container;
+    FileOffer offer;
+    offer.key = key;
+    offer.filePath = sourcePath;
+    return offer.ToContainer();
 }
 
 KelResult<ReceivedFile> ReadReceivedFile(const KelContainer& arguments) {
-    ReceivedFile file;
-    file.type = arguments.GetString("FileType");
-    file.label = arguments.GetString("FileLabel");
-    file.name = arguments.GetString("FileName");
-    file.checksum = arguments.GetString("FileChecksum");
-    file.sourcePath = arguments.GetString("FilePath");
-    if (KelStatus checked = CheckElement("FileType", file.type); !checked) return checked.Error();
-    if (KelStatus checked = CheckElement("FileLabel", file.label); !checked) return checked.Error();
-    if (KelStatus checked = CheckElement("FileName", file.name); !checked) return checked.Error();
-    if (KelStatus checked = CheckElement("FileChecksum", file.checksum); !checked) return checked.Error();
-    if (file.name.starts_with(kTempFilePrefix)) {
-        return KelError{1, KelFormat("FileName \"%S\" is kept for files that are not finished", file.name)};
-    }
+    ReceivedFile file{FileKey::Read(arguments), arguments.GetString(kValueFilePath)};
+    if (const KelStatus checked = CheckKey(file.key); !checked) return checked.Error();
     if (file.sourcePath.empty() || file.sourcePath.front() != '/') {
-        return KelError{1, KelFormat("FilePath \"%S\" is no absolute path", file.sourcePath)};
+        return KelError{kKelErrorBadInput,
+                        KelFormat("FilePath \"%S\" is not an absolute path", file.sourcePath)};
     }
     return file;
+}
+
+bool HoldsContent(const KelString& path, const KelString& checksum) {
+    KelString present;
+    return FileExists(path) && FileMd5(path, present) && IsEqualTo(present, checksum, false);
+}
+
+KelStatus PlaceCopy(const KelString& source, const KelString& path, const KelString& workFolder) {
+    KelString folder;
+    KelString name;
+    SplitPath(path, folder, name);
+    for (const KelString& needed : {folder, workFolder}) {
+        if (!needed.empty() && !PathCreate(needed))
+            return KelError{kKelErrorInternal,
+                            KelFormat("The folder %S cannot be created; check its rights", needed)};
+    }
+    if (!FileCopy(source, path, false, workFolder)) {
+        return KelError{kKelErrorInternal,
+                        KelFormat("%S cannot be copied to %S; check free space and rights", source, path)};
+    }
+    return {};
 }

@@ -13,8 +13,7 @@ enum class BodyFormat : unsigned char { Xml, Json };
 /// The format that a media type names; nothing for any other. An empty text names XML.
 std::optional<BodyFormat> FormatOfContentType(std::string_view type);
 
-/// The format of the answer that an Accept field asks for: JSON when it is named and XML is not preferred by
-/// standing before it, else XML.
+/// The format that an Accept field asks for: the first of JSON and XML that it names, else XML.
 BodyFormat FormatOfAccept(std::string_view accept);
 
 struct ActionCall {
@@ -26,14 +25,15 @@ struct ActionCall {
 };
 
 struct ActionAnswer {
-    unsigned int status = 200;  ///< 200, 400 (body: what is malformed) or 404
+    unsigned int status = 200;  ///< 200, 400 (body: what is malformed), 404, or 500 when the action threw
     unsigned int result = 0;    ///< the action's own
     const char* contentType = "text/plain";
     KelString body;
 };
 
-/// Calls an action of this device with the container in the body, its value HttpProtocolRequestInfo replaced
-/// by one that names the peer. Blocks for as long as the action does; never throws.
+/// Calls an action of this device with the container in the body. Its value HttpProtocolRequestInfo is
+/// replaced by one that names the peer, so that a caller cannot forge it. Blocks while the action runs; never
+/// throws.
 ActionAnswer RunActionCall(const ActionCall& call);
 
 }  // namespace kelhttp

@@ -1,7 +1,10 @@
 #include "modules/http_protocol/alias_table.h"
 
+#include <fcntl.h>
+#include <cerrno>
 #include <mutex>
 
+#include "kel/file.h"
 #include "kel/path.h"
 #include "kel/text.h"
 
@@ -24,6 +27,19 @@ bool IsUsableName(std::string_view name) {
 }
 
 }  // namespace
+
+std::shared_ptr<const UniqueFd> RootFolder::Folder(bool again) const {
+    const KelLock lock(mutex_);
+    if (!folder_ || again)
+        folder_ = std::make_shared<const UniqueFd>(::open(path_.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    return folder_;
+}
+
+UniqueFd RootFolder::Open(const KelString& name, int flags) const {
+    UniqueFd opened = FileOpenBeneath(*Folder(false), name, flags);
+    if (opened || (errno != ENOENT && errno != EBADF)) return opened;
+    return FileOpenBeneath(*Folder(true), name, flags);
+}
 
 void AliasTable::SetWritable(const KelVector<KelString>& names) {
     const std::unique_lock lock(mutex_);

@@ -8,7 +8,7 @@
 
 namespace kelhttp {
 
-/// Whom a channel tells about the end of an operation; on the channel's I/O thread.
+/// Receives a channel's completions, on the channel's I/O thread.
 class ChannelUser {
   public:
     virtual ~ChannelUser() = default;
@@ -19,8 +19,8 @@ class ChannelUser {
 };
 
 /// A connected stream. Everything runs on the thread of one I/O loop. At most one read and one write (Write
-/// or SendFile) are in progress at a time; each keeps its user alive until it has told it the end. After
-/// Close, operations in progress end with ok false.
+/// or SendFile) are in progress at a time; each keeps its user alive until it has completed. After Close,
+/// operations in progress complete with ok false.
 class Channel {
   public:
     using User = std::shared_ptr<ChannelUser>;
@@ -28,24 +28,25 @@ class Channel {
 
     virtual ~Channel() = default;
 
-    /// Does what comes before the first byte (a TLS handshake), then calls OnOpened, maybe at once.
+    /// Makes the connection ready for its first byte (the TLS handshake), then calls OnOpened, possibly at
+    /// once.
     virtual void Open(const User& user) = 0;
 
-    /// Waits for bytes, then puts them into `into`. `into` is not written to while the wait lasts, so that
-    /// many channels may wait with the same buffer; the user must be done with it when OnRead returns.
+    /// Waits for bytes, then writes them to `into`. `into` is not touched while it waits, so that many
+    /// channels can wait with the same buffer; the user must have finished with it when OnRead returns.
     virtual void Read(std::span<char> into, const User& user) = 0;
 
-    /// Sends `data`, which must stay until the end.
+    /// Sends `data`, which must stay valid until the write completes.
     virtual Outcome Write(std::string_view data, const User& user) = 0;
 
-    /// Sends `length` bytes of the file `fd` from `offset` on; `fd` must stay open until the end.
+    /// Sends `length` bytes of the file `fd` from `offset` on; `fd` must stay open until then.
     virtual Outcome SendFile(int fd, std::uint64_t offset, std::uint64_t length, const User& user) = 0;
 
     virtual void ShutdownSend() = 0;
     virtual void Close() = 0;
 
     virtual bool IsEncrypted() const = 0;
-    /// Bytes sent so far: tells a slow peer from one that takes nothing.
+    /// Bytes sent so far: distinguishes a slow peer from one that has stopped reading.
     virtual std::uint64_t BytesSent() const = 0;
 };
 

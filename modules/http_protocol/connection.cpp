@@ -7,7 +7,7 @@ namespace kelhttp {
 namespace {
 
 constexpr std::chrono::seconds kLingerTime{2};
-/// Buffers larger than this are given back while the connection is idle.
+/// Larger buffers are freed while the connection is idle.
 constexpr std::size_t kIdleBufferBytes = 1024;
 
 }  // namespace
@@ -39,6 +39,8 @@ void Connection::Enter(State state) {
     since_ = Clock::now();
     windowBytes_ = 0;
     headBegun_ = false;
+    blankBytes_ = 0;
+    headSearched_ = 0;
 }
 
 void Connection::OnOpened(bool ok) {
@@ -60,7 +62,7 @@ void Connection::OnRead(bool ok, std::size_t count) {
         case State::Lingering:
             return ReadMore();
         case State::Head:
-            // Once: line ends before a head are dropped and must not give it more time.
+            // Only once: empty lines before a head must not give it more time.
             if (!std::exchange(headBegun_, true)) since_ = Clock::now();
             [[fallthrough]];
         default:
@@ -102,7 +104,7 @@ void Connection::ProcessInput() {
                 break;
             }
             default:
-                return;  // an operation in progress calls again
+                return;  // the operation in progress will call again
         }
         if (!more) return ReadMore();
     }
@@ -113,7 +115,8 @@ void Connection::ReadMore() {
     std::span<char> into = loop_.Scratch();
     if (state_ == State::PutBody)
         into = {chunk_.get() + chunkUsed_, std::min<std::uint64_t>(chunkSize_ - chunkUsed_, bodyLeft_)};
-    if (state_ == State::Head && !input_.empty()) headBegun_ = true;  // came with the request before
+    if (state_ == State::Head && !input_.empty())
+        headBegun_ = true;  // its first bytes came with the previous request
     if (state_ == State::Head && input_.empty()) {
         if (input_.capacity() > kIdleBufferBytes) input_ = {};
         if (output_.capacity() > kIdleBufferBytes) output_ = {};
@@ -137,7 +140,7 @@ void Connection::OnTick(Clock::time_point now) {
         case State::ActionBody:
         case State::PutBody:
         case State::Discarding:
-            late = IsBodyTooSlow(now);
+            late = !MeasureBodyRate(now);
             break;
         case State::Sending:
             if (channel_->BytesSent() != windowBytes_) {
@@ -156,15 +159,16 @@ void Connection::OnTick(Clock::time_point now) {
     if (late) Close();
 }
 
-bool Connection::IsBodyTooSlow(Clock::time_point now) {
+/// Ends the window in which the rate is measured when it is over; false when the body came too slowly in it.
+bool Connection::MeasureBodyRate(Clock::time_point now) {
     const ServerSettings& settings = context_.settings;
-    if (now - since_ < std::chrono::seconds(settings.minBodyRateTime)) return false;
+    if (now - since_ < std::chrono::seconds(settings.minBodyRateTime)) return true;
     const auto least = static_cast<std::uint64_t>(settings.minBodyRate) *
                        static_cast<std::uint64_t>(settings.minBodyRateTime);
-    if (windowBytes_ < least) return true;
+    if (windowBytes_ < least) return false;
     since_ = now;
     windowBytes_ = 0;
-    return false;
+    return true;
 }
 
 void Connection::BeginWork() {

@@ -16,12 +16,12 @@
 
 namespace kelhttp {
 
-/// One connection of a client: its requests one after the other, further ones waiting in the socket or in the
-/// input buffer. Everything runs on the thread of its loop; workers come back through the loop.
+/// One connection of a client. It processes its requests one after the other; further ones wait in the socket
+/// or in the input buffer. Everything runs on the thread of its loop; workers post their results to the loop.
 ///
 /// Opening -> Head -> (Continuing ->) ActionBody | PutBody <-> Working -> Sending -> Discarding -> Head ...
 ///                 -> Sending                                          -> Lingering -> Closed
-/// Closed is reached from everywhere. Exactly one read is in progress in Head, ActionBody, PutBody,
+/// Closed can be reached from every state. Exactly one read is in progress in Head, ActionBody, PutBody,
 /// Discarding and Lingering once their input is used up, none in the other states.
 class Connection final : public ChannelUser,
                          public LoopMember,
@@ -59,18 +59,20 @@ class Connection final : public ChannelUser,
     void Close();
 
     // Requests (connection_requests.cpp). Each ends in a response or another state.
+    bool SkipBlankLines();
     bool TakeHead();
+    bool RefuseHead(unsigned int status);
     void Route(const RequestHead& request);
-    bool CheckCredentials(const RequestHead& request);
-    void RouteGet(const RequestHead& request);
-    void RouteAction(const RequestHead& request);
-    void RoutePut(const RequestHead& request);
-    void AcceptBody(const RequestHead& request, State state);
+    bool Authenticate(const RequestHead& request);
+    void AnswerGet(const RequestHead& request);
+    void AcceptAction(const RequestHead& request);
+    void AcceptBody(State state);
     bool TakeActionBody();
     void CallAction();
     void FinishAction(ActionAnswer& answer);
 
-    // Uploads (connection_upload.cpp).
+    // Uploads (connection_put.cpp).
+    void AcceptPut(const RequestHead& request);
     bool TakePutBody();
     template <class Step>
     void RunUploadStep(Step step, void (Connection::*then)(unsigned int));
@@ -82,7 +84,7 @@ class Connection final : public ChannelUser,
 
     // Responses (connection_response.cpp).
     void Respond(unsigned int status, std::string_view headers, std::string_view body);
-    /// A response whose body is the reason, or `text`.
+    /// A response with the body `text`, or the reason phrase of the status.
     void RespondError(unsigned int status, std::string_view text = {});
     void RespondFile(ServedFile file);
     void Advance(Channel::Outcome outcome);
@@ -90,7 +92,7 @@ class Connection final : public ChannelUser,
     void Linger();
     std::string_view ConnectionField() const;
 
-    bool IsBodyTooSlow(Clock::time_point now);
+    bool MeasureBodyRate(Clock::time_point now);
     void BeginWork();
     void EndWork();
 
@@ -103,23 +105,25 @@ class Connection final : public ChannelUser,
     bool keepAlive_ = false;
     bool version11_ = true;
     bool served_ = false;     ///< a request has been answered
-    bool headBegun_ = false;  ///< in Head: a byte has come since the request before
-    bool working_ = false;    ///< entered as working in the table of peers
+    bool headBegun_ = false;  ///< in Head: a byte has come since the previous request
+    bool working_ = false;    ///< counted as working in the table of peers
     DigestAuth::Memory authMemory_;
 
     KelString input_;  ///< received and not used yet
     KelString output_;
     ServedFile file_;
-    std::uint64_t bodyLeft_ = 0;  ///< bytes of the request's body still to come (those in input_ included)
-    bool hasExpectation_ = false;
+    std::uint64_t bodyLeft_ = 0;    ///< bytes of the request's body still to come (those in input_ included)
+    bool hasExpectation_ = false;   ///< the peer waits for 100 (Continue) before it sends the body
+    std::size_t blankBytes_ = 0;    ///< in Head: bytes of empty lines skipped so far
+    std::size_t headSearched_ = 0;  ///< in Head: bytes of input_ in which the head does not end
 
     std::unique_ptr<ActionCall> call_;
     std::shared_ptr<PutUpload> upload_;
-    std::shared_ptr<char[]> chunk_;  ///< body bytes on their way to the upload; a worker may outlive us
+    std::shared_ptr<char[]> chunk_;  ///< body bytes for the upload; a worker may outlive the connection
     std::size_t chunkSize_ = 0;
     std::size_t chunkUsed_ = 0;
 
-    Clock::time_point since_;  ///< start of the state, of the head, or of a rate or progress window
+    Clock::time_point since_;  ///< start of the state, the head, or the window in which progress is measured
     std::uint64_t windowBytes_ = 0;
 };
 

@@ -1,3 +1,7 @@
+// Requests of the class Connection, except for uploads.
+
+#include <algorithm>
+
 #include "modules/http_protocol/connection.h"
 #include "modules/http_protocol/request_path.h"
 
@@ -5,24 +9,34 @@ namespace kelhttp {
 namespace {
 
 constexpr std::string_view kActionPrefix = "/Action/";
-/// What is set aside for an announced body before its bytes come.
+/// The most that is reserved for an announced body before its bytes come.
 constexpr std::uint64_t kFirstReserve = 256 << 10;
+/// Empty lines before a request are skipped up to this size.
+constexpr std::size_t kMaxBlankBytes = 1024;
 
 }  // namespace
 
+/// Removes the empty lines before a request, which some clients send after a body (RFC 9112, section 2.2);
+/// false when there are too many.
+bool Connection::SkipBlankLines() {
+    std::size_t count = 0;
+    while (std::string_view(input_).substr(count).starts_with("\r\n"))
+        count += 2;
+    input_.erase(0, count);
+    blankBytes_ += count;
+    return blankBytes_ <= kMaxBlankBytes;
+}
+
 /// Takes a request from the input; false when more of it must be read.
 bool Connection::TakeHead() {
-    while (input_.starts_with("\r\n"))
-        input_.erase(0, 2);  // left over by some clients behind a body
-    const std::size_t end = FindHeadEnd(input_);
-    const auto limit = static_cast<std::size_t>(context_.settings.maxHeaderBytes);
     bodyLeft_ = 0;
     hasExpectation_ = false;
-    if (std::min(end, input_.size()) > limit) {
-        keepAlive_ = false;
-        RespondError(431);
-        return true;
-    }
+    if (!SkipBlankLines()) return RefuseHead(400);
+    const std::size_t end = FindHeadEnd(input_, headSearched_);
+    // A line end among the last two bytes may turn out to be the end of the head.
+    headSearched_ = input_.size() - std::min<std::size_t>(input_.size(), 2);
+    if (std::min(end, input_.size()) > static_cast<std::size_t>(context_.settings.maxHeaderBytes))
+        return RefuseHead(431);
     if (end == std::string_view::npos) return false;
 
     RequestHead request;
@@ -41,22 +55,30 @@ bool Connection::TakeHead() {
     return true;
 }
 
+/// Answers a request whose head cannot be read to its end; nothing behind it can be understood either.
+bool Connection::RefuseHead(unsigned int status) {
+    keepAlive_ = false;
+    RespondError(status);
+    return true;
+}
+
 void Connection::Route(const RequestHead& request) {
-    if (!CheckCredentials(request)) return;
+    if (!Authenticate(request)) return;
     switch (request.method) {
         case Method::Get:
         case Method::Head:
-            return RouteGet(request);
+            return AnswerGet(request);
         case Method::Post:
-            return RouteAction(request);
+            return AcceptAction(request);
         case Method::Put:
-            return RoutePut(request);
+            return AcceptPut(request);
         case Method::Other:
             return Respond(405, "Allow: GET, HEAD, POST, PUT\r\nContent-Length: 0\r\n", {});
     }
 }
 
-bool Connection::CheckCredentials(const RequestHead& request) {
+/// False when the request was answered with 401.
+bool Connection::Authenticate(const RequestHead& request) {
     const std::string_view authorization = request.Field("Authorization");
     const Clock::time_point now = Clock::now();
     DigestAuth::Verdict verdict = DigestAuth::Verdict::Refused;
@@ -68,7 +90,7 @@ bool Connection::CheckCredentials(const RequestHead& request) {
     const bool stale = verdict == DigestAuth::Verdict::Stale;
     if (!authorization.empty() && !stale)
         context_.log.Warning(
-            "Request from %S with wrong credentials refused. Check name and password there.\n",
+            "Request from %S with wrong credentials refused. Check name and password on that device.\n",
             peer_.ToText());
     Respond(401,
             context_.auth.Challenge(peer_, channel_->IsEncrypted(), stale, now) + "Content-Length: 0\r\n",
@@ -76,7 +98,7 @@ bool Connection::CheckCredentials(const RequestHead& request) {
     return false;
 }
 
-void Connection::RouteGet(const RequestHead& request) {
+void Connection::AnswerGet(const RequestHead& request) {
     const std::optional<KelString> path = DecodeRequestPath(request.target);
     const std::optional<AliasMatch> place = path ? context_.aliases.Find(*path) : std::nullopt;
     ServedFile file;
@@ -88,7 +110,7 @@ void Connection::RouteGet(const RequestHead& request) {
     RespondFile(std::move(file));
 }
 
-void Connection::RouteAction(const RequestHead& request) {
+void Connection::AcceptAction(const RequestHead& request) {
     if (request.chunked) return RespondError(411);
     const std::optional<KelString> path = DecodeRequestPath(request.target);
     if (!path || !path->starts_with(kActionPrefix)) return RespondError(404);
@@ -101,12 +123,12 @@ void Connection::RouteAction(const RequestHead& request) {
     call_->answerFormat = FormatOfAccept(request.Field("Accept"));
     call_->peer = peer_;
     call_->body.reserve(std::min(bodyLeft_, kFirstReserve));
-    AcceptBody(request, State::ActionBody);
+    AcceptBody(State::ActionBody);
 }
 
-/// Goes on to `state`, which reads the body, when the peer has been told to send it.
-void Connection::AcceptBody(const RequestHead& request, State state) {
-    if (!request.expectContinue || bodyLeft_ == 0) return Enter(state);
+/// Goes on to `state`, which reads the body; a peer that waits for 100 (Continue) is sent that first.
+void Connection::AcceptBody(State state) {
+    if (!hasExpectation_ || bodyLeft_ == 0) return Enter(state);
     hasExpectation_ = false;
     afterContinue_ = state;
     output_ = "HTTP/1.1 100 Continue\r\n\r\n";
@@ -116,6 +138,7 @@ void Connection::AcceptBody(const RequestHead& request, State state) {
     if (outcome == Channel::Outcome::Done) Enter(state);
 }
 
+/// Moves the body from the input to the call; false when more of it must be read.
 bool Connection::TakeActionBody() {
     const std::size_t count = std::min<std::uint64_t>(bodyLeft_, input_.size());
     call_->body.append(input_, 0, count);

@@ -1,16 +1,84 @@
+// Responses of the class Connection.
+
 #include <unistd.h>
+#include <array>
 #include <cerrno>
+#include <ctime>
+#include <string>
+#include <utility>
 
 #include "modules/http_protocol/connection.h"
-#include "modules/http_protocol/response_head.h"
 
 namespace kelhttp {
 namespace {
 
 /// Files up to this size go out in one piece with the head.
 constexpr std::uint64_t kSmallFileBytes = 64 << 10;
-/// A body that nobody wants is read up to this length to keep the connection.
+/// An unwanted body is read and thrown away up to this length to keep the connection.
 constexpr std::uint64_t kDiscardBytes = 256 << 10;
+
+struct Reason {
+    unsigned int status;
+    std::string_view text;
+};
+
+constexpr Reason kReasons[] = {
+    {200, "OK"},
+    {201, "Created"},
+    {204, "No Content"},
+    {206, "Partial Content"},
+    {304, "Not Modified"},
+    {400, "Bad Request"},
+    {401, "Unauthorized"},
+    {403, "Forbidden"},
+    {404, "Not Found"},
+    {405, "Method Not Allowed"},
+    {409, "Conflict"},
+    {411, "Length Required"},
+    {413, "Content Too Large"},
+    {415, "Unsupported Media Type"},
+    {416, "Range Not Satisfiable"},
+    {417, "Expectation Failed"},
+    {431, "Request Header Fields Too Large"},
+    {500, "Internal Server Error"},
+    {503, "Service Unavailable"},
+    {505, "HTTP Version Not Supported"},
+    {507, "Insufficient Storage"},
+};
+
+/// The present time as an HTTP date, formatted at most once a second by each thread.
+std::string_view DateText() {
+    thread_local std::time_t made = 0;
+    thread_local std::array<char, 32> text{};
+    thread_local std::size_t length = 0;
+    const std::time_t now = std::time(nullptr);
+    if (now != made) {
+        std::tm parts{};
+        ::gmtime_r(&now, &parts);
+        length = std::strftime(text.data(), text.size(), "%a, %d %b %Y %H:%M:%S GMT", &parts);
+        made = now;
+    }
+    return {text.data(), length};
+}
+
+std::string_view ReasonOf(unsigned int status) {
+    for (const Reason& reason : kReasons) {
+        if (reason.status == status) return reason.text;
+    }
+    return "Unknown";
+}
+
+/// The head of an answer (RFC 9112): status line, Date, `headers` (complete lines) and the empty line.
+/// `connection`: the value of the field Connection, empty for none.
+KelString MakeResponseHead(unsigned int status, std::string_view headers, std::string_view connection) {
+    KelString head;
+    head.reserve(160 + headers.size());
+    head.append("HTTP/1.1 ").append(std::to_string(status)).append(" ").append(ReasonOf(status));
+    head.append("\r\nDate: ").append(DateText()).append("\r\n");
+    if (!connection.empty()) head.append("Connection: ").append(connection).append("\r\n");
+    head.append(headers).append("\r\n");
+    return head;
+}
 
 bool AppendFromFile(KelString& text, const ServedFile& file) {
     const std::size_t start = text.size();
@@ -62,7 +130,7 @@ void Connection::RespondFile(ServedFile file) {
     Advance(channel_->Write(output_, shared_from_this()));
 }
 
-/// After a write: the file that follows the head, then the end of the response.
+/// Continues after a write: sends the file that follows the head, then ends the response.
 void Connection::Advance(Channel::Outcome outcome) {
     if (outcome == Channel::Outcome::Done && file_.fd && file_.length > 0) {
         const std::uint64_t length = std::exchange(file_.length, 0);
@@ -83,7 +151,8 @@ void Connection::FinishResponse() {
     Enter(bodyLeft_ > 0 ? State::Discarding : State::Head);
 }
 
-/// Closing at once while the peer still sends could make it lose the response: its end is awaited.
+/// Waits for the peer to close: closing at once while it still sends would reset the connection, and the peer
+/// could lose the response.
 void Connection::Linger() {
     input_ = {};
     Enter(State::Lingering);

@@ -13,7 +13,7 @@ namespace kelhttp {
 namespace {
 
 constexpr std::string_view kRealm = "kel";
-constexpr std::size_t kStampDigits = 24;  ///< 16 of the time in milliseconds, 8 of a running number
+constexpr std::size_t kStampDigits = 24;  ///< 16 for the time in milliseconds, 8 for a counter
 constexpr std::size_t kCodeDigits = 32;
 
 std::optional<std::uint64_t> ParseHex(std::string_view text) {

@@ -13,18 +13,18 @@ namespace kelhttp {
 /// Checks the credentials of requests: digest with SHA-256 and qop "auth" (RFC 7616), and basic (RFC 7617)
 /// where the connection is encrypted. Any thread.
 ///
-/// A nonce carries the time it was made at and an HMAC over that time and the client's address: nothing is
-/// kept per client, a nonce is of use to one address only, for NonceLifetime seconds; an older one is
-/// answered with stale=true. The nonce count must rise within one connection for as long as its nonce stays
-/// the same. A recorded request can thus be replayed by someone who takes part from the same address, on
-/// another connection and within the lifetime of its nonce; who must exclude that uses TLS.
+/// A nonce consists of the time at which it was made and an HMAC over that time and the client's address. So
+/// nothing is stored per client, and a nonce is valid for one address only, for NonceLifetime seconds; an
+/// older one is answered with stale=true. Within one connection the nonce count must rise for as long as the
+/// nonce stays the same. An attacker with the same address can therefore replay a recorded request on another
+/// connection within the lifetime of its nonce; TLS prevents this.
 class DigestAuth {
   public:
     using Clock = std::chrono::steady_clock;
 
-    /// What one connection remembers between its requests; spares checking the same nonce again.
+    /// The state of one connection between its requests; a nonce that was checked once is not checked again.
     struct Memory {
-        KelString nonce;  ///< proven genuine for this connection's peer
+        KelString nonce;  ///< verified for this connection's peer
         std::uint64_t lastCount = 0;
     };
 
@@ -38,7 +38,7 @@ class DigestAuth {
 
     enum class Verdict : unsigned char { Granted, Refused, Stale };
 
-    /// `lifetime` of a nonce in seconds.
+    /// `lifetime`: of a nonce, in seconds.
     DigestAuth(const KelString& user, const KelString& password, int lifetime);
 
     Verdict Check(const Request& request, Memory& memory, Clock::time_point now) const;
@@ -56,9 +56,9 @@ class DigestAuth {
     KelString NonceCode(std::string_view stamp, IpAddress peer) const;
 
     KelString user_;
-    KelString basicDigest_;  ///< SHA-256 of "user:password": equal lengths for the comparison
+    KelString basicDigest_;  ///< SHA-256 of "user:password": compared texts have equal lengths
     KelString secret_;       ///< H(user:realm:password)
-    KelString key_;          ///< of the nonces; new at every start
+    KelString key_;          ///< of the HMAC in nonces; new at every start
     std::chrono::seconds lifetime_;
     mutable std::atomic<std::uint32_t> made_ = 0;
 };

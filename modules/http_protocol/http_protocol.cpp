@@ -57,37 +57,44 @@ bool HttpProtocol::Initialise() {
     }
     settings.port = server->Port();
     if (settings.bandwidthPort != 0) settings.bandwidthPort = server->BandwidthPort();
-    const std::lock_guard lock(mutex_);
+    const KelLock lock(mutex_);
     settings_ = std::move(settings);
     server_ = std::move(server);
     return true;
 }
 
+Server* HttpProtocol::CurrentServer() const {
+    const KelLock lock(mutex_);
+    return server_.get();
+}
+
 bool HttpProtocol::Activate() {
-    if (!server_) return true;
-    if (const KelStatus running = server_->Run(); !running)
+    Server* const server = CurrentServer();
+    if (server == nullptr) return true;
+    if (const KelStatus running = server->Run(); !running)
         throw std::runtime_error("the HTTP server " + running.Error().message);
+    const KelLock lock(mutex_);
     Log().Print("Listening on %S:%u.\n", settings_.address, static_cast<unsigned int>(settings_.port));
     return true;
 }
 
 std::optional<KelString> HttpProtocol::ServerAddress() const {
-    const std::lock_guard lock(mutex_);
+    const KelLock lock(mutex_);
     return server_ ? KelFormat("%S:%u", settings_.address, unsigned{settings_.port}) : KelString();
 }
 
 void HttpProtocol::Cleanup() {
-    if (server_) server_->Stop();
+    if (Server* const server = CurrentServer()) server->Stop();
 }
 
 std::uint16_t HttpProtocol::Port() const {
-    const std::lock_guard lock(mutex_);
-    return server_ ? server_->Port() : std::uint16_t{0};
+    const Server* const server = CurrentServer();
+    return server != nullptr ? server->Port() : std::uint16_t{0};
 }
 
 std::uint16_t HttpProtocol::SslPort() const {
-    const std::lock_guard lock(mutex_);
-    return server_ ? server_->SslPort() : std::uint16_t{0};
+    const Server* const server = CurrentServer();
+    return server != nullptr ? server->SslPort() : std::uint16_t{0};
 }
 
 unsigned int HttpProtocol::AddAlias(KelContainer& container) {
@@ -95,7 +102,7 @@ unsigned int HttpProtocol::AddAlias(KelContainer& container) {
     const KelString path = container.GetString("AliasPath");
     const bool isAllowed = ActionIsFromThisDevice(container);
     container.Clear();
-    if (isAllowed && path.empty() && !name.empty()) {  // nothing to publish under the name any more
+    if (isAllowed && path.empty() && !name.empty()) {  // withdraws the alias
         aliases_.Delete(name, false);
         return kKelOk;
     }
@@ -120,7 +127,7 @@ unsigned int HttpProtocol::DeleteAlias(KelContainer& container) {
 unsigned int HttpProtocol::GetParams(KelContainer& container) const {
     KelContainer values;
     {
-        const std::lock_guard lock(mutex_);
+        const KelLock lock(mutex_);
         values.SetInt32("Port", settings_.port);
         values.SetString("Address", settings_.address);
     }
@@ -132,7 +139,7 @@ unsigned int HttpProtocol::GetParams(KelContainer& container) const {
 unsigned int HttpProtocol::GetThreadCount(KelContainer& container) const {
     const bool firstTime = container.GetBool("FirstTime");
     container.Clear();
-    const std::lock_guard lock(mutex_);
+    const KelLock lock(mutex_);
     const std::size_t clients = server_ ? server_->CountWorkingPeers() : 0;
     container.SetInt32("ThreadCount", static_cast<std::int32_t>(std::max<std::size_t>(clients, 1)));
     if (!firstTime) return kKelOk;

@@ -2,10 +2,10 @@
 
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <optional>
 
 #include "kel/container.h"
+#include "kel/mutex.h"
 #include "kelcore/module.h"
 #include "modules/http_protocol/alias_table.h"
 #include "modules/http_protocol/settings.h"
@@ -22,14 +22,14 @@ class Server;
 /// - HttpProtocolDeleteAlias (string AliasName, bool CompletelyRemove): with CompletelyRemove also every
 ///   alias below "AliasName/". An absent alias is no error.
 /// - HttpProtocolGetParams () -> Values{Port(int32), Address(string)}
-/// - HttpProtocolGetThreadCount (bool FirstTime) -> ThreadCount(int32): clients with lasting requests in
+/// - HttpProtocolGetThreadCount (bool FirstTime) -> ThreadCount(int32): clients with long requests in
 ///   progress, at least 1; with FirstTime also BwPort, BwPingFrequency, BwClientCheckFrequency,
 ///   BwPingDuration (int32)
 ///
 /// Event: HttpProtocolCallbackPut{URL, MulticastAddress, LocalPath}, after an upload is in place.
 ///
-/// The port is bound by Initialise and served from Activate on, which fails when another program has taken it
-/// meanwhile. All actions answer from Initialise on, and still after Cleanup.
+/// Initialise binds the port; Activate begins to serve it and fails when another program listens on it by
+/// then. All actions answer from Initialise on, and still after Cleanup.
 class HttpProtocol final : public KelModule {
   public:
     HttpProtocol();
@@ -52,8 +52,12 @@ class HttpProtocol final : public KelModule {
     unsigned int GetParams(KelContainer& container) const;
     unsigned int GetThreadCount(KelContainer& container) const;
 
+    /// Null before Initialise has succeeded; afterwards valid until the destructor.
+    kelhttp::Server* CurrentServer() const;
+
     kelhttp::AliasTable aliases_;
-    mutable std::mutex mutex_;  ///< guards settings_ and server_ between the agent's thread and actions
-    kelhttp::ServerSettings settings_;
-    std::unique_ptr<kelhttp::Server> server_;  ///< kept when stopped: its actions may still run
+    mutable KelMutex mutex_;
+    kelhttp::ServerSettings settings_ KEL_GUARDED_BY(mutex_);
+    /// Kept when stopped: its actions may still run.
+    std::unique_ptr<kelhttp::Server> server_ KEL_GUARDED_BY(mutex_);
 };

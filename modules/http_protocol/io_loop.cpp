@@ -21,7 +21,7 @@ struct IoLoop::State {
 
     std::vector<char> scratch = std::vector<char>(kScratchBytes);
     Members members;
-    std::vector<std::shared_ptr<LoopMember>> walked;  ///< members may leave while they are walked through
+    std::vector<std::shared_ptr<LoopMember>> walked;  ///< members may leave during the iteration
     boost::asio::io_context context{1};
     boost::asio::executor_work_guard<boost::asio::io_context::executor_type> work{context.get_executor()};
     boost::asio::steady_timer timer{context};
@@ -67,7 +67,7 @@ void IoLoop::Stop() {
             state_->context.stop();
         });
         state_->thread.join();
-        // What waits on the loop ends now: a connection on its way here must not leave its peer waiting.
+        // Tasks posted before run now: a new connection among them is closed, so that its peer does not wait.
         state_->stopped = true;
         state_->context.restart();
         state_->context.poll();

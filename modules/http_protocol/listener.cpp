@@ -7,15 +7,16 @@
 #include <cstring>
 
 #include "kel/format.h"
+#include "kelcore/error_codes.h"
 
 namespace kelhttp {
 namespace {
 
 constexpr int kBacklog = 4096;
-/// Connections taken before others of the loop get their turn.
+/// Connections accepted in one go, before other members of the loop get their turn.
 constexpr int kAcceptsPerTurn = 64;
 
-/// Closed in programs that the agent starts: one that outlives the agent would hold the port.
+/// Close-on-exec: a program started by the agent that outlives it would otherwise hold the port.
 void OpenSocket(boost::asio::ip::tcp::acceptor& acceptor, boost::system::error_code& error) {
     UniqueFd socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
     if (!socket) {
@@ -42,8 +43,9 @@ KelStatus Listener::Bind(const KelString& address, std::uint16_t port) {
     if (!error) acceptor_.non_blocking(true, error);
     if (!error) port_ = acceptor_.local_endpoint(error).port();
     if (error)
-        return KelError{1, KelFormat("cannot bind to %S:%u: %S; check Address and Port", address,
-                                     static_cast<unsigned int>(port), error.message())};
+        return KelError{kKelErrorBadInput,
+                        KelFormat("cannot bind to %S:%u: %S; check Address and Port", address,
+                                  static_cast<unsigned int>(port), error.message())};
     return {};
 }
 
@@ -51,8 +53,9 @@ KelStatus Listener::Listen() {
     boost::system::error_code error;
     acceptor_.listen(kBacklog, error);
     if (!error) return {};
-    return KelError{1, KelFormat("cannot listen on port %u: %S; another program may have taken it",
-                                 static_cast<unsigned int>(port_), error.message())};
+    return KelError{kKelErrorBadInput,
+                    KelFormat("cannot listen on port %u: %S; another program may have taken it",
+                              static_cast<unsigned int>(port_), error.message())};
 }
 
 void Listener::Start() {
@@ -68,7 +71,7 @@ void Listener::Wait() {
                          });
 }
 
-/// False when descriptors have run out: OnTick goes on.
+/// False when descriptors have run out: OnTick resumes.
 bool Listener::AcceptSome() {
     for (int i = 0; i < kAcceptsPerTurn; ++i) {
         sockaddr_in peer{};
@@ -81,7 +84,7 @@ bool Listener::AcceptSome() {
         }
         if (errno == EAGAIN) return true;
         if (errno != EMFILE && errno != ENFILE && errno != ENOBUFS && errno != ENOMEM) continue;
-        if (!std::exchange(told_, true))
+        if (!std::exchange(logged_, true))
             log_.Error("Cannot accept connections: %s. Raise the limit of open files.\n",
                        std::strerror(errno));
         paused_ = true;

@@ -27,7 +27,7 @@ class Listener final : public LoopMember, public std::enable_shared_from_this<Li
     KelStatus Bind(const KelString& address, std::uint16_t port);
     std::uint16_t Port() const { return port_; }
 
-    /// From here on connections queue up. Before the loop starts.
+    /// Connections queue up from this call on. Before the loop starts.
     KelStatus Listen();
 
     /// Accepts until the loop ends.
@@ -46,7 +46,7 @@ class Listener final : public LoopMember, public std::enable_shared_from_this<Li
     Accept accept_;
     std::uint16_t port_ = 0;
     bool paused_ = false;  ///< out of descriptors: waits for the next tick
-    bool told_ = false;    ///< the shortage has been logged
+    bool logged_ = false;  ///< the shortage has been logged
 };
 
 }  // namespace kelhttp

@@ -3,7 +3,7 @@
 namespace kelhttp {
 
 bool PeerTable::Admit(IpAddress peer) {
-    const std::lock_guard lock(mutex_);
+    const KelLock lock(mutex_);
     if (total_ >= limit_) return false;
     Peer& entry = peers_[peer.Value()];
     if (entry.connections >= limitPerAddress_) return false;
@@ -13,7 +13,7 @@ bool PeerTable::Admit(IpAddress peer) {
 }
 
 void PeerTable::Release(IpAddress peer) {
-    const std::lock_guard lock(mutex_);
+    const KelLock lock(mutex_);
     const auto found = peers_.find(peer.Value());
     if (found == peers_.end()) return;
     --total_;
@@ -21,22 +21,22 @@ void PeerTable::Release(IpAddress peer) {
 }
 
 void PeerTable::BeginWork(IpAddress peer) {
-    const std::lock_guard lock(mutex_);
+    const KelLock lock(mutex_);
     if (peers_[peer.Value()].working++ == 0) ++workingPeers_;
 }
 
 void PeerTable::EndWork(IpAddress peer) {
-    const std::lock_guard lock(mutex_);
+    const KelLock lock(mutex_);
     if (--peers_[peer.Value()].working == 0) --workingPeers_;
 }
 
 std::size_t PeerTable::CountConnections() const {
-    const std::lock_guard lock(mutex_);
+    const KelLock lock(mutex_);
     return total_;
 }
 
 std::size_t PeerTable::CountWorkingPeers() const {
-    const std::lock_guard lock(mutex_);
+    const KelLock lock(mutex_);
     return workingPeers_;
 }
 

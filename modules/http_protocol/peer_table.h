@@ -2,10 +2,10 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <mutex>
 #include <unordered_map>
 
 #include "kel/ip_address.h"
+#include "kel/mutex.h"
 
 namespace kelhttp {
 
@@ -15,18 +15,18 @@ class PeerTable {
     PeerTable(std::size_t limit, std::size_t limitPerAddress)
         : limit_(limit), limitPerAddress_(limitPerAddress) {}
 
-    /// Enters a connection; false when a limit is reached.
+    /// Counts a new connection; false when a limit is reached.
     bool Admit(IpAddress peer);
-    /// Takes out a connection that was admitted.
+    /// Ends the count of a connection that was admitted.
     void Release(IpAddress peer);
 
-    /// A lasting request (an action, an upload, a download that did not fit the socket at once) begins or
-    /// ends.
+    /// A long request begins or ends: an action, an upload, or a download that does not fit the socket's
+    /// buffer at once.
     void BeginWork(IpAddress peer);
     void EndWork(IpAddress peer);
 
     std::size_t CountConnections() const;
-    /// The number of addresses with lasting requests in progress.
+    /// The number of addresses with long requests in progress.
     std::size_t CountWorkingPeers() const;
 
   private:
@@ -35,10 +35,10 @@ class PeerTable {
         std::size_t working = 0;
     };
 
-    mutable std::mutex mutex_;
-    std::unordered_map<std::uint32_t, Peer> peers_;
-    std::size_t total_ = 0;
-    std::size_t workingPeers_ = 0;
+    mutable KelMutex mutex_;
+    std::unordered_map<std::uint32_t, Peer> peers_ KEL_GUARDED_BY(mutex_);  ///< by address
+    std::size_t total_ KEL_GUARDED_BY(mutex_) = 0;
+    std::size_t workingPeers_ KEL_GUARDED_BY(mutex_) = 0;
     const std::size_t limit_;
     const std::size_t limitPerAddress_;
 };

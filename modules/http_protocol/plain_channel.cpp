@@ -12,8 +12,8 @@ namespace {
 /// Bytes per sendfile call, and calls before other connections of the loop get their turn.
 constexpr std::uint64_t kPieceBytes = 2 << 20;
 constexpr int kPiecesPerTurn = 8;
-/// Bytes in the socket that TCP has not sent yet. Little more than this waits for a slow peer, and what waits
-/// is still in the processor's cache when it is sent; the window of bytes in flight grows without this limit.
+/// The limit of bytes in the socket that TCP has not sent yet. It keeps memory per slow peer small and the
+/// data in the processor's cache until it is sent; it does not limit the bytes in flight.
 constexpr int kUnsentBytes = 512 << 10;
 
 }  // namespace

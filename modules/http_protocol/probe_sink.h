@@ -8,8 +8,8 @@
 
 namespace kelhttp {
 
-/// One connection of the bandwidth probe port: everything received is thrown away, so that the peer can
-/// measure how fast the link takes its bytes. Ends with the peer or after half a minute.
+/// One connection of the bandwidth probe port: everything received is discarded, so that the peer can measure
+/// the bandwidth of the link. Ends when the peer closes it, or after 30 seconds.
 class ProbeSink final : public LoopMember, public std::enable_shared_from_this<ProbeSink> {
   public:
     /// The peer has been admitted to the table; the sink releases it.

@@ -16,15 +16,14 @@
 #include "kel/path.h"
 #include "kel/text.h"
 #include "kelcore/callback_db.h"
-#include "modules/http_protocol/agent_files.h"
-#include "modules/http_protocol/request_path.h"
+#include "modules/http_protocol/protected_files.h"
 
 namespace kelhttp {
 namespace {
 
-/// The disk is told to begin after so many bytes: at the end little is left to sync.
+/// Write-back is started after each such number of bytes, so that little is left to sync at the end.
 constexpr std::uint64_t kHandOverBytes = 32 << 20;
-/// Seconds after which a hidden file that nobody writes to has been left behind by a process that was killed.
+/// A hidden file that was not written to for so many seconds was left by a killed process.
 constexpr std::time_t kLeftoverAge = 24L * 3600;
 
 KelString MakeHiddenName() {
@@ -72,10 +71,10 @@ unsigned int PutUpload::Begin() {
         return 403;
     }
     file_.Reset(::openat(folder_.Get(), ".", O_TMPFILE | O_WRONLY | O_CLOEXEC, 0644));
-    if (!file_ && errno != EOPNOTSUPP && errno != EISDIR) return Fail("make a file beside");
+    if (!file_ && errno != EOPNOTSUPP && errno != EISDIR) return Fail("create a file next to");
     if (const unsigned int status = file_ ? 0 : MakeHiddenFile()) return status;
-    // Space is claimed at once, so that a full disk is told before the body is sent. File systems that cannot
-    // do that tell it later.
+    // Space is reserved at once, so that a full disk is reported before the body is sent. On file systems
+    // that cannot reserve, the error comes with a write.
     if (size_ > 0 && ::fallocate(file_.Get(), FALLOC_FL_KEEP_SIZE, 0, static_cast<off_t>(size_)) != 0 &&
         StatusOfError(errno) == 507)
         return Fail("reserve the space of");
@@ -87,7 +86,7 @@ unsigned int PutUpload::MakeHiddenFile() {
     const KelString name = MakeHiddenName();
     file_.Reset(
         ::openat(folder_.Get(), name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644));
-    if (!file_) return Fail("make a file beside");
+    if (!file_) return Fail("create a file next to");
     hiddenName_ = name;
     return 0;
 }
@@ -131,7 +130,7 @@ unsigned int PutUpload::Commit() {
     return 0;
 }
 
-/// A file without a name can be linked to a free name only: to replace another it gets a hidden name first.
+/// A nameless file can only be linked to a free name: to replace another file, it first gets a hidden name.
 bool PutUpload::PutInPlace() {
     if (hiddenName_.empty()) {
         const KelString file = "/proc/self/fd/" + std::to_string(file_.Get());

@@ -10,11 +10,11 @@
 
 namespace kelhttp {
 
-/// One uploaded file on its way to the disk: a file without a name in the destination's folder that is put in
-/// place once it is complete and synced. Destroyed before that, or with its process, it leaves nothing
-/// behind. Where the file system knows no files without names, a hidden one stands in; what a process that
-/// was killed leaves of those is removed by a later upload to the folder. Its operations block on the disk
-/// and run one at a time, on any thread; each gives 0 or the HTTP status of the failure, which it has logged.
+/// An upload in progress: a file without a name in the destination's folder, which is put in place once it is
+/// complete and synced. If the object or the process ends before that, nothing is left behind. On file
+/// systems without nameless files a hidden file is used instead; one that a killed process left is removed by
+/// a later upload to the folder. The operations block on the disk and run one at a time, on any thread; each
+/// returns 0 or the HTTP status of the failure, which it has logged.
 class PutUpload {
   public:
     /// `url`: the decoded request path; `size`: bytes that will come.
@@ -23,18 +23,18 @@ class PutUpload {
     PutUpload(const PutUpload&) = delete;
     PutUpload& operator=(const PutUpload&) = delete;
 
-    /// Makes the file and reserves its space. 404 no such folder, 403 not allowed there, 507 no
-    /// space, 500 otherwise.
+    /// Creates the file and reserves its space. 404 no such folder, 403 not allowed there, 507 no space, 500
+    /// otherwise.
     unsigned int Begin();
 
-    /// Appends, and has the disk begin with it; 507 or 500.
+    /// Appends `data`; 507 or 500.
     unsigned int Write(std::string_view data);
 
-    /// Syncs, puts in place, syncs the folder and triggers the event HttpProtocolCallbackPut. 409 when
-    /// the destination is a folder, 507 or 500.
+    /// Syncs the file, puts it in place, syncs the folder and triggers the event HttpProtocolCallbackPut. 409
+    /// when the destination is a folder, 507 or 500.
     unsigned int Commit();
 
-    /// True when Commit made a file that was not there before.
+    /// True when Commit created the file, false when it replaced one.
     bool IsNew() const { return isNew_; }
 
   private:
@@ -53,7 +53,7 @@ class PutUpload {
     KelString name_;
     KelString hiddenName_;  ///< of the file while it is not in place; empty when it has none
     std::uint64_t written_ = 0;
-    std::uint64_t handedOver_ = 0;  ///< bytes whose way to the disk has been started
+    std::uint64_t handedOver_ = 0;  ///< bytes whose write-back has been started
     bool isNew_ = false;
 };
 

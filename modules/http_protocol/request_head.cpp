@@ -82,7 +82,7 @@ bool ParseField(std::string_view line, RequestHead::NamedField& field) {
     return true;
 }
 
-/// Takes over a field that steers the connection; false when it contradicts an earlier one.
+/// Applies a field that controls the connection; false when it contradicts an earlier one.
 bool ApplyField(const RequestHead::NamedField& field, RequestHead& request) {
     if (IsEqualTo(field.name, "Content-Length", false)) {
         for (const char c : field.value) {
@@ -111,8 +111,9 @@ std::string_view RequestHead::Field(std::string_view name) const {
     return {};
 }
 
-std::size_t FindHeadEnd(std::string_view input) {
-    for (std::size_t at = input.find('\n'); at != std::string_view::npos; at = input.find('\n', at + 1)) {
+std::size_t FindHeadEnd(std::string_view input, std::size_t searched) {
+    for (std::size_t at = input.find('\n', searched); at != std::string_view::npos;
+         at = input.find('\n', at + 1)) {
         if (at + 1 < input.size() && input[at + 1] == '\n') return at + 2;
         if (at + 2 < input.size() && input[at + 1] == '\r' && input[at + 2] == '\n') return at + 3;
     }

@@ -11,7 +11,7 @@ namespace kelhttp {
 
 enum class Method : unsigned char { Get, Head, Post, Put, Other };
 
-/// The head of an HTTP/1.0 or 1.1 request (RFC 9112). Its texts point into the parsed buffer.
+/// The head of an HTTP/1.0 or 1.1 request (RFC 9112). Its texts refer to the parsed buffer.
 struct RequestHead {
     Method method = Method::Other;
     std::string_view methodName;
@@ -34,8 +34,8 @@ struct RequestHead {
 };
 
 /// The length of the head at the start of `input`, its empty line included; npos when it is not complete.
-/// Lines end in CR LF, a bare LF is taken too.
-std::size_t FindHeadEnd(std::string_view input);
+/// Lines end in CR LF; a bare LF is accepted too. The first `searched` bytes are known not to begin the end.
+std::size_t FindHeadEnd(std::string_view input, std::size_t searched = 0);
 
 /// Parses a complete head. 0, or the HTTP status that answers it: 400 malformed (no Host in HTTP/1.1, folded
 /// lines, blanks before a colon, control characters, differing lengths, a length beside a transfer encoding),

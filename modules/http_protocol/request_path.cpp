@@ -58,8 +58,4 @@ std::optional<KelString> DecodeRequestPath(std::string_view target) {
     return path;
 }
 
-bool IsServableName(std::string_view path) {
-    return !path.substr(path.rfind('/') + 1).starts_with(kUploadPrefix);
-}
-
 }  // namespace kelhttp

@@ -2,16 +2,25 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <algorithm>
+#include <limits>
+#include <optional>
 
 #include "kel/file.h"
 #include "kel/format.h"
 #include "kel/path.h"
-#include "modules/http_protocol/agent_files.h"
-#include "modules/http_protocol/byte_range.h"
-#include "modules/http_protocol/request_path.h"
+#include "kel/text.h"
+#include "modules/http_protocol/protected_files.h"
 
 namespace kelhttp {
 namespace {
+
+/// Parses a run of digits; a number too large for 64 bits counts as the largest.
+std::optional<std::uint64_t> ParsePosition(std::string_view digits) {
+    if (digits.empty() || digits.find_first_not_of("0123456789") != std::string_view::npos)
+        return std::nullopt;
+    return ParseUint64(digits).value_or(std::numeric_limits<std::uint64_t>::max());
+}
 
 void AppendHex(KelString& text, std::uint64_t value) {
     char digits[16];
@@ -24,7 +33,8 @@ void AppendHex(KelString& text, std::uint64_t value) {
         text += digits[--count];
 }
 
-/// Strong: it changes with every write that the file system stamps and with every replacement of the file.
+/// A strong entity tag: it changes with every write that changes the time stamp, and with every replacement
+/// of the file.
 KelString EntityTag(const struct stat& info) {
     KelString tag = "\"";
     AppendHex(tag, info.st_ino);
@@ -60,7 +70,7 @@ ByteRange RangeOf(const RequestHead& request, const KelString& tag, std::uint64_
     return ParseByteRange(range, size);
 }
 
-/// Opens what is to be served; invalid when it is not there, or not for others.
+/// Opens the file to serve; invalid when it does not exist or is protected.
 UniqueFd OpenServable(const AliasMatch& place) {
     constexpr int kFlags = O_RDONLY | O_NONBLOCK;  // opening a FIFO must not wait for its writer
     if (!IsServableName(place.rest)) return {};
@@ -76,6 +86,31 @@ void AppendField(KelString& headers, std::string_view name, std::string_view val
 }
 
 }  // namespace
+
+ByteRange ParseByteRange(std::string_view field, std::uint64_t size) {
+    constexpr std::string_view kUnit = "bytes=";
+    if (field.size() < kUnit.size() || !IsEqualTo(field.substr(0, kUnit.size()), kUnit, false)) return {};
+    const KelString range = Trim(field.substr(kUnit.size()));
+    const std::size_t hyphen = range.find('-');
+    if (hyphen == KelString::npos || range.find(',') != KelString::npos) return {};
+    const std::string_view firstText = std::string_view(range).substr(0, hyphen);
+    const std::string_view lastText = std::string_view(range).substr(hyphen + 1);
+
+    const ByteRange unsatisfiable{ByteRange::Kind::Unsatisfiable, 0, 0};
+    if (firstText.empty()) {
+        const std::optional<std::uint64_t> suffix = ParsePosition(lastText);
+        if (!suffix) return {};
+        if (*suffix == 0 || size == 0) return unsatisfiable;
+        const std::uint64_t length = std::min(*suffix, size);
+        return {ByteRange::Kind::Part, size - length, length};
+    }
+    const std::optional<std::uint64_t> first = ParsePosition(firstText);
+    const std::optional<std::uint64_t> last =
+        lastText.empty() ? std::numeric_limits<std::uint64_t>::max() : ParsePosition(lastText);
+    if (!first || !last || *last < *first) return {};
+    if (*first >= size) return unsatisfiable;
+    return {ByteRange::Kind::Part, *first, std::min(*last, size - 1) - *first + 1};
+}
 
 ServedFile OpenServedFile(const AliasMatch& place, const RequestHead& request) {
     ServedFile answer;

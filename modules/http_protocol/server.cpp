@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "kel/format.h"
+#include "kelcore/error_codes.h"
 #include "modules/http_protocol/connection.h"
 #include "modules/http_protocol/io_loop.h"
 #include "modules/http_protocol/listener.h"
@@ -82,8 +83,9 @@ struct Server::State {
         tls->use_certificate_chain_file(settings.certificateFile, error);
         if (!error) tls->use_private_key_file(settings.keyFile, ssl::context::pem, error);
         if (error)
-            return KelError{1, KelFormat("cannot use certificate %S with key %S: %S",
-                                         settings.certificateFile, settings.keyFile, error.message())};
+            return KelError{kKelErrorBadInput,
+                            KelFormat("cannot use certificate %S with key %S: %S", settings.certificateFile,
+                                      settings.keyFile, error.message())};
         ::SSL_CTX_set_min_proto_version(tls->native_handle(), TLS1_2_VERSION);
         sslListener = MakeListener(Kind::Tls);
         return sslListener->Bind(settings.address, settings.sslPort);
@@ -135,7 +137,7 @@ KelStatus Server::Run() {
 void Server::Stop() {
     for (IoLoop& loop : state_->loops)
         loop.Stop();
-    // All are told before one is waited for, so that each has the whole time.
+    // All are asked to stop before the first is waited for, so that they share the time.
     for (WorkerPool* pool : {&state_->context.files, &state_->context.actions})
         pool->Stop(std::chrono::milliseconds(0));
     const auto deadline = std::chrono::steady_clock::now() + kPatience;

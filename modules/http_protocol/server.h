@@ -10,8 +10,8 @@
 
 namespace kelhttp {
 
-/// The HTTP server. Open, then Run, then Stop, each once and from one thread; the counts may be asked for
-/// from any thread in between and afterwards.
+/// The HTTP server. Open, then Run, then Stop, each once and from one thread; the counts may be read from any
+/// thread in between and afterwards.
 class Server {
   public:
     Server(ServerSettings settings, AliasTable& aliases, const KelDebug& log);
@@ -23,19 +23,19 @@ class Server {
     /// Binds the sockets, so that the ports are known; nothing is accepted yet.
     KelStatus Open();
 
-    /// Starts the threads and accepts. An error, with nothing started, when a port cannot be listened on:
-    /// another program that bound it as well was faster.
+    /// Starts the threads and accepts connections. An error, with nothing started, when a port cannot be
+    /// listened on because another program that bound it too was faster.
     KelStatus Run();
 
-    /// Ends every connection, whatever is in flight, within 2 seconds. Actions that still run then are waited
-    /// for by the destructor.
+    /// Ends every connection, including transfers in progress, within 2 seconds. The destructor waits for
+    /// actions that still run then.
     void Stop();
 
     std::uint16_t Port() const;           ///< the port bound, 0 before Open
     std::uint16_t SslPort() const;        ///< 0: none
     std::uint16_t BandwidthPort() const;  ///< 0: none
 
-    /// Clients with lasting requests in progress.
+    /// Clients with long requests in progress.
     std::size_t CountWorkingPeers() const;
     std::size_t CountConnections() const;
 

@@ -9,8 +9,8 @@
 
 namespace kelhttp {
 
-/// What all connections of a server share; every part may be used from any thread. Destroying it waits for
-/// the tasks that still run.
+/// The state that all connections of a server share; every part may be used from any thread. Its destructor
+/// waits for the tasks that still run.
 struct ServerContext {
     ServerContext(ServerSettings values, AliasTable& aliasTable, const KelDebug& debug)
         : settings(std::move(values)),
@@ -20,7 +20,7 @@ struct ServerContext {
           peers(static_cast<std::size_t>(settings.maxConnections),
                 static_cast<std::size_t>(settings.maxConnectionsPerAddress)),
           actions(static_cast<std::size_t>(settings.workers), static_cast<std::size_t>(settings.workerQueue)),
-          // Every connection waits for at most one task, so that none is ever turned away.
+          // A connection has at most one task here, so none is ever turned away.
           files(static_cast<std::size_t>(settings.fileWorkers),
                 static_cast<std::size_t>(settings.maxConnections)) {}
 

@@ -6,6 +6,7 @@
 
 #include "kel/format.h"
 #include "kel/text.h"
+#include "kelcore/error_codes.h"
 
 namespace kelhttp {
 namespace {
@@ -58,7 +59,8 @@ KelResult<std::uint16_t> ReadPort(const IniFile& ini, const char* section, const
     const std::optional<std::uint64_t> port = text.empty() ? 0 : ParseUint64(text);
     if (port && std::in_range<std::uint16_t>(*port)) return static_cast<std::uint16_t>(*port);
     return KelError{
-        1, KelFormat("entry %s of section %s is '%S', no port number (0 to 65535)", key, section, text)};
+        kKelErrorBadInput,
+        KelFormat("entry %s of section %s is '%S', no port number (0 to 65535)", key, section, text)};
 }
 
 }  // namespace

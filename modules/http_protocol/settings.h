@@ -9,7 +9,7 @@
 
 namespace kelhttp {
 
-/// What the ini file settles. Times in seconds, sizes in bytes. The defaults are those of an absent ini file.
+/// The settings of the ini file. Times in seconds, sizes in bytes. The defaults apply without an ini file.
 struct ServerSettings {
     KelString address;       ///< dotted IPv4 address to listen on, empty: every address
     std::uint16_t port = 0;  ///< 0: any free port
@@ -19,9 +19,9 @@ struct ServerSettings {
     int ioThreads = 2;
     int headerTimeout = 20;
     int idleTimeout = 75;
-    int sendTimeout = 120;     ///< a peer that takes nothing for this long is closed
+    int sendTimeout = 120;     ///< a connection whose peer reads nothing for so long is closed
     int minBodyRate = 1000;    ///< bytes per second
-    int minBodyRateTime = 10;  ///< seconds over which the rate of a body is taken
+    int minBodyRateTime = 10;  ///< seconds over which the rate of a body is measured
     int maxHeaderBytes = 32 << 10;
     int maxActionBytes = 64 << 20;
     int maxConnections = 12000;
@@ -43,9 +43,9 @@ struct ServerSettings {
     KelString password;
 };
 
-/// Reads the settings. Of the limits, a value out of its range is clamped and one that is no number replaced
-/// by the default, with a warning; a port that is none is an error, since another one would go unnoticed.
-/// `address` is the default of the address.
+/// Reads the settings. A limit out of its range is clamped and one that is not a number is replaced by the
+/// default, with a warning; an unusable port is an error, because a default would go unnoticed. `address` is
+/// the default of the address.
 KelResult<ServerSettings> ReadServerSettings(const IniFile& ini, const KelString& address,
                                              const KelDebug& log);
 

@@ -26,7 +26,7 @@ void TlsChannel::Open(const User& user) {
 }
 
 void TlsChannel::Read(std::span<char> into, const User& user) {
-    // Into an own buffer: OpenSSL may write to it before the user is told.
+    // Into a buffer of its own: OpenSSL may write to it before the read completes.
     stream_.async_read_some(boost::asio::buffer(input_.data(), std::min(input_.size(), into.size())),
                             [this, into, user](const boost::system::error_code& error, std::size_t count) {
                                 if (!error) std::memcpy(into.data(), input_.data(), count);
@@ -56,7 +56,7 @@ Channel::Outcome TlsChannel::SendFile(int fd, std::uint64_t offset, std::uint64_
 void TlsChannel::SendNextPiece(const User& user) {
     const std::size_t wanted = std::min<std::uint64_t>(fileLeft_, piece_.size());
     const ssize_t count = ::pread(file_, piece_.data(), wanted, static_cast<off_t>(fileOffset_));
-    // A file that has become shorter ends the connection through an empty write with an error.
+    // When the file has become shorter, the connection is closed and the write below completes with an error.
     if (count <= 0) Close();
     const std::size_t length = count > 0 ? static_cast<std::size_t>(count) : 1;
     boost::asio::async_write(stream_, boost::asio::buffer(piece_.data(), length),

@@ -18,7 +18,7 @@ WorkerPool::~WorkerPool() {
 bool WorkerPool::TryPost(Task task) {
     {
         const std::lock_guard lock(mutex_);
-        // An idle thread takes one task each: only what lies beyond them waits.
+        // Each idle thread takes one task at once: only further tasks count as waiting.
         if (stopping_ || queue_.size() >= queueLimit_ + idle_) return false;
         queue_.push_back(std::move(task));
     }

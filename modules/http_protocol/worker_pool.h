@@ -14,14 +14,14 @@ namespace kelhttp {
 /// Threads that run blocking tasks in the order in which they came, with a bounded queue. All operations but
 /// the destructor may be called from any thread outside the pool.
 ///
-/// A task must not throw and must hold nothing that the pool's owner destroys before the pool.
+/// A task must not throw and must not use anything that is destroyed before the pool.
 class WorkerPool {
   public:
     using Task = std::function<void()>;
 
     /// `queueLimit`: tasks that may wait while every thread is busy.
     WorkerPool(std::size_t threads, std::size_t queueLimit);
-    /// Drops waiting tasks and waits for the running ones, however long they take.
+    /// Drops waiting tasks and waits for the running ones without a time limit.
     ~WorkerPool();
     WorkerPool(const WorkerPool&) = delete;
     WorkerPool& operator=(const WorkerPool&) = delete;
@@ -29,8 +29,8 @@ class WorkerPool {
     /// Queues a task; false when the queue is full or the pool stops.
     bool TryPost(Task task);
 
-    /// Drops waiting tasks, takes no more, and waits at most `patience` for the running ones; false when some
-    /// still run then (the destructor waits for them).
+    /// Drops waiting tasks, accepts no more, and waits at most `patience` for the running ones; false when
+    /// some still run then (the destructor waits for them).
     bool Stop(std::chrono::milliseconds patience);
 
   private:

@@ -2,12 +2,13 @@
 
 #include "kel/format.h"
 #include "kelcore/device_name.h"
+#include "kelcore/error_codes.h"
 #include "kelcore/net/socket.h"
 
 namespace {
 
 constexpr char kSection[] = "Identity";
-constexpr std::uint32_t kDefaultMask = 0xFFFFFF00;
+constexpr std::uint32_t kDefaultMask = 0xFFFFFF00;  // 255.255.255.0
 
 KelString Entry(const IniFile& ini, const char* key) {
     KelString value;
@@ -17,10 +18,11 @@ KelString Entry(const IniFile& ini, const char* key) {
 
 KelError Unusable(const char* key, const KelString& value, const char* expected) {
     return KelError{
-        1, KelFormat("Identity.ini: %s = %S is no %s; correct it or leave it empty", key, value, expected)};
+        kKelErrorBadInput,
+        KelFormat("Identity.ini: %s = %S is no %s; correct it or leave it empty", key, value, expected)};
 }
 
-/// Names and addresses become parts of device path names, which reach statements and URLs unescaped.
+/// Names and addresses become parts of device path names, which reach SQL statements and URLs unescaped.
 KelString FullHostName() {
     const KelString domain = GetLocalDomainName();
     const KelString host = GetLocalHostName();

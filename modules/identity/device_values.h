@@ -5,7 +5,7 @@
 #include "kel/types.h"
 #include "modules/identity/network_interface.h"
 
-/// What this device tells others about itself, besides its GUID.
+/// How this device describes itself to others, except for its GUID.
 struct DeviceValues {
     KelString hostName;
     KelString ipAddress;    ///< empty while no interface has an address
@@ -16,8 +16,8 @@ struct DeviceValues {
     bool operator==(const DeviceValues&) const = default;
 };
 
-/// The values of the section Identity of `ini`, completed from the system: the IP address by `agentAddress`
-/// (may be empty), else by the first interface that other devices can reach; MAC address and mask by the
-/// interface that carries the address. An unusable value in the file is an error that names it.
+/// The values of the section Identity of `ini`; empty ones are taken from the system: the IP address from
+/// `agentAddress` (may be empty), else from the first interface that other devices can reach; MAC address and
+/// mask from the interface that has the address. An unusable value in the file is an error that names it.
 KelResult<DeviceValues> DetermineDeviceValues(const IniFile& ini, const KelString& agentAddress,
                                               const KelVector<NetworkInterface>& interfaces);

@@ -4,6 +4,7 @@
 #include "kel/file.h"
 #include "kel/text.h"
 #include "kelcore/device_name.h"
+#include "kelcore/error_codes.h"
 
 namespace {
 
@@ -52,9 +53,11 @@ KelResult<KelString> LoadOrMakeGuid(const KelString& path, const KelDebug& log) 
         const KelString guid = Trim(*text);
         if (IsGuid(guid)) return guid;
     }
+    // Kept aside rather than overwritten, so that the old GUID can be restored by hand.
     const KelString aside = path + ".damaged";
     if (!FileRename(path, aside)) {
-        return KelError{1, KelFormat("The damaged file %S cannot be renamed; remove it", path)};
+        return KelError{kKelErrorBadInput,
+                        KelFormat("The damaged file %S cannot be renamed; remove it", path)};
     }
     auto made = MakeAndKeep(path);
     if (made) {

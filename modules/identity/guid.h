@@ -13,10 +13,10 @@ KelString MakeGuid();
 /// `guid` with the scheme of `model`; both are GUIDs.
 KelString WithSchemeOf(const KelString& guid, const KelString& model);
 
-/// Puts a GUID into the file `path` (its folder exists); it is on the disk when the call succeeds.
+/// Writes a GUID to the file `path`, whose folder exists; it is on the disk when the call succeeds.
 KelStatus KeepGuid(const KelString& path, const KelString& guid);
 
-/// The GUID kept in the file `path`; a new one is made and kept when there is no file. A file that holds
-/// something else is renamed to "<path>.damaged" with an error in the log, and a new GUID is made. A file
-/// that cannot be read or written is an error, for the device would get another identity at every start.
+/// The GUID in the file `path`; without a file a new one is made and written. A file that holds something
+/// else is renamed to "<path>.damaged" with an error in the log, and a new GUID is made. A file that cannot
+/// be read or written is an error: otherwise the device would get another identity at every start.
 KelResult<KelString> LoadOrMakeGuid(const KelString& path, const KelDebug& log);

@@ -53,7 +53,7 @@ bool Identity::Initialise() {
         Log().Error("The folder %S cannot be created; check its rights\n", DataPath());
         return false;
     }
-    DirDeleteTempFiles(DataPath());
+    DirDeleteTempFiles(DataPath());  // left by a process that was killed while it wrote the GUID
     guidPath_ = DataPath() + "/guid";
     report_.SetFolder(DataPath() + "/Outgoing");
     const auto guid = LoadOrMakeGuid(guidPath_, Log());
@@ -83,7 +83,8 @@ void Identity::Cleanup() {
 
 KelResult<DeviceValues> Identity::ReadValues() {
     IniFile ini;
-    if (!ini.Open(IniPath())) return KelError{1, KelFormat("%S cannot be read or is malformed", IniPath())};
+    if (!ini.Open(IniPath()))
+        return KelError{kKelErrorBadInput, KelFormat("%S cannot be read or is malformed", IniPath())};
     int interval = 0;
     ini.GetEntryValue("Identity", "CheckInterval", interval, 30);
     checkSeconds_ = static_cast<std::uint32_t>(std::clamp(interval, 1, 86400));
@@ -101,11 +102,12 @@ void Identity::LogOnce(const KelString& problem) {
 
 void Identity::CheckAddress() {
     const auto values = ReadValues();
+    // An interface that is down for a moment, or an ini file that is being edited, must not lose the address.
     if (!values || values->ipAddress.empty()) {
         LogOnce(values ? KelString("No network interface has an IPv4 address") : values.Error().message);
         return;
     }
-    LogOnce({});
+    LogOnce({});  // the next problem is logged again, even if it is the same
     KelString oldAddress;
     {
         const KelLock lock(mutex_);
@@ -169,6 +171,8 @@ unsigned int Identity::GetValues(KelContainer* arguments) {
     return kKelOk;
 }
 
+/// The new GUID goes to the disk first: if the agent used it and then stopped before it was written, the
+/// device would come back under its old one.
 bool Identity::AdoptScheme(const KelString& parentGuid, KelString& oldGuid, KelString& newGuid) {
     const KelLock adoptLock(mutexAdopt_);
     {
@@ -193,27 +197,25 @@ bool Identity::AdoptScheme(const KelString& parentGuid, KelString& oldGuid, KelS
 unsigned int Identity::ValidateGuidScheme(KelContainer* arguments) {
     arguments->Clear();
     KelContainer relay;
-    if (ActionDbInvokeContainer(nullptr, {}, "RelayGetValues", relay, 0, -1, -1, nullptr) != kKelOk) {
-        return kKelOk;
-    }
+    if (CallLocal("RelayGetValues", relay) != kKelOk) return kKelOk;  // no relay module, so no parent
     const KelContainer& values = relay.GetContainer("Values");
     const KelString parentGuid = values.GetString("ParentGuid");
     if (parentGuid.empty()) return kKelOk;
     if (!IsGuid(parentGuid)) {
-        Log().Warning("The parent's GUID %S is malformed; its scheme is not taken over\n", parentGuid);
+        Log().Warning("The parent's GUID %S is malformed; its scheme is not adopted\n", parentGuid);
         return kKelOk;
     }
     KelString oldGuid;
     KelString newGuid;
     if (!AdoptScheme(parentGuid, oldGuid, newGuid)) return kKelErrorInternal;
     if (oldGuid == newGuid) return kKelOk;
-    Log().Print("The GUID of this device changed from %S to %S, the scheme of its parent\n", oldGuid,
+    Log().Print("The GUID of this device changed from %S to %S to match the scheme of its parent\n", oldGuid,
                 newGuid);
     KelContainer change;
     change.SetString("GUID", newGuid);
     change.SetString("OldGUID", oldGuid);
     KelContainer results;
     CallbackDbTrigger("IdentityCallbackGUIDChange", change, results);
-    watcher_.Signal(0);
+    watcher_.Signal(0);  // the identity file is due at once
     return kKelOk;
 }

@@ -16,23 +16,24 @@
 /// - IdentityGetHostname -> HostName
 /// - IdentityGetValues -> Values{GUID, HostName, IPAddress, MACAddress, NetworkMask, PreferIPAddresses}
 /// - AgentGetIPAddress -> IPAddress
-/// - IdentityValidateGUIDScheme: takes over the scheme of the parent's GUID once that is known. The relay
-///   module calls it before it says that the parent is in sync.
+/// - IdentityValidateGUIDScheme: adopts the scheme of the parent's GUID if that is known. The relay module
+/// calls
+///   it before it reports that the parent is in sync.
 ///
 /// Events: IdentityCallbackGUIDChange{GUID, OldGUID} and IdentityCallbackIPChange{NewIPAddress,
 /// OldIPAddress}, triggered without any lock held. The handlers return 0, or 18 when a new GUID could not be
-/// kept on disk. What the actions tell goes up the tree as the identity file (IdentityReport).
+/// written to disk. The same values go up the tree as the identity file (IdentityReport).
 class Identity : public KelModule {
   public:
     Identity();
     ~Identity() override;
 
-    /// Reads the ini file and the interfaces again and reports a new IP address. The first half of the
-    /// watcher's step.
+    /// Reads the ini file and the interfaces again and triggers IdentityCallbackIPChange for a new address.
+    /// The first half of the watcher's step.
     void CheckAddress();
 
-    /// Sends the identity file when one is due at the time `now` (seconds since the epoch); true while it
-    /// waits for another module. The second half of the watcher's step.
+    /// Sends the identity file when one is due at `now` (seconds since the epoch); true while it waits for
+    /// another module. The second half of the watcher's step.
     bool ReportIdentity(std::int64_t now);
 
   protected:
@@ -52,10 +53,10 @@ class Identity : public KelModule {
     bool AdoptScheme(const KelString& parentGuid, KelString& oldGuid, KelString& newGuid);
 
     KelString guidPath_;
-    KelMutex
-        mutexAdopt_;  ///< one scheme change at a time; held across the write to disk, taken before mutex_
-    KelString adoptFailure_ KEL_GUARDED_BY(mutexAdopt_);  ///< the last one logged
-    KelMutex mutex_;  ///< guid_, values_ and problem_; never held across a call or a write
+    /// Serialises scheme changes; held across the write to disk, taken before mutex_.
+    KelMutex mutexAdopt_;
+    KelString adoptFailure_ KEL_GUARDED_BY(mutexAdopt_);  ///< last one logged
+    KelMutex mutex_;                                      ///< never held across a call or a write
     KelString guid_ KEL_GUARDED_BY(mutex_);
     DeviceValues values_ KEL_GUARDED_BY(mutex_);
     KelString problem_ KEL_GUARDED_BY(mutex_);      ///< the last one logged

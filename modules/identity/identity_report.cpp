@@ -8,6 +8,8 @@
 #include "kelcore/action_db.h"
 #include "kelcore/device_name.h"
 #include "kelcore/error_codes.h"
+#include "kelcore/file_offer.h"
+#include "kelcore/file_values.h"
 #include "modules/identity/guid.h"
 
 namespace {
@@ -16,13 +18,13 @@ constexpr std::int64_t kResendSeconds = std::int64_t{24} * 3600;
 
 std::optional<KelContainer> ValuesOf(const char* action) {
     KelContainer answer;
-    if (ActionDbInvokeContainer(nullptr, {}, action, answer, 0, -1, -1, nullptr) != kKelOk)
-        return std::nullopt;
+    if (CallLocal(action, answer) != kKelOk) return std::nullopt;
     return answer.GetContainer("Values");
 }
 
-/// True once our GUID stays: on the master, and when the parent's scheme is known and ours.
-bool IsGuidSettled(const KelContainer& relay, const KelString& guid) {
+/// True once our GUID will not change any more: on the master, and when it has the known scheme of the
+/// parent.
+bool IsGuidFinal(const KelContainer& relay, const KelString& guid) {
     if (relay.GetString("Role") == "master") return true;
     const KelString parentGuid = relay.GetString("ParentGuid");
     return relay.GetBool("ParentSync") && IsGuid(parentGuid) && WithSchemeOf(guid, parentGuid) == guid;
@@ -51,14 +53,12 @@ KelContainer IdentityOf(const KelString& guid, const DeviceValues& values, const
 KelContainer OfferOf(const KelString& guid, const KelString& path) {
     KelContainer info;
     info.SetString("GUID", guid);
-    KelContainer offer;
-    offer.SetString("FileType", "IdentityIdentity");
-    offer.SetString("FileLabel", "Identity");
-    offer.SetString("FileName", guid + ".xml");
-    offer.SetBool("Upstream", true);
-    offer.SetString("MovePath", path);
-    offer.SetContainer("FileInfo", std::move(info));
-    return offer;
+    FileOffer offer;
+    offer.key = {"IdentityIdentity", "Identity", guid + ".xml", {}};
+    offer.upstream = true;
+    offer.movePath = path;
+    offer.info = std::move(info);
+    return offer.ToContainer();  // without a checksum: the file store computes it
 }
 
 }  // namespace
@@ -73,16 +73,19 @@ IdentityReport::Outcome IdentityReport::SendWhenDue(const KelString& guid, const
                                                     std::int64_t now) {
     const auto relay = ValuesOf("RelayGetValues");
     const auto http = ValuesOf("HttpProtocolGetParams");
+    // Until all of these are known, the file would name a device that others cannot reach.
     const int port = http ? http->GetInt32("Port") : 0;
-    if (!relay || port == 0 || values.ipAddress.empty() || !IsGuidSettled(*relay, guid))
+    if (!relay || port == 0 || values.ipAddress.empty() || !IsGuidFinal(*relay, guid))
         return Outcome::Waiting;
     KelContainer identity = IdentityOf(guid, values, *relay, port);
+    // A clock that was set back must not silence the device until it has caught up.
     const bool isRecent = now >= sentTime_ && now - sentTime_ < kResendSeconds;
     if (isRecent && identity == sent_) return Outcome::UpToDate;
     return Send(std::move(identity), now);
 }
 
 IdentityReport::Outcome IdentityReport::Send(KelContainer identity, std::int64_t now) {
+    // The time is left out of what is compared with the next identity, where it would always differ.
     KelContainer content = identity;
     content.SetInt64("Time", now);
     KelString path;
@@ -92,8 +95,7 @@ IdentityReport::Outcome IdentityReport::Send(KelContainer identity, std::int64_t
     }
     const KelString guid = identity.GetString("GUID");
     KelContainer offer = OfferOf(guid, path);
-    const unsigned int code =
-        ActionDbInvokeContainer(nullptr, {}, "FileStoreReceiveFile", offer, 0, -1, -1, nullptr);
+    const unsigned int code = CallLocal("FileStoreReceiveFile", offer);
     if (code != kKelOk) {
         FileDelete(path);
         return Fail(KelFormat("The file store did not take the identity file, error %u; see its log", code));

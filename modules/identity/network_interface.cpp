@@ -25,7 +25,7 @@ KelString MacText(std::span<const unsigned char, kMacBytes> bytes) {
     return text;
 }
 
-/// Copied out, since the kernel's structures are not aligned for the type behind them.
+/// Copied, because the kernel's structures are not aligned for the actual address type.
 template <class Address>
 Address CopyOf(const sockaddr* address) {
     Address copy{};
@@ -37,6 +37,7 @@ IpAddress ToIpAddress(const sockaddr* address) {
     return IpAddress(ntohl(CopyOf<sockaddr_in>(address).sin_addr.s_addr));
 }
 
+/// By the name of the interface: the system lists link and IP addresses as separate entries.
 KelHash<KelString, KelString> MacAddresses(const ifaddrs* list) {
     KelHash<KelString, KelString> result;
     for (const ifaddrs* item = list; item != nullptr; item = item->ifa_next) {
@@ -49,7 +50,7 @@ KelHash<KelString, KelString> MacAddresses(const ifaddrs* list) {
 }
 
 bool IsLinkLocal(IpAddress address) {
-    return (address.Value() & 0xFFFF0000) == 0xA9FE0000;
+    return (address.Value() & 0xFFFF0000) == 0xA9FE0000;  // 169.254.0.0/16
 }
 
 }  // namespace
@@ -81,6 +82,7 @@ std::optional<NetworkInterface> FindInterface(const KelVector<NetworkInterface>&
     for (const NetworkInterface& entry : interfaces) {
         if (entry.address == address) return entry;
     }
+    // A device can have an address that no interface carries, such as another one of the loopback network.
     for (const NetworkInterface& entry : interfaces) {
         const std::uint32_t mask = entry.mask.Value();
         if (mask != 0 && (entry.address.Value() & mask) == (address.Value() & mask)) return entry;
@@ -97,7 +99,7 @@ std::optional<NetworkInterface> FirstReachableInterface(const KelVector<NetworkI
 
 KelString MacAddressFor(IpAddress address) {
     const std::uint32_t value = address.Value();
-    const std::array<unsigned char, kMacBytes> bytes = {0x02,
+    const std::array<unsigned char, kMacBytes> bytes = {0x02,  // the bit of locally administered addresses
                                                         0x00,
                                                         static_cast<unsigned char>(value >> 24),
                                                         static_cast<unsigned char>(value >> 16),

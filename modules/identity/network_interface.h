@@ -17,12 +17,12 @@ struct NetworkInterface {
 /// The addresses of all interfaces that are up, in the system's order; empty when they cannot be read.
 KelVector<NetworkInterface> ListNetworkInterfaces();
 
-/// The interface that carries `address`: the one that has it, else the one whose network it lies in.
+/// The interface for `address`: the one that has it, else the one whose network contains it.
 std::optional<NetworkInterface> FindInterface(const KelVector<NetworkInterface>& interfaces,
                                               IpAddress address);
 
 /// The first interface that other devices can reach: no loopback, no link-local address.
 std::optional<NetworkInterface> FirstReachableInterface(const KelVector<NetworkInterface>& interfaces);
 
-/// A locally administered MAC address made of an IPv4 address, for an interface that has none.
+/// A locally administered MAC address derived from an IPv4 address, for an interface that has none.
 KelString MacAddressFor(IpAddress address);

@@ -5,6 +5,8 @@
 #include "kel/format.h"
 #include "kel/path.h"
 #include "kelcore/error_codes.h"
+#include "kelcore/file_key.h"
+#include "kelcore/file_values.h"
 
 namespace {
 
@@ -22,19 +24,19 @@ void PackageCopies::SetFolders(const KelString& root, const KelString& workFolde
 }
 
 KelResult<KelString> PackageCopies::Keep(const KelContainer& arguments) const {
-    const KelString label = arguments.GetString("FileLabel");
-    const KelString name = arguments.GetString("FileName");
-    const KelString source = arguments.GetString("FilePath");
-    if (const KelStatus checked = CheckElement("FileLabel", label); !checked) return checked.Error();
-    if (const KelStatus checked = CheckElement("FileName", name); !checked) return checked.Error();
+    const FileKey key = FileKey::Read(arguments);
+    const KelString source = arguments.GetString(kValueFilePath);
+    if (const KelStatus checked = CheckElement(kValueFileLabel, key.label); !checked) return checked.Error();
+    if (const KelStatus checked = CheckElement(kValueFileName, key.name); !checked) return checked.Error();
     if (source.empty() || source.front() != '/' || source.find('\0') != KelString::npos) {
-        return KelError{kKelErrorBadInput, KelFormat("FilePath \"%S\" is no absolute path", source)};
+        return KelError{kKelErrorBadInput, KelFormat("FilePath \"%S\" is not an absolute path", source)};
     }
     if (!FileExists(source)) {
         return KelError{kKelErrorMissingContent, KelFormat("The file %S does not exist", source)};
     }
-    const KelString folder = root_ + "/" + label;
-    KelString path = folder + "/" + name;
+    // Not by checksum: a relay offers its network only the latest package of a name.
+    const KelString folder = root_ + "/" + key.label;
+    KelString path = folder + "/" + key.name;
     if (!PathCreate(folder) || !PathCreate(workFolder_) || !FileCopy(source, path, false, workFolder_)) {
         return KelError{kKelErrorInternal,
                         KelFormat("%S cannot be copied to %S; check free space and rights", source, path)};
@@ -43,8 +45,8 @@ KelResult<KelString> PackageCopies::Keep(const KelContainer& arguments) const {
 }
 
 KelStatus PackageCopies::Clear(const KelContainer& arguments) const {
-    const KelString label = arguments.GetString("FileLabel");
-    if (KelStatus checked = CheckElement("FileLabel", label); !checked) return checked;
+    const KelString label = arguments.GetString(kValueFileLabel);
+    if (KelStatus checked = CheckElement(kValueFileLabel, label); !checked) return checked;
     const KelString folder = root_ + "/" + label;
     if (!DirExists(folder) || DirDelete(folder, true)) return {};
     return KelError{kKelErrorInternal,

@@ -12,17 +12,17 @@
 
 namespace {
 
-// Seconds. Short ones: the agent's end waits for a call in progress.
+// Seconds; short, because the agent waits for a call in progress when it stops.
 constexpr int kConnectTimeout = 5;
 constexpr int kCallTimeout = 15;
 
 KelString OurGuid() {
     KelContainer answer;
-    const auto code = ActionDbInvokeContainer(nullptr, {}, "IdentityGetGUID", answer, 0, -1, -1, nullptr);
-    return code == kKelOk ? answer.GetString("GUID") : KelString();
+    return CallLocal("IdentityGetGUID", answer) == kKelOk ? answer.GetString("GUID") : KelString();
 }
 
-/// Calls the parent at `url`; its container Values, empty when the call fails.
+/// Calls the parent at `url`. `values` receives the container Values of its answer, empty when the call
+/// fails.
 unsigned int AskForValues(const KelString& url, const char* action, KelContainer& values) {
     KelContainer answer;
     const unsigned int code =
@@ -72,14 +72,14 @@ ParentState ParentLink::GetState() const {
 
 void ParentLink::ResolveParent() {
     const auto address = IpAddress::Resolve(settings_.parentName);
-    if (!address) return;  // the last known address stays; the call itself tells what is wrong
+    if (!address) return;  // the last known address stays; the call itself will show what is wrong
     const KelLock lock(mutex_);
     state_.ipAddress = address->ToText();
 }
 
-/// Asks the parent for its GUID, and before the first time whether that will stay: in this order, for a GUID
-/// asked for first may be gone when the parent says so. Returns what is wrong, empty when the parent is
-/// usable.
+/// Asks the parent for its GUID and, until this device has found its place, first whether that GUID is final:
+/// in the other order the GUID could change between the two calls. Returns what is wrong, empty when the
+/// parent is usable.
 KelString ParentLink::AskParent(KelString& guid) {
     const KelString url =
         UrlForAgent(KelAgentGetName(), KelAgentGetHttpPassword(),
@@ -98,17 +98,16 @@ KelString ParentLink::AskParent(KelString& guid) {
     return {};
 }
 
-/// Has the scheme of the parent's GUID taken over, where there is a module that keeps ours. Returns what is
+/// Has the module that owns our GUID, if there is one, adopt the scheme of the parent's GUID. Returns what is
 /// wrong, empty when our GUID has the scheme.
-KelString ParentLink::TakeOverScheme(const KelString& parentGuid) {
+KelString ParentLink::AdoptScheme(const KelString& parentGuid) {
     {
         const KelLock lock(mutex_);
         state_.inSync = false;
         state_.guid = parentGuid;
     }
     KelContainer none;
-    const unsigned int code =
-        ActionDbInvokeContainer(nullptr, {}, "IdentityValidateGUIDScheme", none, 0, -1, -1, nullptr);
+    const unsigned int code = CallLocal("IdentityValidateGUIDScheme", none);
     if (code == kKelOk || code == kKelErrorUnknownAction) return {};
     return KelFormat(
         "the scheme of its GUID %S cannot be taken over, error %u; check the rights and free space "
@@ -116,11 +115,13 @@ KelString ParentLink::TakeOverScheme(const KelString& parentGuid) {
         parentGuid, code);
 }
 
+/// Remembers that our GUID is final.
 void ParentLink::Settle() {
     if (settled_) return;
     settled_ = true;
     KelString folder, name;
     SplitPath(settledFile_, folder, name);
+    // Its existence is what counts; the text is for people who find the file.
     if (!PathCreate(folder) ||
         !FileWriteText(settledFile_, "This device has taken over its parent's GUID scheme.\n"))
         log_.Warning("%S cannot be written: after a restart, children wait until the parent answers\n",
@@ -131,11 +132,11 @@ void ParentLink::Check() {
     ResolveParent();
     KelString guid;
     KelString problem = AskParent(guid);
-    if (CheckCancelled(false)) return;
+    if (CheckCancelled(false)) return;  // the agent stops: no further calls
     if (problem.empty()) {
         const ParentState before = GetState();
         if (before.inSync && before.guid == guid) return;
-        problem = TakeOverScheme(guid);
+        problem = AdoptScheme(guid);
     }
     if (!problem.empty()) return ReportProblem(problem);
     problem_.clear();

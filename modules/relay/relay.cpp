@@ -8,6 +8,7 @@
 #include "kelcore/agent.h"
 #include "kelcore/call_origin.h"
 #include "kelcore/error_codes.h"
+#include "kelcore/file_values.h"
 
 Relay::Relay()
     : KelModule("Relay", "Relay module"),
@@ -92,9 +93,9 @@ unsigned int Relay::ReceiveFile(KelContainer* arguments) {
         return Answer(arguments, KelError{kKelErrorBadInput, "Another device may not name local files"});
     const auto path = packages_.Keep(*arguments);
     if (!path) return Answer(arguments, path.Error());
-    Log().Print("Keeps a copy of the package %S\n", *path);
+    Log().Print("Kept a copy of the package %S\n", *path);
     arguments->Clear();
-    arguments->SetString("FilePath", *path);
+    arguments->SetString(kValueFilePath, *path);
     return kKelOk;
 }
 

@@ -12,7 +12,7 @@
 ///
 /// - RelayGetValues -> Values{IsEnabled (bool, true on a relay and on the master), Role, ParentName,
 ///   ParentIPAddress, ParentGuid, ParentPort (int32), ParentSync (bool),
-///   SchemeSettled (bool, the GUID scheme of this device will not change any more)}
+///   SchemeSettled (bool, the GUID scheme of this device is final)}
 /// - RelayReceiveFile (FileLabel, FileName, FilePath and more values of the file): keeps a copy of a
 /// published
 ///   package as "data/Relay/Packages/<label>/<name>" -> FilePath, the copy's
@@ -22,7 +22,7 @@
 /// be written or removed. Every result but 0 comes with a text Message.
 ///
 /// Once the parent answers (on a master always), the requests that the file store kept while the device was
-/// not connected are handed back to it (UnconnectedReplay).
+/// disconnected are handed back to it (UnconnectedReplay).
 class Relay : public KelModule {
   public:
     Relay();

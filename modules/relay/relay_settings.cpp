@@ -6,6 +6,7 @@
 #include "kel/format.h"
 #include "kel/text.h"
 #include "kelcore/device_name.h"
+#include "kelcore/error_codes.h"
 
 namespace {
 
@@ -30,18 +31,21 @@ KelStatus ReadParent(const IniFile& ini, RelaySettings& settings) {
     ini.GetEntryValue(kSection, "ParentName", name, KelString());
     if (name.empty()) return {};
     if (settings.role == RelayRole::Master) {
-        return KelError{1, KelFormat("Relay.ini: a master has no parent, but ParentName is %S; remove it or "
-                                     "set Role to relay or client",
-                                     name)};
+        return KelError{kKelErrorBadInput,
+                        KelFormat("Relay.ini: a master has no parent, but ParentName is %S; remove it or "
+                                  "set Role to relay or client",
+                                  name)};
     }
     if (!IsHostName(name)) {
-        return KelError{1, KelFormat("Relay.ini: ParentName = %S is no host name or IPv4 address", name)};
+        return KelError{kKelErrorBadInput,
+                        KelFormat("Relay.ini: ParentName = %S is no host name or IPv4 address", name)};
     }
     int port = 0;
     ini.GetEntryValue(kSection, "ParentPort", port, 0);
     if (port < 1 || port > 65535) {
         return KelError{
-            1, KelFormat("Relay.ini: ParentPort must be the parent's port, 1 to 65535, not %d", port)};
+            kKelErrorBadInput,
+            KelFormat("Relay.ini: ParentPort must be the parent's port, 1 to 65535, not %d", port)};
     }
     settings.parentName = name;
     settings.parentPort = static_cast<std::uint16_t>(port);
@@ -68,7 +72,8 @@ KelResult<RelaySettings> ReadRelaySettings(const IniFile& ini) {
     ini.GetEntryValue(kSection, "Role", role, RelayRoleName(RelayRole::Client));
     const auto parsed = ParseRole(role);
     if (!parsed) {
-        return KelError{1, KelFormat("Relay.ini: Role = %S is none of master, relay, client", role)};
+        return KelError{kKelErrorBadInput,
+                        KelFormat("Relay.ini: Role = %S is none of master, relay, client", role)};
     }
     settings.role = *parsed;
     if (const KelStatus parent = ReadParent(ini, settings); !parent) return parent.Error();

@@ -20,6 +20,6 @@ struct RelaySettings {
     std::uint32_t retryInterval = 5;   ///< seconds between two calls while it does not
 };
 
-/// The section Relay of `ini`. An unusable value is an error that names it; a time out of range is brought to
-/// its nearest bound (1 second, 1 day).
+/// The section Relay of `ini`. An unusable value is an error that names it; a time out of range is clamped
+/// (1 second to 1 day).
 KelResult<RelaySettings> ReadRelaySettings(const IniFile& ini);

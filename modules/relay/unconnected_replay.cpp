@@ -11,10 +11,12 @@
 #include "kel/path.h"
 #include "kelcore/action_db.h"
 #include "kelcore/error_codes.h"
+#include "kelcore/file_key.h"
+#include "kelcore/file_values.h"
 
 namespace {
 
-constexpr std::int64_t kGraceSeconds = 60;
+constexpr std::int64_t kGraceSeconds = 60;  ///< an unusable request may still be being written
 constexpr std::string_view kContentSuffix = ".xml";
 
 struct Candidate {
@@ -23,7 +25,7 @@ struct Candidate {
     std::int64_t nanoseconds = 0;  ///< the rest of it
 };
 
-/// False for what is no regular file.
+/// Reads the time of the last change; false when it is not a regular file.
 bool Examine(Candidate& candidate) {
     struct stat status {};
     if (stat(candidate.path.c_str(), &status) != 0 || !S_ISREG(status.st_mode)) return false;
@@ -46,32 +48,29 @@ KelVector<Candidate> ListCandidates(const KelString& folder) {
     return candidates;
 }
 
-/// True for the content file of a request beside it, whatever it holds.
+/// True for a file that is the content of the request next to it.
 bool IsContentOfAnother(const KelString& path) {
     if (!path.ends_with(kContentSuffix)) return false;
     KelContainer request;
     return request.LoadFromFile(path.substr(0, path.size() - kContentSuffix.size())) &&
-           request.Has("FilePath");
+           request.Has(kValueFilePath);
 }
 
 KelString OwnDeviceUrl() {
     KelContainer answer;
-    const auto code =
-        ActionDbInvokeContainer(nullptr, {}, "FileStoreGetDeviceUrl", answer, 0, -1, -1, nullptr);
-    return code == kKelOk ? answer.GetString("DeviceUrl") : KelString();
+    return CallLocal("FileStoreGetDeviceUrl", answer) == kKelOk ? answer.GetString("DeviceUrl") : KelString();
 }
 
 unsigned int CallStore(KelContainer arguments) {
-    return ActionDbInvokeContainer(nullptr, {}, "FileStoreReceiveUnconnectedFile", arguments, 0, -1, -1,
-                                   nullptr);
+    return CallLocal("FileStoreReceiveUnconnectedFile", arguments);
 }
 
 unsigned int HandOver(const UnconnectedRequest& request, const KelString& ownDeviceUrl) {
     KelContainer arguments = ReplayArguments(request, ownDeviceUrl);
     const unsigned int code = CallStore(arguments);
     if (code != kKelErrorGuidScheme) return code;
-    // Kept before this device took over the scheme of its parent.
-    arguments.SetString("SourceDevice", ownDeviceUrl);
+    // The request dates from before this device adopted its parent's scheme.
+    arguments.SetString(kValueSourceDevice, ownDeviceUrl);
     return CallStore(std::move(arguments));
 }
 
@@ -80,7 +79,7 @@ unsigned int HandOver(const UnconnectedRequest& request, const KelString& ownDev
 void UnconnectedReplay::Run(const KelString& folder, std::int64_t now) {
     for (const char* kind : {"identity", "inventory"}) {
         const UnconnectedClaim claim(folder + "/" + kind, folder + "/claimed/" + kind);
-        claim.GiveBack();  // what a stop in the middle left
+        claim.GiveBack();  // what an interrupted run left
         for (Candidate& candidate : ListCandidates(folder + "/" + kind)) {
             if (stop_()) return;
             if (IsContentOfAnother(candidate.path)) continue;
@@ -96,7 +95,7 @@ void UnconnectedReplay::Run(const KelString& folder, std::int64_t now) {
 
 void UnconnectedReplay::Replay(const UnconnectedRequest& kept, const UnconnectedClaim& claim) {
     const KelString ownDeviceUrl = OwnDeviceUrl();
-    if (ownDeviceUrl.empty()) return LogOnce("The file store does not tell this device's URL");
+    if (ownDeviceUrl.empty()) return LogOnce("The file store does not report this device's URL");
     const auto request = claim.Take(kept);
     if (!request) {
         claim.GiveBack();
@@ -108,8 +107,7 @@ void UnconnectedReplay::Replay(const UnconnectedRequest& kept, const Unconnected
         return LogOnce(KelFormat("The file store did not take the kept request %S, error %u; see its log",
                                  kept.path, code));
     }
-    log_.Print("The kept file %S/%S/%S is on its way up\n", request->values.GetString("FileType"),
-               request->values.GetString("FileLabel"), request->values.GetString("FileName"));
+    log_.Print("The kept file %S is on its way up\n", FileKey::Read(request->values).Text());
     problem_.clear();
     const bool isGone =
         FileDelete(request->path) && (request->contentPath.empty() || FileDelete(request->contentPath));

@@ -5,20 +5,19 @@
 
 #include "kel/debug.h"
 #include "kel/types.h"
-#include "modules/relay/unconnected_claim.h"
 #include "modules/relay/unconnected_request.h"
 
 /// Hands the requests that the file store kept in its folders "unconnected/identity" and
-/// "unconnected/inventory" back to it, oldest first, and removes those that it took. An unusable one is moved
-/// to "unconnected/damaged" once it has not changed for a minute: before, it may still be in the making. One
-/// thread at a time.
+/// "unconnected/inventory" back to it, oldest first, and removes those that it accepted. An unusable one is
+/// moved to "unconnected/damaged" once it has not changed for a minute: until then it may still be being
+/// written. One thread at a time.
 class UnconnectedReplay {
   public:
-    /// `stop` is asked between two requests; true ends the replay.
+    /// `stop` is called between two requests; true ends the replay.
     UnconnectedReplay(const KelDebug& log, std::function<bool()> stop) : log_(log), stop_(std::move(stop)) {}
 
-    /// Works on what lies in `folder`/identity and `folder`/inventory at the time `now` (seconds since the
-    /// epoch). Calls local actions: no lock may be held.
+    /// Replays the requests in `folder`/identity and `folder`/inventory. `now`: seconds since the epoch.
+    /// Calls local actions: no lock may be held.
     void Run(const KelString& folder, std::int64_t now);
 
   private:
@@ -28,5 +27,5 @@ class UnconnectedReplay {
 
     const KelDebug& log_;
     std::function<bool()> stop_;
-    KelString problem_;  ///< the last one logged
+    KelString problem_;  ///< last one logged
 };

@@ -51,6 +51,7 @@ bool TransferWindow::Initialise() {
     const KelLock lock(mutexWindows_);
     for (const TransferDirection direction : kDirections) {
         const auto window = ReadWindow(IniPath(), direction);
+        // An unusable window is reported and ignored: it must not keep the agent from starting.
         windows_[IndexOf(direction)] = window ? *window : OptionalWindow();
         if (!window) {
             Log().Error(
@@ -99,7 +100,7 @@ unsigned int TransferWindow::SetWindow(KelContainer* arguments) {
         return Refuse(arguments, "Slots is missing; give it empty to remove a window");
     const KelString slots = Trim(arguments->GetString("Slots"));
     if (slots.empty()) return StoreWindow(*direction, std::nullopt, arguments);
-    // The default only counts for an absent value: one of the wrong type must not turn into it.
+    // The default is for an absent value only: a value of the wrong type must be refused, not replaced.
     const std::int32_t slotType =
         arguments->Has("SlotType") ? arguments->GetInt32("SlotType") : WeeklyWindow().slotType;
     const auto window = MakeWeeklyWindow(slots, slotType, arguments->GetBool("UseUTCTime"));
@@ -125,6 +126,7 @@ unsigned int TransferWindow::StoreWindow(TransferDirection direction, const Opti
     }
     Log().Print("The transfer window of the direction %s was %s\n", WindowSection(direction),
                 window ? "set" : "removed");
+    // Without the locks: a subscriber reads the window at once.
     KelContainer results;
     CallbackDbTrigger("TransferWindowCallbackWindowChange", KelContainer(), results);
     return kKelOk;

@@ -13,9 +13,9 @@
 ///
 /// - TransferWindowCheckWindow (Direction) -> Values{Slots, SlotType, UseUTCTime}; no Values without a window
 /// - TransferWindowCheckAllWindows -> Values{Direction[i], Values[i]}, one pair per window
-/// - TransferWindowSetWindow (Direction, Slots, SlotType, UseUTCTime): empty Slots removes the window;
+/// - TransferWindowSetWindow (Direction, Slots, SlotType, UseUTCTime): empty Slots remove the window;
 /// SlotType
-///   is 2 (kbit/s) and UseUTCTime false when left out. Triggers TransferWindowCallbackWindowChange.
+///   defaults to 2 (kbit/s), UseUTCTime to false. Triggers TransferWindowCallbackWindowChange.
 ///
 /// Results: 0; 1 for an unusable input (Message says which); 18 when the window cannot be written.
 class TransferWindow : public KelModule {
@@ -35,7 +35,7 @@ class TransferWindow : public KelModule {
     unsigned int StoreWindow(TransferDirection direction, const OptionalWindow& window,
                              KelContainer* arguments);
 
-    KelMutex mutexFile_;     ///< one change of the ini file at a time; taken before mutexWindows_
-    KelMutex mutexWindows_;  ///< windows_ only
+    KelMutex mutexFile_;  ///< serialises changes of the ini file; taken before mutexWindows_
+    KelMutex mutexWindows_;
     std::array<OptionalWindow, 3> windows_ KEL_GUARDED_BY(mutexWindows_);  ///< index: direction - 1
 };

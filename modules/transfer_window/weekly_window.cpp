@@ -4,13 +4,14 @@
 
 #include "kel/format.h"
 #include "kel/text.h"
+#include "kelcore/error_codes.h"
 
 namespace {
 
 constexpr std::int32_t kPercent = 7;
 constexpr std::int32_t kPerThousand = 8;
 
-/// A rate in Mbit/s is multiplied by 1000 in 64 bits where it is used.
+/// A rate in Mbit/s is multiplied by 1000 in 64 bits where it is used; this bound rules out an overflow.
 constexpr std::uint64_t kMaxRate = 1'000'000'000'000'000;
 
 std::uint64_t MaxNumber(std::int32_t slotType) {
@@ -23,10 +24,10 @@ KelStatus CheckNumber(const KelString& text, std::uint64_t maximum) {
     const auto number = ParseUint64(text);
     const bool isDecimal = text.find_first_not_of("0123456789") == KelString::npos;
     if (!number || !isDecimal || (text.size() > 1 && text.front() == '0')) {
-        return KelError{1, KelFormat("\"%S\" in Slots is no decimal number", text)};
+        return KelError{kKelErrorBadInput, KelFormat("\"%S\" in Slots is not a decimal number", text)};
     }
     if (*number > maximum) {
-        return KelError{1,
+        return KelError{kKelErrorBadInput,
                         KelFormat("%S in Slots is above the maximum of this slot type, %gu", text, maximum)};
     }
     return {};
@@ -44,7 +45,7 @@ KelContainer WeeklyWindow::ToContainer() const {
 
 KelResult<WeeklyWindow> MakeWeeklyWindow(const KelString& slots, std::int32_t slotType, bool useUtcTime) {
     if (slotType < 1 || slotType > 8) {
-        return KelError{1, KelFormat("SlotType must be 1 to 8, not %d", slotType)};
+        return KelError{kKelErrorBadInput, KelFormat("SlotType must be 1 to 8, not %d", slotType)};
     }
     KelVector<KelString> numbers;
     for (const KelString& piece : SplitText(slots, ' ')) {
@@ -55,7 +56,7 @@ KelResult<WeeklyWindow> MakeWeeklyWindow(const KelString& slots, std::int32_t sl
     }
     if (numbers.size() == 1) numbers.resize(WeeklyWindow::kHours, numbers.front());
     if (numbers.size() != WeeklyWindow::kHours) {
-        return KelError{1,
+        return KelError{kKelErrorBadInput,
                         KelFormat("Slots must hold 168 numbers, one per hour of the week from Monday 00:00, "
                                   "or one number for all hours, not %lu",
                                   numbers.size())};

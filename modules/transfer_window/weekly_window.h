@@ -18,7 +18,7 @@ struct WeeklyWindow {
     /// closed.
     KelString slots;
     /// Unit of the numbers: 1 bit/s, 2 kbit/s, 3 Mbit/s, 7 per cent and 8 per thousand of the bandwidth to
-    /// the parent. 4 to 6 are known units that carry no rate.
+    /// the parent. 4 to 6 are accepted but set no rate.
     std::int32_t slotType = 2;
     bool useUtcTime = false;  ///< hours are of UTC, else of local time
 
@@ -26,7 +26,7 @@ struct WeeklyWindow {
     KelContainer ToContainer() const;  ///< Slots (string), SlotType (int32), UseUTCTime (bool)
 };
 
-/// Checks and normalises a window: `slots` holds 168 decimal numbers between blanks, or one for all hours.
-/// Numbers with a leading zero are refused, since readers would take them as octal; so are percentages above
-/// 100, per thousands above 1000 and rates above 10^15.
+/// Checks and normalises a window: `slots` holds 168 decimal numbers separated by blanks, or one for all
+/// hours. Numbers with a leading zero are refused, because readers would parse them as octal; so are
+/// percentages above 100, per thousands above 1000 and rates above 10^15.
 KelResult<WeeklyWindow> MakeWeeklyWindow(const KelString& slots, std::int32_t slotType, bool useUtcTime);

@@ -3,6 +3,7 @@
 #include "kel/file.h"
 #include "kel/format.h"
 #include "kel/ini_file.h"
+#include "kelcore/error_codes.h"
 
 namespace {
 
@@ -31,7 +32,8 @@ const char* WindowSection(TransferDirection direction) {
 
 KelResult<std::optional<WeeklyWindow>> ReadWindow(const KelString& path, TransferDirection direction) {
     IniFile ini;
-    if (!ini.Open(path)) return KelError{1, KelFormat("%S cannot be read or is malformed", path)};
+    if (!ini.Open(path))
+        return KelError{kKelErrorBadInput, KelFormat("%S cannot be read or is malformed", path)};
     const KelString section = WindowSection(direction);
     KelString slots;
     int slotType = 0;
@@ -41,22 +43,26 @@ KelResult<std::optional<WeeklyWindow>> ReadWindow(const KelString& path, Transfe
     ini.GetEntryValue(section, "UseUTCTime", useUtcTime, false);
     if (slots.empty()) return std::optional<WeeklyWindow>();
     const auto window = MakeWeeklyWindow(slots, slotType, useUtcTime);
-    if (!window) return KelError{1, KelFormat("%S, section %S: %S", path, section, window.Error().message)};
+    if (!window)
+        return KelError{kKelErrorBadInput,
+                        KelFormat("%S, section %S: %S", path, section, window.Error().message)};
     return std::optional<WeeklyWindow>(*window);
 }
 
 KelStatus WriteWindow(const KelString& path, TransferDirection direction,
                       const std::optional<WeeklyWindow>& window) {
-    // The entries are written one by one, so they go to a copy that then takes the file's place.
+    // The entries are written one by one, so they go to a copy, which then replaces the file.
     const KelString copy = path + ".new";
     const bool copied = FileExists(path) ? FileCopy(path, copy, false) : FileDelete(copy);
-    if (!copied) return KelError{1, KelFormat("%S cannot be written; check disk and rights", copy)};
+    if (!copied)
+        return KelError{kKelErrorBadInput, KelFormat("%S cannot be written; check disk and rights", copy)};
     IniFile ini;
-    if (!ini.Open(copy)) return KelError{1, KelFormat("%S cannot be read or is malformed", path)};
+    if (!ini.Open(copy))
+        return KelError{kKelErrorBadInput, KelFormat("%S cannot be read or is malformed", path)};
     KelStatus written = WriteEntries(ini, WindowSection(direction), window);
     ini.Close();
     if (written && !FileRename(copy, path)) {
-        written = KelError{1, KelFormat("%S cannot be renamed to %S", copy, path)};
+        written = KelError{kKelErrorBadInput, KelFormat("%S cannot be renamed to %S", copy, path)};
     }
     if (!written) FileDelete(copy);
     return written;

@@ -13,7 +13,7 @@ const char* WindowSection(TransferDirection direction);
 /// is an error that names section and value.
 KelResult<std::optional<WeeklyWindow>> ReadWindow(const KelString& path, TransferDirection direction);
 
-/// Replaces (or with an empty `window` removes) the window of `direction` in the ini file `path`: readers and
-/// a crash see the old or the new window, never a mixture. One caller at a time per file.
+/// Replaces (or with an empty `window` removes) the window of `direction` in the ini file `path`: readers see
+/// the old or the new window and a crash leaves one of them, never a mixture. One caller at a time per file.
 KelStatus WriteWindow(const KelString& path, TransferDirection direction,
                       const std::optional<WeeklyWindow>& window);

@@ -1,4 +1,4 @@
-"""What the system tests share: the build under test, and checks on a tree that has been stopped."""
+"""What the system tests share: the build under test, and checks on a tree."""
 
 import os
 import pathlib
@@ -6,10 +6,14 @@ import random
 import sqlite3
 import unittest
 
-from tree import sha256_of, wait_until
+from tree import ActionFailed, sha256_of, wait_arrived, wait_until
 
 BUILD = os.environ.get("KEL_BUILD", "build/release")
 STOP_SECONDS = 5
+# Files with names that a URL, a shell, SQL or XML has to escape, or that look like what is never served: name -> size.
+ODD_FILES = {"plain.bin": 1, "with blank.bin": 2, "100%.bin": 1000, "hash#mark.bin": 65536, "what?.bin": 1 << 20,
+             "grüße-文件.bin": 4096, "it's.bin": 300_000, "%41%2e.bin": 17, "a&b=c;d.bin": 5000, "[x]{y}.bin": 12345,
+             "a.ini": 20, "b.SQLite": 8192}
 
 
 class SystemTest(unittest.TestCase):
@@ -19,14 +23,22 @@ class SystemTest(unittest.TestCase):
             if agent.is_running():
                 self.assertEqual(agent.stop(STOP_SECONDS), 0, agent.name)
 
-    def check_databases(self, tree):
-        """After the agents stopped: no database is damaged."""
+    def end(self, tree):
+        """Stops every agent and checks that no database is damaged."""
+        self.stop_all(tree)
         for agent in tree.agents:
             databases = list(agent.data.rglob("*.sqlite"))
             self.assertGreaterEqual(len(databases), 3, f"{agent.name}: {databases}")
             for path in databases:
                 with sqlite3.connect(path) as database:
                     self.assertEqual(database.execute("PRAGMA integrity_check").fetchall(), [("ok",)], path)
+
+    def refused(self, kel, *arguments, code=1):
+        """What a call of `kel` prints that must fail with this exit code."""
+        with self.assertRaises(ActionFailed) as failed:
+            kel(*arguments)
+        self.assertEqual(failed.exception.exit_code, code, arguments)
+        return failed.exception.text
 
     def rows(self, agent, statement, upstream=False):
         """A selection in a database of a stopped agent's file store."""
@@ -42,17 +54,7 @@ def collected_files(master):
 
 def wait_collected(master, expected, seconds):
     """Waits until the master holds all of `expected`, (device GUID, label, name) -> SHA-256, with that content."""
-    missing = dict(expected)
-
-    def complete():
-        for key, path in collected_files(master).items():
-            if key in missing and sha256_of(path) == missing[key]:
-                del missing[key]
-        return not missing
-    try:
-        wait_until(complete, seconds, "")
-    except TimeoutError:
-        raise TimeoutError(f"not collected within {seconds} s: {sorted(missing)[:5]}") from None
+    wait_arrived(lambda: collected_files(master), expected, seconds, "collected")
 
 
 def write_files(folder, sizes, seed=1):
@@ -66,11 +68,9 @@ def write_files(folder, sizes, seed=1):
     return paths
 
 
-def large_part(agent, name):
-    """Bytes that an agent's store holds of the file `name`, complete or not."""
-    found = list((agent.data / "FileStore" / "downstream").glob(f"*/*/*/{name}"))
-    return found[0].stat().st_size if found else 0
-
-
 def wait_for_part(agent, name, size, seconds=30):
-    wait_until(lambda: large_part(agent, name) >= size, seconds, f"{agent.name} holds {size} bytes of {name}")
+    """Waits until an agent's store holds `size` bytes of the file `name`, complete or not."""
+    def has_part():
+        found = (agent.data / "FileStore" / "downstream").glob(f"*/*/*/{name}")
+        return any(path.stat().st_size >= size for path in found)
+    wait_until(has_part, seconds, f"{agent.name} holds {size} bytes of {name}")

@@ -1,81 +1,105 @@
 """The agent program and the command line as an operator meets them."""
 
+import os
 import signal
 import subprocess
 import time
 import unittest
+from unittest import mock
 
 from case import BUILD, STOP_SECONDS, SystemTest, wait_for_part, write_files
-from tree import ActionFailed, Tree, free_port
+from tree import AGENT_NAME, PASSWORD, Tree, free_port
 
 PACED_KILOBITS = 20_000
 
 
 class StartTest(SystemTest):
     def run_agent(self, tree, *arguments):
-        return subprocess.run([tree.kelagent, *arguments], text=True, capture_output=True, timeout=20)
+        """Exit code and output of an agent that does not start."""
+        run = subprocess.run([tree.kelagent, *arguments], text=True, capture_output=True, timeout=20)
+        return run.returncode, run.stdout + run.stderr
 
     def test_what_keeps_an_agent_from_starting(self):
         with Tree(BUILD, []) as tree:
-            root = tree.master.root
-            self.assertEqual(self.run_agent(tree, "--root", root, "--check").returncode, 0)
-            self.assertEqual(self.run_agent(tree).returncode, 2)
-            tree.master.start()
-            tree.master.wait_ready()
-            self.assertIn(f"Ready at {tree.master.address}:{tree.master.port}", tree.master.log())
-            second = self.run_agent(tree, "--root", root)
-            self.assertEqual(second.returncode, 3, second.stderr)
-            self.assertIn("another agent runs", second.stderr)
+            agent, root = tree.master, tree.master.root
+            agent.set_ini("Agent", "Agent", "LogLevel", "detail")
+            self.assertEqual(self.run_agent(tree, "--root", root, "--check")[0], 0)
+            self.assertEqual(self.run_agent(tree)[0], 2)
+            agent.start()
+            agent.wait_ready()
+            steps = ["FileStore Module Activate starting", "HttpProtocol Listening on",
+                     f"Agent Ready at {agent.address}:{agent.port}"]
+            log = agent.log()
+            self.assertEqual(sorted(steps, key=log.index), steps, "every module is active before the first answer")
+            code, output = self.run_agent(tree, "--root", root)
+            self.assertEqual(code, 3)
+            self.assertIn("another agent runs", output)
             self.stop_all(tree)
 
-            tree.master.set_ini("HttpProtocol", "HttpProtocol", "BwPort", tree.master.port)
-            deaf = self.run_agent(tree, "--root", root)
-            self.assertEqual(deaf.returncode, 1)
-            self.assertIn(f"cannot listen on port {tree.master.port}", deaf.stderr)
-            self.assertNotIn("Ready", deaf.stderr)
+            agent.set_ini("HttpProtocol", "HttpProtocol", "BwPort", agent.port)
+            code, output = self.run_agent(tree, "--root", root)
+            self.assertEqual(code, 1)
+            self.assertIn(f"cannot listen on port {agent.port}", output)
+            self.assertNotIn("Ready", output)
+            (root / "config" / "Agent.ini").chmod(0o644)
+            code, output = self.run_agent(tree, "--root", root, "--check")
+            self.assertEqual(code, 1)
+            self.assertIn("chmod 600", output)
 
-            ini = root / "config" / "Agent.ini"
-            ini.chmod(0o644)
-            check = self.run_agent(tree, "--root", root, "--check")
-            self.assertEqual(check.returncode, 1)
-            self.assertIn("chmod 600", check.stdout)
-            tree.master.set_ini("Agent", "Agent", "HttpPassword", "")
-            start = self.run_agent(tree, "--root", root)
-            self.assertEqual(start.returncode, 1)
-            self.assertIn("HttpPassword", start.stderr)
-
-    def test_nothing_is_answered_before_every_module_is_active(self):
+    def test_kel_shows_failures_by_its_exit_code(self):
         with Tree(BUILD, []) as tree:
-            tree.master.set_ini("Agent", "Agent", "LogLevel", "detail")
-            tree.master.start()
-            tree.master.wait_ready()
-            steps = ["FileStore Module Activate starting", "HttpProtocol Listening on", "Agent Ready at"]
-            log = tree.master.log()
-            self.assertEqual(sorted(steps, key=log.index), steps)
+            agent = tree.master
+            self.refused(agent.kel, "status", code=3)
+            self.refused(agent.kel, "publish", "/no/such/file", "--type", "t", code=2)
+            agent.start()
+            agent.wait_ready()
+            self.refused(agent.call, "NoSuchAction")
+            agent.kel("settings", "set", "MulticastTTL=7")
+            self.assertEqual(agent.kel("settings", "get", "MulticastTTL"), [{"Name": "MulticastTTL", "Value": "7"}])
+            agent.kel("windows", "set", "up", "--slots", "0")
+            self.assertEqual([(item["Direction"], set(item["Slots"].split())) for item in agent.kel("windows")], [(1, {"0"})])
+            agent.kel("windows", "set", "up", "--remove")
+            self.assertEqual(agent.kel("windows"), [])
+            again = self.refused(agent.kel, "init", agent.root, "--role", "master", "--address", "127.9.9.9", "--port",
+                                 20000, "--password-file", tree.password_file)
+            self.assertIn("exists", again)
 
-    def test_kel_tells_failures_apart(self):
+
+class TlsTest(SystemTest):
+    def test_basic_credentials_and_ranges_over_tls(self):
         with Tree(BUILD, []) as tree:
-            for arguments, code in ((["status"], 3), (["publish", "/no/such/file", "--type", "t"], 2)):
-                with self.assertRaises(ActionFailed) as failed:
-                    tree.master.kel(*arguments)
-                self.assertEqual(failed.exception.exit_code, code, arguments)
-            tree.master.start()
-            tree.master.wait_ready()
-            with self.assertRaises(ActionFailed) as failed:
-                tree.master.call("NoSuchAction")
-            self.assertEqual(failed.exception.exit_code, 1)
-            tree.master.kel("settings", "set", "MulticastTTL=7")
-            self.assertEqual(tree.master.kel("settings", "get", "MulticastTTL"), [{"Name": "MulticastTTL", "Value": "7"}])
-            tree.master.kel("windows", "set", "up", "--slots", "0")
-            window = tree.master.kel("windows")
-            self.assertEqual([(item["Direction"], set(item["Slots"].split())) for item in window], [(1, {"0"})])
-            tree.master.kel("windows", "set", "up", "--remove")
-            self.assertEqual(tree.master.kel("windows"), [])
-            again = subprocess.run([tree.kel, "init", tree.master.root, "--role", "master", "--address", "127.9.9.9",
-                                    "--port", str(free_port("127.9.9.9")), "--password-file", tree.password_file],
-                                   capture_output=True, text=True)
-            self.assertEqual(again.returncode, 1)
-            self.assertIn("exists", again.stderr)
+            agent = tree.master
+            port, key, certificate = free_port(agent.address), tree.folder / "key.pem", tree.folder / "certificate.pem"
+            subprocess.run(["openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes",
+                            "-subj", "/CN=agent", "-addext", f"subjectAltName=IP:{agent.address}", "-keyout", key, "-out",
+                            certificate], check=True, capture_output=True)
+            for name, value in (("Port", port), ("CertificateFile", certificate), ("KeyFile", key)):
+                agent.set_ini("HttpProtocol", "Ssl", name, value)
+            # The system's settings forbid old versions by themselves; the agent has to refuse them without their help.
+            lax = tree.folder / "openssl.cnf"
+            lax.write_text("openssl_conf=a\n[a]\nssl_conf=b\n[b]\nsystem_default=c\n"
+                           "[c]\nMinProtocol=TLSv1\nCipherString=DEFAULT@SECLEVEL=0\n")
+            with mock.patch.dict(os.environ, OPENSSL_CONF=str(lax)):
+                agent.start()
+            agent.wait_ready()
+            path = write_files(tree.folder / "files", {"data": 3 << 20})["data"]
+            checksum = tree.publish([path], to="none")[0]["FileChecksum"]
+            server = f"{agent.address}:{port}"
+
+            def curl(password, *options, scheme="https"):
+                """Head and body of the answer, nothing when there is none."""
+                return subprocess.run(["curl", "-s", "-i", "--basic", "-u", f"{AGENT_NAME}:{password}", "--cacert", certificate,
+                                       *options, f"{scheme}://{server}/QuarnelDatabase/Packages/files/{checksum}/data"],
+                                      capture_output=True, timeout=30).stdout
+            content = path.read_bytes()
+            self.assertTrue(curl(PASSWORD).endswith(b"\r\n\r\n" + content))
+            part = curl(PASSWORD, "-r", "100000-2999999")
+            self.assertTrue(part.startswith(b"HTTP/1.1 206 ") and part.endswith(b"\r\n\r\n" + content[100000:3000000]))
+            refused = curl("wrong")
+            self.assertTrue(refused.startswith(b"HTTP/1.1 401 ") and b"WWW-Authenticate: Basic" in refused, refused)
+            self.assertEqual(curl(PASSWORD, "--tls-max", "1.1", "--ciphers", "DEFAULT@SECLEVEL=0"), b"")
+            self.assertEqual(curl(PASSWORD, scheme="http"), b"")
+            self.end(tree)
 
 
 class StopTest(SystemTest):
@@ -91,8 +115,7 @@ class StopTest(SystemTest):
                 begin = time.monotonic()
                 self.assertEqual(agent.stop(STOP_SECONDS + 5), 0, agent.stderr()[-2000:])
                 self.assertLess(time.monotonic() - begin, STOP_SECONDS, agent.name)
-            self.stop_all(tree)
-            self.check_databases(tree)
+            self.end(tree)
 
     def test_a_signal_for_the_process_and_its_group_is_one_stop(self):
         with Tree(BUILD, []) as tree:

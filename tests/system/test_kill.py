@@ -53,8 +53,7 @@ class KillTest(SystemTest):
                                                lambda paths: tree.publish(paths, "Kill", "kill"))
             expected = {("kill", name): digest for name, digest in files.items()}
             tree.wait_delivered(expected, tree.devices, SECONDS_TO_ARRIVE)
-            self.stop_all(tree)
-            self.check_databases(tree)
+            self.end(tree)
             for agent in tree.devices:
                 self.check_recorded_once(agent, upstream=False)
 
@@ -74,8 +73,7 @@ class KillTest(SystemTest):
                 tree, [relay], 4, 3 << 20, lambda paths: client.kel("send", *paths, "--type", "Kill", "--label", "kill"))
             expected = {(guid, "kill", name): digest for name, digest in files.items()}
             wait_collected(tree.master, expected, SECONDS_TO_ARRIVE)
-            self.stop_all(tree)
-            self.check_databases(tree)
+            self.end(tree)
             for name in files:
                 self.assertEqual(tree.master.log().count(f"Collected Kill/kill/{name} "), 1, name)
             self.check_recorded_once(tree.master, upstream=True)

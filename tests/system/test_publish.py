@@ -37,8 +37,7 @@ class WatchTest(SystemTest):
             by_name = {item["Name"]: item["Status"] for item in tree.master.kel("publications", publication["PublicationId"])}
             self.assertEqual(by_name, {relay.name: "delivered", client.name: "failed"})
             self.check_interruption(tree)
-            self.stop_all(tree)
-            self.check_databases(tree)
+            self.end(tree)
 
     def check_interruption(self, tree):
         """SIGINT ends the watching only."""

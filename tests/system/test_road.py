@@ -2,12 +2,8 @@
 
 import unittest
 
-from case import BUILD, SystemTest, write_files
+from case import BUILD, ODD_FILES, SystemTest, write_files
 from tree import Tree, sha256_of, wait_until
-
-NAMES = ["plain.bin", "with blank.bin", "100%.bin", "hash#mark.bin", "what?.bin", "grüße-文件.bin", "it's.bin",
-         "%41%2e.bin", "a&b=c;d.bin", "[x]{y}.bin", "a.ini", "b.SQLite"]
-SIZES = [0, 1, 1000, 65536, 1 << 20, 4096, 300_000, 17, 5000, 12345, 20, 8192]
 
 
 class RoadTest(SystemTest):
@@ -16,15 +12,14 @@ class RoadTest(SystemTest):
             tree.start()
             self.assertEqual({device["Name"] for device in tree.master.kel("devices")},
                              {agent.name for agent in tree.agents})
-            paths = write_files(tree.folder / "files", dict(zip(NAMES, SIZES)))
+            paths = write_files(tree.folder / "files", {**ODD_FILES, "empty.bin": 0})
             expected = {("label one", name): sha256_of(path) for name, path in paths.items()}
             published = tree.publish(paths.values(), "Road", "label one")
             self.assertEqual([item["Targets"] for item in published], [3] * len(paths))
             tree.wait_delivered(expected, tree.devices, 60)
             self.check_one_device(tree, paths)
             wait_until(lambda: all(map(self.has_acknowledged_all, tree.devices)), 30, "all files acknowledged")
-            self.stop_all(tree)
-            self.check_databases(tree)
+            self.end(tree)
             for agent in tree.agents:
                 self.assertEqual(self.rows(agent, "SELECT * FROM Targets"), [], f"targets left on {agent.name}")
 

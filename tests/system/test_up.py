@@ -9,12 +9,10 @@ import subprocess
 import unittest
 import zipfile
 
-from case import BUILD, STOP_SECONDS, SystemTest, collected_files, wait_collected, write_files
-from tree import ActionFailed, Tree, sha256_of, wait_until
+from case import BUILD, ODD_FILES, STOP_SECONDS, SystemTest, collected_files, wait_collected, write_files
+from tree import Tree, sha256_of, wait_until
 
-NAMES = ["plain.bin", "with blank.bin", "100%.bin", "hash#mark.bin", "what?.bin", "grüße-文件.bin", "it's.bin",
-         "%41%2e.bin", "a&b=c;d.bin", "[x]{y}.bin", "-rf.bin", "n" * 200 + ".bin", "a.ini", "b.SQLite"]
-SIZES = [1, 2, 1000, 65536, 1 << 20, 4096, 300_000, 17, 5000, 12345, 100, 9, 20, 8192]
+FILES = {**ODD_FILES, "-rf.bin": 100, "n" * 200 + ".bin": 9}
 FILE_TYPE = "Road up"
 INDEX = "Temp/PackedFilesInfo.xml"
 AT_REST = {"_AGTMOD_FILESTORESTATUS_AVAILABLE_", "_AGTMOD_FILESTORESTATUS_PACKEDFILE_"}
@@ -40,7 +38,7 @@ class RoadUpTest(SystemTest):
             tree.start()
             expected = {}
             for number, client in enumerate(tree.clients):
-                paths = list(write_files(tree.folder / client.name / "out", dict(zip(NAMES, SIZES)), number).values())
+                paths = list(write_files(tree.folder / client.name / "out", FILES, number).values())
                 send(client, paths, "label one")
                 expected.update(expected_from(client, paths, "label one"))
             wait_collected(tree.master, expected, 60)
@@ -49,8 +47,7 @@ class RoadUpTest(SystemTest):
             self.assertNotIn("PushThread: Sending archive file", tree.relays[0].log())
             for agent in tree.agents:
                 wait_until(lambda: self.states(agent) <= AT_REST, 30, f"nothing is left to do on {agent.name}")
-            self.stop_all(tree)
-            self.check_databases(tree)
+            self.end(tree)
 
     def states(self, agent):
         return {file["FileStatus"] for file in agent.kel("files", "--upstream") if file["FileType"] == FILE_TYPE}
@@ -72,10 +69,7 @@ class RoadUpTest(SystemTest):
             (folder / "sub").mkdir()
             twin = write_files(folder / "sub", {"good.bin": 11})["good.bin"]
             for files, text in ((paths.values(), "empty"), ([paths["good.bin"], twin], "named")):
-                with self.assertRaises(ActionFailed) as failed:
-                    send(tree.master, files, "l")
-                self.assertEqual(failed.exception.exit_code, 1)
-                self.assertIn(text, failed.exception.text)
+                self.assertIn(text, self.refused(send, tree.master, files, "l"))
             self.assertNotIn("good.bin", [file["FileName"] for file in tree.master.kel("files", "--upstream")])
 
 
@@ -85,7 +79,7 @@ class PackingTest(SystemTest):
             relay, client = tree.relays[0], tree.clients[0]
             pack_on(relay)
             tree.start()
-            paths = write_files(tree.folder / "out", dict(zip(NAMES, SIZES)))
+            paths = write_files(tree.folder / "out", FILES)
             tree.master.process.send_signal(signal.SIGSTOP)  # so that the archive waits in the relay's store
             try:
                 send(client, paths.values(), "packed")
@@ -94,8 +88,7 @@ class PackingTest(SystemTest):
                 tree.master.process.send_signal(signal.SIGCONT)
             self.check_archive(tree.folder, archive, paths)
             wait_collected(tree.master, expected_from(client, paths.values(), "packed"), 60)
-            self.stop_all(tree)
-            self.check_databases(tree)
+            self.end(tree)
 
     def archive_of(self, relay, client):
         """The first complete archive in the relay's store that holds files of the client."""
@@ -115,10 +108,6 @@ class PackingTest(SystemTest):
             self.assertIsNone(archive.testzip())
             names = archive.namelist()
             self.assertEqual(names[0], INDEX)
-            self.assertEqual(min(archive.infolist(), key=lambda entry: entry.header_offset).filename, INDEX)
-            self.assertEqual(len(set(names)), len(names))
-            index = archive.read(INDEX).decode()
-            self.assertEqual(index.count('<Value name="PackedFile"'), len(names) - 1)
             for name in names[1:]:
                 parts = pathlib.PurePosixPath(name).parts
                 self.assertEqual((parts[0], len(parts)), ("upstream", 5), name)
@@ -157,8 +146,7 @@ class UnconnectedTest(SystemTest):
             found = wait_until(lambda: collected_files(tree.master).get((guid, "kept", "report")), 30, "the report is collected")
             self.assertIn('<Value name="Disk" type="string">42</Value>', found.read_text())
             wait_until(lambda: not list(kept.iterdir()), 30, "what was handed over is not kept any more")
-            self.stop_all(tree)
-            self.check_databases(tree)
+            self.end(tree)
 
 
 class RequestTest(SystemTest):
@@ -172,12 +160,10 @@ class RequestTest(SystemTest):
                 answer = client.kel("request", "--type", "Demo", "--label", "shelf", "--name", path.name, "--wait", 30, *extra)
                 self.assertEqual((answer[0]["State"], sha256_of(answer[0]["Path"])), ("delivered", sha256_of(path)))
             self.assertEqual(tree.master.log().count("Received request from "), 1, "the relay kept the file for the second")
-            with self.assertRaises(ActionFailed) as failed:
-                tree.clients[0].kel("request", "--type", "Demo", "--label", "shelf", "--name", "no such.bin", "--wait", 3)
-            self.assertEqual(failed.exception.exit_code, 1)
+            self.refused(tree.clients[0].kel, "request", "--type", "Demo", "--label", "shelf", "--name", "no such.bin",
+                         "--wait", 3)
             wait_until(lambda: "File request for non-existant file" in tree.master.log(), 30, "the master drops the request")
-            self.stop_all(tree)
-            self.check_databases(tree)
+            self.end(tree)
 
 
 if __name__ == "__main__":

@@ -84,6 +84,21 @@ def sha256_of(path):
     return digest.hexdigest()
 
 
+def wait_arrived(files, expected, seconds, what):
+    """Waits until `files()`, key -> path, has had each of `expected`, key -> SHA-256, with that content."""
+    missing = dict(expected)
+
+    def complete():
+        for key, path in files().items():
+            if key in missing and path.exists() and sha256_of(path) == missing[key]:
+                del missing[key]
+        return not missing
+    try:
+        wait_until(complete, seconds, "")
+    except TimeoutError:
+        raise TimeoutError(f"not {what} within {seconds} s: {sorted(missing)[:5]}") from None
+
+
 def free_port(address):
     """A free port below those that the system gives to outgoing connections: it must stay free over restarts."""
     while True:
@@ -303,14 +318,4 @@ class Tree:
     def wait_delivered(self, expected, agents, seconds):
         """Waits until every agent's inbox holds all of `expected`, (label, name) -> SHA-256, with that content."""
         for agent in agents:
-            missing = dict(expected)
-
-            def complete():
-                for key, path in agent.inbox().items():
-                    if key in missing and path.exists() and sha256_of(path) == missing[key]:
-                        del missing[key]
-                return not missing
-            try:
-                wait_until(complete, seconds, "")
-            except TimeoutError:
-                raise TimeoutError(f"{agent.name}: not delivered within {seconds} s: {sorted(missing)[:5]}") from None
+            wait_arrived(agent.inbox, expected, seconds, f"delivered to {agent.name}")

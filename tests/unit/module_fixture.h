@@ -19,6 +19,7 @@
 #include "kelcore/callback_db.h"
 #include "kelcore/error_codes.h"
 #include "kelcore/module.h"
+#include "kept_log.h"
 
 /// Values of a container, each "NAME=TEXT"; numbers and bools as text, for reading them converts it back.
 using Texts = std::vector<std::string>;
@@ -50,37 +51,13 @@ inline KelContainer From(const KelContainer& arguments, const std::string& addre
     return With(arguments, "HttpProtocolRequestInfo", Values({"HttpProtocolRequestAddress=" + address}));
 }
 
-/// Keeps log lines for a test to look at.
-class KeptLog : public KelDebugContext {
-  public:
-    void Write(KelDebugLevel level, const KelString&, const KelString& line) override {
-        const std::lock_guard lock(mutex_);
-        lines_.emplace_back(level, line);
-    }
-    KelDebugLevel Level() const override { return KelDebugLevel::Detail; }
-
-    /// Lines of at least `level` that hold `part`.
-    int Count(KelDebugLevel level, const std::string& part) const {
-        const std::lock_guard lock(mutex_);
-        int count = 0;
-        for (const auto& [lineLevel, line] : lines_) {
-            if (lineLevel >= level && line.find(part) != std::string::npos) ++count;
-        }
-        return count;
-    }
-
-  private:
-    mutable std::mutex mutex_;
-    std::vector<std::pair<KelDebugLevel, std::string>> lines_;
-};
-
 /// The root of an agent at 127.0.3.1 in a temporary folder, with the action and callback databases of the
 /// process. A test runs one module against neighbours that it fakes.
 class ModuleFixture : public ::testing::Test {
   protected:
     ModuleFixture() {
-        std::filesystem::create_directories(root_ / "config");
-        std::filesystem::create_directories(root_ / "data");
+        for (const char* folder : {"config", "data"})
+            std::filesystem::create_directory(root_ / folder);
         Configure("127.0.3.1");
     }
     ~ModuleFixture() override {

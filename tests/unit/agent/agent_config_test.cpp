@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include "agent/agent_options.h"
-#include "agent/root_lock.h"
 #include "kel/temp_folder.h"
 
 namespace {

@@ -1,13 +1,10 @@
 #include <gtest/gtest.h>
 
-#include "cli/call_arguments.h"
-#include "cli/device_order.h"
-#include "cli/file_command.h"
-#include "cli/file_names.h"
+#include "cli/commands.h"
+#include "cli/hand_over.h"
 #include "cli/init_command.h"
-#include "cli/progress_bar.h"
+#include "cli/output.h"
 #include "cli/publication_watch.h"
-#include "cli/table.h"
 
 namespace {
 

@@ -49,7 +49,6 @@ TEST_F(ConsoleTest, PublishCopiesTheFileIntoTheServedFolderAndOffersItToTheStore
 }
 
 TEST_F(ConsoleTest, TheSameAndADamagedCopyMayBePublishedAgain) {
-    std::filesystem::create_directories(root_ / "data/Console/Incoming");
     TempFolder::Write(root_ / "data/Console/Incoming/.kel-stale", "left by a kill");
     RunningModule<Console> module;
     for (int i = 0; i < 3; ++i) {
@@ -82,15 +81,6 @@ TEST_F(ConsoleTest, UnusableRequestsAreRefusedAndPublishNothing) {
         EXPECT_EQ(Call("ConsolePublish", From(Request(kNorth), caller)), kKelErrorBadInput) << caller;
     EXPECT_TRUE(Offers().empty());
     EXPECT_FALSE(std::filesystem::exists(root_ / "data/Console/Packages"));
-}
-
-TEST_F(ConsoleTest, TheStoresRefusalIsPassedOn) {
-    RunningModule<Console> module;
-    SetStoreResult(13);
-    KelContainer request = Request(kNorth);
-    EXPECT_EQ(Call("ConsolePublish", request), 13U);
-    EXPECT_FALSE(request.Has("PublicationId"));
-    EXPECT_FALSE(Call("ConsoleListPublications").Has("Values"));
 }
 
 TEST_F(ConsoleTest, ManyThreadsMayPublishTheSameFile) {

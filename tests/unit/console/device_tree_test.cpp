@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "kel/format.h"
-#include "modules/console/device_list.h"
+#include "modules/console/device.h"
 
 namespace {
 

@@ -46,35 +46,40 @@ class ConsoleUpstreamTest : public ConsoleTest {
         return Take("DeliveryReceipt", receipt, source);
     }
 
-    /// "delivered/failed/pending of targets"
-    static std::string Counts(const KelContainer& published) {
+    /// What the console says of one publication.
+    static KelContainer Listed(const KelContainer& published) {
         KelContainer publication = Values({"PublicationId=" + published.GetString("PublicationId")});
         EXPECT_EQ(Call("ConsoleListPublications", publication), 0U);
-        const KelContainer& values = publication.GetContainer("Values");
+        return publication;
+    }
+    /// "delivered/failed/pending of targets"
+    static std::string Counts(const KelContainer& values) {
         return values.GetString("Delivered") + "/" + values.GetString("Failed") + "/" +
                values.GetString("Pending") + " of " + values.GetString("Targets");
     }
-
-    /// What the publication says of its first device.
-    static std::string MessageOf(const KelContainer& published) {
-        KelContainer publication = Values({"PublicationId=" + published.GetString("PublicationId")});
-        EXPECT_EQ(Call("ConsoleListPublications", publication), 0U);
-        return publication.GetContainer("Devices").GetString("Message");
+    static std::string CountsNow(const KelContainer& published) {
+        return Counts(Listed(published).GetContainer("Values"));
     }
-    /// A publication of the file with this content, which must stand so at once: "delivered/failed/pending of
-    /// targets". Only pending targets are offered the file, all of them.
-    KelContainer PublishContent(const std::string& content, const KelContainer& request,
-                                const std::string& expected) {
-        TempFolder::Write(root_ / "setup.bin", content);
-        const KelContainer published = Publish(request);
-        EXPECT_EQ(published.GetString("Delivered") + "/" + published.GetString("Failed") + "/" +
-                      published.GetString("Pending") + " of " + published.GetString("Targets"),
-                  expected);
+    /// Publishes the file with the content that is set. Its counts at once must be `expected`, and the
+    /// message of its first device hold `message`. Only pending targets are offered the file, all of them.
+    KelContainer Expect(const std::string& device, const std::string& expected,
+                        const std::string& message = {}) {
+        TempFolder::Write(root_ / "setup.bin", content_);
+        const KelContainer published = Publish(With(Request(device), {"FileLabel=" + label_}));
         EXPECT_EQ(Counts(published), expected);
+        const KelContainer listed = Listed(published);
+        EXPECT_EQ(Counts(listed.GetContainer("Values")), expected);
+        const KelString said = listed.GetContainer("Devices").GetString("Message");
+        EXPECT_NE(said.find(message), std::string::npos) << said;
         EXPECT_EQ(Offers().back().Has("DevicePath"), published.GetInt32("Pending") > 0);
         return published;
     }
+    /// The line of a device in the ini file.
+    static std::string Line(const std::string& guid, const std::string& parentRoleAndName) {
+        return guid + "=127.0.3.4:1610/" + guid + "/0/127.0.3.4/255.0.0.0 " + parentRoleAndName + "\n";
+    }
 
+    std::string content_ = "content", label_ = "tools";
     const std::int64_t now_ = std::time(nullptr);
 };
 
@@ -145,22 +150,21 @@ TEST_F(ConsoleUpstreamTest, ReceiptsBringAPublicationForward) {
     RunningModule<Console> module;
     TakeIdentity(Identity(kDesk, "desk-9", 1700000000));
     const KelContainer published = Publish(Request("all"));
-    EXPECT_EQ(Counts(published), "0/0/3 of 3");
+    EXPECT_EQ(CountsNow(published), "0/0/3 of 3");
     EXPECT_EQ(TakeReceipt(Receipt(kNorth, "failed", 100), kNorth), kStaysHere);
     EXPECT_EQ(TakeReceipt(Receipt(kDesk, "delivered", 200)), kStaysHere);
-    EXPECT_EQ(Counts(published), "1/1/1 of 3");
+    EXPECT_EQ(CountsNow(published), "1/1/1 of 3");
     TakeReceipt(Receipt(kDesk, "failed", 150));
-    EXPECT_EQ(Counts(published), "1/1/1 of 3") << "an older receipt changes nothing";
+    EXPECT_EQ(CountsNow(published), "1/1/1 of 3") << "an older receipt changes nothing";
     TakeReceipt(Receipt(kNorth, "delivered", 300));
-    EXPECT_EQ(Counts(published), "2/0/1 of 3");
+    EXPECT_EQ(CountsNow(published), "2/0/1 of 3");
 
     TakeReceipt(Receipt(kClient, "done", 100));
     TakeReceipt(With(Receipt(kClient, "delivered", 100), {"FileChecksum=0' OR '1'='1"}));
     TakeReceipt(Receipt(kClient, "delivered", 100), kNorth);
-    EXPECT_EQ(Counts(published), "2/0/1 of 3");
+    EXPECT_EQ(CountsNow(published), "2/0/1 of 3");
 
-    KelContainer publication = Values({"PublicationId=" + published.GetString("PublicationId")});
-    EXPECT_EQ(Call("ConsoleListPublications", publication), 0U);
+    const KelContainer publication = Listed(published);
     ASSERT_EQ(publication.Count("Devices"), 3U);
     ExpectValues(publication.GetContainer("Devices", 0),
                  {"GUID=" + kNorth, "Name=north", "Status=delivered", "Time=300", "Message=it's delivered"});
@@ -173,127 +177,92 @@ TEST_F(ConsoleUpstreamTest, ReceiptsBringAPublicationForward) {
 
 TEST_F(ConsoleUpstreamTest, WhatADeviceHasAlreadyCountsAtOnce) {
     RunningModule<Console> module;
-    Publish(Request("north"));
+    Expect("north", "0/0/1 of 1");
     TakeReceipt(Receipt(kNorth, "delivered", 100));
-    PublishContent("content", Request("north"), "1/0/0 of 1");
-    PublishContent("content", With(Request("north"), {"FileLabel=other"}), "0/0/1 of 1");
+    Expect("north", "1/0/0 of 1");
+    label_ = "other";
+    Expect("north", "0/0/1 of 1");
 }
 
 TEST_F(ConsoleUpstreamTest, ADeviceThatGotAnotherContentSinceDoesNotGetTheFormerOneBack) {
     RunningModule<Console> module;
     for (const auto& [label, laterTime, later] :
-         {std::tuple("FileLabel=later", 101, "1/0/0 of 1"), {"FileLabel=same second", 100, "0/1/0 of 1"}}) {
-        const KelContainer request = With(Request("north"), {label});
+         {std::tuple("later", 101, "1/0/0 of 1"), {"same second", 100, "0/1/0 of 1"}}) {
+        label_ = label;
+        const auto expect = [this](const char* content, const char* expected, const char* message = "") {
+            content_ = content;
+            Expect("north", expected, message);
+        };
         const std::size_t first = OfferCount();
-        PublishContent("content", request, "0/0/1 of 1");
+        expect("content", "0/0/1 of 1");
         TakeReceipt(Receipt(kNorth, "delivered", 100, first));
-        PublishContent("newer", request, "0/0/1 of 1");
-        const KelContainer overtaken = PublishContent("content", request, "0/1/0 of 1");
-        EXPECT_NE(MessageOf(overtaken).find("on its way to it"), std::string::npos) << MessageOf(overtaken);
+        expect("newer", "0/0/1 of 1");
+        expect("content", "0/1/0 of 1", "on its way to it");
         TakeReceipt(Receipt(kNorth, "delivered", laterTime, first + 1));
         for (int i = 0; i < 2; ++i) {
-            const KelContainer former = PublishContent("content", request, "0/1/0 of 1");
-            EXPECT_NE(MessageOf(former).find("another label"), std::string::npos) << MessageOf(former);
-            PublishContent("newer", request, later);
+            expect("content", "0/1/0 of 1", "another label");
+            expect("newer", later);
         }
     }
 }
 
 TEST_F(ConsoleUpstreamTest, APendingTargetIsOfferedTheFileAgainAFailedOneIsNot) {
     RunningModule<Console> module;
-    Publish(Request("north"));
-    PublishContent("content", Request("north"), "0/0/1 of 1");
-    TakeReceipt(Receipt(kNorth, "failed", 100));
-    const std::string message = MessageOf(PublishContent("content", Request("north"), "0/1/0 of 1"));
-    EXPECT_NE(message.find("it's failed"), std::string::npos) << message;
-    EXPECT_EQ(MessageOf(PublishContent("content", Request("north"), "0/1/0 of 1")), message);
+    SetStoreResult(13);
+    KelContainer refused = Request("north");
+    EXPECT_EQ(Call("ConsolePublish", refused), 13U);
+    EXPECT_FALSE(refused.Has("PublicationId"));
+    EXPECT_FALSE(Call("ConsoleListPublications").Has("Values"));
+    SetStoreResult(0);
+    Expect("desk", "0/0/1 of 1");  // a refused offer has left no holder above it
+    label_ = "again";
+    Expect("north", "0/0/1 of 1");
+    Expect("north", "0/0/1 of 1");
+    TakeReceipt(Receipt(kNorth, "failed", 100, 1));
+    Expect("north", "0/1/0 of 1", "it's failed");
+    Expect("north", "0/1/0 of 1", "it's failed");
 }
 
 TEST_F(ConsoleUpstreamTest, ATargetBehindAStoreThatTookTheFileWithoutItFailsAtOnce) {
     const std::string far = "ABCD0000-0000-0000-0000-000000000004";
-    const std::string farPath = "127.0.3.4:1610/" + far + "/0/127.0.3.4/255.0.0.0";
-    WriteDevices(BothDevices() + far + "=" + farPath + " " + kNorth + " client far\n");
+    WriteDevices(BothDevices() + Line(far, kNorth + " client far"));
     RunningModule<Console> module;
     TakeIdentity(Identity(kDesk, "desk-9", now_));
-    PublishContent("content", Request("desk"), "0/0/1 of 1");
-    PublishContent("content", Request("all"), "0/2/2 of 4");
+    Expect("desk", "0/0/1 of 1");
+    Expect("all", "0/2/2 of 4");
     const KelContainer desk9 = With({}, Identity(kDesk, "desk-9", now_).GetString("PathName"), {});
     const KelContainer both = With(desk9, kNorthPath, With({}, kClientPath, {}));
     EXPECT_EQ(Offers().back().GetContainer("DevicePath"), With({}, kMasterPath, both));
-
-    for (const char* device : {"far", "north"}) {
-        const KelContainer published = PublishContent("content", Request(device), "0/1/0 of 1");
-        EXPECT_NE(MessageOf(published).find("store of north"), std::string::npos) << MessageOf(published);
-        TakeReceipt(Receipt(device == std::string("far") ? far : kNorth, "delivered", 100));
-        EXPECT_EQ(Counts(published), "1/0/0 of 1") << "it fetched the file by request";
+    for (const auto& [device, guid] : {std::pair("far", far), {"north", kNorth}}) {
+        const KelContainer published = Expect(device, "0/1/0 of 1", "store of north");
+        TakeReceipt(Receipt(guid, "delivered", 100));
+        EXPECT_EQ(CountsNow(published), "1/0/0 of 1") << "it fetched the file by request";
     }
-    PublishContent("content", Request("all"), "2/0/2 of 4");
+    Expect("all", "2/0/2 of 4");
 }
 
 TEST_F(ConsoleUpstreamTest, ATargetThatWasNeverOfferedTheFileIsOnceItsWayIsFree) {
     RunningModule<Console> module;
-    PublishContent("content", Request("north"), "0/0/1 of 1");
-    PublishContent("content", Request("desk"), "0/1/0 of 1");
+    Expect("north", "0/0/1 of 1");
+    Expect("desk", "0/1/0 of 1");
     TakeIdentity(With(Identity(kClient, "desk", now_),
                       {"DeviceUrl=127.0.3.3:1610/" + kClient, "PathName=" + kClientPath}));
-    PublishContent("content", Request("desk"), "0/0/1 of 1");
+    Expect("desk", "0/0/1 of 1");
 }
 
-TEST_F(ConsoleUpstreamTest, WhatADeviceFetchedByRequestAndTheRelayAboveItAreKnown) {
-    RunningModule<Console> module;
-    TakeIdentity(Identity(kDesk, "desk-9", now_, kNorth));
-    PublishContent("content", Request("none"), "0/0/0 of 0");
-    TakeReceipt(Receipt(kDesk, "delivered", 100));
-    TakeReceipt(Receipt(kDesk, "failed", 99));
-    PublishContent("content", Request("desk-9"), "1/0/0 of 1");
-    for (const char* device : {"desk", "north"}) {
-        const std::string message = MessageOf(PublishContent("content", Request(device), "0/1/0 of 1"));
-        EXPECT_NE(message.find("store of north"), std::string::npos) << message;
-    }
-    PublishContent("content", Request("all"), "1/2/0 of 3");
-
-    TakeReceipt(With(Receipt(kDesk, "delivered", 100), {"FileLabel=never published"}));
-    PublishContent("content", With(Request("all"), {"FileLabel=never published"}), "0/0/3 of 3");
-}
-
-TEST_F(ConsoleUpstreamTest, ARelayKeepsAFileWhenTheTargetMovesToAnotherOne) {
-    const std::string south = "ABCD0000-0000-0000-0000-000000000004";
-    const std::string neighbour = "ABCD0000-0000-0000-0000-000000000005";
-    const auto line = [](const std::string& guid, const std::string& parentRoleAndName) {
-        return guid + "=127.0.3.4:1610/" + guid + "/0/127.0.3.4/255.0.0.0 " + parentRoleAndName + "\n";
-    };
-    WriteDevices(BothDevices() + line(south, kMaster + " relay south") +
-                 line(neighbour, south + " client neighbour"));
-    RunningModule<Console> module;
-    for (const char* receipt : {"", "delivered"}) {
-        const auto labelled = [&](const char* device) {
-            return With(Request(device), {std::string("FileLabel=") + "moved" + receipt});
-        };
-        TakeIdentity(Identity(kDesk, "desk-9", now_, kNorth));
-        const std::size_t offer = OfferCount();
-        PublishContent("content", labelled("desk-9"), "0/0/1 of 1");
-        if (*receipt) TakeReceipt(Receipt(kDesk, receipt, 100, offer));
-        TakeIdentity(Identity(kDesk, "desk-9", now_, south));
-        PublishContent("content", labelled("neighbour"), "0/0/1 of 1");
-        const std::string message = MessageOf(PublishContent("content", labelled("desk"), "0/1/0 of 1"));
-        EXPECT_NE(message.find("store of north"), std::string::npos) << message;
-    }
-}
-
-TEST_F(ConsoleUpstreamTest, ARefusedOfferLeavesNoHolder) {
-    RunningModule<Console> module;
-    SetStoreResult(13);
-    EXPECT_EQ(Call("ConsolePublish", Request("north")), 13U);
-    SetStoreResult(0);
-    PublishContent("content", Request("desk"), "0/0/1 of 1");
-}
-
-TEST_F(ConsoleUpstreamTest, AnOlderDatabaseLearnsWhoTookWhatWasPublished) {
+TEST_F(ConsoleUpstreamTest,
+       WhatADeviceFetchedByRequestAndTheRelayAboveItAreKnownAndLearntFromAnOlderDatabase) {
     {
         RunningModule<Console> module;
         TakeIdentity(Identity(kDesk, "desk-9", now_, kNorth));
-        PublishContent("content", Request("desk-9"), "0/0/1 of 1");
+        Expect("none", "0/0/0 of 0");
         TakeReceipt(Receipt(kDesk, "delivered", 100));
+        TakeReceipt(Receipt(kDesk, "failed", 99));
+        Expect("desk-9", "1/0/0 of 1");
+        for (const char* device : {"desk", "north"})
+            Expect(device, "0/1/0 of 1", "store of north");
+        Expect("all", "1/2/0 of 3");
+        TakeReceipt(With(Receipt(kDesk, "delivered", 100), {"FileLabel=never published"}));
     }
     {
         DBConnectionPool pool;
@@ -304,37 +273,51 @@ TEST_F(ConsoleUpstreamTest, AnOlderDatabaseLearnsWhoTookWhatWasPublished) {
                                     "WHERE FieldName = 'SchemaVersion'"));
     }
     RunningModule<Console> module;
-    PublishContent("content", Request("all"), "1/2/0 of 3");
+    Expect("all", "1/2/0 of 3");
+    label_ = "never published";
+    Expect("all", "0/0/3 of 3");
 }
 
-TEST_F(ConsoleUpstreamTest, SeveralPublicationsAreListedByTheirCounts) {
+TEST_F(ConsoleUpstreamTest, ARelayKeepsAFileWhenTheTargetMovesToAnotherOne) {
+    const std::string south = "ABCD0000-0000-0000-0000-000000000004";
+    const std::string neighbour = "ABCD0000-0000-0000-0000-000000000005";
+    WriteDevices(BothDevices() + Line(south, kMaster + " relay south") +
+                 Line(neighbour, south + " client neighbour"));
     RunningModule<Console> module;
-    KelContainer named;
-    for (std::uint32_t i = 0; i < 3; ++i)
-        named.SetString("PublicationId", Publish(Request("north")).GetString("PublicationId"), i);
-    named.SetString("PublicationId", named.GetString("PublicationId", {}, 0), 1);
-    KelContainer listed = named;
-    EXPECT_EQ(Call("ConsoleListPublications", listed), 0U);
-    EXPECT_EQ(listed.Count("Values"), 2U);
-    EXPECT_EQ(listed.GetContainer("Values").GetString("PublicationId"),
-              named.GetString("PublicationId", {}, 2));
-    EXPECT_FALSE(listed.Has("Devices"));
-    KelContainer one = Values({"CountsOnly=true", "PublicationId=" + named.GetString("PublicationId")});
-    EXPECT_EQ(Call("ConsoleListPublications", one), 0U);
-    EXPECT_EQ(one.Count("Values"), 1U);
-    EXPECT_FALSE(one.Has("Devices"));
-    EXPECT_EQ(Call("ConsoleListPublications", With(named, {"PublicationId=unknown"})), kKelErrorBadInput);
+    for (const bool isDelivered : {false, true}) {
+        label_ = isDelivered ? "delivered" : "pending";
+        TakeIdentity(Identity(kDesk, "desk-9", now_, kNorth));
+        const std::size_t offer = OfferCount();
+        Expect("desk-9", "0/0/1 of 1");
+        if (isDelivered) TakeReceipt(Receipt(kDesk, "delivered", 100, offer));
+        TakeIdentity(Identity(kDesk, "desk-9", now_, south));
+        Expect("neighbour", "0/0/1 of 1");
+        Expect("desk", "0/1/0 of 1", "store of north");
+    }
 }
 
-TEST_F(ConsoleUpstreamTest, TheLatestPublicationComesFirstEvenWithinOneSecond) {
+TEST_F(ConsoleUpstreamTest, PublicationsAreListedLatestFirstEvenWithinOneSecond) {
     RunningModule<Console> module;
     KelVector<KelString> ids(8);
     for (auto id = ids.rbegin(); id != ids.rend(); ++id)
         *id = Publish(Request("north")).GetString("PublicationId");
-    const KelContainer listed = Call("ConsoleListPublications");
-    ASSERT_EQ(listed.Count("Values"), ids.size());
+    const KelContainer all = Call("ConsoleListPublications");
+    ASSERT_EQ(all.Count("Values"), ids.size());
     for (std::uint32_t i = 0; i < ids.size(); ++i)
-        EXPECT_EQ(listed.GetContainer("Values", i).GetString("PublicationId"), ids[i]);
+        EXPECT_EQ(all.GetContainer("Values", i).GetString("PublicationId"), ids[i]);
+
+    KelContainer named;
+    for (const std::uint32_t i : {0U, 1U, 2U})
+        named.SetString("PublicationId", ids[i == 1 ? 7 : 0], i);
+    EXPECT_EQ(Call("ConsoleListPublications", named), 0U);
+    EXPECT_EQ(named.Count("Values"), 2U);
+    EXPECT_EQ(named.GetContainer("Values").GetString("PublicationId"), ids[0]);
+    EXPECT_FALSE(named.Has("Devices"));
+    KelContainer one = Values({"CountsOnly=true", "PublicationId=" + ids[3]});
+    EXPECT_EQ(Call("ConsoleListPublications", one), 0U);
+    EXPECT_EQ(one.Count("Values"), 1U);
+    EXPECT_FALSE(one.Has("Devices"));
+    EXPECT_EQ(Call("ConsoleListPublications", With(named, {"PublicationId=unknown"})), kKelErrorBadInput);
 }
 
 TEST_F(ConsoleUpstreamTest, NoneIsNoTargetAndAllLeavesOutDevicesThatNobodyLeadsTo) {
@@ -342,7 +325,7 @@ TEST_F(ConsoleUpstreamTest, NoneIsNoTargetAndAllLeavesOutDevicesThatNobodyLeadsT
     const KelContainer none = Publish(Request("none"));
     ExpectValues(none, {"Targets=0"});
     EXPECT_FALSE(Offers().at(0).Has("DevicePath"));
-    EXPECT_EQ(Counts(none), "0/0/0 of 0");
+    EXPECT_EQ(CountsNow(none), "0/0/0 of 0");
 
     TakeIdentity(
         With(Identity(kDesk, "lost", 1700000000), {"ParentGuid=ABCD0000-0000-0000-0000-0000000000FF"}));
@@ -363,7 +346,7 @@ TEST_F(ConsoleUpstreamTest, ManyDevicesAreManyTargets) {
     WriteDevices(lines);
     const KelContainer published = Publish(request);
     ExpectValues(published, {"Targets=3000"});
-    EXPECT_EQ(Counts(published), "0/0/3000 of 3000");
+    EXPECT_EQ(CountsNow(published), "0/0/3000 of 3000");
 }
 
 TEST_F(ConsoleUpstreamTest, WithoutItsDatabaseNothingIsAcknowledged) {

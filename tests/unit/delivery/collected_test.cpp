@@ -31,7 +31,6 @@ TEST_F(CollectTest, OnlyTheMasterCollects) {
 TEST_F(CollectTest, FilesGoToTheFolderOfTheirDevice) {
     BeMaster();
     const std::string incoming = root_ / "data/Delivery/Incoming";
-    std::filesystem::create_directories(incoming);
     TempFolder::Write(incoming + "/.kel-stale", "left by a kill");
     RunningModule<Delivery> module;
     struct Case {

@@ -84,7 +84,6 @@ TEST_F(DeliveryTest, FilesThatCouldNotBeCopiedAreSettledAtTheNextStart) {
     const std::string inTheWay = root_ / "data/Delivery/Inbox/T";
     {
         RunningModule<Delivery> module;
-        std::filesystem::create_directories(root_ / "data/Delivery/Inbox");
         TempFolder::Write(inTheWay, "a file");
         const KelContainer vanishing = Stored("T", "gone", "vanished");
         for (const KelContainer& file :
@@ -108,7 +107,6 @@ TEST_F(DeliveryTest, FilesThatCouldNotBeCopiedAreSettledAtTheNextStart) {
 }
 
 TEST_F(DeliveryTest, DamagedJobsAreRemoved) {
-    std::filesystem::create_directories(Pending());
     TempFolder::Write(Pending() + "/00000000000000000007.xml", "<Container><Val");
     TempFolder::Write(Pending() + "/notes.txt", "x");
     RunningModule<Delivery> module;

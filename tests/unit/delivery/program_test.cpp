@@ -10,7 +10,7 @@
 #include <poll.h>
 
 #include "kel/unique_fd.h"
-#include "modules/delivery/command_line.h"
+#include "modules/delivery/commands.h"
 
 namespace {
 

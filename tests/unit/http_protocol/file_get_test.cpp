@@ -91,8 +91,6 @@ TEST_F(FileGetTest, NothingOutsideAnAliasIsServed) {
 
 TEST_F(FileGetTest, TheAgentsDatabasesAndIniFilesAreServedOverNoAliasAndAnyOtherIs) {
     Start();
-    std::filesystem::create_directories(root_ / "data/Store/up/key");
-    std::filesystem::create_directories(root_ / "elsewhere");
     std::filesystem::create_directory_symlink("../elsewhere", root_ / "data/Moved");
     std::filesystem::create_directory_symlink("data/Store", root_ / "link");
     for (const char* name :

@@ -1,16 +1,14 @@
 #pragma once
 
 #include <netinet/in.h>
-#include <sys/socket.h>
 #include <cerrno>
 #include <map>
 #include <string>
-#include <string_view>
 
 #include "kel/checksum.h"
 #include "kel/format.h"
 #include "kel/text.h"
-#include "kel/unique_fd.h"
+#include "raw_connection.h"
 
 struct TestAnswer {
     int status = 0;                             ///< 0: the connection ended before an answer
@@ -18,50 +16,26 @@ struct TestAnswer {
     std::string body;
 };
 
-/// A client on one raw connection to 127.0.0.1. Every wait ends after some seconds.
-class HttpTestClient {
+/// A client on one connection to 127.0.0.1. Every wait ends after some seconds.
+class HttpTestClient : public RawConnection {
   public:
-    explicit HttpTestClient(std::uint16_t port) : socket_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_port = htons(port);
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        const timeval patience{15, 0};
-        ::setsockopt(Fd(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
-        ::setsockopt(Fd(), SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof patience);
-        if (::connect(Fd(), reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) socket_.Reset();
-    }
+    explicit HttpTestClient(std::uint16_t port) : RawConnection(Connect(port)) {}
 
-    bool Send(std::string_view bytes) {
-        while (!bytes.empty()) {
-            const ssize_t sent = ::send(Fd(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
-            if (sent <= 0) return false;
-            bytes.remove_prefix(static_cast<std::size_t>(sent));
-        }
-        return true;
-    }
     /// Reads one answer; `hasBody` false for HEAD.
     TestAnswer Receive(bool hasBody = true) {
         TestAnswer answer;
-        std::size_t end = 0;
-        while ((end = buffer_.find("\r\n\r\n")) == std::string::npos) {
-            if (!Fill()) return answer;
-        }
-        const std::string head = buffer_.substr(0, end + 2);
-        buffer_.erase(0, end + 4);
-        for (std::size_t at = head.find("\r\n") + 2; at < head.size(); at = head.find("\r\n", at) + 2) {
-            const std::string line = head.substr(at, head.find("\r\n", at) - at);
+        const auto head = TakeHead();
+        if (!head) return answer;
+        for (std::size_t at = head->find("\r\n") + 2; at < head->size(); at = head->find("\r\n", at) + 2) {
+            const std::string line = head->substr(at, head->find("\r\n", at) - at);
             const std::size_t colon = line.find(": ");
             answer.fields[ToLowerText(line.substr(0, colon))] = line.substr(colon + 2);
         }
         const std::string length = hasBody ? answer.fields["content-length"] : "";
-        const std::size_t size = length.empty() ? 0 : std::stoull(length);
-        while (buffer_.size() < size) {
-            if (!Fill()) return answer;
-        }
-        answer.body = buffer_.substr(0, size);
-        buffer_.erase(0, size);
-        answer.status = std::stoi(head.substr(9, 3));
+        const auto body = Take(length.empty() ? 0 : std::stoull(length));
+        if (!body) return answer;
+        answer.body = *body;
+        answer.status = std::stoi(head->substr(9, 3));
         return answer;
     }
 
@@ -105,23 +79,25 @@ class HttpTestClient {
     /// True when the server closes the connection (everything it sent before is dropped).
     bool WaitForClose() {
         errno = 0;
-        while (Fill())
-            buffer_.clear();
+        Drain();
         return errno == 0 || errno == ECONNRESET;
     }
-    int Fd() const { return socket_.Get(); }
 
     std::string nonce;
 
   private:
-    bool Fill() {
-        char bytes[65536];
-        const ssize_t got = ::recv(Fd(), bytes, sizeof bytes, 0);
-        if (got > 0) buffer_.append(bytes, static_cast<std::size_t>(got));
-        return got > 0;
+    static UniqueFd Connect(std::uint16_t port) {
+        UniqueFd fd(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_port = htons(port);
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        const timeval patience{15, 0};
+        ::setsockopt(fd.Get(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
+        ::setsockopt(fd.Get(), SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof patience);
+        if (::connect(fd.Get(), reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) fd.Reset();
+        return fd;
     }
 
-    UniqueFd socket_;
-    std::string buffer_;
     unsigned int count_ = 0;  ///< of uses of the nonce
 };

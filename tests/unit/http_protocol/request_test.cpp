@@ -87,7 +87,8 @@ TEST_F(RequestTest, RefusesWhatIsNoCall) {
           Case{411, params, "Transfer-Encoding: chunked\r\n"},
           Case{400, params, "Content-Length: 4\r\nTransfer-Encoding: chunked\r\n"},
           Case{400, params, "Content-Length: 4\r\nContent-Length: 5\r\n"},
-          Case{400, params, "Content-Length: +4\r\n"}, Case{400, "GET /", "Name : x\r\n"},
+          Case{400, params, "Content-Length: +4\r\n"},
+          Case{400, params, "Content-Length: 99999999999999999999\r\n"}, Case{400, "GET /", "Name : x\r\n"},
           Case{400, "GET /", "Name: x\r\n y\r\n"}, Case{405, "DELETE /Files/data"},
           Case{431, "GET /Files/data", "Name: " + big + "\r\n"}}) {
         SCOPED_TRACE(test.request + "\n" + test.fields + test.body);
@@ -122,6 +123,25 @@ TEST_F(RequestTest, PipelinedRequestsAreAnsweredInOrder) {
     EXPECT_EQ(client.Receive().status, 401) << "its body is read and thrown away";
     EXPECT_EQ(client.Receive().status, 404);
     EXPECT_EQ(client.Receive().fields["connection"], "close");
+    EXPECT_TRUE(client.WaitForClose());
+}
+
+TEST_F(RequestTest, EmptyLinesBeforeARequestAreSkippedUpToALimit) {
+    Start();
+    WriteFile("a", "first");
+    HttpTestClient client = Connect();
+    std::string head = client.Head("GET", "/Files/a");
+    for (const char byte : "\r\n\r\n" + head)
+        ASSERT_TRUE(client.Send(std::string_view(&byte, 1)));
+    EXPECT_EQ(client.Receive().body, "first");
+    std::string lines;
+    while (lines.size() < 1000)
+        lines += "\r\n";
+    ASSERT_TRUE(client.Send(lines + client.Head("GET", "/Files/a")));
+    EXPECT_EQ(client.Receive().body, "first");
+    ASSERT_TRUE(client.Send(lines));  // the limit holds for all that come before one request
+    ASSERT_TRUE(client.Send(lines + client.Head("GET", "/Files/a")));
+    EXPECT_EQ(client.Receive().status, 400);
     EXPECT_TRUE(client.WaitForClose());
 }
 

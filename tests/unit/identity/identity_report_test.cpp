@@ -11,7 +11,6 @@ constexpr std::int64_t kNow = 1800000000;
 class IdentityReportTest : public ModuleFixture {
   protected:
     void SetUp() override {
-        std::filesystem::create_directories(Outgoing());
         TempFolder::Write(root_ / "data/Identity/guid", kGuid + "\n");
         WriteIni("Identity", "[Identity]\nHostName=north.example\nCheckInterval=1\n");
         FakeRelay("client", kParentGuid, true);

@@ -13,10 +13,7 @@ class IdentityTest : public ModuleFixture {
   protected:
     std::string GuidFile() { return root_ / "data/Identity/guid"; }
 
-    void KeepOnDisk(const std::string& text) {
-        std::filesystem::create_directories(root_ / "data/Identity");
-        TempFolder::Write(GuidFile(), text);
-    }
+    void KeepOnDisk(const std::string& text) { TempFolder::Write(GuidFile(), text); }
     static void FakeParent(const Texts& values) { FakeValues("RelayGetValues ()", values); }
     void CollectEvents(const std::string& event) {
         Subscribe(event, [this](KelContainer* container) {

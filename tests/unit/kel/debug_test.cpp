@@ -68,9 +68,7 @@ TEST_F(DebugTest, WithoutContextOnlyProblemsReachStderr) {
     EXPECT_THAT(testing::internal::GetCapturedStderr(), MatchesRegex("[^\n]* WARNING Mod loud\n"));
 }
 
-TEST_F(DebugTest, LevelsByNameAndUnusableFiles) {
-    EXPECT_EQ(ParseDebugLevel("Warning", KelDebugLevel::None), KelDebugLevel::Warning);
-    EXPECT_EQ(ParseDebugLevel("loud", KelDebugLevel::Print), KelDebugLevel::Print);
+TEST_F(DebugTest, AnUnusableFileIsAnError) {
     TempFolder::Write(folder_ / "log", "a file");
     EXPECT_THROW(MakeDebugContext(path_, 1000, 1, false, KelDebugLevel::Print), std::runtime_error);
 }

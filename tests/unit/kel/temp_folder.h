@@ -32,7 +32,9 @@ class TempFolder {
         text << stream.rdbuf();
         return text.str();
     }
+    /// Writes a file and makes its folder.
     static void Write(const std::string& path, const std::string& text) {
+        std::filesystem::create_directories(std::filesystem::path(path).parent_path());
         std::ofstream(path, std::ios::binary) << text;
     }
 

@@ -4,7 +4,6 @@
 
 #include "kel/base64.h"
 #include "kel/regex.h"
-#include "kel/tokeniser.h"
 
 namespace {
 

@@ -8,7 +8,7 @@
 namespace {
 
 KelString UrlOf(const TestHttpServer& server) {
-    return UrlForAgent("agent", "pass word", "127.0.0.1:" + std::to_string(server.Port())) + "/ignored/path";
+    return UrlForAgent("agent", "pass word", server.HostAndPort()) + "/ignored/path";
 }
 
 unsigned int Call(const KelString& deviceUrl, KelContainer& container, IpAddress* localAddress = nullptr) {
@@ -24,47 +24,39 @@ unsigned int FailingCall(const KelString& deviceUrl) {
     return result;
 }
 
-TEST(RemoteAction, SendsTheContainerAndTakesTheAnswer) {
-    KelContainer results;
-    results.SetInt64("Size", 5000000000);
-    TestHttpServer server([&](const SeenRequest&) {
-        return Answer("200 OK", "Kel-Result: 4294967295\r\n", results.SaveToXML());
-    });
-    KelContainer container;
+TEST(RemoteAction, TheAnswerReplacesTheContainer) {
+    KelContainer container, results;
     container.SetString("FileName", "it's <one>");
+    results.SetInt64("Size", 5000000000);
+    const TestHttpServer server(TestHttpServer::ActionScript(4294967295, results));
     const KelContainer arguments = container;
     IpAddress local;
     EXPECT_EQ(Call(UrlOf(server), container, &local), 4294967295u);
     EXPECT_TRUE(container == results);
     EXPECT_EQ(local.ToText(), "127.0.0.1");
-
-    const std::vector<SeenRequest> seen = server.Seen();
-    ASSERT_FALSE(seen.empty());
-    EXPECT_EQ(seen.back().method, "POST");
-    EXPECT_EQ(seen.back().target, "/Action/SampleAction");
-    EXPECT_EQ(seen.back().Header("content-type"), "application/xml");
-    KelContainer received;
-    ASSERT_TRUE(received.LoadFromXML(seen.back().body));
-    EXPECT_TRUE(received == arguments);
+    const TestHttpServer::Request seen = server.Requests().at(0);
+    EXPECT_EQ(seen.method + seen.target + seen.Header("content-type"),
+              "POST/Action/SampleActionapplication/xml");
+    EXPECT_TRUE(seen.Arguments() == arguments);
 }
 
 TEST(RemoteAction, AFailureLeavesTheContainerAsItWas) {
     const KelString challenge =
         "WWW-Authenticate: Digest realm=\"r\", nonce=\"n\", algorithm=SHA-256, qop=\"auth\"\r\n";
     const KelString empty = "<Container></Container>";
-    const std::tuple<const char*, ScriptedAnswer, unsigned int> cases[] = {
-        {"unknown action", Answer("404 Not Found", "", ""), kKelErrorUnknownAction},
-        {"unauthorised", Answer("401 Unauthorized", challenge, ""), kKelErrorCredentials},
-        {"too large", Answer("413 Content Too Large", "Kel-Result: 0\r\n", ""), kKelErrorBadAnswer},
-        {"no result", Answer("200 OK", "", empty), kKelErrorBadAnswer},
-        {"no number", Answer("200 OK", "Kel-Result: 1x\r\n", empty), kKelErrorBadAnswer},
-        {"large number", Answer("200 OK", "Kel-Result: 4294967296\r\n", empty), kKelErrorBadAnswer},
-        {"malformed body", Answer("200 OK", "Kel-Result: 0\r\n", "<Container>"), kKelErrorBadAnswer},
-        {"no answer", {"", ScriptedAnswer::Close}, kKelErrorUnreachable},
+    const std::tuple<const char*, TestHttpServer::Answer, unsigned int> cases[] = {
+        {"unknown action", {404, "", ""}, kKelErrorUnknownAction},
+        {"unauthorised", {401, challenge, ""}, kKelErrorCredentials},
+        {"too large", {413, "Kel-Result: 0\r\n", ""}, kKelErrorBadAnswer},
+        {"no result", {200, "", empty}, kKelErrorBadAnswer},
+        {"no number", {200, "Kel-Result: 1x\r\n", empty}, kKelErrorBadAnswer},
+        {"large number", {200, "Kel-Result: 4294967296\r\n", empty}, kKelErrorBadAnswer},
+        {"malformed body", {200, "Kel-Result: 0\r\n", "<Container>"}, kKelErrorBadAnswer},
+        {"no answer", {0}, kKelErrorUnreachable},
     };
     KelString url;
     for (const auto& [name, answer, result] : cases) {
-        TestHttpServer server([&answer = answer](const SeenRequest&) { return answer; });
+        TestHttpServer server([&answer = answer](const auto&) { return answer; });
         url = UrlOf(server);
         EXPECT_EQ(FailingCall(url), result) << name;
     }

@@ -1,18 +1,16 @@
 #include "kelcore/archive.h"
 
 #include <gtest/gtest.h>
-#include <zip.h>
 
 #include <filesystem>
-#include <utility>
-#include <vector>
 
 #include "kel/directory.h"
 #include "kel/temp_folder.h"
+#include "read_zip.h"
 
 namespace {
 
-using Entries = std::vector<std::pair<std::string, std::string>>;
+using Entries = KelVector<std::pair<KelString, KelString>>;
 
 class ArchiveTest : public testing::Test {
   protected:
@@ -20,24 +18,7 @@ class ArchiveTest : public testing::Test {
         TempFolder::Write(folder_ / name, content);
         return folder_ / name;
     }
-    /// Names and contents in the order of the archive.
-    Entries Read() {
-        Entries entries;
-        zip_t* archive = zip_open(path_.c_str(), ZIP_RDONLY | ZIP_CHECKCONS, nullptr);
-        if (archive == nullptr) return entries;
-        for (zip_int64_t i = 0; i < zip_get_num_entries(archive, 0); ++i) {
-            zip_stat_t status;
-            zip_stat_index(archive, i, 0, &status);
-            std::string content(status.size, '\0');
-            zip_file_t* file = zip_fopen_index(archive, i, 0);
-            EXPECT_EQ(zip_fread(file, content.data(), content.size()),
-                      static_cast<zip_int64_t>(content.size()));
-            zip_fclose(file);
-            entries.emplace_back(status.name, content);
-        }
-        zip_discard(archive);
-        return entries;
-    }
+    Entries Read() { return ReadZip(path_); }
     std::size_t FilesInFolder() { return DirList(folder_.Path()).size(); }
 
     const TempFolder folder_;

@@ -3,39 +3,18 @@
 #include <gtest/gtest.h>
 
 #include <memory>
-#include <mutex>
-#include <utility>
 
 #include "kel/debug.h"
 #include "kel/directory.h"
 #include "kel/file.h"
 #include "kel/temp_folder.h"
 #include "kelcore/db/connection_pool.h"
-
-/// Keeps log lines for inspection.
-class CapturedLog : public KelDebugContext {
-  public:
-    void Write(KelDebugLevel level, const KelString&, const KelString& line) override {
-        const std::lock_guard lock(mutex_);
-        if (level >= KelDebugLevel::Warning) lines_.push_back(line);
-    }
-    KelDebugLevel Level() const override { return KelDebugLevel::Trace; }
-
-    /// Warnings and errors since the last call.
-    KelVector<KelString> Take() {
-        const std::lock_guard lock(mutex_);
-        return std::exchange(lines_, {});
-    }
-
-  private:
-    std::mutex mutex_;
-    KelVector<KelString> lines_;
-};
+#include "kept_log.h"
 
 /// A folder of its own with one database file, and a connection to it for the test that opens it.
 class DatabaseTest : public testing::Test {
   protected:
-    DatabaseTest() { log_.SetContext(captured_); }
+    DatabaseTest() { log_.SetContext(kept_); }
 
     std::unique_ptr<DBConnection> OpenPath(const KelString& path, bool serial = false,
                                            const KelString& kind = "SQLITE32") {
@@ -59,7 +38,7 @@ class DatabaseTest : public testing::Test {
         return result ? result->GetString(0, std::size_t{0}) : "(failed)";
     }
 
-    std::shared_ptr<CapturedLog> captured_ = std::make_shared<CapturedLog>();
+    std::shared_ptr<KeptLog> kept_ = std::make_shared<KeptLog>();
     KelDebug log_{"Test", "Test"};
     const TempFolder folder_;
     const KelString path_ = folder_ / "test.sqlite";

@@ -32,7 +32,7 @@ TEST_F(OpenDatabaseTest, RunsExactlyOneStatement) {
     };
     for (const auto& [statement, runs] : cases) {
         EXPECT_EQ(Run(statement), runs) << statement;
-        EXPECT_EQ(captured_->Take().size(), runs ? 0u : 1u) << statement;
+        EXPECT_EQ(kept_->TakeProblems().size(), runs ? 0u : 1u) << statement;
     }
     EXPECT_EQ(Value("SELECT group_concat(FieldName || FieldValue) FROM T"), "a1")
         << "a refused text must not have run in part";
@@ -41,7 +41,7 @@ TEST_F(OpenDatabaseTest, RunsExactlyOneStatement) {
     while (statement.size() < 5000)
         statement += "\xC3\xA4";
     EXPECT_FALSE(Run(statement + "'"));
-    const KelVector<KelString> lines = captured_->Take();
+    const KelVector<KelString> lines = kept_->TakeProblems();
     EXPECT_THAT(lines, ElementsAre(AllOf(HasSubstr("no such column: Missing"), HasSubstr("\xC3\xA4..."))));
     EXPECT_LT(lines[0].size(), 800u) << "a long statement is logged in part";
 }
@@ -134,7 +134,7 @@ TEST_F(OpenDatabaseTest, AFileHasOneConnection) {
     ASSERT_EQ(symlink(folder_.Path().c_str(), (folder_ / "link").c_str()), 0);
     for (const KelString& name : {path_, folder_ / "./test.sqlite", folder_ / "link/test.sqlite"}) {
         EXPECT_FALSE(OpenPath(name)) << name;
-        EXPECT_EQ(captured_->Take().size(), 1u) << name;
+        EXPECT_EQ(kept_->TakeProblems().size(), 1u) << name;
     }
     EXPECT_TRUE(OpenPath(folder_ / "other.sqlite"));
     EXPECT_TRUE(Open()) << "once the first has closed";
@@ -151,14 +151,14 @@ TEST_F(OpenDatabaseTest, ASerialPoolWaitsForItsTurn) {
     closing = true;
     db_.reset();
     second.join();
-    EXPECT_TRUE(captured_->Take().empty());
+    EXPECT_TRUE(kept_->TakeProblems().empty());
 }
 
 TEST_F(DatabaseTest, WhatCannotBeOpenedIsRefusedAndLeftAlone) {
     ASSERT_TRUE(DirCreate(folder_ / "folder"));
     for (const KelString& name : {KelString(), folder_ / "folder", folder_ / "missing/x.sqlite"}) {
         EXPECT_FALSE(OpenPath(name)) << name;
-        EXPECT_EQ(captured_->Take().size(), 1u) << name;
+        EXPECT_EQ(kept_->TakeProblems().size(), 1u) << name;
     }
     EXPECT_FALSE(OpenPath(path_, false, "OTHER"));
     EXPECT_THAT(DirList(folder_.Path()), ElementsAre("folder"));

@@ -12,10 +12,11 @@
 #include "kel/checksum.h"
 #include "kel/regex.h"
 #include "kel/temp_folder.h"
-#include "kelcore/agent.h"
 #include "test_http_server.h"
 
 namespace {
+
+using Answer = TestHttpServer::Answer;
 
 constexpr std::uint64_t kSize = 200'000;
 
@@ -24,14 +25,13 @@ class HttpClientTest : public testing::Test {
     ~HttpClientTest() override {
         HttpClientCancelAll(false);
         HttpClientCloseIdleConnections();
-        KelAgentConfigure({});
     }
     void Serve(TestHttpServer::Script script) {
-        server_.emplace(std::move(script));
-        client_.SetServer("127.0.0.1", server_->Port());
+        server_.emplace(std::move(script), TestHttpServer::Access::Open);
+        client_.SetServer(TestHttpServer::kAddress, server_->Port());
     }
-    void ServeAlways(const ScriptedAnswer& answer) {
-        Serve([answer](const SeenRequest&) { return answer; });
+    void ServeAlways(const Answer& answer) {
+        Serve([answer](const auto&) { return answer; });
     }
     unsigned int Exchange() { return client_.SendAndRecv(request_, answer_); }
     unsigned int Download(std::uint64_t offset = 0, std::uint64_t expected = 0) {
@@ -58,25 +58,34 @@ std::string Pattern(std::uint64_t to, std::uint64_t from = 0) {
     return bytes;
 }
 
-ScriptedAnswer Whole(std::uint64_t size) {
-    return Answer("200 OK", "", Pattern(size));
+Answer Whole(std::uint64_t size) {
+    return {200, "", Pattern(size)};
 }
 
-ScriptedAnswer Partial(const std::string& range, std::uint64_t from, std::uint64_t to = kSize,
-                       const std::string& more = {}) {
-    return Answer("206 Partial Content", more + "Content-Range: bytes " + range + "\r\n", Pattern(to, from));
+Answer Partial(const std::string& range, std::uint64_t from, std::uint64_t to = kSize,
+               const std::string& more = {}) {
+    return {206, more + "Content-Range: bytes " + range + "\r\n", Pattern(to, from)};
 }
 
-ScriptedAnswer Closing(const std::string& bytes) {
-    return {bytes, ScriptedAnswer::Close};
+/// These bytes, and the connection is closed.
+Answer Raw(const std::string& bytes) {
+    return {0, "", bytes};
 }
 
-ScriptedAnswer WithoutTail(const ScriptedAnswer& answer, std::size_t bytes) {
-    return Closing(answer.bytes.substr(0, answer.bytes.size() - bytes));
+Answer WithoutTail(Answer answer, std::size_t bytes) {
+    answer.cutAfter = answer.body.size() - bytes;
+    return answer;
+}
+
+/// A part of an answer of `size` bytes, and then nothing.
+Answer Stalling(std::uint64_t size, std::size_t sent) {
+    Answer answer = WithoutTail(Whole(size), size - sent);
+    answer.stalls = true;
+    return answer;
 }
 
 TEST_F(HttpClientTest, ExchangesMessagesInMemory) {
-    ServeAlways(Answer("200 Fine", "Content-Type: text/x\r\nX-Mixed-Case:  v 1 \r\n", "hello"));
+    ServeAlways({200, "Content-Type: text/x\r\nX-Mixed-Case:  v 1 \r\n", "hello"});
     request_.SetMethod(HttpMethod::Post);
     request_.SetResourcePath("/Action/../a b?c#d\xC3\xA9");
     request_.SetBody("question", "application/xml");
@@ -86,7 +95,7 @@ TEST_F(HttpClientTest, ExchangesMessagesInMemory) {
     EXPECT_EQ(answer_.GetBody(), "hello");
     EXPECT_EQ(answer_.GetContentType(), "text/x");
     EXPECT_EQ(answer_.GetHeader("x-mixed-case"), "v 1");
-    const auto seen = server_->Seen();
+    const auto seen = server_->Requests();
     ASSERT_EQ(seen.size(), 3U);
     EXPECT_EQ(seen[2].target, "/Action/../a%20b%3Fc%23d%C3%A9");
     EXPECT_EQ(seen[2].body, "question");
@@ -94,24 +103,17 @@ TEST_F(HttpClientTest, ExchangesMessagesInMemory) {
     EXPECT_EQ(seen[2].connection, 1) << "the connection is reused";
 
     request_.SetMethod(HttpMethod::Head);
-    ServeAlways({"HTTP/1.1 200 OK\r\nContent-Length: 99999999999\r\n\r\n"});
+    ServeAlways(Raw("HTTP/1.1 200 OK\r\nContent-Length: 99999999999\r\n\r\n"));
     EXPECT_EQ(Exchange(), kHttpCompleted);
     EXPECT_EQ(answer_.GetHeader("content-length"), "99999999999");
     EXPECT_EQ(answer_.GetBody(), "");
-}
-
-TEST_F(HttpClientTest, OutgoingConnectionsHaveTheAgentsAddress) {
-    KelAgentConfigure({"", "", "", "", "127.0.1.9", {}});
-    ServeAlways(Whole(0));
-    ASSERT_EQ(Exchange(), kHttpCompleted) << client_.GetErrorText();
-    EXPECT_EQ(client_.GetLocalAddress().ToText(), "127.0.1.9");
 }
 
 constexpr std::uint64_t kUntouched = UINT64_MAX;
 
 struct DownloadCase {
     const char* name;
-    ScriptedAnswer answer;
+    Answer answer;
     unsigned int result;
     std::uint64_t sizeAfter = kUntouched;  ///< of the file, all of it following the pattern
     std::uint64_t offset = 1000;           ///< asked for, and on hand before
@@ -125,7 +127,7 @@ TEST_F(HttpClientTest, DownloadsLeaveARightOrResumableFile) {
     const DownloadCase cases[] = {
         {"whole", Whole(kSize), kHttpCompleted, kSize, 0},
         {"whole, empty", Whole(0), kHttpCompleted, 0, 0, 0},
-        {"whole without length", Closing(kNoLength + Pattern(5000)), kHttpCompleted, 5000, 0, 5000},
+        {"whole without length", Raw(kNoLength + Pattern(5000)), kHttpCompleted, 5000, 0, 5000},
         {"resumed", Partial("1000-199999/200000", 1000), kHttpCompleted, kSize},
         {"resumed, unknown size", Partial("1000-199999/*", 1000), kHttpCompleted, kSize},
         {"range ignored", Whole(kSize), kHttpCompleted, kSize},
@@ -133,25 +135,25 @@ TEST_F(HttpClientTest, DownloadsLeaveARightOrResumableFile) {
         {"short body", WithoutTail(Whole(kSize), 777), kHttpCutOff, kSize - 777, 0},
         {"short range", WithoutTail(Partial("1000-199999/200000", 1000), 777), kHttpCutOff, kSize - 777},
         {"closed before the body", WithoutTail(Whole(kSize), kSize), kHttpCutOff},
-        {"short without length", Closing(kNoLength + Pattern(5000)), kHttpCutOff, 5000, 0},
-        {"cut in a chunk", Closing(kChunked + "2000\r\n" + Pattern(5000)), kHttpCutOff, 5000, 0, 0},
-        {"sends too much", Closing(kNoLength + Pattern(5000)), kHttpBadAnswer, 0, 0, 100},
+        {"short without length", Raw(kNoLength + Pattern(5000)), kHttpCutOff, 5000, 0},
+        {"cut in a chunk", Raw(kChunked + "2000\r\n" + Pattern(5000)), kHttpCutOff, 5000, 0, 0},
+        {"sends too much", Raw(kNoLength + Pattern(5000)), kHttpBadAnswer, 0, 0, 100},
         {"announces too much", Whole(kSize + 1), kHttpBadAnswer},
         {"range announces too much", Partial("1000-200000/200001", 1000, kSize + 1), kHttpBadAnswer},
         {"late range start", Partial("1001-199999/200000", 1001), kHttpBadAnswer},
         {"early range start", Partial("0-199999/200000", 0), kHttpBadAnswer},
         {"garbled range", Partial("1000-199999", 1000), kHttpBadAnswer},
         {"range beyond its size", Partial("1000-199999/199999", 1000), kHttpBadAnswer},
-        {"no range header", Answer("206 Partial Content", "", "x"), kHttpBadAnswer},
+        {"no range header", {206, "", "x"}, kHttpBadAnswer},
         {"range and length disagree", Partial("1000-199999/200000", 1000, 1500), kHttpBadAnswer},
         {"another version", Partial("1000-199999/200000", 1000, kSize, "ETag: \"v2\"\r\n"), kHttpBadAnswer},
-        {"not found", Answer("404 Not Found", "", "no such file"), kHttpCompleted},
-        {"endless error page", Answer("404 Not Found", "", Pattern(3 << 20)), kHttpCompleted},
-        {"no such range", Answer("416 No", "Content-Range: bytes */1000\r\n", ""), kHttpCompleted},
-        {"redirect, not followed", Answer("302 Found", "Location: /elsewhere\r\n", ""), kHttpCompleted},
-        {"no answer", Closing(""), kHttpUnreachable},
-        {"half a header", Closing("HTTP/1.1 200 OK\r\nContent-Le"), kHttpUnreachable},
-        {"no HTTP", Closing("SSH-2.0-x\r\n\r\n"), kHttpBadAnswer},
+        {"not found", {404, "", "no such file"}, kHttpCompleted},
+        {"endless error page", {404, "", Pattern(3 << 20)}, kHttpCompleted},
+        {"no such range", {416, "Content-Range: bytes */1000\r\n", ""}, kHttpCompleted},
+        {"redirect, not followed", {302, "Location: /elsewhere\r\n", ""}, kHttpCompleted},
+        {"no answer", Raw(""), kHttpUnreachable},
+        {"half a header", Raw("HTTP/1.1 200 OK\r\nContent-Le"), kHttpUnreachable},
+        {"no HTTP", Raw("SSH-2.0-x\r\n\r\n"), kHttpBadAnswer},
     };
     for (const DownloadCase& test : cases) {
         SCOPED_TRACE(test.name);
@@ -166,7 +168,7 @@ TEST_F(HttpClientTest, DownloadsLeaveARightOrResumableFile) {
         const std::string after = TempFolder::Read(path_);
         EXPECT_TRUE(after == (test.sizeAfter == kUntouched ? before : Pattern(test.sizeAfter)))
             << after.size();
-        const SeenRequest seen = server_->Seen().at(0);
+        const TestHttpServer::Request seen = server_->Requests().at(0);
         EXPECT_EQ(seen.Header("range"), test.offset == 0 ? "" : "bytes=1000-");
         EXPECT_EQ(seen.Header("if-range"), test.offset == 0 ? "" : "\"v1\"");
     }
@@ -199,11 +201,11 @@ TEST_F(HttpClientTest, UnusableRequestsNeverReachTheNetwork) {
         client_.SetServer(host, server_->Port());
         EXPECT_EQ(Exchange(), kHttpBadRequest) << host;
     }
-    EXPECT_TRUE(server_->Seen().empty());
+    EXPECT_TRUE(server_->Requests().empty());
 }
 
 TEST_F(HttpClientTest, AnswersInMemoryAreLimited) {
-    for (const ScriptedAnswer& answer : {Whole(1001), Closing(kNoLength + Pattern(1001))}) {
+    for (const Answer& answer : {Whole(1001), Raw(kNoLength + Pattern(1001))}) {
         ServeAlways(answer);
         answer_.SetBodyLimit(1000);
         EXPECT_EQ(Exchange(), kHttpBadAnswer);
@@ -212,32 +214,36 @@ TEST_F(HttpClientTest, AnswersInMemoryAreLimited) {
     }
 }
 
-TEST_F(HttpClientTest, ASilentPeerIsGivenUpAfterTheExchangeTimeout) {
-    client_ = HttpClient(1, 1);
-    ServeAlways({"", ScriptedAnswer::Stall});
-    EXPECT_EQ(Download(), kHttpUnreachable);
-    ServeAlways({Whole(100).bytes.substr(0, 60), ScriptedAnswer::Stall});
-    EXPECT_EQ(Download(), kHttpCutOff);
-}
-
-TEST_F(HttpClientTest, OnlyATimeoutOfItsOwnMakesAnExchangeWaitLongerForItsAnswer) {
+TEST_F(HttpClientTest, ASilentPeerIsGivenUpAndOnlyATimeoutOfItsOwnMakesAnExchangeWaitLonger) {
     static constexpr std::chrono::milliseconds kWindow{400};
-    Serve([](const SeenRequest&) { return std::this_thread::sleep_for(3 * kWindow), Whole(1000); });
+    const auto setTimeout = [this](int seconds) {
+        client_ = HttpClient(1, seconds);
+        client_.SetServer(TestHttpServer::kAddress, server_->Port());
+        client_.SetSpeedWindow(kWindow);
+    };
+    Serve([](const auto&) { return std::this_thread::sleep_for(3 * kWindow), Whole(1000); });
     request_.SetMethod(HttpMethod::Post);
     request_.SetBody("question", "");
     for (const auto& [timeout, result] : {std::pair{-1, kHttpUnreachable}, {60, kHttpCompleted}}) {
-        client_ = HttpClient(10, timeout);
-        client_.SetServer("127.0.0.1", server_->Port());
-        client_.SetSpeedWindow(kWindow);
+        setTimeout(timeout);
         EXPECT_EQ(Exchange(), result) << client_.GetErrorText();
     }
-    ServeAlways({Whole(kSize).bytes.substr(0, 60), ScriptedAnswer::Stall});
+    request_ = HttpMessage();
+    ServeAlways(Stalling(kSize, 20));
     EXPECT_EQ(Download(), kHttpCutOff);
     EXPECT_EQ(client_.GetErrorText(), "the peer has become too slow") << "what has begun must go on";
+    setTimeout(1);
+    client_.SetSpeedWindow(std::chrono::seconds(10));
+    EXPECT_EQ(Download(), kHttpCutOff);
+    EXPECT_NE(client_.GetErrorText(), "the peer has become too slow") << "the time-out comes first";
+    Answer silent{0};
+    silent.stalls = true;
+    ServeAlways(silent);
+    EXPECT_EQ(Download(), kHttpUnreachable);
 }
 
 TEST_F(HttpClientTest, CancellingStopsAStalledExchange) {
-    ServeAlways({Whole(kSize).bytes.substr(0, 3000), ScriptedAnswer::Stall});
+    ServeAlways(Stalling(kSize, 3000));
     int asked = 0;
     client_.SetCancelCheck([&asked] { return ++asked > 2; });
     EXPECT_EQ(Download(), kHttpCutOff);
@@ -245,14 +251,14 @@ TEST_F(HttpClientTest, CancellingStopsAStalledExchange) {
 
     client_.SetCancelCheck({});
     std::thread stopper([this] {
-        while (server_->Seen().size() < 2)
+        while (server_->Requests().size() < 2)
             std::this_thread::yield();
         HttpClientCancelAll(true);
     });
     EXPECT_EQ(Download(), kHttpCutOff);
     stopper.join();
     EXPECT_EQ(Download(), kHttpCutOff);
-    EXPECT_EQ(server_->Seen().size(), 2U) << "a new exchange is not begun";
+    EXPECT_EQ(server_->Requests().size(), 2U) << "a new exchange is not begun";
 }
 
 TEST_F(HttpClientTest, AnUntrustedPeerIsASecurityFailure) {
@@ -280,21 +286,21 @@ TEST_F(HttpClientTest, AClosingWindowCutsTheTransferOff) {
     window.refuse = true;
     HttpManagedTransmission refused(window);
     EXPECT_EQ(client_.SendAndRecv(request_, file_, refused), kHttpRefused);
-    EXPECT_EQ(server_->Seen().size(), 1U);
+    EXPECT_EQ(server_->Requests().size(), 1U);
 }
 
 /// A server that answers challenges (RFC 7616, SHA-256) and forgets its nonce on request.
 class HttpDigestTest : public HttpClientTest {
   protected:
     HttpDigestTest() {
-        Serve([this](const SeenRequest& request) { return Reply(request); });
+        Serve([this](const TestHttpServer::Request& request) { return Reply(request); });
         client_.SetAuthentification("agent", "se cret");
     }
     ~HttpDigestTest() override { server_.reset(); }
     /// Clients share what is known of a peer.
     HttpClient AnotherClient() const {
         HttpClient client;
-        client.SetServer("127.0.0.1", server_->Port());
+        client.SetServer(TestHttpServer::kAddress, server_->Port());
         client.SetAuthentification("agent", "se cret");
         return client;
     }
@@ -304,26 +310,25 @@ class HttpDigestTest : public HttpClientTest {
     bool forgetAfterEach_ = false;
 
   private:
-    ScriptedAnswer Reply(const SeenRequest& request) {
+    Answer Reply(const TestHttpServer::Request& request) {
         const std::string given = request.Header("authorization");
         const std::string nonce = "nonce" + std::to_string(generation_);
         const bool stale = !given.empty() && Field(given, "nonce") != nonce;
         if (given.empty() || stale || !IsRight(request, given))
-            return Answer(
-                "401 Unauthorized",
-                "WWW-Authenticate: Digest realm=\"kel\", qop=\"auth\", algorithm=SHA-256, nonce=\"" + nonce +
-                    "\"" + (stale ? ", stale=true" : "") + "\r\n",
-                "who are you?");
+            return {401,
+                    "WWW-Authenticate: Digest realm=\"kel\", qop=\"auth\", algorithm=SHA-256, nonce=\"" +
+                        nonce + "\"" + (stale ? ", stale=true" : "") + "\r\n",
+                    "who are you?"};
         lastCount_ = Field(given, "nc");
         bodies_.push_back(request.body);
         if (forgetAfterEach_) ++generation_;
-        return Answer("200 OK", "", "welcome");
+        return {200, "", "welcome"};
     }
     static std::string Field(const std::string& header, const std::string& name) {
         KelVector<KelString> captures;
         return FindPcre("[ ,]" + name + "=\"?([^\",]*)", header, captures) ? captures[1] : "";
     }
-    static bool IsRight(const SeenRequest& request, const std::string& given) {
+    static bool IsRight(const TestHttpServer::Request& request, const std::string& given) {
         std::string text = TextSha256("agent:kel:se cret");
         for (const char* part : {"nonce", "nc", "cnonce"})
             text += ":" + Field(given, part);
@@ -343,7 +348,7 @@ TEST_F(HttpDigestTest, OnlyTheFirstRequestToAPeerTakesTheRoundTrip) {
         EXPECT_EQ(answer_.GetStatus(), 200U);
         EXPECT_EQ(answer_.GetBody(), "welcome");
     }
-    const auto seen = server_->Seen();
+    const auto seen = server_->Requests();
     EXPECT_EQ(seen.size(), 6U);
     EXPECT_EQ(lastCount_, "00000005");
     EXPECT_EQ(seen.back().connection, 1);
@@ -366,16 +371,16 @@ TEST_F(HttpDigestTest, AFileIsSentWholeAgainWhenTheNonceHasGoneStale) {
         ASSERT_EQ(client_.SendAndRecv(file_, answer_), kHttpCompleted) << client_.GetErrorText();
         ASSERT_EQ(answer_.GetStatus(), 200U);
     }
-    EXPECT_EQ(server_->Seen().size(), 6U);
+    EXPECT_EQ(server_->Requests().size(), 6U);
     EXPECT_TRUE(bodies_ == std::vector<std::string>(3, content));
 }
 
 TEST_F(HttpDigestTest, BasicIsNeverSentInTheClear) {
-    ServeAlways(Answer("401 Unauthorized", "WWW-Authenticate: Basic realm=\"kel\"\r\n", ""));
+    ServeAlways({401, "WWW-Authenticate: Basic realm=\"kel\"\r\n"});
     for (int i = 0; i < 2; ++i)
         EXPECT_EQ(Exchange(), kHttpCompleted);
     EXPECT_EQ(answer_.GetStatus(), 401U);
-    for (const SeenRequest& seen : server_->Seen())
+    for (const TestHttpServer::Request& seen : server_->Requests())
         EXPECT_EQ(seen.Header("authorization"), "");
 }
 
@@ -393,7 +398,7 @@ TEST_F(HttpDigestTest, ManyClientsAtOnce) {
         });
     threads.clear();  // joins
     EXPECT_EQ(good, 160);
-    EXPECT_LE(server_->Seen().size(), 168U) << "at most one challenge a connection";
+    EXPECT_LE(server_->Requests().size(), 168U) << "at most one challenge a connection";
 }
 
 }  // namespace

@@ -4,8 +4,6 @@
 
 #include <stdexcept>
 
-#include "kelcore/agent.h"
-
 namespace {
 
 class SampleModule : public KelModule {
@@ -16,8 +14,6 @@ class SampleModule : public KelModule {
     bool works = true;
     bool throws = false;
     std::optional<KelString> serverAddress;
-    using KelModule::DataPath;
-    using KelModule::IniPath;
 
   protected:
     void Register(const char* handle) override { Do(KelString("register ") + handle); }
@@ -61,23 +57,16 @@ TEST(Module, OperationsReachTheirFunctions) {
     EXPECT_EQ(module.Run(1, 0, nullptr), kModuleFailure);
 }
 
-TEST(Module, TextsAndPathsCarryItsName) {
-    SampleModule module;
+TEST(Module, TextsAreCutToTheirBuffer) {
     char buffer[kModuleTextBytes];
-    EXPECT_EQ(module.Run(6, 0, buffer), kModuleSuccess);
-    EXPECT_STREQ(buffer, "Sample module");
-    EXPECT_EQ(module.Run(7, 0, buffer), kModuleSuccess);
-    EXPECT_STREQ(buffer, "0.1.0");
+    SampleModule module;
     module.serverAddress = "10.0.0.1:80";
     EXPECT_EQ(module.Run(10, 0, buffer), kModuleSuccess);
     EXPECT_STREQ(buffer, "10.0.0.1:80");
     KelModuleSetText(buffer, KelString(1000, 'x'));
     EXPECT_EQ(KelString(buffer), KelString(kModuleTextBytes - 1, 'x'));
-
-    KelAgentConfigure({"/c/", "/d/", "", "", "", {}});
-    EXPECT_EQ(module.IniPath(), "/c/Sample.ini");
-    EXPECT_EQ(module.DataPath(), "/d/Sample");
-    KelAgentConfigure({});
+    EXPECT_EQ(SampleModule().Run(6, 0, buffer), kModuleSuccess);
+    EXPECT_STREQ(buffer, "Sample module");
 }
 
 }  // namespace

@@ -34,6 +34,7 @@ void ExpectRefused(std::initializer_list<std::string> texts) {
 TEST(Url, AnythingElseIsRefusedAndTheResultLeftAlone) {
     ExpectRefused({"", "http:", "http://", "ftp://h/", "file:///etc/passwd", "//h/p", " http://h"});
     ExpectRefused({"http://h:0/", "http://h:65536", "http://h:", "http://h:8a", "http://h:+80"});
+    ExpectRefused({"http:///h", "http:/h", "http:h", "http://h:080", "http://010.0.0.1/", "http://0x7f.1/"});
     ExpectRefused({"http://h:000080", "http://:80/", "http://u@h/", "http://u:p@q@h/", "http://u%0a:p@h/"});
     ExpectRefused({"http://u:p%@h/", "http://[::1]/", "http://a..b/", "http://-a/", "http://a-/"});
     ExpectRefused({"http://1.2.3/", "http://1.2.3.256/", "http://a b/", "http://h ", "http://h\r\n/"});

@@ -2,17 +2,17 @@
 
 #include <atomic>
 
-#include "kelcore/test_http_server.h"
 #include "module_fixture.h"
+#include "test_http_server.h"
 
-/// A parent at 127.0.0.1 that answers every action call with a GUID.
+/// A parent at 127.0.1.1 that answers every action call with a GUID.
 class FakeParent {
   public:
     explicit FakeParent(const std::string& guid) : guid_(guid) {}
 
     /// The ini file of the relay module of a device below it.
     std::string ChildIni(const std::string& role) const {
-        return "[Relay]\nRole=" + role + "\nParentName=127.0.0.1\nParentPort=" + std::to_string(Port()) +
+        return "[Relay]\nRole=" + role + "\nParentName=127.0.1.1\nParentPort=" + std::to_string(Port()) +
                "\nCheckInterval=1\nRetryInterval=1\n";
     }
     int Port() const { return server_.Port(); }
@@ -20,26 +20,26 @@ class FakeParent {
         const std::lock_guard lock(mutex_);
         guid_ = guid;
     }
-    void SetStatus(int status) { status_ = status; }       ///< of the HTTP answers, 200 at first
-    void FailOnce() { failOnce_ = true; }                  ///< answers the next call with 500
-    void SetSettled(bool settled) { settled_ = settled; }  ///< what it says of its scheme, true at first
-    std::size_t GetCallCount() { return server_.Seen().size(); }
-    std::string GetLastTarget() { return server_.Seen().back().target; }
+    void SetStatus(unsigned int status) { status_ = status; }  ///< of the HTTP answers, 200 at first
+    void FailOnce() { failOnce_ = true; }                      ///< answers the next call with 500
+    void SetSettled(bool settled) { settled_ = settled; }      ///< what it says of its scheme, true at first
+    std::size_t GetCallCount() { return server_.Requests().size(); }
+    std::string GetLastTarget() { return server_.Requests().back().target; }
 
   private:
-    ScriptedAnswer AnswerCall() {
+    TestHttpServer::Answer AnswerCall() {
         const std::lock_guard lock(mutex_);
         const KelContainer values =
             Values({"GUID=" + guid_, std::string("SchemeSettled=") + (settled_ ? "true" : "false")});
-        const int status = failOnce_.exchange(false) ? 500 : int{status_};
-        return Answer(std::to_string(status) + " X", "Kel-Result: 0\r\nContent-Type: application/xml\r\n",
-                      With({}, "Values", values).SaveToXML());
+        auto answer = TestHttpServer::ActionResult(0, With({}, "Values", values));
+        answer.status = failOnce_.exchange(false) ? 500U : status_.load();
+        return answer;
     }
 
-    std::atomic<int> status_ = 200;
+    std::atomic<unsigned int> status_ = 200;
     std::atomic<bool> failOnce_ = false;
     std::atomic<bool> settled_ = true;
     std::mutex mutex_;  ///< guid_
     std::string guid_;
-    TestHttpServer server_{[this](const SeenRequest&) { return AnswerCall(); }};
+    TestHttpServer server_{[this](const auto&) { return AnswerCall(); }};
 };

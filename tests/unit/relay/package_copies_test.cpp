@@ -17,7 +17,6 @@ class PackageCopiesTest : public ModuleFixture {
 
 TEST_F(PackageCopiesTest, AreKeptUntilTheirLabelIsCleared) {
     const std::string incoming = root_ / "data/Relay/Incoming";
-    std::filesystem::create_directories(incoming);
     TempFolder::Write(incoming + "/.kel-stale", "left by a kill");
     RunningModule<Relay> module;
     for (const char* content : {"one", "two"}) {

@@ -58,8 +58,8 @@ TEST_F(RelayTest, AnAnsweringParentIsInSyncAndValidatesTheSchemeOncePerGuid) {
     ASSERT_TRUE(Eventually(IsInSync));
     const std::size_t calls = parent.GetCallCount();
     ASSERT_TRUE(Eventually([&] { return parent.GetCallCount() >= calls + 2; }));
-    ExpectValues(RelayValues(), {"IsEnabled=false", "Role=client", "ParentSync=true", "ParentName=127.0.0.1",
-                                 "ParentIPAddress=127.0.0.1", "ParentGuid=" + kGuid,
+    ExpectValues(RelayValues(), {"IsEnabled=false", "Role=client", "ParentSync=true", "ParentName=127.0.1.1",
+                                 "ParentIPAddress=127.0.1.1", "ParentGuid=" + kGuid,
                                  "ParentPort=" + std::to_string(parent.Port())});
     EXPECT_EQ(parent.GetLastTarget(), "/Action/IdentityGetValues");
     EXPECT_EQ(validations_, 1) << "a steady parent was validated more than once";
@@ -103,7 +103,7 @@ TEST_F(RelayTest, AParentThatCannotBeUsedIsOutOfSyncAndLoggedOnce) {
     struct Case {
         const char* logged;
         std::string guid;
-        int status;
+        unsigned int status;
     };
     FakeParent parent(kGuid);
     WriteIni("Relay", parent.ChildIni("relay"));

@@ -36,8 +36,7 @@ class UnconnectedReplayTest : public ModuleFixture {
                        "SourceDevice=" + kGuid});
     }
     void Keep(const std::string& kind, const KelContainer& request) {
-        std::filesystem::create_directories(Folder(kind));
-        ASSERT_TRUE(request.SaveToFile(Folder(kind) + "/" + request.GetString("FileName")));
+        TempFolder::Write(Folder(kind) + "/" + request.GetString("FileName"), request.SaveToXML());
     }
     void KeepFile(const std::string& name, const std::string& content,
                   const std::string& kind = "inventory") {
@@ -103,33 +102,27 @@ TEST_F(UnconnectedReplayTest, AnOldSchemeIsReplacedByOurDeviceUrl) {
     EXPECT_EQ(FileCount("inventory"), 0);
 }
 
-TEST_F(UnconnectedReplayTest, ANewerRequestOfThatNameIsNotRemoved) {
-    KeepFile("disks", "old");
-    answer_ = [this](const KelContainer&) {
-        answer_ = nullptr;
-        KeepFile("disks", "new");
-        return 0U;
-    };
-    Run();
-    EXPECT_EQ(FileCount("inventory"), 2);
-    Run();
-    EXPECT_EQ(bodies_, (std::vector<std::string>{"old", "new"}));
-    EXPECT_EQ(FileCount("inventory"), 0);
-}
-
-TEST_F(UnconnectedReplayTest, ANewerContentWhoseRequestIsStillToComeIsNotRemoved) {
-    KeepFile("disks", "old");
-    answer_ = [this](const KelContainer&) {
-        answer_ = nullptr;
-        TempFolder::Write(Folder("inventory") + "/disks.xml", "new");
-        return 0U;
-    };
-    Run();
-    EXPECT_EQ(TempFolder::Read(Folder("inventory") + "/disks.xml"), "new");
-    KeepFile("disks", "new");
-    Run();
-    EXPECT_EQ(bodies_, (std::vector<std::string>{"old", "new"}));
-    EXPECT_EQ(FileCount("inventory"), 0);
+TEST_F(UnconnectedReplayTest, NewerContentIsNotRemovedWhetherItsRequestIsThereYetOrNot) {
+    for (const bool isWhole : {true, false}) {
+        SCOPED_TRACE(isWhole);
+        bodies_.clear();
+        KeepFile("disks", "old");
+        answer_ = [this, isWhole](const KelContainer&) {
+            answer_ = nullptr;
+            if (isWhole)
+                KeepFile("disks", "new");
+            else
+                TempFolder::Write(Folder("inventory") + "/disks.xml", "new");
+            return 0U;
+        };
+        Run();
+        EXPECT_EQ(TempFolder::Read(Folder("inventory") + "/disks.xml"), "new");
+        if (!isWhole) KeepFile("disks", "new");
+        EXPECT_EQ(FileCount("inventory"), 2);
+        Run();
+        EXPECT_EQ(bodies_, (std::vector<std::string>{"old", "new"}));
+        EXPECT_EQ(FileCount("inventory"), 0);
+    }
 }
 
 TEST_F(UnconnectedReplayTest, WhatAStopLeftHalfWayIsReplayedUnlessANewerCame) {

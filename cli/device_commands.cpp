@@ -1,0 +1,177 @@
+#include <cstdio>
+#include <map>
+
+#include "cli/commands.h"
+#include "cli/output.h"
+#include "cli/remote.h"
+#include "kelcore/error_codes.h"
+
+namespace {
+
+constexpr std::size_t kIndent = 2;
+
+/// The devices of an answer, linked by their parents. What other devices reported is not trusted to be a
+/// tree.
+class DeviceTree {
+  public:
+    explicit DeviceTree(const KelContainer& answer) : placed_(ItemCount(answer)) {
+        std::map<KelString, std::uint32_t> indexes;
+        for (std::uint32_t i = 0; i < placed_.size(); ++i)
+            indexes.emplace(answer.GetContainer("Values", i).GetString("GUID"), i);
+        for (std::uint32_t i = 0; i < placed_.size(); ++i) {
+            const auto parent = indexes.find(answer.GetContainer("Values", i).GetString("Parent"));
+            if (parent == indexes.end() || parent->second == i)
+                roots_.push_back(i);
+            else
+                children_[parent->second].push_back(i);
+        }
+    }
+
+    KelVector<DeviceRow> Order() {
+        for (const std::uint32_t root : roots_)
+            Place(root);
+        // What remains is below no root: parents that name each other.
+        for (std::uint32_t i = 0; i < placed_.size(); ++i)
+            Place(i);
+        return rows_;
+    }
+
+  private:
+    /// Appends the device and all below it. An explicit stack instead of recursion, because the depth comes
+    /// from other devices.
+    void Place(std::uint32_t root) {
+        KelVector<DeviceRow> waiting = {{root, 0}};
+        while (!waiting.empty()) {
+            const DeviceRow row = waiting.back();
+            waiting.pop_back();
+            if (placed_[row.index]) continue;
+            placed_[row.index] = true;
+            rows_.push_back(row);
+            const KelVector<std::uint32_t>& children = children_[row.index];
+            for (auto child = children.rbegin(); child != children.rend(); ++child)
+                waiting.push_back({*child, row.depth + 1});
+        }
+    }
+
+    KelVector<bool> placed_;
+    KelVector<std::uint32_t> roots_;
+    std::map<std::uint32_t, KelVector<std::uint32_t>> children_;
+    KelVector<DeviceRow> rows_;
+};
+
+void PrintTree(const KelContainer& answer) {
+    Table table({"NAME", "ROLE", "ADDRESS", "GUID", "LAST SEEN"});
+    for (const DeviceRow& row : OrderByParent(answer)) {
+        const KelContainer& device = answer.GetContainer("Values", row.index);
+        table.AddRow({KelString(row.depth * kIndent, ' ') + device.GetString("Name"),
+                      device.GetString("Role"), device.GetString("Address"), device.GetString("GUID"),
+                      TimeText(device.GetInt64("LastSeen"))});
+    }
+    std::fputs(table.Render().c_str(), stdout);
+}
+
+/// The number of files in each status.
+using Queues = std::map<KelString, std::int32_t>;
+
+unsigned int CountFiles(const Remote& remote, bool upstream, Queues& queues) {
+    KelContainer list;
+    list.SetBool("ListUpstream", upstream);
+    if (const unsigned int result = remote.Call("FileStoreListFiles", list); result != kKelOk) return result;
+    for (std::uint32_t i = 0; i < ItemCount(list); ++i)
+        ++queues[list.GetContainer("Values", i).GetString("FileStatus")];
+    return kKelOk;
+}
+
+/// Collects what `status` prints: the values of the modules under Agent, Identity and Relay, and the numbers
+/// of files by status under Files and FilesUpstream.
+unsigned int ReadStatus(const Remote& remote, KelContainer& status) {
+    static constexpr struct {
+        const char* name;
+        const char* action;
+    } kSources[] = {
+        {"Agent", "AgentGetStatus"}, {"Identity", "IdentityGetValues"}, {"Relay", "RelayGetValues"}};
+    for (const auto& source : kSources) {
+        KelContainer answer;
+        if (const unsigned int result = remote.Call(source.action, answer); result != kKelOk) return result;
+        status.SetContainer(source.name, answer.GetContainer("Values"));
+    }
+    for (const bool upstream : {false, true}) {
+        Queues queues;
+        if (const unsigned int result = CountFiles(remote, upstream, queues); result != kKelOk) return result;
+        KelContainer counts;
+        for (const auto& [name, count] : queues)
+            counts.SetInt32(name, count);
+        status.SetContainer(upstream ? "FilesUpstream" : "Files", std::move(counts));
+    }
+    return kKelOk;
+}
+
+KelString ParentText(const KelContainer& relay) {
+    if (relay.GetString("Role") == "master") return "none";
+    const KelString name = relay.GetString("ParentName");
+    const KelString host = name.empty() ? relay.GetString("ParentIPAddress") : name;
+    return host + ":" + relay.GetString("ParentPort") +
+           (relay.GetBool("ParentSync") ? " (in sync)" : " (out of sync)");
+}
+
+KelString QueueText(const KelContainer& counts) {
+    KelString text;
+    for (std::size_t i = 0; i < counts.GetNameCount(); ++i) {
+        const KelString& name = counts.GetName(i);
+        text += (text.empty() ? "" : ", ") + counts.GetString(name) + " " + FileStatusText(name);
+    }
+    return text.empty() ? "none" : text;
+}
+
+void PrintStatus(const KelContainer& status, const KelString& address) {
+    const KelContainer& agent = status.GetContainer("Agent");
+    const KelContainer& identity = status.GetContainer("Identity");
+    const KelContainer& relay = status.GetContainer("Relay");
+    KelVector<std::pair<KelString, KelString>> lines = {
+        {"Device", identity.GetString("HostName") + " (" + identity.GetString("GUID") + ")"},
+        {"Address", address},
+        {"Role", relay.GetString("Role")},
+        {"Parent", ParentText(relay)},
+        {"Version", agent.GetString("Version")},
+        {"Root", agent.GetString("Root")},
+        {"Started", TimeText(agent.GetInt64("Started"))},
+        {"Process", agent.GetString("Pid") + ", " + SizeText(agent.GetInt64("MemoryBytes"))},
+        {"Files", QueueText(status.GetContainer("Files"))},
+        {"Files going up", QueueText(status.GetContainer("FilesUpstream"))}};
+    for (const auto& [name, value] : lines)
+        std::printf("%-16s%s\n", name.c_str(), Printable(value).c_str());
+}
+
+}  // namespace
+
+KelVector<DeviceRow> OrderByParent(const KelContainer& answer) {
+    return DeviceTree(answer).Order();
+}
+
+int RunCommand(const CommonOptions& common, const DevicesOptions&) {
+    const auto remote = Remote::Open(common);
+    if (!remote) return Complain(remote.Error());
+    KelContainer answer;
+    if (const unsigned int result = remote->Call("ConsoleListDevices", answer); result != kKelOk)
+        return ExitCodeOf(result);
+    if (common.json)
+        PrintJson(answer);
+    else
+        PrintTree(answer);
+    return kExitDone;
+}
+
+int RunCommand(const CommonOptions& common, const StatusOptions&) {
+    const auto remote = Remote::Open(common);
+    if (!remote) return Complain(remote.Error());
+    KelContainer status;
+    if (const unsigned int result = ReadStatus(*remote, status); result != kKelOk) return ExitCodeOf(result);
+    if (common.json) {
+        KelContainer list;
+        list.SetContainer("Values", std::move(status));
+        PrintJson(list);
+    } else {
+        PrintStatus(status, remote->Address());
+    }
+    return kExitDone;
+}

@@ -1,0 +1,159 @@
+#include "cli/output.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdint>
+#include <cstdio>
+#include <ctime>
+
+#include "cli/options.h"
+#include "kel/text.h"
+#include "kelcore/json.h"
+
+namespace {
+
+/// Characters of a UTF-8 text: bytes that do not continue one.
+std::size_t CharacterCount(std::string_view text) {
+    return static_cast<std::size_t>(std::count_if(
+        text.begin(), text.end(), [](char c) { return (static_cast<unsigned char>(c) & 0xC0) != 0x80; }));
+}
+
+}  // namespace
+
+Table::Table(KelVector<KelString> headings) : headings_(std::move(headings)) {}
+
+void Table::AddRow(KelVector<KelString> cells) {
+    cells.resize(headings_.size());
+    for (KelString& cell : cells)
+        cell = Printable(cell);
+    rows_.push_back(std::move(cells));
+}
+
+std::size_t Table::Width(std::size_t column) const {
+    std::size_t width = CharacterCount(headings_[column]);
+    for (const auto& row : rows_)
+        width = std::max(width, CharacterCount(row[column]));
+    return width;
+}
+
+bool Table::IsNumeric(std::size_t column) const {
+    return !rows_.empty() && std::all_of(rows_.begin(), rows_.end(), [column](const auto& row) {
+        return row[column].empty() || ParseInt64(row[column]);
+    });
+}
+
+KelString Table::RenderRow(const KelVector<KelString>& cells, const KelVector<std::size_t>& widths,
+                           const KelVector<bool>& numeric) const {
+    KelString line;
+    for (std::size_t i = 0; i < cells.size(); ++i) {
+        const KelString padding(widths[i] - CharacterCount(cells[i]), ' ');
+        line += numeric[i] ? padding + cells[i] : cells[i] + padding;
+        line += "  ";
+    }
+    line.erase(line.find_last_not_of(' ') + 1);
+    return line + "\n";
+}
+
+KelString Table::Render() const {
+    KelVector<std::size_t> widths;
+    KelVector<bool> numeric;
+    for (std::size_t i = 0; i < headings_.size(); ++i) {
+        widths.push_back(Width(i));
+        numeric.push_back(IsNumeric(i));
+    }
+    KelString text = RenderRow(headings_, widths, numeric);
+    for (const auto& row : rows_)
+        text += RenderRow(row, widths, numeric);
+    return text;
+}
+
+KelString Printable(std::string_view text) {
+    KelString result(text);
+    for (char& c : result)
+        if (static_cast<unsigned char>(c) < 0x20 || c == 0x7F) c = '?';
+    return result;
+}
+
+KelString SizeText(std::int64_t bytes) {
+    static constexpr std::array<const char*, 5> kUnits = {"B", "KiB", "MiB", "GiB", "TiB"};
+    auto value = static_cast<double>(bytes);
+    std::size_t unit = 0;
+    for (; value >= 1024 && unit + 1 < kUnits.size(); ++unit)
+        value /= 1024;
+    std::array<char, 64> text{};
+    std::snprintf(text.data(), text.size(), unit == 0 ? "%.0f %s" : "%.1f %s", value, kUnits[unit]);
+    return text.data();
+}
+
+KelString TimeText(std::int64_t seconds) {
+    if (seconds == 0) return {};
+    const std::time_t time = seconds;
+    std::tm parts{};
+    localtime_r(&time, &parts);
+    std::array<char, 64> text{};
+    std::strftime(text.data(), text.size(), "%Y-%m-%d %H:%M:%S", &parts);
+    return text.data();
+}
+
+KelString FileStatusText(const KelString& status) {
+    constexpr std::string_view kPrefix = "_AGTMOD_FILESTORESTATUS_";
+    if (!status.starts_with(kPrefix) || !status.ends_with('_')) return status;
+    KelString text = status.substr(kPrefix.size(), status.size() - kPrefix.size() - 1);
+    for (char& c : text) {
+        if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+        if (c == '_') c = ' ';
+    }
+    return text;
+}
+
+Column ValueColumn(const KelString& heading, const KelString& name) {
+    return {heading, [name](const KelContainer& item) { return item.GetString(name); }};
+}
+
+Column SizeColumn(const KelString& heading, const KelString& name) {
+    return {heading, [name](const KelContainer& item) { return SizeText(item.GetInt64(name)); }};
+}
+
+Column TimeColumn(const KelString& heading, const KelString& name) {
+    return {heading, [name](const KelContainer& item) { return TimeText(item.GetInt64(name)); }};
+}
+
+std::uint32_t ItemCount(const KelContainer& list, const KelString& name) {
+    return list.Has(name) ? list.Count(name) : 0;
+}
+
+void PrintJson(const KelContainer& list, const KelString& name) {
+    KelString text = "[";
+    for (std::uint32_t i = 0; i < ItemCount(list, name); ++i) {
+        text += i == 0 ? "\n" : ",\n";
+        text += ContainerToJson(list.GetContainer(name, i));
+    }
+    std::printf("%s\n]\n", text.c_str());
+}
+
+void PrintList(const KelContainer& list, bool json, const KelVector<Column>& columns, const KelString& name) {
+    if (json) {
+        PrintJson(list, name);
+        return;
+    }
+    KelVector<KelString> headings;
+    for (const Column& column : columns)
+        headings.push_back(column.heading);
+    Table table(std::move(headings));
+    for (std::uint32_t i = 0; i < ItemCount(list, name); ++i) {
+        KelVector<KelString> cells;
+        for (const Column& column : columns)
+            cells.push_back(column.cell(list.GetContainer(name, i)));
+        table.AddRow(std::move(cells));
+    }
+    std::fputs(table.Render().c_str(), stdout);
+}
+
+int Complain(const KelString& message) {
+    std::fprintf(stderr, "kel: %s\n", Printable(message).c_str());
+    return kExitFailed;
+}
+
+int Complain(const KelError& error) {
+    return Complain(error.message);
+}

@@ -1,0 +1,71 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <string_view>
+
+#include "kel/container.h"
+#include "kel/result.h"
+#include "kel/types.h"
+
+// What the commands print: tables or JSON to stdout, errors to stderr. One thread at a time.
+
+/// Lines of text cells in columns that are as wide as their widest cell.
+class Table {
+  public:
+    explicit Table(KelVector<KelString> headings);
+
+    /// Missing cells count as empty; cells beyond the last heading are dropped.
+    void AddRow(KelVector<KelString> cells);
+
+    /// Heading line and rows, each ending in a newline, without trailing blanks. Columns whose cells are all
+    /// numbers are aligned to the right. Control characters appear as "?", so that a name from another device
+    /// cannot send escape sequences to the terminal.
+    KelString Render() const;
+
+  private:
+    std::size_t Width(std::size_t column) const;
+    bool IsNumeric(std::size_t column) const;
+    KelString RenderRow(const KelVector<KelString>& cells, const KelVector<std::size_t>& widths,
+                        const KelVector<bool>& numeric) const;
+
+    KelVector<KelString> headings_;
+    KelVector<KelVector<KelString>> rows_;
+};
+
+/// `text` with control characters replaced by "?".
+KelString Printable(std::string_view text);
+
+/// A number of bytes in readable form: "17 B", "1.5 KiB", "256.0 MiB".
+KelString SizeText(std::int64_t bytes);
+
+/// Seconds since the epoch as local time, "2026-01-31 08:15:00"; empty for 0.
+KelString TimeText(std::int64_t seconds);
+
+/// A file's status in readable form: "_AGTMOD_FILESTORESTATUS_AVAILABLE_" gives "available".
+KelString FileStatusText(const KelString& status);
+
+/// A column of a list: its heading and the text of a cell.
+struct Column {
+    KelString heading;
+    std::function<KelString(const KelContainer& item)> cell;
+};
+
+/// Columns that show the value `name` of each item: as it is, as SizeText, as TimeText.
+Column ValueColumn(const KelString& heading, const KelString& name);
+Column SizeColumn(const KelString& heading, const KelString& name);
+Column TimeColumn(const KelString& heading, const KelString& name);
+
+/// The number of items of a list, the containers under `name`; 0 when there is none.
+std::uint32_t ItemCount(const KelContainer& list, const KelString& name = "Values");
+
+/// Prints a list as an array of JSON objects with the values' own names.
+void PrintJson(const KelContainer& list, const KelString& name = "Values");
+
+/// Prints a list as JSON or as a table of `columns`.
+void PrintList(const KelContainer& list, bool json, const KelVector<Column>& columns,
+               const KelString& name = "Values");
+
+/// Print the message and return kExitFailed.
+int Complain(const KelString& message);
+int Complain(const KelError& error);

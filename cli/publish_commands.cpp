@@ -1,0 +1,105 @@
+#include <algorithm>
+#include <cstdio>
+
+#include "cli/commands.h"
+#include "cli/hand_over.h"
+#include "cli/output.h"
+#include "cli/publication_watch.h"
+#include "cli/remote.h"
+#include "kel/path.h"
+#include "kelcore/error_codes.h"
+#include "kelcore/file_values.h"
+
+namespace {
+
+KelContainer PublishArguments(const PublishOptions& options, const KelString& file) {
+    KelContainer arguments;
+    arguments.SetString(kValueFilePath, CompletePath(file));
+    arguments.SetString(kValueFileType, options.type);
+    arguments.SetString(kValueFileLabel, options.label);
+    for (std::uint32_t i = 0; i < options.devices.size(); ++i)
+        arguments.SetString("Device", options.devices[i], i);
+    arguments.SetInt32(kValuePriority, options.priority);
+    arguments.SetBool(kValueBypass, options.bypass);
+    arguments.SetBool(kValueWakeOnLan, options.wake);
+    return arguments;
+}
+
+/// Publishes the files one by one, up to the first that is refused, and lists them under "Values" in
+/// `published`. An exit code.
+int PublishFiles(const Remote& remote, const PublishOptions& options, KelContainer& published) {
+    const HandOver handOver = {"ConsolePublish",
+                               [&options](const KelString& file) { return PublishArguments(options, file); },
+                               [](const KelString& file, KelContainer answer) {
+                                   answer.SetString("File", file);
+                                   return answer;
+                               },
+                               "published"};
+    return HandOverFiles(remote, options.files, handOver, published);
+}
+
+/// Prints a line for each publication with failed targets. True when there is one.
+bool ReportFailures(const KelContainer& published) {
+    bool failed = false;
+    for (std::uint32_t i = 0; i < ItemCount(published); ++i) {
+        const KelContainer& item = published.GetContainer("Values", i);
+        if (item.GetInt32("Failed") == 0) continue;
+        std::fprintf(stderr, "kel: %s failed on %d of %d devices; 'kel publications %s' shows why\n",
+                     Printable(item.GetString("File")).c_str(), item.GetInt32("Failed"),
+                     item.GetInt32("Targets"), Printable(item.GetString("PublicationId")).c_str());
+        failed = true;
+    }
+    return failed;
+}
+
+KelVector<Column> PublishedColumns(bool withCounts) {
+    KelVector<Column> columns = {ValueColumn("PUBLICATION", "PublicationId"), ValueColumn("FILE", "File"),
+                                 SizeColumn("SIZE", kValueFileSize),
+                                 ValueColumn("CHECKSUM", kValueFileChecksum),
+                                 ValueColumn("TARGETS", "Targets")};
+    if (withCounts)
+        columns.insert(columns.end(), {ValueColumn("DELIVERED", "Delivered"), ValueColumn("FAILED", "Failed"),
+                                       ValueColumn("PENDING", "Pending")});
+    return columns;
+}
+
+/// One publication, device by device.
+int PrintDevices(const CommonOptions& common, const KelString& id) {
+    const auto remote = Remote::Open(common);
+    if (!remote) return Complain(remote.Error());
+    KelContainer call;
+    call.SetString("PublicationId", id);
+    if (const unsigned int result = remote->Call("ConsoleListPublications", call); result != kKelOk)
+        return ExitCodeOf(result);
+    PrintList(call, common.json,
+              {ValueColumn("NAME", "Name"), ValueColumn("GUID", "GUID"), ValueColumn("STATUS", "Status"),
+               TimeColumn("SINCE", "Time"), ValueColumn("MESSAGE", "Message")},
+              "Devices");
+    return kExitDone;
+}
+
+}  // namespace
+
+int RunCommand(const CommonOptions& common, const PublishOptions& options) {
+    if (const KelStatus usable = CheckDifferentNames(options.files); !usable) return Complain(usable.Error());
+    const auto remote = Remote::Open(common);
+    if (!remote) return Complain(remote.Error());
+    KelContainer published;
+    int exitCode = PublishFiles(*remote, options, published);
+    if (options.watch) exitCode = std::max(exitCode, WatchPublications(*remote, published));
+    const bool failed = ReportFailures(published);
+    if (failed) exitCode = std::max(exitCode, kExitFailed);
+    if (common.json || published.Has("Values"))
+        PrintList(published, common.json, PublishedColumns(options.watch || failed));
+    return exitCode;
+}
+
+int RunCommand(const CommonOptions& common, const PublicationsOptions& options) {
+    if (!options.id.empty()) return PrintDevices(common, options.id);
+    return PrintActionList(common, "ConsoleListPublications", {},
+                           {ValueColumn("PUBLICATION", "PublicationId"), ValueColumn("TYPE", kValueFileType),
+                            ValueColumn("LABEL", kValueFileLabel), ValueColumn("FILE", kValueFileName),
+                            SizeColumn("SIZE", kValueFileSize), TimeColumn("PUBLISHED", "CreateTime"),
+                            ValueColumn("TARGETS", "Targets"), ValueColumn("DELIVERED", "Delivered"),
+                            ValueColumn("FAILED", "Failed"), ValueColumn("PENDING", "Pending")});
+}

@@ -1,0 +1,183 @@
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <set>
+
+#include "cli/commands.h"
+#include "cli/output.h"
+#include "cli/remote.h"
+#include "kel/text.h"
+#include "kelcore/error_codes.h"
+#include "kelcore/json.h"
+
+namespace {
+
+// Directions and units of windows, by their numbers in the actions; unused numbers are empty.
+constexpr std::array<const char*, 4> kDirections = {"", "up", "down", "multicast"};
+constexpr std::array<const char*, 9> kUnits = {"", "bit/s", "kbit/s", "Mbit/s",      "",
+                                               "", "",      "%",      "per thousand"};
+
+KelString Name(const auto& names, std::int32_t value) {
+    const auto index = static_cast<std::size_t>(value);
+    return value > 0 && index < names.size() ? names[index] : std::to_string(value);
+}
+
+/// "400000 kbit/s" for a window with the same rate in every hour, otherwise the number of different rates.
+KelString RateText(const KelContainer& window) {
+    const KelVector<KelString> slots = SplitText(window.GetString("Slots"), ' ');
+    const std::set<KelString> different(slots.begin(), slots.end());
+    const KelString unit = Name(kUnits, window.GetInt32("SlotType"));
+    if (different.size() == 1) return *different.begin() + " " + unit;
+    return std::to_string(different.size()) + " rates in " + unit;
+}
+
+int GetWindows(const Remote& remote, bool json) {
+    KelContainer answer;
+    if (const unsigned int result = remote.Call("TransferWindowCheckAllWindows", answer); result != kKelOk)
+        return ExitCodeOf(result);
+    const KelContainer& values = answer.GetContainer("Values");
+    KelContainer list;
+    for (std::uint32_t i = 0; i < ItemCount(values, "Direction"); ++i) {
+        KelContainer item = values.GetContainer("Values", i);
+        item.SetInt32("Direction", values.GetInt32("Direction", 0, i));
+        list.SetContainer("Values", std::move(item), i);
+    }
+    PrintList(list, json,
+              {{"DIRECTION",
+                [](const KelContainer& item) { return Name(kDirections, item.GetInt32("Direction")); }},
+               {"RATE", RateText},
+               {"HOURS OF", [](const KelContainer& item) {
+                    return KelString(item.GetBool("UseUTCTime") ? "UTC" : "local time");
+                }}});
+    return kExitDone;
+}
+
+int SetWindow(const Remote& remote, const WindowsOptions& options) {
+    KelContainer arguments;
+    for (std::size_t i = 1; i < kDirections.size(); ++i)
+        if (options.direction == kDirections[i])
+            arguments.SetInt32("Direction", static_cast<std::int32_t>(i));
+    arguments.SetString("Slots", options.slots);
+    arguments.SetInt32("SlotType", options.slotType);
+    arguments.SetBool("UseUTCTime", options.utc);
+    return ExitCodeOf(remote.Call("TransferWindowSetWindow", arguments));
+}
+
+int GetSettings(const Remote& remote, bool json, const KelVector<KelString>& names) {
+    KelContainer answer;
+    if (const unsigned int result = remote.Call("FileStoreGetValues", answer); result != kKelOk)
+        return ExitCodeOf(result);
+    const KelContainer& values = answer.GetContainer("Values");
+    for (const KelString& name : names)
+        if (!values.Has(name)) return Complain("no setting '" + name + "'; 'kel settings get' shows all");
+    KelContainer list;
+    std::uint32_t count = 0;
+    for (std::size_t i = 0; i < values.GetNameCount(); ++i) {
+        const KelString& name = values.GetName(i);
+        if (!names.empty() && std::find(names.begin(), names.end(), name) == names.end()) continue;
+        KelContainer item;
+        item.SetString("Name", name);
+        item.SetString("Value", values.GetString(name));
+        list.SetContainer("Values", std::move(item), count++);
+    }
+    PrintList(list, json, {ValueColumn("NAME", "Name"), ValueColumn("VALUE", "Value")});
+    return kExitDone;
+}
+
+/// Checks all assignments before the first takes effect.
+int SetSettings(const Remote& remote, const KelVector<KelString>& assignments) {
+    KelContainer known;
+    if (const unsigned int result = remote.Call("FileStoreGetValues", known); result != kKelOk)
+        return ExitCodeOf(result);
+    KelContainer values;
+    for (const KelString& assignment : assignments) {
+        const auto equals = assignment.find('=');
+        if (equals == KelString::npos || equals == 0) {
+            Complain("'" + assignment + "' is not NAME=VALUE");
+            return kExitUsage;
+        }
+        const KelString name = assignment.substr(0, equals);
+        if (!known.GetContainer("Values").Has(name)) return Complain("no setting '" + name + "'");
+        values.SetString(name, assignment.substr(equals + 1));
+    }
+    KelContainer arguments;
+    arguments.SetContainer("Values", std::move(values));
+    return ExitCodeOf(remote.Call("FileStoreSetValues", arguments));
+}
+
+/// Appends value number `index` of `from` in `source` to the values of `name` in `target`.
+void Append(const KelContainer& source, const KelString& from, std::uint32_t index, const KelString& name,
+            KelContainer& target) {
+    const std::uint32_t at = ItemCount(target, name);
+    switch (source.GetType(from, index)) {
+        case KelContainer::Type::Bool:
+            return target.SetBool(name, source.GetBool(from, false, index), at);
+        case KelContainer::Type::Int32:
+            return target.SetInt32(name, source.GetInt32(from, 0, index), at);
+        case KelContainer::Type::Int64:
+            return target.SetInt64(name, source.GetInt64(from, 0, index), at);
+        case KelContainer::Type::Container:
+            return target.SetContainer(name, source.GetContainer(from, index), at);
+        default:
+            return target.SetString(name, source.GetString(from, {}, index), at);
+    }
+}
+
+}  // namespace
+
+KelStatus AddCallArgument(const KelString& text, KelContainer& container) {
+    const auto equals = text.find('=');
+    if (equals == KelString::npos || equals == 0 || text.starts_with(":="))
+        return KelError{kKelErrorBadInput, "'" + text + "' is neither name=text nor name:=JSON"};
+    if (text[equals - 1] != ':') {
+        const KelString name = text.substr(0, equals);
+        container.SetString(name, text.substr(equals + 1), ItemCount(container, name));
+        return {};
+    }
+    const KelString name = text.substr(0, equals - 1);
+    KelContainer parsed;
+    if (auto status = ContainerFromJson("{\"value\":" + text.substr(equals + 1) + "}", parsed); !status)
+        return KelError{kKelErrorBadInput, "'" + text + "': " + status.Error().message};
+    if (parsed.GetNameCount() > 1)
+        return KelError{kKelErrorBadInput, "'" + text + "': more than one JSON value"};
+    for (std::uint32_t i = 0; i < ItemCount(parsed, "value"); ++i)
+        Append(parsed, "value", i, name, container);
+    return {};
+}
+
+int RunCommand(const CommonOptions& common, const WindowsOptions& options) {
+    const auto remote = Remote::Open(common);
+    if (!remote) return Complain(remote.Error());
+    return options.direction.empty() ? GetWindows(*remote, common.json) : SetWindow(*remote, options);
+}
+
+int RunCommand(const CommonOptions& common, const SettingsOptions& options) {
+    const auto remote = Remote::Open(common);
+    if (!remote) return Complain(remote.Error());
+    return options.assignments.empty() ? GetSettings(*remote, common.json, options.names)
+                                       : SetSettings(*remote, options.assignments);
+}
+
+int RunCommand(const CommonOptions& common, const UploadOptions&) {
+    const auto remote = Remote::Open(common);
+    if (!remote) return Complain(remote.Error());
+    KelContainer call;
+    const unsigned int result = remote->Call("FileStorePerformManualUpload", call);
+    if (result == kKelOk && common.json) std::puts("[]");
+    return ExitCodeOf(result);
+}
+
+int RunCommand(const CommonOptions& common, const CallOptions& options) {
+    KelContainer container;
+    for (const KelString& argument : options.arguments) {
+        if (auto status = AddCallArgument(argument, container); !status) {
+            Complain(status.Error());
+            return kExitUsage;
+        }
+    }
+    const auto remote = Remote::Open(common);
+    if (!remote) return Complain(remote.Error());
+    const unsigned int result = remote->Call(options.action, container);
+    if (result == kKelOk || !container.IsEmpty()) std::printf("%s\n", ContainerToJson(container).c_str());
+    return ExitCodeOf(result);
+}

@@ -1,0 +1,82 @@
+#include "cli/commands.h"
+#include "cli/output.h"
+#include "cli/remote.h"
+#include "kelcore/error_codes.h"
+#include "kelcore/file_values.h"
+
+namespace {
+
+constexpr const char* kListUpstream = "ListUpstream";
+constexpr const char* kFileStatus = "FileStatus";
+
+/// The value as a person reads it.
+KelString ValueText(const KelContainer& file, const KelString& name) {
+    if (name == kFileStatus) return FileStatusText(file.GetString(name));
+    if (name == kValueFileSize || name == "TransferredBytes") return SizeText(file.GetInt64(name));
+    if (name == "CreateTime") return TimeText(file.GetInt64(name));
+    return file.GetString(name);
+}
+
+KelString UnknownFile(const FileOptions& options) {
+    return "there is no file " + std::to_string(options.id) + " in the store; 'kel files" +
+           (options.upstream ? " --upstream" : "") + "' lists its files";
+}
+
+}  // namespace
+
+KelContainer FileValueList(const KelContainer& file) {
+    KelContainer list;
+    for (std::size_t i = 0; i < file.GetNameCount(); ++i) {
+        const KelString& name = file.GetName(i);
+        KelContainer item;
+        item.SetString("Name", name);
+        item.SetString("Value", ValueText(file, name));
+        list.SetContainer("Values", std::move(item), static_cast<std::uint32_t>(i));
+    }
+    return list;
+}
+
+int RunCommand(const CommonOptions& common, const FilesOptions& options) {
+    KelContainer arguments;
+    if (options.upstream) arguments.SetBool(kListUpstream, true);
+    return PrintActionList(
+        common, "FileStoreListFiles", std::move(arguments),
+        {ValueColumn("ID", "FileId"),
+         ValueColumn("TYPE", kValueFileType),
+         ValueColumn("LABEL", kValueFileLabel),
+         ValueColumn("NAME", kValueFileName),
+         {"STATUS", [](const KelContainer& item) { return FileStatusText(item.GetString(kFileStatus)); }},
+         ValueColumn("HERE", "TransferredData"),
+         ValueColumn("CHECKSUM", kValueFileChecksum)});
+}
+
+int RunCommand(const CommonOptions& common, const FileOptions& options) {
+    const auto remote = Remote::Open(common);
+    if (!remote) return Complain(remote.Error());
+    KelContainer call;
+    call.SetInt32("FileId", options.id);
+    if (options.upstream) call.SetBool(kListUpstream, true);
+    if (const unsigned int result = remote->Call("FileStoreGetFileInfo", call); result != kKelOk)
+        return ExitCodeOf(result);
+    if (!call.Has("Values")) return Complain(UnknownFile(options));
+    if (common.json)
+        PrintJson(call);
+    else
+        PrintList(FileValueList(call.GetContainer("Values")), false,
+                  {ValueColumn("NAME", "Name"), ValueColumn("VALUE", "Value")});
+    return kExitDone;
+}
+
+int RunCommand(const CommonOptions& common, const InboxOptions&) {
+    return PrintActionList(common, "DeliveryListFiles", {},
+                           {ValueColumn("TYPE", kValueFileType), ValueColumn("LABEL", kValueFileLabel),
+                            ValueColumn("NAME", kValueFileName), SizeColumn("SIZE", "Size"),
+                            TimeColumn("DELIVERED", "Time"), ValueColumn("PATH", "Path")});
+}
+
+int RunCommand(const CommonOptions& common, const CollectedOptions&) {
+    return PrintActionList(common, "DeliveryListCollected", {},
+                           {ValueColumn("DEVICE", "Device"), ValueColumn("TYPE", kValueFileType),
+                            ValueColumn("LABEL", kValueFileLabel), ValueColumn("NAME", kValueFileName),
+                            SizeColumn("SIZE", "Size"), ValueColumn("PATH", "Path")});
+}

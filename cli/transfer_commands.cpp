@@ -1,0 +1,129 @@
+#include <chrono>
+#include <thread>
+
+#include "cli/commands.h"
+#include "cli/hand_over.h"
+#include "cli/output.h"
+#include "cli/remote.h"
+#include "kel/file.h"
+#include "kel/path.h"
+#include "kelcore/error_codes.h"
+#include "kelcore/file_key.h"
+#include "kelcore/file_offer.h"
+#include "kelcore/file_values.h"
+
+namespace {
+
+constexpr std::chrono::milliseconds kInboxPollPause{250};
+
+/// Refuses files that the master could not receive; called before any of them is sent.
+KelStatus CheckFiles(const KelVector<KelString>& files) {
+    for (const KelString& file : files) {
+        if (FileGetSize64(file) == 0)
+            return KelError{kKelErrorBadInput,
+                            file + " is empty, and empty files cannot be sent up; nothing was sent"};
+    }
+    return CheckDifferentNames(files);
+}
+
+KelContainer SendArguments(const SendOptions& options, const KelString& file) {
+    FileOffer offer;
+    offer.key = {options.type, options.label, FileNameOf(file), {}};
+    offer.upstream = true;
+    offer.priority = options.priority;
+    offer.bypass = options.bypass;
+    offer.copyPath = CompletePath(file);
+    return offer.ToContainer();
+}
+
+KelContainer SentItem(const SendOptions& options, const KelString& file) {
+    KelContainer item;
+    item.SetString("File", file);
+    item.SetString(kValueFileType, options.type);
+    item.SetString(kValueFileLabel, options.label);
+    item.SetString(kValueFileName, FileNameOf(file));
+    item.SetInt64(kValueFileSize, FileGetSize64(file));
+    return item;
+}
+
+FileKey KeyOf(const RequestOptions& options) {
+    return {options.type, options.label, options.name, options.checksum};
+}
+
+/// An empty checksum in `wanted` matches any.
+bool IsWanted(FileKey file, const FileKey& wanted) {
+    if (wanted.checksum.empty()) file.checksum.clear();
+    return file == wanted;
+}
+
+/// Sets `found` and `item`, its entry, when the inbox holds the file. The action's result.
+unsigned int LookIntoInbox(const Remote& remote, const FileKey& wanted, KelContainer& item, bool& found) {
+    KelContainer inbox;
+    if (const unsigned int result = remote.Call("DeliveryListFiles", inbox); result != kKelOk) return result;
+    for (std::uint32_t i = 0; i < ItemCount(inbox) && !found; ++i) {
+        const KelContainer& file = inbox.GetContainer("Values", i);
+        if (!IsWanted(FileKey::Read(file), wanted)) continue;
+        item = file;
+        found = true;
+    }
+    return kKelOk;
+}
+
+/// Polls the inbox until it holds the file or the time is over. An exit code.
+int WaitForFile(const Remote& remote, const RequestOptions& options, KelContainer& item) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(options.waitSeconds);
+    for (;;) {
+        bool found = false;
+        if (const unsigned int result = LookIntoInbox(remote, KeyOf(options), item, found); result != kKelOk)
+            return ExitCodeOf(result);
+        item.SetString("State", found ? "delivered" : "requested");
+        if (found) return kExitDone;
+        if (std::chrono::steady_clock::now() >= deadline)
+            return Complain("'" + options.name + "' was not delivered within " +
+                            std::to_string(options.waitSeconds) + " seconds; the request remains open");
+        std::this_thread::sleep_for(kInboxPollPause);
+    }
+}
+
+}  // namespace
+
+int RunCommand(const CommonOptions& common, const SendOptions& options) {
+    if (const KelStatus usable = CheckFiles(options.files); !usable) return Complain(usable.Error());
+    const auto remote = Remote::Open(common);
+    if (!remote) return Complain(remote.Error());
+    const HandOver handOver = {
+        "FileStoreReceiveFile", [&options](const KelString& file) { return SendArguments(options, file); },
+        [&options](const KelString& file, const KelContainer&) { return SentItem(options, file); }, "sent"};
+    KelContainer sent;
+    const int exitCode = HandOverFiles(*remote, options.files, handOver, sent);
+    PrintList(sent, common.json,
+              {ValueColumn("FILE", "File"), ValueColumn("NAME", kValueFileName),
+               SizeColumn("SIZE", kValueFileSize)});
+    return exitCode;
+}
+
+int RunCommand(const CommonOptions& common, const RequestOptions& options) {
+    const auto remote = Remote::Open(common);
+    if (!remote) return Complain(remote.Error());
+    KelContainer item;
+    KeyOf(options).Write(item);
+    KelContainer call = item;
+    if (const unsigned int result = remote->Call("FileStoreRequestFile", call); result != kKelOk)
+        return ExitCodeOf(result);
+    int exitCode = kExitDone;
+    if (call.GetBool("FileObsolete")) {
+        item.SetString("State", "obsolete");
+        exitCode = Complain("'" + options.name + "' is obsolete; the devices above no longer keep it");
+    } else if (options.waitSeconds > 0) {
+        exitCode = WaitForFile(*remote, options, item);
+    } else {
+        item.SetString("State", "requested");
+    }
+    KelContainer list;
+    list.SetContainer("Values", std::move(item));
+    PrintList(
+        list, common.json,
+        {ValueColumn("TYPE", kValueFileType), ValueColumn("LABEL", kValueFileLabel),
+         ValueColumn("NAME", kValueFileName), ValueColumn("STATE", "State"), ValueColumn("PATH", "Path")});
+    return exitCode;
+}

@@ -1,0 +1,21 @@
+#pragma once
+
+#include "kel/container.h"
+#include "kel/result.h"
+#include "kel/types.h"
+#include "kelcore/file_key.h"
+
+/// The arguments of ConsolePublish.
+struct PublicationRequest {
+    KelString sourcePath;
+    FileKey file;  ///< the name is never empty: that of the source when the caller gave none; no checksum yet
+    KelVector<KelString> devices;  ///< GUIDs or names, or the one text "all" or "none"
+    std::int32_t priority = 100;
+    bool bypass = false;
+    bool wakeOnLan = false;
+    std::int32_t keepCopy = 0;
+    KelContainer fileInfo;
+};
+
+/// Reads and checks the arguments of ConsolePublish; an unusable one is an error that names it.
+KelResult<PublicationRequest> ReadPublicationRequest(const KelContainer& arguments);

@@ -1,0 +1,43 @@
+#pragma once
+
+#include "kel/container.h"
+#include "kel/debug.h"
+#include "kel/result.h"
+#include "kel/types.h"
+#include "modules/console/device_directory.h"
+#include "modules/console/package_folder.h"
+#include "modules/console/publication_request.h"
+#include "modules/console/publication_store.h"
+
+/// Publishes files: copies a file to the packages, records the publication and offers the file to the file
+/// store. Any thread, concurrently.
+class Publisher {
+  public:
+    Publisher(const KelDebug& log, DeviceDirectory& directory, PublicationStore& publications)
+        : log_(log), directory_(directory), publications_(publications) {}
+
+    /// The folder under which published files are kept; see CopyToPackages. Before the first use.
+    void SetFolder(const KelString& folder) { folder_ = folder; }
+
+    /// Publishes a file. The result holds the output values of ConsolePublish; an error leaves no publication
+    /// behind, at most the copy of the file. Calls local actions: no lock may be held.
+    KelResult<KelContainer> Publish(const PublicationRequest& request);
+
+  private:
+    /// The targets of a publication.
+    struct Plan {
+        KelString id;
+        KelVector<Device> devices;       ///< of the tree at this moment, the master first
+        KelVector<std::size_t> targets;  ///< their indexes in `devices`, each once; all can be reached
+        std::size_t leftOut = 0;         ///< devices that "all" could not reach
+    };
+
+    KelResult<Plan> MakePlan(const PublicationRequest& request);
+    KelStatus Offer(const PublicationRequest& request, const PackageFile& file, const Plan& plan,
+                    const KelVector<PublicationTarget>& targets);
+
+    const KelDebug& log_;
+    DeviceDirectory& directory_;
+    PublicationStore& publications_;
+    KelString folder_;
+};

@@ -1,0 +1,167 @@
+"""What strangers, scripts and hostile devices reach over HTTP, and what they do not."""
+
+import hashlib
+import io
+import json
+import subprocess
+import unittest
+import urllib.parse
+import warnings
+import zipfile
+
+from case import BUILD, SystemTest, collected_files
+from digest_client import DigestClient
+from tree import AGENT_NAME, PASSWORD, Tree, sha256_of, wait_until
+
+CONTENT = bytes(range(256)) * 40
+SYMLINK_MODE = 0o120777 << 16
+INDEX = "Temp/PackedFilesInfo.xml"
+GOOD_INDEX = ('<Container><Value name="PackedFile" type="container"><Value name="FileType">T</Value>'
+              '<Value name="FileLabel">L</Value><Value name="FileName">%s</Value><Value name="FileChecksum">%s</Value>'
+              '<Value name="SourceDevice">%s</Value><Value name="Upstream" type="bool">true</Value>'
+              '<Value name="FileSize" type="int64">4</Value></Value></Container>')
+CHECKSUM = hashlib.md5(b"evil").hexdigest()
+
+
+def zip_of(entries):
+    """A zip file with these (name or ZipInfo, content) entries."""
+    buffer = io.BytesIO()
+    with zipfile.ZipFile(buffer, "w") as archive, warnings.catch_warnings():
+        warnings.simplefilter("ignore")  # about names that occur twice
+        for name, content in entries:
+            archive.writestr(name, content)
+    return buffer.getvalue()
+
+
+class HostileTest(SystemTest):
+    """A relay with a published file, and its master, to which a device that knows the password sends files."""
+
+    @classmethod
+    def setUpClass(cls):
+        cls.tree = Tree(BUILD, [0])
+        cls.addClassCleanup(cls.tree.close)
+        cls.tree.start()
+        cls.agent, cls.relay = cls.tree.master, cls.tree.relays[0]
+        path = cls.tree.folder / "odd name %41#.bin"
+        path.write_bytes(CONTENT)
+        cls.tree.publish([path], "Road", "label")
+        cls.tree.wait_delivered({("label", path.name): sha256_of(path)}, [cls.relay], 60)
+        checksum = hashlib.md5(CONTENT).hexdigest()
+        cls.url = f"/FileStore/downstream/Road/label/{checksum}/{urllib.parse.quote(path.name)}"
+        cls.stranger = cls.agent.address.rsplit(".", 1)[0] + ".200"
+        cls.client = DigestClient(cls.agent, cls.stranger)
+        cls.source = f"{cls.stranger}:1610/{cls.agent.identity()['GUID'][:4]}0000-0000-0000-0000-000000000001"
+
+    def setUp(self):
+        self.log_begin = len(self.agent.log())
+        self.before = self.untouchables()
+
+    def tearDown(self):
+        self.assertEqual(self.untouchables(), self.before, "files outside the upstream store changed")
+
+    def untouchables(self):
+        """Path -> SHA-256 of all files of the master but those that change anyway."""
+        def is_changing(path):
+            parts = path.relative_to(self.agent.root).parts
+            return parts[0] == "log" or parts[:3] == ("data", "FileStore", "upstream") or ".sqlite" in path.name
+        found = {path: sha256_of(path) for path in self.agent.root.rglob("*") if path.is_file() and not is_changing(path)}
+        found.update((path, None) for path in self.tree.folder.iterdir())
+        return found
+
+    def wait_logged(self, text):
+        wait_until(lambda: text in self.agent.log()[self.log_begin:], 20, f"'{text}' in the log of the master")
+
+    def collected_names(self):
+        return {name for _, _, name in collected_files(self.agent)}
+
+    def offer(self, client, **values):
+        """Offers a file; result and answer."""
+        key = {"FileType": "T", "FileLabel": "L", "FileName": "n", "FileChecksum": CHECKSUM, "FileSize": 4}
+        status, result, body = client.action("FileStoreReceiveFile", json.dumps({**key, **values}))
+        self.assertEqual(status, 200)
+        return result, body
+
+    def offer_upstream(self, name, content, kind="T"):
+        """Offers a file as a child does; the URL for its content."""
+        result, body = self.offer(self.client, FileType=kind, FileName=name, FileSize=len(content), Upstream=True,
+                                  FileChecksum=hashlib.md5(content).hexdigest(), SourceDevice=self.source)
+        self.assertEqual(result, 0, body)
+        return urllib.parse.quote(json.loads(body)["FileURL"])
+
+    def test_the_curl_program_resumes_a_download(self):
+        target = self.relay.root / "download"
+        target.write_bytes(CONTENT[:777])
+        subprocess.run(["curl", "-sS", "--fail", "--digest", "-K", "-", "-C", "-", "-o", target,
+                        f"http://{self.relay.address}:{self.relay.port}{self.url}"], check=True, timeout=30, text=True,
+                       input=f'user = "{AGENT_NAME}:{PASSWORD}"\n')
+        self.assertEqual(target.read_bytes(), CONTENT)
+
+    def test_only_the_published_folders_are_served(self):
+        relay = DigestClient(self.relay)
+        self.assertEqual(relay.request("GET", self.url)[2], CONTENT)
+        store = self.relay.data / "FileStore"
+        (store / "Upstream.sqlite.damaged-20260101T000000Z").write_bytes(b"moved aside")
+        databases = [f"/FileStore/{path.name}" for path in store.glob("*.sqlite*")]
+        for target in ("/FileStore/../../config/Agent.ini", "/FileStore/downstream/..%2f..%2f..%2f..%2fconfig/Agent.ini",
+                       "/config/Agent.ini", "/FileStore/downstream/Road", *databases):
+            self.assertEqual(relay.request("GET", target)[0], 404, target)
+
+    def test_only_the_upstream_store_can_be_written(self):
+        for target in ("/FileStore/downstream/x.bin", "/FileStore/x.bin", "/FileStore/Upstream.sqlite", "/x.bin",
+                       "/QuarnelDatabase/x.bin", "/FileStore/upstream/../x.bin", "/FileStore/upstream/T/L/none/x.bin"):
+            self.assertIn(self.client.request("PUT", target, b"unasked")[0], (403, 404, 405), target)
+        self.assertEqual(list(self.agent.root.rglob("x.bin")), [])
+
+    def test_content_that_was_not_announced_is_deleted(self):
+        url = self.offer_upstream("announced.bin", b"evil").rsplit("/", 1)[0] + "/other.bin"
+        self.assertEqual(self.client.request("PUT", url, b"unasked")[0], 201)
+        self.wait_logged(f"CallbackThread: Received unregistered file, deleting {url}")
+        wait_until(lambda: not list(self.agent.data.rglob("other.bin")), 10, "the file is gone")
+
+    def test_offers_are_judged_by_the_callers_address(self):
+        """A stranger's offer is dropped with result 0; the parent may not name local files or other folders."""
+        before = self.relay.stored_files()
+        parent, stranger = (DigestClient(self.relay, address) for address in (self.agent.address, self.stranger))
+        self.assertEqual(self.offer(stranger)[0], 0)
+        self.assertIn(f"from a relay ({self.stranger}) which is not ours.", self.relay.log())
+        for values in ({"FileName": "../x"}, {"FileType": "O'Neill"}, {"FilePath": "/etc/passwd"}):
+            self.assertEqual(self.offer(parent, **values)[0], 1, values)
+        self.assertEqual(self.relay.stored_files(), before)
+
+    def test_only_good_archives_are_unpacked(self):
+        link = zipfile.ZipInfo(f"upstream/T/L/{CHECKSUM}/link")
+        link.external_attr = SYMLINK_MODE
+        link.create_system = 3
+        index = (INDEX, GOOD_INDEX % ("evil.bin", CHECKSUM, self.source))
+        good = (f"upstream/T/L/{CHECKSUM}/evil.bin", b"evil")
+        refused, extracted = "Failed to extract packedfile", "Refusing packedfile"
+        cases = {
+            "no archive": (None, refused),
+            "parent": ([index, ("../../../evil.bin", b"evil")], extracted),
+            "inner parent": ([index, ("upstream/T/L/../../../../evil.bin", b"evil")], extracted),
+            "absolute": ([index, (str(self.agent.root / "config" / "Agent.ini"), b"evil")], extracted),
+            "link": ([index, (link, "/etc/passwd")], refused),
+            "twice": ([index, good, good], refused),
+            "malformed index": ([(INDEX, "<Container><Value"), good], "does not contains required data."),
+            "index with a path": ([(INDEX, GOOD_INDEX % ("../../evil.bin", CHECKSUM, self.source)), good],
+                                  "Failed to process file ../../evil.bin"),
+        }
+        for case, (entries, logged) in cases.items():
+            with self.subTest(case):
+                self.log_begin = len(self.agent.log())
+                self.send_archive(f"{case}.zip", zip_of(entries) if entries else CONTENT)
+                self.wait_logged(logged)
+                self.assertEqual(self.untouchables(), self.before)
+                self.assertNotIn("evil.bin", self.collected_names())
+        self.send_archive("good.zip", zip_of([index, good]))
+        wait_until(lambda: "evil.bin" in self.collected_names(), 20, "the packed file is collected")
+        # The collected file is a change outside the upstream store, which tearDown would report.
+        self.before = self.untouchables()
+
+    def send_archive(self, name, content):
+        url = self.offer_upstream(name, content, "FileStorePackedFiles")
+        self.assertIn(self.client.request("PUT", url, content)[0], (201, 204))
+
+
+if __name__ == "__main__":
+    unittest.main()
