@@ -10,9 +10,9 @@
 #include "kel/file.h"
 #include "kel/format.h"
 #include "kel/path.h"
-#include "kel/regex.h"
 #include "kel/text.h"
 #include "kelcore/action_db.h"
+#include "kelcore/device_name.h"
 
 namespace filestore {
 
@@ -146,8 +146,8 @@ void WakeUpTarget(const NotificationRow& row, unsigned int error) {
         FileStore::debugFileStore.Trace("NotifyThread: Will not use WakeOnLan, not running\n");
         return;
     }
-    KelVector<KelString> parts;
-    if (!FindPcre("^(?:[^/]+/){2,2}([^/]+)/([^/]+)/([^/]+)", row.deviceGuid, parts)) {
+    const auto parts = SplitDevicePathName(row.deviceGuid);
+    if (!parts) {
         FileStore::debugFileStore.Trace("NotifyThread: Cannot use WakeOnLan, bad format (%S)\n",
                                         row.deviceGuid);
         return;
@@ -155,9 +155,9 @@ void WakeUpTarget(const NotificationRow& row, unsigned int error) {
     KelContainer call;
     call.SetInt32("WakeOnLanNumberOfRetry", 1);
     call.SetInt32("WakeOnLanRetryInterval", 60);
-    call.SetString("WakeOnLanDeviceIPAddr", parts[2]);
-    call.SetString("WakeOnLanDeviceNetworkMask", parts[3]);
-    call.SetString("WakeOnLanDeviceMACAddr", parts[1]);
+    call.SetString("WakeOnLanDeviceIPAddr", parts->ipAddress);
+    call.SetString("WakeOnLanDeviceNetworkMask", parts->networkMask);
+    call.SetString("WakeOnLanDeviceMACAddr", parts->macAddress);
     ActionDbInvokeContainer(nullptr, "", "WakeOnLanWakeUp", call, 0, -1, -1, nullptr);
 }
 

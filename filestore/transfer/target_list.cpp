@@ -5,9 +5,9 @@
 #include "filestore/db/schema.h"
 #include "filestore/module/file_store.h"
 #include "kel/format.h"
-#include "kel/regex.h"
 #include "kel/text.h"
 #include "kelcore/action_db.h"
+#include "kelcore/device_name.h"
 
 namespace filestore {
 
@@ -34,19 +34,18 @@ bool Remember(const KelString& guid, const WOLEntryType& entry) {
 }
 
 void AnnounceSubnet(const KelString& pathName) {
-    KelVector<KelString> parts;
-    if (!ActionDbIsActionRegistered("WakeOnLanAddSubnet") ||
-        !FindPcre("^[^:]+:([0-9]+)/([^/]+)/[^/]+/([^/]+)/([^/]+)", pathName, parts))
-        return;
-    const auto address = IpAddress::Parse(parts[3]);
-    const auto mask = IpAddress::Parse(parts[4]);
-    const auto port = ParseUint64(parts[1]);
+    if (!ActionDbIsActionRegistered("WakeOnLanAddSubnet")) return;
+    const auto parts = SplitDevicePathName(pathName);
+    if (!parts || parts->host.empty()) return;
+    const auto address = IpAddress::Parse(parts->ipAddress);
+    const auto mask = IpAddress::Parse(parts->networkMask);
+    const auto port = ParseUint64(parts->port);
     if (!address || !mask || !port || *port > 65535) return;
     const WOLEntryType entry = {address->Value(), mask->Value(), static_cast<std::uint32_t>(*port)};
-    if (!Remember(parts[2], entry)) return;
+    if (!Remember(parts->guid, entry)) return;
 
     KelContainer call;
-    call.SetString("WakeOnLanAgentGuid", parts[2]);
+    call.SetString("WakeOnLanAgentGuid", parts->guid);
     call.SetInt32("WakeOnLanDeviceIPAddr", static_cast<std::int32_t>(entry.ipAddress));
     call.SetInt32("WakeOnLanDeviceAgentPort", static_cast<std::int32_t>(entry.agentPort));
     call.SetInt32("WakeOnLanDeviceNetworkMask", static_cast<std::int32_t>(entry.networkMask));

@@ -1,7 +1,8 @@
+#include <regex>
+
 #include "filestore/transfer_fixture.h"
 #include "kel/checksum.h"
 #include "kel/file.h"
-#include "kel/regex.h"
 
 using namespace filestore;
 
@@ -108,8 +109,7 @@ TEST_F(ReceiveFileTest, OwnAddressMayNameLocalPaths) {
 TEST_F(ReceiveFileTest, MissingNameIsMadeUpAndNamedSourceBecomesThisDevice) {
     Accept(Offer(),
            {{"FileName", ""}, {"SourceDevice", "whatever"}, {"CopyPath", MakeFile("source", "abc")}});
-    KelVector<KelString> captures;
-    EXPECT_TRUE(FindPcre("^device7_[0-9]+_[0-9]{10}$", OnlyRow(false).FileName, captures));
+    EXPECT_TRUE(std::regex_match(OnlyRow(false).FileName, std::regex("device7_[0-9]+_[0-9]{10}")));
     EXPECT_EQ(OnlyRow(false).SourceDevice, kOwnUrl);
 }
 

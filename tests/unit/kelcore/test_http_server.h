@@ -5,13 +5,13 @@
 
 #include <list>
 #include <mutex>
+#include <regex>
 #include <sstream>
 #include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "kel/regex.h"
 #include "kel/text.h"
 #include "kel/unique_fd.h"
 
@@ -24,8 +24,9 @@ struct SeenRequest {
     int connection = 0;  ///< counts accepted connections from 1
 
     std::string Header(const std::string& name) const {
-        KelVector<KelString> captures;
-        return FindPcre("\r\n(?i:" + name + "): *([^\r]*)", head, captures) ? captures[1] : "";
+        const std::regex line("\r\n" + name + ": *([^\r]*)", std::regex::icase);
+        std::smatch found;
+        return std::regex_search(head, found, line) ? found.str(1) : "";
     }
 };
 
