@@ -3,15 +3,16 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 
+#include <regex>
 #include <sstream>
 #include <stdexcept>
 
-#include "kel/regex.h"
 #include "kel/text.h"
 
 std::string TestHttpServer::Request::Header(const std::string& name) const {
-    KelVector<KelString> captures;
-    return FindPcre("\r\n(?i:" + name + "): *([^\r]*)", head, captures) ? captures[1] : "";
+    std::smatch match;
+    const std::regex line("\r\n" + name + ": *([^\r]*)", std::regex::icase);
+    return std::regex_search(head, match, line) ? match[1].str() : "";
 }
 
 KelContainer TestHttpServer::Request::Arguments() const {
@@ -116,9 +117,10 @@ TestHttpServer::Script TestHttpServer::ActionScript(unsigned int result, const K
 
 TestHttpServer::Script TestHttpServer::FileScript(std::string content) {
     return [content = std::move(content)](const Request& request) -> Answer {
-        KelVector<KelString> range;
-        if (!FindPcre("^bytes=([0-9]+)-$", request.Header("range"), range)) return {200, "", content};
-        const std::uint64_t offset = ParseUint64(range[1]).value_or(0);
+        const std::string header = request.Header("range");
+        std::smatch range;
+        if (!std::regex_match(header, range, std::regex("bytes=([0-9]+)-"))) return {200, "", content};
+        const std::uint64_t offset = ParseUint64(range[1].str()).value_or(0);
         if (offset >= content.size()) return {416};
         const std::string size = std::to_string(content.size());
         const std::string last = std::to_string(content.size() - 1);

@@ -1,5 +1,6 @@
+#include <regex>
+
 #include "filestore/file_store_fixture.h"
-#include "kel/regex.h"
 
 namespace {
 
@@ -85,8 +86,7 @@ TEST_F(ReceiveFileTest, AbsentAndFixedValuesAreFilledIn) {
     const KelString source = MakeFile("source", "abc");
     Accept(From(Offer("t", ""), "127.0.0.1"),
            {{"FileName", ""}, {"SourceDevice", "whatever"}, {"CopyPath", source}});
-    KelVector<KelString> captures;
-    EXPECT_TRUE(FindPcre("^device7_[0-9]+_[0-9]{10}$", OnlyFields(kDown, "FileName"), captures));
+    EXPECT_TRUE(std::regex_match(OnlyFields(kDown, "FileName"), std::regex("device7_[0-9]+_[0-9]{10}")));
     EXPECT_EQ(OnlyFields(kDown, "SourceDevice, FileChecksum"), KelString(kOwnUrl) + "|" + TextMd5("abc"));
     for (const char* type : {"IdentityIdentity", "OperationalRuleSyncInfo", "OperationalRuleStatus",
                              "PatchConfiguration", "t"}) {

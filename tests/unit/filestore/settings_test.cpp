@@ -1,9 +1,10 @@
 #include <algorithm>
+#include <regex>
 #include <sstream>
 
 #include "filestore/file_store_fixture.h"
 #include "filestore/state/settings.h"
-#include "kel/regex.h"
+#include "kelcore/error_codes.h"
 
 namespace {
 
@@ -41,9 +42,9 @@ TEST_F(Settings, CommentsOfTheShippedFileNameTheDefaults) {
     int count = 0;
     std::istringstream shipped(TempFolder::Read(KEL_SOURCE_DIR "/filestore/FileStore.ini"));
     for (KelString line; std::getline(shipped, line);) {
-        KelVector<KelString> parts;
-        if (FindPcre("^\\[(.*)\\]", line, parts)) section = parts[1];
-        if (!FindPcre("^;([A-Za-z]+)=(.*)", line, parts)) continue;
+        std::smatch parts;
+        if (std::regex_match(line, parts, std::regex("\\[(.*)\\].*"))) section = parts[1];
+        if (!std::regex_match(line, parts, std::regex(";([A-Za-z]+)=(.*)"))) continue;
         SetIni(section, parts[1], parts[2]);
         ++count;
     }

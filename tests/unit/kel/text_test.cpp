@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include "kel/base64.h"
-#include "kel/regex.h"
 
 namespace {
 
@@ -76,24 +75,6 @@ TEST(Base64, RoundTripAndRefusals) {
     }
     for (const char* bad : {"Z", "Zg=", "Zg", "Zh==", "Zg==Zg==", "Z===", "====", "Zm9\n", "Zm 8"})
         EXPECT_FALSE(Base64Decode(bad)) << bad;
-}
-
-TEST(Regex, CapturesAndFailures) {
-    Pieces captures;
-    ASSERT_TRUE(FindPcre("(\\d+)-(x)?(.)", "a 12-\xC3\xA4!", captures));
-    EXPECT_EQ(captures, (Pieces{"12-\xC3\xA4", "12", "", "\xC3\xA4"}));
-    ASSERT_TRUE(FindPcre("(a)|(b)", "a", captures));
-    EXPECT_EQ(captures, (Pieces{"a", "a", ""})) << "groups behind the last that took part count too";
-    ASSERT_TRUE(FindPcre("a.*", captures[0], captures)) << "the text may be a former capture";
-    EXPECT_EQ(captures, (Pieces{"a"}));
-    EXPECT_TRUE(FindPcre("b$", "\xFF\xFE b", captures)) << "ill-formed text is searched";
-
-    const Pieces before = captures;
-    EXPECT_FALSE(FindPcre("x", "abc", captures));
-    EXPECT_FALSE(FindPcre("(", "(", captures));
-    EXPECT_FALSE(FindPcre("(", "(", captures)) << "also from the kept patterns";
-    EXPECT_FALSE(FindPcre("^(a+)+$", KelString(64, 'a') + "!", captures)) << "a search without end gives up";
-    EXPECT_EQ(captures, before);
 }
 
 }  // namespace

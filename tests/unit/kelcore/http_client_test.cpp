@@ -6,11 +6,11 @@
 #include <filesystem>
 #include <memory>
 #include <optional>
+#include <regex>
 #include <thread>
 
 #include "fake_bandwidth_manager.h"
 #include "kel/checksum.h"
-#include "kel/regex.h"
 #include "kel/temp_folder.h"
 #include "test_http_server.h"
 
@@ -325,8 +325,9 @@ class HttpDigestTest : public HttpClientTest {
         return {200, "", "welcome"};
     }
     static std::string Field(const std::string& header, const std::string& name) {
-        KelVector<KelString> captures;
-        return FindPcre("[ ,]" + name + "=\"?([^\",]*)", header, captures) ? captures[1] : "";
+        std::smatch found;
+        return std::regex_search(header, found, std::regex("[ ,]" + name + "=\"?([^\",]*)")) ? found.str(1)
+                                                                                             : "";
     }
     static bool IsRight(const TestHttpServer::Request& request, const std::string& given) {
         std::string text = TextSha256("agent:kel:se cret");
