@@ -1,9 +1,16 @@
 #pragma once
 
+#include <cstdint>
+#include <limits>
+
 #include "filestore/db/file_key.h"
+#include "kel/format.h"
 #include "kel/mutex.h"
 #include "kelcore/db/connection.h"
+#include "kelcore/db/result.h"
 #include "kelcore/db/sequence_manager.h"
+
+// What the tables share: the open databases, and reading and writing the pieces of statements.
 
 /// What belongs to one of the module's databases.
 struct FileStoreDatabase {
@@ -16,3 +23,46 @@ struct FileStoreDatabase {
 // connections live, in state/databases.cpp.
 FileStoreDatabase FileStoreGetDatabase(Side side);
 FileStoreDatabase FileStoreGetCallbackDatabase();
+
+namespace filestore {
+
+/// Reads the cells of one row from left to right, in the order in which a statement names its columns.
+class RowReader {
+  public:
+    RowReader(const DBResult& result, std::size_t row) : result_(result), row_(row) {}
+
+    const KelString& Text() { return result_.GetString(row_, column_++); }
+    std::int64_t Number() { return result_.GetInt64(row_, column_++); }
+    std::uint64_t Unsigned() { return static_cast<std::uint64_t>(Number()); }
+    /// 0 for a number that does not fit.
+    std::uint32_t Unsigned32() {
+        const std::int64_t number = Number();
+        return number >= 0 && number <= std::numeric_limits<std::uint32_t>::max()
+                   ? static_cast<std::uint32_t>(number)
+                   : 0;
+    }
+    bool Flag() { return Number() != 0; }
+
+  private:
+    const DBResult& result_;
+    std::size_t row_;
+    std::size_t column_ = 0;
+};
+
+/// Row identifiers as the text of an SQL list.
+class IdList {
+  public:
+    void Add(std::uint64_t id) {
+        text_ += KelFormat("%s%gu", text_.empty() ? "" : ", ", id);
+        ++count_;
+    }
+    bool IsEmpty() const { return count_ == 0; }
+    std::size_t Count() const { return count_; }
+    const KelString& Text() const { return text_; }
+
+  private:
+    KelString text_;
+    std::size_t count_ = 0;
+};
+
+}  // namespace filestore

@@ -5,7 +5,6 @@
 
 #include "filestore/db/database.h"
 #include "filestore/db/file_status.h"
-#include "filestore/db/row_reader.h"
 #include "kel/format.h"
 
 using namespace filestore;

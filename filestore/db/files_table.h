@@ -3,9 +3,9 @@
 #include <cstdint>
 #include <optional>
 
+#include "filestore/db/database.h"
 #include "filestore/db/file_key.h"
 #include "filestore/db/file_store_entry.h"
-#include "filestore/db/id_list.h"
 
 /// The table Files of the two databases: finding rows, changing them, removing them. files_selection.h holds
 /// the selections of the workers and actions.

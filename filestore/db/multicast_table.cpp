@@ -1,7 +1,6 @@
 #include "filestore/db/multicast_table.h"
 
 #include "filestore/db/database.h"
-#include "filestore/db/row_reader.h"
 
 namespace filestore {
 

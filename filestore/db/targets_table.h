@@ -3,8 +3,8 @@
 #include <cstdint>
 #include <optional>
 
+#include "filestore/db/database.h"
 #include "filestore/db/file_store_entry.h"
-#include "filestore/db/id_list.h"
 
 namespace filestore {
 class RowReader;

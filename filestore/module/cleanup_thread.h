@@ -2,11 +2,12 @@
 
 #include "filestore/state/worker_loop.h"
 
-/// Removes delivered and out-of-date files, targets and packages.
+/// The worker that would remove delivered and outdated files, targets and packages. It has no work yet: a
+/// store keeps what it has received.
 class FileStoreDeleteThread : public FileThreadBase {
   public:
-    FileStoreDeleteThread();
+    FileStoreDeleteThread() : FileThreadBase("FileStore", "QueueGap", 30) {}
 
   protected:
-    bool DoWork() override;
+    bool DoWork() override { return false; }
 };

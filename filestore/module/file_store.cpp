@@ -6,7 +6,6 @@
 #include "filestore/down/notify_thread.h"
 #include "filestore/down/pull_thread.h"
 #include "filestore/module/cleanup_thread.h"
-#include "filestore/module/workers.h"
 #include "filestore/state/bandwidth_manager.h"
 #include "filestore/up/callback_thread.h"
 #include "filestore/up/handle_thread.h"
@@ -105,7 +104,7 @@ FileStoreCallbackThread FileStore::threadCallback;
 FileStoreHandleThread FileStore::threadHandler;
 FileStoreMulticastThread FileStore::threadMulticast;
 
-std::span<FileThreadBase* const> filestore::Workers() {
+std::span<FileThreadBase* const> FileStore::Workers() {
     static const std::array<FileThreadBase*, 7> workers = {
         &FileStore::threadDelete,   &FileStore::threadPush,     &FileStore::threadPull,
         &FileStore::threadNotify,   &FileStore::threadCallback, &FileStore::threadHandler,
@@ -114,5 +113,5 @@ std::span<FileThreadBase* const> filestore::Workers() {
 }
 
 void FileStore::WakeWorker(Worker worker, unsigned long reason) {
-    filestore::Workers()[static_cast<std::size_t>(worker)]->WakeUp(reason);
+    Workers()[static_cast<std::size_t>(worker)]->WakeUp(reason);
 }

@@ -2,11 +2,11 @@
 #include "filestore/down/multicast_thread.h"
 #include "filestore/module/action_gate.h"
 #include "filestore/module/http_aliases.h"
-#include "filestore/module/workers.h"
 #include "filestore/state/bandwidth_manager.h"
 #include "filestore/state/device.h"
 #include "filestore/state/file_store.h"
 #include "filestore/state/settings.h"
+#include "filestore/state/worker_loop.h"
 #include "filestore/up/callback_thread.h"
 #include "filestore/up/push_thread.h"
 #include "filestore/up/upload_repair.h"
@@ -53,7 +53,7 @@ void DetermineRole() {
 
 void StartWorkers() {
     FileStore::threadCallback.LoadSqlList();
-    for (FileThreadBase* worker : Workers()) {
+    for (FileThreadBase* worker : FileStore::Workers()) {
         // A restart has ended every multicast transfer: files that waited for one are asked for again, before
         // the multicast thread looks for work.
         if (worker == &FileStore::threadMulticast) ResetAllMulticast();
@@ -62,7 +62,7 @@ void StartWorkers() {
 }
 
 void StopWorkers() {
-    for (FileThreadBase* worker : Workers()) {
+    for (FileThreadBase* worker : FileStore::Workers()) {
         worker->Cancel(0, false);
         worker->Join();
     }

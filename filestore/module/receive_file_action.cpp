@@ -1,3 +1,4 @@
+#include "filestore/down/acknowledge.h"
 #include "filestore/down/receive_offer.h"
 #include "filestore/exchange/offer.h"
 #include "filestore/packages/package_orders.h"
@@ -47,10 +48,7 @@ void AcknowledgeToParent(const FileKey& key) {
     KelString url, parentGuid;
     FileStore::GetRelayUrl(url, parentGuid);
     if (url.empty()) return;  // the parent repeats the order, which is then acknowledged
-    KelContainer call;
-    key.Write(call);
-    call.SetString(kValueDeviceGuid, OurDeviceUrl());
-    if (const unsigned int error = CallDevice(url, "FileStoreAcknowledgeFile", call); error != kKelOk)
+    if (const unsigned int error = SendAcknowledgement(url, key, OurDeviceUrl()); error != kKelOk)
         FileStore::debugFileStore.Warning(
             "The parent did not take the acknowledgement of %S, error %u; it will repeat the order\n",
             key.Text(), error);

@@ -3,6 +3,7 @@
 #include <atomic>
 #include <cstdint>
 #include <memory>
+#include <span>
 
 #include "kel/debug.h"
 #include "kel/ip_address.h"
@@ -20,6 +21,7 @@ class FileStoreMulticastThread;
 class FileStoreNotifyThread;
 class FileStorePullThread;
 class FileStorePushThread;
+class FileThreadBase;
 class KelContainer;
 struct FileKey;
 enum class Side : unsigned char;
@@ -48,6 +50,8 @@ class FileStore {
     /// Ends the wait of a worker, so that it looks for work at once; no effect on one that does not run. From
     /// any thread. `reason` is only for the log. (module/file_store.cpp)
     static void WakeWorker(Worker worker, unsigned long reason = 0);
+    /// The threads in the order of the enumeration Worker.
+    static std::span<FileThreadBase* const> Workers();
 
     // ---- configuration (state/settings.cpp)
     static void ReadSettings();      ///< all settings but PerformVacuum

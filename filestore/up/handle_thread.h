@@ -12,7 +12,7 @@ class FileStoreHandleThread : public FileThreadBase {
   public:
     FileStoreHandleThread();
 
-    /// Asks the consumers for one missing file; true when the step should look for more. (local_request.cpp)
+    /// Asks the consumers for one missing file; true when the step should look for more.
     bool LocalRequestFile(Side side);
 
     /// Hands over a batch of files; true when there were any.

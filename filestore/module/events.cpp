@@ -1,0 +1,65 @@
+#include "filestore/db/files_table.h"
+#include "filestore/down/multicast_reception.h"
+#include "filestore/state/device.h"
+#include "filestore/state/file_store.h"
+#include "filestore/up/callback_thread.h"
+#include "kel/container.h"
+#include "kel/text.h"
+#include "kelcore/call_origin.h"
+#include "kelcore/error_codes.h"
+
+using namespace filestore;
+
+// Handlers of the events that the module subscribes to, except that of the transfer windows
+// (state/transfer_windows.cpp).
+
+namespace {
+
+constexpr unsigned long kPutArrived = 5;  ///< shows in the log what woke the callback thread
+
+}  // namespace
+
+/// The HTTP server reports a file that has arrived whole: by PUT from a child, or by multicast.
+unsigned int FileStore::ActionHandler_FileStoreHttpPutCallback(KelContainer* arguments) {
+    const KelString url = arguments->GetString("URL");
+    // The report names local paths: only this device's HTTP server may make it.
+    if (!ActionIsFromThisDevice(*arguments) || url.empty() || HasControlCharacter(url)) {
+        debugFileStore.Warning("Refusing a report of a received file from '%S': URL '%S'\n",
+                               ActionRequestAddress(*arguments), url);
+        return kKelOk;
+    }
+    debugFileStore.Print("Received callback for %S\n", url);
+    if (!arguments->GetString("MulticastAddress").empty()) {
+        ReceiveMulticastFile(url, arguments->GetString("LocalPath"));
+        return kKelOk;
+    }
+    FileStoreCallbackThread::Enqueue(url);
+    WakeWorker(Worker::Callback, kPutArrived);
+    return kKelOk;
+}
+
+unsigned int FileStore::ActionHandler_FileStoreGUIDCallback(KelContainer* arguments) {
+    const KelString guid = arguments->GetString("GUID");
+    if (!ActionIsFromThisDevice(*arguments) || !IsUsableGuid(guid)) {
+        debugFileStore.Warning("Refused to take over the GUID '%S'\n", guid);
+        return kKelErrorBadInput;
+    }
+    if (!AdoptGuid(guid)) {
+        debugFileStore.Detail("GUID has not really changed\n");
+        return kKelOk;
+    }
+    debugFileStore.Print("Received new GUID %S\n", guid);
+    SetMissingSourceDevices(OurDeviceUrl());
+    return kKelOk;
+}
+
+unsigned int FileStore::ActionHandler_FileStoreIPCallback(KelContainer* arguments) {
+    const KelString address = arguments->GetString("NewIPAddress");
+    if (!ActionIsFromThisDevice(*arguments) || !IpAddress::Parse(address)) {
+        debugFileStore.Warning("Refused to take over the IP address '%S'\n", address);
+        return kKelErrorBadInput;
+    }
+    const KelLock lock(mutexGUID);
+    strOurIPAddress = address;
+    return kKelOk;
+}
