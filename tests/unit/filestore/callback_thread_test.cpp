@@ -2,11 +2,11 @@
 #include "filestore/file_store_fixture.h"
 #include "filestore/up/upload_repair.h"
 #include "kelcore/archive.h"
+#include "read_zip.h"
 
 namespace {
 
-class CallbackThreadTest : public StoreTest {
-  protected:
+struct CallbackThreadTest : StoreTest {
     static constexpr const char* kUrl = "/FileStore/upstream/t/l/c/it's";
 
     /// Reports a PUT the way the HTTP module does.
@@ -127,12 +127,10 @@ TEST_F(CallbackThreadTest, PackageOfAnotherRelayIsRejectedByItsKind) {
     }
 }
 
-class PackedUploadTest : public CallbackThreadTest {
-  protected:
-    void SetUp() override {
-        CallbackThreadTest::SetUp();
+struct PackedUploadTest : CallbackThreadTest {
+    PackedUploadTest() {
         Fake("CoreUtilsExtractFile ()", [](KelContainer& call) {
-            for (const auto& [name, content] : ArchiveContent(call.GetString("FilePath")))
+            for (const auto& [name, content] : ReadZip(call.GetString("FilePath")))
                 WriteFile(call.GetString("DestinationPath") + "/" + name, content);
             return 0U;
         });
@@ -143,8 +141,8 @@ class PackedUploadTest : public CallbackThreadTest {
                               {"FilePath", "/etc/passwd"},  // a child names no path of this device
                               {"FileSize", size}});
     }
-    /// An archive put by a child: its index (none when null), and these files beside it.
-    std::uint64_t PutArchive(const KelContainer* index, const Texts& entries) {
+    /// An archive put by a child: its index (none when null), and these files beside it. Its path.
+    KelString PutArchive(const KelContainer* index, const Texts& entries) {
         const KelString made = Root() + "/made.zip";
         GenericArchive archive(kArchiveZip);
         archive.Create(made);
@@ -153,17 +151,16 @@ class PackedUploadTest : public CallbackThreadTest {
         for (const KelString& entry : entries)
             archive.AddEntry(entry, MakeFile(entry, entry.substr(entry.rfind('/') + 1)), 6);
         EXPECT_EQ(archive.Close(), kArchiveDone);
-        const std::uint64_t fileId = Put("FileType = 'FileStorePackedFiles'");
-        WriteFile(Load(kUp, fileId).FilePath, Content(made));
-        return fileId;
+        const KelString path = Load(kUp, Put("FileType = 'FileStorePackedFiles'")).FilePath;
+        WriteFile(path, Content(made));
+        return path;
     }
     KelContainer index_ = Make({{"PackedFile", Record("a", 1)}});
 };
 
 TEST_F(PackedUploadTest, FilesBecomeRowsAndTheArchiveGoes) {
     index_.SetContainer("PackedFile", Record("b's", 3), 1);
-    const KelString archive =
-        Load(kUp, PutArchive(&index_, {"upstream/t/l/c/a", "upstream/t/l/c/b's"})).FilePath;
+    const KelString archive = PutArchive(&index_, {"upstream/t/l/c/a", "upstream/t/l/c/b's"});
     callbacks_.ReceiveFile(kUrl);
     EXPECT_FALSE(FileExists(archive));
     const KelString rest = KelString("|TOBEUPLOADED|") + kChild;
@@ -190,8 +187,7 @@ TEST_F(PackedUploadTest, ArchiveThatCannotBeUsedLeavesNoRows) {
         const auto trace = Begin(name);
         if (name == "extraction fails") FakeResult("CoreUtilsExtractFile ()", 16003);
         const std::size_t callsBefore = CallsOf("CoreUtilsExtractFile").size();
-        const std::uint64_t fileId = PutArchive(index, {"upstream/t/l/c/a", entry});
-        const KelString archive = Load(kUp, fileId).FilePath;
+        const KelString archive = PutArchive(index, {"upstream/t/l/c/a", entry});
         callbacks_.ReceiveFile(kUrl);
         EXPECT_EQ(CallsOf("CoreUtilsExtractFile").size() - callsBefore, extractions);
         EXPECT_EQ(Rows(kUp, "SELECT FileStatus FROM Files"), stays ? Texts{"RECEIVING"} : Texts{});

@@ -3,8 +3,7 @@
 
 namespace {
 
-class FileQueries : public FileStoreTest {
-  protected:
+struct FileQueries : FileStoreTest {
     FileQueries() { Initialise(); }
 
     static void AddThree() {
@@ -119,9 +118,9 @@ TEST_F(FileQueries, PackageListGoesUpstreamOnceInAWhile) {
     EXPECT_FALSE(synchronise(false));
     EXPECT_TRUE(synchronise(true));
     EXPECT_TRUE(synchronise(true));  // too soon
-    EXPECT_EQ(
-        Read(OnlyCallOf("FileStoreReceiveFile"), "FileType FileLabel FileName FileChecksum Bypass Upstream"),
-        "PackageSyncInfo|PackageSyncInfo|||false|true");
+    const KelContainer call = OnlyCallOf("FileStoreReceiveFile");
+    EXPECT_EQ(FileKey::Read(call), (FileKey{"PackageSyncInfo", "PackageSyncInfo", "", ""}));
+    EXPECT_EQ(Read(call, "Bypass Upstream"), "false|true");
     EXPECT_EQ(sent.Count("FileName"), 2U);
     EXPECT_EQ(sent.GetString("FileName", "", 1), "p2");
     EXPECT_TRUE(DirList(FileStore::strModuleDataPath + "/Temp").empty());  // refused: nothing is left behind

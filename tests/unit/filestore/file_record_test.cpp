@@ -3,8 +3,7 @@
 
 namespace {
 
-class FileRecord : public FileStoreTest {
-  protected:
+struct FileRecord : FileStoreTest {
     FileRecord() { Initialise(); }
 };
 

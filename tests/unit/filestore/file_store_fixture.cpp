@@ -1,12 +1,9 @@
 #include "filestore/file_store_fixture.h"
 
-#include <zip.h>
-
 #include <filesystem>
 #include <map>
 #include <mutex>
 #include <regex>
-#include <stdexcept>
 
 #include "kel/ini_file.h"
 #include "kel/path.h"
@@ -297,23 +294,6 @@ KelString FileStoreTest::Content(const KelString& path) {
     return text ? *text : KelString("(none)");
 }
 
-KelVector<std::pair<KelString, KelString>> FileStoreTest::ArchiveContent(const KelString& path) {
-    const std::unique_ptr<zip, void (*)(zip*)> archive(zip_open(path.c_str(), ZIP_CHECKCONS, nullptr),
-                                                       zip_discard);
-    if (!archive) throw std::runtime_error("no archive " + path);
-    KelVector<std::pair<KelString, KelString>> entries;
-    for (zip_int64_t i = 0; i < zip_get_num_entries(archive.get(), 0); ++i) {
-        const std::unique_ptr<zip_file_t, int (*)(zip_file_t*)> file(
-            zip_fopen_index(archive.get(), static_cast<zip_uint64_t>(i), 0), zip_fclose);
-        KelString content(1 << 20, '\0');  // more than any test packs
-        const zip_int64_t size = file ? zip_fread(file.get(), content.data(), content.size()) : -1;
-        if (size < 0) throw std::runtime_error("damaged archive " + path);
-        content.resize(static_cast<std::size_t>(size));
-        entries.emplace_back(zip_get_name(archive.get(), static_cast<zip_uint64_t>(i), 0), content);
-    }
-    return entries;
-}
-
 KelString FileStoreTest::Everything() const {
     KelString text;
     for (const auto& [side, table] : {std::pair(kDown, "Files"), {kDown, "Targets"}, {kUp, "Files"}})
@@ -343,35 +323,37 @@ void StoreTest::SetParent(const KelString& name, std::uint16_t port) {
     relayValues = With(relayValues, {{"ParentName", name}, {"ParentPort", port}, {"ParentSync", true}});
 }
 
-void StoreTest::AnswerAsParent(ScriptedServer::Script script) {
-    parent_ = std::make_unique<ScriptedServer>(std::move(script));
+void StoreTest::AnswerAsParent(TestHttpServer::Script script) {
+    parent_ = std::make_unique<TestHttpServer>(std::move(script));
     SetParent("127.0.1.1", parent_->Port());
 }
 
 void StoreTest::AnswerAsParent(unsigned int result, const KelContainer& values) {
-    AnswerAsParent(ScriptedServer::ActionScript(result, values));
+    AnswerAsParent(TestHttpServer::ActionScript(result, values));
 }
 
 void StoreTest::AcceptAll() {
-    AnswerAsParent([](const ScriptedServer::Request& request) -> ScriptedServer::Answer {
+    AnswerAsParent([](const TestHttpServer::Request& request) -> TestHttpServer::Answer {
         if (request.method == "PUT") return {201};
         const KelString name = request.Arguments().GetString("FileName");
-        return ScriptedServer::ActionResult(0, Make({{"FileURL", "/FileStore/upstream/" + name}}));
+        return TestHttpServer::ActionResult(0, Make({{"FileURL", "/FileStore/upstream/" + name}}));
     });
 }
 
-FileStoreTest::Texts StoreTest::OfferedNames() const {
+FileStoreTest::Texts StoreTest::RequestedNames(const KelString& method) const {
     Texts names;
     for (const auto& request : parent_->Requests())
-        if (request.method == "POST") names.push_back(request.Arguments().GetString("FileName"));
+        if (method.empty() || request.method == method)
+            names.push_back(request.method == "POST" ? request.Arguments().GetString("FileName")
+                                                     : request.target.substr(request.target.rfind('/') + 1));
     return names;
 }
 
-KelContainer StoreTest::OnlyCallTo(const ScriptedServer& server, const KelString& action) {
+KelContainer StoreTest::OnlyCallTo(const TestHttpServer& server, const KelString& action) {
     const auto requests = server.Requests();
     EXPECT_EQ(requests.size(), 1U);
     if (requests.empty()) return {};
-    EXPECT_EQ(requests.front().path, "/Action/" + action);
+    EXPECT_EQ(requests.front().target, "/Action/" + action);
     return requests.front().Arguments();
 }
 

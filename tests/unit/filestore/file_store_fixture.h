@@ -13,7 +13,6 @@
 #include "filestore/db/database.h"
 #include "filestore/db/file_status.h"
 #include "filestore/db/file_store_entry.h"
-#include "filestore/scripted_server.h"
 #include "filestore/state/bandwidth_manager.h"
 #include "filestore/state/file_store.h"
 #include "kel/checksum.h"
@@ -26,6 +25,7 @@
 #include "kelcore/error_codes.h"
 #include "kelcore/module.h"
 #include "kept_log.h"
+#include "test_http_server.h"
 
 inline constexpr Side kDown = Side::Downstream, kUp = Side::Upstream;
 
@@ -150,8 +150,6 @@ class FileStoreTest : public ::testing::Test {
     static KelString PathOf(Side side, const FileStoreEntry& entry) {
         return FileStore::StorePath(side, entry.Key());
     }
-    /// Names and contents of a zip archive's entries, in their order; throws when it is damaged.
-    static KelVector<std::pair<KelString, KelString>> ArchiveContent(const KelString& path);
     /// All rows and all files below the root, to see that nothing changed.
     KelString Everything() const;
 
@@ -200,15 +198,15 @@ class StoreTest : public FileStoreTest {
 
     // ---- the parent
     void SetParent(const KelString& name, std::uint16_t port);
-    void AnswerAsParent(ScriptedServer::Script script);
+    void AnswerAsParent(TestHttpServer::Script script);
     void AnswerAsParent(unsigned int result, const KelContainer& values = {});
     /// A parent that accepts every offer and every PUT.
     void AcceptAll();
-    const ScriptedServer& Parent() const { return *parent_; }
-    /// FileName of every call.
-    Texts OfferedNames() const;
+    const TestHttpServer& Parent() const { return *parent_; }
+    /// The names of the files in all requests, or in those of one method.
+    Texts RequestedNames(const KelString& method = "") const;
     /// The arguments of the only call of a server, which must be of this action.
-    static KelContainer OnlyCallTo(const ScriptedServer& server, const KelString& action);
+    static KelContainer OnlyCallTo(const TestHttpServer& server, const KelString& action);
 
     /// What AddFile does, with content, which is the name, in the store (an external file: at FilePath) and
     /// its place, size and a source device in the row.
@@ -225,5 +223,5 @@ class StoreTest : public FileStoreTest {
     static void CloseWindow(FileStoreBandwidthManager& manager) { LimitWindow(manager, "0"); }
 
   private:
-    std::unique_ptr<ScriptedServer> parent_;
+    std::unique_ptr<TestHttpServer> parent_;
 };

@@ -3,11 +3,9 @@
 
 namespace {
 
-class HandleThreadTest : public StoreTest {
-  protected:
+struct HandleThreadTest : StoreTest {
     /// The consumers answer with the number that a file's name begins with.
-    void SetUp() override {
-        StoreTest::SetUp();
+    HandleThreadTest() {
         Fake("TestConsume ()", [](KelContainer& call) {
             return static_cast<unsigned int>(std::atoi(call.GetString("FileName").c_str()));
         });
@@ -17,11 +15,11 @@ class HandleThreadTest : public StoreTest {
         return AddStored(side, name, "TOBEHANDLED", set);
     }
     /// A package that a relay administrated by this device has sent.
-    static std::uint64_t ArrivedPackage() {
+    static FileStoreEntry ArrivedPackage() {
         const KelContainer info = Make({{"AdministratedRelayGUID", kGuid}, {"AdministratedRelayID", 12}});
-        return Arrived(kUp, "package",
-                       KelFormat("FileType = 'PackagerZIPPackage', FileChecksum = '%S', %S",
-                                 TextMd5("package"), SetInfo(info)));
+        return Load(kUp, Arrived(kUp, "package",
+                                 KelFormat("FileType = 'PackagerZIPPackage', FileChecksum = '%S', %S",
+                                           TextMd5("package"), SetInfo(info))));
     }
 
     Exposed<FileStoreHandleThread> handler_;
@@ -31,20 +29,19 @@ class HandleThreadTest : public StoreTest {
 TEST_F(HandleThreadTest, AnswerDecidesWhereAFileGoes) {
     const auto receiver = Consume("FileStoreCallbackReceivedFile", "TestConsume ()");
     for (const auto& [side, name, status] :
-         Table<Side, const char*, const char*>{{kUp, "44001", "TOBEHANDLED"},
-                                               {kUp, "44003", "AVAILABLE"},
-                                               {kUp, "0", "TOBEUPLOADED"},
-                                               {kUp, "18", "TOBEUPLOADED"},
-                                               {kDown, "44001", "TOBEHANDLED"},
-                                               {kDown, "44003", "AVAILABLE"},
-                                               {kDown, "0", "AVAILABLE"}}) {
+         Table<Side, const char*, const char*>{{kUp, "44001", "TOBEHANDLED|now"},
+                                               {kUp, "44003", "AVAILABLE|0"},
+                                               {kUp, "0", "TOBEUPLOADED|0"},
+                                               {kUp, "18", "TOBEUPLOADED|0"},
+                                               {kDown, "44001", "TOBEHANDLED|now"},
+                                               {kDown, "44003", "AVAILABLE|0"},
+                                               {kDown, "0", "AVAILABLE|0"}}) {
         const auto trace = Begin(KelFormat("%s %s", name, filestore::SideName(side)));
-        const std::uint64_t answered = Arrived(side, name);
-        const std::uint64_t other = Arrived(side, "44003 too");
+        Arrived(side, name);
+        Arrived(side, "44003 too");
         EXPECT_TRUE(handler_.HandleFile(side));
-        EXPECT_EQ(Fields(side, answered), status);
-        EXPECT_EQ(IsNew(side, answered), KelString(status) == "TOBEHANDLED");
-        EXPECT_EQ(Fields(side, other), "AVAILABLE");
+        EXPECT_EQ(Rows(side, "SELECT FileStatus, LastStatusChangeTime FROM Files ORDER BY FileId"),
+                  (Texts{status, "AVAILABLE|0"}));
     }
 }
 
@@ -69,7 +66,7 @@ TEST_F(HandleThreadTest, LocalTargetRowMakesADownstreamFileACopyOnly) {
 
 TEST_F(HandleThreadTest, AbsentFileIsDroppedAndAbsentPackageWaits) {
     AddFile(kUp, "file", "TOBEHANDLED");
-    EXPECT_TRUE(FileDelete(Load(kUp, ArrivedPackage()).FilePath));
+    EXPECT_TRUE(FileDelete(ArrivedPackage().FilePath));
     handler_.DoWork();
     EXPECT_EQ(OnlyFields(kUp, "FileName, FileStatus"), "package|TOBEHANDLED");
     EXPECT_TRUE(CallsOf("TestConsume").empty());
@@ -85,54 +82,50 @@ TEST_F(HandleThreadTest, StepTakesBatchAfterBatchAndEndsWhenConsumersAreNotReady
 }
 
 TEST_F(HandleThreadTest, MissingFileIsOfferedToTheModulesFirst) {
-    for (const auto& [name, answer, isMaster, goesOn, row] :
-         Table<const char*, unsigned int, bool, bool, const char*>{
-             {"will provide", 15, false, true, "NOTRELAYSCHILD|1"},
-             {"unknown to all", 0, false, true, "TOBEREQUESTED|0"},
-             {"will provide, master", 15, true, true, "NOTRELAYSCHILD|1"},
-             {"known request, master", 16154, true, false, "(none)"},
-             {"unknown to all, master", 0, true, false, "(none)"}}) {
+    for (const auto& [isMaster, answer, row] :
+         Table<bool, unsigned int, KelString>{{false, kKelAnswerWillProvide, "NOTRELAYSCHILD|1"},
+                                              {false, 0, "TOBEREQUESTED|0"},
+                                              {true, kKelAnswerWillProvide, "NOTRELAYSCHILD|1"},
+                                              {true, kKelAnswerRequestKnown, "(none)"},
+                                              {true, 0, "(none)"}}) {
         if (isMaster) BecomeMaster();
         FakeResult("TestSupply ()", answer);
         const auto supplier = Consume("FileStoreCallbackFileRequest", "TestSupply ()");
         for (const Side side : {kDown, kUp}) {
-            const auto trace = Begin(KelFormat("%s %s", name, filestore::SideName(side)));
-            const std::uint64_t fileId = AddFile(side, name, "MISSING");
+            const auto trace =
+                Begin(KelFormat("master %d, %u, %s", isMaster, answer, filestore::SideName(side)));
+            const std::uint64_t fileId = AddFile(side, "n", "MISSING");
             AddTarget(fileId, 1, kChild);
-            EXPECT_EQ(handler_.LocalRequestFile(side), goesOn);
+            EXPECT_EQ(handler_.LocalRequestFile(side), row != "(none)");
             EXPECT_EQ(Fields(side, fileId, "FileStatus, Acknowledged"), row);
-            EXPECT_EQ(Count(kDown, "Targets"), goesOn || side == kUp ? "1" : "0");
+            EXPECT_EQ(Count(kDown, "Targets"), row != "(none)" || side == kUp ? "1" : "0");
         }
     }
     EXPECT_FALSE(handler_.LocalRequestFile(kDown));
 }
 
 TEST_F(HandleThreadTest, PackageOfAnAdministratedRelayIsPublishedHere) {
-    const std::uint64_t fileId = ArrivedPackage();
-    const KelContainer info = FromXml(Load(kUp, fileId).FileInfo);
+    const KelString info = ArrivedPackage().FileInfo;
     EXPECT_TRUE(handler_.HandleFile(kUp));
-    EXPECT_EQ(Fields(kUp, fileId), "(none)");
-    const FileStoreEntry package = OnlyRow(kDown);
-    EXPECT_EQ(OnlyFields(kDown, "FileType, FileStatus, KeepCopy, FileSize"),
-              KelFormat("OperationalRulePackage|AVAILABLE|%d|7", FileStore::eKeepCopyMask.load()));
-    EXPECT_EQ(package.FilePath, PathOf(kDown, package));
-    EXPECT_EQ(Content(package.FilePath), "package");
+    const KelString path = PathOf(kDown, OnlyRow(kDown)), fileId = OnlyFields(kDown, "FileId");
+    EXPECT_EQ(OnlyFields(kDown, "FileType, FileStatus, KeepCopy, FileSize, FilePath"),
+              KelFormat("OperationalRulePackage|AVAILABLE|%d|7|%S", FileStore::eKeepCopyMask.load(), path));
+    EXPECT_EQ(Content(path), "package");
     const KelContainer call = OnlyCallOf("RelayReceiveFile");
     EXPECT_EQ(Read(call, "FileType FileChecksum FilePath SourceDevice Upstream"),
-              KelFormat("PackagerZIPPackage|%S|%S|%s|true", TextMd5("package"), package.FilePath, kChild));
-    EXPECT_EQ(call.GetContainer("FileInfo"), info);
+              KelFormat("PackagerZIPPackage|%S|%S|%s|true", TextMd5("package"), path, kChild));
+    EXPECT_EQ(call.GetContainer("FileInfo"), FromXml(info));
 
-    const FileStoreEntry offered = OnlyRow(kUp);
     EXPECT_EQ(OnlyFields(kUp, "FileType, FileStatus"), "PackagerAdministratedPackage|TOBEHANDLED");
-    EXPECT_EQ(Content(offered.FilePath), "package");
-    EXPECT_EQ(Read(FromXml(offered.FileInfo), "SendingToMaster AdministratedRelayID"), "1|12");
+    EXPECT_EQ(Content(OnlyRow(kUp).FilePath), "package");
+    EXPECT_EQ(Read(FromXml(OnlyRow(kUp).FileInfo), "SendingToMaster AdministratedRelayID"), "1|12");
 
     // What goes on to the master is not published a second time, and a repetition finds the row.
     EXPECT_TRUE(handler_.HandleFile(kUp));
     EXPECT_EQ(OnlyFields(kUp), "TOBEUPLOADED");
     ArrivedPackage();
     EXPECT_TRUE(handler_.HandleFile(kUp));
-    EXPECT_EQ(OnlyRow(kDown).FileId, package.FileId);
+    EXPECT_EQ(OnlyFields(kDown, "FileId"), fileId);
 }
 
 TEST_F(HandleThreadTest, PackageThatWasAskedForBeforeItCameIsAvailableWhole) {
@@ -146,28 +139,13 @@ TEST_F(HandleThreadTest, PackageThatWasAskedForBeforeItCameIsAvailableWhole) {
               KelFormat("%lu|AVAILABLE|7|%S", asked, PathOf(kDown, Load(kDown, asked))));
 }
 
-TEST_F(HandleThreadTest, PackageIsKeptUntilItsOfferIsTaken) {
-    const std::uint64_t fileId = ArrivedPackage();
+TEST_F(HandleThreadTest, PackageIsKeptUntilItsOfferIsTakenAndPublishedOnceAStepUntilItsRowGoes) {
+    ArrivedPackage();
     const KelString temp = FileStore::strModuleDataPath + "/Temp";
     DirDelete(temp, true);
     handler_.DoWork();
-    EXPECT_EQ(Fields(kUp, fileId), "TOBEHANDLED");
+    EXPECT_EQ(OnlyFields(kUp, "FileName, FileStatus"), "package|TOBEHANDLED");
     DirCreate(temp);
-    handler_.DoWork();
-    EXPECT_EQ(OnlyFields(kUp, "FileType"), "PackagerAdministratedPackage");
-}
-
-TEST_F(HandleThreadTest, EmptyPackageIsPublishedHereOnly) {
-    WriteFile(Load(kUp, ArrivedPackage()).FilePath, "");
-    for (int step = 0; step < 2; ++step)
-        handler_.DoWork();
-    EXPECT_EQ(CallsOf("RelayReceiveFile").size(), 1U);
-    EXPECT_EQ(Count(kUp), "0");
-    EXPECT_EQ(OnlyFields(kDown), "AVAILABLE");
-}
-
-TEST_F(HandleThreadTest, PackageWhoseRowStaysIsPublishedOnceAStep) {
-    ArrivedPackage();
     auto full = Refuse(Database(kUp), "DELETE ON Files");
     Fake("RelayReceiveFile ()", [&](KelContainer&) {
         if (CallsOf("RelayReceiveFile").size() > 1) full.reset();  // one too many: let the step end
@@ -175,6 +153,18 @@ TEST_F(HandleThreadTest, PackageWhoseRowStaysIsPublishedOnceAStep) {
     });
     handler_.DoWork();
     EXPECT_EQ(CallsOf("RelayReceiveFile").size(), 1U);
+    full.reset();
+    handler_.DoWork();
+    EXPECT_EQ(OnlyFields(kUp, "FileType"), "PackagerAdministratedPackage");
+}
+
+TEST_F(HandleThreadTest, EmptyPackageIsPublishedHereOnly) {
+    WriteFile(ArrivedPackage().FilePath, "");
+    for (int step = 0; step < 2; ++step)
+        handler_.DoWork();
+    EXPECT_EQ(CallsOf("RelayReceiveFile").size(), 1U);
+    EXPECT_EQ(Count(kUp), "0");
+    EXPECT_EQ(OnlyFields(kDown), "AVAILABLE");
 }
 
 }  // namespace

@@ -4,8 +4,7 @@
 
 namespace {
 
-class DeviceIdentity : public FileStoreTest {
-  protected:
+struct DeviceIdentity : FileStoreTest {
     static constexpr const char* kNewGuid = "0A1B0000-0000-4000-8000-00000000000B";
 
     static KelString DeviceUrl() {

@@ -7,15 +7,14 @@
 
 #include "filestore/file_store_fixture.h"
 #include "filestore/module/action_gate.h"
-#include "filestore/module/workers.h"
+#include "filestore/state/worker_loop.h"
 #include "kelcore/callback_db.h"
 
 namespace {
 
-class Lifecycle : public FileStoreTest {
-  protected:
+struct Lifecycle : FileStoreTest {
     static long RunningThreads() {
-        const auto workers = filestore::Workers();
+        const auto workers = FileStore::Workers();
         return std::count_if(workers.begin(), workers.end(),
                              [](const KelThread* thread) { return thread->IsThreadRunning(); });
     }
@@ -129,18 +128,17 @@ TEST_F(Lifecycle, ActivationRepairsInterruptedReceptions) {
 TEST_F(Lifecycle, EntryDrivesALifeAndASecondOneAndAnswersTexts) {
     char handle[] = "FileStore", buffer[kModuleTextBytes];
     for (int life = 0; life < 2; ++life) {
-        EXPECT_EQ(ModuleMain(1, 0, handle), 1U);
-        EXPECT_EQ(ModuleMain(3, 0, nullptr), 1U);
-        EXPECT_EQ(ModuleMain(4, 0, nullptr), 1U);
+        for (const unsigned int operation : {1U, 3U, 4U})  // registration, initialisation, activation
+            EXPECT_EQ(ModuleMain(operation, 0, handle), 1U);
         EXPECT_EQ(Ask("FileStoreGetDeviceUrl").GetString("DeviceUrl"), kOwnUrl);
-        EXPECT_EQ(ModuleMain(5, 0, nullptr), 1U);
-        EXPECT_EQ(ModuleMain(2, 0, nullptr), 1U);
+        for (const unsigned int operation : {9U, 5U, 2U})  // suspension and the ends
+            EXPECT_EQ(ModuleMain(operation, 0, nullptr), 1U);
     }
-    EXPECT_EQ(ModuleMain(6, 0, buffer), 1U);
-    EXPECT_STREQ(buffer, "File store module");
-    EXPECT_EQ(ModuleMain(7, 0, buffer), 1U);
-    EXPECT_STREQ(buffer, "11.5.0.121004r - Oct  4 2012 - 17:21:12");
-    EXPECT_EQ(ModuleMain(9, 0, nullptr), 1U);
+    for (const auto& [operation, text] : Table<unsigned int, const char*>{
+             {6, "File store module"}, {7, "11.5.0.121004r - Oct  4 2012 - 17:21:12"}}) {
+        EXPECT_EQ(ModuleMain(operation, 0, buffer), 1U);
+        EXPECT_STREQ(buffer, text);
+    }
     for (const unsigned int operation : {0U, 8U, 10U, 4096U})
         EXPECT_EQ(ModuleMain(operation, 0, nullptr), 5U);
 }

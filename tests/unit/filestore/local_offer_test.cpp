@@ -6,8 +6,7 @@ namespace {
 constexpr const char* kPaths[] = {"MovePath", "CopyPath", "FilePath"};
 
 /// Files of this device, and what happens to a row or a source while they are taken into the store.
-class LocalOfferTest : public StoreTest {
-  protected:
+struct LocalOfferTest : StoreTest {
     /// A target tree whose device is new: the Wake-on-LAN module, which runs `action`, is called for it while
     /// the offer is under way.
     KelContainer Meanwhile(const std::function<void()>& action) {
@@ -135,7 +134,8 @@ TEST_F(LocalOfferTest, SourceThatChangesWhileItIsTakenIsNotStoredUnderItsOldChec
              {kUp, "c", "CopyPath", "", 1, ""},  // cut off
              {kUp, "c", "MovePath", "", 1, ""},
              {kUp, "c", "FilePath", "", 1, ""}}) {
-        const auto trace = Begin(KelFormat("%s %s, checksum '%s'", filestore::SideName(side), path, checksum));
+        const auto trace =
+            Begin(KelFormat("%s %s, checksum '%s'", filestore::SideName(side), path, checksum));
         WriteFile(source, "abc");
         ChangeWhileItIsTaken(source, change);
         EXPECT_EQ(Receive(Offer("t", checksum),

@@ -2,15 +2,12 @@
 
 #include "filestore/push_fixture.h"
 #include "kelcore/archive.h"
+#include "read_zip.h"
 
 namespace {
 
-class PackingTest : public PushTest {
-  protected:
-    void SetUp() override {
-        PushTest::SetUp();
-        AcceptAll();
-    }
+struct PackingTest : PushTest {
+    PackingTest() { AcceptAll(); }
     /// Two files gathered for an archive whose index is made.
     void GatherTwo(const Texts& more = {}) {
         PackAutomatically();
@@ -25,42 +22,34 @@ class PackingTest : public PushTest {
 };
 
 TEST_F(PackingTest, PolicyChoosesTheFiles) {
-    const Texts all = {"a", "b", "archive", "bypass"}, none, archive = {"archive"};
-    const Texts packable = {"a", "b", "bypass"};
-    struct Case {
-        const char* name;
-        bool packs, automatic;
-        const char* excluded;
-        bool manual, packedPass;
-        Outcome outcome;
-        Texts offered, packed;
-    };
-    const Case cases[] = {
-        {"no packing", false, false, "", false, false, Outcome::Done, all, none},
-        {"automatic", true, true, "", false, false, Outcome::Done, archive, packable},
-        {"on demand", true, false, "", false, false, Outcome::Nothing, none, none},
-        {"on demand but some types", true, false, "B, C", false, false, Outcome::Done, none, {"b"}},
-        {"demanded", true, false, "B", true, false, Outcome::Done, archive, packable},
-        {"demanded without policy", false, false, "", true, false, Outcome::Done, archive, packable},
-        {"archives", true, false, "", false, true, Outcome::Done, archive, none},
-    };
-    for (const Case& test : cases) {
-        const auto trace = Begin(test.name);
+    const Texts all = {"a", "b", "archive", "bypass"}, packable = {"a", "b", "bypass"}, archive = {"archive"};
+    enum { Normal, Demanded, ArchivesOnly };
+    for (const auto& [packs, automatic, excluded, pass, outcome, offered, packed] :
+         Table<bool, bool, const char*, int, Outcome, Texts, Texts>{
+             {false, false, "", Normal, Outcome::Done, all, {}},
+             {true, true, "", Normal, Outcome::Done, archive, packable},
+             {true, false, "", Normal, Outcome::Nothing, {}, {}},
+             {true, false, "B, C", Normal, Outcome::Done, {}, {"b"}},
+             {true, false, "B", Demanded, Outcome::Done, archive, packable},
+             {false, false, "", Demanded, Outcome::Done, archive, packable},
+             {true, false, "", ArchivesOnly, Outcome::Done, archive, {}}}) {
+        const auto trace = Begin(
+            KelFormat("packs %d, automatic %d, excluded '%s', pass %d", packs, automatic, excluded, pass));
         AcceptAll();
         Waiting("a", "FileType = 'A'");
         Waiting("b", "FileType = 'B'");
         Waiting("archive", "FileType = 'FileStorePackedFiles'");
         Waiting("bypass", "FileType = 'A', Bypass = 1");
-        FileStore::fConcatFiles = test.packs;
-        FileStore::fAutoConcat = test.automatic;
+        FileStore::fConcatFiles = packs;
+        FileStore::fAutoConcat = automatic;
+        FileStore::fProcessManualUpload = pass == Demanded;
         {
             const KelLock lock(FileStore::mutexSettings);
-            FileStore::strExcludedFileType = test.excluded;
+            FileStore::strExcludedFileType = excluded;
         }
-        FileStore::fProcessManualUpload = test.manual;
-        EXPECT_EQ(Send(test.packedPass), test.outcome);
-        EXPECT_EQ(OfferedNames(), test.offered);
-        EXPECT_EQ(Names(kUp, "TOBEPACKED"), test.packed);
+        EXPECT_EQ(Send(pass == ArchivesOnly), outcome);
+        EXPECT_EQ(RequestedNames(), offered);
+        EXPECT_EQ(Names(kUp, "TOBEPACKED"), packed);
     }
 }
 
@@ -79,7 +68,7 @@ TEST_F(PackingTest, WhatIsTooMuchForAnArchiveTravelsAloneOrInTheNextOne) {
         std::filesystem::resize_file(Load(kUp, Waiting("large", set)).FilePath, bytes);
         Waiting("b");
         EXPECT_EQ(Send(), Outcome::Done);
-        EXPECT_EQ(OfferedNames(), offered);
+        EXPECT_EQ(RequestedNames(), offered);
         EXPECT_EQ(Names(kUp, "TOBEPACKED"), packed);
     }
 }
@@ -88,7 +77,7 @@ TEST_F(PackingTest, ArchiveHoldsWhatItsIndexNamesAndEntersTheStore) {
     FileStore::uMaxFilesToConcat = 2;
     GatherTwo({"left for the next"});
     EXPECT_TRUE(reached_);
-    const auto begun = ArchiveContent(FileStore::strArchiveFilePath);
+    const auto begun = ReadZip(FileStore::strArchiveFilePath);
     ASSERT_EQ(begun.size(), 1U);
     EXPECT_EQ(begun[0].first, "Temp/PackedFilesInfo.xml");
     const KelContainer index = FromXml(begun[0].second);
@@ -105,12 +94,11 @@ TEST_F(PackingTest, ArchiveHoldsWhatItsIndexNamesAndEntersTheStore) {
     EXPECT_EQ(Names(kUp, "TOBEUPLOADED"), Texts{"left for the next"});
     EXPECT_EQ(FileStore::strArchiveFilePath, "");
 
-    const FileStoreEntry archive =
-        Load(kUp, std::stoull(Cell(kUp, "SELECT FileId FROM Files WHERE FileType = 'FileStorePackedFiles'")));
-    EXPECT_EQ(Fields(kUp, archive.FileId, "FileStatus, SourceDevice, FileChecksum"),
-              KelFormat("TOBEHANDLED|%s|%S", kOwnUrl, TextMd5(Content(archive.FilePath))));
-    EXPECT_TRUE(archive.FileName.starts_with("PACKEDFILES_")) << archive.FileName;
-    const auto entries = ArchiveContent(archive.FilePath);
+    const KelString where = " FROM Files WHERE FileType = 'FileStorePackedFiles'";
+    const KelString path = Cell(kUp, "SELECT FilePath" + where);
+    EXPECT_EQ(Cell(kUp, "SELECT FileStatus, SourceDevice, FileChecksum, substr(FileName, 1, 12)" + where),
+              KelFormat("TOBEHANDLED|%s|%S|PACKEDFILES_", kOwnUrl, TextMd5(Content(path))));
+    const auto entries = ReadZip(path);
     ASSERT_EQ(entries.size(), 3U);
     EXPECT_EQ(entries[0], begun[0]);
     for (const std::size_t i : {0U, 1U})

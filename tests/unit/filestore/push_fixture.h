@@ -4,8 +4,7 @@
 #include "filestore/up/push_thread.h"
 
 /// The steps of a push thread that is not started.
-class PushTest : public StoreTest {
-  protected:
+struct PushTest : StoreTest {
     using Outcome = FileStorePushThread::Outcome;
 
     Outcome Send(bool packedPass = false) { return push_.SendFile(reached_, packedPass); }

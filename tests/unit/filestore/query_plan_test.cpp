@@ -8,8 +8,7 @@ using namespace filestore;
 namespace {
 
 /// How SQLite runs the statements of the module, with the indexes and statistics of the shipped ini file.
-class QueryPlan : public FileStoreTest {
-  protected:
+struct QueryPlan : FileStoreTest {
     QueryPlan() { Initialise(); }
 
     /// The selections, updates and deletions that `calls` runs on a database.

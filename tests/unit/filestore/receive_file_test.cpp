@@ -8,8 +8,7 @@ constexpr const char* kParent = "127.0.1.1";
 constexpr const char* kStranger = "127.0.1.2";
 constexpr const char* kTarget = "127.0.1.8:1611/0A1B0000-0000-4000-8000-0000000000C1/02/127.0.1.8/255.0.0.0";
 
-class ReceiveFileTest : public StoreTest {
-  protected:
+struct ReceiveFileTest : StoreTest {
     /// A downstream offer as the parent sends it.
     static KelContainer Announcement(const KelString& type = "t", const char* sender = kParent) {
         return With(From(Offer(type), sender), {{"FileURL", "/FileStore/downstream/t/l/c/n"},

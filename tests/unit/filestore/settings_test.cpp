@@ -8,8 +8,7 @@
 
 namespace {
 
-class Settings : public FileStoreTest {
-  protected:
+struct Settings : FileStoreTest {
     Settings() { Initialise(); }
 
     static unsigned int Set(const KelContainer& values) {

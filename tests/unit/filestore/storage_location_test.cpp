@@ -4,8 +4,7 @@
 
 namespace {
 
-class StorageLocation : public FileStoreTest {
-  protected:
+struct StorageLocation : FileStoreTest {
     StorageLocation() { Initialise(); }
 
     static KelString Recorded() {

@@ -4,26 +4,20 @@
 namespace {
 
 /// Databases from before upstream files moved to their own one, or in the middle of that.
-class UpstreamMigration : public FileStoreTest {
-  protected:
+struct UpstreamMigration : FileStoreTest {
     UpstreamMigration() { Initialise(); }
 
     static void Insert(Side side, const KelString& values) {
         Rows(side, "INSERT INTO Files (FileId, FileName, Upstream) VALUES " + values);
     }
-    /// What the upstream database says of an earlier move; nothing when that is empty.
-    static void MarkAs(const char* value) {
-        Rows(kUp, *value == '\0' ? "DELETE FROM DatabaseInformation WHERE FieldName='UpstreamTableCreated'"
-                                 : KelFormat("UPDATE DatabaseInformation SET FieldValue='%s' WHERE "
-                                             "FieldName='UpstreamTableCreated'",
-                                             value));
-    }
-    static void SetUpAgain() {
+    /// What the upstream database then says of an earlier move: nothing unless a value is given.
+    static void SetUpAgain(const KelString& marker = "") {
+        const KelString where = " WHERE FieldName = 'UpstreamTableCreated'";
+        Rows(kUp, "UPDATE DatabaseInformation SET FieldValue = '" + marker + "'" + where);
+        Rows(kUp, "DELETE FROM DatabaseInformation" + where + " AND FieldValue = ''");
         FileStore::CleanupDatabases();
         ASSERT_TRUE(FileStore::SetupDatabases());
-        EXPECT_EQ(
-            Cell(kUp, "SELECT FieldValue FROM DatabaseInformation WHERE FieldName='UpstreamTableCreated'"),
-            "1");
+        EXPECT_EQ(Cell(kUp, "SELECT FieldValue FROM DatabaseInformation" + where), "1");
     }
 };
 
@@ -32,7 +26,6 @@ TEST_F(UpstreamMigration, MovesRowsOnceInBatches) {
          "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < 25000) INSERT INTO "
          "Files (FileId, FileName, Upstream) SELECT i, 'name' || i, 1 FROM n");
     Insert(kDown, "(30000, 'stays', 0)");
-    MarkAs("");
     SetUpAgain();
     EXPECT_EQ(Cell(kUp, "SELECT count(*), sum(FileId), count(DISTINCT FileName) FROM Files"),
               "25000|312512500|25000");
@@ -46,7 +39,6 @@ TEST_F(UpstreamMigration, MovedTextsAreCutBetweenCharactersAndQuoted) {
     Rows(kDown, KelFormat("INSERT INTO Files (FileId, FileName, FileLabel, FileInfo, FileSize, Upstream) "
                           "VALUES (1, 'it''s', '%S', '%S', '', 1)",
                           KelString(3000, 'x'), accents));
-    MarkAs("");
     SetUpAgain();
     EXPECT_EQ(
         OnlyFields(kUp, "FileName, FileSize, length(FileLabel), length(FileInfo), substr(FileInfo, -1)"),
@@ -54,16 +46,14 @@ TEST_F(UpstreamMigration, MovedTextsAreCutBetweenCharactersAndQuoted) {
 }
 
 TEST_F(UpstreamMigration, MarkerWithAnotherValueMovesNothing) {
-    MarkAs("0");
     Insert(kDown, "(1, 'n', 1)");
-    SetUpAgain();
+    SetUpAgain("0");
     EXPECT_EQ(Count(kUp) + Count(kDown), "01");
 }
 
 TEST_F(UpstreamMigration, RowThatIsThereAlreadyDoesNotStopTheOthers) {
     Insert(kUp, "(1, 'moved before', 1)");
     Insert(kDown, "(1, 'again', 1), (2, 'new', 1)");
-    MarkAs("");
     SetUpAgain();
     EXPECT_EQ(Names(kUp), (Texts{"moved before", "new"}));
     EXPECT_EQ(Count(kDown), "0");
@@ -74,7 +64,7 @@ TEST_F(UpstreamMigration, FullDiskLeavesTheRowsAndNoOpenTransaction) {
          KelFormat("WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < 100) INSERT "
                    "INTO Files (FileId, FileName, FileInfo, Upstream) SELECT i, 'n', '%S', 1 FROM n",
                    KelString(1900, 'x')));
-    MarkAs("");
+    Rows(kUp, "DELETE FROM DatabaseInformation WHERE FieldName = 'UpstreamTableCreated'");
     Rows(kUp, "PRAGMA max_page_count = " + Cell(kUp, "PRAGMA page_count"));
     EXPECT_TRUE(FileStoreMigrateUpstreamRows(Database(kDown), Database(kUp), FileStore::debugFileStore));
     EXPECT_EQ(Count(kUp) + Count(kDown), "0100");

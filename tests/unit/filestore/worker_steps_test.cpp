@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <atomic>
 
 #include "filestore/down/notify_thread.h"
@@ -10,8 +11,7 @@ namespace {
 
 /// What every step of the worker threads has to do in the same situations. The tests of a step cover what is
 /// its own.
-class WorkerStepsTest : public StoreTest {
-  protected:
+struct WorkerStepsTest : StoreTest {
     using Outcome = FileStorePushThread::Outcome;
     struct Step {
         KelString name;
@@ -38,29 +38,28 @@ class WorkerStepsTest : public StoreTest {
          [this] { handler_.DoWork(); }},
     };
     const Step& Find(const KelString& name) const {
-        for (const Step& step : steps_)
-            if (step.name == name) return step;
-        throw std::runtime_error("no step " + name);
+        return *std::find_if(steps_.begin(), steps_.end(),
+                             [&](const Step& step) { return step.name == name; });
     }
 
-    /// No rows, and a parent, a child behind the same port and a consumer that accept everything;
-    /// `onContact` runs when one of them is called, with the number of the call.
-    void Begin(
+    /// A parent that is a child as well, and a consumer: they accept everything, or answer actions with
+    /// `result`. `onContact` runs when one of them is called, with the number of the call.
+    void Answer(
         std::function<void(int)> onContact = [](int) {}, unsigned int result = 0) {
-        DeleteRows();
         const auto contacts = std::make_shared<std::atomic<int>>(0);
         const auto contact = [contacts, onContact] { onContact(++*contacts); };
-        AnswerAsParent([contact, result](const ScriptedServer::Request& request) -> ScriptedServer::Answer {
+        AnswerAsParent([contact, result](const TestHttpServer::Request& request) -> TestHttpServer::Answer {
             contact();
             if (request.method == "PUT") return {201};
             if (request.method == "GET") return {200, "", "content"};
-            return ScriptedServer::ActionResult(result, Make({{"FileURL", "/url"}}));
+            return TestHttpServer::ActionResult(result, Make({{"FileURL", "/url"}}));
         });
-        Fake("TestConsume ()", [contact](KelContainer&) {
+        consumed_.clear();
+        Fake("TestConsume ()", [this, contact](KelContainer& call) {
+            consumed_.push_back(call.GetString("FileName"));
             contact();
             return 0U;
         });
-        consumedBefore_ = CallsOf("TestConsume").size();
     }
     /// A row that the step works on.
     std::uint64_t Add(const Step& step, const KelString& name, bool bypass = false) {
@@ -73,34 +72,24 @@ class WorkerStepsTest : public StoreTest {
             AddTarget(fileId, fileId, Parent().HostAndPort() + "/0A1B0000-0000-4000-8000-0000000000C1/m/i/n");
         return fileId;
     }
-    /// The names of the files in the calls since Begin.
-    Texts Contacts() const {
-        Texts names;
-        for (const auto& request : Parent().Requests())
-            names.push_back(request.method == "POST" ? request.Arguments().GetString("FileName")
-                                                     : request.path.substr(request.path.rfind('/') + 1));
-        const auto consumed = CallsOf("TestConsume");
-        for (std::size_t i = consumedBefore_; i < consumed.size(); ++i)
-            names.push_back(consumed[i].GetString("FileName"));
-        return names;
-    }
+    /// The names of the files in the calls since Answer.
+    Texts Contacts() const { return consumed_.empty() ? RequestedNames() : consumed_; }
 
-  private:
     Exposed<FileStorePullThread> pull_;
     Exposed<FileStoreNotifyThread> notify_;
     Exposed<FileStorePushThread> push_;
     Exposed<FileStoreHandleThread> handler_;
     const std::shared_ptr<void> consumer_ = Consume("FileStoreCallbackCopyUpstream", "TestConsume ()");
     bool reached_ = false;
-    std::size_t consumedBefore_ = 0;
+    Texts consumed_;
 };
 
 TEST_F(WorkerStepsTest, ClosedWindowLetsBypassFilesThroughOnly) {
     CloseWindow(FileStore::bmTrackUsageUp);
     CloseWindow(FileStore::bmTrackUsageDown);
     for (const Step& step : steps_) {
-        SCOPED_TRACE(step.name);
-        Begin();
+        const auto trace = Begin(step.name);
+        Answer();
         Add(step, "ordinary");
         Add(step, "bypass", true);
         for (int pass = 0; pass < 2; ++pass)
@@ -112,63 +101,58 @@ TEST_F(WorkerStepsTest, ClosedWindowLetsBypassFilesThroughOnly) {
 
 TEST_F(WorkerStepsTest, NothingMovesWithoutAParentOrAGuid) {
     constexpr int kNothing = 0, kFailed = 2;
-    for (const auto& [name, lacks, result, isPostponed] :
-         Table<const char*, KelString, int, bool>{{"acknowledge", "parent", kNothing, true},
-                                                  {"acknowledge", "GUID", kNothing, false},
-                                                  {"download", "parent", kNothing, true},
-                                                  {"request", "parent", kFailed, true},
-                                                  {"request", "GUID", kNothing, false},
-                                                  {"send", "parent", kFailed, false},
-                                                  {"upload", "parent", kFailed, false}}) {
-        SCOPED_TRACE(name + (" without " + lacks));
+    for (const auto& [name, lacks, result, time] :
+         Table<const char*, KelString, int, const char*>{{"acknowledge", "parent", kNothing, "now"},
+                                                         {"acknowledge", "GUID", kNothing, "0"},
+                                                         {"download", "parent", kNothing, "now"},
+                                                         {"request", "parent", kFailed, "now"},
+                                                         {"request", "GUID", kNothing, "0"},
+                                                         {"send", "parent", kFailed, "0"},
+                                                         {"upload", "parent", kFailed, "0"}}) {
+        const auto trace = Begin(name + (" without " + lacks));
         const Step& step = Find(name);
-        Begin();
+        Answer();
         relayValues.SetBool("ParentSync", lacks != "parent");
         identityValues.SetString("GUID", lacks == "GUID" ? "" : kGuid);
-        {
-            const KelLock lock(FileStore::mutexGUID);
-            FileStore::strOurGUID.clear();
-        }
+        FileStore::UpdateGuidScheme();  // it is asked for anew
         EXPECT_EQ(step.run(), kNothing) << "without a row";
-        const std::uint64_t fileId = Add(step, "n");
+        Add(step, "n");
         EXPECT_EQ(step.run(), result);
         EXPECT_EQ(Contacts(), Texts{});
-        EXPECT_EQ(Fields(step.side, fileId), step.status);
-        EXPECT_EQ(IsNew(step.side, fileId), isPostponed);
+        EXPECT_EQ(OnlyFields(step.side, "FileStatus, LastStatusChangeTime"),
+                  KelFormat("%s|%s", step.status, time));
     }
 }
 
 TEST_F(WorkerStepsTest, RowThatChangedDuringTheCallStaysChanged) {
-    for (const auto& [name, changed] :
-         Table<const char*, KelString>{{"acknowledge", "TOBEREQUESTED"}, {"request", "DOWNLOADING"}})
-        for (const unsigned int result : {0U, 7U}) {
-            SCOPED_TRACE(KelFormat("%s, result %u", name, result));
-            const Step& step = Find(name);
-            Begin(
-                [&](int) {
-                    Rows(kDown, "UPDATE Files SET FileURL = '/changed', FileStatus = #" + changed + "#");
-                },
-                result);
-            const std::uint64_t fileId = Add(step, "n");
-            step.run();
-            EXPECT_EQ(Contacts(), Texts{"n"});
-            EXPECT_EQ(Fields(kDown, fileId, "FileStatus, FileURL, LastStatusChangeTime, Acknowledged"),
-                      changed + "|/changed|0|0");
-        }
+    for (const auto& [name, result, changed] :
+         Table<const char*, unsigned int, KelString>{{"acknowledge", 0, "TOBEREQUESTED"},
+                                                     {"acknowledge", 7, "TOBEREQUESTED"},
+                                                     {"request", 0, "DOWNLOADING"},
+                                                     {"request", 7, "DOWNLOADING"}}) {
+        const auto trace = Begin(KelFormat("%s, result %u", name, result));
+        const KelString change = "UPDATE Files SET FileURL = '/changed', FileStatus = #" + changed + "#";
+        Answer([change](int) { Rows(kDown, change); }, result);
+        Add(Find(name), "n");
+        Find(name).run();
+        EXPECT_EQ(Contacts(), Texts{"n"});
+        EXPECT_EQ(OnlyFields(kDown, "FileStatus, FileURL, LastStatusChangeTime, Acknowledged"),
+                  changed + "|/changed|0|0");
+    }
 }
 
 /// Otherwise the same call would be repeated in a tight loop while the disk is full.
 TEST_F(WorkerStepsTest, StepEndsWhileTheDatabaseRefusesChanges) {
     for (const Step& step : steps_)
         for (const bool refusesBefore : {false, true}) {
-            SCOPED_TRACE(step.name + (refusesBefore ? " before the call" : " after the call"));
+            const auto trace = Begin(step.name + (refusesBefore ? " before the call" : " after the call"));
             const auto refuse = [side = step.side](bool refuses) {
                 Rows(side, KelFormat("PRAGMA query_only = %d", refuses));
             };
             // the second call is one too many: let it end
-            Begin([refuse](int call) { refuse(call == 1); });
+            Answer([refuse](int call) { refuse(call == 1); });
             Add(step, "n");
-            if (refusesBefore) refuse(true);
+            refuse(refusesBefore);
             step.work();
             if (Contacts().empty()) step.work();  // pushing begins with what an earlier step announced
             refuse(false);

@@ -6,8 +6,7 @@
 
 namespace {
 
-class CountingThread : public FileThreadBase {
-  public:
+struct CountingThread : FileThreadBase {
     CountingThread() : FileThreadBase("FileStore", "TestGap", 3600) {}
     ~CountingThread() override {
         Cancel(0, false);
@@ -16,7 +15,6 @@ class CountingThread : public FileThreadBase {
     std::counting_semaphore<> begun{0};  ///< released at the begin of every step
     int steps = 0;
 
-  protected:
     bool DoWork() override {
         begun.release();
         if (++steps == 1) throw std::runtime_error("no space");
