@@ -103,22 +103,18 @@ KelStatus CheckRequired(const KelString& path, const AgentConfig& config) {
     return {};
 }
 
-/// In the ini file of a module an entry whose name ends in "Port" is the number of a port.
-bool IsPortEntry(std::string_view key) {
-    constexpr std::string_view kSuffix = "Port";
-    return key.size() >= kSuffix.size() && IsEqualTo(key.substr(key.size() - kSuffix.size()), kSuffix, false);
-}
-
-void CheckPorts(const KelString& path, KelVector<KelString>& faults) {
+/// Checks the port numbers of a module: the entries of its own section and of the section Ssl whose names end
+/// in "Port". Other sections may hold names of any kind.
+void CheckPorts(const KelString& path, const KelString& module, KelVector<KelString>& faults) {
     IniFile ini;
     if (!ini.Open(path)) {
         faults.push_back(path + ": cannot be read, or is no ini file");
         return;
     }
-    for (const KelString& section : ini.GetSections()) {
+    for (const KelString& section : {module, KelString("Ssl")}) {
         for (const auto& [key, text] : ini.GetEntries(section)) {
             const auto port = ParseUint64(text);
-            if (IsPortEntry(key) && !text.empty() && (!port || *port > kMaxPort))
+            if (key.ends_with("Port") && !text.empty() && (!port || *port > kMaxPort))
                 faults.push_back(
                     KelFormat("%S: %S '%S' is no port number (0 to %u)", path, key, text, kMaxPort));
         }
@@ -155,7 +151,7 @@ KelVector<KelString> FindConfigFaults(const AgentConfig& config, const KelString
     if (IsOpenToOthers(path))
         faults.push_back(path + ": holds the password but others can open it; chmod 600 " + path);
     for (const KelString& module : config.modules)
-        CheckPorts(config.ConfigDir() + module + ".ini", faults);
+        CheckPorts(config.ConfigDir() + module + ".ini", module, faults);
     for (const KelString& module : config.modules)
         if (auto loaded = LoadedModule::Load(modulesDir, module); !loaded)
             faults.push_back(loaded.Error().message);

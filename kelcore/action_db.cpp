@@ -131,6 +131,7 @@ KelVector<KelString> ActionDbListActions() {
 }
 
 unsigned int CallLocal(const KelString& actionName, KelContainer& container) {
+    CoreLog().Trace("This device calls %S.\n", actionName);
     std::shared_ptr<const Action> action = Registry().BeginCall(actionName);
     if (!action) {
         CoreLog().Detail("Action %S is not registered.\n", actionName);
@@ -145,8 +146,8 @@ unsigned int ActionDbInvokeContainer(const char* source, const KelString& device
                                      const KelString& actionName, KelContainer& container,
                                      [[maybe_unused]] unsigned int flags, int connectTimeout, int callTimeout,
                                      IpAddress* localAddress) {
-    CoreLog().Trace("%s calls %S.\n", source != nullptr ? source : "This device", actionName);
     if (deviceUrl.empty()) return CallLocal(actionName, container);
+    CoreLog().Trace("%s calls %S.\n", source != nullptr ? source : "This device", actionName);
     try {
         return ActionDbInvokeRemote(deviceUrl, actionName, container, connectTimeout, callTimeout,
                                     localAddress);

@@ -13,7 +13,7 @@ inline constexpr const char* kValueFileChecksum = "FileChecksum";
 // What a file is and how it travels: see FileOffer.
 inline constexpr const char* kValueFileSize = "FileSize";    // int64, bytes
 inline constexpr const char* kValueFileInfo = "FileInfo";    // container
-inline constexpr const char* kValueFileUrl = "FileURL";      // where the file is fetched or put, an URL path
+inline constexpr const char* kValueFileUrl = "FileURL";      // where the file is fetched or put, a URL path
 inline constexpr const char* kValueUpstream = "Upstream";    // bool
 inline constexpr const char* kValuePriority = "Priority";    // int32
 inline constexpr const char* kValueBypass = "Bypass";        // bool: moves through closed windows

@@ -39,7 +39,7 @@ unsigned int KelModule::RunOperation(KelModuleOperation operation, char* buffer)
     switch (operation) {
         case KelModuleOperation::Register:
             if (buffer == nullptr) return kModuleFailure;
-            // The first operation after the agent was configured.
+            // From here on log lines go to the agent's log.
             log_.SetContext(KelAgentGetDebugContext());
             Register(buffer);
             return kModuleSuccess;

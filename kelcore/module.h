@@ -61,7 +61,8 @@ class KelModule {
   protected:
     virtual void Register(const char* handle) = 0;  ///< register actions and callbacks
     virtual bool Initialise() { return true; }      ///< read the ini file; false stops the agent
-    virtual bool Activate() { return true; }  ///< start threads; after false the agent runs without them
+    /// Start threads. False: the agent runs without the module, or stops if the module serves calls.
+    virtual bool Activate() { return true; }
     virtual bool Suspend() { return true; }
     virtual void Cleanup() {}     ///< stop threads; actions may still be called afterwards
     virtual void Unregister() {}  ///< remove callbacks; the agent removes the actions

@@ -37,6 +37,8 @@ inline constexpr const char* kPackedFilesType = "FileStorePackedFiles";
 
 /// The type of the packages that operational rules install.
 inline constexpr const char* kRulePackageType = "OperationalRulePackage";
+/// The type of a small file that says of another one that this device is no child of its sender.
+inline constexpr const char* kRuleFileType = "OperationalRuleAdministratedRelay";
 
 // Transport modes (column TransportMode).
 inline constexpr const char* kTransportLocal = "Local";

@@ -62,7 +62,7 @@ bool UpdateFileStatus(Side side, const IdList& fileIds, const KelString& status,
 /// Puts status and status time back to what `row` says.
 bool RestoreFileStatus(Side side, const FileStoreEntry& row);
 
-/// A consumer on this device supplies the missing file to the devices below by itself.
+/// Marks a missing file as supplied by a consumer of this device: not a relay's child, acknowledged.
 bool SetSuppliedByConsumer(Side side, std::uint64_t fileId);
 
 /// Removes the row and, downstream, its targets: the number may be given to another file.

@@ -25,7 +25,6 @@ using namespace filestore;
 namespace {
 
 constexpr const char* kAction = "FileStoreAcknowledgeFile";
-constexpr const char* kRuleFileType = "OperationalRuleAdministratedRelay";
 
 void WaitForRetry(std::uint64_t fileId) {
     UpdateFileStatus(Side::Downstream, fileId, kStatusAvailable, kStatusAvailable, NextTry::AfterTimeout);
@@ -98,7 +97,7 @@ unsigned int FileStore::ActionHandler_FileStoreAcknowledgeFile(KelContainer* arg
     arguments->Clear();
     const KelString guid = StringTokeniser(device, '/').GetToken(1);
     // It becomes part of a pattern: anything else could remove the targets of other devices.
-    if (!IsPlainGuid(guid)) {
+    if (!IsUsableGuid(guid)) {
         debugFileStore.Warning("Refusing an acknowledgement from '%S': it has no usable GUID\n", device);
         return kKelErrorBadInput;
     }

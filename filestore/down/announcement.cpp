@@ -19,8 +19,6 @@ namespace filestore {
 
 namespace {
 
-constexpr const char* kRuleFileType = "OperationalRuleAdministratedRelay";
-
 KelContainer FromXml(const KelString& xml, const char* column, const FileStoreTarget& target) {
     KelContainer content;
     if (const KelStatus loaded = content.LoadFromXML(xml); !loaded)

@@ -18,8 +18,6 @@ using namespace filestore;
 
 namespace {
 
-constexpr const char* kPackageType = "OperationalRulePackage";
-
 /// LastNotifyTime of a requester that becomes a target of a known file: long past, so that it is due at once,
 /// and behind targets that have never been notified (0).
 constexpr std::int64_t kDueSinceRequest = 8;
@@ -67,7 +65,7 @@ void LogRequest(const Request& request) {
 /// A row of the requested type for a package that is known as a rule package only; 0 when it is not.
 std::uint64_t CopyRulePackage(const FileStoreEntry& requested) KEL_REQUIRES(FileStore::mutexDownstream) {
     FileStoreEntry copy = requested;
-    copy.FileType = kPackageType;
+    copy.FileType = kRulePackageType;
     if (!LoadKnownFile(Side::Downstream, copy)) return 0;
     if (copy.FileStatus == kStatusAvailable && !copy.ExternalFile) {  // the content lies at the package
         copy.FilePath = FileStore::StorePath(Side::Downstream, copy.Key());
@@ -169,8 +167,8 @@ InStore AnswerFromStore(const Request& request, std::uint64_t& fileId, Answer& a
 }
 
 /// A file that is not here but in the package repository becomes available; the requester gets it when it
-/// asks again. It becomes a target of what is known and has still to come, unless the repository holds other
-/// content under the same name.
+/// asks again. The requester becomes a target of a known file that is still on its way, unless the repository
+/// holds other content under the same name.
 Answer AnswerRequest(const Request& request) {
     Answer answer;
     std::uint64_t fileId = 0;

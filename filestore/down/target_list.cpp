@@ -57,9 +57,9 @@ void AnnounceSubnet(const KelString& pathName) {
     CallLocal("WakeOnLanAddSubnet", call);
 }
 
-/// When a new row counts as last notified: 0, so that it is due at once, unless rows that hold the sub-tree
-/// in place of a device name are waiting already; those are announced a minute apart. Rows made here hold the
-/// name. Nothing when the query failed.
+/// When a new row counts as last notified: normally 0, so that it is due at once. Rows that hold the sub-tree
+/// in place of a device name, which are not made here, are announced a minute apart. Nothing when the query
+/// failed.
 std::optional<std::int64_t> FirstNotifyTime(const KelString& devicePath, std::int64_t now) {
     const auto latest = LatestNotifyTime(devicePath);
     if (!latest) return std::nullopt;

@@ -53,10 +53,4 @@ bool CheckLocalPaths(const KelContainer& arguments) {
     return false;
 }
 
-bool IsPlainGuid(const KelString& guid) {
-    return !guid.empty() && std::all_of(guid.begin(), guid.end(), [](unsigned char c) {
-        return (c >= '0' && c <= '9') || (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || c == '-';
-    });
-}
-
 }  // namespace filestore

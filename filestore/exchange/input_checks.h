@@ -25,7 +25,4 @@ bool IsUrlPath(const KelString& text);
 /// A device other than this one names no local path (FilePath, CopyPath, MovePath).
 bool CheckLocalPaths(const KelContainer& arguments);
 
-/// Letters, digits and hyphens only, so that it can stand in a statement or pattern. Does not log.
-bool IsPlainGuid(const KelString& guid);
-
 }  // namespace filestore

@@ -20,6 +20,10 @@ namespace filestore {
 
 namespace {
 
+/// Held while content of the repository is hashed and copied: calls for the same package would otherwise copy
+/// it side by side. Taken before mutexDownstream.
+KelMutex mutexRepository;
+
 /// True when the HTTP alias, which is published for the setting as it stands, serves the file: not with
 /// several folders.
 bool IsServedFromRepository(const KelString& path, const KelString& fileName) {
@@ -109,8 +113,10 @@ enum class Entering { Failed, Entered, NotNeeded };
 /// Enters `file`, whose content lies at `place`, in its row or in a new one. `before` is the row as it was
 /// before the content was read.
 Entering EnterInStore(const FileStoreEntry& file, const FileStoreEntry& before, const Place& place) {
-    const std::int64_t size = FileGetSize64(place.path);
     const KelLock lock(FileStore::mutexDownstream);
+    // Under the lock: until the row says otherwise, the pull thread may remove what lies at the same place.
+    const std::int64_t size = FileGetSize64(place.path);
+    if (size < 0) return Entering::Failed;
     FileStoreEntry entry = file;
     if (LoadKnownFile(Side::Downstream, entry) && HasBeenCompleted(before, entry)) return Entering::NotNeeded;
     entry.FileChecksum = file.FileChecksum;
@@ -133,8 +139,10 @@ RepositoryResult TakeFromRepository(const FileStoreEntry& file) {
     const KelString path = FindInRepository(file.FileName);
     if (path.empty()) return RepositoryResult::Absent;
     FileStore::debugFileStore.Print("File found in package repository\n");
+    const KelLock oneAtATime(mutexRepository);
     FileStoreEntry before(file.Key());
-    LoadKnownFile(Side::Downstream, before);
+    if (LoadKnownFile(Side::Downstream, before) && before.FileStatus == kStatusAvailable)
+        return RepositoryResult::InStore;
     KelString checksum;
     if (!FileMd5(path, checksum)) return RepositoryResult::Absent;
     if (checksum != file.FileChecksum && !file.FileChecksum.empty()) {

@@ -8,6 +8,7 @@ enum class RepositoryResult {
     Absent,       ///< not in the repository, or it could not be entered in the store
     BadChecksum,  ///< there, but with other content
     Taken,        ///< entered in the store as an available file
+    InStore,      ///< another call has made it available before this one looked
 };
 
 /// Looks for the file in the package repository folders (setting PackagesRepositoryPath, separated by commas)
@@ -16,8 +17,9 @@ enum class RepositoryResult {
 /// that another call has made available or obsolete in the meantime stays as it is; the result is then Taken
 /// as well. The package is also offered upstream, so that the devices above learn that this one holds it.
 ///
-/// From any thread, without locks: hashes and copies the content, which may take minutes. Takes
-/// mutexDownstream for the entry; a row that the caller has read before may have changed afterwards.
+/// From any thread, without locks: hashes and copies the content, which may take minutes; one call at a time
+/// does so, because many devices ask for a new package at once. Takes mutexDownstream for the entry; a row
+/// that the caller has read before may have changed afterwards.
 RepositoryResult TakeFromRepository(const FileStoreEntry& file);
 
 }  // namespace filestore

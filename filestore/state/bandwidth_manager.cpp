@@ -140,8 +140,9 @@ void FileStoreBandwidthManager::LoadSlots(StringTokeniser& tokens, int type) {
     for (std::size_t i = 0; i < kSlotCount && tokens.GetNextToken(token); ++i) {
         const auto number = ParseNumber(token);
         if (!number)
-            FileStore::debugFileStore.Warning("Slot %lu of a transfer window is no number ('%S'): closed\n",
-                                              i, token);
+            FileStore::debugFileStore.Warning(
+                "Slot %lu of a transfer window is not a number ('%S'); the hour counts as closed\n", i,
+                token);
         ulSlotValue_[i] = Convert(number.value_or(0), type);
     }
 }

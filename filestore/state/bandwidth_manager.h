@@ -18,8 +18,7 @@ enum TransferWindowDirection_e : int {
 };
 
 /// Holds the weekly transfer window of one direction and shares its rate between the running transfers. Slot
-/// index = day * 24 + hour, Monday is day 0. May be used from any thread; GetRate and the two queries take no
-/// lock.
+/// index = day * 24 + hour, Monday is day 0. May be used from any thread; the queries take no lock.
 class FileStoreBandwidthManager : public HttpBandwidthManager {
   public:
     static constexpr std::size_t kSlotCount = 168;
@@ -69,7 +68,8 @@ class FileStoreBandwidthManager : public HttpBandwidthManager {
     std::array<std::atomic<std::uint64_t>, kSlotCount> ulSlotRate_{};   ///< a transfer's share
     int iActiveTransfers_ KEL_GUARDED_BY(mutexSlots_) = 0;
     std::atomic<int> iFrameSize_ = 0;  ///< bytes
-    KelMutex mutexSlots_;  ///< writers of the slots and the number of transfers; never held across a call out
+    KelMutex mutexSlots_;  ///< writers of the slots and the number of transfers; never held during a call to
+                           ///< another module
     std::atomic<bool> fPercentage_ = false;
     std::atomic<bool> fPerThousand_ = false;
 };

@@ -60,7 +60,7 @@ bool FileStoreBandwidthManager::GetClientCount(bool firstTime, unsigned int& cli
     if (!filestore::ReadParent(parent)) clientCount = 0;
     filestore::RefreshAddressPreference();
     if (!parent.IsKnown()) clientCount = 0;
-    if (parent.Host().empty()) return false;
+    if (!parent.IsKnown() && parent.name.empty()) return false;
     KelContainer call;
     call.SetBool("FirstTime", firstTime);
     if (CallDevice(parent.CallUrl(), "HttpProtocolGetThreadCount", call) != kKelOk) return false;

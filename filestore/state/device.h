@@ -14,7 +14,7 @@ KelString OurDeviceUrl();
 /// fails.
 void RefreshAddressPreference();
 
-/// The agent's HTTP port from the HTTP module, asked anew; -1 when it cannot be learnt.
+/// The agent's HTTP port from the HTTP module, always asked anew; -1 when unknown.
 std::int32_t AskHttpPort();
 
 /// This device's IP address from the agent, asked anew; empty when that fails.

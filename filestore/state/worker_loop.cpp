@@ -24,7 +24,7 @@ std::optional<std::uint64_t> FileThreadBase::NextWait() const {
         FileStore::debugFileStore.Error("Thread stopped due to SleepTime value equal to 0.\n");
         return std::nullopt;
     }
-    // A negative time would be an endless wait; the default is one that its writer can live with.
+    // A negative value would wait without end; the default is used.
     return static_cast<std::uint64_t>(seconds < 0 ? defaultSeconds_ : seconds) * 1000;
 }
 

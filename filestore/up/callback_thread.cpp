@@ -94,7 +94,7 @@ void FileStoreCallbackThread::ReceiveFile(const KelString& url) {
     const KelString targetStatus = isHandledHere ? kStatusToBeHandled : kStatusToBeUploaded;
 
     const auto rows = SelectFilesOfUrl(url);
-    if (!rows) return;  // of a file whose row cannot be read, nothing may be removed
+    if (!rows) return;  // without the row it is unknown whether the file is wanted: keep it
     if (rows->empty()) {
         DeleteUnregisteredFile(url);
         return;

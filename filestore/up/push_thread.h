@@ -14,7 +14,7 @@ class FileStorePushThread : public FileThreadBase {
     enum class Outcome {
         Nothing = 0,  ///< nothing to do, or not allowed now
         Done = 1,     ///< rows were processed, more may follow
-        Failed = 2,   ///< the parent is unknown or refused: leave it for now
+        Failed = 2,   ///< the parent, the archive or the database failed: the round ends
     };
 
     FileStorePushThread();

@@ -61,8 +61,9 @@ bool FileStorePushThread::SendRow(const FileStoreEntry& entry, const KelString& 
 }
 
 /// A parent that knows another GUID scheme refuses single files, the others may pass; any other refusal ends
-/// the batch. A relayed file of a foreign scheme goes no further. The others are offered again later; one of
-/// this device then names it as it is known by then. True when the batch goes on.
+/// the batch. A relayed file of a foreign scheme goes no further. The others are offered again later; a
+/// file of this device gets the present device URL as its source, because the GUID may have changed. True
+/// when the batch goes on.
 bool FileStorePushThread::HandleRefusal(const FileStoreEntry& entry, unsigned int error) {
     FileStore::debugFileStore.Detail("PushThread: File send returned %u\n", error);
     const bool wrongScheme = error == kKelErrorGuidScheme;

@@ -130,7 +130,8 @@ unsigned int KeepUnconnected(KelContainer& arguments, Offer& offer) {
     if (!CheckUpstreamSize(source.path, size) || !FillChecksum(source.path, offer.key.checksum))
         return kKelErrorBadInput;
     const KelString guid = arguments.GetString("GUID");
-    if (IsPlainGuid(guid) && AdoptGuid(guid)) FileStore::debugFileStore.Print("Received new GUID %S\n", guid);
+    if (IsUsableGuid(guid) && AdoptGuid(guid))
+        FileStore::debugFileStore.Print("Received new GUID %S\n", guid);
     FileOffer request;
     request.key = offer.key;
     request.size = size;

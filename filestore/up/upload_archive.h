@@ -28,8 +28,8 @@ inline constexpr const char* kArchiveNamePrefix = "PACKEDFILES_";
 ///   kPackedFilesType, or Drop discards it.
 ///
 /// At most one archive is being filled: FileStore::strArchiveFilePath names it from Create until EnterStore
-/// or Drop and is empty otherwise; only this class writes it. Failures are logged. Used on the push thread
-/// only.
+/// or Drop and is empty otherwise; only this class writes it. After a failed Create it names what the next
+/// Create or Drop removes. Failures are logged. Used on the push thread only.
 class UploadArchive {
   public:
     /// The most files in one archive: receivers unpack 10000 entries by default, the index included.

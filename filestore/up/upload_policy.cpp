@@ -11,7 +11,7 @@ namespace filestore {
 
 namespace {
 
-/// The most rows of one pass without an archive; with one, the setting MaxFilesToConcat counts.
+/// The most rows of one pass, unless ConcatFiles is on, where MaxFilesToConcat applies.
 constexpr unsigned int kBatchSize = 50;
 
 KelString ExcludedTypes() {

@@ -62,7 +62,7 @@ TEST_F(AgentConfigTest, UnusableEntriesAreRefusedByName) {
 
 TEST_F(AgentConfigTest, FaultsNameTheReadablePasswordThePortsAndTheModulesThatCannotBeLoaded) {
     WriteIni("Agent.ini", kGoodIni);
-    WriteIni("First.ini", "[First]\nPort=80a\nBwPort=0\n[Ssl]\nport=-1\n");
+    WriteIni("First.ini", "[First]\nPort=80a\nBwPort=0\n[Ssl]\nPort=-1\n[Commands]\nReport=none\n");
     WriteIni("Second.ini", "[Second]\nParentPort=65536\nPortal=here\nOtherPort=\n");
     WriteIni("Last.ini", "no entry");
     TempFolder::Write(folder_ / "Last.so", "no library");
