@@ -124,7 +124,7 @@ TestHttpServer::Script TestHttpServer::FileScript(std::string content) {
         if (offset >= content.size()) return {416};
         const std::string size = std::to_string(content.size());
         const std::string last = std::to_string(content.size() - 1);
-        return {206, "Content-Range: bytes " + range[1] + "-" + last + "/" + size + "\r\n",
+        return {206, "Content-Range: bytes " + range[1].str() + "-" + last + "/" + size + "\r\n",
                 content.substr(offset)};
     };
 }
