@@ -1,7 +1,6 @@
 """The agent program and the command line as an operator meets them."""
 
 import os
-import signal
 import subprocess
 import time
 import unittest
@@ -25,8 +24,7 @@ class StartTest(SystemTest):
             agent.set_ini("Agent", "Agent", "LogLevel", "detail")
             self.assertEqual(self.run_agent(tree, "--root", root, "--check")[0], 0)
             self.assertEqual(self.run_agent(tree)[0], 2)
-            agent.start()
-            agent.wait_ready()
+            tree.start()
             steps = ["FileStore Module Activate starting", "HttpProtocol Listening on",
                      f"Agent Ready at {agent.address}:{agent.port}"]
             log = agent.log()
@@ -51,8 +49,7 @@ class StartTest(SystemTest):
             agent = tree.master
             self.refused(agent.kel, "status", code=3)
             self.refused(agent.kel, "publish", "/no/such/file", "--type", "t", code=2)
-            agent.start()
-            agent.wait_ready()
+            tree.start()
             self.refused(agent.call, "NoSuchAction")
             agent.kel("settings", "set", "MulticastTTL=7")
             self.assertEqual(agent.kel("settings", "get", "MulticastTTL"), [{"Name": "MulticastTTL", "Value": "7"}])
@@ -60,6 +57,11 @@ class StartTest(SystemTest):
             self.assertEqual([(item["Direction"], set(item["Slots"].split())) for item in agent.kel("windows")], [(1, {"0"})])
             agent.kel("windows", "set", "up", "--remove")
             self.assertEqual(agent.kel("windows"), [])
+            paths = write_files(tree.folder / "out", {"good.bin": 10, "empty.bin": 0})
+            twin = write_files(tree.folder / "sub", {"good.bin": 11})["good.bin"]
+            for files, text in ((paths.values(), "empty"), ([paths["good.bin"], twin], "named")):
+                self.assertIn(text, self.refused(agent.kel, "send", "--type", "t", "--label", "l", *files))
+            self.assertNotIn("good.bin", [file["FileName"] for file in agent.kel("files", "--upstream")])
             again = self.refused(agent.kel, "init", agent.root, "--role", "master", "--address", "127.9.9.9", "--port",
                                  20000, "--password-file", tree.password_file)
             self.assertIn("exists", again)
@@ -80,8 +82,7 @@ class TlsTest(SystemTest):
             lax.write_text("openssl_conf=a\n[a]\nssl_conf=b\n[b]\nsystem_default=c\n"
                            "[c]\nMinProtocol=TLSv1\nCipherString=DEFAULT@SECLEVEL=0\n")
             with mock.patch.dict(os.environ, OPENSSL_CONF=str(lax)):
-                agent.start()
-            agent.wait_ready()
+                tree.start()
             path = write_files(tree.folder / "files", {"data": 3 << 20})["data"]
             checksum = tree.publish([path], to="none")[0]["FileChecksum"]
             server = f"{agent.address}:{port}"
@@ -116,16 +117,6 @@ class StopTest(SystemTest):
                 self.assertEqual(agent.stop(STOP_SECONDS + 5), 0, agent.stderr()[-2000:])
                 self.assertLess(time.monotonic() - begin, STOP_SECONDS, agent.name)
             self.end(tree)
-
-    def test_a_signal_for_the_process_and_its_group_is_one_stop(self):
-        with Tree(BUILD, []) as tree:
-            tree.master.start()
-            tree.master.wait_ready()
-            tree.master.process.send_signal(signal.SIGSTOP)  # so that both signals wait for it together
-            for number in (signal.SIGTERM, signal.SIGINT):
-                tree.master.process.send_signal(number)
-            tree.master.process.send_signal(signal.SIGCONT)
-            self.assertEqual(tree.master.process.wait(STOP_SECONDS), 0)
 
 
 if __name__ == "__main__":

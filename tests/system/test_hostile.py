@@ -3,7 +3,6 @@
 import hashlib
 import io
 import json
-import subprocess
 import unittest
 import urllib.parse
 import warnings
@@ -11,10 +10,8 @@ import zipfile
 
 from case import BUILD, SystemTest, collected_files
 from digest_client import DigestClient
-from tree import AGENT_NAME, PASSWORD, Tree, sha256_of, wait_until
+from tree import Tree, sha256_of, wait_until
 
-CONTENT = bytes(range(256)) * 40
-SYMLINK_MODE = 0o120777 << 16
 INDEX = "Temp/PackedFilesInfo.xml"
 GOOD_INDEX = ('<Container><Value name="PackedFile" type="container"><Value name="FileType">T</Value>'
               '<Value name="FileLabel">L</Value><Value name="FileName">%s</Value><Value name="FileChecksum">%s</Value>'
@@ -24,7 +21,7 @@ CHECKSUM = hashlib.md5(b"evil").hexdigest()
 
 
 def zip_of(entries):
-    """A zip file with these (name or ZipInfo, content) entries."""
+    """A zip file with these (name, content) entries."""
     buffer = io.BytesIO()
     with zipfile.ZipFile(buffer, "w") as archive, warnings.catch_warnings():
         warnings.simplefilter("ignore")  # about names that occur twice
@@ -34,7 +31,7 @@ def zip_of(entries):
 
 
 class HostileTest(SystemTest):
-    """A relay with a published file, and its master, to which a device that knows the password sends files."""
+    """A relay and its master, to which a device that knows the password sends files."""
 
     @classmethod
     def setUpClass(cls):
@@ -42,12 +39,6 @@ class HostileTest(SystemTest):
         cls.addClassCleanup(cls.tree.close)
         cls.tree.start()
         cls.agent, cls.relay = cls.tree.master, cls.tree.relays[0]
-        path = cls.tree.folder / "odd name %41#.bin"
-        path.write_bytes(CONTENT)
-        cls.tree.publish([path], "Road", "label")
-        cls.tree.wait_delivered({("label", path.name): sha256_of(path)}, [cls.relay], 60)
-        checksum = hashlib.md5(CONTENT).hexdigest()
-        cls.url = f"/FileStore/downstream/Road/label/{checksum}/{urllib.parse.quote(path.name)}"
         cls.stranger = cls.agent.address.rsplit(".", 1)[0] + ".200"
         cls.client = DigestClient(cls.agent, cls.stranger)
         cls.source = f"{cls.stranger}:1610/{cls.agent.identity()['GUID'][:4]}0000-0000-0000-0000-000000000001"
@@ -88,24 +79,6 @@ class HostileTest(SystemTest):
         self.assertEqual(result, 0, body)
         return urllib.parse.quote(json.loads(body)["FileURL"])
 
-    def test_the_curl_program_resumes_a_download(self):
-        target = self.relay.root / "download"
-        target.write_bytes(CONTENT[:777])
-        subprocess.run(["curl", "-sS", "--fail", "--digest", "-K", "-", "-C", "-", "-o", target,
-                        f"http://{self.relay.address}:{self.relay.port}{self.url}"], check=True, timeout=30, text=True,
-                       input=f'user = "{AGENT_NAME}:{PASSWORD}"\n')
-        self.assertEqual(target.read_bytes(), CONTENT)
-
-    def test_only_the_published_folders_are_served(self):
-        relay = DigestClient(self.relay)
-        self.assertEqual(relay.request("GET", self.url)[2], CONTENT)
-        store = self.relay.data / "FileStore"
-        (store / "Upstream.sqlite.damaged-20260101T000000Z").write_bytes(b"moved aside")
-        databases = [f"/FileStore/{path.name}" for path in store.glob("*.sqlite*")]
-        for target in ("/FileStore/../../config/Agent.ini", "/FileStore/downstream/..%2f..%2f..%2f..%2fconfig/Agent.ini",
-                       "/config/Agent.ini", "/FileStore/downstream/Road", *databases):
-            self.assertEqual(relay.request("GET", target)[0], 404, target)
-
     def test_only_the_upstream_store_can_be_written(self):
         for target in ("/FileStore/downstream/x.bin", "/FileStore/x.bin", "/FileStore/Upstream.sqlite", "/x.bin",
                        "/QuarnelDatabase/x.bin", "/FileStore/upstream/../x.bin", "/FileStore/upstream/T/L/none/x.bin"):
@@ -129,9 +102,6 @@ class HostileTest(SystemTest):
         self.assertEqual(self.relay.stored_files(), before)
 
     def test_only_good_archives_are_unpacked(self):
-        link = zipfile.ZipInfo(f"upstream/T/L/{CHECKSUM}/link")
-        link.external_attr = SYMLINK_MODE
-        link.create_system = 3
         index = (INDEX, GOOD_INDEX % ("evil.bin", CHECKSUM, self.source))
         good = (f"upstream/T/L/{CHECKSUM}/evil.bin", b"evil")
         refused, extracted = "Failed to extract packedfile", "Refusing packedfile"
@@ -140,7 +110,6 @@ class HostileTest(SystemTest):
             "parent": ([index, ("../../../evil.bin", b"evil")], extracted),
             "inner parent": ([index, ("upstream/T/L/../../../../evil.bin", b"evil")], extracted),
             "absolute": ([index, (str(self.agent.root / "config" / "Agent.ini"), b"evil")], extracted),
-            "link": ([index, (link, "/etc/passwd")], refused),
             "twice": ([index, good, good], refused),
             "malformed index": ([(INDEX, "<Container><Value"), good], "does not contains required data."),
             "index with a path": ([(INDEX, GOOD_INDEX % ("../../evil.bin", CHECKSUM, self.source)), good],
@@ -149,7 +118,7 @@ class HostileTest(SystemTest):
         for case, (entries, logged) in cases.items():
             with self.subTest(case):
                 self.log_begin = len(self.agent.log())
-                self.send_archive(f"{case}.zip", zip_of(entries) if entries else CONTENT)
+                self.send_archive(f"{case}.zip", zip_of(entries) if entries else b"no zip")
                 self.wait_logged(logged)
                 self.assertEqual(self.untouchables(), self.before)
                 self.assertNotIn("evil.bin", self.collected_names())

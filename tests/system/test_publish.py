@@ -33,9 +33,12 @@ class WatchTest(SystemTest):
             watch = self.start_watching(tree, paths["a.bin"], "--type", "Doomed", "--label", "l", "--to", "all")
             output, lines = watch.communicate(timeout=60)
             self.assertEqual((watch.returncode, self.counts(output)), (1, [(2, 1, 1, 0)]), lines)
+            self.assertIn("a.bin  1 of 2 delivered, 1 failed", lines)
             publication = tree.master.kel("publications")[0]
             by_name = {item["Name"]: item["Status"] for item in tree.master.kel("publications", publication["PublicationId"])}
             self.assertEqual(by_name, {relay.name: "delivered", client.name: "failed"})
+            watch = self.start_watching(tree, paths["a.bin"], "--type", "Demo", "--label", "n", "--to", "none")
+            self.assertEqual((self.counts(watch.communicate(timeout=20)[0]), watch.returncode), ([(0, 0, 0, 0)], 0))
             self.check_interruption(tree)
             self.end(tree)
 

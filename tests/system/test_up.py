@@ -60,18 +60,6 @@ class RoadUpTest(SystemTest):
         wait_collected(tree.master, expected_from(client, [path], "label one"), 30)
         self.assertEqual(len([key for key in collected_files(tree.master) if key[2] == path.name]), 2)
 
-    def test_what_is_not_sent(self):
-        with Tree(BUILD, []) as tree:
-            tree.master.start()
-            tree.master.wait_ready()
-            folder = tree.folder / "out"
-            paths = write_files(folder, {"good.bin": 10, "empty.bin": 0})
-            (folder / "sub").mkdir()
-            twin = write_files(folder / "sub", {"good.bin": 11})["good.bin"]
-            for files, text in ((paths.values(), "empty"), ([paths["good.bin"], twin], "named")):
-                self.assertIn(text, self.refused(send, tree.master, files, "l"))
-            self.assertNotIn("good.bin", [file["FileName"] for file in tree.master.kel("files", "--upstream")])
-
 
 class PackingTest(SystemTest):
     def test_archives_are_proper_zip_files(self):

@@ -76,27 +76,6 @@ TEST_F(AgentConfigTest, FaultsNameTheReadablePasswordThePortsAndTheModulesThatCa
     EXPECT_THAT(Faults(), Contains(HasSubstr("chmod 600")));
 }
 
-TEST_F(AgentConfigTest, OneLockOnARoot) {
-    auto first = LockRoot(root_);
-    ASSERT_TRUE(first);
-    const auto second = LockRoot(root_);
-    ASSERT_FALSE(second);
-    EXPECT_EQ(second.Error().code, kRootLocked);
-    first->Reset();
-    EXPECT_TRUE(LockRoot(root_));
-}
-
-TEST(AgentOptionsTest, UnusableArgumentsEndWithUsage) {
-    for (std::vector<const char*> arguments :
-         std::vector<std::vector<const char*>>{{}, {"--root"}, {"--root", "d", "extra"}, {"--unknown"}}) {
-        arguments.insert(arguments.begin(), "kelagent");
-        int exitCode = 0;
-        EXPECT_FALSE(ParseAgentOptions(static_cast<int>(arguments.size()),
-                                       const_cast<char**>(arguments.data()), exitCode));
-        EXPECT_EQ(exitCode, kExitUsage);
-    }
-}
-
 TEST(AgentOptionsTest, FoldersAreCompleteAndEndWithASlash) {
     const char* arguments[] = {"kelagent", "--modules", "/m/x/..", "--root", "/r", "--check"};
     int exitCode = kExitFailure;

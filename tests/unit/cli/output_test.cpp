@@ -31,27 +31,6 @@ TEST(ProgressBarTest, ShareIsClampedAndAnEmptyWholeIsDone) {
     EXPECT_EQ(ProgressBar::Text(0, 0, 4), "[####] 100 %");
 }
 
-TEST(PublicationWatchTest, AFailureCountsOnceNoTargetIsPending) {
-    struct Case {
-        int targets, delivered, failed;
-        PublicationState state;
-        const char* text;
-    };
-    for (const Case& test : {Case{0, 0, 0, PublicationState::Complete, "f  0 of 0 delivered"},
-                             Case{3, 2, 0, PublicationState::Going, "f  2 of 3 delivered"},
-                             Case{3, 1, 1, PublicationState::Going, "f  1 of 3 delivered, 1 failed"},
-                             Case{3, 2, 1, PublicationState::Failed, "f  2 of 3 delivered, 1 failed"},
-                             Case{3, 3, 0, PublicationState::Complete, "f  3 of 3 delivered"}}) {
-        KelContainer publication;
-        publication.SetString("File", "f");
-        publication.SetInt32("Targets", test.targets);
-        publication.SetInt32("Delivered", test.delivered);
-        publication.SetInt32("Failed", test.failed);
-        EXPECT_EQ(StateOf(publication), test.state) << test.text;
-        EXPECT_EQ(WatchText(publication), test.text);
-    }
-}
-
 TEST(PublicationWatchTest, AsksForItsOwnPublicationsAndTakesTheirCounts) {
     const auto list = [](const KelVector<std::pair<const char*, int>>& publications) {
         KelContainer container;
@@ -76,13 +55,6 @@ TEST(PublicationWatchTest, AsksForItsOwnPublicationsAndTakesTheirCounts) {
 TEST(PublicationWatchTest, AMasterThatAnswersSlowlyIsAskedLessOften) {
     EXPECT_EQ(WatchPause(std::chrono::milliseconds(3)), std::chrono::milliseconds(500));
     EXPECT_EQ(WatchPause(std::chrono::seconds(7)), std::chrono::seconds(7));
-}
-
-TEST(FileNamesTest, FilesOfOneNameInTwoFoldersAreRefused) {
-    EXPECT_TRUE(CheckDifferentNames({"d1/x.txt", "d1/y.txt"}));
-    const KelStatus same = CheckDifferentNames({"d1/x.txt", "d1/y.txt", "d2/../d2/x.txt"});
-    ASSERT_FALSE(same);
-    EXPECT_NE(same.Error().message.find("'x.txt'"), KelString::npos);
 }
 
 TEST(FileCommandTest, AllValuesAreShownForPeople) {

@@ -1,12 +1,10 @@
 #include "console_fixture.h"
+#include "on_threads.h"
 
 namespace {
 
 TEST_F(ConsoleTest, ListsTheTreeAsTheIniFileHasItNow) {
     RunningModule<Console> module;
-    const KelContainer devices = Call("ConsoleListDevices");
-    EXPECT_EQ(devices.Count("Values"), 3U);
-    ExpectValues(devices.GetContainer("Values"), {"PathName=" + kMasterPath, "Role=master", "Name=boss"});
     ExpectValues(DeviceNamed(kClient),
                  {"Name=desk", "Parent=" + kNorth, "Address=127.0.3.3:1610", "LastSeen=0"});
 
@@ -85,18 +83,9 @@ TEST_F(ConsoleTest, UnusableRequestsAreRefusedAndPublishNothing) {
 
 TEST_F(ConsoleTest, ManyThreadsMayPublishTheSameFile) {
     RunningModule<Console> module;
-    std::vector<std::jthread> threads;
-    for (int i = 0; i < 8; ++i)
-        threads.emplace_back([this] { Publish(Request("north")); });
-    threads.clear();
+    OnThreads(8, [this](int) { Publish(Request("north")); });
     ASSERT_EQ(OfferCount(), 8U);
     EXPECT_EQ(TempFolder::Read(Offers()[7].GetString("FilePath")), "content");
-}
-
-TEST_F(ConsoleTest, ScriptsAreNotAvailable) {
-    RunningModule<Console> module;
-    EXPECT_EQ(Call("QuarnelDbRunScript", KelContainer()), kKelErrorNotAvailable);
-    EXPECT_EQ(Call("QuarnelDbObjectListTypes").GetString("Types"), "Device");
 }
 
 }  // namespace

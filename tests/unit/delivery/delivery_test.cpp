@@ -1,4 +1,5 @@
 #include "delivery_fixture.h"
+#include "on_threads.h"
 
 namespace {
 
@@ -23,16 +24,20 @@ TEST_F(DeliveryTest, FilesGoToTheirFolders) {
 }
 
 TEST_F(DeliveryTest, NewContentReplacesAndTheSameContentChangesNothing) {
-    RunningModule<Delivery> module;
+    ActiveModule<Delivery> module;
     ASSERT_EQ(Announce(Stored("T", "f", "old")), 0U);
     const KelContainer file = Stored("T", "f", "new!");
-    ASSERT_EQ(Announce(file), 0U);
+    for (int i = 0; i < 3; ++i)
+        ASSERT_EQ(Announce(file), 0U);
     EXPECT_EQ(TempFolder::Read(InboxPath("T", "f")), "new!");
+    EXPECT_TRUE(AllJobsEnd());
     ExpectValues(Call("DeliveryListFiles").GetContainer("Values"), {"FileChecksum=" + TextMd5("new!")});
     const auto time = std::filesystem::last_write_time(InboxPath("T", "f"));
     std::filesystem::remove(file.GetString("FilePath"));
     EXPECT_EQ(Announce(file), 0U) << "nothing needs to be read from the store";
     EXPECT_EQ(std::filesystem::last_write_time(InboxPath("T", "f")), time);
+    EXPECT_TRUE(std::filesystem::is_empty(Pending()));
+    EXPECT_EQ(OfferCount(), 2U) << "one receipt for each content";
 }
 
 TEST_F(DeliveryTest, UnusableFilesAreRefused) {
@@ -95,6 +100,8 @@ TEST_F(DeliveryTest, FilesThatCouldNotBeCopiedAreSettledAtTheNextStart) {
         EXPECT_EQ(Announce(Stored("T", "replaced", "new")), 0U);
     }
     TempFolder::Write(InboxPath("T", ".kel-abcdef"), "a copy cut off by a kill");
+    TempFolder::Write(Pending() + "/00000000000000000007.xml", "<Container><Val");
+    TempFolder::Write(Pending() + "/notes.txt", "x");
     ActiveModule<Delivery> module;
     EXPECT_TRUE(AllJobsEnd());
     EXPECT_EQ(TempFolder::Read(InboxPath("T", "late")), "late");
@@ -106,28 +113,17 @@ TEST_F(DeliveryTest, FilesThatCouldNotBeCopiedAreSettledAtTheNextStart) {
                                                               {TextMd5("new"), "delivered"}}));
 }
 
-TEST_F(DeliveryTest, DamagedJobsAreRemoved) {
-    TempFolder::Write(Pending() + "/00000000000000000007.xml", "<Container><Val");
-    TempFolder::Write(Pending() + "/notes.txt", "x");
-    RunningModule<Delivery> module;
-    EXPECT_TRUE(std::filesystem::is_empty(Pending()));
-}
-
 TEST_F(DeliveryTest, ManyFilesMayArriveAtOnce) {
     WriteIni("Delivery", "[Commands]\nT = /bin/true\n");
     ActiveModule<Delivery> module;
     std::vector<KelContainer> files;
     for (int i = 0; i < 16; ++i)
         files.push_back(Stored("T", "f" + std::to_string(i % 8), "content" + std::to_string(i)));
-    std::vector<std::jthread> threads;
-    for (std::size_t thread = 0; thread < 4; ++thread) {
-        threads.emplace_back([&files, thread] {
-            for (std::size_t i = thread; i < 16; i += 4)
-                EXPECT_EQ(Announce(files[i]), 0U);
-            Call("DeliveryListFiles");
-        });
-    }
-    threads.clear();
+    OnThreads(4, [&files](int thread) {
+        for (std::size_t i = 0; i < 4; ++i)
+            EXPECT_EQ(Announce(files[4 * i + thread]), 0U);
+        Call("DeliveryListFiles");
+    });
     EXPECT_EQ(Call("DeliveryListFiles").Count("Values"), 8U);
     EXPECT_TRUE(AllJobsEnd());
 }

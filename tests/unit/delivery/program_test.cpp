@@ -79,17 +79,13 @@ TEST(RunProgram, LongLinesAreCutAndAllOutputIsRead) {
 }
 
 TEST(CommandLine, IsSplitAtBlanksOutsideQuotes) {
-    struct Case {
-        const char* text;
-        KelVector<KelString> words;
-    };
-    for (const Case& test : {Case{"/bin/a", {"/bin/a"}}, Case{"  /bin/a  b\tc ", {"/bin/a", "b", "c"}},
-                             Case{"\"/opt/my tool\" \"\" x\"y z\"", {"/opt/my tool", "", "xy z"}},
-                             Case{"/bin/a $(b);c 'd e'", {"/bin/a", "$(b);c", "'d", "e'"}}}) {
-        const auto words = SplitCommandLine(test.text);
-        ASSERT_TRUE(words) << test.text;
-        EXPECT_EQ(*words, test.words) << test.text;
-    }
+    const std::pair<const char*, KelVector<KelString>> cases[] = {
+        {"/bin/a", {"/bin/a"}},
+        {"  /bin/a  b\tc ", {"/bin/a", "b", "c"}},
+        {"\"/opt/my tool\" \"\" x\"y z\"", {"/opt/my tool", "", "xy z"}},
+        {"/bin/a $(b);c 'd e'", {"/bin/a", "$(b);c", "'d", "e'"}}};
+    for (const auto& [text, words] : cases)
+        EXPECT_EQ(*SplitCommandLine(text), words) << text;
     for (const char* bad : {"", "  ", "tool", "\"\" /bin/a", "/bin/a \"b"})
         EXPECT_FALSE(SplitCommandLine(bad)) << bad;
 }

@@ -6,48 +6,39 @@
 
 namespace {
 
-using FileGetTest = HttpServerFixture;
+using FileGetTest = RunningHttpServer;
 
 TEST_F(FileGetTest, AnswersRangesOfSmallAndLargeFiles) {
-    struct Case {
-        std::string range;
-        int status;
-        std::size_t offset, length;
-    };
-    Start();
     HttpTestClient client = Connect();
     for (const std::size_t size : {std::size_t{1000}, std::size_t{5000000}}) {
         const std::string content = PatternBytes(size);
         WriteFile("data", content);
-        for (const Case& test : {
-                 Case{"", 200, 0, size},
-                 Case{"Range: bytes=0-0\r\n", 206, 0, 1},
-                 Case{"Range: bytes=500-\r\n", 206, 500, size - 500},
-                 Case{"Range: bytes=-300\r\n", 206, size - 300, 300},
-                 Case{"Range: bytes=-99999999\r\n", 206, 0, size},
-                 Case{"Range: bytes=10-99999999999999999999999\r\n", 206, 10, size - 10},
-                 Case{"Range: bytes=99999999-\r\n", 416, 0, 0},
-                 Case{"Range: bytes=-0\r\n", 416, 0, 0},
-                 Case{"Range: bytes=0-1,5-6\r\n", 200, 0, size},
-                 Case{"Range: bytes=9-3\r\n", 200, 0, size},
-                 Case{"Range: lines=1-2\r\n", 200, 0, size},
-                 Case{"Range: bytes=a-b\r\n", 200, 0, size},
-             }) {
-            SCOPED_TRACE(test.range);
-            TestAnswer answer = client.AskGranted("GET", "/Files/data", test.range);
-            EXPECT_EQ(answer.status, test.status);
-            EXPECT_TRUE(answer.body == content.substr(test.offset, test.length));
-            const std::string part =
-                std::to_string(test.offset) + "-" + std::to_string(test.offset + test.length - 1);
-            const std::string field =
-                "bytes " + (test.status == 206 ? part : "*") + "/" + std::to_string(size);
-            EXPECT_EQ(answer.fields["content-range"], test.status == 200 ? "" : field);
+        const std::tuple<std::string, int, std::size_t, std::size_t> cases[] = {
+            {"", 200, 0, size},
+            {"Range: bytes=0-0\r\n", 206, 0, 1},
+            {"Range: bytes=500-\r\n", 206, 500, size - 500},
+            {"Range: bytes=-300\r\n", 206, size - 300, 300},
+            {"Range: bytes=-99999999\r\n", 206, 0, size},
+            {"Range: bytes=10-99999999999999999999999\r\n", 206, 10, size - 10},
+            {"Range: bytes=99999999-\r\n", 416, 0, 0},
+            {"Range: bytes=-0\r\n", 416, 0, 0},
+            {"Range: bytes=0-1,5-6\r\n", 200, 0, size},
+            {"Range: bytes=9-3\r\n", 200, 0, size},
+            {"Range: lines=1-2\r\n", 200, 0, size},
+            {"Range: bytes=a-b\r\n", 200, 0, size}};
+        for (const auto& [range, status, offset, length] : cases) {
+            SCOPED_TRACE(range);
+            TestAnswer answer = client.AskGranted("GET", "/Files/data", range);
+            EXPECT_EQ(answer.status, status);
+            EXPECT_TRUE(answer.body == content.substr(offset, length));
+            const std::string part = std::to_string(offset) + "-" + std::to_string(offset + length - 1);
+            const std::string field = "bytes " + (status == 206 ? part : "*") + "/" + std::to_string(size);
+            EXPECT_EQ(answer.fields["content-range"], status == 200 ? "" : field);
         }
     }
 }
 
 TEST_F(FileGetTest, ValidatorsDecideOnPartsAndCopies) {
-    Start();
     WriteFile("data", "0123456789");
     HttpTestClient client = Connect();
     TestAnswer head = client.AskGranted("HEAD", "/Files/data");
@@ -64,7 +55,6 @@ TEST_F(FileGetTest, ValidatorsDecideOnPartsAndCopies) {
 }
 
 TEST_F(FileGetTest, NothingOutsideAnAliasIsServed) {
-    Start();
     const std::string secret = "not to be seen";
     TempFolder::Write(root_ / "outside", secret);
     for (const char* name : {"a.sqlite", "in/.kel-upload-00", "in/seen", "Filesx"})
@@ -90,7 +80,6 @@ TEST_F(FileGetTest, NothingOutsideAnAliasIsServed) {
 }
 
 TEST_F(FileGetTest, TheAgentsDatabasesAndIniFilesAreServedOverNoAliasAndAnyOtherIs) {
-    Start();
     std::filesystem::create_directory_symlink("../elsewhere", root_ / "data/Moved");
     std::filesystem::create_directory_symlink("data/Store", root_ / "link");
     for (const char* name :
@@ -120,7 +109,6 @@ TEST_F(FileGetTest, TheAgentsDatabasesAndIniFilesAreServedOverNoAliasAndAnyOther
 }
 
 TEST_F(FileGetTest, AFileThatShrinksWhileItIsSentEndsTheConnection) {
-    Start();
     WriteFile("data", "");
     std::filesystem::resize_file(File("data"), 256 << 20);
     HttpTestClient client = Connect();
@@ -133,7 +121,6 @@ TEST_F(FileGetTest, AFileThatShrinksWhileItIsSentEndsTheConnection) {
 }
 
 TEST_F(FileGetTest, NamesTravelAsBytesAndTheLongestAliasWins) {
-    Start();
     std::filesystem::create_directories(root_ / "other/in");
     AddAlias("/Other/", root_ / "other");
     TempFolder::Write(root_ / "other/in/f", "short alias");
@@ -152,7 +139,6 @@ TEST_F(FileGetTest, NamesTravelAsBytesAndTheLongestAliasWins) {
 }
 
 TEST_F(FileGetTest, OnlyThisDeviceChangesAliases) {
-    Start();
     WriteFile("f", "content");
     const KelContainer alias = Values({"AliasName=Files", "AliasPath=/"});
     for (const char* action : {"HttpProtocolAddAlias", "HttpProtocolDeleteAlias"})

@@ -42,6 +42,15 @@ class HttpServerFixture : public ModuleFixture {
     std::optional<ActiveModule<HttpProtocol>> module_;
 };
 
+/// The same with the module started already.
+class RunningHttpServer : public HttpServerFixture {
+  protected:
+    void SetUp() override {
+        HttpServerFixture::SetUp();
+        Start();
+    }
+};
+
 /// Bytes whose every position shows an offset that is wrong.
 inline std::string PatternBytes(std::size_t size) {
     std::string bytes(size, '\0');

@@ -1,4 +1,3 @@
-#include <sys/resource.h>
 #include <sys/socket.h>
 #include <future>
 #include <list>
@@ -48,22 +47,6 @@ TEST_F(LimitsTest, ConnectionsBeyondTheLimitOfAnAddressAreClosed) {
         << "a place came free";
 }
 
-TEST_F(LimitsTest, ThousandsOfIdleConnectionsLeaveRoomForARequest) {
-    constexpr std::size_t kIdle = 3000;
-    rlimit limit{};
-    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &limit), 0);
-    if (limit.rlim_max < 2 * kIdle + 100) GTEST_SKIP() << "both ends of the connections need descriptors";
-    limit.rlim_cur = limit.rlim_max;
-    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &limit), 0);
-    Start();
-    WriteFile("data", "content");
-    std::list<HttpTestClient> idle;
-    while (idle.size() < kIdle)
-        ASSERT_EQ(idle.emplace_back(Port()).Ask("GET", "/").status, 401);
-    EXPECT_EQ(Connect().AskGranted("GET", "/Files/data").body, "content");
-    EXPECT_EQ(idle.front().AskGranted("GET", "/Files/data").body, "content");
-}
-
 TEST_F(LimitsTest, EntriesThatAreNoNumbersAreToldOrKeepItFromStarting) {
     for (const auto& [entry, value] : {std::pair{"Port=", "80a"},
                                        {"Port=", "24790 ; the port"},
@@ -79,17 +62,6 @@ TEST_F(LimitsTest, EntriesThatAreNoNumbersAreToldOrKeepItFromStarting) {
     EXPECT_EQ(log_->Count(KelDebugLevel::Warning, "FileWorkers of section HttpProtocol is '0'"), 1);
     EXPECT_EQ(log_->Count(KelDebugLevel::Warning, "IoThreads"), 0);
     EXPECT_EQ(Connect().Ask("GET", "/").status, 401);
-}
-
-TEST_F(LimitsTest, APortThatCannotBeListenedOnFailsTheActivation) {
-    Start();
-    const std::string port = std::to_string(Port());  // a free one, once the server has left it
-    module_.reset();
-    WriteIni("HttpProtocol", "[HttpProtocol]\nPort=" + port + "\nBwPort=" + port + "\n");
-    RunningModule<HttpProtocol> twice;
-    EXPECT_EQ(twice.Run(KelModuleOperation::Activate), kModuleFailure);
-    EXPECT_EQ(log_->Count(KelDebugLevel::Error, "cannot listen on port " + port), 1);
-    EXPECT_EQ(log_->Count(KelDebugLevel::Print, "Listening"), 1) << "by the server before only";
 }
 
 TEST_F(LimitsTest, TheProbePortTakesEverythingAndAnswersNothing) {

@@ -3,11 +3,10 @@
 
 namespace {
 
-using RequestTest = HttpServerFixture;
+using RequestTest = RunningHttpServer;
 using kelhttp::DigestAuth;
 
 TEST_F(RequestTest, OnlyTheRightDigestIsGranted) {
-    Start();
     WriteFile("data", "content");
     HttpTestClient client = Connect();
     TestAnswer none = client.Ask("GET", "/Files/data");
@@ -49,7 +48,6 @@ TEST(DigestAuthTest, NonceEndsWithItsTimeAndServesOneAddress) {
 }
 
 TEST_F(RequestTest, CallsActionsInBothFormats) {
-    Start();
     FakeAction("TestEcho (string Text)", [](KelContainer* container) {
         const KelContainer info = container->GetContainer("HttpProtocolRequestInfo");
         *container = Values({"Text=" + container->GetString("Text") + "!",
@@ -99,7 +97,6 @@ TEST_F(RequestTest, RefusesWhatIsNoCall) {
 }
 
 TEST_F(RequestTest, PipelinedRequestsAreAnsweredInOrder) {
-    Start();
     const std::string large = PatternBytes(300000);
     WriteFile("a", "first");
     WriteFile("b", large);
@@ -127,7 +124,6 @@ TEST_F(RequestTest, PipelinedRequestsAreAnsweredInOrder) {
 }
 
 TEST_F(RequestTest, EmptyLinesBeforeARequestAreSkippedUpToALimit) {
-    Start();
     WriteFile("a", "first");
     HttpTestClient client = Connect();
     std::string head = client.Head("GET", "/Files/a");

@@ -5,10 +5,10 @@
 
 namespace {
 
-class UploadTest : public HttpServerFixture {
+class UploadTest : public RunningHttpServer {
   protected:
     void SetUp() override {
-        HttpServerFixture::SetUp();
+        RunningHttpServer::SetUp();
         Subscribe("HttpProtocolCallbackPut", [this](KelContainer* container) {
             event_ = *container;
             seen_ = TempFolder::Read(container->GetString("LocalPath"));
@@ -31,7 +31,6 @@ class UploadTest : public HttpServerFixture {
 };
 
 TEST_F(UploadTest, PutsTheFileInPlaceThenTellsThenAnswers) {
-    Start();
     const std::string content = PatternBytes(3 << 20);
     HttpTestClient client = Connect();
     EXPECT_EQ(client.AskGranted("PUT", "/Files/in/a%20b", "", content).status, 201);
@@ -44,7 +43,6 @@ TEST_F(UploadTest, PutsTheFileInPlaceThenTellsThenAnswers) {
 }
 
 TEST_F(UploadTest, TellsWhenToSendTheBody) {
-    Start();
     HttpTestClient client = Connect();
     const std::string fields = "Expect: 100-continue\r\nContent-Length: 4\r\n";
     client.Send(client.Head("PUT", "/Files/in/x", fields));
@@ -56,7 +54,6 @@ TEST_F(UploadTest, TellsWhenToSendTheBody) {
 }
 
 TEST_F(UploadTest, RefusesWithoutTouchingAnything) {
-    Start();
     std::filesystem::create_directories(File("in/folder"));
     std::filesystem::create_directory_symlink("folder", File("in/link"));
     WriteFile("in/old", "old");
@@ -81,7 +78,6 @@ TEST_F(UploadTest, RefusesWithoutTouchingAnything) {
 }
 
 TEST_F(UploadTest, TheAgentsDatabasesAreNotReplaced) {
-    Start();
     std::filesystem::create_directories(root_ / "data/Store/up");
     AddAlias("Files/in", root_ / "data/Store");
     HttpTestClient client = Connect();
@@ -90,7 +86,6 @@ TEST_F(UploadTest, TheAgentsDatabasesAreNotReplaced) {
 }
 
 TEST_F(UploadTest, AShortBodyLeavesNothing) {
-    Start();
     {
         HttpTestClient client = Connect();
         client.Send(client.Head("PUT", "/Files/in/x", "Content-Length: 5000000\r\n") + PatternBytes(3000000));
@@ -103,7 +98,6 @@ TEST_F(UploadTest, AShortBodyLeavesNothing) {
 }
 
 TEST_F(UploadTest, AFullDiskIsAnsweredAndLeavesNothing) {
-    Start();
     std::signal(SIGXFSZ, SIG_IGN);
     rlimit old{};
     ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &old), 0);

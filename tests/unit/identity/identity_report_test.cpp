@@ -26,36 +26,37 @@ class IdentityReportTest : public ModuleFixture {
 };
 
 TEST_F(IdentityReportTest, TheFileTellsEverythingAboutTheDevice) {
-    RunningModule<Identity> module;
-    EXPECT_FALSE(module->ReportIdentity(kNow));
-    ASSERT_EQ(OfferCount(), 1U);
-    ExpectValues(Offers()[0], {"FileType=IdentityIdentity", "FileLabel=Identity",
-                               "FileName=" + kGuid + ".xml", "Upstream=true"});
-    ExpectValues(Offers()[0].GetContainer("FileInfo"), {"GUID=" + kGuid});
-    const std::string url = "north.example:1610/" + kGuid;
-    ExpectValues(Contents()[0], {"GUID=" + kGuid, "HostName=north.example", "Role=client", "Port=1610",
-                                 "IPAddress=127.0.3.1", "MACAddress=02-00-7F-00-03-01",
-                                 "NetworkMask=255.0.0.0", "ParentGuid=" + kParentGuid, "DeviceUrl=" + url,
-                                 "PathName=" + url + "/02-00-7F-00-03-01/127.0.3.1/255.0.0.0",
-                                 "Time=" + std::to_string(kNow), "PreferIPAddresses=false"});
-    EXPECT_EQ(Contents()[0].GetType("Port"), KelContainer::Type::Int32);
-    EXPECT_EQ(Contents()[0].GetType("Time"), KelContainer::Type::Int64);
+    for (const auto& [preference, host] : {std::pair("false", "north.example"), {"true", "127.0.3.1"}}) {
+        const std::string prefers = std::string("PreferIPAddresses=") + preference;
+        WriteIni("Identity", "[Identity]\nHostName=north.example\n" + prefers + "\n");
+        RunningModule<Identity> module;
+        const Texts device = {"GUID=" + kGuid,       "HostName=north.example",       prefers,
+                              "IPAddress=127.0.3.1", "MACAddress=02-00-7F-00-03-01", "NetworkMask=255.0.0.0"};
+        ExpectValues(Call("IdentityGetValues").GetContainer("Values"), device);
+        EXPECT_FALSE(module->ReportIdentity(kNow));
+        ASSERT_GT(OfferCount(), 0U);
+        ExpectValues(Offers().back(), {"FileType=IdentityIdentity", "FileLabel=Identity",
+                                       "FileName=" + kGuid + ".xml", "Upstream=true"});
+        ExpectValues(Offers().back().GetContainer("FileInfo"), {"GUID=" + kGuid});
+        const std::string url = std::string(host) + ":1610/" + kGuid;
+        ExpectValues(Contents().back(), device);
+        ExpectValues(Contents().back(), {"Role=client", "Port=1610", "ParentGuid=" + kParentGuid,
+                                         "DeviceUrl=" + url, "Time=" + std::to_string(kNow),
+                                         "PathName=" + url + "/02-00-7F-00-03-01/127.0.3.1/255.0.0.0"});
+    }
 }
 
 TEST_F(IdentityReportTest, NothingIsSentBeforeTheGuidIsSettled) {
-    struct Case {
-        std::string role, parentGuid;
-        bool isInSync, isSent;
-    };
-    for (const Case& test :
-         {Case{"client", "", false, false}, Case{"relay", kParentGuid, false, false},
-          Case{"client", kOtherScheme, true, false}, Case{"client", "nonsense", true, false},
-          Case{"relay", kParentGuid, true, true}, Case{"master", "", false, true}}) {
+    const std::tuple<const char*, std::string, bool, bool> cases[] = {
+        {"client", "", false, false},          {"relay", kParentGuid, false, false},
+        {"client", kOtherScheme, true, false}, {"client", "nonsense", true, false},
+        {"relay", kParentGuid, true, true},    {"master", "", false, true}};
+    for (const auto& [role, parentGuid, isInSync, isSent] : cases) {
         RunningModule<Identity> module;
-        FakeRelay(test.role, test.parentGuid, test.isInSync);
+        FakeRelay(role, parentGuid, isInSync);
         const std::size_t before = OfferCount();
-        EXPECT_EQ(module->ReportIdentity(kNow), !test.isSent) << test.role << test.parentGuid;
-        EXPECT_EQ(OfferCount() - before, test.isSent ? 1U : 0U) << test.role << test.parentGuid;
+        EXPECT_EQ(module->ReportIdentity(kNow), !isSent) << role << parentGuid;
+        EXPECT_EQ(OfferCount() - before, isSent ? 1U : 0U) << role << parentGuid;
     }
     ExpectValues(Contents().back(), {"ParentGuid="});
 }

@@ -2,8 +2,9 @@
 
 #include <gtest/gtest.h>
 
-#include <mutex>
 #include <stdexcept>
+
+#include "kept_log.h"
 
 namespace {
 
@@ -11,111 +12,74 @@ using Begin = KelPeriodicThread::Begin;
 
 constexpr std::uint64_t kLostMs = 60'000;  ///< so that a lost wake-up fails instead of hanging
 
-class LinesOfLog : public KelDebugContext {
-  public:
-    void Write(KelDebugLevel level, const KelString& module, const KelString& line) override {
-        const std::lock_guard lock(mutex_);
-        if (level == KelDebugLevel::Error) errors_.push_back(module + ": " + line);
-    }
-    KelDebugLevel Level() const override { return KelDebugLevel::Error; }
-
-    KelVector<KelString> Errors() {
-        const std::lock_guard lock(mutex_);
-        return errors_;
-    }
-
-  private:
-    std::mutex mutex_;
-    KelVector<KelString> errors_;
-};
-
-TEST(PeriodicThread, AlternatesStepsAndPausesFromItsBeginningOnUntilThePauseEndsIt) {
-    struct Case {
-        Begin begin;
-        KelString expected;  ///< s: a step, 1 and 0: a pause, with what it is told of work left
-    };
-    for (const Case& each : {Case{Begin::WithStep, "s1s0s1"}, Case{Begin::WithPause, "1s1s0s1"}}) {
-        const KelDebug log("Test", "Test");
-        KelString trace;
-        int steps = 0;
+class PeriodicThreadTest : public testing::Test {
+  protected:
+    PeriodicThreadTest() { log_.SetContext(lines_); }
+    /// Runs a thread until it ends; it is at its step number `steps_` when `step` is called.
+    void Run(Begin begin, const KelPeriodicThread::Step& step, const KelPeriodicThread::NextPause& pause) {
+        steps_ = 0;
+        trace_.clear();
         KelPeriodicThread thread(
-            log, each.begin,
+            log_, begin,
             [&] {
-                trace += 's';
-                return ++steps != 2;
+                ++steps_;
+                trace_ += 's';
+                return step();
             },
-            [&](bool isWorkLeft) -> std::optional<std::uint64_t> {
-                trace += isWorkLeft ? '1' : '0';
-                if (steps == 3) return std::nullopt;
-                return 1;
+            [&](bool isWorkLeft) {
+                trace_ += isWorkLeft ? '1' : '0';
+                return pause(isWorkLeft);
             });
+        thread_ = &thread;
         ASSERT_TRUE(thread.Start());
         thread.Join();
-        EXPECT_EQ(trace, each.expected);
+    }
+    KelPeriodicThread::NextPause EndAfterStep(int last) {
+        return [this, last](bool) { return steps_ == last ? std::nullopt : std::optional<std::uint64_t>(1); };
+    }
+
+    const std::shared_ptr<KeptLog> lines_ = std::make_shared<KeptLog>();
+    KelDebug log_{"Test", "Test"};
+    KelPeriodicThread* thread_ = nullptr;
+    int steps_ = 0;
+    KelString trace_;  ///< s: a step, 1 and 0: a pause, with what it is told of work left
+};
+
+TEST_F(PeriodicThreadTest, AlternatesStepsAndPausesFromItsBeginningOnUntilThePauseEndsIt) {
+    for (const auto& [begin, expected] :
+         {std::pair{Begin::WithStep, "s1s0s1"}, std::pair{Begin::WithPause, "1s1s0s1"}}) {
+        Run(
+            begin, [this] { return steps_ != 2; }, EndAfterStep(3));
+        EXPECT_EQ(trace_, expected);
     }
 }
 
-TEST(PeriodicThread, ASignalDuringAStepEndsTheNextPauseAndCancellationEndsTheThread) {
-    const KelDebug log("Test", "Test");
-    int steps = 0, pauses = 0;
-    KelPeriodicThread thread(
-        log, Begin::WithStep,
-        [&] {
-            ++steps;
-            if (steps < 3) thread.Signal(1);
-            if (steps == 3) thread.Cancel(0, false);
-            return false;
-        },
-        [&](bool) {
-            ++pauses;
-            return kLostMs;
-        });
-    ASSERT_TRUE(thread.Start());
-    thread.Join();
-    EXPECT_EQ(steps, 3);
-    EXPECT_EQ(pauses, 2) << "a cancelled thread needs no further pause";
+TEST_F(PeriodicThreadTest, ASignalDuringAStepEndsTheNextPauseAndCancellationEndsTheThread) {
+    const auto step = [this] {
+        steps_ < 3 ? thread_->Signal(1) : thread_->Cancel(0, false);
+        return false;
+    };
+    Run(Begin::WithStep, step, [](bool) { return kLostMs; });
+    EXPECT_EQ(trace_, "s0s0s") << "a cancelled thread needs no further pause";
 }
 
-TEST(PeriodicThread, CancellationEndsAPauseWithoutAnotherStep) {
-    const KelDebug log("Test", "Test");
-    int steps = 0;
-    KelPeriodicThread thread(
-        log, Begin::WithPause, [&] { return ++steps > 0; },
-        [&](bool) {
-            thread.Cancel(0, false);
-            return kLostMs;
-        });
-    ASSERT_TRUE(thread.Start());
-    thread.Join();
-    EXPECT_EQ(steps, 0);
+TEST_F(PeriodicThreadTest, CancellationEndsAPauseWithoutAnotherStep) {
+    const auto pause = [this](bool) { return thread_->Cancel(0, false), kLostMs; };
+    Run(
+        Begin::WithPause, [] { return true; }, pause);
+    EXPECT_EQ(trace_, "1");
 }
 
-TEST(PeriodicThread, LogsWhatAStepThrowsAndGoesOnAsWithWorkLeft) {
-    const auto lines = std::make_shared<LinesOfLog>();
-    KelDebug log("Test", "Test");
-    log.SetContext(lines);
-    KelString trace;
-    int steps = 0;
-    KelPeriodicThread thread(
-        log, Begin::WithStep,
-        [&]() -> bool {
-            ++steps;
-            if (steps == 1) throw std::runtime_error("disk gone");
-            if (steps == 2) throw 5;  // NOLINT(hicpp-exception-baseclass)
-            return false;
-        },
-        [&](bool isWorkLeft) -> std::optional<std::uint64_t> {
-            trace += isWorkLeft ? '1' : '0';
-            if (steps == 3) return std::nullopt;
-            return 1;
-        });
-    ASSERT_TRUE(thread.Start());
-    thread.Join();
-    EXPECT_EQ(trace, "110");
-    const auto errors = lines->Errors();
-    ASSERT_EQ(errors.size(), 2U);
-    EXPECT_EQ(errors[0],
-              "Test: A work step failed (disk gone); the thread goes on and tries again after its wait.");
+TEST_F(PeriodicThreadTest, LogsWhatAStepThrowsAndGoesOnAsWithWorkLeft) {
+    const auto step = [this] {
+        if (steps_ == 1) throw std::runtime_error("disk gone");
+        if (steps_ == 2) throw 5;  // NOLINT(hicpp-exception-baseclass)
+        return false;
+    };
+    Run(Begin::WithStep, step, EndAfterStep(3));
+    EXPECT_EQ(trace_, "s1s1s0");
+    EXPECT_EQ(lines_->Count(KelDebugLevel::Error, "step failed (disk gone)"), 1);
+    EXPECT_EQ(lines_->TakeProblems().size(), 2U);
 }
 
 }  // namespace

@@ -16,11 +16,9 @@ class DatabaseTest : public testing::Test {
   protected:
     DatabaseTest() { log_.SetContext(kept_); }
 
-    std::unique_ptr<DBConnection> OpenPath(const KelString& path, bool serial = false,
-                                           const KelString& kind = "SQLITE32") {
+    std::unique_ptr<DBConnection> OpenPath(const KelString& path, const KelString& kind = "SQLITE32") {
         DBConnectionPool pool;
         pool.SetDebug(log_);
-        pool.SetSerialConnections(serial);
         pool.SetDatabase(kind, "", path, "", "", 0);
         return pool.CreateConnection();
     }
@@ -29,6 +27,13 @@ class DatabaseTest : public testing::Test {
         db_.reset();
         db_ = OpenPath(path_);
         return db_ != nullptr;
+    }
+    /// Each of these must be refused with one problem in the log.
+    void ExpectNotOpened(const KelVector<KelString>& paths) {
+        for (const KelString& path : paths) {
+            EXPECT_FALSE(OpenPath(path)) << path;
+            EXPECT_EQ(kept_->TakeProblems().size(), 1u) << path;
+        }
     }
     bool Run(const KelString& statement) { return db_->Query(statement) != nullptr; }
 

@@ -2,16 +2,14 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <atomic>
-#include <thread>
-
 #include "database_fixture.h"
-#include "kel/text.h"
 #include "kelcore/db/sequence_manager.h"
+#include "on_threads.h"
 
 using testing::AllOf;
 using testing::ElementsAre;
 using testing::HasSubstr;
+using testing::StartsWith;
 
 namespace {
 
@@ -36,14 +34,6 @@ TEST_F(OpenDatabaseTest, RunsExactlyOneStatement) {
     }
     EXPECT_EQ(Value("SELECT group_concat(FieldName || FieldValue) FROM T"), "a1")
         << "a refused text must not have run in part";
-
-    KelString statement = "SELECT Missing, '";
-    while (statement.size() < 5000)
-        statement += "\xC3\xA4";
-    EXPECT_FALSE(Run(statement + "'"));
-    const KelVector<KelString> lines = kept_->TakeProblems();
-    EXPECT_THAT(lines, ElementsAre(AllOf(HasSubstr("no such column: Missing"), HasSubstr("\xC3\xA4..."))));
-    EXPECT_LT(lines[0].size(), 800u) << "a long statement is logged in part";
 }
 
 TEST_F(OpenDatabaseTest, ReadsValuesAsTheyWereStored) {
@@ -67,10 +57,6 @@ TEST_F(OpenDatabaseTest, ReadsValuesAsTheyWereStored) {
     EXPECT_EQ(row->GetString(0, "Zero"), KelString("a\0b", 3));
     EXPECT_EQ(row->GetString(0, "Raw"), "\xE2\x82\xAC'\xFF");
     EXPECT_EQ(row->GetString(0, "Missing") + row->GetString(0, "Absent") + row->GetString(1, "Word"), "");
-    EXPECT_EQ(db_->GetLastResult(), row);
-    db_->DisableBackupResult();
-    EXPECT_TRUE(Run("SELECT 2"));
-    EXPECT_EQ(db_->GetLastResult(), nullptr);
 }
 
 TEST_F(OpenDatabaseTest, AnswersQuestionsAboutTablesAndRows) {
@@ -95,27 +81,6 @@ TEST_F(OpenDatabaseTest, IsDurableAndDefensive) {
     EXPECT_FALSE(Run("DELETE FROM sqlite_master"));
 }
 
-TEST_F(OpenDatabaseTest, AnObserverSeesEveryStatementBeforeItRuns) {
-    KelVector<KelString> seen;
-    ASSERT_TRUE(Run("CREATE TABLE T (Id INTEGER)"));
-    db_->SetObserver([&](const KelString& statement) { seen.push_back(Trim(statement)); });
-    {
-        DBTransaction transaction(*db_);
-        EXPECT_TRUE(Run("INSERT INTO T VALUES (1)"));
-        EXPECT_TRUE(transaction.Commit());
-    }
-    EXPECT_TRUE(Run("CREATE UNIQUE INDEX I ON T (Id)"));
-    EXPECT_FALSE(Run("INSERT INTO T VALUES (1)")) << "fails while it runs";
-    const KelString ini = folder_ / "scripts.ini";
-    ASSERT_TRUE(FileWriteText(ini, "[S]\nSql1=DELETE FROM T; DROP INDEX I\n"));
-    EXPECT_TRUE(db_->RunIniScripts(ini, "S", false));
-    db_->SetObserver({});
-    EXPECT_TRUE(Run("DELETE FROM T"));
-    EXPECT_THAT(seen, ElementsAre("BEGIN IMMEDIATE", "INSERT INTO T VALUES (1)", "COMMIT",
-                                  "CREATE UNIQUE INDEX I ON T (Id)", "INSERT INTO T VALUES (1)",
-                                  "DELETE FROM T;", "DROP INDEX I"));
-}
-
 TEST_F(DatabaseTest, FilesBelongToTheirOwnerAndACleanCloseLeavesOne) {
     ASSERT_TRUE(FileWriteText(path_, "", 0644));
     ASSERT_TRUE(Open() && Run("CREATE TABLE T (X INT)"));
@@ -132,35 +97,15 @@ TEST_F(DatabaseTest, FilesBelongToTheirOwnerAndACleanCloseLeavesOne) {
 
 TEST_F(OpenDatabaseTest, AFileHasOneConnection) {
     ASSERT_EQ(symlink(folder_.Path().c_str(), (folder_ / "link").c_str()), 0);
-    for (const KelString& name : {path_, folder_ / "./test.sqlite", folder_ / "link/test.sqlite"}) {
-        EXPECT_FALSE(OpenPath(name)) << name;
-        EXPECT_EQ(kept_->TakeProblems().size(), 1u) << name;
-    }
+    ExpectNotOpened({path_, folder_ / "./test.sqlite", folder_ / "link/test.sqlite"});
     EXPECT_TRUE(OpenPath(folder_ / "other.sqlite"));
     EXPECT_TRUE(Open()) << "once the first has closed";
 }
 
-TEST_F(OpenDatabaseTest, ASerialPoolWaitsForItsTurn) {
-    ASSERT_TRUE(Run("CREATE TABLE T (X INT)"));
-    std::atomic<bool> closing = false;
-    std::thread second([&] {
-        const auto db = OpenPath(path_, true);
-        EXPECT_TRUE(closing);
-        EXPECT_TRUE(db && db->Query("SELECT * FROM T"));
-    });
-    closing = true;
-    db_.reset();
-    second.join();
-    EXPECT_TRUE(kept_->TakeProblems().empty());
-}
-
 TEST_F(DatabaseTest, WhatCannotBeOpenedIsRefusedAndLeftAlone) {
     ASSERT_TRUE(DirCreate(folder_ / "folder"));
-    for (const KelString& name : {KelString(), folder_ / "folder", folder_ / "missing/x.sqlite"}) {
-        EXPECT_FALSE(OpenPath(name)) << name;
-        EXPECT_EQ(kept_->TakeProblems().size(), 1u) << name;
-    }
-    EXPECT_FALSE(OpenPath(path_, false, "OTHER"));
+    ExpectNotOpened({KelString(), folder_ / "folder", folder_ / "missing/x.sqlite"});
+    EXPECT_FALSE(OpenPath(path_, "OTHER"));
     EXPECT_THAT(DirList(folder_.Path()), ElementsAre("folder"));
 }
 
@@ -195,15 +140,12 @@ TEST_F(OpenDatabaseTest, ThreadsShareAConnection) {
     ASSERT_TRUE(Run("CREATE TABLE T (X INTEGER PRIMARY KEY)"));
     DBSequenceManager sequence;
     sequence.SetConnection(db_.get());
-    std::vector<std::jthread> threads;
-    for (int t = 0; t < 4; ++t)
-        threads.emplace_back([&] {
-            for (int i = 0; i < 25; ++i) {
-                EXPECT_TRUE(Run(KelFormat("INSERT INTO T VALUES (%gu)", sequence.GetId("T", "X"))));
-                EXPECT_TRUE(Run("SELECT * FROM T"));
-            }
-        });
-    threads.clear();  // joins
+    OnThreads(4, [&](int) {
+        for (int i = 0; i < 25; ++i) {
+            EXPECT_TRUE(Run(KelFormat("INSERT INTO T VALUES (%gu)", sequence.GetId("T", "X"))));
+            EXPECT_TRUE(Run("SELECT * FROM T"));
+        }
+    });
     EXPECT_EQ(Value("SELECT count(*) || ' ' || max(X) FROM T"), "100 100");
 }
 
@@ -223,6 +165,52 @@ TEST_F(OpenDatabaseTest, IdentifiersAreNeverGivenTwice) {
     ASSERT_TRUE(Run("INSERT INTO B VALUES (9223372036854775807)"));
     sequence.SetConnection(db_.get());
     EXPECT_EQ(sequence.GetId("B", "Id"), 0u);
+}
+
+/// A database of some pages, closed cleanly, that a test damages.
+class DamagedDatabaseTest : public DatabaseTest {
+  protected:
+    void SetUp() override {
+        ASSERT_TRUE(Open() && Run("CREATE TABLE T (Id INTEGER PRIMARY KEY, Text TEXT)"));
+        for (int i = 0; i < 20; ++i)
+            ASSERT_TRUE(Run("INSERT INTO T VALUES (NULL, '" + KelString(3000, 't') + "')"));
+        db_.reset();
+    }
+};
+
+TEST_F(DamagedDatabaseTest, IsMovedAsideWithItsLogAndReplacedByAnEmptyOne) {
+    const KelString sound = TempFolder::Read(path_);
+    const std::tuple<const char*, std::size_t, bool> cases[] = {
+        {"header", 0, false}, {"header, unclean stop", 0, true}, {"inner page, unclean stop", 8192, true}};
+    for (const auto& [name, offset, uncleanStop] : cases) {
+        SCOPED_TRACE(name);
+        KelString bytes = sound;
+        TempFolder::Write(path_, bytes.replace(offset, 4096, KelString(4096, '\x5A')));
+        if (uncleanStop) TempFolder::Write(path_ + "-wal", "left behind");
+        ASSERT_TRUE(Open());
+        EXPECT_TRUE(db_->GetTablesList().empty());
+        EXPECT_TRUE(Run("CREATE TABLE T (X INT)"));
+        db_.reset();
+
+        const KelVector<KelString> names = DirList(folder_.Path());
+        ASSERT_GE(names.size(), 2u);
+        EXPECT_EQ(names[0], "test.sqlite");
+        EXPECT_THAT(names[1], StartsWith("test.sqlite.damaged-"));
+        EXPECT_EQ(FileExists(folder_ / names[1] + "-wal"), uncleanStop);
+        EXPECT_TRUE(TempFolder::Read(folder_ / names[1]) == bytes);
+        EXPECT_THAT(kept_->TakeProblems(), ElementsAre(AllOf(HasSubstr(path_), HasSubstr(names[1]))));
+        EXPECT_TRUE(Open()) << "the new database is sound";
+        db_.reset();
+        for (std::size_t i = 1; i < names.size(); ++i)
+            EXPECT_TRUE(FileDelete(folder_ / names[i]));
+    }
+}
+
+TEST_F(DamagedDatabaseTest, ALeftLogAloneIsNoDamage) {
+    TempFolder::Write(path_ + "-wal", KelString(5000, 'x'));
+    ASSERT_TRUE(Open());
+    EXPECT_EQ(Value("SELECT count(*) FROM T"), "20");
+    EXPECT_TRUE(kept_->TakeProblems().empty());
 }
 
 }  // namespace

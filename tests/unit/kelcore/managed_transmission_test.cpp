@@ -87,34 +87,30 @@ TEST(ManagedTransmission, ASleepEndsWithItsWindowItsRateOrItsCaller) {
 }
 
 TEST(ManagedTransmission, RelativeRatesAreSharesOfTheProbedBandwidth) {
+    using Manager = FakeBandwidthManager;
     struct Case {
         const char* name;
         std::size_t pieceBytes;  // a twentieth of a second at the expected rate
         std::size_t probes;
-        unsigned long rate = 50, bytesPerSecond = 2'000'000;
-        unsigned int clients = 1, port = 7000;
-        bool perThousand = false, peerAnswers = true;
+        void (*change)(Manager& manager);  // from half of a probed bandwidth of 2 MB/s
     };
     const Case cases[] = {
-        {"half", 50'000, 1},
-        {"half among four", 12'500, 1, 50, 2'000'000, 4},
-        {"no clients told", 50'000, 1, 50, 2'000'000, 0},
-        {"per thousand", 5'000, 1, 50, 2'000'000, 1, 7000, true},
-        {"over the whole", 100'000, 1, 300},
-        {"no probe offered", 50'000, 0, 80, 2'000'000, 1, 0},
-        {"probe fails", 50'000, 1, 80, 0},
-        {"peer silent", 50'000, 0, 80, 2'000'000, 1, 7000, false, false},
+        {"half", 50'000, 1, [](Manager&) {}},
+        {"half among four", 12'500, 1, [](Manager& manager) { manager.clients = 4; }},
+        {"no clients told", 50'000, 1, [](Manager& manager) { manager.clients = 0; }},
+        {"per thousand", 5'000, 1, [](Manager& manager) { manager.perThousand = true; }},
+        {"over the whole", 100'000, 1, [](Manager& manager) { manager.rate = 300; }},
+        {"no probe offered", 31'250, 0, [](Manager& manager) { manager.port = 0; }},
+        {"probe fails", 31'250, 1, [](Manager& manager) { manager.bytesPerSecond = 0; }},
+        {"peer silent", 31'250, 0, [](Manager& manager) { manager.peerAnswers = false; }},
     };
     for (const Case& test : cases) {
         SCOPED_TRACE(test.name);
-        FakeBandwidthManager manager;
-        manager.percentage = !test.perThousand;
-        manager.perThousand = test.perThousand;
-        manager.peerAnswers = test.peerAnswers;
-        manager.port = test.port;
-        manager.clients = test.clients;
-        manager.bytesPerSecond = test.bytesPerSecond;
-        manager.rate = test.rate;
+        Manager manager;
+        manager.rate = 50;
+        manager.bytesPerSecond = 2'000'000;
+        test.change(manager);
+        manager.percentage = !manager.perThousand;
         HttpManagedTransmission transmission(manager);
         EXPECT_TRUE(transmission.NeedsPeer());
         transmission.SetPeer(IpAddress(0x0A000001));

@@ -33,14 +33,10 @@ class SampleModule : public KelModule {
 };
 
 TEST(Module, OperationsReachTheirFunctions) {
-    struct Case {
-        unsigned int operation;
-        const char* did;
-        unsigned int result;
-    };
-    const Case cases[] = {{1, "register Handle", 1}, {2, "unregister", 1}, {3, "initialise", 1},
-                          {4, "activate", 1},        {5, "cleanup", 1},    {8, "", 5},
-                          {9, "suspend", 1},         {10, "", 5},          {0, "", 5}};
+    const std::tuple<unsigned int, const char*, unsigned int> cases[] = {
+        {1, "register Handle", 1}, {2, "unregister", 1}, {3, "initialise", 1},
+        {4, "activate", 1},        {5, "cleanup", 1},    {8, "", 5},
+        {9, "suspend", 1},         {10, "", 5},          {0, "", 5}};
     for (const auto& [operation, did, result] : cases) {
         char buffer[kModuleTextBytes] = "Handle";
         SampleModule module;

@@ -2,8 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include <thread>
-#include <vector>
+#include "on_threads.h"
 
 /// pacparser keeps a copy of each URL it was asked about; leak checkers need not tell.
 extern "C" const char* __lsan_default_suppressions();
@@ -38,13 +37,11 @@ TEST(PacScript, ABrokenScriptMeansADirectConnection) {
 }
 
 TEST(PacScript, ThreadsMayAskAtOnce) {
-    std::vector<std::jthread> threads;
-    for (int i = 0; i < 4; ++i)
-        threads.emplace_back([i] {
-            const KelString host = "h" + std::to_string(i);
-            for (int round = 0; round < 5; ++round)
-                EXPECT_EQ(AgentSecurityPacFindProxy({kScript}, "http://x/", host), host + ":3");
-        });
+    OnThreads(4, [](int thread) {
+        const KelString host = "h" + std::to_string(thread);
+        for (int round = 0; round < 5; ++round)
+            EXPECT_EQ(AgentSecurityPacFindProxy({kScript}, "http://x/", host), host + ":3");
+    });
 }
 
 }  // namespace

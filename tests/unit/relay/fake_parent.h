@@ -20,25 +20,23 @@ class FakeParent {
         const std::lock_guard lock(mutex_);
         guid_ = guid;
     }
-    void SetStatus(unsigned int status) { status_ = status; }  ///< of the HTTP answers, 200 at first
-    void FailOnce() { failOnce_ = true; }                      ///< answers the next call with 500
-    void SetSettled(bool settled) { settled_ = settled; }      ///< what it says of its scheme, true at first
     std::size_t GetCallCount() { return server_.Requests().size(); }
     std::string GetLastTarget() { return server_.Requests().back().target; }
+
+    std::atomic<unsigned int> status = 200;  ///< of the HTTP answers
+    std::atomic<bool> failsOnce = false;     ///< answers the next call with 500
+    std::atomic<bool> isSettled = true;      ///< what it says of its scheme
 
   private:
     TestHttpServer::Answer AnswerCall() {
         const std::lock_guard lock(mutex_);
         const KelContainer values =
-            Values({"GUID=" + guid_, std::string("SchemeSettled=") + (settled_ ? "true" : "false")});
+            Values({"GUID=" + guid_, std::string("SchemeSettled=") + (isSettled ? "true" : "false")});
         auto answer = TestHttpServer::ActionResult(0, With({}, "Values", values));
-        answer.status = failOnce_.exchange(false) ? 500U : status_.load();
+        answer.status = failsOnce.exchange(false) ? 500U : status.load();
         return answer;
     }
 
-    std::atomic<unsigned int> status_ = 200;
-    std::atomic<bool> failOnce_ = false;
-    std::atomic<bool> settled_ = true;
     std::mutex mutex_;  ///< guid_
     std::string guid_;
     TestHttpServer server_{[this](const auto&) { return AnswerCall(); }};

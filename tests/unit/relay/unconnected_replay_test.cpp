@@ -163,23 +163,26 @@ TEST_F(UnconnectedReplayTest, UnusableRequestsAreMovedAsideOnceTheyAreSurelyComp
 TEST_F(UnconnectedReplayTest, TheModuleReplaysOnceTheParentAnswers) {
     Configure("");
     FakeParent parent(kGuid);
-    parent.SetStatus(500);
+    parent.status = 500;
     WriteIni("Relay", parent.ChildIni("client"));
     KeepFile("disks", "content");
     ActiveModule<Relay> module;
     ASSERT_TRUE(Eventually([&] { return parent.GetCallCount() >= 2; }));
     EXPECT_EQ(FileCount("inventory"), 2);
-    parent.SetStatus(200);
+    parent.status = 200;
     EXPECT_TRUE(Eventually([this] { return FileCount("inventory") == 0; }));
     module.Cleanup();
     EXPECT_EQ(taken_.size(), 1U);
 }
 
 TEST_F(UnconnectedReplayTest, AMasterReplaysWithoutAParent) {
-    WriteIni("Relay", "[Relay]\nRole=master\n");
+    WriteIni("Relay", "[Relay]\nRole=Master\nParentName=\nParentPort=\n");
     KeepFile("disks", "content");
     ActiveModule<Relay> module;
     EXPECT_TRUE(Eventually([this] { return FileCount("inventory") == 0; }));
+    module.Cleanup();
+    ExpectValues(Call("RelayGetValues").GetContainer("Values"),  // answers after the cleanup, too
+                 {"IsEnabled=true", "Role=master", "ParentName=", "ParentSync=false"});
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 #include "modules/transfer_window/transfer_window.h"
 
 #include "module_fixture.h"
+#include "on_threads.h"
 
 namespace {
 
@@ -70,25 +71,18 @@ TEST_F(TransferWindowTest, ASetWindowIsKeptAndReported) {
 }
 
 TEST_F(TransferWindowTest, UnusableWindowsAreRefusedAndChangeNothing) {
-    struct Case {
-        const char* name;
-        int direction;
-        std::string slots;
-        int type;
-    };
     RunningModule<TransferWindow> module;
     ASSERT_EQ(Set(1, "10", 2), 0U);
-    for (const Case& bad :
-         {Case{"no direction", 0, "1", 2}, Case{"unknown direction", 4, "1", 2},
-          Case{"type below", 1, "1", 0}, Case{"type above", 1, "1", 9},
-          Case{"a number short", 1, Week(0, 1).substr(2), 2},
-          Case{"a number too many", 1, Week(0, 1) + " 1", 2}, Case{"negative", 1, "-1", 2},
-          Case{"plus sign", 1, "+1", 2}, Case{"octal", 1, "010", 2}, Case{"hexadecimal", 1, "0x10", 2},
-          Case{"not a number", 1, "fast", 2}, Case{"over 64 bits", 1, "99999999999999999999", 2},
-          Case{"overflows in kbit/s", 1, "18446744073709551615", 3}, Case{"over 100 per cent", 1, "101", 7},
-          Case{"over 1000 per thousand", 1, "1001", 8}, Case{"line feed", 1, Week(1) + "\n[Down]", 2}}) {
-        EXPECT_EQ(Set(bad.direction, bad.slots, bad.type), kKelErrorBadInput) << bad.name;
-    }
+    for (const int direction : {0, 4})
+        EXPECT_EQ(Set(direction, "1", 2), kKelErrorBadInput) << direction;
+    const std::string aNumberShort = Week(0, 1).substr(2), oneTooMany = Week(0, 1) + " 1";
+    for (const std::string& slots :
+         {aNumberShort, oneTooMany, Week(1) + "\n[Down]", std::string("-1"), std::string("+1"),
+          std::string("010"), std::string("0x10"), std::string("fast"), std::string("99999999999999999999")})
+        EXPECT_EQ(Set(1, slots, 2), kKelErrorBadInput) << slots;
+    for (const auto& [type, tooMuch] :
+         {std::pair(0, "1"), {9, "1"}, {3, "18446744073709551615"}, {7, "101"}, {8, "1001"}})
+        EXPECT_EQ(Set(1, tooMuch, type), kKelErrorBadInput) << type;
     KelContainer withoutSlots = Values({"Direction=1"});
     EXPECT_EQ(Call("TransferWindowSetWindow", withoutSlots), kKelErrorBadInput);
     EXPECT_FALSE(withoutSlots.GetString("Message").empty());
@@ -108,16 +102,12 @@ TEST_F(TransferWindowTest, ConcurrentChangesEndInMemoryAsOnDisk) {
     KelContainer last;
     {
         RunningModule<TransferWindow> module;
-        std::vector<std::jthread> threads;
-        for (int thread = 0; thread < 4; ++thread) {
-            threads.emplace_back([thread] {
-                for (int i = 0; i < 5; ++i) {
-                    EXPECT_EQ(Set(1 + i % 3, std::to_string(thread * 10 + i), 1 + thread), 0U);
-                    Window(1);
-                }
-            });
-        }
-        threads.clear();
+        OnThreads(4, [](int thread) {
+            for (int i = 0; i < 5; ++i) {
+                EXPECT_EQ(Set(1 + i % 3, std::to_string(thread * 10 + i), 1 + thread), 0U);
+                Window(1);
+            }
+        });
         last = Call("TransferWindowCheckAllWindows");
     }
     EXPECT_EQ(changes_, 20);
