@@ -32,6 +32,10 @@ class ArchiveExtractorTest : public testing::Test {
         fill(archive);
         EXPECT_EQ(zip_close(archive), 0);
     }
+    /// Replaces all of one text by another of the same length in the archive's bytes.
+    void Patch(const KelString& from, const KelString& to) {
+        TempFolder::Write(archive_, ReplaceAll(TempFolder::Read(archive_), from, to));
+    }
     unsigned int Extract(const ExtractionLimits& limits = {}) {
         std::filesystem::create_directories(store_);
         const KelStatus status = ExtractArchive(archive_, store_, limits);
@@ -108,13 +112,22 @@ TEST_F(ArchiveExtractorTest, AnImageWithAHeaderAndZerosIsNoBomb) {
     EXPECT_EQ(std::filesystem::file_size(store_ + "/image"), kBytes);
 }
 
+TEST_F(ArchiveExtractorTest, ANameThatStandsTwiceIsRefused) {
+    MakeArchive([](zip_t* zip) {
+        Add(zip, "first", "1");
+        Add(zip, "other", "2");
+    });
+    Patch("other", "first");
+    EXPECT_EQ(Extract(), kExtractUnsafe);
+}
+
 TEST_F(ArchiveExtractorTest, DamageAndAbsenceAreToldApart) {
     EXPECT_EQ(Extract(), 13u);
     MakeArchive([](zip_t* zip) {
         Add(zip, "file", KelString(10, 'y'));
         zip_set_file_compression(zip, 0, ZIP_CM_STORE, 0);
     });
-    TempFolder::Write(archive_, ReplaceAll(TempFolder::Read(archive_), "yyyyy", "yyyyZ"));
+    Patch("yyyyy", "yyyyZ");
     EXPECT_EQ(Extract(), kExtractDamaged) << "a wrong CRC";
     EXPECT_TRUE(DirList(store_).empty());
     TempFolder::Write(archive_, "no archive at all");
