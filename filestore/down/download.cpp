@@ -1,5 +1,3 @@
-#include <ctime>
-
 #include "filestore/db/file_status.h"
 #include "filestore/db/files_selection.h"
 #include "filestore/db/files_table.h"
@@ -9,6 +7,7 @@
 #include "filestore/exchange/http_transfer.h"
 #include "filestore/state/file_store.h"
 #include "filestore/state/parent.h"
+#include "filestore/state/settings.h"
 #include "kel/directory.h"
 #include "kel/path.h"
 #include "kelcore/action_db.h"
@@ -26,7 +25,7 @@ KelString FolderOf(const FileStoreEntry& file) {
 
 /// Sets FilePath to where the content goes; the row may still hold another one.
 bool SelectNext(FileStoreEntry& file) {
-    FileRows rows = SelectDownload(std::time(nullptr) - FileStore::ulPullTimeout, PassingNow());
+    FileRows rows = SelectDownload(FileStoreDueBefore(FileStore::ulPullTimeout), PassingNow());
     if (rows.empty()) return false;
     file = std::move(rows.front());
     file.FilePath = FileStore::StorePath(Side::Downstream, file.Key());
