@@ -116,15 +116,15 @@ std::optional<std::uint64_t> FirstFileId(Side side, const KelString& statement) 
 
 }  // namespace
 
-std::uint64_t NewFileId(Side side) {
-    return FileStoreGetDatabase(side).sequence.GetId("Files", "FileId");
-}
-
-std::uint64_t FindFileInDatabase(Side side, const FileKey& key) {
+std::optional<std::uint64_t> LookUpFile(Side side, const FileKey& key) {
     const KelString statement = key.checksum.empty()
                                     ? KelFormat(kFindByName, key.type, key.label, key.name)
                                     : KelFormat(kFindByKey, key.type, key.label, key.name, key.checksum);
-    return FirstFileId(side, statement).value_or(0);
+    return FirstFileId(side, statement);
+}
+
+std::uint64_t FindFileInDatabase(Side side, const FileKey& key) {
+    return LookUpFile(side, key).value_or(0);
 }
 
 std::optional<std::uint64_t> FindExactFile(Side side, const FileKey& key) {

@@ -24,14 +24,14 @@ enum class NextTry : unsigned char {
     AfterTimeout,  ///< of that worker, counted from now
 };
 
-/// The next free FileId; 0 when none can be drawn. For rows that others refer to before they are inserted.
-std::uint64_t NewFileId(Side side);
-
 // ---- finding a row
 
 /// The FileId of a file; 0 when it is unknown. A row that was recorded without a checksum matches any; an
 /// empty checksum in `key` finds the row with the smallest one.
 std::uint64_t FindFileInDatabase(Side side, const FileKey& key);
+
+/// The same, with nothing when the statement failed.
+std::optional<std::uint64_t> LookUpFile(Side side, const FileKey& key);
 
 /// The same for exactly this checksum. Nothing when the statement failed.
 std::optional<std::uint64_t> FindExactFile(Side side, const FileKey& key);
