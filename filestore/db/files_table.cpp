@@ -40,6 +40,8 @@ constexpr char kSetDownloadPath[] =
 constexpr char kSetTransferredBytes[] =
     "UPDATE Files SET TransferredBytes = %lu, LastStatusChangeTime = %ld WHERE FileId = %lu AND FileStatus = "
     "'%s'";
+constexpr char kStartUnicastRecovery[] =
+    "UPDATE Files SET TransportMode = '%s' WHERE FileId = %lu AND FileStatus = '%s'";
 constexpr char kRestartDownload[] =
     "UPDATE Files SET LastStatusChangeTime = %ld, Acknowledged = 0 WHERE FileId = %lu AND FileStatus = '%s'";
 constexpr char kSetDownloaded[] =
@@ -179,8 +181,13 @@ bool SetDownloadPath(std::uint64_t fileId, const KelString& path) {
     return ChangeDownstream(KelFormat(kSetDownloadPath, path, fileId, kStatusDownloading));
 }
 
-bool SetTransferredBytes(std::uint64_t fileId, std::uint64_t bytes) {
-    return ChangeDownstream(KelFormat(kSetTransferredBytes, bytes, Now(), fileId, kStatusDownloading));
+bool SetTransferredBytes(std::uint64_t fileId, std::uint64_t bytes, NextTry next) {
+    return ChangeDownstream(
+        KelFormat(kSetTransferredBytes, bytes, StatusTime(next), fileId, kStatusDownloading));
+}
+
+bool StartUnicastRecovery(std::uint64_t fileId) {
+    return ChangeDownstream(KelFormat(kStartUnicastRecovery, kTransportUnicast, fileId, kStatusDownloading));
 }
 
 bool RestartDownload(std::uint64_t fileId) {

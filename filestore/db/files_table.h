@@ -71,8 +71,10 @@ bool DeleteFileRow(Side side, std::uint64_t fileId);
 // ---- downstream: a download in progress. Each leaves a row alone that is no longer to be downloaded.
 
 bool SetDownloadPath(std::uint64_t fileId, const KelString& path);
-/// The download was cut off with `bytes` received; it goes on after the time-out.
-bool SetTransferredBytes(std::uint64_t fileId, std::uint64_t bytes);
+/// The download ended early with `bytes` received.
+bool SetTransferredBytes(std::uint64_t fileId, std::uint64_t bytes, NextTry next);
+/// What a failed multicast reception has left is gone: from now on it is an ordinary unicast download.
+bool StartUnicastRecovery(std::uint64_t fileId);
 /// The content was useless and is fetched from its beginning after the time-out.
 bool RestartDownload(std::uint64_t fileId);
 /// The content is complete and verified.

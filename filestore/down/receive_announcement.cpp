@@ -4,6 +4,7 @@
 #include "filestore/down/receive_offer.h"
 #include "filestore/down/target_list.h"
 #include "filestore/state/file_store.h"
+#include "filestore/state/store_layout.h"
 #include "kel/file.h"
 #include "kel/path.h"
 #include "kelcore/error_codes.h"
@@ -48,10 +49,14 @@ Announcement ReadAnnouncement(const KelContainer& arguments, const Offer& offer)
 }
 
 bool IsComplete(const FileStoreEntry& entry) {
-    return FileExists(entry.FilePath) && FileGetSize64(entry.FilePath) == entry.FileSize;
+    const KelString path = ContentPath(entry, Side::Downstream);
+    return !entry.FileChecksum.empty() && FileExists(path) && FileGetSize64(path) == entry.FileSize;
 }
 
 void SetTransport(FileStoreEntry& known, const Announcement& announced) {
+    // What has arrived by unicast has no gaps, as often as the file is announced meanwhile.
+    const bool isUnicastUnderWay = known.FileStatus == kStatusDownloading &&
+                                   known.TransportMode == kTransportUnicast && known.TransferredBytes != 0;
     known.MulticastTransferToBeStarted = false;
     known.MulticastAddress = announced.multicast.address;
     known.MulticastPort = announced.multicast.port;
@@ -59,7 +64,7 @@ void SetTransport(FileStoreEntry& known, const Announcement& announced) {
     known.TransportMode = kTransportUnicast;
     if (announced.multicast.IsUsable()) {
         known.TransportMode = kTransportMulticast;
-    } else if (announced.transportMode == kTransportMulticast) {
+    } else if (announced.transportMode == kTransportMulticast && !isUnicastUnderWay) {
         // What a failed multicast reception has left has gaps: nothing of it counts as transferred.
         known.TransferredBytes = 0;
         known.TransportMode = kTransportUnicastRecovery;
@@ -83,11 +88,11 @@ void SetToBeDownloaded(FileStoreEntry& known, const Announcement& announced) {
     // The status time of a request that was waiting for its answer must not delay the download.
     if (known.FileStatus == kStatusToBeRequested || known.FileStatus == kStatusMissing)
         known.LastStatusChangeTime = 0;
+    SetTransport(known, announced);
     known.FileStatus = kStatusDownloading;
     known.KeepCopy = announced.file.KeepCopy;
     known.Bypass = announced.file.Bypass;
     known.Priority = announced.file.Priority;
-    SetTransport(known, announced);
 }
 
 /// Has a known file that is not here yet downloaded, and delivered to the announced targets as well as to
