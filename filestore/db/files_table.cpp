@@ -40,6 +40,8 @@ constexpr char kSetDownloadPath[] =
 constexpr char kSetTransferredBytes[] =
     "UPDATE Files SET TransferredBytes = %lu, LastStatusChangeTime = %ld WHERE FileId = %lu AND FileStatus = "
     "'%s'";
+constexpr char kStartUnicastRecovery[] =
+    "UPDATE Files SET TransportMode = '%s' WHERE FileId = %lu AND FileStatus = '%s'";
 constexpr char kRestartDownload[] =
     "UPDATE Files SET LastStatusChangeTime = %ld, Acknowledged = 0 WHERE FileId = %lu AND FileStatus = '%s'";
 constexpr char kSetDownloaded[] =
@@ -116,15 +118,15 @@ std::optional<std::uint64_t> FirstFileId(Side side, const KelString& statement) 
 
 }  // namespace
 
-std::uint64_t NewFileId(Side side) {
-    return FileStoreGetDatabase(side).sequence.GetId("Files", "FileId");
-}
-
-std::uint64_t FindFileInDatabase(Side side, const FileKey& key) {
+std::optional<std::uint64_t> LookUpFile(Side side, const FileKey& key) {
     const KelString statement = key.checksum.empty()
                                     ? KelFormat(kFindByName, key.type, key.label, key.name)
                                     : KelFormat(kFindByKey, key.type, key.label, key.name, key.checksum);
-    return FirstFileId(side, statement).value_or(0);
+    return FirstFileId(side, statement);
+}
+
+std::uint64_t FindFileInDatabase(Side side, const FileKey& key) {
+    return LookUpFile(side, key).value_or(0);
 }
 
 std::optional<std::uint64_t> FindExactFile(Side side, const FileKey& key) {
@@ -179,8 +181,13 @@ bool SetDownloadPath(std::uint64_t fileId, const KelString& path) {
     return ChangeDownstream(KelFormat(kSetDownloadPath, path, fileId, kStatusDownloading));
 }
 
-bool SetTransferredBytes(std::uint64_t fileId, std::uint64_t bytes) {
-    return ChangeDownstream(KelFormat(kSetTransferredBytes, bytes, Now(), fileId, kStatusDownloading));
+bool SetTransferredBytes(std::uint64_t fileId, std::uint64_t bytes, NextTry next) {
+    return ChangeDownstream(
+        KelFormat(kSetTransferredBytes, bytes, StatusTime(next), fileId, kStatusDownloading));
+}
+
+bool StartUnicastRecovery(std::uint64_t fileId) {
+    return ChangeDownstream(KelFormat(kStartUnicastRecovery, kTransportUnicast, fileId, kStatusDownloading));
 }
 
 bool RestartDownload(std::uint64_t fileId) {

@@ -24,14 +24,14 @@ enum class NextTry : unsigned char {
     AfterTimeout,  ///< of that worker, counted from now
 };
 
-/// The next free FileId; 0 when none can be drawn. For rows that others refer to before they are inserted.
-std::uint64_t NewFileId(Side side);
-
 // ---- finding a row
 
 /// The FileId of a file; 0 when it is unknown. A row that was recorded without a checksum matches any; an
 /// empty checksum in `key` finds the row with the smallest one.
 std::uint64_t FindFileInDatabase(Side side, const FileKey& key);
+
+/// The same, with nothing when the statement failed.
+std::optional<std::uint64_t> LookUpFile(Side side, const FileKey& key);
 
 /// The same for exactly this checksum. Nothing when the statement failed.
 std::optional<std::uint64_t> FindExactFile(Side side, const FileKey& key);
@@ -71,8 +71,10 @@ bool DeleteFileRow(Side side, std::uint64_t fileId);
 // ---- downstream: a download in progress. Each leaves a row alone that is no longer to be downloaded.
 
 bool SetDownloadPath(std::uint64_t fileId, const KelString& path);
-/// The download was cut off with `bytes` received; it goes on after the time-out.
-bool SetTransferredBytes(std::uint64_t fileId, std::uint64_t bytes);
+/// The download ended early with `bytes` received.
+bool SetTransferredBytes(std::uint64_t fileId, std::uint64_t bytes, NextTry next);
+/// What a failed multicast reception has left is gone: from now on it is an ordinary unicast download.
+bool StartUnicastRecovery(std::uint64_t fileId);
 /// The content was useless and is fetched from its beginning after the time-out.
 bool RestartDownload(std::uint64_t fileId);
 /// The content is complete and verified.

@@ -1,5 +1,7 @@
 #include "filestore/db/targets_table.h"
 
+#include <algorithm>
+
 #include "filestore/db/database.h"
 #include "filestore/db/file_status.h"
 #include "kel/format.h"
@@ -21,6 +23,7 @@ constexpr char kOne[] =
     "%lu LIMIT 1";
 constexpr char kOfThisDevice[] = "SELECT %s FROM Targets WHERE FileId = %lu AND DeviceGUID = ''";
 constexpr char kOfDevice[] = "SELECT %s FROM Targets WHERE FileId = %lu AND DeviceGUID LIKE '%Q%'";
+constexpr char kOfFile[] = "SELECT %s FROM Targets WHERE FileId = %lu";
 constexpr char kAny[] = "SELECT TargetId FROM Targets WHERE FileId = %lu LIMIT 1";
 constexpr char kLatestNotifyTime[] = "SELECT MAX(LastNotifyTime) FROM Targets WHERE DeviceGUID = '%Q'";
 constexpr char kAll[] = "SELECT %s FROM Targets";
@@ -29,6 +32,9 @@ constexpr char kInsert[] =
     "INSERT INTO Targets (TargetId, FileId, DeviceGUID, DevicePath, TargetCreateTime, LastNotifyTime, "
     "WakeUpDevice) "
     "VALUES (%lu, %lu, '%Q', '%Q', %ld, %ld, %u)";
+constexpr char kUpdate[] =
+    "UPDATE Targets SET DeviceGUID = '%Q', DevicePath = '%Q', LastNotifyTime = %ld, WakeUpDevice = %u WHERE "
+    "TargetId = %lu";
 constexpr char kSetNotifyTime[] = "UPDATE Targets SET LastNotifyTime = %ld WHERE TargetId = %lu";
 constexpr char kSetDevice[] = "UPDATE Targets SET DeviceGUID = '%Q', DevicePath = '%Q' WHERE TargetId = %lu";
 constexpr char kDeleteOfDevice[] = "DELETE FROM Targets WHERE FileId = %lu AND DeviceGUID LIKE '%/%Q%'";
@@ -87,10 +93,6 @@ void FileStoreTarget::Read(RowReader& row) {
     WakeUpDevice = row.Unsigned32();
 }
 
-std::uint64_t NewTargetId() {
-    return Database().sequence.GetId("Targets", "TargetId");
-}
-
 KelVector<FileTarget> SelectDueTargets(std::int64_t due, bool windowClosed, unsigned int limit) {
     return SelectWithFiles(KelFormat(kDue, FileStoreEntry::kColumns, FileStoreTarget::kColumns, due,
                                      kStatusAvailable, kStatusNotRelaysChild, due,
@@ -105,6 +107,10 @@ KelVector<FileTarget> SelectTarget(std::uint64_t fileId, std::uint64_t targetId)
 std::optional<KelVector<FileStoreTarget>> FindTargets(std::uint64_t fileId, const KelString& device) {
     if (device.empty()) return Select(KelFormat(kOfThisDevice, FileStoreTarget::kColumns, fileId));
     return Select(KelFormat(kOfDevice, FileStoreTarget::kColumns, fileId, device));
+}
+
+std::optional<KelVector<FileStoreTarget>> FindTargets(std::uint64_t fileId) {
+    return Select(KelFormat(kOfFile, FileStoreTarget::kColumns, fileId));
 }
 
 bool HasTargets(std::uint64_t fileId) {
@@ -122,37 +128,41 @@ KelVector<FileStoreTarget> SelectAllTargets() {
     return Select(KelFormat(kAll, FileStoreTarget::kColumns)).value_or(KelVector<FileStoreTarget>());
 }
 
-bool InsertTargets(const KelVector<FileStoreTarget>& targets) {
-    for (const FileStoreTarget& target : targets)
-        if (!Change(KelFormat(kInsert, target.TargetId, target.FileId, target.DeviceGUID, target.DevicePath,
-                              target.TargetCreateTime, target.LastNotifyTime, target.WakeUpDevice)))
-            return false;
-    return true;
+std::uint64_t StoreTarget(std::uint64_t fileId, const FileStoreTarget& target) {
+    if (target.TargetId != 0)
+        return Change(KelFormat(kUpdate, target.DeviceGUID, target.DevicePath, target.LastNotifyTime,
+                                target.WakeUpDevice, target.TargetId))
+                   ? target.TargetId
+                   : 0;
+    const std::uint64_t targetId = Database().sequence.GetId("Targets", "TargetId");
+    if (targetId == 0) return 0;
+    return Change(KelFormat(kInsert, targetId, fileId, target.DeviceGUID, target.DevicePath,
+                            target.TargetCreateTime, target.LastNotifyTime, target.WakeUpDevice))
+               ? targetId
+               : 0;
 }
 
-bool RecordTargets(const KelVector<FileStoreTarget>& targets) {
+bool RecordTargets(std::uint64_t fileId, const KelVector<FileStoreTarget>& targets) {
     if (targets.empty()) return true;
     const FileStoreDatabase database = Database();
     const KelLock lock(database.mutex);
     DBTransaction transaction(database.connection);
     for (const FileStoreTarget& target : targets)
-        InsertTargets({target});
+        StoreTarget(fileId, target);
     return transaction.Commit();
-}
-
-bool CreateFileWithTargets(FileStoreEntry& file, const KelVector<FileStoreTarget>& targets) {
-    const FileStoreDatabase database = Database();
-    const KelLock lock(database.mutex);
-    DBTransaction transaction(database.connection);
-    return transaction.IsOpen() && file.CreateInDatabase(Side::Downstream) != 0 && InsertTargets(targets) &&
-           transaction.Commit();
 }
 
 bool SaveFileWithTargets(FileStoreEntry& file, const KelVector<FileStoreTarget>& targets) {
     const FileStoreDatabase database = Database();
     const KelLock lock(database.mutex);
     DBTransaction transaction(database.connection);
-    return transaction.IsOpen() && InsertTargets(targets) && file.SaveToDatabase(Side::Downstream) &&
+    if (!transaction.IsOpen()) return false;
+    const bool saved = file.FileId == 0 ? file.CreateInDatabase(Side::Downstream) != 0
+                                        : file.SaveToDatabase(Side::Downstream);
+    return saved &&
+           std::all_of(
+               targets.begin(), targets.end(),
+               [&file](const FileStoreTarget& target) { return StoreTarget(file.FileId, target) != 0; }) &&
            transaction.Commit();
 }
 

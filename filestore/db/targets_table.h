@@ -17,8 +17,9 @@ struct FileStoreTarget {
         "Targets.TargetId, Targets.FileId, DeviceGUID, DevicePath, TargetCreateTime, LastNotifyTime, "
         "WakeUpDevice";
     void Read(RowReader& row);
+    bool operator==(const FileStoreTarget&) const = default;
 
-    std::uint64_t TargetId = 0;
+    std::uint64_t TargetId = 0;  ///< 0: no row yet
     std::uint64_t FileId = 0;
     KelString DeviceGUID;  ///< path name "host:port/GUID/MAC/IP/mask" or device URL; empty: this device
     KelString DevicePath;  ///< the sub-tree of targets below, a container as XML
@@ -35,9 +36,6 @@ struct FileTarget {
 
 // Locks and failures as in files_table.h: changes take mutexDownstream.
 
-/// The next free TargetId; 0 when none can be drawn.
-std::uint64_t NewTargetId();
-
 // ---- selections
 
 /// The most urgent targets that are due: of available files, and neither file nor target touched since `due`.
@@ -51,6 +49,9 @@ KelVector<FileTarget> SelectTarget(std::uint64_t fileId, std::uint64_t targetId)
 /// this device when that is empty. Nothing when the statement failed.
 std::optional<KelVector<FileStoreTarget>> FindTargets(std::uint64_t fileId, const KelString& device);
 
+/// All targets of a file. Nothing when the statement failed.
+std::optional<KelVector<FileStoreTarget>> FindTargets(std::uint64_t fileId);
+
 bool HasTargets(std::uint64_t fileId);
 
 /// The latest LastNotifyTime of the rows with this DeviceGUID, 0 when there are none. Nothing when the
@@ -62,13 +63,14 @@ KelVector<FileStoreTarget> SelectAllTargets();
 
 // ---- changes; each false when it was not made
 
-/// Inserts all rows. The caller holds a transaction when they are to be inserted together or not at all.
-bool InsertTargets(const KelVector<FileStoreTarget>& targets);
-/// Inserts the rows in one transaction of their own; a row that fails is left out.
-bool RecordTargets(const KelVector<FileStoreTarget>& targets);
+// Storing a target makes it one of the file `fileId`: it is inserted, with a new TargetId, when it has none,
+// otherwise its row is written back.
 
-/// Inserts a file and its targets, and writes a file back and inserts targets: both or neither.
-bool CreateFileWithTargets(FileStoreEntry& file, const KelVector<FileStoreTarget>& targets);
+/// The TargetId, 0 on failure.
+std::uint64_t StoreTarget(std::uint64_t fileId, const FileStoreTarget& target);
+/// Stores the targets in one transaction of their own; one that fails is left out.
+bool RecordTargets(std::uint64_t fileId, const KelVector<FileStoreTarget>& targets);
+/// Inserts a file that has no FileId, or writes it back, and stores its targets: all of it or nothing.
 bool SaveFileWithTargets(FileStoreEntry& file, const KelVector<FileStoreTarget>& targets);
 
 bool SetNotifyTime(std::uint64_t targetId, std::int64_t time);

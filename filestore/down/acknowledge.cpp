@@ -1,7 +1,5 @@
 #include "filestore/down/acknowledge.h"
 
-#include <ctime>
-
 #include "filestore/db/file_status.h"
 #include "filestore/db/files_selection.h"
 #include "filestore/db/files_table.h"
@@ -12,6 +10,7 @@
 #include "filestore/state/device.h"
 #include "filestore/state/file_store.h"
 #include "filestore/state/parent.h"
+#include "filestore/state/settings.h"
 #include "kel/text.h"
 #include "kelcore/action_db.h"
 #include "kelcore/error_codes.h"
@@ -69,7 +68,7 @@ int FileStorePullThread::AcknowledgeFile() {
         FileStore::debugFileStore.Print("PullThread: Do not have a GUID yet so will not send request\n");
         return 0;
     }
-    const FileRows rows = SelectAcknowledgement(std::time(nullptr) - FileStore::ulPullTimeout, PassingNow());
+    const FileRows rows = SelectAcknowledgement(FileStoreDueBefore(FileStore::ulPullTimeout), PassingNow());
     if (rows.empty()) return 0;
     const FileStoreEntry& file = rows.front();
     FileStore::debugFileStore.Print("PullThread: Acknowledging %S/%S/%S upstream\n", file.FileType,
@@ -106,7 +105,8 @@ unsigned int FileStore::ActionHandler_FileStoreAcknowledgeFile(KelContainer* arg
                          key.name);
 
     const KelLock lock(mutexDownstream);
-    if (const std::uint64_t fileId = FindFileInDatabase(Side::Downstream, key); fileId != 0)
-        DeleteTargetsOfDevice(fileId, guid);
-    return kKelOk;
+    const auto fileId = LookUpFile(Side::Downstream, key);
+    const bool isRecorded = fileId && (*fileId == 0 || DeleteTargetsOfDevice(*fileId, guid));
+    // The device repeats an acknowledgement that failed.
+    return isRecorded ? static_cast<unsigned int>(kKelOk) : static_cast<unsigned int>(kKelErrorInternal);
 }

@@ -27,27 +27,15 @@ KelContainer FromXml(const KelString& xml, const char* column, const FileStoreTa
     return content;
 }
 
-bool IsInRepository(const KelString& path) {
-    const KelLock lock(FileStore::mutexSettings);
-    const KelString& repository = FileStore::strPackagesRepositoryPath;
-    return !repository.empty() && path.starts_with(repository);
-}
-
-/// Puts the rule file `made` where it is announced; `made` is gone afterwards. `packagePath` is the content
-/// in whose place it is announced.
-void PlaceRuleFile(const KelString& made, const KelString& destination, const KelString& packagePath) {
-    if (IsInRepository(packagePath)) {
-        FileStore::debugFileStore.Detail(
-            "NotifyThread: Case of Package repository: Do not rename the file.\n");
-        FileDelete(made);  // nothing would ever refer to it
-        return;
-    }
+/// Puts the rule file `made` where it is announced; `made` is gone afterwards. False, logged, on failure.
+bool PlaceRuleFile(const KelString& made, const KelString& destination) {
     KelString folder, name;
     SplitPath(destination, folder, name);
-    if (PathCreate(folder) && FileRename(made, destination)) return;
+    if (PathCreate(folder) && FileRename(made, destination)) return true;
     FileStore::debugFileStore.Error("NotifyThread: Cannot write %S: check space and permissions\n",
                                     destination);
     FileDelete(made);
+    return false;
 }
 
 /// Saves what the receiver needs to know of `file` in a temporary file. False, logged, on failure.
@@ -75,12 +63,16 @@ bool ReplaceByRuleFile(FileTarget& row) {
     file.FileLabel = kRuleFileType;
     file.FileName = KelFormat("%s_%u_%u", kRuleFileType, static_cast<unsigned int>(std::rand()),
                               static_cast<unsigned int>(std::time(nullptr)));
-    FileMd5(made, file.FileChecksum);
-    const KelString announcedPath = ContentPath(file, Side::Downstream);
-    PlaceRuleFile(made, announcedPath, file.FilePath);
-    file.FilePath = announcedPath;
-    file.FileSize = FileGetSize64(announcedPath);
-    return true;
+    // In the store, wherever the package lies.
+    file.ExternalFile = false;
+    if (!FileMd5(made, file.FileChecksum)) {
+        FileDelete(made);
+        return false;
+    }
+    file.FilePath = ContentPath(file, Side::Downstream);
+    if (!PlaceRuleFile(made, file.FilePath)) return false;
+    file.FileSize = FileGetSize64(file.FilePath);
+    return file.FileSize >= 0;
 }
 
 FileOffer BuildAnnouncement(const FileTarget& row) {

@@ -92,15 +92,13 @@ std::uint64_t FindRequested(const FileStoreEntry& file) KEL_REQUIRES(FileStore::
 
 void InsertTarget(std::uint64_t fileId, const KelString& deviceGuid, std::int64_t lastNotifyTime) {
     FileStoreTarget target;
-    target.TargetId = NewTargetId();
-    if (lastNotifyTime != 0)
-        FileStore::debugFileStore.Print("Target ID has not been found, New TargetId generated : %lu\n",
-                                        target.TargetId);
-    target.FileId = fileId;
     target.DeviceGUID = deviceGuid;
     target.TargetCreateTime = std::time(nullptr);
     target.LastNotifyTime = lastNotifyTime;
-    InsertTargets({target});
+    const std::uint64_t targetId = StoreTarget(fileId, target);
+    if (lastNotifyTime != 0 && targetId != 0)
+        FileStore::debugFileStore.Print("Target ID has not been found, New TargetId generated : %lu\n",
+                                        targetId);
 }
 
 /// Makes the requester a target of the file so that the notify thread serves it.

@@ -1,15 +1,16 @@
-#include <ctime>
+#include <chrono>
 
 #include "filestore/db/file_status.h"
 #include "filestore/db/files_selection.h"
 #include "filestore/db/files_table.h"
 #include "filestore/down/download_outcome.h"
+#include "filestore/down/download_space.h"
 #include "filestore/down/pull_thread.h"
 #include "filestore/down/resume_download.h"
 #include "filestore/exchange/http_transfer.h"
 #include "filestore/state/file_store.h"
 #include "filestore/state/parent.h"
-#include "kel/directory.h"
+#include "filestore/state/settings.h"
 #include "kel/path.h"
 #include "kelcore/action_db.h"
 #include "kelcore/file_values.h"
@@ -18,45 +19,38 @@ using namespace filestore;
 
 namespace {
 
-constexpr unsigned int kPathNotFound = 3;  ///< DiskFree
-
 KelString FolderOf(const FileStoreEntry& file) {
     return FileStore::StoreFolder(Side::Downstream, file.Key());
 }
 
 /// Sets FilePath to where the content goes; the row may still hold another one.
 bool SelectNext(FileStoreEntry& file) {
-    FileRows rows = SelectDownload(std::time(nullptr) - FileStore::ulPullTimeout, PassingNow());
+    FileRows rows = SelectDownload(FileStoreDueBefore(FileStore::ulPullTimeout), PassingNow());
     if (rows.empty()) return false;
     file = std::move(rows.front());
     file.FilePath = FileStore::StorePath(Side::Downstream, file.Key());
     return true;
 }
 
-/// Bytes free where the folder is or will be made. 0, or the error of DiskFree.
-unsigned int FreeSpace(const KelString& folder, std::uint64_t& bytes) {
-    const unsigned int error = DiskFree(folder, bytes);
-    return error == kPathNotFound ? DiskFree(FileStore::strStorageLocationToUse, bytes) : error;
-}
+/// Notices during a transfer that a more urgent file is to be downloaded.
+class UrgentFileWatch {
+  public:
+    explicit UrgentFileWatch(std::uint32_t priority) : priority_(priority) {}
 
-enum class Space : unsigned char { Enough, TooLittle, Unknown };
+    /// Called several times a second; looks into the database once a second.
+    bool IsWaiting() {
+        const auto now = std::chrono::steady_clock::now();
+        if (now < nextLook_) return false;
+        nextLook_ = now + std::chrono::seconds(1);
+        const FileRows rows = SelectDownload(FileStoreDueBefore(FileStore::ulPullTimeout), PassingNow());
+        return !rows.empty() && rows.front().Priority > priority_;
+    }
 
-/// Compares the file's size with the free space; a size that was not announced is asked for. A file whose
-/// size cannot be learnt is tried: the transfer fails if the disk fills up, and goes on later. The same goes
-/// for a storage folder that does not exist, which is reported when the file's folder is made.
-Space ExamineSpace(const FileStoreEntry& file) {
-    std::uint64_t free = 0;
-    const unsigned int error = FreeSpace(FolderOf(file), free);
-    if (error != 0) return error == kPathNotFound ? Space::Enough : Space::Unknown;
-    long long needed = file.FileSize;
-    if (needed == 0) FileStore::RequestFileSize(file.Key(), needed);
-    if (needed <= 0 || static_cast<std::uint64_t>(needed) <= free) return Space::Enough;
-    FileStore::debugFileStore.Error(
-        "PullThread: Not enough available free space to download the file %S. Only %gu bytes available. %gu "
-        "bytes needed.\n",
-        file.FileName, free, static_cast<std::uint64_t>(needed));
-    return Space::TooLittle;
-}
+  private:
+    const std::uint32_t priority_;
+    std::chrono::steady_clock::time_point nextLook_ =
+        std::chrono::steady_clock::now() + std::chrono::seconds(1);
+};
 
 /// Hands the file over to the HTTP module, which receives the datagrams, writes the content to LocalPath and
 /// reports the end to multicast_reception.h. True when that is recorded.
@@ -110,11 +104,10 @@ int FileStorePullThread::DownloadFile() {
     FileStore::debugFileStore.Trace("PullThread: Looking for files to download\n");
     FileStoreEntry file;
     if (!DownloadsAreAllowed() || !SelectNext(file)) return 0;
-    if (FileStore::fCheckAvailableFreeSpaceBeforeDownloading) {
-        const Space space = ExamineSpace(file);
-        if (space == Space::TooLittle) PostponeDownload(file.FileId);
-        if (space != Space::Enough) return 0;
-    }
+    Attempt attempt;
+    const Space space = ExamineSpace(file, attempt.largest);
+    if (space == Space::TooLittle) PostponeDownload(file.FileId);
+    if (space != Space::Enough) return 0;
     if (const KelString folder = FolderOf(file); !PathCreate(folder)) {
         FileStore::debugFileStore.Error(
             "PullThread: Cannot create the folder %S: check space and permissions\n", folder);
@@ -129,39 +122,61 @@ int FileStorePullThread::DownloadFile() {
         return 0;
     }
     const bool isMulticast = file.MulticastPort != 0 && !file.MulticastAddress.empty();
-    const bool recorded = isMulticast ? ListenToMulticast(file) : FetchByUnicast(file, sender);
+    const bool recorded = isMulticast ? ListenToMulticast(file) : FetchByUnicast(file, sender, attempt);
     return recorded ? 1 : 0;
 }
 
-bool FileStorePullThread::FetchByUnicast(const FileStoreEntry& file, const KelString& sender) {
-    const DownloadStart start = PrepareResume(file);
+bool FileStorePullThread::FetchByUnicast(const FileStoreEntry& file, const KelString& sender,
+                                         Attempt& attempt) {
+    const DownloadStart start = PrepareResume(file, attempt.largest);
     if (start.isComplete) return FinishCompleteDownload(file);
-    unsigned int status = 0;
-    const unsigned int result = Fetch(file, sender, start.offset, status);
+    attempt.offset = start.offset;
+    const unsigned int result = Fetch(file, sender, attempt);
     if (!IsStillWanted(file.FileId)) return RequestSpoiltContent(file);
+    if (attempt.madeWay) return InterruptDownload(file);
+    if (result == kHttpBadAnswer && file.FileSize == 0) {
+        FileStore::debugFileStore.Error(
+            "PullThread: %S has no known size and does not end within %lu bytes: its sender has to announce "
+            "its size\n",
+            file.FileName, attempt.largest);
+        return RestartDownloadLater(file);
+    }
     if (result != kHttpCompleted) return KeepForRetry(file, result);
-    if (status != 200 && status != 206) {
+    if (attempt.status == kHttpStatusNotFound || attempt.status == kHttpStatusRangeNotSatisfiable) {
         FileStore::debugFileStore.Warning("PullThread: Relay does not have the requested file\n");
         return RestartDownloadLater(file);
+    }
+    if (attempt.status != kHttpStatusOk && attempt.status != kHttpStatusPartialContent) {
+        FileStore::debugFileStore.Warning(
+            "PullThread: The request for %S was answered with HTTP status %u; it is repeated later\n",
+            file.FileURL, attempt.status);
+        return PostponeDownload(file.FileId);
     }
     return HasAnnouncedContent(file) ? FinishDownload(file) : RestartDownloadLater(file);
 }
 
 unsigned int FileStorePullThread::Fetch(const FileStoreEntry& file, const KelString& sender,
-                                        std::uint64_t offset, unsigned int& status) {
-    HttpTransfer transfer("PullThread", sender, [this] { return CheckCancelled(false); });
+                                        Attempt& attempt) {
+    UrgentFileWatch watch(file.Priority);
+    HttpTransfer transfer("PullThread", sender, [this, &watch, &attempt] {
+        attempt.madeWay = attempt.madeWay || watch.IsWaiting();
+        return attempt.madeWay || CheckCancelled(false);
+    });
     HttpMessage request;
     request.SetMethod(HttpMethod::Get);
     request.SetResourcePath(file.FileURL);
-    request.SetRangeStart(offset);
+    request.SetRangeStart(attempt.offset);
     HttpFileMessage answer;
     answer.SetBodyFile(file.FilePath);
     answer.SetExpectedSize(static_cast<std::uint64_t>(file.FileSize));
-    FileStore::debugFileStore.Print("PullThread: Downloading URL %S (offset %gu)\n", file.FileURL, offset);
+    answer.SetSizeLimit(attempt.largest);
+    FileStore::debugFileStore.Print("PullThread: Downloading URL %S (offset %gu)\n", file.FileURL,
+                                    attempt.offset);
     const unsigned int result = transfer.Run(request, answer, file.Bypass);
     FileStore::debugFileStore.Print("PullThread: Download from %S returned %u\n", file.FileURL, result);
     if (result != kHttpCompleted && result != kHttpCutOff)
         FileStore::debugFileStore.Detail("PullThread: %S\n", transfer.GetErrorText());
-    status = answer.GetStatus();
+    attempt.status = answer.GetStatus();
+    attempt.madeWay = attempt.madeWay && result == kHttpCutOff;
     return result;
 }

@@ -3,6 +3,7 @@
 #include "filestore/db/file_status.h"
 #include "filestore/db/files_table.h"
 #include "filestore/state/file_store.h"
+#include "filestore/state/store_layout.h"
 #include "kel/checksum.h"
 #include "kel/file.h"
 #include "kelcore/http/client.h"
@@ -11,10 +12,18 @@ namespace filestore {
 
 namespace {
 
-/// Files of this type are accepted whatever their checksum.
 constexpr const char* kTypeWithAnyContent = "OperationalRuleNetworkPackageInfo";
 
+bool RecordPartial(const FileStoreEntry& file, NextTry next) {
+    const std::int64_t present = FileGetSize64(file.FilePath);
+    return SetTransferredBytes(file.FileId, present < 0 ? 0 : static_cast<std::uint64_t>(present), next);
+}
+
 }  // namespace
+
+bool MayHaveAnyContent(const FileStoreEntry& file) {
+    return file.FileType == kTypeWithAnyContent;
+}
 
 bool IsStillWanted(std::uint64_t fileId) {
     return ReadFileStatus(Side::Downstream, fileId) == kStatusDownloading;
@@ -25,7 +34,7 @@ bool HasAnnouncedContent(const FileStoreEntry& file) {
     KelString checksum;
     FileMd5(file.FilePath, checksum);
     FileStore::debugFileStore.Print("PullThread: File checksum is %S\n", checksum);
-    if (checksum == file.FileChecksum || file.FileType == kTypeWithAnyContent) return true;
+    if (checksum == file.FileChecksum || MayHaveAnyContent(file)) return true;
     FileStore::debugFileStore.Error("PullThread: File checksum is invalid, requesting again\n");
     return false;
 }
@@ -36,13 +45,14 @@ bool PostponeDownload(std::uint64_t fileId) {
 }
 
 bool KeepForRetry(const FileStoreEntry& file, unsigned int result) {
-    if (result == kHttpCutOff) {
-        const std::int64_t present = FileGetSize64(file.FilePath);
-        return SetTransferredBytes(file.FileId, present < 0 ? 0 : static_cast<std::uint64_t>(present));
-    }
+    if (result == kHttpCutOff) return RecordPartial(file, NextTry::AfterTimeout);
     FileStore::debugFileStore.Error("PullThread: Failed to download file %S\n", file.FileName);
     FileStore::debugFileStore.Trace("PullThread: Received HTTP Client Error %d\n", static_cast<int>(result));
     return PostponeDownload(file.FileId);
+}
+
+bool InterruptDownload(const FileStoreEntry& file) {
+    return RecordPartial(file, NextTry::AtOnce);
 }
 
 // The lock spans question and removal: an offer that is taken in here sets the status, under the same lock,
@@ -65,8 +75,8 @@ bool FinishDownload(const FileStoreEntry& file) {
 bool RequestSpoiltContent(const FileStoreEntry& file) {
     FileStoreEntry entry;
     const bool isSpoilt = entry.LoadFromDatabase(file.FileId, Side::Downstream) &&
-                          entry.FileStatus == kStatusAvailable && entry.FilePath == file.FilePath &&
-                          !HasAnnouncedContent(file);
+                          entry.FileStatus == kStatusAvailable &&
+                          ContentPath(entry, Side::Downstream) == file.FilePath && !HasAnnouncedContent(file);
     if (!isSpoilt) return true;
     const bool recorded = UpdateFileStatus(Side::Downstream, file.FileId, kStatusAvailable,
                                            kStatusToBeRequested, NextTry::AtOnce);

@@ -20,11 +20,18 @@ bool IsStillWanted(std::uint64_t fileId);
 /// The content at FilePath has the announced checksum. Logs it when not. Hashes the file: hold no lock.
 bool HasAnnouncedContent(const FileStoreEntry& file);
 
+/// Files of some type keep their key when their content changes: neither their checksum nor their size is
+/// compared, and no transfer goes on from what an earlier one has left.
+bool MayHaveAnyContent(const FileStoreEntry& file);
+
 /// The next try follows after PullTimeout, from where this one ended.
 bool PostponeDownload(std::uint64_t fileId);
 
 /// The transfer ended with `result`, an error of HttpClient. What has arrived stays for the next try.
 bool KeepForRetry(const FileStoreEntry& file, unsigned int result);
+
+/// The transfer has made way for a more urgent file and goes on behind it.
+bool InterruptDownload(const FileStoreEntry& file);
 
 /// Removes the content at FilePath.
 void DeleteDownload(const FileStoreEntry& file);

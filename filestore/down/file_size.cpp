@@ -2,6 +2,7 @@
 #include "filestore/db/files_table.h"
 #include "filestore/exchange/input_checks.h"
 #include "filestore/state/file_store.h"
+#include "filestore/state/store_layout.h"
 #include "kel/file.h"
 #include "kelcore/action_db.h"
 #include "kelcore/error_codes.h"
@@ -24,7 +25,7 @@ bool FindOwnFileSize(const FileKey& key, long long& size) {
         if (!LoadKnownFile(Side::Downstream, entry)) return false;
     }
     if (entry.FileStatus != kStatusAvailable && entry.FileStatus != kStatusUnicastAvailable) return false;
-    const std::int64_t onDisk = FileGetSize64(entry.FilePath);
+    const std::int64_t onDisk = FileGetSize64(ContentPath(entry, Side::Downstream));
     if (onDisk < 0) return false;
     size = onDisk;
     return true;

@@ -6,6 +6,7 @@
 #include "filestore/down/announcement.h"
 #include "filestore/state/bandwidth_manager.h"
 #include "filestore/state/file_store.h"
+#include "filestore/state/settings.h"
 #include "filestore/state/store_layout.h"
 #include "kelcore/action_db.h"
 #include "kelcore/callback_db.h"
@@ -27,7 +28,7 @@ unsigned int BatchSize() {
 }
 
 KelVector<FileTarget> SelectBatch() {
-    return SelectDueTargets(std::time(nullptr) - FileStore::ulTimeout,
+    return SelectDueTargets(FileStoreDueBefore(FileStore::ulTimeout),
                             FileStore::bmTrackUsageDown.TransfersAreDisabled(), BatchSize());
 }
 

@@ -27,11 +27,18 @@ class FileStorePullThread : public FileThreadBase {
     bool DoWork() override;
 
   private:
+    /// One transfer and what came of it.
+    struct Attempt {
+        std::uint64_t largest = 0;  ///< size in bytes at which it is stopped
+        std::uint64_t offset = 0;
+        unsigned int status = 0;  ///< of the answer
+        bool madeWay = false;     ///< stopped for a more urgent file
+    };
+
     /// True when the outcome is recorded.
-    bool FetchByUnicast(const FileStoreEntry& file, const KelString& sender);
-    /// Result of the HTTP client; `status` is the answer's.
-    unsigned int Fetch(const FileStoreEntry& file, const KelString& sender, std::uint64_t offset,
-                       unsigned int& status);
+    bool FetchByUnicast(const FileStoreEntry& file, const KelString& sender, Attempt& attempt);
+    /// Result of the HTTP client.
+    unsigned int Fetch(const FileStoreEntry& file, const KelString& sender, Attempt& attempt);
 };
 
 namespace filestore {

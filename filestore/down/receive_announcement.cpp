@@ -4,6 +4,7 @@
 #include "filestore/down/receive_offer.h"
 #include "filestore/down/target_list.h"
 #include "filestore/state/file_store.h"
+#include "filestore/state/store_layout.h"
 #include "kel/file.h"
 #include "kel/path.h"
 #include "kelcore/error_codes.h"
@@ -48,10 +49,14 @@ Announcement ReadAnnouncement(const KelContainer& arguments, const Offer& offer)
 }
 
 bool IsComplete(const FileStoreEntry& entry) {
-    return FileExists(entry.FilePath) && FileGetSize64(entry.FilePath) == entry.FileSize;
+    const KelString path = ContentPath(entry, Side::Downstream);
+    return !entry.FileChecksum.empty() && FileExists(path) && FileGetSize64(path) == entry.FileSize;
 }
 
 void SetTransport(FileStoreEntry& known, const Announcement& announced) {
+    // What has arrived by unicast has no gaps, as often as the file is announced meanwhile.
+    const bool isUnicastUnderWay = known.FileStatus == kStatusDownloading &&
+                                   known.TransportMode == kTransportUnicast && known.TransferredBytes != 0;
     known.MulticastTransferToBeStarted = false;
     known.MulticastAddress = announced.multicast.address;
     known.MulticastPort = announced.multicast.port;
@@ -59,22 +64,22 @@ void SetTransport(FileStoreEntry& known, const Announcement& announced) {
     known.TransportMode = kTransportUnicast;
     if (announced.multicast.IsUsable()) {
         known.TransportMode = kTransportMulticast;
-    } else if (announced.transportMode == kTransportMulticast) {
+    } else if (announced.transportMode == kTransportMulticast && !isUnicastUnderWay) {
         // What a failed multicast reception has left has gaps: nothing of it counts as transferred.
         known.TransferredBytes = 0;
         known.TransportMode = kTransportUnicastRecovery;
     }
 }
 
-/// Has a known file downloaded as the new announcement says, unless it is here already.
-Recorded UpdateKnown(FileStoreEntry& known, const Announcement& announced)
-    KEL_REQUIRES(FileStore::mutexDownstream) {
-    FileStore::debugFileStore.Trace("File %S exists in datababase with status %S.\n", known.FileName,
-                                    known.FileStatus);
-    if (known.FileStatus == kStatusAvailable || IsComplete(known)) {
-        FileStore::debugFileStore.Trace("Available file is notified again.\n");
-        return Recorded::Unchanged;
-    }
+/// Nothing of an announcement changes a file that is here, its targets included.
+bool IsHere(const FileStoreEntry& known) {
+    if (known.FileStatus == kStatusAvailable) return true;
+    return (known.FileStatus == kStatusNotRelaysChild || known.FileStatus == kStatusObsolete) &&
+           IsComplete(known);
+}
+
+/// Has the known file downloaded as the new announcement says.
+void SetToBeDownloaded(FileStoreEntry& known, const Announcement& announced) {
     known.FileURL = announced.file.FileURL;
     if (known.FileChecksum.empty()) {  // it was requested without one
         known.FileChecksum = announced.file.FileChecksum;
@@ -83,12 +88,29 @@ Recorded UpdateKnown(FileStoreEntry& known, const Announcement& announced)
     // The status time of a request that was waiting for its answer must not delay the download.
     if (known.FileStatus == kStatusToBeRequested || known.FileStatus == kStatusMissing)
         known.LastStatusChangeTime = 0;
+    SetTransport(known, announced);
     known.FileStatus = kStatusDownloading;
     known.KeepCopy = announced.file.KeepCopy;
     known.Bypass = announced.file.Bypass;
     known.Priority = announced.file.Priority;
-    SetTransport(known, announced);
-    return known.SaveToDatabase(Side::Downstream) ? Recorded::ToBeDownloaded : Recorded::Failed;
+}
+
+/// Has a known file that is not here yet downloaded, and delivered to the announced targets as well as to
+/// those that it has already. One whose bytes are here, but are not verified, needs no transfer.
+Recorded UpdateKnown(FileStoreEntry& known, const Announcement& announced,
+                     const KelVector<FileStoreTarget>& targets) KEL_REQUIRES(FileStore::mutexDownstream) {
+    FileStore::debugFileStore.Trace("File %S exists in datababase with status %S.\n", known.FileName,
+                                    known.FileStatus);
+    const bool isComplete = IsComplete(known);
+    if (IsHere(known) || isComplete) FileStore::debugFileStore.Trace("Available file is notified again.\n");
+    if (IsHere(known)) return Recorded::Unchanged;
+    const auto waiting = FindTargets(known.FileId);
+    if (!waiting) return Recorded::Failed;
+    const KelVector<FileStoreTarget> changed = MergeTargets(*waiting, targets);
+    if (isComplete && changed.empty()) return Recorded::Unchanged;
+    known.Acknowledged = false;
+    if (!isComplete) SetToBeDownloaded(known, announced);
+    return SaveFileWithTargets(known, changed) ? Recorded::ToBeDownloaded : Recorded::Failed;
 }
 
 FileStoreEntry NewEntry(const Announcement& announced) {
@@ -106,23 +128,16 @@ FileStoreEntry NewEntry(const Announcement& announced) {
 }
 
 Recorded Record(const Announcement& announced) {
-    FileStoreEntry entry = announced.file;
-    {
-        const KelLock lock(FileStore::mutexDownstream);
-        if (!LoadKnownFile(Side::Downstream, entry)) entry.FileId = 0;
-    }
-    // The targets need the row's number, and making them calls local actions: no lock may be held. Another
-    // call may record the file in the meantime, so it is looked for once more.
-    const bool isNew = entry.FileId == 0;
-    const std::uint64_t fileId = isNew ? NewFileId(Side::Downstream) : entry.FileId;
-    KelVector<FileStoreTarget> targets;
-    if (isNew) targets = TargetsOf(fileId, announced.wakeOnLan, announced.devicePath);
+    // Making the targets asks local actions: no lock may be held. What is known of the file counts as it is
+    // afterwards.
+    const auto targets = TargetsOf(announced.wakeOnLan, announced.devicePath);
+    if (!targets) return Recorded::Failed;
 
     const KelLock lock(FileStore::mutexDownstream);
-    if (LoadKnownFile(Side::Downstream, entry)) return UpdateKnown(entry, announced);
+    FileStoreEntry entry = announced.file;
+    if (LoadKnownFile(Side::Downstream, entry)) return UpdateKnown(entry, announced, *targets);
     entry = NewEntry(announced);
-    entry.FileId = fileId;
-    return CreateFileWithTargets(entry, targets) ? Recorded::ToBeDownloaded : Recorded::Failed;
+    return SaveFileWithTargets(entry, *targets) ? Recorded::ToBeDownloaded : Recorded::Failed;
 }
 
 }  // namespace

@@ -95,9 +95,9 @@ bool TakeIn(const LocalSource& source, FileStoreEntry& offered, unsigned int wak
             const KelContainer& devicePath) {
     Reception reception;
     if (!Begin(reception, offered)) return false;
-    const KelVector<FileStoreTarget> targets = TargetsOf(reception.before.FileId, wakeOnLan, devicePath);
-    if (PlaceContent(source, offered.FilePath, reception.WasAvailable()) &&
-        Complete(reception, offered, targets))
+    const auto targets = TargetsOf(wakeOnLan, devicePath);
+    if (targets && PlaceContent(source, offered.FilePath, reception.WasAvailable()) &&
+        Complete(reception, offered, *targets))
         return true;
     GiveUp(reception);
     return false;

@@ -1,18 +1,22 @@
 #include "filestore/down/resume_download.h"
 
 #include "filestore/db/file_status.h"
+#include "filestore/db/files_table.h"
 #include "filestore/down/download_outcome.h"
 #include "filestore/state/file_store.h"
 #include "kel/file.h"
 
 namespace filestore {
 
-DownloadStart PrepareResume(const FileStoreEntry& file) {
-    if (file.TransportMode == kTransportUnicastRecovery) DeleteDownload(file);
+DownloadStart PrepareResume(const FileStoreEntry& file, std::uint64_t largest) {
+    const bool isRecovery = file.TransportMode == kTransportUnicastRecovery;
+    if (isRecovery || MayHaveAnyContent(file)) DeleteDownload(file);
+    // Only the first attempt begins anew: later ones go on from what the earlier ones have left.
+    if (isRecovery) StartUnicastRecovery(file.FileId);
     // The size on the disk counts, not TransferredBytes of the row: a kill loses the last update of the row.
     const std::int64_t present = FileExists(file.FilePath) ? FileGetSize64(file.FilePath) : -1;
     if (present < 0) return {};
-    if (file.FileSize != 0 && present > file.FileSize) {
+    if (static_cast<std::uint64_t>(present) > largest) {
         FileStore::debugFileStore.Warning(
             "PullThread: The partial file %S is longer than announced, starting again\n", file.FilePath);
         DeleteDownload(file);

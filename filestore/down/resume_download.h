@@ -14,8 +14,9 @@ struct DownloadStart {
 
 /// Decides how a download goes on from what earlier attempts have left at `file.FilePath`, and removes that
 /// where it is of no use: when the file comes by unicast after a failed multicast reception, whose gaps are
-/// unknown, and when it is longer than announced. Takes mutexDownstream for the removal.
-DownloadStart PrepareResume(const FileStoreEntry& file);
+/// unknown, when the file may have other content by now, and when it is longer than `largest` bytes. Takes
+/// mutexDownstream for the removal.
+DownloadStart PrepareResume(const FileStoreEntry& file, std::uint64_t largest);
 
 /// Ends a download that PrepareResume found complete: verifies the content and makes the file available, or
 /// has it fetched from the beginning. False when the database did not take the outcome. Hashes the file: hold

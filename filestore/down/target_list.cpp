@@ -1,5 +1,6 @@
 #include "filestore/down/target_list.h"
 
+#include <algorithm>
 #include <ctime>
 #include <optional>
 
@@ -67,17 +68,15 @@ std::optional<std::int64_t> FirstNotifyTime(const KelString& devicePath, std::in
     return *latest != 0 ? now : 0;
 }
 
-FileStoreTarget FinalTarget(std::uint64_t fileId, unsigned int wakeOnLan) {
+FileStoreTarget FinalTarget(unsigned int wakeOnLan) {
     FileStoreTarget target;
-    target.TargetId = NewTargetId();
-    target.FileId = fileId;
     target.TargetCreateTime = std::time(nullptr);
     target.WakeUpDevice = wakeOnLan;
     return target;
 }
 
-std::optional<FileStoreTarget> ChildTarget(std::uint64_t fileId, unsigned int wakeOnLan,
-                                           const KelString& child, const KelContainer& subTree) {
+std::optional<FileStoreTarget> ChildTarget(unsigned int wakeOnLan, const KelString& child,
+                                           const KelContainer& subTree) {
     KelContainer wrapped;
     wrapped.SetContainer(child, subTree);
     const bool isOurs = FileStore::CheckDevicePath(wrapped);
@@ -88,37 +87,100 @@ std::optional<FileStoreTarget> ChildTarget(std::uint64_t fileId, unsigned int wa
     const auto notifyTime = FirstNotifyTime(target.DevicePath, target.TargetCreateTime);
     if (!notifyTime) return std::nullopt;
     target.LastNotifyTime = *notifyTime;
-    target.TargetId = NewTargetId();
-    target.FileId = fileId;
     if (!isOurs) target.DeviceGUID = child;
     target.WakeUpDevice = wakeOnLan;
     return target;
 }
 
+/// The GUID in a path name or device URL; a name without one stands for itself.
+KelString DeviceOf(const KelString& name) {
+    const KelString guid = StringTokeniser(name, '/').GetToken(1);
+    return guid.empty() ? name : guid;
+}
+
+bool IsSameDevice(const KelString& left, const KelString& right) {
+    return left == right || DeviceOf(left) == DeviceOf(right);
+}
+
+/// Adds a device with what lies below it to one level of a target tree.
+void AddDevice(KelContainer& level, const KelString& name, const KelContainer& below) {
+    for (std::size_t i = 0; i < level.GetNameCount(); ++i) {
+        const KelString known = level.GetName(i);
+        if (!IsSameDevice(known, name)) continue;
+        KelContainer merged = level.GetContainer(known);
+        // A device with nothing below it is a target. One that others lie below only leads on to them, unless
+        // it is named once more among them.
+        if (merged.IsEmpty() != below.IsEmpty()) AddDevice(merged, known, {});
+        for (std::size_t j = 0; j < below.GetNameCount(); ++j)
+            AddDevice(merged, below.GetName(j), below.GetContainer(below.GetName(j)));
+        level.SetContainer(known, std::move(merged));
+        return;
+    }
+    level.SetContainer(name, below);
+}
+
+KelContainer ReadTree(const FileStoreTarget& target) {
+    KelContainer tree;
+    if (const KelStatus loaded = tree.LoadFromXML(target.DevicePath); !loaded && !target.DevicePath.empty())
+        FileStore::debugFileStore.Error("The device path of target %lu is damaged and is replaced: %S\n",
+                                        target.TargetId, loaded.Error().message);
+    return tree;
+}
+
+/// The row `known` with what `announced` says of the same device. A row that a request has made has no tree.
+FileStoreTarget Union(const FileStoreTarget& known, const FileStoreTarget& announced) {
+    FileStoreTarget merged = known;
+    merged.DeviceGUID = announced.DeviceGUID;  // with the address that the device has now
+    merged.WakeUpDevice = std::max(known.WakeUpDevice, announced.WakeUpDevice);
+    KelContainer tree = ReadTree(known);
+    const KelContainer added = ReadTree(announced);
+    if (tree.IsEmpty()) {
+        merged.DevicePath = announced.DevicePath;
+    } else if (!added.IsEmpty()) {
+        AddDevice(tree, added.GetName(0), added.GetContainer(added.GetName(0)));
+        merged.DevicePath = tree.SaveToXML();
+    }
+    return merged;
+}
+
 }  // namespace
 
-KelVector<FileStoreTarget> TargetsOf(std::uint64_t fileId, unsigned int wakeOnLan,
-                                     const KelContainer& targets) {
-    if (targets.IsEmpty() || !FileStore::CheckDevicePath(targets)) return {};
+std::optional<KelVector<FileStoreTarget>> TargetsOf(unsigned int wakeOnLan, const KelContainer& targets) {
+    KelVector<FileStoreTarget> rows;
+    if (targets.IsEmpty() || !FileStore::CheckDevicePath(targets)) return rows;
     const KelString& top = targets.GetName(0);
     FileStore::debugFileStore.Detail("Top level target: %S\n", top);
     const KelContainer& children = targets.GetContainer(top);
     if (children.IsEmpty()) {
         FileStore::debugFileStore.Detail("This device is the target for file\n");
-        return {FinalTarget(fileId, wakeOnLan)};
+        rows.push_back(FinalTarget(wakeOnLan));
+        return rows;
     }
-    KelVector<FileStoreTarget> rows;
     for (std::size_t i = 0; i < children.GetNameCount(); ++i) {
         const KelString& child = children.GetName(i);
-        auto row = ChildTarget(fileId, wakeOnLan, child, children.GetContainer(child));
-        if (!row) return {};
+        auto row = ChildTarget(wakeOnLan, child, children.GetContainer(child));
+        if (!row) return std::nullopt;
         rows.push_back(std::move(*row));
     }
     return rows;
 }
 
+KelVector<FileStoreTarget> MergeTargets(const KelVector<FileStoreTarget>& known,
+                                        const KelVector<FileStoreTarget>& announced) {
+    KelVector<FileStoreTarget> changed;
+    for (const FileStoreTarget& target : announced) {
+        const auto row = std::find_if(known.begin(), known.end(), [&target](const FileStoreTarget& other) {
+            return IsSameDevice(other.DeviceGUID, target.DeviceGUID);
+        });
+        FileStoreTarget merged = row == known.end() ? target : Union(*row, target);
+        merged.LastNotifyTime = 0;
+        if (row == known.end() || merged != *row) changed.push_back(std::move(merged));
+    }
+    return changed;
+}
+
 }  // namespace filestore
 
 void FileStore::ProcessFileTargetList(unsigned long fileId, unsigned int wakeOnLan, KelContainer& targets) {
-    filestore::RecordTargets(filestore::TargetsOf(fileId, wakeOnLan, targets));
+    if (const auto rows = filestore::TargetsOf(wakeOnLan, targets)) filestore::RecordTargets(fileId, *rows);
 }

@@ -1,6 +1,6 @@
 #pragma once
 
-#include <cstdint>
+#include <optional>
 
 #include "filestore/db/targets_table.h"
 #include "kel/container.h"
@@ -10,11 +10,17 @@ namespace filestore {
 /// The rows that record the targets of a file, from its target tree: a container whose one name is the path
 /// name of the device that receives it, with a container per child in it, and so on downwards. A tree without
 /// children makes this device the target; otherwise each child becomes one, with the sub-tree that it passes
-/// on. None when the tree is not addressed to this device or the database cannot be read.
+/// on. None when the tree is not addressed to this device; nothing when the database cannot be read.
 ///
-/// The rows get their TargetIds, but are not inserted. Passes on Wake-on-LAN data of the children to the
-/// module that wakes devices (local actions): hold no lock.
-KelVector<FileStoreTarget> TargetsOf(std::uint64_t fileId, unsigned int wakeOnLan,
-                                     const KelContainer& targets);
+/// The rows have neither FileId nor TargetId yet. Passes on Wake-on-LAN data of the children to the module
+/// that wakes devices (local actions): hold no lock.
+std::optional<KelVector<FileStoreTarget>> TargetsOf(unsigned int wakeOnLan, const KelContainer& targets);
+
+/// Adds `announced` to `known`, the targets that a file has already, so that there is one row per next
+/// device, whose sub-tree is the union of both, and which is due at once. A device is recognised by its GUID:
+/// a device that requested the file and the same device in a tree share a row. The result holds the rows that
+/// differ from `known` and are to be stored.
+KelVector<FileStoreTarget> MergeTargets(const KelVector<FileStoreTarget>& known,
+                                        const KelVector<FileStoreTarget>& announced);
 
 }  // namespace filestore

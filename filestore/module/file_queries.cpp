@@ -4,6 +4,7 @@
 #include "filestore/db/files_selection.h"
 #include "filestore/state/device.h"
 #include "filestore/state/file_store.h"
+#include "filestore/state/store_layout.h"
 #include "kel/container.h"
 #include "kel/file.h"
 #include "kel/format.h"
@@ -64,8 +65,9 @@ KelContainer DetailValues(const FileStoreEntry& entry) {
     values.SetString(kValueSourceDevice, entry.SourceDevice);
     values.SetString(kValueFirstRelay, entry.FirstRelay);
     values.SetInt32("TransferredBytes", static_cast<std::int32_t>(entry.TransferredBytes));
+    const KelString path = ContentPath(entry, entry.Upstream ? Side::Upstream : Side::Downstream);
     values.SetString("TransferredData",
-                     FileStore::getFileTransferPercent(entry.FileStatus, entry.FilePath, entry.FileSize));
+                     FileStore::getFileTransferPercent(entry.FileStatus, path, entry.FileSize));
     return values;
 }
 

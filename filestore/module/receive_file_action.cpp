@@ -57,10 +57,15 @@ void AcknowledgeToParent(const FileKey& key) {
 /// Carries a package order out at once when this device can: nothing is recorded then. False when the offer
 /// is to be recorded like any other file.
 bool CarryOutPackageOrder(KelContainer& arguments, const Offer& offer) {
-    if (offer.key.type == "PackagerCopyAdministratedPackage")
-        return CopyPublishedPackage(arguments, offer.key) == kKelOk;
-    if (offer.key.type == "PackagerPublishPackageToMaster")
-        return PublishPackageToMaster(arguments, offer.key) == kKelOk;
+    if (offer.key.type == "PackagerCopyAdministratedPackage" ||
+        offer.key.type == "PackagerPublishPackageToMaster") {
+        const PackageOrder outcome = offer.key.type == "PackagerPublishPackageToMaster"
+                                         ? PublishPackageToMaster(arguments, offer.key)
+                                         : CopyPublishedPackage(arguments, offer.key);
+        // Until it is acknowledged, the parent repeats the order, and the package is published once more.
+        if (outcome == PackageOrder::CarriedOut) AcknowledgeToParent(offer.key);
+        return outcome != PackageOrder::NotHeld;
+    }
     if (offer.key.type != "PackageDelete") return false;
     KelContainer order = arguments;  // a failed deletion must leave the offer whole
     if (FileStore::ActionHandler_FileStoreDeletePackage(&order) != kKelOk) return false;
@@ -75,6 +80,10 @@ unsigned int Route(KelContainer& arguments, Offer& offer) {
     if (offer.local) return ReceiveDownstreamLocal(arguments, offer);
     if (CarryOutPackageOrder(arguments, offer)) return kKelOk;
     return ReceiveDownstreamRemote(arguments, offer);
+}
+
+int ResultOf(PackageOrder outcome) {
+    return outcome == PackageOrder::NotHeld ? kKelErrorBadInput : kKelOk;
 }
 
 using Receiver = unsigned int (*)(KelContainer&, Offer&);
@@ -146,11 +155,11 @@ int FileStore::ReceiveDownstreamRemoteFile(KelContainer& arguments, const KelStr
 int FileStore::ReceivedCopyPublishedAction(KelContainer& arguments, const KelString& type,
                                            const KelString& label, const KelString& name,
                                            const KelString& checksum) {
-    return static_cast<int>(CopyPublishedPackage(arguments, {type, label, name, checksum}));
+    return ResultOf(CopyPublishedPackage(arguments, {type, label, name, checksum}));
 }
 
 int FileStore::ReceivedPublishToMasterAction(KelContainer& arguments, const KelString& type,
                                              const KelString& label, const KelString& name,
                                              const KelString& checksum) {
-    return static_cast<int>(PublishPackageToMaster(arguments, {type, label, name, checksum}));
+    return ResultOf(PublishPackageToMaster(arguments, {type, label, name, checksum}));
 }

@@ -3,10 +3,10 @@
 #include "filestore/db/targets_table.h"
 #include "filestore/state/device.h"
 #include "filestore/state/file_store.h"
+#include "filestore/state/store_layout.h"
 #include "kel/container.h"
 #include "kel/file.h"
 #include "kel/format.h"
-#include "kel/path.h"
 #include "kel/text.h"
 #include "kelcore/db/connection.h"
 
@@ -67,18 +67,14 @@ void UpdateTargets(const KelString& port) {
     }
 }
 
-/// Puts a package or script whose content is not what it should be back to missing.
-void DropCorruptedFile(const FileStoreEntry& file) {
-    if (FileExists(file.FilePath)) {
+/// Puts a package or script whose content at `path` is not what it should be back to missing.
+void DropCorruptedFile(const FileStoreEntry& file, const KelString& path) {
+    if (FileExists(path)) {
         if (file.ExternalFile) {
-            FileStore::debugFileStore.Warning("File '%S' is held by the Master and is corrupted.\n",
-                                              file.FilePath);
-        } else if (CompletePath(file.FilePath).starts_with(FileStore::strStorageLocationToUse)) {
-            FileStore::debugFileStore.Warning("File '%S' is corrupted and will be removed.\n", file.FilePath);
-            FileDelete(file.FilePath);
+            FileStore::debugFileStore.Warning("File '%S' is held by the Master and is corrupted.\n", path);
         } else {
-            FileStore::debugFileStore.Warning(
-                "File '%S' is corrupted and lies outside the store; it is left\n", file.FilePath);
+            FileStore::debugFileStore.Warning("File '%S' is corrupted and will be removed.\n", path);
+            FileDelete(path);
         }
     }
     SetMissing(file.FileId);
@@ -99,6 +95,8 @@ void FileStore::UpdateHttpPort() {
 
 void FileStore::UpdateScriptAndPackageStatus(unsigned long fileId) {
     const KelLock lock(mutexDownstream);
-    for (const FileStoreEntry& file : SelectHeldPackages(fileId))
-        if (FileGetSize64(file.FilePath) != file.FileSize) DropCorruptedFile(file);
+    for (const FileStoreEntry& file : SelectHeldPackages(fileId)) {
+        const KelString path = ContentPath(file, Side::Downstream);
+        if (FileGetSize64(path) != file.FileSize) DropCorruptedFile(file, path);
+    }
 }

@@ -35,8 +35,8 @@ bool RecordPackage(const FileStoreEntry& handled, const KelString& path) {
     if (*known != 0) {
         if (!package.LoadFromDatabase(*known, Side::Downstream)) return false;
     } else {
-        // What belongs to the way up (URL, times, bypass) does not apply to the way down.
-        package.SourceDevice = handled.SourceDevice;
+        // What belongs to the way up (URL, times, bypass) does not apply to the way down. Nor does the source
+        // device: the devices below fetch from the one that is named, and the package lies here.
         package.FirstRelay = handled.FirstRelay;
         package.FileInfo = handled.FileInfo;
         package.Priority = handled.Priority;

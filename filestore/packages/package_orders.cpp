@@ -5,8 +5,10 @@
 
 #include "filestore/db/file_key.h"
 #include "filestore/db/file_status.h"
+#include "filestore/db/files_table.h"
 #include "filestore/exchange/input_checks.h"
 #include "filestore/state/file_store.h"
+#include "filestore/state/store_layout.h"
 #include "kel/file.h"
 #include "kel/format.h"
 #include "kelcore/action_db.h"
@@ -21,7 +23,7 @@ namespace {
 /// The package that an order names in its `FileInfo`.
 struct HeldPackage {
     KelString name;
-    KelString path;  ///< of its file in this device's store; empty when it is not held
+    KelString path;  ///< of its content on this device; empty when it is not held
 };
 
 HeldPackage FindPackage(const KelContainer& arguments, const KelString& fileName) {
@@ -31,27 +33,30 @@ HeldPackage FindPackage(const KelContainer& arguments, const KelString& fileName
     const KelString checksum = info.GetString("PackageChecksum");
     if (!CheckKeyPart("PackageName", package.name, false) || !CheckKeyPart("PackageChecksum", checksum, true))
         return package;
-    const KelString path =
-        FileStore::StorePath(Side::Downstream, {kRulePackageType, package.name, fileName, checksum});
+    FileStoreEntry row({kRulePackageType, package.name, fileName, checksum});
+    const auto fileId = FindExactFile(Side::Downstream, row.Key());
+    if (fileId && *fileId != 0) row.LoadFromDatabase(*fileId, Side::Downstream);
+    const KelString path = ContentPath(row, Side::Downstream);
     if (FileExists(path)) package.path = path;
     return package;
 }
 
 /// Offers the package as a module of this device does. The order's origin is removed: with it, the offer
 /// would be refused, as no other device may name a path of this one.
-void OfferLocally(KelContainer& offer) {
+PackageOrder OfferLocally(KelContainer& offer) {
     offer.Remove("HttpProtocolRequestInfo");
+    const KelString path = offer.GetString(kValueCopyPath);
     const unsigned int error = CallLocal("FileStoreReceiveFile", offer);
-    if (error != kKelOk)
-        FileStore::debugFileStore.Error("Cannot publish the package '%S' again, error %u\n",
-                                        offer.GetString(kValueCopyPath), error);
+    if (error == kKelOk) return PackageOrder::CarriedOut;
+    FileStore::debugFileStore.Error("Cannot publish the package '%S' again, error %u\n", path, error);
+    return PackageOrder::Failed;
 }
 
 }  // namespace
 
-unsigned int CopyPublishedPackage(KelContainer& arguments, const FileKey& order) {
+PackageOrder CopyPublishedPackage(KelContainer& arguments, const FileKey& order) {
     const HeldPackage package = FindPackage(arguments, order.name);
-    if (package.path.empty()) return kKelErrorBadInput;
+    if (package.path.empty()) return PackageOrder::NotHeld;
     arguments.SetString(kValueFileType, "SentPackage");
     arguments.SetString(kValueCopyPath, package.path);
     arguments.SetString(kValueFileChecksum, "");
@@ -60,13 +65,12 @@ unsigned int CopyPublishedPackage(KelContainer& arguments, const FileKey& order)
     arguments.SetString(kValueFileName,
                         KelFormat("%S_%u_%u", package.name, static_cast<unsigned int>(std::rand()),
                                   static_cast<unsigned int>(std::time(nullptr))));
-    OfferLocally(arguments);
-    return kKelOk;
+    return OfferLocally(arguments);
 }
 
-unsigned int PublishPackageToMaster(const KelContainer& arguments, const FileKey& order) {
+PackageOrder PublishPackageToMaster(const KelContainer& arguments, const FileKey& order) {
     const HeldPackage package = FindPackage(arguments, order.name);
-    if (package.path.empty()) return kKelErrorBadInput;
+    if (package.path.empty()) return PackageOrder::NotHeld;
     KelContainer info = arguments.GetContainer(kValueFileInfo);
     info.SetBool("WasAdministratedRelay", true);
     info.SetString("AdministratedRelayGUID", "");
@@ -77,8 +81,7 @@ unsigned int PublishPackageToMaster(const KelContainer& arguments, const FileKey
     offer.info = std::move(info);
     offer.copyPath = package.path;
     KelContainer call = offer.ToContainer();
-    OfferLocally(call);
-    return kKelOk;
+    return OfferLocally(call);
 }
 
 }  // namespace filestore

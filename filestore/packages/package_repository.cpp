@@ -119,6 +119,9 @@ Entering EnterInStore(const FileStoreEntry& file, const FileStoreEntry& before, 
     if (size < 0) return Entering::Failed;
     FileStoreEntry entry = file;
     if (LoadKnownFile(Side::Downstream, entry) && HasBeenCompleted(before, entry)) return Entering::NotNeeded;
+    // A file that the parent has announced is acknowledged to it, as after a download.
+    const bool isAnnounced =
+        entry.FileStatus == kStatusDownloading || entry.FileStatus == kStatusMulticastListening;
     entry.FileChecksum = file.FileChecksum;
     entry.FilePath = place.path;
     entry.FileURL = place.url;
@@ -126,10 +129,11 @@ Entering EnterInStore(const FileStoreEntry& file, const FileStoreEntry& before, 
     entry.FileSize = size;
     entry.FileStatus = kStatusAvailable;
     entry.LastStatusChangeTime = 0;
-    entry.Acknowledged = true;
+    entry.Acknowledged = !isAnnounced;
     entry.TransportMode = kTransportLocal;
     const bool isEntered = entry.FileId != 0 ? entry.SaveToDatabase(Side::Downstream)
                                              : entry.CreateInDatabase(Side::Downstream) != 0;
+    if (isEntered && isAnnounced) FileStore::WakeWorker(Worker::Pull);
     return isEntered ? Entering::Entered : Entering::Failed;
 }
 

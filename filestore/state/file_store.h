@@ -57,7 +57,7 @@ class FileStore {
     static void ReadSettings();      ///< all settings but PerformVacuum
     static void EnsureTimeToLive();  ///< raises ulTimeToLive to the largest time-out
     static unsigned int GetRandomTimeout(
-        unsigned int seconds);  ///< between seconds/2 + 1 and seconds * 3/2 + 1
+        unsigned int seconds);  ///< between seconds/2 + 1 and seconds * 3/2 + 1, or the largest number
 
     // ---- identity of this device (state/device.cpp)
     /// This device's GUID, or with `asUrl` its device URL "host:port/GUID"; empty while unknown. Calls local

@@ -1,6 +1,9 @@
 #include "filestore/state/settings.h"
 
+#include <algorithm>
 #include <cstdlib>
+#include <ctime>
+#include <limits>
 
 #include "filestore/state/bandwidth_manager.h"
 #include "filestore/state/file_store.h"
@@ -40,7 +43,15 @@ void FileStore::EnsureTimeToLive() {
 
 unsigned int FileStore::GetRandomTimeout(unsigned int seconds) {
     const auto product = static_cast<double>(static_cast<float>(std::rand()) * static_cast<float>(seconds));
-    return static_cast<unsigned int>(product / 2147483648.0) + seconds / 2 + 1;
+    const std::uint64_t timeout =
+        static_cast<std::uint64_t>(product / 2147483648.0) + std::uint64_t{seconds} / 2 + 1;
+    constexpr std::uint64_t kLongest = std::numeric_limits<unsigned int>::max();
+    return static_cast<unsigned int>(std::min(timeout, kLongest));
+}
+
+std::int64_t FileStoreDueBefore(std::uint64_t timeout) {
+    const std::int64_t now = std::time(nullptr);
+    return timeout < static_cast<std::uint64_t>(now) ? now - static_cast<std::int64_t>(timeout) : 1;
 }
 
 void FileStoreReadVacuumSetting() {

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <cstdint>
+
 #include "kel/types.h"
 
 /// Reads the flag PerformVacuum alone: the databases are set up before the other settings are read.
@@ -10,6 +12,10 @@ void FileStoreReadUploadPolicy();
 
 /// Applies FrameSize, the bytes that a paced transfer moves at once, to the windows up and down.
 void FileStoreApplyFrameSize();
+
+/// Rows whose last try lies before this time are due when they wait `timeout` seconds between two tries. A
+/// row with the time 0 always is.
+std::int64_t FileStoreDueBefore(std::uint64_t timeout);
 
 /// Reads from the ini file an integer or a flag that is needed too rarely to be kept.
 int FileStoreReadInteger(const KelString& section, const KelString& key, int fallback);

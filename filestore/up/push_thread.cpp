@@ -1,8 +1,7 @@
 #include "filestore/up/push_thread.h"
 
-#include <ctime>
-
 #include "filestore/state/file_store.h"
+#include "filestore/state/settings.h"
 #include "filestore/up/manual_upload.h"
 #include "filestore/up/upload_policy.h"
 
@@ -15,7 +14,7 @@ void FileStorePushThread::InitCurrentTimeout() {
 }
 
 bool FileStorePushThread::IsRecent(std::int64_t statusTime) const {
-    return statusTime > std::time(nullptr) - static_cast<std::int64_t>(currentTimeout_);
+    return statusTime > FileStoreDueBefore(currentTimeout_);
 }
 
 bool FileStorePushThread::DoWork() {

@@ -1,5 +1,3 @@
-#include <ctime>
-
 #include "filestore/db/file_status.h"
 #include "filestore/db/files_selection.h"
 #include "filestore/exchange/file_record.h"
@@ -7,6 +5,7 @@
 #include "filestore/exchange/input_checks.h"
 #include "filestore/state/device.h"
 #include "filestore/state/file_store.h"
+#include "filestore/state/settings.h"
 #include "filestore/up/push_thread.h"
 #include "filestore/up/upload_policy.h"
 #include "kelcore/action_db.h"
@@ -76,8 +75,7 @@ FileStorePushThread::Outcome FileStorePushThread::RequestFile(bool& reachedParen
         FileStore::debugFileStore.Print("PushThread: Do not have a GUID yet so will not send request\n");
         return Outcome::Nothing;
     }
-    const FileRows rows =
-        SelectFileToRequest(std::time(nullptr) - static_cast<std::int64_t>(currentTimeout_), PassingNow());
+    const FileRows rows = SelectFileToRequest(FileStoreDueBefore(currentTimeout_), PassingNow());
     if (rows.empty()) return Outcome::Nothing;
     const FileStoreEntry& file = rows.front();
     ++rowsTaken_;

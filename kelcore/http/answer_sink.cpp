@@ -93,7 +93,7 @@ bool HttpAnswerSink::BeginFile() {
     } else {
         return true;
     }
-    const std::uint64_t expected = file_->GetExpectedSize();
+    const std::uint64_t expected = file_->GetSizeLimit();
     if (expected != 0 && ((size_ && *size_ > expected) || (end_ && *end_ > expected)))
         return Fail(kHttpBadAnswer,
                     "the resource is larger than the announced " + std::to_string(expected) + " bytes");
@@ -130,7 +130,7 @@ bool HttpAnswerSink::OpenFile() {
 }
 
 bool HttpAnswerSink::Append(std::string_view data) {
-    const std::uint64_t expected = file_->GetExpectedSize();
+    const std::uint64_t expected = file_->GetSizeLimit();
     const std::uint64_t after = offset_ + data.size();
     if ((expected != 0 && after > expected) || (end_ && after > *end_))
         return Fail(kHttpBadAnswer, "more bytes came than were announced");

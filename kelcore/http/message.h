@@ -9,6 +9,7 @@ inline constexpr unsigned int kHttpStatusOk = 200;
 inline constexpr unsigned int kHttpStatusPartialContent = 206;
 inline constexpr unsigned int kHttpStatusUnauthorized = 401;
 inline constexpr unsigned int kHttpStatusNotFound = 404;
+inline constexpr unsigned int kHttpStatusRangeNotSatisfiable = 416;
 
 enum class HttpMethod { Get, Head, Post, Put };
 
@@ -88,7 +89,12 @@ class HttpFileMessage : public HttpMessage {
     void SetExpectedSize(std::uint64_t bytes) { expectedSize_ = bytes; }
     std::uint64_t GetExpectedSize() const { return expectedSize_; }
 
+    /// The largest size in bytes that is accepted while the size is not known; 0: any.
+    void SetSizeLimit(std::uint64_t bytes) { sizeLimit_ = bytes; }
+    std::uint64_t GetSizeLimit() const { return expectedSize_ != 0 ? expectedSize_ : sizeLimit_; }
+
   private:
     KelString bodyFile_;
     std::uint64_t expectedSize_ = 0;
+    std::uint64_t sizeLimit_ = 0;
 };

@@ -127,4 +127,17 @@ TEST_F(NotificationTest, TargetsThatAreNoChildrenOfOursGetARuleFile) {
               KelString("pack|") + filestore::kStatusNotRelaysChild);
 }
 
+TEST_F(NotificationTest, RuleFileLeavesAPackageOutsideTheStoreAlone) {
+    const KelString path = MakeFile("package", "abc");
+    AddTarget(
+        Announced("pack", "FileStatus = #NOTRELAYSCHILD#, ExternalFile = 1, FileURL = '/x', FilePath = '" +
+                              path + "'"),
+        1, childDevice_);
+    EXPECT_TRUE(Notify());
+    EXPECT_EQ(Content(path), "abc");
+    const KelContainer call = OnlyCallTo(child_, "FileStoreReceiveFile");
+    EXPECT_EQ(call.GetString("FileURL"), filestore::StoredUrl(kDown, FileKey::Read(call)));
+    EXPECT_EQ(FileGetSize64(FileStore::StorePath(kDown, FileKey::Read(call))), call.GetInt64("FileSize"));
+}
+
 }  // namespace

@@ -93,7 +93,7 @@ TEST_F(QueryPlan, DownstreamStatementsSearchAnIndex) {
         for (const std::uint64_t fileId : {0U, 1U})
             SelectHeldPackages(fileId);
         SetDownloadPath(1, "p");
-        SetTransferredBytes(1, 1);
+        SetTransferredBytes(1, 1, NextTry::AtOnce);
         RestartDownload(1);
         SetDownloaded(1, 1);
         SetAcknowledged(1);

@@ -97,8 +97,8 @@ TEST_F(RequestFileActionTest, NetworkPackageIsServedAndAnnouncedFromTheRulePacka
 }
 
 TEST_F(RequestFileActionTest, FileSizeComesFromTheOwnStoreOnlyWhileAvailable) {
-    AddFile(kDown, "n", "AVAILABLE", "FilePath = '" + MakeFile("file", "12345") + "'");
-    EXPECT_EQ(Ask("FileStoreRequestFileSize", Offer()).GetInt64("FileSize"), 5);
+    AddStored(kDown, "n", "AVAILABLE");
+    EXPECT_EQ(Ask("FileStoreRequestFileSize", Offer()).GetInt64("FileSize"), 1);
     Rows(kDown, "UPDATE Files SET FileStatus = #DOWNLOADING#");
     KelContainer request = Offer();
     EXPECT_NE(Call("FileStoreRequestFileSize", request), kKelOk);

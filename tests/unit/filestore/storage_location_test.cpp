@@ -119,14 +119,17 @@ TEST_F(StorageLocation, PortChangeRewritesDevicesOnEveryLevel) {
 }
 
 TEST_F(StorageLocation, CorruptedPackagesAreAskedForAgain) {
-    const KelString store = FileStore::strStorageLocationToUse;
+    const auto stored = [](const char* type, const char* name) {
+        return FileStore::StorePath(kDown, {type, "l", name, "c"});
+    };
+    const char *const package = "OperationalRulePackage", *const script = "OperationalRuleScript";
     // the recorded type and size, where 4 bytes are; only what is the store's own is removed
     const Table<KelString, const char*, const char*, bool> files = {
-        {store + "sound", "OperationalRulePackage", "FileSize = 4", true},
-        {store + "cut", "OperationalRuleScript", "FileSize = 5", false},
-        {store + "external", "OperationalRulePackage", "FileSize = 5, ExternalFile = 1", true},
-        {Root() + "/outside", "OperationalRulePackage", "FileSize = 5", true},
-        {store + "other", "Anything", "FileSize = 5", true}};
+        {stored(package, "sound"), package, "FileSize = 4", true},
+        {stored(script, "cut"), script, "FileSize = 5", false},
+        {stored(package, "external"), package, "FileSize = 5, ExternalFile = 1", true},
+        {Root() + "/outside", package, "FileSize = 5", true},
+        {stored("Anything", "other"), "Anything", "FileSize = 5", true}};
     for (const auto& [path, type, set, stays] : files) {
         WriteFile(path, "1234");
         AddFile(kDown, std::filesystem::path(path).filename(), "AVAILABLE",
