@@ -16,7 +16,6 @@ using namespace filestore;
 namespace {
 
 constexpr unsigned int kBatchSize = 50;
-constexpr std::int64_t kRepeatAfter = 4;  ///< times Timeout: an announced target has that long to acknowledge
 
 /// One at a time while multicast shares a limited link: the multicast window, not the downward one, throttles
 /// the announcements.
@@ -27,7 +26,8 @@ unsigned int BatchSize() {
 }
 
 KelVector<FileTarget> SelectBatch() {
-    return SelectDueTargets(std::time(nullptr) - FileStore::ulTimeout,
+    const std::int64_t now = std::time(nullptr);
+    return SelectDueTargets(now - FileStore::ulTimeout, LatestPossibleTime(TimeOfAnnounced(now)),
                             FileStore::bmTrackUsageDown.TransfersAreDisabled(), BatchSize());
 }
 
@@ -81,8 +81,7 @@ void NotifyRemote(const FileTarget& row, AnnouncementOutcome& outcome) {
 /// False when nothing was written.
 bool Record(const AnnouncementOutcome& outcome) {
     const std::int64_t now = std::time(nullptr);
-    return RecordAnnouncements(outcome, now,
-                               now + kRepeatAfter * static_cast<std::int64_t>(FileStore::ulTimeout));
+    return RecordAnnouncements(outcome, now, TimeOfAnnounced(now));
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 
 #include <ctime>
 
+#include "filestore/db/database.h"
 #include "filestore/state/file_store.h"
 #include "filestore/up/manual_upload.h"
 #include "filestore/up/upload_policy.h"
@@ -15,7 +16,9 @@ void FileStorePushThread::InitCurrentTimeout() {
 }
 
 bool FileStorePushThread::IsRecent(std::int64_t statusTime) const {
-    return statusTime > std::time(nullptr) - static_cast<std::int64_t>(currentTimeout_);
+    const std::int64_t now = std::time(nullptr);
+    return statusTime > now - static_cast<std::int64_t>(currentTimeout_) &&
+           statusTime <= filestore::LatestPossibleTime(now);
 }
 
 bool FileStorePushThread::DoWork() {

@@ -117,7 +117,7 @@ TEST_F(QueryPlan, DownstreamStatementsSearchAnIndex) {
     });
     // Their order depends on two tables at once: what is due is sorted.
     for (const bool windowClosed : {false, true})
-        Check(kDown, May::Sort, [windowClosed] { SelectDueTargets(9, windowClosed, 50); });
+        Check(kDown, May::Sort, [windowClosed] { SelectDueTargets(9, 99, windowClosed, 50); });
 }
 
 TEST_F(QueryPlan, UpstreamStatementsSearchAnIndex) {
@@ -151,8 +151,11 @@ TEST_F(QueryPlan, TablesAreScannedOnlyWhereAllRowsAreMeant) {
 
 /// With nothing due, the batch must cost nothing, however many files are kept: targets come first.
 TEST_F(QueryPlan, NotificationStartsFromTheDueTargets) {
-    const Texts batch = Recorded(kDown, [] { SelectDueTargets(9, false, 50); });
-    EXPECT_NE(Plan(kDown, batch.at(0)).at(0).find("INDEX TargetsDue (LastNotifyTime<?)"), KelString::npos);
+    const Texts batch = Recorded(kDown, [] { SelectDueTargets(9, 99, false, 50); });
+    ASSERT_EQ(batch.size(), 2U);
+    for (const auto& [part, search] : {std::pair(0U, "(LastNotifyTime>?)"), {1U, "(LastNotifyTime<?)"}})
+        EXPECT_NE(Plan(kDown, batch[part]).at(0).find(KelFormat("INDEX TargetsDue %s", search)),
+                  KelString::npos);
 }
 
 /// A row that failed a moment ago ends a batch, so it must come behind those that wait longer: whatever the
@@ -163,7 +166,9 @@ TEST_F(QueryPlan, UploadsAreTakenInTheOrderOfTheirLastChange) {
              {std::pair(&SelectFilesToSend, sendIndex), std::pair(&SelectFilesToUpload, uploadIndex)})
             for (const KelString& statement : Recorded(kUp, [&, select = select] { select(filter); }))
                 EXPECT_EQ(Plan(kUp, statement),
-                          Texts{KelFormat("SEARCH Files USING INDEX %s (FileStatus=?)", index)});
+                          Texts{KelFormat("SEARCH Files USING INDEX %s (FileStatus=? AND "
+                                          "LastStatusChangeTime%s?)",
+                                          index, statement.find("Time >") != KelString::npos ? ">" : "<")});
     };
     for (const Passing passing : {Passing::All, Passing::BypassOnly}) {
         for (const Texts& types : {Texts{}, {"a"}, {"a", "b"}})
