@@ -2,6 +2,8 @@
 
 #include <ctime>
 
+#include "filestore/db/file_status.h"
+#include "filestore/db/handed_over_table.h"
 #include "filestore/db/targets_table.h"
 #include "filestore/down/announcement.h"
 #include "filestore/state/bandwidth_manager.h"
@@ -78,6 +80,16 @@ void NotifyRemote(const FileTarget& row, AnnouncementOutcome& outcome) {
     WakeUpTarget(target, error);
 }
 
+/// Remembers what is about to be handed over to modules of this device. Rule files are made anew when they
+/// are missed.
+bool RememberLocal(const KelVector<FileTarget>& rows) {
+    IdList fileIds;
+    for (const FileTarget& row : rows)
+        if (row.target.DeviceGUID.empty() && row.file.FileStatus == kStatusAvailable)
+            fileIds.Add(row.file.FileId);
+    return RememberHandedOver(fileIds);
+}
+
 /// False when nothing was written.
 bool Record(const AnnouncementOutcome& outcome) {
     const std::int64_t now = std::time(nullptr);
@@ -108,6 +120,7 @@ int FileStoreNotifyThread::NotifyUnicastTargets(unsigned int fileId, unsigned in
         FileStore::debugFileStore.Detail("NotifyThread: Nothing found to notify\n");
         return 0;
     }
+    if (!RememberLocal(rows)) return 0;
     AnnouncementOutcome outcome;
     for (auto row = rows.begin(); row != rows.end() && !CheckCancelled(false); ++row) {
         if (!ReplaceByRuleFile(*row))

@@ -1,5 +1,6 @@
 #include "filestore/db/files_selection.h"
 #include "filestore/db/files_table.h"
+#include "filestore/db/handed_over_table.h"
 #include "filestore/db/targets_table.h"
 #include "filestore/file_store_fixture.h"
 
@@ -113,6 +114,7 @@ TEST_F(QueryPlan, DownstreamStatementsSearchAnIndex) {
         SetNotifyTime(1, 1);
         SetTargetDevice({});
         DeleteTargetsOfDevice(1, "G");
+        ForgetHandedOver({"t", "l", "n", "c"});
         RecordAnnouncements({Ids(), Ids(), Ids(), {"a", "b"}}, 1, 1);
     });
     // Their order depends on two tables at once: what is due is sorted.
@@ -139,6 +141,7 @@ TEST_F(QueryPlan, TablesAreScannedOnlyWhereAllRowsAreMeant) {
     Check(kDown, May::Scan, [] { SelectSourceDevices(); });         // another port of this device:
     Check(kDown, May::Scan, [] { SelectAllTargets(); });            // every device URL is rewritten
     Check(kDown, May::Scan, [] { MoveContentPaths("/a", "/b"); });  // another storage location
+    Check(kDown, May::Scan, [] { SelectHandedOver(); });            // of these few
     for (const Side side : {kDown, kUp})                            // a list of all files
         Check(side, May::Scan, [side] { SelectListedFiles(side, {"FileSize", "ASC"}); });
     // Every start: all rows lose the mark of a planned multicast transfer, those that listened are found by
