@@ -26,6 +26,12 @@ FileStoreDatabase FileStoreGetCallbackDatabase();
 
 namespace filestore {
 
+/// Later times in a row were written before the clock was set back. They count as due: otherwise their rows
+/// would wait until the clock has caught up. The minute is for what other threads write meanwhile.
+inline std::int64_t LatestPossibleTime(std::int64_t now) {
+    return now + 60;
+}
+
 /// Reads the cells of one row from left to right, in the order in which a statement names its columns.
 class RowReader {
   public:

@@ -1,5 +1,8 @@
 #include "filestore/db/files_selection.h"
 
+#include <ctime>
+#include <utility>
+
 #include "filestore/db/database.h"
 #include "filestore/db/file_status.h"
 #include "kel/format.h"
@@ -13,17 +16,12 @@ namespace {
 // changes may need another index; the query plan test checks them.
 
 constexpr char kDownload[] =
-    "SELECT %s FROM Files WHERE FileStatus = '%s' AND LastStatusChangeTime < %ld %s ORDER BY Priority DESC, "
-    "FileId "
-    "ASC LIMIT 1";
+    "SELECT %s FROM Files WHERE FileStatus = '%s' AND LastStatusChangeTime NOT BETWEEN %ld AND %ld %s ORDER "
+    "BY Priority DESC, FileId ASC LIMIT 1";
 constexpr char kAcknowledgement[] =
-    "SELECT %s FROM Files WHERE FileStatus = '%s' AND Upstream = 0 AND Acknowledged = 0 AND "
-    "LastStatusChangeTime < "
-    "%ld %s LIMIT 1";
+    "SELECT %s FROM Files WHERE FileStatus = '%s' AND Upstream = 0 AND Acknowledged = 0 AND %S %s LIMIT 1";
 constexpr char kToRequest[] =
-    "SELECT %s FROM Files WHERE FileStatus = '%s' AND LastStatusChangeTime < %ld %s ORDER BY "
-    "LastStatusChangeTime "
-    "LIMIT 1";
+    "SELECT %s FROM Files WHERE FileStatus = '%s' AND %S %s ORDER BY LastStatusChangeTime LIMIT 1";
 constexpr char kMissing[] = "SELECT %s FROM Files WHERE FileStatus = '%s' LIMIT 1";
 constexpr char kToHandleUpstream[] =
     "SELECT %s, 1 FROM Files WHERE FileStatus = '%s' ORDER BY FileId ASC LIMIT %u";
@@ -41,10 +39,8 @@ constexpr char kHeldPackages[] =
     "(FileStatus = '%s' OR FileStatus = '%s')";
 constexpr char kSourceDevices[] = "SELECT FileId, SourceDevice FROM Files";
 
-constexpr char kToSend[] =
-    "SELECT %s FROM Files WHERE FileStatus IN ('%s', '%s') AND Upstream <> 0 AND SourceDevice <> '' %S %s "
-    "LIMIT %u";
-constexpr char kToUpload[] = "SELECT %s FROM Files WHERE FileStatus IN ('%s', '%s') %S %s LIMIT %u";
+constexpr char kWaiting[] = "SELECT %s FROM Files WHERE FileStatus IN ('%s', '%s') %s AND %S %S %s LIMIT %u";
+constexpr char kOfKnownSource[] = "AND Upstream <> 0 AND SourceDevice <> ''";
 constexpr char kCountToUpload[] =
     "SELECT COUNT (*) FROM Files WHERE FileStatus = '%s' AND Upstream <> 0 AND SourceDevice <> '' %s";
 constexpr char kToPack[] =
@@ -79,6 +75,18 @@ FileRows SelectUpstream(const KelString& statement) {
     return ReadFiles(Query(Side::Upstream, statement));
 }
 
+/// The rows of two searches of an index instead of one that reads it whole: the times that no clock can have
+/// written, which are normally none, come first, then those that `others` describes.
+template <class Select>
+FileRows SelectByTime(const KelString& others, std::size_t limit, Select select) {
+    FileRows files =
+        select(KelFormat("LastStatusChangeTime > %ld", LatestPossibleTime(std::time(nullptr))), limit);
+    if (files.size() < limit)
+        for (FileStoreEntry& file : select(others, limit - files.size()))
+            files.push_back(std::move(file));
+    return files;
+}
+
 const char* Condition(Passing passing) {
     return passing == Passing::BypassOnly ? "AND Bypass = 1" : "";
 }
@@ -95,21 +103,42 @@ KelString Condition(const UploadFilter& filter) {
     return condition + ")";
 }
 
+/// At most one row.
+template <class Select>
+FileRows SelectBefore(std::int64_t before, Select select) {
+    return SelectByTime(KelFormat("LastStatusChangeTime < %ld", before), 1, select);
+}
+
+/// Files of a status, or that wait to be packed, in the order of their last change.
+FileRows SelectWaiting(const char* status, const char* condition, const UploadFilter& filter) {
+    const KelString possible =
+        KelFormat("LastStatusChangeTime <= %ld", LatestPossibleTime(std::time(nullptr)));
+    return SelectByTime(possible, filter.limit, [&](const KelString& time, std::size_t limit) {
+        return SelectUpstream(KelFormat(kWaiting, FileStoreEntry::kColumns, status, kStatusToBePacked,
+                                        condition, time, Condition(filter), Condition(filter.passing),
+                                        static_cast<unsigned int>(limit)));
+    });
+}
+
 }  // namespace
 
 FileRows SelectDownload(std::int64_t before, Passing passing) {
-    return SelectDownstream(
-        KelFormat(kDownload, FileStoreEntry::kColumns, kStatusDownloading, before, Condition(passing)));
+    return SelectDownstream(KelFormat(kDownload, FileStoreEntry::kColumns, kStatusDownloading, before,
+                                      LatestPossibleTime(std::time(nullptr)), Condition(passing)));
 }
 
 FileRows SelectAcknowledgement(std::int64_t before, Passing passing) {
-    return SelectDownstream(
-        KelFormat(kAcknowledgement, FileStoreEntry::kColumns, kStatusAvailable, before, Condition(passing)));
+    return SelectBefore(before, [passing](const KelString& time, std::size_t) {
+        return SelectDownstream(KelFormat(kAcknowledgement, FileStoreEntry::kColumns, kStatusAvailable, time,
+                                          Condition(passing)));
+    });
 }
 
 FileRows SelectFileToRequest(std::int64_t before, Passing passing) {
-    return SelectDownstream(
-        KelFormat(kToRequest, FileStoreEntry::kColumns, kStatusToBeRequested, before, Condition(passing)));
+    return SelectBefore(before, [passing](const KelString& time, std::size_t) {
+        return SelectDownstream(
+            KelFormat(kToRequest, FileStoreEntry::kColumns, kStatusToBeRequested, time, Condition(passing)));
+    });
 }
 
 FileRows SelectMissingFile(Side side) {
@@ -166,13 +195,11 @@ KelVector<FileSource> SelectSourceDevices() {
 }
 
 FileRows SelectFilesToSend(const UploadFilter& filter) {
-    return SelectUpstream(KelFormat(kToSend, FileStoreEntry::kColumns, kStatusToBeUploaded, kStatusToBePacked,
-                                    Condition(filter), Condition(filter.passing), filter.limit));
+    return SelectWaiting(kStatusToBeUploaded, kOfKnownSource, filter);
 }
 
 FileRows SelectFilesToUpload(const UploadFilter& filter) {
-    return SelectUpstream(KelFormat(kToUpload, FileStoreEntry::kColumns, kStatusUploading, kStatusToBePacked,
-                                    Condition(filter), Condition(filter.passing), filter.limit));
+    return SelectWaiting(kStatusUploading, "", filter);
 }
 
 std::optional<std::uint32_t> CountFilesToUpload(Passing passing) {

@@ -13,7 +13,8 @@ namespace filestore {
 /// Which files may move: all, or only those that pass a closed window.
 enum class Passing : unsigned char { All, BypassOnly };
 
-// ---- downstream, for the workers; `before` is a time: rows whose status changed later are not tried yet
+// ---- downstream, for the workers; `before` is a time: rows whose status changed later are not tried yet,
+// but for those whose time only a clock that was set back since can have written
 
 /// The most urgent file to download; at most one row, as in the next three.
 FileRows SelectDownload(std::int64_t before, Passing passing);

@@ -33,6 +33,7 @@ constexpr char kSetStatuses[] =
     "UPDATE Files SET FileStatus = '%Q', LastStatusChangeTime = %ld WHERE FileId IN (%S)";
 constexpr char kSetSupplied[] = "UPDATE Files SET FileStatus = '%s', Acknowledged = 1 WHERE FileId = %lu";
 constexpr char kDeleteTargets[] = "DELETE FROM Targets WHERE FileId = %lu";
+constexpr char kDeleteHandedOver[] = "DELETE FROM HandedOver WHERE FileId = %lu";
 constexpr char kDelete[] = "DELETE FROM Files WHERE FileId = %lu";
 
 constexpr char kSetDownloadPath[] =
@@ -173,7 +174,9 @@ bool SetSuppliedByConsumer(Side side, std::uint64_t fileId) {
 
 bool DeleteFileRow(Side side, std::uint64_t fileId) {
     const KelLock lock(FileStoreGetDatabase(side).mutex);
-    if (side == Side::Downstream && !Change(side, KelFormat(kDeleteTargets, fileId))) return false;
+    if (side == Side::Downstream && (!ChangeDownstream(KelFormat(kDeleteTargets, fileId)) ||
+                                     !ChangeDownstream(KelFormat(kDeleteHandedOver, fileId))))
+        return false;
     return Change(side, KelFormat(kDelete, fileId));
 }
 

@@ -1,6 +1,8 @@
 #include "filestore/db/targets_table.h"
 
 #include <algorithm>
+#include <ctime>
+#include <utility>
 
 #include "filestore/db/database.h"
 #include "filestore/db/file_status.h"
@@ -12,10 +14,10 @@ namespace filestore {
 namespace {
 
 constexpr char kDue[] =
-    "SELECT %s, %s FROM Files JOIN Targets ON Files.FileId = Targets.FileId AND LastNotifyTime < %ld WHERE "
-    "FileStatus IN ('%s', '%s') AND LastStatusChangeTime < %ld AND (Upstream = 0 AND Acknowledged <> 0) %s "
-    "ORDER BY "
-    "Priority DESC, ((0.33 * CreateTime) + (0.67 * LastNotifyTime)) ASC, Files.FileId ASC LIMIT %u";
+    "SELECT %s, %s FROM Files JOIN Targets ON Files.FileId = Targets.FileId AND LastNotifyTime %s %ld WHERE "
+    "FileStatus IN ('%s', '%s') AND LastStatusChangeTime NOT BETWEEN %ld AND %ld AND (Upstream = 0 AND "
+    "Acknowledged <> 0) %s ORDER BY Priority DESC, ((0.33 * CreateTime) + (0.67 * LastNotifyTime)) ASC, "
+    "Files.FileId ASC LIMIT %u";
 constexpr char kPassesClosedWindow[] = "AND ((Bypass = 1) OR (DeviceGUID = ''))";
 constexpr char kOne[] =
     "SELECT %s, %s FROM Files JOIN Targets ON Files.FileId = Targets.FileId WHERE Files.FileId = %lu AND "
@@ -93,10 +95,19 @@ void FileStoreTarget::Read(RowReader& row) {
     WakeUpDevice = row.Unsigned32();
 }
 
-KelVector<FileTarget> SelectDueTargets(std::int64_t due, bool windowClosed, unsigned int limit) {
-    return SelectWithFiles(KelFormat(kDue, FileStoreEntry::kColumns, FileStoreTarget::kColumns, due,
-                                     kStatusAvailable, kStatusNotRelaysChild, due,
-                                     windowClosed ? kPassesClosedWindow : "", limit));
+KelVector<FileTarget> SelectDueTargets(std::int64_t due, std::int64_t latest, bool windowClosed,
+                                       unsigned int limit) {
+    const auto select = [=](const char* comparison, std::int64_t time, std::size_t most) {
+        return SelectWithFiles(
+            KelFormat(kDue, FileStoreEntry::kColumns, FileStoreTarget::kColumns, comparison, time,
+                      kStatusAvailable, kStatusNotRelaysChild, due, LatestPossibleTime(std::time(nullptr)),
+                      windowClosed ? kPassesClosedWindow : "", static_cast<unsigned int>(most)));
+    };
+    KelVector<FileTarget> rows = select(">", latest, limit);
+    if (rows.size() < limit)
+        for (FileTarget& row : select("<", due, limit - rows.size()))
+            rows.push_back(std::move(row));
+    return rows;
 }
 
 KelVector<FileTarget> SelectTarget(std::uint64_t fileId, std::uint64_t targetId) {

@@ -39,8 +39,11 @@ struct FileTarget {
 // ---- selections
 
 /// The most urgent targets that are due: of available files, and neither file nor target touched since `due`.
-/// With `windowClosed` only those that pass a closed window: bypass files and targets on this device.
-KelVector<FileTarget> SelectDueTargets(std::int64_t due, bool windowClosed, unsigned int limit);
+/// Notification times above `latest`, which nothing writes, were written before the clock was set back: these
+/// targets are due too and come first. With `windowClosed` only those that pass a closed window: bypass files
+/// and targets on this device.
+KelVector<FileTarget> SelectDueTargets(std::int64_t due, std::int64_t latest, bool windowClosed,
+                                       unsigned int limit);
 
 /// One target of one file, at most one row, whatever their times and status.
 KelVector<FileTarget> SelectTarget(std::uint64_t fileId, std::uint64_t targetId);

@@ -59,22 +59,36 @@ KelString Literal(const Column& column, const KelString& value) {
     return ParseInt64(value) ? value : "'" + DoubleQuotes(value) + "'";
 }
 
-KelString InsertStatement(const KelString& prefix, const KelVector<Column>& columns, const DBResult& rows,
-                          std::size_t row) {
-    KelString statement = prefix;
-    for (std::size_t column = 0; column < columns.size(); ++column) {
-        if (column > 0) statement += ", ";
-        statement += Literal(columns[column], rows.GetString(row, column));
-    }
-    return statement + ")";
+bool IsPartOfKey(const KelString& column) {
+    return column == "FileType" || column == "FileLabel" || column == "FileName" || column == "FileChecksum";
 }
 
-bool CopyBatch(DBConnection& upstream, const KelString& prefix, const KelVector<Column>& columns,
+/// Inserts a row, unless an interrupted move has done so. A row of a file that came since then may have its
+/// FileId: it gets another.
+KelString InsertStatement(const KelString& names, const KelVector<Column>& columns, const DBResult& rows,
+                          std::size_t row) {
+    KelString values, same;
+    for (std::size_t i = 0; i < columns.size(); ++i) {
+        const Column& column = columns[i];
+        KelString value = Literal(column, rows.GetString(row, i));
+        const bool isId = column.name == "FileId";
+        if (isId || IsPartOfKey(column.name)) same += KelFormat(" AND %S = %S", column.name, value);
+        if (isId)
+            value = KelFormat("CASE WHEN EXISTS (SELECT 1 FROM %s WHERE FileId = %S) THEN NULL ELSE %S END",
+                              kFiles, value, value);
+        values += (i > 0 ? ", " : "") + value;
+    }
+    return KelFormat("INSERT INTO %s (%S) SELECT %S WHERE NOT EXISTS (SELECT 1 FROM %s WHERE 1%S)", kFiles,
+                     names, values, kFiles, same);
+}
+
+/// All rows or none.
+bool CopyBatch(DBConnection& upstream, const KelString& names, const KelVector<Column>& columns,
                const DBResult& rows) {
     DBTransaction transaction(upstream);
     if (!transaction.IsOpen()) return false;
     for (std::size_t row = 0; row < rows.GetRowCount(); ++row)
-        upstream.Query(InsertStatement(prefix, columns, rows, row));
+        if (!upstream.Query(InsertStatement(names, columns, rows, row))) return false;
     if (!transaction.Commit()) return false;
     upstream.Flush();
     return true;
@@ -85,7 +99,6 @@ bool MoveRows(DBConnection& downstream, DBConnection& upstream, KelDebug& log) {
     const KelString table = kFiles;
     const KelVector<Column> columns = ReadColumns(downstream, table);
     const KelString names = JoinNames(columns);
-    const KelString prefix = KelFormat("INSERT INTO %S (%S) VALUES (", table, names);
     const KelString query = KelFormat("SELECT %S FROM %S WHERE Upstream = 1", names, table);
 
     unsigned int offset = 0;
@@ -94,11 +107,11 @@ bool MoveRows(DBConnection& downstream, DBConnection& upstream, KelDebug& log) {
         const auto rows = downstream.Query(KelFormat("%S LIMIT %u OFFSET %u", query, kBatchRows, offset));
         if (!rows) return false;
         count = static_cast<unsigned int>(rows->GetRowCount());
-        if (count > 0 && !CopyBatch(upstream, prefix, columns, *rows)) return false;
+        if (count > 0 && !CopyBatch(upstream, names, columns, *rows)) return false;
         offset += count;
     }
+    if (!downstream.Query("DELETE FROM Files WHERE Upstream = 1")) return false;
     if (offset > 0) log.Print("Moved %u upstream files to the upstream database\n", offset);
-    downstream.Query("DELETE FROM Files WHERE Upstream = 1");
     downstream.Flush();
     return true;
 }

@@ -53,6 +53,11 @@ bool WriteRuleFile(const FileStoreEntry& file, KelString& made) {
 
 }  // namespace
 
+std::int64_t TimeOfAnnounced(std::int64_t now) {
+    constexpr std::int64_t kTimeouts = 4;
+    return now + kTimeouts * static_cast<std::int64_t>(FileStore::ulTimeout);
+}
+
 bool ReplaceByRuleFile(FileTarget& row) {
     FileStoreEntry& file = row.file;
     if (file.FileStatus != kStatusNotRelaysChild) return true;

@@ -13,6 +13,10 @@ namespace filestore {
 /// announced instead. Other rows stay as they are. False, logged, when it cannot be made.
 bool ReplaceByRuleFile(FileTarget& row);
 
+/// The LastNotifyTime of a target that was announced at `now`: with it, the target is due again, if it does
+/// not acknowledge, after five times Timeout. No row gets a later one.
+std::int64_t TimeOfAnnounced(std::int64_t now);
+
 /// The arguments of FileStoreReceiveFile and of the event "FileStoreCallbackReceivedFile", but for `filePath`
 /// (modules of this device) or `url` (other devices). Damaged columns are logged and left empty.
 FileOffer BuildAnnouncement(const FileTarget& row);

@@ -2,6 +2,8 @@
 
 #include <ctime>
 
+#include "filestore/db/file_status.h"
+#include "filestore/db/handed_over_table.h"
 #include "filestore/db/targets_table.h"
 #include "filestore/down/announcement.h"
 #include "filestore/state/bandwidth_manager.h"
@@ -17,7 +19,6 @@ using namespace filestore;
 namespace {
 
 constexpr unsigned int kBatchSize = 50;
-constexpr std::int64_t kRepeatAfter = 4;  ///< times Timeout: an announced target has that long to acknowledge
 
 /// One at a time while multicast shares a limited link: the multicast window, not the downward one, throttles
 /// the announcements.
@@ -28,7 +29,8 @@ unsigned int BatchSize() {
 }
 
 KelVector<FileTarget> SelectBatch() {
-    return SelectDueTargets(FileStoreDueBefore(FileStore::ulTimeout),
+    const std::int64_t now = std::time(nullptr);
+    return SelectDueTargets(FileStoreDueBefore(FileStore::ulTimeout), LatestPossibleTime(TimeOfAnnounced(now)),
                             FileStore::bmTrackUsageDown.TransfersAreDisabled(), BatchSize());
 }
 
@@ -79,11 +81,20 @@ void NotifyRemote(const FileTarget& row, AnnouncementOutcome& outcome) {
     WakeUpTarget(target, error);
 }
 
+/// Remembers what is about to be handed over to modules of this device. Rule files are made anew when they
+/// are missed.
+bool RememberLocal(const KelVector<FileTarget>& rows) {
+    IdList fileIds;
+    for (const FileTarget& row : rows)
+        if (row.target.DeviceGUID.empty() && row.file.FileStatus == kStatusAvailable)
+            fileIds.Add(row.file.FileId);
+    return RememberHandedOver(fileIds);
+}
+
 /// False when nothing was written.
 bool Record(const AnnouncementOutcome& outcome) {
     const std::int64_t now = std::time(nullptr);
-    return RecordAnnouncements(outcome, now,
-                               now + kRepeatAfter * static_cast<std::int64_t>(FileStore::ulTimeout));
+    return RecordAnnouncements(outcome, now, TimeOfAnnounced(now));
 }
 
 }  // namespace
@@ -110,6 +121,7 @@ int FileStoreNotifyThread::NotifyUnicastTargets(unsigned int fileId, unsigned in
         FileStore::debugFileStore.Detail("NotifyThread: Nothing found to notify\n");
         return 0;
     }
+    if (!RememberLocal(rows)) return 0;
     AnnouncementOutcome outcome;
     for (auto row = rows.begin(); row != rows.end() && !CheckCancelled(false); ++row) {
         if (!ReplaceByRuleFile(*row))

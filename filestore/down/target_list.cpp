@@ -4,6 +4,7 @@
 #include <ctime>
 #include <optional>
 
+#include "filestore/down/announcement.h"
 #include "filestore/state/file_store.h"
 #include "kel/text.h"
 #include "kelcore/action_db.h"
@@ -64,7 +65,7 @@ void AnnounceSubnet(const KelString& pathName) {
 std::optional<std::int64_t> FirstNotifyTime(const KelString& devicePath, std::int64_t now) {
     const auto latest = LatestNotifyTime(devicePath);
     if (!latest) return std::nullopt;
-    if (*latest >= now) return *latest + kAnnouncementGap;
+    if (*latest >= now) return std::min(*latest + kAnnouncementGap, TimeOfAnnounced(now));
     return *latest != 0 ? now : 0;
 }
 

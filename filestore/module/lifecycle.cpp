@@ -51,14 +51,20 @@ void DetermineRole() {
     if (FileStore::fRelayEnabled) FileStore::eKeepCopyMask = kRoleRelay;
 }
 
-void StartWorkers() {
+/// False, logged, when one cannot be started.
+bool StartWorkers() {
     FileStore::threadCallback.LoadSqlList();
     for (FileThreadBase* worker : FileStore::Workers()) {
         // A restart has ended every multicast transfer: files that waited for one are asked for again, before
         // the multicast thread looks for work.
         if (worker == &FileStore::threadMulticast) ResetAllMulticast();
-        worker->Start();
+        if (worker->Start()) continue;
+        FileStore::debugFileStore.Error(
+            "A worker thread could not be started: raise the limits on processes and memory and start the "
+            "agent again\n");
+        return false;
     }
+    return true;
 }
 
 void StopWorkers() {
@@ -108,7 +114,12 @@ unsigned int FileStore::ModuleActivate() {
     RefreshAddressPreference();
     FileStoreRepairUploads();
     ForgetUnfinishedOffers();
-    StartWorkers();
+    if (!StartWorkers()) {
+        // What was taken now would not move: the other devices keep it.
+        StopWorkers();
+        FileStoreGetActionGate().Close();
+        return kModuleFailure;
+    }
 
     UpdateScriptAndPackageStatus(0);
     if (FileStoreReadFlag("PackageSynchronization", "PackageSynchroAtStartup", false))

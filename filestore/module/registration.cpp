@@ -110,10 +110,6 @@ unsigned int FileStore::ActionHandler_FileStoreDeletePackage(KelContainer* argum
     return NotAvailable(*arguments, "FileStoreDeletePackage");
 }
 
-unsigned int FileStore::ActionHandler_FileStoreGetNotifiableFiles(KelContainer* arguments) {
-    return NotAvailable(*arguments, "FileStoreGetNotifiableFiles");
-}
-
 unsigned int FileStore::ActionHandler_FileStoreIsPatchInventoryUploaded(KelContainer* arguments) {
     return NotAvailable(*arguments, "FileStoreIsPatchInventoryUploaded");
 }

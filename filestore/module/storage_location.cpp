@@ -81,6 +81,8 @@ KelString FileStore::GetFileStorageDirectory() {
     ini.GetEntryValue("Directories", "FileStorage", location, "");
     location = ReplaceAll(location, "\\", "/");
     if (location.empty()) return strModuleDataPath + "/";
+    // The current folder is not the same at every start.
+    if (!location.starts_with('/')) location = strModuleDataPath + "/" + location;
     location = CompletePath(location);
     if (!location.ends_with('/')) location += '/';
     return location;

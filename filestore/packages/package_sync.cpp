@@ -64,7 +64,8 @@ bool FileStore::IsGapOkForPackageSynchronization() {
         static_cast<unsigned int>(FileStoreReadInteger(kSection, "PackageSynchroGap", kDefaultSeconds));
     const auto last =
         static_cast<unsigned int>(FileStoreReadInteger(kSection, "LastPackageSynchro", kDefaultSeconds));
-    return gap + last < static_cast<unsigned int>(std::time(nullptr));
+    const auto now = static_cast<unsigned int>(std::time(nullptr));
+    return gap + last < now || last > now;  // written before the clock was set back
 }
 
 void FileStore::ExecutePackageSynchroAtStartup() {

@@ -1,3 +1,5 @@
+#include <algorithm>
+
 #include "filestore/db/database.h"
 #include "filestore/db/information_table.h"
 #include "filestore/db/upstream_migration.h"
@@ -16,18 +18,25 @@ std::unique_ptr<DBConnection> OpenDatabase(DBConnectionPool& pool, DBSequenceMan
     return connection;
 }
 
-/// A failed script is in the log already; the tables that are there can still be served.
-void Upgrade(DBConnection& connection, const char* section) {
-    connection.RunUpgrade(filestore::kTableDatabaseInformation, "FieldName", "FieldValue",
-                          FileStore::strModuleIniFile, section, nullptr);
+/// False, logged, when the schema is not the one that the ini file describes, or lacks `table`.
+bool Upgrade(DBConnection& connection, const char* section, const KelString& table) {
+    if (!connection.RunUpgrade(filestore::kTableDatabaseInformation, "FieldName", "FieldValue",
+                               FileStore::strModuleIniFile, section, nullptr))
+        return false;
+    const KelVector<KelString> tables = connection.GetTablesList();
+    if (std::find(tables.begin(), tables.end(), table) != tables.end()) return true;
+    FileStore::debugFileStore.Error(
+        "Section %s of %S, which creates the table %S, is missing; restore the file as it was installed, "
+        "with your changes\n",
+        section, FileStore::strModuleIniFile, table);
+    return false;
 }
 
 bool OpenUpstream() {
     FileStore::pDbConnectionUpstream = OpenDatabase(FileStore::dbConnectionPoolUpstream,
                                                     FileStore::dbSequenceManagerUpstream, "Upstream.sqlite");
     if (!FileStore::pDbConnectionUpstream) return false;
-    Upgrade(*FileStore::pDbConnectionUpstream, "SqlUpgrade3");
-    return true;
+    return Upgrade(*FileStore::pDbConnectionUpstream, "SqlUpgrade3", "Files");
 }
 
 bool OpenDownstream() {
@@ -36,8 +45,7 @@ bool OpenDownstream() {
     if (!FileStore::pDbConnectionDownstream) return false;
     FileStore::pDbConnectionDownstream->RunIniScripts(FileStore::strModuleIniFile, "SqlRun", false);
     FileStore::pDbConnectionDownstream->RunIniScripts(FileStore::strModuleIniFile, "SqlRunOnce", true);
-    Upgrade(*FileStore::pDbConnectionDownstream, "SqlUpgrade");
-    return true;
+    return Upgrade(*FileStore::pDbConnectionDownstream, "SqlUpgrade", "Files");
 }
 
 bool OpenCallback() {
@@ -46,8 +54,7 @@ bool OpenCallback() {
     if (!FileStore::pDbConnectionCallback) return false;
     // A queue entry that a power cut removes is made again from the upstream store at the next start.
     FileStore::pDbConnectionCallback->Query("PRAGMA synchronous=NORMAL");
-    Upgrade(*FileStore::pDbConnectionCallback, "SqlUpgrade2");
-    return true;
+    return Upgrade(*FileStore::pDbConnectionCallback, "SqlUpgrade2", "CallbackThread");
 }
 
 }  // namespace

@@ -1,5 +1,8 @@
 #include "filestore/up/push_thread.h"
 
+#include <ctime>
+
+#include "filestore/db/database.h"
 #include "filestore/state/file_store.h"
 #include "filestore/state/settings.h"
 #include "filestore/up/manual_upload.h"
@@ -14,7 +17,8 @@ void FileStorePushThread::InitCurrentTimeout() {
 }
 
 bool FileStorePushThread::IsRecent(std::int64_t statusTime) const {
-    return statusTime > FileStoreDueBefore(currentTimeout_);
+    return statusTime > FileStoreDueBefore(currentTimeout_) &&
+           statusTime <= filestore::LatestPossibleTime(std::time(nullptr));
 }
 
 bool FileStorePushThread::DoWork() {

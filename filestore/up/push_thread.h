@@ -47,6 +47,7 @@ class FileStorePushThread : public FileThreadBase {
     bool RunPasses(bool& reachedParent);
     bool RunSendPass(bool packedPass, bool& reachedParent, bool& busy);
     void RunUploadPass(bool packedPass, bool& reachedParent, bool& busy);
+    /// A row of this status time is not tried yet; one in the future says nothing.
     bool IsRecent(std::int64_t statusTime) const;
 
     // send_step.cpp

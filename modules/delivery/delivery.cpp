@@ -129,7 +129,7 @@ unsigned int Delivery::ReceiveFile(KelContainer* arguments) {
     const auto file = ReadReceivedFile(*arguments);
     if (!file) return Refuse(arguments, file.Error().message);
     arguments->Clear();
-    return Deliver(*file);
+    return Deliver(*file, Arrival::HandedOver);
 }
 
 unsigned int Delivery::Collect(KelContainer* arguments) {

@@ -17,6 +17,8 @@
 ///   FileStoreCallbackReceivedFile. A file that is there already with this content changes nothing. Results:
 ///   0; 1 for an unusable input or a call from another device; kKelAnswerTryLater when it could not be copied
 ///   now (this module retries the copy too).
+///   The file store remembers a file until this module has reported it as taken: its job is on the disk, or
+///   done. At its start it asks for those that it never took.
 /// - DeliveryListFiles -> Values[i]{FileType, FileLabel, FileName, FileChecksum, Path, Size (int64, bytes),
 ///   Time (int64, seconds since the epoch)}
 /// - DeliveryCollect (as DeliveryReceiveFile, and SourceDevice): on the master subscribed to the event
@@ -51,7 +53,10 @@ class Delivery : public KelModule {
     void RemoveUnfinishedCopies();
 
     // The work on the jobs (delivery_jobs.cpp).
-    unsigned int Deliver(const ReceivedFile& file);
+    enum class Arrival : unsigned char { HandedOver, NeverTaken };
+    unsigned int Deliver(const ReceivedFile& file, Arrival arrival);
+    bool AskForUntaken();
+    bool ReportTaken();
     bool WorkOnJobs();
     bool SendReceipts();
     void Conclude(const DeliveryJob& job, DeliveryOutcome outcome, const KelString& message = {});
@@ -65,6 +70,8 @@ class Delivery : public KelModule {
     KelMutex mutexCopy_;  ///< one copy at a time, so that an older content cannot replace a newer one
     KelString copyFailure_ KEL_GUARDED_BY(mutexCopy_);  ///< last message logged
     CollectedFiles collected_;
+    bool hasAsked_ = false;     ///< for what was never taken; only `thread_` uses it, and the next
+    KelVector<FileKey> taken_;  ///< not yet reported
     ReceiptSender receipts_;    ///< only the receipt thread uses it
     KelPeriodicThread thread_;  ///< copies and commands
     KelPeriodicThread receiptThread_;

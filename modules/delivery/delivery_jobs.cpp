@@ -4,6 +4,7 @@
 #include <ctime>
 
 #include "kel/file.h"
+#include "kelcore/action_db.h"
 #include "kelcore/error_codes.h"
 #include "modules/delivery/delivery.h"
 
@@ -12,24 +13,32 @@ namespace {
 /// Failures after which the other receipts wait for the next try: most likely they would fail too.
 constexpr int kMaxReceiptFailures = 10;
 
+/// Without arguments, lists the files that were handed over and not taken; with "Taken", forgets these.
+constexpr const char* kUntakenAction = "FileStoreGetNotifiableFiles";
+
 }  // namespace
 
 /// Copies a file to the inbox on the caller's thread, so that the file store knows at once whether it
-/// succeeded. Commands are left to the thread for jobs: they may take minutes.
-unsigned int Delivery::Deliver(const ReceivedFile& file) {
+/// succeeded. Commands are left to the thread for jobs: they may take minutes. Of a file that was never taken
+/// the command and the receipt are due even if it is in place.
+unsigned int Delivery::Deliver(const ReceivedFile& file, Arrival arrival) {
     const KelString destination = inbox_.PathOf(file);
     const bool hasCommand = commands_.Has(file.key.type);
     {
         const KelLock lock(mutexCopy_);
-        if (inbox_.Holds(file)) {
+        const bool isInPlace = inbox_.Holds(file);
+        if (isInPlace && arrival == Arrival::HandedOver) {
             Log().Detail("%S is in place already\n", destination);
             jobs_.EndOtherJobFor(file, destination);
+            jobs_.AddTaken(file, destination);
+            thread_.Signal(0);
             return kKelOk;
         }
         // Written to disk before the copy: a stop in between must lose neither the command nor the receipt.
         const std::uint64_t job = jobs_.Add(
             file, destination, std::max<std::int64_t>(0, FileGetSize64(file.sourcePath)), std::time(nullptr));
-        if (const KelStatus copied = inbox_.Put(file); !copied) {
+        const KelStatus copied = isInPlace ? KelStatus() : inbox_.Put(file);
+        if (!copied) {
             LogCopyFailure(copied.Error().message);
             thread_.Signal(0);  // retries the copy even if the file store does not hand the file over again
             return kKelAnswerTryLater;
@@ -40,8 +49,43 @@ unsigned int Delivery::Deliver(const ReceivedFile& file) {
         if (!hasCommand) jobs_.SetOutcome(job, DeliveryOutcome::Delivered, {}, false);
     }
     Log().Print("Delivered %S to %S\n", file.key.Text(), destination);
-    (hasCommand ? thread_ : receiptThread_).Signal(0);
+    thread_.Signal(0);
+    if (!hasCommand) receiptThread_.Signal(0);
     return kKelOk;
+}
+
+/// Has the file store forget the files that are taken. False when that is to be repeated.
+bool Delivery::ReportTaken() {
+    for (FileKey& key : jobs_.DrainTaken())
+        taken_.push_back(std::move(key));
+    if (taken_.empty()) return true;
+    KelContainer arguments;
+    for (std::uint32_t i = 0; i < taken_.size(); ++i) {
+        KelContainer values;
+        taken_[i].Write(values);
+        arguments.SetContainer("Taken", std::move(values), i);
+    }
+    if (ActionDbIsActionRegistered(kUntakenAction) && CallLocal(kUntakenAction, arguments) != kKelOk)
+        return false;
+    taken_.clear();
+    return true;
+}
+
+/// Delivers what the file store has handed over to an earlier run that did not take it. True when there was
+/// nothing more.
+bool Delivery::AskForUntaken() {
+    KelContainer answer;
+    if (!ActionDbIsActionRegistered(kUntakenAction)) return true;
+    if (CallLocal(kUntakenAction, answer) != kKelOk) return false;
+    bool isMore = false;
+    if (!answer.Has("Values")) return true;
+    for (std::uint32_t i = 0; i < answer.Count("Values"); ++i) {
+        const auto file = ReadReceivedFile(answer.GetContainer("Values", i));
+        if (!file || jobs_.Knows(file->key)) continue;
+        isMore = true;
+        Deliver(*file, Arrival::NeverTaken);
+    }
+    return !isMore;
 }
 
 void Delivery::LogCopyFailure(const KelString& message) {
@@ -51,7 +95,14 @@ void Delivery::LogCopyFailure(const KelString& message) {
 }
 
 bool Delivery::WorkOnJobs() {
-    bool isWorkLeft = false;
+    // Before commands run, so that none runs again for a file that is still thought to be untaken.
+    bool isWorkLeft = !jobs_.KeepAll();
+    if (!ReportTaken()) {
+        isWorkLeft = true;
+    } else if (!hasAsked_) {
+        hasAsked_ = AskForUntaken();
+        if (!ReportTaken() || !hasAsked_) isWorkLeft = true;
+    }
     for (const DeliveryJob& job : jobs_.ListOpen()) {
         const JobOutcome outcome = WorkOnJob(job);
         if (outcome == JobOutcome::Cancelled) return true;

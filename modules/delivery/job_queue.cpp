@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <optional>
+#include <utility>
 
 #include "kel/directory.h"
 #include "kel/file.h"
@@ -82,6 +83,8 @@ void JobQueue::LoadJob(const KelString& fileName) {
         return;
     }
     job->id = *number;
+    job->isKept = true;
+    taken_.push_back(job->file.key);
     // Names are read in the order of the ids: of two open jobs for a destination, which a crash can leave,
     // the newer one stays.
     if (job->outcome == DeliveryOutcome::Open) {
@@ -92,17 +95,51 @@ void JobQueue::LoadJob(const KelString& fileName) {
     jobs_[*number] = std::move(*job);
 }
 
-void JobQueue::Keep(const DeliveryJob& job) const {
+bool JobQueue::Keep(const DeliveryJob& job) {
     KelContainer container = job.file.ToContainer();
     container.SetString("Destination", job.destination);
     container.SetInt64(kValueFileSize, job.size);
     container.SetInt64("Time", job.time);
     container.SetString("Outcome", DeliveryOutcomeName(job.outcome));
     container.SetString("Message", job.message);
-    if (const KelStatus kept = container.SaveToFile(PathOf(job.id)); !kept) {
-        log_.Error("The pending work for %S would be lost if the agent stopped now: %S\n", job.destination,
+    const KelStatus kept = container.SaveToFile(PathOf(job.id));
+    if (!kept && !std::exchange(keepFails_, true))
+        log_.Error("The work for %S cannot be written down; tried again once a minute: %S\n", job.destination,
                    kept.Error().message);
+    if (kept) keepFails_ = false;
+    return static_cast<bool>(kept);
+}
+
+void JobQueue::KeepNew(DeliveryJob& job) {
+    job.isKept = Keep(job);
+    if (job.isKept) taken_.push_back(job.file.key);
+}
+
+bool JobQueue::KeepAll() {
+    const KelLock lock(mutex_);
+    for (auto& [id, job] : jobs_) {
+        if (job.isKept || job.outcome != DeliveryOutcome::Open) continue;
+        KeepNew(job);
+        if (!job.isKept) return false;  // most likely the others would fail too
     }
+    return true;
+}
+
+KelVector<FileKey> JobQueue::DrainTaken() {
+    const KelLock lock(mutex_);
+    return std::exchange(taken_, {});
+}
+
+void JobQueue::AddTaken(const ReceivedFile& file, const KelString& destination) {
+    const KelLock lock(mutex_);
+    if (!open_.contains(destination)) taken_.push_back(file.key);
+}
+
+bool JobQueue::Knows(const FileKey& key) const {
+    const KelLock lock(mutex_);
+    return std::find(taken_.begin(), taken_.end(), key) != taken_.end() ||
+           std::any_of(jobs_.begin(), jobs_.end(),
+                       [&key](const auto& entry) { return entry.second.file.key == key; });
 }
 
 std::uint64_t JobQueue::Add(const ReceivedFile& file, const KelString& destination, std::int64_t size,
@@ -114,7 +151,7 @@ std::uint64_t JobQueue::Add(const ReceivedFile& file, const KelString& destinati
     job.destination = destination;
     job.size = size;
     job.time = time;
-    Keep(job);
+    KeepNew(job);
     DropOpenJobFor(file, destination);
     open_[destination] = job.id;
     jobs_[job.id] = std::move(job);
@@ -134,7 +171,7 @@ void JobQueue::EndOtherJobFor(const ReceivedFile& file, const KelString& destina
 /// Ends the open job of a destination to make way for a new one.
 void JobQueue::DropOpenJobFor(const ReceivedFile& file, const KelString& destination) {
     EndOtherJobFor(file, destination);
-    if (const auto open = open_.find(destination); open != open_.end()) Remove(std::uint64_t{open->second});
+    if (const auto open = open_.find(destination); open != open_.end()) Erase(std::uint64_t{open->second});
 }
 
 void JobQueue::Close(DeliveryJob& job, DeliveryOutcome outcome, const KelString& message) {
@@ -159,6 +196,12 @@ void JobQueue::SetOutcome(std::uint64_t id, DeliveryOutcome outcome, const KelSt
 
 void JobQueue::Remove(std::uint64_t id) {
     const KelLock lock(mutex_);
+    if (const auto job = jobs_.find(id); job != jobs_.end() && !job->second.isKept)
+        taken_.push_back(job->second.file.key);
+    Erase(id);
+}
+
+void JobQueue::Erase(std::uint64_t id) {
     const auto job = jobs_.find(id);
     if (job == jobs_.end()) return;
     Close(job->second, DeliveryOutcome::Delivered, {});  // only to free its destination

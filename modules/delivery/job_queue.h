@@ -25,6 +25,7 @@ struct DeliveryJob {
     DeliveryOutcome outcome = DeliveryOutcome::Open;
     KelString message;      ///< why it failed
     bool isCopied = false;  ///< by this process; not written to disk, because the content shows it
+    bool isKept = false;    ///< as it was when it came, it is on the disk
 };
 
 /// The jobs in the order in which they came. Each is stored in a file of its own ("<id>.xml", a container
@@ -40,12 +41,23 @@ class JobQueue {
 
     /// Adds an open job and returns its id. An open job for the same destination ends: it is removed when it
     /// is for the same content, else it has failed. A job that cannot be written to disk is logged as an
-    /// error and exists in memory only. `time`: seconds since the epoch.
+    /// error and exists in memory only until KeepAll succeeds. `time`: seconds since the epoch.
     std::uint64_t Add(const ReceivedFile& file, const KelString& destination, std::int64_t size,
                       std::int64_t time);
 
     /// Ends the open job of a destination as failed if it is for another content than `file`.
     void EndOtherJobFor(const ReceivedFile& file, const KelString& destination);
+
+    /// Writes the open jobs that are in memory only; true when there are none left.
+    bool KeepAll();
+
+    /// The files for which this queue is responsible since the last call, or with which it has finished: the
+    /// file store need not remember them any more.
+    KelVector<FileKey> DrainTaken();
+    /// Adds a file that needs no job, unless one for it is open.
+    void AddTaken(const ReceivedFile& file, const KelString& destination);
+    /// True when there is a job for the file, or it is among those that DrainTaken would give.
+    bool Knows(const FileKey& key) const;
 
     void SetCopied(std::uint64_t id);
 
@@ -68,7 +80,9 @@ class JobQueue {
     KelString PathOf(std::uint64_t id) const KEL_REQUIRES(mutex_);
     void DropOpenJobFor(const ReceivedFile& file, const KelString& destination) KEL_REQUIRES(mutex_);
     void Close(DeliveryJob& job, DeliveryOutcome outcome, const KelString& message) KEL_REQUIRES(mutex_);
-    void Keep(const DeliveryJob& job) const KEL_REQUIRES(mutex_);
+    bool Keep(const DeliveryJob& job) KEL_REQUIRES(mutex_);
+    void Erase(std::uint64_t id) KEL_REQUIRES(mutex_);
+    void KeepNew(DeliveryJob& job) KEL_REQUIRES(mutex_);
     void LoadJob(const KelString& fileName) KEL_REQUIRES(mutex_);
     KelVector<DeliveryJob> List(bool open) const;
 
@@ -77,5 +91,7 @@ class JobQueue {
     KelString folder_ KEL_GUARDED_BY(mutex_);
     std::map<std::uint64_t, DeliveryJob> jobs_ KEL_GUARDED_BY(mutex_);
     KelHash<KelString, std::uint64_t> open_ KEL_GUARDED_BY(mutex_);  ///< ids of the open jobs by destination
+    KelVector<FileKey> taken_ KEL_GUARDED_BY(mutex_);
+    bool keepFails_ KEL_GUARDED_BY(mutex_) = false;  ///< it is logged once
     std::uint64_t lastId_ KEL_GUARDED_BY(mutex_) = 0;
 };

@@ -1,5 +1,6 @@
 #include "filestore/db/files_selection.h"
 #include "filestore/db/files_table.h"
+#include "filestore/db/handed_over_table.h"
 #include "filestore/db/targets_table.h"
 #include "filestore/file_store_fixture.h"
 
@@ -113,11 +114,12 @@ TEST_F(QueryPlan, DownstreamStatementsSearchAnIndex) {
         SetNotifyTime(1, 1);
         SetTargetDevice({});
         DeleteTargetsOfDevice(1, "G");
+        ForgetHandedOver({"t", "l", "n", "c"});
         RecordAnnouncements({Ids(), Ids(), Ids(), {"a", "b"}}, 1, 1);
     });
     // Their order depends on two tables at once: what is due is sorted.
     for (const bool windowClosed : {false, true})
-        Check(kDown, May::Sort, [windowClosed] { SelectDueTargets(9, windowClosed, 50); });
+        Check(kDown, May::Sort, [windowClosed] { SelectDueTargets(9, 99, windowClosed, 50); });
 }
 
 TEST_F(QueryPlan, UpstreamStatementsSearchAnIndex) {
@@ -139,6 +141,7 @@ TEST_F(QueryPlan, TablesAreScannedOnlyWhereAllRowsAreMeant) {
     Check(kDown, May::Scan, [] { SelectSourceDevices(); });         // another port of this device:
     Check(kDown, May::Scan, [] { SelectAllTargets(); });            // every device URL is rewritten
     Check(kDown, May::Scan, [] { MoveContentPaths("/a", "/b"); });  // another storage location
+    Check(kDown, May::Scan, [] { SelectHandedOver(); });            // of these few
     for (const Side side : {kDown, kUp})                            // a list of all files
         Check(side, May::Scan, [side] { SelectListedFiles(side, {"FileSize", "ASC"}); });
     // Every start: all rows lose the mark of a planned multicast transfer, those that listened are found by
@@ -151,8 +154,11 @@ TEST_F(QueryPlan, TablesAreScannedOnlyWhereAllRowsAreMeant) {
 
 /// With nothing due, the batch must cost nothing, however many files are kept: targets come first.
 TEST_F(QueryPlan, NotificationStartsFromTheDueTargets) {
-    const Texts batch = Recorded(kDown, [] { SelectDueTargets(9, false, 50); });
-    EXPECT_NE(Plan(kDown, batch.at(0)).at(0).find("INDEX TargetsDue (LastNotifyTime<?)"), KelString::npos);
+    const Texts batch = Recorded(kDown, [] { SelectDueTargets(9, 99, false, 50); });
+    ASSERT_EQ(batch.size(), 2U);
+    for (const auto& [part, search] : {std::pair(0U, "(LastNotifyTime>?)"), {1U, "(LastNotifyTime<?)"}})
+        EXPECT_NE(Plan(kDown, batch[part]).at(0).find(KelFormat("INDEX TargetsDue %s", search)),
+                  KelString::npos);
 }
 
 /// A row that failed a moment ago ends a batch, so it must come behind those that wait longer: whatever the
@@ -163,7 +169,9 @@ TEST_F(QueryPlan, UploadsAreTakenInTheOrderOfTheirLastChange) {
              {std::pair(&SelectFilesToSend, sendIndex), std::pair(&SelectFilesToUpload, uploadIndex)})
             for (const KelString& statement : Recorded(kUp, [&, select = select] { select(filter); }))
                 EXPECT_EQ(Plan(kUp, statement),
-                          Texts{KelFormat("SEARCH Files USING INDEX %s (FileStatus=?)", index)});
+                          Texts{KelFormat("SEARCH Files USING INDEX %s (FileStatus=? AND "
+                                          "LastStatusChangeTime%s?)",
+                                          index, statement.find("Time >") != KelString::npos ? ">" : "<")});
     };
     for (const Passing passing : {Passing::All, Passing::BypassOnly}) {
         for (const Texts& types : {Texts{}, {"a"}, {"a", "b"}})

@@ -51,12 +51,29 @@ TEST_F(UpstreamMigration, MarkerWithAnotherValueMovesNothing) {
     EXPECT_EQ(Count(kUp) + Count(kDown), "01");
 }
 
-TEST_F(UpstreamMigration, RowThatIsThereAlreadyDoesNotStopTheOthers) {
-    Insert(kUp, "(1, 'moved before', 1)");
-    Insert(kDown, "(1, 'again', 1), (2, 'new', 1)");
+TEST_F(UpstreamMigration, RowsThatWereMovedBeforeAreNotMovedTwice) {
+    Insert(kUp, "(1, 'moved before', 1), (2, 'came since', 1)");
+    Insert(kDown, "(1, 'moved before', 1), (2, 'id is taken', 1), (7, 'new', 1)");
     SetUpAgain();
-    EXPECT_EQ(Names(kUp), (Texts{"moved before", "new"}));
+    EXPECT_EQ(Rows(kUp, "SELECT FileId, FileName FROM Files ORDER BY FileId"),
+              (Texts{"1|moved before", "2|came since", "3|id is taken", "7|new"}));
     EXPECT_EQ(Count(kDown), "0");
+}
+
+TEST_F(UpstreamMigration, RowsStayUntilAllAreMovedAndRemoved) {
+    Insert(kDown, "(1, 'taken', 1), (2, 'refused', 1)");
+    Rows(kUp, "DELETE FROM DatabaseInformation WHERE FieldName = 'UpstreamTableCreated'");
+    const auto migrate = [] {
+        EXPECT_TRUE(FileStoreMigrateUpstreamRows(Database(kDown), Database(kUp), FileStore::debugFileStore));
+        return Count(kUp) + Count(kDown);
+    };
+    for (const auto& [side, change, counts] :
+         Table<Side, const char*, const char*>{{kUp, "INSERT ON Files WHEN NEW.FileName = 'refused'", "02"},
+                                               {kDown, "DELETE ON Files", "22"}}) {
+        const auto refusal = Refuse(Database(side), change);
+        EXPECT_EQ(migrate(), counts);
+    }
+    EXPECT_EQ(migrate(), "20");
 }
 
 TEST_F(UpstreamMigration, FullDiskLeavesTheRowsAndNoOpenTransaction) {

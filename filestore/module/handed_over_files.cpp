@@ -1,0 +1,39 @@
+#include "filestore/db/handed_over_table.h"
+#include "filestore/state/file_store.h"
+#include "filestore/state/store_layout.h"
+#include "kelcore/call_origin.h"
+#include "kelcore/error_codes.h"
+#include "kelcore/file_values.h"
+
+using namespace filestore;
+
+namespace {
+
+unsigned int Forget(const KelContainer& arguments) {
+    const FileStoreDatabase database = FileStoreGetDatabase(Side::Downstream);
+    const KelLock lock(database.mutex);
+    DBTransaction transaction(database.connection);
+    if (!transaction.IsOpen()) return kKelErrorInternal;
+    for (std::uint32_t i = 0; i < arguments.Count("Taken"); ++i)
+        if (!ForgetHandedOver(FileKey::Read(arguments.GetContainer("Taken", i)))) return kKelErrorInternal;
+    return transaction.Commit() ? kKelOk : kKelErrorInternal;
+}
+
+}  // namespace
+
+/// For the modules of this device. Without arguments lists the files that were handed to them and that none
+/// has taken, as Values[i]{FileType, FileLabel, FileName, FileChecksum, FilePath}; with Taken[i]{FileType,
+/// FileLabel, FileName, FileChecksum} forgets these.
+unsigned int FileStore::ActionHandler_FileStoreGetNotifiableFiles(KelContainer* arguments) {
+    if (!ActionIsFromThisDevice(*arguments)) return kKelErrorBadInput;
+    if (arguments->Has("Taken")) return Forget(*arguments);
+    arguments->Remove("Values");
+    std::uint32_t index = 0;
+    for (const FileStoreEntry& file : SelectHandedOver()) {
+        KelContainer values;
+        file.Key().Write(values);
+        values.SetString(kValueFilePath, ContentPath(file, Side::Downstream));
+        arguments->SetContainer("Values", std::move(values), index++);
+    }
+    return kKelOk;
+}
