@@ -93,7 +93,10 @@ unsigned int FileStore::ModuleInitialise() {
     threadPush.InitCurrentTimeout();
     strStorageLocationToUse = GetFileStorageDirectory();
     ChangeFileStoragePath();
+    // What an earlier run has left. Once the gate is open, offers of this run look the same.
     FileStoreRemoveLeftOvers();
+    FileStoreRepairUploads();
+    ForgetUnfinishedOffers();
     FileStoreGetActionGate().Open();
     return kModuleSuccess;
 }
@@ -106,8 +109,6 @@ unsigned int FileStore::ModuleActivate() {
     if (fRelayEnabled && !ActionDbIsActionRegistered("QuarnelDbRunScript")) FileStoreReadUploadPolicy();
     UpdateHttpPort();
     RefreshAddressPreference();
-    FileStoreRepairUploads();
-    ForgetUnfinishedOffers();
     StartWorkers();
 
     UpdateScriptAndPackageStatus(0);
