@@ -26,10 +26,10 @@ constexpr char kToRequest[] =
     "LIMIT 1";
 constexpr char kMissing[] = "SELECT %s FROM Files WHERE FileStatus = '%s' LIMIT 1";
 constexpr char kToHandleUpstream[] =
-    "SELECT %s, 1 FROM Files WHERE FileStatus = '%s' ORDER BY FileId ASC LIMIT %u";
+    "SELECT %s, 1 FROM Files WHERE FileStatus = '%s' ORDER BY LastStatusChangeTime, FileId LIMIT %u";
 constexpr char kToHandleDownstream[] =
     "SELECT %s, Targets.TargetId IS NULL FROM Files LEFT JOIN Targets ON Files.FileId = Targets.FileId AND "
-    "DeviceGUID = '' WHERE FileStatus = '%s' ORDER BY Files.FileId ASC LIMIT %u";
+    "DeviceGUID = '' WHERE FileStatus = '%s' ORDER BY LastStatusChangeTime, Files.FileId LIMIT %u";
 
 constexpr char kOfContent[] = "SELECT %s FROM Files WHERE FileName = '%Q' AND FileChecksum = '%Q'";
 constexpr char kOfLabel[] = "SELECT %s FROM Files WHERE FileLabel = '%Q' AND FileChecksum = '%Q'";

@@ -25,6 +25,7 @@ struct FileToHandle {
     FileStoreEntry file;
     bool isLocal = false;  ///< no target on this device waits for it; always true upstream
 };
+/// Those tried longest ago, or never, come first.
 KelVector<FileToHandle> SelectFilesToHandle(Side side, unsigned int limit);
 
 // ---- downstream, others
