@@ -46,9 +46,10 @@ constexpr char kToSend[] =
     "LIMIT %u";
 constexpr char kToUpload[] = "SELECT %s FROM Files WHERE FileStatus IN ('%s', '%s') %S %s LIMIT %u";
 constexpr char kCountToUpload[] =
-    "SELECT COUNT (*) FROM Files WHERE FileStatus = '%s' AND Upstream <> 0 AND SourceDevice <> '' %s";
-constexpr char kToPack[] =
-    "SELECT FileId FROM Files WHERE FileStatus IN ('%s', '%s') AND Upstream <> 0 AND SourceDevice <> '' AND "
+    "SELECT COUNT (*) FROM Files WHERE FileStatus = '%s' AND Upstream <> 0 AND SourceDevice <> ''";
+constexpr char kNotSent[] =
+    "SELECT FileId FROM Files WHERE FileStatus IN ('%s', '%s', '%s') AND Upstream <> 0 AND SourceDevice <> "
+    "'' AND "
     "FileType <> '%s' LIMIT 1";
 constexpr char kWithStatus[] = "SELECT %s FROM Files WHERE FileStatus = '%s'";
 constexpr char kOfUrl[] = "SELECT %s FROM Files WHERE FileURL = '%Q'";
@@ -175,16 +176,15 @@ FileRows SelectFilesToUpload(const UploadFilter& filter) {
                                     Condition(filter), Condition(filter.passing), filter.limit));
 }
 
-std::optional<std::uint32_t> CountFilesToUpload(Passing passing) {
-    const auto result =
-        Query(Side::Upstream, KelFormat(kCountToUpload, kStatusToBeUploaded, Condition(passing)));
+std::optional<std::uint32_t> CountFilesToUpload() {
+    const auto result = Query(Side::Upstream, KelFormat(kCountToUpload, kStatusToBeUploaded));
     if (!result || result->GetRowCount() == 0) return std::nullopt;
     return static_cast<std::uint32_t>(result->GetInt64(0, std::size_t{0}));
 }
 
-bool HasFilesToPack() {
-    const auto result =
-        Query(Side::Upstream, KelFormat(kToPack, kStatusToBeUploaded, kStatusToBePacked, kPackedFilesType));
+bool HasFilesToUpload() {
+    const auto result = Query(Side::Upstream, KelFormat(kNotSent, kStatusToBeUploaded, kStatusToBePacked,
+                                                        kStatusUploading, kPackedFilesType));
     return result && result->GetRowCount() != 0;
 }
 

@@ -59,9 +59,9 @@ struct UploadFilter {
 FileRows SelectFilesToSend(const UploadFilter& filter);
 FileRows SelectFilesToUpload(const UploadFilter& filter);
 /// Nothing when the statement failed.
-std::optional<std::uint32_t> CountFilesToUpload(Passing passing);
-/// True when files wait that an archive could take; false also when the statement failed.
-bool HasFilesToPack();
+std::optional<std::uint32_t> CountFilesToUpload();
+/// True when files other than archives wait to be sent, packed or not; false also when the statement failed.
+bool HasFilesToUpload();
 /// Files whose content is expected by PUT or has just arrived.
 FileRows SelectFilesBeingReceived();
 /// The files with this FileURL. Nothing when the statement failed.
