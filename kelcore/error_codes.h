@@ -14,6 +14,12 @@ enum KelErrorCode : unsigned int {
     kKelErrorGuidScheme = 44005,  ///< a GUID of another tree's scheme
 };
 
+/// What a subscriber of HttpProtocolCallbackPutCheck answers to an upload that is not to be accepted.
+enum KelUploadAnswer : unsigned int {
+    kKelAnswerNotExpected = 44006,   ///< nothing awaits it: the sender has to offer the file again
+    kKelAnswerOtherContent = 44007,  ///< it is not what was offered
+};
+
 /// What a consumer of the file store answers to a file that is handed to it, and to a request for a file that
 /// is missing here. Any other answer lets the file go on its way.
 enum KelConsumerAnswer : unsigned int {

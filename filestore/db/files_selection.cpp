@@ -24,10 +24,10 @@ constexpr char kToRequest[] =
     "SELECT %s FROM Files WHERE FileStatus = '%s' AND %S %s ORDER BY LastStatusChangeTime LIMIT 1";
 constexpr char kMissing[] = "SELECT %s FROM Files WHERE FileStatus = '%s' LIMIT 1";
 constexpr char kToHandleUpstream[] =
-    "SELECT %s, 1 FROM Files WHERE FileStatus = '%s' ORDER BY FileId ASC LIMIT %u";
+    "SELECT %s, 1 FROM Files WHERE FileStatus = '%s' ORDER BY LastStatusChangeTime, FileId LIMIT %u";
 constexpr char kToHandleDownstream[] =
     "SELECT %s, Targets.TargetId IS NULL FROM Files LEFT JOIN Targets ON Files.FileId = Targets.FileId AND "
-    "DeviceGUID = '' WHERE FileStatus = '%s' ORDER BY Files.FileId ASC LIMIT %u";
+    "DeviceGUID = '' WHERE FileStatus = '%s' ORDER BY LastStatusChangeTime, Files.FileId LIMIT %u";
 
 constexpr char kOfContent[] = "SELECT %s FROM Files WHERE FileName = '%Q' AND FileChecksum = '%Q'";
 constexpr char kOfLabel[] = "SELECT %s FROM Files WHERE FileLabel = '%Q' AND FileChecksum = '%Q'";
@@ -42,9 +42,10 @@ constexpr char kSourceDevices[] = "SELECT FileId, SourceDevice FROM Files";
 constexpr char kWaiting[] = "SELECT %s FROM Files WHERE FileStatus IN ('%s', '%s') %s AND %S %S %s LIMIT %u";
 constexpr char kOfKnownSource[] = "AND Upstream <> 0 AND SourceDevice <> ''";
 constexpr char kCountToUpload[] =
-    "SELECT COUNT (*) FROM Files WHERE FileStatus = '%s' AND Upstream <> 0 AND SourceDevice <> '' %s";
-constexpr char kToPack[] =
-    "SELECT FileId FROM Files WHERE FileStatus IN ('%s', '%s') AND Upstream <> 0 AND SourceDevice <> '' AND "
+    "SELECT COUNT (*) FROM Files WHERE FileStatus = '%s' AND Upstream <> 0 AND SourceDevice <> ''";
+constexpr char kNotSent[] =
+    "SELECT FileId FROM Files WHERE FileStatus IN ('%s', '%s', '%s') AND Upstream <> 0 AND SourceDevice <> "
+    "'' AND "
     "FileType <> '%s' LIMIT 1";
 constexpr char kWithStatus[] = "SELECT %s FROM Files WHERE FileStatus = '%s'";
 constexpr char kOfUrl[] = "SELECT %s FROM Files WHERE FileURL = '%Q'";
@@ -202,16 +203,15 @@ FileRows SelectFilesToUpload(const UploadFilter& filter) {
     return SelectWaiting(kStatusUploading, "", filter);
 }
 
-std::optional<std::uint32_t> CountFilesToUpload(Passing passing) {
-    const auto result =
-        Query(Side::Upstream, KelFormat(kCountToUpload, kStatusToBeUploaded, Condition(passing)));
+std::optional<std::uint32_t> CountFilesToUpload() {
+    const auto result = Query(Side::Upstream, KelFormat(kCountToUpload, kStatusToBeUploaded));
     if (!result || result->GetRowCount() == 0) return std::nullopt;
     return static_cast<std::uint32_t>(result->GetInt64(0, std::size_t{0}));
 }
 
-bool HasFilesToPack() {
-    const auto result =
-        Query(Side::Upstream, KelFormat(kToPack, kStatusToBeUploaded, kStatusToBePacked, kPackedFilesType));
+bool HasFilesToUpload() {
+    const auto result = Query(Side::Upstream, KelFormat(kNotSent, kStatusToBeUploaded, kStatusToBePacked,
+                                                        kStatusUploading, kPackedFilesType));
     return result && result->GetRowCount() != 0;
 }
 

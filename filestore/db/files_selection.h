@@ -26,6 +26,7 @@ struct FileToHandle {
     FileStoreEntry file;
     bool isLocal = false;  ///< no target on this device waits for it; always true upstream
 };
+/// Those tried longest ago, or never, come first.
 KelVector<FileToHandle> SelectFilesToHandle(Side side, unsigned int limit);
 
 // ---- downstream, others
@@ -59,9 +60,9 @@ struct UploadFilter {
 FileRows SelectFilesToSend(const UploadFilter& filter);
 FileRows SelectFilesToUpload(const UploadFilter& filter);
 /// Nothing when the statement failed.
-std::optional<std::uint32_t> CountFilesToUpload(Passing passing);
-/// True when files wait that an archive could take; false also when the statement failed.
-bool HasFilesToPack();
+std::optional<std::uint32_t> CountFilesToUpload();
+/// True when files other than archives wait to be sent, packed or not; false also when the statement failed.
+bool HasFilesToUpload();
 /// Files whose content is expected by PUT or has just arrived.
 FileRows SelectFilesBeingReceived();
 /// The files with this FileURL. Nothing when the statement failed.

@@ -20,10 +20,13 @@ struct Reception {
     FileStoreEntry before;  ///< the row as the offer found or made it
     bool isNew = false;     ///< the row was made for this offer
     bool WasAvailable() const { return before.FileStatus == kStatusAvailable; }
+    bool WasObsolete() const { return before.FileStatus == kStatusObsolete; }
 };
 
 /// Sets the row of the file, made when it is unknown, to "receiving", a status that no worker serves. An
-/// available file keeps its status: it is served all along. False when the database did not take it.
+/// available file keeps its status: it is served all along. So does an obsolete one, which no worker serves
+/// either: what is left in "receiving" by a crash is asked for again. False when the database did not take
+/// it.
 bool Begin(Reception& reception, const FileStoreEntry& offered) {
     FileStoreEntry& row = reception.before;
     const KelLock lock(FileStore::mutexDownstream);
@@ -33,7 +36,7 @@ bool Begin(Reception& reception, const FileStoreEntry& offered) {
         row.FileStatus = kStatusReceiving;
         return row.CreateInDatabase(Side::Downstream) != 0;
     }
-    return reception.WasAvailable() ||
+    return reception.WasAvailable() || reception.WasObsolete() ||
            UpdateFileStatus(Side::Downstream, row.FileId, row.FileStatus, kStatusReceiving, NextTry::AtOnce);
 }
 

@@ -99,7 +99,10 @@ unsigned int FileStore::ModuleInitialise() {
     threadPush.InitCurrentTimeout();
     strStorageLocationToUse = GetFileStorageDirectory();
     ChangeFileStoragePath();
+    // What an earlier run has left. Once the gate is open, offers of this run look the same.
     FileStoreRemoveLeftOvers();
+    FileStoreRepairUploads();
+    ForgetUnfinishedOffers();
     FileStoreGetActionGate().Open();
     return kModuleSuccess;
 }
@@ -112,8 +115,6 @@ unsigned int FileStore::ModuleActivate() {
     if (fRelayEnabled && !ActionDbIsActionRegistered("QuarnelDbRunScript")) FileStoreReadUploadPolicy();
     UpdateHttpPort();
     RefreshAddressPreference();
-    FileStoreRepairUploads();
-    ForgetUnfinishedOffers();
     if (!StartWorkers()) {
         // What was taken now would not move: the other devices keep it.
         StopWorkers();

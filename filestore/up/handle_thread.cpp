@@ -42,11 +42,13 @@ struct FileStoreHandleThread::Answers {
     IdList available;
     IdList upload;
     IdList retry;
+    KelVector<std::uint64_t> putOff;  ///< the same
 };
 
 FileStoreHandleThread::FileStoreHandleThread() : FileThreadBase("FileStore", "QueueGap", 30) {}
 
 bool FileStoreHandleThread::DoWork() {
+    putOff_.clear();
     bool busy = true;
     while (busy) {
         busy = false;
@@ -99,7 +101,10 @@ bool FileStoreHandleThread::DecideMissing(std::uint64_t fileId, Side side, bool 
 
 bool FileStoreHandleThread::HandleFile(Side side) {
     FileStore::debugFileStore.Trace("HandleThread: Looking for files to handle \n");
-    const KelVector<FileToHandle> batch = SelectFilesToHandle(side, kBatchSize);
+    KelVector<FileToHandle> batch = SelectFilesToHandle(side, kBatchSize);
+    std::erase_if(batch, [this, side](const FileToHandle& row) {
+        return putOff_.contains({side, row.file.FileId});
+    });
     if (batch.empty()) {
         FileStore::debugFileStore.Trace("HandleThread: Nothing found to handle\n");
         return false;
@@ -130,17 +135,22 @@ void FileStoreHandleThread::HandOver(const FileStoreEntry& entry, bool isLocal, 
     description.filePath = path;
     KelContainer results;
     CallbackDbTrigger(CallbackOf(isLocal, side), description.ToContainer(), results);
-    if (FileStore::CheckHandlerResult(results, kKelAnswerTryLater))
+    if (FileStore::CheckHandlerResult(results, kKelAnswerTryLater)) {
         answers.retry.Add(entry.FileId);
-    else if (FileStore::CheckHandlerResult(results, kKelAnswerStaysHere) || side == Side::Downstream)
+        answers.putOff.push_back(entry.FileId);
+    } else if (FileStore::CheckHandlerResult(results, kKelAnswerStaysHere) || side == Side::Downstream) {
         answers.available.Add(entry.FileId);
-    else
+    } else {
         answers.upload.Add(entry.FileId);
+    }
 }
 
 void FileStoreHandleThread::ApplyAnswers(const Answers& answers, Side side) {
     for (const auto& [ids, status] :
          {std::pair(&answers.available, kStatusAvailable), std::pair(&answers.upload, kStatusToBeUploaded)})
         if (UpdateFileStatus(side, *ids, status, NextTry::AtOnce)) rowsMovedOn_ += ids->Count();
-    UpdateFileStatus(side, answers.retry, kStatusToBeHandled, NextTry::AfterTimeout);
+    if (!UpdateFileStatus(side, answers.retry, kStatusToBeHandled, NextTry::AfterTimeout)) return;
+    rowsMovedOn_ += answers.retry.Count();
+    for (const std::uint64_t fileId : answers.putOff)
+        putOff_.insert({side, fileId});
 }

@@ -1,6 +1,8 @@
 #pragma once
 
 #include <cstdint>
+#include <set>
+#include <utility>
 
 #include "filestore/db/file_store_entry.h"
 #include "filestore/state/worker_loop.h"
@@ -15,7 +17,8 @@ class FileStoreHandleThread : public FileThreadBase {
     /// Asks the consumers for one missing file; true when the step should look for more.
     bool LocalRequestFile(Side side);
 
-    /// Hands over a batch of files; true when there were any.
+    /// Hands over a batch of files; true when there were any. A step of the thread hands over no file twice,
+    /// so that it ends while consumers put files off.
     bool HandleFile(Side side);
 
   protected:
@@ -28,7 +31,9 @@ class FileStoreHandleThread : public FileThreadBase {
     void HandOver(const FileStoreEntry& entry, bool isLocal, Side side, Answers& answers);
     void ApplyAnswers(const Answers& answers, Side side);
 
-    /// Rows that got another status or were removed, since the start. A round that moves none ends the step:
-    /// while consumers answer "later" or the database refuses writes, the next one would do the same.
+    std::set<std::pair<Side, std::uint64_t>> putOff_;  ///< by consumers, in this step
+
+    /// Rows that got another status, were put off or removed, since the start. A round that moves none ends
+    /// the step: while the database refuses writes, the next one would do the same.
     std::uint64_t rowsMovedOn_ = 0;
 };

@@ -12,7 +12,8 @@ bool StartRequestedManualUpload() {
     if (!FileStore::fManualUploadRequested) return true;
     FileStore::fProcessManualUpload = true;
     FileStore::fManualUploadRequested = false;
-    const auto files = CountFilesToUpload(PassingNow());
+    // Those that a closed window holds back are meant, too.
+    const auto files = CountFilesToUpload();
     if (!files) {
         FileStore::debugFileStore.Error(
             "PushThread: Failed to get the current number of files to be uploaded.\n");
@@ -35,12 +36,12 @@ void CountManualUpload(unsigned int files) {
     if (FileStore::fProcessManualUpload) FileStore::uCurrent += files;
 }
 
-/// A manual upload lasts until it has packed more files than it counted, so it outlasts a closed window. Some
-/// that it counted are never packed (archives, and files whose content is gone): with nothing left to pack it
-/// is over as well.
+/// A manual upload lasts until it has packed more files than it counted, so it outlasts a closed window and
+/// failed transfers. Some that it counted are never packed (archives, large files, and files whose content is
+/// gone): with nothing left to send but archives it is over as well.
 void FinishManualUpload() {
     if (!FileStore::fProcessManualUpload) return;
-    if (FileStore::uCurrent <= FileStore::uLimit && HasFilesToPack()) return;
+    if (FileStore::uCurrent <= FileStore::uLimit && HasFilesToUpload()) return;
     FileStore::debugFileStore.Print("Manual upload process finished.\n");
     FileStore::fProcessManualUpload = false;
     FileStore::uCurrent = 0;

@@ -39,6 +39,7 @@ constexpr Reason kReasons[] = {
     {415, "Unsupported Media Type"},
     {416, "Range Not Satisfiable"},
     {417, "Expectation Failed"},
+    {422, "Unprocessable Content"},
     {431, "Request Header Fields Too Large"},
     {500, "Internal Server Error"},
     {503, "Service Unavailable"},

@@ -16,6 +16,7 @@
 #include "kel/path.h"
 #include "kel/text.h"
 #include "kelcore/callback_db.h"
+#include "kelcore/error_codes.h"
 #include "modules/http_protocol/protected_files.h"
 
 namespace kelhttp {
@@ -48,6 +49,19 @@ unsigned int StatusOfError(int error) {
             return 403;
         default:
             return 500;
+    }
+}
+
+unsigned int StatusOfAnswer(unsigned int answer) {
+    switch (answer) {
+        case 0:
+            return 0;
+        case kKelAnswerNotExpected:
+            return 404;
+        case kKelAnswerOtherContent:
+            return 422;
+        default:
+            return 503;
     }
 }
 
@@ -123,17 +137,17 @@ unsigned int PutUpload::Write(std::string_view data) {
 
 unsigned int PutUpload::Commit() {
     if (::fsync(file_.Get()) != 0) return Fail("sync");
+    if (const unsigned int status = Trigger("HttpProtocolCallbackPutCheck")) return status;
     if (!PutInPlace()) return Fail("put in place");
     if (::fsync(folder_.Get()) != 0) return Fail("sync the folder of");
     file_.Reset();
-    Trigger();
-    return 0;
+    return Trigger("HttpProtocolCallbackPut");
 }
 
 /// A nameless file can only be linked to a free name: to replace another file, it first gets a hidden name.
 bool PutUpload::PutInPlace() {
     if (hiddenName_.empty()) {
-        const KelString file = "/proc/self/fd/" + std::to_string(file_.Get());
+        const KelString file = OpenFilePath();
         const auto link = [this, &file](const KelString& name) {
             return ::linkat(AT_FDCWD, file.c_str(), folder_.Get(), name.c_str(), AT_SYMLINK_FOLLOW) == 0;
         };
@@ -152,16 +166,24 @@ bool PutUpload::PutInPlace() {
     return true;
 }
 
-void PutUpload::Trigger() const {
+/// The open file under a path that any code of this process can open, whether or not the file has a name.
+KelString PutUpload::OpenFilePath() const {
+    return "/proc/self/fd/" + std::to_string(file_.Get());
+}
+
+/// Triggers an event; the HTTP status with which a subscriber has the upload refused, 0 when none does.
+unsigned int PutUpload::Trigger(const char* event) const {
     KelContainer arguments;
     arguments.SetString("URL", url_);
     arguments.SetString("MulticastAddress", "");
     const KelString& root = place_.root->Path();
     arguments.SetString("LocalPath", root + (root.ends_with('/') ? "" : "/") + place_.rest);
+    if (file_) arguments.SetString("ContentPath", OpenFilePath());
     KelContainer results;
-    if (const unsigned int result = CallbackDbTrigger("HttpProtocolCallbackPut", arguments, results))
-        log_.Warning("A subscriber of HttpProtocolCallbackPut answered %u to the upload of %S.\n", result,
-                     url_);
+    const unsigned int answer = CallbackDbTrigger(event, arguments, results);
+    if (answer != 0)
+        log_.Warning("Upload of %S refused: a subscriber of %s answered %u.\n", url_, event, answer);
+    return StatusOfAnswer(answer);
 }
 
 unsigned int PutUpload::Fail(const char* what) {

@@ -30,8 +30,12 @@ class PutUpload {
     /// Appends `data`; 507 or 500.
     unsigned int Write(std::string_view data);
 
-    /// Syncs the file, puts it in place, syncs the folder and triggers the event HttpProtocolCallbackPut. 409
-    /// when the destination is a folder, 507 or 500.
+    /// Syncs the file, asks the subscribers of the event HttpProtocolCallbackPutCheck, puts the file in
+    /// place, syncs the folder and triggers the event HttpProtocolCallbackPut. The first event has the value
+    /// ContentPath, under which the content can be read while it is not in place. An upload that a subscriber
+    /// refuses in the first event leaves the destination as it was. 404 refused as not expected, 422 as other
+    /// content than expected, 503 when a subscriber failed in either event; 409 when the destination is a
+    /// folder, 507 or 500.
     unsigned int Commit();
 
     /// True when Commit created the file, false when it replaced one.
@@ -42,7 +46,8 @@ class PutUpload {
     void RemoveLeftovers() const;
     bool PutInPlace();
     unsigned int Fail(const char* what);
-    void Trigger() const;
+    KelString OpenFilePath() const;
+    unsigned int Trigger(const char* event) const;
 
     KelString url_;
     AliasMatch place_;

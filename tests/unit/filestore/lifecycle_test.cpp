@@ -112,17 +112,21 @@ TEST_F(Lifecycle, RoleIsDeterminedWithItsUploadPolicy) {
     }
 }
 
-TEST_F(Lifecycle, ActivationRepairsInterruptedReceptions) {
+TEST_F(Lifecycle, StartRepairsWhatAnEarlierRunInterrupted) {
     Initialise();
     for (const char* status : {"MULTICASTLISTENING", "AVAILABLE", "RECEIVING"})
         AddFile(kDown, "n", status,
                 "FileSize = 12, Acknowledged = 1, LastStatusChangeTime = 99, "
                 "MulticastTransferToBeStarted = 1");
+    CleanUp();
+    Initialise();
+    AddFile(kDown, "offered before activation", "RECEIVING");
     Activate();
-    EXPECT_EQ(Rows(kDown,
-                   "SELECT FileStatus, FileSize, Acknowledged, LastStatusChangeTime, "
-                   "MulticastTransferToBeStarted FROM Files ORDER BY FileId"),
-              (Texts{"TOBEREQUESTED|0|0|0|0", "AVAILABLE|12|1|99|0", "MISSING|12|1|0|0"}));
+    EXPECT_EQ(
+        Rows(kDown,
+             "SELECT FileStatus, FileSize, Acknowledged, LastStatusChangeTime, "
+             "MulticastTransferToBeStarted FROM Files ORDER BY FileId"),
+        (Texts{"TOBEREQUESTED|0|0|0|0", "AVAILABLE|12|1|99|0", "MISSING|12|1|0|0", "RECEIVING|0|0|0|0"}));
 }
 
 TEST_F(Lifecycle, EntryDrivesALifeAndASecondOneAndAnswersTexts) {

@@ -100,6 +100,16 @@ TEST_F(LocalOfferTest, OfferThatCannotBeStoredLeavesNoTrace) {
     }
 }
 
+/// A row that a crash leaves in "receiving" is asked for at the parent: an obsolete file never is.
+TEST_F(LocalOfferTest, ObsoleteFileStaysSoUntilItsContentIsHere) {
+    AddFile(kDown, "n", "OBSOLETE");
+    KelString status;
+    Accept(Offer(), {{"CopyPath", MakeFile("source", "abc")},
+                     {"DevicePath", Meanwhile([&status] { status = OnlyFields(kDown); })}});
+    EXPECT_EQ(status, "OBSOLETE");
+    EXPECT_EQ(OnlyFields(kDown), "AVAILABLE");
+}
+
 TEST_F(LocalOfferTest, RowChangedMeanwhileLosesNoPublicationAndNoRequest) {
     BecomeMaster();
     const KelString source = MakeFile("source", "abc");

@@ -126,9 +126,8 @@ TEST_F(QueryPlan, UpstreamStatementsSearchAnIndex) {
     Check(kUp, May::Search, [] {
         FindFileFromUrl("u");
         SelectFilesOfUrl("u");
-        for (const Passing passing : {Passing::All, Passing::BypassOnly})
-            CountFilesToUpload(passing);
-        HasFilesToPack();
+        CountFilesToUpload();
+        HasFilesToUpload();
         SelectFilesBeingReceived();
         SetReceivingAgain(1);
         HandleAvailableAgain(1);

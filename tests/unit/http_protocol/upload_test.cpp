@@ -2,6 +2,7 @@
 #include <csignal>
 
 #include "http_server_fixture.h"
+#include "kelcore/error_codes.h"
 
 namespace {
 
@@ -75,6 +76,35 @@ TEST_F(UploadTest, RefusesWithoutTouchingAnything) {
     EXPECT_EQ(CountFilesIn("in/folder"), 0);
     EXPECT_EQ(ReadFile("in/old"), "old");
     EXPECT_TRUE(event_.IsEmpty());
+}
+
+/// What the first event refuses is not put in place, and what the second one refuses is not acknowledged.
+TEST_F(UploadTest, SubscribersDecideWhatIsAcknowledged) {
+    Start();
+    unsigned int toCheck = 0, toReport = 0;
+    std::string checked;
+    Subscribe("HttpProtocolCallbackPutCheck", [&](KelContainer* container) {
+        checked = TempFolder::Read(container->GetString("ContentPath"));
+        return toCheck;
+    });
+    Subscribe("HttpProtocolCallbackPut", [&](KelContainer*) { return toReport; });
+    WriteFile("in/x", "old");
+    struct Case {
+        unsigned int toCheck, toReport;
+        int status;
+        const char* content;
+    };
+    for (const Case& test :
+         {Case{kKelAnswerNotExpected, 0, 404, "old"}, Case{kKelAnswerOtherContent, 0, 422, "old"},
+          Case{kKelErrorNotAvailable, 0, 503, "old"}, Case{0, kKelErrorNotAvailable, 503, "new"},
+          Case{0, 0, 204, "new"}}) {
+        toCheck = test.toCheck;
+        toReport = test.toReport;
+        EXPECT_EQ(Connect().AskGranted("PUT", "/Files/in/x", "", "new").status, test.status);
+        EXPECT_EQ(checked, "new");
+        EXPECT_EQ(ReadFile("in/x"), test.content);
+        EXPECT_EQ(CountFilesIn("in"), 1);
+    }
 }
 
 TEST_F(UploadTest, TheAgentsDatabasesAreNotReplaced) {
