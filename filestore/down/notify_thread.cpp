@@ -30,7 +30,8 @@ unsigned int BatchSize() {
 
 KelVector<FileTarget> SelectBatch() {
     const std::int64_t now = std::time(nullptr);
-    return SelectDueTargets(FileStoreDueBefore(FileStore::ulTimeout), LatestPossibleTime(TimeOfAnnounced(now)),
+    return SelectDueTargets(FileStoreDueBefore(FileStore::ulTimeout),
+                            LatestPossibleTime(TimeOfAnnounced(now)),
                             FileStore::bmTrackUsageDown.TransfersAreDisabled(), BatchSize());
 }
 

@@ -48,6 +48,7 @@ constexpr std::array kActions = {
     Action{"FileStoreDeletePackage ()", &FileStore::ActionHandler_FileStoreDeletePackage},
     Action{"PackageSendSyncInfo ()", &FileStore::ActionHandler_PackageSendSyncInfo},
     Action{"FileStoreGetNotifiableFiles ()", &FileStore::ActionHandler_FileStoreGetNotifiableFiles},
+    Action{"FileStoreGetUntakenFiles (container Taken)", &FileStore::ActionHandler_FileStoreGetUntakenFiles},
     Action{"FileStoreGetFileInformation ()", &FileStore::ActionHandler_FileStoreGetFileInformation},
     Action{"FileStorePerformManualUpload ()", &FileStore::ActionHandler_FileStorePerformManualUpload},
     Action{"FileStoreIsPatchInventoryUploaded ()",
@@ -108,6 +109,10 @@ unsigned int FileStore::ModuleUnregister(unsigned int) {
 
 unsigned int FileStore::ActionHandler_FileStoreDeletePackage(KelContainer* arguments) {
     return NotAvailable(*arguments, "FileStoreDeletePackage");
+}
+
+unsigned int FileStore::ActionHandler_FileStoreGetNotifiableFiles(KelContainer* arguments) {
+    return NotAvailable(*arguments, "FileStoreGetNotifiableFiles");
 }
 
 unsigned int FileStore::ActionHandler_FileStoreIsPatchInventoryUploaded(KelContainer* arguments) {

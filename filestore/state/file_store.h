@@ -164,6 +164,7 @@ class FileStore {
     static unsigned int ActionHandler_FileStoreDeletePackage(KelContainer* arguments);
     static unsigned int ActionHandler_PackageSendSyncInfo(KelContainer* arguments);
     static unsigned int ActionHandler_FileStoreGetNotifiableFiles(KelContainer* arguments);
+    static unsigned int ActionHandler_FileStoreGetUntakenFiles(KelContainer* arguments);
     static unsigned int ActionHandler_FileStoreGetFileInformation(KelContainer* arguments);
     static unsigned int ActionHandler_FileStorePerformManualUpload(KelContainer* arguments);
     static unsigned int ActionHandler_FileStoreIsPatchInventoryUploaded(KelContainer* arguments);

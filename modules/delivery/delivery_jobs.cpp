@@ -14,7 +14,7 @@ namespace {
 constexpr int kMaxReceiptFailures = 10;
 
 /// Without arguments, lists the files that were handed over and not taken; with "Taken", forgets these.
-constexpr const char* kUntakenAction = "FileStoreGetNotifiableFiles";
+constexpr const char* kUntakenAction = "FileStoreGetUntakenFiles";
 
 }  // namespace
 

@@ -7,7 +7,7 @@ class UntakenTest : public DeliveryTest {
   protected:
     void SetUp() override {
         DeliveryTest::SetUp();
-        FakeAction("FileStoreGetNotifiableFiles ()", [this](KelContainer* container) {
+        FakeAction("FileStoreGetUntakenFiles ()", [this](KelContainer* container) {
             const std::lock_guard lock(mutex_);
             for (std::uint32_t i = 0; container->Has("Taken") && i < container->Count("Taken"); ++i)
                 untaken_.erase(container->GetContainer("Taken", i).GetString("FileName"));

@@ -6,7 +6,7 @@ using namespace filestore;
 
 namespace {
 
-constexpr const char* kAction = "FileStoreGetNotifiableFiles";
+constexpr const char* kAction = "FileStoreGetUntakenFiles";
 
 /// What the store remembers of the files that it has given to the modules of this device.
 struct HandedOver : StoreTest {
