@@ -22,6 +22,7 @@
 #include <sys/uio.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstdarg>
@@ -145,9 +146,14 @@ std::string PathOf(int file) {
     return LinkTarget("/proc/self/fd/" + std::to_string(file));
 }
 
+/// With single slashes only.
 std::string PathOf(int folder, const char* path) {
-    if (path == nullptr || path[0] == '/') return path == nullptr ? "" : path;
-    return (folder == AT_FDCWD ? LinkTarget("/proc/self/cwd") : PathOf(folder)) + "/" + path;
+    std::string whole = path == nullptr ? "" : path;
+    if (!whole.starts_with('/'))
+        whole = (folder == AT_FDCWD ? LinkTarget("/proc/self/cwd") : PathOf(folder)) + "/" + whole;
+    const auto isSecond = [](char left, char right) { return left == '/' && right == '/'; };
+    whole.erase(std::unique(whole.begin(), whole.end(), isSecond), whole.end());
+    return whole;
 }
 
 /// True, with errno set, when the call is to fail.

@@ -20,7 +20,7 @@ NAMES = ["master", "relay1", "client11", "client12", "client13", "relay2", "clie
 COMES_AND_GOES, SMALL_DISK = "client12", "client22"
 KILL_SECONDS, FAULT_SECONDS, FULL_SECONDS, AWAY_SECONDS = 20, 30, 45, 40
 SETTLING_SECONDS = 150
-SET_BACK_SECONDS = 7200
+SET_BACK_SECONDS = 86400  # more than passes while the tree settles
 GROWTH = 1.1  # of memory and descriptors over those after the warm-up
 MORE_DESCRIPTORS = 8  # connections that are kept for the next call
 LABEL = "soak"
@@ -81,8 +81,9 @@ class Soak:
 
     def send(self):
         paths = self.files(5)
+        self.counts["sendings"] += 1
         # Now and then two devices send the same.
-        for agent in self.random.sample(self.tree.devices, 2 if self.random.random() < 0.1 else 1):
+        for agent in self.random.sample(self.tree.devices, 2 if self.counts["sendings"] % 8 == 0 else 1):
             if agent.is_running():
                 agent.kel("send", "--type", "Soak", "--label", LABEL, *paths)
                 self.counts["sent"] += len(paths)
@@ -143,7 +144,7 @@ class Soak:
         return found
 
     def run(self, seconds):
-        warm_up = max(20, seconds / 6)
+        warm_up = seconds / 3
         self.work(warm_up)
         time.sleep(5)
         self.first = self.measure()

@@ -162,12 +162,11 @@ def wait_at_rest(agents, seconds):
         time.sleep(1)
 
 
-def damage(path):
-    """Overwrites the middle of a file."""
-    size = path.stat().st_size
+def damage(path, offset):
+    """Overwrites half a file from an offset on."""
     with open(path, "r+b") as file:
-        file.seek(size // 4)
-        file.write(b"\xa5" * (size // 2))
+        file.seek(offset)
+        file.write(b"\xa5" * (path.stat().st_size // 2))
 
 
 def faults_of_rest(agent):
@@ -190,5 +189,5 @@ def faults_of_rest(agent):
                       url.removeprefix(f"/FileStore/{folder}/")}
         files = {str(path.relative_to(store)) for path in store.rglob("*") if path.is_file()}
         wrong += [f"orphan: {folder}/{path}" for path in sorted(files - known)]
-    temporary = [path for pattern in (".kel-*", "PACKEDFILES_*", ".extract-*") for path in agent.data.rglob(pattern)]
+    temporary = [path for pattern in (".kel-*", "Temp/PACKEDFILES_*", ".extract-*") for path in agent.data.rglob(pattern)]
     return wrong + [f"temporary: {path.relative_to(agent.data)}" for path in temporary]

@@ -229,18 +229,20 @@ class UpTest(FaultTest):
         return tree.folder
 
     def test_an_archive_survives_an_index_that_cannot_be_read(self):
-        master, child = self.lone_master()
         content = b"packed content"
-        body = archive_of(child, {"packed.bin": content})
-        master.shim.fail(("read", "EIO", "always", "FileStore/Temp/*"))
-        key = ("FileStorePackedFiles", "l", "a.zip", md5_of(body))
-        accepted = child.upload_once(key, body)
-        master.shim.wait_failed()
-        time.sleep(2)
-        master.shim.clear()
-        if not accepted:
-            child.upload(key, body)
-        self.check_collected(master, {(child.guid, "l", "packed.bin"): hashlib.sha256(content).hexdigest()}, 40)
+        for index in ("PackedFilesInfo.xml", "a.zip.xml"):  # as unpacked, and under its name of its own
+            with self.subTest(index):
+                master, child = self.lone_master()
+                body = archive_of(child, {"packed.bin": content})
+                key = ("FileStorePackedFiles", "l", "a.zip", md5_of(body))
+                master.shim.fail(("read", "EIO", "always", f"FileStore/Temp/{index}"))
+                accepted = child.upload_once(key, body)
+                master.shim.wait_failed()
+                time.sleep(2)
+                master.shim.clear()
+                if not accepted:
+                    child.upload(key, body)
+                self.check_collected(master, {(child.guid, "l", "packed.bin"): hashlib.sha256(content).hexdigest()}, 20)
 
     def test_a_refused_record_of_an_archive_stops_no_other(self):
         master, child = self.lone_master()
@@ -266,17 +268,20 @@ class UpTest(FaultTest):
         tree.master.shim.clear()
         self.check_collected(tree.master, stuck)
 
-    def test_a_manual_upload_takes_all_over_a_closed_window(self):
+    def test_a_manual_upload_asked_for_over_a_closed_window_takes_all_once_it_opens(self):
         tree = self.tree([1])
         relay = tree.relays[0]
         pack_on(relay, "manual")
         relay.set_ini("FileStore", "UploadPolicy", "MaxFilesToConcat", 5)
+        relay.set_ini("FileStore", "UploadPolicy", "ExcludedFileType", IDENTITY)
         tree.start()
         relay.kel("windows", "set", "up", "--slots", "0")
         paths = write_files(tree.folder / "out", {f"{i:02}": 1000 + i for i in range(12)})
         expected = send(tree.clients[0], *paths.values())
         wait_until(lambda: all("TOBEUPLOADED" in str(row_status(relay, name)) for name in paths), 30, "all wait on the relay")
         relay.kel("upload")
+        time.sleep(3)
+        relay.kel("windows", "set", "up", "--remove")
         self.check_collected(tree.master, expected, 30)
 
     def test_packed_bypass_files_do_not_wait_for_the_window(self):
@@ -396,20 +401,18 @@ class DownTest(FaultTest):
 
 
 class DatabaseTest(FaultTest):
-    def lose(self, agent, kill, database):
-        """Stops or kills an agent, damages or removes a database, and starts it again."""
-        if kill:
-            agent.kill()
-            for path in database.parent.glob(database.name + "*"):
-                path.unlink()
+    def lose(self, agent, how, database):
+        """Stops an agent, removes its database or damages the header or the middle of it, and starts it again."""
+        self.assertEqual(agent.stop(), 0)
+        if how == "removed":
+            database.unlink()
         else:
-            self.assertEqual(agent.stop(), 0)
-            damage(database)
+            damage(database, 0 if how == "header" else database.stat().st_size // 4)
         self.restart(agent)
 
     def test_a_lost_database_loses_no_file_on_its_way_down(self):
-        for kill in (False, True):
-            with self.subTest(kill=kill):
+        for how in ("middle", "removed"):
+            with self.subTest(how):
                 tree = self.started([1])
                 relay, client = tree.relays[0], tree.clients[0]
                 client.kill()
@@ -417,26 +420,26 @@ class DatabaseTest(FaultTest):
                 DownTest.publish(self, tree, paths)
                 self.check_delivered(tree, [relay], paths, 30)
                 self.check_at_rest([relay])
-                self.lose(relay, kill, relay.data / "FileStore" / "FileStore.sqlite")
+                self.lose(relay, how, relay.data / "FileStore" / "FileStore.sqlite")
                 self.restart(client)
                 self.check_delivered(tree, [client], paths)
 
     def test_a_lost_database_loses_no_file_on_its_way_up(self):
-        for kill in (False, True):
-            with self.subTest(kill=kill):
+        for how in ("header", "removed"):
+            with self.subTest(how):
                 tree = self.started([1])
                 relay, client = tree.relays[0], tree.clients[0]
                 tree.master.kill()
                 expected = send(client, *write_files(tree.folder / "out", {f"{i}": 1000 + i for i in range(10)}).values())
                 wait_until(lambda: len([1 for file in client.kel("files", "--upstream") if file["FileType"] == KIND
                                         and file["FileStatus"] in AT_REST]) == 10, 30, "the relay has them")
-                self.lose(relay, kill, relay.data / "FileStore" / "Upstream.sqlite")
+                self.lose(relay, how, relay.data / "FileStore" / "Upstream.sqlite")
                 self.restart(tree.master)
                 self.check_collected(tree.master, expected)
 
     def test_a_lost_console_knows_its_devices_again(self):
         tree = self.started([1])
-        self.lose(tree.master, True, next((tree.master.data / "Console").glob("*.sqlite")))
+        self.lose(tree.master, "header", next((tree.master.data / "Console").glob("*.sqlite")))
         tree.wait_known(RETRIED)
 
 
