@@ -146,7 +146,9 @@ class Soak:
     def run(self, seconds):
         warm_up = seconds / 3
         self.work(warm_up)
-        time.sleep(5)
+        self.missing()  # costs memory as at the end
+        for agent in self.tree.agents:
+            waiting(agent)
         self.first = self.measure()
         self.every(KILL_SECONDS, self.kill)
         self.every(FAULT_SECONDS, self.errors)

@@ -162,11 +162,11 @@ def wait_at_rest(agents, seconds):
         time.sleep(1)
 
 
-def damage(path, offset):
-    """Overwrites half a file from an offset on."""
+def damage(path, offset, size):
+    """Overwrites a part of a file."""
     with open(path, "r+b") as file:
         file.seek(offset)
-        file.write(b"\xa5" * (path.stat().st_size // 2))
+        file.write(b"\xa5" * size)
 
 
 def faults_of_rest(agent):
