@@ -227,6 +227,8 @@ class Soak:
                                     if " PRINT " in line and f"/{LABEL}/" in line
                                     and ("Delivery Delivered" in line or "Delivery Collected" in line))
         wrong[agent] += [f"{count} times: {line}" for line, count in lines.items() if count > 1]
+        if not lines:
+            wrong[agent].append("the log names no file that arrived")
 
     def finish(self):
         wrong = self.settle()

@@ -133,7 +133,8 @@ class FaultTest(SystemTest):
             wait(*arguments)
         except TimeoutError as error:
             lost = f"{error}{tell()}"
-        self.assertEqual(lost, "")
+        if lost:
+            self.fail(lost)
 
     def check_at_rest(self, agents, seconds=RETRIED):
         left = wait_at_rest(agents, seconds)
