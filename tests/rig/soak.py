@@ -211,7 +211,7 @@ class Soak:
                 wrong[agent] += [f"{kind}: {' '.join(map(str, item))}" for item in items]
         for item in self.tree.master.kel("publications"):
             if item["Delivered"] != item["Targets"]:
-                wrong[self.tree.master].append(f"publication {item['FileName']}: {item['Delivered']} of {item['Targets']}")
+                wrong[self.tree.master].append(f"publication: {item['FileName']}, {item['Delivered']} of {item['Targets']} reported")
         return wrong
 
     def check_growth(self, last, wrong):
