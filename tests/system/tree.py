@@ -124,6 +124,7 @@ class Agent:
         self.port = free_port(address)
         self.root = tree.folder / name
         self.process = None
+        self.shim = None  # makes file calls fail, see faults.py
         self.run_kel_init()
 
     def run_kel_init(self):
@@ -157,6 +158,8 @@ class Agent:
         environment = dict(os.environ)
         if self.tree.clock:
             environment.update(self.tree.clock.environment())
+        if self.shim:
+            self.shim.add_to(environment)
         with open(self.tree.folder / f"{self.name}.stderr", "ab") as stderr:
             self.process = subprocess.Popen([self.tree.kelagent, "--root", self.root], stdin=subprocess.DEVNULL,
                                             stdout=stderr, stderr=stderr, env=environment,

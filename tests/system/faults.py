@@ -1,0 +1,193 @@
+"""Trees with faults: agents whose file calls fail, links that cut and damage, clocks that step, and what has to be true
+of a tree after all that.
+
+A shim (tests/rig/fault_shim.cpp) is preloaded into an agent and steered by `Shim.fail`. A proxy
+(tests/rig/fault_proxy.py) stands between an agent and its parent: it listens on another port of the parent's own
+address, because an agent takes announcements only from the address that its ParentName has, and it connects to the
+parent from the agent's address, because the parent knows its children by theirs. All calls that the agent makes to its
+parent pass it: offers, uploads, requests, downloads, acknowledgements. What the parent calls the agent for
+(announcements) goes straight to the agent.
+"""
+
+import json
+import os
+import pathlib
+import shutil
+import sqlite3
+import sys
+import tempfile
+import time
+import urllib.parse
+
+from case import BUILD
+from digest_client import DigestClient
+from tree import ActionFailed, Tree, VirtualClock, free_port, wait_until
+
+sys.path.append(str(pathlib.Path(__file__).resolve().parent.parent / "rig"))
+from fault_proxy import FaultProxy  # noqa: E402
+
+SHIM = pathlib.Path(os.environ.get("KEL_FAULT_SHIM", pathlib.Path(BUILD) / "lib" / "fault_shim.so")).resolve()
+AVAILABLE, PACKED, OBSOLETE = (f"_AGTMOD_FILESTORESTATUS_{name}_" for name in ("AVAILABLE", "PACKEDFILE", "OBSOLETE"))
+AT_REST = {AVAILABLE, PACKED, OBSOLETE}
+IDENTITY = "IdentityIdentity"
+
+
+class SteppedClock(VirtualClock):
+    """A virtual clock that can be set; agents that are started afterwards have the new time."""
+
+    def step(self, seconds):
+        self.base += seconds
+
+
+class Shim:
+    """The faults of one agent's file calls."""
+
+    def __init__(self, agent, seed):
+        self.agent, self.seed = agent, seed
+        self.control = agent.tree.folder / f"{agent.name}.faults"
+
+    def add_to(self, environment):
+        preload = [str(SHIM), *environment.get("LD_PRELOAD", "").split()]
+        environment.update(LD_PRELOAD=" ".join(preload), FAULT_SHIM_CONTROL=str(self.control),
+                           FAULT_SHIM_SEED=str(self.seed))
+
+    def fail(self, *rules):
+        """Replaces all rules by these: (operations, error, when, pattern of the path below the agent's data folder)."""
+        made = self.control.with_suffix(".new")
+        made.write_text("".join(f"{operations} {error} {when} {self.agent.data}/{pattern}\n"
+                                for operations, error, when, pattern in rules))
+        made.rename(self.control)
+
+    def clear(self):
+        self.fail()
+
+    def faults(self):
+        """The calls that failed so far, "operation path" each."""
+        log = pathlib.Path(f"{self.control}.log")
+        return log.read_text().splitlines() if log.exists() else []
+
+    def wait_failed(self, count=1, seconds=30):
+        wait_until(lambda: len(self.faults()) >= count, seconds, f"{count} failed calls of {self.agent.name}")
+
+
+class FaultTree(Tree):
+    """A tree in which the agents named in `shims` have a shim and those in `proxies` reach their parents by a proxy."""
+
+    def __init__(self, shape, clock=None, shims=(), proxies=(), seed=1):
+        self.shims, self.proxied, self.proxies, self.seed = shims, proxies, [], seed
+        super().__init__(BUILD, shape, clock)
+
+    def add(self, name, role, parent):
+        agent = super().add(name, role, parent)
+        agent.shim = Shim(agent, self.seed) if name in self.shims else None
+        agent.proxy = None
+        if name in self.proxied:
+            agent.proxy = FaultProxy((parent.address, free_port(parent.address)), (parent.address, parent.port),
+                                     agent.address, self.seed)
+            agent.set_ini("Relay", "Relay", "ParentPort", agent.proxy.port)
+            self.proxies.append(agent.proxy)
+        return agent
+
+    def add_client(self, name="client", parent=None):
+        client = self.add(name, "client", parent or self.master)
+        self.clients.append(client)
+        return client
+
+    def close(self):
+        super().close()
+        for proxy in self.proxies:
+            proxy.close()
+
+
+class Child:
+    """A device below `parent` that this process plays: it offers and uploads as an agent does."""
+
+    def __init__(self, parent, number=200):
+        address = f"{parent.address.rsplit('.', 1)[0]}.{number}"
+        self.client = DigestClient(parent, source=address)
+        self.guid = f"{parent.identity()['GUID'][:4]}0000-0000-0000-0000-000000000{number}"
+        self.url = f"{address}:1610/{self.guid}"
+
+    def offer(self, key, size):
+        """Offers the file of a (type, label, name, checksum); the URL for its content, None when it is refused."""
+        values = dict(zip(("FileType", "FileLabel", "FileName", "FileChecksum"), key), FileSize=size, Upstream=True,
+                      SourceDevice=self.url)
+        status, result, body = self.client.action("FileStoreReceiveFile", json.dumps(values))
+        return urllib.parse.quote(json.loads(body)["FileURL"]) if (status, result) == (200, 0) else None
+
+    def upload_once(self, key, content):
+        url = self.offer(key, len(content))
+        return url is not None and self.client.request("PUT", url, content)[0] in (200, 201, 204)
+
+    def upload(self, key, content, seconds=60):
+        """Goes on until the parent has taken the file."""
+        wait_until(lambda: self.upload_once(key, content), seconds, f"{key[2]} is taken")
+
+
+def rows(agent, statement, upstream=False):
+    """A selection in a copy of a database of an agent's file store: the agent may run."""
+    name = "Upstream.sqlite" if upstream else "FileStore.sqlite"
+    for _ in range(10):
+        with tempfile.TemporaryDirectory() as folder:
+            for path in (agent.data / "FileStore").glob(name + "*"):
+                if not path.name.endswith("-shm"):
+                    shutil.copy(path, folder)
+            database = sqlite3.connect(f"{folder}/{name}")
+            try:
+                return database.execute(statement).fetchall()
+            except sqlite3.DatabaseError:  # copied in the middle of a checkpoint
+                time.sleep(0.5)
+            finally:
+                database.close()
+    raise RuntimeError(f"{agent.name}: no usable copy of {name}")
+
+
+def waiting(agent):
+    """What a running agent has yet to do: (direction, type, name, status) of its rows that are not at rest."""
+    try:
+        return [(direction, file["FileType"], file["FileName"], file["FileStatus"].split("STATUS_")[-1])
+                for direction, option in (("down", ()), ("up", ("--upstream",)))
+                for file in agent.kel("files", *option) if file["FileStatus"] not in AT_REST]
+    except ActionFailed as failed:
+        return [("agent", "", agent.name, failed.text.strip())]
+
+
+def wait_at_rest(agents, seconds):
+    """Waits until no row of the agents waits, or the time is over; what waits then, by agent."""
+    deadline = time.monotonic() + seconds
+    while True:
+        left = {agent.name: found for agent in agents if (found := waiting(agent))}
+        if not left or time.monotonic() > deadline:
+            return left
+        time.sleep(1)
+
+
+def damage(path, offset, size):
+    """Overwrites a part of a file."""
+    with open(path, "r+b") as file:
+        file.seek(offset)
+        file.write(b"\xa5" * size)
+
+
+def faults_of_rest(agent):
+    """What is wrong with the data of a stopped agent: damaged databases, targets left, orphans, temporary files."""
+    wrong = []
+    for path in agent.data.rglob("*.sqlite"):
+        database = sqlite3.connect(path)
+        verdict = database.execute("PRAGMA integrity_check").fetchall()
+        database.close()
+        if verdict != [("ok",)]:
+            wrong.append(f"{path.name}: {verdict[:3]}")
+    wrong += [f"target left: {row}" for row in rows(agent, "SELECT F.FileType, F.FileName, T.DeviceGUID FROM Targets T "
+                                                           "LEFT JOIN Files F USING (FileId)")]
+    for folder, upstream in (("downstream", False), ("upstream", True)):
+        store = agent.data / "FileStore" / folder
+        known = set()
+        for kind, label, checksum, name, path, url in rows(
+                agent, "SELECT FileType, FileLabel, FileChecksum, FileName, FilePath, FileURL FROM Files", upstream):
+            known |= {f"{kind}/{label}/{checksum}/{name}", path.removeprefix(f"{store}/"),
+                      url.removeprefix(f"/FileStore/{folder}/")}
+        files = {str(path.relative_to(store)) for path in store.rglob("*") if path.is_file()}
+        wrong += [f"orphan: {folder}/{path}" for path in sorted(files - known)]
+    temporary = [path for pattern in (".kel-*", "Temp/PACKEDFILES_*", ".extract-*") for path in agent.data.rglob(pattern)]
+    return wrong + [f"temporary: {path.relative_to(agent.data)}" for path in temporary]
