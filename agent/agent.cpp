@@ -95,8 +95,8 @@ bool Agent::InitialiseModules(const StopSignals& stop) {
     return true;
 }
 
-/// A module that is not active leaves its part of the work undone; without the server nobody could reach the
-/// agent.
+/// The agent runs without a module that cannot be activated, unless that is the server: no device could call
+/// it.
 bool Agent::ActivateModules(const StopSignals& stop) {
     for (LoadedModule* module : ServersLast()) {
         if (stop.IsRequested()) return true;

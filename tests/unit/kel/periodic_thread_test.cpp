@@ -42,7 +42,7 @@ class PeriodicThreadTest : public testing::Test {
     KelDebug log_{"Test", "Test"};
     KelPeriodicThread* thread_ = nullptr;
     int steps_ = 0;
-    KelString trace_;  ///< s: a step, 1 and 0: a pause, with what it is told of work left
+    KelString trace_;  ///< s: a step, 1 and 0: a pause, with whether work is left
 };
 
 TEST_F(PeriodicThreadTest, AlternatesStepsAndPausesFromItsBeginningOnUntilThePauseEndsIt) {

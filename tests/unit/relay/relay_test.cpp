@@ -15,7 +15,7 @@ class RelayTest : public ModuleFixture {
         Configure("");
         FakeResults("IdentityGetGUID ()", Values({"GUID=" + kOurGuid}));
         FakeAction("IdentityValidateGUIDScheme ()", [this](KelContainer*) {
-            // The handler reads the parent's GUID; until it is done nobody may rely on our scheme.
+            // The handler reads the parent's GUID; until it is done no device may rely on our scheme.
             const KelContainer values = RelayValues();
             if (!values.GetString("ParentGuid").empty() && !values.GetBool("ParentSync")) ++validations_;
             if (!values.GetBool("SchemeSettled")) ++unsettled_;
