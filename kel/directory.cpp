@@ -125,6 +125,11 @@ KelVector<KelString> DirList(const KelString& path) {
     return names;
 }
 
+bool DirSyncFileSystem(const KelString& path) {
+    const UniqueFd folder(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    return folder && ::syncfs(folder.Get()) == 0;
+}
+
 unsigned int DiskFree(const KelString& path, std::uint64_t& bytes) {
     struct statvfs status {};
     if (::statvfs(path.c_str(), &status) != 0)

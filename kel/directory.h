@@ -18,6 +18,10 @@ bool DirCopy(const KelString& source, const KelString& destination);
 /// not followed.
 bool DirDelete(const KelString& path, bool recursive);
 
+/// Flushes the whole file system of a folder: after changes to many files and folders, instead of one flush
+/// for each. False when that failed.
+bool DirSyncFileSystem(const KelString& path);
+
 /// Removes the temporary files of kel/file.h that a killed process left in `folder`, not below it; a missing
 /// folder counts as empty. True when none is left. Call it only while no other thread makes files there.
 bool DirDeleteTempFiles(const KelString& folder);

@@ -7,29 +7,36 @@ namespace filestore {
 
 namespace {
 
-constexpr char kOldest[] = "SELECT FileUrl, CallbackId FROM CallbackThread ORDER BY CallbackId ASC LIMIT 1";
+constexpr char kNext[] =
+    "SELECT CallbackId, FileUrl FROM CallbackThread WHERE CallbackId > %lu ORDER BY CallbackId ASC LIMIT 1";
 constexpr char kCount[] = "SELECT COUNT (*) FROM CallbackThread";
 constexpr char kInsert[] = "INSERT INTO CallbackThread (CallbackId, FileUrl) VALUES (%lu, '%Q')";
-constexpr char kDelete[] = "DELETE FROM CallbackThread WHERE CallbackId = %u";
+constexpr char kDelete[] = "DELETE FROM CallbackThread WHERE CallbackId = %lu";
 
 }  // namespace
 
-void EnqueueArrivedFile(const KelString& url) {
+bool EnqueueArrivedFile(const KelString& url) {
     const FileStoreDatabase database = FileStoreGetCallbackDatabase();
     const KelLock lock(database.mutex);
-    if (database.connection.ReadInteger("CallbackThread", "CallbackId", "FileUrl", url, -1) >= 0) return;
+    if (database.connection.ReadInteger("CallbackThread", "CallbackId", "FileUrl", url, -1) >= 0) return true;
     const std::uint64_t id = database.sequence.GetId("CallbackThread", "CallbackId");
-    database.connection.Query(KelFormat(kInsert, id, url));
+    return id != 0 && database.connection.Query(KelFormat(kInsert, id, url)) != nullptr;
 }
 
-KelString TakeArrivedFile() {
+std::optional<ArrivedFile> NextArrivedFile(std::uint64_t after) {
+    const auto result = FileStoreGetCallbackDatabase().connection.Query(KelFormat(kNext, after));
+    if (!result || result->GetRowCount() != 1) return std::nullopt;
+    RowReader row(*result, 0);
+    ArrivedFile file;
+    file.id = row.Unsigned();
+    file.url = row.Text();
+    return file;
+}
+
+bool RemoveArrivedFile(std::uint64_t id) {
     const FileStoreDatabase database = FileStoreGetCallbackDatabase();
-    const auto row = database.connection.Query(kOldest);
-    if (!row || row->GetRowCount() != 1) return {};
     const KelLock lock(database.mutex);
-    const bool removed =
-        database.connection.Query(KelFormat(kDelete, row->GetUint32(0, "CallbackId"))) != nullptr;
-    return removed ? row->GetString(0, "FileUrl") : KelString();
+    return database.connection.Query(KelFormat(kDelete, id)) != nullptr;
 }
 
 unsigned int CountArrivedFiles() {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <optional>
 
 #include "kel/types.h"
@@ -9,11 +10,19 @@
 /// change: what a power cut removes is queued again from the upstream store at the next start.
 namespace filestore {
 
-/// Adds a URL unless it is there already. From any thread.
-void EnqueueArrivedFile(const KelString& url);
+/// Adds a URL unless it is there already; false when the database does not take it. From any thread.
+bool EnqueueArrivedFile(const KelString& url);
 
-/// Takes out the oldest URL; empty when there is none, or when it cannot be removed: it would be given again.
-KelString TakeArrivedFile();
+struct ArrivedFile {
+    std::uint64_t id = 0;  ///< grows in the order of arrival
+    KelString url;
+};
+
+/// The oldest entry with an id above `after`; nothing when there is none. It stays until it is removed.
+std::optional<ArrivedFile> NextArrivedFile(std::uint64_t after);
+
+/// False when the statement failed.
+bool RemoveArrivedFile(std::uint64_t id);
 
 unsigned int CountArrivedFiles();
 

@@ -48,7 +48,9 @@ constexpr char kNotSent[] =
     "'' AND "
     "FileType <> '%s' LIMIT 1";
 constexpr char kWithStatus[] = "SELECT %s FROM Files WHERE FileStatus = '%s'";
-constexpr char kOfUrl[] = "SELECT %s FROM Files WHERE FileURL = '%Q'";
+constexpr char kOfKey[] =
+    "SELECT %s FROM Files WHERE FileType = '%Q' AND FileLabel = '%Q' AND FileName = '%Q' AND FileChecksum = "
+    "'%Q'";
 
 constexpr char kListed[] =
     "SELECT FileId, FileType, FileLabel, FileName, FileChecksum, FileStatus, FileSize, FilePath FROM Files "
@@ -219,8 +221,9 @@ FileRows SelectFilesBeingReceived() {
     return SelectUpstream(KelFormat(kWithStatus, FileStoreEntry::kColumns, kStatusReceiving));
 }
 
-std::optional<FileRows> SelectFilesOfUrl(const KelString& url) {
-    const auto result = Query(Side::Upstream, KelFormat(kOfUrl, FileStoreEntry::kColumns, url));
+std::optional<FileRows> SelectUpstreamFiles(const FileKey& key) {
+    const auto result = Query(Side::Upstream, KelFormat(kOfKey, FileStoreEntry::kColumns, key.type, key.label,
+                                                        key.name, key.checksum));
     if (!result) return std::nullopt;
     return ReadFiles(result);
 }

@@ -65,8 +65,8 @@ std::optional<std::uint32_t> CountFilesToUpload();
 bool HasFilesToUpload();
 /// Files whose content is expected by PUT or has just arrived.
 FileRows SelectFilesBeingReceived();
-/// The files with this FileURL. Nothing when the statement failed.
-std::optional<FileRows> SelectFilesOfUrl(const KelString& url);
+/// The files with this key, one for every device that sent it. Nothing when the statement failed.
+std::optional<FileRows> SelectUpstreamFiles(const FileKey& key);
 
 // ---- listing
 

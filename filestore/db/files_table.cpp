@@ -80,9 +80,12 @@ constexpr char kRecordRequestAnswer[] =
     "'%Q' WHERE FileId = %lu AND FileStatus = '%s'";
 
 constexpr char kSetReceivingAgain[] =
-    "UPDATE Files SET FileStatus = '%s', TransportMode = '%s' WHERE FileId = %lu";
-constexpr char kHandleAvailableAgain[] =
-    "UPDATE Files SET FileStatus = '%s' WHERE FileId = %lu AND FileStatus = '%s'";
+    "UPDATE Files SET FileStatus = '%s', TransportMode = '%s', FileSize = %ld, FileURL = '%Q' WHERE FileId = "
+    "%lu";
+constexpr char kHandleAgain[] =
+    "UPDATE Files SET FileStatus = '%s', LastStatusChangeTime = 0 WHERE FileId = %lu AND FileStatus IN "
+    "('%s', "
+    "'%s', '%s')";
 constexpr char kSetSourceDevice[] = "UPDATE Files SET SourceDevice = '%Q' WHERE FileId = %lu";
 constexpr char kSetMissingSourceDevices[] = "UPDATE Files SET SourceDevice = '%Q' WHERE SourceDevice = ''";
 constexpr char kRecordSent[] =
@@ -249,12 +252,14 @@ bool RecordRequestAnswer(std::uint64_t fileId, const RequestAnswer& answer) {
                                       kStatusToBeRequested));
 }
 
-bool SetReceivingAgain(std::uint64_t fileId) {
-    return ChangeUpstream(KelFormat(kSetReceivingAgain, kStatusReceiving, kTransportUnicast, fileId));
+bool SetReceivingAgain(std::uint64_t fileId, std::int64_t size, const KelString& url) {
+    return ChangeUpstream(
+        KelFormat(kSetReceivingAgain, kStatusReceiving, kTransportUnicast, size, url, fileId));
 }
 
-bool HandleAvailableAgain(std::uint64_t fileId) {
-    return ChangeUpstream(KelFormat(kHandleAvailableAgain, kStatusToBeHandled, fileId, kStatusAvailable));
+bool HandleAgain(std::uint64_t fileId) {
+    return ChangeUpstream(KelFormat(kHandleAgain, kStatusToBeHandled, fileId, kStatusAvailable,
+                                    kStatusPackedFile, kStatusReceiving));
 }
 
 bool SetSourceDevice(Side side, std::uint64_t fileId, const KelString& deviceUrl) {

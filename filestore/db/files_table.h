@@ -114,10 +114,10 @@ bool RecordRequestAnswer(std::uint64_t fileId, const RequestAnswer& answer);
 
 // ---- upstream
 
-/// A file whose content is expected by PUT once more.
-bool SetReceivingAgain(std::uint64_t fileId);
-/// A known file that is available is handed to the consumers again.
-bool HandleAvailableAgain(std::uint64_t fileId);
+/// A file whose content, of `size` bytes, is expected by PUT under `url` once more.
+bool SetReceivingAgain(std::uint64_t fileId, std::int64_t size, const KelString& url);
+/// A known file whose content is here, and that no worker has to move on, is handed to the consumers again.
+bool HandleAgain(std::uint64_t fileId);
 bool SetSourceDevice(Side side, std::uint64_t fileId, const KelString& deviceUrl);
 /// Files recorded while this device did not know its GUID.
 bool SetMissingSourceDevices(const KelString& deviceUrl);

@@ -1,8 +1,10 @@
+#include "filestore/db/callback_table.h"
 #include "filestore/db/files_table.h"
 #include "filestore/down/multicast_reception.h"
 #include "filestore/state/device.h"
 #include "filestore/state/file_store.h"
 #include "filestore/up/callback_thread.h"
+#include "filestore/up/upload_check.h"
 #include "kel/container.h"
 #include "kel/text.h"
 #include "kelcore/call_origin.h"
@@ -19,6 +21,12 @@ constexpr unsigned long kPutArrived = 5;  ///< shows in the log what woke the ca
 
 }  // namespace
 
+/// The HTTP server asks whether an upload may be put in place and acknowledged.
+unsigned int FileStore::ActionHandler_FileStoreHttpPutCheck(KelContainer* arguments) {
+    if (!ActionIsFromThisDevice(*arguments)) return kKelErrorBadInput;
+    return CheckUpload(arguments->GetString("URL"), arguments->GetString("ContentPath"));
+}
+
 /// The HTTP server reports a file that has arrived whole: by PUT from a child, or by multicast.
 unsigned int FileStore::ActionHandler_FileStoreHttpPutCallback(KelContainer* arguments) {
     const KelString url = arguments->GetString("URL");
@@ -33,7 +41,7 @@ unsigned int FileStore::ActionHandler_FileStoreHttpPutCallback(KelContainer* arg
         ReceiveMulticastFile(url, arguments->GetString("LocalPath"));
         return kKelOk;
     }
-    FileStoreCallbackThread::Enqueue(url);
+    if (!EnqueueArrivedFile(url)) return kKelErrorNotAvailable;  // the sender repeats the upload
     WakeWorker(Worker::Callback, kPutArrived);
     return kKelOk;
 }

@@ -34,6 +34,8 @@ constexpr std::array kActions = {
     Action{"FileStoreReceiveUnconnectedFile (string FileType, string FileLabel, string FileName, string "
            "Checksum)",
            &FileStore::ActionHandler_FileStoreReceiveUnconnectedFile},
+    Action{"FileStoreHttpPutCheck (string URL, string ContentPath)",
+           &FileStore::ActionHandler_FileStoreHttpPutCheck},
     Action{"FileStoreHttpPutCallback (container Values)", &FileStore::ActionHandler_FileStoreHttpPutCallback},
     Action{"FileStoreGUIDCallback (string GUID)", &FileStore::ActionHandler_FileStoreGUIDCallback},
     Action{"FileStoreIPCallback ()", &FileStore::ActionHandler_FileStoreIPCallback},
@@ -61,6 +63,7 @@ struct Subscription {
 };
 
 constexpr std::array kSubscriptions = {
+    Subscription{"HttpProtocolCallbackPutCheck", "FileStoreHttpPutCheck (string URL, string ContentPath)"},
     Subscription{"HttpProtocolCallbackPut", "FileStoreHttpPutCallback (container Values)"},
     Subscription{"IdentityCallbackGUIDChange", "FileStoreGUIDCallback (string GUID)"},
     Subscription{"IdentityCallbackIPChange", "FileStoreIPCallback ()"},

@@ -113,7 +113,9 @@ bool IsManagedRelayPackage(const FileStoreEntry& entry) {
 bool RepublishManagedRelayPackage(const FileStoreEntry& entry, Side side) {
     FileStore::debugFileStore.Trace("HandleThread: Handling %S/%S/%S for Administrated Relay\n",
                                     entry.FileType, entry.FileLabel, entry.FileName);
-    const KelString source = FileStore::StorePath(Side::Upstream, entry.Key());
+    const KelString source =
+        FileStore::strStorageLocationToUse +
+        (side == Side::Upstream ? StoredPathOf(entry, side) : StoredPath(Side::Upstream, entry.Key()));
     const KelString path = FileStore::StorePath(Side::Downstream, PackageKey(entry));
     // After a restart the package may have been moved already.
     if (!PathCreate(FileStore::StoreFolder(Side::Downstream, PackageKey(entry))) ||

@@ -32,17 +32,18 @@ KelString RejectingAction(const KelString& packageType) {
 
 }  // namespace
 
-bool IsPackageForUs(const FileStoreEntry& entry) {
+PackageOwner OwnerOfPackage(const FileStoreEntry& entry) {
     FileStore::debugFileStore.Trace("CallbackThread: Checking if the File is held in by a Relay: %S\n",
                                     entry.FileName);
     const KelString relayGuid = FileInfoOf(entry).GetString("AdministratedRelayGUID");
-    if (relayGuid == OurGuid()) return true;
+    if (relayGuid.empty()) return PackageOwner::None;
+    if (relayGuid == OurGuid()) return PackageOwner::ThisDevice;
     FileStore::debugFileStore.Warning(
         "CallbackThread: Received file for device with a GUID which is not ours: %S\n", relayGuid);
-    return false;
+    return PackageOwner::Other;
 }
 
-void RejectPackage(const FileStoreEntry& entry) {
+bool RejectPackage(const FileStoreEntry& entry) {
     const KelContainer info = FileInfoOf(entry);
     const KelString action = RejectingAction(info.GetString("PackageType"));
     const KelString path = ContentPath(entry, Side::Upstream);
@@ -51,7 +52,7 @@ void RejectPackage(const FileStoreEntry& entry) {
             "CallbackThread: Package %S has the unknown type '%S': its relay cannot be informed, so it "
             "stays\n",
             path, info.GetString("PackageType"));
-        return;
+        return true;
     }
     const KelString address = info.GetString("AdministratedRelayAddrPort");
     KelContainer call;
@@ -62,12 +63,13 @@ void RejectPackage(const FileStoreEntry& entry) {
     const unsigned int error = CallDevice(url, action, call);
     if (error != kKelOk) {
         FileStore::debugFileStore.Error("CallbackThread: Failed to call %S, error %u\n", action, error);
-        return;
+        return false;
     }
     FileStore::debugFileStore.Warning(
         "CallbackThread: Received administrated package which is not for us, deleting %S\n", path);
+    if (!DeleteFileRow(Side::Upstream, entry.FileId)) return false;
     DeleteFileAndFolder(path);
-    DeleteFileRow(Side::Upstream, entry.FileId);
+    return true;
 }
 
 }  // namespace filestore

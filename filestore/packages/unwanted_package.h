@@ -4,12 +4,14 @@
 
 namespace filestore {
 
-/// True when the package of an administrated relay names this device as the one that administrates it.
-bool IsPackageForUs(const FileStoreEntry& entry);
+/// The device that administrates the relay from which a package comes, as the package names it.
+enum class PackageOwner : unsigned char { None, ThisDevice, Other };
+PackageOwner OwnerOfPackage(const FileStoreEntry& entry);
 
-/// Informs the relay that sent the package that it went to the wrong device, then removes the package. While
-/// the relay cannot be informed, the row stays as it is. On the callback thread, without locks; calls another
-/// device.
-void RejectPackage(const FileStoreEntry& entry);
+/// Informs the relay that sent the package that it went to the wrong device, then removes the package. On the
+/// callback thread, without locks; calls another device. False while the relay cannot be informed or the
+/// database refuses: the row stays as it is and the next try may succeed. A package of unknown type stays for
+/// good.
+bool RejectPackage(const FileStoreEntry& entry);
 
 }  // namespace filestore

@@ -4,6 +4,7 @@
 #include "kel/directory.h"
 #include "kel/file.h"
 #include "kel/path.h"
+#include "kel/text.h"
 
 KelString FileStore::StoreFolder(Side side, const FileKey& key) {
     return strStorageLocationToUse + filestore::StoredFolder(side, key);
@@ -16,7 +17,24 @@ KelString FileStore::StorePath(Side side, const FileKey& key) {
 namespace filestore {
 
 KelString ContentPath(const FileStoreEntry& entry, Side side) {
-    return entry.ExternalFile ? entry.FilePath : FileStore::StorePath(side, entry.Key());
+    return entry.ExternalFile ? entry.FilePath
+                              : FileStore::strStorageLocationToUse + StoredPathOf(entry, side);
+}
+
+KelString StoredPathOf(const FileStoreEntry& entry, Side side) {
+    return StoredPath(side, entry.Key(), side == Side::Upstream ? StoredSourceOf(entry) : KelString());
+}
+
+KelString StoredSourceOf(const FileStoreEntry& entry) {
+    if (entry.ExternalFile) return {};
+    constexpr std::size_t kParts = 6;
+    const KelVector<KelString> parts = SplitText(entry.FilePath, '/');
+    if (parts.size() < kParts) return {};
+    KelString path;
+    for (std::size_t i = parts.size() - kParts; i < parts.size(); ++i)
+        path += (path.empty() ? "" : "/") + parts[i];
+    const auto place = ParseStoredPath(path);
+    return place && place->key == entry.Key() ? place->source : KelString();
 }
 
 KelString StoreWorkFolder() {

@@ -9,6 +9,13 @@ namespace filestore {
 /// Where the content of a row lies: in the store, or outside when the file is external.
 KelString ContentPath(const FileStoreEntry& entry, Side side);
 
+/// Where a row's file lies below the storage folder, as StoredPath makes it.
+KelString StoredPathOf(const FileStoreEntry& entry, Side side);
+
+/// The folder in that path that names the file's source, see SourceFolder; mostly empty. The row keeps it as
+/// the last folder of its FilePath, whose beginning may name a folder where the store was before.
+KelString StoredSourceOf(const FileStoreEntry& entry);
+
 /// Where content is made before it is put in its place in the store, on the same file system:
 /// "<storage>Temp". What a kill leaves there is removed at the next start.
 KelString StoreWorkFolder();

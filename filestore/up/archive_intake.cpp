@@ -1,35 +1,70 @@
 #include "filestore/up/archive_intake.h"
 
 #include <algorithm>
+#include <filesystem>
 
+#include "filestore/db/file_status.h"
 #include "filestore/db/files_table.h"
 #include "filestore/state/file_store.h"
 #include "filestore/state/store_layout.h"
 #include "filestore/up/upload_archive.h"
+#include "filestore/up/upload_repair.h"
+#include "filestore/up/upstream_file.h"
+#include "kel/checksum.h"
+#include "kel/directory.h"
 #include "kel/file.h"
 #include "kel/format.h"
+#include "kel/text.h"
 #include "kelcore/action_db.h"
 #include "kelcore/archive.h"
 #include "kelcore/error_codes.h"
+#include "kelcore/file_offer.h"
 #include "kelcore/file_values.h"
 
 namespace filestore {
 
 namespace {
 
+/// From here on the codes of the extraction find fault with the archive: limits, paths, damage.
+constexpr unsigned int kFirstArchiveFault = 16001;
 constexpr int kTries = 5;
 constexpr std::uint64_t kPauseBetweenTries = 50;  // milliseconds
 /// Files whose rows get their status together: each change is a sync of the database.
 constexpr std::size_t kFilesPerChange = 100;
 
-bool IsPackedEntry(const KelString& name) {
-    Side side = Side::Downstream;
-    FileKey key;
-    return name == kPackingIndexEntry || (ParseStoredPath(name, side, key) && side == Side::Upstream);
+/// The folder into which an archive is unpacked, in the storage folder so that its files can be renamed into
+/// place. Removed at the end of the scope; one that a kill left is removed at the next start.
+class UnpackFolder {
+  public:
+    explicit UnpackFolder(const FileStoreEntry& archive)
+        : path_(KelFormat("%S%s%lu", FileStore::strStorageLocationToUse, kUnpackFolderPrefix,
+                          archive.FileId)) {}
+    ~UnpackFolder() { DirDelete(path_, true); }
+    UnpackFolder(const UnpackFolder&) = delete;
+    UnpackFolder& operator=(const UnpackFolder&) = delete;
+    KelString Path(const KelString& entry = {}) const { return entry.empty() ? path_ : path_ + "/" + entry; }
+
+  private:
+    KelString path_;
+};
+
+enum class Intake : unsigned char {
+    Done,
+    Refused,  ///< for good
+    Failed,   ///< disk or database: to be tried again
+};
+
+bool IsUpstreamEntry(const KelString& name) {
+    const auto place = ParseStoredPath(name);
+    return place && place->side == Side::Upstream;
 }
 
-/// The archive is unpacked over the storage folder, which also holds the downstream files and may hold the
-/// databases: a sender must not replace those. An archive that cannot be listed is left to the extraction.
+bool IsPackedEntry(const KelString& name) {
+    return name == kPackingIndexEntry || IsUpstreamEntry(name);
+}
+
+/// The archive's entries must lie beneath the upstream folder. An archive that cannot be listed is left to
+/// the extraction.
 bool HoldsPackedFilesOnly(const FileStoreEntry& archive, const KelString& path) {
     const auto names = ListArchiveEntries(path);
     if (!names) return true;
@@ -41,91 +76,153 @@ bool HoldsPackedFilesOnly(const FileStoreEntry& archive, const KelString& path) 
     return false;
 }
 
-/// Entry names are the paths of the files below the storage folder, so that each lands in its place.
-bool Extract(KelThread& thread, const KelString& path) {
+Intake Extract(KelThread& thread, const KelString& path, const KelString& destination) {
     for (int number = 1;; ++number) {
         KelContainer call;
         call.SetString("FilePath", path);
-        call.SetString("DestinationPath", FileStore::strStorageLocationToUse);
+        call.SetString("DestinationPath", destination);
         const unsigned int error = CallLocal("CoreUtilsExtractFile", call);
-        if (error == kKelOk) return true;
+        if (error == kKelOk) return Intake::Done;
         if (number == kTries) {
             FileStore::debugFileStore.Error("CallbackThread: Failed to extract packedfile %S, error %u\n",
                                             path, error);
-            return false;
+            return error < kFirstArchiveFault ? Intake::Failed : Intake::Refused;
         }
         FileStore::debugFileStore.Warning(
             "CallbackThread: Failed to extract packedfile %S, error %u (try number %d)\n", path, error,
             number);
         thread.Sleep(kPauseBetweenTries);
-        if (thread.CheckCancelled(false)) return false;
+        if (thread.CheckCancelled(false)) return Intake::Failed;
     }
 }
 
-/// Renames the extracted index, so that the next archive does not overwrite it. Its path, empty on failure.
-KelString SetIndexAside(const FileStoreEntry& archive) {
-    const KelString extracted = FileStore::strStorageLocationToUse + "/" + kPackingIndexEntry;
-    KelString kept = KelFormat("%S/Temp/%S.xml", FileStore::strStorageLocationToUse, archive.FileName);
-    if (FileRename(extracted, kept)) return kept;
-    FileStore::debugFileStore.Error("CallbackThread: Failed to retrieve %S from %S\n", extracted,
-                                    archive.FileName);
-    return {};
-}
-
-/// Offers an unpacked file to the store as if the child had announced it. The row that the store made, 0 when
-/// it refused the offer.
-std::uint64_t EnterPackedFile(const KelContainer& record, const FileStoreEntry& archive) {
-    const KelString name = record.GetString(kValueFileName);
-    FileStore::debugFileStore.Print("CallbackThread: Processing file %S (from %S)\n", name, archive.FileName);
-    KelContainer offer = record;
-    offer.SetBool(kValueUpstream, true);
-    for (const char* path : {kValueMovePath, kValueCopyPath, kValueFilePath, kValueFileUrl})
-        offer.Remove(path);
-    if (CallLocal("FileStoreReceiveFile", offer) == kKelOk) {
-        const std::uint64_t fileId = FindFileFromUrl(offer.GetString(kValueFileUrl));
-        if (fileId != 0) return fileId;
+/// Reads the index of an unpacked archive. Failed when it cannot be read, Refused when there is none.
+Intake ReadIndex(const FileStoreEntry& archive, const KelString& path, KelContainer& index) {
+    if (!FileExists(path)) {
+        FileStore::debugFileStore.Error("CallbackThread: Failed to retrieve %S from %S\n", path,
+                                        archive.FileName);
+        return Intake::Refused;
     }
-    FileStore::debugFileStore.Error("CallbackThread: Failed to process file %S (from %S)\n", name,
-                                    archive.FileName);
-    return 0;
+    const KelResult<KelString> text = FileReadText(path, KelContainer::kMaxXmlBytes);
+    if (!text) {
+        FileStore::debugFileStore.Error("CallbackThread: Cannot read the index of %S: %S\n", archive.FileName,
+                                        text.Error().message);
+        return Intake::Failed;
+    }
+    FileStore::debugFileStore.Print("Processing file %S\n", path);
+    if (!index.LoadFromXML(*text) || !index.Has(kPackedFileValue))
+        FileStore::debugFileStore.Error("CallbackThread: %S file does not contains required data.\n", path);
+    return Intake::Done;
 }
 
-/// Stops at the first file that the store refuses; those before it go on. False then, or when a status could
-/// not be set.
-bool EnterPackedFiles(const KelContainer& index, const FileStoreEntry& archive,
+/// Where the content of a record was unpacked. An archive of an older agent does not name the entry.
+KelString UnpackedPath(const KelContainer& record, const UnpackFolder& folder) {
+    const KelString entry = record.GetString(kPackedEntryValue);
+    if (IsUpstreamEntry(entry)) return folder.Path(entry);
+    return folder.Path(StoredPath(Side::Upstream, FileKey::Read(record)));
+}
+
+Intake Refuse(const FileOffer& file, const FileStoreEntry& archive, const char* reason) {
+    FileStore::debugFileStore.Error("CallbackThread: Failed to process file %S (from %S): %s\n",
+                                    file.key.name, archive.FileName, reason);
+    return Intake::Refused;
+}
+
+/// Compares a record with the content. The archive is what its sender made: a file of the sender itself that
+/// is not what its record says was changed after it had been listed, and enters as what it is now. A file
+/// that the sender passes on has come with this checksum and is damaged otherwise.
+Intake CheckContent(const KelString& path, FileOffer& file, const FileStoreEntry& archive) {
+    if (!FileExists(path)) return Refuse(file, archive, "the archive has no content of it");
+    const std::int64_t size = FileGetSize64(path);
+    KelString checksum;
+    if (size < 0 || !FileMd5(path, checksum)) {
+        Refuse(file, archive, "its content cannot be read; it is tried again");
+        return Intake::Failed;
+    }
+    if (IsEqualTo(checksum, file.key.checksum, false)) return Intake::Done;
+    const KelString firstRelay = file.firstRelay.value_or("");
+    if (!firstRelay.empty()) return Refuse(file, archive, "its content is damaged; send it again");
+    FileStore::debugFileStore.Warning(
+        "CallbackThread: File %S (from %S) was changed while it was packed; it has the checksum %S now\n",
+        file.key.name, archive.FileName, checksum);
+    file.key.checksum = checksum;
+    file.size = size;
+    return Intake::Done;
+}
+
+/// Offers an unpacked file to the store as if the child had announced it, and puts its content in the place
+/// that the store gives it. `fileId` receives the row when it waits for the content.
+Intake EnterPackedFile(const KelContainer& record, const UnpackFolder& folder, const FileStoreEntry& archive,
+                       std::uint64_t& fileId) {
+    FileOffer file = FileOffer::Read(record);
+    FileStore::debugFileStore.Print("CallbackThread: Processing file %S (from %S)\n", file.key.name,
+                                    archive.FileName);
+    const KelString unpacked = UnpackedPath(record, folder);
+    if (const Intake checked = CheckContent(unpacked, file, archive); checked != Intake::Done) return checked;
+    file.upstream = true;
+    for (auto* path : {&file.movePath, &file.copyPath, &file.filePath, &file.url})
+        path->reset();
+    KelContainer offer = file.ToContainer();
+    const unsigned int error = CallLocal("FileStoreReceiveFile", offer);
+    if (error == kKelErrorBadInput || error == kKelErrorGuidScheme)
+        return Refuse(file, archive, "the store refuses it");
+    const auto known = FindUpstreamFileOfUrl(offer.GetString(kValueFileUrl));
+    if (error != kKelOk || !known || !known->row) {
+        Refuse(file, archive, "the store does not take it now; it is tried again");
+        return Intake::Failed;
+    }
+    if (known->row->FileStatus != kStatusReceiving) return Intake::Done;  // it is on its way already
+    std::error_code renamed;  // the disk is synced once for many files
+    std::filesystem::rename(unpacked, known->Path(), renamed);
+    if (renamed) {
+        Refuse(file, archive, "its content cannot be put in place; it is tried again");
+        return Intake::Failed;
+    }
+    fileId = known->row->FileId;
+    return Intake::Done;
+}
+
+/// False when disk or database failed; the files before the failure go on all the same.
+bool EnterPackedFiles(const KelContainer& index, const UnpackFolder& folder, const FileStoreEntry& archive,
                       const KelString& targetStatus) {
     const std::uint32_t count = index.Has(kPackedFileValue) ? index.Count(kPackedFileValue) : 0;
-    bool accepted = true;
-    for (std::uint32_t next = 0; next < count && accepted;) {
+    bool complete = true;
+    for (std::uint32_t next = 0; next < count;) {
         IdList entered;
-        for (; next < count && accepted && entered.Count() < kFilesPerChange; ++next) {
-            const std::uint64_t fileId = EnterPackedFile(index.GetContainer(kPackedFileValue, next), archive);
-            accepted = fileId != 0;
-            if (accepted) entered.Add(fileId);
+        for (; next < count && entered.Count() < kFilesPerChange; ++next) {
+            std::uint64_t fileId = 0;
+            complete &= EnterPackedFile(index.GetContainer(kPackedFileValue, next), folder, archive,
+                                        fileId) != Intake::Failed;
+            if (fileId != 0) entered.Add(fileId);
         }
-        if (!UpdateFileStatus(Side::Upstream, entered, targetStatus, NextTry::AtOnce)) return false;
+        if (!DirSyncFileSystem(FileStore::strStorageLocationToUse) ||
+            !UpdateFileStatus(Side::Upstream, entered, targetStatus, NextTry::AtOnce))
+            return false;
     }
-    return accepted;
+    return complete;
 }
 
 }  // namespace
 
-void UnpackArchive(KelThread& thread, const FileStoreEntry& archive, const KelString& targetStatus) {
+bool IsPackedArchive(const KelString& path) {
+    const auto names = ListArchiveEntries(path);
+    return names && std::find(names->begin(), names->end(), kPackingIndexEntry) != names->end() &&
+           std::all_of(names->begin(), names->end(), IsPackedEntry);
+}
+
+bool UnpackArchive(KelThread& thread, const FileStoreEntry& archive, const KelString& targetStatus) {
     const KelString path = ContentPath(archive, Side::Upstream);
-    if (!HoldsPackedFilesOnly(archive, path) || !Extract(thread, path)) return;
-    const KelString indexPath = SetIndexAside(archive);
-    if (indexPath.empty()) return;
+    const UnpackFolder folder(archive);
+    if (!HoldsPackedFilesOnly(archive, path)) return true;
     KelContainer index;
-    const KelStatus loaded = index.LoadFromFile(indexPath);
-    FileDelete(indexPath);
-    FileStore::debugFileStore.Print("Processing file %S\n", indexPath);
-    if (!loaded || !index.Has(kPackedFileValue))
-        FileStore::debugFileStore.Error("CallbackThread: %S file does not contains required data.\n",
-                                        indexPath);
-    if (!EnterPackedFiles(index, archive, targetStatus)) return;
+    Intake opened = Extract(thread, path, folder.Path());
+    if (opened == Intake::Done) opened = ReadIndex(archive, folder.Path(kPackingIndexEntry), index);
+    if (opened != Intake::Done) return opened == Intake::Refused;
+    if (!EnterPackedFiles(index, folder, archive, targetStatus)) return false;
     FileStore::debugFileStore.Print("File %S processed\n", archive.FileName);
-    DeleteFileRow(Side::Upstream, archive.FileId);
+    if (!DeleteFileRow(Side::Upstream, archive.FileId)) return false;
     DeleteFileAndFolder(path);
+    return true;
 }
 
 }  // namespace filestore

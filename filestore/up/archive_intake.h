@@ -6,8 +6,14 @@
 namespace filestore {
 
 /// Unpacks an archive that a child has put: its files become rows of their own with `targetStatus`, then the
-/// archive and its row are removed. What fails is logged and leaves the archive and its row. On the callback
-/// thread `thread`, whose cancellation ends the waits between tries; takes mutexUpstream for its changes.
-void UnpackArchive(KelThread& thread, const FileStoreEntry& archive, const KelString& targetStatus);
+/// archive and its row are removed. A file that the store refuses is left out. False when disk or database
+/// failed: archive and row stay, and the next try goes on where this one stopped. An archive that cannot be
+/// unpacked as it is stays as well, but needs no other try soon. On the callback thread `thread`, whose
+/// cancellation ends the waits between tries; takes mutexUpstream for its changes.
+bool UnpackArchive(KelThread& thread, const FileStoreEntry& archive, const KelString& targetStatus);
+
+/// True when the archive at `path` holds nothing but an index and upstream files: it is unpacked below the
+/// storage folder, which also holds the downstream files. False as well when it cannot be listed.
+bool IsPackedArchive(const KelString& path);
 
 }  // namespace filestore

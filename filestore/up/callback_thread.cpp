@@ -2,11 +2,13 @@
 
 #include "filestore/db/callback_table.h"
 #include "filestore/db/file_status.h"
-#include "filestore/db/files_selection.h"
+#include "filestore/db/files_table.h"
 #include "filestore/packages/unwanted_package.h"
 #include "filestore/state/file_store.h"
 #include "filestore/state/store_layout.h"
 #include "filestore/up/archive_intake.h"
+#include "filestore/up/upload_repair.h"
+#include "filestore/up/upstream_file.h"
 #include "kel/format.h"
 #include "kel/ini_file.h"
 #include "kelcore/action_db.h"
@@ -16,34 +18,41 @@ using namespace filestore;
 
 namespace {
 
-/// Removes the file that has arrived under `url`, which no row names. It stays when its key is known (a
-/// sender repeats a PUT whose answer it did not get), and when it does not lie in the upstream store.
+constexpr std::chrono::minutes kRepairInterval{5};
+
+/// Removes the file that has arrived under `url`, which no row names: its row was removed after the PUT had
+/// been accepted. What does not lie in the upstream store stays.
 void DeleteUnregisteredFile(const KelString& url) {
-    Side side = Side::Downstream;
-    FileKey key;
-    if (!ParseStoredUrl(url, side, key) || side != Side::Upstream) {
+    const auto place = ParseStoredUrl(url);
+    if (!place || place->side != Side::Upstream) {
         FileStore::debugFileStore.Warning("CallbackThread: %S is not in the upstream store and stays\n", url);
         return;
     }
-    // A known file may have a row without this URL: one that waits to be packed has none, and one that is
-    // being uploaded has its parent's. The lock keeps out an offer between the lookup and the removal.
+    // The lock keeps out an offer between the lookup and the removal.
     const KelLock lock(FileStore::mutexUpstream);
-    if (FindFileInDatabase(Side::Upstream, key) != 0) {
-        FileStore::debugFileStore.Warning("CallbackThread: File %S came again and stays: it is on its way\n",
-                                          url);
-        return;
-    }
+    const auto file = FindUpstreamFileOfUrl(url);
+    if (!file || file->row) return;
     FileStore::debugFileStore.Warning("CallbackThread: Received unregistered file, deleting %S\n", url);
-    DeleteFileAndFolder(FileStore::StorePath(Side::Upstream, key));
+    DeleteFileAndFolder(file->Path());
+}
+
+bool SetArrived(const FileStoreEntry& entry, const KelString& status) {
+    return UpdateFileStatus(Side::Upstream, entry.FileId, kStatusReceiving, status, NextTry::AtOnce);
 }
 
 /// A package of an administrated relay is handled by the device that administrates the relay and refused by
-/// any other.
-void ReceivePackage(const FileStoreEntry& entry) {
-    if (IsPackageForUs(entry))
-        UpdateFileStatus(Side::Upstream, entry.FileId, kStatusToBeHandled, NextTry::AtOnce);
-    else
-        RejectPackage(entry);
+/// any other. A package that names no relay travels on like any other file. False when the relay could not be
+/// informed.
+bool ReceivePackage(const FileStoreEntry& entry, const KelString& targetStatus) {
+    switch (OwnerOfPackage(entry)) {
+        case PackageOwner::None:
+            return SetArrived(entry, targetStatus);
+        case PackageOwner::ThisDevice:
+            return SetArrived(entry, kStatusToBeHandled);
+        case PackageOwner::Other:
+            break;
+    }
+    return RejectPackage(entry);
 }
 
 }  // namespace
@@ -60,25 +69,18 @@ void FileStoreCallbackThread::LoadSqlList() {
         sqlList_.push_back(statement);
 }
 
-void FileStoreCallbackThread::Enqueue(const KelString& url) {
-    EnqueueArrivedFile(url);
-}
-
-KelString FileStoreCallbackThread::GetFileUrl() {
-    return TakeArrivedFile();
-}
-
 unsigned int FileStoreCallbackThread::GetCallbackCount() {
     return CountArrivedFiles();
 }
 
 bool FileStoreCallbackThread::DoWork() {
-    KelString url = GetFileUrl();
+    RepairFromTimeToTime();
     FileStore::debugFileStore.Trace("CallbackThread: Enter loop\n");
-    while (!url.empty()) {
-        ReceiveFile(url);
+    std::uint64_t last = 0;
+    while (const auto arrived = NextArrivedFile(last)) {
+        last = arrived->id;
+        if (ReceiveFile(arrived->url)) RemoveArrivedFile(arrived->id);
         if (CheckCancelled(false)) return true;
-        url = GetFileUrl();
         if (!FileStore::fConcatFiles) FileStore::WakeWorker(Worker::Push);
     }
     FileStore::debugFileStore.Trace("CallbackThread: Exit loop\n");
@@ -87,27 +89,35 @@ bool FileStoreCallbackThread::DoWork() {
     return false;
 }
 
-void FileStoreCallbackThread::ReceiveFile(const KelString& url) {
+/// The queue may have lost entries: its database is not synced at every change, and a report of an arrival
+/// may have failed.
+void FileStoreCallbackThread::RepairFromTimeToTime() {
+    const auto now = std::chrono::steady_clock::now();
+    if (now - lastRepair_ < kRepairInterval) return;
+    lastRepair_ = now;
+    FileStoreRepairUploads();
+}
+
+bool FileStoreCallbackThread::ReceiveFile(const KelString& url) {
     FileStore::debugFileStore.Trace("CallbackThread: Handling received file %S\n", url);
     const bool isConsole = ActionDbIsActionRegistered("QuarnelDbRunScript");
     const bool isHandledHere = isConsole || CallbackDbGetActionCount("FileStoreCallbackCopyUpstream") != 0;
     const KelString targetStatus = isHandledHere ? kStatusToBeHandled : kStatusToBeUploaded;
 
-    const auto rows = SelectFilesOfUrl(url);
-    if (!rows) return;  // without the row it is unknown whether the file is wanted: keep it
-    if (rows->empty()) {
+    const auto file = FindUpstreamFileOfUrl(url);
+    if (!file) return false;  // of a file whose row cannot be read, nothing may be removed
+    if (!file->row) {
         DeleteUnregisteredFile(url);
-        return;
+        return true;
     }
-    const FileStoreEntry& entry = rows->front();
+    const FileStoreEntry& entry = *file->row;
     if (entry.FileStatus != kStatusReceiving) {
         FileStore::debugFileStore.Warning("CallbackThread: File %S already exists with status %S\n", url,
                                           entry.FileStatus);
-    } else if (entry.FileType == kPackedFilesType) {
-        UnpackArchive(*this, entry, targetStatus);
-    } else if (isConsole || (entry.FileType != "PackagerZIPPackage" && entry.FileType != "UpgradePackage")) {
-        UpdateFileStatus(Side::Upstream, entry.FileId, targetStatus, NextTry::AtOnce);
-    } else {
-        ReceivePackage(entry);
+        return true;
     }
+    if (entry.FileType == kPackedFilesType) return UnpackArchive(*this, entry, targetStatus);
+    if (isConsole || (entry.FileType != "PackagerZIPPackage" && entry.FileType != "UpgradePackage"))
+        return SetArrived(entry, targetStatus);
+    return ReceivePackage(entry, targetStatus);
 }

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <chrono>
+
 #include "filestore/state/worker_loop.h"
 #include "kel/types.h"
 
@@ -13,24 +15,21 @@ class FileStoreCallbackThread : public FileThreadBase {
     /// Reads the entries SqlExecute1, SqlExecute2, … of the ini file. Before the thread is started.
     void LoadSqlList();
 
-    /// Puts a URL into the queue unless it is there already. From any thread.
-    static void Enqueue(const KelString& url);
-
     // ---- the steps of the thread, public for tests, which call them on one thread
-
-    /// Removes the oldest URL from the queue and returns it; empty when there is none or it cannot be
-    /// removed.
-    KelString GetFileUrl();
 
     unsigned int GetCallbackCount();
 
     /// Processes the file that has arrived under `url`. A file that no row names is removed, one whose row is
-    /// not waiting for it is left alone. When the row cannot be read nothing happens.
-    void ReceiveFile(const KelString& url);
+    /// not waiting for it is left alone. False when a database, the disk or another device failed: the URL
+    /// stays in the queue and the next step tries again.
+    bool ReceiveFile(const KelString& url);
 
   protected:
     bool DoWork() override;
 
   private:
+    void RepairFromTimeToTime();
+
     KelVector<KelString> sqlList_;  ///< run on the upstream database at the end of every step
+    std::chrono::steady_clock::time_point lastRepair_ = std::chrono::steady_clock::now();
 };

@@ -42,6 +42,11 @@ class FileStorePushThread : public FileThreadBase {
     enum class Phase { Send = 0, Upload = 1 };
     using SentFiles = KelVector<filestore::SentFile>;
     struct UploadPass;
+    enum class Upload {
+        Stored,
+        Refused,  ///< this file only: it is offered or sent again
+        Failed,   ///< no other file fares better now
+    };
 
     // push_thread.cpp
     bool RunPasses(bool& reachedParent);
@@ -58,7 +63,7 @@ class FileStorePushThread : public FileThreadBase {
     // upload_step.cpp
     void UploadOrPackRow(const FileStoreEntry& entry, UploadPass& pass);
     void PackRow(const FileStoreEntry& entry, const KelString& path, UploadPass& pass);
-    bool UploadRow(const FileStoreEntry& entry, const KelString& path, const KelString& parentUrl);
+    Upload UploadRow(const FileStoreEntry& entry, const KelString& path, const KelString& parentUrl);
     void FinishArchive(UploadPass& pass);
 
     Phase phase_ = Phase::Upload;         ///< an unfinished upload is resumed before anything new is sent

@@ -1,10 +1,14 @@
 #include "filestore/up/receive_offer.h"
 
+#include <algorithm>
+
 #include "filestore/db/file_status.h"
 #include "filestore/db/files_table.h"
 #include "filestore/exchange/local_source.h"
 #include "filestore/state/device.h"
 #include "filestore/state/file_store.h"
+#include "filestore/state/store_layout.h"
+#include "filestore/up/upstream_file.h"
 #include "kel/file.h"
 #include "kel/path.h"
 #include "kelcore/error_codes.h"
@@ -22,12 +26,9 @@ KelString SourceDevice(const KelContainer& arguments) {
     return OurDeviceUrl();
 }
 
-FileStoreEntry LocalEntry(const KelContainer& arguments, const Offer& offer, const LocalSource& source,
-                          const KelString& path) {
+FileStoreEntry LocalEntry(const KelContainer& arguments, const Offer& offer, const LocalSource& source) {
     FileStoreEntry entry = offer.ToEntry();
     entry.ExternalFile = source.kind == LocalSource::Kind::External;
-    entry.FilePath = entry.ExternalFile ? source.path : path;
-    entry.FileSize = ContentSize(source, path);
     entry.Upstream = true;
     entry.FileStatus = kStatusToBeHandled;
     entry.TransportMode = kTransportLocal;
@@ -36,31 +37,69 @@ FileStoreEntry LocalEntry(const KelContainer& arguments, const Offer& offer, con
     return entry;
 }
 
-/// Has a known file handed to the consumers again if it is available; false when the file is unknown.
-bool HandleAgainIfKnown(const FileKey& key) {
-    const KelLock lock(FileStore::mutexUpstream);
-    const std::uint64_t fileId = FindFileInDatabase(Side::Upstream, key);
-    if (fileId != 0) HandleAvailableAgain(fileId);
-    return fileId != 0;
-}
-
-/// Places the content and creates the row. Without the lock while the content is copied: another offer of the
-/// same file may have created the row by then.
-bool PlaceAndRecord(const LocalSource& source, const KelString& path, FileStoreEntry& entry) {
-    if (!CheckUpstreamSize(source.path, entry.FileSize) || !PlaceContent(source, path, false)) return false;
+/// Puts the content of `entry` in its place; false, logged, when it is not there afterwards.
+bool Place(const LocalSource& source, const KelString& path, FileStoreEntry& entry) {
+    entry.FilePath = entry.ExternalFile ? source.path : path;
+    if (!CheckUpstreamSize(source.path, ContentSize(source, path)) || !PlaceContent(source, path, false))
+        return false;
     entry.FileSize = FileGetSize64(entry.FilePath);  // its owner may have truncated it in the meantime
-    if (!CheckUpstreamSize(entry.FilePath, entry.FileSize)) return false;
-    const KelLock lock(FileStore::mutexUpstream);
-    return HandleAgainIfKnown(entry.Key()) || entry.CreateInDatabase(Side::Upstream) != 0;
+    return CheckUpstreamSize(entry.FilePath, entry.FileSize);
 }
 
-/// Expects the content by PUT: under the row that has the URL already, otherwise under a new one.
-bool Expect(FileStoreEntry& entry) {
+/// Under the row that the file has already, otherwise under a new one.
+bool Record(const UpstreamFile& known, FileStoreEntry& entry) {
+    if (known.HasContent()) return HandleAgain(known.row->FileId);
+    if (!known.row) return entry.CreateInDatabase(Side::Upstream) != 0;
+    entry.FileId = known.row->FileId;
+    entry.CreateTime = known.row->CreateTime;
+    return entry.SaveToDatabase(Side::Upstream);
+}
+
+/// Brings the content of an offer into the store and has it handed to the consumers. A known file keeps its
+/// content; one that is known but not here, because it is only expected or was lost, gets it. `path` receives
+/// where the content lies.
+bool PlaceAndRecord(const LocalSource& source, FileStoreEntry& entry, KelString& path) {
+    // Content is copied without the lock. In the meantime another device may have offered the same file and
+    // got the place; then the content is put into the next one.
+    for (KelString placed;;) {
+        {
+            const KelLock lock(FileStore::mutexUpstream);
+            const auto known = FindUpstreamFile(entry.Key(), entry.SourceDevice);
+            if (!known) return false;
+            path = known->HasContent() ? ContentPath(*known->row, Side::Upstream) : known->Path();
+            if (known->HasContent() || path == placed) return Record(*known, entry);
+        }
+        if (!Place(source, path, entry)) return false;
+        placed = path;
+    }
+}
+
+/// A file that was received and is still to be moved on. Receiving it again would only hold it up.
+bool IsOnItsWay(const UpstreamFile& file) {
+    if (!file.HasContent()) return false;
+    const auto statuses = {kStatusToBeHandled, kStatusToBeUploaded, kStatusToBePacked, kStatusUploading};
+    return std::any_of(statuses.begin(), statuses.end(),
+                       [&file](const char* status) { return file.row->FileStatus == status; });
+}
+
+/// Expects the content by PUT: under the row that the file has already, otherwise under a new one.
+unsigned int Expect(FileStoreEntry& entry) {
     const KelLock lock(FileStore::mutexUpstream);
-    const std::uint64_t fileId = FindFileFromUrl(entry.FileURL);
-    if (fileId == 0) return entry.CreateInDatabase(Side::Upstream) != 0;
-    SetReceivingAgain(fileId);
-    return true;
+    const auto known = FindUpstreamFile(entry.Key(), entry.SourceDevice);
+    if (!known) return kKelErrorNotAvailable;
+    entry.FilePath = known->Path();
+    entry.FileURL = known->Url();
+    if (!PathCreate(known->Folder())) {
+        FileStore::debugFileStore.Warning(
+            "Refusing the offer of %S: cannot make the folder %S; check space and permissions\n",
+            entry.Key().Text(), known->Folder());
+        return kKelErrorNotAvailable;
+    }
+    const bool recorded =
+        !known->row
+            ? entry.CreateInDatabase(Side::Upstream) != 0
+            : IsOnItsWay(*known) || SetReceivingAgain(known->row->FileId, entry.FileSize, entry.FileURL);
+    return recorded ? kKelOk : kKelErrorNotAvailable;
 }
 
 }  // namespace
@@ -68,12 +107,12 @@ bool Expect(FileStoreEntry& entry) {
 unsigned int ReceiveUpstreamLocal(KelContainer& arguments, Offer& offer) {
     LocalSource source = ReadLocalSource(arguments);
     if (!FillChecksum(source, offer.key.checksum)) return kKelErrorBadInput;
-    const KelString path = FileStore::StorePath(Side::Upstream, offer.key);
-    FileStoreEntry entry = LocalEntry(arguments, offer, source, path);
+    FileStoreEntry entry = LocalEntry(arguments, offer, source);
     FileStore::debugFileStore.Print("Receiving upstream local file %S\n", offer.key.Text());
     arguments.Clear();
 
-    if (!HandleAgainIfKnown(offer.key) && !PlaceAndRecord(source, path, entry)) return kKelErrorBadInput;
+    KelString path;
+    if (!PlaceAndRecord(source, entry, path)) return kKelErrorBadInput;
     RemoveMovedSource(source, path);
     FileStore::WakeWorker(Worker::Handler);
     return kKelOk;
@@ -90,17 +129,12 @@ unsigned int ReceiveUpstreamRemote(KelContainer& arguments, Offer& offer) {
         FileStore::debugFileStore.Warning("The GUID scheme of sender is not valid\n");
         return kKelErrorGuidScheme;
     }
-    entry.FileURL = arguments.GetString(kValueFileUrl);
-    if (entry.FileURL.empty()) entry.FileURL = StoredUrl(Side::Upstream, offer.key);
     if (entry.FileSize == 0) return kKelErrorBadInput;
-    if (!PathCreate(FileStore::StoreFolder(Side::Upstream, offer.key)))
-        FileStore::debugFileStore.Warning("Cannot make the folder of %S\n", offer.key.Text());
     if (entry.FirstRelay.empty()) entry.FirstRelay = OurDeviceUrl();
-    entry.FilePath = FileStore::StorePath(Side::Upstream, offer.key);
     entry.Upstream = true;
     entry.TransportMode = kTransportUnicast;
     entry.FileStatus = kStatusReceiving;
-    if (!Expect(entry)) return kKelErrorBadInput;
+    if (const unsigned int error = Expect(entry); error != kKelOk) return error;
     arguments.Clear();
     arguments.SetString(kValueFileUrl, entry.FileURL);
     return kKelOk;

@@ -23,27 +23,30 @@ FileStorePushThread::Outcome FileStorePushThread::SendFile(bool& reachedParent, 
     if (parentUrl.empty()) return Outcome::Failed;
 
     UploadArchive archive;
-    SentFiles sent;
+    SentFiles sent, packed;
     for (const FileStoreEntry& entry : rows) {
         if (CheckCancelled(false) || IsRecent(entry.LastStatusChangeTime)) break;
         if (!IsPacking() || !UploadArchive::CanPack(entry)) {
             if (!SendRow(entry, parentUrl, sent, reachedParent)) break;
             continue;
         }
-        if (!archive.HasRoomFor(entry)) break;  // the next archive takes it
+        if (!archive.Suits(entry)) continue;    // the next archive takes it
+        if (!archive.HasRoomFor(entry)) break;  // the same
         FileStore::debugFileStore.Detail("PushThread: File %S will be packed.\n", entry.Key().Text());
         archive.Add(entry);
-        sent.push_back({entry.FileId, kStatusToBePacked, ""});
+        packed.push_back({entry.FileId, kStatusToBePacked, ""});
         reachedParent = true;
     }
-    const std::size_t accepted = sent.size() - archive.Count();
-    if (archive.Count() != 0) {
-        if (!archive.Create()) return Outcome::Failed;
+    const std::size_t accepted = sent.size();
+    const bool created = packed.empty() || archive.Create();
+    if (created && !packed.empty()) {
         archive_ = std::move(archive);
+        sent.insert(sent.end(), packed.begin(), packed.end());
     }
+    // What the parent has accepted is recorded even when there is no archive for the others.
     if (!RecordSentFiles(sent)) return Outcome::Failed;
     rowsTaken_ += accepted;
-    return Outcome::Done;
+    return created ? Outcome::Done : Outcome::Failed;
 }
 
 /// Offers one file to the parent. False when the batch must end here.

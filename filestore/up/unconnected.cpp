@@ -7,6 +7,7 @@
 #include "filestore/state/device.h"
 #include "filestore/state/file_store.h"
 #include "filestore/up/receive_offer.h"
+#include "filestore/up/upstream_file.h"
 #include "kel/file.h"
 #include "kel/format.h"
 #include "kel/path.h"
@@ -102,23 +103,24 @@ void MarkAsArrived(const KelString& url) {
     const bool isMaster = ActionDbIsActionRegistered("QuarnelDbObjectListTypes");
     {
         const KelLock lock(FileStore::mutexUpstream);
-        const std::uint64_t fileId = FindFileFromUrl(url);
-        if (fileId == 0) return;
-        UpdateFileStatus(Side::Upstream, fileId, isMaster ? kStatusToBeHandled : kStatusToBeUploaded,
-                         NextTry::AtOnce);
+        const auto file = FindUpstreamFileOfUrl(url);
+        if (!file || !file->row) return;
+        UpdateFileStatus(Side::Upstream, file->row->FileId,
+                         isMaster ? kStatusToBeHandled : kStatusToBeUploaded, NextTry::AtOnce);
     }
     if (!isMaster && !FileStore::fConcatFiles) FileStore::WakeWorker(Worker::Push);
 }
 
 unsigned int StoreAndRecord(KelContainer& arguments, const LocalSource& source, Offer& offer) {
     arguments.SetString(kValueFirstRelay, "0");
-    arguments.Remove(kValueFileUrl);  // it is served from this store
-    const KelString path = FileStore::StorePath(Side::Upstream, offer.key);
+    const auto known = FindUpstreamFile(offer.key, arguments.GetString(kValueSourceDevice));
+    if (!known) return kKelErrorNotAvailable;
+    const KelString path = known->Path();
     if (!PlaceContent(source, path, false)) return kKelErrorBadInput;
     arguments.SetInt64(kValueFileSize, FileGetSize64(path));  // of the stored content, whatever was announced
     if (offer.key.type == kIdentityType) offer.priority = 500;
     const unsigned int result = ReceiveUpstreamRemote(arguments, offer);
-    if (result == kKelOk) MarkAsArrived(StoredUrl(Side::Upstream, offer.key));
+    if (result == kKelOk) MarkAsArrived(arguments.GetString(kValueFileUrl));
     return result;
 }
 

@@ -41,14 +41,14 @@ KelString NewArchivePath() {
                      static_cast<std::uint32_t>(std::rand()), static_cast<std::uint32_t>(std::time(nullptr)));
 }
 
-bool OfferToStore(const KelString& path) {
+bool OfferToStore(const KelString& path, bool bypass) {
     FileStore::debugFileStore.Print("PushThread: Sending archive file %S upstream.\n", path);
     KelString folder, name;
     SplitPath(path, folder, name);
     FileOffer offer;
     offer.key = {kPackedFilesType, kPackedFilesType, name, ""};  // the store computes the checksum
     offer.sourceDevice = OurDeviceUrl();
-    offer.bypass = false;
+    offer.bypass = bypass;
     offer.upstream = true;
     offer.movePath = path;
     KelContainer call = offer.ToContainer();
@@ -65,15 +65,23 @@ bool UploadArchive::CanPack(const FileStoreEntry& entry) {
     return entry.FileType != kPackedFilesType && UploadArchive().HasRoomFor(entry);
 }
 
+bool UploadArchive::Suits(const FileStoreEntry& entry) const {
+    return listed_.empty() ||
+           (entry.Bypass == bypass_ && !entryNames_.contains(StoredPathOf(entry, Side::Upstream)));
+}
+
 bool UploadArchive::HasRoomFor(const FileStoreEntry& entry) const {
     return ContentBytes(entry) <= kMaxContentBytes - contentBytes_ &&
            IndexBytes(entry) <= kMaxIndexBytes - indexBytes_;
 }
 
 void UploadArchive::Add(const FileStoreEntry& entry) {
-    index_.SetContainer(kPackedFileValue, FileRecordOf(entry).ToContainer(),
-                        static_cast<std::uint32_t>(listed_.size()));
+    KelContainer record = FileRecordOf(entry).ToContainer();
+    record.SetString(kPackedEntryValue, StoredPathOf(entry, Side::Upstream));
+    index_.SetContainer(kPackedFileValue, record, static_cast<std::uint32_t>(listed_.size()));
     listed_.insert(entry.FileId);
+    entryNames_.insert(StoredPathOf(entry, Side::Upstream));
+    bypass_ = entry.Bypass;
     contentBytes_ += ContentBytes(entry);
     indexBytes_ += IndexBytes(entry);
 }
@@ -117,7 +125,7 @@ bool UploadArchive::AddContents(const FileStoreEntry& entry, const KelString& pa
     }
     FileStore::debugFileStore.Print("PushThread: Adding file %S to archive %S\n", entry.FileName,
                                     FileStore::strArchiveFilePath);
-    const bool added = file_->AddEntry(StoredPath(Side::Upstream, entry.Key()), path, kLevel) == kArchiveDone;
+    const bool added = file_->AddEntry(StoredPathOf(entry, Side::Upstream), path, kLevel) == kArchiveDone;
     if (!added)
         FileStore::debugFileStore.Error("PushThread: Failed to add file %S to archive %S\n", entry.FileName,
                                         FileStore::strArchiveFilePath);
@@ -134,7 +142,7 @@ bool UploadArchive::Write() {
 }
 
 bool UploadArchive::EnterStore() {
-    const bool entered = Write() && OfferToStore(FileStore::strArchiveFilePath);
+    const bool entered = Write() && OfferToStore(FileStore::strArchiveFilePath, bypass_);
     if (!entered) {
         Drop();
         return false;

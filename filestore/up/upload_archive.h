@@ -15,8 +15,9 @@ namespace filestore {
 /// "upstream/type/label/checksum/name".
 inline constexpr const char* kPackingIndexEntry = "Temp/PackedFilesInfo.xml";
 
-/// The name of the index's values.
+/// The name of the index's values, and in each of them that of the entry with the content.
 inline constexpr const char* kPackedFileValue = "PackedFile";
+inline constexpr const char* kPackedEntryValue = "PackedEntry";
 
 /// Begins the file names of archives.
 inline constexpr const char* kArchiveNamePrefix = "PACKEDFILES_";
@@ -40,10 +41,14 @@ class UploadArchive {
 
     // ---- send pass
 
+    /// Whether the file goes with those listed so far. Files that pass closed windows travel apart from
+    /// others, so that they need not wait with them, and an entry name can occur only once.
+    bool Suits(const FileStoreEntry& entry) const;
+
     /// Whether the archive stays within the limits of size with this file.
     bool HasRoomFor(const FileStoreEntry& entry) const;
 
-    /// Lists a file in the index. The archive has room for it.
+    /// Lists a file in the index. It suits the archive, which has room for it.
     void Add(const FileStoreEntry& entry);
 
     /// The number of files in the index.
@@ -74,6 +79,8 @@ class UploadArchive {
 
     KelContainer index_;  ///< until Create has written it
     std::set<std::uint64_t> listed_;
+    std::set<KelString> entryNames_;
+    bool bypass_ = false;            ///< of all listed files
     std::int64_t contentBytes_ = 0;  ///< unpacked
     std::size_t indexBytes_ = 0;
     std::unique_ptr<GenericArchive> file_;  ///< open since the first AddContents

@@ -12,9 +12,6 @@ using namespace filestore;
 
 namespace {
 
-/// Begins the names of folders into which archives are being unpacked.
-constexpr const char* kUnpackFolderPrefix = ".extract-";
-
 void RemoveEntries(const KelString& folder, const char* prefix) {
     for (const KelString& name : DirList(folder)) {
         if (!name.starts_with(prefix)) continue;
@@ -32,7 +29,7 @@ void FileStoreRemoveLeftOvers() {
     DirDeleteTempFiles(ModuleWorkFolder());
     DirDeleteTempFiles(StoreWorkFolder());
     RemoveEntries(ModuleWorkFolder(), kArchiveNamePrefix);
-    RemoveEntries(StoreWorkFolder(), kArchiveNamePrefix);  // indexes extracted from archives
+    RemoveEntries(StoreWorkFolder(), kArchiveNamePrefix);  // indexes that earlier versions extracted
     RemoveEntries(FileStore::strStorageLocationToUse, kUnpackFolderPrefix);
 }
 
@@ -40,5 +37,6 @@ void FileStoreRemoveLeftOvers() {
 /// that a power cut removed: that database is not synced at every change.
 void FileStoreRepairUploads() {
     for (const FileStoreEntry& entry : SelectFilesBeingReceived())
-        if (FileExists(ContentPath(entry, Side::Upstream))) EnqueueArrivedFile(entry.FileURL);
+        if (FileExists(ContentPath(entry, Side::Upstream)))
+            EnqueueArrivedFile(StoredUrl(Side::Upstream, entry.Key(), StoredSourceOf(entry)));
 }

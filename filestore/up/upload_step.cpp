@@ -1,14 +1,60 @@
 #include "filestore/db/file_status.h"
 #include "filestore/db/files_selection.h"
+#include "filestore/exchange/file_record.h"
 #include "filestore/exchange/http_transfer.h"
 #include "filestore/state/file_store.h"
 #include "filestore/state/store_layout.h"
 #include "filestore/up/manual_upload.h"
 #include "filestore/up/push_thread.h"
 #include "filestore/up/upload_policy.h"
+#include "kel/checksum.h"
 #include "kel/file.h"
+#include "kel/text.h"
+#include "kelcore/action_db.h"
+#include "kelcore/error_codes.h"
 
 using namespace filestore;
+
+namespace {
+
+constexpr unsigned int kHttpNotFound = 404;
+constexpr unsigned int kHttpUnprocessable = 422;
+
+/// True for a file of this device whose content is no longer what was offered. A file that this device passes
+/// on, and an archive, are what they were when they came into the store, or damaged.
+bool HasChangedSinceOffer(const FileStoreEntry& entry, const KelString& path) {
+    KelString checksum;
+    if (!FileMd5(path, checksum)) return false;
+    if (FileGetSize64(path) == entry.FileSize && IsEqualTo(checksum, entry.FileChecksum, false)) return false;
+    if (entry.FirstRelay.empty() && entry.FileType != kPackedFilesType) return true;
+    FileStore::debugFileStore.Error(
+        "PushThread: The copy of %S from %S is damaged (%S): have its device send it again\n",
+        entry.Key().Text(), entry.SourceDevice, path);
+    return false;
+}
+
+/// Has the store take the content in anew, under its present checksum, in place of the row.
+bool OfferChangedFile(const FileStoreEntry& entry, const KelString& path) {
+    FileOffer offer = FileRecordOf(entry);
+    offer.key.checksum.clear();
+    offer.size.reset();
+    offer.firstRelay.reset();
+    (entry.ExternalFile ? offer.filePath : offer.movePath) = path;
+    KelContainer call = offer.ToContainer();
+    const unsigned int error = CallLocal("FileStoreReceiveFile", call);
+    if (error != kKelOk) {
+        FileStore::debugFileStore.Error(
+            "PushThread: %S has changed since it was offered, and the store does not take it again, error "
+            "%u\n",
+            path, error);
+        return false;
+    }
+    FileStore::debugFileStore.Warning("PushThread: %S has changed since it was offered: it is offered anew\n",
+                                      path);
+    return DeleteFileRow(Side::Upstream, entry.FileId);
+}
+
+}  // namespace
 
 /// What one upload pass has done so far.
 struct FileStorePushThread::UploadPass {
@@ -55,10 +101,17 @@ void FileStorePushThread::UploadOrPackRow(const FileStoreEntry& entry, UploadPas
         if (DeleteFileRow(Side::Upstream, entry.FileId)) ++rowsTaken_;
     } else if (entry.FileStatus == kStatusToBePacked) {
         PackRow(entry, path, pass);
-    } else if (UploadRow(entry, path, pass.parentUrl)) {
-        pass.uploaded.Add(entry.FileId);
     } else {
-        pass.failed = pass.uploadFailed = true;
+        switch (UploadRow(entry, path, pass.parentUrl)) {
+            case Upload::Stored:
+                pass.uploaded.Add(entry.FileId);
+                break;
+            case Upload::Refused:
+                ++rowsTaken_;
+                break;
+            case Upload::Failed:
+                pass.failed = pass.uploadFailed = true;
+        }
     }
 }
 
@@ -84,8 +137,8 @@ void FileStorePushThread::FinishArchive(UploadPass& pass) {
         pass.failed = true;
 }
 
-bool FileStorePushThread::UploadRow(const FileStoreEntry& entry, const KelString& path,
-                                    const KelString& parentUrl) {
+FileStorePushThread::Upload FileStorePushThread::UploadRow(const FileStoreEntry& entry, const KelString& path,
+                                                           const KelString& parentUrl) {
     FileStore::debugFileStore.Detail("PushThread: Uploading %S to %S\n", entry.Key().Text(), entry.FileURL);
     HttpTransfer transfer("PushThread", parentUrl, [this] { return CheckCancelled(false); });
     HttpFileMessage request;
@@ -95,11 +148,17 @@ bool FileStorePushThread::UploadRow(const FileStoreEntry& entry, const KelString
     HttpMessage answer;
     const unsigned int result = transfer.Run(request, answer, entry.Bypass);
     FileStore::debugFileStore.Detail("PushThread: File upload returned %u\n", result);
-    const bool stored = result == kHttpCompleted && answer.GetStatus() / 100 == 2;
-    if (!stored) {
-        FileStore::debugFileStore.Warning("PushThread: Upload of %S failed (HTTP status %u): %S\n",
-                                          entry.FileName, answer.GetStatus(), transfer.GetErrorText());
-        UpdateFileStatus(Side::Upstream, entry.FileId, kStatusUploading, NextTry::AfterTimeout);
+    if (result == kHttpCompleted && answer.GetStatus() / 100 == 2) return Upload::Stored;
+    FileStore::debugFileStore.Warning("PushThread: Upload of %S failed (HTTP status %u): %S\n",
+                                      entry.FileName, answer.GetStatus(), transfer.GetErrorText());
+    const unsigned int refusal = result == kHttpCompleted ? answer.GetStatus() : 0;
+    if (refusal == kHttpNotFound) {
+        // The parent has lost the offer, or had done with it when its answer to an earlier PUT was lost.
+        UpdateFileStatus(Side::Upstream, entry.FileId, kStatusToBeUploaded, NextTry::AfterTimeout);
+        return Upload::Refused;
     }
-    return stored;
+    const bool isRefused = refusal == kHttpUnprocessable;
+    if (!isRefused || !HasChangedSinceOffer(entry, path) || !OfferChangedFile(entry, path))
+        UpdateFileStatus(Side::Upstream, entry.FileId, kStatusUploading, NextTry::AfterTimeout);
+    return isRefused ? Upload::Refused : Upload::Failed;
 }

@@ -171,12 +171,6 @@ KelStatus Unpack(zip_t* archive, const Entry& entry, const KelString& path) {
     return {};
 }
 
-/// One flush of the whole file system instead of one for each file and folder.
-bool SyncFileSystemOf(const KelString& folder) {
-    const UniqueFd fd(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    return fd && syncfs(fd.Get()) == 0;
-}
-
 KelStatus MoveIn(const KelVector<Entry>& files, const KelString& staging, const KelString& destination) {
     for (const Entry& entry : files) {
         const KelString target = destination + "/" + entry.name;
@@ -206,10 +200,10 @@ KelStatus ExtractArchive(const KelString& archive, const KelString& destination,
     for (const Entry& entry : inspection.files)
         if (KelStatus unpacked = Unpack(zip.get(), entry, staging.Path() + "/" + entry.name); !unpacked)
             return unpacked;
-    if (!SyncFileSystemOf(destination))
+    if (!DirSyncFileSystem(destination))
         return Refuse(kKelErrorInternal, "the destination cannot be synced", destination);
     if (KelStatus moved = MoveIn(inspection.files, staging.Path(), destination); !moved) return moved;
-    if (!SyncFileSystemOf(destination))
+    if (!DirSyncFileSystem(destination))
         return Refuse(kKelErrorInternal, "the destination cannot be synced", destination);
     return {};
 }

@@ -83,11 +83,12 @@ class HostileTest(SystemTest):
             self.assertIn(self.client.request("PUT", target, b"unasked")[0], (403, 404, 405), target)
         self.assertEqual(list(self.agent.root.rglob("x.bin")), [])
 
-    def test_content_that_was_not_announced_is_deleted(self):
-        url = self.offer_upstream("announced.bin", b"evil").rsplit("/", 1)[0] + "/other.bin"
-        self.assertEqual(self.client.request("PUT", url, b"unasked")[0], 201)
-        self.wait_logged(f"CallbackThread: Received unregistered file, deleting {url}")
-        wait_until(lambda: not list(self.agent.data.rglob("other.bin")), 10, "the file is gone")
+    def test_content_that_was_not_announced_is_refused(self):
+        url = self.offer_upstream("announced.bin", b"evil")
+        other = url.rsplit("/", 1)[0] + "/other.bin"
+        for target, content, status in ((other, b"unasked", 404), (url, b"evik", 422), (url, b"evil!", 422)):
+            self.assertEqual(self.client.request("PUT", target, content)[0], status)
+        self.assertEqual([*self.agent.data.rglob("other.bin"), *self.agent.data.rglob("announced.bin")], [])
 
     def test_offers_are_judged_by_the_callers_address(self):
         """A stranger's offer is dropped with result 0; the parent may not name local files or other folders."""
@@ -102,12 +103,12 @@ class HostileTest(SystemTest):
     def test_only_good_archives_are_unpacked(self):
         index = (INDEX, GOOD_INDEX % ("evil.bin", CHECKSUM, self.source))
         good = (f"upstream/T/L/{CHECKSUM}/evil.bin", b"evil")
-        refused, extracted = "Failed to extract packedfile", "Refusing packedfile"
+        foreign = "Refusing the upload"
         cases = {
-            "no archive": (None, refused),
-            "parent": ([index, ("../../../evil.bin", b"evil")], extracted),
-            "inner parent": ([index, ("upstream/T/L/../../../../evil.bin", b"evil")], extracted),
-            "absolute": ([index, (str(self.agent.root / "config" / "Agent.ini"), b"evil")], extracted),
+            "no archive": (None, foreign),
+            "parent": ([index, ("../../../evil.bin", b"evil")], foreign),
+            "inner parent": ([index, ("upstream/T/L/../../../../evil.bin", b"evil")], foreign),
+            "absolute": ([index, (str(self.agent.root / "config" / "Agent.ini"), b"evil")], foreign),
             "malformed index": ([(INDEX, "<Container><Value"), good], "does not contains required data."),
             "index with a path": ([(INDEX, GOOD_INDEX % ("../../evil.bin", CHECKSUM, self.source)), good],
                                   "Failed to process file ../../evil.bin"),
@@ -115,18 +116,19 @@ class HostileTest(SystemTest):
         for case, (entries, logged) in cases.items():
             with self.subTest(case):
                 self.log_begin = len(self.agent.log())
-                self.send_archive(f"{case}.zip", zip_of(entries) if entries else b"no zip")
+                status = self.send_archive(f"{case}.zip", zip_of(entries) if entries else CONTENT)
+                self.assertEqual(status, 422 if logged == foreign else 201)
                 self.wait_logged(logged)
                 self.assertEqual(self.untouchables(), self.before)
                 self.assertNotIn("evil.bin", self.collected_names())
-        self.send_archive("good.zip", zip_of([index, good]))
+        self.assertEqual(self.send_archive("good.zip", zip_of([index, good])), 201)
         wait_until(lambda: "evil.bin" in self.collected_names(), 20, "the packed file is collected")
         # The collected file is a change outside the upstream store, which tearDown would report.
         self.before = self.untouchables()
 
     def send_archive(self, name, content):
         url = self.offer_upstream(name, content, "FileStorePackedFiles")
-        self.assertIn(self.client.request("PUT", url, content)[0], (201, 204))
+        return self.client.request("PUT", url, content)[0]
 
 
 if __name__ == "__main__":

@@ -1,4 +1,5 @@
 #include "filestore/up/callback_thread.h"
+#include "filestore/db/callback_table.h"
 #include "filestore/file_store_fixture.h"
 #include "filestore/up/upload_repair.h"
 #include "kelcore/archive.h"
@@ -18,6 +19,16 @@ struct CallbackThreadTest : StoreTest {
     static std::uint64_t Put(const KelString& set = "KeepCopy = 0") {
         return AddStored(kUp, "it's", "RECEIVING", KelFormat("FileURL = '%Q', %S", KelString(kUrl), set));
     }
+    static Texts Queued() {
+        Texts urls;
+        std::uint64_t last = 0;
+        while (const auto arrived = filestore::NextArrivedFile(last)) {
+            last = arrived->id;
+            urls.push_back(arrived->url);
+        }
+        return urls;
+    }
+    void ReceiveOnly() { callbacks_.ReceiveFile(filestore::StoredUrl(kUp, OnlyRow(kUp).Key())); }
     Exposed<FileStoreCallbackThread> callbacks_;
 };
 
@@ -26,12 +37,7 @@ TEST_F(CallbackThreadTest, OnlyUrlsThatThisDeviceReportsAreQueuedOnceAndInOrder)
         Report(url);
     Ask("FileStoreHttpPutCallback", From(Make({{"URL", "/c"}}), "127.0.1.9"));
     EXPECT_EQ(callbacks_.GetCallbackCount(), 2U);
-    {
-        const auto full = Refuse(FileStoreGetCallbackDatabase().connection, "DELETE ON CallbackThread");
-        EXPECT_EQ(callbacks_.GetFileUrl(), "") << "what cannot be removed would be given again and again";
-    }
-    for (const char* url : {"/b's", "/a", ""})
-        EXPECT_EQ(callbacks_.GetFileUrl(), url);
+    EXPECT_EQ(Queued(), (Texts{"/b's", "/a"}));
 }
 
 TEST_F(CallbackThreadTest, MulticastFileIsCompletedByItsStatusAndDeletedWhenUnknown) {
@@ -56,6 +62,7 @@ TEST_F(CallbackThreadTest, ReceivedFileIsHandledHereWhenThereIsAConsumer) {
              {"no consumer", false, false, "t", "", "RECEIVING", "TOBEUPLOADED"},
              {"consumer", true, false, "t", "", "RECEIVING", "TOBEHANDLED"},
              {"known already", true, false, "t", "", "AVAILABLE", "AVAILABLE"},
+             {"package of no relay", false, false, "UpgradePackage", "", "RECEIVING", "TOBEUPLOADED"},
              {"package of our relay", false, false, "UpgradePackage", kGuid, "RECEIVING", "TOBEHANDLED"},
              {"master", false, true, "t", "", "RECEIVING", "TOBEHANDLED"},
              {"package for the master", false, true, "UpgradePackage", "", "RECEIVING", "TOBEHANDLED"}}) {
@@ -65,7 +72,7 @@ TEST_F(CallbackThreadTest, ReceivedFileIsHandledHereWhenThereIsAConsumer) {
         if (consumes) consumer = Consume("FileStoreCallbackCopyUpstream", "TestConsume ()");
         const std::uint64_t fileId = Put(KelFormat("FileType = '%s', FileStatus = #%s#, ", type, before) +
                                          SetInfo(Make({{"AdministratedRelayGUID", relay}})));
-        callbacks_.ReceiveFile(kUrl);
+        ReceiveOnly();
         EXPECT_EQ(Fields(kUp, fileId), after);
         EXPECT_TRUE(FileExists(Load(kUp, fileId).FilePath));
     }
@@ -115,7 +122,7 @@ TEST_F(CallbackThreadTest, PackageOfAnotherRelayIsRejectedByItsKind) {
                                                                     {"PackageRelativePath", "a/b"}})));
         const KelString path = Load(kUp, fileId).FilePath;
         Set(kUp, fileId, "FilePath = '/where/the/store/was/before'");
-        callbacks_.ReceiveFile(kUrl);
+        ReceiveOnly();
         const bool rejected = !action.empty() && result == 0;
         EXPECT_EQ(Fields(kUp, fileId), rejected ? "(none)" : "RECEIVING");
         EXPECT_EQ(FileExists(path), !rejected);
@@ -161,24 +168,27 @@ struct PackedUploadTest : CallbackThreadTest {
 TEST_F(PackedUploadTest, FilesBecomeRowsAndTheArchiveGoes) {
     index_.SetContainer("PackedFile", Record("b's", 3), 1);
     const KelString archive = PutArchive(&index_, {"upstream/t/l/c/a", "upstream/t/l/c/b's"});
-    callbacks_.ReceiveFile(kUrl);
+    ReceiveOnly();
     EXPECT_FALSE(FileExists(archive));
     const KelString rest = KelString("|TOBEUPLOADED|") + kChild;
     EXPECT_EQ(Rows(kUp, "SELECT FileName, FileStatus, SourceDevice FROM Files ORDER BY FileName"),
               (Texts{"a" + rest, "b's" + rest}));
-    EXPECT_EQ(Content(FileStore::StorePath(kUp, {"t", "l", "b's", "c"})), "b's");
+    EXPECT_EQ(Content(FileStore::StorePath(kUp, {"t", "l", "b's", TextMd5("b's")})), "b's");
     EXPECT_EQ(DirList(FileStore::strStorageLocationToUse + "/Temp"), Texts{});
 }
 
 /// What reaches beyond the upstream files is not even unpacked.
 TEST_F(PackedUploadTest, ArchiveThatCannotBeUsedLeavesNoRows) {
-    const KelContainer empty, unusable = Make({{"PackedFile", Record("a", 0)}});
+    const KelContainer empty;
+    const KelContainer unusable =
+        Make({{"PackedFile",
+               With(Record("a", 0), {{"FileChecksum", TextMd5("a")}, {"PackedEntry", "upstream/t/l/c/a"}})}});
     const char* const file = "upstream/t/l/c/b";
     for (const auto& [name, index, entry, extractions, stays] :
          Table<KelString, const KelContainer*, const char*, std::size_t, bool>{
              {"no index", nullptr, file, 1, true},
              {"nothing in the index", &empty, file, 1, false},
-             {"unusable record", &unusable, file, 1, true},
+             {"unusable record", &unusable, file, 1, false},
              {"database", &index_, "Callback.sqlite", 0, true},
              {"downstream file", &index_, "downstream/t/l/c/n", 0, true},
              {"short path", &index_, "upstream/t/l/n", 0, true},
@@ -188,7 +198,7 @@ TEST_F(PackedUploadTest, ArchiveThatCannotBeUsedLeavesNoRows) {
         if (name == "extraction fails") FakeResult("CoreUtilsExtractFile ()", 16003);
         const std::size_t callsBefore = CallsOf("CoreUtilsExtractFile").size();
         const KelString archive = PutArchive(index, {"upstream/t/l/c/a", entry});
-        callbacks_.ReceiveFile(kUrl);
+        ReceiveOnly();
         EXPECT_EQ(CallsOf("CoreUtilsExtractFile").size() - callsBefore, extractions);
         EXPECT_EQ(Rows(kUp, "SELECT FileStatus FROM Files"), stays ? Texts{"RECEIVING"} : Texts{});
         EXPECT_EQ(FileExists(archive), stays);
@@ -205,7 +215,7 @@ TEST_F(PackedUploadTest, RepairQueuesWhatArrivedEvenBeforeTheStoreMoved) {
     for (int repetition = 0; repetition < 2; ++repetition)
         FileStoreRepairUploads();
     EXPECT_EQ(callbacks_.GetCallbackCount(), 1U);
-    callbacks_.ReceiveFile(callbacks_.GetFileUrl());
+    callbacks_.DoWork();
     EXPECT_EQ(Names(kUp), (Texts{"handled", "absent", "a"}));
     EXPECT_EQ(DirList(Root() + "/new/upstream/FileStorePackedFiles/l"), Texts{});
 }

@@ -101,7 +101,7 @@ class HeldContentTest : public StoreTest {
 
 TEST_F(HeldContentTest, ContentInTheStoreIsFoundByItsPlaceNotByThePathInItsRow) {
     const std::uint64_t fileId = AddStored(kDown, "n", "AVAILABLE", KelFormat("FileType = '%s'", kPackage));
-    Set(kDown, fileId, "FilePath = '/former/root/n'");
+    Set(kDown, fileId, "FilePath = '/former/place/n'");
     FileStore::UpdateScriptAndPackageStatus(0);
     EXPECT_EQ(Fields(kDown, fileId), "AVAILABLE");
     EXPECT_EQ(Ask("FileStoreRequestFileSize", Offer(kPackage)).GetInt64("FileSize"), 1);

@@ -125,12 +125,12 @@ TEST_F(QueryPlan, DownstreamStatementsSearchAnIndex) {
 TEST_F(QueryPlan, UpstreamStatementsSearchAnIndex) {
     Check(kUp, May::Search, [] {
         FindFileFromUrl("u");
-        SelectFilesOfUrl("u");
+        SelectUpstreamFiles({"t", "l", "n", "c"});
         CountFilesToUpload();
         HasFilesToUpload();
         SelectFilesBeingReceived();
-        SetReceivingAgain(1);
-        HandleAvailableAgain(1);
+        SetReceivingAgain(1, 1, "u");
+        HandleAgain(1);
         SetMissingSourceDevices("d");
         RecordSentFiles({{1, kStatusUploading, "u"}});
     });

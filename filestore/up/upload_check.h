@@ -1,0 +1,15 @@
+#pragma once
+
+#include "kel/types.h"
+
+namespace filestore {
+
+/// Decides whether an upload is accepted, before it is put in place and answered: `content` is the path of
+/// what has come under the URL path `url`. kKelOk when size and MD5 are those of the row that waits for it,
+/// or when the URL is none of the upstream store. Otherwise, with the reason in the log:
+/// kKelAnswerNotExpected when no row names the URL, kKelAnswerOtherContent for other content and for an
+/// archive that cannot be unpacked, kKelErrorNotAvailable when row or content cannot be read now. Reads the
+/// whole content: hold no lock. From any thread.
+unsigned int CheckUpload(const KelString& url, const KelString& content);
+
+}  // namespace filestore
