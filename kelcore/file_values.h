@@ -27,6 +27,10 @@ inline constexpr const char* kValueDeviceGuid = "DeviceGUID";  // device URL of 
 inline constexpr const char* kValueUnconnected =
     "Unconnected";  // bool: to be kept until there is a connection
 
+// Types of files that more than one module knows.
+inline constexpr const char* kIdentityFileType = "IdentityIdentity";  // a device's report about itself
+inline constexpr const char* kReceiptFileType = "DeliveryReceipt";    // what has become of a received file
+
 // Content on this device: one of them at most.
 inline constexpr const char* kValueMovePath = "MovePath";  // the content is taken over, the file goes
 inline constexpr const char* kValueCopyPath = "CopyPath";  // the content is copied

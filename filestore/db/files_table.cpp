@@ -56,6 +56,18 @@ constexpr char kSetNotRelaysChild[] =
     "UPDATE Files SET FileStatus = '%s', Acknowledged = 1 WHERE FileName = '%Q' AND FileChecksum = '%Q' AND "
     "FileStatus != '%s'";
 constexpr char kSetLastRequestTime[] = "UPDATE Files SET LastRequestTime = %ld WHERE FileId = %lu";
+constexpr char kMakeDownloadsDue[] =
+    "UPDATE Files SET LastStatusChangeTime = 0 WHERE FileStatus IN ('%s', '%s') AND LastStatusChangeTime <> "
+    "0 "
+    "AND SourceDevice = ''";
+constexpr char kMakeAcknowledgementsDue[] =
+    "UPDATE Files SET LastStatusChangeTime = 0 WHERE FileStatus = '%s' AND Upstream = 0 AND Acknowledged = 0 "
+    "AND "
+    "LastStatusChangeTime > 0";
+constexpr char kMakeUploadsDue[] =
+    "UPDATE Files SET LastStatusChangeTime = 0 WHERE FileStatus IN ('%s', '%s', '%s') AND "
+    "LastStatusChangeTime "
+    "<> 0";
 constexpr char kSetMissing[] = "UPDATE Files SET FileStatus = '%s' WHERE FileId = %lu";
 constexpr char kSetReceivedByMulticast[] =
     "UPDATE Files SET FileSize = %lu, FileStatus = '%s', LastStatusChangeTime = 0, Acknowledged = 0, "
@@ -215,6 +227,12 @@ bool SetNotRelaysChild(const KelString& name, const KelString& checksum) {
 
 bool SetLastRequestTime(std::uint64_t fileId, std::int64_t time) {
     return ChangeDownstream(KelFormat(kSetLastRequestTime, time, fileId));
+}
+
+void MakeDueForParent() {
+    ChangeDownstream(KelFormat(kMakeDownloadsDue, kStatusDownloading, kStatusToBeRequested));
+    ChangeDownstream(KelFormat(kMakeAcknowledgementsDue, kStatusAvailable));
+    ChangeUpstream(KelFormat(kMakeUploadsDue, kStatusToBeUploaded, kStatusUploading, kStatusToBePacked));
 }
 
 bool SetMissing(std::uint64_t fileId) {

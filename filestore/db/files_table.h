@@ -112,6 +112,10 @@ struct RequestAnswer {
 /// Leaves a row alone that is no longer to be requested.
 bool RecordRequestAnswer(std::uint64_t fileId, const RequestAnswer& answer);
 
+/// What failed to move from or to the parent is due: downloads, requests and acknowledgements, and the files
+/// to send, in the other database. Downloads from other devices are left alone.
+void MakeDueForParent();
+
 // ---- upstream
 
 /// A file whose content, of `size` bytes, is expected by PUT under `url` once more.

@@ -37,6 +37,11 @@ constexpr char kInsert[] =
 constexpr char kUpdate[] =
     "UPDATE Targets SET DeviceGUID = '%Q', DevicePath = '%Q', LastNotifyTime = %ld, WakeUpDevice = %u WHERE "
     "TargetId = %lu";
+// The path names that begin with a device URL, which "/" ends; "0" is the character behind that.
+constexpr char kFailedOfDevice[] =
+    "DeviceGUID >= '%Q' AND DeviceGUID < '%Q0' AND LastNotifyTime BETWEEN 1 AND %ld";
+constexpr char kAnyFailed[] = "SELECT TargetId FROM Targets WHERE %S LIMIT 1";
+constexpr char kMakeDue[] = "UPDATE Targets SET LastNotifyTime = 0 WHERE %S";
 constexpr char kSetNotifyTime[] = "UPDATE Targets SET LastNotifyTime = %ld WHERE TargetId = %lu";
 constexpr char kSetDevice[] = "UPDATE Targets SET DeviceGUID = '%Q', DevicePath = '%Q' WHERE TargetId = %lu";
 constexpr char kDeleteOfDevice[] = "DELETE FROM Targets WHERE FileId = %lu AND DeviceGUID LIKE '%/%Q%'";
@@ -175,6 +180,13 @@ bool SaveFileWithTargets(FileStoreEntry& file, const KelVector<FileStoreTarget>&
                targets.begin(), targets.end(),
                [&file](const FileStoreTarget& target) { return StoreTarget(file.FileId, target) != 0; }) &&
            transaction.Commit();
+}
+
+bool MakeTargetsDue(const KelString& deviceUrl, std::int64_t now) {
+    // Every call of a device comes here: it costs a write only when something waits.
+    const KelString failed = KelFormat(kFailedOfDevice, deviceUrl, deviceUrl, now);
+    const auto waiting = Database().connection.Query(KelFormat(kAnyFailed, failed));
+    return waiting && waiting->GetRowCount() != 0 && Change(KelFormat(kMakeDue, failed));
 }
 
 bool SetNotifyTime(std::uint64_t targetId, std::int64_t time) {

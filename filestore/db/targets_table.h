@@ -76,6 +76,10 @@ bool RecordTargets(std::uint64_t fileId, const KelVector<FileStoreTarget>& targe
 /// Inserts a file that has no FileId, or writes it back, and stores its targets: all of it or nothing.
 bool SaveFileWithTargets(FileStoreEntry& file, const KelVector<FileStoreTarget>& targets);
 
+/// The targets of a device, named by its device URL, whose last announcement failed are due. False when there
+/// are none. `now`: announcements that were taken have later times and stay as they are.
+bool MakeTargetsDue(const KelString& deviceUrl, std::int64_t now);
+
 bool SetNotifyTime(std::uint64_t targetId, std::int64_t time);
 bool SetTargetDevice(const FileStoreTarget& target);
 

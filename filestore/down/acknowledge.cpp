@@ -7,6 +7,7 @@
 #include "filestore/down/pull_thread.h"
 #include "filestore/exchange/http_transfer.h"
 #include "filestore/exchange/input_checks.h"
+#include "filestore/state/contact.h"
 #include "filestore/state/device.h"
 #include "filestore/state/file_store.h"
 #include "filestore/state/parent.h"
@@ -82,10 +83,12 @@ int FileStorePullThread::AcknowledgeFile() {
         FileStore::debugFileStore.Error("PullThread: Failed to call %S, error %u\n", KelString(kAction),
                                         error);
         WaitForRetry(file.FileId);
+        if (file.SourceDevice.empty()) ReportParentError(error);
         return 0;
     }
     // Not "done" while writes fail: the acknowledgement would be resent in a tight loop.
     if (!SetAcknowledged(file.FileId)) return 0;
+    FileStore::WakeWorker(Worker::Notify);
     if (file.FileType == kRuleFileType) AcknowledgeNamedPackage(file, callUrl, ownUrl);
     return 1;
 }
@@ -104,6 +107,7 @@ unsigned int FileStore::ActionHandler_FileStoreAcknowledgeFile(KelContainer* arg
     debugFileStore.Print("Received acknowledge from %S for %S/%S/%S\n", device, key.type, key.label,
                          key.name);
 
+    NoteSignOfLife(device);
     const KelLock lock(mutexDownstream);
     const auto fileId = LookUpFile(Side::Downstream, key);
     const bool isRecorded = fileId && (*fileId == 0 || DeleteTargetsOfDevice(*fileId, guid));

@@ -7,6 +7,7 @@
 #include "filestore/exchange/offer.h"
 #include "filestore/packages/package_repository.h"
 #include "filestore/state/bandwidth_manager.h"
+#include "filestore/state/contact.h"
 #include "filestore/state/file_store.h"
 #include "kelcore/action_db.h"
 #include "kelcore/error_codes.h"
@@ -209,6 +210,7 @@ unsigned int FileStore::ActionHandler_FileStoreRequestFile(KelContainer* argumen
         debugFileStore.Print("The GUID scheme of requester is not valid\n");
         return kKelErrorGuidScheme;
     }
+    NoteSignOfLife(request.deviceGuid);
     WriteAnswer(request, AnswerRequest(request), *arguments);
     return kKelOk;
 }

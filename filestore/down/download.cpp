@@ -8,6 +8,7 @@
 #include "filestore/down/pull_thread.h"
 #include "filestore/down/resume_download.h"
 #include "filestore/exchange/http_transfer.h"
+#include "filestore/state/contact.h"
 #include "filestore/state/file_store.h"
 #include "filestore/state/parent.h"
 #include "filestore/state/settings.h"
@@ -134,6 +135,11 @@ bool FileStorePullThread::FetchByUnicast(const FileStoreEntry& file, const KelSt
     const unsigned int result = Fetch(file, sender, attempt);
     if (!IsStillWanted(file.FileId)) return RequestSpoiltContent(file);
     if (attempt.madeWay) return InterruptDownload(file);
+    if (result == kHttpCutOff || result == kHttpUnreachable) {
+        const bool recorded = KeepForRetry(file, result);
+        if (file.SourceDevice.empty()) ReportTransferResult(result);
+        return recorded;
+    }
     if (result == kHttpBadAnswer && file.FileSize == 0) {
         FileStore::debugFileStore.Error(
             "PullThread: %S has no known size and does not end within %lu bytes: its sender has to announce "

@@ -42,10 +42,12 @@ void ReceiveMulticastFile(const KelString& url, const KelString& localPath) {
         return;
     }
     const FileStoreEntry& file = rows.front();
-    if (file.FileStatus == kStatusMulticastListening)
+    if (file.FileStatus == kStatusMulticastListening) {
         MakeAvailable(file.FileId, localPath);
-    else
+        FileStore::WakeWorker(Worker::Pull);  // which acknowledges it
+    } else {
         PassOn(file.FileId);
+    }
 }
 
 }  // namespace filestore

@@ -5,6 +5,7 @@
 #include "filestore/state/bandwidth_manager.h"
 #include "filestore/state/device.h"
 #include "filestore/state/file_store.h"
+#include "filestore/state/parent.h"
 #include "filestore/state/settings.h"
 #include "filestore/state/worker_loop.h"
 #include "filestore/up/callback_thread.h"
@@ -67,6 +68,17 @@ bool StartWorkers() {
     return true;
 }
 
+/// What an earlier run has left over is not to wait for an interval. The threads that work with the parent
+/// are woken once it answers.
+void WakeWorkers() {
+    for (const Worker worker : {Worker::Notify, Worker::Callback, Worker::Handler})
+        FileStore::WakeWorker(worker);
+    Parent parent;
+    if (!ReadParent(parent) || !parent.IsKnown()) return;
+    FileStore::WakeWorker(Worker::Pull);
+    FileStore::WakeWorker(Worker::Push);
+}
+
 void StopWorkers() {
     for (FileThreadBase* worker : FileStore::Workers()) {
         worker->Cancel(0, false);
@@ -122,6 +134,7 @@ unsigned int FileStore::ModuleActivate() {
         return kModuleFailure;
     }
 
+    WakeWorkers();
     UpdateScriptAndPackageStatus(0);
     if (FileStoreReadFlag("PackageSynchronization", "PackageSynchroAtStartup", false))
         ExecutePackageSynchroAtStartup();

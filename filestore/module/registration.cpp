@@ -39,6 +39,8 @@ constexpr std::array kActions = {
     Action{"FileStoreHttpPutCallback (container Values)", &FileStore::ActionHandler_FileStoreHttpPutCallback},
     Action{"FileStoreGUIDCallback (string GUID)", &FileStore::ActionHandler_FileStoreGUIDCallback},
     Action{"FileStoreIPCallback ()", &FileStore::ActionHandler_FileStoreIPCallback},
+    Action{"FileStoreParentInSync ()", &FileStore::ActionHandler_FileStoreParentInSync},
+    Action{"FileStoreDeviceContact (string DeviceGUID)", &FileStore::ActionHandler_FileStoreDeviceContact},
     Action{"FileStoreTransferWindowCallback ()", &FileStore::ActionHandler_FileStoreTransferWindowCallback},
     Action{"FileStoreListFiles ()", &FileStore::ActionHandler_FileStoreListFiles},
     Action{"FileStoreGetFileInfo (string strFileType, string strFileName, string strChecksum)",
@@ -67,6 +69,7 @@ constexpr std::array kSubscriptions = {
     Subscription{"HttpProtocolCallbackPut", "FileStoreHttpPutCallback (container Values)"},
     Subscription{"IdentityCallbackGUIDChange", "FileStoreGUIDCallback (string GUID)"},
     Subscription{"IdentityCallbackIPChange", "FileStoreIPCallback ()"},
+    Subscription{"RelayCallbackParentInSync", "FileStoreParentInSync ()"},
     Subscription{"TransferWindowCallbackWindowChange", "FileStoreTransferWindowCallback ()"},
 };
 

@@ -155,6 +155,8 @@ class FileStore {
     static unsigned int ActionHandler_FileStoreHttpPutCallback(KelContainer* arguments);
     static unsigned int ActionHandler_FileStoreGUIDCallback(KelContainer* arguments);
     static unsigned int ActionHandler_FileStoreIPCallback(KelContainer* arguments);
+    static unsigned int ActionHandler_FileStoreParentInSync(KelContainer* arguments);
+    static unsigned int ActionHandler_FileStoreDeviceContact(KelContainer* arguments);
     static unsigned int ActionHandler_FileStoreTransferWindowCallback(KelContainer* arguments);
     static unsigned int ActionHandler_FileStoreListFiles(KelContainer* arguments);
     static unsigned int ActionHandler_FileStoreGetFileInfo(KelContainer* arguments);

@@ -7,6 +7,7 @@
 #include "filestore/state/file_store.h"
 #include "filestore/state/store_layout.h"
 #include "filestore/up/archive_intake.h"
+#include "filestore/up/upload_policy.h"
 #include "filestore/up/upload_repair.h"
 #include "filestore/up/upstream_file.h"
 #include "kel/format.h"
@@ -37,7 +38,10 @@ void DeleteUnregisteredFile(const KelString& url) {
 }
 
 bool SetArrived(const FileStoreEntry& entry, const KelString& status) {
-    return UpdateFileStatus(Side::Upstream, entry.FileId, kStatusReceiving, status, NextTry::AtOnce);
+    if (!UpdateFileStatus(Side::Upstream, entry.FileId, kStatusReceiving, status, NextTry::AtOnce))
+        return false;
+    if (status == kStatusToBeUploaded) WakeToSend(entry.FileType);
+    return true;
 }
 
 /// A package of an administrated relay is handled by the device that administrates the relay and refused by
@@ -81,7 +85,6 @@ bool FileStoreCallbackThread::DoWork() {
         last = arrived->id;
         if (ReceiveFile(arrived->url)) RemoveArrivedFile(arrived->id);
         if (CheckCancelled(false)) return true;
-        if (!FileStore::fConcatFiles) FileStore::WakeWorker(Worker::Push);
     }
     FileStore::debugFileStore.Trace("CallbackThread: Exit loop\n");
     if (!sqlList_.empty()) RunUpstreamStatements(sqlList_);
@@ -116,7 +119,11 @@ bool FileStoreCallbackThread::ReceiveFile(const KelString& url) {
                                           entry.FileStatus);
         return true;
     }
-    if (entry.FileType == kPackedFilesType) return UnpackArchive(*this, entry, targetStatus);
+    if (entry.FileType == kPackedFilesType) {
+        const bool isDone = UnpackArchive(*this, entry, targetStatus);
+        if (targetStatus == kStatusToBeUploaded) WakeToSend(entry.FileType);
+        return isDone;
+    }
     if (isConsole || (entry.FileType != "PackagerZIPPackage" && entry.FileType != "UpgradePackage"))
         return SetArrived(entry, targetStatus);
     return ReceivePackage(entry, targetStatus);

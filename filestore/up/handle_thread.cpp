@@ -9,6 +9,7 @@
 #include "filestore/packages/managed_relay_package.h"
 #include "filestore/state/file_store.h"
 #include "filestore/state/store_layout.h"
+#include "filestore/up/upload_policy.h"
 #include "kel/file.h"
 #include "kelcore/action_db.h"
 #include "kelcore/callback_db.h"
@@ -42,7 +43,8 @@ struct FileStoreHandleThread::Answers {
     IdList available;
     IdList upload;
     IdList retry;
-    KelVector<std::uint64_t> putOff;  ///< the same
+    KelVector<std::uint64_t> putOff;   ///< the same
+    KelVector<KelString> typesToSend;  ///< of `upload`
 };
 
 FileStoreHandleThread::FileStoreHandleThread() : FileThreadBase("FileStore", "QueueGap", 30) {}
@@ -95,7 +97,7 @@ bool FileStoreHandleThread::DecideMissing(std::uint64_t fileId, Side side, bool 
         return false;
     }
     if (UpdateFileStatus(side, fileId, kStatusToBeRequested, NextTry::AtOnce)) ++rowsMovedOn_;
-    if (!FileStore::fConcatFiles) FileStore::WakeWorker(Worker::Push);
+    FileStore::WakeWorker(Worker::Push);
     return true;
 }
 
@@ -119,7 +121,9 @@ bool FileStoreHandleThread::HandleFile(Side side) {
     }
     // A batch that was cut short keeps its rows and is handed over again after the restart.
     if (!CheckCancelled(false)) ApplyAnswers(answers, side);
-    if (!FileStore::fConcatFiles) FileStore::WakeWorker(Worker::Push);
+    for (const KelString& type : answers.typesToSend)
+        WakeToSend(type);
+    if (side == Side::Downstream && !answers.available.IsEmpty()) FileStore::WakeWorker(Worker::Notify);
     return true;
 }
 
@@ -142,6 +146,7 @@ void FileStoreHandleThread::HandOver(const FileStoreEntry& entry, bool isLocal, 
         answers.available.Add(entry.FileId);
     } else {
         answers.upload.Add(entry.FileId);
+        answers.typesToSend.push_back(entry.FileType);
     }
 }
 

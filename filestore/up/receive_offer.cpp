@@ -5,6 +5,7 @@
 #include "filestore/db/file_status.h"
 #include "filestore/db/files_table.h"
 #include "filestore/exchange/local_source.h"
+#include "filestore/state/contact.h"
 #include "filestore/state/device.h"
 #include "filestore/state/file_store.h"
 #include "filestore/state/store_layout.h"
@@ -129,6 +130,7 @@ unsigned int ReceiveUpstreamRemote(KelContainer& arguments, Offer& offer) {
         FileStore::debugFileStore.Warning("The GUID scheme of sender is not valid\n");
         return kKelErrorGuidScheme;
     }
+    if (entry.FirstRelay.empty()) NoteSignOfLife(entry.SourceDevice);
     if (entry.FileSize == 0) return kKelErrorBadInput;
     if (entry.FirstRelay.empty()) entry.FirstRelay = OurDeviceUrl();
     entry.Upstream = true;

@@ -3,6 +3,7 @@
 #include "filestore/exchange/file_record.h"
 #include "filestore/exchange/http_transfer.h"
 #include "filestore/exchange/input_checks.h"
+#include "filestore/state/contact.h"
 #include "filestore/state/device.h"
 #include "filestore/state/file_store.h"
 #include "filestore/state/settings.h"
@@ -57,7 +58,9 @@ bool RecordAnswer(const FileStoreEntry& file, const KelContainer& given) {
         answer.status = kStatusToBeRequested;
         answer.next = NextTry::AfterTimeout;
     }
-    return RecordRequestAnswer(file.FileId, answer);
+    const bool recorded = RecordRequestAnswer(file.FileId, answer);
+    if (recorded && !answer.url.empty()) FileStore::WakeWorker(Worker::Pull);
+    return recorded;
 }
 
 void PostponeRequest(std::uint64_t fileId) {
@@ -93,6 +96,7 @@ FileStorePushThread::Outcome FileStorePushThread::RequestFile(bool& reachedParen
         if (error == kKelErrorGuidScheme) FileStore::UpdateGuidScheme();
         FileStore::debugFileStore.Warning("PushThread: Failed to call %s, error %u\n", kRequestAction, error);
         PostponeRequest(file.FileId);
+        ReportParentError(error);
         return Outcome::Failed;
     }
     reachedParent = true;

@@ -2,6 +2,7 @@
 #include "filestore/db/files_selection.h"
 #include "filestore/exchange/file_record.h"
 #include "filestore/exchange/input_checks.h"
+#include "filestore/state/contact.h"
 #include "filestore/state/device.h"
 #include "filestore/state/file_store.h"
 #include "filestore/up/push_thread.h"
@@ -86,5 +87,6 @@ bool FileStorePushThread::HandleRefusal(const FileStoreEntry& entry, unsigned in
                          NextTry::AfterTimeout))
         ++rowsTaken_;
     FileStore::debugFileStore.Detail("PushThread: File sending returned %u\n", error);
+    ReportParentError(error);
     return wrongScheme;
 }

@@ -7,6 +7,7 @@
 #include "filestore/state/device.h"
 #include "filestore/state/file_store.h"
 #include "filestore/up/receive_offer.h"
+#include "filestore/up/upload_policy.h"
 #include "filestore/up/upstream_file.h"
 #include "kel/file.h"
 #include "kel/format.h"
@@ -19,8 +20,6 @@
 namespace filestore {
 
 namespace {
-
-constexpr const char* kIdentityType = "IdentityIdentity";
 
 /// The content of an offer to be kept. Unlike for the other receivers, the last of the three paths counts,
 /// and a MovePath has the content moved whichever path that is.
@@ -99,7 +98,7 @@ unsigned int PrepareSource(KelContainer& arguments, const KelString& type, Local
 
 /// ReceiveUpstreamRemote expects a PUT, but the content is here already: on the master the file has reached
 /// its destination and is handed over, elsewhere it goes on to the parent.
-void MarkAsArrived(const KelString& url) {
+void MarkAsArrived(const KelString& url, const KelString& type) {
     const bool isMaster = ActionDbIsActionRegistered("QuarnelDbObjectListTypes");
     {
         const KelLock lock(FileStore::mutexUpstream);
@@ -108,7 +107,7 @@ void MarkAsArrived(const KelString& url) {
         UpdateFileStatus(Side::Upstream, file->row->FileId,
                          isMaster ? kStatusToBeHandled : kStatusToBeUploaded, NextTry::AtOnce);
     }
-    if (!isMaster && !FileStore::fConcatFiles) FileStore::WakeWorker(Worker::Push);
+    if (!isMaster) WakeToSend(type);
 }
 
 unsigned int StoreAndRecord(KelContainer& arguments, const LocalSource& source, Offer& offer) {
@@ -118,9 +117,9 @@ unsigned int StoreAndRecord(KelContainer& arguments, const LocalSource& source, 
     const KelString path = known->Path();
     if (!PlaceContent(source, path, false)) return kKelErrorBadInput;
     arguments.SetInt64(kValueFileSize, FileGetSize64(path));  // of the stored content, whatever was announced
-    if (offer.key.type == kIdentityType) offer.priority = 500;
+    if (offer.key.type == kIdentityFileType) offer.priority = 500;
     const unsigned int result = ReceiveUpstreamRemote(arguments, offer);
-    if (result == kKelOk) MarkAsArrived(arguments.GetString(kValueFileUrl));
+    if (result == kKelOk) MarkAsArrived(arguments.GetString(kValueFileUrl), offer.key.type);
     return result;
 }
 
@@ -139,7 +138,7 @@ unsigned int KeepUnconnected(KelContainer& arguments, Offer& offer) {
     request.size = size;
     request.sourceDevice = OurDeviceUrl();
 
-    const char* subFolder = offer.key.type == kIdentityType ? "identity" : "inventory";
+    const char* subFolder = offer.key.type == kIdentityFileType ? "identity" : "inventory";
     FileStore::debugFileStore.Print("Receiving unconnected local file unconnected/%s/%S\n", subFolder,
                                     offer.key.name);
     const KelString folder = KelFormat("%S/unconnected/%s", FileStore::strModuleDataPath, subFolder);

@@ -1,11 +1,14 @@
 #include "filestore/up/upload_policy.h"
 
 #include <algorithm>
+#include <array>
 
+#include "filestore/db/file_status.h"
 #include "filestore/exchange/http_transfer.h"
 #include "filestore/state/file_store.h"
 #include "filestore/up/upload_archive.h"
 #include "kel/text.h"
+#include "kelcore/file_values.h"
 
 namespace filestore {
 
@@ -60,6 +63,12 @@ std::optional<UploadFilter> UploadFilterNow(bool packedPass, const char* looking
     filter.passing = PassingNow();
     filter.limit = BatchSize();
     return filter;
+}
+
+void WakeToSend(const KelString& type) {
+    constexpr std::array kAwaitedTypes = {kPackedFilesType, kIdentityFileType, kReceiptFileType};
+    if (!FileStore::fConcatFiles || std::ranges::find(kAwaitedTypes, type) != kAwaitedTypes.end())
+        FileStore::WakeWorker(Worker::Push);
 }
 
 bool IsUploadAllowed() {

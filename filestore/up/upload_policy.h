@@ -16,6 +16,11 @@ bool IsPacking();
 /// the policy or the link lets no file pass. `lookingFor` completes the log line "PushThread: Looking for ".
 std::optional<UploadFilter> UploadFilterNow(bool packedPass, const char* lookingFor);
 
+/// Has the push thread send a file of this type, which is now to be uploaded. Where files are gathered into
+/// archives, its own interval decides when, but for what somebody waits for: archives themselves, reports of
+/// devices and receipts.
+void WakeToSend(const KelString& type);
+
 /// False, with the reason in the log, when the link allows no uploads now.
 bool IsUploadAllowed();
 

@@ -2,6 +2,7 @@
 #include "filestore/db/files_selection.h"
 #include "filestore/exchange/file_record.h"
 #include "filestore/exchange/http_transfer.h"
+#include "filestore/state/contact.h"
 #include "filestore/state/file_store.h"
 #include "filestore/state/store_layout.h"
 #include "filestore/up/manual_upload.h"
@@ -160,5 +161,6 @@ FileStorePushThread::Upload FileStorePushThread::UploadRow(const FileStoreEntry&
     const bool isRefused = refusal == kHttpUnprocessable;
     if (!isRefused || !HasChangedSinceOffer(entry, path) || !OfferChangedFile(entry, path))
         UpdateFileStatus(Side::Upstream, entry.FileId, kStatusUploading, NextTry::AfterTimeout);
+    ReportTransferResult(result);
     return isRefused ? Upload::Refused : Upload::Failed;
 }

@@ -7,11 +7,12 @@
 #include "kel/file.h"
 #include "kel/format.h"
 #include "kelcore/device_name.h"
+#include "kelcore/file_values.h"
 
 namespace {
 
 /// The types that the console and the file store process themselves.
-constexpr std::array kTypesOfOthers = {"IdentityIdentity", "DeliveryReceipt", "FileStorePackedFiles",
+constexpr std::array kTypesOfOthers = {kIdentityFileType, kReceiptFileType, "FileStorePackedFiles",
                                        "PackageSyncInfo"};
 
 }  // namespace

@@ -33,7 +33,7 @@ KelContainer ContentOf(const DeliveryJob& job, const KelString& guid, const KelS
 KelContainer OfferOf(const DeliveryJob& job, const KelString& guid, const KelString& path) {
     const FileKey& file = job.file.key;
     FileOffer offer;
-    offer.key.type = "DeliveryReceipt";
+    offer.key.type = kReceiptFileType;
     offer.key.label = file.type;
     offer.key.name = KelFormat("%S-%S-%gd.xml", guid, file.checksum.substr(0, kMd5Digits), job.time);
     offer.upstream = true;

@@ -54,7 +54,7 @@ KelContainer OfferOf(const KelString& guid, const KelString& path) {
     KelContainer info;
     info.SetString("GUID", guid);
     FileOffer offer;
-    offer.key = {"IdentityIdentity", "Identity", guid + ".xml", {}};
+    offer.key = {kIdentityFileType, "Identity", guid + ".xml", {}};
     offer.upstream = true;
     offer.movePath = path;
     offer.info = std::move(info);

@@ -49,13 +49,10 @@ ParentLink::ParentLink(const KelDebug& log, std::function<void()> inSync)
     : KelPeriodicThread(
           log, Begin::WithStep,
           [this] {
-              Check();
+              CheckWhenDue();
               return false;
           },
-          [this](bool) {
-              const auto seconds = GetState().inSync ? settings_.checkInterval : settings_.retryInterval;
-              return std::uint64_t{seconds} * 1000;
-          }),
+          [this](bool) { return MillisecondsToNextCheck(); }),
       log_(log),
       inSync_(std::move(inSync)) {}
 
@@ -128,14 +125,38 @@ void ParentLink::Settle() {
                      settledFile_);
 }
 
-void ParentLink::Check() {
+void ParentLink::RequestCheck() {
+    isCheckRequested_ = true;
+    Signal(0);
+}
+
+std::uint64_t ParentLink::MillisecondsToNextCheck() const {
+    if (!lastCheck_) return 0;
+    const bool isSoon = isCheckRequested_ || !GetState().inSync;
+    const std::chrono::seconds interval(isSoon ? settings_.retryInterval : settings_.checkInterval);
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(*lastCheck_ + interval -
+                                                                   std::chrono::steady_clock::now());
+    return left.count() > 0 ? static_cast<std::uint64_t>(left.count()) : 0;
+}
+
+void ParentLink::CheckWhenDue() {
+    if (MillisecondsToNextCheck() != 0) return;  // woken before its time
+    const bool isRequested = isCheckRequested_.exchange(false);
+    Check(isRequested);
+    lastCheck_ = std::chrono::steady_clock::now();
+}
+
+void ParentLink::Check(bool isRequested) {
     ResolveParent();
     KelString guid;
     KelString problem = AskParent(guid);
     if (CheckCancelled(false)) return;  // the agent stops: no further calls
     if (problem.empty()) {
         const ParentState before = GetState();
-        if (before.inSync && before.guid == guid) return;
+        if (before.inSync && before.guid == guid) {
+            if (isRequested) inSync_();
+            return;
+        }
         problem = AdoptScheme(guid);
     }
     if (!problem.empty()) return ReportProblem(problem);

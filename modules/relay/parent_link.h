@@ -1,7 +1,10 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
+#include <cstdint>
 #include <functional>
+#include <optional>
 
 #include "kel/debug.h"
 #include "kel/mutex.h"
@@ -19,7 +22,8 @@ struct ParentState {
 /// Calls the parent periodically and keeps its state. The first call is made as soon as the thread starts.
 /// When the parent answers again, and when its GUID has changed, the local action IdentityValidateGUIDScheme
 /// is called; when that succeeds, the parent is in sync and `inSync` is called, otherwise it is tried again.
-/// Each change of the state is logged once.
+/// `inSync` is also called when the parent answers a call that was requested. Each change of the state is
+/// logged once.
 class ParentLink : public KelPeriodicThread {
   public:
     ParentLink(const KelDebug& log, std::function<void()> inSync);
@@ -35,10 +39,17 @@ class ParentLink : public KelPeriodicThread {
     /// its own children wait, because they would adopt a scheme that is about to change. From any thread.
     bool IsSettled() const { return settled_; }
 
-    /// Calls the parent once and acts on the answer. The thread's step; blocks on the network.
-    void Check();
+    /// Has the thread call the parent now, or when RetryInterval has passed since the last call: somebody
+    /// could not reach it. From any thread.
+    void RequestCheck();
+
+    /// Calls the parent once and acts on the answer; `isRequested`: the answer is awaited. Part of the
+    /// thread's step; blocks on the network.
+    void Check(bool isRequested = false);
 
   private:
+    void CheckWhenDue();
+    std::uint64_t MillisecondsToNextCheck() const;
     void ResolveParent();
     KelString AskParent(KelString& guid);
     KelString AdoptScheme(const KelString& parentGuid);
@@ -50,6 +61,8 @@ class ParentLink : public KelPeriodicThread {
     RelaySettings settings_;
     KelString settledFile_;
     std::atomic<bool> settled_ = false;
+    std::atomic<bool> isCheckRequested_ = false;
+    std::optional<std::chrono::steady_clock::time_point> lastCheck_;  ///< only the thread uses it
     mutable KelMutex mutex_;  ///< never held across the network or a call
     ParentState state_ KEL_GUARDED_BY(mutex_);
     KelString problem_;  ///< why the parent is out of sync, as logged; only the thread uses it

@@ -7,6 +7,7 @@
 #include "kelcore/action_db.h"
 #include "kelcore/agent.h"
 #include "kelcore/call_origin.h"
+#include "kelcore/callback_db.h"
 #include "kelcore/error_codes.h"
 #include "kelcore/file_values.h"
 
@@ -20,7 +21,7 @@ Relay::Relay()
               return false;
           },
           [this](bool) { return std::uint64_t{settings_.checkInterval} * 1000; }),
-      parentLink_(Log(), [this] { replayThread_.Signal(0); }) {}
+      parentLink_(Log(), [this] { ReportInSync(); }) {}
 
 Relay::~Relay() {
     Relay::Cleanup();
@@ -29,6 +30,14 @@ Relay::~Relay() {
 void Relay::Register(const char* handle) {
     ActionDbRegisterAction(
         "RelayGetValues ()", [this](KelContainer* arguments) { return GetValues(arguments); }, handle);
+    ActionDbRegisterAction(
+        "RelayCheckParent ()",
+        [this](KelContainer* arguments) {
+            arguments->Clear();
+            parentLink_.RequestCheck();
+            return static_cast<unsigned int>(kKelOk);
+        },
+        handle);
     ActionDbRegisterAction(
         "RelayReceiveFile (string FileType, string FileLabel, string FileName, string FileChecksum, string "
         "SourceDevice, bool Upstream, string FilePath, container FileInfo)",
@@ -73,6 +82,12 @@ bool Relay::Activate() {
 void Relay::Cleanup() {
     parentLink_.Cancel(0, true);
     replayThread_.Cancel(0, true);
+}
+
+void Relay::ReportInSync() {
+    replayThread_.Signal(0);
+    KelContainer results;
+    CallbackDbTrigger("RelayCallbackParentInSync", {}, results);
 }
 
 void Relay::ReplayUnconnected() {

@@ -13,6 +13,9 @@
 /// - RelayGetValues -> Values{IsEnabled (bool, true on a relay and on the master), Role, ParentName,
 ///   ParentIPAddress, ParentGuid, ParentPort (int32), ParentSync (bool),
 ///   SchemeSettled (bool, the GUID scheme of this device is final)}
+/// - RelayCheckParent (): for modules that could not reach the parent; has it called soon. When it answers,
+/// the
+///   event RelayCallbackParentInSync follows
 /// - RelayReceiveFile (FileLabel, FileName, FilePath and more values of the file): keeps a copy of a
 /// published
 ///   package as "data/Relay/Packages/<label>/<name>" -> FilePath, the copy's
@@ -20,6 +23,8 @@
 ///
 /// Results: 0; 1 for an unusable input or a call from another device; 13 no such file; 18 when a copy cannot
 /// be written or removed. Every result but 0 comes with a text Message.
+///
+/// The event RelayCallbackParentInSync (no values) is triggered when the parent answers again.
 ///
 /// Once the parent answers (on a master always), the requests that the file store kept while the device was
 /// disconnected are handed back to it (UnconnectedReplay).
@@ -40,6 +45,7 @@ class Relay : public KelModule {
     unsigned int ClearPackage(KelContainer* arguments);
     unsigned int Answer(KelContainer* arguments, const KelStatus& status);
     void ReplayUnconnected();
+    void ReportInSync();
 
     RelaySettings settings_;  ///< written at initialisation only
     PackageCopies packages_;

@@ -133,10 +133,11 @@ class Agent:
         if self.parent:
             command += ["--parent", f"{self.parent.address}:{self.parent.port}"]
         subprocess.run(command, check=True, stdout=subprocess.DEVNULL)
-        self.set_ini("FileStore", "FileStore", "QueueGap", 1)
         self.set_ini("Identity", "Identity", "HostName", self.name)
-        self.set_ini("Relay", "Relay", "RetryInterval", 1)
-        self.set_ini("Relay", "Relay", "CheckInterval", 1)
+        if self.tree.short_intervals:
+            self.set_ini("FileStore", "FileStore", "QueueGap", 1)
+            self.set_ini("Relay", "Relay", "RetryInterval", 1)
+            self.set_ini("Relay", "Relay", "CheckInterval", 1)
 
     @property
     def data(self):
@@ -234,13 +235,15 @@ class Agent:
 class Tree:
     """Agents with one master; `shape` gives the number of clients below each relay, as [2, 2].
 
-    The folder is kept for inspection with `keep` or when KEL_KEEP is in the environment.
+    With `short_intervals`, agents look for work and for their parent every second instead of at the defaults. The
+    folder is kept for inspection with `keep` or when KEL_KEEP is in the environment.
     """
 
-    def __init__(self, build, shape, clock=None, keep=False):
+    def __init__(self, build, shape, clock=None, keep=False, short_intervals=True):
         build = pathlib.Path(build).resolve()
         self.kelagent, self.kel = build / "bin" / "kelagent", build / "bin" / "kel"
         self.clock, self.keep = clock, keep or "KEL_KEEP" in os.environ
+        self.short_intervals = short_intervals
         self.folder = pathlib.Path(tempfile.mkdtemp(prefix="kel_tree_"))
         self.password_file = self.folder / "password"
         self.password_file.write_text(PASSWORD + "\n")

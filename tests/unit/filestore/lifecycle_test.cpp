@@ -41,7 +41,7 @@ TEST_F(Lifecycle, ActionsRefuseCallsWhileTheDatabasesAreClosed) {
         ++actions;
         Ask(signature.substr(0, signature.find(' ')), {}, kKelErrorNotAvailable);
     }
-    EXPECT_EQ(actions, 25);
+    EXPECT_EQ(actions, 27);
 }
 
 TEST_F(Lifecycle, InitialisationFailsAndClosesWhatItOpenedWithoutADatabase) {

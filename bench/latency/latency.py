@@ -1,0 +1,95 @@
+#!/usr/bin/env python3
+"""How long a small file takes through the tree with default settings: latency.py BIN [--runs N]
+
+Real agents in a chain: a master, two relays below each other, and a client below each of the three. Every run publishes
+a file of 4 KiB to one of the clients, and sends one from the lowest client to the master. The time begins when the
+command line is started and ends when the file lies in the inbox, or in the master's collected files.
+"""
+import argparse
+import os
+import pathlib
+import statistics
+import subprocess
+import sys
+import tempfile
+import time
+
+HERE = pathlib.Path(__file__).resolve().parent
+sys.path.insert(0, str(HERE.parent.parent / "tests" / "system"))
+
+from tree import Tree  # noqa: E402
+
+FILE_BYTES = 4096
+WAIT_SECONDS = 400
+POLL_SECONDS = 0.002
+PAUSE_SECONDS = 0.3  # between two runs, so that receipts of the last one are not in the way of the next
+
+
+def wait_for(path):
+    deadline = time.monotonic() + WAIT_SECONDS
+    while not path.exists():
+        if time.monotonic() > deadline:
+            sys.exit(f"{path} did not arrive within {WAIT_SECONDS} s")
+        time.sleep(POLL_SECONDS)
+
+
+def timed(command, arrives):
+    begin = time.monotonic()
+    with subprocess.Popen(command, stdout=subprocess.DEVNULL):
+        wait_for(arrives)
+        seconds = time.monotonic() - begin
+    time.sleep(PAUSE_SECONDS)
+    return seconds
+
+
+def report(course, seconds):
+    print(f"  {course:28} median {statistics.median(seconds):6.3f} s   minimum {min(seconds):6.3f} s   "
+          f"maximum {max(seconds):6.3f} s", flush=True)
+
+
+def chain(build):
+    tree = Tree(build, [], short_intervals=False)
+    upper = tree.add("relay1", "relay", tree.master)
+    lower = tree.add("relay2", "relay", upper)
+    tree.relays = [upper, lower]
+    tree.clients = [tree.add(f"client{number}", "client", parent)
+                    for number, parent in enumerate((tree.master, upper, lower))]
+    return tree
+
+
+def run(build, runs):
+    with chain(build) as tree, tempfile.TemporaryDirectory() as folder:
+        tree.start(seconds=WAIT_SECONDS)
+        # A file that the tree has already carried opens connections and warms caches.
+        for relays, client in enumerate(tree.clients):
+            seconds = []
+            for number in range(runs + 1):
+                name = f"down{relays}_{number:03}"
+                file = pathlib.Path(folder) / name
+                file.write_bytes(os.urandom(FILE_BYTES))
+                command = [tree.kel, "--root", tree.master.root, "publish", file, "--type", "Bench", "--label",
+                           "latency", "--to", client.name]
+                seconds.append(timed(command, client.data / "Delivery" / "Inbox" / "Bench" / "latency" / name))
+            report(f"down through {relays} relays", seconds[1:])
+        client, seconds = tree.clients[-1], []
+        collected = tree.master.data / "Delivery" / "Collected" / client.identity()["GUID"]
+        for number in range(runs + 1):
+            name = f"up_{number:03}"
+            file = pathlib.Path(folder) / name
+            file.write_bytes(os.urandom(FILE_BYTES))
+            command = [tree.kel, "--root", client.root, "send", file, "--type", "Bench", "--label", "latency"]
+            seconds.append(timed(command, collected / "Bench" / "latency" / name))
+        report("up through 2 relays", seconds[1:])
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
+    parser.add_argument("bin", type=pathlib.Path, help="folder of the programs, as build/release/bin")
+    parser.add_argument("--runs", type=int, default=50, help="measured runs of each course (default 50)")
+    options = parser.parse_args()
+    print(f"4 KiB, default settings, {options.runs} runs each")
+    run(options.bin.resolve().parent, options.runs)
+
+
+if __name__ == "__main__":
+    main()

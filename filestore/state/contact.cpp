@@ -1,0 +1,96 @@
+#include "filestore/state/contact.h"
+
+#include <chrono>
+#include <ctime>
+
+#include "filestore/db/files_table.h"
+#include "filestore/db/targets_table.h"
+#include "filestore/state/device.h"
+#include "filestore/state/file_store.h"
+#include "kel/container.h"
+#include "kelcore/action_db.h"
+#include "kelcore/call_origin.h"
+#include "kelcore/device_name.h"
+#include "kelcore/error_codes.h"
+#include "kelcore/file_values.h"
+#include "kelcore/http/client.h"
+
+using namespace filestore;
+
+namespace {
+
+/// Tells the parent that this device can be called again.
+constexpr const char* kContactAction = "FileStoreDeviceContact";
+
+/// When each device was last heard from. A device that calls but cannot be called would otherwise be tried
+/// after every one of its calls.
+class LastSigns {
+  public:
+    /// True when the device has not been heard from for a while.
+    bool Note(const KelString& deviceUrl) {
+        const auto now = std::chrono::steady_clock::now();
+        const KelLock lock(mutex_);
+        if (times_.size() >= kMostDevices) times_.clear();  // callers may name themselves as they like
+        const auto [known, isNew] = times_.try_emplace(deviceUrl, now);
+        if (!isNew && now - known->second < kGap) return false;
+        known->second = now;
+        return true;
+    }
+
+  private:
+    static constexpr auto kGap = std::chrono::seconds(10);
+    static constexpr std::size_t kMostDevices = 50000;
+
+    KelMutex mutex_;
+    KelHash<KelString, std::chrono::steady_clock::time_point> times_ KEL_GUARDED_BY(mutex_);
+};
+
+void LookForParent() {
+    KelContainer none;
+    CallLocal("RelayCheckParent", none);
+}
+
+}  // namespace
+
+namespace filestore {
+
+void ReportParentError(unsigned int error) {
+    if (error == kKelErrorUnreachable || error == kKelErrorCredentials) LookForParent();
+}
+
+void ReportTransferResult(unsigned int result) {
+    if (result == kHttpUnreachable || result == kHttpCutOff) LookForParent();
+}
+
+void NoteSignOfLife(const KelString& deviceUrl) {
+    static LastSigns lastSigns;
+    if (!IsDeviceUrl(deviceUrl) || !lastSigns.Note(deviceUrl)) return;
+    if (MakeTargetsDue(deviceUrl, std::time(nullptr))) FileStore::WakeWorker(Worker::Notify);
+}
+
+}  // namespace filestore
+
+/// The relay module reports that the parent answers again.
+unsigned int FileStore::ActionHandler_FileStoreParentInSync(KelContainer* arguments) {
+    if (!ActionIsFromThisDevice(*arguments)) return kKelErrorBadInput;
+    MakeDueForParent();
+    WakeWorker(Worker::Pull);
+    WakeWorker(Worker::Push);
+    KelString parentUrl, parentGuid;
+    GetRelayUrl(parentUrl, parentGuid);
+    const KelString ownUrl = OurDeviceUrl();
+    if (parentUrl.empty() || ownUrl.empty()) return kKelOk;
+    KelContainer call;
+    call.SetString(kValueDeviceGuid, ownUrl);
+    CallDevice(parentUrl, kContactAction, call);
+    return kKelOk;
+}
+
+/// A child reports that it can be called.
+unsigned int FileStore::ActionHandler_FileStoreDeviceContact(KelContainer* arguments) {
+    const KelString deviceUrl = arguments->GetString(kValueDeviceGuid);
+    arguments->Clear();
+    if (!IsDeviceUrl(deviceUrl)) return kKelErrorBadInput;
+    NoteSignOfLife(deviceUrl);
+    return kKelOk;
+}
