@@ -62,6 +62,11 @@ class IdList {
         text_ += KelFormat("%s%gu", text_.empty() ? "" : ", ", id);
         ++count_;
     }
+    void Append(const IdList& other) {
+        if (other.IsEmpty()) return;
+        text_ += (text_.empty() ? "" : ", ") + other.text_;
+        count_ += other.count_;
+    }
     bool IsEmpty() const { return count_ == 0; }
     std::size_t Count() const { return count_; }
     const KelString& Text() const { return text_; }

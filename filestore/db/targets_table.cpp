@@ -16,9 +16,12 @@ namespace {
 constexpr char kDue[] =
     "SELECT %s, %s FROM Files JOIN Targets ON Files.FileId = Targets.FileId AND LastNotifyTime %s %ld WHERE "
     "FileStatus IN ('%s', '%s') AND LastStatusChangeTime NOT BETWEEN %ld AND %ld AND (Upstream = 0 AND "
-    "Acknowledged <> 0) %s ORDER BY Priority DESC, ((0.33 * CreateTime) + (0.67 * LastNotifyTime)) ASC, "
+    "Acknowledged <> 0) %S ORDER BY Priority DESC, ((0.33 * CreateTime) + (0.67 * LastNotifyTime)) ASC, "
     "Files.FileId ASC LIMIT %u";
-constexpr char kPassesClosedWindow[] = "AND ((Bypass = 1) OR (DeviceGUID = ''))";
+constexpr char kOnThisDevice[] = "AND DeviceGUID = ''";
+constexpr char kOnOtherDevices[] = "AND DeviceGUID <> ''%s%S";
+constexpr char kPassesClosedWindow[] = " AND Bypass = 1";
+constexpr char kNotOn[] = " AND DeviceGUID NOT IN (%S)";
 constexpr char kOne[] =
     "SELECT %s, %s FROM Files JOIN Targets ON Files.FileId = Targets.FileId WHERE Files.FileId = %lu AND "
     "TargetId = "
@@ -100,17 +103,20 @@ void FileStoreTarget::Read(RowReader& row) {
     WakeUpDevice = row.Unsigned32();
 }
 
-KelVector<FileTarget> SelectDueTargets(std::int64_t due, std::int64_t latest, bool windowClosed,
-                                       unsigned int limit) {
-    const auto select = [=](const char* comparison, std::int64_t time, std::size_t most) {
-        return SelectWithFiles(
-            KelFormat(kDue, FileStoreEntry::kColumns, FileStoreTarget::kColumns, comparison, time,
-                      kStatusAvailable, kStatusNotRelaysChild, due, LatestPossibleTime(std::time(nullptr)),
-                      windowClosed ? kPassesClosedWindow : "", static_cast<unsigned int>(most)));
+KelVector<FileTarget> SelectDueTargets(const DueTargets& wanted) {
+    const KelString others =
+        KelFormat(kOnOtherDevices, wanted.windowClosed ? kPassesClosedWindow : "",
+                  wanted.except.empty() ? KelString() : KelFormat(kNotOn, QuotedList(wanted.except)));
+    const KelString condition = wanted.where == DueTargets::Where::ThisDevice ? kOnThisDevice : others;
+    const auto select = [&](const char* comparison, std::int64_t time, std::size_t most) {
+        return SelectWithFiles(KelFormat(kDue, FileStoreEntry::kColumns, FileStoreTarget::kColumns,
+                                         comparison, time, kStatusAvailable, kStatusNotRelaysChild,
+                                         wanted.due, LatestPossibleTime(std::time(nullptr)), condition,
+                                         static_cast<unsigned int>(most)));
     };
-    KelVector<FileTarget> rows = select(">", latest, limit);
-    if (rows.size() < limit)
-        for (FileTarget& row : select("<", due, limit - rows.size()))
+    KelVector<FileTarget> rows = select(">", wanted.latest, wanted.limit);
+    if (rows.size() < wanted.limit)
+        for (FileTarget& row : select("<", wanted.due, wanted.limit - rows.size()))
             rows.push_back(std::move(row));
     return rows;
 }
@@ -201,19 +207,34 @@ bool DeleteTargetsOfDevice(std::uint64_t fileId, const KelString& guid) {
     return Change(KelFormat(kDeleteOfDevice, fileId, guid));
 }
 
-bool RecordAnnouncements(const AnnouncementOutcome& outcome, std::int64_t now, std::int64_t announcedTime) {
+bool AnnouncementOutcome::IsEmpty() const {
+    return delivered.IsEmpty() && announced.IsEmpty() && failed.IsEmpty() && failedDevices.empty() &&
+           putOff.IsEmpty();
+}
+
+void AnnouncementOutcome::Append(const AnnouncementOutcome& other) {
+    delivered.Append(other.delivered);
+    announced.Append(other.announced);
+    failed.Append(other.failed);
+    failedDevices.insert(failedDevices.end(), other.failedDevices.begin(), other.failedDevices.end());
+    putOff.Append(other.putOff);
+}
+
+bool RecordAnnouncements(const AnnouncementOutcome& outcome, const AnnouncementTimes& times) {
     const FileStoreDatabase database = Database();
     const KelLock lock(database.mutex);
     DBTransaction transaction(database.connection);
-    const auto run = [](const IdList& ids, const KelString& statement) {
-        return ids.IsEmpty() || Change(statement);
+    const auto setTime = [](const IdList& ids, std::int64_t time) {
+        return ids.IsEmpty() || Change(KelFormat(kSetNotifyTimes, time, ids.Text()));
     };
-    const KelString failedDevices = QuotedList(outcome.failedDevices);
-    return transaction.IsOpen() && run(outcome.delivered, KelFormat(kDeleteAll, outcome.delivered.Text())) &&
-           run(outcome.failed, KelFormat(kSetNotifyTimes, now, outcome.failed.Text())) &&
-           (failedDevices.empty() || Change(KelFormat(kPostponeDevices, now, failedDevices))) &&
-           run(outcome.announced, KelFormat(kSetNotifyTimes, announcedTime, outcome.announced.Text())) &&
-           transaction.Commit();
+    const bool recorded =
+        transaction.IsOpen() &&
+        (outcome.delivered.IsEmpty() || Change(KelFormat(kDeleteAll, outcome.delivered.Text()))) &&
+        setTime(outcome.failed, times.now) &&
+        (outcome.failedDevices.empty() ||
+         Change(KelFormat(kPostponeDevices, times.now, QuotedList(outcome.failedDevices)))) &&
+        setTime(outcome.announced, times.announced) && setTime(outcome.putOff, times.putOff);
+    return recorded && transaction.Commit();
 }
 
 }  // namespace filestore

@@ -38,12 +38,21 @@ struct FileTarget {
 
 // ---- selections
 
-/// The most urgent targets that are due: of available files, and neither file nor target touched since `due`.
-/// Notification times above `latest`, which nothing writes, were written before the clock was set back: these
-/// targets are due too and come first. With `windowClosed` only those that pass a closed window: bypass files
-/// and targets on this device.
-KelVector<FileTarget> SelectDueTargets(std::int64_t due, std::int64_t latest, bool windowClosed,
-                                       unsigned int limit);
+/// Which of the due targets are selected: those of available files where neither file nor target was touched
+/// since `due`. Notification times above `latest`, which nothing writes, were written before the clock was
+/// set back: these targets are due too and come first.
+struct DueTargets {
+    enum class Where : unsigned char { ThisDevice, OtherDevices };
+
+    std::int64_t due = 0;
+    std::int64_t latest = 0;
+    Where where = Where::ThisDevice;
+    bool windowClosed = false;    ///< of other devices only those of bypass files
+    KelVector<KelString> except;  ///< path names of devices that are left out
+    unsigned int limit = 0;
+};
+/// The most urgent due targets.
+KelVector<FileTarget> SelectDueTargets(const DueTargets& wanted);
 
 /// One target of one file, at most one row, whatever their times and status.
 KelVector<FileTarget> SelectTarget(std::uint64_t fileId, std::uint64_t targetId);
@@ -93,9 +102,19 @@ struct AnnouncementOutcome {
     IdList announced;                    ///< targets that have taken the announcement
     IdList failed;                       ///< targets that could not be called
     KelVector<KelString> failedDevices;  ///< their path names: all rows of such a device are postponed
+    IdList putOff;                       ///< targets that could not be tried and are due again soon
+
+    bool IsEmpty() const;
+    void Append(const AnnouncementOutcome& other);
 };
-/// Records it in one transaction: failed targets and devices count as notified at `now`, announced ones at
-/// `announcedTime`, so that they are announced again if they do not acknowledge.
-bool RecordAnnouncements(const AnnouncementOutcome& outcome, std::int64_t now, std::int64_t announcedTime);
+
+/// The times that an outcome gets.
+struct AnnouncementTimes {
+    std::int64_t now = 0;        ///< of failed targets and devices
+    std::int64_t announced = 0;  ///< these are announced again if they do not acknowledge
+    std::int64_t putOff = 0;
+};
+/// Records it in one transaction.
+bool RecordAnnouncements(const AnnouncementOutcome& outcome, const AnnouncementTimes& times);
 
 }  // namespace filestore

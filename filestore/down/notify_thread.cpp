@@ -1,6 +1,8 @@
 #include "filestore/down/notify_thread.h"
 
+#include <chrono>
 #include <ctime>
+#include <utility>
 
 #include "filestore/db/file_status.h"
 #include "filestore/db/handed_over_table.h"
@@ -20,6 +22,12 @@ namespace {
 
 constexpr unsigned int kBatchSize = 50;
 
+/// How long a batch waits for its slowest call before the next one begins.
+constexpr std::chrono::milliseconds kPatience{100};
+
+/// When a target is due again whose device could not be tried because too many silent ones were.
+constexpr std::int64_t kPutOffSeconds = 5;
+
 /// One at a time while multicast shares a limited link: the multicast window, not the downward one, throttles
 /// the announcements.
 unsigned int BatchSize() {
@@ -28,11 +36,14 @@ unsigned int BatchSize() {
     return multicast.BandwidthIsLimited() && multicast.GetRate(frameSize) != 0 ? 1 : kBatchSize;
 }
 
-KelVector<FileTarget> SelectBatch() {
-    const std::int64_t now = std::time(nullptr);
-    return SelectDueTargets(FileStoreDueBefore(FileStore::ulTimeout),
-                            LatestPossibleTime(TimeOfAnnounced(now)),
-                            FileStore::bmTrackUsageDown.TransfersAreDisabled(), BatchSize());
+DueTargets DueNow(DueTargets::Where where, unsigned int limit) {
+    DueTargets wanted;
+    wanted.due = FileStoreDueBefore(FileStore::ulTimeout);
+    wanted.latest = LatestPossibleTime(TimeOfAnnounced(std::time(nullptr)));
+    wanted.where = where;
+    wanted.windowClosed = FileStore::bmTrackUsageDown.TransfersAreDisabled();
+    wanted.limit = limit;
+    return wanted;
 }
 
 /// A target that multicast has left out. It is not woken again, and the transport mode for it is chosen anew,
@@ -58,28 +69,43 @@ void NotifyLocal(const FileTarget& row, AnnouncementOutcome& outcome) {
     outcome.delivered.Add(row.target.TargetId);
 }
 
-void NotifyRemote(const FileTarget& row, AnnouncementOutcome& outcome) {
-    const FileStoreTarget& target = row.target;
-    FileStore::debugFileStore.Detail("NotifyThread: Notifying %S about %S/%S/%S\n", target.DeviceGUID,
+/// False, with the target to be removed, when its device can never be called.
+bool CheckDestination(const FileTarget& row, AnnouncementOutcome& outcome) {
+    FileStore::debugFileStore.Detail("NotifyThread: Notifying %S about %S/%S/%S\n", row.target.DeviceGUID,
                                      row.file.FileType, row.file.FileLabel, row.file.FileName);
-    if (!IsValidDestination(target.DeviceGUID)) {
-        FileStore::debugFileStore.Warning("NotifyThread: Will ignore invalid destination address\n");
-        outcome.delivered.Add(target.TargetId);
-        return;
-    }
-    KelString url, guid;
-    FileStore::GetDeviceUrl(target.DeviceGUID, url, guid);
-    FileOffer announcement = BuildAnnouncement(row);
-    announcement.url = AnnouncedUrl(row.file);
-    KelContainer values = announcement.ToContainer();
-    const unsigned int error = CallDevice(url, "FileStoreReceiveFile", values);
+    if (IsValidDestination(row.target.DeviceGUID)) return true;
+    FileStore::debugFileStore.Warning("NotifyThread: Will ignore invalid destination address\n");
+    outcome.delivered.Add(row.target.TargetId);
+    return false;
+}
+
+void NotifyRemote(const FileTarget& row, AnnouncementOutcome& outcome) {
+    if (!CheckDestination(row, outcome)) return;
+    const unsigned int error = AnnounceTo(row);
     if (error == kKelOk) {
-        outcome.announced.Add(target.TargetId);
+        outcome.announced.Add(row.target.TargetId);
         return;
     }
-    outcome.failed.Add(target.TargetId);
-    outcome.failedDevices.push_back(target.DeviceGUID);
-    WakeUpTarget(target, error);
+    outcome.failed.Add(row.target.TargetId);
+    outcome.failedDevices.push_back(row.target.DeviceGUID);
+    WakeUpTarget(row.target, error);
+}
+
+/// The rows by device, in the order in which the devices come first; rows that can never be announced go to
+/// the outcome.
+KelVector<KelVector<FileTarget>> ByDevice(KelVector<FileTarget> rows, AnnouncementOutcome& outcome) {
+    KelVector<KelVector<FileTarget>> devices;
+    KelHash<KelString, std::size_t> known;
+    for (FileTarget& row : rows) {
+        if (!ReplaceByRuleFile(row)) {
+            outcome.failed.Add(row.target.TargetId);
+        } else if (CheckDestination(row, outcome)) {
+            const auto [device, isNew] = known.try_emplace(row.target.DeviceGUID, devices.size());
+            if (isNew) devices.emplace_back();
+            devices[device->second].push_back(std::move(row));
+        }
+    }
+    return devices;
 }
 
 /// Remembers what is about to be handed over to modules of this device. Rule files are made anew when they
@@ -92,10 +118,12 @@ bool RememberLocal(const KelVector<FileTarget>& rows) {
     return RememberHandedOver(fileIds);
 }
 
-/// False when nothing was written.
+/// False when it could not be written.
 bool Record(const AnnouncementOutcome& outcome) {
+    if (outcome.IsEmpty()) return true;
     const std::int64_t now = std::time(nullptr);
-    return RecordAnnouncements(outcome, now, TimeOfAnnounced(now));
+    const std::int64_t soon = FileStoreDueBefore(FileStore::ulTimeout) + kPutOffSeconds;
+    return RecordAnnouncements(outcome, {now, TimeOfAnnounced(now), soon});
 }
 
 }  // namespace
@@ -114,23 +142,80 @@ bool FileStoreNotifyThread::NotifyTargets() {
     return NotifyUnicastTargets(0, 0) != 0;
 }
 
+void FileStoreNotifyThread::ThreadMain() {
+    FileThreadBase::ThreadMain();
+    calls_.Finish();
+}
+
 int FileStoreNotifyThread::NotifyUnicastTargets(unsigned int fileId, unsigned int targetId) {
     FileStore::debugFileStore.Trace("NotifyThread: Looking for files to send downstream\n");
-    KelVector<FileTarget> rows =
-        fileId != 0 && targetId != 0 ? SelectSingle(fileId, targetId) : SelectBatch();
+    const bool worked = fileId != 0 && targetId != 0 ? NotifySingle(fileId, targetId) : NotifyBatch();
+    return worked ? 1 : 0;
+}
+
+bool FileStoreNotifyThread::NotifySingle(unsigned int fileId, unsigned int targetId) {
+    KelVector<FileTarget> rows = SelectSingle(fileId, targetId);
     if (rows.empty()) {
         FileStore::debugFileStore.Detail("NotifyThread: Nothing found to notify\n");
-        return 0;
+        return false;
     }
-    if (!RememberLocal(rows)) return 0;
+    FileTarget& row = rows.front();
+    const bool isLocal = row.target.DeviceGUID.empty();
+    if (isLocal && !RememberLocal(rows)) return false;
     AnnouncementOutcome outcome;
-    for (auto row = rows.begin(); row != rows.end() && !CheckCancelled(false); ++row) {
-        if (!ReplaceByRuleFile(*row))
-            outcome.failed.Add(row->target.TargetId);
-        else if (row->target.DeviceGUID.empty())
-            NotifyLocal(*row, outcome);
-        else
-            NotifyRemote(*row, outcome);
+    if (!ReplaceByRuleFile(row))
+        outcome.failed.Add(row.target.TargetId);
+    else if (isLocal)
+        NotifyLocal(row, outcome);
+    else
+        NotifyRemote(row, outcome);
+    return Record(outcome);
+}
+
+/// Targets on this device come first and never wait for a call to another one.
+bool FileStoreNotifyThread::NotifyBatch() {
+    if (!Record(calls_.Collect())) return false;
+    const unsigned int limit = BatchSize();
+    KelVector<FileTarget> local = SelectDueTargets(DueNow(DueTargets::Where::ThisDevice, limit));
+    if (!local.empty() && !NotifyThisDevice(local)) return false;
+    const auto left = static_cast<unsigned int>(limit - local.size());
+    if (left == 0 || CheckCancelled(false)) return true;
+    if (calls_.IsFull()) {
+        calls_.Wait(kPatience);
+        return Record(calls_.Collect());
     }
-    return Record(outcome) ? 1 : 0;
+    DueTargets wanted = DueNow(DueTargets::Where::OtherDevices, left);
+    wanted.except = calls_.BusyDevices();
+    KelVector<FileTarget> remote = SelectDueTargets(wanted);
+    if (local.empty() && remote.empty())
+        FileStore::debugFileStore.Detail("NotifyThread: Nothing found to notify\n");
+    return remote.empty() ? !local.empty() : NotifyOtherDevices(std::move(remote));
+}
+
+/// False when nothing was recorded, in this and the next.
+bool FileStoreNotifyThread::NotifyThisDevice(KelVector<FileTarget>& rows) {
+    if (!RememberLocal(rows)) return false;
+    AnnouncementOutcome outcome;
+    for (FileTarget& row : rows) {
+        if (CheckCancelled(false)) break;
+        if (ReplaceByRuleFile(row))
+            NotifyLocal(row, outcome);
+        else
+            outcome.failed.Add(row.target.TargetId);
+    }
+    return Record(outcome);
+}
+
+bool FileStoreNotifyThread::NotifyOtherDevices(KelVector<FileTarget> rows) {
+    AnnouncementOutcome outcome;
+    for (KelVector<FileTarget>& ofDevice : ByDevice(std::move(rows), outcome)) {
+        if (CheckCancelled(false)) break;
+        IdList ids;
+        for (const FileTarget& row : ofDevice)
+            ids.Add(row.target.TargetId);
+        if (calls_.Begin(std::move(ofDevice)) == AnnouncementCalls::Begun::NoRoom) outcome.putOff.Append(ids);
+    }
+    calls_.Wait(kPatience);
+    outcome.Append(calls_.Collect());
+    return Record(outcome);
 }

@@ -1,12 +1,14 @@
 #pragma once
 
+#include "filestore/down/announcement_calls.h"
 #include "filestore/state/worker_loop.h"
 
 /// Announces available files to their targets: to the devices below by calling them, to the modules of this
 /// device by an event. A device that has been called is announced the file again after a while, until it
 /// acknowledges (acknowledge.cpp); a target on this device is done with the event.
 ///
-/// A batch holds up to 50 targets; the one place that decides their order is the ORDER BY of SelectDueTargets
+/// A batch holds up to 50 targets; different devices are called side by side (announcement_calls.h). The one
+/// place that decides their order is the ORDER BY of SelectDueTargets
 /// in db/targets_table.cpp: priority first, then the weighted age of the file and of the last announcement.
 class FileStoreNotifyThread : public FileThreadBase {
   public:
@@ -17,9 +19,19 @@ class FileStoreNotifyThread : public FileThreadBase {
 
     /// Notifies the due targets that come first (both arguments 0), or one target of one file, whatever its
     /// times. 1 when there were any; 0 when not, and when the database did not take the outcome: they stay
-    /// due then. Public for tests, on any one thread.
+    /// due then. Of a batch, calls that take long go on when this returns; what they come to is recorded at
+    /// the next call. Public for tests, on any one thread.
     int NotifyUnicastTargets(unsigned int fileId, unsigned int targetId);
 
   protected:
+    void ThreadMain() override;
     bool DoWork() override;
+
+  private:
+    bool NotifySingle(unsigned int fileId, unsigned int targetId);
+    bool NotifyBatch();
+    bool NotifyThisDevice(KelVector<filestore::FileTarget>& rows);
+    bool NotifyOtherDevices(KelVector<filestore::FileTarget> rows);
+
+    filestore::AnnouncementCalls calls_;
 };

@@ -60,7 +60,10 @@ TEST_F(Clock, OnlyNotificationTimesThatNothingWritesCountAsDue) {
         AddTarget(AddFile(kDown, "n", "AVAILABLE",
                           KelFormat("Acknowledged = 1, LastStatusChangeTime = %ld", statusTime)),
                   1, kChild, notifyTime);
-        EXPECT_EQ(SelectDueTargets(now_ - 300, announced + 60, false, 50).size(), isDue);
+        EXPECT_EQ(
+            SelectDueTargets({now_ - 300, announced + 60, DueTargets::Where::OtherDevices, false, {}, 50})
+                .size(),
+            isDue);
     }
 }
 

@@ -104,6 +104,7 @@ TEST_F(QueryPlan, DownstreamStatementsSearchAnIndex) {
         SetReceivedByMulticast(1, 1);
         ResetMulticastReception("u");
         ForgetUnfinishedOffers();
+        MakeDueForParent();
         RecordRequestAnswer(1, {kStatusDownloading, NextTry::AtOnce, "u", 0, "c"});
 
         SelectTarget(1, 2);
@@ -111,15 +112,17 @@ TEST_F(QueryPlan, DownstreamStatementsSearchAnIndex) {
         FindTargets(1, "d");
         HasTargets(1);
         LatestNotifyTime("d");
+        MakeTargetsDue("d", 1);
         SetNotifyTime(1, 1);
         SetTargetDevice({});
         DeleteTargetsOfDevice(1, "G");
         ForgetHandedOver({"t", "l", "n", "c"});
-        RecordAnnouncements({Ids(), Ids(), Ids(), {"a", "b"}}, 1, 1);
+        RecordAnnouncements({Ids(), Ids(), Ids(), {"a", "b"}, Ids()}, {1, 1, 1});
     });
     // Their order depends on two tables at once: what is due is sorted.
     for (const bool windowClosed : {false, true})
-        Check(kDown, May::Sort, [windowClosed] { SelectDueTargets(9, 99, windowClosed, 50); });
+        for (const auto where : {DueTargets::Where::ThisDevice, DueTargets::Where::OtherDevices})
+            Check(kDown, May::Sort, [=] { SelectDueTargets({9, 99, where, windowClosed, {"a"}, 50}); });
 }
 
 TEST_F(QueryPlan, UpstreamStatementsSearchAnIndex) {
@@ -131,6 +134,7 @@ TEST_F(QueryPlan, UpstreamStatementsSearchAnIndex) {
         SelectFilesBeingReceived();
         SetReceivingAgain(1, 1, "u");
         HandleAgain(1);
+        MakeDueForParent();
         SetMissingSourceDevices("d");
         RecordSentFiles({{1, kStatusUploading, "u"}});
     });
@@ -153,7 +157,9 @@ TEST_F(QueryPlan, TablesAreScannedOnlyWhereAllRowsAreMeant) {
 
 /// With nothing due, the batch must cost nothing, however many files are kept: targets come first.
 TEST_F(QueryPlan, NotificationStartsFromTheDueTargets) {
-    const Texts batch = Recorded(kDown, [] { SelectDueTargets(9, 99, false, 50); });
+    const Texts batch = Recorded(kDown, [] {
+        SelectDueTargets({9, 99, DueTargets::Where::OtherDevices, false, {}, 50});
+    });
     ASSERT_EQ(batch.size(), 2U);
     for (const auto& [part, search] : {std::pair(0U, "(LastNotifyTime>?)"), {1U, "(LastNotifyTime<?)"}})
         EXPECT_NE(Plan(kDown, batch[part]).at(0).find(KelFormat("INDEX TargetsDue %s", search)),
