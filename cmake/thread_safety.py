@@ -20,7 +20,8 @@ def sources_with_locks(build, root):
     deps = subprocess.run(["ninja", "-C", build, "-t", "deps"], check=True, capture_output=True, text=True).stdout
     found = set()
     for block in deps.split("\n\n"):
-        files = [os.path.relpath(line.strip(), root) for line in block.splitlines()[1:]]
+        # A compiler cache may have made the paths relative to the build folder.
+        files = [os.path.relpath(os.path.join(build, line.strip()), root) for line in block.splitlines()[1:]]
         if files and files[0].split(os.sep)[0] in PRODUCT and "kel/mutex.h" in files:
             found.add(files[0])
     return sorted(found)
