@@ -1,0 +1,149 @@
+#include "filestore/down/announcement_calls.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "filestore/down/announcement.h"
+#include "filestore/state/file_store.h"
+#include "kelcore/action_db.h"
+#include "kelcore/error_codes.h"
+
+namespace filestore {
+
+namespace {
+
+constexpr std::size_t kMostAtOnce = 50;
+/// A call that takes longer no longer counts among those: it most probably ends with its time-out.
+constexpr std::chrono::seconds kSlow{3};
+/// The slow ones included.
+constexpr std::size_t kMostInAll = 250;
+/// Of devices that did not answer last time.
+constexpr std::size_t kMostSuspects = 10;
+
+// Seconds.
+constexpr int kConnectTimeout = 3;
+constexpr int kCallTimeout = 15;
+
+}  // namespace
+
+unsigned int AnnounceTo(const FileTarget& row) {
+    KelString url, guid;
+    FileStore::GetDeviceUrl(row.target.DeviceGUID, url, guid);
+    FileOffer announcement = BuildAnnouncement(row);
+    announcement.url = AnnouncedUrl(row.file);
+    KelContainer values = announcement.ToContainer();
+    return ActionDbInvokeContainer(nullptr, url, "FileStoreReceiveFile", values, 0, kConnectTimeout,
+                                   kCallTimeout, nullptr);
+}
+
+AnnouncementCalls::Begun AnnouncementCalls::Begin(KelVector<FileTarget> rows) {
+    const KelString device = rows.front().target.DeviceGUID;
+    const bool isSuspect = silent_.contains(device);
+    if (IsFull()) return Begun::NoRoom;
+    const KelLock lock(mutex_);
+    const auto isOfSuspect = [](const Call& call) { return call.isSuspect && !call.hasEnded; };
+    if (isSuspect && std::ranges::count_if(calls_, isOfSuspect) >= std::ptrdiff_t{kMostSuspects})
+        return Begun::NoRoom;
+    Call& call = calls_.emplace_back();
+    call.device = device;
+    call.begin = std::chrono::steady_clock::now();
+    call.isSuspect = isSuspect;
+    try {
+        call.thread = std::thread([this, &call, rows = std::move(rows)] { Run(call, rows); });
+    } catch (const std::system_error&) {  // no more threads now: the rows stay due
+        calls_.pop_back();
+        return Begun::NoRoom;
+    }
+    return Begun::Yes;
+}
+
+void AnnouncementCalls::Run(Call& call, const KelVector<FileTarget>& rows) {
+    AnnouncementOutcome outcome;
+    unsigned int error = kKelOk;
+    bool isWoken = false;
+    for (const FileTarget& row : rows) {
+        if (error == kKelOk) error = AnnounceTo(row);
+        if (error == kKelOk) {
+            outcome.announced.Add(row.target.TargetId);
+            continue;
+        }
+        outcome.failed.Add(row.target.TargetId);
+        if (!isWoken) WakeUpTarget(row.target, error);
+        isWoken = isWoken || row.target.WakeUpDevice == 1;
+    }
+    if (error != kKelOk) outcome.failedDevices.push_back(call.device);
+    bool isCollected = false;
+    {
+        const KelLock lock(mutex_);
+        call.outcome = std::move(outcome);
+        call.isSilent = error == kKelErrorUnreachable;
+        call.hasEnded = true;
+        isCollected = isWaiting_;
+        ended_.notify_all();
+    }
+    if (!isCollected) FileStore::WakeWorker(Worker::Notify);
+}
+
+bool AnnouncementCalls::HaveAllEnded() const {
+    return std::ranges::all_of(calls_, [](const Call& call) { return call.hasEnded; });
+}
+
+bool AnnouncementCalls::IsFull() const {
+    const auto slowBefore = std::chrono::steady_clock::now() - kSlow;
+    const KelLock lock(mutex_);
+    const auto isPrompt = [slowBefore](const Call& call) {
+        return !call.hasEnded && call.begin > slowBefore;
+    };
+    return calls_.size() >= kMostInAll ||
+           std::ranges::count_if(calls_, isPrompt) >= std::ptrdiff_t{kMostAtOnce};
+}
+
+KelVector<KelString> AnnouncementCalls::BusyDevices() const {
+    KelVector<KelString> devices;
+    const KelLock lock(mutex_);
+    for (const Call& call : calls_)
+        devices.push_back(call.device);
+    return devices;
+}
+
+void AnnouncementCalls::Wait(std::chrono::milliseconds patience) {
+    const auto end = std::chrono::steady_clock::now() + patience;
+    KelLock lock(mutex_);
+    isWaiting_ = true;
+    while (!HaveAllEnded() && ended_.wait_until(mutex_, end) == std::cv_status::no_timeout) {
+    }
+    isWaiting_ = false;
+}
+
+AnnouncementOutcome AnnouncementCalls::Collect() {
+    std::list<Call> ended;
+    {
+        const KelLock lock(mutex_);
+        for (auto call = calls_.begin(); call != calls_.end();) {
+            const auto next = std::next(call);
+            if (call->hasEnded) ended.splice(ended.end(), calls_, call);
+            call = next;
+        }
+    }
+    AnnouncementOutcome all;
+    for (Call& call : ended) {
+        call.thread.join();
+        if (call.isSilent)
+            silent_.insert(call.device);
+        else
+            silent_.erase(call.device);
+        all.Append(call.outcome);
+    }
+    return all;
+}
+
+void AnnouncementCalls::Finish() {
+    KelLock lock(mutex_);
+    while (!HaveAllEnded())
+        ended_.wait(mutex_);
+    for (Call& call : calls_)
+        call.thread.join();
+    calls_.clear();
+}
+
+}  // namespace filestore

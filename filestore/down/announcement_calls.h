@@ -1,0 +1,75 @@
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <list>
+#include <memory>
+#include <set>
+#include <thread>
+
+#include "filestore/db/targets_table.h"
+#include "kel/mutex.h"
+#include "kel/types.h"
+
+namespace filestore {
+
+/// Announces files to other devices, many devices side by side: a device that does not answer delays no other
+/// one. The files of one device are announced one after the other; after the first failure the rest of them
+/// count as failed too.
+///
+/// Used by the notify thread only; the calls run on threads of their own and change no rows. Whenever a call
+/// ends that Wait does not wait for, the notify thread is woken to collect its outcome.
+class AnnouncementCalls {
+  public:
+    AnnouncementCalls() = default;
+    ~AnnouncementCalls() { Finish(); }
+    AnnouncementCalls(const AnnouncementCalls&) = delete;
+    AnnouncementCalls& operator=(const AnnouncementCalls&) = delete;
+
+    enum class Begun : unsigned char { Yes, NoRoom };
+
+    /// Begins to announce `rows` to the device that they all name, which is not busy. No room: as many calls
+    /// are in progress as there may be, or the device did not answer last time and enough of these are being
+    /// tried.
+    Begun Begin(KelVector<FileTarget> rows);
+
+    /// True when no device can be called before a call has ended.
+    bool IsFull() const;
+
+    /// The devices that are being called.
+    KelVector<KelString> BusyDevices() const;
+
+    /// Waits until every call has ended, at most for `patience`.
+    void Wait(std::chrono::milliseconds patience);
+
+    /// What the calls that have ended since the last Collect have come to.
+    AnnouncementOutcome Collect();
+
+    /// Waits for all calls; their outcome is lost, so that these files are announced again.
+    void Finish();
+
+  private:
+    struct Call {
+        KelString device;
+        std::chrono::steady_clock::time_point begin;
+        bool isSuspect = false;  ///< it did not answer last time
+        bool hasEnded = false;   ///< guarded by mutex_, as are the next two
+        bool isSilent = false;   ///< it did not answer
+        AnnouncementOutcome outcome;
+        std::thread thread;
+    };
+
+    void Run(Call& call, const KelVector<FileTarget>& rows);
+    bool HaveAllEnded() const KEL_REQUIRES(mutex_);
+
+    mutable KelMutex mutex_;
+    std::condition_variable_any ended_;
+    std::list<Call> calls_ KEL_GUARDED_BY(mutex_);
+    bool isWaiting_ KEL_GUARDED_BY(mutex_) = false;
+    std::set<KelString> silent_;  ///< devices that did not answer last time; the notify thread's own
+};
+
+/// Announces one file to the device of its row. 0 or the error of the call. Any thread; network.
+unsigned int AnnounceTo(const FileTarget& row);
+
+}  // namespace filestore

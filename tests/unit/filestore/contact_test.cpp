@@ -1,0 +1,81 @@
+#include "filestore/state/contact.h"
+
+#include "filestore/down/notify_thread.h"
+#include "filestore/file_store_fixture.h"
+#include "kelcore/http/client.h"
+
+namespace {
+
+using Contact = StoreTest;
+
+TEST_F(Contact, WhatFailedToMoveToOrFromTheParentIsDueWhenItAnswersAgain) {
+    const std::int64_t tried = std::time(nullptr) - 5;
+    const auto add = [tried](Side side, const char* status, const char* set) {
+        return AddFile(side, KelFormat("%s %s", status, set), status,
+                       KelFormat("LastStatusChangeTime = %ld, %s", tried, set));
+    };
+    const auto time = [](Side side, std::uint64_t id) { return Fields(side, id, "LastStatusChangeTime"); };
+    for (const auto& [side, status, set, isDue] :
+         Table<Side, const char*, const char*, bool>{{kDown, "DOWNLOADING", "Priority = 1", true},
+                                                     {kDown, "DOWNLOADING", "SourceDevice = 'other'", false},
+                                                     {kDown, "TOBEREQUESTED", "Priority = 1", true},
+                                                     {kDown, "AVAILABLE", "Acknowledged = 0", true},
+                                                     {kDown, "AVAILABLE", "Acknowledged = 1", false},
+                                                     {kUp, "TOBEUPLOADED", "Priority = 1", true},
+                                                     {kUp, "UPLOADING", "Priority = 1", true},
+                                                     {kUp, "RECEIVING", "Priority = 1", false}}) {
+        SCOPED_TRACE(KelFormat("%s %s", status, set));
+        const std::uint64_t id = add(side, status, set);
+        const KelString before = time(side, id);
+        AnswerAsParent(0);
+        Ask("FileStoreParentInSync");
+        EXPECT_EQ(time(side, id), isDue ? KelString("0") : before);
+        EXPECT_EQ(OnlyCallTo(Parent(), "FileStoreDeviceContact").GetString("DeviceGUID"), kOwnUrl);
+    }
+}
+
+TEST_F(Contact, CallOfADeviceMakesItsFailedAnnouncementsDueButNotTooOften) {
+    const KelString device = "127.0.1.9:1610/0A1B0000-0000-4000-8000-0000000000D1";
+    const std::int64_t now = std::time(nullptr);
+    const std::uint64_t fileId = AddFile(kDown, "n", "AVAILABLE", "Acknowledged = 1");
+    AddTarget(fileId, 1, device + "/02-00-7F-00-01-09/127.0.1.9/255.0.0.0", now - 5);
+    AddTarget(fileId, 2, device + "/02-00-7F-00-01-09/127.0.1.9/255.0.0.0", now + 1200);  // was taken
+    AddTarget(fileId, 3, kChild, now - 5);
+    const auto due = [] { return Rows(kDown, "SELECT TargetId FROM Targets WHERE LastNotifyTime = 0"); };
+    Ask("FileStoreDeviceContact", Make({{"DeviceGUID", "' OR 1 --"}}), kKelErrorBadInput);
+    EXPECT_EQ(due(), Texts{});
+    Ask("FileStoreDeviceContact", Make({{"DeviceGUID", device}}));
+    EXPECT_EQ(due(), Texts{"1"});
+    // One that can call but not be called.
+    Rows(kDown, KelFormat("UPDATE Targets SET LastNotifyTime = %ld", now - 5));
+    Ask("FileStoreDeviceContact", Make({{"DeviceGUID", device}}));
+    EXPECT_EQ(due(), Texts{});
+}
+
+TEST_F(Contact, SilentDeviceDelaysNeitherOthersNorTargetsOnThisDevice) {
+    const KelString path = "/0A1B0000-0000-4000-8000-0000000000C1/02-00-7F-00-01-08/127.0.1.1/255.0.0.0";
+    const auto consumer = Consume("FileStoreCallbackReceivedFile", "TestConsume ()");
+    FakeResult("TestConsume ()", 0);
+    const TestHttpServer prompt(TestHttpServer::ActionScript(0));
+    auto silent = std::make_unique<TestHttpServer>(
+        [](const auto&) { return TestHttpServer::Answer{.status = 0, .stalls = true}; });
+    FileStoreNotifyThread thread;
+    std::uint64_t targetId = 0;
+    for (const char* name : {"1", "2", "3"}) {
+        const std::uint64_t fileId = AddFile(kDown, name, "AVAILABLE", "Acknowledged = 1");
+        for (const KelString& device :
+             {silent->HostAndPort() + path, prompt.HostAndPort() + path, KelString()})
+            AddTarget(fileId, ++targetId, device);
+        EXPECT_EQ(thread.NotifyUnicastTargets(0, 0), 1);
+        EXPECT_EQ(CallsOf("TestConsume").size(), targetId / 3);
+        EXPECT_EQ(prompt.Requests().size(), targetId / 3);
+    }
+    EXPECT_EQ(silent->Requests().size(), 1U);
+    EXPECT_EQ(Rows(kDown, "SELECT TargetId FROM Targets WHERE LastNotifyTime = 0"), (Texts{"1", "4", "7"}));
+    silent.reset();
+    while (Cell(kDown, "SELECT LastNotifyTime FROM Targets WHERE TargetId = 1") == "0")
+        thread.NotifyUnicastTargets(0, 0);
+    EXPECT_EQ(Rows(kDown, "SELECT TargetId FROM Targets WHERE LastNotifyTime = 0"), Texts{});
+}
+
+}  // namespace
