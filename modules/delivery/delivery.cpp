@@ -105,9 +105,7 @@ void Delivery::RemoveUnfinishedCopies() {
 }
 
 bool Delivery::Activate() {
-    thread_.Start();
-    receiptThread_.Start();
-    return true;
+    return thread_.Start() && receiptThread_.Start();
 }
 
 void Delivery::Cleanup() {

@@ -73,8 +73,7 @@ bool Identity::Initialise() {
 }
 
 bool Identity::Activate() {
-    watcher_.Start();
-    return true;
+    return watcher_.Start();
 }
 
 void Identity::Cleanup() {

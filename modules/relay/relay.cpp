@@ -57,17 +57,12 @@ bool Relay::Initialise() {
 }
 
 bool Relay::Activate() {
-    if (settings_.role == RelayRole::Master) {
-        replayThread_.Start();
-        return true;
-    }
+    if (settings_.role == RelayRole::Master) return replayThread_.Start();
     if (settings_.parentName.empty()) {
         Log().Warning("This device has no parent; set ParentName and ParentPort in %S\n", IniPath());
         return true;
     }
-    replayThread_.Start();
-    parentLink_.Start();
-    return true;
+    return replayThread_.Start() && parentLink_.Start();
 }
 
 void Relay::Cleanup() {
