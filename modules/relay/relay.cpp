@@ -40,16 +40,8 @@ void Relay::Register(const char* handle) {
 
 bool Relay::Initialise() {
     IniFile ini;
-    if (!ini.Open(IniPath())) {
-        Log().Error("%S cannot be read or is malformed\n", IniPath());
-        return false;
-    }
-    const auto settings = ReadRelaySettings(ini);
-    if (!settings) {
-        Log().Error("%S\n", settings.Error().message);
-        return false;
-    }
-    settings_ = *settings;
+    if (!ini.Open(IniPath())) return false;
+    settings_ = ReadRelaySettings(ini);
     parentLink_.Configure(settings_, DataPath() + "/settled");
     packages_.SetFolders(DataPath() + "/Packages", DataPath() + "/Incoming");
     DirDeleteTempFiles(DataPath());
