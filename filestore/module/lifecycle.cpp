@@ -123,7 +123,7 @@ unsigned int FileStore::ModuleActivate() {
     }
 
     UpdateScriptAndPackageStatus(0);
-    if (FileStoreReadFlag("PackageSynchronization", "PackageSynchroAtStartup", false))
+    if (FileStoreReadFlag("PackageSynchronization", "PackageSynchroAtStartup"))
         ExecutePackageSynchroAtStartup();
     return kModuleSuccess;
 }

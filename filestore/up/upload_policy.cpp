@@ -1,7 +1,5 @@
 #include "filestore/up/upload_policy.h"
 
-#include <algorithm>
-
 #include "filestore/exchange/http_transfer.h"
 #include "filestore/state/file_store.h"
 #include "filestore/up/upload_archive.h"
@@ -40,9 +38,7 @@ bool ApplyManualPolicy(UploadFilter& filter) {
 }
 
 unsigned int BatchSize() {
-    return FileStore::fConcatFiles
-               ? std::clamp(FileStore::uMaxFilesToConcat.load(), 1U, UploadArchive::kMostFiles)
-               : kBatchSize;
+    return FileStore::fConcatFiles ? FileStore::uMaxFilesToConcat.load() : kBatchSize;
 }
 
 }  // namespace
