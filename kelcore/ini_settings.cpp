@@ -28,7 +28,8 @@ IniValue Unusable(const IniSetting& setting, const KelString& text) {
 
 IniValue JudgeNumber(const IniSetting& setting, const KelString& text) {
     const auto number = ParseInt64(text);
-    const bool hasSense = number && *number <= kMost32 && (*number >= 0 || setting.lowest < 0);
+    const bool hasSense =
+        number && *number <= std::max(kMost32, setting.highest) && (*number >= 0 || setting.lowest < 0);
     if (!hasSense) return Unusable(setting, text);
     const std::int64_t used = std::clamp(*number, setting.lowest, setting.highest);
     KelString value = KelFormat("%gd", used);

@@ -48,8 +48,8 @@ struct IniValue {
     bool isUsable = true;
 };
 
-/// Judges `text`. A number beyond its bounds is moved to the nearer one; one that is negative though no
-/// negative one is allowed, or that needs more than 32 bits, is unusable, and so is every number beyond the
+/// Judges `text`. A number beyond its bounds is moved to the nearer one. Unusable are a negative number where
+/// none is allowed, one that does not fit into 32 bits (unless a bound does not), and every number beyond the
 /// bounds of a vital setting.
 IniValue JudgeIniValue(const IniSetting& setting, const KelString& text);
 

@@ -174,11 +174,12 @@ std::span<const FileStoreSetting> FileStoreSettings() {
 
 std::span<const IniSetting> FileStoreIniSettings() {
     static const KelVector<IniSetting> settings = [] {
-        KelVector<IniSetting> all = {
-            IniSetting::Flag("FileStore", "PerformVacuum", true),
-            IniSetting::Text("FileStore", "SqlExecute*"), IniSetting::Text("Directories", "FileStorage"),
-            IniSetting::Text("UploadPolicy", "ArchiveType", "ZIP").OneOf({"ZIP"}),
-            IniSetting::Number("PackageSynchronization", "LastPackageSynchro", 4096)};
+        KelVector<IniSetting> all = {IniSetting::Flag("FileStore", "PerformVacuum", true),
+                                     IniSetting::Text("FileStore", "SqlExecute*"),
+                                     IniSetting::Text("Directories", "FileStorage"),
+                                     IniSetting::Text("UploadPolicy", "ArchiveType", "ZIP").OneOf({"ZIP"}),
+                                     IniSetting::Number("PackageSynchronization", "LastPackageSynchro", 4096)
+                                         .Between(0, std::numeric_limits<std::uint32_t>::max())};
         for (const char* section : {"SqlRun", "SqlRunOnce", "SqlUpgrade", "SqlUpgrade2", "SqlUpgrade3"})
             all.push_back(IniSetting::Text(section, "Sql*"));
         for (const FileStoreSetting& setting : Table())
