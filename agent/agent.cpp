@@ -36,6 +36,8 @@ int Agent::Run() {
     KelAgentConfigure(Settings(config_, context));
     ConfigureSecurity(config_);
     const KelString ini = config_.ConfigDir() + "Agent.ini";
+    for (const IniFault& fault : config_.faults)
+        log_.Warning("%S\n", fault.text);
     if (IsOpenToOthers(ini))
         log_.Warning("%S holds the password but others can open it; chmod 600 it\n", ini);
 

@@ -6,8 +6,10 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstring>
+#include <limits>
 #include <map>
 #include <utility>
 
@@ -22,9 +24,50 @@
 namespace {
 
 constexpr std::uint64_t kMaxScriptBytes = std::uint64_t{1} << 20;
-constexpr int kDefaultLogBytes = 10 << 20;
-constexpr int kDefaultLogFiles = 5;
-constexpr unsigned int kMaxPort = 65535;
+constexpr int kMost = std::numeric_limits<int>::max();
+
+bool IsIpAddress(const KelString& text) {
+    return text.empty() || IpAddress::Parse(text);
+}
+
+bool IsDebugLevel(const KelString& text) {
+    // A value that no name of a level gives.
+    constexpr auto kUnknown = static_cast<KelDebugLevel>(-1);
+    return ParseDebugLevel(text, kUnknown) != kUnknown;
+}
+
+const IniSetting kName = IniSetting::Text("Agent", "Name");
+const IniSetting kHttpPassword = IniSetting::Text("Agent", "HttpPassword");
+const IniSetting kAddress =
+    IniSetting::Text("Agent", "Address").Checked(IsIpAddress, "an IPv4 address").Vital();
+const IniSetting kLogLevel = IniSetting::Text("Agent", "LogLevel", "print")
+                                 .Checked(IsDebugLevel, "trace, detail, print, warning, error or none");
+const IniSetting kLogMaxBytes = IniSetting::Number("Agent", "LogMaxBytes", 10 << 20).Between(4096, kMost);
+const IniSetting kLogFiles = IniSetting::Number("Agent", "LogFiles", 5).Between(1, 1000);
+// Without them connections would go on unprotected, or past the proxy.
+const IniSetting kSslForce = IniSetting::Flag("Security", "SslForce", false).Vital();
+const IniSetting kSslCaFile = IniSetting::Text("Security", "SslCaFile");
+const IniSetting kSslCertificateFile = IniSetting::Text("Security", "SslCertificateFile");
+const IniSetting kSslKeyFile = IniSetting::Text("Security", "SslKeyFile");
+const IniSetting kPacForce = IniSetting::Flag("Security", "PacForce", false).Vital();
+const IniSetting kPacScript = IniSetting::Text("Security", "PacScript");
+
+std::span<const IniSetting> AgentIniSettings() {
+    static const std::array settings = {kName,
+                                        kHttpPassword,
+                                        kAddress,
+                                        kLogLevel,
+                                        kLogMaxBytes,
+                                        kLogFiles,
+                                        kSslForce,
+                                        kSslCaFile,
+                                        kSslCertificateFile,
+                                        kSslKeyFile,
+                                        kPacForce,
+                                        kPacScript,
+                                        IniSetting::Text("Modules", "Module*")};
+    return settings;
+}
 
 KelError Fault(const KelString& path, const KelString& text) {
     return {kKelFailure, path + ": " + text};
@@ -52,13 +95,12 @@ KelString InConfigDir(const AgentConfig& config, const KelString& path) {
 }
 
 KelStatus ReadSecurity(const IniFile& ini, const KelString& path, AgentConfig& config) {
-    KelString script;
-    ini.GetEntryValue("Security", "SslForce", config.sslForce, false);
-    ini.GetEntryValue("Security", "SslCaFile", config.ssl.caFile, {});
-    ini.GetEntryValue("Security", "SslCertificateFile", config.ssl.certificateFile, {});
-    ini.GetEntryValue("Security", "SslKeyFile", config.ssl.keyFile, {});
-    ini.GetEntryValue("Security", "PacForce", config.pacForce, false);
-    ini.GetEntryValue("Security", "PacScript", script, {});
+    KelString script = ReadIniText(ini, kPacScript);
+    config.sslForce = ReadIniFlag(ini, kSslForce);
+    config.pacForce = ReadIniFlag(ini, kPacForce);
+    config.ssl.caFile = ReadIniText(ini, kSslCaFile);
+    config.ssl.certificateFile = ReadIniText(ini, kSslCertificateFile);
+    config.ssl.keyFile = ReadIniText(ini, kSslKeyFile);
     for (KelString* file : {&config.ssl.caFile, &config.ssl.certificateFile, &config.ssl.keyFile, &script}) {
         *file = InConfigDir(config, *file);
         if (!file->empty() && !FileExists(*file)) return Fault(path, "section Security: no file " + *file);
@@ -71,21 +113,19 @@ KelStatus ReadSecurity(const IniFile& ini, const KelString& path, AgentConfig& c
     return {};
 }
 
-KelStatus ReadLog(const IniFile& ini, const KelString& path, AgentConfig& config) {
-    KelString level;
-    int bytes = 0;
-    int files = 0;
-    ini.GetEntryValue("Agent", "LogLevel", level, "print");
-    ini.GetEntryValue("Agent", "LogMaxBytes", bytes, kDefaultLogBytes);
-    ini.GetEntryValue("Agent", "LogFiles", files, kDefaultLogFiles);
-    // A value that no name of a level gives.
-    constexpr auto kUnknown = static_cast<KelDebugLevel>(-1);
-    config.logLevel = ParseDebugLevel(level, kUnknown);
-    if (config.logLevel == kUnknown)
-        return Fault(path, "LogLevel '" + level + "' is none of trace, detail, print, warning, error, none");
-    if (bytes < 4096 || files < 1) return Fault(path, "LogMaxBytes is at least 4096, LogFiles at least 1");
-    config.logMaxBytes = static_cast<std::size_t>(bytes);
-    config.logFiles = static_cast<std::size_t>(files);
+void ReadLog(const IniFile& ini, AgentConfig& config) {
+    config.logLevel = ParseDebugLevel(ReadIniText(ini, kLogLevel), KelDebugLevel::Print);
+    config.logMaxBytes = static_cast<std::size_t>(ReadIniNumber(ini, kLogMaxBytes));
+    config.logFiles = static_cast<std::size_t>(ReadIniNumber(ini, kLogFiles));
+}
+
+/// Keeps the faults for the log, unless one of them is vital.
+KelStatus Examine(const IniFile& ini, const KelString& path, AgentConfig& config) {
+    for (IniFault& fault : FindIniFaults(ini, AgentIniSettings())) {
+        if (fault.weight == IniFault::Weight::Vital) return Fault(path, fault.text);
+        fault.text = path + ": " + fault.text;
+        config.faults.push_back(std::move(fault));
+    }
     return {};
 }
 
@@ -94,8 +134,6 @@ KelStatus CheckRequired(const KelString& path, const AgentConfig& config) {
         return Fault(path, "HttpPassword is missing; the agent does not run without the tree's password");
     if (config.name.empty() || config.name.find(':') != KelString::npos || HasControlCharacter(config.name))
         return Fault(path, "Name is missing, or holds a colon or a control character");
-    if (!config.address.empty() && !IpAddress::Parse(config.address))
-        return Fault(path, "Address '" + config.address + "' is no IPv4 address");
     if (config.modules.empty())
         return Fault(path, "section Modules is empty: Module1=NAME, Module2=NAME, ...");
     for (const KelString& module : config.modules)
@@ -103,22 +141,15 @@ KelStatus CheckRequired(const KelString& path, const AgentConfig& config) {
     return {};
 }
 
-/// Checks the port numbers of a module: the entries of its own section and of the section Ssl whose names end
-/// in "Port". Other sections may hold names of any kind.
-void CheckPorts(const KelString& path, const KelString& module, KelVector<KelString>& faults) {
-    IniFile ini;
-    if (!ini.Open(path)) {
-        faults.push_back(path + ": cannot be read, or is no ini file");
-        return;
-    }
-    for (const KelString& section : {module, KelString("Ssl")}) {
-        for (const auto& [key, text] : ini.GetEntries(section)) {
-            const auto port = ParseUint64(text);
-            if (key.ends_with("Port") && !text.empty() && (!port || *port > kMaxPort))
-                faults.push_back(
-                    KelFormat("%S: %S '%S' is no port number (0 to %u)", path, key, text, kMaxPort));
-        }
-    }
+/// What a module, which cannot be loaded perhaps, finds in its ini file.
+KelVector<IniFault> FindModuleFaults(const KelString& module, const KelString& path,
+                                     const KelString& modulesDir) {
+    auto loaded = LoadedModule::Load(modulesDir, module);
+    if (!loaded) return {{IniFault::Weight::Vital, loaded.Error().message}};
+    KelVector<IniFault> faults = loaded->FindIniFaults(path);
+    for (IniFault& fault : faults)
+        fault.text = path + ": " + fault.text;
+    return faults;
 }
 
 }  // namespace
@@ -135,26 +166,26 @@ KelResult<AgentConfig> LoadAgentConfig(const KelString& root) {
     IniFile ini;
     if (!FileExists(path)) return Fault(path, "no such file; 'kel init' makes the root folder of an agent");
     if (!ini.Open(path)) return Fault(path, "cannot be read, or is no ini file");
-    ini.GetEntryValue("Agent", "Name", config.name, {});
-    ini.GetEntryValue("Agent", "HttpPassword", config.httpPassword, {});
-    ini.GetEntryValue("Agent", "Address", config.address, {});
+    if (auto status = Examine(ini, path, config); !status) return status.Error();
+    config.name = ReadIniText(ini, kName);
+    config.httpPassword = ReadIniText(ini, kHttpPassword);
+    config.address = ReadIniText(ini, kAddress);
     config.modules = ReadModules(ini);
     if (auto status = CheckRequired(path, config); !status) return status.Error();
-    if (auto status = ReadLog(ini, path, config); !status) return status.Error();
+    ReadLog(ini, config);
     if (auto status = ReadSecurity(ini, path, config); !status) return status.Error();
     return config;
 }
 
-KelVector<KelString> FindConfigFaults(const AgentConfig& config, const KelString& modulesDir) {
-    KelVector<KelString> faults;
+KelVector<IniFault> FindConfigFaults(const AgentConfig& config, const KelString& modulesDir) {
+    KelVector<IniFault> faults = config.faults;
     const KelString path = config.ConfigDir() + "Agent.ini";
     if (IsOpenToOthers(path))
-        faults.push_back(path + ": holds the password but others can open it; chmod 600 " + path);
+        faults.push_back({IniFault::Weight::Unusable,
+                          path + ": holds the password but others can open it; chmod 600 " + path});
     for (const KelString& module : config.modules)
-        CheckPorts(config.ConfigDir() + module + ".ini", module, faults);
-    for (const KelString& module : config.modules)
-        if (auto loaded = LoadedModule::Load(modulesDir, module); !loaded)
-            faults.push_back(loaded.Error().message);
+        for (IniFault& fault : FindModuleFaults(module, config.ConfigDir() + module + ".ini", modulesDir))
+            faults.push_back(std::move(fault));
     return faults;
 }
 

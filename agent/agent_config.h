@@ -7,6 +7,7 @@
 #include "kel/types.h"
 #include "kel/unique_fd.h"
 #include "kelcore/agent.h"
+#include "kelcore/ini_settings.h"
 #include "kelcore/security.h"
 
 /// The agent's own configuration, from config/Agent.ini beneath its root folder.
@@ -22,7 +23,8 @@ struct AgentConfig {
     bool sslForce = false;
     AgentSecuritySslSettings ssl;
     bool pacForce = false;
-    KelString pacScript;  ///< the text of the script
+    KelString pacScript;         ///< the text of the script
+    KelVector<IniFault> faults;  ///< of Agent.ini, none of them vital; each names the file
 
     KelString ConfigDir() const { return root + "config/"; }
     KelString DataDir() const { return root + "data/"; }
@@ -34,11 +36,10 @@ struct AgentConfig {
 /// unusable, a script cannot be read.
 KelResult<AgentConfig> LoadAgentConfig(const KelString& root);
 
-/// What is wrong with the configuration beneath `root` besides what LoadAgentConfig refuses: who can read the
-/// file of the password, entries of the modules' ini files whose name ends in "Port" and that are no port
-/// numbers, modules that are missing from `modulesDir` or cannot be loaded. One line each; empty when nothing
-/// is wrong.
-KelVector<KelString> FindConfigFaults(const AgentConfig& config, const KelString& modulesDir);
+/// What is wrong with the configuration beneath `root` besides what LoadAgentConfig refuses: its faults, who
+/// can read the file of the password, modules that are missing from `modulesDir` or cannot be loaded, and
+/// what the modules find in their ini files. Each names its file.
+KelVector<IniFault> FindConfigFaults(const AgentConfig& config, const KelString& modulesDir);
 
 /// True when group or others can read or write `path`.
 bool IsOpenToOthers(const KelString& path);

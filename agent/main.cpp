@@ -15,11 +15,14 @@ int Complain(const KelError& error, int exitCode) {
 }
 
 int Check(const AgentConfig& config, const KelString& modulesDir) {
-    const KelVector<KelString> faults = FindConfigFaults(config, modulesDir);
-    for (const KelString& fault : faults)
-        std::printf("%s\n", fault.c_str());
-    if (faults.empty()) std::puts("The configuration is usable.");
-    return faults.empty() ? kExitClean : kExitFailure;
+    bool isUsable = true;
+    for (const IniFault& fault : FindConfigFaults(config, modulesDir)) {
+        const bool isNote = fault.weight == IniFault::Weight::Note;
+        std::printf("%s%s\n", isNote ? "warning: " : "", fault.text.c_str());
+        isUsable = isUsable && isNote;
+    }
+    if (isUsable) std::puts("The configuration is usable.");
+    return isUsable ? kExitClean : kExitFailure;
 }
 
 int Run(const AgentOptions& options) {

@@ -35,6 +35,14 @@ bool LoadedModule::Register() {
            kModuleSuccess;
 }
 
+KelVector<IniFault> LoadedModule::FindIniFaults(const KelString& path) {
+    KelVector<IniFault> faults;
+    KelString buffer = path;
+    entry_(static_cast<unsigned int>(KelModuleOperation::FindIniFaults), reinterpret_cast<long>(&faults),
+           buffer.data());
+    return faults;
+}
+
 KelString LoadedModule::Text(KelModuleOperation operation) {
     std::array<char, kModuleTextBytes> buffer{};
     if (entry_(static_cast<unsigned int>(operation), 0, buffer.data()) != kModuleSuccess) return {};

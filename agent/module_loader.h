@@ -27,6 +27,10 @@ class LoadedModule {
     KelString DisplayName() { return Text(KelModuleOperation::GetDisplayName); }
     KelString Version() { return Text(KelModuleOperation::GetVersion); }
 
+    /// What the module finds in its ini file; see KelModuleOperation::FindIniFaults. Nothing from a module
+    /// that does not examine its file.
+    KelVector<IniFault> FindIniFaults(const KelString& path);
+
     /// "address:port" of a server; empty while it is not known.
     KelString ServerAddress() { return Text(KelModuleOperation::GetServerAddress); }
 

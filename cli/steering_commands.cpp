@@ -8,6 +8,7 @@
 #include "cli/remote.h"
 #include "kel/text.h"
 #include "kelcore/error_codes.h"
+#include "kelcore/ini_settings.h"
 #include "kelcore/json.h"
 
 namespace {
@@ -63,13 +64,24 @@ int SetWindow(const Remote& remote, const WindowsOptions& options) {
     return ExitCodeOf(remote.Call("TransferWindowSetWindow", arguments));
 }
 
+/// "; did you mean …?", when there is a setting of such a name.
+KelString Suggestion(const KelString& name, const KelContainer& settings) {
+    KelVector<KelString> names;
+    for (std::size_t i = 0; i < settings.GetNameCount(); ++i)
+        names.push_back(settings.GetName(i));
+    const KelString nearest = NearestName(name, names);
+    return nearest.empty() ? nearest : "; did you mean " + nearest + "?";
+}
+
 int GetSettings(const Remote& remote, bool json, const KelVector<KelString>& names) {
     KelContainer answer;
     if (const unsigned int result = remote.Call("FileStoreGetValues", answer); result != kKelOk)
         return ExitCodeOf(result);
     const KelContainer& values = answer.GetContainer("Values");
     for (const KelString& name : names)
-        if (!values.Has(name)) return Complain("no setting '" + name + "'; 'kel settings get' shows all");
+        if (!values.Has(name))
+            return Complain("no setting '" + name + "'; 'kel settings get' shows all" +
+                            Suggestion(name, values));
     KelContainer list;
     std::uint32_t count = 0;
     for (std::size_t i = 0; i < values.GetNameCount(); ++i) {
@@ -97,12 +109,16 @@ int SetSettings(const Remote& remote, const KelVector<KelString>& assignments) {
             return kExitUsage;
         }
         const KelString name = assignment.substr(0, equals);
-        if (!known.GetContainer("Values").Has(name)) return Complain("no setting '" + name + "'");
+        if (!known.GetContainer("Values").Has(name))
+            return Complain("no setting '" + name + "'" + Suggestion(name, known.GetContainer("Values")));
         values.SetString(name, assignment.substr(equals + 1));
     }
     KelContainer arguments;
     arguments.SetContainer("Values", std::move(values));
-    return ExitCodeOf(remote.Call("FileStoreSetValues", arguments));
+    const unsigned int result = remote.Call("FileStoreSetValues", arguments);
+    for (std::uint32_t i = 0; i < ItemCount(arguments, "Notes"); ++i)
+        std::fprintf(stderr, "kel: %s\n", Printable(arguments.GetString("Notes", {}, i)).c_str());
+    return ExitCodeOf(result);
 }
 
 /// Appends value number `index` of `from` in `source` to the values of `name` in `target`.

@@ -1,4 +1,7 @@
+#include <algorithm>
+
 #include "filestore/state/file_store.h"
+#include "filestore/state/setting_table.h"
 #include "kel/format.h"
 #include "kelcore/module.h"
 
@@ -7,6 +10,30 @@ namespace {
 constexpr const char* kVersion = "11.5.0";
 constexpr const char* kBuildDate = "Oct  4 2012";
 constexpr const char* kBuildTime = "17:21:12";
+
+/// FileStore::EnsureTimeToLive, for the settings of a file.
+void CheckTimeToLive(const IniFile& ini, KelVector<IniFault>& faults) {
+    const auto read = [&ini](const char* key) {
+        return ReadIniNumber(ini, FileStoreIniSetting("FileStore", key));
+    };
+    const std::int64_t longest = std::max({read("Timeout"), read("PushTimeout"), read("PullTimeout")});
+    if (const std::int64_t kept = read("TimeToLive"); kept < longest)
+        faults.push_back(
+            {IniFault::Weight::Note,
+             KelFormat(
+                 "TimeToLive in section FileStore is %gd; it is raised to %gd, the largest of the time-outs",
+                 kept, longest)});
+}
+
+void CheckSchema(const IniFile& ini, KelVector<IniFault>& faults) {
+    for (const char* section : {"SqlUpgrade", "SqlUpgrade2", "SqlUpgrade3"})
+        if (ini.GetKeys(section).empty())
+            faults.push_back(
+                {IniFault::Weight::Vital,
+                 KelFormat("section %s, which creates tables, is missing; restore the file as it was "
+                           "installed, with your changes",
+                           section)});
+}
 
 /// The frame that drives the static functions of FileStore.
 class FileStoreModule : public KelModule {
@@ -20,6 +47,11 @@ class FileStoreModule : public KelModule {
     bool Suspend() override { return FileStore::ModuleSuspend() == kModuleSuccess; }
     void Cleanup() override { FileStore::ModuleCleanup(0); }
     void Unregister() override { FileStore::ModuleUnregister(0); }
+    std::span<const IniSetting> IniSettings() const override { return FileStoreIniSettings(); }
+    void CheckIni(const IniFile& ini, KelVector<IniFault>& faults) const override {
+        CheckTimeToLive(ini, faults);
+        CheckSchema(ini, faults);
+    }
     KelString Version() const override {
         const char* buildNumber = FileStore::szBuildNumber;
         return KelFormat("%s.%s - %s - %s", kVersion, buildNumber, kBuildDate, kBuildTime);

@@ -138,6 +138,14 @@ void IniFile::Content::Set(const KelString& section, const KelString& key, const
     }
 }
 
+std::optional<bool> ParseIniFlag(std::string_view text) {
+    for (const char* word : {"true", "yes", "on", "1"})
+        if (IsEqualTo(text, word, false)) return true;
+    for (const char* word : {"false", "no", "off", "0"})
+        if (IsEqualTo(text, word, false)) return false;
+    return std::nullopt;
+}
+
 IniFile::IniFile() = default;
 IniFile::~IniFile() = default;
 IniFile::IniFile(IniFile&& other) noexcept = default;
@@ -167,14 +175,9 @@ bool IniFile::GetEntryValue(const KelString& section, const KelString& key, int&
 
 bool IniFile::GetEntryValue(const KelString& section, const KelString& key, bool& value,
                             bool fallback) const {
-    value = fallback;
     const KelString* text = content_ ? content_->Find(section, key) : nullptr;
-    if (text == nullptr) return false;
-    for (const char* word : {"true", "yes", "on", "1"})
-        if (IsEqualTo(*text, word, false)) value = true;
-    for (const char* word : {"false", "no", "off", "0"})
-        if (IsEqualTo(*text, word, false)) value = false;
-    return true;
+    value = text != nullptr ? ParseIniFlag(*text).value_or(fallback) : fallback;
+    return text != nullptr;
 }
 
 bool IniFile::GetEntryValue(const KelString& section, const KelString& key, KelString& value,

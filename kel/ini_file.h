@@ -1,10 +1,15 @@
 #pragma once
 
 #include <memory>
+#include <optional>
+#include <string_view>
 #include <utility>
 
 #include "kel/result.h"
 #include "kel/types.h"
+
+/// A flag as ini files hold it: true/false, yes/no, on/off, 1/0, in any case.
+std::optional<bool> ParseIniFlag(std::string_view text);
 
 /// An ini file: sections of key=value lines, with comment lines that begin with ";" or "#". A write changes
 /// the line of its entry and leaves all others alone, including what other objects have written since. Names
@@ -25,7 +30,7 @@ class IniFile {
     void Close();
 
     /// The value at (section, key), or `fallback` when it is missing or not of that type; true when it was
-    /// present. Integers are decimal; bools are true/false, yes/no, on/off, 1/0.
+    /// present. Integers are decimal; bools are as in ParseIniFlag.
     bool GetEntryValue(const KelString& section, const KelString& key, int& value, int fallback) const;
     bool GetEntryValue(const KelString& section, const KelString& key, bool& value, bool fallback) const;
     bool GetEntryValue(const KelString& section, const KelString& key, KelString& value,

@@ -24,7 +24,7 @@ KelModule::KelModule(const char* name, KelDebug& log) : name_(name), log_(log) {
 
 unsigned int KelModule::Run(unsigned int operation, long argument, char* buffer) {
     try {
-        return RunOperation(static_cast<KelModuleOperation>(operation), buffer);
+        return RunOperation(static_cast<KelModuleOperation>(operation), argument, buffer);
     } catch (const std::exception& failure) {
         log_.Error("Operation %u (argument %ld) of module %S failed: %s\n", operation, argument, name_,
                    failure.what());
@@ -35,7 +35,7 @@ unsigned int KelModule::Run(unsigned int operation, long argument, char* buffer)
     return kModuleFailure;
 }
 
-unsigned int KelModule::RunOperation(KelModuleOperation operation, char* buffer) {
+unsigned int KelModule::RunOperation(KelModuleOperation operation, long argument, char* buffer) {
     switch (operation) {
         case KelModuleOperation::Register:
             if (buffer == nullptr) return kModuleFailure;
@@ -47,7 +47,7 @@ unsigned int KelModule::RunOperation(KelModuleOperation operation, char* buffer)
             Unregister();
             return kModuleSuccess;
         case KelModuleOperation::Initialise:
-            return Result(Initialise());
+            return Result(IniAllowsStart() && Initialise());
         case KelModuleOperation::Activate:
             return Result(Activate());
         case KelModuleOperation::Cleanup:
@@ -67,8 +67,38 @@ unsigned int KelModule::RunOperation(KelModuleOperation operation, char* buffer)
                 return kModuleSuccess;
             }
             break;
+        case KelModuleOperation::FindIniFaults: {
+            auto* faults = reinterpret_cast<KelVector<IniFault>*>(argument);
+            if (faults == nullptr || buffer == nullptr) return kModuleFailure;
+            const KelVector<IniFault> found = FindFaults(buffer);
+            faults->insert(faults->end(), found.begin(), found.end());
+            return kModuleSuccess;
+        }
     }
     return kModuleUnknownOperation;
+}
+
+KelVector<IniFault> KelModule::FindFaults(const KelString& path) const {
+    const std::span<const IniSetting> settings = IniSettings();
+    if (settings.empty()) return {};
+    IniFile ini;
+    if (!ini.Open(path)) return {{IniFault::Weight::Vital, "the file cannot be read, or is no ini file"}};
+    KelVector<IniFault> faults = FindIniFaults(ini, settings);
+    CheckIni(ini, faults);
+    return faults;
+}
+
+bool KelModule::IniAllowsStart() {
+    bool isAllowed = true;
+    for (const IniFault& fault : FindFaults(IniPath())) {
+        if (fault.weight == IniFault::Weight::Vital) {
+            log_.Error("%S: %S\n", IniPath(), fault.text);
+            isAllowed = false;
+        } else {
+            log_.Warning("%S: %S\n", IniPath(), fault.text);
+        }
+    }
+    return isAllowed;
 }
 
 KelString KelModule::Version() const {

@@ -2,10 +2,12 @@
 
 #include <cstddef>
 #include <optional>
+#include <span>
 #include <string_view>
 
 #include "kel/debug.h"
 #include "kel/types.h"
+#include "kelcore/ini_settings.h"
 
 /// Operations of a module's entry function, in the order in which the agent drives them: Register,
 /// Initialise, Activate, then, at the end, Cleanup and Unregister. Suspend may come between Activate and
@@ -24,6 +26,10 @@ enum class KelModuleOperation : unsigned int {
     /// up first, so that no call from outside meets a module that is not ready, and the agent stops when it
     /// cannot be activated.
     GetServerAddress = 10,
+    /// Examines an ini file of the module, whose path is in the buffer, and appends what is wrong in it to
+    /// the KelVector<IniFault> whose address is the argument. Before Register or at any time; changes
+    /// nothing.
+    FindIniFaults = 11,
 };
 
 /// Results of the entry function.
@@ -34,9 +40,9 @@ inline constexpr unsigned int kModuleUnknownOperation = 5;
 /// Size in bytes of the buffer that the operations which give a text write it to, terminated.
 inline constexpr std::size_t kModuleTextBytes = 256;
 
-/// A module's entry function. `buffer` holds the registration handle (a terminated text) for Register and
-/// receives the text of GetDisplayName, GetVersion and GetServerAddress. Called on the agent's main thread
-/// only.
+/// A module's entry function. `buffer` holds the registration handle (a terminated text) for Register, a path
+/// for FindIniFaults, and receives the text of GetDisplayName, GetVersion and GetServerAddress. Called on the
+/// agent's main thread only.
 using KelModuleMain = unsigned int (*)(unsigned int operation, long argument, char* buffer);
 
 /// The name under which a module's shared library exports its entry function, unmangled.
@@ -71,6 +77,12 @@ class KelModule {
     /// See KelModuleOperation::GetServerAddress; nothing from a module that serves no calls.
     virtual std::optional<KelString> ServerAddress() const { return std::nullopt; }
 
+    /// All entries of the module's ini file; without any, nothing in the file is checked. Before Initialise,
+    /// unusable values are logged, and a vital one fails the operation.
+    virtual std::span<const IniSetting> IniSettings() const { return {}; }
+    /// Appends what is wrong between several entries, each of which is usable by itself.
+    virtual void CheckIni(const IniFile&, KelVector<IniFault>&) const {}
+
     /// The module's ini file.
     KelString IniPath() const;
     /// The module's data folder, without "/" at its end. Not created by this call.
@@ -78,7 +90,9 @@ class KelModule {
     KelDebug& Log() { return log_; }
 
   private:
-    unsigned int RunOperation(KelModuleOperation operation, char* buffer);
+    unsigned int RunOperation(KelModuleOperation operation, long argument, char* buffer);
+    KelVector<IniFault> FindFaults(const KelString& path) const;
+    bool IniAllowsStart();
 
     KelString name_;
     std::optional<KelDebug> ownLog_;

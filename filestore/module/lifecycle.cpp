@@ -136,7 +136,7 @@ unsigned int FileStore::ModuleActivate() {
 
     WakeWorkers();
     UpdateScriptAndPackageStatus(0);
-    if (FileStoreReadFlag("PackageSynchronization", "PackageSynchroAtStartup", false))
+    if (FileStoreReadFlag("PackageSynchronization", "PackageSynchroAtStartup"))
         ExecutePackageSynchroAtStartup();
     return kModuleSuccess;
 }

@@ -1,47 +1,18 @@
-#include <limits>
-#include <optional>
-
 #include "filestore/module/http_aliases.h"
 #include "filestore/state/file_store.h"
 #include "filestore/state/setting_table.h"
 #include "filestore/state/settings.h"
 #include "kel/container.h"
-#include "kel/text.h"
+#include "kel/format.h"
 #include "kelcore/error_codes.h"
 
 namespace {
 
 using Value = FileStoreSetting::Value;
 
-/// The value that the caller gave, as the type of the setting; nothing when it cannot be one.
-struct ValueReader {
-    const KelContainer& values;
-    const KelString& name;
-
-    std::optional<Value> operator()(bool) const {
-        const bool value = values.GetBool(name, false);
-        if (values.GetBool(name, true) != value) return std::nullopt;
-        return value;
-    }
-    std::optional<Value> operator()(std::int32_t) const {
-        constexpr std::int64_t kNoNumber = std::numeric_limits<std::int64_t>::min();
-        const std::int64_t value = values.GetInt64(name, kNoNumber);
-        if (value < std::numeric_limits<std::int32_t>::min() ||
-            value > std::numeric_limits<std::int32_t>::max())
-            return std::nullopt;
-        return static_cast<std::int32_t>(value);
-    }
-    std::optional<Value> operator()(const KelString&) const {
-        if (values.IsContainer(name)) return std::nullopt;
-        KelString value = values.GetString(name);
-        if (HasControlCharacter(value)) return std::nullopt;
-        return value;
-    }
-};
-
 struct Change {
     const FileStoreSetting* setting;
-    Value value;  ///< clamped
+    IniValue judged;
 };
 
 const FileStoreSetting* FindSetting(const KelString& name) {
@@ -50,35 +21,43 @@ const FileStoreSetting* FindSetting(const KelString& name) {
     return nullptr;
 }
 
-/// A number that stays negative after its clamp would be held as a huge one.
-bool IsUsable(const FileStoreSetting& setting, const Value& value) {
-    if (const auto* number = std::get_if<std::int32_t>(&value)) return *number >= 0;
-    return setting.check == nullptr || setting.check(std::get<KelString>(value));
+KelString UnknownSetting(const KelString& name) {
+    KelVector<KelString> names;
+    for (const FileStoreSetting& setting : FileStoreSettings())
+        names.emplace_back(setting.name);
+    const KelString nearest = NearestName(name, names);
+    return KelFormat("There is no setting %S%S", name,
+                     nearest.empty() ? nearest : KelFormat("; did you mean %S?", nearest));
 }
 
-/// The changes asked for, in their order; nothing, with a warning, when one of them is unusable.
-std::optional<KelVector<Change>> ReadChanges(const KelContainer& values) {
+/// A container has no text.
+IniValue Judge(const FileStoreSetting& setting, const KelContainer& values) {
+    if (values.IsContainer(setting.name))
+        return {{}, KelFormat("%s cannot be a container", setting.name), false};
+    return JudgeIniValue(setting.entry, values.GetString(setting.name));
+}
+
+/// What a caller may want to know of changes that were made.
+using Notes = KelVector<KelString>;
+
+/// The changes asked for, in their order, or the error for the first unusable one.
+KelResult<KelVector<Change>> ReadChanges(const KelContainer& values, Notes& notes) {
     KelVector<Change> changes;
     for (std::size_t i = 0; i < values.GetNameCount(); ++i) {
         const KelString& name = values.GetName(i);
         const FileStoreSetting* setting = FindSetting(name);
-        if (setting == nullptr) continue;
-        const std::optional<Value> value = std::visit(ValueReader{values, name}, setting->fallback);
-        if (!value || !IsUsable(*setting, setting->Clamped(*value))) {
-            FileStore::debugFileStore.Warning("Setting %S cannot be '%S'; no setting was changed\n", name,
-                                              values.GetString(name));
-            return std::nullopt;
+        if (setting == nullptr) {
+            notes.push_back(UnknownSetting(name));
+            continue;
         }
-        changes.push_back({setting, setting->Clamped(*value)});
+        Change change{setting, Judge(*setting, values)};
+        if (!change.judged.isUsable)
+            return KelError{kKelErrorBadInput,
+                            KelFormat("%S cannot be '%S': it takes %S. No setting was changed", name,
+                                      values.GetString(name), DescribeIniValues(setting->entry))};
+        changes.push_back(std::move(change));
     }
     return changes;
-}
-
-KelString IniText(const Value& value) {
-    if (const auto* flag = std::get_if<bool>(&value)) return *flag ? "true" : "false";
-    if (const auto* number = std::get_if<std::int32_t>(&value))
-        return KelFormat("%u", static_cast<std::uint32_t>(*number));
-    return std::get<KelString>(value);
 }
 
 void FollowUp(FileStoreSettingEffect effect) {
@@ -97,6 +76,21 @@ void FollowUp(FileStoreSettingEffect effect) {
     }
 }
 
+/// Notes the values that were moved into their bounds, by themselves or by other settings.
+void AddAdjusted(const KelVector<Change>& changes, Notes& notes) {
+    for (const Change& change : changes) {
+        const FileStoreSetting& setting = *change.setting;
+        if (!change.judged.problem.empty()) {
+            notes.push_back(change.judged.problem);
+        } else if (setting.effect == FileStoreSettingEffect::TimeToLive) {
+            const Value inForce = setting.Current();
+            if (inForce != setting.FromText(change.judged.text))
+                notes.push_back(KelFormat("%s is %S; it is raised to %d, the largest of the time-outs",
+                                          setting.name, change.judged.text, std::get<std::int32_t>(inForce)));
+        }
+    }
+}
+
 void SetValue(KelContainer& values, const char* name, const Value& value) {
     if (const auto* flag = std::get_if<bool>(&value))
         values.SetBool(name, *flag);
@@ -109,14 +103,25 @@ void SetValue(KelContainer& values, const char* name, const Value& value) {
 }  // namespace
 
 unsigned int FileStore::ActionHandler_FileStoreSetValues(KelContainer* arguments) {
-    const auto changes = ReadChanges(arguments->GetContainer("Values"));
-    if (!changes) return kKelErrorBadInput;
+    Notes notes;
+    const auto changes = ReadChanges(arguments->GetContainer("Values"), notes);
+    arguments->Clear();
+    if (!changes) {
+        debugFileStore.Warning("%S\n", changes.Error().message);
+        arguments->SetString("Message", changes.Error().message);
+        return changes.Error().code;
+    }
     for (const Change& change : *changes) {
+        const IniSetting& entry = change.setting->entry;
         // First on the disk: what a restart would forget is not taken over.
-        if (!FileStoreWriteSetting(change.setting->section, change.setting->key, IniText(change.value)))
-            return kKelErrorInternal;
-        change.setting->Store(change.value);
+        if (!FileStoreWriteSetting(entry.section, entry.key, change.judged.text)) return kKelErrorInternal;
+        change.setting->Store(change.setting->FromText(change.judged.text));
         FollowUp(change.setting->effect);
+    }
+    AddAdjusted(*changes, notes);
+    for (std::size_t i = 0; i < notes.size(); ++i) {
+        debugFileStore.Warning("%S\n", notes[i]);
+        arguments->SetString("Notes", notes[i], static_cast<std::uint32_t>(i));
     }
     return kKelOk;
 }

@@ -17,7 +17,6 @@ namespace {
 
 constexpr const char* kSection = "PackageSynchronization";
 constexpr const char* kSyncType = "PackageSyncInfo";
-constexpr int kDefaultSeconds = 4096;
 
 /// The keys of the packages: the i-th value of each name belongs to the i-th package.
 KelContainer PackageList(const FileRows& packages) {
@@ -60,10 +59,8 @@ void EndOfSynchronization() {
 }  // namespace
 
 bool FileStore::IsGapOkForPackageSynchronization() {
-    const auto gap =
-        static_cast<unsigned int>(FileStoreReadInteger(kSection, "PackageSynchroGap", kDefaultSeconds));
-    const auto last =
-        static_cast<unsigned int>(FileStoreReadInteger(kSection, "LastPackageSynchro", kDefaultSeconds));
+    const std::uint32_t gap = FileStoreReadNumber(kSection, "PackageSynchroGap");
+    const std::uint32_t last = FileStoreReadNumber(kSection, "LastPackageSynchro");
     const auto now = static_cast<unsigned int>(std::time(nullptr));
     return gap + last < now || last > now;  // written before the clock was set back
 }

@@ -145,6 +145,8 @@ class FileStore {
 
     // ---- action handlers; on any thread, concurrently
     static unsigned int ActionHandler_FileStoreGetValues(KelContainer* arguments);
+    /// Changes all values or, when one is unusable (1, Message says which), none. Notes[i]: what was raised or
+    /// lowered into its bounds, and names that are unknown.
     static unsigned int ActionHandler_FileStoreSetValues(KelContainer* arguments);
     static unsigned int ActionHandler_FileStoreRequestFile(KelContainer* arguments);
     static unsigned int ActionHandler_FileStoreRequestFileSize(KelContainer* arguments);

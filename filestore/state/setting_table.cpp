@@ -2,7 +2,7 @@
 
 #include <algorithm>
 #include <array>
-#include <type_traits>
+#include <limits>
 
 #include "filestore/state/file_store.h"
 #include "kel/ini_file.h"
@@ -13,21 +13,9 @@ namespace {
 using Read = FileStoreSettingRead;
 using Effect = FileStoreSettingEffect;
 
-// Numbers of the ini file are signed and held unsigned: a negative one passes a lower bound as a very large
-// number.
-template <std::uint32_t Minimum>
-std::int32_t AtLeast(std::int32_t value) {
-    return static_cast<std::int32_t>(std::max(static_cast<std::uint32_t>(value), Minimum));
-}
-
-template <std::uint32_t Minimum, std::uint32_t Maximum>
-std::int32_t Between(std::int32_t value) {
-    return static_cast<std::int32_t>(std::clamp(static_cast<std::uint32_t>(value), Minimum, Maximum));
-}
-
-std::int32_t NotNegative(std::int32_t value) {
-    return std::max(value, 0);
-}
+constexpr std::int64_t kMost = std::numeric_limits<std::int32_t>::max();
+/// The most files in one archive: receivers unpack 10000 entries by default, the index included.
+constexpr std::int64_t kMostPackedFiles = 9999;
 
 bool IsRange(const KelString& text) {
     return IpRange().Parse(text);
@@ -55,22 +43,28 @@ KelString CurrentPacking() {
 
 /// One row of the table below, made by naming what differs from the common case.
 struct Row : FileStoreSetting {
-    Row(const char* iniSection, const char* settingName, Value defaultValue, Member holder)
-        : FileStoreSetting{.name = settingName,
-                           .section = iniSection,
-                           .key = settingName,
-                           .fallback = std::move(defaultValue),
-                           .member = holder} {}
+    Row(const char* section, const char* settingName, bool fallback, Member holder)
+        : Row(settingName, IniSetting::Flag(section, settingName, fallback), holder) {}
+    Row(const char* section, const char* settingName, int fallback, Member holder)
+        : Row(settingName, IniSetting::Number(section, settingName, fallback), holder) {}
+    Row(const char* section, const char* settingName, const char* fallback, Member holder)
+        : Row(settingName, IniSetting::Text(section, settingName, fallback), holder) {}
+    Row(const char* settingName, IniSetting iniEntry, Member holder)
+        : FileStoreSetting{.name = settingName, .entry = std::move(iniEntry), .member = holder} {}
     Row& Key(const char* iniKey) {
-        key = iniKey;
+        entry.key = iniKey;
         return *this;
     }
-    Row& Clamp(std::int32_t (*function)(std::int32_t)) {
-        clamp = function;
+    Row& Between(std::int64_t least, std::int64_t most) {
+        entry = entry.Between(least, most);
         return *this;
     }
-    Row& Check(bool (*function)(const KelString&)) {
-        check = function;
+    Row& Addresses() {
+        entry = entry.Checked(IsRange, "IPv4 addresses, ranges and networks separated by commas");
+        return *this;
+    }
+    Row& OneOf(KelVector<KelString> words) {
+        entry = entry.OneOf(std::move(words));
         return *this;
     }
     Row& Apply(void (*function)(const KelString&)) {
@@ -94,36 +88,38 @@ struct Row : FileStoreSetting {
 std::span<const FileStoreSetting> Table() {
     using F = FileStore;
     static const std::array<FileStoreSetting, 32> table = {{
-        Row("FileStore", "Timeout", 300, &F::ulTimeout).Clamp(AtLeast<300>).Then(Effect::TimeToLive),
-        Row("FileStore", "PushTimeout", 300, &F::ulPushTimeout).Clamp(AtLeast<300>).Then(Effect::TimeToLive),
-        Row("FileStore", "PullTimeout", 300, &F::ulPullTimeout).Clamp(AtLeast<300>).Then(Effect::TimeToLive),
+        Row("FileStore", "Timeout", 300, &F::ulTimeout).Between(300, kMost).Then(Effect::TimeToLive),
+        Row("FileStore", "PushTimeout", 300, &F::ulPushTimeout).Between(300, kMost).Then(Effect::TimeToLive),
+        Row("FileStore", "PullTimeout", 300, &F::ulPullTimeout).Between(300, kMost).Then(Effect::TimeToLive),
         Row("FileStore", "TimeToLive", 86400, &F::ulTimeToLive).Then(Effect::TimeToLive),
         Row("FileStore", "QueueGap", 30, {}).ReadAt(Read::WhenUsed),
         Row("FileStore", "CheckAvailableFreeSpaceBeforeDownloading", false,
             &F::fCheckAvailableFreeSpaceBeforeDownloading),
         Row("FileStore", "EnableDialupDownloads", true, &F::fEnableDialupDownloads),
         Row("FileStore", "EnableDialupUploads", true, &F::fEnableDialupUploads),
-        Row("FileStore", "ThresholdForDownloads", 0, &F::ulThresholdForDownloads).Clamp(NotNegative),
-        Row("FileStore", "ThresholdForUploads", 0, &F::ulThresholdForUploads).Clamp(NotNegative),
-        Row("FileStore", "FrameSize", 1492, &F::ulFrameSize).Clamp(AtLeast<200>).Then(Effect::FrameSize),
+        Row("FileStore", "ThresholdForDownloads", 0, &F::ulThresholdForDownloads),
+        Row("FileStore", "ThresholdForUploads", 0, &F::ulThresholdForUploads),
+        Row("FileStore", "FrameSize", 1492, &F::ulFrameSize).Between(200, kMost).Then(Effect::FrameSize),
         Row("FileStore", "PackageTTL", 200, &F::ulPackageTTL),
         Row("FileStore", "TrustedAddressRange", "", &F::strTrustedAddressRange)
-            .Check(IsRange)
+            .Addresses()
             .Apply(ApplyTrustedRange),
-        Row("Multicast", "MulticastBlockSize", 1024, &F::ulMulticastBlockSize).Clamp(Between<1024, 64000>),
-        Row("Multicast", "MulticastTransferDelay", 60, &F::ulMulticastTransferDelay).Clamp(AtLeast<5>),
-        Row("Multicast", "MulticastPort", 1500, &F::ulMulticastTransferPort).Key("MulticastTransferPort"),
+        Row("Multicast", "MulticastBlockSize", 1024, &F::ulMulticastBlockSize).Between(1024, 64000),
+        Row("Multicast", "MulticastTransferDelay", 60, &F::ulMulticastTransferDelay).Between(5, kMost),
+        Row("Multicast", "MulticastPort", 1500, &F::ulMulticastTransferPort)
+            .Key("MulticastTransferPort")
+            .Between(1, 65535),
         Row("Multicast", "MulticastAddress", "224.2.0.0-224.2.0.100", &F::strMulticastTransferAddressRange)
             .Key("MulticastTransferAddressRange")
-            .Check(IsRange)
+            .Addresses()
             .Apply(ApplyMulticastRange),
         Row("Multicast", "MulticastRetryNumber", 3, &F::ulMulticastRetry).Key("MulticastRetry"),
         Row("Multicast", "MulticastSuccessRate", 50, &F::ulMulticastMinimumSuccessRate)
             .Key("MulticastMinimumSuccessRate")
-            .Clamp(Between<0, 100>),
+            .Between(0, 100),
         Row("Multicast", "MulticastMinimumRequests", 2, &F::ulMulticastMinimumRequests),
         Row("Multicast", "MulticastMinimumFileSize", 65536, &F::ulMulticastMinimumFileSize),
-        Row("Multicast", "MulticastTTL", 1, &F::iMulticastTTL),
+        Row("Multicast", "MulticastTTL", 1, &F::iMulticastTTL).Between(0, 255),
         Row("Multicast", "MulticastDifferencialRetry", false, &F::fMulticastDifferencialRetry),
         Row("Multicast", "UnicastRecoveryOnMulticastFailure", true, &F::fUnicastRecoveryOnMulticastFailure),
         Row("PackageSynchronization", "PackageSynchroAtStartup", false, {}).ReadAt(Read::WhenUsed),
@@ -133,11 +129,14 @@ std::span<const FileStoreSetting> Table() {
         Row("AlternativePackagesRepository", "PackagesRepositoryCopy", true, &F::fPackagesRepositoryCopy),
         Row("FileStore", "KeepCopyPackageMaxSize", 0, &F::uKeepCopyPackageMaxSize),
         Row("UploadPolicy", "ConcatFiles", "", {})
+            .OneOf({"auto", "manual", "none"})
             .Apply(ApplyPacking)
             .Current(CurrentPacking)
             .ReadAt(Read::AtActivation),
         Row("UploadPolicy", "ExcludedFileType", "", &F::strExcludedFileType).ReadAt(Read::AtActivation),
-        Row("UploadPolicy", "MaxFilesToConcat", 50, &F::uMaxFilesToConcat).ReadAt(Read::AtActivation),
+        Row("UploadPolicy", "MaxFilesToConcat", 50, &F::uMaxFilesToConcat)
+            .Between(1, kMostPackedFiles)
+            .ReadAt(Read::AtActivation),
     }};
     return table;
 }
@@ -173,14 +172,45 @@ std::span<const FileStoreSetting> FileStoreSettings() {
     return Table();
 }
 
-FileStoreSetting::Value FileStoreSetting::Clamped(const Value& value) const {
-    const auto* number = std::get_if<std::int32_t>(&value);
-    return number != nullptr && clamp != nullptr ? Value(clamp(*number)) : value;
+std::span<const IniSetting> FileStoreIniSettings() {
+    static const KelVector<IniSetting> settings = [] {
+        KelVector<IniSetting> all = {IniSetting::Flag("FileStore", "PerformVacuum", true),
+                                     IniSetting::Text("FileStore", "SqlExecute*"),
+                                     IniSetting::Text("Directories", "FileStorage"),
+                                     IniSetting::Text("UploadPolicy", "ArchiveType", "ZIP").OneOf({"ZIP"}),
+                                     IniSetting::Number("PackageSynchronization", "LastPackageSynchro", 4096)
+                                         .Between(0, std::numeric_limits<std::uint32_t>::max())};
+        for (const char* section : {"SqlRun", "SqlRunOnce", "SqlUpgrade", "SqlUpgrade2", "SqlUpgrade3"})
+            all.push_back(IniSetting::Text(section, "Sql*"));
+        for (const FileStoreSetting& setting : Table())
+            all.push_back(setting.entry);
+        return all;
+    }();
+    return settings;
+}
+
+const IniSetting& FileStoreIniSetting(const KelString& section, const KelString& key) {
+    const auto settings = FileStoreIniSettings();
+    return *std::find_if(settings.begin(), settings.end(), [&section, &key](const IniSetting& setting) {
+        return setting.Covers(section, key);
+    });
+}
+
+FileStoreSetting::Value FileStoreSetting::FromText(const KelString& text) const {
+    switch (entry.type) {
+        case IniSetting::Type::Flag:
+            return text == "true";
+        case IniSetting::Type::Number:
+            return static_cast<std::int32_t>(ParseInt64(text).value_or(0));
+        case IniSetting::Type::Text:
+            break;
+    }
+    return text;
 }
 
 void FileStoreSetting::Store(const Value& value) const {
     KelLock lock(FileStore::mutexSettings);
-    std::visit(MemberWriter{Clamped(value)}, member);
+    std::visit(MemberWriter{value}, member);
     if (apply != nullptr) apply(std::get<KelString>(value));
 }
 
@@ -194,21 +224,5 @@ FileStoreSetting::Value FileStoreSetting::Current() const {
 FileStoreSetting::Value FileStoreSetting::Read() const {
     IniFile ini;
     ini.Open(FileStore::strModuleIniFile);
-    KelString text;
-    ini.GetEntryValue(section, key, text, "");
-    return std::visit(
-        [&]<class Type>(const Type& defaultValue) -> Value {
-            Type value;
-            ini.GetEntryValue(section, key, value, defaultValue);
-            if constexpr (!std::is_same_v<Type, KelString>) {
-                // A text that cannot be read as the type gives whatever fallback is asked for.
-                Type other;
-                ini.GetEntryValue(section, key, other, static_cast<Type>(!defaultValue));
-                if (other != value && !text.empty())
-                    FileStore::debugFileStore.Warning(
-                        "%s in section %s cannot be '%S'; the default is used\n", key, section, text);
-            }
-            return value;
-        },
-        fallback);
+    return FromText(ReadIniText(ini, entry));
 }

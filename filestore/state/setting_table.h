@@ -6,6 +6,7 @@
 #include <variant>
 
 #include "kel/types.h"
+#include "kelcore/ini_settings.h"
 
 /// When a setting is read from the ini file.
 enum class FileStoreSettingRead { AtInitialisation, AtActivation, WhenUsed };
@@ -13,7 +14,7 @@ enum class FileStoreSettingRead { AtInitialisation, AtActivation, WhenUsed };
 /// What must be done after a setting has changed at run time.
 enum class FileStoreSettingEffect { None, TimeToLive, Repository, FrameSize };
 
-/// One setting of the module: its name for the settings actions, its place in the ini file, its member.
+/// One setting of the module: its name for the settings actions, its entry in the ini file, its member.
 struct FileStoreSetting {
     using Flag = std::atomic<bool>;
     using Number = std::atomic<std::uint32_t>;
@@ -21,31 +22,31 @@ struct FileStoreSetting {
 
     /// Where the value is held; texts under mutexSettings. Empty: the value stands in the ini file only.
     using Member = std::variant<std::monostate, Flag*, Number*, SignedNumber*, KelString*>;
-    /// The default; its type is the type of the setting.
     using Value = std::variant<bool, std::int32_t, KelString>;
 
     const char* name;
-    const char* section;
-    const char* key;
-    Value fallback;
+    IniSetting entry;
     Member member;
-    std::int32_t (*clamp)(std::int32_t) = nullptr;  ///< numbers only: the value to use
-    bool (*check)(const KelString&) = nullptr;      ///< texts only: it is well-formed
-    void (*apply)(const KelString&) = nullptr;      ///< texts only: updates what depends on the text
-    KelString (*current)() = nullptr;               ///< texts without a member: the value in force
+    void (*apply)(const KelString&) = nullptr;  ///< texts only: updates what depends on the text
+    KelString (*current)() = nullptr;           ///< texts without a member: the value in force
     FileStoreSettingEffect effect = FileStoreSettingEffect::None;
     FileStoreSettingRead read = FileStoreSettingRead::AtInitialisation;
 
-    /// Stores a value of the setting's type in its member, clamped, and applies it. Of a malformed list of
-    /// addresses the well-formed items are used.
+    /// The value that a text which JudgeIniValue has given stands for.
+    Value FromText(const KelString& text) const;
+    /// Stores a usable value in its member and applies it.
     void Store(const Value& value) const;
-    /// The value to use for `value`: numbers clamped.
-    Value Clamped(const Value& value) const;
     /// The value in force: of the member, or of the ini file where there is none.
     Value Current() const;
-    /// The value in the ini file, or the default.
+    /// The value to use of the ini file.
     Value Read() const;
 };
 
 /// All settings that the settings actions know, in the order in which they are listed.
 std::span<const FileStoreSetting> FileStoreSettings();
+
+/// All entries of the ini file, those that only the module itself reads included.
+std::span<const IniSetting> FileStoreIniSettings();
+
+/// The entry that is listed under these names, for a value that is needed too rarely to be kept.
+const IniSetting& FileStoreIniSetting(const KelString& section, const KelString& key);

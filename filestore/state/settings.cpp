@@ -14,14 +14,8 @@
 namespace {
 
 void ReadAll(FileStoreSettingRead when) {
-    for (const FileStoreSetting& setting : FileStoreSettings()) {
-        if (setting.read != when) continue;
-        const FileStoreSetting::Value value = setting.Read();
-        setting.Store(value);
-        if (setting.check != nullptr && !setting.check(std::get<KelString>(value)))
-            FileStore::debugFileStore.Warning("%s in section %s is malformed ('%S'); correct it\n",
-                                              setting.key, setting.section, std::get<KelString>(value));
-    }
+    for (const FileStoreSetting& setting : FileStoreSettings())
+        if (setting.read == when) setting.Store(setting.Read());
 }
 
 void RaiseTo(std::atomic<std::uint32_t>& value, std::uint32_t minimum) {
@@ -55,7 +49,7 @@ std::int64_t FileStoreDueBefore(std::uint64_t timeout) {
 }
 
 void FileStoreReadVacuumSetting() {
-    FileStore::fPerformVacuum = FileStoreReadFlag("FileStore", "PerformVacuum", true);
+    FileStore::fPerformVacuum = FileStoreReadFlag("FileStore", "PerformVacuum");
 }
 
 void FileStoreReadUploadPolicy() {
@@ -71,20 +65,16 @@ void FileStoreApplyFrameSize() {
     FileStore::bmTrackUsageDown.SetFrameSize(frameSize);
 }
 
-int FileStoreReadInteger(const KelString& section, const KelString& key, int fallback) {
+std::uint32_t FileStoreReadNumber(const KelString& section, const KelString& key) {
     IniFile ini;
     ini.Open(FileStore::strModuleIniFile);
-    int value = fallback;
-    ini.GetEntryValue(section, key, value, fallback);
-    return value;
+    return static_cast<std::uint32_t>(ReadIniNumber(ini, FileStoreIniSetting(section, key)));
 }
 
-bool FileStoreReadFlag(const KelString& section, const KelString& key, bool fallback) {
+bool FileStoreReadFlag(const KelString& section, const KelString& key) {
     IniFile ini;
     ini.Open(FileStore::strModuleIniFile);
-    bool value = fallback;
-    ini.GetEntryValue(section, key, value, fallback);
-    return value;
+    return ReadIniFlag(ini, FileStoreIniSetting(section, key));
 }
 
 bool FileStoreWriteSetting(const KelString& section, const KelString& key, const KelString& value) {

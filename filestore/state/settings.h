@@ -17,9 +17,9 @@ void FileStoreApplyFrameSize();
 /// row with the time 0 always is.
 std::int64_t FileStoreDueBefore(std::uint64_t timeout);
 
-/// Reads from the ini file an integer or a flag that is needed too rarely to be kept.
-int FileStoreReadInteger(const KelString& section, const KelString& key, int fallback);
-bool FileStoreReadFlag(const KelString& section, const KelString& key, bool fallback);
+/// Reads from the ini file a number or a flag that is needed too rarely to be kept; see FileStoreIniSettings.
+std::uint32_t FileStoreReadNumber(const KelString& section, const KelString& key);
+bool FileStoreReadFlag(const KelString& section, const KelString& key);
 
 /// Writes one value into the ini file, under mutexSettings; a failure is logged. False then.
 bool FileStoreWriteSetting(const KelString& section, const KelString& key, const KelString& value);

@@ -2,13 +2,14 @@
 
 #include "kel/periodic_thread.h"
 #include "kel/types.h"
+#include "kelcore/ini_settings.h"
 
 /// The loop of every worker thread: wait as long as the ini file says, do one unit of work, repeat. The
 /// setting is read anew before every wait; 0 ends the thread, which a restart of the module starts again.
 class FileThreadBase : public KelPeriodicThread {
   public:
     /// The wait in seconds stands in the module's ini file, in `section` under `key`.
-    FileThreadBase(KelString section, KelString key, int defaultSeconds);
+    FileThreadBase(const char* section, const char* key, int defaultSeconds);
     ~FileThreadBase() override = default;
 
     /// Ends the thread's wait when it runs and is not being cancelled. From any thread. `value` is only for
@@ -24,7 +25,5 @@ class FileThreadBase : public KelPeriodicThread {
   private:
     std::optional<std::uint64_t> NextWait() const;
 
-    KelString section_;
-    KelString key_;
-    int defaultSeconds_;
+    const IniSetting wait_;
 };

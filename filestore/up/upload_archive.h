@@ -33,9 +33,6 @@ inline constexpr const char* kArchiveNamePrefix = "PACKEDFILES_";
 /// Create or Drop removes. Failures are logged. Used on the push thread only.
 class UploadArchive {
   public:
-    /// The most files in one archive: receivers unpack 10000 entries by default, the index included.
-    static constexpr unsigned int kMostFiles = 9999;
-
     /// Whether a file can be packed at all; a larger one travels on its own, and so does an archive.
     static bool CanPack(const FileStoreEntry& entry);
 

@@ -43,9 +43,7 @@ bool ApplyManualPolicy(UploadFilter& filter) {
 }
 
 unsigned int BatchSize() {
-    return FileStore::fConcatFiles
-               ? std::clamp(FileStore::uMaxFilesToConcat.load(), 1U, UploadArchive::kMostFiles)
-               : kBatchSize;
+    return FileStore::fConcatFiles ? FileStore::uMaxFilesToConcat.load() : kBatchSize;
 }
 
 }  // namespace

@@ -21,10 +21,9 @@ class DBConnectionPool {
     void SetDatabase(const KelString& kind, const KelString& server, const KelString& path,
                      const KelString& user, const KelString& password, unsigned int port);
 
-    /// Opens the database file, creating it (mode 0600) when it is missing. After an unclean stop a quick
-    /// check runs first; a database that fails it is moved aside to "<file>.damaged-<time>" and a new one
-    /// made, with an error in the log. Null on failure (logged). A file has one connection in this process at
-    /// a time; a second one is refused.
+    /// Opens the database file, creating it (mode 0600) when it is missing. A database whose structure is
+    /// damaged is moved aside to "<file>.damaged-<time>" and a new one made, with an error in the log. Null
+    /// on failure (logged). A file has one connection in this process at a time; a second one is refused.
     std::unique_ptr<DBConnection> CreateConnection();
 
   private:

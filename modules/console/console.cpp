@@ -1,5 +1,6 @@
 #include "modules/console/console.h"
 
+#include <array>
 #include <ctime>
 #include <unordered_set>
 
@@ -126,6 +127,19 @@ bool Console::Initialise() {
     directory_.SetIniPath(IniPath());
     publisher_.SetFolder(DataPath());
     return database_.Open(DataPath(), IniPath());
+}
+
+std::span<const IniSetting> Console::IniSettings() const {
+    static const std::array settings = {IniSetting::Text("Devices", "*"),
+                                        IniSetting::Text("SqlUpgrade", "Sql*")};
+    return settings;
+}
+
+void Console::CheckIni(const IniFile& ini, KelVector<IniFault>& faults) const {
+    KelVector<KelString> problems;
+    ReadDevices(ini, problems);
+    for (const KelString& problem : problems)
+        faults.push_back({IniFault::Weight::Unusable, problem + "; it is left out"});
 }
 
 bool Console::Activate() {

@@ -39,6 +39,8 @@ class Console : public KelModule {
     bool Activate() override;
     void Cleanup() override;
     void Unregister() override;
+    std::span<const IniSetting> IniSettings() const override;
+    void CheckIni(const IniFile& ini, KelVector<IniFault>& faults) const override;
 
   private:
     unsigned int ListDevices(KelContainer* arguments);

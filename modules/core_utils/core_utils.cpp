@@ -1,9 +1,22 @@
 #include "modules/core_utils/core_utils.h"
 
+#include <array>
+#include <limits>
+
 #include "kel/ini_file.h"
 #include "kelcore/action_db.h"
 #include "kelcore/call_origin.h"
 #include "kelcore/error_codes.h"
+
+namespace {
+
+constexpr std::int64_t kMost = std::numeric_limits<std::int32_t>::max();
+
+const std::array kSettings = {IniSetting::Number("Extract", "MaxEntries", 10000).Between(1, kMost),
+                              IniSetting::Number("Extract", "MaxMegabytes", 4096).Between(1, kMost),
+                              IniSetting::Number("Extract", "MaxRatio", 1000).Between(1, kMost)};
+
+}  // namespace
 
 CoreUtils::CoreUtils() : KelModule("CoreUtils", "Core utilities") {}
 
@@ -15,21 +28,16 @@ void CoreUtils::Register(const char* handle) {
 
 bool CoreUtils::Initialise() {
     IniFile ini;
-    if (!ini.Open(IniPath())) {
-        Log().Error("%S cannot be read; correct or remove it\n", IniPath());
-        return false;
-    }
-    int entries = 0, megabytes = 0, ratio = 0;
-    ini.GetEntryValue("Extract", "MaxEntries", entries, 10000);
-    ini.GetEntryValue("Extract", "MaxMegabytes", megabytes, 4096);
-    ini.GetEntryValue("Extract", "MaxRatio", ratio, 1000);
-    if (entries <= 0 || megabytes <= 0 || ratio <= 0) {
-        Log().Error("%S: the limits of section Extract must be above 0\n", IniPath());
-        return false;
-    }
-    limits_ = {static_cast<std::uint64_t>(entries), static_cast<std::uint64_t>(megabytes) << 20,
-               static_cast<std::uint64_t>(ratio)};
+    if (!ini.Open(IniPath())) return false;
+    const auto limit = [&ini](const IniSetting& setting) {
+        return static_cast<std::uint64_t>(ReadIniNumber(ini, setting));
+    };
+    limits_ = {limit(kSettings[0]), limit(kSettings[1]) << 20, limit(kSettings[2])};
     return true;
+}
+
+std::span<const IniSetting> CoreUtils::IniSettings() const {
+    return kSettings;
 }
 
 unsigned int CoreUtils::ExtractFile(KelContainer* arguments) {

@@ -19,6 +19,7 @@ class CoreUtils : public KelModule {
   protected:
     void Register(const char* handle) override;
     bool Initialise() override;
+    std::span<const IniSetting> IniSettings() const override;
 
   private:
     unsigned int ExtractFile(KelContainer* arguments);

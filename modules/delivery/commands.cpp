@@ -60,16 +60,16 @@ KelResult<KelVector<KelString>> SplitCommandLine(const KelString& text) {
 }
 
 void Commands::Configure(const IniFile& ini) {
-    for (const KelString& type : ini.GetKeys("Commands")) {
-        KelString text;
-        ini.GetEntryValue("Commands", type, text, KelString());
-        const auto command = SplitCommandLine(text);
-        if (!command) {
-            log_.Error("Files of type %S will run no command: %S\n", type, command.Error().message);
-            continue;
-        }
-        commands_[type] = *command;
-    }
+    for (const auto& [type, text] : ini.GetEntries("Commands"))
+        if (const auto command = SplitCommandLine(text)) commands_[type] = *command;
+}
+
+void Commands::CheckIni(const IniFile& ini, KelVector<IniFault>& faults) {
+    for (const auto& [type, text] : ini.GetEntries("Commands"))
+        if (const auto command = SplitCommandLine(text); !command)
+            faults.push_back(
+                {IniFault::Weight::Unusable,
+                 KelFormat("files of type %S will run no command: %S", type, command.Error().message)});
 }
 
 CommandResult Commands::Run(const FileKey& file, const KelString& path,

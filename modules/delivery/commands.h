@@ -6,6 +6,7 @@
 #include "kel/ini_file.h"
 #include "kel/result.h"
 #include "kel/types.h"
+#include "kelcore/ini_settings.h"
 #include "modules/delivery/received_file.h"
 
 /// Splits a configured command into the program's absolute path and its arguments: at blanks and tabs, but
@@ -24,8 +25,11 @@ class Commands {
   public:
     explicit Commands(const KelDebug& log) : log_(log) {}
 
-    /// Reads the section Commands of `ini`. An unusable command is logged and left out.
+    /// Reads the section Commands of `ini`. An unusable command is left out.
     void Configure(const IniFile& ini);
+
+    /// Appends the commands that cannot be run.
+    static void CheckIni(const IniFile& ini, KelVector<IniFault>& faults);
 
     bool Has(const KelString& type) const { return commands_.contains(type); }
 

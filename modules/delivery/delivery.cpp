@@ -71,14 +71,8 @@ void Delivery::Unregister() {
 
 bool Delivery::Initialise() {
     IniFile ini;
-    if (!ini.Open(IniPath())) {
-        Log().Error("%S cannot be read or is malformed\n", IniPath());
-        return false;
-    }
-    if (const KelStatus configured = inbox_.Configure(ini, DataPath()); !configured) {
-        Log().Error("%S\n", configured.Error().message);
-        return false;
-    }
+    if (!ini.Open(IniPath())) return false;
+    inbox_.Configure(ini, DataPath());
     commands_.Configure(ini);
     receipts_.SetFolder(DataPath() + "/Outgoing");
     collected_.SetFolders(DataPath() + "/Collected", DataPath() + "/Incoming");
@@ -93,6 +87,20 @@ bool Delivery::Initialise() {
     return true;
 }
 
+std::span<const IniSetting> Delivery::IniSettings() const {
+    static const KelVector<IniSetting> settings = [] {
+        KelVector<IniSetting> all = Inbox::IniSettings();
+        all.push_back(IniSetting::Text("Commands", "*"));
+        return all;
+    }();
+    return settings;
+}
+
+void Delivery::CheckIni(const IniFile& ini, KelVector<IniFault>& faults) const {
+    Inbox::CheckIni(ini, faults);
+    Commands::CheckIni(ini, faults);
+}
+
 /// A copy into the inbox is only made for an open job that is on the disk before it. So only the folders of
 /// the open jobs are searched, however many folders the inbox has.
 void Delivery::RemoveUnfinishedCopies() {
@@ -105,9 +113,7 @@ void Delivery::RemoveUnfinishedCopies() {
 }
 
 bool Delivery::Activate() {
-    thread_.Start();
-    receiptThread_.Start();
-    return true;
+    return thread_.Start() && receiptThread_.Start();
 }
 
 void Delivery::Cleanup() {

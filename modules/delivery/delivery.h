@@ -41,6 +41,8 @@ class Delivery : public KelModule {
     bool Activate() override;
     void Cleanup() override;
     void Unregister() override;
+    std::span<const IniSetting> IniSettings() const override;
+    void CheckIni(const IniFile& ini, KelVector<IniFault>& faults) const override;
 
   private:
     enum class JobOutcome : unsigned char { Done, Later, Cancelled };

@@ -11,6 +11,15 @@
 
 namespace {
 
+bool IsNotEmpty(const KelString& text) {
+    return !text.empty();
+}
+
+const IniSetting kFolder = IniSetting::Text("Delivery", "Folder", "Inbox").Checked(IsNotEmpty, "a folder");
+// Vital: the files would be delivered to a place where their consumer does not look.
+const IniSetting kTypeFolder =
+    IniSetting::Text("Folders", "*", "Inbox").Checked(IsNotEmpty, "a folder").Vital();
+
 constexpr std::int64_t kNanoseconds = 1'000'000'000;
 
 KelString FolderFrom(const KelString& text, const KelString& root) {
@@ -19,24 +28,25 @@ KelString FolderFrom(const KelString& text, const KelString& root) {
 
 }  // namespace
 
-KelStatus Inbox::Configure(const IniFile& ini, const KelString& root) {
-    KelString folder;
-    ini.GetEntryValue("Delivery", "Folder", folder, KelString("Inbox"));
-    if (folder.empty()) return KelError{kKelErrorBadInput, "Delivery.ini: Folder is empty; name a folder"};
-    folder_ = FolderFrom(folder, root);
+KelVector<IniSetting> Inbox::IniSettings() {
+    return {kFolder, kTypeFolder};
+}
+
+void Inbox::CheckIni(const IniFile& ini, KelVector<IniFault>& faults) {
+    for (const KelString& type : ini.GetKeys(kTypeFolder.section))
+        if (!IsSafePathElement(type))
+            faults.push_back({IniFault::Weight::Vital,
+                              KelFormat("\"%S\" in section Folders cannot be a file type", type)});
+}
+
+void Inbox::Configure(const IniFile& ini, const KelString& root) {
+    folder_ = FolderFrom(ReadIniText(ini, kFolder), root);
     types_.clear();
     typeFolders_.clear();
-    for (const KelString& type : ini.GetKeys("Folders")) {
-        ini.GetEntryValue("Folders", type, folder, KelString());
-        if (folder.empty() || !IsSafePathElement(type)) {
-            return KelError{
-                kKelErrorBadInput,
-                KelFormat("Delivery.ini: the folder \"%S\" of the type \"%S\" is unusable", folder, type)};
-        }
+    for (const auto& [type, folder] : ini.GetEntries(kTypeFolder.section)) {
         types_.push_back(type);
         typeFolders_[type] = FolderFrom(folder, root);
     }
-    return {};
 }
 
 KelString Inbox::PathOf(const ReceivedFile& file) const {

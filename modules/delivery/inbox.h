@@ -6,6 +6,7 @@
 #include "kel/mutex.h"
 #include "kel/result.h"
 #include "kel/types.h"
+#include "kelcore/ini_settings.h"
 #include "modules/delivery/received_file.h"
 
 /// A file in the inbox.
@@ -20,8 +21,12 @@ struct DeliveredFile {
 /// with a folder of its own. Configured once; then from any thread.
 class Inbox {
   public:
-    /// Relative folders of the ini file are relative to `root`. An unusable folder is an error that names it.
-    KelStatus Configure(const IniFile& ini, const KelString& root);
+    /// Relative folders of the ini file, which has no vital fault, are relative to `root`.
+    void Configure(const IniFile& ini, const KelString& root);
+
+    /// The entries of the ini file that tell the folders, and what is wrong with file types there.
+    static KelVector<IniSetting> IniSettings();
+    static void CheckIni(const IniFile& ini, KelVector<IniFault>& faults);
 
     KelString PathOf(const ReceivedFile& file) const;
 

@@ -33,16 +33,8 @@ void HttpProtocol::Register(const char* handle) {
 
 bool HttpProtocol::Initialise() {
     IniFile ini;
-    if (!ini.Open(IniPath())) {
-        Log().Error("Cannot read %S. Correct it and start again.\n", IniPath());
-        return false;
-    }
-    auto read = kelhttp::ReadServerSettings(ini, KelAgentGetAddress(), Log());
-    if (!read) {
-        Log().Error("%S: %S. Correct it and start again.\n", IniPath(), read.Error().message);
-        return false;
-    }
-    kelhttp::ServerSettings settings = std::move(*read);
+    if (!ini.Open(IniPath())) return false;
+    kelhttp::ServerSettings settings = kelhttp::ReadServerSettings(ini, KelAgentGetAddress());
     settings.userName = KelAgentGetName();
     settings.password = KelAgentGetHttpPassword();
     if (settings.password.empty()) {

@@ -45,6 +45,7 @@ class HttpProtocol final : public KelModule {
     bool Activate() override;
     void Cleanup() override;
     std::optional<KelString> ServerAddress() const override;
+    std::span<const IniSetting> IniSettings() const override { return kelhttp::ServerIniSettings(); }
 
   private:
     unsigned int AddAlias(KelContainer& container);

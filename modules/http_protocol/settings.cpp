@@ -1,12 +1,7 @@
 #include "modules/http_protocol/settings.h"
 
-#include <algorithm>
-#include <optional>
-#include <utility>
-
-#include "kel/format.h"
+#include "kel/ip_address.h"
 #include "kel/text.h"
-#include "kelcore/error_codes.h"
 
 namespace kelhttp {
 namespace {
@@ -15,9 +10,12 @@ constexpr const char* kSection = "HttpProtocol";
 
 struct NumberEntry {
     const char* key;
-    int ServerSettings::*value;
+    int ServerSettings::*value;  ///< its initial value is the default
     int lowest;
     int highest;
+    IniSetting Setting() const {
+        return IniSetting::Number(kSection, key, ServerSettings().*value).Between(lowest, highest);
+    }
 };
 
 constexpr NumberEntry kNumbers[] = {
@@ -40,55 +38,53 @@ constexpr NumberEntry kNumbers[] = {
     {"BwPingDuration", &ServerSettings::bandwidthPingDuration, 0, 1 << 30},
 };
 
-int ReadNumber(const IniFile& ini, const NumberEntry& entry, int fallback, const KelDebug& log) {
-    KelString text;
-    if (!ini.GetEntryValue(kSection, entry.key, text, {}) || text.empty()) return fallback;
-    const std::optional<std::int64_t> number = ParseInt64(text);
-    const std::int64_t used =
-        number ? std::clamp<std::int64_t>(*number, entry.lowest, entry.highest) : fallback;
-    if (number != used)
-        log.Warning("Entry %s of section %s is '%S'; it must be a number from %d to %d, %gd is used.\n",
-                    entry.key, kSection, text, entry.lowest, entry.highest, used);
-    return static_cast<int>(used);
+bool IsIpAddress(const KelString& text) {
+    return text.empty() || IpAddress::Parse(text);
 }
 
-/// 0 when there is no such entry.
-KelResult<std::uint16_t> ReadPort(const IniFile& ini, const char* section, const char* key) {
-    KelString text;
-    ini.GetEntryValue(section, key, text, {});
-    const std::optional<std::uint64_t> port = text.empty() ? 0 : ParseUint64(text);
-    if (port && std::in_range<std::uint16_t>(*port)) return static_cast<std::uint16_t>(*port);
-    return KelError{
-        kKelErrorBadInput,
-        KelFormat("entry %s of section %s is '%S', no port number (0 to 65535)", key, section, text)};
+// With a default in its place, a wrong port or address would go unnoticed on this device, but no other device
+// could reach it.
+IniSetting Port(const char* section, const char* key) {
+    return IniSetting::Number(section, key, 0).Between(0, 65535).Vital();
 }
+
+const IniSetting kPort = Port(kSection, "Port");
+const IniSetting kSslPort = Port("Ssl", "Port");
+const IniSetting kBandwidthPort = Port(kSection, "BwPort");
+const IniSetting kAddress =
+    IniSetting::Text(kSection, "Address").Checked(IsIpAddress, "an IPv4 address").Vital();
+const IniSetting kWritable = IniSetting::Text("Aliases", "Writable", "FileStore/upstream");
+const IniSetting kCertificateFile = IniSetting::Text("Ssl", "CertificateFile");
+const IniSetting kKeyFile = IniSetting::Text("Ssl", "KeyFile");
 
 }  // namespace
 
-KelResult<ServerSettings> ReadServerSettings(const IniFile& ini, const KelString& address,
-                                             const KelDebug& log) {
+std::span<const IniSetting> ServerIniSettings() {
+    static const KelVector<IniSetting> settings = [] {
+        KelVector<IniSetting> all = {kPort,     kSslPort,         kBandwidthPort, kAddress,
+                                     kWritable, kCertificateFile, kKeyFile};
+        for (const NumberEntry& entry : kNumbers)
+            all.push_back(entry.Setting());
+        return all;
+    }();
+    return settings;
+}
+
+ServerSettings ReadServerSettings(const IniFile& ini, const KelString& address) {
+    const auto port = [&ini](const IniSetting& setting) {
+        return static_cast<std::uint16_t>(ReadIniNumber(ini, setting));
+    };
     ServerSettings settings;
-    const auto port = ReadPort(ini, kSection, "Port");
-    const auto sslPort = ReadPort(ini, "Ssl", "Port");
-    const auto bandwidthPort = ReadPort(ini, kSection, "BwPort");
-    for (const auto* read : {&port, &sslPort, &bandwidthPort}) {
-        if (!*read) return read->Error();
-    }
-    settings.port = *port;
-    settings.sslPort = *sslPort;
-    settings.bandwidthPort = *bandwidthPort;
-    for (const NumberEntry& entry : kNumbers) {
-        int& value = settings.*entry.value;
-        value = ReadNumber(ini, entry, value, log);
-    }
-    ini.GetEntryValue(kSection, "Address", settings.address, address);
-    KelString writable;
-    ini.GetEntryValue("Aliases", "Writable", writable, "FileStore/upstream");
-    for (const KelString& name : SplitText(writable, ',')) {
+    settings.port = port(kPort);
+    settings.sslPort = port(kSslPort);
+    settings.bandwidthPort = port(kBandwidthPort);
+    for (const NumberEntry& entry : kNumbers)
+        settings.*entry.value = static_cast<int>(ReadIniNumber(ini, entry.Setting()));
+    ini.GetEntryValue(kSection, kAddress.key, settings.address, address);
+    for (const KelString& name : SplitText(ReadIniText(ini, kWritable), ','))
         if (!Trim(name).empty()) settings.writableAliases.push_back(Trim(name));
-    }
-    ini.GetEntryValue("Ssl", "CertificateFile", settings.certificateFile, "");
-    ini.GetEntryValue("Ssl", "KeyFile", settings.keyFile, "");
+    settings.certificateFile = ReadIniText(ini, kCertificateFile);
+    settings.keyFile = ReadIniText(ini, kKeyFile);
     return settings;
 }
 

@@ -1,11 +1,11 @@
 #pragma once
 
 #include <cstdint>
+#include <span>
 
-#include "kel/debug.h"
 #include "kel/ini_file.h"
-#include "kel/result.h"
 #include "kel/types.h"
+#include "kelcore/ini_settings.h"
 
 namespace kelhttp {
 
@@ -43,10 +43,10 @@ struct ServerSettings {
     KelString password;
 };
 
-/// Reads the settings. A limit out of its range is clamped and one that is not a number is replaced by the
-/// default, with a warning; an unusable port is an error, because a default would go unnoticed. `address` is
-/// the default of the address.
-KelResult<ServerSettings> ReadServerSettings(const IniFile& ini, const KelString& address,
-                                             const KelDebug& log);
+/// The entries of the ini file.
+std::span<const IniSetting> ServerIniSettings();
+
+/// Reads the settings from `ini`, which has no vital fault. `address` is the default of the address.
+ServerSettings ReadServerSettings(const IniFile& ini, const KelString& address);
 
 }  // namespace kelhttp

@@ -1,5 +1,7 @@
 #include "modules/identity/device_values.h"
 
+#include <array>
+
 #include "kel/format.h"
 #include "kelcore/device_name.h"
 #include "kelcore/error_codes.h"
@@ -10,39 +12,36 @@ namespace {
 constexpr char kSection[] = "Identity";
 constexpr std::uint32_t kDefaultMask = 0xFFFFFF00;  // 255.255.255.0
 
-KelString Entry(const IniFile& ini, const char* key) {
-    KelString value;
-    ini.GetEntryValue(kSection, key, value, KelString());
-    return value;
+bool IsIpAddress(const KelString& text) {
+    return text.empty() || IpAddress::Parse(text);
 }
 
-KelError Unusable(const char* key, const KelString& value, const char* expected) {
-    return KelError{
-        kKelErrorBadInput,
-        KelFormat("Identity.ini: %s = %S is no %s; correct it or leave it empty", key, value, expected)};
+bool IsEmptyOrHostName(const KelString& text) {
+    return text.empty() || IsHostName(text);
 }
 
-/// Names and addresses become parts of device path names, which reach SQL statements and URLs unescaped.
+bool IsEmptyOrMacAddress(const KelString& text) {
+    return text.empty() || IsMacAddress(text);
+}
+
+// Names and addresses become parts of device path names, which reach SQL statements and URLs unescaped. They
+// are vital: a device that reported other ones would be looked for in another place.
+IniSetting Vital(const char* key, bool (*check)(const KelString&), const char* expected) {
+    return IniSetting::Text(kSection, key).Checked(check, expected).Vital();
+}
+
+const IniSetting kHostName = Vital("HostName", IsEmptyOrHostName, "a host name");
+const IniSetting kIpAddress = Vital("IPAddress", IsIpAddress, "an IPv4 address");
+const IniSetting kMacAddress =
+    Vital("MACAddress", IsEmptyOrMacAddress, "a MAC address like 02-00-7F-00-01-01");
+const IniSetting kNetworkMask = Vital("NetworkMask", IsIpAddress, "an IPv4 network mask");
+const IniSetting kPreferIpAddresses = IniSetting::Flag(kSection, "PreferIPAddresses", false);
+const IniSetting kCheckInterval = IniSetting::Number(kSection, "CheckInterval", 30).Between(1, 86400);
+
 KelString FullHostName() {
     const KelString domain = GetLocalDomainName();
     const KelString host = GetLocalHostName();
     return domain.empty() ? host : host + "." + domain;
-}
-
-KelStatus CheckEntries(const DeviceValues& values) {
-    if (!values.hostName.empty() && !IsHostName(values.hostName)) {
-        return Unusable("HostName", values.hostName, "host name");
-    }
-    if (!values.ipAddress.empty() && !IpAddress::Parse(values.ipAddress)) {
-        return Unusable("IPAddress", values.ipAddress, "IPv4 address");
-    }
-    if (!values.macAddress.empty() && !IsMacAddress(values.macAddress)) {
-        return Unusable("MACAddress", values.macAddress, "MAC address like 02-00-7F-00-01-01");
-    }
-    if (!values.networkMask.empty() && !IpAddress::Parse(values.networkMask)) {
-        return Unusable("NetworkMask", values.networkMask, "IPv4 network mask");
-    }
-    return {};
 }
 
 void CompleteFromInterfaces(DeviceValues& values, const KelVector<NetworkInterface>& interfaces) {
@@ -64,15 +63,27 @@ void CompleteFromInterfaces(DeviceValues& values, const KelVector<NetworkInterfa
 
 }  // namespace
 
+std::span<const IniSetting> IdentityIniSettings() {
+    static const std::array settings = {kHostName,    kIpAddress,         kMacAddress,
+                                        kNetworkMask, kPreferIpAddresses, kCheckInterval};
+    return settings;
+}
+
+std::uint32_t ReadCheckInterval(const IniFile& ini) {
+    return static_cast<std::uint32_t>(ReadIniNumber(ini, kCheckInterval));
+}
+
 KelResult<DeviceValues> DetermineDeviceValues(const IniFile& ini, const KelString& agentAddress,
                                               const KelVector<NetworkInterface>& interfaces) {
+    for (const IniFault& fault : FindIniFaults(ini, IdentityIniSettings()))
+        if (fault.weight == IniFault::Weight::Vital)
+            return KelError{kKelErrorBadInput, "Identity.ini: " + fault.text};
     DeviceValues values;
-    values.hostName = Entry(ini, "HostName");
-    values.ipAddress = Entry(ini, "IPAddress");
-    values.macAddress = Entry(ini, "MACAddress");
-    values.networkMask = Entry(ini, "NetworkMask");
-    ini.GetEntryValue(kSection, "PreferIPAddresses", values.preferIpAddresses, false);
-    if (const KelStatus checked = CheckEntries(values); !checked) return checked.Error();
+    values.hostName = ReadIniText(ini, kHostName);
+    values.ipAddress = ReadIniText(ini, kIpAddress);
+    values.macAddress = ReadIniText(ini, kMacAddress);
+    values.networkMask = ReadIniText(ini, kNetworkMask);
+    values.preferIpAddresses = ReadIniFlag(ini, kPreferIpAddresses);
     if (values.hostName.empty()) values.hostName = FullHostName();
     if (values.ipAddress.empty()) values.ipAddress = agentAddress;
     CompleteFromInterfaces(values, interfaces);

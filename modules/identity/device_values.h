@@ -1,8 +1,12 @@
 #pragma once
 
+#include <cstdint>
+#include <span>
+
 #include "kel/ini_file.h"
 #include "kel/result.h"
 #include "kel/types.h"
+#include "kelcore/ini_settings.h"
 #include "modules/identity/network_interface.h"
 
 /// How this device describes itself to others, except for its GUID.
@@ -15,6 +19,12 @@ struct DeviceValues {
 
     bool operator==(const DeviceValues&) const = default;
 };
+
+/// The entries of the ini file.
+std::span<const IniSetting> IdentityIniSettings();
+
+/// Seconds between two checks of the values.
+std::uint32_t ReadCheckInterval(const IniFile& ini);
 
 /// The values of the section Identity of `ini`; empty ones are taken from the system: the IP address from
 /// `agentAddress` (may be empty), else from the first interface that other devices can reach; MAC address and

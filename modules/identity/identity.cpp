@@ -73,8 +73,7 @@ bool Identity::Initialise() {
 }
 
 bool Identity::Activate() {
-    watcher_.Start();
-    return true;
+    return watcher_.Start();
 }
 
 void Identity::Cleanup() {
@@ -85,9 +84,7 @@ KelResult<DeviceValues> Identity::ReadValues() {
     IniFile ini;
     if (!ini.Open(IniPath()))
         return KelError{kKelErrorBadInput, KelFormat("%S cannot be read or is malformed", IniPath())};
-    int interval = 0;
-    ini.GetEntryValue("Identity", "CheckInterval", interval, 30);
-    checkSeconds_ = static_cast<std::uint32_t>(std::clamp(interval, 1, 86400));
+    checkSeconds_ = ReadCheckInterval(ini);
     return DetermineDeviceValues(ini, KelAgentGetAddress(), ListNetworkInterfaces());
 }
 

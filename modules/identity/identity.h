@@ -41,6 +41,7 @@ class Identity : public KelModule {
     bool Initialise() override;
     bool Activate() override;
     void Cleanup() override;
+    std::span<const IniSetting> IniSettings() const override { return IdentityIniSettings(); }
 
   private:
     KelResult<DeviceValues> ReadValues();

@@ -49,16 +49,8 @@ void Relay::Register(const char* handle) {
 
 bool Relay::Initialise() {
     IniFile ini;
-    if (!ini.Open(IniPath())) {
-        Log().Error("%S cannot be read or is malformed\n", IniPath());
-        return false;
-    }
-    const auto settings = ReadRelaySettings(ini);
-    if (!settings) {
-        Log().Error("%S\n", settings.Error().message);
-        return false;
-    }
-    settings_ = *settings;
+    if (!ini.Open(IniPath())) return false;
+    settings_ = ReadRelaySettings(ini);
     parentLink_.Configure(settings_, DataPath() + "/settled");
     packages_.SetFolders(DataPath() + "/Packages", DataPath() + "/Incoming");
     DirDeleteTempFiles(DataPath());
@@ -66,17 +58,12 @@ bool Relay::Initialise() {
 }
 
 bool Relay::Activate() {
-    if (settings_.role == RelayRole::Master) {
-        replayThread_.Start();
-        return true;
-    }
+    if (settings_.role == RelayRole::Master) return replayThread_.Start();
     if (settings_.parentName.empty()) {
         Log().Warning("This device has no parent; set ParentName and ParentPort in %S\n", IniPath());
         return true;
     }
-    replayThread_.Start();
-    parentLink_.Start();
-    return true;
+    return replayThread_.Start() && parentLink_.Start();
 }
 
 void Relay::Cleanup() {

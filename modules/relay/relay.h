@@ -38,6 +38,10 @@ class Relay : public KelModule {
     bool Initialise() override;
     bool Activate() override;
     void Cleanup() override;
+    std::span<const IniSetting> IniSettings() const override { return RelayIniSettings(); }
+    void CheckIni(const IniFile& ini, KelVector<IniFault>& faults) const override {
+        CheckRelayIni(ini, faults);
+    }
 
   private:
     unsigned int GetValues(KelContainer* arguments) const;

@@ -1,55 +1,32 @@
 #include "modules/relay/relay_settings.h"
 
-#include <algorithm>
-#include <optional>
+#include <array>
 
 #include "kel/format.h"
 #include "kel/text.h"
 #include "kelcore/device_name.h"
-#include "kelcore/error_codes.h"
 
 namespace {
 
 constexpr char kSection[] = "Relay";
 constexpr int kMaxInterval = 86400;
 
-std::optional<RelayRole> ParseRole(const KelString& text) {
-    for (const RelayRole role : {RelayRole::Master, RelayRole::Relay, RelayRole::Client}) {
+bool IsEmptyOrHostName(const KelString& text) {
+    return text.empty() || IsHostName(text);
+}
+
+const IniSetting kRole =
+    IniSetting::Text(kSection, "Role", "client").OneOf({"master", "relay", "client"}).Vital();
+const IniSetting kParentName =
+    IniSetting::Text(kSection, "ParentName").Checked(IsEmptyOrHostName, "a host name or an IPv4 address").Vital();
+const IniSetting kParentPort = IniSetting::Number(kSection, "ParentPort", 0).Between(0, 65535).Vital();
+const IniSetting kCheckInterval = IniSetting::Number(kSection, "CheckInterval", 30).Between(1, kMaxInterval);
+const IniSetting kRetryInterval = IniSetting::Number(kSection, "RetryInterval", 5).Between(1, kMaxInterval);
+
+RelayRole ParseRole(const KelString& text) {
+    for (const RelayRole role : {RelayRole::Master, RelayRole::Relay})
         if (IsEqualTo(text, RelayRoleName(role), false)) return role;
-    }
-    return std::nullopt;
-}
-
-std::uint32_t Seconds(const IniFile& ini, const char* key, int fallback) {
-    int value = 0;
-    ini.GetEntryValue(kSection, key, value, fallback);
-    return static_cast<std::uint32_t>(std::clamp(value, 1, kMaxInterval));
-}
-
-KelStatus ReadParent(const IniFile& ini, RelaySettings& settings) {
-    KelString name;
-    ini.GetEntryValue(kSection, "ParentName", name, KelString());
-    if (name.empty()) return {};
-    if (settings.role == RelayRole::Master) {
-        return KelError{kKelErrorBadInput,
-                        KelFormat("Relay.ini: a master has no parent, but ParentName is %S; remove it or "
-                                  "set Role to relay or client",
-                                  name)};
-    }
-    if (!IsHostName(name)) {
-        return KelError{kKelErrorBadInput,
-                        KelFormat("Relay.ini: ParentName = %S is no host name or IPv4 address", name)};
-    }
-    int port = 0;
-    ini.GetEntryValue(kSection, "ParentPort", port, 0);
-    if (port < 1 || port > 65535) {
-        return KelError{
-            kKelErrorBadInput,
-            KelFormat("Relay.ini: ParentPort must be the parent's port, 1 to 65535, not %d", port)};
-    }
-    settings.parentName = name;
-    settings.parentPort = static_cast<std::uint16_t>(port);
-    return {};
+    return RelayRole::Client;
 }
 
 }  // namespace
@@ -66,18 +43,34 @@ const char* RelayRoleName(RelayRole role) {
     return "client";
 }
 
-KelResult<RelaySettings> ReadRelaySettings(const IniFile& ini) {
-    RelaySettings settings;
-    KelString role;
-    ini.GetEntryValue(kSection, "Role", role, RelayRoleName(RelayRole::Client));
-    const auto parsed = ParseRole(role);
-    if (!parsed) {
-        return KelError{kKelErrorBadInput,
-                        KelFormat("Relay.ini: Role = %S is none of master, relay, client", role)};
-    }
-    settings.role = *parsed;
-    if (const KelStatus parent = ReadParent(ini, settings); !parent) return parent.Error();
-    settings.checkInterval = Seconds(ini, "CheckInterval", 30);
-    settings.retryInterval = Seconds(ini, "RetryInterval", 5);
+std::span<const IniSetting> RelayIniSettings() {
+    static const std::array settings = {kRole, kParentName, kParentPort, kCheckInterval, kRetryInterval};
     return settings;
+}
+
+RelaySettings ReadRelaySettings(const IniFile& ini) {
+    const auto seconds = [&ini](const IniSetting& setting) {
+        return static_cast<std::uint32_t>(ReadIniNumber(ini, setting));
+    };
+    RelaySettings settings;
+    settings.role = ParseRole(ReadIniText(ini, kRole));
+    settings.parentName = ReadIniText(ini, kParentName);
+    if (!settings.parentName.empty())
+        settings.parentPort = static_cast<std::uint16_t>(ReadIniNumber(ini, kParentPort));
+    settings.checkInterval = seconds(kCheckInterval);
+    settings.retryInterval = seconds(kRetryInterval);
+    return settings;
+}
+
+void CheckRelayIni(const IniFile& ini, KelVector<IniFault>& faults) {
+    const RelaySettings settings = ReadRelaySettings(ini);
+    const auto refuse = [&faults](KelString text) {
+        faults.push_back({IniFault::Weight::Vital, std::move(text)});
+    };
+    if (settings.role == RelayRole::Master && !settings.parentName.empty())
+        refuse(KelFormat(
+            "a master has no parent, but ParentName is %S; remove it or set Role to relay or client",
+            settings.parentName));
+    if (!settings.parentName.empty() && settings.parentPort == 0)
+        refuse("ParentPort must be the port of the parent, 1 to 65535");
 }

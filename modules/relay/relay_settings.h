@@ -1,10 +1,11 @@
 #pragma once
 
 #include <cstdint>
+#include <span>
 
 #include "kel/ini_file.h"
-#include "kel/result.h"
 #include "kel/types.h"
+#include "kelcore/ini_settings.h"
 
 enum class RelayRole : unsigned char { Master, Relay, Client };
 
@@ -20,6 +21,11 @@ struct RelaySettings {
     std::uint32_t retryInterval = 5;   ///< seconds between two calls while it does not
 };
 
-/// The section Relay of `ini`. An unusable value is an error that names it; a time out of range is clamped
-/// (1 second to 1 day).
-KelResult<RelaySettings> ReadRelaySettings(const IniFile& ini);
+/// The entries of Relay.ini.
+std::span<const IniSetting> RelayIniSettings();
+
+/// The section Relay of `ini`, which has no vital fault.
+RelaySettings ReadRelaySettings(const IniFile& ini);
+
+/// Appends what is wrong with the parent, given the role.
+void CheckRelayIni(const IniFile& ini, KelVector<IniFault>& faults);

@@ -48,18 +48,27 @@ void TransferWindow::Register(const char* handle) {
 }
 
 bool TransferWindow::Initialise() {
+    IniFile ini;
+    if (!ini.Open(IniPath())) return false;
     const KelLock lock(mutexWindows_);
     for (const TransferDirection direction : kDirections) {
-        const auto window = ReadWindow(IniPath(), direction);
-        // An unusable window is reported and ignored: it must not keep the agent from starting.
+        // An unusable window is ignored: it must not keep the agent from starting.
+        const auto window = ReadWindow(ini, direction);
         windows_[IndexOf(direction)] = window ? *window : OptionalWindow();
-        if (!window) {
-            Log().Error(
-                "No window for the direction %s until this is corrected and the agent restarted: %S\n",
-                WindowSection(direction), window.Error().message);
-        }
     }
     return true;
+}
+
+std::span<const IniSetting> TransferWindow::IniSettings() const {
+    return WindowIniSettings();
+}
+
+void TransferWindow::CheckIni(const IniFile& ini, KelVector<IniFault>& faults) const {
+    for (const TransferDirection direction : kDirections)
+        if (const auto window = ReadWindow(ini, direction); !window)
+            faults.push_back(
+                {IniFault::Weight::Unusable,
+                 window.Error().message + "; the direction has no window until this is corrected"});
 }
 
 unsigned int TransferWindow::CheckWindow(KelContainer* arguments) {

@@ -25,6 +25,8 @@ class TransferWindow : public KelModule {
   protected:
     void Register(const char* handle) override;
     bool Initialise() override;
+    std::span<const IniSetting> IniSettings() const override;
+    void CheckIni(const IniFile& ini, KelVector<IniFault>& faults) const override;
 
   private:
     using OptionalWindow = std::optional<WeeklyWindow>;

@@ -7,6 +7,17 @@
 
 namespace {
 
+struct WindowEntries {
+    explicit WindowEntries(TransferDirection direction)
+        : slots(IniSetting::Text(WindowSection(direction), "Slots")),
+          slotType(IniSetting::Number(WindowSection(direction), "SlotType", WeeklyWindow().slotType)),
+          useUtcTime(IniSetting::Flag(WindowSection(direction), "UseUTCTime", false)) {}
+
+    IniSetting slots;
+    IniSetting slotType;
+    IniSetting useUtcTime;
+};
+
 KelStatus WriteEntries(IniFile& ini, const KelString& section, const std::optional<WeeklyWindow>& window) {
     if (!window) return ini.WriteEntryValue(section, "Slots", {});
     if (KelStatus done = ini.WriteEntryValue(section, "Slots", window->slots); !done) return done;
@@ -30,22 +41,29 @@ const char* WindowSection(TransferDirection direction) {
     return "Multicast";
 }
 
-KelResult<std::optional<WeeklyWindow>> ReadWindow(const KelString& path, TransferDirection direction) {
-    IniFile ini;
-    if (!ini.Open(path))
-        return KelError{kKelErrorBadInput, KelFormat("%S cannot be read or is malformed", path)};
-    const KelString section = WindowSection(direction);
-    KelString slots;
-    int slotType = 0;
-    bool useUtcTime = false;
-    ini.GetEntryValue(section, "Slots", slots, KelString());
-    ini.GetEntryValue(section, "SlotType", slotType, WeeklyWindow().slotType);
-    ini.GetEntryValue(section, "UseUTCTime", useUtcTime, false);
+std::span<const IniSetting> WindowIniSettings() {
+    static const KelVector<IniSetting> settings = [] {
+        KelVector<IniSetting> all;
+        for (const TransferDirection direction :
+             {TransferDirection::Up, TransferDirection::Down, TransferDirection::Multicast}) {
+            const WindowEntries entries(direction);
+            all.insert(all.end(), {entries.slots, entries.slotType, entries.useUtcTime});
+        }
+        return all;
+    }();
+    return settings;
+}
+
+KelResult<std::optional<WeeklyWindow>> ReadWindow(const IniFile& ini, TransferDirection direction) {
+    const WindowEntries entries(direction);
+    const KelString slots = ReadIniText(ini, entries.slots);
     if (slots.empty()) return std::optional<WeeklyWindow>();
-    const auto window = MakeWeeklyWindow(slots, slotType, useUtcTime);
+    const auto window =
+        MakeWeeklyWindow(slots, static_cast<std::int32_t>(ReadIniNumber(ini, entries.slotType)),
+                         ReadIniFlag(ini, entries.useUtcTime));
     if (!window)
-        return KelError{kKelErrorBadInput,
-                        KelFormat("%S, section %S: %S", path, section, window.Error().message)};
+        return KelError{kKelErrorBadInput, KelFormat("section %s is no window: %S", WindowSection(direction),
+                                                     window.Error().message)};
     return std::optional<WeeklyWindow>(*window);
 }
 

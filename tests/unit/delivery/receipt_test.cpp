@@ -36,7 +36,7 @@ TEST_F(ReceiptTest, TellsHowTheCommandEnded) {
         ExpectValues(Contents().back(),
                      {"FileChecksum=" + TextMd5(command), "Status=" + status, "Message=" + message});
     }
-    EXPECT_EQ(log_->Count(KelDebugLevel::Error, "run no command"), 2) << "the unusable command lines";
+    EXPECT_EQ(log_->Count(KelDebugLevel::Warning, "run no command"), 2) << "the unusable command lines";
 }
 
 TEST_F(ReceiptTest, OutlivesTheAgentWithoutRunningTheCommandAgain) {

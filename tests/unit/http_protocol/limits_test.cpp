@@ -55,11 +55,11 @@ TEST_F(LimitsTest, EntriesThatAreNoNumbersAreToldOrKeepItFromStarting) {
                                        {"[Ssl]\nPort=", "x"}}) {
         WriteIni("HttpProtocol", std::string("[HttpProtocol]\n") + entry + value + "\n");
         const RunningModule<HttpProtocol> refused(Start::Fails);
-        EXPECT_EQ(log_->Count(KelDebugLevel::Error, std::string("'") + value + "', no port number"), 1);
+        EXPECT_EQ(log_->Count(KelDebugLevel::Error, std::string("cannot be '") + value + "'"), 1);
     }
     Start("Workers=abc\nFileWorkers=0\nIoThreads=1\n");
-    EXPECT_EQ(log_->Count(KelDebugLevel::Warning, "Workers of section HttpProtocol is 'abc'"), 1);
-    EXPECT_EQ(log_->Count(KelDebugLevel::Warning, "FileWorkers of section HttpProtocol is '0'"), 1);
+    EXPECT_EQ(log_->Count(KelDebugLevel::Warning, "Workers in section HttpProtocol cannot be 'abc'"), 1);
+    EXPECT_EQ(log_->Count(KelDebugLevel::Warning, "FileWorkers in section HttpProtocol is 0"), 1);
     EXPECT_EQ(log_->Count(KelDebugLevel::Warning, "IoThreads"), 0);
     EXPECT_EQ(Connect().Ask("GET", "/").status, 401);
 }

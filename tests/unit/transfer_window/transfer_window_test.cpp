@@ -45,7 +45,7 @@ TEST_F(TransferWindowTest, WindowsComeFromTheIniFileAnUnusableOneLeavesTheOthers
     RunningModule<TransferWindow> module;
     ExpectValues(Window(1), {"Slots=" + Week(0, 1), "SlotType=1", "UseUTCTime=true"});
     EXPECT_FALSE(HasWindow(2));
-    EXPECT_EQ(log_->Count(KelDebugLevel::Error, "section Down"), 1);
+    EXPECT_EQ(log_->Count(KelDebugLevel::Warning, "section Down"), 1);
     const KelContainer answer = Call("TransferWindowCheckAllWindows");
     const KelContainer& all = answer.GetContainer("Values");
     ASSERT_EQ(all.Count("Direction"), 2U);
