@@ -13,10 +13,9 @@ import time
 import unittest
 import zipfile
 
-from case import SystemTest, collected_files, wait_collected, write_files
+from case import INDEX, SystemTest, collected_files, wait_collected, write_files, zip_of
 from digest_client import DigestClient
 from faults import AT_REST, IDENTITY, SHIM, Child, FaultTree, SteppedClock, damage, faults_of_rest, rows, wait_at_rest
-from test_up_hostile import INDEX, zip_of
 from tree import ActionFailed, find_faketime, sha256_of, wait_until
 
 SPEED = 60

@@ -9,12 +9,11 @@ import subprocess
 import unittest
 import zipfile
 
-from case import BUILD, ODD_FILES, STOP_SECONDS, SystemTest, collected_files, wait_collected, write_files
+from case import BUILD, INDEX, ODD_FILES, STOP_SECONDS, SystemTest, collected_files, wait_collected, write_files
 from tree import Tree, sha256_of, wait_until
 
 FILES = {**ODD_FILES, "-rf.bin": 100, "n" * 200 + ".bin": 9}
 FILE_TYPE = "Road up"
-INDEX = "Temp/PackedFilesInfo.xml"
 AT_REST = {"_AGTMOD_FILESTORESTATUS_AVAILABLE_", "_AGTMOD_FILESTORESTATUS_PACKEDFILE_"}
 
 
