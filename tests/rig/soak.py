@@ -11,7 +11,7 @@ import time
 
 sys.path.append(str(pathlib.Path(__file__).resolve().parent.parent / "system"))
 from case import collected_files, write_files  # noqa: E402
-from faults import FaultTree, SteppedClock, faults_of_rest, waiting  # noqa: E402
+from faults import WRITING, FaultTree, SteppedClock, faults_of_rest, waiting  # noqa: E402
 from tree import ActionFailed, sha256_of  # noqa: E402
 
 SPEED = 60
@@ -24,14 +24,12 @@ SET_BACK_SECONDS = 86400  # more than passes while the tree settles
 GROWTH = 1.1  # of memory and descriptors over those after the warm-up
 MORE_DESCRIPTORS = 8  # connections that are kept for the next call
 LABEL = "soak"
-WRITING = "write,sync,open,rename,mkdir,link"
 
 
 class Soak:
     def __init__(self, tree, seed):
         self.tree, self.random = tree, random.Random(seed)
         self.by_name = {agent.name: agent for agent in tree.agents}
-        self.guids = {agent: agent.identity()["GUID"] for agent in tree.agents}
         self.down = {agent: {} for agent in tree.devices}  # (label, name) -> SHA-256
         self.up = {}  # (device GUID, label, name) -> SHA-256
         self.counts = collections.Counter()
@@ -85,9 +83,8 @@ class Soak:
         # Now and then two devices send the same.
         for agent in self.random.sample(self.tree.devices, 2 if self.counts["sendings"] % 8 == 0 else 1):
             if agent.is_running():
-                agent.kel("send", "--type", "Soak", "--label", LABEL, *paths)
+                self.up |= agent.send(*paths, kind="Soak", label=LABEL)
                 self.counts["sent"] += len(paths)
-                self.up.update({(self.guids[agent], LABEL, path.name): sha256_of(path) for path in paths})
 
     # Faults
 
@@ -95,28 +92,24 @@ class Soak:
         agent = self.random.choice([agent for agent in self.tree.agents if agent.is_running()])
         agent.kill()
         self.kills[agent] += 1
-        self.at(self.random.uniform(0, 3), self.start, agent)
-
-    def start(self, agent):
-        if not agent.is_running():
-            agent.start()
+        self.at(self.random.uniform(0, 3), agent.start)
 
     def errors(self):
         agent = self.random.choice(self.tree.agents)
         if agent.name != SMALL_DISK:
-            agent.shim.fail((WRITING, "EIO", "p=0.02", "*"))
+            agent.shim.fail(WRITING, "EIO", "*", 0.02)
             self.at(FAULT_SECONDS / 2, agent.shim.clear)
 
     def full_disk(self):
         shim = self.by_name[SMALL_DISK].shim
-        shim.fail(("write,mkdir,link", "ENOSPC", "always", "*"))
+        shim.fail("write,mkdir,link", "ENOSPC", "*")
         self.at(FULL_SECONDS / 2, shim.clear)
 
     def leave(self):
         agent = self.by_name[COMES_AND_GOES]
         if agent.is_running():
             agent.kill() if self.random.random() < 0.3 else self.stop(agent)
-        self.at(AWAY_SECONDS / 2, self.start, agent)
+        self.at(AWAY_SECONDS / 2, agent.start)
 
     def stop(self, agent):
         try:
@@ -159,9 +152,7 @@ class Soak:
         self.later.clear()
         for agent in self.tree.agents:
             agent.shim.clear()
-            self.start(agent)
-        for agent in self.tree.agents:
-            agent.wait_ready(60)
+        self.tree.run(*self.tree.agents)
 
     def work(self, seconds):
         end = time.monotonic() + seconds
@@ -171,14 +162,11 @@ class Soak:
             self.progress("running")
             time.sleep(self.random.uniform(0.5, 2))
 
-    def progress(self, what, last=False):
-        text = (f"{what} {int(time.monotonic() - self.begin) // 60}:{int(time.monotonic() - self.begin) % 60:02}, "
-                + ", ".join(f"{self.counts[name]} {name}" for name in ("published", "sent", "refused"))
-                + f", {self.kills.total()} kills")
-        if sys.stdout.isatty():
-            print(f"\r\033[K{text}", end="\n" if last else "", flush=True)
-        elif last:
-            print(text, flush=True)
+    def progress(self, what, end="\r"):
+        seconds = int(time.monotonic() - self.begin)
+        if sys.stdout.isatty() or end != "\r":
+            counts = ", ".join(f"{self.counts[name]} {name}" for name in ("published", "sent", "refused"))
+            print(f"{what} {seconds // 60}:{seconds % 60:02}, {counts}, {self.kills.total()} kills", end=end, flush=True)
 
     # The checks
 
@@ -239,7 +227,7 @@ class Soak:
         for agent in self.tree.agents:
             self.check_once(agent, wrong)
             wrong[agent] += faults_of_rest(agent)
-        self.progress("done", last=True)
+        self.progress("done", "\n")
         self.print_table(wrong, last)
         return sum(map(len, wrong.values()))
 
@@ -264,7 +252,7 @@ def main():
     parser.add_argument("--seed", type=int, default=1, help="of traffic and faults (1)")
     options = parser.parse_args()
     with FaultTree(SHAPE, SteppedClock(SPEED), shims=NAMES, seed=options.seed) as tree:
-        tree.relays[0].set_ini("FileStore", "UploadPolicy", "ConcatFiles", "auto")
+        tree.relays[0].pack()
         tree.start(120)
         soak = Soak(tree, options.seed)
         soak.run(options.minutes * 60)

@@ -64,11 +64,9 @@ def write_files(folder, sizes, seed=1):
     """Files with random content: name -> path."""
     source = random.Random(seed)
     folder.mkdir(parents=True, exist_ok=True)
-    paths = {}
     for name, size in sizes.items():
-        paths[name] = folder / name
-        paths[name].write_bytes(source.randbytes(size))
-    return paths
+        (folder / name).write_bytes(source.randbytes(size))
+    return {name: folder / name for name in sizes}
 
 
 def zip_of(entries, compression=zipfile.ZIP_STORED):

@@ -27,9 +27,8 @@ sys.path.append(str(pathlib.Path(__file__).resolve().parent.parent / "rig"))
 from fault_proxy import FaultProxy  # noqa: E402
 
 SHIM = pathlib.Path(os.environ.get("KEL_FAULT_SHIM", pathlib.Path(BUILD) / "lib" / "fault_shim.so")).resolve()
-AVAILABLE, PACKED, OBSOLETE = (f"_AGTMOD_FILESTORESTATUS_{name}_" for name in ("AVAILABLE", "PACKEDFILE", "OBSOLETE"))
-AT_REST = {AVAILABLE, PACKED, OBSOLETE}
-IDENTITY = "IdentityIdentity"
+AT_REST = {f"_AGTMOD_FILESTORESTATUS_{name}_" for name in ("AVAILABLE", "PACKEDFILE", "OBSOLETE")}
+WRITING = "write,sync,open,rename,mkdir,link"
 
 
 class SteppedClock(VirtualClock):
@@ -51,15 +50,17 @@ class Shim:
         environment.update(LD_PRELOAD=" ".join(preload), FAULT_SHIM_CONTROL=str(self.control),
                            FAULT_SHIM_SEED=str(self.seed))
 
-    def fail(self, *rules):
-        """Replaces all rules by these: (operations, error, when, pattern of the path below the agent's data folder)."""
-        made = self.control.with_suffix(".new")
-        made.write_text("".join(f"{operations} {error} {when} {self.agent.data}/{pattern}\n"
-                                for operations, error, when, pattern in rules))
-        made.rename(self.control)
+    def fail(self, operations, error, pattern, share=1):
+        """Lets this share of the operations on matching paths, below the agent's data folder, fail from now on."""
+        self._control(f"{operations} {error} {share} {self.agent.data}/{pattern}\n")
 
     def clear(self):
-        self.fail()
+        self._control("")
+
+    def _control(self, rules):
+        made = self.control.with_suffix(".new")
+        made.write_text(rules)
+        made.rename(self.control)
 
     def faults(self):
         """The calls that failed so far, "operation path" each."""
@@ -83,15 +84,10 @@ class FaultTree(Tree):
         agent.proxy = None
         if name in self.proxied:
             agent.proxy = FaultProxy((parent.address, free_port(parent.address)), (parent.address, parent.port),
-                                     agent.address, self.seed)
+                                     agent.address)
             agent.set_ini("Relay", "Relay", "ParentPort", agent.proxy.port)
             self.proxies.append(agent.proxy)
         return agent
-
-    def add_client(self, name="client", parent=None):
-        client = self.add(name, "client", parent or self.master)
-        self.clients.append(client)
-        return client
 
     def close(self):
         super().close()
@@ -115,13 +111,13 @@ class Child:
         status, result, body = self.client.action("FileStoreReceiveFile", json.dumps(values))
         return urllib.parse.quote(json.loads(body)["FileURL"]) if (status, result) == (200, 0) else None
 
-    def upload_once(self, key, content):
-        url = self.offer(key, len(content))
+    def put(self, url, content):
+        """Whether the parent takes the content; not without a URL."""
         return url is not None and self.client.request("PUT", url, content)[0] in (200, 201, 204)
 
     def upload(self, key, content, seconds=60):
         """Goes on until the parent has taken the file."""
-        wait_until(lambda: self.upload_once(key, content), seconds, f"{key[2]} is taken")
+        wait_until(lambda: self.put(self.offer(key, len(content)), content), seconds, f"{key[2]} is taken")
 
 
 def rows(agent, statement, upstream=False):

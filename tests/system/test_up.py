@@ -3,43 +3,28 @@ too."""
 
 import io
 import pathlib
-import random
 import signal
 import subprocess
 import unittest
 import zipfile
 
 from case import BUILD, INDEX, ODD_FILES, STOP_SECONDS, SystemTest, collected_files, wait_collected, write_files
+from faults import AT_REST
 from tree import Tree, sha256_of, wait_until
 
 FILES = {**ODD_FILES, "-rf.bin": 100, "n" * 200 + ".bin": 9}
 FILE_TYPE = "Road up"
-AT_REST = {"_AGTMOD_FILESTORESTATUS_AVAILABLE_", "_AGTMOD_FILESTORESTATUS_PACKEDFILE_"}
-
-
-def send(client, paths, label):
-    client.kel("send", "--type", FILE_TYPE, "--label", label, "--", *paths)
-
-
-def expected_from(client, paths, label):
-    guid = client.identity()["GUID"]
-    return {(guid, label, path.name): sha256_of(path) for path in paths}
-
-
-def pack_on(relay):
-    relay.set_ini("FileStore", "UploadPolicy", "ConcatFiles", "auto")
 
 
 class RoadUpTest(SystemTest):
     def test_every_file_is_collected(self):
         with Tree(BUILD, [1, 1]) as tree:
-            pack_on(tree.relays[1])
+            tree.relays[1].pack()
             tree.start()
             expected = {}
             for number, client in enumerate(tree.clients):
-                paths = list(write_files(tree.folder / client.name / "out", FILES, number).values())
-                send(client, paths, "label one")
-                expected.update(expected_from(client, paths, "label one"))
+                paths = write_files(tree.folder / client.name / "out", FILES, number).values()
+                expected |= client.send(*paths, kind=FILE_TYPE, label="label one")
             wait_collected(tree.master, expected, 60)
             self.check_new_content_replaces(tree)
             self.assertIn("PushThread: Sending archive file", tree.relays[1].log())
@@ -55,8 +40,7 @@ class RoadUpTest(SystemTest):
         client = tree.clients[0]
         path = tree.folder / "plain.bin"
         path.write_bytes(b"newer")
-        send(client, [path], "label one")
-        wait_collected(tree.master, expected_from(client, [path], "label one"), 30)
+        wait_collected(tree.master, client.send(path, kind=FILE_TYPE, label="label one"), 30)
         self.assertEqual(len([key for key in collected_files(tree.master) if key[2] == path.name]), 2)
 
 
@@ -64,17 +48,17 @@ class PackingTest(SystemTest):
     def test_archives_are_proper_zip_files(self):
         with Tree(BUILD, [1]) as tree:
             relay, client = tree.relays[0], tree.clients[0]
-            pack_on(relay)
+            relay.pack()
             tree.start()
             paths = write_files(tree.folder / "out", FILES)
             tree.master.process.send_signal(signal.SIGSTOP)  # so that the archive waits in the relay's store
             try:
-                send(client, paths.values(), "packed")
+                expected = client.send(*paths.values(), kind=FILE_TYPE, label="packed")
                 archive = wait_until(lambda: self.archive_of(relay, client), 30, "the relay has an archive")
             finally:
                 tree.master.process.send_signal(signal.SIGCONT)
             self.check_archive(tree.folder, archive, paths)
-            wait_collected(tree.master, expected_from(client, paths.values(), "packed"), 60)
+            wait_collected(tree.master, expected, 60)
             self.end(tree)
 
     def archive_of(self, relay, client):
@@ -109,24 +93,18 @@ class UnconnectedTest(SystemTest):
             relay, client = tree.relays[0], tree.clients[0]
             self.assertEqual(relay.stop(STOP_SECONDS), 0)
             wait_until(lambda: not client.call("RelayGetValues")["Values"]["ParentSync"], 30, "the client misses its parent")
-            source = random.Random(3)
-            path = tree.folder / "any content.bin"
-            path.write_bytes(source.randbytes(100_000))
+            path, sent = write_files(tree.folder / "out", {"any content.bin": 100_000, "sent.bin": 50_000}).values()
             report = tree.folder / "report.xml"
             report.write_text('<Container><Value name="Disk">42</Value></Container>')
             for name, values in (("kept.bin", {"FilePath": str(path)}), ("report", {"CopyPath": str(report)})):
                 client.call("FileStoreReceiveFile", FileType="Inventory", FileLabel="kept", FileName=name, Unconnected=True,
                             Upstream=True, **values)
-            sent = tree.folder / "sent.bin"
-            sent.write_bytes(source.randbytes(50_000))
-            send(client, [sent], "kept")
+            client.send(sent, kind=FILE_TYPE, label="kept")
             kept = client.data / "FileStore" / "unconnected" / "inventory"
             self.assertEqual({file.name for file in kept.iterdir()}, {"kept.bin", "kept.bin.xml", "report"})
             client.kill()
-            client.start()
-            client.wait_ready()
-            relay.start()
-            relay.wait_ready()
+            tree.run(client)
+            tree.run(relay)
             guid = client.identity()["GUID"]
             expected = {(guid, "kept", "kept.bin"): sha256_of(path), (guid, "kept", "sent.bin"): sha256_of(sent)}
             wait_collected(tree.master, expected, 60)
