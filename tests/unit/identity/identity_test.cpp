@@ -125,4 +125,117 @@ TEST(NetworkInterfaces, TheReachableOneIsChosen) {
     EXPECT_EQ(values->networkMask, "255.255.255.0");
 }
 
+const std::string kGuid = "ABCD5678-1111-2222-3333-444444444444";
+const std::string kParentGuid = "ABCD0000-1111-2222-3333-444444444444";
+const std::string kOtherScheme = "EF010000-1111-2222-3333-444444444444";
+constexpr std::int64_t kNow = 1800000000;
+
+class IdentityReportTest : public ModuleFixture {
+  protected:
+    void SetUp() override {
+        TempFolder::Write(root_ / "data/Identity/guid", kGuid + "\n");
+        WriteIni("Identity", "[Identity]\nHostName=north.example\nCheckInterval=1\n");
+        FakeRelay("client", kParentGuid, true);
+        FakeValues("HttpProtocolGetParams ()", {"Port=1610"});
+        FakeFileStore();
+    }
+
+    static void FakeRelay(const std::string& role, const std::string& parentGuid, bool isInSync) {
+        FakeValues("RelayGetValues ()", {"Role=" + role, "ParentGuid=" + parentGuid,
+                                         std::string("ParentSync=") + (isInSync ? "true" : "false")});
+    }
+    std::string Outgoing() { return root_ / "data/Identity/Outgoing"; }
+};
+
+TEST_F(IdentityReportTest, TheFileTellsEverythingAboutTheDevice) {
+    for (const auto& [preference, host] : {std::pair("false", "north.example"), {"true", "127.0.3.1"}}) {
+        const std::string prefers = std::string("PreferIPAddresses=") + preference;
+        WriteIni("Identity", "[Identity]\nHostName=north.example\n" + prefers + "\n");
+        RunningModule<Identity> module;
+        const Texts device = {"GUID=" + kGuid,       "HostName=north.example",       prefers,
+                              "IPAddress=127.0.3.1", "MACAddress=02-00-7F-00-03-01", "NetworkMask=255.0.0.0"};
+        ExpectValues(Call("IdentityGetValues").GetContainer("Values"), device);
+        EXPECT_FALSE(module->ReportIdentity(kNow));
+        ASSERT_GT(OfferCount(), 0U);
+        ExpectValues(Offers().back(), {"FileType=IdentityIdentity", "FileLabel=Identity",
+                                       "FileName=" + kGuid + ".xml", "Upstream=true"});
+        ExpectValues(Offers().back().GetContainer("FileInfo"), {"GUID=" + kGuid});
+        const std::string url = std::string(host) + ":1610/" + kGuid;
+        ExpectValues(Contents().back(), device);
+        ExpectValues(Contents().back(), {"Role=client", "Port=1610", "ParentGuid=" + kParentGuid,
+                                         "DeviceUrl=" + url, "Time=" + std::to_string(kNow),
+                                         "PathName=" + url + "/02-00-7F-00-03-01/127.0.3.1/255.0.0.0"});
+    }
+}
+
+TEST_F(IdentityReportTest, NothingIsSentBeforeTheGuidIsSettled) {
+    const std::tuple<const char*, std::string, bool, bool> cases[] = {
+        {"client", "", false, false},          {"relay", kParentGuid, false, false},
+        {"client", kOtherScheme, true, false}, {"client", "nonsense", true, false},
+        {"relay", kParentGuid, true, true},    {"master", "", false, true}};
+    for (const auto& [role, parentGuid, isInSync, isSent] : cases) {
+        RunningModule<Identity> module;
+        FakeRelay(role, parentGuid, isInSync);
+        const std::size_t before = OfferCount();
+        EXPECT_EQ(module->ReportIdentity(kNow), !isSent) << role << parentGuid;
+        EXPECT_EQ(OfferCount() - before, isSent ? 1U : 0U) << role << parentGuid;
+    }
+    ExpectValues(Contents().back(), {"ParentGuid="});
+}
+
+TEST_F(IdentityReportTest, ItIsSentAgainOnChangeAndDaily) {
+    RunningModule<Identity> module;
+    const auto sentAt = [&](std::int64_t time) {
+        const std::size_t before = OfferCount();
+        module->CheckAddress();
+        module->ReportIdentity(time);
+        return OfferCount() - before == 1;
+    };
+    EXPECT_TRUE(sentAt(kNow));
+    EXPECT_FALSE(sentAt(kNow + 1));
+    EXPECT_FALSE(sentAt(kNow + 86399));
+    EXPECT_TRUE(sentAt(kNow + 86400)) << "daily";
+    EXPECT_TRUE(sentAt(kNow)) << "the clock was set back";
+    WriteIni("Identity", "[Identity]\nHostName=south.example\n");
+    EXPECT_TRUE(sentAt(kNow + 1)) << "host name";
+    WriteIni("Identity", "[Identity]\nHostName=south.example\nIPAddress=10.1.2.3\n");
+    EXPECT_TRUE(sentAt(kNow + 2)) << "address";
+    FakeRelay("relay", kParentGuid, true);
+    EXPECT_TRUE(sentAt(kNow + 3)) << "role";
+    FakeRelay("relay", "ABCD0000-1111-2222-3333-555555555555", true);
+    EXPECT_TRUE(sentAt(kNow + 4)) << "parent";
+    FakeRelay("relay", kOtherScheme, true);
+    EXPECT_FALSE(sentAt(kNow + 5));
+    Call("IdentityValidateGUIDScheme");
+    EXPECT_TRUE(sentAt(kNow + 6)) << "GUID";
+    EXPECT_EQ(Offers().back().GetString("FileName"), "EF015678-1111-2222-3333-444444444444.xml");
+    EXPECT_FALSE(sentAt(kNow + 7));
+    EXPECT_TRUE(std::filesystem::is_empty(Outgoing()));
+}
+
+TEST_F(IdentityReportTest, ARefusedFileIsSentLaterAndLeavesNothingBehind) {
+    TempFolder::Write(Outgoing() + "/.kel-stale", "left by a crash");
+    RunningModule<Identity> module;
+    EXPECT_TRUE(std::filesystem::is_empty(Outgoing()));
+    SetStoreResult(1);
+    module->ReportIdentity(kNow);
+    module->ReportIdentity(kNow + 1);
+    EXPECT_EQ(OfferCalls(), 2);
+    EXPECT_TRUE(std::filesystem::is_empty(Outgoing()));
+    EXPECT_EQ(log_->Count(KelDebugLevel::Warning, "did not take the identity file, error 1"), 1);
+    SetStoreResult(0);
+    module->ReportIdentity(kNow + 2);
+    EXPECT_EQ(OfferCount(), 1U);
+}
+
+TEST_F(IdentityReportTest, TheWatcherNoticesANewAddressAndAParentInSync) {
+    FakeRelay("client", kOtherScheme, false);
+    ActiveModule<Identity> module;
+    WriteIni("Identity", "[Identity]\nCheckInterval=1\nIPAddress=10.1.2.3\n");
+    EXPECT_TRUE(Eventually([] { return Call("AgentGetIPAddress").GetString("IPAddress") == "10.1.2.3"; }));
+    FakeRelay("client", kOtherScheme, true);
+    Call("IdentityValidateGUIDScheme");
+    EXPECT_TRUE(Eventually([this] { return OfferCount() == 1; }));
+}
+
 }  // namespace
