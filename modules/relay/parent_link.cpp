@@ -54,7 +54,7 @@ ParentLink::ParentLink(const KelDebug& log, std::function<void()> inSync)
           },
           [this](bool) {
               const auto seconds = GetState().inSync ? settings_.checkInterval : settings_.retryInterval;
-              return std::uint64_t{seconds} * 1000;
+              return seconds * RelaySettings::msPerSecond;
           }),
       log_(log),
       inSync_(std::move(inSync)) {}

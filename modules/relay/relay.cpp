@@ -19,7 +19,7 @@ Relay::Relay()
               ReplayUnconnected();
               return false;
           },
-          [this](bool) { return std::uint64_t{settings_.checkInterval} * 1000; }),
+          [this](bool) { return settings_.checkInterval * RelaySettings::msPerSecond; }),
       parentLink_(Log(), [this] { replayThread_.Signal(0); }) {}
 
 Relay::~Relay() {
