@@ -143,10 +143,9 @@ class Soak:
         for agent in self.tree.agents:
             waiting(agent)
         self.first = self.measure()
-        self.every(KILL_SECONDS, self.kill)
-        self.every(FAULT_SECONDS, self.errors)
-        self.every(FULL_SECONDS, self.full_disk)
-        self.every(AWAY_SECONDS, self.leave)
+        for pause, fault in ((KILL_SECONDS, self.kill), (FAULT_SECONDS, self.errors), (FULL_SECONDS, self.full_disk),
+                             (AWAY_SECONDS, self.leave)):
+            self.every(pause, fault)
         self.at((seconds - warm_up) / 2, self.set_clock_back)
         self.work(seconds - warm_up)
         self.later.clear()
@@ -173,11 +172,9 @@ class Soak:
     def missing(self):
         """What has not arrived, by receiving agent: the keys."""
         lost = {}
-        for agent, expected in self.down.items():
-            found = agent.inbox()
+        for agent, expected in [*self.down.items(), (self.tree.master, self.up)]:
+            found = collected_files(agent) if agent is self.tree.master else agent.inbox()
             lost[agent] = [key for key, digest in expected.items() if key not in found or sha256_of(found[key]) != digest]
-        found = collected_files(self.tree.master)
-        lost[self.tree.master] = [key for key, digest in self.up.items() if key not in found or sha256_of(found[key]) != digest]
         return {agent: keys for agent, keys in lost.items() if keys}
 
     def settle(self):
@@ -203,12 +200,11 @@ class Soak:
         return wrong
 
     def check_growth(self, last, wrong):
-        for agent, (memory, descriptors) in last.items():
-            before = self.first[agent]
-            if memory > before[0] * GROWTH:
-                wrong[agent].append(f"memory: {before[0]} KiB after the warm-up, {memory} KiB now")
-            if descriptors > before[1] * GROWTH + MORE_DESCRIPTORS:
-                wrong[agent].append(f"descriptors: {before[1]} after the warm-up, {descriptors} now")
+        for agent in last:
+            for what, before, now, more in zip(("KiB of memory", "descriptors"), self.first[agent], last[agent],
+                                               (0, MORE_DESCRIPTORS)):
+                if now > before * GROWTH + more:
+                    wrong[agent].append(f"{what}: {before} after the warm-up, {now} now")
 
     def check_once(self, agent, wrong):
         lines = collections.Counter(line.split(" PRINT ", 1)[1] for line in agent.log().splitlines()
@@ -219,8 +215,7 @@ class Soak:
             wrong[agent].append("the log names no file that arrived")
 
     def finish(self):
-        wrong = self.settle()
-        last = self.measure()
+        wrong, last = self.settle(), self.measure()
         self.check_growth(last, wrong)
         for agent in reversed(self.tree.agents):
             self.stop(agent)
@@ -235,15 +230,13 @@ class Soak:
         print(f"{'agent':10}{'files':>7}{'kills':>7}{'faults':>8}{'MiB':>12}{'descriptors':>13}{'wrong':>7}")
         for agent in self.tree.agents:
             files = len(self.up) if agent is self.tree.master else len(self.down[agent])
-            memory = f"{self.first[agent][0] / 1024:.0f} -> {last[agent][0] / 1024:.0f}"
-            descriptors = f"{self.first[agent][1]} -> {last[agent][1]}"
+            memory, descriptors = (f"{before // unit} -> {now // unit}"
+                                   for before, now, unit in zip(self.first[agent], last[agent], (1024, 1)))
             print(f"{agent.name:10}{files:7}{self.kills[agent]:7}{len(agent.shim.faults()):8}{memory:>12}{descriptors:>13}"
                   f"{len(wrong[agent]):7}")
         for agent in self.tree.agents:
-            kinds = collections.Counter(text.split(":")[0] for text in wrong[agent])
-            for kind, count in kinds.items():
-                first = next(text for text in wrong[agent] if text.startswith(kind))
-                print(f"{agent.name}: {count} x {first}")
+            for kind, count in collections.Counter(text.split(":")[0] for text in wrong[agent]).items():
+                print(f"{agent.name}: {count} x {next(text for text in wrong[agent] if text.startswith(kind))}")
 
 
 def main():

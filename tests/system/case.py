@@ -8,7 +8,7 @@ import sqlite3
 import unittest
 import zipfile
 
-from tree import ActionFailed, sha256_of, wait_arrived, wait_until
+from tree import ActionFailed, wait_arrived, wait_until
 
 BUILD = os.environ.get("KEL_BUILD", "build/release")
 STOP_SECONDS = 5

@@ -137,10 +137,9 @@ class Agent:
         if self.parent:
             command += ["--parent", f"{self.parent.address}:{self.parent.port}"]
         subprocess.run(command, check=True, stdout=subprocess.DEVNULL)
-        self.set_ini("FileStore", "FileStore", "QueueGap", 1)
-        self.set_ini("Identity", "Identity", "HostName", self.name)
-        self.set_ini("Relay", "Relay", "RetryInterval", 1)
-        self.set_ini("Relay", "Relay", "CheckInterval", 1)
+        for module, key, value in (("FileStore", "QueueGap", 1), ("Identity", "HostName", self.name),
+                                   ("Relay", "RetryInterval", 1), ("Relay", "CheckInterval", 1)):
+            self.set_ini(module, module, key, value)
 
     @property
     def data(self):
