@@ -155,18 +155,23 @@ Command CommandOf(const std::string& line) {
 
 TEST(OptionsTest, UnusableArgumentsEndWithUsage) {
     testing::internal::CaptureStderr();
-    for (const char* line :
-         {"status", "--root r --url http://h:1 status", "--url http://h:1 status",
-          "--url http://h:1 --user u status", "--url ftp://h:1 --user u --password-file f status",
-          "--url http://h:99999 --user u --password-file f status",
-          "--root r publish /no/such/file --type t --label l --to all",
-          "init d --role boss --address 127.0.1.1 --port 1 --password-file f",
-          "init d --role master --address 300.0.1.1 --port 1 --password-file f",
-          "init d --role master --address 127.0.1.1 --port 70000 --password-file f",
-          "--root r windows set up", "--root r windows set up --slots 1 --slot-type 4",
-          "--root r windows set up --slots 1 --slot-type 6", "--root r file 0", "--root r settings set",
-          "--root r send /no/such/file --type t --label l",
-          "--root r request --type t --label l --name n --wait -1"}) {
+    std::istringstream lines(
+        "|status|--root r unknown|--root r --url http://h:1 status|--url http://h:1 status"
+        "|--url http://h:1 --user u status|--url ftp://h:1 --user u --password-file f status"
+        "|--url http://h:99999 --user u --password-file f status|--url h:1 --user u --password-file f status"
+        "|--root r publish --type t --label l --to all|--root r publish /no/such/file --type t --label l "
+        "--to all"
+        "|init d --role boss --address 127.0.1.1 --port 1 --password-file f"
+        "|init d --role master --address 300.0.1.1 --port 1 --password-file f"
+        "|init d --role master --address 127.0.1.1 --port 70000 --password-file f"
+        "|init d --role master --address 127.0.1.1 --port 1|--root r windows set sideways --slots 1"
+        "|--root r windows set up|--root r windows set up --slots 1 --slot-type 4"
+        "|--root r windows set up --slots 1 --slot-type 6|--root r file|--root r file 0|--root r file one"
+        "|--root r settings|--root r settings set|--root r send --type t --label l"
+        "|--root r send /no/such/file --type t --label l|--root r send /proc/version --type t"
+        "|--root r request --type t --label l|--root r request --type t --label l --name n --wait -1"
+        "|--root r publications one two|--root r upload now");
+    for (std::string line; std::getline(lines, line, '|');) {
         int exitCode = kExitDone;
         EXPECT_FALSE(Parse(line, exitCode)) << line;
         EXPECT_EQ(exitCode, kExitUsage) << line;

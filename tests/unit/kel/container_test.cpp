@@ -184,40 +184,39 @@ KelString Nested(const KelString& element, std::size_t count) {
 }
 
 TEST(ContainerXml, RefusalsNameThePlaceAndLeaveNothing) {
-    const std::pair<KelString, const char*> cases[] = {
-        {"<!DOCTYPE Container [<!ENTITY a 'b'>]>\n<Container/>", "line 1, column 1"},
-        {Text("&file;"), "line 2, column 18"},
-        {In("<Value name='&a;'/>"), "line 2, column 15"},
-        {Text("&#xD800;"), "line 2"},
-        {Text("a & b"), "line 2, column 20"},
-        {Text("\x01"), "line 2, column 18"},
-        {Text("\xC3("), "line 2, column 18"},
-        {"<Container>\n<Value name='a'>text", "line 2"},
-        {"<Container></Container></Container>", "line 1, column 24"},
-        {"<Box/>", "line 1"},
-        {In("<Item name='a'/>"), "line 2, column 3"},
-        {In("<Value type='bool'>1</Value>"), "line 2"},
-        {In("<Value name='a' type='float'>1</Value>"), "float"},
-        {In("<Value name='a' type='bool'>maybe</Value>"), "maybe"},
-        {In("<Value name='a' type='int32'>2147483648</Value>"), "line 2"},
-        {In("<Value name='a' type='int64'/>"), "line 2"},
-        {In("<Value name='a' encoding='base64'>A</Value>"), "line 2"},
-        {In("<Value name='a' encoding='hex'>41</Value>"), "line 2"},
-        {Text("<b/>"), "line 2"},
-        {Nested("<Value name='a' type='container'>", 5000), "nested"},
-        {Nested("<Value name='/>' type='container'>", 5000), "nested"},
-        {KelString(KelContainer::kMaxXmlBytes + 1, ' '), "67108864"},
-    };
-    for (const auto& [xml, place] : cases) {
-        SCOPED_TRACE(xml.substr(0, 60));
-        KelContainer c;
-        c.SetString("before", "x");
-        const KelStatus status = c.LoadFromXML(xml);
-        EXPECT_FALSE(status);
-        EXPECT_NE(status.Error().code, 0U);
-        EXPECT_NE(status.Error().message.find(place), KelString::npos) << status.Error().message;
-        EXPECT_TRUE(c.IsEmpty());
-    }
+    const auto value = [](const char* rest) { return In(KelString("<Value name='a' ") + rest); };
+    const std::pair<const char*, KelVector<KelString>> cases[] = {
+        {"line 1, column 1", {"<!DOCTYPE Container [<!ENTITY a 'b'>]>\n<Container/>"}},
+        {"line 1, column 24", {"<Container></Container></Container>"}},
+        {"line 1", {"<Box/>", "<Container/><Container/>", "only text"}},
+        {"line 2, column 2", {In(KelString("\0", 1))}},
+        {"line 2, column 3", {In("<Item name='a'/>")}},
+        {"line 2, column 15", {In("<Value name='&a;'/>")}},
+        {"line 2, column 18", {Text("&file;"), Text("&#0;"), Text("\x01"), Text("\xC3(")}},
+        {"line 2, column 20", {Text("a & b")}},
+        {"line", {In("loose")}},
+        {"line 2",
+         {Text("&#xD800;"), Text("&#99999999999;"), Text("<b/>"), "<Container>\n<Value name='a'>text",
+          In("<Value name='a'></Valu>"), In("<Value type='bool'>1</Value>"), value("type='int64'/>"),
+          value("type='int32'>2147483648</Value>"), value("encoding='base64'>A</Value>"),
+          value("encoding='hex'>41</Value>")}},
+        {"float", {value("type='float'>1</Value>")}},
+        {"maybe", {value("type='bool'>maybe</Value>")}},
+        {"nested",
+         {Nested("<Value name='a' type='container'>", 5000),
+          Nested("<Value name='/>' type='container'>", 5000)}},
+        {"67108864", {KelString(KelContainer::kMaxXmlBytes + 1, ' ')}}};
+    for (const auto& [place, texts] : cases)
+        for (const KelString& xml : texts) {
+            SCOPED_TRACE(xml.substr(0, 60));
+            KelContainer c;
+            c.SetString("before", "x");
+            const KelStatus status = c.LoadFromXML(xml);
+            EXPECT_FALSE(status);
+            EXPECT_NE(status.Error().code, 0U);
+            EXPECT_NE(status.Error().message.find(place), KelString::npos) << status.Error().message;
+            EXPECT_TRUE(c.IsEmpty());
+        }
 }
 
 TEST(ContainerXml, FilesAreReadBackAndTemporaryOnesArePrivate) {
