@@ -9,6 +9,7 @@ parent pass it: offers, uploads, requests, downloads, acknowledgements. What the
 (announcements) goes straight to the agent.
 """
 
+import hashlib
 import json
 import os
 import pathlib
@@ -19,7 +20,7 @@ import tempfile
 import time
 import urllib.parse
 
-from case import BUILD
+from case import BUILD, INDEX
 from digest_client import DigestClient
 from tree import ActionFailed, Tree, VirtualClock, free_port, wait_until
 
@@ -118,6 +119,26 @@ class Child:
     def upload(self, key, content, seconds=60):
         """Goes on until the parent has taken the file."""
         wait_until(lambda: self.put(self.offer(key, len(content)), content), seconds, f"{key[2]} is taken")
+
+
+def md5_of(content):
+    return hashlib.md5(content).hexdigest()
+
+
+def packed_entries(kind, files):
+    """The entries of an archive for these files, name -> content, of a type and the label "l"."""
+    return [(f"upstream/{kind}/l/{md5_of(content)}/{name}", content) for name, content in files.items()]
+
+
+def index_of(child, kind, files, sizes=None):
+    """The entry that describes them as files of a device; `sizes` holds wrong ones by name."""
+    def record(file, content):
+        values = (("FileType", "string", kind), ("FileLabel", "string", "l"), ("FileName", "string", file),
+                  ("FileChecksum", "string", md5_of(content)), ("SourceDevice", "string", child.url),
+                  ("Upstream", "bool", "true"), ("FileSize", "int64", (sizes or {}).get(file, len(content))))
+        texts = (f'<Value name="{name}" type="{type_}">{value}</Value>' for name, type_, value in values)
+        return f'<Value name="PackedFile" type="container">{"".join(texts)}</Value>'
+    return INDEX, f"<Container>{''.join(record(*file) for file in files.items())}</Container>"
 
 
 def rows(agent, statement, upstream=False):

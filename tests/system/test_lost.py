@@ -15,7 +15,8 @@ import zipfile
 
 from case import INDEX, SystemTest, collected_files, wait_collected, write_files, zip_of
 from digest_client import DigestClient
-from faults import AT_REST, SHIM, WRITING, Child, FaultTree, SteppedClock, damage, faults_of_rest, rows, wait_at_rest
+from faults import (AT_REST, SHIM, WRITING, Child, FaultTree, SteppedClock, damage, faults_of_rest, index_of, md5_of,
+                    packed_entries, rows, wait_at_rest)
 from tree import ActionFailed, find_faketime, sha256_of, wait_until
 
 SPEED = 60
@@ -24,10 +25,6 @@ KIND = "Lost"
 YEAR = 365 * 86400
 PAGE = 4096  # of a database
 ENDLESS_BYTES = 512 << 20
-
-
-def md5_of(content):
-    return hashlib.md5(content).hexdigest()
 
 
 def key_of(name, content, kind=KIND):
@@ -41,15 +38,7 @@ def from_child(child, files):
 
 def archive_of(child, files, sizes=None):
     """Key and content of an archive as a relay makes it; `files`: name -> content."""
-    records = "".join(
-        '<Value name="PackedFile" type="container">' + "".join(
-            f'<Value name="{name}" type="{kind}">{value}</Value>' for name, kind, value in (
-                ("FileType", "string", KIND), ("FileLabel", "string", "l"), ("FileName", "string", file),
-                ("FileChecksum", "string", md5_of(content)), ("SourceDevice", "string", child.url),
-                ("Upstream", "bool", "true"), ("FileSize", "int64", (sizes or {}).get(file, len(content)))))
-        + "</Value>" for file, content in files.items())
-    entries = [(f"upstream/{KIND}/l/{md5_of(content)}/{file}", content) for file, content in files.items()]
-    body = zip_of([(INDEX, f"<Container>{records}</Container>"), *entries], zipfile.ZIP_DEFLATED)
+    body = zip_of([index_of(child, KIND, files, sizes), *packed_entries(KIND, files)], zipfile.ZIP_DEFLATED)
     return key_of("a.zip", body, "FileStorePackedFiles"), body
 
 
