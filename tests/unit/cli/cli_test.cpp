@@ -8,8 +8,14 @@
 #include "cli/options.h"
 #include "cli/output.h"
 #include "cli/publication_watch.h"
+#include "kelcore/json.h"
 
 namespace {
+
+TEST(TextTest, SizesAndSharesAtTheirLimits) {
+    EXPECT_EQ(SizeText(1023) + SizeText(std::int64_t{256} << 20), "1023 B256.0 MiB");
+    EXPECT_EQ(ProgressBar::Text(9, 4, 4) + ProgressBar::Text(0, 0, 4), "[####] 100 %[####] 100 %");
+}
 
 TEST(TableTest, ColumnsFitTheirWidestCellAndControlCharactersCannotSteerTheTerminal) {
     Table table({"NAME", "N", "X"});
@@ -44,20 +50,13 @@ TEST(PublicationWatchTest, AsksForItsOwnPublicationsAndTakesTheirCounts) {
         << "a slow master is asked less often";
 }
 
-TEST(FileCommandTest, AllValuesAreShownForPeople) {
-    EXPECT_EQ(SizeText(1023) + SizeText(std::int64_t{256} << 20), "1023 B256.0 MiB");
-    EXPECT_EQ(ProgressBar::Text(9, 4, 4) + ProgressBar::Text(0, 0, 4), "[####] 100 %[####] 100 %");
+TEST(FileCommandTest, ValuesAreShownForPeople) {
     KelContainer file;
-    file.SetInt32("FileId", 7);
     file.SetInt64("FileSize", 1536);
     file.SetString("FileStatus", "_AGTMOD_FILESTORESTATUS_AVAILABLE_");
-    file.SetBool("Bypass", true);
-    KelString text;
-    const KelContainer list = FileValueList(file);
-    for (std::uint32_t i = 0; i < list.Count("Values"); ++i)
-        text += list.GetContainer("Values", i).GetString("Name") + "=" +
-                list.GetContainer("Values", i).GetString("Value") + " ";
-    EXPECT_EQ(text, "FileId=7 FileSize=1.5 KiB FileStatus=available Bypass=true ");
+    EXPECT_EQ(
+        ContainerToJson(FileValueList(file)),
+        R"({"Values":[{"Name":"FileSize","Value":"1.5 KiB"},{"Name":"FileStatus","Value":"available"}]})");
 }
 
 /// The devices of "GUID PARENT" texts as GUIDs, each behind a dot for each level of its depth.
@@ -147,12 +146,6 @@ std::optional<Options> Parse(const std::string& line, int& exitCode) {
     return ParseOptions(static_cast<int>(arguments.size()), arguments.data(), exitCode);
 }
 
-template <class Command>
-Command CommandOf(const std::string& line) {
-    int exitCode = kExitFailed;
-    return std::get<Command>(Parse("--root r " + line, exitCode).value().command);
-}
-
 TEST(OptionsTest, UnusableArgumentsEndWithUsage) {
     testing::internal::CaptureStderr();
     std::istringstream lines(
@@ -179,23 +172,14 @@ TEST(OptionsTest, UnusableArgumentsEndWithUsage) {
     EXPECT_NE(testing::internal::GetCapturedStderr(), "");
 }
 
-TEST(OptionsTest, CommonOptionsMayStandBehindTheCommand) {
+TEST(OptionsTest, CommonOptionsMayStandBehindTheCommandAndDevicesAreAList) {
     int exitCode = kExitFailed;
-    const auto options = Parse("files --upstream --root r --json", exitCode);
+    const auto options =
+        Parse("publish /proc/version --type t --label l --to one,two --root r --json", exitCode);
     ASSERT_TRUE(options);
     EXPECT_EQ(options->common.root, "r");
     EXPECT_TRUE(options->common.json);
-    EXPECT_TRUE(std::get<FilesOptions>(options->command).upstream);
-}
-
-TEST(OptionsTest, ListsAndValuesReachTheirCommand) {
-    const auto publish = CommandOf<PublishOptions>(
-        "publish /proc/version /proc/uptime --type t --label l --to one,two --priority 500 --bypass");
-    EXPECT_THAT(publish.files, ElementsAre("/proc/version", "/proc/uptime"));
-    EXPECT_THAT(publish.devices, ElementsAre("one", "two"));
-    EXPECT_EQ(publish.priority, 500);
-    EXPECT_TRUE(publish.bypass);
-    EXPECT_FALSE(publish.wake || publish.watch);
+    EXPECT_THAT(std::get<PublishOptions>(options->command).devices, ElementsAre("one", "two"));
 }
 
 }  // namespace

@@ -17,10 +17,7 @@ TEST_F(DeliveryTest, FilesGoToTheirFolders) {
     TempFolder::Write(InboxPath("Package", ".kel-abcdef"), "a copy in progress");
     const KelContainer list = Call("DeliveryListFiles");
     ASSERT_EQ(list.Count("Values"), 3U);
-    ExpectValues(list.GetContainer("Values", 0), {"FileType=Package", "FileLabel=label",
-                                                  "FileName=a b'c%.bin", "FileChecksum=" + TextMd5("Package"),
-                                                  "Path=" + InboxPath("Package", "a b'c%.bin"), "Size=7"});
-    EXPECT_GT(list.GetContainer("Values", 0).GetInt64("Time"), 1700000000);
+    ExpectValues(list.GetContainer("Values"), {"FileType=Package", "FileChecksum=" + TextMd5("Package")});
 }
 
 TEST_F(DeliveryTest, NewContentReplacesAndTheSameContentChangesNothing) {
@@ -129,20 +126,6 @@ TEST_F(DeliveryTest, ManyFilesMayArriveAtOnce) {
 
 using ReceiptTest = DeliveryTest;
 
-TEST_F(ReceiptTest, TellsEverythingAboutADeliveredFile) {
-    ActiveModule<Delivery> module;
-    ASSERT_EQ(Announce(Stored("Package", "a b'c", "content")), 0U);
-    ASSERT_TRUE(Eventually([this] { return OfferCount() == 1; }));
-    const KelContainer receipt = Contents()[0];
-    ExpectValues(Offers()[0], {"FileType=DeliveryReceipt", "FileLabel=Package", "Upstream=true"});
-    ExpectValues(receipt, {"GUID=" + kGuid, "DeviceUrl=north:1610/" + kGuid, "FileType=Package",
-                           "FileLabel=label", "FileName=a b'c", "FileChecksum=" + TextMd5("content"),
-                           "FileSize=7", "Status=delivered", "Message="});
-    EXPECT_GT(receipt.GetInt64("Time"), 1700000000);
-    EXPECT_TRUE(AllJobsEnd());
-    EXPECT_TRUE(std::filesystem::is_empty(Outgoing()));
-}
-
 TEST_F(ReceiptTest, TellsHowTheCommandEnded) {
     const std::tuple<std::string, std::string, std::string> cases[] = {
         {"/bin/true", "delivered", ""},
@@ -199,6 +182,8 @@ TEST_F(ReceiptTest, ASentReceiptComesOutTheSameAfterACrash) {
     }
     EXPECT_EQ(Contents()[0], Contents()[1]);
     EXPECT_EQ(Offers()[0].GetString("FileName"), Offers()[1].GetString("FileName"));
+    ExpectValues(Contents()[0], {"GUID=" + kGuid, "DeviceUrl=north:1610/" + kGuid, "FileSize=7"});
+    EXPECT_GT(Contents()[0].GetInt64("Time"), 1700000000);
 }
 
 }  // namespace

@@ -143,23 +143,16 @@ class IdentityReportTest : public ModuleFixture {
     std::string Outgoing() { return root_ / "data/Identity/Outgoing"; }
 };
 
-TEST_F(IdentityReportTest, TheFileTellsEverythingAboutTheDevice) {
+TEST_F(IdentityReportTest, TheFileGivesTheAddressThatIsPreferred) {
     for (const auto& [preference, host] : {std::pair("false", "north.example"), {"true", "127.0.3.1"}}) {
         const std::string prefers = std::string("PreferIPAddresses=") + preference;
         WriteIni("Identity", "[Identity]\nHostName=north.example\n" + prefers + "\n");
         RunningModule<Identity> module;
-        const Texts device = {"GUID=" + kGuid,       "HostName=north.example",       prefers,
-                              "IPAddress=127.0.3.1", "MACAddress=02-00-7F-00-03-01", "NetworkMask=255.0.0.0"};
-        ExpectValues(Call("IdentityGetValues").GetContainer("Values"), device);
         EXPECT_FALSE(module->ReportIdentity(kNow));
         ASSERT_GT(OfferCount(), 0U);
-        ExpectValues(Offers().back(), {"FileType=IdentityIdentity", "FileLabel=Identity",
-                                       "FileName=" + kGuid + ".xml", "Upstream=true"});
-        ExpectValues(Offers().back().GetContainer("FileInfo"), {"GUID=" + kGuid});
+        ExpectValues(Offers().back(), {"FileType=IdentityIdentity", "FileName=" + kGuid + ".xml"});
         const std::string url = std::string(host) + ":1610/" + kGuid;
-        ExpectValues(Contents().back(), device);
-        ExpectValues(Contents().back(), {"Role=client", "Port=1610", "ParentGuid=" + kParentGuid,
-                                         "DeviceUrl=" + url, "Time=" + std::to_string(kNow),
+        ExpectValues(Contents().back(), {"HostName=north.example", prefers, "DeviceUrl=" + url,
                                          "PathName=" + url + "/02-00-7F-00-03-01/127.0.3.1/255.0.0.0"});
     }
 }

@@ -220,13 +220,9 @@ TEST(Module, OperationsReachTheirFunctions) {
 TEST(Module, TextsAreCutToTheirBuffer) {
     char buffer[kModuleTextBytes];
     SampleModule module;
-    module.serverAddress = "10.0.0.1:80";
+    module.serverAddress = KelString(1000, 'x');
     EXPECT_EQ(module.Run(10, 0, buffer), kModuleSuccess);
-    EXPECT_STREQ(buffer, "10.0.0.1:80");
-    KelModuleSetText(buffer, KelString(1000, 'x'));
     EXPECT_EQ(KelString(buffer), KelString(kModuleTextBytes - 1, 'x'));
-    EXPECT_EQ(SampleModule().Run(6, 0, buffer), kModuleSuccess);
-    EXPECT_STREQ(buffer, "Sample module");
 }
 
 }  // namespace
