@@ -73,6 +73,7 @@ class HostileTest(SystemTest):
                 begin = len(self.agent.log())
                 self.assertEqual(self.send_archive(case, entries), 422 if logged == foreign else 201)
                 wait_until(lambda: logged in self.agent.log()[begin:], 20, f"'{logged}' in the log of the master")
+                wait_until(lambda: not list(self.agent.data.glob("FileStore/.extract-*")), 20, "the unpacked files go")
                 self.assertEqual(self.untouchables(), self.before)
                 self.assertFalse(self.has_collected())
         self.assertEqual(self.send_archive("good", [index, good]), 201)

@@ -32,16 +32,15 @@ Outcome RunShell(const KelString& script, std::chrono::milliseconds timeout = st
 }
 
 TEST(RunProgram, TellsHowTheProgramEndedAndWaitsForNoChildThatItLeftBehind) {
-    const auto start = std::chrono::steady_clock::now();
-    for (const auto& [script, end, code] : {std::tuple{"echo one; printf two; exit 7", End::Exited, 7},
-                                            {"echo one; printf two; kill -9 $$", End::Killed, SIGKILL},
-                                            {"sleep 200 & echo one; printf two", End::Exited, 0}}) {
+    for (const auto& [script, end, code] :
+         {std::tuple{"echo one; printf two; exit 7", End::Exited, 7},
+          {"echo one; printf two; kill -9 $$", End::Killed, SIGKILL},
+          {"(sleep 20; echo late) & echo one; printf two", End::Exited, 0}}) {
         const Outcome run = RunShell(script);
         EXPECT_EQ(run.result.end, end) << script;
         EXPECT_EQ(run.result.code, code) << script;
         EXPECT_EQ(run.lines, (KelVector<KelString>{"one", "two"})) << script;
     }
-    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(150));
 }
 
 TEST(RunProgram, TheWholeGroupIsEndedAtTheTimeOut) {

@@ -77,7 +77,7 @@ TEST_F(RequestTest, RefusesWhatIsNoCall) {
         int status;
         std::string request, fields = {}, body = {};
     };
-    for (const Case& test :
+    for (const auto& [status, request, fields, body] :
          {Case{404, "POST /Action/None"}, Case{404, "POST /Action/"}, Case{404, "POST /Files/data"},
           Case{400, params, "", "<Container>"}, Case{400, params, "Content-Type: application/json\r\n", "{"},
           Case{415, params, "Content-Type: text/plain\r\n", "x"}, Case{413, params, "", big},
@@ -88,10 +88,10 @@ TEST_F(RequestTest, RefusesWhatIsNoCall) {
           Case{400, params, "Content-Length: 99999999999999999999\r\n"}, Case{400, "GET /", "Name : x\r\n"},
           Case{400, "GET /", "Name: x\r\n y\r\n"}, Case{405, "DELETE /Files/data"},
           Case{431, "GET /Files/data", "Name: " + big + "\r\n"}}) {
-        SCOPED_TRACE(test.request + "\n" + test.fields + test.body);
-        const std::size_t blank = test.request.find(' ');
-        const std::string method = test.request.substr(0, blank), target = test.request.substr(blank + 1);
-        EXPECT_EQ(Connect().AskGranted(method, target, test.fields, test.body).status, test.status);
+        const std::size_t blank = request.find(' ');
+        const std::string method = request.substr(0, blank), target = request.substr(blank + 1);
+        EXPECT_EQ(Connect().AskGranted(method, target, fields, body).status, status)
+            << request << fields << body;
     }
 }
 
