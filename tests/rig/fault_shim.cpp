@@ -5,7 +5,7 @@
 //
 // Each line of the control file is a rule "OPERATIONS ERROR SHARE PATTERN":
 //
-//   OPERATIONS  write, sync, rename, open (for writing), read (open for reading), mkdir, link; joined by commas
+//   OPERATIONS  joined by commas: write, sync, rename, mkdir, link, open (for writing), read (open to read)
 //   ERROR       ENOSPC or EIO
 //   SHARE       of the matching calls that fails, 0 to 1
 //   PATTERN     of the absolute path, as for fnmatch; '*' matches '/', too; the rest of the line

@@ -206,5 +206,6 @@ def faults_of_rest(agent):
                       url.removeprefix(f"/FileStore/{folder}/")}
         files = {str(path.relative_to(store)) for path in store.rglob("*") if path.is_file()}
         wrong += [f"orphan: {folder}/{path}" for path in sorted(files - known)]
-    temporary = [path for pattern in (".kel-*", "Temp/PACKEDFILES_*", ".extract-*") for path in agent.data.rglob(pattern)]
+    patterns = (".kel-*", "Temp/PACKEDFILES_*", ".extract-*")
+    temporary = [path for pattern in patterns for path in agent.data.rglob(pattern)]
     return wrong + [f"temporary: {path.relative_to(agent.data)}" for path in temporary]

@@ -33,14 +33,16 @@ class HostileTest(SystemTest):
         def is_changing(path):
             parts = path.relative_to(self.agent.root).parts
             return parts[0] == "log" or parts[:3] == ("data", "FileStore", "upstream") or ".sqlite" in path.name
-        found = {path: sha256_of(path) for path in self.agent.root.rglob("*") if path.is_file() and not is_changing(path)}
+        files = (path for path in self.agent.root.rglob("*") if path.is_file() and not is_changing(path))
+        found = {path: sha256_of(path) for path in files}
         found.update((path, None) for path in self.tree.folder.iterdir())
         return found
 
     def offer(self, address, **values):
         """The result of an offer to the relay from this address."""
-        key = {"FileType": "T", "FileLabel": "l", "FileName": "n", "FileChecksum": md5_of(b"evil"), "FileSize": 4}
-        status, result, _ = DigestClient(self.relay, address).action("FileStoreReceiveFile", json.dumps({**key, **values}))
+        values = {"FileType": "T", "FileLabel": "l", "FileName": "n", "FileChecksum": md5_of(b"evil"), **values}
+        client = DigestClient(self.relay, address)
+        status, result, _ = client.action("FileStoreReceiveFile", json.dumps({"FileSize": 4, **values}))
         self.assertEqual(status, 200)
         return result
 

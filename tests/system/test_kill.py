@@ -64,7 +64,8 @@ class KillTest(SystemTest):
                 tree.start()
                 expected = {}
                 files = self.kill_during_transfers(
-                    tree, [relay], 4, 3 << 20, lambda paths: expected.update(client.send(*paths, kind="Kill", label="kill")))
+                    tree, [relay], 4, 3 << 20,
+                    lambda paths: expected.update(client.send(*paths, kind="Kill", label="kill")))
                 wait_collected(tree.master, expected, SECONDS_TO_ARRIVE)
                 for name in files:
                     self.assertEqual(tree.master.log().count(f"Collected Kill/kill/{name} "), 1, name)

@@ -1,4 +1,4 @@
-"""Nothing is lost and nothing waits without reason, whatever fails on the way: disks, links, clocks, databases, consumers.
+"""Nothing is lost and nothing waits without reason, whatever fails: disks, links, clocks, databases, consumers.
 
 Faults are over after a moment, but what they held up is tried again after the file store's time-outs, five minutes at
 least: the agents' clock runs sixty times as fast.
@@ -227,8 +227,10 @@ class UpTest(FaultTest):
         relay, (path,) = tree.relays[0], self.files(tree)
         content, expected = path.read_bytes(), {(relay.identity()["GUID"], "l", path.name): sha256_of(path)}
         Child(relay).offer(key_of(path.name, content), len(content))
-        relay.call("FileStoreReceiveFile", FileType=KIND, FileLabel="l", FileName=path.name, Upstream=True, MovePath=str(path))
-        self.assertTrue(path.exists() or list((relay.data / "FileStore" / "upstream").rglob(path.name)), "the content is gone")
+        relay.call("FileStoreReceiveFile", FileType=KIND, FileLabel="l", FileName=path.name, Upstream=True,
+                   MovePath=str(path))
+        stored = (relay.data / "FileStore" / "upstream").rglob(path.name)
+        self.assertTrue(path.exists() or list(stored), "the content is gone")
         wait_collected(tree.master, expected, 30)
 
 
@@ -297,7 +299,8 @@ class DownTest(FaultTest):
         client, urgent = tree.clients[0], self.files(tree)
         address = f"{client.address.rsplit('.', 1)[0]}.250"
         server = EndlessServer(address)
-        self.announce(tree, client, (KIND, "l", "endless", "0" * 32), 0, "/endless", source=f"{address}:{server.port}/X")
+        source = f"{address}:{server.port}/X"
+        self.announce(tree, client, (KIND, "l", "endless", "0" * 32), 0, "/endless", source=source)
         time.sleep(5)
         self.publish(tree, urgent, priority=500)
         with self.subTest("urgent"):
@@ -322,7 +325,8 @@ class DownTest(FaultTest):
             stall = relay.proxy.add("stall", "up", b"GET /QuarnelDatabase", times=1)
             self.publish(tree, paths, first.name)
             wait_until(lambda: stall.fired, 30, "the relay fetches the file")
-            checksum, size, url = rows(relay, "SELECT FileChecksum, FileSize, FileURL FROM Files WHERE FileName = 'file.bin'")[0]
+            known = rows(relay, "SELECT FileChecksum, FileSize, FileURL FROM Files WHERE FileName = 'file.bin'")
+            checksum, size, url = known[0]
             self.announce(tree, relay, (KIND, "l", "file.bin", checksum), size, url, self.path_name(tree, second))
             relay.proxy.clear()
             self.check_delivered(tree, tree.clients, paths, 30)
@@ -330,7 +334,7 @@ class DownTest(FaultTest):
 
 class DatabaseTest(FaultTest):
     def lose(self, tree, agent, how, database):
-        """Stops an agent, removes its database or damages half of it or all pages but the first, and starts it again."""
+        """Stops an agent, removes its database or damages it (half, or all pages but the first), and starts it."""
         self.assertEqual(agent.stop(), 0)
         size = database.stat().st_size
         if how == "removed":
