@@ -60,10 +60,9 @@ TEST_F(Clock, OnlyNotificationTimesThatNothingWritesCountAsDue) {
         AddTarget(AddFile(kDown, "n", "AVAILABLE",
                           KelFormat("Acknowledged = 1, LastStatusChangeTime = %ld", statusTime)),
                   1, kChild, notifyTime);
-        EXPECT_EQ(
-            SelectDueTargets({now_ - 300, announced + 60, DueTargets::Where::OtherDevices, false, {}, 50})
-                .size(),
-            isDue);
+        EXPECT_TRUE(MarkDueTargets(now_ - 300, announced + 60));
+        EXPECT_EQ(SelectDueTargets({now_ - 300, DueTargets::Where::OtherDevices, false, {}, 50}).size(),
+                  isDue);
     }
 }
 

@@ -119,10 +119,12 @@ TEST_F(QueryPlan, DownstreamStatementsSearchAnIndex) {
         ForgetHandedOver({"t", "l", "n", "c"});
         RecordAnnouncements({Ids(), Ids(), Ids(), {"a", "b"}, Ids()}, {1, 1, 1});
     });
-    // Their order depends on two tables at once: what is due is sorted.
     for (const bool windowClosed : {false, true})
         for (const auto where : {DueTargets::Where::ThisDevice, DueTargets::Where::OtherDevices})
-            Check(kDown, May::Sort, [=] { SelectDueTargets({9, 99, where, windowClosed, {"a"}, 50}); });
+            Check(kDown, May::Search, [=] {
+                MarkDueTargets(9, 99);
+                SelectDueTargets({9, where, windowClosed, {"a"}, 50});
+            });
 }
 
 TEST_F(QueryPlan, UpstreamStatementsSearchAnIndex) {
@@ -153,17 +155,6 @@ TEST_F(QueryPlan, TablesAreScannedOnlyWhereAllRowsAreMeant) {
     ASSERT_EQ(reset.size(), 2U);
     EXPECT_EQ(Plan(kDown, reset[0]), Texts{"SCAN Files"});
     EXPECT_TRUE(Plan(kDown, reset[1]).at(0).starts_with("SEARCH"));
-}
-
-/// With nothing due, the batch must cost nothing, however many files are kept: targets come first.
-TEST_F(QueryPlan, NotificationStartsFromTheDueTargets) {
-    const Texts batch = Recorded(kDown, [] {
-        SelectDueTargets({9, 99, DueTargets::Where::OtherDevices, false, {}, 50});
-    });
-    ASSERT_EQ(batch.size(), 2U);
-    for (const auto& [part, search] : {std::pair(0U, "(LastNotifyTime>?)"), {1U, "(LastNotifyTime<?)"}})
-        EXPECT_NE(Plan(kDown, batch[part]).at(0).find(KelFormat("INDEX TargetsDue %s", search)),
-                  KelString::npos);
 }
 
 /// A row that failed a moment ago ends a batch, so it must come behind those that wait longer: whatever the

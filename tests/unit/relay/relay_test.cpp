@@ -1,6 +1,7 @@
 #include "modules/relay/relay.h"
 
 #include "fake_parent.h"
+#include "kelcore/callback_db.h"
 #include "kelcore/http/client.h"
 #include "module_fixture.h"
 
@@ -14,6 +15,8 @@ class RelayTest : public ModuleFixture {
   protected:
     void SetUp() override {
         Configure("");
+        FakeAction("TestInSync ()", [this](KelContainer*) { return ++reports_, 0U; });
+        CallbackDbRegisterAction("RelayCallbackParentInSync", "TestInSync ()", "", 0);
         FakeResults("IdentityGetGUID ()", Values({"GUID=" + kOurGuid}));
         FakeAction("IdentityValidateGUIDScheme ()", [this](KelContainer*) {
             // The handler reads the parent's GUID; until it is done no device may rely on our scheme.
@@ -23,13 +26,17 @@ class RelayTest : public ModuleFixture {
             return failures_ > 0 && failures_-- > 0 ? unsigned{kKelErrorInternal} : 0U;
         });
     }
-    void TearDown() override { HttpClientCloseIdleConnections(); }
+    void TearDown() override {
+        CallbackDbDeleteAction("RelayCallbackParentInSync", "TestInSync ()", "");
+        HttpClientCloseIdleConnections();
+    }
 
     static KelContainer RelayValues() { return Call("RelayGetValues").GetContainer("Values"); }
     static bool IsInSync() { return RelayValues().GetBool("ParentSync"); }
 
     std::atomic<int> validations_ = 0;
     std::atomic<int> unsettled_ = 0;
+    std::atomic<int> reports_ = 0;   ///< that the parent answers again
     std::atomic<int> failures_ = 0;  ///< of the next validations
 };
 
@@ -56,6 +63,9 @@ TEST_F(RelayTest, AnAnsweringParentIsInSyncAndValidatesTheSchemeOncePerGuid) {
     ExpectValues(RelayValues(), {"IsEnabled=false", "Role=client", "ParentIPAddress=127.0.1.1",
                                  "ParentGuid=" + kGuid, "ParentPort=" + std::to_string(parent.Port())});
     EXPECT_EQ(validations_, 1) << "a steady parent was validated more than once";
+    EXPECT_EQ(reports_, 1);
+    Call("RelayCheckParent");  // somebody could not reach it
+    EXPECT_TRUE(Eventually([this] { return reports_ == 2; }));
     parent.SetGuid(kOtherGuid);
     EXPECT_TRUE(Eventually([this] { return validations_ == 2; }));
 }
