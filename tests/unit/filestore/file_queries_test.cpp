@@ -3,9 +3,7 @@
 
 namespace {
 
-struct FileQueries : FileStoreTest {
-    FileQueries() { Initialise(); }
-
+struct FileQueries : StoreTest {
     static void AddThree() {
         AddFile(kDown, "b", "AVAILABLE", "FileSize = 1");
         AddFile(kDown, "a", "MISSING", "FileSize = 3");
@@ -17,23 +15,19 @@ struct FileQueries : FileStoreTest {
 
 TEST_F(FileQueries, ListsInTheOrderAskedForWithoutObsoleteFiles) {
     AddThree();
-    for (const auto& [values, names] :
-         Table<KelContainer, const char*>{{KelContainer(), "abc"},
-                                          {Make({{"SortAttr", "TransferredData"}}), "abc"},
-                                          {Make({{"SortAttr", "FileSize"}}), "bca"},
-                                          {Make({{"SortAttr", "filesize"}, {"SortOrder", "DESC"}}), "acb"},
-                                          {Make({{"ListUpstream", true}}), "up"},
-                                          {Make({{"SortAttr", "FileName; DROP TABLE Files"}}), nullptr},
-                                          {Make({{"SortAttr", "Nothing"}}), nullptr},
-                                          {Make({{"SortOrder", "ASC, FileId"}}), nullptr}}) {
-        SCOPED_TRACE(values.SaveToXML());
-        const KelContainer list =
-            Ask("FileStoreListFiles", values, names == nullptr ? kKelErrorBadInput : kKelOk);
-        KelString listed;
-        for (std::uint32_t i = 0; list.Has("Values") && i < list.Count("Values"); ++i)
-            listed += list.GetContainer("Values", i).GetString("FileName");
-        EXPECT_EQ(listed, names == nullptr ? "" : names);
-    }
+    for (const auto& [values, names] : Table<KelContainer, Texts>{
+             {KelContainer(), {"a", "b", "c"}},
+             {Make({{"SortAttr", "TransferredData"}}), {"a", "b", "c"}},
+             {Make({{"SortAttr", "FileSize"}}), {"b", "c", "a"}},
+             {Make({{"SortAttr", "filesize"}, {"SortOrder", "DESC"}}), {"a", "c", "b"}},
+             {Make({{"ListUpstream", true}}), {"up"}},
+             {Make({{"SortAttr", "FileName; DROP TABLE Files"}}), {}},
+             {Make({{"SortAttr", "Nothing"}}), {}},
+             {Make({{"SortOrder", "ASC, FileId"}}), {}}})
+        EXPECT_EQ(ReadValues(Ask("FileStoreListFiles", values, names.empty() ? kKelErrorBadInput : kKelOk),
+                             "FileName"),
+                  names)
+            << values.SaveToXML();
 }
 
 TEST_F(FileQueries, GivesTheDetailsOfOneFile) {
@@ -83,21 +77,17 @@ TEST_F(FileQueries, ReportsMulticastGroupsAndHosts) {
         Rows(kDown, KelFormat("INSERT INTO MulticastListenAddress (MulticastAddress, DeviceUrl, Status) "
                               "VALUES ('224.2.0.1', 'http://u:p@%s')",
                               device));
-    const KelContainer status = Ask("FileStoreGetMulticastStatus");
-    ASSERT_EQ(status.Count("Values"), 2U);
-    EXPECT_EQ(Read(status.GetContainer("Values", 0), "Status CountStatus"), "Failed|1");
-    EXPECT_EQ(Read(status.GetContainer("Values", 1), "Status CountStatus"), "Waiting|2");
-    const KelContainer details = Ask("FileStoreGetMulticastDetails");
-    ASSERT_EQ(details.Count("Values"), 3U);
-    EXPECT_EQ(details.GetContainer("Values", 0).GetString("DeviceUrl"), "10.1.2.5");
-    EXPECT_EQ(details.GetContainer("Values", 1).GetString("DeviceUrl"), "10.1.2.3");
+    EXPECT_EQ(ReadValues(Ask("FileStoreGetMulticastStatus"), "Status CountStatus"),
+              (Texts{"Failed|1", "Waiting|2"}));
+    EXPECT_EQ(ReadValues(Ask("FileStoreGetMulticastDetails"), "DeviceUrl"),
+              (Texts{"10.1.2.5", "10.1.2.3", "10.1.2.4"}));
 }
 
 TEST_F(FileQueries, ResetsOnlyFilesThatWaitForMulticast) {
     for (const char* status : {"MULTICASTLISTENING", "AVAILABLE"})
         AddFile(kDown, "n", status, "FileURL = '/it''s', FileSize = 9, Acknowledged = 1");
     Ask("FileStoreResetMulticastStatus", Make({{"FileURL", "/it's"}}));
-    EXPECT_EQ(Rows(kDown, "SELECT FileStatus, FileSize, Acknowledged FROM Files ORDER BY FileId"),
+    EXPECT_EQ(Files(kDown, "FileStatus, FileSize, Acknowledged"),
               (Texts{"TOBEREQUESTED|0|0", "AVAILABLE|9|1"}));
 }
 

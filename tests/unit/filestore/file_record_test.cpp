@@ -3,9 +3,7 @@
 
 namespace {
 
-struct FileRecord : FileStoreTest {
-    FileRecord() { Initialise(); }
-};
+using FileRecord = StoreTest;
 
 TEST_F(FileRecord, EveryFieldSurvivesTheWayThroughARecord) {
     const char* const all = "SELECT * FROM Files";

@@ -40,28 +40,20 @@ TEST_F(HandleThreadTest, AnswerDecidesWhereAFileGoes) {
         Arrived(side, name);
         Arrived(side, "44003 too");
         EXPECT_TRUE(handler_.HandleFile(side));
-        EXPECT_EQ(Rows(side, "SELECT FileStatus, LastStatusChangeTime FROM Files ORDER BY FileId"),
-                  (Texts{status, "AVAILABLE|0"}));
+        EXPECT_EQ(Files(side, "FileStatus, LastStatusChangeTime"), (Texts{status, "AVAILABLE|0"}));
     }
-}
-
-TEST_F(HandleThreadTest, ConsumerGetsTheFileWithItsPath) {
-    const std::uint64_t fileId = Arrived(kUp, "0", "FirstRelay = 'r', Priority = 9, " + SetInfo(Info()));
-    EXPECT_TRUE(handler_.HandleFile(kUp));
-    const KelContainer call = OnlyCallOf("TestConsume");
-    EXPECT_EQ(Read(call,
-                   "FileType FileLabel FileName FileChecksum FilePath SourceDevice FirstRelay Upstream "
-                   "Priority"),
-              KelFormat("t|l|0|c|%S|%s|r|true|9", Load(kUp, fileId).FilePath, kChild));
-    EXPECT_EQ(call.GetContainer("FileInfo"), Info());
 }
 
 /// This device is a target of a downstream file as long as no target row with an empty name says otherwise.
 TEST_F(HandleThreadTest, LocalTargetRowMakesADownstreamFileACopyOnly) {
     const auto copier = Consume("FileStoreCallbackCopyDownstream", "TestConsume ()");
-    AddTarget(Arrived(kDown, "0"), 1, "");
+    const std::uint64_t fileId = Arrived(kDown, "0", SetInfo(Info()));
+    AddTarget(fileId, 1, "");
     EXPECT_TRUE(handler_.HandleFile(kDown));
-    EXPECT_EQ(CallsOf("TestConsume").size(), 1U);
+    const KelContainer call = OnlyCallOf("TestConsume");
+    EXPECT_EQ(Read(call, "FileName FilePath SourceDevice"),
+              KelFormat("0|%S|%s", Load(kDown, fileId).FilePath, kChild));
+    EXPECT_EQ(call.GetContainer("FileInfo"), Info());
 }
 
 TEST_F(HandleThreadTest, AbsentFileIsDroppedAndAbsentPackageWaits) {

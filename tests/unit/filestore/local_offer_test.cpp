@@ -55,18 +55,19 @@ TEST_F(LocalOfferTest, SourcesAreMovedCopiedOrLeft) {
 
 /// No device above accepts an empty file: it would be offered again and again.
 TEST_F(LocalOfferTest, UnreadableAndEmptySourcesAreRefusedAndNothingIsRecorded) {
-    const KelString empty = MakeFile("empty", "");
+    MakeFile("empty", "");
     const KelString before = Everything();
-    for (const char* value : kPaths) {
-        SCOPED_TRACE(value);
-        for (const char* checksum : {"", "c"})
-            for (const bool upstream : {false, true})
-                EXPECT_EQ(
-                    Receive(Offer("t", checksum), {{"Upstream", upstream}, {value, Root() + "/absent"}}), 1U);
-        for (const char* route : {"Upstream", "Unconnected"})
-            EXPECT_EQ(Receive(Offer("t", ""), {{route, true}, {value, empty}}), 1U) << route;
-        EXPECT_EQ(Everything(), before);
-    }
+    for (const char* path : kPaths)
+        for (const auto& [route, source, checksum] :
+             Table<const char*, KelString, const char*>{{"Upstream", "absent", ""},
+                                                        {"Upstream", "absent", "c"},
+                                                        {"Bypass", "absent", ""},
+                                                        {"Bypass", "absent", "c"},
+                                                        {"Upstream", "empty", ""},
+                                                        {"Unconnected", "empty", ""}}) {
+            EXPECT_EQ(Receive(Offer("t", checksum), {{route, true}, {path, Root() + "/" + source}}), 1U);
+            EXPECT_EQ(Everything(), before) << path << " of an " << source << " file, " << route;
+        }
 }
 
 TEST_F(LocalOfferTest, KnownUpstreamFileIsHandledAgainOnlyWhenAvailable) {
@@ -78,14 +79,6 @@ TEST_F(LocalOfferTest, KnownUpstreamFileIsHandledAgainOnlyWhenAvailable) {
         EXPECT_FALSE(FileExists(source));
         EXPECT_EQ(OnlyFields(kUp), expected);
     }
-}
-
-TEST_F(LocalOfferTest, OfferReplacesAPartialDownload) {
-    AddFile(kDown, "n", "DOWNLOADING");
-    WriteFile(FileStore::StorePath(kDown, {"t", "l", "n", "c"}), "a");
-    Accept(Offer(), {{"CopyPath", MakeFile("source", "abc")}});
-    EXPECT_EQ(OnlyFields(kDown, "FileStatus, Acknowledged"), "AVAILABLE|1");
-    EXPECT_EQ(StoredContent(kDown, "c"), "abc");
 }
 
 TEST_F(LocalOfferTest, OfferThatCannotBeStoredLeavesNoTrace) {
@@ -115,9 +108,11 @@ TEST_F(LocalOfferTest, RowChangedMeanwhileLosesNoPublicationAndNoRequest) {
     const KelString source = MakeFile("source", "abc");
     const KelContainer offer = With(Offer(), {{"CopyPath", source}});
     Ask("FileStoreRequestFile", With(Offer(), {{"DeviceGUID", kOwnUrl}}));
+    WriteFile(FileStore::StorePath(kDown, {"t", "l", "n", "c"}), "a");  // a partial download
     // on the master this ends requests for what is missing
     Accept(offer, {{"DevicePath", Meanwhile([] { FileStore::threadHandler.LocalRequestFile(kDown); })}});
-    EXPECT_EQ(OnlyFields(kDown), "AVAILABLE");
+    EXPECT_EQ(OnlyFields(kDown, "FileStatus, Acknowledged"), "AVAILABLE|1");
+    EXPECT_EQ(StoredContent(kDown, "c"), "abc");
     EXPECT_EQ(Count(kDown, "Targets"), "2");
 
     DeleteRows();
@@ -130,7 +125,7 @@ TEST_F(LocalOfferTest, RowChangedMeanwhileLosesNoPublicationAndNoRequest) {
     };
     EXPECT_EQ(Receive(offer, {{"FileChecksum", "new"}, {"DevicePath", Meanwhile(requestAndFail)}}), 1U);
     EXPECT_EQ(OnlyFields(kDown), "MISSING");
-    EXPECT_EQ(Rows(kDown, "SELECT DeviceGUID FROM Targets"), Texts{""});
+    EXPECT_EQ(Targets("DeviceGUID"), Texts{""});
 }
 
 TEST_F(LocalOfferTest, SourceThatChangesWhileItIsTakenIsNotStoredUnderItsOldChecksum) {

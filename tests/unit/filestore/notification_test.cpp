@@ -12,7 +12,6 @@ struct NotificationTest : StoreTest {
     static std::uint64_t Announced(const KelString& name, const KelString& set = "KeepCopy = 0") {
         return AddFile(kDown, name, "AVAILABLE", "Acknowledged = 1, CreateTime = 1, " + set);
     }
-    static Texts Targets() { return Rows(kDown, "SELECT TargetId FROM Targets ORDER BY TargetId"); }
     /// Announces what is due, or one target; whether there was anything.
     static bool Notify(std::uint64_t fileId = 0, unsigned int targetId = 0) {
         return FileStore::threadNotify.NotifyUnicastTargets(static_cast<unsigned int>(fileId), targetId) != 0;
@@ -85,7 +84,7 @@ TEST_F(NotificationTest, MostUrgentAndLongestWaitingGoFirst) {
     AddTarget(Announced("young file never notified", "CreateTime = 3000"), 2, "", 0);
     AddTarget(Announced("urgent", "Priority = 500"), 3, "", 5000);
     AddTarget(Announced("not due"), 4, "", now);
-    AddTarget(Announced("changed lately", KelFormat("LastStatusChangeTime = %ld", now)), 5, "");
+    AddTarget(Announced("changed lately", ChangedAgo(0)), 5, "");
     AddTarget(Announced("unacknowledged", "Acknowledged = 0"), 6, "");
     EXPECT_TRUE(Notify());
     Texts order;

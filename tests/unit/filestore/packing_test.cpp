@@ -24,29 +24,24 @@ struct PackingTest : PushTest {
 TEST_F(PackingTest, PolicyChoosesTheFiles) {
     const Texts all = {"a", "b", "archive", "bypass"}, packable = {"a", "b"}, archive = {"archive"};
     enum { Normal, Demanded, ArchivesOnly };
-    for (const auto& [packs, automatic, excluded, pass, outcome, offered, packed] :
-         Table<bool, bool, const char*, int, Outcome, Texts, Texts>{
-             {false, false, "", Normal, Outcome::Done, all, {}},
-             {true, true, "", Normal, Outcome::Done, archive, packable},
-             {true, false, "", Normal, Outcome::Nothing, {}, {}},
-             {true, false, "B, C", Normal, Outcome::Done, {}, {"b"}},
-             {true, false, "B", Demanded, Outcome::Done, archive, packable},
-             {false, false, "", Demanded, Outcome::Done, archive, packable},
-             {true, false, "", ArchivesOnly, Outcome::Done, archive, {}}}) {
-        const auto trace = Begin(
-            KelFormat("packs %d, automatic %d, excluded '%s', pass %d", packs, automatic, excluded, pass));
+    for (const auto& [packing, excluded, pass, outcome, offered, packed] :
+         Table<const char*, const char*, int, Outcome, Texts, Texts>{
+             {"none", "", Normal, Outcome::Done, all, {}},
+             {"auto", "", Normal, Outcome::Done, archive, packable},
+             {"manual", "", Normal, Outcome::Nothing, {}, {}},
+             {"manual", "B, C", Normal, Outcome::Done, {}, {"b"}},
+             {"manual", "B", Demanded, Outcome::Done, archive, packable},
+             {"none", "", Demanded, Outcome::Done, archive, packable},
+             {"manual", "", ArchivesOnly, Outcome::Done, archive, {}}}) {
+        const auto trace = Begin(KelFormat("packing %s, excluded '%s', pass %d", packing, excluded, pass));
         AcceptAll();
         Waiting("a", "FileType = 'A'");
         Waiting("b", "FileType = 'B'");
         Waiting("archive", "FileType = 'FileStorePackedFiles'");
         Waiting("bypass", "FileType = 'A', Bypass = 1");
-        FileStore::fConcatFiles = packs;
-        FileStore::fAutoConcat = automatic;
+        const KelContainer policy = Make({{"ConcatFiles", packing}, {"ExcludedFileType", excluded}});
+        Ask("FileStoreSetValues", Make({{"Values", policy}}));
         FileStore::fProcessManualUpload = pass == Demanded;
-        {
-            const KelLock lock(FileStore::mutexSettings);
-            FileStore::strExcludedFileType = excluded;
-        }
         EXPECT_EQ(Send(pass == ArchivesOnly), outcome);
         EXPECT_EQ(RequestedNames(), offered);
         EXPECT_EQ(Names(kUp, "TOBEPACKED"), packed);
@@ -151,21 +146,19 @@ TEST_F(PackingTest, ArchiveThatTheStoreRefusesIsTriedOnceInAStepAndDropped) {
 }
 
 TEST_F(PackingTest, ManualUploadPacksWhatItCountedOnceTheWindowIsOpenAndEnds) {
-    // Two files, and a third row that is not packed.
-    for (const auto& [name, files, thirdType, isClosed] :
+    const KelString archive = "FileType = 'FileStorePackedFiles'", absent = "FileName = 'absent'";
+    for (const auto& [name, files, third, isClosed] :  // a third row is not packed
          Table<const char*, Texts, KelString, bool>{{"files only", {"a", "b"}, "", false},
-                                                    {"an archive", {"a", "b"}, "FileStorePackedFiles", false},
-                                                    {"an absent file", {"a", "b"}, "t", false},
+                                                    {"an archive", {"a", "b"}, archive, false},
+                                                    {"an absent file", {"a", "b"}, absent, false},
                                                     {"nothing to upload", {}, "", false},
                                                     {"closed window", {"a"}, "", true}}) {
         const auto trace = Begin(name);
         AcceptAll();
         for (const KelString& file : files)
             Waiting(file);
-        if (!thirdType.empty()) {
-            const std::uint64_t third = Waiting("x", KelFormat("FileType = '%S'", thirdType));
-            if (thirdType == "t") FileDelete(Load(kUp, third).FilePath);
-        }
+        const std::uint64_t thirdId = third.empty() ? 0 : Waiting("x", third);
+        if (third == absent) FileDelete(Load(kUp, thirdId).FilePath);
         if (isClosed) CloseWindow(FileStore::bmTrackUsageUp);
         Ask("FileStorePerformManualUpload");
         push_.DoWork();

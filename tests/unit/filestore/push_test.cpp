@@ -1,5 +1,4 @@
 #include "filestore/push_fixture.h"
-#include "filestore/up/handle_thread.h"
 
 namespace {
 
@@ -53,8 +52,7 @@ TEST_F(RequestStepTest, AnswerDecidesWhatTheRowBecomes) {
 TEST_F(RequestStepTest, StepAsksOldestFirstAndEndsWhenEveryRowWaits) {
     AnswerAsParent(0);
     for (const auto& [name, age] : Table<const char*, int>{{"recent", 290}, {"second", 400}, {"first", 500}})
-        AddFile(kDown, name, "TOBEREQUESTED",
-                KelFormat("LastStatusChangeTime = %ld", std::time(nullptr) - age));
+        AddFile(kDown, name, "TOBEREQUESTED", ChangedAgo(age));
     push_.DoWork();
     EXPECT_EQ(RequestedNames(), (Texts{"first", "second"}));
 }
@@ -98,42 +96,34 @@ TEST_F(SendTest, RefusalDependsOnTheFirstRelayAndTheError) {
         Waiting("first", KelFormat("FirstRelay = '%s'", relay));
         Waiting("second");
         EXPECT_EQ(Send(), Outcome::Done);
-        EXPECT_EQ(
-            Rows(kUp, "SELECT FileStatus, LastStatusChangeTime, SourceDevice FROM Files ORDER BY FileId"),
-            (Texts{KelFormat("%s|%s", refused, source), KelFormat("%s|%s", second, kChild)}));
+        EXPECT_EQ(Files(kUp, "FileStatus, LastStatusChangeTime, SourceDevice"),
+                  (Texts{KelFormat("%s|%s", refused, source), KelFormat("%s|%s", second, kChild)}));
     }
     EXPECT_EQ(CallsOf("IdentityValidateGUIDScheme").size(), 1U);
 }
 
 TEST_F(SendTest, RecentRowEndsTheBatchBehindTheOlderOnes) {
-    Waiting("recent", "LastStatusChangeTime = " + std::to_string(std::time(nullptr) - 200));
+    Waiting("recent", ChangedAgo(200));
     EXPECT_EQ(Send(), Outcome::Done);
     EXPECT_FALSE(reached_);
-    Waiting("old", "LastStatusChangeTime = " + std::to_string(std::time(nullptr) - 400));
+    Waiting("old", ChangedAgo(400));
     EXPECT_EQ(Send(), Outcome::Done);
     EXPECT_EQ(RequestedNames(), Texts{"old"});
 }
 
-TEST_F(SendTest, PutsTheContentUnderTheParentsUrl) {
-    for (const KelString name : {"0", "1"}) {
-        const std::uint64_t fileId = Announced(name, "Bypass = " + name);
+TEST_F(SendTest, PutsTheContentFromWhereItLiesUnderTheParentsUrl) {
+    const KelString outside = "ExternalFile = 1, FilePath = '" + Root() + "/outside'";
+    for (const KelString& set : {KelString("Bypass = 0"), KelString("Bypass = 1"), outside}) {
+        const auto trace = Begin(set);
+        const std::uint64_t fileId = Announced("n", set);
         EXPECT_EQ(Upload(), Outcome::Done);
         EXPECT_TRUE(reached_);
         EXPECT_EQ(Fields(kUp, fileId), "AVAILABLE");
-        EXPECT_EQ(Parent().Requests().back().target, "/FileStore/upstream/a%20b%23%27%C3%BC/" + name);
-        EXPECT_EQ(Parent().Requests().back().body, name);
+        EXPECT_EQ(Content(Load(kUp, fileId).FilePath), "n");
+        EXPECT_EQ(Parent().Requests().back().target, "/FileStore/upstream/a%20b%23%27%C3%BC/n");
+        EXPECT_EQ(Parent().Requests().back().body, "n");
+        EXPECT_EQ(Upload(), Outcome::Nothing);
     }
-    EXPECT_EQ(Upload(), Outcome::Nothing);
-}
-
-TEST_F(SendTest, ExternalFileTravelsFromWhereItLies) {
-    const KelString outside = Root() + "/outside";
-    AddStored(kUp, "e", "TOBEHANDLED", "ExternalFile = 1, FilePath = '" + outside + "'");
-    EXPECT_TRUE(FileStore::threadHandler.HandleFile(kUp));
-    EXPECT_EQ(Send(), Outcome::Done);
-    EXPECT_EQ(Upload(), Outcome::Done);
-    EXPECT_EQ(Parent().Requests().back().body, "e");
-    EXPECT_TRUE(FileExists(outside));
 }
 
 TEST_F(SendTest, AbsentFilesLoseTheirRows) {
@@ -150,12 +140,12 @@ TEST_F(SendTest, FailedPutKeepsTheWholeBatchAndStandsBehindTheOthers) {
     });
     for (const char* name : {"first", "second", "third"})
         Announced(name);
-    const KelString all = "SELECT FileStatus, LastStatusChangeTime FROM Files ORDER BY FileId";
+    const KelString state = "FileStatus, LastStatusChangeTime";
     EXPECT_EQ(Upload(), Outcome::Failed);
-    EXPECT_EQ(Rows(kUp, all), (Texts{"UPLOADING|0", "UPLOADING|now", "UPLOADING|0"}));
+    EXPECT_EQ(Files(kUp, state), (Texts{"UPLOADING|0", "UPLOADING|now", "UPLOADING|0"}));
     EXPECT_EQ(RequestedNames(), (Texts{"first", "second"}));
     EXPECT_EQ(Upload(), Outcome::Done);
-    EXPECT_EQ(Rows(kUp, all), (Texts{"AVAILABLE|0", "UPLOADING|now", "AVAILABLE|0"}));
+    EXPECT_EQ(Files(kUp, state), (Texts{"AVAILABLE|0", "UPLOADING|now", "AVAILABLE|0"}));
 }
 
 TEST_F(SendTest, StepAnnouncesAndPutsEverythingThatWaits) {

@@ -116,8 +116,7 @@ TEST_F(ReceiveFileTest, AnnouncedFileIsRecordedWithItsTargets) {
         Accept(Announcement(), {{"MulticastAddress", address}, {"MulticastPort", port}});
         EXPECT_EQ(OnlyFields(kDown, "FileStatus, TransportMode, Acknowledged, FileSize"),
                   KelFormat("DOWNLOADING|%s|0|3", mode));
-        EXPECT_EQ(Rows(kDown, "SELECT FileId, DeviceGUID FROM Targets"),
-                  Texts{OnlyFields(kDown, "FileId") + "|" + kTarget});
+        EXPECT_EQ(Targets("FileId, DeviceGUID"), Texts{OnlyFields(kDown, "FileId") + "|" + kTarget});
     }
 }
 

