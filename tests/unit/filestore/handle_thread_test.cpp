@@ -64,13 +64,13 @@ TEST_F(HandleThreadTest, AbsentFileIsDroppedAndAbsentPackageWaits) {
     EXPECT_TRUE(CallsOf("TestConsume").empty());
 }
 
-TEST_F(HandleThreadTest, StepTakesBatchAfterBatchAndEndsWhenConsumersAreNotReady) {
+TEST_F(HandleThreadTest, StepTakesBatchAfterBatchAndFilesThatConsumersPutOffOnce) {
     for (int i = 0; i < 120; ++i)
-        Arrived(kUp, KelFormat("0 %d", i));
-    Arrived(kUp, "44001");
+        Arrived(kUp, KelFormat("%s %d", i % 2 == 0 ? "0" : "44001", i));
+    Arrived(kUp, "0 last");
     handler_.DoWork();
-    EXPECT_EQ(Names(kUp, "TOBEUPLOADED").size(), 120U);
-    EXPECT_EQ(Names(kUp, "TOBEHANDLED"), Texts{"44001"});
+    EXPECT_EQ(Names(kUp, "TOBEUPLOADED").size(), 61U);
+    EXPECT_EQ(CallsOf("TestConsume").size(), 121U);
 }
 
 TEST_F(HandleThreadTest, MissingFileIsOfferedToTheModulesFirst) {
@@ -96,39 +96,36 @@ TEST_F(HandleThreadTest, MissingFileIsOfferedToTheModulesFirst) {
     EXPECT_FALSE(handler_.LocalRequestFile(kDown));
 }
 
-TEST_F(HandleThreadTest, PackageOfAnAdministratedRelayIsPublishedHere) {
-    const KelString info = ArrivedPackage().FileInfo;
-    EXPECT_TRUE(handler_.HandleFile(kUp));
-    const KelString path = PathOf(kDown, OnlyRow(kDown)), fileId = OnlyFields(kDown, "FileId");
-    EXPECT_EQ(OnlyFields(kDown, "FileType, FileStatus, KeepCopy, FileSize, FilePath"),
-              KelFormat("OperationalRulePackage|AVAILABLE|%d|7|%S", FileStore::eKeepCopyMask.load(), path));
-    EXPECT_EQ(Content(path), "package");
-    const KelContainer call = OnlyCallOf("RelayReceiveFile");
-    EXPECT_EQ(Read(call, "FileType FileChecksum FilePath SourceDevice Upstream"),
-              KelFormat("PackagerZIPPackage|%S|%S|%s|true", TextMd5("package"), path, kChild));
-    EXPECT_EQ(call.GetContainer("FileInfo"), FromXml(info));
+TEST_F(HandleThreadTest, PackageOfAnAdministratedRelayIsPublishedHereAlsoWhenItWasAskedForBefore) {
+    for (const bool isAskedFor : {false, true}) {
+        const auto trace = Begin(isAskedFor ? "asked for" : "unknown");
+        if (isAskedFor)
+            AddFile(kDown, "package", "TOBEREQUESTED",
+                    "FileType = 'OperationalRulePackage', FileChecksum = '" + TextMd5("package") + "'");
+        const KelString info = ArrivedPackage().FileInfo;
+        EXPECT_TRUE(handler_.HandleFile(kUp));
+        FileStore::UpdateScriptAndPackageStatus(0);  // finds it whole
+        const KelString path = PathOf(kDown, OnlyRow(kDown)), fileId = OnlyFields(kDown, "FileId");
+        EXPECT_EQ(
+            OnlyFields(kDown, "FileType, FileStatus, KeepCopy, FileSize, FilePath"),
+            KelFormat("OperationalRulePackage|AVAILABLE|%d|7|%S", FileStore::eKeepCopyMask.load(), path));
+        EXPECT_EQ(Content(path), "package");
+        const KelContainer call = CallsOf("RelayReceiveFile").at(isAskedFor ? 2 : 0);
+        EXPECT_EQ(Read(call, "FileType FileChecksum FilePath SourceDevice Upstream"),
+                  KelFormat("PackagerZIPPackage|%S|%S|%s|true", TextMd5("package"), path, kChild));
+        EXPECT_EQ(call.GetContainer("FileInfo"), FromXml(info));
 
-    EXPECT_EQ(OnlyFields(kUp, "FileType, FileStatus"), "PackagerAdministratedPackage|TOBEHANDLED");
-    EXPECT_EQ(Content(OnlyRow(kUp).FilePath), "package");
-    EXPECT_EQ(Read(FromXml(OnlyRow(kUp).FileInfo), "SendingToMaster AdministratedRelayID"), "1|12");
+        EXPECT_EQ(OnlyFields(kUp, "FileType, FileStatus"), "PackagerAdministratedPackage|TOBEHANDLED");
+        EXPECT_EQ(Content(OnlyRow(kUp).FilePath), "package");
+        EXPECT_EQ(Read(FromXml(OnlyRow(kUp).FileInfo), "SendingToMaster AdministratedRelayID"), "1|12");
 
-    // What goes on to the master is not published a second time, and a repetition finds the row.
-    EXPECT_TRUE(handler_.HandleFile(kUp));
-    EXPECT_EQ(OnlyFields(kUp), "TOBEUPLOADED");
-    ArrivedPackage();
-    EXPECT_TRUE(handler_.HandleFile(kUp));
-    EXPECT_EQ(OnlyFields(kDown, "FileId"), fileId);
-}
-
-TEST_F(HandleThreadTest, PackageThatWasAskedForBeforeItCameIsAvailableWhole) {
-    const std::uint64_t asked =
-        AddFile(kDown, "package", "TOBEREQUESTED",
-                KelFormat("FileType = 'OperationalRulePackage', FileChecksum = '%S'", TextMd5("package")));
-    ArrivedPackage();
-    handler_.DoWork();
-    FileStore::UpdateScriptAndPackageStatus(0);
-    EXPECT_EQ(OnlyFields(kDown, "FileId, FileStatus, FileSize, FilePath"),
-              KelFormat("%lu|AVAILABLE|7|%S", asked, PathOf(kDown, Load(kDown, asked))));
+        // What goes on to the master is not published a second time, and a repetition finds the row.
+        EXPECT_TRUE(handler_.HandleFile(kUp));
+        EXPECT_EQ(OnlyFields(kUp), "TOBEUPLOADED");
+        ArrivedPackage();
+        EXPECT_TRUE(handler_.HandleFile(kUp));
+        EXPECT_EQ(OnlyFields(kDown, "FileId"), fileId);
+    }
 }
 
 TEST_F(HandleThreadTest, PackageIsKeptUntilItsOfferIsTakenAndPublishedOnceAStepUntilItsRowGoes) {

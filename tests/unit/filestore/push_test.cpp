@@ -1,4 +1,5 @@
 #include "filestore/push_fixture.h"
+#include "filestore/state/store_layout.h"
 
 namespace {
 
@@ -32,9 +33,8 @@ TEST_F(RequestStepTest, AnswerDecidesWhatTheRowBecomes) {
              {"/u", false, "abc", "c", "DOWNLOADING|0|c|6|/u"},
              {"/u", false, "../x", "", "DOWNLOADING|0||6|/u"}}) {
         const auto trace = Begin(row);
-        AnswerAsParent(
-            0,
-            Make({{"FileURL", url}, {"KeepCopy", 6}, {"FileChecksum", given}, {"FileObsolete", obsolete}}));
+        const KelContainer answer = Make({{"FileURL", url}, {"KeepCopy", 6}, {"FileObsolete", obsolete}});
+        AnswerAsParent(0, With(answer, {{"FileChecksum", given}}));
         AddFile(kDown, "n", "TOBEREQUESTED",
                 KelFormat("FileChecksum = '%s', Bypass = 1, %S", own, SetInfo(Info())));
         EXPECT_EQ(Request(), Outcome::Done);
@@ -104,8 +104,6 @@ TEST_F(SendTest, RefusalDependsOnTheFirstRelayAndTheError) {
 
 TEST_F(SendTest, RecentRowEndsTheBatchBehindTheOlderOnes) {
     Waiting("recent", ChangedAgo(200));
-    EXPECT_EQ(Send(), Outcome::Done);
-    EXPECT_FALSE(reached_);
     Waiting("old", ChangedAgo(400));
     EXPECT_EQ(Send(), Outcome::Done);
     EXPECT_EQ(RequestedNames(), Texts{"old"});
@@ -115,23 +113,15 @@ TEST_F(SendTest, PutsTheContentFromWhereItLiesUnderTheParentsUrl) {
     const KelString outside = "ExternalFile = 1, FilePath = '" + Root() + "/outside'";
     for (const KelString& set : {KelString("Bypass = 0"), KelString("Bypass = 1"), outside}) {
         const auto trace = Begin(set);
-        const std::uint64_t fileId = Announced("n", set);
+        Announced("n", set);
         EXPECT_EQ(Upload(), Outcome::Done);
         EXPECT_TRUE(reached_);
-        EXPECT_EQ(Fields(kUp, fileId), "AVAILABLE");
-        EXPECT_EQ(Content(Load(kUp, fileId).FilePath), "n");
+        EXPECT_EQ(OnlyFields(kUp), "AVAILABLE");
+        EXPECT_EQ(Content(OnlyRow(kUp).FilePath), "n");
         EXPECT_EQ(Parent().Requests().back().target, "/FileStore/upstream/a%20b%23%27%C3%BC/n");
         EXPECT_EQ(Parent().Requests().back().body, "n");
         EXPECT_EQ(Upload(), Outcome::Nothing);
     }
-}
-
-TEST_F(SendTest, AbsentFilesLoseTheirRows) {
-    for (const char* name : {"a", "b"})
-        EXPECT_TRUE(FileDelete(Load(kUp, Announced(name)).FilePath));
-    EXPECT_EQ(Upload(), Outcome::Done);
-    EXPECT_EQ(Count(kUp), "0");
-    EXPECT_TRUE(Parent().Requests().empty());
 }
 
 TEST_F(SendTest, FailedPutKeepsTheWholeBatchAndStandsBehindTheOthers) {
@@ -148,12 +138,41 @@ TEST_F(SendTest, FailedPutKeepsTheWholeBatchAndStandsBehindTheOthers) {
     EXPECT_EQ(Files(kUp, state), (Texts{"AVAILABLE|0", "UPLOADING|now", "AVAILABLE|0"}));
 }
 
-TEST_F(SendTest, StepAnnouncesAndPutsEverythingThatWaits) {
+TEST_F(SendTest, RefusedUploadIsOfferedAgainOrSentAgain) {
+    const KelString outside = Root() + "/outside";
+    for (const auto& [name, httpStatus, set, isChanged, status] :
+         Table<KelString, unsigned int, KelString, bool, KelString>{
+             {"offer unknown", 404, "FirstRelay = 'r'", false, "TOBEUPLOADED"},
+             {"damaged on the way", 422, "FirstRelay = ''", false, "UPLOADING"},
+             {"changed here", 422, "FirstRelay = ''", true, "TOBEHANDLED"},
+             {"changed outside", 422, "ExternalFile = 1, FilePath = '" + outside + "'", true, "TOBEHANDLED"},
+             {"damaged copy of another's file", 422, "FirstRelay = 'r'", true, "UPLOADING"}}) {
+        const auto trace = Begin(name);
+        AnswerAsParent([code = httpStatus](const TestHttpServer::Request& request) -> TestHttpServer::Answer {
+            return {.status = request.target.ends_with("bad") ? code : 201U};
+        });
+        const std::uint64_t refused =
+            AddStored(kUp, name, "UPLOADING",
+                      KelFormat("FileURL = '/bad', FileChecksum = '%S', %S", TextMd5(name), set));
+        if (isChanged) WriteFile(Load(kUp, refused).FilePath, "changed");
+        const std::uint64_t good = AddStored(kUp, "good", "UPLOADING", "FileURL = '/good'");
+        EXPECT_EQ(Upload(), Outcome::Done);
+        EXPECT_EQ(Fields(kUp, good), "AVAILABLE") << "a refused file holds up no other";
+        Rows(kUp, "DELETE FROM Files WHERE FileName = 'good'");
+        EXPECT_EQ(OnlyFields(kUp, "FileStatus, FileChecksum"),
+                  status + "|" + TextMd5(status == "TOBEHANDLED" ? "changed" : name));
+        EXPECT_TRUE(FileExists(filestore::ContentPath(OnlyRow(kUp), kUp)));
+    }
+}
+
+TEST_F(SendTest, StepAnnouncesAndPutsEverythingThatWaitsAndDropsRowsOfAbsentFiles) {
+    EXPECT_TRUE(FileDelete(Load(kUp, Announced("absent")).FilePath));
     for (int i = 0; i < 60; ++i)
-        Waiting(KelFormat("file%d", i));
+        Waiting(std::to_string(i));
     for (int step = 0; step < 2; ++step)  // the first looks for what an earlier run has announced
         push_.DoWork();
     EXPECT_EQ(Names(kUp, "AVAILABLE").size(), 60U);
+    EXPECT_EQ(Count(kUp), "60");
     EXPECT_EQ(RequestedNames("POST").size(), 60U);
     EXPECT_EQ(RequestedNames("PUT").size(), 60U);
 }
