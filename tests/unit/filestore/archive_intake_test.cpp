@@ -114,7 +114,7 @@ TEST_F(ArchiveIntakeTest, RecordThatCannotEnterStopsNoOther) {
 }
 
 TEST_F(ArchiveIntakeTest, FailureOfDatabaseOrDiskKeepsTheArchiveForAnotherTry) {
-    const KelString blocker = FileStore::strStorageLocationToUse + "upstream/t";
+    const KelString blocker = InStore("upstream/t");
     for (const KelString fault : {"database", "disk"}) {
         const auto trace = Begin(fault);
         DirDelete(blocker, true);
@@ -123,7 +123,7 @@ TEST_F(ArchiveIntakeTest, FailureOfDatabaseOrDiskKeepsTheArchiveForAnotherTry) {
             WriteFile(blocker, "where the folder should be");
             EXPECT_FALSE(Receive(archive));
         } else {
-            const auto full = Refuse(Database(kUp), "INSERT ON Files WHEN NEW.FileName = 'n'");
+            const auto full = Refuse(kUp, "INSERT ON Files WHEN NEW.FileName = 'n'");
             EXPECT_FALSE(Receive(archive));
         }
         EXPECT_EQ(Fields(kUp, archive), "RECEIVING");

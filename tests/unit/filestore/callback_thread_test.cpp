@@ -158,7 +158,7 @@ TEST_F(CallbackThreadTest, OnlyTheOfferedContentIsAccepted) {
     EXPECT_EQ(put(url, "content"), kKelOk);
     EXPECT_EQ(Queued(), (Texts{"/FileStore/other", url}));
     {
-        const auto full = Refuse(Database(kUp), "UPDATE ON Files");
+        const auto full = Refuse(kUp, "UPDATE ON Files");
         callbacks_.DoWork();
     }
     EXPECT_EQ(Queued(), Texts{url}) << "until its row has moved on";

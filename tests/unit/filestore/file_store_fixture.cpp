@@ -35,15 +35,6 @@ void ResetModule() {
         manager->ClearWindow();
 }
 
-struct Put {
-    KelContainer& container;
-    const KelString& name;
-    void operator()(const KelString& value) { container.SetString(name, value); }
-    void operator()(bool value) { container.SetBool(name, value); }
-    void operator()(std::int64_t value) { container.SetInt64(name, value); }
-    void operator()(const KelContainer& value) { container.SetContainer(name, value); }
-};
-
 /// "#MISSING#" becomes the quoted status. Long statements, which carry information of files, name none.
 KelString WithStatuses(const KelString& statement) {
     static const std::regex name("#([A-Z_]+)#");
@@ -53,12 +44,7 @@ KelString WithStatuses(const KelString& statement) {
 
 }  // namespace
 
-struct StoreTest::Calls {
-    std::mutex mutex;
-    std::map<KelString, KelVector<KelContainer>> byName;
-};
-
-StoreTest::StoreTest() : calls_(std::make_shared<Calls>()) {
+StoreTest::StoreTest() {
     start_ = std::time(nullptr);
     KelAgentConfigure({root_ / "config/", root_ / "data/", kAgentName, kPassword, "127.0.1.7", log_});
     FileStore::strModuleIniFile = root_ / "config/FileStore.ini";
@@ -115,8 +101,12 @@ void StoreTest::CleanUp() {
 }
 
 KelContainer StoreTest::With(KelContainer container, Values values) {
-    for (const auto& [name, value] : values)
-        std::visit(Put{container, name}, value);
+    for (const auto& [name, value] : values) {
+        if (const auto* text = std::get_if<KelString>(&value)) container.SetString(name, *text);
+        if (const auto* flag = std::get_if<bool>(&value)) container.SetBool(name, *flag);
+        if (const auto* number = std::get_if<std::int64_t>(&value)) container.SetInt64(name, *number);
+        if (const auto* inner = std::get_if<KelContainer>(&value)) container.SetContainer(name, *inner);
+    }
     return container;
 }
 
@@ -142,39 +132,13 @@ Texts StoreTest::ReadValues(const KelContainer& answer, const KelString& names) 
 
 void StoreTest::Fake(const KelString& signature, Handler handler) {
     const KelString name = signature.substr(0, signature.find_first_of(" ("));
-    FakeAction(signature, [calls = calls_, name, handler = std::move(handler)](KelContainer* container) {
+    FakeAction(signature, [this, name, handler = std::move(handler)](KelContainer* container) {
         {
-            const std::lock_guard lock(calls->mutex);
-            calls->byName[name].push_back(*container);
+            const std::lock_guard lock(mutex_);
+            calls_[name].push_back(*container);
         }
         return handler(*container);
     });
-}
-
-KelVector<KelContainer> StoreTest::CallsOf(const KelString& actionName) const {
-    const std::lock_guard lock(calls_->mutex);
-    return calls_->byName[actionName];
-}
-
-KelContainer StoreTest::OnlyCallOf(const KelString& actionName) const {
-    const auto calls = CallsOf(actionName);
-    EXPECT_EQ(calls.size(), 1U) << actionName;
-    return calls.empty() ? KelContainer() : calls.front();
-}
-
-void StoreTest::BecomeMaster() {
-    FakeResult("QuarnelDbRunScript ()", 0);
-    FakeResult("QuarnelDbObjectListTypes ()", 0);
-}
-
-std::shared_ptr<void> StoreTest::Consume(const KelString& event, const KelString& signature) {
-    CallbackDbRegisterAction(event, signature, "", 0);
-    return {nullptr, [event, signature](void*) { CallbackDbDeleteAction(event, signature, ""); }};
-}
-
-KelContainer StoreTest::Ask(const KelString& action, KelContainer arguments, unsigned int code) {
-    EXPECT_EQ(Call(action, arguments), code) << action;
-    return arguments;
 }
 
 void StoreTest::SetIni(const KelString& section, const KelString& key, const KelString& value) {
@@ -213,11 +177,6 @@ Texts StoreTest::Rows(Side side, const KelString& statement) {
     return rows;
 }
 
-KelString StoreTest::Cell(Side side, const KelString& statement) {
-    const Texts rows = Rows(side, statement);
-    return rows.empty() ? KelString() : rows.front();
-}
-
 std::uint64_t StoreTest::AddFile(Side side, const KelString& name, const KelString& status,
                                  const KelString& set) {
     FileStoreEntry entry({"t", "l", name, "c"});
@@ -237,53 +196,17 @@ void StoreTest::AddTarget(std::uint64_t fileId, std::uint64_t targetId, const Ke
                           targetId, fileId, device, path.SaveToXML(), lastNotifyTime, wakeUp));
 }
 
-void StoreTest::Set(Side side, std::uint64_t fileId, const KelString& set) {
-    Rows(side, KelFormat("UPDATE Files SET %S WHERE FileId = %lu", set, fileId));
-}
-
-FileStoreEntry StoreTest::Load(Side side, std::uint64_t fileId) {
-    FileStoreEntry entry;
-    EXPECT_TRUE(entry.LoadFromDatabase(fileId, side));
-    return entry;
-}
-
-KelString StoreTest::Fields(Side side, std::uint64_t fileId, const KelString& columns) {
-    const Texts rows = Rows(side, KelFormat("SELECT %S FROM Files WHERE FileId = %lu", columns, fileId));
-    return rows.empty() ? KelString("(none)") : rows.front();
-}
-
-KelString StoreTest::OnlyFields(Side side, const KelString& columns) {
-    EXPECT_EQ(Count(side), "1");
-    return Cell(side, "SELECT " + columns + " FROM Files");
-}
-
-FileStoreEntry StoreTest::OnlyRow(Side side) {
-    const KelString fileId = OnlyFields(side, "FileId");
-    return fileId.empty() ? FileStoreEntry() : Load(side, std::stoull(fileId));
-}
-
-Texts StoreTest::Names(Side side, const KelString& status) {
-    const KelString condition = status.empty() ? "" : "WHERE FileStatus = #" + status + "#";
-    return Rows(side, "SELECT FileName FROM Files " + condition + " ORDER BY FileId");
-}
-
-void StoreTest::DeleteRows() {
-    Rows(kUp, "DELETE FROM Files");
-    Rows(kDown, "DELETE FROM Files");
-    Rows(kDown, "DELETE FROM Targets");
-}
-
 void StoreTest::Observe(Side side) {
     Database(side).SetObserver([this, side](const KelString& statement) {
         if (ofTheTest || statement.starts_with("EXPLAIN")) return;
-        const std::lock_guard lock(statementsMutex_);
+        const std::lock_guard lock(mutex_);
         for (const char* table : {"FROM Files", "UPDATE Files", "FROM Targets", "UPDATE Targets"})
             if (statement.find(table) != KelString::npos) statements_[side].insert(statement);
     });
 }
 
 std::set<KelString> StoreTest::TakeStatements(Side side) {
-    const std::lock_guard lock(statementsMutex_);
+    const std::lock_guard lock(mutex_);
     return std::exchange(statements_[side], {});
 }
 
@@ -322,11 +245,6 @@ void StoreTest::WriteFile(const KelString& path, const KelString& content) {
     TempFolder::Write(path, content);
 }
 
-KelString StoreTest::MakeFile(const KelString& name, const KelString& content) {
-    WriteFile(Root() + "/" + name, content);
-    return Root() + "/" + name;
-}
-
 KelString StoreTest::Content(const KelString& path) {
     const auto text = FileReadText(path, 1U << 30);
     return text ? *text : KelString("(none)");
@@ -348,19 +266,6 @@ KelContainer StoreTest::TargetTree(const Texts& children) {
     for (const KelString& child : children)
         level.SetContainer(child, {});
     return Make({{kOwnPathName, level}});
-}
-
-void StoreTest::SetParent(const KelString& name, std::uint16_t port) {
-    relayValues = With(relayValues, {{"ParentName", name}, {"ParentPort", port}, {"ParentSync", true}});
-}
-
-void StoreTest::AnswerAsParent(TestHttpServer::Script script) {
-    parent_ = std::make_unique<TestHttpServer>(std::move(script));
-    SetParent("127.0.1.1", parent_->Port());
-}
-
-void StoreTest::AnswerAsParent(unsigned int result, const KelContainer& values) {
-    AnswerAsParent(TestHttpServer::ActionScript(result, values));
 }
 
 void StoreTest::AcceptAll() {
@@ -394,7 +299,7 @@ std::uint64_t StoreTest::AddStored(Side side, const KelString& name, const KelSt
         AddFile(side, name, status, KelFormat("SourceDevice = '%s', FileSize = %lu", kChild, name.size()));
     if (!set.empty()) Set(side, fileId, set);
     const FileStoreEntry entry = Load(side, fileId);
-    if (!entry.ExternalFile) Set(side, fileId, KelFormat("FilePath = '%Q'", PathOf(side, entry)));
+    if (!entry.ExternalFile) Set(side, fileId, KelFormat("FilePath = '%Q'", PathOf(side, fileId)));
     WriteFile(Load(side, fileId).FilePath, name);
     return fileId;
 }

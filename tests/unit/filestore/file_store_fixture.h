@@ -77,19 +77,39 @@ class StoreTest : public ModuleFixture {
         Fake(signature, [result](KelContainer&) { return result; });
     }
     /// The arguments of every call of a faked action so far, in order; of the only one.
-    KelVector<KelContainer> CallsOf(const KelString& actionName) const;
-    KelContainer OnlyCallOf(const KelString& actionName) const;
+    KelVector<KelContainer> CallsOf(const KelString& actionName) const {
+        const std::lock_guard lock(mutex_);
+        const auto calls = calls_.find(actionName);
+        return calls == calls_.end() ? KelVector<KelContainer>() : calls->second;
+    }
+    KelContainer OnlyCallOf(const KelString& actionName) const {
+        EXPECT_EQ(CallsOf(actionName).size(), 1U) << actionName;
+        return CallsOf(actionName).empty() ? KelContainer() : CallsOf(actionName).front();
+    }
     /// Registers the console's two marker actions: the device is a master then.
-    void BecomeMaster();
+    void BecomeMaster() {
+        FakeResult("QuarnelDbRunScript ()", 0);
+        FakeResult("QuarnelDbObjectListTypes ()", 0);
+    }
     /// Subscribes an action to an event for as long as the answer lives.
-    [[nodiscard]] static std::shared_ptr<void> Consume(const KelString& event, const KelString& signature);
+    [[nodiscard]] static std::shared_ptr<void> Consume(const KelString& event, const KelString& signature) {
+        CallbackDbRegisterAction(event, signature, "", 0);
+        return {nullptr, [event, signature](void*) { CallbackDbDeleteAction(event, signature, ""); }};
+    }
 
     /// What the neighbours answer; change them before the call that reads them.
     KelContainer relayValues, identityValues, httpValues;
 
     // ---- the module
     /// The results of a call that must end with this code.
-    static KelContainer Ask(const KelString& action, KelContainer arguments = {}, unsigned int code = kKelOk);
+    static KelContainer Ask(const KelString& action, KelContainer arguments = {},
+                            unsigned int code = kKelOk) {
+        EXPECT_EQ(Call(action, arguments), code) << action;
+        return arguments;
+    }
+    static void ChangeSettings(const KelContainer& values, unsigned int code = kKelOk) {
+        Ask("FileStoreSetValues", Make({{"Values", values}}), code);
+    }
     /// Entries of the module's ini file.
     static void SetIni(const KelString& section, const KelString& key, const KelString& value);
     static KelString GetIni(const KelString& section, const KelString& key);
@@ -100,7 +120,10 @@ class StoreTest : public ModuleFixture {
     /// Runs a statement that must succeed; its rows as text, cells joined with "|".
     static Texts Rows(Side side, const KelString& statement);
     /// The first row in that form, empty when there is none.
-    static KelString Cell(Side side, const KelString& statement);
+    static KelString Cell(Side side, const KelString& statement) {
+        const Texts rows = Rows(side, statement);
+        return rows.empty() ? KelString() : rows.front();
+    }
     static KelString Count(Side side, const KelString& table = "Files") {
         return Cell(side, "SELECT COUNT(*) FROM " + table);
     }
@@ -114,21 +137,46 @@ class StoreTest : public ModuleFixture {
     /// Creates a file row with the key t/l/name/c, a status and more fields ("FileSize = 7, Bypass = 1").
     static std::uint64_t AddFile(Side side, const KelString& name, const KelString& status,
                                  const KelString& set = "");
+    /// What AddFile does, with content, which is the name, in the store (an external file: at FilePath) and
+    /// its place, size and a source device in the row.
+    static std::uint64_t AddStored(Side side, const KelString& name, const KelString& status,
+                                   const KelString& set = "");
     static void AddTarget(std::uint64_t fileId, std::uint64_t targetId, const KelString& device,
                           std::int64_t lastNotifyTime = 0, unsigned int wakeUp = 0);
-    static void Set(Side side, std::uint64_t fileId, const KelString& set);
+    static void Set(Side side, std::uint64_t fileId, const KelString& set) {
+        Rows(side, KelFormat("UPDATE Files SET %S WHERE FileId = %lu", set, fileId));
+    }
     /// Sets the time of the last change of a row.
     static KelString ChangedAgo(std::int64_t seconds) {
         return "LastStatusChangeTime = " + std::to_string(std::time(nullptr) - seconds);
     }
-    static FileStoreEntry Load(Side side, std::uint64_t fileId);
+    static FileStoreEntry Load(Side side, std::uint64_t fileId) {
+        FileStoreEntry entry;
+        EXPECT_TRUE(entry.LoadFromDatabase(fileId, side));
+        return entry;
+    }
     /// Columns of a row, joined with "|"; "(none)" when there is no row. The same of the only row of Files.
-    static KelString Fields(Side side, std::uint64_t fileId, const KelString& columns = "FileStatus");
-    static KelString OnlyFields(Side side, const KelString& columns = "FileStatus");
-    static FileStoreEntry OnlyRow(Side side);
+    static KelString Fields(Side side, std::uint64_t fileId, const KelString& columns = "FileStatus") {
+        const Texts rows = Rows(side, KelFormat("SELECT %S FROM Files WHERE FileId = %lu", columns, fileId));
+        return rows.empty() ? KelString("(none)") : rows.front();
+    }
+    static KelString OnlyFields(Side side, const KelString& columns = "FileStatus") {
+        EXPECT_EQ(Count(side), "1");
+        return Cell(side, "SELECT " + columns + " FROM Files");
+    }
+    static FileStoreEntry OnlyRow(Side side) {
+        const KelString fileId = OnlyFields(side, "FileId");
+        return fileId.empty() ? FileStoreEntry() : Load(side, std::stoull(fileId));
+    }
     /// FileName of every row (with that status), in the order of their FileIds.
-    static Texts Names(Side side, const KelString& status = "");
-    static void DeleteRows();
+    static Texts Names(Side side, const KelString& status = "") {
+        const KelString condition = status.empty() ? "" : "WHERE FileStatus = #" + status + "#";
+        return Rows(side, "SELECT FileName FROM Files " + condition + " ORDER BY FileId");
+    }
+    static void DeleteRows() {
+        for (const auto& [side, table] : {std::pair(kUp, "Files"), {kDown, "Files"}, {kDown, "Targets"}})
+            Rows(side, KelFormat("DELETE FROM %s", table));
+    }
     /// Begins a case of a table: without rows, and named in the failures as long as the answer lives.
     [[nodiscard]] static ::testing::ScopedTrace Begin(const KelString& name) {
         DeleteRows();
@@ -140,16 +188,24 @@ class StoreTest : public ModuleFixture {
     static Texts Plan(Side side, const KelString& statement);
     /// Has these changes ("DELETE ON Files") fail as on a full disk for as long as the answer lives.
     [[nodiscard]] static std::shared_ptr<void> Refuse(DBConnection& connection, const KelString& changes);
+    [[nodiscard]] static std::shared_ptr<void> Refuse(Side side, const KelString& changes) {
+        return Refuse(Database(side), changes);
+    }
 
     // ---- files
     const KelString& Root() const { return root_.Path(); }
     /// Writes `content` to `path`, making its folders; to a file in the root, whose path is returned.
     static void WriteFile(const KelString& path, const KelString& content);
-    KelString MakeFile(const KelString& name, const KelString& content);
-    static KelString Content(const KelString& path);  ///< "(none)" when it cannot be read
-    static KelString PathOf(Side side, const FileStoreEntry& entry) {
-        return FileStore::StorePath(side, entry.Key());
+    KelString MakeFile(const KelString& name, const KelString& content) {
+        WriteFile(Root() + "/" + name, content);
+        return Root() + "/" + name;
     }
+    static KelString Content(const KelString& path);  ///< "(none)" when it cannot be read
+    static KelString PathOf(Side side, std::uint64_t fileId) {
+        return FileStore::StorePath(side, Load(side, fileId).Key());
+    }
+    /// Below the root of the store.
+    static KelString InStore(const KelString& path) { return FileStore::strStorageLocationToUse + path; }
     /// All rows and all files below the root, to see that nothing changed.
     KelString Everything() const;
 
@@ -172,9 +228,16 @@ class StoreTest : public ModuleFixture {
     static KelString SetInfo(const KelContainer& info) { return "FileInfo = '" + info.SaveToXML() + "'"; }
 
     // ---- the parent
-    void SetParent(const KelString& name, std::uint16_t port);
-    void AnswerAsParent(TestHttpServer::Script script);
-    void AnswerAsParent(unsigned int result, const KelContainer& values = {});
+    void SetParent(const KelString& name, std::uint16_t port) {
+        relayValues = With(relayValues, {{"ParentName", name}, {"ParentPort", port}, {"ParentSync", true}});
+    }
+    void AnswerAsParent(TestHttpServer::Script script) {
+        parent_ = std::make_unique<TestHttpServer>(std::move(script));
+        SetParent("127.0.1.1", parent_->Port());
+    }
+    void AnswerAsParent(unsigned int result, const KelContainer& values = {}) {
+        AnswerAsParent(TestHttpServer::ActionScript(result, values));
+    }
     /// A parent that accepts every offer and every PUT.
     void AcceptAll();
     const TestHttpServer& Parent() const { return *parent_; }
@@ -182,11 +245,6 @@ class StoreTest : public ModuleFixture {
     Texts RequestedNames(const KelString& method = "") const;
     /// The arguments of the only call of a server, which must be of this action.
     static KelContainer OnlyCallTo(const TestHttpServer& server, const KelString& action);
-
-    /// What AddFile does, with content, which is the name, in the store (an external file: at FilePath) and
-    /// its place, size and a source device in the row.
-    static std::uint64_t AddStored(Side side, const KelString& name, const KelString& status,
-                                   const KelString& set = "");
 
     // ---- windows
     /// A window in UTC whose slots all hold `number`.
@@ -198,17 +256,15 @@ class StoreTest : public ModuleFixture {
     static void CloseWindow(FileStoreBandwidthManager& manager) { LimitWindow(manager, "0"); }
 
   private:
-    struct Calls;
-
     static KelString Shortened(const KelString& cell);
     void RegisterNeighbours();
     void Observe(Side side);
     void CheckPlans(Side side);
 
-    const std::shared_ptr<Calls> calls_;  ///< outlives the test in the fakes of a running thread
+    mutable std::mutex mutex_;  ///< of calls_ and statements_
+    std::map<KelString, KelVector<KelContainer>> calls_;
+    std::map<Side, std::set<KelString>> statements_;
     inline static std::int64_t start_ = 0;
     bool initialised_ = false;
     std::unique_ptr<TestHttpServer> parent_;
-    std::mutex statementsMutex_;
-    std::map<Side, std::set<KelString>> statements_;
 };

@@ -61,7 +61,7 @@ TEST_F(HandedOver, FilesAreRememberedUntilAModuleHasTakenThem) {
 TEST_F(HandedOver, FilesThatCannotBeRememberedAreNotHandedOver) {
     FakeResult("TestConsume ()", 0);
     {
-        const auto refusal = Refuse(Database(kDown), "INSERT ON HandedOver");
+        const auto refusal = Refuse(kDown, "INSERT ON HandedOver");
         HandOver("n");
         EXPECT_TRUE(CallsOf("TestConsume").empty());
     }

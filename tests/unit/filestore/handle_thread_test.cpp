@@ -105,7 +105,7 @@ TEST_F(HandleThreadTest, PackageOfAnAdministratedRelayIsPublishedHereAlsoWhenItW
         const KelString info = ArrivedPackage().FileInfo;
         EXPECT_TRUE(handler_.HandleFile(kUp));
         FileStore::UpdateScriptAndPackageStatus(0);  // finds it whole
-        const KelString path = PathOf(kDown, OnlyRow(kDown)), fileId = OnlyFields(kDown, "FileId");
+        const KelString path = PathOf(kDown, OnlyRow(kDown).FileId), fileId = OnlyFields(kDown, "FileId");
         EXPECT_EQ(
             OnlyFields(kDown, "FileType, FileStatus, KeepCopy, FileSize, FilePath"),
             KelFormat("OperationalRulePackage|AVAILABLE|%d|7|%S", FileStore::eKeepCopyMask.load(), path));
@@ -135,7 +135,7 @@ TEST_F(HandleThreadTest, PackageIsKeptUntilItsOfferIsTakenAndPublishedOnceAStepU
     handler_.DoWork();
     EXPECT_EQ(OnlyFields(kUp, "FileName, FileStatus"), "package|TOBEHANDLED");
     DirCreate(temp);
-    auto full = Refuse(Database(kUp), "DELETE ON Files");
+    auto full = Refuse(kUp, "DELETE ON Files");
     Fake("RelayReceiveFile ()", [&](KelContainer&) {
         if (CallsOf("RelayReceiveFile").size() > 1) full.reset();  // one too many: let the step end
         return 0U;

@@ -30,7 +30,7 @@ TEST_F(NotificationTest, LocalTargetIsNotifiedByCallbackWhateverTheWindowAndDone
     EXPECT_TRUE(Notify());
     EXPECT_EQ(Targets(), Texts{});
     const KelContainer call = OnlyCallOf("TestConsume");
-    EXPECT_EQ(Read(call, "FilePath FileURL KeepCopy"), PathOf(kDown, Load(kDown, fileId)) + "|(none)|3");
+    EXPECT_EQ(Read(call, "FilePath FileURL KeepCopy"), PathOf(kDown, fileId) + "|(none)|3");
     EXPECT_EQ(call.GetContainer("FileInfo"), Info());
     EXPECT_FALSE(Notify());
 }

@@ -13,7 +13,7 @@ struct PackingTest : PushTest {
     PackingTest() { AcceptAll(); }
     static void Pack(const KelString& mode, const KelString& excluded = "") {
         const KelContainer policy = Make({{"ConcatFiles", mode}, {"ExcludedFileType", excluded}});
-        Ask("FileStoreSetValues", Make({{"Values", policy}}));
+        ChangeSettings(policy);
     }
     /// Two files gathered for an archive whose index is made.
     void GatherTwo(const Texts& more = {}) {

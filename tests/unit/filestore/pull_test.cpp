@@ -26,7 +26,7 @@ struct DownloadTest : StoreTest {
         AnswerAsParent([answer](const TestHttpServer::Request&) { return answer; });
     }
     static int Step() { return FileStore::threadPull.DownloadFile(); }
-    static KelString StorePathOf(std::uint64_t fileId) { return PathOf(kDown, Load(kDown, fileId)); }
+    static KelString StorePathOf(std::uint64_t fileId) { return PathOf(kDown, fileId); }
     static constexpr const char* kState = "FileStatus, LastStatusChangeTime, FileSize";
 
     const KelString content_ = Pattern(), other_ = KelString(3000, 'x');
@@ -212,8 +212,7 @@ TEST_F(AcknowledgeTest, RuleFileOfAnAdministratedRelayEndsTheWaitForThePackageIt
     AnswerAsParent(0);
     const std::uint64_t rule =
         AddFile(kDown, "rule", "AVAILABLE", "FileType = 'OperationalRuleAdministratedRelay'");
-    WriteFile(PathOf(kDown, Load(kDown, rule)),
-              Make({{"FileName", "pack'age"}, {"FileChecksum", "c"}}).SaveToXML());
+    WriteFile(PathOf(kDown, rule), Make({{"FileName", "pack'age"}, {"FileChecksum", "c"}}).SaveToXML());
     AddFile(kDown, "pack'age", "DOWNLOADING");
     AddFile(kDown, "pack'age", "AVAILABLE", "Acknowledged = 1");
     AddFile(kDown, "other", "DOWNLOADING");
@@ -234,7 +233,7 @@ TEST_F(AcknowledgeTest, ParentRemovesTheTargetOfThatDeviceAndFileOnlyOrReportsAF
     AddTarget(first, 3, "");
     AddTarget(AddFile(kDown, "second", "AVAILABLE"), 4, device + "/m/i/n");
     {
-        const auto refusal = Refuse(Database(kDown), "DELETE ON Targets");
+        const auto refusal = Refuse(kDown, "DELETE ON Targets");
         acknowledge("first", device, kKelErrorInternal);
     }
     acknowledge("first", device);

@@ -160,7 +160,7 @@ TEST_F(PackageRepositoryTest, CallsSideBySideEnterAFileOnce) {
 }
 
 TEST_F(PackageRepositoryTest, OtherContentAndAFailedCopyCountAsAbsent) {
-    WriteFile(FileStore::strStorageLocationToUse + "downstream/t", "a file where the folder should be");
+    WriteFile(InStore("downstream/t"), "a file where the folder should be");
     for (const KelString& checksum : {KelString("0123"), checksum_}) {
         DeleteRows();
         EXPECT_EQ(UrlFor(checksum), "");

@@ -51,7 +51,7 @@ TEST_F(StorageLocation, FailedMoveLeavesTheStoreInUseWhereItIs) {
     for (const KelString& target : {Root() + "/blocked/", Root() + "/half/", Root() + "/link/",
                                     store + "downstream/", store + "upstream/x/", Root() + "/unrecorded/"}) {
         SCOPED_TRACE(target);
-        if (target.ends_with("unrecorded/")) full = Refuse(Database(kDown), "UPDATE ON Files");
+        if (target.ends_with("unrecorded/")) full = Refuse(kDown, "UPDATE ON Files");
         FileStore::strStorageLocationToUse = target;
         EXPECT_FALSE(FileStore::ChangeFileStoragePath());
         EXPECT_EQ(FileStore::strStorageLocationToUse, store);

@@ -68,7 +68,7 @@ TEST_F(UpstreamMigration, RowsStayUntilAllAreMovedAndRemoved) {
     for (const auto& [side, change, counts] :
          Table<Side, const char*, const char*>{{kUp, "INSERT ON Files WHEN NEW.FileName = 'refused'", "02"},
                                                {kDown, "DELETE ON Files", "22"}}) {
-        const auto refusal = Refuse(Database(side), change);
+        const auto refusal = Refuse(side, change);
         EXPECT_EQ(migrate(), counts);
     }
     EXPECT_EQ(migrate(), "20");
