@@ -96,6 +96,7 @@ TEST_F(RequestFileActionTest, NetworkPackageIsServedAndAnnouncedFromTheRulePacka
 
 TEST_F(RequestFileActionTest, FileSizeComesFromTheOwnStoreOnlyWhileAvailable) {
     AddStored(kDown, "n", "AVAILABLE");
+    Rows(kDown, "UPDATE Files SET FilePath = '/former/place/n'");
     EXPECT_EQ(Ask("FileStoreRequestFileSize", Offer()).GetInt64("FileSize"), 1);
     Rows(kDown, "UPDATE Files SET FileStatus = #DOWNLOADING#");
     EXPECT_NE(Call("FileStoreRequestFileSize", Offer()), kKelOk);
@@ -147,14 +148,16 @@ TEST_F(PackageRepositoryTest, CallsSideBySideEnterAFileOnce) {
     std::filesystem::resize_file(source_, 16 << 20);  // long enough to be read by all of them at once
     KelString checksum;
     ASSERT_TRUE(FileMd5(source_, checksum));
-    for (const bool isKnown : {false, true}) {
-        DeleteRows();
-        if (isKnown) AddFile(kDown, "n", "MISSING", "FileChecksum = '" + checksum + "'");
+    // what was announced is still to be acknowledged
+    for (const auto& [status, acknowledged] :
+         Table<KelString, const char*>{{"", "1"}, {"MISSING", "1"}, {"DOWNLOADING", "0"}}) {
+        const auto trace = Begin(status);
+        if (!status.empty()) AddFile(kDown, "n", status, "FileChecksum = '" + checksum + "'");
         KelVector<std::jthread> callers;
         for (int i = 0; i < 4; ++i)
             callers.emplace_back([&checksum] { UrlFor(checksum); });
         callers.clear();
-        EXPECT_EQ(OnlyFields(kDown), "AVAILABLE");
+        EXPECT_EQ(OnlyFields(kDown, "FileStatus, Acknowledged"), KelString("AVAILABLE|") + acknowledged);
         EXPECT_EQ(Count(kUp), "1");
     }
 }
