@@ -65,8 +65,7 @@ TEST_F(CallbackThreadTest, ReceivedFileIsHandledHereWhenThereIsAConsumer) {
              {"package for the master", false, true, "UpgradePackage", "", "RECEIVING", "TOBEHANDLED"}}) {
         const auto trace = Begin(name);
         if (isMaster) BecomeMaster();
-        std::shared_ptr<void> consumer;
-        if (consumes) consumer = Consume("FileStoreCallbackCopyUpstream", "TestConsume ()");
+        const auto consumer = consumes ? Consume("FileStoreCallbackCopyUpstream", "TestConsume ()") : nullptr;
         const std::uint64_t fileId = Put(KelFormat("FileType = '%s', FileStatus = #%s#, ", type, before) +
                                          SetInfo(Make({{"AdministratedRelayGUID", relay}})));
         ReceiveOnly();

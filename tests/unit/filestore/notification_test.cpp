@@ -1,4 +1,5 @@
 #include "filestore/db/files_table.h"
+#include "filestore/db/targets_table.h"
 #include "filestore/down/notify_thread.h"
 #include "filestore/file_store_fixture.h"
 
@@ -170,6 +171,16 @@ TEST_F(NotificationTest, HandedOverFilesAreRememberedUntilAModuleHasTakenThem) {
     }
     Notify();
     EXPECT_EQ(CallsOf("TestConsume").back().GetString("FileName"), "new") << "once it can be remembered";
+}
+
+/// With nothing due, the batch must cost nothing, however many files are kept: targets come first.
+TEST_F(NotificationTest, SelectionStartsFromTheDueTargets) {
+    TakeStatements(kDown);
+    filestore::SelectDueTargets(9, 99, false, 50);
+    const auto batch = TakeStatements(kDown);
+    EXPECT_EQ(batch.size(), 2U);
+    for (const KelString& statement : batch)
+        EXPECT_NE(Plan(kDown, statement).at(0).find("INDEX TargetsDue (LastNotifyTime"), KelString::npos);
 }
 
 }  // namespace
