@@ -11,9 +11,7 @@ struct BandwidthManager : StoreTest {
         int frameSize = 0;
         return manager.GetRate(frameSize);
     }
-    static void Load(FileStoreBandwidthManager& manager, KelContainer window) {
-        manager.UpdateTransferWindow(window);
-    }
+    static void Load(FileStoreBandwidthManager& to, KelContainer window) { to.UpdateTransferWindow(window); }
     FileStoreBandwidthManager manager_;
 };
 

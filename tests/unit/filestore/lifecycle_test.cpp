@@ -65,10 +65,6 @@ TEST_F(Lifecycle, NoFilesAreTakenWithoutTheThreads) {
     EXPECT_EQ(FileStore::ModuleActivate(), kModuleFailure);
     EXPECT_FALSE(FileStore::threadPush.IsThreadRunning());
     Ask("FileStoreListFiles", {}, kKelErrorNotAvailable);
-    CleanUp();
-    Initialise();
-    Activate();
-    Ask("FileStoreListFiles");
 }
 
 TEST_F(Lifecycle, ActivationPublishesTheFoldersAndGoesOnWithNeighboursThatFailOrAreAbsent) {
@@ -98,15 +94,14 @@ TEST_F(Lifecycle, ActivationPublishesTheFoldersAndGoesOnWithNeighboursThatFailOr
 }
 
 TEST_F(Lifecycle, RoleIsDeterminedWithItsUploadPolicy) {
-    SetIni("UploadPolicy", "ExcludedFileType", "Inventory");
-    SetIni("UploadPolicy", "MaxFilesToConcat", "7");
-    SetIni("UploadPolicy", "ArchiveType", "TAR");
+    for (const char* entry : {"ExcludedFileType", "MaxFilesToConcat", "ArchiveType"})
+        SetIni("UploadPolicy", entry, "7");
     for (const auto& [isMaster, isRelay, setting, keepCopyMask, packing] :
-         Table<bool, bool, const char*, int, KelString>{{false, false, "auto", 4, "none|"},
-                                                        {false, true, "Auto", 2, "auto|Inventory"},
-                                                        {false, true, "manual", 2, "manual|Inventory"},
-                                                        {false, true, "sometimes", 2, "none|Inventory"},
-                                                        {true, true, "auto", 1, "none|Inventory"}}) {
+         Table<bool, bool, const char*, int, KelString>{{false, false, "auto", 4, "none||50"},
+                                                        {false, true, "Auto", 2, "auto|7|7"},
+                                                        {false, true, "manual", 2, "manual|7|7"},
+                                                        {false, true, "sometimes", 2, "none|7|7"},
+                                                        {true, true, "auto", 1, "none|7|7"}}) {
         SCOPED_TRACE(KelFormat("master %d, relay %d, %s", isMaster, isRelay, setting));
         if (isMaster) BecomeMaster();
         relayValues.SetBool("IsEnabled", isRelay);
@@ -115,8 +110,8 @@ TEST_F(Lifecycle, RoleIsDeterminedWithItsUploadPolicy) {
         Activate();
         EXPECT_EQ(FileStore::eKeepCopyMask, keepCopyMask);
         EXPECT_EQ(FileStore::eArchiveType, 1);
-        EXPECT_EQ(FileStore::uMaxFilesToConcat, isRelay ? 7U : 50U);
-        EXPECT_EQ(Read(Ask("FileStoreGetValues").GetContainer("Values"), "ConcatFiles ExcludedFileType"),
+        EXPECT_EQ(Read(Ask("FileStoreGetValues").GetContainer("Values"),
+                       "ConcatFiles ExcludedFileType MaxFilesToConcat"),
                   packing);
         CleanUp();
     }

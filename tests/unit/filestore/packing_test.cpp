@@ -205,18 +205,17 @@ TEST_F(PackingTest, ManualUploadPacksWhatItCountedOnceTheWindowIsOpenAndEnds) {
 TEST_F(PackingTest, ManualUploadOutlastsManyArchivesAndAFailedUpload) {
     AnswerAsParent([](const TestHttpServer::Request& request) -> TestHttpServer::Answer {
         if (request.method == "PUT") return {.status = request.target.ends_with("large") ? 507U : 201U};
-        const KelString name = request.Arguments().GetString("FileName");
-        return TestHttpServer::ActionResult(0, Make({{"FileURL", "/" + name}}));
+        return TestHttpServer::ActionResult(0, Make({{"FileURL", "/large"}}));
     });
     Pack("manual");
-    FileStore::uMaxFilesToConcat = 5;
-    for (int i = 0; i < 12; ++i)
-        Waiting(std::to_string(i));
+    FileStore::uMaxFilesToConcat = 1;
+    for (const char* name : {"a", "b", "c"})
+        Waiting(name);
     Waiting("large", kLarge);
     Ask("FileStorePerformManualUpload");
-    for (int step = 0; step < 5; ++step)
+    for (int step = 0; step < 3; ++step)
         push_.DoWork();
-    EXPECT_EQ(Names(kUp, "PACKEDFILE").size(), 12U);
+    EXPECT_EQ(Names(kUp, "PACKEDFILE"), (Texts{"a", "b", "c"}));
     EXPECT_TRUE(FileStore::fProcessManualUpload) << "the large file is still to be sent";
     Rows(kUp, "DELETE FROM Files WHERE FileName = 'large'");
     push_.DoWork();

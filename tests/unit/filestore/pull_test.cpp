@@ -26,7 +26,6 @@ struct DownloadTest : StoreTest {
         AnswerAsParent([answer](const TestHttpServer::Request&) { return answer; });
     }
     static int Step() { return FileStore::threadPull.DownloadFile(); }
-    static KelString StorePathOf(std::uint64_t fileId) { return PathOf(kDown, fileId); }
     static constexpr const char* kState = "FileStatus, LastStatusChangeTime, FileSize";
 
     const KelString content_ = Pattern(), other_ = KelString(3000, 'x');
@@ -50,7 +49,7 @@ TEST_F(DownloadTest, WhatIsHereAndWhatTheRowSaysDecideWhatIsAskedFor) {
              {"no space", huge, "", nullptr, "DOWNLOADING|now|9223372036854775807"}}) {
         const auto trace = Begin(name);
         AnswerAsParent(TestHttpServer::FileScript(content_));
-        const KelString path = StorePathOf(Wanted("n", set));
+        const KelString path = PathOf(kDown, Wanted("n", set));
         if (!here.empty()) WriteFile(path, here);
         FileStore::fCheckAvailableFreeSpaceBeforeDownloading = set == huge;
         EXPECT_EQ(Step(), set == huge ? 0 : 1);
@@ -70,11 +69,10 @@ TEST_F(DownloadTest, OnlyAFileThatIsGoneOrChangedLosesItsPartialContent) {
          Table<unsigned int, KelString>{{403, "part"}, {503, "part"}, {404, "(none)"}, {416, "(none)"}}) {
         const auto trace = Begin(std::to_string(status));
         Answer({status, "", "no"});
-        const std::uint64_t fileId = Wanted("n");
-        WriteFile(StorePathOf(fileId), "part");
+        const KelString path = PathOf(kDown, Wanted("n"));
+        WriteFile(path, "part");
         EXPECT_EQ(Step(), 1);
-        EXPECT_EQ(Content(StorePathOf(fileId)), left);
-        EXPECT_EQ(OnlyFields(kDown, kState), "DOWNLOADING|now|3000");
+        EXPECT_EQ(Content(path) + "|" + OnlyFields(kDown, kState), left + "|DOWNLOADING|now|3000");
     }
 }
 
@@ -92,7 +90,7 @@ TEST_F(DownloadTest, OutcomeOfAFailureDependsOnItsKindAndOnALocalOfferMeanwhile)
         const std::uint64_t fileId = Wanted(name);
         EXPECT_EQ(Step(), 1);
         EXPECT_EQ(Fields(kDown, fileId, "FileStatus, LastStatusChangeTime, TransferredBytes"), row);
-        EXPECT_EQ(Content(StorePathOf(fileId)), left);
+        EXPECT_EQ(Content(PathOf(kDown, fileId)), left);
         EXPECT_EQ(Step(), 0) << "tried again before the time-out";
 
         AnswerAsParent([this, name = name, answer = answer](const TestHttpServer::Request&) {
@@ -103,19 +101,19 @@ TEST_F(DownloadTest, OutcomeOfAFailureDependsOnItsKindAndOnALocalOfferMeanwhile)
         const std::uint64_t offeredId = Wanted(name + " offered");
         EXPECT_EQ(Step(), 1);
         EXPECT_EQ(Fields(kDown, offeredId, "FileStatus, Acknowledged"), rowOffered);
-        EXPECT_EQ(Content(StorePathOf(offeredId)) == content_, rowOffered == "AVAILABLE|1");
+        EXPECT_EQ(Content(PathOf(kDown, offeredId)) == content_, rowOffered == "AVAILABLE|1");
     }
 }
 
 TEST_F(DownloadTest, RecoveryOfAMulticastFileBeginsAnewOnlyOnce) {
     const std::uint64_t fileId = Wanted("n", "TransportMode = 'UnicastRecovery'");
-    WriteFile(StorePathOf(fileId), KelString(1000, '?'));
+    WriteFile(PathOf(kDown, fileId), KelString(1000, '?'));
     Answer({200, "", content_, 500});
     EXPECT_EQ(Step(), 1);
     AnswerAsParent(TestHttpServer::FileScript(content_));
     Set(kDown, fileId, "LastStatusChangeTime = 0");
     EXPECT_EQ(Step(), 1);
-    EXPECT_EQ(Fields(kDown, fileId), "AVAILABLE");
+    EXPECT_EQ(OnlyFields(kDown), "AVAILABLE");
     EXPECT_EQ(Parent().Requests().back().Header("Range"), "bytes=500-");
 }
 
@@ -173,7 +171,7 @@ TEST_F(DownloadTest, MulticastOfferIsHandedToTheHttpModule) {
     EXPECT_EQ(OnlyFields(kDown), "MULTICASTLISTENING");
     EXPECT_EQ(Read(OnlyCallOf("HttpProtocolMulticastStartListen"),
                    "MulticastAddress MulticastPort MulticastBlockSize FileSize LocalPath"),
-              "224.2.0.1|1500|2048|3000|" + StorePathOf(fileId));
+              "224.2.0.1|1500|2048|3000|" + PathOf(kDown, fileId));
 }
 
 struct AcknowledgeTest : StoreTest {

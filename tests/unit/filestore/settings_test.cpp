@@ -10,11 +10,10 @@ namespace {
 
 struct Settings : StoreTest {
     static KelContainer Get() { return Ask("FileStoreGetValues").GetContainer("Values"); }
-    static bool IsIn(const IpRange& range, const char* address) {
+    static bool IsTrusted(const char* address) {
         const KelLock lock(FileStore::mutexSettings);
-        return range.Contains(*IpAddress::Parse(address));
+        return FileStore::TrustedIpRange.Contains(*IpAddress::Parse(address));
     }
-    const IpRange& trusted_ = FileStore::TrustedIpRange;
 };
 
 TEST_F(Settings, CommentsOfTheShippedFileNameTheDefaults) {
@@ -53,8 +52,8 @@ TEST_F(Settings, ValuesOfTheFileAreClampedAndUsedAsFarAsTheyAreUsable) {
     EXPECT_TRUE(HasLogged(KelDebugLevel::Warning, "FrameSize in section FileStore cannot be 'big'"));
     SetIni("FileStore", "TrustedAddressRange", "10.0.0.1-10.0.0.9, nonsense");
     FileStore::ReadSettings();
-    EXPECT_TRUE(IsIn(trusted_, "10.0.0.9"));
-    EXPECT_FALSE(IsIn(trusted_, "10.0.0.10"));
+    EXPECT_TRUE(IsTrusted("10.0.0.9"));
+    EXPECT_FALSE(IsTrusted("10.0.0.10"));
     EXPECT_TRUE(HasLogged(KelDebugLevel::Warning, "TrustedAddressRange"));
 }
 
@@ -93,7 +92,7 @@ TEST_F(Settings, ChangesAreClampedWrittenAndInForceAtOnce) {
                   GetIni("FileStore", "EnableDialupUploads"),
               "1600300false");
     EXPECT_EQ(FileStore::bmTrackUsageUp.GetFrameSize(), 3000);
-    EXPECT_TRUE(IsIn(trusted_, "10.200.0.1"));
+    EXPECT_TRUE(IsTrusted("10.200.0.1"));
     EXPECT_EQ(Read(OnlyCallOf("HttpProtocolAddAlias"), "AliasName AliasPath"),
               "AlternativePackagesRepositoryPath|/srv/p");
     for (const KelString mode : {"auto", "manual", "none"}) {
