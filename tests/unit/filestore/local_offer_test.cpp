@@ -92,16 +92,16 @@ TEST_F(LocalOfferTest, KnownUpstreamFileIsHandledAgainUnlessItIsOnItsWay) {
 TEST_F(LocalOfferTest, UpstreamFilesOfDifferentDevicesShareNeitherRowNorPlace) {
     const KelString guid = "0A1B0000-0000-4000-8000-0000000000C2", other = "127.0.1.8:1610/" + guid;
     const KelString url = "/FileStore/upstream/t/l/c/n";
-    // The parent may give both the URL that one of them has here; the port of a device may change.
+    // The parent may give both the same URL, a port may change, an offer without PUT holds up nothing.
     for (const auto& [device, own] : Table<KelString, KelString>{
              {kChild, url},
              {other, "/FileStore/upstream/t/l/c/from-" + guid + "/n"},
              {"127.0.1.8:1/" + guid, "/FileStore/upstream/t/l/c/from-" + guid + "/n"}}) {
+        Rows(kUp, "UPDATE Files SET FileURL = '" + url + "', FileStatus = #UPLOADING#");
         const KelContainer offer =
             With(Offer(), {{"Upstream", true}, {"FileSize", 1}, {"SourceDevice", device}});
         EXPECT_EQ(Ask("FileStoreReceiveFile", offer).GetString("FileURL"), own);
         WriteFile(InStore(own.substr(11)), own);
-        Rows(kUp, "UPDATE Files SET FileURL = '" + url + "', FileStatus = #UPLOADING#");
     }
     Accept(Offer(), {{"Upstream", true}, {"CopyPath", MakeFile("own", "own")}});
     EXPECT_EQ(
