@@ -38,8 +38,8 @@ TEST_F(TargetTest, OnlyATreeOfThisDeviceCountsAndItsEmptyTopMakesItTheTarget) {
 TEST_F(TargetTest, EachChildGetsItsSubTree) {
     const KelString odd = "not a path name";
     Process(Node(kOwnPathName, Make({{x_, Node(y_)}, {kOwnPathName, leaf_}, {odd, leaf_}})));
-    EXPECT_EQ(TargetTrees(),
-              (Texts{Row(x_, Node(y_)), "|" + Node(kOwnPathName).SaveToXML() + "|0", Row(odd, leaf_)}));
+    const KelString own = "|" + Node(kOwnPathName).SaveToXML() + "|0";
+    EXPECT_EQ(TargetTrees(), (Texts{Row(x_, Node(y_)), own, Row(odd, leaf_)}));
 }
 
 TEST_F(TargetTest, FilesForTheSameSubTreeAreSpreadOverTime) {

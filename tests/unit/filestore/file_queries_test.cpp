@@ -116,10 +116,10 @@ TEST_F(FileQueries, ReportsMulticastGroupsAndHostsAndResetsOnlyFilesThatWait) {
         Rows(kDown, KelFormat("INSERT INTO MulticastListenAddress (MulticastAddress, DeviceUrl, Status) "
                               "VALUES ('224.2.0.1', 'http://u:p@%s')",
                               device));
-    EXPECT_EQ(ReadValues(Ask("FileStoreGetMulticastStatus"), "Status CountStatus"),
-              (Texts{"Failed|1", "Waiting|2"}));
-    EXPECT_EQ(ReadValues(Ask("FileStoreGetMulticastDetails"), "DeviceUrl"),
-              (Texts{"10.1.2.5", "10.1.2.3", "10.1.2.4"}));
+    const KelContainer groups = Ask("FileStoreGetMulticastStatus"),
+                       hosts = Ask("FileStoreGetMulticastDetails");
+    EXPECT_EQ(ReadValues(groups, "Status CountStatus"), (Texts{"Failed|1", "Waiting|2"}));
+    EXPECT_EQ(ReadValues(hosts, "DeviceUrl"), (Texts{"10.1.2.5", "10.1.2.3", "10.1.2.4"}));
 
     for (const char* status : {"MULTICASTLISTENING", "AVAILABLE"})
         AddFile(kDown, "n", status, "FileURL = '/it''s', FileSize = 9, Acknowledged = 1");

@@ -47,6 +47,7 @@ class StoreTest : public ModuleFixture {
     static constexpr const char* kOwnPathName =
         "127.0.1.7:1610/0A1B0000-0000-4000-8000-00000000000A/02-00-7F-00-01-07/127.0.1.7/255.0.0.0";
     static constexpr const char* kAgentName = "agent";
+    static constexpr const char* kState = "FileStatus, LastStatusChangeTime";
     static constexpr const char* kPassword = "secret/p@ss";
 
     using Handler = std::function<unsigned int(KelContainer&)>;
@@ -102,8 +103,7 @@ class StoreTest : public ModuleFixture {
 
     // ---- the module
     /// The results of a call that must end with this code.
-    static KelContainer Ask(const KelString& action, KelContainer arguments = {},
-                            unsigned int code = kKelOk) {
+    static KelContainer Ask(const KelString& action, KelContainer arguments = {}, unsigned code = kKelOk) {
         EXPECT_EQ(Call(action, arguments), code) << action;
         return arguments;
     }

@@ -40,7 +40,7 @@ TEST_F(HandleThreadTest, AnswerDecidesWhereAFileGoes) {
         Arrived(side, name);
         Arrived(side, "44003 too");
         EXPECT_TRUE(handler_.HandleFile(side));
-        EXPECT_EQ(Files(side, "FileStatus, LastStatusChangeTime"), (Texts{status, "AVAILABLE|0"}));
+        EXPECT_EQ(Files(side, kState), (Texts{status, "AVAILABLE|0"}));
     }
 }
 

@@ -26,7 +26,8 @@ struct DownloadTest : StoreTest {
         AnswerAsParent([answer](const TestHttpServer::Request&) { return answer; });
     }
     static int Step() { return FileStore::threadPull.DownloadFile(); }
-    static constexpr const char* kState = "FileStatus, LastStatusChangeTime, FileSize";
+    static constexpr const char* kProgress = "FileStatus, LastStatusChangeTime, TransferredBytes";
+    static constexpr const char* kOutcome = "FileStatus, LastStatusChangeTime, FileSize";
 
     const KelString content_ = Pattern(), other_ = KelString(3000, 'x');
 };
@@ -53,7 +54,7 @@ TEST_F(DownloadTest, WhatIsHereAndWhatTheRowSaysDecideWhatIsAskedFor) {
         if (!here.empty()) WriteFile(path, here);
         FileStore::fCheckAvailableFreeSpaceBeforeDownloading = set == huge;
         EXPECT_EQ(Step(), set == huge ? 0 : 1);
-        EXPECT_EQ(OnlyFields(kDown, kState), row);
+        EXPECT_EQ(OnlyFields(kDown, kOutcome), row);
         EXPECT_EQ(Content(path), row == done ? content_ : "(none)");
         EXPECT_EQ(Parent().Requests().size(), range == nullptr ? 0U : 1U);
         if (range == nullptr) continue;
@@ -72,7 +73,7 @@ TEST_F(DownloadTest, OnlyAFileThatIsGoneOrChangedLosesItsPartialContent) {
         const KelString path = PathOf(kDown, Wanted("n"));
         WriteFile(path, "part");
         EXPECT_EQ(Step(), 1);
-        EXPECT_EQ(Content(path) + "|" + OnlyFields(kDown, kState), left + "|DOWNLOADING|now|3000");
+        EXPECT_EQ(Content(path) + "|" + OnlyFields(kDown, kOutcome), left + "|DOWNLOADING|now|3000");
     }
 }
 
@@ -89,7 +90,7 @@ TEST_F(DownloadTest, OutcomeOfAFailureDependsOnItsKindAndOnALocalOfferMeanwhile)
         Answer(answer);
         const std::uint64_t fileId = Wanted(name);
         EXPECT_EQ(Step(), 1);
-        EXPECT_EQ(Fields(kDown, fileId, "FileStatus, LastStatusChangeTime, TransferredBytes"), row);
+        EXPECT_EQ(Fields(kDown, fileId, kProgress), row);
         EXPECT_EQ(Content(PathOf(kDown, fileId)), left);
         EXPECT_EQ(Step(), 0) << "tried again before the time-out";
 
@@ -138,8 +139,7 @@ TEST_F(DownloadTest, TransferMakesWayForAMoreUrgentFileAndGoesOnBehindIt) {
     });
     const std::uint64_t fileId = Wanted("slow");
     EXPECT_EQ(Step(), 1);
-    EXPECT_EQ(Fields(kDown, fileId, "FileStatus, LastStatusChangeTime, TransferredBytes"),
-              "DOWNLOADING|0|500");
+    EXPECT_EQ(Fields(kDown, fileId, kProgress), "DOWNLOADING|0|500");
     EXPECT_EQ(Step(), 1);
     EXPECT_EQ(Names(kDown, "AVAILABLE"), Texts{"urgent"});
 }

@@ -16,7 +16,7 @@ TEST_F(RequestStepTest, FailureWaitsForTheRetryInterval) {
         AddFile(kDown, name, "TOBEREQUESTED");
         EXPECT_EQ(Request(), Outcome::Failed);
         EXPECT_FALSE(reached_);
-        EXPECT_EQ(OnlyFields(kDown, "FileStatus, LastStatusChangeTime"), "TOBEREQUESTED|now");
+        EXPECT_EQ(OnlyFields(kDown, kState), "TOBEREQUESTED|now");
         EXPECT_EQ(CallsOf("IdentityValidateGUIDScheme").size(), schemeUpdates);
         EXPECT_EQ(Request(), Outcome::Nothing);
     }
@@ -130,12 +130,11 @@ TEST_F(SendTest, FailedPutKeepsTheWholeBatchAndStandsBehindTheOthers) {
     });
     for (const char* name : {"first", "second", "third"})
         Announced(name);
-    const KelString state = "FileStatus, LastStatusChangeTime";
     EXPECT_EQ(Upload(), Outcome::Failed);
-    EXPECT_EQ(Files(kUp, state), (Texts{"UPLOADING|0", "UPLOADING|now", "UPLOADING|0"}));
+    EXPECT_EQ(Files(kUp, kState), (Texts{"UPLOADING|0", "UPLOADING|now", "UPLOADING|0"}));
     EXPECT_EQ(RequestedNames(), (Texts{"first", "second"}));
     EXPECT_EQ(Upload(), Outcome::Done);
-    EXPECT_EQ(Files(kUp, state), (Texts{"AVAILABLE|0", "UPLOADING|now", "AVAILABLE|0"}));
+    EXPECT_EQ(Files(kUp, kState), (Texts{"AVAILABLE|0", "UPLOADING|now", "AVAILABLE|0"}));
 }
 
 TEST_F(SendTest, RefusedUploadIsOfferedAgainOrSentAgain) {

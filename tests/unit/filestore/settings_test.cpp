@@ -40,9 +40,7 @@ TEST_F(Settings, CommentsOfTheShippedFileNameTheDefaults) {
 TEST_F(Settings, ValuesOfTheFileAreClampedAndUsedAsFarAsTheyAreUsable) {
     for (const auto& [section, key, text, name, expected] :
          Table<const char*, const char*, const char*, const char*, int>{
-             {"FileStore", "Timeout", "10", "Timeout", 300},
              {"FileStore", "PullTimeout", "-1", "PullTimeout", -1},
-             {"FileStore", "ThresholdForUploads", "-5", "ThresholdForUploads", 0},
              {"FileStore", "FrameSize", "big", "FrameSize", 1492},
              {"Multicast", "MulticastMinimumSuccessRate", "150", "MulticastSuccessRate", 100}}) {
         SetIni(section, key, text);

@@ -113,8 +113,7 @@ TEST_F(WorkerStepsTest, NothingMovesWithoutAParentOrAGuid) {
         Add(step, "n");
         EXPECT_EQ(step.run(), result);
         EXPECT_EQ(Contacts(), Texts{});
-        EXPECT_EQ(OnlyFields(step.side, "FileStatus, LastStatusChangeTime"),
-                  KelFormat("%s|%s", step.status, time));
+        EXPECT_EQ(OnlyFields(step.side, kState), KelFormat("%s|%s", step.status, time));
     }
 }
 
