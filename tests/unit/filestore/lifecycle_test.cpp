@@ -46,7 +46,7 @@ TEST_F(Lifecycle, InitialisationFailsWithoutItsTablesOrADatabaseAndClosesWhatItO
     };
     for (const KelString& ini :
          {KelString(), without("SqlUpgrade"), without("SqlUpgrade2"), without("SqlUpgrade3"),
-          KelString("[SqlUpgrade3]\nSql1=CREATE NO TABLE\n"), shipped + "junk\n", shipped}) {
+          KelString("[SqlUpgrade3]\nSql1=CREATE NO TABLE\n"), shipped}) {
         DirDelete(data, true);
         WriteFile(FileStore::strModuleIniFile, ini);
         if (ini == shipped) WriteFile(data + "FileStore.sqlite/in-the-way", "");

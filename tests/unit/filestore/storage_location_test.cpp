@@ -66,6 +66,16 @@ TEST_F(StorageLocation, OldFolderThatCannotBeRemovedDoesNotUndoTheMove) {
     EXPECT_EQ(Content(Root() + "/new/downstream/t/l/c/n"), "content");
 }
 
+TEST_F(StorageLocation, MalformedSettingsMoveNothing) {
+    RestartWith(Root() + "/store/");
+    const KelString path = AddContent();
+    CleanUp();
+    WriteFile(FileStore::strModuleIniFile, Content(FileStore::strModuleIniFile) + "junk\n");
+    EXPECT_EQ(FileStore::ModuleInitialise(), kModuleFailure);
+    EXPECT_TRUE(HasLogged(KelDebugLevel::Error, FileStore::strModuleIniFile));
+    EXPECT_EQ(Content(path), "content");
+}
+
 TEST_F(StorageLocation, PortChangeRewritesDevicesOnEveryLevel) {
     for (const char* source : {"10.0.80.1:80/G1", "nothing"})
         AddFile(kDown, "n", "AVAILABLE", KelFormat("SourceDevice = '%s'", source));
