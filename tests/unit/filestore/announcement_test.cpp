@@ -126,8 +126,10 @@ TEST_F(TargetTest, RowThatIsRemovedMeanwhileIsMadeAnewWithItsTargets) {
         DeleteRows();
         return 0U;
     });
-    EXPECT_EQ(Announce(Node(y_)), kKelOk);
-    EXPECT_EQ(TargetTrees(), Texts{Row(y_, leaf_)});
+    static int number = 30;
+    const KelString unknown = Device(++number);  // other modules are asked about new devices only
+    EXPECT_EQ(Announce(Node(unknown)), kKelOk);
+    EXPECT_EQ(TargetTrees(), Texts{Row(unknown, leaf_)});
 }
 
 }  // namespace
