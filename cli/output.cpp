@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <ctime>
 
+#include "cli/json_names.h"
 #include "cli/options.h"
 #include "kel/text.h"
 #include "kelcore/json.h"
@@ -96,13 +97,8 @@ KelString TimeText(std::int64_t seconds) {
 }
 
 KelString FileStatusText(const KelString& status) {
-    constexpr std::string_view kPrefix = "_AGTMOD_FILESTORESTATUS_";
-    if (!status.starts_with(kPrefix) || !status.ends_with('_')) return status;
-    KelString text = status.substr(kPrefix.size(), status.size() - kPrefix.size() - 1);
-    for (char& c : text) {
-        if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
-        if (c == '_') c = ' ';
-    }
+    KelString text = FileStatusName(status);
+    std::replace(text.begin(), text.end(), '_', ' ');
     return text;
 }
 
@@ -126,7 +122,7 @@ void PrintJson(const KelContainer& list, const KelString& name) {
     KelString text = "[";
     for (std::uint32_t i = 0; i < ItemCount(list, name); ++i) {
         text += i == 0 ? "\n" : ",\n";
-        text += ContainerToJson(list.GetContainer(name, i));
+        text += ContainerToJson(ForJson(list.GetContainer(name, i)));
     }
     std::printf("%s\n]\n", text.c_str());
 }

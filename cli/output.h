@@ -42,7 +42,7 @@ KelString SizeText(std::int64_t bytes);
 /// Seconds since the epoch as local time, "2026-01-31 08:15:00"; empty for 0.
 KelString TimeText(std::int64_t seconds);
 
-/// A file's status in readable form: "_AGTMOD_FILESTORESTATUS_AVAILABLE_" gives "available".
+/// A file's status in readable form: "_AGTMOD_FILESTORESTATUS_TOBEUPLOADED_" gives "to be uploaded".
 KelString FileStatusText(const KelString& status);
 
 /// A column of a list: its heading and the text of a cell.
@@ -59,7 +59,7 @@ Column TimeColumn(const KelString& heading, const KelString& name);
 /// The number of items of a list, the containers under `name`; 0 when there is none.
 std::uint32_t ItemCount(const KelContainer& list, const KelString& name = "Values");
 
-/// Prints a list as an array of JSON objects with the values' own names.
+/// Prints a list as an array of JSON objects with the names of cli/json_names.h.
 void PrintJson(const KelContainer& list, const KelString& name = "Values");
 
 /// Prints a list as JSON or as a table of `columns`.
