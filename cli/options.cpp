@@ -183,6 +183,12 @@ void DefineQueries(CLI::App& app, Parsed& parsed) {
     });
     auto* files = app.add_subcommand("files", "Files in the store");
     files->add_flag("--upstream", parsed.files.upstream, "Those on their way to the master");
+    files->add_option("--limit", parsed.files.limit, "Print at most so many")
+        ->type_name("N")
+        ->check(CLI::NonNegativeNumber);
+    files->add_option("--offset", parsed.files.offset, "Leave out so many at the beginning")
+        ->type_name("N")
+        ->check(CLI::NonNegativeNumber);
     files->callback([&parsed] { parsed.chosen = parsed.files; });
     auto* file = app.add_subcommand("file", "One file of the store, with all its values");
     file->add_option("ID", parsed.file.id, "The number that 'kel files' shows")
