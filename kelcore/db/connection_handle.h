@@ -15,6 +15,13 @@ struct DBConnection::Handle {
     /// Runs one statement and keeps its rows when that is wanted.
     KelResult<std::shared_ptr<const DBResult>> Run(const KelString& statement);
 
+    /// The last statement has reached the disk: one that changes no rows proves nothing, and in a transaction
+    /// only its end writes.
+    bool HasStored() {
+        const KelLock lock(mutex);
+        return !database.InTransaction() && database.HasChangedRows();
+    }
+
     OpenFileClaim claim;  ///< released after the database is closed
     KelMutex mutex;       ///< held while one statement runs and its rows are read
     SqliteDatabase database KEL_GUARDED_BY(mutex);

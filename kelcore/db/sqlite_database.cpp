@@ -202,6 +202,14 @@ KelStatus SqliteDatabase::QuickCheck() {
     return verdict == "ok" ? KelStatus() : KelStatus(MakeError(SQLITE_CORRUPT, verdict));
 }
 
+bool SqliteDatabase::HasChangedRows() const {
+    return sqlite3_changes(database_) > 0;
+}
+
+bool SqliteDatabase::IsOfDisk(unsigned int code) {
+    return code == SQLITE_FULL || code == SQLITE_IOERR || code == SQLITE_READONLY || code == SQLITE_CANTOPEN;
+}
+
 bool SqliteDatabase::IsDamage(unsigned int code) {
     return code == SQLITE_CORRUPT || code == SQLITE_NOTADB;
 }
