@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include "kelcore/database_fixture.h"
 #include "kept_log.h"
 
 namespace {
@@ -34,6 +35,20 @@ TEST(FailureLog, BeginningReminderAndEndAreLoggedAndNothingBetween) {
     EXPECT_TRUE(fail("disk", "f6 failed", 4h));
     EXPECT_EQ(kept->TakeProblems(), (KelVector<KelString>{"f1 failed", "p failed",
                                                           "f3 failed (4 times in 60 minutes)", "f6 failed"}));
+}
+
+TEST_F(OpenDatabaseTest, AFullDiskIsLoggedOnceUntilSomethingIsStoredAgain) {
+    ASSERT_TRUE(Run("CREATE TABLE T (X TEXT)"));
+    const auto fill = [this] { return Run("INSERT INTO T VALUES (zeroblob(100000))"); };
+    Run("PRAGMA max_page_count = 3");
+    for (int i = 0; i < 3; ++i)
+        EXPECT_FALSE(fill());
+    EXPECT_TRUE(Run("DELETE FROM T WHERE X = 'absent'"));  // proves nothing
+    EXPECT_EQ(kept_->Count(KelDebugLevel::Print, "can be written again"), 0);
+    EXPECT_EQ(kept_->TakeProblems().size(), 2U);
+    Run("PRAGMA max_page_count = 1000");
+    EXPECT_TRUE(fill());
+    EXPECT_EQ(kept_->Count(KelDebugLevel::Print, "can be written again, after 3 failures"), 1);
 }
 
 }  // namespace
