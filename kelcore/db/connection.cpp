@@ -35,7 +35,8 @@ bool DBConnection::Check(const KelStatus& status, const KelString& statement) {
         log_.Error("%S\n", line);
     else if (failures_.Failed(KelDebugLevel::Error, kWriting, line))
         log_.Error(
-            "Nothing is stored in it until that is remedied: check the space and rights of its folder\n");
+            "Database %S stores nothing until that is remedied: check space and rights of its folder\n",
+            handle_->claim.RealPath());
     return false;
 }
 
@@ -45,7 +46,9 @@ void DBConnection::ReportWritten() {
 
 KelResult<std::shared_ptr<const DBResult>> DBConnection::Handle::Run(const KelString& statement) {
     const KelLock lock(mutex);
+    const int pages = database.PagesWritten();
     KelResult<DBResult> result = database.Run(statement);
+    hasStored = result && !database.InTransaction() && database.PagesWritten() != pages;
     if (!result) return result.Error();
     auto rows = std::make_shared<const DBResult>(std::move(*result));
     if (keepsLastResult) lastResult = rows;
@@ -59,8 +62,7 @@ std::shared_ptr<const DBResult> DBConnection::Query(const KelString& statement) 
         Check(result.Error(), statement);
         return nullptr;
     }
-    // Only a write has no columns.
-    if ((*result)->GetColumns().empty() && handle_->HasStored()) ReportWritten();
+    if (handle_->HasStored()) ReportWritten();
     return *result;
 }
 
@@ -71,8 +73,9 @@ bool DBConnection::BeginTransaction() {
 
 bool DBConnection::CommitTransaction() {
     const KelLock lock(handle_->mutex);
+    const int pages = handle_->database.PagesWritten();
     if (!Check(handle_->database.Commit(), "COMMIT")) return false;
-    if (handle_->HasStored()) ReportWritten();
+    if (handle_->database.PagesWritten() != pages) ReportWritten();
     return true;
 }
 

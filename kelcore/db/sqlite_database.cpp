@@ -202,8 +202,11 @@ KelStatus SqliteDatabase::QuickCheck() {
     return verdict == "ok" ? KelStatus() : KelStatus(MakeError(SQLITE_CORRUPT, verdict));
 }
 
-bool SqliteDatabase::HasChangedRows() const {
-    return sqlite3_changes(database_) > 0;
+int SqliteDatabase::PagesWritten() const {
+    int pages = 0;
+    int highest = 0;
+    sqlite3_db_status(database_, SQLITE_DBSTATUS_CACHE_WRITE, &pages, &highest, 0);
+    return pages;
 }
 
 bool SqliteDatabase::IsOfDisk(unsigned int code) {

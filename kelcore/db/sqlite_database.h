@@ -50,8 +50,9 @@ class SqliteDatabase {
     /// True between Begin and Commit or Rollback.
     bool InTransaction() const { return transaction_; }
 
-    /// The last statement that could change rows did change some.
-    bool HasChangedRows() const;
+    /// The number of pages that were handed to the disk so far. A statement that changes nothing, or writes
+    /// what is there already, adds none.
+    int PagesWritten() const;
 
     /// True for the codes of errors that do not depend on the statement: a full disk, missing rights.
     static bool IsOfDisk(unsigned int code);
