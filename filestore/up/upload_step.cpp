@@ -149,9 +149,14 @@ FileStorePushThread::Upload FileStorePushThread::UploadRow(const FileStoreEntry&
     HttpMessage answer;
     const unsigned int result = transfer.Run(request, answer, entry.Bypass);
     FileStore::debugFileStore.Detail("PushThread: File upload returned %u\n", result);
-    if (result == kHttpCompleted && answer.GetStatus() / 100 == 2) return Upload::Stored;
-    FileStore::debugFileStore.Warning("PushThread: Upload of %S failed (HTTP status %u): %S\n",
-                                      entry.FileName, answer.GetStatus(), transfer.GetErrorText());
+    const KelString failure = KelFormat("upload %lu", entry.FileId);
+    if (result == kHttpCompleted && answer.GetStatus() / 100 == 2) {
+        FileStore::failures.Succeeded(failure, KelFormat("PushThread: %S was uploaded", entry.Key().Text()));
+        return Upload::Stored;
+    }
+    FileStore::failures.Failed(KelDebugLevel::Warning, failure,
+                               KelFormat("PushThread: Upload of %S failed (HTTP status %u): %S",
+                                         entry.Key().Text(), answer.GetStatus(), transfer.GetErrorText()));
     const unsigned int refusal = result == kHttpCompleted ? answer.GetStatus() : 0;
     if (refusal == kHttpNotFound) {
         // The parent has lost the offer, or had done with it when its answer to an earlier PUT was lost.

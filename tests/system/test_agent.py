@@ -55,16 +55,16 @@ class StartTest(SystemTest):
             tree.start()
             self.refused(agent.call, "NoSuchAction")
             agent.kel("settings", "set", "MulticastTTL=7")
-            self.assertEqual(agent.kel("settings", "get", "MulticastTTL"), [{"Name": "MulticastTTL", "Value": "7"}])
+            self.assertEqual(agent.kel("settings", "get", "MulticastTTL"), [{"name": "MulticastTTL", "value": "7"}])
             agent.kel("windows", "set", "up", "--slots", "0")
-            self.assertEqual([(item["Direction"], set(item["Slots"].split())) for item in agent.kel("windows")], [(1, {"0"})])
+            self.assertEqual([(item["direction"], set(item["slots"].split())) for item in agent.kel("windows")], [("up", {"0"})])
             agent.kel("windows", "set", "up", "--remove")
             self.assertEqual(agent.kel("windows"), [])
             paths = write_files(tree.folder / "out", {"good.bin": 10, "empty.bin": 0})
             twin = write_files(tree.folder / "sub", {"good.bin": 11})["good.bin"]
             for files, text in ((paths.values(), "empty"), ([paths["good.bin"], twin], "named")):
                 self.assertIn(text, self.refused(agent.kel, "send", "--type", "t", "--label", "l", *files))
-            self.assertNotIn("good.bin", [file["FileName"] for file in agent.kel("files", "--upstream")])
+            self.assertNotIn("good.bin", [file["name"] for file in agent.kel("files", "--upstream")])
             again = self.refused(agent.kel, "init", agent.root, "--role", "master", "--address", "127.9.9.9", "--port",
                                  20000, "--password-file", tree.password_file)
             self.assertIn("exists", again)
@@ -87,7 +87,7 @@ class TlsTest(SystemTest):
             with mock.patch.dict(os.environ, OPENSSL_CONF=str(lax)):
                 tree.start()
             path = write_files(tree.folder / "files", {"data": 3 << 20})["data"]
-            checksum = tree.publish([path], to="none")[0]["FileChecksum"]
+            checksum = tree.publish([path], to="none")[0]["checksum"]
             server = f"{agent.address}:{port}"
 
             def curl(password, *options, scheme="https"):
@@ -112,7 +112,7 @@ class WatchTest(SystemTest):
                                 stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
 
     def counts(self, text):
-        return [(item["Targets"], item["Delivered"], item["Failed"], item["Pending"]) for item in json.loads(text)]
+        return [(item["targets"], item["delivered"], item["failed"], item["pending"]) for item in json.loads(text)]
 
     def test_watching_ends_with_the_last_target(self):
         with Tree(BUILD, [1]) as tree:
@@ -130,7 +130,7 @@ class WatchTest(SystemTest):
             self.assertEqual((watch.returncode, self.counts(output)), (1, [(2, 1, 1, 0)]), lines)
             self.assertIn("a.bin  1 of 2 delivered, 1 failed", lines)
             publication = tree.master.kel("publications")[0]
-            by_name = {item["Name"]: item["Status"] for item in tree.master.kel("publications", publication["PublicationId"])}
+            by_name = {item["name"]: item["status"] for item in tree.master.kel("publications", publication["publication"])}
             self.assertEqual(by_name, {relay.name: "delivered", client.name: "failed"})
             watch = self.start_watching(tree, paths["a.bin"], "--type", "Demo", "--label", "n", "--to", "none")
             self.assertEqual((self.counts(watch.communicate(timeout=20)[0]), watch.returncode), ([(0, 0, 0, 0)], 0))
@@ -148,7 +148,7 @@ class WatchTest(SystemTest):
         output, _ = watch.communicate(timeout=10)
         self.assertEqual((watch.returncode, self.counts(output)), (1, [(1, 0, 0, 1)]))
         tree.wait_delivered({("slow", path.name): sha256_of(path)}, [relay], 60)
-        wait_until(lambda: tree.master.kel("publications")[0]["Delivered"] == 1, 30, "the receipt of the relay")
+        wait_until(lambda: tree.master.kel("publications")[0]["delivered"] == 1, 30, "the receipt of the relay")
 
 
 class StopTest(SystemTest):

@@ -107,7 +107,7 @@ class FaultTest(SystemTest):
 
     def wait_statuses(self, agent, count, *statuses):
         """Waits until so many of the sent files have a status with one of these words."""
-        wait_until(lambda: sum(file["FileType"] == KIND and any(status in file["FileStatus"] for status in statuses)
+        wait_until(lambda: sum(file["type"] == KIND and any(status in file["status"] for status in statuses)
                                for file in agent.kel("files", "--upstream")) == count, 30, f"{count} are {statuses}")
 
 
@@ -134,7 +134,7 @@ class UpTest(FaultTest):
         relay, (path,) = tree.relays[0], self.files(tree)
         tree.master.kill()
         expected = self.send(tree.clients[0], [path])
-        self.wait_statuses(relay, 1, "UPLOAD")
+        self.wait_statuses(relay, 1, "upload")
         Child(relay).offer(key_of(path.name, path.read_bytes()), path.stat().st_size)
         tree.run(tree.master)
         wait_collected(tree.master, expected, 30)
@@ -212,7 +212,7 @@ class UpTest(FaultTest):
             relay = tree.relays[0]
             relay.kel("windows", "set", "up", "--slots", "0")
             expected = self.send(tree.clients[0], self.files(tree, 12, 1000))
-            self.wait_statuses(relay, 12, "TOBEUPLOADED")
+            self.wait_statuses(relay, 12, "to_be_uploaded")
             relay.kel("upload")
             time.sleep(3)
             relay.kel("windows", "set", "up", "--remove")
@@ -244,7 +244,7 @@ class DownTest(FaultTest):
         self.assertEqual(answer[:2], (200, 0), answer)
 
     def path_name(self, tree, agent):
-        return next(device["PathName"] for device in tree.master.kel("devices") if device["Name"] == agent.name)
+        return next(device["path_name"] for device in tree.master.kel("devices") if device["name"] == agent.name)
 
     def test_delivered_files_survive_a_full_inbox_and_a_kill(self):
         tree = self.tree([], clients_of_master=1, shims=["client"])

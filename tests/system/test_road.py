@@ -15,12 +15,12 @@ class RoadTest(SystemTest):
     def test_every_file_arrives_is_verified_and_acknowledged(self):
         with Tree(BUILD, [2]) as tree:
             tree.start()
-            self.assertEqual({device["Name"] for device in tree.master.kel("devices")},
+            self.assertEqual({device["name"] for device in tree.master.kel("devices")},
                              {agent.name for agent in tree.agents})
             paths = write_files(tree.folder / "files", {**ODD_FILES, "empty.bin": 0})
             expected = {("label one", name): sha256_of(path) for name, path in paths.items()}
             published = tree.publish(paths.values(), "Road", "label one")
-            self.assertEqual([item["Targets"] for item in published], [3] * len(paths))
+            self.assertEqual([item["targets"] for item in published], [3] * len(paths))
             tree.wait_delivered(expected, tree.devices, 60)
             self.check_one_device(tree, paths)
             wait_until(lambda: all(map(self.has_acknowledged_all, tree.devices)), 30, "all files acknowledged")
@@ -39,7 +39,7 @@ class RoadTest(SystemTest):
 
     def has_acknowledged_all(self, agent):
         """True when the parent knows that this agent has every file of its store."""
-        infos = [agent.call("FileStoreGetFileInfo", FileId=file["FileId"])["Values"] for file in agent.stored_files()]
+        infos = [agent.call("FileStoreGetFileInfo", FileId=file["id"])["Values"] for file in agent.stored_files()]
         return all(info["Acknowledged"] for info in infos)
 
 
@@ -61,7 +61,7 @@ class RoadUpTest(SystemTest):
             self.end(tree)
 
     def states(self, agent):
-        return {file["FileStatus"] for file in agent.kel("files", "--upstream") if file["FileType"] == FILE_TYPE}
+        return {file["status"] for file in agent.kel("files", "--upstream") if file["type"] == FILE_TYPE}
 
     def check_new_content_replaces(self, tree):
         client = tree.clients[0]
@@ -105,10 +105,10 @@ class RequestTest(SystemTest):
             tree.start()
             path = write_files(tree.folder / "out", {"it's on request.bin": 300_000})["it's on request.bin"]
             published = tree.publish([path], "Demo", "shelf", to="none")[0]
-            self.assertEqual(published["Targets"], 0)
-            for client, extra in zip(tree.clients, ([], ["--checksum", published["FileChecksum"]])):
+            self.assertEqual(published["targets"], 0)
+            for client, extra in zip(tree.clients, ([], ["--checksum", published["checksum"]])):
                 answer = client.kel("request", "--type", "Demo", "--label", "shelf", "--name", path.name, "--wait", 30, *extra)
-                self.assertEqual((answer[0]["State"], sha256_of(answer[0]["Path"])), ("delivered", sha256_of(path)))
+                self.assertEqual((answer[0]["state"], sha256_of(answer[0]["path"])), ("delivered", sha256_of(path)))
             self.assertEqual(tree.master.log().count("Received request from "), 1, "the relay kept the file for the second")
             self.refused(tree.clients[0].kel, "request", "--type", "Demo", "--label", "shelf", "--name", "no such.bin",
                          "--wait", 3)
