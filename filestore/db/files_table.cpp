@@ -23,6 +23,8 @@ constexpr char kFindExact[] =
     "'%Q'";
 constexpr char kFindByUrl[] = "SELECT FileId FROM Files WHERE FileURL = '%Q'";
 
+constexpr char kStatus[] = "SELECT FileStatus FROM Files WHERE FileId = %lu";
+
 constexpr char kSetStatus[] =
     "UPDATE Files SET FileStatus = '%Q', LastStatusChangeTime = %ld WHERE FileId = %lu";
 constexpr char kSetStatusAndUnicast[] =
@@ -146,8 +148,14 @@ bool LoadKnownFile(Side side, FileStoreEntry& entry) {
     return fileId != 0 && entry.LoadFromDatabase(fileId, side);
 }
 
+std::optional<KelString> LookUpStatus(Side side, std::uint64_t fileId) {
+    const auto result = FileStoreGetDatabase(side).connection.Query(KelFormat(kStatus, fileId));
+    if (!result) return std::nullopt;
+    return result->GetRowCount() == 0 ? KelString() : result->GetString(0, std::size_t{0});
+}
+
 KelString ReadFileStatus(Side side, std::uint64_t fileId) {
-    return FileStoreGetDatabase(side).connection.ReadString("Files", "FileStatus", "FileId", fileId);
+    return LookUpStatus(side, fileId).value_or("");
 }
 
 bool UpdateFileStatus(Side side, std::uint64_t fileId, const KelString& status, NextTry next, bool unicast) {

@@ -44,6 +44,8 @@ bool LoadKnownFile(Side side, FileStoreEntry& entry);
 
 /// The status of a row; empty when it is gone.
 KelString ReadFileStatus(Side side, std::uint64_t fileId);
+/// The same, with nothing when the statement failed.
+std::optional<KelString> LookUpStatus(Side side, std::uint64_t fileId);
 
 // ---- changing the status; each false when the statement failed
 

@@ -6,6 +6,7 @@
 #include "filestore/down/download_outcome.h"
 #include "filestore/down/download_space.h"
 #include "filestore/down/pull_thread.h"
+#include "filestore/down/receive_offer.h"
 #include "filestore/down/resume_download.h"
 #include "filestore/exchange/http_transfer.h"
 #include "filestore/state/file_store.h"
@@ -91,6 +92,7 @@ FileStorePullThread::FileStorePullThread() : FileThreadBase("FileStore", "QueueG
 // Alternating, so that a long queue of downloads does not hold back the acknowledgements of those that are
 // done: until then the sender repeats its announcements.
 bool FileStorePullThread::DoWork() {
+    UndoFailedOffers();
     bool worked = false;
     do {
         const int downloaded = DownloadFile();

@@ -75,25 +75,34 @@ bool Complete(const Reception& reception, FileStoreEntry& offered,
 }
 
 /// Undoes Begin, unless another thread has changed the status since. A new row that a device has requested in
-/// the meantime stays, as missing: the file is then looked for elsewhere.
-void GiveUp(const Reception& reception) {
+/// the meantime stays, as missing: the file is then looked for elsewhere. False when the database did not
+/// take it.
+bool Undo(const Reception& reception) KEL_REQUIRES(FileStore::mutexDownstream) {
     FileStoreEntry row = reception.before;
-    const KelLock lock(FileStore::mutexDownstream);
-    if (ReadFileStatus(Side::Downstream, row.FileId) != kStatusReceiving) return;
+    const auto status = LookUpStatus(Side::Downstream, row.FileId);
+    if (!status) return false;
+    if (*status != kStatusReceiving) return true;
     if (reception.isNew) {
-        if (!HasTargets(row.FileId)) {
-            DeleteFileRow(Side::Downstream, row.FileId);
-            return;
-        }
+        if (!HasTargets(row.FileId)) return DeleteFileRow(Side::Downstream, row.FileId);
         row.FileStatus = kStatusMissing;
         row.LastStatusChangeTime = 0;
     }
-    RestoreFileStatus(Side::Downstream, row);
+    if (!RestoreFileStatus(Side::Downstream, row)) return false;
     if (reception.isNew) FileStore::WakeWorker(Worker::Handler);
+    return true;
+}
+
+/// Failed receptions whose rows are still "receiving", because the database did not take that either.
+KelVector<Reception> unfinished KEL_GUARDED_BY(FileStore::mutexDownstream);
+
+void GiveUp(const Reception& reception, const LocalSource& source, const FileStoreEntry& offered) {
+    const KelLock lock(FileStore::mutexDownstream);
+    if (!Undo(reception)) unfinished.push_back(reception);
+    if (FindExactFile(Side::Downstream, offered.Key()) == 0) RemovePlaced(source, offered.FilePath);
 }
 
 /// Brings the content of an offer into the store and records it. False when that failed: nothing of the offer
-/// is left then, except perhaps its content.
+/// is left then.
 bool TakeIn(const LocalSource& source, FileStoreEntry& offered, unsigned int wakeOnLan,
             const KelContainer& devicePath) {
     Reception reception;
@@ -102,7 +111,7 @@ bool TakeIn(const LocalSource& source, FileStoreEntry& offered, unsigned int wak
     if (targets && PlaceContent(source, offered.FilePath, reception.WasAvailable()) &&
         Complete(reception, offered, *targets))
         return true;
-    GiveUp(reception);
+    GiveUp(reception, source, offered);
     return false;
 }
 
@@ -120,6 +129,12 @@ FileStoreEntry ReadOffered(const KelContainer& arguments, const Offer& offer, co
 }
 
 }  // namespace
+
+void UndoFailedOffers() {
+    const KelLock lock(FileStore::mutexDownstream);
+    std::erase_if(unfinished, [](const Reception& reception)
+                                  KEL_REQUIRES(FileStore::mutexDownstream) { return Undo(reception); });
+}
 
 unsigned int ReceiveDownstreamLocal(KelContainer& arguments, Offer& offer) {
     LocalSource source = ReadLocalSource(arguments);

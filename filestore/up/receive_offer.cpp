@@ -55,6 +55,14 @@ bool Record(const UpstreamFile& known, FileStoreEntry& entry) {
     return entry.SaveToDatabase(Side::Upstream);
 }
 
+/// Removes what an offer that failed has put at `path`, unless another device's row has got that place.
+bool GiveUp(const LocalSource& source, const FileStoreEntry& entry, const KelString& path) {
+    const KelLock lock(FileStore::mutexUpstream);
+    const auto file = FindUpstreamFile(entry.Key(), entry.SourceDevice);
+    if (file && !file->row && file->Path() == path) RemovePlaced(source, path);
+    return false;
+}
+
 /// Brings the content of an offer into the store and has it handed to the consumers. A known file keeps its
 /// content; one that is known but not here, because it is only expected or was lost, gets it. `path` receives
 /// where the content lies.
@@ -67,9 +75,11 @@ bool PlaceAndRecord(const LocalSource& source, FileStoreEntry& entry, KelString&
             const auto known = FindUpstreamFile(entry.Key(), entry.SourceDevice);
             if (!known) return false;
             path = known->HasContent() ? ContentPath(*known->row, Side::Upstream) : known->Path();
-            if (known->HasContent() || path == placed) return Record(*known, entry);
+            // An equal offer that failed meanwhile may have removed what was placed.
+            const bool isPlaced = path == placed && (entry.ExternalFile || FileExists(path));
+            if (known->HasContent() || isPlaced) return Record(*known, entry) || GiveUp(source, entry, path);
         }
-        if (!Place(source, path, entry)) return false;
+        if (!Place(source, path, entry)) return GiveUp(source, entry, path);
         placed = path;
     }
 }

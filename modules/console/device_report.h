@@ -31,5 +31,6 @@ KelResult<DeliveryReceipt> ReadDeliveryReceipt(const KelContainer& content, cons
 
 inline constexpr std::size_t kMaxReceiptMessageBytes = 1024;
 
-/// Reads such a file, a container of at most 1 MiB as XML.
+/// Reads such a file, a container of at most 1 MiB as XML. The error is kKelErrorNotAvailable when the file
+/// is there but cannot be read now.
 KelResult<KelContainer> ReadReportFile(const KelString& path);

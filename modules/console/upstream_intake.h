@@ -16,7 +16,7 @@ class UpstreamIntake {
     /// Processes the file that the arguments of the file store's event describe (FileType, SourceDevice,
     /// FilePath), arrived at `now` (seconds since the epoch). Results: kKelAnswerStaysHere for the console's
     /// own types, also for an unusable file, which is logged and changes nothing; kKelAnswerTryLater when the
-    /// database could not be written; 0 for any other type.
+    /// file could not be read or the database not be written; 0 for any other type.
     unsigned int Receive(const KelContainer& file, std::int64_t now);
 
   private:

@@ -11,12 +11,11 @@ import socket
 import threading
 import time
 import unittest
-import zipfile
 
 from case import SystemTest, collected_files, wait_collected, write_files
 from digest_client import DigestClient
 from faults import AT_REST, IDENTITY, SHIM, Child, FaultTree, SteppedClock, damage, faults_of_rest, rows, wait_at_rest
-from test_up_hostile import INDEX, zip_of
+from test_hostile import INDEX, zip_of
 from tree import ActionFailed, find_faketime, sha256_of, wait_until
 
 SPEED = 60
@@ -57,7 +56,7 @@ def archive_of(child, files, sizes=None):
                 ("Upstream", "bool", "true"), ("FileSize", "int64", (sizes or {}).get(file, len(content)))))
         + "</Value>" for file, content in files.items())
     entries = [(f"upstream/{KIND}/l/{md5_of(content)}/{file}", content) for file, content in files.items()]
-    return zip_of([(INDEX, f"<Container>{records}</Container>"), *entries], zipfile.ZIP_DEFLATED)
+    return zip_of([(INDEX, f"<Container>{records}</Container>"), *entries])
 
 
 class EndlessServer:
