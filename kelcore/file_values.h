@@ -24,6 +24,8 @@ inline constexpr const char* kValueFirstRelay = "FirstRelay";      // device URL
 inline constexpr const char* kValueDevicePath = "DevicePath";      // container: the tree of targets
 inline constexpr const char* kValueTransportMode = "TransportMode";
 inline constexpr const char* kValueDeviceGuid = "DeviceGUID";  // device URL of who asks or acknowledges
+inline constexpr const char* kValueContentDamaged =
+    "ContentDamaged";  // bool: what the called device serves is of no use
 inline constexpr const char* kValueUnconnected =
     "Unconnected";  // bool: to be kept until there is a connection
 

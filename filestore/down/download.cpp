@@ -3,6 +3,7 @@
 #include "filestore/db/file_status.h"
 #include "filestore/db/files_selection.h"
 #include "filestore/db/files_table.h"
+#include "filestore/down/damaged_copy.h"
 #include "filestore/down/download_outcome.h"
 #include "filestore/down/download_space.h"
 #include "filestore/down/pull_thread.h"
@@ -12,6 +13,7 @@
 #include "filestore/state/file_store.h"
 #include "filestore/state/parent.h"
 #include "filestore/state/settings.h"
+#include "kel/file.h"
 #include "kel/path.h"
 #include "kelcore/action_db.h"
 #include "kelcore/file_values.h"
@@ -71,6 +73,23 @@ bool ListenToMulticast(const FileStoreEntry& file) {
                             NextTry::AtOnce);
 }
 
+/// A failed transfer of which the sender's copy, not the way to it, may be the reason. What an earlier
+/// attempt has left may be damaged as well: only a file that was fetched from its beginning says something.
+bool IsCopyInDoubt(const FileStoreEntry& file, unsigned int result, unsigned int status,
+                   std::uint64_t offset) {
+    switch (result) {
+        case kHttpCompleted:
+            return status == kHttpStatusNotFound || status == kHttpStatusRangeNotSatisfiable ||
+                   (status == kHttpStatusOk && offset == 0);
+        case kHttpBadAnswer:  // more bytes than announced
+            return file.FileSize != 0;
+        case kHttpCutOff:  // no byte came: the sender may be unable to read there
+            return FileGetSize64(file.FilePath) == static_cast<std::int64_t>(offset);
+        default:
+            return false;
+    }
+}
+
 }  // namespace
 
 namespace filestore {
@@ -93,6 +112,7 @@ FileStorePullThread::FileStorePullThread() : FileThreadBase("FileStore", "QueueG
 // done: until then the sender repeats its announcements.
 bool FileStorePullThread::DoWork() {
     UndoFailedOffers();
+    VerifyReportedCopies([this] { return CheckCancelled(false); });
     bool worked = false;
     do {
         const int downloaded = DownloadFile();
@@ -136,6 +156,12 @@ bool FileStorePullThread::FetchByUnicast(const FileStoreEntry& file, const KelSt
     const unsigned int result = Fetch(file, sender, attempt);
     if (!IsStillWanted(file.FileId)) return RequestSpoiltContent(file);
     if (attempt.madeWay) return InterruptDownload(file);
+    const bool isWhole = result == kHttpCompleted &&
+                         (attempt.status == kHttpStatusOk || attempt.status == kHttpStatusPartialContent);
+    if (isWhole && HasAnnouncedContent(file)) return FinishDownload(file);
+    if (!CheckCancelled(false) && IsCopyInDoubt(file, result, attempt.status, attempt.offset))
+        ReportDamage(file, sender);
+    if (isWhole) return RestartDownloadLater(file);
     if (result == kHttpBadAnswer && file.FileSize == 0) {
         FileStore::debugFileStore.Error(
             "PullThread: %S has no known size and does not end within %lu bytes: its sender has to announce "
@@ -148,13 +174,10 @@ bool FileStorePullThread::FetchByUnicast(const FileStoreEntry& file, const KelSt
         FileStore::debugFileStore.Warning("PullThread: Relay does not have the requested file\n");
         return RestartDownloadLater(file);
     }
-    if (attempt.status != kHttpStatusOk && attempt.status != kHttpStatusPartialContent) {
-        FileStore::debugFileStore.Warning(
-            "PullThread: The request for %S was answered with HTTP status %u; it is repeated later\n",
-            file.FileURL, attempt.status);
-        return PostponeDownload(file.FileId);
-    }
-    return HasAnnouncedContent(file) ? FinishDownload(file) : RestartDownloadLater(file);
+    FileStore::debugFileStore.Warning(
+        "PullThread: The request for %S was answered with HTTP status %u; it is repeated later\n",
+        file.FileURL, attempt.status);
+    return PostponeDownload(file.FileId);
 }
 
 unsigned int FileStorePullThread::Fetch(const FileStoreEntry& file, const KelString& sender,

@@ -324,6 +324,16 @@ class DownTest(FaultTest):
         self.restart(client)
         self.check_delivered(tree, [client], paths)
 
+    def test_a_copy_that_went_bad_on_a_relay_is_fetched_anew(self):
+        tree = self.started([1])
+        relay, client, path = tree.relays[0], tree.clients[0], self.file(tree)
+        client.kill()
+        self.publish(tree, [path])
+        self.check_delivered(tree, [relay], [path], 30)
+        damage(next((relay.data / "FileStore" / "downstream").rglob(path.name)), 20_000, 5)
+        self.restart(client)
+        self.check_delivered(tree, [client], [path])
+
     def test_an_acknowledgement_that_the_database_refuses_is_repeated(self):
         tree = self.started([1], shims=["relay1"], proxies=["client11"])
         relay, client, path = tree.relays[0], tree.clients[0], self.file(tree)
