@@ -137,6 +137,10 @@ bool Console::Activate() {
         Log().Error("Failed to add alias %s, error %u; no device can fetch published files\n", kPackageAlias,
                     code);
     }
+    // All devices report themselves to a console that has lost its database.
+    KelContainer console;
+    console.SetString("ConsoleId", database_.Id());
+    CallLocal("IdentitySetConsole", console);
     return true;
 }
 

@@ -180,8 +180,10 @@ class DamagedDatabaseTest : public DatabaseTest {
 
 TEST_F(DamagedDatabaseTest, IsMovedAsideWithItsLogAndReplacedByAnEmptyOne) {
     const KelString sound = TempFolder::Read(path_);
-    const std::tuple<const char*, std::size_t, bool> cases[] = {
-        {"header", 0, false}, {"header, unclean stop", 0, true}, {"inner page, unclean stop", 8192, true}};
+    const std::tuple<const char*, std::size_t, bool> cases[] = {{"header", 0, false},
+                                                                {"header, unclean stop", 0, true},
+                                                                {"inner page", 8192, false},
+                                                                {"inner page, unclean stop", 8192, true}};
     for (const auto& [name, offset, uncleanStop] : cases) {
         SCOPED_TRACE(name);
         KelString bytes = sound;
