@@ -117,12 +117,16 @@ bool RecordRequestAnswer(std::uint64_t fileId, const RequestAnswer& answer);
 // ---- upstream
 
 /// A file whose content, of `size` bytes, is expected by PUT under `url` once more.
-bool SetReceivingAgain(std::uint64_t fileId, std::int64_t size, const KelString& url);
+bool SetReceivingAgain(std::uint64_t fileId, std::int64_t size, const KelString& url, bool repeated = false);
 /// A known file whose content is here, and that no worker has to move on, is handed to the consumers again.
 bool HandleAgain(std::uint64_t fileId);
 bool SetSourceDevice(Side side, std::uint64_t fileId, const KelString& deviceUrl);
 /// Files recorded while this device did not know its GUID.
 bool SetMissingSourceDevices(const KelString& deviceUrl);
+
+/// All files that have been sent are offered to the parent once more, as repeated; of packed ones the files,
+/// not the archives.
+bool RepeatSentFiles();
 
 /// A file that the send pass has taken: accepted by the parent, which gave the URL, or chosen for an archive.
 struct SentFile {

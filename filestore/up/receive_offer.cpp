@@ -2,12 +2,14 @@
 
 #include <algorithm>
 
+#include "filestore/db/callback_table.h"
 #include "filestore/db/file_status.h"
 #include "filestore/db/files_table.h"
 #include "filestore/exchange/local_source.h"
 #include "filestore/state/device.h"
 #include "filestore/state/file_store.h"
 #include "filestore/state/store_layout.h"
+#include "filestore/up/upload_check.h"
 #include "filestore/up/upstream_file.h"
 #include "kel/file.h"
 #include "kel/path.h"
@@ -84,16 +86,19 @@ bool PlaceAndRecord(const LocalSource& source, FileStoreEntry& entry, KelString&
     }
 }
 
-/// A file that was received and is still to be moved on. Receiving it again would only hold it up.
-bool IsOnItsWay(const UpstreamFile& file) {
+/// A file that was received and is still to be moved on: receiving it again would only hold it up. To a
+/// repeated offer also one that has moved on.
+bool IsReceived(const UpstreamFile& file, bool repeated) {
     if (!file.HasContent()) return false;
+    if (repeated) return file.row->FileStatus != kStatusReceiving;
     const auto statuses = {kStatusToBeHandled, kStatusToBeUploaded, kStatusToBePacked, kStatusUploading};
     return std::any_of(statuses.begin(), statuses.end(),
                        [&file](const char* status) { return file.row->FileStatus == status; });
 }
 
 /// Expects the content by PUT: under the row that the file has already, otherwise under a new one.
-unsigned int Expect(FileStoreEntry& entry) {
+/// `isReceived` says that the file is here already.
+unsigned int Expect(FileStoreEntry& entry, bool& isReceived) {
     const KelLock lock(FileStore::mutexUpstream);
     const auto known = FindUpstreamFile(entry.Key(), entry.SourceDevice);
     if (!known) return kKelErrorNotAvailable;
@@ -105,11 +110,21 @@ unsigned int Expect(FileStoreEntry& entry) {
             entry.Key().Text(), known->Folder());
         return kKelErrorNotAvailable;
     }
-    const bool recorded =
-        !known->row
-            ? entry.CreateInDatabase(Side::Upstream) != 0
-            : IsOnItsWay(*known) || SetReceivingAgain(known->row->FileId, entry.FileSize, entry.FileURL);
+    isReceived = IsReceived(*known, entry.Repeated);
+    const bool recorded = isReceived || (known->row ? SetReceivingAgain(known->row->FileId, entry.FileSize,
+                                                                        entry.FileURL, entry.Repeated)
+                                                    : entry.CreateInDatabase(Side::Upstream) != 0);
     return recorded ? kKelOk : kKelErrorNotAvailable;
+}
+
+/// True when the content of a repeated offer, whose row was lost, lies in its place: it has arrived then.
+/// Reads the whole file: hold no lock.
+bool HasArrivedBefore(const FileStoreEntry& entry) {
+    if (!FileExists(entry.FilePath) || CheckUpload(entry.FileURL, entry.FilePath) != kKelOk ||
+        !EnqueueArrivedFile(entry.FileURL))
+        return false;
+    FileStore::WakeWorker(Worker::Callback);
+    return true;
 }
 
 }  // namespace
@@ -144,9 +159,11 @@ unsigned int ReceiveUpstreamRemote(KelContainer& arguments, Offer& offer) {
     entry.Upstream = true;
     entry.TransportMode = kTransportUnicast;
     entry.FileStatus = kStatusReceiving;
-    if (const unsigned int error = Expect(entry); error != kKelOk) return error;
+    bool isReceived = false;
+    if (const unsigned int error = Expect(entry, isReceived); error != kKelOk) return error;
     arguments.Clear();
     arguments.SetString(kValueFileUrl, entry.FileURL);
+    if (entry.Repeated && (isReceived || HasArrivedBefore(entry))) arguments.SetBool(kValueContentHeld, true);
     return kKelOk;
 }
 

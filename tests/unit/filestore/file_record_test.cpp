@@ -16,8 +16,8 @@ TEST_F(FileRecord, EveryFieldSurvivesTheWayThroughARecord) {
                  "INSERT INTO Files VALUES (7, 'it''s 1 ü', 'it''s 2', 'it''s 3', 'it''s 4', 5000000000, "
                  "'it''s 5', 'it''s 6', 'it''s 7', %d, 5, %d, %d, %d, 77, 4999999999, 1700000001, "
                  "1700000002, 'it''s 8', 'it''s 9', 'it''s 10', %d, 'it''s 11', 1501, 2048, 2, "
-                 "'it''s 12', 5000000003)",
-                 flag, 1 - flag, flag, 1 - flag, flag));
+                 "'it''s 12', 5000000003, %d)",
+                 flag, 1 - flag, flag, 1 - flag, flag, flag));
         FileStoreEntry entry = OnlyRow(kDown);
         EXPECT_FALSE(entry.LoadFromDatabase(8, kDown)) << "and keeps its values";
         EXPECT_EQ(entry.CreateInDatabase(kUp), 7U);

@@ -198,7 +198,7 @@ TEST_F(DamagedDatabaseTest, IsMovedAsideWithItsLogAndReplacedByAnEmptyOne) {
         ASSERT_GE(names.size(), 2u);
         EXPECT_EQ(names[0], "test.sqlite");
         EXPECT_THAT(names[1], StartsWith("test.sqlite.damaged-"));
-        EXPECT_EQ(FileExists(folder_ / names[1] + "-wal"), uncleanStop);
+        EXPECT_TRUE(!uncleanStop || FileExists(folder_ / names[1] + "-wal"));
         EXPECT_TRUE(TempFolder::Read(folder_ / names[1]) == bytes);
         EXPECT_THAT(kept_->TakeProblems(), ElementsAre(AllOf(HasSubstr(path_), HasSubstr(names[1]))));
         EXPECT_TRUE(Open()) << "the new database is sound";
