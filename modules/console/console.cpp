@@ -80,8 +80,9 @@ Console::Console()
       deviceStore_(database_),
       publications_(database_),
       directory_(Log(), deviceStore_),
-      intake_(Log(), deviceStore_, publications_),
-      publisher_(Log(), directory_, publications_) {}
+      publisher_(Log(), directory_, publications_),
+      intake_(Log(), deviceStore_, publications_,
+              [this](const KelString& guid) { return publisher_.Repeat(guid); }) {}
 
 void Console::Register(const char* handle) {
     const auto bind = [this](unsigned int (Console::*handler)(KelContainer*)) {

@@ -81,6 +81,9 @@ KelResult<IdentityReport> ReadIdentityReport(const KelContainer& content, const 
     device.role = content.GetString("Role");
     device.parentGuid = content.GetString("ParentGuid");
     if (const KelStatus checked = CheckPlace(content, device); !checked) return checked.Error();
+    report.storeId = content.GetString("StoreId");
+    if (!report.storeId.empty() && !IsSafePathElement(report.storeId))
+        return Unusable("StoreId", report.storeId);
     report.time = content.GetInt64("Time");
     if (const KelStatus checked = CheckTime(report.time); !checked) return checked.Error();
     return report;

@@ -15,6 +15,7 @@
 /// The content of an identity file: how a device describes itself.
 struct IdentityReport {
     Device device;
+    KelString storeId;      ///< of the downstream database of its file store; empty: unknown
     std::int64_t time = 0;  ///< by the device's clock, seconds since the epoch
 };
 KelResult<IdentityReport> ReadIdentityReport(const KelContainer& content, const KelString& sourceDevice);

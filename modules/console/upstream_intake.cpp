@@ -34,7 +34,9 @@ KelResult<bool> UpstreamIntake::StoreIdentity(const KelContainer& content, const
     const auto report = ReadIdentityReport(content, sourceDevice);
     if (!report) return report.Error();
     log_.Detail("Device %S (%S) sent its identity\n", report->device.guid, report->device.name);
-    return devices_.Store(*report, now);
+    const auto isLost = devices_.HasLostItsStore(*report, now);
+    // Stored only then: until it is, the next report shows the loss as well.
+    return isLost && (!*isLost || onLostStore_(report->device.guid)) && devices_.Store(*report, now);
 }
 
 KelResult<bool> UpstreamIntake::StoreReceipt(const KelContainer& content, const KelString& sourceDevice,

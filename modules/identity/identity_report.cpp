@@ -79,6 +79,9 @@ IdentityReport::Outcome IdentityReport::SendWhenDue(const KelString& guid, const
         return Outcome::Waiting;
     KelContainer identity = IdentityOf(guid, values, *relay, port);
     if (!consoleId.empty()) identity.SetString("ConsoleId", consoleId);
+    KelContainer store;
+    if (CallLocal("FileStoreGetDeviceUrl", store) == kKelOk && store.Has("DownstreamDatabase"))
+        identity.SetString("StoreId", store.GetString("DownstreamDatabase"));
     // A clock that was set back must not silence the device until it has caught up.
     const bool isRecent = now >= sentTime_ && now - sentTime_ < kResendSeconds;
     if (isRecent && identity == sent_) return Outcome::UpToDate;

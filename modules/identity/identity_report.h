@@ -12,7 +12,8 @@
 /// alive.
 ///
 /// The file is a container: GUID, HostName, Role, IPAddress, MACAddress, NetworkMask, ParentGuid, DeviceUrl
-/// (host:port/GUID), PathName (host:port/GUID/MAC/IP/mask), ConsoleId (strings), Port (int32),
+/// (host:port/GUID), PathName (host:port/GUID/MAC/IP/mask), ConsoleId,
+/// StoreId (of the downstream database) (strings), Port (int32),
 /// PreferIPAddresses (bool), Time (int64, when it was made, seconds since the epoch). Nothing is sent while
 /// the parent is out of sync or our GUID does not have its scheme yet, because the GUID will change then; a
 /// master sends at once.

@@ -432,6 +432,24 @@ class DatabaseTest(FaultTest):
                 self.restart(client)
                 self.check_delivered(tree, [client], paths)
 
+    def test_a_lost_database_at_an_end_loses_no_file(self):
+        paths = lambda tree: list(write_files(tree.folder / "out", {f"{i}": 1000 + i for i in range(5)}).values())  # noqa: E731
+        with self.subTest("down from the master"):
+            tree = self.started([1])
+            tree.relays[0].kill()
+            published = paths(tree)
+            DownTest.publish(self, tree, published)
+            self.lose(tree.master, "removed", tree.master.data / "FileStore" / "FileStore.sqlite")
+            self.restart(tree.relays[0])
+            self.check_delivered(tree, tree.devices, published)
+        with self.subTest("up from the client"):
+            tree = self.started([1])
+            tree.relays[0].kill()
+            expected = send(tree.clients[0], *paths(tree))
+            self.lose(tree.clients[0], "removed", tree.clients[0].data / "FileStore" / "Upstream.sqlite")
+            self.restart(tree.relays[0])
+            self.check_collected(tree.master, expected)
+
     def test_a_lost_database_loses_no_file_on_its_way_up(self):
         for how in ("pages", "removed"):
             with self.subTest(how):
