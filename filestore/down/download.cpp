@@ -3,15 +3,18 @@
 #include "filestore/db/file_status.h"
 #include "filestore/db/files_selection.h"
 #include "filestore/db/files_table.h"
+#include "filestore/down/damaged_copy.h"
 #include "filestore/down/download_outcome.h"
 #include "filestore/down/download_space.h"
 #include "filestore/down/pull_thread.h"
+#include "filestore/down/receive_offer.h"
 #include "filestore/down/resume_download.h"
 #include "filestore/exchange/http_transfer.h"
 #include "filestore/state/contact.h"
 #include "filestore/state/file_store.h"
 #include "filestore/state/parent.h"
 #include "filestore/state/settings.h"
+#include "kel/file.h"
 #include "kel/path.h"
 #include "kelcore/action_db.h"
 #include "kelcore/file_values.h"
@@ -80,6 +83,23 @@ void LogBeginning(const FileStoreEntry& file, std::uint64_t offset) {
         FileStore::debugFileStore.Print(kBeginning, file.FileURL, offset);
 }
 
+/// A failed transfer of which the sender's copy, not the way to it, may be the reason. What an earlier
+/// attempt has left may be damaged as well: only a file that was fetched from its beginning says something.
+bool IsCopyInDoubt(const FileStoreEntry& file, unsigned int result, unsigned int status,
+                   std::uint64_t offset) {
+    switch (result) {
+        case kHttpCompleted:
+            return status == kHttpStatusNotFound || status == kHttpStatusRangeNotSatisfiable ||
+                   (status == kHttpStatusOk && offset == 0);
+        case kHttpBadAnswer:  // more bytes than announced
+            return file.FileSize != 0;
+        case kHttpCutOff:  // no byte came: the sender may be unable to read there
+            return FileGetSize64(file.FilePath) == static_cast<std::int64_t>(offset);
+        default:
+            return false;
+    }
+}
+
 }  // namespace
 
 namespace filestore {
@@ -101,6 +121,8 @@ FileStorePullThread::FileStorePullThread() : FileThreadBase("FileStore", "QueueG
 // Alternating, so that a long queue of downloads does not hold back the acknowledgements of those that are
 // done: until then the sender repeats its announcements.
 bool FileStorePullThread::DoWork() {
+    UndoFailedOffers();
+    VerifyReportedCopies([this] { return CheckCancelled(false); });
     bool worked = false;
     do {
         const int downloaded = DownloadFile();
@@ -146,6 +168,12 @@ bool FileStorePullThread::FetchByUnicast(const FileStoreEntry& file, const KelSt
     const unsigned int result = Fetch(file, sender, attempt);
     if (!IsStillWanted(file.FileId)) return RequestSpoiltContent(file);
     if (attempt.madeWay) return InterruptDownload(file);
+    const bool isWhole = result == kHttpCompleted &&
+                         (attempt.status == kHttpStatusOk || attempt.status == kHttpStatusPartialContent);
+    if (isWhole && HasAnnouncedContent(file)) return FinishDownload(file);
+    if (!CheckCancelled(false) && IsCopyInDoubt(file, result, attempt.status, attempt.offset))
+        ReportDamage(file, sender);
+    if (isWhole) return RestartDownloadLater(file);
     if (result == kHttpBadAnswer && file.FileSize == 0) {
         LogDownloadFailure(file, KelDebugLevel::Error,
                            KelFormat("PullThread: %S has no known size and does not end within %lu bytes",
@@ -164,14 +192,11 @@ bool FileStorePullThread::FetchByUnicast(const FileStoreEntry& file, const KelSt
             KelFormat("%S does not exist on the sender (HTTP status %u)", file.FileURL, attempt.status));
         return RestartDownloadLater(file);
     }
-    if (attempt.status != kHttpStatusOk && attempt.status != kHttpStatusPartialContent) {
-        LogDownloadFailure(file, KelDebugLevel::Warning,
-                           KelFormat("PullThread: The request for %S was answered with HTTP status %u",
-                                     file.FileURL, attempt.status),
-                           "the sender cannot serve it now; its log says why");
-        return PostponeDownload(file.FileId);
-    }
-    return HasAnnouncedContent(file) ? FinishDownload(file) : RestartDownloadLater(file);
+    LogDownloadFailure(file, KelDebugLevel::Warning,
+                       KelFormat("PullThread: The request for %S was answered with HTTP status %u",
+                                 file.FileURL, attempt.status),
+                       "the sender cannot serve it now; its log says why");
+    return PostponeDownload(file.FileId);
 }
 
 unsigned int FileStorePullThread::Fetch(const FileStoreEntry& file, const KelString& sender,

@@ -9,6 +9,7 @@
 #include "filestore/state/settings.h"
 #include "filestore/state/worker_loop.h"
 #include "filestore/up/callback_thread.h"
+#include "filestore/up/lost_store.h"
 #include "filestore/up/push_thread.h"
 #include "filestore/up/upload_repair.h"
 #include "kel/container.h"
@@ -115,6 +116,7 @@ unsigned int FileStore::ModuleInitialise() {
     // What an earlier run has left. Once the gate is open, offers of this run look the same.
     FileStoreRemoveLeftOvers();
     FileStoreRepairUploads();
+    NoteNewDatabase();
     ForgetUnfinishedOffers();
     FileStoreGetActionGate().Open();
     return kModuleSuccess;

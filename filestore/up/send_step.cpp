@@ -57,6 +57,11 @@ bool FileStorePushThread::SendRow(const FileStoreEntry& entry, const KelString& 
     FileStore::debugFileStore.Detail("PushThread: Sending %S upstream\n", entry.Key().Text());
     const unsigned int error = CallDevice(parentUrl, "FileStoreReceiveFile", offer);
     if (error != kKelOk) return HandleRefusal(entry, error);
+    if (offer.GetBool(kValueContentHeld)) {
+        sent.push_back({entry.FileId, kStatusAvailable, entry.FileURL});
+        reachedParent = true;
+        return true;
+    }
     const KelString url = offer.GetString(kValueFileUrl);
     if (!IsUrlPath(url)) return HandleRefusal(entry, kKelErrorBadInput);
     sent.push_back({entry.FileId, kStatusUploading, url});

@@ -53,6 +53,6 @@ class Console : public KelModule {
     DeviceStore deviceStore_;
     PublicationStore publications_;
     DeviceDirectory directory_;
-    UpstreamIntake intake_;
     Publisher publisher_;
+    UpstreamIntake intake_;
 };
