@@ -25,6 +25,9 @@ struct Report {
     std::int64_t verified = 0;  ///< seconds since the epoch; 0: not yet
 };
 
+/// Reports beyond these are dropped: the device repeats them with its next failed download.
+constexpr std::size_t kMostReports = 10'000;
+
 KelMutex mutexReports;
 KelHash<KelString, Report> reports KEL_GUARDED_BY(mutexReports);  ///< by checksum and key
 
@@ -96,6 +99,7 @@ void ReportDamage(const FileStoreEntry& file, const KelString& sender) {
 
 void RememberReportedDamage(const FileKey& key) {
     const KelLock lock(mutexReports);
+    if (reports.size() >= kMostReports) return;
     reports.try_emplace(key.Text() + "/" + key.checksum, Report{key});
     FileStore::WakeWorker(Worker::Pull);
 }
