@@ -11,6 +11,7 @@ import socket
 import threading
 import time
 import unittest
+import zipfile
 
 from case import INDEX, SystemTest, collected_files, wait_collected, write_files, zip_of
 from digest_client import DigestClient
