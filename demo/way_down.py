@@ -3,7 +3,6 @@
 import os
 import random
 import re
-import threading
 import time
 
 from screen import Result
@@ -64,18 +63,22 @@ class WayDown:
 
     def run(self):
         """The results of all devices."""
-        for relay in self.tree.relays:
-            relay.call("TransferWindowSetWindow", Direction=1, Slots=str(RELAY_KILOBITS), SlotType=2, UseUTCTime=True)
         self.progress.say(f"Publishing {len(self.paths)} files, {self.whole >> 20} MiB, to {len(self.tree.devices)} devices")
         begin = time.time()
-        publisher = threading.Thread(target=self.publish)
-        publisher.start()
+        self.limit_relays(0)  # so that they know all files before the first one moves
+        self.publish()
+        wait_until(lambda: all(len(relay.stored_files()) == len(self.paths) for relay in self.tree.relays), 60,
+                   "the relays know all files")
+        self.limit_relays(RELAY_KILOBITS)
         self.kill_and_restart(self.tree.relays[0])
         arrived = self.wait_all()
-        publisher.join()
         for relay in self.tree.relays:
             relay.kel("windows", "set", "up", "--remove")
         return [self.result_of(agent, arrived.get(agent), begin) for agent in self.tree.devices]
+
+    def limit_relays(self, kilobits):
+        for relay in self.tree.relays:
+            relay.call("TransferWindowSetWindow", Direction=1, Slots=str(kilobits), SlotType=2, UseUTCTime=True)
 
     def publish(self):
         self.tree.publish(self.paths[:1], FILE_TYPE, LABEL, priority=LARGE_PRIORITY)
@@ -91,8 +94,8 @@ class WayDown:
             size = large_file_bytes(relay)
             if size >= LARGE_BYTES:
                 raise RuntimeError("the large file arrived before the relay could be killed; lower its rate")
-            return size >= KILL_AFTER_BYTES and len(relay.stored_files()) == len(self.paths)
-        wait_until(in_the_middle, 60, f"{relay.name} holds a part of the large file and knows all files")
+            return size >= KILL_AFTER_BYTES
+        wait_until(in_the_middle, 60, f"{relay.name} holds a part of the large file")
         relay.kill()
         lines_before = len(relay.log().splitlines())
         self.progress.say(f"Killed {relay.name} (SIGKILL) with {large_file_bytes(relay) >> 20} of {LARGE_BYTES >> 20} MiB "

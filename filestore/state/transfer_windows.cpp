@@ -47,6 +47,8 @@ void FileStore::UpdateAllTransferWindows() {
 unsigned int FileStore::ActionHandler_FileStoreTransferWindowCallback(KelContainer* /*arguments*/) {
     debugFileStore.Print("Received updated Transfer Window.\n");
     UpdateAllTransferWindows();
+    for (const Worker worker : {Worker::Pull, Worker::Push, Worker::Notify})
+        WakeWorker(worker);  // a window may have opened
     return kKelOk;
 }
 
