@@ -17,6 +17,7 @@
 #include "filestore/db/file_status.h"
 #include "filestore/down/notify_thread.h"
 #include "filestore/down/pull_thread.h"
+#include "filestore/state/bandwidth_manager.h"
 #include "filestore/state/file_store.h"
 #include "filestore/up/handle_thread.h"
 #include "filestore/up/push_thread.h"
@@ -95,6 +96,18 @@ void Expect(bool condition, const char* what) {
     std::exit(1);
 }
 
+/// The rate of all hours of the downward window, in kbit/s.
+void SetDownRate(const char* rate) {
+    KelString slots = rate;
+    for (int hour = 1; hour < 168; ++hour)
+        slots += KelString(" ") + rate;
+    KelContainer window;
+    window.SetString("Slots", slots);
+    window.SetInt32("SlotType", 2);
+    window.SetBool("UseUTCTime", true);
+    FileStore::bmTrackUsageDown.UpdateTransferWindow(window);
+}
+
 void MeasureNotification(unsigned long rows) {
     const std::int64_t now = std::time(nullptr);
     FillFiles(rows / kTargetsPerFile + 1, filestore::kStatusAvailable, 0);
@@ -104,9 +117,15 @@ void MeasureNotification(unsigned long rows) {
     FillTargets(rows, "'127.0.0.1:1/G' || i", 1);
     Measure("drop 50 unusable targets, all rows due", rows,
             [] { Expect(FileStore::threadNotify.NotifyUnicastTargets(0, 0) == 1, "nothing to notify"); });
-    FillTargets(rows, "'host:1/G' || i", now + 1200);
-    Measure("look for targets, no row due", rows,
-            [] { Expect(FileStore::threadNotify.NotifyUnicastTargets(0, 0) == 0, "a row was due"); });
+    const auto expectNothing = [] {
+        Expect(FileStore::threadNotify.NotifyUnicastTargets(0, 0) == 0, "a row was due");
+    };
+    FillTargets(rows, "'host:1/G' || i", now);
+    Measure("look for targets, no row due", rows, expectNothing);
+    FillTargets(rows, "'host:1/G' || i", 1);
+    SetDownRate("0");
+    Measure("look for targets, held by a closed window", rows, expectNothing);
+    FileStore::bmTrackUsageDown.ClearWindow();
     KelString ids = "1";
     for (int i = 2; i <= 50; ++i)
         ids += KelFormat(", %d", i * 3);
