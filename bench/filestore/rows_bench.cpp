@@ -142,7 +142,7 @@ void MeasureDownload(unsigned long rows) {
     Measure("look for a download and fail, all rows due", rows, [] {
         Expect(FileStore::threadPull.DownloadFile() == 0, "a download although there is no parent");
     });
-    FillFiles(rows, filestore::kStatusDownloading, now + 1000);
+    FillFiles(rows, filestore::kStatusDownloading, now);
     Measure("look for a download, no row due", rows,
             [] { Expect(FileStore::threadPull.DownloadFile() == 0, "a row was due"); });
     FillFiles(rows, filestore::kStatusAvailable, 1);

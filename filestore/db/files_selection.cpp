@@ -16,8 +16,8 @@ namespace {
 // changes may need another index; the query plan test checks them.
 
 constexpr char kDownload[] =
-    "SELECT %s FROM Files WHERE FileStatus = '%s' AND LastStatusChangeTime NOT BETWEEN %ld AND %ld %s ORDER "
-    "BY Priority DESC, FileId ASC LIMIT 1";
+    "SELECT %s FROM Files WHERE FileStatus = '%s' AND LastStatusChangeTime = 0 %s ORDER BY Priority DESC, "
+    "FileId ASC LIMIT 1";
 constexpr char kAcknowledgement[] =
     "SELECT %s FROM Files WHERE FileStatus = '%s' AND Upstream = 0 AND Acknowledged = 0 AND %S %s LIMIT 1";
 constexpr char kToRequest[] =
@@ -129,9 +129,9 @@ FileRows SelectWaiting(const char* status, const char* condition, const UploadFi
 
 }  // namespace
 
-FileRows SelectDownload(std::int64_t before, Passing passing) {
-    return SelectDownstream(KelFormat(kDownload, FileStoreEntry::kColumns, kStatusDownloading, before,
-                                      LatestPossibleTime(std::time(nullptr)), Condition(passing)));
+FileRows SelectDownload(Passing passing) {
+    return SelectDownstream(
+        KelFormat(kDownload, FileStoreEntry::kColumns, kStatusDownloading, Condition(passing)));
 }
 
 FileRows SelectAcknowledgement(std::int64_t before, Passing passing) {

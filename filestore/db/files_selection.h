@@ -16,8 +16,9 @@ enum class Passing : unsigned char { All, BypassOnly };
 // ---- downstream, for the workers; `before` is a time: rows whose status changed later are not tried yet,
 // but for those whose time only a clock that was set back since can have written
 
-/// The most urgent file to download; at most one row, as in the next three.
-FileRows SelectDownload(std::int64_t before, Passing passing);
+/// The most urgent file to download that is due, which MarkDueDownloads decides; at most one row, as in the
+/// next three.
+FileRows SelectDownload(Passing passing);
 FileRows SelectAcknowledgement(std::int64_t before, Passing passing);
 FileRows SelectFileToRequest(std::int64_t before, Passing passing);
 FileRows SelectMissingFile(Side side);

@@ -58,6 +58,8 @@ constexpr char kSetNotRelaysChild[] =
     "UPDATE Files SET FileStatus = '%s', Acknowledged = 1 WHERE FileName = '%Q' AND FileChecksum = '%Q' AND "
     "FileStatus != '%s'";
 constexpr char kSetLastRequestTime[] = "UPDATE Files SET LastRequestTime = %ld WHERE FileId = %lu";
+constexpr char kMarkDueDownloads[] =
+    "UPDATE Files SET LastStatusChangeTime = 0 WHERE FileStatus = '%s' AND LastStatusChangeTime %s %ld";
 constexpr char kMakeDownloadsDue[] =
     "UPDATE Files SET LastStatusChangeTime = 0 WHERE FileStatus IN ('%s', '%s') AND LastStatusChangeTime <> "
     "0 "
@@ -207,6 +209,12 @@ bool DeleteFileRow(Side side, std::uint64_t fileId) {
                                      !ChangeDownstream(KelFormat(kDeleteHandedOver, fileId))))
         return false;
     return Change(side, KelFormat(kDelete, fileId));
+}
+
+bool MarkDueDownloads(std::int64_t before) {
+    return ChangeDownstream(KelFormat(kMarkDueDownloads, kStatusDownloading, "BETWEEN 1 AND", before - 1)) &&
+           ChangeDownstream(
+               KelFormat(kMarkDueDownloads, kStatusDownloading, ">", LatestPossibleTime(std::time(nullptr))));
 }
 
 bool SetDownloadPath(std::uint64_t fileId, const KelString& path) {

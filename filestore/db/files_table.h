@@ -72,6 +72,10 @@ bool DeleteFileRow(Side side, std::uint64_t fileId);
 
 // ---- downstream: a download in progress. Each leaves a row alone that is no longer to be downloaded.
 
+/// Makes due the downloads that were tried last before `before`, or, by a clock that was set back since, in
+/// the future: their status time becomes 0, as it is for new ones, so that a selection reads no file that it
+/// does not take.
+bool MarkDueDownloads(std::int64_t before);
 bool SetDownloadPath(std::uint64_t fileId, const KelString& path);
 /// The download ended early with `bytes` received.
 bool SetTransferredBytes(std::uint64_t fileId, std::uint64_t bytes, NextTry next);

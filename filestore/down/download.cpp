@@ -29,9 +29,14 @@ KelString FolderOf(const FileStoreEntry& file) {
     return FileStore::StoreFolder(Side::Downstream, file.Key());
 }
 
+FileRows SelectDueDownload() {
+    MarkDueDownloads(FileStoreDueBefore(FileStore::ulPullTimeout));
+    return SelectDownload(PassingNow());
+}
+
 /// Sets FilePath to where the content goes; the row may still hold another one.
 bool SelectNext(FileStoreEntry& file) {
-    FileRows rows = SelectDownload(FileStoreDueBefore(FileStore::ulPullTimeout), PassingNow());
+    FileRows rows = SelectDueDownload();
     if (rows.empty()) return false;
     file = std::move(rows.front());
     file.FilePath = FileStore::StorePath(Side::Downstream, file.Key());
@@ -48,7 +53,7 @@ class UrgentFileWatch {
         const auto now = std::chrono::steady_clock::now();
         if (now < nextLook_) return false;
         nextLook_ = now + std::chrono::seconds(1);
-        const FileRows rows = SelectDownload(FileStoreDueBefore(FileStore::ulPullTimeout), PassingNow());
+        const FileRows rows = SelectDueDownload();
         return !rows.empty() && rows.front().Priority > priority_;
     }
 

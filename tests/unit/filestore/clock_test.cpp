@@ -18,7 +18,11 @@ TEST_F(Clock, StatusTimesThatNoClockHasWrittenCountAsDue) {
     UploadFilter two;
     two.limit = 2;
     for (const auto& [side, status, select] : Table<Side, const char*, std::function<FileRows()>>{
-             {kDown, "DOWNLOADING", [&] { return FileRows{SelectDownload(due, Passing::All)}; }},
+             {kDown, "DOWNLOADING",
+              [&] {
+                  MarkDueDownloads(due);
+                  return FileRows{SelectDownload(Passing::All)};
+              }},
              {kDown, "AVAILABLE", [&] { return FileRows{SelectAcknowledgement(due, Passing::All)}; }},
              {kDown, "TOBEREQUESTED", [&] { return FileRows{SelectFileToRequest(due, Passing::All)}; }},
              {kUp, "UPLOADING", [&] { return SelectFilesToUpload(two); }},
