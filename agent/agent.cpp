@@ -55,7 +55,7 @@ int Agent::Run() {
 }
 
 bool Agent::Start(const StopSignals& stop) {
-    log_.Print("Version %s starting on %S\n", KEL_VERSION, config_.root);
+    log_.Print("kelagent %s starting on %S\n", KEL_VERSION, config_.root);
     if (!LoadModules()) return false;
     RegisterAgentActions({config_.root, std::time(nullptr), config_.modules});
     return RegisterModules() && InitialiseModules(stop) && ActivateModules(stop);
@@ -68,7 +68,9 @@ bool Agent::LoadModules() {
             log_.Error("%S\n", module.Error().message);
             return false;
         }
-        log_.Print("Loaded %S %S\n", module->DisplayName(), module->Version());
+        log_.Print("Loaded %S\n", module->DisplayName());
+        // A module may number the interface that it serves: what runs here is the version above.
+        log_.Detail("%S gives its version as %S\n", module->DisplayName(), module->Version());
         modules_.push_back(std::move(*module));
     }
     return true;

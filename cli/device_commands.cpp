@@ -70,18 +70,6 @@ void PrintTree(const KelContainer& answer) {
     std::fputs(table.Render().c_str(), stdout);
 }
 
-/// The number of files in each status.
-using Queues = std::map<KelString, std::int32_t>;
-
-unsigned int CountFiles(const Remote& remote, bool upstream, Queues& queues) {
-    KelContainer list;
-    list.SetBool("ListUpstream", upstream);
-    if (const unsigned int result = remote.Call("FileStoreListFiles", list); result != kKelOk) return result;
-    for (std::uint32_t i = 0; i < ItemCount(list); ++i)
-        ++queues[list.GetContainer("Values", i).GetString("FileStatus")];
-    return kKelOk;
-}
-
 /// Collects what `status` prints: the values of the modules under Agent, Identity and Relay, and the numbers
 /// of files by status under Files and FilesUpstream.
 unsigned int ReadStatus(const Remote& remote, KelContainer& status) {
@@ -96,12 +84,12 @@ unsigned int ReadStatus(const Remote& remote, KelContainer& status) {
         status.SetContainer(source.name, answer.GetContainer("Values"));
     }
     for (const bool upstream : {false, true}) {
-        Queues queues;
-        if (const unsigned int result = CountFiles(remote, upstream, queues); result != kKelOk) return result;
         KelContainer counts;
-        for (const auto& [name, count] : queues)
-            counts.SetInt32(name, count);
-        status.SetContainer(upstream ? "FilesUpstream" : "Files", std::move(counts));
+        counts.SetBool("ListUpstream", upstream);
+        counts.SetBool("CountsOnly", true);
+        if (const unsigned int result = remote.Call("FileStoreListFiles", counts); result != kKelOk)
+            return result;
+        status.SetContainer(upstream ? "FilesUpstream" : "Files", counts.GetContainer("Counts"));
     }
     return kKelOk;
 }

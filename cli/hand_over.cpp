@@ -8,6 +8,7 @@
 
 #include "cli/output.h"
 #include "kel/file.h"
+#include "kel/format.h"
 #include "kel/path.h"
 #include "kelcore/error_codes.h"
 #include "kelcore/file_values.h"
@@ -32,6 +33,13 @@ KelString FileNameOf(const KelString& file) {
     KelString folder, name;
     SplitPath(CompletePath(file), folder, name);
     return name;
+}
+
+KelStatus CheckKeyPart(const char* what, const KelString& part) {
+    if (IsSafePathElement(part)) return {};
+    return KelError{kKelErrorBadInput, KelFormat("'%S' cannot be a %s: it must be a name of 1 to 255 bytes "
+                                                 "without '/', '\\' or control characters",
+                                                 part, what)};
 }
 
 KelStatus CheckDifferentNames(const KelVector<KelString>& files) {

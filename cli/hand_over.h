@@ -13,6 +13,9 @@
 /// The name under which a file travels: the last part of its path.
 KelString FileNameOf(const KelString& file);
 
+/// Refuses a part of a file key that no store accepts; `what` names it.
+KelStatus CheckKeyPart(const char* what, const KelString& part);
+
 /// Refuses files of one name: under one type and label the second would replace the first.
 KelStatus CheckDifferentNames(const KelVector<KelString>& files);
 

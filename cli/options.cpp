@@ -1,12 +1,18 @@
 #include "cli/options.h"
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <limits>
+#include <numeric>
+#include <string_view>
+#include <utility>
 
 #include "cli/output.h"
 #include "cli/remote.h"
 
 namespace {
+
+constexpr std::size_t kMaxTypingErrors = 2;
 
 /// Receives the values of all options; `chosen` is set by the command that was given.
 struct Parsed {
@@ -177,6 +183,12 @@ void DefineQueries(CLI::App& app, Parsed& parsed) {
     });
     auto* files = app.add_subcommand("files", "Files in the store");
     files->add_flag("--upstream", parsed.files.upstream, "Those on their way to the master");
+    files->add_option("--limit", parsed.files.limit, "Print at most so many")
+        ->type_name("N")
+        ->check(CLI::NonNegativeNumber);
+    files->add_option("--offset", parsed.files.offset, "Leave out so many at the beginning")
+        ->type_name("N")
+        ->check(CLI::NonNegativeNumber);
     files->callback([&parsed] { parsed.chosen = parsed.files; });
     auto* file = app.add_subcommand("file", "One file of the store, with all its values");
     file->add_option("ID", parsed.file.id, "The number that 'kel files' shows")
@@ -184,6 +196,51 @@ void DefineQueries(CLI::App& app, Parsed& parsed) {
         ->check(CLI::Range(1, std::numeric_limits<std::int32_t>::max()));
     file->add_flag("--upstream", parsed.file.upstream, "One of those on their way to the master");
     file->callback([&parsed] { parsed.chosen = parsed.file; });
+}
+
+/// The number of characters to insert, remove or replace to turn one text into the other.
+std::size_t EditDistance(std::string_view from, std::string_view to) {
+    std::vector<std::size_t> row(to.size() + 1);
+    std::iota(row.begin(), row.end(), std::size_t{0});
+    for (std::size_t i = 1; i <= from.size(); ++i) {
+        std::size_t diagonal = std::exchange(row[0], i);
+        for (std::size_t j = 1; j <= to.size(); ++j) {
+            const std::size_t replaced = diagonal + (from[i - 1] == to[j - 1] ? 0 : 1);
+            diagonal = row[j];
+            row[j] = std::min({replaced, row[j] + 1, row[j - 1] + 1});
+        }
+    }
+    return row.back();
+}
+
+/// The known command that `typed` is most likely meant to be; empty when none is close.
+KelString SimilarCommand(const CLI::App& app, const KelString& typed) {
+    KelString similar;
+    std::size_t smallest = kMaxTypingErrors + 1;
+    for (const CLI::App* command : app.get_subcommands([](const CLI::App*) { return true; })) {
+        const std::size_t distance = EditDistance(typed, command->get_name());
+        if (distance >= smallest || distance >= command->get_name().size()) continue;
+        smallest = distance;
+        similar = command->get_name();
+    }
+    return similar;
+}
+
+/// Names the command that does not exist, of the program or of one of its commands, and a similar one. False,
+/// without a message, when the arguments failed for another reason.
+bool ReportUnknownCommand(const CLI::App& app) {
+    const CLI::App* level = &app;
+    while (!level->get_subcommands().empty())
+        level = level->get_subcommands().front();
+    if (level->get_subcommands([](const CLI::App*) { return true; }).empty()) return false;
+    const std::vector<std::string> left = app.remaining(true);
+    const auto typed =
+        std::ranges::find_if(left, [](const std::string& word) { return !word.starts_with('-'); });
+    if (typed == left.end()) return false;
+    const KelString similar = SimilarCommand(*level, *typed);
+    Complain("there is no command '" + (level == &app ? "" : level->get_name() + " ") + *typed + "'" +
+             (similar.empty() ? "; 'kel --help' lists the commands" : "; did you mean '" + similar + "'?"));
+    return true;
 }
 
 }  // namespace
@@ -209,7 +266,9 @@ std::optional<Options> ParseOptions(int count, const char* const* arguments, int
         if (!isInit && parsed.common.root.empty() && parsed.common.url.empty())
             throw CLI::RequiredError("--root or --url");
     } catch (const CLI::ParseError& error) {
-        exitCode = app.exit(error) == 0 ? kExitDone : kExitUsage;
+        exitCode = kExitUsage;
+        if (error.get_exit_code() == 0 || !ReportUnknownCommand(app))
+            exitCode = app.exit(error) == 0 ? kExitDone : kExitUsage;
         return {};
     }
     exitCode = kExitDone;

@@ -71,6 +71,8 @@ struct RequestOptions {
 
 struct FilesOptions {
     bool upstream = false;
+    std::uint64_t offset = 0;            ///< files to leave out at the beginning
+    std::optional<std::uint64_t> limit;  ///< files to print at most; absent: all
 };
 
 struct FileOptions {

@@ -5,7 +5,9 @@
 #include <cstdint>
 #include <cstdio>
 #include <ctime>
+#include <utility>
 
+#include "cli/json_names.h"
 #include "cli/options.h"
 #include "kel/text.h"
 #include "kelcore/json.h"
@@ -42,28 +44,28 @@ bool Table::IsNumeric(std::size_t column) const {
     });
 }
 
-KelString Table::RenderRow(const KelVector<KelString>& cells, const KelVector<std::size_t>& widths,
-                           const KelVector<bool>& numeric) const {
+KelString Table::RenderRow(const KelVector<KelString>& cells) const {
     KelString line;
     for (std::size_t i = 0; i < cells.size(); ++i) {
-        const KelString padding(widths[i] - CharacterCount(cells[i]), ' ');
-        line += numeric[i] ? padding + cells[i] : cells[i] + padding;
+        const KelString padding(widths_[i] - CharacterCount(cells[i]), ' ');
+        line += numeric_[i] ? padding + cells[i] : cells[i] + padding;
         line += "  ";
     }
     line.erase(line.find_last_not_of(' ') + 1);
     return line + "\n";
 }
 
-KelString Table::Render() const {
-    KelVector<std::size_t> widths;
-    KelVector<bool> numeric;
+KelString Table::Render() {
+    const bool isFirst = numeric_.empty();
+    widths_.resize(headings_.size());
     for (std::size_t i = 0; i < headings_.size(); ++i) {
-        widths.push_back(Width(i));
-        numeric.push_back(IsNumeric(i));
+        widths_[i] = std::max(widths_[i], Width(i));
+        if (isFirst) numeric_.push_back(IsNumeric(i));
     }
-    KelString text = RenderRow(headings_, widths, numeric);
+    KelString text = isFirst ? RenderRow(headings_) : KelString();
     for (const auto& row : rows_)
-        text += RenderRow(row, widths, numeric);
+        text += RenderRow(row);
+    rows_.clear();
     return text;
 }
 
@@ -96,13 +98,8 @@ KelString TimeText(std::int64_t seconds) {
 }
 
 KelString FileStatusText(const KelString& status) {
-    constexpr std::string_view kPrefix = "_AGTMOD_FILESTORESTATUS_";
-    if (!status.starts_with(kPrefix) || !status.ends_with('_')) return status;
-    KelString text = status.substr(kPrefix.size(), status.size() - kPrefix.size() - 1);
-    for (char& c : text) {
-        if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
-        if (c == '_') c = ' ';
-    }
+    KelString text = FileStatusName(status);
+    std::replace(text.begin(), text.end(), '_', ' ');
     return text;
 }
 
@@ -122,31 +119,44 @@ std::uint32_t ItemCount(const KelContainer& list, const KelString& name) {
     return list.Has(name) ? list.Count(name) : 0;
 }
 
-void PrintJson(const KelContainer& list, const KelString& name) {
-    KelString text = "[";
-    for (std::uint32_t i = 0; i < ItemCount(list, name); ++i) {
-        text += i == 0 ? "\n" : ",\n";
-        text += ContainerToJson(list.GetContainer(name, i));
+ListPrinter::ListPrinter(bool json, const KelVector<Column>& columns)
+    : json_(json), columns_(columns), table_([&columns] {
+          KelVector<KelString> headings;
+          for (const Column& column : columns)
+              headings.push_back(column.heading);
+          return headings;
+      }()) {}
+
+void ListPrinter::AddJson(const KelContainer& page, const KelString& name) {
+    if (!std::exchange(begun_, true)) std::fputs("[", stdout);
+    for (std::uint32_t i = 0; i < ItemCount(page, name); ++i)
+        std::printf("%s%s", std::exchange(empty_, false) ? "\n" : ",\n",
+                    ContainerToJson(ForJson(page.GetContainer(name, i))).c_str());
+}
+
+void ListPrinter::Add(const KelContainer& page, const KelString& name) {
+    if (json_) return AddJson(page, name);
+    for (std::uint32_t i = 0; i < ItemCount(page, name); ++i) {
+        KelVector<KelString> cells;
+        for (const Column& column : columns_)
+            cells.push_back(column.cell(page.GetContainer(name, i)));
+        table_.AddRow(std::move(cells));
     }
-    std::printf("%s\n]\n", text.c_str());
+    std::fputs(table_.Render().c_str(), stdout);
+}
+
+void ListPrinter::End() {
+    if (json_ && begun_) std::fputs("\n]\n", stdout);
+}
+
+void PrintJson(const KelContainer& list, const KelString& name) {
+    PrintList(list, true, {}, name);
 }
 
 void PrintList(const KelContainer& list, bool json, const KelVector<Column>& columns, const KelString& name) {
-    if (json) {
-        PrintJson(list, name);
-        return;
-    }
-    KelVector<KelString> headings;
-    for (const Column& column : columns)
-        headings.push_back(column.heading);
-    Table table(std::move(headings));
-    for (std::uint32_t i = 0; i < ItemCount(list, name); ++i) {
-        KelVector<KelString> cells;
-        for (const Column& column : columns)
-            cells.push_back(column.cell(list.GetContainer(name, i)));
-        table.AddRow(std::move(cells));
-    }
-    std::fputs(table.Render().c_str(), stdout);
+    ListPrinter printer(json, columns);
+    printer.Add(list, name);
+    printer.End();
 }
 
 int Complain(const KelString& message) {

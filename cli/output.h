@@ -18,19 +18,21 @@ class Table {
     /// Missing cells count as empty; cells beyond the last heading are dropped.
     void AddRow(KelVector<KelString> cells);
 
-    /// Heading line and rows, each ending in a newline, without trailing blanks. Columns whose cells are all
-    /// numbers are aligned to the right. Control characters appear as "?", so that a name from another device
-    /// cannot send escape sequences to the terminal.
-    KelString Render() const;
+    /// Heading line and rows, each ending in a newline, without trailing blanks, and forgets the rows: rows
+    /// added later are rendered without the heading, in columns that are no narrower. Columns whose cells are
+    /// all numbers, the first time, are aligned to the right. Control characters appear as "?", so that a
+    /// name from another device cannot send escape sequences to the terminal.
+    KelString Render();
 
   private:
     std::size_t Width(std::size_t column) const;
     bool IsNumeric(std::size_t column) const;
-    KelString RenderRow(const KelVector<KelString>& cells, const KelVector<std::size_t>& widths,
-                        const KelVector<bool>& numeric) const;
+    KelString RenderRow(const KelVector<KelString>& cells) const;
 
     KelVector<KelString> headings_;
     KelVector<KelVector<KelString>> rows_;
+    KelVector<std::size_t> widths_;
+    KelVector<bool> numeric_;  ///< empty until the first rendering
 };
 
 /// `text` with control characters replaced by "?".
@@ -42,7 +44,7 @@ KelString SizeText(std::int64_t bytes);
 /// Seconds since the epoch as local time, "2026-01-31 08:15:00"; empty for 0.
 KelString TimeText(std::int64_t seconds);
 
-/// A file's status in readable form: "_AGTMOD_FILESTORESTATUS_AVAILABLE_" gives "available".
+/// A file's status in readable form: "_AGTMOD_FILESTORESTATUS_TOBEUPLOADED_" gives "to be uploaded".
 KelString FileStatusText(const KelString& status);
 
 /// A column of a list: its heading and the text of a cell.
@@ -59,10 +61,31 @@ Column TimeColumn(const KelString& heading, const KelString& name);
 /// The number of items of a list, the containers under `name`; 0 when there is none.
 std::uint32_t ItemCount(const KelContainer& list, const KelString& name = "Values");
 
-/// Prints a list as an array of JSON objects with the values' own names.
+/// Prints a list that comes in pages, as a table of `columns` or as an array of JSON objects with the names
+/// of cli/json_names.h. Holds one page at a time.
+class ListPrinter {
+  public:
+    ListPrinter(bool json, const KelVector<Column>& columns);
+
+    /// Prints the containers under `name` in `page`.
+    void Add(const KelContainer& page, const KelString& name = "Values");
+    /// Prints what ends the list.
+    void End();
+
+  private:
+    void AddJson(const KelContainer& page, const KelString& name);
+
+    const bool json_;
+    const KelVector<Column>& columns_;
+    Table table_;
+    bool begun_ = false;
+    bool empty_ = true;
+};
+
+/// Prints a whole list as JSON.
 void PrintJson(const KelContainer& list, const KelString& name = "Values");
 
-/// Prints a list as JSON or as a table of `columns`.
+/// Prints a whole list as JSON or as a table of `columns`.
 void PrintList(const KelContainer& list, bool json, const KelVector<Column>& columns,
                const KelString& name = "Values");
 

@@ -1,7 +1,7 @@
 #include "cli/remote.h"
 
 #include <algorithm>
-#include <cstdio>
+#include <string_view>
 
 #include "cli/output.h"
 #include "kel/debug.h"
@@ -66,30 +66,12 @@ KelResult<Target> FromUrl(const CommonOptions& options) {
     return Target{*address, {}, options.user, *password};
 }
 
-/// What went wrong, for a person; `message` is what the action said about it, often nothing.
-KelString ResultText(unsigned int result, const KelString& message) {
-    switch (result) {
-        case kKelErrorUnreachable:
-            return "no answer; is the agent running there?";
-        case kKelErrorCredentials:
-            return "the agent refused the credentials";
-        case kKelErrorUnknownAction:
-            return "the agent has no such action";
-        case kKelErrorBadInput:
-            return message.empty() ? "an input is missing or unusable; the agent's log names it" : message;
-        case kKelErrorNotAvailable:
-            return message.empty() ? "not available on this device" : message;
-        case kKelErrorInternal:
-            return message.empty() ? "internal error; see the agent's log" : message;
-        case kKelErrorBadAnswer:
-            return "the answer is not that of an agent; is this the right address?";
-        case kKelErrorGuidScheme:
-            return "the GUID belongs to another tree";
-        default:
-            return "the action failed with result " + std::to_string(result) +
-                   (message.empty() ? "" : ": " + message);
-    }
-}
+/// The actions of the console, which runs on the master only, begin with this.
+constexpr std::string_view kMasterActions = "Console";
+
+/// A tree is not deeper than this; ends a walk up through devices that name each other as parents.
+constexpr int kMaxLevels = 32;
+constexpr int kParentSeconds = 5;
 
 }  // namespace
 
@@ -98,6 +80,12 @@ KelResult<KelString> AddressOfUrl(const KelString& url) {
     if (!UrlParseInet(url, parts) || parts.scheme != "http" || parts.host.empty())
         return KelError{kKelErrorBadInput, "'" + url + "' is not of the form http://HOST:PORT"};
     return parts.host + ":" + std::to_string(parts.port);
+}
+
+KelString ParentAddress(const KelContainer& relay) {
+    if (relay.GetString("Role") == "master" || relay.GetString("ParentName").empty()) return {};
+    const KelString ip = relay.GetString("ParentIPAddress");
+    return (ip.empty() ? relay.GetString("ParentName") : ip) + ":" + relay.GetString("ParentPort");
 }
 
 KelResult<KelString> ReadPasswordFile(const KelString& path) {
@@ -119,16 +107,69 @@ KelResult<Remote> Remote::Open(const CommonOptions& options) {
     // The library logs nothing: what went wrong is printed once, by Call.
     settings.debugContext = MakeDebugContext({}, 0, 0, false, KelDebugLevel::None);
     KelAgentConfigure(std::move(settings));
-    return Remote(UrlForAgent(target->user, target->password, target->address), target->address,
-                  options.timeoutSeconds);
+    return Remote(target->user, target->password, target->address, options.timeoutSeconds);
+}
+
+KelString Remote::PlaceOfMaster() const {
+    KelString asked = address_;
+    KelString role;
+    for (int level = 0; level < kMaxLevels; ++level) {
+        KelContainer answer;
+        if (ActionDbInvokeContainer("kel", UrlForAgent(user_, password_, asked), "RelayGetValues", answer, 0,
+                                    kParentSeconds, kParentSeconds, nullptr) != kKelOk)
+            break;
+        const KelContainer& relay = answer.GetContainer("Values");
+        if (level == 0) role = relay.GetString("Role");
+        const KelString parent = ParentAddress(relay);
+        if (parent.empty() && level > 0 && relay.GetString("Role") == "master")
+            return "this device is a " + role + "; the master is " + asked;
+        if (parent.empty()) break;
+        asked = parent;
+    }
+    if (role.empty() || role == "master") return "this device has no console";
+    return "this device is a " + role +
+           (asked == address_ ? " without a parent" : "; the master is above " + asked);
+}
+
+KelString Remote::Explain(unsigned int result, const KelString& action, const KelContainer& answer) const {
+    const KelString message = answer.GetString("Message");
+    switch (result) {
+        case kKelErrorUnreachable:
+            return "no answer from " + address_ + "; is the agent running there?";
+        case kKelErrorCredentials:
+            return "the agent at " + address_ + " refused the credentials";
+        case kKelErrorUnknownAction:
+            if (action == "ConsolePublish") return "publishing is done on the master; " + PlaceOfMaster();
+            if (action.starts_with(kMasterActions)) return "only the master knows this; " + PlaceOfMaster();
+            return "the agent at " + address_ + " has no action '" + action + "'";
+        case kKelErrorBadAnswer:
+            return "the answer from " + address_ + " is not that of an agent; is this the right address?";
+        default:
+            break;
+    }
+    if (!message.empty()) return message;
+    switch (result) {
+        case kKelErrorBadInput:
+            return "an input of " + action + " is missing or unusable; the agent's log names it";
+        case kKelErrorNotAvailable:
+            return action + " is not available on this device now";
+        case kKelErrorInternal:
+            return action + " ended with an internal error; see the agent's log";
+        case kKelErrorGuidScheme:
+            return "the GUID belongs to another tree";
+        default:
+            return action + " failed with result " + std::to_string(result) + "; see the agent's log";
+    }
+}
+
+unsigned int Remote::CallQuietly(const KelString& action, KelContainer& container, int atLeastSeconds) const {
+    return ActionDbInvokeContainer("kel", UrlForAgent(user_, password_, address_), action, container, 0, -1,
+                                   std::max(timeoutSeconds_, atLeastSeconds), nullptr);
 }
 
 unsigned int Remote::Call(const KelString& action, KelContainer& container, int atLeastSeconds) const {
-    const unsigned int result = ActionDbInvokeContainer("kel", deviceUrl_, action, container, 0, -1,
-                                                        std::max(timeoutSeconds_, atLeastSeconds), nullptr);
-    if (result == kKelOk) return result;
-    const KelString text = Printable(ResultText(result, container.GetString("Message")));
-    std::fprintf(stderr, "kel: %s on %s: %s\n", action.c_str(), address_.c_str(), text.c_str());
+    const unsigned int result = CallQuietly(action, container, atLeastSeconds);
+    if (result != kKelOk) Complain(Explain(result, action, container));
     return result;
 }
 

@@ -19,14 +19,26 @@ class Remote {
     /// --timeout says, but at least `atLeastSeconds`, for actions that take long.
     unsigned int Call(const KelString& action, KelContainer& container, int atLeastSeconds = 0) const;
 
+    /// The same without a message.
+    unsigned int CallQuietly(const KelString& action, KelContainer& container, int atLeastSeconds = 0) const;
+
     /// Where the agent is, without credentials.
     const KelString& Address() const { return address_; }
 
   private:
-    Remote(KelString deviceUrl, KelString address, int timeoutSeconds)
-        : deviceUrl_(std::move(deviceUrl)), address_(std::move(address)), timeoutSeconds_(timeoutSeconds) {}
+    Remote(KelString user, KelString password, KelString address, int timeoutSeconds)
+        : user_(std::move(user)),
+          password_(std::move(password)),
+          address_(std::move(address)),
+          timeoutSeconds_(timeoutSeconds) {}
 
-    KelString deviceUrl_;  ///< with credentials
+    /// What went wrong, for a person.
+    KelString Explain(unsigned int result, const KelString& action, const KelContainer& answer) const;
+    /// Where the master is, as far as the devices above can be asked: each names its parent.
+    KelString PlaceOfMaster() const;
+
+    KelString user_;
+    KelString password_;
     KelString address_;
     int timeoutSeconds_;
 };
@@ -34,6 +46,9 @@ class Remote {
 /// The "host:port" of an agent's URL "http://HOST:PORT"; an error that names the URL when it has another
 /// form.
 KelResult<KelString> AddressOfUrl(const KelString& url);
+
+/// The "host:port" of the parent that a device names in its answer to RelayGetValues; empty when it has none.
+KelString ParentAddress(const KelContainer& relay);
 
 /// The exit code for the result of a call.
 int ExitCodeOf(unsigned int result);

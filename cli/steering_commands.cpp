@@ -27,7 +27,7 @@ KelString Name(const auto& names, std::int32_t value) {
 KelString RateText(const KelContainer& window) {
     const KelVector<KelString> slots = SplitText(window.GetString("Slots"), ' ');
     const std::set<KelString> different(slots.begin(), slots.end());
-    const KelString unit = Name(kUnits, window.GetInt32("SlotType"));
+    const KelString unit = window.GetString("Unit");
     if (different.size() == 1) return *different.begin() + " " + unit;
     return std::to_string(different.size()) + " rates in " + unit;
 }
@@ -40,12 +40,12 @@ int GetWindows(const Remote& remote, bool json) {
     KelContainer list;
     for (std::uint32_t i = 0; i < ItemCount(values, "Direction"); ++i) {
         KelContainer item = values.GetContainer("Values", i);
-        item.SetInt32("Direction", values.GetInt32("Direction", 0, i));
+        item.SetString("Direction", Name(kDirections, values.GetInt32("Direction", 0, i)));
+        item.SetString("Unit", Name(kUnits, item.GetInt32("SlotType")));
         list.SetContainer("Values", std::move(item), i);
     }
     PrintList(list, json,
-              {{"DIRECTION",
-                [](const KelContainer& item) { return Name(kDirections, item.GetInt32("Direction")); }},
+              {ValueColumn("DIRECTION", "Direction"),
                {"RATE", RateText},
                {"HOURS OF", [](const KelContainer& item) {
                     return KelString(item.GetBool("UseUTCTime") ? "UTC" : "local time");

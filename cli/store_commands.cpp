@@ -1,3 +1,7 @@
+#include <algorithm>
+#include <cstdint>
+#include <limits>
+
 #include "cli/commands.h"
 #include "cli/output.h"
 #include "cli/remote.h"
@@ -8,6 +12,7 @@ namespace {
 
 constexpr const char* kListUpstream = "ListUpstream";
 constexpr const char* kFileStatus = "FileStatus";
+constexpr std::uint64_t kPageFiles = 5000;
 
 /// The value as a person reads it.
 KelString ValueText(const KelContainer& file, const KelString& name) {
@@ -20,6 +25,26 @@ KelString ValueText(const KelContainer& file, const KelString& name) {
 KelString UnknownFile(const FileOptions& options) {
     return "there is no file " + std::to_string(options.id) + " in the store; 'kel files" +
            (options.upstream ? " --upstream" : "") + "' lists its files";
+}
+
+/// Prints the files page by page, so that neither side ever holds all of them. An exit code.
+int PrintPages(const Remote& remote, const FilesOptions& options, ListPrinter& printer) {
+    std::uint64_t left = options.limit.value_or(std::numeric_limits<std::uint64_t>::max());
+    std::uint64_t offset = options.offset;
+    for (;;) {
+        const std::uint64_t wanted = std::min(left, kPageFiles);
+        KelContainer page;
+        page.SetBool(kListUpstream, options.upstream);
+        page.SetInt64("Offset", static_cast<std::int64_t>(offset));
+        page.SetInt64("Limit", static_cast<std::int64_t>(wanted));
+        if (const unsigned int result = remote.Call("FileStoreListFiles", page); result != kKelOk)
+            return ExitCodeOf(result);
+        printer.Add(page);
+        const std::uint32_t listed = ItemCount(page);
+        offset += listed;
+        left -= listed;
+        if (listed < wanted || left == 0) return kExitDone;
+    }
 }
 
 }  // namespace
@@ -37,17 +62,20 @@ KelContainer FileValueList(const KelContainer& file) {
 }
 
 int RunCommand(const CommonOptions& common, const FilesOptions& options) {
-    KelContainer arguments;
-    if (options.upstream) arguments.SetBool(kListUpstream, true);
-    return PrintActionList(
-        common, "FileStoreListFiles", std::move(arguments),
-        {ValueColumn("ID", "FileId"),
-         ValueColumn("TYPE", kValueFileType),
-         ValueColumn("LABEL", kValueFileLabel),
-         ValueColumn("NAME", kValueFileName),
-         {"STATUS", [](const KelContainer& item) { return FileStatusText(item.GetString(kFileStatus)); }},
-         ValueColumn("HERE", "TransferredData"),
-         ValueColumn("CHECKSUM", kValueFileChecksum)});
+    const auto remote = Remote::Open(common);
+    if (!remote) return Complain(remote.Error());
+    const KelVector<Column> columns = {
+        ValueColumn("ID", "FileId"),
+        ValueColumn("TYPE", kValueFileType),
+        ValueColumn("LABEL", kValueFileLabel),
+        ValueColumn("NAME", kValueFileName),
+        {"STATUS", [](const KelContainer& item) { return FileStatusText(item.GetString(kFileStatus)); }},
+        ValueColumn("HERE", "TransferredData"),
+        ValueColumn("CHECKSUM", kValueFileChecksum)};
+    ListPrinter printer(common.json, columns);
+    const int exitCode = PrintPages(*remote, options, printer);
+    printer.End();
+    return exitCode;
 }
 
 int RunCommand(const CommonOptions& common, const FileOptions& options) {

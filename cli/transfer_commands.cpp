@@ -17,13 +17,15 @@ namespace {
 constexpr std::chrono::milliseconds kInboxPollPause{250};
 
 /// Refuses files that the master could not receive; called before any of them is sent.
-KelStatus CheckFiles(const KelVector<KelString>& files) {
-    for (const KelString& file : files) {
+KelStatus CheckFiles(const SendOptions& options) {
+    if (const KelStatus type = CheckKeyPart("type", options.type); !type) return type;
+    if (const KelStatus label = CheckKeyPart("label", options.label); !label) return label;
+    for (const KelString& file : options.files) {
         if (FileGetSize64(file) == 0)
             return KelError{kKelErrorBadInput,
                             file + " is empty, and empty files cannot be sent up; nothing was sent"};
     }
-    return CheckDifferentNames(files);
+    return CheckDifferentNames(options.files);
 }
 
 KelContainer SendArguments(const SendOptions& options, const KelString& file) {
@@ -85,10 +87,32 @@ int WaitForFile(const Remote& remote, const RequestOptions& options, KelContaine
     }
 }
 
+KelStatus CheckKey(const RequestOptions& options) {
+    if (const KelStatus type = CheckKeyPart("type", options.type); !type) return type;
+    if (const KelStatus label = CheckKeyPart("label", options.label); !label) return label;
+    return CheckKeyPart("name", options.name);
+}
+
+/// A device without a parent can deliver only what its own store holds: a request for another file would
+/// never be answered. False, with a message, when that is so; `exitCode` tells.
+bool CanBeAnswered(const Remote& remote, const RequestOptions& options, int& exitCode) {
+    KelContainer relay;
+    const unsigned int result = remote.Call("RelayGetValues", relay);
+    exitCode = ExitCodeOf(result);
+    if (result != kKelOk) return false;
+    if (!ParentAddress(relay.GetContainer("Values")).empty()) return true;
+    KelContainer call;
+    KeyOf(options).Write(call);
+    if (remote.CallQuietly("FileStoreRequestFileSize", call) == kKelOk) return true;
+    exitCode = Complain("'" + options.name +
+                        "' is not in the store of this device, which has no parent to request it from");
+    return false;
+}
+
 }  // namespace
 
 int RunCommand(const CommonOptions& common, const SendOptions& options) {
-    if (const KelStatus usable = CheckFiles(options.files); !usable) return Complain(usable.Error());
+    if (const KelStatus usable = CheckFiles(options); !usable) return Complain(usable.Error());
     const auto remote = Remote::Open(common);
     if (!remote) return Complain(remote.Error());
     const HandOver handOver = {
@@ -96,6 +120,7 @@ int RunCommand(const CommonOptions& common, const SendOptions& options) {
         [&options](const KelString& file, const KelContainer&) { return SentItem(options, file); }, "sent"};
     KelContainer sent;
     const int exitCode = HandOverFiles(*remote, options.files, handOver, sent);
+    if (!common.json && !sent.Has("Values")) return exitCode;
     PrintList(sent, common.json,
               {ValueColumn("FILE", "File"), ValueColumn("NAME", kValueFileName),
                SizeColumn("SIZE", kValueFileSize)});
@@ -103,14 +128,16 @@ int RunCommand(const CommonOptions& common, const SendOptions& options) {
 }
 
 int RunCommand(const CommonOptions& common, const RequestOptions& options) {
+    if (const KelStatus usable = CheckKey(options); !usable) return Complain(usable.Error());
     const auto remote = Remote::Open(common);
     if (!remote) return Complain(remote.Error());
+    int exitCode = kExitDone;
+    if (!CanBeAnswered(*remote, options, exitCode)) return exitCode;
     KelContainer item;
     KeyOf(options).Write(item);
     KelContainer call = item;
     if (const unsigned int result = remote->Call("FileStoreRequestFile", call); result != kKelOk)
         return ExitCodeOf(result);
-    int exitCode = kExitDone;
     if (call.GetBool("FileObsolete")) {
         item.SetString("State", "obsolete");
         exitCode = Complain("'" + options.name + "' is obsolete; the devices above no longer keep it");

@@ -95,16 +95,16 @@ def request_file(tree, progress, seed):
     published = tree.publish([path], "Demo", "on-request", to="none")[0]
     clients = [client for client in tree.clients if client.parent is tree.relays[0]]
     progress.say(f"\nPublished {REQUESTED_NAME} to none; {' and '.join(client.name for client in clients)} request it")
-    good = published["Targets"] == 0
+    good = published["targets"] == 0
     for client in clients:
         begin = time.monotonic()
         try:
             answer = client.kel("request", "--type", "Demo", "--label", "on-request", "--name", REQUESTED_NAME,
-                                "--checksum", published["FileChecksum"], "--wait", REQUEST_SECONDS)[0]
+                                "--checksum", published["checksum"], "--wait", REQUEST_SECONDS)[0]
         except ActionFailed as error:
             progress.say(f"Failed: {client.name}: {error}")
             return False
-        right = sha256_of(answer["Path"]) == expected
+        right = sha256_of(answer["path"]) == expected
         asked = tree.master.log().count("Received request from ")
         progress.say(f"  {client.name} received it after {time.monotonic() - begin:.1f} s, {'right' if right else 'WRONG'}; "
                      f"requests that reached the master: {asked}")
@@ -116,14 +116,14 @@ def check_publications(tree, progress):
     """True when every target of every publication reported to the master that it has the file."""
     def all_told():
         publications = tree.master.kel("publications")
-        return publications if all(item["Pending"] == 0 for item in publications) else None
+        return publications if all(item["pending"] == 0 for item in publications) else None
     try:
         publications = wait_until(all_told, RECEIPT_SECONDS, "receipts of all targets")
     except TimeoutError as error:
         progress.say(f"Failed: {error}")
         publications = tree.master.kel("publications")
-    targets = sum(item["Targets"] for item in publications)
-    delivered = sum(item["Delivered"] for item in publications)
+    targets = sum(item["targets"] for item in publications)
+    delivered = sum(item["delivered"] for item in publications)
     progress.say(f"\n{len(publications)} publications with {targets} targets; {delivered} delivered according to "
-                 f"their receipts, {sum(item['Failed'] for item in publications)} failed")
+                 f"their receipts, {sum(item['failed'] for item in publications)} failed")
     return delivered == targets

@@ -223,8 +223,8 @@ KelString KelContainer::SaveToXML() const {
     return ContainerToXml(*this);
 }
 
-KelStatus KelContainer::LoadFromXML(std::string_view xml) {
-    KelResult<KelContainer> loaded = ContainerFromXml(xml);
+KelStatus KelContainer::LoadFromXML(std::string_view xml, std::size_t maxValues) {
+    KelResult<KelContainer> loaded = ContainerFromXml(xml, maxValues);
     Clear();
     if (!loaded) return loaded.Error();
     *this = std::move(*loaded);

@@ -22,9 +22,9 @@
 /// are written as character references; a string that XML cannot hold (other control characters, U+FFFE,
 /// U+FFFF, bytes that are no UTF-8) is written in base64 (RFC 4648) and marked by encoding="base64", a name
 /// by nameEncoding="base64". An apostrophe is always written as a reference, so the text can stand between
-/// single quotes in an SQL statement. Reading refuses a text over 64 MiB, more than 64 containers inside each
-/// other, DOCTYPE, references other than to characters, elements and types not named here, and bytes that are
-/// no UTF-8.
+/// single quotes in an SQL statement. Reading refuses a text over 64 MiB, more than a million values, more
+/// than 64 containers inside each other, DOCTYPE, references other than to characters, elements and types not
+/// named here, and bytes that are no UTF-8.
 ///
 /// A plain value type: one thread at a time; copies are deep.
 class KelContainer {
@@ -32,6 +32,9 @@ class KelContainer {
     static constexpr std::uint32_t kAbsent = 0xFFFFFFFF;
     static constexpr std::size_t kMaxDepth = 64;
     static constexpr std::size_t kMaxXmlBytes = std::size_t{64} << 20;
+    /// Values that a text may hold in all, inner containers and their values included: what a container takes
+    /// in memory depends on their number far more than on the length of the text.
+    static constexpr std::size_t kMaxValues = 1'000'000;
 
     KelContainer();
     ~KelContainer();
@@ -79,7 +82,7 @@ class KelContainer {
     KelString SaveToXML() const;
     /// Replaces the content by what `xml` holds; on an error (its message names line and column) the
     /// container is left empty. An empty text gives an empty container.
-    KelStatus LoadFromXML(std::string_view xml);
+    KelStatus LoadFromXML(std::string_view xml, std::size_t maxValues = kMaxValues);
 
     /// Saves the XML form, durably and atomically. A container that LoadFromXML would refuse for its depth or
     /// size is not saved.

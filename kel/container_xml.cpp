@@ -14,6 +14,9 @@ namespace {
 
 using Type = KelContainer::Type;
 
+/// The attributes of a value, and a comment or CDATA section in it.
+constexpr std::size_t kOthersPerValue = 4;
+
 /// True when XML 1.0 can hold every character of `text`, references included.
 bool XmlCanHold(std::string_view text) {
     for (std::size_t i = 0; i < text.size(); ++i) {
@@ -34,10 +37,12 @@ class Writer {
             const std::uint32_t count = container.Count(name);
             for (std::uint32_t index = 0; index < count; ++index)
                 Value(container, name, index, depth);
+            values_ += count;
         }
     }
 
     std::size_t Deepest() const { return deepest_; }
+    std::size_t Values() const { return values_; }
     KelString& Text() { return xml_; }
 
   private:
@@ -122,6 +127,7 @@ class Writer {
 
     KelString xml_;
     std::size_t deepest_ = 0;
+    std::size_t values_ = 0;
 };
 
 class Reader {
@@ -230,6 +236,10 @@ KelResult<KelString> ContainerToLoadableXml(const KelContainer& container) {
         return KelError{kKelFailure,
                         KelFormat("A container of %gu levels cannot be saved: at most %gu are allowed",
                                   writer.Deepest(), KelContainer::kMaxDepth)};
+    if (writer.Values() > KelContainer::kMaxValues)
+        return KelError{kKelFailure,
+                        KelFormat("A container of %gu values cannot be saved: at most %gu are allowed",
+                                  writer.Values(), KelContainer::kMaxValues)};
     if (writer.Text().size() > KelContainer::kMaxXmlBytes)
         return KelError{kKelFailure,
                         KelFormat("A container of %gu bytes of XML cannot be saved: at most %gu are allowed",
@@ -237,14 +247,15 @@ KelResult<KelString> ContainerToLoadableXml(const KelContainer& container) {
     return std::move(writer.Text());
 }
 
-KelResult<KelContainer> ContainerFromXml(std::string_view xml) {
+KelResult<KelContainer> ContainerFromXml(std::string_view xml, std::size_t maxValues) {
     KelContainer container;
     if (xml.size() > KelContainer::kMaxXmlBytes)
         return KelError{kKelFailure, KelFormat("An XML text of %gu bytes is refused: at most %gu are allowed",
                                                xml.size(), KelContainer::kMaxXmlBytes)};
     if (xml.empty()) return container;
-    // The innermost container's plain values are one element deeper than it.
-    if (const KelStatus status = ScanXml(xml, KelContainer::kMaxDepth + 1); !status) return status.Error();
+    // The innermost container's plain values are one element deeper than it. The outermost one is no value.
+    const XmlLimits limits{KelContainer::kMaxDepth + 1, maxValues + 1, kOthersPerValue * (maxValues + 1)};
+    if (const KelStatus status = ScanXml(xml, limits); !status) return status.Error();
 
     // parse_ws_pcdata_single: blanks alone are the text of a value, but not between elements.
     pugi::xml_document document;

@@ -43,7 +43,7 @@ bool IsCharacterReference(std::string_view name) {
 
 class Scanner {
   public:
-    Scanner(std::string_view xml, std::size_t maxDepth) : xml_(xml), maxDepth_(maxDepth) {}
+    Scanner(std::string_view xml, const XmlLimits& limits) : xml_(xml), limits_(limits) {}
 
     KelStatus Run() {
         while (!problem_) {
@@ -60,6 +60,10 @@ class Scanner {
 
     void Fail(const char* problem) { problem_ = problem; }
 
+    void CountOther() {
+        if (others_++ == limits_.others) Fail("it has too many attributes, comments and CDATA sections");
+    }
+
     void SkipBehind(std::string_view open, std::string_view close, const char* problem) {
         const std::size_t end = xml_.find(close, at_ + open.size());
         if (end == kEnd) return Fail(problem);
@@ -75,20 +79,23 @@ class Scanner {
     }
 
     void Markup() {
-        if (StartsWith("<!--")) return SkipBehind("<!--", "-->", "a comment does not end");
-        if (StartsWith("<![CDATA[")) return SkipBehind("<![CDATA[", "]]>", "a CDATA section does not end");
-        if (StartsWith("<?")) return SkipBehind("<?", "?>", "a processing instruction does not end");
-        if (StartsWith("<!")) return Fail("DOCTYPE and other declarations are not accepted");
         if (StartsWith("</")) {
             if (depth_ == 0) return Fail("an end tag without its start tag");
             --depth_;
             return SkipBehind("</", ">", "an end tag does not end");
         }
-        StartTag();
+        if (!StartsWith("<!") && !StartsWith("<?")) return StartTag();
+        CountOther();
+        if (problem_) return;
+        if (StartsWith("<!--")) return SkipBehind("<!--", "-->", "a comment does not end");
+        if (StartsWith("<![CDATA[")) return SkipBehind("<![CDATA[", "]]>", "a CDATA section does not end");
+        if (StartsWith("<?")) return SkipBehind("<?", "?>", "a processing instruction does not end");
+        Fail("DOCTYPE and other declarations are not accepted");
     }
 
     void StartTag() {
-        if (depth_ == maxDepth_) return Fail("the elements are nested too deeply");
+        if (depth_ == limits_.depth) return Fail("the elements are nested too deeply");
+        if (elements_++ == limits_.elements) return Fail("it has too many values");
         const std::size_t start = at_++;
         while (!problem_ && at_ < xml_.size()) {
             const char c = xml_[at_];
@@ -106,6 +113,7 @@ class Scanner {
 
     void QuotedValue(char quote) {
         const char stops[] = {quote, '&', '<', '\0'};
+        CountOther();
         ++at_;
         while (!problem_) {
             const std::size_t next = xml_.find_first_of(stops, at_);
@@ -121,9 +129,11 @@ class Scanner {
     }
 
     std::string_view xml_;
-    std::size_t maxDepth_;
+    XmlLimits limits_;
     std::size_t at_ = 0;
     std::size_t depth_ = 0;
+    std::size_t elements_ = 0;
+    std::size_t others_ = 0;
     std::optional<const char*> problem_;
 };
 
@@ -138,8 +148,8 @@ KelError XmlErrorAt(std::string_view xml, std::size_t offset, const KelString& p
             KelFormat("The XML text is unusable at line %gd, column %gu: %S", line, column, problem)};
 }
 
-KelStatus ScanXml(std::string_view xml, std::size_t maxDepth) {
+KelStatus ScanXml(std::string_view xml, const XmlLimits& limits) {
     const std::size_t bad = FindBadByte(xml);
     if (bad != kEnd) return XmlErrorAt(xml, bad, "a byte or character that XML does not allow");
-    return Scanner(xml, maxDepth).Run();
+    return Scanner(xml, limits).Run();
 }

@@ -58,6 +58,8 @@ void AppendContainer(const KelContainer& container, KelString& out) {
 /// Builds containers from the events of the parser, so that depth is known before anything is built.
 class ContainerBuilder : public nlohmann::json_sax<Json> {
   public:
+    explicit ContainerBuilder(std::size_t maxValues) : valuesLeft_(maxValues) {}
+
     KelContainer TakeRoot() { return std::move(root_); }
     const KelString& Problem() const { return problem_; }
 
@@ -134,6 +136,8 @@ class ContainerBuilder : public nlohmann::json_sax<Json> {
     template <class Setter>
     bool Place(Setter set) {
         if (levels_.empty()) return Refuse("an object is expected");
+        if (valuesLeft_ == 0) return Refuse("it has too many values");
+        --valuesLeft_;
         set(levels_.back());
         ++levels_.back().index;
         return true;
@@ -154,6 +158,7 @@ class ContainerBuilder : public nlohmann::json_sax<Json> {
     KelVector<Level> levels_;  // the containers being read, outermost first
     KelContainer root_;
     KelString problem_;
+    std::size_t valuesLeft_;
 };
 
 }  // namespace
@@ -164,11 +169,11 @@ KelString ContainerToJson(const KelContainer& container) {
     return json;
 }
 
-KelStatus ContainerFromJson(std::string_view json, KelContainer& container) {
+KelStatus ContainerFromJson(std::string_view json, KelContainer& container, std::size_t maxValues) {
     container.Clear();
     if (json.size() > KelContainer::kMaxXmlBytes) return KelError{kKelFailure, "JSON: the text is too long"};
     if (json.find_first_not_of(" \t\r\n") == std::string_view::npos) return {};
-    ContainerBuilder builder;
+    ContainerBuilder builder(maxValues);
     if (!Json::sax_parse(json, &builder)) return KelError{kKelFailure, "JSON: " + builder.Problem()};
     container = builder.TakeRoot();
     return {};

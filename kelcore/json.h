@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <string_view>
 
 #include "kel/container.h"
@@ -13,8 +14,10 @@
 
 KelString ContainerToJson(const KelContainer& container);
 
-/// Replaces the content by what `json` holds, an object at most 64 levels deep in a text of at most 64 MiB.
+/// Replaces the content by what `json` holds, an object of at most `maxValues` values and 64 levels in a text
+/// of at most 64 MiB.
 /// Integers that fit 32 bits become int32, others int64; an empty array gives no value. Fractions, null,
 /// arrays within arrays and repeated names have no container form and are errors. A blank text gives an empty
 /// container. On an error the container is left empty.
-KelStatus ContainerFromJson(std::string_view json, KelContainer& container);
+KelStatus ContainerFromJson(std::string_view json, KelContainer& container,
+                            std::size_t maxValues = KelContainer::kMaxValues);

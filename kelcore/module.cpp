@@ -9,8 +9,6 @@
 
 namespace {
 
-constexpr const char* kVersionText = "0.1.0";
-
 unsigned int Result(bool isSuccess) {
     return isSuccess ? kModuleSuccess : kModuleFailure;
 }
@@ -102,7 +100,7 @@ bool KelModule::IniAllowsStart() {
 }
 
 KelString KelModule::Version() const {
-    return kVersionText;
+    return KEL_VERSION;
 }
 
 KelString KelModule::IniPath() const {

@@ -55,7 +55,11 @@ constexpr char kOfKey[] =
 constexpr char kListed[] =
     "SELECT FileId, FileType, FileLabel, FileName, FileChecksum, FileStatus, FileSize, FilePath FROM Files "
     "WHERE "
-    "FileStatus != '%s' ORDER BY %S";
+    "FileStatus != '%s' ORDER BY %S, FileId LIMIT %u OFFSET %lu";
+/// The order of an index, which no page has to sort.
+constexpr char kListedOrder[] = "FileType, FileLabel, FileName, FileChecksum";
+constexpr char kCounted[] =
+    "SELECT FileStatus, COUNT (*) FROM Files WHERE FileStatus != '%s' GROUP BY FileStatus";
 
 std::shared_ptr<const DBResult> Query(Side side, const KelString& statement) {
     return FileStoreGetDatabase(side).connection.Query(statement);
@@ -238,10 +242,10 @@ std::optional<ListOrder> MakeListOrder(const KelString& column, const KelString&
     return std::nullopt;
 }
 
-KelVector<ListedFile> SelectListedFiles(Side side, const ListOrder& order) {
-    const KelString clause = order.column.empty() ? KelString("FileType, FileLabel, FileName")
-                                                  : order.column + " " + order.direction;
-    const auto result = Query(side, KelFormat(kListed, kStatusObsolete, clause));
+KelVector<ListedFile> SelectListedFiles(Side side, const ListOrder& order, const ListRange& range) {
+    const KelString clause =
+        order.column.empty() ? KelString(kListedOrder) : order.column + " " + order.direction;
+    const auto result = Query(side, KelFormat(kListed, kStatusObsolete, clause, range.limit, range.offset));
     KelVector<ListedFile> files(result ? result->GetRowCount() : 0);
     for (std::size_t i = 0; i < files.size(); ++i) {
         RowReader row(*result, i);
@@ -256,6 +260,14 @@ KelVector<ListedFile> SelectListedFiles(Side side, const ListOrder& order) {
         file.path = row.Text();
     }
     return files;
+}
+
+KelVector<StatusCount> CountListedFiles(Side side) {
+    const auto result = Query(side, KelFormat(kCounted, kStatusObsolete));
+    KelVector<StatusCount> counts(result ? result->GetRowCount() : 0);
+    for (std::size_t i = 0; i < counts.size(); ++i)
+        counts[i] = {result->GetString(i, std::size_t{0}), result->GetInt64(i, std::size_t{1})};
+    return counts;
 }
 
 }  // namespace filestore

@@ -83,10 +83,23 @@ struct ListOrder {
     KelString column;  ///< empty: by type, label and name
     KelString direction;
 };
+/// The part of a list that is wanted: at most `limit` rows behind the first `offset`.
+struct ListRange {
+    std::uint64_t offset = 0;
+    std::uint32_t limit = 0;
+};
 /// Makes an order of what a caller asked for; nothing unless `column` is one of Files and `direction` ASC or
 /// DESC, in any case of letters.
 std::optional<ListOrder> MakeListOrder(const KelString& column, const KelString& direction);
-/// All files but the obsolete ones.
-KelVector<ListedFile> SelectListedFiles(Side side, const ListOrder& order);
+/// All files but the obsolete ones. Rows that are equal in the order stand in that of their FileId, so that
+/// ranges of an unchanged table fit together.
+KelVector<ListedFile> SelectListedFiles(Side side, const ListOrder& order, const ListRange& range);
+
+/// The number of files in each status, but for the obsolete ones.
+struct StatusCount {
+    KelString status;
+    std::int64_t count = 0;
+};
+KelVector<StatusCount> CountListedFiles(Side side);
 
 }  // namespace filestore

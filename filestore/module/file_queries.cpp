@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <limits>
 
 #include "filestore/db/file_status.h"
@@ -15,6 +16,9 @@ using namespace filestore;
 
 namespace {
 
+/// Files in one answer: with their values it stays well below what a container's XML may hold.
+constexpr std::int64_t kMaxListedFiles = 50'000;
+
 /// The order that the caller asked for; nothing, with a warning, when it is none.
 std::optional<ListOrder> ReadOrder(const KelContainer& arguments) {
     // The progress text is made after the selection, which cannot sort by it.
@@ -27,6 +31,29 @@ std::optional<ListOrder> ReadOrder(const KelContainer& arguments) {
             "Files cannot be sorted by '%S' in the order '%S'; use a column of Files, and ASC or DESC\n",
             attribute, direction);
     return order;
+}
+
+/// The part of the list that the caller asked for; nothing, with a warning, when it is none.
+std::optional<ListRange> ReadRange(const KelContainer& arguments) {
+    const std::int64_t offset = arguments.GetInt64("Offset", 0);
+    const std::int64_t limit = arguments.GetInt64("Limit", kMaxListedFiles);
+    if (offset >= 0 && limit >= 0)
+        return ListRange{static_cast<std::uint64_t>(offset),
+                         static_cast<std::uint32_t>(std::min<std::int64_t>(limit, kMaxListedFiles))};
+    FileStore::debugFileStore.Warning("Offset %gd and Limit %gd of a list of files must not be negative\n",
+                                      offset, limit);
+    return std::nullopt;
+}
+
+void WriteCounts(Side side, bool byStatus, KelContainer& results) {
+    std::int64_t total = 0;
+    KelContainer counts;
+    for (const auto& [status, count] : CountListedFiles(side)) {
+        total += count;
+        counts.SetInt64(status, count);
+    }
+    results.SetInt64("TotalCount", total);
+    if (byStatus) results.SetContainer("Counts", std::move(counts));
 }
 
 Side ChosenSide(const KelContainer& arguments) {
@@ -84,9 +111,14 @@ KelString FileStore::getFileTransferPercent(const KelString& status, const KelSt
 
 unsigned int FileStore::ActionHandler_FileStoreListFiles(KelContainer* arguments) {
     const auto order = ReadOrder(*arguments);
-    if (!order) return kKelErrorBadInput;
-    const KelVector<ListedFile> files = SelectListedFiles(ChosenSide(*arguments), *order);
+    const auto range = ReadRange(*arguments);
+    if (!order || !range) return kKelErrorBadInput;
+    const Side side = ChosenSide(*arguments);
+    const bool countsOnly = arguments->GetBool("CountsOnly");
     arguments->Remove("Values");
+    WriteCounts(side, countsOnly, *arguments);
+    if (countsOnly || range->limit == 0) return kKelOk;
+    const KelVector<ListedFile> files = SelectListedFiles(side, *order, *range);
     for (std::size_t i = 0; i < files.size(); ++i)
         arguments->SetContainer("Values", ListValues(files[i]), static_cast<std::uint32_t>(i));
     return kKelOk;

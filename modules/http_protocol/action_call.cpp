@@ -11,6 +11,10 @@
 namespace kelhttp {
 namespace {
 
+/// Values in the arguments of a call; the largest calls, offers to the devices of a tree, have one for each
+/// device. Answers may hold more.
+constexpr std::size_t kMaxValues = 250'000;
+
 constexpr const char* kXmlType = "application/xml";
 constexpr const char* kJsonType = "application/json";
 
@@ -20,8 +24,9 @@ KelString MediaType(std::string_view field) {
 
 ActionAnswer Run(const ActionCall& call) {
     KelContainer container;
-    const KelStatus parsed = call.bodyFormat == BodyFormat::Json ? ContainerFromJson(call.body, container)
-                                                                 : container.LoadFromXML(call.body);
+    const KelStatus parsed = call.bodyFormat == BodyFormat::Json
+                                 ? ContainerFromJson(call.body, container, kMaxValues)
+                                 : container.LoadFromXML(call.body, kMaxValues);
     if (!parsed) return {400, 0, "text/plain", parsed.Error().message + "\n"};
     KelContainer info;
     info.SetString("HttpProtocolRequestAddress", call.peer.ToText());

@@ -210,8 +210,8 @@ class Soak:
             for agent, items in found.items():
                 wrong[agent] += [f"{kind}: {' '.join(map(str, item))}" for item in items]
         for item in self.tree.master.kel("publications"):
-            if item["Delivered"] != item["Targets"]:
-                wrong[self.tree.master].append(f"publication: {item['FileName']}, {item['Delivered']} of {item['Targets']} reported")
+            if item["delivered"] != item["targets"]:
+                wrong[self.tree.master].append(f"publication: {item['name']}, {item['delivered']} of {item['targets']} reported")
         return wrong
 
     def check_growth(self, last, wrong):

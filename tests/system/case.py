@@ -48,7 +48,7 @@ class SystemTest(unittest.TestCase):
 
 def collected_files(master):
     """What the master collected: (device GUID, label, name) -> path."""
-    return {(file["Device"], file["FileLabel"], file["FileName"]): pathlib.Path(file["Path"])
+    return {(file["device"], file["label"], file["name"]): pathlib.Path(file["path"])
             for file in master.kel("collected")}
 
 

@@ -27,7 +27,7 @@ sys.path.append(str(pathlib.Path(__file__).resolve().parent.parent / "rig"))
 from fault_proxy import FaultProxy  # noqa: E402
 
 SHIM = pathlib.Path(os.environ.get("KEL_FAULT_SHIM", pathlib.Path(BUILD) / "lib" / "fault_shim.so")).resolve()
-AVAILABLE, PACKED, OBSOLETE = (f"_AGTMOD_FILESTORESTATUS_{name}_" for name in ("AVAILABLE", "PACKEDFILE", "OBSOLETE"))
+AVAILABLE, PACKED, OBSOLETE = "available", "packed", "obsolete"
 AT_REST = {AVAILABLE, PACKED, OBSOLETE}
 IDENTITY = "IdentityIdentity"
 
@@ -145,9 +145,9 @@ def rows(agent, statement, upstream=False):
 def waiting(agent):
     """What a running agent has yet to do: (direction, type, name, status) of its rows that are not at rest."""
     try:
-        return [(direction, file["FileType"], file["FileName"], file["FileStatus"].split("STATUS_")[-1])
+        return [(direction, file["type"], file["name"], file["status"])
                 for direction, option in (("down", ()), ("up", ("--upstream",)))
-                for file in agent.kel("files", *option) if file["FileStatus"] not in AT_REST]
+                for file in agent.kel("files", *option) if file["status"] not in AT_REST]
     except ActionFailed as failed:
         return [("agent", "", agent.name, failed.text.strip())]
 

@@ -52,16 +52,16 @@ class StartTest(SystemTest):
             tree.start()
             self.refused(agent.call, "NoSuchAction")
             agent.kel("settings", "set", "MulticastTTL=7")
-            self.assertEqual(agent.kel("settings", "get", "MulticastTTL"), [{"Name": "MulticastTTL", "Value": "7"}])
+            self.assertEqual(agent.kel("settings", "get", "MulticastTTL"), [{"name": "MulticastTTL", "value": "7"}])
             agent.kel("windows", "set", "up", "--slots", "0")
-            self.assertEqual([(item["Direction"], set(item["Slots"].split())) for item in agent.kel("windows")], [(1, {"0"})])
+            self.assertEqual([(item["direction"], set(item["slots"].split())) for item in agent.kel("windows")], [("up", {"0"})])
             agent.kel("windows", "set", "up", "--remove")
             self.assertEqual(agent.kel("windows"), [])
             paths = write_files(tree.folder / "out", {"good.bin": 10, "empty.bin": 0})
             twin = write_files(tree.folder / "sub", {"good.bin": 11})["good.bin"]
             for files, text in ((paths.values(), "empty"), ([paths["good.bin"], twin], "named")):
                 self.assertIn(text, self.refused(agent.kel, "send", "--type", "t", "--label", "l", *files))
-            self.assertNotIn("good.bin", [file["FileName"] for file in agent.kel("files", "--upstream")])
+            self.assertNotIn("good.bin", [file["name"] for file in agent.kel("files", "--upstream")])
             again = self.refused(agent.kel, "init", agent.root, "--role", "master", "--address", "127.9.9.9", "--port",
                                  20000, "--password-file", tree.password_file)
             self.assertIn("exists", again)
@@ -84,7 +84,7 @@ class TlsTest(SystemTest):
             with mock.patch.dict(os.environ, OPENSSL_CONF=str(lax)):
                 tree.start()
             path = write_files(tree.folder / "files", {"data": 3 << 20})["data"]
-            checksum = tree.publish([path], to="none")[0]["FileChecksum"]
+            checksum = tree.publish([path], to="none")[0]["checksum"]
             server = f"{agent.address}:{port}"
 
             def curl(password, *options, scheme="https"):

@@ -44,7 +44,7 @@ def pack_on(relay, policy="auto"):
 
 
 def row_status(agent, name, upstream=True):
-    return [file["FileStatus"] for file in agent.kel("files", *(["--upstream"] if upstream else [])) if file["FileName"] == name]
+    return [file["status"] for file in agent.kel("files", *(["--upstream"] if upstream else [])) if file["name"] == name]
 
 
 def archive_of(child, files, sizes=None):
@@ -275,7 +275,7 @@ class UpTest(FaultTest):
         relay.kel("windows", "set", "up", "--slots", "0")
         paths = write_files(tree.folder / "out", {f"{i:02}": 1000 + i for i in range(12)})
         expected = send(tree.clients[0], *paths.values())
-        wait_until(lambda: all("TOBEUPLOADED" in str(row_status(relay, name)) for name in paths), 30, "all wait on the relay")
+        wait_until(lambda: all("to_be_uploaded" in str(row_status(relay, name)) for name in paths), 30, "all wait on the relay")
         relay.kel("upload")
         time.sleep(3)
         relay.kel("windows", "set", "up", "--remove")
@@ -311,7 +311,7 @@ class DownTest(FaultTest):
         self.assertEqual(answer[:2], (200, 0), answer)
 
     def path_name(self, tree, agent):
-        return next(device["PathName"] for device in tree.master.kel("devices") if device["Name"] == agent.name)
+        return next(device["path_name"] for device in tree.master.kel("devices") if device["name"] == agent.name)
 
     def test_delivered_files_survive_a_full_inbox_and_a_kill(self):
         tree, client = self.client_below_master(shims=["client"])
@@ -430,8 +430,8 @@ class DatabaseTest(FaultTest):
                 relay, client = tree.relays[0], tree.clients[0]
                 tree.master.kill()
                 expected = send(client, *write_files(tree.folder / "out", {f"{i}": 1000 + i for i in range(10)}).values())
-                wait_until(lambda: len([1 for file in client.kel("files", "--upstream") if file["FileType"] == KIND
-                                        and file["FileStatus"] in AT_REST]) == 10, 30, "the relay has them")
+                wait_until(lambda: len([1 for file in client.kel("files", "--upstream") if file["type"] == KIND
+                                        and file["status"] in AT_REST]) == 10, 30, "the relay has them")
                 self.lose(relay, how, relay.data / "FileStore" / "Upstream.sqlite")
                 self.restart(tree.master)
                 self.check_collected(tree.master, expected)

@@ -17,7 +17,7 @@ class WatchTest(SystemTest):
                                 stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
 
     def counts(self, text):
-        return [(item["Targets"], item["Delivered"], item["Failed"], item["Pending"]) for item in json.loads(text)]
+        return [(item["targets"], item["delivered"], item["failed"], item["pending"]) for item in json.loads(text)]
 
     def test_watching_ends_with_the_last_target(self):
         with Tree(BUILD, [1]) as tree:
@@ -35,7 +35,7 @@ class WatchTest(SystemTest):
             self.assertEqual((watch.returncode, self.counts(output)), (1, [(2, 1, 1, 0)]), lines)
             self.assertIn("a.bin  1 of 2 delivered, 1 failed", lines)
             publication = tree.master.kel("publications")[0]
-            by_name = {item["Name"]: item["Status"] for item in tree.master.kel("publications", publication["PublicationId"])}
+            by_name = {item["name"]: item["status"] for item in tree.master.kel("publications", publication["publication"])}
             self.assertEqual(by_name, {relay.name: "delivered", client.name: "failed"})
             watch = self.start_watching(tree, paths["a.bin"], "--type", "Demo", "--label", "n", "--to", "none")
             self.assertEqual((self.counts(watch.communicate(timeout=20)[0]), watch.returncode), ([(0, 0, 0, 0)], 0))
@@ -53,7 +53,7 @@ class WatchTest(SystemTest):
         output, _ = watch.communicate(timeout=10)
         self.assertEqual((watch.returncode, self.counts(output)), (1, [(1, 0, 0, 1)]))
         tree.wait_delivered({("slow", path.name): sha256_of(path)}, [relay], 60)
-        wait_until(lambda: tree.master.kel("publications")[0]["Delivered"] == 1, 30, "the receipt of the relay")
+        wait_until(lambda: tree.master.kel("publications")[0]["delivered"] == 1, 30, "the receipt of the relay")
 
 
 if __name__ == "__main__":

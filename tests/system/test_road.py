@@ -10,12 +10,12 @@ class RoadTest(SystemTest):
     def test_every_file_arrives_is_verified_and_acknowledged(self):
         with Tree(BUILD, [2]) as tree:
             tree.start()
-            self.assertEqual({device["Name"] for device in tree.master.kel("devices")},
+            self.assertEqual({device["name"] for device in tree.master.kel("devices")},
                              {agent.name for agent in tree.agents})
             paths = write_files(tree.folder / "files", {**ODD_FILES, "empty.bin": 0})
             expected = {("label one", name): sha256_of(path) for name, path in paths.items()}
             published = tree.publish(paths.values(), "Road", "label one")
-            self.assertEqual([item["Targets"] for item in published], [3] * len(paths))
+            self.assertEqual([item["targets"] for item in published], [3] * len(paths))
             tree.wait_delivered(expected, tree.devices, 60)
             self.check_one_device(tree, paths)
             wait_until(lambda: all(map(self.has_acknowledged_all, tree.devices)), 30, "all files acknowledged")
@@ -34,7 +34,7 @@ class RoadTest(SystemTest):
 
     def has_acknowledged_all(self, agent):
         """True when the parent knows that this agent has every file of its store."""
-        infos = [agent.call("FileStoreGetFileInfo", FileId=file["FileId"])["Values"] for file in agent.stored_files()]
+        infos = [agent.call("FileStoreGetFileInfo", FileId=file["id"])["Values"] for file in agent.stored_files()]
         return all(info["Acknowledged"] for info in infos)
 
 

@@ -15,7 +15,7 @@ from tree import Tree, sha256_of, wait_until
 FILES = {**ODD_FILES, "-rf.bin": 100, "n" * 200 + ".bin": 9}
 FILE_TYPE = "Road up"
 INDEX = "Temp/PackedFilesInfo.xml"
-AT_REST = {"_AGTMOD_FILESTORESTATUS_AVAILABLE_", "_AGTMOD_FILESTORESTATUS_PACKEDFILE_"}
+AT_REST = {"available", "packed"}
 
 
 def send(client, paths, label):
@@ -50,7 +50,7 @@ class RoadUpTest(SystemTest):
             self.end(tree)
 
     def states(self, agent):
-        return {file["FileStatus"] for file in agent.kel("files", "--upstream") if file["FileType"] == FILE_TYPE}
+        return {file["status"] for file in agent.kel("files", "--upstream") if file["type"] == FILE_TYPE}
 
     def check_new_content_replaces(self, tree):
         client = tree.clients[0]
@@ -143,10 +143,10 @@ class RequestTest(SystemTest):
             tree.start()
             path = write_files(tree.folder / "out", {"it's on request.bin": 300_000})["it's on request.bin"]
             published = tree.publish([path], "Demo", "shelf", to="none")[0]
-            self.assertEqual(published["Targets"], 0)
-            for client, extra in zip(tree.clients, ([], ["--checksum", published["FileChecksum"]])):
+            self.assertEqual(published["targets"], 0)
+            for client, extra in zip(tree.clients, ([], ["--checksum", published["checksum"]])):
                 answer = client.kel("request", "--type", "Demo", "--label", "shelf", "--name", path.name, "--wait", 30, *extra)
-                self.assertEqual((answer[0]["State"], sha256_of(answer[0]["Path"])), ("delivered", sha256_of(path)))
+                self.assertEqual((answer[0]["state"], sha256_of(answer[0]["path"])), ("delivered", sha256_of(path)))
             self.assertEqual(tree.master.log().count("Received request from "), 1, "the relay kept the file for the second")
             self.refused(tree.clients[0].kel, "request", "--type", "Demo", "--label", "shelf", "--name", "no such.bin",
                          "--wait", 3)

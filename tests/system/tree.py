@@ -213,7 +213,7 @@ class Agent:
 
     def inbox(self):
         """What was delivered here: (label, name) -> path."""
-        return {(file["FileLabel"], file["FileName"]): pathlib.Path(file["Path"]) for file in self.kel("inbox")}
+        return {(file["label"], file["name"]): pathlib.Path(file["path"]) for file in self.kel("inbox")}
 
     def stored_files(self):
         return self.kel("files")
@@ -308,8 +308,8 @@ class Tree:
 
         def known():
             devices = self.master.kel("devices")
-            return expected <= {(device["GUID"], device["Name"], device["Role"], device["Parent"])
-                                for device in devices if device["PathName"].count("/") == 4}
+            return expected <= {(device["guid"], device["name"], device["role"], device["parent"])
+                                for device in devices if device["path_name"].count("/") == 4}
         wait_until(known, seconds, "the master knows all devices")
 
     def publish(self, files, file_type="Demo", label="files", to="all", priority=100):

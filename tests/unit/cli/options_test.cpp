@@ -65,6 +65,20 @@ TEST(OptionsTest, UnusableArgumentsEndWithUsage) {
     EXPECT_NE(testing::internal::GetCapturedStderr(), "");
 }
 
+TEST(OptionsTest, AMistypedCommandIsNamedWithASimilarOne) {
+    for (const auto& [line, message] : std::initializer_list<std::pair<const char*, const char*>>{
+             {"--root r publsh f --type t", "'publsh'; did you mean 'publish'?"},
+             {"--root r settings gte", "'settings gte'; did you mean 'get'?"},
+             {"--root r nonsense", "'nonsense'; 'kel --help' lists the commands"},
+             {"--root r upload now", "not expected: now"}}) {
+        int exitCode = kExitDone;
+        testing::internal::CaptureStderr();
+        EXPECT_FALSE(Parse(line, exitCode));
+        EXPECT_EQ(exitCode, kExitUsage);
+        EXPECT_THAT(testing::internal::GetCapturedStderr(), testing::HasSubstr(message)) << line;
+    }
+}
+
 TEST(OptionsTest, CommonOptionsMayStandBehindTheCommand) {
     int exitCode = kExitFailed;
     const auto options = Parse("files --upstream --root r --json", exitCode);

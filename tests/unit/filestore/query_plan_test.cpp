@@ -146,7 +146,7 @@ TEST_F(QueryPlan, TablesAreScannedOnlyWhereAllRowsAreMeant) {
     Check(kDown, May::Scan, [] { MoveContentPaths("/a", "/b"); });  // another storage location
     Check(kDown, May::Scan, [] { SelectHandedOver(); });            // of these few
     for (const Side side : {kDown, kUp})                            // a list of all files
-        Check(side, May::Scan, [side] { SelectListedFiles(side, {"FileSize", "ASC"}); });
+        Check(side, May::Scan, [side] { SelectListedFiles(side, {"FileSize", "ASC"}, {0, 10}); });
     // Every start: all rows lose the mark of a planned multicast transfer, those that listened are found by
     // their status.
     const Texts reset = Recorded(kDown, [] { ResetAllMulticast(); });

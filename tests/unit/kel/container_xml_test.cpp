@@ -139,6 +139,31 @@ TEST(ContainerXml, RefusalsNameThePlaceAndLeaveNothing) {
     }
 }
 
+TEST(ContainerXml, NoMorePiecesAreBuiltThanTheValuesAllow) {
+    const auto repeat = [](const char* piece, int times) {
+        KelString text;
+        for (int i = 0; i < times; ++i)
+            text += piece;
+        return text;
+    };
+    const KelString inner = "<Value name='c' type='container'><Value name='i'/></Value>";
+    for (const auto& [content, isAllowed] : std::initializer_list<std::pair<KelString, bool>>{
+             {repeat("<Value name='a'>1</Value>", 4), true},
+             {repeat("<Value name='a'>1</Value>", 5), false},
+             {inner + inner, true},
+             {inner + inner + inner, false},
+             {"<Value name='a'" + repeat(" x=''", 19) + "/>", true},
+             {"<Value name='a'" + repeat(" x=''", 20) + "/>", false},
+             {"<Value name='a'>" + repeat("b<![CDATA[]]>", 20) + "</Value>", false},
+             {repeat("<!---->", 21), false},
+             {repeat("<?x?>", 21), false}}) {
+        KelContainer c;
+        EXPECT_EQ(static_cast<bool>(c.LoadFromXML("<Container>" + content + "</Container>", 4)), isAllowed)
+            << content;
+        EXPECT_EQ(c.IsEmpty(), !isAllowed) << content;
+    }
+}
+
 TEST(ContainerXml, FilesAreReadBackAndTemporaryOnesArePrivate) {
     const TempFolder folder;
     KelContainer c, read;

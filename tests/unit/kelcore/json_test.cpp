@@ -66,4 +66,13 @@ TEST(Json, TextsAreReadOrRefusedWhole) {
         EXPECT_EQ(Reread(bad), "refused") << bad.substr(0, 60);
 }
 
+TEST(Json, NoMoreValuesAreBuiltThanAllowed) {
+    KelContainer container;
+    EXPECT_TRUE(ContainerFromJson(R"({"a":[1,2],"c":{"d":true}})", container, 4));
+    for (const char* json :
+         {R"({"a":[1,2,3,4,5]})", R"({"a":[{},{},{},{},{}]})", R"({"c":{"d":{"e":{"f":{"g":1}}}}})"})
+        EXPECT_FALSE(ContainerFromJson(json, container, 4)) << json;
+    EXPECT_TRUE(container.IsEmpty());
+}
+
 }  // namespace

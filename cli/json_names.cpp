@@ -1,0 +1,174 @@
+#include "cli/json_names.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdint>
+#include <optional>
+#include <string_view>
+
+#include "kel/text.h"
+#include "kelcore/file_values.h"
+
+namespace {
+
+enum class Form : unsigned char {
+    AsIs,
+    Status,        ///< the status of a file
+    StatusCounts,  ///< a container of numbers by status
+    Percent,       ///< "50 %" as a number; left out when it is unknown
+};
+
+struct Name {
+    std::string_view value;
+    std::string_view json;
+    Form form = Form::AsIs;
+};
+
+constexpr auto kNames = std::to_array<Name>({
+    // files
+    {"FileId", "id"},
+    {kValueFileType, "type"},
+    {kValueFileLabel, "label"},
+    {kValueFileName, "name"},
+    {kValueFileChecksum, "checksum"},
+    {kValueFileSize, "size"},
+    {"Size", "size"},
+    {"FileStatus", "status", Form::Status},
+    {"TransferredData", "percent", Form::Percent},
+    {"TransferredBytes", "transferred_bytes"},
+    {kValueUpstream, "upstream"},
+    {kValueKeepCopy, "keep_copy"},
+    {kValueBypass, "bypass"},
+    {"Acknowledged", "acknowledged"},
+    {kValuePriority, "priority"},
+    {"CreateTime", "created"},
+    {kValueSourceDevice, "source_device"},
+    {kValueFirstRelay, "first_relay"},
+    {"File", "file"},
+    {"Path", "path"},
+    {"Time", "time"},
+    {"State", "state"},
+    // publications
+    {"PublicationId", "publication"},
+    {"Targets", "targets"},
+    {"Delivered", "delivered"},
+    {"Failed", "failed"},
+    {"Pending", "pending"},
+    {"Status", "status"},
+    {"Message", "message"},
+    // devices
+    {"GUID", "guid"},
+    {"Name", "name"},
+    {"Role", "role"},
+    {"Address", "address"},
+    {"Parent", "parent"},
+    {"PathName", "path_name"},
+    {"FirstSeen", "first_seen"},
+    {"LastSeen", "last_seen"},
+    {"Device", "device"},
+    // status
+    {"Agent", "agent"},
+    {"Version", "version"},
+    {"Root", "root"},
+    {"Started", "started"},
+    {"Pid", "pid"},
+    {"MemoryBytes", "memory_bytes"},
+    {"Modules", "modules"},
+    {"Identity", "identity"},
+    {"HostName", "host_name"},
+    {"IPAddress", "ip_address"},
+    {"MACAddress", "mac_address"},
+    {"NetworkMask", "network_mask"},
+    {"PreferIPAddresses", "prefer_ip_addresses"},
+    {"Relay", "relay"},
+    {"IsEnabled", "is_enabled"},
+    {"ParentName", "parent_name"},
+    {"ParentIPAddress", "parent_ip_address"},
+    {"ParentGuid", "parent_guid"},
+    {"ParentPort", "parent_port"},
+    {"ParentSync", "parent_in_sync"},
+    {"SchemeSettled", "scheme_settled"},
+    {"Files", "files", Form::StatusCounts},
+    {"FilesUpstream", "files_upstream", Form::StatusCounts},
+    // settings and windows
+    {"Value", "value"},
+    {"Direction", "direction"},
+    {"Slots", "slots"},
+    {"Unit", "unit"},
+    {"UseUTCTime", "utc"},
+});
+
+constexpr std::string_view kStatusPrefix = "_AGTMOD_FILESTORESTATUS_";
+
+/// The statuses whose names are more than their lower-case letters.
+constexpr auto kStatuses = std::to_array<std::pair<std::string_view, std::string_view>>({
+    {"tobehandled", "to_be_handled"},
+    {"tobepacked", "to_be_packed"},
+    {"toberequested", "to_be_requested"},
+    {"tobeuploaded", "to_be_uploaded"},
+    {"multicastlistening", "multicast_listening"},
+    {"notrelayschild", "not_relays_child"},
+    {"packedfile", "packed"},
+});
+
+void Copy(const KelContainer& source, const KelString& from, std::uint32_t index, std::string_view to,
+          KelContainer& target) {
+    switch (source.GetType(from, index)) {
+        case KelContainer::Type::Bool:
+            return target.SetBool(to, source.GetBool(from, false, index), index);
+        case KelContainer::Type::Int32:
+        case KelContainer::Type::Int64:
+            return target.SetInt64(to, source.GetInt64(from, 0, index), index);
+        case KelContainer::Type::Container:
+            return target.SetContainer(to, ForJson(source.GetContainer(from, index)), index);
+        default:
+            return target.SetString(to, source.GetString(from, {}, index), index);
+    }
+}
+
+KelContainer StatusCounts(const KelContainer& counts) {
+    KelContainer result;
+    for (std::size_t i = 0; i < counts.GetNameCount(); ++i)
+        result.SetInt64(FileStatusName(counts.GetName(i)), counts.GetInt64(counts.GetName(i)));
+    return result;
+}
+
+void Put(const KelContainer& source, const KelString& from, const Name& name, KelContainer& target) {
+    switch (name.form) {
+        case Form::Status:
+            return target.SetString(name.json, FileStatusName(source.GetString(from)));
+        case Form::StatusCounts:
+            return target.SetContainer(name.json, StatusCounts(source.GetContainer(from)));
+        case Form::Percent: {
+            const KelString text = source.GetString(from);
+            const auto number = ParseInt64(text.substr(0, text.find(' ')));
+            if (number) target.SetInt64(name.json, *number);
+            return;
+        }
+        case Form::AsIs:
+            for (std::uint32_t i = 0; i < source.Count(from); ++i)
+                Copy(source, from, i, name.json, target);
+    }
+}
+
+}  // namespace
+
+KelContainer ForJson(const KelContainer& item) {
+    KelContainer result;
+    for (std::size_t i = 0; i < item.GetNameCount(); ++i) {
+        const KelString& value = item.GetName(i);
+        const auto* name = std::ranges::find(kNames, std::string_view(value), &Name::value);
+        if (name != kNames.end()) Put(item, value, *name, result);
+    }
+    return result;
+}
+
+KelString FileStatusName(const KelString& status) {
+    if (!status.starts_with(kStatusPrefix) || !status.ends_with('_')) return status;
+    KelString name = status.substr(kStatusPrefix.size(), status.size() - kStatusPrefix.size() - 1);
+    for (char& c : name)
+        if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+    for (const auto& [letters, written] : kStatuses)
+        if (name == letters) return KelString(written);
+    return name;
+}
