@@ -1,4 +1,6 @@
+#include <algorithm>
 #include <chrono>
+#include <utility>
 
 #include "filestore/db/file_status.h"
 #include "filestore/db/files_selection.h"
@@ -12,6 +14,10 @@
 #include "filestore/state/file_store.h"
 #include "filestore/state/parent.h"
 #include "filestore/state/settings.h"
+#include "filestore/state/waiting_reasons.h"
+#include "kel/directory.h"
+#include "kel/file.h"
+#include "kel/format.h"
 #include "kel/path.h"
 #include "kelcore/action_db.h"
 #include "kelcore/file_values.h"
@@ -52,6 +58,23 @@ class UrgentFileWatch {
     std::chrono::steady_clock::time_point nextLook_ =
         std::chrono::steady_clock::now() + std::chrono::seconds(1);
 };
+
+void NoteWhy(const FileStoreEntry& file, WaitingReason reason) {
+    Reasons().Note(Side::Downstream, file.FileId, WaitingStep::Download, std::move(reason));
+}
+
+/// Adds what is here, and what a full disk lacks.
+void NoteTransfer(const FileStoreEntry& file, WaitingReason reason) {
+    const auto present = static_cast<std::uint64_t>(std::max<std::int64_t>(FileGetSize64(file.FilePath), 0));
+    const auto size = static_cast<std::uint64_t>(std::max<std::int64_t>(file.FileSize, 0));
+    reason.bytes = present;
+    reason.whole = size;
+    if (reason.code == Waiting::DiskFull) {
+        DiskFree(FileStore::strStorageLocationToUse, reason.bytes);
+        reason.whole = size - std::min(size, present);
+    }
+    NoteWhy(file, std::move(reason));
+}
 
 /// Hands the file over to the HTTP module, which receives the datagrams, writes the content to LocalPath and
 /// reports the end to multicast_reception.h. True when that is recorded.
@@ -112,6 +135,9 @@ int FileStorePullThread::DownloadFile() {
     if (const KelString folder = FolderOf(file); !PathCreate(folder)) {
         FileStore::debugFileStore.Error(
             "PullThread: Cannot create the folder %S: check space and permissions\n", folder);
+        NoteWhy(file, {.code = Waiting::LocalFailure,
+                       .detail = KelFormat("the folder %S cannot be created: check space and permissions",
+                                           folder)});
         return PostponeDownload(file.FileId) ? 1 : 0;
     }
     // Before the transfer: otherwise it would be repeated in a tight loop while writes fail.
@@ -129,12 +155,16 @@ int FileStorePullThread::DownloadFile() {
 
 bool FileStorePullThread::FetchByUnicast(const FileStoreEntry& file, const KelString& sender,
                                          Attempt& attempt) {
+    const KelString peer = PeerName(sender);
     const DownloadStart start = PrepareResume(file, attempt.largest);
     if (start.isComplete) return FinishCompleteDownload(file);
     attempt.offset = start.offset;
     const unsigned int result = Fetch(file, sender, attempt);
     if (!IsStillWanted(file.FileId)) return RequestSpoiltContent(file);
     if (attempt.madeWay) return InterruptDownload(file);
+    const bool isWhole = attempt.status == kHttpStatusOk || attempt.status == kHttpStatusPartialContent;
+    if (result != kHttpRefused && (result != kHttpCompleted || !isWhole))
+        NoteTransfer(file, ReasonOfTransfer(result, attempt.status, peer, attempt.errorText));
     if (result == kHttpCutOff || result == kHttpUnreachable) {
         const bool recorded = KeepForRetry(file, result);
         if (file.SourceDevice.empty()) ReportTransferResult(result);
@@ -152,13 +182,15 @@ bool FileStorePullThread::FetchByUnicast(const FileStoreEntry& file, const KelSt
         FileStore::debugFileStore.Warning("PullThread: Relay does not have the requested file\n");
         return RestartDownloadLater(file);
     }
-    if (attempt.status != kHttpStatusOk && attempt.status != kHttpStatusPartialContent) {
+    if (!isWhole) {
         FileStore::debugFileStore.Warning(
             "PullThread: The request for %S was answered with HTTP status %u; it is repeated later\n",
             file.FileURL, attempt.status);
         return PostponeDownload(file.FileId);
     }
-    return HasAnnouncedContent(file) ? FinishDownload(file) : RestartDownloadLater(file);
+    if (HasAnnouncedContent(file)) return FinishDownload(file);
+    NoteWhy(file, {.code = Waiting::ChecksumWrong, .peer = peer});
+    return RestartDownloadLater(file);
 }
 
 unsigned int FileStorePullThread::Fetch(const FileStoreEntry& file, const KelString& sender,
@@ -178,10 +210,12 @@ unsigned int FileStorePullThread::Fetch(const FileStoreEntry& file, const KelStr
     answer.SetSizeLimit(attempt.largest);
     FileStore::debugFileStore.Print("PullThread: Downloading URL %S (offset %gu)\n", file.FileURL,
                                     attempt.offset);
+    const TransferMark mark(Side::Downstream, file.FileId, attempt.offset);
     const unsigned int result = transfer.Run(request, answer, file.Bypass);
     FileStore::debugFileStore.Print("PullThread: Download from %S returned %u\n", file.FileURL, result);
     if (result != kHttpCompleted && result != kHttpCutOff)
         FileStore::debugFileStore.Detail("PullThread: %S\n", transfer.GetErrorText());
+    attempt.errorText = transfer.GetErrorText();
     attempt.status = answer.GetStatus();
     attempt.madeWay = attempt.madeWay && result == kHttpCutOff;
     return result;

@@ -45,6 +45,9 @@ constexpr std::array kActions = {
     Action{"FileStoreListFiles ()", &FileStore::ActionHandler_FileStoreListFiles},
     Action{"FileStoreGetFileInfo (string strFileType, string strFileName, string strChecksum)",
            &FileStore::ActionHandler_FileStoreGetFileInfo},
+    Action{"FileStoreExplainFile (string FileType, string FileLabel, string FileName, string FileChecksum, "
+           "container DevicePath, string GUID)",
+           &FileStore::ActionHandler_FileStoreExplainFile},
     Action{"FileStoreGetDeviceUrl ()", &FileStore::ActionHandler_FileStoreGetDeviceUrl},
     Action{"FileStoreGetMulticastStatus ()", &FileStore::ActionHandler_FileStoreGetMulticastStatus},
     Action{"FileStoreGetMulticastDetails ()", &FileStore::ActionHandler_FileStoreGetMulticastDetails},

@@ -7,6 +7,7 @@
 #include "filestore/state/device.h"
 #include "filestore/state/file_store.h"
 #include "filestore/state/settings.h"
+#include "filestore/state/waiting_reasons.h"
 #include "filestore/up/push_thread.h"
 #include "filestore/up/upload_policy.h"
 #include "kelcore/action_db.h"
@@ -96,10 +97,15 @@ FileStorePushThread::Outcome FileStorePushThread::RequestFile(bool& reachedParen
         if (error == kKelErrorGuidScheme) FileStore::UpdateGuidScheme();
         FileStore::debugFileStore.Warning("PushThread: Failed to call %s, error %u\n", kRequestAction, error);
         PostponeRequest(file.FileId);
+        Reasons().Note(Side::Downstream, file.FileId, WaitingStep::Request,
+                       ReasonOfCall(error, PeerName(parentUrl)));
         ReportParentError(error);
         return Outcome::Failed;
     }
     reachedParent = true;
+    if (UrlOf(call).empty())
+        Reasons().Note(Side::Downstream, file.FileId, WaitingStep::Request,
+                       {.code = Waiting::ParentLacksFile, .peer = PeerName(parentUrl)});
     FileStore::debugFileStore.Detail("PushThread: Request upstream returned %u, URL %S\n", error,
                                      call.GetString(kValueFileUrl));
     return RecordAnswer(file, call) ? Outcome::Done : Outcome::Failed;

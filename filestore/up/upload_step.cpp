@@ -5,6 +5,7 @@
 #include "filestore/state/contact.h"
 #include "filestore/state/file_store.h"
 #include "filestore/state/store_layout.h"
+#include "filestore/state/waiting_reasons.h"
 #include "filestore/up/manual_upload.h"
 #include "filestore/up/push_thread.h"
 #include "filestore/up/upload_policy.h"
@@ -147,9 +148,17 @@ FileStorePushThread::Upload FileStorePushThread::UploadRow(const FileStoreEntry&
     request.SetResourcePath(entry.FileURL);
     request.SetBodyFile(path);
     HttpMessage answer;
+    const TransferMark mark(Side::Upstream, entry.FileId, 0);
     const unsigned int result = transfer.Run(request, answer, entry.Bypass);
     FileStore::debugFileStore.Detail("PushThread: File upload returned %u\n", result);
-    if (result == kHttpCompleted && answer.GetStatus() / 100 == 2) return Upload::Stored;
+    if (result == kHttpCompleted && answer.GetStatus() / 100 == 2) {
+        Reasons().MovedOn(Side::Upstream, entry.FileId);
+        return Upload::Stored;
+    }
+    if (result != kHttpRefused)
+        Reasons().Note(
+            Side::Upstream, entry.FileId, WaitingStep::Upload,
+            ReasonOfTransfer(result, answer.GetStatus(), PeerName(parentUrl), transfer.GetErrorText()));
     FileStore::debugFileStore.Warning("PushThread: Upload of %S failed (HTTP status %u): %S\n",
                                       entry.FileName, answer.GetStatus(), transfer.GetErrorText());
     const unsigned int refusal = result == kHttpCompleted ? answer.GetStatus() : 0;
