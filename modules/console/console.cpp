@@ -82,7 +82,8 @@ Console::Console()
       publications_(database_),
       directory_(Log(), deviceStore_),
       intake_(Log(), deviceStore_, publications_),
-      publisher_(Log(), directory_, publications_) {}
+      publisher_(Log(), directory_, publications_),
+      explainer_(directory_, publications_) {}
 
 void Console::Register(const char* handle) {
     const auto bind = [this](unsigned int (Console::*handler)(KelContainer*)) {
@@ -95,6 +96,8 @@ void Console::Register(const char* handle) {
         "ConsolePublish (string FilePath, string FileType, string FileLabel, string FileName, string Device, "
         "int32 Priority, bool Bypass, bool WakeOnLan, int32 KeepCopy, container FileInfo)",
         bind(&Console::Publish), handle);
+    ActionDbRegisterAction("ConsoleExplain (string PublicationId, string Device)", bind(&Console::Explain),
+                           handle);
     ActionDbRegisterAction(kReceiveSignature, bind(&Console::ReceiveUpstream), handle);
     ActionDbRegisterAction(
         "QuarnelDbRunScript (string Script)",
@@ -226,6 +229,13 @@ unsigned int Console::Publish(KelContainer* arguments) {
     Log().Print("Published %S to %d devices as %S; %d have it already, %d cannot get it\n",
                 request->file.Text(), result->GetInt32("Targets"), result->GetString("PublicationId"),
                 result->GetInt32("Delivered"), result->GetInt32("Failed"));
+    *arguments = std::move(*result);
+    return kKelOk;
+}
+
+unsigned int Console::Explain(KelContainer* arguments) {
+    auto result = explainer_.Explain(arguments->GetString("PublicationId"), arguments->GetString("Device"));
+    if (!result) return Fail(arguments, result.Error());
     *arguments = std::move(*result);
     return kKelOk;
 }
