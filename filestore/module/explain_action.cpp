@@ -1,13 +1,17 @@
 #include <algorithm>
 #include <atomic>
+#include <ctime>
 
 #include "filestore/db/files_selection.h"
 #include "filestore/db/files_table.h"
+#include "filestore/db/targets_table.h"
 #include "filestore/down/explain.h"
 #include "filestore/exchange/input_checks.h"
 #include "filestore/exchange/reason_of_file.h"
+#include "filestore/state/bandwidth_manager.h"
 #include "filestore/state/file_store.h"
 #include "filestore/state/parent.h"
+#include "kel/directory.h"
 #include "kel/format.h"
 #include "kelcore/call_origin.h"
 #include "kelcore/error_codes.h"
@@ -78,7 +82,38 @@ unsigned int Explain(KelContainer& arguments) {
     return kKelOk;
 }
 
+/// Writes the span of a closed window; nothing while it is open.
+void WriteWindow(const char* name, const std::optional<FileStoreBandwidthManager::ClosedSpan>& closed,
+                 KelContainer& values) {
+    if (!closed) return;
+    KelContainer span;
+    span.SetInt64("Since", closed->since);
+    span.SetInt64("Until", closed->until);
+    values.SetContainer(name, std::move(span));
+}
+
 }  // namespace
+
+unsigned int FileStore::ActionHandler_FileStoreGetWaiting(KelContainer* arguments) {
+    const std::int64_t now = std::time(nullptr);
+    KelContainer values;
+    WriteWindow("WindowUp", bmTrackUsageUp.GetClosedSpan(now), values);
+    WriteWindow("WindowDown", bmTrackUsageDown.GetClosedSpan(now), values);
+    std::uint64_t free = 0;
+    if (DiskFree(strStorageLocationToUse, free) == 0)
+        values.SetInt64("DiskFree", static_cast<std::int64_t>(free));
+    if (const auto shortage = Reasons().GetSpaceShortage(); shortage.files != 0) {
+        KelContainer full;
+        full.SetInt64("WaitingFiles", shortage.files);
+        full.SetInt64("Since", shortage.since);
+        full.SetInt64("Needed", static_cast<std::int64_t>(shortage.needed));
+        values.SetContainer("DiskFull", std::move(full));
+    }
+    values.SetInt64("WaitingTargets", CountTargets());
+    arguments->Clear();
+    arguments->SetContainer("Values", std::move(values));
+    return kKelOk;
+}
 
 unsigned int FileStore::ActionHandler_FileStoreExplainFile(KelContainer* arguments) {
     const bool hasRoom = ++running <= kMostAtOnce;

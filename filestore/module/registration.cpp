@@ -48,6 +48,7 @@ constexpr std::array kActions = {
     Action{"FileStoreExplainFile (string FileType, string FileLabel, string FileName, string FileChecksum, "
            "container DevicePath, string GUID)",
            &FileStore::ActionHandler_FileStoreExplainFile},
+    Action{"FileStoreGetWaiting ()", &FileStore::ActionHandler_FileStoreGetWaiting},
     Action{"FileStoreGetDeviceUrl ()", &FileStore::ActionHandler_FileStoreGetDeviceUrl},
     Action{"FileStoreGetMulticastStatus ()", &FileStore::ActionHandler_FileStoreGetMulticastStatus},
     Action{"FileStoreGetMulticastDetails ()", &FileStore::ActionHandler_FileStoreGetMulticastDetails},

@@ -164,6 +164,8 @@ class FileStore {
     static unsigned int ActionHandler_FileStoreGetFileInfo(KelContainer* arguments);
     /// Why a file waits here and on the way to its targets (module/explain_action.cpp).
     static unsigned int ActionHandler_FileStoreExplainFile(KelContainer* arguments);
+    /// What holds files back on this device as a whole: closed windows, a full disk, targets that wait.
+    static unsigned int ActionHandler_FileStoreGetWaiting(KelContainer* arguments);
     static unsigned int ActionHandler_FileStoreGetDeviceUrl(KelContainer* arguments);
     static unsigned int ActionHandler_FileStoreGetMulticastStatus(KelContainer* arguments);
     static unsigned int ActionHandler_FileStoreGetMulticastDetails(KelContainer* arguments);

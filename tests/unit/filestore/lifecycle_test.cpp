@@ -41,7 +41,7 @@ TEST_F(Lifecycle, ActionsRefuseCallsWhileTheDatabasesAreClosed) {
         ++actions;
         Ask(signature.substr(0, signature.find(' ')), {}, kKelErrorNotAvailable);
     }
-    EXPECT_EQ(actions, 28);
+    EXPECT_EQ(actions, 29);
 }
 
 TEST_F(Lifecycle, InitialisationFailsAndClosesWhatItOpenedWithoutADatabase) {
