@@ -8,6 +8,8 @@
 #include "kelcore/action_db.h"
 #include "kelcore/agent.h"
 #include "kelcore/error_codes.h"
+#include "kelcore/error_text.h"
+#include "kelcore/failure_log.h"
 
 namespace {
 
@@ -69,6 +71,12 @@ CallbackRegistry& Registry() {
     return registry;
 }
 
+/// Those of the subscribed actions; workers trigger an event again until they succeed.
+KelFailureLog& Failures() {
+    static KelFailureLog failures(CoreLog());
+    return failures;
+}
+
 }  // namespace
 
 void CallbackDbRegisterAction(const KelString& eventName, const KelString& actionSignature,
@@ -94,9 +102,15 @@ unsigned int CallbackDbTrigger(const KelString& eventName, const KelContainer& a
         KelContainer own = arguments;
         const unsigned int code = CallLocal(action, own);
         codes.SetInt32(action, static_cast<std::int32_t>(code));
-        if (code == kKelOk) continue;
+        const KelString failure = eventName + " " + action;
+        if (code == kKelOk) {
+            Failures().Succeeded(failure, KelFormat("Event %S: action %S succeeds again", eventName, action));
+            continue;
+        }
         if (code < kFirstModuleCode) {
-            CoreLog().Warning("Event %S: action %S failed, error %u.\n", eventName, action, code);
+            Failures().Failed(
+                KelDebugLevel::Warning, failure,
+                KelFormat("Event %S: action %S failed: %S", eventName, action, KelErrorText(code)));
         } else {
             CoreLog().Detail("Event %S: action %S answered %u.\n", eventName, action, code);
         }

@@ -13,14 +13,17 @@ namespace filestore {
 
 namespace {
 
+constexpr char kMarkDue[] =
+    "UPDATE Targets SET IsDue = 1 WHERE CanBeAnnounced = 1 AND IsDue = 0 AND LastNotifyTime %s %ld";
+// The order is that of the indexes WorkAnnounce..., which the join must not change.
 constexpr char kDue[] =
-    "SELECT %s, %s FROM Files JOIN Targets ON Files.FileId = Targets.FileId AND LastNotifyTime %s %ld WHERE "
-    "FileStatus IN ('%s', '%s') AND LastStatusChangeTime NOT BETWEEN %ld AND %ld AND (Upstream = 0 AND "
-    "Acknowledged <> 0) %S ORDER BY Priority DESC, ((0.33 * CreateTime) + (0.67 * LastNotifyTime)) ASC, "
-    "Files.FileId ASC LIMIT %u";
+    "SELECT %s, %s FROM Targets CROSS JOIN Files ON Files.FileId = Targets.FileId WHERE CanBeAnnounced = 1 "
+    "AND "
+    "IsDue = 1 AND LastStatusChangeTime NOT BETWEEN %ld AND %ld %S ORDER BY FilePriority DESC, ((0.33 * "
+    "FileCreateTime) + (0.67 * LastNotifyTime)) ASC, Targets.FileId ASC LIMIT %u";
 constexpr char kOnThisDevice[] = "AND DeviceGUID = ''";
 constexpr char kOnOtherDevices[] = "AND DeviceGUID <> ''%s%S";
-constexpr char kPassesClosedWindow[] = " AND Bypass = 1";
+constexpr char kPassesClosedWindow[] = " AND FileBypass = 1";
 constexpr char kNotOn[] = " AND DeviceGUID NOT IN (%S)";
 constexpr char kOne[] =
     "SELECT %s, %s FROM Files JOIN Targets ON Files.FileId = Targets.FileId WHERE Files.FileId = %lu AND "
@@ -39,19 +42,22 @@ constexpr char kInsert[] =
     "WakeUpDevice) "
     "VALUES (%lu, %lu, '%Q', '%Q', %ld, %ld, %u)";
 constexpr char kUpdate[] =
-    "UPDATE Targets SET DeviceGUID = '%Q', DevicePath = '%Q', LastNotifyTime = %ld, WakeUpDevice = %u WHERE "
+    "UPDATE Targets SET DeviceGUID = '%Q', DevicePath = '%Q', LastNotifyTime = %ld, IsDue = %u, WakeUpDevice "
+    "= %u WHERE "
     "TargetId = %lu";
 // The path names that begin with a device URL, which "/" ends; "0" is the character behind that.
 constexpr char kFailedOfDevice[] =
     "DeviceGUID >= '%Q' AND DeviceGUID < '%Q0' AND LastNotifyTime BETWEEN 1 AND %ld";
 constexpr char kAnyFailed[] = "SELECT TargetId FROM Targets WHERE %S LIMIT 1";
-constexpr char kMakeDue[] = "UPDATE Targets SET LastNotifyTime = 0 WHERE %S";
-constexpr char kSetNotifyTime[] = "UPDATE Targets SET LastNotifyTime = %ld WHERE TargetId = %lu";
+constexpr char kMakeDue[] = "UPDATE Targets SET LastNotifyTime = 0, IsDue = 1 WHERE %S";
+constexpr char kSetNotifyTime[] = "UPDATE Targets SET LastNotifyTime = %ld, IsDue = %u WHERE TargetId = %lu";
 constexpr char kSetDevice[] = "UPDATE Targets SET DeviceGUID = '%Q', DevicePath = '%Q' WHERE TargetId = %lu";
 constexpr char kDeleteOfDevice[] = "DELETE FROM Targets WHERE FileId = %lu AND DeviceGUID LIKE '%/%Q%'";
 constexpr char kDeleteAll[] = "DELETE FROM Targets WHERE TargetId IN (%S)";
-constexpr char kSetNotifyTimes[] = "UPDATE Targets SET LastNotifyTime = %ld WHERE TargetId IN (%S)";
-constexpr char kPostponeDevices[] = "UPDATE Targets SET LastNotifyTime = %ld WHERE DeviceGUID IN (%S)";
+constexpr char kSetNotifyTimes[] =
+    "UPDATE Targets SET LastNotifyTime = %ld, IsDue = 0 WHERE TargetId IN (%S)";
+constexpr char kPostponeDevices[] =
+    "UPDATE Targets SET LastNotifyTime = %ld, IsDue = 0 WHERE DeviceGUID IN (%S)";
 
 FileStoreDatabase Database() {
     return FileStoreGetDatabase(Side::Downstream);
@@ -85,6 +91,11 @@ std::optional<KelVector<FileStoreTarget>> Select(const KelString& statement) {
     return targets;
 }
 
+/// A target that was never announced, or is to be announced again, needs no mark.
+unsigned int IsDueAt(std::int64_t notifyTime) {
+    return notifyTime == 0 ? 1 : 0;
+}
+
 KelString QuotedList(const KelVector<KelString>& texts) {
     KelString list;
     for (const KelString& text : texts)
@@ -109,17 +120,13 @@ KelVector<FileTarget> SelectDueTargets(const DueTargets& wanted) {
         KelFormat(kOnOtherDevices, wanted.windowClosed ? kPassesClosedWindow : "",
                   wanted.except.empty() ? KelString() : KelFormat(kNotOn, QuotedList(wanted.except)));
     const KelString condition = wanted.where == DueTargets::Where::ThisDevice ? kOnThisDevice : others;
-    const auto select = [&](const char* comparison, std::int64_t time, std::size_t most) {
-        return SelectWithFiles(KelFormat(kDue, FileStoreEntry::kColumns, FileStoreTarget::kColumns,
-                                         comparison, time, kStatusAvailable, kStatusNotRelaysChild,
-                                         wanted.due, LatestPossibleTime(std::time(nullptr)), condition,
-                                         static_cast<unsigned int>(most)));
-    };
-    KelVector<FileTarget> rows = select(">", wanted.latest, wanted.limit);
-    if (rows.size() < wanted.limit)
-        for (FileTarget& row : select("<", wanted.due, wanted.limit - rows.size()))
-            rows.push_back(std::move(row));
-    return rows;
+    return SelectWithFiles(KelFormat(kDue, FileStoreEntry::kColumns, FileStoreTarget::kColumns, wanted.due,
+                                     LatestPossibleTime(std::time(nullptr)), condition, wanted.limit));
+}
+
+bool MarkDueTargets(std::int64_t due, std::int64_t latest) {
+    const KelLock lock(Database().mutex);
+    return Change(KelFormat(kMarkDue, "<", due)) && Change(KelFormat(kMarkDue, ">", latest));
 }
 
 KelVector<FileTarget> SelectTarget(std::uint64_t fileId, std::uint64_t targetId) {
@@ -159,7 +166,7 @@ KelVector<FileStoreTarget> SelectAllTargets() {
 std::uint64_t StoreTarget(std::uint64_t fileId, const FileStoreTarget& target) {
     if (target.TargetId != 0)
         return Change(KelFormat(kUpdate, target.DeviceGUID, target.DevicePath, target.LastNotifyTime,
-                                target.WakeUpDevice, target.TargetId))
+                                IsDueAt(target.LastNotifyTime), target.WakeUpDevice, target.TargetId))
                    ? target.TargetId
                    : 0;
     const std::uint64_t targetId = Database().sequence.GetId("Targets", "TargetId");
@@ -202,7 +209,7 @@ bool MakeTargetsDue(const KelString& deviceUrl, std::int64_t now) {
 }
 
 bool SetNotifyTime(std::uint64_t targetId, std::int64_t time) {
-    return Change(KelFormat(kSetNotifyTime, time, targetId));
+    return Change(KelFormat(kSetNotifyTime, time, IsDueAt(time), targetId));
 }
 
 bool SetTargetDevice(const FileStoreTarget& target) {

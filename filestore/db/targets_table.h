@@ -38,14 +38,16 @@ struct FileTarget {
 
 // ---- selections
 
-/// Which of the due targets are selected: those of available files where neither file nor target was touched
-/// since `due`. Notification times above `latest`, which nothing writes, were written before the clock was
-/// set back: these targets are due too and come first.
+/// Marks the targets of available files whose last announcement was before `due`; new ones are marked
+/// already. Notification times above `latest`, which nothing writes, were written before the clock was set
+/// back: these targets are due too. Before a selection. False when that failed.
+bool MarkDueTargets(std::int64_t due, std::int64_t latest);
+
+/// Which of the marked targets are selected; `due` leaves out those whose file was touched later.
 struct DueTargets {
     enum class Where : unsigned char { ThisDevice, OtherDevices };
 
     std::int64_t due = 0;
-    std::int64_t latest = 0;
     Where where = Where::ThisDevice;
     bool windowClosed = false;    ///< of other devices only those of bypass files
     KelVector<KelString> except;  ///< path names of devices that are left out

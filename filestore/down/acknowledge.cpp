@@ -16,6 +16,7 @@
 #include "kel/text.h"
 #include "kelcore/action_db.h"
 #include "kelcore/error_codes.h"
+#include "kelcore/error_text.h"
 #include "kelcore/file_values.h"
 
 using namespace filestore;
@@ -26,6 +27,9 @@ using namespace filestore;
 namespace {
 
 constexpr const char* kAction = "FileStoreAcknowledgeFile";
+
+/// Under which FileStore::failures knows that acknowledging fails.
+constexpr const char* kFailureKey = "acknowledge";
 
 void WaitForRetry(std::uint64_t fileId) {
     UpdateFileStatus(Side::Downstream, fileId, kStatusAvailable, kStatusAvailable, NextTry::AfterTimeout);
@@ -47,6 +51,14 @@ void AcknowledgeNamedPackage(const FileStoreEntry& rule, const KelString& callUr
     // The rule file names neither type nor label.
     const FileRows packages = SelectFilesOfContent(name, checksum);
     if (!packages.empty()) SendAcknowledgement(callUrl, packages.front().Key(), ownUrl);
+}
+
+void LogFailure(const FileStoreEntry& file, unsigned int error) {
+    if (FileStore::failures.Failed(KelDebugLevel::Error, kFailureKey,
+                                   KelFormat("PullThread: Failed to call %s, error %u", kAction, error)))
+        FileStore::debugFileStore.Warning(
+            "PullThread: The sender of %S does not learn that it arrived: %S; tried again every %lu s\n",
+            file.Key().Text(), KelErrorText(error), FileStore::ulPullTimeout.load());
 }
 
 }  // namespace
@@ -73,22 +85,22 @@ int FileStorePullThread::AcknowledgeFile() {
     const FileRows rows = SelectAcknowledgement(FileStoreDueBefore(FileStore::ulPullTimeout), PassingNow());
     if (rows.empty()) return 0;
     const FileStoreEntry& file = rows.front();
-    FileStore::debugFileStore.Print("PullThread: Acknowledging %S/%S/%S upstream\n", file.FileType,
-                                    file.FileLabel, file.FileName);
+    FileStore::debugFileStore.Detail("PullThread: Acknowledging %S/%S/%S upstream\n", file.FileType,
+                                     file.FileLabel, file.FileName);
     const KelString callUrl = SenderUrl(file.SourceDevice);
     if (callUrl.empty()) {
         WaitForRetry(file.FileId);
         return 0;
     }
     if (const unsigned int error = SendAcknowledgement(callUrl, file.Key(), ownUrl); error != kKelOk) {
-        FileStore::debugFileStore.Error("PullThread: Failed to call %S, error %u\n", KelString(kAction),
-                                        error);
+        LogFailure(file, error);
         WaitForRetry(file.FileId);
         Reasons().Note(Side::Downstream, file.FileId, WaitingStep::Acknowledge,
                        ReasonOfCall(error, PeerName(callUrl)));
         if (file.SourceDevice.empty()) ReportParentError(error);
         return 0;
     }
+    FileStore::failures.Succeeded(kFailureKey, "PullThread: The sender takes acknowledgements again");
     // Not "done" while writes fail: the acknowledgement would be resent in a tight loop.
     if (!SetAcknowledged(file.FileId)) return 0;
     Reasons().MovedOn(Side::Downstream, file.FileId);

@@ -14,6 +14,7 @@
 #include "kelcore/action_db.h"
 #include "kelcore/device_name.h"
 #include "kelcore/error_codes.h"
+#include "kelcore/error_text.h"
 #include "kelcore/file_values.h"
 
 namespace filestore {
@@ -115,7 +116,11 @@ bool IsValidDestination(const KelString& deviceGuid) {
 
 bool WakeUpTarget(const FileStoreTarget& target, unsigned int error) {
     if (target.WakeUpDevice != 1) return false;
-    FileStore::debugFileStore.Error("NotifyThread: Failed to call %S, error %u\n", target.DeviceGUID, error);
+    if (FileStore::failures.Failed(
+            KelDebugLevel::Error, "wake " + target.DeviceGUID,
+            KelFormat("NotifyThread: Failed to call %S, error %u", target.DeviceGUID, error)))
+        FileStore::debugFileStore.Warning("NotifyThread: %S does not answer (%S) and is to be woken\n",
+                                          target.DeviceGUID, KelErrorText(error));
     if (!ActionDbIsActionRegistered("WakeOnLanWakeUp")) {
         FileStore::debugFileStore.Trace("NotifyThread: Will not use WakeOnLan, not running\n");
         return false;

@@ -26,6 +26,8 @@ using namespace filestore;
 
 namespace {
 
+constexpr char kBeginning[] = "PullThread: Downloading URL %S (offset %gu)\n";
+
 KelString FolderOf(const FileStoreEntry& file) {
     return FileStore::StoreFolder(Side::Downstream, file.Key());
 }
@@ -94,6 +96,13 @@ bool ListenToMulticast(const FileStoreEntry& file) {
                             NextTry::AtOnce);
 }
 
+void LogBeginning(const FileStoreEntry& file, std::uint64_t offset) {
+    if (IsFailing(file))
+        FileStore::debugFileStore.Detail(kBeginning, file.FileURL, offset);
+    else
+        FileStore::debugFileStore.Print(kBeginning, file.FileURL, offset);
+}
+
 }  // namespace
 
 namespace filestore {
@@ -133,8 +142,10 @@ int FileStorePullThread::DownloadFile() {
     if (space == Space::TooLittle) PostponeDownload(file.FileId);
     if (space != Space::Enough) return 0;
     if (const KelString folder = FolderOf(file); !PathCreate(folder)) {
-        FileStore::debugFileStore.Error(
-            "PullThread: Cannot create the folder %S: check space and permissions\n", folder);
+        LogDownloadFailure(
+            file, KelDebugLevel::Error,
+            KelFormat("PullThread: Cannot create the folder %S: check space and permissions", folder),
+            "it has no folder");
         NoteWhy(file, {.code = Waiting::LocalFailure,
                        .detail = KelFormat("the folder %S cannot be created: check space and permissions",
                                            folder)});
@@ -165,27 +176,29 @@ bool FileStorePullThread::FetchByUnicast(const FileStoreEntry& file, const KelSt
     const bool isWhole = attempt.status == kHttpStatusOk || attempt.status == kHttpStatusPartialContent;
     if (result != kHttpRefused && (result != kHttpCompleted || !isWhole))
         NoteTransfer(file, ReasonOfTransfer(result, attempt.status, peer, attempt.errorText));
-    if (result == kHttpCutOff || result == kHttpUnreachable) {
-        const bool recorded = KeepForRetry(file, result);
+    if (result == kHttpBadAnswer && file.FileSize == 0) {
+        LogDownloadFailure(file, KelDebugLevel::Error,
+                           KelFormat("PullThread: %S has no known size and does not end within %lu bytes",
+                                     file.FileName, attempt.largest),
+                           "its sender has to announce its size");
+        return RestartDownloadLater(file);
+    }
+    if (result != kHttpCompleted) {
+        const bool recorded = KeepForRetry(file, result, attempt.errorText);
         if (file.SourceDevice.empty()) ReportTransferResult(result);
         return recorded;
     }
-    if (result == kHttpBadAnswer && file.FileSize == 0) {
-        FileStore::debugFileStore.Error(
-            "PullThread: %S has no known size and does not end within %lu bytes: its sender has to announce "
-            "its size\n",
-            file.FileName, attempt.largest);
-        return RestartDownloadLater(file);
-    }
-    if (result != kHttpCompleted) return KeepForRetry(file, result);
     if (attempt.status == kHttpStatusNotFound || attempt.status == kHttpStatusRangeNotSatisfiable) {
-        FileStore::debugFileStore.Warning("PullThread: Relay does not have the requested file\n");
+        LogDownloadFailure(
+            file, KelDebugLevel::Warning, "PullThread: Relay does not have the requested file",
+            KelFormat("%S does not exist on the sender (HTTP status %u)", file.FileURL, attempt.status));
         return RestartDownloadLater(file);
     }
     if (!isWhole) {
-        FileStore::debugFileStore.Warning(
-            "PullThread: The request for %S was answered with HTTP status %u; it is repeated later\n",
-            file.FileURL, attempt.status);
+        LogDownloadFailure(file, KelDebugLevel::Warning,
+                           KelFormat("PullThread: The request for %S was answered with HTTP status %u",
+                                     file.FileURL, attempt.status),
+                           "the sender cannot serve it now; its log says why");
         return PostponeDownload(file.FileId);
     }
     if (HasAnnouncedContent(file)) return FinishDownload(file);
@@ -208,13 +221,10 @@ unsigned int FileStorePullThread::Fetch(const FileStoreEntry& file, const KelStr
     answer.SetBodyFile(file.FilePath);
     answer.SetExpectedSize(static_cast<std::uint64_t>(file.FileSize));
     answer.SetSizeLimit(attempt.largest);
-    FileStore::debugFileStore.Print("PullThread: Downloading URL %S (offset %gu)\n", file.FileURL,
-                                    attempt.offset);
+    LogBeginning(file, attempt.offset);
     const TransferMark mark(Side::Downstream, file.FileId, attempt.offset);
     const unsigned int result = transfer.Run(request, answer, file.Bypass);
-    FileStore::debugFileStore.Print("PullThread: Download from %S returned %u\n", file.FileURL, result);
-    if (result != kHttpCompleted && result != kHttpCutOff)
-        FileStore::debugFileStore.Detail("PullThread: %S\n", transfer.GetErrorText());
+    FileStore::debugFileStore.Detail("PullThread: Download from %S returned %u\n", file.FileURL, result);
     attempt.errorText = transfer.GetErrorText();
     attempt.status = answer.GetStatus();
     attempt.madeWay = attempt.madeWay && result == kHttpCutOff;

@@ -7,6 +7,7 @@
 #include "filestore/state/waiting_reasons.h"
 #include "kel/checksum.h"
 #include "kel/file.h"
+#include "kel/format.h"
 #include "kelcore/http/client.h"
 
 namespace filestore {
@@ -14,6 +15,11 @@ namespace filestore {
 namespace {
 
 constexpr const char* kTypeWithAnyContent = "OperationalRuleNetworkPackageInfo";
+
+/// Under which FileStore::failures knows the download.
+KelString FailureKey(const FileStoreEntry& file) {
+    return KelFormat("download %lu", file.FileId);
+}
 
 bool RecordPartial(const FileStoreEntry& file, NextTry next) {
     const std::int64_t present = FileGetSize64(file.FilePath);
@@ -31,12 +37,14 @@ bool IsStillWanted(std::uint64_t fileId) {
 }
 
 bool HasAnnouncedContent(const FileStoreEntry& file) {
-    FileStore::debugFileStore.Print("PullThread: Calculating checksum\n");
+    FileStore::debugFileStore.Detail("PullThread: Calculating checksum\n");
     KelString checksum;
     FileMd5(file.FilePath, checksum);
-    FileStore::debugFileStore.Print("PullThread: File checksum is %S\n", checksum);
+    FileStore::debugFileStore.Detail("PullThread: File checksum is %S\n", checksum);
     if (checksum == file.FileChecksum || MayHaveAnyContent(file)) return true;
-    FileStore::debugFileStore.Error("PullThread: File checksum is invalid, requesting again\n");
+    LogDownloadFailure(
+        file, KelDebugLevel::Error, "PullThread: File checksum is invalid, requesting again",
+        KelFormat("its content has the checksum '%S' instead of '%S'", checksum, file.FileChecksum));
     return false;
 }
 
@@ -45,9 +53,21 @@ bool PostponeDownload(std::uint64_t fileId) {
                             NextTry::AfterTimeout);
 }
 
-bool KeepForRetry(const FileStoreEntry& file, unsigned int result) {
+bool IsFailing(const FileStoreEntry& file) {
+    return FileStore::failures.IsFailing(FailureKey(file));
+}
+
+void LogDownloadFailure(const FileStoreEntry& file, KelDebugLevel level, const KelString& line,
+                        const KelString& reason) {
+    if (!FileStore::failures.Failed(level, FailureKey(file), line)) return;
+    FileStore::debugFileStore.Warning("PullThread: %S could not be downloaded: %S; tried again every %lu s\n",
+                                      file.Key().Text(), reason, FileStore::ulPullTimeout.load());
+}
+
+bool KeepForRetry(const FileStoreEntry& file, unsigned int result, const KelString& reason) {
     if (result == kHttpCutOff) return RecordPartial(file, NextTry::AfterTimeout);
-    FileStore::debugFileStore.Error("PullThread: Failed to download file %S\n", file.FileName);
+    LogDownloadFailure(file, KelDebugLevel::Error,
+                       KelFormat("PullThread: Failed to download file %S", file.FileName), reason);
     FileStore::debugFileStore.Trace("PullThread: Received HTTP Client Error %d\n", static_cast<int>(result));
     return PostponeDownload(file.FileId);
 }
@@ -71,6 +91,8 @@ bool RestartDownloadLater(const FileStoreEntry& file) {
 
 bool FinishDownload(const FileStoreEntry& file) {
     Reasons().MovedOn(Side::Downstream, file.FileId);
+    FileStore::failures.Succeeded(FailureKey(file),
+                                  KelFormat("PullThread: %S was downloaded", file.Key().Text()));
     return SetDownloaded(file.FileId, static_cast<std::uint64_t>(FileGetSize64(file.FilePath)));
 }
 

@@ -3,6 +3,7 @@
 #include <cstdint>
 
 #include "filestore/db/file_store_entry.h"
+#include "kel/debug.h"
 
 /// Recording what came of a download. `file` is the row as the pull thread selected it, with FilePath set to
 /// where the content goes.
@@ -27,8 +28,17 @@ bool MayHaveAnyContent(const FileStoreEntry& file);
 /// The next try follows after PullTimeout, from where this one ended.
 bool PostponeDownload(std::uint64_t fileId);
 
-/// The transfer ended with `result`, an error of HttpClient. What has arrived stays for the next try.
-bool KeepForRetry(const FileStoreEntry& file, unsigned int result);
+/// The last try of the file failed, which has been logged.
+bool IsFailing(const FileStoreEntry& file);
+
+/// Logs that a download failed, when it begins to: `line`, and the file with `reason`. FinishDownload logs
+/// the end.
+void LogDownloadFailure(const FileStoreEntry& file, KelDebugLevel level, const KelString& line,
+                        const KelString& reason);
+
+/// The transfer ended with `result`, an error of HttpClient, which `reason` explains. What has arrived stays
+/// for the next try.
+bool KeepForRetry(const FileStoreEntry& file, unsigned int result, const KelString& reason);
 
 /// The transfer has made way for a more urgent file and goes on behind it.
 bool InterruptDownload(const FileStoreEntry& file);

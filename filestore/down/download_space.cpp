@@ -33,10 +33,12 @@ std::uint64_t BytesOnDisk(const FileStoreEntry& file) {
 }
 
 Space TooLittle(const FileStoreEntry& file, std::uint64_t available, std::uint64_t needed) {
-    FileStore::debugFileStore.Error(
-        "PullThread: Not enough available free space to download the file %S. Only %gu bytes available. %gu "
-        "bytes needed.\n",
-        file.FileName, available, needed);
+    LogDownloadFailure(
+        file, KelDebugLevel::Error,
+        KelFormat("PullThread: Not enough available free space to download the file %S. Only %gu bytes "
+                  "available. %gu bytes needed.",
+                  file.FileName, available, needed),
+        "make room in " + FileStore::strStorageLocationToUse);
     Reasons().Note(Side::Downstream, file.FileId, WaitingStep::Download,
                    {.code = Waiting::DiskFull, .bytes = available, .whole = needed});
     return Space::TooLittle;

@@ -39,7 +39,6 @@ unsigned int BatchSize() {
 DueTargets DueNow(DueTargets::Where where, unsigned int limit) {
     DueTargets wanted;
     wanted.due = FileStoreDueBefore(FileStore::ulTimeout);
-    wanted.latest = LatestPossibleTime(TimeOfAnnounced(std::time(nullptr)));
     wanted.where = where;
     wanted.windowClosed = FileStore::bmTrackUsageDown.TransfersAreDisabled();
     wanted.limit = limit;
@@ -175,6 +174,9 @@ bool FileStoreNotifyThread::NotifySingle(unsigned int fileId, unsigned int targe
 /// Targets on this device come first and never wait for a call to another one.
 bool FileStoreNotifyThread::NotifyBatch() {
     if (!Record(calls_.Collect())) return false;
+    // When the database takes no changes, those marked before are still announced.
+    MarkDueTargets(FileStoreDueBefore(FileStore::ulTimeout),
+                   LatestPossibleTime(TimeOfAnnounced(std::time(nullptr))));
     const unsigned int limit = BatchSize();
     KelVector<FileTarget> local = SelectDueTargets(DueNow(DueTargets::Where::ThisDevice, limit));
     if (!local.empty() && !NotifyThisDevice(local)) return false;

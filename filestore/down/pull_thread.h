@@ -33,7 +33,7 @@ class FileStorePullThread : public FileThreadBase {
         std::uint64_t offset = 0;
         unsigned int status = 0;  ///< of the answer
         bool madeWay = false;     ///< stopped for a more urgent file
-        KelString errorText;      ///< of the HTTP client
+        KelString errorText;      ///< why the client failed
     };
 
     /// True when the outcome is recorded.

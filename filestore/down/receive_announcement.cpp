@@ -151,14 +151,17 @@ unsigned int ReceiveDownstreamRemote(KelContainer& arguments, Offer& offer) {
                                     announced.multicast.port, announced.multicast.blockSize);
     arguments.Clear();
     if (!PathCreate(FileStore::StoreFolder(Side::Downstream, key)))
-        FileStore::debugFileStore.Warning("Cannot make the folder of %S/%S/%S\n", key.type, key.label,
-                                          key.name);
+        FileStore::failures.Failed(
+            KelDebugLevel::Warning, "announced folder",
+            KelFormat("Cannot make the folder of %S: check space and permissions", key.Text()));
+    else
+        FileStore::failures.Succeeded("announced folder", "Folders of announced files can be made again");
 
     const Recorded recorded = Record(announced);
     if (recorded == Recorded::Failed) return kKelErrorBadInput;
     if (recorded == Recorded::ToBeDownloaded) FileStore::WakeWorker(Worker::Pull);
-    FileStore::debugFileStore.Print("Received downstream remote file %S/%S/%S\n", key.type, key.label,
-                                    key.name);
+    FileStore::debugFileStore.Detail("Received downstream remote file %S/%S/%S\n", key.type, key.label,
+                                     key.name);
     return kKelOk;
 }
 

@@ -28,12 +28,14 @@ DownloadStart PrepareResume(const FileStoreEntry& file, std::uint64_t largest) {
 
 // The earlier attempt may have ended before the content was verified, or before it was on the disk.
 bool FinishCompleteDownload(const FileStoreEntry& file) {
-    FileStore::debugFileStore.Print("PullThread: Try to download an already available file (%S)\n",
-                                    file.FileName);
+    FileStore::debugFileStore.Detail("PullThread: Try to download an already available file (%S)\n",
+                                     file.FileName);
     if (!HasAnnouncedContent(file)) return RestartDownloadLater(file);
     if (FileSync(file.FilePath)) return FinishDownload(file);
-    FileStore::debugFileStore.Error("PullThread: Cannot bring %S to the disk: check space and permissions\n",
-                                    file.FilePath);
+    LogDownloadFailure(
+        file, KelDebugLevel::Error,
+        KelFormat("PullThread: Cannot bring %S to the disk: check space and permissions", file.FilePath),
+        "it is not on the disk");
     return PostponeDownload(file.FileId);
 }
 

@@ -18,6 +18,7 @@
 // the log outlives all that may write to it, the mutexes and connections outlive the threads.
 
 KelDebug FileStore::debugFileStore("FileStore", "File store module");
+KelFailureLog FileStore::failures(FileStore::debugFileStore);
 KelString FileStore::strModuleIniFile;
 KelString FileStore::strModuleDataPath;
 const char FileStore::szBuildNumber[] = "121004r";

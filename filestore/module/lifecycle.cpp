@@ -91,6 +91,7 @@ void StopWorkers() {
 
 unsigned int FileStore::ModuleInitialise() {
     debugFileStore.Detail("Module Initialise starting\n");
+    failures.Clear();
     strModuleIniFile = KelAgentGetConfigDir() + "FileStore" + ".ini";
     strModuleDataPath = KelAgentGetDataDir() + "FileStore";
     // Defaults in place of what stands there would move the whole store to the default folder.

@@ -9,6 +9,7 @@
 #include "kel/ip_address.h"
 #include "kel/mutex.h"
 #include "kel/types.h"
+#include "kelcore/failure_log.h"
 
 class DBConnection;
 class DBConnectionPool;
@@ -180,6 +181,7 @@ class FileStore {
 
     // ---- shared state (module/file_store.cpp)
     static KelDebug debugFileStore;
+    static KelFailureLog failures;  ///< of what workers repeat: transfers, calls, the parent
     static KelString strModuleIniFile;
     static KelString strModuleDataPath;
     static const char szBuildNumber[];

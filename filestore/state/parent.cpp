@@ -9,6 +9,14 @@
 #include "kelcore/error_codes.h"
 #include "kelcore/http/url.h"
 
+namespace {
+
+// What FileStore::failures knows.
+constexpr const char* kNoRelayModule = "relay module";
+constexpr const char* kNoParent = "parent";
+
+}  // namespace
+
 namespace filestore {
 
 KelString Parent::Host() const {
@@ -58,14 +66,16 @@ void FileStore::GetRelayUrl(KelString& url, KelString& parentGuid) {
     url.clear();
     filestore::Parent parent;
     if (!filestore::ReadParent(parent)) {
-        debugFileStore.Error("Could not read relay info\n");
+        failures.Failed(KelDebugLevel::Error, kNoRelayModule, "Could not read relay info");
         return;
     }
+    failures.Succeeded(kNoRelayModule, "The relay module answers again");
     parentGuid = parent.guid;
     if (!parent.IsKnown()) {
-        debugFileStore.Warning("Current parent is undefined or out of sync\n");
+        failures.Failed(KelDebugLevel::Warning, kNoParent, "Current parent is undefined or out of sync");
         return;
     }
+    failures.Succeeded(kNoParent, "The parent is in sync again");
     url = parent.CallUrl();
 }
 

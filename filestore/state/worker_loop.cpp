@@ -26,5 +26,5 @@ std::optional<std::uint64_t> FileThreadBase::NextWait() const {
 
 void FileThreadBase::ThreadMain() {
     KelPeriodicThread::ThreadMain();
-    if (CheckCancelled(false)) FileStore::debugFileStore.Warning("Thread stopped due to check cancelled.\n");
+    if (CheckCancelled(false)) FileStore::debugFileStore.Detail("Thread stopped due to check cancelled.\n");
 }

@@ -19,6 +19,9 @@ namespace filestore {
 
 namespace {
 
+/// Under which FileStore::failures knows that folders of the store cannot be made.
+constexpr const char* kFolderFailure = "offered folder";
+
 /// A package that an administrated relay passes on keeps the device it came from; anything else is ours.
 KelString SourceDevice(const KelContainer& arguments) {
     const KelContainer& info = arguments.GetContainer(kValueFileInfo);
@@ -91,11 +94,13 @@ unsigned int Expect(FileStoreEntry& entry) {
     entry.FilePath = known->Path();
     entry.FileURL = known->Url();
     if (!PathCreate(known->Folder())) {
-        FileStore::debugFileStore.Warning(
-            "Refusing the offer of %S: cannot make the folder %S; check space and permissions\n",
-            entry.Key().Text(), known->Folder());
+        FileStore::failures.Failed(
+            KelDebugLevel::Warning, kFolderFailure,
+            KelFormat("Refusing the offer of %S: cannot make the folder %S; check space and permissions",
+                      entry.Key().Text(), known->Folder()));
         return kKelErrorNotAvailable;
     }
+    FileStore::failures.Succeeded(kFolderFailure, "Folders of offered files can be made again");
     const bool recorded =
         !known->row
             ? entry.CreateInDatabase(Side::Upstream) != 0

@@ -12,6 +12,7 @@
 #include "filestore/up/upload_policy.h"
 #include "kelcore/action_db.h"
 #include "kelcore/error_codes.h"
+#include "kelcore/error_text.h"
 #include "kelcore/file_values.h"
 
 using namespace filestore;
@@ -95,7 +96,12 @@ FileStorePushThread::Outcome FileStorePushThread::RequestFile(bool& reachedParen
     const unsigned int error = CallDevice(parentUrl, kRequestAction, call);
     if (error != kKelOk) {
         if (error == kKelErrorGuidScheme) FileStore::UpdateGuidScheme();
-        FileStore::debugFileStore.Warning("PushThread: Failed to call %s, error %u\n", kRequestAction, error);
+        if (FileStore::failures.Failed(
+                KelDebugLevel::Warning, kRequestAction,
+                KelFormat("PushThread: Failed to call %s, error %u", kRequestAction, error)))
+            FileStore::debugFileStore.Warning(
+                "PushThread: The parent was not asked for %S: %S; tried again\n", file.Key().Text(),
+                KelErrorText(error));
         PostponeRequest(file.FileId);
         Reasons().Note(Side::Downstream, file.FileId, WaitingStep::Request,
                        ReasonOfCall(error, PeerName(parentUrl)));
@@ -106,6 +112,7 @@ FileStorePushThread::Outcome FileStorePushThread::RequestFile(bool& reachedParen
     if (UrlOf(call).empty())
         Reasons().Note(Side::Downstream, file.FileId, WaitingStep::Request,
                        {.code = Waiting::ParentLacksFile, .peer = PeerName(parentUrl)});
+    FileStore::failures.Succeeded(kRequestAction, "PushThread: The parent takes requests again");
     FileStore::debugFileStore.Detail("PushThread: Request upstream returned %u, URL %S\n", error,
                                      call.GetString(kValueFileUrl));
     return RecordAnswer(file, call) ? Outcome::Done : Outcome::Failed;

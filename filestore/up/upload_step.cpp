@@ -151,16 +151,19 @@ FileStorePushThread::Upload FileStorePushThread::UploadRow(const FileStoreEntry&
     const TransferMark mark(Side::Upstream, entry.FileId, 0);
     const unsigned int result = transfer.Run(request, answer, entry.Bypass);
     FileStore::debugFileStore.Detail("PushThread: File upload returned %u\n", result);
+    const KelString failure = KelFormat("upload %lu", entry.FileId);
     if (result == kHttpCompleted && answer.GetStatus() / 100 == 2) {
         Reasons().MovedOn(Side::Upstream, entry.FileId);
+        FileStore::failures.Succeeded(failure, KelFormat("PushThread: %S was uploaded", entry.Key().Text()));
         return Upload::Stored;
     }
     if (result != kHttpRefused)
         Reasons().Note(
             Side::Upstream, entry.FileId, WaitingStep::Upload,
             ReasonOfTransfer(result, answer.GetStatus(), PeerName(parentUrl), transfer.GetErrorText()));
-    FileStore::debugFileStore.Warning("PushThread: Upload of %S failed (HTTP status %u): %S\n",
-                                      entry.FileName, answer.GetStatus(), transfer.GetErrorText());
+    FileStore::failures.Failed(KelDebugLevel::Warning, failure,
+                               KelFormat("PushThread: Upload of %S failed (HTTP status %u): %S",
+                                         entry.Key().Text(), answer.GetStatus(), transfer.GetErrorText()));
     const unsigned int refusal = result == kHttpCompleted ? answer.GetStatus() : 0;
     if (refusal == kHttpNotFound) {
         // The parent has lost the offer, or had done with it when its answer to an earlier PUT was lost.

@@ -9,6 +9,9 @@ namespace {
 
 constexpr std::size_t kLoggedStatementBytes = 500;
 
+/// The failure that the log of failures knows; the connection has one of its own.
+constexpr const char* kWriting = "writing";
+
 KelString Shortened(const KelString& statement) {
     if (statement.size() <= kLoggedStatementBytes) return statement;
     std::size_t end = kLoggedStatementBytes;
@@ -20,20 +23,32 @@ KelString Shortened(const KelString& statement) {
 }  // namespace
 
 DBConnection::DBConnection(std::unique_ptr<Handle> handle, KelDebug& log)
-    : handle_(std::move(handle)), log_(log) {}
+    : handle_(std::move(handle)), log_(log), failures_(log) {}
 
 DBConnection::~DBConnection() = default;
 
-bool DBConnection::Check(const KelStatus& status, const KelString& statement) const {
-    if (!status)
-        log_.Error("Database %S: %S in: %S\n", handle_->claim.RealPath(), status.Error().message,
-                   Shortened(statement));
-    return static_cast<bool>(status);
+bool DBConnection::Check(const KelStatus& status, const KelString& statement) {
+    if (status) return true;
+    const KelString line = KelFormat("Database %S: %S in: %S", handle_->claim.RealPath(),
+                                     status.Error().message, Shortened(statement));
+    if (!SqliteDatabase::IsOfDisk(status.Error().code))
+        log_.Error("%S\n", line);
+    else if (failures_.Failed(KelDebugLevel::Error, kWriting, line))
+        log_.Error(
+            "Database %S stores nothing until that is remedied: check space and rights of its folder\n",
+            handle_->claim.RealPath());
+    return false;
+}
+
+void DBConnection::ReportWritten() {
+    failures_.Succeeded(kWriting, KelFormat("Database %S can be written again", handle_->claim.RealPath()));
 }
 
 KelResult<std::shared_ptr<const DBResult>> DBConnection::Handle::Run(const KelString& statement) {
     const KelLock lock(mutex);
+    const int pages = database.PagesWritten();
     KelResult<DBResult> result = database.Run(statement);
+    hasStored = result && !database.InTransaction() && database.PagesWritten() != pages;
     if (!result) return result.Error();
     auto rows = std::make_shared<const DBResult>(std::move(*result));
     if (keepsLastResult) lastResult = rows;
@@ -43,8 +58,12 @@ KelResult<std::shared_ptr<const DBResult>> DBConnection::Handle::Run(const KelSt
 std::shared_ptr<const DBResult> DBConnection::Query(const KelString& statement) {
     const auto result = handle_->Run(statement);
     // Logged without the lock: other threads need not wait for it.
-    if (!result) Check(result.Error(), statement);
-    return result ? *result : nullptr;
+    if (!result) {
+        Check(result.Error(), statement);
+        return nullptr;
+    }
+    if (handle_->HasStored()) ReportWritten();
+    return *result;
 }
 
 bool DBConnection::BeginTransaction() {
@@ -54,7 +73,10 @@ bool DBConnection::BeginTransaction() {
 
 bool DBConnection::CommitTransaction() {
     const KelLock lock(handle_->mutex);
-    return Check(handle_->database.Commit(), "COMMIT");
+    const int pages = handle_->database.PagesWritten();
+    if (!Check(handle_->database.Commit(), "COMMIT")) return false;
+    if (handle_->database.PagesWritten() != pages) ReportWritten();
+    return true;
 }
 
 bool DBConnection::RollbackTransaction() {

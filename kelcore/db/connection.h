@@ -9,6 +9,7 @@
 #include "kel/result.h"
 #include "kel/types.h"
 #include "kelcore/db/result.h"
+#include "kelcore/failure_log.h"
 
 class IniFile;
 
@@ -82,8 +83,10 @@ class DBConnection {
     struct Handle;
     DBConnection(std::unique_ptr<Handle> handle, KelDebug& log);
 
-    /// Logs a failure; true when there is none.
-    bool Check(const KelStatus& status, const KelString& statement) const;
+    /// Logs a failure, one of the disk only when it begins; true when there is none.
+    bool Check(const KelStatus& status, const KelString& statement);
+    /// Something was written to the disk: logs it when writing used to fail.
+    void ReportWritten();
     bool OpenScripts(IniFile& ini, const KelString& iniFile) const;
     bool RunScript(const KelString& script);
     bool RunScriptOnce(const KelString& markerKey, const KelString& script);
@@ -93,6 +96,7 @@ class DBConnection {
 
     std::unique_ptr<Handle> handle_;
     KelDebug& log_;
+    KelFailureLog failures_;
 };
 
 /// Holds a transaction open for a scope: rolled back at the end unless Commit was called. The caller holds

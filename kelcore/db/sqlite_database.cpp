@@ -202,6 +202,17 @@ KelStatus SqliteDatabase::QuickCheck() {
     return verdict == "ok" ? KelStatus() : KelStatus(MakeError(SQLITE_CORRUPT, verdict));
 }
 
+int SqliteDatabase::PagesWritten() const {
+    int pages = 0;
+    int highest = 0;
+    sqlite3_db_status(database_, SQLITE_DBSTATUS_CACHE_WRITE, &pages, &highest, 0);
+    return pages;
+}
+
+bool SqliteDatabase::IsOfDisk(unsigned int code) {
+    return code == SQLITE_FULL || code == SQLITE_IOERR || code == SQLITE_READONLY || code == SQLITE_CANTOPEN;
+}
+
 bool SqliteDatabase::IsDamage(unsigned int code) {
     return code == SQLITE_CORRUPT || code == SQLITE_NOTADB;
 }

@@ -47,6 +47,16 @@ class SqliteDatabase {
     /// A failure when the file's structure is not sound.
     KelStatus QuickCheck();
 
+    /// True between Begin and Commit or Rollback.
+    bool InTransaction() const { return transaction_; }
+
+    /// The number of pages that were handed to the disk so far. A statement that changes nothing, or writes
+    /// what is there already, adds none.
+    int PagesWritten() const;
+
+    /// True for the codes of errors that do not depend on the statement: a full disk, missing rights.
+    static bool IsOfDisk(unsigned int code);
+
     /// True for the codes of errors that mean a damaged file, as opposed to a full disk or missing rights.
     static bool IsDamage(unsigned int code);
 

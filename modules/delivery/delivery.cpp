@@ -153,7 +153,7 @@ unsigned int Delivery::Collect(KelContainer* arguments) {
         LogCopyFailure(isNew.Error().message);
         return kKelAnswerTryLater;
     }
-    copyFailure_.clear();
+    LogCopySuccess();
     if (*isNew) Log().Print("Collected %S from %S\n", file->key.Text(), device);
     return kKelAnswerStaysHere;
 }

@@ -3,6 +3,7 @@
 #include "kel/container.h"
 #include "kel/mutex.h"
 #include "kel/periodic_thread.h"
+#include "kelcore/failure_log.h"
 #include "kelcore/module.h"
 #include "modules/delivery/collected.h"
 #include "modules/delivery/commands.h"
@@ -64,13 +65,14 @@ class Delivery : public KelModule {
     void Conclude(const DeliveryJob& job, DeliveryOutcome outcome, const KelString& message = {});
     JobOutcome WorkOnJob(const DeliveryJob& job);
     JobOutcome BringIntoPlace(const DeliveryJob& job);
-    void LogCopyFailure(const KelString& message) KEL_REQUIRES(mutexCopy_);
+    void LogCopyFailure(const KelString& message);
+    void LogCopySuccess();
 
     Inbox inbox_;
     JobQueue jobs_;
     Commands commands_;
     KelMutex mutexCopy_;  ///< one copy at a time, so that an older content cannot replace a newer one
-    KelString copyFailure_ KEL_GUARDED_BY(mutexCopy_);  ///< last message logged
+    KelFailureLog failures_{Log()};
     CollectedFiles collected_;
     bool hasAsked_ = false;     ///< for what was never taken; only `thread_` uses it, and the next
     KelVector<FileKey> taken_;  ///< not yet reported

@@ -16,6 +16,9 @@ constexpr int kMaxReceiptFailures = 10;
 /// Without arguments, lists the files that were handed over and not taken; with "Taken", forgets these.
 constexpr const char* kUntakenAction = "FileStoreGetUntakenFiles";
 
+/// The failure that the log of failures knows.
+constexpr const char* kCopying = "copying";
+
 }  // namespace
 
 /// Copies a file to the inbox on the caller's thread, so that the file store knows at once whether it
@@ -43,7 +46,7 @@ unsigned int Delivery::Deliver(const ReceivedFile& file, Arrival arrival) {
             thread_.Signal(0);  // retries the copy even if the file store does not hand the file over again
             return kKelAnswerTryLater;
         }
-        copyFailure_.clear();
+        LogCopySuccess();
         jobs_.SetCopied(job);
         // The outcome is not written: after a restart it follows from the file in place.
         if (!hasCommand) jobs_.SetOutcome(job, DeliveryOutcome::Delivered, {}, false);
@@ -89,9 +92,11 @@ bool Delivery::AskForUntaken() {
 }
 
 void Delivery::LogCopyFailure(const KelString& message) {
-    if (message == copyFailure_) return;
-    copyFailure_ = message;
-    Log().Error("%S; tried again once a minute\n", message);
+    failures_.Failed(KelDebugLevel::Error, kCopying, message + "; tried again once a minute");
+}
+
+void Delivery::LogCopySuccess() {
+    failures_.Succeeded(kCopying, "Files can be copied again");
 }
 
 bool Delivery::WorkOnJobs() {
@@ -168,7 +173,7 @@ Delivery::JobOutcome Delivery::BringIntoPlace(const DeliveryJob& job) {
         LogCopyFailure(copied.Error().message);
         return JobOutcome::Later;
     }
-    copyFailure_.clear();
+    LogCopySuccess();
     jobs_.SetCopied(job.id);
     Log().Print("Delivered %S to %S\n", job.file.key.Text(), job.destination);
     return JobOutcome::Done;

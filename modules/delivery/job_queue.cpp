@@ -106,7 +106,7 @@ bool JobQueue::Keep(const DeliveryJob& job) {
     if (!kept && !std::exchange(keepFails_, true))
         log_.Error("The work for %S cannot be written down; tried again once a minute: %S\n", job.destination,
                    kept.Error().message);
-    if (kept) keepFails_ = false;
+    if (kept && std::exchange(keepFails_, false)) log_.Print("Work can be written down again\n");
     return static_cast<bool>(kept);
 }
 

@@ -135,7 +135,8 @@ void ParentLink::RequestCheck() {
 std::uint64_t ParentLink::MillisecondsToNextCheck() const {
     if (!lastCheck_) return 0;
     const bool isSoon = isCheckRequested_ || !GetState().inSync;
-    const std::chrono::seconds interval(isSoon ? settings_.retryInterval : settings_.checkInterval);
+    const std::chrono::milliseconds interval((isSoon ? settings_.retryInterval : settings_.checkInterval) *
+                                             RelaySettings::msPerSecond);
     const auto left = std::chrono::ceil<std::chrono::milliseconds>(*lastCheck_ + interval -
                                                                    std::chrono::steady_clock::now());
     return left.count() > 0 ? static_cast<std::uint64_t>(left.count()) : 0;

@@ -20,7 +20,7 @@ Relay::Relay()
               ReplayUnconnected();
               return false;
           },
-          [this](bool) { return std::uint64_t{settings_.checkInterval} * 1000; }),
+          [this](bool) { return settings_.checkInterval * RelaySettings::msPerSecond; }),
       parentLink_(Log(), [this] { ReportInSync(); }) {}
 
 Relay::~Relay() {

@@ -14,6 +14,9 @@ const char* RelayRoleName(RelayRole role);
 
 /// The place of this device in the tree.
 struct RelaySettings {
+    /// Milliseconds that a second of the intervals takes. Tests shorten it before a module starts.
+    static inline std::uint64_t msPerSecond = 1000;
+
     RelayRole role = RelayRole::Client;
     KelString parentName;              ///< host name or IPv4 address; empty: no parent, always on the master
     std::uint16_t parentPort = 0;      ///< 0 exactly when there is no parent

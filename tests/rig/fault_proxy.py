@@ -1,6 +1,5 @@
-"""A TCP proxy that cuts, stalls, delays and damages what passes, as rules say that may change while it runs."""
+"""A TCP proxy that cuts, stalls and damages what passes, as rules say that may change while it runs."""
 
-import random
 import socket
 import threading
 
@@ -9,32 +8,19 @@ BLOCK = 16384
 
 
 class Rule:
-    """One fault: `action` is cut, stall, delay or flip (of one bit of the byte).
-
-    It fires where `match` ends in the stream (a match is found again later), at `offset` bytes from the begin of a
-    connection, or, for each byte or block, with `probability`; without any of these, at every block. `fired` counts.
+    """One fault where `match` ends in the stream from `direction`: cut, stall (until the rules are cleared) or flip (of
+    one bit). It fires at most `times` times, without limit by default; `fired` counts.
     """
 
-    def __init__(self, action, direction, match=None, offset=None, probability=None, seconds=0, times=None):
-        self.action, self.direction = action, direction
-        self.match, self.offset, self.probability = match, offset, probability
-        self.seconds, self.times = seconds, times
+    def __init__(self, action, direction, match, times=None):
+        self.action, self.direction, self.match, self.times = action, direction, match, times
         self.fired = 0
         self.released = threading.Event()
 
-    def place(self, tail, block, position, source):
-        """Where in `block` to fire, or None; `position` bytes of the stream were before it, `tail` the last ones."""
-        if self.times is not None and self.fired >= self.times:
-            return None
-        if self.match is not None:
-            found = (tail + block).find(self.match, max(0, len(tail) - len(self.match) + 1))
-            return None if found < 0 else found + len(self.match) - 1 - len(tail)
-        if self.offset is not None:
-            return self.offset - position if position <= self.offset < position + len(block) else None
-        if self.probability is not None:
-            hit = source.random() < 1 - (1 - self.probability) ** len(block)
-            return source.randrange(len(block)) if hit else None
-        return 0
+    def place(self, tail, block):
+        """Where in `block` to fire, or None; `tail` is what came before it."""
+        found = (tail + block).find(self.match, max(0, len(tail) - len(self.match) + 1))
+        return None if found < 0 or self.fired == self.times else found + len(self.match) - 1 - len(tail)
 
 
 class FaultProxy:
@@ -44,9 +30,8 @@ class FaultProxy:
     the proxy listens on another port of the parent's own address, and leaves from the address of the child.
     """
 
-    def __init__(self, listen, target, source, seed=1):
+    def __init__(self, listen, target, source):
         self.target, self.source = target, source
-        self.random = random.Random(seed)
         self.lock = threading.Lock()
         self.rules, self.sockets = [], set()
         self.closed = False
@@ -54,11 +39,10 @@ class FaultProxy:
         self.port = self.listener.getsockname()[1]
         threading.Thread(target=self._accept, daemon=True).start()
 
-    def add(self, action, direction, **trigger):
-        rule = Rule(action, direction, **trigger)
+    def add(self, *rule, **trigger):
         with self.lock:
-            self.rules.append(rule)
-        return rule
+            self.rules.append(Rule(*rule, **trigger))
+            return self.rules[-1]
 
     def clear(self):
         """Ends all faults; what was stalled goes on."""
@@ -67,18 +51,14 @@ class FaultProxy:
         for rule in rules:
             rule.released.set()
 
-    def cut_all(self):
-        with self.lock:
-            sockets = list(self.sockets)
-        for end in sockets:
-            self._shut(end)
-
     def close(self):
         self.closed = True
-        self._shut(self.listener)
-        self.listener.close()
         self.clear()
-        self.cut_all()
+        with self.lock:
+            ends = [self.listener, *self.sockets]
+        for end in ends:
+            self._shut(end)
+        self.listener.close()
 
     @staticmethod
     def _shut(end):
@@ -113,14 +93,13 @@ class FaultProxy:
                     self.sockets -= {near, far}
 
     def _pump(self, source, destination, direction):
-        position, tail = 0, b""
+        tail = b""
         try:
             while block := source.recv(BLOCK):
-                out, goes_on = self._apply(direction, tail, bytearray(block), position)
+                out, goes_on = self._apply(direction, tail, bytearray(block))
                 destination.sendall(out)
                 if not goes_on:
                     break
-                position += len(block)
                 tail = (tail + block)[-256:]
             else:
                 destination.shutdown(socket.SHUT_WR)
@@ -130,13 +109,12 @@ class FaultProxy:
         self._shut(source)
         self._shut(destination)
 
-    def _apply(self, direction, tail, block, position):
+    def _apply(self, direction, tail, block):
         """What to send of a block, and whether the connection goes on."""
         fired = []
         with self.lock:
-            seen = bytes(block)
             for rule in self.rules:
-                place = rule.place(tail, seen, position, self.random) if rule.direction == direction else None
+                place = rule.place(tail, bytes(block)) if rule.direction == direction else None
                 if place is not None:
                     rule.fired += 1
                     fired.append((rule, place))
@@ -145,8 +123,6 @@ class FaultProxy:
                 block[place] ^= 1
             elif rule.action == "stall":
                 rule.released.wait()
-            elif rule.action == "delay":
-                rule.released.wait(rule.seconds)
             else:
                 return block[:place], False
         return block, True

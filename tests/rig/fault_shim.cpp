@@ -3,12 +3,12 @@
 //   FAULT_SHIM_CONTROL  path of the control file; every fault is appended to <path>.log as "operation path"
 //   FAULT_SHIM_SEED     seed of the probabilities
 //
-// Each line of the control file is a rule "OPERATIONS ERROR WHEN PATTERN":
+// Each line of the control file is a rule "OPERATIONS ERROR SHARE PATTERN":
 //
-//   OPERATIONS  write, sync, rename, open (for writing), read (open for reading), mkdir, link; joined by
-//   commas, or * ERROR       ENOSPC or EIO WHEN        p=0.02 (of the matching calls), n=3 (the third
-//   matching call only), first=3 (the first three), always PATTERN     of the absolute path, as for fnmatch;
-//   '*' matches '/', too; the rest of the line
+//   OPERATIONS  joined by commas: write, sync, rename, mkdir, link, open (for writing), read (open to read)
+//   ERROR       ENOSPC or EIO
+//   SHARE       of the matching calls that fails, 0 to 1
+//   PATTERN     of the absolute path, as for fnmatch; '*' matches '/', too; the rest of the line
 //
 // Two limits: what stdio writes from its own buffer is seen at fwrite, and content sent with sendfile is not
 // seen.
@@ -39,12 +39,10 @@ namespace {
 struct Rule {
     std::string operations, pattern;
     int error = EIO;
-    double probability = 0;
-    unsigned long nth = 0, first = 0, matched = 0;
+    double share = 0;
 
     bool Concerns(const std::string& operation, const std::string& path) const {
-        return (operations == "*" ||
-                ("," + operations + ",").find("," + operation + ",") != std::string::npos) &&
+        return ("," + operations + ",").find("," + operation + ",") != std::string::npos &&
                fnmatch(pattern.c_str(), path.c_str(), 0) == 0;
     }
 };
@@ -62,9 +60,7 @@ class Faults {
         const std::lock_guard lock(mutex_);
         Refresh();
         for (Rule& rule : rules_) {
-            if (!rule.Concerns(operation, path)) continue;
-            const unsigned long number = ++rule.matched;
-            if (number != rule.nth && number > rule.first && !(chance_(random_) < rule.probability)) continue;
+            if (!rule.Concerns(operation, path) || chance_(random_) >= rule.share) continue;
             Log(std::string(operation) + " " + path + "\n");
             return rule.error;
         }
@@ -107,16 +103,10 @@ class Faults {
         for (std::string line; std::getline(lines, line);) {
             std::istringstream words(line);
             Rule rule;
-            std::string error, when;
-            words >> rule.operations >> error >> when >> std::ws;
+            std::string error;
+            words >> rule.operations >> error >> rule.share >> std::ws;
             std::getline(words, rule.pattern);
             if (error == "ENOSPC") rule.error = ENOSPC;
-            const auto value = [&](const char* name) {
-                return when.rfind(name, 0) == 0 ? std::strtod(when.c_str() + when.find('=') + 1, nullptr) : 0;
-            };
-            rule.probability = when == "always" ? 1 : value("p=");
-            rule.nth = static_cast<unsigned long>(value("n="));
-            rule.first = static_cast<unsigned long>(value("first="));
             rules_.push_back(rule);
         }
     }

@@ -11,7 +11,7 @@ import time
 
 sys.path.append(str(pathlib.Path(__file__).resolve().parent.parent / "system"))
 from case import collected_files, write_files  # noqa: E402
-from faults import FaultTree, SteppedClock, faults_of_rest, waiting  # noqa: E402
+from faults import WRITING, FaultTree, SteppedClock, faults_of_rest, waiting  # noqa: E402
 from tree import ActionFailed, sha256_of  # noqa: E402
 
 SPEED = 60
@@ -24,14 +24,12 @@ SET_BACK_SECONDS = 86400  # more than passes while the tree settles
 GROWTH = 1.1  # of memory and descriptors over those after the warm-up
 MORE_DESCRIPTORS = 8  # connections that are kept for the next call
 LABEL = "soak"
-WRITING = "write,sync,open,rename,mkdir,link"
 
 
 class Soak:
     def __init__(self, tree, seed):
         self.tree, self.random = tree, random.Random(seed)
         self.by_name = {agent.name: agent for agent in tree.agents}
-        self.guids = {agent: agent.identity()["GUID"] for agent in tree.agents}
         self.down = {agent: {} for agent in tree.devices}  # (label, name) -> SHA-256
         self.up = {}  # (device GUID, label, name) -> SHA-256
         self.counts = collections.Counter()
@@ -85,9 +83,8 @@ class Soak:
         # Now and then two devices send the same.
         for agent in self.random.sample(self.tree.devices, 2 if self.counts["sendings"] % 8 == 0 else 1):
             if agent.is_running():
-                agent.kel("send", "--type", "Soak", "--label", LABEL, *paths)
+                self.up |= agent.send(*paths, kind="Soak", label=LABEL)
                 self.counts["sent"] += len(paths)
-                self.up.update({(self.guids[agent], LABEL, path.name): sha256_of(path) for path in paths})
 
     # Faults
 
@@ -95,28 +92,24 @@ class Soak:
         agent = self.random.choice([agent for agent in self.tree.agents if agent.is_running()])
         agent.kill()
         self.kills[agent] += 1
-        self.at(self.random.uniform(0, 3), self.start, agent)
-
-    def start(self, agent):
-        if not agent.is_running():
-            agent.start()
+        self.at(self.random.uniform(0, 3), agent.start)
 
     def errors(self):
         agent = self.random.choice(self.tree.agents)
         if agent.name != SMALL_DISK:
-            agent.shim.fail((WRITING, "EIO", "p=0.02", "*"))
+            agent.shim.fail(WRITING, "EIO", "*", 0.02)
             self.at(FAULT_SECONDS / 2, agent.shim.clear)
 
     def full_disk(self):
         shim = self.by_name[SMALL_DISK].shim
-        shim.fail(("write,mkdir,link", "ENOSPC", "always", "*"))
+        shim.fail("write,mkdir,link", "ENOSPC", "*")
         self.at(FULL_SECONDS / 2, shim.clear)
 
     def leave(self):
         agent = self.by_name[COMES_AND_GOES]
         if agent.is_running():
             agent.kill() if self.random.random() < 0.3 else self.stop(agent)
-        self.at(AWAY_SECONDS / 2, self.start, agent)
+        self.at(AWAY_SECONDS / 2, agent.start)
 
     def stop(self, agent):
         try:
@@ -150,18 +143,15 @@ class Soak:
         for agent in self.tree.agents:
             waiting(agent)
         self.first = self.measure()
-        self.every(KILL_SECONDS, self.kill)
-        self.every(FAULT_SECONDS, self.errors)
-        self.every(FULL_SECONDS, self.full_disk)
-        self.every(AWAY_SECONDS, self.leave)
+        for pause, fault in ((KILL_SECONDS, self.kill), (FAULT_SECONDS, self.errors), (FULL_SECONDS, self.full_disk),
+                             (AWAY_SECONDS, self.leave)):
+            self.every(pause, fault)
         self.at((seconds - warm_up) / 2, self.set_clock_back)
         self.work(seconds - warm_up)
         self.later.clear()
         for agent in self.tree.agents:
             agent.shim.clear()
-            self.start(agent)
-        for agent in self.tree.agents:
-            agent.wait_ready(60)
+        self.tree.run(*self.tree.agents)
 
     def work(self, seconds):
         end = time.monotonic() + seconds
@@ -171,25 +161,20 @@ class Soak:
             self.progress("running")
             time.sleep(self.random.uniform(0.5, 2))
 
-    def progress(self, what, last=False):
-        text = (f"{what} {int(time.monotonic() - self.begin) // 60}:{int(time.monotonic() - self.begin) % 60:02}, "
-                + ", ".join(f"{self.counts[name]} {name}" for name in ("published", "sent", "refused"))
-                + f", {self.kills.total()} kills")
-        if sys.stdout.isatty():
-            print(f"\r\033[K{text}", end="\n" if last else "", flush=True)
-        elif last:
-            print(text, flush=True)
+    def progress(self, what, end="\r"):
+        seconds = int(time.monotonic() - self.begin)
+        if sys.stdout.isatty() or end != "\r":
+            counts = ", ".join(f"{self.counts[name]} {name}" for name in ("published", "sent", "refused"))
+            print(f"{what} {seconds // 60}:{seconds % 60:02}, {counts}, {self.kills.total()} kills", end=end, flush=True)
 
     # The checks
 
     def missing(self):
         """What has not arrived, by receiving agent: the keys."""
         lost = {}
-        for agent, expected in self.down.items():
-            found = agent.inbox()
+        for agent, expected in [*self.down.items(), (self.tree.master, self.up)]:
+            found = collected_files(agent) if agent is self.tree.master else agent.inbox()
             lost[agent] = [key for key, digest in expected.items() if key not in found or sha256_of(found[key]) != digest]
-        found = collected_files(self.tree.master)
-        lost[self.tree.master] = [key for key, digest in self.up.items() if key not in found or sha256_of(found[key]) != digest]
         return {agent: keys for agent, keys in lost.items() if keys}
 
     def settle(self):
@@ -215,12 +200,11 @@ class Soak:
         return wrong
 
     def check_growth(self, last, wrong):
-        for agent, (memory, descriptors) in last.items():
-            before = self.first[agent]
-            if memory > before[0] * GROWTH:
-                wrong[agent].append(f"memory: {before[0]} KiB after the warm-up, {memory} KiB now")
-            if descriptors > before[1] * GROWTH + MORE_DESCRIPTORS:
-                wrong[agent].append(f"descriptors: {before[1]} after the warm-up, {descriptors} now")
+        for agent in last:
+            for what, before, now, more in zip(("KiB of memory", "descriptors"), self.first[agent], last[agent],
+                                               (0, MORE_DESCRIPTORS)):
+                if now > before * GROWTH + more:
+                    wrong[agent].append(f"{what}: {before} after the warm-up, {now} now")
 
     def check_once(self, agent, wrong):
         lines = collections.Counter(line.split(" PRINT ", 1)[1] for line in agent.log().splitlines()
@@ -231,15 +215,14 @@ class Soak:
             wrong[agent].append("the log names no file that arrived")
 
     def finish(self):
-        wrong = self.settle()
-        last = self.measure()
+        wrong, last = self.settle(), self.measure()
         self.check_growth(last, wrong)
         for agent in reversed(self.tree.agents):
             self.stop(agent)
         for agent in self.tree.agents:
             self.check_once(agent, wrong)
             wrong[agent] += faults_of_rest(agent)
-        self.progress("done", last=True)
+        self.progress("done", "\n")
         self.print_table(wrong, last)
         return sum(map(len, wrong.values()))
 
@@ -247,15 +230,13 @@ class Soak:
         print(f"{'agent':10}{'files':>7}{'kills':>7}{'faults':>8}{'MiB':>12}{'descriptors':>13}{'wrong':>7}")
         for agent in self.tree.agents:
             files = len(self.up) if agent is self.tree.master else len(self.down[agent])
-            memory = f"{self.first[agent][0] / 1024:.0f} -> {last[agent][0] / 1024:.0f}"
-            descriptors = f"{self.first[agent][1]} -> {last[agent][1]}"
+            memory, descriptors = (f"{before // unit} -> {now // unit}"
+                                   for before, now, unit in zip(self.first[agent], last[agent], (1024, 1)))
             print(f"{agent.name:10}{files:7}{self.kills[agent]:7}{len(agent.shim.faults()):8}{memory:>12}{descriptors:>13}"
                   f"{len(wrong[agent]):7}")
         for agent in self.tree.agents:
-            kinds = collections.Counter(text.split(":")[0] for text in wrong[agent])
-            for kind, count in kinds.items():
-                first = next(text for text in wrong[agent] if text.startswith(kind))
-                print(f"{agent.name}: {count} x {first}")
+            for kind, count in collections.Counter(text.split(":")[0] for text in wrong[agent]).items():
+                print(f"{agent.name}: {count} x {next(text for text in wrong[agent] if text.startswith(kind))}")
 
 
 def main():
@@ -264,7 +245,7 @@ def main():
     parser.add_argument("--seed", type=int, default=1, help="of traffic and faults (1)")
     options = parser.parse_args()
     with FaultTree(SHAPE, SteppedClock(SPEED), shims=NAMES, seed=options.seed) as tree:
-        tree.relays[0].set_ini("FileStore", "UploadPolicy", "ConcatFiles", "auto")
+        tree.relays[0].pack()
         tree.start(120)
         soak = Soak(tree, options.seed)
         soak.run(options.minutes * 60)

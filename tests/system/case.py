@@ -1,15 +1,18 @@
 """What the system tests share: the build under test, and checks on a tree."""
 
+import io
 import os
 import pathlib
 import random
 import sqlite3
 import unittest
+import zipfile
 
-from tree import ActionFailed, sha256_of, wait_arrived, wait_until
+from tree import ActionFailed, wait_arrived, wait_until
 
 BUILD = os.environ.get("KEL_BUILD", "build/release")
 STOP_SECONDS = 5
+INDEX = "Temp/PackedFilesInfo.xml"  # in an archive of packed files
 # Files with names that a URL, a shell, SQL or XML has to escape, or that look like what is never served: name -> size.
 ODD_FILES = {"plain.bin": 1, "with blank.bin": 2, "100%.bin": 1000, "hash#mark.bin": 65536, "what?.bin": 1 << 20,
              "grüße-文件.bin": 4096, "it's.bin": 300_000, "%41%2e.bin": 17, "a&b=c;d.bin": 5000, "[x]{y}.bin": 12345,
@@ -61,11 +64,18 @@ def write_files(folder, sizes, seed=1):
     """Files with random content: name -> path."""
     source = random.Random(seed)
     folder.mkdir(parents=True, exist_ok=True)
-    paths = {}
     for name, size in sizes.items():
-        paths[name] = folder / name
-        paths[name].write_bytes(source.randbytes(size))
-    return paths
+        (folder / name).write_bytes(source.randbytes(size))
+    return {name: folder / name for name in sizes}
+
+
+def zip_of(entries, compression=zipfile.ZIP_STORED):
+    """A zip file with these (name, content) entries."""
+    buffer = io.BytesIO()
+    with zipfile.ZipFile(buffer, "w", compression) as archive:
+        for name, content in entries:
+            archive.writestr(name, content)
+    return buffer.getvalue()
 
 
 def wait_for_part(agent, name, size, seconds=30):

@@ -9,6 +9,7 @@ parent pass it: offers, uploads, requests, downloads, acknowledgements. What the
 (announcements) goes straight to the agent.
 """
 
+import hashlib
 import json
 import os
 import pathlib
@@ -19,7 +20,7 @@ import tempfile
 import time
 import urllib.parse
 
-from case import BUILD
+from case import BUILD, INDEX
 from digest_client import DigestClient
 from tree import ActionFailed, Tree, VirtualClock, free_port, wait_until
 
@@ -27,9 +28,8 @@ sys.path.append(str(pathlib.Path(__file__).resolve().parent.parent / "rig"))
 from fault_proxy import FaultProxy  # noqa: E402
 
 SHIM = pathlib.Path(os.environ.get("KEL_FAULT_SHIM", pathlib.Path(BUILD) / "lib" / "fault_shim.so")).resolve()
-AVAILABLE, PACKED, OBSOLETE = "available", "packed", "obsolete"
-AT_REST = {AVAILABLE, PACKED, OBSOLETE}
-IDENTITY = "IdentityIdentity"
+AT_REST = {"available", "packed", "obsolete"}
+WRITING = "write,sync,open,rename,mkdir,link"
 
 
 class SteppedClock(VirtualClock):
@@ -51,15 +51,17 @@ class Shim:
         environment.update(LD_PRELOAD=" ".join(preload), FAULT_SHIM_CONTROL=str(self.control),
                            FAULT_SHIM_SEED=str(self.seed))
 
-    def fail(self, *rules):
-        """Replaces all rules by these: (operations, error, when, pattern of the path below the agent's data folder)."""
-        made = self.control.with_suffix(".new")
-        made.write_text("".join(f"{operations} {error} {when} {self.agent.data}/{pattern}\n"
-                                for operations, error, when, pattern in rules))
-        made.rename(self.control)
+    def fail(self, operations, error, pattern, share=1):
+        """Lets this share of the operations on matching paths, below the agent's data folder, fail from now on."""
+        self._control(f"{operations} {error} {share} {self.agent.data}/{pattern}\n")
 
     def clear(self):
-        self.fail()
+        self._control("")
+
+    def _control(self, rules):
+        made = self.control.with_suffix(".new")
+        made.write_text(rules)
+        made.rename(self.control)
 
     def faults(self):
         """The calls that failed so far, "operation path" each."""
@@ -83,15 +85,10 @@ class FaultTree(Tree):
         agent.proxy = None
         if name in self.proxied:
             agent.proxy = FaultProxy((parent.address, free_port(parent.address)), (parent.address, parent.port),
-                                     agent.address, self.seed)
+                                     agent.address)
             agent.set_ini("Relay", "Relay", "ParentPort", agent.proxy.port)
             self.proxies.append(agent.proxy)
         return agent
-
-    def add_client(self, name="client", parent=None):
-        client = self.add(name, "client", parent or self.master)
-        self.clients.append(client)
-        return client
 
     def close(self):
         super().close()
@@ -115,13 +112,33 @@ class Child:
         status, result, body = self.client.action("FileStoreReceiveFile", json.dumps(values))
         return urllib.parse.quote(json.loads(body)["FileURL"]) if (status, result) == (200, 0) else None
 
-    def upload_once(self, key, content):
-        url = self.offer(key, len(content))
+    def put(self, url, content):
+        """Whether the parent takes the content; not without a URL."""
         return url is not None and self.client.request("PUT", url, content)[0] in (200, 201, 204)
 
     def upload(self, key, content, seconds=60):
         """Goes on until the parent has taken the file."""
-        wait_until(lambda: self.upload_once(key, content), seconds, f"{key[2]} is taken")
+        wait_until(lambda: self.put(self.offer(key, len(content)), content), seconds, f"{key[2]} is taken")
+
+
+def md5_of(content):
+    return hashlib.md5(content).hexdigest()
+
+
+def packed_entries(kind, files):
+    """The entries of an archive for these files, name -> content, of a type and the label "l"."""
+    return [(f"upstream/{kind}/l/{md5_of(content)}/{name}", content) for name, content in files.items()]
+
+
+def index_of(child, kind, files, sizes=None):
+    """The entry that describes them as files of a device; `sizes` holds wrong ones by name."""
+    def record(file, content):
+        values = (("FileType", "string", kind), ("FileLabel", "string", "l"), ("FileName", "string", file),
+                  ("FileChecksum", "string", md5_of(content)), ("SourceDevice", "string", child.url),
+                  ("Upstream", "bool", "true"), ("FileSize", "int64", (sizes or {}).get(file, len(content))))
+        texts = (f'<Value name="{name}" type="{type_}">{value}</Value>' for name, type_, value in values)
+        return f'<Value name="PackedFile" type="container">{"".join(texts)}</Value>'
+    return INDEX, f"<Container>{''.join(record(*file) for file in files.items())}</Container>"
 
 
 def rows(agent, statement, upstream=False):
@@ -189,5 +206,6 @@ def faults_of_rest(agent):
                       url.removeprefix(f"/FileStore/{folder}/")}
         files = {str(path.relative_to(store)) for path in store.rglob("*") if path.is_file()}
         wrong += [f"orphan: {folder}/{path}" for path in sorted(files - known)]
-    temporary = [path for pattern in (".kel-*", "Temp/PACKEDFILES_*", ".extract-*") for path in agent.data.rglob(pattern)]
+    patterns = (".kel-*", "Temp/PACKEDFILES_*", ".extract-*")
+    temporary = [path for pattern in patterns for path in agent.data.rglob(pattern)]
     return wrong + [f"temporary: {path.relative_to(agent.data)}" for path in temporary]

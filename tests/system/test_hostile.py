@@ -1,31 +1,14 @@
 """What strangers, scripts and hostile devices reach over HTTP, and what they do not."""
 
-import hashlib
-import io
 import json
 import unittest
-import urllib.parse
-import zipfile
 
-from case import BUILD, SystemTest, collected_files
+from case import BUILD, INDEX, SystemTest, collected_files, zip_of
 from digest_client import DigestClient
+from faults import Child, index_of, md5_of, packed_entries
 from tree import Tree, sha256_of, wait_until
 
-INDEX = "Temp/PackedFilesInfo.xml"
-GOOD_INDEX = ('<Container><Value name="PackedFile" type="container"><Value name="FileType">T</Value>'
-              '<Value name="FileLabel">L</Value><Value name="FileName">%s</Value><Value name="FileChecksum">%s</Value>'
-              '<Value name="SourceDevice">%s</Value><Value name="Upstream" type="bool">true</Value>'
-              '<Value name="FileSize" type="int64">4</Value></Value></Container>')
-CHECKSUM = hashlib.md5(b"evil").hexdigest()
-
-
-def zip_of(entries):
-    """A zip file with these (name, content) entries."""
-    buffer = io.BytesIO()
-    with zipfile.ZipFile(buffer, "w") as archive:
-        for name, content in entries:
-            archive.writestr(name, content)
-    return buffer.getvalue()
+EVIL = {"evil.bin": b"evil"}
 
 
 class HostileTest(SystemTest):
@@ -37,12 +20,9 @@ class HostileTest(SystemTest):
         cls.addClassCleanup(cls.tree.close)
         cls.tree.start()
         cls.agent, cls.relay = cls.tree.master, cls.tree.relays[0]
-        cls.stranger = cls.agent.address.rsplit(".", 1)[0] + ".200"
-        cls.client = DigestClient(cls.agent, cls.stranger)
-        cls.source = f"{cls.stranger}:1610/{cls.agent.identity()['GUID'][:4]}0000-0000-0000-0000-000000000001"
+        cls.child = Child(cls.agent)
 
     def setUp(self):
-        self.log_begin = len(self.agent.log())
         self.before = self.untouchables()
 
     def tearDown(self):
@@ -53,82 +33,63 @@ class HostileTest(SystemTest):
         def is_changing(path):
             parts = path.relative_to(self.agent.root).parts
             return parts[0] == "log" or parts[:3] == ("data", "FileStore", "upstream") or ".sqlite" in path.name
-        found = {path: sha256_of(path) for path in self.agent.root.rglob("*") if path.is_file() and not is_changing(path)}
+        files = (path for path in self.agent.root.rglob("*") if path.is_file() and not is_changing(path))
+        found = {path: sha256_of(path) for path in files}
         found.update((path, None) for path in self.tree.folder.iterdir())
         return found
 
-    def wait_logged(self, text):
-        wait_until(lambda: text in self.agent.log()[self.log_begin:], 20, f"'{text}' in the log of the master")
-
-    def collected_names(self):
-        return {name for _, _, name in collected_files(self.agent)}
-
-    def offer(self, client, **values):
-        """Offers a file; result and answer."""
-        key = {"FileType": "T", "FileLabel": "L", "FileName": "n", "FileChecksum": CHECKSUM, "FileSize": 4}
-        status, result, body = client.action("FileStoreReceiveFile", json.dumps({**key, **values}))
+    def offer(self, address, **values):
+        """The result of an offer to the relay from this address."""
+        values = {"FileType": "T", "FileLabel": "l", "FileName": "n", "FileChecksum": md5_of(b"evil"), **values}
+        client = DigestClient(self.relay, address)
+        status, result, _ = client.action("FileStoreReceiveFile", json.dumps({"FileSize": 4, **values}))
         self.assertEqual(status, 200)
-        return result, body
-
-    def offer_upstream(self, name, content, kind="T"):
-        """Offers a file as a child does; the URL for its content."""
-        result, body = self.offer(self.client, FileType=kind, FileName=name, FileSize=len(content), Upstream=True,
-                                  FileChecksum=hashlib.md5(content).hexdigest(), SourceDevice=self.source)
-        self.assertEqual(result, 0, body)
-        return urllib.parse.quote(json.loads(body)["FileURL"])
+        return result
 
     def test_only_the_upstream_store_can_be_written(self):
         for target in ("/FileStore/downstream/x.bin", "/FileStore/x.bin", "/FileStore/Upstream.sqlite", "/x.bin",
                        "/QuarnelDatabase/x.bin", "/FileStore/upstream/../x.bin", "/FileStore/upstream/T/L/none/x.bin"):
-            self.assertIn(self.client.request("PUT", target, b"unasked")[0], (403, 404, 405), target)
+            self.assertIn(self.child.client.request("PUT", target, b"unasked")[0], (403, 404, 405), target)
         self.assertEqual(list(self.agent.root.rglob("x.bin")), [])
-
-    def test_content_that_was_not_announced_is_refused(self):
-        url = self.offer_upstream("announced.bin", b"evil")
-        other = url.rsplit("/", 1)[0] + "/other.bin"
-        for target, content, status in ((other, b"unasked", 404), (url, b"evik", 422), (url, b"evil!", 422)):
-            self.assertEqual(self.client.request("PUT", target, content)[0], status)
-        self.assertEqual([*self.agent.data.rglob("other.bin"), *self.agent.data.rglob("announced.bin")], [])
 
     def test_offers_are_judged_by_the_callers_address(self):
         """A stranger's offer is dropped with result 0; the parent may not name local files or other folders."""
-        before = self.relay.stored_files()
-        parent, stranger = (DigestClient(self.relay, address) for address in (self.agent.address, self.stranger))
-        self.assertEqual(self.offer(stranger)[0], 0)
-        self.assertIn(f"from a relay ({self.stranger}) which is not ours.", self.relay.log())
+        before, stranger = self.relay.stored_files(), self.child.url.split(":")[0]
+        self.assertEqual(self.offer(stranger), 0)
+        self.assertIn(f"from a relay ({stranger}) which is not ours.", self.relay.log())
         for values in ({"FileName": "../x"}, {"FileType": "O'Neill"}, {"FilePath": "/etc/passwd"}):
-            self.assertEqual(self.offer(parent, **values)[0], 1, values)
+            self.assertEqual(self.offer(self.agent.address, **values), 1, values)
         self.assertEqual(self.relay.stored_files(), before)
 
     def test_only_good_archives_are_unpacked(self):
-        index = (INDEX, GOOD_INDEX % ("evil.bin", CHECKSUM, self.source))
-        good = (f"upstream/T/L/{CHECKSUM}/evil.bin", b"evil")
-        foreign = "Refusing the upload"
+        index, (good,), foreign = index_of(self.child, "T", EVIL), packed_entries("T", EVIL), "Refusing the upload"
         cases = {
-            "no archive": (None, foreign),
-            "parent": ([index, ("../../../evil.bin", b"evil")], foreign),
-            "inner parent": ([index, ("upstream/T/L/../../../../evil.bin", b"evil")], foreign),
+            "parent": ([index, ("upstream/T/l/../../../../evil.bin", b"evil")], foreign),
             "absolute": ([index, (str(self.agent.root / "config" / "Agent.ini"), b"evil")], foreign),
             "malformed index": ([(INDEX, "<Container><Value"), good], "does not contains required data."),
-            "index with a path": ([(INDEX, GOOD_INDEX % ("../../evil.bin", CHECKSUM, self.source)), good],
+            "index with a path": ([index_of(self.child, "T", {"../../evil.bin": b"evil"}), good],
                                   "Failed to process file ../../evil.bin"),
         }
         for case, (entries, logged) in cases.items():
             with self.subTest(case):
-                self.log_begin = len(self.agent.log())
-                status = self.send_archive(f"{case}.zip", zip_of(entries) if entries else b"no zip")
-                self.assertEqual(status, 422 if logged == foreign else 201)
-                self.wait_logged(logged)
+                begin = len(self.agent.log())
+                self.assertEqual(self.send_archive(case, entries), 422 if logged == foreign else 201)
+                wait_until(lambda: logged in self.agent.log()[begin:], 20, f"'{logged}' in the log of the master")
+                wait_until(lambda: not list(self.agent.data.glob("FileStore/.extract-*")), 20, "the unpacked files go")
                 self.assertEqual(self.untouchables(), self.before)
-                self.assertNotIn("evil.bin", self.collected_names())
-        self.assertEqual(self.send_archive("good.zip", zip_of([index, good])), 201)
-        wait_until(lambda: "evil.bin" in self.collected_names(), 20, "the packed file is collected")
+                self.assertFalse(self.has_collected())
+        self.assertEqual(self.send_archive("good", [index, good]), 201)
+        wait_until(self.has_collected, 20, "the packed file is collected")
         # The collected file is a change outside the upstream store, which tearDown would report.
         self.before = self.untouchables()
 
-    def send_archive(self, name, content):
-        url = self.offer_upstream(name, content, "FileStorePackedFiles")
-        return self.client.request("PUT", url, content)[0]
+    def has_collected(self):
+        return any(name in EVIL for _, _, name in collected_files(self.agent))
+
+    def send_archive(self, name, entries):
+        content = zip_of(entries)
+        url = self.child.offer(("FileStorePackedFiles", "l", f"{name}.zip", md5_of(content)), len(content))
+        return self.child.client.request("PUT", url, content)[0]
 
 
 if __name__ == "__main__":

@@ -37,14 +37,15 @@ class KillTest(SystemTest):
             agent.kill()
             print(f"killed {agent.name}", flush=True)
             time.sleep(self.random.uniform(0, 0.3))
-            agent.start()
-            agent.wait_ready()
+            tree.run(agent)
         return {name: sha256_of(path) for name, path in paths.items()}
 
-    def check_recorded_once(self, agent, upstream):
-        doubled = self.rows(agent, "SELECT FileType, FileLabel, FileName, FileChecksum FROM Files "
-                                   "GROUP BY 1, 2, 3, 4 HAVING COUNT(*) > 1", upstream)
-        self.assertEqual(doubled, [], agent.name)
+    def end_with_each_file_once(self, tree, agents, upstream):
+        self.end(tree)
+        for agent in agents:
+            doubled = self.rows(agent, "SELECT FileType, FileLabel, FileName, FileChecksum FROM Files "
+                                       "GROUP BY 1, 2, 3, 4 HAVING COUNT(*) > 1", upstream)
+            self.assertEqual(doubled, [], agent.name)
 
     def test_downwards_kills_of_any_agent_lose_nothing(self):
         with Tree(BUILD, [1, 1], VirtualClock(SPEED)) as tree:
@@ -53,30 +54,22 @@ class KillTest(SystemTest):
                                                lambda paths: tree.publish(paths, "Kill", "kill"))
             expected = {("kill", name): digest for name, digest in files.items()}
             tree.wait_delivered(expected, tree.devices, SECONDS_TO_ARRIVE)
-            self.end(tree)
-            for agent in tree.devices:
-                self.check_recorded_once(agent, upstream=False)
+            self.end_with_each_file_once(tree, tree.devices, upstream=False)
 
     def test_upwards_kills_of_the_relay_lose_nothing(self):
-        self.check_way_up("none")
-
-    def test_upwards_kills_of_a_packing_relay_lose_nothing(self):
-        self.check_way_up("auto")
-
-    def check_way_up(self, packing):
-        with Tree(BUILD, [1], VirtualClock(SPEED)) as tree:
-            relay, client = tree.relays[0], tree.clients[0]
-            relay.set_ini("FileStore", "UploadPolicy", "ConcatFiles", packing)
-            tree.start()
-            guid = client.identity()["GUID"]
-            files = self.kill_during_transfers(
-                tree, [relay], 4, 3 << 20, lambda paths: client.kel("send", *paths, "--type", "Kill", "--label", "kill"))
-            expected = {(guid, "kill", name): digest for name, digest in files.items()}
-            wait_collected(tree.master, expected, SECONDS_TO_ARRIVE)
-            self.end(tree)
-            for name in files:
-                self.assertEqual(tree.master.log().count(f"Collected Kill/kill/{name} "), 1, name)
-            self.check_recorded_once(tree.master, upstream=True)
+        for packing in ("none", "auto"):
+            with self.subTest(packing), Tree(BUILD, [1], VirtualClock(SPEED)) as tree:
+                relay, client = tree.relays[0], tree.clients[0]
+                relay.pack(packing)
+                tree.start()
+                expected = {}
+                files = self.kill_during_transfers(
+                    tree, [relay], 4, 3 << 20,
+                    lambda paths: expected.update(client.send(*paths, kind="Kill", label="kill")))
+                wait_collected(tree.master, expected, SECONDS_TO_ARRIVE)
+                for name in files:
+                    self.assertEqual(tree.master.log().count(f"Collected Kill/kill/{name} "), 1, name)
+                self.end_with_each_file_once(tree, [tree.master], upstream=True)
 
 
 if __name__ == "__main__":

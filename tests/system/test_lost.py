@@ -1,4 +1,4 @@
-"""Nothing is lost and nothing waits without reason, whatever fails on the way: disks, links, clocks, databases, consumers.
+"""Nothing is lost and nothing waits without reason, whatever fails: disks, links, clocks, databases, consumers.
 
 Faults are over after a moment, but what they held up is tried again after the file store's time-outs, five minutes at
 least: the agents' clock runs sixty times as fast.
@@ -13,10 +13,10 @@ import time
 import unittest
 import zipfile
 
-from case import SystemTest, collected_files, wait_collected, write_files
+from case import INDEX, SystemTest, collected_files, wait_collected, write_files, zip_of
 from digest_client import DigestClient
-from faults import AT_REST, IDENTITY, SHIM, Child, FaultTree, SteppedClock, damage, faults_of_rest, rows, wait_at_rest
-from test_up_hostile import INDEX, zip_of
+from faults import (AT_REST, SHIM, WRITING, Child, FaultTree, SteppedClock, damage, faults_of_rest, index_of, md5_of,
+                    packed_entries, rows, wait_at_rest)
 from tree import ActionFailed, find_faketime, sha256_of, wait_until
 
 SPEED = 60
@@ -24,40 +24,22 @@ RETRIED = 60  # seconds in which everything that failed has been tried again sev
 KIND = "Lost"
 YEAR = 365 * 86400
 PAGE = 4096  # of a database
-WRITING = "write,sync,open,rename,mkdir,link"
 ENDLESS_BYTES = 512 << 20
 
 
-def md5_of(content):
-    return hashlib.md5(content).hexdigest()
+def key_of(name, content, kind=KIND):
+    return kind, "l", name, md5_of(content)
 
 
-def send(agent, *paths, kind=KIND, options=()):
-    """Sends files up; (device GUID, label, name) -> SHA-256."""
-    agent.kel("send", "--type", kind, "--label", "l", *options, "--", *paths)
-    guid = agent.identity()["GUID"]
-    return {(guid, "l", path.name): sha256_of(path) for path in paths}
-
-
-def pack_on(relay, policy="auto"):
-    relay.set_ini("FileStore", "UploadPolicy", "ConcatFiles", policy)
-
-
-def row_status(agent, name, upstream=True):
-    return [file["status"] for file in agent.kel("files", *(["--upstream"] if upstream else [])) if file["name"] == name]
+def from_child(child, files):
+    """What the master collects of a device; `files`: name -> content."""
+    return {(child.guid, "l", name): hashlib.sha256(content).hexdigest() for name, content in files.items()}
 
 
 def archive_of(child, files, sizes=None):
-    """An archive as a relay makes it; `files`: name -> content."""
-    records = "".join(
-        '<Value name="PackedFile" type="container">' + "".join(
-            f'<Value name="{name}" type="{kind}">{value}</Value>' for name, kind, value in (
-                ("FileType", "string", KIND), ("FileLabel", "string", "l"), ("FileName", "string", file),
-                ("FileChecksum", "string", md5_of(content)), ("SourceDevice", "string", child.url),
-                ("Upstream", "bool", "true"), ("FileSize", "int64", (sizes or {}).get(file, len(content)))))
-        + "</Value>" for file, content in files.items())
-    entries = [(f"upstream/{KIND}/l/{md5_of(content)}/{file}", content) for file, content in files.items()]
-    return zip_of([(INDEX, f"<Container>{records}</Container>"), *entries], zipfile.ZIP_DEFLATED)
+    """Key and content of an archive as a relay makes it; `files`: name -> content."""
+    body = zip_of([index_of(child, KIND, files, sizes), *packed_entries(KIND, files)], zipfile.ZIP_DEFLATED)
+    return key_of("a.zip", body, "FileStorePackedFiles"), body
 
 
 class EndlessServer:
@@ -86,222 +68,173 @@ class EndlessServer:
 
 @unittest.skipUnless(find_faketime() and SHIM.exists(), "needs libfaketime and the shim")
 class FaultTest(SystemTest):
-    def tree(self, shape, **options):
-        """One at a time: a tree of the test before this one ends."""
+    def tree(self, shape, pack=None, clients_of_master=0, clock=None, **options):
+        """A running tree, one at a time: that of the test before this one ends. `pack` is the policy of all relays."""
         self.doCleanups()
-        tree = FaultTree(shape, options.pop("clock", SteppedClock(SPEED)), **options)
+        tree = FaultTree(shape, clock or SteppedClock(SPEED), **options)
         self.addCleanup(tree.close)
-        return tree
-
-    def started(self, shape, **options):
-        tree = self.tree(shape, **options)
+        for _ in range(clients_of_master):
+            tree.clients.append(tree.add("client", "client", tree.master))
+        for relay in tree.relays:
+            relay.pack(pack or "none")
+            if pack == "manual":
+                relay.set_ini("FileStore", "UploadPolicy", "MaxFilesToConcat", 5)
+                relay.set_ini("FileStore", "UploadPolicy", "ExcludedFileType", "IdentityIdentity")
         tree.start()
         return tree
 
     def lone_master(self):
         """A master with a shim, and a device below it that is played here."""
-        tree = self.tree([], shims=["master"])
-        tree.master.start()
-        tree.master.wait_ready()
-        return tree.master, Child(tree.master)
+        master = self.tree([], shims=["master"]).master
+        return master, Child(master)
 
-    def client_below_master(self, **options):
-        tree = self.tree([], **options)
-        client = tree.add_client()
-        tree.start()
-        return tree, client
+    def files(self, tree, count=1, size=50_000, name="file{}.bin", seed=1):
+        sizes = {name.format(i or ""): size + i for i in range(count)}
+        return list(write_files(tree.folder / "out", sizes, seed).values())
 
-    def file(self, tree, name="file.bin", size=50_000, seed=1):
-        return write_files(tree.folder / "out", {name: size}, seed)[name]
+    def send(self, agent, paths, **options):
+        return agent.send(*paths, kind=KIND, **options)
 
-    def restart(self, *agents):
-        for agent in agents:
-            agent.start()
-        for agent in agents:
-            agent.wait_ready()
-
-    def check_collected(self, master, expected, seconds=RETRIED):
-        """As wait_collected, but as a check that tells what is there instead."""
-        self.check_in_time(wait_collected, master, expected, seconds, tell=lambda: f"; there: {sorted(collected_files(master))[:9]}")
+    def publish(self, tree, paths, to="all", priority=100):
+        tree.publish(paths, KIND, "l", to, priority)
 
     def check_delivered(self, tree, agents, paths, seconds=RETRIED):
-        self.check_in_time(tree.wait_delivered, {("l", path.name): sha256_of(path) for path in paths}, agents, seconds)
-
-    def check_in_time(self, wait, *arguments, tell=str):
-        lost = ""
-        try:
-            wait(*arguments)
-        except TimeoutError as error:
-            lost = f"{error}{tell()}"
-        if lost:
-            self.fail(lost)
+        tree.wait_delivered({("l", path.name): sha256_of(path) for path in paths}, agents, seconds)
 
     def check_at_rest(self, agents, seconds=RETRIED):
         left = wait_at_rest(agents, seconds)
         self.assertFalse(left, f"these rows wait: {left}")
 
+    def wait_statuses(self, agent, count, *statuses):
+        """Waits until so many of the sent files have a status with one of these words."""
+        wait_until(lambda: sum(file["type"] == KIND and any(status in file["status"] for status in statuses)
+                               for file in agent.kel("files", "--upstream")) == count, 30, f"{count} are {statuses}")
+
 
 class UpTest(FaultTest):
     def test_identical_files_of_two_devices_are_both_collected(self):
-        for shape, packed in (([2], False), ([1, 1], False), ([2], True), ([1, 1], True)):
-            with self.subTest(shape=shape, packed=packed):
-                tree = self.tree(shape)
-                for relay in tree.relays if packed else []:
-                    pack_on(relay)
-                tree.start()
-                expected = {}
-                for client in tree.clients:
-                    expected |= send(client, self.file(tree))
-                self.check_collected(tree.master, expected, 20)
+        for shape in ([2], [1, 1]):
+            for pack in (None, "auto"):
+                with self.subTest(shape=shape, pack=pack):
+                    tree = self.tree(shape, pack)
+                    expected = {}
+                    for client in tree.clients:
+                        expected |= self.send(client, self.files(tree))
+                    wait_collected(tree.master, expected, 20)
 
     def test_a_packing_relay_sends_a_file_twice(self):
-        tree = self.tree([0])
-        pack_on(tree.relays[0])
-        tree.start()
-        expected = send(tree.relays[0], self.file(tree))
-        self.check_collected(tree.master, expected, 30)
-        collected_files(tree.master)[next(iter(expected))].unlink()
-        send(tree.relays[0], self.file(tree))
-        self.check_collected(tree.master, expected, 30)
+        tree = self.tree([0], "auto")
+        for _ in range(2):
+            expected = self.send(tree.relays[0], self.files(tree))
+            wait_collected(tree.master, expected, 30)
+            collected_files(tree.master)[next(iter(expected))].unlink()
 
     def test_an_offer_without_content_leaves_the_row_of_another_device(self):
-        tree = self.started([1])
-        relay, path = tree.relays[0], self.file(tree)
+        tree = self.tree([1])
+        relay, (path,) = tree.relays[0], self.files(tree)
         tree.master.kill()
-        expected = send(tree.clients[0], path)
-        wait_until(lambda: any("UPLOAD" in status for status in row_status(relay, path.name)), 30, "it waits on the relay")
-        Child(relay).offer((KIND, "l", path.name, md5_of(path.read_bytes())), path.stat().st_size)
-        self.restart(tree.master)
-        self.check_collected(tree.master, expected, 30)
+        expected = self.send(tree.clients[0], [path])
+        self.wait_statuses(relay, 1, "upload")
+        Child(relay).offer(key_of(path.name, path.read_bytes()), path.stat().st_size)
+        tree.run(tree.master)
+        wait_collected(tree.master, expected, 30)
 
-    def test_a_damaged_upload_is_sent_again(self):
-        for packed in (False, True):
-            with self.subTest(packed=packed):
-                tree = self.tree([1], proxies=["relay1"])
-                relay, path = tree.relays[0], self.file(tree)
-                pack_on(relay, "auto" if packed else "none")
-                tree.start()
-                flip = relay.proxy.add("flip", "up", match=path.read_bytes()[20000:20016], times=1)
-                expected = send(tree.clients[0], path)
-                wait_until(lambda: flip.fired, 30, "the upload is damaged")
-                self.check_collected(tree.master, expected, 30)
+    def test_an_upload_is_damaged_or_its_answer_lost(self):
+        for case, pack in (("damaged", None), ("damaged", "auto"), ("answer lost", "auto")):
+            with self.subTest(case, pack=pack):
+                tree = self.tree([1], pack, proxies=["relay1"])
+                relay, (path,) = tree.relays[0], self.files(tree)
+                self.check_at_rest([relay])
+                rule = (("flip", "up", path.read_bytes()[20000:20016]) if case == "damaged"
+                        else ("cut", "down", b"HTTP/1.1 201"))
+                fault = relay.proxy.add(*rule, times=1)
+                wait_collected(tree.master, self.send(tree.clients[0], [path]), RETRIED)
+                wait_until(lambda: fault.fired, 30, "the fault")
+                self.check_at_rest([relay])
 
     def test_an_upload_whose_folder_could_not_be_made(self):
-        tree, client = self.client_below_master(shims=["master"])
-        tree.master.shim.fail(("mkdir", "ENOSPC", "always", f"FileStore/upstream/{KIND}*"))
-        expected = send(client, self.file(tree))
+        tree = self.tree([], clients_of_master=1, shims=["master"])
+        tree.master.shim.fail("mkdir", "ENOSPC", f"FileStore/upstream/{KIND}*")
+        expected = self.send(tree.clients[0], self.files(tree))
         tree.master.shim.wait_failed()
         time.sleep(3)
         tree.master.shim.clear()
-        self.check_collected(tree.master, expected, 40)
-
-    def test_an_archive_whose_answer_was_lost(self):
-        tree = self.tree([1], proxies=["relay1"])
-        relay = tree.relays[0]
-        pack_on(relay)
-        tree.start()
-        self.check_at_rest([relay])
-        cut = relay.proxy.add("cut", "down", match=b"HTTP/1.1 201", times=1)
-        self.check_collected(tree.master, send(tree.clients[0], self.file(tree)))
-        wait_until(lambda: cut.fired, 30, "the answer is lost")
-        self.check_at_rest([relay])
+        wait_collected(tree.master, expected, 40)
 
     def test_an_arrived_upload_is_handled_once_the_disk_takes_it(self):
         content = random.Random(1).randbytes(50_000)
-        cases = {"queue": (False, "Callback.sqlite*", 1), "row": (False, "Upstream.sqlite*", 1), "unpacking": (True, ".extract-*", 5)}
-        for case, (packed, pattern, count) in cases.items():
+        for case, packed, operations, error, pattern, count in (
+                ("queue", False, WRITING, "ENOSPC", "Callback.sqlite*", 1),
+                ("row", False, WRITING, "ENOSPC", "Upstream.sqlite*", 1),
+                ("unpacking", True, WRITING, "ENOSPC", ".extract-*", 5),
+                ("index", True, "read", "EIO", f".extract-*/{INDEX}", 1)):
             with self.subTest(case):
                 master, child = self.lone_master()
-                name = f"{case}.bin"
-                body = archive_of(child, {name: content}) if packed else content
-                key = ("FileStorePackedFiles", "l", "a.zip", md5_of(body)) if packed else (KIND, "l", name, md5_of(body))
+                files = {"file.bin": content}
+                key, body = archive_of(child, files) if packed else (key_of("file.bin", content), content)
                 url = child.offer(key, len(body))
-                master.shim.fail((WRITING, "ENOSPC", "always", f"FileStore/{pattern}"))
-                status = child.client.request("PUT", url, body)[0]
+                master.shim.fail(operations, error, f"FileStore/{pattern}")
+                accepted = child.put(url, body)
                 master.shim.wait_failed(count)
-                time.sleep(2)
-                master.shim.clear()
-                if status // 100 != 2:
-                    child.upload(key, body)
-                self.check_collected(master, {(child.guid, "l", name): hashlib.sha256(content).hexdigest()}, 40)
-
-    def test_an_archive_survives_an_index_that_cannot_be_read(self):
-        content = b"packed content"
-        for index in ("PackedFilesInfo.xml", "a.zip.xml"):  # as unpacked, and under its name of its own
-            with self.subTest(index):
-                master, child = self.lone_master()
-                body = archive_of(child, {"packed.bin": content})
-                key = ("FileStorePackedFiles", "l", "a.zip", md5_of(body))
-                master.shim.fail(("read", "EIO", "always", f"FileStore/Temp/{index}"))
-                accepted = child.upload_once(key, body)
-                master.shim.wait_failed()
                 time.sleep(2)
                 master.shim.clear()
                 if not accepted:
                     child.upload(key, body)
-                self.check_collected(master, {(child.guid, "l", "packed.bin"): hashlib.sha256(content).hexdigest()}, 20)
+                wait_collected(master, from_child(child, files), 40)
 
     def test_a_refused_record_of_an_archive_stops_no_other(self):
         master, child = self.lone_master()
         files = {"first.bin": b"first", "refused.bin": b"refused", "last.bin": b"last"}
-        body = archive_of(child, files, {"refused.bin": -5})
-        child.upload(("FileStorePackedFiles", "l", "a.zip", md5_of(body)), body)
-        self.check_collected(master, {(child.guid, "l", name): hashlib.sha256(files[name]).hexdigest()
-                                      for name in ("first.bin", "last.bin")}, 20)
+        child.upload(*archive_of(child, files, {"refused.bin": -5}))
+        del files["refused.bin"]
+        wait_collected(master, from_child(child, files), 20)
 
     def test_a_package_without_a_relay_travels_on(self):
-        tree = self.started([1])
+        tree = self.tree([1])
         expected = {}
         for kind in ("PackagerZIPPackage", "UpgradePackage"):
-            expected |= send(tree.clients[0], self.file(tree, kind), kind=kind)
-        self.check_collected(tree.master, expected, 20)
+            expected |= tree.clients[0].send(*self.files(tree, name=kind), kind=kind)
+        wait_collected(tree.master, expected, 20)
 
     def test_files_that_consumers_put_off_stop_no_others(self):
-        tree, client = self.client_below_master(shims=["master"])
-        tree.master.shim.fail((WRITING, "ENOSPC", "always", "Delivery/Collected/*/Stuck*"))
-        stuck = send(client, *write_files(tree.folder / "stuck", {f"{i:02}": 100 + i for i in range(60)}).values(), kind="Stuck")
-        tree.master.shim.wait_failed(50)
-        self.check_collected(tree.master, send(client, self.file(tree)), 30)
-        tree.master.shim.clear()
-        self.check_collected(tree.master, stuck)
+        tree = self.tree([], clients_of_master=1, shims=["master"])
+        (client,), master = tree.clients, tree.master
+        master.shim.fail(WRITING, "ENOSPC", "Delivery/Collected/*/Stuck*")
+        stuck = client.send(*self.files(tree, 60, 100, "stuck{}"), kind="Stuck")
+        master.shim.wait_failed(50)
+        wait_collected(master, self.send(client, self.files(tree)), 30)
+        master.shim.clear()
+        wait_collected(master, stuck, RETRIED)
 
-    def test_a_manual_upload_asked_for_over_a_closed_window_takes_all_once_it_opens(self):
-        tree = self.tree([1])
-        relay = tree.relays[0]
-        pack_on(relay, "manual")
-        relay.set_ini("FileStore", "UploadPolicy", "MaxFilesToConcat", 5)
-        relay.set_ini("FileStore", "UploadPolicy", "ExcludedFileType", IDENTITY)
-        tree.start()
-        relay.kel("windows", "set", "up", "--slots", "0")
-        paths = write_files(tree.folder / "out", {f"{i:02}": 1000 + i for i in range(12)})
-        expected = send(tree.clients[0], *paths.values())
-        wait_until(lambda: all("to_be_uploaded" in str(row_status(relay, name)) for name in paths), 30, "all wait on the relay")
-        relay.kel("upload")
-        time.sleep(3)
-        relay.kel("windows", "set", "up", "--remove")
-        self.check_collected(tree.master, expected, 30)
-
-    def test_packed_bypass_files_do_not_wait_for_the_window(self):
-        tree = self.tree([1])
-        pack_on(tree.relays[0])
-        tree.start()
-        tree.relays[0].kel("windows", "set", "up", "--slots", "0")
-        self.check_collected(tree.master, send(tree.clients[0], self.file(tree), options=["--bypass"]), 30)
+    def test_a_closed_window_holds_up_packed_files_until_it_opens_but_no_urgent_ones(self):
+        with self.subTest("manual"):
+            tree = self.tree([1], "manual")
+            relay = tree.relays[0]
+            relay.kel("windows", "set", "up", "--slots", "0")
+            expected = self.send(tree.clients[0], self.files(tree, 12, 1000))
+            self.wait_statuses(relay, 12, "to_be_uploaded")
+            relay.kel("upload")
+            time.sleep(3)
+            relay.kel("windows", "set", "up", "--remove")
+            wait_collected(tree.master, expected, 30)
+        with self.subTest("bypass"):
+            tree = self.tree([1], "auto")
+            tree.relays[0].kel("windows", "set", "up", "--slots", "0")
+            wait_collected(tree.master, self.send(tree.clients[0], self.files(tree), options=["--bypass"]), 30)
 
     def test_a_moved_source_stays_until_its_content_is_there(self):
-        tree = self.started([0])
-        relay, path = tree.relays[0], self.file(tree)
-        content = path.read_bytes()
-        Child(relay).offer((KIND, "l", path.name, md5_of(content)), len(content))
-        relay.call("FileStoreReceiveFile", FileType=KIND, FileLabel="l", FileName=path.name, Upstream=True, MovePath=str(path))
-        self.assertTrue(path.exists() or list((relay.data / "FileStore" / "upstream").rglob(path.name)), "the content is gone")
-        self.check_collected(tree.master, {(relay.identity()["GUID"], "l", path.name): hashlib.sha256(content).hexdigest()}, 30)
+        tree = self.tree([0])
+        relay, (path,) = tree.relays[0], self.files(tree)
+        content, expected = path.read_bytes(), {(relay.identity()["GUID"], "l", path.name): sha256_of(path)}
+        Child(relay).offer(key_of(path.name, content), len(content))
+        relay.call("FileStoreReceiveFile", FileType=KIND, FileLabel="l", FileName=path.name, Upstream=True,
+                   MovePath=str(path))
+        stored = (relay.data / "FileStore" / "upstream").rglob(path.name)
+        self.assertTrue(path.exists() or list(stored), "the content is gone")
+        wait_collected(tree.master, expected, 30)
 
 
 class DownTest(FaultTest):
-    def publish(self, tree, paths, to="all", priority=100):
-        tree.publish(paths, KIND, "l", to, priority)
-
     def announce(self, tree, agent, key, size, url, *targets, source=""):
         """An announcement as the master makes it; `targets` are path names below the agent."""
         path = self.path_name(tree, agent)
@@ -314,25 +247,25 @@ class DownTest(FaultTest):
         return next(device["path_name"] for device in tree.master.kel("devices") if device["name"] == agent.name)
 
     def test_delivered_files_survive_a_full_inbox_and_a_kill(self):
-        tree, client = self.client_below_master(shims=["client"])
-        paths = list(write_files(tree.folder / "out", {f"{i}": 1000 + i for i in range(5)}).values())
-        client.shim.fail((WRITING, "ENOSPC", "always", "Delivery/*"))
+        tree = self.tree([], clients_of_master=1, shims=["client"])
+        (client,), paths = tree.clients, self.files(tree, 5, 1000)
+        client.shim.fail(WRITING, "ENOSPC", "Delivery/*")
         self.publish(tree, paths)
         client.shim.wait_failed(5)
         time.sleep(5)  # the other four are answered, too
         client.kill()
         client.shim.clear()
-        self.restart(client)
+        tree.run(client)
         self.check_delivered(tree, [client], paths)
 
     def test_an_acknowledgement_that_the_database_refuses_is_repeated(self):
-        tree = self.started([1], shims=["relay1"], proxies=["client11"])
-        relay, client, path = tree.relays[0], tree.clients[0], self.file(tree)
-        stall = client.proxy.add("stall", "up", match=b"GET /FileStore/downstream", times=1)
-        self.publish(tree, [path], client.name)
+        tree = self.tree([1], shims=["relay1"], proxies=["client11"])
+        relay, client = tree.relays[0], tree.clients[0]
+        stall = client.proxy.add("stall", "up", b"GET /FileStore/downstream", times=1)
+        self.publish(tree, self.files(tree), client.name)
         wait_until(lambda: stall.fired, 30, "the client fetches the file")
         time.sleep(3)  # the relay has recorded its announcement
-        relay.shim.fail((WRITING, "EIO", "always", "FileStore/FileStore.sqlite*"))
+        relay.shim.fail(WRITING, "EIO", "FileStore/FileStore.sqlite*")
         client.proxy.clear()
         wait_until(lambda: "Received acknowledge from" in relay.log(), 30, "the acknowledgement")
         relay.shim.wait_failed()
@@ -342,35 +275,36 @@ class DownTest(FaultTest):
     def test_a_clock_set_back_freezes_no_row(self):
         clock = SteppedClock(SPEED)
         clock.step(YEAR)
-        tree = self.started([1], clock=clock, proxies=["relay1"])
+        tree = self.tree([1], clock=clock, proxies=["relay1"])
         relay, client = tree.relays[0], tree.clients[0]
-        cut = relay.proxy.add("cut", "up", match=b"PUT /FileStore/upstream")
-        expected = send(client, self.file(tree, "up.bin"))
+        cut = relay.proxy.add("cut", "up", b"PUT /FileStore/upstream")
+        expected = self.send(client, self.files(tree, name="up.bin"))
         wait_until(lambda: cut.fired, 30, "the upload fails")
         client.kill()
-        down = self.file(tree, "down.bin")
-        self.publish(tree, [down])
+        down = self.files(tree, name="down.bin")
+        self.publish(tree, down)
         wait_until(lambda: rows(relay, "SELECT * FROM Targets WHERE LastNotifyTime > 0"), 30, "the announcement fails")
         for agent in tree.agents:
             agent.kill()
         clock.step(-YEAR)
         relay.proxy.clear()
-        self.restart(*tree.agents)
+        tree.run(*tree.agents)
         with self.subTest("down"):
-            self.check_delivered(tree, [client], [down])
+            self.check_delivered(tree, [client], down)
         with self.subTest("up"):
-            self.check_collected(tree.master, expected, 10)
+            wait_collected(tree.master, expected, 10)
 
     def test_an_endless_body_is_bounded_and_delays_no_urgent_file(self):
-        tree, client = self.client_below_master()
+        tree = self.tree([], clients_of_master=1)
+        client, urgent = tree.clients[0], self.files(tree)
         address = f"{client.address.rsplit('.', 1)[0]}.250"
         server = EndlessServer(address)
-        self.announce(tree, client, (KIND, "l", "endless", "0" * 32), 0, "/endless", source=f"{address}:{server.port}/X")
+        source = f"{address}:{server.port}/X"
+        self.announce(tree, client, (KIND, "l", "endless", "0" * 32), 0, "/endless", source=source)
         time.sleep(5)
-        urgent = self.file(tree)
-        self.publish(tree, [urgent], priority=500)
+        self.publish(tree, urgent, priority=500)
         with self.subTest("urgent"):
-            self.check_delivered(tree, [client], [urgent], 15)
+            self.check_delivered(tree, [client], urgent, 15)
         server.hurry.set()
         if server.sent:
             wait_until(server.ended.is_set, 60, "the body ends")
@@ -378,96 +312,88 @@ class DownTest(FaultTest):
 
     def test_an_announcement_adds_targets_to_a_file_that_is_not_there_yet(self):
         with self.subTest("requested"):
-            tree = self.started([2])
+            tree = self.tree([2])
             first, second = tree.clients
-            with self.assertRaises(ActionFailed):
-                first.kel("request", "--type", KIND, "--label", "l", "--name", "file.bin", "--wait", 2)
-            path = self.file(tree)
-            self.publish(tree, [path], second.name)
-            self.check_delivered(tree, tree.clients, [path], 30)
+            self.refused(first.kel, "request", "--type", KIND, "--label", "l", "--name", "file.bin", "--wait", 2)
+            paths = self.files(tree)
+            self.publish(tree, paths, second.name)
+            self.check_delivered(tree, tree.clients, paths, 30)
         with self.subTest("downloading"):
-            tree = self.started([2], proxies=["relay1"])
+            tree = self.tree([2], proxies=["relay1"])
             first, second = tree.clients
-            relay, path = tree.relays[0], self.file(tree)
-            stall = relay.proxy.add("stall", "up", match=b"GET /QuarnelDatabase", times=1)
-            self.publish(tree, [path], first.name)
+            relay, paths = tree.relays[0], self.files(tree)
+            stall = relay.proxy.add("stall", "up", b"GET /QuarnelDatabase", times=1)
+            self.publish(tree, paths, first.name)
             wait_until(lambda: stall.fired, 30, "the relay fetches the file")
-            known = rows(relay, f"SELECT FileChecksum, FileSize, FileURL FROM Files WHERE FileName = '{path.name}'")[0]
-            self.announce(tree, relay, (KIND, "l", path.name, known[0]), known[1], known[2], self.path_name(tree, second))
+            known = rows(relay, "SELECT FileChecksum, FileSize, FileURL FROM Files WHERE FileName = 'file.bin'")
+            checksum, size, url = known[0]
+            self.announce(tree, relay, (KIND, "l", "file.bin", checksum), size, url, self.path_name(tree, second))
             relay.proxy.clear()
-            self.check_delivered(tree, tree.clients, [path], 30)
+            self.check_delivered(tree, tree.clients, paths, 30)
 
 
 class DatabaseTest(FaultTest):
-    def lose(self, agent, how, database):
-        """Stops an agent, removes its database or damages half of it or all pages but the first, and starts it again."""
+    def lose(self, tree, agent, how, database):
+        """Stops an agent, removes its database or damages it (half, or all pages but the first), and starts it."""
         self.assertEqual(agent.stop(), 0)
         size = database.stat().st_size
         if how == "removed":
             database.unlink()
         else:
             damage(database, *((size // 4, size // 2) if how == "half" else (PAGE, size - PAGE)))
-        self.restart(agent)
+        tree.run(agent)
 
-    def test_a_lost_database_loses_no_file_on_its_way_down(self):
-        for how in ("half", "removed"):
-            with self.subTest(how):
-                tree = self.started([1])
-                relay, client = tree.relays[0], tree.clients[0]
-                client.kill()
-                paths = list(write_files(tree.folder / "out", {f"{i}": 1000 + i for i in range(10)}).values())
-                DownTest.publish(self, tree, paths)
-                self.check_delivered(tree, [relay], paths, 30)
-                self.check_at_rest([relay])
-                self.lose(relay, how, relay.data / "FileStore" / "FileStore.sqlite")
-                self.restart(client)
-                self.check_delivered(tree, [client], paths)
-
-    def test_a_lost_database_loses_no_file_on_its_way_up(self):
-        for how in ("pages", "removed"):
-            with self.subTest(how):
-                tree = self.started([1])
-                relay, client = tree.relays[0], tree.clients[0]
-                tree.master.kill()
-                expected = send(client, *write_files(tree.folder / "out", {f"{i}": 1000 + i for i in range(10)}).values())
-                wait_until(lambda: len([1 for file in client.kel("files", "--upstream") if file["type"] == KIND
-                                        and file["status"] in AT_REST]) == 10, 30, "the relay has them")
-                self.lose(relay, how, relay.data / "FileStore" / "Upstream.sqlite")
-                self.restart(tree.master)
-                self.check_collected(tree.master, expected)
+    def test_a_lost_database_loses_no_file_on_its_way(self):
+        for way, how in (("down", "half"), ("down", "removed"), ("up", "pages"), ("up", "removed")):
+            with self.subTest(way, how=how):
+                tree = self.tree([1])
+                (relay,), (client,), paths = tree.relays, tree.clients, self.files(tree, 10, 1000)
+                away = client if way == "down" else tree.master
+                away.kill()
+                if way == "down":
+                    self.publish(tree, paths)
+                    self.check_delivered(tree, [relay], paths, 30)
+                    self.check_at_rest([relay])
+                else:
+                    expected = self.send(client, paths)
+                    self.wait_statuses(client, 10, *AT_REST)
+                database = "FileStore.sqlite" if way == "down" else "Upstream.sqlite"
+                self.lose(tree, relay, how, relay.data / "FileStore" / database)
+                tree.run(away)
+                if way == "down":
+                    self.check_delivered(tree, [client], paths)
+                else:
+                    wait_collected(tree.master, expected, RETRIED)
 
     def test_a_lost_console_knows_its_devices_again(self):
-        tree = self.started([1])
-        self.lose(tree.master, "removed", next((tree.master.data / "Console").glob("*.sqlite")))
+        tree = self.tree([1])
+        self.lose(tree, tree.master, "removed", next((tree.master.data / "Console").glob("*.sqlite")))
         tree.wait_known(RETRIED)
 
 
 class ErrorsTest(FaultTest):
     def test_everything_moves_after_a_time_of_errors(self):
-        names = ["relay1", "client11"]
-        tree = self.started([1], shims=names)
-        relay, client = tree.relays[0], tree.clients[0]
-        for agent in (relay, client):
-            agent.shim.fail((WRITING, "EIO", "p=0.02", "*"))
-        paths, expected, end, number = [], {}, time.monotonic() + 40, 0
+        tree = self.tree([1], shims=["relay1", "client11"])
+        for agent in tree.devices:
+            agent.shim.fail(WRITING, "EIO", "*", 0.02)
+        paths, expected, end = [], {}, time.monotonic() + 40
         while time.monotonic() < end:
-            made = list(write_files(tree.folder / "out", {f"{number}.{i}": 20_000 + i for i in range(4)}, number).values())
-            number += 1
+            made = self.files(tree, 4, 20_000, f"{len(paths)}.{{}}", len(paths))
             paths += made
-            DownTest.publish(self, tree, made)
+            self.publish(tree, made)
             for path in made:
                 try:
-                    expected |= send(client, path, kind="Sent")
+                    expected |= tree.clients[0].send(path, kind="Sent")
                 except ActionFailed:
                     pass  # the client said so
             time.sleep(1)
-        for agent in (relay, client):
+        for agent in tree.devices:
             agent.shim.wait_failed()
             agent.shim.clear()
         with self.subTest("down"):
             self.check_delivered(tree, tree.devices, paths)
         with self.subTest("up"):
-            self.check_collected(tree.master, expected)
+            wait_collected(tree.master, expected, RETRIED)
         with self.subTest("rest"):
             self.check_at_rest(tree.agents)
         self.stop_all(tree)

@@ -1,9 +1,14 @@
-"""Files travel from the master over a relay to the clients, whatever their names, and nothing is left to do."""
+"""Files travel from the master over relays to the clients and up again, whatever their names, packed or not; requests
+travel up, too, and nothing is left to do."""
 
 import unittest
 
-from case import BUILD, ODD_FILES, SystemTest, write_files
+from case import BUILD, ODD_FILES, STOP_SECONDS, SystemTest, collected_files, wait_collected, write_files
+from faults import AT_REST
 from tree import Tree, sha256_of, wait_until
+
+FILES = {**ODD_FILES, "-rf.bin": 100, "n" * 200 + ".bin": 9}
+FILE_TYPE = "Road up"
 
 
 class RoadTest(SystemTest):
@@ -36,6 +41,79 @@ class RoadTest(SystemTest):
         """True when the parent knows that this agent has every file of its store."""
         infos = [agent.call("FileStoreGetFileInfo", FileId=file["id"])["Values"] for file in agent.stored_files()]
         return all(info["Acknowledged"] for info in infos)
+
+
+class RoadUpTest(SystemTest):
+    def test_every_file_is_collected(self):
+        with Tree(BUILD, [1, 1]) as tree:
+            tree.relays[1].pack()
+            tree.start()
+            expected = {}
+            for number, client in enumerate(tree.clients):
+                paths = write_files(tree.folder / client.name / "out", FILES, number).values()
+                expected |= client.send(*paths, kind=FILE_TYPE, label="label one")
+            wait_collected(tree.master, expected, 60)
+            self.check_new_content_replaces(tree)
+            for relay, packs in zip(tree.relays, (False, True)):
+                self.assertEqual("PushThread: Sending archive file" in relay.log(), packs, relay.name)
+            for agent in tree.agents:
+                wait_until(lambda: self.states(agent) <= AT_REST, 30, f"nothing is left to do on {agent.name}")
+            self.end(tree)
+
+    def states(self, agent):
+        return {file["status"] for file in agent.kel("files", "--upstream") if file["type"] == FILE_TYPE}
+
+    def check_new_content_replaces(self, tree):
+        client = tree.clients[0]
+        path = tree.folder / "plain.bin"
+        path.write_bytes(b"newer")
+        wait_collected(tree.master, client.send(path, kind=FILE_TYPE, label="label one"), 30)
+        self.assertEqual(len([key for key in collected_files(tree.master) if key[2] == path.name]), 2)
+
+
+class UnconnectedTest(SystemTest):
+    def test_what_arises_while_the_parent_is_away_goes_up_later(self):
+        with Tree(BUILD, [1]) as tree:
+            tree.start()
+            relay, client = tree.relays[0], tree.clients[0]
+            self.assertEqual(relay.stop(STOP_SECONDS), 0)
+            wait_until(lambda: not client.call("RelayGetValues")["Values"]["ParentSync"], 30, "the client misses its parent")
+            path, sent = write_files(tree.folder / "out", {"any content.bin": 100_000, "sent.bin": 50_000}).values()
+            report = tree.folder / "report.xml"
+            report.write_text('<Container><Value name="Disk">42</Value></Container>')
+            for name, values in (("kept.bin", {"FilePath": str(path)}), ("report", {"CopyPath": str(report)})):
+                client.call("FileStoreReceiveFile", FileType="Inventory", FileLabel="kept", FileName=name, Unconnected=True,
+                            Upstream=True, **values)
+            client.send(sent, kind=FILE_TYPE, label="kept")
+            kept = client.data / "FileStore" / "unconnected" / "inventory"
+            self.assertEqual({file.name for file in kept.iterdir()}, {"kept.bin", "kept.bin.xml", "report"})
+            client.kill()
+            tree.run(client)
+            tree.run(relay)
+            guid = client.identity()["GUID"]
+            expected = {(guid, "kept", "kept.bin"): sha256_of(path), (guid, "kept", "sent.bin"): sha256_of(sent)}
+            wait_collected(tree.master, expected, 60)
+            found = wait_until(lambda: collected_files(tree.master).get((guid, "kept", "report")), 30, "the report is collected")
+            self.assertIn('<Value name="Disk" type="string">42</Value>', found.read_text())
+            wait_until(lambda: not list(kept.iterdir()), 30, "what was handed over is not kept any more")
+            self.end(tree)
+
+
+class RequestTest(SystemTest):
+    def test_a_file_for_nobody_is_fetched_by_request(self):
+        with Tree(BUILD, [2]) as tree:
+            tree.start()
+            path = write_files(tree.folder / "out", {"it's on request.bin": 300_000})["it's on request.bin"]
+            published = tree.publish([path], "Demo", "shelf", to="none")[0]
+            self.assertEqual(published["targets"], 0)
+            for client, extra in zip(tree.clients, ([], ["--checksum", published["checksum"]])):
+                answer = client.kel("request", "--type", "Demo", "--label", "shelf", "--name", path.name, "--wait", 30, *extra)
+                self.assertEqual((answer[0]["state"], sha256_of(answer[0]["path"])), ("delivered", sha256_of(path)))
+            self.assertEqual(tree.master.log().count("Received request from "), 1, "the relay kept the file for the second")
+            self.refused(tree.clients[0].kel, "request", "--type", "Demo", "--label", "shelf", "--name", "no such.bin",
+                         "--wait", 3)
+            wait_until(lambda: "File request for non-existant file" in tree.master.log(), 30, "the master drops the request")
+            self.end(tree)
 
 
 if __name__ == "__main__":

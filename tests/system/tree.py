@@ -56,6 +56,10 @@ class VirtualClock:
                 "FAKETIME_DONT_FAKE_MONOTONIC": "1", "DONT_FAKE_MONOTONIC": "1", "NO_FAKE_STAT": "1"}
 
 
+class NotInTime(TimeoutError, AssertionError):
+    """What a test waits for did not come: a failure of the test."""
+
+
 def find_faketime():
     """The path of libfaketime, or None when it is not installed."""
     for folder in pathlib.Path("/usr/lib").glob("*-linux-gnu"):
@@ -65,14 +69,14 @@ def find_faketime():
 
 
 def wait_until(condition, seconds, what):
-    """Polls until `condition` gives something true and returns that; TimeoutError after `seconds`."""
+    """Polls until `condition` gives something true and returns that; NotInTime after `seconds`."""
     deadline = time.monotonic() + seconds
     while True:
         value = condition()
         if value:
             return value
         if time.monotonic() > deadline:
-            raise TimeoutError(f"not within {seconds} s: {what}")
+            raise NotInTime(f"not within {seconds} s: {what}")
         time.sleep(POLL_SECONDS)
 
 
@@ -95,8 +99,8 @@ def wait_arrived(files, expected, seconds, what):
         return not missing
     try:
         wait_until(complete, seconds, "")
-    except TimeoutError:
-        raise TimeoutError(f"not {what} within {seconds} s: {sorted(missing)[:5]}") from None
+    except NotInTime:
+        raise NotInTime(f"not {what} within {seconds} s: {sorted(missing)[:5]}; there: {sorted(files())[:9]}") from None
 
 
 def free_port(address):
@@ -135,9 +139,8 @@ class Agent:
         subprocess.run(command, check=True, stdout=subprocess.DEVNULL)
         self.set_ini("Identity", "Identity", "HostName", self.name)
         if self.tree.short_intervals:
-            self.set_ini("FileStore", "FileStore", "QueueGap", 1)
-            self.set_ini("Relay", "Relay", "RetryInterval", 1)
-            self.set_ini("Relay", "Relay", "CheckInterval", 1)
+            for module, key in (("FileStore", "QueueGap"), ("Relay", "RetryInterval"), ("Relay", "CheckInterval")):
+                self.set_ini(module, module, key, 1)
 
     @property
     def data(self):
@@ -155,7 +158,14 @@ class Agent:
         kept = [line for line in lines[begin:end] if line.split("=")[0].strip() != str(key)]
         path.write_text("\n".join(lines[:begin] + [f"{key}={value}"] + kept + lines[end:]))
 
+    def pack(self, policy="auto"):
+        """Lets a relay pack what it sends up, or not with "none"."""
+        self.set_ini("FileStore", "UploadPolicy", "ConcatFiles", policy)
+
     def start(self):
+        """Starts its process, unless it runs."""
+        if self.is_running():
+            return
         environment = dict(os.environ)
         if self.tree.clock:
             environment.update(self.tree.clock.environment())
@@ -210,6 +220,12 @@ class Agent:
 
     def stderr(self):
         return (self.tree.folder / f"{self.name}.stderr").read_text(errors="replace")
+
+    def send(self, *paths, kind="Demo", label="l", options=()):
+        """Hands files up; what the master will hold, as wait_collected takes it."""
+        self.kel("send", "--type", kind, "--label", label, *options, "--", *paths)
+        guid = self.identity()["GUID"]
+        return {(guid, label, path.name): sha256_of(path) for path in paths}
 
     def inbox(self):
         """What was delivered here: (label, name) -> path."""
@@ -289,16 +305,18 @@ class Tree:
 
     def start(self, seconds=60):
         """Starts all agents and waits until the master knows every device with its final GUID."""
-        for agent in self.agents:
-            agent.start()
-        for agent in self.agents:
-            agent.wait_ready()
-        self.wait_in_sync(seconds)
-        self.wait_known(seconds)
-
-    def wait_in_sync(self, seconds=60):
+        self.run(*self.agents)
         for agent in self.devices:  # parents stand before their children
             wait_until(agent.in_sync, seconds, f"{agent.name} in sync with its parent")
+        self.wait_known(seconds)
+
+    @staticmethod
+    def run(*agents):
+        """Starts agents and waits until they answer."""
+        for agent in agents:
+            agent.start()
+        for agent in agents:
+            agent.wait_ready()
 
     def wait_known(self, seconds=60):
         """Waits until the devices have told the master who they are: name, role, parent and path name."""

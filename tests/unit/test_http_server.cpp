@@ -3,6 +3,8 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 
+#include <cinttypes>
+#include <cstdio>
 #include <regex>
 #include <sstream>
 #include <stdexcept>
@@ -117,14 +119,12 @@ TestHttpServer::Script TestHttpServer::ActionScript(unsigned int result, const K
 
 TestHttpServer::Script TestHttpServer::FileScript(std::string content) {
     return [content = std::move(content)](const Request& request) -> Answer {
-        const std::string header = request.Header("range");
-        std::smatch range;
-        if (!std::regex_match(header, range, std::regex("bytes=([0-9]+)-"))) return {200, "", content};
-        const std::uint64_t offset = ParseUint64(range[1].str()).value_or(0);
+        std::uint64_t offset = 0;
+        if (std::sscanf(request.Header("range").c_str(), "bytes=%" SCNu64 "-", &offset) != 1)
+            return {200, "", content};
         if (offset >= content.size()) return {416};
-        const std::string size = std::to_string(content.size());
-        const std::string last = std::to_string(content.size() - 1);
-        return {206, "Content-Range: bytes " + range[1].str() + "-" + last + "/" + size + "\r\n",
-                content.substr(offset)};
+        const std::string size = std::to_string(content.size()), last = std::to_string(content.size() - 1);
+        const std::string range = std::to_string(offset) + "-" + last + "/" + size;
+        return {206, "Content-Range: bytes " + range + "\r\n", content.substr(offset)};
     };
 }

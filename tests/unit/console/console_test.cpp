@@ -1,4 +1,9 @@
+#include <gtest/gtest.h>
 #include "console_fixture.h"
+#include "kel/format.h"
+#include "kel/text.h"
+#include "modules/console/device.h"
+#include "modules/console/device_tree.h"
 #include "on_threads.h"
 
 namespace {
@@ -30,8 +35,6 @@ TEST_F(ConsoleTest, PublishCopiesTheFileIntoTheServedFolderAndOffersItToTheStore
     const KelContainer result = Publish(From(request, "127.0.3.1"));
     const KelString checksum = TextMd5("content");
     ExpectValues(result, {"FileChecksum=" + checksum, "FileSize=7", "Targets=1"});
-    EXPECT_FALSE(result.GetString("PublicationId").empty());
-
     ASSERT_EQ(OfferCount(), 1U);
     const KelContainer offer = Offers()[0];
     const std::string below = "Packages/tools/" + checksum + "/setup.bin";
@@ -54,6 +57,9 @@ TEST_F(ConsoleTest, TheSameAndADamagedCopyMayBePublishedAgain) {
         EXPECT_EQ(TempFolder::Read(Offers().at(0).GetString("FilePath")), "content");
         TempFolder::Write(Offers()[0].GetString("FilePath"), "damaged");
     }
+    OnThreads(8, [this](int) { Publish(Request("north")); });
+    ASSERT_EQ(OfferCount(), 11U);
+    EXPECT_EQ(TempFolder::Read(Offers()[10].GetString("FilePath")), "content");
     EXPECT_TRUE(std::filesystem::is_empty(root_ / "data/Console/Incoming"));
 }
 
@@ -69,11 +75,8 @@ TEST_F(ConsoleTest, UnusableRequestsAreRefusedAndPublishNothing) {
                "FileLabel=", "FileName=../x", "FileName=.kel-x", "Device=nobody", "Device=desk", "Device="}) {
         KelContainer request = With(Request(kNorth), {bad});
         EXPECT_EQ(Call("ConsolePublish", request), kKelErrorBadInput) << bad;
-        const KelString message = request.GetString("Message");
-        EXPECT_FALSE(message.empty()) << bad;
-        if (bad.starts_with("Device=")) {
-            EXPECT_NE(message.find("\"" + bad.substr(7) + "\""), KelString::npos) << bad;
-        }
+        const KelString named = bad.starts_with("Device=") ? "\"" + bad.substr(7) + "\"" : "";
+        EXPECT_NE(request.GetString("Message", {}).find(named), KelString::npos) << bad;
     }
     for (const char* caller : {"127.0.3.9", ""})
         EXPECT_EQ(Call("ConsolePublish", From(Request(kNorth), caller)), kKelErrorBadInput) << caller;
@@ -81,11 +84,103 @@ TEST_F(ConsoleTest, UnusableRequestsAreRefusedAndPublishNothing) {
     EXPECT_FALSE(std::filesystem::exists(root_ / "data/Console/Packages"));
 }
 
-TEST_F(ConsoleTest, ManyThreadsMayPublishTheSameFile) {
-    RunningModule<Console> module;
-    OnThreads(8, [this](int) { Publish(Request("north")); });
-    ASSERT_EQ(OfferCount(), 8U);
-    EXPECT_EQ(TempFolder::Read(Offers()[7].GetString("FilePath")), "content");
+KelString Guid(int number) {
+    return KelFormat("ABCD0000-0000-0000-0000-%ld", 100000000000 + number);
+}
+
+KelString PathName(const KelString& name, int number) {
+    return KelFormat("%S:%d/%S/02-00-0A-00-00-01/10.0.0.%d/255.255.255.0", name, 1000 + number, Guid(number),
+                     number);
+}
+
+Device MakeDevice(const char* name, const char* role, int number, int parent) {
+    Device device;
+    EXPECT_TRUE(ParsePathName(PathName(name, number), device));
+    device.name = name;
+    device.role = role;
+    if (parent >= 0) device.parentGuid = Guid(parent);
+    return device;
+}
+
+/// master 0, relay 1 below it with client 2 and relay 3, client 4 below relay 3, client 5 below the master.
+KelVector<Device> Tree() {
+    return {MakeDevice("master", "master", 0, -1), MakeDevice("north", "relay", 1, 0),
+            MakeDevice("n1", "client", 2, 1),      MakeDevice("far", "relay", 3, 1),
+            MakeDevice("f1", "client", 4, 3),      MakeDevice("m1", "client", 5, 0)};
+}
+
+/// "north(n1 far())": each name with what is below it, for comparing with expected texts.
+KelString Shape(const KelContainer& container) {
+    KelString text;
+    for (std::size_t i = 0; i < container.GetNameCount(); ++i) {
+        const KelString& pathName = container.GetName(i);
+        const KelContainer& below = container.GetContainer(pathName);
+        if (!text.empty()) text += ' ';
+        text += pathName.substr(0, pathName.find(':'));
+        if (!below.IsEmpty()) text += "(" + Shape(below) + ")";
+    }
+    return text;
+}
+
+TEST(DeviceTree, ContainsTheWayToEachTarget) {
+    const std::pair<KelVector<std::size_t>, const char*> cases[] = {
+        {{5, 5, 5}, "master(m1)"},
+        {{1}, "master(north)"},
+        {{4, 2, 5}, "master(north(far(f1) n1) m1)"},
+        {{2, 1}, "master(north(north n1))"},
+        {{3, 4, 1}, "master(north(north far(far f1)))"},
+        {{0}, "master"},
+        {{0, 5}, "master(master m1)"},
+        {{1, 2, 3, 4, 5}, "master(north(north n1 far(far f1)) m1)"}};
+    for (const auto& [targets, shape] : cases) {
+        const auto path = BuildDevicePath(Tree(), targets);
+        ASSERT_TRUE(path) << shape;
+        EXPECT_EQ(Shape(*path), shape);
+        EXPECT_EQ(path->GetName(0), PathName("master", 0));
+    }
+}
+
+TEST(DeviceTree, DevicesThatCannotBeReachedAreErrorsThatNameThem) {
+    const std::tuple<std::size_t, int, KelString> cases[] = {
+        {4, 77, Guid(77)}, {1, 3, "circle"}, {4, 2, "n1 above it is a client"}};
+    for (const auto& [device, newParent, named] : cases) {
+        auto devices = Tree();
+        devices[device].parentGuid = Guid(newParent);
+        const auto path = BuildDevicePath(devices, {5, 4});
+        ASSERT_FALSE(path) << named;
+        EXPECT_NE(path.Error().message.find(named), KelString::npos) << path.Error().message;
+    }
+    EXPECT_FALSE(BuildDevicePath(Tree(), {}));
+}
+
+TEST(DeviceTree, DepthIsLimitedSoThatTheOfferStillSerialises) {
+    KelVector<Device> devices = {Tree()[0]};
+    for (int number = 1; number <= 60; ++number)
+        devices.push_back(MakeDevice("d", "relay", number, number - 1));
+    EXPECT_FALSE(BuildDevicePath(devices, {60}));
+    const auto deepest = BuildDevicePath(devices, {kMaxTreeLevels - 1});
+    ASSERT_TRUE(deepest);
+    KelContainer offer;
+    offer.SetContainer("DevicePath", *deepest);
+    KelContainer read;
+    ASSERT_TRUE(read.LoadFromXML(offer.SaveToXML()));
+    EXPECT_EQ(read, offer);
+}
+
+TEST(DeviceList, EntriesAreChecked) {
+    const KelString good = PathName("host-1.example", 7);
+    const auto device = ParseDeviceEntry(Guid(7), good + "  " + Guid(1) + " relay North");
+    ASSERT_TRUE(device);
+    EXPECT_EQ(device->name, "North");
+    EXPECT_EQ(ParseDeviceEntry(Guid(7), good + " " + Guid(1) + " client")->name, "host-1.example");
+
+    const KelString rest = " " + Guid(1) + " client";
+    const auto with = [&](const char* from, const char* to) { return ReplaceAll(good, from, to) + rest; };
+    for (const KelString& bad : {KelString(), good, good + " " + Guid(1), good + " " + Guid(1) + " boss",
+                                 good + " " + Guid(7) + " client", good + " nobody client",
+                                 good + rest + " two names", good + rest + " o'hara", with(":1007", ":0"),
+                                 with("10.0.0.7", "300.0.0.7"), PathName("host", 8) + rest})
+        EXPECT_FALSE(ParseDeviceEntry(Guid(7), bad)) << bad;
 }
 
 }  // namespace

@@ -16,13 +16,14 @@ class CollectTest : public DeliveryTest {
 };
 
 TEST_F(CollectTest, OnlyTheMasterCollects) {
-    {
-        RunningModule<Delivery> module;
-        EXPECT_EQ(CallbackDbGetActionCount("FileStoreCallbackCopyUpstream"), 0U);
+    for (const bool isMaster : {false, true}) {
+        if (isMaster) BeMaster();
+        {
+            RunningModule<Delivery> module;
+            EXPECT_EQ(CallbackDbGetActionCount("FileStoreCallbackCopyUpstream"), isMaster ? 1U : 0U);
+        }
+        EXPECT_EQ(CallbackDbGetActionCount("FileStoreCallbackCopyUpstream"), 0U) << "gone with the module";
     }
-    BeMaster();
-    { RunningModule<Delivery> module; }
-    EXPECT_EQ(CallbackDbGetActionCount("FileStoreCallbackCopyUpstream"), 0U) << "gone with the module";
 }
 
 TEST_F(CollectTest, FilesGoToTheFolderOfTheirDevice) {
@@ -45,10 +46,8 @@ TEST_F(CollectTest, FilesGoToTheFolderOfTheirDevice) {
 
     const KelContainer list = Call("DeliveryListCollected");
     ASSERT_EQ(list.Count("Values"), 2U);
-    ExpectValues(list.GetContainer("Values", 0),
-                 {"Device=" + kGuid, "FileType=Inventory", "FileLabel=label", "FileName=disks", "Size=39",
-                  "Path=" + CollectedDisks(kGuid)});
-    ExpectValues(list.GetContainer("Values", 1), {"Device=unknown"});
+    ExpectValues(list.GetContainer("Values", 0), {"Device=" + kGuid, "FileType=Inventory", "FileLabel=label",
+                                                  "FileName=disks", "Path=" + CollectedDisks(kGuid)});
     EXPECT_TRUE(std::filesystem::is_empty(incoming));
 }
 
@@ -64,6 +63,77 @@ TEST_F(CollectTest, WhatIsNotToBeCollectedLeavesNothing) {
     std::filesystem::remove(file.GetString("FilePath"));
     EXPECT_EQ(ComeUp(file, kGuid), kNotReady);
     EXPECT_FALSE(Call("DeliveryListCollected").Has("Values"));
+}
+
+/// The store remembers what the module has not taken, and forgets it when the module says so.
+class UntakenTest : public DeliveryTest {
+  protected:
+    void SetUp() override {
+        DeliveryTest::SetUp();
+        FakeAction("FileStoreGetUntakenFiles ()", [this](KelContainer* container) {
+            const std::lock_guard lock(mutex_);
+            for (std::uint32_t i = 0; container->Has("Taken") && i < container->Count("Taken"); ++i)
+                untaken_.erase(container->GetContainer("Taken", i).GetString("FileName"));
+            if (!container->Has("Taken")) {
+                ++asked_;
+                std::uint32_t index = 0;
+                for (const auto& [name, file] : untaken_)
+                    container->SetContainer("Values", file, index++);
+            }
+            return 0U;
+        });
+    }
+    /// Announces a file of this name, which the store remembers.
+    unsigned int HandOver(const std::string& name) {
+        const KelContainer file = Stored("T", name, name);
+        {
+            const std::lock_guard lock(mutex_);
+            untaken_[name] = file;
+        }
+        return Announce(file);
+    }
+    std::size_t UntakenCount() {
+        const std::lock_guard lock(mutex_);
+        return untaken_.size();
+    }
+    std::atomic<int> asked_ = 0;
+
+  private:
+    std::mutex mutex_;
+    std::map<std::string, KelContainer> untaken_;
+};
+
+TEST_F(UntakenTest, JobOnTheDiskIsReported) {
+    ActiveModule<Delivery> module;
+    ASSERT_TRUE(Eventually([this] { return asked_ > 0; }));
+    for (int i = 0; i < 2; ++i) {  // the second time, it is in place already
+        EXPECT_EQ(HandOver("f"), 0U);
+        EXPECT_TRUE(Eventually([this] { return UntakenCount() == 0; }));
+    }
+}
+
+TEST_F(UntakenTest, FilesWhoseJobCouldNotBeWrittenDownAreDeliveredAfterTheRestart) {
+    const std::string inTheWay = root_ / "data/Delivery/Inbox/T";
+    for (const bool isCopied : {true, false}) {
+        SCOPED_TRACE(isCopied);
+        const std::string name = isCopied ? "copied" : "waiting";
+        {
+            RunningModule<Delivery> module;  // its threads do not run, as if it had been killed
+            TempFolder::Write(Pending() + "/00000000000000000001.xml/x", "");  // a folder in its place
+            if (!isCopied) {
+                std::filesystem::remove_all(inTheWay);
+                TempFolder::Write(inTheWay, "a file");
+            }
+            EXPECT_EQ(HandOver(name), isCopied ? 0U : kNotReady);
+        }
+        EXPECT_EQ(UntakenCount(), 1U);
+        std::filesystem::remove_all(Pending());
+        if (!isCopied) std::filesystem::remove(inTheWay);
+        ActiveModule<Delivery> module;
+        EXPECT_TRUE(Eventually([&] { return Statuses()[TextMd5(name)] == "delivered"; }));
+        EXPECT_EQ(TempFolder::Read(InboxPath("T", name)), name);
+        EXPECT_TRUE(Eventually([this] { return UntakenCount() == 0; }));
+    }
 }
 
 }  // namespace

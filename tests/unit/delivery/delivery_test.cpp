@@ -6,21 +6,18 @@ namespace {
 TEST_F(DeliveryTest, FilesGoToTheirFolders) {
     WriteIni("Delivery", "[Folders]\nScript=" + root_ / "scripts" + "\nRules=Own\n");
     RunningModule<Delivery> module;
-    EXPECT_EQ(Announce(Stored("Package", "a b'c%.bin", "one")), 0U);
-    EXPECT_EQ(Announce(Stored("Script", "s.sh", "two")), 0U);
-    EXPECT_EQ(Announce(Stored("Rules", "r", "three")), 0U);
-    EXPECT_EQ(TempFolder::Read(InboxPath("Package", "a b'c%.bin")), "one");
-    EXPECT_EQ(TempFolder::Read(root_ / "scripts/label/s.sh"), "two");
-    EXPECT_EQ(TempFolder::Read(root_ / "data/Delivery/Own/label/r"), "three");
+    for (const auto& [type, name, path] :
+         {std::tuple{"Package", "a b'c%.bin", InboxPath("Package", "a b'c%.bin")},
+          {"Script", "s.sh", root_ / "scripts/label/s.sh"},
+          {"Rules", "r", root_ / "data/Delivery/Own/label/r"}}) {
+        EXPECT_EQ(Announce(Stored(type, name, type)), 0U);
+        EXPECT_EQ(TempFolder::Read(path), type);
+    }
 
     TempFolder::Write(InboxPath("Package", ".kel-abcdef"), "a copy in progress");
     const KelContainer list = Call("DeliveryListFiles");
     ASSERT_EQ(list.Count("Values"), 3U);
-    ExpectValues(list.GetContainer("Values", 0),
-                 {"FileType=Package", "FileLabel=label", "FileName=a b'c%.bin",
-                  "FileChecksum=" + TextMd5("one"), "Path=" + InboxPath("Package", "a b'c%.bin"), "Size=3"});
-    EXPECT_GT(list.GetContainer("Values", 0).GetInt64("Time"), 1700000000);
-    ExpectValues(list.GetContainer("Values", 1), {"FileType=Script"});
+    ExpectValues(list.GetContainer("Values"), {"FileType=Package", "FileChecksum=" + TextMd5("Package")});
 }
 
 TEST_F(DeliveryTest, NewContentReplacesAndTheSameContentChangesNothing) {
@@ -55,9 +52,8 @@ TEST_F(DeliveryTest, ACommandGetsTheFileWithoutAShell) {
     const std::string out = root_ / "out";
     const std::string injected = root_ / "injected";
     RunOnArrival(
-        "printf '%s|' \"$@\" \"$KEL_FILE_TYPE\" \"$KEL_FILE_LABEL\" \"$KEL_FILE_NAME\" "
-        "\"$KEL_FILE_CHECKSUM\" > '" +
-            out + "'; echo said; echo complained >&2",
+        "printf '%s|' \"$@\" $KEL_FILE_TYPE $KEL_FILE_LABEL \"$KEL_FILE_NAME\" $KEL_FILE_CHECKSUM > '" + out +
+            "'; echo said; echo complained >&2",
         "\"two words\" $(touch " + injected + ")");
     ActiveModule<Delivery> module;
     const std::string name = "; touch injected2 `id` $HOME";
@@ -126,6 +122,68 @@ TEST_F(DeliveryTest, ManyFilesMayArriveAtOnce) {
     });
     EXPECT_EQ(Call("DeliveryListFiles").Count("Values"), 8U);
     EXPECT_TRUE(AllJobsEnd());
+}
+
+using ReceiptTest = DeliveryTest;
+
+TEST_F(ReceiptTest, TellsHowTheCommandEnded) {
+    const std::tuple<std::string, std::string, std::string> cases[] = {
+        {"/bin/true", "delivered", ""},
+        {"/bin/false", "failed", "/bin/false failed with exit code 1"},
+        {"/no/program", "failed", "/no/program could not be started: No such file or directory"},
+        {"relative", "delivered", ""},
+        {"/bin/sh \"open", "delivered", ""}};
+    for (const auto& [command, status, message] : cases) {
+        WriteIni("Delivery", "[Commands]\nT = " + command + "\n");
+        ActiveModule<Delivery> module;
+        ASSERT_EQ(Announce(Stored("T", "f", command)), 0U);
+        ASSERT_TRUE(AllJobsEnd()) << command;
+        ExpectValues(Contents().back(),
+                     {"FileChecksum=" + TextMd5(command), "Status=" + status, "Message=" + message});
+    }
+    EXPECT_EQ(log_->Count(KelDebugLevel::Warning, "run no command"), 2) << "the unusable command lines";
+}
+
+TEST_F(ReceiptTest, OutlivesTheAgentWithoutRunningTheCommandAgain) {
+    const std::string ran = root_ / "ran";
+    RunOnArrival("echo x >> '" + ran + "'; exit 3");
+    SetStoreResult(1);
+    {
+        ActiveModule<Delivery> module;
+        ASSERT_EQ(Announce(Stored("T", "f", "with command")), 0U);
+        ASSERT_EQ(Announce(Stored("Plain", "f", "without")), 0U);
+        ASSERT_TRUE(IsLoggedOnce(KelDebugLevel::Error, "exit code 3"));
+        ASSERT_TRUE(IsLoggedOnce(KelDebugLevel::Warning, "did not take a receipt"));
+    }
+    EXPECT_TRUE(std::filesystem::is_empty(Outgoing())) << "what was not taken is not left behind";
+    SetStoreResult(0);
+    TempFolder::Write(Outgoing() + "/.kel-stale", "left by a crash");
+    RunningModule<Delivery> module;
+    EXPECT_TRUE(std::filesystem::is_empty(Outgoing()));
+    module.Activate();
+    EXPECT_TRUE(AllJobsEnd());
+    EXPECT_EQ(Statuses(), (std::map<std::string, std::string>{{TextMd5("with command"), "failed"},
+                                                              {TextMd5("without"), "delivered"}}));
+    EXPECT_EQ(TempFolder::Read(ran), "x\n");
+}
+
+TEST_F(ReceiptTest, ASentReceiptComesOutTheSameAfterACrash) {
+    {
+        RunningModule<Delivery> module;
+        ASSERT_EQ(Announce(Stored("T", "f", "content")), 0U);
+    }
+    std::filesystem::copy(Pending(), root_ / "saved");
+    for (std::size_t count = 1; count <= 2; ++count) {
+        ActiveModule<Delivery> module;
+        ASSERT_TRUE(Eventually([&] { return OfferCount() == count; }));
+        module.Cleanup();
+        std::filesystem::remove_all(Pending());
+        std::filesystem::copy(root_ / "saved", Pending());  // as if it had not been removed in time
+    }
+    EXPECT_EQ(Contents()[0], Contents()[1]);
+    EXPECT_EQ(Offers()[0].GetString("FileName"), Offers()[1].GetString("FileName"));
+    ExpectValues(Contents()[0], {"GUID=" + kGuid, "DeviceUrl=north:1610/" + kGuid, "FileSize=7"});
+    EXPECT_GT(Contents()[0].GetInt64("Time"), 1700000000);
 }
 
 }  // namespace

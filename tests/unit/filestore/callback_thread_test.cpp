@@ -1,9 +1,6 @@
 #include "filestore/up/callback_thread.h"
 #include "filestore/db/callback_table.h"
 #include "filestore/file_store_fixture.h"
-#include "filestore/up/upload_repair.h"
-#include "kelcore/archive.h"
-#include "read_zip.h"
 
 namespace {
 
@@ -17,7 +14,7 @@ struct CallbackThreadTest : StoreTest {
     }
     /// A file that a child has announced and put.
     static std::uint64_t Put(const KelString& set = "KeepCopy = 0") {
-        return AddStored(kUp, "it's", "RECEIVING", KelFormat("FileURL = '%Q', %S", KelString(kUrl), set));
+        return AddStored(kUp, "it's", "RECEIVING", set);
     }
     static Texts Queued() {
         Texts urls;
@@ -68,8 +65,7 @@ TEST_F(CallbackThreadTest, ReceivedFileIsHandledHereWhenThereIsAConsumer) {
              {"package for the master", false, true, "UpgradePackage", "", "RECEIVING", "TOBEHANDLED"}}) {
         const auto trace = Begin(name);
         if (isMaster) BecomeMaster();
-        std::shared_ptr<void> consumer;
-        if (consumes) consumer = Consume("FileStoreCallbackCopyUpstream", "TestConsume ()");
+        const auto consumer = consumes ? Consume("FileStoreCallbackCopyUpstream", "TestConsume ()") : nullptr;
         const std::uint64_t fileId = Put(KelFormat("FileType = '%s', FileStatus = #%s#, ", type, before) +
                                          SetInfo(Make({{"AdministratedRelayGUID", relay}})));
         ReceiveOnly();
@@ -105,138 +101,80 @@ TEST_F(CallbackThreadTest, DrainedQueueRunsTheConfiguredStatements) {
 }
 
 TEST_F(CallbackThreadTest, PackageOfAnotherRelayIsRejectedByItsKind) {
-    for (const auto& [packageType, action, result] :
-         Table<const char*, KelString, unsigned int>{{"CUSTOM", "PackagerCustomPublishIncorrectTarget", 0},
-                                                     {"MSI", "PackagerMsiPublishIncorrectTarget", 0},
-                                                     {"SNP", "PackagerSnpPublishIncorrectTarget", 0},
-                                                     {"RPM", "PackagerRpmPublishIncorrectTarget", 0},
-                                                     {"RPM", "PackagerRpmPublishIncorrectTarget", 1},
-                                                     {"ODD", "", 0}}) {
-        const auto trace = Begin(KelFormat("%s %u", packageType, result));
+    const KelString names = "PackageRelativePath AdministratedRelayGUID AdministratedRelayAddrPort";
+    for (const auto& [type, kind, result] : Table<const char*, const char*, unsigned int>{
+             {"CUSTOM", "Custom", 0}, {"RPM", "Rpm", 0}, {"RPM", "Rpm", 1}, {"ODD", "", 0}}) {
+        const auto trace = Begin(KelFormat("%s %u", type, result));
         AnswerAsParent(result);
-        const KelString relay = Parent().HostAndPort();
+        const KelContainer info = Make({{"PackageRelativePath", "a/b"},
+                                        {"AdministratedRelayGUID", kParentGuid},
+                                        {"AdministratedRelayAddrPort", Parent().HostAndPort()}});
         const std::uint64_t fileId =
-            Put("FileType = 'PackagerZIPPackage', " + SetInfo(Make({{"AdministratedRelayGUID", kParentGuid},
-                                                                    {"AdministratedRelayAddrPort", relay},
-                                                                    {"PackageType", packageType},
-                                                                    {"PackageRelativePath", "a/b"}})));
+            Put("FileType = 'PackagerZIPPackage', " + SetInfo(With(info, {{"PackageType", type}})));
         const KelString path = Load(kUp, fileId).FilePath;
         Set(kUp, fileId, "FilePath = '/where/the/store/was/before'");
         ReceiveOnly();
-        const bool rejected = !action.empty() && result == 0;
+        const bool isKnown = *kind != '\0', rejected = isKnown && result == 0;
         EXPECT_EQ(Fields(kUp, fileId), rejected ? "(none)" : "RECEIVING");
         EXPECT_EQ(FileExists(path), !rejected);
-        EXPECT_EQ(Parent().Requests().empty(), action.empty());
-        if (action.empty()) continue;
-        EXPECT_EQ(Read(OnlyCallTo(Parent(), action),
-                       "PackageRelativePath AdministratedRelayGUID AdministratedRelayAddrPort"),
-                  KelFormat("a/b|%s|%S", kParentGuid, relay));
+        EXPECT_EQ(Parent().Requests().size(), isKnown);
+        if (!isKnown) continue;
+        const KelContainer call = OnlyCallTo(Parent(), KelFormat("Packager%sPublishIncorrectTarget", kind));
+        EXPECT_EQ(Read(call, names), Read(info, names));
     }
 }
 
-struct PackedUploadTest : CallbackThreadTest {
-    PackedUploadTest() {
-        Fake("CoreUtilsExtractFile ()", [](KelContainer& call) {
-            for (const auto& [name, content] : ReadZip(call.GetString("FilePath")))
-                WriteFile(call.GetString("DestinationPath") + "/" + name, content);
-            return 0U;
-        });
+/// What the HTTP server does with a PUT; the answer of the first event that refuses it.
+TEST_F(CallbackThreadTest, OnlyTheOfferedContentIsAccepted) {
+    const KelString checksum = TextMd5("content");
+    const KelString url =
+        Ask("FileStoreReceiveFile",
+            With(Offer("t", checksum), {{"Upstream", true}, {"FileSize", 7}, {"SourceDevice", kChild}}))
+            .GetString("FileURL");
+    const auto put = [this](const KelString& to, const KelString& content) {
+        const unsigned int refusal =
+            Call("FileStoreHttpPutCheck", Make({{"URL", to}, {"ContentPath", MakeFile("body", content)}}));
+        return refusal != 0 ? refusal : Call("FileStoreHttpPutCallback", Make({{"URL", to}}));
+    };
+    EXPECT_EQ(put(url, "contenu"), kKelAnswerOtherContent);
+    EXPECT_EQ(put(url, "content!"), kKelAnswerOtherContent);
+    EXPECT_EQ(put(url + "x", "content"), kKelAnswerNotExpected);
+    EXPECT_EQ(put("/FileStore/other", "content"), kKelOk) << "another module's";
+    Rows(kUp, "UPDATE Files SET FileType = 'FileStorePackedFiles'");
+    EXPECT_EQ(put("/FileStore/upstream/FileStorePackedFiles/l/" + checksum + "/n", "content"),
+              kKelAnswerOtherContent)
+        << "no archive";
+    Rows(kUp, "UPDATE Files SET FileType = 't'");
+    {
+        const auto full = Refuse(FileStoreGetCallbackDatabase().connection, "INSERT ON CallbackThread");
+        EXPECT_EQ(put(url, "content"), kKelErrorNotAvailable) << "queued before it is answered";
     }
-    static KelContainer Record(const KelString& name, std::int64_t size) {
-        return With(Offer(), {{"FileName", name},
-                              {"SourceDevice", kChild},
-                              {"FilePath", "/etc/passwd"},  // a child names no path of this device
-                              {"FileSize", size}});
+    EXPECT_EQ(put(url, "content"), kKelOk);
+    EXPECT_EQ(Queued(), (Texts{"/FileStore/other", url}));
+    {
+        const auto full = Refuse(kUp, "UPDATE ON Files");
+        callbacks_.DoWork();
     }
-    /// An archive put by a child: its index (none when null), and these files beside it. Its path.
-    KelString PutArchive(const KelContainer* index, const Texts& entries) {
-        const KelString made = Root() + "/made.zip";
-        GenericArchive archive(kArchiveZip);
-        archive.Create(made);
-        if (index != nullptr)
-            archive.AddEntry("Temp/PackedFilesInfo.xml", MakeFile("index", index->SaveToXML()), 6);
-        for (const KelString& entry : entries)
-            archive.AddEntry(entry, MakeFile(entry, entry.substr(entry.rfind('/') + 1)), 6);
-        EXPECT_EQ(archive.Close(), kArchiveDone);
-        const KelString path = Load(kUp, Put("FileType = 'FileStorePackedFiles'")).FilePath;
-        WriteFile(path, Content(made));
-        return path;
-    }
-    KelContainer index_ = Make({{"PackedFile", Record("a", 1)}});
-};
-
-TEST_F(PackedUploadTest, FilesBecomeRowsAndTheArchiveGoes) {
-    index_.SetContainer("PackedFile", Record("b's", 3), 1);
-    const KelString archive = PutArchive(&index_, {"upstream/t/l/c/a", "upstream/t/l/c/b's"});
-    ReceiveOnly();
-    EXPECT_FALSE(FileExists(archive));
-    const KelString rest = KelString("|TOBEUPLOADED|") + kChild;
-    EXPECT_EQ(Rows(kUp, "SELECT FileName, FileStatus, SourceDevice FROM Files ORDER BY FileName"),
-              (Texts{"a" + rest, "b's" + rest}));
-    EXPECT_EQ(Content(FileStore::StorePath(kUp, {"t", "l", "b's", TextMd5("b's")})), "b's");
-    EXPECT_EQ(DirList(FileStore::strStorageLocationToUse + "/Temp"), Texts{});
-}
-
-/// What reaches beyond the upstream files is not even unpacked.
-TEST_F(PackedUploadTest, ArchiveThatCannotBeUsedLeavesNoRows) {
-    const KelContainer empty;
-    const KelContainer unusable =
-        Make({{"PackedFile",
-               With(Record("a", 0), {{"FileChecksum", TextMd5("a")}, {"PackedEntry", "upstream/t/l/c/a"}})}});
-    const char* const file = "upstream/t/l/c/b";
-    for (const auto& [name, index, entry, extractions, stays] :
-         Table<KelString, const KelContainer*, const char*, std::size_t, bool>{
-             {"no index", nullptr, file, 1, true},
-             {"nothing in the index", &empty, file, 1, false},
-             {"unusable record", &unusable, file, 1, false},
-             {"database", &index_, "Callback.sqlite", 0, true},
-             {"downstream file", &index_, "downstream/t/l/c/n", 0, true},
-             {"short path", &index_, "upstream/t/l/n", 0, true},
-             {"other than the index", &index_, "Temp/other.xml", 0, true},
-             {"extraction fails", &index_, file, 5, true}}) {
-        const auto trace = Begin(name);
-        if (name == "extraction fails") FakeResult("CoreUtilsExtractFile ()", 16003);
-        const std::size_t callsBefore = CallsOf("CoreUtilsExtractFile").size();
-        const KelString archive = PutArchive(index, {"upstream/t/l/c/a", entry});
-        ReceiveOnly();
-        EXPECT_EQ(CallsOf("CoreUtilsExtractFile").size() - callsBefore, extractions);
-        EXPECT_EQ(Rows(kUp, "SELECT FileStatus FROM Files"), stays ? Texts{"RECEIVING"} : Texts{});
-        EXPECT_EQ(FileExists(archive), stays);
-    }
-}
-
-TEST_F(PackedUploadTest, RepairQueuesWhatArrivedEvenBeforeTheStoreMoved) {
-    PutArchive(&index_, {"upstream/t/l/c/a"});
-    AddStored(kUp, "handled", "AVAILABLE", "FileURL = '/handled'");
-    AddFile(kUp, "absent", "RECEIVING", "FileURL = '/absent'");
-    SetIni("Directories", "FileStorage", Root() + "/new");
-    CleanUp();
-    Initialise();
-    for (int repetition = 0; repetition < 2; ++repetition)
-        FileStoreRepairUploads();
-    EXPECT_EQ(callbacks_.GetCallbackCount(), 1U);
+    EXPECT_EQ(Queued(), Texts{url}) << "until its row has moved on";
     callbacks_.DoWork();
-    EXPECT_EQ(Names(kUp), (Texts{"handled", "absent", "a"}));
-    EXPECT_EQ(DirList(Root() + "/new/upstream/FileStorePackedFiles/l"), Texts{});
+    EXPECT_EQ(OnlyFields(kUp), "TOBEUPLOADED");
+    EXPECT_EQ(Queued(), Texts{});
 }
 
 TEST_F(CallbackThreadTest, StartRemovesWhatIsHalfMade) {
     const KelString store = Root() + "/store/", work = FileStore::strModuleDataPath + "/Temp/";
     SetIni("Directories", "FileStorage", store);
-    const Table<KelString, bool> files = {{work + "PACKEDFILES_1_2.zip", false},
-                                          {work + ".kel-abcdef", false},
-                                          {store + "Temp/PACKEDFILES_1_2.zip.xml", false},
-                                          {store + "Temp/.kel-abcdef", false},
-                                          {store + ".extract-1/upstream/x", false},
-                                          {work + "other", true},
-                                          {store + "Temp/other", true},
-                                          {store + "upstream/t/l/c/PACKEDFILES_1_2.zip", true}};
-    for (const auto& [path, stays] : files)
-        WriteFile(path, "x");
+    for (const KelString& folder : {work, store + "Temp/"})
+        for (const char* name : {"PACKEDFILES_1_2.zip", "PACKEDFILES_1_2.zip.xml", ".kel-abcdef", "other"})
+            WriteFile(folder + name, "x");
+    for (const char* path : {".extract-1/upstream/x", "upstream/t/l/c/PACKEDFILES_1_2.zip"})
+        WriteFile(store + path, "x");
     CleanUp();
     Initialise();
-    for (const auto& [path, stays] : files)
-        EXPECT_EQ(FileExists(path), stays) << path;
+    for (const KelString& folder : {work, store + "Temp/"})
+        EXPECT_EQ(DirList(folder), Texts{"other"});
+    EXPECT_FALSE(DirExists(store + ".extract-1"));
+    EXPECT_TRUE(FileExists(store + "upstream/t/l/c/PACKEDFILES_1_2.zip"));
 }
 
 }  // namespace

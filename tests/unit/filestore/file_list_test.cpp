@@ -2,9 +2,8 @@
 
 namespace {
 
-struct FileList : FileStoreTest {
+struct FileList : StoreTest {
     FileList() {
-        Initialise();
         // By pairs equal in type, label and name: their order is that of checksum and number.
         for (const char* name : {"b", "a", "b", "c", "a"})
             AddFile(kDown, name, "AVAILABLE", "FileChecksum = 'x'");

@@ -1,12 +1,11 @@
+#include "filestore/db/files_table.h"
 #include "filestore/file_store_fixture.h"
 #include "kel/text.h"
 
 namespace {
 
-struct FileQueries : FileStoreTest {
-    FileQueries() { Initialise(); }
-
-    static void AddThree() {
+struct FileQueries : StoreTest {
+    static void AddSome() {
         AddFile(kDown, "b", "AVAILABLE", "FileSize = 1");
         AddFile(kDown, "a", "MISSING", "FileSize = 3");
         AddFile(kDown, "old", "OBSOLETE");
@@ -15,29 +14,66 @@ struct FileQueries : FileStoreTest {
     }
 };
 
-TEST_F(FileQueries, ListsInTheOrderAskedForWithoutObsoleteFiles) {
-    AddThree();
-    for (const auto& [values, names] :
-         Table<KelContainer, const char*>{{KelContainer(), "abc"},
-                                          {Make({{"SortAttr", "TransferredData"}}), "abc"},
-                                          {Make({{"SortAttr", "FileSize"}}), "bca"},
-                                          {Make({{"SortAttr", "filesize"}, {"SortOrder", "DESC"}}), "acb"},
-                                          {Make({{"ListUpstream", true}}), "up"},
-                                          {Make({{"SortAttr", "FileName; DROP TABLE Files"}}), nullptr},
-                                          {Make({{"SortAttr", "Nothing"}}), nullptr},
-                                          {Make({{"SortOrder", "ASC, FileId"}}), nullptr}}) {
-        SCOPED_TRACE(values.SaveToXML());
-        const KelContainer list =
-            Ask("FileStoreListFiles", values, names == nullptr ? kKelErrorBadInput : kKelOk);
-        KelString listed;
-        for (std::uint32_t i = 0; list.Has("Values") && i < list.Count("Values"); ++i)
-            listed += list.GetContainer("Values", i).GetString("FileName");
-        EXPECT_EQ(listed, names == nullptr ? "" : names);
+TEST_F(FileQueries, EveryFieldSurvivesTheWayThroughARecordAndAnotherDatabase) {
+    const KelString all = "SELECT * FROM Files";
+    for (const int flag : {0, 1}) {
+        DeleteRows();
+        KelString numbered =
+            "7, 'it''s 1 ü', 'it''s 2', 'it''s 3', 'it''s 4', 5000000000, 'it''s 5', 'it''s 6', ";
+        Rows(
+            kDown,
+            KelFormat("INSERT INTO Files VALUES (%S'it''s 7', %d, 5, %d, %d, %d, 77, 4999999999, 1700000001, "
+                      "1700000002, 'it''s 8', 'it''s 9', 'it''s 10', %d, 'it''s 11', 1501, 2048, 2, "
+                      "'it''s 12', 5000000003)",
+                      numbered, flag, 1 - flag, flag, 1 - flag, flag));
+        FileStoreEntry entry = OnlyRow(kDown);
+        EXPECT_FALSE(entry.LoadFromDatabase(8, kDown)) << "and keeps its values";
+        EXPECT_EQ(entry.CreateInDatabase(kUp), 7U);
+        EXPECT_EQ(Rows(kUp, all), Rows(kDown, all));
+
+        Rows(kUp, "DELETE FROM Files");
+        Rows(kUp, "INSERT INTO Files (FileId) VALUES (7)");
+        ASSERT_TRUE(entry.SaveToDatabase(kUp));
+        EXPECT_EQ(Rows(kUp, all), Rows(kDown, all));
     }
 }
 
+TEST_F(FileQueries, FileIsFoundByItsKeyOrItsWholeUrl) {
+    EXPECT_EQ(FileStoreEntry({"t", "l", "a", "ff"}).CreateInDatabase(kDown), 1U);
+    EXPECT_EQ(OnlyFields(kDown, "FileId, Priority, CreateTime"), "1|100|now");
+    AddFile(kDown, "a", "AVAILABLE", "FileChecksum = '11'");
+    AddFile(kDown, "b", "AVAILABLE", "FileChecksum = ''");
+    AddFile(kDown, "it's", "AVAILABLE", "FileURL = '/FileStore/upstream/it''s'");
+    for (const auto& [name, checksum, fileId, exact] :
+         Table<const char*, const char*, std::uint64_t, std::uint64_t>{
+             {"a", "", 2, 0}, {"a", "ff", 1, 1}, {"a", "33", 0, 0}, {"b", "33", 3, 0}, {"it's", "c", 4, 4}}) {
+        SCOPED_TRACE(KelFormat("%s %s", name, checksum));
+        EXPECT_EQ(filestore::FindFileInDatabase(kDown, {"t", "l", name, checksum}), fileId);
+        EXPECT_EQ(filestore::FindExactFile(kDown, {"t", "l", name, checksum}), exact);
+        EXPECT_EQ(filestore::FindFileInDatabase(kUp, {"t", "l", name, checksum}), 0U);
+    }
+    AddFile(kUp, "n", "RECEIVING", "FileURL = '/FileStore/upstream/it''s'");
+    EXPECT_EQ(filestore::FindFileFromUrl("/FileStore/upstream/it's"), 1U);
+    EXPECT_EQ(filestore::FindFileFromUrl("/FileStore/upstream/it"), 0U);
+}
+
+TEST_F(FileQueries, ListsInTheOrderAskedForWithoutObsoleteFiles) {
+    AddSome();
+    for (const auto& [values, names] : Table<KelContainer, Texts>{
+             {KelContainer(), {"a", "b", "c"}},
+             {Make({{"SortAttr", "TransferredData"}}), {"a", "b", "c"}},
+             {Make({{"SortAttr", "filesize"}, {"SortOrder", "DESC"}}), {"a", "c", "b"}},
+             {Make({{"ListUpstream", true}}), {"up"}},
+             {Make({{"SortAttr", "FileName; DROP TABLE Files"}}), {}},
+             {Make({{"SortOrder", "ASC, FileId"}}), {}}})
+        EXPECT_EQ(ReadValues(Ask("FileStoreListFiles", values, names.empty() ? kKelErrorBadInput : kKelOk),
+                             "FileName"),
+                  names)
+            << values.SaveToXML();
+}
+
 TEST_F(FileQueries, GivesTheDetailsOfOneFile) {
-    AddThree();
+    AddSome();
     const KelContainer file = Ask("FileStoreGetFileInfo", Make({{"FileId", 4}})).GetContainer("Values");
     EXPECT_EQ(Read(file,
                    "FileId FileType FileLabel FileName FileChecksum FileSize Upstream KeepCopy Bypass "
@@ -46,7 +82,6 @@ TEST_F(FileQueries, GivesTheDetailsOfOneFile) {
     EXPECT_TRUE(file.Has("CreateTime"));
     EXPECT_EQ(file.GetString("FileStatus"), filestore::kStatusAvailable);
     EXPECT_EQ(file.GetType("FileSize"), KelContainer::Type::Int64);
-
     EXPECT_FALSE(Ask("FileStoreGetFileInfo", Make({{"FileName", "c"}})).Has("Values"));
 }
 
@@ -54,7 +89,6 @@ TEST_F(FileQueries, ProgressIsGivenInPerCent) {
     const KelString path = MakeFile("partial", KelString(30, 'x'));
     for (const auto& [status, file, size, progress] :
          Table<const char*, KelString, std::int64_t, const char*>{
-             {filestore::kStatusAvailable, path, 0, "100 %"},
              {filestore::kStatusUnicastAvailable, path, 60, "100 %"},
              {filestore::kStatusDownloading, path, 60, "50 %"},
              {filestore::kStatusReceiving, path, 20, "100 %"},
@@ -66,9 +100,8 @@ TEST_F(FileQueries, ProgressIsGivenInPerCent) {
 }
 
 TEST_F(FileQueries, GivesTypeAndInformationByLabelAndChecksum) {
-    const KelContainer info = Make({{"Owner", "it's <me>"}});
     for (const auto& [checksum, stored, given] : Table<KelString, KelString, KelContainer>{
-             {"c1", info.SaveToXML(), info}, {"c2", "<Container>", KelContainer()}}) {
+             {"c1", Info().SaveToXML(), Info()}, {"c2", "<Container>", KelContainer()}}) {
         AddFile(kDown, "n", "AVAILABLE", KelFormat("FileChecksum = '%S', FileInfo = '%Q'", checksum, stored));
         const KelContainer answer =
             Ask("FileStoreGetFileInformation", Make({{"FileLabel", "l"}, {"FileChecksum", checksum}}));
@@ -77,27 +110,21 @@ TEST_F(FileQueries, GivesTypeAndInformationByLabelAndChecksum) {
     }
 }
 
-TEST_F(FileQueries, ReportsMulticastGroupsAndHosts) {
+TEST_F(FileQueries, ReportsMulticastGroupsAndHostsAndResetsOnlyFilesThatWait) {
     EXPECT_FALSE(Ask("FileStoreGetMulticastStatus").Has("Values"));
     for (const char* device : {"10.1.2.3:80', 'Waiting", "10.1.2.4:80', 'Waiting", "10.1.2.5:80', 'Failed"})
         Rows(kDown, KelFormat("INSERT INTO MulticastListenAddress (MulticastAddress, DeviceUrl, Status) "
                               "VALUES ('224.2.0.1', 'http://u:p@%s')",
                               device));
-    const KelContainer status = Ask("FileStoreGetMulticastStatus");
-    ASSERT_EQ(status.Count("Values"), 2U);
-    EXPECT_EQ(Read(status.GetContainer("Values", 0), "Status CountStatus"), "Failed|1");
-    EXPECT_EQ(Read(status.GetContainer("Values", 1), "Status CountStatus"), "Waiting|2");
-    const KelContainer details = Ask("FileStoreGetMulticastDetails");
-    ASSERT_EQ(details.Count("Values"), 3U);
-    EXPECT_EQ(details.GetContainer("Values", 0).GetString("DeviceUrl"), "10.1.2.5");
-    EXPECT_EQ(details.GetContainer("Values", 1).GetString("DeviceUrl"), "10.1.2.3");
-}
+    const KelContainer groups = Ask("FileStoreGetMulticastStatus"),
+                       hosts = Ask("FileStoreGetMulticastDetails");
+    EXPECT_EQ(ReadValues(groups, "Status CountStatus"), (Texts{"Failed|1", "Waiting|2"}));
+    EXPECT_EQ(ReadValues(hosts, "DeviceUrl"), (Texts{"10.1.2.5", "10.1.2.3", "10.1.2.4"}));
 
-TEST_F(FileQueries, ResetsOnlyFilesThatWaitForMulticast) {
     for (const char* status : {"MULTICASTLISTENING", "AVAILABLE"})
         AddFile(kDown, "n", status, "FileURL = '/it''s', FileSize = 9, Acknowledged = 1");
     Ask("FileStoreResetMulticastStatus", Make({{"FileURL", "/it's"}}));
-    EXPECT_EQ(Rows(kDown, "SELECT FileStatus, FileSize, Acknowledged FROM Files ORDER BY FileId"),
+    EXPECT_EQ(Files(kDown, "FileStatus, FileSize, Acknowledged"),
               (Texts{"TOBEREQUESTED|0|0", "AVAILABLE|9|1"}));
 }
 
@@ -118,9 +145,9 @@ TEST_F(FileQueries, PackageListGoesUpstreamOnceInAWhile) {
     EXPECT_FALSE(synchronise(false));
     EXPECT_TRUE(synchronise(true));
     EXPECT_TRUE(synchronise(true));  // too soon
-    const KelContainer call = OnlyCallOf("FileStoreReceiveFile");
-    EXPECT_EQ(FileKey::Read(call), (FileKey{"PackageSyncInfo", "PackageSyncInfo", "", ""}));
-    EXPECT_EQ(Read(call, "Bypass Upstream"), "false|true");
+    EXPECT_EQ(
+        Read(OnlyCallOf("FileStoreReceiveFile"), "FileType FileLabel FileName FileChecksum Bypass Upstream"),
+        "PackageSyncInfo|PackageSyncInfo||(none)|false|true");
     EXPECT_EQ(sent.Count("FileName"), 2U);
     EXPECT_EQ(sent.GetString("FileName", "", 1), "p2");
     EXPECT_TRUE(DirList(FileStore::strModuleDataPath + "/Temp").empty());  // refused: nothing is left behind

@@ -1,22 +1,21 @@
 #include "filestore/file_store_fixture.h"
 
-#include <filesystem>
-#include <map>
-#include <mutex>
 #include <regex>
 
 #include "kel/ini_file.h"
 #include "kel/path.h"
 #include "kel/text.h"
-#include "kelcore/agent.h"
-#include "kelcore/callback_db.h"
 
 namespace fs = std::filesystem;
 
 namespace {
 
 constexpr const char* kModuleHandle = "FileStore";
-constexpr const char* kFakeHandle = "Fakes";
+/// Conditions of statements that concern all files: another storage location, a list of them, and rows from
+/// before upstream files had their own database.
+constexpr const char* kScanned[] = {"FilePath LIKE", "FileStatus != ", "Upstream = 1"};
+
+thread_local bool ofTheTest = false;  ///< whether the test runs a statement of its own
 
 /// What a freshly loaded module holds.
 void ResetModule() {
@@ -36,15 +35,6 @@ void ResetModule() {
         manager->ClearWindow();
 }
 
-struct Put {
-    KelContainer& container;
-    const KelString& name;
-    void operator()(const KelString& value) { container.SetString(name, value); }
-    void operator()(bool value) { container.SetBool(name, value); }
-    void operator()(std::int64_t value) { container.SetInt64(name, value); }
-    void operator()(const KelContainer& value) { container.SetContainer(name, value); }
-};
-
 /// "#MISSING#" becomes the quoted status. Long statements, which carry information of files, name none.
 KelString WithStatuses(const KelString& statement) {
     static const std::regex name("#([A-Z_]+)#");
@@ -54,39 +44,30 @@ KelString WithStatuses(const KelString& statement) {
 
 }  // namespace
 
-struct FileStoreTest::Calls {
-    std::mutex mutex;
-    std::map<KelString, KelVector<KelContainer>> byName;
-};
-
-FileStoreTest::FileStoreTest() : calls_(std::make_shared<Calls>()) {
+StoreTest::StoreTest() {
     start_ = std::time(nullptr);
-    MakeRoot();
+    KelAgentConfigure({root_ / "config/", root_ / "data/", kAgentName, kPassword, "127.0.1.7", log_});
+    FileStore::strModuleIniFile = root_ / "config/FileStore.ini";
+    if (!FileCopy(KEL_SOURCE_DIR "/filestore/FileStore.ini", FileStore::strModuleIniFile, true)) std::abort();
+    SetIni("FileStore", "QueueGap", "3600");
     ResetModule();
     identityValues = Make({{"GUID", kGuid}, {"PreferIPAddresses", true}});
     relayValues = Make({{"IsEnabled", false}});
     httpValues = Make({{"Port", 1610}});
     RegisterNeighbours();
     FileStore::ModuleRegister(kModuleHandle);
+    Initialise();
+    SetParent("127.0.1.1", 1);
 }
 
-FileStoreTest::~FileStoreTest() {
+StoreTest::~StoreTest() {
     if (initialised_) CleanUp();
     FileStore::ModuleUnregister(0);
     ActionDbUnregisterAll(kModuleHandle);
-    ActionDbUnregisterAll(kFakeHandle);
+    FileStore::strArchiveFilePath.clear();
 }
 
-void FileStoreTest::MakeRoot() {
-    PathCreate(Root() + "/config");
-    PathCreate(Root() + "/data");
-    KelAgentConfigure({Root() + "/config/", Root() + "/data/", kAgentName, kPassword, "127.0.1.7", log_});
-    FileStore::strModuleIniFile = Root() + "/config/FileStore.ini";
-    if (!FileCopy(KEL_SOURCE_DIR "/filestore/FileStore.ini", FileStore::strModuleIniFile, true)) std::abort();
-    SetIni("FileStore", "QueueGap", "3600");
-}
-
-void FileStoreTest::RegisterNeighbours() {
+void StoreTest::RegisterNeighbours() {
     const auto answer = [this](const KelString& signature, const char* name, auto value) {
         Fake(signature, [name, value](KelContainer& container) {
             container = Make({{name, value()}});
@@ -105,87 +86,68 @@ void FileStoreTest::RegisterNeighbours() {
     FakeResult("IdentityValidateGUIDScheme ()", 0);
 }
 
-void FileStoreTest::Initialise() {
+void StoreTest::Initialise() {
     initialised_ = true;
     ASSERT_EQ(FileStore::ModuleInitialise(), kModuleSuccess);
+    Observe(kDown);
+    Observe(kUp);
 }
 
-void FileStoreTest::CleanUp() {
+void StoreTest::CleanUp() {
     initialised_ = false;
+    CheckPlans(kDown);
+    CheckPlans(kUp);
     FileStore::ModuleCleanup(0);
 }
 
-KelContainer FileStoreTest::With(KelContainer container, Values values) {
-    for (const auto& [name, value] : values)
-        std::visit(Put{container, name}, value);
+KelContainer StoreTest::With(KelContainer container, Values values) {
+    for (const auto& [name, value] : values) {
+        if (const auto* text = std::get_if<KelString>(&value)) container.SetString(name, *text);
+        if (const auto* flag = std::get_if<bool>(&value)) container.SetBool(name, *flag);
+        if (const auto* number = std::get_if<std::int64_t>(&value)) container.SetInt64(name, *number);
+        if (const auto* inner = std::get_if<KelContainer>(&value)) container.SetContainer(name, *inner);
+    }
     return container;
 }
 
-KelContainer FileStoreTest::From(KelContainer arguments, const KelString& address) {
-    return With(std::move(arguments),
-                {{"HttpProtocolRequestInfo", Make({{"HttpProtocolRequestAddress", address}})}});
-}
-
-KelContainer FileStoreTest::FromXml(const KelString& xml) {
+KelContainer StoreTest::FromXml(const KelString& xml) {
     KelContainer container;
     EXPECT_TRUE(static_cast<bool>(container.LoadFromXML(xml)));
     return container;
 }
 
-KelString FileStoreTest::Read(const KelContainer& container, const KelString& names) {
+KelString StoreTest::Read(const KelContainer& container, const KelString& names) {
     KelString text;
     for (const KelString& name : SplitText(names, ' '))
         text += "|" + container.GetString(name, "(none)");
     return text.substr(1);
 }
 
-void FileStoreTest::Fake(const KelString& signature, Handler handler) {
+Texts StoreTest::ReadValues(const KelContainer& answer, const KelString& names) {
+    Texts texts;
+    for (std::uint32_t i = 0; answer.Has("Values") && i < answer.Count("Values"); ++i)
+        texts.push_back(Read(answer.GetContainer("Values", i), names));
+    return texts;
+}
+
+void StoreTest::Fake(const KelString& signature, Handler handler) {
     const KelString name = signature.substr(0, signature.find_first_of(" ("));
-    ActionDbRegisterAction(
-        signature,
-        [calls = calls_, name, handler = std::move(handler)](KelContainer* container) {
-            {
-                const std::lock_guard lock(calls->mutex);
-                calls->byName[name].push_back(*container);
-            }
-            return handler(*container);
-        },
-        kFakeHandle);
+    FakeAction(signature, [this, name, handler = std::move(handler)](KelContainer* container) {
+        {
+            const std::lock_guard lock(mutex_);
+            calls_[name].push_back(*container);
+        }
+        return handler(*container);
+    });
 }
 
-KelVector<KelContainer> FileStoreTest::CallsOf(const KelString& actionName) const {
-    const std::lock_guard lock(calls_->mutex);
-    return calls_->byName[actionName];
-}
-
-KelContainer FileStoreTest::OnlyCallOf(const KelString& actionName) const {
-    const auto calls = CallsOf(actionName);
-    EXPECT_EQ(calls.size(), 1U) << actionName;
-    return calls.empty() ? KelContainer() : calls.front();
-}
-
-void FileStoreTest::BecomeMaster() {
-    FakeResult("QuarnelDbRunScript ()", 0);
-    FakeResult("QuarnelDbObjectListTypes ()", 0);
-}
-
-std::shared_ptr<void> FileStoreTest::Consume(const KelString& event, const KelString& signature) {
-    CallbackDbRegisterAction(event, signature, "", 0);
-    return {nullptr, [event, signature](void*) { CallbackDbDeleteAction(event, signature, ""); }};
-}
-
-KelContainer FileStoreTest::Ask(const KelString& action, KelContainer arguments, unsigned int code) {
-    EXPECT_EQ(Call(action, arguments), code) << action;
-    return arguments;
-}
-
-void FileStoreTest::SetIni(const KelString& section, const KelString& key, const KelString& value) {
+void StoreTest::SetIni(const KelString& section, const KelString& key, const KelString& value) {
     IniFile ini;
     ASSERT_TRUE(ini.Open(FileStore::strModuleIniFile));
     ASSERT_TRUE(static_cast<bool>(ini.WriteEntryValue(section, key, value)));
 }
 
-KelString FileStoreTest::GetIni(const KelString& section, const KelString& key) {
+KelString StoreTest::GetIni(const KelString& section, const KelString& key) {
     IniFile ini;
     EXPECT_TRUE(ini.Open(FileStore::strModuleIniFile));
     KelString value;
@@ -193,16 +155,18 @@ KelString FileStoreTest::GetIni(const KelString& section, const KelString& key) 
     return value;
 }
 
-KelString FileStoreTest::Shortened(const KelString& cell) {
+KelString StoreTest::Shortened(const KelString& cell) {
     constexpr std::string_view kPrefix = "_AGTMOD_FILESTORESTATUS_";
     if (cell.starts_with(kPrefix)) return cell.substr(kPrefix.size(), cell.size() - kPrefix.size() - 1);
     const std::int64_t time = std::strtoll(cell.c_str(), nullptr, 10);
     return time >= start_ && time <= std::time(nullptr) && cell == std::to_string(time) ? "now" : cell;
 }
 
-FileStoreTest::Texts FileStoreTest::Rows(Side side, const KelString& statement) {
+Texts StoreTest::Rows(Side side, const KelString& statement) {
     Texts rows;
+    ofTheTest = true;
     const auto result = Database(side).Query(WithStatuses(statement));
+    ofTheTest = false;
     EXPECT_TRUE(result) << statement;
     for (std::size_t row = 0; result && row < result->GetRowCount(); ++row) {
         KelString text;
@@ -213,13 +177,8 @@ FileStoreTest::Texts FileStoreTest::Rows(Side side, const KelString& statement) 
     return rows;
 }
 
-KelString FileStoreTest::Cell(Side side, const KelString& statement) {
-    const Texts rows = Rows(side, statement);
-    return rows.empty() ? KelString() : rows.front();
-}
-
-std::uint64_t FileStoreTest::AddFile(Side side, const KelString& name, const KelString& status,
-                                     const KelString& set) {
+std::uint64_t StoreTest::AddFile(Side side, const KelString& name, const KelString& status,
+                                 const KelString& set) {
     FileStoreEntry entry({"t", "l", name, "c"});
     entry.Upstream = side == kUp;
     const std::uint64_t fileId = entry.CreateInDatabase(side);
@@ -228,8 +187,8 @@ std::uint64_t FileStoreTest::AddFile(Side side, const KelString& name, const Kel
     return fileId;
 }
 
-void FileStoreTest::AddTarget(std::uint64_t fileId, std::uint64_t targetId, const KelString& device,
-                              std::int64_t lastNotifyTime, unsigned int wakeUp) {
+void StoreTest::AddTarget(std::uint64_t fileId, std::uint64_t targetId, const KelString& device,
+                          std::int64_t lastNotifyTime, unsigned int wakeUp) {
     KelContainer path;
     if (!device.empty()) path.SetContainer(device, {});
     Rows(kDown, KelFormat("INSERT INTO Targets (TargetId, FileId, DeviceGUID, DevicePath, TargetCreateTime, "
@@ -237,64 +196,61 @@ void FileStoreTest::AddTarget(std::uint64_t fileId, std::uint64_t targetId, cons
                           targetId, fileId, device, path.SaveToXML(), lastNotifyTime, wakeUp));
 }
 
-void FileStoreTest::Set(Side side, std::uint64_t fileId, const KelString& set) {
-    Rows(side, KelFormat("UPDATE Files SET %S WHERE FileId = %lu", set, fileId));
+void StoreTest::Observe(Side side) {
+    Database(side).SetObserver([this, side](const KelString& statement) {
+        if (ofTheTest || statement.starts_with("EXPLAIN")) return;
+        const std::lock_guard lock(mutex_);
+        for (const char* table : {"FROM Files", "UPDATE Files", "FROM Targets", "UPDATE Targets"})
+            if (statement.find(table) != KelString::npos) statements_[side].insert(statement);
+    });
 }
 
-FileStoreEntry FileStoreTest::Load(Side side, std::uint64_t fileId) {
-    FileStoreEntry entry;
-    EXPECT_TRUE(entry.LoadFromDatabase(fileId, side));
-    return entry;
+std::set<KelString> StoreTest::TakeStatements(Side side) {
+    const std::lock_guard lock(mutex_);
+    return std::exchange(statements_[side], {});
 }
 
-KelString FileStoreTest::Fields(Side side, std::uint64_t fileId, const KelString& columns) {
-    const Texts rows = Rows(side, KelFormat("SELECT %S FROM Files WHERE FileId = %lu", columns, fileId));
-    return rows.empty() ? KelString("(none)") : rows.front();
+Texts StoreTest::Plan(Side side, const KelString& statement) {
+    Texts steps;
+    const auto result = Database(side).Query("EXPLAIN QUERY PLAN " + statement);
+    for (std::size_t row = 0; result && row < result->GetRowCount(); ++row)
+        steps.push_back(result->GetString(row, "detail"));
+    EXPECT_FALSE(steps.empty()) << statement;
+    return steps;
 }
 
-KelString FileStoreTest::OnlyFields(Side side, const KelString& columns) {
-    EXPECT_EQ(Count(side), "1");
-    return Cell(side, "SELECT " + columns + " FROM Files");
+void StoreTest::CheckPlans(Side side) {
+    Database(side).SetObserver({});
+    for (const KelString& statement : TakeStatements(side)) {
+        const auto has = [&statement](const char* part) { return statement.find(part) != KelString::npos; };
+        const bool mayScan = !has("WHERE") || std::any_of(std::begin(kScanned), std::end(kScanned), has);
+        const bool maySort = mayScan || has("JOIN Targets");  // their order depends on two tables at once
+        for (const KelString& step : Plan(side, statement)) {
+            SCOPED_TRACE(step);
+            EXPECT_TRUE(mayScan || !step.starts_with("SCAN") || step == "SCAN CONSTANT ROW") << statement;
+            EXPECT_TRUE(maySort || step.find("TEMP B-TREE") == KelString::npos) << statement;
+            EXPECT_EQ(step.find("ANY("), KelString::npos) << statement;  // a scan that skips equal values
+        }
+    }
 }
 
-FileStoreEntry FileStoreTest::OnlyRow(Side side) {
-    const KelString fileId = OnlyFields(side, "FileId");
-    return fileId.empty() ? FileStoreEntry() : Load(side, std::stoull(fileId));
-}
-
-FileStoreTest::Texts FileStoreTest::Names(Side side, const KelString& status) {
-    const KelString condition = status.empty() ? "" : "WHERE FileStatus = #" + status + "#";
-    return Rows(side, "SELECT FileName FROM Files " + condition + " ORDER BY FileId");
-}
-
-void FileStoreTest::DeleteRows() {
-    Rows(kUp, "DELETE FROM Files");
-    Rows(kDown, "DELETE FROM Files");
-    Rows(kDown, "DELETE FROM Targets");
-}
-
-std::shared_ptr<void> FileStoreTest::Refuse(DBConnection& connection, const KelString& changes) {
+std::shared_ptr<void> StoreTest::Refuse(DBConnection& connection, const KelString& changes) {
     connection.Query(
         WithStatuses("CREATE TRIGGER Refuse BEFORE " + changes + " BEGIN SELECT RAISE(ABORT, 'full'); END"));
     return {nullptr, [&connection](void*) { connection.Query("DROP TRIGGER Refuse"); }};
 }
 
-void FileStoreTest::WriteFile(const KelString& path, const KelString& content) {
+void StoreTest::WriteFile(const KelString& path, const KelString& content) {
     ASSERT_TRUE(PathCreate(fs::path(path).parent_path()));
     TempFolder::Write(path, content);
 }
 
-KelString FileStoreTest::MakeFile(const KelString& name, const KelString& content) {
-    WriteFile(Root() + "/" + name, content);
-    return Root() + "/" + name;
-}
-
-KelString FileStoreTest::Content(const KelString& path) {
+KelString StoreTest::Content(const KelString& path) {
     const auto text = FileReadText(path, 1U << 30);
     return text ? *text : KelString("(none)");
 }
 
-KelString FileStoreTest::Everything() const {
+KelString StoreTest::Everything() const {
     KelString text;
     for (const auto& [side, table] : {std::pair(kDown, "Files"), {kDown, "Targets"}, {kUp, "Files"}})
         for (const KelString& row : Rows(side, KelFormat("SELECT * FROM %s", table)))
@@ -305,31 +261,11 @@ KelString FileStoreTest::Everything() const {
     return text;
 }
 
-// ---- StoreTest
-
-StoreTest::StoreTest() {
-    Initialise();
-    SetParent("127.0.1.1", 1);
-}
-
 KelContainer StoreTest::TargetTree(const Texts& children) {
     KelContainer level;
     for (const KelString& child : children)
         level.SetContainer(child, {});
     return Make({{kOwnPathName, level}});
-}
-
-void StoreTest::SetParent(const KelString& name, std::uint16_t port) {
-    relayValues = With(relayValues, {{"ParentName", name}, {"ParentPort", port}, {"ParentSync", true}});
-}
-
-void StoreTest::AnswerAsParent(TestHttpServer::Script script) {
-    parent_ = std::make_unique<TestHttpServer>(std::move(script));
-    SetParent("127.0.1.1", parent_->Port());
-}
-
-void StoreTest::AnswerAsParent(unsigned int result, const KelContainer& values) {
-    AnswerAsParent(TestHttpServer::ActionScript(result, values));
 }
 
 void StoreTest::AcceptAll() {
@@ -340,7 +276,7 @@ void StoreTest::AcceptAll() {
     });
 }
 
-FileStoreTest::Texts StoreTest::RequestedNames(const KelString& method) const {
+Texts StoreTest::RequestedNames(const KelString& method) const {
     Texts names;
     for (const auto& request : parent_->Requests())
         if (method.empty() || request.method == method)
@@ -363,7 +299,7 @@ std::uint64_t StoreTest::AddStored(Side side, const KelString& name, const KelSt
         AddFile(side, name, status, KelFormat("SourceDevice = '%s', FileSize = %lu", kChild, name.size()));
     if (!set.empty()) Set(side, fileId, set);
     const FileStoreEntry entry = Load(side, fileId);
-    if (!entry.ExternalFile) Set(side, fileId, KelFormat("FilePath = '%Q'", PathOf(side, entry)));
+    if (!entry.ExternalFile) Set(side, fileId, KelFormat("FilePath = '%Q'", PathOf(side, fileId)));
     WriteFile(Load(side, fileId).FilePath, name);
     return fileId;
 }

@@ -40,28 +40,20 @@ TEST_F(HandleThreadTest, AnswerDecidesWhereAFileGoes) {
         Arrived(side, name);
         Arrived(side, "44003 too");
         EXPECT_TRUE(handler_.HandleFile(side));
-        EXPECT_EQ(Rows(side, "SELECT FileStatus, LastStatusChangeTime FROM Files ORDER BY FileId"),
-                  (Texts{status, "AVAILABLE|0"}));
+        EXPECT_EQ(Files(side, kState), (Texts{status, "AVAILABLE|0"}));
     }
-}
-
-TEST_F(HandleThreadTest, ConsumerGetsTheFileWithItsPath) {
-    const std::uint64_t fileId = Arrived(kUp, "0", "FirstRelay = 'r', Priority = 9, " + SetInfo(Info()));
-    EXPECT_TRUE(handler_.HandleFile(kUp));
-    const KelContainer call = OnlyCallOf("TestConsume");
-    EXPECT_EQ(Read(call,
-                   "FileType FileLabel FileName FileChecksum FilePath SourceDevice FirstRelay Upstream "
-                   "Priority"),
-              KelFormat("t|l|0|c|%S|%s|r|true|9", Load(kUp, fileId).FilePath, kChild));
-    EXPECT_EQ(call.GetContainer("FileInfo"), Info());
 }
 
 /// This device is a target of a downstream file as long as no target row with an empty name says otherwise.
 TEST_F(HandleThreadTest, LocalTargetRowMakesADownstreamFileACopyOnly) {
     const auto copier = Consume("FileStoreCallbackCopyDownstream", "TestConsume ()");
-    AddTarget(Arrived(kDown, "0"), 1, "");
+    const std::uint64_t fileId = Arrived(kDown, "0", SetInfo(Info()));
+    AddTarget(fileId, 1, "");
     EXPECT_TRUE(handler_.HandleFile(kDown));
-    EXPECT_EQ(CallsOf("TestConsume").size(), 1U);
+    const KelContainer call = OnlyCallOf("TestConsume");
+    EXPECT_EQ(Read(call, "FileName FilePath SourceDevice"),
+              KelFormat("0|%S|%s", Load(kDown, fileId).FilePath, kChild));
+    EXPECT_EQ(call.GetContainer("FileInfo"), Info());
 }
 
 TEST_F(HandleThreadTest, AbsentFileIsDroppedAndAbsentPackageWaits) {
@@ -72,13 +64,13 @@ TEST_F(HandleThreadTest, AbsentFileIsDroppedAndAbsentPackageWaits) {
     EXPECT_TRUE(CallsOf("TestConsume").empty());
 }
 
-TEST_F(HandleThreadTest, StepTakesBatchAfterBatchAndEndsWhenConsumersAreNotReady) {
+TEST_F(HandleThreadTest, StepTakesBatchAfterBatchAndFilesThatConsumersPutOffOnce) {
     for (int i = 0; i < 120; ++i)
-        Arrived(kUp, KelFormat("0 %d", i));
-    Arrived(kUp, "44001");
+        Arrived(kUp, KelFormat("%s %d", i % 2 == 0 ? "0" : "44001", i));
+    Arrived(kUp, "0 last");
     handler_.DoWork();
-    EXPECT_EQ(Names(kUp, "TOBEUPLOADED").size(), 120U);
-    EXPECT_EQ(Names(kUp, "TOBEHANDLED"), Texts{"44001"});
+    EXPECT_EQ(Names(kUp, "TOBEUPLOADED").size(), 61U);
+    EXPECT_EQ(CallsOf("TestConsume").size(), 121U);
 }
 
 TEST_F(HandleThreadTest, MissingFileIsOfferedToTheModulesFirst) {
@@ -104,39 +96,36 @@ TEST_F(HandleThreadTest, MissingFileIsOfferedToTheModulesFirst) {
     EXPECT_FALSE(handler_.LocalRequestFile(kDown));
 }
 
-TEST_F(HandleThreadTest, PackageOfAnAdministratedRelayIsPublishedHere) {
-    const KelString info = ArrivedPackage().FileInfo;
-    EXPECT_TRUE(handler_.HandleFile(kUp));
-    const KelString path = PathOf(kDown, OnlyRow(kDown)), fileId = OnlyFields(kDown, "FileId");
-    EXPECT_EQ(OnlyFields(kDown, "FileType, FileStatus, KeepCopy, FileSize, FilePath"),
-              KelFormat("OperationalRulePackage|AVAILABLE|%d|7|%S", FileStore::eKeepCopyMask.load(), path));
-    EXPECT_EQ(Content(path), "package");
-    const KelContainer call = OnlyCallOf("RelayReceiveFile");
-    EXPECT_EQ(Read(call, "FileType FileChecksum FilePath SourceDevice Upstream"),
-              KelFormat("PackagerZIPPackage|%S|%S|%s|true", TextMd5("package"), path, kChild));
-    EXPECT_EQ(call.GetContainer("FileInfo"), FromXml(info));
+TEST_F(HandleThreadTest, PackageOfAnAdministratedRelayIsPublishedHereAlsoWhenItWasAskedForBefore) {
+    for (const bool isAskedFor : {false, true}) {
+        const auto trace = Begin(isAskedFor ? "asked for" : "unknown");
+        if (isAskedFor)
+            AddFile(kDown, "package", "TOBEREQUESTED",
+                    "FileType = 'OperationalRulePackage', FileChecksum = '" + TextMd5("package") + "'");
+        const KelString info = ArrivedPackage().FileInfo;
+        EXPECT_TRUE(handler_.HandleFile(kUp));
+        FileStore::UpdateScriptAndPackageStatus(0);  // finds it whole
+        const KelString path = PathOf(kDown, OnlyRow(kDown).FileId), fileId = OnlyFields(kDown, "FileId");
+        EXPECT_EQ(
+            OnlyFields(kDown, "FileType, FileStatus, KeepCopy, FileSize, FilePath"),
+            KelFormat("OperationalRulePackage|AVAILABLE|%d|7|%S", FileStore::eKeepCopyMask.load(), path));
+        EXPECT_EQ(Content(path), "package");
+        const KelContainer call = CallsOf("RelayReceiveFile").at(isAskedFor ? 2 : 0);
+        EXPECT_EQ(Read(call, "FileType FileChecksum FilePath SourceDevice Upstream"),
+                  KelFormat("PackagerZIPPackage|%S|%S|%s|true", TextMd5("package"), path, kChild));
+        EXPECT_EQ(call.GetContainer("FileInfo"), FromXml(info));
 
-    EXPECT_EQ(OnlyFields(kUp, "FileType, FileStatus"), "PackagerAdministratedPackage|TOBEHANDLED");
-    EXPECT_EQ(Content(OnlyRow(kUp).FilePath), "package");
-    EXPECT_EQ(Read(FromXml(OnlyRow(kUp).FileInfo), "SendingToMaster AdministratedRelayID"), "1|12");
+        EXPECT_EQ(OnlyFields(kUp, "FileType, FileStatus"), "PackagerAdministratedPackage|TOBEHANDLED");
+        EXPECT_EQ(Content(OnlyRow(kUp).FilePath), "package");
+        EXPECT_EQ(Read(FromXml(OnlyRow(kUp).FileInfo), "SendingToMaster AdministratedRelayID"), "1|12");
 
-    // What goes on to the master is not published a second time, and a repetition finds the row.
-    EXPECT_TRUE(handler_.HandleFile(kUp));
-    EXPECT_EQ(OnlyFields(kUp), "TOBEUPLOADED");
-    ArrivedPackage();
-    EXPECT_TRUE(handler_.HandleFile(kUp));
-    EXPECT_EQ(OnlyFields(kDown, "FileId"), fileId);
-}
-
-TEST_F(HandleThreadTest, PackageThatWasAskedForBeforeItCameIsAvailableWhole) {
-    const std::uint64_t asked =
-        AddFile(kDown, "package", "TOBEREQUESTED",
-                KelFormat("FileType = 'OperationalRulePackage', FileChecksum = '%S'", TextMd5("package")));
-    ArrivedPackage();
-    handler_.DoWork();
-    FileStore::UpdateScriptAndPackageStatus(0);
-    EXPECT_EQ(OnlyFields(kDown, "FileId, FileStatus, FileSize, FilePath"),
-              KelFormat("%lu|AVAILABLE|7|%S", asked, PathOf(kDown, Load(kDown, asked))));
+        // What goes on to the master is not published a second time, and a repetition finds the row.
+        EXPECT_TRUE(handler_.HandleFile(kUp));
+        EXPECT_EQ(OnlyFields(kUp), "TOBEUPLOADED");
+        ArrivedPackage();
+        EXPECT_TRUE(handler_.HandleFile(kUp));
+        EXPECT_EQ(OnlyFields(kDown, "FileId"), fileId);
+    }
 }
 
 TEST_F(HandleThreadTest, PackageIsKeptUntilItsOfferIsTakenAndPublishedOnceAStepUntilItsRowGoes) {
@@ -146,7 +135,7 @@ TEST_F(HandleThreadTest, PackageIsKeptUntilItsOfferIsTakenAndPublishedOnceAStepU
     handler_.DoWork();
     EXPECT_EQ(OnlyFields(kUp, "FileName, FileStatus"), "package|TOBEHANDLED");
     DirCreate(temp);
-    auto full = Refuse(Database(kUp), "DELETE ON Files");
+    auto full = Refuse(kUp, "DELETE ON Files");
     Fake("RelayReceiveFile ()", [&](KelContainer&) {
         if (CallsOf("RelayReceiveFile").size() > 1) full.reset();  // one too many: let the step end
         return 0U;

@@ -1,5 +1,7 @@
 #include <algorithm>
 #include <atomic>
+#include <semaphore>
+#include <stdexcept>
 #include <thread>
 
 // The entry function is not among the module's objects: it belongs to the shared library alone.
@@ -8,35 +10,27 @@
 #include "filestore/file_store_fixture.h"
 #include "filestore/module/action_gate.h"
 #include "filestore/state/worker_loop.h"
-#include "kelcore/callback_db.h"
+#include "filestore/up/push_thread.h"
 
 namespace {
 
-struct Lifecycle : FileStoreTest {
-    static long RunningThreads() {
-        const auto workers = FileStore::Workers();
-        return std::count_if(workers.begin(), workers.end(),
-                             [](const KelThread* thread) { return thread->IsThreadRunning(); });
-    }
-};
+struct Lifecycle : StoreTest {
+    Lifecycle() { CleanUp(); }
 
-TEST_F(Lifecycle, EventsAreSubscribedUntilTheModuleIsUnregistered) {
-    for (const unsigned int subscribers : {1U, 0U}) {
+    static void ExpectRunning(long threads, unsigned int subscribers) {
+        const auto workers = FileStore::Workers();
+        EXPECT_EQ(std::count_if(workers.begin(), workers.end(),
+                                [](const KelThread* thread) { return thread->IsThreadRunning(); }),
+                  threads);
         for (const char* event : {"HttpProtocolCallbackPut", "IdentityCallbackGUIDChange",
                                   "IdentityCallbackIPChange", "TransferWindowCallbackWindowChange"})
             EXPECT_EQ(CallbackDbGetActionCount(event), subscribers) << event;
-        FileStore::ModuleUnregister(0);
     }
-}
+};
 
 TEST_F(Lifecycle, ActionsRefuseCallsWhileTheDatabasesAreClosed) {
-    const auto signatures = ActionDbListActions();
-    Initialise();
-    Ask("FileStoreListFiles");
-    CleanUp();
-    EXPECT_EQ(FileStore::pDbConnectionUpstream, nullptr);
     int actions = 0;
-    for (const KelString& signature : signatures) {
+    for (const KelString& signature : ActionDbListActions()) {
         if (!signature.starts_with("FileStore") && !signature.starts_with("Package")) continue;
         ++actions;
         Ask(signature.substr(0, signature.find(' ')), {}, kKelErrorNotAvailable);
@@ -44,14 +38,36 @@ TEST_F(Lifecycle, ActionsRefuseCallsWhileTheDatabasesAreClosed) {
     EXPECT_EQ(actions, 29);
 }
 
-TEST_F(Lifecycle, InitialisationFailsAndClosesWhatItOpenedWithoutADatabase) {
-    WriteFile(Root() + "/data/FileStore/FileStore.sqlite/in-the-way", "");
+TEST_F(Lifecycle, InitialisationFailsWithoutItsTablesOrADatabaseAndClosesWhatItOpened) {
+    const KelString shipped = Content(FileStore::strModuleIniFile), data = Root() + "/data/FileStore/";
+    const auto without = [&shipped](const KelString& section) {
+        KelString text = shipped;
+        return text.replace(text.find("\n[" + section + "]\n"), section.size() + 4, "\n[Unused]\n");
+    };
+    for (const KelString& ini :
+         {KelString(), without("SqlUpgrade"), without("SqlUpgrade2"), without("SqlUpgrade3"),
+          KelString("[SqlUpgrade3]\nSql1=CREATE NO TABLE\n"), shipped}) {
+        DirDelete(data, true);
+        WriteFile(FileStore::strModuleIniFile, ini);
+        if (ini == shipped) WriteFile(data + "FileStore.sqlite/in-the-way", "");
+        EXPECT_EQ(FileStore::ModuleInitialise(), kModuleFailure);
+        EXPECT_EQ(FileStore::pDbConnectionUpstream, nullptr);
+        EXPECT_EQ(FileStore::pDbConnectionDownstream, nullptr);
+        EXPECT_FALSE(log_->TakeProblems().empty());
+    }
+    FileDelete(FileStore::strModuleIniFile);
     EXPECT_EQ(FileStore::ModuleInitialise(), kModuleFailure);
-    EXPECT_EQ(FileStore::pDbConnectionUpstream, nullptr);
-    EXPECT_EQ(FileStore::pDbConnectionDownstream, nullptr);
 }
 
-TEST_F(Lifecycle, ActivationPublishesTheFoldersAndStartsTheThreads) {
+TEST_F(Lifecycle, NoFilesAreTakenWithoutTheThreads) {
+    Initialise();
+    ASSERT_TRUE(FileStore::threadPush.Start());  // so that it cannot be started
+    EXPECT_EQ(FileStore::ModuleActivate(), kModuleFailure);
+    EXPECT_FALSE(FileStore::threadPush.IsThreadRunning());
+    Ask("FileStoreListFiles", {}, kKelErrorNotAvailable);
+}
+
+TEST_F(Lifecycle, ActivationPublishesTheFoldersAndGoesOnWithNeighboursThatFailOrAreAbsent) {
     SetIni("AlternativePackagesRepository", "PackagesRepositoryPath", "/srv/packages");
     Initialise();
     Activate();
@@ -64,36 +80,28 @@ TEST_F(Lifecycle, ActivationPublishesTheFoldersAndStartsTheThreads) {
     EXPECT_EQ(added, (Texts{"FileStore/upstream|" + data + "/upstream",
                             "FileStore/downstream|" + data + "/downstream", "FileStore|" + data,
                             "AlternativePackagesRepositoryPath|/srv/packages"}));
-    EXPECT_EQ(RunningThreads(), 7);
     CleanUp();
-    EXPECT_EQ(RunningThreads(), 0);
-}
-
-TEST_F(Lifecycle, ActivationGoesOnWithNeighboursThatFailOrAreAbsent) {
-    FakeResult("HttpProtocolAddAlias (string AliasName, string AliasPath)", 1);
-    FakeResult("HttpProtocolDeleteAlias (string AliasName, bool CompletelyRemove)", 1);
-    for (const auto& [level, text] : Table<KelDebugLevel, const char*>{
-             {KelDebugLevel::Error, "Failed to add alias FileStore/downstream"},
-             {KelDebugLevel::Warning, "HttpProtocolHandler's actions are not registered."}}) {
+    FakeResult("HttpProtocolAddAlias ()", 1);
+    FakeResult("HttpProtocolDeleteAlias ()", 1);
+    for (const char* warning : {"Failed to add alias FileStore/downstream", "actions are not registered"}) {
         Initialise();
         Activate();
-        EXPECT_TRUE(HasLogged(level, text));
-        EXPECT_EQ(RunningThreads(), 7);
+        ExpectRunning(7, 1);
+        EXPECT_TRUE(HasLogged(KelDebugLevel::Warning, warning));
         CleanUp();
-        ActionDbUnregisterAll("Fakes");
+        ActionDbUnregisterAll("neighbours");
     }
 }
 
 TEST_F(Lifecycle, RoleIsDeterminedWithItsUploadPolicy) {
-    SetIni("UploadPolicy", "ExcludedFileType", "Inventory");
-    SetIni("UploadPolicy", "MaxFilesToConcat", "7");
-    SetIni("UploadPolicy", "ArchiveType", "TAR");
+    for (const char* entry : {"ExcludedFileType", "MaxFilesToConcat", "ArchiveType"})
+        SetIni("UploadPolicy", entry, "7");
     for (const auto& [isMaster, isRelay, setting, keepCopyMask, packing] :
-         Table<bool, bool, const char*, int, const char*>{{false, false, "auto", 4, "none"},
-                                                          {false, true, "Auto", 2, "auto"},
-                                                          {false, true, "manual", 2, "manual"},
-                                                          {false, true, "sometimes", 2, "none"},
-                                                          {true, true, "auto", 1, "none"}}) {
+         Table<bool, bool, const char*, int, KelString>{{false, false, "auto", 4, "none||50"},
+                                                        {false, true, "Auto", 2, "auto|7|7"},
+                                                        {false, true, "manual", 2, "manual|7|7"},
+                                                        {false, true, "sometimes", 2, "none|7|7"},
+                                                        {true, true, "auto", 1, "none|7|7"}}) {
         SCOPED_TRACE(KelFormat("master %d, relay %d, %s", isMaster, isRelay, setting));
         if (isMaster) BecomeMaster();
         relayValues.SetBool("IsEnabled", isRelay);
@@ -102,12 +110,9 @@ TEST_F(Lifecycle, RoleIsDeterminedWithItsUploadPolicy) {
         Activate();
         EXPECT_EQ(FileStore::eKeepCopyMask, keepCopyMask);
         EXPECT_EQ(FileStore::eArchiveType, 1);
-        const KelContainer values = Ask("FileStoreGetValues").GetContainer("Values");
-        EXPECT_EQ(values.GetString("ConcatFiles"), packing);
-        if (isRelay) {
-            EXPECT_EQ(Read(values, "ExcludedFileType"), "Inventory");
-            EXPECT_EQ(FileStore::uMaxFilesToConcat, 7U);
-        }
+        EXPECT_EQ(Read(Ask("FileStoreGetValues").GetContainer("Values"),
+                       "ConcatFiles ExcludedFileType MaxFilesToConcat"),
+                  packing);
         CleanUp();
     }
 }
@@ -123,9 +128,8 @@ TEST_F(Lifecycle, StartRepairsWhatAnEarlierRunInterrupted) {
     AddFile(kDown, "offered before activation", "RECEIVING");
     Activate();
     EXPECT_EQ(
-        Rows(kDown,
-             "SELECT FileStatus, FileSize, Acknowledged, LastStatusChangeTime, "
-             "MulticastTransferToBeStarted FROM Files ORDER BY FileId"),
+        Files(kDown,
+              "FileStatus, FileSize, Acknowledged, LastStatusChangeTime, MulticastTransferToBeStarted"),
         (Texts{"TOBEREQUESTED|0|0|0|0", "AVAILABLE|12|1|99|0", "MISSING|12|1|0|0", "RECEIVING|0|0|0|0"}));
 }
 
@@ -134,15 +138,14 @@ TEST_F(Lifecycle, EntryDrivesALifeAndASecondOneAndAnswersTexts) {
     for (int life = 0; life < 2; ++life) {
         for (const unsigned int operation : {1U, 3U, 4U})  // registration, initialisation, activation
             EXPECT_EQ(ModuleMain(operation, 0, handle), 1U);
+        ExpectRunning(7, 1);
         EXPECT_EQ(Ask("FileStoreGetDeviceUrl").GetString("DeviceUrl"), kOwnUrl);
         for (const unsigned int operation : {9U, 5U, 2U})  // suspension and the ends
             EXPECT_EQ(ModuleMain(operation, 0, nullptr), 1U);
+        ExpectRunning(0, 0);
     }
-    for (const auto& [operation, text] : Table<unsigned int, const char*>{
-             {6, "File store module"}, {7, "11.5.0.121004r - Oct  4 2012 - 17:21:12"}}) {
-        EXPECT_EQ(ModuleMain(operation, 0, buffer), 1U);
-        EXPECT_STREQ(buffer, text);
-    }
+    EXPECT_EQ(ModuleMain(6, 0, buffer), 1U);
+    EXPECT_STREQ(buffer, "File store module");
     for (const unsigned int operation : {0U, 8U, 10U, 4096U})
         EXPECT_EQ(ModuleMain(operation, 0, nullptr), 5U);
 }
@@ -150,24 +153,56 @@ TEST_F(Lifecycle, EntryDrivesALifeAndASecondOneAndAnswersTexts) {
 TEST(ActionGate, CloseWaitsForCallsInsideAndLetsTheirInnerCallsPass) {
     FileStoreActionGate gate;
     gate.Open();
-    std::thread closer;
+    std::jthread closer;
     std::atomic<bool> closed = false;
     {
         const FileStoreActionGate::Pass outer(gate);
         ASSERT_TRUE(outer.IsGranted());
-        closer = std::thread([&] {
+        closer = std::jthread([&] {
             gate.Close();
             closed = true;
         });
         bool refused = false;  // a caller on another thread, once the gate is closing
         while (!refused)
-            std::thread([&] { refused = !FileStoreActionGate::Pass(gate).IsGranted(); }).join();
+            std::jthread([&] { refused = !FileStoreActionGate::Pass(gate).IsGranted(); }).join();
         EXPECT_FALSE(closed);
-        const FileStoreActionGate::Pass inner(gate);
-        EXPECT_TRUE(inner.IsGranted());
+        EXPECT_TRUE(FileStoreActionGate::Pass(gate).IsGranted()) << "an inner call";
     }
     closer.join();
     EXPECT_TRUE(closed);
+}
+
+struct CountingThread : FileThreadBase {
+    CountingThread() : FileThreadBase("FileStore", "TestGap", 3600) {}
+    ~CountingThread() override {
+        Cancel(0, false);
+        Join();
+    }
+    std::counting_semaphore<> begun{0};  ///< released at the begin of every step
+    int steps = 0;
+
+    bool DoWork() override {
+        begun.release();
+        if (++steps == 1) throw std::runtime_error("no space");
+        return false;
+    }
+};
+
+TEST_F(Lifecycle, WorkerWakesAtOnceOutlivesAFailedStepAndEndsWhenItsSettingIsZero) {
+    CountingThread thread, cancelled;
+    thread.WakeUp();  // not running: no signal is kept
+    ASSERT_TRUE(thread.Start() && cancelled.Start());
+    for (int step = 0; step < 2; ++step) {
+        thread.WakeUp();
+        thread.begun.acquire();
+    }
+    EXPECT_TRUE(HasLogged(KelDebugLevel::Error, "no space"));
+    SetIni("FileStore", "TestGap", "0");
+    thread.WakeUp();
+    thread.Join();  // returns when the thread has ended
+    cancelled.Cancel(0, false);
+    cancelled.Join();
+    EXPECT_EQ(cancelled.steps, 0) << "a cancelled pause ends a thread without work";
 }
 
 }  // namespace

@@ -6,11 +6,18 @@
 
 namespace {
 
+constexpr const char* kArchive = "FileType = 'FileStorePackedFiles'";
+constexpr const char* kLarge = "FileSize = 9223372036854775807";
+
 struct PackingTest : PushTest {
     PackingTest() { AcceptAll(); }
+    static void Pack(const KelString& mode, const KelString& excluded = "") {
+        const KelContainer policy = Make({{"ConcatFiles", mode}, {"ExcludedFileType", excluded}});
+        ChangeSettings(policy);
+    }
     /// Two files gathered for an archive whose index is made.
     void GatherTwo(const Texts& more = {}) {
-        PackAutomatically();
+        Pack("auto");
         for (const Texts& names : {gathered_, more})
             for (const KelString& name : names)
                 Waiting(name);
@@ -24,29 +31,23 @@ struct PackingTest : PushTest {
 TEST_F(PackingTest, PolicyChoosesTheFiles) {
     const Texts all = {"a", "b", "archive", "bypass"}, packable = {"a", "b"}, archive = {"archive"};
     enum { Normal, Demanded, ArchivesOnly };
-    for (const auto& [packs, automatic, excluded, pass, outcome, offered, packed] :
-         Table<bool, bool, const char*, int, Outcome, Texts, Texts>{
-             {false, false, "", Normal, Outcome::Done, all, {}},
-             {true, true, "", Normal, Outcome::Done, archive, packable},
-             {true, false, "", Normal, Outcome::Nothing, {}, {}},
-             {true, false, "B, C", Normal, Outcome::Done, {}, {"b"}},
-             {true, false, "B", Demanded, Outcome::Done, archive, packable},
-             {false, false, "", Demanded, Outcome::Done, archive, packable},
-             {true, false, "", ArchivesOnly, Outcome::Done, archive, {}}}) {
-        const auto trace = Begin(
-            KelFormat("packs %d, automatic %d, excluded '%s', pass %d", packs, automatic, excluded, pass));
+    for (const auto& [packing, excluded, pass, outcome, offered, packed] :
+         Table<const char*, const char*, int, Outcome, Texts, Texts>{
+             {"none", "", Normal, Outcome::Done, all, {}},
+             {"auto", "", Normal, Outcome::Done, archive, packable},
+             {"manual", "", Normal, Outcome::Nothing, {}, {}},
+             {"manual", "B, C", Normal, Outcome::Done, {}, {"b"}},
+             {"manual", "B", Demanded, Outcome::Done, archive, packable},
+             {"none", "", Demanded, Outcome::Done, archive, packable},
+             {"manual", "", ArchivesOnly, Outcome::Done, archive, {}}}) {
+        const auto trace = Begin(KelFormat("packing %s, excluded '%s', pass %d", packing, excluded, pass));
         AcceptAll();
         Waiting("a", "FileType = 'A'");
         Waiting("b", "FileType = 'B'");
-        Waiting("archive", "FileType = 'FileStorePackedFiles'");
+        Waiting("archive", kArchive);
         Waiting("bypass", "FileType = 'A', Bypass = 1");
-        FileStore::fConcatFiles = packs;
-        FileStore::fAutoConcat = automatic;
+        Pack(packing, excluded);
         FileStore::fProcessManualUpload = pass == Demanded;
-        {
-            const KelLock lock(FileStore::mutexSettings);
-            FileStore::strExcludedFileType = excluded;
-        }
         EXPECT_EQ(Send(pass == ArchivesOnly), outcome);
         EXPECT_EQ(RequestedNames(), offered);
         EXPECT_EQ(Names(kUp, "TOBEPACKED"), packed);
@@ -56,15 +57,15 @@ TEST_F(PackingTest, PolicyChoosesTheFiles) {
 TEST_F(PackingTest, WhatIsTooMuchForAnArchiveTravelsAloneOrInTheNextOne) {
     // Two of these are too much for one index.
     const KelString info = SetInfo(Make({{"Fact", KelString(17 << 20, 'x')}}));
-    PackAutomatically();
+    Pack("auto");
     for (const auto& [name, set, bytes, offered, packed] :
          Table<const char*, KelString, std::uintmax_t, Texts, Texts>{
-             {"announced size", "FileSize = 9223372036854775807", 5, {"large"}, {"a", "b"}},
+             {"announced size", kLarge, 5, {"large"}, {"a", "b"}},
              {"size of the content", "FileSize = 1", std::uintmax_t{2} << 30, {"large"}, {"a", "b"}},
              {"information of both", info, 5, {}, {"a"}}}) {
         const auto trace = Begin(name);
         AcceptAll();
-        Waiting("a", offered.empty() ? info : "Priority = 1");
+        Waiting("a", offered.empty() ? info : "");
         std::filesystem::resize_file(Load(kUp, Waiting("large", set)).FilePath, bytes);
         Waiting("b");
         EXPECT_EQ(Send(), Outcome::Done);
@@ -82,7 +83,6 @@ TEST_F(PackingTest, ArchiveHoldsWhatItsIndexNamesAndEntersTheStore) {
     EXPECT_EQ(begun[0].first, "Temp/PackedFilesInfo.xml");
     const KelContainer index = FromXml(begun[0].second);
     ASSERT_EQ(index.Count("PackedFile"), 2U);
-    EXPECT_EQ(index.GetContainer("PackedFile", 0).GetString("FileName"), "a");
     EXPECT_EQ(Read(index.GetContainer("PackedFile", 1), "FileName FileSize SourceDevice"),
               KelString("it's|4|") + kChild);
 
@@ -94,7 +94,7 @@ TEST_F(PackingTest, ArchiveHoldsWhatItsIndexNamesAndEntersTheStore) {
     EXPECT_EQ(Names(kUp, "TOBEUPLOADED"), Texts{"left for the next"});
     EXPECT_EQ(FileStore::strArchiveFilePath, "");
 
-    const KelString where = " FROM Files WHERE FileType = 'FileStorePackedFiles'";
+    const KelString where = KelFormat(" FROM Files WHERE %s", kArchive);
     const KelString path = Cell(kUp, "SELECT FilePath" + where);
     EXPECT_EQ(Cell(kUp, "SELECT FileStatus, SourceDevice, FileChecksum, substr(FileName, 1, 12)" + where),
               KelFormat("TOBEHANDLED|%s|%S|PACKEDFILES_", kOwnUrl, TextMd5(Content(path))));
@@ -104,6 +104,22 @@ TEST_F(PackingTest, ArchiveHoldsWhatItsIndexNamesAndEntersTheStore) {
     for (const std::size_t i : {0U, 1U})
         EXPECT_EQ(entries[i + 1], std::pair("upstream/t/l/c/" + gathered_[i], gathered_[i]));
     EXPECT_EQ(LeftOvers(), Texts{});
+}
+
+TEST_F(PackingTest, ArchiveHoldsNoNameTwiceAndNoBypassFilesAmongOthers) {
+    Pack("auto");
+    for (const auto& [name, set] : Table<const char*, const char*>{
+             {"n", ""}, {"n", "Priority = 7"}, {"bypass", "Bypass = 1"}})  // twice the same place
+        Waiting(name, set);
+    EXPECT_EQ(Send(), Outcome::Done);
+    EXPECT_EQ(Names(kUp, "TOBEPACKED"), Texts{"n"});
+    EXPECT_EQ(Upload(), Outcome::Done);
+    CloseWindow(FileStore::bmTrackUsageUp);
+    EXPECT_EQ(Send(), Outcome::Done);
+    EXPECT_EQ(Upload(), Outcome::Done);
+    EXPECT_EQ(Names(kUp, "PACKEDFILE"), (Texts{"n", "bypass"}));
+    EXPECT_EQ(Rows(kUp, KelFormat("SELECT Bypass FROM Files WHERE %s ORDER BY FileId", kArchive)),
+              (Texts{"0", "1"}));
 }
 
 /// Whatever goes wrong with the archive, its files wait for the next one.
@@ -122,8 +138,8 @@ TEST_F(PackingTest, FailedArchiveIsDroppedAndItsFilesKeepWaiting) {
         GatherTwo();
         spoil();
         Upload();
-        EXPECT_EQ(Names(kUp), gathered_);
         EXPECT_EQ(Names(kUp, "TOBEPACKED"), gathered_);
+        EXPECT_EQ(Count(kUp), "2");
         EXPECT_EQ(FileStore::strArchiveFilePath, "");
         EXPECT_EQ(LeftOvers(), Texts{});
         EXPECT_EQ(Send(), Outcome::Done);
@@ -132,8 +148,18 @@ TEST_F(PackingTest, FailedArchiveIsDroppedAndItsFilesKeepWaiting) {
     }
 }
 
+/// What the parent has accepted is recorded even when the archive for the other files cannot be made.
+TEST_F(PackingTest, ArchiveThatCannotBeMadeSpoilsNoOffer) {
+    Pack("auto");
+    Waiting("n");
+    Waiting("large", kLarge);
+    DirDelete(FileStore::strModuleDataPath + "/Temp", true);
+    EXPECT_EQ(Send(), Outcome::Failed);
+    EXPECT_EQ(Files(kUp, "FileStatus"), (Texts{"TOBEUPLOADED", "UPLOADING"}));
+}
+
 TEST_F(PackingTest, ArchiveThatTheStoreRefusesIsTriedOnceInAStepAndDropped) {
-    PackAutomatically();
+    Pack("auto");
     for (const KelString& name : gathered_)
         Waiting(name);
     int tries = 0;
@@ -151,21 +177,18 @@ TEST_F(PackingTest, ArchiveThatTheStoreRefusesIsTriedOnceInAStepAndDropped) {
 }
 
 TEST_F(PackingTest, ManualUploadPacksWhatItCountedOnceTheWindowIsOpenAndEnds) {
-    // Two files, and a third row that is not packed.
-    for (const auto& [name, files, thirdType, isClosed] :
-         Table<const char*, Texts, KelString, bool>{{"files only", {"a", "b"}, "", false},
-                                                    {"an archive", {"a", "b"}, "FileStorePackedFiles", false},
-                                                    {"an absent file", {"a", "b"}, "t", false},
+    const KelString absent = "FileName = 'absent'";
+    for (const auto& [name, files, third, isClosed] :  // a third row is not packed
+         Table<const char*, Texts, KelString, bool>{{"an archive", {"a", "b"}, kArchive, false},
+                                                    {"an absent file", {"a", "b"}, absent, false},
                                                     {"nothing to upload", {}, "", false},
                                                     {"closed window", {"a"}, "", true}}) {
         const auto trace = Begin(name);
         AcceptAll();
         for (const KelString& file : files)
             Waiting(file);
-        if (!thirdType.empty()) {
-            const std::uint64_t third = Waiting("x", KelFormat("FileType = '%S'", thirdType));
-            if (thirdType == "t") FileDelete(Load(kUp, third).FilePath);
-        }
+        const std::uint64_t thirdId = third.empty() ? 0 : Waiting("x", third);
+        if (third == absent) FileDelete(Load(kUp, thirdId).FilePath);
         if (isClosed) CloseWindow(FileStore::bmTrackUsageUp);
         Ask("FileStorePerformManualUpload");
         push_.DoWork();
@@ -177,6 +200,26 @@ TEST_F(PackingTest, ManualUploadPacksWhatItCountedOnceTheWindowIsOpenAndEnds) {
         EXPECT_EQ(FileStore::uLimit + FileStore::uCurrent, 0U);
         EXPECT_EQ(Names(kUp, "PACKEDFILE"), files);
     }
+}
+
+TEST_F(PackingTest, ManualUploadOutlastsManyArchivesAndAFailedUpload) {
+    AnswerAsParent([](const TestHttpServer::Request& request) -> TestHttpServer::Answer {
+        if (request.method == "PUT") return {.status = request.target.ends_with("large") ? 507U : 201U};
+        return TestHttpServer::ActionResult(0, Make({{"FileURL", "/large"}}));
+    });
+    Pack("manual");
+    FileStore::uMaxFilesToConcat = 1;
+    for (const char* name : {"a", "b", "c"})
+        Waiting(name);
+    Waiting("large", kLarge);
+    Ask("FileStorePerformManualUpload");
+    for (int step = 0; step < 3; ++step)
+        push_.DoWork();
+    EXPECT_EQ(Names(kUp, "PACKEDFILE"), (Texts{"a", "b", "c"}));
+    EXPECT_TRUE(FileStore::fProcessManualUpload) << "the large file is still to be sent";
+    Rows(kUp, "DELETE FROM Files WHERE FileName = 'large'");
+    push_.DoWork();
+    EXPECT_FALSE(FileStore::fProcessManualUpload);
 }
 
 }  // namespace

@@ -14,32 +14,66 @@ KelString Pattern() {
 struct DownloadTest : StoreTest {
     DownloadTest() { AnswerAsParent(TestHttpServer::FileScript(content_)); }
     /// A row to be downloaded whose checksum is that of the content.
-    std::uint64_t Wanted(const KelString& name, const KelString& set = "KeepCopy = 0") const {
-        return AddFile(kDown, name, "DOWNLOADING",
-                       KelFormat("FileChecksum = '%S', FileSize = 3000, FileURL = '/a b%20#?ü''/%S', %S",
-                                 TextMd5(content_), name, set));
+    std::uint64_t Wanted(const KelString& name, const KelString& set = "") const {
+        const std::uint64_t fileId =
+            AddFile(kDown, name, "DOWNLOADING",
+                    KelFormat("FileChecksum = '%S', FileSize = 3000, FileURL = '/a b%20#?ü''/%S'",
+                              TextMd5(content_), name));
+        if (!set.empty()) Set(kDown, fileId, set);
+        return fileId;
+    }
+    void Answer(const TestHttpServer::Answer& answer) {
+        AnswerAsParent([answer](const TestHttpServer::Request&) { return answer; });
     }
     static int Step() { return FileStore::threadPull.DownloadFile(); }
-    static KelString StorePathOf(std::uint64_t fileId) { return PathOf(kDown, Load(kDown, fileId)); }
+    static constexpr const char* kProgress = "FileStatus, LastStatusChangeTime, TransferredBytes";
+    static constexpr const char* kOutcome = "FileStatus, LastStatusChangeTime, FileSize";
 
     const KelString content_ = Pattern(), other_ = KelString(3000, 'x');
 };
 
-TEST_F(DownloadTest, ResumesWhereThePartialFileEnds) {
-    for (const auto& [name, present, mode, range] : Table<const char*, std::size_t, const char*, const char*>{
-             {"new", 0, "Unicast", ""},
-             {"partial", 1000, "Unicast", "bytes=1000-"},
-             {"recovery", 1000, "UnicastRecovery", ""},
-             {"longer", 4000, "Unicast", ""}}) {
-        SCOPED_TRACE(name);
-        const std::uint64_t fileId = Wanted(name, KelFormat("TransportMode = '%s'", mode));
-        const KelString path = StorePathOf(fileId);
-        if (present > 0) WriteFile(path, (content_ + content_).substr(0, present));
-        EXPECT_EQ(Step(), 1);
-        EXPECT_EQ(Fields(kDown, fileId, "FileStatus, LastStatusChangeTime, FilePath"), "AVAILABLE|0|" + path);
-        EXPECT_EQ(Content(path), content_);
-        EXPECT_EQ(Parent().Requests().back().target, KelString("/a%20b%2520%23%3F%C3%BC%27/") + name);
+TEST_F(DownloadTest, WhatIsHereAndWhatTheRowSaysDecideWhatIsAskedFor) {
+    const KelString part = content_.substr(0, 1000), recovery = "TransportMode = 'UnicastRecovery'";
+    const KelString info =
+        "FileType = 'OperationalRuleNetworkPackageInfo', FileChecksum = 'any', FileSize = ";
+    const KelString huge = "FileSize = 9223372036854775807", done = "AVAILABLE|0|3000";
+    for (const auto& [name, set, here, range, row] :
+         Table<const char*, KelString, KelString, const char*, KelString>{
+             {"new", "", "", "", done},
+             {"partial", "", part, "bytes=1000-", done},
+             {"recovery", recovery, part, "", done},
+             {"longer", "", content_ + "more", "", done},
+             {"package information", info + "0", "", "", done},
+             {"changed package information", info + "1000", part, "", done},
+             {"complete", "", content_, nullptr, done},
+             {"damaged", "", other_, nullptr, "DOWNLOADING|now|3000"},
+             {"no space", huge, "", nullptr, "DOWNLOADING|now|9223372036854775807"}}) {
+        const auto trace = Begin(name);
+        AnswerAsParent(TestHttpServer::FileScript(content_));
+        const KelString path = PathOf(kDown, Wanted("n", set));
+        if (!here.empty()) WriteFile(path, here);
+        FileStore::fCheckAvailableFreeSpaceBeforeDownloading = set == huge;
+        EXPECT_EQ(Step(), set == huge ? 0 : 1);
+        EXPECT_EQ(OnlyFields(kDown, kOutcome), row);
+        EXPECT_EQ(Content(path), row == done ? content_ : "(none)");
+        EXPECT_EQ(Parent().Requests().size(), range == nullptr ? 0U : 1U);
+        if (range == nullptr) continue;
+        EXPECT_EQ(OnlyFields(kDown, "FilePath"), path);
+        EXPECT_EQ(Parent().Requests().back().target, "/a%20b%2520%23%3F%C3%BC%27/n");
         EXPECT_EQ(Parent().Requests().back().Header("Range"), range);
+        EXPECT_TRUE(FileDelete(path));
+    }
+}
+
+TEST_F(DownloadTest, OnlyAFileThatIsGoneOrChangedLosesItsPartialContent) {
+    for (const auto& [status, left] :
+         Table<unsigned int, KelString>{{403, "part"}, {503, "part"}, {404, "(none)"}, {416, "(none)"}}) {
+        const auto trace = Begin(std::to_string(status));
+        Answer({status, "", "no"});
+        const KelString path = PathOf(kDown, Wanted("n"));
+        WriteFile(path, "part");
+        EXPECT_EQ(Step(), 1);
+        EXPECT_EQ(Content(path) + "|" + OnlyFields(kDown, kOutcome), left + "|DOWNLOADING|now|3000");
     }
 }
 
@@ -53,11 +87,11 @@ TEST_F(DownloadTest, OutcomeOfAFailureDependsOnItsKindAndOnALocalOfferMeanwhile)
              {"cut off", {200, "", content_, 500}, "DOWNLOADING|now|500", part, "TOBEREQUESTED|1"},
              {"whole", {200, "", content_}, "AVAILABLE|0|0", content_, "AVAILABLE|1"}}) {
         SCOPED_TRACE(name);
-        AnswerAsParent([answer = answer](const TestHttpServer::Request&) { return answer; });
+        Answer(answer);
         const std::uint64_t fileId = Wanted(name);
         EXPECT_EQ(Step(), 1);
-        EXPECT_EQ(Fields(kDown, fileId, "FileStatus, LastStatusChangeTime, TransferredBytes"), row);
-        EXPECT_EQ(Content(StorePathOf(fileId)), left);
+        EXPECT_EQ(Fields(kDown, fileId, kProgress), row);
+        EXPECT_EQ(Content(PathOf(kDown, fileId)), left);
         EXPECT_EQ(Step(), 0) << "tried again before the time-out";
 
         AnswerAsParent([this, name = name, answer = answer](const TestHttpServer::Request&) {
@@ -68,35 +102,54 @@ TEST_F(DownloadTest, OutcomeOfAFailureDependsOnItsKindAndOnALocalOfferMeanwhile)
         const std::uint64_t offeredId = Wanted(name + " offered");
         EXPECT_EQ(Step(), 1);
         EXPECT_EQ(Fields(kDown, offeredId, "FileStatus, Acknowledged"), rowOffered);
-        EXPECT_EQ(Content(StorePathOf(offeredId)) == content_, rowOffered == "AVAILABLE|1");
+        EXPECT_EQ(Content(PathOf(kDown, offeredId)) == content_, rowOffered == "AVAILABLE|1");
     }
 }
 
-TEST_F(DownloadTest, NetworkPackageInfoIsTakenWithAnyChecksumAndTheSizeItHas) {
-    Wanted("n", "FileType = 'OperationalRuleNetworkPackageInfo', FileSize = 0, FileChecksum = 'other'");
+TEST_F(DownloadTest, RecoveryOfAMulticastFileBeginsAnewOnlyOnce) {
+    const std::uint64_t fileId = Wanted("n", "TransportMode = 'UnicastRecovery'");
+    WriteFile(PathOf(kDown, fileId), KelString(1000, '?'));
+    Answer({200, "", content_, 500});
     EXPECT_EQ(Step(), 1);
-    EXPECT_EQ(OnlyFields(kDown, "FileStatus, FileSize"), "AVAILABLE|3000");
+    AnswerAsParent(TestHttpServer::FileScript(content_));
+    Set(kDown, fileId, "LastStatusChangeTime = 0");
+    EXPECT_EQ(Step(), 1);
+    EXPECT_EQ(OnlyFields(kDown), "AVAILABLE");
+    EXPECT_EQ(Parent().Requests().back().Header("Range"), "bytes=500-");
 }
 
-TEST_F(DownloadTest, CompleteLocalFileIsVerifiedNotDownloaded) {
-    for (const auto& [content, status] :
-         Table<KelString, const char*>{{content_, "AVAILABLE"}, {other_, "DOWNLOADING"}}) {
-        const std::uint64_t fileId = Wanted(status);
-        WriteFile(StorePathOf(fileId), content);
+TEST_F(DownloadTest, SizeThatWasNotAnnouncedIsAskedForAndBoundsTheTransfer) {
+    for (const auto& [size, status] :
+         Table<std::int64_t, const char*>{{3000, "AVAILABLE"}, {2999, "DOWNLOADING"}}) {
+        AnswerAsParent([this, size = size](const TestHttpServer::Request& request) -> TestHttpServer::Answer {
+            if (request.method == "GET") return {200, "", content_};
+            return TestHttpServer::ActionResult(0, Make({{"FileSize", size}}));
+        });
+        const std::uint64_t fileId = Wanted(status, "FileSize = 0");
         EXPECT_EQ(Step(), 1);
         EXPECT_EQ(Fields(kDown, fileId), status);
-        EXPECT_EQ(FileExists(StorePathOf(fileId)), content == content_);
     }
-    EXPECT_TRUE(Parent().Requests().empty());
+}
+
+TEST_F(DownloadTest, TransferMakesWayForAMoreUrgentFileAndGoesOnBehindIt) {
+    AnswerAsParent([this](const TestHttpServer::Request& request) -> TestHttpServer::Answer {
+        if (request.target.ends_with("urgent")) return {200, "", content_};
+        Wanted("urgent", "Priority = 500");
+        return {200, "", content_, 500, true};
+    });
+    const std::uint64_t fileId = Wanted("slow");
+    EXPECT_EQ(Step(), 1);
+    EXPECT_EQ(Fields(kDown, fileId, kProgress), "DOWNLOADING|0|500");
+    EXPECT_EQ(Step(), 1);
+    EXPECT_EQ(Names(kDown, "AVAILABLE"), Texts{"urgent"});
 }
 
 TEST_F(DownloadTest, HighestPriorityThenOldestRowGoesFirstAndAWaitingOneIsPassedOver) {
-    const std::int64_t timeOut = std::time(nullptr) - FileStore::ulPullTimeout;
     Wanted("second");
     Wanted("third");
     Wanted("first", "Priority = 500");
-    Wanted("failed-lately", KelFormat("Priority = 900, LastStatusChangeTime = %ld", timeOut + 20));
-    Wanted("failed-long-ago", KelFormat("Priority = 800, LastStatusChangeTime = %ld", timeOut - 1));
+    Wanted("failed-lately", "Priority = 900, " + ChangedAgo(FileStore::ulPullTimeout - 20));
+    Wanted("failed-long-ago", "Priority = 800, " + ChangedAgo(FileStore::ulPullTimeout + 1));
     while (Step() != 0) {
     }
     EXPECT_EQ(RequestedNames(), (Texts{"failed-long-ago", "first", "second", "third"}));
@@ -110,14 +163,6 @@ TEST_F(DownloadTest, NamedSourceDeviceIsAskedInsteadOfTheParent) {
     EXPECT_TRUE(Parent().Requests().empty());
 }
 
-TEST_F(DownloadTest, MissingSpacePostponesTheFile) {
-    FileStore::fCheckAvailableFreeSpaceBeforeDownloading = true;
-    Wanted("n", "FileSize = 9223372036854775807");
-    EXPECT_EQ(Step(), 0);
-    EXPECT_EQ(OnlyFields(kDown, "LastStatusChangeTime"), "now");
-    EXPECT_TRUE(Parent().Requests().empty());
-}
-
 TEST_F(DownloadTest, MulticastOfferIsHandedToTheHttpModule) {
     FakeResult("HttpProtocolMulticastStartListen ()", 0);
     const std::uint64_t fileId =
@@ -126,7 +171,7 @@ TEST_F(DownloadTest, MulticastOfferIsHandedToTheHttpModule) {
     EXPECT_EQ(OnlyFields(kDown), "MULTICASTLISTENING");
     EXPECT_EQ(Read(OnlyCallOf("HttpProtocolMulticastStartListen"),
                    "MulticastAddress MulticastPort MulticastBlockSize FileSize LocalPath"),
-              "224.2.0.1|1500|2048|3000|" + StorePathOf(fileId));
+              "224.2.0.1|1500|2048|3000|" + PathOf(kDown, fileId));
 }
 
 struct AcknowledgeTest : StoreTest {
@@ -157,8 +202,7 @@ TEST_F(AcknowledgeTest, RefusedAcknowledgementIsRepeatedAfterTheTimeOut) {
             EXPECT_EQ(Step(), 0);
         EXPECT_EQ(Parent().Requests().size(), calls);
         EXPECT_EQ(OnlyFields(kDown, "Acknowledged"), "0");
-        Rows(kDown, KelFormat("UPDATE Files SET LastStatusChangeTime = %ld",
-                              std::time(nullptr) - FileStore::ulPullTimeout - 1));
+        Rows(kDown, "UPDATE Files SET " + ChangedAgo(FileStore::ulPullTimeout + 1));
     }
 }
 
@@ -166,32 +210,35 @@ TEST_F(AcknowledgeTest, RuleFileOfAnAdministratedRelayEndsTheWaitForThePackageIt
     AnswerAsParent(0);
     const std::uint64_t rule =
         AddFile(kDown, "rule", "AVAILABLE", "FileType = 'OperationalRuleAdministratedRelay'");
-    WriteFile(PathOf(kDown, Load(kDown, rule)),
-              Make({{"FileName", "pack'age"}, {"FileChecksum", "c"}}).SaveToXML());
+    WriteFile(PathOf(kDown, rule), Make({{"FileName", "pack'age"}, {"FileChecksum", "c"}}).SaveToXML());
     AddFile(kDown, "pack'age", "DOWNLOADING");
     AddFile(kDown, "pack'age", "AVAILABLE", "Acknowledged = 1");
     AddFile(kDown, "other", "DOWNLOADING");
     EXPECT_EQ(Step(), 1);
-    EXPECT_EQ(Rows(kDown, "SELECT FileStatus FROM Files ORDER BY FileId"),
-              (Texts{"AVAILABLE", "NOTRELAYSCHILD", "AVAILABLE", "DOWNLOADING"}));
+    EXPECT_EQ(Files(kDown, "FileStatus"), (Texts{"AVAILABLE", "NOTRELAYSCHILD", "AVAILABLE", "DOWNLOADING"}));
     EXPECT_EQ(RequestedNames(), (Texts{"rule", "pack'age"}));
 }
 
-TEST_F(AcknowledgeTest, ParentRemovesTheTargetOfThatDeviceAndFileOnly) {
-    const auto acknowledge = [](const KelString& name, const KelString& device, unsigned int result) {
-        const KelContainer call = With(Offer(), {{"FileName", name}, {"DeviceGUID", device}});
-        EXPECT_TRUE(Ask("FileStoreAcknowledgeFile", call, result).IsEmpty());
+TEST_F(AcknowledgeTest, ParentRemovesTheTargetOfThatDeviceAndFileOnlyOrReportsAFailure) {
+    const KelString device = "127.0.1.8:1/AAAA-1";
+    const auto acknowledge = [](const char* name, const KelString& by, unsigned int result = kKelOk) {
+        const KelContainer call = With(Offer(), {{"FileName", name}, {"DeviceGUID", by}});
+        EXPECT_TRUE(Ask("FileStoreAcknowledgeFile", call, result).IsEmpty()) << by;
     };
     const std::uint64_t first = AddFile(kDown, "first", "AVAILABLE");
-    AddTarget(first, 1, "127.0.1.8:1/AAAA-1/m/i/n");
+    AddTarget(first, 1, device + "/m/i/n");
     AddTarget(first, 2, "127.0.1.9:1/AAAA-2/m/i/n");
     AddTarget(first, 3, "");
-    AddTarget(AddFile(kDown, "second", "AVAILABLE"), 4, "127.0.1.8:1/AAAA-1/m/i/n");
-    acknowledge("first", "127.0.1.8:1/AAAA-1", kKelOk);
-    acknowledge("unknown", "127.0.1.8:1/AAAA-1", kKelOk);
-    for (const char* hostile : {"", "h:1", "h:1/", "h:1/%", "h:1/AAAA_2", "h:1/' OR ''='", "h:1//x"})
+    AddTarget(AddFile(kDown, "second", "AVAILABLE"), 4, device + "/m/i/n");
+    {
+        const auto refusal = Refuse(kDown, "DELETE ON Targets");
+        acknowledge("first", device, kKelErrorInternal);
+    }
+    acknowledge("first", device);
+    acknowledge("unknown", device);
+    for (const char* hostile : {"", "h:1", "h:1/%", "h:1/AAAA_2", "h:1/' OR ''='", "h:1//x"})
         acknowledge("first", hostile, kKelErrorBadInput);
-    EXPECT_EQ(Rows(kDown, "SELECT TargetId FROM Targets ORDER BY TargetId"), (Texts{"2", "3", "4"}));
+    EXPECT_EQ(Targets(), (Texts{"2", "3", "4"}));
 }
 
 }  // namespace

@@ -13,7 +13,6 @@ struct PushTest : StoreTest {
     static std::uint64_t Waiting(const KelString& name, const KelString& set = "") {
         return AddStored(kUp, name, "TOBEUPLOADED", set);
     }
-    static void PackAutomatically() { FileStore::fConcatFiles = FileStore::fAutoConcat = true; }
 
     Exposed<FileStorePushThread> push_;
     bool reached_ = false;  ///< whether a step reached the parent

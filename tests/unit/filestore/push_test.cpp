@@ -1,5 +1,5 @@
 #include "filestore/push_fixture.h"
-#include "filestore/up/handle_thread.h"
+#include "filestore/state/store_layout.h"
 
 namespace {
 
@@ -16,7 +16,7 @@ TEST_F(RequestStepTest, FailureWaitsForTheRetryInterval) {
         AddFile(kDown, name, "TOBEREQUESTED");
         EXPECT_EQ(Request(), Outcome::Failed);
         EXPECT_FALSE(reached_);
-        EXPECT_EQ(OnlyFields(kDown, "FileStatus, LastStatusChangeTime"), "TOBEREQUESTED|now");
+        EXPECT_EQ(OnlyFields(kDown, kState), "TOBEREQUESTED|now");
         EXPECT_EQ(CallsOf("IdentityValidateGUIDScheme").size(), schemeUpdates);
         EXPECT_EQ(Request(), Outcome::Nothing);
     }
@@ -33,9 +33,8 @@ TEST_F(RequestStepTest, AnswerDecidesWhatTheRowBecomes) {
              {"/u", false, "abc", "c", "DOWNLOADING|0|c|6|/u"},
              {"/u", false, "../x", "", "DOWNLOADING|0||6|/u"}}) {
         const auto trace = Begin(row);
-        AnswerAsParent(
-            0,
-            Make({{"FileURL", url}, {"KeepCopy", 6}, {"FileChecksum", given}, {"FileObsolete", obsolete}}));
+        const KelContainer answer = Make({{"FileURL", url}, {"KeepCopy", 6}, {"FileObsolete", obsolete}});
+        AnswerAsParent(0, With(answer, {{"FileChecksum", given}}));
         AddFile(kDown, "n", "TOBEREQUESTED",
                 KelFormat("FileChecksum = '%s', Bypass = 1, %S", own, SetInfo(Info())));
         EXPECT_EQ(Request(), Outcome::Done);
@@ -53,8 +52,7 @@ TEST_F(RequestStepTest, AnswerDecidesWhatTheRowBecomes) {
 TEST_F(RequestStepTest, StepAsksOldestFirstAndEndsWhenEveryRowWaits) {
     AnswerAsParent(0);
     for (const auto& [name, age] : Table<const char*, int>{{"recent", 290}, {"second", 400}, {"first", 500}})
-        AddFile(kDown, name, "TOBEREQUESTED",
-                KelFormat("LastStatusChangeTime = %ld", std::time(nullptr) - age));
+        AddFile(kDown, name, "TOBEREQUESTED", ChangedAgo(age));
     push_.DoWork();
     EXPECT_EQ(RequestedNames(), (Texts{"first", "second"}));
 }
@@ -98,50 +96,32 @@ TEST_F(SendTest, RefusalDependsOnTheFirstRelayAndTheError) {
         Waiting("first", KelFormat("FirstRelay = '%s'", relay));
         Waiting("second");
         EXPECT_EQ(Send(), Outcome::Done);
-        EXPECT_EQ(
-            Rows(kUp, "SELECT FileStatus, LastStatusChangeTime, SourceDevice FROM Files ORDER BY FileId"),
-            (Texts{KelFormat("%s|%s", refused, source), KelFormat("%s|%s", second, kChild)}));
+        EXPECT_EQ(Files(kUp, "FileStatus, LastStatusChangeTime, SourceDevice"),
+                  (Texts{KelFormat("%s|%s", refused, source), KelFormat("%s|%s", second, kChild)}));
     }
     EXPECT_EQ(CallsOf("IdentityValidateGUIDScheme").size(), 1U);
 }
 
 TEST_F(SendTest, RecentRowEndsTheBatchBehindTheOlderOnes) {
-    Waiting("recent", "LastStatusChangeTime = " + std::to_string(std::time(nullptr) - 200));
-    EXPECT_EQ(Send(), Outcome::Done);
-    EXPECT_FALSE(reached_);
-    Waiting("old", "LastStatusChangeTime = " + std::to_string(std::time(nullptr) - 400));
+    Waiting("recent", ChangedAgo(200));
+    Waiting("old", ChangedAgo(400));
     EXPECT_EQ(Send(), Outcome::Done);
     EXPECT_EQ(RequestedNames(), Texts{"old"});
 }
 
-TEST_F(SendTest, PutsTheContentUnderTheParentsUrl) {
-    for (const KelString name : {"0", "1"}) {
-        const std::uint64_t fileId = Announced(name, "Bypass = " + name);
+TEST_F(SendTest, PutsTheContentFromWhereItLiesUnderTheParentsUrl) {
+    const KelString outside = "ExternalFile = 1, FilePath = '" + Root() + "/outside'";
+    for (const KelString& set : {KelString("Bypass = 0"), KelString("Bypass = 1"), outside}) {
+        const auto trace = Begin(set);
+        Announced("n", set);
         EXPECT_EQ(Upload(), Outcome::Done);
         EXPECT_TRUE(reached_);
-        EXPECT_EQ(Fields(kUp, fileId), "AVAILABLE");
-        EXPECT_EQ(Parent().Requests().back().target, "/FileStore/upstream/a%20b%23%27%C3%BC/" + name);
-        EXPECT_EQ(Parent().Requests().back().body, name);
+        EXPECT_EQ(OnlyFields(kUp), "AVAILABLE");
+        EXPECT_EQ(Content(OnlyRow(kUp).FilePath), "n");
+        EXPECT_EQ(Parent().Requests().back().target, "/FileStore/upstream/a%20b%23%27%C3%BC/n");
+        EXPECT_EQ(Parent().Requests().back().body, "n");
+        EXPECT_EQ(Upload(), Outcome::Nothing);
     }
-    EXPECT_EQ(Upload(), Outcome::Nothing);
-}
-
-TEST_F(SendTest, ExternalFileTravelsFromWhereItLies) {
-    const KelString outside = Root() + "/outside";
-    AddStored(kUp, "e", "TOBEHANDLED", "ExternalFile = 1, FilePath = '" + outside + "'");
-    EXPECT_TRUE(FileStore::threadHandler.HandleFile(kUp));
-    EXPECT_EQ(Send(), Outcome::Done);
-    EXPECT_EQ(Upload(), Outcome::Done);
-    EXPECT_EQ(Parent().Requests().back().body, "e");
-    EXPECT_TRUE(FileExists(outside));
-}
-
-TEST_F(SendTest, AbsentFilesLoseTheirRows) {
-    for (const char* name : {"a", "b"})
-        EXPECT_TRUE(FileDelete(Load(kUp, Announced(name)).FilePath));
-    EXPECT_EQ(Upload(), Outcome::Done);
-    EXPECT_EQ(Count(kUp), "0");
-    EXPECT_TRUE(Parent().Requests().empty());
 }
 
 TEST_F(SendTest, FailedPutKeepsTheWholeBatchAndStandsBehindTheOthers) {
@@ -150,20 +130,48 @@ TEST_F(SendTest, FailedPutKeepsTheWholeBatchAndStandsBehindTheOthers) {
     });
     for (const char* name : {"first", "second", "third"})
         Announced(name);
-    const KelString all = "SELECT FileStatus, LastStatusChangeTime FROM Files ORDER BY FileId";
     EXPECT_EQ(Upload(), Outcome::Failed);
-    EXPECT_EQ(Rows(kUp, all), (Texts{"UPLOADING|0", "UPLOADING|now", "UPLOADING|0"}));
+    EXPECT_EQ(Files(kUp, kState), (Texts{"UPLOADING|0", "UPLOADING|now", "UPLOADING|0"}));
     EXPECT_EQ(RequestedNames(), (Texts{"first", "second"}));
     EXPECT_EQ(Upload(), Outcome::Done);
-    EXPECT_EQ(Rows(kUp, all), (Texts{"AVAILABLE|0", "UPLOADING|now", "AVAILABLE|0"}));
+    EXPECT_EQ(Files(kUp, kState), (Texts{"AVAILABLE|0", "UPLOADING|now", "AVAILABLE|0"}));
 }
 
-TEST_F(SendTest, StepAnnouncesAndPutsEverythingThatWaits) {
+TEST_F(SendTest, RefusedUploadIsOfferedAgainOrSentAgain) {
+    const KelString outside = Root() + "/outside";
+    for (const auto& [name, httpStatus, set, isChanged, status] :
+         Table<KelString, unsigned int, KelString, bool, KelString>{
+             {"offer unknown", 404, "FirstRelay = 'r'", false, "TOBEUPLOADED"},
+             {"damaged on the way", 422, "FirstRelay = ''", false, "UPLOADING"},
+             {"changed here", 422, "FirstRelay = ''", true, "TOBEHANDLED"},
+             {"changed outside", 422, "ExternalFile = 1, FilePath = '" + outside + "'", true, "TOBEHANDLED"},
+             {"damaged copy of another's file", 422, "FirstRelay = 'r'", true, "UPLOADING"}}) {
+        const auto trace = Begin(name);
+        AnswerAsParent([code = httpStatus](const TestHttpServer::Request& request) -> TestHttpServer::Answer {
+            return {.status = request.target.ends_with("bad") ? code : 201U};
+        });
+        const std::uint64_t refused =
+            AddStored(kUp, name, "UPLOADING",
+                      KelFormat("FileURL = '/bad', FileChecksum = '%S', %S", TextMd5(name), set));
+        if (isChanged) WriteFile(Load(kUp, refused).FilePath, "changed");
+        const std::uint64_t good = AddStored(kUp, "good", "UPLOADING", "FileURL = '/good'");
+        EXPECT_EQ(Upload(), Outcome::Done);
+        EXPECT_EQ(Fields(kUp, good), "AVAILABLE") << "a refused file holds up no other";
+        Rows(kUp, "DELETE FROM Files WHERE FileName = 'good'");
+        EXPECT_EQ(OnlyFields(kUp, "FileStatus, FileChecksum"),
+                  status + "|" + TextMd5(status == "TOBEHANDLED" ? "changed" : name));
+        EXPECT_TRUE(FileExists(filestore::ContentPath(OnlyRow(kUp), kUp)));
+    }
+}
+
+TEST_F(SendTest, StepAnnouncesAndPutsEverythingThatWaitsAndDropsRowsOfAbsentFiles) {
+    EXPECT_TRUE(FileDelete(Load(kUp, Announced("absent")).FilePath));
     for (int i = 0; i < 60; ++i)
-        Waiting(KelFormat("file%d", i));
+        Waiting(std::to_string(i));
     for (int step = 0; step < 2; ++step)  // the first looks for what an earlier run has announced
         push_.DoWork();
     EXPECT_EQ(Names(kUp, "AVAILABLE").size(), 60U);
+    EXPECT_EQ(Count(kUp), "60");
     EXPECT_EQ(RequestedNames("POST").size(), 60U);
     EXPECT_EQ(RequestedNames("PUT").size(), 60U);
 }

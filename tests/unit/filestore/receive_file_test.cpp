@@ -6,29 +6,29 @@ namespace {
 
 constexpr const char* kParent = "127.0.1.1";
 constexpr const char* kStranger = "127.0.1.2";
-constexpr const char* kTarget = "127.0.1.8:1611/0A1B0000-0000-4000-8000-0000000000C1/02/127.0.1.8/255.0.0.0";
+constexpr const char* kPackage = "OperationalRulePackage";
 
 struct ReceiveFileTest : StoreTest {
     /// A downstream offer as the parent sends it.
     static KelContainer Announcement(const KelString& type = "t", const char* sender = kParent) {
         return With(From(Offer(type), sender), {{"FileURL", "/FileStore/downstream/t/l/c/n"},
                                                 {"FileSize", 3},
-                                                {"DevicePath", TargetTree({kTarget})}});
+                                                {"DevicePath", TargetTree({kChild})}});
     }
-    static void SetStatus(const char* status, int time = 0) {
-        Rows(kDown, KelFormat("UPDATE Files SET FileStatus = #%s#, LastStatusChangeTime = %d, "
-                              "TransferredBytes = 2",
-                              status, time));
+    static void SetStatus(const KelString& status) {
+        Rows(kDown, "UPDATE Files SET LastStatusChangeTime = 77, TransferredBytes = 2, FileStatus = #" +
+                        status + "#");
     }
     /// An order of the parent concerning the package of this name and content.
-    static void Order(const KelString& type, const KelString& package, const KelString& checksum) {
-        Accept(From(Offer(type), kParent),
-               {{"FileInfo", Make({{"PackageName", package}, {"PackageChecksum", checksum}})}});
+    static void Order(const KelString& type, const KelString& package = "pack",
+                      const KelString& checksum = "p1") {
+        const KelContainer info = Make({{"PackageName", package}, {"PackageChecksum", checksum}});
+        Accept(From(Offer(type), kParent), {{"FileInfo", info}});
     }
 };
 
 TEST_F(ReceiveFileTest, DownstreamOffersAreTakenFromTheParentAndTrustedAddressesOnly) {
-    const KelString near = "127.0.1.2-127.0.1.4";
+    const KelString near = "127.0.1.2-127.0.1.4", any = "0.0.0.0-255.255.255.255";
     for (const auto& [name, type, sender, parent, trusted, side, taken] :
          Table<const char*, const char*, const char*, const char*, KelString, Side, const char*>{
              {"parent", "t", kParent, kParent, "", kDown, "1"},
@@ -38,7 +38,7 @@ TEST_F(ReceiveFileTest, DownstreamOffersAreTakenFromTheParentAndTrustedAddresses
              {"self-healing file", "SelfHealingRecoveredFile", kStranger, kParent, "", kDown, "1"},
              {"upstream offer", "t", kStranger, kParent, "", kUp, "1"},
              {"no address at all", "t", "", kParent, "", kDown, "0"},
-             {"no parsable address", "t", "somewhere", kParent, "0.0.0.0-255.255.255.255", kDown, "0"},
+             {"no parsable address", "t", "somewhere", kParent, any, kDown, "0"},
              {"no parent", "t", kParent, "", "", kDown, "0"}}) {
         const auto trace = Begin(name);
         SetParent(parent, 1);
@@ -54,6 +54,7 @@ TEST_F(ReceiveFileTest, HostileValuesChangeNothing) {
     const auto tree = [](const char* leaf) {
         return Make({{kOwnPathName, Make({{"127.0.1.8:1/G", Make({{leaf, KelContainer()}})}})}});
     };
+    const KelString local = MakeFile("local", "of this device");
     const std::pair<const char*, KelVector<Value>> cases[] = {
         {"FileType", {"", "..", "a/b", "a'b"}},
         {"FileLabel", {"", ".", "a\\b"}},
@@ -68,25 +69,26 @@ TEST_F(ReceiveFileTest, HostileValuesChangeNothing) {
         {"MulticastPort", {-1, 65536}},
         {"MulticastBlockSize", {-1, 65536}},
         {"DevicePath", {tree("a'b"), tree("a\nb")}},
-        {"FilePath", {"/etc/passwd"}},
-        {"CopyPath", {"/etc/passwd"}},
-        {"MovePath", {"/etc/passwd"}}};
+        {"FilePath", {local}},
+        {"CopyPath", {local}},
+        {"MovePath", {local}}};
     const KelString before = Everything();
     for (const bool upstream : {false, true})
         for (const auto& [name, values] : cases)
-            for (std::size_t i = 0; i < values.size(); ++i) {
-                SCOPED_TRACE(KelFormat("%s, value %lu", name, i));
-                EXPECT_EQ(Receive(Announcement(), {{"Upstream", upstream}, {name, values[i]}}), 1U);
-                EXPECT_EQ(Everything(), before);
+            for (const Value& value : values) {
+                EXPECT_EQ(Receive(Announcement(), {{"Upstream", upstream}, {name, value}}), 1U) << name;
+                EXPECT_EQ(Everything(), before) << name;
             }
 }
 
 TEST_F(ReceiveFileTest, AbsentAndFixedValuesAreFilledIn) {
     const KelString source = MakeFile("source", "abc");
-    Accept(From(Offer("t", ""), "127.0.0.1"),
-           {{"FileName", ""}, {"SourceDevice", "whatever"}, {"CopyPath", source}});
-    EXPECT_TRUE(std::regex_match(OnlyFields(kDown, "FileName"), std::regex("device7_[0-9]+_[0-9]{10}")));
-    EXPECT_EQ(OnlyFields(kDown, "SourceDevice, FileChecksum"), KelString(kOwnUrl) + "|" + TextMd5("abc"));
+    for (const char* own : {"127.0.1.7", "127.0.0.1"}) {
+        const auto trace = Begin(own);
+        Accept(From(Offer("t", ""), own), {{"FileName", ""}, {"SourceDevice", "any"}, {"CopyPath", source}});
+        EXPECT_TRUE(std::regex_match(Names(kDown).at(0), std::regex("device7_[0-9]+_[0-9]{10}")));
+        EXPECT_EQ(OnlyFields(kDown, "SourceDevice, FileChecksum"), KelString(kOwnUrl) + "|" + TextMd5("abc"));
+    }
     for (const char* type : {"IdentityIdentity", "OperationalRuleSyncInfo", "OperationalRuleStatus",
                              "PatchConfiguration", "t"}) {
         DeleteRows();
@@ -95,17 +97,21 @@ TEST_F(ReceiveFileTest, AbsentAndFixedValuesAreFilledIn) {
     }
 }
 
-TEST_F(ReceiveFileTest, UpstreamOfferOfAChildAnswersTheUrlToPutTo) {
+TEST_F(ReceiveFileTest, UpstreamOfferOfAChildAnswersTheUrlToPutToUnlessItIsRefused) {
+    const KelContainer offer =
+        With(Offer(), {{"Upstream", true}, {"FileSize", 12}, {"SourceDevice", kChild}});
     for (int i = 0; i < 2; ++i) {
-        KelContainer offer = With(Offer(), {{"Upstream", true}, {"FileSize", 12}, {"SourceDevice", kChild}});
         EXPECT_EQ(Ask("FileStoreReceiveFile", offer), Make({{"FileURL", "/FileStore/upstream/t/l/c/n"}}));
         EXPECT_EQ(OnlyFields(kUp, "FileStatus, FirstRelay, FileSize"), KelFormat("RECEIVING|%s|12", kOwnUrl));
         Rows(kUp, "UPDATE Files SET FileStatus = #MISSING#");
     }
     DeleteRows();
-    EXPECT_EQ(Receive(Offer(), {{"Upstream", true}}), 1U) << "no size";
     const char* other = "127.0.1.8:1611/FFFF0000-0000-4000-8000-0000000000C1";
-    EXPECT_EQ(Receive(Offer(), {{"Upstream", true}, {"FileSize", 12}, {"SourceDevice", other}}), 44005U);
+    EXPECT_EQ(Receive(Offer(), {{"Upstream", true}}), 1U) << "no size";
+    EXPECT_EQ(Receive(offer, {{"SourceDevice", other}}), kKelErrorGuidScheme);
+    DirDelete(InStore("upstream/t"), true);
+    WriteFile(InStore("upstream/t"), "a file where the folder should be");
+    EXPECT_EQ(Receive(offer), kKelErrorNotAvailable);
     EXPECT_EQ(Count(kUp), "0");
 }
 
@@ -116,8 +122,7 @@ TEST_F(ReceiveFileTest, AnnouncedFileIsRecordedWithItsTargets) {
         Accept(Announcement(), {{"MulticastAddress", address}, {"MulticastPort", port}});
         EXPECT_EQ(OnlyFields(kDown, "FileStatus, TransportMode, Acknowledged, FileSize"),
                   KelFormat("DOWNLOADING|%s|0|3", mode));
-        EXPECT_EQ(Rows(kDown, "SELECT FileId, DeviceGUID FROM Targets"),
-                  Texts{OnlyFields(kDown, "FileId") + "|" + kTarget});
+        EXPECT_EQ(Targets("FileId, DeviceGUID"), Texts{OnlyFields(kDown, "FileId") + "|" + kChild});
     }
 }
 
@@ -129,45 +134,59 @@ TEST_F(ReceiveFileTest, KnownFileIsDownloadedAgainAsTheNewOfferSaysUnlessItIsHer
              {"MISSING", "Unicast", 0, "DOWNLOADING|Unicast|2|0|/other|7"},
              {"DOWNLOADING", "Multicast", 1500, "DOWNLOADING|Multicast|2|77|/other|7"}}) {
         SCOPED_TRACE(status);
-        SetStatus(status, 77);
-        const KelContainer offer = With(Announcement(), {{"FileURL", "/other"}, {"Priority", 7}});
-        Accept(With(offer, {{"TransportMode", mode}}),
+        SetStatus(status);
+        Accept(With(Announcement(), {{"FileURL", "/other"}, {"Priority", 7}, {"TransportMode", mode}}),
                {{"MulticastAddress", "224.2.0.1"}, {"MulticastPort", port}});
         EXPECT_EQ(OnlyFields(kDown,
                              "FileStatus, TransportMode, TransferredBytes, LastStatusChangeTime, "
                              "FileURL, Priority"),
                   row);
     }
-    for (const char* content : {"", "abc"}) {
-        SetStatus(*content == '\0' ? "AVAILABLE" : "DOWNLOADING");
-        if (*content != '\0') WriteFile(FileStore::StorePath(kDown, {"t", "l", "n", "c"}), content);
+    for (const char* status : {"AVAILABLE", "DOWNLOADING"}) {
+        SetStatus(status);
         const KelString before = Everything();
         Accept(Announcement(), {{"FileURL", "/third"}});
         EXPECT_EQ(Everything(), before);
+        WriteFile(FileStore::StorePath(kDown, {"t", "l", "n", "c"}), "abc");
     }
 }
 
-TEST_F(ReceiveFileTest, HeldPackageIsPublishedAgain) {
-    Order("PackagerCopyAdministratedPackage", "pack", "p1");  // not held: an ordinary announcement
-    EXPECT_EQ(OnlyFields(kDown, "FileType"), "PackagerCopyAdministratedPackage");
+TEST_F(ReceiveFileTest, HeldPackageIsPublishedAgainWhereverItLiesAndTheOrderAcknowledgedThen) {
+    const KelString copy = "PackagerCopyAdministratedPackage", publish = "PackagerPublishPackageToMaster";
+    Order(copy);  // not held: an ordinary announcement
+    EXPECT_EQ(OnlyFields(kDown, "FileType"), copy);
     DeleteRows();
-    WriteFile(FileStore::StorePath(kDown, {"OperationalRulePackage", "pack", "n", "p1"}), "abc");
-    Order("PackagerCopyAdministratedPackage", "pack", "p1");
-    const FileStoreEntry row = OnlyRow(kDown);
-    EXPECT_EQ(row.FileType, "SentPackage");
-    EXPECT_TRUE(row.FileName.starts_with("pack_"));
-    EXPECT_EQ(Content(row.FilePath), "abc");
-
-    Order("PackagerPublishPackageToMaster", "pack", "p1");
-    EXPECT_EQ(OnlyFields(kUp, "FileType, FileName, FileChecksum"),
-              "PackagerZIPPackage|pack|" + TextMd5("abc"));
+    const KelString path = FileStore::StorePath(kDown, {kPackage, "pack", "n", "p1"});
+    WriteFile(path, "abc");
+    for (const auto& [type, side] : {std::pair(copy, kDown), {publish, kUp}}) {
+        AnswerAsParent(0);
+        auto refusal = Refuse(side, "INSERT ON Files");
+        Order(type);
+        EXPECT_TRUE(Parent().Requests().empty()) << type;
+        refusal.reset();
+        Order(type);
+        EXPECT_EQ(Read(OnlyCallTo(Parent(), "FileStoreAcknowledgeFile"), "FileType FileName"), type + "|n");
+    }
+    EXPECT_EQ(OnlyFields(kDown, "FileType, substr(FileName, 1, 5)"), "SentPackage|pack_");
+    EXPECT_EQ(Content(OnlyRow(kDown).FilePath), "abc");
+    const KelString published = "PackagerZIPPackage|pack|" + TextMd5("abc");
+    EXPECT_EQ(OnlyFields(kUp, "FileType, FileName, FileChecksum"), published);
     EXPECT_EQ(
         Read(FromXml(OnlyRow(kUp).FileInfo), "PackageName WasAdministratedRelay AdministratedRelayGUID"),
         "pack|true|");
+
     DeleteRows();
     MakeFile("secret/n", "abc");
-    Order("PackagerPublishPackageToMaster", "..", "../../../secret");
+    Order(publish, "pack", "../../../../../secret");
     EXPECT_EQ(Count(kUp), "0") << "an order reached outside the store";
+    FileDelete(path);
+    AddFile(
+        kDown, "n", "AVAILABLE",
+        KelFormat("FileType = '%s', FileLabel = 'pack', FileChecksum = 'p1', ExternalFile = 1, FilePath = "
+                  "'%S/secret/n'",
+                  kPackage, Root()));
+    Order(publish);
+    EXPECT_EQ(OnlyFields(kUp, "FileType, FileName, FileChecksum"), published);
 }
 
 /// The receivers can be called with the parts of an offer, too.
@@ -184,11 +203,11 @@ TEST_F(ReceiveFileTest, ReceiversTakeThePartsOfAnOffer) {
         KelContainer arguments = values;
         KelString checksum = arguments.Has("CopyPath") ? "" : "c";
         EXPECT_EQ(receiver(arguments, "t", "l", "n", checksum, 6, true, 0, 77), 0);
-        EXPECT_EQ(OnlyFields(side,
-                             "FileStatus, FileType, FileLabel, FileName, FileChecksum, KeepCopy, Bypass, "
-                             "Priority"),
-                  KelFormat("%s|t|l|n|%S|6|1|77", status, checksum));
         EXPECT_FALSE(checksum.empty());
+        EXPECT_EQ(
+            OnlyFields(side,
+                       "FileType, FileLabel, FileName, FileChecksum, FileStatus, KeepCopy, Bypass, Priority"),
+            KelFormat("t|l|n|%S|%s|6|1|77", checksum, status));
     }
 }
 

@@ -12,7 +12,6 @@ namespace {
 /// What every step of the worker threads has to do in the same situations. The tests of a step cover what is
 /// its own.
 struct WorkerStepsTest : StoreTest {
-    using Outcome = FileStorePushThread::Outcome;
     struct Step {
         KelString name;
         Side side;
@@ -20,21 +19,16 @@ struct WorkerStepsTest : StoreTest {
         std::function<int()> run;    ///< one pass; its result as a number
         std::function<void()> work;  ///< the whole step of its thread
     };
-    /// A step of the push thread.
-    Step Push(const KelString& name, Side side, const char* status, std::function<Outcome()> run) {
-        return {name, side, status, [run] { return static_cast<int>(run()); }, [this] { push_.DoWork(); }};
-    }
+    const std::function<void()> pull = [this] { pull_.DoWork(); }, push = [this] { push_.DoWork(); };
     const KelVector<Step> steps_ = {
-        {"acknowledge", kDown, "AVAILABLE", [this] { return pull_.AcknowledgeFile(); },
-         [this] { pull_.DoWork(); }},
-        {"download", kDown, "DOWNLOADING", [this] { return pull_.DownloadFile(); },
-         [this] { pull_.DoWork(); }},
+        {"acknowledge", kDown, "AVAILABLE", [this] { return pull_.AcknowledgeFile(); }, pull},
+        {"download", kDown, "DOWNLOADING", [this] { return pull_.DownloadFile(); }, pull},
         {"announce", kDown, "AVAILABLE", [this] { return notify_.NotifyUnicastTargets(0, 0); },
          [this] { notify_.DoWork(); }},
-        Push("request", kDown, "TOBEREQUESTED", [this] { return push_.RequestFile(reached_); }),
-        Push("send", kUp, "TOBEUPLOADED", [this] { return push_.SendFile(reached_, false); }),
-        Push("upload", kUp, "UPLOADING", [this] { return push_.UploadFile(reached_, false); }),
-        {"hand over", kUp, "TOBEHANDLED", [this] { return handler_.HandleFile(kUp) ? 1 : 0; },
+        {"request", kDown, "TOBEREQUESTED", [this] { return int(push_.RequestFile(reached_)); }, push},
+        {"send", kUp, "TOBEUPLOADED", [this] { return int(push_.SendFile(reached_, false)); }, push},
+        {"upload", kUp, "UPLOADING", [this] { return int(push_.UploadFile(reached_, false)); }, push},
+        {"hand over", kUp, "TOBEHANDLED", [this] { return int(handler_.HandleFile(kUp)); },
          [this] { handler_.DoWork(); }},
     };
     const Step& Find(const KelString& name) const {
@@ -119,8 +113,7 @@ TEST_F(WorkerStepsTest, NothingMovesWithoutAParentOrAGuid) {
         Add(step, "n");
         EXPECT_EQ(step.run(), result);
         EXPECT_EQ(Contacts(), Texts{});
-        EXPECT_EQ(OnlyFields(step.side, "FileStatus, LastStatusChangeTime"),
-                  KelFormat("%s|%s", step.status, time));
+        EXPECT_EQ(OnlyFields(step.side, kState), KelFormat("%s|%s", step.status, time));
     }
 }
 

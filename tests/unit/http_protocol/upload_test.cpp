@@ -76,6 +76,10 @@ TEST_F(UploadTest, RefusesWithoutTouchingAnything) {
     EXPECT_EQ(CountFilesIn("in/folder"), 0);
     EXPECT_EQ(ReadFile("in/old"), "old");
     EXPECT_TRUE(event_.IsEmpty());
+    std::filesystem::create_directories(root_ / "data/Store/up");
+    AddAlias("Files/in", root_ / "data/Store");
+    for (const auto& [target, status] : {std::pair{"a.sqlite", 403}, {"up/a.sqlite", 201}})
+        EXPECT_EQ(Connect().AskGranted("PUT", std::string("/Files/in/") + target, "", "body").status, status);
 }
 
 /// What the first event refuses is not put in place, and what the second one refuses is not acknowledged.
@@ -89,30 +93,20 @@ TEST_F(UploadTest, SubscribersDecideWhatIsAcknowledged) {
     });
     Subscribe("HttpProtocolCallbackPut", [&](KelContainer*) { return toReport; });
     WriteFile("in/x", "old");
-    struct Case {
-        unsigned int toCheck, toReport;
-        int status;
-        const char* content;
-    };
-    for (const Case& test :
-         {Case{kKelAnswerNotExpected, 0, 404, "old"}, Case{kKelAnswerOtherContent, 0, 422, "old"},
-          Case{kKelErrorNotAvailable, 0, 503, "old"}, Case{0, kKelErrorNotAvailable, 503, "new"},
-          Case{0, 0, 204, "new"}}) {
-        toCheck = test.toCheck;
-        toReport = test.toReport;
-        EXPECT_EQ(Connect().AskGranted("PUT", "/Files/in/x", "", "new").status, test.status);
+    const std::tuple<unsigned int, unsigned int, int, const char*> cases[] = {
+        {kKelAnswerNotExpected, 0, 404, "old"},
+        {kKelAnswerOtherContent, 0, 422, "old"},
+        {kKelErrorNotAvailable, 0, 503, "old"},
+        {0, kKelErrorNotAvailable, 503, "new"},
+        {0, 0, 204, "new"}};
+    for (const auto& [check, report, status, content] : cases) {
+        toCheck = check;
+        toReport = report;
+        EXPECT_EQ(Connect().AskGranted("PUT", "/Files/in/x", "", "new").status, status);
         EXPECT_EQ(checked, "new");
-        EXPECT_EQ(ReadFile("in/x"), test.content);
+        EXPECT_EQ(ReadFile("in/x"), content);
         EXPECT_EQ(CountFilesIn("in"), 1);
     }
-}
-
-TEST_F(UploadTest, TheAgentsDatabasesAreNotReplaced) {
-    std::filesystem::create_directories(root_ / "data/Store/up");
-    AddAlias("Files/in", root_ / "data/Store");
-    HttpTestClient client = Connect();
-    EXPECT_EQ(client.AskGranted("PUT", "/Files/in/a.sqlite", "", "body").status, 403);
-    EXPECT_EQ(client.AskGranted("PUT", "/Files/in/up/a.sqlite", "", "body").status, 201);
 }
 
 TEST_F(UploadTest, AShortBodyLeavesNothing) {

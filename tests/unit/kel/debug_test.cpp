@@ -61,16 +61,13 @@ TEST_F(DebugTest, ContextsCanChangeWhileThreadsWrite) {
     EXPECT_EQ(std::count(all.begin(), all.end(), '\n'), 1000);
 }
 
-TEST_F(DebugTest, WithoutContextOnlyProblemsReachStderr) {
+TEST_F(DebugTest, WithoutAFileOnlyProblemsReachStderr) {
+    TempFolder::Write(folder_ / "log", "a file where the folder should be");
+    EXPECT_THROW(MakeDebugContext(path_, 1000, 1, false, KelDebugLevel::Print), std::runtime_error);
     testing::internal::CaptureStderr();
     log_.Print("quiet\n");
     log_.Warning("loud\n");
     EXPECT_THAT(testing::internal::GetCapturedStderr(), MatchesRegex("[^\n]* WARNING Mod loud\n"));
-}
-
-TEST_F(DebugTest, AnUnusableFileIsAnError) {
-    TempFolder::Write(folder_ / "log", "a file");
-    EXPECT_THROW(MakeDebugContext(path_, 1000, 1, false, KelDebugLevel::Print), std::runtime_error);
 }
 
 }  // namespace

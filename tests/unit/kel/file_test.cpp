@@ -49,22 +49,19 @@ TEST_F(FileTest, CopyRenameAndDelete) {
     ASSERT_TRUE(FileCopy("/proc/self/status", folder_ / "p", false)) << "a file that says it has no size";
     EXPECT_GT(FileGetSize64(folder_ / "p"), 0);
     ASSERT_EQ(::mkfifo((folder_ / "fifo").c_str(), 0600), 0);
-    EXPECT_FALSE(FileCopy(folder_ / "fifo", none_, false));
-    EXPECT_FALSE(FileCopy(folder_ / "missing", none_, false));
-    EXPECT_FALSE(FileCopy(a_, none_ + "/x", false));
+    for (const auto& [from, to] : {std::pair{folder_ / "fifo", none_}, {none_, c_}, {a_, none_ + "/x"}})
+        EXPECT_FALSE(FileCopy(from, to, false)) << from;
 
     ASSERT_TRUE(FileRename(c_, b_));
-    EXPECT_FALSE(FileExists(c_));
-    EXPECT_FALSE(FileRename(c_, b_));
+    EXPECT_FALSE(FileRename(c_, b_)) << "gone";
     EXPECT_FALSE(FileRename(a_, b_, true)) << "would replace";
     ASSERT_TRUE(FileRename(b_, c_, true));
     ASSERT_TRUE(FileCopy(c_, b_, false, folder_.Path()));
     EXPECT_TRUE(TempFolder::Read(b_) == content);
     TempFolder::Write(folder_ / ".kel-stale", "left by a kill");
     EXPECT_TRUE(DirDeleteTempFiles(folder_.Path()));
-    EXPECT_TRUE(FileDelete(c_));
-    EXPECT_TRUE(FileDelete(b_));
-    EXPECT_TRUE(FileDelete(b_)) << "gone already";
+    for (const KelString& path : {c_, b_, b_})  // the last time, it is gone already
+        EXPECT_TRUE(FileDelete(path));
     EXPECT_FALSE(FileDelete(folder_.Path())) << "a folder";
     EXPECT_EQ(FileGetSize64(folder_.Path()), -1);
     EXPECT_EQ(DirList(folder_.Path()), (Names{"a", "fifo", "p"}));
@@ -91,9 +88,10 @@ TEST_F(FileTest, OpenBeneathStaysInside) {
     ASSERT_TRUE(PathCreate(root + "/sub"));
     TempFolder::Write(root + "/sub/in", "in");
     TempFolder::Write(folder_ / "out", "out");
-    ASSERT_EQ(::symlink("../out", (root + "/leaves").c_str()), 0);
-    ASSERT_EQ(::symlink((folder_ / "out").c_str(), (root + "/absolute").c_str()), 0);
-    ASSERT_EQ(::symlink("sub/in", (root + "/stays").c_str()), 0);
+    for (const auto& [to, link] : {std::pair<KelString, const char*>{"../out", "/leaves"},
+                                   {folder_ / "out", "/absolute"},
+                                   {"sub/in", "/stays"}})
+        ASSERT_EQ(::symlink(to.c_str(), (root + link).c_str()), 0);
     if (!FileOpenBeneath(root, "sub/in", O_RDONLY) && errno == ENOSYS) GTEST_SKIP() << "old kernel";
     EXPECT_TRUE(FileOpenBeneath(root, "sub/in", O_RDONLY));
     const UniqueFd made = FileOpenBeneath(root, "sub/new", O_WRONLY | O_CREAT | O_EXCL, 0600);
@@ -117,13 +115,11 @@ TEST_F(FileTest, TreesAreCopiedAndDeletedWithoutFollowingLinks) {
     EXPECT_EQ(TempFolder::Read(b_ + "/x/y/f"), "1");
     EXPECT_EQ(TempFolder::Read(b_ + "/g"), "2");
     EXPECT_TRUE(DirCopy(none_, folder_ / "empty"));
-    EXPECT_TRUE(DirExists(folder_ / "empty"));
     EXPECT_FALSE(DirCopy(a_, c_));
 
     EXPECT_FALSE(DirDelete(b_, false));
-    EXPECT_TRUE(DirDelete(b_, true));
-    EXPECT_TRUE(DirDelete(a_, true));
-    EXPECT_TRUE(DirDelete(a_, true)) << "gone already";
+    for (const KelString& path : {b_, a_, a_})  // the last time, it is gone already
+        EXPECT_TRUE(DirDelete(path, true));
     EXPECT_FALSE(DirDelete(c_, true)) << "a file";
     EXPECT_EQ(DirList(folder_.Path()), (Names{"c", "empty"}));
     EXPECT_TRUE(DirList(none_).empty());
@@ -134,17 +130,15 @@ TEST_F(FileTest, TreesAreCopiedAndDeletedWithoutFollowingLinks) {
 }
 
 TEST(Path, SplitCompleteAndSafeElements) {
-    const std::tuple<const char*, const char*, const char*> splits[] = {
-        {"/a/b.c", "/a/", "b.c"}, {"b", "", "b"}, {"a\\b", "a\\", "b"}, {"/a/", "/a/", ""}, {"", "", ""}};
-    for (const auto& [path, folder, name] : splits) {
-        KelString gotFolder, gotName = path;
+    for (const auto& [folder, name] :
+         {std::pair{"/a/", "b.c"}, {"", "b"}, {"a\\", "b"}, {"/a/", ""}, {"", ""}}) {
+        KelString gotFolder, gotName = KelString(folder) + name;
         SplitPath(gotName, gotFolder, gotName);  // a result may be the input
-        EXPECT_EQ(gotFolder, folder);
-        EXPECT_EQ(gotName, name);
+        EXPECT_EQ(gotFolder + "|" + gotName, KelString(folder) + "|" + name);
     }
-    EXPECT_EQ(CompletePath("/a//b/./../c"), "/a/c");
-    EXPECT_EQ(CompletePath("/../.."), "/");
-    EXPECT_EQ(CompletePath("/a/b/"), "/a/b/");
+    for (const auto& [path, complete] :
+         {std::pair{"/a//b/./../c", "/a/c"}, {"/../..", "/"}, {"/a/b/", "/a/b/"}})
+        EXPECT_EQ(CompletePath(path), complete);
     EXPECT_EQ(CompletePath("x/../y"), std::filesystem::current_path().string() + "/y");
 
     for (const KelString& good : Names{"...", KelString(255, 'a'), "\xC3\xA4 %#?'"})
@@ -173,7 +167,6 @@ TEST_F(FileTest, KnownDigestsAcrossReadPieces) {
     EXPECT_EQ(digest, TextSha256(content));
     EXPECT_FALSE(FileMd5(none_, digest));
     EXPECT_FALSE(FileMd5(folder_.Path(), digest));
-    EXPECT_EQ(RandomBytes(33).size(), 33U);
     EXPECT_NE(RandomBytes(32), RandomBytes(32));
     EXPECT_TRUE(EqualInConstantTime("abc", "abc"));
     EXPECT_FALSE(EqualInConstantTime("abc", "abd") || EqualInConstantTime("abc", "ab"));

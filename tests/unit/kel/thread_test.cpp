@@ -7,6 +7,9 @@
 #include <future>
 #include <stdexcept>
 
+#include "kel/periodic_thread.h"
+#include "kept_log.h"
+
 namespace {
 
 constexpr std::uint64_t kForeverMs = UINT64_MAX;
@@ -36,7 +39,9 @@ TEST(Thread, ASignalSentWhileItWorksEndsTheNextPause) {
     thread.Signal(7);
     thread.Signal(8);
     signalled.set_value();
+    std::thread other([&] { thread.Join(); });  // several may
     thread.Join();
+    other.join();
     EXPECT_TRUE(woken);
     EXPECT_FALSE(again) << "several signals count as one";
 }
@@ -96,14 +101,62 @@ TEST(Thread, CanBeStartedAgainWithoutOldSignalsOrCancellation) {
     EXPECT_EQ(runs, 4);
 }
 
-TEST(Thread, SeveralThreadsMayJoin) {
-    std::promise<void> go;
-    TestThread thread([gone = go.get_future().share()](TestThread&) { gone.wait(); });
-    ASSERT_TRUE(thread.Start());
-    std::thread other([&] { thread.Join(); });
-    go.set_value();
-    thread.Join();
-    other.join();
+using Begin = KelPeriodicThread::Begin;
+
+class PeriodicThreadTest : public testing::Test {
+  protected:
+    PeriodicThreadTest() { log_.SetContext(lines_); }
+    /// Runs a thread until it ends; it is at its step number `steps_` when `step` is called.
+    void Run(Begin begin, const KelPeriodicThread::Step& step, const KelPeriodicThread::NextPause& pause) {
+        steps_ = 0;
+        trace_.clear();
+        KelPeriodicThread thread(
+            log_, begin, [&] { return ++steps_, trace_ += 's', step(); },
+            [&](bool isWorkLeft) { return trace_ += isWorkLeft ? '1' : '0', pause(isWorkLeft); });
+        thread_ = &thread;
+        ASSERT_TRUE(thread.Start());
+        thread.Join();
+    }
+    KelPeriodicThread::NextPause EndAfterStep(int last) {
+        return [this, last](bool) { return steps_ == last ? std::nullopt : std::optional<std::uint64_t>(1); };
+    }
+
+    const std::shared_ptr<KeptLog> lines_ = std::make_shared<KeptLog>();
+    KelDebug log_{"Test", "Test"};
+    KelPeriodicThread* thread_ = nullptr;
+    int steps_ = 0;
+    KelString trace_;  ///< s: a step, 1 and 0: a pause, with whether work is left
+};
+
+TEST_F(PeriodicThreadTest, AlternatesStepsAndPausesFromItsBeginningOnUntilThePauseEndsIt) {
+    const auto isNotSecond = [this] { return steps_ != 2; };
+    for (const auto& [begin, trace] : {std::pair{Begin::WithStep, "s1s0s1"}, {Begin::WithPause, "1s1s0s1"}}) {
+        Run(begin, isNotSecond, EndAfterStep(3));
+        EXPECT_EQ(trace_, trace);
+    }
+}
+
+TEST_F(PeriodicThreadTest, ASignalDuringAStepEndsTheNextPauseAndCancellationEndsTheThread) {
+    const auto step = [this] {
+        steps_ < 3 ? thread_->Signal(1) : thread_->Cancel(0, false);
+        return false;
+    };
+    Run(Begin::WithStep, step, [](bool) { return kLostMs; });
+    EXPECT_EQ(trace_, "s0s0s") << "a cancelled thread needs no further pause";
+    Run(Begin::WithPause, step, [this](bool) { return thread_->Cancel(0, false), kLostMs; });
+    EXPECT_EQ(trace_, "1") << "a cancelled pause needs no further step";
+}
+
+TEST_F(PeriodicThreadTest, LogsWhatAStepThrowsAndGoesOnAsWithWorkLeft) {
+    const auto step = [this] {
+        if (steps_ == 1) throw std::runtime_error("disk gone");
+        if (steps_ == 2) throw 5;  // NOLINT(hicpp-exception-baseclass)
+        return false;
+    };
+    Run(Begin::WithStep, step, EndAfterStep(3));
+    EXPECT_EQ(trace_, "s1s1s0");
+    EXPECT_EQ(lines_->Count(KelDebugLevel::Error, "step failed (disk gone)"), 1);
+    EXPECT_EQ(lines_->TakeProblems().size(), 2U);
 }
 
 }  // namespace

@@ -18,6 +18,13 @@ class ArchiveTest : public testing::Test {
         TempFolder::Write(folder_ / name, content);
         return folder_ / name;
     }
+    /// Makes the archive with these files, deflated.
+    void Pack(const Entries& files) {
+        ASSERT_EQ(archive_.Create(path_), kArchiveDone) << archive_.GetErrorText();
+        for (const auto& [name, content] : files)
+            ASSERT_EQ(archive_.AddEntry(name, Source(name, content), 6), kArchiveDone);
+        ASSERT_EQ(archive_.Close(), kArchiveDone) << archive_.GetErrorText();
+    }
     Entries Read() { return ReadZip(path_); }
     std::size_t FilesInFolder() { return DirList(folder_.Path()).size(); }
 
@@ -30,18 +37,14 @@ TEST_F(ArchiveTest, KeepsTheFirstEntryFirstWhenMoreAreAdded) {
     const std::string content = std::string(300'000, 'l') + "end";
     const std::string large = Source("large", content);
     const std::string empty = Source("empty", "");
-    ASSERT_EQ(archive_.Create(path_), kArchiveDone) << archive_.GetErrorText();
-    ASSERT_EQ(archive_.AddEntry("Temp/Index.xml", Source("index", "<index/>"), 6), kArchiveDone);
-    EXPECT_FALSE(std::filesystem::exists(path_)) << "nothing is in place before Close";
-    ASSERT_EQ(archive_.Close(), kArchiveDone) << archive_.GetErrorText();
-    EXPECT_FALSE(archive_.IsOpen());
+    Pack({{"Index.xml", "<index/>"}});
     for (const std::string prefix : {"upstream/0/", "upstream/1/"}) {
         ASSERT_EQ(archive_.Open(path_), kArchiveDone) << archive_.GetErrorText();
         ASSERT_EQ(archive_.AddEntry(prefix + "\xC3\xA9 b", large, 6), kArchiveDone);
         ASSERT_EQ(archive_.AddEntry(prefix + "a", empty, 0), kArchiveDone);
         ASSERT_EQ(archive_.Close(), kArchiveDone) << archive_.GetErrorText();
     }
-    EXPECT_TRUE(Read() == (Entries{{"Temp/Index.xml", "<index/>"},
+    EXPECT_TRUE(Read() == (Entries{{"Index.xml", "<index/>"},
                                    {"upstream/0/\xC3\xA9 b", content},
                                    {"upstream/0/a", ""},
                                    {"upstream/1/\xC3\xA9 b", content},
@@ -55,26 +58,19 @@ TEST_F(ArchiveTest, StoresAsItIsWhatReceiversWouldTakeForABomb) {
     std::string text;
     for (int i = 0; text.size() < zeros.size(); ++i)
         text += "line " + std::to_string(i * 7919) + "\n";
-    ASSERT_EQ(archive_.Create(path_), kArchiveDone);
-    ASSERT_EQ(archive_.AddEntry("zeros", Source("zeros", zeros), 6), kArchiveDone);
-    const std::string longText = text + text + text;  // too long to be taken into memory
-    ASSERT_EQ(archive_.AddEntry("text", Source("text", text), 6), kArchiveDone);
-    ASSERT_EQ(archive_.AddEntry("long", Source("long", longText), 6), kArchiveDone);
-    ASSERT_EQ(archive_.Close(), kArchiveDone);
-    EXPECT_TRUE(Read() == (Entries{{"zeros", zeros}, {"text", text}, {"long", longText}}));
+    // The last one is too long to be taken into memory.
+    const Entries files = {{"zeros", zeros}, {"text", text}, {"long", text + text + text}};
+    Pack(files);
+    EXPECT_TRUE(Read() == files);
     const auto size = std::filesystem::file_size(path_);
     EXPECT_GT(size, zeros.size());
     EXPECT_LT(size, zeros.size() + 2 * text.size()) << "text is deflated as ever";
 }
 
 TEST_F(ArchiveTest, AFailureLeavesTheOldArchiveAsItWas) {
-    const std::string source = Source("source", "content");
-    ASSERT_EQ(archive_.Create(path_), kArchiveDone);
-    ASSERT_EQ(archive_.AddEntry("first", source, 6), kArchiveDone);
-    ASSERT_EQ(archive_.Close(), kArchiveDone);
-    const Entries before = Read();
-    ASSERT_EQ(before.size(), 1U);
-
+    const Entries before = {{"first", "content"}};
+    Pack(before);
+    const std::string source = folder_ / "first";
     ASSERT_EQ(archive_.Open(path_), kArchiveDone);
     EXPECT_EQ(archive_.AddEntry("first", source, 6), kArchiveHasEntry);
     const std::string vanishing = Source("vanishing", "x");
@@ -95,7 +91,7 @@ TEST_F(ArchiveTest, AFailureLeavesTheOldArchiveAsItWas) {
         GenericArchive abandoned(kArchiveZip);
         ASSERT_EQ(abandoned.Create(path_), kArchiveDone);
         ASSERT_EQ(abandoned.AddEntry("other", source, 6), kArchiveDone);
-    }
+    }  // nothing is in place before Close
     EXPECT_EQ(Read(), before);
     EXPECT_EQ(FilesInFolder(), 3U);
 }
@@ -111,8 +107,8 @@ TEST_F(ArchiveTest, RefusesWhatItCannotUse) {
     for (const char* name : {"", "/abs", "a/../b", "..", "a//b", "a/", "a\\b", "a\nb"})
         EXPECT_EQ(archive_.AddEntry(name, source, 6), kArchiveBadInput) << name;
     EXPECT_EQ(archive_.AddEntry("a", source, 10), kArchiveBadInput);
-    EXPECT_EQ(archive_.AddEntry("a", folder_ / "absent", 6), kArchiveNoFile);
-    EXPECT_EQ(archive_.AddEntry("a", folder_.Path(), 6), kArchiveNoFile);
+    for (const std::string& path : {folder_ / "absent", folder_.Path()})
+        EXPECT_EQ(archive_.AddEntry("a", path, 6), kArchiveNoFile) << path;
     EXPECT_EQ(archive_.Close(), kArchiveBadInput) << "an empty archive";
     EXPECT_EQ(FilesInFolder(), 1U);
 }

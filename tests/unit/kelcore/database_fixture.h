@@ -28,13 +28,6 @@ class DatabaseTest : public testing::Test {
         db_ = OpenPath(path_);
         return db_ != nullptr;
     }
-    /// Each of these must be refused with one problem in the log.
-    void ExpectNotOpened(const KelVector<KelString>& paths) {
-        for (const KelString& path : paths) {
-            EXPECT_FALSE(OpenPath(path)) << path;
-            EXPECT_EQ(kept_->TakeProblems().size(), 1u) << path;
-        }
-    }
     bool Run(const KelString& statement) { return db_->Query(statement) != nullptr; }
 
     /// The first value of a statement's first row; "(failed)" when it failed.

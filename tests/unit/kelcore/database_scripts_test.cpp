@@ -67,13 +67,10 @@ TEST_F(DatabaseScriptsTest, UpgradeFromWhereverTheSchemaIs) {
     };
     ASSERT_TRUE(Open());
     EXPECT_TRUE(Upgrade(third, note));
-    EXPECT_EQ(steps, "2 of 3; 3 of 3; ");
-    EXPECT_EQ(Version(), "3");
     EXPECT_EQ(Value("SELECT X || Y FROM T"), "19");
     const KelString upgraded = Value(schema);
-
     EXPECT_TRUE(Upgrade(third, note));
-    EXPECT_EQ(steps, "2 of 3; 3 of 3; ") << "nothing was left to do";
+    EXPECT_EQ(steps, "2 of 3; 3 of 3; ") << "once each";
     EXPECT_FALSE(Upgrade(second)) << "the schema is newer than the scripts";
     EXPECT_EQ(Version(), "3");
 

@@ -25,12 +25,9 @@ TEST(Json, ContainersSurviveTheRoundTripInOrder) {
     KelContainer back;
     ASSERT_TRUE(ContainerFromJson(json, back));
     EXPECT_TRUE(back == sample) << "types included";
-}
-
-TEST(Json, BytesThatAreNoUtf8AreReplaced) {
-    KelContainer container;
-    container.SetString("A\xFF", "b\xFE");
-    EXPECT_EQ(ContainerToJson(container), "{\"A\xEF\xBF\xBD\":\"b\xEF\xBF\xBD\"}");
+    back.Clear();
+    back.SetString("A\xFF", "b\xFE");
+    EXPECT_EQ(ContainerToJson(back), "{\"A\xEF\xBF\xBD\":\"b\xEF\xBF\xBD\"}");
 }
 
 KelString Nested(std::size_t levels) {
@@ -55,8 +52,6 @@ TEST(Json, TextsAreReadOrRefusedWhole) {
     EXPECT_EQ(Reread(R"( { "a" : [ 1 , 2 ] } )"), R"({"a":[1,2]})");
     EXPECT_EQ(Reread(R"({"a":[true]})"), R"({"a":true})");
     EXPECT_EQ(Reread(R"({"a":[],"b":1})"), R"({"b":1})");
-    const KelString objects = R"({"a":[{"b":[1,2]},{"b":3}],"c":4})";
-    EXPECT_EQ(Reread(objects), objects);
     EXPECT_EQ(Reread(R"({"\u0041":"\ud83d\ude00"})"), "{\"A\":\"\xF0\x9F\x98\x80\"}");
     EXPECT_EQ(Reread(Nested(64)), Nested(64));
     for (const KelString& bad :

@@ -3,12 +3,13 @@
 #include <atomic>
 
 #include "module_fixture.h"
+#include "modules/relay/relay_settings.h"
 #include "test_http_server.h"
 
 /// A parent at 127.0.1.1 that answers every action call with a GUID.
 class FakeParent {
   public:
-    explicit FakeParent(const std::string& guid) : guid_(guid) {}
+    explicit FakeParent(const std::string& guid) : guid_(guid) { RelaySettings::msPerSecond = 10; }
 
     /// The ini file of the relay module of a device below it.
     std::string ChildIni(const std::string& role) const {
@@ -21,7 +22,6 @@ class FakeParent {
         guid_ = guid;
     }
     std::size_t GetCallCount() { return server_.Requests().size(); }
-    std::string GetLastTarget() { return server_.Requests().back().target; }
 
     std::atomic<unsigned int> status = 200;  ///< of the HTTP answers
     std::atomic<bool> failsOnce = false;     ///< answers the next call with 500

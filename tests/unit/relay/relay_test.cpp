@@ -1,7 +1,9 @@
 #include "modules/relay/relay.h"
 
 #include "fake_parent.h"
+#include "kelcore/callback_db.h"
 #include "kelcore/http/client.h"
+#include "module_fixture.h"
 
 namespace {
 
@@ -13,6 +15,8 @@ class RelayTest : public ModuleFixture {
   protected:
     void SetUp() override {
         Configure("");
+        FakeAction("TestInSync ()", [this](KelContainer*) { return ++reports_, 0U; });
+        CallbackDbRegisterAction("RelayCallbackParentInSync", "TestInSync ()", "", 0);
         FakeResults("IdentityGetGUID ()", Values({"GUID=" + kOurGuid}));
         FakeAction("IdentityValidateGUIDScheme ()", [this](KelContainer*) {
             // The handler reads the parent's GUID; until it is done no device may rely on our scheme.
@@ -22,13 +26,17 @@ class RelayTest : public ModuleFixture {
             return failures_ > 0 && failures_-- > 0 ? unsigned{kKelErrorInternal} : 0U;
         });
     }
-    void TearDown() override { HttpClientCloseIdleConnections(); }
+    void TearDown() override {
+        CallbackDbDeleteAction("RelayCallbackParentInSync", "TestInSync ()", "");
+        HttpClientCloseIdleConnections();
+    }
 
     static KelContainer RelayValues() { return Call("RelayGetValues").GetContainer("Values"); }
     static bool IsInSync() { return RelayValues().GetBool("ParentSync"); }
 
     std::atomic<int> validations_ = 0;
     std::atomic<int> unsettled_ = 0;
+    std::atomic<int> reports_ = 0;   ///< that the parent answers again
     std::atomic<int> failures_ = 0;  ///< of the next validations
 };
 
@@ -52,14 +60,14 @@ TEST_F(RelayTest, AnAnsweringParentIsInSyncAndValidatesTheSchemeOncePerGuid) {
     ASSERT_TRUE(Eventually(IsInSync));
     const std::size_t calls = parent.GetCallCount();
     ASSERT_TRUE(Eventually([&] { return parent.GetCallCount() >= calls + 2; }));
-    ExpectValues(RelayValues(), {"IsEnabled=false", "Role=client", "ParentSync=true", "ParentName=127.0.1.1",
-                                 "ParentIPAddress=127.0.1.1", "ParentGuid=" + kGuid,
-                                 "ParentPort=" + std::to_string(parent.Port())});
-    EXPECT_EQ(parent.GetLastTarget(), "/Action/IdentityGetValues");
+    ExpectValues(RelayValues(), {"IsEnabled=false", "Role=client", "ParentIPAddress=127.0.1.1",
+                                 "ParentGuid=" + kGuid, "ParentPort=" + std::to_string(parent.Port())});
     EXPECT_EQ(validations_, 1) << "a steady parent was validated more than once";
+    EXPECT_EQ(reports_, 1);
+    Call("RelayCheckParent");  // somebody could not reach it
+    EXPECT_TRUE(Eventually([this] { return reports_ == 2; }));
     parent.SetGuid(kOtherGuid);
     EXPECT_TRUE(Eventually([this] { return validations_ == 2; }));
-    ExpectValues(RelayValues(), {"ParentGuid=" + kOtherGuid});
 }
 
 TEST_F(RelayTest, AParentWithoutItsOwnPlaceIsWaitedForOnlyTheFirstTime) {
@@ -116,6 +124,50 @@ TEST_F(RelayTest, AParentThatCannotBeUsedIsOutOfSyncAndLoggedOnce) {
         parent.status = 200;
     }
     ASSERT_TRUE(Eventually([this] { return validations_ == 5; })) << "at first and after each way back";
+}
+
+class PackageCopiesTest : public ModuleFixture {
+  protected:
+    void SetUp() override { WriteIni("Relay", "[Relay]\nRole=master\n"); }
+
+    KelContainer Package(const std::string& label, const std::string& name, const std::string& content) {
+        TempFolder::Write(root_ / "package", content);
+        return Values({"FileLabel=" + label, "FileName=" + name, "FilePath=" + root_ / "package"});
+    }
+    std::string Copy(const std::string& below) { return root_ / ("data/Relay/Packages/" + below); }
+};
+
+TEST_F(PackageCopiesTest, AreKeptUntilTheirLabelIsCleared) {
+    const std::string incoming = root_ / "data/Relay/Incoming";
+    TempFolder::Write(incoming + "/.kel-stale", "left by a kill");
+    RunningModule<Relay> module;
+    for (const char* content : {"one", "two"}) {
+        KelContainer package = Package("tools", "a b.zip", content);
+        ASSERT_EQ(Call("RelayReceiveFile", package), 0U);
+        EXPECT_EQ(package.GetString("FilePath"), Copy("tools/a b.zip"));
+        EXPECT_EQ(TempFolder::Read(Copy("tools/a b.zip")), content);
+    }
+    ASSERT_EQ(Call("RelayReceiveFile", Package("other", "b", "three")), 0U);
+    for (int i = 0; i < 2; ++i) {
+        EXPECT_EQ(Call("RelayClearPackage", Package("tools", "", "")), 0U);
+        EXPECT_FALSE(std::filesystem::exists(Copy("tools")));
+    }
+    EXPECT_EQ(TempFolder::Read(Copy("other/b")), "three");
+    EXPECT_TRUE(std::filesystem::is_empty(incoming));
+}
+
+TEST_F(PackageCopiesTest, UnusableCallsAreRefused) {
+    RunningModule<Relay> module;
+    const KelContainer package = Package("tools", "name", "content");
+    for (const char* bad :
+         {"FileLabel=..", "FileLabel=", "FileName=a/b", "FileName=", "FilePath=", "FilePath=package"})
+        EXPECT_EQ(Call("RelayReceiveFile", With(package, {bad})), kKelErrorBadInput) << bad;
+    EXPECT_EQ(Call("RelayReceiveFile", With(package, {"FilePath=" + root_ / "absent"})),
+              kKelErrorMissingContent);
+    for (const char* action : {"RelayReceiveFile", "RelayClearPackage"})
+        EXPECT_EQ(Call(action, From(package, "127.0.3.9")), kKelErrorBadInput) << action;
+    EXPECT_EQ(Call("RelayClearPackage", Package("..", "", "")), kKelErrorBadInput);
+    EXPECT_FALSE(std::filesystem::exists(root_ / "data/Relay/Packages"));
 }
 
 }  // namespace

@@ -104,7 +104,6 @@ TEST_F(UnconnectedReplayTest, AnOldSchemeIsReplacedByOurDeviceUrl) {
 
 TEST_F(UnconnectedReplayTest, NewerContentIsNotRemovedWhetherItsRequestIsThereYetOrNot) {
     for (const bool isWhole : {true, false}) {
-        SCOPED_TRACE(isWhole);
         bodies_.clear();
         KeepFile("disks", "old");
         answer_ = [this, isWhole](const KelContainer&) {
@@ -176,13 +175,12 @@ TEST_F(UnconnectedReplayTest, TheModuleReplaysOnceTheParentAnswers) {
 }
 
 TEST_F(UnconnectedReplayTest, AMasterReplaysWithoutAParent) {
-    WriteIni("Relay", "[Relay]\nRole=Master\nParentName=\nParentPort=\n");
+    WriteIni("Relay", "[Relay]\nRole=Master\n");
     KeepFile("disks", "content");
     ActiveModule<Relay> module;
     EXPECT_TRUE(Eventually([this] { return FileCount("inventory") == 0; }));
     module.Cleanup();
-    ExpectValues(Call("RelayGetValues").GetContainer("Values"),  // answers after the cleanup, too
-                 {"IsEnabled=true", "Role=master", "ParentName=", "ParentSync=false"});
+    ExpectValues(Call("RelayGetValues").GetContainer("Values"), {"IsEnabled=true", "Role=master"});
 }
 
 }  // namespace

@@ -1,12 +1,21 @@
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sstream>
 
 #include "cli/commands.h"
 #include "cli/hand_over.h"
 #include "cli/init_command.h"
+#include "cli/options.h"
 #include "cli/output.h"
 #include "cli/publication_watch.h"
+#include "kelcore/json.h"
 
 namespace {
+
+TEST(TextTest, SizesAndSharesAtTheirLimits) {
+    EXPECT_EQ(SizeText(1023) + SizeText(std::int64_t{256} << 20), "1023 B256.0 MiB");
+    EXPECT_EQ(ProgressBar::Text(9, 4, 4) + ProgressBar::Text(0, 0, 4), "[####] 100 %[####] 100 %");
+}
 
 TEST(TableTest, ColumnsFitTheirWidestCellAndControlCharactersCannotSteerTheTerminal) {
     Table table({"NAME", "N", "X"});
@@ -16,19 +25,6 @@ TEST(TableTest, ColumnsFitTheirWidestCellAndControlCharactersCannotSteerTheTermi
               "NAME       N  X\n"
               "grün       7  a?[2Jb?c\n"
               "longer  1024\n");
-}
-
-TEST(TableTest, SizesTurnToTheNextUnitAt1024) {
-    EXPECT_EQ(SizeText(0), "0 B");
-    EXPECT_EQ(SizeText(1023), "1023 B");
-    EXPECT_EQ(SizeText(1536), "1.5 KiB");
-    EXPECT_EQ(SizeText(std::int64_t{256} << 20), "256.0 MiB");
-}
-
-TEST(ProgressBarTest, ShareIsClampedAndAnEmptyWholeIsDone) {
-    EXPECT_EQ(ProgressBar::Text(1, 4, 8), "[##......] 25 %");
-    EXPECT_EQ(ProgressBar::Text(9, 4, 4), "[####] 100 %");
-    EXPECT_EQ(ProgressBar::Text(0, 0, 4), "[####] 100 %");
 }
 
 TEST(PublicationWatchTest, AsksForItsOwnPublicationsAndTakesTheirCounts) {
@@ -50,25 +46,17 @@ TEST(PublicationWatchTest, AsksForItsOwnPublicationsAndTakesTheirCounts) {
     TakeCounts(list({{"b", 2}, {"a", 1}}), published);
     EXPECT_EQ(published.GetContainer("Values", 0).GetInt32("Delivered"), 1);
     EXPECT_EQ(published.GetContainer("Values", 1).GetInt32("Delivered"), 2);
+    EXPECT_EQ(WatchPause(std::chrono::seconds(7)), std::chrono::seconds(7))
+        << "a slow master is asked less often";
 }
 
-TEST(PublicationWatchTest, AMasterThatAnswersSlowlyIsAskedLessOften) {
-    EXPECT_EQ(WatchPause(std::chrono::milliseconds(3)), std::chrono::milliseconds(500));
-    EXPECT_EQ(WatchPause(std::chrono::seconds(7)), std::chrono::seconds(7));
-}
-
-TEST(FileCommandTest, AllValuesAreShownForPeople) {
+TEST(FileCommandTest, ValuesAreShownForPeople) {
     KelContainer file;
-    file.SetInt32("FileId", 7);
     file.SetInt64("FileSize", 1536);
     file.SetString("FileStatus", "_AGTMOD_FILESTORESTATUS_AVAILABLE_");
-    file.SetBool("Bypass", true);
-    KelString text;
-    const KelContainer list = FileValueList(file);
-    for (std::uint32_t i = 0; i < list.Count("Values"); ++i)
-        text += list.GetContainer("Values", i).GetString("Name") + "=" +
-                list.GetContainer("Values", i).GetString("Value") + " ";
-    EXPECT_EQ(text, "FileId=7 FileSize=1.5 KiB FileStatus=available Bypass=true ");
+    EXPECT_EQ(
+        ContainerToJson(FileValueList(file)),
+        R"({"Values":[{"Name":"FileSize","Value":"1.5 KiB"},{"Name":"FileStatus","Value":"available"}]})");
 }
 
 /// The devices of "GUID PARENT" texts as GUIDs, each behind a dot for each level of its depth.
@@ -105,13 +93,10 @@ TEST(CallArgumentsTest, TextJsonAndRepeatedNames) {
     EXPECT_EQ(container.GetContainer("Values").GetInt32("QueueGap"), 1);
     EXPECT_EQ(container.GetInt32("List", 0, 1), 2);
     EXPECT_EQ(container.GetInt64("Big"), 5000000000);
-}
-
-TEST(CallArgumentsTest, MalformedArgumentsAreRefused) {
-    KelContainer container;
+    KelContainer none;
     for (const char* text : {"", "name", "=x", ":=1", "a:={", "a:=1,\"b\":2"})
-        EXPECT_FALSE(AddCallArgument(text, container)) << text;
-    EXPECT_TRUE(container.IsEmpty());
+        EXPECT_FALSE(AddCallArgument(text, none)) << text;
+    EXPECT_TRUE(none.IsEmpty());
 }
 
 auto InitValues(const char* role, const char* parent) {
@@ -147,6 +132,68 @@ TEST(InitTest, OnlyTheMasterRunsTheConsoleAndArchivesCanBeUnpackedBeforeTheFileS
 
 TEST(InitTest, PlaceholdersAreFilledOnceAndOtherTextStays) {
     EXPECT_EQ(FillTemplate("a@PORT@ b@c @X@PORT@ @", {{"PORT", "@X@"}, {"X", "no"}}), "a@X@ b@c noPORT@ @");
+}
+
+using testing::ElementsAre;
+
+/// Parses "kel LINE", split at blanks.
+std::optional<Options> Parse(const std::string& line, int& exitCode) {
+    std::istringstream stream("kel " + line);
+    const std::vector<std::string> words(std::istream_iterator<std::string>(stream), {});
+    std::vector<const char*> arguments;
+    for (const std::string& word : words)
+        arguments.push_back(word.c_str());
+    return ParseOptions(static_cast<int>(arguments.size()), arguments.data(), exitCode);
+}
+
+TEST(OptionsTest, UnusableArgumentsEndWithUsage) {
+    testing::internal::CaptureStderr();
+    std::istringstream lines(
+        "|status|--root r unknown|--root r --url http://h:1 status|--url http://h:1 status"
+        "|--url http://h:1 --user u status|--url ftp://h:1 --user u --password-file f status"
+        "|--url http://h:99999 --user u --password-file f status|--url h:1 --user u --password-file f status"
+        "|--root r publish --type t --label l --to all|--root r publish /no/such/file --type t --label l "
+        "--to all"
+        "|init d --role boss --address 127.0.1.1 --port 1 --password-file f"
+        "|init d --role master --address 300.0.1.1 --port 1 --password-file f"
+        "|init d --role master --address 127.0.1.1 --port 70000 --password-file f"
+        "|init d --role master --address 127.0.1.1 --port 1|--root r windows set sideways --slots 1"
+        "|--root r windows set up|--root r windows set up --slots 1 --slot-type 4"
+        "|--root r windows set up --slots 1 --slot-type 6|--root r file|--root r file 0|--root r file one"
+        "|--root r settings|--root r settings set|--root r send --type t --label l"
+        "|--root r send /no/such/file --type t --label l|--root r send /proc/version --type t"
+        "|--root r request --type t --label l|--root r request --type t --label l --name n --wait -1"
+        "|--root r publications one two|--root r upload now");
+    for (std::string line; std::getline(lines, line, '|');) {
+        int exitCode = kExitDone;
+        EXPECT_FALSE(Parse(line, exitCode)) << line;
+        EXPECT_EQ(exitCode, kExitUsage) << line;
+    }
+    EXPECT_NE(testing::internal::GetCapturedStderr(), "");
+}
+
+TEST(OptionsTest, CommonOptionsMayStandBehindTheCommandAndDevicesAreAList) {
+    int exitCode = kExitFailed;
+    const auto options =
+        Parse("publish /proc/version --type t --label l --to one,two --root r --json", exitCode);
+    ASSERT_TRUE(options);
+    EXPECT_EQ(options->common.root, "r");
+    EXPECT_TRUE(options->common.json);
+    EXPECT_THAT(std::get<PublishOptions>(options->command).devices, ElementsAre("one", "two"));
+}
+
+TEST(OptionsTest, AMistypedCommandIsNamedWithASimilarOne) {
+    for (const auto& [line, message] : std::initializer_list<std::pair<const char*, const char*>>{
+             {"--root r publsh f --type t", "'publsh'; did you mean 'publish'?"},
+             {"--root r settings gte", "'settings gte'; did you mean 'get'?"},
+             {"--root r nonsense", "'nonsense'; 'kel --help' lists the commands"},
+             {"--root r upload now", "not expected: now"}}) {
+        int exitCode = kExitDone;
+        testing::internal::CaptureStderr();
+        EXPECT_FALSE(Parse(line, exitCode));
+        EXPECT_EQ(exitCode, kExitUsage);
+        EXPECT_THAT(testing::internal::GetCapturedStderr(), testing::HasSubstr(message)) << line;
+    }
 }
 
 }  // namespace
