@@ -7,6 +7,7 @@
 
 #include "kel/format.h"
 #include "kelcore/error_codes.h"
+#include "kelcore/error_text.h"
 #include "kelcore/http/client.h"
 #include "kelcore/http/message.h"
 #include "kelcore/http/url.h"
@@ -52,27 +53,10 @@ KelString TransferText(const WaitingReason& reason) {
     return KelFormat("being transferred; %gu of %gu bytes so far", reason.bytes, reason.whole);
 }
 
-const char* RefusalOf(unsigned int error) {
-    switch (error) {
-        case kKelErrorCredentials:
-            return "the agent name or HTTP password is not the same on both devices";
-        case kKelErrorUnknownAction:
-            return "it does not know the call; its file store may be older or not loaded";
-        case kKelErrorBadAnswer:
-            return "its answer is no answer of an agent";
-        case kKelErrorNotAvailable:
-            return "its file store is not running";
-        case kKelErrorGuidScheme:
-            return "its GUID belongs to another tree";
-        default:
-            return nullptr;
-    }
-}
-
 KelString AnswerText(unsigned int status) {
     switch (status) {
         case kHttpStatusUnauthorized:
-            return RefusalOf(kKelErrorCredentials);
+            return KelErrorText(kKelErrorCredentials);
         case kHttpStatusNotFound:
         case kHttpStatusRangeNotSatisfiable:
             return "it does not have the content";
@@ -108,7 +92,7 @@ KelString WaitingReason::Text() const {
         case Waiting::PeerUnreachable:
             return KelFormat("%S does not answer", peer);
         case Waiting::PeerRefused:
-            return KelFormat("%S refuses: %S", peer, detail);
+            return KelFormat("%S: %S", peer, detail);
         case Waiting::CutOff:
             return KelFormat("the connection to %S broke after %gu bytes", peer, bytes);
         case Waiting::ChecksumWrong:
@@ -152,11 +136,7 @@ void WaitingReason::Write(KelContainer& values) const {
 
 WaitingReason ReasonOfCall(unsigned int error, const KelString& peer) {
     if (error == kKelErrorUnreachable) return Make(Waiting::PeerUnreachable, peer);
-    const char* refusal = RefusalOf(error);
-    return Make(Waiting::PeerRefused, peer,
-                refusal != nullptr
-                    ? KelString(refusal)
-                    : KelFormat("it does not take this file (code %u); its log says why", error));
+    return Make(Waiting::PeerRefused, peer, KelErrorText(error));
 }
 
 WaitingReason ReasonOfTransfer(unsigned int result, unsigned int status, const KelString& peer,

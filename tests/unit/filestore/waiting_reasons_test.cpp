@@ -28,7 +28,7 @@ struct WaitingReasonsTest : PushTest {
 
 TEST_F(WaitingReasonsTest, FailedDownloadSaysWhyHowOftenAndWhenItIsTriedAgain) {
     for (const auto& [answer, code, message] : Table<Answer, KelString, KelString>{
-             {{401}, "peer_refused", "refuses: the agent name or HTTP password"},
+             {{401}, "peer_refused", "refused the credentials"},
              {{404}, "peer_refused", "does not have the content"},
              {{503}, "peer_refused", "HTTP status 503"},
              {{200, "", "other"}, "checksum_wrong", "has a wrong checksum (2 times)"},
@@ -161,7 +161,7 @@ TEST_F(WaitingReasonsTest, FailedAnnouncementExplainsAllFilesOfItsDeviceUntilItA
     filestore::Reasons().DeviceAnswered(device.HostAndPort() + tail);
     result = 404;
     EXPECT_THAT(Explain(kDown, second).GetContainer("Values").GetString("Message"),
-                testing::HasSubstr("older or not loaded"));
+                testing::HasSubstr("older version"));
 }
 
 }  // namespace
