@@ -64,6 +64,11 @@ class TempFile {
 
 }  // namespace
 
+bool FileIsMissing(const KelString& path) {
+    struct stat status {};
+    return ::stat(path.c_str(), &status) != 0 && (errno == ENOENT || errno == ENOTDIR);
+}
+
 bool FileExists(const KelString& path) {
     struct stat status {};
     return ::stat(path.c_str(), &status) == 0 && !S_ISDIR(status.st_mode);

@@ -18,6 +18,9 @@ inline constexpr std::string_view kTempFilePrefix = ".kel-";
 /// True when `path` exists and is no folder.
 bool FileExists(const KelString& path);
 
+/// True when nothing exists under `path`; false also when that cannot be found out now (an I/O error).
+bool FileIsMissing(const KelString& path);
+
 /// Size in bytes, -1 when the file does not exist or cannot be examined.
 std::int64_t FileGetSize64(const KelString& path);
 

@@ -66,6 +66,7 @@ void VisitValues(Offer& offer, const Visitor& visit) {
     visit(kValuePriority, offer.priority);
     visit(kValueBypass, offer.bypass);
     visit(kValueTransportMode, offer.transportMode);
+    visit(kValueRepeated, offer.repeated);
     visit(kValueMovePath, offer.movePath);
     visit(kValueCopyPath, offer.copyPath);
     visit(kValueFilePath, offer.filePath);

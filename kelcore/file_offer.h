@@ -8,8 +8,8 @@
 #include "kelcore/file_key.h"
 
 /// A file as it is offered, announced or handed over: the arguments of FileStoreReceiveFile and of the file
-/// store's events. Values that are not set, and an empty checksum, are not written, and absent ones stay unset:
-/// each message holds what its kind needs and no more.
+/// store's events. Values that are not set, and an empty checksum, are not written, and absent ones stay
+/// unset: each message holds what its kind needs and no more.
 struct FileOffer {
     FileKey key;
     std::optional<std::int64_t> size;  ///< bytes
@@ -24,6 +24,7 @@ struct FileOffer {
     std::optional<KelString> firstRelay;
     std::optional<KelContainer> devicePath;
     std::optional<KelString> transportMode;
+    std::optional<bool> repeated;  ///< after a device has lost its database: who has the file keeps it
 
     // Where the content lies on this device: one of them at most.
     std::optional<KelString> movePath;

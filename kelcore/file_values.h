@@ -23,7 +23,11 @@ inline constexpr const char* kValueSourceDevice = "SourceDevice";  // device URL
 inline constexpr const char* kValueFirstRelay = "FirstRelay";      // device URL
 inline constexpr const char* kValueDevicePath = "DevicePath";      // container: the tree of targets
 inline constexpr const char* kValueTransportMode = "TransportMode";
-inline constexpr const char* kValueDeviceGuid = "DeviceGUID";  // device URL of who asks or acknowledges
+inline constexpr const char* kValueDeviceGuid = "DeviceGUID";    // device URL of who asks or acknowledges
+inline constexpr const char* kValueRepeated = "Repeated";        // bool: offered again after a loss
+inline constexpr const char* kValueContentHeld = "ContentHeld";  // bool: there is no need to send it
+inline constexpr const char* kValueContentDamaged =
+    "ContentDamaged";  // bool: what the called device serves is of no use
 inline constexpr const char* kValueUnconnected =
     "Unconnected";  // bool: to be kept until there is a connection
 

@@ -19,11 +19,12 @@ constexpr char kInsert[] =
     "CreateTime, "
     "LastStatusChangeTime, SourceDevice, FirstRelay, FileInfo, MulticastTransferToBeStarted, "
     "MulticastAddress, "
-    "MulticastPort, MulticastBlockSize, MulticastRetryNumber, TransportMode, LastRequestTime) VALUES (%lu, "
+    "MulticastPort, MulticastBlockSize, MulticastRetryNumber, TransportMode, LastRequestTime, Repeated) "
+    "VALUES (%lu, "
     "'%Q', "
     "'%Q', '%Q', '%Q', %lu, '%Q', '%Q', '%Q', %u, %u, %u, %u, %u, %u, %lu, %lu, %lu, '%Q', '%Q', '%Q', %u, "
     "'%Q', "
-    "%u, %u, %u, '%Q', %lu)";
+    "%u, %u, %u, '%Q', %lu, %u)";
 
 constexpr char kUpdate[] =
     "UPDATE Files SET FileType = '%Q', FileLabel = '%Q', FileName = '%Q', FileChecksum = '%Q', FileSize = "
@@ -35,7 +36,7 @@ constexpr char kUpdate[] =
     "SourceDevice = '%Q', FirstRelay = '%Q', FileInfo = '%Q', MulticastTransferToBeStarted = %u, "
     "MulticastAddress "
     "= '%Q', MulticastPort = %u, MulticastBlockSize = %u, MulticastRetryNumber = %u, TransportMode = '%Q', "
-    "LastRequestTime = %lu WHERE FileId = %lu";
+    "LastRequestTime = %lu, Repeated = %u WHERE FileId = %lu";
 
 /// A number that the table holds unsigned; a size that is not known (-1) is stored as 0.
 std::uint64_t NotNegative(std::int64_t number) {
@@ -55,7 +56,7 @@ KelString InsertStatement(const FileStoreEntry& e) {
                      NotNegative(e.CreateTime), NotNegative(e.LastStatusChangeTime), e.SourceDevice,
                      e.FirstRelay, e.FileInfo, e.MulticastTransferToBeStarted, e.MulticastAddress,
                      e.MulticastPort, e.MulticastBlockSize, e.MulticastRetryNumber, e.TransportMode,
-                     NotNegative(e.LastRequestTime));
+                     NotNegative(e.LastRequestTime), e.Repeated);
 }
 
 KelString UpdateStatement(const FileStoreEntry& e) {
@@ -65,7 +66,7 @@ KelString UpdateStatement(const FileStoreEntry& e) {
                      NotNegative(e.LastStatusChangeTime), e.SourceDevice, e.FirstRelay, e.FileInfo,
                      e.MulticastTransferToBeStarted, e.MulticastAddress, e.MulticastPort,
                      e.MulticastBlockSize, e.MulticastRetryNumber, e.TransportMode,
-                     NotNegative(e.LastRequestTime), e.FileId);
+                     NotNegative(e.LastRequestTime), e.Repeated, e.FileId);
 }
 
 }  // namespace
@@ -112,6 +113,7 @@ void FileStoreEntry::Read(RowReader& row) {
     MulticastRetryNumber = row.Unsigned32();
     TransportMode = row.Text();
     LastRequestTime = row.Number();
+    Repeated = row.Flag();
 }
 
 bool FileStoreEntry::LoadFromDatabase(std::uint64_t fileId, Side side) {

@@ -28,7 +28,7 @@ class FileStoreEntry {
         "Upstream, KeepCopy, ExternalFile, Bypass, Acknowledged, Priority, TransferredBytes, CreateTime, "
         "LastStatusChangeTime, SourceDevice, FirstRelay, FileInfo, MulticastTransferToBeStarted, "
         "MulticastAddress, MulticastPort, MulticastBlockSize, MulticastRetryNumber, TransportMode, "
-        "LastRequestTime";
+        "LastRequestTime, Repeated";
 
     /// Fills the record from the columns above.
     void Read(filestore::RowReader& row);
@@ -76,4 +76,5 @@ class FileStoreEntry {
     std::uint32_t MulticastRetryNumber = 0;
     KelString TransportMode;
     std::int64_t LastRequestTime = 0;
+    bool Repeated = false;  ///< offered again after a database was lost: devices that have the file keep it
 };

@@ -233,6 +233,11 @@ std::optional<FileRows> SelectUpstreamFiles(const FileKey& key) {
     return ReadFiles(result);
 }
 
+bool HasFiles(Side side) {
+    const auto result = FileStoreGetDatabase(side).connection.Query("SELECT FileId FROM Files LIMIT 1");
+    return !result || result->GetRowCount() != 0;
+}
+
 std::optional<ListOrder> MakeListOrder(const KelString& column, const KelString& direction) {
     if (!IsEqualTo(direction, "ASC", false) && !IsEqualTo(direction, "DESC", false)) return std::nullopt;
     if (column.empty()) return ListOrder{};

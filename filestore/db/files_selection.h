@@ -70,6 +70,9 @@ std::optional<FileRows> SelectUpstreamFiles(const FileKey& key);
 
 // ---- listing
 
+/// True also when the statement failed.
+bool HasFiles(Side side);
+
 /// What a list shows of a file: a store may hold millions, so only that is read.
 struct ListedFile {
     std::uint64_t fileId = 0;

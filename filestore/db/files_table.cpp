@@ -23,6 +23,8 @@ constexpr char kFindExact[] =
     "'%Q'";
 constexpr char kFindByUrl[] = "SELECT FileId FROM Files WHERE FileURL = '%Q'";
 
+constexpr char kStatus[] = "SELECT FileStatus FROM Files WHERE FileId = %lu";
+
 constexpr char kSetStatus[] =
     "UPDATE Files SET FileStatus = '%Q', LastStatusChangeTime = %ld WHERE FileId = %lu";
 constexpr char kSetStatusAndUnicast[] =
@@ -92,16 +94,22 @@ constexpr char kRecordRequestAnswer[] =
     "'%Q' WHERE FileId = %lu AND FileStatus = '%s'";
 
 constexpr char kSetReceivingAgain[] =
-    "UPDATE Files SET FileStatus = '%s', TransportMode = '%s', FileSize = %ld, FileURL = '%Q' WHERE FileId = "
-    "%lu";
+    "UPDATE Files SET FileStatus = '%s', TransportMode = '%s', FileSize = %ld, FileURL = '%Q', Repeated = %u "
+    "WHERE FileId = %lu";
 constexpr char kHandleAgain[] =
-    "UPDATE Files SET FileStatus = '%s', LastStatusChangeTime = 0 WHERE FileId = %lu AND FileStatus IN "
+    "UPDATE Files SET FileStatus = '%s', LastStatusChangeTime = 0, Repeated = 0 WHERE FileId = %lu AND "
+    "FileStatus IN "
     "('%s', "
     "'%s', '%s')";
 constexpr char kSetSourceDevice[] = "UPDATE Files SET SourceDevice = '%Q' WHERE FileId = %lu";
 constexpr char kSetMissingSourceDevices[] = "UPDATE Files SET SourceDevice = '%Q' WHERE SourceDevice = ''";
 constexpr char kRecordSent[] =
     "UPDATE Files SET FileURL = '%Q', FileStatus = '%s', LastStatusChangeTime = 0 WHERE FileId = %lu";
+
+constexpr char kRepeatSent[] =
+    "UPDATE Files SET FileStatus = '%s', LastStatusChangeTime = 0, Repeated = 1 WHERE FileStatus IN ('%s', "
+    "'%s') "
+    "AND FileType <> '%s'";
 
 std::int64_t Now() {
     return std::time(nullptr);
@@ -158,8 +166,14 @@ bool LoadKnownFile(Side side, FileStoreEntry& entry) {
     return fileId != 0 && entry.LoadFromDatabase(fileId, side);
 }
 
+std::optional<KelString> LookUpStatus(Side side, std::uint64_t fileId) {
+    const auto result = FileStoreGetDatabase(side).connection.Query(KelFormat(kStatus, fileId));
+    if (!result) return std::nullopt;
+    return result->GetRowCount() == 0 ? KelString() : result->GetString(0, std::size_t{0});
+}
+
 KelString ReadFileStatus(Side side, std::uint64_t fileId) {
-    return FileStoreGetDatabase(side).connection.ReadString("Files", "FileStatus", "FileId", fileId);
+    return LookUpStatus(side, fileId).value_or("");
 }
 
 bool UpdateFileStatus(Side side, std::uint64_t fileId, const KelString& status, NextTry next, bool unicast) {
@@ -270,9 +284,9 @@ bool RecordRequestAnswer(std::uint64_t fileId, const RequestAnswer& answer) {
                                       kStatusToBeRequested));
 }
 
-bool SetReceivingAgain(std::uint64_t fileId, std::int64_t size, const KelString& url) {
+bool SetReceivingAgain(std::uint64_t fileId, std::int64_t size, const KelString& url, bool repeated) {
     return ChangeUpstream(
-        KelFormat(kSetReceivingAgain, kStatusReceiving, kTransportUnicast, size, url, fileId));
+        KelFormat(kSetReceivingAgain, kStatusReceiving, kTransportUnicast, size, url, repeated, fileId));
 }
 
 bool HandleAgain(std::uint64_t fileId) {
@@ -286,6 +300,11 @@ bool SetSourceDevice(Side side, std::uint64_t fileId, const KelString& deviceUrl
 
 bool SetMissingSourceDevices(const KelString& deviceUrl) {
     return ChangeUpstream(KelFormat(kSetMissingSourceDevices, deviceUrl));
+}
+
+bool RepeatSentFiles() {
+    return ChangeUpstream(
+        KelFormat(kRepeatSent, kStatusToBeUploaded, kStatusAvailable, kStatusPackedFile, kPackedFilesType));
 }
 
 bool RecordSentFiles(const KelVector<SentFile>& files) {

@@ -44,6 +44,8 @@ bool LoadKnownFile(Side side, FileStoreEntry& entry);
 
 /// The status of a row; empty when it is gone.
 KelString ReadFileStatus(Side side, std::uint64_t fileId);
+/// The same, with nothing when the statement failed.
+std::optional<KelString> LookUpStatus(Side side, std::uint64_t fileId);
 
 // ---- changing the status; each false when the statement failed
 
@@ -119,12 +121,16 @@ void MakeDueForParent();
 // ---- upstream
 
 /// A file whose content, of `size` bytes, is expected by PUT under `url` once more.
-bool SetReceivingAgain(std::uint64_t fileId, std::int64_t size, const KelString& url);
+bool SetReceivingAgain(std::uint64_t fileId, std::int64_t size, const KelString& url, bool repeated = false);
 /// A known file whose content is here, and that no worker has to move on, is handed to the consumers again.
 bool HandleAgain(std::uint64_t fileId);
 bool SetSourceDevice(Side side, std::uint64_t fileId, const KelString& deviceUrl);
 /// Files recorded while this device did not know its GUID.
 bool SetMissingSourceDevices(const KelString& deviceUrl);
+
+/// All files that have been sent are offered to the parent once more, as repeated; of packed ones the files,
+/// not the archives.
+bool RepeatSentFiles();
 
 /// A file that the send pass has taken: accepted by the parent, which gave the URL, or chosen for an archive.
 struct SentFile {

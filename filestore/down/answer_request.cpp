@@ -3,6 +3,7 @@
 #include "filestore/db/file_status.h"
 #include "filestore/db/files_table.h"
 #include "filestore/db/targets_table.h"
+#include "filestore/down/damaged_copy.h"
 #include "filestore/exchange/input_checks.h"
 #include "filestore/exchange/offer.h"
 #include "filestore/packages/package_repository.h"
@@ -26,6 +27,7 @@ constexpr std::int64_t kDueSinceRequest = 8;
 struct Request {
     FileStoreEntry file;     ///< key, information and bypass flag
     KelString deviceGuid;    ///< device URL of the requester; empty: a module of this device
+    bool isDamaged = false;  ///< the requester has fetched the file, and could not use it
     bool multicast = false;  ///< files go out by multicast now, so no URL is given
 };
 
@@ -43,6 +45,7 @@ Request ReadRequest(const KelContainer& arguments) {
     request.file.Bypass = arguments.GetBool(kValueBypass);
     request.file.FileInfo = FileInfoXml(arguments);
     request.deviceGuid = arguments.GetString(kValueDeviceGuid);
+    request.isDamaged = arguments.GetBool(kValueContentDamaged);
     int frameSize = 0;
     request.multicast = FileStore::bmTrackUsageMulticast.BandwidthIsLimited() &&
                         FileStore::bmTrackUsageMulticast.GetRate(frameSize) != 0;
@@ -211,6 +214,7 @@ unsigned int FileStore::ActionHandler_FileStoreRequestFile(KelContainer* argumen
         return kKelErrorGuidScheme;
     }
     NoteSignOfLife(request.deviceGuid);
+    if (request.isDamaged) RememberReportedDamage(request.file.Key());
     WriteAnswer(request, AnswerRequest(request), *arguments);
     return kKelOk;
 }

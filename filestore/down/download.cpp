@@ -5,9 +5,11 @@
 #include "filestore/db/file_status.h"
 #include "filestore/db/files_selection.h"
 #include "filestore/db/files_table.h"
+#include "filestore/down/damaged_copy.h"
 #include "filestore/down/download_outcome.h"
 #include "filestore/down/download_space.h"
 #include "filestore/down/pull_thread.h"
+#include "filestore/down/receive_offer.h"
 #include "filestore/down/resume_download.h"
 #include "filestore/exchange/http_transfer.h"
 #include "filestore/state/contact.h"
@@ -103,6 +105,23 @@ void LogBeginning(const FileStoreEntry& file, std::uint64_t offset) {
         FileStore::debugFileStore.Print(kBeginning, file.FileURL, offset);
 }
 
+/// A failed transfer of which the sender's copy, not the way to it, may be the reason. What an earlier
+/// attempt has left may be damaged as well: only a file that was fetched from its beginning says something.
+bool IsCopyInDoubt(const FileStoreEntry& file, unsigned int result, unsigned int status,
+                   std::uint64_t offset) {
+    switch (result) {
+        case kHttpCompleted:
+            return status == kHttpStatusNotFound || status == kHttpStatusRangeNotSatisfiable ||
+                   (status == kHttpStatusOk && offset == 0);
+        case kHttpBadAnswer:  // more bytes than announced
+            return file.FileSize != 0;
+        case kHttpCutOff:  // no byte came: the sender may be unable to read there
+            return FileGetSize64(file.FilePath) == static_cast<std::int64_t>(offset);
+        default:
+            return false;
+    }
+}
+
 }  // namespace
 
 namespace filestore {
@@ -124,6 +143,8 @@ FileStorePullThread::FileStorePullThread() : FileThreadBase("FileStore", "QueueG
 // Alternating, so that a long queue of downloads does not hold back the acknowledgements of those that are
 // done: until then the sender repeats its announcements.
 bool FileStorePullThread::DoWork() {
+    UndoFailedOffers();
+    VerifyReportedCopies([this] { return CheckCancelled(false); });
     bool worked = false;
     do {
         const int downloaded = DownloadFile();
@@ -173,9 +194,16 @@ bool FileStorePullThread::FetchByUnicast(const FileStoreEntry& file, const KelSt
     const unsigned int result = Fetch(file, sender, attempt);
     if (!IsStillWanted(file.FileId)) return RequestSpoiltContent(file);
     if (attempt.madeWay) return InterruptDownload(file);
-    const bool isWhole = attempt.status == kHttpStatusOk || attempt.status == kHttpStatusPartialContent;
-    if (result != kHttpRefused && (result != kHttpCompleted || !isWhole))
+    const bool isWhole = result == kHttpCompleted &&
+                         (attempt.status == kHttpStatusOk || attempt.status == kHttpStatusPartialContent);
+    if (isWhole && HasAnnouncedContent(file)) return FinishDownload(file);
+    if (isWhole)
+        NoteWhy(file, {.code = Waiting::ChecksumWrong, .peer = peer});
+    else if (result != kHttpRefused)
         NoteTransfer(file, ReasonOfTransfer(result, attempt.status, peer, attempt.errorText));
+    if (!CheckCancelled(false) && IsCopyInDoubt(file, result, attempt.status, attempt.offset))
+        ReportDamage(file, sender);
+    if (isWhole) return RestartDownloadLater(file);
     if (result == kHttpBadAnswer && file.FileSize == 0) {
         LogDownloadFailure(file, KelDebugLevel::Error,
                            KelFormat("PullThread: %S has no known size and does not end within %lu bytes",
@@ -194,16 +222,11 @@ bool FileStorePullThread::FetchByUnicast(const FileStoreEntry& file, const KelSt
             KelFormat("%S does not exist on the sender (HTTP status %u)", file.FileURL, attempt.status));
         return RestartDownloadLater(file);
     }
-    if (!isWhole) {
-        LogDownloadFailure(file, KelDebugLevel::Warning,
-                           KelFormat("PullThread: The request for %S was answered with HTTP status %u",
-                                     file.FileURL, attempt.status),
-                           "the sender cannot serve it now; its log says why");
-        return PostponeDownload(file.FileId);
-    }
-    if (HasAnnouncedContent(file)) return FinishDownload(file);
-    NoteWhy(file, {.code = Waiting::ChecksumWrong, .peer = peer});
-    return RestartDownloadLater(file);
+    LogDownloadFailure(file, KelDebugLevel::Warning,
+                       KelFormat("PullThread: The request for %S was answered with HTTP status %u",
+                                 file.FileURL, attempt.status),
+                       "the sender cannot serve it now; its log says why");
+    return PostponeDownload(file.FileId);
 }
 
 unsigned int FileStorePullThread::Fetch(const FileStoreEntry& file, const KelString& sender,

@@ -10,7 +10,8 @@
 /// their content and acknowledges them to the sender. Both jobs are public for tests, on any one thread.
 ///
 /// download.cpp chooses and fetches a file, resume_download.h decides where the transfer begins,
-/// download_outcome.h records what came of it, acknowledge.cpp acknowledges.
+/// download_outcome.h records what came of it, acknowledge.cpp acknowledges. damaged_copy.h has copies
+/// verified, at the sender and here, that turned out to be of no use.
 class FileStorePullThread : public FileThreadBase {
   public:
     FileStorePullThread();

@@ -2,6 +2,7 @@
 #include "filestore/db/files_table.h"
 #include "filestore/db/targets_table.h"
 #include "filestore/down/receive_offer.h"
+#include "filestore/down/repeated_offer.h"
 #include "filestore/down/target_list.h"
 #include "filestore/exchange/local_source.h"
 #include "filestore/state/device.h"
@@ -51,6 +52,7 @@ void SetAvailable(FileStoreEntry& entry, const FileStoreEntry& offered) {
     entry.Bypass = offered.Bypass;
     entry.KeepCopy = offered.KeepCopy;
     entry.Priority = offered.Priority;
+    entry.Repeated = offered.Repeated;
     entry.Acknowledged = true;
     entry.FileInfo = offered.FileInfo;
     entry.MulticastTransferToBeStarted = false;
@@ -75,25 +77,34 @@ bool Complete(const Reception& reception, FileStoreEntry& offered,
 }
 
 /// Undoes Begin, unless another thread has changed the status since. A new row that a device has requested in
-/// the meantime stays, as missing: the file is then looked for elsewhere.
-void GiveUp(const Reception& reception) {
+/// the meantime stays, as missing: the file is then looked for elsewhere. False when the database did not
+/// take it.
+bool Undo(const Reception& reception) KEL_REQUIRES(FileStore::mutexDownstream) {
     FileStoreEntry row = reception.before;
-    const KelLock lock(FileStore::mutexDownstream);
-    if (ReadFileStatus(Side::Downstream, row.FileId) != kStatusReceiving) return;
+    const auto status = LookUpStatus(Side::Downstream, row.FileId);
+    if (!status) return false;
+    if (*status != kStatusReceiving) return true;
     if (reception.isNew) {
-        if (!HasTargets(row.FileId)) {
-            DeleteFileRow(Side::Downstream, row.FileId);
-            return;
-        }
+        if (!HasTargets(row.FileId)) return DeleteFileRow(Side::Downstream, row.FileId);
         row.FileStatus = kStatusMissing;
         row.LastStatusChangeTime = 0;
     }
-    RestoreFileStatus(Side::Downstream, row);
+    if (!RestoreFileStatus(Side::Downstream, row)) return false;
     if (reception.isNew) FileStore::WakeWorker(Worker::Handler);
+    return true;
+}
+
+/// Failed receptions whose rows are still "receiving", because the database did not take that either.
+KelVector<Reception> unfinished KEL_GUARDED_BY(FileStore::mutexDownstream);
+
+void GiveUp(const Reception& reception, const LocalSource& source, const FileStoreEntry& offered) {
+    const KelLock lock(FileStore::mutexDownstream);
+    if (!Undo(reception)) unfinished.push_back(reception);
+    if (FindExactFile(Side::Downstream, offered.Key()) == 0) RemovePlaced(source, offered.FilePath);
 }
 
 /// Brings the content of an offer into the store and records it. False when that failed: nothing of the offer
-/// is left then, except perhaps its content.
+/// is left then.
 bool TakeIn(const LocalSource& source, FileStoreEntry& offered, unsigned int wakeOnLan,
             const KelContainer& devicePath) {
     Reception reception;
@@ -102,7 +113,7 @@ bool TakeIn(const LocalSource& source, FileStoreEntry& offered, unsigned int wak
     if (targets && PlaceContent(source, offered.FilePath, reception.WasAvailable()) &&
         Complete(reception, offered, *targets))
         return true;
-    GiveUp(reception);
+    GiveUp(reception, source, offered);
     return false;
 }
 
@@ -119,11 +130,34 @@ FileStoreEntry ReadOffered(const KelContainer& arguments, const Offer& offer, co
     return offered;
 }
 
+/// True when the offer is a repeated one of a file that is available here: it says nothing of the file but to
+/// whom it goes. `result` is the offer's then.
+bool IsTakenAsRepeated(const Offer& offer, const KelContainer& devicePath, unsigned int& result) {
+    FileStoreEntry known(offer.key);
+    if (!offer.repeated || !LoadKnownFile(Side::Downstream, known) || known.FileStatus != kStatusAvailable)
+        return false;
+    const auto targets = TargetsOf(offer.wakeOnLan, devicePath);
+    const KelLock lock(FileStore::mutexDownstream);
+    const bool isRecorded = targets && known.LoadFromDatabase(known.FileId, Side::Downstream) &&
+                            RepeatToDevicesBelow(known, *targets);
+    result = isRecorded ? unsigned{kKelOk} : unsigned{kKelErrorNotAvailable};
+    FileStore::WakeWorker(Worker::Notify);
+    return true;
+}
+
 }  // namespace
+
+void UndoFailedOffers() {
+    const KelLock lock(FileStore::mutexDownstream);
+    std::erase_if(unfinished, [](const Reception& reception)
+                                  KEL_REQUIRES(FileStore::mutexDownstream) { return Undo(reception); });
+}
 
 unsigned int ReceiveDownstreamLocal(KelContainer& arguments, Offer& offer) {
     LocalSource source = ReadLocalSource(arguments);
     if (!FillChecksum(source, offer.key.checksum)) return kKelErrorBadInput;
+    unsigned int result = kKelOk;
+    if (IsTakenAsRepeated(offer, arguments.GetContainer(kValueDevicePath), result)) return result;
     FileStoreEntry offered = ReadOffered(arguments, offer, source);
     const KelContainer devicePath = arguments.GetContainer(kValueDevicePath);
     FileStore::debugFileStore.Print("Receiving downstream local file %S/%S/%S\n", offer.key.type,

@@ -19,4 +19,8 @@ unsigned int ReceiveDownstreamRemote(KelContainer& arguments, Offer& offer);
 /// receives the one of the content. Copies and hashes the content, which may take minutes.
 unsigned int ReceiveDownstreamLocal(KelContainer& arguments, Offer& offer);
 
+/// Puts back the rows of failed local offers that the database refused to change when they failed. On the
+/// pull thread, at every step.
+void UndoFailedOffers();
+
 }  // namespace filestore

@@ -28,6 +28,7 @@ FileOffer FileRecordOf(const FileStoreEntry& entry) {
     record.bypass = entry.Bypass;
     record.keepCopy = static_cast<std::int32_t>(entry.KeepCopy);
     record.size = entry.FileSize;
+    if (entry.Repeated) record.repeated = true;
     return record;
 }
 

@@ -102,6 +102,13 @@ bool PlaceContent(const LocalSource& source, const KelString& destination, bool 
     return (isMove && LinkContent(source.path, destination)) || CopyContent(source, destination);
 }
 
+void RemovePlaced(const LocalSource& source, const KelString& destination) {
+    if (source.kind == LocalSource::Kind::External || !FileExists(source.path) ||
+        IsSameName(source.path, destination))
+        return;
+    DeleteFileAndFolder(destination);
+}
+
 void RemoveMovedSource(const LocalSource& source, const KelString& destination) {
     if (source.kind != LocalSource::Kind::Move || IsSameName(source.path, destination)) return;
     if (!FileDelete(source.path))

@@ -40,6 +40,11 @@ bool CheckUpstreamSize(const KelString& path, std::int64_t size);
 /// logged, when the content is not in place afterwards or has changed since its checksum was computed.
 bool PlaceContent(const LocalSource& source, const KelString& destination, bool keepExisting);
 
+/// Undoes PlaceContent when the row of the content could not be recorded. Leaves content whose source is
+/// gone: it is the only copy. The caller makes sure that no row names `destination`, and holds the mutex of
+/// its database meanwhile.
+void RemovePlaced(const LocalSource& source, const KelString& destination);
+
 /// Completes a move by removing the source; to be called once the row of its content is committed. Other
 /// sources stay.
 void RemoveMovedSource(const LocalSource& source, const KelString& destination);

@@ -70,6 +70,7 @@ Offer ReadOffer(const KelContainer& arguments) {
     offer.upstream = arguments.GetBool(kValueUpstream);
     offer.keepCopy = static_cast<unsigned int>(arguments.GetInt32(kValueKeepCopy));
     offer.bypass = arguments.GetBool(kValueBypass);
+    offer.repeated = arguments.GetBool(kValueRepeated);
     offer.wakeOnLan = arguments.GetBool(kValueWakeOnLan) ? 1 : 0;
     const std::int32_t priority = arguments.GetInt32(kValuePriority, 100);
     offer.priority = IsUrgentType(offer.key.type) ? kUrgentPriority
@@ -93,6 +94,7 @@ FileStoreEntry Offer::ToEntry() const {
     FileStoreEntry entry(key);
     entry.KeepCopy = keepCopy;
     entry.Bypass = bypass;
+    entry.Repeated = repeated;
     entry.Priority = priority;
     return entry;
 }

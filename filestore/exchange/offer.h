@@ -14,6 +14,7 @@ struct Offer {
     bool upstream = false;     ///< travels from child to parent
     bool local = false;        ///< names a path: the content is on this device already
     bool bypass = false;
+    bool repeated = false;       ///< made again after a device has lost its database
     unsigned int keepCopy = 0;   ///< bits as in FileStore::eKeepCopyMask
     unsigned int wakeOnLan = 0;  ///< 1: targets may be woken
     unsigned int priority = 100;

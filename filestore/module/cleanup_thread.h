@@ -1,13 +1,19 @@
 #pragma once
 
+#include <cstdint>
+
 #include "filestore/state/worker_loop.h"
 
-/// The worker that would remove delivered and outdated files, targets and packages. It has no work yet: a
+/// The worker that keeps the store in order. It brings back what a lost upstream database held
+/// (up/lost_store.h). Delivered and outdated files, targets and packages, which it would remove, stay: a
 /// store keeps what it has received.
 class FileStoreDeleteThread : public FileThreadBase {
   public:
     FileStoreDeleteThread() : FileThreadBase("FileStore", "QueueGap", 30) {}
 
   protected:
-    bool DoWork() override { return false; }
+    bool DoWork() override;
+
+  private:
+    std::int64_t parentAsked_ = 0;  ///< when the parent answered last, seconds since the epoch
 };

@@ -5,6 +5,7 @@
 
 #include "filestore/db/file_status.h"
 #include "filestore/db/files_selection.h"
+#include "filestore/db/information_table.h"
 #include "filestore/exchange/reason_of_file.h"
 #include "filestore/state/device.h"
 #include "filestore/state/file_store.h"
@@ -156,6 +157,8 @@ unsigned int FileStore::ActionHandler_FileStoreGetFileInfo(KelContainer* argumen
 
 unsigned int FileStore::ActionHandler_FileStoreGetDeviceUrl(KelContainer* arguments) {
     arguments->SetString("DeviceUrl", OurDeviceUrl());
+    arguments->SetString("UpstreamDatabase", DatabaseId(Side::Upstream));
+    arguments->SetString("DownstreamDatabase", DatabaseId(Side::Downstream));
     return kKelOk;
 }
 

@@ -10,6 +10,7 @@
 #include "filestore/state/waiting_reasons.h"
 #include "filestore/state/worker_loop.h"
 #include "filestore/up/callback_thread.h"
+#include "filestore/up/lost_store.h"
 #include "filestore/up/push_thread.h"
 #include "filestore/up/upload_repair.h"
 #include "kel/container.h"
@@ -117,6 +118,7 @@ unsigned int FileStore::ModuleInitialise() {
     // What an earlier run has left. Once the gate is open, offers of this run look the same.
     FileStoreRemoveLeftOvers();
     FileStoreRepairUploads();
+    NoteNewDatabase();
     ForgetUnfinishedOffers();
     FileStoreGetActionGate().Open();
     return kModuleSuccess;

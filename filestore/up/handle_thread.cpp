@@ -139,7 +139,7 @@ bool FileStoreHandleThread::HandleFile(Side side) {
 void FileStoreHandleThread::HandOver(const FileStoreEntry& entry, bool isLocal, Side side, Answers& answers) {
     FileStore::debugFileStore.Trace("HandleThread: Handling %S\n", entry.Key().Text());
     const KelString path = ContentPath(entry, side);
-    if (!FileExists(path)) {
+    if (FileIsMissing(path)) {
         FileStore::debugFileStore.Error("HandleThread: File %S is not present\n", entry.Key().Text());
         if (DeleteFileRow(side, entry.FileId)) ++rowsMovedOn_;
         return;

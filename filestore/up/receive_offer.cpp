@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "filestore/db/callback_table.h"
 #include "filestore/db/file_status.h"
 #include "filestore/db/files_table.h"
 #include "filestore/exchange/local_source.h"
@@ -9,6 +10,7 @@
 #include "filestore/state/device.h"
 #include "filestore/state/file_store.h"
 #include "filestore/state/store_layout.h"
+#include "filestore/up/upload_check.h"
 #include "filestore/up/upstream_file.h"
 #include "kel/file.h"
 #include "kel/path.h"
@@ -59,6 +61,14 @@ bool Record(const UpstreamFile& known, FileStoreEntry& entry) {
     return entry.SaveToDatabase(Side::Upstream);
 }
 
+/// Removes what an offer that failed has put at `path`, unless another device's row has got that place.
+bool GiveUp(const LocalSource& source, const FileStoreEntry& entry, const KelString& path) {
+    const KelLock lock(FileStore::mutexUpstream);
+    const auto file = FindUpstreamFile(entry.Key(), entry.SourceDevice);
+    if (file && !file->row && file->Path() == path) RemovePlaced(source, path);
+    return false;
+}
+
 /// Brings the content of an offer into the store and has it handed to the consumers. A known file keeps its
 /// content; one that is known but not here, because it is only expected or was lost, gets it. `path` receives
 /// where the content lies.
@@ -71,23 +81,28 @@ bool PlaceAndRecord(const LocalSource& source, FileStoreEntry& entry, KelString&
             const auto known = FindUpstreamFile(entry.Key(), entry.SourceDevice);
             if (!known) return false;
             path = known->HasContent() ? ContentPath(*known->row, Side::Upstream) : known->Path();
-            if (known->HasContent() || path == placed) return Record(*known, entry);
+            // An equal offer that failed meanwhile may have removed what was placed.
+            const bool isPlaced = path == placed && (entry.ExternalFile || FileExists(path));
+            if (known->HasContent() || isPlaced) return Record(*known, entry) || GiveUp(source, entry, path);
         }
-        if (!Place(source, path, entry)) return false;
+        if (!Place(source, path, entry)) return GiveUp(source, entry, path);
         placed = path;
     }
 }
 
-/// A file that was received and is still to be moved on. Receiving it again would only hold it up.
-bool IsOnItsWay(const UpstreamFile& file) {
+/// A file that was received and is still to be moved on: receiving it again would only hold it up. To a
+/// repeated offer also one that has moved on.
+bool IsReceived(const UpstreamFile& file, bool repeated) {
     if (!file.HasContent()) return false;
+    if (repeated) return file.row->FileStatus != kStatusReceiving;
     const auto statuses = {kStatusToBeHandled, kStatusToBeUploaded, kStatusToBePacked, kStatusUploading};
     return std::any_of(statuses.begin(), statuses.end(),
                        [&file](const char* status) { return file.row->FileStatus == status; });
 }
 
 /// Expects the content by PUT: under the row that the file has already, otherwise under a new one.
-unsigned int Expect(FileStoreEntry& entry) {
+/// `isReceived` says that the file is here already.
+unsigned int Expect(FileStoreEntry& entry, bool& isReceived) {
     const KelLock lock(FileStore::mutexUpstream);
     const auto known = FindUpstreamFile(entry.Key(), entry.SourceDevice);
     if (!known) return kKelErrorNotAvailable;
@@ -101,11 +116,21 @@ unsigned int Expect(FileStoreEntry& entry) {
         return kKelErrorNotAvailable;
     }
     FileStore::failures.Succeeded(kFolderFailure, "Folders of offered files can be made again");
-    const bool recorded =
-        !known->row
-            ? entry.CreateInDatabase(Side::Upstream) != 0
-            : IsOnItsWay(*known) || SetReceivingAgain(known->row->FileId, entry.FileSize, entry.FileURL);
+    isReceived = IsReceived(*known, entry.Repeated);
+    const bool recorded = isReceived || (known->row ? SetReceivingAgain(known->row->FileId, entry.FileSize,
+                                                                        entry.FileURL, entry.Repeated)
+                                                    : entry.CreateInDatabase(Side::Upstream) != 0);
     return recorded ? kKelOk : kKelErrorNotAvailable;
+}
+
+/// True when the content of a repeated offer, whose row was lost, lies in its place: it has arrived then.
+/// Reads the whole file: hold no lock.
+bool HasArrivedBefore(const FileStoreEntry& entry) {
+    if (!FileExists(entry.FilePath) || CheckUpload(entry.FileURL, entry.FilePath) != kKelOk ||
+        !EnqueueArrivedFile(entry.FileURL))
+        return false;
+    FileStore::WakeWorker(Worker::Callback);
+    return true;
 }
 
 }  // namespace
@@ -141,9 +166,11 @@ unsigned int ReceiveUpstreamRemote(KelContainer& arguments, Offer& offer) {
     entry.Upstream = true;
     entry.TransportMode = kTransportUnicast;
     entry.FileStatus = kStatusReceiving;
-    if (const unsigned int error = Expect(entry); error != kKelOk) return error;
+    bool isReceived = false;
+    if (const unsigned int error = Expect(entry, isReceived); error != kKelOk) return error;
     arguments.Clear();
     arguments.SetString(kValueFileUrl, entry.FileURL);
+    if (entry.Repeated && (isReceived || HasArrivedBefore(entry))) arguments.SetBool(kValueContentHeld, true);
     return kKelOk;
 }
 

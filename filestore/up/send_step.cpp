@@ -57,6 +57,12 @@ bool FileStorePushThread::SendRow(const FileStoreEntry& entry, const KelString& 
     KelContainer offer = FileRecordOf(entry).ToContainer();
     FileStore::debugFileStore.Detail("PushThread: Sending %S upstream\n", entry.Key().Text());
     const unsigned int error = CallDevice(parentUrl, "FileStoreReceiveFile", offer);
+    if (error == kKelOk && offer.GetBool(kValueContentHeld)) {
+        Reasons().MovedOn(Side::Upstream, entry.FileId);
+        sent.push_back({entry.FileId, kStatusAvailable, entry.FileURL});
+        reachedParent = true;
+        return true;
+    }
     const KelString url = offer.GetString(kValueFileUrl);
     if (error != kKelOk || !IsUrlPath(url)) {
         const unsigned int refusal = error != kKelOk ? error : unsigned{kKelErrorBadInput};

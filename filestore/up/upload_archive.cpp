@@ -62,7 +62,8 @@ bool OfferToStore(const KelString& path, bool bypass) {
 }  // namespace
 
 bool UploadArchive::CanPack(const FileStoreEntry& entry) {
-    return entry.FileType != kPackedFilesType && UploadArchive().HasRoomFor(entry);
+    // A device that holds the content of a repeated offer does not need it again.
+    return entry.FileType != kPackedFilesType && !entry.Repeated && UploadArchive().HasRoomFor(entry);
 }
 
 bool UploadArchive::Suits(const FileStoreEntry& entry) const {

@@ -98,7 +98,7 @@ FileStorePushThread::Outcome FileStorePushThread::UploadFile(bool& reachedParent
 
 void FileStorePushThread::UploadOrPackRow(const FileStoreEntry& entry, UploadPass& pass) {
     const KelString path = ContentPath(entry, Side::Upstream);
-    if (!FileExists(path)) {
+    if (FileIsMissing(path)) {
         FileStore::debugFileStore.Error("PushThread: File %S is not present\n", path);
         if (DeleteFileRow(Side::Upstream, entry.FileId)) ++rowsTaken_;
     } else if (entry.FileStatus == kStatusToBePacked) {

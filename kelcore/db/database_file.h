@@ -27,7 +27,7 @@ class OpenFileClaim {
     KelString realPath_;  ///< empty once moved from
 };
 
-/// Opens the database at `path`, which the caller has claimed; creates it (mode 0600) when it is missing. Its
-/// structure is checked, which reads the whole file. A damaged database is moved aside
-/// with its log and a new one is made; an error in `log` names both paths.
+/// Opens the database at `path`, which the caller has claimed; creates it (mode 0600) when it is missing. It
+/// is checked at every start. A damaged database is moved aside with its log and a new one is made; an error
+/// in `log` names both paths.
 KelResult<SqliteDatabase> OpenDatabase(const KelString& path, const KelDebug& log);

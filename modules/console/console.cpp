@@ -81,8 +81,9 @@ Console::Console()
       deviceStore_(database_),
       publications_(database_),
       directory_(Log(), deviceStore_),
-      intake_(Log(), deviceStore_, publications_),
       publisher_(Log(), directory_, publications_),
+      intake_(Log(), deviceStore_, publications_,
+              [this](const KelString& guid) { return publisher_.Repeat(guid); }),
       explainer_(directory_, publications_) {}
 
 void Console::Register(const char* handle) {
@@ -154,6 +155,10 @@ bool Console::Activate() {
         Log().Error("Failed to add alias %s, error %u; no device can fetch published files\n", kPackageAlias,
                     code);
     }
+    // All devices report themselves to a console that has lost its database.
+    KelContainer console;
+    console.SetString("ConsoleId", database_.Id());
+    CallLocal("IdentitySetConsole", console);
     return true;
 }
 

@@ -58,7 +58,7 @@ class Console : public KelModule {
     DeviceStore deviceStore_;
     PublicationStore publications_;
     DeviceDirectory directory_;
-    UpstreamIntake intake_;
     Publisher publisher_;
+    UpstreamIntake intake_;
     Explainer explainer_;
 };

@@ -3,8 +3,13 @@
 #include <algorithm>
 #include <array>
 
+#include "kel/checksum.h"
+#include "kel/format.h"
+#include "kel/text.h"
+
 namespace {
 
+constexpr std::size_t kIdBytes = 8;
 constexpr std::array kTables = {"Devices", "Publications", "PublicationTargets", "Holders"};
 
 }  // namespace
@@ -28,6 +33,21 @@ bool ConsoleDatabase::Open(const KelString& folder, const KelString& iniFile) {
         return false;
     }
     return true;
+}
+
+KelString ConsoleDatabase::Id() {
+    const auto read = [this] {
+        return Select("SELECT FieldValue FROM DatabaseInformation WHERE FieldName = 'ConsoleId'");
+    };
+    const KelLock lock(mutex_);
+    const auto known = read();
+    if (!known) return {};
+    if (known->GetRowCount() != 0) return known->GetString(0, std::size_t{0});
+    const KelString made = HexText(RandomBytes(kIdBytes));
+    return Write({KelFormat(
+               "INSERT INTO DatabaseInformation (FieldName, FieldValue) VALUES ('ConsoleId', '%S')", made)})
+               ? made
+               : KelString();
 }
 
 void ConsoleDatabase::Close() {

@@ -19,6 +19,9 @@ class ConsoleDatabase {
     /// Opens "<folder>/Console.sqlite" and brings its schema up to date; false (logged) when that fails.
     bool Open(const KelString& folder, const KelString& iniFile);
 
+    /// The identifier of the open database, made with it; empty when it cannot be read or written.
+    KelString Id();
+
     /// Waits for statements in progress.
     void Close();
 

@@ -43,16 +43,26 @@ KelResult<Device> ReadMaster() {
 bool DeviceStore::Store(const IdentityReport& report, std::int64_t now) {
     const Device& device = report.device;
     return database_.Write(
-        {KelFormat("INSERT INTO Devices "
-                   "(GUID, Name, Role, Address, ParentGuid, PathName, FirstSeen, LastSeen, ReportTime) "
-                   "VALUES ('%Q', '%Q', '%Q', '%Q', '%Q', '%Q', %gd, %gd, %gd) "
-                   "ON CONFLICT (GUID) DO UPDATE SET Name = excluded.Name, Role = excluded.Role, "
-                   "Address = excluded.Address, ParentGuid = excluded.ParentGuid, "
-                   "PathName = excluded.PathName, ReportTime = excluded.ReportTime "
-                   "WHERE excluded.ReportTime >= ReportTime",
-                   device.guid, device.name, device.role, device.address, device.parentGuid, device.pathName,
-                   now, now, std::min(report.time, now)),
+        {KelFormat(
+             "INSERT INTO Devices "
+             "(GUID, Name, Role, Address, ParentGuid, PathName, FirstSeen, LastSeen, ReportTime, StoreId) "
+             "VALUES ('%Q', '%Q', '%Q', '%Q', '%Q', '%Q', %gd, %gd, %gd, '%Q') "
+             "ON CONFLICT (GUID) DO UPDATE SET Name = excluded.Name, Role = excluded.Role, "
+             "Address = excluded.Address, ParentGuid = excluded.ParentGuid, "
+             "PathName = excluded.PathName, ReportTime = excluded.ReportTime, StoreId = excluded.StoreId "
+             "WHERE excluded.ReportTime >= ReportTime",
+             device.guid, device.name, device.role, device.address, device.parentGuid, device.pathName, now,
+             now, std::min(report.time, now), report.storeId),
          KelFormat("UPDATE Devices SET LastSeen = %gd WHERE GUID = '%Q'", now, device.guid)});
+}
+
+KelResult<bool> DeviceStore::HasLostItsStore(const IdentityReport& report, std::int64_t now) {
+    if (report.storeId.empty()) return false;
+    const auto rows = database_.Select(KelFormat(
+        "SELECT 1 FROM Devices WHERE GUID = '%Q' AND StoreId NOT IN ('', '%Q') AND ReportTime <= %gd",
+        report.device.guid, report.storeId, std::min(report.time, now)));
+    if (!rows) return KelError{kKelErrorNotAvailable, "The console's database cannot be read; see its log"};
+    return rows->GetRowCount() != 0;
 }
 
 KelResult<KelVector<Device>> DeviceStore::List() {

@@ -22,6 +22,10 @@ class DeviceStore {
     /// could not report again until that time. False when it could not be written.
     bool Store(const IdentityReport& report, std::int64_t now);
 
+    /// True when the report, which arrived at `now`, names another store database than the latest report of
+    /// the device before it. An error when the database cannot be read.
+    KelResult<bool> HasLostItsStore(const IdentityReport& report, std::int64_t now);
+
     /// All devices by GUID; an error when they cannot be read.
     KelResult<KelVector<Device>> List();
 

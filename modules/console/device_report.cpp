@@ -10,7 +10,7 @@
 
 namespace {
 
-constexpr std::uint64_t kMaxFileBytes = 1 << 20;
+constexpr std::int64_t kMaxFileBytes = 1 << 20;
 
 KelError Unusable(const char* valueName, const KelString& value) {
     return KelError{kKelErrorBadInput, KelFormat("its %s \"%S\" is unusable", valueName, value)};
@@ -81,6 +81,9 @@ KelResult<IdentityReport> ReadIdentityReport(const KelContainer& content, const 
     device.role = content.GetString("Role");
     device.parentGuid = content.GetString("ParentGuid");
     if (const KelStatus checked = CheckPlace(content, device); !checked) return checked.Error();
+    report.storeId = content.GetString("StoreId");
+    if (!report.storeId.empty() && !IsSafePathElement(report.storeId))
+        return Unusable("StoreId", report.storeId);
     report.time = content.GetInt64("Time");
     if (const KelStatus checked = CheckTime(report.time); !checked) return checked.Error();
     return report;
@@ -102,8 +105,12 @@ KelResult<DeliveryReceipt> ReadDeliveryReceipt(const KelContainer& content, cons
 }
 
 KelResult<KelContainer> ReadReportFile(const KelString& path) {
+    const std::int64_t size = FileGetSize64(path);
+    if (size > kMaxFileBytes) return KelError{kKelErrorBadInput, KelFormat("it has %gd bytes", size)};
     const auto text = FileReadText(path, kMaxFileBytes);
-    if (!text) return text.Error();
+    if (!text)
+        return KelError{text.Error().code == kKelPathNotFound ? kKelErrorBadInput : kKelErrorNotAvailable,
+                        text.Error().message};
     KelContainer content;
     if (const KelStatus loaded = content.LoadFromXML(*text); !loaded) return loaded.Error();
     return content;

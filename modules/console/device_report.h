@@ -15,6 +15,7 @@
 /// The content of an identity file: how a device describes itself.
 struct IdentityReport {
     Device device;
+    KelString storeId;      ///< of the downstream database of its file store; empty: unknown
     std::int64_t time = 0;  ///< by the device's clock, seconds since the epoch
 };
 KelResult<IdentityReport> ReadIdentityReport(const KelContainer& content, const KelString& sourceDevice);
@@ -31,5 +32,6 @@ KelResult<DeliveryReceipt> ReadDeliveryReceipt(const KelContainer& content, cons
 
 inline constexpr std::size_t kMaxReceiptMessageBytes = 1024;
 
-/// Reads such a file, a container of at most 1 MiB as XML.
+/// Reads such a file, a container of at most 1 MiB as XML. The error is kKelErrorNotAvailable when the file
+/// is there but cannot be read now.
 KelResult<KelContainer> ReadReportFile(const KelString& path);

@@ -51,6 +51,16 @@ void RemoveUnfinishedCopies(const KelString& root) {
     DirDeleteTempFiles(root + "/" + kIncoming);
 }
 
+PackageFile PlaceInPackages(const KelString& root, const KelString& label, const KelString& checksum,
+                            const KelString& name) {
+    const KelString below = KelFormat("%s/%S/%S/%S", kPackages, label, checksum, name);
+    PackageFile file;
+    file.path = root + "/" + below;
+    file.url = KelFormat("/%s/%S", kPackageAlias, below);
+    file.checksum = checksum;
+    return file;
+}
+
 KelResult<PackageFile> CopyToPackages(const KelString& root, const KelString& source, const KelString& label,
                                       const KelString& name) {
     const KelString incoming = root + "/" + kIncoming;
@@ -68,9 +78,9 @@ KelResult<PackageFile> CopyToPackages(const KelString& root, const KelString& so
     PackageFile file;
     file.size = FileGetSize64(copy);
     if (file.size < 0 || !FileMd5(copy, file.checksum)) return CannotWrite(copy);
-    const KelString below = KelFormat("%s/%S/%S/%S", kPackages, label, file.checksum, name);
-    file.path = root + "/" + below;
-    file.url = KelFormat("/%s/%S", kPackageAlias, below);
+    const std::int64_t size = file.size;
+    file = PlaceInPackages(root, label, file.checksum, name);
+    file.size = size;
     if (HoldsContent(file.path, file.checksum)) return file;
     if (!MakeFolders(root, label, file.checksum) || !FileRename(copy, file.path))
         return CannotWrite(file.path);

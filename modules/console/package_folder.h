@@ -21,6 +21,10 @@ struct PackageFile {
 KelResult<PackageFile> CopyToPackages(const KelString& root, const KelString& source, const KelString& label,
                                       const KelString& name);
 
+/// Where such a copy lies; `size` is left open.
+PackageFile PlaceInPackages(const KelString& root, const KelString& label, const KelString& checksum,
+                            const KelString& name);
+
 /// Removes the unfinished copies that a killed process left beneath `root`. Only while nothing is copied.
 void RemoveUnfinishedCopies(const KelString& root);
 

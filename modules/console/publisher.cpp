@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <ctime>
+#include <unordered_set>
 
 #include "kel/checksum.h"
 #include "kel/format.h"
@@ -95,6 +96,26 @@ KelResult<KelContainer> OfferedDevicePath(const KelVector<Device>& devices,
     return BuildDevicePath(devices, offered);
 }
 
+/// The indexes of the devices for which the file is pending and on whose way from the master the device
+/// `guid` lies, or which are it. Devices that cannot be reached now are left out.
+KelVector<std::size_t> PendingBelow(const KelVector<Device>& devices, const KelString& guid,
+                                    const KelVector<PublicationTarget>& targets) {
+    std::unordered_set<KelString> pending;
+    for (const PublicationTarget& target : targets)
+        if (target.status == "pending") pending.insert(target.guid);
+    const DeviceWays ways(devices);
+    KelVector<std::size_t> found;
+    for (std::size_t i = 0; i < devices.size(); ++i) {
+        KelVector<std::size_t> way;
+        if (!pending.contains(devices[i].guid) || !ways.FindWayUp(i, way)) continue;
+        way.push_back(0);  // the master
+        if (std::any_of(way.begin(), way.end(),
+                        [&](std::size_t device) { return devices[device].guid == guid; }))
+            found.push_back(i);
+    }
+    return found;
+}
+
 std::int32_t CountOf(const KelVector<PublicationTarget>& targets, const char* status) {
     return static_cast<std::int32_t>(std::count_if(
         targets.begin(), targets.end(), [status](const auto& target) { return target.status == status; }));
@@ -152,4 +173,41 @@ KelResult<KelContainer> Publisher::Publish(const PublicationRequest& request) {
     result.SetInt32("Pending", CountOf(*targets, "pending"));
     result.SetInt32("LeftOut", static_cast<std::int32_t>(plan->leftOut));
     return result;
+}
+
+bool Publisher::RepeatPublication(const PublicationSummary& publication, const KelVector<Device>& devices,
+                                  const KelString& guid) {
+    const auto targets = publications_.ListTargets(publication.id);
+    if (!targets) return false;
+    const auto pending = PendingBelow(devices, guid, *targets);
+    const bool isMaster = devices.front().guid == guid;
+    if (pending.empty() && !isMaster) return true;
+    FileOffer offer;
+    offer.key = publication.file;
+    const PackageFile file = PlaceInPackages(folder_, offer.key.label, offer.key.checksum, offer.key.name);
+    offer.filePath = file.path;
+    offer.url = file.url;
+    offer.upstream = false;
+    offer.priority = publication.priority;
+    offer.repeated = true;
+    if (!pending.empty()) {
+        auto devicePath = BuildDevicePath(devices, pending);
+        if (!devicePath) return false;
+        offer.devicePath = std::move(*devicePath);
+    }
+    KelContainer call = offer.ToContainer();
+    return CallLocal("FileStoreReceiveFile", call) == kKelOk;
+}
+
+bool Publisher::Repeat(const KelString& guid) {
+    log_.Warning(
+        "The file store of device %S has lost its database: what is pending there is offered again\n", guid);
+    const auto devices = directory_.Read();
+    const auto publications = publications_.List({});
+    bool isRepeated = devices && publications;
+    // The oldest first, as they were published.
+    for (std::size_t i = isRepeated ? publications->size() : 0; i-- > 0;)
+        isRepeated = RepeatPublication((*publications)[i], *devices, guid) && isRepeated;
+    if (!isRepeated) log_.Warning("Not everything could be offered again; this is tried again later\n");
+    return isRepeated;
 }

@@ -23,7 +23,15 @@ class Publisher {
     /// behind, at most the copy of the file. Calls local actions: no lock may be held.
     KelResult<KelContainer> Publish(const PublicationRequest& request);
 
+    /// Offers what is pending on the device `guid` and on the devices below it once more, because its file
+    /// store has lost its database; all publications when it is the master. False when that failed: logged.
+    /// Calls local actions: no lock may be held.
+    bool Repeat(const KelString& guid);
+
   private:
+    bool RepeatPublication(const PublicationSummary& publication, const KelVector<Device>& devices,
+                           const KelString& guid);
+
     /// The targets of a publication.
     struct Plan {
         KelString id;

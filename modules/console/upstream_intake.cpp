@@ -11,10 +11,16 @@ unsigned int UpstreamIntake::Receive(const KelContainer& file, std::int64_t now)
     const KelString source = offer.sourceDevice.value_or(KelString());
     const KelString path = offer.filePath.value_or(KelString());
     const auto content = ReadReportFile(path);
+    if (!content && content.Error().code == kKelErrorNotAvailable) {
+        log_.Warning("The file of type %S from %S is tried again later: %S\n", type, source,
+                     content.Error().message);
+        return kKelAnswerTryLater;
+    }
     const auto isWritten = !content     ? KelResult<bool>(content.Error())
                            : isIdentity ? StoreIdentity(*content, source, now)
                                         : StoreReceipt(*content, source, now);
-    // An unusable file does not improve by coming again: only a failure of the database is worth a retry.
+    // An unusable file does not improve by coming again: only a failure of disk or database is worth a
+    // retry.
     if (!isWritten) {
         log_.Warning("The file %S of type %S from %S is ignored: %S\n", path, type, source,
                      isWritten.Error().message);
@@ -28,7 +34,9 @@ KelResult<bool> UpstreamIntake::StoreIdentity(const KelContainer& content, const
     const auto report = ReadIdentityReport(content, sourceDevice);
     if (!report) return report.Error();
     log_.Detail("Device %S (%S) sent its identity\n", report->device.guid, report->device.name);
-    return devices_.Store(*report, now);
+    const auto isLost = devices_.HasLostItsStore(*report, now);
+    // Stored only then: until it is, the next report shows the loss as well.
+    return isLost && (!*isLost || onLostStore_(report->device.guid)) && devices_.Store(*report, now);
 }
 
 KelResult<bool> UpstreamIntake::StoreReceipt(const KelContainer& content, const KelString& sourceDevice,

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 
 #include "kel/container.h"
 #include "kel/debug.h"
@@ -10,13 +11,16 @@
 /// Processes the files that the devices below send to the console: identity files and receipts. Any thread.
 class UpstreamIntake {
   public:
-    UpstreamIntake(const KelDebug& log, DeviceStore& devices, PublicationStore& publications)
-        : log_(log), devices_(devices), publications_(publications) {}
+    /// `onLostStore` is called with the GUID of a device whose file store has lost its database; false when
+    /// it is to be called again.
+    UpstreamIntake(const KelDebug& log, DeviceStore& devices, PublicationStore& publications,
+                   std::function<bool(const KelString&)> onLostStore)
+        : log_(log), devices_(devices), publications_(publications), onLostStore_(std::move(onLostStore)) {}
 
     /// Processes the file that the arguments of the file store's event describe (FileType, SourceDevice,
     /// FilePath), arrived at `now` (seconds since the epoch). Results: kKelAnswerStaysHere for the console's
     /// own types, also for an unusable file, which is logged and changes nothing; kKelAnswerTryLater when the
-    /// database could not be written; 0 for any other type.
+    /// file could not be read or the database not be written; 0 for any other type.
     unsigned int Receive(const KelContainer& file, std::int64_t now);
 
   private:
@@ -28,4 +32,5 @@ class UpstreamIntake {
     const KelDebug& log_;
     DeviceStore& devices_;
     PublicationStore& publications_;
+    std::function<bool(const KelString&)> onLostStore_;
 };

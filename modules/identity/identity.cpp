@@ -7,6 +7,7 @@
 #include "kel/path.h"
 #include "kelcore/action_db.h"
 #include "kelcore/agent.h"
+#include "kelcore/call_origin.h"
 #include "kelcore/callback_db.h"
 #include "kelcore/device_name.h"
 #include "kelcore/error_codes.h"
@@ -45,6 +46,7 @@ void Identity::Register(const char* handle) {
     ActionDbRegisterAction("IdentityGetHostname ()", bind(&Identity::GetHostname), handle);
     ActionDbRegisterAction("IdentityGetValues ()", bind(&Identity::GetValues), handle);
     ActionDbRegisterAction("AgentGetIPAddress ()", bind(&Identity::GetIpAddress), handle);
+    ActionDbRegisterAction("IdentitySetConsole (string ConsoleId)", bind(&Identity::SetConsole), handle);
     ActionDbRegisterAction("IdentityValidateGUIDScheme ()", bind(&Identity::ValidateGuidScheme), handle);
 }
 
@@ -122,13 +124,15 @@ void Identity::CheckAddress() {
 
 bool Identity::ReportIdentity(std::int64_t now) {
     KelString guid;
+    KelString consoleId;
     DeviceValues values;
     {
         const KelLock lock(mutex_);
         guid = guid_;
+        consoleId = consoleId_;
         values = values_;
     }
-    return report_.SendWhenDue(guid, values, now) == IdentityReport::Outcome::Waiting;
+    return report_.SendWhenDue(guid, values, consoleId, now) == IdentityReport::Outcome::Waiting;
 }
 
 unsigned int Identity::GetGuid(KelContainer* arguments) {
@@ -163,6 +167,7 @@ unsigned int Identity::GetValues(KelContainer* arguments) {
         values.SetString("MACAddress", values_.macAddress);
         values.SetString("NetworkMask", values_.networkMask);
         values.SetBool("PreferIPAddresses", values_.preferIpAddresses);
+        if (!consoleId_.empty()) values.SetString("ConsoleId", consoleId_);
     }
     arguments->SetContainer("Values", std::move(values));
     return kKelOk;
@@ -213,6 +218,20 @@ unsigned int Identity::ValidateGuidScheme(KelContainer* arguments) {
     change.SetString("OldGUID", oldGuid);
     KelContainer results;
     CallbackDbTrigger("IdentityCallbackGUIDChange", change, results);
+    watcher_.Signal(0);  // the identity file is due at once
+    return kKelOk;
+}
+
+unsigned int Identity::SetConsole(KelContainer* arguments) {
+    const KelString consoleId = arguments->GetString("ConsoleId");
+    const bool isAllowed = ActionIsFromThisDevice(*arguments) && !consoleId.empty();
+    arguments->Clear();
+    if (!isAllowed) return kKelErrorBadInput;
+    {
+        const KelLock lock(mutex_);
+        if (consoleId == consoleId_) return kKelOk;
+        consoleId_ = consoleId;
+    }
     watcher_.Signal(0);  // the identity file is due at once
     return kKelOk;
 }

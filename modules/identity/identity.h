@@ -14,11 +14,17 @@
 ///
 /// - IdentityGetGUID -> GUID
 /// - IdentityGetHostname -> HostName
-/// - IdentityGetValues -> Values{GUID, HostName, IPAddress, MACAddress, NetworkMask, PreferIPAddresses}
+/// - IdentityGetValues -> Values{GUID, HostName, IPAddress, MACAddress, NetworkMask, PreferIPAddresses,
+///   ConsoleId}
 /// - AgentGetIPAddress -> IPAddress
 /// - IdentityValidateGUIDScheme: adopts the scheme of the parent's GUID if that is known. The relay module
 /// calls
 ///   it before it reports that the parent is in sync.
+///
+/// - IdentitySetConsole (ConsoleId): the console whose devices report to it has this identifier; for modules
+/// of
+///   this device. The identifier is part of the identity, which is therefore sent again when it changes, and
+///   of the Values above, where the devices below find it.
 ///
 /// Events: IdentityCallbackGUIDChange{GUID, OldGUID} and IdentityCallbackIPChange{NewIPAddress,
 /// OldIPAddress}, triggered without any lock held. The handlers return 0, or 18 when a new GUID could not be
@@ -51,6 +57,7 @@ class Identity : public KelModule {
     unsigned int GetValues(KelContainer* arguments);
     unsigned int GetIpAddress(KelContainer* arguments);
     unsigned int ValidateGuidScheme(KelContainer* arguments);
+    unsigned int SetConsole(KelContainer* arguments);
     bool AdoptScheme(const KelString& parentGuid, KelString& oldGuid, KelString& newGuid);
 
     KelString guidPath_;
@@ -59,6 +66,7 @@ class Identity : public KelModule {
     KelString adoptFailure_ KEL_GUARDED_BY(mutexAdopt_);  ///< last one logged
     KelMutex mutex_;                                      ///< never held across a call or a write
     KelString guid_ KEL_GUARDED_BY(mutex_);
+    KelString consoleId_ KEL_GUARDED_BY(mutex_);  ///< empty until it is known
     DeviceValues values_ KEL_GUARDED_BY(mutex_);
     KelString problem_ KEL_GUARDED_BY(mutex_);      ///< the last one logged
     IdentityReport report_;                         ///< only the watcher's thread uses it

@@ -70,7 +70,7 @@ void IdentityReport::SetFolder(const KelString& folder) {
 }
 
 IdentityReport::Outcome IdentityReport::SendWhenDue(const KelString& guid, const DeviceValues& values,
-                                                    std::int64_t now) {
+                                                    const KelString& consoleId, std::int64_t now) {
     const auto relay = ValuesOf("RelayGetValues");
     const auto http = ValuesOf("HttpProtocolGetParams");
     // Until all of these are known, the file would name a device that others cannot reach.
@@ -78,6 +78,10 @@ IdentityReport::Outcome IdentityReport::SendWhenDue(const KelString& guid, const
     if (!relay || port == 0 || values.ipAddress.empty() || !IsGuidFinal(*relay, guid))
         return Outcome::Waiting;
     KelContainer identity = IdentityOf(guid, values, *relay, port);
+    if (!consoleId.empty()) identity.SetString("ConsoleId", consoleId);
+    KelContainer store;
+    if (CallLocal("FileStoreGetDeviceUrl", store) == kKelOk && store.Has("DownstreamDatabase"))
+        identity.SetString("StoreId", store.GetString("DownstreamDatabase"));
     // A clock that was set back must not silence the device until it has caught up.
     const bool isRecent = now >= sentTime_ && now - sentTime_ < kResendSeconds;
     if (isRecent && identity == sent_) return Outcome::UpToDate;

@@ -12,9 +12,11 @@
 /// alive.
 ///
 /// The file is a container: GUID, HostName, Role, IPAddress, MACAddress, NetworkMask, ParentGuid, DeviceUrl
-/// (host:port/GUID), PathName (host:port/GUID/MAC/IP/mask) (strings), Port (int32), PreferIPAddresses (bool),
-/// Time (int64, when it was made, seconds since the epoch). Nothing is sent while the parent is out of sync
-/// or our GUID does not have its scheme yet, because the GUID will change then; a master sends at once.
+/// (host:port/GUID), PathName (host:port/GUID/MAC/IP/mask), ConsoleId,
+/// StoreId (of the downstream database) (strings), Port (int32),
+/// PreferIPAddresses (bool), Time (int64, when it was made, seconds since the epoch). Nothing is sent while
+/// the parent is out of sync or our GUID does not have its scheme yet, because the GUID will change then; a
+/// master sends at once.
 ///
 /// One thread at a time.
 class IdentityReport {
@@ -29,7 +31,8 @@ class IdentityReport {
 
     /// Sends the identity file if one is due at the time `now` (seconds since the epoch). Calls local
     /// actions: no lock may be held.
-    Outcome SendWhenDue(const KelString& guid, const DeviceValues& values, std::int64_t now);
+    Outcome SendWhenDue(const KelString& guid, const DeviceValues& values, const KelString& consoleId,
+                        std::int64_t now);
 
   private:
     Outcome Send(KelContainer identity, std::int64_t now);

@@ -45,6 +45,13 @@ KelString CallProblem(unsigned int code) {
     }
 }
 
+/// Passes on which console the devices of the tree report to, as the parent knows it.
+void SetConsole(const KelString& consoleId) {
+    KelContainer call;
+    call.SetString("ConsoleId", consoleId);
+    if (!consoleId.empty()) CallLocal("IdentitySetConsole", call);
+}
+
 }  // namespace
 
 ParentLink::ParentLink(const KelDebug& log, std::function<void()> inSync)
@@ -93,6 +100,7 @@ KelString ParentLink::AskParent(KelString& guid) {
         return CallProblem(code);
     guid = values.GetString("GUID");
     if (!IsGuid(guid)) return KelFormat("its GUID %S is malformed", guid);
+    if (guid != OurGuid()) SetConsole(values.GetString("ConsoleId"));
     if (guid == OurGuid()) return "it is this device itself; correct ParentName and ParentPort in Relay.ini";
     return {};
 }

@@ -258,6 +258,16 @@ class DownTest(FaultTest):
         tree.run(client)
         self.check_delivered(tree, [client], paths)
 
+    def test_a_copy_that_went_bad_on_a_relay_is_fetched_anew(self):
+        tree = self.tree([1])
+        (relay,), (client,), (path,) = tree.relays, tree.clients, self.files(tree)
+        client.kill()
+        self.publish(tree, [path])
+        self.check_delivered(tree, [relay], [path], 30)
+        damage(next((relay.data / "FileStore" / "downstream").rglob(path.name)), 20_000, 5)
+        tree.run(client)
+        self.check_delivered(tree, [client], [path])
+
     def test_an_acknowledgement_that_the_database_refuses_is_repeated(self):
         tree = self.tree([1], shims=["relay1"], proxies=["client11"])
         relay, client = tree.relays[0], tree.clients[0]
@@ -362,6 +372,25 @@ class DatabaseTest(FaultTest):
                 tree.run(away)
                 if way == "down":
                     self.check_delivered(tree, [client], paths)
+                else:
+                    wait_collected(tree.master, expected, RETRIED)
+
+    def test_a_lost_database_at_an_end_loses_no_file(self):
+        for way in ("down", "up"):
+            with self.subTest(way):
+                tree = self.tree([1])
+                (relay,), (client,), paths = tree.relays, tree.clients, self.files(tree, 5, 1000)
+                relay.kill()
+                if way == "down":
+                    self.publish(tree, paths)
+                    end, database = tree.master, "FileStore.sqlite"
+                else:
+                    expected = self.send(client, paths)
+                    end, database = client, "Upstream.sqlite"
+                self.lose(tree, end, "removed", end.data / "FileStore" / database)
+                tree.run(relay)
+                if way == "down":
+                    self.check_delivered(tree, tree.devices, paths)
                 else:
                     wait_collected(tree.master, expected, RETRIED)
 

@@ -24,8 +24,8 @@ TEST_F(FileQueries, EveryFieldSurvivesTheWayThroughARecordAndAnotherDatabase) {
             kDown,
             KelFormat("INSERT INTO Files VALUES (%S'it''s 7', %d, 5, %d, %d, %d, 77, 4999999999, 1700000001, "
                       "1700000002, 'it''s 8', 'it''s 9', 'it''s 10', %d, 'it''s 11', 1501, 2048, 2, "
-                      "'it''s 12', 5000000003)",
-                      numbered, flag, 1 - flag, flag, 1 - flag, flag));
+                      "'it''s 12', 5000000003, %d)",
+                      numbered, flag, 1 - flag, flag, 1 - flag, flag, flag));
         FileStoreEntry entry = OnlyRow(kDown);
         EXPECT_FALSE(entry.LoadFromDatabase(8, kDown)) << "and keeps its values";
         EXPECT_EQ(entry.CreateInDatabase(kUp), 7U);
