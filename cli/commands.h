@@ -8,8 +8,8 @@
 #include "kel/types.h"
 
 // The commands, in families: publish_commands.cpp, transfer_commands.cpp, store_commands.cpp,
-// device_commands.cpp, steering_commands.cpp, init_command.cpp; and those of their steps that have tests of
-// their own.
+// device_commands.cpp, steering_commands.cpp, init_command.cpp, why_command.cpp; and those of their steps
+// that have tests of their own.
 
 /// Runs one command: prints its results to stdout and what went wrong to stderr. An exit code of
 /// cli/options.h.
@@ -28,6 +28,16 @@ int RunCommand(const CommonOptions& common, const SettingsOptions& options);
 int RunCommand(const CommonOptions& common, const WindowsOptions& options);
 int RunCommand(const CommonOptions& common, const InboxOptions& options);
 int RunCommand(const CommonOptions& common, const CallOptions& options);
+int RunCommand(const CommonOptions& common, const WhyOptions& options);
+
+class Remote;
+
+/// Why a file waits, as one cell: the sentence, and at which device. `reason`: a target's or file's values.
+KelString ReasonText(const KelContainer& reason);
+
+/// Asks the devices of the tree why pending targets of a publication wait, and gives those under "Devices" in
+/// `devices` a container Reason. 0, or the result of the call, which was reported.
+unsigned int AddReasons(const Remote& remote, const KelString& publicationId, KelContainer& devices);
 
 /// A device's place in the tree that `devices` prints.
 struct DeviceRow {

@@ -71,7 +71,7 @@ void PrintTree(const KelContainer& answer) {
 }
 
 /// Collects what `status` prints: the values of the modules under Agent, Identity and Relay, and the numbers
-/// of files by status under Files and FilesUpstream.
+/// of files by status under Files and FilesUpstream, and under Waiting what holds files back.
 unsigned int ReadStatus(const Remote& remote, KelContainer& status) {
     static constexpr struct {
         const char* name;
@@ -91,15 +91,37 @@ unsigned int ReadStatus(const Remote& remote, KelContainer& status) {
             return result;
         status.SetContainer(upstream ? "FilesUpstream" : "Files", counts.GetContainer("Counts"));
     }
-    return kKelOk;
+    KelContainer waiting;
+    const unsigned int result = remote.Call("FileStoreGetWaiting", waiting);
+    if (result == kKelOk) status.SetContainer("Waiting", waiting.GetContainer("Values"));
+    return result;
 }
 
 KelString ParentText(const KelContainer& relay) {
     if (relay.GetString("Role") == "master") return "none";
     const KelString name = relay.GetString("ParentName");
     const KelString host = name.empty() ? relay.GetString("ParentIPAddress") : name;
-    return host + ":" + relay.GetString("ParentPort") +
-           (relay.GetBool("ParentSync") ? " (in sync)" : " (out of sync)");
+    const KelString parent = host + ":" + relay.GetString("ParentPort");
+    const KelString since = TimeText(relay.GetInt64("ParentSince"));
+    const KelString problem = relay.GetString("ParentProblem");
+    return parent + (relay.GetBool("ParentSync") ? " (in sync" : " (out of sync") +
+           (since.empty() ? "" : " since " + since) + (problem.empty() ? "" : ": " + problem) + ")";
+}
+
+/// Since when a window is closed and until when.
+KelString WindowText(const KelContainer& waiting, const KelString& name) {
+    if (!waiting.Has(name)) return "open";
+    const KelString since = TimeText(waiting.GetContainer(name).GetInt64("Since"));
+    const KelString until = TimeText(waiting.GetContainer(name).GetInt64("Until"));
+    return until.empty() ? "closed all week" : "closed since " + since + " until " + until;
+}
+
+KelString DiskText(const KelContainer& waiting) {
+    const KelString free = SizeText(waiting.GetInt64("DiskFree")) + " free";
+    if (!waiting.Has("DiskFull")) return free;
+    const KelContainer& full = waiting.GetContainer("DiskFull");
+    return free + "; full since " + TimeText(full.GetInt64("Since")) + ": " + full.GetString("WaitingFiles") +
+           " files wait, the largest needs " + SizeText(full.GetInt64("Needed"));
 }
 
 KelString QueueText(const KelContainer& counts) {
@@ -115,6 +137,7 @@ void PrintStatus(const KelContainer& status, const KelString& address) {
     const KelContainer& agent = status.GetContainer("Agent");
     const KelContainer& identity = status.GetContainer("Identity");
     const KelContainer& relay = status.GetContainer("Relay");
+    const KelContainer& waiting = status.GetContainer("Waiting");
     KelVector<std::pair<KelString, KelString>> lines = {
         {"Device", identity.GetString("HostName") + " (" + identity.GetString("GUID") + ")"},
         {"Address", address},
@@ -125,9 +148,13 @@ void PrintStatus(const KelContainer& status, const KelString& address) {
         {"Started", TimeText(agent.GetInt64("Started"))},
         {"Process", agent.GetString("Pid") + ", " + SizeText(agent.GetInt64("MemoryBytes"))},
         {"Files", QueueText(status.GetContainer("Files"))},
-        {"Files going up", QueueText(status.GetContainer("FilesUpstream"))}};
+        {"Files going up", QueueText(status.GetContainer("FilesUpstream"))},
+        {"Targets waiting", waiting.GetString("WaitingTargets")},
+        {"Window up", WindowText(waiting, "WindowUp")},
+        {"Window down", WindowText(waiting, "WindowDown")},
+        {"Disk", DiskText(waiting)}};
     for (const auto& [name, value] : lines)
-        std::printf("%-16s%s\n", name.c_str(), Printable(value).c_str());
+        std::printf("%-17s%s\n", name.c_str(), Printable(value).c_str());
 }
 
 }  // namespace

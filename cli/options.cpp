@@ -27,6 +27,7 @@ struct Parsed {
     SettingsOptions settings;
     WindowsOptions windows;
     CallOptions call;
+    WhyOptions why;
     std::optional<CommandOptions> chosen;
 };
 
@@ -99,6 +100,8 @@ void DefinePublish(CLI::App& app, Parsed& parsed) {
 
     auto* list = app.add_subcommand("publications", "What was published and who has it; on the master");
     list->add_option("ID", parsed.publications.id, "One publication, device by device");
+    list->add_flag("--no-reasons", parsed.publications.withoutReasons,
+                   "Do not ask the devices why they wait");
     list->callback([&parsed] { parsed.chosen = parsed.publications; });
 }
 
@@ -181,6 +184,14 @@ void DefineQueries(CLI::App& app, Parsed& parsed) {
     app.add_subcommand("inbox", "Files delivered to this device")->callback([&parsed] {
         parsed.chosen = InboxOptions();
     });
+    auto* why = app.add_subcommand("why", "Why a file has not arrived: asks the devices on its way");
+    why->add_option(
+           "FILE", parsed.why.what,
+           "A publication or the name of a published file, on the master; or the number in 'kel files'")
+        ->required();
+    why->add_option("DEVICE", parsed.why.device, "Only this target: its GUID, or on the master its name");
+    why->add_flag("--upstream", parsed.why.upstream, "The number is one of 'kel files --upstream'");
+    why->callback([&parsed] { parsed.chosen = parsed.why; });
     auto* files = app.add_subcommand("files", "Files in the store");
     files->add_flag("--upstream", parsed.files.upstream, "Those on their way to the master");
     files->add_option("--limit", parsed.files.limit, "Print at most so many")

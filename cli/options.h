@@ -51,6 +51,13 @@ struct PublishOptions {
 
 struct PublicationsOptions {
     KelString id;  ///< empty for all
+    bool withoutReasons = false;
+};
+
+struct WhyOptions {
+    KelString what;    ///< a publication's ID, the name of a published file, or the number of a file here
+    KelString device;  ///< GUID or name; empty for all
+    bool upstream = false;
 };
 
 struct SendOptions {
@@ -101,7 +108,7 @@ struct CallOptions {
 using CommandOptions =
     std::variant<InitOptions, StatusOptions, DevicesOptions, PublishOptions, PublicationsOptions, SendOptions,
                  CollectedOptions, RequestOptions, UploadOptions, FilesOptions, FileOptions, SettingsOptions,
-                 WindowsOptions, InboxOptions, CallOptions>;
+                 WindowsOptions, InboxOptions, CallOptions, WhyOptions>;
 
 struct Options {
     CommonOptions common;

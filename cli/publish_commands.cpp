@@ -63,19 +63,31 @@ KelVector<Column> PublishedColumns(bool withCounts) {
     return columns;
 }
 
+/// Of a target that waits, what it waits for.
+KelString MessageOrReason(const KelContainer& target) {
+    const KelString message = target.GetString("Message");
+    return message.empty() ? ReasonText(target.GetContainer("Reason")) : message;
+}
+
 /// One publication, device by device.
-int PrintDevices(const CommonOptions& common, const KelString& id) {
+int PrintDevices(const CommonOptions& common, const PublicationsOptions& options) {
     const auto remote = Remote::Open(common);
     if (!remote) return Complain(remote.Error());
     KelContainer call;
-    call.SetString("PublicationId", id);
+    call.SetString("PublicationId", options.id);
     if (const unsigned int result = remote->Call("ConsoleListPublications", call); result != kKelOk)
         return ExitCodeOf(result);
+    const bool isWaiting = call.GetContainer("Values").GetInt32("Pending") > 0;
+    unsigned int result = kKelOk;
+    if (isWaiting && !options.withoutReasons) result = AddReasons(*remote, options.id, call);
     PrintList(call, common.json,
-              {ValueColumn("NAME", "Name"), ValueColumn("GUID", "GUID"), ValueColumn("STATUS", "Status"),
-               TimeColumn("SINCE", "Time"), ValueColumn("MESSAGE", "Message")},
+              {ValueColumn("NAME", "Name"),
+               ValueColumn("GUID", "GUID"),
+               ValueColumn("STATUS", "Status"),
+               TimeColumn("SINCE", "Time"),
+               {"MESSAGE", MessageOrReason}},
               "Devices");
-    return kExitDone;
+    return ExitCodeOf(result);
 }
 
 }  // namespace
@@ -95,7 +107,7 @@ int RunCommand(const CommonOptions& common, const PublishOptions& options) {
 }
 
 int RunCommand(const CommonOptions& common, const PublicationsOptions& options) {
-    if (!options.id.empty()) return PrintDevices(common, options.id);
+    if (!options.id.empty()) return PrintDevices(common, options);
     return PrintActionList(common, "ConsoleListPublications", {},
                            {ValueColumn("PUBLICATION", "PublicationId"), ValueColumn("TYPE", kValueFileType),
                             ValueColumn("LABEL", kValueFileLabel), ValueColumn("FILE", kValueFileName),

@@ -35,6 +35,7 @@ int PrintPages(const Remote& remote, const FilesOptions& options, ListPrinter& p
         const std::uint64_t wanted = std::min(left, kPageFiles);
         KelContainer page;
         page.SetBool(kListUpstream, options.upstream);
+        page.SetBool("Reasons", true);
         page.SetInt64("Offset", static_cast<std::int64_t>(offset));
         page.SetInt64("Limit", static_cast<std::int64_t>(wanted));
         if (const unsigned int result = remote.Call("FileStoreListFiles", page); result != kKelOk)
@@ -71,7 +72,8 @@ int RunCommand(const CommonOptions& common, const FilesOptions& options) {
         ValueColumn("NAME", kValueFileName),
         {"STATUS", [](const KelContainer& item) { return FileStatusText(item.GetString(kFileStatus)); }},
         ValueColumn("HERE", "TransferredData"),
-        ValueColumn("CHECKSUM", kValueFileChecksum)};
+        ValueColumn("CHECKSUM", kValueFileChecksum),
+        {"WAITS", [](const KelContainer& item) { return ReasonText(item.GetContainer("Reason")); }}};
     ListPrinter printer(common.json, columns);
     const int exitCode = PrintPages(*remote, options, printer);
     printer.End();

@@ -53,7 +53,8 @@ constexpr char kOfKey[] =
     "'%Q'";
 
 constexpr char kListed[] =
-    "SELECT FileId, FileType, FileLabel, FileName, FileChecksum, FileStatus, FileSize, FilePath FROM Files "
+    "SELECT FileId, FileType, FileLabel, FileName, FileChecksum, FileStatus, FileSize, FilePath, "
+    "Acknowledged FROM Files "
     "WHERE "
     "FileStatus != '%s' ORDER BY %S, FileId LIMIT %u OFFSET %lu";
 /// The order of an index, which no page has to sort.
@@ -263,6 +264,7 @@ KelVector<ListedFile> SelectListedFiles(Side side, const ListOrder& order, const
         file.status = row.Text();
         file.size = row.Number();
         file.path = row.Text();
+        file.acknowledged = row.Flag();
     }
     return files;
 }

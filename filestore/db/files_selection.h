@@ -81,6 +81,7 @@ struct ListedFile {
     KelString status;
     std::int64_t size = 0;
     KelString path;
+    bool acknowledged = false;
 };
 /// Column and direction become part of the statement as they are.
 struct ListOrder {

@@ -33,6 +33,7 @@ constexpr char kOfThisDevice[] = "SELECT %s FROM Targets WHERE FileId = %lu AND 
 constexpr char kOfDevice[] = "SELECT %s FROM Targets WHERE FileId = %lu AND DeviceGUID LIKE '%Q%'";
 constexpr char kOfFile[] = "SELECT %s FROM Targets WHERE FileId = %lu";
 constexpr char kAny[] = "SELECT TargetId FROM Targets WHERE FileId = %lu LIMIT 1";
+constexpr char kCount[] = "SELECT COUNT(*) FROM Targets";
 constexpr char kLatestNotifyTime[] = "SELECT MAX(LastNotifyTime) FROM Targets WHERE DeviceGUID = '%Q'";
 constexpr char kAll[] = "SELECT %s FROM Targets";
 
@@ -145,6 +146,11 @@ std::optional<KelVector<FileStoreTarget>> FindTargets(std::uint64_t fileId) {
 bool HasTargets(std::uint64_t fileId) {
     const auto result = Database().connection.Query(KelFormat(kAny, fileId));
     return result && result->GetRowCount() != 0;
+}
+
+std::int64_t CountTargets() {
+    const auto result = Database().connection.Query(kCount);
+    return result && result->GetRowCount() != 0 ? result->GetInt64(0, std::size_t{0}) : 0;
 }
 
 std::optional<std::int64_t> LatestNotifyTime(const KelString& deviceGuid) {

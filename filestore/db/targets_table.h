@@ -68,6 +68,9 @@ std::optional<KelVector<FileStoreTarget>> FindTargets(std::uint64_t fileId);
 
 bool HasTargets(std::uint64_t fileId);
 
+/// The number of all targets; 0 also when the statement failed. Reads an index as a whole.
+std::int64_t CountTargets();
+
 /// The latest LastNotifyTime of the rows with this DeviceGUID, 0 when there are none. Nothing when the
 /// statement failed.
 std::optional<std::int64_t> LatestNotifyTime(const KelString& deviceGuid);

@@ -12,6 +12,7 @@
 #include "filestore/state/file_store.h"
 #include "filestore/state/parent.h"
 #include "filestore/state/settings.h"
+#include "filestore/state/waiting_reasons.h"
 #include "kel/text.h"
 #include "kelcore/action_db.h"
 #include "kelcore/error_codes.h"
@@ -94,12 +95,15 @@ int FileStorePullThread::AcknowledgeFile() {
     if (const unsigned int error = SendAcknowledgement(callUrl, file.Key(), ownUrl); error != kKelOk) {
         LogFailure(file, error);
         WaitForRetry(file.FileId);
+        Reasons().Note(Side::Downstream, file.FileId, WaitingStep::Acknowledge,
+                       ReasonOfCall(error, PeerName(callUrl)));
         if (file.SourceDevice.empty()) ReportParentError(error);
         return 0;
     }
     FileStore::failures.Succeeded(kFailureKey, "PullThread: The sender takes acknowledgements again");
     // Not "done" while writes fail: the acknowledgement would be resent in a tight loop.
     if (!SetAcknowledged(file.FileId)) return 0;
+    Reasons().MovedOn(Side::Downstream, file.FileId);
     FileStore::WakeWorker(Worker::Notify);
     if (file.FileType == kRuleFileType) AcknowledgeNamedPackage(file, callUrl, ownUrl);
     return 1;

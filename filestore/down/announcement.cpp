@@ -13,6 +13,7 @@
 #include "kel/text.h"
 #include "kelcore/action_db.h"
 #include "kelcore/device_name.h"
+#include "kelcore/error_codes.h"
 #include "kelcore/error_text.h"
 #include "kelcore/file_values.h"
 
@@ -114,8 +115,8 @@ bool IsValidDestination(const KelString& deviceGuid) {
     return true;
 }
 
-void WakeUpTarget(const FileStoreTarget& target, unsigned int error) {
-    if (target.WakeUpDevice != 1) return;
+bool WakeUpTarget(const FileStoreTarget& target, unsigned int error) {
+    if (target.WakeUpDevice != 1) return false;
     if (FileStore::failures.Failed(
             KelDebugLevel::Error, "wake " + target.DeviceGUID,
             KelFormat("NotifyThread: Failed to call %S, error %u", target.DeviceGUID, error)))
@@ -123,13 +124,13 @@ void WakeUpTarget(const FileStoreTarget& target, unsigned int error) {
                                           target.DeviceGUID, KelErrorText(error));
     if (!ActionDbIsActionRegistered("WakeOnLanWakeUp")) {
         FileStore::debugFileStore.Trace("NotifyThread: Will not use WakeOnLan, not running\n");
-        return;
+        return false;
     }
     const auto device = SplitDevicePathName(target.DeviceGUID);
     if (!device) {
         FileStore::debugFileStore.Trace("NotifyThread: Cannot use WakeOnLan, bad format (%S)\n",
                                         target.DeviceGUID);
-        return;
+        return false;
     }
     KelContainer call;
     call.SetInt32("WakeOnLanNumberOfRetry", 1);
@@ -137,7 +138,7 @@ void WakeUpTarget(const FileStoreTarget& target, unsigned int error) {
     call.SetString("WakeOnLanDeviceIPAddr", device->ipAddress);
     call.SetString("WakeOnLanDeviceNetworkMask", device->networkMask);
     call.SetString("WakeOnLanDeviceMACAddr", device->macAddress);
-    CallLocal("WakeOnLanWakeUp", call);
+    return CallLocal("WakeOnLanWakeUp", call) == kKelOk;
 }
 
 }  // namespace filestore

@@ -28,7 +28,7 @@ KelString AnnouncedUrl(const FileStoreEntry& file);
 bool IsValidDestination(const KelString& deviceGuid);
 
 /// Asks the Wake-on-LAN module to wake a target that could not be called and may be woken; `error` is the
-/// result of the call.
-void WakeUpTarget(const FileStoreTarget& target, unsigned int error);
+/// result of the call. True when it has been asked.
+bool WakeUpTarget(const FileStoreTarget& target, unsigned int error);
 
 }  // namespace filestore

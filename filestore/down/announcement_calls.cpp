@@ -5,6 +5,7 @@
 
 #include "filestore/down/announcement.h"
 #include "filestore/state/file_store.h"
+#include "filestore/state/waiting_reasons.h"
 #include "kelcore/action_db.h"
 #include "kelcore/error_codes.h"
 
@@ -36,6 +37,13 @@ unsigned int AnnounceTo(const FileTarget& row) {
                                    kCallTimeout, nullptr);
 }
 
+void NoteCall(const FileStoreTarget& target, unsigned int error) {
+    if (error == kKelOk) return Reasons().DeviceAnswered(target.DeviceGUID);
+    WaitingReason reason = ReasonOfCall(error, PeerName(target.DeviceGUID));
+    if (WakeUpTarget(target, error)) reason.code = Waiting::WakeUpSent;
+    Reasons().NoteDevice(target.DeviceGUID, std::move(reason));
+}
+
 AnnouncementCalls::Begun AnnouncementCalls::Begin(KelVector<FileTarget> rows) {
     const KelString device = rows.front().target.DeviceGUID;
     const bool isSuspect = silent_.contains(device);
@@ -60,7 +68,7 @@ AnnouncementCalls::Begun AnnouncementCalls::Begin(KelVector<FileTarget> rows) {
 void AnnouncementCalls::Run(Call& call, const KelVector<FileTarget>& rows) {
     AnnouncementOutcome outcome;
     unsigned int error = kKelOk;
-    bool isWoken = false;
+    const FileStoreTarget* woken = nullptr;
     for (const FileTarget& row : rows) {
         if (error == kKelOk) error = AnnounceTo(row);
         if (error == kKelOk) {
@@ -68,9 +76,9 @@ void AnnouncementCalls::Run(Call& call, const KelVector<FileTarget>& rows) {
             continue;
         }
         outcome.failed.Add(row.target.TargetId);
-        if (!isWoken) WakeUpTarget(row.target, error);
-        isWoken = isWoken || row.target.WakeUpDevice == 1;
+        if (woken == nullptr && row.target.WakeUpDevice == 1) woken = &row.target;
     }
+    NoteCall(woken != nullptr ? *woken : rows.front().target, error);
     if (error != kKelOk) outcome.failedDevices.push_back(call.device);
     bool isCollected = false;
     {

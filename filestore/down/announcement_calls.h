@@ -69,6 +69,10 @@ class AnnouncementCalls {
     std::set<KelString> silent_;  ///< devices that did not answer last time; the notify thread's own
 };
 
+/// Notes for the reasons of waiting what calling the device of `target` has come to, and has it woken when it
+/// may be. Any thread.
+void NoteCall(const FileStoreTarget& target, unsigned int error);
+
 /// Announces one file to the device of its row. 0 or the error of the call. Any thread; network.
 unsigned int AnnounceTo(const FileTarget& row);
 

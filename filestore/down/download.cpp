@@ -1,4 +1,6 @@
+#include <algorithm>
 #include <chrono>
+#include <utility>
 
 #include "filestore/db/file_status.h"
 #include "filestore/db/files_selection.h"
@@ -14,7 +16,10 @@
 #include "filestore/state/file_store.h"
 #include "filestore/state/parent.h"
 #include "filestore/state/settings.h"
+#include "filestore/state/waiting_reasons.h"
+#include "kel/directory.h"
 #include "kel/file.h"
+#include "kel/format.h"
 #include "kel/path.h"
 #include "kelcore/action_db.h"
 #include "kelcore/file_values.h"
@@ -62,6 +67,23 @@ class UrgentFileWatch {
     std::chrono::steady_clock::time_point nextLook_ =
         std::chrono::steady_clock::now() + std::chrono::seconds(1);
 };
+
+void NoteWhy(const FileStoreEntry& file, WaitingReason reason) {
+    Reasons().Note(Side::Downstream, file.FileId, WaitingStep::Download, std::move(reason));
+}
+
+/// Adds what is here, and what a full disk lacks.
+void NoteTransfer(const FileStoreEntry& file, WaitingReason reason) {
+    const auto present = static_cast<std::uint64_t>(std::max<std::int64_t>(FileGetSize64(file.FilePath), 0));
+    const auto size = static_cast<std::uint64_t>(std::max<std::int64_t>(file.FileSize, 0));
+    reason.bytes = present;
+    reason.whole = size;
+    if (reason.code == Waiting::DiskFull) {
+        DiskFree(FileStore::strStorageLocationToUse, reason.bytes);
+        reason.whole = size - std::min(size, present);
+    }
+    NoteWhy(file, std::move(reason));
+}
 
 /// Hands the file over to the HTTP module, which receives the datagrams, writes the content to LocalPath and
 /// reports the end to multicast_reception.h. True when that is recorded.
@@ -150,6 +172,9 @@ int FileStorePullThread::DownloadFile() {
             file, KelDebugLevel::Error,
             KelFormat("PullThread: Cannot create the folder %S: check space and permissions", folder),
             "it has no folder");
+        NoteWhy(file, {.code = Waiting::LocalFailure,
+                       .detail = KelFormat("the folder %S cannot be created: check space and permissions",
+                                           folder)});
         return PostponeDownload(file.FileId) ? 1 : 0;
     }
     // Before the transfer: otherwise it would be repeated in a tight loop while writes fail.
@@ -167,6 +192,7 @@ int FileStorePullThread::DownloadFile() {
 
 bool FileStorePullThread::FetchByUnicast(const FileStoreEntry& file, const KelString& sender,
                                          Attempt& attempt) {
+    const KelString peer = PeerName(sender);
     const DownloadStart start = PrepareResume(file, attempt.largest);
     if (start.isComplete) return FinishCompleteDownload(file);
     attempt.offset = start.offset;
@@ -176,6 +202,10 @@ bool FileStorePullThread::FetchByUnicast(const FileStoreEntry& file, const KelSt
     const bool isWhole = result == kHttpCompleted &&
                          (attempt.status == kHttpStatusOk || attempt.status == kHttpStatusPartialContent);
     if (isWhole && HasAnnouncedContent(file)) return FinishDownload(file);
+    if (isWhole)
+        NoteWhy(file, {.code = Waiting::ChecksumWrong, .peer = peer});
+    else if (result != kHttpRefused)
+        NoteTransfer(file, ReasonOfTransfer(result, attempt.status, peer, attempt.errorText));
     if (!CheckCancelled(false) && IsCopyInDoubt(file, result, attempt.status, attempt.offset))
         ReportDamage(file, sender);
     if (isWhole) return RestartDownloadLater(file);
@@ -220,6 +250,7 @@ unsigned int FileStorePullThread::Fetch(const FileStoreEntry& file, const KelStr
     answer.SetExpectedSize(static_cast<std::uint64_t>(file.FileSize));
     answer.SetSizeLimit(attempt.largest);
     LogBeginning(file, attempt.offset);
+    const TransferMark mark(Side::Downstream, file.FileId, attempt.offset);
     const unsigned int result = transfer.Run(request, answer, file.Bypass);
     FileStore::debugFileStore.Detail("PullThread: Download from %S returned %u\n", file.FileURL, result);
     attempt.errorText = transfer.GetErrorText();

@@ -4,6 +4,7 @@
 #include "filestore/db/files_table.h"
 #include "filestore/state/file_store.h"
 #include "filestore/state/store_layout.h"
+#include "filestore/state/waiting_reasons.h"
 #include "kel/checksum.h"
 #include "kel/file.h"
 #include "kel/format.h"
@@ -89,6 +90,7 @@ bool RestartDownloadLater(const FileStoreEntry& file) {
 }
 
 bool FinishDownload(const FileStoreEntry& file) {
+    Reasons().MovedOn(Side::Downstream, file.FileId);
     FileStore::failures.Succeeded(FailureKey(file),
                                   KelFormat("PullThread: %S was downloaded", file.Key().Text()));
     return SetDownloaded(file.FileId, static_cast<std::uint64_t>(FileGetSize64(file.FilePath)));

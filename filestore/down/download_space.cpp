@@ -5,6 +5,7 @@
 #include "filestore/db/file_status.h"
 #include "filestore/down/download_outcome.h"
 #include "filestore/state/file_store.h"
+#include "filestore/state/waiting_reasons.h"
 #include "kel/directory.h"
 #include "kel/file.h"
 
@@ -38,6 +39,8 @@ Space TooLittle(const FileStoreEntry& file, std::uint64_t available, std::uint64
                   "available. %gu bytes needed.",
                   file.FileName, available, needed),
         "make room in " + FileStore::strStorageLocationToUse);
+    Reasons().Note(Side::Downstream, file.FileId, WaitingStep::Download,
+                   {.code = Waiting::DiskFull, .bytes = available, .whole = needed});
     return Space::TooLittle;
 }
 

@@ -81,13 +81,13 @@ bool CheckDestination(const FileTarget& row, AnnouncementOutcome& outcome) {
 void NotifyRemote(const FileTarget& row, AnnouncementOutcome& outcome) {
     if (!CheckDestination(row, outcome)) return;
     const unsigned int error = AnnounceTo(row);
+    NoteCall(row.target, error);
     if (error == kKelOk) {
         outcome.announced.Add(row.target.TargetId);
         return;
     }
     outcome.failed.Add(row.target.TargetId);
     outcome.failedDevices.push_back(row.target.DeviceGUID);
-    WakeUpTarget(row.target, error);
 }
 
 /// The rows by device, in the order in which the devices come first; rows that can never be announced go to

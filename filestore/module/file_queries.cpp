@@ -1,9 +1,12 @@
 #include <algorithm>
 #include <limits>
+#include <optional>
+#include <utility>
 
 #include "filestore/db/file_status.h"
 #include "filestore/db/files_selection.h"
 #include "filestore/db/information_table.h"
+#include "filestore/exchange/reason_of_file.h"
 #include "filestore/state/device.h"
 #include "filestore/state/file_store.h"
 #include "filestore/state/store_layout.h"
@@ -78,6 +81,19 @@ KelContainer ListValues(const ListedFile& file) {
     return values;
 }
 
+/// Only a few of the files of a store wait: for these the whole row is read.
+void AddReason(const ListedFile& file, Side side, const Circumstances& circumstances, KelContainer& values) {
+    const bool isDone = file.status == kStatusPackedFile ||
+                        (file.status == kStatusAvailable && (side == Side::Upstream || file.acknowledged));
+    FileStoreEntry entry;
+    if (isDone || !entry.LoadFromDatabase(file.fileId, side)) return;
+    const auto reason = ReasonOfFile(entry, side, circumstances);
+    if (!reason) return;
+    KelContainer written;
+    reason->Write(written);
+    values.SetContainer("Reason", std::move(written));
+}
+
 KelContainer DetailValues(const FileStoreEntry& entry) {
     KelContainer values;
     values.SetInt32("FileId", static_cast<std::int32_t>(entry.FileId));
@@ -120,8 +136,13 @@ unsigned int FileStore::ActionHandler_FileStoreListFiles(KelContainer* arguments
     WriteCounts(side, countsOnly, *arguments);
     if (countsOnly || range->limit == 0) return kKelOk;
     const KelVector<ListedFile> files = SelectListedFiles(side, *order, *range);
-    for (std::size_t i = 0; i < files.size(); ++i)
-        arguments->SetContainer("Values", ListValues(files[i]), static_cast<std::uint32_t>(i));
+    std::optional<Circumstances> circumstances;
+    if (arguments->GetBool("Reasons")) circumstances = Circumstances::Now();
+    for (std::size_t i = 0; i < files.size(); ++i) {
+        KelContainer values = ListValues(files[i]);
+        if (circumstances) AddReason(files[i], side, *circumstances, values);
+        arguments->SetContainer("Values", std::move(values), static_cast<std::uint32_t>(i));
+    }
     return kKelOk;
 }
 

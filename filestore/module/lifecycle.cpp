@@ -7,6 +7,7 @@
 #include "filestore/state/file_store.h"
 #include "filestore/state/parent.h"
 #include "filestore/state/settings.h"
+#include "filestore/state/waiting_reasons.h"
 #include "filestore/state/worker_loop.h"
 #include "filestore/up/callback_thread.h"
 #include "filestore/up/lost_store.h"
@@ -110,6 +111,7 @@ unsigned int FileStore::ModuleInitialise() {
         return kModuleFailure;
     }
     ReadSettings();
+    Reasons().Clear();
     threadPush.InitCurrentTimeout();
     strStorageLocationToUse = GetFileStorageDirectory();
     ChangeFileStoragePath();

@@ -17,28 +17,12 @@ using namespace filestore;
 
 namespace {
 
-/// The parent's name as it is configured, whether or not it can be reached now.
-KelString ParentName() {
-    Parent parent;
-    ReadParent(parent);
-    return parent.name;
-}
-
-bool IsTrusted(const IpAddress& address) {
-    const KelLock lock(FileStore::mutexSettings);
-    return !FileStore::strTrustedAddressRange.empty() && FileStore::TrustedIpRange.Contains(address);
-}
-
 /// Only the parent may send files down, and the addresses that the administrator trusts. Self-healing files
 /// come from any neighbour that has a good copy.
 bool IsSenderAccepted(const KelContainer& arguments, const Offer& offer) {
     if (offer.local || offer.upstream || offer.key.type == "SelfHealingRecoveredFile") return true;
     const KelString address = ActionRequestAddress(arguments);
-    if (const auto sender = IpAddress::Parse(address)) {
-        const KelString parentName = ParentName();
-        if (!parentName.empty() && IpAddress::Resolve(parentName) == sender) return true;
-        if (IsTrusted(*sender)) return true;
-    }
+    if (MaySendDown(address)) return true;
     FileStore::debugFileStore.Warning(
         "Receiving downstream remote file from a relay (%S) which is not ours.\n", address);
     return false;

@@ -45,6 +45,10 @@ constexpr std::array kActions = {
     Action{"FileStoreListFiles ()", &FileStore::ActionHandler_FileStoreListFiles},
     Action{"FileStoreGetFileInfo (string strFileType, string strFileName, string strChecksum)",
            &FileStore::ActionHandler_FileStoreGetFileInfo},
+    Action{"FileStoreExplainFile (string FileType, string FileLabel, string FileName, string FileChecksum, "
+           "container DevicePath, string GUID)",
+           &FileStore::ActionHandler_FileStoreExplainFile},
+    Action{"FileStoreGetWaiting ()", &FileStore::ActionHandler_FileStoreGetWaiting},
     Action{"FileStoreGetDeviceUrl ()", &FileStore::ActionHandler_FileStoreGetDeviceUrl},
     Action{"FileStoreGetMulticastStatus ()", &FileStore::ActionHandler_FileStoreGetMulticastStatus},
     Action{"FileStoreGetMulticastDetails ()", &FileStore::ActionHandler_FileStoreGetMulticastDetails},

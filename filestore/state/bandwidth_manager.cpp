@@ -23,6 +23,18 @@ enum SlotType : int {
     kPerThousand = 8,
 };
 
+constexpr std::int64_t kSecondsPerHour = 3600;
+
+std::tm TimeParts(std::int64_t time, bool utc) {
+    const std::time_t seconds = time;
+    std::tm parts{};
+    if (utc)
+        gmtime_r(&seconds, &parts);
+    else
+        localtime_r(&seconds, &parts);
+    return parts;
+}
+
 bool HoldsSlots(int type) {
     return (type >= 1 && type <= 3) || type == kPercent || type == kPerThousand;
 }
@@ -53,12 +65,7 @@ std::uint64_t Convert(std::uint64_t number, int type) {
 }  // namespace
 
 std::size_t FileStoreBandwidthManager::SlotIndex(std::int64_t time, bool utc) {
-    const std::time_t seconds = time;
-    std::tm parts{};
-    if (utc)
-        gmtime_r(&seconds, &parts);
-    else
-        localtime_r(&seconds, &parts);
+    const std::tm parts = TimeParts(time, utc);
     const int weekday = parts.tm_wday % 7;
     const int day = (weekday == 0 ? 7 : weekday) - 1;
     return static_cast<std::size_t>(day * 24 + parts.tm_hour);
@@ -162,6 +169,25 @@ void FileStoreBandwidthManager::CancelAllTransfers() {
 bool FileStoreBandwidthManager::TransfersAreDisabled() {
     int frameSize = 0;
     return BandwidthIsLimited() && GetRate(frameSize) == 0;
+}
+
+std::optional<FileStoreBandwidthManager::ClosedSpan> FileStoreBandwidthManager::GetClosedSpan(
+    std::int64_t now) const {
+    const auto isClosed = [this](std::int64_t time) {
+        return ulSlotRate_[SlotIndex(time, fUseUTCTime_)] == 0;
+    };
+    if (!fWindowDefined_ || !isClosed(now)) return std::nullopt;
+    ClosedSpan span;
+    // The offset of local time from UTC may hold minutes.
+    const std::tm parts = TimeParts(now, fUseUTCTime_);
+    const std::int64_t hour = now - parts.tm_min * 60 - parts.tm_sec;
+    for (std::size_t i = 1; i < kSlotCount && span.until == 0; ++i)
+        if (const auto time = hour + static_cast<std::int64_t>(i) * kSecondsPerHour; !isClosed(time))
+            span.until = time;
+    for (std::size_t i = 1; i < kSlotCount && span.since == 0; ++i)
+        if (const auto time = hour - static_cast<std::int64_t>(i) * kSecondsPerHour; !isClosed(time))
+            span.since = time + kSecondsPerHour;
+    return span;
 }
 
 void FileStoreBandwidthManager::ShareRates() {

@@ -3,6 +3,7 @@
 #include <array>
 #include <atomic>
 #include <cstdint>
+#include <optional>
 
 #include "kel/container.h"
 #include "kel/mutex.h"
@@ -51,6 +52,14 @@ class FileStoreBandwidthManager : public HttpBandwidthManager {
 
     /// True when a window is in force whose rate is 0 now: only bypass files may move.
     bool TransfersAreDisabled();
+
+    /// The closed hours around `now`; 0: the window is closed all week.
+    struct ClosedSpan {
+        std::int64_t since = 0;  ///< seconds since the epoch, as is the next
+        std::int64_t until = 0;
+    };
+    /// Nothing while TransfersAreDisabled is false.
+    std::optional<ClosedSpan> GetClosedSpan(std::int64_t now) const;
 
     /// The slot of `time` (seconds since the epoch) in UTC or in local time.
     static std::size_t SlotIndex(std::int64_t time, bool utc);

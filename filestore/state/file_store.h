@@ -146,8 +146,8 @@ class FileStore {
 
     // ---- action handlers; on any thread, concurrently
     static unsigned int ActionHandler_FileStoreGetValues(KelContainer* arguments);
-    /// Changes all values or, when one is unusable (1, Message says which), none. Notes[i]: what was raised or
-    /// lowered into its bounds, and names that are unknown.
+    /// Changes all values or, when one is unusable (1, Message says which), none. Notes[i]: what was raised
+    /// or lowered into its bounds, and names that are unknown.
     static unsigned int ActionHandler_FileStoreSetValues(KelContainer* arguments);
     static unsigned int ActionHandler_FileStoreRequestFile(KelContainer* arguments);
     static unsigned int ActionHandler_FileStoreRequestFileSize(KelContainer* arguments);
@@ -163,6 +163,10 @@ class FileStore {
     static unsigned int ActionHandler_FileStoreTransferWindowCallback(KelContainer* arguments);
     static unsigned int ActionHandler_FileStoreListFiles(KelContainer* arguments);
     static unsigned int ActionHandler_FileStoreGetFileInfo(KelContainer* arguments);
+    /// Why a file waits here and on the way to its targets (module/explain_action.cpp).
+    static unsigned int ActionHandler_FileStoreExplainFile(KelContainer* arguments);
+    /// What holds files back on this device as a whole: closed windows, a full disk, targets that wait.
+    static unsigned int ActionHandler_FileStoreGetWaiting(KelContainer* arguments);
     static unsigned int ActionHandler_FileStoreGetDeviceUrl(KelContainer* arguments);
     static unsigned int ActionHandler_FileStoreGetMulticastStatus(KelContainer* arguments);
     static unsigned int ActionHandler_FileStoreGetMulticastDetails(KelContainer* arguments);

@@ -37,7 +37,20 @@ bool ReadParent(Parent& parent) {
     parent.guid = values.GetString("ParentGuid");
     parent.port = static_cast<std::uint32_t>(values.GetInt32("ParentPort", -1));
     parent.isInSync = values.GetBool("ParentSync");
+    parent.problem = values.GetString("ParentProblem");
+    parent.since = values.GetInt64("ParentSince");
+    parent.nextCheck = values.GetInt64("ParentNextCheck");
     return true;
+}
+
+bool MaySendDown(const KelString& address) {
+    const auto sender = IpAddress::Parse(address);
+    if (!sender) return false;
+    Parent parent;
+    ReadParent(parent);  // its name is known whether or not it can be reached now
+    if (!parent.name.empty() && IpAddress::Resolve(parent.name) == sender) return true;
+    const KelLock lock(FileStore::mutexSettings);
+    return !FileStore::strTrustedAddressRange.empty() && FileStore::TrustedIpRange.Contains(*sender);
 }
 
 KelString SenderUrl(const KelString& sourceDevice) {

@@ -12,7 +12,10 @@ struct Parent {
     KelString address;  ///< the name where no address is known
     KelString guid;
     std::uint32_t port = 0;
-    bool isInSync = false;  ///< it has answered lately
+    bool isInSync = false;       ///< it has answered lately
+    KelString problem;           ///< why not, when that is known
+    std::int64_t since = 0;      ///< of isInSync, seconds since the epoch; 0: not known
+    std::int64_t nextCheck = 0;  ///< when it is called again; the same unit
 
     /// True when it can be called: in sync and with a name or an address.
     bool IsKnown() const { return isInSync && !(name.empty() && address.empty()); }
@@ -25,6 +28,10 @@ struct Parent {
 
 /// Asks the relay module; false when that fails. The one place that reads the parent's values.
 bool ReadParent(Parent& parent);
+
+/// True for the address of the parent, as its name is configured, and for those that the administrator
+/// trusts. May ask the name server.
+bool MaySendDown(const KelString& address);
 
 /// Where the sender of a file is called: the device that its row names, else the parent; empty while unknown.
 KelString SenderUrl(const KelString& sourceDevice);

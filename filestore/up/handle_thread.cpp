@@ -9,6 +9,7 @@
 #include "filestore/packages/managed_relay_package.h"
 #include "filestore/state/file_store.h"
 #include "filestore/state/store_layout.h"
+#include "filestore/state/waiting_reasons.h"
 #include "filestore/up/upload_policy.h"
 #include "kel/file.h"
 #include "kelcore/action_db.h"
@@ -24,6 +25,14 @@ constexpr unsigned int kBatchSize = 50;
 const char* CallbackOf(bool isLocal, Side side) {
     if (side == Side::Upstream) return "FileStoreCallbackCopyUpstream";
     return isLocal ? "FileStoreCallbackReceivedFile" : "FileStoreCallbackCopyDownstream";
+}
+
+/// The action of the consumer that gave this answer.
+KelString FirstWithAnswer(const KelContainer& results, unsigned int code) {
+    for (std::size_t i = 0; i < results.GetNameCount(); ++i)
+        if (static_cast<unsigned int>(results.GetInt32(results.GetName(i), -1)) == code)
+            return results.GetName(i);
+    return {};
 }
 
 KelContainer RequestFor(const FileStoreEntry& missing) {
@@ -140,9 +149,15 @@ void FileStoreHandleThread::HandOver(const FileStoreEntry& entry, bool isLocal, 
     KelContainer results;
     CallbackDbTrigger(CallbackOf(isLocal, side), description.ToContainer(), results);
     if (FileStore::CheckHandlerResult(results, kKelAnswerTryLater)) {
+        Reasons().Note(
+            side, entry.FileId, WaitingStep::Handle,
+            {.code = Waiting::ConsumerLater, .detail = FirstWithAnswer(results, kKelAnswerTryLater)});
         answers.retry.Add(entry.FileId);
         answers.putOff.push_back(entry.FileId);
-    } else if (FileStore::CheckHandlerResult(results, kKelAnswerStaysHere) || side == Side::Downstream) {
+        return;
+    }
+    Reasons().MovedOn(side, entry.FileId);
+    if (FileStore::CheckHandlerResult(results, kKelAnswerStaysHere) || side == Side::Downstream) {
         answers.available.Add(entry.FileId);
     } else {
         answers.upload.Add(entry.FileId);

@@ -7,6 +7,7 @@
 #include "filestore/state/device.h"
 #include "filestore/state/file_store.h"
 #include "filestore/state/settings.h"
+#include "filestore/state/waiting_reasons.h"
 #include "filestore/up/push_thread.h"
 #include "filestore/up/upload_policy.h"
 #include "kelcore/action_db.h"
@@ -102,10 +103,15 @@ FileStorePushThread::Outcome FileStorePushThread::RequestFile(bool& reachedParen
                 "PushThread: The parent was not asked for %S: %S; tried again\n", file.Key().Text(),
                 KelErrorText(error));
         PostponeRequest(file.FileId);
+        Reasons().Note(Side::Downstream, file.FileId, WaitingStep::Request,
+                       ReasonOfCall(error, PeerName(parentUrl)));
         ReportParentError(error);
         return Outcome::Failed;
     }
     reachedParent = true;
+    if (UrlOf(call).empty())
+        Reasons().Note(Side::Downstream, file.FileId, WaitingStep::Request,
+                       {.code = Waiting::ParentLacksFile, .peer = PeerName(parentUrl)});
     FileStore::failures.Succeeded(kRequestAction, "PushThread: The parent takes requests again");
     FileStore::debugFileStore.Detail("PushThread: Request upstream returned %u, URL %S\n", error,
                                      call.GetString(kValueFileUrl));

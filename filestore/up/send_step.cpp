@@ -5,6 +5,7 @@
 #include "filestore/state/contact.h"
 #include "filestore/state/device.h"
 #include "filestore/state/file_store.h"
+#include "filestore/state/waiting_reasons.h"
 #include "filestore/up/push_thread.h"
 #include "filestore/up/upload_policy.h"
 #include "kelcore/action_db.h"
@@ -56,14 +57,20 @@ bool FileStorePushThread::SendRow(const FileStoreEntry& entry, const KelString& 
     KelContainer offer = FileRecordOf(entry).ToContainer();
     FileStore::debugFileStore.Detail("PushThread: Sending %S upstream\n", entry.Key().Text());
     const unsigned int error = CallDevice(parentUrl, "FileStoreReceiveFile", offer);
-    if (error != kKelOk) return HandleRefusal(entry, error);
-    if (offer.GetBool(kValueContentHeld)) {
+    if (error == kKelOk && offer.GetBool(kValueContentHeld)) {
+        Reasons().MovedOn(Side::Upstream, entry.FileId);
         sent.push_back({entry.FileId, kStatusAvailable, entry.FileURL});
         reachedParent = true;
         return true;
     }
     const KelString url = offer.GetString(kValueFileUrl);
-    if (!IsUrlPath(url)) return HandleRefusal(entry, kKelErrorBadInput);
+    if (error != kKelOk || !IsUrlPath(url)) {
+        const unsigned int refusal = error != kKelOk ? error : unsigned{kKelErrorBadInput};
+        Reasons().Note(Side::Upstream, entry.FileId, WaitingStep::Send,
+                       ReasonOfCall(refusal, PeerName(parentUrl)));
+        return HandleRefusal(entry, refusal);
+    }
+    Reasons().MovedOn(Side::Upstream, entry.FileId);
     sent.push_back({entry.FileId, kStatusUploading, url});
     reachedParent = true;
     return true;

@@ -5,6 +5,7 @@
 #include "filestore/state/contact.h"
 #include "filestore/state/file_store.h"
 #include "filestore/state/store_layout.h"
+#include "filestore/state/waiting_reasons.h"
 #include "filestore/up/manual_upload.h"
 #include "filestore/up/push_thread.h"
 #include "filestore/up/upload_policy.h"
@@ -147,13 +148,19 @@ FileStorePushThread::Upload FileStorePushThread::UploadRow(const FileStoreEntry&
     request.SetResourcePath(entry.FileURL);
     request.SetBodyFile(path);
     HttpMessage answer;
+    const TransferMark mark(Side::Upstream, entry.FileId, 0);
     const unsigned int result = transfer.Run(request, answer, entry.Bypass);
     FileStore::debugFileStore.Detail("PushThread: File upload returned %u\n", result);
     const KelString failure = KelFormat("upload %lu", entry.FileId);
     if (result == kHttpCompleted && answer.GetStatus() / 100 == 2) {
+        Reasons().MovedOn(Side::Upstream, entry.FileId);
         FileStore::failures.Succeeded(failure, KelFormat("PushThread: %S was uploaded", entry.Key().Text()));
         return Upload::Stored;
     }
+    if (result != kHttpRefused)
+        Reasons().Note(
+            Side::Upstream, entry.FileId, WaitingStep::Upload,
+            ReasonOfTransfer(result, answer.GetStatus(), PeerName(parentUrl), transfer.GetErrorText()));
     FileStore::failures.Failed(KelDebugLevel::Warning, failure,
                                KelFormat("PushThread: Upload of %S failed (HTTP status %u): %S",
                                          entry.Key().Text(), answer.GetStatus(), transfer.GetErrorText()));

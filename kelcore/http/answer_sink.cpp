@@ -183,6 +183,8 @@ bool HttpAnswerSink::Fail(unsigned int result, KelString text) {
 }
 
 bool HttpAnswerSink::FailLocal(const char* what) {
+    const bool isFull = errno == ENOSPC || errno == EDQUOT;
     const KelString reason = std::strerror(errno);
-    return Fail(kHttpLocalFile, KelString("cannot ") + what + " " + file_->GetBodyFile() + ": " + reason);
+    return Fail(isFull ? kHttpDiskFull : kHttpLocalFile,
+                KelString("cannot ") + what + " " + file_->GetBodyFile() + ": " + reason);
 }

@@ -21,6 +21,7 @@ inline constexpr unsigned int kHttpBadRequest = 5;   ///< an unusable server, pa
 inline constexpr unsigned int kHttpBadAnswer = 6;    ///< the answer breaks HTTP or exceeds what was announced
 inline constexpr unsigned int kHttpSecurity =
     7;  ///< TLS or proxy configuration could not be set up, or the peer was not trusted
+inline constexpr unsigned int kHttpDiskFull = 8;  ///< no space for the local body file
 inline constexpr unsigned int kHttpCutOff =
     11;  ///< cut off after it began: connection lost, window closed, cancelled
 

@@ -83,7 +83,8 @@ Console::Console()
       directory_(Log(), deviceStore_),
       publisher_(Log(), directory_, publications_),
       intake_(Log(), deviceStore_, publications_,
-              [this](const KelString& guid) { return publisher_.Repeat(guid); }) {}
+              [this](const KelString& guid) { return publisher_.Repeat(guid); }),
+      explainer_(directory_, publications_) {}
 
 void Console::Register(const char* handle) {
     const auto bind = [this](unsigned int (Console::*handler)(KelContainer*)) {
@@ -96,6 +97,8 @@ void Console::Register(const char* handle) {
         "ConsolePublish (string FilePath, string FileType, string FileLabel, string FileName, string Device, "
         "int32 Priority, bool Bypass, bool WakeOnLan, int32 KeepCopy, container FileInfo)",
         bind(&Console::Publish), handle);
+    ActionDbRegisterAction("ConsoleExplain (string PublicationId, string Device)", bind(&Console::Explain),
+                           handle);
     ActionDbRegisterAction(kReceiveSignature, bind(&Console::ReceiveUpstream), handle);
     ActionDbRegisterAction(
         "QuarnelDbRunScript (string Script)",
@@ -231,6 +234,13 @@ unsigned int Console::Publish(KelContainer* arguments) {
     Log().Print("Published %S to %d devices as %S; %d have it already, %d cannot get it\n",
                 request->file.Text(), result->GetInt32("Targets"), result->GetString("PublicationId"),
                 result->GetInt32("Delivered"), result->GetInt32("Failed"));
+    *arguments = std::move(*result);
+    return kKelOk;
+}
+
+unsigned int Console::Explain(KelContainer* arguments) {
+    auto result = explainer_.Explain(arguments->GetString("PublicationId"), arguments->GetString("Device"));
+    if (!result) return Fail(arguments, result.Error());
     *arguments = std::move(*result);
     return kKelOk;
 }

@@ -4,6 +4,7 @@
 #include "kelcore/module.h"
 #include "modules/console/console_database.h"
 #include "modules/console/device_directory.h"
+#include "modules/console/explanation.h"
 #include "modules/console/publication_store.h"
 #include "modules/console/publisher.h"
 #include "modules/console/upstream_intake.h"
@@ -22,6 +23,9 @@
 ///   FileLabel, FileName, FileChecksum, FileSize, CreateTime (int64), Priority, Targets, Delivered, Failed,
 ///   Pending (int32)}, the latest first, all or those named, which must be known; for one named publication
 ///   and unless CountsOnly also Devices[i]{GUID, Name, Status, Time (int64), Message}
+/// - ConsoleExplain (PublicationId; optional Device, a GUID or name) -> Values[i], LeftOut: why pending
+/// targets
+///   do not have the file, asked live through the tree; see Explainer
 /// - ConsoleReceiveUpstream: subscribed to the event FileStoreCallbackCopyUpstream; see UpstreamIntake.
 ///   Only for this device.
 /// - QuarnelDbObjectListTypes -> Types[i]; QuarnelDbRunScript: not available here. Other modules recognise a
@@ -46,6 +50,7 @@ class Console : public KelModule {
     unsigned int ListDevices(KelContainer* arguments);
     unsigned int ListPublications(KelContainer* arguments);
     unsigned int Publish(KelContainer* arguments);
+    unsigned int Explain(KelContainer* arguments);
     unsigned int ReceiveUpstream(KelContainer* arguments);
     KelResult<KelContainer> ReadTargets(const KelString& id);
 
@@ -55,4 +60,5 @@ class Console : public KelModule {
     DeviceDirectory directory_;
     Publisher publisher_;
     UpstreamIntake intake_;
+    Explainer explainer_;
 };

@@ -1,5 +1,7 @@
 #include "modules/relay/parent_link.h"
 
+#include <ctime>
+
 #include "kel/container.h"
 #include "kel/file.h"
 #include "kel/ip_address.h"
@@ -153,6 +155,10 @@ void ParentLink::CheckWhenDue() {
     const bool isRequested = isCheckRequested_.exchange(false);
     Check(isRequested);
     lastCheck_ = std::chrono::steady_clock::now();
+    const std::int64_t next =
+        std::time(nullptr) + static_cast<std::int64_t>(MillisecondsToNextCheck() / 1000);
+    const KelLock lock(mutex_);
+    state_.nextCheck = next;
 }
 
 void ParentLink::Check(bool isRequested) {
@@ -169,24 +175,26 @@ void ParentLink::Check(bool isRequested) {
         problem = AdoptScheme(guid);
     }
     if (!problem.empty()) return ReportProblem(problem);
-    problem_.clear();
     log_.Print("The parent %S:%u answers, its GUID is %S\n", settings_.parentName,
                unsigned{settings_.parentPort}, guid);
     Settle();
-    {
-        const KelLock lock(mutex_);
-        state_.inSync = true;
-    }
+    SetInSync(true, {});
     inSync_();
 }
 
+void ParentLink::SetInSync(bool inSync, const KelString& problem) {
+    const std::int64_t now = std::time(nullptr);
+    const KelLock lock(mutex_);
+    // Only the first call finds no time; while a new scheme is adopted, the state is neither.
+    if (state_.since == 0 || inSync != state_.problem.empty()) state_.since = now;
+    state_.inSync = inSync;
+    state_.problem = problem;
+}
+
 void ParentLink::ReportProblem(const KelString& problem) {
-    {
-        const KelLock lock(mutex_);
-        state_.inSync = false;
-    }
-    if (problem == problem_) return;
-    problem_ = problem;
+    const bool isKnown = problem == GetState().problem;
+    SetInSync(false, problem);
+    if (isKnown) return;
     log_.Warning("The parent %S:%u is out of sync: %S (tried again every %u s)\n", settings_.parentName,
                  unsigned{settings_.parentPort}, problem, settings_.retryInterval);
 }

@@ -14,9 +14,12 @@
 
 /// The state of the link to the parent.
 struct ParentState {
-    KelString ipAddress;  ///< empty until the parent's name was resolved
-    KelString guid;       ///< of the last usable answer; empty before the first
-    bool inSync = false;  ///< the last call was answered, and our GUID has the scheme of the parent's
+    KelString ipAddress;         ///< empty until the parent's name was resolved
+    KelString guid;              ///< of the last usable answer; empty before the first
+    bool inSync = false;         ///< the last call was answered, and our GUID has the scheme of the parent's
+    std::int64_t since = 0;      ///< of inSync, seconds since the epoch; 0: before the first call
+    std::int64_t nextCheck = 0;  ///< the same unit
+    KelString problem;           ///< why it is out of sync; empty before the first call
 };
 
 /// Calls the parent periodically and keeps its state. The first call is made as soon as the thread starts.
@@ -55,6 +58,7 @@ class ParentLink : public KelPeriodicThread {
     KelString AdoptScheme(const KelString& parentGuid);
     void Settle();
     void ReportProblem(const KelString& problem);
+    void SetInSync(bool inSync, const KelString& problem);
 
     const KelDebug& log_;
     std::function<void()> inSync_;
@@ -65,5 +69,4 @@ class ParentLink : public KelPeriodicThread {
     std::optional<std::chrono::steady_clock::time_point> lastCheck_;  ///< only the thread uses it
     mutable KelMutex mutex_;  ///< never held across the network or a call
     ParentState state_ KEL_GUARDED_BY(mutex_);
-    KelString problem_;  ///< why the parent is out of sync, as logged; only the thread uses it
 };

@@ -117,6 +117,9 @@ unsigned int Relay::GetValues(KelContainer* arguments) const {
     values.SetString("ParentGuid", parent.guid);
     values.SetInt32("ParentPort", settings_.parentPort);
     values.SetBool("ParentSync", parent.inSync);
+    values.SetInt64("ParentSince", parent.since);
+    values.SetInt64("ParentNextCheck", parent.nextCheck);
+    values.SetString("ParentProblem", parent.problem);
     const bool hasParent = settings_.role != RelayRole::Master && !settings_.parentName.empty();
     values.SetBool("SchemeSettled", !hasParent || parentLink_.IsSettled());
     arguments->Clear();

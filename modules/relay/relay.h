@@ -11,8 +11,9 @@
 /// The relay module: the role of this device and its parent. Actions:
 ///
 /// - RelayGetValues -> Values{IsEnabled (bool, true on a relay and on the master), Role, ParentName,
-///   ParentIPAddress, ParentGuid, ParentPort (int32), ParentSync (bool),
-///   SchemeSettled (bool, the GUID scheme of this device is final)}
+///   ParentIPAddress, ParentGuid, ParentPort (int32), ParentSync (bool), ParentSince (of ParentSync),
+///   ParentNextCheck (int64, seconds since the epoch, 0 before the first call), ParentProblem (why it is out
+///   of sync), SchemeSettled (bool, the GUID scheme of this device is final)}
 /// - RelayCheckParent (): for modules that could not reach the parent; has it called soon. When it answers,
 /// the
 ///   event RelayCallbackParentInSync follows

@@ -75,9 +75,9 @@ class Shim:
 class FaultTree(Tree):
     """A tree in which the agents named in `shims` have a shim and those in `proxies` reach their parents by a proxy."""
 
-    def __init__(self, shape, clock=None, shims=(), proxies=(), seed=1):
+    def __init__(self, shape, clock=None, shims=(), proxies=(), seed=1, short_intervals=True):
         self.shims, self.proxied, self.proxies, self.seed = shims, proxies, [], seed
-        super().__init__(BUILD, shape, clock)
+        super().__init__(BUILD, shape, clock, short_intervals=short_intervals)
 
     def add(self, name, role, parent):
         agent = super().add(name, role, parent)

@@ -1,0 +1,33 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+
+#include "filestore/db/file_store_entry.h"
+#include "filestore/db/targets_table.h"
+#include "filestore/state/bandwidth_manager.h"
+#include "filestore/state/parent.h"
+#include "filestore/state/waiting_reasons.h"
+
+/// Why a row waits: from what the steps have noted, the row itself, and the state of parent and windows.
+namespace filestore {
+
+/// What holds for all rows at one moment. Read it once for many rows; asks local modules.
+struct Circumstances {
+    static Circumstances Now();
+
+    std::int64_t now = 0;  ///< seconds since the epoch
+    Parent parent;
+    std::optional<FileStoreBandwidthManager::ClosedSpan> toParent;    ///< the window, while it is closed
+    std::optional<FileStoreBandwidthManager::ClosedSpan> toChildren;  ///< the same
+};
+
+/// Why the file is not here yet or does not move on; nothing when this device has done with it, but for
+/// targets. Reads the size of a file that is being downloaded.
+std::optional<WaitingReason> ReasonOfFile(const FileStoreEntry& file, Side side, const Circumstances& at);
+
+/// Why the target of an available file waits.
+WaitingReason ReasonOfTarget(const FileStoreEntry& file, const FileStoreTarget& target,
+                             const Circumstances& at);
+
+}  // namespace filestore
