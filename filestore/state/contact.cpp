@@ -45,6 +45,10 @@ class LastSigns {
     KelHash<KelString, std::chrono::steady_clock::time_point> times_ KEL_GUARDED_BY(mutex_);
 };
 
+void EndWaitingFor(const KelString& deviceUrl) {
+    if (MakeTargetsDue(deviceUrl, std::time(nullptr))) FileStore::WakeWorker(Worker::Notify);
+}
+
 void LookForParent() {
     KelContainer none;
     CallLocal("RelayCheckParent", none);
@@ -64,8 +68,7 @@ void ReportTransferResult(unsigned int result) {
 
 void NoteSignOfLife(const KelString& deviceUrl) {
     static LastSigns lastSigns;
-    if (!IsDeviceUrl(deviceUrl) || !lastSigns.Note(deviceUrl)) return;
-    if (MakeTargetsDue(deviceUrl, std::time(nullptr))) FileStore::WakeWorker(Worker::Notify);
+    if (IsDeviceUrl(deviceUrl) && lastSigns.Note(deviceUrl)) EndWaitingFor(deviceUrl);
 }
 
 }  // namespace filestore
@@ -86,11 +89,11 @@ unsigned int FileStore::ActionHandler_FileStoreParentInSync(KelContainer* argume
     return kKelOk;
 }
 
-/// A child reports that it can be called.
+/// A child reports that it can be called. It does so when it finds its parent again, not more often.
 unsigned int FileStore::ActionHandler_FileStoreDeviceContact(KelContainer* arguments) {
     const KelString deviceUrl = arguments->GetString(kValueDeviceGuid);
     arguments->Clear();
     if (!IsDeviceUrl(deviceUrl)) return kKelErrorBadInput;
-    NoteSignOfLife(deviceUrl);
+    EndWaitingFor(deviceUrl);
     return kKelOk;
 }
