@@ -3,7 +3,9 @@
 
 Real agents in a chain: a master, two relays below each other, and a client below each of the three. Every run publishes
 a file of 4 KiB to one of the clients, and sends one from the lowest client to the master. The time begins when the
-command line is started and ends when the file lies in the inbox, or in the master's collected files.
+command line is started and ends when the file lies in the inbox, or in the master's collected files. Then the lowest
+client is switched on after a file was announced to it in vain, without and with a restart of its relay in between: the
+time begins when its process is started.
 """
 import argparse
 import os
@@ -22,6 +24,8 @@ from tree import Tree  # noqa: E402
 FILE_BYTES = 4096
 WAIT_SECONDS = 400
 POLL_SECONDS = 0.002
+FAILING_SECONDS = 6  # in which an announcement to a device that is off fails
+SWITCHED_ON_RUNS = 5
 PAUSE_SECONDS = 0.3  # between two runs, so that receipts of the last one are not in the way of the next
 
 
@@ -43,7 +47,7 @@ def timed(command, arrives):
 
 
 def report(course, seconds):
-    print(f"  {course:28} median {statistics.median(seconds):6.3f} s   minimum {min(seconds):6.3f} s   "
+    print(f"  {course:36} median {statistics.median(seconds):6.3f} s   minimum {min(seconds):6.3f} s   "
           f"maximum {max(seconds):6.3f} s", flush=True)
 
 
@@ -80,6 +84,27 @@ def run(build, runs):
             command = [tree.kel, "--root", client.root, "send", file, "--type", "Bench", "--label", "latency"]
             seconds.append(timed(command, collected / "Bench" / "latency" / name))
         report("up through 2 relays", seconds[1:])
+        for restart_relay in (False, True):
+            switched_on(tree, folder, restart_relay)
+
+
+def switched_on(tree, folder, restart_relay):
+    client, relay = tree.clients[-1], tree.relays[-1]
+    seconds = []
+    for number in range(SWITCHED_ON_RUNS):
+        file = pathlib.Path(folder) / f"on{restart_relay:d}{number}"
+        file.write_bytes(os.urandom(FILE_BYTES))
+        client.kill()
+        tree.publish([file], "Bench", "latency", client.name)
+        time.sleep(FAILING_SECONDS)
+        if restart_relay:
+            relay.stop()
+            tree.run(relay)
+        begin = time.monotonic()
+        client.start()
+        wait_for(client.data / "Delivery" / "Inbox" / "Bench" / "latency" / file.name)
+        seconds.append(time.monotonic() - begin)
+    report("switched on" + (", relay restarted before" if restart_relay else ""), seconds)
 
 
 def main():
