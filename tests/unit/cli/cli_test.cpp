@@ -7,7 +7,6 @@
 #include "cli/init_command.h"
 #include "cli/options.h"
 #include "cli/output.h"
-#include "cli/publication_watch.h"
 #include "kelcore/json.h"
 
 namespace {
@@ -25,29 +24,6 @@ TEST(TableTest, ColumnsFitTheirWidestCellAndControlCharactersCannotSteerTheTermi
               "NAME       N  X\n"
               "grün       7  a?[2Jb?c\n"
               "longer  1024\n");
-}
-
-TEST(PublicationWatchTest, AsksForItsOwnPublicationsAndTakesTheirCounts) {
-    const auto list = [](const KelVector<std::pair<const char*, int>>& publications) {
-        KelContainer container;
-        for (const auto& [id, delivered] : publications) {
-            KelContainer item;
-            item.SetString("PublicationId", id);
-            item.SetInt32("Delivered", delivered);
-            container.SetContainer("Values", item, KelContainer::kAbsent);
-        }
-        return container;
-    };
-    KelContainer published = list({{"a", 0}, {"b", 0}});
-    const KelContainer arguments = WatchArguments(published);
-    EXPECT_EQ(arguments.Count("PublicationId"), 2U);
-    EXPECT_EQ(arguments.GetString("PublicationId", {}, 1), "b");
-    EXPECT_TRUE(arguments.GetBool("CountsOnly"));
-    TakeCounts(list({{"b", 2}, {"a", 1}}), published);
-    EXPECT_EQ(published.GetContainer("Values", 0).GetInt32("Delivered"), 1);
-    EXPECT_EQ(published.GetContainer("Values", 1).GetInt32("Delivered"), 2);
-    EXPECT_EQ(WatchPause(std::chrono::seconds(7)), std::chrono::seconds(7))
-        << "a slow master is asked less often";
 }
 
 TEST(FileCommandTest, ValuesAreShownForPeople) {

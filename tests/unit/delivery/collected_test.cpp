@@ -15,17 +15,6 @@ class CollectTest : public DeliveryTest {
     }
 };
 
-TEST_F(CollectTest, OnlyTheMasterCollects) {
-    for (const bool isMaster : {false, true}) {
-        if (isMaster) BeMaster();
-        {
-            RunningModule<Delivery> module;
-            EXPECT_EQ(CallbackDbGetActionCount("FileStoreCallbackCopyUpstream"), isMaster ? 1U : 0U);
-        }
-        EXPECT_EQ(CallbackDbGetActionCount("FileStoreCallbackCopyUpstream"), 0U) << "gone with the module";
-    }
-}
-
 TEST_F(CollectTest, FilesGoToTheFolderOfTheirDevice) {
     BeMaster();
     const std::string incoming = root_ / "data/Delivery/Incoming";

@@ -27,6 +27,7 @@ TEST_F(FileList, PartsFitTogetherAndKnowTheWhole) {
              {Make({{"Offset", 4}, {"Limit", 9}}), "46"},
              {Make({{"Offset", 6}}), ""},
              {Make({{"Limit", 0}}), ""},
+             {Make({{"SortAttr", "TransferredData"}}), "251346"},
              {Make({{"Limit", "5000000000"}}), "251346"},
              {Make({{"SortAttr", "FileStatus"}, {"SortOrder", "DESC"}, {"Limit", 3}}), "612"}}) {
         SCOPED_TRACE(values.SaveToXML());
@@ -36,6 +37,9 @@ TEST_F(FileList, PartsFitTogetherAndKnowTheWhole) {
     }
     for (const char* name : {"Offset", "Limit"})
         Ask("FileStoreListFiles", Make({{name, -1}}), kKelErrorBadInput);
+    for (const auto& [name, value] :
+         {std::pair("SortAttr", "FileName; DROP TABLE Files"), {"SortOrder", "ASC, FileId"}})
+        Ask("FileStoreListFiles", Make({{name, value}}), kKelErrorBadInput);
 }
 
 TEST_F(FileList, CountsByStatusNeedNoList) {

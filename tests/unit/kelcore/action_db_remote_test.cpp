@@ -11,33 +11,14 @@ KelString UrlOf(const TestHttpServer& server) {
     return UrlForAgent("agent", "pass word", server.HostAndPort()) + "/ignored/path";
 }
 
-unsigned int Call(const KelString& deviceUrl, KelContainer& container, IpAddress* localAddress = nullptr) {
-    return ActionDbInvokeContainer("Test", deviceUrl, "SampleAction", container, 0, 5, 5, localAddress);
-}
-
 /// A call that fails: its code. The container must stay as it was.
 unsigned int FailingCall(const KelString& deviceUrl) {
     KelContainer container;
     container.SetInt32("Kept", 1);
-    const unsigned int result = Call(deviceUrl, container);
+    const unsigned int result =
+        ActionDbInvokeContainer("Test", deviceUrl, "SampleAction", container, 0, 5, 5, nullptr);
     EXPECT_EQ(container.GetInt32("Kept"), 1);
     return result;
-}
-
-TEST(RemoteAction, TheAnswerReplacesTheContainer) {
-    KelContainer container, results;
-    container.SetString("FileName", "it's <one>");
-    results.SetInt64("Size", 5000000000);
-    const TestHttpServer server(TestHttpServer::ActionScript(4294967295, results));
-    const KelContainer arguments = container;
-    IpAddress local;
-    EXPECT_EQ(Call(UrlOf(server), container, &local), 4294967295u);
-    EXPECT_TRUE(container == results);
-    EXPECT_EQ(local.ToText(), "127.0.0.1");
-    const TestHttpServer::Request seen = server.Requests().at(0);
-    EXPECT_EQ(seen.method + seen.target + seen.Header("content-type"),
-              "POST/Action/SampleActionapplication/xml");
-    EXPECT_TRUE(seen.Arguments() == arguments);
 }
 
 TEST(RemoteAction, AFailureLeavesTheContainerAsItWas) {

@@ -159,21 +159,6 @@ TEST_F(UnconnectedReplayTest, UnusableRequestsAreMovedAsideOnceTheyAreSurelyComp
     EXPECT_EQ(log_->Count(KelDebugLevel::Error, "is no usable request"), 8);
 }
 
-TEST_F(UnconnectedReplayTest, TheModuleReplaysOnceTheParentAnswers) {
-    Configure("");
-    FakeParent parent(kGuid);
-    parent.status = 500;
-    WriteIni("Relay", parent.ChildIni("client"));
-    KeepFile("disks", "content");
-    ActiveModule<Relay> module;
-    ASSERT_TRUE(Eventually([&] { return parent.GetCallCount() >= 2; }));
-    EXPECT_EQ(FileCount("inventory"), 2);
-    parent.status = 200;
-    EXPECT_TRUE(Eventually([this] { return FileCount("inventory") == 0; }));
-    module.Cleanup();
-    EXPECT_EQ(taken_.size(), 1U);
-}
-
 TEST_F(UnconnectedReplayTest, AMasterReplaysWithoutAParent) {
     WriteIni("Relay", "[Relay]\nRole=Master\n");
     KeepFile("disks", "content");
