@@ -125,7 +125,7 @@ class LostTest(SystemTest):
         tree.run(agent)
 
     def test_a_lost_database_loses_no_file(self):
-        """The relay loses it while the next device is away, or the device that the files come from while the relay is."""
+        """The relay loses it while the next device is away, or the device that files come from while the relay is."""
         for way, loser, how in (("down", "relay", "half"), ("down", "relay", "removed"), ("up", "relay", "pages"),
                                 ("up", "relay", "removed"), ("down", "end", "removed"), ("up", "end", "removed")):
             with self.subTest(way, loser=loser, how=how):

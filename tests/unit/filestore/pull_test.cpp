@@ -155,14 +155,6 @@ TEST_F(DownloadTest, HighestPriorityThenOldestRowGoesFirstAndAWaitingOneIsPassed
     EXPECT_EQ(RequestedNames(), (Texts{"failed-long-ago", "first", "second", "third"}));
 }
 
-TEST_F(DownloadTest, NamedSourceDeviceIsAskedInsteadOfTheParent) {
-    const TestHttpServer source(TestHttpServer::FileScript(content_));
-    Wanted("n", "SourceDevice = '" + source.HostAndPort() + "/0A1B0000-0000-4000-8000-0000000000C1'");
-    EXPECT_EQ(Step(), 1);
-    EXPECT_EQ(OnlyFields(kDown), "AVAILABLE");
-    EXPECT_TRUE(Parent().Requests().empty());
-}
-
 TEST_F(DownloadTest, MulticastOfferIsHandedToTheHttpModule) {
     FakeResult("HttpProtocolMulticastStartListen ()", 0);
     const std::uint64_t fileId =

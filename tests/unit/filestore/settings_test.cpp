@@ -122,16 +122,15 @@ TEST_F(Settings, ChangesAreClampedWrittenAndInForceAtOnce) {
 
 TEST_F(Settings, OneUnusableValueChangesNothing) {
     const KelContainer before = Get();
-    const std::pair<const char*, Value> unusable[] = {{"PushTimeout", "soon"},
-                                                      {"PushTimeout", 5'000'000'000},
-                                                      {"PackageTTL", -1},
-                                                      {"EnableDialupUploads", "perhaps"},
-                                                      {"QueueGap", "banana"},
-                                                      {"ConcatFiles", "sometimes"},
-                                                      {"MulticastAddress", "everywhere"},
-                                                      {"ExcludedFileType", "a\n[FileStore]\nQueueGap=0"},
-                                                      {"PackagesRepositoryPath", KelContainer()}};
-    for (const auto& [name, value] : unusable) {
+    for (const auto& [name, value] :
+         Table<const char*, Value>{{"PushTimeout", "soon"},
+                                   {"PushTimeout", 5'000'000'000},
+                                   {"PackageTTL", -1},
+                                   {"EnableDialupUploads", "perhaps"},
+                                   {"ConcatFiles", "sometimes"},
+                                   {"MulticastAddress", "everywhere"},
+                                   {"ExcludedFileType", "a\n[FileStore]\nQueueGap=0"},
+                                   {"PackagesRepositoryPath", KelContainer()}}) {
         SCOPED_TRACE(name);
         ChangeSettings(Make({{"FrameSize", 5555}, {name, value}}), kKelErrorBadInput);
     }

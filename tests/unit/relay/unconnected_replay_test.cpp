@@ -4,9 +4,8 @@
 
 #include <ctime>
 
-#include "fake_parent.h"
 #include "kel/checksum.h"
-#include "kelcore/http/client.h"
+#include "module_fixture.h"
 #include "modules/relay/relay.h"
 
 namespace {
@@ -26,7 +25,6 @@ class UnconnectedReplayTest : public ModuleFixture {
         });
         logger_.SetContext(log_);
     }
-    void TearDown() override { HttpClientCloseIdleConnections(); }
 
     std::string Folder(const std::string& kind) { return root_ / ("data/FileStore/unconnected/" + kind); }
 
