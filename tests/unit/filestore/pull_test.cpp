@@ -129,6 +129,14 @@ TEST_F(DownloadTest, SizeThatWasNotAnnouncedIsAskedForAndBoundsTheTransfer) {
         EXPECT_EQ(Step(), 1);
         EXPECT_EQ(Fields(kDown, fileId), status);
     }
+    DeleteRows();
+    AnswerAsParent([](const TestHttpServer::Request& request) -> TestHttpServer::Answer {
+        if (request.method == "GET") return {0, "", "HTTP/1.1 200 OK\r\nContent-Length: 1073741825\r\n\r\nx"};
+        return TestHttpServer::ActionResult(1);
+    });
+    Wanted("endless", "FileSize = 0");
+    EXPECT_EQ(Step(), 1);
+    EXPECT_TRUE(HasLogged(KelDebugLevel::Error, "does not end within"));
 }
 
 TEST_F(DownloadTest, TransferMakesWayForAMoreUrgentFileAndGoesOnBehindIt) {
