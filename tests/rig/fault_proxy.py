@@ -1,4 +1,4 @@
-"""A TCP proxy that cuts, stalls and damages what passes, as rules say that may change while it runs."""
+"""A TCP proxy that cuts and damages what passes, as rules say that may be added while it runs."""
 
 import socket
 import threading
@@ -8,19 +8,16 @@ BLOCK = 16384
 
 
 class Rule:
-    """One fault where `match` ends in the stream from `direction`: cut, stall (until the rules are cleared) or flip (of
-    one bit). It fires at most `times` times, without limit by default; `fired` counts.
-    """
+    """One fault, once, where `match` ends in the stream from `direction`: cut, or flip (of one bit)."""
 
-    def __init__(self, action, direction, match, times=None):
-        self.action, self.direction, self.match, self.times = action, direction, match, times
-        self.fired = 0
-        self.released = threading.Event()
+    def __init__(self, action, direction, match):
+        self.action, self.direction, self.match = action, direction, match
+        self.fired = False
 
     def place(self, tail, block):
         """Where in `block` to fire, or None; `tail` is what came before it."""
         found = (tail + block).find(self.match, max(0, len(tail) - len(self.match) + 1))
-        return None if found < 0 or self.fired == self.times else found + len(self.match) - 1 - len(tail)
+        return None if found < 0 or self.fired else found + len(self.match) - 1 - len(tail)
 
 
 class FaultProxy:
@@ -39,21 +36,13 @@ class FaultProxy:
         self.port = self.listener.getsockname()[1]
         threading.Thread(target=self._accept, daemon=True).start()
 
-    def add(self, *rule, **trigger):
+    def add(self, *rule):
         with self.lock:
-            self.rules.append(Rule(*rule, **trigger))
+            self.rules.append(Rule(*rule))
             return self.rules[-1]
-
-    def clear(self):
-        """Ends all faults; what was stalled goes on."""
-        with self.lock:
-            rules, self.rules = self.rules, []
-        for rule in rules:
-            rule.released.set()
 
     def close(self):
         self.closed = True
-        self.clear()
         with self.lock:
             ends = [self.listener, *self.sockets]
         for end in ends:
@@ -111,18 +100,13 @@ class FaultProxy:
 
     def _apply(self, direction, tail, block):
         """What to send of a block, and whether the connection goes on."""
-        fired = []
         with self.lock:
             for rule in self.rules:
                 place = rule.place(tail, bytes(block)) if rule.direction == direction else None
-                if place is not None:
-                    rule.fired += 1
-                    fired.append((rule, place))
-        for rule, place in fired:
-            if rule.action == "flip":
+                if place is None:
+                    continue
+                rule.fired = True
+                if rule.action == "cut":
+                    return block[:place], False
                 block[place] ^= 1
-            elif rule.action == "stall":
-                rule.released.wait()
-            else:
-                return block[:place], False
         return block, True

@@ -55,23 +55,20 @@ class Faults {
         return *faults;
     }
 
-    /// The error that the call gets, 0 when it is to be made.
-    int Of(const char* operation, const std::string& path) {
+    /// The error that the call gets, 0 when it is to be made. The path is found out only when there are
+    /// rules, so that a program without them runs at full speed.
+    template <class FindPath>
+    int Of(const char* operation, const FindPath& findPath) {
         const std::lock_guard lock(mutex_);
         Refresh();
-        for (Rule& rule : rules_) {
+        if (rules_.empty()) return 0;
+        const std::string path = findPath();
+        for (const Rule& rule : rules_) {
             if (!rule.Concerns(operation, path) || chance_(random_) >= rule.share) continue;
             Log(std::string(operation) + " " + path + "\n");
             return rule.error;
         }
         return 0;
-    }
-
-    /// Cheap, so that a program without rules runs at full speed.
-    bool AreExpected() {
-        const std::lock_guard lock(mutex_);
-        Refresh();
-        return !rules_.empty();
     }
 
   private:
@@ -150,7 +147,7 @@ std::string PathOf(int folder, const char* path) {
 template <class... Place>
 bool Fails(const char* operation, Place... place) {
     const int before = errno;
-    const int error = Faults::Get().AreExpected() ? Faults::Get().Of(operation, PathOf(place...)) : 0;
+    const int error = Faults::Get().Of(operation, [&] { return PathOf(place...); });
     errno = error != 0 ? error : before;
     return error != 0;
 }

@@ -5,6 +5,7 @@ import argparse
 import collections
 import pathlib
 import random
+import sched
 import subprocess
 import sys
 import time
@@ -36,15 +37,10 @@ class Soak:
         self.kills = collections.Counter()
         self.first = {}
         self.begin = time.monotonic()
-        self.later = []  # (time, what to do)
+        self.later = sched.scheduler()
 
-    def at(self, seconds, action, *arguments):
-        self.later.append((time.monotonic() + seconds, action, arguments))
-
-    def run_due(self):
-        for entry in sorted((entry for entry in self.later if entry[0] <= time.monotonic()), key=lambda entry: entry[0]):
-            self.later.remove(entry)
-            entry[1](*entry[2])
+    def at(self, seconds, action):
+        self.later.enter(seconds, 0, action)
 
     def every(self, seconds, action):
         def repeat():
@@ -148,7 +144,7 @@ class Soak:
             self.every(pause, fault)
         self.at((seconds - warm_up) / 2, self.set_clock_back)
         self.work(seconds - warm_up)
-        self.later.clear()
+        self.later = sched.scheduler()
         for agent in self.tree.agents:
             agent.shim.clear()
         self.tree.run(*self.tree.agents)
@@ -156,7 +152,7 @@ class Soak:
     def work(self, seconds):
         end = time.monotonic() + seconds
         while time.monotonic() < end:
-            self.run_due()
+            self.later.run(blocking=False)
             self.traffic()
             self.progress("running")
             time.sleep(self.random.uniform(0.5, 2))
@@ -200,11 +196,11 @@ class Soak:
         return wrong
 
     def check_growth(self, last, wrong):
-        for agent in last:
-            for what, before, now, more in zip(("KiB of memory", "descriptors"), self.first[agent], last[agent],
-                                               (0, MORE_DESCRIPTORS)):
-                if now > before * GROWTH + more:
-                    wrong[agent].append(f"{what}: {before} after the warm-up, {now} now")
+        for agent, now in last.items():
+            for what, before, after, more in zip(("KiB of memory", "descriptors"), self.first[agent], now,
+                                                 (0, MORE_DESCRIPTORS)):
+                if after > before * GROWTH + more:
+                    wrong[agent].append(f"{what}: {before} after the warm-up, {after} now")
 
     def check_once(self, agent, wrong):
         lines = collections.Counter(line.split(" PRINT ", 1)[1] for line in agent.log().splitlines()
@@ -227,14 +223,12 @@ class Soak:
         return sum(map(len, wrong.values()))
 
     def print_table(self, wrong, last):
-        print(f"{'agent':10}{'files':>7}{'kills':>7}{'faults':>8}{'MiB':>12}{'descriptors':>13}{'wrong':>7}")
-        for agent in self.tree.agents:
+        print(f"{'agent':10}{'files':>7}{'kills':>7}{'faults':>8}{'MiB':>6}{'descriptors':>13}{'wrong':>7}")
+        for agent, (memory, descriptors) in last.items():
             files = len(self.up) if agent is self.tree.master else len(self.down[agent])
-            memory, descriptors = (f"{before // unit} -> {now // unit}"
-                                   for before, now, unit in zip(self.first[agent], last[agent], (1024, 1)))
-            print(f"{agent.name:10}{files:7}{self.kills[agent]:7}{len(agent.shim.faults()):8}{memory:>12}{descriptors:>13}"
-                  f"{len(wrong[agent]):7}")
-        for agent in self.tree.agents:
+            print(f"{agent.name:10}{files:7}{self.kills[agent]:7}{len(agent.shim.faults()):8}{memory // 1024:6}"
+                  f"{descriptors:13}{len(wrong[agent]):7}")
+        for agent in last:
             for kind, count in collections.Counter(text.split(":")[0] for text in wrong[agent]).items():
                 print(f"{agent.name}: {count} x {next(text for text in wrong[agent] if text.startswith(kind))}")
 

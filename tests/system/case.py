@@ -43,10 +43,11 @@ class SystemTest(unittest.TestCase):
         self.assertEqual(failed.exception.exit_code, code, arguments)
         return failed.exception.text
 
-    def rows(self, agent, statement, upstream=False):
-        """A selection in a database of a stopped agent's file store."""
-        with sqlite3.connect(agent.data / "FileStore" / ("Upstream.sqlite" if upstream else "FileStore.sqlite")) as database:
-            return database.execute(statement).fetchall()
+
+def rows(agent, statement, upstream=False):
+    """A selection in a database of a stopped agent's file store."""
+    with sqlite3.connect(agent.data / "FileStore" / ("Upstream.sqlite" if upstream else "FileStore.sqlite")) as database:
+        return database.execute(statement).fetchall()
 
 
 def collected_files(master):
@@ -69,10 +70,10 @@ def write_files(folder, sizes, seed=1):
     return {name: folder / name for name in sizes}
 
 
-def zip_of(entries, compression=zipfile.ZIP_STORED):
+def zip_of(entries):
     """A zip file with these (name, content) entries."""
     buffer = io.BytesIO()
-    with zipfile.ZipFile(buffer, "w", compression) as archive:
+    with zipfile.ZipFile(buffer, "w") as archive:
         for name, content in entries:
             archive.writestr(name, content)
     return buffer.getvalue()

@@ -13,14 +13,12 @@ import hashlib
 import json
 import os
 import pathlib
-import shutil
 import sqlite3
 import sys
-import tempfile
 import time
 import urllib.parse
 
-from case import BUILD, INDEX
+from case import BUILD, INDEX, rows
 from digest_client import DigestClient
 from tree import ActionFailed, Tree, VirtualClock, free_port, wait_until
 
@@ -130,33 +128,15 @@ def packed_entries(kind, files):
     return [(f"upstream/{kind}/l/{md5_of(content)}/{name}", content) for name, content in files.items()]
 
 
-def index_of(child, kind, files, sizes=None):
-    """The entry that describes them as files of a device; `sizes` holds wrong ones by name."""
+def index_of(child, kind, files):
+    """The entry that describes them as files of a device."""
     def record(file, content):
         values = (("FileType", "string", kind), ("FileLabel", "string", "l"), ("FileName", "string", file),
                   ("FileChecksum", "string", md5_of(content)), ("SourceDevice", "string", child.url),
-                  ("Upstream", "bool", "true"), ("FileSize", "int64", (sizes or {}).get(file, len(content))))
+                  ("Upstream", "bool", "true"), ("FileSize", "int64", len(content)))
         texts = (f'<Value name="{name}" type="{type_}">{value}</Value>' for name, type_, value in values)
         return f'<Value name="PackedFile" type="container">{"".join(texts)}</Value>'
     return INDEX, f"<Container>{''.join(record(*file) for file in files.items())}</Container>"
-
-
-def rows(agent, statement, upstream=False):
-    """A selection in a copy of a database of an agent's file store: the agent may run."""
-    name = "Upstream.sqlite" if upstream else "FileStore.sqlite"
-    for _ in range(10):
-        with tempfile.TemporaryDirectory() as folder:
-            for path in (agent.data / "FileStore").glob(name + "*"):
-                if not path.name.endswith("-shm"):
-                    shutil.copy(path, folder)
-            database = sqlite3.connect(f"{folder}/{name}")
-            try:
-                return database.execute(statement).fetchall()
-            except sqlite3.DatabaseError:  # copied in the middle of a checkpoint
-                time.sleep(0.5)
-            finally:
-                database.close()
-    raise RuntimeError(f"{agent.name}: no usable copy of {name}")
 
 
 def waiting(agent):

@@ -9,7 +9,7 @@ import random
 import time
 import unittest
 
-from case import BUILD, SystemTest, wait_collected, write_files
+from case import BUILD, SystemTest, rows, wait_collected, write_files
 from tree import Tree, VirtualClock, find_faketime, sha256_of
 
 KILLS = 10
@@ -43,8 +43,8 @@ class KillTest(SystemTest):
     def end_with_each_file_once(self, tree, agents, upstream):
         self.end(tree)
         for agent in agents:
-            doubled = self.rows(agent, "SELECT FileType, FileLabel, FileName, FileChecksum FROM Files "
-                                       "GROUP BY 1, 2, 3, 4 HAVING COUNT(*) > 1", upstream)
+            doubled = rows(agent, "SELECT FileType, FileLabel, FileName, FileChecksum FROM Files "
+                                  "GROUP BY 1, 2, 3, 4 HAVING COUNT(*) > 1", upstream)
             self.assertEqual(doubled, [], agent.name)
 
     def test_downwards_kills_of_any_agent_lose_nothing(self):

@@ -3,7 +3,7 @@ travel up, too, and nothing is left to do."""
 
 import unittest
 
-from case import BUILD, ODD_FILES, STOP_SECONDS, SystemTest, collected_files, wait_collected, write_files
+from case import BUILD, ODD_FILES, STOP_SECONDS, SystemTest, collected_files, rows, wait_collected, write_files
 from faults import AT_REST
 from tree import Tree, sha256_of, wait_until
 
@@ -26,7 +26,7 @@ class RoadTest(SystemTest):
             wait_until(lambda: all(map(self.has_acknowledged_all, tree.devices)), 30, "all files acknowledged")
             self.end(tree)
             for agent in tree.agents:
-                self.assertEqual(self.rows(agent, "SELECT * FROM Targets"), [], f"targets left on {agent.name}")
+                self.assertEqual(rows(agent, "SELECT * FROM Targets"), [], f"targets left on {agent.name}")
 
     def check_one_device(self, tree, paths):
         """A file for one client only goes to no other."""

@@ -5,7 +5,6 @@
 #include <unistd.h>
 #include <cstdlib>
 
-#include "agent/agent_options.h"
 #include "agent/stop_signals.h"
 #include "kel/temp_folder.h"
 
@@ -80,16 +79,6 @@ TEST_F(AgentConfigTest, FaultsNameTheReadablePasswordTheEntriesAndTheModulesThat
     EXPECT_THAT(Faults(), Not(Contains(HasSubstr("chmod 600"))));
     std::filesystem::permissions(folder_ / "config/Agent.ini", std::filesystem::perms(0644));
     EXPECT_THAT(Faults(), Contains(HasSubstr("chmod 600")));
-}
-
-TEST(AgentOptionsTest, FoldersAreCompleteAndEndWithASlash) {
-    const char* arguments[] = {"kelagent", "--modules", "/m/x/..", "--root", "/r", "--check"};
-    int exitCode = kExitFailure;
-    const auto options = ParseAgentOptions(6, const_cast<char**>(arguments), exitCode);
-    ASSERT_TRUE(options);
-    EXPECT_EQ(options->root, "/r/");
-    EXPECT_EQ(options->modulesDir, "/m/");
-    EXPECT_TRUE(options->check);
 }
 
 /// Two signals together, as for the process and its group, and one later than a stop takes to come twice;

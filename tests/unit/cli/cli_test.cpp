@@ -5,9 +5,9 @@
 #include "cli/commands.h"
 #include "cli/hand_over.h"
 #include "cli/init_command.h"
+#include "cli/json_names.h"
 #include "cli/options.h"
 #include "cli/output.h"
-#include "cli/publication_watch.h"
 #include "kelcore/json.h"
 
 namespace {
@@ -25,38 +25,6 @@ TEST(TableTest, ColumnsFitTheirWidestCellAndControlCharactersCannotSteerTheTermi
               "NAME       N  X\n"
               "grün       7  a?[2Jb?c\n"
               "longer  1024\n");
-}
-
-TEST(PublicationWatchTest, AsksForItsOwnPublicationsAndTakesTheirCounts) {
-    const auto list = [](const KelVector<std::pair<const char*, int>>& publications) {
-        KelContainer container;
-        for (const auto& [id, delivered] : publications) {
-            KelContainer item;
-            item.SetString("PublicationId", id);
-            item.SetInt32("Delivered", delivered);
-            container.SetContainer("Values", item, KelContainer::kAbsent);
-        }
-        return container;
-    };
-    KelContainer published = list({{"a", 0}, {"b", 0}});
-    const KelContainer arguments = WatchArguments(published);
-    EXPECT_EQ(arguments.Count("PublicationId"), 2U);
-    EXPECT_EQ(arguments.GetString("PublicationId", {}, 1), "b");
-    EXPECT_TRUE(arguments.GetBool("CountsOnly"));
-    TakeCounts(list({{"b", 2}, {"a", 1}}), published);
-    EXPECT_EQ(published.GetContainer("Values", 0).GetInt32("Delivered"), 1);
-    EXPECT_EQ(published.GetContainer("Values", 1).GetInt32("Delivered"), 2);
-    EXPECT_EQ(WatchPause(std::chrono::seconds(7)), std::chrono::seconds(7))
-        << "a slow master is asked less often";
-}
-
-TEST(FileCommandTest, ValuesAreShownForPeople) {
-    KelContainer file;
-    file.SetInt64("FileSize", 1536);
-    file.SetString("FileStatus", "_AGTMOD_FILESTORESTATUS_AVAILABLE_");
-    EXPECT_EQ(
-        ContainerToJson(FileValueList(file)),
-        R"({"Values":[{"Name":"FileSize","Value":"1.5 KiB"},{"Name":"FileStatus","Value":"available"}]})");
 }
 
 /// The devices of "GUID PARENT" texts as GUIDs, each behind a dot for each level of its depth.
@@ -193,6 +161,23 @@ TEST(OptionsTest, AMistypedCommandIsNamedWithASimilarOne) {
         EXPECT_FALSE(Parse(line, exitCode));
         EXPECT_EQ(exitCode, kExitUsage);
         EXPECT_THAT(testing::internal::GetCapturedStderr(), testing::HasSubstr(message)) << line;
+    }
+}
+
+TEST(JsonNamesTest, NamesAndStatusesAreThoseOfTheCommandLine) {
+    for (const auto& [given, printed] : std::initializer_list<std::pair<const char*, const char*>>{
+             {R"({"FileId":7,"FileStatus":"_AGTMOD_FILESTORESTATUS_TOBEUPLOADED_","TransferredData":"50 %"})",
+              R"({"id":7,"status":"to_be_uploaded","percent":50})"},
+             {R"({"FileName":"n","TransferredData":"N/A","SomethingNew":1})", R"({"name":"n"})"},
+             {R"({"FileStatus":"_AGTMOD_FILESTORESTATUS_UNICAST_AVAILABLE_"})",
+              R"({"status":"unicast_available"})"},
+             {R"({"Files":{"_AGTMOD_FILESTORESTATUS_AVAILABLE_":5000000000}})",
+              R"({"files":{"available":5000000000}})"},
+             {R"({"Agent":{"Modules":["a","b"]},"Relay":{"ParentSync":true}})",
+              R"({"agent":{"modules":["a","b"]},"relay":{"parent_in_sync":true}})"}}) {
+        KelContainer item;
+        ASSERT_TRUE(ContainerFromJson(given, item)) << given;
+        EXPECT_EQ(ContainerToJson(ForJson(item)), printed);
     }
 }
 

@@ -15,17 +15,6 @@ class CollectTest : public DeliveryTest {
     }
 };
 
-TEST_F(CollectTest, OnlyTheMasterCollects) {
-    for (const bool isMaster : {false, true}) {
-        if (isMaster) BeMaster();
-        {
-            RunningModule<Delivery> module;
-            EXPECT_EQ(CallbackDbGetActionCount("FileStoreCallbackCopyUpstream"), isMaster ? 1U : 0U);
-        }
-        EXPECT_EQ(CallbackDbGetActionCount("FileStoreCallbackCopyUpstream"), 0U) << "gone with the module";
-    }
-}
-
 TEST_F(CollectTest, FilesGoToTheFolderOfTheirDevice) {
     BeMaster();
     const std::string incoming = root_ / "data/Delivery/Incoming";
@@ -74,12 +63,9 @@ class UntakenTest : public DeliveryTest {
             const std::lock_guard lock(mutex_);
             for (std::uint32_t i = 0; container->Has("Taken") && i < container->Count("Taken"); ++i)
                 untaken_.erase(container->GetContainer("Taken", i).GetString("FileName"));
-            if (!container->Has("Taken")) {
-                ++asked_;
-                std::uint32_t index = 0;
-                for (const auto& [name, file] : untaken_)
-                    container->SetContainer("Values", file, index++);
-            }
+            std::uint32_t index = 0;
+            for (const auto& [name, file] : untaken_)
+                if (!container->Has("Taken")) container->SetContainer("Values", file, index++);
             return 0U;
         });
     }
@@ -96,21 +82,11 @@ class UntakenTest : public DeliveryTest {
         const std::lock_guard lock(mutex_);
         return untaken_.size();
     }
-    std::atomic<int> asked_ = 0;
 
   private:
     std::mutex mutex_;
     std::map<std::string, KelContainer> untaken_;
 };
-
-TEST_F(UntakenTest, JobOnTheDiskIsReported) {
-    ActiveModule<Delivery> module;
-    ASSERT_TRUE(Eventually([this] { return asked_ > 0; }));
-    for (int i = 0; i < 2; ++i) {  // the second time, it is in place already
-        EXPECT_EQ(HandOver("f"), 0U);
-        EXPECT_TRUE(Eventually([this] { return UntakenCount() == 0; }));
-    }
-}
 
 TEST_F(UntakenTest, FilesWhoseJobCouldNotBeWrittenDownAreDeliveredAfterTheRestart) {
     const std::string inTheWay = root_ / "data/Delivery/Inbox/T";
@@ -132,6 +108,8 @@ TEST_F(UntakenTest, FilesWhoseJobCouldNotBeWrittenDownAreDeliveredAfterTheRestar
         ActiveModule<Delivery> module;
         EXPECT_TRUE(Eventually([&] { return Statuses()[TextMd5(name)] == "delivered"; }));
         EXPECT_EQ(TempFolder::Read(InboxPath("T", name)), name);
+        EXPECT_TRUE(Eventually([this] { return UntakenCount() == 0; }));
+        EXPECT_EQ(HandOver(name), 0U) << "it is in place already";
         EXPECT_TRUE(Eventually([this] { return UntakenCount() == 0; }));
     }
 }

@@ -4,15 +4,7 @@
 
 namespace {
 
-struct FileQueries : StoreTest {
-    static void AddSome() {
-        AddFile(kDown, "b", "AVAILABLE", "FileSize = 1");
-        AddFile(kDown, "a", "MISSING", "FileSize = 3");
-        AddFile(kDown, "old", "OBSOLETE");
-        AddFile(kDown, "c", "AVAILABLE", "FileSize = 2");
-        AddFile(kUp, "up", "TOBEUPLOADED");
-    }
-};
+using FileQueries = StoreTest;
 
 TEST_F(FileQueries, EveryFieldSurvivesTheWayThroughARecordAndAnotherDatabase) {
     const KelString all = "SELECT * FROM Files";
@@ -57,28 +49,13 @@ TEST_F(FileQueries, FileIsFoundByItsKeyOrItsWholeUrl) {
     EXPECT_EQ(filestore::FindFileFromUrl("/FileStore/upstream/it"), 0U);
 }
 
-TEST_F(FileQueries, ListsInTheOrderAskedForWithoutObsoleteFiles) {
-    AddSome();
-    for (const auto& [values, names] : Table<KelContainer, Texts>{
-             {KelContainer(), {"a", "b", "c"}},
-             {Make({{"SortAttr", "TransferredData"}}), {"a", "b", "c"}},
-             {Make({{"SortAttr", "filesize"}, {"SortOrder", "DESC"}}), {"a", "c", "b"}},
-             {Make({{"ListUpstream", true}}), {"up"}},
-             {Make({{"SortAttr", "FileName; DROP TABLE Files"}}), {}},
-             {Make({{"SortOrder", "ASC, FileId"}}), {}}})
-        EXPECT_EQ(ReadValues(Ask("FileStoreListFiles", values, names.empty() ? kKelErrorBadInput : kKelOk),
-                             "FileName"),
-                  names)
-            << values.SaveToXML();
-}
-
 TEST_F(FileQueries, GivesTheDetailsOfOneFile) {
-    AddSome();
-    const KelContainer file = Ask("FileStoreGetFileInfo", Make({{"FileId", 4}})).GetContainer("Values");
+    AddFile(kDown, "c", "AVAILABLE", "FileSize = 2");
+    const KelContainer file = Ask("FileStoreGetFileInfo", Make({{"FileId", 1}})).GetContainer("Values");
     EXPECT_EQ(Read(file,
                    "FileId FileType FileLabel FileName FileChecksum FileSize Upstream KeepCopy Bypass "
                    "Acknowledged Priority SourceDevice FirstRelay TransferredBytes TransferredData"),
-              "4|t|l|c|c|2|false|0|false|false|100|||0|100 %");
+              "1|t|l|c|c|2|false|0|false|false|100|||0|100 %");
     EXPECT_TRUE(file.Has("CreateTime"));
     EXPECT_EQ(file.GetString("FileStatus"), filestore::kStatusAvailable);
     EXPECT_EQ(file.GetType("FileSize"), KelContainer::Type::Int64);
@@ -151,6 +128,60 @@ TEST_F(FileQueries, PackageListGoesUpstreamOnceInAWhile) {
     EXPECT_EQ(sent.Count("FileName"), 2U);
     EXPECT_EQ(sent.GetString("FileName", "", 1), "p2");
     EXPECT_TRUE(DirList(FileStore::strModuleDataPath + "/Temp").empty());  // refused: nothing is left behind
+}
+
+// ---- lists
+
+struct FileList : StoreTest {
+    FileList() {
+        // By pairs equal in type, label and name: their order is that of checksum and number.
+        for (const char* name : {"b", "a", "b", "c", "a"})
+            AddFile(kDown, name, "AVAILABLE", "FileChecksum = 'x'");
+        AddFile(kDown, "d", "TOBEREQUESTED");
+        AddFile(kDown, "e", "OBSOLETE");
+    }
+
+    static KelString Ids(const KelContainer& list) {
+        KelString ids;
+        for (std::uint32_t i = 0; list.Has("Values") && i < list.Count("Values"); ++i)
+            ids += list.GetContainer("Values", i).GetString("FileId");
+        return ids;
+    }
+};
+
+TEST_F(FileList, PartsFitTogetherAndKnowTheWhole) {
+    for (const auto& [values, ids] : Table<KelContainer, const char*>{
+             {KelContainer(), "251346"},
+             {Make({{"Limit", 2}}), "25"},
+             {Make({{"Offset", 2}, {"Limit", 2}}), "13"},
+             {Make({{"Offset", 4}, {"Limit", 9}}), "46"},
+             {Make({{"Offset", 6}}), ""},
+             {Make({{"Limit", 0}}), ""},
+             {Make({{"SortAttr", "TransferredData"}}), "251346"},
+             {Make({{"Limit", "5000000000"}}), "251346"},
+             {Make({{"SortAttr", "FileStatus"}, {"SortOrder", "DESC"}, {"Limit", 3}}), "612"}}) {
+        SCOPED_TRACE(values.SaveToXML());
+        const KelContainer list = Ask("FileStoreListFiles", values);
+        EXPECT_EQ(Ids(list), ids);
+        EXPECT_EQ(list.GetInt64("TotalCount"), 6);
+    }
+    for (const char* name : {"Offset", "Limit"})
+        Ask("FileStoreListFiles", Make({{name, -1}}), kKelErrorBadInput);
+    for (const auto& [name, value] :
+         {std::pair("SortAttr", "FileName; DROP TABLE Files"), {"SortOrder", "ASC, FileId"}})
+        Ask("FileStoreListFiles", Make({{name, value}}), kKelErrorBadInput);
+}
+
+TEST_F(FileList, CountsByStatusNeedNoList) {
+    AddFile(kUp, "up", "TOBEUPLOADED");
+    const KelContainer down = Ask("FileStoreListFiles", Make({{"CountsOnly", true}}));
+    EXPECT_FALSE(down.Has("Values"));
+    EXPECT_EQ(down.GetContainer("Counts").GetNameCount(), 2U);
+    EXPECT_EQ(down.GetContainer("Counts").GetInt32(filestore::kStatusAvailable), 5);
+    EXPECT_EQ(down.GetContainer("Counts").GetInt32(filestore::kStatusToBeRequested), 1);
+    const KelContainer up = Ask("FileStoreListFiles", Make({{"CountsOnly", true}, {"ListUpstream", true}}));
+    EXPECT_EQ(up.GetInt64("TotalCount"), 1);
+    EXPECT_EQ(up.GetContainer("Counts").GetInt32(filestore::kStatusToBeUploaded), 1);
 }
 
 }  // namespace

@@ -1,3 +1,4 @@
+#include "filestore/down/pull_thread.h"
 #include "filestore/file_store_fixture.h"
 #include "filestore/up/handle_thread.h"
 
@@ -25,6 +26,9 @@ struct LocalOfferTest : StoreTest {
             WriteFile(source, content);
             return 0U;
         });
+    }
+    static KelString StoredPath(Side side) {
+        return FileStore::StorePath(side, {"t", "l", "n", TextMd5("abc")});
     }
     static KelString StoredContent(Side side, const KelString& checksum) {
         return Content(FileStore::StorePath(side, {"t", "l", "n", checksum}));
@@ -178,24 +182,15 @@ TEST_F(LocalOfferTest, SourceThatChangesWhileItIsTakenIsNotStoredUnderItsOldChec
     }
 }
 
-/// What a kill between placing the content and committing the row leaves is what a row that cannot be
-/// committed leaves.
-TEST_F(LocalOfferTest, MovedSourceIsThereUntilItsRowIsCommitted) {
+TEST_F(LocalOfferTest, MovedSourceGoesUnlessItIsTheStoresOwn) {
     for (const Side side : {kUp, kDown}) {
         SCOPED_TRACE(filestore::SideName(side));
         const KelString source = MakeFile("source", "abc");
-        const KelContainer offer = With(Offer("t", ""), {{"Upstream", side == kUp}, {"MovePath", source}});
-        auto full = Refuse(side, KelFormat("%s ON Files WHEN NEW.FileStatus <> #RECEIVING#",
-                                           side == kUp ? "INSERT" : "UPDATE"));
-        EXPECT_EQ(Receive(offer), 1U);
-        EXPECT_EQ(Content(source), "abc");
-        EXPECT_EQ(Count(side), "0");
-        full.reset();
-        Accept(offer);
+        const KelContainer offer = With(Offer("t", TextMd5("abc")), {{"Upstream", side == kUp}});
+        Accept(offer, {{"MovePath", source}});
         EXPECT_FALSE(FileExists(source));
-        const KelString stored = OnlyRow(side).FilePath;
-        Accept(offer, {{"FileChecksum", TextMd5("abc")}, {"MovePath", stored}});
-        EXPECT_EQ(Content(stored), "abc") << "the store's own name for it was removed";
+        Accept(offer, {{"MovePath", OnlyRow(side).FilePath}});
+        EXPECT_EQ(Content(OnlyRow(side).FilePath), "abc");
     }
 }
 
@@ -233,6 +228,42 @@ TEST_F(LocalOfferTest, ReplayedOfferStoresItsContentAndSetsTheNextStatus) {
     Ask("FileStoreReceiveUnconnectedFile", With(Offer("Inventory"), {{"FilePath", source}}));
     EXPECT_EQ(Content(OnlyRow(kUp).FilePath) + Content(source), "abcabc");
     EXPECT_EQ(OnlyFields(kUp, "FileStatus, Priority"), "TOBEHANDLED|100");
+}
+
+// ---- offers that the database does not take
+
+/// A kill between placing the content and committing the row leaves the same.
+TEST_F(LocalOfferTest, RefusedByTheDatabaseLeavesNothingInTheStoreButTheOnlyCopy) {
+    for (const Side side : {kUp, kDown})
+        for (const char* value : {"CopyPath", "MovePath"})
+            for (const bool isOnlyCopy : {false, true}) {
+                const auto trace = Begin(KelFormat("%s %s %d", filestore::SideName(side), value, isOnlyCopy));
+                const KelString source = Root() + "/source";
+                WriteFile(isOnlyCopy ? StoredPath(side) : source, "abc");
+                const KelString changes = KelFormat("%s ON Files WHEN NEW.FileStatus <> #RECEIVING#",
+                                                    side == kUp ? "INSERT" : "UPDATE");
+                const auto full = Refuse(Database(side), changes);
+                EXPECT_EQ(Receive(Offer("t", TextMd5("abc")), {{"Upstream", side == kUp}, {value, source}}),
+                          1U);
+                EXPECT_EQ(Count(side), "0");
+                EXPECT_EQ(Content(StoredPath(side)), isOnlyCopy ? "abc" : "(none)");
+                EXPECT_EQ(FileExists(source), !isOnlyCopy);
+                FileDelete(StoredPath(side));
+                FileDelete(source);
+            }
+}
+
+TEST_F(LocalOfferTest, RowThatCouldNotBePutBackIsPutBackLater) {
+    const KelString source = MakeFile("source", "abc");
+    ChangeWhileItIsTaken(source, "changed while it is taken");
+    auto full = Refuse(Database(kDown), "DELETE ON Files");
+    EXPECT_EQ(Receive(Offer("t", ""), {{"CopyPath", source}, {"SourceDevice", "any"}}), 1U);
+    Exposed<FileStorePullThread> pull;
+    pull.DoWork();
+    EXPECT_EQ(OnlyFields(kDown), "RECEIVING");
+    full.reset();
+    pull.DoWork();
+    EXPECT_EQ(Count(kDown), "0");
 }
 
 }  // namespace

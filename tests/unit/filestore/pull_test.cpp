@@ -129,6 +129,14 @@ TEST_F(DownloadTest, SizeThatWasNotAnnouncedIsAskedForAndBoundsTheTransfer) {
         EXPECT_EQ(Step(), 1);
         EXPECT_EQ(Fields(kDown, fileId), status);
     }
+    DeleteRows();
+    AnswerAsParent([](const TestHttpServer::Request& request) -> TestHttpServer::Answer {
+        if (request.method == "GET") return {0, "", "HTTP/1.1 200 OK\r\nContent-Length: 1073741825\r\n\r\nx"};
+        return TestHttpServer::ActionResult(1);
+    });
+    Wanted("endless", "FileSize = 0");
+    EXPECT_EQ(Step(), 1);
+    EXPECT_TRUE(HasLogged(KelDebugLevel::Error, "does not end within"));
 }
 
 TEST_F(DownloadTest, TransferMakesWayForAMoreUrgentFileAndGoesOnBehindIt) {
@@ -153,14 +161,6 @@ TEST_F(DownloadTest, HighestPriorityThenOldestRowGoesFirstAndAWaitingOneIsPassed
     while (Step() != 0) {
     }
     EXPECT_EQ(RequestedNames(), (Texts{"failed-long-ago", "first", "second", "third"}));
-}
-
-TEST_F(DownloadTest, NamedSourceDeviceIsAskedInsteadOfTheParent) {
-    const TestHttpServer source(TestHttpServer::FileScript(content_));
-    Wanted("n", "SourceDevice = '" + source.HostAndPort() + "/0A1B0000-0000-4000-8000-0000000000C1'");
-    EXPECT_EQ(Step(), 1);
-    EXPECT_EQ(OnlyFields(kDown), "AVAILABLE");
-    EXPECT_TRUE(Parent().Requests().empty());
 }
 
 TEST_F(DownloadTest, MulticastOfferIsHandedToTheHttpModule) {

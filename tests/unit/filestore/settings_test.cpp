@@ -41,15 +41,10 @@ TEST_F(Settings, CommentsOfTheShippedFileNameTheDefaults) {
 }
 
 TEST_F(Settings, ValuesOfTheFileAreClampedAndUsedAsFarAsTheyAreUsable) {
-    for (const auto& [section, key, text, name, expected] :
-         Table<const char*, const char*, const char*, const char*, int>{
-             {"FileStore", "PullTimeout", "-1", "PullTimeout", 300},
-             {"FileStore", "FrameSize", "big", "FrameSize", 1492},
-             {"Multicast", "MulticastMinimumSuccessRate", "150", "MulticastSuccessRate", 100}}) {
-        SetIni(section, key, text);
-        FileStore::ReadSettings();
-        EXPECT_EQ(Get().GetInt32(name), expected) << key << "=" << text;
-    }
+    SetIni("FileStore", "FrameSize", "big");
+    SetIni("Multicast", "MulticastMinimumSuccessRate", "150");
+    FileStore::ReadSettings();
+    EXPECT_EQ(Read(Get(), "FrameSize MulticastSuccessRate"), "1492|100");
     SetIni("FileStore", "TrustedAddressRange", "10.0.0.1-10.0.0.9, nonsense");
     FileStore::ReadSettings();
     EXPECT_FALSE(IsTrusted("10.0.0.9"));
@@ -127,16 +122,15 @@ TEST_F(Settings, ChangesAreClampedWrittenAndInForceAtOnce) {
 
 TEST_F(Settings, OneUnusableValueChangesNothing) {
     const KelContainer before = Get();
-    const std::pair<const char*, Value> unusable[] = {{"PushTimeout", "soon"},
-                                                      {"PushTimeout", 5'000'000'000},
-                                                      {"PackageTTL", -1},
-                                                      {"EnableDialupUploads", "perhaps"},
-                                                      {"QueueGap", "banana"},
-                                                      {"ConcatFiles", "sometimes"},
-                                                      {"MulticastAddress", "everywhere"},
-                                                      {"ExcludedFileType", "a\n[FileStore]\nQueueGap=0"},
-                                                      {"PackagesRepositoryPath", KelContainer()}};
-    for (const auto& [name, value] : unusable) {
+    for (const auto& [name, value] :
+         Table<const char*, Value>{{"PushTimeout", "soon"},
+                                   {"PushTimeout", 5'000'000'000},
+                                   {"PackageTTL", -1},
+                                   {"EnableDialupUploads", "perhaps"},
+                                   {"ConcatFiles", "sometimes"},
+                                   {"MulticastAddress", "everywhere"},
+                                   {"ExcludedFileType", "a\n[FileStore]\nQueueGap=0"},
+                                   {"PackagesRepositoryPath", KelContainer()}}) {
         SCOPED_TRACE(name);
         ChangeSettings(Make({{"FrameSize", 5555}, {name, value}}), kKelErrorBadInput);
     }

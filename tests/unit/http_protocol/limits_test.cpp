@@ -47,22 +47,6 @@ TEST_F(LimitsTest, ConnectionsBeyondTheLimitOfAnAddressAreClosed) {
         << "a place came free";
 }
 
-TEST_F(LimitsTest, EntriesThatAreNoNumbersAreToldOrKeepItFromStarting) {
-    for (const auto& [entry, value] : {std::pair{"Port=", "24790 ; the port"},
-                                       {"BwPort=", "-1"},
-                                       {"BwPort=", "65536"},
-                                       {"[Ssl]\nPort=", "x"}}) {
-        WriteIni("HttpProtocol", std::string("[HttpProtocol]\n") + entry + value + "\n");
-        const RunningModule<HttpProtocol> refused(Start::Fails);
-        EXPECT_EQ(log_->Count(KelDebugLevel::Error, std::string("cannot be '") + value + "'"), 1);
-    }
-    Start("Workers=abc\nFileWorkers=0\nIoThreads=1\n");
-    for (const char* warning :
-         {"Workers in section HttpProtocol cannot be 'abc'", "FileWorkers in section HttpProtocol is 0"})
-        EXPECT_EQ(log_->Count(KelDebugLevel::Warning, warning), 1);
-    EXPECT_EQ(Connect().Ask("GET", "/").status, 401);
-}
-
 TEST_F(LimitsTest, TheProbePortTakesEverythingAndAnswersNothing) {
     Start();
     const std::uint16_t port = Port();  // a free one, once the server has left it

@@ -17,19 +17,11 @@ TEST(Text, CaseFoldingIsForAsciiLettersOnly) {
     EXPECT_FALSE(IsEqualTo("a", "A", true) || IsEqualTo("a", "ab", false));
 }
 
-TEST(Text, TrimReplaceAndSplit) {
-    EXPECT_EQ(Trim(" \t\r\n a b \n"), "a b");
-    EXPECT_EQ(Trim(" \t"), "");
+TEST(Text, ReplaceAndSplitAtTheirEdges) {
     EXPECT_EQ(ReplaceAll("aaa", "aa", "a"), "aa") << "what was put in is not searched again";
     EXPECT_EQ(ReplaceAll("abc", "", "x"), "abc");
     EXPECT_EQ(SplitText("", '/'), (Pieces{""}));
     EXPECT_EQ(SplitText("/a//", '/'), (Pieces{"", "a", "", ""}));
-    StringTokeniser tokens("host:1/GUID", '/');
-    EXPECT_EQ(tokens.GetToken(1) + tokens.GetToken(2), "GUID");
-    Pieces walked;
-    for (KelString token; tokens.GetNextToken(token);)
-        walked.push_back(token);
-    EXPECT_EQ(walked, (Pieces{"host:1", "GUID"}));
 }
 
 TEST(Text, NumbersAreTakenWholeOrNotAtAll) {

@@ -9,8 +9,10 @@
 
 #include "kelcore/callback_db.h"
 #include "kelcore/error_codes.h"
+#include "kelcore/http/url.h"
 #include "kelcore/json.h"
 #include "kelcore/module.h"
+#include "test_http_server.h"
 
 namespace {
 
@@ -58,17 +60,6 @@ TEST_F(ActionDbTest, WhatAHandlerThrowsStaysInside) {
     EXPECT_EQ(Call("Throws"), kKelErrorInternal);
     EXPECT_EQ(Call("ThrowsInt"), kKelErrorInternal);
     ActionDbUnregisterAll("First");  // would hang if a failed call still counted
-}
-
-TEST_F(ActionDbTest, HandlersMayCallAndRegisterActions) {
-    Register("Inner ()", [](KelContainer* container) { return container->SetInt32("Value", 42), 4u; });
-    Register("Outer ()", [](KelContainer* container) {
-        Register("Late ()", Returning(5));
-        return Call("Inner", container) + Call("Late");
-    });
-    KelContainer container;
-    EXPECT_EQ(Call("Outer", &container), 9u);
-    EXPECT_EQ(container.GetInt32("Value"), 42);
 }
 
 TEST_F(ActionDbTest, UnregisteringAModuleWaitsForItsCallsEvenOfReplacedActions) {
@@ -169,60 +160,66 @@ TEST_F(CallbackDbTest, ASubscriberMayUnsubscribeWhileItIsCalled) {
     EXPECT_EQ(Calls(), "Bx");
 }
 
-class SampleModule : public KelModule {
+class FailingModule : public KelModule {
   public:
-    SampleModule() : KelModule("Sample", "Sample module") {}
-
-    KelString did;
-    bool works = true;
-    bool throws = false;
-    std::optional<KelString> serverAddress;
+    FailingModule() : KelModule("Failing", "Failing module") {}
 
   protected:
-    void Register(const char* handle) override { Do(KelString("register ") + handle); }
-    bool Initialise() override { return Do("initialise"); }
-    bool Activate() override { return Do("activate"); }
-    bool Suspend() override { return Do("suspend"); }
-    std::optional<KelString> ServerAddress() const override { return serverAddress; }
-    void Cleanup() override { Do("cleanup"); }
-    void Unregister() override { Do("unregister"); }
-
-  private:
-    bool Do(const KelString& what) {
-        did = what;
-        if (throws) throw std::runtime_error("broken");
-        return works;
-    }
+    void Register(const char*) override { throw std::runtime_error("broken"); }
+    void Unregister() override { throw 5; }
+    bool Activate() override { return false; }
+    bool Suspend() override { return false; }
+    std::optional<KelString> ServerAddress() const override { return KelString(1000, 'x'); }
 };
 
-TEST(Module, OperationsReachTheirFunctions) {
-    char buffer[kModuleTextBytes] = "Handle";
-    for (const auto& [operation, did] :
-         std::initializer_list<std::pair<unsigned int, const char*>>{{1, "register Handle"},
-                                                                     {2, "unregister"},
-                                                                     {3, "initialise"},
-                                                                     {4, "activate"},
-                                                                     {5, "cleanup"},
-                                                                     {9, "suspend"}}) {
-        SampleModule module;
-        EXPECT_EQ(module.Run(operation, 0, buffer), kModuleSuccess) << operation;
-        EXPECT_EQ(module.did, did);
-        module.works = did[0] != 'i' && did[0] != 'a' && did[0] != 's';
-        EXPECT_EQ(module.Run(operation, 0, buffer) == kModuleSuccess, module.works) << operation;
-        module.throws = true;
-        EXPECT_EQ(module.Run(operation, 0, buffer), kModuleFailure) << operation;
-    }
-    for (const unsigned int operation : {0, 8, 10})
-        EXPECT_EQ(SampleModule().Run(operation, 0, buffer), 5u) << operation;
-    EXPECT_EQ(SampleModule().Run(1, 0, nullptr), kModuleFailure);
+TEST(Module, FailuresAndUnknownOperationsAreResultsAndTextsAreCutToTheirBuffer) {
+    char buffer[kModuleTextBytes];
+    for (const unsigned int failing : {1, 2, 4, 9})
+        EXPECT_EQ(FailingModule().Run(failing, 0, buffer), kModuleFailure) << failing;
+    for (const unsigned int unknown : {0, 8, 4096})
+        EXPECT_EQ(FailingModule().Run(unknown, 0, buffer), 5U) << unknown;
+    EXPECT_EQ(FailingModule().Run(10, 0, buffer), kModuleSuccess);
+    EXPECT_EQ(KelString(buffer), KelString(kModuleTextBytes - 1, 'x'));
 }
 
-TEST(Module, TextsAreCutToTheirBuffer) {
-    char buffer[kModuleTextBytes];
-    SampleModule module;
-    module.serverAddress = KelString(1000, 'x');
-    EXPECT_EQ(module.Run(10, 0, buffer), kModuleSuccess);
-    EXPECT_EQ(KelString(buffer), KelString(kModuleTextBytes - 1, 'x'));
+// ---- calls of other devices
+
+KelString UrlOf(const TestHttpServer& server) {
+    return UrlForAgent("agent", "pass word", server.HostAndPort()) + "/ignored/path";
+}
+
+/// A call that fails: its code. The container must stay as it was.
+unsigned int FailingCall(const KelString& deviceUrl) {
+    KelContainer container;
+    container.SetInt32("Kept", 1);
+    const unsigned int result =
+        ActionDbInvokeContainer("Test", deviceUrl, "SampleAction", container, 0, 5, 5, nullptr);
+    EXPECT_EQ(container.GetInt32("Kept"), 1);
+    return result;
+}
+
+TEST(RemoteAction, AFailureLeavesTheContainerAsItWas) {
+    const KelString challenge =
+        "WWW-Authenticate: Digest realm=\"r\", nonce=\"n\", algorithm=SHA-256, qop=\"auth\"\r\n";
+    const KelString empty = "<Container></Container>";
+    const std::tuple<const char*, TestHttpServer::Answer, unsigned int> cases[] = {
+        {"unknown action", {404, "", ""}, kKelErrorUnknownAction},
+        {"unauthorised", {401, challenge, ""}, kKelErrorCredentials},
+        {"too large", {413, "Kel-Result: 0\r\n", ""}, kKelErrorBadAnswer},
+        {"no result", {200, "", empty}, kKelErrorBadAnswer},
+        {"no number", {200, "Kel-Result: 1x\r\n", empty}, kKelErrorBadAnswer},
+        {"large number", {200, "Kel-Result: 4294967296\r\n", empty}, kKelErrorBadAnswer},
+        {"malformed body", {200, "Kel-Result: 0\r\n", "<Container>"}, kKelErrorBadAnswer},
+        {"no answer", {0}, kKelErrorUnreachable},
+    };
+    KelString url;
+    for (const auto& [name, answer, result] : cases) {
+        TestHttpServer server([&answer = answer](const auto&) { return answer; });
+        url = UrlOf(server);
+        EXPECT_EQ(FailingCall(url), result) << name;
+    }
+    for (const KelString& device : {url, KelString("ftp://host"), KelString("http://")})
+        EXPECT_EQ(FailingCall(device), kKelErrorUnreachable) << device << ": no server, or no address of one";
 }
 
 }  // namespace

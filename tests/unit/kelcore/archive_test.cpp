@@ -33,26 +33,6 @@ class ArchiveTest : public testing::Test {
     GenericArchive archive_{kArchiveZip};
 };
 
-TEST_F(ArchiveTest, KeepsTheFirstEntryFirstWhenMoreAreAdded) {
-    const std::string content = std::string(300'000, 'l') + "end";
-    const std::string large = Source("large", content);
-    const std::string empty = Source("empty", "");
-    Pack({{"Index.xml", "<index/>"}});
-    for (const std::string prefix : {"upstream/0/", "upstream/1/"}) {
-        ASSERT_EQ(archive_.Open(path_), kArchiveDone) << archive_.GetErrorText();
-        ASSERT_EQ(archive_.AddEntry(prefix + "\xC3\xA9 b", large, 6), kArchiveDone);
-        ASSERT_EQ(archive_.AddEntry(prefix + "a", empty, 0), kArchiveDone);
-        ASSERT_EQ(archive_.Close(), kArchiveDone) << archive_.GetErrorText();
-    }
-    EXPECT_TRUE(Read() == (Entries{{"Index.xml", "<index/>"},
-                                   {"upstream/0/\xC3\xA9 b", content},
-                                   {"upstream/0/a", ""},
-                                   {"upstream/1/\xC3\xA9 b", content},
-                                   {"upstream/1/a", ""}}));
-    EXPECT_LT(std::filesystem::file_size(path_), 10'000U) << "deflated";
-    EXPECT_EQ(FilesInFolder(), 4U) << "no working file is left";
-}
-
 TEST_F(ArchiveTest, StoresAsItIsWhatReceiversWouldTakeForABomb) {
     const std::string zeros(3 << 20, '\0');
     std::string text;

@@ -72,11 +72,4 @@ TEST(IniSettings, AValueIsUsedMovedIntoItsBoundsReplacedOrRefused) {
     }
 }
 
-TEST(IniSettings, ANameIsSuggestedOnlyWhenItIsNear) {
-    const KelVector<KelString> names = {"Timeout", "PullTimeout", "PushTimeout"};
-    for (const auto& [misspelt, nearest] : std::vector<std::pair<const char*, const char*>>{
-             {"timeot", "Timeout"}, {"PusTimeout", "PushTimeout"}, {"Colour", ""}, {"", ""}})
-        EXPECT_EQ(NearestName(misspelt, names), nearest) << misspelt;
-}
-
 }  // namespace

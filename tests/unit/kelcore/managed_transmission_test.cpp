@@ -77,13 +77,9 @@ TEST(ManagedTransmission, ASleepEndsWithItsWindowItsRateOrItsCaller) {
 
 TEST(ManagedTransmission, RelativeRatesAreSharesOfTheProbedBandwidth) {
     using Manager = FakeBandwidthManager;
-    struct Case {
-        const char* name;
-        std::size_t pieceBytes;  // a twentieth of a second at the expected rate
-        std::size_t probes;
-        void (*change)(Manager& manager);  // from half of a probed bandwidth of 2 MB/s
-    };
-    const Case cases[] = {
+    // the bytes of a twentieth of a second at the expected rate, the probes, and what differs from half of a
+    // probed bandwidth of 2 MB/s
+    const std::tuple<const char*, std::size_t, std::size_t, void (*)(Manager&)> cases[] = {
         {"half", 50'000, 1, [](Manager&) {}},
         {"half among four", 12'500, 1, [](Manager& manager) { manager.clients = 4; }},
         {"no clients told", 50'000, 1, [](Manager& manager) { manager.clients = 0; }},
@@ -93,12 +89,12 @@ TEST(ManagedTransmission, RelativeRatesAreSharesOfTheProbedBandwidth) {
         {"probe fails", 31'250, 1, [](Manager& manager) { manager.bytesPerSecond = 0; }},
         {"peer silent", 31'250, 0, [](Manager& manager) { manager.peerAnswers = false; }},
     };
-    for (const Case& test : cases) {
-        SCOPED_TRACE(test.name);
+    for (const auto& [name, pieceBytes, probes, change] : cases) {
+        SCOPED_TRACE(name);
         Manager manager;
         manager.rate = 50;
         manager.bytesPerSecond = 2'000'000;
-        test.change(manager);
+        change(manager);
         manager.percentage = !manager.perThousand;
         HttpManagedTransmission transmission(manager);
         EXPECT_TRUE(transmission.NeedsPeer());
@@ -107,8 +103,8 @@ TEST(ManagedTransmission, RelativeRatesAreSharesOfTheProbedBandwidth) {
         ASSERT_TRUE(transmission.Start());
         for (int i = 0; i < 3; ++i)
             ASSERT_TRUE(transmission.Pass(10));
-        EXPECT_EQ(transmission.PieceBytes(), test.pieceBytes);
-        EXPECT_EQ(manager.probes, std::vector<std::string>(test.probes, "10.0.0.1:7000"));
+        EXPECT_EQ(transmission.PieceBytes(), pieceBytes);
+        EXPECT_EQ(manager.probes, std::vector<std::string>(probes, "10.0.0.1:7000"));
         EXPECT_EQ(manager.counts, std::vector<bool>{true}) << "not asked again before its time";
     }
 }

@@ -4,9 +4,8 @@
 
 #include <ctime>
 
-#include "fake_parent.h"
 #include "kel/checksum.h"
-#include "kelcore/http/client.h"
+#include "module_fixture.h"
 #include "modules/relay/relay.h"
 
 namespace {
@@ -26,7 +25,6 @@ class UnconnectedReplayTest : public ModuleFixture {
         });
         logger_.SetContext(log_);
     }
-    void TearDown() override { HttpClientCloseIdleConnections(); }
 
     std::string Folder(const std::string& kind) { return root_ / ("data/FileStore/unconnected/" + kind); }
 
@@ -157,21 +155,6 @@ TEST_F(UnconnectedReplayTest, UnusableRequestsAreMovedAsideOnceTheyAreSurelyComp
     EXPECT_EQ(FileCount("damaged"), 8) << "with the content that had not its checksum";
     EXPECT_EQ(FileCount("inventory"), 1);
     EXPECT_EQ(log_->Count(KelDebugLevel::Error, "is no usable request"), 8);
-}
-
-TEST_F(UnconnectedReplayTest, TheModuleReplaysOnceTheParentAnswers) {
-    Configure("");
-    FakeParent parent(kGuid);
-    parent.status = 500;
-    WriteIni("Relay", parent.ChildIni("client"));
-    KeepFile("disks", "content");
-    ActiveModule<Relay> module;
-    ASSERT_TRUE(Eventually([&] { return parent.GetCallCount() >= 2; }));
-    EXPECT_EQ(FileCount("inventory"), 2);
-    parent.status = 200;
-    EXPECT_TRUE(Eventually([this] { return FileCount("inventory") == 0; }));
-    module.Cleanup();
-    EXPECT_EQ(taken_.size(), 1U);
 }
 
 TEST_F(UnconnectedReplayTest, AMasterReplaysWithoutAParent) {
