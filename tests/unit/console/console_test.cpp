@@ -43,23 +43,34 @@ TEST_F(ConsoleTest, PublishCopiesTheFileIntoTheServedFolderAndOffersItToTheStore
                   "FilePath=" + root_ / ("data/Console/" + below)});
     EXPECT_EQ(TempFolder::Read(offer.GetString("FilePath")), "content");
     ExpectValues(offer, passedOn);
-    EXPECT_EQ(offer.GetContainer("FileInfo"), info);
+    ExpectValues(offer.GetContainer("FileInfo"),
+                 {"Note=x", "PublicationId=" + result.GetString("PublicationId")});
     EXPECT_FALSE(offer.Has("HttpProtocolRequestInfo"));
     const KelContainer north = With({}, kNorthPath, With({}, kClientPath, {}));
     EXPECT_EQ(offer.GetContainer("DevicePath"), With({}, kMasterPath, north));
 }
 
-TEST_F(ConsoleTest, TheSameAndADamagedCopyMayBePublishedAgain) {
+TEST_F(ConsoleTest, WhatIsPublishedAgainIsOrderedAndADamagedCopyReplaced) {
     TempFolder::Write(root_ / "data/Console/Incoming/.kel-stale", "left by a kill");
     RunningModule<Console> module;
+    KelContainer published;
     for (int i = 0; i < 3; ++i) {
-        EXPECT_EQ(Publish(Request("all")).GetInt32("Targets"), 2);
+        published = Publish(Request("all"));
+        EXPECT_EQ(published.GetInt32("Targets"), 2);
         EXPECT_EQ(TempFolder::Read(Offers().at(0).GetString("FilePath")), "content");
         TempFolder::Write(Offers()[0].GetString("FilePath"), "damaged");
     }
+    const KelContainer order = Offers().at(2);
+    EXPECT_EQ(order.GetContainer("DevicePath"), Offers()[0].GetContainer("DevicePath"));
+    ExpectValues(order, {"FileType=DeliveryOrder", "FileName=" + published.GetString("PublicationId")});
+    ExpectValues(order.GetContainer("FileInfo"), {"FileType=Package", "FileLabel=tools", "FileName=setup.bin",
+                                                  "FileChecksum=" + TextMd5("content")});
+    EXPECT_GT(order.GetContainer("FileInfo").GetInt64("PublicationTime"),
+              Offers()[1].GetContainer("FileInfo").GetInt64("PublicationTime"))
+        << "within one second, too";
     OnThreads(8, [this](int) { Publish(Request("north")); });
     ASSERT_EQ(OfferCount(), 11U);
-    EXPECT_EQ(TempFolder::Read(Offers()[10].GetString("FilePath")), "content");
+    EXPECT_EQ(TempFolder::Read(Offers()[0].GetString("FilePath")), "content");
     EXPECT_TRUE(std::filesystem::is_empty(root_ / "data/Console/Incoming"));
 }
 

@@ -31,8 +31,9 @@ TEST_F(ConsoleRecoveryTest, NewDatabaseHasAnotherIdentifierThanTheLostOne) {
     EXPECT_FALSE(ids[0].empty() || ids[2].empty());
 }
 
-/// The identity of the relay north, which the ini file also has, and of its store.
-TEST_F(ConsoleRecoveryTest, WhatIsPendingBelowALostStoreIsOfferedAgain) {
+/// The identities of devices and of their stores. The first one of the master follows its start, perhaps from
+/// a backup.
+TEST_F(ConsoleRecoveryTest, WhatIsPendingBelowALostStoreOrAfterAStartIsOrderedAgain) {
     const RunningModule<Console> console;
     Publish(Request(kClient));
     int time = 1000;
@@ -58,18 +59,20 @@ TEST_F(ConsoleRecoveryTest, WhatIsPendingBelowALostStoreIsOfferedAgain) {
                                                                {kNorth, kNorthPath, "", 0U, 2U},
                                                                {std::string(other), otherPath, "1", 0U, 2U},
                                                                {std::string(other), otherPath, "2", 0U, 2U},
-                                                               {kMaster, kMasterPath, "1", 0U, 2U},
-                                                               {kMaster, kMasterPath, "2", 0U, 3U}}) {
+                                                               {kMaster, kMasterPath, "1", 1U, 2U},
+                                                               {kMaster, kMasterPath, "1", 0U, 3U},
+                                                               {kMaster, kMasterPath, "1", 0U, 3U},
+                                                               {kMaster, kMasterPath, "2", 0U, 4U}}) {
         SetStoreResult(refusal);
         EXPECT_EQ(report(guid, path, storeId),
                   static_cast<unsigned int>(refusal != 0 ? kKelAnswerTryLater : kKelAnswerStaysHere));
         EXPECT_EQ(OfferCount(), offers) << guid << " " << storeId;
     }
     const KelVector<KelContainer> offered = Offers();
-    for (const char* name : {"FileType", "FileName", "FileChecksum", "FilePath", "FileURL"})
-        EXPECT_EQ(offered.back().GetString(name), offered.front().GetString(name));
+    const KelContainer wanted = offered.back().GetContainer("FileInfo");
+    for (const char* name : {"FileType", "FileName", "FileChecksum"})
+        EXPECT_EQ(wanted.GetString(name), offered.front().GetString(name));
     EXPECT_EQ(offered.back().GetContainer("DevicePath"), offered.front().GetContainer("DevicePath"));
-    EXPECT_TRUE(offered.back().GetBool("Repeated"));
 }
 
 }  // namespace
