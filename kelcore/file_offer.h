@@ -24,7 +24,7 @@ struct FileOffer {
     std::optional<KelString> firstRelay;
     std::optional<KelContainer> devicePath;
     std::optional<KelString> transportMode;
-    std::optional<bool> repeated;  ///< after a device has lost its database: who has the file keeps it
+    std::optional<bool> repeated;  ///< perhaps not for the first time: who has the file keeps it
 
     // Where the content lies on this device: one of them at most.
     std::optional<KelString> movePath;

@@ -23,17 +23,22 @@ inline constexpr const char* kValueSourceDevice = "SourceDevice";  // device URL
 inline constexpr const char* kValueFirstRelay = "FirstRelay";      // device URL
 inline constexpr const char* kValueDevicePath = "DevicePath";      // container: the tree of targets
 inline constexpr const char* kValueTransportMode = "TransportMode";
-inline constexpr const char* kValueDeviceGuid = "DeviceGUID";    // device URL of who asks or acknowledges
-inline constexpr const char* kValueRepeated = "Repeated";        // bool: offered again after a loss
-inline constexpr const char* kValueContentHeld = "ContentHeld";  // bool: there is no need to send it
+inline constexpr const char* kValueDeviceGuid = "DeviceGUID";  // device URL of who asks or acknowledges
+inline constexpr const char* kValueRepeated = "Repeated";      // bool: may be known, and then stays as it is
+inline constexpr const char* kValueContentHeld = "ContentHeld";  // bool: the content is here already
 inline constexpr const char* kValueContentDamaged =
     "ContentDamaged";  // bool: what the called device serves is of no use
 inline constexpr const char* kValueUnconnected =
     "Unconnected";  // bool: to be kept until there is a connection
 
+// What a publication adds to the FileInfo of its file, or of its order.
+inline constexpr const char* kValuePublicationId = "PublicationId";      // string
+inline constexpr const char* kValuePublicationTime = "PublicationTime";  // int64, seconds since the epoch
+
 // Types of files that more than one module knows.
 inline constexpr const char* kIdentityFileType = "IdentityIdentity";  // a device's report about itself
 inline constexpr const char* kReceiptFileType = "DeliveryReceipt";    // what has become of a received file
+inline constexpr const char* kOrderFileType = "DeliveryOrder";        // a file is to be delivered again
 
 // Content on this device: one of them at most.
 inline constexpr const char* kValueMovePath = "MovePath";  // the content is taken over, the file goes

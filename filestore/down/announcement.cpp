@@ -98,7 +98,6 @@ FileOffer BuildAnnouncement(const FileTarget& row) {
     offer.priority = static_cast<std::int32_t>(file.Priority);
     offer.bypass = file.Bypass;
     offer.transportMode = file.TransportMode;
-    if (file.Repeated) offer.repeated = true;
     return offer;
 }
 

@@ -113,6 +113,7 @@ void EnsureTarget(std::uint64_t fileId, const Request& request) KEL_REQUIRES(Fil
         InsertTarget(fileId, request.deviceGuid, kDueSinceRequest);
     else if (request.multicast)
         SetNotifyTime(found->front().TargetId, 0);
+    FileStore::WakeWorker(Worker::Notify);
 }
 
 /// Records an unknown file as missing, to be fetched from further up for the requester.

@@ -2,7 +2,6 @@
 #include "filestore/db/files_table.h"
 #include "filestore/db/targets_table.h"
 #include "filestore/down/receive_offer.h"
-#include "filestore/down/repeated_offer.h"
 #include "filestore/down/target_list.h"
 #include "filestore/state/file_store.h"
 #include "filestore/state/store_layout.h"
@@ -91,7 +90,6 @@ void SetToBeDownloaded(FileStoreEntry& known, const Announcement& announced) {
         known.LastStatusChangeTime = 0;
     SetTransport(known, announced);
     known.FileStatus = kStatusDownloading;
-    known.Repeated = announced.file.Repeated;
     known.KeepCopy = announced.file.KeepCopy;
     known.Bypass = announced.file.Bypass;
     known.Priority = announced.file.Priority;
@@ -105,10 +103,6 @@ Recorded UpdateKnown(FileStoreEntry& known, const Announcement& announced,
                                     known.FileStatus);
     const bool isComplete = IsComplete(known);
     if (IsHere(known) || isComplete) FileStore::debugFileStore.Trace("Available file is notified again.\n");
-    if (announced.file.Repeated && known.FileStatus == kStatusAvailable) {
-        known.Acknowledged = false;  // the sender waits for it
-        return RepeatToDevicesBelow(known, targets) ? Recorded::ToBeDownloaded : Recorded::Failed;
-    }
     if (IsHere(known)) return Recorded::Unchanged;
     const auto waiting = FindTargets(known.FileId);
     if (!waiting) return Recorded::Failed;

@@ -2,7 +2,6 @@
 #include "filestore/db/files_table.h"
 #include "filestore/db/targets_table.h"
 #include "filestore/down/receive_offer.h"
-#include "filestore/down/repeated_offer.h"
 #include "filestore/down/target_list.h"
 #include "filestore/exchange/local_source.h"
 #include "filestore/state/device.h"
@@ -52,7 +51,6 @@ void SetAvailable(FileStoreEntry& entry, const FileStoreEntry& offered) {
     entry.Bypass = offered.Bypass;
     entry.KeepCopy = offered.KeepCopy;
     entry.Priority = offered.Priority;
-    entry.Repeated = offered.Repeated;
     entry.Acknowledged = true;
     entry.FileInfo = offered.FileInfo;
     entry.MulticastTransferToBeStarted = false;
@@ -130,19 +128,9 @@ FileStoreEntry ReadOffered(const KelContainer& arguments, const Offer& offer, co
     return offered;
 }
 
-/// True when the offer is a repeated one of a file that is available here: it says nothing of the file but to
-/// whom it goes. `result` is the offer's then.
-bool IsTakenAsRepeated(const Offer& offer, const KelContainer& devicePath, unsigned int& result) {
-    FileStoreEntry known(offer.key);
-    if (!offer.repeated || !LoadKnownFile(Side::Downstream, known) || known.FileStatus != kStatusAvailable)
-        return false;
-    const auto targets = TargetsOf(offer.wakeOnLan, devicePath);
-    const KelLock lock(FileStore::mutexDownstream);
-    const bool isRecorded = targets && known.LoadFromDatabase(known.FileId, Side::Downstream) &&
-                            RepeatToDevicesBelow(known, *targets);
-    result = isRecorded ? unsigned{kKelOk} : unsigned{kKelErrorNotAvailable};
-    FileStore::WakeWorker(Worker::Notify);
-    return true;
+bool IsAvailable(const FileKey& key) {
+    FileStoreEntry known(key);
+    return LoadKnownFile(Side::Downstream, known) && known.FileStatus == kStatusAvailable;
 }
 
 }  // namespace
@@ -156,8 +144,11 @@ void UndoFailedOffers() {
 unsigned int ReceiveDownstreamLocal(KelContainer& arguments, Offer& offer) {
     LocalSource source = ReadLocalSource(arguments);
     if (!FillChecksum(source, offer.key.checksum)) return kKelErrorBadInput;
-    unsigned int result = kKelOk;
-    if (IsTakenAsRepeated(offer, arguments.GetContainer(kValueDevicePath), result)) return result;
+    if (offer.repeated && IsAvailable(offer.key)) {
+        arguments.Clear();
+        arguments.SetBool(kValueContentHeld, true);
+        return kKelOk;
+    }
     FileStoreEntry offered = ReadOffered(arguments, offer, source);
     const KelContainer devicePath = arguments.GetContainer(kValueDevicePath);
     FileStore::debugFileStore.Print("Receiving downstream local file %S/%S/%S\n", offer.key.type,

@@ -16,7 +16,9 @@ unsigned int ReceiveDownstreamRemote(KelContainer& arguments, Offer& offer);
 
 /// A file that lies on this device (receive_local.cpp): its content is brought into the store or referred to
 /// where it is, and the file is announced to its targets by the notify thread. An empty checksum in `offer`
-/// receives the one of the content. Copies and hashes the content, which may take minutes.
+/// receives the one of the content. Copies and hashes the content, which may take minutes. A repeated offer
+/// of an available file changes nothing and is answered with ContentHeld: its targets are to request the
+/// file.
 unsigned int ReceiveDownstreamLocal(KelContainer& arguments, Offer& offer);
 
 /// Puts back the rows of failed local offers that the database refused to change when they failed. On the

@@ -1,4 +1,5 @@
 #include "filestore/db/handed_over_table.h"
+#include "filestore/exchange/file_record.h"
 #include "filestore/state/file_store.h"
 #include "filestore/state/store_layout.h"
 #include "kelcore/call_origin.h"
@@ -22,8 +23,8 @@ unsigned int Forget(const KelContainer& arguments) {
 }  // namespace
 
 /// For the modules of this device. Without arguments lists the files that were handed to them and that none
-/// has taken, as Values[i]{FileType, FileLabel, FileName, FileChecksum, FilePath}; with Taken[i]{FileType,
-/// FileLabel, FileName, FileChecksum} forgets these.
+/// has taken, as Values[i]{FileType, FileLabel, FileName, FileChecksum, FilePath, FileInfo}; with
+/// Taken[i]{FileType, FileLabel, FileName, FileChecksum} forgets these.
 unsigned int FileStore::ActionHandler_FileStoreGetUntakenFiles(KelContainer* arguments) {
     if (!ActionIsFromThisDevice(*arguments)) return kKelErrorBadInput;
     if (arguments->Has("Taken")) return Forget(*arguments);
@@ -33,6 +34,7 @@ unsigned int FileStore::ActionHandler_FileStoreGetUntakenFiles(KelContainer* arg
         KelContainer values;
         file.Key().Write(values);
         values.SetString(kValueFilePath, ContentPath(file, Side::Downstream));
+        values.SetContainer(kValueFileInfo, FileInfoOf(file));
         arguments->SetContainer("Values", std::move(values), index++);
     }
     return kKelOk;

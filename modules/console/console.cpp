@@ -231,9 +231,8 @@ unsigned int Console::Publish(KelContainer* arguments) {
         Log().Warning("Nothing was published: %S\n", result.Error().message);
         return Fail(arguments, result.Error());
     }
-    Log().Print("Published %S to %d devices as %S; %d have it already, %d cannot get it\n",
-                request->file.Text(), result->GetInt32("Targets"), result->GetString("PublicationId"),
-                result->GetInt32("Delivered"), result->GetInt32("Failed"));
+    Log().Print("Published %S to %d devices as %S\n", request->file.Text(), result->GetInt32("Targets"),
+                result->GetString("PublicationId"));
     *arguments = std::move(*result);
     return kKelOk;
 }

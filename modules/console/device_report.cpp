@@ -95,6 +95,9 @@ KelResult<DeliveryReceipt> ReadDeliveryReceipt(const KelContainer& content, cons
     if (const KelStatus checked = CheckSource(receipt.guid, sourceDevice); !checked) return checked.Error();
     receipt.file = FileKey::Read(content);
     if (const KelStatus checked = CheckKey(receipt.file); !checked) return checked.Error();
+    const std::uint32_t count = content.Has(kValuePublicationId) ? content.Count(kValuePublicationId) : 0;
+    for (std::uint32_t i = 0; i < count; ++i)
+        receipt.publications.push_back(content.GetString(kValuePublicationId, {}, i));
     receipt.status = content.GetString("Status");
     if (receipt.status != "delivered" && receipt.status != "failed")
         return Unusable("Status", receipt.status);

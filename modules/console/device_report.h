@@ -24,9 +24,10 @@ KelResult<IdentityReport> ReadIdentityReport(const KelContainer& content, const 
 struct DeliveryReceipt {
     KelString guid;
     FileKey file;
-    KelString status;       ///< "delivered" or "failed"
-    KelString message;      ///< without control characters, at most kMaxReceiptMessageBytes
-    std::int64_t time = 0;  ///< by the device's clock, seconds since the epoch
+    KelVector<KelString> publications;  ///< their identifiers; none: the file came without an order
+    KelString status;                   ///< "delivered" or "failed"
+    KelString message;                  ///< without control characters, at most kMaxReceiptMessageBytes
+    std::int64_t time = 0;              ///< by the device's clock, seconds since the epoch
 };
 KelResult<DeliveryReceipt> ReadDeliveryReceipt(const KelContainer& content, const KelString& sourceDevice);
 

@@ -47,8 +47,12 @@ bool HoldsContent(const KelString& path, const KelString& checksum) {
 
 }  // namespace
 
+KelString IncomingFolder(const KelString& root) {
+    return root + "/" + kIncoming;
+}
+
 void RemoveUnfinishedCopies(const KelString& root) {
-    DirDeleteTempFiles(root + "/" + kIncoming);
+    DirDeleteTempFiles(IncomingFolder(root));
 }
 
 PackageFile PlaceInPackages(const KelString& root, const KelString& label, const KelString& checksum,
@@ -63,7 +67,7 @@ PackageFile PlaceInPackages(const KelString& root, const KelString& label, const
 
 KelResult<PackageFile> CopyToPackages(const KelString& root, const KelString& source, const KelString& label,
                                       const KelString& name) {
-    const KelString incoming = root + "/" + kIncoming;
+    const KelString incoming = IncomingFolder(root);
     KelString copy;
     if (!PathCreate(incoming) || !FileCreateTemp(incoming, copy)) return CannotWrite(incoming);
     const FileRemover remover(copy);

@@ -25,6 +25,9 @@ KelResult<PackageFile> CopyToPackages(const KelString& root, const KelString& so
 PackageFile PlaceInPackages(const KelString& root, const KelString& label, const KelString& checksum,
                             const KelString& name);
 
+/// The folder beneath `root` for files in the making.
+KelString IncomingFolder(const KelString& root);
+
 /// Removes the unfinished copies that a killed process left beneath `root`. Only while nothing is copied.
 void RemoveUnfinishedCopies(const KelString& root);
 

@@ -1,7 +1,6 @@
 #pragma once
 
 #include <cstdint>
-#include <functional>
 
 #include "kel/mutex.h"
 #include "kel/result.h"
@@ -30,51 +29,22 @@ struct PublicationTarget {
     KelString message;
 };
 
-/// What is known about one device and a file's type, label and name.
-struct EarlierTarget {
-    KelString guid;
-    bool isSameContent = false;  ///< by the checksum
-    /// "delivered" or "failed": from the device's receipt; empty: its store took the file on the way to
-    /// others, or was offered it; "pending": a publication waits for it. Other contents are listed only when
-    /// "delivered" or "pending".
-    KelString status;
-    std::int64_t time = 0;  ///< as of a target
-    KelString message;
-};
-
-/// The state of a file on its targets before it goes out, and the devices that its offer reaches.
-struct TargetDecision {
-    KelVector<PublicationTarget> targets;
-    KelVector<KelString> takers;  ///< GUIDs of the pending targets and of all devices on the way, each once
-};
-
-/// Makes the decision from what is known about earlier publications. Called with the store's lock held: it
-/// must call nothing that stores a receipt.
-using DecideTargetsFunction = std::function<TargetDecision(const KelVector<EarlierTarget>&)>;
-
-/// The publications and their targets in the console's database, and the holders of published files: the
-/// devices whose stores took one. Holders are kept apart from targets, because a store may take a file on its
-/// way to others or on a user's request, and keeps it wherever its device moves in the tree. Any thread.
+/// The publications and their targets in the console's database. Any thread.
 class PublicationStore {
   public:
     explicit PublicationStore(ConsoleDatabase& database) : database_(database) {}
 
-    /// Adds a publication with the targets (each GUID once) that `decide` returns. For each device `decide`
-    /// receives at most one entry of each status for the same content, of which "delivered", "failed" and the
-    /// empty one exclude each other, and at most one of each for other contents, the latest delivery. The
-    /// takers become holders. No receipt and no other publication is stored between the decision and its
-    /// writing. Returns the targets; an error, with nothing added, when the database cannot be read or
-    /// written.
-    KelResult<KelVector<PublicationTarget>> Add(const PublicationSummary& publication,
-                                                const DecideTargetsFunction& decide);
+    /// Adds a publication that is pending on the devices `guids` (each once). When another one of the same
+    /// type, label and name was created in the same second or later, its time becomes the second after that:
+    /// devices compare the times. An error, with nothing added, when the database cannot be read or written.
+    KelStatus Add(PublicationSummary& publication, const KelVector<KelString>& guids);
 
-    /// Removes a publication whose offer failed, and the holders that exist only because of it.
+    /// Removes a publication whose offer failed.
     void Remove(const KelString& id);
 
-    /// Stores a receipt for all publications of its file, and that the device was heard from at `now`
-    /// (seconds since the epoch). If the file was ever published, the device becomes a holder, target or not,
-    /// and so do the devices above it as they reported themselves, through which the file came. A receipt
-    /// that is older than the stored one changes no status. False when it could not be written.
+    /// Stores a receipt for its publications, and that the device was heard from at `now` (seconds since the
+    /// epoch). A receipt that is older than the stored one changes no status. False when it could not be
+    /// written.
     bool Store(const DeliveryReceipt& receipt, std::int64_t now);
 
     /// The publications, the latest first; with ids only those; unknown ones are left out.
@@ -84,10 +54,6 @@ class PublicationStore {
     KelResult<KelVector<PublicationTarget>> ListTargets(const KelString& id);
 
   private:
-    KelResult<KelVector<EarlierTarget>> ListEarlierTargets(const PublicationSummary& publication)
-        KEL_REQUIRES(mutex_);
-
     ConsoleDatabase& database_;
-    KelMutex
-        mutex_;  ///< serialises changes of statuses: held from reading them until the new ones are written
+    KelMutex mutex_;  ///< held from reading the time of the latest publication until the next is written
 };

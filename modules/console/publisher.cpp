@@ -5,14 +5,15 @@
 #include <unordered_set>
 
 #include "kel/checksum.h"
+#include "kel/file.h"
 #include "kel/format.h"
+#include "kel/path.h"
 #include "kel/text.h"
 #include "kelcore/action_db.h"
 #include "kelcore/error_codes.h"
 #include "kelcore/file_offer.h"
 #include "kelcore/file_values.h"
 #include "modules/console/device_tree.h"
-#include "modules/console/target_decision.h"
 
 namespace {
 
@@ -66,34 +67,48 @@ PublicationSummary SummaryOf(const PublicationRequest& request, const PackageFil
     return publication;
 }
 
-/// The file as the file store receives it; an empty `devicePath` means no targets.
-FileOffer OfferFor(const PublicationRequest& request, const PackageFile& file, KelContainer devicePath) {
+void SetPublication(const PublicationSummary& publication, KelContainer& info) {
+    info.SetString(kValuePublicationId, publication.id);
+    info.SetInt64(kValuePublicationTime, publication.createTime);
+}
+
+/// The file as the file store receives it. It may be there already, as repeated publications are, and then
+/// stays as it is. Without targets, so far.
+FileOffer OfferFor(const PublicationRequest& request, const PublicationSummary& publication,
+                   const PackageFile& place) {
     FileOffer offer;
-    offer.key = request.file;
-    offer.key.checksum = file.checksum;
-    offer.filePath = file.path;
-    offer.url = file.url;
-    offer.size = file.size;
+    offer.key = publication.file;
+    offer.filePath = place.path;
+    offer.url = place.url;
     offer.upstream = false;
-    offer.priority = request.priority;
+    offer.priority = publication.priority;
     offer.bypass = request.bypass;
     offer.wakeOnLan = request.wakeOnLan;
     offer.keepCopy = request.keepCopy;
     offer.info = request.fileInfo;
-    if (!devicePath.IsEmpty()) offer.devicePath = std::move(devicePath);
+    SetPublication(publication, *offer.info);
+    offer.repeated = true;
     return offer;
 }
 
-/// The tree that leads to the devices at those `indexes` whose target is pending; empty without any.
-KelResult<KelContainer> OfferedDevicePath(const KelVector<Device>& devices,
-                                          const KelVector<std::size_t>& indexes,
-                                          const KelVector<PublicationTarget>& targets) {
-    KelVector<std::size_t> offered;
-    for (std::size_t i = 0; i < targets.size(); ++i) {
-        if (targets[i].status == "pending") offered.push_back(indexes[i]);
-    }
-    if (offered.empty()) return KelContainer();
-    return BuildDevicePath(devices, offered);
+/// What the delivery module of a target needs to request the file. The time keeps two orders of the same
+/// publication apart: a store takes each once.
+KelContainer OrderFor(const PublicationRequest& request, const PublicationSummary& publication) {
+    KelContainer order;
+    publication.file.Write(order);
+    SetPublication(publication, order);
+    order.SetBool(kValueBypass, request.bypass);
+    order.SetContainer(kValueFileInfo, request.fileInfo);
+    order.SetInt64("OrderTime", std::time(nullptr));
+    return order;
+}
+
+KelResult<bool> OfferToStore(const FileOffer& offer) {
+    KelContainer call = offer.ToContainer();
+    const unsigned int code = CallLocal("FileStoreReceiveFile", call);
+    if (code == kKelOk) return call.GetBool(kValueContentHeld);
+    return KelError{
+        code, KelFormat("The file store did not take %S, error %u; see its log", offer.key.Text(), code)};
 }
 
 /// The indexes of the devices for which the file is pending and on whose way from the master the device
@@ -116,11 +131,6 @@ KelVector<std::size_t> PendingBelow(const KelVector<Device>& devices, const KelS
     return found;
 }
 
-std::int32_t CountOf(const KelVector<PublicationTarget>& targets, const char* status) {
-    return static_cast<std::int32_t>(std::count_if(
-        targets.begin(), targets.end(), [status](const auto& target) { return target.status == status; }));
-}
-
 }  // namespace
 
 KelResult<Publisher::Plan> Publisher::MakePlan(const PublicationRequest& request) {
@@ -137,15 +147,48 @@ KelResult<Publisher::Plan> Publisher::MakePlan(const PublicationRequest& request
                 leftOut.size()};
 }
 
-KelStatus Publisher::Offer(const PublicationRequest& request, const PackageFile& file, const Plan& plan,
-                           const KelVector<PublicationTarget>& targets) {
-    auto devicePath = OfferedDevicePath(plan.devices, plan.targets, targets);
+KelStatus Publisher::Order(const PublicationRequest& request, const PublicationSummary& publication,
+                           KelContainer devicePath) {
+    const KelContainer order = OrderFor(request, publication);
+    const KelString folder = IncomingFolder(folder_);
+    KelString path;
+    if (!PathCreate(folder) || !order.SaveToTempFile(path, folder))
+        return KelError{
+            kKelErrorInternal,
+            KelFormat("An order cannot be written in %S; check its rights and free space", folder)};
+    FileOffer offer;
+    offer.key = {kOrderFileType, publication.file.type, publication.id, {}};
+    offer.movePath = path;
+    offer.upstream = false;
+    offer.priority = publication.priority;
+    offer.bypass = request.bypass;
+    offer.wakeOnLan = request.wakeOnLan;
+    offer.info = order;
+    offer.devicePath = std::move(devicePath);
+    const auto offered = OfferToStore(offer);
+    if (offered) return {};
+    FileDelete(path);
+    return offered.Error();
+}
+
+/// A store below that has the file takes no other offer of it, so the targets of a file that was here before
+/// are ordered to request it.
+KelStatus Publisher::Offer(const PublicationRequest& request, const PublicationSummary& publication,
+                           const Plan& plan) {
+    FileOffer offer = OfferFor(
+        request, publication,
+        PlaceInPackages(folder_, publication.file.label, publication.file.checksum, publication.file.name));
+    offer.size = publication.fileSize;
+    if (plan.targets.empty()) {
+        const auto offered = OfferToStore(offer);
+        return offered ? KelStatus() : offered.Error();
+    }
+    auto devicePath = BuildDevicePath(plan.devices, plan.targets);
     if (!devicePath) return devicePath.Error();
-    KelContainer offer = OfferFor(request, file, std::move(*devicePath)).ToContainer();
-    const unsigned int code = CallLocal("FileStoreReceiveFile", offer);
-    if (code == kKelOk) return {};
-    return KelError{code,
-                    KelFormat("The file store did not take %S, error %u; see its log", file.path, code)};
+    offer.devicePath = *devicePath;
+    const auto isHeld = OfferToStore(offer);
+    if (!isHeld) return isHeld.Error();
+    return *isHeld ? Order(request, publication, std::move(*devicePath)) : KelStatus();
 }
 
 KelResult<KelContainer> Publisher::Publish(const PublicationRequest& request) {
@@ -153,61 +196,55 @@ KelResult<KelContainer> Publisher::Publish(const PublicationRequest& request) {
     if (!plan) return plan.Error();
     const auto file = CopyToPackages(folder_, request.sourcePath, request.file.label, request.file.name);
     if (!file) return file.Error();
+    PublicationSummary publication = SummaryOf(request, *file, plan->id);
+    KelVector<KelString> guids;
+    for (const std::size_t target : plan->targets)
+        guids.push_back(plan->devices[target].guid);
     // Recorded before the file is offered: a receipt may follow at once.
-    const auto targets = publications_.Add(SummaryOf(request, *file, plan->id),
-                                           [&plan](const KelVector<EarlierTarget>& earlier) {
-                                               return DecideTargets(plan->devices, plan->targets, earlier);
-                                           });
-    if (!targets) return targets.Error();
-    if (const KelStatus offered = Offer(request, *file, *plan, *targets); !offered) {
+    if (const KelStatus added = publications_.Add(publication, guids); !added) return added.Error();
+    if (const KelStatus offered = Offer(request, publication, *plan); !offered) {
         publications_.Remove(plan->id);  // the copy stays: publishing the same file again will reuse it
         return offered.Error();
     }
+    const auto targets = static_cast<std::int32_t>(guids.size());
     KelContainer result;
-    result.SetString("PublicationId", plan->id);
+    result.SetString(kValuePublicationId, plan->id);
     result.SetString(kValueFileChecksum, file->checksum);
     result.SetInt64(kValueFileSize, file->size);
-    result.SetInt32("Targets", static_cast<std::int32_t>(targets->size()));
-    result.SetInt32("Delivered", CountOf(*targets, "delivered"));
-    result.SetInt32("Failed", CountOf(*targets, "failed"));
-    result.SetInt32("Pending", CountOf(*targets, "pending"));
+    result.SetInt32("Targets", targets);
+    result.SetInt32("Delivered", 0);
+    result.SetInt32("Failed", 0);
+    result.SetInt32("Pending", targets);
     result.SetInt32("LeftOut", static_cast<std::int32_t>(plan->leftOut));
     return result;
 }
 
 bool Publisher::RepeatPublication(const PublicationSummary& publication, const KelVector<Device>& devices,
                                   const KelString& guid) {
-    const auto targets = publications_.ListTargets(publication.id);
-    if (!targets) return false;
-    const auto pending = PendingBelow(devices, guid, *targets);
-    const bool isMaster = devices.front().guid == guid;
-    if (pending.empty() && !isMaster) return true;
-    FileOffer offer;
-    offer.key = publication.file;
-    const PackageFile file = PlaceInPackages(folder_, offer.key.label, offer.key.checksum, offer.key.name);
-    offer.filePath = file.path;
-    offer.url = file.url;
-    offer.upstream = false;
-    offer.priority = publication.priority;
-    offer.repeated = true;
-    if (!pending.empty()) {
-        auto devicePath = BuildDevicePath(devices, pending);
-        if (!devicePath) return false;
-        offer.devicePath = std::move(*devicePath);
+    KelVector<std::size_t> pending;
+    if (publication.delivered + publication.failed < publication.targets) {
+        const auto targets = publications_.ListTargets(publication.id);
+        if (!targets) return false;
+        pending = PendingBelow(devices, guid, *targets);
     }
-    KelContainer call = offer.ToContainer();
-    return CallLocal("FileStoreReceiveFile", call) == kKelOk;
+    const PackageFile place =
+        PlaceInPackages(folder_, publication.file.label, publication.file.checksum, publication.file.name);
+    PublicationRequest request;  // how it was requested then is not known any more
+    if (devices.front().guid == guid && FileExists(place.path) &&
+        !OfferToStore(OfferFor(request, publication, place)))
+        return false;
+    if (pending.empty()) return true;
+    auto devicePath = BuildDevicePath(devices, pending);
+    return devicePath && Order(request, publication, std::move(*devicePath));
 }
 
 bool Publisher::Repeat(const KelString& guid) {
-    log_.Warning(
-        "The file store of device %S has lost its database: what is pending there is offered again\n", guid);
     const auto devices = directory_.Read();
     const auto publications = publications_.List({});
     bool isRepeated = devices && publications;
     // The oldest first, as they were published.
     for (std::size_t i = isRepeated ? publications->size() : 0; i-- > 0;)
         isRepeated = RepeatPublication((*publications)[i], *devices, guid) && isRepeated;
-    if (!isRepeated) log_.Warning("Not everything could be offered again; this is tried again later\n");
+    if (!isRepeated) log_.Warning("Not everything could be published again; this is tried again later\n");
     return isRepeated;
 }

@@ -10,7 +10,7 @@
 #include "modules/console/publication_store.h"
 
 /// Publishes files: copies a file to the packages, records the publication and offers the file to the file
-/// store. Any thread, concurrently.
+/// store, or an order for it when the store has the file already. Any thread, concurrently.
 class Publisher {
   public:
     Publisher(const KelDebug& log, DeviceDirectory& directory, PublicationStore& publications)
@@ -23,8 +23,8 @@ class Publisher {
     /// behind, at most the copy of the file. Calls local actions: no lock may be held.
     KelResult<KelContainer> Publish(const PublicationRequest& request);
 
-    /// Offers what is pending on the device `guid` and on the devices below it once more, because its file
-    /// store has lost its database; all publications when it is the master. False when that failed: logged.
+    /// Orders what is pending on the device `guid` and on the devices below it once more. When it is the
+    /// master, its file store is also offered the files of all publications. False when that failed: logged.
     /// Calls local actions: no lock may be held.
     bool Repeat(const KelString& guid);
 
@@ -41,8 +41,11 @@ class Publisher {
     };
 
     KelResult<Plan> MakePlan(const PublicationRequest& request);
-    KelStatus Offer(const PublicationRequest& request, const PackageFile& file, const Plan& plan,
-                    const KelVector<PublicationTarget>& targets);
+    KelStatus Offer(const PublicationRequest& request, const PublicationSummary& publication,
+                    const Plan& plan);
+    /// Has the targets request the file of a publication.
+    KelStatus Order(const PublicationRequest& request, const PublicationSummary& publication,
+                    KelContainer devicePath);
 
     const KelDebug& log_;
     DeviceDirectory& directory_;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 
@@ -11,11 +12,12 @@
 /// Processes the files that the devices below send to the console: identity files and receipts. Any thread.
 class UpstreamIntake {
   public:
-    /// `onLostStore` is called with the GUID of a device whose file store has lost its database; false when
-    /// it is to be called again.
+    /// `repeat` is called with the GUID of a device whose file store has lost its database, and with that of
+    /// the master when it reports for the first time in this process: its databases may have been restored
+    /// from a backup. False when it is to be called again.
     UpstreamIntake(const KelDebug& log, DeviceStore& devices, PublicationStore& publications,
-                   std::function<bool(const KelString&)> onLostStore)
-        : log_(log), devices_(devices), publications_(publications), onLostStore_(std::move(onLostStore)) {}
+                   std::function<bool(const KelString&)> repeat)
+        : log_(log), devices_(devices), publications_(publications), repeat_(std::move(repeat)) {}
 
     /// Processes the file that the arguments of the file store's event describe (FileType, SourceDevice,
     /// FilePath), arrived at `now` (seconds since the epoch). Results: kKelAnswerStaysHere for the console's
@@ -32,5 +34,6 @@ class UpstreamIntake {
     const KelDebug& log_;
     DeviceStore& devices_;
     PublicationStore& publications_;
-    std::function<bool(const KelString&)> onLostStore_;
+    std::function<bool(const KelString&)> repeat_;
+    std::atomic<bool> hasMasterReported_ = false;
 };

@@ -14,12 +14,15 @@ namespace {
 
 constexpr char kReceiveSignature[] =
     "DeliveryReceiveFile (string FileType, string FileLabel, string FileName, string FileChecksum, string "
-    "FilePath)";
+    "FilePath, container FileInfo)";
 constexpr char kReceivedEvent[] = "FileStoreCallbackReceivedFile";
 constexpr char kCollectSignature[] =
     "DeliveryCollect (string FileType, string FileLabel, string FileName, string FileChecksum, string "
     "SourceDevice, string FilePath)";
 constexpr char kUpstreamEvent[] = "FileStoreCallbackCopyUpstream";
+/// A week, so that a large file can come through windows that are open at weekends only.
+const IniSetting kOrderTimeout =
+    IniSetting::Number("Delivery", "OrderTimeout", std::int64_t{7} * 86400).Between(1, 31'536'000);
 constexpr std::uint64_t kRetryMilliseconds = std::uint64_t{60} * 1000;
 constexpr std::uint64_t kIdleMilliseconds = std::uint64_t{3600} * 1000;
 
@@ -47,7 +50,12 @@ Delivery::Delivery()
       thread_(
           Log(), KelPeriodicThread::Begin::WithStep, [this] { return WorkOnJobs(); }, PauseAfterWork),
       receiptThread_(
-          Log(), KelPeriodicThread::Begin::WithStep, [this] { return SendReceipts(); }, PauseAfterWork) {}
+          Log(), KelPeriodicThread::Begin::WithStep,
+          [this] {
+              const bool isWaiting = WorkOnOrders();
+              return SendReceipts() || isWaiting;
+          },
+          PauseAfterWork) {}
 
 Delivery::~Delivery() {
     Delivery::Cleanup();
@@ -73,14 +81,15 @@ bool Delivery::Initialise() {
     IniFile ini;
     if (!ini.Open(IniPath())) return false;
     inbox_.Configure(ini, DataPath());
+    orderTimeout_ = ReadIniNumber(ini, kOrderTimeout);
     commands_.Configure(ini);
     receipts_.SetFolder(DataPath() + "/Outgoing");
     collected_.SetFolders(DataPath() + "/Collected", DataPath() + "/Incoming");
     // Every module has registered by now; only a master has this action.
     if (ActionDbIsActionRegistered("QuarnelDbObjectListTypes"))
         CallbackDbRegisterAction(kUpstreamEvent, kCollectSignature, {}, 0);
-    if (!jobs_.Load(DataPath() + "/Pending")) {
-        Log().Error("The folder %S/Pending cannot be created; check its rights\n", DataPath());
+    if (!jobs_.Load(DataPath() + "/Pending") || !orders_.Load(DataPath())) {
+        Log().Error("The folders of pending work in %S cannot be created; check its rights\n", DataPath());
         return false;
     }
     RemoveUnfinishedCopies();
@@ -90,6 +99,7 @@ bool Delivery::Initialise() {
 std::span<const IniSetting> Delivery::IniSettings() const {
     static const KelVector<IniSetting> settings = [] {
         KelVector<IniSetting> all = Inbox::IniSettings();
+        all.push_back(kOrderTimeout);
         all.push_back(IniSetting::Text("Commands", "*"));
         return all;
     }();
@@ -134,7 +144,9 @@ unsigned int Delivery::ReceiveFile(KelContainer* arguments) {
         return Refuse(arguments, "another device may not name local files");
     const auto file = ReadReceivedFile(*arguments);
     if (!file) return Refuse(arguments, file.Error().message);
+    const KelContainer info = arguments->GetContainer(kValueFileInfo);
     arguments->Clear();
+    if (file->key.type == kOrderFileType) return TakeOrder(*file, info);
     return Deliver(*file, Arrival::HandedOver);
 }
 

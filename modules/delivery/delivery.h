@@ -9,6 +9,7 @@
 #include "modules/delivery/commands.h"
 #include "modules/delivery/inbox.h"
 #include "modules/delivery/job_queue.h"
+#include "modules/delivery/orders.h"
 #include "modules/delivery/receipt.h"
 
 /// The delivery module: copies the files that arrive for this device to its inbox, runs the command of their
@@ -18,8 +19,11 @@
 ///   FileStoreCallbackReceivedFile. A file that is there already with this content changes nothing. Results:
 ///   0; 1 for an unusable input or a call from another device; kKelAnswerTryLater when it could not be copied
 ///   now (this module retries the copy too).
-///   The file store remembers a file until this module has reported it as taken: its job is on the disk, or
-///   done. At its start it asks for those that it never took.
+///   A file of type DeliveryOrder names another one in its FileInfo: that one is requested from the file
+///   store of this device and delivered, in place or not, when it comes. The order itself goes nowhere. An
+///   order fails when a later publication was delivered to the same place, or when the file does not come in
+///   time. The file store remembers a file until this module has reported it as taken: its job is on the
+///   disk, or done. At its start it asks for those that it never took.
 /// - DeliveryListFiles -> Values[i]{FileType, FileLabel, FileName, FileChecksum, Path, Size (int64, bytes),
 ///   Time (int64, seconds since the epoch)}
 /// - DeliveryCollect (as DeliveryReceiveFile, and SourceDevice): on the master subscribed to the event
@@ -57,7 +61,17 @@ class Delivery : public KelModule {
 
     // The work on the jobs (delivery_jobs.cpp).
     enum class Arrival : unsigned char { HandedOver, NeverTaken };
-    unsigned int Deliver(const ReceivedFile& file, Arrival arrival);
+    unsigned int Deliver(ReceivedFile file, Arrival arrival);
+
+    // The work on orders (delivery_orders.cpp).
+    unsigned int TakeOrder(const ReceivedFile& file, const KelContainer& info);
+    KelVector<DeliveryOrder> WaitingOrders(const FileKey& key) const;
+    std::int64_t LatestPublication(const KelString& destination) const;
+    bool AddOrders(ReceivedFile& file, const KelString& destination, const KelVector<DeliveryOrder>& orders);
+    bool WorkOnOrders();
+    bool ConcludeOrder(const DeliveryOrder& order);
+    void EndOrder(const DeliveryOrder& order, DeliveryOutcome outcome, const KelString& message);
+    bool RequestOrdered(const DeliveryOrder& order);
     bool AskForUntaken();
     bool ReportTaken();
     bool WorkOnJobs();
@@ -70,13 +84,15 @@ class Delivery : public KelModule {
 
     Inbox inbox_;
     JobQueue jobs_;
+    Orders orders_;
+    std::int64_t orderTimeout_ = 0;  ///< seconds
     Commands commands_;
     KelMutex mutexCopy_;  ///< one copy at a time, so that an older content cannot replace a newer one
     KelFailureLog failures_{Log()};
     CollectedFiles collected_;
-    bool hasAsked_ = false;     ///< for what was never taken; only `thread_` uses it, and the next
-    KelVector<FileKey> taken_;  ///< not yet reported
-    ReceiptSender receipts_;    ///< only the receipt thread uses it
-    KelPeriodicThread thread_;  ///< copies and commands
-    KelPeriodicThread receiptThread_;
+    bool hasAsked_ = false;            ///< for what was never taken; only `thread_` uses it, and the next
+    KelVector<FileKey> taken_;         ///< not yet reported
+    ReceiptSender receipts_;           ///< only the receipt thread uses it
+    KelPeriodicThread thread_;         ///< copies and commands
+    KelPeriodicThread receiptThread_;  ///< orders and receipts
 };

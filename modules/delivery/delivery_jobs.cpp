@@ -6,6 +6,7 @@
 #include "kel/file.h"
 #include "kelcore/action_db.h"
 #include "kelcore/error_codes.h"
+#include "kelcore/file_values.h"
 #include "modules/delivery/delivery.h"
 
 namespace {
@@ -23,13 +24,17 @@ constexpr const char* kCopying = "copying";
 
 /// Copies a file to the inbox on the caller's thread, so that the file store knows at once whether it
 /// succeeded. Commands are left to the thread for jobs: they may take minutes. Of a file that was never taken
-/// the command and the receipt are due even if it is in place.
-unsigned int Delivery::Deliver(const ReceivedFile& file, Arrival arrival) {
+/// the command and the receipt are due even if it is in place, and so they are of one that was ordered.
+unsigned int Delivery::Deliver(ReceivedFile file, Arrival arrival) {
     const KelString destination = inbox_.PathOf(file);
     const bool hasCommand = commands_.Has(file.key.type);
     {
         const KelLock lock(mutexCopy_);
         const bool isInPlace = inbox_.Holds(file);
+        if (const auto orders = WaitingOrders(file.key); !orders.empty()) {
+            if (!AddOrders(file, destination, orders)) return kKelOk;
+            arrival = Arrival::NeverTaken;
+        }
         if (isInPlace && arrival == Arrival::HandedOver) {
             Log().Detail("%S is in place already\n", destination);
             jobs_.EndOtherJobFor(file, destination);
@@ -86,7 +91,10 @@ bool Delivery::AskForUntaken() {
         const auto file = ReadReceivedFile(answer.GetContainer("Values", i));
         if (!file || jobs_.Knows(file->key)) continue;
         isMore = true;
-        Deliver(*file, Arrival::NeverTaken);
+        if (file->key.type == kOrderFileType)
+            TakeOrder(*file, answer.GetContainer("Values", i).GetContainer(kValueFileInfo));
+        else
+            Deliver(*file, Arrival::NeverTaken);
     }
     return !isMore;
 }
@@ -120,7 +128,8 @@ bool Delivery::SendReceipts() {
     int failures = 0;
     for (const DeliveryJob& job : jobs_.ListConcluded()) {
         if (receiptThread_.CheckCancelled(false) || failures == kMaxReceiptFailures) return true;
-        if (receipts_.Send(job)) {
+        if (orders_.Remember(job) && receipts_.Send(job)) {
+            orders_.Remove(job.file.publications);
             jobs_.Remove(job.id);
         } else {
             ++failures;

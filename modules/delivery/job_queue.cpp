@@ -1,7 +1,6 @@
 #include "modules/delivery/job_queue.h"
 
 #include <algorithm>
-#include <optional>
 #include <utility>
 
 #include "kel/directory.h"
@@ -20,17 +19,10 @@ KelString PaddedNumber(std::uint64_t number) {
     return KelString(20 - std::min<std::size_t>(20, digits.size()), '0') + digits;
 }
 
-std::optional<DeliveryOutcome> ParseOutcome(const KelString& text) {
-    for (const auto outcome : {DeliveryOutcome::Open, DeliveryOutcome::Delivered, DeliveryOutcome::Failed}) {
-        if (text == DeliveryOutcomeName(outcome)) return outcome;
-    }
-    return std::nullopt;
-}
-
 std::optional<DeliveryJob> ReadJob(const KelContainer& container) {
     const auto file = ReadReceivedFile(container);
     const auto outcome =
-        ParseOutcome(container.GetString("Outcome", DeliveryOutcomeName(DeliveryOutcome::Open)));
+        ParseDeliveryOutcome(container.GetString("Outcome", DeliveryOutcomeName(DeliveryOutcome::Open)));
     if (!file || !outcome) return std::nullopt;
     DeliveryJob job;
     job.file = *file;
@@ -40,6 +32,16 @@ std::optional<DeliveryJob> ReadJob(const KelContainer& container) {
     job.outcome = *outcome;
     job.message = container.GetString("Message");
     return job;
+}
+
+/// Adds the publications of an older job that a new one for the same content replaces.
+void TakeOver(const ReceivedFile& older, ReceivedFile& file) {
+    if (older.key != file.key) return;
+    for (const KelString& publication : older.publications)
+        if (std::find(file.publications.begin(), file.publications.end(), publication) ==
+            file.publications.end())
+            file.publications.push_back(publication);
+    file.publicationTime = std::max(file.publicationTime, older.publicationTime);
 }
 
 }  // namespace
@@ -54,6 +56,13 @@ const char* DeliveryOutcomeName(DeliveryOutcome outcome) {
             break;
     }
     return "open";
+}
+
+std::optional<DeliveryOutcome> ParseDeliveryOutcome(const KelString& text) {
+    for (const auto outcome : {DeliveryOutcome::Open, DeliveryOutcome::Delivered, DeliveryOutcome::Failed}) {
+        if (text == DeliveryOutcomeName(outcome)) return outcome;
+    }
+    return std::nullopt;
 }
 
 KelString JobQueue::PathOf(std::uint64_t id) const {
@@ -151,11 +160,41 @@ std::uint64_t JobQueue::Add(const ReceivedFile& file, const KelString& destinati
     job.destination = destination;
     job.size = size;
     job.time = time;
+    if (const auto open = open_.find(destination); open != open_.end())
+        TakeOver(jobs_.at(open->second).file, job.file);
     KeepNew(job);
     DropOpenJobFor(file, destination);
     open_[destination] = job.id;
     jobs_[job.id] = std::move(job);
     return lastId_;
+}
+
+void JobQueue::AddConcluded(const ReceivedFile& file, DeliveryOutcome outcome, const KelString& message,
+                            std::int64_t time) {
+    const KelLock lock(mutex_);
+    DeliveryJob job;
+    job.id = ++lastId_;
+    job.file = file;
+    job.time = time;
+    job.outcome = outcome;
+    job.message = message;
+    jobs_[job.id] = std::move(job);
+}
+
+bool JobQueue::Names(const KelString& publication) const {
+    const KelLock lock(mutex_);
+    return std::any_of(jobs_.begin(), jobs_.end(), [&publication](const auto& entry) {
+        const KelVector<KelString>& named = entry.second.file.publications;
+        return std::find(named.begin(), named.end(), publication) != named.end();
+    });
+}
+
+std::int64_t JobQueue::LatestPublication(const KelString& destination) const {
+    const KelLock lock(mutex_);
+    std::int64_t latest = 0;
+    for (const auto& [id, job] : jobs_)
+        if (job.destination == destination) latest = std::max(latest, job.file.publicationTime);
+    return latest;
 }
 
 void JobQueue::EndOtherJobFor(const ReceivedFile& file, const KelString& destination) {

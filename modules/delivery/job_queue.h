@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <map>
+#include <optional>
 
 #include "kel/debug.h"
 #include "kel/mutex.h"
@@ -13,6 +14,7 @@ enum class DeliveryOutcome : unsigned char { Open, Delivered, Failed };
 
 /// "open", "delivered" or "failed".
 const char* DeliveryOutcomeName(DeliveryOutcome outcome);
+std::optional<DeliveryOutcome> ParseDeliveryOutcome(const KelString& text);
 
 /// Work left for a received file. While its outcome is open: to copy it and run its command. Afterwards: to
 /// hand over its receipt.
@@ -40,10 +42,21 @@ class JobQueue {
     bool Load(const KelString& folder);
 
     /// Adds an open job and returns its id. An open job for the same destination ends: it is removed when it
-    /// is for the same content, else it has failed. A job that cannot be written to disk is logged as an
-    /// error and exists in memory only until KeepAll succeeds. `time`: seconds since the epoch.
+    /// is for the same content, whose publications the new one takes over, else it has failed. A job that
+    /// cannot be written to disk is logged as an error and exists in memory only until KeepAll succeeds.
+    /// `time`: seconds since the epoch.
     std::uint64_t Add(const ReceivedFile& file, const KelString& destination, std::int64_t size,
                       std::int64_t time);
+
+    /// Adds a job of which only the receipt is to be handed over. It is in memory only: it follows from an
+    /// order.
+    void AddConcluded(const ReceivedFile& file, DeliveryOutcome outcome, const KelString& message,
+                      std::int64_t time);
+
+    /// True when there is a job for this publication.
+    bool Names(const KelString& publication) const;
+    /// The time of the latest publication that there is a job for at this destination, 0 without any.
+    std::int64_t LatestPublication(const KelString& destination) const;
 
     /// Ends the open job of a destination as failed if it is for another content than `file`.
     void EndOtherJobFor(const ReceivedFile& file, const KelString& destination);

@@ -23,6 +23,8 @@ KelContainer ContentOf(const DeliveryJob& job, const KelString& guid, const KelS
     content.SetString("GUID", guid);
     content.SetString("DeviceUrl", deviceUrl);
     job.file.key.Write(content);
+    for (std::uint32_t i = 0; i < job.file.publications.size(); ++i)
+        content.SetString(kValuePublicationId, job.file.publications[i], i);
     content.SetInt64(kValueFileSize, job.size);
     content.SetString("Status", DeliveryOutcomeName(job.outcome));
     content.SetString("Message", job.message);

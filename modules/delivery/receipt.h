@@ -7,9 +7,10 @@
 
 /// Hands receipts to the file store, which sends them up the tree to the master: files of type
 /// "DeliveryReceipt" with the type of the received file as their label. A receipt is a container: GUID,
-/// DeviceUrl (of this device), FileType, FileLabel, FileName, FileChecksum, Status ("delivered" or "failed"),
-/// Message (strings), FileSize (bytes), Time (when the file came, seconds since the epoch) (int64). A receipt
-/// that is made again for the same job is the same file, so that sending it twice does no harm.
+/// DeviceUrl (of this device), PublicationId (several, or none), FileType, FileLabel, FileName, FileChecksum,
+/// Status ("delivered" or "failed"), Message (strings), FileSize (bytes), Time (when the file came, seconds
+/// since the epoch) (int64). A receipt that is made again for the same job is the same file, so that sending
+/// it twice does no harm.
 ///
 /// One thread at a time.
 class ReceiptSender {

@@ -16,7 +16,9 @@ KelStatus CheckElement(const char* valueName, const KelString& value) {
     return KelError{kKelErrorBadInput, KelFormat("%s \"%S\" cannot be part of a path", valueName, value)};
 }
 
-KelStatus CheckKey(const FileKey& key) {
+}  // namespace
+
+KelStatus CheckFileKey(const FileKey& key) {
     if (KelStatus checked = CheckElement(kValueFileType, key.type); !checked) return checked;
     if (KelStatus checked = CheckElement(kValueFileLabel, key.label); !checked) return checked;
     if (KelStatus checked = CheckElement(kValueFileName, key.name); !checked) return checked;
@@ -28,23 +30,29 @@ KelStatus CheckKey(const FileKey& key) {
     }
     return {};
 }
-
-}  // namespace
-
 KelContainer ReceivedFile::ToContainer() const {
     FileOffer offer;
     offer.key = key;
     offer.filePath = sourcePath;
+    KelContainer& info = offer.info.emplace();
+    for (std::uint32_t i = 0; i < publications.size(); ++i)
+        info.SetString(kValuePublicationId, publications[i], i);
+    info.SetInt64(kValuePublicationTime, publicationTime);
     return offer.ToContainer();
 }
 
 KelResult<ReceivedFile> ReadReceivedFile(const KelContainer& arguments) {
     ReceivedFile file{FileKey::Read(arguments), arguments.GetString(kValueFilePath)};
-    if (const KelStatus checked = CheckKey(file.key); !checked) return checked.Error();
+    if (const KelStatus checked = CheckFileKey(file.key); !checked) return checked.Error();
     if (file.sourcePath.empty() || file.sourcePath.front() != '/') {
         return KelError{kKelErrorBadInput,
                         KelFormat("FilePath \"%S\" is not an absolute path", file.sourcePath)};
     }
+    const KelContainer info = arguments.GetContainer(kValueFileInfo);
+    const std::uint32_t count = info.Has(kValuePublicationId) ? info.Count(kValuePublicationId) : 0;
+    for (std::uint32_t i = 0; i < count; ++i)
+        file.publications.push_back(info.GetString(kValuePublicationId, {}, i));
+    file.publicationTime = info.GetInt64(kValuePublicationTime);
     return file;
 }
 

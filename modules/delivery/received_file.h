@@ -1,5 +1,7 @@
 #pragma once
 
+#include <cstdint>
+
 #include "kel/container.h"
 #include "kel/result.h"
 #include "kel/types.h"
@@ -8,15 +10,21 @@
 /// A file that arrived for this device.
 struct ReceivedFile {
     FileKey key;
-    KelString sourcePath;  ///< where the file store keeps it
+    KelString sourcePath;                    ///< where the file store keeps it
+    KelVector<KelString> publications = {};  ///< identifiers of those that it is delivered for
+    std::int64_t publicationTime = 0;        ///< of the latest, seconds since the epoch; 0: unknown
 
-    /// FileType, FileLabel, FileName, FileChecksum, FilePath.
+    /// FileType, FileLabel, FileName, FileChecksum, FilePath, FileInfo{PublicationId (several),
+    /// PublicationTime}.
     KelContainer ToContainer() const;
 };
 
-/// Reads and checks the same values; type, label and name become path elements. An unusable one is an error
-/// that names it.
+/// Reads the same values. Type, label and name become path elements: an unusable one is an error that names
+/// it.
 KelResult<ReceivedFile> ReadReceivedFile(const KelContainer& arguments);
+
+/// Checks the parts of a key in the same way.
+KelStatus CheckFileKey(const FileKey& key);
 
 /// True when `path` is a file whose content has this MD5 (in any case). Any thread, concurrently, like the
 /// next.

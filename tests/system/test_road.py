@@ -1,6 +1,7 @@
-"""Files travel from the master over relays to the clients and up again, whatever their names, packed or not; requests
-travel up, too, and nothing is left to do."""
+"""Files travel from the master over relays to the clients and up again, whatever their names, packed or not, also when
+they are published again; requests travel up, too, and nothing is left to do."""
 
+import shutil
 import unittest
 
 from case import BUILD, ODD_FILES, STOP_SECONDS, SystemTest, collected_files, rows, wait_collected, write_files
@@ -41,6 +42,54 @@ class RoadTest(SystemTest):
         """True when the parent knows that this agent has every file of its store."""
         infos = [agent.call("FileStoreGetFileInfo", FileId=file["id"])["Values"] for file in agent.stored_files()]
         return all(info["Acknowledged"] for info in infos)
+
+
+class AgainTest(SystemTest):
+    def test_a_file_is_published_again(self):
+        """To a second client below the same relay, back to an earlier content, and after the master was restored."""
+        with Tree(BUILD, [2], short_intervals=False) as tree:
+            tree.start()
+            (relay,), (first, second) = tree.relays, tree.clients
+            for content, client in ((b"old", first), (b"old", second), (b"new", first), (b"old", first), (b"old", first)):
+                self.wait_delivered(tree, client, *self.publish(tree, client, content))
+            self.assertEqual([self.fetched(agent) for agent in (relay, first, second)], [2, 2, 1])
+            self.assertEqual({file["type"] for file in first.kel("inbox")}, {"Again"}, "orders stay out of the inbox")
+            self.check_restored_master(tree, second)
+            self.assertEqual([self.fetched(agent) for agent in (relay, first, second)], [3, 2, 2])
+            self.end(tree)
+            for agent in tree.agents:
+                self.assertEqual(self.rows(agent, "SELECT * FROM Targets"), [], f"targets left on {agent.name}")
+
+    def publish(self, tree, client, content):
+        path = tree.folder / "again.bin"
+        path.write_bytes(content)
+        return path, tree.publish([path], "Again", "l", client.name)[0]["publication"]
+
+    def wait_delivered(self, tree, client, path, publication):
+        def outcomes():
+            return [device["status"] for device in tree.master.kel("publications", publication)]
+        wait_until(lambda: outcomes() == ["delivered"], 30, f"{client.name} has {path.read_bytes()}")
+        tree.wait_delivered({("l", path.name): sha256_of(path)}, [client], 1)
+
+    def fetched(self, agent):
+        """How many contents of the file the agent's log says that it has downloaded."""
+        return len([line for line in agent.log().splitlines() if "Downloading URL" in line and "/again.bin" in line])
+
+    def check_restored_master(self, tree, client):
+        """The backup is older than the delivery."""
+        master, backup = tree.master, tree.folder / "backup"
+        client.stop()
+        published = self.publish(tree, client, b"newest")
+        wait_until(lambda: self.fetched(tree.relays[0]) == 3, 30, "the relay has the file")
+        master.stop()
+        shutil.copytree(master.data, backup)
+        tree.run(master, client)
+        self.wait_delivered(tree, client, *published)
+        master.stop()
+        shutil.rmtree(master.data)
+        backup.rename(master.data)
+        tree.run(master)
+        self.wait_delivered(tree, client, *published)
 
 
 class RoadUpTest(SystemTest):

@@ -8,6 +8,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 #include <thread>
 #include <utility>
@@ -96,12 +97,20 @@ class ModuleFixture : public ::testing::Test {
         CallbackDbRegisterAction(event, signature, {}, 0);
         subscriptions_.emplace_back(event, signature);
     }
-    /// A file store that keeps the offers it is made, and the content of files that it is to move.
+    /// A file store that keeps the offers it is made, except repeated ones of files that it has, and the
+    /// content of files that it is to move.
     void FakeFileStore() {
         FakeAction("FileStoreReceiveFile (string FileType)", [this](KelContainer* container) {
             const std::lock_guard lock(mutex_);
             ++offerCalls_;
             if (storeResult_ != 0) return storeResult_;
+            const std::string key =
+                container->GetString("FileType") + "/" + container->GetString("FileLabel") + "/" +
+                container->GetString("FileName") + "/" + container->GetString("FileChecksum");
+            if (!offeredKeys_.insert(key).second && container->GetBool("Repeated")) {
+                container->SetBool("ContentHeld", true);
+                return 0U;
+            }
             if (const KelString path = container->GetString("MovePath"); !path.empty()) {
                 contents_.emplace_back();
                 EXPECT_TRUE(contents_.back().LoadFromFile(path));
@@ -168,6 +177,7 @@ class ModuleFixture : public ::testing::Test {
     mutable std::mutex mutex_;  ///< the fake file store's, down to contents_
     unsigned int storeResult_ = 0;
     int offerCalls_ = 0;
+    std::set<std::string> offeredKeys_;
     KelVector<KelContainer> offers_;
     KelVector<KelContainer> contents_;
     std::vector<std::pair<std::string, std::string>> subscriptions_;

@@ -43,23 +43,34 @@ TEST_F(ConsoleTest, PublishCopiesTheFileIntoTheServedFolderAndOffersItToTheStore
                   "FilePath=" + root_ / ("data/Console/" + below)});
     EXPECT_EQ(TempFolder::Read(offer.GetString("FilePath")), "content");
     ExpectValues(offer, passedOn);
-    EXPECT_EQ(offer.GetContainer("FileInfo"), info);
+    ExpectValues(offer.GetContainer("FileInfo"),
+                 {"Note=x", "PublicationId=" + result.GetString("PublicationId")});
     EXPECT_FALSE(offer.Has("HttpProtocolRequestInfo"));
     const KelContainer north = With({}, kNorthPath, With({}, kClientPath, {}));
     EXPECT_EQ(offer.GetContainer("DevicePath"), With({}, kMasterPath, north));
 }
 
-TEST_F(ConsoleTest, TheSameAndADamagedCopyMayBePublishedAgain) {
+TEST_F(ConsoleTest, WhatIsPublishedAgainIsOrderedAndADamagedCopyReplaced) {
     TempFolder::Write(root_ / "data/Console/Incoming/.kel-stale", "left by a kill");
     RunningModule<Console> module;
+    KelContainer published;
     for (int i = 0; i < 3; ++i) {
-        EXPECT_EQ(Publish(Request("all")).GetInt32("Targets"), 2);
+        published = Publish(Request("all"));
+        EXPECT_EQ(published.GetInt32("Targets"), 2);
         EXPECT_EQ(TempFolder::Read(Offers().at(0).GetString("FilePath")), "content");
         TempFolder::Write(Offers()[0].GetString("FilePath"), "damaged");
     }
+    const KelContainer order = Offers().at(2);
+    EXPECT_EQ(order.GetContainer("DevicePath"), Offers()[0].GetContainer("DevicePath"));
+    ExpectValues(order, {"FileType=DeliveryOrder", "FileName=" + published.GetString("PublicationId")});
+    ExpectValues(order.GetContainer("FileInfo"), {"FileType=Package", "FileLabel=tools", "FileName=setup.bin",
+                                                  "FileChecksum=" + TextMd5("content")});
+    EXPECT_GT(order.GetContainer("FileInfo").GetInt64("PublicationTime"),
+              Offers()[1].GetContainer("FileInfo").GetInt64("PublicationTime"))
+        << "within one second, too";
     OnThreads(8, [this](int) { Publish(Request("north")); });
     ASSERT_EQ(OfferCount(), 11U);
-    EXPECT_EQ(TempFolder::Read(Offers()[10].GetString("FilePath")), "content");
+    EXPECT_EQ(TempFolder::Read(Offers()[0].GetString("FilePath")), "content");
     EXPECT_TRUE(std::filesystem::is_empty(root_ / "data/Console/Incoming"));
 }
 
@@ -209,8 +220,9 @@ TEST_F(ConsoleTest, NewDatabaseHasAnotherIdentifierThanTheLostOne) {
     EXPECT_FALSE(ids[0].empty() || ids[2].empty());
 }
 
-/// The identity of the relay north, which the ini file also has, and of its store.
-TEST_F(ConsoleTest, WhatIsPendingBelowALostStoreIsOfferedAgain) {
+/// The identities of devices and of their stores. The first one of the master follows its start, perhaps from
+/// a backup.
+TEST_F(ConsoleTest, WhatIsPendingBelowALostStoreOrAfterAStartIsOrderedAgain) {
     const RunningModule<Console> console;
     Publish(Request(kClient));
     int time = 1000;
@@ -236,18 +248,20 @@ TEST_F(ConsoleTest, WhatIsPendingBelowALostStoreIsOfferedAgain) {
                                                                {kNorth, kNorthPath, "", 0U, 2U},
                                                                {std::string(other), otherPath, "1", 0U, 2U},
                                                                {std::string(other), otherPath, "2", 0U, 2U},
-                                                               {kMaster, kMasterPath, "1", 0U, 2U},
-                                                               {kMaster, kMasterPath, "2", 0U, 3U}}) {
+                                                               {kMaster, kMasterPath, "1", 1U, 2U},
+                                                               {kMaster, kMasterPath, "1", 0U, 3U},
+                                                               {kMaster, kMasterPath, "1", 0U, 3U},
+                                                               {kMaster, kMasterPath, "2", 0U, 4U}}) {
         SetStoreResult(refusal);
         EXPECT_EQ(report(guid, path, storeId),
                   static_cast<unsigned int>(refusal != 0 ? kKelAnswerTryLater : kKelAnswerStaysHere));
         EXPECT_EQ(OfferCount(), offers) << guid << " " << storeId;
     }
     const KelVector<KelContainer> offered = Offers();
-    for (const char* name : {"FileType", "FileName", "FileChecksum", "FilePath", "FileURL"})
-        EXPECT_EQ(offered.back().GetString(name), offered.front().GetString(name));
+    const KelContainer wanted = offered.back().GetContainer("FileInfo");
+    for (const char* name : {"FileType", "FileName", "FileChecksum"})
+        EXPECT_EQ(wanted.GetString(name), offered.front().GetString(name));
     EXPECT_EQ(offered.back().GetContainer("DevicePath"), offered.front().GetContainer("DevicePath"));
-    EXPECT_TRUE(offered.back().GetBool("Repeated"));
 }
 
 }  // namespace

@@ -57,33 +57,16 @@ class ConsoleUpstreamTest : public ConsoleTest {
         return publication;
     }
     /// "delivered/failed/pending of targets"
-    static std::string Counts(const KelContainer& values) {
+    static std::string CountsNow(const KelContainer& published) {
+        const KelContainer values = Listed(published).GetContainer("Values");
         return values.GetString("Delivered") + "/" + values.GetString("Failed") + "/" +
                values.GetString("Pending") + " of " + values.GetString("Targets");
-    }
-    static std::string CountsNow(const KelContainer& published) {
-        return Counts(Listed(published).GetContainer("Values"));
-    }
-    /// Publishes the file with the content that is set. Its counts at once must be `expected`, and the
-    /// message of its first device hold `message`. Only pending targets are offered the file, all of them.
-    KelContainer Expect(const std::string& device, const std::string& expected,
-                        const std::string& message = {}) {
-        TempFolder::Write(root_ / "setup.bin", content_);
-        const KelContainer published = Publish(With(Request(device), {"FileLabel=" + label_}));
-        EXPECT_EQ(Counts(published), expected);
-        const KelContainer listed = Listed(published);
-        EXPECT_EQ(Counts(listed.GetContainer("Values")), expected);
-        const KelString said = listed.GetContainer("Devices").GetString("Message");
-        EXPECT_NE(said.find(message), std::string::npos) << said;
-        EXPECT_EQ(Offers().back().Has("DevicePath"), published.GetInt32("Pending") > 0);
-        return published;
     }
     /// The line of a device in the ini file.
     static std::string Line(const std::string& guid, const std::string& parentRoleAndName) {
         return guid + "=127.0.3.4:1610/" + guid + "/0/127.0.3.4/255.0.0.0 " + parentRoleAndName + "\n";
     }
 
-    std::string content_ = "content", label_ = "tools";
     const std::int64_t now_ = std::time(nullptr);
     std::optional<RunningModule<Console>> module_;
 };
@@ -173,109 +156,36 @@ TEST_F(ConsoleUpstreamTest, ReceiptsBringAPublicationForward) {
               kKelErrorBadInput);
 }
 
-TEST_F(ConsoleUpstreamTest, ADeviceThatGotAnotherContentSinceDoesNotGetTheFormerOneBack) {
-    for (const auto& [label, laterTime, later] :
-         {std::tuple("later", 101, "1/0/0 of 1"), {"same second", 100, "0/1/0 of 1"}}) {
-        label_ = label;
-        const auto expect = [this](const char* content, const char* expected, const char* message = "") {
-            content_ = content;
-            Expect("north", expected, message);
-        };
-        const std::size_t first = OfferCount();
-        expect("content", "0/0/1 of 1");
-        TakeReceipt(Receipt(kNorth, "delivered", 100, first));
-        expect("newer", "0/0/1 of 1");
-        expect("content", "0/1/0 of 1", "on its way to it");
-        TakeReceipt(Receipt(kNorth, "delivered", laterTime, first + 1));
-        for (int i = 0; i < 2; ++i) {
-            expect("content", "0/1/0 of 1", "another label");
-            expect("newer", later);
-        }
+TEST_F(ConsoleUpstreamTest, ARefusedOfferLeavesNoPublication) {
+    for (const std::uint32_t count : {0U, 1U}) {  // of the file, then of an order
+        SetStoreResult(13);
+        KelContainer refused = Request("north");
+        EXPECT_EQ(Call("ConsolePublish", refused), 13U);
+        EXPECT_FALSE(refused.Has("PublicationId"));
+        const KelContainer listed = Call("ConsoleListPublications");
+        EXPECT_EQ(listed.Has("Values") ? listed.Count("Values") : 0, count);
+        SetStoreResult(0);
+        if (count == 0) Publish(Request("none"));
     }
+    EXPECT_TRUE(std::filesystem::is_empty(root_ / "data/Console/Incoming"));
 }
 
-TEST_F(ConsoleUpstreamTest, APendingTargetIsOfferedTheFileAgainAFailedOneIsNot) {
-    SetStoreResult(13);
-    KelContainer refused = Request("north");
-    EXPECT_EQ(Call("ConsolePublish", refused), 13U);
-    EXPECT_FALSE(refused.Has("PublicationId"));
-    EXPECT_FALSE(Call("ConsoleListPublications").Has("Values"));
-    SetStoreResult(0);
-    Expect("desk", "0/0/1 of 1");  // a refused offer has left no holder above it
-    label_ = "again";
-    Expect("north", "0/0/1 of 1");
-    Expect("north", "0/0/1 of 1");
-    TakeReceipt(Receipt(kNorth, "failed", 100, 1));
-    Expect("north", "0/1/0 of 1", "it's failed");
-    Expect("north", "0/1/0 of 1", "it's failed");
-}
-
-TEST_F(ConsoleUpstreamTest, ATargetBehindAStoreThatTookTheFileWithoutItFailsAtOnce) {
-    const std::string far = "ABCD0000-0000-0000-0000-000000000004";
-    WriteDevices(BothDevices() + Line(far, kNorth + " client far"));
-    TakeIdentity(Identity(kDesk, "desk-9", now_));
-    Expect("desk", "0/0/1 of 1");
-    Expect("all", "0/2/2 of 4");
-    const KelContainer desk9 = With({}, Identity(kDesk, "desk-9", now_).GetString("PathName"), {});
-    const KelContainer both = With(desk9, kNorthPath, With({}, kClientPath, {}));
-    EXPECT_EQ(Offers().back().GetContainer("DevicePath"), With({}, kMasterPath, both));
-    for (const auto& [device, guid] : {std::pair("far", far), {"north", kNorth}}) {
-        const KelContainer published = Expect(device, "0/1/0 of 1", "store of north");
-        TakeReceipt(Receipt(guid, "delivered", 100));
-        EXPECT_EQ(CountsNow(published), "1/0/0 of 1") << "it fetched the file by request";
-    }
-    Expect("all", "2/0/2 of 4");
-}
-
-TEST_F(ConsoleUpstreamTest, ATargetThatWasNeverOfferedTheFileIsOnceItsWayIsFree) {
-    Expect("north", "0/0/1 of 1");
-    Expect("desk", "0/1/0 of 1");
-    TakeIdentity(With(Identity(kClient, "desk", now_),
-                      {"DeviceUrl=127.0.3.3:1610/" + kClient, "PathName=" + kClientPath}));
-    Expect("desk", "0/0/1 of 1");
-}
-
-TEST_F(ConsoleUpstreamTest,
-       WhatADeviceFetchedByRequestAndTheRelayAboveItAreKnownAndLearntFromAnOlderDatabase) {
-    TakeIdentity(Identity(kDesk, "desk-9", now_, kNorth));
-    Expect("none", "0/0/0 of 0");
-    TakeReceipt(Receipt(kDesk, "delivered", 100));
-    TakeReceipt(Receipt(kDesk, "failed", 99));
-    Expect("desk-9", "1/0/0 of 1");
-    for (const char* device : {"desk", "north"})
-        Expect(device, "0/1/0 of 1", "store of north");
-    Expect("all", "1/2/0 of 3");
-    TakeReceipt(With(Receipt(kDesk, "delivered", 100), {"FileLabel=never published"}));
-    module_.reset();
-    {
-        DBConnectionPool pool;
-        pool.SetDatabase("SQLITE32", "", root_ / "data/Console/Console.sqlite", "", "", 0);
-        const auto database = pool.CreateConnection();
-        ASSERT_TRUE(database && database->Query("DROP TABLE Holders") &&
-                    database->Query("UPDATE DatabaseInformation SET FieldValue = '1' "
-                                    "WHERE FieldName = 'SchemaVersion'"));
-    }
-    module_.emplace();
-    Expect("all", "1/2/0 of 3");
-    label_ = "never published";
-    Expect("all", "0/0/3 of 3");
-}
-
-TEST_F(ConsoleUpstreamTest, ARelayKeepsAFileWhenTheTargetMovesToAnotherOne) {
-    const std::string south = "ABCD0000-0000-0000-0000-000000000004";
-    const std::string neighbour = "ABCD0000-0000-0000-0000-000000000005";
-    WriteDevices(BothDevices() + Line(south, kMaster + " relay south") +
-                 Line(neighbour, south + " client neighbour"));
-    for (const bool isDelivered : {false, true}) {
-        label_ = isDelivered ? "delivered" : "pending";
-        TakeIdentity(Identity(kDesk, "desk-9", now_, kNorth));
-        const std::size_t offer = OfferCount();
-        Expect("desk-9", "0/0/1 of 1");
-        if (isDelivered) TakeReceipt(Receipt(kDesk, "delivered", 100, offer));
-        TakeIdentity(Identity(kDesk, "desk-9", now_, south));
-        Expect("neighbour", "0/0/1 of 1");
-        Expect("desk", "0/1/0 of 1", "store of north");
-    }
+/// Without a name a receipt counts for the first publication, which was no order.
+TEST_F(ConsoleUpstreamTest, AReceiptCountsForThePublicationsThatItNames) {
+    KelVector<KelContainer> published;
+    for (int i = 0; i < 3; ++i)
+        published.push_back(Publish(Request("north")));
+    const auto counts = [&](std::size_t i) { return CountsNow(published[i]); };
+    TakeReceipt(
+        With(Receipt(kNorth, "failed", 100), {"PublicationId=" + published[2].GetString("PublicationId")}));
+    EXPECT_EQ(counts(0) + ", " + counts(1) + ", " + counts(2), "0/0/1 of 1, 0/0/1 of 1, 0/1/0 of 1");
+    KelContainer several = Receipt(kNorth, "delivered", 101);
+    for (const std::uint32_t i : {1U, 2U})
+        several.SetString("PublicationId", published[i].GetString("PublicationId"), i - 1);
+    TakeReceipt(several);
+    EXPECT_EQ(counts(0) + ", " + counts(1) + ", " + counts(2), "0/0/1 of 1, 1/0/0 of 1, 1/0/0 of 1");
+    TakeReceipt(Receipt(kNorth, "failed", 102));
+    EXPECT_EQ(counts(0) + ", " + counts(1) + ", " + counts(2), "0/1/0 of 1, 1/0/0 of 1, 1/0/0 of 1");
 }
 
 TEST_F(ConsoleUpstreamTest, PublicationsAreListedLatestFirstEvenWithinOneSecond) {

@@ -57,6 +57,18 @@ TEST_F(LocalOfferTest, SourcesAreMovedCopiedOrLeft) {
         }
 }
 
+TEST_F(LocalOfferTest, RepeatedOfferOfAnAvailableFileChangesNothing) {
+    const std::uint64_t fileId = AddStored(kDown, "n", "AVAILABLE", "Bypass = 1, KeepCopy = 7");
+    const auto isHeld = [source = MakeFile("source", "n")](const KelString& checksum) {
+        const KelContainer offer = With(Offer("t", checksum), {{"FilePath", source}, {"Repeated", true}});
+        return Ask("FileStoreReceiveFile", offer).GetBool("ContentHeld");
+    };
+    EXPECT_TRUE(isHeld("c"));
+    EXPECT_EQ(Fields(kDown, fileId, "FileStatus, Bypass, KeepCopy, ExternalFile"), "AVAILABLE|1|7|0");
+    EXPECT_FALSE(isHeld("d"));
+    EXPECT_EQ(Rows(kDown, "SELECT FileChecksum FROM Files ORDER BY FileId"), (Texts{"c", "d"}));
+}
+
 /// No device above accepts an empty file: it would be offered again and again.
 TEST_F(LocalOfferTest, UnreadableAndEmptySourcesAreRefusedAndNothingIsRecorded) {
     MakeFile("empty", "");

@@ -1,0 +1,120 @@
+// The work of the class Delivery on orders: files that are published again.
+
+#include <algorithm>
+#include <cstdlib>
+#include <ctime>
+
+#include "kelcore/action_db.h"
+#include "kelcore/error_codes.h"
+#include "kelcore/file_offer.h"
+#include "kelcore/file_values.h"
+#include "modules/delivery/delivery.h"
+
+namespace {
+
+/// After this time a file is requested again, in case the file store has forgotten the request.
+constexpr std::int64_t kAskAgainSeconds = 600;
+
+constexpr const char* kReplaced = "A later publication of the same name was delivered here before";
+
+}  // namespace
+
+unsigned int Delivery::TakeOrder(const ReceivedFile& file, const KelContainer& info) {
+    auto order = ReadDeliveryOrder(file.key.name, info);
+    if (!order) {
+        Log().Warning("An order was refused: %S\n", order.Error().message);
+        return kKelErrorBadInput;
+    }
+    order->received = std::time(nullptr);
+    // One that is not on the disk is asked for again at the next start.
+    if (jobs_.Names(order->publication) || orders_.Add(*order)) jobs_.AddTaken(file, {});
+    thread_.Signal(0);
+    receiptThread_.Signal(0);
+    return kKelOk;
+}
+
+/// The orders for this file that no job has answered yet.
+KelVector<DeliveryOrder> Delivery::WaitingOrders(const FileKey& key) const {
+    KelVector<DeliveryOrder> orders = orders_.List();
+    std::erase_if(orders, [this, &key](const DeliveryOrder& order) {
+        return order.file != key || jobs_.Names(order.publication);
+    });
+    return orders;
+}
+
+std::int64_t Delivery::LatestPublication(const KelString& destination) const {
+    const auto past = orders_.FindPast(destination);
+    return std::max(past ? past->publicationTime : 0, jobs_.LatestPublication(destination));
+}
+
+/// Makes `file`, which has come, the one that these orders wait for. False when a later publication has taken
+/// the place, which the receipts say then. The caller holds mutexCopy_.
+bool Delivery::AddOrders(ReceivedFile& file, const KelString& destination,
+                         const KelVector<DeliveryOrder>& orders) {
+    const std::int64_t latest = LatestPublication(destination);
+    // It has come for the orders alone when its own publication was delivered before.
+    if (file.publicationTime <= latest && latest != 0) file.publications.clear();
+    for (const DeliveryOrder& order : orders) {
+        file.publications.push_back(order.publication);
+        file.publicationTime = std::max(file.publicationTime, order.time);
+    }
+    if (file.publicationTime >= latest) return true;
+    jobs_.AddConcluded(file, DeliveryOutcome::Failed, kReplaced, std::time(nullptr));
+    jobs_.AddTaken(file, {});
+    thread_.Signal(0);
+    receiptThread_.Signal(0);
+    return false;
+}
+
+/// True when there are orders whose file has not come.
+bool Delivery::WorkOnOrders() {
+    bool isWaiting = false;
+    for (const DeliveryOrder& order : orders_.List()) {
+        if (receiptThread_.CheckCancelled(false)) return true;
+        if (jobs_.Names(order.publication) || ConcludeOrder(order)) continue;
+        isWaiting = true;
+        const bool isDue = std::abs(std::time(nullptr) - order.asked) >= kAskAgainSeconds;
+        if (isDue && !RequestOrdered(order)) EndOrder(order, DeliveryOutcome::Failed, "The file is obsolete");
+    }
+    return isWaiting;
+}
+
+/// True when the file needs not come: its publication was processed here before, or a later one, or the time
+/// is over.
+bool Delivery::ConcludeOrder(const DeliveryOrder& order) {
+    const KelString destination = inbox_.PathOf({order.file, {}});
+    const auto past = orders_.FindPast(destination);
+    if (past && past->publicationTime == order.time) {
+        EndOrder(order, past->outcome, past->message);
+    } else if (LatestPublication(destination) > order.time) {
+        EndOrder(order, DeliveryOutcome::Failed, kReplaced);
+    } else if (std::time(nullptr) - order.received >= orderTimeout_) {
+        EndOrder(order, DeliveryOutcome::Failed,
+                 KelFormat("No device above had the file for %gd seconds", orderTimeout_));
+    } else {
+        return false;
+    }
+    return true;
+}
+
+void Delivery::EndOrder(const DeliveryOrder& order, DeliveryOutcome outcome, const KelString& message) {
+    const KelLock lock(mutexCopy_);
+    if (jobs_.Names(order.publication)) return;  // the file has come meanwhile
+    if (outcome == DeliveryOutcome::Failed)
+        Log().Warning("%S is not delivered: %S\n", order.file.Text(), message);
+    ReceivedFile file{order.file, {}};
+    file.publications = {order.publication};
+    jobs_.AddConcluded(file, outcome, message, std::time(nullptr));
+}
+
+/// False when the file can not be had any more.
+bool Delivery::RequestOrdered(const DeliveryOrder& order) {
+    FileOffer request;
+    request.key = order.file;
+    request.info = order.info;
+    request.bypass = order.bypass;
+    KelContainer call = request.ToContainer();
+    if (CallLocal("FileStoreRequestFile", call) != kKelOk) return true;  // tried again
+    orders_.SetAsked(order.publication, std::time(nullptr));
+    return !call.GetBool("FileObsolete");
+}

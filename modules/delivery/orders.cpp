@@ -1,0 +1,116 @@
+#include "modules/delivery/orders.h"
+
+#include <algorithm>
+
+#include "kel/checksum.h"
+#include "kel/directory.h"
+#include "kel/file.h"
+#include "kel/format.h"
+#include "kel/path.h"
+#include "kelcore/error_codes.h"
+#include "kelcore/file_values.h"
+#include "modules/delivery/received_file.h"
+
+namespace {
+
+constexpr char kSuffix[] = ".xml";
+
+}  // namespace
+
+KelContainer DeliveryOrder::ToContainer() const {
+    KelContainer values;
+    file.Write(values);
+    values.SetInt64(kValuePublicationTime, time);
+    values.SetBool(kValueBypass, bypass);
+    values.SetContainer(kValueFileInfo, info);
+    values.SetInt64("Received", received);
+    return values;
+}
+
+KelResult<DeliveryOrder> ReadDeliveryOrder(const KelString& publication, const KelContainer& values) {
+    DeliveryOrder order;
+    order.publication = publication;
+    order.file = FileKey::Read(values);
+    order.time = values.GetInt64(kValuePublicationTime);
+    order.bypass = values.GetBool(kValueBypass);
+    order.info = values.GetContainer(kValueFileInfo);
+    order.received = values.GetInt64("Received");
+    if (const KelStatus checked = CheckFileKey(order.file); !checked) return checked.Error();
+    if (order.time > 0) return order;
+    return KelError{kKelErrorBadInput, KelFormat("the order of publication %S has no time", publication)};
+}
+
+bool Orders::Load(const KelString& folder) {
+    const KelLock lock(mutex_);
+    folder_ = folder;
+    orders_.clear();
+    if (!PathCreate(folder + "/Orders") || !PathCreate(folder + "/Latest")) return false;
+    for (const KelString& name : DirList(folder + "/Orders")) {
+        KelContainer values;
+        const bool isLoaded = static_cast<bool>(values.LoadFromFile(folder + "/Orders/" + name));
+        const auto order = ReadDeliveryOrder(name.substr(0, name.rfind(kSuffix)), values);
+        if (isLoaded && order) orders_.push_back(*order);
+    }
+    return true;
+}
+
+bool Orders::Add(const DeliveryOrder& order) {
+    const KelLock lock(mutex_);
+    auto known = std::find_if(orders_.begin(), orders_.end(), [&order](const DeliveryOrder& other) {
+        return other.publication == order.publication;
+    });
+    if (known == orders_.end()) known = orders_.insert(known, order);
+    return static_cast<bool>(known->ToContainer().SaveToFile(PathOf(order.publication)));
+}
+
+KelVector<DeliveryOrder> Orders::List() const {
+    const KelLock lock(mutex_);
+    return orders_;
+}
+
+void Orders::SetAsked(const KelString& publication, std::int64_t time) {
+    const KelLock lock(mutex_);
+    for (DeliveryOrder& order : orders_)
+        if (order.publication == publication) order.asked = time;
+}
+
+void Orders::Remove(const KelVector<KelString>& publications) {
+    const KelLock lock(mutex_);
+    std::erase_if(orders_, [this, &publications](const DeliveryOrder& order) KEL_REQUIRES(mutex_) {
+        if (std::find(publications.begin(), publications.end(), order.publication) == publications.end())
+            return false;
+        FileDelete(PathOf(order.publication));
+        return true;
+    });
+}
+
+std::optional<PastDelivery> Orders::FindPast(const KelString& destination) const {
+    const KelLock lock(mutex_);
+    KelContainer values;
+    const KelString path = PastPathOf(destination);
+    if (!FileExists(path) || !values.LoadFromFile(path)) return std::nullopt;
+    return PastDelivery{
+        values.GetInt64(kValuePublicationTime),
+        ParseDeliveryOutcome(values.GetString("Outcome")).value_or(DeliveryOutcome::Delivered),
+        values.GetString("Message")};
+}
+
+bool Orders::Remember(const DeliveryJob& job) {
+    if (job.destination.empty() || job.file.publicationTime == 0) return true;
+    const KelLock lock(mutex_);
+    const auto past = FindPast(job.destination);
+    if (past && past->publicationTime > job.file.publicationTime) return true;
+    KelContainer values;
+    values.SetInt64(kValuePublicationTime, job.file.publicationTime);
+    values.SetString("Outcome", DeliveryOutcomeName(job.outcome));
+    values.SetString("Message", job.message);
+    return static_cast<bool>(values.SaveToFile(PastPathOf(job.destination)));
+}
+
+KelString Orders::PathOf(const KelString& publication) const {
+    return folder_ + "/Orders/" + publication + kSuffix;
+}
+
+KelString Orders::PastPathOf(const KelString& destination) const {
+    return folder_ + "/Latest/" + TextMd5(destination) + kSuffix;
+}

@@ -1,0 +1,124 @@
+#include <algorithm>
+
+#include "delivery_fixture.h"
+
+namespace {
+
+/// Publications that come as orders. The store of the device notes what is requested of it.
+class OrderTest : public DeliveryTest {
+  protected:
+    void SetUp() override {
+        DeliveryTest::SetUp();
+        FakeAction("FileStoreRequestFile (string FileType)", [this](KelContainer* container) {
+            ++requests_;
+            container->SetBool("FileObsolete", container->GetString("FileName") == "obsolete");
+            return 0U;
+        });
+    }
+    static KelContainer Published(const KelContainer& file, const std::string& publication, int time) {
+        return With(file, "FileInfo",
+                    Values({"PublicationId=" + publication, "PublicationTime=" + std::to_string(time)}));
+    }
+    KelContainer Order(KelContainer wanted, const std::string& publication, int time) {
+        wanted.Remove("FilePath");
+        wanted = With(wanted, {"PublicationTime=" + std::to_string(time)});
+        return With(With(Stored("DeliveryOrder", publication, publication), {"FileLabel=T"}), "FileInfo",
+                    wanted);
+    }
+    /// "publication status" of each receipt, in the order in which they were sent.
+    Texts Receipts() const {
+        Texts receipts;
+        for (const KelContainer& receipt : Contents()) {
+            std::string text;
+            for (std::uint32_t i = 0; receipt.Has("PublicationId") && i < receipt.Count("PublicationId"); ++i)
+                text += receipt.GetString("PublicationId", {}, i) + " ";
+            receipts.push_back(text + receipt.GetString("Status"));
+        }
+        return receipts;
+    }
+    bool Come(const Texts& receipts) {
+        const bool come = Eventually([&] { return Receipts() == receipts; });
+        EXPECT_EQ(Receipts(), receipts);
+        return come;
+    }
+    bool AreRequested(int count) {
+        return Eventually([&] { return requests_ == count; });
+    }
+    std::atomic<int> requests_ = 0;
+};
+
+TEST_F(OrderTest, FileIsRequestedAndReplacesAnotherContentUnlessALaterPublicationHas) {
+    const KelContainer former = Published(Stored("T", "f", "former"), "p1", 1);
+    const KelContainer latter = Published(Stored("T", "f", "latter"), "p2", 2);
+    std::optional<ActiveModule<Delivery>> module(std::in_place);
+    EXPECT_EQ(Announce(former), 0U);
+    ASSERT_TRUE(Come({"p1 delivered"}));
+    EXPECT_EQ(Announce(latter), 0U);
+    ASSERT_TRUE(Come({"p1 delivered", "p2 delivered"}));
+    EXPECT_EQ(Announce(Order(former, "p3", 3)), 0U);
+    ASSERT_TRUE(AreRequested(1));
+    module.reset();
+    module.emplace();
+    ASSERT_TRUE(AreRequested(2)) << "after a restart";
+    EXPECT_EQ(Announce(former), 0U);
+    ASSERT_TRUE(Come({"p1 delivered", "p2 delivered", "p3 delivered"}));
+    EXPECT_EQ(TempFolder::Read(InboxPath("T", "f")), "former");
+
+    for (const auto& [publication, time] : {std::pair("p2", 2), {"p3", 3}})
+        EXPECT_EQ(Announce(Order(time == 2 ? latter : former, publication, time)), 0U);
+    EXPECT_TRUE(Eventually([this] { return Receipts().size() == 5; }));
+    Texts last = Receipts();
+    last.erase(last.begin(), last.begin() + 3);
+    std::sort(last.begin(), last.end());
+    EXPECT_EQ(last, (Texts{"p2 failed", "p3 delivered"})) << "a late order, and one that comes again";
+    EXPECT_EQ(requests_, 2);
+    EXPECT_EQ(TempFolder::Read(InboxPath("T", "f")), "former");
+    EXPECT_EQ(Call("DeliveryListFiles").Count("Values"), 1U);
+    EXPECT_TRUE(AllJobsEnd());
+    EXPECT_TRUE(std::filesystem::is_empty(root_ / "data/Delivery/Orders"));
+}
+
+TEST_F(OrderTest, ALaterPublicationThatComesWhileTheOrderWaitsStays) {
+    const KelContainer former = Stored("T", "f", "former");
+    ActiveModule<Delivery> module;
+    EXPECT_EQ(Announce(Order(former, "p3", 3)), 0U);
+    ASSERT_TRUE(AreRequested(1));
+    EXPECT_EQ(Announce(Published(Stored("T", "f", "latest"), "p4", 4)), 0U);
+    EXPECT_EQ(Announce(former), 0U);
+    EXPECT_TRUE(Eventually([this] { return Receipts().size() == 2; }));
+    Texts receipts = Receipts();
+    std::sort(receipts.begin(), receipts.end());
+    EXPECT_EQ(receipts, (Texts{"p3 failed", "p4 delivered"}));
+    EXPECT_EQ(TempFolder::Read(InboxPath("T", "f")), "latest");
+}
+
+TEST_F(OrderTest, CommandRunsAgainForAFileInPlaceAndOneReceiptAnswersAllOrders) {
+    RunOnArrival("echo x >> " + root_ / "ran" + "; exec test -f " + root_ / "repaired");
+    ActiveModule<Delivery> module;
+    const KelContainer file = Published(Stored("T", "f", "content"), "p1", 1);
+    EXPECT_EQ(Announce(file), 0U);
+    ASSERT_TRUE(Come({"p1 failed"}));
+    TempFolder::Write(root_ / "repaired", "");
+    for (const auto& [publication, time] : {std::pair("p2", 2), {"p3", 3}})
+        EXPECT_EQ(Announce(Order(file, publication, time)), 0U);
+    ASSERT_TRUE(AreRequested(2));
+    EXPECT_EQ(Announce(file), 0U);
+    EXPECT_TRUE(Come({"p1 failed", "p2 p3 delivered"}));
+    EXPECT_EQ(TempFolder::Read(root_ / "ran"), "x\nx\n");
+}
+
+TEST_F(OrderTest, FileThatNobodyHasFailsAndAnUnusableOrderIsRefused) {
+    const KelContainer late = Order(Stored("T", "late", "c"), "late", 5).GetContainer("FileInfo");
+    TempFolder::Write(root_ / "data/Delivery/Orders/late.xml", With(late, {"Received=1"}).SaveToXML());
+    ActiveModule<Delivery> module;
+    ASSERT_TRUE(Come({"late failed"}));
+    ExpectValues(Contents()[0], {"Message=No device above had the file for 604800 seconds", "FileName=late"});
+    EXPECT_EQ(Announce(Order(Stored("T", "obsolete", "c"), "p1", 1)), 0U);
+    EXPECT_TRUE(Come({"late failed", "p1 failed"}));
+    for (const KelContainer& wanted : {With(Stored("T", "f", "c"), {"FileName=a/b"}), KelContainer()})
+        EXPECT_EQ(Call("DeliveryReceiveFile", Order(wanted, "p2", 2)), kKelErrorBadInput);
+    EXPECT_EQ(Call("DeliveryReceiveFile", Order(Stored("T", "f", "c"), "p2", 0)), kKelErrorBadInput);
+    EXPECT_EQ(requests_, 1);
+}
+
+}  // namespace
