@@ -134,6 +134,4 @@ TEST_F(TargetTest, RowThatIsRemovedMeanwhileIsMadeAnewWithItsTargets) {
     EXPECT_EQ(TargetTrees(), Texts{Row(unknown, leaf_)});
 }
 
-// ---- offers that go down once more after a store has lost its database
-
 }  // namespace
