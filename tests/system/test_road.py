@@ -58,7 +58,7 @@ class AgainTest(SystemTest):
             self.assertEqual([self.fetched(agent) for agent in (relay, first, second)], [3, 2, 2])
             self.end(tree)
             for agent in tree.agents:
-                self.assertEqual(self.rows(agent, "SELECT * FROM Targets"), [], f"targets left on {agent.name}")
+                self.assertEqual(rows(agent, "SELECT * FROM Targets"), [], f"targets left on {agent.name}")
 
     def publish(self, tree, client, content):
         path = tree.folder / "again.bin"
