@@ -17,7 +17,7 @@
 
 namespace {
 
-constexpr std::size_t kPublicationIdBytes = 8;
+constexpr std::size_t kIdBytes = 8;
 constexpr char kAllDevices[] = "all";
 constexpr char kNoDevice[] = "none";
 
@@ -91,15 +91,15 @@ FileOffer OfferFor(const PublicationRequest& request, const PublicationSummary& 
     return offer;
 }
 
-/// What the delivery module of a target needs to request the file. The time keeps two orders of the same
-/// publication apart: a store takes each once.
+/// What the delivery module of a target needs to request the file. The random identifier keeps two
+/// orders of the same publication apart: a store takes each once.
 KelContainer OrderFor(const PublicationRequest& request, const PublicationSummary& publication) {
     KelContainer order;
     publication.file.Write(order);
     SetPublication(publication, order);
     order.SetBool(kValueBypass, request.bypass);
     order.SetContainer(kValueFileInfo, request.fileInfo);
-    order.SetInt64("OrderTime", std::time(nullptr));
+    order.SetString("OrderId", HexText(RandomBytes(kIdBytes)));
     return order;
 }
 
@@ -143,8 +143,7 @@ KelResult<Publisher::Plan> Publisher::MakePlan(const PublicationRequest& request
         log_.Warning("%lu devices are left out of the publication of %S; the first: %S\n", leftOut.size(),
                      request.file.name, leftOut.front());
     }
-    return Plan{HexText(RandomBytes(kPublicationIdBytes)), std::move(*devices), std::move(*targets),
-                leftOut.size()};
+    return Plan{HexText(RandomBytes(kIdBytes)), std::move(*devices), std::move(*targets), leftOut.size()};
 }
 
 KelStatus Publisher::Order(const PublicationRequest& request, const PublicationSummary& publication,

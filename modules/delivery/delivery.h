@@ -76,6 +76,7 @@ class Delivery : public KelModule {
     bool ReportTaken();
     bool WorkOnJobs();
     bool SendReceipts();
+    bool Remember(const DeliveryJob& job);
     void Conclude(const DeliveryJob& job, DeliveryOutcome outcome, const KelString& message = {});
     JobOutcome WorkOnJob(const DeliveryJob& job);
     JobOutcome BringIntoPlace(const DeliveryJob& job);

@@ -4,6 +4,7 @@
 #include <ctime>
 
 #include "kel/file.h"
+#include "kel/format.h"
 #include "kelcore/action_db.h"
 #include "kelcore/error_codes.h"
 #include "kelcore/file_values.h"
@@ -17,8 +18,9 @@ constexpr int kMaxReceiptFailures = 10;
 /// Without arguments, lists the files that were handed over and not taken; with "Taken", forgets these.
 constexpr const char* kUntakenAction = "FileStoreGetUntakenFiles";
 
-/// The failure that the log of failures knows.
+/// The failures that the log of failures knows.
 constexpr const char* kCopying = "copying";
+constexpr const char* kRemembering = "remembering";
 
 }  // namespace
 
@@ -128,7 +130,7 @@ bool Delivery::SendReceipts() {
     int failures = 0;
     for (const DeliveryJob& job : jobs_.ListConcluded()) {
         if (receiptThread_.CheckCancelled(false) || failures == kMaxReceiptFailures) return true;
-        if (orders_.Remember(job) && receipts_.Send(job)) {
+        if (Remember(job) && receipts_.Send(job)) {
             orders_.Remove(job.file.publications);
             jobs_.Remove(job.id);
         } else {
@@ -136,6 +138,20 @@ bool Delivery::SendReceipts() {
         }
     }
     return failures > 0;
+}
+
+/// Before the receipt is sent: afterwards the same publication may be ordered once more.
+bool Delivery::Remember(const DeliveryJob& job) {
+    if (orders_.Remember(job)) {
+        failures_.Succeeded(kRemembering, "Results of publications can be written down again");
+        return true;
+    }
+    failures_.Failed(
+        KelDebugLevel::Error, kRemembering,
+        KelFormat("The result for %S cannot be written down, so its receipt waits; check free space "
+                  "and rights in %S; tried again once a minute",
+                  job.destination, DataPath()));
+    return false;
 }
 
 void Delivery::Conclude(const DeliveryJob& job, DeliveryOutcome outcome, const KelString& message) {

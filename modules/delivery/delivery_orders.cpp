@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <ctime>
 
+#include "kel/format.h"
 #include "kelcore/action_db.h"
 #include "kelcore/error_codes.h"
 #include "kelcore/file_offer.h"

@@ -45,6 +45,8 @@ bool Orders::Load(const KelString& folder) {
     folder_ = folder;
     orders_.clear();
     if (!PathCreate(folder + "/Orders") || !PathCreate(folder + "/Latest")) return false;
+    DirDeleteTempFiles(folder + "/Orders");
+    DirDeleteTempFiles(folder + "/Latest");
     for (const KelString& name : DirList(folder + "/Orders")) {
         KelContainer values;
         const bool isLoaded = static_cast<bool>(values.LoadFromFile(folder + "/Orders/" + name));
