@@ -130,8 +130,8 @@ FileStoreEntry ReadOffered(const KelContainer& arguments, const Offer& offer, co
     return offered;
 }
 
-/// True when the offer is a repeated one of a file that is available here: it says nothing of the file but to
-/// whom it goes. `result` is the offer's then.
+/// True when the offer is a repeated one of a file that is available here: all that
+/// counts of it are its targets. `result` then receives the result of the offer.
 bool IsTakenAsRepeated(const Offer& offer, const KelContainer& devicePath, unsigned int& result) {
     FileStoreEntry known(offer.key);
     if (!offer.repeated || !LoadKnownFile(Side::Downstream, known) || known.FileStatus != kStatusAvailable)
