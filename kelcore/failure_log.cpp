@@ -12,7 +12,7 @@ constexpr std::chrono::hours kReminder{1};
 /// A failure that comes back sooner after a line about it is not logged again yet.
 constexpr std::chrono::minutes kSettled{1};
 
-/// Failures that nobody ends, such as those of files that were removed, are forgotten after this time.
+/// Failures without an end, such as those of files that were removed, are forgotten after this time.
 constexpr std::chrono::hours kForgotten{24};
 
 /// More are not remembered: each takes a few hundred bytes.

@@ -1,6 +1,7 @@
 #include "filestore/down/announcement_calls.h"
 
 #include <algorithm>
+#include <exception>
 #include <utility>
 
 #include "filestore/down/announcement.h"
@@ -44,6 +45,17 @@ void NoteCall(const FileStoreTarget& target, unsigned int error) {
     Reasons().NoteDevice(target.DeviceGUID, std::move(reason));
 }
 
+/// The same on a thread of its own, which no exception may leave.
+static unsigned int TryToAnnounce(const FileTarget& row) {
+    try {
+        return AnnounceTo(row);
+    } catch (const std::exception& exception) {
+        FileStore::debugFileStore.Error("NotifyThread: Announcing %S to %S failed: %s\n",
+                                        row.file.Key().Text(), row.target.DeviceGUID, exception.what());
+        return kKelErrorInternal;
+    }
+}
+
 AnnouncementCalls::Begun AnnouncementCalls::Begin(KelVector<FileTarget> rows) {
     const KelString device = rows.front().target.DeviceGUID;
     const bool isSuspect = silent_.contains(device);
@@ -70,7 +82,7 @@ void AnnouncementCalls::Run(Call& call, const KelVector<FileTarget>& rows) {
     unsigned int error = kKelOk;
     const FileStoreTarget* woken = nullptr;
     for (const FileTarget& row : rows) {
-        if (error == kKelOk) error = AnnounceTo(row);
+        if (error == kKelOk) error = TryToAnnounce(row);
         if (error == kKelOk) {
             outcome.announced.Add(row.target.TargetId);
             continue;

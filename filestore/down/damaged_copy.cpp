@@ -75,7 +75,7 @@ void Verify(const FileKey& key) {
             path);
         return;
     }
-    // The master has nobody to fetch it from.
+    // The master has no parent to fetch it from.
     if (file.ExternalFile || ActionDbIsActionRegistered("QuarnelDbRunScript")) {
         FileStore::debugFileStore.Error(
             "PullThread: The copy %S is damaged: restore it or publish it again\n", path);

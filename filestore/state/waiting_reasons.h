@@ -11,7 +11,7 @@
 #include "kel/types.h"
 
 /// Why files wait. The steps note what stopped them; nothing of it is written to the disk, because a restart
-/// tries everything again. What nobody has noted is derived from the rows: see exchange/reason_of_file.h.
+/// tries everything again. What has not been noted is derived from the rows: see exchange/reason_of_file.h.
 namespace filestore {
 
 /// What keeps a file from moving on. Each has a name on the wire and a sentence (waiting_reasons.cpp).

@@ -71,8 +71,8 @@ bool MoveAside(const KelString& path, const KelString& destination) {
 KelStatus OpenAndCheck(const KelString& path, SqliteDatabase& database) {
     if (KelStatus prepared = PrepareFile(path); !prepared) return prepared;
     KelStatus status = database.Open(path);
-    // Also after a clean stop: a disk damages files that nobody writes to. A database of a million rows
-    // (650 MiB) takes a second, plus the time to read it from the disk.
+    // Also after a clean stop: files can decay on the disk without being written. A database of a million
+    // rows (650 MiB) takes a second, plus the time to read it from the disk.
     if (status) status = database.QuickCheck();
     return status;
 }
