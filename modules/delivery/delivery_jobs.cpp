@@ -33,9 +33,15 @@ unsigned int Delivery::Deliver(ReceivedFile file, Arrival arrival) {
     {
         const KelLock lock(mutexCopy_);
         const bool isInPlace = inbox_.Holds(file);
+        const bool isTooLate = ForgetEndedOrders(file, destination);
         if (const auto orders = WaitingOrders(file.key); !orders.empty()) {
             if (!AddOrders(file, destination, orders)) return kKelOk;
             arrival = Arrival::NeverTaken;
+        } else if (isTooLate) {
+            Log().Print("%S is not delivered: its order has ended\n", file.key.Text());
+            jobs_.AddTaken(file, {});
+            thread_.Signal(0);
+            return kKelOk;
         }
         if (isInPlace && arrival == Arrival::HandedOver) {
             Log().Detail("%S is in place already\n", destination);
@@ -131,7 +137,8 @@ bool Delivery::SendReceipts() {
     for (const DeliveryJob& job : jobs_.ListConcluded()) {
         if (receiptThread_.CheckCancelled(false) || failures == kMaxReceiptFailures) return true;
         if (Remember(job) && receipts_.Send(job)) {
-            orders_.Remove(job.file.publications);
+            const KelLock lock(mutexCopy_);  // a file that arrives now finds both, or neither
+            orders_.SetAnswered(job.file.publications);
             jobs_.Remove(job.id);
         } else {
             ++failures;
