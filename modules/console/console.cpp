@@ -82,8 +82,7 @@ Console::Console()
       publications_(database_),
       directory_(Log(), deviceStore_),
       publisher_(Log(), directory_, publications_),
-      intake_(Log(), deviceStore_, publications_,
-              [this](const KelString& guid) { return publisher_.Repeat(guid); }),
+      intake_(Log(), deviceStore_, publications_, publisher_),
       explainer_(directory_, publications_) {}
 
 void Console::Register(const char* handle) {
