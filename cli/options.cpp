@@ -80,13 +80,23 @@ void AddKeyOptions(CLI::App& command, KelString& type, KelString& label) {
 void DefinePublish(CLI::App& app, Parsed& parsed) {
     PublishOptions& publish = parsed.publish;
     auto* command = app.add_subcommand("publish", "Send files to devices of the tree; on the master");
-    command->add_option("FILE", publish.files, "The files")->required()->check(CLI::ExistingFile);
+    command
+        ->add_option("FILE", publish.files,
+                     "The files, with --recursive also folders; @LIST: a file that names one in each line")
+        ->required()
+        ->check([](const std::string& path) {
+            return path.starts_with('@') ? std::string() : CLI::ExistingPath(path);
+        });
+    command->add_flag("--recursive", publish.recursive,
+                      "Publish the files in folders, each named by its path in the folder");
     AddKeyOptions(*command, publish.type, publish.label);
     command
         ->add_option("--to", publish.devices,
-                     "GUIDs or names of devices, or all; none: devices fetch the file by request")
+                     "GUIDs, names or patterns of names ('shop-*') of devices, or @LIST: a file that holds "
+                     "such; or all; none: devices fetch the file by request")
         ->required()
         ->delimiter(',')
+        ->allow_extra_args(false)
         ->type_name("DEVICE,...");
     command->add_option("--priority", publish.priority, "Files of higher priority go first")
         ->capture_default_str();

@@ -39,10 +39,11 @@ struct CollectedOptions {};
 struct UploadOptions {};
 
 struct PublishOptions {
-    KelVector<KelString> files;
+    KelVector<KelString> files;  ///< paths, "@LIST" for those in a file; see SelectFiles
+    bool recursive = false;      ///< folders may be among them
     KelString type;
     KelString label;
-    KelVector<KelString> devices;  ///< GUIDs or names, or "all", or "none"
+    KelVector<KelString> devices;  ///< GUIDs, names, patterns, "@LIST"; or "all", or "none"
     int priority = 100;
     bool bypass = false;
     bool wake = false;

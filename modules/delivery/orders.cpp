@@ -86,6 +86,11 @@ void Orders::Remove(const KelVector<KelString>& publications) {
     });
 }
 
+bool Orders::HasPast(const KelString& destination) const {
+    const KelLock lock(mutex_);
+    return FileExists(PastPathOf(destination));
+}
+
 std::optional<PastDelivery> Orders::FindPast(const KelString& destination) const {
     const KelLock lock(mutex_);
     KelContainer values;

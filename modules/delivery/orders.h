@@ -50,6 +50,7 @@ class Orders {
     void SetAsked(const KelString& publication, std::int64_t time);
     void Remove(const KelVector<KelString>& publications);
 
+    bool HasPast(const KelString& destination) const;
     std::optional<PastDelivery> FindPast(const KelString& destination) const;
     /// Remembers a concluded job with a publication, unless a later one is known; false when it cannot be
     /// written.

@@ -4,6 +4,7 @@
 #include "kel/text.h"
 #include "modules/console/device.h"
 #include "modules/console/device_tree.h"
+#include "modules/console/target_choice.h"
 #include "on_threads.h"
 
 namespace {
@@ -131,6 +132,35 @@ KelString Shape(const KelContainer& container) {
         if (!below.IsEmpty()) text += "(" + Shape(below) + ")";
     }
     return text;
+}
+
+TEST(TargetChoice, NamesAndPatternsGiveEachDeviceOnceInTheirOrder) {
+    auto devices = Tree();
+    devices.push_back(MakeDevice("lost-1", "client", 6, 77));
+    devices.push_back(MakeDevice("odd", "client", 7, 0));
+    devices.back().name = "N*";
+    const auto chosen = [&devices](const KelVector<KelString>& wanted) {
+        const auto targets = ChooseTargets(devices, wanted);
+        if (!targets) return targets.Error().message;
+        KelString text;
+        for (const std::size_t index : targets->indexes)
+            text += devices[index].name + " ";
+        return text + KelFormat("%lu", targets->leftOut.size());
+    };
+    const std::pair<KelVector<KelString>, const char*> cases[] = {
+        {{"none"}, "0"},
+        {{"all"}, "north n1 far f1 m1 N* 1"},
+        {{"f1", "?1", "F1", Guid(4)}, "f1 n1 m1 0"},
+        {{"[a-f]*", "north"}, "far f1 north 0"},
+        {{"n*"}, "N* 0"},
+        {{"*"}, "north n1 far f1 m1 N* 1"},
+        {{"master", "*1"}, "master n1 f1 m1 1"},
+        {{"m1", "x*"}, "No name of a device matches the pattern \"x*\""},
+        {{"all", "m1"}, "There is no device \"all\""}};
+    for (const auto& [wanted, expected] : cases)
+        EXPECT_EQ(chosen(wanted), expected);
+    for (const char* wanted : {"lost-1", "lost*"})
+        EXPECT_NE(chosen({"m1", wanted}).find("lost-1 cannot be reached"), KelString::npos) << wanted;
 }
 
 TEST(DeviceTree, ContainsTheWayToEachTarget) {
