@@ -78,6 +78,10 @@ constexpr auto kNames = std::to_array<Name>({
     {"FirstSeen", "first_seen"},
     {"LastSeen", "last_seen"},
     {"Device", "device"},
+    // groups
+    {"Member", "member"},
+    {"Members", "members"},
+    {"Devices", "devices"},
     // status
     {"Agent", "agent"},
     {"Version", "version"},

@@ -50,6 +50,13 @@ struct PublishOptions {
     bool watch = false;  ///< keep running until every target has the files
 };
 
+struct GroupsOptions {
+    enum class Verb : unsigned char { List, Show, Set, Add, Remove, Delete };
+    Verb verb = Verb::List;
+    KelString name;
+    KelVector<KelString> members;  ///< GUIDs, names, patterns, "@LIST"
+};
+
 struct PublicationsOptions {
     KelString id;  ///< empty for all
     bool withoutReasons = false;
@@ -109,7 +116,7 @@ struct CallOptions {
 using CommandOptions =
     std::variant<InitOptions, StatusOptions, DevicesOptions, PublishOptions, PublicationsOptions, SendOptions,
                  CollectedOptions, RequestOptions, UploadOptions, FilesOptions, FileOptions, SettingsOptions,
-                 WindowsOptions, InboxOptions, CallOptions, WhyOptions>;
+                 WindowsOptions, InboxOptions, CallOptions, WhyOptions, GroupsOptions>;
 
 struct Options {
     CommonOptions common;

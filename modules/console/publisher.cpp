@@ -101,7 +101,9 @@ KelVector<std::size_t> PendingBelow(const KelVector<Device>& devices, const KelS
 KelResult<Publisher::Plan> Publisher::MakePlan(const PublicationRequest& request) {
     auto devices = directory_.Read();
     if (!devices) return devices.Error();
-    auto targets = ChooseTargets(*devices, request.devices);
+    const auto groups = groups_.List();
+    if (!groups) return groups.Error();
+    auto targets = ChooseTargets(*devices, *groups, request.devices);
     if (!targets) return targets.Error();
     const KelVector<KelString>& leftOut = targets->leftOut;
     if (!leftOut.empty()) {

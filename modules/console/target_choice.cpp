@@ -21,10 +21,28 @@ bool IsOnly(const KelVector<KelString>& wanted, const char* word) {
 /// Collects targets, each once, in the order in which they are added.
 class Choice {
   public:
-    explicit Choice(const KelVector<Device>& devices)
-        : devices_(devices), index_(devices), ways_(devices), isChosen_(devices.size()) {}
+    Choice(const KelVector<Device>& devices, const KelVector<DeviceGroup>& groups)
+        : devices_(devices), groups_(groups), index_(devices), ways_(devices), isChosen_(devices.size()) {}
 
     KelStatus Add(const KelString& wanted) {
+        const DeviceGroup* group = FindGroup(groups_, wanted);
+        if (group == nullptr) return AddDevices(wanted);
+        if (index_.HasName(wanted))
+            return KelError{
+                kKelErrorBadInput,
+                KelFormat("\"%S\" is the name of a device and of a group; give the device's GUID, or "
+                          "the group another name",
+                          wanted)};
+        for (const KelString& member : group->members) {
+            if (const KelStatus added = AddDevices(member); !added)
+                return KelError{added.Error().code,
+                                KelFormat("Group \"%S\": %S", group->name, added.Error().message)};
+        }
+        return {};
+    }
+
+    /// What a GUID, name or pattern stands for.
+    KelStatus AddDevices(const KelString& wanted) {
         const auto found = index_.Find(wanted);
         if (!found && IsNamePattern(wanted)) return AddMatching(wanted);
         if (!found) return found.Error();
@@ -68,6 +86,7 @@ class Choice {
     }
 
     const KelVector<Device>& devices_;
+    const KelVector<DeviceGroup>& groups_;
     const DeviceIndex index_;
     const DeviceWays ways_;
     KelVector<bool> isChosen_;
@@ -80,8 +99,9 @@ bool IsNamePattern(const KelString& text) {
     return text.find_first_of("*?[") != KelString::npos;
 }
 
-KelResult<ChosenTargets> ChooseTargets(const KelVector<Device>& devices, const KelVector<KelString>& wanted) {
-    Choice choice(devices);
+KelResult<ChosenTargets> ChooseTargets(const KelVector<Device>& devices, const KelVector<DeviceGroup>& groups,
+                                       const KelVector<KelString>& wanted) {
+    Choice choice(devices, groups);
     if (IsOnly(wanted, kNoDevice)) return choice.Take();
     if (IsOnly(wanted, kAllDevices)) {
         KelVector<std::size_t> all;
