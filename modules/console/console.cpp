@@ -84,8 +84,7 @@ Console::Console()
       groups_(database_),
       groupActions_(Log(), directory_, groups_),
       publisher_(Log(), directory_, groups_, publications_),
-      intake_(Log(), deviceStore_, publications_,
-              [this](const KelString& guid) { return publisher_.Repeat(guid); }),
+      intake_(Log(), deviceStore_, publications_, publisher_),
       explainer_(directory_, publications_) {}
 
 void Console::Register(const char* handle) {

@@ -80,6 +80,11 @@ KelStatus PublicationStore::Add(PublicationSummary& publication, const KelVector
     return {};
 }
 
+bool PublicationStore::SetOrdered(const KelString& id, std::int64_t time) {
+    return database_.Write(
+        {KelFormat("UPDATE Publications SET OrderTime = %gd WHERE PublicationId = '%Q'", time, id)});
+}
+
 void PublicationStore::Remove(const KelString& id) {
     database_.Write({KelFormat("DELETE FROM PublicationTargets WHERE PublicationId = '%Q'", id),
                      KelFormat("DELETE FROM Publications WHERE PublicationId = '%Q'", id)});
@@ -94,7 +99,8 @@ bool PublicationStore::Store(const DeliveryReceipt& receipt, std::int64_t now) {
 KelResult<KelVector<PublicationSummary>> PublicationStore::List(const KelVector<KelString>& ids) {
     const auto rows = database_.Select(KelFormat(
         "SELECT p.PublicationId, p.FileType, p.FileLabel, p.FileName, p.FileChecksum, p.FileSize, "
-        "p.CreateTime, p.Priority, COUNT(t.GUID), SUM(t.Status = 'delivered'), SUM(t.Status = 'failed') "
+        "p.CreateTime, p.Priority, COUNT(t.GUID), SUM(t.Status = 'delivered'), SUM(t.Status = 'failed'), "
+        "p.OrderTime "
         "FROM Publications AS p LEFT JOIN PublicationTargets AS t ON t.PublicationId = p.PublicationId "
         "%SGROUP BY p.PublicationId ORDER BY p.CreateTime DESC, p.rowid DESC",
         IdCondition(ids)));
@@ -113,6 +119,7 @@ KelResult<KelVector<PublicationSummary>> PublicationStore::List(const KelVector<
         publication.targets = static_cast<std::int32_t>(rows->GetInt64(row, std::size_t{8}));
         publication.delivered = static_cast<std::int32_t>(rows->GetInt64(row, std::size_t{9}));
         publication.failed = static_cast<std::int32_t>(rows->GetInt64(row, std::size_t{10}));
+        publication.orderTime = rows->GetInt64(row, std::size_t{11});
     }
     return publications;
 }

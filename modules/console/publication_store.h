@@ -15,6 +15,7 @@ struct PublicationSummary {
     FileKey file;
     std::int64_t fileSize = 0;    ///< bytes
     std::int64_t createTime = 0;  ///< seconds since the epoch
+    std::int64_t orderTime = 0;   ///< when its targets were last sent an order for it; 0: never
     std::int32_t priority = 100;
     std::int32_t targets = 0;
     std::int32_t delivered = 0;
@@ -38,6 +39,10 @@ class PublicationStore {
     /// type, label and name was created in the same second or later, its time becomes the second after that:
     /// devices compare the times. An error, with nothing added, when the database cannot be read or written.
     KelStatus Add(PublicationSummary& publication, const KelVector<KelString>& guids);
+
+    /// Its targets have been sent an order at `time` (seconds since the epoch). False when that could not be
+    /// written.
+    bool SetOrdered(const KelString& id, std::int64_t time);
 
     /// Removes a publication whose offer failed.
     void Remove(const KelString& id);

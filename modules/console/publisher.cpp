@@ -1,6 +1,7 @@
 #include "modules/console/publisher.h"
 
 #include <algorithm>
+#include <cstdlib>
 #include <ctime>
 #include <unordered_set>
 
@@ -133,9 +134,12 @@ KelStatus Publisher::Order(const PublicationRequest& request, const PublicationS
     offer.info = order;
     offer.devicePath = std::move(devicePath);
     const auto offered = OfferToStore(offer);
-    if (offered) return {};
-    FileDelete(path);
-    return offered.Error();
+    if (!offered) {
+        FileDelete(path);
+        return offered.Error();
+    }
+    publications_.SetOrdered(publication.id, std::time(nullptr));
+    return {};
 }
 
 /// A store below that has the file takes no other offer of it, so the targets of a file that was here before
@@ -173,6 +177,10 @@ KelResult<KelContainer> Publisher::Publish(const PublicationRequest& request) {
         publications_.Remove(plan->id);  // the copy stays: publishing the same file again will reuse it
         return offered.Error();
     }
+    {
+        const KelLock lock(mutex_);
+        done_.insert(plan->id);
+    }
     const auto targets = static_cast<std::int32_t>(guids.size());
     KelContainer result;
     result.SetString(kValuePublicationId, plan->id);
@@ -205,13 +213,39 @@ bool Publisher::RepeatPublication(const PublicationSummary& publication, const K
     return devicePath && Order(request, publication, std::move(*devicePath));
 }
 
-bool Publisher::Repeat(const KelString& guid) {
+bool Publisher::RepeatAll(const KelString& guid,
+                          const std::function<bool(const PublicationSummary&)>& isDue) {
     const auto devices = directory_.Read();
     const auto publications = publications_.List({});
     bool isRepeated = devices && publications;
     // The oldest first, as they were published.
-    for (std::size_t i = isRepeated ? publications->size() : 0; i-- > 0;)
-        isRepeated = RepeatPublication((*publications)[i], *devices, guid) && isRepeated;
+    for (std::size_t i = isRepeated ? publications->size() : 0; i-- > 0;) {
+        const PublicationSummary& publication = (*publications)[i];
+        if (!isDue(publication)) continue;
+        if (!RepeatPublication(publication, *devices, guid)) {
+            isRepeated = false;
+        } else if (guid == devices->front().guid) {
+            const KelLock lock(mutex_);
+            done_.insert(publication.id);
+        }
+    }
     if (!isRepeated) log_.Warning("Not everything could be published again; this is tried again later\n");
     return isRepeated;
+}
+
+bool Publisher::Repeat(const KelString& guid) {
+    return RepeatAll(guid, [](const PublicationSummary&) { return true; });
+}
+
+bool Publisher::IsDueOnce(const PublicationSummary& publication) {
+    const std::int64_t latest = std::max(publication.createTime, publication.orderTime);
+    const KelLock lock(mutex_);
+    return !done_.contains(publication.id) && std::abs(std::time(nullptr) - latest) >= kOrderGap;
+}
+
+bool Publisher::RepeatOnceForMaster() {
+    const auto devices = directory_.Read();
+    return devices && RepeatAll(devices->front().guid, [this](const PublicationSummary& publication) {
+               return IsDueOnce(publication);
+           });
 }

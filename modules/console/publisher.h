@@ -1,7 +1,12 @@
 #pragma once
 
+#include <cstdint>
+#include <functional>
+#include <unordered_set>
+
 #include "kel/container.h"
 #include "kel/debug.h"
+#include "kel/mutex.h"
 #include "kel/result.h"
 #include "kel/types.h"
 #include "modules/console/device_directory.h"
@@ -25,14 +30,24 @@ class Publisher {
     /// behind, at most the copy of the file. Calls local actions: no lock may be held.
     KelResult<KelContainer> Publish(const PublicationRequest& request);
 
-    /// Orders what is pending on the device `guid` and on the devices below it once more. When it is the
-    /// master, its file store is also offered the files of all publications. False when that failed: logged.
-    /// Calls local actions: no lock may be held.
+    /// Orders what is pending on the device `guid`, which has lost its database, and on the devices below it
+    /// once more. When it is the master, its file store is also offered the files of all publications. False
+    /// when that failed: logged. Calls local actions: no lock may be held, here and in the next.
     bool Repeat(const KelString& guid);
 
+    /// The same for the master, whose databases may have been restored from a backup, for each publication
+    /// once in this process. One that was made or ordered within kOrderGap is left to a later call. True when
+    /// nothing failed.
+    bool RepeatOnceForMaster();
+
   private:
+    /// Seconds within which a restart of the master orders no publication a second time.
+    static constexpr std::int64_t kOrderGap = 600;
+
+    bool RepeatAll(const KelString& guid, const std::function<bool(const PublicationSummary&)>& isDue);
     bool RepeatPublication(const PublicationSummary& publication, const KelVector<Device>& devices,
                            const KelString& guid);
+    bool IsDueOnce(const PublicationSummary& publication);
 
     /// The targets of a publication.
     struct Plan {
@@ -54,4 +69,7 @@ class Publisher {
     DeviceGroups& groups_;
     PublicationStore& publications_;
     KelString folder_;
+    KelMutex mutex_;
+    std::unordered_set<KelString> done_
+        KEL_GUARDED_BY(mutex_);  ///< published or repeated for all by this process
 };

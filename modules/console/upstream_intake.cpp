@@ -36,11 +36,13 @@ KelResult<bool> UpstreamIntake::StoreIdentity(const KelContainer& content, const
     log_.Detail("Device %S (%S) sent its identity\n", report->device.guid, report->device.name);
     const auto isLost = devices_.HasLostItsStore(*report, now);
     if (!isLost) return false;
-    const bool isStart = report->device.role == "master" && !hasMasterReported_;
-    if (*isLost) log_.Warning("The file store of device %S has lost its database\n", report->device.guid);
     // Stored only then: until it is, the next report shows the loss as well.
-    if ((*isLost || isStart) && !repeat_(report->device.guid)) return false;
-    if (isStart) hasMasterReported_ = true;
+    if (*isLost) {
+        log_.Warning("The file store of device %S has lost its database\n", report->device.guid);
+        if (!publisher_.Repeat(report->device.guid)) return false;
+    } else if (report->device.role == "master" && !publisher_.RepeatOnceForMaster()) {
+        return false;
+    }
     return devices_.Store(*report, now);
 }
 

@@ -1,23 +1,19 @@
 #pragma once
 
-#include <atomic>
 #include <cstdint>
-#include <functional>
 
 #include "kel/container.h"
 #include "kel/debug.h"
 #include "modules/console/device_directory.h"
 #include "modules/console/publication_store.h"
+#include "modules/console/publisher.h"
 
 /// Processes the files that the devices below send to the console: identity files and receipts. Any thread.
 class UpstreamIntake {
   public:
-    /// `repeat` is called with the GUID of a device whose file store has lost its database, and with that of
-    /// the master when it reports for the first time in this process: its databases may have been restored
-    /// from a backup. False when it is to be called again.
     UpstreamIntake(const KelDebug& log, DeviceStore& devices, PublicationStore& publications,
-                   std::function<bool(const KelString&)> repeat)
-        : log_(log), devices_(devices), publications_(publications), repeat_(std::move(repeat)) {}
+                   Publisher& publisher)
+        : log_(log), devices_(devices), publications_(publications), publisher_(publisher) {}
 
     /// Processes the file that the arguments of the file store's event describe (FileType, SourceDevice,
     /// FilePath), arrived at `now` (seconds since the epoch). Results: kKelAnswerStaysHere for the console's
@@ -34,6 +30,5 @@ class UpstreamIntake {
     const KelDebug& log_;
     DeviceStore& devices_;
     PublicationStore& publications_;
-    std::function<bool(const KelString&)> repeat_;
-    std::atomic<bool> hasMasterReported_ = false;
+    Publisher& publisher_;
 };

@@ -69,7 +69,9 @@ class Delivery : public KelModule {
     KelVector<DeliveryOrder> WaitingOrders(const FileKey& key) const;
     std::int64_t LatestPublication(const KelString& destination) const;
     bool AddOrders(ReceivedFile& file, const KelString& destination, const KelVector<DeliveryOrder>& orders);
+    bool ForgetEndedOrders(const ReceivedFile& file, const KelString& destination);
     bool WorkOnOrders();
+    bool IsOverdue(const DeliveryOrder& order) const;
     bool ConcludeOrder(const DeliveryOrder& order);
     void EndOrder(const DeliveryOrder& order, DeliveryOutcome outcome, const KelString& message);
     bool RequestOrdered(const DeliveryOrder& order);
@@ -89,7 +91,9 @@ class Delivery : public KelModule {
     Orders orders_;
     std::int64_t orderTimeout_ = 0;  ///< seconds
     Commands commands_;
-    KelMutex mutexCopy_;  ///< one copy at a time, so that an older content cannot replace a newer one
+    /// One copy at a time, so that an older content cannot replace a newer one; also held while orders and
+    /// jobs change together.
+    KelMutex mutexCopy_;
     KelFailureLog failures_{Log()};
     CollectedFiles collected_;
     bool hasAsked_ = false;            ///< for what was never taken; only `thread_` uses it, and the next

@@ -33,9 +33,15 @@ unsigned int Delivery::Deliver(ReceivedFile file, Arrival arrival) {
     {
         const KelLock lock(mutexCopy_);
         const bool isInPlace = inbox_.Holds(file);
+        const bool isTooLate = ForgetEndedOrders(file, destination);
         if (const auto orders = WaitingOrders(file.key); !orders.empty()) {
             if (!AddOrders(file, destination, orders)) return kKelOk;
             arrival = Arrival::NeverTaken;
+        } else if (isTooLate) {
+            Log().Print("%S is not delivered: its order has ended\n", file.key.Text());
+            jobs_.AddTaken(file, {});
+            thread_.Signal(0);
+            return kKelOk;
         }
         if (const KelString obstacle = inbox_.ObstacleTo(file); !obstacle.empty()) {
             FailAtOnce(file, KelFormat("%S is in the way; remove it and publish the file again", obstacle));
@@ -144,7 +150,8 @@ bool Delivery::SendReceipts() {
     for (const DeliveryJob& job : jobs_.ListConcluded()) {
         if (receiptThread_.CheckCancelled(false) || failures == kMaxReceiptFailures) return true;
         if (Remember(job) && receipts_.Send(job)) {
-            orders_.Remove(job.file.publications);
+            const KelLock lock(mutexCopy_);  // a file that arrives now finds both, or neither
+            orders_.SetAnswered(job.file.publications);
             jobs_.Remove(job.id);
         } else {
             ++failures;

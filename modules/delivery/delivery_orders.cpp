@@ -38,7 +38,7 @@ unsigned int Delivery::TakeOrder(const ReceivedFile& file, const KelContainer& i
 KelVector<DeliveryOrder> Delivery::WaitingOrders(const FileKey& key) const {
     KelVector<DeliveryOrder> orders = orders_.List();
     std::erase_if(orders, [this, &key](const DeliveryOrder& order) {
-        return order.file != key || jobs_.Names(order.publication);
+        return order.file != key || order.isEnded || jobs_.Names(order.publication);
     });
     return orders;
 }
@@ -67,15 +67,36 @@ bool Delivery::AddOrders(ReceivedFile& file, const KelString& destination,
     return false;
 }
 
+/// The orders for `file`, which has come, that have ended before need not be kept any longer. True when there
+/// are such and a later publication was delivered: the file is of no use then.
+bool Delivery::ForgetEndedOrders(const ReceivedFile& file, const KelString& destination) {
+    const KelVector<KelString> ended = orders_.StopExpecting(file.key);
+    for (const KelString& publication : ended)
+        if (!jobs_.Names(publication)) orders_.Remove(publication);
+    return !ended.empty() && file.publicationTime < LatestPublication(destination);
+}
+
+bool Delivery::IsOverdue(const DeliveryOrder& order) const {
+    return std::time(nullptr) - order.received >= orderTimeout_;
+}
+
 /// True when there are orders whose file has not come.
 bool Delivery::WorkOnOrders() {
     bool isWaiting = false;
     for (const DeliveryOrder& order : orders_.List()) {
         if (receiptThread_.CheckCancelled(false)) return true;
-        if (jobs_.Names(order.publication) || ConcludeOrder(order)) continue;
+        if (jobs_.Names(order.publication)) continue;
+        if (order.isEnded) {
+            if (IsOverdue(order)) orders_.Remove(order.publication);
+            continue;
+        }
+        if (ConcludeOrder(order)) continue;
         isWaiting = true;
         const bool isDue = std::abs(std::time(nullptr) - order.asked) >= kAskAgainSeconds;
-        if (isDue && !RequestOrdered(order)) EndOrder(order, DeliveryOutcome::Failed, "The file is obsolete");
+        if (isDue && !RequestOrdered(order)) {
+            orders_.StopExpecting(order.file);
+            EndOrder(order, DeliveryOutcome::Failed, "The file is obsolete");
+        }
     }
     return isWaiting;
 }
@@ -89,7 +110,7 @@ bool Delivery::ConcludeOrder(const DeliveryOrder& order) {
         EndOrder(order, past->outcome, past->message);
     } else if (LatestPublication(destination) > order.time) {
         EndOrder(order, DeliveryOutcome::Failed, kReplaced);
-    } else if (std::time(nullptr) - order.received >= orderTimeout_) {
+    } else if (IsOverdue(order)) {
         EndOrder(order, DeliveryOutcome::Failed,
                  KelFormat("No device above had the file for %gd seconds", orderTimeout_));
     } else {
@@ -105,11 +126,13 @@ void Delivery::EndOrder(const DeliveryOrder& order, DeliveryOutcome outcome, con
         Log().Warning("%S is not delivered: %S\n", order.file.Text(), message);
     ReceivedFile file{order.file, {}};
     file.publications = {order.publication};
+    orders_.SetEnded(order.publication);
     jobs_.AddConcluded(file, outcome, message, std::time(nullptr));
 }
 
 /// False when the file can not be had any more.
 bool Delivery::RequestOrdered(const DeliveryOrder& order) {
+    if (!orders_.SetRequested(order.publication)) return true;  // tried again
     FileOffer request;
     request.key = order.file;
     request.info = order.info;

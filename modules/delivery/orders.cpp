@@ -1,6 +1,7 @@
 #include "modules/delivery/orders.h"
 
 #include <algorithm>
+#include <utility>
 
 #include "kel/checksum.h"
 #include "kel/directory.h"
@@ -24,6 +25,8 @@ KelContainer DeliveryOrder::ToContainer() const {
     values.SetBool(kValueBypass, bypass);
     values.SetContainer(kValueFileInfo, info);
     values.SetInt64("Received", received);
+    values.SetBool("Requested", isRequested);
+    values.SetBool("Ended", isEnded);
     return values;
 }
 
@@ -35,6 +38,8 @@ KelResult<DeliveryOrder> ReadDeliveryOrder(const KelString& publication, const K
     order.bypass = values.GetBool(kValueBypass);
     order.info = values.GetContainer(kValueFileInfo);
     order.received = values.GetInt64("Received");
+    order.isRequested = values.GetBool("Requested");
+    order.isEnded = values.GetBool("Ended");
     if (const KelStatus checked = CheckFileKey(order.file); !checked) return checked.Error();
     if (order.time > 0) return order;
     return KelError{kKelErrorBadInput, KelFormat("the order of publication %S has no time", publication)};
@@ -56,13 +61,23 @@ bool Orders::Load(const KelString& folder) {
     return true;
 }
 
+DeliveryOrder* Orders::Find(const KelString& publication) {
+    const auto known =
+        std::find_if(orders_.begin(), orders_.end(),
+                     [&publication](const DeliveryOrder& order) { return order.publication == publication; });
+    return known == orders_.end() ? nullptr : &*known;
+}
+
+bool Orders::Save(const DeliveryOrder& order) const {
+    return static_cast<bool>(order.ToContainer().SaveToFile(PathOf(order.publication)));
+}
+
 bool Orders::Add(const DeliveryOrder& order) {
     const KelLock lock(mutex_);
-    auto known = std::find_if(orders_.begin(), orders_.end(), [&order](const DeliveryOrder& other) {
-        return other.publication == order.publication;
-    });
-    if (known == orders_.end()) known = orders_.insert(known, order);
-    return static_cast<bool>(known->ToContainer().SaveToFile(PathOf(order.publication)));
+    DeliveryOrder* known = Find(order.publication);
+    if (!known) known = &orders_.emplace_back(order);
+    known->isEnded = false;
+    return Save(*known);
 }
 
 KelVector<DeliveryOrder> Orders::List() const {
@@ -70,17 +85,50 @@ KelVector<DeliveryOrder> Orders::List() const {
     return orders_;
 }
 
-void Orders::SetAsked(const KelString& publication, std::int64_t time) {
+bool Orders::SetRequested(const KelString& publication) {
     const KelLock lock(mutex_);
-    for (DeliveryOrder& order : orders_)
-        if (order.publication == publication) order.asked = time;
+    DeliveryOrder* order = Find(publication);
+    if (!order || std::exchange(order->isRequested, true) || Save(*order)) return true;
+    order->isRequested = false;
+    return false;
 }
 
-void Orders::Remove(const KelVector<KelString>& publications) {
+void Orders::SetAsked(const KelString& publication, std::int64_t time) {
     const KelLock lock(mutex_);
-    std::erase_if(orders_, [this, &publications](const DeliveryOrder& order) KEL_REQUIRES(mutex_) {
-        if (std::find(publications.begin(), publications.end(), order.publication) == publications.end())
-            return false;
+    if (DeliveryOrder* order = Find(publication)) order->asked = time;
+}
+
+void Orders::SetEnded(const KelString& publication) {
+    const KelLock lock(mutex_);
+    if (DeliveryOrder* order = Find(publication)) order->isEnded = true;
+}
+
+KelVector<KelString> Orders::StopExpecting(const FileKey& file) {
+    const KelLock lock(mutex_);
+    KelVector<KelString> ended;
+    for (DeliveryOrder& order : orders_) {
+        if (order.file != file) continue;
+        order.isRequested = false;
+        if (order.isEnded) ended.push_back(order.publication);
+    }
+    return ended;
+}
+
+void Orders::SetAnswered(const KelVector<KelString>& publications) {
+    const KelLock lock(mutex_);
+    for (const KelString& publication : publications) {
+        const DeliveryOrder* order = Find(publication);
+        if (order && order->isEnded && order->isRequested)
+            Save(*order);
+        else
+            Remove(publication);
+    }
+}
+
+void Orders::Remove(const KelString& publication) {
+    const KelLock lock(mutex_);
+    std::erase_if(orders_, [this, &publication](const DeliveryOrder& order) KEL_REQUIRES(mutex_) {
+        if (order.publication != publication) return false;
         FileDelete(PathOf(order.publication));
         return true;
     });

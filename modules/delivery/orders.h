@@ -20,6 +20,8 @@ struct DeliveryOrder {
     KelContainer info;          ///< of the request
     std::int64_t received = 0;  ///< when the order came, seconds since the epoch
     std::int64_t asked = 0;     ///< when the file was last requested by this process; 0: never
+    bool isRequested = false;   ///< the file may come
+    bool isEnded = false;       ///< it is answered, though the file has not come
 
     KelContainer ToContainer() const;
 };
@@ -37,18 +39,29 @@ struct PastDelivery {
 
 /// The orders whose file has not come yet or whose receipt has not been handed over, one file each
 /// ("Orders/<publication>.xml"), and for each destination the latest publication ("Latest/<MD5 of the
-/// destination>.xml"), so that an older order that comes late does not bring back an older content. Any
-/// thread.
+/// destination>.xml"), so that an older order that comes late does not bring back an older content. An order
+/// that has ended before its file came stays, so that the file is not taken for one that was sent for its own
+/// sake. Any thread.
 class Orders {
   public:
     /// Loads the orders from below `folder`; false when that cannot be created.
     bool Load(const KelString& folder);
 
-    /// Adds an order unless there is one of the same publication. False when it is in memory only.
+    /// Adds an order unless there is one of the same publication, which, if it has ended, is to be answered
+    /// once more. False when it is in memory only.
     bool Add(const DeliveryOrder& order);
     KelVector<DeliveryOrder> List() const;
+    /// Before the file is requested. False when it cannot be written.
+    bool SetRequested(const KelString& publication);
     void SetAsked(const KelString& publication, std::int64_t time);
-    void Remove(const KelVector<KelString>& publications);
+    /// In memory only until the answer is handed over: after a restart the order ends again.
+    void SetEnded(const KelString& publication);
+    /// The file has come, or will not come. Returns the publications of the orders for it that have ended.
+    KelVector<KelString> StopExpecting(const FileKey& file);
+    /// The answer for these publications has been handed over. Orders that have ended and whose file may
+    /// still come stay, the others go.
+    void SetAnswered(const KelVector<KelString>& publications);
+    void Remove(const KelString& publication);
 
     bool HasPast(const KelString& destination) const;
     std::optional<PastDelivery> FindPast(const KelString& destination) const;
@@ -57,6 +70,8 @@ class Orders {
     bool Remember(const DeliveryJob& job);
 
   private:
+    DeliveryOrder* Find(const KelString& publication) KEL_REQUIRES(mutex_);
+    bool Save(const DeliveryOrder& order) const KEL_REQUIRES(mutex_);
     KelString PathOf(const KelString& publication) const KEL_REQUIRES(mutex_);
     KelString PastPathOf(const KelString& destination) const KEL_REQUIRES(mutex_);
 

@@ -295,10 +295,21 @@ TEST_F(ConsoleTest, NewDatabaseHasAnotherIdentifierThanTheLostOne) {
     EXPECT_FALSE(ids[0].empty() || ids[2].empty());
 }
 
-/// The identities of devices and of their stores. The first one of the master follows its start, perhaps from
-/// a backup.
-TEST_F(ConsoleTest, WhatIsPendingBelowALostStoreOrAfterAStartIsOrderedAgain) {
-    const RunningModule<Console> console;
+/// The identities of devices and of their stores. The master may have been started from a backup.
+TEST_F(ConsoleTest, WhatIsPendingBelowALostStoreOrLongAfterTheLastOrderIsOrderedAgain) {
+    std::optional<RunningModule<Console>> console(std::in_place);
+    const auto restart = [&](const char* seconds) {
+        console.reset();
+        KelDebug log("Test", "Test");
+        ConsoleDatabase database(log);
+        EXPECT_TRUE(database.Open(root_ / "data/Console", root_ / "config/Console.ini"));
+        EXPECT_TRUE(
+            database.Write({KelFormat("UPDATE Publications SET CreateTime = CreateTime - %s, "
+                                      "OrderTime = OrderTime - %s",
+                                      seconds, seconds)}));
+        database.Close();
+        console.emplace();
+    };
     Publish(Request(kClient));
     int time = 1000;
     const auto report = [&](const std::string& guid, const std::string& pathName,
@@ -323,10 +334,20 @@ TEST_F(ConsoleTest, WhatIsPendingBelowALostStoreOrAfterAStartIsOrderedAgain) {
                                                                {kNorth, kNorthPath, "", 0U, 2U},
                                                                {std::string(other), otherPath, "1", 0U, 2U},
                                                                {std::string(other), otherPath, "2", 0U, 2U},
+                                                               {kMaster, kMasterPath, "1", 0U, 2U},
+                                                               {"restart", "0", "", 0U, 2U},
+                                                               {kMaster, kMasterPath, "1", 0U, 2U},
+                                                               {"restart", "600", "", 0U, 2U},
                                                                {kMaster, kMasterPath, "1", 1U, 2U},
                                                                {kMaster, kMasterPath, "1", 0U, 3U},
                                                                {kMaster, kMasterPath, "1", 0U, 3U},
+                                                               {kMaster, kMasterPath, "2", 0U, 4U},
+                                                               {"restart", "500", "", 0U, 4U},
                                                                {kMaster, kMasterPath, "2", 0U, 4U}}) {
+        if (guid == "restart") {
+            restart(path.c_str());
+            continue;
+        }
         SetStoreResult(refusal);
         EXPECT_EQ(report(guid, path, storeId),
                   static_cast<unsigned int>(refusal != 0 ? kKelAnswerTryLater : kKelAnswerStaysHere));

@@ -11,6 +11,7 @@ class OrderTest : public DeliveryTest {
         DeliveryTest::SetUp();
         FakeAction("FileStoreRequestFile (string FileType)", [this](KelContainer* container) {
             ++requests_;
+            isStoreBusy_.wait(true);
             container->SetBool("FileObsolete", container->GetString("FileName") == "obsolete");
             return 0U;
         });
@@ -41,10 +42,15 @@ class OrderTest : public DeliveryTest {
         EXPECT_EQ(Receipts(), receipts);
         return come;
     }
+    bool IsSent(const std::string& receipt) const {
+        const Texts sent = Receipts();
+        return std::find(sent.begin(), sent.end(), receipt) != sent.end();
+    }
     bool AreRequested(int count) {
         return Eventually([&] { return requests_ == count; });
     }
     std::atomic<int> requests_ = 0;
+    std::atomic<bool> isStoreBusy_ = false;
 };
 
 TEST_F(OrderTest, FileIsRequestedAndReplacesAnotherContentUnlessALaterPublicationHas) {
@@ -78,18 +84,35 @@ TEST_F(OrderTest, FileIsRequestedAndReplacesAnotherContentUnlessALaterPublicatio
     EXPECT_TRUE(std::filesystem::is_empty(root_ / "data/Delivery/Orders"));
 }
 
-TEST_F(OrderTest, ALaterPublicationThatComesWhileTheOrderWaitsStays) {
-    const KelContainer former = Stored("T", "f", "former");
-    ActiveModule<Delivery> module;
-    EXPECT_EQ(Announce(Order(former, "p3", 3)), 0U);
-    ASSERT_TRUE(AreRequested(1));
-    EXPECT_EQ(Announce(Published(Stored("T", "f", "latest"), "p4", 4)), 0U);
-    EXPECT_EQ(Announce(former), 0U);
-    EXPECT_TRUE(Eventually([this] { return Receipts().size() == 2; }));
-    Texts receipts = Receipts();
-    std::sort(receipts.begin(), receipts.end());
-    EXPECT_EQ(receipts, (Texts{"p3 failed", "p4 delivered"}));
-    EXPECT_EQ(TempFolder::Read(InboxPath("T", "f")), "latest");
+TEST_F(OrderTest, ALaterPublicationStaysWhenTheOrderedFileComesAfterIt) {
+    const Texts names = {"before the order ends", "after", "after a restart"};
+    for (const std::string& name : names) {
+        SCOPED_TRACE(name);
+        const bool isBefore = name == names[0];
+        const std::string ordered = name + " p3", later = name + " p4";
+        const KelContainer former = Stored("T", name, "former");
+        std::optional<ActiveModule<Delivery>> module(std::in_place);
+        isStoreBusy_ = isBefore;  // the order ends once the request has its answer
+        const int requests = requests_;
+        EXPECT_EQ(Announce(Order(former, ordered, 3)), 0U);
+        EXPECT_TRUE(AreRequested(requests + 1));
+        EXPECT_EQ(Announce(Published(Stored("T", name, "latest"), later, 4)), 0U);
+        const auto isAnswered = [&] {
+            return IsSent(ordered + " failed") && IsSent(later + " delivered") && AllJobsEnd();
+        };
+        EXPECT_TRUE(isBefore || Eventually(isAnswered));
+        if (name == names[2]) {
+            module.reset();
+            module.emplace();
+        }
+        EXPECT_EQ(Announce(former), 0U);
+        isStoreBusy_ = false;
+        isStoreBusy_.notify_all();
+        EXPECT_TRUE(Eventually(isAnswered));
+        EXPECT_EQ(TempFolder::Read(InboxPath("T", name)), "latest");
+        EXPECT_TRUE(Eventually([this] { return std::filesystem::is_empty(root_ / "data/Delivery/Orders"); }));
+    }
+    EXPECT_EQ(Receipts().size(), 2 * names.size());
 }
 
 TEST_F(OrderTest, CommandRunsAgainForAFileInPlaceAndOneReceiptAnswersAllOrders) {

@@ -128,6 +128,7 @@ TEST_F(Lifecycle, StartRepairsWhatAnEarlierRunInterrupted) {
     EXPECT_EQ(Fields(kDown, 3, kState), "MISSING|0");
     Rows(kDown, "DELETE FROM Files WHERE FileId = 3");  // which the threads would ask for
     AddFile(kDown, "offered before activation", "RECEIVING");
+    relayValues.SetBool("ParentSync", false);  // so that no thread asks for a file yet
     Activate();
     EXPECT_EQ(Files(kDown,
                     "FileStatus, FileSize, Acknowledged, LastStatusChangeTime, MulticastTransferToBeStarted"),
