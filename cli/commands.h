@@ -8,8 +8,8 @@
 #include "kel/types.h"
 
 // The commands, in families: publish_commands.cpp, transfer_commands.cpp, store_commands.cpp,
-// device_commands.cpp, steering_commands.cpp, init_command.cpp, why_command.cpp; and those of their steps
-// that have tests of their own.
+// device_commands.cpp, group_commands.cpp, steering_commands.cpp, init_command.cpp, why_command.cpp; and
+// those of their steps that have tests of their own.
 
 /// Runs one command: prints its results to stdout and what went wrong to stderr. An exit code of
 /// cli/options.h.
@@ -29,6 +29,7 @@ int RunCommand(const CommonOptions& common, const WindowsOptions& options);
 int RunCommand(const CommonOptions& common, const InboxOptions& options);
 int RunCommand(const CommonOptions& common, const CallOptions& options);
 int RunCommand(const CommonOptions& common, const WhyOptions& options);
+int RunCommand(const CommonOptions& common, const GroupsOptions& options);
 
 class Remote;
 

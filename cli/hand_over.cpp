@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <set>
 
 #include "cli/output.h"
 #include "kel/file.h"
@@ -20,36 +19,20 @@ constexpr std::size_t kBarWidth = 30;
 /// The agent copies and hashes the file before it answers.
 constexpr int kTimeoutSeconds = 3600;
 
-std::int64_t TotalBytes(const KelVector<KelString>& files) {
+std::int64_t TotalBytes(const KelVector<SourceFile>& files) {
     std::int64_t total = 0;
-    for (const KelString& file : files)
-        total += std::max<std::int64_t>(FileGetSize64(file), 0);
+    for (const SourceFile& file : files)
+        total += std::max<std::int64_t>(FileGetSize64(file.path), 0);
     return total;
 }
 
 }  // namespace
-
-KelString FileNameOf(const KelString& file) {
-    KelString folder, name;
-    SplitPath(CompletePath(file), folder, name);
-    return name;
-}
 
 KelStatus CheckKeyPart(const char* what, const KelString& part) {
     if (IsSafePathElement(part)) return {};
     return KelError{kKelErrorBadInput, KelFormat("'%S' cannot be a %s: it must be a name of 1 to 255 bytes "
                                                  "without '/', '\\' or control characters",
                                                  part, what)};
-}
-
-KelStatus CheckDifferentNames(const KelVector<KelString>& files) {
-    std::set<KelString> names;
-    for (const KelString& file : files) {
-        const KelString name = FileNameOf(file);
-        if (!names.insert(name).second)
-            return KelError{kKelErrorBadInput, "two of the files are named '" + name + "'; nothing was sent"};
-    }
-    return {};
 }
 
 ProgressBar::ProgressBar(std::int64_t whole) : whole_(whole), shown_(isatty(STDERR_FILENO) == 1) {}
@@ -72,16 +55,16 @@ void ProgressBar::Show(std::int64_t done, const KelString& what) {
     std::fflush(stderr);
 }
 
-int HandOverFiles(const Remote& remote, const KelVector<KelString>& files, const HandOver& handOver,
+int HandOverFiles(const Remote& remote, const KelVector<SourceFile>& files, const HandOver& handOver,
                   KelContainer& taken) {
     ProgressBar bar(TotalBytes(files));
     std::int64_t done = 0;
-    for (const KelString& file : files) {
-        bar.Show(done, file);
+    for (const SourceFile& file : files) {
+        bar.Show(done, file.path);
         KelContainer call = handOver.arguments(file);
         if (const unsigned int result = remote.Call(handOver.action, call, kTimeoutSeconds);
             result != kKelOk) {
-            std::fprintf(stderr, "kel: %s was not %s\n", Printable(file).c_str(), handOver.done);
+            std::fprintf(stderr, "kel: %s was not %s\n", Printable(file.path).c_str(), handOver.done);
             return ExitCodeOf(result);
         }
         KelContainer item = handOver.item(file, std::move(call));

@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <functional>
 
+#include "cli/file_selection.h"
 #include "cli/remote.h"
 #include "kel/container.h"
 #include "kel/result.h"
@@ -10,14 +11,8 @@
 
 // Files named on the command line, which `publish` and `send` hand over to the agent one after the other.
 
-/// The name under which a file travels: the last part of its path.
-KelString FileNameOf(const KelString& file);
-
 /// Refuses a part of a file key that no store accepts; `what` names it.
 KelStatus CheckKeyPart(const char* what, const KelString& part);
-
-/// Refuses files of one name: under one type and label the second would replace the first.
-KelStatus CheckDifferentNames(const KelVector<KelString>& files);
 
 /// A progress bar on stderr; shows nothing when stderr is not a terminal. One thread at a time.
 class ProgressBar {
@@ -42,13 +37,13 @@ class ProgressBar {
 /// How a command hands over a file.
 struct HandOver {
     KelString action;
-    std::function<KelContainer(const KelString& file)> arguments;
+    std::function<KelContainer(const SourceFile& file)> arguments;
     /// The entry of a file that was taken in the list that the command prints; with FileSize.
-    std::function<KelContainer(const KelString& file, KelContainer answer)> item;
+    std::function<KelContainer(const SourceFile& file, KelContainer answer)> item;
     const char* done;  ///< "sent" or "published", for the message about a file that was not
 };
 
 /// Calls the action for each file, up to the first that is refused, with a progress bar. The items of the
 /// files that were taken are appended to `taken` under "Values". An exit code.
-int HandOverFiles(const Remote& remote, const KelVector<KelString>& files, const HandOver& handOver,
+int HandOverFiles(const Remote& remote, const KelVector<SourceFile>& files, const HandOver& handOver,
                   KelContainer& taken);

@@ -8,6 +8,7 @@
 
 #include "kel/text.h"
 #include "kelcore/file_values.h"
+#include "kelcore/relative_name.h"
 
 namespace {
 
@@ -15,6 +16,7 @@ enum class Form : unsigned char {
     AsIs,
     Status,        ///< the status of a file
     StatusCounts,  ///< a container of numbers by status
+    Path,          ///< a file's name, as the path that it may stand for
     Percent,       ///< "50 %" as a number; left out when it is unknown
 };
 
@@ -29,7 +31,7 @@ constexpr auto kNames = std::to_array<Name>({
     {"FileId", "id"},
     {kValueFileType, "type"},
     {kValueFileLabel, "label"},
-    {kValueFileName, "name"},
+    {kValueFileName, "name", Form::Path},
     {kValueFileChecksum, "checksum"},
     {kValueFileSize, "size"},
     {"Size", "size"},
@@ -76,6 +78,10 @@ constexpr auto kNames = std::to_array<Name>({
     {"FirstSeen", "first_seen"},
     {"LastSeen", "last_seen"},
     {"Device", "device"},
+    // groups
+    {"Member", "member"},
+    {"Members", "members"},
+    {"Devices", "devices"},
     // status
     {"Agent", "agent"},
     {"Version", "version"},
@@ -161,6 +167,8 @@ void Put(const KelContainer& source, const KelString& from, const Name& name, Ke
             return target.SetString(name.json, FileStatusName(source.GetString(from)));
         case Form::StatusCounts:
             return target.SetContainer(name.json, StatusCounts(source.GetContainer(from)));
+        case Form::Path:
+            return target.SetString(name.json, PathInName(source.GetString(from)));
         case Form::Percent: {
             const KelString text = source.GetString(from);
             const auto number = ParseInt64(text.substr(0, text.find(' ')));

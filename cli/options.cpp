@@ -28,6 +28,7 @@ struct Parsed {
     WindowsOptions windows;
     CallOptions call;
     WhyOptions why;
+    GroupsOptions groups;
     std::optional<CommandOptions> chosen;
 };
 
@@ -80,13 +81,23 @@ void AddKeyOptions(CLI::App& command, KelString& type, KelString& label) {
 void DefinePublish(CLI::App& app, Parsed& parsed) {
     PublishOptions& publish = parsed.publish;
     auto* command = app.add_subcommand("publish", "Send files to devices of the tree; on the master");
-    command->add_option("FILE", publish.files, "The files")->required()->check(CLI::ExistingFile);
+    command
+        ->add_option("FILE", publish.files,
+                     "The files, with --recursive also folders; @LIST: a file that names one in each line")
+        ->required()
+        ->check([](const std::string& path) {
+            return path.starts_with('@') ? std::string() : CLI::ExistingPath(path);
+        });
+    command->add_flag("--recursive", publish.recursive,
+                      "Publish the files in folders, each named by its path in the folder");
     AddKeyOptions(*command, publish.type, publish.label);
     command
         ->add_option("--to", publish.devices,
-                     "GUIDs or names of devices, or all; none: devices fetch the file by request")
+                     "GUIDs, names or patterns of names ('shop-*') of devices, groups, or @LIST: a file that "
+                     "holds such; or all; none: devices fetch the file by request")
         ->required()
         ->delimiter(',')
+        ->allow_extra_args(false)
         ->type_name("DEVICE,...");
     command->add_option("--priority", publish.priority, "Files of higher priority go first")
         ->capture_default_str();
@@ -103,6 +114,33 @@ void DefinePublish(CLI::App& app, Parsed& parsed) {
     list->add_flag("--no-reasons", parsed.publications.withoutReasons,
                    "Do not ask the devices why they wait");
     list->callback([&parsed] { parsed.chosen = parsed.publications; });
+}
+
+void DefineGroups(CLI::App& app, Parsed& parsed) {
+    GroupsOptions& groups = parsed.groups;
+    auto* command =
+        app.add_subcommand("groups", "Named groups of devices, as targets of publish; on the master");
+    command->require_subcommand(0, 1);
+    command->add_subcommand("list", "List the groups (the default)");
+    // The callback of a subcommand runs before that of its command.
+    const auto define = [command, &groups](const char* verb, GroupsOptions::Verb value, const char* text) {
+        auto* verbCommand = command->add_subcommand(verb, text);
+        verbCommand->add_option("GROUP", groups.name, "Name of the group")->required();
+        if (value != GroupsOptions::Verb::Show && value != GroupsOptions::Verb::Delete)
+            verbCommand
+                ->add_option("DEVICE", groups.members,
+                             "GUIDs, names or patterns of names ('shop-*') of devices, or @LIST: a file that "
+                             "holds such; patterns count at each publication anew")
+                ->required()
+                ->delimiter(',');
+        verbCommand->callback([&groups, value] { groups.verb = value; });
+    };
+    define("show", GroupsOptions::Verb::Show, "Show the members of a group");
+    define("set", GroupsOptions::Verb::Set, "Make a group, or replace its members");
+    define("add", GroupsOptions::Verb::Add, "Add members to a group");
+    define("remove", GroupsOptions::Verb::Remove, "Remove members; a group without members is gone");
+    define("delete", GroupsOptions::Verb::Delete, "Delete a group");
+    command->callback([&parsed] { parsed.chosen = parsed.groups; });
 }
 
 void DefineUpward(CLI::App& app, Parsed& parsed) {
@@ -267,6 +305,7 @@ std::optional<Options> ParseOptions(int count, const char* const* arguments, int
     DefineInit(app, parsed);
     DefineQueries(app, parsed);
     DefinePublish(app, parsed);
+    DefineGroups(app, parsed);
     DefineUpward(app, parsed);
     DefineSettings(app, parsed);
     DefineWindows(app, parsed);

@@ -39,14 +39,22 @@ struct CollectedOptions {};
 struct UploadOptions {};
 
 struct PublishOptions {
-    KelVector<KelString> files;
+    KelVector<KelString> files;  ///< paths, "@LIST" for those in a file; see SelectFiles
+    bool recursive = false;      ///< folders may be among them
     KelString type;
     KelString label;
-    KelVector<KelString> devices;  ///< GUIDs or names, or "all", or "none"
+    KelVector<KelString> devices;  ///< GUIDs, names, patterns, "@LIST"; or "all", or "none"
     int priority = 100;
     bool bypass = false;
     bool wake = false;
     bool watch = false;  ///< keep running until every target has the files
+};
+
+struct GroupsOptions {
+    enum class Verb : unsigned char { List, Show, Set, Add, Remove, Delete };
+    Verb verb = Verb::List;
+    KelString name;
+    KelVector<KelString> members;  ///< GUIDs, names, patterns, "@LIST"
 };
 
 struct PublicationsOptions {
@@ -108,7 +116,7 @@ struct CallOptions {
 using CommandOptions =
     std::variant<InitOptions, StatusOptions, DevicesOptions, PublishOptions, PublicationsOptions, SendOptions,
                  CollectedOptions, RequestOptions, UploadOptions, FilesOptions, FileOptions, SettingsOptions,
-                 WindowsOptions, InboxOptions, CallOptions, WhyOptions>;
+                 WindowsOptions, InboxOptions, CallOptions, WhyOptions, GroupsOptions>;
 
 struct Options {
     CommonOptions common;

@@ -10,7 +10,9 @@
 #include "cli/json_names.h"
 #include "cli/options.h"
 #include "kel/text.h"
+#include "kelcore/file_values.h"
 #include "kelcore/json.h"
+#include "kelcore/relative_name.h"
 
 namespace {
 
@@ -113,6 +115,10 @@ Column SizeColumn(const KelString& heading, const KelString& name) {
 
 Column TimeColumn(const KelString& heading, const KelString& name) {
     return {heading, [name](const KelContainer& item) { return TimeText(item.GetInt64(name)); }};
+}
+
+Column NameColumn(const KelString& heading) {
+    return {heading, [](const KelContainer& item) { return PathInName(item.GetString(kValueFileName)); }};
 }
 
 std::uint32_t ItemCount(const KelContainer& list, const KelString& name) {

@@ -58,6 +58,9 @@ Column ValueColumn(const KelString& heading, const KelString& name);
 Column SizeColumn(const KelString& heading, const KelString& name);
 Column TimeColumn(const KelString& heading, const KelString& name);
 
+/// A column that shows the name of a file, as a path where it stands for one.
+Column NameColumn(const KelString& heading);
+
 /// The number of items of a list, the containers under `name`; 0 when there is none.
 std::uint32_t ItemCount(const KelContainer& list, const KelString& name = "Values");
 

@@ -12,9 +12,10 @@
 
 namespace {
 
-KelContainer PublishArguments(const PublishOptions& options, const KelString& file) {
+KelContainer PublishArguments(const PublishOptions& options, const SourceFile& file) {
     KelContainer arguments;
-    arguments.SetString(kValueFilePath, CompletePath(file));
+    arguments.SetString(kValueFilePath, CompletePath(file.path));
+    arguments.SetString(kValueFileName, file.name);
     arguments.SetString(kValueFileType, options.type);
     arguments.SetString(kValueFileLabel, options.label);
     for (std::uint32_t i = 0; i < options.devices.size(); ++i)
@@ -27,15 +28,33 @@ KelContainer PublishArguments(const PublishOptions& options, const KelString& fi
 
 /// Publishes the files one by one, up to the first that is refused, and lists them under "Values" in
 /// `published`. An exit code.
-int PublishFiles(const Remote& remote, const PublishOptions& options, KelContainer& published) {
+int PublishFiles(const Remote& remote, const PublishOptions& options, const KelVector<SourceFile>& files,
+                 KelContainer& published) {
     const HandOver handOver = {"ConsolePublish",
-                               [&options](const KelString& file) { return PublishArguments(options, file); },
-                               [](const KelString& file, KelContainer answer) {
-                                   answer.SetString("File", file);
+                               [&options](const SourceFile& file) { return PublishArguments(options, file); },
+                               [&options](const SourceFile& file, KelContainer answer) {
+                                   answer.SetString("File", file.path);
+                                   answer.SetString(kValueFileType, options.type);
+                                   answer.SetString(kValueFileLabel, options.label);
+                                   answer.SetString(kValueFileName, file.name);
                                    return answer;
                                },
                                "published"};
-    return HandOverFiles(remote, options.files, handOver, published);
+    return HandOverFiles(remote, files, handOver, published);
+}
+
+/// Replaces the lists in the options by what they hold and finds the files. An error names what is unusable.
+KelResult<KelVector<SourceFile>> Resolve(PublishOptions& options) {
+    auto targets = SelectTargets(options.devices);
+    if (!targets) return targets.Error();
+    options.devices = std::move(*targets);
+    auto selection = SelectFiles(options.files, options.recursive);
+    if (!selection) return selection.Error();
+    for (const KelString& path : selection->leftOut)
+        std::fprintf(stderr,
+                     "kel: %s is left out: it is a link to a folder, or neither a file nor a folder\n",
+                     Printable(path).c_str());
+    return std::move(selection->files);
 }
 
 /// Prints a line for each publication with failed targets. True when there is one.
@@ -92,12 +111,14 @@ int PrintDevices(const CommonOptions& common, const PublicationsOptions& options
 
 }  // namespace
 
-int RunCommand(const CommonOptions& common, const PublishOptions& options) {
-    if (const KelStatus usable = CheckDifferentNames(options.files); !usable) return Complain(usable.Error());
+int RunCommand(const CommonOptions& common, const PublishOptions& given) {
+    PublishOptions options = given;
+    const auto files = Resolve(options);
+    if (!files) return Complain(files.Error());
     const auto remote = Remote::Open(common);
     if (!remote) return Complain(remote.Error());
     KelContainer published;
-    int exitCode = PublishFiles(*remote, options, published);
+    int exitCode = PublishFiles(*remote, options, *files, published);
     if (options.watch) exitCode = std::max(exitCode, WatchPublications(*remote, published));
     const bool failed = ReportFailures(published);
     if (failed) exitCode = std::max(exitCode, kExitFailed);
@@ -110,7 +131,7 @@ int RunCommand(const CommonOptions& common, const PublicationsOptions& options) 
     if (!options.id.empty()) return PrintDevices(common, options);
     return PrintActionList(common, "ConsoleListPublications", {},
                            {ValueColumn("PUBLICATION", "PublicationId"), ValueColumn("TYPE", kValueFileType),
-                            ValueColumn("LABEL", kValueFileLabel), ValueColumn("FILE", kValueFileName),
+                            ValueColumn("LABEL", kValueFileLabel), NameColumn("FILE"),
                             SizeColumn("SIZE", kValueFileSize), TimeColumn("PUBLISHED", "CreateTime"),
                             ValueColumn("TARGETS", "Targets"), ValueColumn("DELIVERED", "Delivered"),
                             ValueColumn("FAILED", "Failed"), ValueColumn("PENDING", "Pending")});

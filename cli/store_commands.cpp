@@ -7,6 +7,7 @@
 #include "cli/remote.h"
 #include "kelcore/error_codes.h"
 #include "kelcore/file_values.h"
+#include "kelcore/relative_name.h"
 
 namespace {
 
@@ -19,7 +20,7 @@ KelString ValueText(const KelContainer& file, const KelString& name) {
     if (name == kFileStatus) return FileStatusText(file.GetString(name));
     if (name == kValueFileSize || name == "TransferredBytes") return SizeText(file.GetInt64(name));
     if (name == "CreateTime") return TimeText(file.GetInt64(name));
-    return file.GetString(name);
+    return name == kValueFileName ? PathInName(file.GetString(name)) : file.GetString(name);
 }
 
 KelString UnknownFile(const FileOptions& options) {
@@ -69,7 +70,7 @@ int RunCommand(const CommonOptions& common, const FilesOptions& options) {
         ValueColumn("ID", "FileId"),
         ValueColumn("TYPE", kValueFileType),
         ValueColumn("LABEL", kValueFileLabel),
-        ValueColumn("NAME", kValueFileName),
+        NameColumn("NAME"),
         {"STATUS", [](const KelContainer& item) { return FileStatusText(item.GetString(kFileStatus)); }},
         ValueColumn("HERE", "TransferredData"),
         ValueColumn("CHECKSUM", kValueFileChecksum),
@@ -98,15 +99,15 @@ int RunCommand(const CommonOptions& common, const FileOptions& options) {
 }
 
 int RunCommand(const CommonOptions& common, const InboxOptions&) {
-    return PrintActionList(common, "DeliveryListFiles", {},
-                           {ValueColumn("TYPE", kValueFileType), ValueColumn("LABEL", kValueFileLabel),
-                            ValueColumn("NAME", kValueFileName), SizeColumn("SIZE", "Size"),
-                            TimeColumn("DELIVERED", "Time"), ValueColumn("PATH", "Path")});
+    return PrintActionList(
+        common, "DeliveryListFiles", {},
+        {ValueColumn("TYPE", kValueFileType), ValueColumn("LABEL", kValueFileLabel), NameColumn("NAME"),
+         SizeColumn("SIZE", "Size"), TimeColumn("DELIVERED", "Time"), ValueColumn("PATH", "Path")});
 }
 
 int RunCommand(const CommonOptions& common, const CollectedOptions&) {
     return PrintActionList(common, "DeliveryListCollected", {},
                            {ValueColumn("DEVICE", "Device"), ValueColumn("TYPE", kValueFileType),
-                            ValueColumn("LABEL", kValueFileLabel), ValueColumn("NAME", kValueFileName),
+                            ValueColumn("LABEL", kValueFileLabel), NameColumn("NAME"),
                             SizeColumn("SIZE", "Size"), ValueColumn("PATH", "Path")});
 }

@@ -11,45 +11,46 @@
 #include "kelcore/file_key.h"
 #include "kelcore/file_offer.h"
 #include "kelcore/file_values.h"
+#include "kelcore/relative_name.h"
 
 namespace {
 
 constexpr std::chrono::milliseconds kInboxPollPause{250};
 
 /// Refuses files that the master could not receive; called before any of them is sent.
-KelStatus CheckFiles(const SendOptions& options) {
+KelStatus CheckFiles(const SendOptions& options, const KelVector<SourceFile>& files) {
     if (const KelStatus type = CheckKeyPart("type", options.type); !type) return type;
     if (const KelStatus label = CheckKeyPart("label", options.label); !label) return label;
-    for (const KelString& file : options.files) {
-        if (FileGetSize64(file) == 0)
+    for (const SourceFile& file : files) {
+        if (FileGetSize64(file.path) == 0)
             return KelError{kKelErrorBadInput,
-                            file + " is empty, and empty files cannot be sent up; nothing was sent"};
+                            file.path + " is empty, and empty files cannot be sent up; nothing was sent"};
     }
-    return CheckDifferentNames(options.files);
+    return CheckDifferentNames(files);
 }
 
-KelContainer SendArguments(const SendOptions& options, const KelString& file) {
+KelContainer SendArguments(const SendOptions& options, const SourceFile& file) {
     FileOffer offer;
-    offer.key = {options.type, options.label, FileNameOf(file), {}};
+    offer.key = {options.type, options.label, file.name, {}};
     offer.upstream = true;
     offer.priority = options.priority;
     offer.bypass = options.bypass;
-    offer.copyPath = CompletePath(file);
+    offer.copyPath = CompletePath(file.path);
     return offer.ToContainer();
 }
 
-KelContainer SentItem(const SendOptions& options, const KelString& file) {
+KelContainer SentItem(const SendOptions& options, const SourceFile& file) {
     KelContainer item;
-    item.SetString("File", file);
+    item.SetString("File", file.path);
     item.SetString(kValueFileType, options.type);
     item.SetString(kValueFileLabel, options.label);
-    item.SetString(kValueFileName, FileNameOf(file));
-    item.SetInt64(kValueFileSize, FileGetSize64(file));
+    item.SetString(kValueFileName, file.name);
+    item.SetInt64(kValueFileSize, FileGetSize64(file.path));
     return item;
 }
 
 FileKey KeyOf(const RequestOptions& options) {
-    return {options.type, options.label, options.name, options.checksum};
+    return {options.type, options.label, NameForPath(options.name), options.checksum};
 }
 
 /// An empty checksum in `wanted` matches any.
@@ -90,7 +91,7 @@ int WaitForFile(const Remote& remote, const RequestOptions& options, KelContaine
 KelStatus CheckKey(const RequestOptions& options) {
     if (const KelStatus type = CheckKeyPart("type", options.type); !type) return type;
     if (const KelStatus label = CheckKeyPart("label", options.label); !label) return label;
-    return CheckKeyPart("name", options.name);
+    return CheckKeyPart("name", NameForPath(options.name));
 }
 
 /// A device without a parent can deliver only what its own store holds: a request for another file would
@@ -112,18 +113,20 @@ bool CanBeAnswered(const Remote& remote, const RequestOptions& options, int& exi
 }  // namespace
 
 int RunCommand(const CommonOptions& common, const SendOptions& options) {
-    if (const KelStatus usable = CheckFiles(options); !usable) return Complain(usable.Error());
+    KelVector<SourceFile> files;
+    for (const KelString& path : options.files)
+        files.push_back({path, FileNameOf(path)});
+    if (const KelStatus usable = CheckFiles(options, files); !usable) return Complain(usable.Error());
     const auto remote = Remote::Open(common);
     if (!remote) return Complain(remote.Error());
     const HandOver handOver = {
-        "FileStoreReceiveFile", [&options](const KelString& file) { return SendArguments(options, file); },
-        [&options](const KelString& file, const KelContainer&) { return SentItem(options, file); }, "sent"};
+        "FileStoreReceiveFile", [&options](const SourceFile& file) { return SendArguments(options, file); },
+        [&options](const SourceFile& file, const KelContainer&) { return SentItem(options, file); }, "sent"};
     KelContainer sent;
-    const int exitCode = HandOverFiles(*remote, options.files, handOver, sent);
+    const int exitCode = HandOverFiles(*remote, files, handOver, sent);
     if (!common.json && !sent.Has("Values")) return exitCode;
     PrintList(sent, common.json,
-              {ValueColumn("FILE", "File"), ValueColumn("NAME", kValueFileName),
-               SizeColumn("SIZE", kValueFileSize)});
+              {ValueColumn("FILE", "File"), NameColumn("NAME"), SizeColumn("SIZE", kValueFileSize)});
     return exitCode;
 }
 
@@ -148,9 +151,8 @@ int RunCommand(const CommonOptions& common, const RequestOptions& options) {
     }
     KelContainer list;
     list.SetContainer("Values", std::move(item));
-    PrintList(
-        list, common.json,
-        {ValueColumn("TYPE", kValueFileType), ValueColumn("LABEL", kValueFileLabel),
-         ValueColumn("NAME", kValueFileName), ValueColumn("STATE", "State"), ValueColumn("PATH", "Path")});
+    PrintList(list, common.json,
+              {ValueColumn("TYPE", kValueFileType), ValueColumn("LABEL", kValueFileLabel), NameColumn("NAME"),
+               ValueColumn("STATE", "State"), ValueColumn("PATH", "Path")});
     return exitCode;
 }

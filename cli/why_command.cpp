@@ -9,6 +9,7 @@
 #include "kelcore/device_name.h"
 #include "kelcore/error_codes.h"
 #include "kelcore/file_values.h"
+#include "kelcore/relative_name.h"
 
 namespace {
 
@@ -37,7 +38,8 @@ KelString PublicationOf(const Remote& remote, const KelString& name, int& exitCo
     }
     for (std::uint32_t i = 0; i < ItemCount(call); ++i) {
         const KelContainer& publication = call.GetContainer("Values", i);
-        if (publication.GetString(kValueFileName) == name) return publication.GetString("PublicationId");
+        if (publication.GetString(kValueFileName) == NameForPath(name))
+            return publication.GetString("PublicationId");
     }
     exitCode = Complain("there is no publication and no published file '" + name +
                         "'; name a file of this store by its number in 'kel files'");

@@ -81,7 +81,9 @@ Console::Console()
       deviceStore_(database_),
       publications_(database_),
       directory_(Log(), deviceStore_),
-      publisher_(Log(), directory_, publications_),
+      groups_(database_),
+      groupActions_(Log(), directory_, groups_),
+      publisher_(Log(), directory_, groups_, publications_),
       intake_(Log(), deviceStore_, publications_, publisher_),
       explainer_(directory_, publications_) {}
 
@@ -98,6 +100,7 @@ void Console::Register(const char* handle) {
         bind(&Console::Publish), handle);
     ActionDbRegisterAction("ConsoleExplain (string PublicationId, string Device)", bind(&Console::Explain),
                            handle);
+    groupActions_.Register(handle);
     ActionDbRegisterAction(kReceiveSignature, bind(&Console::ReceiveUpstream), handle);
     ActionDbRegisterAction(
         "QuarnelDbRunScript (string Script)",

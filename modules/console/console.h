@@ -4,7 +4,9 @@
 #include "kelcore/module.h"
 #include "modules/console/console_database.h"
 #include "modules/console/device_directory.h"
+#include "modules/console/device_groups.h"
 #include "modules/console/explanation.h"
+#include "modules/console/group_actions.h"
 #include "modules/console/publication_store.h"
 #include "modules/console/publisher.h"
 #include "modules/console/upstream_intake.h"
@@ -14,11 +16,11 @@
 ///
 /// - ConsoleListDevices -> Values[i]{GUID, Name, Role, Address, Parent, PathName, FirstSeen, LastSeen (int64,
 ///   seconds since the epoch, 0 for never)}, the master first
-/// - ConsolePublish (FilePath, FileType, FileLabel; optional FileName, Device[i] (GUID or name, or one "all"
-///   or "none"), Priority, Bypass, WakeOnLan, KeepCopy, FileInfo) -> PublicationId, FileChecksum, FileSize
-///   (int64, bytes), Targets, Delivered, Failed, Pending (int32: the targets by state before the file is
-///   offered; see DecideTargets), LeftOut (int32: devices that "all" could not reach). A call from another
-///   device is refused, because it names a file of this one.
+/// - ConsolePublish (FilePath, FileType, FileLabel; optional FileName, Device[i] (see
+///   ChooseTargets), Priority, Bypass, WakeOnLan, KeepCopy, FileInfo) -> PublicationId, FileChecksum,
+///   FileSize (int64, bytes), Targets, Delivered, Failed, Pending (int32: the targets by state before the
+///   file is offered; see DecideTargets), LeftOut (int32: devices that "all" could not reach). A call from
+///   another device is refused, because it names a file of this one.
 /// - ConsoleListPublications (optional PublicationId[i], CountsOnly) -> Values[i]{PublicationId, FileType,
 ///   FileLabel, FileName, FileChecksum, FileSize, CreateTime (int64), Priority, Targets, Delivered, Failed,
 ///   Pending (int32)}, the latest first, all or those named, which must be known; for one named publication
@@ -26,6 +28,7 @@
 /// - ConsoleExplain (PublicationId; optional Device, a GUID or name) -> Values[i], LeftOut: why pending
 /// targets
 ///   do not have the file, asked live through the tree; see Explainer
+/// - ConsoleListGroups and those that change groups of devices; see GroupActions
 /// - ConsoleReceiveUpstream: subscribed to the event FileStoreCallbackCopyUpstream; see UpstreamIntake.
 ///   Only for this device.
 /// - QuarnelDbObjectListTypes -> Types[i]; QuarnelDbRunScript: not available here. Other modules recognise a
@@ -58,6 +61,8 @@ class Console : public KelModule {
     DeviceStore deviceStore_;
     PublicationStore publications_;
     DeviceDirectory directory_;
+    DeviceGroups groups_;
+    GroupActions groupActions_;
     Publisher publisher_;
     UpstreamIntake intake_;
     Explainer explainer_;

@@ -10,7 +10,7 @@
 namespace {
 
 constexpr std::size_t kIdBytes = 8;
-constexpr std::array kTables = {"Devices", "Publications", "PublicationTargets"};
+constexpr std::array kTables = {"Devices", "Publications", "PublicationTargets", "GroupMembers"};
 
 }  // namespace
 

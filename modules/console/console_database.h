@@ -9,7 +9,8 @@
 #include "kelcore/db/connection.h"
 #include "kelcore/db/connection_pool.h"
 
-/// The console's database: the devices as they reported themselves, and the publications with their targets.
+/// The console's database: the devices as they reported themselves, their groups, and the publications with
+/// their targets.
 /// The section SqlUpgrade of Console.ini holds its schema. All operations may be called from any thread; they
 /// fail while the database is not open. The connection logs statements that fail.
 class ConsoleDatabase {

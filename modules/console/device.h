@@ -4,6 +4,7 @@
 
 #include "kel/ini_file.h"
 #include "kel/result.h"
+#include "kel/text.h"
 #include "kel/types.h"
 
 /// A device of the tree.
@@ -45,6 +46,9 @@ class DeviceIndex {
     /// The index in the list of the device with this GUID or name. An unknown or ambiguous name is an error
     /// that names it.
     KelResult<std::size_t> Find(const KelString& guidOrName) const;
+
+    /// True when at least one device has this name.
+    bool HasName(const KelString& name) const { return names_.contains(ToLowerText(name)); }
 
   private:
     KelHash<KelString, std::size_t> guids_;

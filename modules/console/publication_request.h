@@ -9,7 +9,7 @@
 struct PublicationRequest {
     KelString sourcePath;
     FileKey file;  ///< the name is never empty: that of the source when the caller gave none; no checksum yet
-    KelVector<KelString> devices;  ///< GUIDs or names, or the one text "all" or "none"
+    KelVector<KelString> devices;  ///< as ChooseTargets takes them
     std::int32_t priority = 100;
     bool bypass = false;
     bool wakeOnLan = false;

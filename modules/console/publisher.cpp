@@ -15,48 +15,13 @@
 #include "kelcore/file_offer.h"
 #include "kelcore/file_values.h"
 #include "modules/console/device_tree.h"
+#include "modules/console/target_choice.h"
 
 namespace {
 
 constexpr std::size_t kIdBytes = 8;
 /// Between two orders for a publication, seconds.
 constexpr std::int64_t kLongestOrderGap = 86400;
-constexpr char kAllDevices[] = "all";
-constexpr char kNoDevice[] = "none";
-
-bool IsOnly(const KelVector<KelString>& wanted, const char* word) {
-    return wanted.size() == 1 && wanted.front() == word;
-}
-
-/// The indexes in `devices` of the devices that the request names, each once. "all" is every device but the
-/// master, which is the first, as far as it can be reached: for the others a text that says why is added to
-/// `leftOut`. "none" is no device: the file is only there to be requested. A named device that cannot be
-/// reached is an error that names it.
-KelResult<KelVector<std::size_t>> ChooseTargets(const KelVector<Device>& devices,
-                                                const KelVector<KelString>& wanted,
-                                                KelVector<KelString>& leftOut) {
-    KelVector<std::size_t> targets;
-    if (IsOnly(wanted, kNoDevice)) return targets;
-    if (IsOnly(wanted, kAllDevices)) {
-        for (std::size_t i = 1; i < devices.size(); ++i)
-            targets.push_back(i);
-        leftOut = RemoveUnreachable(devices, targets);
-        if (!targets.empty()) return targets;
-        return KelError{kKelErrorBadInput,
-                        leftOut.empty() ? "There is no device but the master yet" : leftOut.front()};
-    }
-    const DeviceIndex index(devices);
-    KelVector<bool> chosen(devices.size());
-    for (const KelString& name : wanted) {
-        const auto found = index.Find(name);
-        if (!found) return found.Error();
-        if (!chosen[*found]) targets.push_back(*found);
-        chosen[*found] = true;
-    }
-    if (const auto problems = RemoveUnreachable(devices, targets); !problems.empty())
-        return KelError{kKelErrorBadInput, problems.front()};
-    return targets;
-}
 
 PublicationSummary SummaryOf(const PublicationRequest& request, const PackageFile& file,
                              const KelString& id) {
@@ -139,14 +104,17 @@ KelVector<std::size_t> PendingBelow(const KelVector<Device>& devices, const KelS
 KelResult<Publisher::Plan> Publisher::MakePlan(const PublicationRequest& request) {
     auto devices = directory_.Read();
     if (!devices) return devices.Error();
-    KelVector<KelString> leftOut;
-    auto targets = ChooseTargets(*devices, request.devices, leftOut);
+    const auto groups = groups_.List();
+    if (!groups) return groups.Error();
+    auto targets = ChooseTargets(*devices, *groups, request.devices);
     if (!targets) return targets.Error();
+    const KelVector<KelString>& leftOut = targets->leftOut;
     if (!leftOut.empty()) {
         log_.Warning("%lu devices are left out of the publication of %S; the first: %S\n", leftOut.size(),
                      request.file.name, leftOut.front());
     }
-    return Plan{HexText(RandomBytes(kIdBytes)), std::move(*devices), std::move(*targets), leftOut.size()};
+    return Plan{HexText(RandomBytes(kIdBytes)), std::move(*devices), std::move(targets->indexes),
+                leftOut.size()};
 }
 
 KelStatus Publisher::Order(const PublicationRequest& request, const PublicationSummary& publication,

@@ -10,6 +10,7 @@
 #include "kel/result.h"
 #include "kel/types.h"
 #include "modules/console/device_directory.h"
+#include "modules/console/device_groups.h"
 #include "modules/console/package_folder.h"
 #include "modules/console/publication_request.h"
 #include "modules/console/publication_store.h"
@@ -18,8 +19,9 @@
 /// store, or an order for it when the store has the file already. Any thread, concurrently.
 class Publisher {
   public:
-    Publisher(const KelDebug& log, DeviceDirectory& directory, PublicationStore& publications)
-        : log_(log), directory_(directory), publications_(publications) {}
+    Publisher(const KelDebug& log, DeviceDirectory& directory, DeviceGroups& groups,
+              PublicationStore& publications)
+        : log_(log), directory_(directory), groups_(groups), publications_(publications) {}
 
     /// The folder under which published files are kept; see CopyToPackages. Before the first use.
     void SetFolder(const KelString& folder) { folder_ = folder; }
@@ -62,6 +64,7 @@ class Publisher {
 
     const KelDebug& log_;
     DeviceDirectory& directory_;
+    DeviceGroups& groups_;
     PublicationStore& publications_;
     KelString folder_;
     KelMutex mutex_;

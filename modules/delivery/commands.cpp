@@ -5,6 +5,7 @@
 
 #include "kel/format.h"
 #include "kelcore/error_codes.h"
+#include "kelcore/relative_name.h"
 #include "modules/delivery/program.h"
 
 namespace {
@@ -78,7 +79,7 @@ CommandResult Commands::Run(const FileKey& file, const KelString& path,
     program.arguments = commands_.at(file.type);
     program.arguments.push_back(path);
     program.environment = {"KEL_FILE_TYPE=" + file.type, "KEL_FILE_LABEL=" + file.label,
-                           "KEL_FILE_NAME=" + file.name, "KEL_FILE_CHECKSUM=" + file.checksum};
+                           "KEL_FILE_NAME=" + PathInName(file.name), "KEL_FILE_CHECKSUM=" + file.checksum};
     program.cancelled = std::move(cancelled);
     const KelString& name = ProgramOf(file.type);
     std::size_t lines = 0;

@@ -173,7 +173,8 @@ unsigned int Delivery::Collect(KelContainer* arguments) {
 unsigned int Delivery::ListFiles(KelContainer* arguments) {
     arguments->Clear();
     std::uint32_t index = 0;
-    for (const DeliveredFile& file : inbox_.List()) {
+    const auto wasDelivered = [this](const KelString& path) { return orders_.HasPast(path); };
+    for (const DeliveredFile& file : inbox_.List(wasDelivered)) {
         KelContainer values = ListedValues(file);
         values.SetInt64("Time", file.time);
         arguments->SetContainer("Values", std::move(values), index++);

@@ -62,6 +62,7 @@ class Delivery : public KelModule {
     // The work on the jobs (delivery_jobs.cpp).
     enum class Arrival : unsigned char { HandedOver, NeverTaken };
     unsigned int Deliver(ReceivedFile file, Arrival arrival);
+    void FailAtOnce(const ReceivedFile& file, const KelString& message);
 
     // The work on orders (delivery_orders.cpp).
     unsigned int TakeOrder(const ReceivedFile& file, const KelContainer& info);

@@ -43,6 +43,10 @@ unsigned int Delivery::Deliver(ReceivedFile file, Arrival arrival) {
             thread_.Signal(0);
             return kKelOk;
         }
+        if (const KelString obstacle = inbox_.ObstacleTo(file); !obstacle.empty()) {
+            FailAtOnce(file, KelFormat("%S is in the way; remove it and publish the file again", obstacle));
+            return kKelOk;
+        }
         if (isInPlace && arrival == Arrival::HandedOver) {
             Log().Detail("%S is in place already\n", destination);
             jobs_.EndOtherJobFor(file, destination);
@@ -68,6 +72,15 @@ unsigned int Delivery::Deliver(ReceivedFile file, Arrival arrival) {
     thread_.Signal(0);
     if (!hasCommand) receiptThread_.Signal(0);
     return kKelOk;
+}
+
+/// For a file that cannot be delivered, now or later. The caller holds mutexCopy_.
+void Delivery::FailAtOnce(const ReceivedFile& file, const KelString& message) {
+    Log().Warning("%S is not delivered: %S\n", file.key.Text(), message);
+    jobs_.AddConcluded(file, DeliveryOutcome::Failed, message, std::time(nullptr));
+    jobs_.AddTaken(file, {});
+    thread_.Signal(0);
+    receiptThread_.Signal(0);
 }
 
 /// Has the file store forget the files that are taken. False when that is to be repeated.

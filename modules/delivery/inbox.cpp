@@ -2,12 +2,16 @@
 
 #include <sys/stat.h>
 
+#include <algorithm>
+
 #include "kel/checksum.h"
 #include "kel/directory.h"
 #include "kel/file.h"
 #include "kel/format.h"
 #include "kel/path.h"
+#include "kel/text.h"
 #include "kelcore/error_codes.h"
+#include "kelcore/relative_name.h"
 
 namespace {
 
@@ -21,6 +25,29 @@ const IniSetting kTypeFolder =
     IniSetting::Text("Folders", "*", "Inbox").Checked(IsNotEmpty, "a folder").Vital();
 
 constexpr std::int64_t kNanoseconds = 1'000'000'000;
+
+/// The relative paths of what lies in the folder of a label, as deep as a name can express, sorted. Links to
+/// folders are not followed.
+KelVector<KelString> PathsBelow(const KelString& folder) {
+    KelVector<KelString> paths;
+    KelVector<KelString> waiting = {""};
+    while (!waiting.empty()) {
+        const KelString below = std::move(waiting.back());
+        waiting.pop_back();
+        for (const KelString& entry : DirList(folder + "/" + below)) {
+            if (entry.starts_with(kTempFilePrefix)) continue;  // a copy in progress
+            const KelString path = below + entry;
+            if (!IsSafePathElement(NameForPath(path))) continue;
+            struct stat status {};
+            if (lstat((folder + "/" + path).c_str(), &status) == 0 && S_ISDIR(status.st_mode))
+                waiting.push_back(path + "/");
+            else
+                paths.push_back(path);
+        }
+    }
+    std::ranges::sort(paths);
+    return paths;
+}
 
 KelString FolderFrom(const KelString& text, const KelString& root) {
     return CompletePath(text.front() == '/' ? text : root + "/" + text);
@@ -52,7 +79,19 @@ void Inbox::Configure(const IniFile& ini, const KelString& root) {
 KelString Inbox::PathOf(const ReceivedFile& file) const {
     const auto own = typeFolders_.find(file.key.type);
     const KelString folder = own != typeFolders_.end() ? own->second : folder_ + "/" + file.key.type;
-    return KelFormat("%S/%S/%S", folder, file.key.label, file.key.name);
+    return KelFormat("%S/%S/%S", folder, file.key.label, PathInName(file.key.name));
+}
+
+KelString Inbox::ObstacleTo(const ReceivedFile& file) const {
+    const KelString path = PathOf(file);
+    if (DirExists(path)) return path;
+    const KelVector<KelString> elements = SplitText(PathInName(file.key.name), '/');
+    KelString folder = path;
+    for (std::size_t level = 1; level < elements.size(); ++level) {
+        folder.resize(folder.rfind('/'));
+        if (FileExists(folder)) return folder;
+    }
+    return {};
 }
 
 bool Inbox::Holds(const ReceivedFile& file) const {
@@ -63,23 +102,26 @@ KelStatus Inbox::Put(const ReceivedFile& file) const {
     return PlaceCopy(file.sourcePath, PathOf(file));
 }
 
-KelVector<DeliveredFile> Inbox::List() {
+KelVector<DeliveredFile> Inbox::List(const WasDelivered& wasDelivered) {
     KelVector<DeliveredFile> files;
     for (const KelString& type : DirList(folder_)) {
-        if (!typeFolders_.contains(type)) ListType(folder_ + "/" + type, type, files);
+        if (!typeFolders_.contains(type)) ListType(folder_ + "/" + type, type, wasDelivered, files);
     }
     for (const KelString& type : types_)
-        ListType(typeFolders_.at(type), type, files);
+        ListType(typeFolders_.at(type), type, wasDelivered, files);
     return files;
 }
 
-void Inbox::ListType(const KelString& folder, const KelString& type, KelVector<DeliveredFile>& files) {
+void Inbox::ListType(const KelString& folder, const KelString& type, const WasDelivered& wasDelivered,
+                     KelVector<DeliveredFile>& files) {
     for (const KelString& label : DirList(folder)) {
-        for (const KelString& name : DirList(folder + "/" + label)) {
-            if (name.starts_with(kTempFilePrefix)) continue;  // a copy in progress
+        const KelString below = folder + "/" + label;
+        for (const KelString& path : PathsBelow(below)) {
             DeliveredFile file;
-            file.key = {type, label, name, {}};
-            file.path = KelFormat("%S/%S/%S", folder, label, name);
+            file.key = {type, label, NameForPath(path), {}};
+            file.path = below + "/" + path;
+            // What lies deeper may also be what a command has unpacked, which can be large.
+            if (path.find('/') != KelString::npos && !wasDelivered(file.path)) continue;
             if (Examine(file)) files.push_back(std::move(file));
         }
     }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 
 #include "kel/ini_file.h"
 #include "kel/mutex.h"
@@ -18,7 +19,8 @@ struct DeliveredFile {
 };
 
 /// The folders of delivered files: "<folder>/<type>/<label>/<name>", or "<folder>/<label>/<name>" for a type
-/// with a folder of its own. Configured once; then from any thread.
+/// with a folder of its own. A name that stands for a path (kelcore/relative_name.h) is that path below the
+/// label. Configured once; then from any thread.
 class Inbox {
   public:
     /// Relative folders of the ini file, which has no vital fault, are relative to `root`.
@@ -30,6 +32,10 @@ class Inbox {
 
     KelString PathOf(const ReceivedFile& file) const;
 
+    /// What is in the way of the file in the folder of its label: a file where its path needs a folder, or a
+    /// folder in its own place. Empty when nothing is.
+    KelString ObstacleTo(const ReceivedFile& file) const;
+
     /// True when the file is in its place and its content has the checksum.
     bool Holds(const ReceivedFile& file) const;
 
@@ -37,9 +43,12 @@ class Inbox {
     /// succeeds. The copy is made next to its place, because a configured folder may be on any file system.
     KelStatus Put(const ReceivedFile& file) const;
 
-    /// All files, by type, label and name. Only contents that changed since the last call are read and
-    /// hashed.
-    KelVector<DeliveredFile> List();
+    /// True when a file was delivered to this path.
+    using WasDelivered = std::function<bool(const KelString& path)>;
+
+    /// All files, by type, label and name; of those in folders below a label the delivered ones. Only
+    /// contents that changed since the last call are read and hashed.
+    KelVector<DeliveredFile> List(const WasDelivered& wasDelivered);
 
   private:
     struct KnownChecksum {
@@ -48,7 +57,8 @@ class Inbox {
         KelString checksum;
     };
 
-    void ListType(const KelString& folder, const KelString& type, KelVector<DeliveredFile>& files);
+    void ListType(const KelString& folder, const KelString& type, const WasDelivered& wasDelivered,
+                  KelVector<DeliveredFile>& files);
     bool Examine(DeliveredFile& file);
 
     KelString folder_;                           ///< of the types without one of their own

@@ -134,6 +134,11 @@ void Orders::Remove(const KelString& publication) {
     });
 }
 
+bool Orders::HasPast(const KelString& destination) const {
+    const KelLock lock(mutex_);
+    return FileExists(PastPathOf(destination));
+}
+
 std::optional<PastDelivery> Orders::FindPast(const KelString& destination) const {
     const KelLock lock(mutex_);
     KelContainer values;

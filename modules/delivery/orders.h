@@ -63,6 +63,7 @@ class Orders {
     void SetAnswered(const KelVector<KelString>& publications);
     void Remove(const KelString& publication);
 
+    bool HasPast(const KelString& destination) const;
     std::optional<PastDelivery> FindPast(const KelString& destination) const;
     /// Remembers a concluded job with a publication, unless a later one is known; false when it cannot be
     /// written.

@@ -3,11 +3,13 @@
 #include <sstream>
 
 #include "cli/commands.h"
+#include "cli/file_selection.h"
 #include "cli/hand_over.h"
 #include "cli/init_command.h"
 #include "cli/json_names.h"
 #include "cli/options.h"
 #include "cli/output.h"
+#include "kel/temp_folder.h"
 #include "kelcore/json.h"
 
 namespace {
@@ -138,6 +140,40 @@ TEST(OptionsTest, UnusableArgumentsEndWithUsage) {
         EXPECT_EQ(exitCode, kExitUsage) << line;
     }
     EXPECT_NE(testing::internal::GetCapturedStderr(), "");
+}
+
+TEST(SelectionTest, FoldersAndListsGiveFilesWithTheirRelativePaths) {
+    const TempFolder folder;
+    for (const char* file :
+         {"rel/top", "rel/bin/deep/a b", "rel/bin/x", "bad/a%2Fb", "worse/x/.kel-y", "one"})
+        TempFolder::Write(folder / file, file);
+    std::filesystem::create_directories(folder / "empty");
+    std::filesystem::create_directory_symlink(folder / "bad", folder / "rel/link");
+    TempFolder::Write(folder / "list", "# files\n\n" + folder / "one" + "\r\n" + folder / "rel");
+    TempFolder::Write(folder / "targets", "a, b\r\n#x\nc d\n");
+    const auto names = [&folder](const std::string& argument, bool recursive) {
+        const std::string at = argument.starts_with("@") ? "@" : "";
+        const auto selection = SelectFiles({at + folder / argument.substr(at.size())}, recursive);
+        if (!selection) return std::string("refused");
+        std::string text;
+        for (const SourceFile& file : selection->files)
+            text += file.name + " ";
+        return text + std::to_string(selection->leftOut.size());
+    };
+    for (const auto& [argument, recursive, expected] :
+         {std::tuple("rel", true, "bin%2Fdeep%2Fa b bin%2Fx top 1"),
+          {"@list", true, "one bin%2Fdeep%2Fa b bin%2Fx top 1"},
+          {"one", false, "one 0"},
+          {"rel", false, "refused"},
+          {"@list", false, "refused"},
+          {"@none", true, "refused"},
+          {"empty", true, "refused"},
+          {"bad", true, "refused"},
+          {"worse", true, "refused"},
+          {"bad/a%2Fb", false, "refused"}})
+        EXPECT_EQ(names(argument, recursive), expected) << argument;
+    EXPECT_FALSE(SelectFiles({folder / "one", folder / "./one"}, false));
+    EXPECT_THAT(*SelectTargets({"z", "@" + folder / "targets"}), ElementsAre("z", "a", "b", "c d"));
 }
 
 TEST(OptionsTest, CommonOptionsMayStandBehindTheCommandAndDevicesAreAList) {

@@ -4,6 +4,7 @@
 #include "kel/text.h"
 #include "modules/console/device.h"
 #include "modules/console/device_tree.h"
+#include "modules/console/target_choice.h"
 #include "on_threads.h"
 
 namespace {
@@ -95,6 +96,45 @@ TEST_F(ConsoleTest, UnusableRequestsAreRefusedAndPublishNothing) {
     EXPECT_FALSE(std::filesystem::exists(root_ / "data/Console/Packages"));
 }
 
+TEST_F(ConsoleTest, GroupsOutliveARestartAndOnlyThisDeviceChangesThem) {
+    const auto change = [](const char* action, const std::string& name, const Texts& members) {
+        KelContainer call = Values({"Name=" + name});
+        for (std::uint32_t i = 0; i < members.size(); ++i)
+            call.SetString("Member", members[i], i);
+        return Call(action, call);
+    };
+    const auto members = [](const std::string& name) {
+        KelContainer list = Values({"Name=" + name});
+        EXPECT_EQ(Call("ConsoleListGroups", list), 0U);
+        std::string text;
+        for (std::uint32_t i = 0; list.Has("Values") && i < list.Count("Values"); ++i)
+            text += list.GetContainer("Values", i).GetString("Member") + "=" +
+                    list.GetContainer("Values", i).GetString("Devices") + " ";
+        return text;
+    };
+    {
+        const RunningModule<Console> module;
+        EXPECT_EQ(change("ConsoleSetGroup", "Shop pilots", {"absent", "desk"}), 0U);
+        EXPECT_EQ(change("ConsoleAddToGroup", "SHOP PILOTS", {"DESK", "nor*", "x*"}), 0U);
+        EXPECT_EQ(change("ConsoleRemoveFromGroup", "shop pilots", {"Absent", "X*"}), 0U);
+        for (const char* bad : {"", "all", "None", "a*", "@a", "a,b", "it's", "desk", kNorth.c_str()})
+            EXPECT_EQ(change("ConsoleSetGroup", bad, {"desk"}), kKelErrorBadInput) << bad;
+        for (const char* bad : {"", "all", "@a", "a,b", "it's", "shop Pilots", "new"})
+            EXPECT_EQ(change("ConsoleAddToGroup", "new", {"desk", bad}), kKelErrorBadInput) << bad;
+        EXPECT_EQ(change("ConsoleRemoveFromGroup", "shop pilots", {"desk", "absent"}), kKelErrorBadInput);
+        EXPECT_EQ(change("ConsoleDeleteGroup", "new", {}), kKelErrorBadInput) << "nothing was made";
+        KelContainer foreign = From(Values({"Name=shop pilots", "Member=x"}), "127.0.3.9");
+        for (const char* action :
+             {"ConsoleSetGroup", "ConsoleAddToGroup", "ConsoleRemoveFromGroup", "ConsoleDeleteGroup"})
+            EXPECT_EQ(Call(action, foreign), kKelErrorBadInput) << action;
+    }
+    const RunningModule<Console> module;
+    EXPECT_EQ(members("shop pilots"), "desk=1 nor*=1 ");
+    EXPECT_EQ(Publish(Request("Shop Pilots")).GetInt32("Targets"), 2);
+    EXPECT_EQ(change("ConsoleRemoveFromGroup", "shop pilots", {"nor*", "desk"}), 0U);
+    EXPECT_FALSE(Call("ConsoleListGroups").Has("Values"));
+}
+
 KelString Guid(int number) {
     return KelFormat("ABCD0000-0000-0000-0000-%ld", 100000000000 + number);
 }
@@ -131,6 +171,41 @@ KelString Shape(const KelContainer& container) {
         if (!below.IsEmpty()) text += "(" + Shape(below) + ")";
     }
     return text;
+}
+
+TEST(TargetChoice, NamesAndPatternsGiveEachDeviceOnceInTheirOrder) {
+    auto devices = Tree();
+    devices.push_back(MakeDevice("lost-1", "client", 6, 77));
+    devices.push_back(MakeDevice("odd", "client", 7, 0));
+    devices.back().name = "N*";
+    const KelVector<DeviceGroup> groups = {{"Pilots", {"m1", "?1"}}, {"gone", {"m1", "m2"}}, {"far", {"m1"}}};
+    const auto chosen = [&](const KelVector<KelString>& wanted) {
+        const auto targets = ChooseTargets(devices, groups, wanted);
+        if (!targets) return targets.Error().message;
+        KelString text;
+        for (const std::size_t index : targets->indexes)
+            text += devices[index].name + " ";
+        return text + KelFormat("%lu", targets->leftOut.size());
+    };
+    const std::pair<KelVector<KelString>, const char*> cases[] = {
+        {{"none"}, "0"},
+        {{"all"}, "north n1 far f1 m1 N* 1"},
+        {{"f1", "?1", "F1", Guid(4)}, "f1 n1 m1 0"},
+        {{"[a-f]*", "north"}, "far f1 north 0"},
+        {{"n*"}, "N* 0"},
+        {{"*"}, "north n1 far f1 m1 N* 1"},
+        {{"master", "*1"}, "master n1 f1 m1 1"},
+        {{"pilots", "f1", "n1"}, "m1 n1 f1 0"},
+        {{"gone"}, "Group \"gone\": There is no device \"m2\""},
+        {{"FAR"},
+         "\"FAR\" is the name of a device and of a group; give the device's GUID, or the group another "
+         "name"},
+        {{"m1", "x*"}, "No name of a device matches the pattern \"x*\""},
+        {{"all", "m1"}, "There is no device \"all\""}};
+    for (const auto& [wanted, expected] : cases)
+        EXPECT_EQ(chosen(wanted), expected);
+    for (const char* wanted : {"lost-1", "lost*"})
+        EXPECT_NE(chosen({"m1", wanted}).find("lost-1 cannot be reached"), KelString::npos) << wanted;
 }
 
 TEST(DeviceTree, ContainsTheWayToEachTarget) {

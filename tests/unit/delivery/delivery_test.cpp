@@ -37,6 +37,33 @@ TEST_F(DeliveryTest, NewContentReplacesAndTheSameContentChangesNothing) {
     EXPECT_EQ(OfferCount(), 2U) << "one receipt for each content";
 }
 
+/// Names that stand for paths; one that would lead elsewhere is a name like any other.
+TEST_F(DeliveryTest, PathInANameIsAPathBelowTheLabelAndNeverLeavesIt) {
+    ActiveModule<Delivery> module;
+    const std::pair<const char*, const char*> cases[] = {
+        {"bin%2Fdeep%2Fa", "bin/deep/a"}, {"bin%2Fb%252F", "bin/b%252F"}, {"..%2F..%2Fx", "..%2F..%2Fx"},
+        {"%2Fetc%2Fx", "%2Fetc%2Fx"},     {"a%2F%2Fx", "a%2F%2Fx"},       {"a%2F.%2Fx", "a%2F.%2Fx"},
+        {"bin%2F.kel-x", "bin%2F.kel-x"}, {"%2E%2E%2Fx", "%2E%2E/x"}};
+    for (const auto& [name, path] : cases) {
+        EXPECT_EQ(Announce(Stored("T", name, name)), 0U);
+        EXPECT_EQ(TempFolder::Read(InboxPath("T", path)), name);
+    }
+    EXPECT_TRUE(AllJobsEnd());
+    TempFolder::Write(InboxPath("T", "bin/unpacked"), "by a command");
+    const KelContainer info = Values({"PublicationId=p1", "PublicationTime=1"});
+    EXPECT_EQ(Announce(With(Stored("T", "sub%2Ff", "listed"), "FileInfo", info)), 0U);
+    const auto isListed = [] {
+        const KelContainer list = Call("DeliveryListFiles");
+        return list.Count("Values") == 6U &&
+               list.GetContainer("Values", 5).GetString("FileName") == "sub%2Ff";
+    };
+    EXPECT_TRUE(Eventually(isListed)) << "deeper files only once they are delivered";
+    for (const char* blocked : {"sub%2Ff%2Fg", "bin"})
+        EXPECT_EQ(Announce(Stored("T", blocked, blocked)), 0U);
+    EXPECT_TRUE(Eventually([this] { return Statuses()[TextMd5("bin")] == "failed"; }));
+    EXPECT_EQ(Statuses()[TextMd5("sub%2Ff%2Fg")], "failed");
+}
+
 TEST_F(DeliveryTest, UnusableFilesAreRefused) {
     RunningModule<Delivery> module;
     const KelContainer file = Stored("T", "f", "content");
