@@ -70,6 +70,9 @@ KelVector<DeliveredFile> Inbox::List() {
     }
     for (const KelString& type : types_)
         ListType(typeFolders_.at(type), type, files);
+    const KelLock lock(mutex_);
+    if (known_.size() > files.size())
+        std::erase_if(known_, [](const auto& known) { return !FileExists(known.first); });
     return files;
 }
 
