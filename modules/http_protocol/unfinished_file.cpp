@@ -3,6 +3,7 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 #include <cerrno>
 #include <cstdio>
@@ -48,15 +49,25 @@ bool UnfinishedFile::IsKeptForAgent() const {
     return IsStateName(name_) && IsStateFolder(folder_);
 }
 
+bool UnfinishedFile::HasRoomFor(std::uint64_t size) const {
+    struct statvfs room {};
+    return ::fstatvfs(folder_.Get(), &room) != 0 || size / room.f_frsize <= room.f_bavail;
+}
+
 const char* UnfinishedFile::Create(std::uint64_t size) {
     static constexpr const char* kCannotCreate = "create a file next to";
+    static constexpr const char* kCannotReserve = "reserve the space of";
     Drop();
     file_.Reset(::openat(folder_.Get(), ".", O_TMPFILE | O_RDWR | O_CLOEXEC, 0644));
     if (!file_ && errno != EOPNOTSUPP && errno != EISDIR) return kCannotCreate;
     if (!file_ && !MakeHiddenFile()) return kCannotCreate;
+    if (!HasRoomFor(size)) {  // an attempt could fill the disk before it fails
+        errno = ENOSPC;
+        return kCannotReserve;
+    }
     const bool isReserved =
         size == 0 || ::fallocate(file_.Get(), FALLOC_FL_KEEP_SIZE, 0, static_cast<off_t>(size)) == 0;
-    if (!isReserved && (errno == ENOSPC || errno == EDQUOT || errno == EFBIG)) return "reserve the space of";
+    if (!isReserved && (errno == ENOSPC || errno == EDQUOT || errno == EFBIG)) return kCannotReserve;
     return nullptr;
 }
 

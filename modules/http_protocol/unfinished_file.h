@@ -48,6 +48,7 @@ class UnfinishedFile {
     bool IsNew() const { return isNew_; }
 
   private:
+    bool HasRoomFor(std::uint64_t size) const;
     bool MakeHiddenFile();
     void RemoveLeftovers() const;
 
