@@ -1,5 +1,6 @@
 #pragma once
 
+#include <sys/socket.h>
 #include <cstddef>
 #include <span>
 #include <string_view>
@@ -39,6 +40,6 @@ class HttpEndpoint {
     UdpSocket socket_;
     std::size_t mtu_;  ///< of the route, bytes
     bool canSegment_ = true;
-    std::vector<struct iovec> pieces_;  ///< head and body of each message; kept to save allocations
-    std::vector<struct mmsghdr> envelopes_;
+    std::vector<iovec> pieces_;  ///< head and body of each message; kept to save allocations
+    std::vector<mmsghdr> envelopes_;
 };
