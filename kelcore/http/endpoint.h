@@ -1,6 +1,5 @@
 #pragma once
 
-#include <sys/socket.h>
 #include <cstddef>
 #include <span>
 #include <string_view>
@@ -19,7 +18,10 @@ struct HttpWireMessage {
 /// a time.
 class HttpEndpoint {
   public:
-    explicit HttpEndpoint(UdpSocket socket) : socket_(std::move(socket)), mtu_(socket_.RouteMtu()) {}
+    explicit HttpEndpoint(UdpSocket socket);
+    ~HttpEndpoint();
+    HttpEndpoint(HttpEndpoint&& other) noexcept;
+    HttpEndpoint& operator=(HttpEndpoint&& other) noexcept;
 
     /// Sends one message; false with errno set when the system does not take it.
     bool SendMessage(const HttpWireMessage& message) { return SendMessages({&message, 1}); }
@@ -40,6 +42,6 @@ class HttpEndpoint {
     UdpSocket socket_;
     std::size_t mtu_;  ///< of the route, bytes
     bool canSegment_ = true;
-    std::vector<iovec> pieces_;  ///< head and body of each message; kept to save allocations
-    std::vector<mmsghdr> envelopes_;
+    std::vector<struct iovec> pieces_;  ///< head and body of each message; kept to save allocations
+    std::vector<struct mmsghdr> envelopes_;
 };
