@@ -76,6 +76,8 @@ constexpr auto kNames = std::to_array<Name>({
     {"FirstSeen", "first_seen"},
     {"LastSeen", "last_seen"},
     {"Device", "device"},
+    {"WakeOnLanSenderIPAddr", "sender"},
+    {"WakeOnLanBroadcastIPAddr", "broadcast"},
     // status
     {"Agent", "agent"},
     {"Version", "version"},

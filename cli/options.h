@@ -60,6 +60,10 @@ struct WhyOptions {
     bool upstream = false;
 };
 
+struct WakeOptions {
+    KelString device;  ///< GUID or name
+};
+
 struct SendOptions {
     KelVector<KelString> files;
     KelString type;
@@ -108,7 +112,7 @@ struct CallOptions {
 using CommandOptions =
     std::variant<InitOptions, StatusOptions, DevicesOptions, PublishOptions, PublicationsOptions, SendOptions,
                  CollectedOptions, RequestOptions, UploadOptions, FilesOptions, FileOptions, SettingsOptions,
-                 WindowsOptions, InboxOptions, CallOptions, WhyOptions>;
+                 WindowsOptions, InboxOptions, CallOptions, WhyOptions, WakeOptions>;
 
 struct Options {
     CommonOptions common;

@@ -16,6 +16,7 @@
 #include "kelcore/call_origin.h"
 #include "kelcore/error_codes.h"
 #include "kelcore/error_text.h"
+#include "kelcore/http/url.h"
 #include "kelcore/net/udp_socket.h"
 
 namespace {
@@ -37,7 +38,7 @@ unsigned int Refuse(KelContainer* arguments, const KelError& error) {
 }
 
 KelString CallUrl(const KelString& hostAndPort) {
-    return KelFormat("http://%S:%S@%S", KelAgentGetName(), KelAgentGetHttpPassword(), hostAndPort);
+    return UrlForAgent(KelAgentGetName(), KelAgentGetHttpPassword(), hostAndPort);
 }
 
 /// The own subnet of an interface; nothing when there is no broadcast in it.
@@ -161,7 +162,8 @@ KelResult<KelContainer> WakeOnLan::PassOn(const WakeUpRequest& request, const Ke
                                                        kConnectTimeout, timeout, nullptr);
     if (error == kKelOk) return values;
     const KelString message = values.GetString("Message");
-    return KelError{error, KelFormat("%S: %S", device, message.empty() ? KelErrorText(error) : message)};
+    return KelError{kKelErrorNotAvailable,
+                    KelFormat("%S: %S", device, message.empty() ? KelErrorText(error) : message)};
 }
 
 KelResult<KelContainer> WakeOnLan::AskAgents(const WakeUpRequest& request) {

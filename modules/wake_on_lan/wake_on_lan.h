@@ -26,9 +26,8 @@
 /// device's subnet are asked to send, unless WakeOnLanOnlyOwnSubnet says no. No packet leaves for any other
 /// address, nor passes a router.
 ///
-/// Results: 0; 1 for an unusable input; 17 when no device is known that could send; 18 when the packet cannot
-/// be sent; that of the call when a device to pass it on cannot be called. Every result but 0 comes with a
-/// text Message.
+/// Results: 0; 1 for an unusable input; 17 when no device is known that could send or pass it on; 18 when the
+/// packet cannot be sent. Every result but 0 comes with a text Message.
 class WakeOnLan : public KelModule {
   public:
     using Interfaces = std::function<KelVector<NetworkInterface>()>;
