@@ -68,6 +68,10 @@ struct WhyOptions {
     bool upstream = false;
 };
 
+struct WakeOptions {
+    KelString device;  ///< GUID or name
+};
+
 struct SendOptions {
     KelVector<KelString> files;
     KelString type;
@@ -116,7 +120,7 @@ struct CallOptions {
 using CommandOptions =
     std::variant<InitOptions, StatusOptions, DevicesOptions, PublishOptions, PublicationsOptions, SendOptions,
                  CollectedOptions, RequestOptions, UploadOptions, FilesOptions, FileOptions, SettingsOptions,
-                 WindowsOptions, InboxOptions, CallOptions, WhyOptions, GroupsOptions>;
+                 WindowsOptions, InboxOptions, CallOptions, WhyOptions, GroupsOptions, WakeOptions>;
 
 struct Options {
     CommonOptions common;
