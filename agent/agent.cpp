@@ -1,14 +1,18 @@
 #include "agent/agent.h"
 
 #include <algorithm>
+#include <chrono>
 #include <ctime>
 
 #include "agent/agent_actions.h"
 #include "agent/agent_options.h"
+#include "agent/heap.h"
 #include "kelcore/action_db.h"
 #include "kelcore/http/client.h"
 
 namespace {
+
+constexpr std::chrono::seconds kReleasePause{10};
 
 KelAgentSettings Settings(const AgentConfig& config, std::shared_ptr<KelDebugContext> context) {
     return {config.ConfigDir(),  config.DataDir(), config.name,
@@ -46,7 +50,8 @@ int Agent::Run() {
     const bool started = Start(stop);
     if (started && !stop.IsRequested()) {
         LogReady();
-        stop.Wait();
+        while (!stop.WaitFor(kReleasePause))
+            ReleaseFreeMemory();
     }
     HttpClientCancelAll(true);
     Stop();

@@ -28,9 +28,9 @@ bool StopSignals::IsRequested() const {
     return requested_;
 }
 
-void StopSignals::Wait() {
+bool StopSignals::WaitFor(std::chrono::seconds pause) {
     std::unique_lock lock(mutex_);
-    changed_.wait(lock, [this] { return requested_; });
+    return changed_.wait_for(lock, pause, [this] { return requested_; });
 }
 
 void StopSignals::Request() {

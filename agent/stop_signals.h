@@ -33,8 +33,8 @@ class StopSignals {
 
     /// True once a stop was asked for. Any thread.
     bool IsRequested() const;
-    /// Waits until a stop is asked for. Main thread.
-    void Wait();
+    /// Waits until a stop is asked for, at most for `pause`; true when it is. Main thread.
+    bool WaitFor(std::chrono::seconds pause);
 
   private:
     void Watch();

@@ -26,7 +26,7 @@ WARM_UP, CALM = 1 / 6, 1 / 4  # of the time, without faults at its beginning and
 GROWTH = 1.1  # of memory and descriptors over those after the warm-up, under the same traffic
 MORE_KIB = 2048  # databases that have not filled their page caches (2 MiB each) by then
 MORE_DESCRIPTORS = 8  # connections that are kept for the next call
-SAMPLES = 5
+SAMPLES = 12  # a second apart: agents give free memory back every ten seconds
 LABEL = "soak"
 
 

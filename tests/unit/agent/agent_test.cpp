@@ -88,7 +88,8 @@ void StopTwice() {
     StopSignals stop([] {}, log);
     for (const int number : {SIGTERM, SIGINT})
         kill(getpid(), number);
-    stop.Wait();
+    while (!stop.WaitFor(std::chrono::seconds(1))) {
+    }
     std::this_thread::sleep_for(StopSignals::kSameStop);
     std::fputs("stopping;", stderr);
     kill(getpid(), SIGINT);
