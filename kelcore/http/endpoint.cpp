@@ -29,6 +29,12 @@ bool IsSegmentationRefused(int error) {
 
 }  // namespace
 
+// Here, where the system's structures are complete.
+HttpEndpoint::HttpEndpoint(UdpSocket socket) : socket_(std::move(socket)), mtu_(socket_.RouteMtu()) {}
+HttpEndpoint::~HttpEndpoint() = default;
+HttpEndpoint::HttpEndpoint(HttpEndpoint&& other) noexcept = default;
+HttpEndpoint& HttpEndpoint::operator=(HttpEndpoint&& other) noexcept = default;
+
 std::size_t HttpEndpoint::WireBytes(std::size_t size) const {
     const std::size_t perPacket = std::max(mtu_, kIpHeaderBytes + kUdpHeaderBytes) - kIpHeaderBytes;
     const std::size_t payload = size + kUdpHeaderBytes;

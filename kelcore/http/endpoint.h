@@ -18,7 +18,10 @@ struct HttpWireMessage {
 /// a time.
 class HttpEndpoint {
   public:
-    explicit HttpEndpoint(UdpSocket socket) : socket_(std::move(socket)), mtu_(socket_.RouteMtu()) {}
+    explicit HttpEndpoint(UdpSocket socket);
+    ~HttpEndpoint();
+    HttpEndpoint(HttpEndpoint&& other) noexcept;
+    HttpEndpoint& operator=(HttpEndpoint&& other) noexcept;
 
     /// Sends one message; false with errno set when the system does not take it.
     bool SendMessage(const HttpWireMessage& message) { return SendMessages({&message, 1}); }

@@ -32,6 +32,7 @@ struct MulticastTransfer {
     std::uint16_t port = 0;
     KelString urlPath;  ///< raw, begins with "/"
     std::uint64_t fileSize = 0;
+    bool operator==(const MulticastTransfer&) const = default;
 };
 
 /// The key of a transfer. One thread at a time.

@@ -16,6 +16,13 @@ sockaddr_in SocketAddress(IpAddress address, std::uint16_t port) {
     return result;
 }
 
+ip_mreqn Membership(IpAddress group, IpAddress local) {
+    ip_mreqn result{};
+    result.imr_multiaddr.s_addr = htonl(group.Value());
+    result.imr_address.s_addr = htonl(local.Value());
+    return result;
+}
+
 }  // namespace
 
 UdpSocket::UdpSocket() : fd_(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {}
@@ -37,17 +44,19 @@ bool UdpSocket::SetOption(int level, int name, int value) {
 }
 
 bool UdpSocket::SendThrough(IpAddress local) {
-    ip_mreqn route{};
-    route.imr_address.s_addr = htonl(local.Value());
+    const ip_mreqn route = Membership({}, local);
     return ::setsockopt(fd_.Get(), IPPROTO_IP, IP_MULTICAST_IF, &route, sizeof route) == 0;
 }
 
 bool UdpSocket::Join(IpAddress group, IpAddress local) {
-    ip_mreqn membership{};
-    membership.imr_multiaddr.s_addr = htonl(group.Value());
-    membership.imr_address.s_addr = htonl(local.Value());
+    const ip_mreqn member = Membership(group, local);
     return SetOption(IPPROTO_IP, IP_MULTICAST_ALL, 0) &&
-           ::setsockopt(fd_.Get(), IPPROTO_IP, IP_ADD_MEMBERSHIP, &membership, sizeof membership) == 0;
+           ::setsockopt(fd_.Get(), IPPROTO_IP, IP_ADD_MEMBERSHIP, &member, sizeof member) == 0;
+}
+
+bool UdpSocket::Leave(IpAddress group, IpAddress local) {
+    const ip_mreqn member = Membership(group, local);
+    return ::setsockopt(fd_.Get(), IPPROTO_IP, IP_DROP_MEMBERSHIP, &member, sizeof member) == 0;
 }
 
 int UdpSocket::GrowReceiveBuffer(int bytes) {

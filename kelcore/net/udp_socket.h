@@ -27,6 +27,8 @@ class UdpSocket {
     /// Receives what is sent to a group through the interface that has the address `local` (0.0.0.0: the one
     /// that the system's routes choose), and nothing of groups that only other sockets joined.
     bool Join(IpAddress group, IpAddress local);
+    /// Undoes Join.
+    bool Leave(IpAddress group, IpAddress local);
 
     /// Asks for receive buffers of `bytes`, beyond the system's limit when the process may; gives what was
     /// granted.
