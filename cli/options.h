@@ -100,6 +100,10 @@ struct WindowsOptions {
     bool utc = false;
 };
 
+struct MulticastOptions {
+    bool details = false;  ///< one row a device
+};
+
 struct CallOptions {
     KelString action;
     KelVector<KelString> arguments;  ///< "name=text" or "name:=JSON"
@@ -108,7 +112,7 @@ struct CallOptions {
 using CommandOptions =
     std::variant<InitOptions, StatusOptions, DevicesOptions, PublishOptions, PublicationsOptions, SendOptions,
                  CollectedOptions, RequestOptions, UploadOptions, FilesOptions, FileOptions, SettingsOptions,
-                 WindowsOptions, InboxOptions, CallOptions, WhyOptions>;
+                 WindowsOptions, InboxOptions, CallOptions, WhyOptions, MulticastOptions>;
 
 struct Options {
     CommonOptions common;
