@@ -7,9 +7,8 @@
 #include "kel/result.h"
 #include "kel/types.h"
 
-// The commands, in families: publish_commands.cpp, transfer_commands.cpp, store_commands.cpp,
-// device_commands.cpp, group_commands.cpp, steering_commands.cpp, init_command.cpp, why_command.cpp,
-// wake_command.cpp; and those of their steps that have tests of their own.
+// The commands, each family in a file of its own (publish_commands.cpp, store_commands.cpp, why_command.cpp
+// and so on), and those of their steps that have tests of their own.
 
 /// Runs one command: prints its results to stdout and what went wrong to stderr. An exit code of
 /// cli/options.h.
@@ -31,6 +30,7 @@ int RunCommand(const CommonOptions& common, const CallOptions& options);
 int RunCommand(const CommonOptions& common, const WhyOptions& options);
 int RunCommand(const CommonOptions& common, const GroupsOptions& options);
 int RunCommand(const CommonOptions& common, const WakeOptions& options);
+int RunCommand(const CommonOptions& common, const MulticastOptions& options);
 
 class Remote;
 
@@ -59,6 +59,10 @@ KelResult<KelContainer> WakeUpArguments(const KelContainer& devices, const KelSt
 /// The rows that `file` prints: the values of a file of the store, each as a container with Name and Value
 /// under "Values". Sizes, times and the status are in readable form.
 KelContainer FileValueList(const KelContainer& file);
+
+/// What `multicast` prints of one container of the file store's answer: Group, Device or Devices, State, and
+/// Retry with the number of the pass that a device waits for.
+KelContainer MulticastItem(const KelContainer& values);
 
 /// Puts "name=text" or "name:=JSON", an argument of `call`, into a container; a name that is given again gets
 /// another value. An error when the text is neither or the JSON is malformed.

@@ -126,6 +126,10 @@ constexpr auto kNames = std::to_array<Name>({
     {"Slots", "slots"},
     {"Unit", "unit"},
     {"UseUTCTime", "utc"},
+    // multicast
+    {"Group", "group"},
+    {"Devices", "devices"},
+    {"Retry", "retry"},
 });
 
 constexpr std::string_view kStatusPrefix = "_AGTMOD_FILESTORESTATUS_";

@@ -30,6 +30,7 @@ struct Parsed {
     WhyOptions why;
     GroupsOptions groups;
     WakeOptions wake;
+    MulticastOptions multicast;
     std::optional<CommandOptions> chosen;
 };
 
@@ -201,6 +202,10 @@ void DefineWindows(CLI::App& app, Parsed& parsed) {
         if (windows.slots.empty() && !windows.remove) throw CLI::RequiredError("--slots or --remove");
     });
     command->callback([&parsed] { parsed.chosen = parsed.windows; });
+
+    auto* multicast = app.add_subcommand("multicast", "Files that are being sent to many devices at once");
+    multicast->add_flag("--details", parsed.multicast.details, "Every device, with its state");
+    multicast->callback([&parsed] { parsed.chosen = parsed.multicast; });
 }
 
 void DefineCall(CLI::App& app, Parsed& parsed) {

@@ -112,6 +112,10 @@ struct WindowsOptions {
     bool utc = false;
 };
 
+struct MulticastOptions {
+    bool details = false;  ///< one row a device
+};
+
 struct CallOptions {
     KelString action;
     KelVector<KelString> arguments;  ///< "name=text" or "name:=JSON"
@@ -120,7 +124,8 @@ struct CallOptions {
 using CommandOptions =
     std::variant<InitOptions, StatusOptions, DevicesOptions, PublishOptions, PublicationsOptions, SendOptions,
                  CollectedOptions, RequestOptions, UploadOptions, FilesOptions, FileOptions, SettingsOptions,
-                 WindowsOptions, InboxOptions, CallOptions, WhyOptions, GroupsOptions, WakeOptions>;
+                 WindowsOptions, InboxOptions, CallOptions, WhyOptions, GroupsOptions, WakeOptions,
+                 MulticastOptions>;
 
 struct Options {
     CommonOptions common;

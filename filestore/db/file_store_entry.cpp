@@ -106,7 +106,7 @@ void FileStoreEntry::Read(RowReader& row) {
     SourceDevice = row.Text();
     FirstRelay = row.Text();
     FileInfo = row.Text();
-    MulticastTransferToBeStarted = row.Flag();
+    MulticastTransferToBeStarted = row.Unsigned32();
     MulticastAddress = row.Text();
     MulticastPort = row.Unsigned32();
     MulticastBlockSize = row.Unsigned32();

@@ -67,9 +67,9 @@ class FileStoreEntry {
     bool ExternalFile = false;   ///< the content lies outside the store, at FilePath
     bool Acknowledged = false;
     std::uint32_t Priority = 100;
-    std::int64_t CreateTime = 0;            ///< seconds since the epoch, as are the other times
-    std::int64_t LastStatusChangeTime = 0;  ///< 0: due at once
-    bool MulticastTransferToBeStarted = false;
+    std::int64_t CreateTime = 0;                     ///< seconds since the epoch, as are the other times
+    std::int64_t LastStatusChangeTime = 0;           ///< 0: due at once
+    std::uint32_t MulticastTransferToBeStarted = 0;  ///< MulticastState (multicast_table.h)
     KelString MulticastAddress;
     std::uint32_t MulticastPort = 0;
     std::uint32_t MulticastBlockSize = 1024;

@@ -76,24 +76,23 @@ constexpr char kSetMissing[] = "UPDATE Files SET FileStatus = '%s' WHERE FileId 
 constexpr char kSetReceivedByMulticast[] =
     "UPDATE Files SET FileSize = %lu, FileStatus = '%s', LastStatusChangeTime = 0, Acknowledged = 0, "
     "TransportMode "
-    "= '%s' WHERE FileId = %lu";
+    "= '%s' WHERE FileId = %lu AND FileStatus = '%s'";
 constexpr char kResetMulticastOfUrl[] =
-    "UPDATE Files SET FileSize = 0, FileStatus = '%s', LastStatusChangeTime = 0, Acknowledged = 0 WHERE "
-    "FileURL = "
-    "'%Q' AND FileStatus = '%s'";
+    "UPDATE Files SET FileSize = 0, FileStatus = '%s', LastStatusChangeTime = 0, Acknowledged = 0, "
+    "MulticastAddress = '', MulticastPort = 0 WHERE FileURL = '%Q' AND FileStatus = '%s'";
 constexpr char kResetMulticast[] =
-    "UPDATE Files SET FileSize = 0, FileStatus = '%s', LastStatusChangeTime = 0, Acknowledged = 0 WHERE "
-    "FileStatus "
-    "= '%s'";
-constexpr char kStartNoMulticast[] = "UPDATE Files SET MulticastTransferToBeStarted = 0";
+    "UPDATE Files SET FileSize = 0, FileStatus = '%s', LastStatusChangeTime = 0, Acknowledged = 0, "
+    "MulticastAddress = '', MulticastPort = 0 WHERE FileStatus = '%s'";
+constexpr char kBackToUnicast[] =
+    "UPDATE Files SET FileStatus = '%s', LastStatusChangeTime = 0, MulticastAddress = '', MulticastPort = 0, "
+    "TransportMode = '%s' WHERE FileId = %lu AND FileStatus = '%s'";
 constexpr char kForgetUnfinished[] =
     "UPDATE Files SET FileStatus = '%s', LastStatusChangeTime = 0 WHERE FileStatus = '%s'";
 constexpr char kMoveContentPaths[] =
     "UPDATE Files SET FilePath = '%Q' || substr(FilePath, length('%Q')+1, 256) WHERE FilePath LIKE '%Q%'";
 constexpr char kRecordRequestAnswer[] =
     "UPDATE Files SET FileStatus = '%Q', LastStatusChangeTime = %ld, FileURL = '%Q', KeepCopy = %u, "
-    "FileChecksum = "
-    "'%Q' WHERE FileId = %lu AND FileStatus = '%s'";
+    "FileChecksum = '%Q', MulticastAddress = '', MulticastPort = 0 WHERE FileId = %lu AND FileStatus = '%s'";
 
 constexpr char kSetReceivingAgain[] =
     "UPDATE Files SET FileStatus = '%s', TransportMode = '%s', FileSize = %ld, FileURL = '%Q', Repeated = %u "
@@ -262,8 +261,8 @@ bool SetMissing(std::uint64_t fileId) {
 }
 
 bool SetReceivedByMulticast(std::uint64_t fileId, std::uint64_t size) {
-    return ChangeDownstream(
-        KelFormat(kSetReceivedByMulticast, size, kStatusAvailable, kTransportMulticast, fileId));
+    return ChangeDownstream(KelFormat(kSetReceivedByMulticast, size, kStatusAvailable, kTransportMulticast,
+                                      fileId, kStatusMulticastListening));
 }
 
 bool ResetMulticastReception(const KelString& url) {
@@ -271,11 +270,13 @@ bool ResetMulticastReception(const KelString& url) {
         KelFormat(kResetMulticastOfUrl, kStatusToBeRequested, url, kStatusMulticastListening));
 }
 
-bool ResetAllMulticast() {
-    const KelLock lock(FileStoreGetDatabase(Side::Downstream).mutex);
-    const bool none = ChangeDownstream(kStartNoMulticast);
-    return ChangeDownstream(KelFormat(kResetMulticast, kStatusToBeRequested, kStatusMulticastListening)) &&
-           none;
+bool ResetAllMulticastReceptions() {
+    return ChangeDownstream(KelFormat(kResetMulticast, kStatusToBeRequested, kStatusMulticastListening));
+}
+
+bool DownloadByUnicast(std::uint64_t fileId) {
+    return ChangeDownstream(
+        KelFormat(kBackToUnicast, kStatusDownloading, kTransportUnicast, fileId, kStatusMulticastListening));
 }
 
 bool ForgetUnfinishedOffers() {

@@ -96,12 +96,14 @@ bool SetNotRelaysChild(const KelString& name, const KelString& checksum);
 bool SetLastRequestTime(std::uint64_t fileId, std::int64_t time);
 /// A package or script whose content is damaged or gone.
 bool SetMissing(std::uint64_t fileId);
-/// A multicast reception is complete at `size` bytes.
+/// A multicast reception is complete at `size` bytes. Leaves a row alone that does not wait for it.
 bool SetReceivedByMulticast(std::uint64_t fileId, std::uint64_t size);
-/// Files awaited by multicast under `url` are asked for again.
+/// Files awaited by multicast under `url` are asked for again, and fetched by unicast.
 bool ResetMulticastReception(const KelString& url);
-/// The same for all files, and no multicast transfer is to be started: after a restart of the agent.
-bool ResetAllMulticast();
+/// The same for all files: after a restart of the agent.
+bool ResetAllMulticastReceptions();
+/// A file that is awaited by multicast is downloaded at once instead.
+bool DownloadByUnicast(std::uint64_t fileId);
 /// Content that was being taken in when the agent stopped is missing.
 bool ForgetUnfinishedOffers();
 /// Replaces the beginning `previous` of the content paths by `location`.

@@ -22,8 +22,14 @@ constexpr char kDue[] =
     "IsDue = 1 AND LastStatusChangeTime NOT BETWEEN %ld AND %ld %S ORDER BY FilePriority DESC, ((0.33 * "
     "FileCreateTime) + (0.67 * LastNotifyTime)) ASC, Targets.FileId ASC LIMIT %u";
 constexpr char kOnThisDevice[] = "AND DeviceGUID = ''";
-constexpr char kOnOtherDevices[] = "AND DeviceGUID <> ''%s%S";
+constexpr char kOnOtherDevices[] = "AND DeviceGUID <> ''%S%S";
 constexpr char kPassesClosedWindow[] = " AND FileBypass = 1";
+constexpr char kNotInMulticast[] = " AND MulticastTransferToBeStarted = 0";
+constexpr char kPassesOrGoesByMulticast[] =
+    " AND (FileBypass = 1 OR (FileSize >= %u AND MulticastRetryNumber < %u AND FileStatus = '%s'))";
+constexpr char kToInvite[] =
+    "SELECT %s FROM Targets WHERE FileId = %lu AND CanBeAnnounced = 1 AND IsDue = 1 AND DeviceGUID <> ''";
+constexpr char kOldest[] = "SELECT min (TargetCreateTime) FROM Targets WHERE FileId = %lu";
 constexpr char kNotOn[] = " AND DeviceGUID NOT IN (%S)";
 constexpr char kOne[] =
     "SELECT %s, %s FROM Files JOIN Targets ON Files.FileId = Targets.FileId WHERE Files.FileId = %lu AND "
@@ -51,6 +57,8 @@ constexpr char kFailedOfDevice[] =
 constexpr char kAnyFailed[] = "SELECT TargetId FROM Targets WHERE %S LIMIT 1";
 constexpr char kMakeDue[] = "UPDATE Targets SET LastNotifyTime = 0, IsDue = 1 WHERE %S";
 constexpr char kSetNotifyTime[] = "UPDATE Targets SET LastNotifyTime = %ld, IsDue = %u WHERE TargetId = %lu";
+constexpr char kPostponeFile[] =
+    "UPDATE Targets SET LastNotifyTime = %ld, IsDue = 0 WHERE FileId = %lu AND LastNotifyTime < %ld";
 constexpr char kSetDevice[] = "UPDATE Targets SET DeviceGUID = '%Q', DevicePath = '%Q' WHERE TargetId = %lu";
 constexpr char kDeleteOfDevice[] = "DELETE FROM Targets WHERE FileId = %lu AND DeviceGUID LIKE '%/%Q%'";
 constexpr char kDeleteAll[] = "DELETE FROM Targets WHERE TargetId IN (%S)";
@@ -115,9 +123,19 @@ void FileStoreTarget::Read(RowReader& row) {
     WakeUpDevice = row.Unsigned32();
 }
 
+/// What the windows let pass to other devices.
+static KelString PassingCondition(const DueTargets& wanted) {
+    if (!wanted.multicast) return wanted.windowClosed ? kPassesClosedWindow : "";
+    KelString condition = kNotInMulticast;
+    if (wanted.windowClosed)
+        condition += KelFormat(kPassesOrGoesByMulticast, wanted.multicast->leastSize,
+                               wanted.multicast->retries, kStatusAvailable);
+    return condition;
+}
+
 KelVector<FileTarget> SelectDueTargets(const DueTargets& wanted) {
     const KelString others =
-        KelFormat(kOnOtherDevices, wanted.windowClosed ? kPassesClosedWindow : "",
+        KelFormat(kOnOtherDevices, PassingCondition(wanted),
                   wanted.except.empty() ? KelString() : KelFormat(kNotOn, QuotedList(wanted.except)));
     const KelString condition = wanted.where == DueTargets::Where::ThisDevice ? kOnThisDevice : others;
     return SelectWithFiles(KelFormat(kDue, FileStoreEntry::kColumns, FileStoreTarget::kColumns, wanted.due,
@@ -141,6 +159,18 @@ std::optional<KelVector<FileStoreTarget>> FindTargets(std::uint64_t fileId, cons
 
 std::optional<KelVector<FileStoreTarget>> FindTargets(std::uint64_t fileId) {
     return Select(KelFormat(kOfFile, FileStoreTarget::kColumns, fileId));
+}
+
+KelVector<FileStoreTarget> SelectMulticastTargets(std::uint64_t fileId) {
+    return Select(KelFormat(kToInvite, FileStoreTarget::kColumns, fileId))
+        .value_or(KelVector<FileStoreTarget>());
+}
+
+std::optional<std::int64_t> OldestTargetTime(std::uint64_t fileId) {
+    const auto result = Database().connection.Query(KelFormat(kOldest, fileId));
+    if (!result || result->GetRowCount() == 0 || result->GetString(0, std::size_t{0}).empty())
+        return std::nullopt;
+    return result->GetInt64(0, std::size_t{0});
 }
 
 bool HasTargets(std::uint64_t fileId) {
@@ -212,6 +242,10 @@ bool SetNotifyTime(std::uint64_t targetId, std::int64_t time) {
     return Change(KelFormat(kSetNotifyTime, time, IsDueAt(time), targetId));
 }
 
+bool PostponeTargets(std::uint64_t fileId, std::int64_t time) {
+    return Change(KelFormat(kPostponeFile, time, fileId, time));
+}
+
 bool SetTargetDevice(const FileStoreTarget& target) {
     return Change(KelFormat(kSetDevice, target.DeviceGUID, target.DevicePath, target.TargetId));
 }
@@ -233,21 +267,22 @@ void AnnouncementOutcome::Append(const AnnouncementOutcome& other) {
     putOff.Append(other.putOff);
 }
 
+bool WriteAnnouncements(const AnnouncementOutcome& outcome, const AnnouncementTimes& times) {
+    const auto setTime = [](const IdList& ids, std::int64_t time) {
+        return ids.IsEmpty() || Change(KelFormat(kSetNotifyTimes, time, ids.Text()));
+    };
+    return (outcome.delivered.IsEmpty() || Change(KelFormat(kDeleteAll, outcome.delivered.Text()))) &&
+           setTime(outcome.failed, times.now) &&
+           (outcome.failedDevices.empty() ||
+            Change(KelFormat(kPostponeDevices, times.now, QuotedList(outcome.failedDevices)))) &&
+           setTime(outcome.announced, times.announced) && setTime(outcome.putOff, times.putOff);
+}
+
 bool RecordAnnouncements(const AnnouncementOutcome& outcome, const AnnouncementTimes& times) {
     const FileStoreDatabase database = Database();
     const KelLock lock(database.mutex);
     DBTransaction transaction(database.connection);
-    const auto setTime = [](const IdList& ids, std::int64_t time) {
-        return ids.IsEmpty() || Change(KelFormat(kSetNotifyTimes, time, ids.Text()));
-    };
-    const bool recorded =
-        transaction.IsOpen() &&
-        (outcome.delivered.IsEmpty() || Change(KelFormat(kDeleteAll, outcome.delivered.Text()))) &&
-        setTime(outcome.failed, times.now) &&
-        (outcome.failedDevices.empty() ||
-         Change(KelFormat(kPostponeDevices, times.now, QuotedList(outcome.failedDevices)))) &&
-        setTime(outcome.announced, times.announced) && setTime(outcome.putOff, times.putOff);
-    return recorded && transaction.Commit();
+    return transaction.IsOpen() && WriteAnnouncements(outcome, times) && transaction.Commit();
 }
 
 }  // namespace filestore

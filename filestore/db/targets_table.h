@@ -43,6 +43,12 @@ struct FileTarget {
 /// back: these targets are due too. Before a selection. False when that failed.
 bool MarkDueTargets(std::int64_t due, std::int64_t latest);
 
+/// Which files go out by multicast: those of this size, with fewer transfers tried.
+struct MulticastLimits {
+    std::uint32_t leastSize = 0;
+    std::uint32_t retries = 0;
+};
+
 /// Which of the marked targets are selected; `due` leaves out those whose file was touched later.
 struct DueTargets {
     enum class Where : unsigned char { ThisDevice, OtherDevices };
@@ -52,6 +58,9 @@ struct DueTargets {
     bool windowClosed = false;    ///< of other devices only those of bypass files
     KelVector<KelString> except;  ///< path names of devices that are left out
     unsigned int limit = 0;
+    /// While multicast is in use: targets of a file that is being sent to a group are left out, and those
+    /// that may be sent to one are selected whatever the window says.
+    std::optional<MulticastLimits> multicast{};
 };
 /// The most urgent due targets.
 KelVector<FileTarget> SelectDueTargets(const DueTargets& wanted);
@@ -62,6 +71,12 @@ KelVector<FileTarget> SelectTarget(std::uint64_t fileId, std::uint64_t targetId)
 /// The targets of a file that is wanted by `device` (a device URL, with which its path name begins), or by
 /// this device when that is empty. Nothing when the statement failed.
 std::optional<KelVector<FileStoreTarget>> FindTargets(std::uint64_t fileId, const KelString& device);
+
+/// The targets of an available file on other devices that are due: what a transfer to a group would serve.
+KelVector<FileStoreTarget> SelectMulticastTargets(std::uint64_t fileId);
+
+/// When the oldest target of a file was recorded. Nothing when it has none or the statement failed.
+std::optional<std::int64_t> OldestTargetTime(std::uint64_t fileId);
 
 /// All targets of a file. Nothing when the statement failed.
 std::optional<KelVector<FileStoreTarget>> FindTargets(std::uint64_t fileId);
@@ -95,6 +110,8 @@ bool SaveFileWithTargets(FileStoreEntry& file, const KelVector<FileStoreTarget>&
 bool MakeTargetsDue(const KelString& deviceUrl, std::int64_t now);
 
 bool SetNotifyTime(std::uint64_t targetId, std::int64_t time);
+/// All targets of a file that would be due earlier are due when `time` is.
+bool PostponeTargets(std::uint64_t fileId, std::int64_t time);
 bool SetTargetDevice(const FileStoreTarget& target);
 
 /// Removes the target of a file whose device has the GUID `guid`, which holds letters, digits and hyphens
@@ -121,5 +138,7 @@ struct AnnouncementTimes {
 };
 /// Records it in one transaction.
 bool RecordAnnouncements(const AnnouncementOutcome& outcome, const AnnouncementTimes& times);
+/// The same in the transaction of the caller, who holds mutexDownstream.
+bool WriteAnnouncements(const AnnouncementOutcome& outcome, const AnnouncementTimes& times);
 
 }  // namespace filestore

@@ -8,6 +8,7 @@
 #include "filestore/down/damaged_copy.h"
 #include "filestore/down/download_outcome.h"
 #include "filestore/down/download_space.h"
+#include "filestore/down/multicast_calls.h"
 #include "filestore/down/pull_thread.h"
 #include "filestore/down/receive_offer.h"
 #include "filestore/down/resume_download.h"
@@ -21,8 +22,8 @@
 #include "kel/file.h"
 #include "kel/format.h"
 #include "kel/path.h"
-#include "kelcore/action_db.h"
-#include "kelcore/file_values.h"
+#include "kelcore/error_codes.h"
+#include "kelcore/error_text.h"
 
 using namespace filestore;
 
@@ -86,21 +87,20 @@ void NoteTransfer(const FileStoreEntry& file, WaitingReason reason) {
 }
 
 /// Hands the file over to the HTTP module, which receives the datagrams, writes the content to LocalPath and
-/// reports the end to multicast_reception.h. True when that is recorded.
+/// reports the end to multicast_reception.h, perhaps at once: the row is ready for that before. A file that
+/// the module does not take is downloaded instead. True when that is recorded.
 bool ListenToMulticast(const FileStoreEntry& file) {
     FileStore::debugFileStore.Print("PullThread: Multicast transfer on address : %S and port : %lu.\n",
                                     file.MulticastAddress, file.MulticastPort);
-    KelContainer call;
-    call.SetString("MulticastAddress", file.MulticastAddress);
-    call.SetInt32("MulticastPort", static_cast<std::int32_t>(file.MulticastPort));
-    call.SetInt32("MulticastBlockSize", static_cast<std::int32_t>(file.MulticastBlockSize));
-    call.SetInt64(kValueFileSize, file.FileSize);
-    call.SetString(kValueFileUrl, file.FileURL);
-    call.SetString("LocalPath", file.FilePath);
-    call.SetString(kValueFileChecksum, file.FileChecksum);
-    CallLocal("HttpProtocolMulticastStartListen", call);
-    return UpdateFileStatus(Side::Downstream, file.FileId, kStatusDownloading, kStatusMulticastListening,
-                            NextTry::AtOnce);
+    if (!UpdateFileStatus(Side::Downstream, file.FileId, kStatusDownloading, kStatusMulticastListening,
+                          NextTry::AtOnce))
+        return false;
+    const unsigned int error = ListenHere(file);
+    if (error == kKelOk) return true;
+    FileStore::debugFileStore.Warning(
+        "PullThread: %S cannot be received by multicast (%S) and is downloaded instead\n", file.Key().Text(),
+        KelErrorText(error));
+    return DownloadByUnicast(file.FileId);
 }
 
 void LogBeginning(const FileStoreEntry& file, std::uint64_t offset) {

@@ -1,16 +1,14 @@
 #include "filestore/down/explain.h"
 
 #include <algorithm>
-#include <atomic>
 #include <chrono>
 #include <optional>
-#include <system_error>
-#include <thread>
 #include <utility>
 
 #include "filestore/db/targets_table.h"
 #include "filestore/down/announcement.h"
 #include "filestore/exchange/reason_of_file.h"
+#include "filestore/exchange/side_by_side.h"
 #include "filestore/state/device.h"
 #include "filestore/state/file_store.h"
 #include "kel/text.h"
@@ -102,22 +100,7 @@ class Inquiry {
 void Inquiry::Run(KelVector<Question>& questions) {
     const std::size_t asked = std::min(questions.size(), devices_);
     if (asked > 0) share_ = static_cast<std::int32_t>((devices_ - asked) / asked);
-    std::atomic<std::size_t> next = 0;
-    const auto work = [&] {
-        for (std::size_t i = next++; i < asked; i = next++)
-            Ask(questions[i]);
-    };
-    KelVector<std::thread> threads;
-    try {
-        for (std::size_t i = 1; i < std::min(asked, kMostAtOnce); ++i)
-            threads.emplace_back(work);
-    } catch (const std::system_error&) {  // fewer at once then
-        FileStore::debugFileStore.Detail("Only %lu devices are asked at once: no more threads\n",
-                                         threads.size() + 1);
-    }
-    work();
-    for (std::thread& thread : threads)
-        thread.join();
+    RunSideBySide(asked, kMostAtOnce, [&](std::size_t i) { Ask(questions[i]); });
     for (std::size_t i = asked; i < questions.size(); ++i)
         questions[i].AnswerAll(NotAsked(questions[i].device, "there are too many; ask for one device"),
                                ownUrl_);

@@ -1,7 +1,9 @@
 #include "filestore/db/files_table.h"
 #include "filestore/db/multicast_table.h"
 #include "filestore/state/file_store.h"
+#include "filestore/state/parent.h"
 #include "kel/text.h"
+#include "kelcore/call_origin.h"
 #include "kelcore/error_codes.h"
 #include "kelcore/file_values.h"
 
@@ -46,9 +48,15 @@ unsigned int FileStore::ActionHandler_FileStoreGetMulticastDetails(KelContainer*
     return kKelOk;
 }
 
-/// For the sender of a transfer that this device has not received completely: the files that it awaits under
-/// the URL are requested again.
+/// For the sender of a transfer that this device has not received completely, and for the HTTP module when a
+/// group has fallen silent: the files that this device awaits under the URL are requested again.
 unsigned int FileStore::ActionHandler_FileStoreResetMulticastStatus(KelContainer* arguments) {
+    if (!ActionIsFromThisDevice(*arguments) && !MaySendDown(ActionRequestAddress(*arguments))) {
+        debugFileStore.Warning("%S may not end a multicast reception of this device\n",
+                               ActionRequestAddress(*arguments));
+        return kKelOk;
+    }
     ResetMulticastReception(arguments->GetString(kValueFileUrl));
+    WakeWorker(Worker::Push);  // which makes the request
     return kKelOk;
 }

@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <ctime>
+#include <optional>
 #include <utility>
 
 #include "filestore/db/file_status.h"
@@ -29,11 +30,9 @@ constexpr std::chrono::milliseconds kPatience{100};
 constexpr std::int64_t kPutOffSeconds = 5;
 
 /// One at a time while multicast shares a limited link: the multicast window, not the downward one, throttles
-/// the announcements.
+/// a batch that is asked for by itself.
 unsigned int BatchSize() {
-    int frameSize = 0;
-    FileStoreBandwidthManager& multicast = FileStore::bmTrackUsageMulticast;
-    return multicast.BandwidthIsLimited() && multicast.GetRate(frameSize) != 0 ? 1 : kBatchSize;
+    return MulticastPlanner::IsWindowOpen() ? 1 : kBatchSize;
 }
 
 DueTargets DueNow(DueTargets::Where where, unsigned int limit) {
@@ -138,7 +137,9 @@ bool FileStoreNotifyThread::DoWork() {
 
 bool FileStoreNotifyThread::NotifyTargets() {
     FileStore::debugFileStore.Trace("NotifyThread: Looking for files to send\n");
-    return NotifyUnicastTargets(0, 0) != 0;
+    if (!MulticastPlanner::IsWindowOpen()) return NotifyUnicastTargets(0, 0) != 0;
+    FileStore::debugFileStore.Trace("NotifyThread: Multicast window defined.\n");
+    return NotifyBesideMulticast();
 }
 
 void FileStoreNotifyThread::ThreadMain() {
@@ -171,12 +172,19 @@ bool FileStoreNotifyThread::NotifySingle(unsigned int fileId, unsigned int targe
     return Record(outcome);
 }
 
-/// Targets on this device come first and never wait for a call to another one.
-bool FileStoreNotifyThread::NotifyBatch() {
+/// Records what the calls have come to since the last batch, and marks the targets that are due. False when
+/// nothing can be recorded.
+bool FileStoreNotifyThread::PrepareBatch() {
     if (!Record(calls_.Collect())) return false;
     // When the database takes no changes, those marked before are still announced.
     MarkDueTargets(FileStoreDueBefore(FileStore::ulTimeout),
                    LatestPossibleTime(TimeOfAnnounced(std::time(nullptr))));
+    return true;
+}
+
+/// Targets on this device come first and never wait for a call to another one.
+bool FileStoreNotifyThread::NotifyBatch() {
+    if (!PrepareBatch()) return false;
     const unsigned int limit = BatchSize();
     KelVector<FileTarget> local = SelectDueTargets(DueNow(DueTargets::Where::ThisDevice, limit));
     if (!local.empty() && !NotifyThisDevice(local)) return false;
@@ -192,6 +200,67 @@ bool FileStoreNotifyThread::NotifyBatch() {
     if (local.empty() && remote.empty())
         FileStore::debugFileStore.Detail("NotifyThread: Nothing found to notify\n");
     return remote.empty() ? !local.empty() : NotifyOtherDevices(std::move(remote));
+}
+
+/// The most urgent due targets, by what is to become of them.
+struct FileStoreNotifyThread::Division {
+    bool isEmpty = true;
+    bool hasFailed = false;  ///< the database takes no changes
+    KelVector<FileTarget> unicast;
+    std::optional<FileStoreEntry> multicast;  ///< the first file that can be sent to a group
+};
+
+FileStoreNotifyThread::Division FileStoreNotifyThread::DivideDueTargets() {
+    DueTargets wanted = DueNow(DueTargets::Where::OtherDevices, kBatchSize);
+    wanted.except = calls_.BusyDevices();
+    wanted.multicast = {FileStore::ulMulticastMinimumFileSize, FileStore::ulMulticastRetry};
+    Division parts;
+    KelHash<std::uint64_t, MulticastPlanner::Way> ways;
+    for (FileTarget& row : SelectDueTargets(wanted)) {
+        parts.isEmpty = false;
+        // Further files that are to be sent to a group are looked at when this one is on its way.
+        const auto [way, isNew] = ways.try_emplace(row.file.FileId, MulticastPlanner::Way::Postponed);
+        if (isNew && (!parts.multicast || !MulticastPlanner::IsLarge(row.file)))
+            way->second = planner_.Choose(row);
+        if (way->second == MulticastPlanner::Way::Failed) parts.hasFailed = true;
+        if (way->second == MulticastPlanner::Way::Multicast) parts.multicast = row.file;
+        if (way->second == MulticastPlanner::Way::Unicast) parts.unicast.push_back(std::move(row));
+    }
+    return parts;
+}
+
+/// Files that are postponed only make way for the next ones, so the selection is repeated after them.
+bool FileStoreNotifyThread::NotifyBesideMulticast() {
+    if (!PrepareBatch()) return false;
+    KelVector<FileTarget> local = SelectDueTargets(DueNow(DueTargets::Where::ThisDevice, kBatchSize));
+    if (!local.empty() && !NotifyThisDevice(local)) return false;
+    while (!CheckCancelled(false)) {
+        if (calls_.IsFull()) {
+            calls_.Wait(kPatience);
+            return Record(calls_.Collect());
+        }
+        Division parts = DivideDueTargets();
+        const bool hasUnicast = !parts.unicast.empty();
+        // Before the transfer is planned, which takes longer.
+        if (hasUnicast && !NotifyOtherDevices(std::move(parts.unicast))) parts.hasFailed = true;
+        const auto planned =
+            parts.multicast ? PlanTransfer(*parts.multicast) : MulticastPlanner::Way::Postponed;
+        if (planned == MulticastPlanner::Way::Multicast) return true;
+        if (parts.hasFailed || planned == MulticastPlanner::Way::Failed) return false;
+        if (hasUnicast) return true;
+        if (parts.isEmpty) break;
+        LookAgainIn(MulticastPlanner::kPostponed);
+    }
+    return !local.empty();
+}
+
+MulticastPlanner::Way FileStoreNotifyThread::PlanTransfer(const FileStoreEntry& file) {
+    const MulticastPlanner::Way way = planner_.Prepare(file);
+    if (way == MulticastPlanner::Way::Multicast) {
+        Sleep(MulticastPlanner::waitMilliseconds);
+        FileStore::WakeWorker(Worker::Multicast);
+    }
+    return way;
 }
 
 /// False when nothing was recorded, in this and the next.

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "filestore/down/announcement_calls.h"
+#include "filestore/down/multicast_planner.h"
 #include "filestore/state/worker_loop.h"
 
 /// Announces available files to their targets: to the devices below by calling them, to the modules of this
@@ -10,11 +11,14 @@
 /// A batch holds up to 50 targets; different devices are called side by side (announcement_calls.h). The one
 /// place that decides their order is the ORDER BY of SelectDueTargets
 /// in db/targets_table.cpp: priority first, then the weighted age of the file and of the last announcement.
+///
+/// While the multicast window is open, the planner decides about each file in this order: large ones go to
+/// the multicast thread, the others are announced in batches as usual.
 class FileStoreNotifyThread : public FileThreadBase {
   public:
     FileStoreNotifyThread();
 
-    /// One step: true when it announced anything.
+    /// One step: true when it announced or planned anything.
     bool NotifyTargets();
 
     /// Notifies the due targets that come first (both arguments 0), or one target of one file, whatever its
@@ -28,10 +32,17 @@ class FileStoreNotifyThread : public FileThreadBase {
     bool DoWork() override;
 
   private:
+    struct Division;
+
     bool NotifySingle(unsigned int fileId, unsigned int targetId);
     bool NotifyBatch();
+    bool NotifyBesideMulticast();
+    bool PrepareBatch();
+    Division DivideDueTargets();
+    filestore::MulticastPlanner::Way PlanTransfer(const FileStoreEntry& file);
     bool NotifyThisDevice(KelVector<filestore::FileTarget>& rows);
     bool NotifyOtherDevices(KelVector<filestore::FileTarget> rows);
 
     filestore::AnnouncementCalls calls_;
+    filestore::MulticastPlanner planner_{*this};
 };

@@ -1,6 +1,7 @@
 #include "filestore/db/file_status.h"
 #include "filestore/db/files_table.h"
 #include "filestore/db/targets_table.h"
+#include "filestore/down/multicast_calls.h"
 #include "filestore/down/receive_offer.h"
 #include "filestore/down/target_list.h"
 #include "filestore/state/file_store.h"
@@ -39,9 +40,9 @@ Announcement ReadAnnouncement(const KelContainer& arguments, const Offer& offer)
     read.file.FileSize = arguments.GetInt64(kValueFileSize);
     read.file.SourceDevice = arguments.GetString(kValueSourceDevice);
     read.file.FileInfo = FileInfoXml(arguments);
-    read.multicast = {arguments.GetString("MulticastAddress"),
-                      static_cast<unsigned int>(arguments.GetInt32("MulticastPort")),
-                      static_cast<unsigned int>(arguments.GetInt32("MulticastBlockSize"))};
+    read.multicast = {arguments.GetString(kValueMulticastAddress),
+                      static_cast<unsigned int>(arguments.GetInt32(kValueMulticastPort)),
+                      static_cast<unsigned int>(arguments.GetInt32(kValueMulticastBlockSize))};
     read.transportMode = arguments.GetString(kValueTransportMode);
     read.wakeOnLan = offer.wakeOnLan;
     read.devicePath = arguments.GetContainer(kValueDevicePath);
@@ -57,7 +58,7 @@ void SetTransport(FileStoreEntry& known, const Announcement& announced) {
     // What has arrived by unicast has no gaps, as often as the file is announced meanwhile.
     const bool isUnicastUnderWay = known.FileStatus == kStatusDownloading &&
                                    known.TransportMode == kTransportUnicast && known.TransferredBytes != 0;
-    known.MulticastTransferToBeStarted = false;
+    known.MulticastTransferToBeStarted = 0;
     known.MulticastAddress = announced.multicast.address;
     known.MulticastPort = announced.multicast.port;
     known.MulticastBlockSize = announced.multicast.blockSize;
@@ -81,6 +82,8 @@ bool IsHere(const FileStoreEntry& known) {
 /// Has the known file downloaded as the new announcement says.
 void SetToBeDownloaded(FileStoreEntry& known, const Announcement& announced) {
     known.FileURL = announced.file.FileURL;
+    // It is not known of a requested file.
+    if (announced.file.FileSize > 0) known.FileSize = announced.file.FileSize;
     if (known.FileChecksum.empty()) {  // it was requested without one
         known.FileChecksum = announced.file.FileChecksum;
         known.FilePath = FileStore::StorePath(Side::Downstream, known.Key());

@@ -53,7 +53,7 @@ void SetAvailable(FileStoreEntry& entry, const FileStoreEntry& offered) {
     entry.Priority = offered.Priority;
     entry.Acknowledged = true;
     entry.FileInfo = offered.FileInfo;
-    entry.MulticastTransferToBeStarted = false;
+    entry.MulticastTransferToBeStarted = 0;
     entry.TransportMode = kTransportLocal;
     entry.FileStatus = kStatusAvailable;
 }

@@ -112,6 +112,8 @@ Circumstances Circumstances::Now() {
     ReadParent(at.parent);
     at.toParent = FileStore::bmTrackUsageUp.GetClosedSpan(at.now);
     at.toChildren = FileStore::bmTrackUsageDown.GetClosedSpan(at.now);
+    at.isMulticastOpen = FileStore::bmTrackUsageMulticast.BandwidthIsLimited() &&
+                         !FileStore::bmTrackUsageMulticast.TransfersAreDisabled();
     return at;
 }
 
@@ -131,6 +133,14 @@ std::optional<WaitingReason> ReasonOfFile(const FileStoreEntry& file, Side side,
     return reason;
 }
 
+/// What keeps the file of a target from being sent to a group, while files are sent to groups.
+static std::optional<WaitingReason> MulticastReason(const FileStoreEntry& file, const FileStoreTarget& target,
+                                                    const Circumstances& at) {
+    if (!at.isMulticastOpen || target.DeviceGUID.empty()) return std::nullopt;
+    if (file.MulticastTransferToBeStarted != 0) return WaitingReason{.code = Waiting::MulticastUnderWay};
+    return Reasons().Find(Side::Downstream, file.FileId, WaitingStep::Announce, file.CreateTime);
+}
+
 WaitingReason ReasonOfTarget(const FileStoreEntry& file, const FileStoreTarget& target,
                              const Circumstances& at) {
     const std::int64_t timeout = FileStore::ulTimeout;
@@ -142,6 +152,11 @@ WaitingReason ReasonOfTarget(const FileStoreEntry& file, const FileStoreTarget& 
         reason.since = std::max(target.LastNotifyTime - kTimeouts * timeout, target.TargetCreateTime);
         reason.nextTry = target.LastNotifyTime + timeout;
         return reason;
+    }
+    if (auto multicast = MulticastReason(file, target, at)) {
+        multicast->since = std::max(multicast->since, target.TargetCreateTime);
+        multicast->nextTry = NextTryOf(target.LastNotifyTime, timeout, at.now);
+        return *multicast;
     }
     if (at.toChildren && !file.Bypass && !target.DeviceGUID.empty())
         return WindowReason(*at.toChildren, target.TargetCreateTime);

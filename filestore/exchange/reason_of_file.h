@@ -20,6 +20,7 @@ struct Circumstances {
     Parent parent;
     std::optional<FileStoreBandwidthManager::ClosedSpan> toParent;    ///< the window, while it is closed
     std::optional<FileStoreBandwidthManager::ClosedSpan> toChildren;  ///< the same
+    bool isMulticastOpen = false;                                     ///< its window
 };
 
 /// Why the file is not here yet or does not move on; nothing when this device has done with it, but for

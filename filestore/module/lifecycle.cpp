@@ -1,4 +1,5 @@
 #include "filestore/db/files_table.h"
+#include "filestore/db/multicast_table.h"
 #include "filestore/down/multicast_thread.h"
 #include "filestore/module/action_gate.h"
 #include "filestore/module/http_aliases.h"
@@ -54,13 +55,23 @@ void DetermineRole() {
     if (FileStore::fRelayEnabled) FileStore::eKeepCopyMask = kRoleRelay;
 }
 
+/// A restart has ended every multicast transfer: files that waited for one are requested again, and devices
+/// that listened for one are told again, before the multicast thread looks for work.
+void RepairMulticast() {
+    {
+        const KelLock lock(FileStore::mutexMulticastVector);
+        FileStore::vecMulticastAddressInUse.clear();
+    }
+    const KelLock lock(FileStore::mutexDownstream);
+    ResetAllMulticast();
+    ResetAllMulticastReceptions();
+}
+
 /// False, logged, when one cannot be started.
 bool StartWorkers() {
     FileStore::threadCallback.LoadSqlList();
     for (FileThreadBase* worker : FileStore::Workers()) {
-        // A restart has ended every multicast transfer: files that waited for one are asked for again, before
-        // the multicast thread looks for work.
-        if (worker == &FileStore::threadMulticast) ResetAllMulticast();
+        if (worker == &FileStore::threadMulticast) RepairMulticast();
         if (worker->Start()) continue;
         FileStore::debugFileStore.Error(
             "A worker thread could not be started: raise the limits on processes and memory and start the "

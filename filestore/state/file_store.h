@@ -101,6 +101,14 @@ class FileStore {
     static void UpdateHttpPort();
     static void UpdateScriptAndPackageStatus(unsigned long fileId);
 
+    // ---- group addresses (down/multicast_planner.cpp)
+    /// Reserves the first free address of the range, as text, in `inUse`; empty when there is none, and while
+    /// any is in use: one transfer runs at a time.
+    static KelString GetFreeMulticastAddress(const IpRange& range, KelVector<KelString>& inUse)
+        KEL_REQUIRES(mutexMulticastVector);
+    static void DropFreeMulticastAddress(const KelString& address, KelVector<KelString>& inUse)
+        KEL_REQUIRES(mutexMulticastVector);
+
     // ---- receivers of offers, by direction and origin (module/receive_file_action.cpp); result 0, 1
     // (unusable input) or 44005. `checksum` receives the computed one when it is empty and the content is
     // local.
@@ -189,9 +197,9 @@ class FileStore {
     static KelMutex mutexUpstream;
     static KelMutex mutexDownstream;
     static KelMutex mutexCallback;
-    static KelMutex mutexGUID;  ///< never held while other modules or the name server are asked
-    static KelMutex mutexMulticastVector;
-    static KelMutex mutexSettings;  ///< the texts and ranges among the settings; writing the ini file
+    static KelMutex mutexGUID;             ///< never held while other modules or the name server are asked
+    static KelMutex mutexMulticastVector;  ///< a leaf: nothing is called under it
+    static KelMutex mutexSettings;         ///< the texts and ranges among the settings; writing the ini file
 
     static DBConnectionPool dbConnectionPoolUpstream;
     static DBConnectionPool dbConnectionPoolDownstream;

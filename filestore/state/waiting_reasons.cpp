@@ -38,6 +38,10 @@ constexpr std::array kNames = {"not_tried",
                                "to_be_packed",
                                "consumer_later",
                                "last_try_failed",
+                               "gathering_targets",
+                               "awaiting_group",
+                               "awaiting_requests",
+                               "multicast_under_way",
                                "unknown_there",
                                "not_asked",
                                "arrived"};
@@ -113,6 +117,14 @@ KelString WaitingReason::Text() const {
             return KelFormat("%S wants it later", detail);
         case Waiting::LastTryFailed:
             return "the last try failed; why is not known since the agent was started";
+        case Waiting::GatheringTargets:
+            return "more targets are waited for before it is sent by multicast";
+        case Waiting::AwaitingGroup:
+            return "another file is being sent by multicast";
+        case Waiting::AwaitingRequests:
+            return KelFormat("too few devices to send it by multicast: %S", detail);
+        case Waiting::MulticastUnderWay:
+            return "a multicast transfer of it is in progress, which began before this target was named";
         case Waiting::UnknownThere:
             return KelFormat("%S does not know the file", peer);
         case Waiting::NotAsked:

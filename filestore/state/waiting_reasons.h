@@ -34,6 +34,11 @@ enum class Waiting : unsigned char {
     ToBePacked,
     ConsumerLater,  ///< detail: the consumer
     LastTryFailed,  ///< before the agent was started; why is no longer known
+    // Of a target whose file is to be sent to a group:
+    GatheringTargets,   ///< more targets may join
+    AwaitingGroup,      ///< another transfer is in progress
+    AwaitingRequests,   ///< detail: how many devices take it, and how many are needed
+    MulticastUnderWay,  ///< the target came too late for the transfer of its file that is in progress
     // Of a target below, as its parent sees it:
     UnknownThere,  ///< peer does not know the file
     NotAsked,      ///< detail

@@ -1,5 +1,8 @@
 #include "filestore/state/worker_loop.h"
 
+#include <algorithm>
+#include <utility>
+
 #include "filestore/state/file_store.h"
 #include "kel/ini_file.h"
 
@@ -13,14 +16,17 @@ void FileThreadBase::WakeUp(unsigned long value) {
     if (IsThreadRunning() && !CheckCancelled(false)) Signal(value);
 }
 
-std::optional<std::uint64_t> FileThreadBase::NextWait() const {
+std::optional<std::uint64_t> FileThreadBase::NextWait() {
     IniFile ini;
     ini.Open(FileStore::strModuleIniFile);
-    const auto seconds = static_cast<std::uint64_t>(ReadIniNumber(ini, wait_));
+    auto seconds = static_cast<std::uint64_t>(ReadIniNumber(ini, wait_));
     if (seconds == 0) {
         FileStore::debugFileStore.Error("Thread stopped due to SleepTime value equal to 0.\n");
         return std::nullopt;
     }
+    const auto longest = std::exchange(longestWait_, std::nullopt);
+    // A second more, because times in rows are whole seconds.
+    if (longest) seconds = std::min(seconds, static_cast<std::uint64_t>(longest->count()) + 1);
     return seconds * 1000;
 }
 

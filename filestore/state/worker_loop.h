@@ -1,5 +1,9 @@
 #pragma once
 
+#include <chrono>
+#include <cstdint>
+#include <optional>
+
 #include "kel/periodic_thread.h"
 #include "kel/types.h"
 #include "kelcore/ini_settings.h"
@@ -22,8 +26,12 @@ class FileThreadBase : public KelPeriodicThread {
     /// One unit of work, on this thread. True when something was done.
     virtual bool DoWork() = 0;
 
+    /// The next wait is no longer than this: something that was put off is due then. On this thread.
+    void LookAgainIn(std::chrono::seconds most) { longestWait_ = most; }
+
   private:
-    std::optional<std::uint64_t> NextWait() const;
+    std::optional<std::uint64_t> NextWait();
 
     const IniSetting wait_;
+    std::optional<std::chrono::seconds> longestWait_;  ///< of the next wait only
 };

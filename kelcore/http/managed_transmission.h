@@ -29,6 +29,9 @@ class HttpManagedTransmission {
     /// The peer that relative rates are measured to; needed before Start only for those.
     void SetPeer(IpAddress peer) { peer_ = peer; }
 
+    /// Passes no more than `bytes` at once, also after a stall. Before Start.
+    void LimitBursts(std::uint64_t bytes) { pacer_.LimitBursts(bytes); }
+
     /// True when the rate in force is relative and no peer was set.
     bool NeedsPeer() const;
 

@@ -28,7 +28,7 @@ void HttpRatePacer::SetRate(std::uint64_t bitsPerSecond, Clock::time_point now) 
 }
 
 void HttpRatePacer::Add(std::uint64_t bytes, Clock::time_point now) {
-    Settle(now);
+    Settle(bytes, now);
     bytes_ += bytes;
 }
 
@@ -36,10 +36,16 @@ HttpRatePacer::Clock::duration HttpRatePacer::Remaining(Clock::time_point now) c
     return std::max(since_ + TimeFor(bytes_, rate_) - now, Clock::duration::zero());
 }
 
-void HttpRatePacer::Settle(Clock::time_point now) {
+HttpRatePacer::Clock::duration HttpRatePacer::MaxCredit(std::uint64_t next) const {
+    if (burst_ == 0) return kMaxCredit;
+    return std::min(kMaxCredit, TimeFor(burst_ - std::min(next, burst_), rate_));
+}
+
+/// Before `next` bytes are added.
+void HttpRatePacer::Settle(std::uint64_t next, Clock::time_point now) {
     if (rate_ == 0) return;
     const Clock::time_point paidUntil = since_ + TimeFor(bytes_, rate_);
     if (paidUntil > now) return;
-    since_ = std::max(paidUntil, now - kMaxCredit);
+    since_ = std::max(paidUntil, now - MaxCredit(next));
     bytes_ = 0;
 }

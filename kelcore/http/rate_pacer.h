@@ -7,11 +7,15 @@
 /// always an argument. One thread at a time.
 ///
 /// Bytes that were passed are a debt, which is paid by the time that goes by. A stall earns a credit of at
-/// most kMaxCredit, which limits the burst after it.
+/// most kMaxCredit, which limits the burst after it; LimitBursts sets a limit in bytes.
 class HttpRatePacer {
   public:
     using Clock = std::chrono::steady_clock;
     static constexpr Clock::duration kMaxCredit = std::chrono::seconds(1);
+
+    /// No more than `bytes` are passed at once: credit is earned only as far as it leaves room for what is
+    /// passed with it.
+    void LimitBursts(std::uint64_t bytes) { burst_ = bytes; }
 
     /// Forgets debt and credit.
     void Restart(Clock::time_point now);
@@ -31,9 +35,11 @@ class HttpRatePacer {
     static Clock::duration TimeFor(std::uint64_t bytes, std::uint64_t bitsPerSecond);
 
   private:
-    void Settle(Clock::time_point now);
+    void Settle(std::uint64_t next, Clock::time_point now);
+    Clock::duration MaxCredit(std::uint64_t next) const;
 
     std::uint64_t rate_ = 0;
+    std::uint64_t burst_ = 0;  ///< 0: kMaxCredit alone
     std::uint64_t bytes_ = 0;  ///< passed since since_
     Clock::time_point since_;  ///< all that was passed before is paid
 };

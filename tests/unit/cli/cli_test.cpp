@@ -249,4 +249,17 @@ TEST(JsonNamesTest, NamesAndStatusesAreThoseOfTheCommandLine) {
     }
 }
 
+TEST(MulticastItemTest, StatesHaveNamesOfTheirOwn) {
+    for (const auto& [status, printed] : std::initializer_list<std::pair<const char*, const char*>>{
+             {"MulticastInProgress", R"({"group":"g","state":"in_progress","devices":3})"},
+             {"Retry 2", R"({"group":"g","state":"retry","retry":2,"devices":3})"},
+             {"Retry 0", R"({"group":"g","state":"retry","devices":3})"}}) {
+        KelContainer values;
+        values.SetString("MulticastAddress", "g");
+        values.SetString("Status", status);
+        values.SetInt32("CountStatus", 3);
+        EXPECT_EQ(ContainerToJson(ForJson(MulticastItem(values))), printed);
+    }
+}
+
 }  // namespace

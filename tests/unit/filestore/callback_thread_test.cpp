@@ -51,6 +51,12 @@ TEST_F(CallbackThreadTest, MulticastFileIsCompletedByItsStatusAndDeletedWhenUnkn
     Report("/unknown", "224.2.0.1", path);
     EXPECT_FALSE(FileExists(path));
     EXPECT_EQ(callbacks_.GetCallbackCount(), 0U);
+    for (const char* status : {"AVAILABLE", "DOWNLOADING"}) {  // it was offered or downloaded meanwhile
+        const auto trace = Begin(status);
+        const KelString content = PathOf(kDown, AddStored(kDown, "taken", status, "FileURL = '/taken'"));
+        Report("/taken", "224.2.0.1", content);
+        EXPECT_EQ(Content(content) + "|" + OnlyFields(kDown), KelString("taken|") + status);
+    }
 }
 
 TEST_F(CallbackThreadTest, ReceivedFileIsHandledHereWhenThereIsAConsumer) {

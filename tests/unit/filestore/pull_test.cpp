@@ -172,6 +172,13 @@ TEST_F(DownloadTest, MulticastOfferIsHandedToTheHttpModule) {
     EXPECT_EQ(Read(OnlyCallOf("HttpProtocolMulticastStartListen"),
                    "MulticastAddress MulticastPort MulticastBlockSize FileSize LocalPath"),
               "224.2.0.1|1500|2048|3000|" + PathOf(kDown, fileId));
+    FakeResult("HttpProtocolMulticastStartListen ()", kKelErrorNotAvailable);
+    Set(kDown, fileId, "FileStatus = #DOWNLOADING#, TransportMode = 'Multicast'");
+    EXPECT_EQ(Step(), 1);
+    EXPECT_EQ(
+        OnlyFields(kDown, "FileStatus, LastStatusChangeTime, MulticastAddress, MulticastPort, TransportMode"),
+        "DOWNLOADING|0||0|Unicast")
+        << "what is not received by multicast is downloaded at once";
 }
 
 struct AcknowledgeTest : StoreTest {

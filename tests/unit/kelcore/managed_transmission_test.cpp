@@ -43,6 +43,16 @@ TEST(RatePacer, AStallEarnsAtMostOneSecondOfCreditAndANewRateHoldsForWhatIsUnpai
     EXPECT_GT(pacer.Remaining(now), 86400s) << "no overflow";
 }
 
+TEST(RatePacer, AStallEarnsNoMoreCreditThanALimitOfBurstsLeaves) {
+    HttpRatePacer pacer;
+    pacer.LimitBursts(1500);
+    pacer.SetRate(8'000, kStart);
+    pacer.Add(1000, kStart + 3600s);
+    EXPECT_EQ(pacer.Remaining(kStart + 3600s), 500ms);
+    pacer.Add(2000, kStart + 7200s);  // larger than any burst may be
+    EXPECT_EQ(pacer.Remaining(kStart + 7200s), 2s);
+}
+
 TEST(ManagedTransmission, ASleepEndsWithItsWindowItsRateOrItsCaller) {
     FakeBandwidthManager manager;
     manager.rate = 1;  // kbit/s: a megabyte takes over two hours
