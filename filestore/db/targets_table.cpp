@@ -6,6 +6,7 @@
 
 #include "filestore/db/database.h"
 #include "filestore/db/file_status.h"
+#include "filestore/db/withdrawals_table.h"
 #include "kel/format.h"
 #include "kel/text.h"
 
@@ -22,7 +23,10 @@ constexpr char kDue[] =
     "IsDue = 1 AND LastStatusChangeTime NOT BETWEEN %ld AND %ld %S ORDER BY FilePriority DESC, ((0.33 * "
     "FileCreateTime) + (0.67 * LastNotifyTime)) ASC, Targets.FileId ASC LIMIT %u";
 constexpr char kOnThisDevice[] = "AND DeviceGUID = ''";
-constexpr char kOnOtherDevices[] = "AND DeviceGUID <> ''%s%S";
+// A withdrawal must not meet what is published after it.
+constexpr char kOnOtherDevices[] =
+    "AND DeviceGUID <> '' AND NOT EXISTS (SELECT 1 FROM Withdrawals WHERE Withdrawals.DeviceGUID = "
+    "Targets.DeviceGUID)%s%S";
 constexpr char kPassesClosedWindow[] = " AND FileBypass = 1";
 constexpr char kNotOn[] = " AND DeviceGUID NOT IN (%S)";
 constexpr char kOne[] =
@@ -216,13 +220,19 @@ bool SetTargetDevice(const FileStoreTarget& target) {
     return Change(KelFormat(kSetDevice, target.DeviceGUID, target.DevicePath, target.TargetId));
 }
 
+bool DeleteTarget(std::uint64_t targetId) {
+    IdList one;
+    one.Add(targetId);
+    return Change(KelFormat(kDeleteAll, one.Text()));
+}
+
 bool DeleteTargetsOfDevice(std::uint64_t fileId, const KelString& guid) {
     return Change(KelFormat(kDeleteOfDevice, fileId, guid));
 }
 
 bool AnnouncementOutcome::IsEmpty() const {
     return delivered.IsEmpty() && announced.IsEmpty() && failed.IsEmpty() && failedDevices.empty() &&
-           putOff.IsEmpty();
+           putOff.IsEmpty() && withdrawn.IsEmpty();
 }
 
 void AnnouncementOutcome::Append(const AnnouncementOutcome& other) {
@@ -231,6 +241,7 @@ void AnnouncementOutcome::Append(const AnnouncementOutcome& other) {
     failed.Append(other.failed);
     failedDevices.insert(failedDevices.end(), other.failedDevices.begin(), other.failedDevices.end());
     putOff.Append(other.putOff);
+    withdrawn.Append(other.withdrawn);
 }
 
 bool RecordAnnouncements(const AnnouncementOutcome& outcome, const AnnouncementTimes& times) {
@@ -246,6 +257,7 @@ bool RecordAnnouncements(const AnnouncementOutcome& outcome, const AnnouncementT
         setTime(outcome.failed, times.now) &&
         (outcome.failedDevices.empty() ||
          Change(KelFormat(kPostponeDevices, times.now, QuotedList(outcome.failedDevices)))) &&
+        PostponeWithdrawals(outcome.failedDevices, times.now) && DeleteWithdrawals(outcome.withdrawn) &&
         setTime(outcome.announced, times.announced) && setTime(outcome.putOff, times.putOff);
     return recorded && transaction.Commit();
 }

@@ -43,7 +43,8 @@ struct FileTarget {
 /// back: these targets are due too. Before a selection. False when that failed.
 bool MarkDueTargets(std::int64_t due, std::int64_t latest);
 
-/// Which of the marked targets are selected; `due` leaves out those whose file was touched later.
+/// Which of the marked targets are selected: none of a device that has yet to learn of a withdrawal; `due`
+/// leaves out those whose file was touched later.
 struct DueTargets {
     enum class Where : unsigned char { ThisDevice, OtherDevices };
 
@@ -96,6 +97,7 @@ bool MakeTargetsDue(const KelString& deviceUrl, std::int64_t now);
 
 bool SetNotifyTime(std::uint64_t targetId, std::int64_t time);
 bool SetTargetDevice(const FileStoreTarget& target);
+bool DeleteTarget(std::uint64_t targetId);
 
 /// Removes the target of a file whose device has the GUID `guid`, which holds letters, digits and hyphens
 /// only.
@@ -106,8 +108,9 @@ struct AnnouncementOutcome {
     IdList delivered;                    ///< targets to remove: handed over here, or never reachable
     IdList announced;                    ///< targets that have taken the announcement
     IdList failed;                       ///< targets that could not be called
-    KelVector<KelString> failedDevices;  ///< their path names: all rows of such a device are postponed
+    KelVector<KelString> failedDevices;  ///< path names: all rows of such a device are postponed
     IdList putOff;                       ///< targets that could not be tried and are due again soon
+    IdList withdrawn;                    ///< withdrawals that a device has taken, or refuses for good
 
     bool IsEmpty() const;
     void Append(const AnnouncementOutcome& other);

@@ -4,8 +4,9 @@
 #include "filestore/state/worker_loop.h"
 
 /// Announces available files to their targets: to the devices below by calling them, to the modules of this
-/// device by an event. A device that has been called is announced the file again after a while, until it
-/// acknowledges (acknowledge.cpp); a target on this device is done with the event.
+/// device by an event; what was withdrawn is passed on in the same way, before anything else. A device that
+/// has been called is announced the file again after a while, until it acknowledges (acknowledge.cpp); a
+/// target on this device is done with the event.
 ///
 /// A batch holds up to 50 targets; different devices are called side by side (announcement_calls.h). The one
 /// place that decides their order is the ORDER BY of SelectDueTargets
@@ -30,6 +31,7 @@ class FileStoreNotifyThread : public FileThreadBase {
   private:
     bool NotifySingle(unsigned int fileId, unsigned int targetId);
     bool NotifyBatch();
+    bool WithdrawFiles(unsigned int limit);
     bool NotifyThisDevice(KelVector<filestore::FileTarget>& rows);
     bool NotifyOtherDevices(KelVector<filestore::FileTarget> rows);
 
