@@ -8,7 +8,7 @@
 #include "kel/types.h"
 
 // The commands, in families: publish_commands.cpp, transfer_commands.cpp, store_commands.cpp,
-// device_commands.cpp, steering_commands.cpp, init_command.cpp, why_command.cpp; and those of their steps
+// device_commands.cpp, steering_commands.cpp, init_command.cpp, why_command.cpp, withdraw_commands.cpp; and those of their steps
 // that have tests of their own.
 
 /// Runs one command: prints its results to stdout and what went wrong to stderr. An exit code of
@@ -18,6 +18,8 @@ int RunCommand(const CommonOptions& common, const StatusOptions& options);
 int RunCommand(const CommonOptions& common, const DevicesOptions& options);
 int RunCommand(const CommonOptions& common, const PublishOptions& options);
 int RunCommand(const CommonOptions& common, const PublicationsOptions& options);
+int RunCommand(const CommonOptions& common, const WithdrawOptions& options);
+int RunCommand(const CommonOptions& common, const RemoveDeviceOptions& options);
 int RunCommand(const CommonOptions& common, const SendOptions& options);
 int RunCommand(const CommonOptions& common, const CollectedOptions& options);
 int RunCommand(const CommonOptions& common, const RequestOptions& options);

@@ -53,6 +53,8 @@ constexpr auto kNames = std::to_array<Name>({
     {"Targets", "targets"},
     {"Delivered", "delivered"},
     {"Failed", "failed"},
+    {"Withdrawn", "withdrawn"},
+    {"Removed", "removed"},
     {"Pending", "pending"},
     {"Status", "status"},
     {"Message", "message"},
@@ -75,6 +77,7 @@ constexpr auto kNames = std::to_array<Name>({
     {"PathName", "path_name"},
     {"FirstSeen", "first_seen"},
     {"LastSeen", "last_seen"},
+    {"SilentSince", "silent_since"},
     {"Device", "device"},
     // status
     {"Agent", "agent"},

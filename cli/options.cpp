@@ -28,6 +28,8 @@ struct Parsed {
     WindowsOptions windows;
     CallOptions call;
     WhyOptions why;
+    WithdrawOptions withdraw;
+    RemoveDeviceOptions removeDevice;
     std::optional<CommandOptions> chosen;
 };
 
@@ -105,6 +107,29 @@ void DefinePublish(CLI::App& app, Parsed& parsed) {
     list->callback([&parsed] { parsed.chosen = parsed.publications; });
 }
 
+void DefineWithdraw(CLI::App& app, Parsed& parsed) {
+    auto* command = app.add_subcommand(
+        "withdraw", "End a publication: targets that have not begun never get the file; on the master");
+    command->add_option("PUBLICATION", parsed.withdraw.id, "The publication, as 'kel publications' shows it")
+        ->required();
+    command->callback([&parsed] { parsed.chosen = parsed.withdraw; });
+}
+
+void DefineDevices(CLI::App& app, Parsed& parsed) {
+    auto* command = app.add_subcommand("devices", "The tree as the master knows it");
+    command->add_subcommand("list", "Show the devices (the default)");
+    auto* remove = command->add_subcommand(
+        "remove", "Forget a device, and what is pending for it; when it reports itself, it is new");
+    command->require_subcommand(0, 1);
+    remove->add_option("DEVICE", parsed.removeDevice.device, "Its GUID or name")->required();
+    command->callback([&parsed, remove] {
+        if (remove->parsed())
+            parsed.chosen = parsed.removeDevice;
+        else
+            parsed.chosen = DevicesOptions();
+    });
+}
+
 void DefineUpward(CLI::App& app, Parsed& parsed) {
     SendOptions& send = parsed.send;
     auto* command = app.add_subcommand("send", "Send files of this device up to the master");
@@ -178,9 +203,7 @@ void DefineQueries(CLI::App& app, Parsed& parsed) {
     app.add_subcommand("status", "This device: role, parent, queues")->callback([&parsed] {
         parsed.chosen = StatusOptions();
     });
-    app.add_subcommand("devices", "The tree as the master knows it")->callback([&parsed] {
-        parsed.chosen = DevicesOptions();
-    });
+    DefineDevices(app, parsed);
     app.add_subcommand("inbox", "Files delivered to this device")->callback([&parsed] {
         parsed.chosen = InboxOptions();
     });
@@ -267,6 +290,7 @@ std::optional<Options> ParseOptions(int count, const char* const* arguments, int
     DefineInit(app, parsed);
     DefineQueries(app, parsed);
     DefinePublish(app, parsed);
+    DefineWithdraw(app, parsed);
     DefineUpward(app, parsed);
     DefineSettings(app, parsed);
     DefineWindows(app, parsed);

@@ -113,5 +113,6 @@ int RunCommand(const CommonOptions& common, const PublicationsOptions& options) 
                             ValueColumn("LABEL", kValueFileLabel), ValueColumn("FILE", kValueFileName),
                             SizeColumn("SIZE", kValueFileSize), TimeColumn("PUBLISHED", "CreateTime"),
                             ValueColumn("TARGETS", "Targets"), ValueColumn("DELIVERED", "Delivered"),
-                            ValueColumn("FAILED", "Failed"), ValueColumn("PENDING", "Pending")});
+                            ValueColumn("FAILED", "Failed"), ValueColumn("WITHDRAWN", "Withdrawn"),
+                            ValueColumn("PENDING", "Pending")});
 }

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <shared_mutex>
+
 #include "kel/container.h"
 #include "kelcore/module.h"
 #include "modules/console/console_database.h"
@@ -8,12 +10,14 @@
 #include "modules/console/publication_store.h"
 #include "modules/console/publisher.h"
 #include "modules/console/upstream_intake.h"
+#include "modules/console/withdrawal_store.h"
+#include "modules/console/withdrawer.h"
 
 /// The console module of the master: knows the devices of the tree, publishes files to them and keeps track
 /// of the publications. Actions:
 ///
-/// - ConsoleListDevices -> Values[i]{GUID, Name, Role, Address, Parent, PathName, FirstSeen, LastSeen (int64,
-///   seconds since the epoch, 0 for never)}, the master first
+/// - ConsoleListDevices -> Values[i]{GUID, Name, Role, Address, Parent, PathName, FirstSeen, LastSeen,
+///   SilentSince (int64, seconds since the epoch, 0 for never)}, the master first
 /// - ConsolePublish (FilePath, FileType, FileLabel; optional FileName, Device[i] (GUID or name, or one "all"
 ///   or "none"), Priority, Bypass, WakeOnLan, KeepCopy, FileInfo) -> PublicationId, FileChecksum, FileSize
 ///   (int64, bytes), Targets, Delivered, Failed, Pending (int32: the targets by state before the file is
@@ -21,11 +25,14 @@
 ///   device is refused, because it names a file of this one.
 /// - ConsoleListPublications (optional PublicationId[i], CountsOnly) -> Values[i]{PublicationId, FileType,
 ///   FileLabel, FileName, FileChecksum, FileSize, CreateTime (int64), Priority, Targets, Delivered, Failed,
-///   Pending (int32)}, the latest first, all or those named, which must be known; for one named publication
-///   and unless CountsOnly also Devices[i]{GUID, Name, Status, Time (int64), Message}
+///   Withdrawn, Removed, Pending (int32)}, the latest first, all or those named, which must be known; for one
+///   named publication and unless CountsOnly also Devices[i]{GUID, Name, Status, Time (int64), Message}
 /// - ConsoleExplain (PublicationId; optional Device, a GUID or name) -> Values[i], LeftOut: why pending
 /// targets
 ///   do not have the file, asked live through the tree; see Explainer
+/// - ConsoleWithdraw (PublicationId) -> Values: the publication as ConsoleListPublications lists it; see
+///   Withdrawer
+/// - ConsoleRemoveDevice (Device, a GUID or name) -> GUID, Name; see Withdrawer
 /// - ConsoleReceiveUpstream: subscribed to the event FileStoreCallbackCopyUpstream; see UpstreamIntake.
 ///   Only for this device.
 /// - QuarnelDbObjectListTypes -> Types[i]; QuarnelDbRunScript: not available here. Other modules recognise a
@@ -51,6 +58,8 @@ class Console : public KelModule {
     unsigned int ListPublications(KelContainer* arguments);
     unsigned int Publish(KelContainer* arguments);
     unsigned int Explain(KelContainer* arguments);
+    unsigned int Withdraw(KelContainer* arguments);
+    unsigned int RemoveDevice(KelContainer* arguments);
     unsigned int ReceiveUpstream(KelContainer* arguments);
     KelResult<KelContainer> ReadTargets(const KelString& id);
 
@@ -58,7 +67,10 @@ class Console : public KelModule {
     DeviceStore deviceStore_;
     PublicationStore publications_;
     DeviceDirectory directory_;
+    WithdrawalStore withdrawals_;
+    std::shared_mutex packages_;
     Publisher publisher_;
+    Withdrawer withdrawer_;
     UpstreamIntake intake_;
     Explainer explainer_;
 };

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <shared_mutex>
 #include <unordered_set>
 
 #include "kel/container.h"
@@ -18,8 +19,10 @@
 /// store, or an order for it when the store has the file already. Any thread, concurrently.
 class Publisher {
   public:
-    Publisher(const KelDebug& log, DeviceDirectory& directory, PublicationStore& publications)
-        : log_(log), directory_(directory), publications_(publications) {}
+    /// `packages` is locked, shared, while a published file is copied and offered.
+    Publisher(const KelDebug& log, DeviceDirectory& directory, PublicationStore& publications,
+              std::shared_mutex& packages)
+        : log_(log), directory_(directory), publications_(publications), packages_(packages) {}
 
     /// The folder under which published files are kept; see CopyToPackages. Before the first use.
     void SetFolder(const KelString& folder) { folder_ = folder; }
@@ -63,6 +66,7 @@ class Publisher {
     const KelDebug& log_;
     DeviceDirectory& directory_;
     PublicationStore& publications_;
+    std::shared_mutex& packages_;
     KelString folder_;
     KelMutex mutex_;
     std::unordered_set<KelString> done_
