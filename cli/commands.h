@@ -7,8 +7,12 @@
 #include "kel/result.h"
 #include "kel/types.h"
 
+<<<<<<< HEAD
 // The commands, each family in a file of its own (publish_commands.cpp, store_commands.cpp, why_command.cpp
 // and so on), and those of their steps that have tests of their own.
+=======
+// The commands, each family in a file of its own (publish_commands.cpp, store_commands.cpp, why_command.cpp and
+// so on), and those of their steps that have tests of their own.
 
 /// Runs one command: prints its results to stdout and what went wrong to stderr. An exit code of
 /// cli/options.h.
@@ -17,6 +21,8 @@ int RunCommand(const CommonOptions& common, const StatusOptions& options);
 int RunCommand(const CommonOptions& common, const DevicesOptions& options);
 int RunCommand(const CommonOptions& common, const PublishOptions& options);
 int RunCommand(const CommonOptions& common, const PublicationsOptions& options);
+int RunCommand(const CommonOptions& common, const WithdrawOptions& options);
+int RunCommand(const CommonOptions& common, const RemoveDeviceOptions& options);
 int RunCommand(const CommonOptions& common, const SendOptions& options);
 int RunCommand(const CommonOptions& common, const CollectedOptions& options);
 int RunCommand(const CommonOptions& common, const RequestOptions& options);

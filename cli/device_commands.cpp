@@ -59,13 +59,19 @@ class DeviceTree {
     KelVector<DeviceRow> rows_;
 };
 
+/// Of a device that was not heard from for longer than a day.
+KelString SilenceText(const KelContainer& device) {
+    const KelString since = TimeText(device.GetInt64("SilentSince"));
+    return since.empty() ? KelString() : "silent since " + since;
+}
+
 void PrintTree(const KelContainer& answer) {
-    Table table({"NAME", "ROLE", "ADDRESS", "GUID", "LAST SEEN"});
+    Table table({"NAME", "ROLE", "ADDRESS", "GUID", "LAST SEEN", ""});
     for (const DeviceRow& row : OrderByParent(answer)) {
         const KelContainer& device = answer.GetContainer("Values", row.index);
         table.AddRow({KelString(row.depth * kIndent, ' ') + device.GetString("Name"),
                       device.GetString("Role"), device.GetString("Address"), device.GetString("GUID"),
-                      TimeText(device.GetInt64("LastSeen"))});
+                      TimeText(device.GetInt64("LastSeen")), SilenceText(device)});
     }
     std::fputs(table.Render().c_str(), stdout);
 }

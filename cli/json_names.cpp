@@ -55,6 +55,8 @@ constexpr auto kNames = std::to_array<Name>({
     {"Targets", "targets"},
     {"Delivered", "delivered"},
     {"Failed", "failed"},
+    {"Withdrawn", "withdrawn"},
+    {"Removed", "removed"},
     {"Pending", "pending"},
     {"Status", "status"},
     {"Message", "message"},
@@ -77,6 +79,7 @@ constexpr auto kNames = std::to_array<Name>({
     {"PathName", "path_name"},
     {"FirstSeen", "first_seen"},
     {"LastSeen", "last_seen"},
+    {"SilentSince", "silent_since"},
     {"Device", "device"},
     // groups
     {"Member", "member"},

@@ -62,6 +62,14 @@ struct PublicationsOptions {
     bool withoutReasons = false;
 };
 
+struct WithdrawOptions {
+    KelString id;
+};
+
+struct RemoveDeviceOptions {
+    KelString device;  ///< GUID or name
+};
+
 struct WhyOptions {
     KelString what;    ///< a publication's ID, the name of a published file, or the number of a file here
     KelString device;  ///< GUID or name; empty for all
@@ -125,7 +133,7 @@ using CommandOptions =
     std::variant<InitOptions, StatusOptions, DevicesOptions, PublishOptions, PublicationsOptions, SendOptions,
                  CollectedOptions, RequestOptions, UploadOptions, FilesOptions, FileOptions, SettingsOptions,
                  WindowsOptions, InboxOptions, CallOptions, WhyOptions, GroupsOptions, WakeOptions,
-                 MulticastOptions>;
+                 MulticastOptions, WithdrawOptions, RemoveDeviceOptions>;
 
 struct Options {
     CommonOptions common;

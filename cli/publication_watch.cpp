@@ -68,6 +68,11 @@ class WatchDisplay {
     KelVector<KelString> texts_;
 };
 
+/// Targets that are not waited for any more.
+std::int32_t GivenUp(const KelContainer& publication) {
+    return publication.GetInt32("Withdrawn") + publication.GetInt32("Removed");
+}
+
 /// Sleeps; returns early when a signal arrives.
 void Sleep(std::chrono::nanoseconds time) {
     const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(time);
@@ -89,7 +94,7 @@ PublicationState StateOfAll(const KelContainer& published) {
 }  // namespace
 
 PublicationState StateOf(const KelContainer& publication) {
-    const std::int32_t failed = publication.GetInt32("Failed");
+    const std::int32_t failed = publication.GetInt32("Failed") + GivenUp(publication);
     if (publication.GetInt32("Delivered") + failed < publication.GetInt32("Targets"))
         return PublicationState::Going;
     return failed > 0 ? PublicationState::Failed : PublicationState::Complete;
@@ -101,6 +106,7 @@ KelString WatchText(const KelContainer& publication) {
                      publication.GetString("Targets") + " delivered";
     const std::int32_t failed = publication.GetInt32("Failed");
     if (failed > 0) text += ", " + std::to_string(failed) + " failed";
+    if (GivenUp(publication) > 0) text += ", " + std::to_string(GivenUp(publication)) + " withdrawn";
     return text;
 }
 
@@ -121,7 +127,7 @@ void TakeCounts(const KelContainer& answer, KelContainer& published) {
         KelContainer item = published.GetContainer("Values", i);
         const auto found = known.find(item.GetString("PublicationId"));
         if (found == known.end()) continue;
-        for (const char* name : {"Targets", "Delivered", "Failed", "Pending"})
+        for (const char* name : {"Targets", "Delivered", "Failed", "Withdrawn", "Removed", "Pending"})
             item.SetInt32(name, answer.GetContainer("Values", found->second).GetInt32(name));
         published.SetContainer("Values", std::move(item), i);
     }

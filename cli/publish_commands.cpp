@@ -134,5 +134,6 @@ int RunCommand(const CommonOptions& common, const PublicationsOptions& options) 
                             ValueColumn("LABEL", kValueFileLabel), NameColumn("FILE"),
                             SizeColumn("SIZE", kValueFileSize), TimeColumn("PUBLISHED", "CreateTime"),
                             ValueColumn("TARGETS", "Targets"), ValueColumn("DELIVERED", "Delivered"),
-                            ValueColumn("FAILED", "Failed"), ValueColumn("PENDING", "Pending")});
+                            ValueColumn("FAILED", "Failed"), ValueColumn("WITHDRAWN", "Withdrawn"),
+                            ValueColumn("PENDING", "Pending")});
 }

@@ -29,6 +29,9 @@ constexpr char kToHandleDownstream[] =
     "SELECT %s, Targets.TargetId IS NULL FROM Files LEFT JOIN Targets ON Files.FileId = Targets.FileId AND "
     "DeviceGUID = '' WHERE FileStatus = '%s' ORDER BY LastStatusChangeTime, Files.FileId LIMIT %u";
 
+constexpr char kOfName[] =
+    "SELECT %s FROM Files WHERE FileType = '%Q' AND FileLabel = '%Q' AND FileName = '%Q'%S";
+constexpr char kWithChecksum[] = " AND FileChecksum = '%Q'";
 constexpr char kOfContent[] = "SELECT %s FROM Files WHERE FileName = '%Q' AND FileChecksum = '%Q'";
 constexpr char kOfLabel[] = "SELECT %s FROM Files WHERE FileLabel = '%Q' AND FileChecksum = '%Q'";
 constexpr char kAwaited[] = "SELECT %s FROM Files WHERE FileURL LIKE '%%%Q' AND FileStatus IN ('%s', '%s')";
@@ -169,6 +172,20 @@ KelVector<FileToHandle> SelectFilesToHandle(Side side, unsigned int limit) {
 
 FileRows SelectFilesOfContent(const KelString& name, const KelString& checksum) {
     return SelectDownstream(KelFormat(kOfContent, FileStoreEntry::kColumns, name, checksum));
+}
+
+std::optional<FileRows> SelectFilesOfKey(const FileKey& key) {
+    const KelString content = key.checksum.empty() ? KelString() : KelFormat(kWithChecksum, key.checksum);
+    const auto result = FileStoreGetDatabase(Side::Downstream)
+                            .connection.Query(KelFormat(kOfName, FileStoreEntry::kColumns, key.type, key.label,
+                                                        key.name, content));
+    if (!result) return std::nullopt;
+    FileRows files(result->GetRowCount());
+    for (std::size_t i = 0; i < files.size(); ++i) {
+        RowReader row(*result, i);
+        files[i].Read(row);
+    }
+    return files;
 }
 
 FileRows SelectFilesOfLabel(const KelString& label, const KelString& checksum) {

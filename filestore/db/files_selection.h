@@ -35,6 +35,9 @@ KelVector<FileToHandle> SelectFilesToHandle(Side side, unsigned int limit);
 /// The files with this name and content, whatever their type and label.
 FileRows SelectFilesOfContent(const KelString& name, const KelString& checksum);
 FileRows SelectFilesOfLabel(const KelString& label, const KelString& checksum);
+/// The file of exactly this key; without a checksum, those of this type, label and name. Nothing when the
+/// statement failed.
+std::optional<FileRows> SelectFilesOfKey(const FileKey& key);
 /// Files awaited by multicast, or being received, whose URL ends with `url`.
 FileRows SelectAwaitedFiles(const KelString& url);
 /// All packages of the managed-relay kind.

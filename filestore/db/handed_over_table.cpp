@@ -9,6 +9,7 @@ namespace {
 
 constexpr char kRemember[] =
     "INSERT OR IGNORE INTO HandedOver (FileId) SELECT FileId FROM Files WHERE FileId IN (%S)";
+constexpr char kFind[] = "SELECT FileId FROM HandedOver WHERE FileId = %lu";
 constexpr char kForget[] =
     "DELETE FROM HandedOver WHERE FileId IN (SELECT FileId FROM Files WHERE FileType = '%Q' AND FileLabel = "
     "'%Q' AND FileName = '%Q') AND FileId <= (SELECT MAX(FileId) FROM Files WHERE FileType = '%Q' AND "
@@ -33,6 +34,11 @@ bool RememberHandedOver(const IdList& fileIds) {
 bool ForgetHandedOver(const FileKey& key) {
     return Change(
         KelFormat(kForget, key.type, key.label, key.name, key.type, key.label, key.name, key.checksum));
+}
+
+bool IsHandedOver(std::uint64_t fileId) {
+    const auto result = FileStoreGetDatabase(Side::Downstream).connection.Query(KelFormat(kFind, fileId));
+    return result && result->GetRowCount() != 0;
 }
 
 FileRows SelectHandedOver() {

@@ -14,6 +14,9 @@ bool RememberHandedOver(const IdList& fileIds);
 /// later.
 bool ForgetHandedOver(const FileKey& key);
 
+/// False also when the statement failed.
+bool IsHandedOver(std::uint64_t fileId);
+
 /// The available files among those that are remembered, the oldest first, 1000 at most.
 FileRows SelectHandedOver();
 

@@ -6,6 +6,7 @@
 
 #include "filestore/db/database.h"
 #include "filestore/db/file_status.h"
+#include "filestore/db/withdrawals_table.h"
 #include "kel/format.h"
 #include "kel/text.h"
 
@@ -22,13 +23,17 @@ constexpr char kDue[] =
     "IsDue = 1 AND LastStatusChangeTime NOT BETWEEN %ld AND %ld %S ORDER BY FilePriority DESC, ((0.33 * "
     "FileCreateTime) + (0.67 * LastNotifyTime)) ASC, Targets.FileId ASC LIMIT %u";
 constexpr char kOnThisDevice[] = "AND DeviceGUID = ''";
-constexpr char kOnOtherDevices[] = "AND DeviceGUID <> ''%S%S";
+// A withdrawal must not meet what is published after it.
+constexpr char kKnowsWithdrawals[] =
+    "NOT EXISTS (SELECT 1 FROM Withdrawals WHERE Withdrawals.DeviceGUID = Targets.DeviceGUID)";
+constexpr char kOnOtherDevices[] = "AND DeviceGUID <> '' AND %s%S%S";
 constexpr char kPassesClosedWindow[] = " AND FileBypass = 1";
 constexpr char kNotInMulticast[] = " AND MulticastTransferToBeStarted = 0";
 constexpr char kPassesOrGoesByMulticast[] =
     " AND (FileBypass = 1 OR (FileSize >= %u AND MulticastRetryNumber < %u AND FileStatus = '%s'))";
 constexpr char kToInvite[] =
-    "SELECT %s FROM Targets WHERE FileId = %lu AND CanBeAnnounced = 1 AND IsDue = 1 AND DeviceGUID <> ''";
+    "SELECT %s FROM Targets WHERE FileId = %lu AND CanBeAnnounced = 1 AND IsDue = 1 AND DeviceGUID <> '' AND "
+    "%s";
 constexpr char kOldest[] = "SELECT min (TargetCreateTime) FROM Targets WHERE FileId = %lu";
 constexpr char kNotOn[] = " AND DeviceGUID NOT IN (%S)";
 constexpr char kOne[] =
@@ -135,7 +140,7 @@ static KelString PassingCondition(const DueTargets& wanted) {
 
 KelVector<FileTarget> SelectDueTargets(const DueTargets& wanted) {
     const KelString others =
-        KelFormat(kOnOtherDevices, PassingCondition(wanted),
+        KelFormat(kOnOtherDevices, kKnowsWithdrawals, PassingCondition(wanted),
                   wanted.except.empty() ? KelString() : KelFormat(kNotOn, QuotedList(wanted.except)));
     const KelString condition = wanted.where == DueTargets::Where::ThisDevice ? kOnThisDevice : others;
     return SelectWithFiles(KelFormat(kDue, FileStoreEntry::kColumns, FileStoreTarget::kColumns, wanted.due,
@@ -162,7 +167,7 @@ std::optional<KelVector<FileStoreTarget>> FindTargets(std::uint64_t fileId) {
 }
 
 KelVector<FileStoreTarget> SelectMulticastTargets(std::uint64_t fileId) {
-    return Select(KelFormat(kToInvite, FileStoreTarget::kColumns, fileId))
+    return Select(KelFormat(kToInvite, FileStoreTarget::kColumns, fileId, kKnowsWithdrawals))
         .value_or(KelVector<FileStoreTarget>());
 }
 
@@ -250,13 +255,19 @@ bool SetTargetDevice(const FileStoreTarget& target) {
     return Change(KelFormat(kSetDevice, target.DeviceGUID, target.DevicePath, target.TargetId));
 }
 
+bool DeleteTarget(std::uint64_t targetId) {
+    IdList one;
+    one.Add(targetId);
+    return Change(KelFormat(kDeleteAll, one.Text()));
+}
+
 bool DeleteTargetsOfDevice(std::uint64_t fileId, const KelString& guid) {
     return Change(KelFormat(kDeleteOfDevice, fileId, guid));
 }
 
 bool AnnouncementOutcome::IsEmpty() const {
     return delivered.IsEmpty() && announced.IsEmpty() && failed.IsEmpty() && failedDevices.empty() &&
-           putOff.IsEmpty();
+           putOff.IsEmpty() && withdrawn.IsEmpty();
 }
 
 void AnnouncementOutcome::Append(const AnnouncementOutcome& other) {
@@ -265,6 +276,7 @@ void AnnouncementOutcome::Append(const AnnouncementOutcome& other) {
     failed.Append(other.failed);
     failedDevices.insert(failedDevices.end(), other.failedDevices.begin(), other.failedDevices.end());
     putOff.Append(other.putOff);
+    withdrawn.Append(other.withdrawn);
 }
 
 bool WriteAnnouncements(const AnnouncementOutcome& outcome, const AnnouncementTimes& times) {
@@ -275,6 +287,7 @@ bool WriteAnnouncements(const AnnouncementOutcome& outcome, const AnnouncementTi
            setTime(outcome.failed, times.now) &&
            (outcome.failedDevices.empty() ||
             Change(KelFormat(kPostponeDevices, times.now, QuotedList(outcome.failedDevices)))) &&
+           PostponeWithdrawals(outcome.failedDevices, times.now) && DeleteWithdrawals(outcome.withdrawn) &&
            setTime(outcome.announced, times.announced) && setTime(outcome.putOff, times.putOff);
 }
 

@@ -49,7 +49,8 @@ struct MulticastLimits {
     std::uint32_t retries = 0;
 };
 
-/// Which of the marked targets are selected; `due` leaves out those whose file was touched later.
+/// Which of the marked targets are selected: none of a device that has yet to learn of a withdrawal; `due`
+/// leaves out those whose file was touched later.
 struct DueTargets {
     enum class Where : unsigned char { ThisDevice, OtherDevices };
 
@@ -113,6 +114,7 @@ bool SetNotifyTime(std::uint64_t targetId, std::int64_t time);
 /// All targets of a file that would be due earlier are due when `time` is.
 bool PostponeTargets(std::uint64_t fileId, std::int64_t time);
 bool SetTargetDevice(const FileStoreTarget& target);
+bool DeleteTarget(std::uint64_t targetId);
 
 /// Removes the target of a file whose device has the GUID `guid`, which holds letters, digits and hyphens
 /// only.
@@ -123,8 +125,9 @@ struct AnnouncementOutcome {
     IdList delivered;                    ///< targets to remove: handed over here, or never reachable
     IdList announced;                    ///< targets that have taken the announcement
     IdList failed;                       ///< targets that could not be called
-    KelVector<KelString> failedDevices;  ///< their path names: all rows of such a device are postponed
+    KelVector<KelString> failedDevices;  ///< path names: all rows of such a device are postponed
     IdList putOff;                       ///< targets that could not be tried and are due again soon
+    IdList withdrawn;                    ///< withdrawals that a device has taken, or refuses for good
 
     bool IsEmpty() const;
     void Append(const AnnouncementOutcome& other);

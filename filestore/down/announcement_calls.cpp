@@ -5,10 +5,12 @@
 #include <utility>
 
 #include "filestore/down/announcement.h"
+#include "filestore/down/withdraw.h"
 #include "filestore/state/file_store.h"
 #include "filestore/state/waiting_reasons.h"
 #include "kelcore/action_db.h"
 #include "kelcore/error_codes.h"
+#include "kelcore/error_text.h"
 
 namespace filestore {
 
@@ -21,10 +23,6 @@ constexpr std::chrono::seconds kSlow{3};
 constexpr std::size_t kMostInAll = 250;
 /// Of devices that did not answer last time.
 constexpr std::size_t kMostSuspects = 10;
-
-// Seconds.
-constexpr int kConnectTimeout = 3;
-constexpr int kCallTimeout = 15;
 
 }  // namespace
 
@@ -48,19 +46,53 @@ void NoteCall(const FileStoreTarget& target, unsigned int error) {
     Reasons().NoteDevice(target.DeviceGUID, std::move(reason));
 }
 
-/// The same on a thread of its own, which no exception may leave.
-static unsigned int TryToAnnounce(const FileTarget& row) {
+/// On a thread of its own, which no exception may leave.
+template <class Call>
+static unsigned int Try(const Call& call, const FileKey& key, const KelString& device) {
     try {
-        return AnnounceTo(row);
+        return call();
     } catch (const std::exception& exception) {
-        FileStore::debugFileStore.Error("NotifyThread: Announcing %S to %S failed: %s\n",
-                                        row.file.Key().Text(), row.target.DeviceGUID, exception.what());
+        FileStore::debugFileStore.Error("NotifyThread: Calling %S about %S failed: %s\n", device, key.Text(),
+                                        exception.what());
         return kKelErrorInternal;
     }
 }
 
 AnnouncementCalls::Begun AnnouncementCalls::Begin(KelVector<FileTarget> rows) {
     const KelString device = rows.front().target.DeviceGUID;
+    return Start(device, [rows = std::move(rows)](AnnouncementOutcome& outcome) {
+        Ended ended{kKelOk, rows.front().target};
+        bool isFirst = true;
+        for (const FileTarget& row : rows) {
+            if (ended.error == kKelOk)
+                ended.error = Try([&row] { return AnnounceTo(row); }, row.file.Key(), row.target.DeviceGUID);
+            (ended.error == kKelOk ? outcome.announced : outcome.failed).Add(row.target.TargetId);
+            if (ended.error != kKelOk && row.target.WakeUpDevice == 1 && std::exchange(isFirst, false))
+                ended.target = row.target;
+        }
+        return ended;
+    });
+}
+
+AnnouncementCalls::Begun AnnouncementCalls::Begin(KelVector<FileWithdrawal> rows) {
+    const KelString device = rows.front().deviceGuid;
+    return Start(device, [rows = std::move(rows)](AnnouncementOutcome& outcome) {
+        Ended ended;
+        ended.target.DeviceGUID = rows.front().deviceGuid;
+        for (const FileWithdrawal& row : rows) {
+            const unsigned int error = Try([&row] { return WithdrawFrom(row); }, row.key, row.deviceGuid);
+            ended.error = IsFinalRefusal(error) ? static_cast<unsigned int>(kKelOk) : error;
+            if (ended.error != kKelOk) break;
+            if (error != kKelOk)
+                FileStore::debugFileStore.Warning("NotifyThread: %S refuses the withdrawal of %S: %S\n",
+                                                  row.deviceGuid, row.key.Text(), KelErrorText(error));
+            outcome.withdrawn.Add(row.withdrawalId);
+        }
+        return ended;
+    });
+}
+
+AnnouncementCalls::Begun AnnouncementCalls::Start(const KelString& device, Work work) {
     const bool isSuspect = silent_.contains(device);
     if (IsFull()) return Begun::NoRoom;
     const KelLock lock(mutex_);
@@ -72,7 +104,7 @@ AnnouncementCalls::Begun AnnouncementCalls::Begin(KelVector<FileTarget> rows) {
     call.begin = std::chrono::steady_clock::now();
     call.isSuspect = isSuspect;
     try {
-        call.thread = std::thread([this, &call, rows = std::move(rows)] { Run(call, rows); });
+        call.thread = std::thread([this, &call, work = std::move(work)] { Run(call, work); });
     } catch (const std::system_error&) {  // no more threads now: the rows stay due
         calls_.pop_back();
         return Begun::NoRoom;
@@ -80,20 +112,10 @@ AnnouncementCalls::Begun AnnouncementCalls::Begin(KelVector<FileTarget> rows) {
     return Begun::Yes;
 }
 
-void AnnouncementCalls::Run(Call& call, const KelVector<FileTarget>& rows) {
+void AnnouncementCalls::Run(Call& call, const Work& work) {
     AnnouncementOutcome outcome;
-    unsigned int error = kKelOk;
-    const FileStoreTarget* woken = nullptr;
-    for (const FileTarget& row : rows) {
-        if (error == kKelOk) error = TryToAnnounce(row);
-        if (error == kKelOk) {
-            outcome.announced.Add(row.target.TargetId);
-            continue;
-        }
-        outcome.failed.Add(row.target.TargetId);
-        if (woken == nullptr && row.target.WakeUpDevice == 1) woken = &row.target;
-    }
-    NoteCall(woken != nullptr ? *woken : rows.front().target, error);
+    const auto [error, target] = work(outcome);
+    NoteCall(target, error);
     if (error != kKelOk) outcome.failedDevices.push_back(call.device);
     bool isCollected = false;
     {

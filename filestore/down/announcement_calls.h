@@ -2,20 +2,22 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <functional>
 #include <list>
 #include <memory>
 #include <set>
 #include <thread>
 
 #include "filestore/db/targets_table.h"
+#include "filestore/db/withdrawals_table.h"
 #include "kel/mutex.h"
 #include "kel/types.h"
 
 namespace filestore {
 
-/// Announces files to other devices, many devices side by side: a device that does not answer delays no other
-/// one. The files of one device are announced one after the other; after the first failure the rest of them
-/// count as failed too.
+/// Announces files to other devices, and withdraws them, many devices side by side: a device that does not
+/// answer delays no other one. The files of one device are announced one after the other; after the first
+/// failure the rest of them count as failed too.
 ///
 /// Used by the notify thread only; the calls run on threads of their own and change no rows. Whenever a call
 /// ends that Wait does not wait for, the notify thread is woken to collect its outcome.
@@ -32,6 +34,8 @@ class AnnouncementCalls {
     /// are in progress as there may be, or the device did not answer last time and enough of these are being
     /// tried.
     Begun Begin(KelVector<FileTarget> rows);
+    /// The same for withdrawals that one device has to learn of.
+    Begun Begin(KelVector<FileWithdrawal> rows);
 
     /// True when no device can be called before a call has ended.
     bool IsFull() const;
@@ -59,7 +63,15 @@ class AnnouncementCalls {
         std::thread thread;
     };
 
-    void Run(Call& call, const KelVector<FileTarget>& rows);
+    /// What the calls of one device have come to, besides the outcome of its rows.
+    struct Ended {
+        unsigned int error = 0;  ///< of the last one
+        FileStoreTarget target;  ///< by which the device is woken
+    };
+    using Work = std::function<Ended(AnnouncementOutcome&)>;
+
+    Begun Start(const KelString& device, Work work);
+    void Run(Call& call, const Work& work);
     bool HaveAllEnded() const KEL_REQUIRES(mutex_);
 
     mutable KelMutex mutex_;
@@ -68,6 +80,10 @@ class AnnouncementCalls {
     bool isWaiting_ KEL_GUARDED_BY(mutex_) = false;
     std::set<KelString> silent_;  ///< devices that did not answer last time; the notify thread's own
 };
+
+/// Time-outs of a call, seconds.
+inline constexpr int kConnectTimeout = 3;
+inline constexpr int kCallTimeout = 15;
 
 /// Notes for the reasons of waiting what calling the device of `target` has come to, and has it woken when it
 /// may be. Any thread.

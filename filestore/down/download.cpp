@@ -49,21 +49,24 @@ bool SelectNext(FileStoreEntry& file) {
     return true;
 }
 
-/// Notices during a transfer that a more urgent file is to be downloaded.
+/// Notices during a transfer that a more urgent file is to be downloaded, or that this one is not wanted any
+/// more.
 class UrgentFileWatch {
   public:
-    explicit UrgentFileWatch(std::uint32_t priority) : priority_(priority) {}
+    explicit UrgentFileWatch(const FileStoreEntry& file) : fileId_(file.FileId), priority_(file.Priority) {}
 
     /// Called several times a second; looks into the database once a second.
     bool IsWaiting() {
         const auto now = std::chrono::steady_clock::now();
         if (now < nextLook_) return false;
         nextLook_ = now + std::chrono::seconds(1);
+        if (!IsStillWanted(fileId_)) return true;
         const FileRows rows = SelectDueDownload();
         return !rows.empty() && rows.front().Priority > priority_;
     }
 
   private:
+    const std::uint64_t fileId_;
     const std::uint32_t priority_;
     std::chrono::steady_clock::time_point nextLook_ =
         std::chrono::steady_clock::now() + std::chrono::seconds(1);
@@ -236,7 +239,7 @@ bool FileStorePullThread::FetchByUnicast(const FileStoreEntry& file, const KelSt
 
 unsigned int FileStorePullThread::Fetch(const FileStoreEntry& file, const KelString& sender,
                                         Attempt& attempt) {
-    UrgentFileWatch watch(file.Priority);
+    UrgentFileWatch watch(file);
     HttpTransfer transfer("PullThread", sender, [this, &watch, &attempt] {
         attempt.madeWay = attempt.madeWay || watch.IsWaiting();
         return attempt.madeWay || CheckCancelled(false);

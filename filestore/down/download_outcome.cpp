@@ -96,7 +96,14 @@ bool FinishDownload(const FileStoreEntry& file) {
     return SetDownloaded(file.FileId, static_cast<std::uint64_t>(FileGetSize64(file.FilePath)));
 }
 
+/// Removes what the transfer has left of a file that was withdrawn meanwhile.
+static void DeleteForgotten(const FileStoreEntry& file) {
+    const KelLock lock(FileStore::mutexDownstream);
+    if (FindExactFile(Side::Downstream, file.Key()) == std::uint64_t{0}) DeleteFileAndFolder(file.FilePath);
+}
+
 bool RequestSpoiltContent(const FileStoreEntry& file) {
+    DeleteForgotten(file);
     FileStoreEntry entry;
     const bool isSpoilt = entry.LoadFromDatabase(file.FileId, Side::Downstream) &&
                           entry.FileStatus == kStatusAvailable &&

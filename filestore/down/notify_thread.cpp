@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <ctime>
+#include <map>
 #include <optional>
 #include <utility>
 
@@ -194,12 +195,29 @@ bool FileStoreNotifyThread::NotifyBatch() {
         calls_.Wait(kPatience);
         return Record(calls_.Collect());
     }
+    const bool hasWithdrawn = WithdrawFiles(kBatchSize);
     DueTargets wanted = DueNow(DueTargets::Where::OtherDevices, left);
     wanted.except = calls_.BusyDevices();
     KelVector<FileTarget> remote = SelectDueTargets(wanted);
     if (local.empty() && remote.empty())
         FileStore::debugFileStore.Detail("NotifyThread: Nothing found to notify\n");
-    return remote.empty() ? !local.empty() : NotifyOtherDevices(std::move(remote));
+    return remote.empty() ? hasWithdrawn || !local.empty() : NotifyOtherDevices(std::move(remote));
+}
+
+/// Withdrawals are small, so that closed windows do not hold them back. False when there were none, or when
+/// the outcome was not recorded.
+bool FileStoreNotifyThread::WithdrawFiles(unsigned int limit) {
+    std::map<KelString, KelVector<FileWithdrawal>> byDevice;
+    for (FileWithdrawal& row :
+         SelectDueWithdrawals(FileStoreDueBefore(FileStore::ulTimeout), calls_.BusyDevices(), limit))
+        byDevice[row.deviceGuid].push_back(std::move(row));
+    bool hasBegun = false;
+    for (auto& [device, rows] : byDevice)
+        if (!CheckCancelled(false) && calls_.Begin(std::move(rows)) == AnnouncementCalls::Begun::Yes)
+            hasBegun = true;
+    if (!hasBegun) return false;
+    calls_.Wait(kPatience);
+    return Record(calls_.Collect());
 }
 
 /// The most urgent due targets, by what is to become of them.
@@ -234,6 +252,7 @@ bool FileStoreNotifyThread::NotifyBesideMulticast() {
     if (!PrepareBatch()) return false;
     KelVector<FileTarget> local = SelectDueTargets(DueNow(DueTargets::Where::ThisDevice, kBatchSize));
     if (!local.empty() && !NotifyThisDevice(local)) return false;
+    const bool hasWithdrawn = WithdrawFiles(kBatchSize);
     while (!CheckCancelled(false)) {
         if (calls_.IsFull()) {
             calls_.Wait(kPatience);
@@ -251,7 +270,7 @@ bool FileStoreNotifyThread::NotifyBesideMulticast() {
         if (parts.isEmpty) break;
         LookAgainIn(MulticastPlanner::kPostponed);
     }
-    return !local.empty();
+    return hasWithdrawn || !local.empty();
 }
 
 MulticastPlanner::Way FileStoreNotifyThread::PlanTransfer(const FileStoreEntry& file) {

@@ -5,8 +5,9 @@
 #include "filestore/state/worker_loop.h"
 
 /// Announces available files to their targets: to the devices below by calling them, to the modules of this
-/// device by an event. A device that has been called is announced the file again after a while, until it
-/// acknowledges (acknowledge.cpp); a target on this device is done with the event.
+/// device by an event; what was withdrawn is passed on in the same way, before anything else. A device that
+/// has been called is announced the file again after a while, until it acknowledges (acknowledge.cpp); a
+/// target on this device is done with the event.
 ///
 /// A batch holds up to 50 targets; different devices are called side by side (announcement_calls.h). The one
 /// place that decides their order is the ORDER BY of SelectDueTargets
@@ -40,6 +41,7 @@ class FileStoreNotifyThread : public FileThreadBase {
     bool PrepareBatch();
     Division DivideDueTargets();
     filestore::MulticastPlanner::Way PlanTransfer(const FileStoreEntry& file);
+    bool WithdrawFiles(unsigned int limit);
     bool NotifyThisDevice(KelVector<filestore::FileTarget>& rows);
     bool NotifyOtherDevices(KelVector<filestore::FileTarget> rows);
 

@@ -120,6 +120,40 @@ void AddDevice(KelContainer& level, const KelString& name, const KelContainer& b
     level.SetContainer(name, below);
 }
 
+/// The name on this level of a device; nothing when it is not there.
+std::optional<KelString> NameOn(const KelContainer& level, const KelString& device) {
+    for (std::size_t i = 0; i < level.GetNameCount(); ++i)
+        if (IsSameDevice(level.GetName(i), device)) return level.GetName(i);
+    return std::nullopt;
+}
+
+/// What is left below `device` (see AddDevice) without the targets in `withdrawn`; nothing when no target is
+/// left.
+std::optional<KelContainer> Difference(const KelString& device, KelContainer known,
+                                       const KelContainer& withdrawn) {
+    if (known.IsEmpty()) {  // the device itself, and nothing else, is a target
+        if (withdrawn.IsEmpty() || NameOn(withdrawn, device)) return std::nullopt;
+        return known;
+    }
+    KelContainer itself;
+    itself.SetContainer(device, {});
+    const KelContainer& names = withdrawn.IsEmpty() ? itself : withdrawn;
+    for (std::size_t i = 0; i < names.GetNameCount(); ++i) {
+        const auto name = NameOn(known, names.GetName(i));
+        if (!name) continue;
+        const bool isItself = IsSameDevice(*name, device);
+        auto rest = isItself
+                        ? std::nullopt
+                        : Difference(*name, known.GetContainer(*name), names.GetContainer(names.GetName(i)));
+        if (rest)
+            known.SetContainer(*name, std::move(*rest));
+        else
+            known.Remove(*name);
+    }
+    if (known.IsEmpty()) return std::nullopt;
+    return known;
+}
+
 KelContainer ReadTree(const FileStoreTarget& target) {
     KelContainer tree;
     if (const KelStatus loaded = tree.LoadFromXML(target.DevicePath); !loaded && !target.DevicePath.empty())
@@ -164,6 +198,41 @@ std::optional<KelVector<FileStoreTarget>> TargetsOf(unsigned int wakeOnLan, cons
         rows.push_back(std::move(*row));
     }
     return rows;
+}
+
+KelVector<SubTree> SubTreesOf(const KelContainer& targets) {
+    KelVector<SubTree> parts;
+    const KelContainer& children = targets.GetContainer(targets.GetName(0));
+    if (children.IsEmpty()) return {SubTree()};
+    for (std::size_t i = 0; i < children.GetNameCount(); ++i) {
+        const KelString& child = children.GetName(i);
+        KelContainer wrapped;
+        wrapped.SetContainer(child, {});
+        const bool isOurs = FileStore::CheckDevicePath(wrapped);
+        parts.push_back({isOurs ? KelString() : child, children.GetContainer(child)});
+    }
+    return parts;
+}
+
+std::optional<FileStoreTarget> WithoutTargets(const FileStoreTarget& target,
+                                              const KelVector<SubTree>& withdrawn, bool keepRequests) {
+    const auto part = std::find_if(withdrawn.begin(), withdrawn.end(), [&target](const SubTree& other) {
+        return IsSameDevice(other.device, target.DeviceGUID);
+    });
+    if (part == withdrawn.end()) return target;
+    const KelContainer tree = ReadTree(target);
+    if (tree.IsEmpty()) {
+        if (part->below.IsEmpty() || !keepRequests) return std::nullopt;
+        return target;
+    }
+    const KelString& device = tree.GetName(0);
+    auto rest = Difference(device, tree.GetContainer(device), part->below);
+    if (!rest) return std::nullopt;
+    FileStoreTarget left = target;
+    KelContainer wrapped;
+    wrapped.SetContainer(device, std::move(*rest));
+    left.DevicePath = wrapped.SaveToXML();
+    return left;
 }
 
 KelVector<FileStoreTarget> MergeTargets(const KelVector<FileStoreTarget>& known,

@@ -23,4 +23,19 @@ std::optional<KelVector<FileStoreTarget>> TargetsOf(unsigned int wakeOnLan, cons
 KelVector<FileStoreTarget> MergeTargets(const KelVector<FileStoreTarget>& known,
                                         const KelVector<FileStoreTarget>& announced);
 
+/// A device of the next level, or this one (empty), with the tree of targets below it.
+struct SubTree {
+    KelString device;  ///< path name
+    KelContainer below;
+};
+/// The parts of the tree of this device, which is not empty. No lock may be held: this device's GUID may be
+/// asked for.
+KelVector<SubTree> SubTreesOf(const KelContainer& targets);
+
+/// The row of a device without the targets in its part of `withdrawn`; nothing when no target is left. A row
+/// that a request has made has no tree: it goes when the device itself is withdrawn, and, without
+/// `keepRequests`, when devices below it are.
+std::optional<FileStoreTarget> WithoutTargets(const FileStoreTarget& target,
+                                              const KelVector<SubTree>& withdrawn, bool keepRequests);
+
 }  // namespace filestore

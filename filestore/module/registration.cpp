@@ -41,6 +41,9 @@ constexpr std::array kActions = {
     Action{"FileStoreIPCallback ()", &FileStore::ActionHandler_FileStoreIPCallback},
     Action{"FileStoreParentInSync ()", &FileStore::ActionHandler_FileStoreParentInSync},
     Action{"FileStoreDeviceContact (string DeviceGUID)", &FileStore::ActionHandler_FileStoreDeviceContact},
+    Action{"FileStoreWithdrawFile (string FileType, string FileLabel, string FileName, string FileChecksum, "
+           "container DevicePath, bool KeepContent, bool Removed)",
+           &FileStore::ActionHandler_FileStoreWithdrawFile},
     Action{"FileStoreTransferWindowCallback ()", &FileStore::ActionHandler_FileStoreTransferWindowCallback},
     Action{"FileStoreListFiles ()", &FileStore::ActionHandler_FileStoreListFiles},
     Action{"FileStoreGetFileInfo (string strFileType, string strFileName, string strChecksum)",

@@ -5,6 +5,7 @@
 
 #include "filestore/db/files_table.h"
 #include "filestore/db/targets_table.h"
+#include "filestore/db/withdrawals_table.h"
 #include "filestore/state/device.h"
 #include "filestore/state/file_store.h"
 #include "kel/container.h"
@@ -46,7 +47,9 @@ class LastSigns {
 };
 
 void EndWaitingFor(const KelString& deviceUrl) {
-    if (MakeTargetsDue(deviceUrl, std::time(nullptr))) FileStore::WakeWorker(Worker::Notify);
+    const bool isWithdrawalDue = MakeWithdrawalsDue(deviceUrl);
+    if (MakeTargetsDue(deviceUrl, std::time(nullptr)) || isWithdrawalDue)
+        FileStore::WakeWorker(Worker::Notify);
 }
 
 void LookForParent() {

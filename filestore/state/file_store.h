@@ -168,6 +168,13 @@ class FileStore {
     static unsigned int ActionHandler_FileStoreIPCallback(KelContainer* arguments);
     static unsigned int ActionHandler_FileStoreParentInSync(KelContainer* arguments);
     static unsigned int ActionHandler_FileStoreDeviceContact(KelContainer* arguments);
+    /// Forgets a file that was published and is not to be delivered, here and on the devices below. FileType,
+    /// FileLabel, FileName, FileChecksum (empty: all contents of this name); DevicePath: the targets that are
+    /// withdrawn, absent for this device alone; KeepContent (bool): the file is still wanted elsewhere;
+    /// Removed (bool): the targets are gone from the tree and are not called. Asks the modules by the event
+    /// FileStoreCallbackWithdrawnFile. For this device and its parent; the parent repeats it until the result
+    /// is 0.
+    static unsigned int ActionHandler_FileStoreWithdrawFile(KelContainer* arguments);
     static unsigned int ActionHandler_FileStoreTransferWindowCallback(KelContainer* arguments);
     static unsigned int ActionHandler_FileStoreListFiles(KelContainer* arguments);
     static unsigned int ActionHandler_FileStoreGetFileInfo(KelContainer* arguments);

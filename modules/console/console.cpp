@@ -24,6 +24,14 @@ unsigned int Fail(KelContainer* arguments, const KelError& error) {
     return error.code;
 }
 
+/// A device sends its identity once a day.
+constexpr std::int64_t kSilentSeconds = std::int64_t{26} * 3600;
+
+std::int64_t SilentSince(const Device& device) {
+    const bool isSilent = std::time(nullptr) - device.lastSeen > kSilentSeconds;
+    return device.role != "master" && isSilent ? device.lastSeen : 0;
+}
+
 KelContainer ValuesOf(const Device& device) {
     KelContainer values;
     values.SetString("GUID", device.guid);
@@ -34,6 +42,7 @@ KelContainer ValuesOf(const Device& device) {
     values.SetString("PathName", device.pathName);
     values.SetInt64("FirstSeen", device.firstSeen);
     values.SetInt64("LastSeen", device.lastSeen);
+    values.SetInt64("SilentSince", SilentSince(device));
     return values;
 }
 
@@ -47,7 +56,9 @@ KelContainer ValuesOf(const PublicationSummary& publication) {
     values.SetInt32("Targets", publication.targets);
     values.SetInt32("Delivered", publication.delivered);
     values.SetInt32("Failed", publication.failed);
-    values.SetInt32("Pending", publication.targets - publication.delivered - publication.failed);
+    values.SetInt32("Withdrawn", publication.withdrawn);
+    values.SetInt32("Removed", publication.removed);
+    values.SetInt32("Pending", publication.Pending());
     return values;
 }
 
@@ -83,8 +94,10 @@ Console::Console()
       directory_(Log(), deviceStore_),
       groups_(database_),
       groupActions_(Log(), directory_, groups_),
-      publisher_(Log(), directory_, groups_, publications_),
-      intake_(Log(), deviceStore_, publications_, publisher_),
+      withdrawals_(database_),
+      publisher_(Log(), directory_, groups_, publications_, packages_),
+      withdrawer_(Log(), directory_, publications_, withdrawals_, packages_),
+      intake_(Log(), deviceStore_, publications_, publisher_, withdrawer_),
       explainer_(directory_, publications_) {}
 
 void Console::Register(const char* handle) {
@@ -101,6 +114,8 @@ void Console::Register(const char* handle) {
     ActionDbRegisterAction("ConsoleExplain (string PublicationId, string Device)", bind(&Console::Explain),
                            handle);
     groupActions_.Register(handle);
+    ActionDbRegisterAction("ConsoleWithdraw (string PublicationId)", bind(&Console::Withdraw), handle);
+    ActionDbRegisterAction("ConsoleRemoveDevice (string Device)", bind(&Console::RemoveDevice), handle);
     ActionDbRegisterAction(kReceiveSignature, bind(&Console::ReceiveUpstream), handle);
     ActionDbRegisterAction(
         "QuarnelDbRunScript (string Script)",
@@ -132,6 +147,7 @@ bool Console::Initialise() {
     RemoveUnfinishedCopies(DataPath());
     directory_.SetIniPath(IniPath());
     publisher_.SetFolder(DataPath());
+    withdrawer_.SetFolder(DataPath());
     return database_.Open(DataPath(), IniPath());
 }
 
@@ -161,6 +177,7 @@ bool Console::Activate() {
     KelContainer console;
     console.SetString("ConsoleId", database_.Id());
     CallLocal("IdentitySetConsole", console);
+    withdrawer_.HandOver();
     return true;
 }
 
@@ -227,6 +244,9 @@ unsigned int Console::Publish(KelContainer* arguments) {
         Log().Warning("%S\n", refusal.message);
         return Fail(arguments, refusal);
     }
+    // A file that is published once more must not meet its own withdrawal.
+    if (!withdrawer_.HandOver())
+        return Fail(arguments, {kKelErrorNotAvailable, "The file store does not answer; see its log"});
     const auto request = ReadPublicationRequest(*arguments);
     auto result = request ? publisher_.Publish(*request) : KelResult<KelContainer>(request.Error());
     if (!result) {
@@ -241,6 +261,29 @@ unsigned int Console::Publish(KelContainer* arguments) {
 
 unsigned int Console::Explain(KelContainer* arguments) {
     auto result = explainer_.Explain(arguments->GetString("PublicationId"), arguments->GetString("Device"));
+    if (!result) return Fail(arguments, result.Error());
+    *arguments = std::move(*result);
+    return kKelOk;
+}
+
+unsigned int Console::Withdraw(KelContainer* arguments) {
+    if (!ActionIsFromThisDevice(*arguments))
+        return Fail(arguments, {kKelErrorBadInput, "Publications are withdrawn on the master only"});
+    const KelString id = arguments->GetString("PublicationId");
+    const KelStatus withdrawn = withdrawer_.WithdrawPublication(id);
+    if (!withdrawn) return Fail(arguments, withdrawn.Error());
+    const auto publications = publications_.List({id});
+    if (!publications) return Fail(arguments, publications.Error());
+    arguments->Clear();
+    for (const PublicationSummary& publication : *publications)
+        arguments->SetContainer("Values", ValuesOf(publication));
+    return kKelOk;
+}
+
+unsigned int Console::RemoveDevice(KelContainer* arguments) {
+    if (!ActionIsFromThisDevice(*arguments))
+        return Fail(arguments, {kKelErrorBadInput, "Devices are removed on the master only"});
+    auto result = withdrawer_.RemoveDevice(arguments->GetString("Device"));
     if (!result) return Fail(arguments, result.Error());
     *arguments = std::move(*result);
     return kKelOk;

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <shared_mutex>
+
 #include "kel/container.h"
 #include "kelcore/module.h"
 #include "modules/console/console_database.h"
@@ -10,12 +12,14 @@
 #include "modules/console/publication_store.h"
 #include "modules/console/publisher.h"
 #include "modules/console/upstream_intake.h"
+#include "modules/console/withdrawal_store.h"
+#include "modules/console/withdrawer.h"
 
 /// The console module of the master: knows the devices of the tree, publishes files to them and keeps track
 /// of the publications. Actions:
 ///
-/// - ConsoleListDevices -> Values[i]{GUID, Name, Role, Address, Parent, PathName, FirstSeen, LastSeen (int64,
-///   seconds since the epoch, 0 for never)}, the master first
+/// - ConsoleListDevices -> Values[i]{GUID, Name, Role, Address, Parent, PathName, FirstSeen, LastSeen,
+///   SilentSince (int64, seconds since the epoch, 0 for never)}, the master first
 /// - ConsolePublish (FilePath, FileType, FileLabel; optional FileName, Device[i] (see
 ///   ChooseTargets), Priority, Bypass, WakeOnLan, KeepCopy, FileInfo) -> PublicationId, FileChecksum,
 ///   FileSize (int64, bytes), Targets, Delivered, Failed, Pending (int32: the targets by state before the
@@ -23,12 +27,15 @@
 ///   another device is refused, because it names a file of this one.
 /// - ConsoleListPublications (optional PublicationId[i], CountsOnly) -> Values[i]{PublicationId, FileType,
 ///   FileLabel, FileName, FileChecksum, FileSize, CreateTime (int64), Priority, Targets, Delivered, Failed,
-///   Pending (int32)}, the latest first, all or those named, which must be known; for one named publication
-///   and unless CountsOnly also Devices[i]{GUID, Name, Status, Time (int64), Message}
+///   Withdrawn, Removed, Pending (int32)}, the latest first, all or those named, which must be known; for one
+///   named publication and unless CountsOnly also Devices[i]{GUID, Name, Status, Time (int64), Message}
 /// - ConsoleExplain (PublicationId; optional Device, a GUID or name) -> Values[i], LeftOut: why pending
 /// targets
 ///   do not have the file, asked live through the tree; see Explainer
 /// - ConsoleListGroups and those that change groups of devices; see GroupActions
+/// - ConsoleWithdraw (PublicationId) -> Values: the publication as ConsoleListPublications lists it; see
+///   Withdrawer
+/// - ConsoleRemoveDevice (Device, a GUID or name) -> GUID, Name; see Withdrawer
 /// - ConsoleReceiveUpstream: subscribed to the event FileStoreCallbackCopyUpstream; see UpstreamIntake.
 ///   Only for this device.
 /// - QuarnelDbObjectListTypes -> Types[i]; QuarnelDbRunScript: not available here. Other modules recognise a
@@ -54,6 +61,8 @@ class Console : public KelModule {
     unsigned int ListPublications(KelContainer* arguments);
     unsigned int Publish(KelContainer* arguments);
     unsigned int Explain(KelContainer* arguments);
+    unsigned int Withdraw(KelContainer* arguments);
+    unsigned int RemoveDevice(KelContainer* arguments);
     unsigned int ReceiveUpstream(KelContainer* arguments);
     KelResult<KelContainer> ReadTargets(const KelString& id);
 
@@ -63,7 +72,10 @@ class Console : public KelModule {
     DeviceDirectory directory_;
     DeviceGroups groups_;
     GroupActions groupActions_;
+    WithdrawalStore withdrawals_;
+    std::shared_mutex packages_;
     Publisher publisher_;
+    Withdrawer withdrawer_;
     UpstreamIntake intake_;
     Explainer explainer_;
 };

@@ -96,6 +96,15 @@ void DeviceDirectory::LogProblemsOnce(const KelVector<KelString>& problems) {
     }
 }
 
+bool DeviceDirectory::IsListed(const KelString& guid) const {
+    IniFile ini;
+    KelVector<KelString> problems;
+    if (!ini.Open(iniPath_)) return true;
+    const KelVector<Device> listed = ReadDevices(ini, problems);
+    return std::any_of(listed.begin(), listed.end(),
+                       [&guid](const Device& device) { return device.guid == guid; });
+}
+
 KelResult<KelVector<Device>> DeviceDirectory::Read() {
     auto master = ReadMaster();
     if (!master) return master.Error();

@@ -46,6 +46,9 @@ class DeviceDirectory {
     /// once. Calls local actions: no lock may be held.
     KelResult<KelVector<Device>> Read();
 
+    /// True when the ini file names this device, or cannot be read.
+    bool IsListed(const KelString& guid) const;
+
   private:
     void LogProblemsOnce(const KelVector<KelString>& problems);
 

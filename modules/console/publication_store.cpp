@@ -80,6 +80,15 @@ KelStatus PublicationStore::Add(PublicationSummary& publication, const KelVector
     return {};
 }
 
+KelResult<bool> PublicationStore::IsKnown(const FileKey& file, const KelString& id) {
+    const auto rows = database_.Select(
+        KelFormat("SELECT 1 FROM Publications WHERE FileChecksum = '%Q' AND FileName = '%Q' AND FileLabel = "
+                  "'%Q' AND FileType = '%Q' AND PublicationId <> '%Q' LIMIT 1",
+                  file.checksum, file.name, file.label, file.type, id));
+    if (!rows) return kUnreadable;
+    return rows->GetRowCount() != 0;
+}
+
 bool PublicationStore::SetOrdered(const KelString& id, std::int64_t time) {
     return database_.Write(
         {KelFormat("UPDATE Publications SET OrderTime = %gd WHERE PublicationId = '%Q'", time, id)});
@@ -100,7 +109,7 @@ KelResult<KelVector<PublicationSummary>> PublicationStore::List(const KelVector<
     const auto rows = database_.Select(KelFormat(
         "SELECT p.PublicationId, p.FileType, p.FileLabel, p.FileName, p.FileChecksum, p.FileSize, "
         "p.CreateTime, p.Priority, COUNT(t.GUID), SUM(t.Status = 'delivered'), SUM(t.Status = 'failed'), "
-        "p.OrderTime "
+        "p.OrderTime, SUM(t.Status = 'withdrawn'), SUM(t.Status = 'removed'), p.WithdrawTime "
         "FROM Publications AS p LEFT JOIN PublicationTargets AS t ON t.PublicationId = p.PublicationId "
         "%SGROUP BY p.PublicationId ORDER BY p.CreateTime DESC, p.rowid DESC",
         IdCondition(ids)));
@@ -120,6 +129,9 @@ KelResult<KelVector<PublicationSummary>> PublicationStore::List(const KelVector<
         publication.delivered = static_cast<std::int32_t>(rows->GetInt64(row, std::size_t{9}));
         publication.failed = static_cast<std::int32_t>(rows->GetInt64(row, std::size_t{10}));
         publication.orderTime = rows->GetInt64(row, std::size_t{11});
+        publication.withdrawn = static_cast<std::int32_t>(rows->GetInt64(row, std::size_t{12}));
+        publication.removed = static_cast<std::int32_t>(rows->GetInt64(row, std::size_t{13}));
+        publication.withdrawTime = rows->GetInt64(row, std::size_t{14});
     }
     return publications;
 }

@@ -20,12 +20,17 @@ struct PublicationSummary {
     std::int32_t targets = 0;
     std::int32_t delivered = 0;
     std::int32_t failed = 0;
+    std::int32_t withdrawn = 0;
+    std::int32_t removed = 0;       ///< targets whose device was removed
+    std::int64_t withdrawTime = 0;  ///< seconds since the epoch; 0: it is not withdrawn
+
+    std::int32_t Pending() const { return targets - delivered - failed - withdrawn - removed; }
 };
 
 /// The state of a publication on one device.
 struct PublicationTarget {
     KelString guid;
-    KelString status;       ///< "pending", "delivered" or "failed"
+    KelString status;       ///< "pending", "delivered", "failed", "withdrawn" or "removed"
     std::int64_t time = 0;  ///< of the device's receipt, by its clock, seconds since the epoch; 0: none yet
     KelString message;
 };
@@ -39,6 +44,9 @@ class PublicationStore {
     /// type, label and name was created in the same second or later, its time becomes the second after that:
     /// devices compare the times. An error, with nothing added, when the database cannot be read or written.
     KelStatus Add(PublicationSummary& publication, const KelVector<KelString>& guids);
+
+    /// True when a publication other than `id` has this key, whatever has become of it.
+    KelResult<bool> IsKnown(const FileKey& file, const KelString& id);
 
     /// Its targets have been sent an order at `time` (seconds since the epoch). False when that could not be
     /// written.

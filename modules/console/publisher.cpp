@@ -144,8 +144,8 @@ KelStatus Publisher::Order(const PublicationRequest& request, const PublicationS
     return {};
 }
 
-/// A store below that has the file takes no other offer of it, so the targets of a file that was here before
-/// are ordered to request it.
+/// A store below that has the file takes no other offer of it, so the targets of a file that was published or
+/// was here before are ordered to request it.
 KelStatus Publisher::Offer(const PublicationRequest& request, const PublicationSummary& publication,
                            const Plan& plan) {
     FileOffer offer = OfferFor(
@@ -158,15 +158,18 @@ KelStatus Publisher::Offer(const PublicationRequest& request, const PublicationS
     }
     auto devicePath = BuildDevicePath(plan.devices, plan.targets);
     if (!devicePath) return devicePath.Error();
-    offer.devicePath = *devicePath;
+    const auto isKnown = publications_.IsKnown(publication.file, publication.id);
+    if (!isKnown) return isKnown.Error();
+    if (!*isKnown) offer.devicePath = *devicePath;
     const auto isHeld = OfferToStore(offer);
     if (!isHeld) return isHeld.Error();
-    return *isHeld ? Order(request, publication, std::move(*devicePath)) : KelStatus();
+    return *isKnown || *isHeld ? Order(request, publication, std::move(*devicePath)) : KelStatus();
 }
 
 KelResult<KelContainer> Publisher::Publish(const PublicationRequest& request) {
     const auto plan = MakePlan(request);
     if (!plan) return plan.Error();
+    const std::shared_lock lock(packages_);
     const auto file = CopyToPackages(folder_, request.sourcePath, request.file.label, request.file.name);
     if (!file) return file.Error();
     PublicationSummary publication = SummaryOf(request, *file, plan->id);
@@ -180,7 +183,7 @@ KelResult<KelContainer> Publisher::Publish(const PublicationRequest& request) {
         return offered.Error();
     }
     {
-        const KelLock lock(mutex_);
+        const KelLock doneLock(mutex_);
         done_.insert(plan->id);
     }
     const auto targets = static_cast<std::int32_t>(guids.size());
@@ -198,8 +201,9 @@ KelResult<KelContainer> Publisher::Publish(const PublicationRequest& request) {
 
 bool Publisher::RepeatPublication(const PublicationSummary& publication, const KelVector<Device>& devices,
                                   const KelString& guid) {
+    if (publication.withdrawTime != 0) return true;
     KelVector<std::size_t> pending;
-    if (publication.delivered + publication.failed < publication.targets) {
+    if (publication.Pending() > 0) {
         const auto targets = publications_.ListTargets(publication.id);
         if (!targets) return false;
         pending = PendingBelow(devices, guid, *targets);

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <shared_mutex>
 #include <unordered_set>
 
 #include "kel/container.h"
@@ -19,9 +20,14 @@
 /// store, or an order for it when the store has the file already. Any thread, concurrently.
 class Publisher {
   public:
+    /// `packages` is locked, shared, while a published file is copied and offered.
     Publisher(const KelDebug& log, DeviceDirectory& directory, DeviceGroups& groups,
-              PublicationStore& publications)
-        : log_(log), directory_(directory), groups_(groups), publications_(publications) {}
+              PublicationStore& publications, std::shared_mutex& packages)
+        : log_(log),
+          directory_(directory),
+          groups_(groups),
+          publications_(publications),
+          packages_(packages) {}
 
     /// The folder under which published files are kept; see CopyToPackages. Before the first use.
     void SetFolder(const KelString& folder) { folder_ = folder; }
@@ -66,6 +72,7 @@ class Publisher {
     DeviceDirectory& directory_;
     DeviceGroups& groups_;
     PublicationStore& publications_;
+    std::shared_mutex& packages_;
     KelString folder_;
     KelMutex mutex_;
     std::unordered_set<KelString> done_

@@ -40,8 +40,9 @@ KelResult<bool> UpstreamIntake::StoreIdentity(const KelContainer& content, const
     if (*isLost) {
         log_.Warning("The file store of device %S has lost its database\n", report->device.guid);
         if (!publisher_.Repeat(report->device.guid)) return false;
-    } else if (report->device.role == "master" && !publisher_.RepeatOnceForMaster()) {
-        return false;
+    } else if (report->device.role == "master") {
+        if (!publisher_.RepeatOnceForMaster()) return false;
+        withdrawer_.ForgetOrders({});
     }
     return devices_.Store(*report, now);
 }
@@ -51,5 +52,8 @@ KelResult<bool> UpstreamIntake::StoreReceipt(const KelContainer& content, const 
     const auto receipt = ReadDeliveryReceipt(content, sourceDevice);
     if (!receipt) return receipt.Error();
     log_.Detail("Device %S: %S is %S\n", receipt->guid, receipt->file.Text(), receipt->status);
-    return publications_.Store(*receipt, now);
+    if (!publications_.Store(*receipt, now)) return false;
+    if (!receipt->publications.empty()) withdrawer_.ForgetOrders(receipt->publications);
+    if (withdrawer_.HasFailed()) withdrawer_.HandOver();
+    return true;
 }

@@ -7,13 +7,18 @@
 #include "modules/console/device_directory.h"
 #include "modules/console/publication_store.h"
 #include "modules/console/publisher.h"
+#include "modules/console/withdrawer.h"
 
 /// Processes the files that the devices below send to the console: identity files and receipts. Any thread.
 class UpstreamIntake {
   public:
     UpstreamIntake(const KelDebug& log, DeviceStore& devices, PublicationStore& publications,
-                   Publisher& publisher)
-        : log_(log), devices_(devices), publications_(publications), publisher_(publisher) {}
+                   Publisher& publisher, Withdrawer& withdrawer)
+        : log_(log),
+          devices_(devices),
+          publications_(publications),
+          publisher_(publisher),
+          withdrawer_(withdrawer) {}
 
     /// Processes the file that the arguments of the file store's event describe (FileType, SourceDevice,
     /// FilePath), arrived at `now` (seconds since the epoch). Results: kKelAnswerStaysHere for the console's
@@ -31,4 +36,5 @@ class UpstreamIntake {
     DeviceStore& devices_;
     PublicationStore& publications_;
     Publisher& publisher_;
+    Withdrawer& withdrawer_;
 };

@@ -16,6 +16,9 @@ constexpr char kReceiveSignature[] =
     "DeliveryReceiveFile (string FileType, string FileLabel, string FileName, string FileChecksum, string "
     "FilePath, container FileInfo)";
 constexpr char kReceivedEvent[] = "FileStoreCallbackReceivedFile";
+constexpr char kWithdrawSignature[] =
+    "DeliveryWithdrawFile (string FileType, string FileLabel, string FileName, string FileChecksum)";
+constexpr char kWithdrawnEvent[] = "FileStoreCallbackWithdrawnFile";
 constexpr char kCollectSignature[] =
     "DeliveryCollect (string FileType, string FileLabel, string FileName, string FileChecksum, string "
     "SourceDevice, string FilePath)";
@@ -66,14 +69,17 @@ void Delivery::Register(const char* handle) {
         return [this, handler](KelContainer* arguments) { return (this->*handler)(arguments); };
     };
     ActionDbRegisterAction(kReceiveSignature, bind(&Delivery::ReceiveFile), handle);
+    ActionDbRegisterAction(kWithdrawSignature, bind(&Delivery::Withdraw), handle);
     ActionDbRegisterAction("DeliveryListFiles ()", bind(&Delivery::ListFiles), handle);
     ActionDbRegisterAction(kCollectSignature, bind(&Delivery::Collect), handle);
     ActionDbRegisterAction("DeliveryListCollected ()", bind(&Delivery::ListCollected), handle);
     CallbackDbRegisterAction(kReceivedEvent, kReceiveSignature, {}, 0);
+    CallbackDbRegisterAction(kWithdrawnEvent, kWithdrawSignature, {}, 0);
 }
 
 void Delivery::Unregister() {
     CallbackDbDeleteAction(kReceivedEvent, kReceiveSignature, {});
+    CallbackDbDeleteAction(kWithdrawnEvent, kWithdrawSignature, {});
     CallbackDbDeleteAction(kUpstreamEvent, kCollectSignature, {});
 }
 

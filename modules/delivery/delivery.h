@@ -24,6 +24,9 @@
 ///   order fails when a later publication was delivered to the same place, or when the file does not come in
 ///   time. The file store remembers a file until this module has reported it as taken: its job is on the
 ///   disk, or done. At its start it asks for those that it never took.
+/// - DeliveryWithdrawFile (FileType, FileLabel, FileName, FileChecksum): subscribed to the event
+///   FileStoreCallbackWithdrawnFile; only for this device. Results: kKelAnswerStaysHere for a file that was
+///   handed over and is being worked on; 0.
 /// - DeliveryListFiles -> Values[i]{FileType, FileLabel, FileName, FileChecksum, Path, Size (int64, bytes),
 ///   Time (int64, seconds since the epoch)}
 /// - DeliveryCollect (as DeliveryReceiveFile, and SourceDevice): on the master subscribed to the event
@@ -75,6 +78,8 @@ class Delivery : public KelModule {
     bool ConcludeOrder(const DeliveryOrder& order);
     void EndOrder(const DeliveryOrder& order, DeliveryOutcome outcome, const KelString& message);
     bool RequestOrdered(const DeliveryOrder& order);
+    unsigned int Withdraw(KelContainer* arguments);
+    void ForgetOrderFiles(const KelVector<KelString>& publications, const KelString& type);
     bool AskForUntaken();
     bool ReportTaken();
     bool WorkOnJobs();

@@ -149,13 +149,17 @@ bool Delivery::SendReceipts() {
     int failures = 0;
     for (const DeliveryJob& job : jobs_.ListConcluded()) {
         if (receiptThread_.CheckCancelled(false) || failures == kMaxReceiptFailures) return true;
-        if (Remember(job) && receipts_.Send(job)) {
-            const KelLock lock(mutexCopy_);  // a file that arrives now finds both, or neither
-            orders_.SetAnswered(job.file.publications);
-            jobs_.Remove(job.id);
-        } else {
+        if (!Remember(job) || !receipts_.Send(job)) {
             ++failures;
+            continue;
         }
+        KelVector<KelString> ordered;
+        {
+            const KelLock lock(mutexCopy_);  // a file that arrives now finds both, or neither
+            ordered = orders_.SetAnswered(job.file.publications);
+            jobs_.Remove(job.id);
+        }
+        ForgetOrderFiles(ordered, job.file.key.type);
     }
     return failures > 0;
 }

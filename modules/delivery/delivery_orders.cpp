@@ -6,6 +6,7 @@
 
 #include "kel/format.h"
 #include "kelcore/action_db.h"
+#include "kelcore/call_origin.h"
 #include "kelcore/error_codes.h"
 #include "kelcore/file_offer.h"
 #include "kelcore/file_values.h"
@@ -16,6 +17,7 @@ namespace {
 /// After this time a file is requested again, in case the file store has forgotten the request.
 constexpr std::int64_t kAskAgainSeconds = 600;
 
+constexpr const char* kWithdrawAction = "FileStoreWithdrawFile";
 constexpr const char* kReplaced = "A later publication of the same name was delivered here before";
 
 }  // namespace
@@ -67,13 +69,17 @@ bool Delivery::AddOrders(ReceivedFile& file, const KelString& destination,
     return false;
 }
 
-/// The orders for `file`, which has come, that have ended before need not be kept any longer. True when there
-/// are such and a later publication was delivered: the file is of no use then.
+/// The orders for `file`, which has come, that have ended before need not be kept any longer. True when the
+/// file is of no use then: it has come for an order that was withdrawn, or a later publication was delivered.
 bool Delivery::ForgetEndedOrders(const ReceivedFile& file, const KelString& destination) {
-    const KelVector<KelString> ended = orders_.StopExpecting(file.key);
-    for (const KelString& publication : ended)
-        if (!jobs_.Names(publication)) orders_.Remove(publication);
-    return !ended.empty() && file.publicationTime < LatestPublication(destination);
+    const std::int64_t latest = LatestPublication(destination);
+    bool isOfNoUse = false;
+    for (const DeliveryOrder& order : orders_.StopExpecting(file.key)) {
+        if (!jobs_.Names(order.publication)) orders_.Remove(order.publication);
+        isOfNoUse =
+            isOfNoUse || file.publicationTime < latest || (order.isWithdrawn && file.publicationTime == 0);
+    }
+    return isOfNoUse;
 }
 
 bool Delivery::IsOverdue(const DeliveryOrder& order) const {
@@ -121,13 +127,35 @@ bool Delivery::ConcludeOrder(const DeliveryOrder& order) {
 
 void Delivery::EndOrder(const DeliveryOrder& order, DeliveryOutcome outcome, const KelString& message) {
     const KelLock lock(mutexCopy_);
-    if (jobs_.Names(order.publication)) return;  // the file has come meanwhile
+    if (jobs_.Names(order.publication)) return;        // the file has come meanwhile
+    if (!orders_.SetEnded(order.publication)) return;  // it was withdrawn meanwhile
     if (outcome == DeliveryOutcome::Failed)
         Log().Warning("%S is not delivered: %S\n", order.file.Text(), message);
     ReceivedFile file{order.file, {}};
     file.publications = {order.publication};
-    orders_.SetEnded(order.publication);
     jobs_.AddConcluded(file, outcome, message, std::time(nullptr));
+}
+
+/// What was handed over before stays. An order goes, unless its file has come.
+unsigned int Delivery::Withdraw(KelContainer* arguments) {
+    if (!ActionIsFromThisDevice(*arguments))
+        return Refuse(arguments, "another device may not withdraw local files");
+    const FileKey key = FileKey::Read(*arguments);
+    arguments->Clear();
+    const KelLock lock(mutexCopy_);
+    if (key.type != kOrderFileType) return jobs_.Knows(key) ? unsigned{kKelAnswerStaysHere} : kKelOk;
+    if (!jobs_.Names(key.name)) orders_.Withdraw(key.name);
+    return kKelOk;
+}
+
+/// Has the file store forget the orders of a job, which are answered. What it keeps does no harm.
+void Delivery::ForgetOrderFiles(const KelVector<KelString>& publications, const KelString& type) {
+    if (!ActionDbIsActionRegistered(kWithdrawAction)) return;
+    for (const KelString& publication : publications) {
+        KelContainer call;
+        FileKey{kOrderFileType, type, publication, {}}.Write(call);
+        CallLocal(kWithdrawAction, call);
+    }
 }
 
 /// False when the file can not be had any more.

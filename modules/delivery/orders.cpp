@@ -27,6 +27,7 @@ KelContainer DeliveryOrder::ToContainer() const {
     values.SetInt64("Received", received);
     values.SetBool("Requested", isRequested);
     values.SetBool("Ended", isEnded);
+    values.SetBool("Withdrawn", isWithdrawn);
     return values;
 }
 
@@ -40,6 +41,7 @@ KelResult<DeliveryOrder> ReadDeliveryOrder(const KelString& publication, const K
     order.received = values.GetInt64("Received");
     order.isRequested = values.GetBool("Requested");
     order.isEnded = values.GetBool("Ended");
+    order.isWithdrawn = values.GetBool("Withdrawn");
     if (const KelStatus checked = CheckFileKey(order.file); !checked) return checked.Error();
     if (order.time > 0) return order;
     return KelError{kKelErrorBadInput, KelFormat("the order of publication %S has no time", publication)};
@@ -76,7 +78,7 @@ bool Orders::Add(const DeliveryOrder& order) {
     const KelLock lock(mutex_);
     DeliveryOrder* known = Find(order.publication);
     if (!known) known = &orders_.emplace_back(order);
-    known->isEnded = false;
+    known->isEnded = known->isWithdrawn = false;
     return Save(*known);
 }
 
@@ -88,7 +90,8 @@ KelVector<DeliveryOrder> Orders::List() const {
 bool Orders::SetRequested(const KelString& publication) {
     const KelLock lock(mutex_);
     DeliveryOrder* order = Find(publication);
-    if (!order || std::exchange(order->isRequested, true) || Save(*order)) return true;
+    if (!order || order->isEnded) return false;
+    if (std::exchange(order->isRequested, true) || Save(*order)) return true;
     order->isRequested = false;
     return false;
 }
@@ -98,31 +101,44 @@ void Orders::SetAsked(const KelString& publication, std::int64_t time) {
     if (DeliveryOrder* order = Find(publication)) order->asked = time;
 }
 
-void Orders::SetEnded(const KelString& publication) {
+bool Orders::SetEnded(const KelString& publication) {
     const KelLock lock(mutex_);
-    if (DeliveryOrder* order = Find(publication)) order->isEnded = true;
+    DeliveryOrder* order = Find(publication);
+    return order && !std::exchange(order->isEnded, true);
 }
 
-KelVector<KelString> Orders::StopExpecting(const FileKey& file) {
+void Orders::Withdraw(const KelString& publication) {
     const KelLock lock(mutex_);
-    KelVector<KelString> ended;
+    DeliveryOrder* order = Find(publication);
+    if (!order || order->isEnded) return;
+    order->isEnded = order->isWithdrawn = true;
+    if (!order->isRequested || !Save(*order)) Remove(publication);
+}
+
+KelVector<DeliveryOrder> Orders::StopExpecting(const FileKey& file) {
+    const KelLock lock(mutex_);
+    KelVector<DeliveryOrder> ended;
     for (DeliveryOrder& order : orders_) {
         if (order.file != file) continue;
         order.isRequested = false;
-        if (order.isEnded) ended.push_back(order.publication);
+        if (order.isEnded) ended.push_back(order);
     }
     return ended;
 }
 
-void Orders::SetAnswered(const KelVector<KelString>& publications) {
+KelVector<KelString> Orders::SetAnswered(const KelVector<KelString>& publications) {
     const KelLock lock(mutex_);
+    KelVector<KelString> known;
     for (const KelString& publication : publications) {
         const DeliveryOrder* order = Find(publication);
-        if (order && order->isEnded && order->isRequested)
+        if (!order) continue;
+        known.push_back(publication);
+        if (order->isEnded && order->isRequested)
             Save(*order);
         else
             Remove(publication);
     }
+    return known;
 }
 
 void Orders::Remove(const KelString& publication) {

@@ -22,6 +22,7 @@ struct DeliveryOrder {
     std::int64_t asked = 0;     ///< when the file was last requested by this process; 0: never
     bool isRequested = false;   ///< the file may come
     bool isEnded = false;       ///< it is answered, though the file has not come
+    bool isWithdrawn = false;   ///< it has ended without an answer
 
     KelContainer ToContainer() const;
 };
@@ -51,16 +52,19 @@ class Orders {
     /// once more. False when it is in memory only.
     bool Add(const DeliveryOrder& order);
     KelVector<DeliveryOrder> List() const;
-    /// Before the file is requested. False when it cannot be written.
+    /// Before the file is requested. False when it cannot be written, or the order does not wait any more.
     bool SetRequested(const KelString& publication);
     void SetAsked(const KelString& publication, std::int64_t time);
-    /// In memory only until the answer is handed over: after a restart the order ends again.
-    void SetEnded(const KelString& publication);
-    /// The file has come, or will not come. Returns the publications of the orders for it that have ended.
-    KelVector<KelString> StopExpecting(const FileKey& file);
+    /// In memory only until the answer is handed over: after a restart the order ends again. False when it
+    /// does not wait any more.
+    bool SetEnded(const KelString& publication);
+    /// The file is not to be delivered any more.
+    void Withdraw(const KelString& publication);
+    /// The file has come, or will not come. Returns the orders for it that have ended.
+    KelVector<DeliveryOrder> StopExpecting(const FileKey& file);
     /// The answer for these publications has been handed over. Orders that have ended and whose file may
-    /// still come stay, the others go.
-    void SetAnswered(const KelVector<KelString>& publications);
+    /// still come stay, the others go. Returns those that there were orders for.
+    KelVector<KelString> SetAnswered(const KelVector<KelString>& publications);
     void Remove(const KelString& publication);
 
     bool HasPast(const KelString& destination) const;

@@ -54,8 +54,9 @@ class AgainTest(SystemTest):
                 self.wait_delivered(tree, client, *self.publish(tree, client, content))
             self.assertEqual([self.fetched(agent) for agent in (relay, first, second)], [2, 2, 1])
             self.assertEqual({file["type"] for file in first.kel("inbox")}, {"Again"}, "orders stay out of the inbox")
-            self.check_restored_master(tree, second)
-            self.assertEqual([self.fetched(agent) for agent in (relay, first, second)], [3, 2, 2])
+            for number, folder in enumerate((".", "Console"), 3):
+                self.check_restored_master(tree, second, folder, b"content %d" % number, number)
+            self.assertEqual([self.fetched(agent) for agent in (relay, first, second)], [4, 2, 3])
             self.end(tree)
 
     def publish(self, tree, client, content):
@@ -73,19 +74,19 @@ class AgainTest(SystemTest):
         """How many contents of the file the agent's log says that it has downloaded."""
         return len([line for line in agent.log().splitlines() if "Downloading URL" in line and "/again.bin" in line])
 
-    def check_restored_master(self, tree, client):
-        """The backup is older than the delivery."""
-        master, backup = tree.master, tree.folder / "backup"
+    def check_restored_master(self, tree, client, folder, content, fetched):
+        """The backup, of all databases or the console's, is older than the delivery."""
+        master, data, backup = tree.master, tree.master.data / folder, tree.folder / "backup"
         client.stop()
-        published = self.publish(tree, client, b"newest")
-        wait_until(lambda: self.fetched(tree.relays[0]) == 3, 30, "the relay has the file")
+        published = self.publish(tree, client, content)
+        wait_until(lambda: self.fetched(tree.relays[0]) == fetched, 30, "the relay has the file")
         master.stop()
-        shutil.copytree(master.data, backup)
+        shutil.copytree(data, backup)
         tree.run(master, client)
         self.wait_delivered(tree, client, *published)
         master.stop()
-        shutil.rmtree(master.data)
-        backup.rename(master.data)
+        shutil.rmtree(data)
+        backup.rename(data)
         tree.run(master)
         self.wait_delivered(tree, client, *published)
 

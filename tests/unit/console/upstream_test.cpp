@@ -207,6 +207,91 @@ TEST_F(ConsoleUpstreamTest, PublicationsAreListedLatestFirstEvenWithinOneSecond)
     EXPECT_EQ(Call("ConsoleListPublications", With(named, {"PublicationId=unknown"})), kKelErrorBadInput);
 }
 
+/// What the file store is asked to withdraw.
+class ConsoleWithdrawTest : public ConsoleUpstreamTest {
+  protected:
+    void SetUp() override {
+        ConsoleUpstreamTest::SetUp();
+        FakeAction("FileStoreWithdrawFile (string FileType)", [this](KelContainer* container) {
+            calls_.push_back(container->GetString("FileType") + " from " + NamesIn(*container) +
+                             (container->GetBool("KeepContent") ? " keep" : "") +
+                             (container->GetBool("Removed") ? " removed" : ""));
+            return result_;
+        });
+        TakeIdentity(Identity(kDesk, "desk-9", now_));
+    }
+    /// The targets in the tree of a call, which has two levels below the master.
+    static KelString NamesIn(const KelContainer& call) {
+        const KelContainer tree = call.GetContainer("DevicePath");
+        if (tree.IsEmpty()) return "none";
+        const KelContainer top = tree.GetContainer(kMasterPath);
+        KelString names;
+        for (const auto& [guid, name] : {std::pair(kNorth, "north "), {kClient, "client "}, {kDesk, "desk "}})
+            if (tree.SaveToXML().find(guid) != KelString::npos) names += name;
+        return names + KelFormat("%d", static_cast<int>(top.GetNameCount()));
+    }
+    Texts TakeCalls() { return std::exchange(calls_, {}); }
+    static KelContainer Withdraw(const KelContainer& published, unsigned int code = 0) {
+        KelContainer call = Values({"PublicationId=" + published.GetString("PublicationId")});
+        EXPECT_EQ(Call("ConsoleWithdraw", call), code);
+        return call;
+    }
+    bool IsPackageThere(const KelContainer& published) {
+        return std::filesystem::exists(
+            root_ / ("data/Console/Packages/tools/" + published.GetString("FileChecksum") + "/setup.bin"));
+    }
+    Texts calls_;
+    unsigned int result_ = 0;
+};
+
+TEST_F(ConsoleWithdrawTest, WhatHasNotBegunIsWithdrawnAndTheFileGoesUnlessAnotherPublicationNeedsIt) {
+    const KelContainer first = Publish(Request("all"));
+    TakeReceipt(Receipt(kNorth, "delivered", 100));
+    const KelContainer second = Publish(Request(kClient));
+    EXPECT_EQ(TakeCalls(), Texts{});
+    ExpectValues(Withdraw(first).GetContainer("Values"), {"Delivered=1", "Withdrawn=2", "Pending=0"});
+    EXPECT_EQ(TakeCalls(), Texts{"Package from desk 1 keep"}) << "the client waits for the other one";
+    EXPECT_TRUE(IsPackageThere(first));
+    TakeReceipt(Receipt(kDesk, "delivered", 200));
+    EXPECT_EQ(Listed(first).GetContainer("Values").GetString("Delivered"), "2") << "it had begun";
+    Withdraw(first);
+    EXPECT_EQ(TakeCalls(), Texts{}) << "once only";
+
+    result_ = kKelErrorInternal;
+    Withdraw(second);
+    EXPECT_EQ(TakeCalls(), Texts{"DeliveryOrder from north client 1"});
+    EXPECT_EQ(Call("ConsolePublish", Request("north")), kKelErrorNotAvailable) << "it must not overtake";
+    EXPECT_TRUE(IsPackageThere(first));
+    result_ = 0;
+    calls_.clear();
+    module_.reset();
+    { const ActiveModule<Console> started; }
+    EXPECT_EQ(TakeCalls(), (Texts{"DeliveryOrder from north client 1", "Package from north client 1"}));
+    EXPECT_FALSE(IsPackageThere(first));
+    module_.emplace();
+    const std::size_t offers = OfferCount();
+    const KelContainer third = Publish(Request("north"));
+    EXPECT_EQ(Offers().back().GetString("FileType"), "DeliveryOrder") << "stores below may still have it";
+    EXPECT_EQ(TakeCalls(), Texts{});
+    TakeReceipt(With(Receipt(kNorth, "failed", 300), {"PublicationId=" + third.GetString("PublicationId")}));
+    EXPECT_EQ(TakeCalls(), Texts{"DeliveryOrder from none"}) << "the order is answered";
+    EXPECT_GT(OfferCount(), offers);
+    EXPECT_EQ(Call("ConsoleWithdraw", From(Values({"PublicationId=x"}), "127.0.3.9")), kKelErrorBadInput);
+    EXPECT_EQ(Call("ConsoleWithdraw", Values({"PublicationId=x"})), kKelErrorBadInput);
+}
+
+TEST_F(ConsoleWithdrawTest, RemovedDeviceIsShownNoMoreAndNothingIsPendingForIt) {
+    const KelContainer published = Publish(Request("all"));
+    for (const std::string& device : {kMaster, kNorth, kClient, std::string("nobody")})
+        EXPECT_EQ(Call("ConsoleRemoveDevice", Values({"Device=" + device})), kKelErrorBadInput) << device;
+    EXPECT_EQ(Call("ConsoleRemoveDevice", Values({"Device=desk-9"})), 0U);
+    EXPECT_EQ(TakeCalls(), Texts{"Package from desk 1 keep removed"});
+    EXPECT_TRUE(DeviceNamed(kDesk).IsEmpty());
+    ExpectValues(Listed(published).GetContainer("Values"), {"Removed=1", "Pending=2", "Targets=3"});
+    TakeIdentity(Identity(kDesk, "desk-9", now_));
+    ExpectValues(DeviceNamed(kDesk), {"Name=desk-9", "SilentSince=0"});
+}
+
 TEST_F(ConsoleUpstreamTest, AllAreNoDevicesThatNothingLeadsTo) {
     TakeIdentity(With(Identity(kDesk, "lost", now_), {"ParentGuid=ABCD0000-0000-0000-0000-0000000000FF"}));
     EXPECT_EQ(Call("ConsolePublish", Request("lost")), kKelErrorBadInput);

@@ -16,6 +16,10 @@ class OrderTest : public DeliveryTest {
             return 0U;
         });
     }
+    static unsigned int Withdraw(KelContainer file) {
+        file.Remove("FilePath");
+        return Call("DeliveryWithdrawFile", file);
+    }
     static KelContainer Published(const KelContainer& file, const std::string& publication, int time) {
         return With(file, "FileInfo",
                     Values({"PublicationId=" + publication, "PublicationTime=" + std::to_string(time)}));
@@ -51,6 +55,7 @@ class OrderTest : public DeliveryTest {
     }
     std::atomic<int> requests_ = 0;
     std::atomic<bool> isStoreBusy_ = false;
+    std::atomic<bool> isForgotten_ = false;
 };
 
 TEST_F(OrderTest, FileIsRequestedAndReplacesAnotherContentUnlessALaterPublicationHas) {
@@ -113,6 +118,32 @@ TEST_F(OrderTest, ALaterPublicationStaysWhenTheOrderedFileComesAfterIt) {
         EXPECT_TRUE(Eventually([this] { return std::filesystem::is_empty(root_ / "data/Delivery/Orders"); }));
     }
     EXPECT_EQ(Receipts().size(), 2 * names.size());
+}
+
+TEST_F(OrderTest, WithdrawnOrderIsNotCarriedOutAndAnAnsweredOneIsForgottenByTheStore) {
+    RunOnArrival("exec sleep 60");
+    FakeAction("FileStoreWithdrawFile (string FileType)", [this](KelContainer* container) {
+        isForgotten_ = container->GetString("FileType") == "DeliveryOrder" &&
+                       container->GetString("FileLabel") == "U" && container->GetString("FileName") == "p2";
+        return 0U;
+    });
+    ActiveModule<Delivery> module;
+    const KelContainer file = Stored("U", "f", "content"), order = Order(file, "p1", 1);
+    EXPECT_EQ(Announce(order), 0U);
+    ASSERT_TRUE(AreRequested(1));
+    EXPECT_EQ(Call("DeliveryWithdrawFile", From(order, "127.0.3.9")), kKelErrorBadInput);
+    EXPECT_EQ(Withdraw(order), 0U);
+    EXPECT_EQ(Announce(file), 0U);
+    EXPECT_FALSE(std::filesystem::exists(InboxPath("U", "f")));
+    EXPECT_TRUE(std::filesystem::is_empty(root_ / "data/Delivery/Orders"));
+    EXPECT_EQ(Announce(Order(file, "p2", 2)), 0U);
+    ASSERT_TRUE(AreRequested(2));
+    EXPECT_EQ(Announce(file), 0U);
+    EXPECT_TRUE(Come({"p2 delivered"}));
+    EXPECT_TRUE(Eventually([this] { return isForgotten_.load(); }));
+    const KelContainer running = Stored("T", "f", "running");
+    EXPECT_EQ(Announce(running), 0U);
+    EXPECT_EQ(Withdraw(running), kKelAnswerStaysHere);
 }
 
 TEST_F(OrderTest, CommandRunsAgainForAFileInPlaceAndOneReceiptAnswersAllOrders) {

@@ -1,0 +1,188 @@
+#include "filestore/down/withdraw.h"
+
+#include <algorithm>
+
+#include "filestore/db/file_status.h"
+#include "filestore/db/files_selection.h"
+#include "filestore/db/files_table.h"
+#include "filestore/db/handed_over_table.h"
+#include "filestore/db/targets_table.h"
+#include "filestore/down/announcement_calls.h"
+#include "filestore/down/target_list.h"
+#include "filestore/exchange/input_checks.h"
+#include "filestore/state/device.h"
+#include "filestore/state/file_store.h"
+#include "filestore/state/parent.h"
+#include "filestore/state/store_layout.h"
+#include "filestore/state/waiting_reasons.h"
+#include "kel/text.h"
+#include "kelcore/action_db.h"
+#include "kelcore/call_origin.h"
+#include "kelcore/callback_db.h"
+#include "kelcore/error_codes.h"
+#include "kelcore/file_values.h"
+
+using namespace filestore;
+
+namespace {
+
+constexpr const char* kAction = "FileStoreWithdrawFile";
+constexpr const char* kEvent = "FileStoreCallbackWithdrawnFile";
+constexpr const char* kValueKeepContent = "KeepContent";
+constexpr const char* kValueRemoved = "Removed";
+
+/// What a call says.
+struct Withdrawal {
+    FileKey key;
+    bool keepContent = false;
+    bool isRemoval = false;
+    bool isHere = false;            ///< this device is a target
+    KelVector<SubTree> below;       ///< by device of the next level
+    bool isKeptByConsumer = false;  ///< a module of this device works on it
+};
+
+KelContainer ValuesOf(const FileWithdrawal& withdrawal, KelContainer tree) {
+    KelContainer values;
+    withdrawal.key.Write(values);
+    values.SetContainer(kValueDevicePath, std::move(tree));
+    values.SetBool(kValueKeepContent, withdrawal.keepContent);
+    values.SetBool(kValueRemoved, withdrawal.isRemoval);
+    return values;
+}
+
+/// A file may be withdrawn by those who may announce it, and by the modules of this device.
+bool IsCallerAccepted(const KelContainer& arguments) {
+    if (ActionIsFromThisDevice(arguments)) return true;
+    const KelString address = ActionRequestAddress(arguments);
+    if (MaySendDown(address)) return true;
+    FileStore::debugFileStore.Warning("Refusing the withdrawal of a file by %S, which is not the parent\n",
+                                      address);
+    return false;
+}
+
+/// Without a tree this device alone is meant. False when the call is unusable.
+bool Read(const KelContainer& arguments, Withdrawal& withdrawal) {
+    withdrawal.key = FileKey::Read(arguments);
+    withdrawal.keepContent = arguments.GetBool(kValueKeepContent);
+    withdrawal.isRemoval = arguments.GetBool(kValueRemoved);
+    if (!CheckFileKey(withdrawal.key, true)) return false;
+    const KelContainer tree = arguments.GetContainer(kValueDevicePath);
+    withdrawal.isHere = tree.IsEmpty();
+    if (withdrawal.isHere) return true;
+    if (!FileStore::CheckDevicePath(tree)) return false;
+    for (SubTree& part : SubTreesOf(tree)) {
+        if (part.device.empty())
+            withdrawal.isHere = true;
+        else if (!CheckDeviceText(kValueDevicePath, part.device))
+            return false;
+        else
+            withdrawal.below.push_back(std::move(part));
+    }
+    return true;
+}
+
+/// Modules that have begun with a file answer that it stays. They are asked without a lock.
+bool AskConsumers(const FileKey& key) {
+    KelContainer values, results;
+    key.Write(values);
+    CallbackDbTrigger(kEvent, values, results);
+    return FileStore::CheckHandlerResult(results, kKelAnswerStaysHere);
+}
+
+/// False when the database did not take it, in this and those below. `left`: the targets that remain.
+bool RemoveTargets(std::uint64_t fileId, const Withdrawal& withdrawal, std::size_t& left) {
+    const auto targets = FindTargets(fileId);
+    if (!targets) return false;
+    left = targets->size();
+    for (const FileStoreTarget& target : *targets) {
+        const bool isHere = target.DeviceGUID.empty() && withdrawal.isHere;
+        const auto rest =
+            isHere ? std::nullopt : WithoutTargets(target, withdrawal.below, withdrawal.keepContent);
+        if (rest && *rest == target) continue;
+        if (!(rest ? StoreTarget(fileId, *rest) != 0 : DeleteTarget(target.TargetId))) return false;
+        if (!rest) --left;
+    }
+    return true;
+}
+
+/// True when nothing on this device wants the file any more, which is being withdrawn.
+bool IsToBeForgotten(const FileStoreEntry& file, const Withdrawal& withdrawal) {
+    if (withdrawal.isKeptByConsumer || file.FileStatus == kStatusReceiving) return false;
+    if (!withdrawal.isHere && IsHandedOver(file.FileId)) return false;
+    const bool isHeld = file.FileStatus == kStatusAvailable || file.FileStatus == kStatusNotRelaysChild;
+    return !(isHeld && withdrawal.keepContent);
+}
+
+bool WithdrawRow(const FileStoreEntry& file, const Withdrawal& withdrawal, FileRows& forgotten) {
+    std::size_t left = 0;
+    if (!RemoveTargets(file.FileId, withdrawal, left)) return false;
+    if (left != 0 || !IsToBeForgotten(file, withdrawal)) return true;
+    forgotten.push_back(file);
+    return DeleteFileRow(Side::Downstream, file.FileId);
+}
+
+/// Records what the devices of the next level are to be told. A target that is gone is not called any more.
+bool PassOn(const Withdrawal& withdrawal) {
+    return std::all_of(withdrawal.below.begin(), withdrawal.below.end(), [&](const SubTree& part) {
+        const bool isGone = withdrawal.isRemoval && part.below.IsEmpty();
+        const KelString guid = StringTokeniser(part.device, '/').GetToken(1);
+        if (isGone) return IsUsableGuid(guid) && DeleteWithdrawalsOf(guid);
+        KelContainer tree;
+        tree.SetContainer(part.device, part.below);
+        return AddWithdrawal({.deviceGuid = part.device,
+                              .key = withdrawal.key,
+                              .devicePath = tree.SaveToXML(),
+                              .keepContent = withdrawal.keepContent,
+                              .isRemoval = withdrawal.isRemoval});
+    });
+}
+
+/// All of it or nothing.
+bool Record(const Withdrawal& withdrawal) {
+    FileRows forgotten;
+    const KelLock lock(FileStore::mutexDownstream);
+    DBTransaction transaction(*FileStore::pDbConnectionDownstream);
+    if (!transaction.IsOpen()) return false;
+    const auto rows = SelectFilesOfKey(withdrawal.key);
+    const bool isRecorded = rows && std::all_of(rows->begin(), rows->end(), [&](const FileStoreEntry& file) {
+                                return WithdrawRow(file, withdrawal, forgotten);
+                            });
+    if (!isRecorded || !PassOn(withdrawal) || !transaction.Commit()) return false;
+    // Still under the lock: an offer of the same file puts its content at the same place.
+    for (const FileStoreEntry& file : forgotten) {
+        Reasons().MovedOn(Side::Downstream, file.FileId);
+        FileStore::debugFileStore.Print("%S was withdrawn and is forgotten\n", file.Key().Text());
+        if (!file.ExternalFile) DeleteFileAndFolder(ContentPath(file, Side::Downstream));
+    }
+    return true;
+}
+
+}  // namespace
+
+namespace filestore {
+
+unsigned int WithdrawFrom(const FileWithdrawal& withdrawal) {
+    KelContainer tree;
+    if (!tree.LoadFromXML(withdrawal.devicePath)) return kKelErrorBadInput;
+    KelContainer values = ValuesOf(withdrawal, std::move(tree));
+    KelString url, guid;
+    FileStore::GetDeviceUrl(withdrawal.deviceGuid, url, guid);
+    return ActionDbInvokeContainer(nullptr, url, kAction, values, 0, kConnectTimeout, kCallTimeout, nullptr);
+}
+
+bool IsFinalRefusal(unsigned int error) {
+    return error == kKelErrorBadInput || error == kKelErrorUnknownAction;
+}
+
+}  // namespace filestore
+
+unsigned int FileStore::ActionHandler_FileStoreWithdrawFile(KelContainer* arguments) {
+    Withdrawal withdrawal;
+    const bool isUsable = IsCallerAccepted(*arguments) && Read(*arguments, withdrawal);
+    arguments->Clear();
+    if (!isUsable) return kKelErrorBadInput;
+    if (withdrawal.isHere) withdrawal.isKeptByConsumer = AskConsumers(withdrawal.key);
+    if (!Record(withdrawal)) return kKelErrorInternal;  // the caller repeats it
+    if (!withdrawal.below.empty()) WakeWorker(Worker::Notify);
+    return kKelOk;
+}
