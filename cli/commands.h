@@ -30,6 +30,7 @@ int RunCommand(const CommonOptions& common, const InboxOptions& options);
 int RunCommand(const CommonOptions& common, const CallOptions& options);
 int RunCommand(const CommonOptions& common, const WhyOptions& options);
 int RunCommand(const CommonOptions& common, const GroupsOptions& options);
+int RunCommand(const CommonOptions& common, const ResumeOptions& options);
 
 class Remote;
 
