@@ -1,3 +1,5 @@
+#include <malloc.h>
+
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
@@ -8,6 +10,21 @@
 #include "agent/agent_options.h"
 
 namespace {
+
+constexpr int kHeaps = 4;
+constexpr int kLargeBytes = 128 << 10;
+
+/// Keeps the memory of the process close to what it uses. By default each thread may get a heap of its own,
+/// up to eight for each core, and every heap keeps what it has freed up to twice the largest buffer that was
+/// ever released: with buffers of 512 KiB for transfers, four fifths of the agent's memory were free. Few
+/// threads work at a time, so they can share a few heaps. Large buffers go back to the system at once.
+///
+/// Before the first thread is started.
+void LimitHeaps() {
+    mallopt(M_ARENA_MAX, kHeaps);
+    mallopt(M_MMAP_THRESHOLD, kLargeBytes);  // setting these also ends their growing with the buffers
+    mallopt(M_TRIM_THRESHOLD, kLargeBytes);
+}
 
 int Complain(const KelError& error, int exitCode) {
     std::fprintf(stderr, "kelagent: %s\n", error.message.c_str());
@@ -37,6 +54,7 @@ int Run(const AgentOptions& options) {
 }  // namespace
 
 int main(int count, char** arguments) {
+    LimitHeaps();
     int exitCode = kExitUsage;
     const auto options = ParseAgentOptions(count, arguments, exitCode);
     if (!options) return exitCode;

@@ -8,8 +8,8 @@
 #include "kel/types.h"
 
 // The commands, in families: publish_commands.cpp, transfer_commands.cpp, store_commands.cpp,
-// device_commands.cpp, group_commands.cpp, steering_commands.cpp, init_command.cpp, why_command.cpp; and
-// those of their steps that have tests of their own.
+// device_commands.cpp, group_commands.cpp, steering_commands.cpp, init_command.cpp, why_command.cpp,
+// wake_command.cpp; and those of their steps that have tests of their own.
 
 /// Runs one command: prints its results to stdout and what went wrong to stderr. An exit code of
 /// cli/options.h.
@@ -31,6 +31,7 @@ int RunCommand(const CommonOptions& common, const CallOptions& options);
 int RunCommand(const CommonOptions& common, const WhyOptions& options);
 int RunCommand(const CommonOptions& common, const GroupsOptions& options);
 int RunCommand(const CommonOptions& common, const ResumeOptions& options);
+int RunCommand(const CommonOptions& common, const WakeOptions& options);
 
 class Remote;
 
@@ -50,6 +51,11 @@ struct DeviceRow {
 /// The devices under "Values" in `answer` (each with GUID and Parent), parents before their children and
 /// otherwise in the order given. Every device appears once, also when parents name each other in a circle.
 KelVector<DeviceRow> OrderByParent(const KelContainer& answer);
+
+/// The arguments of WakeOnLanWakeUp for the device with this GUID or name, in any case, among those under
+/// "Values" in `devices`, of which the first is the master. An error when there is none, several have the
+/// name, or no way leads to it.
+KelResult<KelContainer> WakeUpArguments(const KelContainer& devices, const KelString& device);
 
 /// The rows that `file` prints: the values of a file of the store, each as a container with Name and Value
 /// under "Values". Sizes, times and the status are in readable form.

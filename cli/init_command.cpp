@@ -19,7 +19,7 @@ namespace {
 /// The modules of a role in the order in which they are loaded. CoreUtils comes before FileStore, which
 /// unpacks archives as soon as it runs.
 KelVector<KelString> ModulesOf(const KelString& role) {
-    KelVector<KelString> modules = {"Identity", "Relay", "TransferWindow", "HttpProtocol"};
+    KelVector<KelString> modules = {"Identity", "Relay", "TransferWindow", "WakeOnLan", "HttpProtocol"};
     if (role == "master") modules.emplace_back("Console");
     modules.emplace_back("Delivery");
     modules.emplace_back("CoreUtils");

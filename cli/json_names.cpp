@@ -92,6 +92,8 @@ constexpr auto kNames = std::to_array<Name>({
     {"Member", "member"},
     {"Members", "members"},
     {"Devices", "devices"},
+    {"WakeOnLanSenderIPAddr", "sender"},
+    {"WakeOnLanBroadcastIPAddr", "broadcast"},
     // status
     {"Agent", "agent"},
     {"Version", "version"},

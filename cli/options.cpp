@@ -31,6 +31,7 @@ struct Parsed {
     CallOptions call;
     WhyOptions why;
     GroupsOptions groups;
+    WakeOptions wake;
     std::optional<CommandOptions> chosen;
 };
 
@@ -137,9 +138,7 @@ void DefinePublish(CLI::App& app, Parsed& parsed) {
     command->add_option("--priority", publish.priority, "Files of higher priority go first")
         ->capture_default_str();
     command->add_flag("--bypass", publish.bypass, "Go also while transfer windows are closed");
-    command->add_flag("--wake", publish.wake,
-                      "Wake devices that do not answer; needs a module with the action WakeOnLanWakeUp,"
-                      " which this version does not ship");
+    command->add_flag("--wake", publish.wake, "Wake devices that do not answer, by Wake-on-LAN");
     command
         ->add_flag("--watch", publish.watch,
                    "Go on until every target has the files; interrupting it leaves the transfers running")
@@ -277,6 +276,9 @@ void DefineQueries(CLI::App& app, Parsed& parsed) {
     why->add_option("DEVICE", parsed.why.device, "Only this target: its GUID, or on the master its name");
     why->add_flag("--upstream", parsed.why.upstream, "The number is one of 'kel files --upstream'");
     why->callback([&parsed] { parsed.chosen = parsed.why; });
+    auto* wake = app.add_subcommand("wake", "Wake a sleeping device by Wake-on-LAN; on the master");
+    wake->add_option("DEVICE", parsed.wake.device, "GUID or name of the device")->required();
+    wake->callback([&parsed] { parsed.chosen = parsed.wake; });
     auto* files = app.add_subcommand("files", "Files in the store");
     files->add_flag("--upstream", parsed.files.upstream, "Those on their way to the master");
     files->add_option("--limit", parsed.files.limit, "Print at most so many")

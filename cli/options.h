@@ -76,6 +76,10 @@ struct WhyOptions {
     bool upstream = false;
 };
 
+struct WakeOptions {
+    KelString device;  ///< GUID or name
+};
+
 struct SendOptions {
     KelVector<KelString> files;
     KelString type;
@@ -124,7 +128,8 @@ struct CallOptions {
 using CommandOptions =
     std::variant<InitOptions, StatusOptions, DevicesOptions, PublishOptions, PublicationsOptions, SendOptions,
                  CollectedOptions, RequestOptions, UploadOptions, FilesOptions, FileOptions, SettingsOptions,
-                 WindowsOptions, InboxOptions, CallOptions, WhyOptions, GroupsOptions, ResumeOptions>;
+                 WindowsOptions, InboxOptions, CallOptions, WhyOptions, GroupsOptions, ResumeOptions,
+                 WakeOptions>;
 
 struct Options {
     CommonOptions common;

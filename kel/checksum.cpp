@@ -41,12 +41,16 @@ class Digest {
     std::unique_ptr<EVP_MD_CTX, Free> context_;
 };
 
-bool DigestOf(int fd, const EVP_MD* method, KelString& digest) {
+bool DigestOf(int fd, const EVP_MD* method, KelString& digest, const std::function<bool()>& stopped = {}) {
     Digest state(method);
     const auto buffer = std::make_unique_for_overwrite<char[]>(kReadBytes);
     // The whole file is read once from start to end: a longer read-ahead pays.
     ::posix_fadvise(fd, 0, 0, POSIX_FADV_SEQUENTIAL);
     for (off_t offset = 0;;) {
+        if (stopped && stopped()) {
+            errno = ECANCELED;
+            return false;
+        }
         const ssize_t got = ::pread(fd, buffer.get(), kReadBytes, offset);
         if (got < 0 && errno == EINTR) continue;
         if (got < 0) return false;
@@ -80,8 +84,8 @@ bool FileMd5(const KelString& path, KelString& digest) {
     return DigestOf(path, EVP_md5(), digest);
 }
 
-bool FileMd5(int fd, KelString& digest) {
-    return DigestOf(fd, EVP_md5(), digest);
+bool FileMd5(int fd, KelString& digest, const std::function<bool()>& stopped) {
+    return DigestOf(fd, EVP_md5(), digest, stopped);
 }
 
 bool FileSha256(const KelString& path, KelString& digest) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <initializer_list>
 #include <string_view>
 
@@ -9,7 +10,8 @@
 bool FileMd5(const KelString& path, KelString& digest);
 
 /// The same of an open descriptor, read from its start to its end with pread; the file position stays.
-bool FileMd5(int fd, KelString& digest);
+/// `stopped` is asked before each piece of 1 MiB; when it answers true, the call fails with ECANCELED.
+bool FileMd5(int fd, KelString& digest, const std::function<bool()>& stopped = {});
 
 /// The SHA-256 digest (FIPS 180-4) of a file as 64 lower-case hexadecimal digits; false when it cannot be
 /// read.

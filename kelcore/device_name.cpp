@@ -38,13 +38,6 @@ bool ConsistsOf(std::string_view text, std::size_t most, bool (*isAllowed)(char)
     return !text.empty() && text.size() <= most && std::all_of(text.begin(), text.end(), isAllowed);
 }
 
-/// "host:port" of IsDeviceUrl and ParseDevicePathName.
-bool IsHostAndPort(std::string_view text) {
-    const std::size_t colon = text.find(':');
-    return colon != std::string_view::npos && IsHostName(text.substr(0, colon)) &&
-           ConsistsOf(text.substr(colon + 1), kMaxPortDigits, IsDigit);
-}
-
 }  // namespace
 
 bool IsGuid(std::string_view text) {
@@ -66,6 +59,12 @@ bool IsMacAddress(std::string_view text) {
         if (i % 3 == 2 ? text[i] != '-' : !IsUpperHexDigit(text[i])) return false;
     }
     return true;
+}
+
+bool IsHostAndPort(std::string_view text) {
+    const std::size_t colon = text.find(':');
+    return colon != std::string_view::npos && IsHostName(text.substr(0, colon)) &&
+           ConsistsOf(text.substr(colon + 1), kMaxPortDigits, IsDigit);
 }
 
 bool IsDeviceUrl(std::string_view text) {

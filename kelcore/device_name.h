@@ -18,7 +18,10 @@ bool IsHostName(std::string_view text);
 /// True for six pairs of upper-case hexadecimal digits, separated by "-".
 bool IsMacAddress(std::string_view text);
 
-/// True for "host:port/GUID" with a host as for IsHostName and a port of 1 to 5 digits.
+/// True for "host:port" with a host as for IsHostName and a port of 1 to 5 digits.
+bool IsHostAndPort(std::string_view text);
+
+/// True for "host:port/GUID".
 bool IsDeviceUrl(std::string_view text);
 
 /// The GUID of a device named by "GUID" or "ANYTHING/GUID", where ANYTHING is UTF-8 without "/"; empty when

@@ -41,7 +41,7 @@ bool KelFailureLog::Failed(KelDebugLevel level, const KelString& key, const KelS
     KelString text = line;
     {
         const KelLock lock(mutex_);
-        if (failing_.size() >= kMaxFailures) DropOld(now);
+        if (failing_.size() >= dropAt_) DropOld(now);
         State& state = failing_[key];
         if (!state.isOpen) {
             state.isOpen = true;
@@ -93,4 +93,5 @@ void KelFailureLog::DropOld(Clock::time_point now) {
         return now - failure.second.last >= pause;
     });
     if (failing_.size() >= kMaxFailures) failing_.erase(failing_.begin());
+    dropAt_ = std::clamp(2 * failing_.size(), kFewFailures, kMaxFailures);
 }

@@ -43,9 +43,12 @@ class KelFailureLog {
         std::optional<Clock::time_point> logged;  ///< the last line about it
     };
 
+    static constexpr std::size_t kFewFailures = 100;
+
     void DropOld(Clock::time_point now) KEL_REQUIRES(mutex_);
 
     const KelDebug& log_;
     KelMutex mutex_;
     KelHash<KelString, State> failing_ KEL_GUARDED_BY(mutex_);
+    std::size_t dropAt_ KEL_GUARDED_BY(mutex_) = kFewFailures;  ///< so many entries; the old ones go then
 };

@@ -114,10 +114,19 @@ bool IsValidDestination(const KelString& deviceGuid) {
     return true;
 }
 
+/// Of the failures of targets that are to be woken.
+static KelString FailureKey(const KelString& deviceGuid) {
+    return "wake " + deviceGuid;
+}
+
+void NoteAnswerOf(const KelString& deviceGuid) {
+    FileStore::failures.Succeeded(FailureKey(deviceGuid), KelFormat("NotifyThread: %S answers", deviceGuid));
+}
+
 bool WakeUpTarget(const FileStoreTarget& target, unsigned int error) {
     if (target.WakeUpDevice != 1) return false;
     if (FileStore::failures.Failed(
-            KelDebugLevel::Error, "wake " + target.DeviceGUID,
+            KelDebugLevel::Error, FailureKey(target.DeviceGUID),
             KelFormat("NotifyThread: Failed to call %S, error %u", target.DeviceGUID, error)))
         FileStore::debugFileStore.Warning("NotifyThread: %S does not answer (%S) and is to be woken\n",
                                           target.DeviceGUID, KelErrorText(error));

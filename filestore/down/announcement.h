@@ -31,4 +31,7 @@ bool IsValidDestination(const KelString& deviceGuid);
 /// result of the call. True when it has been asked.
 bool WakeUpTarget(const FileStoreTarget& target, unsigned int error);
 
+/// Ends what WakeUpTarget began to log: the target has answered a call.
+void NoteAnswerOf(const KelString& deviceGuid);
+
 }  // namespace filestore

@@ -39,7 +39,10 @@ unsigned int AnnounceTo(const FileTarget& row) {
 }
 
 void NoteCall(const FileStoreTarget& target, unsigned int error) {
-    if (error == kKelOk) return Reasons().DeviceAnswered(target.DeviceGUID);
+    if (error == kKelOk) {
+        NoteAnswerOf(target.DeviceGUID);
+        return Reasons().DeviceAnswered(target.DeviceGUID);
+    }
     WaitingReason reason = ReasonOfCall(error, PeerName(target.DeviceGUID));
     if (WakeUpTarget(target, error)) reason.code = Waiting::WakeUpSent;
     Reasons().NoteDevice(target.DeviceGUID, std::move(reason));

@@ -163,15 +163,17 @@ KelString PeerName(const KelString& url) {
     return url.substr(0, url.find('/'));
 }
 
+/// Rows may end, withdrawn or cleaned up, without having moved on.
 void WaitingReasons::DropOld(std::int64_t now) {
     std::erase_if(entries_, [now](const auto& entry) { return entry.second.noted < now - kKept; });
+    dropAt_ = std::clamp(2 * entries_.size(), kFewEntries, kMostEntries);
 }
 
 void WaitingReasons::Put(Key key, WaitingStep step, WaitingReason reason) {
     const std::int64_t now = std::time(nullptr);
     const KelLock lock(mutex_);
     const auto known = entries_.find(key);
-    if (known == entries_.end() && entries_.size() >= kMostEntries) {
+    if (known == entries_.end() && entries_.size() >= dropAt_) {
         DropOld(now);
         if (entries_.size() >= kMostEntries) return;  // the rows still say what can be derived from them
     }

@@ -115,8 +115,11 @@ class WaitingReasons {
     void Put(Key key, WaitingStep step, WaitingReason reason);
     void DropOld(std::int64_t now) KEL_REQUIRES(mutex_);
 
+    static constexpr std::size_t kFewEntries = 500;
+
     mutable KelMutex mutex_;  ///< a leaf: nothing is called under it
     std::map<Key, Entry> entries_ KEL_GUARDED_BY(mutex_);
+    std::size_t dropAt_ KEL_GUARDED_BY(mutex_) = kFewEntries;  ///< so many entries; the old ones go then
     std::map<Key, Transfer> transfers_ KEL_GUARDED_BY(mutex_);
 };
 

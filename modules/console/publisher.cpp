@@ -22,6 +22,8 @@
 namespace {
 
 constexpr std::size_t kIdBytes = 8;
+/// Between two orders for a publication, seconds.
+constexpr std::int64_t kLongestOrderGap = 86400;
 
 PublicationSummary SummaryOf(const PublicationRequest& request, const PackageFile& file,
                              const KelString& id) {
@@ -262,8 +264,9 @@ bool Publisher::Repeat(const KelString& guid) {
 
 bool Publisher::IsDueOnce(const PublicationSummary& publication) {
     const std::int64_t latest = std::max(publication.createTime, publication.orderTime);
+    const std::int64_t gap = std::min(latest - publication.createTime, kLongestOrderGap);
     const KelLock lock(mutex_);
-    return !done_.contains(publication.id) && std::abs(std::time(nullptr) - latest) >= kOrderGap;
+    return !done_.contains(publication.id) && std::abs(std::time(nullptr) - latest) >= gap;
 }
 
 bool Publisher::RepeatOnceForMaster() {

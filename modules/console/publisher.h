@@ -41,14 +41,12 @@ class Publisher {
     bool Repeat(const KelString& guid);
 
     /// The same for the master, whose databases may have been restored from a backup, for each publication
-    /// once in this process. One that was made or ordered within kOrderGap is left to a later call. True when
-    /// nothing failed.
+    /// once in this process. A publication that was ordered again is left to a later call until as much time
+    /// has passed since then as before, a day at most: an agent that is restarted in a loop makes few orders.
+    /// True when nothing failed.
     bool RepeatOnceForMaster();
 
   private:
-    /// Seconds within which a restart of the master orders no publication a second time.
-    static constexpr std::int64_t kOrderGap = 600;
-
     bool RepeatAll(const KelString& guid, const std::function<bool(const PublicationSummary&)>& isDue);
     bool RepeatPublication(const PublicationSummary& publication, const KelVector<Device>& devices,
                            const KelString& guid);

@@ -109,6 +109,9 @@ KelVector<DeliveredFile> Inbox::List(const WasDelivered& wasDelivered) {
     }
     for (const KelString& type : types_)
         ListType(typeFolders_.at(type), type, wasDelivered, files);
+    const KelLock lock(mutex_);
+    if (known_.size() > files.size())
+        std::erase_if(known_, [](const auto& known) { return !FileExists(known.first); });
     return files;
 }
 

@@ -81,4 +81,18 @@ std::optional<AliasMatch> AliasTable::Find(std::string_view path) const {
     return std::nullopt;
 }
 
+std::optional<AliasMatch> AliasTable::FindFolderOf(std::string_view localPath) const {
+    const std::shared_lock lock(mutex_);
+    for (const auto& [name, folder] : folders_) {
+        std::string_view rest = localPath;
+        std::string_view root = folder->Path();
+        if (root.ends_with('/')) root.remove_suffix(1);
+        if (!rest.starts_with(root)) continue;
+        rest.remove_prefix(root.size());
+        if (!rest.starts_with('/') || !IsUsableName(rest.substr(1))) continue;
+        return AliasMatch{folder, KelString(rest.substr(1)), writable_.contains(name)};
+    }
+    return std::nullopt;
+}
+
 }  // namespace kelhttp

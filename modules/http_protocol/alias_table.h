@@ -56,6 +56,10 @@ class AliasTable {
     /// The longest alias that `path` (decoded and checked, "/a/b") begins with, ending at a "/".
     std::optional<AliasMatch> Find(std::string_view path) const;
 
+    /// The same for a path of this device: the alias whose folder holds it. Nothing when none does, or when
+    /// an element beneath the folder is empty, "." or "..", or has a control character.
+    std::optional<AliasMatch> FindFolderOf(std::string_view localPath) const;
+
   private:
     mutable std::shared_mutex mutex_;  ///< shared, because every request looks up its alias
     std::map<KelString, std::shared_ptr<const RootFolder>, std::less<>>

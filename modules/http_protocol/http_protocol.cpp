@@ -8,8 +8,10 @@
 #include "kelcore/agent.h"
 #include "kelcore/call_origin.h"
 #include "kelcore/error_codes.h"
+#include "modules/http_protocol/multicast_actions.h"
 #include "modules/http_protocol/server.h"
 
+using kelhttp::MulticastReceiver;
 using kelhttp::Server;
 
 HttpProtocol::HttpProtocol() : KelModule("HttpProtocol", "HTTP protocol module") {}
@@ -29,6 +31,30 @@ void HttpProtocol::Register(const char* handle) {
     add("HttpProtocolGetParams ()", [this](KelContainer& container) { return GetParams(container); });
     add("HttpProtocolGetThreadCount (bool FirstTime)",
         [this](KelContainer& container) { return GetThreadCount(container); });
+    RegisterMulticast(handle);
+}
+
+void HttpProtocol::RegisterMulticast(const char* handle) {
+    const auto add = [this, handle](const char* signature,
+                                    std::function<unsigned int(MulticastReceiver&, KelContainer&)> action) {
+        const auto call = [this, action = std::move(action)](KelContainer* container) -> unsigned int {
+            MulticastReceiver* const receiver = CurrentReceiver();
+            return receiver != nullptr ? action(*receiver, *container) : unsigned{kKelErrorNotAvailable};
+        };
+        ActionDbRegisterAction(signature, call, handle);
+    };
+    add("HttpProtocolMulticastStartListen (string MulticastAddress, int32 MulticastPort, int32 "
+        "MulticastBlockSize, int64 FileSize)",
+        [this](MulticastReceiver& receiver, KelContainer& container) {
+            return kelhttp::StartMulticastListening(receiver, Log(), container);
+        });
+    add("HttpProtocolMulticastStopListen (string MulticastAddress)",
+        [this](MulticastReceiver& receiver, KelContainer& container) {
+            return kelhttp::StopMulticastListening(receiver, Log(), container);
+        });
+    add("HttpProtocolMulticastIsCompleted (string MulticastAddress, int32 MulticastPort, bool "
+        "MulticastDifferencialRetry)",
+        kelhttp::ReportMulticast);
 }
 
 bool HttpProtocol::Initialise() {
@@ -49,15 +75,25 @@ bool HttpProtocol::Initialise() {
     }
     settings.port = server->Port();
     if (settings.bandwidthPort != 0) settings.bandwidthPort = server->BandwidthPort();
+    auto receiver = std::make_unique<MulticastReceiver>(
+        kelhttp::MulticastSettings{KelAgentGetAddress(), settings.password, settings.multicastTimeout,
+                                   settings.multicastMaxGroups},
+        aliases_, Log());
     const KelLock lock(mutex_);
     settings_ = std::move(settings);
     server_ = std::move(server);
+    receiver_ = std::move(receiver);
     return true;
 }
 
 Server* HttpProtocol::CurrentServer() const {
     const KelLock lock(mutex_);
     return server_.get();
+}
+
+MulticastReceiver* HttpProtocol::CurrentReceiver() const {
+    const KelLock lock(mutex_);
+    return receiver_.get();
 }
 
 bool HttpProtocol::Activate() {
@@ -76,6 +112,8 @@ std::optional<KelString> HttpProtocol::ServerAddress() const {
 }
 
 void HttpProtocol::Cleanup() {
+    if (MulticastReceiver* const receiver = CurrentReceiver())
+        receiver->Stop();  // first: actions may wait for it
     if (Server* const server = CurrentServer()) server->Stop();
 }
 

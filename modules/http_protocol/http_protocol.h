@@ -11,8 +11,9 @@
 #include "modules/http_protocol/settings.h"
 
 namespace kelhttp {
+class MulticastReceiver;
 class Server;
-}
+}  // namespace kelhttp
 
 /// The agent's HTTP server: calls of actions, files under aliases, uploads.
 ///
@@ -25,8 +26,11 @@ class Server;
 /// - HttpProtocolGetThreadCount (bool FirstTime) -> ThreadCount(int32): clients with long requests in
 ///   progress, at least 1; with FirstTime also BwPort, BwPingFrequency, BwClientCheckFrequency,
 ///   BwPingDuration (int32)
+/// - HttpProtocolMulticastStartListen, HttpProtocolMulticastStopListen, HttpProtocolMulticastIsCompleted: see
+///   multicast_actions.h
 ///
-/// Event: HttpProtocolCallbackPut{URL, MulticastAddress, LocalPath}, after an upload is in place.
+/// Event: HttpProtocolCallbackPut{URL, MulticastAddress, LocalPath}, after an upload is in place, or a file
+/// that came by multicast (then with its group in MulticastAddress).
 ///
 /// Initialise binds the port; Activate begins to serve it and fails when another program listens on it by
 /// then. All actions answer from Initialise on, and still after Cleanup.
@@ -55,10 +59,14 @@ class HttpProtocol final : public KelModule {
 
     /// Null before Initialise has succeeded; afterwards valid until the destructor.
     kelhttp::Server* CurrentServer() const;
+    /// The same.
+    kelhttp::MulticastReceiver* CurrentReceiver() const;
+    void RegisterMulticast(const char* handle);
 
     kelhttp::AliasTable aliases_;
     mutable KelMutex mutex_;
     kelhttp::ServerSettings settings_ KEL_GUARDED_BY(mutex_);
-    /// Kept when stopped: its actions may still run.
+    /// Kept when stopped: actions may still run, for which the server's destructor waits.
+    std::unique_ptr<kelhttp::MulticastReceiver> receiver_ KEL_GUARDED_BY(mutex_);
     std::unique_ptr<kelhttp::Server> server_ KEL_GUARDED_BY(mutex_);
 };

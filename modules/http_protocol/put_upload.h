@@ -5,23 +5,18 @@
 
 #include "kel/debug.h"
 #include "kel/types.h"
-#include "kel/unique_fd.h"
 #include "modules/http_protocol/alias_table.h"
+#include "modules/http_protocol/unfinished_file.h"
 
 namespace kelhttp {
 
-/// An upload in progress: a file without a name in the destination's folder, which is put in place once it is
-/// complete and synced. If the object or the process ends before that, nothing is left behind. On file
-/// systems without nameless files a hidden file is used instead; one that a killed process left is removed by
-/// a later upload to the folder. The operations block on the disk and run one at a time, on any thread; each
-/// returns 0 or the HTTP status of the failure, which it has logged.
+/// An upload in progress, which is put in place once it is complete and synced. The operations block on the
+/// disk and run one at a time, on any thread; each returns 0 or the HTTP status of the failure, which it has
+/// logged.
 class PutUpload {
   public:
     /// `url`: the decoded request path; `size`: bytes that will come.
     PutUpload(KelString url, AliasMatch place, std::uint64_t size, const KelDebug& log);
-    ~PutUpload();
-    PutUpload(const PutUpload&) = delete;
-    PutUpload& operator=(const PutUpload&) = delete;
 
     /// Creates the file and reserves its space. 404 no such folder, 403 not allowed there, 507 no space, 500
     /// otherwise.
@@ -39,27 +34,18 @@ class PutUpload {
     unsigned int Commit();
 
     /// True when Commit created the file, false when it replaced one.
-    bool IsNew() const { return isNew_; }
+    bool IsNew() const { return file_.IsNew(); }
 
   private:
-    unsigned int MakeHiddenFile();
-    void RemoveLeftovers() const;
-    bool PutInPlace();
     unsigned int Fail(const char* what);
-    KelString OpenFilePath() const;
     unsigned int Trigger(const char* event) const;
 
     KelString url_;
-    AliasMatch place_;
+    UnfinishedFile file_;
     std::uint64_t size_;
     const KelDebug& log_;
-    UniqueFd folder_;
-    UniqueFd file_;
-    KelString name_;
-    KelString hiddenName_;  ///< of the file while it is not in place; empty when it has none
     std::uint64_t written_ = 0;
     std::uint64_t handedOver_ = 0;  ///< bytes whose write-back has been started
-    bool isNew_ = false;
 };
 
 }  // namespace kelhttp

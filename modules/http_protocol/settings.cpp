@@ -33,6 +33,8 @@ constexpr NumberEntry kNumbers[] = {
     {"MaxConnections", &ServerSettings::maxConnections, 1, 1 << 20},
     {"MaxConnectionsPerAddress", &ServerSettings::maxConnectionsPerAddress, 1, 1 << 20},
     {"NonceLifetime", &ServerSettings::nonceLifetime, 1, 86400},
+    {"MulticastTimeout", &ServerSettings::multicastTimeout, 1, 86400},
+    {"MulticastMaxGroups", &ServerSettings::multicastMaxGroups, 1, 1000},
     {"BwPingFrequency", &ServerSettings::bandwidthPingFrequency, 0, 1 << 30},
     {"BwClientCheckFrequency", &ServerSettings::bandwidthClientCheckFrequency, 0, 1 << 30},
     {"BwPingDuration", &ServerSettings::bandwidthPingDuration, 0, 1 << 30},

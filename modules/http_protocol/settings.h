@@ -39,6 +39,9 @@ struct ServerSettings {
     int bandwidthClientCheckFrequency = 0;
     int bandwidthPingDuration = 0;
 
+    int multicastTimeout = 600;  ///< a multicast reception that hears nothing for so long ends
+    int multicastMaxGroups = 16;
+
     KelString userName;  ///< credentials of every request
     KelString password;
 };

@@ -7,7 +7,7 @@
 #include "kel/result.h"
 #include "kel/types.h"
 #include "kelcore/ini_settings.h"
-#include "modules/identity/network_interface.h"
+#include "kelcore/net/network_interface.h"
 
 /// How this device describes itself to others, except for its GUID.
 struct DeviceValues {

@@ -22,9 +22,18 @@ COMES_AND_GOES, SMALL_DISK = "client12", "client22"
 KILL_SECONDS, FAULT_SECONDS, FULL_SECONDS, AWAY_SECONDS = 20, 30, 45, 40
 SETTLING_SECONDS = 150
 SET_BACK_SECONDS = 86400  # more than passes while the tree settles
-GROWTH = 1.1  # of memory and descriptors over those after the warm-up
+WARM_UP, CALM = 1 / 6, 1 / 4  # of the time, without faults at its beginning and end
+GROWTH = 1.1  # of memory and descriptors over those after the warm-up, under the same traffic
+MORE_KIB = 2048  # databases that have not filled their page caches (2 MiB each) by then
 MORE_DESCRIPTORS = 8  # connections that are kept for the next call
+SAMPLES = 5
 LABEL = "soak"
+
+
+def resources(agent):
+    process = pathlib.Path(f"/proc/{agent.process.pid}")
+    lines = dict(line.split(":", 1) for line in (process / "status").read_text().splitlines())
+    return int(lines["VmRSS"].split()[0]), len(list((process / "fd").iterdir()))
 
 
 class Soak:
@@ -35,7 +44,7 @@ class Soak:
         self.up = {}  # (device GUID, label, name) -> SHA-256
         self.counts = collections.Counter()
         self.kills = collections.Counter()
-        self.first = {}
+        self.first, self.last = {}, {}
         self.begin = time.monotonic()
         self.later = sched.scheduler()
 
@@ -124,30 +133,31 @@ class Soak:
     # The run
 
     def measure(self):
-        """Resident KiB and descriptors of each agent."""
-        found = {}
-        for agent in self.tree.agents:
-            process = pathlib.Path(f"/proc/{agent.process.pid}")
-            lines = dict(line.split(":", 1) for line in (process / "status").read_text().splitlines())
-            found[agent] = (int(lines["VmRSS"].split()[0]), len(list((process / "fd").iterdir())))
-        return found
-
-    def run(self, seconds):
-        warm_up = seconds / 3
-        self.work(warm_up)
-        self.missing()  # costs memory as at the end
+        """Resident KiB and descriptors of each agent: what they keep, apart from what a transfer takes for a moment."""
+        self.missing()  # the questions that are asked at the end cost memory, too
         for agent in self.tree.agents:
             waiting(agent)
+        least = {agent: resources(agent) for agent in self.tree.agents}
+        for _ in range(SAMPLES - 1):
+            self.work(1)
+            least = {agent: tuple(map(min, found, resources(agent))) for agent, found in least.items()}
+        return least
+
+    def run(self, seconds):
+        self.work(seconds * WARM_UP)
         self.first = self.measure()
         for pause, fault in ((KILL_SECONDS, self.kill), (FAULT_SECONDS, self.errors), (FULL_SECONDS, self.full_disk),
                              (AWAY_SECONDS, self.leave)):
             self.every(pause, fault)
-        self.at((seconds - warm_up) / 2, self.set_clock_back)
-        self.work(seconds - warm_up)
+        with_faults = seconds * (1 - WARM_UP - CALM)
+        self.at(with_faults / 2, self.set_clock_back)
+        self.work(with_faults)
         self.later = sched.scheduler()
         for agent in self.tree.agents:
             agent.shim.clear()
         self.tree.run(*self.tree.agents)
+        self.work(seconds * CALM)
+        self.last = self.measure()
 
     def work(self, seconds):
         end = time.monotonic() + seconds
@@ -195,10 +205,10 @@ class Soak:
                 wrong[self.tree.master].append(f"publication: {item['name']}, {item['delivered']} of {item['targets']} reported")
         return wrong
 
-    def check_growth(self, last, wrong):
-        for agent, now in last.items():
+    def check_growth(self, wrong):
+        for agent, now in self.last.items():
             for what, before, after, more in zip(("KiB of memory", "descriptors"), self.first[agent], now,
-                                                 (0, MORE_DESCRIPTORS)):
+                                                 (MORE_KIB, MORE_DESCRIPTORS)):
                 if after > before * GROWTH + more:
                     wrong[agent].append(f"{what}: {before} after the warm-up, {after} now")
 
@@ -211,24 +221,26 @@ class Soak:
             wrong[agent].append("the log names no file that arrived")
 
     def finish(self):
-        wrong, last = self.settle(), self.measure()
-        self.check_growth(last, wrong)
+        wrong = self.settle()
+        self.check_growth(wrong)
         for agent in reversed(self.tree.agents):
             self.stop(agent)
         for agent in self.tree.agents:
             self.check_once(agent, wrong)
             wrong[agent] += faults_of_rest(agent)
         self.progress("done", "\n")
-        self.print_table(wrong, last)
+        self.print_table(wrong)
         return sum(map(len, wrong.values()))
 
-    def print_table(self, wrong, last):
-        print(f"{'agent':10}{'files':>7}{'kills':>7}{'faults':>8}{'MiB':>6}{'descriptors':>13}{'wrong':>7}")
-        for agent, (memory, descriptors) in last.items():
+    def print_table(self, wrong):
+        print(f"{'agent':10}{'files':>7}{'kills':>7}{'faults':>8}{'MiB':>13}{'descriptors':>13}{'wrong':>7}")
+        for agent, (memory, descriptors) in self.last.items():
             files = len(self.up) if agent is self.tree.master else len(self.down[agent])
-            print(f"{agent.name:10}{files:7}{self.kills[agent]:7}{len(agent.shim.faults()):8}{memory // 1024:6}"
-                  f"{descriptors:13}{len(wrong[agent]):7}")
-        for agent in last:
+            before = self.first[agent]
+            grown = f"{before[0] / 1024:.1f} {memory / 1024:.1f}", f"{before[1]} {descriptors}"
+            print(f"{agent.name:10}{files:7}{self.kills[agent]:7}{len(agent.shim.faults()):8}{grown[0]:>13}"
+                  f"{grown[1]:>13}{len(wrong[agent]):7}")
+        for agent in self.last:
             for kind, count in collections.Counter(text.split(":")[0] for text in wrong[agent]).items():
                 print(f"{agent.name}: {count} x {next(text for text in wrong[agent] if text.startswith(kind))}")
 

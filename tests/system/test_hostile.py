@@ -33,6 +33,8 @@ class HostileTest(SystemTest):
         def is_changing(path):
             parts = path.relative_to(self.agent.root).parts
             return parts[0] == "log" or parts[:3] == ("data", "FileStore", "upstream") or ".sqlite" in path.name
+        extracts = lambda: list(self.agent.data.glob("FileStore/.extract-*"))
+        wait_until(lambda: not extracts(), 20, "no archive is being unpacked")
         files = (path for path in self.agent.root.rglob("*") if path.is_file() and not is_changing(path))
         found = {path: sha256_of(path) for path in files}
         found.update((path, None) for path in self.tree.folder.iterdir())

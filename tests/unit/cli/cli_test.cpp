@@ -53,6 +53,38 @@ TEST(DeviceOrderTest, ChildrenFollowTheirParentsAndEveryDeviceAppearsOnce) {
     EXPECT_EQ(TreeOf({"self self", "x y", "y x", "z y"}), "self x .y ..z ");
 }
 
+TEST(WakeTest, RequestTakesTheWayThroughTheTreeAndNamesTheCardOfTheDevice) {
+    KelContainer devices;
+    for (const auto& [guid, name, parent, path] : std::initializer_list<std::array<const char*, 4>>{
+             {"m", "master", "", ""},
+             {"1", "relay", "m", ""},
+             {"2", "lower", "1", ""},
+             {"3", "Device", "2", "h:1/g/02-00/127.0.1.1/255.0.0.0"},
+             {"4", "near", "m", "h:1/g/02-00/127.0.1.2/255.0.0.0"},
+             {"5", "lost", "gone", "h:1/g/c/i/m"},
+             {"6", "round", "7", "h:1/g/c/i/m"},
+             {"7", "turn", "6", "h:1/g/c/i/m"},
+             {"8", "silent", "m", ""},
+             {"9", "twin", "m", "h:1/g/c/i/m"},
+             {"10", "TWIN", "m", "h:1/g/c/i/m"}}) {
+        KelContainer device;
+        for (const auto& [value, text] :
+             {std::pair("GUID", guid), {"Name", name}, {"Parent", parent}, {"PathName", path}})
+            device.SetString(value, text);
+        device.SetString("Address", KelString(name) + ":1");
+        devices.SetContainer("Values", device, KelContainer::kAbsent);
+    }
+    const auto call = WakeUpArguments(devices, "DEVICE");
+    ASSERT_TRUE(call);
+    EXPECT_EQ(call->Count("WakeOnLanWay"), 2U);
+    EXPECT_EQ(call->GetString("WakeOnLanWay") + call->GetString("WakeOnLanWay", {}, 1), "relay:1lower:1");
+    EXPECT_EQ(call->GetString("WakeOnLanDeviceMACAddr") + call->GetString("WakeOnLanDeviceIPAddr"),
+              "02-00127.0.1.1");
+    EXPECT_FALSE(WakeUpArguments(devices, "4")->Has("WakeOnLanWay"));
+    for (const char* unusable : {"master", "unknown", "lost", "round", "silent", "Twin"})
+        EXPECT_FALSE(WakeUpArguments(devices, unusable)) << unusable;
+}
+
 TEST(CallArgumentsTest, TextJsonAndRepeatedNames) {
     KelContainer container;
     for (const char* text : {"Device=a=b", "Device=c", "Count:=7", "Flag:=true", "Values:={\"QueueGap\":1}",

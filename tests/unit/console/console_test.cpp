@@ -342,15 +342,15 @@ TEST_F(ConsoleTest, NewDatabaseHasAnotherIdentifierThanTheLostOne) {
 /// The identities of devices and of their stores. The master may have been started from a backup.
 TEST_F(ConsoleTest, WhatIsPendingBelowALostStoreOrLongAfterTheLastOrderIsOrderedAgain) {
     std::optional<RunningModule<Console>> console(std::in_place);
-    const auto restart = [&](const char* seconds) {
+    const auto restart = [&](const KelString& ordered, const KelString& createdBefore) {
         console.reset();
         KelDebug log("Test", "Test");
         ConsoleDatabase database(log);
         EXPECT_TRUE(database.Open(root_ / "data/Console", root_ / "config/Console.ini"));
         EXPECT_TRUE(
-            database.Write({KelFormat("UPDATE Publications SET CreateTime = CreateTime - %s, "
-                                      "OrderTime = OrderTime - %s",
-                                      seconds, seconds)}));
+            database.Write({KelFormat("UPDATE Publications SET OrderTime = OrderTime - %S, "
+                                      "CreateTime = OrderTime - %S - %S",
+                                      ordered, ordered, createdBefore)}));
         database.Close();
         console.emplace();
     };
@@ -379,17 +379,17 @@ TEST_F(ConsoleTest, WhatIsPendingBelowALostStoreOrLongAfterTheLastOrderIsOrdered
                                                                {std::string(other), otherPath, "1", 0U, 2U},
                                                                {std::string(other), otherPath, "2", 0U, 2U},
                                                                {kMaster, kMasterPath, "1", 0U, 2U},
-                                                               {"restart", "0", "", 0U, 2U},
+                                                               {"restart", "0", "600", 0U, 2U},
                                                                {kMaster, kMasterPath, "1", 0U, 2U},
-                                                               {"restart", "600", "", 0U, 2U},
+                                                               {"restart", "1000", "400", 0U, 2U},
                                                                {kMaster, kMasterPath, "1", 1U, 2U},
                                                                {kMaster, kMasterPath, "1", 0U, 3U},
                                                                {kMaster, kMasterPath, "1", 0U, 3U},
                                                                {kMaster, kMasterPath, "2", 0U, 4U},
-                                                               {"restart", "500", "", 0U, 4U},
+                                                               {"restart", "100", "400", 0U, 4U},
                                                                {kMaster, kMasterPath, "2", 0U, 4U}}) {
         if (guid == "restart") {
-            restart(path.c_str());
+            restart(path, storeId);
             continue;
         }
         SetStoreResult(refusal);

@@ -1,4 +1,4 @@
-#include "modules/identity/network_interface.h"
+#include "kelcore/net/network_interface.h"
 
 #include <arpa/inet.h>
 #include <ifaddrs.h>
