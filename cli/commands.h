@@ -7,12 +7,8 @@
 #include "kel/result.h"
 #include "kel/types.h"
 
-<<<<<<< HEAD
 // The commands, each family in a file of its own (publish_commands.cpp, store_commands.cpp, why_command.cpp
 // and so on), and those of their steps that have tests of their own.
-=======
-// The commands, each family in a file of its own (publish_commands.cpp, store_commands.cpp, why_command.cpp and
-// so on), and those of their steps that have tests of their own.
 
 /// Runs one command: prints its results to stdout and what went wrong to stderr. An exit code of
 /// cli/options.h.
@@ -35,6 +31,7 @@ int RunCommand(const CommonOptions& common, const InboxOptions& options);
 int RunCommand(const CommonOptions& common, const CallOptions& options);
 int RunCommand(const CommonOptions& common, const WhyOptions& options);
 int RunCommand(const CommonOptions& common, const GroupsOptions& options);
+int RunCommand(const CommonOptions& common, const ResumeOptions& options);
 int RunCommand(const CommonOptions& common, const WakeOptions& options);
 int RunCommand(const CommonOptions& common, const MulticastOptions& options);
 

@@ -16,9 +16,6 @@ namespace {
 
 constexpr std::size_t kBarWidth = 30;
 
-/// The agent copies and hashes the file before it answers.
-constexpr int kTimeoutSeconds = 3600;
-
 std::int64_t TotalBytes(const KelVector<SourceFile>& files) {
     std::int64_t total = 0;
     for (const SourceFile& file : files)
@@ -62,7 +59,7 @@ int HandOverFiles(const Remote& remote, const KelVector<SourceFile>& files, cons
     for (const SourceFile& file : files) {
         bar.Show(done, file.path);
         KelContainer call = handOver.arguments(file);
-        if (const unsigned int result = remote.Call(handOver.action, call, kTimeoutSeconds);
+        if (const unsigned int result = remote.Call(handOver.action, call, kHandOverSeconds);
             result != kKelOk) {
             std::fprintf(stderr, "kel: %s was not %s\n", Printable(file.path).c_str(), handOver.done);
             return ExitCodeOf(result);

@@ -11,6 +11,9 @@
 
 // Files named on the command line, which `publish` and `send` hand over to the agent one after the other.
 
+/// To wait for an answer at least: the agent copies and hashes the file before.
+inline constexpr int kHandOverSeconds = 3600;
+
 /// Refuses a part of a file key that no store accepts; `what` names it.
 KelStatus CheckKeyPart(const char* what, const KelString& part);
 

@@ -60,6 +60,16 @@ constexpr auto kNames = std::to_array<Name>({
     {"Pending", "pending"},
     {"Status", "status"},
     {"Message", "message"},
+    {"StageCount", "stages"},
+    // what would be published
+    {"Kind", "kind"},
+    {"Held", "held"},
+    {"Stage", "stage"},
+    {"Via", "via"},
+    {"From", "from"},
+    {"To", "to"},
+    {"FromGuid", "from_guid"},
+    {"ToGuid", "to_guid"},
     // reasons
     {"Reason", "reason"},
     {"At", "at"},

@@ -9,6 +9,7 @@
 
 #include "cli/output.h"
 #include "cli/remote.h"
+#include "kel/text.h"
 
 namespace {
 
@@ -20,6 +21,7 @@ struct Parsed {
     InitOptions init;
     PublishOptions publish;
     PublicationsOptions publications;
+    ResumeOptions resume;
     SendOptions send;
     RequestOptions request;
     FilesOptions files;
@@ -82,6 +84,39 @@ void AddKeyOptions(CLI::App& command, KelString& type, KelString& label) {
     command.add_option("--label", label, "File label")->required();
 }
 
+void DefineStages(CLI::App& command, PublishOptions& publish) {
+    auto* stages =
+        command
+            .add_option_function<std::vector<std::string>>(
+                "--stages",
+                [&publish](const std::vector<std::string>& texts) {
+                    for (const std::string& text : texts)
+                        publish.stages.push_back(std::stoi(text));
+                },
+                "Release the targets in stages, each when all devices of the one before have the file: the "
+                "percentage of the targets that have been released by then, as 5%,50%,100%")
+            ->delimiter(',')
+            ->allow_extra_args(false)
+            ->type_name("PERCENT,...")
+            ->check(CLI::Validator(
+                [](const std::string& text) {
+                    const std::string number = text.substr(0, text.find('%'));
+                    const bool isPercentage = text == number || text == number + "%";
+                    const auto value = ParseInt64(number);
+                    return isPercentage && value && *value >= 1 && *value <= 100
+                               ? std::string()
+                               : "'" + text + "' is not a percentage from 1% to 100%";
+                },
+                {}));
+    command
+        .add_option("--stop-at-failures", publish.stopAtFailures,
+                    "Release no more stages once so many targets have failed; 0: whatever fails")
+        ->needs(stages)
+        ->check(CLI::NonNegativeNumber)
+        ->type_name("N")
+        ->capture_default_str();
+}
+
 void DefinePublish(CLI::App& app, Parsed& parsed) {
     PublishOptions& publish = parsed.publish;
     auto* command = app.add_subcommand("publish", "Send files to devices of the tree; on the master");
@@ -107,9 +142,21 @@ void DefinePublish(CLI::App& app, Parsed& parsed) {
         ->capture_default_str();
     command->add_flag("--bypass", publish.bypass, "Go also while transfer windows are closed");
     command->add_flag("--wake", publish.wake, "Wake devices that do not answer, by Wake-on-LAN");
-    command->add_flag("--watch", publish.watch,
-                      "Go on until every target has the files; interrupting it leaves the transfers running");
+    command
+        ->add_flag("--watch", publish.watch,
+                   "Go on until every target has the files; interrupting it leaves the transfers running")
+        ->excludes(command->add_flag(
+            "--dry-run", publish.dryRun,
+            "Publish nothing; show the targets, the relays on their way and the bytes on each link"));
+    DefineStages(*command, publish);
     command->callback([&parsed] { parsed.chosen = parsed.publish; });
+
+    auto* resume = app.add_subcommand(
+        "resume", "Go on with a publication in stages that was stopped by failures; on the master");
+    resume->add_option("PUBLICATION", parsed.resume.id, "The publication")->required();
+    resume->add_flag("--next", parsed.resume.next,
+                     "Release the next stage at once, without waiting for the devices of the present one");
+    resume->callback([&parsed] { parsed.chosen = parsed.resume; });
 
     auto* list = app.add_subcommand("publications", "What was published and who has it; on the master");
     list->add_option("ID", parsed.publications.id, "One publication, device by device");

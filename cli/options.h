@@ -47,7 +47,10 @@ struct PublishOptions {
     int priority = 100;
     bool bypass = false;
     bool wake = false;
-    bool watch = false;  ///< keep running until every target has the files
+    bool watch = false;      ///< keep running until every target has the files
+    bool dryRun = false;     ///< only show what would be done
+    KelVector<int> stages;   ///< percentages of the targets; empty: all at once
+    int stopAtFailures = 1;  ///< of a publication in stages; 0: never
 };
 
 struct GroupsOptions {
@@ -55,6 +58,11 @@ struct GroupsOptions {
     Verb verb = Verb::List;
     KelString name;
     KelVector<KelString> members;  ///< GUIDs, names, patterns, "@LIST"
+};
+
+struct ResumeOptions {
+    KelString id;
+    bool next = false;  ///< release the next stage without waiting for the present one
 };
 
 struct PublicationsOptions {
@@ -133,7 +141,7 @@ using CommandOptions =
     std::variant<InitOptions, StatusOptions, DevicesOptions, PublishOptions, PublicationsOptions, SendOptions,
                  CollectedOptions, RequestOptions, UploadOptions, FilesOptions, FileOptions, SettingsOptions,
                  WindowsOptions, InboxOptions, CallOptions, WhyOptions, GroupsOptions, WakeOptions,
-                 MulticastOptions, WithdrawOptions, RemoveDeviceOptions>;
+                 MulticastOptions, WithdrawOptions, RemoveDeviceOptions, ResumeOptions>;
 
 struct Options {
     CommonOptions common;

@@ -95,6 +95,7 @@ PublicationState StateOfAll(const KelContainer& published) {
 
 PublicationState StateOf(const KelContainer& publication) {
     const std::int32_t failed = publication.GetInt32("Failed") + GivenUp(publication);
+    if (publication.GetString("State") == "stopped") return PublicationState::Failed;
     if (publication.GetInt32("Delivered") + failed < publication.GetInt32("Targets"))
         return PublicationState::Going;
     return failed > 0 ? PublicationState::Failed : PublicationState::Complete;
@@ -107,7 +108,16 @@ KelString WatchText(const KelContainer& publication) {
     const std::int32_t failed = publication.GetInt32("Failed");
     if (failed > 0) text += ", " + std::to_string(failed) + " failed";
     if (GivenUp(publication) > 0) text += ", " + std::to_string(GivenUp(publication)) + " withdrawn";
-    return text;
+    const KelString stage = StageText(publication);
+    return stage.empty() ? text : text + "; " + stage;
+}
+
+KelString StageText(const KelContainer& publication) {
+    const KelString state = publication.GetString("State");
+    const KelString place = publication.GetString("Stage") + " of " + publication.GetString("StageCount");
+    if (state == "running") return "stage " + place;
+    if (state == "stopped") return "stopped at stage " + place + ": " + publication.GetString("Reason");
+    return state.empty() ? state : "all " + publication.GetString("StageCount") + " stages complete";
 }
 
 KelContainer WatchArguments(const KelContainer& published) {
@@ -127,8 +137,12 @@ void TakeCounts(const KelContainer& answer, KelContainer& published) {
         KelContainer item = published.GetContainer("Values", i);
         const auto found = known.find(item.GetString("PublicationId"));
         if (found == known.end()) continue;
-        for (const char* name : {"Targets", "Delivered", "Failed", "Withdrawn", "Removed", "Pending"})
-            item.SetInt32(name, answer.GetContainer("Values", found->second).GetInt32(name));
+        const KelContainer& now = answer.GetContainer("Values", found->second);
+        for (const char* name :
+             {"Targets", "Delivered", "Failed", "Withdrawn", "Removed", "Pending", "Stage", "StageCount"})
+            if (now.Has(name)) item.SetInt32(name, now.GetInt32(name));
+        for (const char* name : {"State", "Reason"})
+            if (now.Has(name)) item.SetString(name, now.GetString(name));
         published.SetContainer("Values", std::move(item), i);
     }
 }

@@ -4,6 +4,7 @@
 #include "cli/commands.h"
 #include "cli/hand_over.h"
 #include "cli/output.h"
+#include "cli/publication_preview.h"
 #include "cli/publication_watch.h"
 #include "cli/remote.h"
 #include "kel/path.h"
@@ -20,6 +21,9 @@ KelContainer PublishArguments(const PublishOptions& options, const SourceFile& f
     arguments.SetString(kValueFileLabel, options.label);
     for (std::uint32_t i = 0; i < options.devices.size(); ++i)
         arguments.SetString("Device", options.devices[i], i);
+    for (std::uint32_t i = 0; i < options.stages.size(); ++i)
+        arguments.SetInt32("Stage", options.stages[i], i);
+    if (!options.stages.empty()) arguments.SetInt32("StopAtFailures", options.stopAtFailures);
     arguments.SetInt32(kValuePriority, options.priority);
     arguments.SetBool(kValueBypass, options.bypass);
     arguments.SetBool(kValueWakeOnLan, options.wake);
@@ -62,6 +66,10 @@ bool ReportFailures(const KelContainer& published) {
     bool failed = false;
     for (std::uint32_t i = 0; i < ItemCount(published); ++i) {
         const KelContainer& item = published.GetContainer("Values", i);
+        if (item.GetString("State") == "stopped")
+            std::fprintf(stderr, "kel: %s was %s; 'kel resume %s' goes on\n",
+                         Printable(item.GetString("File")).c_str(), Printable(StageText(item)).c_str(),
+                         Printable(item.GetString("PublicationId")).c_str());
         if (item.GetInt32("Failed") == 0) continue;
         std::fprintf(stderr, "kel: %s failed on %d of %d devices; 'kel publications %s' shows why\n",
                      Printable(item.GetString("File")).c_str(), item.GetInt32("Failed"),
@@ -88,6 +96,16 @@ KelString MessageOrReason(const KelContainer& target) {
     return message.empty() ? ReasonText(target.GetContainer("Reason")) : message;
 }
 
+/// The stages of the only publication in `call`, and an empty line.
+void PrintStages(const KelContainer& call) {
+    PrintList(call, false,
+              {ValueColumn("STAGE", "Stage"), ValueColumn("TARGETS", "Targets"),
+               ValueColumn("DELIVERED", "Delivered"), ValueColumn("FAILED", "Failed"),
+               ValueColumn("PENDING", "Pending"), ValueColumn("SCHEDULED", "Scheduled")},
+              "Stages");
+    std::printf("\n%s\n\n", Printable(StageText(call.GetContainer("Values"))).c_str());
+}
+
 /// One publication, device by device.
 int PrintDevices(const CommonOptions& common, const PublicationsOptions& options) {
     const auto remote = Remote::Open(common);
@@ -99,13 +117,13 @@ int PrintDevices(const CommonOptions& common, const PublicationsOptions& options
     const bool isWaiting = call.GetContainer("Values").GetInt32("Pending") > 0;
     unsigned int result = kKelOk;
     if (isWaiting && !options.withoutReasons) result = AddReasons(*remote, options.id, call);
-    PrintList(call, common.json,
-              {ValueColumn("NAME", "Name"),
-               ValueColumn("GUID", "GUID"),
-               ValueColumn("STATUS", "Status"),
-               TimeColumn("SINCE", "Time"),
-               {"MESSAGE", MessageOrReason}},
-              "Devices");
+    if (!common.json && call.Has("Stages")) PrintStages(call);
+    KelVector<Column> columns = {ValueColumn("NAME", "Name"), ValueColumn("GUID", "GUID")};
+    if (call.Has("Stages")) columns.push_back(ValueColumn("STAGE", "Stage"));
+    columns.insert(
+        columns.end(),
+        {ValueColumn("STATUS", "Status"), TimeColumn("SINCE", "Time"), {"MESSAGE", MessageOrReason}});
+    PrintList(call, common.json, columns, "Devices");
     return ExitCodeOf(result);
 }
 
@@ -117,6 +135,7 @@ int RunCommand(const CommonOptions& common, const PublishOptions& given) {
     if (!files) return Complain(files.Error());
     const auto remote = Remote::Open(common);
     if (!remote) return Complain(remote.Error());
+    if (options.dryRun) return PrintPreview(*remote, options, *files, common.json);
     KelContainer published;
     int exitCode = PublishFiles(*remote, options, *files, published);
     if (options.watch) exitCode = std::max(exitCode, WatchPublications(*remote, published));
@@ -130,10 +149,27 @@ int RunCommand(const CommonOptions& common, const PublishOptions& given) {
 int RunCommand(const CommonOptions& common, const PublicationsOptions& options) {
     if (!options.id.empty()) return PrintDevices(common, options);
     return PrintActionList(common, "ConsoleListPublications", {},
-                           {ValueColumn("PUBLICATION", "PublicationId"), ValueColumn("TYPE", kValueFileType),
-                            ValueColumn("LABEL", kValueFileLabel), NameColumn("FILE"),
-                            SizeColumn("SIZE", kValueFileSize), TimeColumn("PUBLISHED", "CreateTime"),
-                            ValueColumn("TARGETS", "Targets"), ValueColumn("DELIVERED", "Delivered"),
-                            ValueColumn("FAILED", "Failed"), ValueColumn("WITHDRAWN", "Withdrawn"),
-                            ValueColumn("PENDING", "Pending")});
+                           {ValueColumn("PUBLICATION", "PublicationId"),
+                            ValueColumn("TYPE", kValueFileType),
+                            ValueColumn("LABEL", kValueFileLabel),
+                            NameColumn("FILE"),
+                            SizeColumn("SIZE", kValueFileSize),
+                            TimeColumn("PUBLISHED", "CreateTime"),
+                            ValueColumn("TARGETS", "Targets"),
+                            ValueColumn("DELIVERED", "Delivered"),
+                            ValueColumn("FAILED", "Failed"),
+                            ValueColumn("WITHDRAWN", "Withdrawn"),
+                            ValueColumn("PENDING", "Pending"),
+                            {"STAGE", StageText}});
+}
+
+int RunCommand(const CommonOptions& common, const ResumeOptions& options) {
+    const auto remote = Remote::Open(common);
+    if (!remote) return Complain(remote.Error());
+    KelContainer call;
+    call.SetString("PublicationId", options.id);
+    call.SetBool("Next", options.next);
+    const unsigned int result = remote->Call("ConsoleResume", call);
+    if (result == kKelOk && common.json) std::puts("[]");
+    return ExitCodeOf(result);
 }

@@ -97,8 +97,13 @@ Console::Console()
       withdrawals_(database_),
       publisher_(Log(), directory_, groups_, publications_, packages_),
       withdrawer_(Log(), directory_, publications_, withdrawals_, packages_),
+      stageStore_(database_),
+      stages_(Log(), stageStore_, publications_, publisher_),
       intake_(Log(), deviceStore_, publications_, publisher_, withdrawer_),
-      explainer_(directory_, publications_) {}
+      explainer_(directory_, publications_),
+      previewer_(directory_, groups_) {
+    publications_.SetListener([this] { stages_.Signal(); });
+}
 
 void Console::Register(const char* handle) {
     const auto bind = [this](unsigned int (Console::*handler)(KelContainer*)) {
@@ -109,13 +114,19 @@ void Console::Register(const char* handle) {
                            bind(&Console::ListPublications), handle);
     ActionDbRegisterAction(
         "ConsolePublish (string FilePath, string FileType, string FileLabel, string FileName, string Device, "
-        "int32 Priority, bool Bypass, bool WakeOnLan, int32 KeepCopy, container FileInfo)",
+        "int32 Priority, bool Bypass, bool WakeOnLan, int32 KeepCopy, container FileInfo, int32 Stage, int32 "
+        "StopAtFailures)",
         bind(&Console::Publish), handle);
     ActionDbRegisterAction("ConsoleExplain (string PublicationId, string Device)", bind(&Console::Explain),
                            handle);
+    ActionDbRegisterAction(
+        "ConsolePreview (string FilePath, string FileName, string FileType, string FileLabel, string Device, "
+        "int32 Stage)",
+        bind(&Console::Preview), handle);
     groupActions_.Register(handle);
     ActionDbRegisterAction("ConsoleWithdraw (string PublicationId)", bind(&Console::Withdraw), handle);
     ActionDbRegisterAction("ConsoleRemoveDevice (string Device)", bind(&Console::RemoveDevice), handle);
+    stages_.Register(handle);
     ActionDbRegisterAction(kReceiveSignature, bind(&Console::ReceiveUpstream), handle);
     ActionDbRegisterAction(
         "QuarnelDbRunScript (string Script)",
@@ -178,10 +189,11 @@ bool Console::Activate() {
     console.SetString("ConsoleId", database_.Id());
     CallLocal("IdentitySetConsole", console);
     withdrawer_.HandOver();
-    return true;
+    return stages_.Start();
 }
 
 void Console::Cleanup() {
+    stages_.Stop();
     database_.Close();
 }
 
@@ -231,7 +243,8 @@ unsigned int Console::ListPublications(KelContainer* arguments) {
     std::uint32_t index = 0;
     for (const PublicationSummary& publication : *publications)
         arguments->SetContainer("Values", ValuesOf(publication), index++);
-    return kKelOk;
+    const KelStatus described = stages_.Describe(*arguments);
+    return described ? unsigned{kKelOk} : Fail(arguments, described.Error());
 }
 
 unsigned int Console::Publish(KelContainer* arguments) {
@@ -255,6 +268,15 @@ unsigned int Console::Publish(KelContainer* arguments) {
     }
     Log().Print("Published %S to %d devices as %S\n", request->file.Text(), result->GetInt32("Targets"),
                 result->GetString("PublicationId"));
+    *arguments = std::move(*result);
+    return kKelOk;
+}
+
+unsigned int Console::Preview(KelContainer* arguments) {
+    if (!ActionIsFromThisDevice(*arguments))
+        return Fail(arguments, {kKelErrorBadInput, "Only this device may name its files"});
+    auto result = previewer_.Preview(*arguments);
+    if (!result) return Fail(arguments, result.Error());
     *arguments = std::move(*result);
     return kKelOk;
 }

@@ -9,8 +9,11 @@
 #include "modules/console/device_groups.h"
 #include "modules/console/explanation.h"
 #include "modules/console/group_actions.h"
+#include "modules/console/preview.h"
 #include "modules/console/publication_store.h"
 #include "modules/console/publisher.h"
+#include "modules/console/stage_store.h"
+#include "modules/console/stages.h"
 #include "modules/console/upstream_intake.h"
 #include "modules/console/withdrawal_store.h"
 #include "modules/console/withdrawer.h"
@@ -21,14 +24,19 @@
 /// - ConsoleListDevices -> Values[i]{GUID, Name, Role, Address, Parent, PathName, FirstSeen, LastSeen,
 ///   SilentSince (int64, seconds since the epoch, 0 for never)}, the master first
 /// - ConsolePublish (FilePath, FileType, FileLabel; optional FileName, Device[i] (see
-///   ChooseTargets), Priority, Bypass, WakeOnLan, KeepCopy, FileInfo) -> PublicationId, FileChecksum,
+///   ChooseTargets), Priority, Bypass, WakeOnLan, KeepCopy, FileInfo, Stage[i]
+///   (see ReadStagePercents), StopAtFailures (int32)) -> PublicationId, FileChecksum,
 ///   FileSize (int64, bytes), Targets, Delivered, Failed, Pending (int32: the targets by state before the
 ///   file is offered; see DecideTargets), LeftOut (int32: devices that "all" could not reach). A call from
 ///   another device is refused, because it names a file of this one.
+/// - ConsolePreview (FilePath[i], FileName[i], FileType, FileLabel, Device[i], Stage[i]) -> what
+/// ConsolePublish
+///   would do; see Previewer. Refused to other devices.
 /// - ConsoleListPublications (optional PublicationId[i], CountsOnly) -> Values[i]{PublicationId, FileType,
 ///   FileLabel, FileName, FileChecksum, FileSize, CreateTime (int64), Priority, Targets, Delivered, Failed,
-///   Withdrawn, Removed, Pending (int32)}, the latest first, all or those named, which must be known; for one
-///   named publication and unless CountsOnly also Devices[i]{GUID, Name, Status, Time (int64), Message}
+///   Withdrawn, Removed, Pending (int32)}, with State, Stage and others of those in stages (see Stages), the
+///   latest first, all or those named, which must be known; for one named publication and unless CountsOnly
+///   also Devices[i]{GUID, Name, Status, Time (int64), Message}
 /// - ConsoleExplain (PublicationId; optional Device, a GUID or name) -> Values[i], LeftOut: why pending
 /// targets
 ///   do not have the file, asked live through the tree; see Explainer
@@ -36,6 +44,7 @@
 /// - ConsoleWithdraw (PublicationId) -> Values: the publication as ConsoleListPublications lists it; see
 ///   Withdrawer
 /// - ConsoleRemoveDevice (Device, a GUID or name) -> GUID, Name; see Withdrawer
+/// - ConsoleResume (PublicationId, Next): goes on with a publication in stages; see Stages
 /// - ConsoleReceiveUpstream: subscribed to the event FileStoreCallbackCopyUpstream; see UpstreamIntake.
 ///   Only for this device.
 /// - QuarnelDbObjectListTypes -> Types[i]; QuarnelDbRunScript: not available here. Other modules recognise a
@@ -60,6 +69,7 @@ class Console : public KelModule {
     unsigned int ListDevices(KelContainer* arguments);
     unsigned int ListPublications(KelContainer* arguments);
     unsigned int Publish(KelContainer* arguments);
+    unsigned int Preview(KelContainer* arguments);
     unsigned int Explain(KelContainer* arguments);
     unsigned int Withdraw(KelContainer* arguments);
     unsigned int RemoveDevice(KelContainer* arguments);
@@ -76,6 +86,9 @@ class Console : public KelModule {
     std::shared_mutex packages_;
     Publisher publisher_;
     Withdrawer withdrawer_;
+    StageStore stageStore_;
+    Stages stages_;
     UpstreamIntake intake_;
     Explainer explainer_;
+    Previewer previewer_;
 };

@@ -10,7 +10,8 @@
 namespace {
 
 constexpr std::size_t kIdBytes = 8;
-constexpr std::array kTables = {"Devices", "Publications", "PublicationTargets", "GroupMembers"};
+constexpr std::array kTables = {"Devices", "Publications", "PublicationTargets", "GroupMembers",
+                                "StagedPublications"};
 
 }  // namespace
 

@@ -6,6 +6,7 @@
 #include "kel/text.h"
 #include "kelcore/error_codes.h"
 #include "kelcore/file_values.h"
+#include "modules/console/stage_plan.h"
 
 namespace {
 
@@ -47,6 +48,11 @@ KelStatus CheckRequest(const PublicationRequest& request) {
                 request.file.name)};
     if (request.devices.empty())
         return KelError{kKelErrorBadInput, "Device is missing; name devices, or one \"all\" or \"none\""};
+    if (!request.stages.empty() && request.devices.front() == "none")
+        return KelError{kKelErrorBadInput, "There are no targets to release in stages"};
+    if (request.stopAtFailures < 0)
+        return KelError{kKelErrorBadInput,
+                        KelFormat("StopAtFailures %d is negative", request.stopAtFailures)};
     if (request.priority < 0)
         return KelError{kKelErrorBadInput, KelFormat("Priority %d is negative", request.priority)};
     return {};
@@ -66,6 +72,10 @@ KelResult<PublicationRequest> ReadPublicationRequest(const KelContainer& argumen
     const std::uint32_t count = arguments.Has("Device") ? arguments.Count("Device") : 0;
     for (std::uint32_t i = 0; i < count; ++i)
         request.devices.push_back(arguments.GetString("Device", {}, i));
+    auto stages = ReadStagePercents(arguments);
+    if (!stages) return stages.Error();
+    request.stages = std::move(*stages);
+    request.stopAtFailures = arguments.GetInt32("StopAtFailures", request.stopAtFailures);
     request.priority = arguments.GetInt32(kValuePriority, request.priority);
     request.bypass = arguments.GetBool(kValueBypass);
     request.wakeOnLan = arguments.GetBool(kValueWakeOnLan);

@@ -9,7 +9,9 @@
 struct PublicationRequest {
     KelString sourcePath;
     FileKey file;  ///< the name is never empty: that of the source when the caller gave none; no checksum yet
-    KelVector<KelString> devices;  ///< as ChooseTargets takes them
+    KelVector<KelString> devices;     ///< as ChooseTargets takes them
+    KelVector<std::int32_t> stages;   ///< see ReadStagePercents; empty: all targets at once
+    std::int32_t stopAtFailures = 1;  ///< of a publication in stages; 0: never
     std::int32_t priority = 100;
     bool bypass = false;
     bool wakeOnLan = false;

@@ -65,7 +65,8 @@ KelString IdCondition(const KelVector<KelString>& ids) {
 
 }  // namespace
 
-KelStatus PublicationStore::Add(PublicationSummary& publication, const KelVector<KelString>& guids) {
+KelStatus PublicationStore::Add(PublicationSummary& publication, const KelVector<KelString>& guids,
+                                const KelVector<KelString>& alsoWrite) {
     const KelLock lock(mutex_);
     const FileKey& file = publication.file;
     const auto latest = database_.Select(
@@ -76,6 +77,7 @@ KelStatus PublicationStore::Add(PublicationSummary& publication, const KelVector
     publication.createTime = std::max(publication.createTime, latest->GetInt64(0, std::size_t{0}) + 1);
     KelVector<KelString> statements = {InsertStatement(publication)};
     AddTargets(publication.id, guids, statements);
+    statements.insert(statements.end(), alsoWrite.begin(), alsoWrite.end());
     if (!database_.Write(statements)) return kUnwritable;
     return {};
 }
@@ -95,14 +97,17 @@ bool PublicationStore::SetOrdered(const KelString& id, std::int64_t time) {
 }
 
 void PublicationStore::Remove(const KelString& id) {
-    database_.Write({KelFormat("DELETE FROM PublicationTargets WHERE PublicationId = '%Q'", id),
+    database_.Write({KelFormat("DELETE FROM StagedPublications WHERE PublicationId = '%Q'", id),
+                     KelFormat("DELETE FROM PublicationTargets WHERE PublicationId = '%Q'", id),
                      KelFormat("DELETE FROM Publications WHERE PublicationId = '%Q'", id)});
 }
 
 bool PublicationStore::Store(const DeliveryReceipt& receipt, std::int64_t now) {
-    return database_.Write(
-        {KelFormat("UPDATE Devices SET LastSeen = %gd WHERE GUID = '%Q'", now, receipt.guid),
-         UpdateTargets(receipt)});
+    const bool isStored =
+        database_.Write({KelFormat("UPDATE Devices SET LastSeen = %gd WHERE GUID = '%Q'", now, receipt.guid),
+                         UpdateTargets(receipt)});
+    if (isStored && listener_) listener_();
+    return isStored;
 }
 
 KelResult<KelVector<PublicationSummary>> PublicationStore::List(const KelVector<KelString>& ids) {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 
 #include "kel/mutex.h"
 #include "kel/result.h"
@@ -40,10 +41,15 @@ class PublicationStore {
   public:
     explicit PublicationStore(ConsoleDatabase& database) : database_(database) {}
 
+    /// `listener` is called after each receipt that was stored. Before the first use.
+    void SetListener(std::function<void()> listener) { listener_ = std::move(listener); }
+
     /// Adds a publication that is pending on the devices `guids` (each once). When another one of the same
     /// type, label and name was created in the same second or later, its time becomes the second after that:
     /// devices compare the times. An error, with nothing added, when the database cannot be read or written.
-    KelStatus Add(PublicationSummary& publication, const KelVector<KelString>& guids);
+    /// `alsoWrite` are statements of the same transaction.
+    KelStatus Add(PublicationSummary& publication, const KelVector<KelString>& guids,
+                  const KelVector<KelString>& alsoWrite = {});
 
     /// True when a publication other than `id` has this key, whatever has become of it.
     KelResult<bool> IsKnown(const FileKey& file, const KelString& id);
@@ -68,5 +74,6 @@ class PublicationStore {
 
   private:
     ConsoleDatabase& database_;
+    std::function<void()> listener_;
     KelMutex mutex_;  ///< held from reading the time of the latest publication until the next is written
 };

@@ -15,6 +15,8 @@
 #include "kelcore/file_offer.h"
 #include "kelcore/file_values.h"
 #include "modules/console/device_tree.h"
+#include "modules/console/stage_plan.h"
+#include "modules/console/stage_store.h"
 #include "modules/console/target_choice.h"
 
 namespace {
@@ -167,7 +169,7 @@ KelStatus Publisher::Offer(const PublicationRequest& request, const PublicationS
 }
 
 KelResult<KelContainer> Publisher::Publish(const PublicationRequest& request) {
-    const auto plan = MakePlan(request);
+    auto plan = MakePlan(request);
     if (!plan) return plan.Error();
     const std::shared_lock lock(packages_);
     const auto file = CopyToPackages(folder_, request.sourcePath, request.file.label, request.file.name);
@@ -177,7 +179,9 @@ KelResult<KelContainer> Publisher::Publish(const PublicationRequest& request) {
     for (const std::size_t target : plan->targets)
         guids.push_back(plan->devices[target].guid);
     // Recorded before the file is offered: a receipt may follow at once.
-    if (const KelStatus added = publications_.Add(publication, guids); !added) return added.Error();
+    const KelVector<KelString> stages = StageStatements(request, plan->id, guids);
+    if (const KelStatus added = publications_.Add(publication, guids, stages); !added) return added.Error();
+    plan->targets.resize(StageEnds(request.stages, guids.size()).front());
     if (const KelStatus offered = Offer(request, publication, *plan); !offered) {
         publications_.Remove(plan->id);  // the copy stays: publishing the same file again will reuse it
         return offered.Error();
@@ -197,6 +201,25 @@ KelResult<KelContainer> Publisher::Publish(const PublicationRequest& request) {
     result.SetInt32("Pending", targets);
     result.SetInt32("LeftOut", static_cast<std::int32_t>(plan->leftOut));
     return result;
+}
+
+KelStatus Publisher::OrderOn(const PublicationSummary& publication, const PublicationRequest& request,
+                             KelVector<KelString>& guids) {
+    const auto devices = directory_.Read();
+    if (!devices) return devices.Error();
+    const DeviceIndex index(*devices);
+    const DeviceWays ways(*devices);
+    KelVector<std::size_t> targets;
+    std::erase_if(guids, [&](const KelString& guid) {
+        const auto found = index.Find(guid);
+        KelVector<std::size_t> way;
+        if (!found || !ways.FindWayUp(*found, way)) return true;
+        targets.push_back(*found);
+        return false;
+    });
+    if (targets.empty()) return {};
+    auto devicePath = BuildDevicePath(*devices, targets);
+    return devicePath ? Order(request, publication, std::move(*devicePath)) : KelStatus(devicePath.Error());
 }
 
 bool Publisher::RepeatPublication(const PublicationSummary& publication, const KelVector<Device>& devices,

@@ -36,6 +36,11 @@ class Publisher {
     /// behind, at most the copy of the file. Calls local actions: no lock may be held.
     KelResult<KelContainer> Publish(const PublicationRequest& request);
 
+    /// Orders a publication on these of its targets, with the options of `request`. Those that cannot be
+    /// reached now are taken out of `guids`. Calls local actions: no lock may be held.
+    KelStatus OrderOn(const PublicationSummary& publication, const PublicationRequest& request,
+                      KelVector<KelString>& guids);
+
     /// Orders what is pending on the device `guid`, which has lost its database, and on the devices below it
     /// once more. When it is the master, its file store is also offered the files of all publications. False
     /// when that failed: logged. Calls local actions: no lock may be held, here and in the next.

@@ -9,6 +9,8 @@
 #include "cli/json_names.h"
 #include "cli/options.h"
 #include "cli/output.h"
+#include "cli/publication_watch.h"
+#include "kel/format.h"
 #include "kel/temp_folder.h"
 #include "kelcore/json.h"
 
@@ -165,7 +167,11 @@ TEST(OptionsTest, UnusableArgumentsEndWithUsage) {
         "|--root r settings|--root r settings set|--root r send --type t --label l"
         "|--root r send /no/such/file --type t --label l|--root r send /proc/version --type t"
         "|--root r request --type t --label l|--root r request --type t --label l --name n --wait -1"
-        "|--root r publications one two|--root r upload now");
+        "|--root r publications one two|--root r upload now|--root r resume|--root r groups set g"
+        "|--root r publish /proc/version --type t --label l --to all --stages 5%,x"
+        "|--root r publish /proc/version --type t --label l --to all --stages 101"
+        "|--root r publish /proc/version --type t --label l --to all --stop-at-failures 2"
+        "|--root r publish /proc/version --type t --label l --to all --dry-run --watch");
     for (std::string line; std::getline(lines, line, '|');) {
         int exitCode = kExitDone;
         EXPECT_FALSE(Parse(line, exitCode)) << line;
@@ -216,6 +222,41 @@ TEST(OptionsTest, CommonOptionsMayStandBehindTheCommandAndDevicesAreAList) {
     EXPECT_EQ(options->common.root, "r");
     EXPECT_TRUE(options->common.json);
     EXPECT_THAT(std::get<PublishOptions>(options->command).devices, ElementsAre("one", "two"));
+}
+
+TEST(OptionsTest, StagesAndGroups) {
+    int exitCode = kExitFailed;
+    const auto publish = Parse(
+        "publish --to one /proc/version --type t --label l --root r --stages 5%,50,100% --stop-at-failures 3",
+        exitCode);
+    ASSERT_TRUE(publish);
+    EXPECT_THAT(std::get<PublishOptions>(publish->command).stages, ElementsAre(5, 50, 100));
+    EXPECT_EQ(std::get<PublishOptions>(publish->command).stopAtFailures, 3);
+    const auto groups = Parse("--root r groups add g one,two three", exitCode);
+    ASSERT_TRUE(groups);
+    EXPECT_EQ(std::get<GroupsOptions>(groups->command).verb, GroupsOptions::Verb::Add);
+    EXPECT_THAT(std::get<GroupsOptions>(groups->command).members, ElementsAre("one", "two", "three"));
+}
+
+TEST(WatchTest, AStoppedPublicationIsNotWaitedForAndSaysWhy) {
+    const std::tuple<const char*, PublicationState, const char*> cases[] = {
+        {R"("State":"running","Failed":1)", PublicationState::Going, "1 failed; stage 1 of 3"},
+        {R"("State":"stopped","Failed":1,"Reason":"why")", PublicationState::Failed,
+         "stopped at stage 1 of 3: why"},
+        {R"("Failed":1)", PublicationState::Going, "1 failed"},
+        {R"("State":"complete","Failed":3)", PublicationState::Failed, "all 3 stages complete"}};
+    for (const auto& [values, state, text] : cases) {
+        KelContainer answer, published;
+        ASSERT_TRUE(ContainerFromJson(
+            KelFormat(
+                R"({"Values":[{"PublicationId":"p","Targets":4,"Delivered":1,"Stage":1,"StageCount":3,%s}]})",
+                values),
+            answer));
+        ASSERT_TRUE(ContainerFromJson(R"({"Values":[{"PublicationId":"p"}]})", published));
+        TakeCounts(answer, published);
+        EXPECT_EQ(StateOf(published.GetContainer("Values")), state);
+        EXPECT_THAT(WatchText(published.GetContainer("Values")), testing::EndsWith(text));
+    }
 }
 
 TEST(OptionsTest, AMistypedCommandIsNamedWithASimilarOne) {

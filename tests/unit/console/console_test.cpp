@@ -4,6 +4,7 @@
 #include "kel/text.h"
 #include "modules/console/device.h"
 #include "modules/console/device_tree.h"
+#include "modules/console/stage_plan.h"
 #include "modules/console/target_choice.h"
 #include "on_threads.h"
 
@@ -171,6 +172,49 @@ KelString Shape(const KelContainer& container) {
         if (!below.IsEmpty()) text += "(" + Shape(below) + ")";
     }
     return text;
+}
+
+/// The fake file store knows the file that was published before.
+TEST_F(ConsoleTest, PreviewNamesTheWaysAndBytesAndChangesNothing) {
+    FakeResults("FileStoreExplainFile ()", Values({"Known=true"}));
+    const RunningModule<Console> module;
+    KelContainer preview = Values({"FileType=T", "FileLabel=l", "Device=desk", "Stage=50"});
+    preview.SetString("Device", "north", 1);
+    preview.SetInt32("Stage", 100, 1);
+    TempFolder::Write(root_ / "more", "123");
+    for (const std::uint32_t i : {0U, 1U})
+        preview.SetString("FilePath", root_ / (i == 0 ? "setup.bin" : "more"), i);
+    for (const char* bad : {"Device=nobody", "FileType=..", "FilePath=absent", "Stage=100", "Device="})
+        EXPECT_EQ(Call("ConsolePreview", With(preview, {bad})), kKelErrorBadInput) << bad;
+    EXPECT_EQ(Call("ConsolePreview", From(preview, "127.0.3.9")), kKelErrorBadInput);
+    ASSERT_EQ(Call("ConsolePreview", preview), 0U);
+    ExpectValues(preview.GetContainer("PreviewFiles", 1), {"FileName=more", "FileSize=3", "Held=true"});
+    ExpectValues(preview.GetContainer("Targets", 0), {"Name=desk", "Via=north", "Stage=1"});
+    ExpectValues(preview.GetContainer("Targets", 1), {"Name=north", "Via=", "Stage=2"});
+    ExpectValues(preview.GetContainer("Links", 0), {"From=boss", "To=north", "Targets=2", "Bytes=10"});
+    ExpectValues(preview.GetContainer("Links", 1), {"From=north", "To=desk", "Targets=1", "Bytes=10"});
+    EXPECT_EQ(preview.Count("Links"), 2U);
+    EXPECT_FALSE(Call("ConsoleListPublications").Has("Values"));
+    EXPECT_EQ(OfferCount(), 0U);
+    EXPECT_FALSE(std::filesystem::exists(root_ / "data/Console/Packages"));
+}
+
+TEST(StagePlan, EveryStageHasATargetAndTheLastHasAll) {
+    const std::tuple<KelVector<std::int32_t>, std::size_t, KelVector<std::size_t>> cases[] = {
+        {{5, 50, 100}, 100, {5, 50, 100}},
+        {{5, 50, 100}, 3, {1, 2, 3}},
+        {{5, 10, 100}, 7, {1, 7}},
+        {{5, 50, 100}, 1, {1}},
+        {{100}, 9, {9}},
+        {{}, 9, {9}},
+        {{}, 0, {0}},
+        {{50, 100}, 0, {0}}};
+    for (const auto& [percents, targets, ends] : cases) {
+        EXPECT_EQ(StageEnds(percents, targets), ends);
+        for (std::size_t i = 0; i < targets; ++i)
+            EXPECT_LT(i, ends[StageOf(ends, i) - 1]);
+    }
+    EXPECT_EQ(StageOf({1, 2, 4}, 0) * 100 + StageOf({1, 2, 4}, 1) * 10 + StageOf({1, 2, 4}, 3), 123);
 }
 
 TEST(TargetChoice, NamesAndPatternsGiveEachDeviceOnceInTheirOrder) {

@@ -188,6 +188,94 @@ TEST_F(ConsoleUpstreamTest, AReceiptCountsForThePublicationsThatItNames) {
     EXPECT_EQ(counts(0) + ", " + counts(1) + ", " + counts(2), "0/1/0 of 1, 1/0/0 of 1, 1/0/0 of 1");
 }
 
+/// Every receipt makes the console look at the stages again.
+TEST_F(ConsoleUpstreamTest, StagesFollowEachOtherAndStopAtFailuresOverRestarts) {
+    TakeIdentity(Identity(kDesk, "desk-9", now_ - 100));
+    module_.reset();
+    std::optional<ActiveModule<Console>> active(std::in_place);
+    KelContainer request = With(Request("desk-9"), {"Bypass=true", "Priority=7"});
+    for (const auto& [index, device, percent] :
+         {std::tuple(0U, kDesk, 1), {1U, kNorth, 50}, {2U, kClient, 100}}) {
+        request.SetString("Device", device, index);
+        request.SetInt32("Stage", percent, index);
+    }
+    const KelContainer published = Publish(With(request, "FileInfo", Values({"Note=it's"})));
+    const KelString id = published.GetString("PublicationId");
+    const auto state = [&] {
+        const KelContainer values = Listed(published).GetContainer("Values");
+        return values.GetString("State") + " " + values.GetString("Stage") + "/" +
+               values.GetString("StageCount") + " " + values.GetString("Reason");
+    };
+    const auto receive = [&](const std::string& guid, const std::string& status) {
+        EXPECT_EQ(TakeReceipt(With(Receipt(guid, status, 100), {"PublicationId=" + id})), kStaysHere);
+    };
+    const auto resume = [&](const Texts& values, const char* caller) {
+        return Call("ConsoleResume", From(With(Values({"PublicationId=" + id}), values), caller));
+    };
+    ASSERT_EQ(OfferCount(), 1U);
+    EXPECT_EQ(Offers()[0].GetContainer("DevicePath").GetContainer(kMasterPath).GetNameCount(), 1U)
+        << "the desk";
+
+    SetStoreResult(13);
+    receive(kDesk, "delivered");
+    EXPECT_TRUE(
+        Eventually([&] { return log_->Count(KelDebugLevel::Warning, "waits: The file store did") == 1; }));
+    EXPECT_EQ(Listed(published).GetContainer("Devices", 1).GetString("Status"), "scheduled");
+    SetStoreResult(0);
+    receive(kDesk, "delivered");
+    ASSERT_TRUE(Eventually([&] { return OfferCount() == 2U; }));
+    const KelContainer order = Offers()[1];
+    ExpectValues(order, {"FileType=DeliveryOrder", "FileName=" + id, "Bypass=true", "Priority=7"});
+    EXPECT_EQ(order.GetContainer("FileInfo").GetContainer("FileInfo").GetString("Note"), "it's");
+    EXPECT_EQ(order.GetContainer("DevicePath"), With({}, kMasterPath, With({}, kNorthPath, KelContainer())));
+    EXPECT_TRUE(
+        Eventually([&] { return Listed(published).GetContainer("Stages", 1).GetInt32("Pending") == 1; }));
+    EXPECT_EQ(resume({}, "127.0.3.1"), kKelErrorBadInput) << "not stopped";
+
+    receive(kNorth, "failed");
+    EXPECT_TRUE(Eventually([&] { return state() == "stopped 2/3 1 of its targets failed"; }));
+    active.reset();
+    active.emplace();
+    receive(kNorth, "failed");
+    EXPECT_EQ(state(), "stopped 2/3 1 of its targets failed");
+    EXPECT_EQ(OfferCount(), 2U);
+    EXPECT_EQ(resume({}, "127.0.3.9"), kKelErrorBadInput);
+    EXPECT_EQ(resume({}, "127.0.3.1"), 0U);
+    ASSERT_TRUE(Eventually([&] { return OfferCount() == 3U; })) << "the failure of before counts no more";
+    EXPECT_EQ(Offers()[2].GetContainer("DevicePath"),
+              With({}, kMasterPath, With({}, kNorthPath, With({}, kClientPath, KelContainer()))));
+    receive(kClient, "delivered");
+    EXPECT_TRUE(Eventually([&] { return state() == "complete 3/3 "; }));
+    EXPECT_EQ(CountsNow(published), "2/1/0 of 3");
+    EXPECT_EQ(resume({"Next=true"}, "127.0.3.1"), kKelErrorBadInput);
+}
+
+TEST_F(ConsoleUpstreamTest, NextStageNeedNotWaitAndUnusableStagesAreRefused) {
+    module_.reset();
+    ActiveModule<Console> active;
+    KelContainer request = Request(kNorth);
+    request.SetString("Device", kClient, 1);
+    const Texts unusable[] = {{"0", "100"},  {"50"},  {"50", "50", "100"},
+                              {"100", "50"}, {"101"}, {"x", "100"}};
+    const auto staged = [&request](const Texts& percents) {
+        KelContainer with = request;
+        for (std::uint32_t i = 0; i < percents.size(); ++i)
+            with.SetString("Stage", percents[i], i);
+        return with;
+    };
+    for (const Texts& percents : unusable)
+        EXPECT_EQ(Call("ConsolePublish", staged(percents)), kKelErrorBadInput) << percents[0];
+    EXPECT_EQ(Call("ConsolePublish", With(staged({"100"}), {"StopAtFailures=-1"})), kKelErrorBadInput);
+    EXPECT_FALSE(Call("ConsoleListPublications").Has("Values"));
+
+    const KelContainer published = Publish(staged({"50", "100"}));
+    EXPECT_EQ(Call("ConsoleResume", With(published, {"Next=true"})), 0U);
+    ASSERT_TRUE(
+        Eventually([&] { return Listed(published).GetContainer("Stages", 1).GetInt32("Pending") == 1; }));
+    EXPECT_EQ(OfferCount(), 2U);
+    EXPECT_EQ(Call("ConsoleResume", Publish(Request(kNorth))), kKelErrorBadInput) << "not in stages";
+}
+
 TEST_F(ConsoleUpstreamTest, PublicationsAreListedLatestFirstEvenWithinOneSecond) {
     KelVector<KelString> ids(8);
     for (auto id = ids.rbegin(); id != ids.rend(); ++id)
