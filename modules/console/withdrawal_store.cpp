@@ -41,7 +41,7 @@ KelStatus WithdrawalStore::Write(KelVector<KelString> statements,
 KelStatus WithdrawalStore::WithdrawPublication(const KelString& id, std::int64_t time,
                                                const KelVector<StoreWithdrawal>& withdrawals) {
     return Write({KelFormat("UPDATE PublicationTargets SET Status = 'withdrawn' WHERE PublicationId = '%Q' "
-                            "AND Status = 'pending'",
+                            "AND Status IN ('pending', 'scheduled')",
                             id),
                   KelFormat("UPDATE Publications SET WithdrawTime = %gd, OrderTime = 0 WHERE PublicationId = "
                             "'%Q'",
@@ -51,8 +51,8 @@ KelStatus WithdrawalStore::WithdrawPublication(const KelString& id, std::int64_t
 
 KelStatus WithdrawalStore::RemoveDevice(const KelString& guid,
                                         const KelVector<StoreWithdrawal>& withdrawals) {
-    return Write({KelFormat("UPDATE PublicationTargets SET Status = 'removed' WHERE GUID = '%Q' AND Status = "
-                            "'pending'",
+    return Write({KelFormat("UPDATE PublicationTargets SET Status = 'removed' WHERE GUID = '%Q' AND Status IN "
+                            "('pending', 'scheduled')",
                             guid),
                   KelFormat("DELETE FROM Devices WHERE GUID = '%Q'", guid)},
                  withdrawals);
@@ -116,8 +116,8 @@ KelResult<KelVector<KelString>> WithdrawalStore::PendingDevices(const FileKey& f
                                                                 const KelString& except) {
     return SelectTexts(
         KelFormat("SELECT DISTINCT GUID FROM Publications JOIN PublicationTargets ON "
-                  "PublicationTargets.PublicationId = Publications.PublicationId WHERE Status = 'pending' "
-                  "AND %S",
+                  "PublicationTargets.PublicationId = Publications.PublicationId WHERE Status IN "
+                  "('pending', 'scheduled') AND %S",
                   OfKey(file, except)));
 }
 
@@ -125,7 +125,7 @@ KelResult<KelVector<OpenPublication>> WithdrawalStore::OpenPublications(const Ke
     const auto rows = database_.Select(
         KelFormat("SELECT p.PublicationId, p.FileType, p.FileLabel, p.FileName, p.FileChecksum, p.OrderTime "
                   "FROM PublicationTargets AS t JOIN Publications AS p ON p.PublicationId = t.PublicationId "
-                  "WHERE t.GUID = '%Q' AND t.Status IN ('pending', 'withdrawn')",
+                  "WHERE t.GUID = '%Q' AND t.Status IN ('pending', 'scheduled', 'withdrawn')",
                   guid));
     if (!rows) return kUnreadable;
     KelVector<OpenPublication> publications(rows->GetRowCount());
@@ -145,6 +145,6 @@ KelResult<KelVector<KelString>> WithdrawalStore::ConcludedOrders(const KelVector
     return SelectTexts(
         KelFormat("SELECT p.PublicationId FROM Publications AS p WHERE p.OrderTime <> 0 %SAND NOT EXISTS "
                   "(SELECT 1 FROM PublicationTargets AS t WHERE t.PublicationId = p.PublicationId AND "
-                  "t.Status = 'pending')",
+                  "t.Status IN ('pending', 'scheduled'))",
                   among));
 }
