@@ -8,8 +8,8 @@
 #include "kel/types.h"
 
 // The commands, in families: publish_commands.cpp, transfer_commands.cpp, store_commands.cpp,
-// device_commands.cpp, steering_commands.cpp, init_command.cpp, why_command.cpp; and those of their steps
-// that have tests of their own.
+// device_commands.cpp, steering_commands.cpp, init_command.cpp, parent_command.cpp, why_command.cpp; and
+// those of their steps that have tests of their own.
 
 /// Runs one command: prints its results to stdout and what went wrong to stderr. An exit code of
 /// cli/options.h.
@@ -29,8 +29,12 @@ int RunCommand(const CommonOptions& common, const WindowsOptions& options);
 int RunCommand(const CommonOptions& common, const InboxOptions& options);
 int RunCommand(const CommonOptions& common, const CallOptions& options);
 int RunCommand(const CommonOptions& common, const WhyOptions& options);
+int RunCommand(const CommonOptions& common, const ParentOptions& options);
 
 class Remote;
+
+/// The parent in a device's answer to RelayGetValues, as one line: "HOST:PORT (in sync since …)".
+KelString ParentText(const KelContainer& relay);
 
 /// Why a file waits, as one cell: the sentence, and at which device. `reason`: a target's or file's values.
 KelString ReasonText(const KelContainer& reason);

@@ -28,6 +28,7 @@ struct Parsed {
     WindowsOptions windows;
     CallOptions call;
     WhyOptions why;
+    ParentOptions parent;
     std::optional<CommandOptions> chosen;
 };
 
@@ -166,6 +167,12 @@ void DefineWindows(CLI::App& app, Parsed& parsed) {
     command->callback([&parsed] { parsed.chosen = parsed.windows; });
 }
 
+void DefineParent(CLI::App& app, Parsed& parsed) {
+    auto* command = app.add_subcommand("parent", "Show the parent of this device, or give it another one");
+    command->add_option("HOST:PORT", parsed.parent.place, "The new parent; used at once and from now on");
+    command->callback([&parsed] { parsed.chosen = parsed.parent; });
+}
+
 void DefineCall(CLI::App& app, Parsed& parsed) {
     auto* command = app.add_subcommand("call", "Call any action");
     command->add_option("ACTION", parsed.call.action, "Name of the action")->required();
@@ -270,6 +277,7 @@ std::optional<Options> ParseOptions(int count, const char* const* arguments, int
     DefineUpward(app, parsed);
     DefineSettings(app, parsed);
     DefineWindows(app, parsed);
+    DefineParent(app, parsed);
     DefineCall(app, parsed);
     try {
         app.parse(count, arguments);

@@ -100,6 +100,10 @@ struct WindowsOptions {
     bool utc = false;
 };
 
+struct ParentOptions {
+    KelString place;  ///< "HOST:PORT" of the new parent; empty: show the present one
+};
+
 struct CallOptions {
     KelString action;
     KelVector<KelString> arguments;  ///< "name=text" or "name:=JSON"
@@ -108,7 +112,7 @@ struct CallOptions {
 using CommandOptions =
     std::variant<InitOptions, StatusOptions, DevicesOptions, PublishOptions, PublicationsOptions, SendOptions,
                  CollectedOptions, RequestOptions, UploadOptions, FilesOptions, FileOptions, SettingsOptions,
-                 WindowsOptions, InboxOptions, CallOptions, WhyOptions>;
+                 WindowsOptions, InboxOptions, CallOptions, WhyOptions, ParentOptions>;
 
 struct Options {
     CommonOptions common;

@@ -53,6 +53,8 @@ constexpr char kMakeDue[] = "UPDATE Targets SET LastNotifyTime = 0, IsDue = 1 WH
 constexpr char kSetNotifyTime[] = "UPDATE Targets SET LastNotifyTime = %ld, IsDue = %u WHERE TargetId = %lu";
 constexpr char kSetDevice[] = "UPDATE Targets SET DeviceGUID = '%Q', DevicePath = '%Q' WHERE TargetId = %lu";
 constexpr char kDeleteOfDevice[] = "DELETE FROM Targets WHERE FileId = %lu AND DeviceGUID LIKE '%/%Q%'";
+constexpr char kNamesOfDevice[] = "SELECT DISTINCT DeviceGUID FROM Targets WHERE DeviceGUID LIKE '%/%Q%'";
+constexpr char kDeleteNamed[] = "DELETE FROM Targets WHERE DeviceGUID IN (%S)";
 constexpr char kDeleteAll[] = "DELETE FROM Targets WHERE TargetId IN (%S)";
 constexpr char kSetNotifyTimes[] =
     "UPDATE Targets SET LastNotifyTime = %ld, IsDue = 0 WHERE TargetId IN (%S)";
@@ -218,6 +220,17 @@ bool SetTargetDevice(const FileStoreTarget& target) {
 
 bool DeleteTargetsOfDevice(std::uint64_t fileId, const KelString& guid) {
     return Change(KelFormat(kDeleteOfDevice, fileId, guid));
+}
+
+KelVector<KelString> DeleteTargetsOfDevice(const KelString& guid) {
+    const FileStoreDatabase database = Database();
+    const KelLock lock(database.mutex);
+    KelVector<KelString> names;
+    const auto result = database.connection.Query(KelFormat(kNamesOfDevice, guid));
+    for (std::size_t i = 0; result && i < result->GetRowCount(); ++i)
+        names.push_back(result->GetString(i, std::size_t{0}));
+    if (!names.empty() && !Change(KelFormat(kDeleteNamed, QuotedList(names)))) names.clear();
+    return names;
 }
 
 bool AnnouncementOutcome::IsEmpty() const {

@@ -158,6 +158,7 @@ class FileStore {
     static unsigned int ActionHandler_FileStoreHttpPutCallback(KelContainer* arguments);
     static unsigned int ActionHandler_FileStoreGUIDCallback(KelContainer* arguments);
     static unsigned int ActionHandler_FileStoreIPCallback(KelContainer* arguments);
+    static unsigned int ActionHandler_FileStoreParentChange(KelContainer* arguments);
     static unsigned int ActionHandler_FileStoreParentInSync(KelContainer* arguments);
     static unsigned int ActionHandler_FileStoreDeviceContact(KelContainer* arguments);
     static unsigned int ActionHandler_FileStoreTransferWindowCallback(KelContainer* arguments);

@@ -3,18 +3,20 @@
 #include <atomic>
 #include <cstdint>
 #include <functional>
+#include <unordered_set>
 
 #include "kel/container.h"
 #include "kel/debug.h"
+#include "kel/mutex.h"
 #include "modules/console/device_directory.h"
 #include "modules/console/publication_store.h"
 
 /// Processes the files that the devices below send to the console: identity files and receipts. Any thread.
 class UpstreamIntake {
   public:
-    /// `repeat` is called with the GUID of a device whose file store has lost its database, and with that of
-    /// the master when it reports for the first time in this process: its databases may have been restored
-    /// from a backup. False when it is to be called again.
+    /// `repeat` is called with the GUID of a device that has moved or whose file store has lost its database,
+    /// and with that of the master when it reports for the first time in this process: its databases may have
+    /// been restored from a backup. False when it is to be called again.
     UpstreamIntake(const KelDebug& log, DeviceStore& devices, PublicationStore& publications,
                    std::function<bool(const KelString&)> repeat)
         : log_(log), devices_(devices), publications_(publications), repeat_(std::move(repeat)) {}
@@ -28,6 +30,8 @@ class UpstreamIntake {
   private:
     KelResult<bool> StoreIdentity(const KelContainer& content, const KelString& sourceDevice,
                                   std::int64_t now);
+    bool IsRepeated(const KelString& guid);
+    void SetRepeated(const KelString& guid, bool isRepeated);
     KelResult<bool> StoreReceipt(const KelContainer& content, const KelString& sourceDevice,
                                  std::int64_t now);
 
@@ -36,4 +40,7 @@ class UpstreamIntake {
     PublicationStore& publications_;
     std::function<bool(const KelString&)> repeat_;
     std::atomic<bool> hasMasterReported_ = false;
+    KelMutex mutex_;
+    /// The devices for which `repeat` is due. Lost with the process: the start repeats everything.
+    std::unordered_set<KelString> toRepeat_ KEL_GUARDED_BY(mutex_);
 };

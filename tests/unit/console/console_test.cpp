@@ -222,7 +222,7 @@ TEST_F(ConsoleTest, NewDatabaseHasAnotherIdentifierThanTheLostOne) {
 
 /// The identities of devices and of their stores. The first one of the master follows its start, perhaps from
 /// a backup.
-TEST_F(ConsoleTest, WhatIsPendingBelowALostStoreOrAfterAStartIsOrderedAgain) {
+TEST_F(ConsoleTest, WhatIsPendingBelowALostStoreOrAMovedDeviceOrAfterAStartIsOrderedAgain) {
     const RunningModule<Console> console;
     Publish(Request(kClient));
     int time = 1000;
@@ -241,6 +241,7 @@ TEST_F(ConsoleTest, WhatIsPendingBelowALostStoreOrAfterAStartIsOrderedAgain) {
     const auto other = "ABCD0000-0000-0000-0000-00000000000B";
     const std::string otherPath =
         std::string("127.0.3.9:1610/") + other + "/02-00-7F-00-03-09/127.0.3.9/255.0.0.0";
+    const std::string movedPath = "127.0.3.8:1610/" + kNorth + "/02-00-7F-00-03-08/127.0.3.8/255.0.0.0";
     for (const auto& [guid, path, storeId, refusal, offers] : {std::tuple(kNorth, kNorthPath, "1", 0U, 1U),
                                                                {kNorth, kNorthPath, "2", 1U, 1U},
                                                                {kNorth, kNorthPath, "2", 0U, 2U},
@@ -251,7 +252,10 @@ TEST_F(ConsoleTest, WhatIsPendingBelowALostStoreOrAfterAStartIsOrderedAgain) {
                                                                {kMaster, kMasterPath, "1", 1U, 2U},
                                                                {kMaster, kMasterPath, "1", 0U, 3U},
                                                                {kMaster, kMasterPath, "1", 0U, 3U},
-                                                               {kMaster, kMasterPath, "2", 0U, 4U}}) {
+                                                               {kMaster, kMasterPath, "2", 0U, 4U},
+                                                               {kNorth, movedPath, "2", 1U, 4U},
+                                                               {kNorth, movedPath, "2", 0U, 5U},
+                                                               {kNorth, movedPath, "2", 0U, 5U}}) {
         SetStoreResult(refusal);
         EXPECT_EQ(report(guid, path, storeId),
                   static_cast<unsigned int>(refusal != 0 ? kKelAnswerTryLater : kKelAnswerStaysHere));
@@ -261,7 +265,9 @@ TEST_F(ConsoleTest, WhatIsPendingBelowALostStoreOrAfterAStartIsOrderedAgain) {
     const KelContainer wanted = offered.back().GetContainer("FileInfo");
     for (const char* name : {"FileType", "FileName", "FileChecksum"})
         EXPECT_EQ(wanted.GetString(name), offered.front().GetString(name));
-    EXPECT_EQ(offered.back().GetContainer("DevicePath"), offered.front().GetContainer("DevicePath"));
+    const KelContainer path = offered.front().GetContainer("DevicePath");
+    EXPECT_EQ(offered[3].GetContainer("DevicePath"), path);
+    EXPECT_EQ(offered.back().GetContainer("DevicePath").GetContainer(kMasterPath).GetName(0), movedPath);
 }
 
 }  // namespace

@@ -35,7 +35,7 @@ TEST_F(Lifecycle, ActionsRefuseCallsWhileTheDatabasesAreClosed) {
         ++actions;
         Ask(signature.substr(0, signature.find(' ')), {}, kKelErrorNotAvailable);
     }
-    EXPECT_EQ(actions, 29);
+    EXPECT_EQ(actions, 30);
 }
 
 TEST_F(Lifecycle, InitialisationFailsWithoutItsTablesOrADatabaseAndClosesWhatItOpened) {
@@ -129,9 +129,9 @@ TEST_F(Lifecycle, StartRepairsWhatAnEarlierRunInterrupted) {
     Rows(kDown, "DELETE FROM Files WHERE FileId = 3");  // which the threads would ask for
     AddFile(kDown, "offered before activation", "RECEIVING");
     Activate();
-    EXPECT_EQ(Files(kDown,
-                    "FileStatus, FileSize, Acknowledged, LastStatusChangeTime, MulticastTransferToBeStarted"),
-              (Texts{"TOBEREQUESTED|0|0|0|0", "AVAILABLE|12|1|99|0", "RECEIVING|0|0|0|0"}));
+    // Not the time: the first may have been requested already.
+    EXPECT_EQ(Files(kDown, "FileStatus, FileSize, Acknowledged, MulticastTransferToBeStarted"),
+              (Texts{"TOBEREQUESTED|0|0|0", "AVAILABLE|12|1|0", "RECEIVING|0|0|0"}));
 }
 
 TEST_F(Lifecycle, EntryDrivesALifeAndASecondOne) {
