@@ -34,8 +34,12 @@ int RunCommand(const CommonOptions& common, const GroupsOptions& options);
 int RunCommand(const CommonOptions& common, const ResumeOptions& options);
 int RunCommand(const CommonOptions& common, const WakeOptions& options);
 int RunCommand(const CommonOptions& common, const MulticastOptions& options);
+int RunCommand(const CommonOptions& common, const ParentOptions& options);
 
 class Remote;
+
+/// The parent in a device's answer to RelayGetValues, as one line: "HOST:PORT (in sync since …)".
+KelString ParentText(const KelContainer& relay);
 
 /// Why a file waits, as one cell: the sentence, and at which device. `reason`: a target's or file's values.
 KelString ReasonText(const KelContainer& reason);

@@ -103,17 +103,6 @@ unsigned int ReadStatus(const Remote& remote, KelContainer& status) {
     return result;
 }
 
-KelString ParentText(const KelContainer& relay) {
-    if (relay.GetString("Role") == "master") return "none";
-    const KelString name = relay.GetString("ParentName");
-    const KelString host = name.empty() ? relay.GetString("ParentIPAddress") : name;
-    const KelString parent = host + ":" + relay.GetString("ParentPort");
-    const KelString since = TimeText(relay.GetInt64("ParentSince"));
-    const KelString problem = relay.GetString("ParentProblem");
-    return parent + (relay.GetBool("ParentSync") ? " (in sync" : " (out of sync") +
-           (since.empty() ? "" : " since " + since) + (problem.empty() ? "" : ": " + problem) + ")";
-}
-
 /// Since when a window is closed and until when.
 KelString WindowText(const KelContainer& waiting, const KelString& name) {
     if (!waiting.Has(name)) return "open";
@@ -164,6 +153,17 @@ void PrintStatus(const KelContainer& status, const KelString& address) {
 }
 
 }  // namespace
+
+KelString ParentText(const KelContainer& relay) {
+    if (relay.GetString("Role") == "master") return "none";
+    const KelString name = relay.GetString("ParentName");
+    const KelString host = name.empty() ? relay.GetString("ParentIPAddress") : name;
+    const KelString parent = host + ":" + relay.GetString("ParentPort");
+    const KelString since = TimeText(relay.GetInt64("ParentSince"));
+    const KelString problem = relay.GetString("ParentProblem");
+    return parent + (relay.GetBool("ParentSync") ? " (in sync" : " (out of sync") +
+           (since.empty() ? "" : " since " + since) + (problem.empty() ? "" : ": " + problem) + ")";
+}
 
 KelVector<DeviceRow> OrderByParent(const KelContainer& answer) {
     return DeviceTree(answer).Order();

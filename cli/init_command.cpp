@@ -34,17 +34,6 @@ KelString ModuleLines(const KelVector<KelString>& modules) {
     return lines;
 }
 
-/// Splits "HOST:PORT"; false when the text has another form or could not stand in an ini file.
-bool SplitParent(const KelString& text, KelString& host, KelString& port) {
-    const auto colon = text.rfind(':');
-    if (colon == KelString::npos || colon == 0) return false;
-    host = text.substr(0, colon);
-    port = text.substr(colon + 1);
-    const auto number = ParseUint64(port);
-    return number && *number > 0 && *number <= 65535 && host.find_first_of(" /@;#=:") == KelString::npos &&
-           !HasControlCharacter(host);
-}
-
 KelStatus WriteInis(const KelString& configDir, const KelVector<KelString>& modules,
                     const std::map<KelString, KelString>& values) {
     KelVector<KelString> names = modules;
@@ -89,6 +78,16 @@ KelStatus MakeRoot(const InitOptions& options, const std::map<KelString, KelStri
 }
 
 }  // namespace
+
+bool SplitParent(const KelString& text, KelString& host, KelString& port) {
+    const auto colon = text.rfind(':');
+    if (colon == KelString::npos || colon == 0) return false;
+    host = text.substr(0, colon);
+    port = text.substr(colon + 1);
+    const auto number = ParseUint64(port);
+    return number && *number > 0 && *number <= 65535 && host.find_first_of(" /@;#=:") == KelString::npos &&
+           !HasControlCharacter(host);
+}
 
 KelResult<std::map<KelString, KelString>> TemplateValues(const InitOptions& options,
                                                          const KelString& password) {

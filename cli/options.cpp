@@ -35,6 +35,7 @@ struct Parsed {
     MulticastOptions multicast;
     WithdrawOptions withdraw;
     RemoveDeviceOptions removeDevice;
+    ParentOptions parent;
     std::optional<CommandOptions> chosen;
 };
 
@@ -190,185 +191,190 @@ void DefineGroups(CLI::App& app, Parsed& parsed) {
     define("remove", GroupsOptions::Verb::Remove, "Remove members; a group without members is gone");
     define("delete", GroupsOptions::Verb::Delete, "Delete a group");
     command->callback([&parsed] { parsed.chosen = parsed.groups; });
-    void DefineWithdraw(CLI::App & app, Parsed & parsed) {
-        auto* command = app.add_subcommand(
-            "withdraw", "End a publication: targets that have not begun never get the file; on the master");
-        command
-            ->add_option("PUBLICATION", parsed.withdraw.id, "The publication, as 'kel publications' shows it")
-            ->required();
-        command->callback([&parsed] { parsed.chosen = parsed.withdraw; });
-    }
+}
 
-    void DefineDevices(CLI::App & app, Parsed & parsed) {
-        auto* command = app.add_subcommand("devices", "The tree as the master knows it");
-        command->add_subcommand("list", "Show the devices (the default)");
-        auto* remove = command->add_subcommand(
-            "remove", "Forget a device, and what is pending for it; when it reports itself, it is new");
-        command->require_subcommand(0, 1);
-        remove->add_option("DEVICE", parsed.removeDevice.device, "Its GUID or name")->required();
-        command->callback([&parsed, remove] {
-            if (remove->parsed())
-                parsed.chosen = parsed.removeDevice;
-            else
-                parsed.chosen = DevicesOptions();
-        });
-    }
+void DefineWithdraw(CLI::App& app, Parsed& parsed) {
+    auto* command = app.add_subcommand(
+        "withdraw", "End a publication: targets that have not begun never get the file; on the master");
+    command->add_option("PUBLICATION", parsed.withdraw.id, "The publication, as 'kel publications' shows it")
+        ->required();
+    command->callback([&parsed] { parsed.chosen = parsed.withdraw; });
+}
 
-    void DefineUpward(CLI::App & app, Parsed & parsed) {
-        SendOptions& send = parsed.send;
-        auto* command = app.add_subcommand("send", "Send files of this device up to the master");
-        command->add_option("FILE", send.files, "The files")->required()->check(CLI::ExistingFile);
-        AddKeyOptions(*command, send.type, send.label);
-        command->add_option("--priority", send.priority, "Kept with the files")->capture_default_str();
-        command->add_flag("--bypass", send.bypass, "Go also while transfer windows are closed");
-        command->callback([&parsed] { parsed.chosen = parsed.send; });
+void DefineDevices(CLI::App& app, Parsed& parsed) {
+    auto* command = app.add_subcommand("devices", "The tree as the master knows it");
+    command->add_subcommand("list", "Show the devices (the default)");
+    auto* remove = command->add_subcommand(
+        "remove", "Forget a device, and what is pending for it; when it reports itself, it is new");
+    command->require_subcommand(0, 1);
+    remove->add_option("DEVICE", parsed.removeDevice.device, "Its GUID or name")->required();
+    command->callback([&parsed, remove] {
+        if (remove->parsed())
+            parsed.chosen = parsed.removeDevice;
+        else
+            parsed.chosen = DevicesOptions();
+    });
+}
 
-        app.add_subcommand("collected", "Files that came up from the devices; on the master")
-            ->callback([&parsed] { parsed.chosen = CollectedOptions(); });
-        app.add_subcommand("upload", "Pack and send up now what waits for it")->callback([&parsed] {
-            parsed.chosen = UploadOptions();
-        });
+void DefineUpward(CLI::App& app, Parsed& parsed) {
+    SendOptions& send = parsed.send;
+    auto* command = app.add_subcommand("send", "Send files of this device up to the master");
+    command->add_option("FILE", send.files, "The files")->required()->check(CLI::ExistingFile);
+    AddKeyOptions(*command, send.type, send.label);
+    command->add_option("--priority", send.priority, "Kept with the files")->capture_default_str();
+    command->add_flag("--bypass", send.bypass, "Go also while transfer windows are closed");
+    command->callback([&parsed] { parsed.chosen = parsed.send; });
 
-        RequestOptions& request = parsed.request;
-        auto* ask = app.add_subcommand("request", "Ask the devices above for a file");
-        AddKeyOptions(*ask, request.type, request.label);
-        ask->add_option("--name", request.name, "File name")->required();
-        ask->add_option("--checksum", request.checksum, "MD5 of the content; default: any content");
-        ask->add_option("--wait", request.waitSeconds, "Wait up to this long for the delivery")
-            ->type_name("SECONDS")
-            ->check(CLI::Range(0, 86400));
-        ask->callback([&parsed] { parsed.chosen = parsed.request; });
-    }
+    app.add_subcommand("collected", "Files that came up from the devices; on the master")
+        ->callback([&parsed] { parsed.chosen = CollectedOptions(); });
+    app.add_subcommand("upload", "Pack and send up now what waits for it")->callback([&parsed] {
+        parsed.chosen = UploadOptions();
+    });
 
-    void DefineSettings(CLI::App & app, Parsed & parsed) {
-        auto* command = app.add_subcommand("settings", "Settings of the file store");
-        command->require_subcommand(1);
-        auto* get = command->add_subcommand("get", "Show settings");
-        get->add_option("NAME", parsed.settings.names, "Settings to show; default: all");
-        auto* set = command->add_subcommand("set", "Change settings");
-        set->add_option("NAME=VALUE", parsed.settings.assignments, "Names and new values")->required();
-        command->callback([&parsed] { parsed.chosen = parsed.settings; });
-    }
+    RequestOptions& request = parsed.request;
+    auto* ask = app.add_subcommand("request", "Ask the devices above for a file");
+    AddKeyOptions(*ask, request.type, request.label);
+    ask->add_option("--name", request.name, "File name")->required();
+    ask->add_option("--checksum", request.checksum, "MD5 of the content; default: any content");
+    ask->add_option("--wait", request.waitSeconds, "Wait up to this long for the delivery")
+        ->type_name("SECONDS")
+        ->check(CLI::Range(0, 86400));
+    ask->callback([&parsed] { parsed.chosen = parsed.request; });
+}
 
-    void DefineWindows(CLI::App & app, Parsed & parsed) {
-        WindowsOptions& windows = parsed.windows;
-        auto* command = app.add_subcommand("windows", "Transfer windows: when and how fast files move");
-        command->add_subcommand("get", "Show the windows (the default)");
-        auto* set = command->add_subcommand("set", "Set or remove the window of a direction");
-        command->require_subcommand(0, 1);
-        set->add_option("DIRECTION", windows.direction, "The direction")
-            ->required()
-            ->check(CLI::IsMember({"up", "down", "multicast"}));
-        auto* slots = set->add_option(
-            "--slots", windows.slots,
-            "A rate for every hour, or 168 rates separated by blanks, Monday 00:00 first; 0: closed");
-        auto* remove = set->add_flag("--remove", windows.remove, "No window: always open, no limit");
-        slots->excludes(remove);
-        set->add_option("--slot-type", windows.slotType,
-                        "Unit: 1 bit/s, 2 kbit/s, 3 Mbit/s, 7 percent, 8 per thousand")
-            ->capture_default_str()
-            ->check(CLI::IsMember({1, 2, 3, 7, 8}));
-        set->add_flag("--utc", windows.utc, "The hours are in UTC, not local time");
-        set->callback([&windows] {
-            if (windows.slots.empty() && !windows.remove) throw CLI::RequiredError("--slots or --remove");
-        });
-        command->callback([&parsed] { parsed.chosen = parsed.windows; });
+void DefineSettings(CLI::App& app, Parsed& parsed) {
+    auto* command = app.add_subcommand("settings", "Settings of the file store");
+    command->require_subcommand(1);
+    auto* get = command->add_subcommand("get", "Show settings");
+    get->add_option("NAME", parsed.settings.names, "Settings to show; default: all");
+    auto* set = command->add_subcommand("set", "Change settings");
+    set->add_option("NAME=VALUE", parsed.settings.assignments, "Names and new values")->required();
+    command->callback([&parsed] { parsed.chosen = parsed.settings; });
+}
 
-        auto* multicast =
-            app.add_subcommand("multicast", "Files that are being sent to many devices at once");
-        multicast->add_flag("--details", parsed.multicast.details, "Every device, with its state");
-        multicast->callback([&parsed] { parsed.chosen = parsed.multicast; });
-    }
+void DefineWindows(CLI::App& app, Parsed& parsed) {
+    WindowsOptions& windows = parsed.windows;
+    auto* command = app.add_subcommand("windows", "Transfer windows: when and how fast files move");
+    command->add_subcommand("get", "Show the windows (the default)");
+    auto* set = command->add_subcommand("set", "Set or remove the window of a direction");
+    command->require_subcommand(0, 1);
+    set->add_option("DIRECTION", windows.direction, "The direction")
+        ->required()
+        ->check(CLI::IsMember({"up", "down", "multicast"}));
+    auto* slots = set->add_option(
+        "--slots", windows.slots,
+        "A rate for every hour, or 168 rates separated by blanks, Monday 00:00 first; 0: closed");
+    auto* remove = set->add_flag("--remove", windows.remove, "No window: always open, no limit");
+    slots->excludes(remove);
+    set->add_option("--slot-type", windows.slotType,
+                    "Unit: 1 bit/s, 2 kbit/s, 3 Mbit/s, 7 percent, 8 per thousand")
+        ->capture_default_str()
+        ->check(CLI::IsMember({1, 2, 3, 7, 8}));
+    set->add_flag("--utc", windows.utc, "The hours are in UTC, not local time");
+    set->callback([&windows] {
+        if (windows.slots.empty() && !windows.remove) throw CLI::RequiredError("--slots or --remove");
+    });
+    command->callback([&parsed] { parsed.chosen = parsed.windows; });
 
-    void DefineCall(CLI::App & app, Parsed & parsed) {
-        auto* command = app.add_subcommand("call", "Call any action");
-        command->add_option("ACTION", parsed.call.action, "Name of the action")->required();
-        command->add_option("ARGUMENT", parsed.call.arguments,
-                            "name=text or name:=JSON; a name given several times has several values");
-        command->callback([&parsed] { parsed.chosen = parsed.call; });
-    }
+    auto* multicast = app.add_subcommand("multicast", "Files that are being sent to many devices at once");
+    multicast->add_flag("--details", parsed.multicast.details, "Every device, with its state");
+    multicast->callback([&parsed] { parsed.chosen = parsed.multicast; });
+}
 
-    void DefineQueries(CLI::App & app, Parsed & parsed) {
-        app.add_subcommand("status", "This device: role, parent, queues")->callback([&parsed] {
-            parsed.chosen = StatusOptions();
-        });
-        DefineDevices(app, parsed);
-        app.add_subcommand("inbox", "Files delivered to this device")->callback([&parsed] {
-            parsed.chosen = InboxOptions();
-        });
-        auto* why = app.add_subcommand("why", "Why a file has not arrived: asks the devices on its way");
-        why->add_option(
-               "FILE", parsed.why.what,
-               "A publication or the name of a published file, on the master; or the number in 'kel files'")
-            ->required();
-        why->add_option("DEVICE", parsed.why.device, "Only this target: its GUID, or on the master its name");
-        why->add_flag("--upstream", parsed.why.upstream, "The number is one of 'kel files --upstream'");
-        why->callback([&parsed] { parsed.chosen = parsed.why; });
-        auto* wake = app.add_subcommand("wake", "Wake a sleeping device by Wake-on-LAN; on the master");
-        wake->add_option("DEVICE", parsed.wake.device, "GUID or name of the device")->required();
-        wake->callback([&parsed] { parsed.chosen = parsed.wake; });
-        auto* files = app.add_subcommand("files", "Files in the store");
-        files->add_flag("--upstream", parsed.files.upstream, "Those on their way to the master");
-        files->add_option("--limit", parsed.files.limit, "Print at most so many")
-            ->type_name("N")
-            ->check(CLI::NonNegativeNumber);
-        files->add_option("--offset", parsed.files.offset, "Leave out so many at the beginning")
-            ->type_name("N")
-            ->check(CLI::NonNegativeNumber);
-        files->callback([&parsed] { parsed.chosen = parsed.files; });
-        auto* file = app.add_subcommand("file", "One file of the store, with all its values");
-        file->add_option("ID", parsed.file.id, "The number that 'kel files' shows")
-            ->required()
-            ->check(CLI::Range(1, std::numeric_limits<std::int32_t>::max()));
-        file->add_flag("--upstream", parsed.file.upstream, "One of those on their way to the master");
-        file->callback([&parsed] { parsed.chosen = parsed.file; });
-    }
+void DefineParent(CLI::App& app, Parsed& parsed) {
+    auto* command = app.add_subcommand("parent", "Show the parent of this device, or give it another one");
+    command->add_option("HOST:PORT", parsed.parent.place, "The new parent; used at once and from now on");
+    command->callback([&parsed] { parsed.chosen = parsed.parent; });
+}
 
-    /// The number of characters to insert, remove or replace to turn one text into the other.
-    std::size_t EditDistance(std::string_view from, std::string_view to) {
-        std::vector<std::size_t> row(to.size() + 1);
-        std::iota(row.begin(), row.end(), std::size_t{0});
-        for (std::size_t i = 1; i <= from.size(); ++i) {
-            std::size_t diagonal = std::exchange(row[0], i);
-            for (std::size_t j = 1; j <= to.size(); ++j) {
-                const std::size_t replaced = diagonal + (from[i - 1] == to[j - 1] ? 0 : 1);
-                diagonal = row[j];
-                row[j] = std::min({replaced, row[j] + 1, row[j - 1] + 1});
-            }
+void DefineCall(CLI::App& app, Parsed& parsed) {
+    auto* command = app.add_subcommand("call", "Call any action");
+    command->add_option("ACTION", parsed.call.action, "Name of the action")->required();
+    command->add_option("ARGUMENT", parsed.call.arguments,
+                        "name=text or name:=JSON; a name given several times has several values");
+    command->callback([&parsed] { parsed.chosen = parsed.call; });
+}
+
+void DefineQueries(CLI::App& app, Parsed& parsed) {
+    app.add_subcommand("status", "This device: role, parent, queues")->callback([&parsed] {
+        parsed.chosen = StatusOptions();
+    });
+    DefineDevices(app, parsed);
+    app.add_subcommand("inbox", "Files delivered to this device")->callback([&parsed] {
+        parsed.chosen = InboxOptions();
+    });
+    auto* why = app.add_subcommand("why", "Why a file has not arrived: asks the devices on its way");
+    why->add_option(
+           "FILE", parsed.why.what,
+           "A publication or the name of a published file, on the master; or the number in 'kel files'")
+        ->required();
+    why->add_option("DEVICE", parsed.why.device, "Only this target: its GUID, or on the master its name");
+    why->add_flag("--upstream", parsed.why.upstream, "The number is one of 'kel files --upstream'");
+    why->callback([&parsed] { parsed.chosen = parsed.why; });
+    auto* wake = app.add_subcommand("wake", "Wake a sleeping device by Wake-on-LAN; on the master");
+    wake->add_option("DEVICE", parsed.wake.device, "GUID or name of the device")->required();
+    wake->callback([&parsed] { parsed.chosen = parsed.wake; });
+    auto* files = app.add_subcommand("files", "Files in the store");
+    files->add_flag("--upstream", parsed.files.upstream, "Those on their way to the master");
+    files->add_option("--limit", parsed.files.limit, "Print at most so many")
+        ->type_name("N")
+        ->check(CLI::NonNegativeNumber);
+    files->add_option("--offset", parsed.files.offset, "Leave out so many at the beginning")
+        ->type_name("N")
+        ->check(CLI::NonNegativeNumber);
+    files->callback([&parsed] { parsed.chosen = parsed.files; });
+    auto* file = app.add_subcommand("file", "One file of the store, with all its values");
+    file->add_option("ID", parsed.file.id, "The number that 'kel files' shows")
+        ->required()
+        ->check(CLI::Range(1, std::numeric_limits<std::int32_t>::max()));
+    file->add_flag("--upstream", parsed.file.upstream, "One of those on their way to the master");
+    file->callback([&parsed] { parsed.chosen = parsed.file; });
+}
+
+/// The number of characters to insert, remove or replace to turn one text into the other.
+std::size_t EditDistance(std::string_view from, std::string_view to) {
+    std::vector<std::size_t> row(to.size() + 1);
+    std::iota(row.begin(), row.end(), std::size_t{0});
+    for (std::size_t i = 1; i <= from.size(); ++i) {
+        std::size_t diagonal = std::exchange(row[0], i);
+        for (std::size_t j = 1; j <= to.size(); ++j) {
+            const std::size_t replaced = diagonal + (from[i - 1] == to[j - 1] ? 0 : 1);
+            diagonal = row[j];
+            row[j] = std::min({replaced, row[j] + 1, row[j - 1] + 1});
         }
-        return row.back();
     }
+    return row.back();
+}
 
-    /// The known command that `typed` is most likely meant to be; empty when none is close.
-    KelString SimilarCommand(const CLI::App& app, const KelString& typed) {
-        KelString similar;
-        std::size_t smallest = kMaxTypingErrors + 1;
-        for (const CLI::App* command : app.get_subcommands([](const CLI::App*) { return true; })) {
-            const std::size_t distance = EditDistance(typed, command->get_name());
-            if (distance >= smallest || distance >= command->get_name().size()) continue;
-            smallest = distance;
-            similar = command->get_name();
-        }
-        return similar;
+/// The known command that `typed` is most likely meant to be; empty when none is close.
+KelString SimilarCommand(const CLI::App& app, const KelString& typed) {
+    KelString similar;
+    std::size_t smallest = kMaxTypingErrors + 1;
+    for (const CLI::App* command : app.get_subcommands([](const CLI::App*) { return true; })) {
+        const std::size_t distance = EditDistance(typed, command->get_name());
+        if (distance >= smallest || distance >= command->get_name().size()) continue;
+        smallest = distance;
+        similar = command->get_name();
     }
+    return similar;
+}
 
-    /// Names the command that does not exist, of the program or of one of its commands, and a similar one.
-    /// False, without a message, when the arguments failed for another reason.
-    bool ReportUnknownCommand(const CLI::App& app) {
-        const CLI::App* level = &app;
-        while (!level->get_subcommands().empty())
-            level = level->get_subcommands().front();
-        if (level->get_subcommands([](const CLI::App*) { return true; }).empty()) return false;
-        const std::vector<std::string> left = app.remaining(true);
-        const auto typed =
-            std::ranges::find_if(left, [](const std::string& word) { return !word.starts_with('-'); });
-        if (typed == left.end()) return false;
-        const KelString similar = SimilarCommand(*level, *typed);
-        Complain(
-            "there is no command '" + (level == &app ? "" : level->get_name() + " ") + *typed + "'" +
-            (similar.empty() ? "; 'kel --help' lists the commands" : "; did you mean '" + similar + "'?"));
-        return true;
-    }
+/// Names the command that does not exist, of the program or of one of its commands, and a similar one.
+/// False, without a message, when the arguments failed for another reason.
+bool ReportUnknownCommand(const CLI::App& app) {
+    const CLI::App* level = &app;
+    while (!level->get_subcommands().empty())
+        level = level->get_subcommands().front();
+    if (level->get_subcommands([](const CLI::App*) { return true; }).empty()) return false;
+    const std::vector<std::string> left = app.remaining(true);
+    const auto typed =
+        std::ranges::find_if(left, [](const std::string& word) { return !word.starts_with('-'); });
+    if (typed == left.end()) return false;
+    const KelString similar = SimilarCommand(*level, *typed);
+    Complain("there is no command '" + (level == &app ? "" : level->get_name() + " ") + *typed + "'" +
+             (similar.empty() ? "; 'kel --help' lists the commands" : "; did you mean '" + similar + "'?"));
+    return true;
+}
 
 }  // namespace
 
@@ -388,6 +394,7 @@ std::optional<Options> ParseOptions(int count, const char* const* arguments, int
     DefineUpward(app, parsed);
     DefineSettings(app, parsed);
     DefineWindows(app, parsed);
+    DefineParent(app, parsed);
     DefineCall(app, parsed);
     try {
         app.parse(count, arguments);

@@ -132,6 +132,10 @@ struct MulticastOptions {
     bool details = false;  ///< one row a device
 };
 
+struct ParentOptions {
+    KelString place;  ///< "HOST:PORT" of the new parent; empty: show the present one
+};
+
 struct CallOptions {
     KelString action;
     KelVector<KelString> arguments;  ///< "name=text" or "name:=JSON"
@@ -141,7 +145,7 @@ using CommandOptions =
     std::variant<InitOptions, StatusOptions, DevicesOptions, PublishOptions, PublicationsOptions, SendOptions,
                  CollectedOptions, RequestOptions, UploadOptions, FilesOptions, FileOptions, SettingsOptions,
                  WindowsOptions, InboxOptions, CallOptions, WhyOptions, GroupsOptions, WakeOptions,
-                 MulticastOptions, WithdrawOptions, RemoveDeviceOptions, ResumeOptions>;
+                 MulticastOptions, WithdrawOptions, RemoveDeviceOptions, ResumeOptions, ParentOptions>;
 
 struct Options {
     CommonOptions common;

@@ -47,6 +47,18 @@ std::optional<Line> ParseLine(KelString text) {
     return line;
 }
 
+KelStatus CheckEntry(const KelString& section, const KelString& key, const KelString& value) {
+    for (const KelString* text : {&section, &key, &value})
+        if (HasControlCharacter(*text))
+            return KelError{kKelFailure, KelFormat("Control characters cannot stand in an ini file: [%S] %S",
+                                                   section, key)};
+    const bool isName = !key.empty() && key == Trim(key) && key.find('=') == KelString::npos &&
+                        key.find_first_of("[;#") != 0 && section.find(']') == KelString::npos &&
+                        section == Trim(section);
+    if (isName) return {};
+    return KelError{kKelFailure, KelFormat("Not a name for an ini entry: [%S] %S", section, key)};
+}
+
 }  // namespace
 
 struct IniFile::Content {
@@ -221,16 +233,14 @@ KelVector<std::pair<KelString, KelString>> IniFile::GetEntries(const KelString& 
 }
 
 KelStatus IniFile::WriteEntryValue(const KelString& section, const KelString& key, const KelString& value) {
+    return WriteEntryValues(section, {{key, value}});
+}
+
+KelStatus IniFile::WriteEntryValues(const KelString& section,
+                                    const KelVector<std::pair<KelString, KelString>>& entries) {
     if (!content_) return KelError{kKelFailure, "An ini file must be opened before a value is written to it"};
-    for (const KelString* text : {&section, &key, &value})
-        if (HasControlCharacter(*text))
-            return KelError{kKelFailure, KelFormat("Control characters cannot stand in an ini file: [%S] %S",
-                                                   section, key)};
-    const bool isName = !key.empty() && key == Trim(key) && key.find('=') == KelString::npos &&
-                        key.find_first_of("[;#") != 0 && section.find(']') == KelString::npos &&
-                        section == Trim(section);
-    if (!isName)
-        return KelError{kKelFailure, KelFormat("Not a name for an ini entry: [%S] %S", section, key)};
+    for (const auto& [key, value] : entries)
+        if (KelStatus checked = CheckEntry(section, key, value); !checked) return checked;
 
     // What other objects wrote since Open stays.
     Content fresh;
@@ -238,7 +248,8 @@ KelStatus IniFile::WriteEntryValue(const KelString& section, const KelString& ke
     if (!fresh.Load())
         return KelError{kKelFailure,
                         KelFormat("The ini file \"%S\" cannot be read back; correct it", fresh.path)};
-    fresh.Set(section, key, value);
+    for (const auto& [key, value] : entries)
+        fresh.Set(section, key, value);
     struct stat status {};
     const bool exists = ::stat(fresh.path.c_str(), &status) == 0;
     KelStatus written =

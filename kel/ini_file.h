@@ -48,6 +48,10 @@ class IniFile {
     /// Sets a value and writes the file at once (temporary file, sync, rename; mode of the old file kept).
     KelStatus WriteEntryValue(const KelString& section, const KelString& key, const KelString& value);
 
+    /// The same for several values of a section, in one write.
+    KelStatus WriteEntryValues(const KelString& section,
+                               const KelVector<std::pair<KelString, KelString>>& entries);
+
   private:
     struct Content;
     std::unique_ptr<Content> content_;

@@ -24,6 +24,7 @@ inline constexpr const char* kValueFirstRelay = "FirstRelay";      // device URL
 inline constexpr const char* kValueDevicePath = "DevicePath";      // container: the tree of targets
 inline constexpr const char* kValueTransportMode = "TransportMode";
 inline constexpr const char* kValueDeviceGuid = "DeviceGUID";  // device URL of who asks or acknowledges
+inline constexpr const char* kValueParentGuid = "ParentGuid";  // of its present parent, to another device
 inline constexpr const char* kValueRepeated = "Repeated";      // bool: may be known, and then stays as it is
 inline constexpr const char* kValueContentHeld = "ContentHeld";  // bool: the content is here already
 inline constexpr const char* kValueContentDamaged =

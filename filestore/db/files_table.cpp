@@ -72,6 +72,12 @@ constexpr char kMakeUploadsDue[] =
     "UPDATE Files SET LastStatusChangeTime = 0 WHERE FileStatus IN ('%s', '%s', '%s') AND "
     "LastStatusChangeTime "
     "<> 0";
+// What has been downloaded so far stays. A multicast of the former parent is not to be joined any more.
+constexpr char kRequestDownloads[] =
+    "UPDATE Files SET FileStatus = '%s', LastStatusChangeTime = 0, MulticastPort = 0 WHERE FileStatus = '%s' "
+    "AND SourceDevice = ''";
+constexpr char kOfferUploads[] =
+    "UPDATE Files SET FileStatus = '%s', LastStatusChangeTime = 0 WHERE FileStatus = '%s'";
 constexpr char kSetMissing[] = "UPDATE Files SET FileStatus = '%s' WHERE FileId = %lu";
 constexpr char kSetReceivedByMulticast[] =
     "UPDATE Files SET FileSize = %lu, FileStatus = '%s', LastStatusChangeTime = 0, Acknowledged = 0, "
@@ -254,6 +260,11 @@ void MakeDueForParent() {
     ChangeDownstream(KelFormat(kMakeDownloadsDue, kStatusDownloading, kStatusToBeRequested));
     ChangeDownstream(KelFormat(kMakeAcknowledgementsDue, kStatusAvailable));
     ChangeUpstream(KelFormat(kMakeUploadsDue, kStatusToBeUploaded, kStatusUploading, kStatusToBePacked));
+}
+
+void TurnToNewParent() {
+    ChangeDownstream(KelFormat(kRequestDownloads, kStatusToBeRequested, kStatusDownloading));
+    ChangeUpstream(KelFormat(kOfferUploads, kStatusToBeUploaded, kStatusUploading));
 }
 
 bool SetMissing(std::uint64_t fileId) {

@@ -124,6 +124,10 @@ bool RecordRequestAnswer(std::uint64_t fileId, const RequestAnswer& answer);
 /// to send, in the other database. Downloads from other devices are left alone.
 void MakeDueForParent();
 
+/// The device has another parent: what was to be downloaded from the one before is requested, and what that
+/// one has accepted but not received is offered again, in the other database.
+void TurnToNewParent();
+
 // ---- upstream
 
 /// A file whose content, of `size` bytes, is expected by PUT under `url` once more.

@@ -66,6 +66,8 @@ constexpr char kPostponeFile[] =
     "UPDATE Targets SET LastNotifyTime = %ld, IsDue = 0 WHERE FileId = %lu AND LastNotifyTime < %ld";
 constexpr char kSetDevice[] = "UPDATE Targets SET DeviceGUID = '%Q', DevicePath = '%Q' WHERE TargetId = %lu";
 constexpr char kDeleteOfDevice[] = "DELETE FROM Targets WHERE FileId = %lu AND DeviceGUID LIKE '%/%Q%'";
+constexpr char kNamesOfDevice[] = "SELECT DISTINCT DeviceGUID FROM Targets WHERE DeviceGUID LIKE '%/%Q%'";
+constexpr char kDeleteNamed[] = "DELETE FROM Targets WHERE DeviceGUID IN (%S)";
 constexpr char kDeleteAll[] = "DELETE FROM Targets WHERE TargetId IN (%S)";
 constexpr char kSetNotifyTimes[] =
     "UPDATE Targets SET LastNotifyTime = %ld, IsDue = 0 WHERE TargetId IN (%S)";
@@ -263,6 +265,17 @@ bool DeleteTarget(std::uint64_t targetId) {
 
 bool DeleteTargetsOfDevice(std::uint64_t fileId, const KelString& guid) {
     return Change(KelFormat(kDeleteOfDevice, fileId, guid));
+}
+
+KelVector<KelString> DeleteTargetsOfDevice(const KelString& guid) {
+    const FileStoreDatabase database = Database();
+    const KelLock lock(database.mutex);
+    KelVector<KelString> names;
+    const auto result = database.connection.Query(KelFormat(kNamesOfDevice, guid));
+    for (std::size_t i = 0; result && i < result->GetRowCount(); ++i)
+        names.push_back(result->GetString(i, std::size_t{0}));
+    if (!names.empty() && !Change(KelFormat(kDeleteNamed, QuotedList(names)))) names.clear();
+    return names;
 }
 
 bool AnnouncementOutcome::IsEmpty() const {

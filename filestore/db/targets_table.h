@@ -120,6 +120,9 @@ bool DeleteTarget(std::uint64_t targetId);
 /// only.
 bool DeleteTargetsOfDevice(std::uint64_t fileId, const KelString& guid);
 
+/// Removes all targets of the device with the GUID `guid`, as above. The names under which it was one.
+KelVector<KelString> DeleteTargetsOfDevice(const KelString& guid);
+
 /// What a round of announcements has come to.
 struct AnnouncementOutcome {
     IdList delivered;                    ///< targets to remove: handed over here, or never reachable

@@ -6,11 +6,14 @@
 
 #include "filestore/down/announcement.h"
 #include "filestore/down/withdraw.h"
+#include "filestore/state/contact.h"
+#include "filestore/state/device.h"
 #include "filestore/state/file_store.h"
 #include "filestore/state/waiting_reasons.h"
 #include "kelcore/action_db.h"
 #include "kelcore/error_codes.h"
 #include "kelcore/error_text.h"
+#include "kelcore/file_values.h"
 
 namespace filestore {
 
@@ -32,8 +35,15 @@ unsigned int AnnounceTo(const FileTarget& row) {
     FileOffer announcement = BuildAnnouncement(row);
     announcement.url = AnnouncedUrl(row.file);
     KelContainer values = announcement.ToContainer();
-    return ActionDbInvokeContainer(nullptr, url, "FileStoreReceiveFile", values, 0, kConnectTimeout,
-                                   kCallTimeout, nullptr);
+    const unsigned int error = ActionDbInvokeContainer(nullptr, url, "FileStoreReceiveFile", values, 0,
+                                                       kConnectTimeout, kCallTimeout, nullptr);
+    if (error != kKelOk || !values.Has(kValueParentGuid)) return error;
+    // It was dropped: the device has another parent, or looks for its parent, or knows this one only under
+    // another address.
+    const KelString parentGuid = values.GetString(kValueParentGuid);
+    if (parentGuid.empty() || parentGuid == OurGuid()) return kNotItsParent;
+    EndTargetsOf(row.target.DeviceGUID);
+    return kKelOk;
 }
 
 void NoteCall(const FileStoreTarget& target, unsigned int error) {
@@ -42,6 +52,8 @@ void NoteCall(const FileStoreTarget& target, unsigned int error) {
         return Reasons().DeviceAnswered(target.DeviceGUID);
     }
     WaitingReason reason = ReasonOfCall(error, PeerName(target.DeviceGUID));
+    if (error == kNotItsParent)
+        reason.detail = "it does not take this device for its parent; 'kel status' there shows which it has";
     if (WakeUpTarget(target, error)) reason.code = Waiting::WakeUpSent;
     Reasons().NoteDevice(target.DeviceGUID, std::move(reason));
 }

@@ -89,7 +89,11 @@ inline constexpr int kCallTimeout = 15;
 /// may be. Any thread.
 void NoteCall(const FileStoreTarget& target, unsigned int error);
 
-/// Announces one file to the device of its row. 0 or the error of the call. Any thread; network.
+/// Not sent: the error of a call to a device that answered, but takes files from its parent only.
+inline constexpr unsigned int kNotItsParent = 44901;
+
+/// Announces one file to the device of its row. 0, the error of the call, or kNotItsParent. Targets on a
+/// device that has another parent are removed. Any thread; network.
 unsigned int AnnounceTo(const FileTarget& row);
 
 }  // namespace filestore

@@ -240,8 +240,9 @@ bool FileStorePullThread::FetchByUnicast(const FileStoreEntry& file, const KelSt
 unsigned int FileStorePullThread::Fetch(const FileStoreEntry& file, const KelString& sender,
                                         Attempt& attempt) {
     UrgentFileWatch watch(file);
-    HttpTransfer transfer("PullThread", sender, [this, &watch, &attempt] {
-        attempt.madeWay = attempt.madeWay || watch.IsWaiting();
+    HttpTransfer transfer("PullThread", sender, [this, &watch, &attempt, &file] {
+        const bool isOutdated = file.SourceDevice.empty() && attempt.parent.HasChanged();
+        attempt.madeWay = attempt.madeWay || isOutdated || watch.IsWaiting();
         return attempt.madeWay || CheckCancelled(false);
     });
     HttpMessage request;

@@ -3,6 +3,7 @@
 #include <cstdint>
 
 #include "filestore/db/file_store_entry.h"
+#include "filestore/state/parent.h"
 #include "filestore/state/worker_loop.h"
 #include "kel/types.h"
 
@@ -30,10 +31,11 @@ class FileStorePullThread : public FileThreadBase {
   private:
     /// One transfer and what came of it.
     struct Attempt {
-        std::uint64_t largest = 0;  ///< size in bytes at which it is stopped
+        filestore::ParentWatch parent;  ///< from before the sender was looked up
+        std::uint64_t largest = 0;      ///< size in bytes at which it is stopped
         std::uint64_t offset = 0;
         unsigned int status = 0;  ///< of the answer
-        bool madeWay = false;     ///< stopped for a more urgent file
+        bool madeWay = false;     ///< stopped for a more urgent file, or because of another parent
         KelString errorText;      ///< why the client failed
     };
 

@@ -28,6 +28,16 @@ bool IsSenderAccepted(const KelContainer& arguments, const Offer& offer) {
     return false;
 }
 
+/// The sender of a dropped offer gets a success, and learns which device it would have to be, as far as that
+/// is known.
+unsigned int AnswerStranger(KelContainer& arguments) {
+    arguments.Clear();
+    Parent parent;
+    const bool isKnown = ReadParent(parent) && parent.IsKnown();
+    arguments.SetString(kValueParentGuid, isKnown ? parent.guid : KelString());
+    return kKelOk;
+}
+
 void AcknowledgeToParent(const FileKey& key) {
     KelString url, parentGuid;
     FileStore::GetRelayUrl(url, parentGuid);
@@ -91,8 +101,7 @@ int Receive(Receiver receiver, KelContainer& arguments, const FileKey& key, KelS
 unsigned int FileStore::ActionHandler_FileStoreReceiveFile(KelContainer* arguments) {
     Offer offer = ReadOffer(*arguments);
     if (!CheckOffer(*arguments, offer)) return kKelErrorBadInput;
-    // The sender of a dropped offer gets a success: it learns nothing about this device.
-    if (!IsSenderAccepted(*arguments, offer)) return kKelOk;
+    if (!IsSenderAccepted(*arguments, offer)) return AnswerStranger(*arguments);
     return Route(*arguments, offer);
 }
 

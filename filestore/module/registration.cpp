@@ -39,11 +39,13 @@ constexpr std::array kActions = {
     Action{"FileStoreHttpPutCallback (container Values)", &FileStore::ActionHandler_FileStoreHttpPutCallback},
     Action{"FileStoreGUIDCallback (string GUID)", &FileStore::ActionHandler_FileStoreGUIDCallback},
     Action{"FileStoreIPCallback ()", &FileStore::ActionHandler_FileStoreIPCallback},
+    Action{"FileStoreParentChange ()", &FileStore::ActionHandler_FileStoreParentChange},
     Action{"FileStoreParentInSync ()", &FileStore::ActionHandler_FileStoreParentInSync},
-    Action{"FileStoreDeviceContact (string DeviceGUID)", &FileStore::ActionHandler_FileStoreDeviceContact},
     Action{"FileStoreWithdrawFile (string FileType, string FileLabel, string FileName, string FileChecksum, "
            "container DevicePath, bool KeepContent, bool Removed)",
            &FileStore::ActionHandler_FileStoreWithdrawFile},
+    Action{"FileStoreDeviceContact (string DeviceGUID, string ParentGuid)",
+           &FileStore::ActionHandler_FileStoreDeviceContact},
     Action{"FileStoreTransferWindowCallback ()", &FileStore::ActionHandler_FileStoreTransferWindowCallback},
     Action{"FileStoreListFiles ()", &FileStore::ActionHandler_FileStoreListFiles},
     Action{"FileStoreGetFileInfo (string strFileType, string strFileName, string strChecksum)",
@@ -76,6 +78,7 @@ constexpr std::array kSubscriptions = {
     Subscription{"HttpProtocolCallbackPut", "FileStoreHttpPutCallback (container Values)"},
     Subscription{"IdentityCallbackGUIDChange", "FileStoreGUIDCallback (string GUID)"},
     Subscription{"IdentityCallbackIPChange", "FileStoreIPCallback ()"},
+    Subscription{"RelayCallbackParentChange", "FileStoreParentChange ()"},
     Subscription{"RelayCallbackParentInSync", "FileStoreParentInSync ()"},
     Subscription{"TransferWindowCallbackWindowChange", "FileStoreTransferWindowCallback ()"},
 };

@@ -8,20 +8,28 @@
 #include "filestore/db/withdrawals_table.h"
 #include "filestore/state/device.h"
 #include "filestore/state/file_store.h"
+#include "filestore/state/parent.h"
+#include "filestore/state/waiting_reasons.h"
 #include "kel/container.h"
+#include "kel/text.h"
 #include "kelcore/action_db.h"
+#include "kelcore/agent.h"
 #include "kelcore/call_origin.h"
 #include "kelcore/device_name.h"
 #include "kelcore/error_codes.h"
 #include "kelcore/file_values.h"
 #include "kelcore/http/client.h"
+#include "kelcore/http/url.h"
 
 using namespace filestore;
 
 namespace {
 
-/// Tells the parent that this device can be called again.
 constexpr const char* kContactAction = "FileStoreDeviceContact";
+
+// Seconds; short, because the relay module waits.
+constexpr int kConnectTimeout = 3;
+constexpr int kCallTimeout = 15;
 
 /// When each device was last heard from. A device that calls but cannot be called would otherwise be tried
 /// after every one of its calls.
@@ -52,6 +60,15 @@ void EndWaitingFor(const KelString& deviceUrl) {
         FileStore::WakeWorker(Worker::Notify);
 }
 
+/// Tells a parent that this device can be called again, or a former one, with the GUID of the one that it has
+/// now, that it is no child of it any more.
+void CallParent(const KelString& url, const KelString& otherParent) {
+    KelContainer call;
+    call.SetString(kValueDeviceGuid, OurDeviceUrl());
+    if (!otherParent.empty()) call.SetString(kValueParentGuid, otherParent);
+    ActionDbInvokeContainer(nullptr, url, kContactAction, call, 0, kConnectTimeout, kCallTimeout, nullptr);
+}
+
 void LookForParent() {
     KelContainer none;
     CallLocal("RelayCheckParent", none);
@@ -74,29 +91,52 @@ void NoteSignOfLife(const KelString& deviceUrl) {
     if (IsDeviceUrl(deviceUrl) && lastSigns.Note(deviceUrl)) EndWaitingFor(deviceUrl);
 }
 
+void EndTargetsOf(const KelString& device) {
+    const KelString guid = StringTokeniser(device, '/').GetToken(1);
+    if (!IsUsableGuid(guid)) return;
+    const KelVector<KelString> names = DeleteTargetsOfDevice(guid);
+    for (const KelString& name : names) {
+        Reasons().DeviceAnswered(name);
+        FileStore::debugFileStore.Print("%S has another parent: what waited for it here ends\n", name);
+    }
+}
+
 }  // namespace filestore
+
+/// The relay module reports that the device has another parent. Its event for a parent that answers follows.
+unsigned int FileStore::ActionHandler_FileStoreParentChange(KelContainer* arguments) {
+    if (!ActionIsFromThisDevice(*arguments)) return kKelErrorBadInput;
+    ParentWatch::NoteChange();
+    TurnToNewParent();
+    return kKelOk;
+}
 
 /// The relay module reports that the parent answers again.
 unsigned int FileStore::ActionHandler_FileStoreParentInSync(KelContainer* arguments) {
     if (!ActionIsFromThisDevice(*arguments)) return kKelErrorBadInput;
+    const KelString former = arguments->GetString("FormerParent");
     MakeDueForParent();
     WakeWorker(Worker::Pull);
     WakeWorker(Worker::Push);
     KelString parentUrl, parentGuid;
     GetRelayUrl(parentUrl, parentGuid);
-    const KelString ownUrl = OurDeviceUrl();
-    if (parentUrl.empty() || ownUrl.empty()) return kKelOk;
-    KelContainer call;
-    call.SetString(kValueDeviceGuid, ownUrl);
-    CallDevice(parentUrl, kContactAction, call);
+    if (parentUrl.empty() || OurDeviceUrl().empty()) return kKelOk;
+    CallParent(parentUrl, {});
+    if (!former.empty())
+        CallParent(UrlForAgent(KelAgentGetName(), KelAgentGetHttpPassword(), former), parentGuid);
     return kKelOk;
 }
 
-/// A child reports that it can be called. It does so when it finds its parent again, not more often.
+/// A child reports that it can be called, or that it is no child any more. It does so when it finds its
+/// parent, again or another one, not more often.
 unsigned int FileStore::ActionHandler_FileStoreDeviceContact(KelContainer* arguments) {
     const KelString deviceUrl = arguments->GetString(kValueDeviceGuid);
+    const KelString parentGuid = arguments->GetString(kValueParentGuid);
     arguments->Clear();
     if (!IsDeviceUrl(deviceUrl)) return kKelErrorBadInput;
-    EndWaitingFor(deviceUrl);
+    if (parentGuid.empty() || parentGuid == OurGuid())
+        EndWaitingFor(deviceUrl);
+    else
+        EndTargetsOf(deviceUrl);
     return kKelOk;
 }

@@ -19,4 +19,8 @@ void ReportTransferResult(unsigned int result);
 /// failed are due.
 void NoteSignOfLife(const KelString& deviceUrl);
 
+/// The device with this device URL or path name has another parent: what waits for it here ends, because it
+/// comes from there.
+void EndTargetsOf(const KelString& device);
+
 }  // namespace filestore

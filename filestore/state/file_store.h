@@ -166,6 +166,7 @@ class FileStore {
     static unsigned int ActionHandler_FileStoreHttpPutCallback(KelContainer* arguments);
     static unsigned int ActionHandler_FileStoreGUIDCallback(KelContainer* arguments);
     static unsigned int ActionHandler_FileStoreIPCallback(KelContainer* arguments);
+    static unsigned int ActionHandler_FileStoreParentChange(KelContainer* arguments);
     static unsigned int ActionHandler_FileStoreParentInSync(KelContainer* arguments);
     static unsigned int ActionHandler_FileStoreDeviceContact(KelContainer* arguments);
     /// Forgets a file that was published and is not to be delivered, here and on the devices below. FileType,

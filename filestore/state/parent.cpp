@@ -53,6 +53,16 @@ bool MaySendDown(const KelString& address) {
     return !FileStore::strTrustedAddressRange.empty() && FileStore::TrustedIpRange.Contains(*sender);
 }
 
+std::atomic<std::uint32_t> ParentWatch::changes_ = 0;
+
+bool ParentWatch::HasChanged() const {
+    return changes_ != begin_;
+}
+
+void ParentWatch::NoteChange() {
+    ++changes_;
+}
+
 KelString SenderUrl(const KelString& sourceDevice) {
     if (!sourceDevice.empty()) return UrlForAgent(KelAgentGetName(), KelAgentGetHttpPassword(), sourceDevice);
     KelString url, parentGuid;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 
 #include "kel/types.h"
@@ -32,6 +33,19 @@ bool ReadParent(Parent& parent);
 /// True for the address of the parent, as its name is configured, and for those that the administrator
 /// trusts. May ask the name server.
 bool MaySendDown(const KelString& address);
+
+/// Notices that the device has got another parent since this object was made. What the parent before has
+/// answered is of no use then: it is recorded only under the mutex of the database, after a look here.
+class ParentWatch {
+  public:
+    bool HasChanged() const;
+    /// Has every watch notice a change; before the rows that depend on the parent are changed.
+    static void NoteChange();
+
+  private:
+    const std::uint32_t begin_ = changes_;
+    static std::atomic<std::uint32_t> changes_;
+};
 
 /// Where the sender of a file is called: the device that its row names, else the parent; empty while unknown.
 KelString SenderUrl(const KelString& sourceDevice);

@@ -63,7 +63,7 @@ class FileStorePushThread : public FileThreadBase {
     // upload_step.cpp
     void UploadOrPackRow(const FileStoreEntry& entry, UploadPass& pass);
     void PackRow(const FileStoreEntry& entry, const KelString& path, UploadPass& pass);
-    Upload UploadRow(const FileStoreEntry& entry, const KelString& path, const KelString& parentUrl);
+    Upload UploadRow(const FileStoreEntry& entry, const KelString& path, const UploadPass& pass);
     void FinishArchive(UploadPass& pass);
 
     Phase phase_ = Phase::Upload;         ///< an unfinished upload is resumed before anything new is sent

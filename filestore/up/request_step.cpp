@@ -6,6 +6,7 @@
 #include "filestore/state/contact.h"
 #include "filestore/state/device.h"
 #include "filestore/state/file_store.h"
+#include "filestore/state/parent.h"
 #include "filestore/state/settings.h"
 #include "filestore/state/waiting_reasons.h"
 #include "filestore/up/push_thread.h"
@@ -86,6 +87,7 @@ FileStorePushThread::Outcome FileStorePushThread::RequestFile(bool& reachedParen
     ++rowsTaken_;
     FileStore::debugFileStore.Detail("PushThread: Requesting %S upstream\n", file.Key().Text());
 
+    const ParentWatch parent;
     KelString parentUrl, parentGuid;
     FileStore::GetRelayUrl(parentUrl, parentGuid);
     if (parentUrl.empty()) {
@@ -115,5 +117,6 @@ FileStorePushThread::Outcome FileStorePushThread::RequestFile(bool& reachedParen
     FileStore::failures.Succeeded(kRequestAction, "PushThread: The parent takes requests again");
     FileStore::debugFileStore.Detail("PushThread: Request upstream returned %u, URL %S\n", error,
                                      call.GetString(kValueFileUrl));
-    return RecordAnswer(file, call) ? Outcome::Done : Outcome::Failed;
+    const KelLock lock(FileStore::mutexDownstream);
+    return !parent.HasChanged() && RecordAnswer(file, call) ? Outcome::Done : Outcome::Failed;
 }

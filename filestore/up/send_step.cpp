@@ -1,3 +1,5 @@
+#include <string_view>
+
 #include "filestore/db/file_status.h"
 #include "filestore/db/files_selection.h"
 #include "filestore/exchange/file_record.h"
@@ -5,6 +7,7 @@
 #include "filestore/state/contact.h"
 #include "filestore/state/device.h"
 #include "filestore/state/file_store.h"
+#include "filestore/state/parent.h"
 #include "filestore/state/waiting_reasons.h"
 #include "filestore/up/push_thread.h"
 #include "filestore/up/upload_policy.h"
@@ -20,6 +23,7 @@ FileStorePushThread::Outcome FileStorePushThread::SendFile(bool& reachedParent, 
     if (!filter) return Outcome::Nothing;
     const FileRows rows = SelectFilesToSend(*filter);
     if (rows.empty()) return Outcome::Nothing;
+    const ParentWatch parent;
     KelString parentUrl, parentGuid;
     FileStore::GetRelayUrl(parentUrl, parentGuid);
     if (parentUrl.empty()) return Outcome::Failed;
@@ -27,7 +31,7 @@ FileStorePushThread::Outcome FileStorePushThread::SendFile(bool& reachedParent, 
     UploadArchive archive;
     SentFiles sent, packed;
     for (const FileStoreEntry& entry : rows) {
-        if (CheckCancelled(false) || IsRecent(entry.LastStatusChangeTime)) break;
+        if (CheckCancelled(false) || parent.HasChanged() || IsRecent(entry.LastStatusChangeTime)) break;
         if (!IsPacking() || !UploadArchive::CanPack(entry)) {
             if (!SendRow(entry, parentUrl, sent, reachedParent)) break;
             continue;
@@ -39,8 +43,12 @@ FileStorePushThread::Outcome FileStorePushThread::SendFile(bool& reachedParent, 
         packed.push_back({entry.FileId, kStatusToBePacked, ""});
         reachedParent = true;
     }
-    const std::size_t accepted = sent.size();
     const bool created = packed.empty() || archive.Create();
+    const KelLock lock(FileStore::mutexUpstream);
+    if (parent.HasChanged())  // the present one has accepted nothing yet
+        std::erase_if(sent,
+                      [](const SentFile& file) { return std::string_view(file.status) == kStatusUploading; });
+    const std::size_t accepted = sent.size();
     if (created && !packed.empty()) {
         archive_ = std::move(archive);
         sent.insert(sent.end(), packed.begin(), packed.end());

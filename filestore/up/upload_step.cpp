@@ -4,6 +4,7 @@
 #include "filestore/exchange/http_transfer.h"
 #include "filestore/state/contact.h"
 #include "filestore/state/file_store.h"
+#include "filestore/state/parent.h"
 #include "filestore/state/store_layout.h"
 #include "filestore/state/waiting_reasons.h"
 #include "filestore/up/manual_upload.h"
@@ -60,6 +61,7 @@ bool OfferChangedFile(const FileStoreEntry& entry, const KelString& path) {
 
 /// What one upload pass has done so far.
 struct FileStorePushThread::UploadPass {
+    const ParentWatch parent;
     KelString parentUrl;
     IdList packed;
     IdList uploaded;
@@ -104,7 +106,7 @@ void FileStorePushThread::UploadOrPackRow(const FileStoreEntry& entry, UploadPas
     } else if (entry.FileStatus == kStatusToBePacked) {
         PackRow(entry, path, pass);
     } else {
-        switch (UploadRow(entry, path, pass.parentUrl)) {
+        switch (UploadRow(entry, path, pass)) {
             case Upload::Stored:
                 pass.uploaded.Add(entry.FileId);
                 break;
@@ -140,9 +142,10 @@ void FileStorePushThread::FinishArchive(UploadPass& pass) {
 }
 
 FileStorePushThread::Upload FileStorePushThread::UploadRow(const FileStoreEntry& entry, const KelString& path,
-                                                           const KelString& parentUrl) {
+                                                           const UploadPass& pass) {
     FileStore::debugFileStore.Detail("PushThread: Uploading %S to %S\n", entry.Key().Text(), entry.FileURL);
-    HttpTransfer transfer("PushThread", parentUrl, [this] { return CheckCancelled(false); });
+    HttpTransfer transfer("PushThread", pass.parentUrl,
+                          [this, &pass] { return CheckCancelled(false) || pass.parent.HasChanged(); });
     HttpFileMessage request;
     request.SetMethod(HttpMethod::Put);
     request.SetResourcePath(entry.FileURL);
@@ -160,19 +163,22 @@ FileStorePushThread::Upload FileStorePushThread::UploadRow(const FileStoreEntry&
     if (result != kHttpRefused)
         Reasons().Note(
             Side::Upstream, entry.FileId, WaitingStep::Upload,
-            ReasonOfTransfer(result, answer.GetStatus(), PeerName(parentUrl), transfer.GetErrorText()));
+            ReasonOfTransfer(result, answer.GetStatus(), PeerName(pass.parentUrl), transfer.GetErrorText()));
+    if (pass.parent.HasChanged()) return Upload::Failed;  // it is offered to the present one
     FileStore::failures.Failed(KelDebugLevel::Warning, failure,
                                KelFormat("PushThread: Upload of %S failed (HTTP status %u): %S",
                                          entry.Key().Text(), answer.GetStatus(), transfer.GetErrorText()));
     const unsigned int refusal = result == kHttpCompleted ? answer.GetStatus() : 0;
     if (refusal == kHttpNotFound) {
         // The parent has lost the offer, or had done with it when its answer to an earlier PUT was lost.
-        UpdateFileStatus(Side::Upstream, entry.FileId, kStatusToBeUploaded, NextTry::AfterTimeout);
+        UpdateFileStatus(Side::Upstream, entry.FileId, kStatusUploading, kStatusToBeUploaded,
+                         NextTry::AfterTimeout);
         return Upload::Refused;
     }
     const bool isRefused = refusal == kHttpUnprocessable;
     if (!isRefused || !HasChangedSinceOffer(entry, path) || !OfferChangedFile(entry, path))
-        UpdateFileStatus(Side::Upstream, entry.FileId, kStatusUploading, NextTry::AfterTimeout);
+        UpdateFileStatus(Side::Upstream, entry.FileId, kStatusUploading, kStatusUploading,
+                         NextTry::AfterTimeout);
     ReportTransferResult(result);
     return isRefused ? Upload::Refused : Upload::Failed;
 }

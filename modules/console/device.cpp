@@ -29,14 +29,16 @@ bool IsDeviceName(const KelString& text) {
 KelStatus ParsePathName(const KelString& pathName, Device& device) {
     const auto parts = ParseDevicePathName(pathName);
     if (!parts) {
-        return KelError{kKelErrorBadInput,
-                        KelFormat("\"%S\" is not a path name of the form host:port/GUID/MAC/IP/mask", pathName)};
+        return KelError{
+            kKelErrorBadInput,
+            KelFormat("\"%S\" is not a path name of the form host:port/GUID/MAC/IP/mask", pathName)};
     }
     const auto port = ParseInt64(parts->port).value_or(0);
     if (port < 1 || port > 65535)
         return KelError{kKelErrorBadInput, KelFormat("The port in \"%S\" is not 1 to 65535", pathName)};
     if (!IpAddress::Parse(parts->ipAddress) || !IpAddress::Parse(parts->networkMask)) {
-        return KelError{kKelErrorBadInput, KelFormat("The IP address or the network mask in \"%S\" is malformed", pathName)};
+        return KelError{kKelErrorBadInput,
+                        KelFormat("The IP address or the network mask in \"%S\" is malformed", pathName)};
     }
     device.address = parts->address;
     device.guid = parts->guid;

@@ -1,9 +1,11 @@
 #pragma once
 
 #include <cstdint>
+#include <unordered_set>
 
 #include "kel/container.h"
 #include "kel/debug.h"
+#include "kel/mutex.h"
 #include "modules/console/device_directory.h"
 #include "modules/console/publication_store.h"
 #include "modules/console/publisher.h"
@@ -29,6 +31,8 @@ class UpstreamIntake {
   private:
     KelResult<bool> StoreIdentity(const KelContainer& content, const KelString& sourceDevice,
                                   std::int64_t now);
+    bool IsRepeated(const KelString& guid);
+    void SetRepeated(const KelString& guid, bool isRepeated);
     KelResult<bool> StoreReceipt(const KelContainer& content, const KelString& sourceDevice,
                                  std::int64_t now);
 
@@ -37,4 +41,8 @@ class UpstreamIntake {
     PublicationStore& publications_;
     Publisher& publisher_;
     Withdrawer& withdrawer_;
+    KelMutex mutex_;
+    /// The devices that have moved or lost their store and for which Repeat is due. Lost with the process,
+    /// whose next start repeats what is pending.
+    std::unordered_set<KelString> toRepeat_ KEL_GUARDED_BY(mutex_);
 };

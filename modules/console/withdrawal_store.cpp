@@ -51,11 +51,12 @@ KelStatus WithdrawalStore::WithdrawPublication(const KelString& id, std::int64_t
 
 KelStatus WithdrawalStore::RemoveDevice(const KelString& guid,
                                         const KelVector<StoreWithdrawal>& withdrawals) {
-    return Write({KelFormat("UPDATE PublicationTargets SET Status = 'removed' WHERE GUID = '%Q' AND Status IN "
-                            "('pending', 'scheduled')",
-                            guid),
-                  KelFormat("DELETE FROM Devices WHERE GUID = '%Q'", guid)},
-                 withdrawals);
+    return Write(
+        {KelFormat("UPDATE PublicationTargets SET Status = 'removed' WHERE GUID = '%Q' AND Status IN "
+                   "('pending', 'scheduled')",
+                   guid),
+         KelFormat("DELETE FROM Devices WHERE GUID = '%Q'", guid)},
+        withdrawals);
 }
 
 KelStatus WithdrawalStore::RemoveOrders(const KelString& id, const KelVector<StoreWithdrawal>& withdrawals) {

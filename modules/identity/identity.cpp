@@ -15,6 +15,9 @@
 
 namespace {
 
+constexpr char kInSyncSignature[] = "IdentityParentInSync ()";
+constexpr char kInSyncEvent[] = "RelayCallbackParentInSync";
+
 /// The longest pause while the identity file waits for another module, which may come at any moment.
 constexpr std::uint32_t kWaitingSeconds = 2;
 
@@ -48,6 +51,12 @@ void Identity::Register(const char* handle) {
     ActionDbRegisterAction("AgentGetIPAddress ()", bind(&Identity::GetIpAddress), handle);
     ActionDbRegisterAction("IdentitySetConsole (string ConsoleId)", bind(&Identity::SetConsole), handle);
     ActionDbRegisterAction("IdentityValidateGUIDScheme ()", bind(&Identity::ValidateGuidScheme), handle);
+    ActionDbRegisterAction(kInSyncSignature, bind(&Identity::ParentInSync), handle);
+    CallbackDbRegisterAction(kInSyncEvent, kInSyncSignature, {}, 0);
+}
+
+void Identity::Unregister() {
+    CallbackDbDeleteAction(kInSyncEvent, kInSyncSignature, {});
 }
 
 bool Identity::Initialise() {
@@ -219,6 +228,13 @@ unsigned int Identity::ValidateGuidScheme(KelContainer* arguments) {
     KelContainer results;
     CallbackDbTrigger("IdentityCallbackGUIDChange", change, results);
     watcher_.Signal(0);  // the identity file is due at once
+    return kKelOk;
+}
+
+/// It may be another one, of which the identity file tells.
+unsigned int Identity::ParentInSync(KelContainer* arguments) {
+    arguments->Clear();
+    watcher_.Signal(0);
     return kKelOk;
 }
 

@@ -47,6 +47,7 @@ class Identity : public KelModule {
     bool Initialise() override;
     bool Activate() override;
     void Cleanup() override;
+    void Unregister() override;
     std::span<const IniSetting> IniSettings() const override { return IdentityIniSettings(); }
 
   private:
@@ -58,6 +59,7 @@ class Identity : public KelModule {
     unsigned int GetIpAddress(KelContainer* arguments);
     unsigned int ValidateGuidScheme(KelContainer* arguments);
     unsigned int SetConsole(KelContainer* arguments);
+    unsigned int ParentInSync(KelContainer* arguments);
     bool AdoptScheme(const KelString& parentGuid, KelString& oldGuid, KelString& newGuid);
 
     KelString guidPath_;

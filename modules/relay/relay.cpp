@@ -21,7 +21,8 @@ Relay::Relay()
               return false;
           },
           [this](bool) { return settings_.checkInterval * RelaySettings::msPerSecond; }),
-      parentLink_(Log(), [this] { ReportInSync(); }) {}
+      parentLink_(Log(), {[this] { ReportChange(); },
+                          [this](const KelString& formerParent) { ReportInSync(formerParent); }}) {}
 
 Relay::~Relay() {
     Relay::Cleanup();
@@ -39,6 +40,9 @@ void Relay::Register(const char* handle) {
         },
         handle);
     ActionDbRegisterAction(
+        "RelaySetParent (string ParentName, int32 ParentPort)",
+        [this](KelContainer* arguments) { return SetParent(arguments); }, handle);
+    ActionDbRegisterAction(
         "RelayReceiveFile (string FileType, string FileLabel, string FileName, string FileChecksum, string "
         "SourceDevice, bool Upstream, string FilePath, container FileInfo)",
         [this](KelContainer* arguments) { return ReceiveFile(arguments); }, handle);
@@ -51,7 +55,7 @@ bool Relay::Initialise() {
     IniFile ini;
     if (!ini.Open(IniPath())) return false;
     settings_ = ReadRelaySettings(ini);
-    parentLink_.Configure(settings_, DataPath() + "/settled");
+    parentLink_.Configure(IniPath(), settings_, DataPath());
     packages_.SetFolders(DataPath() + "/Packages", DataPath() + "/Incoming");
     DirDeleteTempFiles(DataPath());
     return true;
@@ -59,10 +63,8 @@ bool Relay::Initialise() {
 
 bool Relay::Activate() {
     if (settings_.role == RelayRole::Master) return replayThread_.Start();
-    if (settings_.parentName.empty()) {
+    if (settings_.parent.IsNone())
         Log().Warning("This device has no parent; set ParentName and ParentPort in %S\n", IniPath());
-        return true;
-    }
     return replayThread_.Start() && parentLink_.Start();
 }
 
@@ -71,10 +73,16 @@ void Relay::Cleanup() {
     replayThread_.Cancel(0, true);
 }
 
-void Relay::ReportInSync() {
-    replayThread_.Signal(0);
+void Relay::ReportChange() {
     KelContainer results;
-    CallbackDbTrigger("RelayCallbackParentInSync", {}, results);
+    CallbackDbTrigger("RelayCallbackParentChange", {}, results);
+}
+
+void Relay::ReportInSync(const KelString& formerParent) {
+    replayThread_.Signal(0);
+    KelContainer values, results;
+    if (!formerParent.empty()) values.SetString("FormerParent", formerParent);
+    CallbackDbTrigger("RelayCallbackParentInSync", values, results);
 }
 
 void Relay::ReplayUnconnected() {
@@ -112,17 +120,32 @@ unsigned int Relay::GetValues(KelContainer* arguments) const {
     KelContainer values;
     values.SetBool("IsEnabled", settings_.role != RelayRole::Client);
     values.SetString("Role", RelayRoleName(settings_.role));
-    values.SetString("ParentName", settings_.parentName);
+    values.SetString("ParentName", parent.place.name);
     values.SetString("ParentIPAddress", parent.ipAddress);
     values.SetString("ParentGuid", parent.guid);
-    values.SetInt32("ParentPort", settings_.parentPort);
+    values.SetInt32("ParentPort", parent.place.port);
     values.SetBool("ParentSync", parent.inSync);
     values.SetInt64("ParentSince", parent.since);
     values.SetInt64("ParentNextCheck", parent.nextCheck);
     values.SetString("ParentProblem", parent.problem);
-    const bool hasParent = settings_.role != RelayRole::Master && !settings_.parentName.empty();
-    values.SetBool("SchemeSettled", !hasParent || parentLink_.IsSettled());
+    values.SetBool("SchemeSettled", parent.place.IsNone() || parentLink_.IsSettled());
+    for (std::uint32_t i = 0; i < parent.above.size(); ++i)
+        values.SetString("Above", parent.above[i], i);
     arguments->Clear();
     arguments->SetContainer("Values", std::move(values));
+    return kKelOk;
+}
+
+unsigned int Relay::SetParent(KelContainer* arguments) {
+    const std::int32_t port = arguments->GetInt32("ParentPort");
+    ParentPlace place{arguments->GetString("ParentName"), 0};
+    if (port > 0 && port <= 65535) place.port = static_cast<std::uint16_t>(port);
+    const auto state = parentLink_.SetParent(place);
+    if (!state) return Answer(arguments, state.Error());
+    arguments->Clear();
+    arguments->SetString("ParentName", place.name);
+    arguments->SetInt32("ParentPort", place.port);
+    arguments->SetBool("ParentSync", state->inSync);
+    arguments->SetString("ParentProblem", state->problem);
     return kKelOk;
 }

@@ -13,7 +13,11 @@
 /// - RelayGetValues -> Values{IsEnabled (bool, true on a relay and on the master), Role, ParentName,
 ///   ParentIPAddress, ParentGuid, ParentPort (int32), ParentSync (bool), ParentSince (of ParentSync),
 ///   ParentNextCheck (int64, seconds since the epoch, 0 before the first call), ParentProblem (why it is out
-///   of sync), SchemeSettled (bool, the GUID scheme of this device is final)}
+///   of sync), SchemeSettled (bool, the GUID scheme of this device is final), Above[i] (GUIDs of the devices
+///   above, the parent first)}
+/// - RelaySetParent (ParentName, ParentPort): makes another device the parent and writes it to the ini file
+///   -> ParentName, ParentPort, ParentSync, ParentProblem once it has answered, or after some seconds.
+///   Refused are this device and those below it.
 /// - RelayCheckParent (): for modules that could not reach the parent; has it called soon. When it answers,
 /// the
 ///   event RelayCallbackParentInSync follows
@@ -22,10 +26,12 @@
 ///   package as "data/Relay/Packages/<label>/<name>" -> FilePath, the copy's
 /// - RelayClearPackage (FileType, FileLabel): removes the copies kept under the label
 ///
-/// Results: 0; 1 for an unusable input or a call from another device; 13 no such file; 18 when a copy cannot
+/// Results: 0; 1 for an unusable input or a call from another device; 13 no such file; 18 when a file cannot
 /// be written or removed. Every result but 0 comes with a text Message.
 ///
-/// The event RelayCallbackParentInSync (no values) is triggered when the parent answers again.
+/// The event RelayCallbackParentChange (no values) is triggered when the device has got another parent, by
+/// that action or in its ini file. RelayCallbackParentInSync is triggered when the parent answers again; its
+/// value FormerParent ("host:port") names another device that was the parent before.
 ///
 /// Once the parent answers (on a master always), the requests that the file store kept while the device was
 /// disconnected are handed back to it (UnconnectedReplay).
@@ -46,11 +52,13 @@ class Relay : public KelModule {
 
   private:
     unsigned int GetValues(KelContainer* arguments) const;
+    unsigned int SetParent(KelContainer* arguments);
     unsigned int ReceiveFile(KelContainer* arguments);
     unsigned int ClearPackage(KelContainer* arguments);
     unsigned int Answer(KelContainer* arguments, const KelStatus& status);
     void ReplayUnconnected();
-    void ReportInSync();
+    void ReportChange();
+    void ReportInSync(const KelString& formerParent);
 
     RelaySettings settings_;  ///< written at initialisation only
     PackageCopies packages_;

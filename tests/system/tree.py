@@ -139,8 +139,8 @@ class Agent:
         subprocess.run(command, check=True, stdout=subprocess.DEVNULL)
         self.set_ini("Identity", "Identity", "HostName", self.name)
         if self.tree.short_intervals:
-            for module, key in (("FileStore", "QueueGap"), ("Relay", "RetryInterval"), ("Relay", "CheckInterval")):
-                self.set_ini(module, module, key, 1)
+            for key in ("RetryInterval", "CheckInterval"):
+                self.set_ini("Relay", "Relay", key, 1)
 
     @property
     def data(self):
@@ -159,7 +159,9 @@ class Agent:
         path.write_text("\n".join(lines[:begin] + [f"{key}={value}"] + kept + lines[end:]))
 
     def pack(self, policy="auto"):
-        """Lets a relay pack what it sends up, or not with "none"."""
+        """Lets a relay pack what it sends up, files of a second in one archive, or not with "none"."""
+        if policy != "none":
+            self.set_ini("FileStore", "FileStore", "QueueGap", 1)
         self.set_ini("FileStore", "UploadPolicy", "ConcatFiles", policy)
 
     def start(self):
@@ -251,8 +253,8 @@ class Agent:
 class Tree:
     """Agents with one master; `shape` gives the number of clients below each relay, as [2, 2].
 
-    With `short_intervals`, agents look for work and for their parent every second instead of at the defaults. The
-    folder is kept for inspection with `keep` or when KEL_KEEP is in the environment.
+    With `short_intervals`, agents look for their parent every second instead of at the defaults. The folder is kept for
+    inspection with `keep` or when KEL_KEEP is in the environment.
     """
 
     def __init__(self, build, shape, clock=None, keep=False, short_intervals=True):

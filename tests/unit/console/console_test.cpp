@@ -340,7 +340,7 @@ TEST_F(ConsoleTest, NewDatabaseHasAnotherIdentifierThanTheLostOne) {
 }
 
 /// The identities of devices and of their stores. The master may have been started from a backup.
-TEST_F(ConsoleTest, WhatIsPendingBelowALostStoreOrLongAfterTheLastOrderIsOrderedAgain) {
+TEST_F(ConsoleTest, WhatIsPendingBelowALostStoreOrAMovedDeviceOrLongAfterTheLastOrderIsOrderedAgain) {
     std::optional<RunningModule<Console>> console(std::in_place);
     const auto restart = [&](const KelString& ordered, const KelString& createdBefore) {
         console.reset();
@@ -371,6 +371,7 @@ TEST_F(ConsoleTest, WhatIsPendingBelowALostStoreOrLongAfterTheLastOrderIsOrdered
     const auto other = "ABCD0000-0000-0000-0000-00000000000B";
     const std::string otherPath =
         std::string("127.0.3.9:1610/") + other + "/02-00-7F-00-03-09/127.0.3.9/255.0.0.0";
+    const std::string movedPath = "127.0.3.8:1610/" + kNorth + "/02-00-7F-00-03-08/127.0.3.8/255.0.0.0";
     for (const auto& [guid, path, storeId, refusal, offers] : {std::tuple(kNorth, kNorthPath, "1", 0U, 1U),
                                                                {kNorth, kNorthPath, "2", 1U, 1U},
                                                                {kNorth, kNorthPath, "2", 0U, 2U},
@@ -387,7 +388,10 @@ TEST_F(ConsoleTest, WhatIsPendingBelowALostStoreOrLongAfterTheLastOrderIsOrdered
                                                                {kMaster, kMasterPath, "1", 0U, 3U},
                                                                {kMaster, kMasterPath, "2", 0U, 4U},
                                                                {"restart", "100", "400", 0U, 4U},
-                                                               {kMaster, kMasterPath, "2", 0U, 4U}}) {
+                                                               {kMaster, kMasterPath, "2", 0U, 4U},
+                                                               {kNorth, movedPath, "2", 1U, 4U},
+                                                               {kNorth, movedPath, "2", 0U, 5U},
+                                                               {kNorth, movedPath, "2", 0U, 5U}}) {
         if (guid == "restart") {
             restart(path, storeId);
             continue;
@@ -401,7 +405,9 @@ TEST_F(ConsoleTest, WhatIsPendingBelowALostStoreOrLongAfterTheLastOrderIsOrdered
     const KelContainer wanted = offered.back().GetContainer("FileInfo");
     for (const char* name : {"FileType", "FileName", "FileChecksum"})
         EXPECT_EQ(wanted.GetString(name), offered.front().GetString(name));
-    EXPECT_EQ(offered.back().GetContainer("DevicePath"), offered.front().GetContainer("DevicePath"));
+    const KelContainer path = offered.front().GetContainer("DevicePath");
+    EXPECT_EQ(offered[3].GetContainer("DevicePath"), path);
+    EXPECT_EQ(offered.back().GetContainer("DevicePath").GetContainer(kMasterPath).GetName(0), movedPath);
 }
 
 }  // namespace

@@ -2,6 +2,8 @@
 
 #include "filestore/down/notify_thread.h"
 #include "filestore/file_store_fixture.h"
+#include "filestore/state/device.h"
+#include "filestore/state/parent.h"
 #include "kelcore/http/client.h"
 
 namespace {
@@ -31,6 +33,50 @@ TEST_F(Contact, WhatFailedToMoveToOrFromTheParentIsDueWhenItAnswersAgain) {
         Ask("FileStoreParentInSync");
         EXPECT_EQ(time(side, id), isDue ? KelString("0") : before);
         EXPECT_EQ(OnlyCallTo(Parent(), "FileStoreDeviceContact").GetString("DeviceGUID"), kOwnUrl);
+    }
+}
+
+TEST_F(Contact, AnotherParentIsAskedForWhatTheFormerOneHasBegun) {
+    for (const auto& [side, status, set, expected] : Table<Side, const char*, const char*, const char*>{
+             {kDown, "DOWNLOADING", "TransferredBytes = 5, MulticastPort = 9", "TOBEREQUESTED"},
+             {kDown, "DOWNLOADING", "SourceDevice = 'other'", "DOWNLOADING"},
+             {kDown, "AVAILABLE", "Acknowledged = 0", "AVAILABLE"},
+             {kUp, "UPLOADING", "Priority = 1", "TOBEUPLOADED"},
+             {kUp, "RECEIVING", "Priority = 1", "RECEIVING"}}) {
+        const std::uint64_t id = AddFile(side, KelFormat("%s %s", status, set), status, set);
+        const filestore::ParentWatch watch;
+        Ask("FileStoreParentChange");
+        EXPECT_TRUE(watch.HasChanged());
+        EXPECT_EQ(Fields(side, id), expected) << status << set;
+    }
+    EXPECT_EQ(Rows(kDown, "SELECT FileId FROM Files WHERE MulticastPort <> 0"), Texts{});
+}
+
+/// By its call, and by its answer to an announcement.
+TEST_F(Contact, NothingWaitsAnyLongerForADeviceThatHasAnotherParent) {
+    const KelString guid = "/0A1B0000-0000-4000-8000-0000000000C7",
+                    rest = "/02-00-7F-00-01-08/127.0.1.1/255.0.0.0";
+    KelString parentGuid;
+    const TestHttpServer child([&parentGuid](const auto&) {
+        return TestHttpServer::ActionResult(0, Make({{"ParentGuid", parentGuid}}));
+    });
+    const std::uint64_t fileId = AddFile(kDown, "n", "AVAILABLE", "Acknowledged = 1");
+    const auto targets = [] { return Cell(kDown, "SELECT COUNT(*) FROM Targets"); };
+    FileStoreNotifyThread thread;
+    for (const auto& [parent, left] :
+         Table<KelString, const char*>{{KelString(), "2"},
+                                       {filestore::OurGuid(), "2"},
+                                       {"0A1B0000-0000-4000-8000-0000000000D1", "1"}}) {
+        parentGuid = parent;
+        Rows(kDown, "DELETE FROM Targets");
+        AddTarget(fileId, 1, child.HostAndPort() + guid + rest);
+        AddTarget(fileId, 2, kChild, std::time(nullptr) + 1200);
+        thread.NotifyUnicastTargets(0, 0);
+        EXPECT_EQ(targets(), left) << parent;
+        AddTarget(fileId, 3, "127.0.1.7:1610" + guid + rest, std::time(nullptr) + 1200);
+        Ask("FileStoreDeviceContact",
+            Make({{"DeviceGUID", child.HostAndPort() + guid}, {"ParentGuid", parent}}));
+        EXPECT_EQ(targets(), left == KelString("1") ? "1" : "3") << parent;
     }
 }
 

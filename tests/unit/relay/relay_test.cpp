@@ -32,13 +32,15 @@ class FakeParent {
     std::atomic<unsigned int> status = 200;  ///< of the HTTP answers
     std::atomic<bool> failsOnce = false;     ///< answers the next call with 500
     std::atomic<bool> isSettled = true;      ///< what it says of its scheme
+    std::atomic<bool> isBelow = false;       ///< names our device among those above it
 
   private:
     TestHttpServer::Answer AnswerCall() {
         const std::lock_guard lock(mutex_);
         const KelContainer values =
             Values({"GUID=" + guid_, std::string("SchemeSettled=") + (isSettled ? "true" : "false")});
-        auto answer = TestHttpServer::ActionResult(0, With({}, "Values", values));
+        auto answer = TestHttpServer::ActionResult(
+            0, With({}, "Values", isBelow ? With(values, {"Above=" + kOurGuid}) : values));
         answer.status = failsOnce.exchange(false) ? 500U : status.load();
         return answer;
     }
@@ -161,6 +163,51 @@ TEST_F(RelayTest, AParentThatCannotBeUsedIsOutOfSyncAndLoggedOnce) {
         parent.status = 200;
     }
     ASSERT_TRUE(Eventually([this] { return validations_ == 5; })) << "at first and after each way back";
+}
+
+TEST_F(RelayTest, AnotherParentIsFollowedUnlessItIsALoop) {
+    FakeParent first(kGuid), second(kOtherGuid);
+    std::atomic<int> changes = 0, former = 0;
+    FakeAction("TestChange ()", [&](KelContainer*) { return ++changes, 0U; });
+    FakeAction("TestInSync ()",
+               [&, place = "127.0.1.1:" + std::to_string(first.Port())](KelContainer* values) {
+                   return former += values->GetString("FormerParent") == place ? 1 : 0, 0U;
+               });
+    CallbackDbRegisterAction("RelayCallbackParentChange", "TestChange ()", "", 0);
+    WriteIni("Relay", first.ChildIni("relay"));
+    const auto set = [](const FakeParent& parent, unsigned int result) {
+        KelContainer call = Values({"ParentName=127.0.1.1", "ParentPort=" + std::to_string(parent.Port())});
+        EXPECT_EQ(Call("RelaySetParent", call), result);
+        return call;
+    };
+    const auto isParent = [](const FakeParent& parent) {
+        return IsInSync() && RelayValues().GetInt32("ParentPort") == parent.Port();
+    };
+    {
+        const ActiveModule<Relay> module;
+        ASSERT_TRUE(Eventually(IsInSync));
+        second.isBelow = true;
+        EXPECT_NE(set(second, kKelErrorBadInput).GetString("Message").find("below this device"),
+                  std::string::npos);
+        WriteIni("Relay", second.ChildIni("relay"));  // the file is not refused, but not followed
+        ASSERT_TRUE(Eventually(
+            [this] { return log_->Count(KelDebugLevel::Warning, "the parent stays as it is") == 1; }));
+        EXPECT_TRUE(isParent(first));
+        second.isBelow = false;
+        ASSERT_TRUE(Eventually([&] { return isParent(second); }));
+        ExpectValues(set(first, 0), {"ParentSync=true", "ParentProblem="});
+        second.status = 401;
+        ExpectValues(set(second, 0), {"ParentSync=false"});
+        EXPECT_TRUE(Eventually([&] { return changes == 3; }));
+        EXPECT_EQ(former, 1);
+        EXPECT_NE(
+            TempFolder::Read(root_ / "config/Relay.ini").find("ParentPort=" + std::to_string(second.Port())),
+            std::string::npos);
+    }
+    second.status = 200;
+    const ActiveModule<Relay> module;  // the parent that was in sync last was another one
+    EXPECT_TRUE(Eventually([&] { return changes == 4 && former == 2; }));
+    CallbackDbDeleteAction("RelayCallbackParentChange", "TestChange ()", "");
 }
 
 class PackageCopiesTest : public ModuleFixture {
