@@ -8,8 +8,8 @@
 #include "kel/types.h"
 
 // The commands, in families: publish_commands.cpp, transfer_commands.cpp, store_commands.cpp,
-// device_commands.cpp, steering_commands.cpp, init_command.cpp, why_command.cpp, wake_command.cpp; and those
-// of their steps that have tests of their own.
+// device_commands.cpp, steering_commands.cpp, init_command.cpp, why_command.cpp, wake_command.cpp,
+// windows_command.cpp; and those of their steps that have tests of their own.
 
 /// Runs one command: prints its results to stdout and what went wrong to stderr. An exit code of
 /// cli/options.h.
@@ -49,6 +49,12 @@ struct DeviceRow {
 /// The devices under "Values" in `answer` (each with GUID and Parent), parents before their children and
 /// otherwise in the order given. Every device appears once, also when parents name each other in a circle.
 KelVector<DeviceRow> OrderByParent(const KelContainer& answer);
+
+/// The answer to TransferWindowGetStatus as `windows` prints it: a line for each direction and a table of the
+/// week for each window; on one line, as `status` does; and as a list under `name` for JSON.
+KelString WindowsText(const KelContainer& answer);
+KelString WindowsLine(const KelContainer& answer);
+KelContainer WindowsForJson(const KelContainer& answer, const KelString& name);
 
 /// The arguments of WakeOnLanWakeUp for the device with this GUID or name, in any case, among those under
 /// "Values" in `devices`, of which the first is the master. An error when there is none, several have the

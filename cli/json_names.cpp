@@ -120,6 +120,11 @@ constexpr auto kNames = std::to_array<Name>({
     {"Slots", "slots"},
     {"Unit", "unit"},
     {"UseUTCTime", "utc"},
+    {"Week", "week"},
+    {"CurrentRate", "now"},
+    {"NextChange", "next_change"},
+    {"NextRate", "next"},
+    {"Windows", "windows"},
 });
 
 constexpr std::string_view kStatusPrefix = "_AGTMOD_FILESTORESTATUS_";
