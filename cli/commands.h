@@ -58,6 +58,12 @@ struct DeviceRow {
 /// otherwise in the order given. Every device appears once, also when parents name each other in a circle.
 KelVector<DeviceRow> OrderByParent(const KelContainer& answer);
 
+/// The answer to TransferWindowGetStatus as `windows` prints it: a line for each direction and a table of the
+/// week for each window; on one line, as `status` does; and as a list under `name` for JSON.
+KelString WindowsText(const KelContainer& answer);
+KelString WindowsLine(const KelContainer& answer);
+KelContainer WindowsForJson(const KelContainer& answer, const KelString& name);
+
 /// The arguments of WakeOnLanWakeUp for the device with this GUID or name, in any case, among those under
 /// "Values" in `devices`, of which the first is the master. An error when there is none, several have the
 /// name, or no way leads to it.

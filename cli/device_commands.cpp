@@ -77,8 +77,9 @@ void PrintTree(const KelContainer& answer) {
 }
 
 /// Collects what `status` prints: the values of the modules under Agent, Identity and Relay, and the numbers
-/// of files by status under Files and FilesUpstream, and under Waiting what holds files back.
-unsigned int ReadStatus(const Remote& remote, KelContainer& status) {
+/// of files by status under Files and FilesUpstream, and under Waiting what holds files back. `windows` gets
+/// the transfer windows, which an agent need not have.
+unsigned int ReadStatus(const Remote& remote, KelContainer& status, KelContainer& windows) {
     static constexpr struct {
         const char* name;
         const char* action;
@@ -97,18 +98,11 @@ unsigned int ReadStatus(const Remote& remote, KelContainer& status) {
             return result;
         status.SetContainer(upstream ? "FilesUpstream" : "Files", counts.GetContainer("Counts"));
     }
+    if (remote.CallQuietly("TransferWindowGetStatus", windows) != kKelOk) windows.Clear();
     KelContainer waiting;
     const unsigned int result = remote.Call("FileStoreGetWaiting", waiting);
     if (result == kKelOk) status.SetContainer("Waiting", waiting.GetContainer("Values"));
     return result;
-}
-
-/// Since when a window is closed and until when.
-KelString WindowText(const KelContainer& waiting, const KelString& name) {
-    if (!waiting.Has(name)) return "open";
-    const KelString since = TimeText(waiting.GetContainer(name).GetInt64("Since"));
-    const KelString until = TimeText(waiting.GetContainer(name).GetInt64("Until"));
-    return until.empty() ? "closed all week" : "closed since " + since + " until " + until;
 }
 
 KelString DiskText(const KelContainer& waiting) {
@@ -128,7 +122,7 @@ KelString QueueText(const KelContainer& counts) {
     return text.empty() ? "none" : text;
 }
 
-void PrintStatus(const KelContainer& status, const KelString& address) {
+void PrintStatus(const KelContainer& status, const KelString& windows, const KelString& address) {
     const KelContainer& agent = status.GetContainer("Agent");
     const KelContainer& identity = status.GetContainer("Identity");
     const KelContainer& relay = status.GetContainer("Relay");
@@ -145,8 +139,7 @@ void PrintStatus(const KelContainer& status, const KelString& address) {
         {"Files", QueueText(status.GetContainer("Files"))},
         {"Files going up", QueueText(status.GetContainer("FilesUpstream"))},
         {"Targets waiting", waiting.GetString("WaitingTargets")},
-        {"Window up", WindowText(waiting, "WindowUp")},
-        {"Window down", WindowText(waiting, "WindowDown")},
+        {"Windows", windows},
         {"Disk", DiskText(waiting)}};
     for (const auto& [name, value] : lines)
         std::printf("%-17s%s\n", name.c_str(), Printable(value).c_str());
@@ -185,14 +178,18 @@ int RunCommand(const CommonOptions& common, const DevicesOptions&) {
 int RunCommand(const CommonOptions& common, const StatusOptions&) {
     const auto remote = Remote::Open(common);
     if (!remote) return Complain(remote.Error());
-    KelContainer status;
-    if (const unsigned int result = ReadStatus(*remote, status); result != kKelOk) return ExitCodeOf(result);
+    KelContainer status, windows;
+    if (const unsigned int result = ReadStatus(*remote, status, windows); result != kKelOk)
+        return ExitCodeOf(result);
     if (common.json) {
+        const KelContainer named = WindowsForJson(windows, "Windows");
+        for (std::uint32_t i = 0; i < ItemCount(named, "Windows"); ++i)
+            status.SetContainer("Windows", named.GetContainer("Windows", i), i);
         KelContainer list;
         list.SetContainer("Values", std::move(status));
         PrintJson(list);
     } else {
-        PrintStatus(status, remote->Address());
+        PrintStatus(status, WindowsLine(windows), remote->Address());
     }
     return kExitDone;
 }

@@ -141,8 +141,12 @@ constexpr auto kNames = std::to_array<Name>({
     {"UseUTCTime", "utc"},
     // multicast
     {"Group", "group"},
-    {"Devices", "devices"},
     {"Retry", "retry"},
+    {"Week", "week"},
+    {"CurrentRate", "now"},
+    {"NextChange", "next_change"},
+    {"NextRate", "next"},
+    {"Windows", "windows"},
 });
 
 constexpr std::string_view kStatusPrefix = "_AGTMOD_FILESTORESTATUS_";

@@ -261,18 +261,24 @@ void DefineWindows(CLI::App& app, Parsed& parsed) {
     set->add_option("DIRECTION", windows.direction, "The direction")
         ->required()
         ->check(CLI::IsMember({"up", "down", "multicast"}));
+    auto* week =
+        set->add_option("WEEK", windows.week,
+                        "Rules, as \"mon-fri 8-18 4M; sat,sun closed; else 20M\": days, hours and rate"
+                        " (512k, 4M, 1G, 50%, 5/1000 or closed); the first that covers an hour counts");
     auto* slots = set->add_option(
         "--slots", windows.slots,
         "A rate for every hour, or 168 rates separated by blanks, Monday 00:00 first; 0: closed");
     auto* remove = set->add_flag("--remove", windows.remove, "No window: always open, no limit");
-    slots->excludes(remove);
+    slots->excludes(remove)->excludes(week);
+    remove->excludes(week);
     set->add_option("--slot-type", windows.slotType,
-                    "Unit: 1 bit/s, 2 kbit/s, 3 Mbit/s, 7 percent, 8 per thousand")
+                    "Unit of --slots: 1 bit/s, 2 kbit/s, 3 Mbit/s, 7 percent, 8 per thousand")
         ->capture_default_str()
         ->check(CLI::IsMember({1, 2, 3, 7, 8}));
     set->add_flag("--utc", windows.utc, "The hours are in UTC, not local time");
     set->callback([&windows] {
-        if (windows.slots.empty() && !windows.remove) throw CLI::RequiredError("--slots or --remove");
+        if (windows.week.empty() && windows.slots.empty() && !windows.remove)
+            throw CLI::RequiredError("WEEK, --slots or --remove");
     });
     command->callback([&parsed] { parsed.chosen = parsed.windows; });
 

@@ -122,6 +122,7 @@ struct SettingsOptions {
 
 struct WindowsOptions {
     KelString direction;  ///< set: up, down or multicast; empty for get
+    KelString week;       ///< the rules, or
     KelString slots;      ///< one number, 168 numbers, or empty to remove the window
     bool remove = false;
     int slotType = 2;

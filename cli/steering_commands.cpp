@@ -1,7 +1,5 @@
 #include <algorithm>
-#include <array>
 #include <cstdio>
-#include <set>
 
 #include "cli/commands.h"
 #include "cli/output.h"
@@ -12,57 +10,6 @@
 #include "kelcore/json.h"
 
 namespace {
-
-// Directions and units of windows, by their numbers in the actions; unused numbers are empty.
-constexpr std::array<const char*, 4> kDirections = {"", "up", "down", "multicast"};
-constexpr std::array<const char*, 9> kUnits = {"", "bit/s", "kbit/s", "Mbit/s",      "",
-                                               "", "",      "%",      "per thousand"};
-
-KelString Name(const auto& names, std::int32_t value) {
-    const auto index = static_cast<std::size_t>(value);
-    return value > 0 && index < names.size() ? names[index] : std::to_string(value);
-}
-
-/// "400000 kbit/s" for a window with the same rate in every hour, otherwise the number of different rates.
-KelString RateText(const KelContainer& window) {
-    const KelVector<KelString> slots = SplitText(window.GetString("Slots"), ' ');
-    const std::set<KelString> different(slots.begin(), slots.end());
-    const KelString unit = window.GetString("Unit");
-    if (different.size() == 1) return *different.begin() + " " + unit;
-    return std::to_string(different.size()) + " rates in " + unit;
-}
-
-int GetWindows(const Remote& remote, bool json) {
-    KelContainer answer;
-    if (const unsigned int result = remote.Call("TransferWindowCheckAllWindows", answer); result != kKelOk)
-        return ExitCodeOf(result);
-    const KelContainer& values = answer.GetContainer("Values");
-    KelContainer list;
-    for (std::uint32_t i = 0; i < ItemCount(values, "Direction"); ++i) {
-        KelContainer item = values.GetContainer("Values", i);
-        item.SetString("Direction", Name(kDirections, values.GetInt32("Direction", 0, i)));
-        item.SetString("Unit", Name(kUnits, item.GetInt32("SlotType")));
-        list.SetContainer("Values", std::move(item), i);
-    }
-    PrintList(list, json,
-              {ValueColumn("DIRECTION", "Direction"),
-               {"RATE", RateText},
-               {"HOURS OF", [](const KelContainer& item) {
-                    return KelString(item.GetBool("UseUTCTime") ? "UTC" : "local time");
-                }}});
-    return kExitDone;
-}
-
-int SetWindow(const Remote& remote, const WindowsOptions& options) {
-    KelContainer arguments;
-    for (std::size_t i = 1; i < kDirections.size(); ++i)
-        if (options.direction == kDirections[i])
-            arguments.SetInt32("Direction", static_cast<std::int32_t>(i));
-    arguments.SetString("Slots", options.slots);
-    arguments.SetInt32("SlotType", options.slotType);
-    arguments.SetBool("UseUTCTime", options.utc);
-    return ExitCodeOf(remote.Call("TransferWindowSetWindow", arguments));
-}
 
 /// "; did you mean …?", when there is a setting of such a name.
 KelString Suggestion(const KelString& name, const KelContainer& settings) {
@@ -159,12 +106,6 @@ KelStatus AddCallArgument(const KelString& text, KelContainer& container) {
     for (std::uint32_t i = 0; i < ItemCount(parsed, "value"); ++i)
         Append(parsed, "value", i, name, container);
     return {};
-}
-
-int RunCommand(const CommonOptions& common, const WindowsOptions& options) {
-    const auto remote = Remote::Open(common);
-    if (!remote) return Complain(remote.Error());
-    return options.direction.empty() ? GetWindows(*remote, common.json) : SetWindow(*remote, options);
 }
 
 int RunCommand(const CommonOptions& common, const SettingsOptions& options) {

@@ -23,18 +23,6 @@ enum SlotType : int {
     kPerThousand = 8,
 };
 
-constexpr std::int64_t kSecondsPerHour = 3600;
-
-std::tm TimeParts(std::int64_t time, bool utc) {
-    const std::time_t seconds = time;
-    std::tm parts{};
-    if (utc)
-        gmtime_r(&seconds, &parts);
-    else
-        localtime_r(&seconds, &parts);
-    return parts;
-}
-
 bool HoldsSlots(int type) {
     return (type >= 1 && type <= 3) || type == kPercent || type == kPerThousand;
 }
@@ -64,61 +52,54 @@ std::uint64_t Convert(std::uint64_t number, int type) {
 
 }  // namespace
 
-std::size_t FileStoreBandwidthManager::SlotIndex(std::int64_t time, bool utc) {
-    const std::tm parts = TimeParts(time, utc);
-    const int weekday = parts.tm_wday % 7;
-    const int day = (weekday == 0 ? 7 : weekday) - 1;
-    return static_cast<std::size_t>(day * 24 + parts.tm_hour);
-}
-
 int FileStoreBandwidthManager::StartTransmission() {
-    const KelLock lock(mutexSlots_);
+    const KelLock lock(mutexSlots);
     int frameSize = 0;
-    if (fWindowDefined_ && GetRate(frameSize) == 0) return -1;
-    ++iActiveTransfers_;
-    if (fWindowDefined_) ShareRates();
-    return iFrameSize_;
+    if (fWindowDefined && GetRate(frameSize) == 0) return -1;
+    ++iActiveTransfers;
+    if (fWindowDefined) ShareRates();
+    return iFrameSize;
 }
 
 void FileStoreBandwidthManager::EndTransmission() {
-    const KelLock lock(mutexSlots_);
-    --iActiveTransfers_;
-    if (fWindowDefined_) ShareRates();
+    const KelLock lock(mutexSlots);
+    --iActiveTransfers;
+    if (fWindowDefined) ShareRates();
 }
 
 unsigned long FileStoreBandwidthManager::GetRate(int& frameSize) {
-    frameSize = iFrameSize_;
-    return ulSlotRate_[SlotIndex(std::time(nullptr), fUseUTCTime_)];
+    frameSize = iFrameSize;
+    return ulSlotRate[WeekHour(std::time(nullptr), fUseUTCTime)];
 }
 
 bool FileStoreBandwidthManager::BandwidthIsLimited() {
-    return fWindowDefined_;
+    return fWindowDefined;
 }
 
 int FileStoreBandwidthManager::GetFrameSize() {
-    return iFrameSize_;
+    return iFrameSize;
 }
 
 bool FileStoreBandwidthManager::IsPercentage() {
-    return fPercentage_;
+    return fPercentage;
 }
 
 bool FileStoreBandwidthManager::IsPerThousand() {
-    return fPerThousand_;
+    return fPerThousand;
 }
 
 void FileStoreBandwidthManager::SetDirection(TransferWindowDirection_e direction) {
-    eDirection_ = direction;
+    eDirection = direction;
 }
 
 void FileStoreBandwidthManager::SetFrameSize(int bytes) {
-    iFrameSize_ = bytes;
+    iFrameSize = bytes;
 }
 
 void FileStoreBandwidthManager::UpdateTransferWindow(KelContainer& window) {
     if (!window.Has("Slots")) {
         KelContainer call;
-        call.SetInt32("Direction", eDirection_);
+        call.SetInt32("Direction", eDirection);
         if (CallLocal("TransferWindowCheckWindow", call) != kKelOk || !call.Has("Values")) {
             FileStore::debugFileStore.Detail("No transfer window.\n");
             ClearWindow();
@@ -127,18 +108,18 @@ void FileStoreBandwidthManager::UpdateTransferWindow(KelContainer& window) {
         window = call.GetContainer("Values");
     }
     const int type = window.GetInt32("SlotType");
-    iSlotType_ = type;
-    fUseUTCTime_ = window.GetBool("UseUTCTime");
+    iSlotType = type;
+    fUseUTCTime = window.GetBool("UseUTCTime");
     StringTokeniser tokens(window.GetString("Slots"), ' ');
 
-    const KelLock lock(mutexSlots_);
+    const KelLock lock(mutexSlots);
     if (HoldsSlots(type)) LoadSlots(tokens, type);
     if (type >= kBitsPerSecond && type <= kPerThousand) {
-        fAbsoluteRate_ = type <= kMegabitsPerSecond;
-        fPercentage_ = type == kPercent;
-        fPerThousand_ = type == kPerThousand;
+        fAbsoluteRate = type <= kMegabitsPerSecond;
+        fPercentage = type == kPercent;
+        fPerThousand = type == kPerThousand;
     }
-    fWindowDefined_ = true;
+    fWindowDefined = true;
     ShareRates();
 }
 
@@ -150,19 +131,19 @@ void FileStoreBandwidthManager::LoadSlots(StringTokeniser& tokens, int type) {
             FileStore::debugFileStore.Warning(
                 "Slot %lu of a transfer window is not a number ('%S'); the hour counts as closed\n", i,
                 token);
-        ulSlotValue_[i] = Convert(number.value_or(0), type);
+        ulSlotValue[i] = Convert(number.value_or(0), type);
     }
 }
 
 void FileStoreBandwidthManager::ClearWindow() {
-    fWindowDefined_ = false;
+    fWindowDefined = false;
 }
 
 void FileStoreBandwidthManager::CancelAllTransfers() {
-    const KelLock lock(mutexSlots_);
+    const KelLock lock(mutexSlots);
     for (std::size_t i = 0; i < kSlotCount; ++i) {
-        ulSlotValue_[i] = 0;
-        ulSlotRate_[i] = 0;
+        ulSlotValue[i] = 0;
+        ulSlotRate[i] = 0;
     }
 }
 
@@ -173,28 +154,29 @@ bool FileStoreBandwidthManager::TransfersAreDisabled() {
 
 std::optional<FileStoreBandwidthManager::ClosedSpan> FileStoreBandwidthManager::GetClosedSpan(
     std::int64_t now) const {
-    const auto isClosed = [this](std::int64_t time) {
-        return ulSlotRate_[SlotIndex(time, fUseUTCTime_)] == 0;
-    };
-    if (!fWindowDefined_ || !isClosed(now)) return std::nullopt;
+    const auto isClosed = [this](std::int64_t time) { return ulSlotRate[WeekHour(time, fUseUTCTime)] == 0; };
+    if (!fWindowDefined || !isClosed(now)) return std::nullopt;
     ClosedSpan span;
-    // The offset of local time from UTC may hold minutes.
-    const std::tm parts = TimeParts(now, fUseUTCTime_);
-    const std::int64_t hour = now - parts.tm_min * 60 - parts.tm_sec;
-    for (std::size_t i = 1; i < kSlotCount && span.until == 0; ++i)
-        if (const auto time = hour + static_cast<std::int64_t>(i) * kSecondsPerHour; !isClosed(time))
-            span.until = time;
-    for (std::size_t i = 1; i < kSlotCount && span.since == 0; ++i)
-        if (const auto time = hour - static_cast<std::int64_t>(i) * kSecondsPerHour; !isClosed(time))
-            span.since = time + kSecondsPerHour;
+    // Local time may show two hours of the week again, or leave some out.
+    constexpr std::size_t kMostSteps = kSlotCount + 2;
+    std::int64_t end = now;
+    std::int64_t begin = now + 1;
+    for (std::size_t i = 0; i < kMostSteps && span.until == 0; ++i) {
+        end = WeekHourEnd(end, fUseUTCTime);
+        if (!isClosed(end)) span.until = end;
+    }
+    for (std::size_t i = 0; i < kMostSteps && span.since == 0; ++i) {
+        begin = WeekHourBegin(begin - 1, fUseUTCTime);
+        if (!isClosed(begin - 1)) span.since = begin;
+    }
     return span;
 }
 
 void FileStoreBandwidthManager::ShareRates() {
-    const auto transfers = static_cast<std::uint64_t>(iActiveTransfers_ > 0 ? iActiveTransfers_ : 0);
-    const bool isShared = transfers >= 1 && !fPercentage_ && !fPerThousand_;
+    const auto transfers = static_cast<std::uint64_t>(iActiveTransfers > 0 ? iActiveTransfers : 0);
+    const bool isShared = transfers >= 1 && !fPercentage && !fPerThousand;
     for (std::size_t i = 0; i < kSlotCount; ++i) {
-        const std::uint64_t value = ulSlotValue_[i];
-        ulSlotRate_[i] = isShared && value >= transfers ? value / transfers : value;
+        const std::uint64_t value = ulSlotValue[i];
+        ulSlotRate[i] = isShared && value >= transfers ? value / transfers : value;
     }
 }

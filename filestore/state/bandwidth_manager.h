@@ -8,6 +8,7 @@
 #include "kel/container.h"
 #include "kel/mutex.h"
 #include "kelcore/http/bandwidth_manager.h"
+#include "kelcore/week_hours.h"
 
 class StringTokeniser;
 
@@ -18,11 +19,12 @@ enum TransferWindowDirection_e : int {
     TransferWindowDirectionMulticast = 3,
 };
 
-/// Holds the weekly transfer window of one direction and shares its rate between the running transfers. Slot
-/// index = day * 24 + hour, Monday is day 0. May be used from any thread; the queries take no lock.
+/// Holds the weekly transfer window of one direction and shares its rate between the running transfers. The
+/// index of a slot is its hour of the week (kelcore/week_hours.h). May be used from any thread; the queries
+/// take no lock.
 class FileStoreBandwidthManager : public HttpBandwidthManager {
   public:
-    static constexpr std::size_t kSlotCount = 168;
+    static constexpr std::size_t kSlotCount = kWeekHours;
 
     int StartTransmission() override;
     void EndTransmission() override;
@@ -61,24 +63,21 @@ class FileStoreBandwidthManager : public HttpBandwidthManager {
     /// Nothing while TransfersAreDisabled is false.
     std::optional<ClosedSpan> GetClosedSpan(std::int64_t now) const;
 
-    /// The slot of `time` (seconds since the epoch) in UTC or in local time.
-    static std::size_t SlotIndex(std::int64_t time, bool utc);
-
   private:
-    void LoadSlots(StringTokeniser& tokens, int type) KEL_REQUIRES(mutexSlots_);
-    void ShareRates() KEL_REQUIRES(mutexSlots_);
+    void LoadSlots(StringTokeniser& tokens, int type) KEL_REQUIRES(mutexSlots);
+    void ShareRates() KEL_REQUIRES(mutexSlots);
 
-    std::atomic<bool> fWindowDefined_ = false;
-    std::atomic<TransferWindowDirection_e> eDirection_ = TransferWindowDirectionUp;
-    std::atomic<int> iSlotType_ = 1;
-    std::atomic<bool> fAbsoluteRate_ = true;
-    std::atomic<bool> fUseUTCTime_ = true;
-    std::array<std::atomic<std::uint64_t>, kSlotCount> ulSlotValue_{};  ///< as configured
-    std::array<std::atomic<std::uint64_t>, kSlotCount> ulSlotRate_{};   ///< a transfer's share
-    int iActiveTransfers_ KEL_GUARDED_BY(mutexSlots_) = 0;
-    std::atomic<int> iFrameSize_ = 0;  ///< bytes
-    KelMutex mutexSlots_;  ///< writers of the slots and the number of transfers; never held during a call to
-                           ///< another module
-    std::atomic<bool> fPercentage_ = false;
-    std::atomic<bool> fPerThousand_ = false;
+    std::atomic<bool> fWindowDefined = false;
+    std::atomic<TransferWindowDirection_e> eDirection = TransferWindowDirectionUp;
+    std::atomic<int> iSlotType = 1;
+    std::atomic<bool> fAbsoluteRate = true;
+    std::atomic<bool> fUseUTCTime = true;
+    std::array<std::atomic<std::uint64_t>, kSlotCount> ulSlotValue{};  ///< as configured
+    std::array<std::atomic<std::uint64_t>, kSlotCount> ulSlotRate{};   ///< a transfer's share
+    int iActiveTransfers KEL_GUARDED_BY(mutexSlots) = 0;
+    std::atomic<int> iFrameSize = 0;  ///< bytes
+    KelMutex mutexSlots;  ///< writers of the slots and the number of transfers; never held during a call to
+                          ///< another module
+    std::atomic<bool> fPercentage = false;
+    std::atomic<bool> fPerThousand = false;
 };

@@ -46,8 +46,12 @@ class Channel {
     virtual void Close() = 0;
 
     virtual bool IsEncrypted() const = 0;
-    /// Bytes sent so far: distinguishes a slow peer from one that has stopped reading.
-    virtual std::uint64_t BytesSent() const = 0;
+    /// A number that changes whenever the peer has acknowledged bytes: distinguishes a slow peer from one
+    /// that has stopped reading.
+    virtual std::uint64_t BytesTaken() = 0;
 };
+
+/// Bytes of a TCP socket that the peer has not acknowledged yet.
+std::uint64_t UnacknowledgedBytes(int socket);
 
 }  // namespace kelhttp

@@ -1,5 +1,6 @@
 #include "modules/http_protocol/connection.h"
 
+#include <algorithm>
 #include <chrono>
 #include <utility>
 
@@ -133,20 +134,24 @@ void Connection::OnTick(Clock::time_point now) {
         case State::Continuing:
             late = passed > std::chrono::seconds(settings.headerTimeout);
             break;
-        case State::Head:
-            late = passed > std::chrono::seconds(served_ && !headBegun_ ? settings.idleTimeout
-                                                                        : settings.headerTimeout);
+        case State::Head: {
+            // A peer that reads slowly is not idle while it takes the response.
+            const bool isIdle = served_ && !headBegun_;
+            if (isIdle) NoteProgress(now);
+            late =
+                now - since_ > std::chrono::seconds(isIdle ? settings.idleTimeout : settings.headerTimeout);
             break;
+        }
         case State::ActionBody:
-        case State::PutBody:
         case State::Discarding:
-            late = !MeasureBodyRate(now);
+            late = !MeasureBodyRate(now, settings.minBodyRate);
+            break;
+        case State::PutBody:
+            // Uploads are paced by the sender's transfer window, which may allow any rate.
+            late = !MeasureBodyRate(now, 0);
             break;
         case State::Sending:
-            if (channel_->BytesSent() != windowBytes_) {
-                windowBytes_ = channel_->BytesSent();
-                since_ = now;
-            }
+            NoteProgress(now);
             late = now - since_ > std::chrono::seconds(settings.sendTimeout);
             break;
         case State::Lingering:
@@ -159,13 +164,23 @@ void Connection::OnTick(Clock::time_point now) {
     if (late) Close();
 }
 
-/// Ends the window in which the rate is measured when it is over; false when the body came too slowly in it.
-bool Connection::MeasureBodyRate(Clock::time_point now) {
+/// The time counts anew whenever the peer has taken bytes. What the socket has accepted says nothing: it
+/// holds more than a slow peer takes in minutes.
+void Connection::NoteProgress(Clock::time_point now) {
+    const std::uint64_t taken = channel_->BytesTaken();
+    if (taken == windowBytes_) return;
+    windowBytes_ = taken;
+    since_ = now;
+}
+
+/// Ends the window in which the rate is measured when it is over; false when the body came more slowly in it
+/// than `leastRate` bytes per second, or not at all.
+bool Connection::MeasureBodyRate(Clock::time_point now, int leastRate) {
     const ServerSettings& settings = context_.settings;
     if (now - since_ < std::chrono::seconds(settings.minBodyRateTime)) return true;
-    const auto least = static_cast<std::uint64_t>(settings.minBodyRate) *
-                       static_cast<std::uint64_t>(settings.minBodyRateTime);
-    if (windowBytes_ < least) return false;
+    const auto least =
+        static_cast<std::uint64_t>(leastRate) * static_cast<std::uint64_t>(settings.minBodyRateTime);
+    if (windowBytes_ < std::max<std::uint64_t>(least, 1)) return false;
     since_ = now;
     windowBytes_ = 0;
     return true;

@@ -92,7 +92,8 @@ class Connection final : public ChannelUser,
     void Linger();
     std::string_view ConnectionField() const;
 
-    bool MeasureBodyRate(Clock::time_point now);
+    void NoteProgress(Clock::time_point now);
+    bool MeasureBodyRate(Clock::time_point now, int leastRate);
     void BeginWork();
     void EndWork();
 

@@ -1,6 +1,8 @@
 #include "modules/http_protocol/plain_channel.h"
 
+#include <linux/sockios.h>
 #include <netinet/tcp.h>
+#include <sys/ioctl.h>
 #include <sys/sendfile.h>
 #include <sys/socket.h>
 #include <algorithm>
@@ -17,6 +19,11 @@ constexpr int kPiecesPerTurn = 8;
 constexpr int kUnsentBytes = 512 << 10;
 
 }  // namespace
+
+std::uint64_t UnacknowledgedBytes(int socket) {
+    int bytes = 0;
+    return ::ioctl(socket, SIOCOUTQ, &bytes) == 0 ? static_cast<std::uint64_t>(bytes) : 0;
+}
 
 PlainChannel::PlainChannel(boost::asio::ip::tcp::socket socket) : socket_(std::move(socket)) {
     socket_.non_blocking(true);
@@ -87,6 +94,10 @@ void PlainChannel::ContinueWhenWritable(Outcome (PlainChannel::*push)(), const U
                            if (outcome == Outcome::Pending) return ContinueWhenWritable(push, user);
                            user->OnWritten(outcome == Outcome::Done);
                        });
+}
+
+std::uint64_t PlainChannel::BytesTaken() {
+    return sent_ - UnacknowledgedBytes(socket_.native_handle());
 }
 
 void PlainChannel::ShutdownSend() {

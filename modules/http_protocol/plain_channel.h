@@ -20,7 +20,7 @@ class PlainChannel final : public Channel {
     void ShutdownSend() override;
     void Close() override;
     bool IsEncrypted() const override { return false; }
-    std::uint64_t BytesSent() const override { return sent_; }
+    std::uint64_t BytesTaken() override;
 
   private:
     Outcome PushData();

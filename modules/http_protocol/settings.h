@@ -20,7 +20,7 @@ struct ServerSettings {
     int headerTimeout = 20;
     int idleTimeout = 75;
     int sendTimeout = 120;     ///< a connection whose peer reads nothing for so long is closed
-    int minBodyRate = 1000;    ///< bytes per second
+    int minBodyRate = 1000;    ///< of the body of an action call, bytes per second
     int minBodyRateTime = 10;  ///< seconds over which the rate of a body is measured
     int maxHeaderBytes = 32 << 10;
     int maxActionBytes = 64 << 20;

@@ -71,6 +71,10 @@ void TlsChannel::SendNextPiece(const User& user) {
                              });
 }
 
+std::uint64_t TlsChannel::BytesTaken() {
+    return sent_ - UnacknowledgedBytes(stream_.next_layer().native_handle());
+}
+
 void TlsChannel::ShutdownSend() {
     boost::system::error_code ignored;
     stream_.next_layer().shutdown(boost::asio::ip::tcp::socket::shutdown_send, ignored);

@@ -20,7 +20,7 @@ class TlsChannel final : public Channel {
     void ShutdownSend() override;
     void Close() override;
     bool IsEncrypted() const override { return true; }
-    std::uint64_t BytesSent() const override { return sent_; }
+    std::uint64_t BytesTaken() override;
 
   private:
     void SendNextPiece(const User& user);

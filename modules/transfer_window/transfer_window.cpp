@@ -1,9 +1,12 @@
 #include "modules/transfer_window/transfer_window.h"
 
+#include <ctime>
+
 #include "kel/text.h"
 #include "kelcore/action_db.h"
 #include "kelcore/callback_db.h"
 #include "kelcore/error_codes.h"
+#include "modules/transfer_window/week_text.h"
 #include "modules/transfer_window/window_file.h"
 
 namespace {
@@ -29,6 +32,22 @@ unsigned int Refuse(KelContainer* arguments, const KelString& message) {
     return kKelErrorBadInput;
 }
 
+void WriteStatus(const WeeklyWindow& window, std::int64_t now, KelContainer& values) {
+    const WindowMoment moment = MomentOf(window, now);
+    const auto rates = HourRates(window);
+    values.SetInt32("CurrentSlot", static_cast<std::int32_t>(moment.slot));
+    values.SetInt64("NextChange", moment.nextChange);
+    const KelString week = WeekText(window);
+    if (week.empty()) return;
+    values.SetString("Week", week);
+    values.SetString("CurrentRate", rates[moment.slot]);
+    values.SetString("NextRate", rates[moment.nextSlot]);
+    KelString all;
+    for (const KelString& rate : rates)
+        all += (all.empty() ? "" : " ") + rate;
+    values.SetString("HourRates", all);
+}
+
 constexpr char kBadDirection[] = "Direction must be 1 (up), 2 (down) or 3 (multicast)";
 
 }  // namespace
@@ -43,8 +62,12 @@ void TransferWindow::Register(const char* handle) {
         "TransferWindowCheckAllWindows ()",
         [this](KelContainer* arguments) { return CheckAllWindows(arguments); }, handle);
     ActionDbRegisterAction(
-        "TransferWindowSetWindow (int32 Direction, string Slots, int32 SlotType, bool UseUTCTime)",
+        "TransferWindowSetWindow (int32 Direction, string Slots, int32 SlotType, string Week, bool "
+        "UseUTCTime)",
         [this](KelContainer* arguments) { return SetWindow(arguments); }, handle);
+    ActionDbRegisterAction(
+        "TransferWindowGetStatus ()", [this](KelContainer* arguments) { return GetStatus(arguments); },
+        handle);
 }
 
 bool TransferWindow::Initialise() {
@@ -102,17 +125,39 @@ unsigned int TransferWindow::CheckAllWindows(KelContainer* arguments) {
     return kKelOk;
 }
 
+unsigned int TransferWindow::GetStatus(KelContainer* arguments) {
+    std::array<OptionalWindow, kDirections.size()> windows;
+    {
+        const KelLock lock(mutexWindows_);
+        windows = windows_;
+    }
+    arguments->Clear();
+    const std::int64_t now = std::time(nullptr);
+    std::uint32_t count = 0;
+    for (const TransferDirection direction : kDirections) {
+        const OptionalWindow& window = windows[IndexOf(direction)];
+        if (!window) continue;
+        KelContainer values = window->ToContainer();
+        values.SetInt32("Direction", static_cast<std::int32_t>(direction));
+        WriteStatus(*window, now, values);
+        arguments->SetContainer("Values", std::move(values), count++);
+    }
+    return kKelOk;
+}
+
 unsigned int TransferWindow::SetWindow(KelContainer* arguments) {
     const auto direction = ReadDirection(*arguments);
     if (!direction) return Refuse(arguments, kBadDirection);
-    if (!arguments->Has("Slots"))
-        return Refuse(arguments, "Slots is missing; give it empty to remove a window");
+    if (!arguments->Has("Slots") && !arguments->Has("Week"))
+        return Refuse(arguments, "Slots and Week are missing; give Slots empty to remove a window");
     const KelString slots = Trim(arguments->GetString("Slots"));
-    if (slots.empty()) return StoreWindow(*direction, std::nullopt, arguments);
+    const KelString week = Trim(arguments->GetString("Week"));
+    if (HasControlCharacter(week)) return Refuse(arguments, "Week contains a control character");
+    if (slots.empty() && week.empty()) return StoreWindow(*direction, std::nullopt, arguments);
     // The default is for an absent value only: a value of the wrong type must be refused, not replaced.
     const std::int32_t slotType =
         arguments->Has("SlotType") ? arguments->GetInt32("SlotType") : WeeklyWindow().slotType;
-    const auto window = MakeWeeklyWindow(slots, slotType, arguments->GetBool("UseUTCTime"));
+    const auto window = MakeWindow(week, slots, slotType, arguments->GetBool("UseUTCTime"));
     if (!window) {
         Log().Warning("A window was refused: %S\n", window.Error().message);
         return Refuse(arguments, window.Error().message);

@@ -13,9 +13,14 @@
 ///
 /// - TransferWindowCheckWindow (Direction) -> Values{Slots, SlotType, UseUTCTime}; no Values without a window
 /// - TransferWindowCheckAllWindows -> Values{Direction[i], Values[i]}, one pair per window
-/// - TransferWindowSetWindow (Direction, Slots, SlotType, UseUTCTime): empty Slots remove the window;
-/// SlotType
-///   defaults to 2 (kbit/s), UseUTCTime to false. Triggers TransferWindowCallbackWindowChange.
+/// - TransferWindowSetWindow (Direction; Slots, SlotType or Week; UseUTCTime): empty Slots remove the window;
+///   SlotType defaults to 2 (kbit/s), UseUTCTime to false; Week has the form of week_text.h. Triggers
+///   TransferWindowCallbackWindowChange.
+/// - TransferWindowGetStatus -> Values[i]{Direction, Slots, SlotType, UseUTCTime, Week (absent for a slot
+/// type
+///   without rates), HourRates (168 texts between blanks, as rates in a Week), CurrentSlot (int32),
+///   CurrentRate (text), NextChange (int64, seconds since the epoch; 0: never), NextRate}, one for each
+///   window
 ///
 /// Results: 0; 1 for an unusable input (Message says which); 18 when the window cannot be written.
 class TransferWindow : public KelModule {
@@ -33,6 +38,7 @@ class TransferWindow : public KelModule {
 
     unsigned int CheckWindow(KelContainer* arguments);
     unsigned int CheckAllWindows(KelContainer* arguments);
+    unsigned int GetStatus(KelContainer* arguments);
     unsigned int SetWindow(KelContainer* arguments);
     unsigned int StoreWindow(TransferDirection direction, const OptionalWindow& window,
                              KelContainer* arguments);

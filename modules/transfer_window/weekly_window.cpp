@@ -70,3 +70,21 @@ KelResult<WeeklyWindow> MakeWeeklyWindow(const KelString& slots, std::int32_t sl
     }
     return window;
 }
+
+WindowMoment MomentOf(const WeeklyWindow& window, std::int64_t now) {
+    // A week, and the hours that clocks which are set back show twice.
+    constexpr std::size_t kMostSteps = WeeklyWindow::kHours + 2;
+    const KelVector<KelString> numbers = SplitText(window.slots, ' ');
+    WindowMoment moment;
+    moment.slot = WeekHour(now, window.useUtcTime);
+    std::int64_t time = now;
+    for (std::size_t step = 0; step < kMostSteps; ++step) {
+        time = WeekHourEnd(time, window.useUtcTime);
+        const std::size_t slot = WeekHour(time, window.useUtcTime);
+        if (numbers.at(slot) == numbers.at(moment.slot)) continue;
+        moment.nextChange = time;
+        moment.nextSlot = slot;
+        break;
+    }
+    return moment;
+}

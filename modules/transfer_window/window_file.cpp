@@ -4,27 +4,40 @@
 #include "kel/format.h"
 #include "kel/ini_file.h"
 #include "kelcore/error_codes.h"
+#include "modules/transfer_window/week_text.h"
 
 namespace {
 
 struct WindowEntries {
     explicit WindowEntries(TransferDirection direction)
-        : slots(IniSetting::Text(WindowSection(direction), "Slots")),
+        : week(IniSetting::Text(WindowSection(direction), "Week")),
+          slots(IniSetting::Text(WindowSection(direction), "Slots")),
           slotType(IniSetting::Number(WindowSection(direction), "SlotType", WeeklyWindow().slotType)),
           useUtcTime(IniSetting::Flag(WindowSection(direction), "UseUTCTime", false)) {}
 
+    IniSetting week;
     IniSetting slots;
     IniSetting slotType;
     IniSetting useUtcTime;
 };
 
+/// Sets an entry, unless it would be added without a value.
+KelStatus WriteEntry(IniFile& ini, const KelString& section, const char* key, const KelString& value) {
+    KelString known;
+    if (value.empty() && !ini.GetEntryValue(section, key, known, {})) return {};
+    return ini.WriteEntryValue(section, key, value);
+}
+
 KelStatus WriteEntries(IniFile& ini, const KelString& section, const std::optional<WeeklyWindow>& window) {
-    if (!window) return ini.WriteEntryValue(section, "Slots", {});
-    if (KelStatus done = ini.WriteEntryValue(section, "Slots", window->slots); !done) return done;
-    if (KelStatus done = ini.WriteEntryValue(section, "SlotType", KelFormat("%d", window->slotType)); !done) {
+    const bool isWeek = window && window->isWeek;
+    const KelString slots = window && !isWeek ? window->slots : KelString();
+    if (KelStatus done = WriteEntry(ini, section, "Week", isWeek ? WeekText(*window) : KelString()); !done)
         return done;
-    }
-    return ini.WriteEntryValue(section, "UseUTCTime", window->useUtcTime ? "true" : "false");
+    if (KelStatus done = WriteEntry(ini, section, "Slots", slots); !done || !window) return done;
+    if (KelStatus done = WriteEntry(ini, section, "UseUTCTime", window->useUtcTime ? "true" : "false");
+        !done || isWeek)
+        return done;
+    return WriteEntry(ini, section, "SlotType", KelFormat("%d", window->slotType));
 }
 
 }  // namespace
@@ -47,7 +60,7 @@ std::span<const IniSetting> WindowIniSettings() {
         for (const TransferDirection direction :
              {TransferDirection::Up, TransferDirection::Down, TransferDirection::Multicast}) {
             const WindowEntries entries(direction);
-            all.insert(all.end(), {entries.slots, entries.slotType, entries.useUtcTime});
+            all.insert(all.end(), {entries.week, entries.slots, entries.slotType, entries.useUtcTime});
         }
         return all;
     }();
@@ -56,11 +69,12 @@ std::span<const IniSetting> WindowIniSettings() {
 
 KelResult<std::optional<WeeklyWindow>> ReadWindow(const IniFile& ini, TransferDirection direction) {
     const WindowEntries entries(direction);
+    const KelString week = ReadIniText(ini, entries.week);
     const KelString slots = ReadIniText(ini, entries.slots);
-    if (slots.empty()) return std::optional<WeeklyWindow>();
+    if (week.empty() && slots.empty()) return std::optional<WeeklyWindow>();
     const auto window =
-        MakeWeeklyWindow(slots, static_cast<std::int32_t>(ReadIniNumber(ini, entries.slotType)),
-                         ReadIniFlag(ini, entries.useUtcTime));
+        MakeWindow(week, slots, static_cast<std::int32_t>(ReadIniNumber(ini, entries.slotType)),
+                   ReadIniFlag(ini, entries.useUtcTime));
     if (!window)
         return KelError{kKelErrorBadInput, KelFormat("section %s is no window: %S", WindowSection(direction),
                                                      window.Error().message)};

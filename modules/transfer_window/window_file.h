@@ -14,8 +14,8 @@ const char* WindowSection(TransferDirection direction);
 /// The entries of the ini file.
 std::span<const IniSetting> WindowIniSettings();
 
-/// The window of `direction` in `ini`; none when its section holds no Slots. An unusable window is an error
-/// that names section and value.
+/// The window of `direction` in `ini`; none when its section holds neither Week nor Slots. An unusable window
+/// is an error that names section and value.
 KelResult<std::optional<WeeklyWindow>> ReadWindow(const IniFile& ini, TransferDirection direction);
 
 /// Replaces (or with an empty `window` removes) the window of `direction` in the ini file `path`: readers see

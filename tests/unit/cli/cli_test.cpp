@@ -85,6 +85,37 @@ TEST(WakeTest, RequestTakesTheWayThroughTheTreeAndNamesTheCardOfTheDevice) {
         EXPECT_FALSE(WakeUpArguments(devices, unusable)) << unusable;
 }
 
+TEST(WindowsTest, WeekIsShownByDayAndHourWithWhatIsInForce) {
+    KelString rates = "4M";
+    for (int hour = 1; hour < 168; ++hour)
+        rates += hour == 25 ? " closed" : " 4M";
+    KelContainer up, relative, answer;
+    for (const auto& [name, text] : {std::pair("Direction", "1"),
+                                     {"CurrentRate", "4M"},
+                                     {"NextRate", "closed"},
+                                     {"CurrentSlot", "24"},
+                                     {"SlotType", "3"},
+                                     {"UseUTCTime", "true"},
+                                     {"Week", "tue 1-2 closed; else 4M"}})
+        up.SetString(name, text);
+    up.SetInt64("NextChange", 1000000000);
+    up.SetString("HourRates", rates);
+    relative.SetInt32("Direction", 3);
+    relative.SetInt32("SlotType", 5);
+    answer.SetContainer("Values", up);
+    answer.SetContainer("Values", relative, 1);
+    const KelString text = WindowsText(answer);
+    const KelString change = TimeText(1000000000);
+    for (const KelString& part :
+         {"up         4M         " + change + "  closed  UTC         tue 1-2 closed; else 4M",
+          KelString("down       no limit"), KelString("multicast  as before  none"),
+          KelString("up, UTC\n     0     1   2"), KelString("\nmon  4M    4M  4M"),
+          KelString("\ntue  [4M]  -   4M")})
+        EXPECT_THAT(text, testing::HasSubstr(part));
+    EXPECT_EQ(WindowsLine(answer),
+              "up 4M until " + change + ", then closed; down no limit; multicast as before");
+}
+
 TEST(CallArgumentsTest, TextJsonAndRepeatedNames) {
     KelContainer container;
     for (const char* text : {"Device=a=b", "Device=c", "Count:=7", "Flag:=true", "Values:={\"QueueGap\":1}",
@@ -162,7 +193,8 @@ TEST(OptionsTest, UnusableArgumentsEndWithUsage) {
         "|init d --role master --address 300.0.1.1 --port 1 --password-file f"
         "|init d --role master --address 127.0.1.1 --port 70000 --password-file f"
         "|init d --role master --address 127.0.1.1 --port 1|--root r windows set sideways --slots 1"
-        "|--root r windows set up|--root r windows set up --slots 1 --slot-type 4"
+        "|--root r windows set up|--root r windows set up 1M --slots 1|--root r windows set up --slots 1 "
+        "--slot-type 4"
         "|--root r windows set up --slots 1 --slot-type 6|--root r file|--root r file 0|--root r file one"
         "|--root r settings|--root r settings set|--root r send --type t --label l"
         "|--root r send /no/such/file --type t --label l|--root r send /proc/version --type t"

@@ -16,7 +16,7 @@ struct BandwidthManager : StoreTest {
 };
 
 TEST_F(BandwidthManager, SlotsCountHoursFromMondayInTheChosenTimeZone) {
-    const auto slot = FileStoreBandwidthManager::SlotIndex;
+    const auto slot = WeekHour;
     const std::int64_t monday = 4 * 86400;  // 1970-01-05 00:00 UTC
     EXPECT_EQ(slot(monday, true), 0U);
     EXPECT_EQ(slot(monday - 1800, true), 167U);  // Sunday 23:30
@@ -31,7 +31,7 @@ TEST_F(BandwidthManager, SlotsCountHoursFromMondayInTheChosenTimeZone) {
 }
 
 TEST_F(BandwidthManager, SlotTypesConvertAndShareTheirValuesWhatIsMalformedIsClosed) {
-    const bool isSlot0 = FileStoreBandwidthManager::SlotIndex(std::time(nullptr), true) == 0;
+    const bool isSlot0 = WeekHour(std::time(nullptr), true) == 0;
     // beside a window of 12: what a new one does not say stays
     for (const auto& [number, type, slots, transfers, rate] :
          Table<const char*, int, int, int, unsigned long>{

@@ -68,7 +68,7 @@ TEST_F(WaitingReasonsTest, RowAloneAndItsSurroundingsGiveTheReasonWhereNoneWasNo
     FileStore::bmTrackUsageUp.UpdateTransferWindow(window);  // open in the last hour of the week
     const KelContainer closed = ReasonOf(kDown, Wanted("FileLabel = 'w'"));
     const std::int64_t monday = 4 * 86400, week = 7 * 86400;
-    const bool isOpenNow = FileStoreBandwidthManager::SlotIndex(std::time(nullptr), true) == 167;
+    const bool isOpenNow = WeekHour(std::time(nullptr), true) == 167;
     if (!isOpenNow) {
         EXPECT_EQ(closed.GetString("Code"), "window_closed");
         EXPECT_EQ((closed.GetInt64("NextTry") - monday) % week, 167 * 3600);
