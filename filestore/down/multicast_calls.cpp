@@ -5,6 +5,7 @@
 #include <optional>
 #include <utility>
 
+#include "filestore/down/announcement_calls.h"
 #include "filestore/state/file_store.h"
 #include "filestore/state/waiting_reasons.h"
 #include "kel/container.h"
@@ -20,8 +21,6 @@ namespace {
 constexpr const char* kStartListen = "HttpProtocolMulticastStartListen";
 
 // Seconds. A device that has all blocks answers once it has verified them.
-constexpr int kConnectTimeout = 3;
-constexpr int kCallTimeout = 15;
 constexpr int kVerifyTimeout = 60;
 
 unsigned int Call(const KelString& deviceUrl, const char* action, KelContainer& values,

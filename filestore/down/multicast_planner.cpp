@@ -24,10 +24,6 @@ namespace {
 constexpr std::size_t kMostAtOnce = 50;
 constexpr std::size_t kMostRemembered = 10000;
 
-// Seconds.
-constexpr int kConnectTimeout = 3;
-constexpr int kCallTimeout = 15;
-
 /// What a device is told so that it listens. It lacks what only a download needs.
 KelContainer MulticastAnnouncement(const FileTarget& row, const KelString& address) {
     FileOffer announcement = BuildAnnouncement(row);
