@@ -87,6 +87,10 @@ void MulticastReceiver::Stop() {
 
 unsigned int MulticastReceiver::Start(const MulticastOrder& order, KelString& message) {
     const std::lock_guard lock(startMutex_);
+    if (stopping_) {
+        message = "the agent is stopping";
+        return kKelErrorNotAvailable;
+    }
     if (order.blockSize == 0 || order.BlockCount() > kMaxBlocks) {
         message = "the file has too many blocks";
         return kKelErrorBadInput;
