@@ -13,17 +13,19 @@
 namespace kelhttp {
 namespace {
 
-constexpr std::size_t kMessages = 16;
+constexpr std::size_t kMessages = 32;
 constexpr std::size_t kMessageBytes = std::size_t{64} << 10;  ///< what a UDP datagram can hold, and a buffer
 constexpr std::size_t kControlBytes = CMSG_SPACE(sizeof(std::uint32_t)) + CMSG_SPACE(sizeof(int));
 
 }  // namespace
 
-DatagramReader::DatagramReader()
-    : bytes_(kMessages * kMessageBytes),
-      control_(kMessages * kControlBytes),
-      pieces_(kMessages),
-      envelopes_(kMessages) {}
+/// Not filled with zeros: small datagrams touch one page of each buffer only.
+void DatagramReader::MakeBuffers() {
+    bytes_ = std::make_unique_for_overwrite<char[]>(kMessages * kMessageBytes);
+    control_.resize(kMessages * kControlBytes);
+    pieces_.resize(kMessages);
+    envelopes_.resize(kMessages);
+}
 
 void DatagramReader::Prepare(int socket) {
     const int on = 1;
@@ -32,6 +34,7 @@ void DatagramReader::Prepare(int socket) {
 }
 
 std::span<const std::string_view> DatagramReader::Read(int socket) {
+    if (!bytes_) MakeBuffers();
     datagrams_.clear();
     kernelDrops_ = 0;
     for (std::size_t i = 0; i < kMessages; ++i) {
@@ -47,6 +50,7 @@ std::span<const std::string_view> DatagramReader::Read(int socket) {
     do
         count = ::recvmmsg(socket, envelopes_.data(), kMessages, MSG_DONTWAIT, nullptr);
     while (count < 0 && errno == EINTR);
+    isFull_ = count == static_cast<int>(kMessages);
     for (std::size_t i = 0; count > 0 && i < static_cast<std::size_t>(count); ++i)
         TakeMessage(i);
     return datagrams_;

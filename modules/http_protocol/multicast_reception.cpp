@@ -79,8 +79,10 @@ bool MulticastReception::Take(std::span<const std::string_view> datagrams, std::
     if (kernelDrops != 0) counts_.lost += kernelDrops - std::exchange(kernelDrops_, kernelDrops);
     if (state_ != State::Listening) return false;
     accepted_.clear();
+    bool hasHeard = false;
     for (const std::string_view datagram : datagrams)
-        if (Examine(datagram)) lastHeard_ = Clock::now();
+        hasHeard = Examine(datagram) || hasHeard;
+    if (hasHeard) lastHeard_ = Clock::now();
     if (!WriteAccepted()) return false;
     if (!blocks_.IsComplete()) return false;
     SetState(State::Verifying);
