@@ -12,6 +12,7 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <limits>
 
 #include "filestore/db/file_key.h"
 #include "filestore/db/file_status.h"
@@ -96,8 +97,8 @@ void Expect(bool condition, const char* what) {
     std::exit(1);
 }
 
-/// The rate of all hours of the downward window, in kbit/s.
-void SetDownRate(const char* rate) {
+/// The rate of all hours of a window, in kbit/s.
+void SetRate(FileStoreBandwidthManager& manager, const char* rate) {
     KelString slots = rate;
     for (int hour = 1; hour < 168; ++hour)
         slots += KelString(" ") + rate;
@@ -105,10 +106,11 @@ void SetDownRate(const char* rate) {
     window.SetString("Slots", slots);
     window.SetInt32("SlotType", 2);
     window.SetBool("UseUTCTime", true);
-    FileStore::bmTrackUsageDown.UpdateTransferWindow(window);
+    manager.UpdateTransferWindow(window);
 }
 
 void MeasureNotification(unsigned long rows) {
+    FileStore::ulMulticastMinimumFileSize = std::numeric_limits<std::int32_t>::max();  // all files are small
     const std::int64_t now = std::time(nullptr);
     FillFiles(rows / kTargetsPerFile + 1, filestore::kStatusAvailable, 0);
     FillTargets(rows, "''", 1);
@@ -117,14 +119,23 @@ void MeasureNotification(unsigned long rows) {
     FillTargets(rows, "'127.0.0.1:1/G' || i", 1);
     Measure("drop 50 unusable targets, all rows due", rows,
             [] { Expect(FileStore::threadNotify.NotifyUnicastTargets(0, 0) == 1, "nothing to notify"); });
+    FillTargets(rows, "'127.0.0.1:1/G' || i", 1);
+    SetRate(FileStore::bmTrackUsageMulticast, "1000");
+    Measure("the same beside multicast", rows,
+            [] { Expect(FileStore::threadNotify.NotifyTargets(), "nothing to notify"); });
+    FileStore::bmTrackUsageMulticast.ClearWindow();
     const auto expectNothing = [] {
         Expect(FileStore::threadNotify.NotifyUnicastTargets(0, 0) == 0, "a row was due");
     };
     FillTargets(rows, "'host:1/G' || i", now);
     Measure("look for targets, no row due", rows, expectNothing);
     FillTargets(rows, "'host:1/G' || i", 1);
-    SetDownRate("0");
+    SetRate(FileStore::bmTrackUsageDown, "0");
     Measure("look for targets, held by a closed window", rows, expectNothing);
+    SetRate(FileStore::bmTrackUsageMulticast, "1000");
+    Measure("the same beside multicast", rows,
+            [] { Expect(!FileStore::threadNotify.NotifyTargets(), "a row was due"); });
+    FileStore::bmTrackUsageMulticast.ClearWindow();
     FileStore::bmTrackUsageDown.ClearWindow();
     KelString ids = "1";
     for (int i = 2; i <= 50; ++i)

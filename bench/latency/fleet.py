@@ -1,11 +1,12 @@
 #!/usr/bin/env python3
-"""A parent with many children, some of which do not answer: fleet.py BIN [--children N]
+"""A parent with many children, some of which do not answer: fleet.py BIN [--children N] [--multicast]
 
 A real master with default settings and N simulated children, of which a tenth drop connection attempts, a twentieth
 accept calls but never answer, and a twentieth refuse connections. Twenty files wait for each of these and have failed
 already. Then one file of 4 KiB is published to all: the script prints when half, nine tenths and all of the healthy
 children have fetched it, and the processor time of the parent. A child speaks docs/protocol.md: it answers the
-announcement, fetches the file and acknowledges it.
+announcement, fetches the file and acknowledges it. With --multicast, the window for sending to groups is open, which the
+file is too small for.
 """
 import argparse
 import asyncio
@@ -162,10 +163,12 @@ def offer(master, own_name, path, devices):
                 DevicePath={own_name: {device: {} for device in devices}})
 
 
-async def run(build, count):
+async def run(build, count, multicast):
     with Tree(build, [], short_intervals=False) as tree:
         master = tree.master
         tree.run(master)
+        if multicast:
+            master.kel("windows", "set", "multicast", "--slots", "100000")
         children = Children(master, count)
         await children.listen(master.identity()["GUID"][:4])
         own_name = f"{master.address}:{master.port}/{master.identity()['GUID']}/02-00-00-00-00-01/{master.address}/255.0.0.0"
@@ -192,8 +195,9 @@ def main():
     parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("bin", type=pathlib.Path, help="folder of the programs, as build/release/bin")
     parser.add_argument("--children", type=int, default=1000, help="simulated children (default 1000)")
+    parser.add_argument("--multicast", action="store_true", help="open the multicast window")
     options = parser.parse_args()
-    asyncio.run(run(options.bin.resolve().parent, options.children))
+    asyncio.run(run(options.bin.resolve().parent, options.children, options.multicast))
 
 
 if __name__ == "__main__":

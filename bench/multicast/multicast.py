@@ -43,16 +43,6 @@ class End:
     def answer(self):
         return self.process.stdout.readline().strip()
 
-    def state(self):
-        """The answer once it stays the same for 50 ms: what has been sent may still be on its way through buffers."""
-        answer = None
-        while True:
-            self.ask("missing")
-            last, answer = answer, self.answer()
-            if answer in ("completed", "verifying", last):
-                return answer
-            time.sleep(0.05)
-
     def usage(self):
         """Seconds of processor time, peak of memory in MiB."""
         self.ask("usage")
@@ -62,6 +52,18 @@ class End:
     def close(self):
         self.process.stdin.close()
         self.process.wait()
+
+
+def states(receivers):
+    """The answers once they stay the same for 50 ms: what has been sent may still be on its way through buffers."""
+    answers = None
+    while True:
+        for receiver in receivers:
+            receiver.ask("missing")
+        last, answers = answers, {receiver: receiver.answer() for receiver in receivers}
+        if answers == last or set(answers.values()) <= {"completed", "verifying"}:
+            return answers
+        time.sleep(0.05)
 
 
 def numbers(ranges):
@@ -95,7 +97,7 @@ def ours(arguments, network, source, folder):
         sender.ask("send " + missing)
         if sender.answer() == "failed":
             raise SystemExit("the sender failed")
-        answers = {receiver: receiver.state() for receiver in left}
+        answers = states(left)
         left = [receiver for receiver, answer in answers.items() if answer not in ("completed", "verifying")]
         missing = as_ranges({block for receiver in left for block in numbers(answers[receiver])})
     received = time.monotonic() - start

@@ -100,7 +100,7 @@ unsigned int FileStoreMulticastThread::SendPackets(const FileStoreEntry& file,
     message.SetResourcePath(file.FileURL);
     message.SetBodyFile(ContentPath(file, Side::Downstream));
     return sender.Send(message, file.MulticastBlockSize, blocks, [&](std::size_t bytes) {
-        return transmission.Pass(bytes, [this] { return CheckCancelled(false); });
+        return transmission.PassAhead(bytes, [this] { return CheckCancelled(false); });
     });
 }
 

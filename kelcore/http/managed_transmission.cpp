@@ -48,6 +48,20 @@ bool HttpManagedTransmission::Pass(std::uint64_t bytes, const std::function<bool
     }
     if (!ReadRate(now)) return false;
     pacer_.Add(bytes, now);
+    return Await(now, cancelled);
+}
+
+bool HttpManagedTransmission::PassAhead(std::uint64_t bytes, const std::function<bool()>& cancelled) {
+    const Clock::time_point now = Clock::now();
+    if (!IsLimited()) return Pass(0, cancelled);
+    if (cancelled && cancelled()) return false;
+    if (!ReadRate(now) || !Await(now, cancelled)) return false;
+    pacer_.Add(bytes, Clock::now());
+    return true;
+}
+
+/// Sleeps until all that was passed is paid.
+bool HttpManagedTransmission::Await(Clock::time_point now, const std::function<bool()>& cancelled) {
     while (true) {
         const Clock::duration wait = pacer_.Remaining(now);
         if (wait <= Clock::duration::zero()) return true;

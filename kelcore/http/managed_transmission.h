@@ -45,6 +45,10 @@ class HttpManagedTransmission {
     /// window has closed or `cancelled` answers true: the transmission must stop.
     bool Pass(std::uint64_t bytes, const std::function<bool()>& cancelled = {});
 
+    /// The same for a burst of `bytes` that is about to be sent: sleeps until what was passed before is paid,
+    /// so that the time that sending takes counts.
+    bool PassAhead(std::uint64_t bytes, const std::function<bool()>& cancelled = {});
+
     /// How many bytes a sender should pass at a time so that they flow evenly: about a twentieth of a
     /// second's, but not less than the manager's frame size.
     std::size_t PieceBytes() const;
@@ -52,6 +56,7 @@ class HttpManagedTransmission {
     bool IsLimited() const { return manager_.BandwidthIsLimited(); }
 
   private:
+    bool Await(Clock::time_point now, const std::function<bool()>& cancelled);
     std::uint64_t BitsPerSecond(Clock::time_point now);
     void MeasurePeer(Clock::time_point now);
     void CountClients(Clock::time_point now);

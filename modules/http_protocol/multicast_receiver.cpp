@@ -87,6 +87,10 @@ void MulticastReceiver::Stop() {
 
 unsigned int MulticastReceiver::Start(const MulticastOrder& order, KelString& message) {
     const std::lock_guard lock(startMutex_);
+    if (stopping_) {
+        message = "the agent is stopping";
+        return kKelErrorNotAvailable;
+    }
     if (order.blockSize == 0 || order.BlockCount() > kMaxBlocks) {
         message = "the file has too many blocks";
         return kKelErrorBadInput;
@@ -96,6 +100,7 @@ unsigned int MulticastReceiver::Start(const MulticastOrder& order, KelString& me
         if (known->Order() == order && IsUnderWay(state)) return kKelOk;
         if (known->Order() == order && state == State::Mismatched) return StartAgain(known, message);
         Remove([&known](const MulticastReception& reception) { return &reception == known.get(); });
+        known->Abandon();
         if (IsUnderWay(state) && known->Order().localPath != order.localPath)
             GiveUp(known, "replaced by another file");
     }
@@ -235,8 +240,10 @@ void MulticastReceiver::Finish(const Reception& reception) {
         reception->Abandon();
     }
     if (reception->GetState() != State::Failed || stopping_) return;
-    Remove([&reception](const MulticastReception& each) { return &each == reception.get(); });
-    GiveUp(reception, "failed");
+    // It is not in the table when it was ended meanwhile: then the file comes in another way.
+    const auto removed =
+        Remove([&reception](const MulticastReception& each) { return &each == reception.get(); });
+    if (!removed.empty()) GiveUp(reception, "failed");
 }
 
 /// The file will not come by multicast: the file store is to fetch it.
@@ -262,8 +269,10 @@ void MulticastReceiver::End(const KelString& groupAddress) {
     const auto ended = Remove([&groupAddress](const MulticastReception& reception) {
         return reception.Order().transfer.group == groupAddress;
     });
-    for (const Reception& reception : ended)
+    for (const Reception& reception : ended) {
         if (reception->GetState() != State::Completed) reception->LogEnd("ended");
+        reception->Abandon();
+    }
 }
 
 MulticastReceiver::Reception MulticastReceiver::Find(const Group& group) const {

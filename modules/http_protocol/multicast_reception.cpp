@@ -179,14 +179,16 @@ void MulticastReception::Finish(const std::function<bool()>& stopped) {
                      order_.transfer.group, unsigned{order_.transfer.port}, order_.localPath, answer);
     LogEnd("complete");
     const std::lock_guard lock(mutex_);
-    SetState(answer == 0 ? State::Completed : State::Failed);
+    if (state_ == State::Verifying) SetState(answer == 0 ? State::Completed : State::Failed);
 }
 
 bool MulticastReception::Verify(const std::function<bool()>& stopped) {
     KelString digest;
-    const bool isRead = FileMd5(file_.Get(), digest, stopped);
-    if (!isRead && stopped()) return false;
+    const bool isRead = FileMd5(file_.Get(), digest,
+                                [this, &stopped] { return stopped() || GetState() != State::Verifying; });
+    if (!isRead && errno == ECANCELED) return false;
     const std::lock_guard lock(mutex_);
+    if (state_ != State::Verifying) return false;
     if (!isRead) {
         Fail("read");
         return false;
@@ -224,7 +226,7 @@ void MulticastReception::SetState(State state) {
 
 void MulticastReception::Abandon() {
     const std::lock_guard lock(mutex_);
-    SetState(State::Failed);
+    if (state_ != State::Completed) SetState(State::Failed);
 }
 
 MulticastReception::Report MulticastReception::GetReport(std::size_t limit, Clock::time_point deadline) {

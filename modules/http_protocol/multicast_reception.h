@@ -79,7 +79,8 @@ class MulticastReception {
     /// is asked while the content is read; when it answers true, nothing more is done.
     void Finish(const std::function<bool()>& stopped);
 
-    /// Ends it without touching the file, which goes with the object.
+    /// Ends it, unless it is completed, without touching the file, which goes with the object: a verification
+    /// under way puts nothing in place any more.
     void Abandon();
 
     /// What the sender asks for.

@@ -125,7 +125,7 @@ class Agent:
 
     def __init__(self, tree, name, role, address, parent):
         self.tree, self.name, self.role, self.address, self.parent = tree, name, role, address, parent
-        self.port = free_port(address)
+        self.port = tree.choose_port(self)
         self.root = tree.folder / name
         self.process = None
         self.shim = None  # makes file calls fail, see faults.py
@@ -174,8 +174,8 @@ class Agent:
         if self.shim:
             self.shim.add_to(environment)
         with open(self.tree.folder / f"{self.name}.stderr", "ab") as stderr:
-            self.process = subprocess.Popen([self.tree.kelagent, "--root", self.root], stdin=subprocess.DEVNULL,
-                                            stdout=stderr, stderr=stderr, env=environment,
+            self.process = subprocess.Popen([*self.tree.place(self), self.tree.kelagent, "--root", self.root],
+                                            stdin=subprocess.DEVNULL, stdout=stderr, stderr=stderr, env=environment,
                                             preexec_fn=die_with_parent)
 
     def is_running(self):
@@ -206,8 +206,8 @@ class Agent:
 
     def kel(self, *arguments, timeout=120):
         """Runs `kel --root ROOT --json ARGUMENT...` and gives what it prints, parsed."""
-        run = subprocess.run([self.tree.kel, "--root", self.root, "--json", *map(str, arguments)], text=True,
-                             capture_output=True, timeout=timeout)
+        run = subprocess.run([*self.tree.place(self), self.tree.kel, "--root", self.root, "--json",
+                              *map(str, arguments)], text=True, capture_output=True, timeout=timeout)
         if run.returncode != 0:
             raise ActionFailed(" ".join(map(str, arguments[:2])), run.returncode, run.stderr)
         return json.loads(run.stdout) if run.stdout.strip() else None
@@ -278,11 +278,20 @@ class Tree:
             self.close()
             raise
 
-    def add(self, name, role, parent):
+    def choose_address(self, number):
         # The process id keeps trees that run at the same time apart.
         pid = os.getpid()
-        address = f"127.{1 + pid % 250}.{1 + pid // 250 % 250}.{len(self.agents) + 1}"
-        agent = Agent(self, name, role, address, parent)
+        return f"127.{1 + pid % 250}.{1 + pid // 250 % 250}.{number}"
+
+    def choose_port(self, agent):
+        return free_port(agent.address)
+
+    def place(self, agent):
+        """What stands before the commands of an agent: nothing, for one that runs here."""
+        return []
+
+    def add(self, name, role, parent):
+        agent = Agent(self, name, role, self.choose_address(len(self.agents) + 1), parent)
         self.agents.append(agent)
         return agent
 

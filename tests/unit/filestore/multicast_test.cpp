@@ -17,7 +17,7 @@ using Blocks = std::set<std::uint32_t>;
 /// answers, of which the last one stays.
 struct Device {
     explicit Device(unsigned int announced, std::deque<KelContainer> reports = {})
-        : server([=, this](const TestHttpServer::Request& request) mutable {
+        : server([=](const TestHttpServer::Request& request) mutable {
               if (!request.target.ends_with("IsCompleted"))
                   return TestHttpServer::ActionResult(request.target.ends_with("ReceiveFile") ? announced
                                                                                               : 0);

@@ -208,6 +208,20 @@ TEST_F(MulticastTest, HandsAFileThatDoesNotComeBackToTheFileStore) {
     EXPECT_EQ(CountFilesIn("in"), 0);
 }
 
+TEST_F(MulticastTest, AReceptionThatWasEndedPutsNothingInPlace) {
+    const KelDebug log("Test", "Test");
+    const auto root = std::make_shared<kelhttp::RootFolder>(File("in"));
+    const kelhttp::MulticastOrder order{{group_, kPort, kUrl, 0}, kBlock, File("in/file"), TextMd5("")};
+    for (const bool isEnded : {true, false}) {
+        kelhttp::MulticastReception reception(order, {root, "file", false}, "secret", log);
+        ASSERT_TRUE(reception.Open(*IpAddress::Parse("127.0.0.1")));
+        if (isEnded) reception.Abandon();
+        reception.Finish([] { return false; });
+        EXPECT_EQ(CountFilesIn("in"), isEnded ? 0 : 1);
+        EXPECT_EQ(Events().size(), isEnded ? 0U : 1U);
+    }
+}
+
 TEST(BlockMap, JoinsRangesWhenThereAreTooMany) {
     using Ranges = std::vector<BlockMap::Range>;
     BlockMap blocks(200);

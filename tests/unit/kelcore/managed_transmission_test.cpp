@@ -74,6 +74,9 @@ TEST(ManagedTransmission, ASleepEndsWithItsWindowItsRateOrItsCaller) {
 
     manager.closeAfterReads = 0;
     int asked = 0;
+    EXPECT_TRUE(transmission.PassAhead(1 << 20)) << "nothing is unpaid";
+    EXPECT_FALSE(transmission.PassAhead(1, [&asked] { return ++asked > 2; }));
+    asked = 0;
     EXPECT_FALSE(transmission.Pass(1 << 20, [&asked] { return ++asked > 1; }));
     asked = 0;
     EXPECT_TRUE(transmission.Pass(1 << 20, [&] {

@@ -54,12 +54,13 @@ struct Case {
     std::uint32_t blockSize;
     std::set<std::uint32_t> blocks;
     std::set<std::uint32_t> sent;
+    std::set<KelString> from = {"127.0.0.1"};
 };
 
 class MulticastSenderTest : public ::testing::TestWithParam<Case> {};
 
-TEST_P(MulticastSenderTest, SendsEachBlockOnceUnderItsCode) {
-    const auto& [fileSize, blockSize, blocks, sent] = GetParam();
+TEST_P(MulticastSenderTest, SendsEachBlockOnceFromEachAddress) {
+    const auto& [fileSize, blockSize, blocks, sent, from] = GetParam();
     TempFolder folder;
     std::string content(fileSize, '\0');
     for (std::size_t i = 0; i < fileSize; ++i)
@@ -67,7 +68,7 @@ TEST_P(MulticastSenderTest, SendsEachBlockOnceUnderItsCode) {
     TempFolder::Write(folder / "file", content);
     Member member;
     MulticastSender sender;
-    ASSERT_TRUE(sender.Open({kGroup, kPort, 1, "secret", {"127.0.0.1"}}));
+    ASSERT_TRUE(sender.Open({kGroup, kPort, 1, "secret", from}));
     HttpFileMessage message;
     message.SetResourcePath(kPath);
     message.SetBodyFile(folder / "file");
@@ -80,9 +81,11 @@ TEST_P(MulticastSenderTest, SendsEachBlockOnceUnderItsCode) {
                           }),
               0U);
     const MulticastKey key("secret", {kGroup, kPort, kPath, fileSize});
-    std::set<std::uint32_t> arrived;
+    std::map<std::uint32_t, std::size_t> arrived, expected;
+    for (const std::uint32_t block : sent)
+        expected[block] = from.size();
     std::size_t bytes = 0;
-    for (const std::string& datagram : member.Take(sent.size())) {
+    for (const std::string& datagram : member.Take(sent.size() * from.size())) {
         const auto parsed = ParseMulticastDatagram(datagram);
         ASSERT_TRUE(parsed) << datagram.substr(0, 200);
         EXPECT_EQ(parsed->path, "/Store/a%20b/file");
@@ -90,11 +93,11 @@ TEST_P(MulticastSenderTest, SendsEachBlockOnceUnderItsCode) {
         EXPECT_EQ(parsed->body, content.substr(parsed->offset, blockSize));
         const MulticastKey::Code code = key.CodeOf(parsed->offset, parsed->body);
         EXPECT_EQ(parsed->code, std::string_view(code.data(), code.size()));
-        EXPECT_TRUE(arrived.insert(static_cast<std::uint32_t>(parsed->offset / blockSize)).second);
+        ++arrived[static_cast<std::uint32_t>(parsed->offset / blockSize)];
         bytes += datagram.size() + 28;
     }
-    EXPECT_EQ(arrived, sent);
-    EXPECT_EQ(announced, bytes);
+    EXPECT_EQ(arrived, expected);
+    EXPECT_EQ(announced * from.size(), bytes);
     EXPECT_TRUE(member.IsEmpty());
 }
 
@@ -110,6 +113,7 @@ INSTANTIATE_TEST_SUITE_P(Files, MulticastSenderTest,
                                            Case{200 * 1024, 1024, {}, Range(200)},
                                            Case{200 * 1024 + 1, 1024, {}, Range(201)},
                                            Case{300'000, 64000, {}, Range(5)},
+                                           Case{9000, 1024, {}, Range(9), {"127.0.0.1", "127.0.3.1"}},
                                            Case{300'000, 9000, {3, 4, 5, 9, 33, 34, 999}, {3, 4, 5, 9, 33}}));
 
 TEST(MulticastSender, StopsWhenAskedAndReportsWhatItCannotDo) {
