@@ -6,6 +6,7 @@
 
 #include "filestore/down/announcement.h"
 #include "filestore/down/withdraw.h"
+#include "filestore/state/contact.h"
 #include "filestore/state/file_store.h"
 #include "filestore/state/waiting_reasons.h"
 #include "kelcore/action_db.h"
@@ -170,6 +171,12 @@ AnnouncementOutcome AnnouncementCalls::Collect() {
     AnnouncementOutcome all;
     for (Call& call : ended) {
         call.thread.join();
+        if (call.isSilent &&
+            HasEndedWaitingSince(call.device, call.begin)) {  // it is up by now: all stays due
+            call.isSilent = false;
+            call.outcome.failed = {};
+            call.outcome.failedDevices.clear();
+        }
         if (call.isSilent)
             silent_.insert(call.device);
         else

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <chrono>
+
 #include "kel/types.h"
 
 /// Signs of life of the devices that this one works with. What waits for a device is due at once when it is
@@ -18,5 +20,9 @@ void ReportTransferResult(unsigned int result);
 /// A call of the device with this device URL ("host:port/GUID") has arrived: its targets whose announcement
 /// failed are due.
 void NoteSignOfLife(const KelString& deviceUrl);
+
+/// True when the waiting for a device, named by its path name or device URL, was ended after `time`: that a
+/// call which began before has failed says nothing any more.
+bool HasEndedWaitingSince(const KelString& deviceName, std::chrono::steady_clock::time_point time);
 
 }  // namespace filestore

@@ -125,11 +125,10 @@ TEST_F(Withdraw, DeviceIsCalledUntilItHasTakenItAndBeforeAnythingElse) {
         AddTarget(AddFile(kDown, "later", "AVAILABLE", "Acknowledged = 1"), 1, name);
         Ask("FileStoreWithdrawFile", With(Offer(), {{"DevicePath", TargetTree({name})}}));
         FileStoreNotifyThread thread;
-        ASSERT_TRUE(Eventually([&] {
+        ASSERT_TRUE(Eventually([&, calls = actions.size(), left = KelString(waiting)] {
             thread.NotifyUnicastTargets(0, 0);
             const KelString tried = Count(kDown, "Withdrawals WHERE LastTryTime > 0");
-            return device.Requests().size() >= actions.size() && Count(kDown, "Withdrawals") == waiting &&
-                   tried == waiting;
+            return device.Requests().size() >= calls && Count(kDown, "Withdrawals") == left && tried == left;
         }));
         Texts called;
         for (const TestHttpServer::Request& request : device.Requests())
