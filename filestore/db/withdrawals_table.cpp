@@ -21,7 +21,10 @@ constexpr char kDelete[] = "DELETE FROM Withdrawals WHERE WithdrawalId IN (%S)";
 constexpr char kDeleteOf[] = "DELETE FROM Withdrawals WHERE DeviceGUID LIKE '%%/%S%%'";
 constexpr char kPostpone[] = "UPDATE Withdrawals SET LastTryTime = %ld WHERE DeviceGUID IN (%S)";
 // The path names that begin with a device URL, which "/" ends; "0" is the character behind that.
-constexpr char kOfDevice[] = "DeviceGUID >= '%Q' AND DeviceGUID < '%Q0' AND LastTryTime > 0";
+constexpr char kOfDevice[] = "DeviceGUID >= '%Q' AND DeviceGUID < '%Q0'";
+constexpr char kTried[] = " AND LastTryTime > 0";
+constexpr char kOfFile[] =
+    " AND FileType = '%Q' AND FileLabel = '%Q' AND FileName = '%Q' AND FileChecksum IN ('', '%Q')";
 constexpr char kAny[] = "SELECT WithdrawalId FROM Withdrawals WHERE %S LIMIT 1";
 constexpr char kMakeDue[] = "UPDATE Withdrawals SET LastTryTime = 0 WHERE %S";
 
@@ -40,6 +43,11 @@ KelString QuotedList(const KelVector<KelString>& texts) {
     for (const KelString& text : texts)
         list += KelFormat("%s'%Q'", list.empty() ? "" : ", ", text);
     return list;
+}
+
+bool HasAny(const KelString& condition) {
+    const auto any = Database().connection.Query(KelFormat(kAny, condition));
+    return any && any->GetRowCount() != 0;
 }
 
 FileWithdrawal Read(RowReader row) {
@@ -76,6 +84,11 @@ KelVector<FileWithdrawal> SelectDueWithdrawals(std::int64_t due, const KelVector
     return withdrawals;
 }
 
+bool IsBeingWithdrawn(const FileKey& key, const KelString& deviceUrl) {
+    return HasAny(KelFormat(kOfDevice, deviceUrl, deviceUrl) +
+                  KelFormat(kOfFile, key.type, key.label, key.name, key.checksum));
+}
+
 bool DeleteWithdrawals(const IdList& withdrawalIds) {
     return withdrawalIds.IsEmpty() || Change(KelFormat(kDelete, withdrawalIds.Text()));
 }
@@ -89,9 +102,8 @@ bool PostponeWithdrawals(const KelVector<KelString>& devices, std::int64_t now) 
 }
 
 bool MakeWithdrawalsDue(const KelString& deviceUrl) {
-    const KelString waiting = KelFormat(kOfDevice, deviceUrl, deviceUrl);
-    const auto any = Database().connection.Query(KelFormat(kAny, waiting));
-    return any && any->GetRowCount() != 0 && Change(KelFormat(kMakeDue, waiting));
+    const KelString waiting = KelFormat(kOfDevice, deviceUrl, deviceUrl) + kTried;
+    return HasAny(waiting) && Change(KelFormat(kMakeDue, waiting));
 }
 
 }  // namespace filestore

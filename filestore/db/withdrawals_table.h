@@ -25,6 +25,9 @@ bool AddWithdrawal(const FileWithdrawal& withdrawal);
 KelVector<FileWithdrawal> SelectDueWithdrawals(std::int64_t due, const KelVector<KelString>& except,
                                                unsigned int limit);
 
+/// True when a device, named by its device URL, has yet to learn that this file is withdrawn.
+bool IsBeingWithdrawn(const FileKey& key, const KelString& deviceUrl);
+
 bool DeleteWithdrawals(const IdList& withdrawalIds);
 /// What waits for a device with this GUID, which holds letters, digits and hyphens only.
 bool DeleteWithdrawalsOf(const KelString& guid);

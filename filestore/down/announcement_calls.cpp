@@ -185,6 +185,12 @@ AnnouncementOutcome AnnouncementCalls::Collect() {
     AnnouncementOutcome all;
     for (Call& call : ended) {
         call.thread.join();
+        if (call.isSilent &&
+            HasEndedWaitingSince(call.device, call.begin)) {  // it is up by now: all stays due
+            call.isSilent = false;
+            call.outcome.failed = {};
+            call.outcome.failedDevices.clear();
+        }
         if (call.isSilent)
             silent_.insert(call.device);
         else

@@ -3,6 +3,7 @@
 #include "filestore/db/file_status.h"
 #include "filestore/db/files_table.h"
 #include "filestore/db/targets_table.h"
+#include "filestore/db/withdrawals_table.h"
 #include "filestore/down/damaged_copy.h"
 #include "filestore/exchange/input_checks.h"
 #include "filestore/exchange/offer.h"
@@ -171,9 +172,12 @@ InStore AnswerFromStore(const Request& request, std::uint64_t& fileId, Answer& a
 
 /// A file that is not here but in the package repository becomes available; the requester gets it when it
 /// asks again. The requester becomes a target of a known file that is still on its way, unless the repository
-/// holds other content under the same name.
+/// holds other content under the same name. A device that has yet to learn that the file is withdrawn misses
+/// it in vain.
 Answer AnswerRequest(const Request& request) {
     Answer answer;
+    if (!request.deviceGuid.empty() && IsBeingWithdrawn(request.file.Key(), request.deviceGuid))
+        return answer;
     std::uint64_t fileId = 0;
     {
         const KelLock lock(FileStore::mutexDownstream);

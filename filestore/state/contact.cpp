@@ -35,26 +35,53 @@ constexpr int kCallTimeout = 15;
 /// after every one of its calls.
 class LastSigns {
   public:
-    /// True when the device has not been heard from for a while.
+    using Time = std::chrono::steady_clock::time_point;
+
+    /// True when it was last true a while ago, or never.
     bool Note(const KelString& deviceUrl) {
-        const auto now = std::chrono::steady_clock::now();
         const KelLock lock(mutex_);
-        if (times_.size() >= kMostDevices) times_.clear();  // callers may name themselves as they like
-        const auto [known, isNew] = times_.try_emplace(deviceUrl, now);
-        if (!isNew && now - known->second < kGap) return false;
-        known->second = now;
+        Sign& sign = Find(deviceUrl);
+        const Time now = std::chrono::steady_clock::now();
+        if (sign.isNoted && now - sign.noted < kGap) return false;
+        sign.isNoted = true;
+        sign.noted = now;
         return true;
     }
 
+    /// What waits for the device is made due.
+    void SetEndOfWaiting(const KelString& deviceUrl) {
+        const KelLock lock(mutex_);
+        Find(deviceUrl).endOfWaiting = std::chrono::steady_clock::now();
+    }
+
+    bool HasEndedWaitingSince(const KelString& deviceUrl, Time time) const {
+        const KelLock lock(mutex_);
+        const auto known = signs_.find(deviceUrl);
+        return known != signs_.end() && known->second.endOfWaiting > time;
+    }
+
   private:
+    struct Sign {
+        Time endOfWaiting;
+        Time noted;
+        bool isNoted = false;
+    };
     static constexpr auto kGap = std::chrono::seconds(10);
     static constexpr std::size_t kMostDevices = 50000;
 
-    KelMutex mutex_;
-    KelHash<KelString, std::chrono::steady_clock::time_point> times_ KEL_GUARDED_BY(mutex_);
+    Sign& Find(const KelString& deviceUrl) KEL_REQUIRES(mutex_) {
+        if (signs_.size() >= kMostDevices) signs_.clear();  // callers may name themselves as they like
+        return signs_[deviceUrl];
+    }
+
+    mutable KelMutex mutex_;
+    KelHash<KelString, Sign> signs_ KEL_GUARDED_BY(mutex_);
 };
 
+LastSigns lastSigns;
+
 void EndWaitingFor(const KelString& deviceUrl) {
+    lastSigns.SetEndOfWaiting(deviceUrl);
     const bool isWithdrawalDue = MakeWithdrawalsDue(deviceUrl);
     if (MakeTargetsDue(deviceUrl, std::time(nullptr)) || isWithdrawalDue)
         FileStore::WakeWorker(Worker::Notify);
@@ -87,7 +114,6 @@ void ReportTransferResult(unsigned int result) {
 }
 
 void NoteSignOfLife(const KelString& deviceUrl) {
-    static LastSigns lastSigns;
     if (IsDeviceUrl(deviceUrl) && lastSigns.Note(deviceUrl)) EndWaitingFor(deviceUrl);
 }
 
@@ -99,6 +125,11 @@ void EndTargetsOf(const KelString& device) {
         Reasons().DeviceAnswered(name);
         FileStore::debugFileStore.Print("%S has another parent: what waited for it here ends\n", name);
     }
+}
+
+bool HasEndedWaitingSince(const KelString& deviceName, std::chrono::steady_clock::time_point time) {
+    const StringTokeniser parts(deviceName, '/');
+    return lastSigns.HasEndedWaitingSince(parts.GetToken(0) + "/" + parts.GetToken(1), time);
 }
 
 }  // namespace filestore

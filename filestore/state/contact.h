@@ -1,5 +1,7 @@
 #pragma once
 
+#include <chrono>
+
 #include "kel/types.h"
 
 /// Signs of life of the devices that this one works with. What waits for a device is due at once when it is
@@ -22,5 +24,9 @@ void NoteSignOfLife(const KelString& deviceUrl);
 /// The device with this device URL or path name has another parent: what waits for it here ends, because it
 /// comes from there.
 void EndTargetsOf(const KelString& device);
+
+/// True when the waiting for a device, named by its path name or device URL, was ended after `time`: that a
+/// call which began before has failed says nothing any more.
+bool HasEndedWaitingSince(const KelString& deviceName, std::chrono::steady_clock::time_point time);
 
 }  // namespace filestore

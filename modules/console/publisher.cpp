@@ -171,8 +171,13 @@ KelStatus Publisher::Offer(const PublicationRequest& request, const PublicationS
 KelResult<KelContainer> Publisher::Publish(const PublicationRequest& request) {
     auto plan = MakePlan(request);
     if (!plan) return plan.Error();
+    const auto copy = [&] {
+        return CopyToPackages(folder_, request.sourcePath, request.file.label, request.file.name);
+    };
+    auto file = copy();
     const std::shared_lock lock(packages_);
-    const auto file = CopyToPackages(folder_, request.sourcePath, request.file.label, request.file.name);
+    // An earlier publication of the file that was withdrawn meanwhile has taken the copy along.
+    if (file && !FileExists(file->path)) file = copy();
     if (!file) return file.Error();
     PublicationSummary publication = SummaryOf(request, *file, plan->id);
     KelVector<KelString> guids;

@@ -94,6 +94,7 @@ KelResult<KelVector<StoreWithdrawal>> Withdrawer::Plan(const PublicationSummary&
 }
 
 KelStatus Withdrawer::WithdrawPublication(const KelString& id) {
+    const std::lock_guard lock(packages_);
     const auto publications = publications_.List({id});
     if (!publications) return publications.Error();
     if (publications->empty())
@@ -106,7 +107,7 @@ KelStatus Withdrawer::WithdrawPublication(const KelString& id) {
         if (!recorded) return recorded;
         log_.Print("Publication %S of %S is withdrawn\n", id, publication.file.Text());
     }
-    HandOver();
+    HandOverAll();
     return {};
 }
 
@@ -162,14 +163,13 @@ void Withdrawer::ForgetOrders(const KelVector<KelString>& ids) {
 }
 
 bool Withdrawer::RemovePackage(const FileKey& file) {
-    const std::lock_guard lock(packages_);
     const auto isPublished = withdrawals_.IsContentPublished(file);
     if (!isPublished) return false;
     if (!*isPublished) FileDelete(PlaceInPackages(folder_, file.label, file.checksum, file.name).path);
     return true;
 }
 
-bool Withdrawer::HandOver(const StoreWithdrawal& withdrawal) {
+bool Withdrawer::HandOverOne(const StoreWithdrawal& withdrawal) {
     KelContainer call;
     withdrawal.file.Write(call);
     if (!withdrawal.devicePath.IsEmpty()) call.SetContainer(kValueDevicePath, withdrawal.devicePath);
@@ -187,10 +187,15 @@ bool Withdrawer::HandOver(const StoreWithdrawal& withdrawal) {
     return (!isPackage || RemovePackage(withdrawal.file)) && withdrawals_.Delete(withdrawal.id);
 }
 
-bool Withdrawer::HandOver() {
-    const KelLock lock(mutexHandOver_);
+/// In the order of the records.
+bool Withdrawer::HandOverAll() {
     const auto waiting = withdrawals_.List();
     hasFailed_ = !waiting || !std::all_of(waiting->begin(), waiting->end(),
-                                          [this](const StoreWithdrawal& one) { return HandOver(one); });
+                                          [this](const StoreWithdrawal& one) { return HandOverOne(one); });
     return !hasFailed_;
+}
+
+bool Withdrawer::HandOver() {
+    const std::lock_guard lock(packages_);
+    return HandOverAll();
 }

@@ -5,7 +5,6 @@
 
 #include "kel/container.h"
 #include "kel/debug.h"
-#include "kel/mutex.h"
 #include "kel/result.h"
 #include "kel/types.h"
 #include "modules/console/device_directory.h"
@@ -18,7 +17,8 @@
 /// be held.
 class Withdrawer {
   public:
-    /// `packages` is locked exclusively while the copy of a published file is removed.
+    /// `packages` is locked exclusively from the decision whether others need a file until its copy is
+    /// removed.
     Withdrawer(const KelDebug& log, DeviceDirectory& directory, PublicationStore& publications,
                WithdrawalStore& withdrawals, std::shared_mutex& packages)
         : log_(log),
@@ -49,7 +49,8 @@ class Withdrawer {
 
   private:
     KelResult<KelVector<StoreWithdrawal>> Plan(const PublicationSummary& publication);
-    bool HandOver(const StoreWithdrawal& withdrawal);
+    bool HandOverAll();
+    bool HandOverOne(const StoreWithdrawal& withdrawal);
     bool RemovePackage(const FileKey& file);
 
     const KelDebug& log_;
@@ -58,6 +59,5 @@ class Withdrawer {
     WithdrawalStore& withdrawals_;
     std::shared_mutex& packages_;
     KelString folder_;
-    KelMutex mutexHandOver_;  ///< one at a time, in the order of the records; held across calls of the store
     std::atomic<bool> hasFailed_ = false;
 };

@@ -125,9 +125,11 @@ TEST_F(Withdraw, DeviceIsCalledUntilItHasTakenItAndBeforeAnythingElse) {
         AddTarget(AddFile(kDown, "later", "AVAILABLE", "Acknowledged = 1"), 1, name);
         Ask("FileStoreWithdrawFile", With(Offer(), {{"DevicePath", TargetTree({name})}}));
         FileStoreNotifyThread thread;
-        while (thread.NotifyUnicastTargets(0, 0) != 0) {
-        }
-        EXPECT_EQ(Count(kDown, "Withdrawals"), waiting);
+        ASSERT_TRUE(Eventually([&, calls = actions.size(), left = KelString(waiting)] {
+            thread.NotifyUnicastTargets(0, 0);
+            const KelString tried = Count(kDown, "Withdrawals WHERE LastTryTime > 0");
+            return device.Requests().size() >= calls && Count(kDown, "Withdrawals") == left && tried == left;
+        }));
         Texts called;
         for (const TestHttpServer::Request& request : device.Requests())
             called.push_back(request.target.substr(request.target.find("FileStore") + 9));
