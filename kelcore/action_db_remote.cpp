@@ -1,8 +1,10 @@
 #include "kelcore/action_db_remote.h"
 
+#include <chrono>
 #include <cstdint>
 #include <limits>
 #include <optional>
+#include <thread>
 #include <utility>
 
 #include "kel/text.h"
@@ -15,6 +17,10 @@ namespace {
 
 constexpr int kDefaultConnectTimeout = 10;  // seconds
 constexpr int kDefaultCallTimeout = 60;     // seconds
+
+// Between the tries of a call that the device is too busy for.
+constexpr std::chrono::milliseconds kFirstPause{250};
+constexpr std::chrono::milliseconds kLastPause{1000};
 
 void SetUp(HttpClient& client, const UrlInet& url) {
     client.SetDebugContext(CoreLog());
@@ -40,6 +46,8 @@ unsigned int ErrorOfStatus(unsigned int status) {
             return kKelErrorCredentials;
         case kHttpStatusNotFound:
             return kKelErrorUnknownAction;
+        case kHttpStatusUnavailable:
+            return kKelErrorNotAvailable;
         default:
             return kKelErrorBadAnswer;
     }
@@ -96,7 +104,15 @@ unsigned int ActionDbInvokeRemote(const KelString& deviceUrl, const KelString& a
     request.SetResourcePath("/Action/" + actionName);
     request.SetBody(container.SaveToXML(), "application/xml");
     HttpMessage answer;
-    const unsigned int exchange = client.SendAndRecv(request, answer);
+    unsigned int exchange = client.SendAndRecv(request, answer);
+    // The device was too busy to begin: after a large publication all of its children call at once.
+    for (auto pause = kFirstPause;
+         exchange == kHttpCompleted && answer.GetStatus() == kHttpStatusUnavailable && pause <= kLastPause;
+         pause *= 2) {
+        std::this_thread::sleep_for(pause);
+        answer = HttpMessage();
+        exchange = client.SendAndRecv(request, answer);
+    }
     if (exchange != kHttpCompleted) {
         // Callers log a warning with the device's name; the reason is known only here.
         CoreLog().Detail("Call of %S failed: %S\n", callee, client.GetErrorText());

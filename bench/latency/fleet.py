@@ -65,6 +65,19 @@ async def read_message(reader):
     return head, await reader.readexactly(int(length[1])) if length else b""
 
 
+async def ask(server, reader, writer, digest, method, target, body):
+    for _ in range(2):
+        writer.write((f"{method} {target} HTTP/1.1\r\nHost: {server.address}\r\n"
+                      f"{digest.header(method, target)}Content-Type: application/json\r\nAccept: application/json\r\n"
+                      f"Content-Length: {len(body)}\r\n\r\n").encode() + body)
+        await writer.drain()
+        head, answer = await read_message(reader)
+        if " 401 " not in head.split("\r\n")[0]:
+            break
+        digest.challenge(head)
+    return head, answer
+
+
 class Children:
     def __init__(self, master, count):
         self.master, self.count = master, count
@@ -128,29 +141,17 @@ class Children:
         values = dict(re.findall(r'name="(File\w+)" type="string">([^<]*)<', announcement))
         reader, writer = await asyncio.open_connection(self.master.address, self.master.port, local_addr=(address, 0))
         digest = Digest()
-        head, body = await self.ask(reader, writer, digest, "GET", values["FileURL"], b"")
+        head, body = await ask(self.master, reader, writer, digest, "GET", values["FileURL"], b"")
         if " 200 " not in head.split("\r\n")[0] or hashlib.md5(body).hexdigest() != values["FileChecksum"]:
             sys.exit(f"{address} got another answer: {head}")
         self.fetched[address] = time.monotonic()
         call = {name: values[name] for name in ("FileType", "FileLabel", "FileName", "FileChecksum")}
         call["DeviceGUID"] = "/".join(self.healthy[address].split("/")[:2])
-        head, _ = await self.ask(reader, writer, digest, "POST", "/Action/FileStoreAcknowledgeFile",
+        head, _ = await ask(self.master, reader, writer, digest, "POST", "/Action/FileStoreAcknowledgeFile",
                                  json.dumps(call).encode())
         if "kel-result: 0" not in head.lower():
             sys.exit(f"{address}: the acknowledgement failed: {head}")
         writer.close()
-
-    async def ask(self, reader, writer, digest, method, target, body):
-        for _ in range(2):
-            writer.write((f"{method} {target} HTTP/1.1\r\nHost: {self.master.address}\r\n"
-                          f"{digest.header(method, target)}Content-Type: application/json\r\n"
-                          f"Content-Length: {len(body)}\r\n\r\n").encode() + body)
-            await writer.drain()
-            head, answer = await read_message(reader)
-            if " 401 " not in head.split("\r\n")[0]:
-                break
-            digest.challenge(head)
-        return head, answer
 
 
 def processor_seconds(pid):

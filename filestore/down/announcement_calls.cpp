@@ -145,6 +145,13 @@ bool AnnouncementCalls::HaveAllEnded() const {
     return std::ranges::all_of(calls_, [](const Call& call) { return call.hasEnded; });
 }
 
+bool AnnouncementCalls::HavePromptOnesEnded() const {
+    const auto slowBefore = std::chrono::steady_clock::now() - kSlow;
+    return std::ranges::none_of(calls_, [slowBefore](const Call& call) {
+        return !call.hasEnded && !call.isSuspect && call.begin > slowBefore;
+    });
+}
+
 bool AnnouncementCalls::IsFull() const {
     const auto slowBefore = std::chrono::steady_clock::now() - kSlow;
     const KelLock lock(mutex_);
@@ -163,11 +170,12 @@ KelVector<KelString> AnnouncementCalls::BusyDevices() const {
     return devices;
 }
 
-void AnnouncementCalls::Wait(std::chrono::milliseconds patience) {
+void AnnouncementCalls::Wait(std::chrono::milliseconds patience, For what) {
     const auto end = std::chrono::steady_clock::now() + patience;
     KelLock lock(mutex_);
     isWaiting_ = true;
-    while (!HaveAllEnded() && ended_.wait_until(mutex_, end) == std::cv_status::no_timeout) {
+    while (!(what == For::All ? HaveAllEnded() : HavePromptOnesEnded()) &&
+           ended_.wait_until(mutex_, end) == std::cv_status::no_timeout) {
     }
     isWaiting_ = false;
 }

@@ -43,8 +43,12 @@ class AnnouncementCalls {
     /// The devices that are being called.
     KelVector<KelString> BusyDevices() const;
 
-    /// Waits until every call has ended, at most for `patience`.
-    void Wait(std::chrono::milliseconds patience);
+    enum class For : unsigned char {
+        All,
+        Prompt  ///< those of devices that have answered so far and most probably will now
+    };
+    /// Waits until these calls have ended, but not longer than `patience`.
+    void Wait(std::chrono::milliseconds patience, For what);
 
     /// What the calls that have ended since the last Collect have come to.
     AnnouncementOutcome Collect();
@@ -73,6 +77,7 @@ class AnnouncementCalls {
     Begun Start(const KelString& device, Work work);
     void Run(Call& call, const Work& work);
     bool HaveAllEnded() const KEL_REQUIRES(mutex_);
+    bool HavePromptOnesEnded() const KEL_REQUIRES(mutex_);
 
     mutable KelMutex mutex_;
     std::condition_variable_any ended_;

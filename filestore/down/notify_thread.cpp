@@ -192,7 +192,7 @@ bool FileStoreNotifyThread::NotifyBatch() {
     const auto left = static_cast<unsigned int>(limit - local.size());
     if (left == 0 || CheckCancelled(false)) return true;
     if (calls_.IsFull()) {
-        calls_.Wait(kPatience);
+        calls_.Wait(kPatience, AnnouncementCalls::For::All);
         return Record(calls_.Collect());
     }
     const bool hasWithdrawn = WithdrawFiles(kBatchSize);
@@ -299,13 +299,14 @@ bool FileStoreNotifyThread::NotifyThisDevice(KelVector<FileTarget>& rows) {
 bool FileStoreNotifyThread::NotifyOtherDevices(KelVector<FileTarget> rows) {
     AnnouncementOutcome outcome;
     for (KelVector<FileTarget>& ofDevice : ByDevice(std::move(rows), outcome)) {
-        if (CheckCancelled(false)) break;
+        // The others stay due: put off, they would wait behind everything that silent devices have waiting.
+        if (CheckCancelled(false) || calls_.IsFull()) break;
         IdList ids;
         for (const FileTarget& row : ofDevice)
             ids.Add(row.target.TargetId);
         if (calls_.Begin(std::move(ofDevice)) == AnnouncementCalls::Begun::NoRoom) outcome.putOff.Append(ids);
     }
-    calls_.Wait(kPatience);
+    calls_.Wait(kPatience, AnnouncementCalls::For::Prompt);
     outcome.Append(calls_.Collect());
     return Record(outcome);
 }

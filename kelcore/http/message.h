@@ -10,6 +10,7 @@ inline constexpr unsigned int kHttpStatusPartialContent = 206;
 inline constexpr unsigned int kHttpStatusUnauthorized = 401;
 inline constexpr unsigned int kHttpStatusNotFound = 404;
 inline constexpr unsigned int kHttpStatusRangeNotSatisfiable = 416;
+inline constexpr unsigned int kHttpStatusUnavailable = 503;
 
 enum class HttpMethod { Get, Head, Post, Put };
 

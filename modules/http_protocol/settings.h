@@ -14,7 +14,7 @@ struct ServerSettings {
     KelString address;       ///< dotted IPv4 address to listen on, empty: every address
     std::uint16_t port = 0;  ///< 0: any free port
     int workers = 8;
-    int workerQueue = 256;  ///< action calls that may wait for a worker
+    int workerQueue = 4096;  ///< action calls that may wait for a worker
     int fileWorkers = 4;
     int ioThreads = 2;
     int headerTimeout = 20;
