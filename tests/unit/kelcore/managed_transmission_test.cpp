@@ -97,15 +97,22 @@ TEST(ManagedTransmission, RelativeRatesAreSharesOfTheProbedBandwidth) {
         change(manager);
         manager.percentage = !manager.perThousand;
         HttpManagedTransmission transmission(manager);
-        EXPECT_TRUE(transmission.NeedsPeer());
-        transmission.SetPeer(IpAddress(0x0A000001));
-        EXPECT_FALSE(transmission.NeedsPeer());
+        transmission.SetPeer([] { return IpAddress(0x0A000001); });
         ASSERT_TRUE(transmission.Start());
         for (int i = 0; i < 3; ++i)
             ASSERT_TRUE(transmission.Pass(10));
         EXPECT_EQ(transmission.PieceBytes(), pieceBytes);
         EXPECT_EQ(manager.probes, std::vector<std::string>(probes, "10.0.0.1:7000"));
         EXPECT_EQ(manager.counts, std::vector<bool>{true}) << "not asked again before its time";
+        HttpManagedTransmission second(manager);
+        second.SetPeer([] { return IpAddress(0x0A000001); });
+        ASSERT_TRUE(second.Start());
+        const std::size_t told = manager.peerAnswers ? std::max(manager.clients, 1U) : 1;
+        EXPECT_EQ(second.PieceBytes(), pieceBytes * told / std::max<std::size_t>(told, 2)) << "both share it";
+        EXPECT_EQ(manager.counts.size() + manager.probes.size(), 1 + probes) << "measured for both";
+        HttpPeerBandwidth::Values values;
+        EXPECT_TRUE(manager.peerBandwidth.GetLatest(values));
+        EXPECT_EQ(values.isMeasured, manager.bytesPerSecond != 0 && probes != 0);
     }
 }
 
