@@ -89,6 +89,7 @@ unsigned int HttpExchange::Run() {
     int code = CURLE_OK;
     const bool done = Drive(code);
     curl_multi_remove_handle(handle_.Multi(), handle_.Easy());
+    PassHeads();
     return Conclude(done, code);
 }
 
@@ -289,6 +290,18 @@ bool HttpExchange::Pass(std::uint64_t bytes) {
     if (handle_.isNarrow && !IsNarrow(transmission_)) Widen();
     if (!going) Stop(kHttpCutOff, limits_.cancelled() ? "cancelled" : "the transfer window has closed");
     return going;
+}
+
+/// Heads count against the rate as bodies do: they are most of what small files cost. Their size is known at
+/// the end, so their time is paid then.
+void HttpExchange::PassHeads() {
+    long sent = 0;
+    long received = 0;
+    if (transmission_ == nullptr || stopped_ != 0) return;
+    curl_easy_getinfo(handle_.Easy(), CURLINFO_REQUEST_SIZE, &sent);
+    curl_easy_getinfo(handle_.Easy(), CURLINFO_HEADER_SIZE, &received);
+    transmission_->Pass(static_cast<std::uint64_t>(sent) + static_cast<std::uint64_t>(received),
+                        limits_.cancelled);
 }
 
 /// The rate of a transfer on a narrow connection has risen: the socket takes as much as the system allows.

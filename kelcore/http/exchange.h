@@ -56,6 +56,7 @@ class HttpExchange {
     bool Pass(std::uint64_t bytes);
     bool IsPaced() const { return transmission_ != nullptr && transmission_->IsLimited(); }
     bool IsWaiting() const;
+    void PassHeads();
     void Widen();
     bool Drive(int& code);
     bool MustStop();

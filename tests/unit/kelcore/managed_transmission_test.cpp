@@ -75,6 +75,38 @@ TEST(ManagedTransmission, ASleepEndsWithItsWindowItsRateOrItsCaller) {
     EXPECT_TRUE(transmission.Pass(1 << 20)) << "without a window nothing is paced";
 }
 
+TEST(ManagedTransmission, PiecesTakeATwentiethOfASecondOrAFrameButNeverMoreThanASecond) {
+    for (const auto& [kilobits, pieceBytes] :
+         {std::pair(1UL, 125U), {8UL, 1000U}, {80UL, 1400U}, {8'000UL, 50'000U}, {100'000'000UL, 262'144U}}) {
+        FakeBandwidthManager manager;
+        manager.rate = kilobits;
+        HttpManagedTransmission transmission(manager);
+        ASSERT_TRUE(transmission.Start());
+        EXPECT_EQ(transmission.PieceBytes(), pieceBytes) << kilobits;
+    }
+}
+
+TEST(PeerBandwidth, IsMeasuredAgainAtTheFrequenciesOfThePeerAndAfterAMinuteWhenItIsSilent) {
+    FakeBandwidthManager manager;
+    manager.bytesPerSecond = 1'000'000;
+    manager.peerAnswers = false;
+    HttpPeerBandwidth bandwidth;
+    const IpAddress peer(0x0A000001);
+    for (const auto& [at, answers, counts, probes, bits] :
+         {std::tuple(0s, false, 1U, 0U, HttpPeerBandwidth::kAssumedBitsPerSecond),
+          {59s, true, 1U, 0U, HttpPeerBandwidth::kAssumedBitsPerSecond},
+          {60s, true, 2U, 1U, std::uint64_t{8'000'000}},
+          {559s, true, 2U, 1U, std::uint64_t{8'000'000}},
+          {560s, true, 3U, 2U, std::uint64_t{8'000'000}},
+          {1060s, false, 4U, 3U, std::uint64_t{8'000'000}}}) {
+        SCOPED_TRACE(at.count());
+        manager.peerAnswers = answers;
+        EXPECT_EQ(bandwidth.Measure(manager, peer, kStart + at).bitsPerSecond, bits);
+        EXPECT_EQ(manager.counts.size(), counts);
+        EXPECT_EQ(manager.probes.size(), probes);
+    }
+}
+
 TEST(ManagedTransmission, RelativeRatesAreSharesOfTheProbedBandwidth) {
     using Manager = FakeBandwidthManager;
     // the bytes of a twentieth of a second at the expected rate, the probes, and what differs from half of a
