@@ -124,6 +124,8 @@ constexpr auto kNames = std::to_array<Name>({
     {"SchemeSettled", "scheme_settled"},
     {"Waiting", "waiting"},
     {"WindowUp", "window_up"},
+    {"Bandwidth", "bandwidth"},
+    {"BandwidthMeasured", "bandwidth_measured"},
     {"WindowDown", "window_down"},
     {"Until", "until"},
     {"DiskFree", "disk_free"},

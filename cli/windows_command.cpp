@@ -4,6 +4,7 @@
 #include "cli/commands.h"
 #include "cli/output.h"
 #include "cli/remote.h"
+#include "kel/format.h"
 #include "kel/text.h"
 #include "kelcore/error_codes.h"
 #include "kelcore/week_hours.h"
@@ -16,6 +17,8 @@ constexpr std::array<const char*, 9> kUnits = {"", "bit/s", "kbit/s", "Mbit/s", 
                                                "", "",      "%",      "per thousand"};
 constexpr std::array<const char*, 7> kDays = {"mon", "tue", "wed", "thu", "fri", "sat", "sun"};
 constexpr std::size_t kDayHours = 24;
+constexpr std::int32_t kPercent = 7;
+constexpr std::int32_t kPerThousand = 8;
 
 KelString Name(const auto& names, std::int32_t value) {
     const auto index = static_cast<std::size_t>(value);
@@ -79,6 +82,20 @@ KelString WeekTable(const KelContainer& window) {
     return table.Render();
 }
 
+/// What the relative rates of a window to the parent are shares of; empty when it has none.
+KelString BandwidthLine(const Remote& remote, const KelContainer& window) {
+    const std::int32_t type = window.GetInt32("SlotType");
+    if (type != kPercent && type != kPerThousand) return {};
+    KelContainer waiting;
+    remote.CallQuietly("FileStoreGetWaiting", waiting);
+    const KelContainer& values = waiting.GetContainer("Values");
+    if (!values.Has("Bandwidth")) return "\nBandwidth to the parent: not needed so far\n";
+    return KelFormat("\nBandwidth to the parent: %gd kbit/s, %s\n", values.GetInt64("Bandwidth") / 1000,
+                     values.GetBool("BandwidthMeasured")
+                         ? "measured"
+                         : "assumed, because the parent does not have it measured");
+}
+
 int GetWindows(const Remote& remote, bool json) {
     KelContainer answer;
     if (const unsigned int result = remote.Call("TransferWindowGetStatus", answer); result != kKelOk)
@@ -86,7 +103,8 @@ int GetWindows(const Remote& remote, bool json) {
     if (json)
         PrintJson(WindowsForJson(answer, "Values"));
     else
-        std::fputs(WindowsText(answer).c_str(), stdout);
+        std::fputs((WindowsText(answer) + BandwidthLine(remote, ByDirection(answer, "Values")[1])).c_str(),
+                   stdout);
     return kExitDone;
 }
 

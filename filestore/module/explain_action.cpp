@@ -92,6 +92,15 @@ void WriteWindow(const char* name, const std::optional<FileStoreBandwidthManager
     values.SetContainer(name, std::move(span));
 }
 
+/// Writes what a relative rate is a share of, once it was needed.
+void WriteBandwidth(FileStoreBandwidthManager& manager, KelContainer& values) {
+    HttpPeerBandwidth::Values bandwidth;
+    if (!manager.IsPercentage() && !manager.IsPerThousand()) return;
+    if (!manager.peerBandwidth.GetLatest(bandwidth)) return;
+    values.SetInt64("Bandwidth", static_cast<std::int64_t>(bandwidth.bitsPerSecond));
+    values.SetBool("BandwidthMeasured", bandwidth.isMeasured);
+}
+
 }  // namespace
 
 unsigned int FileStore::ActionHandler_FileStoreGetWaiting(KelContainer* arguments) {
@@ -99,6 +108,7 @@ unsigned int FileStore::ActionHandler_FileStoreGetWaiting(KelContainer* argument
     KelContainer values;
     WriteWindow("WindowUp", bmTrackUsageUp.GetClosedSpan(now), values);
     WriteWindow("WindowDown", bmTrackUsageDown.GetClosedSpan(now), values);
+    WriteBandwidth(bmTrackUsageUp, values);
     std::uint64_t free = 0;
     if (DiskFree(strStorageLocationToUse, free) == 0)
         values.SetInt64("DiskFree", static_cast<std::int64_t>(free));

@@ -1,12 +1,19 @@
 #pragma once
 
+#include <atomic>
+
 #include "kel/ip_address.h"
+#include "kelcore/http/peer_bandwidth.h"
 
 /// Decides whether and how fast managed transmissions may run. Implemented by their owner; called from every
 /// thread that runs a managed transmission, so implementations lock for themselves.
 class HttpBandwidthManager {
   public:
     virtual ~HttpBandwidthManager() = default;
+
+    /// What relative rates are shares of, and how many transmissions share them here.
+    HttpPeerBandwidth peerBandwidth;
+    std::atomic<unsigned int> relativeTransmissions = 0;
 
     /// A transmission begins: -1 refuses it, else the frame size in bytes.
     virtual int StartTransmission() = 0;

@@ -137,9 +137,7 @@ unsigned int HttpClient::SendAndRecv(const HttpMessage& request, HttpMessage& an
 
 unsigned int HttpClient::SendAndRecv(const HttpMessage& request, HttpMessage& answer,
                                      HttpManagedTransmission& transmission) {
-    if (transmission.NeedsPeer()) {
-        if (const auto peer = IpAddress::Resolve(host_)) transmission.SetPeer(*peer);
-    }
+    transmission.SetPeer([host = host_] { return IpAddress::Resolve(host); });
     if (!transmission.Start()) {
         errorText_ = "the bandwidth manager allows no transfer now";
         return kHttpRefused;
@@ -177,8 +175,10 @@ unsigned int HttpClient::RunOnHandle(const HttpMessage& request, HttpMessage& an
     const bool secure = ssl_ != nullptr;
     const KelString base = (secure ? "https://" : "http://") + host_ + ":" + std::to_string(port_);
     const KelString url = base + UrlEncodePath(request.GetResourcePath());
-    const KelString key = PeerKey(base, user_, ssl_);
+    const bool isNarrow = HttpExchange::IsNarrow(transmission);
+    const KelString key = PeerKey(base, user_, ssl_) + (isNarrow ? "\nnarrow" : "");
     std::unique_ptr<HttpHandle> handle = HttpHandlePool::Instance().Acquire(key);
+    handle->isNarrow = isNarrow;
     CURL* easy = handle->Easy();
     SetConnection(easy, connectTimeout_, exchangeTimeout_);
     curl_easy_setopt(easy, CURLOPT_URL, url.c_str());

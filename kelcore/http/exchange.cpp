@@ -1,6 +1,7 @@
 #include "kelcore/http/exchange.h"
 
 #include <curl/curl.h>
+#include <sys/socket.h>
 
 #include <algorithm>
 #include <cctype>
@@ -16,7 +17,17 @@ namespace {
 constexpr int kPollMilliseconds = 200;  ///< the longest time between two checks for cancellation
 constexpr auto kCheckEvery = std::chrono::milliseconds(100);
 constexpr long kLargeBuffer = 512L << 10;
-constexpr long kPacedBuffer = 16L << 10;  ///< small, so that paced bytes flow evenly
+constexpr long kLeastBuffer = 1L << 10;
+
+/// Below, a connection is narrow: about 1.3 Mbit/s.
+constexpr std::size_t kNarrowPiece = 8 << 10;
+constexpr int kNarrowBuffer = 16 << 10;
+constexpr int kWideBuffer = 4 << 20;
+
+int NarrowSocket(void*, curl_socket_t socket, curlsocktype) {
+    setsockopt(socket, SOL_SOCKET, SO_RCVBUF, &kNarrowBuffer, sizeof kNarrowBuffer);
+    return CURL_SOCKOPT_OK;
+}
 
 unsigned int ResultOf(CURLcode code, bool begun) {
     switch (code) {
@@ -46,6 +57,10 @@ unsigned int ResultOf(CURLcode code, bool begun) {
 
 }  // namespace
 
+bool HttpExchange::IsNarrow(const HttpManagedTransmission* transmission) {
+    return transmission != nullptr && transmission->IsLimited() && transmission->PieceBytes() < kNarrowPiece;
+}
+
 HttpExchange::HttpExchange(HttpHandle& handle, const HttpMessage& request, HttpMessage& answer,
                            HttpManagedTransmission* transmission, Limits limits)
     : handle_(handle),
@@ -74,6 +89,7 @@ unsigned int HttpExchange::Run() {
     int code = CURLE_OK;
     const bool done = Drive(code);
     curl_multi_remove_handle(handle_.Multi(), handle_.Easy());
+    PassHeads();
     return Conclude(done, code);
 }
 
@@ -121,7 +137,11 @@ void HttpExchange::AddHeader(const KelString& line) {
 
 void HttpExchange::SetCallbacks() {
     CURL* easy = handle_.Easy();
-    const long buffer = IsPaced() ? kPacedBuffer : kLargeBuffer;
+    // Small, so that paced bytes flow evenly.
+    const long buffer =
+        IsPaced() ? std::clamp(static_cast<long>(transmission_->PieceBytes()), kLeastBuffer, kLargeBuffer)
+                  : kLargeBuffer;
+    curl_easy_setopt(easy, CURLOPT_SOCKOPTFUNCTION, handle_.isNarrow ? &NarrowSocket : nullptr);
     curl_easy_setopt(easy, CURLOPT_BUFFERSIZE, buffer);
     curl_easy_setopt(easy, CURLOPT_UPLOAD_BUFFERSIZE, buffer);
     curl_easy_setopt(easy, CURLOPT_HEADERFUNCTION, &HttpExchange::OnHeader);
@@ -267,8 +287,30 @@ std::size_t HttpExchange::Read(char* buffer, std::size_t size) {
 bool HttpExchange::Pass(std::uint64_t bytes) {
     const bool going = transmission_ == nullptr || transmission_->Pass(bytes, limits_.cancelled);
     watch_.OnBytes(bytes);
+    if (handle_.isNarrow && !IsNarrow(transmission_)) Widen();
     if (!going) Stop(kHttpCutOff, limits_.cancelled() ? "cancelled" : "the transfer window has closed");
     return going;
+}
+
+/// Heads count against the rate as bodies do: they are most of what small files cost. Their size is known at
+/// the end, so their time is paid then.
+void HttpExchange::PassHeads() {
+    long sent = 0;
+    long received = 0;
+    if (transmission_ == nullptr || stopped_ != 0) return;
+    curl_easy_getinfo(handle_.Easy(), CURLINFO_REQUEST_SIZE, &sent);
+    curl_easy_getinfo(handle_.Easy(), CURLINFO_HEADER_SIZE, &received);
+    transmission_->Pass(static_cast<std::uint64_t>(sent) + static_cast<std::uint64_t>(received),
+                        limits_.cancelled);
+}
+
+/// The rate of a transfer on a narrow connection has risen: the socket takes as much as the system allows.
+void HttpExchange::Widen() {
+    curl_socket_t socket = CURL_SOCKET_BAD;
+    if (curl_easy_getinfo(handle_.Easy(), CURLINFO_ACTIVESOCKET, &socket) == CURLE_OK &&
+        socket != CURL_SOCKET_BAD)
+        setsockopt(socket, SOL_SOCKET, SO_RCVBUF, &kWideBuffer, sizeof kWideBuffer);
+    handle_.isNarrow = false;
 }
 
 int HttpExchange::OnSeek(void* self, std::int64_t offset, int origin) {

@@ -32,6 +32,10 @@ class HttpExchange {
     HttpExchange(const HttpExchange&) = delete;
     HttpExchange& operator=(const HttpExchange&) = delete;
 
+    /// True while so low a rate is in force that the system must not receive much ahead of what is taken: the
+    /// peer would send it at once, and then hear nothing for minutes.
+    static bool IsNarrow(const HttpManagedTransmission* transmission);
+
     unsigned int Run();
     const KelString& ErrorText() const { return errorText_; }
 
@@ -52,6 +56,8 @@ class HttpExchange {
     bool Pass(std::uint64_t bytes);
     bool IsPaced() const { return transmission_ != nullptr && transmission_->IsLimited(); }
     bool IsWaiting() const;
+    void PassHeads();
+    void Widen();
     bool Drive(int& code);
     bool MustStop();
     unsigned int Conclude(bool done, int code);

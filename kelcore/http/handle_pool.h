@@ -22,6 +22,9 @@ class HttpHandle {
     /// The authentication schemes to offer, in the library's bits; 0 until the peer has named its own.
     long authSchemes = 0;
 
+    /// Its connections are made with small receive buffers, for transfers at low rates.
+    bool isNarrow = false;
+
   private:
     void* easy_ = nullptr;
     void* multi_ = nullptr;

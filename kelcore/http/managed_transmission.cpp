@@ -7,9 +7,8 @@ namespace {
 
 using Clock = HttpManagedTransmission::Clock;
 
-constexpr auto kSlice = std::chrono::milliseconds(100);        ///< of sleep, and between readings of the rate
-constexpr auto kRetryMeasureAfter = std::chrono::seconds(60);  ///< when the peer did not answer
-constexpr unsigned long kMaxRate = 1'000'000'000'000UL;        ///< keeps products below 2^64
+constexpr auto kSlice = std::chrono::milliseconds(100);  ///< of sleep, and between readings of the rate
+constexpr unsigned long kMaxRate = 1'000'000'000'000UL;  ///< keeps products below 2^64
 
 }  // namespace
 
@@ -19,17 +18,13 @@ HttpManagedTransmission::~HttpManagedTransmission() {
     End();
 }
 
-bool HttpManagedTransmission::NeedsPeer() const {
-    return peer_ == IpAddress() && manager_.BandwidthIsLimited() && IsRelative();
-}
-
 bool HttpManagedTransmission::Start() {
     if (started_) return true;
     if (manager_.StartTransmission() < 0) return false;
     started_ = true;
     nextRateRead_ = {};
-    // A relative rate is measured before anything is connected.
-    if (IsLimited() && IsRelative()) MeasurePeer(Clock::now());
+    // Before anything is connected: a relative rate is measured, and the pieces depend on the rate.
+    if (IsLimited()) ReadRate(Clock::now());
     pacer_.Restart(Clock::now());
     return true;
 }
@@ -37,6 +32,8 @@ bool HttpManagedTransmission::Start() {
 void HttpManagedTransmission::End() {
     if (!started_) return;
     started_ = false;
+    if (sharesRelativeRate_) --manager_.relativeTransmissions;
+    sharesRelativeRate_ = false;
     manager_.EndTransmission();
 }
 
@@ -75,8 +72,8 @@ bool HttpManagedTransmission::Await(Clock::time_point now, const std::function<b
 
 std::size_t HttpManagedTransmission::PieceBytes() const {
     static constexpr std::uint64_t kMost = std::uint64_t{256} << 10;
-    return static_cast<std::size_t>(
-        std::clamp(pacer_.BitsPerSecond() / 8 / 20, std::min(frameBytes_, kMost), kMost));
+    const std::uint64_t second = std::max<std::uint64_t>(pacer_.BitsPerSecond() / 8, 1);
+    return static_cast<std::size_t>(std::clamp(second / 20, std::min({frameBytes_, second, kMost}), kMost));
 }
 
 /// False when the window is closed. Reading the rate involves calendar arithmetic, which is too expensive to
@@ -90,50 +87,23 @@ bool HttpManagedTransmission::ReadRate(Clock::time_point now) {
     return true;
 }
 
+/// Counts this transmission among those that share a relative rate, from now on to its end.
+void HttpManagedTransmission::ShareRelativeRate() {
+    if (!sharesRelativeRate_) ++manager_.relativeTransmissions;
+    sharesRelativeRate_ = true;
+}
+
 std::uint64_t HttpManagedTransmission::BitsPerSecond(Clock::time_point now) {
     int frameSize = 0;
     const std::uint64_t rate = std::min(manager_.GetRate(frameSize), kMaxRate);
     if (frameSize > 0) frameBytes_ = static_cast<std::uint64_t>(frameSize);
     if (rate == 0) return 0;
     if (!IsRelative()) return rate * 1000;
-    MeasurePeer(now);
+    ShareRelativeRate();
+    if (peer_ == IpAddress() && findPeer_) peer_ = findPeer_().value_or(IpAddress());
+    const auto measured = manager_.peerBandwidth.Measure(manager_, peer_, now);
     const std::uint64_t whole = manager_.IsPercentage() ? 100 : 1000;
-    const std::uint64_t bandwidth = probedBitsPerSecond_ != 0 ? probedBitsPerSecond_ : kAssumedBitsPerSecond;
-    const std::uint64_t share = bandwidth * std::min(rate, whole) / whole / std::max(1U, clientCount_);
-    return std::max<std::uint64_t>(share, 1);
-}
-
-void HttpManagedTransmission::MeasurePeer(Clock::time_point now) {
-    if (now >= nextClientCheck_) CountClients(now);
-    if (peerKnown_ && bwPort_ != 0 && now >= nextProbe_) ProbePeer(now);
-}
-
-void HttpManagedTransmission::CountClients(Clock::time_point now) {
-    unsigned int count = 0;
-    unsigned int port = 0;
-    unsigned long checkMicroseconds = 0;
-    unsigned long probeMicroseconds = 0;
-    unsigned int duration = 0;
-    nextClientCheck_ = now + kRetryMeasureAfter;
-    if (!manager_.GetClientCount(!peerKnown_, count, port, checkMicroseconds, probeMicroseconds, duration))
-        return;
-    clientCount_ = count;
-    if (!peerKnown_) {
-        peerKnown_ = true;
-        bwPort_ = port;
-        pingDuration_ = duration;
-        clientCheckEvery_ = std::chrono::microseconds(checkMicroseconds);
-        probeEvery_ = std::chrono::microseconds(probeMicroseconds);
-    }
-    if (clientCheckEvery_ > Clock::duration::zero()) nextClientCheck_ = now + clientCheckEvery_;
-}
-
-void HttpManagedTransmission::ProbePeer(Clock::time_point now) {
-    const std::uint64_t bytesPerSecond = manager_.BandwidthEstimationTCP(peer_, bwPort_, pingDuration_);
-    if (bytesPerSecond == 0) {
-        nextProbe_ = now + kRetryMeasureAfter;
-        return;
-    }
-    probedBitsPerSecond_ = std::min<std::uint64_t>(bytesPerSecond, kMaxRate) * 8;
-    nextProbe_ = probeEvery_ > Clock::duration::zero() ? now + probeEvery_ : Clock::time_point::max();
+    // The peer's count includes this device's transmissions, but is not up to date.
+    const unsigned int sharers = std::max({1U, measured.clientCount, manager_.relativeTransmissions.load()});
+    return std::max<std::uint64_t>(measured.bitsPerSecond * std::min(rate, whole) / whole / sharers, 1);
 }

@@ -88,6 +88,38 @@ TEST(ManagedTransmission, ASleepEndsWithItsWindowItsRateOrItsCaller) {
     EXPECT_TRUE(transmission.Pass(1 << 20)) << "without a window nothing is paced";
 }
 
+TEST(ManagedTransmission, PiecesTakeATwentiethOfASecondOrAFrameButNeverMoreThanASecond) {
+    for (const auto& [kilobits, pieceBytes] :
+         {std::pair(1UL, 125U), {8UL, 1000U}, {80UL, 1400U}, {8'000UL, 50'000U}, {100'000'000UL, 262'144U}}) {
+        FakeBandwidthManager manager;
+        manager.rate = kilobits;
+        HttpManagedTransmission transmission(manager);
+        ASSERT_TRUE(transmission.Start());
+        EXPECT_EQ(transmission.PieceBytes(), pieceBytes) << kilobits;
+    }
+}
+
+TEST(PeerBandwidth, IsMeasuredAgainAtTheFrequenciesOfThePeerAndAfterAMinuteWhenItIsSilent) {
+    FakeBandwidthManager manager;
+    manager.bytesPerSecond = 1'000'000;
+    manager.peerAnswers = false;
+    HttpPeerBandwidth bandwidth;
+    const IpAddress peer(0x0A000001);
+    for (const auto& [at, answers, counts, probes, bits] :
+         {std::tuple(0s, false, 1U, 0U, HttpPeerBandwidth::kAssumedBitsPerSecond),
+          {59s, true, 1U, 0U, HttpPeerBandwidth::kAssumedBitsPerSecond},
+          {60s, true, 2U, 1U, std::uint64_t{8'000'000}},
+          {559s, true, 2U, 1U, std::uint64_t{8'000'000}},
+          {560s, true, 3U, 2U, std::uint64_t{8'000'000}},
+          {1060s, false, 4U, 3U, std::uint64_t{8'000'000}}}) {
+        SCOPED_TRACE(at.count());
+        manager.peerAnswers = answers;
+        EXPECT_EQ(bandwidth.Measure(manager, peer, kStart + at).bitsPerSecond, bits);
+        EXPECT_EQ(manager.counts.size(), counts);
+        EXPECT_EQ(manager.probes.size(), probes);
+    }
+}
+
 TEST(ManagedTransmission, RelativeRatesAreSharesOfTheProbedBandwidth) {
     using Manager = FakeBandwidthManager;
     // the bytes of a twentieth of a second at the expected rate, the probes, and what differs from half of a
@@ -110,15 +142,22 @@ TEST(ManagedTransmission, RelativeRatesAreSharesOfTheProbedBandwidth) {
         change(manager);
         manager.percentage = !manager.perThousand;
         HttpManagedTransmission transmission(manager);
-        EXPECT_TRUE(transmission.NeedsPeer());
-        transmission.SetPeer(IpAddress(0x0A000001));
-        EXPECT_FALSE(transmission.NeedsPeer());
+        transmission.SetPeer([] { return IpAddress(0x0A000001); });
         ASSERT_TRUE(transmission.Start());
         for (int i = 0; i < 3; ++i)
             ASSERT_TRUE(transmission.Pass(10));
         EXPECT_EQ(transmission.PieceBytes(), pieceBytes);
         EXPECT_EQ(manager.probes, std::vector<std::string>(probes, "10.0.0.1:7000"));
         EXPECT_EQ(manager.counts, std::vector<bool>{true}) << "not asked again before its time";
+        HttpManagedTransmission second(manager);
+        second.SetPeer([] { return IpAddress(0x0A000001); });
+        ASSERT_TRUE(second.Start());
+        const std::size_t told = manager.peerAnswers ? std::max(manager.clients, 1U) : 1;
+        EXPECT_EQ(second.PieceBytes(), pieceBytes * told / std::max<std::size_t>(told, 2)) << "both share it";
+        EXPECT_EQ(manager.counts.size() + manager.probes.size(), 1 + probes) << "measured for both";
+        HttpPeerBandwidth::Values values;
+        EXPECT_TRUE(manager.peerBandwidth.GetLatest(values));
+        EXPECT_EQ(values.isMeasured, manager.bytesPerSecond != 0 && probes != 0);
     }
 }
 
