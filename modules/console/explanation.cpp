@@ -13,6 +13,8 @@
 namespace {
 
 constexpr std::size_t kMostTargets = 500;
+constexpr std::int32_t kSecondsOfOne = 20;  ///< for the answer to a single question
+constexpr std::int32_t kSecondsOfTwo = 10;  ///< to each of two
 
 using Names = KelHash<KelString, KelString>;  ///< of devices by GUID
 
@@ -47,6 +49,32 @@ KelResult<KelVector<KelString>> PendingGuids(const KelVector<PublicationTarget>&
     if (!only.empty() && !isTarget)
         return KelError{kKelErrorBadInput, KelFormat("%S is no target of this publication", device)};
     return guids;
+}
+
+/// What the file store answers about a file and the devices in `tree`, within so many seconds.
+KelResult<KelContainer> Ask(const FileKey& file, const KelContainer& tree, std::int32_t seconds) {
+    KelContainer call;
+    file.Write(call);
+    call.SetContainer(kValueDevicePath, tree);
+    call.SetInt32("Seconds", seconds);
+    if (const unsigned int error = CallLocal("FileStoreExplainFile", call); error != kKelOk)
+        return KelError{error, KelFormat("The file store gives no reasons: %S", call.GetString("Message"))};
+    return call;
+}
+
+using Reasons = KelHash<KelString, KelContainer>;  ///< by the GUID of the target
+
+/// The reasons in an answer about an order that say why it has not come. An order that is there has done its
+/// part, and one that a device does not know may have been replaced by a later one.
+Reasons RealReasons(const KelContainer& answer) {
+    Reasons reasons;
+    for (std::uint32_t i = 0; answer.Has("Values") && i < answer.Count("Values"); ++i) {
+        const KelContainer& values = answer.GetContainer("Values", i);
+        const KelString code = values.GetString("Code");
+        if (code != "arrived" && code != "unknown_there" && code != "not_asked")
+            reasons[values.GetString("GUID")] = values;
+    }
+    return reasons;
 }
 
 KelContainer Unplaced(const KelString& guid, const KelString& name, const KelString& message) {
@@ -99,20 +127,26 @@ KelResult<KelContainer> Explainer::Explain(const KelString& publicationId, const
     result.SetInt32("LeftOut", static_cast<std::int32_t>(leftOut));
     const KelVector<std::size_t> placed = Placed(*devices, *pending, result);
     if (placed.empty()) return result;
-    auto tree = BuildDevicePath(*devices, placed);
+    const auto tree = BuildDevicePath(*devices, placed);
     if (!tree) return tree.Error();
 
-    KelContainer call;
-    publications->front().file.Write(call);
-    call.SetContainer(kValueDevicePath, std::move(*tree));
-    if (const unsigned int error = CallLocal("FileStoreExplainFile", call); error != kKelOk)
-        return KelError{error, KelFormat("The file store gives no reasons: %S", call.GetString("Message"))};
-    if (!call.GetBool("Known"))
+    const PublicationSummary& publication = publications->front();
+    const bool isOrdered = publication.orderTime != 0;
+    const auto ofFile = Ask(publication.file, *tree, isOrdered ? kSecondsOfTwo : kSecondsOfOne);
+    if (!ofFile) return ofFile.Error();
+    if (!ofFile->GetBool("Known"))
         return KelError{kKelErrorMissingContent, "The store of the master does not know the file any more"};
+    Reasons ofOrder;
+    if (isOrdered) {
+        const FileKey order = {kOrderFileType, publication.file.type, publication.id, {}};
+        if (const auto answer = Ask(order, *tree, kSecondsOfTwo)) ofOrder = RealReasons(*answer);
+    }
     const Names names = NamesOf(*devices);
     std::uint32_t index = result.Has("Values") ? result.Count("Values") : 0;
-    for (std::uint32_t i = 0; call.Has("Values") && i < call.Count("Values"); ++i) {
-        KelContainer values = call.GetContainer("Values", i);
+    for (std::uint32_t i = 0; ofFile->Has("Values") && i < ofFile->Count("Values"); ++i) {
+        KelContainer values = ofFile->GetContainer("Values", i);
+        if (const auto order = ofOrder.find(values.GetString("GUID")); order != ofOrder.end())
+            values = order->second;
         values.SetString("Name", NameOf(names, values.GetString("GUID")));
         values.SetString("AtName", NameOf(names, KelString(GuidOfDevice(values.GetString("At")))));
         result.SetContainer("Values", std::move(values), index++);

@@ -15,7 +15,8 @@ class Explainer {
 
     /// One container under Values for each pending target, or for `device` (GUID or name; empty: all): what
     /// the file store answers, with the device's Name and, as AtName, that of the device at which the file
-    /// waits. LeftOut (int32): pending targets beyond the 500 that are asked about. Blocks on the network for
+    /// waits. A target that was sent an order may wait for the order or for the file; the order comes first.
+    /// LeftOut (int32): pending targets beyond the 500 that are asked about. Blocks on the network for
     /// up to 20 s: hold no lock.
     KelResult<KelContainer> Explain(const KelString& publicationId, const KelString& device);
 

@@ -35,6 +35,23 @@ TEST_F(ConsoleTest, ReasonsAreAskedThroughTheTreeForPendingTargetsOnly) {
         EXPECT_EQ(Call("ConsoleExplain", call), kKelErrorBadInput);
         EXPECT_FALSE(call.GetString("Message").empty());
     }
+    Publish(Request(kNorth));
+    const KelString ordered = Publish(Request(kNorth)).GetString("PublicationId");
+    for (const auto& [code, expected] :
+         {std::pair("window_closed", "order"), {"arrived", "file"}, {"unknown_there", "file"}}) {
+        FakeAction(
+            "FileStoreExplainFile (string FileType)", [code = KelString(code)](KelContainer* container) {
+                const bool isOrder = container->GetString("FileType") == "DeliveryOrder";
+                *container =
+                    With(Values({"Known=true"}), "Values",
+                         With(Values({"GUID=" + kNorth, "Code=" + (isOrder ? code : "peer_unreachable")}),
+                              {isOrder ? "Message=order" : "Message=file"}));
+                return 0U;
+            });
+        KelContainer explained = Values({"PublicationId=" + ordered});
+        ASSERT_EQ(Call("ConsoleExplain", explained), 0U);
+        ExpectValues(explained.GetContainer("Values"), {"Name=north", KelString("Message=") + expected});
+    }
     answer(Values({"Known=false"}));
     EXPECT_EQ(Call("ConsoleExplain", Values({"PublicationId=" + id, "Device=north"})),
               kKelErrorMissingContent);
