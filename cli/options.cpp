@@ -151,7 +151,9 @@ void DefinePublish(CLI::App& app, Parsed& parsed) {
             "Publish nothing; show the targets, the relays on their way and the bytes on each link"));
     DefineStages(*command, publish);
     command->callback([&parsed] { parsed.chosen = parsed.publish; });
+}
 
+void DefinePublications(CLI::App& app, Parsed& parsed) {
     auto* resume = app.add_subcommand(
         "resume", "Go on with a publication in stages that was stopped by failures; on the master");
     resume->add_option("PUBLICATION", parsed.resume.id, "The publication")->required();
@@ -395,6 +397,7 @@ std::optional<Options> ParseOptions(int count, const char* const* arguments, int
     DefineInit(app, parsed);
     DefineQueries(app, parsed);
     DefinePublish(app, parsed);
+    DefinePublications(app, parsed);
     DefineGroups(app, parsed);
     DefineWithdraw(app, parsed);
     DefineUpward(app, parsed);
