@@ -164,7 +164,7 @@ KelResult<Stages::Decision> Stages::Decide(StagedPublication& publication, KelVe
     return unordered.empty() ? DecideOnNext(publication) : KelResult<Decision>(Decision::Order);
 }
 
-/// All targets of the released stages have been sent their orders. The caller holds mutex_.
+/// All targets of the released stages have been sent their orders.
 KelResult<Stages::Decision> Stages::DecideOnNext(StagedPublication& publication) {
     const bool isLast = publication.released == publication.stages;
     const auto pending =

@@ -45,7 +45,7 @@ class Stages {
     bool Step();
     KelStatus Advance(const KelString& id);
     KelResult<Decision> Decide(StagedPublication& publication, KelVector<KelString>& unordered);
-    KelResult<Decision> DecideOnNext(StagedPublication& publication);
+    KelResult<Decision> DecideOnNext(StagedPublication& publication) KEL_REQUIRES(mutex_);
     KelResult<StagedPublication> Read(const KelString& id);
     KelStatus Write(const StagedPublication& publication);
     KelStatus Order(const StagedPublication& publication, KelVector<KelString> guids);
