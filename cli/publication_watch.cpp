@@ -117,6 +117,7 @@ KelString StageText(const KelContainer& publication) {
     const KelString place = publication.GetString("Stage") + " of " + publication.GetString("StageCount");
     if (state == "running") return "stage " + place;
     if (state == "stopped") return "stopped at stage " + place + ": " + publication.GetString("Reason");
+    if (state == "withdrawn") return "withdrawn at stage " + place;
     return state.empty() ? state : "all " + publication.GetString("StageCount") + " stages complete";
 }
 

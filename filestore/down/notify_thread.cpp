@@ -216,7 +216,7 @@ bool FileStoreNotifyThread::WithdrawFiles(unsigned int limit) {
         if (!CheckCancelled(false) && calls_.Begin(std::move(rows)) == AnnouncementCalls::Begun::Yes)
             hasBegun = true;
     if (!hasBegun) return false;
-    calls_.Wait(kPatience);
+    calls_.Wait(kPatience, AnnouncementCalls::For::All);
     return Record(calls_.Collect());
 }
 
@@ -255,7 +255,7 @@ bool FileStoreNotifyThread::NotifyBesideMulticast() {
     const bool hasWithdrawn = WithdrawFiles(kBatchSize);
     while (!CheckCancelled(false)) {
         if (calls_.IsFull()) {
-            calls_.Wait(kPatience);
+            calls_.Wait(kPatience, AnnouncementCalls::For::All);
             return Record(calls_.Collect());
         }
         Division parts = DivideDueTargets();

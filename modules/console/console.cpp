@@ -57,6 +57,7 @@ KelContainer ValuesOf(const PublicationSummary& publication) {
     values.SetInt32("Delivered", publication.delivered);
     values.SetInt32("Failed", publication.failed);
     values.SetInt32("Withdrawn", publication.withdrawn);
+    values.SetInt64("WithdrawTime", publication.withdrawTime);
     values.SetInt32("Removed", publication.removed);
     values.SetInt32("Pending", publication.Pending());
     return values;
@@ -124,9 +125,9 @@ void Console::Register(const char* handle) {
         "int32 Stage)",
         bind(&Console::Preview), handle);
     groupActions_.Register(handle);
+    stages_.Register(handle);
     ActionDbRegisterAction("ConsoleWithdraw (string PublicationId)", bind(&Console::Withdraw), handle);
     ActionDbRegisterAction("ConsoleRemoveDevice (string Device)", bind(&Console::RemoveDevice), handle);
-    stages_.Register(handle);
     ActionDbRegisterAction(kReceiveSignature, bind(&Console::ReceiveUpstream), handle);
     ActionDbRegisterAction(
         "QuarnelDbRunScript (string Script)",
@@ -294,6 +295,7 @@ unsigned int Console::Withdraw(KelContainer* arguments) {
     const KelString id = arguments->GetString("PublicationId");
     const KelStatus withdrawn = withdrawer_.WithdrawPublication(id);
     if (!withdrawn) return Fail(arguments, withdrawn.Error());
+    stages_.Signal();
     const auto publications = publications_.List({id});
     if (!publications) return Fail(arguments, publications.Error());
     arguments->Clear();
@@ -307,6 +309,7 @@ unsigned int Console::RemoveDevice(KelContainer* arguments) {
         return Fail(arguments, {kKelErrorBadInput, "Devices are removed on the master only"});
     auto result = withdrawer_.RemoveDevice(arguments->GetString("Device"));
     if (!result) return Fail(arguments, result.Error());
+    stages_.Signal();
     *arguments = std::move(*result);
     return kKelOk;
 }

@@ -66,6 +66,8 @@ KelResult<StagedPublication> Stages::Read(const KelString& id) {
     auto found = store_.List({id});
     if (!found) return found.Error();
     if (found->empty()) return KelError{kKelErrorBadInput, KelFormat("The publication %S has no stages", id)};
+    if (known->front().withdrawTime != 0)
+        return KelError{kKelErrorBadInput, KelFormat("The publication %S is withdrawn", id)};
     return std::move(found->front());
 }
 
@@ -161,14 +163,15 @@ KelResult<Stages::Decision> Stages::Decide(StagedPublication& publication, KelVe
     auto due = store_.Targets(publication.id, "scheduled", 1, publication.released, kAll);
     if (!due) return due.Error();
     unordered = std::move(*due);
-    return unordered.empty() ? DecideOnNext(publication) : KelResult<Decision>(Decision::Order);
+    // Without scheduled targets there is no next stage, as when the publication was withdrawn.
+    return unordered.empty() ? DecideOnNext(publication, scheduled->empty())
+                             : KelResult<Decision>(Decision::Order);
 }
 
 /// All targets of the released stages have been sent their orders.
-KelResult<Stages::Decision> Stages::DecideOnNext(StagedPublication& publication) {
-    const bool isLast = publication.released == publication.stages;
+KelResult<Stages::Decision> Stages::DecideOnNext(StagedPublication& publication, bool isLast) {
     const auto pending =
-        store_.Targets(publication.id, "pending", isLast ? 1 : publication.released, publication.released, 1);
+        store_.Targets(publication.id, "pending", isLast ? 1 : publication.released, publication.stages, 1);
     if (!pending) return pending.Error();
     if (!pending->empty()) return Decision::Wait;
     if (isLast)
@@ -213,7 +216,8 @@ KelStatus Stages::Describe(KelContainer& answer) {
         KelContainer values = answer.GetContainer("Values", i);
         const auto found = byId.find(values.GetString("PublicationId"));
         if (found == byId.end()) continue;
-        values.SetString("State", StageStateName(found->second->state));
+        const bool isWithdrawn = values.GetInt64("WithdrawTime") != 0;
+        values.SetString("State", isWithdrawn ? "withdrawn" : StageStateName(found->second->state));
         values.SetInt32("Stage", found->second->released);
         values.SetInt32("StageCount", found->second->stages);
         values.SetString("Reason", found->second->reason);

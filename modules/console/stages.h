@@ -32,11 +32,11 @@ class Stages {
     /// stages or there is nothing to resume.
     KelStatus Resume(const KelString& id, bool next);
 
-    /// Adds to the publications under Values in `answer` that are in stages: State ("running", "stopped" or
-    /// "complete"), Stage (int32: the present one), StageCount (int32), Reason (why it was stopped). When
-    /// Devices are listed, which are those of the only publication, they are sorted by their Stage, which
-    /// each gets, and the stages are listed: Stages[i]{Stage, Targets, Delivered, Failed, Pending, Scheduled
-    /// (int32)}.
+    /// Adds to the publications under Values in `answer` that are in stages: State ("running", "stopped",
+    /// "complete" or "withdrawn"), Stage (int32: the present one), StageCount (int32), Reason (why it was
+    /// stopped). When Devices are listed, which are those of the only publication, they are sorted by their
+    /// Stage, which each gets, and the stages are listed: Stages[i]{Stage, Targets, Delivered, Failed,
+    /// Pending, Scheduled (int32)}.
     KelStatus Describe(KelContainer& answer);
 
   private:
@@ -45,7 +45,7 @@ class Stages {
     bool Step();
     KelStatus Advance(const KelString& id);
     KelResult<Decision> Decide(StagedPublication& publication, KelVector<KelString>& unordered);
-    KelResult<Decision> DecideOnNext(StagedPublication& publication) KEL_REQUIRES(mutex_);
+    KelResult<Decision> DecideOnNext(StagedPublication& publication, bool isLast) KEL_REQUIRES(mutex_);
     KelResult<StagedPublication> Read(const KelString& id);
     KelStatus Write(const StagedPublication& publication);
     KelStatus Order(const StagedPublication& publication, KelVector<KelString> guids);

@@ -117,8 +117,8 @@ KelResult<KelVector<KelString>> WithdrawalStore::PendingDevices(const FileKey& f
                                                                 const KelString& except) {
     return SelectTexts(
         KelFormat("SELECT DISTINCT GUID FROM Publications JOIN PublicationTargets ON "
-                  "PublicationTargets.PublicationId = Publications.PublicationId WHERE Status IN "
-                  "('pending', 'scheduled') AND %S",
+                  "PublicationTargets.PublicationId = Publications.PublicationId WHERE Status IN ('pending', "
+                  "'scheduled') AND %S",
                   OfKey(file, except)));
 }
 

@@ -79,7 +79,11 @@ KelResult<KelVector<StoreWithdrawal>> Withdrawer::Plan(const PublicationSummary&
     const Guids all = GuidsOf(*targets), pending = GuidsOf(*targets, "pending");
     KelVector<StoreWithdrawal> plan;
     if (publication.orderTime != 0) {
-        auto tree = TreeOf(*devices, pending, all);
+        // An order may just have been sent to targets that are still scheduled.
+        Guids ordered = pending;
+        for (KelString& guid : GuidsOf(*targets, "scheduled"))
+            ordered.push_back(std::move(guid));
+        auto tree = TreeOf(*devices, ordered, all);
         if (!tree) return tree.Error();
         plan.push_back({.file = OrderKey(publication.file, publication.id), .devicePath = std::move(*tree)});
     }

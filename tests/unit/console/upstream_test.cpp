@@ -274,6 +274,14 @@ TEST_F(ConsoleUpstreamTest, NextStageNeedNotWaitAndUnusableStagesAreRefused) {
         Eventually([&] { return Listed(published).GetContainer("Stages", 1).GetInt32("Pending") == 1; }));
     EXPECT_EQ(OfferCount(), 2U);
     EXPECT_EQ(Call("ConsoleResume", Publish(Request(kNorth))), kKelErrorBadInput) << "not in stages";
+
+    const KelContainer other = Publish(staged({"50", "100"}));
+    const std::uint32_t offers = OfferCount();
+    EXPECT_EQ(Call("ConsoleWithdraw", Values({"PublicationId=" + other.GetString("PublicationId")})), 0U);
+    EXPECT_EQ(Call("ConsoleResume", With(other, {"Next=true"})), kKelErrorBadInput);
+    ExpectValues(Listed(other).GetContainer("Values"),
+                 {"State=withdrawn", "Stage=1", "Withdrawn=2", "Pending=0"});
+    EXPECT_EQ(OfferCount(), offers);
 }
 
 TEST_F(ConsoleUpstreamTest, PublicationsAreListedLatestFirstEvenWithinOneSecond) {
