@@ -26,7 +26,7 @@
 ///   disk, or done. At its start it asks for those that it never took.
 /// - DeliveryWithdrawFile (FileType, FileLabel, FileName, FileChecksum): subscribed to the event
 ///   FileStoreCallbackWithdrawnFile; only for this device. Results: kKelAnswerStaysHere for a file that was
-///   handed over and is being worked on; 0.
+///   handed over and is still to be copied; 0.
 /// - DeliveryListFiles -> Values[i]{FileType, FileLabel, FileName, FileChecksum, Path, Size (int64, bytes),
 ///   Time (int64, seconds since the epoch)}
 /// - DeliveryCollect (as DeliveryReceiveFile, and SourceDevice): on the master subscribed to the event

@@ -136,14 +136,14 @@ void Delivery::EndOrder(const DeliveryOrder& order, DeliveryOutcome outcome, con
     jobs_.AddConcluded(file, outcome, message, std::time(nullptr));
 }
 
-/// What was handed over before stays. An order goes, unless its file has come.
+/// A file that is still to be copied stays. An order goes, unless its file has come.
 unsigned int Delivery::Withdraw(KelContainer* arguments) {
     if (!ActionIsFromThisDevice(*arguments))
         return Refuse(arguments, "another device may not withdraw local files");
     const FileKey key = FileKey::Read(*arguments);
     arguments->Clear();
     const KelLock lock(mutexCopy_);
-    if (key.type != kOrderFileType) return jobs_.Knows(key) ? unsigned{kKelAnswerStaysHere} : kKelOk;
+    if (key.type != kOrderFileType) return jobs_.NeedsSource(key) ? unsigned{kKelAnswerStaysHere} : kKelOk;
     if (!jobs_.Names(key.name)) orders_.Withdraw(key.name);
     return kKelOk;
 }

@@ -151,6 +151,14 @@ bool JobQueue::Knows(const FileKey& key) const {
                        [&key](const auto& entry) { return entry.second.file.key == key; });
 }
 
+bool JobQueue::NeedsSource(const FileKey& key) const {
+    const KelLock lock(mutex_);
+    return std::any_of(jobs_.begin(), jobs_.end(), [&key](const auto& entry) {
+        const DeliveryJob& job = entry.second;
+        return job.file.key == key && job.outcome == DeliveryOutcome::Open && !job.isCopied;
+    });
+}
+
 std::uint64_t JobQueue::Add(const ReceivedFile& file, const KelString& destination, std::int64_t size,
                             std::int64_t time) {
     const KelLock lock(mutex_);

@@ -71,6 +71,8 @@ class JobQueue {
     void AddTaken(const ReceivedFile& file, const KelString& destination);
     /// True when there is a job for the file, or it is among those that DrainTaken would give.
     bool Knows(const FileKey& key) const;
+    /// True while the file is still to be copied from the file store.
+    bool NeedsSource(const FileKey& key) const;
 
     void SetCopied(std::uint64_t id);
 

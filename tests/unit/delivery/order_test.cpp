@@ -121,7 +121,6 @@ TEST_F(OrderTest, ALaterPublicationStaysWhenTheOrderedFileComesAfterIt) {
 }
 
 TEST_F(OrderTest, WithdrawnOrderIsNotCarriedOutAndAnAnsweredOneIsForgottenByTheStore) {
-    RunOnArrival("exec sleep 60");
     FakeAction("FileStoreWithdrawFile (string FileType)", [this](KelContainer* container) {
         isForgotten_ = container->GetString("FileType") == "DeliveryOrder" &&
                        container->GetString("FileLabel") == "U" && container->GetString("FileName") == "p2";
@@ -141,9 +140,11 @@ TEST_F(OrderTest, WithdrawnOrderIsNotCarriedOutAndAnAnsweredOneIsForgottenByTheS
     EXPECT_EQ(Announce(file), 0U);
     EXPECT_TRUE(Come({"p2 delivered"}));
     EXPECT_TRUE(Eventually([this] { return isForgotten_.load(); }));
-    const KelContainer running = Stored("T", "f", "running");
-    EXPECT_EQ(Announce(running), 0U);
-    EXPECT_EQ(Withdraw(running), kKelAnswerStaysHere);
+    EXPECT_EQ(Withdraw(file), 0U);
+    const KelContainer waiting = Stored("V", "f", "waiting");
+    TempFolder::Write(root_ / "data/Delivery/Inbox/V", "no folder");
+    EXPECT_EQ(Announce(waiting), kNotReady);
+    EXPECT_EQ(Withdraw(waiting), kKelAnswerStaysHere);
 }
 
 TEST_F(OrderTest, CommandRunsAgainForAFileInPlaceAndOneReceiptAnswersAllOrders) {

@@ -100,6 +100,25 @@ TEST_F(Contact, CallOfADeviceMakesItsFailedAnnouncementsDueButNotTooOften) {
     }
 }
 
+TEST_F(Contact, CallThatFailedBeforeTheDeviceWasHeardFromIsRepeatedAtOnce) {
+    const KelString guid = "/0A1B0000-0000-4000-8000-0000000000C1";
+    KelString name;
+    int calls = 0;
+    const TestHttpServer device([&](const auto&) {
+        if (++calls == 1) Ask("FileStoreDeviceContact", Make({{"DeviceGUID", name + guid}}));
+        return TestHttpServer::Answer{.status = 0};
+    });
+    name = device.HostAndPort();
+    AddTarget(AddFile(kDown, "n", "AVAILABLE", "Acknowledged = 1"), 1,
+              name + guid + "/02-00-7F-00-01-09/127.0.1.1/255.0.0.0");
+    FileStoreNotifyThread thread;
+    EXPECT_TRUE(Eventually([&thread] {
+        thread.NotifyUnicastTargets(0, 0);
+        return Cell(kDown, "SELECT LastNotifyTime FROM Targets") != "0";
+    }));
+    EXPECT_EQ(device.Requests().size(), 2U);
+}
+
 TEST_F(Contact, SilentDeviceDelaysNeitherOthersNorTargetsOnThisDevice) {
     const KelString path = "/0A1B0000-0000-4000-8000-0000000000C1/02-00-7F-00-01-08/127.0.1.1/255.0.0.0";
     const auto consumer = Consume("FileStoreCallbackReceivedFile", "TestConsume ()");

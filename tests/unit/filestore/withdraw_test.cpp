@@ -108,6 +108,10 @@ TEST_F(Withdraw, RequestsAndWhatIsBeingFetchedAreForgottenButOnlyForTheParentAnd
         EXPECT_EQ(Everything(), before);
         Ask("FileStoreWithdrawFile", From(call, "127.0.1.1"));
         EXPECT_EQ(Count(kDown), isKept ? "1" : "0");
+        const KelString url = NameOf('A').substr(0, NameOf('A').find("/m/"));
+        const KelContainer key = Make({{"FileType", "t"}, {"FileLabel", "l"}, {"FileName", "n"}});
+        Ask("FileStoreRequestFile", With(key, {{"FileChecksum", "c"}, {"DeviceGUID", url}}));
+        EXPECT_EQ(Count(kDown), isKept ? "1" : "0") << "the device does not know yet that it is withdrawn";
         EXPECT_EQ(Count(kDown, "Targets"), "0");
     }
 }
