@@ -30,8 +30,7 @@ class UpstreamIntake {
   private:
     KelResult<bool> StoreIdentity(const KelContainer& content, const KelString& sourceDevice,
                                   std::int64_t now);
-    bool IsRepeated(const KelString& guid);
-    void SetRepeated(const KelString& guid, bool isRepeated);
+    bool RepeatWhenMoved(const KelString& guid, bool hasMoved);
     KelResult<bool> StoreReceipt(const KelContainer& content, const KelString& sourceDevice,
                                  std::int64_t now);
 
@@ -41,6 +40,6 @@ class UpstreamIntake {
     std::function<bool(const KelString&)> repeat_;
     std::atomic<bool> hasMasterReported_ = false;
     KelMutex mutex_;
-    /// The devices for which `repeat` is due. Lost with the process: the start repeats everything.
-    std::unordered_set<KelString> toRepeat_ KEL_GUARDED_BY(mutex_);
+    /// The devices for which this is still to be done. Lost with the process: its start repeats everything.
+    std::unordered_set<KelString> moved_ KEL_GUARDED_BY(mutex_);
 };
