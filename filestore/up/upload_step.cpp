@@ -61,7 +61,7 @@ bool OfferChangedFile(const FileStoreEntry& entry, const KelString& path) {
 
 /// What one upload pass has done so far.
 struct FileStorePushThread::UploadPass {
-    const ParentWatch parent;
+    ParentWatch parent;
     KelString parentUrl;
     IdList packed;
     IdList uploaded;

@@ -56,18 +56,23 @@ bool DeviceStore::Store(const IdentityReport& report, std::int64_t now) {
          KelFormat("UPDATE Devices SET LastSeen = %gd WHERE GUID = '%Q'", now, device.guid)});
 }
 
-KelResult<DeviceChange> DeviceStore::Compare(const IdentityReport& report, std::int64_t now) {
+KelResult<bool> DeviceStore::HasLostItsStore(const IdentityReport& report, std::int64_t now) {
+    if (report.storeId.empty()) return false;
+    const auto rows = database_.Select(KelFormat(
+        "SELECT 1 FROM Devices WHERE GUID = '%Q' AND StoreId NOT IN ('', '%Q') AND ReportTime <= %gd",
+        report.device.guid, report.storeId, std::min(report.time, now)));
+    if (!rows) return KelError{kKelErrorNotAvailable, "The console's database cannot be read; see its log"};
+    return rows->GetRowCount() != 0;
+}
+
+KelResult<bool> DeviceStore::HasMoved(const IdentityReport& report, std::int64_t now) {
     const Device& device = report.device;
     const auto rows = database_.Select(
-        KelFormat("SELECT StoreId, ParentGuid, Address FROM Devices WHERE GUID = '%Q' AND ReportTime <= %gd",
-                  device.guid, std::min(report.time, now)));
+        KelFormat("SELECT 1 FROM Devices WHERE GUID = '%Q' AND (ParentGuid <> '%Q' OR Address <> '%Q') AND "
+                  "ReportTime <= %gd",
+                  device.guid, device.parentGuid, device.address, std::min(report.time, now)));
     if (!rows) return KelError{kKelErrorNotAvailable, "The console's database cannot be read; see its log"};
-    DeviceChange change;
-    if (rows->GetRowCount() == 0) return change;
-    const KelString storeId = rows->GetString(0, 0);
-    change.hasLostItsStore = !storeId.empty() && !report.storeId.empty() && storeId != report.storeId;
-    change.hasMoved = rows->GetString(0, 1) != device.parentGuid || rows->GetString(0, 2) != device.address;
-    return change;
+    return rows->GetRowCount() != 0;
 }
 
 KelResult<KelVector<Device>> DeviceStore::List() {

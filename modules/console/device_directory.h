@@ -11,12 +11,6 @@
 #include "modules/console/device.h"
 #include "modules/console/device_report.h"
 
-/// What a report says that the one before did not.
-struct DeviceChange {
-    bool hasLostItsStore = false;  ///< its file store has another database
-    bool hasMoved = false;         ///< it has another parent or another address
-};
-
 /// The devices that have reported themselves, in the table Devices of the console's database: one row per
 /// GUID with the latest report. Any thread. Times are seconds since the epoch by the master's clock.
 class DeviceStore {
@@ -28,9 +22,13 @@ class DeviceStore {
     /// could not report again until that time. False when it could not be written.
     bool Store(const IdentityReport& report, std::int64_t now);
 
-    /// Compares a report that arrived at `now` with the latest one of the device before it. An error when the
-    /// database cannot be read.
-    KelResult<DeviceChange> Compare(const IdentityReport& report, std::int64_t now);
+    /// True when the report, which arrived at `now`, names another store database than the latest report of
+    /// the device before it. An error when the database cannot be read.
+    KelResult<bool> HasLostItsStore(const IdentityReport& report, std::int64_t now);
+
+    /// True when the report, which arrived at `now`, names another parent or another address than the latest
+    /// report of the device before it. An error when the database cannot be read.
+    KelResult<bool> HasMoved(const IdentityReport& report, std::int64_t now);
 
     /// All devices by GUID; an error when they cannot be read.
     KelResult<KelVector<Device>> List();

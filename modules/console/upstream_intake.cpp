@@ -34,37 +34,33 @@ KelResult<bool> UpstreamIntake::StoreIdentity(const KelContainer& content, const
     const auto report = ReadIdentityReport(content, sourceDevice);
     if (!report) return report.Error();
     log_.Detail("Device %S (%S) sent its identity\n", report->device.guid, report->device.name);
-    const auto change = devices_.Compare(*report, now);
-    if (!change) return false;
     const KelString& guid = report->device.guid;
-    if (change->hasLostItsStore)
+    const auto isLost = devices_.HasLostItsStore(*report, now);
+    if (!isLost) return false;
+    // Stored only then: until it is, the next report shows the loss as well.
+    if (*isLost) {
         log_.Warning("The file store of device %S has lost its database\n", guid);
-    else if (change->hasMoved)
-        log_.Print("Device %S (%S) has moved\n", guid, report->device.name);
-    // Stored first, because what is repeated goes where the device is now.
-    if (!devices_.Store(*report, now)) return false;
-    if (change->hasLostItsStore || change->hasMoved) SetRepeated(guid, false);
-    if (!IsRepeated(guid)) {
         if (!publisher_.Repeat(guid)) return false;
-        SetRepeated(guid, true);
+    } else if (report->device.role == "master") {
+        if (!publisher_.RepeatOnceForMaster()) return false;
+        withdrawer_.ForgetOrders({});
     }
-    if (report->device.role != "master") return true;
-    if (!publisher_.RepeatOnceForMaster()) return false;
-    withdrawer_.ForgetOrders({});
+    const auto hasMoved = devices_.HasMoved(*report, now);
+    return hasMoved && devices_.Store(*report, now) && RepeatWhenMoved(guid, *hasMoved);
+}
+
+/// What is repeated goes where the device is now: its report has been stored.
+bool UpstreamIntake::RepeatWhenMoved(const KelString& guid, bool hasMoved) {
+    {
+        const KelLock lock(mutex_);
+        if (hasMoved) moved_.insert(guid);
+        if (!moved_.contains(guid)) return true;
+    }
+    log_.Print("Device %S has moved: what is pending for it is ordered again\n", guid);
+    if (!publisher_.Repeat(guid)) return false;
+    const KelLock lock(mutex_);
+    moved_.erase(guid);
     return true;
-}
-
-bool UpstreamIntake::IsRepeated(const KelString& guid) {
-    const KelLock lock(mutex_);
-    return !toRepeat_.contains(guid);
-}
-
-void UpstreamIntake::SetRepeated(const KelString& guid, bool isRepeated) {
-    const KelLock lock(mutex_);
-    if (isRepeated)
-        toRepeat_.erase(guid);
-    else
-        toRepeat_.insert(guid);
 }
 
 KelResult<bool> UpstreamIntake::StoreReceipt(const KelContainer& content, const KelString& sourceDevice,

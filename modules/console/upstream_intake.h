@@ -31,8 +31,7 @@ class UpstreamIntake {
   private:
     KelResult<bool> StoreIdentity(const KelContainer& content, const KelString& sourceDevice,
                                   std::int64_t now);
-    bool IsRepeated(const KelString& guid);
-    void SetRepeated(const KelString& guid, bool isRepeated);
+    bool RepeatWhenMoved(const KelString& guid, bool hasMoved);
     KelResult<bool> StoreReceipt(const KelContainer& content, const KelString& sourceDevice,
                                  std::int64_t now);
 
@@ -42,7 +41,7 @@ class UpstreamIntake {
     Publisher& publisher_;
     Withdrawer& withdrawer_;
     KelMutex mutex_;
-    /// The devices that have moved or lost their store and for which Repeat is due. Lost with the process,
-    /// whose next start repeats what is pending.
-    std::unordered_set<KelString> toRepeat_ KEL_GUARDED_BY(mutex_);
+    /// The devices that have moved and for which Repeat is due. Lost with the process, whose next start repeats
+    /// what is pending.
+    std::unordered_set<KelString> moved_ KEL_GUARDED_BY(mutex_);
 };

@@ -48,14 +48,12 @@ KelResult<ParentState> ParentLink::SetParent(const ParentPlace& place) {
     KelLock lock(mutex_);
     const std::uint64_t number = ++asked_;
     Signal(0);
-    // One that has just failed to answer would only be waited for once more.
-    const bool mayAnswer = answer.problem.empty();
-    while (answered_ < number && (mayAnswer || state_.place != place) && !CheckCancelled(false))
+    while (answered_ < number && !CheckCancelled(false))
         if (checked_.wait_until(mutex_, end) == std::cv_status::timeout) break;
     ParentState state = state_;
     if (state.place != place || (!state.inSync && state.problem.empty())) {
         state.inSync = false;
-        state.problem = mayAnswer ? "it has not answered yet" : answer.problem;
+        state.problem = answer.problem.empty() ? "it has not answered yet" : answer.problem;
     }
     return state;
 }
@@ -99,7 +97,6 @@ void ParentLink::TakeOver(const ParentPlace& place) {
         former = state_.place.Text();
         state_ = {};
         state_.place = place;
-        checked_.notify_all();
     }
     if (place.IsNone())
         log_.Warning("This device has no parent any more; it was %S\n", former);

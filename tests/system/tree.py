@@ -138,6 +138,8 @@ class Agent:
             command += ["--parent", f"{self.parent.address}:{self.parent.port}"]
         subprocess.run(command, check=True, stdout=subprocess.DEVNULL)
         self.set_ini("Identity", "Identity", "HostName", self.name)
+        if getattr(self.tree.clock, "speed", 1) > 1:  # the interval has to keep up with the time-outs
+            self.set_ini("FileStore", "FileStore", "QueueGap", 1)
         if self.tree.short_intervals:
             for key in ("RetryInterval", "CheckInterval"):
                 self.set_ini("Relay", "Relay", key, 1)
