@@ -35,7 +35,7 @@ TEST_F(Lifecycle, ActionsRefuseCallsWhileTheDatabasesAreClosed) {
         ++actions;
         Ask(signature.substr(0, signature.find(' ')), {}, kKelErrorNotAvailable);
     }
-    EXPECT_EQ(actions, 30);
+    EXPECT_EQ(actions, 31);
 }
 
 TEST_F(Lifecycle, InitialisationFailsWithoutItsTablesOrADatabaseAndClosesWhatItOpened) {
