@@ -224,6 +224,13 @@ KelStatus Publisher::OrderOn(const PublicationSummary& publication, const Public
     });
     if (targets.empty()) return {};
     auto devicePath = BuildDevicePath(*devices, targets);
+    const std::shared_lock lock(packages_);
+    const auto now = publications_.List({publication.id});
+    if (!now) return now.Error();
+    if (now->empty() || now->front().withdrawTime != 0) {
+        guids.clear();
+        return {};
+    }
     return devicePath ? Order(request, publication, std::move(*devicePath)) : KelStatus(devicePath.Error());
 }
 

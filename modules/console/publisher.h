@@ -36,8 +36,9 @@ class Publisher {
     /// behind, at most the copy of the file. Calls local actions: no lock may be held.
     KelResult<KelContainer> Publish(const PublicationRequest& request);
 
-    /// Orders a publication on these of its targets, with the options of `request`. Those that cannot be
-    /// reached now are taken out of `guids`. Calls local actions: no lock may be held.
+    /// Orders a publication that is not withdrawn on these of its targets, with the options of `request`.
+    /// Those that cannot be reached now are taken out of `guids`, all when it is withdrawn. Calls local
+    /// actions: no lock may be held.
     KelStatus OrderOn(const PublicationSummary& publication, const PublicationRequest& request,
                       KelVector<KelString>& guids);
 

@@ -191,7 +191,7 @@ KelResult<Stages::Decision> Stages::DecideOnNext(StagedPublication& publication,
 KelStatus Stages::Order(const StagedPublication& publication, KelVector<KelString> guids) {
     const auto summary = publications_.List({publication.id});
     if (!summary) return summary.Error();
-    if (summary->empty() || summary->front().withdrawTime != 0) return {};
+    if (summary->empty()) return {};
     const std::size_t wanted = guids.size();
     if (KelStatus ordered = publisher_.OrderOn(summary->front(), publication.request, guids); !ordered)
         return ordered;
