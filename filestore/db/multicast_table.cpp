@@ -179,6 +179,10 @@ bool EndMulticast(std::uint64_t fileId, const KelString& address) {
     return Change({KelFormat(kForgetGroup, address), KelFormat(kEnd, Number(MulticastState::None), fileId)});
 }
 
+bool ForgetAllListeners() {
+    return Change({kForgetAll});
+}
+
 bool ResetAllMulticast() {
     const KelLock lock(Mutex());
     IdList waiting;

@@ -88,6 +88,9 @@ bool SetListenerStatus(const KelString& address, std::uint64_t targetId, const K
 /// The transfer is over: its devices are forgotten, and the file can be planned again.
 bool EndMulticast(std::uint64_t fileId, const KelString& address);
 
+/// No device listens any longer.
+bool ForgetAllListeners();
+
 /// After a restart of the agent: no transfer is in progress, and the devices that listened are due to be told
 /// again.
 bool ResetAllMulticast();

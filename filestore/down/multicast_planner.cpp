@@ -8,6 +8,7 @@
 #include "filestore/down/announcement.h"
 #include "filestore/down/announcement_calls.h"
 #include "filestore/down/multicast_calls.h"
+#include "filestore/down/multicast_thread.h"
 #include "filestore/exchange/side_by_side.h"
 #include "filestore/state/bandwidth_manager.h"
 #include "filestore/state/file_store.h"
@@ -46,6 +47,16 @@ WaitingReason Because(Waiting code, KelString detail = {}) {
 }
 
 }  // namespace
+
+/// Frees what belonged to files that were removed while they were planned.
+static void ReclaimAddresses() {
+    {
+        const KelLock lock(FileStore::mutexMulticastVector);
+        if (FileStore::vecMulticastAddressInUse.empty()) return;
+        FileStore::vecMulticastAddressInUse.clear();
+    }
+    ForgetAllListeners();
+}
 
 /// A target that is told to listen, and what has come of it.
 struct MulticastPlanner::Invitation {
@@ -138,8 +149,8 @@ MulticastPlanner::Way MulticastPlanner::Postpone(const FileStoreEntry& file, Wai
 /// False with address_ empty when none is free, and with it set when it could not be recorded.
 bool MulticastPlanner::Reserve(const FileStoreEntry& file) {
     FileStore::debugFileStore.Detail("Get a free Multicast address\n");
-    // An address whose file has been removed meanwhile is of no use to any transfer.
-    const bool isInUse = IsMulticastInUse();
+    const bool isInUse = IsMulticastInUse() || FileStore::threadMulticast.IsSending();
+    if (!isInUse) ReclaimAddresses();
     IpRange range;
     {
         const KelLock lock(FileStore::mutexSettings);
@@ -147,7 +158,6 @@ bool MulticastPlanner::Reserve(const FileStoreEntry& file) {
     }
     {
         const KelLock lock(FileStore::mutexMulticastVector);
-        if (!isInUse) FileStore::vecMulticastAddressInUse.clear();
         address_ = FileStore::GetFreeMulticastAddress(range, FileStore::vecMulticastAddressInUse);
     }
     if (address_.empty()) return false;

@@ -33,6 +33,7 @@ bool FileStoreMulticastThread::DoWork() {
 
 bool FileStoreMulticastThread::SendMulticastData() {
     FileStore::debugFileStore.Trace("MulticastThread: Enter SendMulticastData\n");
+    isSending_ = false;
     if (unclosed_ && !Close(*unclosed_)) return false;
     if (!MulticastPlanner::IsWindowOpen()) {
         FileStore::debugFileStore.Trace("MulticastThread: No Multicast window defined\n");
@@ -44,16 +45,26 @@ bool FileStoreMulticastThread::SendMulticastData() {
         FileStore::debugFileStore.Trace("MulticastThread: No files to transfer\n");
         return false;
     }
-    FileStoreEntry& file = planned.front();
+    isSending_ = true;
+    const bool isClosed = Send(planned.front());
+    isSending_ = false;
+    return isClosed;
+}
+
+bool FileStoreMulticastThread::Send(FileStoreEntry& file) {
     FileStore::debugFileStore.Print("MulticastThread: %S/%S/%S\n", file.FileType, file.FileLabel,
                                     file.FileName);
     file.FileURL = AnnouncedUrl(file);  // the path under which the devices know it
     if (!BeginMulticast(file.FileId, file.MulticastAddress, file.FileURL)) return false;
     FileStore::debugFileStore.Detail("MulticastThread: ToBeStarted parameter set to 2\n");
+    unclosed_ = file;
     MulticastListeners listeners(file, [this] { return CheckCancelled(false); });
     Repeat(listeners);
-    if (CheckCancelled(false)) return true;
-    listeners.Finish();
+    if (!CheckCancelled(false)) listeners.Finish();
+    if (CheckCancelled(false)) {
+        unclosed_.reset();
+        return true;
+    }
     return Close(file);
 }
 
@@ -107,10 +118,7 @@ unsigned int FileStoreMulticastThread::SendPackets(const FileStoreEntry& file,
 /// The file can be planned again, and its group is free. False when that could not be recorded; it is tried
 /// again at the next step.
 bool FileStoreMulticastThread::Close(const FileStoreEntry& file) {
-    if (!EndMulticast(file.FileId, file.MulticastAddress)) {
-        unclosed_ = file;
-        return false;
-    }
+    if (!EndMulticast(file.FileId, file.MulticastAddress)) return false;
     {
         const KelLock lock(FileStore::mutexMulticastVector);
         FileStore::DropFreeMulticastAddress(file.MulticastAddress, FileStore::vecMulticastAddressInUse);

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <optional>
 #include <set>
@@ -18,6 +19,9 @@ class FileStoreMulticastThread : public FileThreadBase {
     /// One transfer: true when a planned file was found. Public for tests, on any one thread.
     bool SendMulticastData();
 
+    /// True while a transfer is in progress, also when its file is removed meanwhile. Any thread.
+    bool IsSending() const { return isSending_; }
+
     // Milliseconds, which end early only when the thread is cancelled; shorter in tests.
     inline static std::uint64_t waitBeforeSending = 5000;
     inline static std::uint64_t waitAfterSending = 15000;  ///< for what is still on its way
@@ -31,9 +35,11 @@ class FileStoreMulticastThread : public FileThreadBase {
                                      const std::set<std::uint32_t>& blocks);
 
   private:
+    bool Send(FileStoreEntry& file);
     void Repeat(filestore::MulticastListeners& listeners);
     void SendOnce(filestore::MulticastListeners& listeners, std::uint32_t pass);
     bool Close(const FileStoreEntry& file);
 
-    std::optional<FileStoreEntry> unclosed_;  ///< a transfer whose end could not be recorded
+    std::atomic<bool> isSending_ = false;
+    std::optional<FileStoreEntry> unclosed_;  ///< the transfer that has begun and whose end is not recorded
 };

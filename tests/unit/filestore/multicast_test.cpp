@@ -157,6 +157,19 @@ TEST_F(MulticastTest, PlanIsMadeOrPutOffByWhatTheFileItsTargetsAndTheGroupSay) {
     }
 }
 
+TEST_F(MulticastTest, GroupOfAFileThatWasRemovedIsFreeAgain) {
+    std::list<Device> devices;
+    for (int i = 0; i < 2; ++i)
+        devices.emplace_back(0U);
+    const std::uint64_t removed = Add("removed", "", devices);
+    EXPECT_TRUE(notify_.NotifyTargets());
+    filestore::DeleteFileRow(kDown, removed);
+    const std::uint64_t fileId = Add("n", "", devices);
+    EXPECT_TRUE(notify_.NotifyTargets());
+    EXPECT_EQ(State(fileId), "1|0");
+    EXPECT_EQ(Listeners(), (Texts{"224.2.0.0|3|MulticastWaiting", "224.2.0.0|4|MulticastWaiting"}));
+}
+
 TEST_F(MulticastTest, FileWithTooFewTargetsSaysSoAndGoesByUnicastAfterSomeTries) {
     std::list<Device> devices;
     const std::uint64_t fileId = Add("n", "", devices);
