@@ -9,13 +9,13 @@
 
 #include "kel/ip_address.h"
 #include "kelcore/http/bandwidth_manager.h"
-#include "kelcore/http/rate_pacer.h"
 
 /// Paces one transmission by a bandwidth manager. One thread at a time.
 ///
 /// A percentage or per-thousand rate is of the bandwidth to the peer (HttpPeerBandwidth), divided by the
-/// number of its clients, or of the manager's own transmissions when these are more. A rate that changes
-/// (also to 0: closed) takes effect within 200 ms.
+/// number of its clients, or of the manager's own transmissions when these are more. What a transmission
+/// leaves unused of its rate goes to the others of its manager (HttpRateQueue). A rate that changes (also to
+/// 0: closed) takes effect within 200 ms.
 class HttpManagedTransmission {
   public:
     using Clock = std::chrono::steady_clock;
@@ -47,6 +47,7 @@ class HttpManagedTransmission {
 
   private:
     std::uint64_t BitsPerSecond(Clock::time_point now);
+    bool Await(std::uint64_t place, const std::function<bool()>& cancelled);
     void ShareRelativeRate();
     bool ReadRate(Clock::time_point now);
     bool IsRelative() const { return manager_.IsPercentage() || manager_.IsPerThousand(); }
@@ -56,7 +57,7 @@ class HttpManagedTransmission {
     IpAddress peer_;
     bool started_ = false;
     bool sharesRelativeRate_ = false;
-    HttpRatePacer pacer_;
+    std::uint64_t bitsPerSecond_ = 0;   ///< the rate read last; 0: none
     Clock::time_point nextRateRead_{};  ///< until then the rate read last counts
     std::uint64_t frameBytes_ = 1400;   ///< as given with the rate
 };
