@@ -24,7 +24,7 @@
 #include "kel/path.h"
 #include "kel/text.h"
 #include "kelcore/agent.h"
-#include "kelcore/http/rate_pacer.h"
+#include "kelcore/http/rate_queue.h"
 #include "kelcore/multicast/sender.h"
 #include "modules/http_protocol/multicast_receiver.h"
 
@@ -82,14 +82,13 @@ class Sender {
 
     std::string Send(const std::set<std::uint32_t>& blocks) {
         std::uint64_t sent = 0;
-        HttpRatePacer pacer;
-        pacer.Restart(HttpRatePacer::Clock::now());
-        pacer.SetRate(kbits_ * 1000, HttpRatePacer::Clock::now());
+        HttpRateQueue queue;
+        queue.Join(HttpRateQueue::Clock::now());
+        queue.SetRate(kbits_ * 1000, HttpRateQueue::Clock::now());
         const unsigned int result = sender_.Send(message_, arguments_.block, blocks, [&](std::size_t bytes) {
             sent += bytes;
-            const auto now = HttpRatePacer::Clock::now();
-            pacer.Add(bytes, now);
-            std::this_thread::sleep_for(pacer.Remaining(now));
+            const auto now = HttpRateQueue::Clock::now();
+            std::this_thread::sleep_for(queue.Remaining(queue.Add(bytes, now), now));
             return true;
         });
         return result == 0 ? std::to_string(sent) : "failed";

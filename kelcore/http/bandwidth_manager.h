@@ -4,6 +4,7 @@
 
 #include "kel/ip_address.h"
 #include "kelcore/http/peer_bandwidth.h"
+#include "kelcore/http/rate_queue.h"
 
 /// Decides whether and how fast managed transmissions may run. Implemented by their owner; called from every
 /// thread that runs a managed transmission, so implementations lock for themselves.
@@ -11,6 +12,8 @@ class HttpBandwidthManager {
   public:
     virtual ~HttpBandwidthManager() = default;
 
+    /// What the transmissions have passed.
+    HttpRateQueue rateQueue;
     /// What relative rates are shares of, and how many transmissions share them here.
     HttpPeerBandwidth peerBandwidth;
     std::atomic<unsigned int> relativeTransmissions = 0;

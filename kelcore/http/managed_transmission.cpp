@@ -8,6 +8,8 @@ namespace {
 using Clock = HttpManagedTransmission::Clock;
 
 constexpr auto kSlice = std::chrono::milliseconds(100);  ///< of sleep, and between readings of the rate
+constexpr std::uint64_t kPartsPerSecond = 200;
+constexpr std::uint64_t kLeastPart = 1000;               ///< bytes
 constexpr unsigned long kMaxRate = 1'000'000'000'000UL;  ///< keeps products below 2^64
 
 }  // namespace
@@ -23,9 +25,9 @@ bool HttpManagedTransmission::Start() {
     if (manager_.StartTransmission() < 0) return false;
     started_ = true;
     nextRateRead_ = {};
+    manager_.rateQueue.Join(Clock::now());
     // Before anything is connected: a relative rate is measured, and the pieces depend on the rate.
     if (IsLimited()) ReadRate(Clock::now());
-    pacer_.Restart(Clock::now());
     return true;
 }
 
@@ -34,33 +36,40 @@ void HttpManagedTransmission::End() {
     started_ = false;
     if (sharesRelativeRate_) --manager_.relativeTransmissions;
     sharesRelativeRate_ = false;
+    manager_.rateQueue.Leave();
     manager_.EndTransmission();
 }
 
 bool HttpManagedTransmission::Pass(std::uint64_t bytes, const std::function<bool()>& cancelled) {
-    Clock::time_point now = Clock::now();
-    if (!IsLimited()) {
-        pacer_.Restart(now);
-        return !cancelled || !cancelled();
-    }
-    if (!ReadRate(now)) return false;
-    pacer_.Add(bytes, now);
-    return Await(now, cancelled);
-}
-
-bool HttpManagedTransmission::PassAhead(std::uint64_t bytes, const std::function<bool()>& cancelled) {
-    const Clock::time_point now = Clock::now();
-    if (!IsLimited()) return Pass(0, cancelled);
-    if (cancelled && cancelled()) return false;
-    if (!ReadRate(now) || !Await(now, cancelled)) return false;
-    pacer_.Add(bytes, Clock::now());
+    do {
+        const Clock::time_point now = Clock::now();
+        if (!IsLimited()) {
+            manager_.rateQueue.Clear(now);
+            return !cancelled || !cancelled();
+        }
+        if (!ReadRate(now)) return false;
+        // One part in the queue at a time: transmissions with large pieces get no more than others.
+        const std::uint64_t part =
+            std::min(bytes, std::max(bitsPerSecond_ / 8 / kPartsPerSecond, kLeastPart));
+        bytes -= part;
+        if (!Await(manager_.rateQueue.Add(part, now), cancelled)) return false;
+    } while (bytes > 0);
     return true;
 }
 
-/// Sleeps until all that was passed is paid.
-bool HttpManagedTransmission::Await(Clock::time_point now, const std::function<bool()>& cancelled) {
+bool HttpManagedTransmission::PassAhead(std::uint64_t bytes, const std::function<bool()>& cancelled) {
+    if (!IsLimited()) return Pass(0, cancelled);
+    if (cancelled && cancelled()) return false;
+    if (!ReadRate(Clock::now()) || !Await(lastPlace_, cancelled)) return false;
+    lastPlace_ = manager_.rateQueue.Add(bytes, Clock::now(), mostBurst_);
+    return true;
+}
+
+/// Sleeps until all up to a place in the queue is paid; false when the transmission must stop.
+bool HttpManagedTransmission::Await(std::uint64_t place, const std::function<bool()>& cancelled) {
+    Clock::time_point now = Clock::now();
     while (true) {
-        const Clock::duration wait = pacer_.Remaining(now);
+        const Clock::duration wait = manager_.rateQueue.Remaining(place, now);
         if (wait <= Clock::duration::zero()) return true;
         if (cancelled && cancelled()) return false;
         std::this_thread::sleep_for(std::min<Clock::duration>(wait, kSlice));
@@ -72,7 +81,7 @@ bool HttpManagedTransmission::Await(Clock::time_point now, const std::function<b
 
 std::size_t HttpManagedTransmission::PieceBytes() const {
     static constexpr std::uint64_t kMost = std::uint64_t{256} << 10;
-    const std::uint64_t second = std::max<std::uint64_t>(pacer_.BitsPerSecond() / 8, 1);
+    const std::uint64_t second = std::max<std::uint64_t>(bitsPerSecond_ / 8, 1);
     return static_cast<std::size_t>(std::clamp(second / 20, std::min({frameBytes_, second, kMost}), kMost));
 }
 
@@ -82,7 +91,8 @@ bool HttpManagedTransmission::ReadRate(Clock::time_point now) {
     if (now < nextRateRead_) return true;
     const std::uint64_t rate = BitsPerSecond(now);
     if (rate == 0) return false;
-    pacer_.SetRate(rate, now);
+    bitsPerSecond_ = rate;
+    manager_.rateQueue.SetRate(rate, now);
     nextRateRead_ = now + kSlice;
     return true;
 }

@@ -9,13 +9,13 @@
 
 #include "kel/ip_address.h"
 #include "kelcore/http/bandwidth_manager.h"
-#include "kelcore/http/rate_pacer.h"
 
 /// Paces one transmission by a bandwidth manager. One thread at a time.
 ///
 /// A percentage or per-thousand rate is of the bandwidth to the peer (HttpPeerBandwidth), divided by the
-/// number of its clients, or of the manager's own transmissions when these are more. A rate that changes
-/// (also to 0: closed) takes effect within 200 ms.
+/// number of its clients, or of the manager's own transmissions when these are more. What a transmission
+/// leaves unused of its rate goes to the others of its manager (HttpRateQueue). A rate that changes (also to
+/// 0: closed) takes effect within 200 ms.
 class HttpManagedTransmission {
   public:
     using Clock = std::chrono::steady_clock;
@@ -30,7 +30,7 @@ class HttpManagedTransmission {
     void SetPeer(std::function<std::optional<IpAddress>()> find) { findPeer_ = std::move(find); }
 
     /// Passes no more than `bytes` at once, also after a stall. Before Start.
-    void LimitBursts(std::uint64_t bytes) { pacer_.LimitBursts(bytes); }
+    void LimitBursts(std::uint64_t bytes) { mostBurst_ = bytes; }
 
     /// Begins; false when the manager refuses it.
     bool Start();
@@ -53,8 +53,8 @@ class HttpManagedTransmission {
     bool IsLimited() const { return manager_.BandwidthIsLimited(); }
 
   private:
-    bool Await(Clock::time_point now, const std::function<bool()>& cancelled);
     std::uint64_t BitsPerSecond(Clock::time_point now);
+    bool Await(std::uint64_t place, const std::function<bool()>& cancelled);
     void ShareRelativeRate();
     bool ReadRate(Clock::time_point now);
     bool IsRelative() const { return manager_.IsPercentage() || manager_.IsPerThousand(); }
@@ -64,7 +64,9 @@ class HttpManagedTransmission {
     IpAddress peer_;
     bool started_ = false;
     bool sharesRelativeRate_ = false;
-    HttpRatePacer pacer_;
+    std::uint64_t bitsPerSecond_ = 0;   ///< the rate read last; 0: none
     Clock::time_point nextRateRead_{};  ///< until then the rate read last counts
     std::uint64_t frameBytes_ = 1400;   ///< as given with the rate
+    std::uint64_t mostBurst_ = 0;       ///< bytes; 0: as the queue allows
+    std::uint64_t lastPlace_ = 0;       ///< in the queue, of what PassAhead let pass last
 };

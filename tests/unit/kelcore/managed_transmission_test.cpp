@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "fake_bandwidth_manager.h"
-#include "kelcore/http/rate_pacer.h"
+#include "kelcore/http/rate_queue.h"
 #include "kelcore/http/speed_watch.h"
 
 using namespace std::chrono_literals;
@@ -12,45 +12,62 @@ namespace {
 
 constexpr HttpManagedTransmission::Clock::time_point kStart(1000s);
 
-TEST(RatePacer, SumsUpToTheRateWhateverThePieces) {
+TEST(RateQueue, SumsUpToTheRateWhateverThePieces) {
     for (const std::uint64_t piece : {1U, 1400U, 16384U, 1U << 20}) {
-        HttpRatePacer pacer;
+        HttpRateQueue queue;
         auto now = kStart;
-        pacer.Restart(now);
-        pacer.SetRate(8'000'000, now);
+        queue.Join(now);
+        queue.SetRate(8'000'000, now);
         const std::uint64_t pieces = (4U << 20) / piece / (piece == 1 ? 64 : 1);
         for (std::uint64_t i = 0; i < pieces; ++i) {
-            pacer.Add(piece, now);
-            now += pacer.Remaining(now);
+            const std::uint64_t place = queue.Add(piece, now);
+            now += queue.Remaining(place, now);
         }
         const double seconds = std::chrono::duration<double>(now - kStart).count();
         EXPECT_NEAR(seconds, static_cast<double>(pieces * piece) / 1e6, 0.005) << piece;
     }
 }
 
-TEST(RatePacer, AStallEarnsAtMostOneSecondOfCreditAndANewRateHoldsForWhatIsUnpaid) {
-    HttpRatePacer pacer;
-    pacer.SetRate(8'000, kStart);  // 1000 bytes a second
-    pacer.Add(1000, kStart);
-    EXPECT_EQ(pacer.Remaining(kStart), 1s);
-    pacer.Add(3000, kStart + 3600s);
-    EXPECT_EQ(pacer.Remaining(kStart + 3600s), 2s);
-    const auto now = kStart + 3601s;  // what is unpaid is paid at the new rate
-    pacer.SetRate(4'000, now);
-    EXPECT_EQ(pacer.Remaining(now), 2s);
-    pacer.SetRate(1, now);
-    pacer.Add(UINT64_MAX / 2, now);
-    EXPECT_GT(pacer.Remaining(now), 86400s) << "no overflow";
+TEST(RateQueue, AStallEarnsAtMostASecondIdleTimeNothingAndANewRateHoldsForWhatIsUnpaid) {
+    HttpRateQueue queue;
+    queue.Join(kStart);
+    queue.SetRate(8'000, kStart);  // 1000 bytes a second
+    EXPECT_EQ(queue.Remaining(queue.Add(1000, kStart), kStart), 1s);
+    const std::uint64_t stalled = queue.Add(3000, kStart + 3600s);
+    EXPECT_EQ(queue.Remaining(stalled, kStart + 3600s), 2s);
+    auto now = kStart + 3601s;
+    queue.SetRate(4'000, now);
+    EXPECT_EQ(queue.Remaining(stalled, now), 2s);
+    queue.Leave();
+    now += 3600s;
+    queue.Join(now);
+    EXPECT_EQ(queue.Remaining(queue.Add(500, now), now), 1s);
+    queue.SetRate(1, now);
+    EXPECT_GT(queue.Remaining(queue.Add(UINT64_MAX / 2, now), now), 86400s) << "no overflow";
+    queue.Clear(now);
+    EXPECT_EQ(queue.Remaining(queue.Add(0, now), now), 0s);
 }
 
-TEST(RatePacer, AStallEarnsNoMoreCreditThanALimitOfBurstsLeaves) {
-    HttpRatePacer pacer;
-    pacer.LimitBursts(1500);
-    pacer.SetRate(8'000, kStart);
-    pacer.Add(1000, kStart + 3600s);
-    EXPECT_EQ(pacer.Remaining(kStart + 3600s), 500ms);
-    pacer.Add(2000, kStart + 7200s);  // larger than any burst may be
-    EXPECT_EQ(pacer.Remaining(kStart + 7200s), 2s);
+TEST(RateQueue, ShareThatOneDoesNotUseGoesToTheOthersAndComesBackAtOnce) {
+    HttpRateQueue queue;
+    for (int i = 0; i < 2; ++i)
+        queue.Join(kStart);
+    queue.SetRate(8'000, kStart);  // each 1000 bytes a second
+    EXPECT_EQ(queue.Remaining(queue.Add(1000, kStart), kStart), 500ms) << "the other one passes nothing";
+    const std::uint64_t second = queue.Add(1000, kStart);
+    EXPECT_EQ(queue.Remaining(second, kStart), 1s) << "both pass their share";
+    queue.Add(5000, kStart);
+    EXPECT_EQ(queue.Remaining(second, kStart), 1s) << "later pieces stand behind it";
+}
+
+TEST(RateQueue, AStallEarnsNoMoreCreditThanALimitOfBurstsLeaves) {
+    HttpRateQueue queue;
+    queue.Join(kStart);
+    queue.SetRate(8'000, kStart);
+    auto now = kStart + 3600s;
+    EXPECT_EQ(queue.Remaining(queue.Add(1000, now, 1500), now), 500ms);
+    now += 3600s;
+    EXPECT_EQ(queue.Remaining(queue.Add(2000, now, 1500), now), 2s) << "larger than any burst may be";
 }
 
 TEST(ManagedTransmission, ASleepEndsWithItsWindowItsRateOrItsCaller) {

@@ -3,6 +3,7 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 
+#include "kel/text.h"
 #include "kelcore/net/udp_socket.h"
 #include "module_fixture.h"
 #include "test_http_server.h"
@@ -78,18 +79,19 @@ TEST_F(WakeOnLanTest, PacketHoldsTheAddressOfTheCardSixteenTimes) {
 
 TEST_F(WakeOnLanTest, UnusableValuesSendNothing) {
     RunningModule<WakeOnLan> module;
-    for (const std::string value :
-         {"MACAddr=", "MACAddr=02-00-7F-00-01", "MACAddr=02-00:7F-00-01-0A", "MACAddr=02-00-7F-00-01-0G",
-          "MACAddr=02-00-7F-00-01-+A", "MACAddr=00-00-00-00-00-00", "MACAddr=FF-FF-FF-FF-FF-FF",
-          "MACAddr=01-00-5E-00-00-01", "IPAddr=host", "IPAddr=0.0.0.1", "IPAddr=127.0.1.255",
-          "IPAddr=127.0.1.0", "IPAddr=224.0.0.5", "IPAddr=255.255.255.255",
-          "NetworkMask=", "NetworkMask=255.0.255.0", "NetworkMask=0.0.0.0", "NetworkMask=254.0.0.0",
-          "NetworkMask=255.255.255.254"})
+    for (const KelString& value :
+         SplitText("MACAddr=|MACAddr=02-00-7F-00-01|MACAddr=02-00:7F-00-01-0A|MACAddr=02-00-7F-00-01-0G|"
+                   "MACAddr=02-00-7F-00-01-+A|MACAddr=00-00-00-00-00-00|MACAddr=FF-FF-FF-FF-FF-FF|MACAddr=01-"
+                   "00-5E-00-00-01|IPAddr=host|IPAddr=0.0.0.1|IPAddr=127.0.1.255|IPAddr=127.0.1.0|IPAddr=224."
+                   "0.0.5|IPAddr=255.255.255.255|NetworkMask=|NetworkMask=255.0.255.0|NetworkMask=0.0.0.0|"
+                   "NetworkMask=254.0.0.0|NetworkMask=255.255.255.254",
+                   '|'))
         EXPECT_EQ(Call("WakeOnLanWakeUp", Request("127.0.1.10", {"WakeOnLanDevice" + value})),
                   kKelErrorBadInput)
             << value;
-    for (const std::string value : {"NumberOfRetry=-1", "NumberOfRetry=21", "NumberOfRetry=x",
-                                    "RetryInterval=0", "RetryInterval=3601", "Way=host", "Way=a@b:80"})
+    for (const KelString& value : SplitText("NumberOfRetry=-1|NumberOfRetry=21|NumberOfRetry=x|RetryInterval="
+                                            "0|RetryInterval=3601|Way=host|Way=a@b:80",
+                                            '|'))
         EXPECT_EQ(Call("WakeOnLanWakeUp", Request("127.0.1.10", {"WakeOnLan" + value})), kKelErrorBadInput)
             << value;
     EXPECT_EQ(listener_.Take(), "");
