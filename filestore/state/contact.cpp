@@ -149,6 +149,7 @@ unsigned int FileStore::ActionHandler_FileStoreParentInSync(KelContainer* argume
     MakeDueForParent();
     WakeWorker(Worker::Pull);
     WakeWorker(Worker::Push);
+    WakeWorker(Worker::Delete);  // it notes which databases the parent has
     KelString parentUrl, parentGuid;
     GetRelayUrl(parentUrl, parentGuid);
     if (parentUrl.empty() || OurDeviceUrl().empty()) return kKelOk;
