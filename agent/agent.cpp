@@ -8,6 +8,7 @@
 #include "agent/agent_options.h"
 #include "agent/heap.h"
 #include "kelcore/action_db.h"
+#include "kelcore/callback_db.h"
 #include "kelcore/http/client.h"
 
 namespace {
@@ -50,6 +51,8 @@ int Agent::Run() {
     const bool started = Start(stop);
     if (started && !stop.IsRequested()) {
         LogReady();
+        KelContainer none;
+        CallbackDbTrigger("AgentCallbackReady", {}, none);
         while (!stop.WaitFor(kReleasePause))
             ReleaseFreeMemory();
     }

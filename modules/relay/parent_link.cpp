@@ -60,6 +60,11 @@ void ParentLink::RequestCheck() {
     Signal(0);
 }
 
+void ParentLink::ReportAgain() {
+    isReportDue_ = true;
+    Signal(0);
+}
+
 std::uint64_t ParentLink::MillisecondsToNextCheck() const {
     if (!lastCheck_) return 0;
     bool isSoon = isCheckRequested_;
@@ -76,6 +81,7 @@ std::uint64_t ParentLink::MillisecondsToNextCheck() const {
 }
 
 void ParentLink::CheckWhenDue() {
+    if (isReportDue_.exchange(false) && GetState().inSync && !CheckCancelled(false)) events_.inSync({});
     if (MillisecondsToNextCheck() != 0) return;  // woken before its time
     std::uint64_t asked = 0;
     {

@@ -62,6 +62,9 @@ class ParentLink : public KelPeriodicThread {
     /// could not reach it. From any thread.
     void RequestCheck();
 
+    /// Has `inSync` called once more if the parent is in sync. From any thread.
+    void ReportAgain();
+
     /// Writes another parent to the ini file, has the thread take it over, and waits up to ten seconds for
     /// its answer; one that cannot be reached is accepted. The state afterwards. An error, with nothing
     /// changed, for an unusable place, on a master, and when the device there is this one or lies below it.
@@ -99,6 +102,7 @@ class ParentLink : public KelPeriodicThread {
     std::atomic<std::uint32_t> retryInterval_ = 0;
     std::atomic<bool> settled_ = false;
     std::atomic<bool> isCheckRequested_ = false;
+    std::atomic<bool> isReportDue_ = false;
     KelMutex mutexIni_;  ///< held across reading and writing the ini file
 
     // Only the thread uses these, once it runs.

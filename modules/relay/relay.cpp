@@ -11,6 +11,13 @@
 #include "kelcore/error_codes.h"
 #include "kelcore/file_values.h"
 
+namespace {
+
+constexpr const char* kReadyEvent = "AgentCallbackReady";
+constexpr const char* kReadySignature = "RelayAgentReady ()";
+
+}  // namespace
+
 Relay::Relay()
     : KelModule("Relay", "Relay module"),
       replay_(Log(), [this] { return replayThread_.CheckCancelled(false); }),
@@ -40,6 +47,15 @@ void Relay::Register(const char* handle) {
         },
         handle);
     ActionDbRegisterAction(
+        kReadySignature,
+        [this](KelContainer* arguments) {
+            arguments->Clear();
+            parentLink_.ReportAgain();
+            return static_cast<unsigned int>(kKelOk);
+        },
+        handle);
+    CallbackDbRegisterAction(kReadyEvent, kReadySignature, {}, 0);
+    ActionDbRegisterAction(
         "RelaySetParent (string ParentName, int32 ParentPort)",
         [this](KelContainer* arguments) { return SetParent(arguments); }, handle);
     ActionDbRegisterAction(
@@ -49,6 +65,10 @@ void Relay::Register(const char* handle) {
     ActionDbRegisterAction(
         "RelayClearPackage (string FileType, string FileLabel)",
         [this](KelContainer* arguments) { return ClearPackage(arguments); }, handle);
+}
+
+void Relay::Unregister() {
+    CallbackDbDeleteAction(kReadyEvent, kReadySignature, {});
 }
 
 bool Relay::Initialise() {

@@ -21,6 +21,8 @@
 /// - RelayCheckParent (): for modules that could not reach the parent; has it called soon. When it answers,
 /// the
 ///   event RelayCallbackParentInSync follows
+/// - RelayAgentReady (): subscribed to the event AgentCallbackReady; has RelayCallbackParentInSync triggered
+///   once more when the parent answered before this device could be called
 /// - RelayReceiveFile (FileLabel, FileName, FilePath and more values of the file): keeps a copy of a
 /// published
 ///   package as "data/Relay/Packages/<label>/<name>" -> FilePath, the copy's
@@ -45,6 +47,7 @@ class Relay : public KelModule {
     bool Initialise() override;
     bool Activate() override;
     void Cleanup() override;
+    void Unregister() override;
     std::span<const IniSetting> IniSettings() const override { return RelayIniSettings(); }
     void CheckIni(const IniFile& ini, KelVector<IniFault>& faults) const override {
         CheckRelayIni(ini, faults);

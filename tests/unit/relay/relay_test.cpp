@@ -105,6 +105,9 @@ TEST_F(RelayTest, AnAnsweringParentIsInSyncAndValidatesTheSchemeOncePerGuid) {
     EXPECT_EQ(reports_, 1);
     Call("RelayCheckParent");  // somebody could not reach it
     EXPECT_TRUE(Eventually([this] { return reports_ == 2; }));
+    KelContainer none;
+    CallbackDbTrigger("AgentCallbackReady", {}, none);
+    EXPECT_TRUE(Eventually([this] { return reports_ == 3; })) << "it could not call this device before";
     parent.SetGuid(kOtherGuid);
     EXPECT_TRUE(Eventually([this] { return validations_ == 2; }));
 }
