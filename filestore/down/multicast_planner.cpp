@@ -25,7 +25,7 @@ namespace {
 constexpr std::size_t kMostAtOnce = 50;
 constexpr std::size_t kMostRemembered = 10000;
 
-/// What a device is told so that it listens. It lacks what only a download needs.
+/// The call that makes a device listen, without what only a download needs.
 KelContainer MulticastAnnouncement(const FileTarget& row, const KelString& address) {
     FileOffer announcement = BuildAnnouncement(row);
     announcement.url = AnnouncedUrl(row.file);
@@ -58,7 +58,7 @@ static void ReclaimAddresses() {
     ForgetAllListeners();
 }
 
-/// A target that is told to listen, and what has come of it.
+/// A target that is asked to listen, and its answer.
 struct MulticastPlanner::Invitation {
     FileTarget row;
     KelString url{};

@@ -67,8 +67,8 @@ class MulticastPlanner {
 
     const KelThread& thread_;
     KelString address_;  ///< reserved for the file that is being prepared
-    /// How often in a row too few devices listened, by FileId. What keeps a file with too few targets from
-    /// waiting for more of them for ever.
+    /// How often in a row too few devices listened, by FileId: a file with too few targets must not wait for
+    /// more of them without end.
     KelHash<std::uint64_t, std::uint32_t> fruitless_;
 };
 

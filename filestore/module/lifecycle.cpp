@@ -56,7 +56,7 @@ void DetermineRole() {
 }
 
 /// A restart has ended every multicast transfer: files that waited for one are requested again, and devices
-/// that listened for one are told again, before the multicast thread looks for work.
+/// that listened for one get a new announcement, before the multicast thread looks for work.
 void RepairMulticast() {
     {
         const KelLock lock(FileStore::mutexMulticastVector);
