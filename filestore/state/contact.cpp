@@ -120,6 +120,7 @@ void NoteSignOfLife(const KelString& deviceUrl) {
 void EndTargetsOf(const KelString& device) {
     const KelString guid = StringTokeniser(device, '/').GetToken(1);
     if (!IsUsableGuid(guid)) return;
+    DeleteWithdrawalsOf(guid);  // if that fails, they are only tried in vain
     const KelVector<KelString> names = DeleteTargetsOfDevice(guid);
     for (const KelString& name : names) {
         Reasons().DeviceAnswered(name);
