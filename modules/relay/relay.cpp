@@ -157,6 +157,8 @@ unsigned int Relay::GetValues(KelContainer* arguments) const {
 }
 
 unsigned int Relay::SetParent(KelContainer* arguments) {
+    if (!ActionIsFromThisDevice(*arguments))
+        return Answer(arguments, KelError{kKelErrorBadInput, "Only this device may change its parent"});
     const std::int32_t port = arguments->GetInt32("ParentPort");
     ParentPlace place{arguments->GetString("ParentName"), 0};
     if (port > 0 && port <= 65535) place.port = static_cast<std::uint16_t>(port);

@@ -189,6 +189,8 @@ TEST_F(RelayTest, AnotherParentIsFollowedUnlessItIsALoop) {
     {
         const ActiveModule<Relay> module;
         ASSERT_TRUE(Eventually(IsInSync));
+        KelContainer foreign = From(Values({"ParentName=127.0.1.1", "ParentPort=1610"}), "127.0.1.9");
+        EXPECT_EQ(Call("RelaySetParent", foreign), kKelErrorBadInput);
         second.isBelow = true;
         EXPECT_NE(set(second, kKelErrorBadInput).GetString("Message").find("below this device"),
                   std::string::npos);
