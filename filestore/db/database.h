@@ -26,6 +26,12 @@ FileStoreDatabase FileStoreGetCallbackDatabase();
 
 namespace filestore {
 
+/// Runs a statement that writes, under the mutex of the database; false when it failed, which is logged.
+bool Change(Side side, const KelString& statement);
+
+/// Texts as an SQL list: 'a', 'b'.
+KelString QuotedList(const KelVector<KelString>& texts);
+
 /// Later times in a row were written before the clock was set back. They count as due: otherwise their rows
 /// would wait until the clock has caught up. The minute is for what other threads write meanwhile.
 inline std::int64_t LatestPossibleTime(std::int64_t now) {

@@ -126,12 +126,6 @@ std::int64_t StatusTime(NextTry next) {
     return next == NextTry::AtOnce ? 0 : Now();
 }
 
-bool Change(Side side, const KelString& statement) {
-    const FileStoreDatabase database = FileStoreGetDatabase(side);
-    const KelLock lock(database.mutex);
-    return database.connection.Query(statement) != nullptr;
-}
-
 bool ChangeDownstream(const KelString& statement) {
     return Change(Side::Downstream, statement);
 }

@@ -20,9 +20,7 @@ constexpr char kSelect[] =
     "ORDER BY HandedOver.FileId LIMIT 1000";
 
 bool Change(const KelString& statement) {
-    const FileStoreDatabase database = FileStoreGetDatabase(Side::Downstream);
-    const KelLock lock(database.mutex);
-    return database.connection.Query(statement) != nullptr;
+    return filestore::Change(Side::Downstream, statement);
 }
 
 }  // namespace

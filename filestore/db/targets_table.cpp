@@ -79,9 +79,7 @@ FileStoreDatabase Database() {
 }
 
 bool Change(const KelString& statement) {
-    const FileStoreDatabase database = Database();
-    const KelLock lock(database.mutex);
-    return database.connection.Query(statement) != nullptr;
+    return filestore::Change(Side::Downstream, statement);
 }
 
 KelVector<FileTarget> SelectWithFiles(const KelString& statement) {
@@ -109,13 +107,6 @@ std::optional<KelVector<FileStoreTarget>> Select(const KelString& statement) {
 /// A target that was never announced, or is to be announced again, needs no mark.
 unsigned int IsDueAt(std::int64_t notifyTime) {
     return notifyTime == 0 ? 1 : 0;
-}
-
-KelString QuotedList(const KelVector<KelString>& texts) {
-    KelString list;
-    for (const KelString& text : texts)
-        list += KelFormat("%s'%Q'", list.empty() ? "" : ", ", text);
-    return list;
 }
 
 }  // namespace

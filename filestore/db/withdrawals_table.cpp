@@ -33,16 +33,7 @@ FileStoreDatabase Database() {
 }
 
 bool Change(const KelString& statement) {
-    const FileStoreDatabase database = Database();
-    const KelLock lock(database.mutex);
-    return database.connection.Query(statement) != nullptr;
-}
-
-KelString QuotedList(const KelVector<KelString>& texts) {
-    KelString list;
-    for (const KelString& text : texts)
-        list += KelFormat("%s'%Q'", list.empty() ? "" : ", ", text);
-    return list;
+    return filestore::Change(Side::Downstream, statement);
 }
 
 bool HasAny(const KelString& condition) {
