@@ -1,4 +1,4 @@
-"""A tree whose agents have a network namespace each, joined by a bridge, for what loopback addresses cannot show:
+"""Network namespaces joined by a bridge, and a tree whose agents have one each, for what loopback addresses cannot show:
 datagrams to groups, lost packets, and what travels on a link. Needs root, iproute2 and nftables."""
 
 import json
@@ -10,7 +10,6 @@ from case import BUILD
 from tree import Tree
 
 PORT = 1610
-DROPPED = "ip saddr {source} ip daddr 224.0.0.0/4 {condition} counter drop"
 
 
 def run(*command, check=True):
@@ -18,7 +17,7 @@ def run(*command, check=True):
 
 
 def why_not():
-    """Why this machine cannot make such a tree; empty when it can."""
+    """Why this machine cannot make such a network; empty when it can."""
     if os.geteuid() != 0:
         return "only root makes network namespaces"
     for program in ("ip", "nft"):
@@ -36,14 +35,13 @@ def why_not():
         run("ip", "netns", "del", name, check=False)
 
 
-class NetTree(Tree):
-    """Agent number N has the address 10.77.0.N; the bridge is in a namespace of its own."""
+class Network:
+    """Namespace number N has the address 10.77.0.N on its interface eth0; the bridge is in a namespace of its own."""
 
-    def __init__(self, shape):
-        self.prefix, self.namespaces = f"kel{os.getpid()}", []
+    def __init__(self):
+        self.prefix, self.namespaces = f"kel{os.getpid()}n", []
         self.hub = self.make_namespace("hub")
         run("ip", "-n", self.hub, "link", "add", "br0", "up", "type", "bridge", "mcast_snooping", "0")
-        super().__init__(BUILD, shape)
 
     def make_namespace(self, name):
         name = f"{self.prefix}{name}"
@@ -52,15 +50,65 @@ class NetTree(Tree):
         run("ip", "-n", name, "link", "set", "lo", "up")
         return name
 
-    def choose_address(self, number):
-        """Makes the namespace of the agent with this number, so that its address exists."""
+    def add(self, number):
+        """Makes a namespace; its address."""
         namespace, port = self.make_namespace(str(number)), f"port{number}"
         run("ip", "link", "add", "eth0", "netns", namespace, "type", "veth", "peer", port, "netns", self.hub)
-        # Packets are cut before the bridge, so that they are lost and counted one by one.
-        run("ip", "-n", namespace, "link", "set", "eth0", "up", "gso_max_segs", "1")
+        run("ip", "-n", namespace, "link", "set", "eth0", "up")
         run("ip", "-n", namespace, "address", "add", f"10.77.0.{number}/24", "dev", "eth0")
         run("ip", "-n", self.hub, "link", "set", port, "up", "master", "br0")
         return f"10.77.0.{number}"
+
+    def close(self):
+        for namespace in self.namespaces:
+            run("ip", "netns", "del", namespace, check=False)
+
+    def inside(self, number):
+        """What stands before a command that is to run in a namespace."""
+        return ["ip", "netns", "exec", f"{self.prefix}{number}"]
+
+    def sent_bytes(self, number):
+        """What a namespace has put on the wire so far, Ethernet headers included."""
+        return self.link(number)["rx"]["bytes"]
+
+    def link(self, number):
+        """Statistics of the bridge's port to a namespace."""
+        return json.loads(run("ip", "-n", self.hub, "-s", "-j", "link", "show", "dev", f"port{number}"))[0]["stats64"]
+
+    def drop(self, number, rule, hook="input"):
+        """Lets what an nftables rule matches be lost on its way into a namespace; None: nothing any more."""
+        commands = ["add table ip loss", "delete table ip loss", "add table ip loss",
+                    f"add chain ip loss lossy {{ type filter hook {hook} priority 0; }}"]
+        if rule is not None:
+            commands.append(f"add rule ip loss lossy {rule} counter drop")
+        run(*self.inside(number), "nft", "; ".join(commands))
+
+    def lost_datagrams(self, number):
+        """How many datagrams to a namespace have been lost so far, at most: those that the current rule of `drop` has
+        matched, and those that the kernel had no buffer for, which on a busy machine happens anywhere on the way. A
+        datagram that lacks a fragment counts once for each one that was lost."""
+        rules = json.loads(run(*self.inside(number), "nft", "-j", "list ruleset"))["nftables"]
+        lost = sum(part["counter"]["packets"] for rule in rules if "rule" in rule
+                   for part in rule["rule"]["expr"] if "counter" in part)
+        lines = [line.split() for line in run(*self.inside(number), "cat", "/proc/net/snmp").splitlines()]
+        counts = {f"{names[0]}{name}": int(value) for names, values in zip(lines[::2], lines[1::2])
+                  for name, value in zip(names[1:], values[1:])}
+        lost += counts["Udp:InErrors"] + counts["Ip:InDiscards"] + counts["Ip:ReasmFails"]
+        return lost + self.link(number)["tx"]["dropped"]
+
+
+class NetTree(Tree):
+    """Agent number N is in namespace number N."""
+
+    def __init__(self, shape):
+        self.network = Network()
+        super().__init__(BUILD, shape)
+
+    def choose_address(self, number):
+        address = self.network.add(number)
+        # Packets are cut before the bridge, so that they are lost and counted one by one.
+        run(*self.network.inside(number), "ip", "link", "set", "eth0", "gso_max_segs", "1")
+        return address
 
     @staticmethod
     def number(agent):
@@ -70,29 +118,22 @@ class NetTree(Tree):
         return PORT
 
     def place(self, agent):
-        return ["ip", "netns", "exec", f"{self.prefix}{self.number(agent)}"]
+        return self.network.inside(self.number(agent))
 
     def close(self):
         super().close()
-        for namespace in self.namespaces:
-            run("ip", "netns", "del", namespace, check=False)
+        self.network.close()
 
     def sent_bytes(self, agent):
-        """What an agent has put on the wire so far."""
-        shown = run("ip", "-n", self.hub, "-s", "-j", "link", "show", "dev", f"port{self.number(agent)}")
-        return json.loads(shown)[0]["stats64"]["rx"]["bytes"]
+        return self.network.sent_bytes(self.number(agent))
 
     def drop(self, agent, condition):
         """Lets what its parent sends to groups be lost on its way into an agent where it meets the nftables condition;
         with None, nothing."""
-        nft = [*self.place(agent), "nft"]
-        run(*nft, "add table ip loss")
-        run(*nft, "flush table ip loss")
-        run(*nft, "add chain ip loss input { type filter hook input priority 0; }")
-        if condition is not None:
-            run(*nft, "add rule ip loss input " + DROPPED.format(source=agent.parent.address, condition=condition))
+        rule = f"ip saddr {agent.parent.address} ip daddr 224.0.0.0/4 {condition}"
+        self.network.drop(self.number(agent), None if condition is None else rule)
 
-    def dropped_bytes(self, agent):
-        shown = json.loads(run(*self.place(agent), "nft", "-j", "list table ip loss"))["nftables"]
-        return sum(part["counter"]["bytes"] for rule in shown if "rule" in rule
-                   for part in rule["rule"]["expr"] if "counter" in part)
+    def lost_datagrams(self, agent):
+        """How many datagrams of its parent have been lost on their way to an agent, at most."""
+        before_bridge = self.network.link(self.number(agent.parent))["rx"]["dropped"]
+        return before_bridge + self.network.lost_datagrams(self.number(agent))

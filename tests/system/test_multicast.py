@@ -1,6 +1,11 @@
 """One relay sends to many clients at once: each link carries a file once, and every client ends with the right bytes
-whatever the network loses. Two relays use the same group on the same network throughout."""
+whatever the network loses. Two relays use the same group on the same network throughout.
 
+How fast anything happens does not matter here. A busy machine may lose datagrams, and it may hold up a client until
+blocks have passed or a question has gone unanswered; what that may cost follows from what the kernels and logs say."""
+
+import hashlib
+import re
 import subprocess
 import sys
 import unittest
@@ -9,25 +14,26 @@ import netns
 from case import SystemTest, write_files
 from tree import sha256_of, wait_until
 
-SIZE = 64 << 20
+SIZE = 32 << 20
 CLIENTS = 8
 RATE = 60000  # kbit/s
 GROUP, PORT, BLOCK = "224.2.0.0", 1500, 32000
-SECONDS = 240
-SUCCEEDED = "devices successfully distributed by multicast"
-# Sends what looks like a file's datagrams, but lacks the tree's password.
+SECONDS = 600  # only a hang takes that long
+# Sends what looks like a file's datagrams, but lacks the tree's password. Says when it has begun.
 FORGER = """
 import socket, sys, time
 path, size, block, local, group, port = sys.argv[1:]
-size, block, digits, first, end = int(size), int(block), len(size), 0, time.time() + 20
+size, block, digits, first = int(size), int(block), len(size), 0
 sender = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
 sender.setsockopt(socket.IPPROTO_IP, socket.IP_MULTICAST_IF, socket.inet_aton(local))
-while time.time() < end:
+while True:
     head = (f"PUT {path} HTTP/1.1\\r\\nContent-Range: bytes {first:0{digits}}-{first + block - 1:0{digits}}/{size}\\r\\n"
             f"Content-Length: {block}\\r\\nKel-Code: {'0' * 32}\\r\\n\\r\\n")
     sender.sendto(head.encode() + b"X" * block, (group, int(port)))
+    if first == 0:
+        print("sending", flush=True)
     first = (first + block) % (size - size % block)
-    time.sleep(0.005)
+    time.sleep(0.01)
 """
 
 
@@ -37,86 +43,115 @@ class Multicast(SystemTest):
         self.tree = netns.NetTree([CLIENTS, CLIENTS])
         self.addCleanup(self.tree.close)
         for relay in self.tree.relays:
+            relay.set_ini("Agent", "Agent", "LogLevel", "detail")
             for key, value in (("MulticastTransferDelay", 5), ("MulticastBlockSize", BLOCK), ("MulticastRetry", 8),
                                ("MulticastDifferencialRetry", "true"), ("MulticastMinimumSuccessRate", 100)):
                 relay.set_ini("FileStore", "Multicast", key, value)
-        self.tree.start()
+        self.tree.start(SECONDS)
         for relay in self.tree.relays:
             relay.kel("windows", "set", "multicast", "--slots", RATE)
 
     def clients_of(self, relay):
         return [client for client in self.tree.clients if client.parent is relay]
 
-    def publish(self, relay, name, clients=None):
-        """Publishes a file to clients of a relay; what they will have."""
-        path = write_files(self.tree.folder / "files", {name: SIZE}, seed=name)[name]
-        guids = ",".join(client.identity()["GUID"] for client in clients or self.clients_of(relay))
+    def write(self, name):
+        return write_files(self.tree.folder / "files", {name: SIZE}, seed=name)[name]
+
+    def publish(self, relay, path):
+        """Publishes a file to the clients of a relay; what they will have."""
+        guids = ",".join(client.identity()["GUID"] for client in self.clients_of(relay))
         self.tree.publish([path], label="mc", to=guids)
-        return {("mc", name): sha256_of(path)}
+        return {("mc", path.name): sha256_of(path)}
 
-    def wait_logged(self, relay, text, times=1):
-        wait_until(lambda: relay.log().count(text) >= times, SECONDS, f"{relay.name} logs '{text}'")
+    def wait_end(self, relay, name):
+        """Waits until a relay has ended the transfer of a file; what it has logged since its beginning."""
+        def log_of_transfer():
+            log = relay.log().partition(f"MulticastThread: Demo/mc/{name}\n")[2]
+            return "MulticastThread: Multicast transfer terminated" in log and log
+        return wait_until(log_of_transfer, SECONDS, f"{relay.name} ends the transfer of {name}")
 
-    def check_bytes(self, relay, sent, most):
-        sent = self.tree.sent_bytes(relay) - sent
-        print(f"{relay.name} sent {sent / SIZE:.3f} times the file, at most {most / SIZE:.3f}", flush=True)
-        self.assertLessEqual(sent, most, relay.name)
+    @staticmethod
+    def is_held_up(client, name, log):
+        """True for one that began to listen after the first pass had begun, or did not answer in time."""
+        first_pass = re.search(r"(\S+) .*Sending data retry number 1\.", log)[1]
+        began = re.search(rf"(\S+) .*: waiting for .*/{name}, ", client.log())
+        return not began or began[1] > first_pass or bool(
+            re.search(rf"(MulticastIsCompleted on|Failed to notify) {client.address}:", client.parent.log()))
+
+    def traffic(self, relay):
+        """What a relay has sent so far, and how many of its datagrams each client has lost."""
+        return self.tree.sent_bytes(relay), {client: self.tree.lost_datagrams(client) for client in self.clients_of(relay)}
+
+    def check_multicast(self, relay, name, before, clients, alone=()):
+        """These clients got the file by multicast, and the relay, whose traffic was `before`, repeated only what had been
+        lost. The clients `alone` heard nothing and fetched it."""
+        log = self.wait_end(relay, name)
+        held_up = [client for client in clients if self.is_held_up(client, name, log)]
+        self.assertLess(len(held_up), CLIENTS / 2, [client.name for client in held_up])
+        failed = [client.name for client in clients
+                  if client not in held_up and f"Device {client.address}:{netns.PORT} failed to receive" in log]
+        self.assertEqual(failed, [], name)
+        sent, losses = self.traffic(relay)
+        sent -= before[0]
+        lost = sum(losses[client] - before[1][client] for client in losses if client not in alone)
+        # Each datagram has a head, and headers of its fragments; one that was held up may need all again, in both ways.
+        most = SIZE * (1.25 + 1.05 * len(alone) + 2 * len(held_up)) + 1.05 * BLOCK * lost
+        print(f"{relay.name} sent {sent / SIZE:.3f} times the file '{name}', at most {most / SIZE:.3f}; {lost} datagrams "
+              f"lost, held up: {len(held_up)}", flush=True)
+        self.assertGreater(sent, SIZE)
+        self.assertLess(sent, most)
 
     def test_transfers_end_for_every_client_whatever_is_lost(self):
-        self.check_losses()
-        self.check_forger_and_absent_clients()
-        self.check_killed_relay()
-
-    def check_losses(self):
-        """All clients of both relays, which send at the same time, complete by multicast."""
-        expected, before = {}, {}
-        for relay, condition in zip(self.tree.relays, ("numgen random mod 50 0", "numgen random mod 20 0")):
-            for client in self.clients_of(relay):
-                self.tree.drop(client, condition)
-            before[relay] = self.tree.sent_bytes(relay)
-            expected[relay] = self.publish(relay, f"lossy {relay.name}")
-        for relay in self.tree.relays:
-            self.wait_logged(relay, f"{CLIENTS}/{CLIENTS} {SUCCEEDED}")
-            lost = sum(self.tree.dropped_bytes(client) for client in self.clients_of(relay))
-            self.check_bytes(relay, before[relay], SIZE * 1.05 + 1.5 * lost)
-            self.tree.wait_delivered(expected[relay], self.clients_of(relay), 60)
-        for client in self.tree.clients:
-            self.tree.drop(client, None)
-
-    def check_forger_and_absent_clients(self):
-        """Nothing is lost at the first relay, where a stranger sends to the group; at the second, one client hears
-        nothing of the group and one vanishes while it listens."""
         first, second = self.tree.relays
-        deaf, gone, *others = self.clients_of(second)
-        self.tree.drop(deaf, "")
-        before = self.tree.sent_bytes(first)
-        expected = self.publish(first, "forged")
-        url = f"/FileStore/downstream/Demo/mc/{self.checksum_of(first, 'forged')}/forged"
-        master = self.tree.place(self.tree.master)
-        forger = subprocess.Popen([*master, sys.executable, "-c", FORGER, url, str(SIZE), str(BLOCK), "10.77.0.1", GROUP,
-                                   str(PORT)])
+        finish_lossy = self.begin_lossy(first)
+        self.check_absent_clients(second)
+        self.check_killed_relay(second)
+        finish_lossy()
+
+    def begin_lossy(self, relay):
+        """All clients lose something, and a stranger sends to the group. Gives what checks the end."""
+        clients = self.clients_of(relay)
+        for number, client in enumerate(clients):
+            self.tree.drop(client, f"numgen random mod {(20, 50)[number % 2]} 0")
+        before = self.traffic(relay)
+        path = self.write("lossy")
+        url = f"/FileStore/downstream/Demo/mc/{hashlib.md5(path.read_bytes()).hexdigest()}/lossy"
+        place = self.tree.place(self.tree.master)
+        forger = subprocess.Popen([*place, sys.executable, "-c", FORGER, url, str(SIZE), str(BLOCK),
+                                   self.tree.master.address, GROUP, str(PORT)], stdout=subprocess.PIPE)
+        self.addCleanup(forger.communicate)
         self.addCleanup(forger.kill)
-        also = self.publish(second, "absent")
-        wait_until(lambda: second.kel("multicast", "--details"), SECONDS, "the second relay's clients listen")
-        self.assertEqual(second.kel("multicast")[0]["group"], GROUP)
+        forger.stdout.readline()
+        expected = self.publish(relay, path)
+
+        def finish():
+            self.check_multicast(relay, "lossy", before, clients)
+            self.tree.wait_delivered(expected, clients, SECONDS)
+            self.assertTrue(any(re.search(r"/lossy are there.* [1-9]\d* forged", client.log()) for client in clients))
+        return finish
+
+    def check_absent_clients(self, relay):
+        """One client hears nothing of the group, and one that cannot have all of the file vanishes while it listens."""
+        deaf, gone, *others = self.clients_of(relay)
+        self.tree.drop(deaf, "")
+        self.tree.drop(gone, "numgen random mod 2 0")
+        before = self.traffic(relay)
+        expected = self.publish(relay, self.write("absent"))
+        rows = wait_until(lambda: relay.kel("multicast", "--details"), SECONDS, "the clients listen")
+        self.assertEqual({row["group"] for row in rows}, {GROUP})
         gone.kill()
-        self.wait_logged(first, f"{CLIENTS}/{CLIENTS} {SUCCEEDED}", times=2)
-        self.check_bytes(first, before, SIZE * 1.05)
-        self.tree.wait_delivered(expected, self.clients_of(first), 60)
-        self.wait_logged(second, f"{CLIENTS - 2}/{CLIENTS} {SUCCEEDED}")
-        self.wait_logged(second, f"Device {gone.address}:{netns.PORT} failed to receive in multicast mode")
-        self.tree.wait_delivered(also, [deaf, *others], 120)
-        self.assertEqual(second.kel("multicast"), [])
-        self.tree.drop(deaf, None)
+        log = self.wait_end(relay, "absent")
+        for client in (deaf, gone):
+            self.assertIn(f"Device {client.address}:{netns.PORT} failed to receive in multicast mode", log)
+        self.tree.wait_delivered(expected, [deaf, *others], SECONDS)
+        self.assertEqual(relay.kel("multicast"), [])
+        self.check_multicast(relay, "absent", before, others, alone=[deaf])
+        for client in (deaf, gone):
+            self.tree.drop(client, None)
         self.tree.run(gone)
 
-    def checksum_of(self, relay, name):
-        found = wait_until(lambda: [file for file in relay.stored_files() if file["name"] == name], 60, name)
-        return found[0]["checksum"]
-
-    def check_killed_relay(self):
-        relay = self.tree.relays[0]
-        expected = self.publish(relay, "killed")
+    def check_killed_relay(self, relay):
+        expected = self.publish(relay, self.write("killed"))
         wait_until(lambda: relay.kel("multicast"), SECONDS, "its clients listen")
         before = self.tree.sent_bytes(relay)
         wait_until(lambda: self.tree.sent_bytes(relay) - before > SIZE / 4, SECONDS, "the relay sends")
