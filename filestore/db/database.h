@@ -24,6 +24,10 @@ struct FileStoreDatabase {
 FileStoreDatabase FileStoreGetDatabase(Side side);
 FileStoreDatabase FileStoreGetCallbackDatabase();
 
+/// Called when a row was deleted, with the mutex of its database held. Defined where the reasons are kept why
+/// a file waits, in state/waiting_reasons.cpp.
+void FileStoreRowDeleted(Side side, std::uint64_t fileId);
+
 namespace filestore {
 
 /// Runs a statement that writes, under the mutex of the database; false when it failed, which is logged.

@@ -207,7 +207,9 @@ bool DeleteFileRow(Side side, std::uint64_t fileId) {
     if (side == Side::Downstream && (!ChangeDownstream(KelFormat(kDeleteTargets, fileId)) ||
                                      !ChangeDownstream(KelFormat(kDeleteHandedOver, fileId))))
         return false;
-    return Change(side, KelFormat(kDelete, fileId));
+    if (!Change(side, KelFormat(kDelete, fileId))) return false;
+    FileStoreRowDeleted(side, fileId);
+    return true;
 }
 
 bool MarkDueDownloads(std::int64_t before) {

@@ -14,7 +14,6 @@
 #include "filestore/state/file_store.h"
 #include "filestore/state/parent.h"
 #include "filestore/state/store_layout.h"
-#include "filestore/state/waiting_reasons.h"
 #include "kel/text.h"
 #include "kelcore/action_db.h"
 #include "kelcore/call_origin.h"
@@ -150,7 +149,6 @@ bool Record(const Withdrawal& withdrawal) {
     if (!isRecorded || !PassOn(withdrawal) || !transaction.Commit()) return false;
     // Still under the lock: an offer of the same file puts its content at the same place.
     for (const FileStoreEntry& file : forgotten) {
-        Reasons().MovedOn(Side::Downstream, file.FileId);
         FileStore::debugFileStore.Print("%S was withdrawn and is forgotten\n", file.Key().Text());
         if (!file.ExternalFile) DeleteFileAndFolder(ContentPath(file, Side::Downstream));
     }

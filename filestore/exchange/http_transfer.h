@@ -21,11 +21,13 @@ class HttpTransfer {
     /// Results of HttpClient; kHttpBadRequest when the peer's URL is unusable.
     unsigned int Run(const HttpMessage& request, HttpMessage& answer, bool bypass);
 
-    const KelString& GetErrorText() const { return client_.GetErrorText(); }
+    /// Why the exchange was not completed; empty when there was an answer, whatever its status.
+    const KelString& GetErrorText() const { return usable_ ? client_.GetErrorText() : unusable_; }
 
   private:
     UrlInet peer_;
     bool usable_;
+    KelString unusable_ = "the address of the other device cannot be used";
     HttpClient client_;
 };
 

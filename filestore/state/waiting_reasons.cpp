@@ -5,6 +5,7 @@
 #include <ctime>
 #include <utility>
 
+#include "filestore/db/database.h"
 #include "kel/format.h"
 #include "kelcore/error_codes.h"
 #include "kelcore/error_text.h"
@@ -175,7 +176,7 @@ KelString PeerName(const KelString& url) {
     return url.substr(0, url.find('/'));
 }
 
-/// Rows may end, withdrawn or cleaned up, without having moved on.
+/// Rows may reach another status, such as requested again, without having moved on.
 void WaitingReasons::DropOld(std::int64_t now) {
     std::erase_if(entries_, [now](const auto& entry) { return entry.second.noted < now - kKept; });
     dropAt_ = std::clamp(2 * entries_.size(), kFewEntries, kMostEntries);
@@ -270,3 +271,7 @@ WaitingReasons& Reasons() {
 }
 
 }  // namespace filestore
+
+void FileStoreRowDeleted(Side side, std::uint64_t fileId) {
+    filestore::Reasons().MovedOn(side, fileId);
+}

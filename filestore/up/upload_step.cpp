@@ -160,14 +160,13 @@ FileStorePushThread::Upload FileStorePushThread::UploadRow(const FileStoreEntry&
         FileStore::failures.Succeeded(failure, KelFormat("PushThread: %S was uploaded", entry.Key().Text()));
         return Upload::Stored;
     }
-    if (result != kHttpRefused)
-        Reasons().Note(
-            Side::Upstream, entry.FileId, WaitingStep::Upload,
-            ReasonOfTransfer(result, answer.GetStatus(), PeerName(pass.parentUrl), transfer.GetErrorText()));
+    const WaitingReason reason =
+        ReasonOfTransfer(result, answer.GetStatus(), PeerName(pass.parentUrl), transfer.GetErrorText());
+    if (result != kHttpRefused) Reasons().Note(Side::Upstream, entry.FileId, WaitingStep::Upload, reason);
     if (pass.parent.HasChanged()) return Upload::Failed;  // it is offered to the present one
     FileStore::failures.Failed(KelDebugLevel::Warning, failure,
-                               KelFormat("PushThread: Upload of %S failed (HTTP status %u): %S",
-                                         entry.Key().Text(), answer.GetStatus(), transfer.GetErrorText()));
+                               KelFormat("PushThread: Upload of %S failed: %S", entry.Key().Text(),
+                                         result == kHttpCompleted ? reason.Text() : transfer.GetErrorText()));
     const unsigned int refusal = result == kHttpCompleted ? answer.GetStatus() : 0;
     if (refusal == kHttpNotFound) {
         // The parent has lost the offer, or had done with it when its answer to an earlier PUT was lost.

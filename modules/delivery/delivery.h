@@ -63,7 +63,7 @@ class Delivery : public KelModule {
     void RemoveUnfinishedCopies();
 
     // The work on the jobs (delivery_jobs.cpp).
-    enum class Arrival : unsigned char { HandedOver, NeverTaken };
+    enum class Arrival : unsigned char { HandedOver, NeverTaken, Ordered };
     unsigned int Deliver(ReceivedFile file, Arrival arrival);
     void FailAtOnce(const ReceivedFile& file, const KelString& message);
 

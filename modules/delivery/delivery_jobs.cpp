@@ -36,7 +36,7 @@ unsigned int Delivery::Deliver(ReceivedFile file, Arrival arrival) {
         const bool isTooLate = ForgetEndedOrders(file, destination);
         if (const auto orders = WaitingOrders(file.key); !orders.empty()) {
             if (!AddOrders(file, destination, orders)) return kKelOk;
-            arrival = Arrival::NeverTaken;
+            arrival = Arrival::Ordered;
         } else if (isTooLate) {
             Log().Print("%S is not delivered: its order has ended\n", file.key.Text());
             jobs_.AddTaken(file, {});
@@ -67,8 +67,10 @@ unsigned int Delivery::Deliver(ReceivedFile file, Arrival arrival) {
         jobs_.SetCopied(job);
         // The outcome is not written: after a restart it follows from the file in place.
         if (!hasCommand) jobs_.SetOutcome(job, DeliveryOutcome::Delivered, {}, false);
+        // One in place that was never taken was delivered, and logged, before a stop.
+        if (!isInPlace || arrival == Arrival::Ordered)
+            Log().Print("Delivered %S to %S\n", file.key.Text(), destination);
     }
-    Log().Print("Delivered %S to %S\n", file.key.Text(), destination);
     thread_.Signal(0);
     if (!hasCommand) receiptThread_.Signal(0);
     return kKelOk;
@@ -159,6 +161,7 @@ bool Delivery::SendReceipts() {
             ordered = orders_.SetAnswered(job.file.publications);
             jobs_.Remove(job.id);
         }
+        if (!job.isKept) thread_.Signal(0);  // only now may the file store forget the file
         ForgetOrderFiles(ordered, job.file.key.type);
     }
     return failures > 0;

@@ -83,6 +83,9 @@ class UntakenTest : public DeliveryTest {
         return untaken_.size();
     }
 
+    /// The first job cannot be written: a folder is in its place.
+    void BlockFirstJob() { TempFolder::Write(Pending() + "/00000000000000000001.xml/x", ""); }
+
   private:
     std::mutex mutex_;
     std::map<std::string, KelContainer> untaken_;
@@ -95,7 +98,7 @@ TEST_F(UntakenTest, FilesWhoseJobCouldNotBeWrittenDownAreDeliveredAfterTheRestar
         const std::string name = isCopied ? "copied" : "waiting";
         {
             RunningModule<Delivery> module;  // its threads do not run, as if it had been killed
-            TempFolder::Write(Pending() + "/00000000000000000001.xml/x", "");  // a folder in its place
+            BlockFirstJob();
             if (!isCopied) {
                 std::filesystem::remove_all(inTheWay);
                 TempFolder::Write(inTheWay, "a file");
@@ -111,7 +114,15 @@ TEST_F(UntakenTest, FilesWhoseJobCouldNotBeWrittenDownAreDeliveredAfterTheRestar
         EXPECT_TRUE(Eventually([this] { return UntakenCount() == 0; }));
         EXPECT_EQ(HandOver(name), 0U) << "it is in place already";
         EXPECT_TRUE(Eventually([this] { return UntakenCount() == 0; }));
+        EXPECT_EQ(log_->Count(KelDebugLevel::Print, "Delivered T/label/" + name), 1);
     }
+}
+
+TEST_F(UntakenTest, StoreForgetsAFileWhoseJobWasNeverWrittenDownWithItsReceipt) {
+    ActiveModule<Delivery> module;
+    BlockFirstJob();
+    EXPECT_EQ(HandOver("f"), 0U);
+    EXPECT_TRUE(Eventually([this] { return UntakenCount() == 0; }));
 }
 
 }  // namespace

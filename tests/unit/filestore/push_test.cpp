@@ -133,6 +133,8 @@ TEST_F(SendTest, FailedPutKeepsTheWholeBatchAndStandsBehindTheOthers) {
     EXPECT_EQ(Upload(), Outcome::Failed);
     EXPECT_EQ(Files(kUp, kState), (Texts{"UPLOADING|0", "UPLOADING|now", "UPLOADING|0"}));
     EXPECT_EQ(RequestedNames(), (Texts{"first", "second"}));
+    EXPECT_TRUE(HasLogged(KelDebugLevel::Warning,
+                          "second failed: " + Parent().HostAndPort() + ": it answers with HTTP status 507"));
     EXPECT_EQ(Upload(), Outcome::Done);
     EXPECT_EQ(Files(kUp, kState), (Texts{"AVAILABLE|0", "UPLOADING|now", "AVAILABLE|0"}));
 }

@@ -106,6 +106,8 @@ TEST_F(WaitingReasonsTest, StepsNoteWhatStoppedThemAndForgetItWhenTheFileMovesOn
     // The number is given to another file.
     Set(kDown, large, KelFormat("CreateTime = %ld", std::time(nullptr) + 5));
     EXPECT_NE(ReasonOf(kDown, large).GetString("Code"), "disk_full");
+    filestore::DeleteFileRow(kDown, large);
+    EXPECT_EQ(filestore::Reasons().GetSpaceShortage().files, 0U);
 }
 
 TEST_F(WaitingReasonsTest, TargetsBelowAreExplainedByTheRowsOrByTheDevicesThemselves) {
