@@ -24,9 +24,6 @@ namespace {
 
 constexpr unsigned int kBatchSize = 50;
 
-/// How long a batch waits for its slowest call before the next one begins.
-constexpr std::chrono::milliseconds kPatience{100};
-
 /// When a target is due again whose device could not be tried because too many silent ones were.
 constexpr std::int64_t kPutOffSeconds = 5;
 
@@ -192,7 +189,7 @@ bool FileStoreNotifyThread::NotifyBatch() {
     const auto left = static_cast<unsigned int>(limit - local.size());
     if (left == 0 || CheckCancelled(false)) return true;
     if (calls_.IsFull()) {
-        calls_.Wait(kPatience, AnnouncementCalls::For::All);
+        calls_.Wait(patience, AnnouncementCalls::For::All);
         return Record(calls_.Collect());
     }
     const bool hasWithdrawn = WithdrawFiles(kBatchSize);
@@ -216,7 +213,7 @@ bool FileStoreNotifyThread::WithdrawFiles(unsigned int limit) {
         if (!CheckCancelled(false) && calls_.Begin(std::move(rows)) == AnnouncementCalls::Begun::Yes)
             hasBegun = true;
     if (!hasBegun) return false;
-    calls_.Wait(kPatience, AnnouncementCalls::For::All);
+    calls_.Wait(patience, AnnouncementCalls::For::All);
     return Record(calls_.Collect());
 }
 
@@ -255,7 +252,7 @@ bool FileStoreNotifyThread::NotifyBesideMulticast() {
     const bool hasWithdrawn = WithdrawFiles(kBatchSize);
     while (!CheckCancelled(false)) {
         if (calls_.IsFull()) {
-            calls_.Wait(kPatience, AnnouncementCalls::For::All);
+            calls_.Wait(patience, AnnouncementCalls::For::All);
             return Record(calls_.Collect());
         }
         Division parts = DivideDueTargets();
@@ -306,7 +303,7 @@ bool FileStoreNotifyThread::NotifyOtherDevices(KelVector<FileTarget> rows) {
             ids.Add(row.target.TargetId);
         if (calls_.Begin(std::move(ofDevice)) == AnnouncementCalls::Begun::NoRoom) outcome.putOff.Append(ids);
     }
-    calls_.Wait(kPatience, AnnouncementCalls::For::Prompt);
+    calls_.Wait(patience, AnnouncementCalls::For::Prompt);
     outcome.Append(calls_.Collect());
     return Record(outcome);
 }

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <chrono>
+
 #include "filestore/down/announcement_calls.h"
 #include "filestore/down/multicast_planner.h"
 #include "filestore/state/worker_loop.h"
@@ -18,6 +20,10 @@
 class FileStoreNotifyThread : public FileThreadBase {
   public:
     FileStoreNotifyThread();
+
+    /// How long a batch waits for its slowest call before the next one begins; tests that look at what the
+    /// calls have come to wait longer.
+    inline static std::chrono::milliseconds patience{100};
 
     /// One step: true when it announced or planned anything.
     bool NotifyTargets();

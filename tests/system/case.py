@@ -11,7 +11,7 @@ import zipfile
 from tree import ActionFailed, wait_arrived, wait_until
 
 BUILD = os.environ.get("KEL_BUILD", "build/release")
-STOP_SECONDS = 5
+STOP_SECONDS = 15  # far more than it takes, far less than what an agent could be waiting for
 INDEX = "Temp/PackedFilesInfo.xml"  # in an archive of packed files
 # Files with names that a URL, a shell, SQL or XML has to escape, or that look like what is never served: name -> size.
 ODD_FILES = {"plain.bin": 1, "with blank.bin": 2, "100%.bin": 1000, "hash#mark.bin": 65536, "what?.bin": 1 << 20,

@@ -4,7 +4,6 @@ import json
 import os
 import signal
 import subprocess
-import time
 import unittest
 from unittest import mock
 
@@ -161,9 +160,7 @@ class StopTest(SystemTest):
             tree.publish(paths.values())
             wait_for_part(relay, "large.bin", 1 << 20)
             for agent in (relay, tree.master):  # the receiving side, then the sending side
-                begin = time.monotonic()
-                self.assertEqual(agent.stop(STOP_SECONDS + 5), 0, agent.stderr()[-2000:])
-                self.assertLess(time.monotonic() - begin, STOP_SECONDS, agent.name)
+                self.assertEqual(agent.stop(STOP_SECONDS), 0, agent.stderr()[-2000:])
             self.end(tree)
 
 

@@ -129,6 +129,7 @@ TEST_F(Contact, SilentDeviceDelaysNeitherOthersNorTargetsOnThisDevice) {
     const TestHttpServer prompt(TestHttpServer::ActionScript(0));
     auto silent = std::make_unique<TestHttpServer>(
         [](const auto&) { return TestHttpServer::Answer{.status = 0, .stalls = true}; });
+    FileStoreNotifyThread::patience = std::chrono::milliseconds(10);
     FileStoreNotifyThread thread;
     std::uint64_t targetId = 0;
     Texts waiting;

@@ -2,6 +2,7 @@
 
 #include <regex>
 
+#include "filestore/down/notify_thread.h"
 #include "kel/ini_file.h"
 #include "kel/path.h"
 #include "kel/text.h"
@@ -50,6 +51,7 @@ StoreTest::StoreTest() {
     FileStore::strModuleIniFile = root_ / "config/FileStore.ini";
     if (!FileCopy(KEL_SOURCE_DIR "/filestore/FileStore.ini", FileStore::strModuleIniFile, true)) std::abort();
     SetIni("FileStore", "QueueGap", "3600");
+    FileStoreNotifyThread::patience = std::chrono::minutes(1);
     ResetModule();
     identityValues = Make({{"GUID", kGuid}, {"PreferIPAddresses", true}});
     relayValues = Make({{"IsEnabled", false}});
