@@ -246,6 +246,8 @@ void SetUp(const KelString& root) {
         "BenchReceive ()", [](KelContainer*) { return 0U; }, kHandle);
     CallbackDbRegisterAction("FileStoreCallbackReceivedFile", "BenchReceive ()", "", 0);
     Expect(FileStore::ModuleInitialise() == 1, "the module cannot be initialised");
+    // A million rows may take longer to make than the defaults.
+    FileStore::ulTimeout = FileStore::ulPullTimeout = FileStore::ulPushTimeout = 86400;
 }
 
 }  // namespace

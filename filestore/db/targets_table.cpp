@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <ctime>
+#include <iterator>
 #include <utility>
 
 #include "filestore/db/database.h"
@@ -16,12 +17,18 @@ namespace {
 
 constexpr char kMarkDue[] =
     "UPDATE Targets SET IsDue = 1 WHERE CanBeAnnounced = 1 AND IsDue = 0 AND LastNotifyTime %s %ld";
-// The order is that of the indexes WorkAnnounce..., which the join must not change.
+// The order is that of the indexes WorkAnnounce..., which the join must not change. IsMoreUrgent has it, too.
 constexpr char kDue[] =
-    "SELECT %s, %s FROM Targets CROSS JOIN Files ON Files.FileId = Targets.FileId WHERE CanBeAnnounced = 1 "
-    "AND "
-    "IsDue = 1 AND LastStatusChangeTime NOT BETWEEN %ld AND %ld %S ORDER BY FilePriority DESC, ((0.33 * "
-    "FileCreateTime) + (0.67 * LastNotifyTime)) ASC, Targets.FileId ASC LIMIT %u";
+    "SELECT %s, %s FROM Targets %s CROSS JOIN Files ON Files.FileId = Targets.FileId WHERE CanBeAnnounced = "
+    "1 AND IsDue = 1 AND LastStatusChangeTime NOT BETWEEN %ld AND %ld %S ORDER BY FilePriority DESC, ((0.33 "
+    "* FileCreateTime) + (0.67 * LastNotifyTime)) ASC, Targets.FileId ASC LIMIT %u";
+constexpr char kInOrder[] = "";
+constexpr char kBySize[] = "INDEXED BY WorkAnnounceLarge";
+constexpr char kFindLargeBehind[] =
+    "SELECT TargetId FROM Targets INDEXED BY WorkAnnounceLarge WHERE CanBeAnnounced = 1 AND IsDue = 1 AND "
+    "DeviceGUID <> '' AND FileBytes >= %u LIMIT 1 OFFSET %u";
+/// So many rows are quickly sorted. Among more, one is soon found in order.
+constexpr unsigned int kMostSorted = 10000;
 constexpr char kOnThisDevice[] = "AND DeviceGUID = ''";
 // A withdrawal must not meet what is published after it.
 constexpr char kKnowsWithdrawals[] =
@@ -29,8 +36,8 @@ constexpr char kKnowsWithdrawals[] =
 constexpr char kOnOtherDevices[] = "AND DeviceGUID <> '' AND %s%S%S";
 constexpr char kPassesClosedWindow[] = " AND FileBypass = 1";
 constexpr char kNotInMulticast[] = " AND MulticastTransferToBeStarted = 0";
-constexpr char kPassesOrGoesByMulticast[] =
-    " AND (FileBypass = 1 OR (FileSize >= %u AND MulticastRetryNumber < %u AND FileStatus = '%s'))";
+constexpr char kGoesByMulticast[] =
+    " AND FileBypass = 0 AND FileBytes >= %u AND MulticastRetryNumber < %u AND FileStatus = '%s'";
 constexpr char kToInvite[] =
     "SELECT %s FROM Targets WHERE FileId = %lu AND CanBeAnnounced = 1 AND IsDue = 1 AND DeviceGUID <> '' AND "
     "%s";
@@ -121,23 +128,52 @@ void FileStoreTarget::Read(RowReader& row) {
     WakeUpDevice = row.Unsigned32();
 }
 
-/// What the windows let pass to other devices.
-static KelString PassingCondition(const DueTargets& wanted) {
-    if (!wanted.multicast) return wanted.windowClosed ? kPassesClosedWindow : "";
-    KelString condition = kNotInMulticast;
-    if (wanted.windowClosed)
-        condition += KelFormat(kPassesOrGoesByMulticast, wanted.multicast->leastSize,
-                               wanted.multicast->retries, kStatusAvailable);
-    return condition;
+static KelVector<FileTarget> SelectDue(const DueTargets& wanted, const char* index,
+                                       const KelString& condition) {
+    return SelectWithFiles(KelFormat(kDue, FileStoreEntry::kColumns, FileStoreTarget::kColumns, index,
+                                     wanted.due, LatestPossibleTime(std::time(nullptr)), condition,
+                                     wanted.limit));
+}
+
+static KelVector<FileTarget> SelectOnOthers(const DueTargets& wanted, const char* index,
+                                            const KelString& passing) {
+    const KelString except =
+        wanted.except.empty() ? KelString() : KelFormat(kNotOn, QuotedList(wanted.except));
+    return SelectDue(wanted, index, KelFormat(kOnOtherDevices, kKnowsWithdrawals, passing, except));
+}
+
+/// What may be sent to a group while the window is closed. Most targets are those of small files.
+static KelVector<FileTarget> SelectForGroups(const DueTargets& wanted, const MulticastLimits& limits) {
+    const auto more = Database().connection.Query(KelFormat(kFindLargeBehind, limits.leastSize, kMostSorted));
+    const bool areFew = more && more->GetRowCount() == 0;
+    return SelectOnOthers(
+        wanted, areFew ? kBySize : kInOrder,
+        kNotInMulticast + KelFormat(kGoesByMulticast, limits.leastSize, limits.retries, kStatusAvailable));
+}
+
+static bool IsMoreUrgent(const FileTarget& left, const FileTarget& right) {
+    const auto age = [](const FileTarget& row) {
+        return 0.33 * static_cast<double>(row.file.CreateTime) +
+               0.67 * static_cast<double>(row.target.LastNotifyTime);
+    };
+    if (left.file.Priority != right.file.Priority) return left.file.Priority > right.file.Priority;
+    if (age(left) != age(right)) return age(left) < age(right);
+    return left.file.FileId < right.file.FileId;
 }
 
 KelVector<FileTarget> SelectDueTargets(const DueTargets& wanted) {
-    const KelString others =
-        KelFormat(kOnOtherDevices, kKnowsWithdrawals, PassingCondition(wanted),
-                  wanted.except.empty() ? KelString() : KelFormat(kNotOn, QuotedList(wanted.except)));
-    const KelString condition = wanted.where == DueTargets::Where::ThisDevice ? kOnThisDevice : others;
-    return SelectWithFiles(KelFormat(kDue, FileStoreEntry::kColumns, FileStoreTarget::kColumns, wanted.due,
-                                     LatestPossibleTime(std::time(nullptr)), condition, wanted.limit));
+    if (wanted.where == DueTargets::Where::ThisDevice) return SelectDue(wanted, kInOrder, kOnThisDevice);
+    const KelString passing = wanted.windowClosed ? kPassesClosedWindow : "";
+    if (!wanted.multicast) return SelectOnOthers(wanted, kInOrder, passing);
+    KelVector<FileTarget> rows = SelectOnOthers(wanted, kInOrder, kNotInMulticast + passing);
+    if (!wanted.windowClosed) return rows;
+    KelVector<FileTarget> large = SelectForGroups(wanted, *wanted.multicast);
+    KelVector<FileTarget> merged;
+    std::merge(std::move_iterator(rows.begin()), std::move_iterator(rows.end()),
+               std::move_iterator(large.begin()), std::move_iterator(large.end()), std::back_inserter(merged),
+               IsMoreUrgent);
+    if (merged.size() > wanted.limit) merged.resize(wanted.limit);
+    return merged;
 }
 
 bool MarkDueTargets(std::int64_t due, std::int64_t latest) {

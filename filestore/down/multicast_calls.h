@@ -6,7 +6,7 @@
 #include "kel/types.h"
 
 // The calls around a multicast transfer: to the HTTP module of the device that listens, which is another one,
-// except for ListenHere. Network, but for that; any thread; hold no lock.
+// except for ListenHere and what an empty URL stands for. Network, but for that; any thread; hold no lock.
 namespace filestore {
 
 inline constexpr const char* kValueMulticastAddress = "MulticastAddress";      // dotted IPv4
@@ -54,6 +54,7 @@ Reception AskForReception(const KelString& deviceUrl, const FileStoreEntry& file
 /// Has a device that had to drop what it received listen again. False when it does not.
 bool ListenAgain(const KelString& deviceUrl, const FileStoreEntry& file);
 
+/// Has a device, by an empty URL this one, listen to the group no more.
 void StopListening(const KelString& deviceUrl, const KelString& address);
 
 /// Has a device request the file, if it still waits for the transfer.

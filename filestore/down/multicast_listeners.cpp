@@ -127,12 +127,19 @@ void MulticastListeners::Finish() {
 }
 
 void MulticastListeners::Dismiss(const MulticastListener& listener) {
+    StopListening(listener.deviceUrl, file_.MulticastAddress);
+    KelVector<FileTarget> rows = SelectTarget(file_.FileId, listener.targetId);
+    if (rows.empty()) {
+        FileStore::debugFileStore.Detail(
+            "MulticastThread: %S has acknowledged the file, or it was withdrawn.\n",
+            PeerName(listener.deviceUrl));
+        return;
+    }
     FileStore::debugFileStore.Warning("MulticastThread: Device %S failed to receive in multicast mode.\n",
                                       PeerName(listener.deviceUrl));
-    StopListening(listener.deviceUrl, file_.MulticastAddress);
     if (FileStore::fUnicastRecoveryOnMulticastFailure && !isSuccess_) {
         FileStore::debugFileStore.Detail("MulticastThread: Starting unicast recovery.\n");
-        StartUnicastRecovery(listener);
+        StartUnicastRecovery(listener, rows.front());
         FileStore::debugFileStore.Detail("MulticastThread: Unicast recovery finished.\n");
         return;
     }
@@ -142,18 +149,16 @@ void MulticastListeners::Dismiss(const MulticastListener& listener) {
         isSuccess_ ? "Success rate reached. No unicast recovery." : "Unicast recovery not activated.");
 }
 
-/// Announces the file to the device alone. A target that is gone has acknowledged the file in the meantime.
-void MulticastListeners::StartUnicastRecovery(const MulticastListener& listener) {
+/// Announces the file to the device alone.
+void MulticastListeners::StartUnicastRecovery(const MulticastListener& listener, FileTarget& row) {
     SetStatus(listener, kListenerFailed);
-    for (FileTarget& row : SelectTarget(file_.FileId, listener.targetId)) {
-        // From which the device sees that what it has received by multicast has gaps.
-        row.file.TransportMode = kTransportMulticast;
-        const unsigned int error = AnnounceTo(row);
-        NoteCall(row.target, error);
-        const std::int64_t now = std::time(nullptr);
-        SetNotifyTime(row.target.TargetId,
-                      error == kKelOk ? now + 4 * std::int64_t{FileStore::ulPullTimeout} : now);
-    }
+    // From which the device sees that what it has received by multicast has gaps.
+    row.file.TransportMode = kTransportMulticast;
+    const unsigned int error = AnnounceTo(row);
+    NoteCall(row.target, error);
+    const std::int64_t now = std::time(nullptr);
+    SetNotifyTime(row.target.TargetId,
+                  error == kKelOk ? now + 4 * std::int64_t{FileStore::ulPullTimeout} : now);
 }
 
 }  // namespace filestore

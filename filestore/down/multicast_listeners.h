@@ -5,6 +5,7 @@
 #include <set>
 
 #include "filestore/db/multicast_table.h"
+#include "filestore/db/targets_table.h"
 #include "filestore/down/multicast_calls.h"
 #include "kel/mutex.h"
 
@@ -44,7 +45,7 @@ class MulticastListeners {
   private:
     void Judge(const MulticastListener& listener, Reception reception, std::uint32_t retry);
     void SetStatus(const MulticastListener& listener, const KelString& status);
-    void StartUnicastRecovery(const MulticastListener& listener);
+    void StartUnicastRecovery(const MulticastListener& listener, FileTarget& row);
     void Dismiss(const MulticastListener& listener);
 
     const FileStoreEntry file_;

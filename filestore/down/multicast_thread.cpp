@@ -1,6 +1,7 @@
 #include "filestore/down/multicast_thread.h"
 
 #include "filestore/db/files_selection.h"
+#include "filestore/db/targets_table.h"
 #include "filestore/down/announcement.h"
 #include "filestore/down/multicast_planner.h"
 #include "filestore/state/bandwidth_manager.h"
@@ -58,6 +59,8 @@ bool FileStoreMulticastThread::Send(FileStoreEntry& file) {
     if (!BeginMulticast(file.FileId, file.MulticastAddress, file.FileURL)) return false;
     FileStore::debugFileStore.Detail("MulticastThread: ToBeStarted parameter set to 2\n");
     unclosed_ = file;
+    isWithdrawn_ = false;
+    NoteWithdrawal();  // it may have been withdrawn since it was planned
     MulticastListeners listeners(file, [this] { return CheckCancelled(false); });
     Repeat(listeners);
     if (!CheckCancelled(false)) listeners.Finish();
@@ -70,13 +73,13 @@ bool FileStoreMulticastThread::Send(FileStoreEntry& file) {
 
 void FileStoreMulticastThread::Repeat(MulticastListeners& listeners) {
     for (std::uint32_t pass = 1; pass != 0;) {
-        if (!listeners.ReadListeners() || listeners.IsOver()) return;
+        if (!listeners.ReadListeners() || listeners.IsOver() || IsWithdrawn(listeners.File())) return;
         Sleep(waitBeforeSending);
         if (CheckCancelled(false)) return;
         SendOnce(listeners, pass);
         const auto passes = CountMulticastPass(listeners.File().FileId);
         pass = passes && *passes < FileStore::ulMulticastRetry ? *passes + 1 : 0;
-        Sleep(waitAfterSending);
+        if (!IsWithdrawn(listeners.File())) Sleep(waitAfterSending);
         if (CheckCancelled(false)) return;
         listeners.Examine(pass);
     }
@@ -84,7 +87,7 @@ void FileStoreMulticastThread::Repeat(MulticastListeners& listeners) {
 
 void FileStoreMulticastThread::SendOnce(MulticastListeners& listeners, std::uint32_t pass) {
     const MulticastListeners::Need need = listeners.NextNeed();
-    if (need == MulticastListeners::Need::Nothing) return;
+    if (need == MulticastListeners::Need::Nothing || IsWithdrawn(listeners.File())) return;
     FileStore::debugFileStore.Print("MulticastThread: Sending data retry number %u.\n", pass);
     const unsigned int result = SendPackets(
         listeners.File(), listeners.LocalAddresses(),
@@ -111,8 +114,17 @@ unsigned int FileStoreMulticastThread::SendPackets(const FileStoreEntry& file,
     message.SetResourcePath(file.FileURL);
     message.SetBodyFile(ContentPath(file, Side::Downstream));
     return sender.Send(message, file.MulticastBlockSize, blocks, [&](std::size_t bytes) {
-        return transmission.PassAhead(bytes, [this] { return CheckCancelled(false); });
+        return transmission.PassAhead(bytes, [this] { return CheckCancelled(false); }) && !IsWithdrawn(file);
     });
+}
+
+/// True when no target is left: those that have the file acknowledge it only after a pass.
+bool FileStoreMulticastThread::IsWithdrawn(const FileStoreEntry& file) {
+    if (isWithdrawalNoted_.exchange(false)) {
+        const auto targets = FindTargets(file.FileId);
+        isWithdrawn_ = targets && targets->empty();
+    }
+    return isWithdrawn_;
 }
 
 /// The file can be planned again, and its group is free. False when that could not be recorded; it is tried

@@ -22,6 +22,10 @@ class FileStoreMulticastThread : public FileThreadBase {
     /// True while a transfer is in progress, also when its file is removed meanwhile. Any thread.
     bool IsSending() const { return isSending_; }
 
+    /// Files were withdrawn from devices. A transfer that none of its devices waits for any more ends early.
+    /// Any thread.
+    static void NoteWithdrawal() { isWithdrawalNoted_ = true; }
+
     // Milliseconds, which end early only when the thread is cancelled; shorter in tests.
     inline static std::uint64_t waitBeforeSending = 5000;
     inline static std::uint64_t waitAfterSending = 15000;  ///< for what is still on its way
@@ -38,8 +42,11 @@ class FileStoreMulticastThread : public FileThreadBase {
     bool Send(FileStoreEntry& file);
     void Repeat(filestore::MulticastListeners& listeners);
     void SendOnce(filestore::MulticastListeners& listeners, std::uint32_t pass);
+    bool IsWithdrawn(const FileStoreEntry& file);
     bool Close(const FileStoreEntry& file);
 
     std::atomic<bool> isSending_ = false;
+    inline static std::atomic<bool> isWithdrawalNoted_ = false;
+    bool isWithdrawn_ = false;                ///< the file of the transfer in progress
     std::optional<FileStoreEntry> unclosed_;  ///< the transfer that has begun and whose end is not recorded
 };

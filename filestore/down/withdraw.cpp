@@ -8,6 +8,8 @@
 #include "filestore/db/handed_over_table.h"
 #include "filestore/db/targets_table.h"
 #include "filestore/down/announcement_calls.h"
+#include "filestore/down/multicast_calls.h"
+#include "filestore/down/multicast_thread.h"
 #include "filestore/down/target_list.h"
 #include "filestore/exchange/input_checks.h"
 #include "filestore/state/device.h"
@@ -137,8 +139,7 @@ bool PassOn(const Withdrawal& withdrawal) {
 }
 
 /// All of it or nothing.
-bool Record(const Withdrawal& withdrawal) {
-    FileRows forgotten;
+bool Record(const Withdrawal& withdrawal, FileRows& forgotten) {
     const KelLock lock(FileStore::mutexDownstream);
     DBTransaction transaction(*FileStore::pDbConnectionDownstream);
     if (!transaction.IsOpen()) return false;
@@ -180,7 +181,11 @@ unsigned int FileStore::ActionHandler_FileStoreWithdrawFile(KelContainer* argume
     arguments->Clear();
     if (!isUsable) return kKelErrorBadInput;
     if (withdrawal.isHere) withdrawal.isKeptByConsumer = AskConsumers(withdrawal.key);
-    if (!Record(withdrawal)) return kKelErrorInternal;  // the caller repeats it
+    FileRows forgotten;
+    if (!Record(withdrawal, forgotten)) return kKelErrorInternal;  // the caller repeats it
+    FileStoreMulticastThread::NoteWithdrawal();
+    for (const FileStoreEntry& file : forgotten)
+        if (file.FileStatus == kStatusMulticastListening) StopListening({}, file.MulticastAddress);
     if (!withdrawal.below.empty()) WakeWorker(Worker::Notify);
     return kKelOk;
 }

@@ -13,7 +13,7 @@ constexpr int kBusyTimeoutMilliseconds = 5000;
 constexpr const char* kSettings =
     "PRAGMA synchronous=FULL;"             // what is committed survives a power cut
     "PRAGMA mmap_size=0;"                  // a read error must be an error, not a signal
-    "PRAGMA cache_size=-2048;"             // KiB; more saves no time, even at a million rows
+    "PRAGMA cache_size=-512;"              // KiB; more saves no time, even at a million rows
     "PRAGMA journal_size_limit=67108864";  // bytes that the emptied log may keep
 
 struct FinaliseStatement {

@@ -44,8 +44,10 @@ struct RecordingThread : FileStoreMulticastThread {
     unsigned int SendPackets(const FileStoreEntry&, const std::set<KelString>&,
                              const Blocks& blocks) override {
         sent.push_back(blocks);
+        if (whileSending) whileSending();
         return 0;
     }
+    std::function<void()> whileSending;
     KelVector<Blocks> sent;
 };
 
@@ -270,6 +272,34 @@ TEST_F(MulticastTest, TransferIsRepeatedForWhatIsMissingAndEndsForEveryDevice) {
         EXPECT_FALSE(sender_.SendMulticastData());
     }
     FileStore::ulMulticastBlockSize = 1024;
+}
+
+TEST_F(MulticastTest, WithdrawnFileIsSentNoMoreAndNotFetchedInAnotherWay) {
+    FakeResult("HttpProtocolMulticastStopListen ()", 0);
+    for (const bool isKept : {false, true}) {
+        const auto trace = Begin(isKept ? "kept" : "forgotten");
+        FileStore::ulMulticastMinimumRequests = 1;
+        std::list<Device> devices;
+        devices.emplace_back(0U, std::deque<KelContainer>{Report({}, {"7"})});
+        const Device& device = devices.front();
+        const std::uint64_t fileId = Add("n", "", devices);
+        ASSERT_TRUE(notify_.NotifyTargets());
+        sender_.sent.clear();
+        sender_.whileSending = [&] {
+            Ask("FileStoreWithdrawFile",
+                With(Offer(), {{"DevicePath", TargetTree({device.Name()})}, {"KeepContent", isKept}}));
+        };
+        EXPECT_TRUE(sender_.SendMulticastData());
+        EXPECT_EQ(sender_.sent.size(), 1U);
+        EXPECT_EQ(device.Calls("StopListen"), 1U);
+        EXPECT_EQ(device.Calls("ResetMulticastStatus") + device.Calls("ReceiveFile"), 1U);
+        EXPECT_EQ(State(fileId), isKept ? "0|0" : "(none)");
+    }
+    EXPECT_TRUE(CallsOf("HttpProtocolMulticastStopListen").empty());
+    DeleteRows();
+    AddFile(kDown, "n", "MULTICASTLISTENING", "MulticastAddress = '224.2.0.1'");
+    Ask("FileStoreWithdrawFile", Offer());
+    EXPECT_EQ(OnlyCallOf("HttpProtocolMulticastStopListen").GetString("MulticastAddress"), "224.2.0.1");
 }
 
 TEST_F(MulticastTest, WaitsEndOnCancellationAndNotOnASignalAndActivationStartsAgain) {
