@@ -10,6 +10,7 @@
 #include "kelcore/action_db.h"
 #include "kelcore/callback_db.h"
 #include "kelcore/http/client.h"
+#include "kelcore/stopping.h"
 
 namespace {
 
@@ -47,7 +48,12 @@ int Agent::Run() {
         log_.Warning("%S holds the password but others can open it; chmod 600 it\n", ini);
 
     // Transfers are cancelled first, so that the threads in them end at once.
-    StopSignals stop([] { HttpClientCancelAll(true); }, log_);
+    StopSignals stop(
+        [] {
+            KelAgentSetStopping(true);
+            HttpClientCancelAll(true);
+        },
+        log_);
     const bool started = Start(stop);
     if (started && !stop.IsRequested()) {
         LogReady();

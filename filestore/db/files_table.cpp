@@ -94,8 +94,11 @@ constexpr char kBackToUnicast[] =
     "TransportMode = '%s' WHERE FileId = %lu AND FileStatus = '%s'";
 constexpr char kForgetUnfinished[] =
     "UPDATE Files SET FileStatus = '%s', LastStatusChangeTime = 0 WHERE FileStatus = '%s'";
-constexpr char kMoveContentPaths[] =
-    "UPDATE Files SET FilePath = '%Q' || substr(FilePath, length('%Q')+1, 256) WHERE FilePath LIKE '%Q%'";
+constexpr char kMovePaths[] =
+    "UPDATE Files SET FilePath = '%Q' || substr(FilePath, length('%Q') + 1) WHERE substr(FilePath, 1, "
+    "length('%Q')) = '%Q' AND %s";
+constexpr char kIsOwn[] = "ExternalFile = 0";
+constexpr char kIsExternal[] = "ExternalFile <> 0";
 constexpr char kRecordRequestAnswer[] =
     "UPDATE Files SET FileStatus = '%Q', LastStatusChangeTime = %ld, FileURL = '%Q', KeepCopy = %u, "
     "FileChecksum = '%Q', MulticastAddress = '', MulticastPort = 0 WHERE FileId = %lu AND FileStatus = '%s'";
@@ -290,8 +293,15 @@ bool ForgetUnfinishedOffers() {
     return ChangeDownstream(KelFormat(kForgetUnfinished, kStatusMissing, kStatusReceiving));
 }
 
-bool MoveContentPaths(const KelString& previous, const KelString& location) {
-    return ChangeDownstream(KelFormat(kMoveContentPaths, location, previous, previous));
+bool MoveContentPaths(Side side, const KelString& previous, const KelString& location) {
+    const auto move = [side](const KelString& from, const KelString& to, const char* which) {
+        return Change(side, KelFormat(kMovePaths, to, from, from, from, which));
+    };
+    for (const Side folder : {Side::Downstream, Side::Upstream}) {
+        const KelString name = KelFormat("%s/", SideName(folder));
+        if (!move(previous + name, location + name, kIsExternal)) return false;
+    }
+    return side == Side::Upstream || move(previous, location, kIsOwn);
 }
 
 bool RecordRequestAnswer(std::uint64_t fileId, const RequestAnswer& answer) {

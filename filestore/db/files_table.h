@@ -106,8 +106,9 @@ bool ResetAllMulticastReceptions();
 bool DownloadByUnicast(std::uint64_t fileId);
 /// Content that was being taken in when the agent stopped is missing.
 bool ForgetUnfinishedOffers();
-/// Replaces the beginning `previous` of the content paths by `location`.
-bool MoveContentPaths(const KelString& previous, const KelString& location);
+/// Replaces the beginning `previous` of paths by `location`, both storage folders that end with "/": of
+/// content that the store itself holds, downstream only, and of external files that lie in its folders.
+bool MoveContentPaths(Side side, const KelString& previous, const KelString& location);
 
 /// What a parent answered to a request.
 struct RequestAnswer {

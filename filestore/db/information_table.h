@@ -12,6 +12,9 @@ inline constexpr const char* kTableDatabaseInformation = "DatabaseInformation";
 
 /// Where the store lies: the field's value is the storage folder in use, ending with "/".
 inline constexpr const char* kStorageLocationField = "FileStorageCurrentPath";
+/// A storage folder, ending with "/", from which the store's folders are to be removed: see
+/// module/store_move.h.
+inline constexpr const char* kStoreToRemoveField = "FileStorageToRemove";
 /// Present while stored device URLs still name an earlier port of this device.
 inline constexpr const char* kPortUpdateField = "HttpPortUpdate";
 

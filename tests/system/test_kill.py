@@ -1,16 +1,19 @@
-"""Agents are killed at random moments of a set of transfers; every file still arrives, intact and once.
+"""Agents are killed at random moments of a set of transfers, or of a move of the store; every file still arrives,
+intact and once.
 
 What fails on the way is tried again after the file store's time-outs, five minutes at least, so the agents' wall
 clock runs sixty times as fast.
 """
 
 import os
+import pathlib
 import random
+import tempfile
 import time
 import unittest
 
 from case import BUILD, SystemTest, rows, wait_collected, write_files
-from tree import Tree, VirtualClock, find_faketime, sha256_of
+from tree import Tree, VirtualClock, find_faketime, sha256_of, wait_until
 
 KILLS = 10
 SPEED = 60
@@ -70,6 +73,57 @@ class KillTest(SystemTest):
                 for name in files:
                     self.assertEqual(tree.master.log().count(f"Collected Kill/kill/{name} "), 1, name)
                 self.end_with_each_file_once(tree, [tree.master], upstream=True)
+
+
+class StoreMoveTest(SystemTest):
+    """An agent is killed at random moments of the move of its store to another file system and back."""
+
+    def place_in_force(self, agent):
+        recorded = rows(agent, "SELECT FieldValue FROM DatabaseInformation WHERE FieldName = 'FileStorageCurrentPath'")
+        return pathlib.Path(recorded[0][0]) if recorded else agent.data / "FileStore"
+
+    def files_at(self, place):
+        """The files of the test in the store's folders at a place: path -> what is not to change."""
+        paths = [path for folder in ("downstream", "upstream") for path in (place / folder / "Move").glob("*/*/*")]
+        return {path.relative_to(place): (path.stat().st_mode, path.stat().st_mtime_ns, sha256_of(path))
+                for path in paths}
+
+    def test_a_kill_at_any_moment_leaves_one_complete_store(self):
+        with Tree(BUILD, [1]) as tree, tempfile.TemporaryDirectory(dir="/dev/shm") as memory:
+            home, away = tree.clients[0].data / "FileStore", pathlib.Path(memory) / "store"
+            if os.stat(memory).st_dev == os.stat(tree.folder).st_dev:
+                self.skipTest("there is one file system only")
+            tree.start()
+            client, relay = tree.clients[0], tree.relays[0]
+            down = write_files(tree.folder / "down", {f"{i}.bin": 5000 for i in range(30)})
+            tree.publish(down.values(), "Move", "move")
+            tree.wait_delivered({("move", name): sha256_of(path) for name, path in down.items()}, [client], 60)
+            relay.kill()
+            sent = write_files(tree.folder / "up", {f"{i}.bin": 1000 * i + 1 for i in range(300)})
+            expected = client.send(*sent.values(), kind="Move", label="move")
+            client.kill()
+            files = self.files_at(home)
+            self.assertEqual(len(files), 330)
+            for _ in range(KILLS):
+                goal = away if self.place_in_force(client) == home else home
+                client.set_ini("FileStore", "Directories", "FileStorage", goal)
+                moves = client.log().count("Moving the store from")
+                client.start()
+                wait_until(lambda: client.log().count("Moving the store from") > moves, 60, "the move begins")
+                time.sleep(random.uniform(0, 0.12))
+                client.kill()
+                place = self.place_in_force(client)
+                print(f"killed, the store is {'away' if place == away else 'at home'}", flush=True)
+                self.assertEqual(self.files_at(place), files)
+            client.set_ini("FileStore", "Directories", "FileStorage", away)
+            tree.run(client)
+            self.assertEqual(self.files_at(home), {})
+            self.assertEqual(self.files_at(away), files)
+            tree.run(relay)
+            wait_collected(tree.master, expected, 60)
+            self.end(tree)
+            self.assertEqual({path for (path,) in rows(client, "SELECT FilePath FROM Files WHERE FileType = 'Move'")},
+                             {str(away / path) for path in files if path.parts[0] == "downstream"})
 
 
 if __name__ == "__main__":

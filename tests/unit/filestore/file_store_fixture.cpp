@@ -14,7 +14,8 @@ namespace {
 constexpr const char* kModuleHandle = "FileStore";
 /// Conditions of statements that concern all files: another storage location, a list of them, and rows from
 /// before upstream files had their own database.
-constexpr const char* kScanned[] = {"FilePath LIKE", "FileStatus != ", "Upstream = 1", "DISTINCT DeviceGUID"};
+constexpr const char* kScanned[] = {"substr(FilePath", "FileStatus != ", "Upstream = 1",
+                                    "DISTINCT DeviceGUID"};
 
 thread_local bool ofTheTest = false;  ///< whether the test runs a statement of its own
 

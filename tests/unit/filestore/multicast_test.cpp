@@ -3,6 +3,7 @@
 #include <list>
 
 #include "filestore/db/multicast_table.h"
+#include "filestore/db/targets_table.h"
 #include "filestore/down/multicast_planner.h"
 #include "filestore/down/multicast_thread.h"
 #include "filestore/down/notify_thread.h"
@@ -207,6 +208,21 @@ TEST_F(MulticastTest, SmallFilesGoOutInBatchesBesideLargeOnesThatWait) {
     addSmall();
     CloseWindow(FileStore::bmTrackUsageDown);
     Rows(kDown, "UPDATE Targets SET LastNotifyTime = 1, TargetCreateTime = 1");
+    for (const auto& [name, priority] : {std::pair("first", 901), std::pair("last", 1)})
+        AddTarget(Add(name, KelFormat(", FileSize = 1, Bypass = 1, Priority = %d", priority), {}), ++targets_,
+                  ":1/G");
+    ASSERT_TRUE(filestore::MarkDueTargets(2, std::time(nullptr)));
+    filestore::DueTargets wanted;
+    wanted.due = std::time(nullptr);
+    wanted.where = filestore::DueTargets::Where::OtherDevices;
+    wanted.windowClosed = true;
+    wanted.limit = 3;
+    wanted.multicast = filestore::MulticastLimits{2, 9};
+    Texts order;
+    for (const filestore::FileTarget& row : filestore::SelectDueTargets(wanted))
+        order.push_back(row.file.FileName);
+    EXPECT_EQ(order, (Texts{"first", "large", "last"}));
+    Rows(kDown, "DELETE FROM Targets WHERE FileBypass = 1");
     FileStore::ulMulticastMinimumRequests = 1;
     EXPECT_TRUE(notify_.NotifyTargets());
     EXPECT_EQ(State(large), "1|0") << "its window is open";

@@ -1,6 +1,8 @@
 #include <filesystem>
 
+#include "filestore/db/information_table.h"
 #include "filestore/file_store_fixture.h"
+#include "kelcore/stopping.h"
 
 namespace {
 
@@ -26,11 +28,26 @@ TEST_F(StorageLocation, NewLocationMovesFilesAndPathsBothWays) {
     }
     const KelString old = AddContent();
     WriteFile(FileStore::StorePath(kUp, {"t", "l", "up", "c"}), "upward");
-    AddFile(kDown, "x", "AVAILABLE", "FilePath = '/elsewhere/x'");
-    const KelString target = Root() + "/it's new/";
+    // Rows and where they lie: after "Root/data/FileStore/" or, those that move, in the new place.
+    const KelString store = FileStore::strStorageLocationToUse, target = Root() + "/it's new/";
+    const KelString deep = "downstream/" + KelString(300, 'd') + "/%_";
+    const KelString external = "downstream/published/e";
+    const auto add = [](Side side, const KelString& path, bool isExternal) {
+        AddFile(side, path, "AVAILABLE",
+                KelFormat("ExternalFile = %d, FilePath = '%Q'", static_cast<int>(isExternal), path));
+    };
+    for (const KelString& path : {KelString("/elsewhere/x"), Root() + "/data/filestore/upstream/case"})
+        add(kDown, path, false);
+    add(kDown, store + deep, false);
+    for (const KelString& path : {store + external, store + "Temp/stays"})
+        add(kDown, path, true);
+    add(kUp, store + external, true);
     RestartWith(target);
     EXPECT_EQ(Recorded(), target);
-    EXPECT_EQ(Files(kDown, "FilePath"), (Texts{target + "downstream/t/l/c/content", "/elsewhere/x"}));
+    EXPECT_EQ(Files(kDown, "FilePath"), (Texts{target + "downstream/t/l/c/content", "/elsewhere/x",
+                                               Root() + "/data/filestore/upstream/case", target + deep,
+                                               target + external, store + "Temp/stays"}));
+    EXPECT_EQ(Files(kUp, "FilePath"), Texts{target + external});
     EXPECT_EQ(Content(target + "downstream/t/l/c/content") + Content(target + "upstream/t/l/c/up"),
               "contentupward");
     EXPECT_FALSE(FileExists(old));
@@ -56,6 +73,50 @@ TEST_F(StorageLocation, FailedMoveLeavesTheStoreInUseWhereItIs) {
         EXPECT_EQ(OnlyFields(kDown, "FilePath"), old);
         EXPECT_EQ(Content(old), "content");
     }
+}
+
+TEST_F(StorageLocation, WhatAKillHasLeftIsFinishedOrUndoneAtTheNextStart) {
+    const KelString store = FileStore::strStorageLocationToUse, target = Root() + "/target/";
+    const KelString content = "downstream/t/l/c/content", part = "upstream/t/l/c/part";
+    AddContent();
+    // What was to be removed, the setting at the next start, and where the store is then.
+    for (const auto& [left, setting, location] : Table<KelString, KelString, KelString>{
+             {target, "", store},       // while it was copied; the move is not wanted any more
+             {target, target, target},  // while it was copied
+             {store, target, target},   // while the old folders were removed
+             {store, store, store}}) {  // the same, and it is to move back
+        SCOPED_TRACE(left + " " + setting);
+        filestore::WriteInformation(filestore::kStoreToRemoveField, left);
+        WriteFile(left + part, "left");
+        RestartWith(setting);
+        for (const KelString& place : {store, target}) {
+            EXPECT_EQ(FileExists(place + content), place == location);
+            EXPECT_FALSE(FileExists(place + part));
+        }
+        EXPECT_EQ(OnlyFields(kDown, "FilePath"), location + content);
+        EXPECT_EQ(filestore::ReadInformation(filestore::kStoreToRemoveField), std::nullopt);
+    }
+}
+
+TEST_F(StorageLocation, CopyThatEndsEarlyIsRemoved) {
+    const KelString store = FileStore::strStorageLocationToUse, target = Root() + "/target/";
+    const KelString old = AddContent();
+    const auto cannotMove = [&] {
+        FileStore::strStorageLocationToUse = target;
+        EXPECT_FALSE(FileStore::ChangeFileStoragePath());
+        EXPECT_EQ(Content(old), "content");
+        EXPECT_EQ(DirList(target), Texts{});
+    };
+    KelAgentSetStopping(true);
+    cannotMove();
+    KelAgentSetStopping(false);
+    for (const char* refused : {"INSERT ON DatabaseInformation", "UPDATE ON Files"}) {
+        const auto unwritable = Refuse(kDown, refused);
+        cannotMove();
+    }
+    FileStore::strStorageLocationToUse = target;
+    EXPECT_TRUE(FileStore::ChangeFileStoragePath());
+    EXPECT_EQ(OnlyFields(kDown, "FilePath"), target + "downstream/t/l/c/content");
 }
 
 TEST_F(StorageLocation, OldFolderThatCannotBeRemovedDoesNotUndoTheMove) {
