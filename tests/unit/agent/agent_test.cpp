@@ -15,7 +15,7 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 
 constexpr const char* kGoodIni =
-    "[Agent]\nName=tree\nHttpPassword=a;b#c\nAddress=127.0.9.1\n"
+    "[Agent]\nName=tree\nHttpPassword=a;b#c and more\nAddress=127.0.9.1\n"
     "[Modules]\nModule10=Last\nModule2=Second\nModule1=First\n";
 
 class AgentConfigTest : public testing::Test {
@@ -48,7 +48,7 @@ TEST_F(AgentConfigTest, ModulesComeInTheOrderOfTheirNumbersAndThePasswordUnchang
     const auto config = LoadAgentConfig(root_);
     ASSERT_TRUE(config) << config.Error().message;
     EXPECT_THAT(config->modules, ElementsAre("First", "Second", "Last"));
-    EXPECT_EQ(config->httpPassword, "a;b#c");
+    EXPECT_EQ(config->httpPassword, "a;b#c and more");
 }
 
 TEST_F(AgentConfigTest, UnusableEntriesAreRefusedByName) {
@@ -76,9 +76,26 @@ TEST_F(AgentConfigTest, FaultsNameTheReadablePasswordTheEntriesAndTheModulesThat
                               "did you mean Address?", "First.so", "module Last: cannot be loaded"})
         EXPECT_THAT(Faults(), Contains(HasSubstr(fault)));
 
-    EXPECT_THAT(Faults(), Not(Contains(HasSubstr("chmod 600"))));
-    std::filesystem::permissions(folder_ / "config/Agent.ini", std::filesystem::perms(0644));
-    EXPECT_THAT(Faults(), Contains(HasSubstr("chmod 600")));
+    WriteIni("Agent.ini", "[Agent]\nName=t\nHttpPassword=aaaaaaaaaaaa\n[Modules]\nModule1=A\n");
+    EXPECT_THAT(Faults(), Contains(HasSubstr("password repeats")));
+}
+
+TEST_F(AgentConfigTest, SecretsThatOthersMayOpenAreRefusedAndFoldersClosed) {
+    WriteIni("key.pem", "key");
+    WriteIni("Agent.ini", KelString(kGoodIni) + "[Security]\nSslKeyFile=key.pem\n");
+    const auto load = [this](unsigned int mode, unsigned int keyMode) {
+        std::filesystem::permissions(folder_ / "config/Agent.ini", std::filesystem::perms(mode));
+        std::filesystem::permissions(folder_ / "config/key.pem", std::filesystem::perms(keyMode));
+        return LoadAgentConfig(root_);
+    };
+    for (const auto& [mode, keyMode] :
+         std::initializer_list<std::pair<int, int>>{{0640, 0600}, {0602, 0600}, {0600, 0604}, {0600, 0660}})
+        EXPECT_THAT(load(mode, keyMode).Error().message, HasSubstr("chmod 600")) << mode << " " << keyMode;
+    const auto config = load(0400, 0640);
+    ASSERT_TRUE(config);
+    std::filesystem::permissions(folder_ / "config", std::filesystem::perms(0755));
+    EXPECT_EQ(CloseRoot(*config).size(), 1U);
+    EXPECT_EQ(CloseRoot(*config).size(), 0U);
 }
 
 /// Two signals together, as for the process and its group, and one later than a stop takes to come twice;

@@ -1,4 +1,7 @@
+#include <sys/stat.h>
+
 #include "delivery_fixture.h"
+#include "kel/text.h"
 #include "on_threads.h"
 
 namespace {
@@ -18,6 +21,52 @@ TEST_F(DeliveryTest, FilesGoToTheirFolders) {
     const KelContainer list = Call("DeliveryListFiles");
     ASSERT_EQ(list.Count("Values"), 3U);
     ExpectValues(list.GetContainer("Values"), {"FileType=Package", "FileChecksum=" + TextMd5("Package")});
+}
+
+/// Another user of the device may write in a folder that the agent delivers to.
+TEST_F(DeliveryTest, LinksInASharedFolderLeadNowhere) {
+    const std::string outside = root_ / "outside", inbox = root_ / "data/Delivery/Inbox/";
+    RunningModule<Delivery> module;
+    TempFolder::Write(outside + "/f", "text");
+    const auto plant = [&](const std::string& link, const std::string& target) {
+        std::filesystem::remove_all(inbox);
+        std::filesystem::create_directories(std::filesystem::path(inbox + link).parent_path());
+        std::filesystem::create_symlink(target, inbox + link);
+    };
+    for (const auto& [link, name] : std::initializer_list<std::array<std::string, 2>>{
+             {"T", "a"}, {"T/label", "a"}, {"T/label/sub", "sub%2Fa"}, {"T/label/a/b", "a%2Fb%2Fc"}}) {
+        plant(link, outside);
+        const KelContainer file = Stored("T", name, "for " + link);
+        EXPECT_EQ(Announce(file), 0U) << link;
+        EXPECT_EQ(log_->Count(KelDebugLevel::Warning, link + " is in the way"), 1) << link;
+        const FilePlace place{inbox, "T/label/" + ReplaceAll(name, "%2F", "/")};
+        EXPECT_FALSE(PlaceCopy(file.GetString("FilePath"), place, {})) << "planted after the check: " << link;
+    }
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(outside), {}), 1);
+    plant("T/label/f", outside + "/f");
+    EXPECT_FALSE(Call("DeliveryListFiles").Has("Values")) << "it names a file elsewhere";
+    EXPECT_EQ(Announce(Stored("T", "f", "text")), 0U);
+    EXPECT_FALSE(std::filesystem::is_symlink(inbox + "T/label/f"))
+        << "replaced, though the content was the same";
+}
+
+TEST_F(DeliveryTest, FilesAndTheirFoldersAreOpenToWhomTheSettingSays) {
+    const mode_t before = ::umask(077);
+    for (const auto& [access, file, folder] : std::initializer_list<std::tuple<std::string, int, int>>{
+             {"all", 0644, 0755}, {"group", 0640, 0750}}) {
+        WriteIni("Delivery", "[Delivery]\nAccess=" + access + "\n");
+        RunningModule<Delivery> module;
+        EXPECT_EQ(Announce(Stored(access, "f", access)), 0U);
+        const std::string path = InboxPath(access, "f");
+        EXPECT_EQ(std::filesystem::status(path).permissions(), std::filesystem::perms(file));
+        EXPECT_EQ(std::filesystem::status(InboxPath(access, "..")).permissions(),
+                  std::filesystem::perms(folder));
+    }
+    ::umask(before);
+    WriteIni("Delivery", "[Commands]\nT=/bin/true secret\n");
+    std::filesystem::permissions(root_ / "config/Delivery.ini", std::filesystem::perms(0644));
+    RunningModule<Delivery> refused(Start::Fails);
+    EXPECT_TRUE(log_->Count(KelDebugLevel::Error, "chmod 600") == 1);
 }
 
 TEST_F(DeliveryTest, NewContentReplacesAndTheSameContentChangesNothing) {

@@ -3,6 +3,11 @@
 #include <list>
 
 #include "http_server_fixture.h"
+#include "modules/http_protocol/guess_limit.h"
+#include "modules/http_protocol/peer_table.h"
+
+using kelhttp::GuessLimit;
+using kelhttp::PeerTable;
 
 namespace {
 
@@ -40,11 +45,53 @@ TEST_F(LimitsTest, ConnectionsBeyondTheLimitOfAnAddressAreClosed) {
     Start("MaxConnectionsPerAddress=3\n");
     std::list<HttpTestClient> held;
     for (int i = 0; i < 3; ++i)
-        EXPECT_EQ(held.emplace_back(Port()).Ask("GET", "/").status, 401);
-    EXPECT_EQ(Connect().Ask("GET", "/").status, 0);
+        EXPECT_EQ(held.emplace_back(Port()).AskGranted("GET", "/").status, 404);
+    EXPECT_EQ(Connect().AskGranted("GET", "/").status, 503);
     held.pop_back();
-    EXPECT_TRUE(Eventually([this] { return Connect().Ask("GET", "/").status == 401; }))
+    EXPECT_TRUE(Eventually([this] { return Connect().AskGranted("GET", "/").status == 404; }))
         << "a place came free";
+}
+
+/// Who keeps a place: strangers of unknown addresses, of known ones and of the device itself are apart.
+TEST(PeerTableTest, AFloodOfStrangersClosesStrangersOnly) {
+    const IpAddress own(0x7F000001), child(1);
+    PeerTable table({.all = 20, .perAddress = 4, .strangers = 5, .strangersPerAddress = 3, .own = {}});
+    std::map<IpAddress, int> closed;
+    std::vector<PeerTable::Place> places;
+    const auto connect = [&](IpAddress peer) {
+        places.push_back(table.Admit(peer));
+        EXPECT_TRUE(!places.back() || table.SetClose(places.back(), [&, peer] { ++closed[peer]; }));
+        return places.back();
+    };
+    for (int i = 0; i < 4; ++i)
+        EXPECT_TRUE(table.Authenticated(connect(child)));
+    EXPECT_FALSE(table.Authenticated(connect(child))) << "its address has all that it may have";
+    connect(own);
+    for (std::uint32_t i = 0; i < 1000; ++i)
+        connect(IpAddress(2 + i % 100));
+    EXPECT_EQ(closed[child] + closed[own], 0);
+    EXPECT_FALSE(table.Authenticated(places[6])) << "the first of the flood has been closed";
+    for (int i = 0; i < 10; ++i)
+        connect(child);
+    EXPECT_EQ(closed[child], 8) << "three strangers are left of eleven";
+    places.clear();
+    for (std::uint32_t i = 0; i < 20; ++i)
+        EXPECT_TRUE(table.Authenticated(connect(IpAddress(200 + i))));
+    EXPECT_FALSE(connect(IpAddress(300))) << "all places are taken by peers with credentials";
+    EXPECT_TRUE(connect(own)) << "but for those of the device itself";
+}
+
+TEST(GuessLimitTest, AnAddressRecoversAndManyTakeNoMemory) {
+    const GuessLimit::Clock::time_point begin{};
+    GuessLimit limit;
+    for (int i = 1; i < 100'000; ++i) {
+        EXPECT_EQ(limit.IsExceeded(IpAddress(1), begin), i > GuessLimit::kFailures);
+        limit.NoteFailure(IpAddress(1), begin);
+    }
+    EXPECT_FALSE(limit.IsExceeded(IpAddress(1), begin + GuessLimit::kPause)) << "one more is allowed";
+    for (std::uint32_t i = 0; i < 3 * GuessLimit::kMaxAddresses; ++i)
+        limit.NoteFailure(IpAddress(i), begin);
+    EXPECT_LE(limit.CountAddresses(), GuessLimit::kMaxAddresses);
 }
 
 TEST_F(LimitsTest, TheProbePortTakesEverythingAndAnswersNothing) {
