@@ -177,8 +177,8 @@ FileRows SelectFilesOfContent(const KelString& name, const KelString& checksum) 
 std::optional<FileRows> SelectFilesOfKey(const FileKey& key) {
     const KelString content = key.checksum.empty() ? KelString() : KelFormat(kWithChecksum, key.checksum);
     const auto result = FileStoreGetDatabase(Side::Downstream)
-                            .connection.Query(KelFormat(kOfName, FileStoreEntry::kColumns, key.type, key.label,
-                                                        key.name, content));
+                            .connection.Query(KelFormat(kOfName, FileStoreEntry::kColumns, key.type,
+                                                        key.label, key.name, content));
     if (!result) return std::nullopt;
     FileRows files(result->GetRowCount());
     for (std::size_t i = 0; i < files.size(); ++i) {
@@ -225,6 +225,10 @@ FileRows SelectFilesToSend(const UploadFilter& filter) {
 
 FileRows SelectFilesToUpload(const UploadFilter& filter) {
     return SelectWaiting(kStatusUploading, "", filter);
+}
+
+FileRows SelectFilesBeingUploaded() {
+    return SelectUpstream(KelFormat(kWithStatus, FileStoreEntry::kColumns, kStatusUploading));
 }
 
 std::optional<std::uint32_t> CountFilesToUpload() {

@@ -63,6 +63,8 @@ struct UploadFilter {
 };
 FileRows SelectFilesToSend(const UploadFilter& filter);
 FileRows SelectFilesToUpload(const UploadFilter& filter);
+/// Those that the parent has accepted and not received yet.
+FileRows SelectFilesBeingUploaded();
 /// Nothing when the statement failed.
 std::optional<std::uint32_t> CountFilesToUpload();
 /// True when files other than archives wait to be sent, packed or not; false also when the statement failed.

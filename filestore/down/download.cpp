@@ -207,7 +207,7 @@ bool FileStorePullThread::FetchByUnicast(const FileStoreEntry& file, const KelSt
     if (isWhole && HasAnnouncedContent(file)) return FinishDownload(file);
     if (isWhole)
         NoteWhy(file, {.code = Waiting::ChecksumWrong, .peer = peer});
-    else if (result != kHttpRefused)
+    else if (!HttpTransfer::IsHeldByWindow(result, file.Bypass))
         NoteTransfer(file, ReasonOfTransfer(result, attempt.status, peer, attempt.errorText));
     if (!CheckCancelled(false) && IsCopyInDoubt(file, result, attempt.status, attempt.offset))
         ReportDamage(file, sender);

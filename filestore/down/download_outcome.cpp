@@ -2,6 +2,7 @@
 
 #include "filestore/db/file_status.h"
 #include "filestore/db/files_table.h"
+#include "filestore/exchange/http_transfer.h"
 #include "filestore/state/file_store.h"
 #include "filestore/state/store_layout.h"
 #include "filestore/state/waiting_reasons.h"
@@ -65,6 +66,7 @@ void LogDownloadFailure(const FileStoreEntry& file, KelDebugLevel level, const K
 }
 
 bool KeepForRetry(const FileStoreEntry& file, unsigned int result, const KelString& reason) {
+    if (HttpTransfer::IsHeldByWindow(result, file.Bypass)) return RecordPartial(file, NextTry::AtOnce);
     if (result == kHttpCutOff) return RecordPartial(file, NextTry::AfterTimeout);
     LogDownloadFailure(file, KelDebugLevel::Error,
                        KelFormat("PullThread: Failed to download file %S", file.FileName), reason);

@@ -26,6 +26,11 @@ unsigned int HttpTransfer::Run(const HttpMessage& request, HttpMessage& answer, 
     return client_.SendAndRecv(request, answer, transmission);
 }
 
+bool HttpTransfer::IsHeldByWindow(unsigned int result, bool bypass) {
+    if (bypass || (result != kHttpRefused && result != kHttpCutOff)) return false;
+    return PassingNow() == Passing::BypassOnly;
+}
+
 Passing PassingNow() {
     return FileStore::bmTrackUsageUp.TransfersAreDisabled() ? Passing::BypassOnly : Passing::All;
 }

@@ -21,6 +21,10 @@ class HttpTransfer {
     /// Results of HttpClient; kHttpBadRequest when the peer's URL is unusable.
     unsigned int Run(const HttpMessage& request, HttpMessage& answer, bool bypass);
 
+    /// True when the transfer that ended with `result` did so because the window is closed: it can go on as
+    /// soon as that opens.
+    static bool IsHeldByWindow(unsigned int result, bool bypass);
+
     /// Why the exchange was not completed; empty when there was an answer, whatever its status.
     const KelString& GetErrorText() const { return usable_ ? client_.GetErrorText() : unusable_; }
 

@@ -21,6 +21,12 @@ constexpr unsigned long kPutArrived = 5;  ///< shows in the log what woke the ca
 
 }  // namespace
 
+/// The HTTP server asks whether an upload may begin.
+unsigned int FileStore::ActionHandler_FileStoreHttpPutBegin(KelContainer* arguments) {
+    if (!ActionIsFromThisDevice(*arguments)) return kKelErrorBadInput;
+    return ExpectUpload(arguments->GetString("URL"), arguments->GetInt64("Size"));
+}
+
 /// The HTTP server asks whether an upload may be put in place and acknowledged.
 unsigned int FileStore::ActionHandler_FileStoreHttpPutCheck(KelContainer* arguments) {
     if (!ActionIsFromThisDevice(*arguments)) return kKelErrorBadInput;

@@ -34,6 +34,7 @@ constexpr std::array kActions = {
     Action{"FileStoreReceiveUnconnectedFile (string FileType, string FileLabel, string FileName, string "
            "Checksum)",
            &FileStore::ActionHandler_FileStoreReceiveUnconnectedFile},
+    Action{"FileStoreHttpPutBegin (string URL, int64 Size)", &FileStore::ActionHandler_FileStoreHttpPutBegin},
     Action{"FileStoreHttpPutCheck (string URL, string ContentPath)",
            &FileStore::ActionHandler_FileStoreHttpPutCheck},
     Action{"FileStoreHttpPutCallback (container Values)", &FileStore::ActionHandler_FileStoreHttpPutCallback},
@@ -74,6 +75,7 @@ struct Subscription {
 };
 
 constexpr std::array kSubscriptions = {
+    Subscription{"HttpProtocolCallbackPutBegin", "FileStoreHttpPutBegin (string URL, int64 Size)"},
     Subscription{"HttpProtocolCallbackPutCheck", "FileStoreHttpPutCheck (string URL, string ContentPath)"},
     Subscription{"HttpProtocolCallbackPut", "FileStoreHttpPutCallback (container Values)"},
     Subscription{"IdentityCallbackGUIDChange", "FileStoreGUIDCallback (string GUID)"},

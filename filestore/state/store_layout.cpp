@@ -1,10 +1,13 @@
 #include "filestore/state/store_layout.h"
 
+#include <algorithm>
+
 #include "filestore/state/file_store.h"
 #include "kel/directory.h"
 #include "kel/file.h"
 #include "kel/path.h"
 #include "kel/text.h"
+#include "kelcore/http/part_file.h"
 
 KelString FileStore::StoreFolder(Side side, const FileKey& key) {
     return strStorageLocationToUse + filestore::StoredFolder(side, key);
@@ -49,6 +52,13 @@ void DeleteFileAndFolder(const KelString& path) {
     FileDelete(path);
     KelString folder, name;
     SplitPath(path, folder, name);
+    if (DirDelete(folder, false)) return;
+    const KelVector<KelString> left = DirList(folder);
+    // What has come of interrupted uploads goes with the last file of its folder.
+    if (!std::ranges::all_of(left, [](const KelString& entry) { return entry.starts_with(kPartFilePrefix); }))
+        return;
+    for (const KelString& entry : left)
+        FileDelete(folder + "/" + entry);
     DirDelete(folder, false);
 }
 

@@ -4,6 +4,7 @@
 
 #include "filestore/db/files_table.h"
 #include "filestore/state/worker_loop.h"
+#include "filestore/up/resumed_upload.h"
 #include "filestore/up/upload_archive.h"
 
 /// Requests missing files from the parent and sends upstream files to it: offered first (send pass), then put
@@ -45,6 +46,7 @@ class FileStorePushThread : public FileThreadBase {
     enum class Upload {
         Stored,
         Refused,  ///< this file only: it is offered or sent again
+        Held,     ///< by the transfer window, which has closed
         Failed,   ///< no other file fares better now
     };
 
@@ -68,7 +70,8 @@ class FileStorePushThread : public FileThreadBase {
 
     Phase phase_ = Phase::Upload;         ///< an unfinished upload is resumed before anything new is sent
     unsigned long currentTimeout_ = 300;  ///< seconds
-    filestore::UploadArchive archive_;    ///< created by the last send pass, filled by the upload pass
+    filestore::ResumedUploads uploads_;
+    filestore::UploadArchive archive_;  ///< created by the last send pass, filled by the upload pass
     /// Rows that got another state or time, since the start; packed ones only once their archive is in the
     /// store. A round that adds none is the last of its step, whatever its passes report: the next one would
     /// do the same.

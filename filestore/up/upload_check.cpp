@@ -11,16 +11,46 @@
 
 namespace filestore {
 
-unsigned int CheckUpload(const KelString& url, const KelString& content) {
+namespace {
+
+bool IsOfStore(const KelString& url) {
     const auto place = ParseStoredUrl(url);
-    if (!place || place->side != Side::Upstream) return kKelOk;
+    return place && place->side == Side::Upstream;
+}
+
+/// Finds the row that waits for an upload; kKelOk, or why it is refused.
+unsigned int FindRow(const KelString& url, FileStoreEntry& entry) {
     const auto file = FindUpstreamFileOfUrl(url);
     if (!file) return kKelErrorNotAvailable;
     if (!file->row) {
         FileStore::debugFileStore.Warning("Refusing the upload of %S: it was not offered\n", url);
         return kKelAnswerNotExpected;
     }
-    const FileStoreEntry& entry = *file->row;
+    entry = *file->row;
+    return kKelOk;
+}
+
+}  // namespace
+
+unsigned int ExpectUpload(const KelString& url, std::int64_t size) {
+    if (!IsOfStore(url)) return kKelOk;
+    FileStoreEntry entry;
+    if (const unsigned int error = FindRow(url, entry); error != kKelOk) return error;
+    if (size != entry.FileSize) {
+        FileStore::debugFileStore.Warning(
+            "Refusing the upload of %S from %S: it has %ld bytes, %ld bytes were offered; the sender checks "
+            "its copy and tries again\n",
+            url, entry.SourceDevice, size, entry.FileSize);
+        return kKelAnswerOtherContent;
+    }
+    if (entry.FileStatus != kStatusReceiving) return kKelOk;
+    return kKelAnswerExpected;
+}
+
+unsigned int CheckUpload(const KelString& url, const KelString& content) {
+    if (!IsOfStore(url)) return kKelOk;
+    FileStoreEntry entry;
+    if (const unsigned int error = FindRow(url, entry); error != kKelOk) return error;
     const std::int64_t size = FileGetSize64(content);
     KelString checksum;
     if (size < 0 || !FileMd5(content, checksum)) {

@@ -1,8 +1,15 @@
 #pragma once
 
+#include <cstdint>
+
 #include "kel/types.h"
 
 namespace filestore {
+
+/// Decides whether an upload of `size` bytes under the URL path `url` may begin: kKelAnswerExpected when a
+/// row waits for it, kKelOk when the URL is none of the upstream store or the file has arrived already.
+/// Otherwise, with the reason in the log, as CheckUpload. From any thread.
+unsigned int ExpectUpload(const KelString& url, std::int64_t size);
 
 /// Decides whether an upload is accepted, before it is put in place and answered: `content` is the path of
 /// what has come under the URL path `url`. kKelOk when size and MD5 are those of the row that waits for it,

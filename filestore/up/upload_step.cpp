@@ -67,7 +67,7 @@ struct FileStorePushThread::UploadPass {
     IdList uploaded;
     /// Nothing of the pass is recorded and the archive is dropped: the next pass repeats it.
     bool failed = false;
-    bool uploadFailed = false;  ///< failed because the parent did not accept a file
+    bool uploadEnded = false;  ///< before its time: the parent did not accept a file, or the window closed
 };
 
 FileStorePushThread::Outcome FileStorePushThread::UploadFile(bool& reachedParent, bool packedPass) {
@@ -81,7 +81,7 @@ FileStorePushThread::Outcome FileStorePushThread::UploadFile(bool& reachedParent
     if (pass.parentUrl.empty()) return Outcome::Failed;
 
     for (const FileStoreEntry& entry : rows) {
-        if (pass.failed || IsRecent(entry.LastStatusChangeTime)) break;
+        if (pass.failed || pass.uploadEnded || IsRecent(entry.LastStatusChangeTime)) break;
         UploadOrPackRow(entry, pass);
         if (CheckCancelled(false)) pass.failed = true;  // what is half done is done again after the restart
     }
@@ -95,7 +95,7 @@ FileStorePushThread::Outcome FileStorePushThread::UploadFile(bool& reachedParent
         if (!packedKept || !uploadedKept) return Outcome::Failed;
         rowsTaken_ += pass.packed.Count() + pass.uploaded.Count();
     }
-    return pass.uploadFailed ? Outcome::Failed : Outcome::Done;
+    return pass.uploadEnded ? Outcome::Failed : Outcome::Done;
 }
 
 void FileStorePushThread::UploadOrPackRow(const FileStoreEntry& entry, UploadPass& pass) {
@@ -113,8 +113,11 @@ void FileStorePushThread::UploadOrPackRow(const FileStoreEntry& entry, UploadPas
             case Upload::Refused:
                 ++rowsTaken_;
                 break;
+            case Upload::Held:
+                pass.uploadEnded = true;
+                break;
             case Upload::Failed:
-                pass.failed = pass.uploadFailed = true;
+                pass.failed = pass.uploadEnded = true;
         }
     }
 }
@@ -146,13 +149,9 @@ FileStorePushThread::Upload FileStorePushThread::UploadRow(const FileStoreEntry&
     FileStore::debugFileStore.Detail("PushThread: Uploading %S to %S\n", entry.Key().Text(), entry.FileURL);
     HttpTransfer transfer("PushThread", pass.parentUrl,
                           [this, &pass] { return CheckCancelled(false) || pass.parent.HasChanged(); });
-    HttpFileMessage request;
-    request.SetMethod(HttpMethod::Put);
-    request.SetResourcePath(entry.FileURL);
-    request.SetBodyFile(path);
     HttpMessage answer;
     const TransferMark mark(Side::Upstream, entry.FileId, 0);
-    const unsigned int result = transfer.Run(request, answer, entry.Bypass);
+    const unsigned int result = uploads_.Put(transfer, entry, path, answer);
     FileStore::debugFileStore.Detail("PushThread: File upload returned %u\n", result);
     const KelString failure = KelFormat("upload %lu", entry.FileId);
     if (result == kHttpCompleted && answer.GetStatus() / 100 == 2) {
@@ -160,9 +159,10 @@ FileStorePushThread::Upload FileStorePushThread::UploadRow(const FileStoreEntry&
         FileStore::failures.Succeeded(failure, KelFormat("PushThread: %S was uploaded", entry.Key().Text()));
         return Upload::Stored;
     }
+    if (transfer.IsHeldByWindow(result, entry.Bypass)) return Upload::Held;  // it goes on when that opens
     const WaitingReason reason =
         ReasonOfTransfer(result, answer.GetStatus(), PeerName(pass.parentUrl), transfer.GetErrorText());
-    if (result != kHttpRefused) Reasons().Note(Side::Upstream, entry.FileId, WaitingStep::Upload, reason);
+    Reasons().Note(Side::Upstream, entry.FileId, WaitingStep::Upload, reason);
     if (pass.parent.HasChanged()) return Upload::Failed;  // it is offered to the present one
     FileStore::failures.Failed(KelDebugLevel::Warning, failure,
                                KelFormat("PushThread: Upload of %S failed: %S", entry.Key().Text(),

@@ -128,6 +128,7 @@ void HttpExchange::SetHeaders() {
         AddHeader("Range: bytes=" + std::to_string(request_.GetRangeStart()) + "-");
         if (!request_.GetIfRange().empty()) AddHeader("If-Range: " + request_.GetIfRange());
     }
+    if (const KelString range = source_.ContentRange(); !range.empty()) AddHeader("Content-Range: " + range);
     curl_easy_setopt(handle_.Easy(), CURLOPT_HTTPHEADER, static_cast<curl_slist*>(headers_));
 }
 

@@ -85,6 +85,11 @@ class HttpFileMessage : public HttpMessage {
     void SetBodyFile(const KelString& path) { bodyFile_ = path; }
     const KelString& GetBodyFile() const { return bodyFile_; }
 
+    /// As a PUT request, sends only the bytes of the file from `offset` on (Content-Range, RFC 9110, 14.5),
+    /// which must not be its end. The server must have said that it holds those before.
+    void SetBodyOffset(std::uint64_t offset) { bodyOffset_ = offset; }
+    std::uint64_t GetBodyOffset() const { return bodyOffset_; }
+
     /// The size of the whole resource in bytes as it was announced, 0 when unknown; an answer that would make
     /// the file larger is cut off with kHttpBadAnswer.
     void SetExpectedSize(std::uint64_t bytes) { expectedSize_ = bytes; }
@@ -96,6 +101,7 @@ class HttpFileMessage : public HttpMessage {
 
   private:
     KelString bodyFile_;
+    std::uint64_t bodyOffset_ = 0;
     std::uint64_t expectedSize_ = 0;
     std::uint64_t sizeLimit_ = 0;
 };

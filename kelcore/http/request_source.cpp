@@ -7,10 +7,13 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <string>
 
 HttpRequestSource::HttpRequestSource(const HttpMessage& request) : request_(request) {
     const auto* file = dynamic_cast<const HttpFileMessage*>(&request);
-    if (file != nullptr) path_ = file->GetBodyFile();
+    if (file == nullptr) return;
+    path_ = file->GetBodyFile();
+    first_ = offset_ = file->GetBodyOffset();
 }
 
 bool HttpRequestSource::Open() {
@@ -27,7 +30,14 @@ bool HttpRequestSource::Open() {
         return false;
     }
     size_ = static_cast<std::uint64_t>(status.st_size);
-    return true;
+    if (first_ == 0 || first_ < size_) return true;
+    errorText_ = path_ + " has become shorter than what was sent of it";
+    return false;
+}
+
+KelString HttpRequestSource::ContentRange() const {
+    if (first_ == 0) return {};
+    return "bytes " + std::to_string(first_) + "-" + std::to_string(size_ - 1) + "/" + std::to_string(size_);
 }
 
 std::optional<std::size_t> HttpRequestSource::Read(std::span<char> buffer) {
@@ -53,7 +63,7 @@ std::optional<std::size_t> HttpRequestSource::Read(std::span<char> buffer) {
 }
 
 bool HttpRequestSource::Seek(std::uint64_t offset) {
-    if (offset > size_) return false;
-    offset_ = offset;
+    if (offset > Size()) return false;
+    offset_ = first_ + offset;
     return true;
 }

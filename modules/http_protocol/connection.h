@@ -86,6 +86,8 @@ class Connection final : public ChannelUser,
     void OnUploadBegun(unsigned int status);
     void OnUploadWritten(unsigned int status);
     void OnUploadCommitted(unsigned int status);
+    void AnswerKeptLength(KelString path, AliasMatch place);
+    void OnKeptFound(unsigned int status);
 
     // Responses (connection_response.cpp).
     void Respond(unsigned int status, std::string_view headers, std::string_view body);
@@ -130,6 +132,7 @@ class Connection final : public ChannelUser,
     std::shared_ptr<char[]> chunk_;  ///< body bytes for the upload; a worker may outlive the connection
     std::size_t chunkSize_ = 0;
     std::size_t chunkUsed_ = 0;
+    Clock::time_point chunkBegun_;  ///< when the body was asked for that it takes
 
     Clock::time_point since_;  ///< start of the state, the head, or the window in which progress is measured
     std::uint64_t windowBytes_ = 0;

@@ -4,6 +4,7 @@
 
 #include "kel/format.h"
 #include "modules/http_protocol/connection.h"
+#include "modules/http_protocol/protected_files.h"
 #include "modules/http_protocol/request_path.h"
 
 namespace kelhttp {
@@ -138,11 +139,14 @@ bool Connection::NoteWrongCredentials(Clock::time_point now) {
 }
 
 void Connection::AnswerGet(const RequestHead& request) {
-    const std::optional<KelString> path = DecodeRequestPath(request.target);
-    const std::optional<AliasMatch> place = path ? context_.aliases.Find(*path) : std::nullopt;
+    std::optional<KelString> path = DecodeRequestPath(request.target);
+    std::optional<AliasMatch> place = path ? context_.aliases.Find(*path) : std::nullopt;
     ServedFile file;
     if (place) file = OpenServedFile(*place, request);
     if (file.status == 404 || bodyLeft_ > 0) {
+        const bool isSender = request.method == Method::Head && bodyLeft_ == 0 && place && place->writable &&
+                              IsServableName(place->rest);
+        if (isSender) return AnswerKeptLength(std::move(*path), std::move(*place));
         const unsigned int status = file.status == 404 ? 404 : 400;
         return Respond(status, "Content-Length: 0\r\n", {});
     }

@@ -6,6 +6,7 @@
 
 #include "kel/text.h"
 #include "kelcore/agent.h"
+#include "kelcore/http/part_file.h"
 
 namespace kelhttp {
 namespace {
@@ -19,7 +20,8 @@ bool IsFolderAt(const struct stat& folder, const KelString& path) {
 }  // namespace
 
 bool IsServableName(std::string_view path) {
-    return !path.substr(path.rfind('/') + 1).starts_with(kUploadPrefix);
+    const std::string_view name = path.substr(path.rfind('/') + 1);
+    return !name.starts_with(kUploadPrefix) && !name.starts_with(kPartFilePrefix);
 }
 
 bool IsStateName(std::string_view name) {

@@ -11,7 +11,7 @@ namespace kelhttp {
 /// The prefix of the names of unfinished uploads.
 inline constexpr std::string_view kUploadPrefix = ".kel-upload-";
 
-/// False for a path that ends in the name of an unfinished upload, wherever it is.
+/// False for a path that ends in the name of an unfinished or interrupted upload, wherever it is.
 bool IsServableName(std::string_view path);
 
 /// True for any name that a database or an ini file may have, in any case, including the files that SQLite

@@ -51,18 +51,58 @@ unsigned int StatusOfAnswer(unsigned int answer) {
 
 }  // namespace
 
-PutUpload::PutUpload(KelString url, AliasMatch place, std::uint64_t size, const KelDebug& log)
-    : url_(std::move(url)), file_(std::move(place)), size_(size), log_(log) {}
+PutUpload::PutUpload(Request request, AliasMatch place, const KelDebug& log)
+    : request_(std::move(request)), file_(std::move(place)), log_(log) {}
 
 unsigned int PutUpload::Begin() {
     if (!file_.OpenFolder()) return Fail("open the folder of");
     if (file_.IsKeptForAgent()) {
-        log_.Warning("Upload of %S refused: %S is kept for the agent's own files.\n", url_,
+        log_.Warning("Upload of %S refused: %S is kept for the agent's own files.\n", request_.url,
                      file_.Destination());
         return 403;
     }
-    const char* const failed = file_.Create(size_);
-    return failed == nullptr ? 0 : Fail(failed);
+    if (request_.first > 0 || request_.size > kLeastKept) {
+        if (const unsigned int status = TriggerBegin()) return status;
+    }
+    const char* failed = nullptr;
+    if (request_.first > 0)
+        failed = file_.OpenPart(request_.peer, request_.first, request_.size);
+    else if (isKeepable_)
+        failed = file_.CreatePart(request_.peer, request_.size);
+    else
+        failed = file_.Create(request_.size);
+    if (failed == nullptr) {
+        written_ = handedOver_ = request_.first;
+        return 0;
+    }
+    const bool hasNoPart = request_.first > 0 && (errno == ENOENT || errno == EBUSY);
+    return hasNoPart ? 409 : Fail(failed);
+}
+
+unsigned int PutUpload::FindKept() {
+    if (file_.OpenFolder()) written_ = file_.PartLength(request_.peer);
+    if (written_ > 0) return 0;
+    return errno == EBUSY ? 503 : 404;
+}
+
+/// Asks whether the upload is expected, so that one that is not need not come first.
+unsigned int PutUpload::TriggerBegin() {
+    static constexpr const char* kEvent = "HttpProtocolCallbackPutBegin";
+    KelContainer arguments;
+    arguments.SetString("URL", request_.url);
+    arguments.SetInt64("Size", static_cast<std::int64_t>(request_.size));
+    KelContainer results;
+    const unsigned int answer = CallbackDbTrigger(kEvent, arguments, results);
+    isKeepable_ = answer == kKelAnswerExpected;
+    if (isKeepable_) return 0;
+    if (answer == 0 && request_.first > 0) return 409;  // nothing is kept of it
+    return LogRefusal(kEvent, answer);
+}
+
+unsigned int PutUpload::LogRefusal(const char* event, unsigned int answer) const {
+    if (answer != 0)
+        log_.Warning("Upload of %S refused: a subscriber of %s answered %u.\n", request_.url, event, answer);
+    return StatusOfAnswer(answer);
 }
 
 unsigned int PutUpload::Write(std::string_view data) {
@@ -83,8 +123,13 @@ unsigned int PutUpload::Write(std::string_view data) {
 
 unsigned int PutUpload::Commit() {
     if (::fsync(file_.Get()) != 0) return Fail("sync");
-    if (const unsigned int status = Trigger("HttpProtocolCallbackPutCheck")) return status;
+    if (const unsigned int status = Trigger("HttpProtocolCallbackPutCheck")) {
+        // Kept content that is wrong would be completed again and again.
+        if (status != 503) file_.Drop();
+        return status;
+    }
     if (!file_.PutInPlace()) return Fail("put in place");
+    if (isKeepable_) file_.RemoveParts();
     if (!file_.SyncFolder()) return Fail("sync the folder of");
     file_.Close();
     return Trigger("HttpProtocolCallbackPut");
@@ -93,21 +138,18 @@ unsigned int PutUpload::Commit() {
 /// Triggers an event; the HTTP status with which a subscriber has the upload refused, 0 when none does.
 unsigned int PutUpload::Trigger(const char* event) const {
     KelContainer arguments;
-    arguments.SetString("URL", url_);
+    arguments.SetString("URL", request_.url);
     arguments.SetString("MulticastAddress", "");
     arguments.SetString("LocalPath", file_.Destination());
     if (file_.IsOpen()) arguments.SetString("ContentPath", file_.OpenPath());
     KelContainer results;
-    const unsigned int answer = CallbackDbTrigger(event, arguments, results);
-    if (answer != 0)
-        log_.Warning("Upload of %S refused: a subscriber of %s answered %u.\n", url_, event, answer);
-    return StatusOfAnswer(answer);
+    return LogRefusal(event, CallbackDbTrigger(event, arguments, results));
 }
 
 unsigned int PutUpload::Fail(const char* what) {
     const int error = errno;
-    log_.Error("Upload of %S: cannot %s %S: %s. The upload is refused; the sender will try again.\n", url_,
-               what, file_.Destination(), std::strerror(error));
+    log_.Error("Upload of %S: cannot %s %S: %s. The upload is refused; the sender will try again.\n",
+               request_.url, what, file_.Destination(), std::strerror(error));
     return StatusOfError(error);
 }
 

@@ -13,17 +13,38 @@ namespace kelhttp {
 /// An upload in progress, which is put in place once it is complete and synced. The operations block on the
 /// disk and run one at a time, on any thread; each returns 0 or the HTTP status of the failure, which it has
 /// logged.
+///
+/// What has come of an interrupted upload is kept, for its sender alone, when the upload has more than
+/// kLeastKept bytes and a subscriber of the event HttpProtocolCallbackPutBegin expects it.
 class PutUpload {
   public:
-    /// `url`: the decoded request path; `size`: bytes that will come.
-    PutUpload(KelString url, AliasMatch place, std::uint64_t size, const KelDebug& log);
+    /// Bytes; less is sent again as fast as it is resumed.
+    static constexpr std::uint64_t kLeastKept = 64 << 10;
 
-    /// Creates the file and reserves its space. 404 no such folder, 403 not allowed there, 507 no space, 500
-    /// otherwise.
+    struct Request {
+        KelString url;            ///< the decoded request path
+        KelString peer;           ///< the sender's address
+        std::uint64_t first = 0;  ///< where the body belongs in the file; what stands before it came earlier
+        std::uint64_t size = 0;   ///< of the whole file, in bytes
+    };
+    PutUpload(Request request, AliasMatch place, const KelDebug& log);
+
+    /// Creates the file, or opens what was kept of it, and reserves its space. 404 no such folder or not
+    /// expected, 422 of another size than expected, 403 not allowed there, 409 nothing kept up to the
+    /// position of the body or in use, 507 no space, 503 when a subscriber failed, 500 otherwise.
     unsigned int Begin();
+
+    /// Finds out for HEAD how much is kept of the upload; 404 when nothing is, 503 when it is in use.
+    unsigned int FindKept();
+    std::uint64_t KeptBytes() const { return written_; }
 
     /// Appends `data`; 507 or 500.
     unsigned int Write(std::string_view data);
+
+    /// Appends what has come of an upload that breaks off.
+    void WriteLast(std::string_view data) {
+        if (file_.IsPart()) Write(data);
+    }
 
     /// Syncs the file, asks the subscribers of the event HttpProtocolCallbackPutCheck, puts the file in
     /// place, syncs the folder and triggers the event HttpProtocolCallbackPut. The first event has the value
@@ -39,12 +60,14 @@ class PutUpload {
   private:
     unsigned int Fail(const char* what);
     unsigned int Trigger(const char* event) const;
+    unsigned int TriggerBegin();
+    unsigned int LogRefusal(const char* event, unsigned int answer) const;
 
-    KelString url_;
+    const Request request_;
     UnfinishedFile file_;
-    std::uint64_t size_;
     const KelDebug& log_;
-    std::uint64_t written_ = 0;
+    bool isKeepable_ = false;
+    std::uint64_t written_ = 0;     ///< bytes of the whole file
     std::uint64_t handedOver_ = 0;  ///< bytes whose write-back has been started
 };
 

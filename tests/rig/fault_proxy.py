@@ -1,4 +1,4 @@
-"""A TCP proxy that cuts and damages what passes, as rules say that may be added while it runs."""
+"""A TCP proxy that counts, cuts and damages what passes, as rules say that may be added while it runs."""
 
 import socket
 import threading
@@ -31,6 +31,7 @@ class FaultProxy:
         self.target, self.source = target, source
         self.lock = threading.Lock()
         self.rules, self.sockets = [], set()
+        self.passed = {UP: 0, DOWN: 0}  # bytes
         self.closed = False
         self.listener = socket.create_server(listen, reuse_port=False)
         self.port = self.listener.getsockname()[1]
@@ -87,6 +88,8 @@ class FaultProxy:
             while block := source.recv(BLOCK):
                 out, goes_on = self._apply(direction, tail, bytearray(block))
                 destination.sendall(out)
+                with self.lock:
+                    self.passed[direction] += len(out)
                 if not goes_on:
                     break
                 tail = (tail + block)[-256:]

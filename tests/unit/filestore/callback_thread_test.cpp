@@ -142,6 +142,12 @@ TEST_F(CallbackThreadTest, OnlyTheOfferedContentIsAccepted) {
             Call("FileStoreHttpPutCheck", Make({{"URL", to}, {"ContentPath", MakeFile("body", content)}}));
         return refusal != 0 ? refusal : Call("FileStoreHttpPutCallback", Make({{"URL", to}}));
     };
+    for (const auto& [to, size, answer] :
+         Table<KelString, int, unsigned int>{{url, 7, kKelAnswerExpected},
+                                             {url, 8, kKelAnswerOtherContent},
+                                             {url + "x", 7, kKelAnswerNotExpected},
+                                             {"/FileStore/other", 7, kKelOk}})
+        EXPECT_EQ(Call("FileStoreHttpPutBegin", Make({{"URL", to}, {"Size", size}})), answer);
     EXPECT_EQ(put(url, "contenu"), kKelAnswerOtherContent);
     EXPECT_EQ(put(url, "content!"), kKelAnswerOtherContent);
     EXPECT_EQ(put(url + "x", "content"), kKelAnswerNotExpected);
@@ -165,6 +171,7 @@ TEST_F(CallbackThreadTest, OnlyTheOfferedContentIsAccepted) {
     callbacks_.DoWork();
     EXPECT_EQ(OnlyFields(kUp), "TOBEUPLOADED");
     EXPECT_EQ(Queued(), Texts{});
+    EXPECT_EQ(Call("FileStoreHttpPutBegin", Make({{"URL", url}, {"Size", 7}})), kKelOk) << "it is here";
 }
 
 TEST_F(CallbackThreadTest, StartRemovesWhatIsHalfMade) {

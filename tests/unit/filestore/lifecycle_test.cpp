@@ -35,7 +35,7 @@ TEST_F(Lifecycle, ActionsRefuseCallsWhileTheDatabasesAreClosed) {
         ++actions;
         Ask(signature.substr(0, signature.find(' ')), {}, kKelErrorNotAvailable);
     }
-    EXPECT_EQ(actions, 31);
+    EXPECT_EQ(actions, 32);
 }
 
 TEST_F(Lifecycle, InitialisationFailsWithoutItsTablesOrADatabaseAndClosesWhatItOpened) {

@@ -1,3 +1,5 @@
+#include <utility>
+
 #include "filestore/push_fixture.h"
 #include "filestore/state/store_layout.h"
 
@@ -137,6 +139,42 @@ TEST_F(SendTest, FailedPutKeepsTheWholeBatchAndStandsBehindTheOthers) {
                           "second failed: " + Parent().HostAndPort() + ": it answers with HTTP status 507"));
     EXPECT_EQ(Upload(), Outcome::Done);
     EXPECT_EQ(Files(kUp, kState), (Texts{"AVAILABLE|0", "UPLOADING|now", "AVAILABLE|0"}));
+}
+
+/// The second try asks what the parent holds, and a file that was under way at the start is asked for at
+/// once.
+TEST_F(SendTest, AnInterruptedUploadGoesOnBehindWhatTheParentHolds) {
+    constexpr std::size_t kSize = 100'000;
+    std::size_t asked = 2;  // once more at the start
+    for (const auto& [held, range, left] : Table<const char*, const char*, std::size_t>{
+             {"", "", kSize},
+             {"Upload-Offset: 0\r\n", "", kSize},
+             {"Upload-Offset: x\r\n", "", kSize},
+             {"Upload-Offset: 70000\r\n", "bytes 70000-99999/100000", 30'000},
+             {"Upload-Offset: 100000\r\n", "bytes 99999-99999/100000", 1}}) {
+        const auto trace = Begin(held);
+        int puts = 0;
+        AnswerAsParent(
+            [&puts, held = held](const TestHttpServer::Request& request) -> TestHttpServer::Answer {
+                if (request.method == "HEAD") return {.status = 404, .headers = held};
+                return {.status = puts++ == 0 ? 0U : 201U};
+            });
+        const KelString large = KelFormat("FileSize = %lu", kSize);
+        const std::uint64_t interrupted = Announced("first", large);
+        KelString content(kSize, 'a');
+        content.back() = 'z';
+        WriteFile(Load(kUp, interrupted).FilePath, content);
+        EXPECT_EQ(Upload(), Outcome::Failed);
+        Set(kUp, interrupted, "LastStatusChangeTime = 0");
+        EXPECT_EQ(Upload(), Outcome::Done);
+        EXPECT_EQ(RequestedNames("HEAD").size(), std::exchange(asked, 1U));
+        const auto requests = Parent().Requests();
+        EXPECT_EQ(requests.back().Header("Content-Range"), range);
+        EXPECT_TRUE(requests.back().body == content.substr(kSize - left));
+        Announced("later", large);
+        EXPECT_EQ(Upload(), Outcome::Done);
+        EXPECT_EQ(Parent().Requests().size(), requests.size() + 1) << "the first try asks nothing";
+    }
 }
 
 TEST_F(SendTest, RefusedUploadIsOfferedAgainOrSentAgain) {

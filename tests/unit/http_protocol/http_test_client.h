@@ -19,7 +19,9 @@ struct TestAnswer {
 /// A client on one connection to 127.0.0.1. Every wait ends after some seconds.
 class HttpTestClient : public RawConnection {
   public:
-    explicit HttpTestClient(std::uint16_t port) : RawConnection(Connect(port)) {}
+    /// `from`: the last number of the client's own address, 127.0.0.FROM.
+    explicit HttpTestClient(std::uint16_t port, std::uint32_t from = 1)
+        : RawConnection(Connect(port, INADDR_LOOPBACK - 1 + from)) {}
 
     /// Reads one answer; `hasBody` false for HEAD.
     TestAnswer Receive(bool hasBody = true) {
@@ -86,10 +88,12 @@ class HttpTestClient : public RawConnection {
     std::string nonce;
 
   private:
-    static UniqueFd Connect(std::uint16_t port) {
+    static UniqueFd Connect(std::uint16_t port, std::uint32_t from) {
         UniqueFd fd(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
         sockaddr_in address{};
         address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(from);
+        if (::bind(fd.Get(), reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) fd.Reset();
         address.sin_port = htons(port);
         address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
         const timeval patience{15, 0};

@@ -27,6 +27,24 @@ class UploadTest : public RunningHttpServer {
             return found == count;
         });
     }
+    /// What HEAD says is kept of an upload, empty for nothing.
+    std::string Kept(std::uint32_t peer = 1) {
+        TestAnswer answer = HttpTestClient(Port(), peer).AskGranted("HEAD", "/Files/in/x");
+        EXPECT_TRUE(answer.status == 404 || answer.status == 503) << answer.status;  // 503 while it is in use
+        return answer.fields["upload-offset"];
+    }
+    /// Sends the first bytes of an upload and goes away.
+    void Interrupt(const std::string& content, std::size_t size) {
+        {
+            HttpTestClient client = Connect();
+            const std::string length = "Content-Length: " + std::to_string(content.size()) + "\r\n";
+            client.Send(client.Head("PUT", "/Files/in/x", length) + content.substr(0, size));
+        }
+        EXPECT_TRUE(Eventually([&] { return Kept() == std::to_string(size); })) << Kept();
+    }
+    static std::string Range(std::size_t first, std::size_t size) {
+        return KelFormat("Content-Range: bytes %lu-%lu/%lu\r\n", first, size - 1, size);
+    }
     KelContainer event_;  ///< written before the upload is answered
     std::string seen_;    ///< the file's content at that time
 };
@@ -119,6 +137,52 @@ TEST_F(UploadTest, AShortBodyLeavesNothing) {
     EXPECT_TRUE(WaitForNamelessFiles(0));
     EXPECT_EQ(CountFilesIn("in"), 0);
     EXPECT_TRUE(event_.IsEmpty());
+}
+
+TEST_F(UploadTest, AnInterruptedUploadGoesOnBehindWhatWasKept) {
+    const std::string content = PatternBytes(300'000);
+    unsigned int toBegin = 0, toCheck = 0;
+    Subscribe("HttpProtocolCallbackPutBegin", [&](KelContainer* container) {
+        ExpectValues(*container, {"URL=/Files/in/x", "Size=300000"});
+        return toBegin;
+    });
+    Subscribe("HttpProtocolCallbackPutCheck", [&](KelContainer*) { return toCheck; });
+    struct Case {
+        const char* name;
+        std::size_t first;
+        int status;
+        const char* kept;
+        unsigned int begin = kKelAnswerExpected, check = 0;
+        std::uint32_t peer = 1;
+    };
+    for (const Case& test :
+         {Case{"the rest", 200'000, 201, ""}, Case{"overlapping", 199'999, 201, ""}, Case{"anew", 0, 201, ""},
+          Case{"behind a gap", 200'001, 409, "200000"},
+          Case{"another peer's", 200'000, 409, "200000", kKelAnswerExpected, 0, 2},
+          Case{"anew from another peer", 0, 201, "", kKelAnswerExpected, 0, 2},
+          Case{"not expected", 200'000, 404, "200000", kKelAnswerNotExpected},
+          Case{"of another size", 200'000, 422, "200000", kKelAnswerOtherContent},
+          Case{"arrived already", 200'000, 409, "200000", 0},
+          Case{"cannot be said", 200'000, 503, "200000", kKelErrorNotAvailable},
+          Case{"damaged", 200'000, 422, "", kKelAnswerExpected, kKelAnswerOtherContent},
+          Case{"not checked", 200'000, 503, "300000", kKelAnswerExpected, kKelErrorNotAvailable}}) {
+        SCOPED_TRACE(test.name);
+        toBegin = kKelAnswerExpected;
+        toCheck = test.check;
+        Interrupt(content, 200'000);
+        toBegin = test.begin;
+        const std::string range = test.first == 0 ? "" : Range(test.first, content.size());
+        EXPECT_EQ(HttpTestClient(Port(), test.peer)
+                      .AskGranted("PUT", "/Files/in/x", range, content.substr(test.first))
+                      .status,
+                  test.status);
+        EXPECT_EQ(ReadFile("in/x") == content, test.status == 201);
+        std::filesystem::remove(File("in/x"));
+        EXPECT_TRUE(Eventually([&] { return Kept() == test.kept; })) << Kept();
+        EXPECT_EQ(CountFilesIn("in"), *test.kept == '\0' ? 0 : 1);
+        for (const auto& part : std::filesystem::directory_iterator(File("in")))
+            std::filesystem::remove(part);
+    }
 }
 
 TEST_F(UploadTest, AFullDiskIsAnsweredAndLeavesNothing) {
