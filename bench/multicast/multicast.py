@@ -3,10 +3,12 @@
 
 BIN is the folder of bench_multicast. Sender and receivers run in network namespaces joined by a bridge; both programs
 aim at 1 Gbit/s, without loss and with 2 % loss at each receiver. Goodput is the size of the file divided by the time
-until the last of the receivers has all of it; ours also until each has verified the checksum. The relay's fixed waits (3 s before
-the first pass, 5 s before and 15 s after each) are counted apart. Needs root.
+until the last of the receivers has all of it; ours also until each has verified the checksum. The relay's fixed waits
+(3 s before the first pass, 5 s before and 15 s after each) are counted apart. With --memory alone, one receiver gets
+10 GiB, which takes as much room in the folder for temporary files. Needs root.
 """
 import argparse
+import contextlib
 import hashlib
 import os
 import pathlib
@@ -18,7 +20,9 @@ import sys
 import tempfile
 import time
 
-from network import Network
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent.parent / "tests" / "system"))
+
+from netns import Network, run  # noqa: E402
 
 RATE_KBITS = 1_000_000
 GROUP, PORT = "239.77.7.7", "1500"
@@ -26,13 +30,35 @@ WAIT_AT_FIRST, WAIT_PER_PASS = 3, 5 + 15
 MAX_PASSES = 40
 
 
+class Ends(Network):
+    """The sender is in namespace 1, the receivers are in those that follow."""
+
+    def __init__(self, receivers):
+        super().__init__()
+        self.addresses = {}
+        for number in range(1, receivers + 2):
+            self.addresses[number] = self.add(number)
+            run(*self.inside(number), "ip", "route", "add", "224.0.0.0/4", "dev", "eth0")
+
+    def receivers(self):
+        return list(self.addresses)[1:]
+
+    def lose(self, percent):
+        """Every receiver drops so much of the UDP packets that reach it."""
+        rule = f"meta l4proto udp numgen random mod 1000 < {round(percent * 10)}" if percent else None
+        for number in self.receivers():
+            self.drop(number, rule, hook="prerouting")
+
+    def start(self, program, number, verb, *arguments):
+        return End([*self.inside(number), program, verb, self.addresses[number], *map(str, arguments)])
+
+
 class End:
     """A bench_multicast in a namespace."""
 
-    def __init__(self, program, space, *arguments):
-        self.process = subprocess.Popen(["ip", "netns", "exec", space, program, *map(str, arguments)],
-                                        stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL,
-                                        text=True)
+    def __init__(self, command):
+        self.process = subprocess.Popen(command, stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+                                        stderr=subprocess.DEVNULL, text=True)
         if self.answer() != "ready":
             raise SystemExit("bench_multicast does not start")
 
@@ -82,15 +108,8 @@ def as_ranges(blocks):
     return " ".join(str(a) if a == b else f"{a}-{b}" for a, b in pieces)
 
 
-def ours(arguments, network, source, folder):
-    checksum = hashlib.md5(source.read_bytes()).hexdigest()
-    program = arguments.bin / "bench_multicast"
-    target = (GROUP, PORT, arguments.block)
-    receivers = [End(program, network.spaces[i + 1], "receive", network.addresses[i + 1], *target,
-                     folder / str(i) / "file", source.stat().st_size, checksum) for i in range(arguments.receivers)]
-    sender = End(program, network.spaces[0], "send", network.addresses[0], *target, source, RATE_KBITS)
-    on_wire = network.sent_bytes()
-    start = time.monotonic()
+def send(sender, receivers):
+    """Sends until no receiver lacks anything; how often."""
     passes, missing, left = 0, "", list(receivers)
     while left and passes < MAX_PASSES:
         passes += 1
@@ -100,13 +119,26 @@ def ours(arguments, network, source, folder):
         answers = states(left)
         left = [receiver for receiver, answer in answers.items() if answer not in ("completed", "verifying")]
         missing = as_ranges({block for receiver in left for block in numbers(answers[receiver])})
+    return passes
+
+
+def ours(arguments, network, source, folder):
+    checksum = hashlib.md5(source.read_bytes()).hexdigest()
+    program = arguments.bin / "bench_multicast"
+    target = (GROUP, PORT, arguments.block)
+    receivers = [network.start(program, number, "receive", *target, folder / str(number) / "file",
+                               source.stat().st_size, checksum) for number in network.receivers()]
+    sender = network.start(program, 1, "send", *target, source, RATE_KBITS)
+    on_wire = network.sent_bytes(1)
+    start = time.monotonic()
+    passes = send(sender, receivers)
     received = time.monotonic() - start
     for receiver in receivers:
         receiver.ask("ask")
     if [receiver.answer() for receiver in receivers] != ["completed"] * len(receivers):
         raise SystemExit("not all receivers have the file")
     seconds = time.monotonic() - start
-    on_wire = network.sent_bytes() - on_wire
+    on_wire = network.sent_bytes(1) - on_wire
     usage = [end.usage() for end in (sender, *receivers)]
     for end in (sender, *receivers):
         end.close()
@@ -116,27 +148,23 @@ def ours(arguments, network, source, folder):
 
 def uftp(arguments, network, source, folder):
     # Its hash identifiers are those of the addresses: a closed group ends when all members are there.
-    members = ",".join("0x" + "".join(f"{int(part):02X}" for part in address.split("."))
-                       for address in network.addresses[1:])
-    daemons = []
-    for i in range(arguments.receivers):
-        (folder / str(i)).mkdir(exist_ok=True)
-        identifier = "0x" + "".join(f"{int(part):02X}" for part in network.addresses[i + 1].split("."))
-        daemons.append(subprocess.Popen(
-            ["ip", "netns", "exec", network.spaces[i + 1], "uftpd", "-d", "-I", "eth0", "-M", "239.77.7.8", "-B",
-             "4194304", "-U", identifier, "-D", folder / str(i)], stdout=subprocess.DEVNULL,
-            stderr=subprocess.DEVNULL))
+    members = {number: "0x" + "".join(f"{int(part):02X}" for part in network.addresses[number].split("."))
+               for number in network.receivers()}
+    daemons = [subprocess.Popen(
+        [*network.inside(number), "uftpd", "-d", "-I", "eth0", "-M", "239.77.7.8", "-B", "4194304", "-U", identifier,
+         "-D", folder / str(number)], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        for number, identifier in members.items()]
     time.sleep(1)
-    on_wire = network.sent_bytes()
+    on_wire = network.sent_bytes(1)
     before = resource.getrusage(resource.RUSAGE_CHILDREN)
     start = time.monotonic()
     done = subprocess.run(
-        ["ip", "netns", "exec", network.spaces[0], "uftp", "-Y", "none", "-R", str(RATE_KBITS), "-I", "eth0", "-M",
-         "239.77.7.8", "-P", "239.77.7.9", "-B", "4194304", "-H", members, *arguments.uftp.split(), source],
+        [*network.inside(1), "uftp", "-Y", "none", "-R", str(RATE_KBITS), "-I", "eth0", "-M",
+         "239.77.7.8", "-P", "239.77.7.9", "-B", "4194304", "-H", ",".join(members.values()), *arguments.uftp.split(), source],
         check=False, capture_output=True, text=True)
     seconds = time.monotonic() - start
     after = resource.getrusage(resource.RUSAGE_CHILDREN)
-    on_wire = network.sent_bytes() - on_wire
+    on_wire = network.sent_bytes(1) - on_wire
     sender = after.ru_utime - before.ru_utime + after.ru_stime - before.ru_stime
     for daemon in daemons:
         daemon.terminate()
@@ -144,10 +172,10 @@ def uftp(arguments, network, source, folder):
         daemon.wait()
     last = resource.getrusage(resource.RUSAGE_CHILDREN)
     receiver = (last.ru_utime - after.ru_utime + last.ru_stime - after.ru_stime) / arguments.receivers
-    for i in range(arguments.receivers):
-        stored = folder / str(i) / source.name
+    for number in members:
+        stored = folder / str(number) / source.name
         if not stored.exists() or stored.stat().st_size != source.stat().st_size:
-            raise SystemExit(f"uftp did not reach receiver {i}:\n{done.stdout[-2000:]}")
+            raise SystemExit(f"uftp did not reach receiver {number}:\n{done.stdout[-2000:]}")
     passes = done.stdout.count("Sending file") or 1
     return {"seconds": seconds, "received": seconds, "passes": passes, "sender": sender, "receiver": receiver, "wire": on_wire}
 
@@ -155,8 +183,8 @@ def uftp(arguments, network, source, folder):
 def round_of(program, arguments, network, source):
     with tempfile.TemporaryDirectory(dir="/dev/shm") as text:
         folder = pathlib.Path(text)
-        for i in range(arguments.receivers):
-            (folder / str(i)).mkdir()
+        for number in network.receivers():
+            (folder / str(number)).mkdir()
         return program(arguments, network, source, folder)
 
 
@@ -171,24 +199,34 @@ def report(name, rounds, size):
 
 
 def memory(arguments, network):
-    """The peak of a receiver that awaits 10 GiB, after the first 256 MiB of it."""
+    """The peak of a receiver of 10 GiB, of which nearly all is zero."""
     size = 10 << 30
     with tempfile.TemporaryDirectory() as text:
         folder = pathlib.Path(text)
         source = folder / "source"
         with open(source, "wb") as file:
             file.truncate(size)
+            for position in range(0, size, 1 << 20):
+                file.seek(position)
+                file.write(os.urandom(16))
+        with open(source, "rb") as file:
+            checksum = hashlib.file_digest(file, "md5").hexdigest()
         (folder / "r").mkdir()
         program = arguments.bin / "bench_multicast"
         target = (GROUP, PORT, 1024)
-        receiver = End(program, network.spaces[1], "receive", network.addresses[1], *target, folder / "r" / "file",
-                       size, "0" * 32)
+        receiver = network.start(program, 2, "receive", *target, folder / "r" / "file", size, checksum)
         at_first = receiver.usage()[1]
-        sender = End(program, network.spaces[0], "send", network.addresses[0], *target, source, RATE_KBITS)
-        sender.ask(f"send 0-{(256 << 10) - 1}")
-        sender.answer()
+        sender = network.start(program, 1, "send", *target, source, RATE_KBITS)
+        start = time.monotonic()
+        passes = send(sender, [receiver])
+        received = time.monotonic() - start
+        receiver.ask("ask")
+        while (answer := receiver.answer()) == "verifying":
+            receiver.ask("ask")
         print(f"Memory of a receiver of 10 GiB in blocks of 1,024: {at_first:.1f} MiB at first, "
-              f"{receiver.usage()[1]:.1f} MiB after 256 MiB")
+              f"{receiver.usage()[1]:.1f} MiB at the end; {answer}; all is there after {received:.1f} s and {passes} "
+              f"passes, verified after {time.monotonic() - start:.1f} s; processor "
+              f"{receiver.usage()[0]:.1f} s, sender {sender.usage()[0]:.1f} s")
         for end in (sender, receiver):
             end.close()
 
@@ -209,12 +247,16 @@ def main():
     parser.add_argument("--mib", type=int, default=64)
     parser.add_argument("--block", type=int, nargs="*", default=[1024, 1200])
     parser.add_argument("--loss", type=float, nargs="*", default=[0, 2])
+    parser.add_argument("--memory", action="store_true")
     parser.add_argument("--uftp", default="", help="further options of uftp")
     arguments = parser.parse_args()
     if os.geteuid() != 0 or not shutil.which("nft") or not shutil.which("uftp"):
         print("skipped: needs root, nftables and uftp")
         return
-    with Network(arguments.receivers) as network, tempfile.TemporaryDirectory(dir="/dev/shm") as text:
+    if arguments.memory:
+        with contextlib.closing(Ends(1)) as network:
+            return memory(arguments, network)
+    with contextlib.closing(Ends(arguments.receivers)) as network, tempfile.TemporaryDirectory(dir="/dev/shm") as text:
         source = pathlib.Path(text) / "source.bin"
         size = arguments.mib << 20
         source.write_bytes(os.urandom(size))
@@ -236,8 +278,6 @@ def main():
                       f"({own['received']:.2f} s) {peer['seconds'] / own['received']:.2f}; with the relay's fixed waits of {waits:g} s: "
                       f"{size / (own['seconds'] + waits) / 1e6:.1f} MB/s, "
                       f"ratio {peer['seconds'] / (own['seconds'] + waits):.2f}", flush=True)
-        network.lose(0)
-        memory(arguments, network)
     for block in blocks:
         checks(arguments, block)
 
