@@ -18,6 +18,9 @@ inline constexpr const char* kStoreToRemoveField = "FileStorageToRemove";
 /// Present while stored device URLs still name an earlier port of this device.
 inline constexpr const char* kPortUpdateField = "HttpPortUpdate";
 
+/// In each of the two databases: since when (seconds since the epoch) it has been in use.
+inline constexpr const char* kStoreKnownSinceField = "StoreKnownSince";
+
 /// In the upstream database: the parent to which files were sent last, and its upstream database.
 inline constexpr const char* kParentStoreField = "ParentStore";
 /// In the upstream database: since when (seconds since the epoch) it has waited for the files in the store

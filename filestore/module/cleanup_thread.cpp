@@ -10,6 +10,7 @@ using namespace filestore;
 
 bool FileStoreDeleteThread::DoWork() {
     RecordUnknownFiles();
+    orphans_.RunWhenDue(std::time(nullptr), [this] { return CheckCancelled(false); });
     const std::int64_t now = std::time(nullptr);
     const std::int64_t age = now - parentAsked_;
     if (age >= 0 && age < static_cast<std::int64_t>(FileStore::ulPushTimeout)) return false;

@@ -87,7 +87,7 @@ struct Row : FileStoreSetting {
 
 std::span<const FileStoreSetting> Table() {
     using F = FileStore;
-    static const std::array<FileStoreSetting, 32> table = {{
+    static const std::array<FileStoreSetting, 33> table = {{
         Row("FileStore", "Timeout", 300, &F::ulTimeout).Between(300, kMost).Then(Effect::TimeToLive),
         Row("FileStore", "PushTimeout", 300, &F::ulPushTimeout).Between(300, kMost).Then(Effect::TimeToLive),
         Row("FileStore", "PullTimeout", 300, &F::ulPullTimeout).Between(300, kMost).Then(Effect::TimeToLive),
@@ -128,6 +128,7 @@ std::span<const FileStoreSetting> Table() {
             .Then(Effect::Repository),
         Row("AlternativePackagesRepository", "PackagesRepositoryCopy", true, &F::fPackagesRepositoryCopy),
         Row("FileStore", "KeepCopyPackageMaxSize", 0, &F::uKeepCopyPackageMaxSize),
+        Row("FileStore", "RemoveOrphans", false, {}).ReadAt(Read::WhenUsed),
         Row("UploadPolicy", "ConcatFiles", "", {})
             .OneOf({"auto", "manual", "none"})
             .Apply(ApplyPacking)

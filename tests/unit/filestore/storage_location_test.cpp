@@ -28,26 +28,20 @@ TEST_F(StorageLocation, NewLocationMovesFilesAndPathsBothWays) {
     }
     const KelString old = AddContent();
     WriteFile(FileStore::StorePath(kUp, {"t", "l", "up", "c"}), "upward");
-    // Rows and where they lie: after "Root/data/FileStore/" or, those that move, in the new place.
     const KelString store = FileStore::strStorageLocationToUse, target = Root() + "/it's new/";
-    const KelString deep = "downstream/" + KelString(300, 'd') + "/%_";
-    const KelString external = "downstream/published/e";
-    const auto add = [](Side side, const KelString& path, bool isExternal) {
-        AddFile(side, path, "AVAILABLE",
-                KelFormat("ExternalFile = %d, FilePath = '%Q'", static_cast<int>(isExternal), path));
-    };
-    for (const KelString& path : {KelString("/elsewhere/x"), Root() + "/data/filestore/upstream/case"})
-        add(kDown, path, false);
-    add(kDown, store + deep, false);
-    for (const KelString& path : {store + external, store + "Temp/stays"})
-        add(kDown, path, true);
-    add(kUp, store + external, true);
+    const KelString deep = "downstream/" + KelString(300, 'd') + "/%_", external = "downstream/published/e";
+    const KelString otherCase = Root() + "/data/filestore/upstream/case";
+    const Table<Side, int, KelString, KelString> rows = {
+        {kDown, 0, "/elsewhere/x", "/elsewhere/x"},     {kDown, 0, otherCase, otherCase},
+        {kDown, 0, store + deep, target + deep},        {kDown, 1, store + external, target + external},
+        {kDown, 1, store + "Temp/x", store + "Temp/x"}, {kUp, 1, store + external, target + external}};
+    for (const auto& [side, isExternal, path, later] : rows)
+        AddFile(side, path, "AVAILABLE", KelFormat("ExternalFile = %d, FilePath = '%Q'", isExternal, path));
     RestartWith(target);
     EXPECT_EQ(Recorded(), target);
-    EXPECT_EQ(Files(kDown, "FilePath"), (Texts{target + "downstream/t/l/c/content", "/elsewhere/x",
-                                               Root() + "/data/filestore/upstream/case", target + deep,
-                                               target + external, store + "Temp/stays"}));
-    EXPECT_EQ(Files(kUp, "FilePath"), Texts{target + external});
+    for (const auto& [side, isExternal, path, later] : rows)
+        EXPECT_EQ(Cell(side, KelFormat("SELECT FilePath FROM Files WHERE FileName = '%Q'", path)), later);
+    EXPECT_EQ(Load(kDown, 1).FilePath, target + "downstream/t/l/c/content");
     EXPECT_EQ(Content(target + "downstream/t/l/c/content") + Content(target + "upstream/t/l/c/up"),
               "contentupward");
     EXPECT_FALSE(FileExists(old));
