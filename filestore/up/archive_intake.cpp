@@ -213,9 +213,12 @@ bool EnterPackedFiles(const KelContainer& index, const UnpackFolder& folder, con
     return complete;
 }
 
-/// False when the database failed. A refused archive would be unpacked again at every repair of the uploads.
-bool DropArchive(const FileStoreEntry& archive, const KelString& path) {
-    if (!DeleteFileRow(Side::Upstream, archive.FileId)) return false;
+/// Ends the work on an archive that can never be unpacked. Its row stays as it is; with its content, it would
+/// be unpacked again at every repair of the uploads, and take space for ever.
+bool RefuseArchive(const FileStoreEntry& archive, const KelString& path) {
+    FileStore::debugFileStore.Error(
+        "CallbackThread: The packedfile %S from %S cannot be used and is removed\n", archive.FileName,
+        archive.SourceDevice);
     DeleteFileAndFolder(path);
     return true;
 }
@@ -231,15 +234,17 @@ bool IsPackedArchive(const KelString& path) {
 bool UnpackArchive(KelThread& thread, const FileStoreEntry& archive, const KelString& targetStatus) {
     const KelString path = ContentPath(archive, Side::Upstream);
     const UnpackFolder folder(archive);
-    if (!HoldsPackedFilesOnly(archive, path)) return DropArchive(archive, path);
+    if (!HoldsPackedFilesOnly(archive, path)) return RefuseArchive(archive, path);
     KelContainer index;
     Intake opened = Extract(thread, path, folder.Path());
     if (opened == Intake::Done) opened = ReadIndex(archive, folder.Path(kPackingIndexEntry), index);
-    if (opened == Intake::Refused) return DropArchive(archive, path);
+    if (opened == Intake::Refused) return RefuseArchive(archive, path);
     if (opened == Intake::Failed) return false;
     if (!EnterPackedFiles(index, folder, archive, targetStatus)) return false;
     FileStore::debugFileStore.Print("File %S processed\n", archive.FileName);
-    return DropArchive(archive, path);
+    if (!DeleteFileRow(Side::Upstream, archive.FileId)) return false;
+    DeleteFileAndFolder(path);
+    return true;
 }
 
 }  // namespace filestore
