@@ -92,6 +92,7 @@ int FileStorePullThread::AcknowledgeFile() {
         WaitForRetry(file.FileId);
         return 0;
     }
+    const HttpCharge charge(ChargedFor(file.Bypass));
     if (const unsigned int error = SendAcknowledgement(callUrl, file.Key(), ownUrl); error != kKelOk) {
         LogFailure(file, error);
         WaitForRetry(file.FileId);

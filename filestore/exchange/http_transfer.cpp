@@ -31,6 +31,10 @@ bool HttpTransfer::IsHeldByWindow(unsigned int result, bool bypass) {
     return PassingNow() == Passing::BypassOnly;
 }
 
+HttpBandwidthManager* ChargedFor(bool bypass) {
+    return bypass ? nullptr : &FileStore::bmTrackUsageUp;
+}
+
 Passing PassingNow() {
     return FileStore::bmTrackUsageUp.TransfersAreDisabled() ? Passing::BypassOnly : Passing::All;
 }

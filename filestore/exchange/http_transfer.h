@@ -4,6 +4,7 @@
 
 #include "filestore/db/files_selection.h"
 #include "kel/types.h"
+#include "kelcore/http/charge.h"
 #include "kelcore/http/client.h"
 #include "kelcore/http/message.h"
 #include "kelcore/http/url.h"
@@ -34,6 +35,10 @@ class HttpTransfer {
     KelString unusable_ = "the address of the other device cannot be used";
     HttpClient client_;
 };
+
+/// What an HttpCharge takes while the calls are made that belong to the transfer of a file: the window,
+/// unless the file bypasses that.
+HttpBandwidthManager* ChargedFor(bool bypass);
 
 /// Which files may move to and from the parent now: only bypass files while its window is closed.
 Passing PassingNow();

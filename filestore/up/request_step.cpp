@@ -95,6 +95,7 @@ FileStorePushThread::Outcome FileStorePushThread::RequestFile(bool& reachedParen
         return Outcome::Failed;
     }
     KelContainer call = RequestFor(file, deviceUrl);
+    const HttpCharge charge(ChargedFor(file.Bypass));
     const unsigned int error = CallDevice(parentUrl, kRequestAction, call);
     if (error != kKelOk) {
         if (error == kKelErrorGuidScheme) FileStore::UpdateGuidScheme();

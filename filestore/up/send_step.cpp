@@ -3,6 +3,7 @@
 #include "filestore/db/file_status.h"
 #include "filestore/db/files_selection.h"
 #include "filestore/exchange/file_record.h"
+#include "filestore/exchange/http_transfer.h"
 #include "filestore/exchange/input_checks.h"
 #include "filestore/state/contact.h"
 #include "filestore/state/device.h"
@@ -64,6 +65,7 @@ bool FileStorePushThread::SendRow(const FileStoreEntry& entry, const KelString& 
                                   bool& reachedParent) {
     KelContainer offer = FileRecordOf(entry).ToContainer();
     FileStore::debugFileStore.Detail("PushThread: Sending %S upstream\n", entry.Key().Text());
+    const HttpCharge charge(ChargedFor(entry.Bypass));
     const unsigned int error = CallDevice(parentUrl, "FileStoreReceiveFile", offer);
     if (error == kKelOk && offer.GetBool(kValueContentHeld)) {
         Reasons().MovedOn(Side::Upstream, entry.FileId);

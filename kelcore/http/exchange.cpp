@@ -12,6 +12,7 @@
 
 #include "kel/text.h"
 #include "kelcore/http/challenge.h"
+#include "kelcore/http/charge.h"
 #include "kelcore/http/client.h"
 
 namespace {
@@ -87,11 +88,12 @@ unsigned int HttpExchange::Run() {
     SetMethod();
     SetHeaders();
     SetCallbacks();
+    if (!AwaitTurn()) return stopped_;
     curl_multi_add_handle(handle_.Multi(), handle_.Easy());
     int code = CURLE_OK;
     const bool done = Drive(code);
     curl_multi_remove_handle(handle_.Multi(), handle_.Easy());
-    PassHeads();
+    Charge();
     return Conclude(done, code);
 }
 
@@ -303,16 +305,34 @@ bool HttpExchange::Pass(std::uint64_t bytes) {
     return going;
 }
 
+/// Waits until what passed before is paid; false when this exchange must not begin.
+bool HttpExchange::AwaitTurn() {
+    if (transmission_ != nullptr && !transmission_->Pass(0, limits_.cancelled)) {
+        Stop(kHttpCutOff, limits_.cancelled() ? "cancelled" : "the transfer window has closed");
+        return false;
+    }
+    watch_.Restart(HttpSpeedWatch::Clock::now());
+    return true;
+}
+
 /// Heads count against the rate as bodies do: they are most of what small files cost. Their size is known at
-/// the end, so their time is paid then.
-void HttpExchange::PassHeads() {
+/// the end, so what follows pays for them; this exchange is complete. The bodies of an exchange that is not
+/// paced count in the same way, where it is a part of transfers that are.
+void HttpExchange::Charge() {
+    HttpBandwidthManager* const other = HttpCharge::Manager();
+    if (transmission_ == nullptr && (other == nullptr || !other->BandwidthIsLimited())) return;
     long sent = 0;
     long received = 0;
-    if (transmission_ == nullptr || stopped_ != 0) return;
     curl_easy_getinfo(handle_.Easy(), CURLINFO_REQUEST_SIZE, &sent);
     curl_easy_getinfo(handle_.Easy(), CURLINFO_HEADER_SIZE, &received);
-    transmission_->Pass(static_cast<std::uint64_t>(sent) + static_cast<std::uint64_t>(received),
-                        limits_.cancelled);
+    const auto heads = static_cast<std::uint64_t>(sent) + static_cast<std::uint64_t>(received);
+    if (transmission_ != nullptr) return transmission_->Charge(heads);
+    curl_off_t bodySent = 0;
+    curl_off_t bodyReceived = 0;
+    curl_easy_getinfo(handle_.Easy(), CURLINFO_SIZE_UPLOAD_T, &bodySent);
+    curl_easy_getinfo(handle_.Easy(), CURLINFO_SIZE_DOWNLOAD_T, &bodyReceived);
+    other->rateQueue.Add(heads + static_cast<std::uint64_t>(bodySent + bodyReceived),
+                         HttpRateQueue::Clock::now());
 }
 
 /// The rate of a transfer on a narrow connection has risen: the socket takes as much as the system allows.

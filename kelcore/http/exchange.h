@@ -58,7 +58,8 @@ class HttpExchange {
     bool Pass(std::uint64_t bytes);
     bool IsPaced() const { return transmission_ != nullptr && transmission_->IsLimited(); }
     bool IsWaiting() const;
-    void PassHeads();
+    bool AwaitTurn();
+    void Charge();
     void Widen();
     bool Drive(int& code);
     bool MustStop();

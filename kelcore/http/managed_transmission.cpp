@@ -57,6 +57,10 @@ bool HttpManagedTransmission::Pass(std::uint64_t bytes, const std::function<bool
     return true;
 }
 
+void HttpManagedTransmission::Charge(std::uint64_t bytes) {
+    if (IsLimited()) manager_.rateQueue.Add(bytes, Clock::now());
+}
+
 bool HttpManagedTransmission::PassAhead(std::uint64_t bytes, const std::function<bool()>& cancelled) {
     if (!IsLimited()) return Pass(0, cancelled);
     if (cancelled && cancelled()) return false;

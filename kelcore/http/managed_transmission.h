@@ -46,6 +46,10 @@ class HttpManagedTransmission {
     /// so that the time that sending takes counts.
     bool PassAhead(std::uint64_t bytes, const std::function<bool()>& cancelled = {});
 
+    /// Accounts for `bytes` without sleeping: what passes next, here or in the manager's other transmissions,
+    /// pays for them.
+    void Charge(std::uint64_t bytes);
+
     /// How many bytes should be passed at a time so that they flow evenly: about a twentieth of a second's,
     /// but not less than the manager's frame size, unless that takes longer than a second. After Start.
     std::size_t PieceBytes() const;

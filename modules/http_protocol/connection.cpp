@@ -158,8 +158,8 @@ void Connection::OnTick(Clock::time_point now) {
             late = !MeasureBodyRate(now, settings.minBodyRate);
             break;
         case State::PutBody:
-            // Uploads are paced by the sender's transfer window, which may allow any rate.
-            late = !MeasureBodyRate(now, 0);
+            // Uploads are paced by the sender's transfer window, which may allow a low rate.
+            late = !MeasureBodyRate(now, 0) || !MeasureUploadRate(now);
             break;
         case State::Sending:
             NoteProgress(now);
@@ -195,6 +195,18 @@ bool Connection::MeasureBodyRate(Clock::time_point now, int leastRate) {
     since_ = now;
     windowBytes_ = 0;
     return true;
+}
+
+/// The same for an upload, over a time that outlasts the pauses of a slow sender.
+bool Connection::MeasureUploadRate(Clock::time_point now) {
+    const ServerSettings& settings = context_.settings;
+    if (now - uploadMeasured_ < std::chrono::seconds(settings.minUploadRateTime)) return true;
+    const auto least = static_cast<std::uint64_t>(settings.minUploadRate) *
+                       static_cast<std::uint64_t>(settings.minUploadRateTime);
+    const std::uint64_t came = uploadLeft_ - bodyLeft_;
+    uploadMeasured_ = now;
+    uploadLeft_ = bodyLeft_;
+    return came >= least;
 }
 
 void Connection::BeginWork() {

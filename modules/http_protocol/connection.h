@@ -101,6 +101,7 @@ class Connection final : public ChannelUser,
 
     void NoteProgress(Clock::time_point now);
     bool MeasureBodyRate(Clock::time_point now, int leastRate);
+    bool MeasureUploadRate(Clock::time_point now);
     void BeginWork();
     void EndWork();
 
@@ -132,7 +133,9 @@ class Connection final : public ChannelUser,
     std::shared_ptr<char[]> chunk_;  ///< body bytes for the upload; a worker may outlive the connection
     std::size_t chunkSize_ = 0;
     std::size_t chunkUsed_ = 0;
-    Clock::time_point chunkBegun_;  ///< when the body was asked for that it takes
+    Clock::time_point uploadMeasured_;  ///< when the rate of the upload was measured last
+    std::uint64_t uploadLeft_ = 0;      ///< bytes that were still to come then
+    Clock::time_point chunkBegun_;      ///< when the body was asked for that it takes
 
     Clock::time_point since_;  ///< start of the state, the head, or the window in which progress is measured
     std::uint64_t windowBytes_ = 0;

@@ -87,7 +87,8 @@ void Connection::OnUploadBegun(unsigned int status) {
     chunkSize_ = std::min(std::max<std::uint64_t>(bodyLeft_, 1), kChunkBytes);
     chunk_ = std::make_shared_for_overwrite<char[]>(chunkSize_);
     chunkUsed_ = 0;
-    chunkBegun_ = Clock::now();
+    chunkBegun_ = uploadMeasured_ = Clock::now();
+    uploadLeft_ = bodyLeft_;
     AcceptBody(State::PutBody);
 }
 

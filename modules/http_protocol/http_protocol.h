@@ -31,7 +31,9 @@ class Server;
 ///   multicast_actions.h
 ///
 /// Event: HttpProtocolCallbackPut{URL, MulticastAddress, LocalPath}, after an upload is in place, or a file
-/// that came by multicast (then with its group in MulticastAddress).
+/// that came by multicast (then with its group in MulticastAddress). Before an upload begins and before it is
+/// in place, HttpProtocolCallbackPutBegin and HttpProtocolCallbackPutCheck ask whether it is wanted; see
+/// PutUpload and KelUploadAnswer.
 ///
 /// Initialise binds the port; Activate begins to serve it and fails when another program listens on it by
 /// then. All actions answer from Initialise on, and still after Cleanup.

@@ -29,6 +29,8 @@ constexpr NumberEntry kNumbers[] = {
     {"IdleTimeout", &ServerSettings::idleTimeout, 1, 86400},
     {"SendTimeout", &ServerSettings::sendTimeout, 1, 86400},
     {"MinBodyRate", &ServerSettings::minBodyRate, 0, 1 << 30},
+    {"MinUploadRate", &ServerSettings::minUploadRate, 0, 1 << 30},
+    {"MinUploadRateTime", &ServerSettings::minUploadRateTime, 1, 86400},
     {"MinBodyRateTime", &ServerSettings::minBodyRateTime, 1, 3600},
     {"MaxHeaderBytes", &ServerSettings::maxHeaderBytes, 1024, 1 << 20},
     {"MaxActionBytes", &ServerSettings::maxActionBytes, 1024, 1 << 30},

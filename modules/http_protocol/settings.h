@@ -19,9 +19,11 @@ struct ServerSettings {
     int ioThreads = 2;
     int headerTimeout = 20;
     int idleTimeout = 75;
-    int sendTimeout = 120;     ///< a connection whose peer reads nothing for so long is closed
-    int minBodyRate = 1000;    ///< of the body of an action call, bytes per second
-    int minBodyRateTime = 10;  ///< seconds over which the rate of a body is measured
+    int sendTimeout = 120;        ///< a connection whose peer reads nothing for so long is closed
+    int minBodyRate = 1000;       ///< of the body of an action call, bytes per second
+    int minBodyRateTime = 10;     ///< seconds over which the rate of a body is measured
+    int minUploadRate = 50;       ///< bytes per second; less than any transfer window is worth
+    int minUploadRateTime = 300;  ///< seconds over which the rate of an upload is measured
     int maxHeaderBytes = 32 << 10;
     int maxActionBytes = 32 << 20;
     int maxJsonBytes = 1 << 20;  ///< JSON is what scripts send, never agents

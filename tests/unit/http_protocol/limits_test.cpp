@@ -41,6 +41,13 @@ TEST_F(LimitsTest, SlowHeadsSlowBodiesAndIdleConnectionsAreClosed) {
     EXPECT_TRUE(Eventually([&blank] { return !blank.Send("\r\n"); })) << "empty lines are no head";
 }
 
+TEST_F(LimitsTest, AnUploadThatIsHeldOpenWithFewBytesIsCutOff) {
+    Start("MinUploadRate=1000\nMinUploadRateTime=2\n");
+    HttpTestClient slow = Connect();
+    slow.Send(slow.Head("PUT", "/Files/in/x", "Content-Length: 5000000\r\n"));
+    EXPECT_TRUE(Eventually([&slow] { return !slow.Send("a"); }));
+}
+
 TEST_F(LimitsTest, ConnectionsBeyondTheLimitOfAnAddressAreClosed) {
     Start("MaxConnectionsPerAddress=3\n");
     std::list<HttpTestClient> held;

@@ -7,9 +7,11 @@
 #include <memory>
 #include <optional>
 #include <thread>
+#include <utility>
 
 #include "fake_bandwidth_manager.h"
 #include "kel/temp_folder.h"
+#include "kelcore/http/charge.h"
 #include "on_threads.h"
 #include "test_http_server.h"
 
@@ -257,6 +259,32 @@ TEST_F(HttpClientTest, CancellingStopsAStalledExchange) {
     stopper.join();
     EXPECT_EQ(Download(), kHttpCutOff);
     EXPECT_EQ(server_->Requests().size(), 2U) << "a new exchange is not begun";
+}
+
+/// Bodies that are paced pass the queue themselves, all else is put there for what follows.
+TEST_F(HttpClientTest, HeadsAndTheCallsOfTransfersCountAgainstTheRate) {
+    ServeAlways(Whole(1000));
+    FakeBandwidthManager manager;
+    HttpManagedTransmission transmission(manager);
+    auto counted = [&manager, before = std::uint64_t{0}]() mutable {
+        const std::uint64_t all = manager.rateQueue.Add(0, HttpRateQueue::Clock::now());
+        return all - std::exchange(before, all);
+    };
+    EXPECT_EQ(client_.SendAndRecv(request_, answer_, transmission), kHttpCompleted);
+    const std::uint64_t whole = counted();
+    EXPECT_GT(whole, 1050U);
+    EXPECT_LT(whole, 2000U);
+    EXPECT_EQ(Exchange(), kHttpCompleted);
+    EXPECT_EQ(counted(), 0U);
+    {
+        const HttpCharge charge(&manager);
+        EXPECT_EQ(Exchange(), kHttpCompleted);
+        EXPECT_EQ(counted(), whole);
+        manager.limited = false;
+        EXPECT_EQ(Exchange(), kHttpCompleted);
+        EXPECT_EQ(counted(), 0U);
+    }
+    EXPECT_EQ(HttpCharge::Manager(), nullptr);
 }
 
 TEST_F(HttpClientTest, AClosingWindowCutsTheTransferOff) {

@@ -28,14 +28,14 @@ TEST(RateQueue, SumsUpToTheRateWhateverThePieces) {
     }
 }
 
-TEST(RateQueue, AStallEarnsAtMostASecondIdleTimeNothingAndANewRateHoldsForWhatIsUnpaid) {
+TEST(RateQueue, AStallEarnsLittleIdleTimeNothingAndANewRateHoldsForWhatIsUnpaid) {
     HttpRateQueue queue;
     queue.Join(kStart);
     queue.SetRate(8'000, kStart);  // 1000 bytes a second
     EXPECT_EQ(queue.Remaining(queue.Add(1000, kStart), kStart), 1s);
     const std::uint64_t stalled = queue.Add(3000, kStart + 3600s);
-    EXPECT_EQ(queue.Remaining(stalled, kStart + 3600s), 2s);
-    auto now = kStart + 3601s;
+    EXPECT_EQ(queue.Remaining(stalled, kStart + 3600s), 2700ms);
+    auto now = kStart + 3601s + 700ms;
     queue.SetRate(4'000, now);
     EXPECT_EQ(queue.Remaining(stalled, now), 2s);
     queue.Leave();
@@ -65,7 +65,7 @@ TEST(RateQueue, AStallEarnsNoMoreCreditThanALimitOfBurstsLeaves) {
     queue.Join(kStart);
     queue.SetRate(8'000, kStart);
     auto now = kStart + 3600s;
-    EXPECT_EQ(queue.Remaining(queue.Add(1000, now, 1500), now), 500ms);
+    EXPECT_EQ(queue.Remaining(queue.Add(1000, now, 1100), now), 900ms);
     now += 3600s;
     EXPECT_EQ(queue.Remaining(queue.Add(2000, now, 1500), now), 2s) << "larger than any burst may be";
 }
