@@ -34,9 +34,9 @@ constexpr char kSetStatusIf[] =
 constexpr char kSetStatuses[] =
     "UPDATE Files SET FileStatus = '%Q', LastStatusChangeTime = %ld WHERE FileId IN (%S)";
 constexpr char kSetSupplied[] = "UPDATE Files SET FileStatus = '%s', Acknowledged = 1 WHERE FileId = %lu";
-constexpr char kDeleteTargets[] = "DELETE FROM Targets WHERE FileId = %lu";
-constexpr char kDeleteHandedOver[] = "DELETE FROM HandedOver WHERE FileId = %lu";
-constexpr char kDelete[] = "DELETE FROM Files WHERE FileId = %lu";
+constexpr char kDeleteTargets[] = "DELETE FROM Targets WHERE FileId IN (%S)";
+constexpr char kDeleteHandedOver[] = "DELETE FROM HandedOver WHERE FileId IN (%S)";
+constexpr char kDelete[] = "DELETE FROM Files WHERE FileId IN (%S)";
 
 constexpr char kSetDownloadPath[] =
     "UPDATE Files SET FilePath = '%Q' WHERE FileId = %lu AND FileStatus = '%s'";
@@ -203,11 +203,18 @@ bool SetSuppliedByConsumer(Side side, std::uint64_t fileId) {
 }
 
 bool DeleteFileRow(Side side, std::uint64_t fileId) {
+    IdList one;
+    one.Add(fileId);
+    return DeleteFileRows(side, one);
+}
+
+bool DeleteFileRows(Side side, const IdList& fileIds) {
+    if (fileIds.IsEmpty()) return true;
     const KelLock lock(FileStoreGetDatabase(side).mutex);
-    if (side == Side::Downstream && (!ChangeDownstream(KelFormat(kDeleteTargets, fileId)) ||
-                                     !ChangeDownstream(KelFormat(kDeleteHandedOver, fileId))))
+    if (side == Side::Downstream && (!ChangeDownstream(KelFormat(kDeleteTargets, fileIds.Text())) ||
+                                     !ChangeDownstream(KelFormat(kDeleteHandedOver, fileIds.Text()))))
         return false;
-    return Change(side, KelFormat(kDelete, fileId));
+    return Change(side, KelFormat(kDelete, fileIds.Text()));
 }
 
 bool MarkDueDownloads(std::int64_t before) {

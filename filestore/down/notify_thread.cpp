@@ -7,11 +7,13 @@
 #include <utility>
 
 #include "filestore/db/file_status.h"
+#include "filestore/db/files_table.h"
 #include "filestore/db/handed_over_table.h"
 #include "filestore/db/targets_table.h"
 #include "filestore/down/announcement.h"
 #include "filestore/state/bandwidth_manager.h"
 #include "filestore/state/file_store.h"
+#include "filestore/state/removal.h"
 #include "filestore/state/settings.h"
 #include "filestore/state/store_layout.h"
 #include "kelcore/action_db.h"
@@ -107,6 +109,18 @@ KelVector<KelVector<FileTarget>> ByDevice(KelVector<FileTarget> rows, Announceme
     return devices;
 }
 
+/// Keeps files from being removed while they are announced, and drops the rows of those that are gone.
+KelVector<FileInUse> Use(KelVector<FileTarget>& rows) {
+    KelVector<FileInUse> inUse;
+    for (const FileTarget& row : rows)
+        inUse.emplace_back(Side::Downstream, row.file);
+    std::erase_if(rows, [](const FileTarget& row) {
+        const auto status = LookUpStatus(Side::Downstream, row.file.FileId);
+        return status && status->empty();
+    });
+    return inUse;
+}
+
 /// Remembers what is about to be handed over to modules of this device. Rule files are made anew when they
 /// are missed.
 bool RememberLocal(const KelVector<FileTarget>& rows) {
@@ -156,6 +170,7 @@ int FileStoreNotifyThread::NotifyUnicastTargets(unsigned int fileId, unsigned in
 
 bool FileStoreNotifyThread::NotifySingle(unsigned int fileId, unsigned int targetId) {
     KelVector<FileTarget> rows = SelectSingle(fileId, targetId);
+    const KelVector<FileInUse> inUse = Use(rows);
     if (rows.empty()) {
         FileStore::debugFileStore.Detail("NotifyThread: Nothing found to notify\n");
         return false;
@@ -284,6 +299,7 @@ MulticastPlanner::Way FileStoreNotifyThread::PlanTransfer(const FileStoreEntry& 
 
 /// False when nothing was recorded, in this and the next.
 bool FileStoreNotifyThread::NotifyThisDevice(KelVector<FileTarget>& rows) {
+    const KelVector<FileInUse> inUse = Use(rows);
     if (!RememberLocal(rows)) return false;
     AnnouncementOutcome outcome;
     for (FileTarget& row : rows) {

@@ -5,8 +5,9 @@
 #include "filestore/state/worker_loop.h"
 
 /// The worker that keeps the store in order. It brings back what a lost upstream database held
-/// (up/lost_store.h). Delivered and outdated files, targets and packages, which it would remove, stay: a
-/// store keeps what it has received.
+/// (up/lost_store.h), and removes files that have done their job, what has outlived its time to live, and
+/// packages that nobody asks for, in this order: first on the way down, then on the way up
+/// (module/cleanup_passes.h, packages/unused_packages.h). What is in use stays (state/removal.h).
 class FileStoreDeleteThread : public FileThreadBase {
   public:
     FileStoreDeleteThread() : FileThreadBase("FileStore", "QueueGap", 30) {}
@@ -15,5 +16,8 @@ class FileStoreDeleteThread : public FileThreadBase {
     bool DoWork() override;
 
   private:
+    void AskParent();
+    void RunPasses();
+
     std::int64_t parentAsked_ = 0;  ///< when the parent answered last, seconds since the epoch
 };

@@ -87,7 +87,7 @@ struct Row : FileStoreSetting {
 
 std::span<const FileStoreSetting> Table() {
     using F = FileStore;
-    static const std::array<FileStoreSetting, 32> table = {{
+    static const std::array<FileStoreSetting, 33> table = {{
         Row("FileStore", "Timeout", 300, &F::ulTimeout).Between(300, kMost).Then(Effect::TimeToLive),
         Row("FileStore", "PushTimeout", 300, &F::ulPushTimeout).Between(300, kMost).Then(Effect::TimeToLive),
         Row("FileStore", "PullTimeout", 300, &F::ulPullTimeout).Between(300, kMost).Then(Effect::TimeToLive),
@@ -101,6 +101,7 @@ std::span<const FileStoreSetting> Table() {
         Row("FileStore", "ThresholdForUploads", 0, &F::ulThresholdForUploads),
         Row("FileStore", "FrameSize", 1492, &F::ulFrameSize).Between(200, kMost).Then(Effect::FrameSize),
         Row("FileStore", "PackageTTL", 200, &F::ulPackageTTL),
+        Row("FileStore", "KeepSentFiles", 0, &F::ulKeepSentFiles),
         Row("FileStore", "TrustedAddressRange", "", &F::strTrustedAddressRange)
             .Addresses()
             .Apply(ApplyTrustedRange),

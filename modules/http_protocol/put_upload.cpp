@@ -55,6 +55,7 @@ PutUpload::PutUpload(KelString url, AliasMatch place, std::uint64_t size, const 
     : url_(std::move(url)), file_(std::move(place)), size_(size), log_(log) {}
 
 unsigned int PutUpload::Begin() {
+    lease_ = KelFileLease(file_.Destination());
     if (!file_.OpenFolder()) return Fail("open the folder of");
     if (file_.IsKeptForAgent()) {
         log_.Warning("Upload of %S refused: %S is kept for the agent's own files.\n", url_,

@@ -5,6 +5,7 @@
 
 #include "kel/debug.h"
 #include "kel/types.h"
+#include "kelcore/file_lease.h"
 #include "modules/http_protocol/alias_table.h"
 #include "modules/http_protocol/unfinished_file.h"
 
@@ -42,6 +43,7 @@ class PutUpload {
 
     KelString url_;
     UnfinishedFile file_;
+    KelFileLease lease_;  ///< of the destination
     std::uint64_t size_;
     const KelDebug& log_;
     std::uint64_t written_ = 0;
