@@ -14,7 +14,8 @@ namespace {
 // schema holds for it: rows that stay are not read, however many there are.
 
 constexpr char kSelect[] =
-    "SELECT %s FROM Files INDEXED BY %s WHERE %S AND %S AND Files.FileId NOT IN (%S) LIMIT %u";
+    "SELECT %s FROM Files INDEXED BY %s WHERE %S AND %S AND Files.FileId NOT IN (%S)%S LIMIT %u";
+constexpr char kByAge[] = " AND CreateTime >= %ld ORDER BY CreateTime";
 constexpr char kRecheck[] = "SELECT %s FROM Files WHERE Files.FileId IN (%S) AND %S";
 
 constexpr char kDelivered[] =
@@ -43,11 +44,12 @@ constexpr char kNotKept[] = "((KeepCopy & %u) = 0)";
 constexpr char kNotKeptOrLarger[] = "(((KeepCopy & %u) = 0) OR FileSize > %gu)";
 constexpr char kOlder[] = " AND CreateTime < %ld";
 
-// Ranges. KeepCopy has three bits: the values without that of the role are few. Others are read one by one.
-constexpr char kWithoutBit[] = "KeepCopy IN (%S)";
-constexpr char kOtherValues[] = "KeepCopy > 7";
+// Ranges. KeepCopy has three bits, so that the values without that of the role are few; each has a range of
+// its own, which holds its files by age. Other values are read one by one.
+constexpr char kKeepValue[] = " AND KeepCopy = %u";
+constexpr char kOtherValues[] = " AND KeepCopy > 7";
 constexpr char kLarge[] = "ExternalFile = 0 AND KeepCopy <> 0 AND FileSize > %gu";
-constexpr char kOfStatuses[] = "FileStatus IN (%S) AND ";
+constexpr char kOfStatus[] = "FileStatus = '%S' AND ";
 constexpr std::uint32_t kKeepValues = 8;
 
 constexpr char kSomeTargets[] =
@@ -68,14 +70,6 @@ KelString NotKept(const KeptFiles& kept) {
 
 KelString Older(std::optional<std::int64_t> before) {
     return before ? KelFormat(kOlder, *before) : KelString();
-}
-
-/// The values of KeepCopy without the bit of a role.
-KelString ValuesWithout(std::uint32_t role) {
-    IdList values;
-    for (std::uint32_t value = 0; value < kKeepValues; ++value)
-        if ((value & role) == 0) values.Add(value);
-    return values.Text();
 }
 
 FileRows Read(Side side, const KelString& statement) {
@@ -106,17 +100,16 @@ RemovalRule RemovalRule::Delivered(Side side, const KeptFiles& kept,
                                            NotKept(kept), Older(sentBefore), Older(deliveredBefore))
                                : KelFormat(kDelivered, kStatusAvailable, kStatusNotRelaysChild, NotKept(kept),
                                            Older(deliveredBefore), kWithoutTargets));
-    const KelString ofStatuses = KelFormat(kOfStatuses, QuotedList(statuses));
-    const KelString delivered = ofStatuses + "ExternalFile = 0 AND Upstream = 0 AND Acknowledged <> 0 AND ";
-    const KelString sent = ofStatuses + "ExternalFile = 0 AND Upstream <> 0 AND ";
-    for (const KelString& range :
-         {KelFormat(kWithoutBit, ValuesWithout(kept.role)), KelString(kOtherValues)}) {
-        rule.ranges_.push_back({"CleanDelivered", delivered + range + Older(deliveredBefore)});
-        rule.ranges_.push_back({"CleanSent", sent + range + Older(isUpstream ? sentBefore : std::nullopt)});
+    for (const KelString& status : statuses) {
+        const KelString ofStatus = KelFormat(kOfStatus, status);
+        rule.AddRanges("CleanDelivered", ofStatus + "ExternalFile = 0 AND Upstream = 0 AND Acknowledged <> 0",
+                       kept, deliveredBefore);
+        rule.AddRanges("CleanSent", ofStatus + "ExternalFile = 0 AND Upstream <> 0", kept,
+                       isUpstream ? sentBefore : std::nullopt);
+        if (!isUpstream)
+            rule.ranges_.push_back({"CleanPackagerStatus", ofStatus + "FileType = 'PackagerStatus'"});
     }
     if (kept.largest != 0) rule.ranges_.push_back({"CleanLarge", KelFormat(kLarge, kept.largest)});
-    if (!isUpstream)
-        rule.ranges_.push_back({"CleanPackagerStatus", ofStatuses + "FileType = 'PackagerStatus'"});
     return rule;
 }
 
@@ -124,8 +117,7 @@ RemovalRule RemovalRule::Outdated(Side side, const KeptFiles& kept, std::int64_t
                                   bool waitsForConsumers) {
     RemovalRule rule(side, KelFormat(kOutdated, before, kept.role, kStatusMulticastListening));
     if (side == Side::Downstream && waitsForConsumers) rule.condition_ += kTaken;
-    for (const KelString& range : {KelFormat(kWithoutBit, ValuesWithout(kept.role)), KelString(kOtherValues)})
-        rule.ranges_.push_back({"CleanOutdated", "ExternalFile = 0 AND " + range + Older(before)});
+    rule.AddRanges("CleanOutdated", "ExternalFile = 0", kept, before);
     return rule;
 }
 
@@ -140,11 +132,23 @@ RemovalRule RemovalRule::UnusedPackages(std::int64_t before, bool waitsForConsum
     return rule;
 }
 
-FileRows RemovalRule::Select(const IdList& except, unsigned int limit) const {
-    for (const Range& range : ranges_) {
+void RemovalRule::AddRanges(const char* index, const KelString& condition, const KeptFiles& kept,
+                            std::optional<std::int64_t> before) {
+    for (std::uint32_t value = 0; value < kKeepValues; ++value)
+        if ((value & kept.role) == 0)
+            ranges_.push_back({index, condition + KelFormat(kKeepValue, value) + Older(before), true});
+    ranges_.push_back({index, condition + kOtherValues + Older(before)});
+}
+
+FileRows RemovalRule::Select(Position& position, const IdList& except, unsigned int limit) const {
+    for (; position.range < ranges_.size(); position = {position.range + 1}) {
+        const Range& range = ranges_[position.range];
+        const KelString byAge = range.isByAge ? KelFormat(kByAge, position.createTime) : KelString();
         FileRows files = Read(side_, KelFormat(kSelect, FileStoreEntry::kColumns, range.index,
-                                               range.condition, condition_, except.Text(), limit));
-        if (!files.empty()) return files;
+                                               range.condition, condition_, except.Text(), byAge, limit));
+        if (files.empty()) continue;
+        position.createTime = files.back().CreateTime;
+        return files;
     }
     return {};
 }

@@ -34,8 +34,15 @@ class RemovalRule {
 
     Side GetSide() const { return side_; }
 
-    /// Some rows, `limit` at most, none of them in `except`. Reads index entries of such rows only.
-    FileRows Select(const IdList& except, unsigned int limit) const;
+    /// How far a pass has come.
+    struct Position {
+        std::size_t range = 0;
+        std::int64_t createTime = 0;  ///< what is older in this range has been read
+    };
+
+    /// The next rows, `limit` at most, none of them in `except`: no rows at the end. Together, the calls of a
+    /// pass read each index entry of such rows once, and none of rows that are too young or kept.
+    FileRows Select(Position& position, const IdList& except, unsigned int limit) const;
 
     /// Those of the rows that the rule still names. The caller, who removes them, holds the mutex.
     FileRows Recheck(const IdList& fileIds) const;
@@ -49,8 +56,12 @@ class RemovalRule {
     struct Range {
         const char* index;
         KelString condition;
+        bool isByAge = false;  ///< in the order of CreateTime
     };
     KelVector<Range> ranges_;
+
+    void AddRanges(const char* index, const KelString& condition, const KeptFiles& kept,
+                   std::optional<std::int64_t> before);
 };
 
 /// Removes some of the targets of these files, `limit` at most; false when that failed. `isDone`: none is

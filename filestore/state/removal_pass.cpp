@@ -13,9 +13,9 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-/// How long a piece is meant to hold the mutex: half of what other threads may wait, because the log of the
-/// database is sometimes written back at its end.
-constexpr Clock::duration kHold = std::chrono::milliseconds(30);
+/// How long a piece is meant to hold the mutex: much less than other threads may wait, because the log of the
+/// database is written back now and then at the end of one.
+constexpr Clock::duration kHold = std::chrono::milliseconds(20);
 constexpr unsigned int kLeastRows = 5;
 constexpr unsigned int kMostRows = 500;
 
@@ -127,8 +127,9 @@ std::size_t RunPass(const RemovalPass& pass, const PassHost& host) {
     PieceSize rows, targets;
     IdList skipped = IdsInUse(pass.rule.GetSide());
     std::size_t removed = 0;
+    RemovalRule::Position position;
     while (!host.isCancelled()) {
-        const FileRows files = pass.rule.Select(skipped, rows.Rows());
+        const FileRows files = pass.rule.Select(position, skipped, rows.Rows());
         if (files.empty()) break;
         Clock::duration held{};
         Piece piece(pass, host, targets);
