@@ -34,9 +34,9 @@ constexpr char kSetStatusIf[] =
 constexpr char kSetStatuses[] =
     "UPDATE Files SET FileStatus = '%Q', LastStatusChangeTime = %ld WHERE FileId IN (%S)";
 constexpr char kSetSupplied[] = "UPDATE Files SET FileStatus = '%s', Acknowledged = 1 WHERE FileId = %lu";
-constexpr char kDeleteTargets[] = "DELETE FROM Targets WHERE FileId = %lu";
-constexpr char kDeleteHandedOver[] = "DELETE FROM HandedOver WHERE FileId = %lu";
-constexpr char kDelete[] = "DELETE FROM Files WHERE FileId = %lu";
+constexpr char kDeleteTargets[] = "DELETE FROM Targets WHERE FileId IN (%S)";
+constexpr char kDeleteHandedOver[] = "DELETE FROM HandedOver WHERE FileId IN (%S)";
+constexpr char kDelete[] = "DELETE FROM Files WHERE FileId IN (%S)";
 
 constexpr char kSetDownloadPath[] =
     "UPDATE Files SET FilePath = '%Q' WHERE FileId = %lu AND FileStatus = '%s'";
@@ -79,6 +79,10 @@ constexpr char kRequestDownloads[] =
 constexpr char kOfferUploads[] =
     "UPDATE Files SET FileStatus = '%s', LastStatusChangeTime = 0 WHERE FileStatus = '%s'";
 constexpr char kSetMissing[] = "UPDATE Files SET FileStatus = '%s' WHERE FileId = %lu";
+constexpr char kSetExternalMissing[] =
+    "UPDATE Files SET FileStatus = '%s', LastStatusChangeTime = 0, ExternalFile = 0, FilePath = '', FileURL "
+    "= "
+    "'' WHERE FileId = %lu";
 constexpr char kSetReceivedByMulticast[] =
     "UPDATE Files SET FileSize = %lu, FileStatus = '%s', LastStatusChangeTime = 0, Acknowledged = 0, "
     "TransportMode "
@@ -206,13 +210,20 @@ bool SetSuppliedByConsumer(Side side, std::uint64_t fileId) {
 }
 
 bool DeleteFileRow(Side side, std::uint64_t fileId) {
-    const KelLock lock(FileStoreGetDatabase(side).mutex);
-    if (side == Side::Downstream && (!ChangeDownstream(KelFormat(kDeleteTargets, fileId)) ||
-                                     !ChangeDownstream(KelFormat(kDeleteHandedOver, fileId))))
-        return false;
-    if (!Change(side, KelFormat(kDelete, fileId))) return false;
+    IdList one;
+    one.Add(fileId);
+    if (!DeleteFileRows(side, one)) return false;
     FileStoreRowDeleted(side, fileId);
     return true;
+}
+
+bool DeleteFileRows(Side side, const IdList& fileIds) {
+    if (fileIds.IsEmpty()) return true;
+    const KelLock lock(FileStoreGetDatabase(side).mutex);
+    if (side == Side::Downstream && (!ChangeDownstream(KelFormat(kDeleteTargets, fileIds.Text())) ||
+                                     !ChangeDownstream(KelFormat(kDeleteHandedOver, fileIds.Text()))))
+        return false;
+    return Change(side, KelFormat(kDelete, fileIds.Text()));
 }
 
 bool MarkDueDownloads(std::int64_t before) {
@@ -268,6 +279,10 @@ void TurnToNewParent() {
 
 bool SetMissing(std::uint64_t fileId) {
     return ChangeDownstream(KelFormat(kSetMissing, kStatusMissing, fileId));
+}
+
+bool SetExternalMissing(std::uint64_t fileId) {
+    return ChangeDownstream(KelFormat(kSetExternalMissing, kStatusMissing, fileId));
 }
 
 bool SetReceivedByMulticast(std::uint64_t fileId, std::uint64_t size) {

@@ -69,6 +69,8 @@ bool SetSuppliedByConsumer(Side side, std::uint64_t fileId);
 
 /// Removes the row and, downstream, its targets: the number may be given to another file.
 bool DeleteFileRow(Side side, std::uint64_t fileId);
+/// The same of several; in a transaction of the caller all or none.
+bool DeleteFileRows(Side side, const IdList& fileIds);
 
 // ---- downstream: a download in progress. Each leaves a row alone that is no longer to be downloaded.
 
@@ -96,6 +98,8 @@ bool SetNotRelaysChild(const KelString& name, const KelString& checksum);
 bool SetLastRequestTime(std::uint64_t fileId, std::int64_t time);
 /// A package or script whose content is damaged or gone.
 bool SetMissing(std::uint64_t fileId);
+/// The same of content outside the store: the file is one of the store from now on.
+bool SetExternalMissing(std::uint64_t fileId);
 /// A multicast reception is complete at `size` bytes. Leaves a row alone that does not wait for it.
 bool SetReceivedByMulticast(std::uint64_t fileId, std::uint64_t size);
 /// Files awaited by multicast under `url` are asked for again, and fetched by unicast.

@@ -15,6 +15,8 @@ inline constexpr const char* kStorageLocationField = "FileStorageCurrentPath";
 /// A storage folder, ending with "/", from which the store's folders are to be removed: see
 /// module/store_move.h.
 inline constexpr const char* kStoreToRemoveField = "FileStorageToRemove";
+/// The HTTP port that this device had when it was activated last.
+inline constexpr const char* kPortField = "HttpPort";
 /// Present while stored device URLs still name an earlier port of this device.
 inline constexpr const char* kPortUpdateField = "HttpPortUpdate";
 

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <exception>
+#include <memory>
 #include <utility>
 
 #include "filestore/down/announcement.h"
@@ -9,6 +10,7 @@
 #include "filestore/state/contact.h"
 #include "filestore/state/device.h"
 #include "filestore/state/file_store.h"
+#include "filestore/state/removal.h"
 #include "filestore/state/waiting_reasons.h"
 #include "kelcore/action_db.h"
 #include "kelcore/error_codes.h"
@@ -72,7 +74,10 @@ static unsigned int Try(const Call& call, const FileKey& key, const KelString& d
 
 AnnouncementCalls::Begun AnnouncementCalls::Begin(KelVector<FileTarget> rows) {
     const KelString device = rows.front().target.DeviceGUID;
-    return Start(device, [rows = std::move(rows)](AnnouncementOutcome& outcome) {
+    const auto inUse = std::make_shared<KelVector<FileInUse>>();
+    for (const FileTarget& row : rows)
+        inUse->emplace_back(Side::Downstream, row.file);
+    return Start(device, [rows = std::move(rows), inUse](AnnouncementOutcome& outcome) {
         Ended ended{kKelOk, rows.front().target};
         bool isFirst = true;
         for (const FileTarget& row : rows) {

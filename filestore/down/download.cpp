@@ -16,6 +16,7 @@
 #include "filestore/state/contact.h"
 #include "filestore/state/file_store.h"
 #include "filestore/state/parent.h"
+#include "filestore/state/removal.h"
 #include "filestore/state/settings.h"
 #include "filestore/state/waiting_reasons.h"
 #include "kel/directory.h"
@@ -166,6 +167,7 @@ int FileStorePullThread::DownloadFile() {
     FileStore::debugFileStore.Trace("PullThread: Looking for files to download\n");
     FileStoreEntry file;
     if (!DownloadsAreAllowed() || !SelectNext(file)) return 0;
+    const FileInUse inUse(Side::Downstream, file);
     Attempt attempt;
     const Space space = ExamineSpace(file, attempt.largest);
     if (space == Space::TooLittle) PostponeDownload(file.FileId);

@@ -7,11 +7,14 @@
 #include <utility>
 
 #include "filestore/db/file_status.h"
+#include "filestore/db/files_table.h"
 #include "filestore/db/handed_over_table.h"
 #include "filestore/db/targets_table.h"
 #include "filestore/down/announcement.h"
 #include "filestore/state/bandwidth_manager.h"
+#include "filestore/state/external_content.h"
 #include "filestore/state/file_store.h"
+#include "filestore/state/removal.h"
 #include "filestore/state/settings.h"
 #include "filestore/state/store_layout.h"
 #include "kelcore/action_db.h"
@@ -93,6 +96,7 @@ KelVector<KelVector<FileTarget>> ByDevice(KelVector<FileTarget> rows, Announceme
     KelVector<KelVector<FileTarget>> devices;
     KelHash<KelString, std::size_t> known;
     for (FileTarget& row : rows) {
+        if (ForgetIfGone(row.file)) continue;
         if (!ReplaceByRuleFile(row)) {
             outcome.failed.Add(row.target.TargetId);
         } else if (CheckDestination(row, outcome)) {
@@ -102,6 +106,19 @@ KelVector<KelVector<FileTarget>> ByDevice(KelVector<FileTarget> rows, Announceme
         }
     }
     return devices;
+}
+
+/// Keeps files from being removed while they are announced, and drops the rows of those that are gone or have
+/// lost their content.
+KelVector<FileInUse> Use(KelVector<FileTarget>& rows) {
+    KelVector<FileInUse> inUse;
+    for (const FileTarget& row : rows)
+        inUse.emplace_back(Side::Downstream, row.file);
+    std::erase_if(rows, [](const FileTarget& row) {
+        const auto status = LookUpStatus(Side::Downstream, row.file.FileId);
+        return (status && status->empty()) || ForgetIfGone(row.file);
+    });
+    return inUse;
 }
 
 /// Remembers what is about to be handed over to modules of this device. Rule files are made anew when they
@@ -153,6 +170,7 @@ int FileStoreNotifyThread::NotifyUnicastTargets(unsigned int fileId, unsigned in
 
 bool FileStoreNotifyThread::NotifySingle(unsigned int fileId, unsigned int targetId) {
     KelVector<FileTarget> rows = SelectSingle(fileId, targetId);
+    const KelVector<FileInUse> inUse = Use(rows);
     if (rows.empty()) {
         FileStore::debugFileStore.Detail("NotifyThread: Nothing found to notify\n");
         return false;
@@ -281,6 +299,7 @@ MulticastPlanner::Way FileStoreNotifyThread::PlanTransfer(const FileStoreEntry& 
 
 /// False when nothing was recorded, in this and the next.
 bool FileStoreNotifyThread::NotifyThisDevice(KelVector<FileTarget>& rows) {
+    const KelVector<FileInUse> inUse = Use(rows);
     if (!RememberLocal(rows)) return false;
     AnnouncementOutcome outcome;
     for (FileTarget& row : rows) {

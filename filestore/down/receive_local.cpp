@@ -6,6 +6,7 @@
 #include "filestore/exchange/local_source.h"
 #include "filestore/state/device.h"
 #include "filestore/state/file_store.h"
+#include "filestore/state/removal.h"
 #include "kel/file.h"
 #include "kelcore/error_codes.h"
 #include "kelcore/file_values.h"
@@ -105,6 +106,7 @@ void GiveUp(const Reception& reception, const LocalSource& source, const FileSto
 /// is left then.
 bool TakeIn(const LocalSource& source, FileStoreEntry& offered, unsigned int wakeOnLan,
             const KelContainer& devicePath) {
+    const KelFileLease inUse(offered.FilePath);
     Reception reception;
     if (!Begin(reception, offered)) return false;
     const auto targets = TargetsOf(wakeOnLan, devicePath);

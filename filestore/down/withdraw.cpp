@@ -15,6 +15,7 @@
 #include "filestore/state/device.h"
 #include "filestore/state/file_store.h"
 #include "filestore/state/parent.h"
+#include "filestore/state/removal.h"
 #include "filestore/state/store_layout.h"
 #include "kel/text.h"
 #include "kelcore/action_db.h"
@@ -138,21 +139,32 @@ bool PassOn(const Withdrawal& withdrawal) {
     });
 }
 
-/// All of it or nothing.
-bool Record(const Withdrawal& withdrawal, FileRows& forgotten) {
-    const KelLock lock(FileStore::mutexDownstream);
+/// Removes the rows and targets and records what others are to be told: all of it or nothing.
+bool RecordRows(const Withdrawal& withdrawal, FileRows& forgotten) KEL_REQUIRES(FileStore::mutexDownstream) {
     DBTransaction transaction(*FileStore::pDbConnectionDownstream);
     if (!transaction.IsOpen()) return false;
     const auto rows = SelectFilesOfKey(withdrawal.key);
     const bool isRecorded = rows && std::all_of(rows->begin(), rows->end(), [&](const FileStoreEntry& file) {
                                 return WithdrawRow(file, withdrawal, forgotten);
                             });
-    if (!isRecorded || !PassOn(withdrawal) || !transaction.Commit()) return false;
-    // Still under the lock: an offer of the same file puts its content at the same place.
-    for (const FileStoreEntry& file : forgotten) {
-        FileStore::debugFileStore.Print("%S was withdrawn and is forgotten\n", file.Key().Text());
-        if (!file.ExternalFile) DeleteFileAndFolder(ContentPath(file, Side::Downstream));
+    return isRecorded && PassOn(withdrawal) && transaction.Commit();
+}
+
+bool Record(const Withdrawal& withdrawal, FileRows& forgotten) {
+    ContentRemoval removal(Side::Downstream);
+    {
+        const KelLock lock(FileStore::mutexDownstream);
+        if (!RecordRows(withdrawal, forgotten)) return false;
+        // Claimed under the lock: an offer of the same file puts its content at the same place.
+        for (const FileStoreEntry& file : forgotten) {
+            FileStore::debugFileStore.Print("%S was withdrawn and is forgotten\n", file.Key().Text());
+            if (removal.Claim(file))
+                removal.Confirm(file);
+            else if (!file.ExternalFile)
+                PostponeRemoval(ContentPath(file, Side::Downstream));
+        }
     }
+    removal.RemoveContent();
     return true;
 }
 

@@ -64,6 +64,7 @@ std::atomic<std::uint32_t> FileStore::ulThresholdForDownloads = 0;
 std::atomic<std::uint32_t> FileStore::ulThresholdForUploads = 0;
 std::atomic<std::uint32_t> FileStore::ulFrameSize = 1492;
 std::atomic<std::uint32_t> FileStore::ulPackageTTL = 200;
+std::atomic<std::uint32_t> FileStore::ulKeepSentFiles = 0;
 std::atomic<std::uint32_t> FileStore::ulMulticastBlockSize = 1024;
 std::atomic<std::uint32_t> FileStore::ulMulticastTransferDelay = 60;
 std::atomic<std::uint32_t> FileStore::ulMulticastRetry = 3;

@@ -6,6 +6,7 @@
 #include "filestore/exchange/local_source.h"
 #include "filestore/state/device.h"
 #include "filestore/state/file_store.h"
+#include "filestore/state/removal.h"
 #include "filestore/state/store_layout.h"
 #include "kel/file.h"
 #include "kel/path.h"
@@ -117,6 +118,8 @@ bool RepublishManagedRelayPackage(const FileStoreEntry& entry, Side side) {
         FileStore::strStorageLocationToUse +
         (side == Side::Upstream ? StoredPathOf(entry, side) : StoredPath(Side::Upstream, entry.Key()));
     const KelString path = FileStore::StorePath(Side::Downstream, PackageKey(entry));
+    const FileInUse inUse(side, entry);
+    const KelFileLease place(path);
     // After a restart the package may have been moved already.
     if (!PathCreate(FileStore::StoreFolder(Side::Downstream, PackageKey(entry))) ||
         (!FileRename(source, path) && !FileExists(path))) {

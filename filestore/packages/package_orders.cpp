@@ -8,6 +8,7 @@
 #include "filestore/db/files_table.h"
 #include "filestore/exchange/input_checks.h"
 #include "filestore/state/file_store.h"
+#include "filestore/state/removal.h"
 #include "filestore/state/store_layout.h"
 #include "kel/file.h"
 #include "kel/format.h"
@@ -24,6 +25,7 @@ namespace {
 struct HeldPackage {
     KelString name;
     KelString path;  ///< of its content on this device; empty when it is not held
+    KelFileLease inUse;
 };
 
 HeldPackage FindPackage(const KelContainer& arguments, const KelString& fileName) {
@@ -37,6 +39,7 @@ HeldPackage FindPackage(const KelContainer& arguments, const KelString& fileName
     const auto fileId = FindExactFile(Side::Downstream, row.Key());
     if (fileId && *fileId != 0) row.LoadFromDatabase(*fileId, Side::Downstream);
     const KelString path = ContentPath(row, Side::Downstream);
+    package.inUse = KelFileLease(path);
     if (FileExists(path)) package.path = path;
     return package;
 }

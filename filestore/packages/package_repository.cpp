@@ -7,6 +7,7 @@
 #include "filestore/exchange/file_record.h"
 #include "filestore/state/device.h"
 #include "filestore/state/file_store.h"
+#include "filestore/state/removal.h"
 #include "filestore/state/store_layout.h"
 #include "kel/checksum.h"
 #include "kel/file.h"
@@ -157,6 +158,7 @@ RepositoryResult TakeFromRepository(const FileStoreEntry& file) {
     FileStoreEntry taken = file;
     taken.FileChecksum = checksum;
     Place place;
+    const KelFileLease inUse(FileStore::StorePath(Side::Downstream, taken.Key()));
     if (!PlaceRepositoryFile(taken.Key(), path, place)) return RepositoryResult::Absent;
     const Entering entering = EnterInStore(taken, before, place);
     if (entering == Entering::Entered) OfferUpstream(taken, path);

@@ -254,6 +254,7 @@ class FileStore {
     static std::atomic<std::uint32_t> ulThresholdForUploads;
     static std::atomic<std::uint32_t> ulFrameSize;
     static std::atomic<std::uint32_t> ulPackageTTL;  ///< days
+    static std::atomic<std::uint32_t> ulKeepSentFiles;
     static std::atomic<std::uint32_t> ulMulticastBlockSize;
     static std::atomic<std::uint32_t> ulMulticastTransferDelay;
     static std::atomic<std::uint32_t> ulMulticastRetry;

@@ -8,6 +8,7 @@
 #include "filestore/exchange/file_record.h"
 #include "filestore/packages/managed_relay_package.h"
 #include "filestore/state/file_store.h"
+#include "filestore/state/removal.h"
 #include "filestore/state/store_layout.h"
 #include "filestore/state/waiting_reasons.h"
 #include "filestore/up/upload_policy.h"
@@ -138,6 +139,7 @@ bool FileStoreHandleThread::HandleFile(Side side) {
 
 void FileStoreHandleThread::HandOver(const FileStoreEntry& entry, bool isLocal, Side side, Answers& answers) {
     FileStore::debugFileStore.Trace("HandleThread: Handling %S\n", entry.Key().Text());
+    const FileInUse inUse(side, entry);
     const KelString path = ContentPath(entry, side);
     if (FileIsMissing(path)) {
         FileStore::debugFileStore.Error("HandleThread: File %S is not present\n", entry.Key().Text());

@@ -9,6 +9,7 @@
 #include "filestore/state/contact.h"
 #include "filestore/state/device.h"
 #include "filestore/state/file_store.h"
+#include "filestore/state/removal.h"
 #include "filestore/state/store_layout.h"
 #include "filestore/up/upload_check.h"
 #include "filestore/up/upstream_file.h"
@@ -75,6 +76,7 @@ bool GiveUp(const LocalSource& source, const FileStoreEntry& entry, const KelStr
 bool PlaceAndRecord(const LocalSource& source, FileStoreEntry& entry, KelString& path) {
     // Content is copied without the lock. In the meantime another device may have offered the same file and
     // got the place; then the content is put into the next one.
+    KelFileLease inUse;
     for (KelString placed;;) {
         {
             const KelLock lock(FileStore::mutexUpstream);
@@ -85,6 +87,7 @@ bool PlaceAndRecord(const LocalSource& source, FileStoreEntry& entry, KelString&
             const bool isPlaced = path == placed && (entry.ExternalFile || FileExists(path));
             if (known->HasContent() || isPlaced) return Record(*known, entry) || GiveUp(source, entry, path);
         }
+        inUse = KelFileLease(path);
         if (!Place(source, path, entry)) return GiveUp(source, entry, path);
         placed = path;
     }
@@ -126,6 +129,7 @@ unsigned int Expect(FileStoreEntry& entry, bool& isReceived) {
 /// True when the content of a repeated offer, whose row was lost, lies in its place: it has arrived then.
 /// Reads the whole file: hold no lock.
 bool HasArrivedBefore(const FileStoreEntry& entry) {
+    const KelFileLease inUse(entry.FilePath);
     if (!FileExists(entry.FilePath) || CheckUpload(entry.FileURL, entry.FilePath) != kKelOk ||
         !EnqueueArrivedFile(entry.FileURL))
         return false;

@@ -81,6 +81,7 @@ void UploadArchive::Add(const FileStoreEntry& entry) {
     record.SetString(kPackedEntryValue, StoredPathOf(entry, Side::Upstream));
     index_.SetContainer(kPackedFileValue, record, static_cast<std::uint32_t>(listed_.size()));
     listed_.insert(entry.FileId);
+    inUse_.emplace_back(Side::Upstream, entry);
     entryNames_.insert(StoredPathOf(entry, Side::Upstream));
     bypass_ = entry.Bypass;
     contentBytes_ += ContentBytes(entry);

@@ -5,6 +5,7 @@
 #include <set>
 
 #include "filestore/db/file_store_entry.h"
+#include "filestore/state/removal.h"
 #include "kel/container.h"
 #include "kelcore/archive.h"
 
@@ -76,6 +77,7 @@ class UploadArchive {
 
     KelContainer index_;  ///< until Create has written it
     std::set<std::uint64_t> listed_;
+    KelVector<FileInUse> inUse_;  ///< what is listed
     std::set<KelString> entryNames_;
     bool bypass_ = false;            ///< of all listed files
     std::int64_t contentBytes_ = 0;  ///< unpacked

@@ -5,6 +5,7 @@
 #include "filestore/state/contact.h"
 #include "filestore/state/file_store.h"
 #include "filestore/state/parent.h"
+#include "filestore/state/removal.h"
 #include "filestore/state/store_layout.h"
 #include "filestore/state/waiting_reasons.h"
 #include "filestore/up/manual_upload.h"
@@ -99,6 +100,7 @@ FileStorePushThread::Outcome FileStorePushThread::UploadFile(bool& reachedParent
 }
 
 void FileStorePushThread::UploadOrPackRow(const FileStoreEntry& entry, UploadPass& pass) {
+    const FileInUse inUse(Side::Upstream, entry);
     const KelString path = ContentPath(entry, Side::Upstream);
     if (FileIsMissing(path)) {
         FileStore::debugFileStore.Error("PushThread: File %S is not present\n", path);

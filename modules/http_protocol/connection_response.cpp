@@ -145,7 +145,7 @@ void Connection::Advance(Channel::Outcome outcome) {
 
 void Connection::FinishResponse() {
     EndWork();
-    file_.fd.Reset();
+    file_ = {};
     upload_.reset();
     chunk_.reset();
     served_ = true;

@@ -55,6 +55,7 @@ PutUpload::PutUpload(Request request, AliasMatch place, const KelDebug& log)
     : request_(std::move(request)), file_(std::move(place)), log_(log) {}
 
 unsigned int PutUpload::Begin() {
+    lease_ = KelFileLease(file_.Destination());
     if (!file_.OpenFolder()) return Fail("open the folder of");
     if (file_.IsKeptForAgent()) {
         log_.Warning("Upload of %S refused: %S is kept for the agent's own files.\n", request_.url,

@@ -5,6 +5,7 @@
 
 #include "kel/debug.h"
 #include "kel/types.h"
+#include "kelcore/file_lease.h"
 #include "modules/http_protocol/alias_table.h"
 #include "modules/http_protocol/unfinished_file.h"
 
@@ -65,6 +66,7 @@ class PutUpload {
 
     const Request request_;
     UnfinishedFile file_;
+    KelFileLease lease_;  ///< of the destination
     const KelDebug& log_;
     bool isKeepable_ = false;
     std::uint64_t written_ = 0;     ///< bytes of the whole file

@@ -114,7 +114,9 @@ ByteRange ParseByteRange(std::string_view field, std::uint64_t size) {
 
 ServedFile OpenServedFile(const AliasMatch& place, const RequestHead& request) {
     ServedFile answer;
-    answer.fd = OpenServable(place);
+    // Whoever downloads in parts finds the file for as long as one part is being sent.
+    answer.lease = KelFileLease::Try(place.root->Path() + "/" + place.rest);
+    if (answer.lease) answer.fd = OpenServable(place);
     struct stat info {};
     if (!answer.fd || ::fstat(answer.fd.Get(), &info) != 0 || !S_ISREG(info.st_mode)) {
         answer.fd.Reset();

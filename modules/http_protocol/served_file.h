@@ -5,6 +5,7 @@
 
 #include "kel/types.h"
 #include "kel/unique_fd.h"
+#include "kelcore/file_lease.h"
 #include "modules/http_protocol/alias_table.h"
 #include "modules/http_protocol/request_head.h"
 
@@ -25,8 +26,9 @@ ByteRange ParseByteRange(std::string_view field, std::uint64_t size);
 /// The answer to a GET or HEAD of a file (RFC 9110): status, header lines and the part of the file to send.
 struct ServedFile {
     unsigned int status = 404;
-    KelString headers;  ///< lines with their ends; Content-Length included
-    UniqueFd fd;        ///< invalid when there is no body to send
+    KelString headers;   ///< lines with their ends; Content-Length included
+    UniqueFd fd;         ///< invalid when there is no body to send
+    KelFileLease lease;  ///< of the file that is sent
     std::uint64_t offset = 0;
     std::uint64_t length = 0;
 };

@@ -46,8 +46,18 @@ KelResult<KelString> PackageCopies::Keep(const KelContainer& arguments) const {
 
 KelStatus PackageCopies::Clear(const KelContainer& arguments) const {
     const KelString label = arguments.GetString(kValueFileLabel);
+    const KelString name = arguments.GetString(kValueFileName);
     if (KelStatus checked = CheckElement(kValueFileLabel, label); !checked) return checked;
     const KelString folder = root_ + "/" + label;
+    if (!name.empty()) {
+        if (KelStatus checked = CheckElement(kValueFileName, name); !checked) return checked;
+        const KelString path = folder + "/" + name;
+        if (FileExists(path) && !FileDelete(path))
+            return KelError{kKelErrorInternal,
+                            KelFormat("The package %S cannot be removed; check its rights", path)};
+        DirDelete(folder, false);  // stays while it has other packages
+        return {};
+    }
     if (!DirExists(folder) || DirDelete(folder, true)) return {};
     return KelError{kKelErrorInternal,
                     KelFormat("The folder %S cannot be removed; check its rights", folder)};

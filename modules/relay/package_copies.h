@@ -18,8 +18,9 @@ class PackageCopies {
     /// input, 13 no such file, 18 not written.
     KelResult<KelString> Keep(const KelContainer& arguments) const;
 
-    /// Removes all copies under `FileLabel` of the arguments of RelayClearPackage; when there are none,
-    /// nothing is done. Error codes: 1 unusable input, 18 not removed.
+    /// Removes the copy `FileName` under `FileLabel` of the arguments of RelayClearPackage, or without a name
+    /// all copies under the label; when there are none, nothing is done. Error codes: 1 unusable input, 18
+    /// not removed.
     KelStatus Clear(const KelContainer& arguments) const;
 
   private:

@@ -26,7 +26,7 @@
 /// - RelayReceiveFile (FileLabel, FileName, FilePath and more values of the file): keeps a copy of a
 /// published
 ///   package as "data/Relay/Packages/<label>/<name>" -> FilePath, the copy's
-/// - RelayClearPackage (FileType, FileLabel): removes the copies kept under the label
+/// - RelayClearPackage (FileType, FileLabel): removes the copy of that name, or all under the label
 ///
 /// Results: 0; 1 for an unusable input or a call from another device; 13 no such file; 18 when a file cannot
 /// be written or removed. Every result but 0 comes with a text Message.

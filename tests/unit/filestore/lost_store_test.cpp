@@ -10,7 +10,10 @@ namespace {
 
 /// A device whose upstream database, or that of its parent, was lost.
 struct LostStoreTest : StoreTest {
-    LostStoreTest() { relayValues = With(relayValues, {{"ParentGuid", kParentGuid}}); }
+    LostStoreTest() {
+        relayValues = With(relayValues, {{"ParentGuid", kParentGuid}});
+        FileStore::ulKeepSentFiles = 86'400;
+    }
     static void Clean() { Exposed<FileStoreDeleteThread>().DoWork(); }
     void AnswerWithDatabase(const KelString& id) {
         AnswerAsParent(0, Make({{"UpstreamDatabase", id}, {"FileURL", "/u"}, {"ContentHeld", true}}));

@@ -237,6 +237,13 @@ TEST_F(PackageCopiesTest, AreKeptUntilTheirLabelIsCleared) {
         EXPECT_EQ(TempFolder::Read(Copy("tools/a b.zip")), content);
     }
     ASSERT_EQ(Call("RelayReceiveFile", Package("other", "b", "three")), 0U);
+    ASSERT_EQ(Call("RelayReceiveFile", Package("tools", "c", "four")), 0U);
+    for (int i = 0; i < 2; ++i) {
+        EXPECT_EQ(Call("RelayClearPackage", Package("tools", "c", "")), 0U);
+        EXPECT_EQ(TempFolder::Read(Copy("tools/a b.zip")), "two");
+        EXPECT_FALSE(std::filesystem::exists(Copy("tools/c")));
+    }
+    EXPECT_EQ(Call("RelayClearPackage", Package("tools", "..", "")), kKelErrorBadInput);
     for (int i = 0; i < 2; ++i) {
         EXPECT_EQ(Call("RelayClearPackage", Package("tools", "", "")), 0U);
         EXPECT_FALSE(std::filesystem::exists(Copy("tools")));
