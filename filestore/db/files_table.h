@@ -69,7 +69,8 @@ bool SetSuppliedByConsumer(Side side, std::uint64_t fileId);
 
 /// Removes the row and, downstream, its targets: the number may be given to another file.
 bool DeleteFileRow(Side side, std::uint64_t fileId);
-/// The same of several; in a transaction of the caller all or none.
+/// The same of several; in a transaction of the caller all or none. Why they waited, the caller has to forget
+/// once that is committed.
 bool DeleteFileRows(Side side, const IdList& fileIds);
 
 // ---- downstream: a download in progress. Each leaves a row alone that is no longer to be downloaded.
