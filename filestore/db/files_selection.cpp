@@ -50,6 +50,10 @@ constexpr char kNotSent[] =
     "SELECT FileId FROM Files WHERE FileStatus IN ('%s', '%s', '%s') AND Upstream <> 0 AND SourceDevice <> "
     "'' AND "
     "FileType <> '%s' LIMIT 1";
+constexpr char kArchives[] =
+    "SELECT FileId FROM Files WHERE FileStatus IN ('%s', '%s') AND FileType = '%s' LIMIT 1";
+constexpr char kNewestOwn[] =
+    "SELECT %s, MAX (CreateTime) FROM Files WHERE FileType = '%Q' AND FirstRelay = '' GROUP BY FileType";
 constexpr char kWithStatus[] = "SELECT %s FROM Files WHERE FileStatus = '%s'";
 constexpr char kOfKey[] =
     "SELECT %s FROM Files WHERE FileType = '%Q' AND FileLabel = '%Q' AND FileName = '%Q' AND FileChecksum = "
@@ -177,8 +181,8 @@ FileRows SelectFilesOfContent(const KelString& name, const KelString& checksum) 
 std::optional<FileRows> SelectFilesOfKey(const FileKey& key) {
     const KelString content = key.checksum.empty() ? KelString() : KelFormat(kWithChecksum, key.checksum);
     const auto result = FileStoreGetDatabase(Side::Downstream)
-                            .connection.Query(KelFormat(kOfName, FileStoreEntry::kColumns, key.type, key.label,
-                                                        key.name, content));
+                            .connection.Query(KelFormat(kOfName, FileStoreEntry::kColumns, key.type,
+                                                        key.label, key.name, content));
     if (!result) return std::nullopt;
     FileRows files(result->GetRowCount());
     for (std::size_t i = 0; i < files.size(); ++i) {
@@ -237,6 +241,16 @@ bool HasFilesToUpload() {
     const auto result = Query(Side::Upstream, KelFormat(kNotSent, kStatusToBeUploaded, kStatusToBePacked,
                                                         kStatusUploading, kPackedFilesType));
     return result && result->GetRowCount() != 0;
+}
+
+bool HasArchivesToUpload() {
+    const auto result =
+        Query(Side::Upstream, KelFormat(kArchives, kStatusToBeUploaded, kStatusUploading, kPackedFilesType));
+    return result && result->GetRowCount() != 0;
+}
+
+FileRows SelectNewestOwnFile(const KelString& type) {
+    return SelectUpstream(KelFormat(kNewestOwn, FileStoreEntry::kColumns, type));
 }
 
 FileRows SelectFilesBeingReceived() {

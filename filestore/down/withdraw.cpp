@@ -1,6 +1,8 @@
 #include "filestore/down/withdraw.h"
 
 #include <algorithm>
+#include <array>
+#include <span>
 
 #include "filestore/db/file_status.h"
 #include "filestore/db/files_selection.h"
@@ -31,9 +33,14 @@ constexpr const char* kEvent = "FileStoreCallbackWithdrawnFile";
 constexpr const char* kValueKeepContent = "KeepContent";
 constexpr const char* kValueRemoved = "Removed";
 
+/// The types under which the content of a rule package may be known.
+constexpr std::array kPackageTypes = {kRulePackageType, "OperationalRuleNetworkPackage",
+                                      "OperationalRelayPackage"};
+
 /// What a call says.
 struct Withdrawal {
     FileKey key;
+    bool isDeletion = false;  ///< for all targets, and for good: the file is obsolete
     bool keepContent = false;
     bool isRemoval = false;
     bool isHere = false;            ///< this device is a target
@@ -95,9 +102,9 @@ bool RemoveTargets(std::uint64_t fileId, const Withdrawal& withdrawal, std::size
     if (!targets) return false;
     left = targets->size();
     for (const FileStoreTarget& target : *targets) {
-        const bool isHere = target.DeviceGUID.empty() && withdrawal.isHere;
+        const bool isEnded = withdrawal.isDeletion || (target.DeviceGUID.empty() && withdrawal.isHere);
         const auto rest =
-            isHere ? std::nullopt : WithoutTargets(target, withdrawal.below, withdrawal.keepContent);
+            isEnded ? std::nullopt : WithoutTargets(target, withdrawal.below, withdrawal.keepContent);
         if (rest && *rest == target) continue;
         if (!(rest ? StoreTarget(fileId, *rest) != 0 : DeleteTarget(target.TargetId))) return false;
         if (!rest) --left;
@@ -118,7 +125,9 @@ bool WithdrawRow(const FileStoreEntry& file, const Withdrawal& withdrawal, FileR
     if (!RemoveTargets(file.FileId, withdrawal, left)) return false;
     if (left != 0 || !IsToBeForgotten(file, withdrawal)) return true;
     forgotten.push_back(file);
-    return DeleteFileRow(Side::Downstream, file.FileId);
+    return withdrawal.isDeletion
+               ? UpdateFileStatus(Side::Downstream, file.FileId, kStatusObsolete, NextTry::AtOnce)
+               : DeleteFileRow(Side::Downstream, file.FileId);
 }
 
 /// Records what the devices of the next level are to be told. A target that is gone is not called any more.
@@ -137,17 +146,25 @@ bool PassOn(const Withdrawal& withdrawal) {
     });
 }
 
+bool RecordOne(const Withdrawal& withdrawal, FileRows& forgotten) {
+    const auto rows = SelectFilesOfKey(withdrawal.key);
+    return rows &&
+           std::all_of(
+               rows->begin(), rows->end(),
+               [&](const FileStoreEntry& file) { return WithdrawRow(file, withdrawal, forgotten); }) &&
+           PassOn(withdrawal);
+}
+
 /// All of it or nothing.
-bool Record(const Withdrawal& withdrawal) {
+bool Record(std::span<const Withdrawal> withdrawals) {
     FileRows forgotten;
     const KelLock lock(FileStore::mutexDownstream);
     DBTransaction transaction(*FileStore::pDbConnectionDownstream);
     if (!transaction.IsOpen()) return false;
-    const auto rows = SelectFilesOfKey(withdrawal.key);
-    const bool isRecorded = rows && std::all_of(rows->begin(), rows->end(), [&](const FileStoreEntry& file) {
-                                return WithdrawRow(file, withdrawal, forgotten);
-                            });
-    if (!isRecorded || !PassOn(withdrawal) || !transaction.Commit()) return false;
+    if (!std::all_of(withdrawals.begin(), withdrawals.end(),
+                     [&](const Withdrawal& withdrawal) { return RecordOne(withdrawal, forgotten); }) ||
+        !transaction.Commit())
+        return false;
     // Still under the lock: an offer of the same file puts its content at the same place.
     for (const FileStoreEntry& file : forgotten) {
         Reasons().MovedOn(Side::Downstream, file.FileId);
@@ -155,6 +172,33 @@ bool Record(const Withdrawal& withdrawal) {
         if (!file.ExternalFile) DeleteFileAndFolder(ContentPath(file, Side::Downstream));
     }
     return true;
+}
+
+/// The key of the package to delete: that of the arguments, or the one that an order names.
+FileKey PackageKey(const KelContainer& arguments) {
+    FileKey key = FileKey::Read(arguments);
+    if (key.type != kPackageDeletionType) return key;
+    const KelContainer& info = arguments.GetContainer(kValueFileInfo);
+    return {kRulePackageType, info.GetString("PackageName"), key.name, info.GetString("PackageChecksum")};
+}
+
+/// The withdrawals that delete a package, one for each type of it; none when the call is unusable.
+KelVector<Withdrawal> ReadDeletion(const KelContainer& arguments) {
+    KelContainer values = arguments;
+    PackageKey(arguments).Write(values);
+    Withdrawal one;
+    one.isDeletion = true;
+    // Without a checksum all contents would be deleted.
+    if (!Read(values, one) || one.key.checksum.empty()) return {};
+    one.isHere = true;
+    KelVector<Withdrawal> all = {one};
+    if (one.key.type != kRulePackageType) return all;
+    for (const char* type : kPackageTypes) {
+        if (one.key.type == type) continue;
+        all.push_back(one);
+        all.back().key.type = type;
+    }
+    return all;
 }
 
 }  // namespace
@@ -182,7 +226,28 @@ unsigned int FileStore::ActionHandler_FileStoreWithdrawFile(KelContainer* argume
     arguments->Clear();
     if (!isUsable) return kKelErrorBadInput;
     if (withdrawal.isHere) withdrawal.isKeptByConsumer = AskConsumers(withdrawal.key);
-    if (!Record(withdrawal)) return kKelErrorInternal;  // the caller repeats it
+    if (!Record({&withdrawal, 1})) return kKelErrorInternal;  // the caller repeats it
     if (!withdrawal.below.empty()) WakeWorker(Worker::Notify);
+    return kKelOk;
+}
+
+/// The content goes, and the row stays to say that the file is obsolete: a device that asks for it is told
+/// so. The devices below forget the file. They learn that it is obsolete when they ask for it.
+unsigned int FileStore::ActionHandler_FileStoreDeletePackage(KelContainer* arguments) {
+    KelVector<Withdrawal> withdrawals;
+    if (IsCallerAccepted(*arguments)) withdrawals = ReadDeletion(*arguments);
+    arguments->Clear();
+    if (withdrawals.empty()) {
+        arguments->SetString("Message",
+                             "The key of the package is unusable, or the caller is not the parent");
+        return kKelErrorBadInput;
+    }
+    for (const Withdrawal& withdrawal : withdrawals) {
+        if (!AskConsumers(withdrawal.key)) continue;
+        arguments->SetString("Message", "A module of this device works on the package; delete it later");
+        return kKelErrorNotAvailable;
+    }
+    if (!Record(withdrawals)) return kKelErrorInternal;
+    if (!withdrawals.front().below.empty()) WakeWorker(Worker::Notify);
     return kKelOk;
 }
