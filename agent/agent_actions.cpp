@@ -43,19 +43,39 @@ unsigned int GetStatus(const AgentFacts& facts, KelContainer* container) {
 }
 
 unsigned int ListActions(KelContainer* container) {
+    const KelString name = container->GetString("Name");
     container->Clear();
-    std::uint32_t i = 0;
-    for (const KelString& signature : ActionDbListActions())
-        container->SetString("Actions", signature, i++);
-    return kKelOk;
+    for (KelContainer& action : ActionDbListActions()) {
+        if (!name.empty() && action.GetString("Name") != name) continue;
+        container->SetString("Actions", action.GetString("Signature"), KelContainer::kAbsent);
+        container->SetContainer("Values", std::move(action), KelContainer::kAbsent);
+    }
+    if (!container->IsEmpty() || name.empty()) return kKelOk;
+    container->SetString("Message", "There is no action " + name);
+    return kKelErrorBadInput;
 }
 
 }  // namespace
 
 void RegisterAgentActions(AgentFacts facts) {
     ActionDbRegisterAction(
-        "AgentGetStatus ()",
+        {.signature = "AgentGetStatus",
+         .purpose = "Says which agent this is, since when it runs, and what it uses.",
+         .outputs = "container Values {string Version, string Name (of the host), string Root, int64 Started "
+                    "(seconds since the epoch), int32 Pid, int64 MemoryBytes (resident), string Modules[]}",
+         .callers = KelCallers::Operator},
         [facts = std::move(facts)](KelContainer* container) { return GetStatus(facts, container); },
         kAgentHandle);
-    ActionDbRegisterAction("AgentListActions ()", ListActions, kAgentHandle);
+    ActionDbRegisterAction(
+        {.signature = "AgentListActions ()",
+         .purpose = "Lists the actions that can be called here, with what each takes, gives and does.",
+         .inputs = "string Name? (of the only action wanted)",
+         .outputs =
+             "string Actions[] (the signatures), container Values[] {string Name, string Signature, string "
+             "Module, string Purpose, container Inputs[]? {string Type, string Name, bool Optional, bool "
+             "Several, string Remark?, container Members[]?}, container Outputs[]?, string Results, string "
+             "Callers, bool Changes}",
+         .results = "1 there is no such action",
+         .callers = KelCallers::Operator},
+        ListActions, kAgentHandle);
 }

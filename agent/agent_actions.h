@@ -14,7 +14,5 @@ struct AgentFacts {
 /// Handle under which the agent's own actions are registered.
 inline constexpr const char* kAgentHandle = "Agent";
 
-/// Registers the agent's own actions, both without arguments and always answering 0:
-/// AgentGetStatus gives Values{Version, Name (host name), Root, Started (int64, seconds), Pid (int32),
-/// MemoryBytes (int64, resident), Modules[i] (strings)}; AgentListActions gives Actions[i], the signatures.
+/// Registers the agent's own actions.
 void RegisterAgentActions(AgentFacts facts);

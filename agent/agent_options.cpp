@@ -14,6 +14,7 @@ namespace {
 
 constexpr const char* kHelp =
     "Usage: kelagent --root DIR [--modules DIR] [--check]\n"
+    "       kelagent --actions [--modules DIR]\n"
     "\n"
     "Runs the device agent in the foreground until SIGTERM or SIGINT; a second signal ends it at once.\n"
     "\n"
@@ -21,6 +22,7 @@ constexpr const char* kHelp =
     "  --modules DIR   folder of the module libraries (default: ../modules or ../lib/kel/modules beside\n"
     "                  the folder of this program)\n"
     "  --check         examine the configuration, print what is wrong and end\n"
+    "  --actions       describe the actions of all modules, in Markdown, and end\n"
     "  --foreground    stay in the foreground (always so)\n"
     "  --help          show this text\n"
     "  --version       show the version\n"
@@ -52,9 +54,10 @@ KelString DefaultModulesDir() {
 }  // namespace
 
 std::optional<AgentOptions> ParseAgentOptions(int count, char** arguments, int& exitCode) {
-    static constexpr std::array<option, 7> kOptions = {{{"root", required_argument, nullptr, 'r'},
+    static constexpr std::array<option, 8> kOptions = {{{"root", required_argument, nullptr, 'r'},
                                                         {"modules", required_argument, nullptr, 'm'},
                                                         {"check", no_argument, nullptr, 'c'},
+                                                        {"actions", no_argument, nullptr, 'a'},
                                                         {"foreground", no_argument, nullptr, 'f'},
                                                         {"help", no_argument, nullptr, 'h'},
                                                         {"version", no_argument, nullptr, 'v'},
@@ -73,6 +76,9 @@ std::optional<AgentOptions> ParseAgentOptions(int count, char** arguments, int& 
             case 'c':
                 options.check = true;
                 break;
+            case 'a':
+                options.actions = true;
+                break;
             case 'f':
                 break;
             case 'h':
@@ -87,14 +93,14 @@ std::optional<AgentOptions> ParseAgentOptions(int count, char** arguments, int& 
                 return {};
         }
     }
-    if (optind < count || options.root.empty()) {
+    if (optind < count || (options.root.empty() && !options.actions)) {
         if (optind < count)
             std::fprintf(stderr, "kelagent: unexpected argument '%s'; see --help\n", arguments[optind]);
         else
             std::fputs("kelagent: --root is missing; see --help\n", stderr);
         return {};
     }
-    options.root = Folder(options.root);
+    if (!options.root.empty()) options.root = Folder(options.root);
     options.modulesDir = options.modulesDir.empty() ? DefaultModulesDir() : Folder(options.modulesDir);
     exitCode = kExitClean;
     return options;

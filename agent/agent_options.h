@@ -15,6 +15,7 @@ struct AgentOptions {
     KelString root;        ///< absolute, ends with "/"
     KelString modulesDir;  ///< absolute, ends with "/"
     bool check = false;
+    bool actions = false;  ///< describe the actions; the root may be empty then
 };
 
 /// Reads the arguments. Nothing when the program has to end at once with `exitCode`: help and version were

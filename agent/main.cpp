@@ -3,6 +3,7 @@
 #include <exception>
 #include <random>
 
+#include "agent/action_document.h"
 #include "agent/agent.h"
 #include "agent/agent_config.h"
 #include "agent/agent_options.h"
@@ -26,7 +27,15 @@ int Check(const AgentConfig& config, const KelString& modulesDir) {
     return isUsable ? kExitClean : kExitFailure;
 }
 
+int DescribeActions(const KelString& modulesDir) {
+    const auto text = ActionsInMarkdown(modulesDir);
+    if (!text) return Complain(text.Error(), kExitFailure);
+    std::fputs(text->c_str(), stdout);
+    return kExitClean;
+}
+
 int Run(const AgentOptions& options) {
+    if (options.actions) return DescribeActions(options.modulesDir);
     auto config = LoadAgentConfig(options.root);
     if (!config) return Complain(config.Error(), kExitFailure);
     if (options.check) return Check(*config, options.modulesDir);

@@ -149,6 +149,19 @@ constexpr auto kNames = std::to_array<Name>({
     {"NextChange", "next_change"},
     {"NextRate", "next"},
     {"Windows", "windows"},
+    // actions
+    {"Module", "module"},
+    {"Signature", "signature"},
+    {"Purpose", "purpose"},
+    {"Inputs", "inputs"},
+    {"Outputs", "outputs"},
+    {"Results", "results"},
+    {"Callers", "callers"},
+    {"Changes", "changes"},
+    {"Type", "type"},
+    {"Optional", "optional"},
+    {"Several", "several"},
+    {"Remark", "remark"},
 });
 
 constexpr std::string_view kStatusPrefix = "_AGTMOD_FILESTORESTATUS_";

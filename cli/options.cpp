@@ -296,11 +296,19 @@ void DefineParent(CLI::App& app, Parsed& parsed) {
 }
 
 void DefineCall(CLI::App& app, Parsed& parsed) {
-    auto* command = app.add_subcommand("call", "Call any action");
-    command->add_option("ACTION", parsed.call.action, "Name of the action")->required();
-    command->add_option("ARGUMENT", parsed.call.arguments,
-                        "name=text or name:=JSON; a name given several times has several values");
-    command->callback([&parsed] { parsed.chosen = parsed.call; });
+    auto* command = app.add_subcommand("call", "Call any action, or list the actions");
+    command->add_option("ACTION", parsed.call.action, "Name of the action");
+    auto* arguments =
+        command->add_option("ARGUMENT", parsed.call.arguments,
+                            "name=text or name:=JSON; a name given several times has several values");
+    command
+        ->add_flag("--list", parsed.call.list,
+                   "List the actions of the agent, or show what ACTION takes and gives; calls nothing")
+        ->excludes(arguments);
+    command->callback([&parsed] {
+        if (!parsed.call.list && parsed.call.action.empty()) throw CLI::RequiredError("ACTION or --list");
+        parsed.chosen = parsed.call;
+    });
 }
 
 void DefineQueries(CLI::App& app, Parsed& parsed) {

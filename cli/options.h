@@ -140,6 +140,7 @@ struct ParentOptions {
 struct CallOptions {
     KelString action;
     KelVector<KelString> arguments;  ///< "name=text" or "name:=JSON"
+    bool list = false;               ///< list the actions, or describe the one named
 };
 
 using CommandOptions =

@@ -5,6 +5,7 @@
 #include "cli/output.h"
 #include "cli/remote.h"
 #include "kel/text.h"
+#include "kelcore/action_description.h"
 #include "kelcore/error_codes.h"
 #include "kelcore/ini_settings.h"
 #include "kelcore/json.h"
@@ -124,7 +125,52 @@ int RunCommand(const CommonOptions& common, const UploadOptions&) {
     return ExitCodeOf(result);
 }
 
+namespace {
+
+/// What an action takes and gives, as rows of Name and Value.
+KelContainer ActionRows(const KelContainer& action) {
+    KelContainer rows;
+    const auto add = [&rows](const char* name, KelString value) {
+        if (value.empty()) return;
+        KelContainer row;
+        row.SetString("Name", name);
+        row.SetString("Value", std::move(value));
+        rows.SetContainer("Values", std::move(row), KelContainer::kAbsent);
+    };
+    for (const char* name : {"Name", "Module", "Purpose"})
+        add(name, action.GetString(name));
+    for (const char* list : {"Inputs", "Outputs"})
+        for (std::uint32_t i = 0; i < ItemCount(action, list); ++i) {
+            KelContainer one;
+            one.SetContainer(list, action.GetContainer(list, i));
+            add(list == KelString("Inputs") ? "Takes" : "Gives", DescribedValuesText(one, list));
+        }
+    for (const char* name : {"Results", "Callers"})
+        add(name, action.GetString(name));
+    return rows;
+}
+
+int ListActions(const CommonOptions& common, const KelString& name) {
+    const auto remote = Remote::Open(common);
+    if (!remote) return Complain(remote.Error());
+    KelContainer answer;
+    if (!name.empty()) answer.SetString("Name", name);
+    if (const unsigned int result = remote->Call("AgentListActions", answer); result != kKelOk)
+        return ExitCodeOf(result);
+    if (name.empty() || common.json)
+        PrintList(answer, common.json,
+                  {ValueColumn("ACTION", "Name"), ValueColumn("CALLERS", "Callers"),
+                   ValueColumn("PURPOSE", "Purpose")});
+    else
+        PrintList(ActionRows(answer.GetContainer("Values")), false,
+                  {ValueColumn("NAME", "Name"), ValueColumn("VALUE", "Value")});
+    return kExitDone;
+}
+
+}  // namespace
+
 int RunCommand(const CommonOptions& common, const CallOptions& options) {
+    if (options.list) return ListActions(common, options.action);
     KelContainer container;
     for (const KelString& argument : options.arguments) {
         if (auto status = AddCallArgument(argument, container); !status) {

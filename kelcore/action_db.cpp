@@ -1,6 +1,5 @@
 #include "kelcore/action_db.h"
 
-#include <algorithm>
 #include <condition_variable>
 #include <exception>
 #include <map>
@@ -16,7 +15,18 @@
 namespace {
 
 struct Action {
+    Action(const KelActionDescription& of, const char* module, KelActionHandler call)
+        : signature(of.signature),
+          description(of),
+          handle(module != nullptr ? module : ""),
+          handler(std::move(call)) {
+        description.signature = signature.c_str();
+    }
+    Action(const Action&) = delete;
+    Action& operator=(const Action&) = delete;
+
     KelString signature;
+    KelActionDescription description;
     KelString handle;
     KelActionHandler handler;
 };
@@ -48,12 +58,15 @@ class ActionRegistry {
         return actions_.count(name) != 0;
     }
 
-    KelVector<KelString> Signatures() const {
-        KelVector<KelString> signatures;
+    /// Under the lock, because the texts of a description are those of its module.
+    KelVector<KelContainer> Describe() const {
+        KelVector<KelContainer> descriptions;
         const std::lock_guard lock(mutex_);
-        for (const auto& [name, action] : actions_)
-            signatures.push_back(action->signature);
-        return signatures;
+        for (const auto& [name, action] : actions_) {
+            descriptions.push_back(DescribeAction(action->description));
+            descriptions.back().SetString("Module", action->handle);
+        }
+        return descriptions;
     }
 
     /// The action, counted as being called until EndCall; null when there is none.
@@ -106,14 +119,15 @@ KelString ActionNameOfSignature(const KelString& signature) {
     return Trim(signature.substr(0, signature.find('(')));
 }
 
-void ActionDbRegisterAction(const KelString& signature, KelActionHandler handler, const char* handle) {
-    const KelString name = ActionNameOfSignature(signature);
+void ActionDbRegisterAction(const KelActionDescription& description, KelActionHandler handler,
+                            const char* handle) {
+    const KelString name = ActionNameOfSignature(description.signature);
     if (name.empty() || !handler) {
-        CoreLog().Error("Action \"%S\" cannot be registered: it has no name or no handler.\n", signature);
+        CoreLog().Error("Action \"%s\" cannot be registered: it has no name or no handler.\n",
+                        description.signature);
         return;
     }
-    Registry().Add(name, std::make_shared<const Action>(
-                             Action{signature, handle != nullptr ? handle : "", std::move(handler)}));
+    Registry().Add(name, std::make_shared<const Action>(description, handle, std::move(handler)));
 }
 
 void ActionDbUnregisterAll(const char* handle) {
@@ -124,10 +138,8 @@ bool ActionDbIsActionRegistered(const KelString& actionName) {
     return Registry().Has(actionName);
 }
 
-KelVector<KelString> ActionDbListActions() {
-    KelVector<KelString> signatures = Registry().Signatures();
-    std::sort(signatures.begin(), signatures.end());
-    return signatures;
+KelVector<KelContainer> ActionDbListActions() {
+    return Registry().Describe();
 }
 
 unsigned int CallLocal(const KelString& actionName, KelContainer& container) {

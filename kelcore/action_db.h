@@ -1,10 +1,12 @@
 #pragma once
 
 #include <functional>
+#include <initializer_list>
 
 #include "kel/container.h"
 #include "kel/ip_address.h"
 #include "kel/types.h"
+#include "kelcore/action_description.h"
 
 /// Handles one action call: reads its arguments from the container and leaves its results in it. 0 is
 /// success. Runs on the caller's thread (local call) or on a worker of the HTTP server (call from another
@@ -17,9 +19,29 @@ using KelActionHandler = std::function<unsigned int(KelContainer*)>;
 /// parenthesis, without blanks around it.
 KelString ActionNameOfSignature(const KelString& signature);
 
-/// Registers an action by its signature. The parameter list is for people. A second registration of a name
-/// replaces the first. `handle` names the module (the text that its registration received).
-void ActionDbRegisterAction(const KelString& signature, KelActionHandler handler, const char* handle);
+/// Registers an action by its description. A second registration of a name replaces the first. `handle` names
+/// the module (the text that its registration received).
+void ActionDbRegisterAction(const KelActionDescription& description, KelActionHandler handler,
+                            const char* handle);
+
+/// An action of an object: the function that handles it, a member of `Owner` or one that takes it, and what
+/// it is.
+template <class Owner>
+struct KelActionOf {
+    std::function<unsigned int(Owner&, KelContainer*)> handler;
+    KelActionDescription description;
+};
+
+/// Registers actions of `owner`, which outlives their registration.
+template <class Owner>
+void ActionDbRegisterActions(Owner& owner, const char* handle,
+                             std::initializer_list<KelActionOf<Owner>> actions) {
+    for (const KelActionOf<Owner>& action : actions)
+        ActionDbRegisterAction(
+            action.description,
+            [&owner, call = action.handler](KelContainer* arguments) { return call(owner, arguments); },
+            handle);
+}
 
 /// Removes every action registered with `handle`. Calls in progress end normally; the call waits for them, so
 /// it must not be made from a handler.
@@ -27,8 +49,9 @@ void ActionDbUnregisterAll(const char* handle);
 
 bool ActionDbIsActionRegistered(const KelString& actionName);
 
-/// Signatures of all actions, sorted.
-KelVector<KelString> ActionDbListActions();
+/// The descriptions of all actions, sorted by name: for each a container as DescribeAction makes it, with the
+/// text Module.
+KelVector<KelContainer> ActionDbListActions();
 
 /// Calls an action. `container` carries the arguments in and the results out.
 ///

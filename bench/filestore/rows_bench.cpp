@@ -234,16 +234,18 @@ void SetUp(const KelString& root) {
     KelAgentConfigure({root + "/config/", root + "/data/", "bench", "bench", "", nullptr});
     // The parent is out of sync, so a download ends where its server would be called.
     ActionDbRegisterAction(
-        "RelayGetValues ()", [](KelContainer*) { return 0U; }, kHandle);
+        {.signature = "RelayGetValues", .purpose = "Serves the benchmark."}, [](KelContainer*) { return 0U; },
+        kHandle);
     ActionDbRegisterAction(
-        "IdentityGetGUID ()",
+        {.signature = "IdentityGetGUID", .purpose = "Serves the benchmark."},
         [](KelContainer* container) {
             container->SetString("GUID", "0A1B0000-0000-4000-8000-00000000000A");
             return 0U;
         },
         kHandle);
     ActionDbRegisterAction(
-        "BenchReceive ()", [](KelContainer*) { return 0U; }, kHandle);
+        {.signature = "BenchReceive", .purpose = "Serves the benchmark."}, [](KelContainer*) { return 0U; },
+        kHandle);
     CallbackDbRegisterAction("FileStoreCallbackReceivedFile", "BenchReceive ()", "", 0);
     Expect(FileStore::ModuleInitialise() == 1, "the module cannot be initialised");
     // A million rows may take longer to make than the defaults.

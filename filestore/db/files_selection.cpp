@@ -53,6 +53,10 @@ constexpr char kNotSent[] =
     "SELECT FileId FROM Files WHERE FileStatus IN ('%s', '%s', '%s') AND Upstream <> 0 AND SourceDevice <> "
     "'' AND "
     "FileType <> '%s' LIMIT 1";
+constexpr char kArchives[] =
+    "SELECT FileId FROM Files WHERE FileStatus IN ('%s', '%s') AND FileType = '%s' LIMIT 1";
+constexpr char kNewestOwn[] =
+    "SELECT %s, MAX (CreateTime) FROM Files WHERE FileType = '%Q' AND FirstRelay = '' GROUP BY FileType";
 constexpr char kWithStatus[] = "SELECT %s FROM Files WHERE FileStatus = '%s'";
 constexpr char kOfKey[] =
     "SELECT %s FROM Files WHERE FileType = '%Q' AND FileLabel = '%Q' AND FileName = '%Q' AND FileChecksum = "
@@ -248,6 +252,16 @@ bool HasFilesToUpload() {
     const auto result = Query(Side::Upstream, KelFormat(kNotSent, kStatusToBeUploaded, kStatusToBePacked,
                                                         kStatusUploading, kPackedFilesType));
     return result && result->GetRowCount() != 0;
+}
+
+bool HasArchivesToUpload() {
+    const auto result =
+        Query(Side::Upstream, KelFormat(kArchives, kStatusToBeUploaded, kStatusUploading, kPackedFilesType));
+    return result && result->GetRowCount() != 0;
+}
+
+FileRows SelectNewestOwnFile(const KelString& type) {
+    return SelectUpstream(KelFormat(kNewestOwn, FileStoreEntry::kColumns, type));
 }
 
 FileRows SelectFilesBeingReceived() {

@@ -72,6 +72,10 @@ FileRows SelectFilesBeingUploaded();
 std::optional<std::uint32_t> CountFilesToUpload();
 /// True when files other than archives wait to be sent, packed or not; false also when the statement failed.
 bool HasFilesToUpload();
+/// True when archives wait to be sent; false also when the statement failed.
+bool HasArchivesToUpload();
+/// The latest file of this type that comes from this device itself; at most one row.
+FileRows SelectNewestOwnFile(const KelString& type);
 /// Files whose content is expected by PUT or has just arrived.
 FileRows SelectFilesBeingReceived();
 /// The files with this key, one for every device that sent it. Nothing when the statement failed.

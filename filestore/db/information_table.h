@@ -28,6 +28,9 @@ inline constexpr const char* kParentStoreField = "ParentStore";
 /// In the upstream database: since when (seconds since the epoch) it has waited for the files in the store
 /// that it does not know, "0" when it knows them all.
 inline constexpr const char* kUnknownFilesField = "UnknownFilesSince";
+/// In the upstream database: when the parent got the last patch inventory of this device (seconds since the
+/// epoch).
+inline constexpr const char* kPatchInventoryField = "PatchInventoryUploaded";
 
 /// Nothing when there is no such field or the statement failed.
 std::optional<KelString> ReadInformation(const KelString& field, Side side = Side::Downstream);

@@ -52,6 +52,12 @@ constexpr char kOfDevice[] = "SELECT %s FROM Targets WHERE FileId = %lu AND Devi
 constexpr char kOfFile[] = "SELECT %s FROM Targets WHERE FileId = %lu";
 constexpr char kAny[] = "SELECT TargetId FROM Targets WHERE FileId = %lu LIMIT 1";
 constexpr char kCount[] = "SELECT COUNT(*) FROM Targets";
+// Times up to 9 put a target behind those that were never announced; see kDueSinceRequest.
+constexpr char kNotifiable[] =
+    "SELECT Files.FileId, FileType, FileLabel, FileName, FileChecksum, FileStatus, FileSize, Priority, SUM "
+    "(LastNotifyTime < 10), SUM (LastNotifyTime > %ld), SUM (LastNotifyTime BETWEEN 10 AND %ld), MIN "
+    "(TargetCreateTime) AS Oldest FROM Targets JOIN Files ON Files.FileId = Targets.FileId GROUP BY "
+    "Targets.FileId ORDER BY Oldest, Files.FileId LIMIT %u OFFSET %lu";
 constexpr char kLatestNotifyTime[] = "SELECT MAX(LastNotifyTime) FROM Targets WHERE DeviceGUID = '%Q'";
 constexpr char kAll[] = "SELECT %s FROM Targets";
 
@@ -210,6 +216,29 @@ std::optional<std::int64_t> OldestTargetTime(std::uint64_t fileId) {
 bool HasTargets(std::uint64_t fileId) {
     const auto result = Database().connection.Query(KelFormat(kAny, fileId));
     return result && result->GetRowCount() != 0;
+}
+
+KelVector<NotifiableFile> SelectNotifiableFiles(std::int64_t now, const ListRange& range) {
+    const auto result =
+        Database().connection.Query(KelFormat(kNotifiable, now, now, range.limit, range.offset));
+    KelVector<NotifiableFile> files(result ? result->GetRowCount() : 0);
+    for (std::size_t i = 0; i < files.size(); ++i) {
+        RowReader row(*result, i);
+        NotifiableFile& file = files[i];
+        file.fileId = row.Unsigned();
+        file.key.type = row.Text();
+        file.key.label = row.Text();
+        file.key.name = row.Text();
+        file.key.checksum = row.Text();
+        file.status = row.Text();
+        file.size = row.Number();
+        file.priority = static_cast<std::int32_t>(row.Number());
+        file.waiting = row.Number();
+        file.notified = row.Number();
+        file.failed = row.Number();
+        file.oldest = row.Number();
+    }
+    return files;
 }
 
 std::int64_t CountTargets() {

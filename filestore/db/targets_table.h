@@ -5,6 +5,7 @@
 
 #include "filestore/db/database.h"
 #include "filestore/db/file_store_entry.h"
+#include "filestore/db/files_selection.h"
 
 namespace filestore {
 class RowReader;
@@ -83,6 +84,21 @@ std::optional<std::int64_t> OldestTargetTime(std::uint64_t fileId);
 std::optional<KelVector<FileStoreTarget>> FindTargets(std::uint64_t fileId);
 
 bool HasTargets(std::uint64_t fileId);
+
+/// A file that waits for targets, with the numbers of these.
+struct NotifiableFile {
+    std::uint64_t fileId = 0;
+    FileKey key;
+    KelString status;
+    std::int64_t size = 0;
+    std::int32_t priority = 0;
+    std::int64_t waiting = 0;   ///< not announced yet, or to be announced again at once
+    std::int64_t notified = 0;  ///< have taken an announcement
+    std::int64_t failed = 0;    ///< could not be called, or were silent since the announcement
+    std::int64_t oldest = 0;    ///< when the oldest target was recorded
+};
+/// Those whose oldest target waits longest come first. Reads the table as a whole.
+KelVector<NotifiableFile> SelectNotifiableFiles(std::int64_t now, const ListRange& range);
 
 /// The number of all targets; 0 also when the statement failed. Reads an index as a whole.
 std::int64_t CountTargets();

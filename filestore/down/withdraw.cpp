@@ -1,6 +1,8 @@
 #include "filestore/down/withdraw.h"
 
 #include <algorithm>
+#include <array>
+#include <span>
 
 #include "filestore/db/file_status.h"
 #include "filestore/db/files_selection.h"
@@ -33,9 +35,14 @@ constexpr const char* kEvent = "FileStoreCallbackWithdrawnFile";
 constexpr const char* kValueKeepContent = "KeepContent";
 constexpr const char* kValueRemoved = "Removed";
 
+/// The types under which the content of a rule package may be known.
+constexpr std::array kPackageTypes = {kRulePackageType, "OperationalRuleNetworkPackage",
+                                      "OperationalRelayPackage"};
+
 /// What a call says.
 struct Withdrawal {
     FileKey key;
+    bool isDeletion = false;  ///< for all targets, and for good: the file is obsolete
     bool keepContent = false;
     bool isRemoval = false;
     bool isHere = false;            ///< this device is a target
@@ -97,9 +104,9 @@ bool RemoveTargets(std::uint64_t fileId, const Withdrawal& withdrawal, std::size
     if (!targets) return false;
     left = targets->size();
     for (const FileStoreTarget& target : *targets) {
-        const bool isHere = target.DeviceGUID.empty() && withdrawal.isHere;
+        const bool isEnded = withdrawal.isDeletion || (target.DeviceGUID.empty() && withdrawal.isHere);
         const auto rest =
-            isHere ? std::nullopt : WithoutTargets(target, withdrawal.below, withdrawal.keepContent);
+            isEnded ? std::nullopt : WithoutTargets(target, withdrawal.below, withdrawal.keepContent);
         if (rest && *rest == target) continue;
         if (!(rest ? StoreTarget(fileId, *rest) != 0 : DeleteTarget(target.TargetId))) return false;
         if (!rest) --left;
@@ -120,7 +127,9 @@ bool WithdrawRow(const FileStoreEntry& file, const Withdrawal& withdrawal, FileR
     if (!RemoveTargets(file.FileId, withdrawal, left)) return false;
     if (left != 0 || !IsToBeForgotten(file, withdrawal)) return true;
     forgotten.push_back(file);
-    return DeleteFileRow(Side::Downstream, file.FileId);
+    return withdrawal.isDeletion
+               ? UpdateFileStatus(Side::Downstream, file.FileId, kStatusObsolete, NextTry::AtOnce)
+               : DeleteFileRow(Side::Downstream, file.FileId);
 }
 
 /// Records what the devices of the next level are to be told. A target that is gone is not called any more.
@@ -139,22 +148,32 @@ bool PassOn(const Withdrawal& withdrawal) {
     });
 }
 
-/// Removes the rows and targets and records what others are to be told: all of it or nothing.
-bool RecordRows(const Withdrawal& withdrawal, FileRows& forgotten) KEL_REQUIRES(FileStore::mutexDownstream) {
-    DBTransaction transaction(*FileStore::pDbConnectionDownstream);
-    if (!transaction.IsOpen()) return false;
+bool RecordOne(const Withdrawal& withdrawal, FileRows& forgotten) {
     const auto rows = SelectFilesOfKey(withdrawal.key);
-    const bool isRecorded = rows && std::all_of(rows->begin(), rows->end(), [&](const FileStoreEntry& file) {
-                                return WithdrawRow(file, withdrawal, forgotten);
-                            });
-    return isRecorded && PassOn(withdrawal) && transaction.Commit();
+    return rows &&
+           std::all_of(
+               rows->begin(), rows->end(),
+               [&](const FileStoreEntry& file) { return WithdrawRow(file, withdrawal, forgotten); }) &&
+           PassOn(withdrawal);
 }
 
-bool Record(const Withdrawal& withdrawal, FileRows& forgotten) {
+/// Removes the rows and targets and records what others are to be told: all of it or nothing.
+bool RecordRows(std::span<const Withdrawal> withdrawals, FileRows& forgotten)
+    KEL_REQUIRES(FileStore::mutexDownstream) {
+    DBTransaction transaction(*FileStore::pDbConnectionDownstream);
+    return transaction.IsOpen() &&
+           std::all_of(withdrawals.begin(), withdrawals.end(),
+                       [&](const Withdrawal& withdrawal) { return RecordOne(withdrawal, forgotten); }) &&
+           transaction.Commit();
+}
+
+/// What it does not record is repeated by the caller.
+bool Record(std::span<const Withdrawal> withdrawals) {
     ContentRemoval removal(Side::Downstream);
+    FileRows forgotten;
     {
         const KelLock lock(FileStore::mutexDownstream);
-        if (!RecordRows(withdrawal, forgotten)) return false;
+        if (!RecordRows(withdrawals, forgotten)) return false;
         // Claimed under the lock: an offer of the same file puts its content at the same place.
         for (const FileStoreEntry& file : forgotten) {
             FileStore::debugFileStore.Print("%S was withdrawn and is forgotten\n", file.Key().Text());
@@ -165,7 +184,37 @@ bool Record(const Withdrawal& withdrawal, FileRows& forgotten) {
         }
     }
     removal.RemoveContent();
+    FileStoreMulticastThread::NoteWithdrawal();
+    for (const FileStoreEntry& file : forgotten)
+        if (file.FileStatus == kStatusMulticastListening) StopListening({}, file.MulticastAddress);
     return true;
+}
+
+/// The key of the package to delete: that of the arguments, or the one that an order names.
+FileKey PackageKey(const KelContainer& arguments) {
+    FileKey key = FileKey::Read(arguments);
+    if (key.type != kPackageDeletionType) return key;
+    const KelContainer& info = arguments.GetContainer(kValueFileInfo);
+    return {kRulePackageType, info.GetString("PackageName"), key.name, info.GetString("PackageChecksum")};
+}
+
+/// The withdrawals that delete a package, one for each type of it; none when the call is unusable.
+KelVector<Withdrawal> ReadDeletion(const KelContainer& arguments) {
+    KelContainer values = arguments;
+    PackageKey(arguments).Write(values);
+    Withdrawal one;
+    one.isDeletion = true;
+    // Without a checksum all contents would be deleted.
+    if (!Read(values, one) || one.key.checksum.empty()) return {};
+    one.isHere = true;
+    KelVector<Withdrawal> all = {one};
+    if (one.key.type != kRulePackageType) return all;
+    for (const char* type : kPackageTypes) {
+        if (one.key.type == type) continue;
+        all.push_back(one);
+        all.back().key.type = type;
+    }
+    return all;
 }
 
 }  // namespace
@@ -193,11 +242,28 @@ unsigned int FileStore::ActionHandler_FileStoreWithdrawFile(KelContainer* argume
     arguments->Clear();
     if (!isUsable) return kKelErrorBadInput;
     if (withdrawal.isHere) withdrawal.isKeptByConsumer = AskConsumers(withdrawal.key);
-    FileRows forgotten;
-    if (!Record(withdrawal, forgotten)) return kKelErrorInternal;  // the caller repeats it
-    FileStoreMulticastThread::NoteWithdrawal();
-    for (const FileStoreEntry& file : forgotten)
-        if (file.FileStatus == kStatusMulticastListening) StopListening({}, file.MulticastAddress);
+    if (!Record({&withdrawal, 1})) return kKelErrorInternal;  // the caller repeats it
     if (!withdrawal.below.empty()) WakeWorker(Worker::Notify);
+    return kKelOk;
+}
+
+/// The content goes, and the row stays to say that the file is obsolete: a device that asks for it is told
+/// so. The devices below forget the file. They learn that it is obsolete when they ask for it.
+unsigned int FileStore::ActionHandler_FileStoreDeletePackage(KelContainer* arguments) {
+    KelVector<Withdrawal> withdrawals;
+    if (IsCallerAccepted(*arguments)) withdrawals = ReadDeletion(*arguments);
+    arguments->Clear();
+    if (withdrawals.empty()) {
+        arguments->SetString("Message",
+                             "The key of the package is unusable, or the caller is not the parent");
+        return kKelErrorBadInput;
+    }
+    for (const Withdrawal& withdrawal : withdrawals) {
+        if (!AskConsumers(withdrawal.key)) continue;
+        arguments->SetString("Message", "A module of this device works on the package; delete it later");
+        return kKelErrorNotAvailable;
+    }
+    if (!Record(withdrawals)) return kKelErrorInternal;
+    if (!withdrawals.front().below.empty()) WakeWorker(Worker::Notify);
     return kKelOk;
 }

@@ -1,13 +1,14 @@
 #include "filestore/db/callback_table.h"
 #include "filestore/db/files_table.h"
 #include "filestore/down/multicast_reception.h"
+#include "filestore/exchange/input_checks.h"
 #include "filestore/state/device.h"
 #include "filestore/state/file_store.h"
 #include "filestore/up/callback_thread.h"
 #include "filestore/up/upload_check.h"
 #include "kel/container.h"
-#include "kel/text.h"
 #include "kelcore/call_origin.h"
+#include "kelcore/device_name.h"
 #include "kelcore/error_codes.h"
 
 using namespace filestore;
@@ -37,7 +38,7 @@ unsigned int FileStore::ActionHandler_FileStoreHttpPutCheck(KelContainer* argume
 unsigned int FileStore::ActionHandler_FileStoreHttpPutCallback(KelContainer* arguments) {
     const KelString url = arguments->GetString("URL");
     // The report names local paths: only this device's HTTP server may make it.
-    if (!ActionIsFromThisDevice(*arguments) || url.empty() || HasControlCharacter(url)) {
+    if (!ActionIsFromThisDevice(*arguments) || !IsUrlPath(url)) {
         debugFileStore.Warning("Refusing a report of a received file from '%S': URL '%S'\n",
                                ActionRequestAddress(*arguments), url);
         return kKelOk;
@@ -54,7 +55,7 @@ unsigned int FileStore::ActionHandler_FileStoreHttpPutCallback(KelContainer* arg
 
 unsigned int FileStore::ActionHandler_FileStoreGUIDCallback(KelContainer* arguments) {
     const KelString guid = arguments->GetString("GUID");
-    if (!ActionIsFromThisDevice(*arguments) || !IsUsableGuid(guid)) {
+    if (!ActionIsFromThisDevice(*arguments) || !IsGuid(guid)) {
         debugFileStore.Warning("Refused to take over the GUID '%S'\n", guid);
         return kKelErrorBadInput;
     }

@@ -94,7 +94,7 @@ void AddReason(const ListedFile& file, Side side, const Circumstances& circumsta
     values.SetContainer("Reason", std::move(written));
 }
 
-KelContainer DetailValues(const FileStoreEntry& entry) {
+KelContainer DetailValues(const FileStoreEntry& entry, Side side) {
     KelContainer values;
     values.SetInt32("FileId", static_cast<std::int32_t>(entry.FileId));
     entry.Key().Write(values);
@@ -109,9 +109,8 @@ KelContainer DetailValues(const FileStoreEntry& entry) {
     values.SetString(kValueSourceDevice, entry.SourceDevice);
     values.SetString(kValueFirstRelay, entry.FirstRelay);
     values.SetInt32("TransferredBytes", static_cast<std::int32_t>(entry.TransferredBytes));
-    const KelString path = ContentPath(entry, entry.Upstream ? Side::Upstream : Side::Downstream);
-    values.SetString("TransferredData",
-                     FileStore::getFileTransferPercent(entry.FileStatus, path, entry.FileSize));
+    values.SetString("TransferredData", FileStore::getFileTransferPercent(
+                                            entry.FileStatus, ContentPath(entry, side), entry.FileSize));
     return values;
 }
 
@@ -149,9 +148,10 @@ unsigned int FileStore::ActionHandler_FileStoreListFiles(KelContainer* arguments
 unsigned int FileStore::ActionHandler_FileStoreGetFileInfo(KelContainer* arguments) {
     const auto fileId = static_cast<std::uint32_t>(arguments->GetInt32("FileId", -1));
     FileStoreEntry entry;
-    const bool isKnown = entry.LoadFromDatabase(fileId, ChosenSide(*arguments));
+    const Side side = ChosenSide(*arguments);
+    const bool isKnown = entry.LoadFromDatabase(fileId, side);
     arguments->Remove("Values");
-    if (isKnown) arguments->SetContainer("Values", DetailValues(entry));
+    if (isKnown) arguments->SetContainer("Values", DetailValues(entry, side));
     return kKelOk;
 }
 

@@ -22,9 +22,6 @@ unsigned int Forget(const KelContainer& arguments) {
 
 }  // namespace
 
-/// For the modules of this device. Without arguments lists the files that were handed to them and that none
-/// has taken, as Values[i]{FileType, FileLabel, FileName, FileChecksum, FilePath, FileInfo}; with
-/// Taken[i]{FileType, FileLabel, FileName, FileChecksum} forgets these.
 unsigned int FileStore::ActionHandler_FileStoreGetUntakenFiles(KelContainer* arguments) {
     if (!ActionIsFromThisDevice(*arguments)) return kKelErrorBadInput;
     if (arguments->Has("Taken")) return Forget(*arguments);

@@ -1,5 +1,6 @@
 #include "filestore/down/acknowledge.h"
 #include "filestore/down/receive_offer.h"
+#include "filestore/down/withdraw.h"
 #include "filestore/exchange/offer.h"
 #include "filestore/packages/package_orders.h"
 #include "filestore/state/device.h"
@@ -60,7 +61,7 @@ bool CarryOutPackageOrder(KelContainer& arguments, const Offer& offer) {
         if (outcome == PackageOrder::CarriedOut) AcknowledgeToParent(offer.key);
         return outcome != PackageOrder::NotHeld;
     }
-    if (offer.key.type != "PackageDelete") return false;
+    if (offer.key.type != kPackageDeletionType) return false;
     KelContainer order = arguments;  // a failed deletion must leave the offer whole
     if (FileStore::ActionHandler_FileStoreDeletePackage(&order) != kKelOk) return false;
     AcknowledgeToParent(offer.key);

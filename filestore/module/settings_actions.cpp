@@ -104,7 +104,10 @@ void SetValue(KelContainer& values, const char* name, const Value& value) {
 
 unsigned int FileStore::ActionHandler_FileStoreSetValues(KelContainer* arguments) {
     Notes notes;
-    const auto changes = ReadChanges(arguments->GetContainer("Values"), notes);
+    const auto changes = arguments->IsContainer("Values")
+                             ? ReadChanges(arguments->GetContainer("Values"), notes)
+                             : KelResult<KelVector<Change>>(
+                                   KelError{kKelErrorBadInput, "Values is missing or is no container"});
     arguments->Clear();
     if (!changes) {
         debugFileStore.Warning("%S\n", changes.Error().message);
@@ -114,7 +117,11 @@ unsigned int FileStore::ActionHandler_FileStoreSetValues(KelContainer* arguments
     for (const Change& change : *changes) {
         const IniSetting& entry = change.setting->entry;
         // First on the disk: what a restart would forget is not taken over.
-        if (!FileStoreWriteSetting(entry.section, entry.key, change.judged.text)) return kKelErrorInternal;
+        if (!FileStoreWriteSetting(entry.section, entry.key, change.judged.text)) {
+            arguments->SetString("Message", KelFormat("%S cannot be written, and the changes end before %s",
+                                                      strModuleIniFile, change.setting->name));
+            return kKelErrorInternal;
+        }
         change.setting->Store(change.setting->FromText(change.judged.text));
         FollowUp(change.setting->effect);
     }

@@ -152,10 +152,9 @@ class FileStore {
     static bool IsGapOkForPackageSynchronization();  ///< the configured gap since the last one has passed
     static void ExecutePackageSynchroAtStartup();
 
-    // ---- action handlers; on any thread, concurrently
+    // ---- action handlers; on any thread, concurrently. module/action_table.cpp says what each takes and
+    // gives
     static unsigned int ActionHandler_FileStoreGetValues(KelContainer* arguments);
-    /// Changes all values or, when one is unusable (1, Message says which), none. Notes[i]: what was raised
-    /// or lowered into its bounds, and names that are unknown.
     static unsigned int ActionHandler_FileStoreSetValues(KelContainer* arguments);
     static unsigned int ActionHandler_FileStoreRequestFile(KelContainer* arguments);
     static unsigned int ActionHandler_FileStoreRequestFileSize(KelContainer* arguments);
@@ -170,19 +169,13 @@ class FileStore {
     static unsigned int ActionHandler_FileStoreParentChange(KelContainer* arguments);
     static unsigned int ActionHandler_FileStoreParentInSync(KelContainer* arguments);
     static unsigned int ActionHandler_FileStoreDeviceContact(KelContainer* arguments);
-    /// Forgets a file that was published and is not to be delivered, here and on the devices below. FileType,
-    /// FileLabel, FileName, FileChecksum (empty: all contents of this name); DevicePath: the targets that are
-    /// withdrawn, absent for this device alone; KeepContent (bool): the file is still wanted elsewhere;
-    /// Removed (bool): the targets are gone from the tree and are not called. Asks the modules by the event
-    /// FileStoreCallbackWithdrawnFile. For this device and its parent; the parent repeats it until the result
+    /// Asks the modules by the event FileStoreCallbackWithdrawnFile. The parent repeats it until the result
     /// is 0.
     static unsigned int ActionHandler_FileStoreWithdrawFile(KelContainer* arguments);
     static unsigned int ActionHandler_FileStoreTransferWindowCallback(KelContainer* arguments);
     static unsigned int ActionHandler_FileStoreListFiles(KelContainer* arguments);
     static unsigned int ActionHandler_FileStoreGetFileInfo(KelContainer* arguments);
-    /// Why a file waits here and on the way to its targets (module/explain_action.cpp).
     static unsigned int ActionHandler_FileStoreExplainFile(KelContainer* arguments);
-    /// What holds files back on this device as a whole: closed windows, a full disk, targets that wait.
     static unsigned int ActionHandler_FileStoreGetWaiting(KelContainer* arguments);
     static unsigned int ActionHandler_FileStoreGetDeviceUrl(KelContainer* arguments);
     static unsigned int ActionHandler_FileStoreGetMulticastStatus(KelContainer* arguments);

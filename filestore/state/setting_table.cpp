@@ -105,7 +105,9 @@ std::span<const FileStoreSetting> Table() {
         Row("FileStore", "TrustedAddressRange", "", &F::strTrustedAddressRange)
             .Addresses()
             .Apply(ApplyTrustedRange),
-        Row("Multicast", "MulticastBlockSize", 1024, &F::ulMulticastBlockSize).Between(1024, 64000),
+        Row("Multicast", "MulticastBlockSize", 1024, &F::ulMulticastBlockSize)
+            .Between(1024, 64000)
+            .Then(Effect::FrameSize),
         Row("Multicast", "MulticastTransferDelay", 60, &F::ulMulticastTransferDelay).Between(5, kMost),
         Row("Multicast", "MulticastPort", 1500, &F::ulMulticastTransferPort)
             .Key("MulticastTransferPort")

@@ -63,6 +63,7 @@ void FileStoreApplyFrameSize() {
     const auto frameSize = static_cast<int>(FileStore::ulFrameSize.load());
     FileStore::bmTrackUsageUp.SetFrameSize(frameSize);
     FileStore::bmTrackUsageDown.SetFrameSize(frameSize);
+    FileStore::bmTrackUsageMulticast.SetFrameSize(static_cast<int>(FileStore::ulMulticastBlockSize.load()));
 }
 
 std::uint32_t FileStoreReadNumber(const KelString& section, const KelString& key) {

@@ -10,6 +10,7 @@
 #include "filestore/state/file_store.h"
 #include "filestore/state/parent.h"
 #include "filestore/state/waiting_reasons.h"
+#include "filestore/up/patch_inventory.h"
 #include "filestore/up/push_thread.h"
 #include "filestore/up/upload_policy.h"
 #include "kelcore/action_db.h"
@@ -70,6 +71,7 @@ bool FileStorePushThread::SendRow(const FileStoreEntry& entry, const KelString& 
     if (error == kKelOk && offer.GetBool(kValueContentHeld)) {
         Reasons().MovedOn(Side::Upstream, entry.FileId);
         sent.push_back({entry.FileId, kStatusAvailable, entry.FileURL});
+        NoteUploadedInventory(entry);
         reachedParent = true;
         return true;
     }

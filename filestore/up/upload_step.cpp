@@ -9,6 +9,7 @@
 #include "filestore/state/store_layout.h"
 #include "filestore/state/waiting_reasons.h"
 #include "filestore/up/manual_upload.h"
+#include "filestore/up/patch_inventory.h"
 #include "filestore/up/push_thread.h"
 #include "filestore/up/upload_policy.h"
 #include "kel/checksum.h"
@@ -111,6 +112,7 @@ void FileStorePushThread::UploadOrPackRow(const FileStoreEntry& entry, UploadPas
         switch (UploadRow(entry, path, pass)) {
             case Upload::Stored:
                 pass.uploaded.Add(entry.FileId);
+                NoteUploadedInventory(entry);
                 break;
             case Upload::Refused:
                 ++rowsTaken_;

@@ -107,43 +107,113 @@ Console::Console()
 }
 
 void Console::Register(const char* handle) {
-    const auto bind = [this](unsigned int (Console::*handler)(KelContainer*)) {
-        return [this, handler](KelContainer* arguments) { return (this->*handler)(arguments); };
-    };
-    ActionDbRegisterAction("ConsoleListDevices ()", bind(&Console::ListDevices), handle);
-    ActionDbRegisterAction("ConsoleListPublications (string PublicationId, bool CountsOnly)",
-                           bind(&Console::ListPublications), handle);
-    ActionDbRegisterAction(
-        "ConsolePublish (string FilePath, string FileType, string FileLabel, string FileName, string Device, "
-        "int32 Priority, bool Bypass, bool WakeOnLan, int32 KeepCopy, container FileInfo, int32 Stage, int32 "
-        "StopAtFailures)",
-        bind(&Console::Publish), handle);
-    ActionDbRegisterAction("ConsoleExplain (string PublicationId, string Device)", bind(&Console::Explain),
-                           handle);
-    ActionDbRegisterAction(
-        "ConsolePreview (string FilePath, string FileName, string FileType, string FileLabel, string Device, "
-        "int32 Stage)",
-        bind(&Console::Preview), handle);
+    ActionDbRegisterActions<Console>(
+        *this, handle,
+        {{&Console::ListDevices,
+          {.signature = "ConsoleListDevices",
+           .purpose = "Lists the devices of the tree, the master first.",
+           .outputs =
+               "container Values[] {string GUID, string Name, string Role, string Address, string Parent "
+               "(its GUID), string PathName, int64 FirstSeen (seconds since the epoch), int64 LastSeen, "
+               "int64 SilentSince (0: is not silent)}",
+           .results = "18 the database cannot be read",
+           .callers = KelCallers::Operator}},
+         {&Console::ListPublications,
+          {.signature = "ConsoleListPublications",
+           .purpose = "Lists publications, the latest first; a single one with its devices.",
+           .inputs = "string PublicationId[]? (absent: all), bool CountsOnly?",
+           .outputs =
+               "container Values[]? {string PublicationId, string FileType, string FileLabel, string "
+               "FileName, string "
+               "FileChecksum, int64 FileSize (bytes), int64 CreateTime (seconds since the epoch), int32 "
+               "Priority, int32 Targets, int32 Delivered, int32 Failed, int32 Withdrawn, int64 "
+               "WithdrawTime, int32 Removed, int32 Pending, string State? (these in stages), int32 Stage?, "
+               "int32 "
+               "StageCount?, string Reason?}, container Devices[]? {string GUID, string Name, string "
+               "Status, int64 Time, string Message, int32 Stage?}, container Stages[]? {int32 Stage, "
+               "int32 Targets, int32 Delivered, int32 Failed, int32 Pending, int32 Scheduled}",
+           .results = "1 no such publication; 18 the database cannot be read",
+           .callers = KelCallers::Operator}},
+         {&Console::Publish,
+          {.signature = "ConsolePublish",
+           .purpose = "Publishes a file of this device to devices of the tree.",
+           .inputs =
+               "string FilePath, string FileType, string FileLabel, string FileName? (absent: that of "
+               "the path), string Device[]? (GUIDs, names, patterns, groups, or all), int32 Priority?, "
+               "bool Bypass?, bool WakeOnLan?, int32 KeepCopy?, container FileInfo?, int32 Stage[]? (per "
+               "cent of the targets), int32 StopAtFailures?",
+           .outputs =
+               "string PublicationId, string FileChecksum, int64 FileSize (bytes), int32 Targets, int32 "
+               "Delivered, int32 Failed, int32 Pending, int32 LeftOut (devices that \"all\" could not "
+               "reach)",
+           .results =
+               "1 unusable or not from this device; 17 the file store does not answer; 18 not written; "
+               "the file store's when it refuses the file",
+           .changes = true}},
+         {&Console::Preview,
+          {.signature = "ConsolePreview",
+           .purpose = "Says what publishing files would do, without doing any of it.",
+           .inputs = "string FilePath[], string FileName[]?, string FileType, string FileLabel, string "
+                     "Device[], int32 Stage[]?",
+           .outputs =
+               "container PreviewFiles[] {string FileName, int64 FileSize (bytes), string FileChecksum, "
+               "bool Held (the targets would get orders)}, container Targets[]? {string GUID, string "
+               "Name, int32 Stage, string Via}, container Links[]? {string From, string To, string "
+               "FromGuid, string ToGuid, int32 Targets (behind it), int64 Bytes}, int32 LeftOut",
+           .results = "1 unusable or not from this device"}},
+         {&Console::Explain,
+          {.signature = "ConsoleExplain",
+           .purpose =
+               "Says why the pending targets of a publication do not have the file, asking the devices "
+               "on the way.",
+           .inputs = "string PublicationId, string Device? (GUID or name)",
+           .outputs = "container Values[]? {string GUID, string Name, string Device?, string At?, string "
+                      "AtName?, string Code, string Message, string Peer?, int64 Bytes?, int64 Size?, int64 "
+                      "Count?, int64 Since?, int64 NextTry?}, int32 LeftOut",
+           .results = "1 no such publication or device; 17 the file store does not answer",
+           .callers = KelCallers::Operator}},
+         {&Console::Withdraw,
+          {.signature = "ConsoleWithdraw",
+           .purpose = "Ends a publication: targets that have not begun never get the file.",
+           .inputs = "string PublicationId",
+           .outputs =
+               "container Values {string PublicationId, string FileType, string FileLabel, string FileName, "
+               "string "
+               "FileChecksum, int64 FileSize (bytes), int64 CreateTime (seconds since the epoch), int32 "
+               "Priority, int32 Targets, int32 Delivered, int32 Failed, int32 Withdrawn, int64 "
+               "WithdrawTime, int32 Removed, int32 Pending}",
+           .results = "1 no such publication, or not from this device; 18 not written",
+           .changes = true}},
+         {&Console::RemoveDevice,
+          {.signature = "ConsoleRemoveDevice",
+           .purpose = "Removes a device from the tree until it reports itself again.",
+           .inputs = "string Device (GUID or name)",
+           .outputs = "string GUID, string Name",
+           .results = "1 no such device, or not from this device; 18 not written",
+           .changes = true}},
+         {&Console::ReceiveUpstream,
+          {.signature = kReceiveSignature,
+           .purpose = "Takes identities and receipts of the devices below; for the event "
+                      "FileStoreCallbackCopyUpstream.",
+           .results = "1 not from this device; 44001 not recorded, to be handed over again; 44003 taken"}},
+         {[](Console&, KelContainer* arguments) {
+              return Fail(arguments,
+                          {kKelErrorNotAvailable, "This console keeps no database that runs scripts"});
+          },
+          {.signature = "QuarnelDbRunScript",
+           .purpose = "Tells other modules that this device is the master; runs nothing.",
+           .inputs = "string Script",
+           .results = "17 always"}},
+         {[](Console&, KelContainer* arguments) {
+              arguments->Clear();
+              arguments->SetString("Types", "Device");
+              return unsigned{kKelOk};
+          },
+          {.signature = "QuarnelDbObjectListTypes",
+           .purpose = "Tells other modules that this device is the master.",
+           .outputs = "string Types[]"}}});
     groupActions_.Register(handle);
     stages_.Register(handle);
-    ActionDbRegisterAction("ConsoleWithdraw (string PublicationId)", bind(&Console::Withdraw), handle);
-    ActionDbRegisterAction("ConsoleRemoveDevice (string Device)", bind(&Console::RemoveDevice), handle);
-    ActionDbRegisterAction(kReceiveSignature, bind(&Console::ReceiveUpstream), handle);
-    ActionDbRegisterAction(
-        "QuarnelDbRunScript (string Script)",
-        [](KelContainer* arguments) {
-            return Fail(arguments,
-                        {kKelErrorNotAvailable, "This console keeps no database that runs scripts"});
-        },
-        handle);
-    ActionDbRegisterAction(
-        "QuarnelDbObjectListTypes ()",
-        [](KelContainer* arguments) {
-            arguments->Clear();
-            arguments->SetString("Types", "Device");
-            return unsigned{kKelOk};
-        },
-        handle);
     CallbackDbRegisterAction(kUpstreamEvent, kReceiveSignature, {}, 0);
 }
 

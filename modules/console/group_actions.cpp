@@ -56,18 +56,53 @@ unsigned int Answer(KelContainer* arguments, const KelResult<KelContainer>& resu
 }  // namespace
 
 void GroupActions::Register(const char* handle) {
-    ActionDbRegisterAction(
-        "ConsoleListGroups (string Name)",
-        [this](KelContainer* arguments) { return Answer(arguments, List(arguments->GetString("Name"))); },
-        handle);
-    for (const char* action : {kSet, kAdd, kRemove, kDelete})
-        ActionDbRegisterAction(
-            KelFormat("%s (string Name%s)", action, action == kDelete ? "" : ", string Member"),
-            [this, action](KelContainer* arguments) {
-                const KelStatus changed = Change(action, *arguments);
-                return Answer(arguments, changed ? KelResult<KelContainer>(KelContainer()) : changed.Error());
-            },
-            handle);
+    const auto change = [](const char* action) {
+        return [action](GroupActions& groups, KelContainer* arguments) {
+            const KelStatus changed = groups.Change(action, *arguments);
+            return Answer(arguments, changed ? KelResult<KelContainer>(KelContainer()) : changed.Error());
+        };
+    };
+    constexpr const char* kResults = "1 unusable, no such group, or not from this device; 18 not written";
+    constexpr KelValueList kMembers =
+        "string Name, string Member[] (GUIDs, names or patterns of names of devices)";
+    ActionDbRegisterActions<GroupActions>(
+        *this, handle,
+        {{[](GroupActions& groups, KelContainer* arguments) {
+              return Answer(arguments, groups.List(arguments->GetString("Name")));
+          },
+          {.signature = "ConsoleListGroups",
+           .purpose = "Lists the groups of devices, or the members of one.",
+           .inputs = "string Name?",
+           .outputs =
+               "container Values[]? {string Name? (of a group), int32 Members?, string Member? (of the "
+               "group that was named), string Message? (why it stands for no device), int32 Devices "
+               "(that it stands for now)}",
+           .results = "1 no such group; 18 the database cannot be read",
+           .callers = KelCallers::Operator}},
+         {change(kSet),
+          {.signature = kSet,
+           .purpose = "Makes a group, or replaces its members.",
+           .inputs = kMembers,
+           .results = kResults,
+           .changes = true}},
+         {change(kAdd),
+          {.signature = kAdd,
+           .purpose = "Adds members to a group, which is made when there is none.",
+           .inputs = kMembers,
+           .results = kResults,
+           .changes = true}},
+         {change(kRemove),
+          {.signature = kRemove,
+           .purpose = "Removes members from a group, which is gone without any.",
+           .inputs = kMembers,
+           .results = kResults,
+           .changes = true}},
+         {change(kDelete),
+          {.signature = kDelete,
+           .purpose = "Deletes a group.",
+           .inputs = "string Name",
+           .results = kResults,
+           .changes = true}}});
 }
 
 KelResult<KelContainer> GroupActions::List(const KelString& name) {

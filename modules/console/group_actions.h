@@ -5,13 +5,8 @@
 #include "modules/console/device_directory.h"
 #include "modules/console/device_groups.h"
 
-/// The actions of the console on groups of devices. Those that change a group are refused to other devices.
-///
-/// - ConsoleListGroups (optional Name) -> Values[i]{Name, Members, Devices (int32: that the members stand for
-///   now)}; with Name, a group: Values[i]{Member, Devices (int32), Message (why it stands for no device)}
-/// - ConsoleSetGroup, ConsoleAddToGroup, ConsoleRemoveFromGroup (Name, Member[i]): give a group these members
-///   only, add members, remove members; see DeviceGroups
-/// - ConsoleDeleteGroup (Name)
+/// The actions of the console on groups of devices, listed in Register; see DeviceGroups. Those that change a
+/// group are refused to other devices.
 class GroupActions {
   public:
     GroupActions(const KelDebug& log, DeviceDirectory& directory, DeviceGroups& groups)

@@ -44,19 +44,23 @@ Stages::Stages(KelDebug& log, StageStore& store, PublicationStore& publications,
           log, KelPeriodicThread::Begin::WithPause, [this] { return Step(); }, PauseAfterWork) {}
 
 void Stages::Register(const char* handle) {
-    ActionDbRegisterAction(
-        "ConsoleResume (string PublicationId, bool Next)",
-        [this](KelContainer* arguments) {
-            const KelStatus resumed =
-                ActionIsFromThisDevice(*arguments)
-                    ? Resume(arguments->GetString("PublicationId"), arguments->GetBool("Next"))
-                    : KelError{kKelErrorBadInput, "Only this device may resume its publications"};
-            arguments->Clear();
-            if (resumed) return unsigned{kKelOk};
-            arguments->SetString("Message", resumed.Error().message);
-            return resumed.Error().code;
-        },
-        handle);
+    ActionDbRegisterActions<Stages>(
+        *this, handle,
+        {{[](Stages& stages, KelContainer* arguments) {
+              const KelStatus resumed =
+                  ActionIsFromThisDevice(*arguments)
+                      ? stages.Resume(arguments->GetString("PublicationId"), arguments->GetBool("Next"))
+                      : KelError{kKelErrorBadInput, "Only this device may resume its publications"};
+              arguments->Clear();
+              if (resumed) return unsigned{kKelOk};
+              arguments->SetString("Message", resumed.Error().message);
+              return resumed.Error().code;
+          },
+          {.signature = "ConsoleResume",
+           .purpose = "Goes on with a publication in stages.",
+           .inputs = "string PublicationId, bool Next? (without waiting for the present stage)",
+           .results = "1 no such publication, nothing to resume, or not from this device; 18 not written",
+           .changes = true}}});
 }
 
 KelResult<StagedPublication> Stages::Read(const KelString& id) {

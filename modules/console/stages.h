@@ -13,9 +13,7 @@
 /// Carries publications in stages on: when no target of the present stage is pending any more, the next stage
 /// is released, which means that its targets are sent orders. When too many targets have failed, the
 /// publication is stopped. All state is in the database, and every step can be repeated, so a stop or kill of
-/// the master at any point loses nothing. Any thread. Action:
-///
-/// - ConsoleResume (PublicationId, Next (bool)): see Resume; refused to other devices
+/// the master at any point loses nothing. Any thread. The action ConsoleResume calls Resume.
 class Stages {
   public:
     Stages(KelDebug& log, StageStore& store, PublicationStore& publications, Publisher& publisher);

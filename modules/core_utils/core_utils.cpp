@@ -21,9 +21,16 @@ const std::array kSettings = {IniSetting::Number("Extract", "MaxEntries", 10000)
 CoreUtils::CoreUtils() : KelModule("CoreUtils", "Core utilities") {}
 
 void CoreUtils::Register(const char* handle) {
-    ActionDbRegisterAction(
-        "CoreUtilsExtractFile (string FilePath, string DestinationPath)",
-        [this](KelContainer* arguments) { return ExtractFile(arguments); }, handle);
+    ActionDbRegisterActions<CoreUtils>(
+        *this, handle,
+        {{&CoreUtils::ExtractFile,
+          {.signature = "CoreUtilsExtractFile (string FilePath, string DestinationPath)",
+           .purpose = "Unpacks a zip archive into a folder, the whole archive or nothing.",
+           .inputs = "string FilePath, string DestinationPath, int32 MaxEntries?, int64 MaxBytes?",
+           .results =
+               "1 unusable or not from this device; 13 no such archive; 16001 an entry that leaves the "
+               "destination, is a link, occurs twice or is encrypted; 16002 too many entries or bytes; "
+               "16003 the archive is damaged; 18 the destination cannot be written"}}});
 }
 
 bool CoreUtils::Initialise() {

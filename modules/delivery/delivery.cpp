@@ -66,14 +66,35 @@ Delivery::~Delivery() {
 }
 
 void Delivery::Register(const char* handle) {
-    const auto bind = [this](unsigned int (Delivery::*handler)(KelContainer*)) {
-        return [this, handler](KelContainer* arguments) { return (this->*handler)(arguments); };
-    };
-    ActionDbRegisterAction(kReceiveSignature, bind(&Delivery::ReceiveFile), handle);
-    ActionDbRegisterAction(kWithdrawSignature, bind(&Delivery::Withdraw), handle);
-    ActionDbRegisterAction("DeliveryListFiles ()", bind(&Delivery::ListFiles), handle);
-    ActionDbRegisterAction(kCollectSignature, bind(&Delivery::Collect), handle);
-    ActionDbRegisterAction("DeliveryListCollected ()", bind(&Delivery::ListCollected), handle);
+    ActionDbRegisterActions<Delivery>(
+        *this, handle,
+        {{&Delivery::ReceiveFile,
+          {.signature = kReceiveSignature,
+           .purpose = "Delivers a file that has arrived, or carries out an order; for the event "
+                      "FileStoreCallbackReceivedFile.",
+           .results = "1 unusable or not from this device; 44001 not copied, to be handed over again"}},
+         {&Delivery::Withdraw,
+          {.signature = kWithdrawSignature,
+           .purpose = "Ends a delivery that has not begun; for the event FileStoreCallbackWithdrawnFile.",
+           .results = "1 unusable or not from this device; 44003 the file is still to be copied"}},
+         {&Delivery::ListFiles,
+          {.signature = "DeliveryListFiles",
+           .purpose = "Lists the files that were delivered to this device.",
+           .outputs = "container Values[]? {string FileType, string FileLabel, string FileName, string "
+                      "FileChecksum, string Path, int64 Size (bytes), int64 Time (seconds since the epoch)}",
+           .callers = KelCallers::Operator}},
+         {&Delivery::Collect,
+          {.signature = kCollectSignature,
+           .purpose = "Collects a file from below on the master; for the event "
+                      "FileStoreCallbackCopyUpstream.",
+           .results = "1 unusable or not from this device; 44001 not copied, to be handed over again; 44003 "
+                      "the file stays here, collected or not"}},
+         {&Delivery::ListCollected,
+          {.signature = "DeliveryListCollected",
+           .purpose = "Lists the files that were collected from the devices below.",
+           .outputs = "container Values[]? {string Device, string FileType, string FileLabel, string "
+                      "FileName, string Path, int64 Size (bytes)}",
+           .callers = KelCallers::Operator}}});
     CallbackDbRegisterAction(kReceivedEvent, kReceiveSignature, {}, 0);
     CallbackDbRegisterAction(kWithdrawnEvent, kWithdrawSignature, {}, 0);
 }

@@ -13,26 +13,16 @@
 #include "modules/delivery/receipt.h"
 
 /// The delivery module: copies the files that arrive for this device to its inbox, runs the command of their
-/// type and sends a receipt for each up the tree; on the master it collects the files that come up. Actions:
+/// type and sends a receipt for each up the tree; on the master it collects the files that come up. Its
+/// actions are listed in Register.
 ///
-/// - DeliveryReceiveFile (FileType, FileLabel, FileName, FileChecksum, FilePath): subscribed to the event
-///   FileStoreCallbackReceivedFile. A file that is there already with this content changes nothing. Results:
-///   0; 1 for an unusable input or a call from another device; kKelAnswerTryLater when it could not be copied
-///   now (this module retries the copy too).
-///   A file of type DeliveryOrder names another one in its FileInfo: that one is requested from the file
-///   store of this device and delivered, in place or not, when it comes. The order itself goes nowhere. An
-///   order fails when a later publication was delivered to the same place, or when the file does not come in
-///   time. The file store remembers a file until this module has reported it as taken: its job is on the
-///   disk, or done. At its start it asks for those that it never took.
-/// - DeliveryWithdrawFile (FileType, FileLabel, FileName, FileChecksum): subscribed to the event
-///   FileStoreCallbackWithdrawnFile; only for this device. Results: kKelAnswerStaysHere for a file that was
-///   handed over and is still to be copied; 0.
-/// - DeliveryListFiles -> Values[i]{FileType, FileLabel, FileName, FileChecksum, Path, Size (int64, bytes),
-///   Time (int64, seconds since the epoch)}
-/// - DeliveryCollect (as DeliveryReceiveFile, and SourceDevice): on the master subscribed to the event
-///   FileStoreCallbackCopyUpstream. Results: kKelAnswerStaysHere, also for types that are not collected; 1
-///   and kKelAnswerTryLater as above.
-/// - DeliveryListCollected -> Values[i]{Device, FileType, FileLabel, FileName, Path, Size (int64, bytes)}
+/// A file that is there already with this content changes nothing. A copy that fails is tried again by this
+/// module too. The file store remembers a file until this module has reported it as taken: its job is on the
+/// disk, or done. At its start it asks for those that it never took.
+///
+/// A file of type DeliveryOrder names another one in its FileInfo: that one is requested from the file store
+/// of this device and delivered, in place or not, when it comes. The order itself goes nowhere. An order
+/// fails when a later publication was delivered to the same place, or when the file does not come in time.
 ///
 /// Commands run one after the other on a thread of their own. A command that was due or running when the
 /// agent stopped is run at the next start. A receipt says "delivered" when the file is in place and its

@@ -1,7 +1,6 @@
 #include "modules/http_protocol/http_protocol.h"
 
 #include <algorithm>
-#include <functional>
 #include <stdexcept>
 
 #include "kelcore/action_db.h"
@@ -20,42 +19,74 @@ HttpProtocol::HttpProtocol() : KelModule("HttpProtocol", "HTTP protocol module")
 HttpProtocol::~HttpProtocol() = default;
 
 void HttpProtocol::Register(const char* handle) {
-    const auto add = [handle](const char* signature, std::function<unsigned int(KelContainer&)> action) {
-        ActionDbRegisterAction(
-            signature, [action = std::move(action)](KelContainer* container) { return action(*container); },
-            handle);
-    };
-    add("HttpProtocolAddAlias (string AliasName, string AliasPath)",
-        [this](KelContainer& container) { return AddAlias(container); });
-    add("HttpProtocolDeleteAlias (string AliasName, bool CompletelyRemove)",
-        [this](KelContainer& container) { return DeleteAlias(container); });
-    add("HttpProtocolGetParams ()", [this](KelContainer& container) { return GetParams(container); });
-    add("HttpProtocolGetThreadCount (bool FirstTime)",
-        [this](KelContainer& container) { return GetThreadCount(container); });
+    ActionDbRegisterActions<HttpProtocol>(
+        *this, handle,
+        {{&HttpProtocol::AddAlias,
+          {.signature = "HttpProtocolAddAlias",
+           .purpose =
+               "Publishes a folder under an alias, in place of one of that name; an empty path removes "
+               "it.",
+           .inputs = "string AliasName, string AliasPath",
+           .results = "1 unusable or not from this device"}},
+         {&HttpProtocol::DeleteAlias,
+          {.signature = "HttpProtocolDeleteAlias",
+           .purpose = "Removes an alias, if there is one.",
+           .inputs = "string AliasName, bool CompletelyRemove? (also every alias below \"AliasName/\")",
+           .results = "1 no name or not from this device"}},
+         {&HttpProtocol::GetParams,
+          {.signature = "HttpProtocolGetParams",
+           .purpose = "Says where this device serves calls of other devices.",
+           .outputs = "container Values {int32 Port, bool Ssl (with TLS), string Address}",
+           .callers = KelCallers::Operator}},
+         {&HttpProtocol::GetThreadCount,
+          {.signature = "HttpProtocolGetThreadCount",
+           .purpose = "Counts the clients with long requests in progress, at least 1.",
+           .inputs = "bool FirstTime?",
+           .outputs =
+               "int32 ThreadCount, int32 BwPort? (these with FirstTime), int32 BwPingFrequency?, int32 "
+               "BwClientCheckFrequency?, int32 BwPingDuration?",
+           .callers = KelCallers::Child}}});
     RegisterMulticast(handle);
 }
 
 void HttpProtocol::RegisterMulticast(const char* handle) {
-    const auto add = [this, handle](const char* signature,
-                                    std::function<unsigned int(MulticastReceiver&, KelContainer&)> action) {
-        const auto call = [this, action = std::move(action)](KelContainer* container) -> unsigned int {
-            MulticastReceiver* const receiver = CurrentReceiver();
-            return receiver != nullptr ? action(*receiver, *container) : unsigned{kKelErrorNotAvailable};
+    using Action = unsigned int (*)(MulticastReceiver&, const KelDebug&, KelContainer&);
+    const auto call = [](Action action) {
+        return [action](HttpProtocol& module, KelContainer* container) {
+            MulticastReceiver* const receiver = module.CurrentReceiver();
+            return receiver != nullptr ? action(*receiver, module.Log(), *container)
+                                       : unsigned{kKelErrorNotAvailable};
         };
-        ActionDbRegisterAction(signature, call, handle);
     };
-    add("HttpProtocolMulticastStartListen (string MulticastAddress, int32 MulticastPort, int32 "
-        "MulticastBlockSize, int64 FileSize)",
-        [this](MulticastReceiver& receiver, KelContainer& container) {
-            return kelhttp::StartMulticastListening(receiver, Log(), container);
-        });
-    add("HttpProtocolMulticastStopListen (string MulticastAddress)",
-        [this](MulticastReceiver& receiver, KelContainer& container) {
-            return kelhttp::StopMulticastListening(receiver, Log(), container);
-        });
-    add("HttpProtocolMulticastIsCompleted (string MulticastAddress, int32 MulticastPort, bool "
-        "MulticastDifferencialRetry)",
-        kelhttp::ReportMulticast);
+    ActionDbRegisterActions<HttpProtocol>(
+        *this, handle,
+        {{call(kelhttp::StartMulticastListening),
+          {.signature =
+               "HttpProtocolMulticastStartListen (string MulticastAddress, int32 MulticastPort, int32 "
+               "MulticastBlockSize, int64 FileSize)",
+           .purpose =
+               "Waits for a file by multicast; from the parent, starts a reception again whose content "
+               "was wrong.",
+           .inputs = "string MulticastAddress, int32 MulticastPort, int32 MulticastBlockSize, int64 FileSize "
+                     "(bytes), string FileURL? (these from this device), string LocalPath?, string "
+                     "FileChecksum? (MD5)",
+           .results = "1 unusable, or from another device than the parent; 17 no room, space or group",
+           .callers = KelCallers::Parent}},
+         {call(kelhttp::StopMulticastListening),
+          {.signature = "HttpProtocolMulticastStopListen",
+           .purpose = "Ends the receptions of a group.",
+           .inputs = "string MulticastAddress",
+           .results = "1 from another device than the parent",
+           .callers = KelCallers::Parent}},
+         {call(kelhttp::ReportMulticast),
+          {.signature = "HttpProtocolMulticastIsCompleted",
+           .purpose = "Says what of a multicast transfer has arrived.",
+           .inputs = "string MulticastAddress, int32 MulticastPort, bool MulticastDifferencialRetry?",
+           .outputs =
+               "bool IsCompleted, bool RestartNeeded, bool CommunicationFailed (nothing is expected, "
+               "the reception has failed, or nothing has arrived), string *? (named by numbers from 0: "
+               "a missing block or a range of them)",
+           .callers = KelCallers::Parent}}});
 }
 
 bool HttpProtocol::Initialise() {
@@ -136,7 +167,8 @@ std::uint16_t HttpProtocol::SslPort() const {
     return server != nullptr ? server->SslPort() : std::uint16_t{0};
 }
 
-unsigned int HttpProtocol::AddAlias(KelContainer& container) {
+unsigned int HttpProtocol::AddAlias(KelContainer* arguments) {
+    KelContainer& container = *arguments;
     const KelString name = container.GetString("AliasName");
     const KelString path = container.GetString("AliasPath");
     const bool isAllowed = ActionIsFromThisDevice(container);
@@ -153,7 +185,8 @@ unsigned int HttpProtocol::AddAlias(KelContainer& container) {
     return kKelErrorBadInput;
 }
 
-unsigned int HttpProtocol::DeleteAlias(KelContainer& container) {
+unsigned int HttpProtocol::DeleteAlias(KelContainer* arguments) {
+    KelContainer& container = *arguments;
     const KelString name = container.GetString("AliasName");
     const bool below = container.GetBool("CompletelyRemove");
     const bool isAllowed = ActionIsFromThisDevice(container);
@@ -168,7 +201,8 @@ int HttpProtocol::PortForDevices() const {
     return AgentSecuritySslForceSecCli() && settings_.sslPort != 0 ? settings_.sslPort : settings_.port;
 }
 
-unsigned int HttpProtocol::GetParams(KelContainer& container) const {
+unsigned int HttpProtocol::GetParams(KelContainer* arguments) const {
+    KelContainer& container = *arguments;
     KelContainer values;
     {
         const KelLock lock(mutex_);
@@ -181,7 +215,8 @@ unsigned int HttpProtocol::GetParams(KelContainer& container) const {
     return kKelOk;
 }
 
-unsigned int HttpProtocol::GetThreadCount(KelContainer& container) const {
+unsigned int HttpProtocol::GetThreadCount(KelContainer* arguments) const {
+    KelContainer& container = *arguments;
     const bool firstTime = container.GetBool("FirstTime");
     container.Clear();
     const KelLock lock(mutex_);

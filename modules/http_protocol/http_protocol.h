@@ -15,20 +15,8 @@ class MulticastReceiver;
 class Server;
 }  // namespace kelhttp
 
-/// The agent's HTTP server: calls of actions, files under aliases, uploads.
-///
-/// Actions (inputs -> outputs; results 0, or kKelErrorBadInput for a missing or unusable input):
-/// - HttpProtocolAddAlias (string AliasName, string AliasPath): publishes a folder; replaces an alias of that
-///   name; an empty path removes it. For callers on this device only, like the next.
-/// - HttpProtocolDeleteAlias (string AliasName, bool CompletelyRemove): with CompletelyRemove also every
-///   alias below "AliasName/". An absent alias is no error.
-/// - HttpProtocolGetParams () -> Values{Port(int32), Ssl(bool), Address(string)}: where other devices call,
-///   and whether with TLS
-/// - HttpProtocolGetThreadCount (bool FirstTime) -> ThreadCount(int32): clients with long requests in
-///   progress, at least 1; with FirstTime also BwPort, BwPingFrequency, BwClientCheckFrequency,
-///   BwPingDuration (int32)
-/// - HttpProtocolMulticastStartListen, HttpProtocolMulticastStopListen, HttpProtocolMulticastIsCompleted: see
-///   multicast_actions.h
+/// The agent's HTTP server: calls of actions, files under aliases, uploads. Its actions are listed in
+/// Register.
 ///
 /// Event: HttpProtocolCallbackPut{URL, MulticastAddress, LocalPath}, after an upload is in place, or a file
 /// that came by multicast (then with its group in MulticastAddress). Before an upload begins and before it is
@@ -58,11 +46,11 @@ class HttpProtocol final : public KelModule {
     }
 
   private:
-    unsigned int AddAlias(KelContainer& container);
-    unsigned int DeleteAlias(KelContainer& container);
-    unsigned int GetParams(KelContainer& container) const;
+    unsigned int AddAlias(KelContainer* arguments);
+    unsigned int DeleteAlias(KelContainer* arguments);
+    unsigned int GetParams(KelContainer* arguments) const;
     int PortForDevices() const KEL_REQUIRES(mutex_);
-    unsigned int GetThreadCount(KelContainer& container) const;
+    unsigned int GetThreadCount(KelContainer* arguments) const;
 
     /// Null before Initialise has succeeded; afterwards valid until the destructor.
     kelhttp::Server* CurrentServer() const;

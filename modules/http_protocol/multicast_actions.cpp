@@ -106,7 +106,7 @@ unsigned int StopMulticastListening(MulticastReceiver& receiver, const KelDebug&
     return kKelOk;
 }
 
-unsigned int ReportMulticast(MulticastReceiver& receiver, KelContainer& container) {
+unsigned int ReportMulticast(MulticastReceiver& receiver, const KelDebug& /*log*/, KelContainer& container) {
     const MulticastReceiver::Group group{container.GetString(kAddress),
                                          static_cast<std::uint16_t>(container.GetInt32(kPort))};
     const bool differential = container.GetBool("MulticastDifferencialRetry");

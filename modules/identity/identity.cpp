@@ -21,6 +21,11 @@ constexpr char kInSyncEvent[] = "RelayCallbackParentInSync";
 /// The longest pause while the identity file waits for another module, which may come at any moment.
 constexpr std::uint32_t kWaitingSeconds = 2;
 
+/// As a console makes it: a random number in hexadecimal digits.
+bool IsConsoleId(const KelString& text) {
+    return text.size() == 16 && text.find_first_not_of("0123456789abcdefABCDEF") == KelString::npos;
+}
+
 }  // namespace
 
 Identity::Identity()
@@ -42,16 +47,43 @@ Identity::~Identity() {
 }
 
 void Identity::Register(const char* handle) {
-    const auto bind = [this](unsigned int (Identity::*handler)(KelContainer*)) {
-        return [this, handler](KelContainer* arguments) { return (this->*handler)(arguments); };
-    };
-    ActionDbRegisterAction("IdentityGetGUID ()", bind(&Identity::GetGuid), handle);
-    ActionDbRegisterAction("IdentityGetHostname ()", bind(&Identity::GetHostname), handle);
-    ActionDbRegisterAction("IdentityGetValues ()", bind(&Identity::GetValues), handle);
-    ActionDbRegisterAction("AgentGetIPAddress ()", bind(&Identity::GetIpAddress), handle);
-    ActionDbRegisterAction("IdentitySetConsole (string ConsoleId)", bind(&Identity::SetConsole), handle);
-    ActionDbRegisterAction("IdentityValidateGUIDScheme ()", bind(&Identity::ValidateGuidScheme), handle);
-    ActionDbRegisterAction(kInSyncSignature, bind(&Identity::ParentInSync), handle);
+    ActionDbRegisterActions<Identity>(
+        *this, handle,
+        {{&Identity::GetGuid,
+          {.signature = "IdentityGetGUID",
+           .purpose = "Gives the GUID of this device.",
+           .outputs = "string GUID",
+           .callers = KelCallers::Operator}},
+         {&Identity::GetHostname,
+          {.signature = "IdentityGetHostname",
+           .purpose = "Gives the host name of this device.",
+           .outputs = "string HostName",
+           .callers = KelCallers::Operator}},
+         {&Identity::GetValues,
+          {.signature = "IdentityGetValues",
+           .purpose = "Says who this device is.",
+           .outputs = "container Values {string GUID, string HostName, string IPAddress, string MACAddress, "
+                      "string NetworkMask, bool PreferIPAddresses, string ConsoleId? (of the console whose "
+                      "devices report to it)}",
+           .callers = KelCallers::Child | KelCallers::Operator}},
+         {&Identity::GetIpAddress,
+          {.signature = "AgentGetIPAddress",
+           .purpose = "Gives the address of this device.",
+           .outputs = "string IPAddress",
+           .callers = KelCallers::Operator}},
+         {&Identity::SetConsole,
+          {.signature = "IdentitySetConsole",
+           .purpose = "Takes over the identifier of the console, a part of the identity that is sent up.",
+           .inputs = "string ConsoleId",
+           .results = "1 not 16 hexadecimal digits, or not from this device"}},
+         {&Identity::ValidateGuidScheme,
+          {.signature = "IdentityValidateGUIDScheme",
+           .purpose = "Adopts the scheme of the parent's GUID, if that is known.",
+           .results = "18 the new GUID cannot be written"}},
+         {&Identity::ParentInSync,
+          {.signature = kInSyncSignature,
+           .purpose =
+               "Looks whether the identity is to be sent; for the event RelayCallbackParentInSync."}}});
     CallbackDbRegisterAction(kInSyncEvent, kInSyncSignature, {}, 0);
 }
 
@@ -240,9 +272,12 @@ unsigned int Identity::ParentInSync(KelContainer* arguments) {
 
 unsigned int Identity::SetConsole(KelContainer* arguments) {
     const KelString consoleId = arguments->GetString("ConsoleId");
-    const bool isAllowed = ActionIsFromThisDevice(*arguments) && !consoleId.empty();
+    const bool isAllowed = ActionIsFromThisDevice(*arguments) && IsConsoleId(consoleId);
     arguments->Clear();
-    if (!isAllowed) return kKelErrorBadInput;
+    if (!isAllowed) {
+        Log().Warning("Refused the identifier '%S' of a console\n", consoleId);
+        return kKelErrorBadInput;
+    }
     {
         const KelLock lock(mutex_);
         if (consoleId == consoleId_) return kKelOk;

@@ -10,25 +10,12 @@
 #include "modules/identity/device_values.h"
 #include "modules/identity/identity_report.h"
 
-/// The identity module: who this device is. Actions:
-///
-/// - IdentityGetGUID -> GUID
-/// - IdentityGetHostname -> HostName
-/// - IdentityGetValues -> Values{GUID, HostName, IPAddress, MACAddress, NetworkMask, PreferIPAddresses,
-///   ConsoleId}
-/// - AgentGetIPAddress -> IPAddress
-/// - IdentityValidateGUIDScheme: adopts the scheme of the parent's GUID if that is known. The relay module
-/// calls
-///   it before it reports that the parent is in sync.
-///
-/// - IdentitySetConsole (ConsoleId): the console whose devices report to it has this identifier; for modules
-/// of
-///   this device. The identifier is part of the identity, which is therefore sent again when it changes, and
-///   of the Values above, where the devices below find it.
+/// The identity module: who this device is. Its actions are listed in Register. The relay module has the
+/// scheme of the parent's GUID adopted before it reports that the parent is in sync.
 ///
 /// Events: IdentityCallbackGUIDChange{GUID, OldGUID} and IdentityCallbackIPChange{NewIPAddress,
-/// OldIPAddress}, triggered without any lock held. The handlers return 0, or 18 when a new GUID could not be
-/// written to disk. The same values go up the tree as the identity file (IdentityReport).
+/// OldIPAddress}, triggered without any lock held. The values of IdentityGetValues go up the tree as the
+/// identity file (IdentityReport), again when they change.
 class Identity : public KelModule {
   public:
     Identity();

@@ -36,35 +36,55 @@ Relay::~Relay() {
 }
 
 void Relay::Register(const char* handle) {
-    ActionDbRegisterAction(
-        "RelayGetValues ()", [this](KelContainer* arguments) { return GetValues(arguments); }, handle);
-    ActionDbRegisterAction(
-        "RelayCheckParent ()",
-        [this](KelContainer* arguments) {
-            arguments->Clear();
-            parentLink_.RequestCheck();
-            return static_cast<unsigned int>(kKelOk);
-        },
-        handle);
-    ActionDbRegisterAction(
-        kReadySignature,
-        [this](KelContainer* arguments) {
-            arguments->Clear();
-            parentLink_.ReportAgain();
-            return static_cast<unsigned int>(kKelOk);
-        },
-        handle);
+    ActionDbRegisterActions<Relay>(
+        *this, handle,
+        {{&Relay::GetValues,
+          {.signature = "RelayGetValues",
+           .purpose = "Gives the role of this device, its parent and whether that answers.",
+           .outputs = "container Values {bool IsEnabled (true on a relay and on the master), string Role, "
+                      "string ParentName, string ParentIPAddress, string ParentGuid, int32 ParentPort, bool "
+                      "ParentSync, int64 ParentSince (of ParentSync), int64 ParentNextCheck (seconds since "
+                      "the epoch, 0 before the first call), string ParentProblem (why it is out of sync), "
+                      "bool SchemeSettled (the GUID scheme of this device is final), string Above[]? (GUIDs "
+                      "of the devices above, the parent first)}",
+           .callers = KelCallers::Child | KelCallers::Operator}},
+         {[](Relay& relay, KelContainer* arguments) {
+              arguments->Clear();
+              relay.parentLink_.RequestCheck();
+              return unsigned{kKelOk};
+          },
+          {.signature = "RelayCheckParent",
+           .purpose = "Has the parent called soon, for modules that could not reach it."}},
+         {[](Relay& relay, KelContainer* arguments) {
+              arguments->Clear();
+              relay.parentLink_.ReportAgain();
+              return unsigned{kKelOk};
+          },
+          {.signature = kReadySignature,
+           .purpose =
+               "Has the parent reported once more when it answered before this device could be called; "
+               "for the event AgentCallbackReady."}},
+         {&Relay::SetParent,
+          {.signature = "RelaySetParent",
+           .purpose = "Makes another device the parent, at once and from now on.",
+           .inputs = "string ParentName, int32 ParentPort",
+           .outputs = "string ParentName, int32 ParentPort, bool ParentSync, string ParentProblem",
+           .results = "1 unusable, this device or one below it, or not from this device; 18 not written",
+           .changes = true}},
+         {&Relay::ReceiveFile,
+          {.signature = "RelayReceiveFile (string FileType, string FileLabel, string FileName, string "
+                        "FileChecksum, string SourceDevice, bool Upstream, string FilePath, container "
+                        "FileInfo)",
+           .purpose = "Keeps a copy of a published package for the network of this relay.",
+           .inputs = "string FileLabel, string FileName, string FilePath",
+           .outputs = "string FilePath (of the copy)",
+           .results = "1 unusable or not from this device; 13 no such file; 18 not written"}},
+         {&Relay::ClearPackage,
+          {.signature = "RelayClearPackage",
+           .purpose = "Removes the kept copy of a file, or all that are kept under a label.",
+           .inputs = "string FileType?, string FileLabel, string FileName? (absent: all)",
+           .results = "1 unusable or not from this device; 18 not removed"}}});
     CallbackDbRegisterAction(kReadyEvent, kReadySignature, {}, 0);
-    ActionDbRegisterAction(
-        "RelaySetParent (string ParentName, int32 ParentPort)",
-        [this](KelContainer* arguments) { return SetParent(arguments); }, handle);
-    ActionDbRegisterAction(
-        "RelayReceiveFile (string FileType, string FileLabel, string FileName, string FileChecksum, string "
-        "SourceDevice, bool Upstream, string FilePath, container FileInfo)",
-        [this](KelContainer* arguments) { return ReceiveFile(arguments); }, handle);
-    ActionDbRegisterAction(
-        "RelayClearPackage (string FileType, string FileLabel)",
-        [this](KelContainer* arguments) { return ClearPackage(arguments); }, handle);
 }
 
 void Relay::Unregister() {

@@ -8,28 +8,8 @@
 #include "modules/relay/relay_settings.h"
 #include "modules/relay/unconnected_replay.h"
 
-/// The relay module: the role of this device and its parent. Actions:
-///
-/// - RelayGetValues -> Values{IsEnabled (bool, true on a relay and on the master), Role, ParentName,
-///   ParentIPAddress, ParentGuid, ParentPort (int32), ParentSync (bool), ParentSince (of ParentSync),
-///   ParentNextCheck (int64, seconds since the epoch, 0 before the first call), ParentProblem (why it is out
-///   of sync), SchemeSettled (bool, the GUID scheme of this device is final), Above[i] (GUIDs of the devices
-///   above, the parent first)}
-/// - RelaySetParent (ParentName, ParentPort): makes another device the parent and writes it to the ini file
-///   -> ParentName, ParentPort, ParentSync, ParentProblem once it has answered, or after some seconds.
-///   Refused are this device and those below it.
-/// - RelayCheckParent (): for modules that could not reach the parent; has it called soon. When it answers,
-/// the
-///   event RelayCallbackParentInSync follows
-/// - RelayAgentReady (): subscribed to the event AgentCallbackReady; has RelayCallbackParentInSync triggered
-///   once more when the parent answered before this device could be called
-/// - RelayReceiveFile (FileLabel, FileName, FilePath and more values of the file): keeps a copy of a
-/// published
-///   package as "data/Relay/Packages/<label>/<name>" -> FilePath, the copy's
-/// - RelayClearPackage (FileType, FileLabel): removes the copy of that name, or all under the label
-///
-/// Results: 0; 1 for an unusable input or a call from another device; 13 no such file; 18 when a file cannot
-/// be written or removed. Every result but 0 comes with a text Message.
+/// The relay module: the role of this device and its parent. Its actions are listed in Register. Every result
+/// but 0 comes with a text Message.
 ///
 /// The event RelayCallbackParentChange (no values) is triggered when the device has got another parent, by
 /// that action or in its ini file. RelayCallbackParentInSync is triggered when the parent answers again; its

@@ -55,19 +55,38 @@ constexpr char kBadDirection[] = "Direction must be 1 (up), 2 (down) or 3 (multi
 TransferWindow::TransferWindow() : KelModule("TransferWindow", "Transfer window module") {}
 
 void TransferWindow::Register(const char* handle) {
-    ActionDbRegisterAction(
-        "TransferWindowCheckWindow (int32 Direction)",
-        [this](KelContainer* arguments) { return CheckWindow(arguments); }, handle);
-    ActionDbRegisterAction(
-        "TransferWindowCheckAllWindows ()",
-        [this](KelContainer* arguments) { return CheckAllWindows(arguments); }, handle);
-    ActionDbRegisterAction(
-        "TransferWindowSetWindow (int32 Direction, string Slots, int32 SlotType, string Week, bool "
-        "UseUTCTime)",
-        [this](KelContainer* arguments) { return SetWindow(arguments); }, handle);
-    ActionDbRegisterAction(
-        "TransferWindowGetStatus ()", [this](KelContainer* arguments) { return GetStatus(arguments); },
-        handle);
+    ActionDbRegisterActions<TransferWindow>(
+        *this, handle,
+        {{&TransferWindow::CheckWindow,
+          {.signature = "TransferWindowCheckWindow",
+           .purpose = "Gives the weekly window of a direction.",
+           .inputs = "int32 Direction (1 up, 2 down, 3 multicast)",
+           .outputs = "container Values? {string Slots, int32 SlotType, bool UseUTCTime}",
+           .results = "1 no such direction",
+           .callers = KelCallers::Operator}},
+         {&TransferWindow::CheckAllWindows,
+          {.signature = "TransferWindowCheckAllWindows",
+           .purpose = "Gives all weekly windows.",
+           .outputs = "container Values {int32 Direction[]?, container Values[]? {string Slots, int32 "
+                      "SlotType, bool UseUTCTime}}",
+           .callers = KelCallers::Operator}},
+         {&TransferWindow::SetWindow,
+          {.signature = "TransferWindowSetWindow",
+           .purpose = "Sets the window of a direction by its slots or by rules, or removes it when both are "
+                      "empty.",
+           .inputs = "int32 Direction, string Slots?, int32 SlotType? (of the slots; absent: 2, kbit/s), "
+                     "string Week?, bool UseUTCTime?",
+           .results = "1 unusable; 18 not written",
+           .callers = KelCallers::Operator,
+           .changes = true}},
+         {&TransferWindow::GetStatus,
+          {.signature = "TransferWindowGetStatus",
+           .purpose = "Gives all windows with what they allow now and next.",
+           .outputs = "container Values[]? {string Slots, int32 SlotType, bool UseUTCTime, int32 Direction, "
+                      "int32 CurrentSlot, int64 NextChange (seconds since the epoch; 0: never), string Week? "
+                      "(absent for slots without rates), string CurrentRate?, string NextRate?, string "
+                      "HourRates? (168, between blanks)}",
+           .callers = KelCallers::Operator}}});
 }
 
 bool TransferWindow::Initialise() {

@@ -8,21 +8,9 @@
 #include "kelcore/module.h"
 #include "modules/transfer_window/weekly_window.h"
 
-/// The transfer-window module: the weekly windows of the three directions, kept in its ini file. Actions (a
-/// Direction is 1 up, 2 down, 3 multicast):
-///
-/// - TransferWindowCheckWindow (Direction) -> Values{Slots, SlotType, UseUTCTime}; no Values without a window
-/// - TransferWindowCheckAllWindows -> Values{Direction[i], Values[i]}, one pair per window
-/// - TransferWindowSetWindow (Direction; Slots, SlotType or Week; UseUTCTime): empty Slots remove the window;
-///   SlotType defaults to 2 (kbit/s), UseUTCTime to false; Week has the form of week_text.h. Triggers
-///   TransferWindowCallbackWindowChange.
-/// - TransferWindowGetStatus -> Values[i]{Direction, Slots, SlotType, UseUTCTime, Week (absent for a slot
-/// type
-///   without rates), HourRates (168 texts between blanks, as rates in a Week), CurrentSlot (int32),
-///   CurrentRate (text), NextChange (int64, seconds since the epoch; 0: never), NextRate}, one for each
-///   window
-///
-/// Results: 0; 1 for an unusable input (Message says which); 18 when the window cannot be written.
+/// The transfer-window module: the weekly windows of the three directions, kept in its ini file. Its actions
+/// are listed in Register; a result of 1 or 18 comes with a text Message. Week has the form of week_text.h. A
+/// window that is set triggers TransferWindowCallbackWindowChange.
 class TransferWindow : public KelModule {
   public:
     TransferWindow();

@@ -79,15 +79,26 @@ WakeOnLan::~WakeOnLan() {
 }
 
 void WakeOnLan::Register(const char* handle) {
-    ActionDbRegisterAction(
-        "WakeOnLanAddSubnet (string WakeOnLanAgentGuid, int32 WakeOnLanDeviceIPAddr, int32 "
-        "WakeOnLanDeviceAgentPort, int32 WakeOnLanDeviceNetworkMask)",
-        [this](KelContainer* arguments) { return AddSubnet(arguments); }, handle);
-    ActionDbRegisterAction(
-        "WakeOnLanWakeUp (string WakeOnLanDeviceMACAddr, string WakeOnLanDeviceIPAddr, string "
-        "WakeOnLanDeviceNetworkMask, int32 WakeOnLanNumberOfRetry, int32 WakeOnLanRetryInterval, string "
-        "WakeOnLanWay, bool WakeOnLanOnlyOwnSubnet)",
-        [this](KelContainer* arguments) { return WakeUp(arguments); }, handle);
+    ActionDbRegisterActions<WakeOnLan>(
+        *this, handle,
+        {{&WakeOnLan::AddSubnet,
+          {.signature = "WakeOnLanAddSubnet",
+           .purpose = "Enters an agent that can send into its own subnet; kept in memory.",
+           .inputs = "string WakeOnLanAgentGuid, int32 WakeOnLanDeviceIPAddr (in host order), int32 "
+                     "WakeOnLanDeviceAgentPort, int32 WakeOnLanDeviceNetworkMask (in host order)",
+           .results = "1 unusable or not from this device"}},
+         {&WakeOnLan::WakeUp,
+          {.signature = "WakeOnLanWakeUp",
+           .purpose = "Wakes a device by a magic packet, or has a device nearer to it do so; only the parent "
+                      "may name a way.",
+           .inputs =
+               "string WakeOnLanDeviceMACAddr, string WakeOnLanDeviceIPAddr, string "
+               "WakeOnLanDeviceNetworkMask, int32 WakeOnLanNumberOfRetry? (repeats; absent: 0), int32 "
+               "WakeOnLanRetryInterval? (seconds; absent: 60), string WakeOnLanWay[]? (HOST:PORT of the "
+               "devices that pass it on, the next one first), bool WakeOnLanOnlyOwnSubnet?",
+           .outputs = "string WakeOnLanSenderIPAddr, string WakeOnLanBroadcastIPAddr",
+           .results = "1 unusable; 17 no device is known that could send or pass it on; 18 not sent",
+           .callers = KelCallers::Parent | KelCallers::Child | KelCallers::Operator}}});
 }
 
 bool WakeOnLan::Initialise() {

@@ -11,23 +11,13 @@
 #include "modules/wake_on_lan/wake_schedule.h"
 #include "modules/wake_on_lan/wake_up_request.h"
 
-/// The Wake-on-LAN module: wakes sleeping devices by magic packets. Actions:
-///
-/// - WakeOnLanAddSubnet (WakeOnLanAgentGuid; WakeOnLanDeviceIPAddr, WakeOnLanDeviceAgentPort and
-///   WakeOnLanDeviceNetworkMask as int32, addresses in host order): enters an agent that can send into its
-///   own subnet. Only for this device; kept in memory.
-/// - WakeOnLanWakeUp (WakeOnLanDeviceMACAddr, WakeOnLanDeviceIPAddr, WakeOnLanDeviceNetworkMask as texts;
-///   optional WakeOnLanNumberOfRetry: repeats, default 0; WakeOnLanRetryInterval: seconds between them,
-///   default 60; WakeOnLanWay[i]: "host:port" of the devices that are to pass it on, the next one first;
-///   WakeOnLanOnlyOwnSubnet) -> WakeOnLanSenderIPAddr, WakeOnLanBroadcastIPAddr: who sent the packet whereto
+/// The Wake-on-LAN module: wakes sleeping devices by magic packets. Its actions are listed in Register.
 ///
 /// With a way, the request is passed on to its first device. Otherwise the packet is sent to the broadcast
 /// address of the subnet of an own interface that contains the device. When no interface does, agents in the
 /// device's subnet are asked to send, unless WakeOnLanOnlyOwnSubnet says no. No packet leaves for any other
 /// address, nor passes a router.
-///
-/// Results: 0; 1 for an unusable input; 17 when no device is known that could send or pass it on; 18 when the
-/// packet cannot be sent. Every result but 0 comes with a text Message.
+/// Every result but 0 comes with a text Message.
 class WakeOnLan : public KelModule {
   public:
     using Interfaces = std::function<KelVector<NetworkInterface>()>;

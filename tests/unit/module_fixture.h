@@ -79,7 +79,8 @@ class ModuleFixture : public ::testing::Test {
 
     /// An action of a module that is not part of the test.
     static void FakeAction(const std::string& signature, KelActionHandler handler) {
-        ActionDbRegisterAction(signature, std::move(handler), "neighbours");
+        ActionDbRegisterAction({.signature = signature.c_str(), .purpose = "Fakes a neighbour."},
+                               std::move(handler), "neighbours");
     }
     /// One that always gives these results.
     static void FakeResults(const std::string& signature, const KelContainer& results) {

@@ -1,5 +1,6 @@
 #include "filestore/db/files_table.h"
 #include "filestore/file_store_fixture.h"
+#include "filestore/up/patch_inventory.h"
 #include "kel/text.h"
 
 namespace {
@@ -182,6 +183,52 @@ TEST_F(FileList, CountsByStatusNeedNoList) {
     const KelContainer up = Ask("FileStoreListFiles", Make({{"CountsOnly", true}, {"ListUpstream", true}}));
     EXPECT_EQ(up.GetInt64("TotalCount"), 1);
     EXPECT_EQ(up.GetContainer("Counts").GetInt32(filestore::kStatusToBeUploaded), 1);
+}
+
+TEST_F(FileQueries, CountsTheTargetsThatFilesWaitFor) {
+    const std::int64_t now = std::time(nullptr);
+    AddFile(kDown, "done", "AVAILABLE");
+    const std::uint64_t young = AddFile(kDown, "young", "MISSING");
+    const std::uint64_t old = AddFile(kDown, "old", "AVAILABLE", "FileSize = 5, Priority = 7");
+    AddTarget(young, 1, "");
+    std::uint64_t target = 2;
+    for (const std::int64_t notified : {std::int64_t{0}, std::int64_t{8}, now - 1, now + 900, now + 901})
+        AddTarget(old, target++, "d", notified);
+    Rows(kDown, KelFormat("UPDATE Targets SET TargetCreateTime = 9 WHERE FileId = %lu", young));
+    const KelString names = "FileName FileStatus FileSize Priority Waiting Notified Failed OldestTime";
+    const KelString first = KelString("old|") + filestore::kStatusAvailable + "|5|7|2|2|1|1";
+    const KelString second = KelString("young|") + filestore::kStatusMissing + "|0|100|1|0|0|9";
+    const KelString action = "FileStoreGetNotifiableFiles";
+    EXPECT_EQ(ReadValues(Ask(action), names), (Texts{first, second}));
+    EXPECT_EQ(ReadValues(Ask(action, Make({{"Offset", 1}, {"Limit", 1}})), names), (Texts{second}));
+    Ask(action, Make({{"Limit", -1}}), kKelErrorBadInput);
+}
+
+TEST_F(FileQueries, KnowsWhetherTheNewestPatchInventoryHasReachedTheParent) {
+    const auto add = [](const KelString& name, const KelString& status, const KelString& set) {
+        AddFile(kUp, name, status, "FileType = 'PatchInventory'" + set);
+    };
+    const auto answer = [] {
+        return Read(Ask("FileStoreIsPatchInventoryUploaded"), "IsKnown IsUploaded FileName");
+    };
+    add("of a child", "AVAILABLE", ", FirstRelay = 'r', CreateTime = 99");
+    EXPECT_EQ(answer(), "false|false|(none)");
+    add("first", "AVAILABLE", ", CreateTime = 5");
+    EXPECT_EQ(answer(), "true|true|first");
+    add("second", "UPLOADING", ", CreateTime = 6");
+    EXPECT_EQ(answer(), "true|false|second");
+    add("packed", "PACKEDFILE", ", CreateTime = 7");
+    EXPECT_EQ(answer(), "true|true|packed");
+    AddFile(kUp, "archive", "UPLOADING", "FileType = 'FileStorePackedFiles'");
+    EXPECT_EQ(answer(), "true|false|packed");
+    DeleteRows();
+    for (const KelString& relay : {KelString("r"), KelString()}) {
+        FileStoreEntry file({"PatchInventory", "l", "n", "c"});
+        file.FirstRelay = relay;
+        filestore::NoteUploadedInventory(file);
+        EXPECT_EQ(answer(), relay.empty() ? "true|true|(none)" : "false|false|(none)") << "without a row";
+    }
+    EXPECT_GT(Ask("FileStoreIsPatchInventoryUploaded").GetInt64("UploadTime"), 0);
 }
 
 }  // namespace

@@ -30,10 +30,11 @@ struct Lifecycle : StoreTest {
 
 TEST_F(Lifecycle, ActionsRefuseCallsWhileTheDatabasesAreClosed) {
     int actions = 0;
-    for (const KelString& signature : ActionDbListActions()) {
-        if (!signature.starts_with("FileStore") && !signature.starts_with("Package")) continue;
+    for (const KelContainer& action : ActionDbListActions()) {
+        const KelString name = action.GetString("Name");
+        if (!name.starts_with("FileStore") && !name.starts_with("Package")) continue;
         ++actions;
-        Ask(signature.substr(0, signature.find(' ')), {}, kKelErrorNotAvailable);
+        Ask(name, {}, kKelErrorNotAvailable);
     }
     EXPECT_EQ(actions, 32);
 }

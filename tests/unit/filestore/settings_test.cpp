@@ -73,6 +73,7 @@ TEST_F(Settings, CallersAreToldWhatWasAdjustedRefusedOrNotKnown) {
         EXPECT_THAT(answer.GetString("Notes"), testing::HasSubstr(note));
         EXPECT_EQ(answer.IsEmpty(), KelString(note).empty());
     }
+    Ask("FileStoreSetValues", Make({{"Values", "Timeout=400"}}), kKelErrorBadInput);
     KelContainer refused = Make({{"Values", Make({{"ConcatFiles", "sometimes"}})}});
     EXPECT_EQ(Call("FileStoreSetValues", refused), kKelErrorBadInput);
     EXPECT_THAT(refused.GetString("Message"), testing::HasSubstr("it takes auto, manual or none"));

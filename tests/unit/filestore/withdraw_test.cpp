@@ -142,4 +142,39 @@ TEST_F(Withdraw, DeviceIsCalledUntilItHasTakenItAndBeforeAnythingElse) {
     }
 }
 
+TEST_F(Withdraw, ADeletedPackageIsObsoleteHereAndForgottenBelow) {
+    SetParent("127.0.1.1", 1610);
+    const auto consumer = Consume("FileStoreCallbackWithdrawnFile", "TestConsume ()");
+    const KelContainer package = Offer("OperationalRulePackage");
+    const KelContainer order = With(Offer("PackageDelete", "any"),
+                                    {{"FileInfo", Make({{"PackageName", "l"}, {"PackageChecksum", "c"}})}});
+    for (const KelContainer& named : {package, order}) {
+        const auto trace = Begin(named.GetString("FileType"));
+        Rows(kDown, "DELETE FROM Withdrawals");
+        const KelContainer call = With(named, {{"DevicePath", Tree("A(B) C")}});
+        const std::uint64_t id = AddFile(kDown, "n", "AVAILABLE", "FileType = 'OperationalRulePackage'");
+        const KelString path = PathOf(kDown, id);
+        WriteFile(path, "abc");
+        AddTarget(id, 1, NameOf('D'));
+        FakeResult("TestConsume ()", kKelAnswerStaysHere);
+        const KelString before = Everything();
+        const KelString action = "FileStoreDeletePackage";
+        Ask(action, call, kKelErrorNotAvailable);
+        FakeResult("TestConsume ()", 0);
+        Ask(action, From(call, "127.0.1.2"), kKelErrorBadInput);
+        Ask(action, With(call, {{"FileChecksum", ""}, {"FileInfo", Make({})}}), kKelErrorBadInput);
+        {
+            const auto refusal = Refuse(kDown, "INSERT ON Withdrawals");
+            Ask(action, call, kKelErrorInternal);
+        }
+        EXPECT_EQ(Everything(), before);
+        Ask(named == order ? "FileStoreReceiveFile" : action, From(call, "127.0.1.1"));
+        EXPECT_EQ(OnlyFields(kDown), "OBSOLETE");
+        EXPECT_FALSE(FileExists(path));
+        EXPECT_EQ(Targets(), Texts());
+        EXPECT_EQ(TreesIn("Withdrawals"), "A(B) C A(B) C A(B) C") << "one for each type of a package";
+        EXPECT_TRUE(Ask("FileStoreRequestFile", package).GetBool("FileObsolete"));
+    }
+}
+
 }  // namespace

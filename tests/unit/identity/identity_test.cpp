@@ -233,16 +233,19 @@ TEST_F(IdentityTest, IdentityIsSentAgainToANewConsoleOnly) {
     WriteIni("Identity", "[Identity]\nIPAddress=127.0.3.1\n");
     RunningModule<Identity> module;
     std::size_t sent = 0;
-    for (const auto& [id, result, reports] :
-         {std::tuple("first", 0U, 1U), {"first", 0U, 0U}, {"second", 0U, 1U}, {"", 1U, 0U}}) {
+    for (const auto& [id, result, reports] : {std::tuple("1111222233334444", 0U, 1U),
+                                              {"1111222233334444", 0U, 0U},
+                                              {"5555666677778888", 0U, 1U},
+                                              {"", 1U, 0U},
+                                              {"'; DROP TABLE --", 1U, 0U}}) {
         EXPECT_EQ(Call("IdentitySetConsole", Values({std::string("ConsoleId=") + id})), result);
         module->ReportIdentity(1800000000);
         EXPECT_EQ(OfferCount() - sent, reports) << id;
         sent = OfferCount();
     }
-    EXPECT_EQ(Contents().back().GetString("ConsoleId"), "second");
-    EXPECT_EQ(Call("IdentityGetValues").GetContainer("Values").GetString("ConsoleId"), "second");
-    EXPECT_EQ(Call("IdentitySetConsole", From(Values({"ConsoleId=third"}), "127.0.3.2")), 1U);
+    EXPECT_EQ(Contents().back().GetString("ConsoleId"), "5555666677778888");
+    EXPECT_EQ(Call("IdentityGetValues").GetContainer("Values").GetString("ConsoleId"), "5555666677778888");
+    EXPECT_EQ(Call("IdentitySetConsole", From(Values({"ConsoleId=9999000011112222"}), "127.0.3.2")), 1U);
 }
 
 }  // namespace

@@ -23,7 +23,8 @@ unsigned int Call(const KelString& action, KelContainer* container = nullptr) {
 }
 
 void Register(const KelString& signature, KelActionHandler handler, const char* module = "First") {
-    ActionDbRegisterAction(signature, std::move(handler), module);
+    ActionDbRegisterAction({.signature = signature.c_str(), .purpose = "Serves a test."}, std::move(handler),
+                           module);
 }
 
 KelActionHandler Returning(unsigned int code) {
@@ -51,7 +52,10 @@ TEST_F(ActionDbTest, ActionsAreCalledByTheNameInTheirSignature) {
         EXPECT_FALSE(ActionDbIsActionRegistered(name)) << name;
         EXPECT_EQ(Call(name), kKelErrorUnknownAction) << name;
     }
-    EXPECT_EQ(ActionDbListActions(), sorted);
+    KelVector<KelString> listed;
+    for (const KelContainer& action : ActionDbListActions())
+        listed.push_back(action.GetString("Signature"));
+    EXPECT_EQ(listed, (KelVector<KelString>{"Bare ()", "Plain ()", sorted.front()}));
 }
 
 TEST_F(ActionDbTest, WhatAHandlerThrowsStaysInside) {
@@ -220,6 +224,34 @@ TEST(RemoteAction, AFailureLeavesTheContainerAsItWas) {
     }
     for (const KelString& device : {url, KelString("ftp://host"), KelString("http://")})
         EXPECT_EQ(FailingCall(device), kKelErrorUnreachable) << device << ": no server, or no address of one";
+}
+
+TEST_F(ActionDbTest, DescriptionsListWhatAnActionTakesAndGives) {
+    constexpr const char* kInputs =
+        "string Name, container Tree[]? (of {all}, a, b) {int64 Size (B), bool *}";
+    for (const char* signature : {"Described", "Described (string Name)"}) {
+        const KelActionDescription description{.signature = signature,
+                                               .purpose = "Does it.",
+                                               .inputs =
+                                                   "string Name, container Tree[]? (of {all}, a, b) "
+                                                   "{int64 Size (B), bool *}",
+                                               .callers = KelCallers::Child | KelCallers::Operator,
+                                               .changes = true};
+        ActionDbRegisterAction(description, Returning(0), "First");
+        const KelContainer listed = ActionDbListActions().front();
+        EXPECT_EQ(listed.GetString("Module"), "First");
+        EXPECT_EQ(listed.GetString("Callers"), "local, child, operator");
+        EXPECT_TRUE(listed.GetBool("Changes"));
+        EXPECT_EQ(listed.GetString("Signature"), description.inputs.IsGiven() && signature[9] == '\0'
+                                                     ? "Described (string Name, container Tree)"
+                                                     : signature);
+        EXPECT_EQ(DescribedValuesText(listed, "Inputs"), kInputs);
+        EXPECT_TRUE(listed.GetContainer("Inputs", 1).GetBool("Several"));
+    }
+    Register("FromSignature (bool Flag, int32 Number)", Returning(0));
+    EXPECT_EQ(DescribedValuesText(ActionDbListActions().back(), "Inputs"), "bool Flag, int32 Number");
+    static_assert(!IsValueList("text Name") && !IsValueList("string") && !IsValueList("string A,bool B"));
+    static_assert(!IsValueList("string A, ") && !IsValueList("container C {bool}"));
 }
 
 }  // namespace
