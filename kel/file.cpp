@@ -8,9 +8,11 @@
 #include <cerrno>
 #include <cstdlib>
 
+#include "kel/checksum.h"
 #include "kel/file_content.h"
 #include "kel/format.h"
 #include "kel/path.h"
+#include "kel/text.h"
 
 namespace {
 
@@ -62,11 +64,50 @@ class TempFile {
     UniqueFd fd_;
 };
 
+/// The elements of a path that is to lie beneath a folder; false, with errno set, when it may not.
+bool SplitBeneath(const KelString& path, KelVector<KelString>& elements) {
+    if (path.starts_with('/') || path.find('\0') != KelString::npos) {
+        errno = EXDEV;
+        return false;
+    }
+    for (KelString& element : SplitText(path, '/')) {
+        if (element == "..") {
+            errno = EXDEV;
+            return false;
+        }
+        if (!element.empty() && element != ".") elements.push_back(std::move(element));
+    }
+    return true;
+}
+
+/// Whatever the umask; a folder that hands its group on to what is made in it keeps doing so.
+bool SetFolderMode(int folder, unsigned int mode) {
+    struct stat status {};
+    return ::fstat(folder, &status) == 0 && ::fchmod(folder, mode | (status.st_mode & S_ISGID)) == 0;
+}
+
+/// A new file in an open folder, mode 0600; sets its name.
+UniqueFd CreateTempIn(int folder, KelString& name) {
+    constexpr int kTries = 100;
+    for (int i = 0; i < kTries; ++i) {
+        name = KelString(kTempFilePrefix) + TextMd5(RandomBytes(16)).substr(0, 12);
+        UniqueFd file(
+            ::openat(folder, name.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+        if (file || errno != EEXIST) return file;
+    }
+    return {};
+}
+
 }  // namespace
 
 bool FileIsMissing(const KelString& path) {
     struct stat status {};
     return ::stat(path.c_str(), &status) != 0 && (errno == ENOENT || errno == ENOTDIR);
+}
+
+bool FileIsOpenToOthers(const KelString& path, unsigned int permissions) {
+    struct stat status {};
+    return ::stat(path.c_str(), &status) == 0 && (status.st_mode & permissions) != 0;
 }
 
 bool FileExists(const KelString& path) {
@@ -168,6 +209,66 @@ UniqueFd FileOpenBeneath(const UniqueFd& root, const KelString& relativePath, in
     // The kernel gives up with EAGAIN when a rename elsewhere crosses its walk.
     for (int attempt = 0;; ++attempt) {
         const long fd = ::syscall(SYS_openat2, root.Get(), relativePath.c_str(), &how, sizeof how);
+        if (fd < 0 && errno == ENOSYS) return FileOpenByWalk(root, relativePath, flags, mode);
         if (fd >= 0 || errno != EAGAIN || attempt == 16) return UniqueFd(static_cast<int>(fd));
     }
+}
+
+UniqueFd FileOpenByWalk(const UniqueFd& root, const KelString& relativePath, int flags, unsigned int mode) {
+    KelVector<KelString> elements;
+    if (!SplitBeneath(relativePath, elements)) return {};
+    if (elements.empty()) return UniqueFd(::openat(root.Get(), ".", flags | O_CLOEXEC, mode));
+    const KelString last = std::move(elements.back());
+    elements.pop_back();
+    UniqueFd folder(::openat(root.Get(), ".", O_PATH | O_DIRECTORY | O_CLOEXEC));
+    for (const KelString& element : elements) {
+        folder.Reset(::openat(folder.Get(), element.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+        if (!folder) return {};
+    }
+    UniqueFd file(::openat(folder.Get(), last.c_str(), flags | O_NOFOLLOW | O_CLOEXEC, mode));
+    struct stat status {};
+    // With O_PATH the link itself is opened.
+    if (file && (flags & O_PATH) != 0 && ::fstat(file.Get(), &status) == 0 && S_ISLNK(status.st_mode)) {
+        errno = ELOOP;
+        return {};
+    }
+    return file;
+}
+
+UniqueFd DirCreateBeneath(const UniqueFd& root, const KelString& relativePath, unsigned int mode) {
+    KelVector<KelString> elements;
+    if (!SplitBeneath(relativePath, elements)) return {};
+    UniqueFd folder(::openat(root.Get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    for (const KelString& element : elements) {
+        if (!folder) return {};
+        const bool isNew = ::mkdirat(folder.Get(), element.c_str(), mode) == 0;
+        if (!isNew && errno != EEXIST) return {};
+        folder.Reset(
+            ::openat(folder.Get(), element.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+        if (folder && isNew && !SetFolderMode(folder.Get(), mode)) return {};
+    }
+    return folder;
+}
+
+bool FileCopyInto(const KelString& source, const UniqueFd& folder, const KelString& name, unsigned int mode,
+                  const KelString& workFolder) {
+    const UniqueFd from(::open(source.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    struct stat status {};
+    if (!from || ::fstat(from.Get(), &status) != 0 || !S_ISREG(status.st_mode)) return false;
+    UniqueFd work;
+    if (!workFolder.empty()) {
+        work.Reset(::open(workFolder.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+        if (!work) return false;
+    }
+    const int place = work ? work.Get() : folder.Get();
+    KelString temporary;
+    const UniqueFd copy = CreateTempIn(place, temporary);
+    if (!copy) return false;
+    if (FileCopyContent(from.Get(), copy.Get()) && ::fchmod(copy.Get(), mode) == 0 &&
+        ::fsync(copy.Get()) == 0 && ::renameat(place, temporary.c_str(), folder.Get(), name.c_str()) == 0)
+        return ::fsync(folder.Get()) == 0;
+    const int error = errno;
+    ::unlinkat(place, temporary.c_str(), 0);
+    errno = error;
+    return error == EXDEV && work && FileCopyInto(source, folder, name, mode);
 }

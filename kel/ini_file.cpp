@@ -13,7 +13,7 @@
 namespace {
 
 constexpr std::uint64_t kMaxIniBytes = std::uint64_t{16} << 20;
-constexpr unsigned int kNewFileMode = 0644;
+constexpr unsigned int kNewFileMode = 0600;
 
 /// One line of the file as it stands there. A write changes single lines and leaves the others byte for byte.
 struct Line {
@@ -162,6 +162,11 @@ IniFile::IniFile() = default;
 IniFile::~IniFile() = default;
 IniFile::IniFile(IniFile&& other) noexcept = default;
 IniFile& IniFile::operator=(IniFile&& other) noexcept = default;
+
+const KelString& IniFile::Path() const {
+    static const KelString none;
+    return content_ ? content_->path : none;
+}
 
 bool IniFile::Open(const KelString& path) {
     Close();

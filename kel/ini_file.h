@@ -29,6 +29,9 @@ class IniFile {
     bool Open(const KelString& path);
     void Close();
 
+    /// The path that it was opened with; empty when it is not open.
+    const KelString& Path() const;
+
     /// The value at (section, key), or `fallback` when it is missing or not of that type; true when it was
     /// present. Integers are decimal; bools are as in ParseIniFlag.
     bool GetEntryValue(const KelString& section, const KelString& key, int& value, int fallback) const;

@@ -35,6 +35,10 @@ std::shared_ptr<KelDebugContext> KelAgentGetDebugContext() {
     return Settings().debugContext;
 }
 
+unsigned int KelAgentGetProgramUmask() {
+    return Settings().programUmask;
+}
+
 KelDebug& CoreLog() {
     // Made at its first use: other static objects may log before main.
     static KelDebug log("KelCore", "Agent services");

@@ -13,6 +13,7 @@ struct KelAgentSettings {
     KelString httpPassword;  ///< the tree's HTTP password; never empty
     KelString address;  ///< own IPv4 address in dotted form; outgoing connections are bound to it. Empty: any
     std::shared_ptr<KelDebugContext> debugContext;
+    unsigned int programUmask = 022;  ///< of the programs that modules run: what the agent was started with
 };
 
 /// Sets what the queries below answer. For the agent process and for tests, while no other thread runs.
@@ -25,6 +26,7 @@ const KelString& KelAgentGetName();
 const KelString& KelAgentGetHttpPassword();
 const KelString& KelAgentGetAddress();
 std::shared_ptr<KelDebugContext> KelAgentGetDebugContext();
+unsigned int KelAgentGetProgramUmask();
 
 /// The log of the agent's services ("KelCore"); its lines go where KelAgentConfigure says. Any thread.
 KelDebug& CoreLog();

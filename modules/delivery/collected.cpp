@@ -6,6 +6,7 @@
 #include "kel/directory.h"
 #include "kel/file.h"
 #include "kel/format.h"
+#include "kel/path.h"
 #include "kelcore/device_name.h"
 #include "kelcore/file_values.h"
 
@@ -17,8 +18,14 @@ constexpr std::array kTypesOfOthers = {kIdentityFileType, kReceiptFileType, "Fil
 
 }  // namespace
 
-void CollectedFiles::SetFolders(const KelString& root, const KelString& workFolder) {
-    root_ = root;
+IniSetting CollectedFiles::Setting() {
+    return IniSetting::Text("Delivery", "CollectedFolder", "Collected");
+}
+
+void CollectedFiles::Configure(const IniFile& ini, const KelString& dataFolder, const KelString& workFolder) {
+    const KelString folder = ReadIniText(ini, Setting());
+    root_ = CompletePath(folder.starts_with('/') ? folder : dataFolder + "/" + folder);
+    access_ = PlaceAccess::Read(ini);
     workFolder_ = workFolder;
     DirDeleteTempFiles(workFolder);
 }
@@ -34,10 +41,10 @@ KelString CollectedFiles::DeviceFolder(const KelString& device) {
 }
 
 KelResult<bool> CollectedFiles::Put(const KelString& device, const ReceivedFile& file) const {
-    const KelString path = KelFormat("%S/%S/%S/%S/%S", root_, DeviceFolder(device), file.key.type,
-                                     file.key.label, file.key.name);
-    if (HoldsContent(path, file.key.checksum)) return false;
-    if (const KelStatus placed = PlaceCopy(file.sourcePath, path, workFolder_); !placed)
+    const FilePlace place{
+        root_, KelFormat("%S/%S/%S/%S", DeviceFolder(device), file.key.type, file.key.label, file.key.name)};
+    if (HoldsContent(place, file.key.checksum)) return false;
+    if (const KelStatus placed = PlaceCopy(file.sourcePath, place, access_, workFolder_); !placed)
         return placed.Error();
     return true;
 }

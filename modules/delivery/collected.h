@@ -4,6 +4,7 @@
 
 #include "kel/result.h"
 #include "kel/types.h"
+#include "modules/delivery/file_place.h"
 #include "modules/delivery/received_file.h"
 
 /// A file that came up from a device below.
@@ -18,9 +19,12 @@ struct CollectedFile {
 /// GUID>/<type>/<label>/<name>". Set up once; then from any thread.
 class CollectedFiles {
   public:
-    /// Copies are made in `workFolder`, which is on the same file system; what a killed process left there is
-    /// removed. Before the other calls.
-    void SetFolders(const KelString& root, const KelString& workFolder);
+    /// The entry of the ini file that names the root.
+    static IniSetting Setting();
+
+    /// A relative root is relative to `dataFolder`. Copies are made in `workFolder`, where possible; what a
+    /// killed process left there is removed. Before the other calls.
+    void Configure(const IniFile& ini, const KelString& dataFolder, const KelString& workFolder);
 
     /// False for the types that other modules receive from the devices.
     static bool IsToBeCollected(const KelString& type);
@@ -38,4 +42,5 @@ class CollectedFiles {
   private:
     KelString root_;
     KelString workFolder_;
+    PlaceAccess access_;
 };

@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "kel/format.h"
+#include "kelcore/agent.h"
 #include "kelcore/error_codes.h"
 #include "kelcore/relative_name.h"
 #include "modules/delivery/program.h"
@@ -80,6 +81,7 @@ CommandResult Commands::Run(const FileKey& file, const KelString& path,
     program.arguments.push_back(path);
     program.environment = {"KEL_FILE_TYPE=" + file.type, "KEL_FILE_LABEL=" + file.label,
                            "KEL_FILE_NAME=" + PathInName(file.name), "KEL_FILE_CHECKSUM=" + file.checksum};
+    program.umask = KelAgentGetProgramUmask();
     program.cancelled = std::move(cancelled);
     const KelString& name = ProgramOf(file.type);
     std::size_t lines = 0;

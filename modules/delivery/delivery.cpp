@@ -3,6 +3,7 @@
 #include <set>
 
 #include "kel/directory.h"
+#include "kel/file.h"
 #include "kel/path.h"
 #include "kelcore/action_db.h"
 #include "kelcore/call_origin.h"
@@ -90,7 +91,7 @@ bool Delivery::Initialise() {
     orderTimeout_ = ReadIniNumber(ini, kOrderTimeout);
     commands_.Configure(ini);
     receipts_.SetFolder(DataPath() + "/Outgoing");
-    collected_.SetFolders(DataPath() + "/Collected", DataPath() + "/Incoming");
+    collected_.Configure(ini, DataPath(), DataPath() + "/Incoming");
     // Every module has registered by now; only a master has this action.
     if (ActionDbIsActionRegistered("QuarnelDbObjectListTypes"))
         CallbackDbRegisterAction(kUpstreamEvent, kCollectSignature, {}, 0);
@@ -105,6 +106,7 @@ bool Delivery::Initialise() {
 std::span<const IniSetting> Delivery::IniSettings() const {
     static const KelVector<IniSetting> settings = [] {
         KelVector<IniSetting> all = Inbox::IniSettings();
+        all.push_back(CollectedFiles::Setting());
         all.push_back(kOrderTimeout);
         all.push_back(IniSetting::Text("Commands", "*"));
         return all;
@@ -113,6 +115,10 @@ std::span<const IniSetting> Delivery::IniSettings() const {
 }
 
 void Delivery::CheckIni(const IniFile& ini, KelVector<IniFault>& faults) const {
+    // Commands run with the agent's rights and may name what is secret.
+    if (!ini.GetKeys("Commands").empty() && FileIsOpenToOthers(ini.Path()))
+        faults.push_back(
+            {IniFault::Weight::Vital, "names commands, but others may read or write it; chmod 600 it"});
     Inbox::CheckIni(ini, faults);
     Commands::CheckIni(ini, faults);
 }
@@ -122,6 +128,8 @@ void Delivery::CheckIni(const IniFile& ini, KelVector<IniFault>& faults) const {
 void Delivery::RemoveUnfinishedCopies() {
     std::set<KelString> folders;
     for (const DeliveryJob& job : jobs_.ListOpen()) {
+        // A link that was planted in its place must not lead elsewhere.
+        if (!ObstacleTo(inbox_.PlaceOf(job.file)).empty()) continue;
         KelString folder, name;
         SplitPath(job.destination, folder, name);
         if (folders.insert(folder).second) DirDeleteTempFiles(folder);

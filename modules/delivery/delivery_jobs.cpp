@@ -28,7 +28,8 @@ constexpr const char* kRemembering = "remembering";
 /// succeeded. Commands are left to the thread for jobs: they may take minutes. Of a file that was never taken
 /// the command and the receipt are due even if it is in place, and so they are of one that was ordered.
 unsigned int Delivery::Deliver(ReceivedFile file, Arrival arrival) {
-    const KelString destination = inbox_.PathOf(file);
+    const FilePlace place = inbox_.PlaceOf(file);
+    const KelString destination = place.Whole();
     const bool hasCommand = commands_.Has(file.key.type);
     {
         const KelLock lock(mutexCopy_);
@@ -43,7 +44,7 @@ unsigned int Delivery::Deliver(ReceivedFile file, Arrival arrival) {
             thread_.Signal(0);
             return kKelOk;
         }
-        if (const KelString obstacle = inbox_.ObstacleTo(file); !obstacle.empty()) {
+        if (const KelString obstacle = ObstacleTo(place); !obstacle.empty()) {
             FailAtOnce(file, KelFormat("%S is in the way; remove it and publish the file again", obstacle));
             return kKelOk;
         }

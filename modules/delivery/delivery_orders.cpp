@@ -110,7 +110,7 @@ bool Delivery::WorkOnOrders() {
 /// True when the file needs not come: its publication was processed here before, or a later one, or the time
 /// is over.
 bool Delivery::ConcludeOrder(const DeliveryOrder& order) {
-    const KelString destination = inbox_.PathOf({order.file, {}});
+    const KelString destination = inbox_.PlaceOf({order.file, {}}).Whole();
     const auto past = orders_.FindPast(destination);
     if (past && past->publicationTime == order.time) {
         EndOrder(order, past->outcome, past->message);

@@ -1,5 +1,6 @@
 #include "modules/delivery/inbox.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -56,7 +57,7 @@ KelString FolderFrom(const KelString& text, const KelString& root) {
 }  // namespace
 
 KelVector<IniSetting> Inbox::IniSettings() {
-    return {kFolder, kTypeFolder};
+    return {kFolder, kTypeFolder, PlaceAccess::Setting()};
 }
 
 void Inbox::CheckIni(const IniFile& ini, KelVector<IniFault>& faults) {
@@ -67,6 +68,7 @@ void Inbox::CheckIni(const IniFile& ini, KelVector<IniFault>& faults) {
 }
 
 void Inbox::Configure(const IniFile& ini, const KelString& root) {
+    access_ = PlaceAccess::Read(ini);
     folder_ = FolderFrom(ReadIniText(ini, kFolder), root);
     types_.clear();
     typeFolders_.clear();
@@ -76,63 +78,57 @@ void Inbox::Configure(const IniFile& ini, const KelString& root) {
     }
 }
 
-KelString Inbox::PathOf(const ReceivedFile& file) const {
+FilePlace Inbox::PlaceOf(const ReceivedFile& file) const {
+    const KelString name = PathInName(file.key.name);
+    const KelString below = file.key.label + "/" + name;
+    const auto levels = static_cast<std::size_t>(std::ranges::count(name, '/')) + 1;
     const auto own = typeFolders_.find(file.key.type);
-    const KelString folder = own != typeFolders_.end() ? own->second : folder_ + "/" + file.key.type;
-    return KelFormat("%S/%S/%S", folder, file.key.label, PathInName(file.key.name));
-}
-
-KelString Inbox::ObstacleTo(const ReceivedFile& file) const {
-    const KelString path = PathOf(file);
-    if (DirExists(path)) return path;
-    const KelVector<KelString> elements = SplitText(PathInName(file.key.name), '/');
-    KelString folder = path;
-    for (std::size_t level = 1; level < elements.size(); ++level) {
-        folder.resize(folder.rfind('/'));
-        if (FileExists(folder)) return folder;
-    }
-    return {};
+    return own != typeFolders_.end() ? FilePlace{own->second, below, levels}
+                                     : FilePlace{folder_, file.key.type + "/" + below, levels};
 }
 
 bool Inbox::Holds(const ReceivedFile& file) const {
-    return HoldsContent(PathOf(file), file.key.checksum);
+    return HoldsContent(PlaceOf(file), file.key.checksum);
 }
 
 KelStatus Inbox::Put(const ReceivedFile& file) const {
-    return PlaceCopy(file.sourcePath, PathOf(file));
+    return PlaceCopy(file.sourcePath, PlaceOf(file), access_);
 }
 
 KelVector<DeliveredFile> Inbox::List(const WasDelivered& wasDelivered) {
     KelVector<DeliveredFile> files;
     for (const KelString& type : DirList(folder_)) {
-        if (!typeFolders_.contains(type)) ListType(folder_ + "/" + type, type, wasDelivered, files);
+        if (!typeFolders_.contains(type)) ListType({folder_, type + "/"}, type, wasDelivered, files);
     }
     for (const KelString& type : types_)
-        ListType(typeFolders_.at(type), type, wasDelivered, files);
+        ListType({typeFolders_.at(type), ""}, type, wasDelivered, files);
     const KelLock lock(mutex_);
     if (known_.size() > files.size())
         std::erase_if(known_, [](const auto& known) { return !FileExists(known.first); });
     return files;
 }
 
-void Inbox::ListType(const KelString& folder, const KelString& type, const WasDelivered& wasDelivered,
+void Inbox::ListType(const FilePlace& folder, const KelString& type, const WasDelivered& wasDelivered,
                      KelVector<DeliveredFile>& files) {
-    for (const KelString& label : DirList(folder)) {
-        const KelString below = folder + "/" + label;
-        for (const KelString& path : PathsBelow(below)) {
+    for (const KelString& label : DirList(folder.Whole())) {
+        const FilePlace below{folder.root, folder.path + label};
+        if (!FileOpenBeneath(below.root, below.path, O_PATH | O_DIRECTORY)) continue;  // no folder, or a link
+        for (const KelString& path : PathsBelow(below.Whole())) {
+            const FilePlace place{below.root, below.path + "/" + path};
             DeliveredFile file;
             file.key = {type, label, NameForPath(path), {}};
-            file.path = below + "/" + path;
+            file.path = place.Whole();
             // What lies deeper may also be what a command has unpacked, which can be large.
             if (path.find('/') != KelString::npos && !wasDelivered(file.path)) continue;
-            if (Examine(file)) files.push_back(std::move(file));
+            if (Examine(place, file)) files.push_back(std::move(file));
         }
     }
 }
 
-bool Inbox::Examine(DeliveredFile& file) {
+bool Inbox::Examine(const FilePlace& place, DeliveredFile& file) {
+    const UniqueFd content = OpenPlaced(place);
     struct stat status {};
-    if (stat(file.path.c_str(), &status) != 0 || !S_ISREG(status.st_mode)) return false;
+    if (!content || fstat(content.Get(), &status) != 0) return false;
     file.size = status.st_size;
     file.time = status.st_mtim.tv_sec;
     const std::int64_t changeTime = status.st_mtim.tv_sec * kNanoseconds + status.st_mtim.tv_nsec;
@@ -146,7 +142,7 @@ bool Inbox::Examine(DeliveredFile& file) {
         }
     }
     // Two callers may hash the same file at the same time, which costs less than a lock held while reading.
-    if (!FileMd5(file.path, file.key.checksum)) return false;
+    if (!FileMd5(content.Get(), file.key.checksum)) return false;
     const KelLock lock(mutex_);
     known_[file.path] = {file.size, changeTime, file.key.checksum};
     return true;

@@ -8,6 +8,7 @@
 #include "kel/result.h"
 #include "kel/types.h"
 #include "kelcore/ini_settings.h"
+#include "modules/delivery/file_place.h"
 #include "modules/delivery/received_file.h"
 
 /// A file in the inbox.
@@ -30,11 +31,7 @@ class Inbox {
     static KelVector<IniSetting> IniSettings();
     static void CheckIni(const IniFile& ini, KelVector<IniFault>& faults);
 
-    KelString PathOf(const ReceivedFile& file) const;
-
-    /// What is in the way of the file in the folder of its label: a file where its path needs a folder, or a
-    /// folder in its own place. Empty when nothing is.
-    KelString ObstacleTo(const ReceivedFile& file) const;
+    FilePlace PlaceOf(const ReceivedFile& file) const;
 
     /// True when the file is in its place and its content has the checksum.
     bool Holds(const ReceivedFile& file) const;
@@ -57,10 +54,11 @@ class Inbox {
         KelString checksum;
     };
 
-    void ListType(const KelString& folder, const KelString& type, const WasDelivered& wasDelivered,
+    void ListType(const FilePlace& folder, const KelString& type, const WasDelivered& wasDelivered,
                   KelVector<DeliveredFile>& files);
-    bool Examine(DeliveredFile& file);
+    bool Examine(const FilePlace& place, DeliveredFile& file);
 
+    PlaceAccess access_;
     KelString folder_;                           ///< of the types without one of their own
     KelVector<KelString> types_;                 ///< with a folder of their own, in the order of the ini file
     KelHash<KelString, KelString> typeFolders_;  ///< by type

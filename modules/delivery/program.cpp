@@ -2,7 +2,9 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sched.h>
 #include <spawn.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -72,6 +74,30 @@ class SpawnSettings {
     posix_spawnattr_t attributes_;
     posix_spawn_file_actions_t actions_;
 };
+
+/// Gives this thread an umask of its own, so that a program inherits that of the agent's start while other
+/// threads create files.
+class ProgramUmask {
+  public:
+    explicit ProgramUmask(unsigned int mask) : isOwn_(unshare(CLONE_FS) == 0) {
+        if (isOwn_) old_ = umask(mask);
+    }
+    ~ProgramUmask() {
+        if (isOwn_) umask(old_);
+    }
+    ProgramUmask(const ProgramUmask&) = delete;
+    ProgramUmask& operator=(const ProgramUmask&) = delete;
+
+  private:
+    bool isOwn_;
+    mode_t old_ = 0;
+};
+
+int Spawn(const Program& program, int output, pid_t& pid) {
+    const SpawnSettings settings(output);
+    const ProgramUmask own(program.umask);
+    return settings.Spawn(program, pid);
+}
 
 /// Cuts the bytes from a pipe into lines.
 class LineReader {
@@ -186,7 +212,7 @@ ProgramResult RunProgram(const Program& program) {
     UniqueFd readEnd(ends[0]);
     UniqueFd writeEnd(ends[1]);
     pid_t pid = 0;
-    if (const int error = SpawnSettings(writeEnd.Get()).Spawn(program, pid); error != 0) {
+    if (const int error = Spawn(program, writeEnd.Get(), pid); error != 0) {
         return {ProgramResult::End::NotStarted, error};
     }
     writeEnd.Reset();  // the program's end of the pipe is now the only one, so reading it comes to an end

@@ -16,6 +16,7 @@ struct ProgramResult {
 struct Program {
     KelVector<KelString> arguments;    ///< the first is the absolute path of the program
     KelVector<KelString> environment;  ///< "NAME=value", in addition to this process's own
+    unsigned int umask = 022;
     std::chrono::milliseconds timeout = std::chrono::minutes(5);
     std::function<bool()> cancelled;               ///< called several times a second; true ends the program
     std::function<void(const KelString&)> output;  ///< receives each line without its end

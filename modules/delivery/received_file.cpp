@@ -1,6 +1,5 @@
 #include "modules/delivery/received_file.h"
 
-#include "kel/checksum.h"
 #include "kel/file.h"
 #include "kel/format.h"
 #include "kel/path.h"
@@ -54,25 +53,4 @@ KelResult<ReceivedFile> ReadReceivedFile(const KelContainer& arguments) {
         file.publications.push_back(info.GetString(kValuePublicationId, {}, i));
     file.publicationTime = info.GetInt64(kValuePublicationTime);
     return file;
-}
-
-bool HoldsContent(const KelString& path, const KelString& checksum) {
-    KelString present;
-    return FileExists(path) && FileMd5(path, present) && IsEqualTo(present, checksum, false);
-}
-
-KelStatus PlaceCopy(const KelString& source, const KelString& path, const KelString& workFolder) {
-    KelString folder;
-    KelString name;
-    SplitPath(path, folder, name);
-    for (const KelString& needed : {folder, workFolder}) {
-        if (!needed.empty() && !PathCreate(needed))
-            return KelError{kKelErrorInternal,
-                            KelFormat("The folder %S cannot be created; check its rights", needed)};
-    }
-    if (!FileCopy(source, path, false, workFolder)) {
-        return KelError{kKelErrorInternal,
-                        KelFormat("%S cannot be copied to %S; check free space and rights", source, path)};
-    }
-    return {};
 }

@@ -25,11 +25,3 @@ KelResult<ReceivedFile> ReadReceivedFile(const KelContainer& arguments);
 
 /// Checks the parts of a key in the same way.
 KelStatus CheckFileKey(const FileKey& key);
-
-/// True when `path` is a file whose content has this MD5 (in any case). Any thread, concurrently, like the
-/// next.
-bool HoldsContent(const KelString& path, const KelString& checksum);
-
-/// Copies `source` to `path`, making its folders and replacing another content atomically; on the disk when
-/// the call succeeds. The copy is made in `workFolder`, or next to `path` when that is empty.
-KelStatus PlaceCopy(const KelString& source, const KelString& path, const KelString& workFolder = {});

@@ -72,7 +72,9 @@ class ModuleFixture : public ::testing::Test {
     }
 
     void WriteIni(const std::string& module, const std::string& text) {
-        TempFolder::Write(root_ / ("config/" + module + ".ini"), text);
+        const std::string path = root_ / ("config/" + module + ".ini");
+        TempFolder::Write(path, text);
+        std::filesystem::permissions(path, std::filesystem::perms(0600));
     }
 
     /// An action of a module that is not part of the test.

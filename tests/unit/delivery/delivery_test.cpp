@@ -1,4 +1,7 @@
+#include <sys/stat.h>
+
 #include "delivery_fixture.h"
+#include "kel/text.h"
 #include "on_threads.h"
 
 namespace {
@@ -18,6 +21,53 @@ TEST_F(DeliveryTest, FilesGoToTheirFolders) {
     const KelContainer list = Call("DeliveryListFiles");
     ASSERT_EQ(list.Count("Values"), 3U);
     ExpectValues(list.GetContainer("Values"), {"FileType=Package", "FileChecksum=" + TextMd5("Package")});
+}
+
+/// Another user of the device may write in a folder that the agent delivers to.
+TEST_F(DeliveryTest, LinksInASharedFolderLeadNowhere) {
+    const std::string outside = root_ / "outside", shared = root_ / "shared";
+    WriteIni("Delivery", "[Delivery]\nFolder=" + shared + "\n");
+    RunningModule<Delivery> module;
+    std::filesystem::create_directory(outside);
+    for (const auto& [link, name] : std::initializer_list<std::array<std::string, 2>>{
+             {"T", "f"}, {"T/label", "f"}, {"T/label/sub", "sub%2Ff"}, {"T/label/a/b", "a%2Fb%2Ff"}}) {
+        std::filesystem::remove_all(shared);
+        std::filesystem::create_directories(std::filesystem::path(shared + "/" + link).parent_path());
+        std::filesystem::create_directory_symlink(outside, shared + "/" + link);
+        const KelContainer file = Stored("T", name, "for " + link);
+        EXPECT_EQ(Announce(file), 0U) << link;
+        EXPECT_TRUE(log_->Count(KelDebugLevel::Warning, link + " is in the way") == 1) << link;
+        const FilePlace place{shared, "T/label/" + ReplaceAll(name, "%2F", "/")};
+        EXPECT_FALSE(PlaceCopy(file.GetString("FilePath"), place, {})) << "planted after the check: " << link;
+        EXPECT_TRUE(std::filesystem::is_empty(outside)) << link;
+    }
+    TempFolder::Write(outside + "/f", "for a link to the file");
+    std::filesystem::remove_all(shared);
+    std::filesystem::create_directories(shared + "/T/label");
+    std::filesystem::create_symlink(outside + "/f", shared + "/T/label/f");
+    EXPECT_FALSE(Call("DeliveryListFiles").Has("Values")) << "it names a file elsewhere";
+    EXPECT_EQ(Announce(Stored("T", "f", "for a link to the file")), 0U);
+    EXPECT_TRUE(std::filesystem::is_regular_file(std::filesystem::symlink_status(shared + "/T/label/f")))
+        << "replaced, though the content was the same";
+}
+
+TEST_F(DeliveryTest, FilesAndTheirFoldersAreOpenToWhomTheSettingSays) {
+    const mode_t before = ::umask(077);
+    for (const auto& [access, file, folder] : std::initializer_list<std::tuple<std::string, int, int>>{
+             {"all", 0644, 0755}, {"group", 0640, 0750}, {"owner", 0600, 0700}}) {
+        WriteIni("Delivery", "[Delivery]\nAccess=" + access + "\n");
+        RunningModule<Delivery> module;
+        EXPECT_EQ(Announce(Stored(access, "f", access)), 0U);
+        const std::string path = InboxPath(access, "f");
+        EXPECT_EQ(std::filesystem::status(path).permissions(), std::filesystem::perms(file));
+        for (const std::string& made : {path.substr(0, path.rfind('/')), InboxPath(access, "..")})
+            EXPECT_EQ(std::filesystem::status(made).permissions(), std::filesystem::perms(folder)) << made;
+    }
+    ::umask(before);
+    WriteIni("Delivery", "[Commands]\nT=/bin/true secret\n");
+    std::filesystem::permissions(root_ / "config/Delivery.ini", std::filesystem::perms(0644));
+    RunningModule<Delivery> refused(Start::Fails);
+    EXPECT_TRUE(log_->Count(KelDebugLevel::Error, "chmod 600") == 1);
 }
 
 TEST_F(DeliveryTest, NewContentReplacesAndTheSameContentChangesNothing) {

@@ -8,6 +8,7 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/stat.h>
 
 #include "kel/unique_fd.h"
 #include "modules/delivery/commands.h"
@@ -52,6 +53,12 @@ TEST(RunProgram, TheWholeGroupIsEndedAtTheTimeOut) {
     for (int i = 0; i < 500 && (left = kill(-group, 0)) == 0; ++i)
         poll(nullptr, 0, 10);
     EXPECT_EQ(left, -1) << "a process of the group is still there";
+}
+
+TEST(RunProgram, TheUmaskIsThatOfTheProgramAlone) {
+    const mode_t before = ::umask(077);
+    EXPECT_EQ(RunShell("umask").lines, (KelVector<KelString>{"0022"}));
+    EXPECT_EQ(::umask(before), 077U);
 }
 
 TEST(RunProgram, OpenFilesAreNotHandedOn) {

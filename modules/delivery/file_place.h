@@ -1,0 +1,47 @@
+#pragma once
+
+#include "kel/ini_file.h"
+#include "kel/result.h"
+#include "kel/types.h"
+#include "kel/unique_fd.h"
+#include "kelcore/ini_settings.h"
+
+// Putting files where other programs of the device find them. These may be able to write in the same folders,
+// while the agent has all rights: no link beneath the configured folder is followed.
+
+/// Where a file is to be. `root` is a folder that the configuration names, itself perhaps a link; `path` is
+/// made of the parts of a file key.
+struct FilePlace {
+    KelString root;
+    KelString path;
+    std::size_t nameLevels = 1;  ///< elements of the path that are the name
+
+    KelString Whole() const { return root + "/" + path; }
+};
+
+/// Who may read the files and enter the folders that are made for them.
+struct PlaceAccess {
+    unsigned int fileMode = 0644;
+    unsigned int folderMode = 0755;
+
+    /// The entry of the ini file.
+    static const IniSetting& Setting();
+    static PlaceAccess Read(const IniFile& ini);
+};
+
+/// Opens the file for reading; nothing when it is absent, no regular file, or behind a link.
+UniqueFd OpenPlaced(const FilePlace& place);
+
+/// True when the file is there and its content has this MD5 (in any case). Any thread, concurrently, like the
+/// others.
+bool HoldsContent(const FilePlace& place, const KelString& checksum);
+
+/// What keeps the place from being used for good: a link where its path needs a folder, or, in its name, a
+/// file where that needs a folder or a folder in its own place. Empty when nothing does. (A file in place of
+/// the folders above is a fault of the configuration, which may be put right.)
+KelString ObstacleTo(const FilePlace& place);
+
+/// Copies `source` to its place, making the folders and replacing another content atomically; on the disk
+/// when the call succeeds. The copy is made in `workFolder`, or beside its place when that is empty.
+KelStatus PlaceCopy(const KelString& source, const FilePlace& place, const PlaceAccess& access,
+                    const KelString& workFolder = {});
