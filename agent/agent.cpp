@@ -1,5 +1,7 @@
 #include "agent/agent.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <chrono>
 #include <ctime>
@@ -15,9 +17,10 @@ namespace {
 
 constexpr std::chrono::seconds kReleasePause{10};
 
-KelAgentSettings Settings(const AgentConfig& config, std::shared_ptr<KelDebugContext> context) {
-    return {config.ConfigDir(),  config.DataDir(), config.name,
-            config.httpPassword, config.address,   std::move(context)};
+KelAgentSettings Settings(const AgentConfig& config, std::shared_ptr<KelDebugContext> context,
+                          mode_t programUmask) {
+    return {config.ConfigDir(), config.DataDir(),   config.name, config.httpPassword,
+            config.address,     std::move(context), programUmask};
 }
 
 void ConfigureSecurity(const AgentConfig& config) {
@@ -35,16 +38,18 @@ Agent::Agent(AgentConfig config, KelString modulesDir)
     : config_(std::move(config)), modulesDir_(std::move(modulesDir)), log_("Agent", "Agent") {}
 
 int Agent::Run() {
+    // Whatever the agent creates is for its owner only unless the code says otherwise; programs that it runs
+    // for files keep what it was started with.
+    const mode_t programUmask = umask(077);
     auto context =
         MakeDebugContext(config_.LogFile(), config_.logMaxBytes, config_.logFiles, true, config_.logLevel);
     log_.SetContext(context);
-    KelAgentConfigure(Settings(config_, context));
+    KelAgentConfigure(Settings(config_, context, programUmask));
     ConfigureSecurity(config_);
-    const KelString ini = config_.ConfigDir() + "Agent.ini";
     for (const IniFault& fault : config_.faults)
         log_.Warning("%S\n", fault.text);
-    if (IsOpenToOthers(ini))
-        log_.Warning("%S holds the password but others can open it; chmod 600 it\n", ini);
+    for (const KelString& line : CloseRoot(config_))
+        log_.Print("%S\n", line);
 
     // Transfers are cancelled first, so that the threads in them end at once.
     StopSignals stop([] { HttpClientCancelAll(true); }, log_);

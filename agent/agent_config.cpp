@@ -105,6 +105,10 @@ KelStatus ReadSecurity(const IniFile& ini, const KelString& path, AgentConfig& c
         *file = InConfigDir(config, *file);
         if (!file->empty() && !FileExists(*file)) return Fault(path, "section Security: no file " + *file);
     }
+    if (FileIsOpenToOthers(config.ssl.keyFile, kOpenKey))
+        return Fault(config.ssl.keyFile,
+                     "is a private key, but others may open it; chmod 600 it, and make a "
+                     "new key if somebody may have read it");
     if (!config.pacForce) return {};
     if (script.empty()) return Fault(path, "PacForce needs PacScript, the file of the script");
     auto text = FileReadText(script, kMaxScriptBytes);
@@ -154,17 +158,16 @@ KelVector<IniFault> FindModuleFaults(const KelString& module, const KelString& p
 
 }  // namespace
 
-bool IsOpenToOthers(const KelString& path) {
-    struct stat status {};
-    return stat(path.c_str(), &status) == 0 && (status.st_mode & 077) != 0;
-}
-
 KelResult<AgentConfig> LoadAgentConfig(const KelString& root) {
     AgentConfig config;
     config.root = root;
     const KelString path = config.ConfigDir() + "Agent.ini";
     IniFile ini;
     if (!FileExists(path)) return Fault(path, "no such file; 'kel init' makes the root folder of an agent");
+    if (FileIsOpenToOthers(path))
+        return Fault(path,
+                     "holds the tree's password, but others may open it; chmod 600 it, and change the "
+                     "password of the tree if somebody may have read it");
     if (!ini.Open(path)) return Fault(path, "cannot be read, or is no ini file");
     if (auto status = Examine(ini, path, config); !status) return status.Error();
     config.name = ReadIniText(ini, kName);
@@ -179,14 +182,29 @@ KelResult<AgentConfig> LoadAgentConfig(const KelString& root) {
 
 KelVector<IniFault> FindConfigFaults(const AgentConfig& config, const KelString& modulesDir) {
     KelVector<IniFault> faults = config.faults;
-    const KelString path = config.ConfigDir() + "Agent.ini";
-    if (IsOpenToOthers(path))
-        faults.push_back({IniFault::Weight::Unusable,
-                          path + ": holds the password but others can open it; chmod 600 " + path});
+    if (const KelString problem = PasswordProblem(config.httpPassword); !problem.empty())
+        faults.push_back({IniFault::Weight::Unusable, config.ConfigDir() + "Agent.ini: " + problem +
+                                                          "; choose a longer one for the tree"});
     for (const KelString& module : config.modules)
         for (IniFault& fault : FindModuleFaults(module, config.ConfigDir() + module + ".ini", modulesDir))
             faults.push_back(std::move(fault));
     return faults;
+}
+
+KelVector<KelString> CloseRoot(const AgentConfig& config) {
+    KelVector<KelString> lines;
+    for (const KelString& folder :
+         {config.root, config.ConfigDir(), config.DataDir(), config.root + "log/"}) {
+        const UniqueFd fd(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+        struct stat status {};
+        if (!fd || fstat(fd.Get(), &status) != 0 || (status.st_mode & 077) == 0) continue;
+        if (fchmod(fd.Get(), 0700) == 0)
+            lines.push_back(folder + ": was open to other users of this device; closed (chmod 700)");
+        else
+            lines.push_back(folder + ": is open to other users of this device and cannot be closed: " +
+                            std::strerror(errno) + "; chmod 700 it");
+    }
+    return lines;
 }
 
 KelResult<UniqueFd> LockRoot(const KelString& root) {

@@ -32,17 +32,18 @@ struct AgentConfig {
 };
 
 /// Reads the configuration beneath `root` (ends with "/"). The error names the file, the entry and what to
-/// do: the file cannot be read, the password or the name is missing, an address, a number or a module name is
-/// unusable, a script cannot be read.
+/// do: the file cannot be read, or others may read it or the key, the password or the name is missing, an
+/// address, a number or a module name is unusable, a script cannot be read.
 KelResult<AgentConfig> LoadAgentConfig(const KelString& root);
 
-/// What is wrong with the configuration beneath `root` besides what LoadAgentConfig refuses: its faults, who
-/// can read the file of the password, modules that are missing from `modulesDir` or cannot be loaded, and
+/// What is wrong with the configuration beneath `root` besides what LoadAgentConfig refuses: its faults,
+/// modules that are missing from `modulesDir` or cannot be loaded, and
 /// what the modules find in their ini files. Each names its file.
 KelVector<IniFault> FindConfigFaults(const AgentConfig& config, const KelString& modulesDir);
 
-/// True when group or others can read or write `path`.
-bool IsOpenToOthers(const KelString& path);
+/// Takes root folder, config/, data/ and log/ away from all but their owner, where others had access to them.
+/// One line for the log for each that was changed, or could not be.
+KelVector<KelString> CloseRoot(const AgentConfig& config);
 
 /// Code of the error when another process holds the lock.
 inline constexpr unsigned int kRootLocked = 2;

@@ -13,6 +13,7 @@
 #include "kel/path.h"
 #include "kel/text.h"
 #include "kelcore/error_codes.h"
+#include "kelcore/security.h"
 
 namespace {
 
@@ -42,9 +43,7 @@ KelStatus WriteInis(const KelString& configDir, const KelVector<KelString>& modu
         const auto found = IniTemplates().find(name + ".ini");
         if (found == IniTemplates().end()) continue;  // a module that needs no ini file
         const KelString text = FillTemplate(found->second, values);
-        if (auto status = FileWriteText(configDir + name + ".ini", text, name == "Agent" ? 0600 : 0644);
-            !status)
-            return status;
+        if (auto status = FileWriteText(configDir + name + ".ini", text); !status) return status;
     }
     return {};
 }
@@ -66,10 +65,11 @@ KelStatus MakeRoot(const InitOptions& options, const std::map<KelString, KelStri
     const KelString root = CompletePath(options.dir);
     if (FileExists(root) || (DirExists(root) && !DirList(root).empty()))
         return KelError{kKelErrorBadInput, root + " already exists; nothing was changed"};
+    umask(077);
     for (const char* folder : {"/config", "/data", "/log"})
         if (!PathCreate(root + folder))
             return KelError{kKelErrorBadInput, root + folder + ": cannot be created"};
-    chmod((root + "/data").c_str(), 0700);
+    chmod(root.c_str(), 0700);  // it may have been there
     const KelString configDir = root + "/config/";
     auto status = WriteInis(configDir, ModulesOf(options.role), values);
     if (status) status = CheckPassword(configDir, values.at("PASSWORD"));
@@ -100,6 +100,8 @@ KelResult<std::map<KelString, KelString>> TemplateValues(const InitOptions& opti
     if (options.name.empty() || options.name.find_first_of(":;#= ") != KelString::npos ||
         HasControlCharacter(options.name))
         return KelError{kKelErrorBadInput, "'" + options.name + "' is not a valid agent name"};
+    if (const KelString problem = PasswordProblem(password); !problem.empty())
+        return KelError{kKelErrorBadInput, problem + "; choose a longer one"};
     if (HasControlCharacter(password))
         return KelError{kKelErrorBadInput, "the password contains a control character"};
     return std::map<KelString, KelString>{{"ADDRESS", options.address},

@@ -89,6 +89,8 @@ KelString ParentAddress(const KelContainer& relay) {
 }
 
 KelResult<KelString> ReadPasswordFile(const KelString& path) {
+    if (FileIsOpenToOthers(path))
+        return KelError{kKelErrorBadInput, path + ": others may open this file; chmod 600 it"};
     auto text = FileReadText(path, kMaxPasswordFileBytes);
     if (!text) return text.Error();
     KelString line = text->substr(0, text->find_first_of("\r\n"));

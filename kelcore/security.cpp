@@ -4,9 +4,11 @@
 
 #include <cstdarg>
 #include <cstdio>
+#include <set>
 #include <string_view>
 #include <utility>
 
+#include "kel/format.h"
 #include "kel/mutex.h"
 #include "kel/text.h"
 #include "kelcore/agent.h"
@@ -96,6 +98,16 @@ bool PickProxy(const KelString& answer, KelString& proxy) {
 }
 
 }  // namespace
+
+KelString PasswordProblem(const KelString& password) {
+    constexpr std::size_t kFewestBytes = 12;
+    constexpr std::size_t kFewestLetters = 5;
+    if (password.size() < kFewestBytes)
+        return KelFormat("the password has fewer than %lu characters and can be guessed", kFewestBytes);
+    if (std::set<char>(password.begin(), password.end()).size() < kFewestLetters)
+        return "the password repeats a few characters and can be guessed";
+    return {};
+}
 
 void AgentSecurityConfigure(AgentSecuritySslContext ssl, AgentSecurityPacContext pac) {
     TheSwitches() = {std::move(ssl), std::move(pac)};

@@ -19,6 +19,10 @@ struct AgentSecurityPacSettings {
 };
 using AgentSecurityPacContext = std::shared_ptr<const AgentSecurityPacSettings>;
 
+/// What is wrong with a password for a tree; empty when nothing is. A digest of it that is heard on the way
+/// can be tried against guesses without limit, so it has to be long.
+KelString PasswordProblem(const KelString& password);
+
 /// Sets the switches from the agent's configuration; an empty context switches the feature off. While no
 /// other thread runs.
 void AgentSecurityConfigure(AgentSecuritySslContext ssl, AgentSecurityPacContext pac);

@@ -1,5 +1,7 @@
 #include "modules/http_protocol/settings.h"
 
+#include "kel/file.h"
+#include "kel/format.h"
 #include "kel/ip_address.h"
 #include "kel/text.h"
 
@@ -30,8 +32,11 @@ constexpr NumberEntry kNumbers[] = {
     {"MinBodyRateTime", &ServerSettings::minBodyRateTime, 1, 3600},
     {"MaxHeaderBytes", &ServerSettings::maxHeaderBytes, 1024, 1 << 20},
     {"MaxActionBytes", &ServerSettings::maxActionBytes, 1024, 1 << 30},
+    {"MaxJsonBytes", &ServerSettings::maxJsonBytes, 1024, 1 << 30},
     {"MaxConnections", &ServerSettings::maxConnections, 1, 1 << 20},
     {"MaxConnectionsPerAddress", &ServerSettings::maxConnectionsPerAddress, 1, 1 << 20},
+    {"MaxUnauthenticated", &ServerSettings::maxUnauthenticated, 1, 1 << 20},
+    {"MaxUnauthenticatedPerAddress", &ServerSettings::maxUnauthenticatedPerAddress, 1, 1 << 20},
     {"NonceLifetime", &ServerSettings::nonceLifetime, 1, 86400},
     {"MulticastTimeout", &ServerSettings::multicastTimeout, 1, 86400},
     {"MulticastMaxGroups", &ServerSettings::multicastMaxGroups, 1, 1000},
@@ -70,6 +75,16 @@ std::span<const IniSetting> ServerIniSettings() {
         return all;
     }();
     return settings;
+}
+
+void CheckServerIni(const IniFile& ini, KelVector<IniFault>& faults) {
+    const KelString key = ReadIniText(ini, kKeyFile);
+    if (!key.empty() && FileIsOpenToOthers(key, kOpenKey))
+        faults.push_back(
+            {IniFault::Weight::Vital,
+             KelFormat("the private key %S may be opened by others; chmod 600 it, and make a new "
+                       "one if somebody may have read it",
+                       key)});
 }
 
 ServerSettings ReadServerSettings(const IniFile& ini, const KelString& address) {

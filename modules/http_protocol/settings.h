@@ -23,9 +23,12 @@ struct ServerSettings {
     int minBodyRate = 1000;    ///< of the body of an action call, bytes per second
     int minBodyRateTime = 10;  ///< seconds over which the rate of a body is measured
     int maxHeaderBytes = 32 << 10;
-    int maxActionBytes = 64 << 20;
+    int maxActionBytes = 32 << 20;
+    int maxJsonBytes = 1 << 20;  ///< JSON is what scripts send, never agents
     int maxConnections = 12000;
     int maxConnectionsPerAddress = 4000;
+    int maxUnauthenticated = 2000;  ///< of addresses with valid credentials lately, and of others, each
+    int maxUnauthenticatedPerAddress = 200;
     int nonceLifetime = 300;
 
     KelVector<KelString> writableAliases;
@@ -48,6 +51,9 @@ struct ServerSettings {
 
 /// The entries of the ini file.
 std::span<const IniSetting> ServerIniSettings();
+
+/// Appends what is wrong with the files that it names.
+void CheckServerIni(const IniFile& ini, KelVector<IniFault>& faults);
 
 /// Reads the settings from `ini`, which has no vital fault. `address` is the default of the address.
 ServerSettings ReadServerSettings(const IniFile& ini, const KelString& address);

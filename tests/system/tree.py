@@ -266,6 +266,7 @@ class Tree:
         self.short_intervals = short_intervals
         self.folder = pathlib.Path(tempfile.mkdtemp(prefix="kel_tree_"))
         self.password_file = self.folder / "password"
+        self.password_file.touch(0o600)
         self.password_file.write_text(PASSWORD + "\n")
         self.agents = []
         try:

@@ -15,7 +15,7 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 
 constexpr const char* kGoodIni =
-    "[Agent]\nName=tree\nHttpPassword=a;b#c\nAddress=127.0.9.1\n"
+    "[Agent]\nName=tree\nHttpPassword=a;b#c and more\nAddress=127.0.9.1\n"
     "[Modules]\nModule10=Last\nModule2=Second\nModule1=First\n";
 
 class AgentConfigTest : public testing::Test {
@@ -48,7 +48,7 @@ TEST_F(AgentConfigTest, ModulesComeInTheOrderOfTheirNumbersAndThePasswordUnchang
     const auto config = LoadAgentConfig(root_);
     ASSERT_TRUE(config) << config.Error().message;
     EXPECT_THAT(config->modules, ElementsAre("First", "Second", "Last"));
-    EXPECT_EQ(config->httpPassword, "a;b#c");
+    EXPECT_EQ(config->httpPassword, "a;b#c and more");
 }
 
 TEST_F(AgentConfigTest, UnusableEntriesAreRefusedByName) {
@@ -76,9 +76,38 @@ TEST_F(AgentConfigTest, FaultsNameTheReadablePasswordTheEntriesAndTheModulesThat
                               "did you mean Address?", "First.so", "module Last: cannot be loaded"})
         EXPECT_THAT(Faults(), Contains(HasSubstr(fault)));
 
-    EXPECT_THAT(Faults(), Not(Contains(HasSubstr("chmod 600"))));
-    std::filesystem::permissions(folder_ / "config/Agent.ini", std::filesystem::perms(0644));
-    EXPECT_THAT(Faults(), Contains(HasSubstr("chmod 600")));
+    WriteIni("Agent.ini", "[Agent]\nName=t\nHttpPassword=aaaaaaaaaaaa\n[Modules]\nModule1=A\n");
+    EXPECT_THAT(Faults(), Contains(HasSubstr("password repeats")));
+}
+
+TEST_F(AgentConfigTest, SecretsThatOthersMayOpenAreRefusedAndFoldersClosed) {
+    WriteIni("key.pem", "key");
+    const auto change = [this](const char* name, unsigned int mode) {
+        std::filesystem::permissions(folder_ / name, std::filesystem::perms(mode));
+    };
+    const std::string ini = KelString(kGoodIni) + "[Security]\nSslKeyFile=key.pem\n";
+    for (const auto& [mode, keyMode, isRefused] :
+         std::initializer_list<std::tuple<int, int, bool>>{{0600, 0600, false},
+                                                           {0400, 0640, false},
+                                                           {0640, 0600, true},
+                                                           {0602, 0600, true},
+                                                           {0600, 0604, true},
+                                                           {0600, 0660, true}}) {
+        WriteIni("Agent.ini", ini);
+        change("config/Agent.ini", mode);
+        change("config/key.pem", keyMode);
+        const auto config = LoadAgentConfig(root_);
+        EXPECT_EQ(config ? "" : config.Error().message.substr(config.Error().message.find("chmod"), 9),
+                  isRefused ? "chmod 600" : "")
+            << mode << " " << keyMode;
+    }
+    change("config/key.pem", 0600);
+    for (const char* name : {"", "config"})
+        change(name, 0755);
+    const auto config = LoadAgentConfig(root_);
+    EXPECT_EQ(CloseRoot(*config).size(), 2U);
+    EXPECT_EQ(CloseRoot(*config).size(), 0U);
+    EXPECT_EQ(std::filesystem::status(folder_ / "config").permissions(), std::filesystem::perms(0700));
 }
 
 /// Two signals together, as for the process and its group, and one later than a stop takes to come twice;

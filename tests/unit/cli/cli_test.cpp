@@ -134,14 +134,14 @@ TEST(CallArgumentsTest, TextJsonAndRepeatedNames) {
     EXPECT_TRUE(none.IsEmpty());
 }
 
-auto InitValues(const char* role, const char* parent) {
+auto InitValues(const char* role, const char* parent, const char* password = "a long secret") {
     InitOptions options;
     options.role = role;
     options.parent = parent;
     options.address = "127.0.1.1";
     options.port = 8080;
     options.name = "tree";
-    return TemplateValues(options, "p");
+    return TemplateValues(options, password);
 }
 
 TEST(InitTest, TheParentMustFitTheRole) {
@@ -152,6 +152,8 @@ TEST(InitTest, TheParentMustFitTheRole) {
     ASSERT_TRUE(values);
     EXPECT_EQ(values->at("PARENT_NAME"), "relay.example");
     EXPECT_EQ(values->at("PARENT_PORT"), "8081");
+    for (const char* password : {"", "p", "eleven char", "abababababababab"})
+        EXPECT_FALSE(InitValues("master", "", password)) << password;
 }
 
 TEST(InitTest, OnlyTheMasterRunsTheConsoleAndArchivesCanBeUnpackedBeforeTheFileStoreRuns) {
