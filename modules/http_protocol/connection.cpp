@@ -13,8 +13,14 @@ constexpr std::size_t kIdleBufferBytes = 1024;
 
 }  // namespace
 
-Connection::Connection(ServerContext& context, IoLoop& loop, std::unique_ptr<Channel> channel, IpAddress peer)
-    : context_(context), loop_(loop), channel_(std::move(channel)), peer_(peer), since_(Clock::now()) {}
+Connection::Connection(ServerContext& context, IoLoop& loop, std::unique_ptr<Channel> channel,
+                       PeerTable::Place place)
+    : context_(context),
+      loop_(loop),
+      channel_(std::move(channel)),
+      place_(std::move(place)),
+      peer_(place_->Peer()),
+      since_(Clock::now()) {}
 
 Connection::~Connection() {
     Close();
@@ -31,7 +37,7 @@ void Connection::Close() {
     EndWork();
     channel_->Close();
     DropUpload();
-    context_.peers.Release(peer_);
+    place_.reset();
     loop_.Remove(this);
 }
 
@@ -138,10 +144,15 @@ void Connection::OnTick(Clock::time_point now) {
             // A peer that reads slowly is not idle while it takes the response.
             const bool isIdle = served_ && !headBegun_;
             if (isIdle) NoteProgress(now);
-            late =
-                now - since_ > std::chrono::seconds(isIdle ? settings.idleTimeout : settings.headerTimeout);
+            // A stranger gets the time for a head, not that for a pause between requests.
+            const int limit = isIdle && isAuthenticated_ ? settings.idleTimeout : settings.headerTimeout;
+            late = now - since_ > std::chrono::seconds(limit);
             break;
         }
+        case State::Delayed:
+            if (passed < GuessLimit::kPause) break;
+            RefuseCredentials(false);
+            return ProcessInput();
         case State::ActionBody:
         case State::Discarding:
             late = !MeasureBodyRate(now, settings.minBodyRate);

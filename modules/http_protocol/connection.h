@@ -20,15 +20,16 @@ namespace kelhttp {
 /// or in the input buffer. Everything runs on the thread of its loop; workers post their results to the loop.
 ///
 /// Opening -> Head -> (Continuing ->) ActionBody | PutBody <-> Working -> Sending -> Discarding -> Head ...
-///                 -> Sending                                          -> Lingering -> Closed
+///                 -> (Delayed ->) Sending                             -> Lingering -> Closed
 /// Closed can be reached from every state. Exactly one read is in progress in Head, ActionBody, PutBody,
 /// Discarding and Lingering once their input is used up, none in the other states.
 class Connection final : public ChannelUser,
                          public LoopMember,
                          public std::enable_shared_from_this<Connection> {
   public:
-    /// The peer has been admitted to the context's table; the connection releases it.
-    Connection(ServerContext& context, IoLoop& loop, std::unique_ptr<Channel> channel, IpAddress peer);
+    /// `place`: in the context's table of peers.
+    Connection(ServerContext& context, IoLoop& loop, std::unique_ptr<Channel> channel,
+               PeerTable::Place place);
     ~Connection() override;
 
     void Start();
@@ -43,6 +44,7 @@ class Connection final : public ChannelUser,
     enum class State : unsigned char {
         Opening,
         Head,
+        Delayed,
         Continuing,
         ActionBody,
         PutBody,
@@ -64,6 +66,9 @@ class Connection final : public ChannelUser,
     bool RefuseHead(unsigned int status);
     void Route(const RequestHead& request);
     bool Authenticate(const RequestHead& request);
+    bool AdmitAuthenticated();
+    void RefuseCredentials(bool isStale);
+    bool NoteWrongCredentials(Clock::time_point now);
     void AnswerGet(const RequestHead& request);
     void AcceptAction(const RequestHead& request);
     void AcceptBody(State state);
@@ -100,14 +105,16 @@ class Connection final : public ChannelUser,
     ServerContext& context_;
     IoLoop& loop_;
     std::unique_ptr<Channel> channel_;
+    PeerTable::Place place_;  ///< until it is closed
     const IpAddress peer_;
     State state_ = State::Opening;
     State afterContinue_ = State::Head;
     bool keepAlive_ = false;
     bool version11_ = true;
-    bool served_ = false;     ///< a request has been answered
-    bool headBegun_ = false;  ///< in Head: a byte has come since the previous request
-    bool working_ = false;    ///< counted as working in the table of peers
+    bool served_ = false;           ///< a request has been answered
+    bool headBegun_ = false;        ///< in Head: a byte has come since the previous request
+    bool isAuthenticated_ = false;  ///< a request had valid credentials
+    bool working_ = false;          ///< counted as working in the table of peers
     DigestAuth::Memory authMemory_;
 
     KelString input_;  ///< received and not used yet

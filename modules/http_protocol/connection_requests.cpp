@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "kel/format.h"
 #include "modules/http_protocol/connection.h"
 #include "modules/http_protocol/request_path.h"
 
@@ -77,25 +78,63 @@ void Connection::Route(const RequestHead& request) {
     }
 }
 
-/// False when the request was answered with 401.
+/// False when the request was answered with 401, or is going to be.
 bool Connection::Authenticate(const RequestHead& request) {
     const std::string_view authorization = request.Field("Authorization");
     const Clock::time_point now = Clock::now();
-    DigestAuth::Verdict verdict = DigestAuth::Verdict::Refused;
-    if (!authorization.empty())
-        verdict = context_.auth.Check(
-            {request.methodName, request.target, authorization, peer_, channel_->IsEncrypted()}, authMemory_,
-            now);
-    if (verdict == DigestAuth::Verdict::Granted) return true;
-    const bool stale = verdict == DigestAuth::Verdict::Stale;
-    if (!authorization.empty() && !stale)
-        context_.log.Warning(
-            "Request from %S with wrong credentials refused. Check name and password on that device.\n",
-            peer_.ToText());
-    Respond(401,
-            context_.auth.Challenge(peer_, channel_->IsEncrypted(), stale, now) + "Content-Length: 0\r\n",
-            {});
+    if (authorization.empty()) {
+        RefuseCredentials(false);
+        return false;
+    }
+    // Where others have valid credentials, a guess cannot be told from their request before it is examined.
+    if (!isAuthenticated_ && context_.guesses.IsExceeded(peer_, now) && !context_.peers.IsKnown(peer_)) {
+        keepAlive_ = false;
+        RespondError(429, "Too many requests with wrong credentials; try again later\n");
+        return false;
+    }
+    const DigestAuth::Verdict verdict = context_.auth.Check(
+        {request.methodName, request.target, authorization, peer_, channel_->IsEncrypted()}, authMemory_,
+        now);
+    if (verdict == DigestAuth::Verdict::Granted) return isAuthenticated_ || AdmitAuthenticated();
+    if (verdict == DigestAuth::Verdict::Refused && NoteWrongCredentials(now)) {
+        Enter(State::Delayed);
+        return false;
+    }
+    RefuseCredentials(verdict == DigestAuth::Verdict::Stale);
     return false;
+}
+
+bool Connection::AdmitAuthenticated() {
+    if (!context_.peers.Authenticated(place_)) {
+        context_.failures.Failed(KelDebugLevel::Warning, "connections " + peer_.ToText(),
+                                 KelFormat("Request from %S refused: too many connections from there; raise "
+                                           "MaxConnectionsPerAddress if many devices have this address",
+                                           peer_.ToText()));
+        keepAlive_ = false;
+        RespondError(503);
+        return false;
+    }
+    isAuthenticated_ = true;
+    context_.failures.Succeeded("credentials " + peer_.ToText(),
+                                "Requests from " + peer_.ToText() + " have the right credentials again");
+    return true;
+}
+
+void Connection::RefuseCredentials(bool isStale) {
+    Respond(401,
+            context_.auth.Challenge(peer_, channel_->IsEncrypted(), isStale, Clock::now()) +
+                "Content-Length: 0\r\n",
+            {});
+}
+
+/// True when the answer is to be delayed, because there were too many.
+bool Connection::NoteWrongCredentials(Clock::time_point now) {
+    context_.failures.Failed(
+        KelDebugLevel::Warning, "credentials " + peer_.ToText(),
+        KelFormat("Request from %S with wrong credentials refused. Check name and password on that device.",
+                  peer_.ToText()));
+    context_.guesses.NoteFailure(peer_, now);
+    return context_.guesses.IsExceeded(peer_, now);
 }
 
 void Connection::AnswerGet(const RequestHead& request) {
@@ -116,7 +155,10 @@ void Connection::AcceptAction(const RequestHead& request) {
     if (!path || !path->starts_with(kActionPrefix)) return RespondError(404);
     const std::optional<BodyFormat> format = FormatOfContentType(request.Field("Content-Type"));
     if (!format) return RespondError(415);
-    if (bodyLeft_ > static_cast<std::uint64_t>(context_.settings.maxActionBytes)) return RespondError(413);
+    const ServerSettings& settings = context_.settings;
+    const int most = *format == BodyFormat::Json ? std::min(settings.maxJsonBytes, settings.maxActionBytes)
+                                                 : settings.maxActionBytes;
+    if (bodyLeft_ > static_cast<std::uint64_t>(most)) return RespondError(413);
     call_ = std::make_unique<ActionCall>();
     call_->name = path->substr(kActionPrefix.size());
     call_->bodyFormat = *format;

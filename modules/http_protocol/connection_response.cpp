@@ -40,6 +40,7 @@ constexpr Reason kReasons[] = {
     {416, "Range Not Satisfiable"},
     {417, "Expectation Failed"},
     {422, "Unprocessable Content"},
+    {429, "Too Many Requests"},
     {431, "Request Header Fields Too Large"},
     {500, "Internal Server Error"},
     {503, "Service Unavailable"},

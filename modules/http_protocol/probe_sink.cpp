@@ -10,8 +10,8 @@ constexpr std::chrono::seconds kLongestProbe{30};
 
 }  // namespace
 
-ProbeSink::ProbeSink(PeerTable& peers, IoLoop& loop, boost::asio::ip::tcp::socket socket, IpAddress peer)
-    : peers_(peers), loop_(loop), socket_(std::move(socket)), peer_(peer), started_(Clock::now()) {}
+ProbeSink::ProbeSink(IoLoop& loop, boost::asio::ip::tcp::socket socket, PeerTable::Place place)
+    : loop_(loop), socket_(std::move(socket)), place_(std::move(place)), started_(Clock::now()) {}
 
 ProbeSink::~ProbeSink() {
     Abort();
@@ -43,7 +43,7 @@ void ProbeSink::Abort() {
     if (std::exchange(closed_, true)) return;
     boost::system::error_code ignored;
     socket_.close(ignored);
-    peers_.Release(peer_);
+    place_.reset();
     loop_.Remove(this);
 }
 

@@ -12,8 +12,7 @@ namespace kelhttp {
 /// the bandwidth of the link. Ends when the peer closes it, or after 30 seconds.
 class ProbeSink final : public LoopMember, public std::enable_shared_from_this<ProbeSink> {
   public:
-    /// The peer has been admitted to the table; the sink releases it.
-    ProbeSink(PeerTable& peers, IoLoop& loop, boost::asio::ip::tcp::socket socket, IpAddress peer);
+    ProbeSink(IoLoop& loop, boost::asio::ip::tcp::socket socket, PeerTable::Place place);
     ~ProbeSink() override;
 
     void Start();
@@ -23,10 +22,9 @@ class ProbeSink final : public LoopMember, public std::enable_shared_from_this<P
   private:
     void Wait();
 
-    PeerTable& peers_;
     IoLoop& loop_;
     boost::asio::ip::tcp::socket socket_;
-    const IpAddress peer_;
+    PeerTable::Place place_;  ///< until it is closed
     const Clock::time_point started_;
     bool closed_ = false;
 };

@@ -1,6 +1,7 @@
 #include "modules/http_protocol/server.h"
 
 #include <sys/resource.h>
+#include <algorithm>
 #include <boost/asio/ssl/context.hpp>
 #include <exception>
 #include <vector>
@@ -20,11 +21,23 @@ namespace {
 
 constexpr std::chrono::milliseconds kPatience{1500};
 
-void RaiseOpenFileLimit() {
+/// Descriptors that the rest of the agent needs.
+constexpr rlim_t kOtherFiles = 300;
+constexpr rlim_t kFewestConnections = 100;
+
+/// Raises the limit of open files and limits the connections to what it allows: without descriptors, not even
+/// this device's own could be accepted. A connection that is sent a file has two.
+ServerSettings WithinOpenFileLimit(ServerSettings settings) {
     rlimit limit{};
-    if (::getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur == limit.rlim_max) return;
+    if (::getrlimit(RLIMIT_NOFILE, &limit) != 0) return settings;
     limit.rlim_cur = limit.rlim_max;
     ::setrlimit(RLIMIT_NOFILE, &limit);
+    ::getrlimit(RLIMIT_NOFILE, &limit);
+    if (limit.rlim_cur == RLIM_INFINITY) return settings;
+    const rlim_t free = limit.rlim_cur - std::min(limit.rlim_cur, kOtherFiles);
+    const rlim_t most = std::max(free / 2, kFewestConnections);
+    settings.maxConnections = static_cast<int>(std::min(most, static_cast<rlim_t>(settings.maxConnections)));
+    return settings;
 }
 
 boost::asio::ip::tcp::socket MakeSocket(IoLoop& loop, UniqueFd& fd) {
@@ -35,7 +48,8 @@ boost::asio::ip::tcp::socket MakeSocket(IoLoop& loop, UniqueFd& fd) {
 
 struct Server::State {
     State(ServerSettings settings, AliasTable& aliases, const KelDebug& log)
-        : loops(static_cast<std::size_t>(settings.ioThreads)), context(std::move(settings), aliases, log) {}
+        : loops(static_cast<std::size_t>(settings.ioThreads)),
+          context(WithinOpenFileLimit(std::move(settings)), aliases, log) {}
 
     enum class Kind : unsigned char { Plain, Tls, Probe };
 
@@ -47,32 +61,48 @@ struct Server::State {
 
     /// Hands an accepted connection to the next loop.
     void Take(Kind kind, UniqueFd socket, IpAddress peer) {
-        if (!context.peers.Admit(peer)) {
-            context.log.Detail("Connection from %S refused: too many connections.\n", peer.ToText());
+        const PeerTable::Place place = context.peers.Admit(peer);
+        if (!place) {
+            context.failures.Failed(KelDebugLevel::Warning, "places",
+                                    KelFormat("Connection from %S refused: there are too many connections "
+                                              "with valid credentials; raise MaxConnections",
+                                              peer.ToText()));
             return;
         }
         IoLoop& loop = loops[next++ % loops.size()];
         const auto held = std::make_shared<UniqueFd>(std::move(socket));
-        loop.Post([this, kind, held, peer, &loop] {
+        loop.Post([this, kind, held, place, &loop] {
             try {
-                StartConnection(kind, loop, *held, peer);
+                StartConnection(kind, loop, *held, place);
             } catch (const std::exception& failure) {
-                context.peers.Release(peer);
-                context.log.Warning("Connection from %S dropped: %s.\n", peer.ToText(), failure.what());
+                context.log.Warning("Connection from %S dropped: %s.\n", place->Peer().ToText(),
+                                    failure.what());
             }
         });
     }
 
-    /// Throws only before there is a connection that releases the peer itself.
-    void StartConnection(Kind kind, IoLoop& loop, UniqueFd& fd, IpAddress peer) {
-        if (kind == Kind::Probe)
-            return std::make_shared<ProbeSink>(context.peers, loop, MakeSocket(loop, fd), peer)->Start();
-        std::unique_ptr<Channel> channel;
-        if (kind == Kind::Tls)
-            channel = std::make_unique<TlsChannel>(MakeSocket(loop, fd), *tls);
-        else
-            channel = std::make_unique<PlainChannel>(MakeSocket(loop, fd));
-        std::make_shared<Connection>(context, loop, std::move(channel), peer)->Start();
+    void StartConnection(Kind kind, IoLoop& loop, UniqueFd& fd, const PeerTable::Place& place) {
+        std::shared_ptr<LoopMember> member;
+        if (kind == Kind::Probe) {
+            const auto sink = std::make_shared<ProbeSink>(loop, MakeSocket(loop, fd), place);
+            sink->Start();
+            member = sink;
+        } else {
+            std::unique_ptr<Channel> channel;
+            if (kind == Kind::Tls)
+                channel = std::make_unique<TlsChannel>(MakeSocket(loop, fd), *tls);
+            else
+                channel = std::make_unique<PlainChannel>(MakeSocket(loop, fd));
+            const auto connection = std::make_shared<Connection>(context, loop, std::move(channel), place);
+            connection->Start();
+            member = connection;
+        }
+        const auto close = [weak = std::weak_ptr(member), &loop] {
+            loop.Post([weak] {
+                if (const auto evicted = weak.lock()) evicted->Abort();
+            });
+        };
+        if (!context.peers.SetClose(place, close)) member->Abort();
     }
 
     KelStatus OpenTls() {
@@ -120,7 +150,6 @@ KelStatus Server::Open() {
 }
 
 KelStatus Server::Run() {
-    RaiseOpenFileLimit();
     const auto listeners = {state_->listener, state_->sslListener, state_->probeListener};
     for (const auto& listener : listeners) {
         if (!listener) continue;

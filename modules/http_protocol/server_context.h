@@ -1,8 +1,12 @@
 #pragma once
 
+#include <algorithm>
+
 #include "kel/debug.h"
+#include "kelcore/failure_log.h"
 #include "modules/http_protocol/alias_table.h"
 #include "modules/http_protocol/digest_auth.h"
+#include "modules/http_protocol/guess_limit.h"
 #include "modules/http_protocol/peer_table.h"
 #include "modules/http_protocol/settings.h"
 #include "modules/http_protocol/worker_pool.h"
@@ -17,8 +21,7 @@ struct ServerContext {
           aliases(aliasTable),
           log(debug),
           auth(settings.userName, settings.password, settings.nonceLifetime),
-          peers(static_cast<std::size_t>(settings.maxConnections),
-                static_cast<std::size_t>(settings.maxConnectionsPerAddress)),
+          peers(LimitsFrom(settings)),
           actions(static_cast<std::size_t>(settings.workers), static_cast<std::size_t>(settings.workerQueue)),
           // A connection has at most one task here, so none is ever turned away.
           files(static_cast<std::size_t>(settings.fileWorkers),
@@ -29,8 +32,20 @@ struct ServerContext {
     const KelDebug& log;
     const DigestAuth auth;
     PeerTable peers;
+    GuessLimit guesses;
+    KelFailureLog failures{log};
     WorkerPool actions;  ///< action calls
     WorkerPool files;    ///< the disk's part of uploads, with the event at their end
+
+  private:
+    static PeerLimits LimitsFrom(const ServerSettings& settings) {
+        const auto all = static_cast<std::size_t>(settings.maxConnections);
+        // Three quarters of all places are for peers with credentials, the addresses of whom are known.
+        const auto strangers = std::min(static_cast<std::size_t>(settings.maxUnauthenticated), all / 4 + 1);
+        return {all, static_cast<std::size_t>(settings.maxConnectionsPerAddress), strangers,
+                static_cast<std::size_t>(settings.maxUnauthenticatedPerAddress),
+                IpAddress::Parse(settings.address).value_or(IpAddress())};
+    }
 };
 
 }  // namespace kelhttp
