@@ -8,6 +8,7 @@
 #include "kelcore/agent.h"
 #include "kelcore/call_origin.h"
 #include "kelcore/error_codes.h"
+#include "kelcore/security.h"
 #include "modules/http_protocol/multicast_actions.h"
 #include "modules/http_protocol/server.h"
 
@@ -74,6 +75,11 @@ bool HttpProtocol::Initialise() {
         return false;
     }
     settings.port = server->Port();
+    settings.sslPort = server->SslPort();
+    if (AgentSecuritySslForceSecCli() && settings.sslPort == 0)
+        Log().Warning(
+            "SslForce is set, but there is no CertificateFile in section Ssl: devices with SslForce "
+            "cannot call this device.\n");
     if (settings.bandwidthPort != 0) settings.bandwidthPort = server->BandwidthPort();
     auto receiver = std::make_unique<MulticastReceiver>(
         kelhttp::MulticastSettings{KelAgentGetAddress(), settings.password, settings.multicastTimeout,
@@ -103,6 +109,9 @@ bool HttpProtocol::Activate() {
         throw std::runtime_error("the HTTP server " + running.Error().message);
     const KelLock lock(mutex_);
     Log().Print("Listening on %S:%u.\n", settings_.address, static_cast<unsigned int>(settings_.port));
+    if (settings_.sslPort != 0)
+        Log().Print("Listening on %S:%u with TLS.\n", settings_.address,
+                    static_cast<unsigned int>(settings_.sslPort));
     return true;
 }
 
@@ -154,11 +163,17 @@ unsigned int HttpProtocol::DeleteAlias(KelContainer& container) {
     return kKelOk;
 }
 
+/// Where SslForce is set, other devices speak TLS only, so that the plain port is of no use to them.
+int HttpProtocol::PortForDevices() const {
+    return AgentSecuritySslForceSecCli() && settings_.sslPort != 0 ? settings_.sslPort : settings_.port;
+}
+
 unsigned int HttpProtocol::GetParams(KelContainer& container) const {
     KelContainer values;
     {
         const KelLock lock(mutex_);
-        values.SetInt32("Port", settings_.port);
+        values.SetInt32("Port", PortForDevices());
+        values.SetBool("Ssl", PortForDevices() != settings_.port);
         values.SetString("Address", settings_.address);
     }
     container.Clear();

@@ -22,7 +22,8 @@ class Server;
 ///   name; an empty path removes it. For callers on this device only, like the next.
 /// - HttpProtocolDeleteAlias (string AliasName, bool CompletelyRemove): with CompletelyRemove also every
 ///   alias below "AliasName/". An absent alias is no error.
-/// - HttpProtocolGetParams () -> Values{Port(int32), Address(string)}
+/// - HttpProtocolGetParams () -> Values{Port(int32), Ssl(bool), Address(string)}: where other devices call,
+///   and whether with TLS
 /// - HttpProtocolGetThreadCount (bool FirstTime) -> ThreadCount(int32): clients with long requests in
 ///   progress, at least 1; with FirstTime also BwPort, BwPingFrequency, BwClientCheckFrequency,
 ///   BwPingDuration (int32)
@@ -50,11 +51,15 @@ class HttpProtocol final : public KelModule {
     void Cleanup() override;
     std::optional<KelString> ServerAddress() const override;
     std::span<const IniSetting> IniSettings() const override { return kelhttp::ServerIniSettings(); }
+    void CheckIni(const IniFile& ini, KelVector<IniFault>& faults) const override {
+        kelhttp::CheckServerIni(ini, faults);
+    }
 
   private:
     unsigned int AddAlias(KelContainer& container);
     unsigned int DeleteAlias(KelContainer& container);
     unsigned int GetParams(KelContainer& container) const;
+    int PortForDevices() const KEL_REQUIRES(mutex_);
     unsigned int GetThreadCount(KelContainer& container) const;
 
     /// Null before Initialise has succeeded; afterwards valid until the destructor.
