@@ -193,6 +193,7 @@ unsigned int HttpClient::RunOnHandle(const HttpMessage& request, HttpMessage& an
                                .hasTimeout = exchangeTimeout_ > 0});
         result = exchange.Run();
         errorText_ = exchange.ErrorText();
+        if (exchange.HasUnsafeChallenge()) return result;
     }
     RememberScheme(*handle, secure);
     localAddress_ = LocalAddressOf(easy);

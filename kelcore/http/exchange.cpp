@@ -8,8 +8,10 @@
 #include <exception>
 #include <new>
 #include <span>
+#include <stdexcept>
 
 #include "kel/text.h"
+#include "kelcore/http/challenge.h"
 #include "kelcore/http/client.h"
 
 namespace {
@@ -201,6 +203,7 @@ unsigned int HttpExchange::Conclude(bool done, int code) {
     if (curlCode == CURLE_OK && !sink_.HasHeaders()) curlCode = CURLE_GOT_NOTHING;
     const bool whole = done && curlCode == CURLE_OK && stopped_ == 0;
     const unsigned int sunk = sink_.Finish(whole);
+    if (hasUnsafeChallenge_) return kHttpSecurity;
     if (stopped_ != 0) return stopped_;
     if (sunk != 0) {
         errorText_ = sink_.ErrorText();
@@ -239,6 +242,7 @@ void HttpExchange::TakeHeader(std::string_view line) {
         curl_easy_getinfo(handle_.Easy(), CURLINFO_RESPONSE_CODE, &status);
         const auto code = static_cast<unsigned int>(status);
         answering_ = code >= kHttpStatusOk && code != kHttpStatusUnauthorized;
+        isChallenge_ = code == kHttpStatusUnauthorized;
         sink_.OnStatus(code);
         return;
     }
@@ -250,7 +254,13 @@ void HttpExchange::TakeHeader(std::string_view line) {
     KelString name(line.substr(0, colon));
     std::transform(name.begin(), name.end(), name.begin(),
                    [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-    sink_.OnHeader(name, Trim(line.substr(colon + 1)));
+    const KelString value = Trim(line.substr(colon + 1));
+    // The library would answer any challenge. It passes the line on before it does.
+    if (isChallenge_ && name == "www-authenticate" && !IsSafeChallenge(value)) {
+        hasUnsafeChallenge_ = true;
+        throw std::runtime_error("the server asks for credentials in an unsafe way, not with SHA-256");
+    }
+    sink_.OnHeader(name, value);
 }
 
 std::size_t HttpExchange::OnBody(char* data, std::size_t size, std::size_t count, void* self) {

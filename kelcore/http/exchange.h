@@ -38,6 +38,8 @@ class HttpExchange {
 
     unsigned int Run();
     const KelString& ErrorText() const { return errorText_; }
+    /// The peer has challenged in a way that is not answered. The handle remembers the challenge: drop it.
+    bool HasUnsafeChallenge() const { return hasUnsafeChallenge_; }
 
   private:
     static std::size_t OnHeader(char* data, std::size_t size, std::size_t count, void* self);
@@ -71,6 +73,8 @@ class HttpExchange {
     HttpAnswerSink sink_;
     HttpSpeedWatch watch_;
     HttpSpeedWatch::Clock::time_point nextCheck_;
+    bool isChallenge_ = false;  ///< the answer that comes has status 401
+    bool hasUnsafeChallenge_ = false;
     bool answering_ = false;   ///< an answer has begun that no further request follows
     void* headers_ = nullptr;  ///< the library's list of request headers
     std::array<char, 256> curlError_{};

@@ -354,6 +354,22 @@ TEST_F(HttpDigestTest, AFileIsSentWholeAgainWhenTheNonceHasGoneStale) {
         EXPECT_EQ(seen.Header("authorization"), "") << "basic is never sent in the clear";
 }
 
+TEST_F(HttpDigestTest, NoOtherDigestThanSha256IsAnswered) {
+    for (const char* challenge :
+         {R"(Digest realm="kel", qop="auth", nonce="rogue", algorithm=MD5)",
+          R"(Digest realm="kel", qop="auth", nonce="rogue")", R"(digest nonce="rogue",algorithm="md5-sess")",
+          R"(Digest realm="algorithm=SHA-256, ", qop="auth", nonce="rogue")",
+          R"(Digest realm="\", algorithm=SHA-256, x=\"", nonce="rogue")",
+          R"(Digest algorithm=SHA-256, nonce="rogue", algorithm=MD5)",
+          R"(Digest algorithm=SHA-256, nonce="rogue", realm="open)"}) {
+        ServeAlways({401, KelString("WWW-Authenticate: ") + challenge + "\r\n"});
+        for (int i = 0; i < 2; ++i)
+            EXPECT_EQ(Exchange(), kHttpSecurity) << challenge;
+        for (const TestHttpServer::Request& seen : server_->Requests())
+            EXPECT_EQ(seen.Header("authorization"), "") << challenge;
+    }
+}
+
 TEST_F(HttpDigestTest, ManyClientsAtOnce) {
     std::atomic<int> good = 0;
     OnThreads(8, [&](int thread) {
