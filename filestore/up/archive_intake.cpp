@@ -31,6 +31,8 @@ constexpr int kTries = 5;
 constexpr std::uint64_t kPauseBetweenTries = 50;  // milliseconds
 /// Files whose rows get their status together: each change is a sync of the database.
 constexpr std::size_t kFilesPerChange = 100;
+/// Records of an archive without content that are logged one by one.
+constexpr std::uint32_t kAbsentLogged = 5;
 
 /// The folder into which an archive is unpacked, in the storage folder so that its files can be renamed into
 /// place. Removed at the end of the scope; one that a kill left is removed at the next start.
@@ -132,7 +134,6 @@ Intake Refuse(const FileOffer& file, const FileStoreEntry& archive, const char* 
 /// is not what its record says was changed after it had been listed, and enters as what it is now. A file
 /// that the sender passes on has come with this checksum and is damaged otherwise.
 Intake CheckContent(const KelString& path, FileOffer& file, const FileStoreEntry& archive) {
-    if (!FileExists(path)) return Refuse(file, archive, "the archive has no content of it");
     const std::int64_t size = FileGetSize64(path);
     KelString checksum;
     if (size < 0 || !FileMd5(path, checksum)) {
@@ -152,12 +153,11 @@ Intake CheckContent(const KelString& path, FileOffer& file, const FileStoreEntry
 
 /// Offers an unpacked file to the store as if the child had announced it, and puts its content in the place
 /// that the store gives it. `fileId` receives the row when it waits for the content.
-Intake EnterPackedFile(const KelContainer& record, const UnpackFolder& folder, const FileStoreEntry& archive,
+Intake EnterPackedFile(const KelContainer& record, const KelString& unpacked, const FileStoreEntry& archive,
                        std::uint64_t& fileId) {
     FileOffer file = FileOffer::Read(record);
     FileStore::debugFileStore.Print("CallbackThread: Processing file %S (from %S)\n", file.key.name,
                                     archive.FileName);
-    const KelString unpacked = UnpackedPath(record, folder);
     if (const Intake checked = CheckContent(unpacked, file, archive); checked != Intake::Done) return checked;
     file.upstream = true;
     for (auto* path : {&file.movePath, &file.copyPath, &file.filePath, &file.url})
@@ -186,20 +186,41 @@ Intake EnterPackedFile(const KelContainer& record, const UnpackFolder& folder, c
 bool EnterPackedFiles(const KelContainer& index, const UnpackFolder& folder, const FileStoreEntry& archive,
                       const KelString& targetStatus) {
     const std::uint32_t count = index.Has(kPackedFileValue) ? index.Count(kPackedFileValue) : 0;
+    std::uint32_t absent = 0;
     bool complete = true;
     for (std::uint32_t next = 0; next < count;) {
         IdList entered;
         for (; next < count && entered.Count() < kFilesPerChange; ++next) {
+            const KelContainer& record = index.GetContainer(kPackedFileValue, next);
+            const KelString unpacked = UnpackedPath(record, folder);
+            if (!FileExists(unpacked)) {
+                if (++absent <= kAbsentLogged)
+                    Refuse(FileOffer::Read(record), archive, "the archive has no content of it");
+                continue;
+            }
             std::uint64_t fileId = 0;
-            complete &= EnterPackedFile(index.GetContainer(kPackedFileValue, next), folder, archive,
-                                        fileId) != Intake::Failed;
+            complete &= EnterPackedFile(record, unpacked, archive, fileId) != Intake::Failed;
             if (fileId != 0) entered.Add(fileId);
         }
         if (!DirSyncFileSystem(FileStore::strStorageLocationToUse) ||
             !UpdateFileStatus(Side::Upstream, entered, targetStatus, NextTry::AtOnce))
             return false;
     }
+    if (absent > kAbsentLogged)
+        FileStore::debugFileStore.Error(
+            "CallbackThread: %S has no content of %u of the %u files in its index\n", archive.FileName,
+            absent, count);
     return complete;
+}
+
+/// Ends the work on an archive that can never be unpacked. Its row stays as it is; with its content, it would
+/// be unpacked again at every repair of the uploads, and take space for ever.
+bool RefuseArchive(const FileStoreEntry& archive, const KelString& path) {
+    FileStore::debugFileStore.Error(
+        "CallbackThread: The packedfile %S from %S cannot be used and is removed\n", archive.FileName,
+        archive.SourceDevice);
+    DeleteFileAndFolder(path);
+    return true;
 }
 
 }  // namespace
@@ -213,11 +234,12 @@ bool IsPackedArchive(const KelString& path) {
 bool UnpackArchive(KelThread& thread, const FileStoreEntry& archive, const KelString& targetStatus) {
     const KelString path = ContentPath(archive, Side::Upstream);
     const UnpackFolder folder(archive);
-    if (!HoldsPackedFilesOnly(archive, path)) return true;
+    if (!HoldsPackedFilesOnly(archive, path)) return RefuseArchive(archive, path);
     KelContainer index;
     Intake opened = Extract(thread, path, folder.Path());
     if (opened == Intake::Done) opened = ReadIndex(archive, folder.Path(kPackingIndexEntry), index);
-    if (opened != Intake::Done) return opened == Intake::Refused;
+    if (opened == Intake::Refused) return RefuseArchive(archive, path);
+    if (opened == Intake::Failed) return false;
     if (!EnterPackedFiles(index, folder, archive, targetStatus)) return false;
     FileStore::debugFileStore.Print("File %S processed\n", archive.FileName);
     if (!DeleteFileRow(Side::Upstream, archive.FileId)) return false;

@@ -92,7 +92,7 @@ TEST_F(ArchiveIntakeTest, ArchiveThatCannotBeUsedLeavesNoRows) {
         EXPECT_TRUE(Receive(row));
         EXPECT_EQ(CallsOf("CoreUtilsExtractFile").size() - callsBefore, extractions);
         EXPECT_EQ(Files(kUp, "FileStatus"), stays ? Texts{"RECEIVING"} : Texts{});
-        EXPECT_EQ(FileExists(archive), stays);
+        EXPECT_FALSE(FileExists(archive));
     }
 }
 
