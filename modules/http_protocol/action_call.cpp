@@ -14,6 +14,8 @@ namespace {
 /// Values in the arguments of a call; the largest calls, offers to the devices of a tree, have one for each
 /// device. Answers may hold more.
 constexpr std::size_t kMaxValues = 250'000;
+/// The same of the calls of scripts: a value takes about 200 bytes of memory, and as little as five in JSON.
+constexpr std::size_t kMaxJsonValues = 50'000;
 
 constexpr const char* kXmlType = "application/xml";
 constexpr const char* kJsonType = "application/json";
@@ -25,7 +27,7 @@ KelString MediaType(std::string_view field) {
 ActionAnswer Run(const ActionCall& call) {
     KelContainer container;
     const KelStatus parsed = call.bodyFormat == BodyFormat::Json
-                                 ? ContainerFromJson(call.body, container, kMaxValues)
+                                 ? ContainerFromJson(call.body, container, kMaxJsonValues)
                                  : container.LoadFromXML(call.body, kMaxValues);
     if (!parsed) return {400, 0, "text/plain", parsed.Error().message + "\n"};
     KelContainer info;

@@ -70,10 +70,10 @@ def write_files(folder, sizes, seed=1):
     return {name: folder / name for name in sizes}
 
 
-def zip_of(entries):
+def zip_of(entries, compression=zipfile.ZIP_STORED):
     """A zip file with these (name, content) entries."""
     buffer = io.BytesIO()
-    with zipfile.ZipFile(buffer, "w") as archive:
+    with zipfile.ZipFile(buffer, "w", compression) as archive:
         for name, content in entries:
             archive.writestr(name, content)
     return buffer.getvalue()

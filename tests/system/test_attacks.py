@@ -2,15 +2,14 @@
 
 import contextlib
 import os
-import pathlib
 import socket
-import stat
 import subprocess
 import unittest
+import zipfile
 
-from case import BUILD, SystemTest, collected_files, write_files, zip_of
+from case import BUILD, SystemTest, write_files, zip_of
 from digest_client import DigestClient
-from faults import Child, index_of, md5_of
+from faults import Child, index_of, md5_of, packed_entries
 from tree import AGENT_NAME, PASSWORD, Tree, free_port, sha256_of, wait_until
 
 FEW = {"MaxConnections": 400, "MaxUnauthenticated": 60, "MaxUnauthenticatedPerAddress": 20}
@@ -134,15 +133,19 @@ class StrangerTest(SystemTest):
                                  input=b" " * size, capture_output=True, timeout=120)
             self.assertTrue(run.stdout.endswith(b"413 0"), (kind, run.stdout, run.stderr))
 
-    def test_an_index_of_absent_files_ends_with_its_archive(self):
-        child = Child(self.master)
+    def test_nothing_is_left_of_refused_archives(self):
+        child, zeros = Child(self.master), {"zeros": b"\0" * (200 << 20)}
         absent = {f"absent{number}": b"" for number in range(20_000)}
-        content = zip_of([index_of(child, "T", absent)])
-        url = child.offer(("FileStorePackedFiles", "l", "absent.zip", md5_of(content)), len(content))
-        self.assertEqual(child.client.request("PUT", url, content)[0], 201)
-        wait_until(lambda: "has no content of 20000 of the 20000 files" in self.master.log(), 120, "the archive is examined")
-        stored = self.master.data / "FileStore" / "upstream"
-        wait_until(lambda: not list(stored.rglob("absent.zip")), 60, "the archive is gone")
+        archives = {"absent.zip": ([index_of(child, "T", absent)], "has no content of 20000 of the 20000 files"),
+                    "bomb.zip": ([index_of(child, "T", zeros), *packed_entries("T", zeros)], "Failed to extract packedfile")}
+        for name, (entries, _) in archives.items():
+            content = zip_of(entries, zipfile.ZIP_DEFLATED)
+            url = child.offer(("FileStorePackedFiles", "l", name, md5_of(content)), len(content))
+            self.assertEqual(child.client.request("PUT", url, content)[0], 201, name)
+        stored = self.master.data / "FileStore"
+        for name, (_, message) in archives.items():
+            wait_until(lambda: message in self.master.log(), 120, f"{name} is examined")
+            wait_until(lambda: not list(stored.rglob(name)), 60, f"{name} is gone")
         self.assertLess(self.master.log().count("absent1"), 20)
 
 
