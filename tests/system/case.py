@@ -5,10 +5,11 @@ import os
 import pathlib
 import random
 import sqlite3
+import subprocess
 import unittest
 import zipfile
 
-from tree import ActionFailed, wait_arrived, wait_until
+from tree import ActionFailed, free_port, wait_arrived, wait_until
 
 BUILD = os.environ.get("KEL_BUILD", "build/release")
 STOP_SECONDS = 5
@@ -77,6 +78,17 @@ def zip_of(entries, compression=zipfile.ZIP_STORED):
         for name, content in entries:
             archive.writestr(name, content)
     return buffer.getvalue()
+
+
+def use_tls(agent):
+    """Gives an agent that is not running a port with TLS; that, and its certificate."""
+    port, key, certificate = free_port(agent.address), agent.root / "key.pem", agent.root / "certificate.pem"
+    subprocess.run(["openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes", "-subj",
+                    "/CN=agent", "-addext", f"subjectAltName=IP:{agent.address}", "-keyout", key, "-out", certificate],
+                   check=True, capture_output=True)
+    for name, value in (("Port", port), ("CertificateFile", certificate), ("KeyFile", key)):
+        agent.set_ini("HttpProtocol", "Ssl", name, value)
+    return port, certificate
 
 
 def wait_for_part(agent, name, size, seconds=30):

@@ -8,8 +8,8 @@ import time
 import unittest
 from unittest import mock
 
-from case import BUILD, STOP_SECONDS, SystemTest, wait_for_part, write_files
-from tree import AGENT_NAME, PASSWORD, Tree, free_port, sha256_of, wait_until
+from case import BUILD, STOP_SECONDS, SystemTest, use_tls, wait_for_part, write_files
+from tree import AGENT_NAME, PASSWORD, Tree, sha256_of, wait_until
 
 PACED_KILOBITS = 20_000
 WATCHED_KILOBITS = 8_000
@@ -74,12 +74,7 @@ class TlsTest(SystemTest):
     def test_basic_credentials_and_ranges_over_tls(self):
         with Tree(BUILD, []) as tree:
             agent = tree.master
-            port, key, certificate = free_port(agent.address), tree.folder / "key.pem", tree.folder / "certificate.pem"
-            subprocess.run(["openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes",
-                            "-subj", "/CN=agent", "-addext", f"subjectAltName=IP:{agent.address}", "-keyout", key, "-out",
-                            certificate], check=True, capture_output=True)
-            for name, value in (("Port", port), ("CertificateFile", certificate), ("KeyFile", key)):
-                agent.set_ini("HttpProtocol", "Ssl", name, value)
+            port, certificate = use_tls(agent)
             # The system's settings forbid old versions by themselves; the agent has to refuse them without their help.
             lax = tree.folder / "openssl.cnf"
             lax.write_text("openssl_conf=a\n[a]\nssl_conf=b\n[b]\nsystem_default=c\n"

@@ -56,7 +56,7 @@ TEST_F(RequestTest, ActionsSeeTheAddressOfTheCallerWhateverItSays) {
 }
 
 TEST_F(RequestTest, RefusesWhatIsNoCall) {
-    Start("MaxActionBytes=2000\nMaxHeaderBytes=2000\n");
+    Start("MaxActionBytes=2000\nMaxJsonBytes=1024\nMaxHeaderBytes=2000\n");
     const std::string big(3000, 'x');
     const std::string params = "POST /Action/HttpProtocolGetParams";
     struct Case {
@@ -67,6 +67,7 @@ TEST_F(RequestTest, RefusesWhatIsNoCall) {
          {Case{404, "POST /Action/None"}, Case{404, "POST /Action/"}, Case{404, "POST /Files/data"},
           Case{400, params, "", "<Container>"}, Case{400, params, "Content-Type: application/json\r\n", "{"},
           Case{415, params, "Content-Type: text/plain\r\n", "x"}, Case{413, params, "", big},
+          Case{413, params, "Content-Type: application/json\r\n", big.substr(1500)},
           Case{411, params, "Transfer-Encoding: chunked\r\n"},
           Case{400, params, "Content-Length: 4\r\nTransfer-Encoding: chunked\r\n"},
           Case{400, params, "Content-Length: 4\r\nContent-Length: 5\r\n"},
