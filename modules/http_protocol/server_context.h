@@ -40,7 +40,7 @@ struct ServerContext {
   private:
     static PeerLimits LimitsFrom(const ServerSettings& settings) {
         const auto all = static_cast<std::size_t>(settings.maxConnections);
-        // Three quarters of all places are for peers with credentials, the addresses of whom are known.
+        // Strangers of known and of unknown addresses take a quarter of all places each, at most.
         const auto strangers = std::min(static_cast<std::size_t>(settings.maxUnauthenticated), all / 4 + 1);
         return {all, static_cast<std::size_t>(settings.maxConnectionsPerAddress), strangers,
                 static_cast<std::size_t>(settings.maxUnauthenticatedPerAddress),

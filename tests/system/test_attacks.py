@@ -72,7 +72,7 @@ class StrangerTest(SystemTest):
     def connect(self, source):
         return socket.create_connection((self.master.address, self.master.port), 30, (source, 0))
 
-    def test_silent_connections_lock_nobody_out(self):
+    def test_silent_connections_keep_no_others_out(self):
         with contextlib.ExitStack() as held:
             for source in (*(neighbour(self.master, n) for n in (101, 102, 103)), "127.0.0.1"):
                 for _ in range(3 * FEW["MaxConnections"] // 4):
