@@ -164,7 +164,8 @@ IniFile::IniFile(IniFile&& other) noexcept = default;
 IniFile& IniFile::operator=(IniFile&& other) noexcept = default;
 
 const KelString& IniFile::Path() const {
-    return content_->path;
+    static const KelString none;
+    return content_ ? content_->path : none;
 }
 
 bool IniFile::Open(const KelString& path) {

@@ -29,7 +29,7 @@ class IniFile {
     bool Open(const KelString& path);
     void Close();
 
-    /// The path that it was opened with.
+    /// The path that it was opened with; empty when it is not open.
     const KelString& Path() const;
 
     /// The value at (section, key), or `fallback` when it is missing or not of that type; true when it was
