@@ -87,7 +87,7 @@ struct Row : FileStoreSetting {
 
 std::span<const FileStoreSetting> Table() {
     using F = FileStore;
-    static const std::array<FileStoreSetting, 33> table = {{
+    static const std::array<FileStoreSetting, 34> table = {{
         Row("FileStore", "Timeout", 300, &F::ulTimeout).Between(300, kMost).Then(Effect::TimeToLive),
         Row("FileStore", "PushTimeout", 300, &F::ulPushTimeout).Between(300, kMost).Then(Effect::TimeToLive),
         Row("FileStore", "PullTimeout", 300, &F::ulPullTimeout).Between(300, kMost).Then(Effect::TimeToLive),
