@@ -39,8 +39,9 @@ unsigned int ResumedUploads::Put(HttpTransfer& transfer, const FileStoreEntry& e
         const unsigned int result = transfer.Run(request, answer, entry.Bypass);
         if (result != kHttpCompleted || answer.GetStatus() == kHttpStatusUnavailable) return result;
         request.SetBodyOffset(OffsetOf(answer, path));
-        FileStore::debugFileStore.Print("PushThread: Going on with %S behind the first %gu bytes\n",
-                                        entry.Key().Text(), request.GetBodyOffset());
+        if (request.GetBodyOffset() > 0)
+            FileStore::debugFileStore.Print("PushThread: Going on with %S behind the first %gu bytes\n",
+                                            entry.Key().Text(), request.GetBodyOffset());
     }
     request.SetMethod(HttpMethod::Put);
     request.SetBodyFile(path);

@@ -61,6 +61,21 @@ class Window(SystemTest):
             self.assertEqual(parts, [])
             self.end(tree)
 
+    def test_transfers_keep_to_the_rate_together(self):
+        with FaultTree([0], proxies=["relay1"]) as tree:
+            relay, proxy = tree.relays[0], tree.relays[0].proxy
+            tree.start()
+            self.set_window(relay, "16M")
+            [path] = write_files(tree.folder / "files", {"down.bin": 40 * MB}).values()
+            tree.publish([path])
+            relay.send(*write_files(tree.folder / "files", {"up.bin": 40 * MB}, 2).values())
+            wait_until(lambda: min(proxy.passed.values()) > MB, 60, "both directions move")
+            begin, passed = time.monotonic(), sum(proxy.passed.values())
+            time.sleep(12)
+            passed = sum(proxy.passed.values()) - passed
+            megabits = passed * 8 / (time.monotonic() - begin) / 1e6
+            self.assertLess(megabits, 16 * 1.05)
+
 
 if __name__ == "__main__":
     unittest.main()
