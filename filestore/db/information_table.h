@@ -12,6 +12,8 @@ inline constexpr const char* kTableDatabaseInformation = "DatabaseInformation";
 
 /// Where the store lies: the field's value is the storage folder in use, ending with "/".
 inline constexpr const char* kStorageLocationField = "FileStorageCurrentPath";
+/// The HTTP port that this device had when it was activated last.
+inline constexpr const char* kPortField = "HttpPort";
 /// Present while stored device URLs still name an earlier port of this device.
 inline constexpr const char* kPortUpdateField = "HttpPortUpdate";
 

@@ -76,28 +76,48 @@ TEST_F(StorageLocation, MalformedSettingsMoveNothing) {
     EXPECT_EQ(Content(path), "content");
 }
 
-TEST_F(StorageLocation, PortChangeRewritesDevicesOnEveryLevel) {
-    for (const char* source : {"10.0.80.1:80/G1", "nothing"})
-        AddFile(kDown, "n", "AVAILABLE", KelFormat("SourceDevice = '%s'", source));
-    const auto tree = [](const char* port) {
-        const KelString child = KelFormat("h2:%s/G2/02/10.0.0.2/255.0.0.0", port);
-        return Make({{KelFormat("h1:%s/G1/02/10.0.0.1/255.0.0.0", port), Make({{child, KelContainer()}})}})
-            .SaveToXML();
+TEST_F(StorageLocation, PortChangeRewritesThisDeviceOnEveryLevelAndNoOther) {
+    const auto own = [](const char* port) { return KelFormat("h1:%s/%s", port, kGuid); };
+    const auto tree = [&own](const char* port) {
+        const KelString child = "h2:80/G2/02/10.0.0.2/255.0.0.0";
+        return Make({{own(port) + "/02/10.0.0.1/255.0.0.0", Make({{child, KelContainer()}})}}).SaveToXML();
     };
-    AddTarget(1, 1, "h1:80/G1/02");
-    AddTarget(1, 2, "");
+    for (const KelString& source : {own("80"), KelString("10.0.80.1:80/G1"), KelString("nothing")})
+        AddFile(kDown, "n", "AVAILABLE", KelFormat("SourceDevice = '%S'", source));
+    AddTarget(1, 1, own("80") + "/02");
+    AddTarget(1, 2, "h2:80/G2/02");
+    AddTarget(1, 3, "");
     Rows(kDown, KelFormat("UPDATE Targets SET DevicePath = '%Q' WHERE TargetId = 1", tree("80")));
-    const KelString none = Cell(kDown, "SELECT DevicePath FROM Targets WHERE TargetId = 2");
-    for (const char* port : {"80", "1610"}) {
-        if (port == KelString("1610"))  // asked for
-            Rows(kDown,
-                 "INSERT INTO DatabaseInformation (FieldName, FieldValue) VALUES ('HttpPortUpdate', '1')");
+    Rows(kDown, KelFormat("UPDATE Targets SET DevicePath = '%S/h2:80/G2' WHERE TargetId = 2", own("80")));
+    const KelString none = Cell(kDown, "SELECT DevicePath FROM Targets WHERE TargetId = 3");
+    const KelString marker =
+        "INSERT INTO DatabaseInformation (FieldName, FieldValue) VALUES ('HttpPortUpdate', '1')";
+    // the port; whether a change was left over; what the rows name then
+    for (const auto& [port, mark, after] : Table<int, bool, const char*>{{80, false, "80"},
+                                                                         {-1, true, "80"},
+                                                                         {80, false, "80"},
+                                                                         {1610, false, "1610"},
+                                                                         {1610, false, "1610"},
+                                                                         {-1, false, "1610"},
+                                                                         {0, false, "1610"},
+                                                                         {99, false, "99"}}) {
+        SCOPED_TRACE(port);
+        const KelString before = Cell(kDown, "SELECT SourceDevice FROM Files WHERE FileId = 1");
+        if (mark) Rows(kDown, marker);
+        httpValues = port == 0 ? KelContainer() : Make({{"Port", port}});
+        {
+            const auto full = Refuse(kDown, "UPDATE ON Targets");
+            FileStore::UpdateHttpPort();
+            EXPECT_EQ(Cell(kDown, "SELECT SourceDevice FROM Files WHERE FileId = 1"), before);
+        }
         FileStore::UpdateHttpPort();
-        EXPECT_EQ(Files(kDown, "SourceDevice"), (Texts{KelFormat("10.0.80.1:%s/G1", port), "nothing"}));
+        EXPECT_EQ(Files(kDown, "SourceDevice"), (Texts{own(after), "10.0.80.1:80/G1", "nothing"}));
         EXPECT_EQ(Targets("DeviceGUID, DevicePath"),
-                  (Texts{KelFormat("h1:%s/G1/02|%S", port, tree(port)), "|" + none}));
+                  (Texts{own(after) + "/02|" + tree(after), "h2:80/G2/02|" + own(after) + "/h2:80/G2",
+                         "|" + none}));
+        EXPECT_EQ(Cell(kDown, "SELECT 1 FROM DatabaseInformation WHERE FieldName = 'HttpPortUpdate'"),
+                  mark ? "1" : "");
     }
-    EXPECT_EQ(Cell(kDown, "SELECT 1 FROM DatabaseInformation WHERE FieldName = 'HttpPortUpdate'"), "");
 }
 
 TEST_F(StorageLocation, CorruptedPackagesAreAskedForAgain) {
