@@ -3,6 +3,7 @@
 #include <sstream>
 
 #include "http_server_fixture.h"
+#include "kelcore/file_lease.h"
 
 namespace {
 
@@ -51,6 +52,22 @@ TEST_F(FileGetTest, ValidatorsDecideOnPartsAndCopies) {
     WriteFile("data", "abcdefghijk");
     EXPECT_EQ(client.AskGranted("GET", "/Files/data", part).body, "abcdefghijk");
     EXPECT_EQ(client.AskGranted("GET", "/Files/data", noneMatch).status, 200);
+}
+
+TEST_F(FileGetTest, FileIsInUseWhileItIsSentAndNotServedWhileItIsRemoved) {
+    constexpr std::uintmax_t kMoreThanBuffersHold = std::uintmax_t{256} << 20;
+    WriteFile("data", "x");
+    std::filesystem::resize_file(File("data"), kMoreThanBuffersHold);
+    {
+        HttpTestClient client = Connect();
+        client.Send(client.Head("GET", "/Files/data"));
+        ASSERT_TRUE(client.TakeHead());
+        EXPECT_FALSE(KelFileClaim(File("data")));
+    }
+    EXPECT_TRUE(Eventually([this] { return static_cast<bool>(KelFileClaim(File("data"))); }));
+    HttpTestClient client = Connect();
+    const KelFileClaim removal(File("data"));
+    EXPECT_EQ(client.AskGranted("HEAD", "/Files/data").status, 404);
 }
 
 TEST_F(FileGetTest, NothingOutsideAnAliasIsServed) {
