@@ -40,6 +40,9 @@ constexpr char kHeldPackages[] =
     "SELECT %s FROM Files WHERE (FileType = 'OperationalRulePackage' OR FileType = 'OperationalRuleScript') "
     "AND "
     "(FileStatus = '%s' OR FileStatus = '%s')";
+constexpr char kExternal[] =
+    "SELECT %s FROM Files INDEXED BY FilesExternal WHERE ExternalFile <> 0 AND Files.FileId > %lu ORDER BY "
+    "Files.FileId LIMIT %u";
 constexpr char kSourceDevices[] = "SELECT FileId, SourceDevice FROM Files";
 
 constexpr char kWaiting[] = "SELECT %s FROM Files WHERE FileStatus IN ('%s', '%s') %s AND %S %S %s LIMIT %u";
@@ -177,8 +180,8 @@ FileRows SelectFilesOfContent(const KelString& name, const KelString& checksum) 
 std::optional<FileRows> SelectFilesOfKey(const FileKey& key) {
     const KelString content = key.checksum.empty() ? KelString() : KelFormat(kWithChecksum, key.checksum);
     const auto result = FileStoreGetDatabase(Side::Downstream)
-                            .connection.Query(KelFormat(kOfName, FileStoreEntry::kColumns, key.type, key.label,
-                                                        key.name, content));
+                            .connection.Query(KelFormat(kOfName, FileStoreEntry::kColumns, key.type,
+                                                        key.label, key.name, content));
     if (!result) return std::nullopt;
     FileRows files(result->GetRowCount());
     for (std::size_t i = 0; i < files.size(); ++i) {
@@ -206,6 +209,10 @@ FileRows SelectHeldPackages(std::uint64_t fileId) {
         KelFormat(kHeldPackages, FileStoreEntry::kColumns, kStatusAvailable, kStatusNotRelaysChild);
     if (fileId != 0) statement += KelFormat(" AND FileId = %lu", fileId);
     return SelectDownstream(statement);
+}
+
+FileRows SelectExternalFiles(Side side, std::uint64_t after, unsigned int limit) {
+    return ReadFiles(Query(side, KelFormat(kExternal, FileStoreEntry::kColumns, after, limit)));
 }
 
 KelVector<FileSource> SelectSourceDevices() {

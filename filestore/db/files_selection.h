@@ -52,6 +52,9 @@ struct FileSource {
 };
 KelVector<FileSource> SelectSourceDevices();
 
+/// Files of either side whose content lies outside the store, in the order of their FileIds, behind `after`.
+FileRows SelectExternalFiles(Side side, std::uint64_t after, unsigned int limit);
+
 // ---- upstream
 
 /// What the upload policy and the window let pass.

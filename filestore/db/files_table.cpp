@@ -79,6 +79,10 @@ constexpr char kRequestDownloads[] =
 constexpr char kOfferUploads[] =
     "UPDATE Files SET FileStatus = '%s', LastStatusChangeTime = 0 WHERE FileStatus = '%s'";
 constexpr char kSetMissing[] = "UPDATE Files SET FileStatus = '%s' WHERE FileId = %lu";
+constexpr char kSetExternalMissing[] =
+    "UPDATE Files SET FileStatus = '%s', LastStatusChangeTime = 0, ExternalFile = 0, FilePath = '', FileURL "
+    "= "
+    "'' WHERE FileId = %lu";
 constexpr char kSetReceivedByMulticast[] =
     "UPDATE Files SET FileSize = %lu, FileStatus = '%s', LastStatusChangeTime = 0, Acknowledged = 0, "
     "TransportMode "
@@ -270,6 +274,10 @@ void TurnToNewParent() {
 
 bool SetMissing(std::uint64_t fileId) {
     return ChangeDownstream(KelFormat(kSetMissing, kStatusMissing, fileId));
+}
+
+bool SetExternalMissing(std::uint64_t fileId) {
+    return ChangeDownstream(KelFormat(kSetExternalMissing, kStatusMissing, fileId));
 }
 
 bool SetReceivedByMulticast(std::uint64_t fileId, std::uint64_t size) {

@@ -98,6 +98,8 @@ bool SetNotRelaysChild(const KelString& name, const KelString& checksum);
 bool SetLastRequestTime(std::uint64_t fileId, std::int64_t time);
 /// A package or script whose content is damaged or gone.
 bool SetMissing(std::uint64_t fileId);
+/// The same of content outside the store: the file is one of the store from now on.
+bool SetExternalMissing(std::uint64_t fileId);
 /// A multicast reception is complete at `size` bytes. Leaves a row alone that does not wait for it.
 bool SetReceivedByMulticast(std::uint64_t fileId, std::uint64_t size);
 /// Files awaited by multicast under `url` are asked for again, and fetched by unicast.

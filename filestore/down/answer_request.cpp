@@ -10,6 +10,7 @@
 #include "filestore/packages/package_repository.h"
 #include "filestore/state/bandwidth_manager.h"
 #include "filestore/state/contact.h"
+#include "filestore/state/external_content.h"
 #include "filestore/state/file_store.h"
 #include "kelcore/action_db.h"
 #include "kelcore/error_codes.h"
@@ -156,10 +157,6 @@ InStore AnswerFromStore(const Request& request, std::uint64_t& fileId, Answer& a
     if (entry.FileStatus != answer.status)  // not once more when the row is looked at again
         FileStore::debugFileStore.Print("File %S already exists in database, status %S\n", entry.FileName,
                                         entry.FileStatus);
-    if (entry.FileStatus == kStatusNotRelaysChild) {
-        FileStore::UpdateScriptAndPackageStatus(fileId);
-        entry.LoadFromDatabase(fileId, Side::Downstream);
-    }
     answer.status = entry.FileStatus;
     answer.keepCopy = entry.KeepCopy;
     if (entry.FileStatus != kStatusAvailable) return InStore::NotHere;
@@ -170,6 +167,15 @@ InStore AnswerFromStore(const Request& request, std::uint64_t& fileId, Answer& a
     return InStore::Answered;
 }
 
+/// Looks whether the content is there that the row of a file promises; without a lock, because the disk may
+/// be slow.
+void VerifyContent(const FileKey& key) {
+    FileStoreEntry entry(key);
+    if (!LoadKnownFile(Side::Downstream, entry)) return;
+    if (entry.FileStatus == kStatusNotRelaysChild) FileStore::UpdateScriptAndPackageStatus(entry.FileId);
+    ForgetIfGone(entry);
+}
+
 /// A file that is not here but in the package repository becomes available; the requester gets it when it
 /// asks again. The requester becomes a target of a known file that is still on its way, unless the repository
 /// holds other content under the same name. A device that has yet to learn that the file is withdrawn misses
@@ -178,6 +184,7 @@ Answer AnswerRequest(const Request& request) {
     Answer answer;
     if (!request.deviceGuid.empty() && IsBeingWithdrawn(request.file.Key(), request.deviceGuid))
         return answer;
+    VerifyContent(request.file.Key());
     std::uint64_t fileId = 0;
     {
         const KelLock lock(FileStore::mutexDownstream);

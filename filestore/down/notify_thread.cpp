@@ -12,6 +12,7 @@
 #include "filestore/db/targets_table.h"
 #include "filestore/down/announcement.h"
 #include "filestore/state/bandwidth_manager.h"
+#include "filestore/state/external_content.h"
 #include "filestore/state/file_store.h"
 #include "filestore/state/removal.h"
 #include "filestore/state/settings.h"
@@ -98,6 +99,7 @@ KelVector<KelVector<FileTarget>> ByDevice(KelVector<FileTarget> rows, Announceme
     KelVector<KelVector<FileTarget>> devices;
     KelHash<KelString, std::size_t> known;
     for (FileTarget& row : rows) {
+        if (ForgetIfGone(row.file)) continue;
         if (!ReplaceByRuleFile(row)) {
             outcome.failed.Add(row.target.TargetId);
         } else if (CheckDestination(row, outcome)) {
@@ -109,14 +111,15 @@ KelVector<KelVector<FileTarget>> ByDevice(KelVector<FileTarget> rows, Announceme
     return devices;
 }
 
-/// Keeps files from being removed while they are announced, and drops the rows of those that are gone.
+/// Keeps files from being removed while they are announced, and drops the rows of those that are gone or have
+/// lost their content.
 KelVector<FileInUse> Use(KelVector<FileTarget>& rows) {
     KelVector<FileInUse> inUse;
     for (const FileTarget& row : rows)
         inUse.emplace_back(Side::Downstream, row.file);
     std::erase_if(rows, [](const FileTarget& row) {
         const auto status = LookUpStatus(Side::Downstream, row.file.FileId);
-        return status && status->empty();
+        return (status && status->empty()) || ForgetIfGone(row.file);
     });
     return inUse;
 }

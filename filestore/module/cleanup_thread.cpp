@@ -16,6 +16,7 @@ bool FileStoreDeleteThread::DoWork() {
     RecordUnknownFiles();
     AskParent();
     RunPasses();
+    externalFiles_.Run();
     return false;
 }
 

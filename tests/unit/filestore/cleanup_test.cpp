@@ -1,4 +1,5 @@
 #include "filestore/db/callback_table.h"
+#include "filestore/down/notify_thread.h"
 #include "filestore/file_store_fixture.h"
 #include "filestore/module/cleanup_thread.h"
 #include "filestore/state/removal.h"
@@ -173,6 +174,33 @@ TEST_F(Cleanup, ManyFilesGoInPiecesAndNothingGoesWhenTheDatabaseRefuses) {
     EXPECT_EQ(DirList(InStore("downstream/t/l/c")), Texts{"kept"});
     EXPECT_FALSE(DirExists(InStore("upstream/t/l/c")));
     EXPECT_FALSE(NextArrivedFile(0));
+}
+
+TEST_F(Cleanup, FileOutsideTheStoreIsForgottenWithItsContent) {
+    const KelString outside =
+        "Acknowledged = 1, FileURL = '/Packages/n', ExternalFile = 1, FilePath = '" + Root() + "/outside/n'";
+    for (const auto& [step, side, isGone, hasTarget, left] :
+         Table<const char*, Side, bool, bool, const char*>{
+             {"pass", kDown, false, true, "AVAILABLE|1|/Packages/n"},
+             {"pass", kDown, true, true, "MISSING|0|"},
+             {"pass", kDown, true, false, ""},
+             {"pass", kUp, false, false, "AVAILABLE|1|/Packages/n"},
+             {"pass", kUp, true, false, ""},
+             {"request", kDown, true, false, "MISSING|0|"},
+             {"announcement", kDown, true, true, "MISSING|0|"}}) {
+        const auto trace = Begin(KelFormat("%s %s", step, left));
+        const std::uint64_t fileId = AddStored(side, "n", "AVAILABLE", outside);
+        if (hasTarget) AddTarget(fileId, 1, "127.0.1.9:1/G");
+        Rows(kDown, "UPDATE Targets SET TargetCreateTime = 9999999999");
+        if (isGone) FileDelete(Load(side, fileId).FilePath);
+        if (step == KelString("pass")) Clean();
+        if (step == KelString("announcement")) FileStoreNotifyThread().NotifyUnicastTargets(0, 0);
+        if (step == KelString("request")) {
+            const KelContainer key = Make({{"FileType", "t"}, {"FileLabel", "l"}, {"FileName", "n"}});
+            EXPECT_EQ(Ask("FileStoreRequestFile", key).GetString("FileURL"), "");
+        }
+        EXPECT_EQ(Cell(side, "SELECT FileStatus, ExternalFile, FileURL FROM Files"), left);
+    }
 }
 
 TEST_F(Cleanup, RelayModuleRemovesItsCopyWithTheLastPackageOfAName) {

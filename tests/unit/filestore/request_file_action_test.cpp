@@ -83,8 +83,7 @@ TEST_F(RequestFileActionTest, NetworkPackageIsServedAndAnnouncedFromTheRulePacka
     const KelString url = "/FileStore/downstream/OperationalRulePackage/l/c/n";
     for (const KelString type : {"OperationalRuleNetworkPackage", "OperationalRelayPackage"}) {
         const auto trace = Begin(type);
-        AddFile(kDown, "n", "AVAILABLE",
-                "FileType = 'OperationalRulePackage', Acknowledged = 1, FilePath = '" + path + "'");
+        AddStored(kDown, "n", "AVAILABLE", "FileType = 'OperationalRulePackage', Acknowledged = 1");
         for (int repetition = 0; repetition < 2; ++repetition)
             EXPECT_EQ(AskAs("", {{"FileType", type}}).GetString("FileURL"), url);
         EXPECT_EQ(FileStore::threadNotify.NotifyUnicastTargets(0, 0), 1);
