@@ -71,6 +71,46 @@ class KillTest(SystemTest):
                     self.assertEqual(tree.master.log().count(f"Collected Kill/kill/{name} "), 1, name)
                 self.end_with_each_file_once(tree, [tree.master], upstream=True)
 
+    def test_kills_during_removals_leave_no_row_without_content_and_take_no_delivered_file(self):
+        """Time to live is a minute of the test: the first kills come while files are transferred and delivered ones
+        removed, the others while the rest is removed."""
+        time_to_live = 60 * SPEED
+        with Tree(BUILD, [1], VirtualClock(SPEED)) as tree:
+            relay, client = tree.relays[0], tree.clients[0]
+            for agent in tree.agents:
+                agent.set_ini("FileStore", "FileStore", "TimeToLive", time_to_live)
+                agent.set_ini("FileStore", "FileStore", "QueueGap", 1)
+            tree.start()
+            files = self.kill_during_transfers(tree, [relay, client], 4, 100_000,
+                                               lambda paths: tree.publish(paths, "Kill", "kill"))
+            expected = {("kill", name): digest for name, digest in files.items()}
+            tree.wait_delivered(expected, tree.devices, SECONDS_TO_ARRIVE)
+
+            def left(agent):
+                return [file for file in agent.stored_files() if file["type"] == "Kill"]
+
+            end = time.monotonic() + 60 + SECONDS_TO_ARRIVE
+            while any(left(agent) for agent in tree.devices):
+                self.assertLess(time.monotonic(), end, "files stay in the store")
+                time.sleep(self.random.uniform(0.5, 2))
+                agent = self.random.choice(tree.devices)
+                agent.kill()
+                print(f"killed {agent.name}", flush=True)
+                tree.run(agent)
+                agent.wait_ready()
+            for agent in tree.devices:
+                self.assertEqual({key: sha256_of(path) for key, path in agent.inbox().items() if key[0] == "kill"},
+                                 expected, agent.name)
+            self.end(tree)
+            for agent in tree.agents:
+                for upstream in (False, True):
+                    held = rows(agent, "SELECT FilePath FROM Files WHERE FileStatus = "
+                                       "'_AGTMOD_FILESTORESTATUS_AVAILABLE_'", upstream)
+                    gone = [path for path, in held if not os.path.exists(path)]
+                    self.assertEqual(gone, [], agent.name)
+                self.assertEqual(rows(agent, "SELECT FileId FROM Targets WHERE FileId NOT IN (SELECT FileId FROM Files)"),
+                                 [], agent.name)
+
 
 if __name__ == "__main__":
     unittest.main()
