@@ -62,6 +62,9 @@ constexpr char kOfKey[] =
     "SELECT %s FROM Files WHERE FileType = '%Q' AND FileLabel = '%Q' AND FileName = '%Q' AND FileChecksum = "
     "'%Q'";
 
+constexpr char kSumOfSizes[] =
+    "SELECT SUM(FileSize) FROM Files INDEXED BY FilesHeld WHERE ExternalFile = 0 AND FileStatus IN (%S)";
+
 constexpr char kListed[] =
     "SELECT FileId, FileType, FileLabel, FileName, FileChecksum, FileStatus, FileSize, FilePath, "
     "Acknowledged FROM Files "
@@ -278,6 +281,16 @@ std::optional<FileRows> SelectUpstreamFiles(const FileKey& key) {
 bool HasFiles(Side side) {
     const auto result = FileStoreGetDatabase(side).connection.Query("SELECT FileId FROM Files LIMIT 1");
     return !result || result->GetRowCount() != 0;
+}
+
+std::uint64_t SumOfSizes(Side side) {
+    const KelVector<KelString> held = {kStatusAvailable,   kStatusUnicastAvailable, kStatusNotRelaysChild,
+                                       kStatusToBeHandled, kStatusToBeUploaded,     kStatusToBePacked,
+                                       kStatusPackedFile,  kStatusUploading};
+    const auto result = Query(side, KelFormat(kSumOfSizes, QuotedList(held)));
+    return result && result->GetRowCount() != 0
+               ? static_cast<std::uint64_t>(result->GetInt64(0, std::size_t{0}))
+               : 0;
 }
 
 std::optional<ListOrder> MakeListOrder(const KelString& column, const KelString& direction) {

@@ -86,6 +86,9 @@ std::optional<FileRows> SelectUpstreamFiles(const FileKey& key);
 /// True also when the statement failed.
 bool HasFiles(Side side);
 
+/// Bytes of the files of a side whose content is in the store. Reads an index entry of each.
+std::uint64_t SumOfSizes(Side side);
+
 /// What a list shows of a file: a store may hold millions, so only that is read.
 struct ListedFile {
     std::uint64_t fileId = 0;

@@ -18,6 +18,7 @@
 #include "filestore/state/parent.h"
 #include "filestore/state/removal.h"
 #include "filestore/state/settings.h"
+#include "filestore/state/store_space.h"
 #include "filestore/state/waiting_reasons.h"
 #include "kel/directory.h"
 #include "kel/file.h"
@@ -84,7 +85,7 @@ void NoteTransfer(const FileStoreEntry& file, WaitingReason reason) {
     reason.bytes = present;
     reason.whole = size;
     if (reason.code == Waiting::DiskFull) {
-        DiskFree(FileStore::strStorageLocationToUse, reason.bytes);
+        SpaceFor(FileStore::strStorageLocationToUse, reason.bytes);
         reason.whole = size - std::min(size, present);
     }
     NoteWhy(file, std::move(reason));
@@ -172,6 +173,7 @@ int FileStorePullThread::DownloadFile() {
     const Space space = ExamineSpace(file, attempt.largest);
     if (space == Space::TooLittle) PostponeDownload(file.FileId);
     if (space != Space::Enough) return 0;
+    SpaceReservation reserved(BytesToFetch(file));
     if (const KelString folder = FolderOf(file); !PathCreate(folder)) {
         LogDownloadFailure(
             file, KelDebugLevel::Error,
@@ -192,6 +194,7 @@ int FileStorePullThread::DownloadFile() {
     }
     const bool isMulticast = file.MulticastPort != 0 && !file.MulticastAddress.empty();
     const bool recorded = isMulticast ? ListenToMulticast(file) : FetchByUnicast(file, sender, attempt);
+    if (ReadFileStatus(Side::Downstream, file.FileId) == kStatusAvailable) reserved.Complete();
     return recorded ? 1 : 0;
 }
 

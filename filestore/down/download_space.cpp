@@ -5,8 +5,8 @@
 #include "filestore/db/file_status.h"
 #include "filestore/down/download_outcome.h"
 #include "filestore/state/file_store.h"
+#include "filestore/state/store_space.h"
 #include "filestore/state/waiting_reasons.h"
-#include "kel/directory.h"
 #include "kel/file.h"
 
 namespace filestore {
@@ -15,16 +15,11 @@ namespace {
 
 constexpr unsigned int kPathNotFound = 3;  ///< DiskFree
 
-/// Bytes that a file of unknown size leaves free: databases and acknowledgements need them.
-constexpr std::uint64_t kReserve = std::uint64_t{64} << 20;
-
 /// Bytes that are accepted of a file whose size cannot be learnt.
 constexpr std::uint64_t kLargestUnannounced = std::uint64_t{1} << 30;
 
-/// Bytes free where the file's folder is or will be made. 0, or the error of DiskFree.
 unsigned int FreeSpace(const FileStoreEntry& file, std::uint64_t& bytes) {
-    const unsigned int error = DiskFree(FileStore::StoreFolder(Side::Downstream, file.Key()), bytes);
-    return error == kPathNotFound ? DiskFree(FileStore::strStorageLocationToUse, bytes) : error;
+    return SpaceFor(FileStore::StoreFolder(Side::Downstream, file.Key()), bytes);
 }
 
 /// Bytes that the download overwrites or goes on from.
@@ -57,7 +52,7 @@ Space ExamineUnannounced(FileStoreEntry& file, std::uint64_t& largest) {
     // A storage folder that does not exist is reported when the file's folder is made.
     if (const unsigned int error = FreeSpace(file, free); error != 0)
         return error == kPathNotFound ? Space::Enough : Space::Unknown;
-    const std::uint64_t room = free + BytesOnDisk(file) - std::min(free, kReserve);
+    const std::uint64_t room = free + BytesOnDisk(file);
     if (largest <= room) return Space::Enough;
     if (file.FileSize > 0 || room == 0) return TooLittle(file, room, largest);
     largest = room;
@@ -66,15 +61,20 @@ Space ExamineUnannounced(FileStoreEntry& file, std::uint64_t& largest) {
 
 }  // namespace
 
+std::uint64_t BytesToFetch(const FileStoreEntry& file) {
+    const auto whole = static_cast<std::uint64_t>(std::max<std::int64_t>(file.FileSize, 0));
+    return whole - std::min(whole, BytesOnDisk(file));
+}
+
 Space ExamineSpace(FileStoreEntry& file, std::uint64_t& largest) {
     if (MayHaveAnyContent(file)) file.FileSize = 0;
     if (file.FileSize == 0) return ExamineUnannounced(file, largest);
     largest = static_cast<std::uint64_t>(file.FileSize);
-    if (!FileStore::fCheckAvailableFreeSpaceBeforeDownloading) return Space::Enough;
+    if (!FileStore::fCheckAvailableFreeSpaceBeforeDownloading && !IsSpaceLimited()) return Space::Enough;
     std::uint64_t free = 0;
     if (const unsigned int error = FreeSpace(file, free); error != 0)
         return error == kPathNotFound ? Space::Enough : Space::Unknown;
-    const std::uint64_t needed = largest - std::min(largest, BytesOnDisk(file));
+    const std::uint64_t needed = BytesToFetch(file);
     return needed <= free ? Space::Enough : TooLittle(file, free, needed);
 }
 

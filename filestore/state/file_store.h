@@ -241,6 +241,8 @@ class FileStore {
     static std::atomic<std::uint32_t> ulPushTimeout;
     static std::atomic<std::uint32_t> ulPullTimeout;
     static std::atomic<bool> fCheckAvailableFreeSpaceBeforeDownloading;
+    static std::atomic<std::uint32_t> ulFreeSpaceReserve;  ///< megabytes
+    static std::atomic<std::uint32_t> ulStoreQuota;        ///< megabytes; 0: none
     static std::atomic<bool> fEnableDialupDownloads;
     static std::atomic<bool> fEnableDialupUploads;
     static std::atomic<std::uint32_t> ulThresholdForDownloads;

@@ -87,7 +87,7 @@ struct Row : FileStoreSetting {
 
 std::span<const FileStoreSetting> Table() {
     using F = FileStore;
-    static const std::array<FileStoreSetting, 34> table = {{
+    static const std::array<FileStoreSetting, 36> table = {{
         Row("FileStore", "Timeout", 300, &F::ulTimeout).Between(300, kMost).Then(Effect::TimeToLive),
         Row("FileStore", "PushTimeout", 300, &F::ulPushTimeout).Between(300, kMost).Then(Effect::TimeToLive),
         Row("FileStore", "PullTimeout", 300, &F::ulPullTimeout).Between(300, kMost).Then(Effect::TimeToLive),
@@ -95,6 +95,8 @@ std::span<const FileStoreSetting> Table() {
         Row("FileStore", "QueueGap", 30, {}).ReadAt(Read::WhenUsed),
         Row("FileStore", "CheckAvailableFreeSpaceBeforeDownloading", false,
             &F::fCheckAvailableFreeSpaceBeforeDownloading),
+        Row("FileStore", "FreeSpaceReserve", 64, &F::ulFreeSpaceReserve),
+        Row("FileStore", "StoreQuota", 0, &F::ulStoreQuota),
         Row("FileStore", "EnableDialupDownloads", true, &F::fEnableDialupDownloads),
         Row("FileStore", "EnableDialupUploads", true, &F::fEnableDialupUploads),
         Row("FileStore", "ThresholdForDownloads", 0, &F::ulThresholdForDownloads),

@@ -11,6 +11,7 @@
 #include "filestore/state/file_store.h"
 #include "filestore/state/removal.h"
 #include "filestore/state/store_layout.h"
+#include "filestore/state/store_space.h"
 #include "filestore/up/upload_check.h"
 #include "filestore/up/upstream_file.h"
 #include "kel/file.h"
@@ -24,6 +25,8 @@ namespace {
 
 /// Under which FileStore::failures knows that folders of the store cannot be made.
 constexpr const char* kFolderFailure = "offered folder";
+/// The same of space.
+constexpr const char* kSpaceFailure = "offered space";
 
 /// A package that an administrated relay passes on keeps the device it came from; anything else is ours.
 KelString SourceDevice(const KelContainer& arguments) {
@@ -103,6 +106,21 @@ bool IsReceived(const UpstreamFile& file, bool repeated) {
                        [&file](const char* status) { return file.row->FileStatus == status; });
 }
 
+/// False, logged, when the store may not take so much: the sender offers the file again later.
+bool HasRoomFor(const FileStoreEntry& entry) {
+    std::uint64_t room = 0;
+    if (!IsSpaceLimited() || SpaceFor(FileStore::StoreFolder(Side::Upstream, entry.Key()), room) != 0 ||
+        static_cast<std::uint64_t>(entry.FileSize) <= room) {
+        FileStore::failures.Succeeded(kSpaceFailure, "There is room for offered files again");
+        return true;
+    }
+    FileStore::failures.Failed(
+        KelDebugLevel::Error, kSpaceFailure,
+        KelFormat("Refusing the offer of %S: it has %ld bytes, and there is room for %lu; make room in %S",
+                  entry.Key().Text(), entry.FileSize, room, FileStore::strStorageLocationToUse));
+    return false;
+}
+
 /// Expects the content by PUT: under the row that the file has already, otherwise under a new one.
 /// `isReceived` says that the file is here already.
 unsigned int Expect(FileStoreEntry& entry, bool& isReceived) {
@@ -170,6 +188,7 @@ unsigned int ReceiveUpstreamRemote(KelContainer& arguments, Offer& offer) {
     entry.Upstream = true;
     entry.TransportMode = kTransportUnicast;
     entry.FileStatus = kStatusReceiving;
+    if (!HasRoomFor(entry)) return kKelErrorNotAvailable;
     bool isReceived = false;
     if (const unsigned int error = Expect(entry, isReceived); error != kKelOk) return error;
     arguments.Clear();

@@ -130,39 +130,39 @@ class StoreMoveTest(SystemTest):
 
     def test_a_kill_at_any_moment_leaves_one_complete_store(self):
         with Tree(BUILD, [1]) as tree, tempfile.TemporaryDirectory(dir="/dev/shm") as memory:
-            home, away = tree.clients[0].data / "FileStore", pathlib.Path(memory) / "store"
+            home, away = tree.relays[0].data / "FileStore", pathlib.Path(memory) / "store"
             if os.stat(memory).st_dev == os.stat(tree.folder).st_dev:
                 self.skipTest("there is one file system only")
             tree.start()
-            client, relay = tree.clients[0], tree.relays[0]
+            agent, parent = tree.relays[0], tree.master
             down = write_files(tree.folder / "down", {f"{i}.bin": 5000 for i in range(30)})
             tree.publish(down.values(), "Move", "move")
-            tree.wait_delivered({("move", name): sha256_of(path) for name, path in down.items()}, [client], 60)
-            relay.kill()
+            tree.wait_delivered({("move", name): sha256_of(path) for name, path in down.items()}, [agent], 60)
+            parent.kill()
             sent = write_files(tree.folder / "up", {f"{i}.bin": 1000 * i + 1 for i in range(300)})
-            expected = client.send(*sent.values(), kind="Move", label="move")
-            client.kill()
+            expected = agent.send(*sent.values(), kind="Move", label="move")
+            agent.kill()
             files = self.files_at(home)
             self.assertEqual(len(files), 330)
             for _ in range(KILLS):
-                goal = away if self.place_in_force(client) == home else home
-                client.set_ini("FileStore", "Directories", "FileStorage", goal)
-                moves = client.log().count("Moving the store from")
-                client.start()
-                wait_until(lambda: client.log().count("Moving the store from") > moves, 60, "the move begins")
+                goal = away if self.place_in_force(agent) == home else home
+                agent.set_ini("FileStore", "Directories", "FileStorage", goal)
+                moves = agent.log().count("Moving the store from")
+                agent.start()
+                wait_until(lambda: agent.log().count("Moving the store from") > moves, 60, "the move begins")
                 time.sleep(random.uniform(0, 0.12))
-                client.kill()
-                place = self.place_in_force(client)
+                agent.kill()
+                place = self.place_in_force(agent)
                 print(f"killed, the store is {'away' if place == away else 'at home'}", flush=True)
                 self.assertEqual(self.files_at(place), files)
-            client.set_ini("FileStore", "Directories", "FileStorage", away)
-            tree.run(client)
+            agent.set_ini("FileStore", "Directories", "FileStorage", away)
+            tree.run(agent)
             self.assertEqual(self.files_at(home), {})
             self.assertEqual(self.files_at(away), files)
-            tree.run(relay)
+            tree.run(parent)
             wait_collected(tree.master, expected, 60)
             self.end(tree)
-            self.assertEqual({path for (path,) in rows(client, "SELECT FilePath FROM Files WHERE FileType = 'Move'")},
+            self.assertEqual({path for (path,) in rows(agent, "SELECT FilePath FROM Files WHERE FileType = 'Move'")},
                              {str(away / path) for path in files if path.parts[0] == "downstream"})
 
 

@@ -23,7 +23,7 @@ TEST_F(Settings, CommentsOfTheShippedFileNameTheDefaults) {
     SetIni("FileStore", "QueueGap", "30");
     FileStore::ReadSettings();
     const KelContainer defaults = Get();
-    EXPECT_EQ(defaults.GetNameCount(), 33U);
+    EXPECT_EQ(defaults.GetNameCount(), 35U);
     KelString section;
     int count = 0;
     std::istringstream shipped(TempFolder::Read(KEL_SOURCE_DIR "/filestore/FileStore.ini"));
@@ -34,7 +34,7 @@ TEST_F(Settings, CommentsOfTheShippedFileNameTheDefaults) {
         SetIni(section, parts[1], parts[2]);
         ++count;
     }
-    EXPECT_GE(count, 33);
+    EXPECT_GE(count, 35);
     FileStore::ReadSettings();
     FileStoreReadUploadPolicy();
     EXPECT_EQ(Get(), defaults);

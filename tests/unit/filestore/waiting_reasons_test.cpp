@@ -97,12 +97,28 @@ TEST_F(WaitingReasonsTest, StepsNoteWhatStoppedThemAndForgetItWhenTheFileMovesOn
     FileStoreHandleThread().HandleFile(kUp);
     EXPECT_EQ(ReasonOf(kUp, handled).GetString("Message"), "TestConsume wants it later");
 
-    FileStore::fCheckAvailableFreeSpaceBeforeDownloading = true;
-    const std::uint64_t large = Wanted("FileSize = 9000000000000000000");
-    Pull();
-    FileStore::fCheckAvailableFreeSpaceBeforeDownloading = false;
-    EXPECT_EQ(Read(ReasonOf(kDown, large), "Code Size"), "disk_full|9000000000000000000");
-    EXPECT_EQ(filestore::Reasons().GetSpaceShortage().files, 1U);
+    // The store holds some bytes.
+    constexpr std::uint32_t kWholeDisk = 2'000'000'000;
+    std::uint64_t large = 0;
+    for (const auto& [quota, reserve, size, isFull] :
+         Table<std::uint32_t, std::uint32_t, std::int64_t, bool>{{0, 64, 9'000'000'000'000'000'000, true},
+                                                                 {0, kWholeDisk, 100, true},
+                                                                 {2, 0, 2 << 20, true},
+                                                                 {1, 0, 1'000'000, false},
+                                                                 {3, 0, 3 << 20, true}}) {
+        FileStore::ulStoreQuota = quota;
+        FileStore::ulFreeSpaceReserve = reserve;
+        if (large != 0) Set(kDown, large, "FileStatus = #OBSOLETE#");
+        large = Wanted(KelFormat("FileSize = %ld", size));
+        Pull();
+        EXPECT_EQ(ReasonOf(kDown, large).GetString("Code") == "disk_full", isFull) << size;
+        const KelContainer offer = From(Offer("u", TextMd5("x")), "127.0.1.9");
+        EXPECT_EQ(Receive(offer, {{"Upstream", true}, {"FileSize", size}, {"SourceDevice", kChild}}),
+                  isFull ? kKelErrorNotAvailable : kKelOk);
+    }
+    FileStore::ulStoreQuota = 0;
+    FileStore::ulFreeSpaceReserve = 64;
+    EXPECT_EQ(Read(ReasonOf(kDown, large), "Code Size"), "disk_full|3145728");
     // The number is given to another file.
     Set(kDown, large, KelFormat("CreateTime = %ld", std::time(nullptr) + 5));
     EXPECT_NE(ReasonOf(kDown, large).GetString("Code"), "disk_full");
