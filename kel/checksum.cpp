@@ -41,12 +41,11 @@ class Digest {
     std::unique_ptr<EVP_MD_CTX, Free> context_;
 };
 
-bool DigestOf(int fd, const EVP_MD* method, KelString& digest, const std::function<bool()>& stopped = {}) {
-    Digest state(method);
+bool AddRest(int fd, std::uint64_t begin, Digest& state, const std::function<bool()>& stopped = {}) {
     const auto buffer = std::make_unique_for_overwrite<char[]>(kReadBytes);
-    // The whole file is read once from start to end: a longer read-ahead pays.
+    // It is read once from start to end: a longer read-ahead pays.
     ::posix_fadvise(fd, 0, 0, POSIX_FADV_SEQUENTIAL);
-    for (off_t offset = 0;;) {
+    for (auto offset = static_cast<off_t>(begin);;) {
         if (stopped && stopped()) {
             errno = ECANCELED;
             return false;
@@ -54,18 +53,19 @@ bool DigestOf(int fd, const EVP_MD* method, KelString& digest, const std::functi
         const ssize_t got = ::pread(fd, buffer.get(), kReadBytes, offset);
         if (got < 0 && errno == EINTR) continue;
         if (got < 0) return false;
-        if (got == 0) break;
+        if (got == 0) return true;
         state.Add(buffer.get(), static_cast<std::size_t>(got));
         offset += got;
     }
-    digest = state.Text();
-    return true;
 }
 
 bool DigestOf(const KelString& path, const EVP_MD* method, KelString& digest) {
     // O_NONBLOCK: a pipe must not block the open.
     const UniqueFd fd(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
-    return fd && DigestOf(fd.Get(), method, digest);
+    Digest state(method);
+    if (!fd || !AddRest(fd.Get(), 0, state)) return false;
+    digest = state.Text();
+    return true;
 }
 
 struct FreeMethod {
@@ -84,8 +84,25 @@ bool FileMd5(const KelString& path, KelString& digest) {
     return DigestOf(path, EVP_md5(), digest);
 }
 
-bool FileMd5(int fd, KelString& digest, const std::function<bool()>& stopped) {
-    return DigestOf(fd, EVP_md5(), digest, stopped);
+struct Md5Digest::State : Digest {
+    using Digest::Digest;
+};
+
+Md5Digest::Md5Digest() : state_(std::make_unique<State>(EVP_md5())) {}
+Md5Digest::~Md5Digest() = default;
+Md5Digest::Md5Digest(Md5Digest&&) noexcept = default;
+Md5Digest& Md5Digest::operator=(Md5Digest&&) noexcept = default;
+
+void Md5Digest::Add(std::string_view bytes) {
+    state_->Add(bytes.data(), bytes.size());
+}
+
+bool Md5Digest::AddFile(int fd, std::uint64_t offset, const std::function<bool()>& stopped) {
+    return AddRest(fd, offset, *state_, stopped);
+}
+
+KelString Md5Digest::Text() {
+    return state_->Text();
 }
 
 bool FileSha256(const KelString& path, KelString& digest) {

@@ -1,7 +1,9 @@
 #pragma once
 
+#include <cstdint>
 #include <functional>
 #include <initializer_list>
+#include <memory>
 #include <string_view>
 
 #include "kel/types.h"
@@ -9,9 +11,28 @@
 /// The MD5 digest (RFC 1321) of a file as 32 lower-case hexadecimal digits; false when it cannot be read.
 bool FileMd5(const KelString& path, KelString& digest);
 
-/// The same of an open descriptor, read from its start to its end with pread; the file position stays.
-/// `stopped` is asked before each piece of 1 MiB; when it answers true, the call fails with ECANCELED.
-bool FileMd5(int fd, KelString& digest, const std::function<bool()>& stopped = {});
+/// The MD5 digest of content that comes in pieces. One thread at a time.
+class Md5Digest {
+  public:
+    Md5Digest();
+    ~Md5Digest();
+    Md5Digest(Md5Digest&&) noexcept;
+    Md5Digest& operator=(Md5Digest&&) noexcept;
+
+    void Add(std::string_view bytes);
+
+    /// Adds what an open file has from `offset` to its end, read with pread; the file position stays. False
+    /// when it cannot be read. `stopped` is asked before each piece of 1 MiB; when it answers true, the call
+    /// fails with ECANCELED.
+    bool AddFile(int fd, std::uint64_t offset, const std::function<bool()>& stopped = {});
+
+    /// 32 lower-case hexadecimal digits. Nothing can be added after that.
+    KelString Text();
+
+  private:
+    struct State;
+    std::unique_ptr<State> state_;
+};
 
 /// The SHA-256 digest (FIPS 180-4) of a file as 64 lower-case hexadecimal digits; false when it cannot be
 /// read.

@@ -219,7 +219,7 @@ void MulticastReceiver::ReceiveFrom(std::uint64_t id) {
         reception = found->second;
     }
     const auto datagrams = reader_.Read(reception->Socket());
-    const bool isComplete = reception->Take(datagrams, reader_.KernelDrops());
+    const bool isComplete = reception->Take(datagrams, reader_.KernelDrops(), reader_.IsFull());
     if (isComplete || reception->GetState() == State::Failed) {
         ::epoll_ctl(epoll_.Get(), EPOLL_CTL_DEL, reception->Socket(), nullptr);
         reception->Leave();

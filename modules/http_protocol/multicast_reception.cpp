@@ -64,6 +64,8 @@ KelStatus MulticastReception::Restart() {
     if (file_.Create(order_.transfer.fileSize) != nullptr)
         return SystemError("There is no room for", order_.localPath);
     blocks_.Clear();
+    digest_ = {};
+    hashedBlocks_ = 0;
     counts_ = {};
     lastHeard_ = Clock::now();
     state_ = State::Listening;
@@ -74,7 +76,8 @@ void MulticastReception::Leave() {
     socket_.Leave(*IpAddress::Parse(order_.transfer.group), local_);
 }
 
-bool MulticastReception::Take(std::span<const std::string_view> datagrams, std::uint32_t kernelDrops) {
+bool MulticastReception::Take(std::span<const std::string_view> datagrams, std::uint32_t kernelDrops,
+                              bool isBehind) {
     const std::lock_guard lock(mutex_);
     if (kernelDrops != 0) counts_.lost += kernelDrops - std::exchange(kernelDrops_, kernelDrops);
     if (state_ != State::Listening) return false;
@@ -84,6 +87,7 @@ bool MulticastReception::Take(std::span<const std::string_view> datagrams, std::
         hasHeard = Examine(datagram) || hasHeard;
     if (hasHeard) lastHeard_ = Clock::now();
     if (!WriteAccepted()) return false;
+    if (!isBehind) HashAccepted();
     if (!blocks_.IsComplete()) return false;
     SetState(State::Verifying);
     return true;
@@ -161,6 +165,16 @@ bool MulticastReception::WriteRun(std::size_t first, std::size_t count) {
     return true;
 }
 
+/// Without losses, the checksum is known with the last block. From the first block on that was lost, or for
+/// which there was no time, the file is read at the end.
+void MulticastReception::HashAccepted() {
+    for (const Accepted& accepted : accepted_) {
+        if (accepted.block != hashedBlocks_) continue;
+        digest_.Add(accepted.body);
+        ++hashedBlocks_;
+    }
+}
+
 void MulticastReception::Finish(const std::function<bool()>& stopped) {
     if (!Verify(stopped)) return;
     if (const char* const failed = PutInPlace()) {
@@ -183,9 +197,9 @@ void MulticastReception::Finish(const std::function<bool()>& stopped) {
 }
 
 bool MulticastReception::Verify(const std::function<bool()>& stopped) {
-    KelString digest;
-    const bool isRead = FileMd5(file_.Get(), digest,
-                                [this, &stopped] { return stopped() || GetState() != State::Verifying; });
+    const bool isRead =
+        digest_.AddFile(file_.Get(), std::uint64_t{hashedBlocks_} * order_.blockSize,
+                        [this, &stopped] { return stopped() || GetState() != State::Verifying; });
     if (!isRead && errno == ECANCELED) return false;
     const std::lock_guard lock(mutex_);
     if (state_ != State::Verifying) return false;
@@ -193,6 +207,7 @@ bool MulticastReception::Verify(const std::function<bool()>& stopped) {
         Fail("read");
         return false;
     }
+    const KelString digest = digest_.Text();
     if (digest == order_.checksum) return true;
     log_.Warning("Multicast %S:%u: %S has arrived with the checksum %S instead of %S; it is dropped.\n",
                  order_.transfer.group, unsigned{order_.transfer.port}, order_.transfer.urlPath, digest,

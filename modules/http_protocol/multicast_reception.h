@@ -10,6 +10,7 @@
 #include <string_view>
 #include <vector>
 
+#include "kel/checksum.h"
 #include "kel/debug.h"
 #include "kel/result.h"
 #include "kelcore/multicast/datagram.h"
@@ -71,9 +72,9 @@ class MulticastReception {
     /// Leaves the group: nothing more is needed from it. For the receiving thread, like Take.
     void Leave();
 
-    /// Takes the datagrams that were read from the socket, in their order. True when this has completed the
-    /// file, so that Finish is to be called.
-    bool Take(std::span<const std::string_view> datagrams, std::uint32_t kernelDrops);
+    /// Takes the datagrams that were read from the socket, in their order; `isBehind`: more are waiting
+    /// there. True when this has completed the file, so that Finish is to be called.
+    bool Take(std::span<const std::string_view> datagrams, std::uint32_t kernelDrops, bool isBehind);
 
     /// Verifies the content, puts the file in place and triggers the event HttpProtocolCallbackPut. `stopped`
     /// is asked while the content is read; when it answers true, nothing more is done.
@@ -106,6 +107,7 @@ class MulticastReception {
     bool Examine(std::string_view bytes);
     bool WriteAccepted();
     bool WriteRun(std::size_t first, std::size_t count);
+    void HashAccepted();
     bool Verify(const std::function<bool()>& stopped);
     const char* PutInPlace();
     void Fail(const char* what);
@@ -133,6 +135,8 @@ class MulticastReception {
     State state_ = State::Listening;
     UnfinishedFile file_;
     BlockMap blocks_;
+    Md5Digest digest_;                ///< of the blocks before hashedBlocks_
+    std::uint32_t hashedBlocks_ = 0;  ///< how many of the first blocks were hashed when they came
     MulticastCounts counts_;
     Clock::time_point lastHeard_ = Clock::now();
 };
