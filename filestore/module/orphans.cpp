@@ -14,6 +14,7 @@
 #include "kel/file.h"
 #include "kel/file_times.h"
 #include "kel/text.h"
+#include "kelcore/file_lease.h"
 
 using namespace filestore;
 
@@ -101,9 +102,9 @@ void Search::LookIn(const KelString& folder) {
 void Search::LookAt(const KelString& path) {
     const std::int64_t changed = FileLastChange(path);
     if (changed < 0 || changed >= oldest_) return;
-    // An offer of content that is here already is recorded under this mutex.
-    const KelLock lock(FileStoreGetDatabase(side_).mutex);
-    if (IsNamed(path)) return;
+    // An offer of content that is here already holds a lease of it until its row is recorded.
+    const KelFileClaim claim(path);
+    if (!claim || IsNamed(path)) return;
     Report(path, static_cast<std::uint64_t>(std::max<std::int64_t>(FileGetSize64(path), 0)));
     if (removes_) DeleteFileAndFolder(path);
 }
