@@ -1,10 +1,13 @@
-// Cost of one step of the notify, pull, push and handler threads as the database grows:
-//   filestore_rows_bench [ROWS...]      default: 10000 100000 1000000
-// Prints the median elapsed and processor time of a step in milliseconds. The database is created in the
-// folder for temporary files (TMPDIR).
+// Cost of one step of the notify, pull, push and handler threads and of the passes of the cleanup thread as
+// the database grows:
+//   filestore_rows_bench [--cleanup] [ROWS...]      default: 10000 100000 1000000
+// Prints the median elapsed and processor time of a step in milliseconds, and of the removal of rows the rate
+// and what another thread waits. With --cleanup only the passes. The database is created in the folder for
+// temporary files (TMPDIR).
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -13,11 +16,14 @@
 #include <fstream>
 #include <functional>
 #include <limits>
+#include <thread>
 
 #include "filestore/db/file_key.h"
 #include "filestore/db/file_status.h"
 #include "filestore/down/notify_thread.h"
 #include "filestore/down/pull_thread.h"
+#include "filestore/module/cleanup_passes.h"
+#include "filestore/packages/unused_packages.h"
 #include "filestore/state/bandwidth_manager.h"
 #include "filestore/state/file_store.h"
 #include "filestore/up/handle_thread.h"
@@ -227,6 +233,113 @@ void MeasureUpstream(unsigned long rows) {
             [] { Expect(!FileStore::threadHandler.HandleFile(Side::Upstream), "a file to handle"); });
 }
 
+/// What another thread waits at most for a mutex and one statement of its database, in milliseconds.
+class LongestWait {
+  public:
+    explicit LongestWait(Side side)
+        : thread_([this, side] {
+              while (!end_) {
+                  const auto start = std::chrono::steady_clock::now();
+                  {
+                      const FileStoreDatabase database = FileStoreGetDatabase(side);
+                      const KelLock lock(database.mutex);
+                      database.connection.Query("SELECT FileId FROM Files LIMIT 1");
+                  }
+                  const std::chrono::duration<double, std::milli> waited =
+                      std::chrono::steady_clock::now() - start;
+                  longest_ = std::max(longest_, waited.count());
+                  std::this_thread::sleep_for(std::chrono::microseconds(200));
+              }
+          }) {}
+    double Stop() {
+        end_ = true;
+        thread_.join();
+        return longest_;
+    }
+
+  private:
+    std::atomic<bool> end_ = false;
+    double longest_ = 0;
+    std::thread thread_;
+};
+
+const filestore::PassHost kHost = {
+    [] { return false; },
+    [](std::chrono::steady_clock::duration held) {
+        std::this_thread::sleep_for(
+            std::max<std::chrono::steady_clock::duration>(held, std::chrono::milliseconds(1)));
+    }};
+
+/// Removes some rows beside a thread that uses the same database.
+void MeasureRemoval(const char* what, Side side, const char* table, const std::function<void()>& pass) {
+    const auto count = [&] {
+        const auto rows =
+            FileStoreGetDatabase(side).connection.Query(KelFormat("SELECT COUNT(*) FROM %s", table));
+        return rows->GetInt64(0, std::size_t{0});
+    };
+    const std::int64_t before = count();
+    LongestWait wait(side);
+    const auto start = std::chrono::steady_clock::now();
+    pass();
+    const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    const double longest = wait.Stop();
+    const auto removed = static_cast<double>(before - count());
+    std::printf("%-44s %9.0f removed %7.2f s %9.0f/s, longest wait of another thread %6.1f ms\n", what,
+                removed, seconds, removed / seconds, longest);
+    std::fflush(stdout);
+}
+
+/// The times of the rows that the other benchmarks make begin at this one.
+constexpr std::int64_t kFirstTime = 1000000;
+constexpr std::int64_t kRemoved = 50000;
+
+void SetBound(std::int64_t time) {
+    FileStore::ulTimeToLive = static_cast<std::uint32_t>(std::time(nullptr) - time);
+}
+
+/// The passes of the cleanup thread on a relay.
+void MeasureCleanup(unsigned long rows) {
+    const std::int64_t now = std::time(nullptr);
+    FileStore::eKeepCopyMask = 2;
+    FileStore::fRelayEnabled = true;
+    FillFiles(rows, filestore::kStatusAvailable, now);
+    FillTargets(rows, "'host:1/G' || i", now);
+    FillUpstream(rows, filestore::kStatusToBeUploaded, now);
+    const unsigned long every = std::max(rows / static_cast<unsigned long>(kRemoved), 1UL);
+    SetBound(kFirstTime);
+    for (const Side side : {Side::Downstream, Side::Upstream}) {
+        Measure(side == Side::Upstream ? "delivered files upstream, none" : "delivered files, none", rows,
+                [side, now] { filestore::DeleteFiles(side, now, kHost); });
+        Measure(side == Side::Upstream ? "outdated files upstream, none" : "outdated files, none", rows,
+                [side, now] { filestore::KillFiles(side, now, kHost); });
+    }
+    Measure("unused packages, none", rows, [now] { filestore::KillPackages(now, true, kHost); });
+    Measure("outdated targets, none", rows, [now] { filestore::KillTargets(now, kHost); });
+
+    // Files that have targets come first; they stay.
+    SetBound(kFirstTime + static_cast<std::int64_t>(rows / kTargetsPerFile) + kRemoved);
+    MeasureRemoval("delivered files", Side::Downstream, "Files",
+                   [now] { filestore::DeleteFiles(Side::Downstream, now, kHost); });
+    FileStore::pDbConnectionDownstream->Query(
+        KelFormat("UPDATE Targets SET TargetCreateTime = 1 WHERE TargetId %% %lu = 0", every));
+    SetBound(1000);
+    MeasureRemoval("outdated targets", Side::Downstream, "Targets",
+                   [now] { filestore::KillTargets(now, kHost); });
+    FileStore::pDbConnectionDownstream->Query(
+        KelFormat("UPDATE Files SET FileType = 'OperationalRulePackage' WHERE FileId %% %lu = 0", every));
+    MeasureRemoval("unused packages", Side::Downstream, "Files",
+                   [now] { filestore::KillPackages(now, true, kHost); });
+    SetBound(kFirstTime + kRemoved);
+    MeasureRemoval("outdated files with 100 targets each", Side::Downstream, "Files",
+                   [now] { filestore::KillFiles(Side::Downstream, now, kHost); });
+    MeasureRemoval("outdated files upstream", Side::Upstream, "Files",
+                   [now] { filestore::KillFiles(Side::Upstream, now, kHost); });
+    FileStore::pDbConnectionUpstream->Query(KelFormat("UPDATE Files SET FileStatus = '%s' WHERE FileId < %ld",
+                                                      filestore::kStatusAvailable, 2 * kRemoved));
+    MeasureRemoval("sent files", Side::Upstream, "Files",
+                   [now] { filestore::DeleteFiles(Side::Upstream, now, kHost); });
+}
+
 void SetUp(const KelString& root) {
     fs::create_directories(root + "/config");
     fs::create_directories(root + "/data");
@@ -256,8 +369,12 @@ void SetUp(const KelString& root) {
 
 int main(int argc, char** argv) {
     KelVector<unsigned long> sizes;
+    bool cleanupOnly = false;
     for (int i = 1; i < argc; ++i)
-        sizes.push_back(std::strtoul(argv[i], nullptr, 10));
+        if (argv[i] == KelString("--cleanup"))
+            cleanupOnly = true;
+        else
+            sizes.push_back(std::strtoul(argv[i], nullptr, 10));
     if (sizes.empty()) sizes = {10000, 100000, 1000000};
     KelString root = (fs::temp_directory_path() / "filestore-bench-XXXXXX").string();
     if (mkdtemp(root.data()) == nullptr) return 1;
@@ -265,9 +382,12 @@ int main(int argc, char** argv) {
     std::freopen("/dev/null", "w", stderr);
     SetUp(root);
     for (const unsigned long rows : sizes) {
-        MeasureNotification(rows);
-        MeasureDownload(rows);
-        MeasureUpstream(rows);
+        if (!cleanupOnly) {
+            MeasureNotification(rows);
+            MeasureDownload(rows);
+            MeasureUpstream(rows);
+        }
+        MeasureCleanup(rows);
     }
     FileStore::ModuleCleanup(0);
     ActionDbUnregisterAll(kHandle);

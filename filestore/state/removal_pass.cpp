@@ -15,7 +15,7 @@ using Clock = std::chrono::steady_clock;
 
 /// How long a piece is meant to hold the mutex: much less than other threads may wait, because the log of the
 /// database is written back now and then at the end of one.
-constexpr Clock::duration kHold = std::chrono::milliseconds(20);
+constexpr Clock::duration kHold = std::chrono::milliseconds(10);
 constexpr unsigned int kLeastRows = 5;
 constexpr unsigned int kMostRows = 500;
 

@@ -15,7 +15,7 @@ class PieceSize {
     void Took(std::chrono::steady_clock::duration held);
 
   private:
-    unsigned int rows_ = 50;
+    unsigned int rows_ = 10;
 };
 
 /// What the thread lends to its passes.
