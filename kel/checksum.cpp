@@ -84,6 +84,13 @@ bool FileMd5(const KelString& path, KelString& digest) {
     return DigestOf(path, EVP_md5(), digest);
 }
 
+bool FileMd5(int fd, KelString& digest) {
+    Md5Digest md5;
+    if (!md5.AddFile(fd, 0)) return false;
+    digest = md5.Text();
+    return true;
+}
+
 struct Md5Digest::State : Digest {
     using Digest::Digest;
 };

@@ -10,6 +10,8 @@
 
 /// The MD5 digest (RFC 1321) of a file as 32 lower-case hexadecimal digits; false when it cannot be read.
 bool FileMd5(const KelString& path, KelString& digest);
+/// The same of an open file, which is read with pread; the file position stays.
+bool FileMd5(int fd, KelString& digest);
 
 /// The MD5 digest of content that comes in pieces. One thread at a time.
 class Md5Digest {

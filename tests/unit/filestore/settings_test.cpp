@@ -23,7 +23,7 @@ TEST_F(Settings, CommentsOfTheShippedFileNameTheDefaults) {
     SetIni("FileStore", "QueueGap", "30");
     FileStore::ReadSettings();
     const KelContainer defaults = Get();
-    EXPECT_EQ(defaults.GetNameCount(), 35U);
+    EXPECT_EQ(defaults.GetNameCount(), 36U);
     KelString section;
     int count = 0;
     std::istringstream shipped(TempFolder::Read(KEL_SOURCE_DIR "/filestore/FileStore.ini"));

@@ -108,7 +108,7 @@ TEST_F(WaitingReasonsTest, StepsNoteWhatStoppedThemAndForgetItWhenTheFileMovesOn
                                                                  {3, 0, 3 << 20, true}}) {
         FileStore::ulStoreQuota = quota;
         FileStore::ulFreeSpaceReserve = reserve;
-        if (large != 0) Set(kDown, large, "FileStatus = #OBSOLETE#");
+        if (large != 0) filestore::DeleteFileRow(kDown, large);
         large = Wanted(KelFormat("FileSize = %ld", size));
         Pull();
         EXPECT_EQ(ReasonOf(kDown, large).GetString("Code") == "disk_full", isFull) << size;
