@@ -5,6 +5,7 @@
 #include "kel/container.h"
 #include "kel/text.h"
 #include "kelcore/action_db.h"
+#include "kelcore/call_origin.h"
 #include "kelcore/error_codes.h"
 #include "kelcore/json.h"
 
@@ -14,6 +15,8 @@ namespace {
 /// Values in the arguments of a call; the largest calls, offers to the devices of a tree, have one for each
 /// device. Answers may hold more.
 constexpr std::size_t kMaxValues = 250'000;
+
+constexpr std::size_t kMaxCallerBytes = 64;
 
 constexpr const char* kXmlType = "application/xml";
 constexpr const char* kJsonType = "application/json";
@@ -30,11 +33,13 @@ ActionAnswer Run(const ActionCall& call) {
     if (!parsed) return {400, 0, "text/plain", parsed.Error().message + "\n"};
     KelContainer info;
     info.SetString("HttpProtocolRequestAddress", call.peer.ToText());
-    container.Remove("HttpProtocolRequestInfo");
-    container.SetContainer("HttpProtocolRequestInfo", std::move(info));
+    if (!call.caller.empty() && call.caller.size() <= kMaxCallerBytes)
+        info.SetString("HttpProtocolRequestCaller", call.caller);
+    container.Remove(kActionRequestInfo);
+    container.SetContainer(kActionRequestInfo, std::move(info));
 
     const unsigned int result = CallLocal(call.name, container);
-    container.Remove("HttpProtocolRequestInfo");  // the caller's next call must not carry it
+    container.Remove(kActionRequestInfo);  // the caller's next call must not carry it
     if (result == kKelErrorUnknownAction && !ActionDbIsActionRegistered(call.name))
         return {404, 0, "text/plain", {}};
     if (call.answerFormat == BodyFormat::Json) return {200, result, kJsonType, ContainerToJson(container)};
