@@ -33,8 +33,8 @@ struct ActionAnswer {
 };
 
 /// Calls an action of this device with the container in the body. Its value HttpProtocolRequestInfo is
-/// replaced by one that names the peer and the caller, so that a caller cannot forge it. Blocks while the action runs; never
-/// throws.
+/// replaced by one that names the peer and the caller, so that a caller cannot forge it. Blocks while the
+/// action runs; never throws.
 ActionAnswer RunActionCall(const ActionCall& call);
 
 }  // namespace kelhttp
