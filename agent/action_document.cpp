@@ -44,6 +44,7 @@ KelString Entry(const KelContainer& action) {
     if (const KelString results = action.GetString("Results"); !results.empty())
         text += "- results: " + results + "\n";
     text += "- callers: " + action.GetString("Callers") + "\n";
+    if (action.GetBool("Changes")) text += "- recorded in the audit\n";
     return text;
 }
 

@@ -2,10 +2,12 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <fstream>
 
 #include "kel/container.h"
 #include "kelcore/action_db.h"
+#include "kelcore/audit.h"
 #include "kelcore/error_codes.h"
 
 namespace {
@@ -42,6 +44,22 @@ unsigned int GetStatus(const AgentFacts& facts, KelContainer* container) {
     return kKelOk;
 }
 
+/// In one answer.
+constexpr std::int32_t kMostAuditLines = 10'000;
+
+unsigned int GetAudit(KelContainer* container) {
+    const std::int64_t since = container->GetInt64("Since");
+    const std::int32_t limit = container->GetInt32("Limit", kMostAuditLines);
+    container->Clear();
+    if (limit < 0) {
+        container->SetString("Message", "Limit must not be negative");
+        return kKelErrorBadInput;
+    }
+    for (KelContainer& line : AuditRead(since, static_cast<std::size_t>(std::min(limit, kMostAuditLines))))
+        container->SetContainer("Values", std::move(line), KelContainer::kAbsent);
+    return kKelOk;
+}
+
 unsigned int ListActions(KelContainer* container) {
     const KelString name = container->GetString("Name");
     container->Clear();
@@ -66,6 +84,16 @@ void RegisterAgentActions(AgentFacts facts) {
          .callers = KelCallers::Operator},
         [facts = std::move(facts)](KelContainer* container) { return GetStatus(facts, container); },
         kAgentHandle);
+    ActionDbRegisterAction(
+        {.signature = "AgentGetAudit",
+         .purpose = "Says who changed settings, windows, publications and devices of this device, and how.",
+         .inputs = "int64 Since? (seconds since the epoch), int32 Limit? (the latest)",
+         .outputs =
+             "container Values[]? {int64 Time (seconds since the epoch), string Operator (as the caller "
+             "says), string Address, string Action, container Arguments?, int32 Result, string Message?}",
+         .results = "1 a negative limit",
+         .callers = KelCallers::Operator},
+        GetAudit, kAgentHandle);
     ActionDbRegisterAction(
         {.signature = "AgentListActions ()",
          .purpose = "Lists the actions that can be called here, with what each takes, gives and does.",

@@ -35,6 +35,7 @@ int RunCommand(const CommonOptions& common, const ResumeOptions& options);
 int RunCommand(const CommonOptions& common, const WakeOptions& options);
 int RunCommand(const CommonOptions& common, const MulticastOptions& options);
 int RunCommand(const CommonOptions& common, const ParentOptions& options);
+int RunCommand(const CommonOptions& common, const AuditOptions& options);
 
 class Remote;
 

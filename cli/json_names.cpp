@@ -17,6 +17,7 @@ enum class Form : unsigned char {
     Status,        ///< the status of a file
     StatusCounts,  ///< a container of numbers by status
     Path,          ///< a file's name, as the path that it may stand for
+    Values,        ///< a container of values under the actions' own names
     Percent,       ///< "50 %" as a number; left out when it is unknown
 };
 
@@ -162,6 +163,11 @@ constexpr auto kNames = std::to_array<Name>({
     {"Optional", "optional"},
     {"Several", "several"},
     {"Remark", "remark"},
+    // audit
+    {"Operator", "operator"},
+    {"Action", "action"},
+    {"Arguments", "arguments", Form::Values},
+    {"Result", "result"},
 });
 
 constexpr std::string_view kStatusPrefix = "_AGTMOD_FILESTORESTATUS_";
@@ -205,6 +211,8 @@ void Put(const KelContainer& source, const KelString& from, const Name& name, Ke
             return target.SetString(name.json, FileStatusName(source.GetString(from)));
         case Form::StatusCounts:
             return target.SetContainer(name.json, StatusCounts(source.GetContainer(from)));
+        case Form::Values:
+            return target.SetContainer(name.json, source.GetContainer(from));
         case Form::Path:
             return target.SetString(name.json, PathInName(source.GetString(from)));
         case Form::Percent: {

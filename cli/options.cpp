@@ -2,6 +2,7 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <ctime>
 #include <limits>
 #include <numeric>
 #include <string_view>
@@ -14,6 +15,21 @@
 namespace {
 
 constexpr std::size_t kMaxTypingErrors = 2;
+
+/// A moment as --since takes it, in seconds since the epoch; nothing when it is none.
+std::optional<std::int64_t> ParseMoment(const std::string& text, std::int64_t now) {
+    const auto number = ParseInt64(text.substr(0, text.empty() ? 0 : text.size() - 1));
+    for (const auto& [unit, seconds] : {std::pair('m', 60), {'h', 3600}, {'d', 86400}})
+        if (number && *number >= 0 && *number < 100'000 && text.back() == unit)
+            return now - *number * seconds;
+    for (const char* form : {"%Y-%m-%d", "%Y-%m-%d %H:%M"}) {
+        std::tm parts{};
+        parts.tm_isdst = -1;
+        const char* const end = strptime(text.c_str(), form, &parts);
+        if (end != nullptr && *end == 0) return std::mktime(&parts);
+    }
+    return std::nullopt;
+}
 
 /// Receives the values of all options; `chosen` is set by the command that was given.
 struct Parsed {
@@ -29,6 +45,7 @@ struct Parsed {
     SettingsOptions settings;
     WindowsOptions windows;
     CallOptions call;
+    AuditOptions audit;
     WhyOptions why;
     GroupsOptions groups;
     WakeOptions wake;
@@ -311,6 +328,30 @@ void DefineCall(CLI::App& app, Parsed& parsed) {
     });
 }
 
+void DefineAudit(CLI::App& app, Parsed& parsed) {
+    auto* command = app.add_subcommand(
+        "audit", "Who changed settings, windows, publications and devices, and how: on this device");
+    command
+        ->add_option_function<std::string>(
+            "--since",
+            [&parsed](const std::string& text) {
+                parsed.audit.since = ParseMoment(text, std::time(nullptr));
+            },
+            "Only from then on: YYYY-MM-DD, 'YYYY-MM-DD HH:MM', or how long ago: 30m, 12h, 7d")
+        ->type_name("TIME")
+        ->check(CLI::Validator(
+            [](const std::string& text) {
+                return ParseMoment(text, 0) ? std::string()
+                                            : "'" + text + "' is no time, as 2026-01-31 or 7d";
+            },
+            {}));
+    command->add_option("--limit", parsed.audit.limit, "Print at most so many, the latest")
+        ->type_name("N")
+        ->check(CLI::PositiveNumber)
+        ->capture_default_str();
+    command->callback([&parsed] { parsed.chosen = parsed.audit; });
+}
+
 void DefineQueries(CLI::App& app, Parsed& parsed) {
     app.add_subcommand("status", "This device: role, parent, queues")->callback([&parsed] {
         parsed.chosen = StatusOptions();
@@ -413,6 +454,7 @@ std::optional<Options> ParseOptions(int count, const char* const* arguments, int
     DefineWindows(app, parsed);
     DefineParent(app, parsed);
     DefineCall(app, parsed);
+    DefineAudit(app, parsed);
     try {
         app.parse(count, arguments);
         const bool isInit = std::holds_alternative<InitOptions>(*parsed.chosen);

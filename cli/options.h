@@ -143,11 +143,17 @@ struct CallOptions {
     bool list = false;               ///< list the actions, or describe the one named
 };
 
+struct AuditOptions {
+    std::optional<std::int64_t> since;  ///< seconds since the epoch
+    int limit = 1000;
+};
+
 using CommandOptions =
     std::variant<InitOptions, StatusOptions, DevicesOptions, PublishOptions, PublicationsOptions, SendOptions,
                  CollectedOptions, RequestOptions, UploadOptions, FilesOptions, FileOptions, SettingsOptions,
                  WindowsOptions, InboxOptions, CallOptions, WhyOptions, GroupsOptions, WakeOptions,
-                 MulticastOptions, WithdrawOptions, RemoveDeviceOptions, ResumeOptions, ParentOptions>;
+                 MulticastOptions, WithdrawOptions, RemoveDeviceOptions, ResumeOptions, ParentOptions,
+                 AuditOptions>;
 
 struct Options {
     CommonOptions common;

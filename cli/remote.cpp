@@ -1,6 +1,10 @@
 #include "cli/remote.h"
 
+#include <pwd.h>
+#include <unistd.h>
+
 #include <algorithm>
+#include <cstdlib>
 #include <string_view>
 
 #include "cli/output.h"
@@ -64,6 +68,13 @@ KelResult<Target> FromUrl(const CommonOptions& options) {
     auto password = ReadPasswordFile(options.passwordFile);
     if (!password) return password.Error();
     return Target{*address, {}, options.user, *password};
+}
+
+/// Who runs the command, for the audit of the agent: the user before sudo, if any.
+KelString OperatorName() {
+    if (const char* before = std::getenv("SUDO_USER"); before != nullptr && *before != 0) return before;
+    const passwd* const user = getpwuid(getuid());
+    return user != nullptr ? KelString(user->pw_name) : std::to_string(getuid());
 }
 
 /// The actions of the console, which runs on the master only, begin with this.
@@ -165,8 +176,8 @@ KelString Remote::Explain(unsigned int result, const KelString& action, const Ke
 }
 
 unsigned int Remote::CallQuietly(const KelString& action, KelContainer& container, int atLeastSeconds) const {
-    return ActionDbInvokeContainer("kel", UrlForAgent(user_, password_, address_), action, container, 0, -1,
-                                   std::max(timeoutSeconds_, atLeastSeconds), nullptr);
+    return ActionDbInvokeContainer(OperatorName().c_str(), UrlForAgent(user_, password_, address_), action,
+                                   container, 0, -1, std::max(timeoutSeconds_, atLeastSeconds), nullptr);
 }
 
 unsigned int Remote::Call(const KelString& action, KelContainer& container, int atLeastSeconds) const {

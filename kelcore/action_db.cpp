@@ -10,6 +10,8 @@
 #include "kel/text.h"
 #include "kelcore/action_db_remote.h"
 #include "kelcore/agent.h"
+#include "kelcore/audit.h"
+#include "kelcore/call_origin.h"
 #include "kelcore/error_codes.h"
 
 namespace {
@@ -149,7 +151,10 @@ unsigned int CallLocal(const KelString& actionName, KelContainer& container) {
         CoreLog().Detail("Action %S is not registered.\n", actionName);
         return kKelErrorUnknownAction;
     }
+    const bool isAudited = action->description.changes && ActionIsFromNetwork(container);
+    const KelContainer asked = isAudited ? container : KelContainer();
     const unsigned int result = RunHandler(*action, actionName, container);
+    if (isAudited) AuditRecordCall(actionName, asked, result, container);
     Registry().EndCall(std::move(action));
     return result;
 }
@@ -161,8 +166,8 @@ unsigned int ActionDbInvokeContainer(const char* source, const KelString& device
     if (deviceUrl.empty()) return CallLocal(actionName, container);
     CoreLog().Trace("%s calls %S.\n", source != nullptr ? source : "This device", actionName);
     try {
-        return ActionDbInvokeRemote(deviceUrl, actionName, container, connectTimeout, callTimeout,
-                                    localAddress);
+        return ActionDbInvokeRemote(source != nullptr ? source : "", deviceUrl, actionName, container,
+                                    connectTimeout, callTimeout, localAddress);
     } catch (const std::exception& failure) {
         CoreLog().Error("Call of %S on another device failed: %s\n", actionName, failure.what());
         return kKelErrorInternal;

@@ -82,9 +82,9 @@ unsigned int TakeAnswer(const HttpMessage& answer, const KelString& callee, KelC
 
 }  // namespace
 
-unsigned int ActionDbInvokeRemote(const KelString& deviceUrl, const KelString& actionName,
-                                  KelContainer& container, int connectTimeout, int callTimeout,
-                                  IpAddress* localAddress) {
+unsigned int ActionDbInvokeRemote(const KelString& source, const KelString& deviceUrl,
+                                  const KelString& actionName, KelContainer& container, int connectTimeout,
+                                  int callTimeout, IpAddress* localAddress) {
     UrlInet url;
     if (!UrlParseInet(deviceUrl, url)) {
         // The text may hold a password, so it stays out of the log.
@@ -103,6 +103,7 @@ unsigned int ActionDbInvokeRemote(const KelString& deviceUrl, const KelString& a
     request.SetMethod(HttpMethod::Post);
     request.SetResourcePath("/Action/" + actionName);
     request.SetBody(container.SaveToXML(), "application/xml");
+    if (!HasControlCharacter(source)) request.SetHeader("kel-caller", source);
     HttpMessage answer;
     unsigned int exchange = client.SendAndRecv(request, answer);
     // The device was too busy to begin: after a large publication all of its children call at once.

@@ -4,8 +4,8 @@
 #include "kel/ip_address.h"
 #include "kel/types.h"
 
-/// The part of ActionDbInvokeContainer that calls another device; parameters and results as there. The
-/// container changes only when the action ran.
-unsigned int ActionDbInvokeRemote(const KelString& deviceUrl, const KelString& actionName,
-                                  KelContainer& container, int connectTimeout, int callTimeout,
-                                  IpAddress* localAddress);
+/// The part of ActionDbInvokeContainer that calls another device; parameters and results as there. `source`
+/// goes along in the header Kel-Caller. The container changes only when the action ran.
+unsigned int ActionDbInvokeRemote(const KelString& source, const KelString& deviceUrl,
+                                  const KelString& actionName, KelContainer& container, int connectTimeout,
+                                  int callTimeout, IpAddress* localAddress);

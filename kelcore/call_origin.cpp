@@ -2,18 +2,20 @@
 
 #include "kelcore/agent.h"
 
-namespace {
+bool ActionIsFromNetwork(const KelContainer& arguments) {
+    return arguments.Has(kActionRequestInfo);
+}
 
-constexpr const char* kRequestInfo = "HttpProtocolRequestInfo";
-
-}  // namespace
+KelString ActionRequestCaller(const KelContainer& arguments) {
+    return arguments.GetContainer(kActionRequestInfo).GetString("HttpProtocolRequestCaller");
+}
 
 KelString ActionRequestAddress(const KelContainer& arguments) {
-    return arguments.GetContainer(kRequestInfo).GetString("HttpProtocolRequestAddress");
+    return arguments.GetContainer(kActionRequestInfo).GetString("HttpProtocolRequestAddress");
 }
 
 bool ActionIsFromThisDevice(const KelContainer& arguments) {
-    if (!arguments.Has(kRequestInfo)) return true;
+    if (!ActionIsFromNetwork(arguments)) return true;
     const KelString address = ActionRequestAddress(arguments);
     return !address.empty() && (address == "127.0.0.1" || address == KelAgentGetAddress());
 }

@@ -1,5 +1,6 @@
 #include "filestore/db/files_table.h"
 #include "filestore/db/multicast_table.h"
+#include "filestore/exchange/input_checks.h"
 #include "filestore/state/file_store.h"
 #include "filestore/state/parent.h"
 #include "kel/text.h"
@@ -56,7 +57,12 @@ unsigned int FileStore::ActionHandler_FileStoreResetMulticastStatus(KelContainer
                                ActionRequestAddress(*arguments));
         return kKelOk;
     }
-    ResetMulticastReception(arguments->GetString(kValueFileUrl));
+    const KelString url = arguments->GetString(kValueFileUrl);
+    if (!IsUrlPath(url)) {
+        debugFileStore.Warning("Refusing to end a multicast reception of the unusable URL '%S'\n", url);
+        return kKelErrorBadInput;
+    }
+    ResetMulticastReception(url);
     WakeWorker(Worker::Push);  // which makes the request
     return kKelOk;
 }

@@ -213,6 +213,7 @@ constexpr std::array kActions = {
                     {.signature = "FileStoreResetMulticastStatus ()",
                      .purpose = "Requests files again that this device awaits by multicast.",
                      .inputs = "string FileURL",
+                     .results = "1 no path of a URL",
                      .callers = kParent}},
     FileStoreAction{
         &FileStore::ActionHandler_FileStoreDeletePackage,
@@ -255,6 +256,7 @@ constexpr std::array kActions = {
                                 "checksum.",
                      .inputs = "string FileLabel, string FileChecksum",
                      .outputs = "string FileType?, container FileInfo?",
+                     .results = "1 unusable",
                      .callers = kOperator}},
     FileStoreAction{&FileStore::ActionHandler_FileStorePerformManualUpload,
                     {.signature = "FileStorePerformManualUpload ()",

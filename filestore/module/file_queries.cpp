@@ -6,6 +6,7 @@
 #include "filestore/db/file_status.h"
 #include "filestore/db/files_selection.h"
 #include "filestore/db/information_table.h"
+#include "filestore/exchange/input_checks.h"
 #include "filestore/exchange/reason_of_file.h"
 #include "filestore/state/device.h"
 #include "filestore/state/file_store.h"
@@ -164,7 +165,10 @@ unsigned int FileStore::ActionHandler_FileStoreGetDeviceUrl(KelContainer* argume
 
 unsigned int FileStore::ActionHandler_FileStoreGetFileInformation(KelContainer* arguments) {
     const KelString label = arguments->GetString(kValueFileLabel);
-    const FileRows files = SelectFilesOfLabel(label, arguments->GetString(kValueFileChecksum));
+    const KelString checksum = arguments->GetString(kValueFileChecksum);
+    if (!CheckKeyPart(kValueFileLabel, label, false) || !CheckKeyPart(kValueFileChecksum, checksum, true))
+        return kKelErrorBadInput;
+    const FileRows files = SelectFilesOfLabel(label, checksum);
     if (files.empty()) return kKelOk;
     KelContainer info;
     if (const KelStatus status = info.LoadFromXML(files.front().FileInfo); !status)

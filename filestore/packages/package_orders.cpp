@@ -13,6 +13,7 @@
 #include "kel/file.h"
 #include "kel/format.h"
 #include "kelcore/action_db.h"
+#include "kelcore/call_origin.h"
 #include "kelcore/error_codes.h"
 #include "kelcore/file_offer.h"
 #include "kelcore/file_values.h"
@@ -47,7 +48,7 @@ HeldPackage FindPackage(const KelContainer& arguments, const KelString& fileName
 /// Offers the package as a module of this device does. The order's origin is removed: with it, the offer
 /// would be refused, as no other device may name a path of this one.
 PackageOrder OfferLocally(KelContainer& offer) {
-    offer.Remove("HttpProtocolRequestInfo");
+    offer.Remove(kActionRequestInfo);
     const KelString path = offer.GetString(kValueCopyPath);
     const unsigned int error = CallLocal("FileStoreReceiveFile", offer);
     if (error == kKelOk) return PackageOrder::CarriedOut;

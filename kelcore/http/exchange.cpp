@@ -126,6 +126,8 @@ void HttpExchange::SetHeaders() {
         AddHeader("Content-Type: " + request_.GetContentType());
     else if (post)
         AddHeader("Content-Type: application/octet-stream");
+    if (const KelString caller = request_.GetHeader("kel-caller"); !caller.empty())
+        AddHeader("Kel-Caller: " + caller);
     if (request_.GetRangeStart() > 0) {
         AddHeader("Range: bytes=" + std::to_string(request_.GetRangeStart()) + "-");
         if (!request_.GetIfRange().empty()) AddHeader("If-Range: " + request_.GetIfRange());

@@ -53,7 +53,7 @@ class HttpMessage {
     void SetBodyLimit(std::uint64_t bytes) { bodyLimit_ = bytes; }
     std::uint64_t GetBodyLimit() const { return bodyLimit_; }
 
-    // Answers only.
+    // Answers; of a request only the header "kel-caller", who makes it, is sent.
     void SetStatus(unsigned int status) { status_ = status; }
     unsigned int GetStatus() const { return status_; }
     void ClearHeaders() { headers_.clear(); }

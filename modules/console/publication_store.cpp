@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "kel/format.h"
+#include "kel/text.h"
 #include "kelcore/error_codes.h"
 
 namespace {
@@ -33,10 +34,11 @@ void AddTargets(const KelString& id, const KelVector<KelString>& guids, KelVecto
     }
 }
 
+/// For identifiers from outside: one with a NUL, which would end the statement, is that of no publication.
 KelString QuotedList(const KelVector<KelString>& texts) {
     KelString list;
     for (const KelString& text : texts)
-        list += KelFormat("%s'%Q'", list.empty() ? "" : ", ", text);
+        if (!HasControlCharacter(text)) list += KelFormat("%s'%Q'", list.empty() ? "" : ", ", text);
     return list;
 }
 

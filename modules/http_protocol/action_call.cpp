@@ -5,6 +5,7 @@
 #include "kel/container.h"
 #include "kel/text.h"
 #include "kelcore/action_db.h"
+#include "kelcore/call_origin.h"
 #include "kelcore/error_codes.h"
 #include "kelcore/json.h"
 
@@ -16,6 +17,8 @@ namespace {
 constexpr std::size_t kMaxValues = 250'000;
 /// The same of the calls of scripts: a value takes about 200 bytes of memory, and as little as five in JSON.
 constexpr std::size_t kMaxJsonValues = 50'000;
+
+constexpr std::size_t kMaxCallerBytes = 64;
 
 constexpr const char* kXmlType = "application/xml";
 constexpr const char* kJsonType = "application/json";
@@ -32,11 +35,13 @@ ActionAnswer Run(const ActionCall& call) {
     if (!parsed) return {400, 0, "text/plain", parsed.Error().message + "\n"};
     KelContainer info;
     info.SetString("HttpProtocolRequestAddress", call.peer.ToText());
-    container.Remove("HttpProtocolRequestInfo");
-    container.SetContainer("HttpProtocolRequestInfo", std::move(info));
+    if (!call.caller.empty() && call.caller.size() <= kMaxCallerBytes)
+        info.SetString("HttpProtocolRequestCaller", call.caller);
+    container.Remove(kActionRequestInfo);
+    container.SetContainer(kActionRequestInfo, std::move(info));
 
     const unsigned int result = CallLocal(call.name, container);
-    container.Remove("HttpProtocolRequestInfo");  // the caller's next call must not carry it
+    container.Remove(kActionRequestInfo);  // the caller's next call must not carry it
     if (result == kKelErrorUnknownAction && !ActionDbIsActionRegistered(call.name))
         return {404, 0, "text/plain", {}};
     if (call.answerFormat == BodyFormat::Json) return {200, result, kJsonType, ContainerToJson(container)};

@@ -22,6 +22,7 @@ struct ActionCall {
     BodyFormat bodyFormat = BodyFormat::Xml;
     BodyFormat answerFormat = BodyFormat::Xml;
     IpAddress peer;
+    KelString caller;  ///< the header Kel-Caller: what the caller says it is
 };
 
 struct ActionAnswer {
@@ -32,8 +33,8 @@ struct ActionAnswer {
 };
 
 /// Calls an action of this device with the container in the body. Its value HttpProtocolRequestInfo is
-/// replaced by one that names the peer, so that a caller cannot forge it. Blocks while the action runs; never
-/// throws.
+/// replaced by one that names the peer and the caller, so that a caller cannot forge it. Blocks while the
+/// action runs; never throws.
 ActionAnswer RunActionCall(const ActionCall& call);
 
 }  // namespace kelhttp

@@ -168,6 +168,7 @@ void Connection::AcceptAction(const RequestHead& request) {
     call_->bodyFormat = *format;
     call_->answerFormat = FormatOfAccept(request.Field("Accept"));
     call_->peer = peer_;
+    call_->caller = request.Field("Kel-Caller");
     call_->body.reserve(std::min(bodyLeft_, kFirstReserve));
     AcceptBody(State::ActionBody);
 }

@@ -2,6 +2,7 @@
 
 import json
 import os
+import pwd
 import signal
 import subprocess
 import unittest
@@ -45,6 +46,27 @@ class StartTest(SystemTest):
             code, output = self.run_agent(tree, "--root", root, "--check")
             self.assertEqual(code, 1)
             self.assertIn("chmod 600", output)
+
+    def test_the_audit_says_who_changed_what_but_no_password(self):
+        with Tree(BUILD, []) as tree:
+            tree.start()
+            agent = tree.master
+            agent.kel("settings", "get")
+            agent.kel("settings", "set", "MulticastTTL=7")
+            agent.kel("windows", "set", "up", "mon 8-9 4M; else 20M")
+            self.refused(agent.kel, "settings", "set", f"MulticastTTL={PASSWORD}")
+            self.refused(agent.kel, "withdraw", "none")
+            audit = agent.kel("audit", "--since", "1h")
+            self.assertEqual([(line["action"], line["result"]) for line in audit],
+                             [("FileStoreSetValues", 0), ("TransferWindowSetWindow", 0), ("FileStoreSetValues", 1),
+                              ("ConsoleWithdraw", 1)])
+            self.assertEqual({(line["operator"], line["address"]) for line in audit},
+                             {(os.environ.get("SUDO_USER") or pwd.getpwuid(os.getuid()).pw_name, agent.address)})
+            self.assertEqual(audit[0]["arguments"], {"Values": {"MulticastTTL": "7"}})
+            self.assertNotIn(PASSWORD, (agent.data / "Agent" / "audit.jsonl").read_text())
+            self.assertEqual(agent.kel("audit", "--limit", 1), audit[-1:])
+            self.assertEqual(agent.kel("audit", "--since", "2999-01-01"), [])
+            self.refused(agent.kel, "audit", "--since", "yesterday", code=2)
 
     def test_kel_shows_failures_by_its_exit_code(self):
         with Tree(BUILD, []) as tree:

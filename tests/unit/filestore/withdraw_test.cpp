@@ -156,12 +156,13 @@ TEST_F(Withdraw, ADeletedPackageIsObsoleteHereAndForgottenBelow) {
         const KelString path = PathOf(kDown, id);
         WriteFile(path, "abc");
         AddTarget(id, 1, NameOf('D'));
+        const KelString action = "FileStoreDeletePackage";
+        Ask(action, From(call, "127.0.1.2"), kKelErrorBadInput);
+        EXPECT_EQ(OnlyFields(kDown), "AVAILABLE");
         FakeResult("TestConsume ()", kKelAnswerStaysHere);
         const KelString before = Everything();
-        const KelString action = "FileStoreDeletePackage";
         Ask(action, call, kKelErrorNotAvailable);
         FakeResult("TestConsume ()", 0);
-        Ask(action, From(call, "127.0.1.2"), kKelErrorBadInput);
         Ask(action, With(call, {{"FileChecksum", ""}, {"FileInfo", Make({})}}), kKelErrorBadInput);
         {
             const auto refusal = Refuse(kDown, "INSERT ON Withdrawals");

@@ -1,0 +1,31 @@
+#include "cli/commands.h"
+#include "cli/output.h"
+#include "cli/remote.h"
+#include "kelcore/error_text.h"
+#include "kelcore/json.h"
+
+namespace {
+
+KelString ResultText(const KelContainer& line) {
+    const std::int64_t result = line.GetInt64("Result");
+    if (result == 0) return "done";
+    const KelString message = line.GetString("Message");
+    return message.empty() ? "refused: " + KelErrorText(static_cast<unsigned int>(result))
+                           : "refused: " + message;
+}
+
+}  // namespace
+
+int RunCommand(const CommonOptions& common, const AuditOptions& options) {
+    KelContainer arguments;
+    arguments.SetInt32("Limit", options.limit);
+    if (options.since) arguments.SetInt64("Since", *options.since);
+    return PrintActionList(
+        common, "AgentGetAudit", std::move(arguments),
+        {TimeColumn("TIME", "Time"),
+         ValueColumn("OPERATOR", "Operator"),
+         ValueColumn("FROM", "Address"),
+         ValueColumn("ACTION", "Action"),
+         {"WITH", [](const KelContainer& line) { return ContainerToJson(line.GetContainer("Arguments")); }},
+         {"RESULT", ResultText}});
+}
