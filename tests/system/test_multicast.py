@@ -14,7 +14,7 @@ import netns
 from case import SystemTest, write_files
 from tree import sha256_of, wait_until
 
-SIZE = 32 << 20
+SIZE = 64 << 20
 CLIENTS = 8
 RATE = 60000  # kbit/s
 GROUP, PORT, BLOCK = "224.2.0.0", 1500, 32000
