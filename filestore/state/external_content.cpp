@@ -26,7 +26,7 @@ void LogGone(const FileStoreEntry& file) {
                                       file.FilePath);
 }
 
-/// A file that was sent needs its content no more, but its row would stay for ever.
+/// A file that was sent needs its content no more, but its row would stay indefinitely.
 bool ForgetSentIfGone(const FileStoreEntry& file) {
     const bool isSent = file.FileStatus == kStatusAvailable || file.FileStatus == kStatusPackedFile;
     if (!isSent || !FileIsMissing(file.FilePath)) return false;

@@ -214,7 +214,7 @@ bool EnterPackedFiles(const KelContainer& index, const UnpackFolder& folder, con
 }
 
 /// Ends the work on an archive that can never be unpacked. Its row stays as it is; with its content, it would
-/// be unpacked again at every repair of the uploads, and take space for ever.
+/// be unpacked again at every repair of the uploads, and take up space indefinitely.
 bool RefuseArchive(const FileStoreEntry& archive, const KelString& path) {
     FileStore::debugFileStore.Error(
         "CallbackThread: The packedfile %S from %S cannot be used and is removed\n", archive.FileName,
