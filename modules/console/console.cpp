@@ -24,9 +24,6 @@ unsigned int Fail(KelContainer* arguments, const KelError& error) {
     return error.code;
 }
 
-/// A device sends its identity once a day.
-constexpr std::int64_t kSilentSeconds = std::int64_t{26} * 3600;
-
 std::int64_t SilentSince(const Device& device) {
     const bool isSilent = std::time(nullptr) - device.lastSeen > kSilentSeconds;
     return device.role != "master" && isSilent ? device.lastSeen : 0;

@@ -7,6 +7,9 @@
 #include "kel/text.h"
 #include "kel/types.h"
 
+/// A device sends its identity once a day: one that has not for so many seconds is silent or was away.
+inline constexpr std::int64_t kSilentSeconds = std::int64_t{26} * 3600;
+
 /// A device of the tree.
 struct Device {
     KelString guid;

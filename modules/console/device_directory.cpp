@@ -56,23 +56,26 @@ bool DeviceStore::Store(const IdentityReport& report, std::int64_t now) {
          KelFormat("UPDATE Devices SET LastSeen = %gd WHERE GUID = '%Q'", now, device.guid)});
 }
 
-KelResult<bool> DeviceStore::HasLostItsStore(const IdentityReport& report, std::int64_t now) {
-    if (report.storeId.empty()) return false;
-    const auto rows = database_.Select(KelFormat(
-        "SELECT 1 FROM Devices WHERE GUID = '%Q' AND StoreId NOT IN ('', '%Q') AND ReportTime <= %gd",
-        report.device.guid, report.storeId, std::min(report.time, now)));
+KelResult<bool> DeviceStore::IsThere(const KelString& condition) {
+    const auto rows = database_.Select("SELECT 1 FROM Devices WHERE " + condition);
     if (!rows) return KelError{kKelErrorNotAvailable, "The console's database cannot be read; see its log"};
     return rows->GetRowCount() != 0;
 }
 
+KelResult<bool> DeviceStore::HasLostItsStore(const IdentityReport& report, std::int64_t now) {
+    if (report.storeId.empty()) return false;
+    return IsThere(KelFormat("GUID = '%Q' AND StoreId NOT IN ('', '%Q') AND ReportTime <= %gd",
+                             report.device.guid, report.storeId, std::min(report.time, now)));
+}
+
 KelResult<bool> DeviceStore::HasMoved(const IdentityReport& report, std::int64_t now) {
     const Device& device = report.device;
-    const auto rows = database_.Select(
-        KelFormat("SELECT 1 FROM Devices WHERE GUID = '%Q' AND (ParentGuid <> '%Q' OR Address <> '%Q') AND "
-                  "ReportTime <= %gd",
-                  device.guid, device.parentGuid, device.address, std::min(report.time, now)));
-    if (!rows) return KelError{kKelErrorNotAvailable, "The console's database cannot be read; see its log"};
-    return rows->GetRowCount() != 0;
+    return IsThere(KelFormat("GUID = '%Q' AND (ParentGuid <> '%Q' OR Address <> '%Q') AND ReportTime <= %gd",
+                             device.guid, device.parentGuid, device.address, std::min(report.time, now)));
+}
+
+KelResult<bool> DeviceStore::WasAway(const KelString& guid, std::int64_t now) {
+    return IsThere(KelFormat("GUID = '%Q' AND ReportTime < %gd", guid, now - kSilentSeconds));
 }
 
 KelResult<KelVector<Device>> DeviceStore::List() {

@@ -30,10 +30,17 @@ class DeviceStore {
     /// report of the device before it. An error when the database cannot be read.
     KelResult<bool> HasMoved(const IdentityReport& report, std::int64_t now);
 
+    /// True when the report before the one that arrived at `now` is so old that the device was away in
+    /// between (kSilentSeconds): stores on the way to it may have given up what it was to get. An error when
+    /// the database cannot be read.
+    KelResult<bool> WasAway(const KelString& guid, std::int64_t now);
+
     /// All devices by GUID; an error when they cannot be read.
     KelResult<KelVector<Device>> List();
 
   private:
+    KelResult<bool> IsThere(const KelString& condition);
+
     ConsoleDatabase& database_;
 };
 

@@ -46,20 +46,22 @@ KelResult<bool> UpstreamIntake::StoreIdentity(const KelContainer& content, const
         withdrawer_.ForgetOrders({});
     }
     const auto hasMoved = devices_.HasMoved(*report, now);
-    return hasMoved && devices_.Store(*report, now) && RepeatWhenMoved(guid, *hasMoved);
+    const auto wasAway =
+        report->device.role == "master" ? KelResult<bool>(false) : devices_.WasAway(guid, now);
+    return hasMoved && wasAway && devices_.Store(*report, now) && RepeatWhenBack(guid, *hasMoved || *wasAway);
 }
 
 /// What is repeated goes where the device is now: its report has been stored.
-bool UpstreamIntake::RepeatWhenMoved(const KelString& guid, bool hasMoved) {
+bool UpstreamIntake::RepeatWhenBack(const KelString& guid, bool isBack) {
     {
         const KelLock lock(mutex_);
-        if (hasMoved) moved_.insert(guid);
-        if (!moved_.contains(guid)) return true;
+        if (isBack) back_.insert(guid);
+        if (!back_.contains(guid)) return true;
     }
-    log_.Print("Device %S has moved: what is pending for it is ordered again\n", guid);
+    log_.Print("Device %S has moved or was away: what is pending for it is ordered again\n", guid);
     if (!publisher_.Repeat(guid)) return false;
     const KelLock lock(mutex_);
-    moved_.erase(guid);
+    back_.erase(guid);
     return true;
 }
 

@@ -31,7 +31,7 @@ class UpstreamIntake {
   private:
     KelResult<bool> StoreIdentity(const KelContainer& content, const KelString& sourceDevice,
                                   std::int64_t now);
-    bool RepeatWhenMoved(const KelString& guid, bool hasMoved);
+    bool RepeatWhenBack(const KelString& guid, bool isBack);
     KelResult<bool> StoreReceipt(const KelContainer& content, const KelString& sourceDevice,
                                  std::int64_t now);
 
@@ -41,7 +41,7 @@ class UpstreamIntake {
     Publisher& publisher_;
     Withdrawer& withdrawer_;
     KelMutex mutex_;
-    /// The devices that have moved and for which Repeat is due. Lost with the process, whose next start repeats
-    /// what is pending.
-    std::unordered_set<KelString> moved_ KEL_GUARDED_BY(mutex_);
+    /// The devices that have moved or were away and for which Repeat is due. Lost with the process, whose
+    /// next start repeats what is pending.
+    std::unordered_set<KelString> back_ KEL_GUARDED_BY(mutex_);
 };

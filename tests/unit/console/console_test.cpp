@@ -340,22 +340,26 @@ TEST_F(ConsoleTest, NewDatabaseHasAnotherIdentifierThanTheLostOne) {
 }
 
 /// The identities of devices and of their stores. The master may have been started from a backup.
-TEST_F(ConsoleTest, WhatIsPendingBelowALostStoreOrAMovedDeviceOrLongAfterTheLastOrderIsOrderedAgain) {
+TEST_F(ConsoleTest,
+       WhatIsPendingBelowALostStoreOrADeviceThatMovedOrWasAwayOrLongAfterTheLastOrderIsOrderedAgain) {
     std::optional<RunningModule<Console>> console(std::in_place);
-    const auto restart = [&](const KelString& ordered, const KelString& createdBefore) {
+    const auto restart = [&](const KelString& change) {
         console.reset();
         KelDebug log("Test", "Test");
         ConsoleDatabase database(log);
         EXPECT_TRUE(database.Open(root_ / "data/Console", root_ / "config/Console.ini"));
-        EXPECT_TRUE(
-            database.Write({KelFormat("UPDATE Publications SET OrderTime = OrderTime - %S, "
-                                      "CreateTime = OrderTime - %S - %S",
-                                      ordered, ordered, createdBefore)}));
+        EXPECT_TRUE(database.Write({change}));
         database.Close();
         console.emplace();
     };
+    const auto ordered = [](int secondsAgo, int intervalBefore) {
+        return KelFormat(
+            "UPDATE Publications SET OrderTime = OrderTime - %d, CreateTime = OrderTime - %d - %d",
+            secondsAgo, secondsAgo, intervalBefore);
+    };
+    const KelString away = "UPDATE Devices SET ReportTime = ReportTime - 100000";
     Publish(Request(kClient));
-    int time = 1000;
+    std::int64_t time = std::time(nullptr) - 1000;
     const auto report = [&](const std::string& guid, const std::string& pathName,
                             const std::string& storeId) {
         const std::string url = pathName.substr(0, pathName.find('/')) + "/" + guid;
@@ -380,20 +384,25 @@ TEST_F(ConsoleTest, WhatIsPendingBelowALostStoreOrAMovedDeviceOrLongAfterTheLast
                                                                {std::string(other), otherPath, "1", 0U, 2U},
                                                                {std::string(other), otherPath, "2", 0U, 2U},
                                                                {kMaster, kMasterPath, "1", 0U, 2U},
-                                                               {"restart", "0", "600", 0U, 2U},
+                                                               {"restart", ordered(0, 600), "", 0U, 2U},
                                                                {kMaster, kMasterPath, "1", 0U, 2U},
-                                                               {"restart", "1000", "400", 0U, 2U},
+                                                               {"restart", ordered(1000, 400), "", 0U, 2U},
                                                                {kMaster, kMasterPath, "1", 1U, 2U},
                                                                {kMaster, kMasterPath, "1", 0U, 3U},
                                                                {kMaster, kMasterPath, "1", 0U, 3U},
                                                                {kMaster, kMasterPath, "2", 0U, 4U},
-                                                               {"restart", "100", "400", 0U, 4U},
+                                                               {"restart", ordered(100, 400), "", 0U, 4U},
                                                                {kMaster, kMasterPath, "2", 0U, 4U},
                                                                {kNorth, movedPath, "2", 1U, 4U},
                                                                {kNorth, movedPath, "2", 0U, 5U},
-                                                               {kNorth, movedPath, "2", 0U, 5U}}) {
+                                                               {kNorth, movedPath, "2", 0U, 5U},
+                                                               {"restart", away, "", 0U, 5U},
+                                                               {kMaster, kMasterPath, "2", 0U, 5U},
+                                                               {kNorth, movedPath, "2", 1U, 5U},
+                                                               {kNorth, movedPath, "2", 0U, 6U},
+                                                               {kNorth, movedPath, "2", 0U, 6U}}) {
         if (guid == "restart") {
-            restart(path, storeId);
+            restart(path);
             continue;
         }
         SetStoreResult(refusal);
