@@ -97,7 +97,7 @@ def nested(levels):
 
 
 SQL = "'; DROP TABLE Files; DROP TABLE Devices; --"
-ANY = ["", SQL, "../../../../etc/passwd", "\x1b[2J\x07\n", "A" * (1 << 20), {}, {SQL: SQL}, [], [SQL, SQL], -1, 1 << 40]
+ANY = ["", SQL, "../../../../etc/passwd", "\x1b[2J\x07\n", "A" * (1 << 19), {}, {SQL: SQL}, [], [SQL, SQL], -1, 1 << 40]
 HOSTILE = {"string": [*ANY, "%s%n%Q%", "\ufeff\u202e\u0000", "%2e%2e%2f", True, nested(50)],
            "bool": [*ANY, "perhaps", 2, nested(50)],
            "int32": [*ANY, -1 << 31, 1 << 31, (1 << 63) - 1, -1 << 63, "9" * 400, "1e9", True],
