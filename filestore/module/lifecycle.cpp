@@ -1,8 +1,11 @@
+#include <ctime>
+
 #include "filestore/db/files_table.h"
 #include "filestore/db/multicast_table.h"
 #include "filestore/down/multicast_thread.h"
 #include "filestore/module/action_gate.h"
 #include "filestore/module/http_aliases.h"
+#include "filestore/module/orphans.h"
 #include "filestore/state/bandwidth_manager.h"
 #include "filestore/state/device.h"
 #include "filestore/state/file_store.h"
@@ -142,6 +145,7 @@ unsigned int FileStore::ModuleActivate() {
     DetermineRole();
     if (fRelayEnabled && !ActionDbIsActionRegistered("QuarnelDbRunScript")) FileStoreReadUploadPolicy();
     UpdateHttpPort();
+    NoteStoreIsKnown(std::time(nullptr));
     RefreshAddressPreference();
     if (!StartWorkers()) {
         // What was taken now would not move: the other devices keep it.

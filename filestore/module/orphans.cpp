@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <optional>
 #include <set>
 
 #include "filestore/db/content_rows.h"
@@ -28,11 +29,10 @@ constexpr std::uint64_t kMostListed = 50;  ///< of each kind; the others are cou
 constexpr std::uint64_t kMiB = 1 << 20;
 
 /// Since when a database has known what lies in the store: what is older, it may have lost.
-std::int64_t KnownSince(Side side, std::int64_t now) {
-    if (const auto since = ReadInformation(kStoreKnownSinceField, side))
-        return static_cast<std::int64_t>(ParseUint64(*since).value_or(0));
-    WriteInformation(kStoreKnownSinceField, KelFormat("%ld", now), side);
-    return now;
+std::optional<std::int64_t> KnownSince(Side side) {
+    const auto since = ReadInformation(kStoreKnownSinceField, side);
+    if (!since) return std::nullopt;
+    return static_cast<std::int64_t>(ParseUint64(*since).value_or(0));
 }
 
 /// While files are still to be taken from the store into a new database, none of them is an orphan.
@@ -147,13 +147,19 @@ void Search::LookForRows() {
 
 }  // namespace
 
+void NoteStoreIsKnown(std::int64_t now) {
+    for (const Side side : {Side::Downstream, Side::Upstream})
+        if (!KnownSince(side)) WriteInformation(kStoreKnownSinceField, KelFormat("%ld", now), side);
+}
+
 void OrphanSearch::RunWhenDue(std::int64_t now, const std::function<bool()>& isCancelled) {
     const std::int64_t age = now - last_;
     if (age >= 0 && age < kInterval) return;
     last_ = now;
     for (const Side side : {Side::Downstream, Side::Upstream}) {
         Search search(side, now, isCancelled);
-        const bool isOldEnough = KnownSince(side, now) < now - std::int64_t{FileStore::ulTimeToLive};
+        const auto since = KnownSince(side);
+        const bool isOldEnough = since && *since < now - std::int64_t{FileStore::ulTimeToLive};
         if (isOldEnough && IsComplete(side)) search.LookForFiles();
         search.LookForRows();
     }

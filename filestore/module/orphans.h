@@ -3,6 +3,10 @@
 #include <cstdint>
 #include <functional>
 
+/// Has the databases remember, when they are new, that they know from `now` on what comes into the store. On
+/// activation.
+void NoteStoreIsKnown(std::int64_t now);
+
 /// Looks for content without a row and rows without content, once after the start and then once a day, on the
 /// worker that keeps the store in order. Content that no row names is listed in the log when it has not
 /// changed for the time to live, and removed when the setting RemoveOrphans says so: it is what a lost

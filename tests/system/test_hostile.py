@@ -108,6 +108,7 @@ MOST_SECONDS = 300
 
 
 class ValuesTest(SystemTest):
+    maxDiff = None
     """Unusable values in every input of every action of a master."""
 
     def setUp(self):

@@ -23,6 +23,7 @@ TEST_F(OrphanTest, OldContentWithoutARowIsListedAndRemovedOnRequestOnly) {
     AddFile(kUp, "e", "AVAILABLE", KelFormat("ExternalFile = 1, FilePath = '%S'", named[2]));
     for (const KelString& path : {named[2], orphans[0], orphans[1], orphans[2], orphans[3]})
         WriteFile(path, "content");
+    NoteStoreIsKnown(std::time(nullptr));
     for (const auto& [days, removes, unknown, left] : Table<int, const char*, const char*, int>{
              {0, "true", "0", 4},  // the databases are new
              {3, "false", "0", 4},
