@@ -75,24 +75,25 @@ class KillTest(SystemTest):
                 self.end_with_each_file_once(tree, [tree.master], upstream=True)
 
     def test_kills_during_removals_leave_no_row_without_content_and_take_no_delivered_file(self):
-        """Time to live is a minute of the test: the first kills come while files are transferred and delivered ones
-        removed, the others while the rest is removed."""
-        time_to_live = 60 * SPEED
+        """The first kills come while files are transferred and delivered ones removed, the others while the time to live
+        of the rest ends, one file after the other."""
         with Tree(BUILD, [1], VirtualClock(SPEED)) as tree:
             relay, client = tree.relays[0], tree.clients[0]
             for agent in tree.agents:
-                agent.set_ini("FileStore", "FileStore", "TimeToLive", time_to_live)
                 agent.set_ini("FileStore", "FileStore", "QueueGap", 1)
             tree.start()
+            begin = time.monotonic()
             files = self.kill_during_transfers(tree, [relay, client], 4, 100_000,
                                                lambda paths: tree.publish(paths, "Kill", "kill"))
             expected = {("kill", name): digest for name, digest in files.items()}
             tree.wait_delivered(expected, tree.devices, SECONDS_TO_ARRIVE)
+            for agent in tree.agents:
+                agent.kel("settings", "set", f"TimeToLive={int((time.monotonic() - begin + 2) * SPEED)}")
 
             def left(agent):
                 return [file for file in agent.stored_files() if file["type"] == "Kill"]
 
-            end = time.monotonic() + 60 + SECONDS_TO_ARRIVE
+            end = time.monotonic() + SECONDS_TO_ARRIVE
             while any(left(agent) for agent in tree.devices):
                 self.assertLess(time.monotonic(), end, "files stay in the store")
                 time.sleep(self.random.uniform(0.5, 2))

@@ -40,7 +40,7 @@ class Window(SystemTest):
                 self.set_window(relay, RATE)
                 begin = proxy.passed[UP]
                 expected = self.send(relay, "windows.bin")
-                for part in (SIZE // 4, SIZE // 2):
+                for part in (SIZE // 8, SIZE // 4):
                     self.wait_sent(proxy, begin, part)
                     self.set_window(relay, "closed")
                     self.wait_quiet(proxy)
@@ -51,7 +51,7 @@ class Window(SystemTest):
             with self.subTest("sender and receiver are killed"):
                 begin = proxy.passed[UP]
                 expected = self.send(relay, "kills.bin")
-                for part, agent in (SIZE // 4, relay), (SIZE // 2, tree.master):
+                for part, agent in (SIZE // 8, relay), (SIZE // 4, tree.master):
                     self.wait_sent(proxy, begin, part)
                     agent.kill()
                     tree.run(agent)
