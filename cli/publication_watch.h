@@ -24,8 +24,8 @@ KelString StageText(const KelContainer& publication);
 /// "Values".
 KelContainer WatchArguments(const KelContainer& published);
 
-/// Copies Targets, Delivered, Failed, Pending and the values of stages of the publications under "Values" in `answer` to those with
-/// the same PublicationId in `published`.
+/// Copies Targets, Delivered, Failed, Pending and the values of stages of the publications under "Values" in
+/// `answer` to those with the same PublicationId in `published`.
 void TakeCounts(const KelContainer& answer, KelContainer& published);
 
 /// How long to wait before the next call when the last one took `asked`.

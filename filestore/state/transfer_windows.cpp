@@ -6,8 +6,8 @@
 
 namespace {
 
-/// Held while the windows are asked for and loaded, so that an older answer cannot replace a newer one. Only local
-/// calls are made under it, and the transfer window module makes no calls of its own while it answers.
+/// Held while the windows are asked for and loaded, so that an older answer cannot replace a newer one. Only
+/// local calls are made under it, and the transfer window module makes no calls of its own while it answers.
 KelMutex mutexWindows;
 
 FileStoreBandwidthManager* ManagerOf(std::int32_t direction) {
