@@ -103,7 +103,7 @@ std::span<const FileStoreSetting> Table() {
         Row("FileStore", "ThresholdForUploads", 0, &F::ulThresholdForUploads),
         Row("FileStore", "FrameSize", 1492, &F::ulFrameSize).Between(200, kMost).Then(Effect::FrameSize),
         Row("FileStore", "PackageTTL", 200, &F::ulPackageTTL),
-        Row("FileStore", "KeepSentFiles", 0, &F::ulKeepSentFiles),
+        Row("FileStore", "KeepSentFiles", 86400, &F::ulKeepSentFiles),
         Row("FileStore", "TrustedAddressRange", "", &F::strTrustedAddressRange)
             .Addresses()
             .Apply(ApplyTrustedRange),

@@ -40,8 +40,6 @@ class LostTest(SystemTest):
         self.addCleanup(tree.close)
         for relay in tree.relays:
             relay.pack(pack)
-        for agent in tree.agents:
-            agent.set_ini("FileStore", "FileStore", "KeepSentFiles", 86400)
         tree.start()
         return tree
 

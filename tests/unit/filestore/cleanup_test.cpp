@@ -41,6 +41,7 @@ struct Cleanup : StoreTest {
 };
 
 TEST_F(Cleanup, FilesAreRemovedByTheirRules) {
+    FileStore::ulKeepSentFiles = 0;
     constexpr const char* kPackage = "FileType = 'OperationalRulePackage', KeepCopy = 4, ";
     const KelString target = "INSERT INTO Targets (FileId, DeviceGUID, TargetCreateTime) VALUES (?, 'd', ";
     const KelString handedOver = "INSERT INTO HandedOver (FileId) VALUES (?)";

@@ -12,7 +12,6 @@ namespace {
 struct LostStoreTest : StoreTest {
     LostStoreTest() {
         relayValues = With(relayValues, {{"ParentGuid", kParentGuid}});
-        FileStore::ulKeepSentFiles = 86'400;
     }
     static void Clean() { Exposed<FileStoreDeleteThread>().DoWork(); }
     void AnswerWithDatabase(const KelString& id) {
