@@ -247,8 +247,8 @@ unsigned int FileStore::ActionHandler_FileStoreWithdrawFile(KelContainer* argume
     return kKelOk;
 }
 
-/// The content goes, and the row stays to say that the file is obsolete: a device that asks for it is told
-/// so. The devices below forget the file. They learn that it is obsolete when they ask for it.
+/// The content goes; the row stays, so that devices which request the file get the answer that it is
+/// obsolete. The devices below forget the file and get that answer when they request it again.
 unsigned int FileStore::ActionHandler_FileStoreDeletePackage(KelContainer* arguments) {
     KelVector<Withdrawal> withdrawals;
     if (IsCallerAccepted(*arguments)) withdrawals = ReadDeletion(*arguments);
