@@ -1,4 +1,5 @@
 #include <sys/resource.h>
+#include <atomic>
 #include <csignal>
 
 #include "http_server_fixture.h"
@@ -141,12 +142,13 @@ TEST_F(UploadTest, AShortBodyLeavesNothing) {
 
 TEST_F(UploadTest, AnInterruptedUploadGoesOnBehindWhatWasKept) {
     const std::string content = PatternBytes(300'000);
-    unsigned int toBegin = 0, toCheck = 0;
+    std::atomic<unsigned int> toBegin = 0,
+                              toCheck = 0;  // an upload that was left is unanswered: nothing orders its reads
     Subscribe("HttpProtocolCallbackPutBegin", [&](KelContainer* container) {
         ExpectValues(*container, {"URL=/Files/in/x", "Size=300000"});
-        return toBegin;
+        return toBegin.load();
     });
-    Subscribe("HttpProtocolCallbackPutCheck", [&](KelContainer*) { return toCheck; });
+    Subscribe("HttpProtocolCallbackPutCheck", [&](KelContainer*) { return toCheck.load(); });
     struct Case {
         const char* name;
         std::size_t first;
