@@ -36,7 +36,7 @@ void HttpManagedTransmission::End() {
     started_ = false;
     if (sharesRelativeRate_) --manager_.relativeTransmissions;
     sharesRelativeRate_ = false;
-    manager_.rateQueue.Leave();
+    manager_.rateQueue.Leave(Clock::now());
     manager_.EndTransmission();
 }
 

@@ -20,14 +20,14 @@ double HttpRateQueue::PaidAt(Clock::time_point now) const {
 void HttpRateQueue::Join(Clock::time_point now) {
     const KelLock lock(mutex_);
     paid_ = PaidAt(now);
-    // Time in which nothing ran earns no credit.
-    if (running_++ == 0) paid_ = std::min(paid_, static_cast<double>(added_));
+    if (running_++ == 0 && now - idleSince_ > kMostCredit)
+        paid_ = std::min(paid_, static_cast<double>(added_));
     time_ = std::max(time_, now);
 }
 
-void HttpRateQueue::Leave() {
+void HttpRateQueue::Leave(Clock::time_point now) {
     const KelLock lock(mutex_);
-    --running_;
+    if (--running_ == 0) idleSince_ = now;
 }
 
 void HttpRateQueue::SetRate(std::uint64_t bitsPerSecond, Clock::time_point now) {

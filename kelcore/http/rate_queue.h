@@ -11,7 +11,9 @@
 ///
 /// Pieces were passed before they stand in the queue, so what is left of a transmission that ends is still
 /// paid by the time of the others. A stall of all earns a credit of at most kMostCredit, which limits the
-/// burst after it: over ten seconds, it adds 3 % to the rate.
+/// burst after it: over ten seconds, it adds 3 % to the rate. A pause between two transmissions counts as a
+/// stall if it is no longer than that, so that a file may be written to the disk while the next one is paid
+/// for; a longer one earns nothing.
 class HttpRateQueue {
   public:
     using Clock = std::chrono::steady_clock;
@@ -19,7 +21,7 @@ class HttpRateQueue {
 
     /// A transmission begins and ends.
     void Join(Clock::time_point now);
-    void Leave();
+    void Leave(Clock::time_point now);
 
     /// Each running transmission has this rate in bits per second (not 0).
     void SetRate(std::uint64_t bitsPerSecond, Clock::time_point now);
@@ -43,4 +45,5 @@ class HttpRateQueue {
     std::uint64_t added_ KEL_GUARDED_BY(mutex_) = 0;    ///< bytes
     double paid_ KEL_GUARDED_BY(mutex_) = 0;            ///< of them, at time_; above added_: credit
     Clock::time_point time_ KEL_GUARDED_BY(mutex_);
+    Clock::time_point idleSince_ KEL_GUARDED_BY(mutex_);  ///< while nothing runs
 };

@@ -38,7 +38,13 @@ TEST(RateQueue, AStallEarnsLittleIdleTimeNothingAndANewRateHoldsForWhatIsUnpaid)
     auto now = kStart + 3601s + 700ms;
     queue.SetRate(4'000, now);
     EXPECT_EQ(queue.Remaining(stalled, now), 2s);
-    queue.Leave();
+    now += queue.Remaining(stalled, now);
+    queue.Leave(now);
+    now += 200ms;
+    queue.Join(now);
+    EXPECT_EQ(queue.Remaining(queue.Add(500, now), now), 800ms) << "a short pause is a stall";
+    now += 800ms;
+    queue.Leave(now);
     now += 3600s;
     queue.Join(now);
     EXPECT_EQ(queue.Remaining(queue.Add(500, now), now), 1s);
