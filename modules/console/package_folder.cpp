@@ -6,6 +6,7 @@
 #include "kel/format.h"
 #include "kel/path.h"
 #include "kelcore/error_codes.h"
+#include "kelcore/shared_content.h"
 
 namespace {
 
@@ -38,6 +39,18 @@ bool MakeFolders(const KelString& root, const KelString& label, const KelString&
         if (!PathCreate(folder) || !FileSync(folder)) return false;
     }
     return true;
+}
+
+/// The same content under other labels and names is on the disk once.
+void ShareWithOtherLabels(const KelString& root, const PackageFile& file) {
+    const KelString packages = KelFormat("%S/%s", root, kPackages);
+    for (const KelString& label : DirList(packages)) {
+        const KelString folder = KelFormat("%S/%S/%S", packages, label, file.checksum);
+        for (const KelString& name : DirList(folder)) {
+            const KelString other = folder + "/" + name;
+            if (other != file.path && ShareContent(file.path, other, IncomingFolder(root))) return;
+        }
+    }
 }
 
 bool HoldsContent(const KelString& path, const KelString& checksum) {
@@ -88,5 +101,6 @@ KelResult<PackageFile> CopyToPackages(const KelString& root, const KelString& so
     if (HoldsContent(file.path, file.checksum)) return file;
     if (!MakeFolders(root, label, file.checksum) || !FileRename(copy, file.path))
         return CannotWrite(file.path);
+    ShareWithOtherLabels(root, file);
     return file;
 }

@@ -73,6 +73,9 @@ TEST_F(ConsoleTest, WhatIsPublishedAgainIsOrderedAndADamagedCopyReplaced) {
     OnThreads(8, [this](int) { Publish(Request("north")); });
     ASSERT_EQ(OfferCount(), 11U);
     EXPECT_EQ(TempFolder::Read(Offers()[0].GetString("FilePath")), "content");
+    Publish(With(Request("all"), {"FileLabel=other"}));
+    EXPECT_TRUE(std::filesystem::equivalent(Offers().back().GetString("FilePath").c_str(),
+                                            Offers()[0].GetString("FilePath").c_str()));
     EXPECT_TRUE(std::filesystem::is_empty(root_ / "data/Console/Incoming"));
 }
 
