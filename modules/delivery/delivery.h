@@ -1,9 +1,12 @@
 #pragma once
 
+#include <memory>
+
 #include "kel/container.h"
 #include "kel/mutex.h"
 #include "kel/periodic_thread.h"
 #include "kelcore/failure_log.h"
+#include "kelcore/left_overs.h"
 #include "kelcore/module.h"
 #include "modules/delivery/collected.h"
 #include "modules/delivery/commands.h"
@@ -85,7 +88,8 @@ class Delivery : public KelModule {
     Inbox inbox_;
     JobQueue jobs_;
     Orders orders_;
-    std::int64_t orderTimeout_ = 0;   ///< seconds
+    KelVector<std::unique_ptr<KelLeftOverFolder>> leftOvers_;  ///< between Initialise and Cleanup
+    std::int64_t orderTimeout_ = 0;                            ///< seconds
     std::int64_t pastForgotten_ = 0;  ///< when that was last done; on the receipt thread
     Commands commands_;
     /// One copy at a time, so that an older content cannot replace a newer one; also held while orders and
