@@ -1,3 +1,5 @@
+#include <sstream>
+
 #include "filestore/db/callback_table.h"
 #include "filestore/down/notify_thread.h"
 #include "filestore/file_store_fixture.h"
@@ -96,6 +98,62 @@ TEST_F(Cleanup, FilesAreRemovedByTheirRules) {
             if (!isKept && !isExternal) {
                 EXPECT_EQ(Targets(), Texts());
             }
+        }
+    }
+}
+
+/// What the rules depend on, each with each; the rules once more, in the words of the operator's guide.
+struct Combination {
+    unsigned keep, acknowledged, hasTarget, isOld, isExternal, isLarge, isSent;
+
+    bool IsKept(Side side, unsigned role) const {
+        const bool isKeptByRole = (keep & role) != 0;
+        if (isExternal) return true;
+        if (isOld && !isKeptByRole) return false;
+        if (isKeptByRole && !isLarge) return true;
+        if (side == kDown && hasTarget) return true;
+        const bool isForOthers = role == 2 && !isOld;
+        return !isSent && (!acknowledged || isForOthers);
+    }
+};
+
+TEST_F(Cleanup, EveryCombinationIsKeptOrRemovedByTheRules) {
+    FileStore::ulKeepSentFiles = 0;
+    FileStore::uKeepCopyPackageMaxSize = 1;
+    const std::int64_t now = std::time(nullptr);
+    const KelString outside = MakeFile("outside", "x");
+    for (const unsigned role : {1U, 2U, 4U}) {
+        SetRole(static_cast<int>(role));
+        for (const Side side : {kDown, kUp}) {
+            const auto trace = Begin(KelFormat("%s %u", filestore::SideName(side), role));
+            Rows(
+                side,
+                KelFormat(
+                    "WITH k (keep) AS (VALUES (0), (1), (2), (4), (6), (9)), b (x) AS (VALUES (0), (1)) "
+                    "INSERT INTO Files (FileType, FileLabel, FileName, FileChecksum, FilePath, FileStatus, "
+                    "KeepCopy, Acknowledged, Priority, CreateTime, ExternalFile, FileSize, Upstream) "
+                    "SELECT 't', 'l', keep || ' ' || a.x || ' ' || t.x || ' ' || o.x || ' ' || e.x || ' ' || "
+                    "s.x || ' ' || u.x, 'c', '%S', #AVAILABLE#, keep, a.x, t.x, %ld - o.x * %ld, e.x, "
+                    "s.x << 21, u.x FROM k, b AS a, b AS t, b AS o, b AS e, b AS s, b AS u",
+                    outside, now - 10, kOld));
+            if (side == kDown)
+                Rows(kDown,
+                     KelFormat(
+                         "INSERT INTO Targets (FileId, DeviceGUID, TargetCreateTime) SELECT FileId, 'd', %ld "
+                         "FROM Files WHERE Priority = 1",
+                         now));
+            Texts kept;
+            for (const KelString& name : Names(side)) {
+                Combination one{};
+                std::istringstream(name) >> one.keep >> one.acknowledged >> one.hasTarget >> one.isOld >>
+                    one.isExternal >> one.isLarge >> one.isSent;
+                if (one.IsKept(side, role)) kept.push_back(name);
+            }
+            Clean();
+            EXPECT_EQ(Names(side), kept);
+            EXPECT_EQ(
+                Cell(kDown, "SELECT COUNT(*) FROM Targets WHERE FileId NOT IN (SELECT FileId FROM Files)"),
+                "0");
         }
     }
 }
