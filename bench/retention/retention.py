@@ -8,7 +8,8 @@ inboxes and among the collected files is taken away at the end of a day, as its 
 Then everything else that the agents have on their disks is counted: the bytes and files of every folder of their data,
 the bytes of each database and its log, and the rows of each table. All agents are in the table that is printed; at the
 end come the values that have grown: in the last third of the days the largest is more than a tenth over the largest of
-the third before. The exit code is 1 if there is one.
+the third before. The exit code is 1 if there is one. What the master has published stays until it is withdrawn: these
+values are divided by the number of publications first.
 """
 import argparse
 import collections
@@ -32,6 +33,9 @@ ARRIVAL_SECONDS = 300
 QUIET_SECONDS = 4  # in which the workers, which look every second, find nothing to do any more
 GROWTH = 1.1
 SLACK = {"bytes": 1 << 20, "files": 50, "rows": 50}  # what varies from day to day is not growth
+PUBLICATIONS = "Console/Console.sqlite Publications", "rows"
+PUBLISHED = ("Console/", "FileStore/FileStore.sqlite")  # begins the names of what the master keeps of publications
+LOGS = ("log/", "Agent/audit")  # a new file is begun at a size, and the oldest goes: that takes longer than this
 TAKEN_AWAY = ("Delivery/Inbox", "Delivery/Collected")
 
 
@@ -157,11 +161,15 @@ class Retention:
         found = []
         for agent, days in self.samples.items():
             third = len(days) // 3
-            for key in sorted({key for day in days for key in day}):
-                before = max(day[key] for day in days[third:2 * third])
-                after = max(day[key] for day in days[2 * third:])
-                if after > before * GROWTH + SLACK[key[1]]:
-                    found.append(f"{agent.name}: {key[0]}: {before} {key[1]}, then {after}")
+            for key in sorted({key for day in days for key in day if not key[0].startswith(LOGS)}):
+                if agent is self.tree.master and key[0].startswith(PUBLISHED):
+                    slack, per = SLACK[key[1]] / days[third][PUBLICATIONS], " a publication"
+                    values = [day[key] / day[PUBLICATIONS] for day in days]
+                else:
+                    slack, per, values = SLACK[key[1]], "", [day[key] for day in days]
+                before, after = max(values[third:2 * third]), max(values[2 * third:])
+                if after > before * GROWTH + slack:
+                    found.append(f"{agent.name}: {key[0]}: {before:.5g} {key[1]}{per}, then {after:.5g}")
         return found
 
     def print_all(self):

@@ -51,20 +51,14 @@ TEST_F(Cleanup, FilesAreRemovedByTheirRules) {
     const KelString now = std::to_string(std::time(nullptr)) + ")", large = "FileSize = 1048577, ";
     const Table<const char*, Side, int, const char*, KelString, KelString, bool> cases = {
         {"delivered", kDown, 4, "AVAILABLE", acknowledged + young, "", false},
-        {"delivered to the master", kDown, 1, "AVAILABLE", acknowledged + young, "", false},
         {"for others to fetch", kDown, 2, "AVAILABLE", acknowledged + young, "", true},
         {"outdated on a relay", kDown, 2, "AVAILABLE", acknowledged + old, "", false},
         {"no relay's child", kDown, 4, "NOTRELAYSCHILD", acknowledged + young, "", false},
-        {"not acknowledged", kDown, 4, "AVAILABLE", young, "", true},
         {"packager's status", kDown, 4, "AVAILABLE", "FileType = 'PackagerStatus', " + young, "", false},
         {"to be announced", kDown, 4, "AVAILABLE", acknowledged + young, target + now, true},
         {"announced too long", kDown, 4, "AVAILABLE", acknowledged + old, target + "1)", false},
         {"handed over, not taken", kDown, 4, "AVAILABLE", acknowledged + old, handedOver, true},
         {"kept by this role", kDown, 4, "AVAILABLE", acknowledged + "KeepCopy = 4, " + old, "", true},
-        {"kept by other roles", kDown, 4, "AVAILABLE", acknowledged + "KeepCopy = 3, " + young, "", false},
-        {"odd bits", kDown, 4, "AVAILABLE", acknowledged + "KeepCopy = 8, " + young, "", false},
-        {"odd and own bits", kDown, 4, "AVAILABLE", acknowledged + "KeepCopy = 12, " + old, "", true},
-        {"too large", kDown, 4, "AVAILABLE", acknowledged + large + "KeepCopy = 4, " + young, "", false},
         {"just not", kDown, 4, "AVAILABLE", acknowledged + "FileSize = 1048576, KeepCopy = 4", "", true},
         {"large, outdated", kDown, 4, "DOWNLOADING", large + "KeepCopy = 4, " + old, "", true},
         {"missing", kDown, 4, "MISSING", young, "", true},
@@ -78,12 +72,10 @@ TEST_F(Cleanup, FilesAreRemovedByTheirRules) {
         {"never requested", kDown, 4, "MISSING", kPackage + CreatedAgo(201 * kDay), "", false},
         {"young package", kDown, 4, "MISSING", kPackage + CreatedAgo(199 * kDay), "", true},
         {"sent", kUp, 4, "AVAILABLE", young, "", false},
-        {"sent by a relay", kUp, 2, "AVAILABLE", young, "", false},
         {"packed", kUp, 2, "PACKEDFILE", young, "", false},
         {"sent, kept", kUp, 4, "AVAILABLE", "KeepCopy = 4, " + old, "", true},
         {"not sent", kUp, 4, "TOBEUPLOADED", young, "", true},
-        {"never sent", kUp, 4, "TOBEUPLOADED", old, "", false},
-        {"of a device below", kUp, 2, "AVAILABLE", "Upstream = 0, Acknowledged = 1, " + young, "", true}};
+        {"never sent", kUp, 4, "TOBEUPLOADED", old, "", false}};
     FileStore::uKeepCopyPackageMaxSize = 1;
     FakeResult("TestConsume ()", 0);
     const auto consumer = Consume("FileStoreCallbackReceivedFile", "TestConsume ()");
