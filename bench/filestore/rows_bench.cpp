@@ -1,9 +1,11 @@
 // Cost of one step of the notify, pull, push and handler threads and of the passes of the cleanup thread as
 // the database grows:
 //   filestore_rows_bench [--cleanup] [ROWS...]      default: 10000 100000 1000000
+//   filestore_rows_bench --files-on-disk N
 // Prints the median elapsed and processor time of a step in milliseconds, and of the removal of rows the rate
-// and what another thread waits. With --cleanup only the passes. The database is created in the folder for
-// temporary files (TMPDIR).
+// and what another thread waits. With --cleanup only the passes. With --files-on-disk the passes over N files
+// whose content lies in the store. Databases and store are created in the folder for temporary files
+// (TMPDIR).
 
 #include <algorithm>
 #include <array>
@@ -23,6 +25,7 @@
 #include "filestore/down/notify_thread.h"
 #include "filestore/down/pull_thread.h"
 #include "filestore/module/cleanup_passes.h"
+#include "filestore/module/orphans.h"
 #include "filestore/packages/unused_packages.h"
 #include "filestore/state/bandwidth_manager.h"
 #include "filestore/state/file_store.h"
@@ -278,14 +281,20 @@ void MeasureRemoval(const char* what, Side side, const char* table, const std::f
         return rows->GetInt64(0, std::size_t{0});
     };
     const std::int64_t before = count();
+    // The log that the making of the rows has left is larger than any that the programs write.
+    FileStoreGetDatabase(side).connection.Flush();
     LongestWait wait(side);
     const auto start = std::chrono::steady_clock::now();
+    const std::clock_t ticks = std::clock();
     pass();
+    const double processor = static_cast<double>(std::clock() - ticks) / CLOCKS_PER_SEC;
     const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     const double longest = wait.Stop();
     const auto removed = static_cast<double>(before - count());
-    std::printf("%-44s %9.0f removed %7.2f s %9.0f/s, longest wait of another thread %6.1f ms\n", what,
-                removed, seconds, removed / seconds, longest);
+    std::printf(
+        "%-44s %9.0f removed %7.2f s, processor %6.2f s, %7.0f/s, longest wait of another thread %6.1f "
+        "ms\n",
+        what, removed, seconds, processor, removed / seconds, longest);
     std::fflush(stdout);
 }
 
@@ -293,15 +302,53 @@ void MeasureRemoval(const char* what, Side side, const char* table, const std::f
 constexpr std::int64_t kFirstTime = 1000000;
 constexpr std::int64_t kRemoved = 50000;
 
+void SetRelay() {
+    FileStore::eKeepCopyMask = 2;
+    FileStore::fRelayEnabled = true;
+}
+
 void SetBound(std::int64_t time) {
     FileStore::ulTimeToLive = static_cast<std::uint32_t>(std::time(nullptr) - time);
+}
+
+/// Makes the content of the rows that FillFiles makes, in the store.
+void FillContent(unsigned long rows) {
+    for (unsigned long i = 0; i < rows; ++i) {
+        const KelString path =
+            FileStore::StorePath(Side::Downstream, {"OperationalRule", KelFormat("label%lu", i % 97),
+                                                    KelFormat("name%lu", i), Checksum(static_cast<int>(i))});
+        fs::create_directories(fs::path(path).parent_path());
+        std::ofstream(path) << "content of a small file";
+    }
+}
+
+/// A relay whose store holds so many files; half of them, 50,000 at most, are then removed.
+void MeasureFilesOnDisk(unsigned long rows) {
+    const std::int64_t now = std::time(nullptr);
+    SetRelay();
+    FillFiles(rows, filestore::kStatusAvailable, now);
+    FillContent(rows);
+    SetBound(kFirstTime);
+    Measure("all passes, nothing to remove", rows, [now] {
+        for (const Side side : {Side::Downstream, Side::Upstream}) {
+            filestore::DeleteFiles(side, now, kHost);
+            filestore::KillFiles(side, now, kHost);
+        }
+        filestore::KillPackages(now, true, kHost);
+        filestore::KillTargets(now, kHost);
+    });
+    NoteStoreIsKnown(1);
+    Measure("the daily search for orphans", rows,
+            [now] { OrphanSearch().RunWhenDue(now, [] { return false; }); });
+    SetBound(kFirstTime + std::min(static_cast<std::int64_t>(rows / 2), kRemoved));
+    MeasureRemoval("delivered files with their content", Side::Downstream, "Files",
+                   [now] { filestore::DeleteFiles(Side::Downstream, now, kHost); });
 }
 
 /// The passes of the cleanup thread on a relay.
 void MeasureCleanup(unsigned long rows) {
     const std::int64_t now = std::time(nullptr);
-    FileStore::eKeepCopyMask = 2;
-    FileStore::fRelayEnabled = true;
+    SetRelay();
     FillFiles(rows, filestore::kStatusAvailable, now);
     FillTargets(rows, "'host:1/G' || i", now);
     FillUpstream(rows, filestore::kStatusToBeUploaded, now);
@@ -370,17 +417,21 @@ void SetUp(const KelString& root) {
 int main(int argc, char** argv) {
     KelVector<unsigned long> sizes;
     bool cleanupOnly = false;
+    unsigned long onDisk = 0;
     for (int i = 1; i < argc; ++i)
         if (argv[i] == KelString("--cleanup"))
             cleanupOnly = true;
+        else if (argv[i] == KelString("--files-on-disk") && i + 1 < argc)
+            onDisk = std::strtoul(argv[++i], nullptr, 10);
         else
             sizes.push_back(std::strtoul(argv[i], nullptr, 10));
-    if (sizes.empty()) sizes = {10000, 100000, 1000000};
+    if (sizes.empty() && onDisk == 0) sizes = {10000, 100000, 1000000};
     KelString root = (fs::temp_directory_path() / "filestore-bench-XXXXXX").string();
     if (mkdtemp(root.data()) == nullptr) return 1;
     // Writing the warnings of the provoked failures is not to be measured.
     std::freopen("/dev/null", "w", stderr);
     SetUp(root);
+    if (onDisk != 0) MeasureFilesOnDisk(onDisk);
     for (const unsigned long rows : sizes) {
         if (!cleanupOnly) {
             MeasureNotification(rows);

@@ -14,12 +14,25 @@ constexpr char kOfKey[] =
 constexpr char kLiesAt[] = " AND substr(FilePath, -length('%Q')) = '%Q'";
 constexpr char kExternal[] =
     "SELECT FilePath FROM Files WHERE ExternalFile <> 0 AND substr(FilePath, 1, length('%Q')) = '%Q'";
+constexpr char kLike[] =
+    "SELECT %s FROM Files INDEXED BY FilesChecksum WHERE FileChecksum = '%Q' AND FileSize = %ld AND "
+    "ExternalFile = 0 AND FileStatus <> '%s' AND Files.FileId <> %lu LIMIT 4";
 // "+": in the order of the rows, not by way of an index on the status.
 constexpr char kWithContent[] =
     "SELECT %s FROM Files WHERE FileId > %lu AND +FileStatus IN (%s) ORDER BY FileId LIMIT %u";
 
 DBConnection& Connection(Side side) {
     return FileStoreGetDatabase(side).connection;
+}
+
+FileRows Read(Side side, const KelString& statement) {
+    const auto found = Connection(side).Query(statement);
+    FileRows rows(found ? found->GetRowCount() : 0);
+    for (std::size_t i = 0; i < rows.size(); ++i) {
+        RowReader row(*found, i);
+        rows[i].Read(row);
+    }
+    return rows;
 }
 
 KelString StatusesWithContent(Side side) {
@@ -51,14 +64,13 @@ std::optional<std::set<KelString>> SelectExternalPaths(Side side, const KelStrin
 }
 
 FileRows SelectRowsWithContent(Side side, std::uint64_t fileId, unsigned int limit) {
-    const auto found = Connection(side).Query(
-        KelFormat(kWithContent, FileStoreEntry::kColumns, fileId, StatusesWithContent(side).c_str(), limit));
-    FileRows rows(found ? found->GetRowCount() : 0);
-    for (std::size_t i = 0; i < rows.size(); ++i) {
-        RowReader row(*found, i);
-        rows[i].Read(row);
-    }
-    return rows;
+    return Read(side, KelFormat(kWithContent, FileStoreEntry::kColumns, fileId,
+                                StatusesWithContent(side).c_str(), limit));
+}
+
+FileRows SelectFilesLike(const FileStoreEntry& file) {
+    return Read(Side::Upstream, KelFormat(kLike, FileStoreEntry::kColumns, file.FileChecksum, file.FileSize,
+                                          kStatusReceiving, file.FileId));
 }
 
 }  // namespace filestore

@@ -18,4 +18,7 @@ std::optional<std::set<KelString>> SelectExternalPaths(Side side, const KelStrin
 /// The next rows behind `fileId` whose content must be there, in the order of their identifiers.
 FileRows SelectRowsWithContent(Side side, std::uint64_t fileId, unsigned int limit);
 
+/// Some upstream files in the store, other than `file`, with its checksum and size.
+FileRows SelectFilesLike(const FileStoreEntry& file);
+
 }  // namespace filestore

@@ -283,14 +283,21 @@ bool HasFiles(Side side) {
     return !result || result->GetRowCount() != 0;
 }
 
-std::uint64_t SumOfSizes(Side side) {
-    const KelVector<KelString> held = {kStatusAvailable,   kStatusUnicastAvailable, kStatusNotRelaysChild,
-                                       kStatusToBeHandled, kStatusToBeUploaded,     kStatusToBePacked,
-                                       kStatusPackedFile,  kStatusUploading};
-    const auto result = Query(side, KelFormat(kSumOfSizes, QuotedList(held)));
+static std::uint64_t SumOfSizes(Side side, const KelVector<KelString>& statuses) {
+    const auto result = Query(side, KelFormat(kSumOfSizes, QuotedList(statuses)));
     return result && result->GetRowCount() != 0
                ? static_cast<std::uint64_t>(result->GetInt64(0, std::size_t{0}))
                : 0;
+}
+
+std::uint64_t SumOfSizes(Side side) {
+    return SumOfSizes(side,
+                      {kStatusAvailable, kStatusUnicastAvailable, kStatusNotRelaysChild, kStatusToBeHandled,
+                       kStatusToBeUploaded, kStatusToBePacked, kStatusPackedFile, kStatusUploading});
+}
+
+std::uint64_t SumOfListening() {
+    return SumOfSizes(Side::Downstream, {kStatusMulticastListening});
 }
 
 std::optional<ListOrder> MakeListOrder(const KelString& column, const KelString& direction) {

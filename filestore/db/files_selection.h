@@ -88,6 +88,8 @@ bool HasFiles(Side side);
 
 /// Bytes of the files of a side whose content is in the store. Reads an index entry of each.
 std::uint64_t SumOfSizes(Side side);
+/// The same of the files that are being received by multicast.
+std::uint64_t SumOfListening();
 
 /// What a list shows of a file: a store may hold millions, so only that is read.
 struct ListedFile {

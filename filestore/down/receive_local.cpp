@@ -7,6 +7,7 @@
 #include "filestore/state/device.h"
 #include "filestore/state/file_store.h"
 #include "filestore/state/removal.h"
+#include "filestore/state/waiting_reasons.h"
 #include "kel/file.h"
 #include "kelcore/error_codes.h"
 #include "kelcore/file_values.h"
@@ -102,18 +103,25 @@ void GiveUp(const Reception& reception, const LocalSource& source, const FileSto
     if (FindExactFile(Side::Downstream, offered.Key()) == 0) RemovePlaced(source, offered.FilePath);
 }
 
+/// A file that was wanted before the offer waits for what the offer did not bring.
+void NoteShortage(const Reception& reception, const WaitingReason& why) {
+    if (why.code == Waiting::DiskFull && !reception.isNew)
+        Reasons().Note(Side::Downstream, reception.before.FileId, WaitingStep::Download, why);
+}
+
 /// Brings the content of an offer into the store and records it. False when that failed: nothing of the offer
-/// is left then.
+/// is left then. `why`: see PlaceContent.
 bool TakeIn(const LocalSource& source, FileStoreEntry& offered, unsigned int wakeOnLan,
-            const KelContainer& devicePath) {
+            const KelContainer& devicePath, WaitingReason& why) {
     const KelFileLease inUse(offered.FilePath);
     Reception reception;
     if (!Begin(reception, offered)) return false;
     const auto targets = TargetsOf(wakeOnLan, devicePath);
-    if (targets && PlaceContent(source, offered.FilePath, reception.WasAvailable()) &&
+    if (targets && PlaceContent(source, offered.FilePath, reception.WasAvailable(), why) &&
         Complete(reception, offered, *targets))
         return true;
     GiveUp(reception, source, offered);
+    NoteShortage(reception, why);
     return false;
 }
 
@@ -164,7 +172,8 @@ unsigned int ReceiveDownstreamLocal(KelContainer& arguments, Offer& offer) {
         return kKelErrorBadInput;
     }
 
-    if (!TakeIn(source, offered, offer.wakeOnLan, devicePath)) return kKelErrorBadInput;
+    WaitingReason why;
+    if (!TakeIn(source, offered, offer.wakeOnLan, devicePath, why)) return AnswerNotTaken(arguments, why);
     RemoveMovedSource(source, FileStore::StorePath(Side::Downstream, offer.key));
     FileStore::WakeWorker(Worker::Notify);
     return kKelOk;

@@ -1,12 +1,15 @@
 #include "filestore/exchange/local_source.h"
 
+#include <algorithm>
 #include <filesystem>
 
 #include "filestore/state/file_store.h"
 #include "filestore/state/store_layout.h"
+#include "filestore/state/store_space.h"
 #include "kel/checksum.h"
 #include "kel/file.h"
 #include "kel/path.h"
+#include "kelcore/error_codes.h"
 #include "kelcore/file_values.h"
 
 namespace fs = std::filesystem;
@@ -14,6 +17,9 @@ namespace fs = std::filesystem;
 namespace filestore {
 
 namespace {
+
+/// Under which FileStore::failures knows that there is no room.
+constexpr const char* kSpaceFailure = "local space";
 
 bool FailToPlace(const KelString& source, const KelString& destination) {
     FileStore::debugFileStore.Error(
@@ -34,6 +40,24 @@ bool LinkContent(const KelString& source, const KelString& destination) {
     const bool placed = !error && FileRename(name, destination);
     FileDelete(name);  // a rename between two names of one file leaves both
     return placed;
+}
+
+/// False, logged, when the store may not take a copy of the source.
+bool Reserve(SpaceReservation& space, const LocalSource& source, const KelString& folder,
+             WaitingReason& why) {
+    const auto size = static_cast<std::uint64_t>(std::max<std::int64_t>(FileGetSize64(source.path), 0));
+    std::uint64_t left = 0;
+    if (space.Take(folder, size, left)) {
+        FileStore::failures.Succeeded(kSpaceFailure, "There is room for files of this device again");
+        return true;
+    }
+    why = {.code = Waiting::DiskFull, .bytes = left, .whole = size};
+    FileStore::failures.Failed(
+        KelDebugLevel::Error, kSpaceFailure,
+        KelFormat("Refusing '%S', which has %lu bytes, and there is room for %lu: make "
+                  "room in %S, then offer it again",
+                  source.path, size, left, FileStore::strStorageLocationToUse));
+    return false;
 }
 
 bool CopyContent(const LocalSource& source, const KelString& destination) {
@@ -90,7 +114,8 @@ bool CheckUpstreamSize(const KelString& path, std::int64_t size) {
     return size > 0;
 }
 
-bool PlaceContent(const LocalSource& source, const KelString& destination, bool keepExisting) {
+bool PlaceContent(const LocalSource& source, const KelString& destination, bool keepExisting,
+                  WaitingReason& why) {
     if (source.kind == LocalSource::Kind::External) return true;
     const std::int64_t sourceSize = FileGetSize64(source.path);
     const std::int64_t present = FileGetSize64(destination);
@@ -99,7 +124,17 @@ bool PlaceContent(const LocalSource& source, const KelString& destination, bool 
     SplitPath(destination, folder, name);
     if (!PathCreate(folder) || !PathCreate(StoreWorkFolder())) return FailToPlace(source.path, destination);
     const bool isMove = source.kind == LocalSource::Kind::Move;
-    return (isMove && LinkContent(source.path, destination)) || CopyContent(source, destination);
+    if (isMove && LinkContent(source.path, destination)) return true;
+    SpaceReservation space;
+    if (!Reserve(space, source, folder, why) || !CopyContent(source, destination)) return false;
+    space.Complete();
+    return true;
+}
+
+unsigned int AnswerNotTaken(KelContainer& arguments, const WaitingReason& why) {
+    if (why.code != Waiting::DiskFull) return kKelErrorBadInput;
+    arguments.SetString("Message", why.Text());
+    return kKelErrorNotAvailable;
 }
 
 void RemovePlaced(const LocalSource& source, const KelString& destination) {

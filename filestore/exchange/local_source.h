@@ -2,6 +2,7 @@
 
 #include <cstdint>
 
+#include "filestore/state/waiting_reasons.h"
 #include "kel/container.h"
 #include "kel/types.h"
 
@@ -37,8 +38,13 @@ bool CheckUpstreamSize(const KelString& path, std::int64_t size);
 ///
 /// There is nothing to do for an external file, when the source is gone but the destination exists (an
 /// earlier attempt got that far) and, with `keepExisting`, when the destination has the source's size. False,
-/// logged, when the content is not in place afterwards or has changed since its checksum was computed.
-bool PlaceContent(const LocalSource& source, const KelString& destination, bool keepExisting);
+/// logged, when the content is not in place afterwards or has changed since its checksum was computed. A copy
+/// that the store has no room for (state/store_space.h) is not begun; `why` is then DiskFull.
+bool PlaceContent(const LocalSource& source, const KelString& destination, bool keepExisting,
+                  WaitingReason& why);
+
+/// The answer to a local offer that was not taken: when there was no room, it may be made again later.
+unsigned int AnswerNotTaken(KelContainer& arguments, const WaitingReason& why);
 
 /// Undoes PlaceContent when the row of the content could not be recorded. Leaves content whose source is
 /// gone: it is the only copy. The caller makes sure that no row names `destination`, and holds the mutex of

@@ -16,6 +16,7 @@
 #include "kel/file_times.h"
 #include "kel/text.h"
 #include "kelcore/file_lease.h"
+#include "kelcore/left_overs.h"
 
 using namespace filestore;
 
@@ -40,32 +41,50 @@ bool IsComplete(Side side) {
     return side == Side::Downstream || ReadInformation(kUnknownFilesField, side).value_or("0") == "0";
 }
 
+/// Looks for old files below a folder that nothing needs.
+class FolderSearch {
+  public:
+    FolderSearch(std::int64_t now, const std::function<bool()>& isCancelled)
+        : oldest_(now - std::int64_t{FileStore::ulTimeToLive}),
+          isCancelled_(isCancelled),
+          removes_(FileStoreReadFlag("FileStore", "RemoveOrphans")) {}
+
+    /// True when nothing needs the file; with `removes` it is removed then.
+    using Examine = std::function<bool(const KelString& path, bool removes)>;
+    void LookIn(const KelString& folder, const Examine& examine);
+    /// Logs what was found in `where`.
+    void Summarise(const KelString& where) const;
+
+  private:
+    void LookAt(const KelString& path, const Examine& examine);
+    void Report(const KelString& path, std::uint64_t bytes);
+
+    const std::int64_t oldest_;  ///< what has changed later is left alone
+    const std::function<bool()>& isCancelled_;
+    const bool removes_;
+    std::uint64_t files_ = 0;
+    std::uint64_t bytes_ = 0;
+};
+
+/// What a side of the store has lost.
 class Search {
   public:
     Search(Side side, std::int64_t now, const std::function<bool()>& isCancelled)
-        : side_(side),
-          oldest_(now - std::int64_t{FileStore::ulTimeToLive}),
-          isCancelled_(isCancelled),
-          removes_(FileStoreReadFlag("FileStore", "RemoveOrphans")) {}
+        : side_(side), now_(now), isCancelled_(isCancelled) {}
 
     void LookForFiles();
     void LookForRows();
 
   private:
     bool LoadExternalPaths();
-    void LookIn(const KelString& folder);
-    void LookAt(const KelString& path);
+    bool Examine(const KelString& path, bool removes) const;
     bool IsNamed(const KelString& path) const;
-    void Report(const KelString& path, std::uint64_t bytes);
     bool IsStillMissing(const FileStoreEntry& row) const;
 
     const Side side_;
-    const std::int64_t oldest_;  ///< what has changed later is left alone
+    const std::int64_t now_;
     const std::function<bool()>& isCancelled_;
-    const bool removes_;
     std::set<KelString> external_;
-    std::uint64_t files_ = 0;
-    std::uint64_t bytes_ = 0;
 };
 
 bool Search::LoadExternalPaths() {
@@ -79,34 +98,46 @@ bool Search::LoadExternalPaths() {
 
 void Search::LookForFiles() {
     if (!LoadExternalPaths()) return;
-    LookIn(FileStore::strStorageLocationToUse + SideName(side_));
+    FolderSearch search(now_, isCancelled_);
+    search.LookIn(FileStore::strStorageLocationToUse + SideName(side_),
+                  [this](const KelString& path, bool removes) { return Examine(path, removes); });
+    search.Summarise(KelFormat("the store's folder %s", SideName(side_)));
+}
+
+void FolderSearch::Summarise(const KelString& where) const {
     if (files_ == 0) return;
     const char* outcome = removes_ ? "they were removed" : "RemoveOrphans=true in FileStore.ini removes them";
-    FileStore::debugFileStore.Warning("%gu files in the store's folder %s (%gu MiB) belong to no row; %s\n",
-                                      files_, SideName(side_), bytes_ / kMiB, outcome);
+    FileStore::debugFileStore.Warning("%gu files in %S (%gu MiB) belong to no row; %s\n", files_, where,
+                                      bytes_ / kMiB, outcome);
 }
 
 /// Folders may go meanwhile, and are empty then.
-void Search::LookIn(const KelString& folder) {
+void FolderSearch::LookIn(const KelString& folder, const Examine& examine) {
     for (const KelString& name : DirList(folder)) {
         if (isCancelled_()) return;
         const KelString path = folder + "/" + name;
         std::error_code failure;
         if (fs::is_directory(fs::symlink_status(path, failure)))
-            LookIn(path);
+            LookIn(path, examine);
         else
-            LookAt(path);
+            LookAt(path, examine);
     }
 }
 
-void Search::LookAt(const KelString& path) {
+void FolderSearch::LookAt(const KelString& path, const Examine& examine) {
     const std::int64_t changed = FileLastChange(path);
     if (changed < 0 || changed >= oldest_) return;
     // An offer of content that is here already holds a lease of it until its row is recorded.
     const KelFileClaim claim(path);
-    if (!claim || IsNamed(path)) return;
-    Report(path, static_cast<std::uint64_t>(std::max<std::int64_t>(FileGetSize64(path), 0)));
-    if (removes_) DeleteFileAndFolder(path);
+    if (!claim) return;
+    const std::int64_t size = FileGetSize64(path);
+    if (examine(path, removes_)) Report(path, static_cast<std::uint64_t>(std::max<std::int64_t>(size, 0)));
+}
+
+bool Search::Examine(const KelString& path, bool removes) const {
+    if (IsNamed(path)) return false;
+    if (removes) DeleteFileAndFolder(path);
+    return true;
 }
 
 bool Search::IsNamed(const KelString& path) const {
@@ -115,7 +146,7 @@ bool Search::IsNamed(const KelString& path) const {
     return place && HasRowFor(*place);
 }
 
-void Search::Report(const KelString& path, std::uint64_t bytes) {
+void FolderSearch::Report(const KelString& path, std::uint64_t bytes) {
     ++files_;
     bytes_ += bytes;
     if (files_ <= kMostListed) FileStore::debugFileStore.Print("%S belongs to no row\n", path);
@@ -145,6 +176,17 @@ void Search::LookForRows() {
         FileStore::debugFileStore.Warning("The content of %gu files is missing in all\n", missing);
 }
 
+/// What other parts of the agent have left over.
+void LookBesideTheStore(std::int64_t now, const std::function<bool()>& isCancelled) {
+    for (const KelString& folder : KelLeftOverFolder::List()) {
+        FolderSearch search(now, isCancelled);
+        search.LookIn(folder, [&folder](const KelString& path, bool removes) {
+            return KelLeftOverFolder::IsLeftOver(folder, path, removes);
+        });
+        search.Summarise(folder);
+    }
+}
+
 }  // namespace
 
 void NoteStoreIsKnown(std::int64_t now) {
@@ -163,4 +205,5 @@ void OrphanSearch::RunWhenDue(std::int64_t now, const std::function<bool()>& isC
         if (isOldEnough && IsComplete(side)) search.LookForFiles();
         search.LookForRows();
     }
+    LookBesideTheStore(now, isCancelled);
 }

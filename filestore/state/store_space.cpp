@@ -48,6 +48,29 @@ void CountHeld(std::uint64_t quota) {
     account.next = std::chrono::steady_clock::now() + kAge;
 }
 
+/// What is known of the room for a transfer before the account is consulted.
+struct Room {
+    std::uint64_t onDisk = 0;
+    std::uint64_t quota = 0;
+    std::uint64_t listening = 0;  ///< by multicast: the datagrams come whatever else is taken in
+
+    unsigned int Measure(const KelString& folder) {
+        unsigned int error = DiskFree(folder, onDisk);
+        if (error == kPathNotFound) error = DiskFree(FileStore::strStorageLocationToUse, onDisk);
+        if (error != 0) return error;
+        onDisk = Less(onDisk, Megabytes(FileStore::ulFreeSpaceReserve));
+        quota = Megabytes(FileStore::ulStoreQuota);
+        if (quota != 0) CountHeld(quota);
+        listening = SumOfListening();
+        return 0;
+    }
+    std::uint64_t Left() const KEL_REQUIRES(mutexAccount) {
+        const std::uint64_t held = account.counted + account.since;
+        const std::uint64_t bytes = quota == 0 ? onDisk : std::min(onDisk, Less(quota, held));
+        return Less(bytes, account.running + listening);
+    }
+};
+
 }  // namespace
 
 bool IsSpaceLimited() {
@@ -55,22 +78,26 @@ bool IsSpaceLimited() {
 }
 
 unsigned int SpaceFor(const KelString& folder, std::uint64_t& bytes) {
-    std::uint64_t free = 0;
-    unsigned int error = DiskFree(folder, free);
-    if (error == kPathNotFound) error = DiskFree(FileStore::strStorageLocationToUse, free);
-    if (error != 0) return error;
-    bytes = Less(free, Megabytes(FileStore::ulFreeSpaceReserve));
-    const std::uint64_t quota = Megabytes(FileStore::ulStoreQuota);
-    if (quota != 0) CountHeld(quota);
+    Room room;
+    if (const unsigned int error = room.Measure(folder); error != 0) return error;
     const KelLock lock(mutexAccount);
-    if (quota != 0) bytes = std::min(bytes, Less(quota, account.counted + account.since));
-    bytes = Less(bytes, account.running);
+    bytes = room.Left();
     return 0;
 }
 
 SpaceReservation::SpaceReservation(std::uint64_t bytes) : bytes_(bytes) {
     const KelLock lock(mutexAccount);
     account.running += bytes_;
+}
+
+bool SpaceReservation::Take(const KelString& folder, std::uint64_t bytes, std::uint64_t& left) {
+    Room room;
+    const bool isKnown = IsSpaceLimited() && room.Measure(folder) == 0;
+    const KelLock lock(mutexAccount);
+    if (isKnown && (left = room.Left()) < bytes) return false;
+    account.running += bytes;
+    bytes_ += bytes;
+    return true;
 }
 
 SpaceReservation::~SpaceReservation() {

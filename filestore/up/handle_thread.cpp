@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "filestore/db/content_rows.h"
 #include "filestore/db/database.h"
 #include "filestore/db/file_status.h"
 #include "filestore/db/files_selection.h"
@@ -13,19 +14,30 @@
 #include "filestore/state/waiting_reasons.h"
 #include "filestore/up/upload_policy.h"
 #include "kel/file.h"
+#include "kel/path.h"
 #include "kelcore/action_db.h"
 #include "kelcore/callback_db.h"
 #include "kelcore/error_codes.h"
+#include "kelcore/shared_content.h"
 
 using namespace filestore;
 
 namespace {
 
 constexpr unsigned int kBatchSize = 50;
+constexpr std::int64_t kLeastShared = 4096;  ///< bytes; smaller files have nothing to share
 
 const char* CallbackOf(bool isLocal, Side side) {
     if (side == Side::Upstream) return "FileStoreCallbackCopyUpstream";
     return isLocal ? "FileStoreCallbackReceivedFile" : "FileStoreCallbackCopyDownstream";
+}
+
+/// Devices often send the same content up: all names of it share one file, see ShareContent. Whatever comes
+/// into the upstream store replaces a file as a whole.
+void ShareEqualContent(const FileStoreEntry& entry, const KelString& path) {
+    if (entry.FileSize < kLeastShared || !PathCreate(StoreWorkFolder())) return;
+    for (const FileStoreEntry& other : SelectFilesLike(entry))
+        if (ShareContent(path, ContentPath(other, Side::Upstream), StoreWorkFolder())) return;
 }
 
 /// The action of the consumer that gave this answer.
@@ -146,6 +158,7 @@ void FileStoreHandleThread::HandOver(const FileStoreEntry& entry, bool isLocal, 
         if (DeleteFileRow(side, entry.FileId)) ++rowsMovedOn_;
         return;
     }
+    if (side == Side::Upstream && !entry.ExternalFile) ShareEqualContent(entry, path);
     FileOffer description = FileDescriptionOf(entry);
     description.filePath = path;
     KelContainer results;

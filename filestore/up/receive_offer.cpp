@@ -48,9 +48,9 @@ FileStoreEntry LocalEntry(const KelContainer& arguments, const Offer& offer, con
 }
 
 /// Puts the content of `entry` in its place; false, logged, when it is not there afterwards.
-bool Place(const LocalSource& source, const KelString& path, FileStoreEntry& entry) {
+bool Place(const LocalSource& source, const KelString& path, FileStoreEntry& entry, WaitingReason& why) {
     entry.FilePath = entry.ExternalFile ? source.path : path;
-    if (!CheckUpstreamSize(source.path, ContentSize(source, path)) || !PlaceContent(source, path, false))
+    if (!CheckUpstreamSize(source.path, ContentSize(source, path)) || !PlaceContent(source, path, false, why))
         return false;
     entry.FileSize = FileGetSize64(entry.FilePath);  // its owner may have truncated it in the meantime
     return CheckUpstreamSize(entry.FilePath, entry.FileSize);
@@ -75,8 +75,8 @@ bool GiveUp(const LocalSource& source, const FileStoreEntry& entry, const KelStr
 
 /// Brings the content of an offer into the store and has it handed to the consumers. A known file keeps its
 /// content; one that is known but not here, because it is only expected or was lost, gets it. `path` receives
-/// where the content lies.
-bool PlaceAndRecord(const LocalSource& source, FileStoreEntry& entry, KelString& path) {
+/// where the content lies; `why`: see PlaceContent.
+bool PlaceAndRecord(const LocalSource& source, FileStoreEntry& entry, KelString& path, WaitingReason& why) {
     // Content is copied without the lock. In the meantime another device may have offered the same file and
     // got the place; then the content is put into the next one.
     KelFileLease inUse;
@@ -91,7 +91,7 @@ bool PlaceAndRecord(const LocalSource& source, FileStoreEntry& entry, KelString&
             if (known->HasContent() || isPlaced) return Record(*known, entry) || GiveUp(source, entry, path);
         }
         inUse = KelFileLease(path);
-        if (!Place(source, path, entry)) return GiveUp(source, entry, path);
+        if (!Place(source, path, entry, why)) return GiveUp(source, entry, path);
         placed = path;
     }
 }
@@ -165,7 +165,8 @@ unsigned int ReceiveUpstreamLocal(KelContainer& arguments, Offer& offer) {
     arguments.Clear();
 
     KelString path;
-    if (!PlaceAndRecord(source, entry, path)) return kKelErrorBadInput;
+    WaitingReason why;
+    if (!PlaceAndRecord(source, entry, path, why)) return AnswerNotTaken(arguments, why);
     RemoveMovedSource(source, path);
     FileStore::WakeWorker(Worker::Handler);
     return kKelOk;

@@ -115,7 +115,8 @@ unsigned int StoreAndRecord(KelContainer& arguments, const LocalSource& source, 
     const auto known = FindUpstreamFile(offer.key, arguments.GetString(kValueSourceDevice));
     if (!known) return kKelErrorNotAvailable;
     const KelString path = known->Path();
-    if (!PlaceContent(source, path, false)) return kKelErrorBadInput;
+    WaitingReason why;
+    if (!PlaceContent(source, path, false, why)) return AnswerNotTaken(arguments, why);
     arguments.SetInt64(kValueFileSize, FileGetSize64(path));  // of the stored content, whatever was announced
     if (offer.key.type == kIdentityFileType) offer.priority = 500;
     const unsigned int result = ReceiveUpstreamRemote(arguments, offer);

@@ -227,6 +227,10 @@ bool Console::Initialise() {
     directory_.SetIniPath(IniPath());
     publisher_.SetFolder(DataPath());
     withdrawer_.SetFolder(DataPath());
+    incomingFolder_.emplace(IncomingFolder(DataPath()));
+    packageFolder_.emplace(PackagesFolder(DataPath()), [this](const KelString& path, bool removes) {
+        return withdrawer_.ExaminePackage(path, removes);
+    });
     return database_.Open(DataPath(), IniPath());
 }
 
@@ -261,6 +265,8 @@ bool Console::Activate() {
 }
 
 void Console::Cleanup() {
+    packageFolder_.reset();
+    incomingFolder_.reset();
     stages_.Stop();
     database_.Close();
 }

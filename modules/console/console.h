@@ -1,8 +1,10 @@
 #pragma once
 
+#include <optional>
 #include <shared_mutex>
 
 #include "kel/container.h"
+#include "kelcore/left_overs.h"
 #include "kelcore/module.h"
 #include "modules/console/console_database.h"
 #include "modules/console/device_directory.h"
@@ -55,6 +57,7 @@ class Console : public KelModule {
     std::shared_mutex packages_;
     Publisher publisher_;
     Withdrawer withdrawer_;
+    std::optional<KelLeftOverFolder> incomingFolder_, packageFolder_;  ///< between Initialise and Cleanup
     StageStore stageStore_;
     Stages stages_;
     UpstreamIntake intake_;

@@ -5,7 +5,9 @@
 #include "kel/file.h"
 #include "kel/format.h"
 #include "kel/path.h"
+#include "kel/text.h"
 #include "kelcore/error_codes.h"
+#include "kelcore/shared_content.h"
 
 namespace {
 
@@ -40,6 +42,18 @@ bool MakeFolders(const KelString& root, const KelString& label, const KelString&
     return true;
 }
 
+/// The same content under other labels and names is on the disk once.
+void ShareWithOtherLabels(const KelString& root, const PackageFile& file) {
+    const KelString packages = PackagesFolder(root);
+    for (const KelString& label : DirList(packages)) {
+        const KelString folder = KelFormat("%S/%S/%S", packages, label, file.checksum);
+        for (const KelString& name : DirList(folder)) {
+            const KelString other = folder + "/" + name;
+            if (other != file.path && ShareContent(file.path, other, IncomingFolder(root))) return;
+        }
+    }
+}
+
 bool HoldsContent(const KelString& path, const KelString& checksum) {
     KelString present;
     return FileExists(path) && FileMd5(path, present) && present == checksum;
@@ -49,6 +63,22 @@ bool HoldsContent(const KelString& path, const KelString& checksum) {
 
 KelString IncomingFolder(const KelString& root) {
     return root + "/" + kIncoming;
+}
+
+KelString PackagesFolder(const KelString& root) {
+    return KelFormat("%S/%s", root, kPackages);
+}
+
+std::optional<FileKey> PackageAt(const KelString& root, const KelString& path) {
+    const KelString folder = PackagesFolder(root) + "/";
+    const KelVector<KelString> parts =
+        SplitText(path.starts_with(folder) ? path.substr(folder.size()) : KelString(), '/');
+    if (parts.size() != 3) return std::nullopt;
+    FileKey key;
+    key.label = parts[0];
+    key.checksum = parts[1];
+    key.name = parts[2];
+    return key;
 }
 
 void RemoveUnfinishedCopies(const KelString& root) {
@@ -88,5 +118,6 @@ KelResult<PackageFile> CopyToPackages(const KelString& root, const KelString& so
     if (HoldsContent(file.path, file.checksum)) return file;
     if (!MakeFolders(root, label, file.checksum) || !FileRename(copy, file.path))
         return CannotWrite(file.path);
+    ShareWithOtherLabels(root, file);
     return file;
 }

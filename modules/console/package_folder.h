@@ -1,9 +1,11 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 
 #include "kel/result.h"
 #include "kel/types.h"
+#include "kelcore/file_key.h"
 
 /// A file that was copied for publication.
 struct PackageFile {
@@ -24,6 +26,10 @@ KelResult<PackageFile> CopyToPackages(const KelString& root, const KelString& so
 /// Where such a copy lies; `size` is left open.
 PackageFile PlaceInPackages(const KelString& root, const KelString& label, const KelString& checksum,
                             const KelString& name);
+
+/// The folder beneath `root` of the copies, and whose copy lies at a path in it: label, checksum and name.
+KelString PackagesFolder(const KelString& root);
+std::optional<FileKey> PackageAt(const KelString& root, const KelString& path);
 
 /// The folder beneath `root` for files in the making.
 KelString IncomingFolder(const KelString& root);

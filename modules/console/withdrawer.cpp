@@ -173,6 +173,16 @@ bool Withdrawer::RemovePackage(const FileKey& file) {
     return true;
 }
 
+bool Withdrawer::ExaminePackage(const KelString& path, bool removes) {
+    const auto package = PackageAt(folder_, path);
+    if (!package) return false;
+    const std::lock_guard lock(packages_);
+    const auto isPublished = withdrawals_.IsContentPublished(*package);
+    if (!isPublished || *isPublished) return false;
+    if (removes) FileDelete(path);
+    return true;
+}
+
 bool Withdrawer::HandOverOne(const StoreWithdrawal& withdrawal) {
     KelContainer call;
     withdrawal.file.Write(call);

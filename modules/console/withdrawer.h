@@ -42,6 +42,10 @@ class Withdrawer {
     /// fails is left to a later call.
     void ForgetOrders(const KelVector<KelString>& ids);
 
+    /// True when no publication has the file at `path` in the folder of published files; with `removes` it is
+    /// removed then.
+    bool ExaminePackage(const KelString& path, bool removes);
+
     /// Hands over to the file store what it has not taken yet; false when something is left.
     bool HandOver();
     /// True when HandOver has failed since it succeeded last.

@@ -121,6 +121,8 @@ bool Delivery::Initialise() {
         return false;
     }
     RemoveUnfinishedCopies();
+    for (const char* folder : {"/Outgoing", "/Incoming"})
+        leftOvers_.push_back(std::make_unique<KelLeftOverFolder>(DataPath() + folder));
     return true;
 }
 
@@ -162,6 +164,7 @@ bool Delivery::Activate() {
 }
 
 void Delivery::Cleanup() {
+    leftOvers_.clear();
     thread_.Cancel(0, false);  // stops a running command while the other thread ends
     receiptThread_.Cancel(0, true);
     thread_.Cancel(0, true);

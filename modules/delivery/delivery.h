@@ -1,9 +1,12 @@
 #pragma once
 
+#include <memory>
+
 #include "kel/container.h"
 #include "kel/mutex.h"
 #include "kel/periodic_thread.h"
 #include "kelcore/failure_log.h"
+#include "kelcore/left_overs.h"
 #include "kelcore/module.h"
 #include "modules/delivery/collected.h"
 #include "modules/delivery/commands.h"
@@ -63,6 +66,7 @@ class Delivery : public KelModule {
     std::int64_t LatestPublication(const KelString& destination) const;
     bool AddOrders(ReceivedFile& file, const KelString& destination, const KelVector<DeliveryOrder>& orders);
     bool ForgetEndedOrders(const ReceivedFile& file, const KelString& destination);
+    void ForgetPastFromTimeToTime();
     bool WorkOnOrders();
     bool IsOverdue(const DeliveryOrder& order) const;
     bool ConcludeOrder(const DeliveryOrder& order);
@@ -84,7 +88,9 @@ class Delivery : public KelModule {
     Inbox inbox_;
     JobQueue jobs_;
     Orders orders_;
-    std::int64_t orderTimeout_ = 0;  ///< seconds
+    KelVector<std::unique_ptr<KelLeftOverFolder>> leftOvers_;  ///< between Initialise and Cleanup
+    std::int64_t orderTimeout_ = 0;                            ///< seconds
+    std::int64_t pastForgotten_ = 0;  ///< when that was last done; on the receipt thread
     Commands commands_;
     /// One copy at a time, so that an older content cannot replace a newer one; also held while orders and
     /// jobs change together.

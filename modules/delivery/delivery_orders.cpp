@@ -16,6 +16,7 @@ namespace {
 
 /// After this time a file is requested again, in case the file store has forgotten the request.
 constexpr std::int64_t kAskAgainSeconds = 600;
+constexpr std::int64_t kForgetSeconds = 86400;
 
 constexpr const char* kWithdrawAction = "FileStoreWithdrawFile";
 constexpr const char* kReplaced = "A later publication of the same name was delivered here before";
@@ -86,8 +87,18 @@ bool Delivery::IsOverdue(const DeliveryOrder& order) const {
     return std::time(nullptr) - order.received >= orderTimeout_;
 }
 
+/// What programs have taken out of the inbox is remembered for as long as orders wait: an older one comes no
+/// more then.
+void Delivery::ForgetPastFromTimeToTime() {
+    const std::int64_t now = std::time(nullptr);
+    if (std::abs(now - pastForgotten_) < kForgetSeconds) return;
+    pastForgotten_ = now;
+    orders_.ForgetPast(now - orderTimeout_);
+}
+
 /// True when there are orders whose file has not come.
 bool Delivery::WorkOnOrders() {
+    ForgetPastFromTimeToTime();
     bool isWaiting = false;
     for (const DeliveryOrder& order : orders_.List()) {
         if (receiptThread_.CheckCancelled(false)) return true;

@@ -1,6 +1,7 @@
 #include "modules/delivery/orders.h"
 
 #include <algorithm>
+#include <ctime>
 #include <utility>
 
 #include "kel/checksum.h"
@@ -175,7 +176,22 @@ bool Orders::Remember(const DeliveryJob& job) {
     values.SetInt64(kValuePublicationTime, job.file.publicationTime);
     values.SetString("Outcome", DeliveryOutcomeName(job.outcome));
     values.SetString("Message", job.message);
+    values.SetString("Destination", job.destination);
+    values.SetInt64("Time", std::time(nullptr));
     return static_cast<bool>(values.SaveToFile(PastPathOf(job.destination)));
+}
+
+void Orders::ForgetPast(std::int64_t before) {
+    const auto folder = [this] {
+        const KelLock lock(mutex_);
+        return folder_ + "/Latest/";
+    }();
+    for (const KelString& name : DirList(folder)) {
+        const KelLock lock(mutex_);
+        KelContainer values;
+        if (!values.LoadFromFile(folder + name) || values.GetInt64("Time", before) >= before) continue;
+        if (FileIsMissing(values.GetString("Destination"))) FileDelete(folder + name);
+    }
 }
 
 KelString Orders::PathOf(const KelString& publication) const {

@@ -72,6 +72,9 @@ class Orders {
     /// Remembers a concluded job with a publication, unless a later one is known; false when it cannot be
     /// written.
     bool Remember(const DeliveryJob& job);
+    /// Forgets what was remembered before `before` (seconds since the epoch) of destinations that hold no
+    /// file any more. Once a day; reads all of it.
+    void ForgetPast(std::int64_t before);
 
   private:
     DeliveryOrder* Find(const KelString& publication) KEL_REQUIRES(mutex_);

@@ -98,6 +98,7 @@ bool Relay::Initialise() {
     parentLink_.Configure(IniPath(), settings_, DataPath());
     packages_.SetFolders(DataPath() + "/Packages", DataPath() + "/Incoming");
     DirDeleteTempFiles(DataPath());
+    leftOvers_.emplace(DataPath() + "/Incoming");
     return true;
 }
 
@@ -109,6 +110,7 @@ bool Relay::Activate() {
 }
 
 void Relay::Cleanup() {
+    leftOvers_.reset();
     parentLink_.Cancel(0, true);
     replayThread_.Cancel(0, true);
 }

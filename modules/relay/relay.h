@@ -1,7 +1,10 @@
 #pragma once
 
+#include <optional>
+
 #include "kel/container.h"
 #include "kel/periodic_thread.h"
+#include "kelcore/left_overs.h"
 #include "kelcore/module.h"
 #include "modules/relay/package_copies.h"
 #include "modules/relay/parent_link.h"
@@ -45,7 +48,8 @@ class Relay : public KelModule {
 
     RelaySettings settings_;  ///< written at initialisation only
     PackageCopies packages_;
-    UnconnectedReplay replay_;  ///< only the replay thread uses it
+    std::optional<KelLeftOverFolder> leftOvers_;  ///< between Initialise and Cleanup
+    UnconnectedReplay replay_;                    ///< only the replay thread uses it
     KelPeriodicThread replayThread_;
     ParentLink parentLink_;
 };

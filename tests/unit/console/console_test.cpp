@@ -73,7 +73,18 @@ TEST_F(ConsoleTest, WhatIsPublishedAgainIsOrderedAndADamagedCopyReplaced) {
     OnThreads(8, [this](int) { Publish(Request("north")); });
     ASSERT_EQ(OfferCount(), 11U);
     EXPECT_EQ(TempFolder::Read(Offers()[0].GetString("FilePath")), "content");
+    Publish(With(Request("all"), {"FileLabel=other"}));
+    EXPECT_TRUE(std::filesystem::equivalent(Offers().back().GetString("FilePath").c_str(),
+                                            Offers()[0].GetString("FilePath").c_str()));
     EXPECT_TRUE(std::filesystem::is_empty(root_ / "data/Console/Incoming"));
+    const std::string packages = root_ / "data/Console/Packages", orphan = packages + "/tools/0123/setup.bin";
+    TempFolder::Write(orphan, "content");
+    for (const auto& [path, isLeftOver] : {std::pair(std::string(Offers()[0].GetString("FilePath")), false),
+                                           {orphan, true},
+                                           {packages + "/note", false}}) {
+        EXPECT_EQ(KelLeftOverFolder::IsLeftOver(packages, path, true), isLeftOver);
+        EXPECT_EQ(std::filesystem::exists(path), !isLeftOver && !path.ends_with("note"));
+    }
 }
 
 TEST_F(ConsoleTest, UnusableRequestsAreRefusedAndPublishNothing) {

@@ -162,6 +162,25 @@ TEST_F(OrderTest, CommandRunsAgainForAFileInPlaceAndOneReceiptAnswersAllOrders) 
     EXPECT_EQ(TempFolder::Read(root_ / "ran"), "x\nx\n");
 }
 
+TEST_F(OrderTest, PastIsForgottenOnceTheFileIsGoneAndOlderOrdersAreOver) {
+    const std::string here = Stored("T", "here", "c").GetString("FilePath"), gone = root_ / "gone";
+    const std::string now = std::to_string(std::time(nullptr));
+    const std::initializer_list<std::pair<std::string, Texts>> past = {
+        {"gone", {"Destination=" + gone, "Time=1"}},
+        {"young", {"Destination=" + gone, "Time=" + now}},
+        {"here", {"Destination=" + here, "Time=1"}},
+        {"without a time", {}}};
+    const auto path = [this](const std::string& name) { return root_ / ("data/Delivery/Latest/" + name); };
+    for (const auto& [name, values] : past)
+        TempFolder::Write(path(name), Values(values).SaveToXML());
+    ActiveModule<Delivery> module;
+    EXPECT_TRUE(Eventually([&] { return !std::filesystem::exists(path("gone")); }));
+    EXPECT_EQ(Announce(Stored("T", "f", "c")), 0U);
+    EXPECT_TRUE(Come({"delivered"}));  // the step that forgets is over
+    for (const auto& [name, values] : past)
+        EXPECT_EQ(std::filesystem::exists(path(name)), name != "gone") << name;
+}
+
 TEST_F(OrderTest, FileThatNobodyHasFailsAndAnUnusableOrderIsRefused) {
     const KelContainer late = Order(Stored("T", "late", "c"), "late", 5).GetContainer("FileInfo");
     TempFolder::Write(root_ / "data/Delivery/Orders/late.xml", With(late, {"Received=1"}).SaveToXML());

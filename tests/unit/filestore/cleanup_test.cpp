@@ -1,3 +1,5 @@
+#include <sstream>
+
 #include "filestore/db/callback_table.h"
 #include "filestore/down/notify_thread.h"
 #include "filestore/file_store_fixture.h"
@@ -49,20 +51,14 @@ TEST_F(Cleanup, FilesAreRemovedByTheirRules) {
     const KelString now = std::to_string(std::time(nullptr)) + ")", large = "FileSize = 1048577, ";
     const Table<const char*, Side, int, const char*, KelString, KelString, bool> cases = {
         {"delivered", kDown, 4, "AVAILABLE", acknowledged + young, "", false},
-        {"delivered to the master", kDown, 1, "AVAILABLE", acknowledged + young, "", false},
         {"for others to fetch", kDown, 2, "AVAILABLE", acknowledged + young, "", true},
         {"outdated on a relay", kDown, 2, "AVAILABLE", acknowledged + old, "", false},
         {"no relay's child", kDown, 4, "NOTRELAYSCHILD", acknowledged + young, "", false},
-        {"not acknowledged", kDown, 4, "AVAILABLE", young, "", true},
         {"packager's status", kDown, 4, "AVAILABLE", "FileType = 'PackagerStatus', " + young, "", false},
         {"to be announced", kDown, 4, "AVAILABLE", acknowledged + young, target + now, true},
         {"announced too long", kDown, 4, "AVAILABLE", acknowledged + old, target + "1)", false},
         {"handed over, not taken", kDown, 4, "AVAILABLE", acknowledged + old, handedOver, true},
         {"kept by this role", kDown, 4, "AVAILABLE", acknowledged + "KeepCopy = 4, " + old, "", true},
-        {"kept by other roles", kDown, 4, "AVAILABLE", acknowledged + "KeepCopy = 3, " + young, "", false},
-        {"odd bits", kDown, 4, "AVAILABLE", acknowledged + "KeepCopy = 8, " + young, "", false},
-        {"odd and own bits", kDown, 4, "AVAILABLE", acknowledged + "KeepCopy = 12, " + old, "", true},
-        {"too large", kDown, 4, "AVAILABLE", acknowledged + large + "KeepCopy = 4, " + young, "", false},
         {"just not", kDown, 4, "AVAILABLE", acknowledged + "FileSize = 1048576, KeepCopy = 4", "", true},
         {"large, outdated", kDown, 4, "DOWNLOADING", large + "KeepCopy = 4, " + old, "", true},
         {"missing", kDown, 4, "MISSING", young, "", true},
@@ -76,12 +72,10 @@ TEST_F(Cleanup, FilesAreRemovedByTheirRules) {
         {"never requested", kDown, 4, "MISSING", kPackage + CreatedAgo(201 * kDay), "", false},
         {"young package", kDown, 4, "MISSING", kPackage + CreatedAgo(199 * kDay), "", true},
         {"sent", kUp, 4, "AVAILABLE", young, "", false},
-        {"sent by a relay", kUp, 2, "AVAILABLE", young, "", false},
         {"packed", kUp, 2, "PACKEDFILE", young, "", false},
         {"sent, kept", kUp, 4, "AVAILABLE", "KeepCopy = 4, " + old, "", true},
         {"not sent", kUp, 4, "TOBEUPLOADED", young, "", true},
-        {"never sent", kUp, 4, "TOBEUPLOADED", old, "", false},
-        {"of a device below", kUp, 2, "AVAILABLE", "Upstream = 0, Acknowledged = 1, " + young, "", true}};
+        {"never sent", kUp, 4, "TOBEUPLOADED", old, "", false}};
     FileStore::uKeepCopyPackageMaxSize = 1;
     FakeResult("TestConsume ()", 0);
     const auto consumer = Consume("FileStoreCallbackReceivedFile", "TestConsume ()");
@@ -96,6 +90,62 @@ TEST_F(Cleanup, FilesAreRemovedByTheirRules) {
             if (!isKept && !isExternal) {
                 EXPECT_EQ(Targets(), Texts());
             }
+        }
+    }
+}
+
+/// What the rules depend on, each with each; the rules once more, in the words of the operator's guide.
+struct Combination {
+    unsigned keep, acknowledged, hasTarget, isOld, isExternal, isLarge, isSent;
+
+    bool IsKept(Side side, unsigned role) const {
+        const bool isKeptByRole = (keep & role) != 0;
+        if (isExternal) return true;
+        if (isOld && !isKeptByRole) return false;
+        if (isKeptByRole && !isLarge) return true;
+        if (side == kDown && hasTarget) return true;
+        const bool isForOthers = role == 2 && !isOld;
+        return !isSent && (!acknowledged || isForOthers);
+    }
+};
+
+TEST_F(Cleanup, EveryCombinationIsKeptOrRemovedByTheRules) {
+    FileStore::ulKeepSentFiles = 0;
+    FileStore::uKeepCopyPackageMaxSize = 1;
+    const std::int64_t now = std::time(nullptr);
+    const KelString outside = MakeFile("outside", "x");
+    for (const unsigned role : {1U, 2U, 4U}) {
+        SetRole(static_cast<int>(role));
+        for (const Side side : {kDown, kUp}) {
+            const auto trace = Begin(KelFormat("%s %u", filestore::SideName(side), role));
+            Rows(
+                side,
+                KelFormat(
+                    "WITH k (keep) AS (VALUES (0), (1), (2), (4), (6), (9)), b (x) AS (VALUES (0), (1)) "
+                    "INSERT INTO Files (FileType, FileLabel, FileName, FileChecksum, FilePath, FileStatus, "
+                    "KeepCopy, Acknowledged, Priority, CreateTime, ExternalFile, FileSize, Upstream) "
+                    "SELECT 't', 'l', keep || ' ' || a.x || ' ' || t.x || ' ' || o.x || ' ' || e.x || ' ' || "
+                    "s.x || ' ' || u.x, 'c', '%S', #AVAILABLE#, keep, a.x, t.x, %ld - o.x * %ld, e.x, "
+                    "s.x << 21, u.x FROM k, b AS a, b AS t, b AS o, b AS e, b AS s, b AS u",
+                    outside, now - 10, kOld));
+            if (side == kDown)
+                Rows(kDown,
+                     KelFormat(
+                         "INSERT INTO Targets (FileId, DeviceGUID, TargetCreateTime) SELECT FileId, 'd', %ld "
+                         "FROM Files WHERE Priority = 1",
+                         now));
+            Texts kept;
+            for (const KelString& name : Names(side)) {
+                Combination one{};
+                std::istringstream(name) >> one.keep >> one.acknowledged >> one.hasTarget >> one.isOld >>
+                    one.isExternal >> one.isLarge >> one.isSent;
+                if (one.IsKept(side, role)) kept.push_back(name);
+            }
+            Clean();
+            EXPECT_EQ(Names(side), kept);
+            EXPECT_EQ(
+                Cell(kDown, "SELECT COUNT(*) FROM Targets WHERE FileId NOT IN (SELECT FileId FROM Files)"),
+                "0");
         }
     }
 }

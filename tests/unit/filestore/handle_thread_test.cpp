@@ -1,4 +1,7 @@
 #include "filestore/up/handle_thread.h"
+
+#include <filesystem>
+
 #include "filestore/file_store_fixture.h"
 
 namespace {
@@ -41,6 +44,25 @@ TEST_F(HandleThreadTest, AnswerDecidesWhereAFileGoes) {
         Arrived(side, "44003 too");
         EXPECT_TRUE(handler_.HandleFile(side));
         EXPECT_EQ(Files(side, kState), (Texts{status, "AVAILABLE|0"}));
+    }
+}
+
+TEST_F(HandleThreadTest, EqualContentIsOnTheDiskOnceAndStaysWithEachOfItsRows) {
+    const KelString content(5000, 'x'), colliding(5000, 'y');
+    for (const auto& [second, isShared] : Table<KelString, bool>{{content, true}, {colliding, false}}) {
+        const auto trace = Begin(second.substr(0, 1));
+        Texts paths;
+        for (const KelString& held : {content, second}) {
+            const KelString name = KelFormat("44003 %lu", paths.size());
+            paths.push_back(Load(kUp, Arrived(kUp, name, "FileSize = 5000")).FilePath);
+            WriteFile(paths.back(), held);
+        }
+        EXPECT_TRUE(handler_.HandleFile(kUp));
+        EXPECT_EQ(std::filesystem::equivalent(paths[0], paths[1]), isShared);
+        EXPECT_EQ(Content(paths[0]), content);
+        FileDelete(paths[0]);
+        EXPECT_EQ(Content(paths[1]), second);
+        EXPECT_EQ(DirList(InStore("Temp")), Texts());
     }
 }
 

@@ -1,6 +1,9 @@
+#include "filestore/db/files_table.h"
 #include "filestore/down/pull_thread.h"
 #include "filestore/file_store_fixture.h"
+#include "filestore/state/waiting_reasons.h"
 #include "filestore/up/handle_thread.h"
+#include "kelcore/error_codes.h"
 
 namespace {
 
@@ -67,6 +70,43 @@ TEST_F(LocalOfferTest, RepeatedOfferOfAnAvailableFileChangesNothing) {
     EXPECT_EQ(Fields(kDown, fileId, "FileStatus, Bypass, KeepCopy, ExternalFile"), "AVAILABLE|1|7|0");
     EXPECT_FALSE(isHeld("d"));
     EXPECT_EQ(Rows(kDown, "SELECT FileChecksum FROM Files ORDER BY FileId"), (Texts{"c", "d"}));
+}
+
+/// Links and files that stay where they are cost nothing. What comes by multicast has its place already.
+TEST_F(LocalOfferTest, CopyIsTakenOnceTheStoreHasRoom) {
+    std::uint32_t quota = 1;
+    for (const Side side : {kUp, kDown}) {
+        for (const auto& [value, isFull] :
+             Table<const char*, bool>{{"CopyPath", true}, {"MovePath", false}, {"FilePath", false}}) {
+            const auto trace = Begin(KelFormat("%s %s", filestore::SideName(side), value));
+            FileStore::ulStoreQuota = ++quota;
+            const std::uint64_t coming =
+                AddFile(kDown, "coming", "MULTICASTLISTENING", KelFormat("FileSize = %u", quota << 20));
+            const KelString source = MakeFile("source", "abc");
+            const KelContainer offer = With(Offer("t", TextMd5("abc")),
+                                            {{"Upstream", side == kUp}, {value, source}, {"FileURL", "/f"}});
+            const KelContainer answer =
+                Ask("FileStoreReceiveFile", offer, isFull ? kKelErrorNotAvailable : kKelOk);
+            EXPECT_EQ(answer.GetString("Message").find("disk") != KelString::npos, isFull);
+            EXPECT_EQ(Count(side), side == kDown ? (isFull ? "1" : "2") : (isFull ? "0" : "1"));
+            filestore::DeleteFileRow(kDown, coming);
+            if (isFull) Ask("FileStoreReceiveFile", offer);
+            EXPECT_EQ(Content(OnlyRow(side).FilePath), "abc");
+        }
+    }
+    FileStore::ulStoreQuota = 0;
+}
+
+/// A file that a device below waits for says what its offer has met.
+TEST_F(LocalOfferTest, WantedFileThatHasNoRoomSaysSo) {
+    const std::uint64_t fileId = AddFile(kDown, "n", "DOWNLOADING", "FileChecksum = 'c'");
+    FileStore::ulFreeSpaceReserve = 2'000'000'000;
+    const KelContainer offer = With(Offer("t", "c"), {{"CopyPath", MakeFile("source", "n")}});
+    Ask("FileStoreReceiveFile", offer, kKelErrorNotAvailable);
+    FileStore::ulFreeSpaceReserve = 64;
+    const auto reason = filestore::Reasons().Find(kDown, fileId, filestore::WaitingStep::Download, 0);
+    EXPECT_TRUE(reason && reason->code == filestore::Waiting::DiskFull && reason->whole == 1);
+    EXPECT_EQ(OnlyFields(kDown), "DOWNLOADING");
 }
 
 /// No device above accepts an empty file: it would be offered again and again.

@@ -2,6 +2,7 @@
 
 #include "filestore/db/information_table.h"
 #include "filestore/file_store_fixture.h"
+#include "kelcore/left_overs.h"
 
 namespace {
 
@@ -37,6 +38,29 @@ TEST_F(OrphanTest, OldContentWithoutARowIsListedAndRemovedOnRequestOnly) {
         EXPECT_EQ(CountOf(named), 3);
     }
     EXPECT_TRUE(HasLogged(KelDebugLevel::Warning, "2 files in the store's folder upstream"));
+}
+
+TEST_F(OrphanTest, FoldersOfOtherModulesAreSearchedForAsLongAsTheySaySo) {
+    const Texts files = {InStore("work/old"), InStore("packages/l/left"), InStore("packages/l/needed")};
+    for (const KelString& path : files)
+        WriteFile(path, "content");
+    {
+        const KelLeftOverFolder work(InStore("work"));
+        const KelLeftOverFolder packages(InStore("packages"), [&files](const KelString& path, bool removes) {
+            if (removes && path == files[1]) FileDelete(path);
+            return path == files[1];
+        });
+        for (const auto& [days, removes, left] :
+             Table<int, const char*, int>{{0, "true", 3}, {3, "false", 3}, {5, "true", 1}}) {
+            SetIni("FileStore", "RemoveOrphans", removes);
+            SearchAfter(days);
+            EXPECT_EQ(CountOf(files), left) << days;
+        }
+    }
+    EXPECT_EQ(log_->Count(KelDebugLevel::Warning, "/work (0 MiB) belong to no row"), 2);
+    WriteFile(files[0], "content");
+    SearchAfter(9);
+    EXPECT_TRUE(FileExists(files[0]) && FileExists(files[2]));
 }
 
 TEST_F(OrphanTest, RowsWhoseContentIsMissingAreReported) {
