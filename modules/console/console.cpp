@@ -227,7 +227,7 @@ bool Console::Initialise() {
     directory_.SetIniPath(IniPath());
     publisher_.SetFolder(DataPath());
     withdrawer_.SetFolder(DataPath());
-    return database_.Open(DataPath(), IniPath());
+    return database_.Open(DataPath(), SchemaPath());
 }
 
 std::span<const IniSetting> Console::IniSettings() const {
