@@ -66,12 +66,13 @@ KelString SilenceText(const KelContainer& device) {
 }
 
 void PrintTree(const KelContainer& answer) {
-    Table table({"NAME", "ROLE", "ADDRESS", "GUID", "LAST SEEN", ""});
+    Table table({"NAME", "ROLE", "ADDRESS", "GUID", "VERSION", "LAST SEEN", ""});
     for (const DeviceRow& row : OrderByParent(answer)) {
         const KelContainer& device = answer.GetContainer("Values", row.index);
         table.AddRow({KelString(row.depth * kIndent, ' ') + device.GetString("Name"),
                       device.GetString("Role"), device.GetString("Address"), device.GetString("GUID"),
-                      TimeText(device.GetInt64("LastSeen")), SilenceText(device)});
+                      device.GetString("Version"), TimeText(device.GetInt64("LastSeen")),
+                      SilenceText(device)});
     }
     std::fputs(table.Render().c_str(), stdout);
 }

@@ -1,8 +1,8 @@
 """The Debian packages in a clean Debian: install, first file, upgrade, remove, purge.
 
-Run by `./dev package --test`, which has built the packages. The clean Debian is made once, in build/package_root. There is
-no systemd in it: agents are started as the unit's ExecStart says, as the unit's user. The packages that are upgraded are
-those in the folder KEL_EARLIER_PACKAGES, or else this build under an earlier version number.
+Run by `./dev package --test [COMMIT]`, which has built the packages. The clean Debian is made once, in build/package_root.
+There is no systemd in it: agents are started as the unit's ExecStart says, as the unit's user. The packages that are
+upgraded are those of COMMIT, in the folder KEL_EARLIER_PACKAGES, or else this build under an earlier version number.
 """
 
 import json
@@ -65,7 +65,7 @@ class Debian:
         return done.stdout
 
     def apt(self, verb, *packages):
-        self.run("apt-get", verb, "-y", "-qq", "--no-install-recommends", *packages)
+        self.run("apt-get", verb, "-y", "-qq", "--no-install-recommends", "--allow-downgrades", "--reinstall", *packages)
 
     def install(self, folder):
         packages = [shutil.copy(package, self.root / "tmp") for package in folder.glob("*.deb")]

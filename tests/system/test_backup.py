@@ -47,6 +47,7 @@ class BackupTest(SystemTest):
             self.lose_and_restore(tree, master, tree.folder / "master.zip")
             wait_until(lambda: all(device["last_seen"] > restored_at for device in master.kel("devices")), 60,
                        "all devices have reported themselves again")
+            self.assertEqual(len({device["version"] for device in master.kel("devices")} - {""}), 1)
             names = {publication["name"] for publication in master.kel("publications")}
             self.assertEqual(names, {paths[0].name})
             tree.publish(paths[4:])

@@ -71,14 +71,15 @@ class UpgradeTest(SystemTest):
     def test_an_upgrade_that_fails_leaves_the_database_and_says_why(self):
         with Tree(BUILD, []) as tree:
             master, name = tree.master, "Console/Console.sqlite"
-            self.make_all(master, 3)
+            self.make_all(master, 4)
             with sqlite3.connect(master.data / name) as database:
                 database.execute("CREATE INDEX PublicationTargetsDevice ON Devices (Name)")  # of a later version
             database.close()
             before = state(master.data / name, "Devices")
             run = subprocess.run([tree.kelagent, "--root", master.root], timeout=60, capture_output=True)
             self.assertEqual(run.returncode, 1)
-            self.assertRegex(master.log(), r"Console\.sqlite: the upgrade from schema version 5 to \d+ .* failed")
+            self.assertRegex(master.log(),
+                             rf"Console\.sqlite: the upgrade from schema version {before[0]} to \d+ .* failed")
             self.assertEqual(state(master.data / name, "Devices"), before)
             with sqlite3.connect(master.data / name) as database:
                 database.execute("DROP INDEX PublicationTargetsDevice")
