@@ -5,23 +5,47 @@
 #include <algorithm>
 #include <chrono>
 #include <ctime>
+#include <string_view>
 
 #include "agent/agent_actions.h"
 #include "agent/agent_options.h"
+#include "agent/database_actions.h"
 #include "agent/heap.h"
+#include "agent/service_manager.h"
 #include "kelcore/action_db.h"
 #include "kelcore/callback_db.h"
+#include "kelcore/db/connection.h"
+#include "kelcore/error_codes.h"
 #include "kelcore/http/client.h"
+#include "kelcore/http/url.h"
 #include "kelcore/stopping.h"
+#include "kelcore/version.h"
 
 namespace {
 
 constexpr std::chrono::seconds kReleasePause{10};
 
-KelAgentSettings Settings(const AgentConfig& config, std::shared_ptr<KelDebugContext> context,
-                          mode_t programUmask) {
-    return {config.ConfigDir(), config.DataDir(),   config.name, config.httpPassword,
-            config.address,     std::move(context), programUmask};
+/// How long the agent's own server may take for a call.
+constexpr int kAliveSeconds = 10;
+constexpr std::string_view kAnyAddress = "0.0.0.0";
+
+/// The device's role and its parent, for the status line; empty where no module knows them.
+KelString PlaceInTree() {
+    KelContainer answer;
+    if (!ActionDbIsActionRegistered("RelayGetValues") || CallLocal("RelayGetValues", answer) != kKelOk)
+        return {};
+    const KelContainer& relay = answer.GetContainer("Values");
+    const KelString role = relay.GetString("Role");
+    if (relay.GetString("ParentName").empty()) return ", " + role;
+    return ", " + role + " below " + relay.GetString("ParentName") + ":" + relay.GetString("ParentPort") +
+           (relay.GetBool("ParentSync") ? ""
+                                        : ", which does not answer: " + relay.GetString("ParentProblem"));
+}
+
+KelAgentSettings Settings(const AgentConfig& config, const KelString& modulesDir,
+                          std::shared_ptr<KelDebugContext> context, mode_t programUmask) {
+    return {config.ConfigDir(), config.DataDir(),   config.name,  config.httpPassword,
+            config.address,     std::move(context), programUmask, modulesDir};
 }
 
 void ConfigureSecurity(const AgentConfig& config) {
@@ -45,7 +69,7 @@ int Agent::Run() {
     auto context =
         MakeDebugContext(config_.LogFile(), config_.logMaxBytes, config_.logFiles, true, config_.logLevel);
     log_.SetContext(context);
-    KelAgentConfigure(Settings(config_, context, programUmask));
+    KelAgentConfigure(Settings(config_, modulesDir_, context, programUmask));
     ConfigureSecurity(config_);
     for (const IniFault& fault : config_.faults)
         log_.Warning("%S\n", fault.text);
@@ -60,22 +84,33 @@ int Agent::Run() {
         },
         log_);
     const bool started = Start(stop);
-    if (started && !stop.IsRequested()) {
-        LogReady();
-        KelContainer none;
-        CallbackDbTrigger("AgentCallbackReady", {}, none);
-        while (!stop.WaitFor(kReleasePause))
-            ReleaseFreeMemory();
-    }
+    if (started && !stop.IsRequested()) Work(stop);
     HttpClientCancelAll(true);
     Stop();
     log_.Print("Stopped\n");
     return started ? kExitClean : kExitFailure;
 }
 
+void Agent::Work(StopSignals& stop) {
+    ServiceManager service([this] { return IsAlive(); });
+    const KelString ready = "Ready at " + ServerAddress();
+    log_.Print("%S\n", ready);
+    DBConnection::RemoveUpgradeCopies();
+    KelContainer none;
+    CallbackDbTrigger("AgentCallbackReady", {}, none);
+    service.Ready(ready);
+    while (!stop.WaitFor(service.Pause(kReleasePause))) {
+        ReleaseFreeMemory();
+        service.Step();
+        if (service.IsWatched()) service.Status(ready + PlaceInTree());
+    }
+    service.Stopping();
+}
+
 bool Agent::Start(const StopSignals& stop) {
-    log_.Print("kelagent %s starting on %S\n", KEL_VERSION, config_.root);
+    log_.Print("kelagent %s starting on %S\n", KelVersion(), config_.root);
     if (!LoadModules()) return false;
+    RemoveBackupCopies(config_.root);
     RegisterAgentActions({config_.root, std::time(nullptr), config_.modules});
     return RegisterModules() && InitialiseModules(stop) && ActivateModules(stop);
 }
@@ -142,11 +177,35 @@ KelVector<LoadedModule*> Agent::ServersLast() {
     return order;
 }
 
-void Agent::LogReady() {
-    KelString address = config_.address + ":0";
+KelString Agent::ServerAddress() {
     for (LoadedModule& module : modules_)
-        if (module.IsServer()) address = module.ServerAddress();
-    log_.Print("Ready at %S\n", address);
+        if (module.IsServer()) return module.ServerAddress();
+    return config_.address + ":0";
+}
+
+/// The agent works when its modules do and its server answers a call, which needs the server's threads, its
+/// workers and the action database.
+bool Agent::IsAlive() {
+    for (LoadedModule& module : modules_) {
+        if (module.IsAlive()) continue;
+        failures_.Failed(KelDebugLevel::Error, "alive",
+                         "Module " + module.Name() + " does not work any more");
+        return false;
+    }
+    KelString address = ServerAddress();
+    if (address.ends_with(":0")) return true;  // an agent without a server
+    if (address.starts_with(kAnyAddress)) address.replace(0, kAnyAddress.size(), "127.0.0.1");
+    KelContainer answer;
+    const unsigned int result =
+        ActionDbInvokeContainer("watchdog", UrlForAgent(config_.name, config_.httpPassword, address),
+                                "AgentGetStatus", answer, 0, kAliveSeconds, kAliveSeconds, nullptr);
+    // Whatever it answers, the server does.
+    if (result == kKelErrorUnreachable) {
+        failures_.Failed(KelDebugLevel::Error, "alive", "The server at " + address + " does not answer");
+        return false;
+    }
+    failures_.Succeeded("alive", "The agent works again");
+    return true;
 }
 
 void Agent::Stop() {

@@ -5,6 +5,7 @@
 #include "agent/stop_signals.h"
 #include "kel/debug.h"
 #include "kel/types.h"
+#include "kelcore/failure_log.h"
 
 /// One agent: loads the modules and drives them through their life. For the main thread.
 ///
@@ -27,13 +28,16 @@ class Agent {
     bool InitialiseModules(const StopSignals& stop);
     bool ActivateModules(const StopSignals& stop);
     KelVector<LoadedModule*> ServersLast();
-    void LogReady();
+    KelString ServerAddress();
+    bool IsAlive();
+    void Work(StopSignals& stop);
     void Stop();
     void CleanupModules();
 
     AgentConfig config_;
     KelString modulesDir_;
     KelDebug log_;
+    KelFailureLog failures_{log_};
     KelVector<LoadedModule> modules_;
     std::size_t registered_ = 0;   ///< how many modules, from the first, are registered
     std::size_t initialised_ = 0;  ///< and how many initialised

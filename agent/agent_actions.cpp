@@ -5,10 +5,12 @@
 #include <algorithm>
 #include <fstream>
 
+#include "agent/database_actions.h"
 #include "kel/container.h"
 #include "kelcore/action_db.h"
 #include "kelcore/audit.h"
 #include "kelcore/error_codes.h"
+#include "kelcore/version.h"
 
 namespace {
 
@@ -31,7 +33,7 @@ std::int64_t MemoryBytes() {
 
 unsigned int GetStatus(const AgentFacts& facts, KelContainer* container) {
     KelContainer values;
-    values.SetString("Version", KEL_VERSION);
+    values.SetString("Version", KelVersion());
     values.SetString("Name", HostName());
     values.SetString("Root", facts.root);
     values.SetInt64("Started", facts.started);
@@ -76,6 +78,7 @@ unsigned int ListActions(KelContainer* container) {
 }  // namespace
 
 void RegisterAgentActions(AgentFacts facts) {
+    RegisterDatabaseActions(facts.root);
     ActionDbRegisterAction(
         {.signature = "AgentGetStatus",
          .purpose = "Says which agent this is, since when it runs, and what it uses.",

@@ -9,6 +9,7 @@
 
 #include "kel/directory.h"
 #include "kel/path.h"
+#include "kelcore/version.h"
 
 namespace {
 
@@ -86,7 +87,7 @@ std::optional<AgentOptions> ParseAgentOptions(int count, char** arguments, int& 
                 exitCode = kExitClean;
                 return {};
             case 'v':
-                std::puts("kelagent " KEL_VERSION);
+                std::printf("kelagent %s\n", KelVersion());
                 exitCode = kExitClean;
                 return {};
             default:

@@ -35,6 +35,10 @@ bool LoadedModule::Register() {
            kModuleSuccess;
 }
 
+bool LoadedModule::IsAlive() {
+    return entry_(static_cast<unsigned int>(KelModuleOperation::CheckAlive), 0, nullptr) != kModuleFailure;
+}
+
 KelVector<IniFault> LoadedModule::FindIniFaults(const KelString& path) {
     KelVector<IniFault> faults;
     KelString buffer = path;

@@ -27,6 +27,9 @@ class LoadedModule {
     KelString DisplayName() { return Text(KelModuleOperation::GetDisplayName); }
     KelString Version() { return Text(KelModuleOperation::GetVersion); }
 
+    /// See KelModuleOperation::CheckAlive; true for a module that does not know the operation.
+    bool IsAlive();
+
     /// What the module finds in its ini file; see KelModuleOperation::FindIniFaults. Nothing from a module
     /// that does not examine its file.
     KelVector<IniFault> FindIniFaults(const KelString& path);

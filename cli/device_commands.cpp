@@ -66,12 +66,13 @@ KelString SilenceText(const KelContainer& device) {
 }
 
 void PrintTree(const KelContainer& answer) {
-    Table table({"NAME", "ROLE", "ADDRESS", "GUID", "LAST SEEN", ""});
+    Table table({"NAME", "ROLE", "ADDRESS", "GUID", "VERSION", "LAST SEEN", ""});
     for (const DeviceRow& row : OrderByParent(answer)) {
         const KelContainer& device = answer.GetContainer("Values", row.index);
         table.AddRow({KelString(row.depth * kIndent, ' ') + device.GetString("Name"),
                       device.GetString("Role"), device.GetString("Address"), device.GetString("GUID"),
-                      TimeText(device.GetInt64("LastSeen")), SilenceText(device)});
+                      device.GetString("Version"), TimeText(device.GetInt64("LastSeen")),
+                      SilenceText(device)});
     }
     std::fputs(table.Render().c_str(), stdout);
 }
@@ -98,6 +99,10 @@ unsigned int ReadStatus(const Remote& remote, KelContainer& status, KelContainer
             return result;
         status.SetContainer(upstream ? "FilesUpstream" : "Files", counts.GetContainer("Counts"));
     }
+    KelContainer children;
+    if (remote.CallQuietly("RelayListChildren", children) == kKelOk)
+        for (std::uint32_t i = 0; i < ItemCount(children); ++i)
+            status.SetContainer("Children", children.GetContainer("Values", i), i);
     if (remote.CallQuietly("TransferWindowGetStatus", windows) != kKelOk) windows.Clear();
     KelContainer waiting;
     const unsigned int result = remote.Call("FileStoreGetWaiting", waiting);
@@ -122,6 +127,17 @@ KelString QueueText(const KelContainer& counts) {
     return text.empty() ? "none" : text;
 }
 
+/// "12 with 1.0.0, 3 with 0.9.0".
+KelString ChildrenText(const KelContainer& status) {
+    std::map<KelString, int> byVersion;
+    for (std::uint32_t i = 0; i < ItemCount(status, "Children"); ++i)
+        ++byVersion[status.GetContainer("Children", i).GetString("Version")];
+    KelString text;
+    for (const auto& [version, count] : byVersion)
+        text += (text.empty() ? "" : ", ") + std::to_string(count) + " with version " + version;
+    return text.empty() ? "none have called in the last hour" : text;
+}
+
 void PrintStatus(const KelContainer& status, const KelString& windows, const KelString& address) {
     const KelContainer& agent = status.GetContainer("Agent");
     const KelContainer& identity = status.GetContainer("Identity");
@@ -132,6 +148,7 @@ void PrintStatus(const KelContainer& status, const KelString& windows, const Kel
         {"Address", address},
         {"Role", relay.GetString("Role")},
         {"Parent", ParentText(relay)},
+        {"Children", ChildrenText(status)},
         {"Version", agent.GetString("Version")},
         {"Root", agent.GetString("Root")},
         {"Started", TimeText(agent.GetInt64("Started"))},
@@ -154,7 +171,9 @@ KelString ParentText(const KelContainer& relay) {
     const KelString parent = host + ":" + relay.GetString("ParentPort");
     const KelString since = TimeText(relay.GetInt64("ParentSince"));
     const KelString problem = relay.GetString("ParentProblem");
-    return parent + (relay.GetBool("ParentSync") ? " (in sync" : " (out of sync") +
+    const KelString version = relay.GetString("ParentVersion");
+    return parent + (version.empty() ? "" : ", version " + version) +
+           (relay.GetBool("ParentSync") ? " (in sync" : " (out of sync") +
            (since.empty() ? "" : " since " + since) + (problem.empty() ? "" : ": " + problem) + ")";
 }
 

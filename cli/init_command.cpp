@@ -5,6 +5,7 @@
 #include <cstdio>
 
 #include "cli/commands.h"
+#include "cli/local_root.h"
 #include "cli/output.h"
 #include "cli/remote.h"
 #include "kel/directory.h"
@@ -140,6 +141,7 @@ int RunCommand(const CommonOptions& common, const InitOptions& options) {
         return kExitUsage;
     }
     if (auto status = MakeRoot(options, *values); !status) return Complain(status.Error());
+    GiveToOwner(CompletePath(options.dir));
     if (common.json)
         std::puts("[]");
     else

@@ -8,9 +8,11 @@
 #include <string_view>
 #include <utility>
 
+#include "cli/local_root.h"
 #include "cli/output.h"
 #include "cli/remote.h"
 #include "kel/text.h"
+#include "kelcore/version.h"
 
 namespace {
 
@@ -53,12 +55,16 @@ struct Parsed {
     WithdrawOptions withdraw;
     RemoveDeviceOptions removeDevice;
     ParentOptions parent;
+    BackupOptions backup;
+    RestoreOptions restore;
     std::optional<CommandOptions> chosen;
 };
 
 void DefineCommon(CLI::App& app, CommonOptions& common) {
-    auto* root =
-        app.add_option("--root", common.root, "Root folder of an agent on this machine")->type_name("DIR");
+    auto* root = app.add_option("--root", common.root,
+                                "Root folder of an agent on this machine; default: $KEL_ROOT, else "
+                                "/var/lib/kel if that is there")
+                     ->type_name("DIR");
     auto* url = app.add_option("--url", common.url, "Address of an agent: http://HOST:PORT")
                     ->type_name("URL")
                     ->check([](const std::string& text) {
@@ -352,6 +358,21 @@ void DefineAudit(CLI::App& app, Parsed& parsed) {
     command->callback([&parsed] { parsed.chosen = parsed.audit; });
 }
 
+void DefineCare(CLI::App& app, Parsed& parsed) {
+    auto* backup = app.add_subcommand("backup", "Back up the agent of a root folder, running or stopped");
+    backup->add_option("FILE", parsed.backup.file, "The archive to write; it will hold keys and passwords")
+        ->required();
+    backup->add_flag("--content", parsed.backup.content,
+                     "Also stored and delivered files; without them, the tree brings back what is missing");
+    backup->callback([&parsed] { parsed.chosen = parsed.backup; });
+    auto* restore =
+        app.add_subcommand("restore", "Restore a backup to a root folder, new or of a stopped agent");
+    restore->add_option("FILE", parsed.restore.file, "What 'kel backup' has written")->required();
+    restore->callback([&parsed] { parsed.chosen = parsed.restore; });
+    app.add_subcommand("doctor", "Find out what would stop this device from working, and what to do")
+        ->callback([&parsed] { parsed.chosen = DoctorOptions(); });
+}
+
 void DefineQueries(CLI::App& app, Parsed& parsed) {
     app.add_subcommand("status", "This device: role, parent, queues")->callback([&parsed] {
         parsed.chosen = StatusOptions();
@@ -438,7 +459,7 @@ bool ReportUnknownCommand(const CLI::App& app) {
 std::optional<Options> ParseOptions(int count, const char* const* arguments, int& exitCode) {
     Parsed parsed;
     CLI::App app("Operates agents of a device tree.", "kel");
-    app.set_version_flag("--version", "kel " KEL_VERSION);
+    app.set_version_flag("--version", KelString("kel ") + KelVersion());
     app.require_subcommand(1);
     app.fallthrough();
     app.footer("Exit codes: 0 done, 1 refused or failed, 2 usage, 3 unreachable.");
@@ -455,9 +476,12 @@ std::optional<Options> ParseOptions(int count, const char* const* arguments, int
     DefineParent(app, parsed);
     DefineCall(app, parsed);
     DefineAudit(app, parsed);
+    DefineCare(app, parsed);
     try {
         app.parse(count, arguments);
         const bool isInit = std::holds_alternative<InitOptions>(*parsed.chosen);
+        if (!isInit && parsed.common.root.empty() && parsed.common.url.empty())
+            parsed.common.root = DefaultRoot();
         if (!isInit && parsed.common.root.empty() && parsed.common.url.empty())
             throw CLI::RequiredError("--root or --url");
     } catch (const CLI::ParseError& error) {

@@ -148,12 +148,23 @@ struct AuditOptions {
     int limit = 1000;
 };
 
+struct BackupOptions {
+    KelString file;
+    bool content = false;  ///< stored and delivered files, too
+};
+
+struct RestoreOptions {
+    KelString file;
+};
+
+struct DoctorOptions {};
+
 using CommandOptions =
     std::variant<InitOptions, StatusOptions, DevicesOptions, PublishOptions, PublicationsOptions, SendOptions,
                  CollectedOptions, RequestOptions, UploadOptions, FilesOptions, FileOptions, SettingsOptions,
                  WindowsOptions, InboxOptions, CallOptions, WhyOptions, GroupsOptions, WakeOptions,
                  MulticastOptions, WithdrawOptions, RemoveDeviceOptions, ResumeOptions, ParentOptions,
-                 AuditOptions>;
+                 AuditOptions, BackupOptions, RestoreOptions, DoctorOptions>;
 
 struct Options {
     CommonOptions common;

@@ -25,16 +25,6 @@ void CheckTimeToLive(const IniFile& ini, KelVector<IniFault>& faults) {
                  kept, longest)});
 }
 
-void CheckSchema(const IniFile& ini, KelVector<IniFault>& faults) {
-    for (const char* section : {"SqlUpgrade", "SqlUpgrade2", "SqlUpgrade3"})
-        if (ini.GetKeys(section).empty())
-            faults.push_back(
-                {IniFault::Weight::Vital,
-                 KelFormat("section %s, which creates tables, is missing; restore the file as it was "
-                           "installed, with your changes",
-                           section)});
-}
-
 /// The frame that drives the static functions of FileStore.
 class FileStoreModule : public KelModule {
   public:
@@ -45,12 +35,17 @@ class FileStoreModule : public KelModule {
     bool Initialise() override { return FileStore::ModuleInitialise() == kModuleSuccess; }
     bool Activate() override { return FileStore::ModuleActivate() == kModuleSuccess; }
     bool Suspend() override { return FileStore::ModuleSuspend() == kModuleSuccess; }
+    bool IsAlive() override {
+        for (KelMutex* const mutex :
+             {&FileStore::mutexUpstream, &FileStore::mutexDownstream, &FileStore::mutexCallback})
+            const KelLock lock(*mutex);
+        return true;
+    }
     void Cleanup() override { FileStore::ModuleCleanup(0); }
     void Unregister() override { FileStore::ModuleUnregister(0); }
     std::span<const IniSetting> IniSettings() const override { return FileStoreIniSettings(); }
     void CheckIni(const IniFile& ini, KelVector<IniFault>& faults) const override {
         CheckTimeToLive(ini, faults);
-        CheckSchema(ini, faults);
     }
     KelString Version() const override {
         const char* buildNumber = FileStore::szBuildNumber;

@@ -1,9 +1,13 @@
 #include "kel/debug.h"
 
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <array>
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <ctime>
 #include <stdexcept>
 #include <utility>
@@ -39,6 +43,21 @@ KelString TimeStamp() {
 
 KelString LogLine(KelDebugLevel level, const KelString& module, const KelString& line) {
     return TimeStamp() + " " + LevelName(level) + " " + module + " " + line + "\n";
+}
+
+/// A line for the system's journal, which knows the time and takes the priority (as in syslog) from "<N>".
+KelString JournalLine(KelDebugLevel level, const KelString& module, const KelString& line) {
+    constexpr std::array<char, 6> kPriorities = {'7', '7', '6', '4', '3', '6'};
+    return KelString("<") + kPriorities[static_cast<std::size_t>(level)] + ">" + module + ": " + line + "\n";
+}
+
+/// True when the service manager has connected stderr to the journal: JOURNAL_STREAM then names its device
+/// and inode. A program that inherits the variable may have another stderr.
+bool StderrIsJournal() {
+    const char* const stream = std::getenv("JOURNAL_STREAM");
+    struct stat status {};
+    return stream != nullptr && fstat(STDERR_FILENO, &status) == 0 &&
+           std::to_string(status.st_dev) + ":" + std::to_string(status.st_ino) == stream;
 }
 
 /// One call, so that lines of different threads do not mix.
@@ -92,7 +111,7 @@ class FileContext : public KelDebugContext {
     void Write(KelDebugLevel level, const KelString& module, const KelString& line) override {
         if (level < level_ || level == KelDebugLevel::None) return;
         const KelString text = LogLine(level, module, line);
-        if (toStderr_) WriteToStderr(text);
+        if (toStderr_) WriteToStderr(isJournal_ ? JournalLine(level, module, line) : text);
         if (sink_) WriteToFile(text);
     }
 
@@ -115,6 +134,7 @@ class FileContext : public KelDebugContext {
 
     const KelString path_;
     const bool toStderr_;
+    const bool isJournal_ = StderrIsJournal();
     const KelDebugLevel level_;
     std::unique_ptr<spdlog::sinks::rotating_file_sink_mt> sink_;
     std::atomic<bool> failing_ = false;  ///< reported; not again before a line gets through

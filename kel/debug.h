@@ -25,8 +25,8 @@ class KelDebugContext {
 };
 
 /// A context that writes to a rotating file (`maxBytes` each, `files` kept; none when `path` is empty) and,
-/// with `toStderr`, to stderr. Folders of `path` are made. Throws std::runtime_error when the file cannot be
-/// opened.
+/// with `toStderr`, to stderr, in the form of the system's journal when stderr is connected to it. Folders of
+/// `path` are made. Throws std::runtime_error when the file cannot be opened.
 std::shared_ptr<KelDebugContext> MakeDebugContext(const KelString& path, std::size_t maxBytes,
                                                   std::size_t files, bool toStderr, KelDebugLevel level);
 

@@ -39,6 +39,10 @@ unsigned int KelAgentGetProgramUmask() {
     return Settings().programUmask;
 }
 
+const KelString& KelAgentGetSchemaDir() {
+    return Settings().schemaDir.empty() ? Settings().configDir : Settings().schemaDir;
+}
+
 KelDebug& CoreLog() {
     // Made at its first use: other static objects may log before main.
     static KelDebug log("KelCore", "Agent services");

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "kelcore/agent.h"
+#include "kelcore/version.h"
 
 namespace {
 
@@ -59,6 +60,8 @@ unsigned int KelModule::RunOperation(KelModuleOperation operation, long argument
             return kModuleSuccess;
         case KelModuleOperation::Suspend:
             return Result(Suspend());
+        case KelModuleOperation::CheckAlive:
+            return Result(IsAlive());
         case KelModuleOperation::GetServerAddress:
             if (const auto address = ServerAddress()) {
                 KelModuleSetText(buffer, *address);
@@ -100,11 +103,15 @@ bool KelModule::IniAllowsStart() {
 }
 
 KelString KelModule::Version() const {
-    return KEL_VERSION;
+    return KelVersion();
 }
 
 KelString KelModule::IniPath() const {
     return KelAgentGetConfigDir() + name_ + ".ini";
+}
+
+KelString KelModule::SchemaPath() const {
+    return KelAgentGetSchemaDir() + name_ + ".ini";
 }
 
 KelString KelModule::DataPath() const {

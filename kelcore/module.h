@@ -30,6 +30,9 @@ enum class KelModuleOperation : unsigned int {
     /// the KelVector<IniFault> whose address is the argument. Before Register or at any time; changes
     /// nothing.
     FindIniFaults = 11,
+    /// Asks an activated module whether it still works. One that hangs does not return; kModuleFailure: it
+    /// cannot go on until the agent is started again.
+    CheckAlive = 12,
 };
 
 /// Results of the entry function.
@@ -70,6 +73,9 @@ class KelModule {
     /// Start threads. False: the agent runs without the module, or stops if the module serves calls.
     virtual bool Activate() { return true; }
     virtual bool Suspend() { return true; }
+    /// See KelModuleOperation::CheckAlive. Takes the locks that the module's threads work under, one at a
+    /// time.
+    virtual bool IsAlive() { return true; }
     virtual void Cleanup() {}     ///< stop threads; actions may still be called afterwards
     virtual void Unregister() {}  ///< remove callbacks; the agent removes the actions
 
@@ -85,6 +91,9 @@ class KelModule {
 
     /// The module's ini file.
     KelString IniPath() const;
+    /// The ini file that came with the module: its Sql sections describe the module's database. Unlike the
+    /// one in the configuration folder, it is replaced when the program is upgraded.
+    KelString SchemaPath() const;
     /// The module's data folder, without "/" at its end. Not created by this call.
     KelString DataPath() const;
     KelDebug& Log() { return log_; }

@@ -4,9 +4,15 @@
 #include "filestore/db/information_table.h"
 #include "filestore/db/upstream_migration.h"
 #include "filestore/state/file_store.h"
+#include "kelcore/agent.h"
 #include "kelcore/db/connection_pool.h"
 
 namespace {
+
+/// The file that came with the module describes the databases, whatever version has written the settings.
+KelString SchemaPath() {
+    return KelAgentGetSchemaDir() + "FileStore.ini";
+}
 
 std::unique_ptr<DBConnection> OpenDatabase(DBConnectionPool& pool, DBSequenceManager& sequence,
                                            const KelString& file) {
@@ -20,15 +26,14 @@ std::unique_ptr<DBConnection> OpenDatabase(DBConnectionPool& pool, DBSequenceMan
 
 /// False, logged, when the schema is not the one that the ini file describes, or lacks `table`.
 bool Upgrade(DBConnection& connection, const char* section, const KelString& table) {
-    if (!connection.RunUpgrade(filestore::kTableDatabaseInformation, "FieldName", "FieldValue",
-                               FileStore::strModuleIniFile, section, nullptr))
+    if (!connection.RunUpgrade(filestore::kTableDatabaseInformation, "FieldName", "FieldValue", SchemaPath(),
+                               section, nullptr))
         return false;
     const KelVector<KelString> tables = connection.GetTablesList();
     if (std::find(tables.begin(), tables.end(), table) != tables.end()) return true;
     FileStore::debugFileStore.Error(
-        "Section %s of %S, which creates the table %S, is missing; restore the file as it was installed, "
-        "with your changes\n",
-        section, FileStore::strModuleIniFile, table);
+        "Section %s of %S, which creates the table %S, is missing; install the program again\n", section,
+        SchemaPath(), table);
     return false;
 }
 
@@ -43,8 +48,8 @@ bool OpenDownstream() {
     FileStore::pDbConnectionDownstream = OpenDatabase(
         FileStore::dbConnectionPoolDownstream, FileStore::dbSequenceManagerDownstream, "FileStore.sqlite");
     if (!FileStore::pDbConnectionDownstream) return false;
-    FileStore::pDbConnectionDownstream->RunIniScripts(FileStore::strModuleIniFile, "SqlRun", false);
-    FileStore::pDbConnectionDownstream->RunIniScripts(FileStore::strModuleIniFile, "SqlRunOnce", true);
+    FileStore::pDbConnectionDownstream->RunIniScripts(SchemaPath(), "SqlRun", false);
+    FileStore::pDbConnectionDownstream->RunIniScripts(SchemaPath(), "SqlRunOnce", true);
     return Upgrade(*FileStore::pDbConnectionDownstream, "SqlUpgrade", "Files");
 }
 

@@ -73,10 +73,37 @@ class DBConnection {
 
     /// Brings the schema up to date: entry n of `section` takes it from version n-1 to n. The version reached
     /// is kept in `table` (created when missing, columns `keyColumn` and `valueColumn`, texts) under the key
-    /// "SchemaVersion"; each entry runs in a transaction with the new version. Stops at the first failure
-    /// (logged); true when the last version is reached.
+    /// "SchemaVersion". All entries run in one transaction with the new version, so that a failure (logged)
+    /// leaves the database as it was; true when it has the last version. Before a database that has a version
+    /// already is changed, it is copied to "<file>.schema-<version>", where it stays until
+    /// RemoveUpgradeCopies.
     bool RunUpgrade(const KelString& table, const KelString& keyColumn, const KelString& valueColumn,
                     const KelString& iniFile, const KelString& section, const DBUpgradeProgress& progress);
+
+    /// A database of this process and a copy of it.
+    struct Copy {
+        KelString path;
+        KelString copy;
+    };
+    /// Copies every database that is open in this process to a file of its name in a folder of its own
+    /// beneath `folder`, which exists: all of them as they were at one moment, at which none had a
+    /// transaction. That is what a power cut at that moment would have left, so it is a state from which
+    /// everything goes on. The statements of all threads wait meanwhile: some seconds for a million rows. Any
+    /// thread; not in a transaction.
+    static KelResult<KelVector<Copy>> CopyOpenDatabases(const KelString& folder);
+
+    /// A database of this process, and what is wrong with its structure: empty when it is sound.
+    struct Health {
+        KelString path;
+        KelString problem;
+    };
+    /// Checks every database that is open in this process, one after the other; its statements wait
+    /// meanwhile: a second for a million rows. Any thread.
+    static KelVector<Health> CheckOpenDatabases();
+
+    /// Removes the copies that upgrades have made of the databases that are open in this process: the program
+    /// works with the new ones.
+    static void RemoveUpgradeCopies();
 
   private:
     friend class DBConnectionPool;
@@ -91,6 +118,11 @@ class DBConnection {
     bool RunScript(const KelString& script);
     bool RunScriptOnce(const KelString& markerKey, const KelString& script);
     bool CreateKeyTable(const KelString& table, const KelString& keyColumn, const KelString& valueColumn);
+    bool CopyBeforeUpgrade(unsigned int version);
+    bool UpgradeTo(unsigned int target, unsigned int current, const KelString& table,
+                   const KelString& keyColumn, const KelString& valueColumn, const IniFile& ini,
+                   const KelString& section, const DBUpgradeProgress& progress);
+    void ReportNewerSchema(unsigned int version) const;
     std::optional<unsigned int> ReadSchemaVersion(const KelString& table, const KelString& keyColumn,
                                                   const KelString& valueColumn);
 

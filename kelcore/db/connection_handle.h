@@ -1,6 +1,8 @@
 #pragma once
 
 #include <memory>
+#include <mutex>
+#include <span>
 #include <utility>
 
 #include "kel/mutex.h"
@@ -9,8 +11,24 @@
 #include "kelcore/db/sqlite_database.h"
 
 struct DBConnection::Handle {
-    Handle(OpenFileClaim fileClaim, SqliteDatabase openDatabase)
-        : claim(std::move(fileClaim)), database(std::move(openDatabase)) {}
+    Handle(OpenFileClaim fileClaim, SqliteDatabase openDatabase);
+    ~Handle();
+    Handle(const Handle&) = delete;
+    Handle& operator=(const Handle&) = delete;
+
+    /// The handles of all connections. The mutex is held while copies are made, so that none is closed
+    /// meanwhile; it is locked before that of a handle.
+    struct OpenHandles {
+        std::mutex mutex;
+        KelVector<Handle*> handles;
+    };
+    static OpenHandles& Open();
+
+    /// Locks the handles `next` and copies their databases, appended to `copies`; false when one of them is
+    /// in a transaction.
+    static KelResult<bool> CopyAll(std::span<Handle* const> next, const KelString& folder,
+                                   KelVector<Copy>& copies);
+    KelStatus CopyTo(const KelString& folder, KelVector<Copy>& copies) KEL_REQUIRES(mutex);
 
     /// Runs one statement and keeps its rows when that is wanted.
     KelResult<std::shared_ptr<const DBResult>> Run(const KelString& statement);

@@ -108,26 +108,38 @@ bool DBConnection::RunUpgrade(const KelString& table, const KelString& keyColumn
     KelString script;
     // Statements of this program might damage data whose schema it does not know.
     if (*current > 0 && !ReadEntry(ini, section, *current, script)) {
-        log_.Error("Database %S has schema version %u, newer than section %S of %S; update the program.\n",
-                   handle_->claim.RealPath(), *current, section, iniFile);
+        ReportNewerSchema(*current);
         return false;
     }
     const unsigned int target = LastEntry(ini, section, *current + 1);
-    for (unsigned int version = *current + 1; version <= target; ++version) {
-        ReadEntry(ini, section, version, script);
-        DBTransaction transaction(*this);
-        const bool upgraded =
-            transaction.IsOpen() && RunScript(script) &&
-            Query(KelFormat("DELETE FROM %S WHERE %S = '%s'", table, keyColumn, kVersionKey)) &&
-            Query(KelFormat("INSERT INTO %S (%S, %S) VALUES ('%s', '%u')", table, keyColumn, valueColumn,
-                            kVersionKey, version)) &&
-            transaction.Commit();
-        if (!upgraded) {
-            log_.Error("Database %S: the upgrade to schema version %u (section %S of %S) failed.\n",
-                       handle_->claim.RealPath(), version, section, iniFile);
-            return false;
-        }
+    if (target == *current) return true;
+    if (*current > 0 && !CopyBeforeUpgrade(*current)) return false;
+    if (!UpgradeTo(target, *current, table, keyColumn, valueColumn, ini, section, progress)) {
+        log_.Error(
+            "Database %S: the upgrade from schema version %u to %u (section %S of %S) failed; it is "
+            "unchanged, "
+            "and the former version of the program can be installed again\n",
+            handle_->claim.RealPath(), *current, target, section, iniFile);
+        return false;
+    }
+    if (*current > 0)
+        log_.Print("Database %S: upgraded from schema version %u to %u\n", handle_->claim.RealPath(),
+                   *current, target);
+    return true;
+}
+
+bool DBConnection::UpgradeTo(unsigned int target, unsigned int current, const KelString& table,
+                             const KelString& keyColumn, const KelString& valueColumn, const IniFile& ini,
+                             const KelString& section, const DBUpgradeProgress& progress) {
+    DBTransaction transaction(*this);
+    if (!transaction.IsOpen()) return false;
+    for (unsigned int version = current + 1; version <= target; ++version) {
+        KelString script;
+        if (!ReadEntry(ini, section, version, script) || !RunScript(script)) return false;
         if (progress) progress(version, target);
     }
-    return true;
+    return Query(KelFormat("DELETE FROM %S WHERE %S = '%s'", table, keyColumn, kVersionKey)) &&
+           Query(KelFormat("INSERT INTO %S (%S, %S) VALUES ('%s', '%u')", table, keyColumn, valueColumn,
+                           kVersionKey, target)) &&
+           transaction.Commit();
 }

@@ -6,6 +6,9 @@
 #include <string_view>
 #include <utility>
 
+#include "kel/file.h"
+#include "kel/format.h"
+
 namespace {
 
 constexpr int kBusyTimeoutMilliseconds = 5000;
@@ -193,6 +196,13 @@ KelStatus SqliteDatabase::Checkpoint() {
     const int code =
         sqlite3_wal_checkpoint_v2(database_, nullptr, SQLITE_CHECKPOINT_TRUNCATE, nullptr, nullptr);
     return code == SQLITE_OK ? KelStatus() : KelStatus(LastError());
+}
+
+KelStatus SqliteDatabase::CopyTo(const KelString& path) {
+    // SQLite does not sync what VACUUM INTO writes.
+    const KelResult<DBResult> copied = Run(KelFormat("VACUUM INTO '%Q'", path));
+    if (!copied) return copied.Error();
+    return FileSync(path) ? KelStatus() : KelStatus(MakeError(SQLITE_IOERR, path + " cannot be synced"));
 }
 
 KelStatus SqliteDatabase::QuickCheck() {

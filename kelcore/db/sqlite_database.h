@@ -44,6 +44,10 @@ class SqliteDatabase {
     /// Moves the write-ahead log into the file and empties it.
     KelStatus Checkpoint();
 
+    /// Writes a copy to `path`, where no file is: compact, synced, with all that is committed. Not in a
+    /// transaction.
+    KelStatus CopyTo(const KelString& path);
+
     /// A failure when the file's structure is not sound.
     KelStatus QuickCheck();
 

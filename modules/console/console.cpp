@@ -40,6 +40,7 @@ KelContainer ValuesOf(const Device& device) {
     values.SetInt64("FirstSeen", device.firstSeen);
     values.SetInt64("LastSeen", device.lastSeen);
     values.SetInt64("SilentSince", SilentSince(device));
+    values.SetString("Version", device.version);
     return values;
 }
 
@@ -112,7 +113,7 @@ void Console::Register(const char* handle) {
            .outputs =
                "container Values[] {string GUID, string Name, string Role, string Address, string Parent "
                "(its GUID), string PathName, int64 FirstSeen (seconds since the epoch), int64 LastSeen, "
-               "int64 SilentSince (0: is not silent)}",
+               "int64 SilentSince (0: is not silent), string Version (of its program; empty: unknown)}",
            .results = "18 the database cannot be read",
            .callers = KelCallers::Operator}},
          {&Console::ListPublications,
@@ -231,7 +232,7 @@ bool Console::Initialise() {
     packageFolder_.emplace(PackagesFolder(DataPath()), [this](const KelString& path, bool removes) {
         return withdrawer_.ExaminePackage(path, removes);
     });
-    return database_.Open(DataPath(), IniPath());
+    return database_.Open(DataPath(), SchemaPath());
 }
 
 std::span<const IniSetting> Console::IniSettings() const {

@@ -4,6 +4,7 @@
 #include <array>
 
 #include "kel/checksum.h"
+#include "kel/file.h"
 #include "kel/format.h"
 #include "kel/text.h"
 
@@ -23,17 +24,28 @@ bool ConsoleDatabase::Open(const KelString& folder, const KelString& iniFile) {
     connection_ = pool_.CreateConnection();
     if (!connection_) return false;
     connection_->DisableBackupResult();
-    // Its failures are logged; whether the database can be used is decided by the tables that it has then.
-    connection_->RunUpgrade("DatabaseInformation", "FieldName", "FieldValue", iniFile, "SqlUpgrade", nullptr);
-    const KelVector<KelString> present = connection_->GetTablesList();
-    for (const char* table : kTables) {
-        if (std::find(present.begin(), present.end(), table) != present.end()) continue;
-        log_.Error("%S has no table %s; copy the section SqlUpgrade of the shipped Console.ini to %S\n", path,
-                   table, iniFile);
+    if (!connection_->RunUpgrade("DatabaseInformation", "FieldName", "FieldValue", iniFile, "SqlUpgrade",
+                                 nullptr)) {
         connection_.reset();
         return false;
     }
+    const KelVector<KelString> present = connection_->GetTablesList();
+    for (const char* table : kTables) {
+        if (std::find(present.begin(), present.end(), table) != present.end()) continue;
+        log_.Error("%S has no table %s, which section SqlUpgrade of %S makes; install the program again\n",
+                   path, table, iniFile);
+        connection_.reset();
+        return false;
+    }
+    ForgetIdAfterRestore(folder + "/restored");
     return true;
+}
+
+void ConsoleDatabase::ForgetIdAfterRestore(const KelString& mark) {
+    if (!FileExists(mark) || !Write({"DELETE FROM DatabaseInformation WHERE FieldName = 'ConsoleId'"}))
+        return;
+    log_.Print("The console was restored from a backup; it asks all devices to report themselves again\n");
+    FileDelete(mark);
 }
 
 KelString ConsoleDatabase::Id() {

@@ -33,6 +33,9 @@ class ConsoleDatabase {
     bool Write(const KelVector<KelString>& statements);
 
   private:
+    /// With the file `mark`, which 'kel restore' leaves, the database gets a new identifier.
+    void ForgetIdAfterRestore(const KelString& mark);
+
     KelDebug& log_;
     KelMutex mutex_;  ///< held for a whole transaction, never across calls of other modules
     DBConnectionPool pool_ KEL_GUARDED_BY(mutex_);

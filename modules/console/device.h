@@ -18,6 +18,7 @@ struct Device {
     KelString address;     ///< host:port
     KelString parentGuid;  ///< empty for the master
     KelString pathName;    ///< host:port/GUID/MAC/IP/mask
+    KelString version;     ///< of its program; empty: unknown
     // When the device was first and last heard from, seconds since the epoch by the master's clock; 0: never.
     std::int64_t firstSeen = 0;
     std::int64_t lastSeen = 0;

@@ -45,14 +45,16 @@ bool DeviceStore::Store(const IdentityReport& report, std::int64_t now) {
     return database_.Write(
         {KelFormat(
              "INSERT INTO Devices "
-             "(GUID, Name, Role, Address, ParentGuid, PathName, FirstSeen, LastSeen, ReportTime, StoreId) "
-             "VALUES ('%Q', '%Q', '%Q', '%Q', '%Q', '%Q', %gd, %gd, %gd, '%Q') "
+             "(GUID, Name, Role, Address, ParentGuid, PathName, FirstSeen, LastSeen, ReportTime, StoreId, "
+             "Version) "
+             "VALUES ('%Q', '%Q', '%Q', '%Q', '%Q', '%Q', %gd, %gd, %gd, '%Q', '%Q') "
              "ON CONFLICT (GUID) DO UPDATE SET Name = excluded.Name, Role = excluded.Role, "
              "Address = excluded.Address, ParentGuid = excluded.ParentGuid, "
-             "PathName = excluded.PathName, ReportTime = excluded.ReportTime, StoreId = excluded.StoreId "
+             "PathName = excluded.PathName, ReportTime = excluded.ReportTime, StoreId = excluded.StoreId, "
+             "Version = excluded.Version "
              "WHERE excluded.ReportTime >= ReportTime",
              device.guid, device.name, device.role, device.address, device.parentGuid, device.pathName, now,
-             now, std::min(report.time, now), report.storeId),
+             now, std::min(report.time, now), report.storeId, device.version),
          KelFormat("UPDATE Devices SET LastSeen = %gd WHERE GUID = '%Q'", now, device.guid)});
 }
 
@@ -80,8 +82,8 @@ KelResult<bool> DeviceStore::WasAway(const KelString& guid, std::int64_t now) {
 
 KelResult<KelVector<Device>> DeviceStore::List() {
     const auto rows = database_.Select(
-        "SELECT GUID, Name, Role, Address, ParentGuid, PathName, FirstSeen, LastSeen FROM Devices ORDER BY "
-        "GUID");
+        "SELECT GUID, Name, Role, Address, ParentGuid, PathName, FirstSeen, LastSeen, Version FROM Devices "
+        "ORDER BY GUID");
     if (!rows) return KelError{kKelErrorNotAvailable, "The console's database cannot be read; see its log"};
     KelVector<Device> devices(rows->GetRowCount());
     for (std::size_t row = 0; row < devices.size(); ++row) {
@@ -94,6 +96,7 @@ KelResult<KelVector<Device>> DeviceStore::List() {
         device.pathName = rows->GetString(row, 5);
         device.firstSeen = rows->GetInt64(row, std::size_t{6});
         device.lastSeen = rows->GetInt64(row, std::size_t{7});
+        device.version = rows->GetString(row, 8);
     }
     return devices;
 }
@@ -139,6 +142,7 @@ KelResult<KelVector<Device>> DeviceDirectory::Read() {
         if (device.guid == master->guid) {
             devices[0].firstSeen = device.firstSeen;
             devices[0].lastSeen = device.lastSeen;
+            devices[0].version = device.version;
         } else if (device.role != "master" && known.insert(device.guid).second) {
             devices.push_back(std::move(device));
         }

@@ -11,6 +11,7 @@
 namespace {
 
 constexpr std::int64_t kMaxFileBytes = 1 << 20;
+constexpr std::size_t kMostVersionBytes = 64;
 
 KelError Unusable(const char* valueName, const KelString& value) {
     return KelError{kKelErrorBadInput, KelFormat("its %s \"%S\" is unusable", valueName, value)};
@@ -84,6 +85,8 @@ KelResult<IdentityReport> ReadIdentityReport(const KelContainer& content, const 
     report.storeId = content.GetString("StoreId");
     if (!report.storeId.empty() && !IsSafePathElement(report.storeId))
         return Unusable("StoreId", report.storeId);
+    device.version = CleanMessage(content.GetString("Version"));
+    if (device.version.size() > kMostVersionBytes) return Unusable("Version", device.version);
     report.time = content.GetInt64("Time");
     if (const KelStatus checked = CheckTime(report.time); !checked) return checked.Error();
     return report;

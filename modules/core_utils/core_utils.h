@@ -3,7 +3,7 @@
 #include "kel/container.h"
 #include "kel/mutex.h"
 #include "kelcore/module.h"
-#include "modules/core_utils/archive_extractor.h"
+#include "kelcore/archive_extractor.h"
 
 /// Helpers for the modules of this device.
 class CoreUtils : public KelModule {

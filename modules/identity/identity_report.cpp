@@ -10,6 +10,7 @@
 #include "kelcore/error_codes.h"
 #include "kelcore/file_offer.h"
 #include "kelcore/file_values.h"
+#include "kelcore/version.h"
 #include "modules/identity/guid.h"
 
 namespace {
@@ -47,6 +48,7 @@ KelContainer IdentityOf(const KelString& guid, const DeviceValues& values, const
     identity.SetString("PathName", KelFormat("%S/%S/%S/%S", deviceUrl, values.macAddress, values.ipAddress,
                                              values.networkMask));
     identity.SetBool("PreferIPAddresses", values.preferIpAddresses);
+    identity.SetString("Version", KelVersion());
     return identity;
 }
 

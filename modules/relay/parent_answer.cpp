@@ -1,6 +1,8 @@
 #include "modules/relay/parent_answer.h"
 
 #include <algorithm>
+#include <ctime>
+#include <utility>
 
 #include "kel/container.h"
 #include "kel/format.h"
@@ -9,6 +11,7 @@
 #include "kelcore/device_name.h"
 #include "kelcore/error_codes.h"
 #include "kelcore/http/url.h"
+#include "kelcore/version.h"
 
 namespace {
 
@@ -18,16 +21,17 @@ constexpr int kCallTimeout = 15;
 
 /// Trees are not deeper; limits what another device can have this one remember.
 constexpr std::uint32_t kMostLevels = 64;
+constexpr std::size_t kMostVersionBytes = 64;
 
 KelString OurGuid() {
     KelContainer answer;
     return CallLocal("IdentityGetGUID", answer) == kKelOk ? answer.GetString("GUID") : KelString();
 }
 
-/// Calls the device at `url`. `values` receives the container Values of its answer, empty when the call
-/// fails.
-unsigned int AskForValues(const KelString& url, const char* action, KelContainer& values) {
-    KelContainer answer;
+/// Calls the device at `url`; `answer` carries the arguments. `values` receives the container Values of its
+/// answer, empty when the call fails.
+unsigned int AskForValues(const KelString& url, const char* action, KelContainer& values,
+                          KelContainer answer = {}) {
     const unsigned int code =
         ActionDbInvokeContainer(nullptr, url, action, answer, 0, kConnectTimeout, kCallTimeout, nullptr);
     values = answer.GetContainer("Values");
@@ -54,6 +58,14 @@ KelVector<KelString> ReadAbove(const KelContainer& values) {
     return above;
 }
 
+/// The parent's clock shows its time while the call was under way, between `before` and `after` of ours.
+void ReadVersion(const KelContainer& values, std::int64_t before, std::int64_t after, ParentAnswer& answer) {
+    const std::int64_t time = values.GetInt64("Time");
+    if (time == 0) return;
+    answer.version = values.GetString("Version").substr(0, kMostVersionBytes);
+    answer.timeAhead = time - std::clamp(time, before, after);
+}
+
 }  // namespace
 
 /// Whether its GUID is final is asked first: in the other order the GUID could change between the two calls.
@@ -64,20 +76,25 @@ ParentAnswer AskParent(const ParentPlace& place, bool mustBeSettled) {
         answer.problem = std::move(problem);
         return answer;
     };
-    KelContainer values;
-    if (const unsigned int code = AskForValues(url, "RelayGetValues", values);
+    const KelString ours = OurGuid();
+    KelContainer values, aboutUs;
+    aboutUs.SetString("ChildGuid", ours);
+    aboutUs.SetString("ChildVersion", KelVersion());
+    const std::int64_t before = std::time(nullptr);
+    if (const unsigned int code = AskForValues(url, "RelayGetValues", values, std::move(aboutUs));
         code != kKelOk && code != kKelErrorUnknownAction)
         return fail(CallProblem(code));
     if (mustBeSettled && !values.GetBool("SchemeSettled", true))
         return fail("it has not found its own parent yet");
     answer.above = ReadAbove(values);
+    ReadVersion(values, before, std::time(nullptr), answer);
     if (const unsigned int code = AskForValues(url, "IdentityGetValues", values); code != kKelOk)
         return fail(CallProblem(code));
     const KelString guid = values.GetString("GUID");
     if (!IsGuid(guid)) return fail(KelFormat("its GUID %S is malformed", guid));
     answer.guid = guid;
+    answer.ownAddress = values.GetString("IPAddress");
     answer.consoleId = values.GetString("ConsoleId");
-    const KelString ours = OurGuid();
     const bool isBelow = std::ranges::find(answer.above, ours) != answer.above.end();
     answer.isLoop = guid == ours || isBelow;
     if (guid == ours) return fail("it is this device itself");

@@ -9,6 +9,9 @@ struct ParentAnswer {
     bool isLoop = false;         ///< it can never be the parent: it is this device, or lies below it
     KelString guid;              ///< empty when it did not answer
     KelString consoleId;         ///< of the console that its tree reports to; may be empty
+    KelString ownAddress;        ///< the address that it has by its own account
+    KelString version;           ///< of its program; empty when it does not say
+    std::int64_t timeAhead = 0;  ///< seconds by which its clock is ahead of ours
     KelVector<KelString> above;  ///< GUIDs of the devices above it, the nearest first
 };
 

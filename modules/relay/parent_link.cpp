@@ -138,6 +138,9 @@ bool ParentLink::NoteAnswer(const ParentAnswer& answer) {
     const bool isNew = !state_.inSync || state_.guid != answer.guid;
     if (isNew) state_.inSync = false;
     state_.guid = answer.guid;
+    state_.ownAddress = answer.ownAddress;
+    state_.version = answer.version;
+    state_.timeAhead = answer.timeAhead;
     state_.above = {answer.guid};
     state_.above.insert(state_.above.end(), answer.above.begin(), answer.above.end());
     return isNew;

@@ -21,6 +21,9 @@ struct ParentState {
     KelString ipAddress;         ///< empty until the parent's name was resolved
     KelString guid;              ///< of the last usable answer; empty before the first
     KelVector<KelString> above;  ///< GUIDs of the devices above this one, the parent first; as of that answer
+    KelString ownAddress;        ///< the address that it has by its own account, and calls from
+    KelString version;           ///< of its program; empty when it has not said
+    std::int64_t timeAhead = 0;  ///< seconds by which its clock is ahead of ours; as of that answer
     bool inSync = false;         ///< the last call was answered, and our GUID has the scheme of the parent's
     std::int64_t since = 0;      ///< of inSync, seconds since the epoch; 0: before the first call
     std::int64_t nextCheck = 0;  ///< the same unit

@@ -10,6 +10,7 @@
 #include "kelcore/callback_db.h"
 #include "kelcore/error_codes.h"
 #include "kelcore/file_values.h"
+#include "kelcore/version.h"
 
 namespace {
 
@@ -41,13 +42,24 @@ void Relay::Register(const char* handle) {
         {{&Relay::GetValues,
           {.signature = "RelayGetValues",
            .purpose = "Gives the role of this device, its parent and whether that answers.",
-           .outputs = "container Values {bool IsEnabled (true on a relay and on the master), string Role, "
-                      "string ParentName, string ParentIPAddress, string ParentGuid, int32 ParentPort, bool "
-                      "ParentSync, int64 ParentSince (of ParentSync), int64 ParentNextCheck (seconds since "
-                      "the epoch, 0 before the first call), string ParentProblem (why it is out of sync), "
-                      "bool SchemeSettled (the GUID scheme of this device is final), string Above[]? (GUIDs "
-                      "of the devices above, the parent first)}",
+           .inputs = "string ChildGuid?, string ChildVersion? (of a child that asks)",
+           .outputs =
+               "container Values {bool IsEnabled (true on a relay and on the master), string Role, "
+               "string ParentName, string ParentIPAddress, string ParentGuid, int32 ParentPort, bool "
+               "ParentSync, int64 ParentSince (of ParentSync), int64 ParentNextCheck (seconds since "
+               "the epoch, 0 before the first call), string ParentProblem (why it is out of sync), "
+               "bool SchemeSettled (the GUID scheme of this device is final), string Above[]? (GUIDs "
+               "of the devices above, the parent first), string Version (of the program), int64 Time (here, "
+               "seconds since the epoch), string ParentOwnAddress? (from which it calls), string "
+               "ParentVersion?, int64 ParentTimeAhead? (seconds by "
+               "which the parent's clock is ahead)}",
            .callers = KelCallers::Child | KelCallers::Operator}},
+         {&Relay::ListChildren,
+          {.signature = "RelayListChildren",
+           .purpose = "Lists the children that have called in the last hour, with their versions.",
+           .outputs = "container Values[]? {string GUID, string Version (of the program), int64 LastSeen "
+                      "(seconds since the epoch)}",
+           .callers = KelCallers::Operator}},
          {[](Relay& relay, KelContainer* arguments) {
               arguments->Clear();
               relay.parentLink_.RequestCheck();
@@ -157,7 +169,13 @@ unsigned int Relay::ClearPackage(KelContainer* arguments) {
     return Answer(arguments, packages_.Clear(*arguments));
 }
 
-unsigned int Relay::GetValues(KelContainer* arguments) const {
+unsigned int Relay::ListChildren(KelContainer* arguments) {
+    *arguments = childVersions_.List(std::time(nullptr));
+    return kKelOk;
+}
+
+unsigned int Relay::GetValues(KelContainer* arguments) {
+    childVersions_.Note(*arguments, std::time(nullptr));
     const ParentState parent = parentLink_.GetState();
     KelContainer values;
     values.SetBool("IsEnabled", settings_.role != RelayRole::Client);
@@ -173,6 +191,13 @@ unsigned int Relay::GetValues(KelContainer* arguments) const {
     values.SetBool("SchemeSettled", parent.place.IsNone() || parentLink_.IsSettled());
     for (std::uint32_t i = 0; i < parent.above.size(); ++i)
         values.SetString("Above", parent.above[i], i);
+    values.SetString("Version", KelVersion());
+    values.SetInt64("Time", std::time(nullptr));
+    if (!parent.ownAddress.empty()) values.SetString("ParentOwnAddress", parent.ownAddress);
+    if (!parent.version.empty()) {
+        values.SetString("ParentVersion", parent.version);
+        values.SetInt64("ParentTimeAhead", parent.timeAhead);
+    }
     arguments->Clear();
     arguments->SetContainer("Values", std::move(values));
     return kKelOk;

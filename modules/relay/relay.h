@@ -6,6 +6,7 @@
 #include "kel/periodic_thread.h"
 #include "kelcore/left_overs.h"
 #include "kelcore/module.h"
+#include "modules/relay/child_versions.h"
 #include "modules/relay/package_copies.h"
 #include "modules/relay/parent_link.h"
 #include "modules/relay/relay_settings.h"
@@ -37,7 +38,8 @@ class Relay : public KelModule {
     }
 
   private:
-    unsigned int GetValues(KelContainer* arguments) const;
+    unsigned int GetValues(KelContainer* arguments);
+    unsigned int ListChildren(KelContainer* arguments);
     unsigned int SetParent(KelContainer* arguments);
     unsigned int ReceiveFile(KelContainer* arguments);
     unsigned int ClearPackage(KelContainer* arguments);
@@ -52,4 +54,5 @@ class Relay : public KelModule {
     UnconnectedReplay replay_;                    ///< only the replay thread uses it
     KelPeriodicThread replayThread_;
     ParentLink parentLink_;
+    ChildVersions childVersions_;
 };

@@ -2,11 +2,16 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <unistd.h>
+
 #include <cstdlib>
 
+#include "agent/service_manager.h"
 #include "agent/stop_signals.h"
 #include "kel/temp_folder.h"
+#include "kel/unique_fd.h"
 
 namespace {
 
@@ -117,6 +122,40 @@ void StopTwice() {
 TEST(StopSignalsDeathTest, ALaterSignalEndsTheProcess) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_EXIT(StopTwice(), testing::ExitedWithCode(EXIT_FAILURE), "^stopping;.*second signal");
+}
+
+/// What the service manager would receive; empty when nothing has come.
+KelString Received(int socket) {
+    char text[256];
+    const ssize_t length = recv(socket, text, sizeof text, MSG_DONTWAIT);
+    return length > 0 ? KelString(text, static_cast<std::size_t>(length)) : KelString();
+}
+
+TEST(ServiceManager, HearsOfAnAgentOnlyWhileItIsAlive) {
+    const TempFolder folder;
+    const UniqueFd socket(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    sockaddr_un address{AF_UNIX, {}};
+    const KelString path = folder / "notify";
+    path.copy(address.sun_path, sizeof address.sun_path - 1);
+    ASSERT_EQ(bind(socket.Get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    bool isAlive = true;
+    for (const bool isWatched : {false, true}) {
+        if (isWatched) setenv("NOTIFY_SOCKET", path.c_str(), 1);
+        if (isWatched) setenv("WATCHDOG_USEC", "120000000", 1);
+        ServiceManager service([&isAlive] { return isAlive; });
+        const std::chrono::seconds longest(60);
+        EXPECT_EQ(service.Pause(longest), isWatched ? longest / 2 : longest);
+        service.Ready("Ready\nWATCHDOG=1");
+        EXPECT_EQ(Received(socket.Get()), isWatched ? "READY=1\nSTATUS=Ready WATCHDOG=1" : "");
+        service.Step();
+        EXPECT_EQ(Received(socket.Get()), isWatched ? "WATCHDOG=1" : "");
+        isAlive = !isAlive;
+        service.Step();
+        EXPECT_EQ(Received(socket.Get()), isAlive && isWatched ? "WATCHDOG=1" : "");
+        isAlive = true;
+    }
+    unsetenv("NOTIFY_SOCKET");
+    unsetenv("WATCHDOG_USEC");
 }
 
 }  // namespace

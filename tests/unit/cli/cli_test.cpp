@@ -2,7 +2,9 @@
 #include <gtest/gtest.h>
 #include <sstream>
 
+#include "cli/backup_files.h"
 #include "cli/commands.h"
+#include "cli/doctor.h"
 #include "cli/file_selection.h"
 #include "cli/hand_over.h"
 #include "cli/init_command.h"
@@ -13,6 +15,7 @@
 #include "kel/format.h"
 #include "kel/temp_folder.h"
 #include "kelcore/json.h"
+#include "kelcore/version.h"
 
 namespace {
 
@@ -322,6 +325,74 @@ TEST(JsonNamesTest, NamesAndStatusesAreThoseOfTheCommandLine) {
         ASSERT_TRUE(ContainerFromJson(given, item)) << given;
         EXPECT_EQ(ContainerToJson(ForJson(item)), printed);
     }
+}
+
+/// The findings that are not ok, as "check state; ".
+KelString Troubles(const KelVector<Finding>& findings) {
+    KelString text;
+    for (const Finding& finding : findings) {
+        EXPECT_EQ(finding.advice.empty(), finding.state == Finding::State::Ok) << finding.message;
+        if (finding.state != Finding::State::Ok)
+            text += finding.check + (finding.state == Finding::State::Warning ? " warning; " : " problem; ");
+    }
+    return text;
+}
+
+TEST(DoctorTest, AParentMustAnswerFromTheAddressOfItsNameWithTheSameClock) {
+    for (const auto& [json, troubles] : std::initializer_list<std::pair<const char*, const char*>>{
+             {R"({"Role":"master"})", ""},
+             {R"({"Role":"client"})", "parent problem; "},
+             {R"({"Role":"relay","ParentName":"n","ParentSync":false,"ParentProblem":"p"})",
+              "parent problem; name problem; "},
+             {R"({"Role":"client","ParentName":"n","ParentSync":true,"ParentIPAddress":"10.0.0.1",)"
+              R"("ParentOwnAddress":"10.0.0.1","ParentTimeAhead":-60})",
+              ""},
+             {R"({"Role":"client","ParentName":"n","ParentSync":true,"ParentIPAddress":"10.0.0.1",)"
+              R"("ParentOwnAddress":"10.0.0.2","ParentTimeAhead":-61})",
+              "name problem; clock warning; "}}) {
+        KelContainer relay;
+        ASSERT_TRUE(ContainerFromJson(json, relay));
+        EXPECT_EQ(Troubles(ExamineParent(relay)), troubles) << json;
+    }
+}
+
+TEST(DoctorTest, VersionsOfParentAndChildrenMustBeTheInstalledOne) {
+    const KelString own = KelVersion();
+    for (const auto& [running, parent, child, found] :
+         std::initializer_list<std::array<KelString, 4>>{{own, own, own, "as parent and children have"},
+                                                         {"0.0", own, own, "runs version 0.0"},
+                                                         {own, "9.9", own, "parent has 9.9"},
+                                                         {own, "", "8.8", "children have 8.8"}}) {
+        KelContainer relay, children;
+        ASSERT_TRUE(ContainerFromJson(R"({"ParentVersion":")" + parent + R"("})", relay));
+        ASSERT_TRUE(ContainerFromJson(R"({"Values":[{"Version":")" + child + R"("}]})", children));
+        EXPECT_THAT(ExamineVersions(running, relay, children).at(0).message, testing::HasSubstr(found));
+    }
+}
+
+TEST(BackupTest, TakesWhatTheTreeCannotBringBack) {
+    const auto taken = [](const KelString& path) {
+        KelString text;
+        for (const auto& [choice, letter] : std::initializer_list<std::pair<BackupChoice, char>>{
+                 {{.isMaster = true}, 'm'},
+                 {{.isMaster = false}, 'd'},
+                 {{.isMaster = false, .content = true}, 'c'}})
+            if (choice.Takes(path)) text += letter;
+        return text;
+    };
+    for (const auto& [path, takers] : std::initializer_list<std::pair<const char*, const char*>>{
+             {"config/Agent.ini", "mdc"},
+             {"data/Console/Packages/l/c/.hidden", "mdc"},
+             {"data/Console/Console.sqlite", "mdc"},
+             {"data/FileStore/FileStore.sqlite-wal", "m"},
+             {"data/FileStore/Upstream.sqlite", ""},
+             {"data/FileStore/downstream/T/l/c/a.sqlite", "c"},
+             {"data/Delivery/Inbox/T/l/f", "c"},
+             {"data/FileStore/unconnected/1.xml", "mdc"},
+             {"data/Console/Console.sqlite.schema-8", ""},
+             {"data/agent.lock", ""},
+             {"log/agent.log", ""}})
+        EXPECT_EQ(taken(path), takers) << path;
 }
 
 TEST(MulticastItemTest, StatesHaveNamesOfTheirOwn) {

@@ -1,4 +1,4 @@
-#include "modules/core_utils/archive_extractor.h"
+#include "kelcore/archive_extractor.h"
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>

@@ -2,6 +2,8 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <thread>
 
@@ -33,6 +35,23 @@ TEST_F(DebugTest, LinesHaveTimeLevelAndModuleAndCannotBeForged) {
     EXPECT_THAT(lines[0], MatchesRegex(time + " DETAIL Mod .*"));
     EXPECT_THAT(lines[0], HasSubstr("a\\x0Ab\\x0D\\x09\\x1B[1m\\x7F\\xC2\\x85 {} \xC3\xA4 \\"));
     EXPECT_THAT(lines[1], MatchesRegex(time + " ERROR Mod no line end 5"));
+}
+
+TEST_F(DebugTest, TheJournalGetsPrioritiesAndAnotherStderrTheWholeLine) {
+    testing::internal::CaptureStderr();
+    struct stat status {};
+    ASSERT_EQ(fstat(STDERR_FILENO, &status), 0);
+    for (const KelString& stream :
+         {std::to_string(status.st_dev) + ":" + std::to_string(status.st_ino), KelString("1:1")}) {
+        setenv("JOURNAL_STREAM", stream.c_str(), 1);
+        log_.SetContext(MakeDebugContext({}, 0, 0, true, KelDebugLevel::Print));
+        log_.Warning("disk of %s\n", "north");
+        log_.Error("gone\n");
+    }
+    unsetenv("JOURNAL_STREAM");
+    EXPECT_THAT(
+        testing::internal::GetCapturedStderr(),
+        MatchesRegex("<4>Mod: disk of north\n<3>Mod: gone\n[^<]* WARNING Mod disk.*\n[^<]* ERROR .*\n"));
 }
 
 TEST_F(DebugTest, FilesRotateAndOldOnesGo) {

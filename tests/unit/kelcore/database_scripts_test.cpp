@@ -1,3 +1,6 @@
+#include <atomic>
+#include <thread>
+
 #include "database_fixture.h"
 
 namespace {
@@ -79,20 +82,65 @@ TEST_F(DatabaseScriptsTest, UpgradeFromWhereverTheSchemaIs) {
     EXPECT_EQ(Value(schema), upgraded);
 }
 
-TEST_F(DatabaseScriptsTest, AFailedUpgradeStopsAtTheLastGoodVersion) {
-    const KelString entries =
-        "Sql1=CREATE TABLE T (X INT)\n"
-        "Sql2=INSERT INTO T VALUES (2); INSERT INTO Missing VALUES (2)\n"
-        "Sql3=INSERT INTO T VALUES (3)\n";
-    EXPECT_FALSE(Upgrade(entries));
+TEST_F(DatabaseScriptsTest, AFailedUpgradeChangesNothingAndTheCopyStaysUntilTheProgramWorks) {
+    const KelString first = "Sql1=CREATE TABLE T (X INT)\n";
+    const KelString second = first + "Sql2=INSERT INTO T VALUES (2)\n";
+    const KelString fourth = second +
+                             "Sql3=INSERT INTO T VALUES (3); INSERT INTO Missing VALUES (2)\n"
+                             "Sql4=INSERT INTO T VALUES (4)\n";
+    const KelString copy = path_ + ".schema-1";
+    ASSERT_TRUE(Upgrade(first));
+    EXPECT_FALSE(FileExists(copy)) << "a new database has nothing to keep";
+    EXPECT_FALSE(Upgrade(fourth));
     EXPECT_EQ(Version(), "1");
     EXPECT_EQ(Value("SELECT count(*) FROM T"), "0");
-    ASSERT_TRUE(Run("CREATE TABLE Missing (X INT)"));
-    EXPECT_TRUE(Upgrade(entries));
-    EXPECT_EQ(Version(), "3");
+    ASSERT_TRUE(Run("CREATE TABLE Missing (X INT); "));
+    EXPECT_TRUE(Upgrade(fourth));
+    EXPECT_EQ(Version(), "4");
+    EXPECT_EQ(kept_->Count(KelDebugLevel::Error, "upgrade from schema version 1 to 4"), 1);
+
+    EXPECT_FALSE(Upgrade(second)) << "the former version of the program";
+    EXPECT_EQ(kept_->Count(KelDebugLevel::Error, "move " + copy), 1);
+    auto before = OpenPath(copy);
+    ASSERT_TRUE(before);
+    EXPECT_EQ(before->ReadInteger("DatabaseInformation", "FieldValue", "FieldName", "SchemaVersion"), 1);
+    before.reset();
+    DBConnection::RemoveUpgradeCopies();
+    EXPECT_FALSE(FileExists(copy));
 
     ASSERT_TRUE(Run("UPDATE DatabaseInformation SET FieldValue='x1' WHERE FieldName='SchemaVersion'"));
-    EXPECT_FALSE(Upgrade(entries)) << "an unreadable version is no version 0";
+    EXPECT_FALSE(Upgrade(fourth)) << "an unreadable version is no version 0";
+}
+
+TEST_F(DatabaseScriptsTest, CopiesShowOneMomentWithoutATransaction) {
+    const auto other = OpenPath(folder_ / "other.sqlite");
+    ASSERT_TRUE(Run("CREATE TABLE T (X INT)") && other->Query("CREATE TABLE T (X INT)"));
+    std::atomic<bool> isDone = false;
+    // The same number in both, or one more in the first.
+    std::thread writer([&] {
+        for (int i = 0; !isDone; ++i) {
+            for (DBConnection* const connection : {db_.get(), other.get()}) {
+                DBTransaction transaction(*connection);
+                connection->Query("INSERT INTO T VALUES (1)");
+                connection->Query("INSERT INTO T VALUES (2)");
+                transaction.Commit();
+            }
+        }
+    });
+    for (int i = 0; i < 10; ++i) {
+        const KelString folder = folder_ / KelFormat("copies%d", i);
+        const auto copies = DBConnection::CopyOpenDatabases(folder);
+        ASSERT_TRUE(copies) << copies.Error().message;
+        KelHash<KelString, std::int64_t> rows;
+        for (const DBConnection::Copy& copy : *copies)
+            rows[copy.path] =
+                OpenPath(copy.copy)->Query("SELECT count(*) FROM T")->GetInt64(0, std::size_t{0});
+        EXPECT_EQ(rows[path_] % 2, 0);
+        EXPECT_TRUE(rows[path_] == rows[folder_ / "other.sqlite"] ||
+                    rows[path_] == rows[folder_ / "other.sqlite"] + 2);
+    }
+    isDone = true;
+    writer.join();
 }
 
 }  // namespace

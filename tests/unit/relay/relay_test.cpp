@@ -38,7 +38,8 @@ class FakeParent {
     TestHttpServer::Answer AnswerCall() {
         const std::lock_guard lock(mutex_);
         const KelContainer values =
-            Values({"GUID=" + guid_, std::string("SchemeSettled=") + (isSettled ? "true" : "false")});
+            Values({"GUID=" + guid_, std::string("SchemeSettled=") + (isSettled ? "true" : "false"),
+                    "Version=9.9", "IPAddress=10.9.9.9", "Time=" + std::to_string(std::time(nullptr) + 500)});
         auto answer = TestHttpServer::ActionResult(
             0, With({}, "Values", isBelow ? With(values, {"Above=" + kOurGuid}) : values));
         answer.status = failsOnce.exchange(false) ? 500U : status.load();
@@ -110,6 +111,23 @@ TEST_F(RelayTest, AnAnsweringParentIsInSyncAndValidatesTheSchemeOncePerGuid) {
     EXPECT_TRUE(Eventually([this] { return reports_ == 3; })) << "it could not call this device before";
     parent.SetGuid(kOtherGuid);
     EXPECT_TRUE(Eventually([this] { return validations_ == 2; }));
+}
+
+TEST_F(RelayTest, ParentAndChildrenTellTheirVersions) {
+    FakeParent parent(kGuid);
+    WriteIni("Relay", parent.ChildIni("relay"));
+    ActiveModule<Relay> module;
+    ASSERT_TRUE(Eventually(IsInSync));
+    ExpectValues(RelayValues(), {"ParentVersion=9.9", "ParentOwnAddress=10.9.9.9"});
+    const std::int64_t ahead = RelayValues().GetInt64("ParentTimeAhead");
+    EXPECT_TRUE(ahead > 400 && ahead <= 500) << ahead;
+
+    for (const std::string& version : KelVector<std::string>{"8.8", "1\n2", std::string(65, 'v')})
+        Call("RelayGetValues", Values({"ChildGuid=" + kOtherGuid, "ChildVersion=" + version}));
+    Call("RelayGetValues", Values({"ChildGuid=x", "ChildVersion=1"}));
+    const KelContainer children = Call("RelayListChildren");
+    ASSERT_EQ(children.Count("Values"), 1U);
+    ExpectValues(children.GetContainer("Values"), {"GUID=" + kOtherGuid, "Version=8.8"});
 }
 
 TEST_F(RelayTest, AParentWithoutItsOwnPlaceIsWaitedForOnlyTheFirstTime) {

@@ -1,4 +1,4 @@
-#include "modules/core_utils/archive_extractor.h"
+#include "kelcore/archive_extractor.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>

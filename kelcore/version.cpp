@@ -1,0 +1,5 @@
+#include "kelcore/version.h"
+
+const char* KelVersion() {
+    return KEL_VERSION;
+}
