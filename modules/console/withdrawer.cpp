@@ -175,8 +175,9 @@ bool Withdrawer::RemovePackage(const FileKey& file) {
 
 bool Withdrawer::ExaminePackage(const KelString& path, bool removes) {
     const auto package = PackageAt(folder_, path);
-    if (!package) return false;
-    const std::lock_guard lock(packages_);
+    // Not waited for: the next search comes in a day.
+    const std::unique_lock lock(packages_, std::try_to_lock);
+    if (!package || !lock) return false;
     const auto isPublished = withdrawals_.IsContentPublished(*package);
     if (!isPublished || *isPublished) return false;
     if (removes) FileDelete(path);
