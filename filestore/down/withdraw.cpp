@@ -18,7 +18,6 @@
 #include "filestore/state/file_store.h"
 #include "filestore/state/parent.h"
 #include "filestore/state/removal.h"
-#include "filestore/state/store_layout.h"
 #include "kel/text.h"
 #include "kelcore/action_db.h"
 #include "kelcore/call_origin.h"
@@ -177,10 +176,7 @@ bool Record(std::span<const Withdrawal> withdrawals) {
         // Claimed under the lock: an offer of the same file puts its content at the same place.
         for (const FileStoreEntry& file : forgotten) {
             FileStore::debugFileStore.Print("%S was withdrawn and is forgotten\n", file.Key().Text());
-            if (removal.Claim(file))
-                removal.Confirm(file);
-            else if (!file.ExternalFile)
-                PostponeRemoval(ContentPath(file, Side::Downstream));
+            if (removal.Claim(file)) removal.Confirm(file);  // what is in use goes later
         }
     }
     removal.RemoveContent();

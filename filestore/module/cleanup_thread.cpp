@@ -40,7 +40,8 @@ void FileStoreDeleteThread::RunPasses() {
             Sleep(static_cast<std::uint64_t>(std::max<milliseconds::rep>(rest.count(), 1)));
         }};
     const std::int64_t now = std::time(nullptr);
-    RemovePostponed();
+    for (const Side side : {Side::Downstream, Side::Upstream})
+        RemoveLeftContent(side, host.isCancelled);
     DeleteFiles(Side::Downstream, now, host);
     KillFiles(Side::Downstream, now, host);
     KillPackages(now, HasConsumers(), host);

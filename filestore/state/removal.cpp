@@ -1,9 +1,10 @@
 #include "filestore/state/removal.h"
 
-#include <set>
+#include <algorithm>
 #include <utility>
 
 #include "filestore/db/files_selection.h"
+#include "filestore/db/removed_content_table.h"
 #include "filestore/state/file_store.h"
 #include "filestore/state/store_layout.h"
 #include "kel/format.h"
@@ -21,20 +22,20 @@ KelString RowName(Side side, std::uint64_t fileId) {
     return RowPrefix(side) + std::to_string(fileId);
 }
 
-KelMutex mutexPostponed;  ///< a leaf
-std::set<KelString> postponed KEL_GUARDED_BY(mutexPostponed);
-
 /// True when the content at `path` belongs to a row, or when that cannot be said.
-bool HasRow(const KelString& path) {
-    const KelString& root = FileStore::strStorageLocationToUse;
-    const auto place = path.starts_with(root) ? ParseStoredPath(path.substr(root.size())) : std::nullopt;
-    if (!place) return true;  // the store has moved
-    if (place->side == Side::Downstream) {
-        const auto rows = SelectFilesOfKey(place->key);
-        return !rows || !rows->empty();
-    }
-    const auto rows = SelectUpstreamFiles(place->key);
-    return !rows || !rows->empty();
+bool HasRow(Side side, const FileKey& key, const KelString& path) {
+    const auto rows = side == Side::Downstream ? SelectFilesOfKey(key) : SelectUpstreamFiles(key);
+    return !rows || std::ranges::any_of(
+                        *rows, [&](const FileStoreEntry& row) { return ContentPath(row, side) == path; });
+}
+
+/// False when it is in use.
+bool RemoveUnlessOwned(Side side, const FileStoreEntry& removed) {
+    const KelString path = ContentPath(removed, side);
+    const KelFileClaim claim(path);
+    if (!claim) return false;
+    if (!HasRow(side, removed.Key(), path)) DeleteFileAndFolder(path);
+    return true;
 }
 
 }  // namespace
@@ -60,31 +61,25 @@ bool ContentRemoval::Claim(const FileStoreEntry& file) {
 }
 
 void ContentRemoval::Confirm(const FileStoreEntry& file) {
-    if (!file.ExternalFile) paths_.push_back(ContentPath(file, side_));
+    if (file.ExternalFile) return;
+    paths_.push_back(ContentPath(file, side_));
+    removed_.Add(file.FileId);
 }
 
 void ContentRemoval::RemoveContent() {
     for (const KelString& path : std::exchange(paths_, {}))
         DeleteFileAndFolder(path);
+    ForgetRemovedContent(side_, std::exchange(removed_, {}));
 }
 
-void PostponeRemoval(const KelString& path) {
-    const KelLock lock(mutexPostponed);
-    postponed.insert(path);
-}
-
-void RemovePostponed() {
-    std::set<KelString> paths;
-    {
-        const KelLock lock(mutexPostponed);
-        paths.swap(postponed);
-    }
-    for (const KelString& path : paths) {
-        const KelFileClaim claim(path);
-        if (!claim)
-            PostponeRemoval(path);
-        else if (!HasRow(path))
-            DeleteFileAndFolder(path);
+void RemoveLeftContent(Side side, const std::function<bool()>& isCancelled) {
+    constexpr unsigned int kAtOnce = 200;
+    FileRows rows = SelectRemovedContent(side, 0, kAtOnce);
+    for (; !rows.empty() && !isCancelled(); rows = SelectRemovedContent(side, rows.back().FileId, kAtOnce)) {
+        IdList done;
+        for (const FileStoreEntry& removed : rows)
+            if (RemoveUnlessOwned(side, removed)) done.Add(removed.FileId);
+        ForgetRemovedContent(side, done);
     }
 }
 

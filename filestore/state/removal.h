@@ -1,5 +1,8 @@
 #pragma once
 
+#include <functional>
+
+#include "filestore/db/database.h"
 #include "filestore/db/file_store_entry.h"
 #include "kelcore/file_lease.h"
 
@@ -41,12 +44,11 @@ class ContentRemoval {
     const Side side_;
     KelVector<KelFileClaim> claims_;
     KelVector<KelString> paths_;
+    IdList removed_;
 };
 
-/// Has content removed whose row is already gone but which is still in use, by RemovePostponed. A restart
-/// forgets it.
-void PostponeRemoval(const KelString& path);
-/// Removes what is no longer in use and has not got a row again. On the cleanup thread, without locks.
-void RemovePostponed();
+/// Removes what removed rows of a side have left in the store, because it was in use or the agent was killed,
+/// unless it has got a row again. On the cleanup thread, without locks.
+void RemoveLeftContent(Side side, const std::function<bool()>& isCancelled);
 
 }  // namespace filestore

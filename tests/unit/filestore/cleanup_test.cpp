@@ -198,6 +198,21 @@ TEST_F(Cleanup, ContentOfAWithdrawnFileGoesWhenItIsNoLongerUsedAndWanted) {
     }
 }
 
+TEST_F(Cleanup, ContentThatAKillHasLeftGoesUnlessItHasARowAgain) {
+    for (const Side side : {kDown, kUp}) {
+        for (const bool isKnownAgain : {false, true}) {
+            const auto trace = Begin(KelFormat("%s, known again: %d", SideName(side), isKnownAgain ? 1 : 0));
+            const std::uint64_t fileId = AddStored(side, "n", "AVAILABLE");
+            const KelString path = Load(side, fileId).FilePath;
+            ASSERT_TRUE(DeleteFileRow(side, fileId));
+            if (isKnownAgain) AddFile(side, "n", "TOBEREQUESTED");
+            Clean();
+            EXPECT_EQ(FileExists(path), isKnownAgain);
+            EXPECT_EQ(Rows(side, "SELECT FileId FROM RemovedContent"), Texts{});
+        }
+    }
+}
+
 TEST_F(Cleanup, ManyFilesGoInPiecesAndNothingGoesWhenTheDatabaseRefuses) {
     for (int i = 0; i < 200; ++i) {
         const std::uint64_t fileId =
