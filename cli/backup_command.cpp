@@ -1,3 +1,4 @@
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -16,6 +17,7 @@
 #include "kel/ini_file.h"
 #include "kel/path.h"
 #include "kel/text.h"
+#include "kel/unique_fd.h"
 #include "kelcore/archive.h"
 #include "kelcore/error_codes.h"
 #include "kelcore/json.h"
@@ -130,17 +132,10 @@ int PrintBackup(const CommonOptions& common, const BackupOptions& options, std::
     return kExitDone;
 }
 
-}  // namespace
-
-int RunCommand(const CommonOptions& common, const BackupOptions& options) {
-    if (common.root.empty()) {
-        Complain("a backup is made on the device itself, with --root");
-        return kExitUsage;
-    }
-    umask(077);
-    const KelString root = CompletePath(common.root);
-    if (!FileExists(root + "/config/Agent.ini"))
-        return Complain(root + " is not the root folder of an agent");
+/// Makes the archive in the root folder, as its owner, and opens it; an exit code. It has no name any more.
+int MakeArchive(const CommonOptions& common, const BackupOptions& options, const KelString& root,
+                UniqueFd& archive, std::size_t& entries) {
+    const AsOwner owner(root);
     const auto lock = LockStoppedRoot(root);
     if (!lock) return Complain(lock.Error());
     const BackupChoice choice{IsMaster(root), options.content, !*lock};
@@ -160,7 +155,27 @@ int RunCommand(const CommonOptions& common, const BackupOptions& options) {
     const KelString description = work.Path() + "/" + kBackupDescription;
     const KelString text = ContainerToJson(Description(root, sources, options.content));
     if (const auto written = FileWriteText(description, text); !written) return Complain(written.Error());
-    if (const auto packed = Pack(CompletePath(options.file), sources, description); !packed)
-        return Complain(packed.Error());
-    return PrintBackup(common, options, sources.size());
+    const KelString path = work.Path() + "/backup.zip";
+    if (const auto packed = Pack(path, sources, description); !packed) return Complain(packed.Error());
+    archive = UniqueFd(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
+    entries = sources.size();
+    return archive ? kExitDone : Complain(SystemError("The archive cannot be read:", path));
+}
+
+}  // namespace
+
+int RunCommand(const CommonOptions& common, const BackupOptions& options) {
+    if (common.root.empty()) {
+        Complain("a backup is made on the device itself, with --root");
+        return kExitUsage;
+    }
+    umask(077);
+    const KelString root = CompletePath(common.root);
+    if (!FileExists(root + "/config/Agent.ini"))
+        return Complain(root + " is not the root folder of an agent");
+    UniqueFd archive;
+    std::size_t entries = 0;
+    if (const int code = MakeArchive(common, options, root, archive, entries); code != kExitDone) return code;
+    if (const auto copied = CopyToNewFile(archive, options.file); !copied) return Complain(copied.Error());
+    return PrintBackup(common, options, entries);
 }

@@ -158,6 +158,7 @@ int RunCommand(const CommonOptions& common, const DoctorOptions&) {
         return kExitUsage;
     }
     const KelString root = CompletePath(common.root);
+    const AsOwner owner(root);
     KelVector<Finding> findings = ExamineRoot(root);
     if (findings.front().check != "root") {
         Append(findings, ExamineConfiguration(root));

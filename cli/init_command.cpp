@@ -140,8 +140,8 @@ int RunCommand(const CommonOptions& common, const InitOptions& options) {
         Complain(values.Error());
         return kExitUsage;
     }
+    const AsOwner owner(CompletePath(options.dir));
     if (auto status = MakeRoot(options, *values); !status) return Complain(status.Error());
-    GiveToOwner(CompletePath(options.dir));
     if (common.json)
         std::puts("[]");
     else

@@ -1,21 +1,25 @@
 #include "cli/local_root.h"
 
 #include <fcntl.h>
+#include <grp.h>
 #include <sys/file.h>
+#include <sys/sendfile.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdlib>
-#include <filesystem>
+#include <stdexcept>
 #include <utility>
 
 #include "kel/directory.h"
+#include "kel/file.h"
 #include "kel/path.h"
 
 namespace {
 
 constexpr const char* kInstalledRoot = "/var/lib/kel";
+constexpr std::size_t kMostAtOnce = std::size_t{64} << 20;
 
 }  // namespace
 
@@ -24,19 +28,32 @@ KelString DefaultRoot() {
     return DirExists(kInstalledRoot) ? kInstalledRoot : "";
 }
 
-void GiveToOwner(const KelString& root) {
+AsOwner::AsOwner(const KelString& root) {
     struct stat owner {};
     if (geteuid() != 0 || stat(root.c_str(), &owner) != 0 || owner.st_uid == 0) return;
-    std::error_code failure;
-    auto entry = std::filesystem::recursive_directory_iterator(root, failure);
-    for (; !failure && entry != std::filesystem::recursive_directory_iterator(); entry.increment(failure)) {
-        struct stat status {};
-        const char* const path = entry->path().c_str();
-        if (lstat(path, &status) == 0 && status.st_uid == 0) {
-            // What stays with root is reported by the agent when it cannot use it.
-            [[maybe_unused]] const int result = lchown(path, owner.st_uid, owner.st_gid);
-        }
-    }
+    if (setgroups(0, nullptr) != 0 || setegid(owner.st_gid) != 0 || seteuid(owner.st_uid) != 0)
+        throw std::runtime_error("cannot work as the owner of " + root);
+    isOther_ = true;
+}
+
+AsOwner::~AsOwner() {
+    // Root gets back what it was; where that fails, it goes on with fewer rights.
+    if (isOther_ && seteuid(0) == 0) [[maybe_unused]]
+        const int result = setegid(0);
+}
+
+KelStatus CopyToNewFile(const UniqueFd& source, const KelString& path) {
+    const KelString part = path + ".part";
+    FileDelete(part);
+    const UniqueFd copy(open(part.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+    if (!copy) return SystemError("A file cannot be made:", part);
+    ssize_t sent = 1;
+    while (sent > 0)
+        sent = sendfile(copy.Get(), source.Get(), nullptr, kMostAtOnce);
+    if (sent == 0 && fsync(copy.Get()) == 0 && rename(part.c_str(), path.c_str()) == 0) return {};
+    const KelError failure = SystemError("A file cannot be written:", path);
+    FileDelete(part);
+    return failure;
 }
 
 KelResult<UniqueFd> LockStoppedRoot(const KelString& root) {
@@ -44,10 +61,6 @@ KelResult<UniqueFd> LockStoppedRoot(const KelString& root) {
     PathCreate(root + "/data");
     UniqueFd file(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
     if (!file) return SystemError("The lock of the agent cannot be opened:", path);
-    struct stat owner {};
-    if (geteuid() == 0 && stat(root.c_str(), &owner) == 0 &&
-        fchown(file.Get(), owner.st_uid, owner.st_gid) != 0)
-        return SystemError("The lock of the agent cannot be given to its user:", path);
     if (flock(file.Get(), LOCK_EX | LOCK_NB) == 0) return file;
     if (errno != EWOULDBLOCK) return SystemError("The lock of the agent cannot be taken:", path);
     return UniqueFd();

@@ -8,8 +8,22 @@
 /// package, when there is an agent in it; otherwise empty. The variable KEL_ROOT names another one.
 KelString DefaultRoot();
 
-/// What root has made beneath a root folder gets the owner of that folder: the agent works as that user.
-void GiveToOwner(const KelString& root);
+/// For a scope, root works as the user that a root folder belongs to: what is made there is the agent's, and
+/// whoever has taken over the agent cannot have root follow links that lead out of the folder. Without effect
+/// for others than root, and while the folder does not exist or is root's own.
+class AsOwner {
+  public:
+    explicit AsOwner(const KelString& root);
+    ~AsOwner();
+    AsOwner(const AsOwner&) = delete;
+    AsOwner& operator=(const AsOwner&) = delete;
+
+  private:
+    bool isOther_ = false;
+};
+
+/// Copies what a descriptor reads, from where it stands, to a new file, which takes the place of an old one.
+KelStatus CopyToNewFile(const UniqueFd& source, const KelString& path);
 
 /// Takes the lock that a running agent holds on its root folder (absolute, without "/" at its end), so that
 /// none starts before the descriptor is closed. Without a descriptor when an agent runs; an error when that

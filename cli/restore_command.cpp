@@ -1,3 +1,4 @@
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -12,6 +13,7 @@
 #include "kel/directory.h"
 #include "kel/file.h"
 #include "kel/path.h"
+#include "kel/unique_fd.h"
 #include "kelcore/archive.h"
 #include "kelcore/archive_extractor.h"
 #include "kelcore/json.h"
@@ -77,18 +79,22 @@ KelStatus PutInPlace(const KelString& folder, const KelString& root, const KelVe
     return {};
 }
 
-KelStatus Restore(const KelString& archive, const KelString& root, KelContainer& description) {
+/// `name` is that of the file that `source` reads.
+KelStatus Restore(const KelString& name, const UniqueFd& source, const KelString& root,
+                  KelContainer& description) {
     const KelString folder = root + "/" + kUnpacked;
+    const KelString archive = folder + ".zip";
     DirDelete(folder, true);
+    if (const auto copied = CopyToNewFile(source, archive); !copied) return copied;
     // The backup is the operator's own: only its paths are not trusted.
     KelStatus status = ExtractArchive(archive, folder, {kMost, kMost, kMost});
     if (status) {
-        if (auto read = ReadDescription(folder, archive))
+        if (auto read = ReadDescription(folder, name))
             description = std::move(*read);
         else
             status = read.Error();
     } else {
-        status = KelError{status.Error().code, archive + ": " + status.Error().message};
+        status = KelError{status.Error().code, name + ": " + status.Error().message};
     }
     if (status) RemoveDatabases(root);
     if (status)
@@ -100,6 +106,7 @@ KelStatus Restore(const KelString& archive, const KelString& root, KelContainer&
             BackupPartOf(path) != BackupPart::Never && path.find("..") == KelString::npos)
             chmod((root + "/" + path).c_str(), 0700);
     DirDelete(folder, true);
+    FileDelete(archive);
     return status;
 }
 
@@ -112,15 +119,16 @@ int RunCommand(const CommonOptions& common, const RestoreOptions& options) {
     }
     umask(077);
     const KelString root = CompletePath(common.root);
-    if (!FileExists(options.file)) return Complain(options.file + ": no such file");
+    const UniqueFd archive(open(options.file.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!archive) return Complain(SystemError("The backup cannot be read:", options.file));
+    const AsOwner owner(root);
     const auto lock = LockStoppedRoot(root);
     if (!lock) return Complain(lock.Error());
     if (!*lock) return Complain("an agent runs on " + root + "; stop it first, nothing was changed");
     chmod(root.c_str(), 0700);
     KelContainer description;
-    if (const auto restored = Restore(options.file, root, description); !restored)
+    if (const auto restored = Restore(options.file, archive, root, description); !restored)
         return Complain(restored.Error());
-    GiveToOwner(root);
     if (common.json)
         std::puts("[]");
     else

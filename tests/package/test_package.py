@@ -10,6 +10,7 @@ import os
 import pathlib
 import re
 import shutil
+import signal
 import subprocess
 import sys
 import tempfile
@@ -80,17 +81,16 @@ class Debian:
             self.command("setpriv", "--reuid", value["User"], "--regid", value["User"], "--init-groups",
                          *value["ExecStart"].split()), stderr=subprocess.DEVNULL))
 
-    def stop_agents(self):
+    def stop_agents(self, number=signal.SIGTERM):
+        """Signals the agents themselves, children of what was started: they outlive it, having changed the user."""
         while self.agents:
             agent = self.agents.pop()
-            child = pathlib.Path(f"/proc/{agent.pid}/task/{agent.pid}/children").read_text().split()
-            os.kill(int(child[0]), 15)
+            for child in pathlib.Path(f"/proc/{agent.pid}/task/{agent.pid}/children").read_text().split():
+                os.kill(int(child), number)
             agent.wait(20)
 
     def close(self):
-        for agent in self.agents:
-            agent.kill()
-            agent.wait()
+        self.stop_agents(signal.SIGKILL)
         shutil.rmtree(self.folder, ignore_errors=True)
 
 
