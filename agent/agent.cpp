@@ -12,6 +12,7 @@
 #include "kelcore/action_db.h"
 #include "kelcore/callback_db.h"
 #include "kelcore/http/client.h"
+#include "kelcore/local_socket.h"
 #include "kelcore/stopping.h"
 
 namespace {
@@ -20,8 +21,8 @@ constexpr std::chrono::seconds kReleasePause{10};
 
 KelAgentSettings Settings(const AgentConfig& config, std::shared_ptr<KelDebugContext> context,
                           mode_t programUmask) {
-    return {config.ConfigDir(), config.DataDir(),   config.name, config.httpPassword,
-            config.address,     std::move(context), programUmask};
+    return {config.ConfigDir(), config.DataDir(),   config.name,  config.httpPassword,
+            config.address,     std::move(context), programUmask, config.root + kAgentSocketFolder};
 }
 
 void ConfigureSecurity(const AgentConfig& config) {

@@ -14,6 +14,7 @@ struct KelAgentSettings {
     KelString address;  ///< own IPv4 address in dotted form; outgoing connections are bound to it. Empty: any
     std::shared_ptr<KelDebugContext> debugContext;
     unsigned int programUmask = 022;  ///< of the programs that modules run: what the agent was started with
+    KelString runDir = {};            ///< of the agent's own socket; empty: there is none
 };
 
 /// Sets what the queries below answer. For the agent process and for tests, while no other thread runs.
@@ -27,6 +28,7 @@ const KelString& KelAgentGetHttpPassword();
 const KelString& KelAgentGetAddress();
 std::shared_ptr<KelDebugContext> KelAgentGetDebugContext();
 unsigned int KelAgentGetProgramUmask();
+const KelString& KelAgentGetRunDir();
 
 /// The log of the agent's services ("KelCore"); its lines go where KelAgentConfigure says. Any thread.
 KelDebug& CoreLog();

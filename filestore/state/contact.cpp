@@ -14,7 +14,6 @@
 #include "kel/text.h"
 #include "kelcore/action_db.h"
 #include "kelcore/agent.h"
-#include "kelcore/call_origin.h"
 #include "kelcore/device_name.h"
 #include "kelcore/error_codes.h"
 #include "kelcore/file_values.h"
@@ -136,8 +135,7 @@ bool HasEndedWaitingSince(const KelString& deviceName, std::chrono::steady_clock
 }  // namespace filestore
 
 /// The relay module reports that the device has another parent. Its event for a parent that answers follows.
-unsigned int FileStore::ActionHandler_FileStoreParentChange(KelContainer* arguments) {
-    if (!ActionIsFromThisDevice(*arguments)) return kKelErrorBadInput;
+unsigned int FileStore::ActionHandler_FileStoreParentChange(KelContainer* /*arguments*/) {
     ParentWatch::NoteChange();
     TurnToNewParent();
     return kKelOk;
@@ -145,7 +143,6 @@ unsigned int FileStore::ActionHandler_FileStoreParentChange(KelContainer* argume
 
 /// The relay module reports that the parent answers again.
 unsigned int FileStore::ActionHandler_FileStoreParentInSync(KelContainer* arguments) {
-    if (!ActionIsFromThisDevice(*arguments)) return kKelErrorBadInput;
     const KelString former = arguments->GetString("FormerParent");
     MakeDueForParent();
     WakeWorker(Worker::Pull);

@@ -7,6 +7,7 @@
 #include "filestore/state/file_store.h"
 #include "kel/ini_file.h"
 #include "kel/text.h"
+#include "kelcore/call_origin.h"
 
 namespace {
 
@@ -27,6 +28,7 @@ void ApplyMulticastRange(const KelString& text) KEL_REQUIRES(FileStore::mutexSet
 
 void ApplyTrustedRange(const KelString& text) KEL_REQUIRES(FileStore::mutexSettings) {
     FileStore::TrustedIpRange.Parse(text);
+    TrustAsParents(FileStore::TrustedIpRange);
 }
 
 /// "auto" and "manual" pack, anything else does not.
