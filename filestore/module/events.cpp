@@ -23,12 +23,16 @@ constexpr unsigned long kPutArrived = 5;  ///< shows in the log what woke the ca
 
 /// The HTTP server asks whether an upload may begin.
 unsigned int FileStore::ActionHandler_FileStoreHttpPutBegin(KelContainer* arguments) {
-    return ExpectUpload(arguments->GetString("URL"), arguments->GetInt64("Size"));
+    const KelString url = arguments->GetString("URL");
+    if (const unsigned int error = CheckUploadSender(url, *arguments); error != kKelOk) return error;
+    return ExpectUpload(url, arguments->GetInt64("Size"));
 }
 
 /// The HTTP server asks whether an upload may be put in place and acknowledged.
 unsigned int FileStore::ActionHandler_FileStoreHttpPutCheck(KelContainer* arguments) {
-    return CheckUpload(arguments->GetString("URL"), arguments->GetString("ContentPath"));
+    const KelString url = arguments->GetString("URL");
+    if (const unsigned int error = CheckUploadSender(url, *arguments); error != kKelOk) return error;
+    return CheckUpload(url, arguments->GetString("ContentPath"));
 }
 
 /// The HTTP server reports a file that has arrived whole: by PUT from a child, or by multicast.

@@ -6,6 +6,7 @@
 #include "filestore/db/files_table.h"
 #include "filestore/db/targets_table.h"
 #include "filestore/db/withdrawals_table.h"
+#include "filestore/state/caller.h"
 #include "filestore/state/device.h"
 #include "filestore/state/file_store.h"
 #include "filestore/state/parent.h"
@@ -162,8 +163,11 @@ unsigned int FileStore::ActionHandler_FileStoreParentInSync(KelContainer* argume
 unsigned int FileStore::ActionHandler_FileStoreDeviceContact(KelContainer* arguments) {
     const KelString deviceUrl = arguments->GetString(kValueDeviceGuid);
     const KelString parentGuid = arguments->GetString(kValueParentGuid);
+    const bool isCaller =
+        IsDeviceUrl(deviceUrl) && CheckIsCallOf(*arguments, deviceUrl) &&
+        IsCallOfOne(*arguments, NamesOfTargets(StringTokeniser(deviceUrl, '/').GetToken(1)));
     arguments->Clear();
-    if (!IsDeviceUrl(deviceUrl)) return kKelErrorBadInput;
+    if (!isCaller) return kKelErrorBadInput;
     if (parentGuid.empty() || parentGuid == OurGuid())
         EndWaitingFor(deviceUrl);
     else

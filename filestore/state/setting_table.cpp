@@ -94,7 +94,7 @@ std::span<const FileStoreSetting> Table() {
         Row("FileStore", "PushTimeout", 300, &F::ulPushTimeout).Between(300, kMost).Then(Effect::TimeToLive),
         Row("FileStore", "PullTimeout", 300, &F::ulPullTimeout).Between(300, kMost).Then(Effect::TimeToLive),
         Row("FileStore", "TimeToLive", 86400, &F::ulTimeToLive).Then(Effect::TimeToLive),
-        Row("FileStore", "QueueGap", 30, {}).ReadAt(Read::WhenUsed),
+        Row("FileStore", "QueueGap", 30, {}).Between(1, kMost).ReadAt(Read::WhenUsed),
         Row("FileStore", "CheckAvailableFreeSpaceBeforeDownloading", false,
             &F::fCheckAvailableFreeSpaceBeforeDownloading),
         Row("FileStore", "FreeSpaceReserve", 64, &F::ulFreeSpaceReserve),

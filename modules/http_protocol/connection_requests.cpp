@@ -168,11 +168,16 @@ void Connection::AcceptAction(const RequestHead& request) {
     call_->name = path->substr(kActionPrefix.size());
     call_->bodyFormat = *format;
     call_->answerFormat = FormatOfAccept(request.Field("Accept"));
-    call_->peer = channel_->Peer();
-    call_->peer.address = peer_;
+    call_->peer = Sender();
     call_->caller = request.Field("Kel-Caller");
     call_->body.reserve(std::min(bodyLeft_, kFirstReserve));
     AcceptBody(State::ActionBody);
+}
+
+KelPeer Connection::Sender() const {
+    KelPeer sender = channel_->Peer();
+    sender.address = peer_;
+    return sender;
 }
 
 /// Goes on to `state`, which reads the body; a peer that waits for 100 (Continue) is sent that first.

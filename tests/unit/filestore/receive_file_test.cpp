@@ -45,7 +45,8 @@ TEST_F(ReceiveFileTest, DownstreamOffersAreTakenFromTheParentAndTrustedAddresses
         Ask("FileStoreSetValues", Make({{"Values", Make({{"TrustedAddressRange", trusted}})}}));
         KelContainer offer = Announcement(type, sender);
         if (*sender == '\0') offer.Remove(kActionRequestInfo);
-        Accept(offer, {{"Upstream", side == kUp}});
+        const KelString source = side == kUp ? KelString(sender) + ":1610/" + kGuid : KelString();
+        Accept(offer, {{"Upstream", side == kUp}, {"SourceDevice", source}});
         EXPECT_EQ(Count(side), taken);
     }
 }
