@@ -27,11 +27,15 @@ constexpr const char* kHead =
     "actions: 17 not\n"
     "available now, 18 an internal error, which the agent's log explains.\n"
     "\n"
-    "Callers: *local*, the modules of the device itself and its operator, always may; *parent*, the device's "
-    "parent;\n"
-    "*child*, the devices below it that have it as their parent; *operator*, the operator of the tree from "
-    "another device.\n"
-    "Handlers that accept only some of them check the address of the caller.\n";
+    "Callers: *local*, the modules of the device itself and its operator over the agent's own socket, always "
+    "may; *parent*,\n"
+    "the device's parent; *child*, the devices below it; *operator*, the operator of the tree, through the "
+    "master. Who knows\n"
+    "the tree's password is a *child* everywhere, and may also call what an *operator* may, unless it is "
+    "marked as a change.\n"
+    "Any other call gets the result 17 (FileStoreWithdrawFile: 1) with a `Message`, before anything else "
+    "is looked at;\n"
+    "[security.md](security.md) says who is who.\n";
 
 KelString Quoted(const KelString& text) {
     return text.empty() ? KelString("nothing") : "`" + text + "`";
@@ -44,7 +48,7 @@ KelString Entry(const KelContainer& action) {
     if (const KelString results = action.GetString("Results"); !results.empty())
         text += "- results: " + results + "\n";
     text += "- callers: " + action.GetString("Callers") + "\n";
-    if (action.GetBool("Changes")) text += "- recorded in the audit\n";
+    if (action.GetBool("Changes")) text += "- a change, recorded in the audit\n";
     return text;
 }
 

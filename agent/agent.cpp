@@ -18,6 +18,7 @@
 #include "kelcore/error_codes.h"
 #include "kelcore/http/client.h"
 #include "kelcore/http/url.h"
+#include "kelcore/local_socket.h"
 #include "kelcore/stopping.h"
 #include "kelcore/version.h"
 
@@ -44,8 +45,9 @@ KelString PlaceInTree() {
 
 KelAgentSettings Settings(const AgentConfig& config, const KelString& modulesDir,
                           std::shared_ptr<KelDebugContext> context, mode_t programUmask) {
-    return {config.ConfigDir(), config.DataDir(),   config.name,  config.httpPassword,
-            config.address,     std::move(context), programUmask, modulesDir};
+    return {config.ConfigDir(),  config.DataDir(), config.name,
+            config.httpPassword, config.address,   std::move(context),
+            programUmask,        modulesDir,       config.root + kAgentSocketFolder};
 }
 
 void ConfigureSecurity(const AgentConfig& config) {

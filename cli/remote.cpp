@@ -13,9 +13,11 @@
 #include "kel/ini_file.h"
 #include "kel/text.h"
 #include "kelcore/action_db.h"
+#include "kelcore/action_db_remote.h"
 #include "kelcore/agent.h"
 #include "kelcore/error_codes.h"
 #include "kelcore/http/url.h"
+#include "kelcore/local_socket.h"
 
 namespace {
 
@@ -23,7 +25,8 @@ constexpr std::uint64_t kMaxPasswordFileBytes = 4096;
 constexpr const char* kAnyAddress = "0.0.0.0";
 
 struct Target {
-    KelString address;  ///< "host:port"
+    KelString address;       ///< "host:port"
+    KelString socketFolder;  ///< of the agent's own socket, where that is there
     KelString ownAddress;
     KelString user;
     KelString password;
@@ -38,8 +41,7 @@ KelResult<KelString> ReadIni(IniFile& ini, const KelString& path, const KelStrin
     return value;
 }
 
-KelResult<Target> FromRoot(const KelString& root) {
-    Target target;
+KelStatus ReadAddress(const KelString& root, Target& target) {
     IniFile agent;
     auto password = ReadIni(agent, root + "/config/Agent.ini", "Agent", "HttpPassword");
     if (!password) return password.Error();
@@ -59,6 +61,18 @@ KelResult<Target> FromRoot(const KelString& root) {
     // A server on all addresses is reached over loopback.
     if (address.empty() || address == kAnyAddress) address = "127.0.0.1";
     target.address = address + ":" + *port;
+    return {};
+}
+
+/// Over the socket, neither port nor password are needed.
+KelResult<Target> FromRoot(const KelString& root) {
+    Target target;
+    const KelString folder = root + "/" + kAgentSocketFolder;
+    if (FileExists(folder + "/" + kAgentSocketName)) target.socketFolder = folder;
+    const KelStatus read = ReadAddress(root, target);
+    if (read) return target;
+    if (target.socketFolder.empty()) return read.Error();
+    target.address = folder + "/" + kAgentSocketName;
     return target;
 }
 
@@ -67,7 +81,7 @@ KelResult<Target> FromUrl(const CommonOptions& options) {
     if (!address) return address.Error();
     auto password = ReadPasswordFile(options.passwordFile);
     if (!password) return password.Error();
-    return Target{*address, {}, options.user, *password};
+    return Target{*address, {}, {}, options.user, *password};
 }
 
 /// Who runs the command, for the audit of the agent: the user before sudo, if any.
@@ -120,7 +134,8 @@ KelResult<Remote> Remote::Open(const CommonOptions& options) {
     // The library logs nothing: what went wrong is printed once, by Call.
     settings.debugContext = MakeDebugContext({}, 0, 0, false, KelDebugLevel::None);
     KelAgentConfigure(std::move(settings));
-    return Remote(target->user, target->password, target->address, options.timeoutSeconds);
+    return Remote(target->user, target->password, target->address, target->socketFolder,
+                  options.timeoutSeconds);
 }
 
 KelString Remote::PlaceOfMaster() const {
@@ -128,9 +143,12 @@ KelString Remote::PlaceOfMaster() const {
     KelString role;
     for (int level = 0; level < kMaxLevels; ++level) {
         KelContainer answer;
-        if (ActionDbInvokeContainer("kel", UrlForAgent(user_, password_, asked), "RelayGetValues", answer, 0,
-                                    kParentSeconds, kParentSeconds, nullptr) != kKelOk)
-            break;
+        const unsigned int result =
+            level == 0
+                ? CallQuietly("RelayGetValues", answer)
+                : ActionDbInvokeContainer("kel", UrlForAgent(user_, password_, asked), "RelayGetValues",
+                                          answer, 0, kParentSeconds, kParentSeconds, nullptr);
+        if (result != kKelOk) break;
         const KelContainer& relay = answer.GetContainer("Values");
         if (level == 0) role = relay.GetString("Role");
         const KelString parent = ParentAddress(relay);
@@ -176,6 +194,9 @@ KelString Remote::Explain(unsigned int result, const KelString& action, const Ke
 }
 
 unsigned int Remote::CallQuietly(const KelString& action, KelContainer& container, int atLeastSeconds) const {
+    if (!socketFolder_.empty())
+        return ActionDbInvokeOnSocket(OperatorName(), socketFolder_, action, container,
+                                      std::max(timeoutSeconds_, atLeastSeconds));
     return ActionDbInvokeContainer(OperatorName().c_str(), UrlForAgent(user_, password_, address_), action,
                                    container, 0, -1, std::max(timeoutSeconds_, atLeastSeconds), nullptr);
 }

@@ -9,9 +9,9 @@
 /// The agent that the command line talks to. One thread at a time.
 class Remote {
   public:
-    /// Takes address and credentials from the ini files below --root, or from --url, --user and
-    /// --password-file. With --root the connection is bound to the agent's own address, so that the agent
-    /// recognises a local caller.
+    /// With --root over the agent's own socket, for which the caller is the device's operator; where there is
+    /// none, as while the agent does not run, with address and credentials from the ini files. Otherwise with
+    /// --url, --user and --password-file.
     static KelResult<Remote> Open(const CommonOptions& options);
 
     /// Calls an action; the container carries arguments in and results out. Returns 0, the action's code, or
@@ -26,10 +26,11 @@ class Remote {
     const KelString& Address() const { return address_; }
 
   private:
-    Remote(KelString user, KelString password, KelString address, int timeoutSeconds)
+    Remote(KelString user, KelString password, KelString address, KelString socketFolder, int timeoutSeconds)
         : user_(std::move(user)),
           password_(std::move(password)),
           address_(std::move(address)),
+          socketFolder_(std::move(socketFolder)),
           timeoutSeconds_(timeoutSeconds) {}
 
     /// What went wrong, for a person.
@@ -40,6 +41,7 @@ class Remote {
     KelString user_;
     KelString password_;
     KelString address_;
+    KelString socketFolder_;  ///< of the agent's own socket; empty: it is called by its address
     int timeoutSeconds_;
 };
 

@@ -7,12 +7,14 @@
 #include <mutex>
 #include <utility>
 
+#include "kel/format.h"
 #include "kel/text.h"
 #include "kelcore/action_db_remote.h"
 #include "kelcore/agent.h"
 #include "kelcore/audit.h"
 #include "kelcore/call_origin.h"
 #include "kelcore/error_codes.h"
+#include "kelcore/failure_log.h"
 
 namespace {
 
@@ -115,6 +117,59 @@ unsigned int RunHandler(const Action& action, const KelString& name, KelContaine
     return kKelErrorInternal;
 }
 
+/// An action that is being called; empty when there is none of the name.
+class CalledAction {
+  public:
+    explicit CalledAction(const KelString& name) : action_(Registry().BeginCall(name)) {
+        if (!action_) CoreLog().Detail("Action %S is not registered.\n", name);
+    }
+    ~CalledAction() {
+        if (action_) Registry().EndCall(std::move(action_));
+    }
+    CalledAction(const CalledAction&) = delete;
+    CalledAction& operator=(const CalledAction&) = delete;
+
+    explicit operator bool() const { return action_ != nullptr; }
+    const Action& operator*() const { return *action_; }
+    const Action* operator->() const { return action_.get(); }
+
+  private:
+    std::shared_ptr<const Action> action_;
+};
+
+KelFailureLog& Refusals() {
+    static KelFailureLog refusals(CoreLog());
+    return refusals;
+}
+
+unsigned int Refuse(const KelActionDescription& description, const KelString& key, const KelString& name,
+                    const KelCallOrigin& origin, KelContainer& container) {
+    const KelCallers callers = description.callers | KelCallers::Local;
+    const KelString message = callers == KelCallers::Local
+                                  ? name + " is for the device's own operator, on the device"
+                                  : KelFormat("%S is for these callers: %S; a device at %S is none of them",
+                                              name, CallersText(callers), origin.address);
+    Refusals().Failed(KelDebugLevel::Warning, key,
+                      KelFormat("Call of %S from %S refused: %S", name, origin.address, message));
+    container.Clear();
+    container.SetString("Message", message);
+    return description.refusal;
+}
+
+unsigned int RunFor(const KelCallOrigin& origin, const Action& action, const KelString& name,
+                    KelContainer& container) {
+    const KelString key = name + " " + origin.address;
+    if (!Admits(action.description, origin.callers))
+        return Refuse(action.description, key, name, origin, container);
+    Refusals().Succeeded(key, KelFormat("%S may call %S now", origin.address, name));
+    SetCallOrigin(origin, container);
+    const KelContainer asked = action.description.changes ? container : KelContainer();
+    const unsigned int result = RunHandler(action, name, container);
+    if (action.description.changes) AuditRecordCall(name, asked, result, container);
+    container.Remove(kActionRequestInfo);  // the caller's next call must not carry it
+    return result;
+}
+
 }  // namespace
 
 KelString ActionNameOfSignature(const KelString& signature) {
@@ -146,17 +201,22 @@ KelVector<KelContainer> ActionDbListActions() {
 
 unsigned int CallLocal(const KelString& actionName, KelContainer& container) {
     CoreLog().Trace("This device calls %S.\n", actionName);
-    std::shared_ptr<const Action> action = Registry().BeginCall(actionName);
-    if (!action) {
-        CoreLog().Detail("Action %S is not registered.\n", actionName);
-        return kKelErrorUnknownAction;
-    }
-    const bool isAudited = action->description.changes && ActionIsFromNetwork(container);
-    const KelContainer asked = isAudited ? container : KelContainer();
-    const unsigned int result = RunHandler(*action, actionName, container);
-    if (isAudited) AuditRecordCall(actionName, asked, result, container);
-    Registry().EndCall(std::move(action));
-    return result;
+    const CalledAction action(actionName);
+    return action ? RunHandler(*action, actionName, container) : unsigned{kKelErrorUnknownAction};
+}
+
+unsigned int CallLocalFor(const KelCallOrigin& origin, const KelString& actionName, KelContainer& container) {
+    const CalledAction action(actionName);
+    return action ? RunFor(origin, *action, actionName, container) : unsigned{kKelErrorUnknownAction};
+}
+
+unsigned int CallLocalFor(const KelPeer& peer, const KelString& operatorName, const KelString& actionName,
+                          KelContainer& container) {
+    const CalledAction action(actionName);
+    if (!action) return kKelErrorUnknownAction;
+    KelCallOrigin origin = JudgePeer(peer, action->description.callers);
+    origin.operatorName = operatorName;
+    return RunFor(origin, *action, actionName, container);
 }
 
 unsigned int ActionDbInvokeContainer(const char* source, const KelString& deviceUrl,

@@ -9,3 +9,8 @@
 unsigned int ActionDbInvokeRemote(const KelString& source, const KelString& deviceUrl,
                                   const KelString& actionName, KelContainer& container, int connectTimeout,
                                   int callTimeout, IpAddress* localAddress);
+
+/// The same for the agent whose own socket is in the folder `socketFolder` of this device, without
+/// credentials.
+unsigned int ActionDbInvokeOnSocket(const KelString& source, const KelString& socketFolder,
+                                    const KelString& actionName, KelContainer& container, int callTimeout);

@@ -30,16 +30,27 @@ void DescribeValues(std::string_view list, const char* name, KelContainer& descr
     }
 }
 
-KelString CallersText(KelCallers callers) {
-    static constexpr std::array<std::pair<KelCallers, const char*>, 3> kNames = {
-        {{KelCallers::Parent, "parent"}, {KelCallers::Child, "child"}, {KelCallers::Operator, "operator"}}};
-    KelString text = "local";
-    for (const auto& [one, name] : kNames)
-        if (Includes(callers, one)) text += KelString(", ") + name;
-    return text;
+}  // namespace
+
+bool Admits(const KelActionDescription& description, KelCallers caller) {
+    const bool isOpenToObservers =
+        !description.changes && Includes(description.callers, KelCallers::Operator);
+    return Includes(description.callers | KelCallers::Local, caller) ||
+           (isOpenToObservers && Includes(caller, KelCallers::Observer));
 }
 
-}  // namespace
+KelString CallersText(KelCallers callers) {
+    static constexpr std::array<std::pair<KelCallers, const char*>, 5> kNames = {
+        {{KelCallers::Local, "local"},
+         {KelCallers::Parent, "parent"},
+         {KelCallers::Child, "child"},
+         {KelCallers::Operator, "operator"},
+         {KelCallers::Observer, "observer"}}};
+    KelString text;
+    for (const auto& [one, name] : kNames)
+        if (Includes(callers, one)) text += (text.empty() ? KelString() : KelString(", ")) + name;
+    return text;
+}
 
 KelString SignatureOf(const KelActionDescription& description) {
     const KelString signature = description.signature;
@@ -63,7 +74,9 @@ KelContainer DescribeAction(const KelActionDescription& description) {
     DescribeValues(InputsOf(description), "Inputs", values);
     DescribeValues(description.outputs.Text(), "Outputs", values);
     values.SetString("Results", description.results);
-    values.SetString("Callers", CallersText(description.callers));
+    const KelCallers always =
+        description.callers == KelCallers::Unstated ? KelCallers::Unstated : KelCallers::Local;
+    values.SetString("Callers", CallersText(description.callers | always));
     values.SetBool("Changes", description.changes);
     return values;
 }

@@ -4,19 +4,23 @@
 
 #include "kel/container.h"
 #include "kel/types.h"
+#include "kelcore/error_codes.h"
 
-/// Who may call an action besides this device itself, its modules and its operator, who always may.
+/// Who may call an action, and what a caller is: sets of classes.
 enum class KelCallers : unsigned char {
-    Local = 0,
-    Parent = 1,    ///< the parent of this device
-    Child = 2,     ///< the devices whose parent this one is
-    Operator = 4,  ///< the operator of the tree, from another device
+    Unstated = 0,   ///< counts as Local
+    Local = 1,      ///< this device's modules and its operator, who may always
+    Parent = 2,     ///< the parent of this device
+    Child = 4,      ///< the devices whose parent this one is
+    Operator = 8,   ///< the operator of the tree, from the master
+    Observer = 16,  ///< only of a caller: may call what an operator may, unless it changes anything
 };
 
 constexpr KelCallers operator|(KelCallers one, KelCallers other) {
     return static_cast<KelCallers>(static_cast<unsigned int>(one) | static_cast<unsigned int>(other));
 }
 
+/// True when the sets have a class in common.
 constexpr bool Includes(KelCallers callers, KelCallers one) {
     return (static_cast<unsigned int>(callers) & static_cast<unsigned int>(one)) != 0;
 }
@@ -111,9 +115,17 @@ struct KelActionDescription {
     KelValueList inputs = {};   ///< absent: those in the signature
     KelValueList outputs = {};  ///< when the result is 0
     const char* results = "";   ///< besides 0, as "1 an unusable value; 13 no such file"
-    KelCallers callers = KelCallers::Local;
+    KelCallers callers = KelCallers::Unstated;
     bool changes = false;  ///< settings, windows, publications, devices or files, on behalf of an operator
+    /// What other callers get. Some senders repeat a call until the result is final for them.
+    unsigned int refusal = kKelErrorNotAvailable;
 };
+
+/// True when a caller of these classes may call the action.
+bool Admits(const KelActionDescription& description, KelCallers caller);
+
+/// The classes as a text, "local, parent"; empty for Unstated.
+KelString CallersText(KelCallers callers);
 
 /// The description as AgentListActions gives it: Name, Signature, Purpose, Inputs[i] and Outputs[i]{Type,
 /// Name, Optional, Several (bool), Remark, Members[i]{the same}}, Results, Callers, Changes (bool).

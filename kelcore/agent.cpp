@@ -35,6 +35,10 @@ std::shared_ptr<KelDebugContext> KelAgentGetDebugContext() {
     return Settings().debugContext;
 }
 
+const KelString& KelAgentGetRunDir() {
+    return Settings().runDir;
+}
+
 unsigned int KelAgentGetProgramUmask() {
     return Settings().programUmask;
 }

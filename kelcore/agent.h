@@ -17,6 +17,7 @@ struct KelAgentSettings {
     /// Ends with "/": the ini files that came with the modules, whose Sql sections describe their databases.
     /// Empty: configDir.
     KelString schemaDir = {};
+    KelString runDir = {};  ///< of the agent's own socket; empty: there is none
 };
 
 /// Sets what the queries below answer. For the agent process and for tests, while no other thread runs.
@@ -31,6 +32,7 @@ const KelString& KelAgentGetAddress();
 std::shared_ptr<KelDebugContext> KelAgentGetDebugContext();
 unsigned int KelAgentGetProgramUmask();
 const KelString& KelAgentGetSchemaDir();  ///< ends with "/"
+const KelString& KelAgentGetRunDir();
 
 /// The log of the agent's services ("KelCore"); its lines go where KelAgentConfigure says. Any thread.
 KelDebug& CoreLog();

@@ -113,8 +113,9 @@ void AuditRecordCall(const KelString& action, const KelContainer& arguments, uns
     asked.Remove(kActionRequestInfo);
     KelContainer line;
     line.SetInt64("Time", std::time(nullptr));
-    line.SetString("Operator", ActionRequestCaller(arguments));
-    line.SetString("Address", ActionRequestAddress(arguments));
+    const KelCallOrigin origin = CallOriginOf(arguments);
+    line.SetString("Operator", origin.operatorName);
+    line.SetString("Address", origin.address.empty() ? "local" : origin.address);
     line.SetString("Action", action);
     line.SetContainer("Arguments", Shown(asked));
     line.SetInt64("Result", result);

@@ -1,21 +1,117 @@
 #include "kelcore/call_origin.h"
 
-#include "kelcore/agent.h"
+#include <chrono>
+#include <mutex>
+#include <optional>
+#include <utility>
 
-bool ActionIsFromNetwork(const KelContainer& arguments) {
+#include "kelcore/action_db.h"
+#include "kelcore/error_codes.h"
+
+namespace {
+
+constexpr const char* kAddress = "HttpProtocolRequestAddress";
+constexpr const char* kOperator = "HttpProtocolRequestCaller";
+constexpr const char* kCallers = "HttpProtocolRequestClasses";
+constexpr const char* kDevice = "HttpProtocolRequestDevice";
+
+/// How long the address of a name counts: a relay with many children would ask the name server for each call.
+constexpr std::chrono::seconds kResolvedFor{10};
+
+/// What is known of addresses.
+struct Addresses {
+    std::mutex mutex;  ///< guards the rest; not held while a name is resolved
+    IpRange trusted;
+    KelString name;  ///< resolved last
+    std::optional<IpAddress> address;
+    std::chrono::steady_clock::time_point resolved;
+};
+
+Addresses& Known() {
+    static Addresses known;
+    return known;
+}
+
+bool IsTrusted(IpAddress address) {
+    const std::lock_guard lock(Known().mutex);
+    return Known().trusted.Contains(address);
+}
+
+std::optional<IpAddress> AddressOf(const KelString& name) {
+    if (const auto dotted = IpAddress::Parse(name)) return dotted;
+    const auto now = std::chrono::steady_clock::now();
+    {
+        const std::lock_guard lock(Known().mutex);
+        if (Known().name == name && now - Known().resolved < kResolvedFor) return Known().address;
+    }
+    const auto address = IpAddress::Resolve(name);
+    const std::lock_guard lock(Known().mutex);
+    Known().name = name;
+    Known().address = address;
+    Known().resolved = now;
+    return address;
+}
+
+bool IsParent(const KelPeer& peer, bool mayResolve) {
+    KelContainer answer;
+    const bool isAnswered = CallLocal("RelayGetValues", answer) == kKelOk;
+    const KelContainer& relay = answer.GetContainer("Values");
+    if (peer.proof == KelPeer::Proof::Key)
+        return isAnswered && !peer.deviceGuid.empty() && relay.GetString("ParentGuid") == peer.deviceGuid;
+    if (IsTrusted(peer.address)) return true;
+    if (!isAnswered) return false;
+    if (IpAddress::Parse(relay.GetString("ParentIPAddress")) == peer.address) return true;
+    // It may have another address now than when it was called last.
+    const KelString name = relay.GetString("ParentName");
+    return mayResolve && !name.empty() && AddressOf(name) == peer.address;
+}
+
+}  // namespace
+
+KelCallOrigin JudgePeer(const KelPeer& peer, KelCallers wanted) {
+    if (peer.proof == KelPeer::Proof::Socket) return {};
+    KelCallOrigin origin;
+    origin.address = peer.address.ToText();
+    origin.deviceGuid = peer.deviceGuid;
+    const bool isParent = IsParent(peer, Includes(wanted, KelCallers::Parent));
+    origin.callers = (isParent ? KelCallers::Parent : KelCallers::Child) | KelCallers::Observer;
+    return origin;
+}
+
+void TrustAsParents(IpRange addresses) {
+    const std::lock_guard lock(Known().mutex);
+    Known().trusted = std::move(addresses);
+}
+
+KelCallOrigin CallOriginOf(const KelContainer& arguments) {
+    if (!ActionIsFromOutside(arguments)) return {};
+    const KelContainer& info = arguments.GetContainer(kActionRequestInfo);
+    return {static_cast<KelCallers>(info.GetInt32(kCallers)), info.GetString(kAddress),
+            info.GetString(kDevice), info.GetString(kOperator)};
+}
+
+void SetCallOrigin(const KelCallOrigin& origin, KelContainer& arguments) {
+    KelContainer info;
+    info.SetInt32(kCallers, static_cast<std::int32_t>(origin.callers));
+    if (!origin.address.empty()) info.SetString(kAddress, origin.address);
+    if (!origin.deviceGuid.empty()) info.SetString(kDevice, origin.deviceGuid);
+    if (!origin.operatorName.empty()) info.SetString(kOperator, origin.operatorName);
+    arguments.Remove(kActionRequestInfo);
+    arguments.SetContainer(kActionRequestInfo, std::move(info));
+}
+
+bool ActionIsFromOutside(const KelContainer& arguments) {
     return arguments.Has(kActionRequestInfo);
 }
 
-KelString ActionRequestCaller(const KelContainer& arguments) {
-    return arguments.GetContainer(kActionRequestInfo).GetString("HttpProtocolRequestCaller");
+bool ActionIsFromThisDevice(const KelContainer& arguments) {
+    return Includes(CallOriginOf(arguments).callers, KelCallers::Local);
+}
+
+bool ActionIsFromParent(const KelContainer& arguments) {
+    return Includes(CallOriginOf(arguments).callers, KelCallers::Parent);
 }
 
 KelString ActionRequestAddress(const KelContainer& arguments) {
-    return arguments.GetContainer(kActionRequestInfo).GetString("HttpProtocolRequestAddress");
-}
-
-bool ActionIsFromThisDevice(const KelContainer& arguments) {
-    if (!ActionIsFromNetwork(arguments)) return true;
-    const KelString address = ActionRequestAddress(arguments);
-    return !address.empty() && (address == "127.0.0.1" || address == KelAgentGetAddress());
+    return CallOriginOf(arguments).address;
 }

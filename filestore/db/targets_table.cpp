@@ -323,13 +323,18 @@ bool DeleteTargetsOfDevice(std::uint64_t fileId, const KelString& guid) {
     return Change(KelFormat(kDeleteOfDevice, fileId, guid));
 }
 
+KelVector<KelString> NamesOfTargets(const KelString& guid) {
+    KelVector<KelString> names;
+    const auto result = Database().connection.Query(KelFormat(kNamesOfDevice, guid));
+    for (std::size_t i = 0; result && i < result->GetRowCount(); ++i)
+        names.push_back(result->GetString(i, std::size_t{0}));
+    return names;
+}
+
 KelVector<KelString> DeleteTargetsOfDevice(const KelString& guid) {
     const FileStoreDatabase database = Database();
     const KelLock lock(database.mutex);
-    KelVector<KelString> names;
-    const auto result = database.connection.Query(KelFormat(kNamesOfDevice, guid));
-    for (std::size_t i = 0; result && i < result->GetRowCount(); ++i)
-        names.push_back(result->GetString(i, std::size_t{0}));
+    KelVector<KelString> names = NamesOfTargets(guid);
     if (!names.empty() && !Change(KelFormat(kDeleteNamed, QuotedList(names)))) names.clear();
     return names;
 }

@@ -107,6 +107,9 @@ std::int64_t CountTargets();
 /// statement failed.
 std::optional<std::int64_t> LatestNotifyTime(const KelString& deviceGuid);
 
+/// The names under which the device with the GUID `guid`, letters, digits and hyphens only, is a target.
+KelVector<KelString> NamesOfTargets(const KelString& guid);
+
 /// All targets, for a change of the device's own port.
 KelVector<FileStoreTarget> SelectAllTargets();
 

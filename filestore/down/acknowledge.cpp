@@ -7,6 +7,7 @@
 #include "filestore/down/pull_thread.h"
 #include "filestore/exchange/http_transfer.h"
 #include "filestore/exchange/input_checks.h"
+#include "filestore/state/caller.h"
 #include "filestore/state/contact.h"
 #include "filestore/state/device.h"
 #include "filestore/state/file_store.h"
@@ -15,6 +16,7 @@
 #include "filestore/state/waiting_reasons.h"
 #include "kel/text.h"
 #include "kelcore/action_db.h"
+#include "kelcore/call_origin.h"
 #include "kelcore/error_codes.h"
 #include "kelcore/error_text.h"
 #include "kelcore/file_values.h"
@@ -51,6 +53,15 @@ void AcknowledgeNamedPackage(const FileStoreEntry& rule, const KelString& callUr
     // The rule file names neither type nor label.
     const FileRows packages = SelectFilesOfContent(name, checksum);
     if (!packages.empty()) SendAcknowledgement(callUrl, packages.front().Key(), ownUrl);
+}
+
+/// An acknowledgement counts for the device that makes it, with what is to be passed on to those below it.
+bool IsAcknowledgedByCaller(const KelContainer& arguments, const FileKey& key, const KelString& guid) {
+    const auto targets = FindTargets(FindFileInDatabase(Side::Downstream, key));
+    KelVector<KelString> names;
+    for (const FileStoreTarget& target : targets.value_or(KelVector<FileStoreTarget>()))
+        if (StringTokeniser(target.DeviceGUID, '/').GetToken(1) == guid) names.push_back(target.DeviceGUID);
+    return IsCallOfOne(arguments, names);
 }
 
 void LogFailure(const FileStoreEntry& file, unsigned int error) {
@@ -111,9 +122,10 @@ int FileStorePullThread::AcknowledgeFile() {
 }
 
 unsigned int FileStore::ActionHandler_FileStoreAcknowledgeFile(KelContainer* arguments) {
-    const FileKey key = FileKey::Read(*arguments);
-    const KelString device = arguments->GetString(kValueDeviceGuid);
+    const KelContainer call = *arguments;
     arguments->Clear();
+    const FileKey key = FileKey::Read(call);
+    const KelString device = call.GetString(kValueDeviceGuid);
     const KelString guid = StringTokeniser(device, '/').GetToken(1);
     // It becomes part of a pattern: anything else could remove the targets of other devices.
     if (!IsUsableGuid(guid)) {
@@ -121,10 +133,15 @@ unsigned int FileStore::ActionHandler_FileStoreAcknowledgeFile(KelContainer* arg
         return kKelErrorBadInput;
     }
     if (!CheckFileKey(key, false)) return kKelErrorBadInput;
+    if (!IsAcknowledgedByCaller(call, key, guid)) {
+        debugFileStore.Warning("Refusing an acknowledgement for '%S' from %S, which is another device\n",
+                               device, ActionRequestAddress(call));
+        return kKelErrorBadInput;
+    }
     debugFileStore.Print("Received acknowledge from %S for %S/%S/%S\n", device, key.type, key.label,
                          key.name);
 
-    NoteSignOfLife(device);
+    if (IsCallOf(call, device)) NoteSignOfLife(device);
     const KelLock lock(mutexDownstream);
     const auto fileId = LookUpFile(Side::Downstream, key);
     const bool isRecorded = fileId && (*fileId == 0 || DeleteTargetsOfDevice(*fileId, guid));

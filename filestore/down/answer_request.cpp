@@ -9,6 +9,7 @@
 #include "filestore/exchange/offer.h"
 #include "filestore/packages/package_repository.h"
 #include "filestore/state/bandwidth_manager.h"
+#include "filestore/state/caller.h"
 #include "filestore/state/contact.h"
 #include "filestore/state/external_content.h"
 #include "filestore/state/file_store.h"
@@ -218,8 +219,10 @@ void WriteAnswer(const Request& request, const Answer& answer, KelContainer& res
 
 unsigned int FileStore::ActionHandler_FileStoreRequestFile(KelContainer* arguments) {
     const Request request = ReadRequest(*arguments);
+    // The file is announced to the requester, or handed to the modules of this device when it names none.
+    const bool isUsable = CheckRequest(request) && CheckIsCallOf(*arguments, request.deviceGuid);
     arguments->Clear();
-    if (!CheckRequest(request)) return kKelErrorBadInput;
+    if (!isUsable) return kKelErrorBadInput;
     LogRequest(request);
     if (!request.deviceGuid.empty() && !CheckGuidScheme(request.deviceGuid)) {
         debugFileStore.Print("The GUID scheme of requester is not valid\n");

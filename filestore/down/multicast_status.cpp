@@ -4,7 +4,6 @@
 #include "filestore/state/file_store.h"
 #include "filestore/state/parent.h"
 #include "kel/text.h"
-#include "kelcore/call_origin.h"
 #include "kelcore/error_codes.h"
 #include "kelcore/file_values.h"
 
@@ -52,11 +51,6 @@ unsigned int FileStore::ActionHandler_FileStoreGetMulticastDetails(KelContainer*
 /// For the sender of a transfer that this device has not received completely, and for the HTTP module when a
 /// group has fallen silent: the files that this device awaits under the URL are requested again.
 unsigned int FileStore::ActionHandler_FileStoreResetMulticastStatus(KelContainer* arguments) {
-    if (!ActionIsFromThisDevice(*arguments) && !MaySendDown(ActionRequestAddress(*arguments))) {
-        debugFileStore.Warning("%S may not end a multicast reception of this device\n",
-                               ActionRequestAddress(*arguments));
-        return kKelOk;
-    }
     const KelString url = arguments->GetString(kValueFileUrl);
     if (!IsUrlPath(url)) {
         debugFileStore.Warning("Refusing to end a multicast reception of the unusable URL '%S'\n", url);

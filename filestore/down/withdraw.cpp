@@ -16,11 +16,9 @@
 #include "filestore/exchange/input_checks.h"
 #include "filestore/state/device.h"
 #include "filestore/state/file_store.h"
-#include "filestore/state/parent.h"
 #include "filestore/state/removal.h"
 #include "kel/text.h"
 #include "kelcore/action_db.h"
-#include "kelcore/call_origin.h"
 #include "kelcore/callback_db.h"
 #include "kelcore/error_codes.h"
 #include "kelcore/file_values.h"
@@ -56,16 +54,6 @@ KelContainer ValuesOf(const FileWithdrawal& withdrawal, KelContainer tree) {
     values.SetBool(kValueKeepContent, withdrawal.keepContent);
     values.SetBool(kValueRemoved, withdrawal.isRemoval);
     return values;
-}
-
-/// A file may be withdrawn by those who may announce it, and by the modules of this device.
-bool IsCallerAccepted(const KelContainer& arguments) {
-    if (ActionIsFromThisDevice(arguments)) return true;
-    const KelString address = ActionRequestAddress(arguments);
-    if (MaySendDown(address)) return true;
-    FileStore::debugFileStore.Warning("Refusing the withdrawal of a file by %S, which is not the parent\n",
-                                      address);
-    return false;
 }
 
 /// Without a tree this device alone is meant. False when the call is unusable.
@@ -234,7 +222,7 @@ bool IsFinalRefusal(unsigned int error) {
 
 unsigned int FileStore::ActionHandler_FileStoreWithdrawFile(KelContainer* arguments) {
     Withdrawal withdrawal;
-    const bool isUsable = IsCallerAccepted(*arguments) && Read(*arguments, withdrawal);
+    const bool isUsable = Read(*arguments, withdrawal);
     arguments->Clear();
     if (!isUsable) return kKelErrorBadInput;
     if (withdrawal.isHere) withdrawal.isKeptByConsumer = AskConsumers(withdrawal.key);
@@ -246,12 +234,10 @@ unsigned int FileStore::ActionHandler_FileStoreWithdrawFile(KelContainer* argume
 /// The content goes; the row stays, so that devices which request the file get the answer that it is
 /// obsolete. The devices below forget the file and get that answer when they request it again.
 unsigned int FileStore::ActionHandler_FileStoreDeletePackage(KelContainer* arguments) {
-    KelVector<Withdrawal> withdrawals;
-    if (IsCallerAccepted(*arguments)) withdrawals = ReadDeletion(*arguments);
+    const KelVector<Withdrawal> withdrawals = ReadDeletion(*arguments);
     arguments->Clear();
     if (withdrawals.empty()) {
-        arguments->SetString("Message",
-                             "The key of the package is unusable, or the caller is not the parent");
+        arguments->SetString("Message", "The key of the package is unusable");
         return kKelErrorBadInput;
     }
     for (const Withdrawal& withdrawal : withdrawals) {

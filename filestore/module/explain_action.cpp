@@ -10,7 +10,6 @@
 #include "filestore/exchange/reason_of_file.h"
 #include "filestore/state/bandwidth_manager.h"
 #include "filestore/state/file_store.h"
-#include "filestore/state/parent.h"
 #include "kel/directory.h"
 #include "kel/format.h"
 #include "kelcore/call_origin.h"
@@ -61,7 +60,8 @@ unsigned int Explain(KelContainer& arguments) {
     ExplainLimits limits = ReadLimits(arguments);
     KelContainer tree = arguments.GetContainer(kValueDevicePath);
     // The tree names devices that are called with the credentials of this tree.
-    if (!ActionIsFromThisDevice(arguments) && !MaySendDown(ActionRequestAddress(arguments))) {
+    if (!Includes(CallOriginOf(arguments).callers,
+                  KelCallers::Local | KelCallers::Parent | KelCallers::Operator)) {
         limits.devices = 0;
         tree.Clear();
     }

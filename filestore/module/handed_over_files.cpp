@@ -2,7 +2,6 @@
 #include "filestore/exchange/file_record.h"
 #include "filestore/state/file_store.h"
 #include "filestore/state/store_layout.h"
-#include "kelcore/call_origin.h"
 #include "kelcore/error_codes.h"
 #include "kelcore/file_values.h"
 
@@ -23,7 +22,6 @@ unsigned int Forget(const KelContainer& arguments) {
 }  // namespace
 
 unsigned int FileStore::ActionHandler_FileStoreGetUntakenFiles(KelContainer* arguments) {
-    if (!ActionIsFromThisDevice(*arguments)) return kKelErrorBadInput;
     if (arguments->Has("Taken")) return Forget(*arguments);
     arguments->Remove("Values");
     std::uint32_t index = 0;

@@ -18,14 +18,12 @@ using namespace filestore;
 
 namespace {
 
-/// Only the parent may send files down, and the addresses that the administrator trusts. Self-healing files
-/// come from any neighbour that has a good copy.
+/// Only the parent may send files down, and the addresses that the administrator trusts.
 bool IsSenderAccepted(const KelContainer& arguments, const Offer& offer) {
-    if (offer.local || offer.upstream || offer.key.type == "SelfHealingRecoveredFile") return true;
-    const KelString address = ActionRequestAddress(arguments);
-    if (MaySendDown(address)) return true;
+    if (offer.local || offer.upstream || ActionIsFromParent(arguments)) return true;
     FileStore::debugFileStore.Warning(
-        "Receiving downstream remote file from a relay (%S) which is not ours.\n", address);
+        "Receiving downstream remote file from a relay (%S) which is not ours.\n",
+        ActionRequestAddress(arguments));
     return false;
 }
 
@@ -102,6 +100,8 @@ int Receive(Receiver receiver, KelContainer& arguments, const FileKey& key, KelS
 unsigned int FileStore::ActionHandler_FileStoreReceiveFile(KelContainer* arguments) {
     Offer offer = ReadOffer(*arguments);
     if (!CheckOffer(*arguments, offer)) return kKelErrorBadInput;
+    // What is kept aside is offered again by this device, in its own name.
+    if (offer.unconnected && !ActionIsFromThisDevice(*arguments)) return kKelErrorBadInput;
     if (!IsSenderAccepted(*arguments, offer)) return AnswerStranger(*arguments);
     return Route(*arguments, offer);
 }

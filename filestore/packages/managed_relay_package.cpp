@@ -104,7 +104,9 @@ bool OfferUpstream(const FileStoreEntry& handled, const KelString& path, KelCont
 }  // namespace
 
 bool IsManagedRelayPackage(const FileStoreEntry& entry) {
-    // Most files are none: their information is not parsed.
+    // What comes from below is none whatever it says: it would be a package for all other devices below. Most
+    // files are none: their information is not parsed.
+    if (entry.Upstream && entry.TransportMode != kTransportLocal) return false;
     if (entry.FileInfo.find("AdministratedRelayGUID") == KelString::npos) return false;
     const KelContainer info = FileInfoOf(entry);
     const KelString relayGuid = info.GetString("AdministratedRelayGUID");

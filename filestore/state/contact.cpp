@@ -6,6 +6,7 @@
 #include "filestore/db/files_table.h"
 #include "filestore/db/targets_table.h"
 #include "filestore/db/withdrawals_table.h"
+#include "filestore/state/caller.h"
 #include "filestore/state/device.h"
 #include "filestore/state/file_store.h"
 #include "filestore/state/parent.h"
@@ -14,7 +15,6 @@
 #include "kel/text.h"
 #include "kelcore/action_db.h"
 #include "kelcore/agent.h"
-#include "kelcore/call_origin.h"
 #include "kelcore/device_name.h"
 #include "kelcore/error_codes.h"
 #include "kelcore/file_values.h"
@@ -136,8 +136,7 @@ bool HasEndedWaitingSince(const KelString& deviceName, std::chrono::steady_clock
 }  // namespace filestore
 
 /// The relay module reports that the device has another parent. Its event for a parent that answers follows.
-unsigned int FileStore::ActionHandler_FileStoreParentChange(KelContainer* arguments) {
-    if (!ActionIsFromThisDevice(*arguments)) return kKelErrorBadInput;
+unsigned int FileStore::ActionHandler_FileStoreParentChange(KelContainer* /*arguments*/) {
     ParentWatch::NoteChange();
     TurnToNewParent();
     return kKelOk;
@@ -145,7 +144,6 @@ unsigned int FileStore::ActionHandler_FileStoreParentChange(KelContainer* argume
 
 /// The relay module reports that the parent answers again.
 unsigned int FileStore::ActionHandler_FileStoreParentInSync(KelContainer* arguments) {
-    if (!ActionIsFromThisDevice(*arguments)) return kKelErrorBadInput;
     const KelString former = arguments->GetString("FormerParent");
     MakeDueForParent();
     WakeWorker(Worker::Pull);
@@ -165,8 +163,11 @@ unsigned int FileStore::ActionHandler_FileStoreParentInSync(KelContainer* argume
 unsigned int FileStore::ActionHandler_FileStoreDeviceContact(KelContainer* arguments) {
     const KelString deviceUrl = arguments->GetString(kValueDeviceGuid);
     const KelString parentGuid = arguments->GetString(kValueParentGuid);
+    const bool isCaller =
+        IsDeviceUrl(deviceUrl) && CheckIsCallOf(*arguments, deviceUrl) &&
+        IsCallOfOne(*arguments, NamesOfTargets(StringTokeniser(deviceUrl, '/').GetToken(1)));
     arguments->Clear();
-    if (!IsDeviceUrl(deviceUrl)) return kKelErrorBadInput;
+    if (!isCaller) return kKelErrorBadInput;
     if (parentGuid.empty() || parentGuid == OurGuid())
         EndWaitingFor(deviceUrl);
     else

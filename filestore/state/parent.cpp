@@ -43,16 +43,6 @@ bool ReadParent(Parent& parent) {
     return true;
 }
 
-bool MaySendDown(const KelString& address) {
-    const auto sender = IpAddress::Parse(address);
-    if (!sender) return false;
-    Parent parent;
-    ReadParent(parent);  // its name is known whether or not it can be reached now
-    if (!parent.name.empty() && IpAddress::Resolve(parent.name) == sender) return true;
-    const KelLock lock(FileStore::mutexSettings);
-    return !FileStore::strTrustedAddressRange.empty() && FileStore::TrustedIpRange.Contains(*sender);
-}
-
 std::atomic<std::uint32_t> ParentWatch::changes_ = 0;
 
 bool ParentWatch::HasChanged() const {

@@ -30,10 +30,6 @@ struct Parent {
 /// Asks the relay module; false when that fails. The one place that reads the parent's values.
 bool ReadParent(Parent& parent);
 
-/// True for the address of the parent, as its name is configured, and for those that the administrator
-/// trusts. May ask the name server.
-bool MaySendDown(const KelString& address);
-
 /// Notices that the device has got another parent since this object was made. What the parent before has
 /// answered is of no use then: it is recorded only under the mutex of the database, after a look here.
 class ParentWatch {

@@ -7,6 +7,7 @@
 #include "filestore/state/file_store.h"
 #include "kel/ini_file.h"
 #include "kel/text.h"
+#include "kelcore/call_origin.h"
 
 namespace {
 
@@ -27,6 +28,7 @@ void ApplyMulticastRange(const KelString& text) KEL_REQUIRES(FileStore::mutexSet
 
 void ApplyTrustedRange(const KelString& text) KEL_REQUIRES(FileStore::mutexSettings) {
     FileStore::TrustedIpRange.Parse(text);
+    TrustAsParents(FileStore::TrustedIpRange);
 }
 
 /// "auto" and "manual" pack, anything else does not.
@@ -92,7 +94,7 @@ std::span<const FileStoreSetting> Table() {
         Row("FileStore", "PushTimeout", 300, &F::ulPushTimeout).Between(300, kMost).Then(Effect::TimeToLive),
         Row("FileStore", "PullTimeout", 300, &F::ulPullTimeout).Between(300, kMost).Then(Effect::TimeToLive),
         Row("FileStore", "TimeToLive", 86400, &F::ulTimeToLive).Then(Effect::TimeToLive),
-        Row("FileStore", "QueueGap", 30, {}).ReadAt(Read::WhenUsed),
+        Row("FileStore", "QueueGap", 30, {}).Between(1, kMost).ReadAt(Read::WhenUsed),
         Row("FileStore", "CheckAvailableFreeSpaceBeforeDownloading", false,
             &F::fCheckAvailableFreeSpaceBeforeDownloading),
         Row("FileStore", "FreeSpaceReserve", 64, &F::ulFreeSpaceReserve),

@@ -6,6 +6,7 @@
 #include "filestore/db/file_status.h"
 #include "filestore/db/files_table.h"
 #include "filestore/exchange/local_source.h"
+#include "filestore/state/caller.h"
 #include "filestore/state/contact.h"
 #include "filestore/state/device.h"
 #include "filestore/state/file_store.h"
@@ -13,6 +14,7 @@
 #include "filestore/state/store_layout.h"
 #include "filestore/state/store_space.h"
 #include "filestore/up/upload_check.h"
+#include "filestore/up/upload_senders.h"
 #include "filestore/up/upstream_file.h"
 #include "kel/file.h"
 #include "kel/path.h"
@@ -183,6 +185,8 @@ unsigned int ReceiveUpstreamRemote(KelContainer& arguments, Offer& offer) {
         FileStore::debugFileStore.Warning("The GUID scheme of sender is not valid\n");
         return kKelErrorGuidScheme;
     }
+    // What comes straight from a device is its own; what a relay passes on is from a device below it.
+    if (entry.FirstRelay.empty() && !CheckIsCallOf(arguments, entry.SourceDevice)) return kKelErrorBadInput;
     if (entry.FirstRelay.empty()) NoteSignOfLife(entry.SourceDevice);
     if (entry.FileSize == 0) return kKelErrorBadInput;
     if (entry.FirstRelay.empty()) entry.FirstRelay = OurDeviceUrl();
@@ -192,6 +196,7 @@ unsigned int ReceiveUpstreamRemote(KelContainer& arguments, Offer& offer) {
     if (!HasRoomFor(entry)) return kKelErrorNotAvailable;
     bool isReceived = false;
     if (const unsigned int error = Expect(entry, isReceived); error != kKelOk) return error;
+    NoteUploadSender(entry.FileURL, arguments);
     arguments.Clear();
     arguments.SetString(kValueFileUrl, entry.FileURL);
     if (entry.Repeated && (isReceived || HasArrivedBefore(entry))) arguments.SetBool(kValueContentHeld, true);

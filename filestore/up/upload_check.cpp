@@ -3,10 +3,12 @@
 #include "filestore/db/file_status.h"
 #include "filestore/state/file_store.h"
 #include "filestore/up/archive_intake.h"
+#include "filestore/up/upload_senders.h"
 #include "filestore/up/upstream_file.h"
 #include "kel/checksum.h"
 #include "kel/file.h"
 #include "kel/text.h"
+#include "kelcore/call_origin.h"
 #include "kelcore/error_codes.h"
 
 namespace filestore {
@@ -30,7 +32,22 @@ unsigned int FindRow(const KelString& url, FileStoreEntry& entry) {
     return kKelOk;
 }
 
+/// The alias of the upstream store; what lies beside its files is nothing that others may put there.
+constexpr std::string_view kUpstreamUrl = "/FileStore/upstream/";
+
 }  // namespace
+
+unsigned int CheckUploadSender(const KelString& url, const KelContainer& arguments) {
+    const KelString address = ActionRequestAddress(arguments);
+    const bool isOfStore = IsOfStore(url);
+    if (!isOfStore && !url.starts_with(kUpstreamUrl)) return kKelOk;
+    if (isOfStore && IsUploadSender(url, arguments)) return kKelOk;
+    FileStore::failures.Failed(
+        KelDebugLevel::Warning, "upload from " + address,
+        KelFormat("Refusing the upload of %S from %S, which has not offered it since this agent was started",
+                  url, address));
+    return kKelAnswerNotExpected;
+}
 
 unsigned int ExpectUpload(const KelString& url, std::int64_t size) {
     if (!IsOfStore(url)) return kKelOk;

@@ -2,9 +2,15 @@
 
 #include <cstdint>
 
+#include "kel/container.h"
 #include "kel/types.h"
 
 namespace filestore {
+
+/// Decides whether the caller with these arguments may upload under `url`: kKelOk for the device that has
+/// offered the file, and for a URL that is none of the upstream folder; else kKelAnswerNotExpected, with the
+/// reason in the log. From any thread.
+unsigned int CheckUploadSender(const KelString& url, const KelContainer& arguments);
 
 /// Decides whether an upload of `size` bytes under the URL path `url` may begin: kKelAnswerExpected when a
 /// row waits for it, kKelOk when the URL is none of the upstream store or the file has arrived already.

@@ -57,6 +57,13 @@ void SetConnection(CURL* easy, int connectTimeout, int exchangeTimeout) {
     curl_easy_setopt(easy, CURLOPT_INTERFACE, own.empty() ? nullptr : ("host!" + own).c_str());
 }
 
+/// The library connects to a socket only when neither address nor kind of addresses are given.
+void SetSocketPath(CURL* easy, const KelString& path) {
+    curl_easy_setopt(easy, CURLOPT_UNIX_SOCKET_PATH, path.c_str());
+    curl_easy_setopt(easy, CURLOPT_INTERFACE, nullptr);
+    curl_easy_setopt(easy, CURLOPT_IPRESOLVE, static_cast<long>(CURL_IPRESOLVE_WHATEVER));
+}
+
 void SetProxy(CURL* easy, const KelString& proxy) {
     // Proxies of the environment are never asked.
     curl_easy_setopt(easy, CURLOPT_PROXY, proxy.c_str());
@@ -176,12 +183,13 @@ unsigned int HttpClient::RunOnHandle(const HttpMessage& request, HttpMessage& an
     const KelString base = (secure ? "https://" : "http://") + host_ + ":" + std::to_string(port_);
     const KelString url = base + UrlEncodePath(request.GetResourcePath());
     const bool isNarrow = HttpExchange::IsNarrow(transmission);
-    const KelString key = PeerKey(base, user_, ssl_) + (isNarrow ? "\nnarrow" : "");
+    const KelString key = PeerKey(base, user_, ssl_) + (isNarrow ? "\nnarrow" : "") + "\n" + socket_;
     std::unique_ptr<HttpHandle> handle = HttpHandlePool::Instance().Acquire(key);
     handle->isNarrow = isNarrow;
     CURL* easy = handle->Easy();
     SetConnection(easy, connectTimeout_, exchangeTimeout_);
     curl_easy_setopt(easy, CURLOPT_URL, url.c_str());
+    if (!socket_.empty()) SetSocketPath(easy, socket_);
     SetProxy(easy, pac_ ? AgentSecurityPacFindProxy(*pac_, url, host_) : KelString());
     if (secure) SetTls(easy, *ssl_);
     SetCredentials(*handle, user_, password_, secure);

@@ -38,6 +38,8 @@ class HttpClient {
 
     void SetDebugContext(KelDebug& log) { log_ = &log; }
     void SetServer(const KelString& host, std::uint16_t port);
+    /// Connects to the Unix socket at `path` instead (about 100 bytes at most).
+    void SetSocket(const KelString& path) { socket_ = path; }
     void SetAuthentification(const KelString& user, const KelString& password);
     void EnableSsl(AgentSecuritySslContext context);
     void EnablePac(AgentSecurityPacContext context);
@@ -75,6 +77,7 @@ class HttpClient {
     std::chrono::milliseconds speedWindow_ = HttpSpeedWatch::kWindow;
     KelString host_;
     std::uint16_t port_ = 0;
+    KelString socket_;
     KelString user_;
     KelString password_;
     AgentSecuritySslContext ssl_;

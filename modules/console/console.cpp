@@ -6,7 +6,6 @@
 
 #include "kel/path.h"
 #include "kelcore/action_db.h"
-#include "kelcore/call_origin.h"
 #include "kelcore/callback_db.h"
 #include "kelcore/error_codes.h"
 #include "kelcore/file_values.h"
@@ -144,9 +143,9 @@ void Console::Register(const char* handle) {
                "string PublicationId, string FileChecksum, int64 FileSize (bytes), int32 Targets, int32 "
                "Delivered, int32 Failed, int32 Pending, int32 LeftOut (devices that \"all\" could not "
                "reach)",
-           .results =
-               "1 unusable or not from this device; 17 the file store does not answer; 18 not written; "
-               "the file store's when it refuses the file",
+           .results = "1 unusable; 17 the file store does not answer; 18 not written; "
+                      "the file store's when it refuses the file",
+           .callers = KelCallers::Local,
            .changes = true}},
          {&Console::Preview,
           {.signature = "ConsolePreview",
@@ -158,7 +157,8 @@ void Console::Register(const char* handle) {
                "bool Held (the targets would get orders)}, container Targets[]? {string GUID, string "
                "Name, int32 Stage, string Via}, container Links[]? {string From, string To, string "
                "FromGuid, string ToGuid, int32 Targets (behind it), int64 Bytes}, int32 LeftOut",
-           .results = "1 unusable or not from this device"}},
+           .results = "1 unusable",
+           .callers = KelCallers::Local}},
          {&Console::Explain,
           {.signature = "ConsoleExplain",
            .purpose =
@@ -180,20 +180,23 @@ void Console::Register(const char* handle) {
                "FileChecksum, int64 FileSize (bytes), int64 CreateTime (seconds since the epoch), int32 "
                "Priority, int32 Targets, int32 Delivered, int32 Failed, int32 Withdrawn, int64 "
                "WithdrawTime, int32 Removed, int32 Pending}",
-           .results = "1 no such publication, or not from this device; 18 not written",
+           .results = "1 no such publication; 18 not written",
+           .callers = KelCallers::Local,
            .changes = true}},
          {&Console::RemoveDevice,
           {.signature = "ConsoleRemoveDevice",
            .purpose = "Removes a device from the tree until it reports itself again.",
            .inputs = "string Device (GUID or name)",
            .outputs = "string GUID, string Name",
-           .results = "1 no such device, or not from this device; 18 not written",
+           .results = "1 no such device; 18 not written",
+           .callers = KelCallers::Local,
            .changes = true}},
          {&Console::ReceiveUpstream,
           {.signature = kReceiveSignature,
            .purpose = "Takes identities and receipts of the devices below; for the event "
                       "FileStoreCallbackCopyUpstream.",
-           .results = "1 not from this device; 44001 not recorded, to be handed over again; 44003 taken"}},
+           .results = "44001 not recorded, to be handed over again; 44003 taken",
+           .callers = KelCallers::Local}},
          {[](Console&, KelContainer* arguments) {
               return Fail(arguments,
                           {kKelErrorNotAvailable, "This console keeps no database that runs scripts"});
@@ -201,7 +204,8 @@ void Console::Register(const char* handle) {
           {.signature = "QuarnelDbRunScript",
            .purpose = "Tells other modules that this device is the master; runs nothing.",
            .inputs = "string Script",
-           .results = "17 always"}},
+           .results = "17 always",
+           .callers = KelCallers::Local}},
          {[](Console&, KelContainer* arguments) {
               arguments->Clear();
               arguments->SetString("Types", "Device");
@@ -209,7 +213,8 @@ void Console::Register(const char* handle) {
           },
           {.signature = "QuarnelDbObjectListTypes",
            .purpose = "Tells other modules that this device is the master.",
-           .outputs = "string Types[]"}}});
+           .outputs = "string Types[]",
+           .callers = KelCallers::Local}}});
     groupActions_.Register(handle);
     stages_.Register(handle);
     CallbackDbRegisterAction(kUpstreamEvent, kReceiveSignature, {}, 0);
@@ -323,15 +328,6 @@ unsigned int Console::ListPublications(KelContainer* arguments) {
 }
 
 unsigned int Console::Publish(KelContainer* arguments) {
-    if (!ActionIsFromThisDevice(*arguments)) {
-        const KelError refusal{
-            kKelErrorBadInput,
-            KelFormat("A publication of the local file %S was refused, because another "
-                      "device, %S, asked for it",
-                      arguments->GetString(kValueFilePath), ActionRequestAddress(*arguments))};
-        Log().Warning("%S\n", refusal.message);
-        return Fail(arguments, refusal);
-    }
     // A file that is published once more must not meet its own withdrawal.
     if (!withdrawer_.HandOver())
         return Fail(arguments, {kKelErrorNotAvailable, "The file store does not answer; see its log"});
@@ -348,8 +344,6 @@ unsigned int Console::Publish(KelContainer* arguments) {
 }
 
 unsigned int Console::Preview(KelContainer* arguments) {
-    if (!ActionIsFromThisDevice(*arguments))
-        return Fail(arguments, {kKelErrorBadInput, "Only this device may name its files"});
     auto result = previewer_.Preview(*arguments);
     if (!result) return Fail(arguments, result.Error());
     *arguments = std::move(*result);
@@ -364,8 +358,6 @@ unsigned int Console::Explain(KelContainer* arguments) {
 }
 
 unsigned int Console::Withdraw(KelContainer* arguments) {
-    if (!ActionIsFromThisDevice(*arguments))
-        return Fail(arguments, {kKelErrorBadInput, "Publications are withdrawn on the master only"});
     const KelString id = arguments->GetString("PublicationId");
     const KelStatus withdrawn = withdrawer_.WithdrawPublication(id);
     if (!withdrawn) return Fail(arguments, withdrawn.Error());
@@ -379,8 +371,6 @@ unsigned int Console::Withdraw(KelContainer* arguments) {
 }
 
 unsigned int Console::RemoveDevice(KelContainer* arguments) {
-    if (!ActionIsFromThisDevice(*arguments))
-        return Fail(arguments, {kKelErrorBadInput, "Devices are removed on the master only"});
     auto result = withdrawer_.RemoveDevice(arguments->GetString("Device"));
     if (!result) return Fail(arguments, result.Error());
     stages_.Signal();
@@ -389,11 +379,6 @@ unsigned int Console::RemoveDevice(KelContainer* arguments) {
 }
 
 unsigned int Console::ReceiveUpstream(KelContainer* arguments) {
-    if (!ActionIsFromThisDevice(*arguments)) {
-        const KelString address = ActionRequestAddress(*arguments);
-        Log().Warning("A file was refused: another device, %S, may not hand over local files\n", address);
-        return Fail(arguments, {kKelErrorBadInput, "Only modules of this device may hand over files"});
-    }
     const unsigned int code = intake_.Receive(*arguments, std::time(nullptr));
     arguments->Clear();
     return code;

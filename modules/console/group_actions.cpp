@@ -4,7 +4,6 @@
 
 #include "kel/format.h"
 #include "kelcore/action_db.h"
-#include "kelcore/call_origin.h"
 #include "kelcore/error_codes.h"
 #include "modules/console/target_choice.h"
 
@@ -62,7 +61,7 @@ void GroupActions::Register(const char* handle) {
             return Answer(arguments, changed ? KelResult<KelContainer>(KelContainer()) : changed.Error());
         };
     };
-    constexpr const char* kResults = "1 unusable, no such group, or not from this device; 18 not written";
+    constexpr const char* kResults = "1 unusable, no such group; 18 not written";
     constexpr KelValueList kMembers =
         "string Name, string Member[] (GUIDs, names or patterns of names of devices)";
     ActionDbRegisterActions<GroupActions>(
@@ -84,24 +83,28 @@ void GroupActions::Register(const char* handle) {
            .purpose = "Makes a group, or replaces its members.",
            .inputs = kMembers,
            .results = kResults,
+           .callers = KelCallers::Local,
            .changes = true}},
          {change(kAdd),
           {.signature = kAdd,
            .purpose = "Adds members to a group, which is made when there is none.",
            .inputs = kMembers,
            .results = kResults,
+           .callers = KelCallers::Local,
            .changes = true}},
          {change(kRemove),
           {.signature = kRemove,
            .purpose = "Removes members from a group, which is gone without any.",
            .inputs = kMembers,
            .results = kResults,
+           .callers = KelCallers::Local,
            .changes = true}},
          {change(kDelete),
           {.signature = kDelete,
            .purpose = "Deletes a group.",
            .inputs = "string Name",
            .results = kResults,
+           .callers = KelCallers::Local,
            .changes = true}}});
 }
 
@@ -133,15 +136,6 @@ KelStatus GroupActions::CheckIsNoDevice(const KelString& name) {
 
 KelStatus GroupActions::Change(const char* action, const KelContainer& arguments) {
     const KelString name = arguments.GetString("Name");
-    if (!ActionIsFromThisDevice(arguments)) {
-        const KelError refusal{
-            kKelErrorBadInput,
-            KelFormat("A change of the group \"%S\" was refused, because another device, %S, "
-                      "asked for it",
-                      name, ActionRequestAddress(arguments))};
-        log_.Warning("%S\n", refusal.message);
-        return refusal;
-    }
     const KelVector<KelString> members = MembersIn(arguments);
     if (action == kDelete) return groups_.Delete(name);
     if (action == kRemove) return groups_.Remove(name, members);

@@ -5,7 +5,6 @@
 
 #include "kel/format.h"
 #include "kelcore/action_db.h"
-#include "kelcore/call_origin.h"
 #include "kelcore/error_codes.h"
 
 namespace {
@@ -48,9 +47,7 @@ void Stages::Register(const char* handle) {
         *this, handle,
         {{[](Stages& stages, KelContainer* arguments) {
               const KelStatus resumed =
-                  ActionIsFromThisDevice(*arguments)
-                      ? stages.Resume(arguments->GetString("PublicationId"), arguments->GetBool("Next"))
-                      : KelError{kKelErrorBadInput, "Only this device may resume its publications"};
+                  stages.Resume(arguments->GetString("PublicationId"), arguments->GetBool("Next"));
               arguments->Clear();
               if (resumed) return unsigned{kKelOk};
               arguments->SetString("Message", resumed.Error().message);
@@ -59,7 +56,8 @@ void Stages::Register(const char* handle) {
           {.signature = "ConsoleResume",
            .purpose = "Goes on with a publication in stages.",
            .inputs = "string PublicationId, bool Next? (without waiting for the present stage)",
-           .results = "1 no such publication, nothing to resume, or not from this device; 18 not written",
+           .results = "1 no such publication, nothing to resume; 18 not written",
+           .callers = KelCallers::Local,
            .changes = true}}});
 }
 

@@ -5,7 +5,6 @@
 
 #include "kel/ini_file.h"
 #include "kelcore/action_db.h"
-#include "kelcore/call_origin.h"
 #include "kelcore/error_codes.h"
 
 namespace {
@@ -28,9 +27,10 @@ void CoreUtils::Register(const char* handle) {
            .purpose = "Unpacks a zip archive into a folder, the whole archive or nothing.",
            .inputs = "string FilePath, string DestinationPath, int32 MaxEntries?, int64 MaxBytes?",
            .results =
-               "1 unusable or not from this device; 13 no such archive; 16001 an entry that leaves the "
+               "1 unusable; 13 no such archive; 16001 an entry that leaves the "
                "destination, is a link, occurs twice or is encrypted; 16002 too many entries or bytes; "
-               "16003 the archive is damaged; 18 the destination cannot be written"}}});
+               "16003 the archive is damaged; 18 the destination cannot be written",
+           .callers = KelCallers::Local}}});
 }
 
 bool CoreUtils::Initialise() {
@@ -50,17 +50,14 @@ std::span<const IniSetting> CoreUtils::IniSettings() const {
 unsigned int CoreUtils::ExtractFile(KelContainer* arguments) {
     const KelString archive = arguments->GetString("FilePath");
     const KelString destination = arguments->GetString("DestinationPath");
-    const bool isLocalCall = ActionIsFromThisDevice(*arguments);
     ExtractionLimits limits = limits_;
     if (const std::int64_t entries = arguments->GetInt64("MaxEntries"); entries > 0)
         limits.entries = std::min(limits.entries, static_cast<std::uint64_t>(entries));
     if (const std::int64_t bytes = arguments->GetInt64("MaxBytes"); bytes > 0)
         limits.bytes = std::min(limits.bytes, static_cast<std::uint64_t>(bytes));
     arguments->Clear();
-    if (!isLocalCall || archive.empty() || destination.empty()) {
-        Log().Warning(
-            "Refusing to extract '%S' to '%S': both paths are needed, from a caller on this device\n",
-            archive, destination);
+    if (archive.empty() || destination.empty()) {
+        Log().Warning("Refusing to extract '%S' to '%S': both paths are needed\n", archive, destination);
         return kKelErrorBadInput;
     }
     const KelStatus extracted = ExtractArchive(archive, destination, limits);

@@ -6,7 +6,6 @@
 #include "kel/file.h"
 #include "kel/path.h"
 #include "kelcore/action_db.h"
-#include "kelcore/call_origin.h"
 #include "kelcore/callback_db.h"
 #include "kelcore/error_codes.h"
 #include "kelcore/file_values.h"
@@ -72,11 +71,13 @@ void Delivery::Register(const char* handle) {
           {.signature = kReceiveSignature,
            .purpose = "Delivers a file that has arrived, or carries out an order; for the event "
                       "FileStoreCallbackReceivedFile.",
-           .results = "1 unusable or not from this device; 44001 not copied, to be handed over again"}},
+           .results = "1 unusable; 44001 not copied, to be handed over again",
+           .callers = KelCallers::Local}},
          {&Delivery::Withdraw,
           {.signature = kWithdrawSignature,
            .purpose = "Ends a delivery that has not begun; for the event FileStoreCallbackWithdrawnFile.",
-           .results = "1 unusable or not from this device; 44003 the file is still to be copied"}},
+           .results = "1 unusable; 44003 the file is still to be copied",
+           .callers = KelCallers::Local}},
          {&Delivery::ListFiles,
           {.signature = "DeliveryListFiles",
            .purpose = "Lists the files that were delivered to this device.",
@@ -87,8 +88,9 @@ void Delivery::Register(const char* handle) {
           {.signature = kCollectSignature,
            .purpose = "Collects a file from below on the master; for the event "
                       "FileStoreCallbackCopyUpstream.",
-           .results = "1 unusable or not from this device; 44001 not copied, to be handed over again; 44003 "
-                      "the file stays here, collected or not"}},
+           .results = "1 unusable; 44001 not copied, to be handed over again; 44003 "
+                      "the file stays here, collected or not",
+           .callers = KelCallers::Local}},
          {&Delivery::ListCollected,
           {.signature = "DeliveryListCollected",
            .purpose = "Lists the files that were collected from the devices below.",
@@ -178,8 +180,6 @@ unsigned int Delivery::Refuse(KelContainer* arguments, const KelString& reason) 
 }
 
 unsigned int Delivery::ReceiveFile(KelContainer* arguments) {
-    if (!ActionIsFromThisDevice(*arguments))
-        return Refuse(arguments, "another device may not name local files");
     const auto file = ReadReceivedFile(*arguments);
     if (!file) return Refuse(arguments, file.Error().message);
     const KelContainer info = arguments->GetContainer(kValueFileInfo);
@@ -189,8 +189,6 @@ unsigned int Delivery::ReceiveFile(KelContainer* arguments) {
 }
 
 unsigned int Delivery::Collect(KelContainer* arguments) {
-    if (!ActionIsFromThisDevice(*arguments))
-        return Refuse(arguments, "another device may not name local files");
     const auto file = ReadReceivedFile(*arguments);
     if (!file) return Refuse(arguments, file.Error().message);
     const KelString device = arguments->GetString(kValueSourceDevice);

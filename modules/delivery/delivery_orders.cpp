@@ -6,7 +6,6 @@
 
 #include "kel/format.h"
 #include "kelcore/action_db.h"
-#include "kelcore/call_origin.h"
 #include "kelcore/error_codes.h"
 #include "kelcore/file_offer.h"
 #include "kelcore/file_values.h"
@@ -149,8 +148,6 @@ void Delivery::EndOrder(const DeliveryOrder& order, DeliveryOutcome outcome, con
 
 /// A file that is still to be copied stays. An order goes, unless its file has come.
 unsigned int Delivery::Withdraw(KelContainer* arguments) {
-    if (!ActionIsFromThisDevice(*arguments))
-        return Refuse(arguments, "another device may not withdraw local files");
     const FileKey key = FileKey::Read(*arguments);
     arguments->Clear();
     const KelLock lock(mutexCopy_);

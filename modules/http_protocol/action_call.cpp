@@ -5,7 +5,6 @@
 #include "kel/container.h"
 #include "kel/text.h"
 #include "kelcore/action_db.h"
-#include "kelcore/call_origin.h"
 #include "kelcore/error_codes.h"
 #include "kelcore/json.h"
 
@@ -33,15 +32,8 @@ ActionAnswer Run(const ActionCall& call) {
                                  ? ContainerFromJson(call.body, container, kMaxJsonValues)
                                  : container.LoadFromXML(call.body, kMaxValues);
     if (!parsed) return {400, 0, "text/plain", parsed.Error().message + "\n"};
-    KelContainer info;
-    info.SetString("HttpProtocolRequestAddress", call.peer.ToText());
-    if (!call.caller.empty() && call.caller.size() <= kMaxCallerBytes)
-        info.SetString("HttpProtocolRequestCaller", call.caller);
-    container.Remove(kActionRequestInfo);
-    container.SetContainer(kActionRequestInfo, std::move(info));
-
-    const unsigned int result = CallLocal(call.name, container);
-    container.Remove(kActionRequestInfo);  // the caller's next call must not carry it
+    const KelString caller = call.caller.size() <= kMaxCallerBytes ? call.caller : KelString();
+    const unsigned int result = CallLocalFor(call.peer, caller, call.name, container);
     if (result == kKelErrorUnknownAction && !ActionDbIsActionRegistered(call.name))
         return {404, 0, "text/plain", {}};
     if (call.answerFormat == BodyFormat::Json) return {200, result, kJsonType, ContainerToJson(container)};

@@ -3,8 +3,8 @@
 #include <optional>
 #include <string_view>
 
-#include "kel/ip_address.h"
 #include "kel/types.h"
+#include "kelcore/call_origin.h"
 
 namespace kelhttp {
 
@@ -21,7 +21,7 @@ struct ActionCall {
     KelString body;
     BodyFormat bodyFormat = BodyFormat::Xml;
     BodyFormat answerFormat = BodyFormat::Xml;
-    IpAddress peer;
+    KelPeer peer;
     KelString caller;  ///< the header Kel-Caller: what the caller says it is
 };
 
@@ -32,9 +32,9 @@ struct ActionAnswer {
     KelString body;
 };
 
-/// Calls an action of this device with the container in the body. Its value HttpProtocolRequestInfo is
-/// replaced by one that names the peer and the caller, so that a caller cannot forge it. Blocks while the
-/// action runs; never throws.
+/// Calls an action of this device with the container in the body, as far as the action admits the peer. A
+/// value HttpProtocolRequestInfo in the body is replaced by the origin of the call, so that a caller cannot
+/// forge it. Blocks while the action runs; never throws.
 ActionAnswer RunActionCall(const ActionCall& call);
 
 }  // namespace kelhttp

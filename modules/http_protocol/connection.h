@@ -72,6 +72,7 @@ class Connection final : public ChannelUser,
     void AnswerGet(const RequestHead& request);
     void AcceptAction(const RequestHead& request);
     void AcceptBody(State state);
+    KelPeer Sender() const;
     bool TakeActionBody();
     void CallAction();
     void FinishAction(ActionAnswer& answer);

@@ -42,8 +42,8 @@ void Connection::AcceptPut(const RequestHead& request) {
     if (!place) return RespondError(404);
     if (!place->writable || !IsServableName(place->rest)) return RespondError(403);
     upload_ = std::make_shared<PutUpload>(
-        PutUpload::Request{std::move(*path), peer_.ToText(), *first, *first + bodyLeft_}, std::move(*place),
-        context_.log);
+        PutUpload::Request{std::move(*path), peer_.ToText(), *first, *first + bodyLeft_, Sender()},
+        std::move(*place), context_.log);
     RunUploadStep([](PutUpload& upload) { return upload.Begin(); }, &Connection::OnUploadBegun);
 }
 

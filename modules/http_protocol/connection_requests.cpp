@@ -81,8 +81,9 @@ void Connection::Route(const RequestHead& request) {
 
 /// False when the request was answered with 401, or is going to be.
 bool Connection::Authenticate(const RequestHead& request) {
-    const std::string_view authorization = request.Field("Authorization");
     const Clock::time_point now = Clock::now();
+    if (channel_->Peer().proof == KelPeer::Proof::Socket) return isAuthenticated_ || AdmitAuthenticated();
+    const std::string_view authorization = request.Field("Authorization");
     if (authorization.empty()) {
         RefuseCredentials(false);
         return false;
@@ -167,10 +168,16 @@ void Connection::AcceptAction(const RequestHead& request) {
     call_->name = path->substr(kActionPrefix.size());
     call_->bodyFormat = *format;
     call_->answerFormat = FormatOfAccept(request.Field("Accept"));
-    call_->peer = peer_;
+    call_->peer = Sender();
     call_->caller = request.Field("Kel-Caller");
     call_->body.reserve(std::min(bodyLeft_, kFirstReserve));
     AcceptBody(State::ActionBody);
+}
+
+KelPeer Connection::Sender() const {
+    KelPeer sender = channel_->Peer();
+    sender.address = peer_;
+    return sender;
 }
 
 /// Goes on to `state`, which reads the body; a peer that waits for 100 (Continue) is sent that first.

@@ -5,7 +5,6 @@
 
 #include "kelcore/action_db.h"
 #include "kelcore/agent.h"
-#include "kelcore/call_origin.h"
 #include "kelcore/error_codes.h"
 #include "kelcore/security.h"
 #include "modules/http_protocol/multicast_actions.h"
@@ -27,12 +26,14 @@ void HttpProtocol::Register(const char* handle) {
                "Publishes a folder under an alias, in place of one of that name; an empty path removes "
                "it.",
            .inputs = "string AliasName, string AliasPath",
-           .results = "1 unusable or not from this device"}},
+           .results = "1 unusable",
+           .callers = KelCallers::Local}},
          {&HttpProtocol::DeleteAlias,
           {.signature = "HttpProtocolDeleteAlias",
            .purpose = "Removes an alias, if there is one.",
            .inputs = "string AliasName, bool CompletelyRemove? (also every alias below \"AliasName/\")",
-           .results = "1 no name or not from this device"}},
+           .results = "1 no name",
+           .callers = KelCallers::Local}},
          {&HttpProtocol::GetParams,
           {.signature = "HttpProtocolGetParams",
            .purpose = "Says where this device serves calls of other devices.",
@@ -70,13 +71,12 @@ void HttpProtocol::RegisterMulticast(const char* handle) {
            .inputs = "string MulticastAddress, int32 MulticastPort, int32 MulticastBlockSize, int64 FileSize "
                      "(bytes), string FileURL? (these from this device), string LocalPath?, string "
                      "FileChecksum? (MD5)",
-           .results = "1 unusable, or from another device than the parent; 17 no room, space or group",
+           .results = "1 unusable; 17 no room, space or group",
            .callers = KelCallers::Parent}},
          {call(kelhttp::StopMulticastListening),
           {.signature = "HttpProtocolMulticastStopListen",
            .purpose = "Ends the receptions of a group.",
            .inputs = "string MulticastAddress",
-           .results = "1 from another device than the parent",
            .callers = KelCallers::Parent}},
          {call(kelhttp::ReportMulticast),
           {.signature = "HttpProtocolMulticastIsCompleted",
@@ -95,6 +95,7 @@ bool HttpProtocol::Initialise() {
     kelhttp::ServerSettings settings = kelhttp::ReadServerSettings(ini, KelAgentGetAddress());
     settings.userName = KelAgentGetName();
     settings.password = KelAgentGetHttpPassword();
+    settings.socketFolder = KelAgentGetRunDir();
     if (settings.password.empty()) {
         Log().Error("The agent has no HTTP password; set HttpPassword in Agent.ini.\n");
         return false;
@@ -171,17 +172,14 @@ unsigned int HttpProtocol::AddAlias(KelContainer* arguments) {
     KelContainer& container = *arguments;
     const KelString name = container.GetString("AliasName");
     const KelString path = container.GetString("AliasPath");
-    const bool isAllowed = ActionIsFromThisDevice(container);
     container.Clear();
-    if (isAllowed && path.empty() && !name.empty()) {  // withdraws the alias
+    if (path.empty() && !name.empty()) {  // withdraws the alias
         aliases_.Delete(name, false);
         return kKelOk;
     }
-    if (isAllowed && aliases_.Add(name, path)) return kKelOk;
-    Log().Warning(
-        "Alias '%S' for '%S' refused: a name of plain elements and a folder are needed, from a caller on "
-        "this device.\n",
-        name, path);
+    if (aliases_.Add(name, path)) return kKelOk;
+    Log().Warning("Alias '%S' for '%S' refused: a name of plain elements and a folder are needed.\n", name,
+                  path);
     return kKelErrorBadInput;
 }
 
@@ -189,9 +187,8 @@ unsigned int HttpProtocol::DeleteAlias(KelContainer* arguments) {
     KelContainer& container = *arguments;
     const KelString name = container.GetString("AliasName");
     const bool below = container.GetBool("CompletelyRemove");
-    const bool isAllowed = ActionIsFromThisDevice(container);
     container.Clear();
-    if (name.empty() || !isAllowed) return kKelErrorBadInput;
+    if (name.empty()) return kKelErrorBadInput;
     aliases_.Delete(name, below);
     return kKelOk;
 }

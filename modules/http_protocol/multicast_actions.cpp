@@ -4,7 +4,6 @@
 #include <algorithm>
 
 #include "kel/text.h"
-#include "kelcore/action_db.h"
 #include "kelcore/call_origin.h"
 #include "kelcore/error_codes.h"
 #include "kelcore/file_values.h"
@@ -21,19 +20,6 @@ constexpr std::size_t kMd5Digits = 32;
 /// How long a sender's question may wait for the verification of a file; below the time in which it expects
 /// an answer.
 constexpr std::chrono::seconds kReportPatience(30);
-
-/// This device or its parent: no other may start or stop a reception.
-bool MayControl(const KelContainer& arguments) {
-    if (ActionIsFromThisDevice(arguments)) return true;
-    KelContainer answer;
-    if (CallLocal("RelayGetValues", answer) != kKelOk) return false;
-    const KelContainer& relay = answer.GetContainer("Values");
-    const auto caller = IpAddress::Parse(ActionRequestAddress(arguments));
-    if (!caller) return false;
-    if (IpAddress::Parse(relay.GetString("ParentIPAddress")) == caller) return true;
-    const KelString name = relay.GetString("ParentName");
-    return !name.empty() && IpAddress::Resolve(name) == caller;
-}
 
 bool IsGroupAddress(const KelString& text) {
     const auto address = IpAddress::Parse(text);
@@ -74,9 +60,9 @@ unsigned int Refuse(KelContainer& container, unsigned int result, const KelStrin
 unsigned int StartMulticastListening(MulticastReceiver& receiver, const KelDebug& log,
                                      KelContainer& container) {
     MulticastOrder order;
-    KelString message = "a value cannot be used, or the caller is not the parent";
+    KelString message = "a value cannot be used";
     unsigned int result = kKelErrorBadInput;
-    if (MayControl(container) && ReadTransfer(container, order)) {
+    if (ReadTransfer(container, order)) {
         if (!ActionIsFromThisDevice(container))
             result = receiver.Restart({order.transfer.group, order.transfer.port}, order.blockSize,
                                       order.transfer.fileSize, message);
@@ -93,14 +79,9 @@ unsigned int StartMulticastListening(MulticastReceiver& receiver, const KelDebug
     return kKelOk;
 }
 
-unsigned int StopMulticastListening(MulticastReceiver& receiver, const KelDebug& log,
+unsigned int StopMulticastListening(MulticastReceiver& receiver, const KelDebug& /*log*/,
                                     KelContainer& container) {
     const KelString group = container.GetString(kAddress);
-    if (!MayControl(container)) {
-        log.Warning("'%S' may not stop the reception from the multicast group '%S'.\n",
-                    ActionRequestAddress(container), group);
-        return Refuse(container, kKelErrorBadInput, "the caller is not the parent");
-    }
     container.Clear();
     receiver.End(group);
     return kKelOk;

@@ -108,7 +108,7 @@ void PeerTable::Remember(IpAddress peer) {
 }
 
 PeerTable::Kind PeerTable::KindOf(IpAddress peer) const {
-    if (peer.Value() == kLoopback || peer == limits_.own) return kOwn;
+    if (peer == IpAddress() || peer.Value() == kLoopback || peer == limits_.own) return kOwn;
     return known_.contains(peer.Value()) ? kKnown : kUnknown;
 }
 

@@ -30,7 +30,8 @@ struct PeerLimits {
 /// closed, as an honest client proves itself within two round trips and so is never the oldest for long; a
 /// relay's children behind one address come and go through it as fast as they like. Addresses that had valid
 /// credentials lately are counted apart from all others, so that a flood from elsewhere does not touch them,
-/// and so is this device itself, for which there are places beyond the limit of all.
+/// and so is this device itself, for which there are places beyond the limit of all. The peers of the agent's
+/// own socket have the empty address.
 class PeerTable {
   public:
     explicit PeerTable(PeerLimits limits) : limits_(limits) {}

@@ -1,6 +1,7 @@
 #include "modules/http_protocol/plain_channel.h"
 
 #include <linux/sockios.h>
+#include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/ioctl.h>
 #include <sys/sendfile.h>
@@ -25,10 +26,12 @@ std::uint64_t UnacknowledgedBytes(int socket) {
     return ::ioctl(socket, SIOCOUTQ, &bytes) == 0 ? static_cast<std::uint64_t>(bytes) : 0;
 }
 
-PlainChannel::PlainChannel(boost::asio::ip::tcp::socket socket) : socket_(std::move(socket)) {
+PlainChannel::PlainChannel(boost::asio::generic::stream_protocol::socket socket, KelPeer::Proof proof)
+    : socket_(std::move(socket)), proof_(proof) {
     socket_.non_blocking(true);
-    boost::system::error_code ignored;
-    socket_.set_option(boost::asio::ip::tcp::no_delay(true), ignored);
+    if (proof_ == KelPeer::Proof::Socket) return;
+    const int noDelay = 1;
+    ::setsockopt(socket_.native_handle(), IPPROTO_TCP, TCP_NODELAY, &noDelay, sizeof noDelay);
     ::setsockopt(socket_.native_handle(), IPPROTO_TCP, TCP_NOTSENT_LOWAT, &kUnsentBytes, sizeof kUnsentBytes);
 }
 
@@ -102,7 +105,7 @@ std::uint64_t PlainChannel::BytesTaken() {
 
 void PlainChannel::ShutdownSend() {
     boost::system::error_code ignored;
-    socket_.shutdown(boost::asio::ip::tcp::socket::shutdown_send, ignored);
+    socket_.shutdown(boost::asio::socket_base::shutdown_send, ignored);
 }
 
 void PlainChannel::Close() {

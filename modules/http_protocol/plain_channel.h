@@ -1,17 +1,17 @@
 #pragma once
 
-#include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/generic/stream_protocol.hpp>
 
 #include "modules/http_protocol/channel.h"
 
 namespace kelhttp {
 
-/// A channel on a bare TCP socket. Sends are tried at once and wait only when the socket is full; files go
-/// out with sendfile(2).
+/// A channel on a bare socket, of TCP or of this device. Sends are tried at once and wait only when the
+/// socket is full; files go out with sendfile(2).
 class PlainChannel final : public Channel {
   public:
     /// Throws boost::system::system_error when the socket cannot be made non-blocking.
-    explicit PlainChannel(boost::asio::ip::tcp::socket socket);
+    PlainChannel(boost::asio::generic::stream_protocol::socket socket, KelPeer::Proof proof);
 
     void Open(const User& user) override { user->OnOpened(true); }
     void Read(std::span<char> into, const User& user) override;
@@ -20,6 +20,7 @@ class PlainChannel final : public Channel {
     void ShutdownSend() override;
     void Close() override;
     bool IsEncrypted() const override { return false; }
+    KelPeer Peer() const override { return {.proof = proof_}; }
     std::uint64_t BytesTaken() override;
 
   private:
@@ -27,7 +28,8 @@ class PlainChannel final : public Channel {
     Outcome PushFile();
     void ContinueWhenWritable(Outcome (PlainChannel::*push)(), const User& user);
 
-    boost::asio::ip::tcp::socket socket_;
+    boost::asio::generic::stream_protocol::socket socket_;
+    const KelPeer::Proof proof_;
     std::string_view data_;
     int file_ = -1;
     std::uint64_t fileOffset_ = 0;

@@ -92,6 +92,7 @@ unsigned int PutUpload::TriggerBegin() {
     KelContainer arguments;
     arguments.SetString("URL", request_.url);
     arguments.SetInt64("Size", static_cast<std::int64_t>(request_.size));
+    SetCallOrigin(JudgePeer(request_.sender, KelCallers::Child), arguments);
     KelContainer results;
     const unsigned int answer = CallbackDbTrigger(kEvent, arguments, results);
     isKeepable_ = answer == kKelAnswerExpected;
@@ -142,6 +143,7 @@ unsigned int PutUpload::Trigger(const char* event) const {
     arguments.SetString("URL", request_.url);
     arguments.SetString("MulticastAddress", "");
     arguments.SetString("LocalPath", file_.Destination());
+    SetCallOrigin(JudgePeer(request_.sender, KelCallers::Child), arguments);
     if (file_.IsOpen()) arguments.SetString("ContentPath", file_.OpenPath());
     KelContainer results;
     return LogRefusal(event, CallbackDbTrigger(event, arguments, results));

@@ -5,6 +5,7 @@
 
 #include "kel/debug.h"
 #include "kel/types.h"
+#include "kelcore/call_origin.h"
 #include "kelcore/file_lease.h"
 #include "modules/http_protocol/alias_table.h"
 #include "modules/http_protocol/unfinished_file.h"
@@ -27,6 +28,7 @@ class PutUpload {
         KelString peer;           ///< the sender's address
         std::uint64_t first = 0;  ///< where the body belongs in the file; what stands before it came earlier
         std::uint64_t size = 0;   ///< of the whole file, in bytes
+        KelPeer sender = {};      ///< whose origin goes along with the events
     };
     PutUpload(Request request, AliasMatch place, const KelDebug& log);
 

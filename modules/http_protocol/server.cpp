@@ -11,6 +11,7 @@
 #include "modules/http_protocol/connection.h"
 #include "modules/http_protocol/io_loop.h"
 #include "modules/http_protocol/listener.h"
+#include "modules/http_protocol/local_listener.h"
 #include "modules/http_protocol/plain_channel.h"
 #include "modules/http_protocol/probe_sink.h"
 #include "modules/http_protocol/server_context.h"
@@ -44,6 +45,10 @@ boost::asio::ip::tcp::socket MakeSocket(IoLoop& loop, UniqueFd& fd) {
     return {loop.Context(), boost::asio::ip::tcp::v4(), fd.Release()};
 }
 
+boost::asio::generic::stream_protocol::socket MakeLocalSocket(IoLoop& loop, UniqueFd& fd) {
+    return {loop.Context(), boost::asio::generic::stream_protocol(AF_UNIX, 0), fd.Release()};
+}
+
 }  // namespace
 
 struct Server::State {
@@ -51,7 +56,7 @@ struct Server::State {
         : loops(static_cast<std::size_t>(settings.ioThreads)),
           context(WithinOpenFileLimit(std::move(settings)), aliases, log) {}
 
-    enum class Kind : unsigned char { Plain, Tls, Probe };
+    enum class Kind : unsigned char { Plain, Tls, Probe, Local };
 
     std::shared_ptr<Listener> MakeListener(Kind kind) {
         return std::make_shared<Listener>(
@@ -91,8 +96,10 @@ struct Server::State {
             std::unique_ptr<Channel> channel;
             if (kind == Kind::Tls)
                 channel = std::make_unique<TlsChannel>(MakeSocket(loop, fd), *tls);
+            else if (kind == Kind::Local)
+                channel = std::make_unique<PlainChannel>(MakeLocalSocket(loop, fd), KelPeer::Proof::Socket);
             else
-                channel = std::make_unique<PlainChannel>(MakeSocket(loop, fd));
+                channel = std::make_unique<PlainChannel>(MakeSocket(loop, fd), KelPeer::Proof::Password);
             const auto connection = std::make_shared<Connection>(context, loop, std::move(channel), place);
             connection->Start();
             member = connection;
@@ -121,12 +128,21 @@ struct Server::State {
         return sslListener->Bind(settings.address, settings.sslPort);
     }
 
+    KelStatus OpenLocal() {
+        if (context.settings.socketFolder.empty()) return {};
+        localListener = std::make_shared<LocalListener>(loops.front(), context.log, [this](UniqueFd socket) {
+            Take(Kind::Local, std::move(socket), IpAddress());
+        });
+        return localListener->Listen(context.settings.socketFolder);
+    }
+
     // Connections are destroyed with their loops and use the context and the TLS settings until then; workers
     // use the loops until they have ended. The destructor of Server keeps that order.
     std::vector<IoLoop> loops;
     ServerContext context;
     std::unique_ptr<boost::asio::ssl::context> tls;
     std::shared_ptr<Listener> listener, sslListener, probeListener;
+    std::shared_ptr<LocalListener> localListener;
     std::size_t next = 0;  ///< used on the first loop only
 };
 
@@ -155,9 +171,12 @@ KelStatus Server::Run() {
         if (!listener) continue;
         if (KelStatus listening = listener->Listen(); !listening) return listening;
     }
+    if (KelStatus listening = state_->OpenLocal(); !listening) return listening;
     for (const auto& listener : listeners) {
         if (listener) state_->loops.front().Post([&started = *listener] { started.Start(); });
     }
+    if (state_->localListener)
+        state_->loops.front().Post([&started = *state_->localListener] { started.Start(); });
     for (IoLoop& loop : state_->loops)
         loop.Start();
     return {};

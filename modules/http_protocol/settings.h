@@ -47,6 +47,8 @@ struct ServerSettings {
     int multicastTimeout = 600;  ///< a multicast reception that hears nothing for so long ends
     int multicastMaxGroups = 16;
 
+    KelString socketFolder;  ///< of the agent's own socket; empty: none
+
     KelString userName;  ///< credentials of every request
     KelString password;
 };

@@ -7,7 +7,6 @@
 #include "kel/path.h"
 #include "kelcore/action_db.h"
 #include "kelcore/agent.h"
-#include "kelcore/call_origin.h"
 #include "kelcore/callback_db.h"
 #include "kelcore/device_name.h"
 #include "kelcore/error_codes.h"
@@ -75,15 +74,17 @@ void Identity::Register(const char* handle) {
           {.signature = "IdentitySetConsole",
            .purpose = "Takes over the identifier of the console, a part of the identity that is sent up.",
            .inputs = "string ConsoleId",
-           .results = "1 not 16 hexadecimal digits, or not from this device"}},
+           .results = "1 not 16 hexadecimal digits",
+           .callers = KelCallers::Local}},
          {&Identity::ValidateGuidScheme,
           {.signature = "IdentityValidateGUIDScheme",
            .purpose = "Adopts the scheme of the parent's GUID, if that is known.",
-           .results = "18 the new GUID cannot be written"}},
+           .results = "18 the new GUID cannot be written",
+           .callers = KelCallers::Local}},
          {&Identity::ParentInSync,
           {.signature = kInSyncSignature,
-           .purpose =
-               "Looks whether the identity is to be sent; for the event RelayCallbackParentInSync."}}});
+           .purpose = "Looks whether the identity is to be sent; for the event RelayCallbackParentInSync.",
+           .callers = KelCallers::Local}}});
     CallbackDbRegisterAction(kInSyncEvent, kInSyncSignature, {}, 0);
 }
 
@@ -272,9 +273,8 @@ unsigned int Identity::ParentInSync(KelContainer* arguments) {
 
 unsigned int Identity::SetConsole(KelContainer* arguments) {
     const KelString consoleId = arguments->GetString("ConsoleId");
-    const bool isAllowed = ActionIsFromThisDevice(*arguments) && IsConsoleId(consoleId);
     arguments->Clear();
-    if (!isAllowed) {
+    if (!IsConsoleId(consoleId)) {
         Log().Warning("Refused the identifier '%S' of a console\n", consoleId);
         return kKelErrorBadInput;
     }

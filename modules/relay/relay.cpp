@@ -6,7 +6,6 @@
 #include "kel/ini_file.h"
 #include "kelcore/action_db.h"
 #include "kelcore/agent.h"
-#include "kelcore/call_origin.h"
 #include "kelcore/callback_db.h"
 #include "kelcore/error_codes.h"
 #include "kelcore/file_values.h"
@@ -66,7 +65,8 @@ void Relay::Register(const char* handle) {
               return unsigned{kKelOk};
           },
           {.signature = "RelayCheckParent",
-           .purpose = "Has the parent called soon, for modules that could not reach it."}},
+           .purpose = "Has the parent called soon, for modules that could not reach it.",
+           .callers = KelCallers::Local}},
          {[](Relay& relay, KelContainer* arguments) {
               arguments->Clear();
               relay.parentLink_.ReportAgain();
@@ -75,13 +75,15 @@ void Relay::Register(const char* handle) {
           {.signature = kReadySignature,
            .purpose =
                "Has the parent reported once more when it answered before this device could be called; "
-               "for the event AgentCallbackReady."}},
+               "for the event AgentCallbackReady.",
+           .callers = KelCallers::Local}},
          {&Relay::SetParent,
           {.signature = "RelaySetParent",
            .purpose = "Makes another device the parent, at once and from now on.",
            .inputs = "string ParentName, int32 ParentPort",
            .outputs = "string ParentName, int32 ParentPort, bool ParentSync, string ParentProblem",
-           .results = "1 unusable, this device or one below it, or not from this device; 18 not written",
+           .results = "1 unusable, this device or one below it; 18 not written",
+           .callers = KelCallers::Operator,
            .changes = true}},
          {&Relay::ReceiveFile,
           {.signature = "RelayReceiveFile (string FileType, string FileLabel, string FileName, string "
@@ -90,12 +92,14 @@ void Relay::Register(const char* handle) {
            .purpose = "Keeps a copy of a published package for the network of this relay.",
            .inputs = "string FileLabel, string FileName, string FilePath",
            .outputs = "string FilePath (of the copy)",
-           .results = "1 unusable or not from this device; 13 no such file; 18 not written"}},
+           .results = "1 unusable; 13 no such file; 18 not written",
+           .callers = KelCallers::Local}},
          {&Relay::ClearPackage,
           {.signature = "RelayClearPackage",
            .purpose = "Removes the kept copy of a file, or all that are kept under a label.",
            .inputs = "string FileType?, string FileLabel, string FileName? (absent: all)",
-           .results = "1 unusable or not from this device; 18 not removed"}}});
+           .results = "1 unusable; 18 not removed",
+           .callers = KelCallers::Local}}});
     CallbackDbRegisterAction(kReadyEvent, kReadySignature, {}, 0);
 }
 
@@ -153,8 +157,6 @@ unsigned int Relay::Answer(KelContainer* arguments, const KelStatus& status) {
 }
 
 unsigned int Relay::ReceiveFile(KelContainer* arguments) {
-    if (!ActionIsFromThisDevice(*arguments))
-        return Answer(arguments, KelError{kKelErrorBadInput, "Another device may not name local files"});
     const auto path = packages_.Keep(*arguments);
     if (!path) return Answer(arguments, path.Error());
     Log().Print("Kept a copy of the package %S\n", *path);
@@ -164,8 +166,6 @@ unsigned int Relay::ReceiveFile(KelContainer* arguments) {
 }
 
 unsigned int Relay::ClearPackage(KelContainer* arguments) {
-    if (!ActionIsFromThisDevice(*arguments))
-        return Answer(arguments, KelError{kKelErrorBadInput, "Another device may not clear packages here"});
     return Answer(arguments, packages_.Clear(*arguments));
 }
 
@@ -204,8 +204,6 @@ unsigned int Relay::GetValues(KelContainer* arguments) {
 }
 
 unsigned int Relay::SetParent(KelContainer* arguments) {
-    if (!ActionIsFromThisDevice(*arguments))
-        return Answer(arguments, KelError{kKelErrorBadInput, "Only this device may change its parent"});
     const std::int32_t port = arguments->GetInt32("ParentPort");
     ParentPlace place{arguments->GetString("ParentName"), 0};
     if (port > 0 && port <= 65535) place.port = static_cast<std::uint16_t>(port);

@@ -47,12 +47,10 @@ std::optional<Subnet> SubnetOfInterface(const NetworkInterface& own) {
     return subnet ? std::optional(*subnet) : std::nullopt;
 }
 
-/// True for this device's own callers and for its parent. A way has this device call others.
+/// A way has this device call others: not for those below it, or beside it.
 bool MayNameAWay(const KelContainer& arguments) {
-    if (ActionIsFromThisDevice(arguments)) return true;
-    KelContainer relay;
-    return CallLocal("RelayGetValues", relay) == kKelOk &&
-           relay.GetContainer("Values").GetString("ParentIPAddress") == ActionRequestAddress(arguments);
+    return Includes(CallOriginOf(arguments).callers,
+                    KelCallers::Local | KelCallers::Parent | KelCallers::Operator);
 }
 
 std::uint64_t MillisecondsUntil(std::optional<WakeSchedule::Clock::time_point> due) {
@@ -86,7 +84,8 @@ void WakeOnLan::Register(const char* handle) {
            .purpose = "Enters an agent that can send into its own subnet; kept in memory.",
            .inputs = "string WakeOnLanAgentGuid, int32 WakeOnLanDeviceIPAddr (in host order), int32 "
                      "WakeOnLanDeviceAgentPort, int32 WakeOnLanDeviceNetworkMask (in host order)",
-           .results = "1 unusable or not from this device"}},
+           .results = "1 unusable",
+           .callers = KelCallers::Local}},
          {&WakeOnLan::WakeUp,
           {.signature = "WakeOnLanWakeUp",
            .purpose = "Wakes a device by a magic packet, or has a device nearer to it do so; only the parent "
@@ -114,8 +113,6 @@ std::span<const IniSetting> WakeOnLan::IniSettings() const {
 }
 
 unsigned int WakeOnLan::AddSubnet(KelContainer* arguments) {
-    if (!ActionIsFromThisDevice(*arguments))
-        return Refuse(arguments, {kKelErrorBadInput, "Another device may not enter agents of subnets here"});
     Subnet subnet;
     SubnetAgent agent;
     if (const KelStatus read = ReadSubnetAgent(*arguments, subnet, agent); !read) {

@@ -103,10 +103,10 @@ class Child:
         self.guid = f"{parent.identity()['GUID'][:4]}0000-0000-0000-0000-000000000{number}"
         self.url = f"{address}:1610/{self.guid}"
 
-    def offer(self, key, size):
+    def offer(self, key, size, **more):
         """Offers the file of a (type, label, name, checksum); the URL for its content, None when it is refused."""
         values = dict(zip(("FileType", "FileLabel", "FileName", "FileChecksum"), key), FileSize=size, Upstream=True,
-                      SourceDevice=self.url)
+                      SourceDevice=self.url) | more
         status, result, body = self.client.action("FileStoreReceiveFile", json.dumps(values))
         return urllib.parse.quote(json.loads(body)["FileURL"]) if (status, result) == (200, 0) else None
 

@@ -61,7 +61,7 @@ class StartTest(SystemTest):
                              [("FileStoreSetValues", 0), ("TransferWindowSetWindow", 0), ("FileStoreSetValues", 1),
                               ("ConsoleWithdraw", 1)])
             self.assertEqual({(line["operator"], line["address"]) for line in audit},
-                             {(os.environ.get("SUDO_USER") or pwd.getpwuid(os.getuid()).pw_name, agent.address)})
+                             {(os.environ.get("SUDO_USER") or pwd.getpwuid(os.getuid()).pw_name, "local")})
             self.assertEqual(audit[0]["arguments"], {"Values": {"MulticastTTL": "7"}})
             self.assertNotIn(PASSWORD, (agent.data / "Agent" / "audit.jsonl").read_text())
             self.assertEqual(agent.kel("audit", "--limit", 1), audit[-1:])

@@ -1,6 +1,7 @@
 """What strangers in the network and other users of the device try without the password, and what they get."""
 
 import contextlib
+import json
 import os
 import socket
 import subprocess
@@ -113,6 +114,76 @@ class StrangerTest(SystemTest):
             wait_until(lambda: message in self.master.log(), 120, f"{name} is examined")
             wait_until(lambda: not list(stored.rglob(name)), 60, f"{name} is gone")
         self.assertLess(self.master.log().count("absent1"), 20)
+
+
+class MemberTest(SystemTest):
+    """What a device of the tree, or another user of one, who knows the password, tries at a relay and the client below."""
+
+    @classmethod
+    def setUpClass(cls):
+        cls.tree = Tree(BUILD, [1])
+        cls.addClassCleanup(cls.tree.close)
+        cls.relay, cls.client = cls.tree.relays[0], cls.tree.clients[0]
+        cls.tree.start()
+
+    def refuses(self, client, action, **values):
+        status, result, body = client.action(action, json.dumps(values))
+        self.assertEqual(status, 200)
+        self.assertIn(result, (1, 17), (action, values, body))
+
+    def test_the_password_configures_nothing_and_brings_nothing_from_above(self):
+        state = lambda: [self.relay.kel(*words) for words in (("settings", "get"), ("windows",), ("files",))]  # noqa: E731
+        before, key = state(), {"FileType": "T", "FileLabel": "l", "FileName": "n", "FileChecksum": "c"}
+        for source in (neighbour(self.relay, 120), self.relay.address, "127.0.0.1"):
+            member = DigestClient(self.relay, source)
+            for name, value in (("TrustedAddressRange", "0.0.0.0-255.255.255.255"), ("PackagesRepositoryPath", "/etc")):
+                self.refuses(member, "FileStoreSetValues", Values={name: value})
+            self.refuses(member, "TransferWindowSetWindow", Direction=1, Week="closed")
+            self.refuses(member, "RelaySetParent", ParentName=source, ParentPort=1)
+            self.refuses(member, "CoreUtilsExtractFile", FilePath="/x.zip", DestinationPath="/tmp")
+            self.refuses(member, "FileStoreResetMulticastStatus", FileURL="/x")
+            self.refuses(member, "FileStoreWithdrawFile", **key)
+            self.refuses(member, "FileStoreReceiveUnconnectedFile", **key)
+            self.refuses(member, "FileStoreReceiveFile", **key, Unconnected=True)
+            self.refuses(member, "FileStoreRequestFile", **key)
+            for kind in ("T", "SelfHealingRecoveredFile"):
+                member.action("FileStoreReceiveFile", json.dumps(key | {"FileType": kind, "FileURL": "/x", "FileSize": 1}))
+        self.assertEqual(state(), before)
+        self.relay.kel("settings", "set", "QueueGap=0")
+        self.assertEqual(self.relay.call("FileStoreGetValues")["Values"]["QueueGap"], 1)
+
+    def test_a_device_acts_for_itself_only(self):
+        victim, other = Child(self.relay, 121), Child(self.relay, 122)
+        key = ("T", "l", "n", md5_of(b"12345"))
+        url = victim.offer(key, 5)
+        self.assertIsNone(other.offer(key, 5, SourceDevice=victim.url), "another's name")
+        self.assertEqual(other.client.request("PUT", url, b"12345")[0], 404, "another's upload")
+        self.assertEqual(other.client.request("PUT", "/FileStore/upstream/own.bin", b"x")[0], 404, "no place of the store")
+        huge = [f"Content-Length: {3 << 30}"]
+        self.assertEqual(victim.client.request("PUT", url, b"12345", huge)[0], 422, "not the announced size")
+        self.assertTrue(victim.put(url, b"12345"))
+        package = {"AdministratedRelayGUID": self.relay.identity()["GUID"], "AdministratedRelayID": 12}
+        other.put(other.offer(("T", "l", "package", md5_of(b"x")), 1, FileInfo=package), b"x")
+        collected = self.tree.master.data / "Delivery"
+        wait_until(lambda: list(collected.rglob("package*")), 60, "the file goes up like any other")
+        self.assertEqual([file for file in self.relay.kel("files") if file["name"] == "package"], [])
+
+        self.client.stop()
+        published = write_files(self.tree.folder / "files", {"waits": 10})["waits"]
+        self.tree.publish([published])
+
+        def waiting():
+            files = self.relay.call("FileStoreGetNotifiableFiles").get("Values", [])
+            return [file for file in ([files] if isinstance(files, dict) else files) if file["FileName"] == "waits"]
+        [file] = wait_until(waiting, 60, "the file waits for the client")
+        named = {name: file[name] for name in ("FileType", "FileLabel", "FileName", "FileChecksum")}
+        guid = next(device["guid"] for device in self.tree.master.kel("devices") if device["name"] == self.client.name)
+        for address in (self.client.address, victim.url.split(":")[0]):
+            self.refuses(victim.client, "FileStoreAcknowledgeFile", **named, DeviceGUID=f"{address}:1610/{guid}")
+            self.refuses(victim.client, "FileStoreDeviceContact", DeviceGUID=f"{address}:1610/{guid}", ParentGuid="0")
+        self.assertEqual(len(waiting()), 1)
+        self.tree.run(self.client)
+        self.tree.wait_delivered({("files", "waits"): sha256_of(published)}, [self.client], 60)
 
 
 class TlsTreeTest(SystemTest):

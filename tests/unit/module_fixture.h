@@ -47,9 +47,12 @@ inline void ExpectValues(const KelContainer& container, const Texts& expected) {
     }
 }
 
-/// What an action of this device gets when `address` calls it.
+/// Has ModuleFixture::Call call for a member of the tree at this address; for the device's own operator when
+/// it is empty.
 inline KelContainer From(const KelContainer& arguments, const std::string& address) {
-    return With(arguments, "HttpProtocolRequestInfo", Values({"HttpProtocolRequestAddress=" + address}));
+    KelContainer named = arguments;
+    SetCallOrigin({.callers = KelCallers::Unstated, .address = address}, named);
+    return named;
 }
 
 /// The root of an agent at 127.0.3.1 in a temporary folder, with the action and callback databases of the
@@ -79,7 +82,9 @@ class ModuleFixture : public ::testing::Test {
 
     /// An action of a module that is not part of the test.
     static void FakeAction(const std::string& signature, KelActionHandler handler) {
-        ActionDbRegisterAction({.signature = signature.c_str(), .purpose = "Fakes a neighbour."},
+        ActionDbRegisterAction({.signature = signature.c_str(),
+                                .purpose = "Fakes a neighbour.",
+                                .callers = KelCallers::Child | KelCallers::Parent},
                                std::move(handler), "neighbours");
     }
     /// One that always gives these results.
@@ -144,6 +149,10 @@ class ModuleFixture : public ::testing::Test {
     }
 
     static unsigned int Call(const std::string& action, KelContainer& container) {
+        const auto address = IpAddress::Parse(ActionRequestAddress(container));
+        const auto proof = address ? KelPeer::Proof::Password : KelPeer::Proof::Socket;
+        if (ActionIsFromOutside(container))
+            return CallLocalFor(KelPeer{proof, address.value_or(IpAddress())}, {}, action, container);
         return ActionDbInvokeContainer(nullptr, {}, action, container, 0, -1, -1, nullptr);
     }
     static unsigned int Call(const std::string& action, KelContainer&& container) {

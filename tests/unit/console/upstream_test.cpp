@@ -124,7 +124,7 @@ TEST_F(ConsoleUpstreamTest, UnusableReportsChangeNothing) {
         EXPECT_TRUE(isIgnored()) << content.size();
     }
     const KelContainer arrived = Arrived("IdentityIdentity", good.SaveToXML());
-    EXPECT_EQ(Call("ConsoleReceiveUpstream", From(arrived, "127.0.3.9")), kKelErrorBadInput);
+    EXPECT_EQ(Call("ConsoleReceiveUpstream", From(arrived, "127.0.3.9")), kKelErrorNotAvailable);
     EXPECT_EQ(Take("Inventory", good), 0U) << "other types are not the console's";
     EXPECT_EQ(Call("ConsoleListDevices").Count("Values"), 3U);
 }
@@ -230,7 +230,7 @@ TEST_F(ConsoleUpstreamTest, StagesFollowEachOtherAndStopAtFailuresOverRestarts) 
     EXPECT_EQ(order.GetContainer("DevicePath"), With({}, kMasterPath, With({}, kNorthPath, KelContainer())));
     EXPECT_TRUE(
         Eventually([&] { return Listed(published).GetContainer("Stages", 1).GetInt32("Pending") == 1; }));
-    EXPECT_EQ(resume({}, "127.0.3.1"), kKelErrorBadInput) << "not stopped";
+    EXPECT_EQ(resume({}, ""), kKelErrorBadInput) << "not stopped";
 
     receive(kNorth, "failed");
     EXPECT_TRUE(Eventually([&] { return state() == "stopped 2/3 1 of its targets failed"; }));
@@ -239,15 +239,15 @@ TEST_F(ConsoleUpstreamTest, StagesFollowEachOtherAndStopAtFailuresOverRestarts) 
     receive(kNorth, "failed");
     EXPECT_EQ(state(), "stopped 2/3 1 of its targets failed");
     EXPECT_EQ(OfferCount(), 2U);
-    EXPECT_EQ(resume({}, "127.0.3.9"), kKelErrorBadInput);
-    EXPECT_EQ(resume({}, "127.0.3.1"), 0U);
+    EXPECT_EQ(resume({}, "127.0.3.9"), kKelErrorNotAvailable);
+    EXPECT_EQ(resume({}, ""), 0U);
     ASSERT_TRUE(Eventually([&] { return OfferCount() == 3U; })) << "the failure of before counts no more";
     EXPECT_EQ(Offers()[2].GetContainer("DevicePath"),
               With({}, kMasterPath, With({}, kNorthPath, With({}, kClientPath, KelContainer()))));
     receive(kClient, "delivered");
     EXPECT_TRUE(Eventually([&] { return state() == "complete 3/3 "; }));
     EXPECT_EQ(CountsNow(published), "2/1/0 of 3");
-    EXPECT_EQ(resume({"Next=true"}, "127.0.3.1"), kKelErrorBadInput);
+    EXPECT_EQ(resume({"Next=true"}, ""), kKelErrorBadInput);
 }
 
 TEST_F(ConsoleUpstreamTest, NextStageNeedNotWaitAndUnusableStagesAreRefused) {
@@ -372,7 +372,7 @@ TEST_F(ConsoleWithdrawTest, WhatHasNotBegunIsWithdrawnAndTheFileGoesUnlessAnothe
     TakeReceipt(With(Receipt(kNorth, "failed", 300), {"PublicationId=" + third.GetString("PublicationId")}));
     EXPECT_EQ(TakeCalls(), Texts{"DeliveryOrder from none"}) << "the order is answered";
     EXPECT_GT(OfferCount(), offers);
-    EXPECT_EQ(Call("ConsoleWithdraw", From(Values({"PublicationId=x"}), "127.0.3.9")), kKelErrorBadInput);
+    EXPECT_EQ(Call("ConsoleWithdraw", From(Values({"PublicationId=x"}), "127.0.3.9")), kKelErrorNotAvailable);
     EXPECT_EQ(Call("ConsoleWithdraw", Values({"PublicationId=x"})), kKelErrorBadInput);
 }
 

@@ -48,7 +48,7 @@ TEST_F(CollectTest, WhatIsNotToBeCollectedLeavesNothing) {
         EXPECT_EQ(ComeUp(Stored(type, "f", "content"), kGuid), kStaysHere) << type;
     const KelContainer file = Stored("T", "f", "content");
     EXPECT_EQ(Call("DeliveryCollect", With(file, {"FileName=../f"})), kKelErrorBadInput);
-    EXPECT_EQ(Call("DeliveryCollect", From(file, "127.0.3.9")), kKelErrorBadInput);
+    EXPECT_EQ(Call("DeliveryCollect", From(file, "127.0.3.9")), kKelErrorNotAvailable);
     std::filesystem::remove(file.GetString("FilePath"));
     EXPECT_EQ(ComeUp(file, kGuid), kNotReady);
     EXPECT_FALSE(Call("DeliveryListCollected").Has("Values"));

@@ -120,7 +120,7 @@ TEST_F(DeliveryTest, UnusableFilesAreRefused) {
          {"FileType=..", "FileType=", "FileLabel=a/b", "FileLabel=.", "FileName=../../x", "FileName=a\nb",
           "FileName=.kel-abcdef", "FileChecksum=", "FilePath=", "FilePath=relative"})
         EXPECT_EQ(Call("DeliveryReceiveFile", With(file, {bad})), kKelErrorBadInput) << bad;
-    EXPECT_EQ(Call("DeliveryReceiveFile", From(file, "127.0.3.9")), kKelErrorBadInput);
+    EXPECT_EQ(Call("DeliveryReceiveFile", From(file, "127.0.3.9")), kKelErrorNotAvailable);
     EXPECT_FALSE(std::filesystem::exists(root_ / "data/Delivery/Inbox"));
 }
 

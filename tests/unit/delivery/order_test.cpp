@@ -130,7 +130,7 @@ TEST_F(OrderTest, WithdrawnOrderIsNotCarriedOutAndAnAnsweredOneIsForgottenByTheS
     const KelContainer file = Stored("U", "f", "content"), order = Order(file, "p1", 1);
     EXPECT_EQ(Announce(order), 0U);
     ASSERT_TRUE(AreRequested(1));
-    EXPECT_EQ(Call("DeliveryWithdrawFile", From(order, "127.0.3.9")), kKelErrorBadInput);
+    EXPECT_EQ(Call("DeliveryWithdrawFile", From(order, "127.0.3.9")), kKelErrorNotAvailable);
     EXPECT_EQ(Withdraw(order), 0U);
     EXPECT_EQ(Announce(file), 0U);
     EXPECT_FALSE(std::filesystem::exists(InboxPath("U", "f")));

@@ -32,7 +32,7 @@ struct CallbackThreadTest : StoreTest {
 TEST_F(CallbackThreadTest, OnlyUrlsThatThisDeviceReportsAreQueuedOnceAndInOrder) {
     for (const char* url : {"/b's", "/a", "/b's"})
         Report(url);
-    Ask("FileStoreHttpPutCallback", From(Make({{"URL", "/c"}}), "127.0.1.9"));
+    Ask("FileStoreHttpPutCallback", From(Make({{"URL", "/c"}}), "127.0.1.9"), kKelErrorNotAvailable);
     EXPECT_EQ(callbacks_.GetCallbackCount(), 2U);
     EXPECT_EQ(Queued(), (Texts{"/b's", "/a"}));
 }

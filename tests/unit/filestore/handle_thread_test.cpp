@@ -17,12 +17,15 @@ struct HandleThreadTest : StoreTest {
     static std::uint64_t Arrived(Side side, const KelString& name, const KelString& set = "") {
         return AddStored(side, name, "TOBEHANDLED", set);
     }
-    /// A package that a relay administrated by this device has sent.
+    /// A package that a module of this administrated relay has offered.
     static FileStoreEntry ArrivedPackage() {
         const KelContainer info = Make({{"AdministratedRelayGUID", kGuid}, {"AdministratedRelayID", 12}});
-        return Load(kUp, Arrived(kUp, "package",
-                                 KelFormat("FileType = 'PackagerZIPPackage', FileChecksum = '%S', %S",
-                                           TextMd5("package"), SetInfo(info))));
+        return Load(
+            kUp,
+            Arrived(
+                kUp, "package",
+                KelFormat("FileType = 'PackagerZIPPackage', TransportMode = 'Local', FileChecksum = '%S', %S",
+                          TextMd5("package"), SetInfo(info))));
     }
 
     Exposed<FileStoreHandleThread> handler_;

@@ -92,9 +92,10 @@ TEST_F(DeviceIdentity, EventsFromOtherDevicesAndUnusableOnesChangeNothing) {
     EXPECT_EQ(DeviceUrl(), kOwnUrl);
     const KelContainer event = Make({{"GUID", kNewGuid}, {"NewIPAddress", "127.0.1.8"}});
     const KelContainer unusable = Make({{"GUID", "x'; DROP TABLE Files --"}, {"NewIPAddress", "somewhere"}});
-    for (const KelContainer& arguments : {From(event, "127.0.1.9"), unusable})
-        for (const char* action : {"FileStoreGUIDCallback", "FileStoreIPCallback"})
-            Ask(action, arguments, kKelErrorBadInput);
+    for (const char* action : {"FileStoreGUIDCallback", "FileStoreIPCallback"}) {
+        Ask(action, From(event, "127.0.1.9"), kKelErrorNotAvailable);
+        Ask(action, unusable, kKelErrorBadInput);
+    }
     EXPECT_EQ(DeviceUrl(), kOwnUrl);
     Ask("FileStoreIPCallback", event);
     EXPECT_EQ(DeviceUrl(), KelString("127.0.1.8:1610/") + kGuid);

@@ -162,8 +162,8 @@ TEST_F(NotificationTest, HandedOverFilesAreRememberedUntilAModuleHasTakenThem) {
     CleanUp();
     Initialise();
     EXPECT_EQ(Untaken(), Texts{"refused|c"}) << "what was replaced must not come back";
-    Ask(kUntaken, From({}, "127.0.1.9"), kKelErrorBadInput);
-    Ask(kUntaken, From(Taken("refused"), "127.0.1.9"), kKelErrorBadInput);
+    Ask(kUntaken, From({}, "127.0.1.9"), kKelErrorNotAvailable);
+    Ask(kUntaken, From(Taken("refused"), "127.0.1.9"), kKelErrorNotAvailable);
     EXPECT_EQ(Untaken().size(), 1U);
     {
         const auto refusal = Refuse(kDown, "INSERT ON HandedOver");

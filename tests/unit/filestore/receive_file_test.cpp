@@ -28,24 +28,25 @@ struct ReceiveFileTest : StoreTest {
 };
 
 TEST_F(ReceiveFileTest, DownstreamOffersAreTakenFromTheParentAndTrustedAddressesOnly) {
-    const KelString near = "127.0.1.2-127.0.1.4", any = "0.0.0.0-255.255.255.255";
+    const KelString near = "127.0.1.2-127.0.1.4";
     for (const auto& [name, type, sender, parent, trusted, side, taken] :
          Table<const char*, const char*, const char*, const char*, KelString, Side, const char*>{
              {"parent", "t", kParent, kParent, "", kDown, "1"},
              {"stranger", "t", kStranger, kParent, "", kDown, "0"},
              {"stranger in the trusted range", "t", kStranger, kParent, near, kDown, "1"},
              {"stranger beside the trusted range", "t", "127.0.1.5", kParent, near, kDown, "0"},
-             {"self-healing file", "SelfHealingRecoveredFile", kStranger, kParent, "", kDown, "1"},
+             {"self-healing file", "SelfHealingRecoveredFile", kStranger, kParent, "", kDown, "0"},
+             {"trusted self-healing file", "SelfHealingRecoveredFile", kStranger, kParent, near, kDown, "1"},
              {"upstream offer", "t", kStranger, kParent, "", kUp, "1"},
              {"no address at all", "t", "", kParent, "", kDown, "0"},
-             {"no parsable address", "t", "somewhere", kParent, any, kDown, "0"},
              {"no parent", "t", kParent, "", "", kDown, "0"}}) {
         const auto trace = Begin(name);
         SetParent(parent, 1);
         Ask("FileStoreSetValues", Make({{"Values", Make({{"TrustedAddressRange", trusted}})}}));
         KelContainer offer = Announcement(type, sender);
-        if (*sender == '\0') offer.Remove("HttpProtocolRequestInfo");
-        Accept(offer, {{"Upstream", side == kUp}});
+        if (*sender == '\0') offer.Remove(kActionRequestInfo);
+        const KelString source = side == kUp ? KelString(sender) + ":1610/" + kGuid : KelString();
+        Accept(offer, {{"Upstream", side == kUp}, {"SourceDevice", source}});
         EXPECT_EQ(Count(side), taken);
     }
 }
@@ -83,12 +84,9 @@ TEST_F(ReceiveFileTest, HostileValuesChangeNothing) {
 
 TEST_F(ReceiveFileTest, AbsentAndFixedValuesAreFilledIn) {
     const KelString source = MakeFile("source", "abc");
-    for (const char* own : {"127.0.1.7", "127.0.0.1"}) {
-        const auto trace = Begin(own);
-        Accept(From(Offer("t", ""), own), {{"FileName", ""}, {"SourceDevice", "any"}, {"CopyPath", source}});
-        EXPECT_TRUE(std::regex_match(Names(kDown).at(0), std::regex("device7_[0-9]+_[0-9]{10}")));
-        EXPECT_EQ(OnlyFields(kDown, "SourceDevice, FileChecksum"), KelString(kOwnUrl) + "|" + TextMd5("abc"));
-    }
+    Accept(From(Offer("t", ""), ""), {{"FileName", ""}, {"SourceDevice", "any"}, {"CopyPath", source}});
+    EXPECT_TRUE(std::regex_match(Names(kDown).at(0), std::regex("device7_[0-9]+_[0-9]{10}")));
+    EXPECT_EQ(OnlyFields(kDown, "SourceDevice, FileChecksum"), KelString(kOwnUrl) + "|" + TextMd5("abc"));
     for (const char* type : {"IdentityIdentity", "OperationalRuleSyncInfo", "OperationalRuleStatus",
                              "PatchConfiguration", "t"}) {
         DeleteRows();

@@ -157,7 +157,7 @@ TEST_F(Withdraw, ADeletedPackageIsObsoleteHereAndForgottenBelow) {
         WriteFile(path, "abc");
         AddTarget(id, 1, NameOf('D'));
         const KelString action = "FileStoreDeletePackage";
-        Ask(action, From(call, "127.0.1.2"), kKelErrorBadInput);
+        Ask(action, From(call, "127.0.1.2"), kKelErrorNotAvailable);
         EXPECT_EQ(OnlyFields(kDown), "AVAILABLE");
         FakeResult("TestConsume ()", kKelAnswerStaysHere);
         const KelString before = Everything();

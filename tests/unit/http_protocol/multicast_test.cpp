@@ -124,7 +124,7 @@ TEST_F(MulticastTest, DropsContentWithAnotherChecksumAndStartsAgainForTheParent)
     SendFile(damaged);
     EXPECT_TRUE(Reaches("restart 0-2"));
     EXPECT_EQ(CountFilesIn("in"), 0);
-    EXPECT_EQ(Listen(From(restart, "127.0.9.2")), kKelErrorBadInput);
+    EXPECT_EQ(Listen(From(restart, "127.0.9.2")), kKelErrorNotAvailable);
     EXPECT_EQ(Listen(From(With(restart, {"FileSize=99"}), "127.0.9.1")), kKelErrorBadInput);
     EXPECT_EQ(State(), "restart 0-2");
     EXPECT_EQ(Listen(From(restart, "127.0.9.1")), 0U);
@@ -134,7 +134,7 @@ TEST_F(MulticastTest, DropsContentWithAnotherChecksumAndStartsAgainForTheParent)
     EXPECT_TRUE(ReadFile("in/file") == content);
     EXPECT_EQ(Events().size(), 1U);
     const KelContainer stop = Values({"MulticastAddress=" + group_});
-    EXPECT_EQ(Call("HttpProtocolMulticastStopListen", From(stop, "127.0.9.2")), kKelErrorBadInput);
+    EXPECT_EQ(Call("HttpProtocolMulticastStopListen", From(stop, "127.0.9.2")), kKelErrorNotAvailable);
     EXPECT_EQ(State(), "completed");
     EXPECT_EQ(Call("HttpProtocolMulticastStopListen", From(stop, "127.0.9.1")), 0U);
     EXPECT_EQ(State(), "failed");
@@ -166,7 +166,7 @@ TEST_F(MulticastTest, RefusesOrdersThatCannotBeUsed) {
         EXPECT_EQ(Listen(With(order, test.values)), test.result) << test.values[0];
         EXPECT_EQ(State(), "failed") << test.values[0];
     }
-    EXPECT_EQ(Listen(From(order, "127.0.9.9")), kKelErrorBadInput) << "names a path from another device";
+    EXPECT_EQ(Listen(From(order, "127.0.9.9")), kKelErrorNotAvailable) << "names a path from another device";
     EXPECT_EQ(CountFilesIn("in"), 0);
     for (int i = 1; i <= 16; ++i)
         EXPECT_EQ(Listen(With(order, {"MulticastPort=" + std::to_string(kPort + i)})), 0U);

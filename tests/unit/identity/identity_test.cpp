@@ -245,7 +245,8 @@ TEST_F(IdentityTest, IdentityIsSentAgainToANewConsoleOnly) {
     }
     EXPECT_EQ(Contents().back().GetString("ConsoleId"), "5555666677778888");
     EXPECT_EQ(Call("IdentityGetValues").GetContainer("Values").GetString("ConsoleId"), "5555666677778888");
-    EXPECT_EQ(Call("IdentitySetConsole", From(Values({"ConsoleId=9999000011112222"}), "127.0.3.2")), 1U);
+    EXPECT_EQ(Call("IdentitySetConsole", From(Values({"ConsoleId=9999000011112222"}), "127.0.3.2")),
+              kKelErrorNotAvailable);
 }
 
 }  // namespace

@@ -17,7 +17,10 @@ class Audit : public ModuleFixture {
 TEST_F(Audit, OnlyChangesThatAreAskedForOverTheNetworkAreRecordedWithoutSecrets) {
     for (const bool changes : {true, false})
         ActionDbRegisterAction(
-            {.signature = changes ? "Change" : "Read", .purpose = "Serves a test.", .changes = changes},
+            {.signature = changes ? "Change" : "Read",
+             .purpose = "Serves a test.",
+             .callers = KelCallers::Child,
+             .changes = changes},
             [](KelContainer* container) {
                 *container = Values({"Message=the secret is wrong"});
                 return 1U;

@@ -208,7 +208,7 @@ TEST_F(RelayTest, AnotherParentIsFollowedUnlessItIsALoop) {
         const ActiveModule<Relay> module;
         ASSERT_TRUE(Eventually(IsInSync));
         KelContainer foreign = From(Values({"ParentName=127.0.1.1", "ParentPort=1610"}), "127.0.1.9");
-        EXPECT_EQ(Call("RelaySetParent", foreign), kKelErrorBadInput);
+        EXPECT_EQ(Call("RelaySetParent", foreign), kKelErrorNotAvailable);
         second.isBelow = true;
         EXPECT_NE(set(second, kKelErrorBadInput).GetString("Message").find("below this device"),
                   std::string::npos);
@@ -279,7 +279,7 @@ TEST_F(PackageCopiesTest, UnusableCallsAreRefused) {
     EXPECT_EQ(Call("RelayReceiveFile", With(package, {"FilePath=" + root_ / "absent"})),
               kKelErrorMissingContent);
     for (const char* action : {"RelayReceiveFile", "RelayClearPackage"})
-        EXPECT_EQ(Call(action, From(package, "127.0.3.9")), kKelErrorBadInput) << action;
+        EXPECT_EQ(Call(action, From(package, "127.0.3.9")), kKelErrorNotAvailable) << action;
     EXPECT_EQ(Call("RelayClearPackage", Package("..", "", "")), kKelErrorBadInput);
     EXPECT_FALSE(std::filesystem::exists(root_ / "data/Relay/Packages"));
 }

@@ -137,7 +137,7 @@ TEST_F(WakeOnLanTest, OtherDevicesNeitherEnterAgentsNorNameWaysButTheParentMay) 
     RunningModule<WakeOnLan> module;
     FakeValues("RelayGetValues ()", {"ParentIPAddress=127.0.9.1"});
     EXPECT_EQ(Call("WakeOnLanAddSubnet", From(Values({"WakeOnLanAgentGuid=" + kGuid}), "127.0.9.1")),
-              kKelErrorBadInput);
+              kKelErrorNotAvailable);
     TestHttpServer next(TestHttpServer::ActionScript(0));
     const KelContainer request = Request("127.0.1.10", {"WakeOnLanWay=" + next.HostAndPort()});
     for (const auto& [caller, result] :

@@ -1,0 +1,45 @@
+#include "filestore/up/upload_senders.h"
+
+#include "kel/mutex.h"
+#include "kelcore/call_origin.h"
+
+namespace filestore {
+
+namespace {
+
+/// More are not remembered: their senders offer them again. An entry takes about 300 bytes.
+constexpr std::size_t kMostUploads = 50'000;
+
+struct Senders {
+    KelMutex mutex;
+    KelHash<KelString, KelString> byUrl KEL_GUARDED_BY(mutex);
+};
+
+Senders& Known() {
+    static Senders known;
+    return known;
+}
+
+/// What tells callers apart: the device that a key proves, else the address. Empty for this device.
+KelString NameOf(const KelContainer& arguments) {
+    const KelCallOrigin origin = CallOriginOf(arguments);
+    return origin.deviceGuid.empty() ? origin.address : origin.deviceGuid;
+}
+
+}  // namespace
+
+void NoteUploadSender(const KelString& url, const KelContainer& arguments) {
+    const KelLock lock(Known().mutex);
+    if (Known().byUrl.size() >= kMostUploads) Known().byUrl.clear();
+    Known().byUrl[url] = NameOf(arguments);
+}
+
+bool IsUploadSender(const KelString& url, const KelContainer& arguments) {
+    const KelString name = NameOf(arguments);
+    if (name.empty()) return true;
+    const KelLock lock(Known().mutex);
+    const auto sender = Known().byUrl.find(url);
+    return sender != Known().byUrl.end() && sender->second == name;
+}
+
+}  // namespace filestore
