@@ -36,6 +36,8 @@ int RunCommand(const CommonOptions& common, const WakeOptions& options);
 int RunCommand(const CommonOptions& common, const MulticastOptions& options);
 int RunCommand(const CommonOptions& common, const ParentOptions& options);
 int RunCommand(const CommonOptions& common, const AuditOptions& options);
+int RunCommand(const CommonOptions& common, const InviteOptions& options);
+int RunCommand(const CommonOptions& common, const KeysOptions& options);
 
 class Remote;
 

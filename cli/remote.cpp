@@ -16,6 +16,8 @@
 #include "kelcore/agent.h"
 #include "kelcore/error_codes.h"
 #include "kelcore/http/url.h"
+#include "kelcore/keys/key_folder.h"
+#include "kelcore/security.h"
 
 namespace {
 
@@ -27,6 +29,7 @@ struct Target {
     KelString ownAddress;
     KelString user;
     KelString password;
+    AgentSecurityKeys keys = {};  ///< of the agent, in a tree with keys
 };
 
 KelResult<KelString> ReadIni(IniFile& ini, const KelString& path, const KelString& section,
@@ -46,6 +49,13 @@ KelResult<Target> FromRoot(const KelString& root) {
     target.password = *password;
     agent.GetEntryValue("Agent", "Name", target.user, {});
     agent.GetEntryValue("Agent", "Address", target.ownAddress, {});
+    bool hasKeys = false;
+    agent.GetEntryValue("Security", "Keys", hasKeys, false);
+    if (hasKeys) {
+        auto keys = LoadKeyRing(root + "/data/");
+        if (!keys) return keys.Error();
+        target.keys = std::move(*keys);
+    }
     IniFile http;
     const KelString path = root + "/config/HttpProtocol.ini";
     auto port = ReadIni(http, path, "HttpProtocol", "Port");
@@ -120,7 +130,9 @@ KelResult<Remote> Remote::Open(const CommonOptions& options) {
     // The library logs nothing: what went wrong is printed once, by Call.
     settings.debugContext = MakeDebugContext({}, 0, 0, false, KelDebugLevel::None);
     KelAgentConfigure(std::move(settings));
-    return Remote(target->user, target->password, target->address, options.timeoutSeconds);
+    AgentSecuritySetKeys(target->keys);
+    const KelString guid = target->keys ? target->keys->Get().device.guid : KelString();
+    return Remote(target->user, target->password, target->address, guid, options.timeoutSeconds);
 }
 
 KelString Remote::PlaceOfMaster() const {
@@ -176,8 +188,10 @@ KelString Remote::Explain(unsigned int result, const KelString& action, const Ke
 }
 
 unsigned int Remote::CallQuietly(const KelString& action, KelContainer& container, int atLeastSeconds) const {
-    return ActionDbInvokeContainer(OperatorName().c_str(), UrlForAgent(user_, password_, address_), action,
-                                   container, 0, -1, std::max(timeoutSeconds_, atLeastSeconds), nullptr);
+    return ActionDbInvokeContainer(
+        OperatorName().c_str(),
+        UrlForAgent(user_, password_, guid_.empty() ? address_ : address_ + "/" + guid_), action, container,
+        0, -1, std::max(timeoutSeconds_, atLeastSeconds), nullptr);
 }
 
 unsigned int Remote::Call(const KelString& action, KelContainer& container, int atLeastSeconds) const {

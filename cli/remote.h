@@ -26,10 +26,11 @@ class Remote {
     const KelString& Address() const { return address_; }
 
   private:
-    Remote(KelString user, KelString password, KelString address, int timeoutSeconds)
+    Remote(KelString user, KelString password, KelString address, KelString guid, int timeoutSeconds)
         : user_(std::move(user)),
           password_(std::move(password)),
           address_(std::move(address)),
+          guid_(std::move(guid)),
           timeoutSeconds_(timeoutSeconds) {}
 
     /// What went wrong, for a person.
@@ -40,6 +41,7 @@ class Remote {
     KelString user_;
     KelString password_;
     KelString address_;
+    KelString guid_;  ///< of the device that has to answer, in a tree with keys; empty otherwise
     int timeoutSeconds_;
 };
 

@@ -9,6 +9,7 @@
 
 #include "kel/text.h"
 #include "kelcore/agent.h"
+#include "kelcore/device_name.h"
 #include "kelcore/error_codes.h"
 #include "kelcore/http/client.h"
 #include "kelcore/http/url.h"
@@ -27,6 +28,7 @@ void SetUp(HttpClient& client, const UrlInet& url) {
     client.SetServer(url.host, url.port);
     client.SetAuthentification(url.user, url.password);
     client.EnableAgentSecurity(url.scheme == "https");
+    client.ExpectDevice(GuidOfDevice("device" + url.path));
 }
 
 unsigned int ErrorOfExchange(unsigned int exchange) {
@@ -98,7 +100,14 @@ unsigned int ActionDbInvokeRemote(const KelString& source, const KelString& devi
     const int answerSeconds = callTimeout < 0 ? kDefaultCallTimeout : callTimeout;
     HttpClient client(connectSeconds, connectSeconds + answerSeconds);
     SetUp(client, url);
+    const unsigned int result = ActionDbCallThrough(client, source, actionName, callee, container);
+    const IpAddress local = client.GetLocalAddress();
+    if (localAddress != nullptr && local != IpAddress()) *localAddress = local;
+    return result;
+}
 
+unsigned int ActionDbCallThrough(HttpClient& client, const KelString& source, const KelString& actionName,
+                                 const KelString& callee, KelContainer& container) {
     HttpMessage request;
     request.SetMethod(HttpMethod::Post);
     request.SetResourcePath("/Action/" + actionName);
@@ -119,6 +128,5 @@ unsigned int ActionDbInvokeRemote(const KelString& source, const KelString& devi
         CoreLog().Detail("Call of %S failed: %S\n", callee, client.GetErrorText());
         return ErrorOfExchange(exchange);
     }
-    if (localAddress != nullptr) *localAddress = client.GetLocalAddress();
     return TakeAnswer(answer, callee, container);
 }

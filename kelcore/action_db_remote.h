@@ -9,3 +9,9 @@
 unsigned int ActionDbInvokeRemote(const KelString& source, const KelString& deviceUrl,
                                   const KelString& actionName, KelContainer& container, int connectTimeout,
                                   int callTimeout, IpAddress* localAddress);
+
+class HttpClient;
+
+/// The same through a client that is set up for the device. `callee`: action and device, for the log.
+unsigned int ActionDbCallThrough(HttpClient& client, const KelString& source, const KelString& actionName,
+                                 const KelString& callee, KelContainer& container);

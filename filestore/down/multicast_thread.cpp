@@ -8,6 +8,7 @@
 #include "filestore/state/file_store.h"
 #include "filestore/state/store_layout.h"
 #include "kelcore/agent.h"
+#include "kelcore/security.h"
 #include "kelcore/http/managed_transmission.h"
 #include "kelcore/multicast/sender.h"
 
@@ -106,7 +107,7 @@ unsigned int FileStoreMulticastThread::SendPackets(const FileStoreEntry& file,
     if (!sender.Open({.group = file.MulticastAddress,
                       .port = static_cast<std::uint16_t>(file.MulticastPort),
                       .ttl = FileStore::iMulticastTTL,
-                      .key = KelAgentGetHttpPassword(),
+                      .key = AgentSecurityGroupKey(),
                       .localAddresses = localAddresses}))
         return kNoSocket;
     HttpFileMessage message;

@@ -134,7 +134,7 @@ KelStatus KelAuthority::Revoke(const KelString& guid, std::int64_t now) const {
     const KelVector<KelCertificate> issued =
         IsGuid(guid) ? LoadAll(IssuedPath(guid)) : KelVector<KelCertificate>();
     if (issued.empty())
-        return KelError{kKelErrorBadInput, KelFormat("the device %S has no certificate", guid)};
+        return KelError{kKelErrorMissingContent, KelFormat("the device %S has no certificate", guid)};
     KelVector<KelCertificate> revoked = LoadAll(RevokedPath(guid));
     revoked.insert(revoked.end(), issued.begin(), issued.end());
     if (KelStatus saved = SaveAll(RevokedPath(guid), revoked); !saved) return saved;

@@ -103,9 +103,8 @@ bool KelEnrolRequest::IsProvedBy(const KelString& secretHash) const {
 }
 
 KelContainer KelEnrolRequest::ToContainer() const {
-    KelContainer values;
+    KelContainer values = RequestContainer(request);
     values.SetString("Invitation", invitation);
-    values.SetString("Request", Base64Encode(request.Der()));
     values.SetString("Proof", proof);
     return values;
 }
@@ -118,6 +117,12 @@ KelResult<KelEnrolRequest> KelEnrolRequest::FromContainer(const KelContainer& va
     auto request = RequestFromBase64(values.GetString("Request"));
     if (!request) return request.Error();
     return KelEnrolRequest{invitation, std::move(*request), proof};
+}
+
+KelContainer RequestContainer(const KelCertificateRequest& request) {
+    KelContainer values;
+    values.SetString("Request", Base64Encode(request.Der()));
+    return values;
 }
 
 KelResult<KelCertificateRequest> RequestFromBase64(const KelString& text) {

@@ -40,5 +40,6 @@ struct KelEnrolRequest {
     static KelResult<KelEnrolRequest> FromContainer(const KelContainer& values);
 };
 
-/// The DER of a request for a certificate in base64, as actions carry it.
+/// A request for a certificate as actions carry it: the string Request, its DER in base64.
+KelContainer RequestContainer(const KelCertificateRequest& request);
 KelResult<KelCertificateRequest> RequestFromBase64(const KelString& text);

@@ -51,8 +51,9 @@ KelString Mismatch(const KelTlsPeer& peer, const KelPeerExpectation& expected) {
         return KelFormat("it is the device %S, not %S", peer.guid, expected.guid);
     if (!expected.fingerprint.empty() && peer.fingerprint != expected.fingerprint)
         return KelFormat(
-            "its key is not the one with which it was known as the parent; if %S was set up again, "
-            "name it as the parent once more ('kel parent')",
+            "its key is not the one with which it was known as the parent; if the parent was set up again, "
+            "as "
+            "%S, run 'kel keys forget-parent' here",
             peer.guid);
     if (expected.isParent && peer.role == KelDeviceRole::Client)
         return "it is a client, which cannot be a parent";

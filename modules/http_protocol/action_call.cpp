@@ -37,6 +37,10 @@ ActionAnswer Run(const ActionCall& call) {
     info.SetString("HttpProtocolRequestAddress", call.peer.ToText());
     if (!call.caller.empty() && call.caller.size() <= kMaxCallerBytes)
         info.SetString("HttpProtocolRequestCaller", call.caller);
+    if (call.proved.isVerified) {
+        info.SetString("HttpProtocolRequestPeer", call.proved.guid);
+        info.SetString("HttpProtocolRequestPeerRole", KelDeviceRoleName(call.proved.role));
+    }
     container.Remove(kActionRequestInfo);
     container.SetContainer(kActionRequestInfo, std::move(info));
 

@@ -5,6 +5,7 @@
 
 #include "kel/ip_address.h"
 #include "kel/types.h"
+#include "kelcore/keys/key_ring.h"
 
 namespace kelhttp {
 
@@ -22,7 +23,8 @@ struct ActionCall {
     BodyFormat bodyFormat = BodyFormat::Xml;
     BodyFormat answerFormat = BodyFormat::Xml;
     IpAddress peer;
-    KelString caller;  ///< the header Kel-Caller: what the caller says it is
+    KelTlsPeer proved;  ///< who calls, as far as a certificate proves it
+    KelString caller;   ///< the header Kel-Caller: what the caller says it is
 };
 
 struct ActionAnswer {
@@ -33,8 +35,10 @@ struct ActionAnswer {
 };
 
 /// Calls an action of this device with the container in the body. Its value HttpProtocolRequestInfo is
-/// replaced by one that names the peer and the caller, so that a caller cannot forge it. Blocks while the
-/// action runs; never throws.
+/// replaced by one that names the peer and the caller, so that a caller cannot forge it: the strings
+/// HttpProtocolRequestAddress, HttpProtocolRequestCaller and, of a peer with a certificate of the tree,
+/// HttpProtocolRequestPeer (its GUID) and HttpProtocolRequestPeerRole ("master", "relay" or "client"). Blocks
+/// while the action runs; never throws.
 ActionAnswer RunActionCall(const ActionCall& call);
 
 }  // namespace kelhttp

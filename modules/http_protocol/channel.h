@@ -6,6 +6,8 @@
 #include <span>
 #include <string_view>
 
+#include "kelcore/keys/key_ring.h"
+
 namespace kelhttp {
 
 /// Receives a channel's completions, on the channel's I/O thread.
@@ -46,6 +48,8 @@ class Channel {
     virtual void Close() = 0;
 
     virtual bool IsEncrypted() const = 0;
+    /// Who is at the other end, once it is open, in a tree with keys; nothing is proved elsewhere.
+    virtual const KelTlsPeer& TlsPeer() const = 0;
     /// A number that changes whenever the peer has acknowledged bytes: distinguishes a slow peer from one
     /// that has stopped reading.
     virtual std::uint64_t BytesTaken() = 0;

@@ -66,6 +66,11 @@ class Connection final : public ChannelUser,
     bool RefuseHead(unsigned int status);
     void Route(const RequestHead& request);
     bool Authenticate(const RequestHead& request);
+    bool AuthenticatePeer();
+    bool IsPeerTrusted();
+    void NoteCertificate();
+    bool IsEnrolment(const RequestHead& request) const;
+    bool AdmitEnrolment(Clock::time_point now);
     bool AdmitAuthenticated();
     void RefuseCredentials(bool isStale);
     bool NoteWrongCredentials(Clock::time_point now);
@@ -119,6 +124,8 @@ class Connection final : public ChannelUser,
     bool isAuthenticated_ = false;  ///< a request had valid credentials
     bool working_ = false;          ///< counted as working in the table of peers
     DigestAuth::Memory authMemory_;
+    std::uint64_t keysId_ = 0;  ///< of the keys by which the peer was found to be trusted last
+    bool isEnrolment_ = false;  ///< the action is that which strangers may call
 
     KelString input_;  ///< received and not used yet
     KelString output_;

@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "kel/format.h"
+#include "kelcore/security.h"
 #include "modules/http_protocol/connection.h"
 #include "modules/http_protocol/protected_files.h"
 #include "modules/http_protocol/request_path.h"
@@ -13,6 +14,9 @@ namespace {
 constexpr std::string_view kActionPrefix = "/Action/";
 /// The most that is reserved for an announced body before its bytes come.
 constexpr std::uint64_t kFirstReserve = 256 << 10;
+/// The action by which a device gets its first certificate, and the largest request for it.
+constexpr std::string_view kEnrolmentTarget = "/Action/KeysEnrol";
+constexpr std::uint64_t kMaxEnrolmentBytes = 16 << 10;
 /// Empty lines before a request are skipped up to this size.
 constexpr std::size_t kMaxBlankBytes = 1024;
 
@@ -79,10 +83,62 @@ void Connection::Route(const RequestHead& request) {
     }
 }
 
+/// Logs whoever calls with a certificate that proves nothing; the request is one of a stranger.
+void Connection::NoteCertificate() {
+    const KelTlsPeer& peer = channel_->TlsPeer();
+    if (!peer.problem.empty())
+        context_.failures.Failed(
+            KelDebugLevel::Warning, "certificate " + peer_.ToText(),
+            KelFormat("The certificate of a caller at %S is not accepted: %S", peer_.ToText(), peer.problem));
+    else if (peer.isVerified)
+        context_.failures.Succeeded("certificate " + peer_.ToText(),
+                                    "Certificates of callers at " + peer_.ToText() + " are accepted again");
+}
+
+/// False once the certificate of the peer has been revoked. True where nothing was proved.
+bool Connection::IsPeerTrusted() {
+    const std::uint64_t id = AgentSecurityKeysId();
+    if (!channel_->TlsPeer().isVerified || keysId_ == id) return true;
+    const AgentSecurityKeys keys = AgentSecurityGetKeys();
+    if (!keys || !keys->IsStillTrusted(channel_->TlsPeer())) return false;
+    keysId_ = id;
+    return true;
+}
+
+bool Connection::AuthenticatePeer() {
+    if (IsPeerTrusted()) return isAuthenticated_ || AdmitAuthenticated();
+    keepAlive_ = false;
+    RespondError(401);
+    return false;
+}
+
+/// True for the one call that a device may make before it has a certificate.
+bool Connection::IsEnrolment(const RequestHead& request) const {
+    return request.method == Method::Post && request.target == kEnrolmentTarget &&
+           AgentSecurityKeysId() != 0 && channel_->IsEncrypted();
+}
+
+bool Connection::AdmitEnrolment(Clock::time_point now) {
+    keepAlive_ = false;
+    if (context_.guesses.IsExceeded(peer_, now)) {
+        RespondError(429, "Too many requests that were refused; try again later\n");
+        return false;
+    }
+    if (bodyLeft_ > kMaxEnrolmentBytes) {
+        RespondError(413);
+        return false;
+    }
+    isEnrolment_ = true;
+    return true;
+}
+
 /// False when the request was answered with 401, or is going to be.
 bool Connection::Authenticate(const RequestHead& request) {
+    isEnrolment_ = false;
+    if (channel_->TlsPeer().isVerified) return AuthenticatePeer();
     const std::string_view authorization = request.Field("Authorization");
     const Clock::time_point now = Clock::now();
+    if (authorization.empty() && IsEnrolment(request)) return AdmitEnrolment(now);
     if (authorization.empty()) {
         RefuseCredentials(false);
         return false;
@@ -169,6 +225,7 @@ void Connection::AcceptAction(const RequestHead& request) {
     call_->answerFormat = FormatOfAccept(request.Field("Accept"));
     call_->peer = peer_;
     call_->caller = request.Field("Kel-Caller");
+    call_->proved = channel_->TlsPeer();
     call_->body.reserve(std::min(bodyLeft_, kFirstReserve));
     AcceptBody(State::ActionBody);
 }
@@ -215,6 +272,7 @@ void Connection::CallAction() {
 
 void Connection::FinishAction(ActionAnswer& answer) {
     if (state_ != State::Working) return;
+    if (isEnrolment_ && answer.result != 0) context_.guesses.NoteFailure(peer_, Clock::now());
     if (answer.status != 200) {
         RespondError(answer.status, answer.body);
     } else {

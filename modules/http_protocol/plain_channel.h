@@ -20,6 +20,7 @@ class PlainChannel final : public Channel {
     void ShutdownSend() override;
     void Close() override;
     bool IsEncrypted() const override { return false; }
+    const KelTlsPeer& TlsPeer() const override { return unproved_; }
     std::uint64_t BytesTaken() override;
 
   private:
@@ -28,6 +29,7 @@ class PlainChannel final : public Channel {
     void ContinueWhenWritable(Outcome (PlainChannel::*push)(), const User& user);
 
     boost::asio::ip::tcp::socket socket_;
+    const KelTlsPeer unproved_;
     std::string_view data_;
     int file_ = -1;
     std::uint64_t fileOffset_ = 0;

@@ -75,7 +75,7 @@ TEST_F(KeysTest, APeerIsTrustedOnlyWithAValidCertificateOfTheAuthorityAndAsTheEx
         {"the own key", own, {}, kNow, ""},
         {"the expected device", good, {kClient.guid, good.Fingerprint(), false}, kNow, ""},
         {"another device", good, {kRelay.guid, {}, false}, kNow, kClient.guid.c_str()},
-        {"another key", good, {kClient.guid, own.Fingerprint(), false}, kNow, "kel parent"},
+        {"another key", good, {kClient.guid, own.Fingerprint(), false}, kNow, "forget-parent"},
         {"a client as the parent", good, {{}, {}, true}, kNow, "a client"},
     };
     for (const auto& item : cases) {
