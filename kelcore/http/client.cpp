@@ -212,9 +212,8 @@ KelString HttpClient::PeerKey(const KelString& base) const {
 void HttpClient::SetKeys(HttpHandle& handle) {
     CURL* easy = handle.Easy();
     if (!handle.peerCheck)
-        handle.peerCheck = expectedAuthority_.empty()
-                               ? std::make_unique<KelPeerCheck>(keys_, Expected())
-                               : std::make_unique<KelPeerCheck>(keys_, expectedAuthority_);
+        handle.peerCheck = expectedAuthority_.empty() ? std::make_unique<KelPeerCheck>(keys_, Expected())
+                                                      : std::make_unique<KelPeerCheck>(expectedAuthority_);
     curl_easy_setopt(easy, CURLOPT_SSL_VERIFYPEER, 1L);
     // Devices are known by their GUIDs, wherever they are.
     curl_easy_setopt(easy, CURLOPT_SSL_VERIFYHOST, 0L);

@@ -13,9 +13,8 @@ class KelPeerCheck {
     KelPeerCheck(std::shared_ptr<const KelKeyRing> ring, KelPeerExpectation expected);
 
     /// By the fingerprint of the authority that an invitation names: the server has to present the
-    /// certificate of that authority with its own. `ring` only gives the own certificate, which no server
-    /// knows yet.
-    KelPeerCheck(std::shared_ptr<const KelKeyRing> ring, KelString authorityFingerprint);
+    /// certificate of that authority with its own. Nothing is presented to it.
+    explicit KelPeerCheck(KelString authorityFingerprint);
 
     /// False when OpenSSL does not take the own certificate.
     bool ApplyTo(ssl_ctx_st* context);
