@@ -23,7 +23,8 @@ class Impostor:
         self.context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
         self.context.load_cert_chain(certificate, key)
         self.listener = socket.create_server((agent.address, agent.port))
-        threading.Thread(target=self.serve, daemon=True).start()
+        self.thread = threading.Thread(target=self.serve, daemon=True)
+        self.thread.start()
 
     def serve(self):
         while True:
@@ -39,6 +40,9 @@ class Impostor:
             self.calls += 1
 
     def close(self):
+        """Gives the port back: the thread must not be in accept any more."""
+        self.listener.shutdown(socket.SHUT_RDWR)
+        self.thread.join()
         self.listener.close()
 
 
