@@ -45,8 +45,14 @@ KelString ModuleLines(const KelVector<KelString>& modules) {
     return lines;
 }
 
+constexpr std::int64_t kOldestClock = 1'767'225'600;  // 2026
+
 KelStatus MakeAuthority(const KelKeyFolder& keys) {
     const std::int64_t now = std::time(nullptr);
+    if (now < kOldestClock)
+        return KelError{kKelErrorBadInput,
+                        "the clock of this device is years late; set it, since certificates are "
+                        "valid for a time"};
     KelAuthority authority(keys.AuthorityPath());
     if (auto status = authority.Create(now); !status) return status;
     if (auto status = authority.Open(); !status) return status;

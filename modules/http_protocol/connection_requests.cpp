@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "kel/format.h"
+#include "kelcore/error_codes.h"
 #include "kelcore/security.h"
 #include "modules/http_protocol/connection.h"
 #include "modules/http_protocol/protected_files.h"
@@ -272,7 +273,8 @@ void Connection::CallAction() {
 
 void Connection::FinishAction(ActionAnswer& answer) {
     if (state_ != State::Working) return;
-    if (isEnrolment_ && answer.result != 0) context_.guesses.NoteFailure(peer_, Clock::now());
+    if (isEnrolment_ && (answer.status != 200 || answer.result == kKelErrorBadInput))
+        context_.guesses.NoteFailure(peer_, Clock::now());
     if (answer.status != 200) {
         RespondError(answer.status, answer.body);
     } else {

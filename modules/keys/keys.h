@@ -34,6 +34,7 @@ class Keys final : public KelModule {
     // keys_actions.cpp
     void RegisterMaster(const char* handle);
     unsigned int Enrol(KelContainer* arguments);
+    unsigned int EnrolAnyone(KelContainer* arguments);
     unsigned int Renew(KelContainer* arguments);
     unsigned int GetRevoked(KelContainer* arguments);
     unsigned int GetValues(KelContainer* arguments);
@@ -58,6 +59,7 @@ class Keys final : public KelModule {
     KeyKeeper keeper_;
     std::optional<MasterKeys> master_;  ///< from Initialise on, on the master
     KelFailureLog failures_;
+    std::atomic<int> enrolments_ = 0;  ///< that are being worked on
     /// When the last certificate came: one that is due again at once, by a wrong clock, has to wait for a
     /// day.
     std::optional<std::chrono::steady_clock::time_point> renewed_;

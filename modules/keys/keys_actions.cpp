@@ -12,7 +12,23 @@
 
 namespace {
 
+constexpr int kMostEnrolments = 3;  ///< at the same time
 constexpr std::int64_t kMaxInvitationSeconds = std::int64_t{366} * 86400;
+
+/// Counts what is going on, for as long as this exists.
+class Counted {
+  public:
+    explicit Counted(std::atomic<int>& count) : count_(count), number_(++count) {}
+    ~Counted() { --count_; }
+    Counted(const Counted&) = delete;
+    Counted& operator=(const Counted&) = delete;
+
+    int Number() const { return number_; }
+
+  private:
+    std::atomic<int>& count_;
+    const int number_;
+};
 
 KelError OnlyHere() {
     return {kKelErrorBadInput, "Keys are administered by the operator of the device only, on the device"};
@@ -81,7 +97,14 @@ unsigned int Keys::PassUp(const char* action, KelContainer* arguments, std::span
     return kKelOk;
 }
 
+/// Strangers may call this: they must not take all workers, of which each may wait for the parent.
 unsigned int Keys::Enrol(KelContainer* arguments) {
+    const Counted counted(enrolments_);
+    if (counted.Number() <= kMostEnrolments) return EnrolAnyone(arguments);
+    return Fail(arguments, {kKelErrorNotAvailable, "many devices are being enrolled now; try again"});
+}
+
+unsigned int Keys::EnrolAnyone(KelContainer* arguments) {
     const auto request = KelEnrolRequest::FromContainer(*arguments);
     if (!request) return Fail(arguments, {kKelErrorBadInput, request.Error().message});
     if (!keeper_.Current()->IsEnrolled())
