@@ -34,7 +34,8 @@ KelResult<KelDeviceIdentity> LoadDevice(const KelString& path) {
 KelParentPin LoadParent(const KelString& path) {
     KelContainer values;
     if (!FileExists(path) || !values.LoadFromFile(path)) return {};
-    KelParentPin parent{{}, values.GetString("GUID"), values.GetString("Fingerprint")};
+    KelParentPin parent{
+        {}, values.GetString("GUID"), values.GetString("Fingerprint"), values.GetString("Serial")};
     for (std::uint32_t i = 0; values.Has("Place") && i < values.Count("Place"); ++i)
         parent.places.push_back(values.GetString("Place", {}, i));
     return parent;
@@ -116,6 +117,7 @@ KelStatus KelKeyFolder::SaveParent(const KelParentPin& parent) const {
         values.SetString("Place", parent.places[i], i);
     values.SetString("GUID", parent.guid);
     values.SetString("Fingerprint", parent.fingerprint);
+    values.SetString("Serial", parent.serial);
     return values.SaveToFile(File(kParent));
 }
 

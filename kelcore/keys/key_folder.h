@@ -13,7 +13,7 @@
 ///     authority.pem    of the tree; both absent until it is enrolled
 ///     revoked.pem      the list of revoked certificates, if there is one
 ///     group_key        what the devices of the tree share, as hexadecimal digits
-///     parent.xml       the parent's Place[], GUID and Fingerprint
+///     parent.xml       the parent's Place[], GUID, Fingerprint and Serial
 ///     join.xml         the Token of an invitation that was not used yet
 ///     Authority/       on the master; see KelAuthority
 ///

@@ -33,6 +33,7 @@ struct KelParentPin {
     KelVector<KelString> places;  ///< "host:port", as it is called; in lower case
     KelString guid;               ///< empty: not known yet
     KelString fingerprint;
+    KelString serial;  ///< of the certificate that it presented last; once revoked, another key may follow
     bool operator==(const KelParentPin&) const = default;
 };
 

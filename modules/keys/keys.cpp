@@ -212,7 +212,7 @@ KelStatus Keys::TakeAnswer(const KelContainer& answer, const KelString& authorit
     const auto certificate = KelCertificate::FromPem(answer.GetString("Certificate"));
     if (!certificate) return certificate.Error();
     if (KelStatus taken = keeper_.TakeEnrolment(*certificate, *authority, answer.GetString("GroupKey"),
-                                                {parent.written, peer.guid, peer.fingerprint});
+                                                {parent.written, peer.guid, peer.fingerprint, peer.serial});
         !taken)
         return taken;
     const KelString revoked = answer.GetString("Revoked");
@@ -284,15 +284,10 @@ bool Keys::FetchRevoked(const ParentPlaces& parent) {
     ParentCall call{keys, {}};
     if (CallParent(parent, "KeysGetRevoked", container, call) != kKelOk) {
         Log().Detail("The parent gives no list of revoked certificates: %S\n", call.problem);
+        FollowReplacedParent(parent);
         return false;
     }
-    KelParentPin pin = keys->Get().parent;
-    if (pin.guid.empty() && call.peer.isVerified) {
-        pin.guid = call.peer.guid;
-        pin.fingerprint = call.peer.fingerprint;
-        if (keeper_.TakeParent(pin))
-            Log().Print("The parent is %S, with the key %S\n", pin.guid, pin.fingerprint);
-    }
+    NoteParent(call.peer);
     const KelString revoked = container.GetString("Revoked");
     const KelStatus taken = revoked.empty() ? KelStatus() : keeper_.TakeRevoked(revoked);
     if (taken)
@@ -301,4 +296,36 @@ bool Keys::FetchRevoked(const ParentPlaces& parent) {
         failures_.Failed(KelDebugLevel::Error, "revoked",
                          "The parent's list of revoked certificates is not used: " + taken.Error().message);
     return true;
+}
+
+void Keys::NoteParent(const KelTlsPeer& peer) {
+    KelParentPin pin = keeper_.Current()->Get().parent;
+    const bool isNew = pin.guid.empty();
+    if (!peer.isVerified || pin.serial == peer.serial) return;
+    pin.guid = peer.guid;
+    pin.fingerprint = peer.fingerprint;
+    pin.serial = peer.serial;
+    if (keeper_.TakeParent(pin) && isNew)
+        Log().Print("The parent is %S, with the key %S\n", pin.guid, pin.fingerprint);
+}
+
+/// The parent may have been set up again, with another key. It is believed when the authority has revoked the
+/// former one: the list that says so is signed, so any relay may bring it.
+void Keys::FollowReplacedParent(const ParentPlaces& parent) {
+    KelKeyRing::Parts parts = keeper_.Current()->Get();
+    const KelParentPin former = parts.parent;
+    if (former.serial.empty()) return;
+    parts.parent = {parent.written, {}, {}, {}};
+    const auto anyRelay = KelKeyRing::Make(parts);
+    if (!anyRelay) return;
+    KelContainer container;
+    container.SetInt64("Known", parts.revoked.Number());
+    ParentCall call{*anyRelay, {}};
+    if (CallParent(parent, "KeysGetRevoked", container, call) != kKelOk) return;
+    const KelString revoked = container.GetString("Revoked");
+    if (!revoked.empty() && !keeper_.TakeRevoked(revoked)) return;
+    if (!keeper_.Current()->Get().revoked.Has(former.serial) || !keeper_.TakeParent(parts.parent)) return;
+    Log().Print("The certificate of the former parent, %S, was revoked; %S is there in its place\n",
+                former.guid, call.peer.guid);
+    thread_.Signal(0);
 }

@@ -55,6 +55,8 @@ class Keys final : public KelModule {
     void ExamineOwnCertificate(const KelKeyRing& keys, std::int64_t now);
     bool RenewWhenDue(const KelKeyRing& keys, const ParentPlaces& parent, std::int64_t now);
     bool FetchRevoked(const ParentPlaces& parent);
+    void NoteParent(const KelTlsPeer& peer);
+    void FollowReplacedParent(const ParentPlaces& parent);
 
     KeyKeeper keeper_;
     std::optional<MasterKeys> master_;  ///< from Initialise on, on the master

@@ -8,7 +8,7 @@ import threading
 import unittest
 
 from case import BUILD, SystemTest, wait_collected, write_files
-from tree import Tree, find_faketime, sha256_of, wait_until
+from tree import Agent, Tree, find_faketime, sha256_of, wait_until
 
 
 class Impostor:
@@ -81,7 +81,8 @@ class KeysTest(SystemTest):
             self.strangers(tree, master, relay, client)
             self.impostor(tree, relay, client)
             self.renewal(tree, relay)
-            self.revocation(master, relay, client)
+            again = self.replacement(tree, master, relay, client)
+            self.revocation(master, again, client, {relay.guid, client.guid})
             self.end(tree)
 
     def strangers(self, tree, master, relay, client):
@@ -120,13 +121,26 @@ class KeysTest(SystemTest):
             tree.run(relay)
             wait_until(tree.clients[0].in_sync, 30, "the client is in sync with the renewed relay")
 
-    def revocation(self, master, relay, client):
+    def replacement(self, tree, master, relay, client):
+        """A relay that is set up again, with another key, in the place of one that was revoked."""
+        self.assertEqual(relay.stop(), 0)
+        master.kel("keys", "revoke", relay.guid)
+        tree.choose_port = lambda _: relay.port
+        again = Agent(tree, "again", "relay", relay.address, master)
+        tree.agents.append(again)
+        tree.run(again)
+        guid = again.identity()["GUID"]
+        wait_until(lambda: client.call("KeysGetValues")["Values"]["ParentGuid"] == guid and client.in_sync(), 30,
+                   "the client follows the new relay")
+        return again
+
+    def revocation(self, master, relay, client, revoked):
         master.kel("devices", "remove", client.name)
         wait_until(lambda: self.ask(relay, client.data / "Keys") == "401", 30, "the relay refuses the client")
         self.assertEqual(self.ask(master, client.data / "Keys"), "401")
         wait_until(lambda: not client.in_sync(), 30, "the client is out of sync")
         self.assertIn("certificate", client.call("RelayGetValues")["Values"]["ParentProblem"])
-        self.assertEqual([item["guid"] for item in master.kel("keys", "list") if item["revoked"]], [client.guid])
+        self.assertEqual({item["guid"] for item in master.kel("keys", "list") if item["revoked"]}, revoked)
 
 
 if __name__ == "__main__":

@@ -197,7 +197,7 @@ TEST_F(KeysTest, AFolderGivesTheRingAgainAndRefusesPartsOfAnother) {
                 HasSubstr("not been enrolled"));
 
     const KelCertificate own = Made(authority_.Issue(fresh->Get().key.Get(), kClient, kNow));
-    const KelParentPin parent{{"10.0.0.1:1610"}, kRelay.guid, relay.Fingerprint()};
+    const KelParentPin parent{{"10.0.0.1:1610"}, kRelay.guid, relay.Fingerprint(), relay.Serial()};
     ASSERT_TRUE(keys.SaveEnrolment(own, authority_.Certificate(), "ab12"));
     ASSERT_TRUE(authority_.Revoke(kRelay.guid, kNow));
     ASSERT_TRUE(keys.SaveRevoked(Made(authority_.Revoked())));
