@@ -57,6 +57,7 @@ void ConfigureSecurity(const AgentConfig& config) {
     if (config.pacForce)
         pac = std::make_shared<const AgentSecurityPacSettings>(AgentSecurityPacSettings{config.pacScript});
     AgentSecurityConfigure(std::move(ssl), std::move(pac));
+    AgentSecuritySetKeys(config.keys);
 }
 
 }  // namespace

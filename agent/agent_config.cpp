@@ -20,6 +20,7 @@
 #include "kel/ip_address.h"
 #include "kel/path.h"
 #include "kel/text.h"
+#include "kelcore/keys/key_folder.h"
 
 namespace {
 
@@ -45,6 +46,7 @@ const IniSetting kLogLevel = IniSetting::Text("Agent", "LogLevel", "print")
 const IniSetting kLogMaxBytes = IniSetting::Number("Agent", "LogMaxBytes", 10 << 20).Between(4096, kMost);
 const IniSetting kLogFiles = IniSetting::Number("Agent", "LogFiles", 5).Between(1, 1000);
 // Without them connections would go on unprotected, or past the proxy.
+const IniSetting kKeys = IniSetting::Flag("Security", "Keys", false).Vital();
 const IniSetting kSslForce = IniSetting::Flag("Security", "SslForce", false).Vital();
 const IniSetting kSslCaFile = IniSetting::Text("Security", "SslCaFile");
 const IniSetting kSslCertificateFile = IniSetting::Text("Security", "SslCertificateFile");
@@ -53,19 +55,13 @@ const IniSetting kPacForce = IniSetting::Flag("Security", "PacForce", false).Vit
 const IniSetting kPacScript = IniSetting::Text("Security", "PacScript");
 
 std::span<const IniSetting> AgentIniSettings() {
-    static const std::array settings = {kName,
-                                        kHttpPassword,
-                                        kAddress,
-                                        kLogLevel,
-                                        kLogMaxBytes,
-                                        kLogFiles,
-                                        kSslForce,
-                                        kSslCaFile,
-                                        kSslCertificateFile,
-                                        kSslKeyFile,
-                                        kPacForce,
-                                        kPacScript,
-                                        IniSetting::Text("Modules", "Module*")};
+    static const std::array settings = {kName,        kHttpPassword,
+                                        kAddress,     kLogLevel,
+                                        kLogMaxBytes, kLogFiles,
+                                        kKeys,        kSslForce,
+                                        kSslCaFile,   kSslCertificateFile,
+                                        kSslKeyFile,  kPacForce,
+                                        kPacScript,   IniSetting::Text("Modules", "Module*")};
     return settings;
 }
 
@@ -109,6 +105,11 @@ KelStatus ReadSecurity(const IniFile& ini, const KelString& path, AgentConfig& c
         return Fault(config.ssl.keyFile,
                      "is a private key, but others may open it; chmod 600 it, and make a "
                      "new key if somebody may have read it");
+    if (ReadIniFlag(ini, kKeys)) {
+        auto keys = LoadKeyRing(config.DataDir());
+        if (!keys) return Fault(path, "Keys is set, but they cannot be used: " + keys.Error().message);
+        config.keys = std::move(*keys);
+    }
     if (!config.pacForce) return {};
     if (script.empty()) return Fault(path, "PacForce needs PacScript, the file of the script");
     auto text = FileReadText(script, kMaxScriptBytes);

@@ -20,6 +20,7 @@ struct AgentConfig {
     std::size_t logMaxBytes = 0;
     std::size_t logFiles = 0;
     KelVector<KelString> modules;  ///< in the order in which they are driven
+    AgentSecurityKeys keys;        ///< null in a plain tree
     bool sslForce = false;
     AgentSecuritySslSettings ssl;
     bool pacForce = false;

@@ -39,6 +39,8 @@ int RunCommand(const CommonOptions& common, const AuditOptions& options);
 int RunCommand(const CommonOptions& common, const BackupOptions& options);
 int RunCommand(const CommonOptions& common, const RestoreOptions& options);
 int RunCommand(const CommonOptions& common, const DoctorOptions& options);
+int RunCommand(const CommonOptions& common, const InviteOptions& options);
+int RunCommand(const CommonOptions& common, const KeysOptions& options);
 
 class Remote;
 

@@ -24,6 +24,7 @@
 #include "kel/text.h"
 #include "kel/unique_fd.h"
 #include "kelcore/http/client.h"
+#include "kelcore/keys/key_folder.h"
 #include "kelcore/version.h"
 
 namespace {
@@ -42,6 +43,15 @@ KelString IniValue(const KelString& root, const char* module, const char* sectio
     ini.Open(root + "/config/" + module + ".ini");
     ini.GetEntryValue(section, key, value, {});
     return value;
+}
+
+/// Null in a plain tree.
+KelResult<AgentSecurityKeys> KeysOf(const KelString& root) {
+    IniFile ini;
+    bool hasKeys = false;
+    ini.Open(root + "/config/Agent.ini");
+    ini.GetEntryValue("Security", "Keys", hasKeys, false);
+    return hasKeys ? LoadKeyRing(root + "/data/") : KelResult<AgentSecurityKeys>(AgentSecurityKeys());
 }
 
 KelString Named(const KelVector<KelString>& paths) {
@@ -183,7 +193,14 @@ KelVector<Finding> ExamineStoppedAgent(const KelString& root) {
                             "correct ParentName in Relay.ini, the DNS or /etc/hosts"});
         return findings;
     }
+    const auto keys = KeysOf(root);
+    if (!keys) {
+        findings.push_back({"keys", State::Problem, keys.Error().message,
+                            "restore data/Keys from a backup, or make the root folder anew with 'kel init'"});
+        return findings;
+    }
     HttpClient client(kConnectSeconds, kConnectSeconds);
+    client.EnableKeys(*keys);
     client.SetServer(address->ToText(), static_cast<std::uint16_t>(*port));
     HttpMessage request, answer;
     request.SetMethod(HttpMethod::Head);

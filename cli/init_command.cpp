@@ -3,26 +3,36 @@
 #include <sys/stat.h>
 
 #include <cstdio>
+#include <ctime>
 
 #include "cli/commands.h"
 #include "cli/local_root.h"
 #include "cli/output.h"
 #include "cli/remote.h"
+#include "kel/base64.h"
+#include "kel/checksum.h"
 #include "kel/directory.h"
 #include "kel/file.h"
 #include "kel/ini_file.h"
 #include "kel/path.h"
 #include "kel/text.h"
+#include "kelcore/device_name.h"
 #include "kelcore/error_codes.h"
+#include "kelcore/keys/authority.h"
+#include "kelcore/keys/invitation.h"
+#include "kelcore/keys/key_folder.h"
 #include "kelcore/security.h"
 
 namespace {
 
 /// The modules of a role in the order in which they are loaded. CoreUtils comes before FileStore, which
 /// unpacks archives as soon as it runs.
-KelVector<KelString> ModulesOf(const KelString& role) {
-    KelVector<KelString> modules = {"Identity", "Relay", "TransferWindow", "WakeOnLan", "HttpProtocol"};
-    if (role == "master") modules.emplace_back("Console");
+KelVector<KelString> ModulesOf(const InitOptions& options) {
+    KelVector<KelString> modules = {"Identity", "Relay"};
+    if (!options.isPlain) modules.emplace_back("Keys");
+    for (const char* name : {"TransferWindow", "WakeOnLan", "HttpProtocol"})
+        modules.emplace_back(name);
+    if (options.role == "master") modules.emplace_back("Console");
     modules.emplace_back("Delivery");
     modules.emplace_back("CoreUtils");
     modules.emplace_back("FileStore");
@@ -34,6 +44,24 @@ KelString ModuleLines(const KelVector<KelString>& modules) {
     for (std::size_t i = 0; i < modules.size(); ++i)
         lines += (i == 0 ? "Module" : "\nModule") + std::to_string(i + 1) + "=" + modules[i];
     return lines;
+}
+
+constexpr std::int64_t kOldestClock = 1'767'225'600;  // 2026
+
+KelStatus MakeAuthority(const KelKeyFolder& keys) {
+    const std::int64_t now = std::time(nullptr);
+    if (now < kOldestClock)
+        return KelError{kKelErrorBadInput,
+                        "the clock of this device is years late; set it, since certificates are "
+                        "valid for a time"};
+    KelAuthority authority(keys.AuthorityPath());
+    if (auto status = authority.Create(now); !status) return status;
+    if (auto status = authority.Open(); !status) return status;
+    const auto parts = keys.LoadParts();
+    if (!parts) return parts.Error();
+    const auto certificate = authority.Issue(parts->key.Get(), parts->device, now);
+    if (!certificate) return certificate.Error();
+    return keys.SaveEnrolment(*certificate, authority.Certificate(), authority.GroupKey());
 }
 
 KelStatus WriteInis(const KelString& configDir, const KelVector<KelString>& modules,
@@ -62,6 +90,23 @@ KelStatus CheckPassword(const KelString& configDir, const KelString& password) {
         "this password cannot be stored in an ini file; choose one without leading or trailing blanks"};
 }
 
+/// Gives a device its GUID, which the certificate will name, and its keys: the master makes the authority of
+/// the tree and is its first member, others keep their invitation until the agent starts.
+KelStatus MakeKeys(const KelString& root, const InitOptions& options) {
+    KelString guid = MakeGuid();
+    if (!options.token.empty()) {
+        const auto invitation = KelInvitation::FromToken(options.token);
+        if (!invitation) return invitation.Error();
+        guid = invitation->scheme + guid.substr(invitation->scheme.size());
+    }
+    const KelDeviceIdentity device{guid, ParseDeviceRole(options.role).value_or(KelDeviceRole::Client)};
+    const KelKeyFolder keys(root + "/data/Keys");
+    if (!PathCreate(root + "/data/Identity")) return SystemError("A folder cannot be made:", root);
+    if (auto status = FileWriteText(root + "/data/Identity/guid", guid + "\n"); !status) return status;
+    if (auto status = keys.Create(device); !status) return status;
+    return options.role == "master" ? MakeAuthority(keys) : keys.SaveToken(options.token);
+}
+
 KelStatus MakeRoot(const InitOptions& options, const std::map<KelString, KelString>& values) {
     const KelString root = CompletePath(options.dir);
     if (FileExists(root) || (DirExists(root) && !DirList(root).empty()))
@@ -72,10 +117,41 @@ KelStatus MakeRoot(const InitOptions& options, const std::map<KelString, KelStri
             return KelError{kKelErrorBadInput, root + folder + ": cannot be created"};
     chmod(root.c_str(), 0700);  // it may have been there
     const KelString configDir = root + "/config/";
-    auto status = WriteInis(configDir, ModulesOf(options.role), values);
+    auto status = WriteInis(configDir, ModulesOf(options), values);
     if (status) status = CheckPassword(configDir, values.at("PASSWORD"));
+    if (status && !options.isPlain) status = MakeKeys(root, options);
     if (!status) DirDelete(root, true);
     return status;
+}
+
+/// What does not fit in how the device is to become a member of a tree; empty when all does.
+KelString KeysProblem(const InitOptions& options) {
+    if (options.isPlain)
+        return options.passwordFile.empty() ? "a plain tree needs --password-file with its password" : "";
+    if (!options.passwordFile.empty())
+        return "--password-file is for a plain tree, which --plain makes; with keys, passwords prove nothing";
+    if (options.role == "master")
+        return options.token.empty() ? "" : "a master makes its own tree; it joins none";
+    if (options.token.empty())
+        return "a " + options.role +
+               " needs --join with an invitation of the master ('kel invite'), or --plain for a tree without "
+               "keys";
+    const auto invitation = KelInvitation::FromToken(options.token);
+    return invitation ? KelString() : "--join: " + invitation.Error().message;
+}
+
+/// The password of a plain tree. With keys, one that is not used.
+KelResult<KelString> PasswordFor(const InitOptions& options) {
+    constexpr std::size_t kRandomBytes = 24;
+    if (options.passwordFile.empty()) return Base64Encode(RandomBytes(kRandomBytes));
+    return ReadPasswordFile(options.passwordFile);
+}
+
+void PrintCreated(const InitOptions& options) {
+    const char* dir = options.dir.c_str();
+    std::printf("Created %s. Start the agent with: kelagent --root %s\n", dir, dir);
+    if (!options.isPlain && options.role == "master")
+        std::printf("Then invite other devices with: kel --root %s invite\n", dir);
 }
 
 }  // namespace
@@ -98,6 +174,8 @@ KelResult<std::map<KelString, KelString>> TemplateValues(const InitOptions& opti
         return KelError{kKelErrorBadInput, "a master has no parent"};
     if (options.role != "master" && !SplitParent(options.parent, parentName, parentPort))
         return KelError{kKelErrorBadInput, "a " + options.role + " needs --parent HOST:PORT"};
+    if (const KelString problem = KeysProblem(options); !problem.empty())
+        return KelError{kKelErrorBadInput, problem};
     if (options.name.empty() || options.name.find_first_of(":;#= ") != KelString::npos ||
         HasControlCharacter(options.name))
         return KelError{kKelErrorBadInput, "'" + options.name + "' is not a valid agent name"};
@@ -113,7 +191,8 @@ KelResult<std::map<KelString, KelString>> TemplateValues(const InitOptions& opti
                                           {"PREFER_IP", "true"},
                                           {"NAME", options.name},
                                           {"PASSWORD", password},
-                                          {"MODULES", ModuleLines(ModulesOf(options.role))}};
+                                          {"KEYS", options.isPlain ? "false" : "true"},
+                                          {"MODULES", ModuleLines(ModulesOf(options))}};
 }
 
 KelString FillTemplate(std::string_view text, const std::map<KelString, KelString>& values) {
@@ -133,7 +212,7 @@ KelString FillTemplate(std::string_view text, const std::map<KelString, KelStrin
 }
 
 int RunCommand(const CommonOptions& common, const InitOptions& options) {
-    const auto password = ReadPasswordFile(options.passwordFile);
+    const auto password = PasswordFor(options);
     if (!password) return Complain(password.Error());
     const auto values = TemplateValues(options, *password);
     if (!values) {
@@ -145,7 +224,6 @@ int RunCommand(const CommonOptions& common, const InitOptions& options) {
     if (common.json)
         std::puts("[]");
     else
-        std::printf("Created %s. Start the agent with: kelagent --root %s\n", options.dir.c_str(),
-                    options.dir.c_str());
+        PrintCreated(options);
     return kExitDone;
 }

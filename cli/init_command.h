@@ -15,8 +15,8 @@ const std::map<std::string_view, std::string_view>& IniTemplates();
 bool SplitParent(const KelString& text, KelString& host, KelString& port);
 
 /// The values of the placeholders in the templates: "ADDRESS", "PORT", "ROLE", "PARENT_NAME", "PARENT_PORT",
-/// "PREFER_IP", "NAME", "PASSWORD", "MODULES". An error when the parent does not fit the role or a text
-/// cannot be written to an ini file.
+/// "PREFER_IP", "NAME", "PASSWORD", "KEYS" and "MODULES". An error when the parent does not fit the role or a
+/// text cannot be written to an ini file.
 KelResult<std::map<KelString, KelString>> TemplateValues(const InitOptions& options,
                                                          const KelString& password);
 

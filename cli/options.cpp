@@ -33,6 +33,14 @@ std::optional<std::int64_t> ParseMoment(const std::string& text, std::int64_t no
     return std::nullopt;
 }
 
+/// A length of time like "30m", "12h" or "7d" in seconds; nothing when it is none.
+std::optional<std::int64_t> ParseDuration(const std::string& text) {
+    const auto number = ParseInt64(text.substr(0, text.empty() ? 0 : text.size() - 1));
+    for (const auto& [unit, seconds] : {std::pair('m', 60), {'h', 3600}, {'d', 86400}})
+        if (number && *number > 0 && *number < 100'000 && text.back() == unit) return *number * seconds;
+    return std::nullopt;
+}
+
 /// Receives the values of all options; `chosen` is set by the command that was given.
 struct Parsed {
     CommonOptions common;
@@ -57,6 +65,8 @@ struct Parsed {
     ParentOptions parent;
     BackupOptions backup;
     RestoreOptions restore;
+    InviteOptions invite;
+    KeysOptions keys;
     std::optional<CommandOptions> chosen;
 };
 
@@ -96,11 +106,62 @@ void DefineInit(CLI::App& app, Parsed& parsed) {
         ->check(CLI::ValidIPV4);
     command->add_option("--port", init.port, "HTTP port; 0: any free port")->required();
     command->add_option("--parent", init.parent, "The parent; not for a master")->type_name("HOST:PORT");
-    command->add_option("--password-file", init.passwordFile, "File whose first line is the tree's password")
-        ->required()
+    command
+        ->add_option("--password-file", init.passwordFile,
+                     "File whose first line is the password of a plain tree, the same on all devices")
         ->type_name("FILE");
+    auto* plain = command->add_flag("--plain", init.isPlain,
+                                    "A tree without keys, in which whoever has the password is a device");
+    command
+        ->add_option(
+            "--join", init.token,
+            "Invitation of the master ('kel invite') with which a relay or client joins a tree with keys")
+        ->type_name("TOKEN")
+        ->excludes(plain);
     command->add_option("--name", init.name, "Agent name of the tree")->default_val("agent");
     command->callback([&parsed] { parsed.chosen = parsed.init; });
+}
+
+void DefineKeys(CLI::App& app, Parsed& parsed) {
+    auto* invite = app.add_subcommand("invite", "Make an invitation for new devices; on the master");
+    invite->add_option("--uses", parsed.invite.uses, "How many devices may use it")
+        ->check(CLI::Range(1, 100000))
+        ->capture_default_str();
+    invite
+        ->add_option_function<std::string>(
+            "--expires",
+            [&parsed](const std::string& text) { parsed.invite.seconds = ParseDuration(text).value_or(0); },
+            "How long it is valid, at most 366d")
+        ->type_name("DURATION")
+        ->default_str("1d")
+        ->check(CLI::Validator(
+            [](const std::string& text) {
+                return ParseDuration(text) ? std::string()
+                                           : "'" + text + "' is not a duration like 30m, 12h or 7d";
+            },
+            {}));
+    invite->callback([&parsed] { parsed.chosen = parsed.invite; });
+
+    KeysOptions& keys = parsed.keys;
+    auto* command = app.add_subcommand("keys", "Keys and certificates of a tree with keys");
+    command->require_subcommand(0, 1);
+    const auto define = [command, &keys](const char* verb, KeysOptions::Verb value, const char* text) {
+        auto* verbCommand = command->add_subcommand(verb, text);
+        verbCommand->callback([&keys, value] { keys.verb = value; });
+        return verbCommand;
+    };
+    define("status", KeysOptions::Verb::Status, "Show the keys of this device (the default)");
+    define("list", KeysOptions::Verb::List,
+           "List the devices with certificates, and revoked ones; on the master");
+    define("revoke", KeysOptions::Verb::Revoke, "Revoke the certificates of a device; on the master")
+        ->add_option("GUID", keys.text, "The device")
+        ->required();
+    define("join", KeysOptions::Verb::Join, "Join the tree with an invitation, also again")
+        ->add_option("TOKEN", keys.text, "The invitation, as 'kel invite' has printed it")
+        ->required();
+    define("forget-parent", KeysOptions::Verb::ForgetParent,
+           "Learn the key of the parent anew, after the parent was set up again");
+    command->callback([&parsed] { parsed.chosen = parsed.keys; });
 }
 
 void AddKeyOptions(CLI::App& command, KelString& type, KelString& label) {
@@ -477,6 +538,7 @@ std::optional<Options> ParseOptions(int count, const char* const* arguments, int
     DefineCall(app, parsed);
     DefineAudit(app, parsed);
     DefineCare(app, parsed);
+    DefineKeys(app, parsed);
     try {
         app.parse(count, arguments);
         const bool isInit = std::holds_alternative<InitOptions>(*parsed.chosen);

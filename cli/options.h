@@ -27,9 +27,22 @@ struct InitOptions {
     KelString role;
     KelString address;
     std::uint16_t port = 0;
-    KelString parent;  ///< "HOST:PORT"
-    KelString passwordFile;
+    KelString parent;        ///< "HOST:PORT"
+    KelString passwordFile;  ///< of a plain tree
     KelString name;
+    bool isPlain = false;  ///< a tree without keys
+    KelString token;       ///< the invitation with which a relay or client joins a tree with keys
+};
+
+struct InviteOptions {
+    int uses = 1;
+    std::int64_t seconds = 86400;  ///< how long it is valid
+};
+
+struct KeysOptions {
+    enum class Verb : unsigned char { Status, List, Revoke, Join, ForgetParent };
+    Verb verb = Verb::Status;
+    KelString text;  ///< a GUID to revoke, a token to join with
 };
 
 struct StatusOptions {};
@@ -164,7 +177,7 @@ using CommandOptions =
                  CollectedOptions, RequestOptions, UploadOptions, FilesOptions, FileOptions, SettingsOptions,
                  WindowsOptions, InboxOptions, CallOptions, WhyOptions, GroupsOptions, WakeOptions,
                  MulticastOptions, WithdrawOptions, RemoveDeviceOptions, ResumeOptions, ParentOptions,
-                 AuditOptions, BackupOptions, RestoreOptions, DoctorOptions>;
+                 AuditOptions, BackupOptions, RestoreOptions, DoctorOptions, InviteOptions, KeysOptions>;
 
 struct Options {
     CommonOptions common;

@@ -17,7 +17,9 @@
 #include "kelcore/agent.h"
 #include "kelcore/error_codes.h"
 #include "kelcore/http/url.h"
+#include "kelcore/keys/key_folder.h"
 #include "kelcore/local_socket.h"
+#include "kelcore/security.h"
 
 namespace {
 
@@ -30,6 +32,7 @@ struct Target {
     KelString ownAddress;
     KelString user;
     KelString password;
+    AgentSecurityKeys keys = {};  ///< of the agent, in a tree with keys
 };
 
 KelResult<KelString> ReadIni(IniFile& ini, const KelString& path, const KelString& section,
@@ -48,6 +51,13 @@ KelStatus ReadAddress(const KelString& root, Target& target) {
     target.password = *password;
     agent.GetEntryValue("Agent", "Name", target.user, {});
     agent.GetEntryValue("Agent", "Address", target.ownAddress, {});
+    bool hasKeys = false;
+    agent.GetEntryValue("Security", "Keys", hasKeys, false);
+    if (hasKeys) {
+        auto keys = LoadKeyRing(root + "/data/");
+        if (!keys) return keys.Error();
+        target.keys = std::move(*keys);
+    }
     IniFile http;
     const KelString path = root + "/config/HttpProtocol.ini";
     auto port = ReadIni(http, path, "HttpProtocol", "Port");
@@ -134,7 +144,9 @@ KelResult<Remote> Remote::Open(const CommonOptions& options) {
     // The library logs nothing: what went wrong is printed once, by Call.
     settings.debugContext = MakeDebugContext({}, 0, 0, false, KelDebugLevel::None);
     KelAgentConfigure(std::move(settings));
-    return Remote(target->user, target->password, target->address, target->socketFolder,
+    AgentSecuritySetKeys(target->keys);
+    const KelString guid = target->keys ? target->keys->Get().device.guid : KelString();
+    return Remote(target->user, target->password, target->address, guid, target->socketFolder,
                   options.timeoutSeconds);
 }
 
@@ -197,7 +209,8 @@ unsigned int Remote::CallQuietly(const KelString& action, KelContainer& containe
     if (!socketFolder_.empty())
         return ActionDbInvokeOnSocket(OperatorName(), socketFolder_, action, container,
                                       std::max(timeoutSeconds_, atLeastSeconds));
-    return ActionDbInvokeContainer(OperatorName().c_str(), UrlForAgent(user_, password_, address_), action,
+    const KelString place = guid_.empty() ? address_ : address_ + "/" + guid_;
+    return ActionDbInvokeContainer(OperatorName().c_str(), UrlForAgent(user_, password_, place), action,
                                    container, 0, -1, std::max(timeoutSeconds_, atLeastSeconds), nullptr);
 }
 

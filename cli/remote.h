@@ -26,10 +26,12 @@ class Remote {
     const KelString& Address() const { return address_; }
 
   private:
-    Remote(KelString user, KelString password, KelString address, KelString socketFolder, int timeoutSeconds)
+    Remote(KelString user, KelString password, KelString address, KelString guid, KelString socketFolder,
+           int timeoutSeconds)
         : user_(std::move(user)),
           password_(std::move(password)),
           address_(std::move(address)),
+          guid_(std::move(guid)),
           socketFolder_(std::move(socketFolder)),
           timeoutSeconds_(timeoutSeconds) {}
 
@@ -41,6 +43,7 @@ class Remote {
     KelString user_;
     KelString password_;
     KelString address_;
+    KelString guid_;          ///< of the device that has to answer, in a tree with keys; empty otherwise
     KelString socketFolder_;  ///< of the agent's own socket; empty: it is called by its address
     int timeoutSeconds_;
 };

@@ -23,10 +23,10 @@ def show_devices(tree):
           flush=True)
 
 
-def run(build, seed, keep):
+def run(build, seed, keep, keys):
     begin = time.monotonic()
     progress = Progress()
-    with Tree(build, [2, 2], keep=keep) as tree:
+    with Tree(build, [2, 2], keep=keep, keys=keys) as tree:
         tree.relays[-1].set_ini("FileStore", "UploadPolicy", "ConcatFiles", "auto")
         progress.say("Starting 1 master, 2 relays and 4 clients; they report to the master by themselves")
         tree.start()
@@ -49,8 +49,9 @@ def main():
     parser.add_argument("--build", required=True, help="folder of the build")
     parser.add_argument("--seed", type=int, default=1, help="seed of the files' contents")
     parser.add_argument("--keep", action="store_true", help="keep the agents' folders for inspection")
+    parser.add_argument("--plain", action="store_true", help="a tree with a password instead of keys")
     arguments = parser.parse_args()
-    return run(arguments.build, arguments.seed, arguments.keep)
+    return run(arguments.build, arguments.seed, arguments.keep, not arguments.plain)
 
 
 if __name__ == "__main__":

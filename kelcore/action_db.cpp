@@ -62,6 +62,12 @@ class ActionRegistry {
         return actions_.count(name) != 0;
     }
 
+    bool HasFor(const KelString& name, KelCallers caller) const {
+        const std::lock_guard lock(mutex_);
+        const auto found = actions_.find(name);
+        return found != actions_.end() && Admits(found->second->description, caller);
+    }
+
     /// Under the lock, because the texts of a description are those of its module.
     KelVector<KelContainer> Describe() const {
         KelVector<KelContainer> descriptions;
@@ -142,15 +148,20 @@ KelFailureLog& Refusals() {
     return refusals;
 }
 
+/// The address, and the device where that is proved.
+KelString CallerText(const KelCallOrigin& origin) {
+    return origin.deviceGuid.empty() ? origin.address : origin.address + " (" + origin.deviceGuid + ")";
+}
+
 unsigned int Refuse(const KelActionDescription& description, const KelString& key, const KelString& name,
                     const KelCallOrigin& origin, KelContainer& container) {
     const KelCallers callers = description.callers | KelCallers::Local;
     const KelString message = callers == KelCallers::Local
                                   ? name + " is for the device's own operator, on the device"
                                   : KelFormat("%S is for these callers: %S; a device at %S is none of them",
-                                              name, CallersText(callers), origin.address);
+                                              name, CallersText(callers), CallerText(origin));
     Refusals().Failed(KelDebugLevel::Warning, key,
-                      KelFormat("Call of %S from %S refused: %S", name, origin.address, message));
+                      KelFormat("Call of %S from %S refused: %S", name, CallerText(origin), message));
     container.Clear();
     container.SetString("Message", message);
     return description.refusal;
@@ -158,10 +169,11 @@ unsigned int Refuse(const KelActionDescription& description, const KelString& ke
 
 unsigned int RunFor(const KelCallOrigin& origin, const Action& action, const KelString& name,
                     KelContainer& container) {
-    const KelString key = name + " " + origin.address;
+    const KelString caller = CallerText(origin);
+    const KelString key = name + " " + caller;
     if (!Admits(action.description, origin.callers))
         return Refuse(action.description, key, name, origin, container);
-    Refusals().Succeeded(key, KelFormat("%S may call %S now", origin.address, name));
+    Refusals().Succeeded(key, KelFormat("%S may call %S now", caller, name));
     SetCallOrigin(origin, container);
     const KelContainer asked = action.description.changes ? container : KelContainer();
     const unsigned int result = RunHandler(action, name, container);
@@ -193,6 +205,10 @@ void ActionDbUnregisterAll(const char* handle) {
 
 bool ActionDbIsActionRegistered(const KelString& actionName) {
     return Registry().Has(actionName);
+}
+
+bool ActionDbAdmits(const KelString& actionName, KelCallers caller) {
+    return Registry().HasFor(actionName, caller);
 }
 
 KelVector<KelContainer> ActionDbListActions() {

@@ -50,6 +50,9 @@ void ActionDbUnregisterAll(const char* handle);
 
 bool ActionDbIsActionRegistered(const KelString& actionName);
 
+/// True when there is such an action and a caller of these classes may call it.
+bool ActionDbAdmits(const KelString& actionName, KelCallers caller);
+
 /// The descriptions of all actions, sorted by name: for each a container as DescribeAction makes it, with the
 /// text Module.
 KelVector<KelContainer> ActionDbListActions();

@@ -9,6 +9,7 @@
 
 #include "kel/text.h"
 #include "kelcore/agent.h"
+#include "kelcore/device_name.h"
 #include "kelcore/error_codes.h"
 #include "kelcore/http/client.h"
 #include "kelcore/http/url.h"
@@ -28,6 +29,7 @@ void SetUp(HttpClient& client, const UrlInet& url) {
     client.SetServer(url.host, url.port);
     client.SetAuthentification(url.user, url.password);
     client.EnableAgentSecurity(url.scheme == "https");
+    client.ExpectDevice(GuidOfDevice("device" + url.path));
 }
 
 unsigned int ErrorOfExchange(unsigned int exchange) {
@@ -81,35 +83,6 @@ unsigned int TakeAnswer(const HttpMessage& answer, const KelString& callee, KelC
     return *result;
 }
 
-struct Call {
-    const KelString& source;
-    const KelString& action;
-    KelString place;  ///< of the device, for the log
-};
-
-unsigned int Exchange(HttpClient& client, const Call& call, KelContainer& container) {
-    const KelString callee = call.action + " on " + call.place;
-    HttpMessage request;
-    request.SetMethod(HttpMethod::Post);
-    request.SetResourcePath("/Action/" + call.action);
-    request.SetBody(container.SaveToXML(), "application/xml");
-    if (!HasControlCharacter(call.source)) request.SetHeader("kel-caller", call.source);
-    HttpMessage answer;
-    unsigned int exchange = client.SendAndRecv(request, answer);
-    // The device was too busy to begin: after a large publication all of its children call at once.
-    for (auto pause = kFirstPause;
-         exchange == kHttpCompleted && answer.GetStatus() == kHttpStatusUnavailable && pause <= kLastPause;
-         pause *= 2) {
-        std::this_thread::sleep_for(pause);
-        answer = HttpMessage();
-        exchange = client.SendAndRecv(request, answer);
-    }
-    if (exchange == kHttpCompleted) return TakeAnswer(answer, callee, container);
-    // Callers log a warning with the device's name; the reason is known only here.
-    CoreLog().Detail("Call of %S failed: %S\n", callee, client.GetErrorText());
-    return ErrorOfExchange(exchange);
-}
-
 }  // namespace
 
 unsigned int ActionDbInvokeRemote(const KelString& source, const KelString& deviceUrl,
@@ -125,8 +98,9 @@ unsigned int ActionDbInvokeRemote(const KelString& source, const KelString& devi
     const int answerSeconds = callTimeout < 0 ? kDefaultCallTimeout : callTimeout;
     HttpClient client(connectSeconds, connectSeconds + answerSeconds);
     SetUp(client, url);
-    const KelString place = KelFormat("%S:%u", url.host, static_cast<unsigned int>(url.port));
-    const unsigned int result = Exchange(client, {source, actionName, place}, container);
+    const KelString callee =
+        KelFormat("%S on %S:%u", actionName, url.host, static_cast<unsigned int>(url.port));
+    const unsigned int result = ActionDbCallThrough(client, source, actionName, callee, container);
     const IpAddress local = client.GetLocalAddress();
     if (localAddress != nullptr && local != IpAddress()) *localAddress = local;
     return result;
@@ -140,5 +114,28 @@ unsigned int ActionDbInvokeOnSocket(const KelString& source, const KelString& so
     client.SetDebugContext(CoreLog());
     client.SetServer("localhost", 80);
     client.SetSocket(socket.Text());
-    return Exchange(client, {source, actionName, socketFolder}, container);
+    return ActionDbCallThrough(client, source, actionName, actionName + " on " + socketFolder, container);
+}
+
+unsigned int ActionDbCallThrough(HttpClient& client, const KelString& source, const KelString& actionName,
+                                 const KelString& callee, KelContainer& container) {
+    HttpMessage request;
+    request.SetMethod(HttpMethod::Post);
+    request.SetResourcePath("/Action/" + actionName);
+    request.SetBody(container.SaveToXML(), "application/xml");
+    if (!HasControlCharacter(source)) request.SetHeader("kel-caller", source);
+    HttpMessage answer;
+    unsigned int exchange = client.SendAndRecv(request, answer);
+    // The device was too busy to begin: after a large publication all of its children call at once.
+    for (auto pause = kFirstPause;
+         exchange == kHttpCompleted && answer.GetStatus() == kHttpStatusUnavailable && pause <= kLastPause;
+         pause *= 2) {
+        std::this_thread::sleep_for(pause);
+        answer = HttpMessage();
+        exchange = client.SendAndRecv(request, answer);
+    }
+    if (exchange == kHttpCompleted) return TakeAnswer(answer, callee, container);
+    // Callers log a warning with the device's name; the reason is known only here.
+    CoreLog().Detail("Call of %S failed: %S\n", callee, client.GetErrorText());
+    return ErrorOfExchange(exchange);
 }

@@ -14,3 +14,9 @@ unsigned int ActionDbInvokeRemote(const KelString& source, const KelString& devi
 /// credentials.
 unsigned int ActionDbInvokeOnSocket(const KelString& source, const KelString& socketFolder,
                                     const KelString& actionName, KelContainer& container, int callTimeout);
+
+class HttpClient;
+
+/// The same through a client that is set up for the device. `callee`: action and device, for the log.
+unsigned int ActionDbCallThrough(HttpClient& client, const KelString& source, const KelString& actionName,
+                                 const KelString& callee, KelContainer& container);

@@ -40,12 +40,13 @@ bool Admits(const KelActionDescription& description, KelCallers caller) {
 }
 
 KelString CallersText(KelCallers callers) {
-    static constexpr std::array<std::pair<KelCallers, const char*>, 5> kNames = {
+    static constexpr std::array<std::pair<KelCallers, const char*>, 6> kNames = {
         {{KelCallers::Local, "local"},
          {KelCallers::Parent, "parent"},
          {KelCallers::Child, "child"},
          {KelCallers::Operator, "operator"},
-         {KelCallers::Observer, "observer"}}};
+         {KelCallers::Observer, "observer"},
+         {KelCallers::Stranger, "stranger"}}};
     KelString text;
     for (const auto& [one, name] : kNames)
         if (Includes(callers, one)) text += (text.empty() ? KelString() : KelString(", ")) + name;

@@ -14,6 +14,7 @@ enum class KelCallers : unsigned char {
     Child = 4,      ///< the devices whose parent this one is
     Operator = 8,   ///< the operator of the tree, from the master
     Observer = 16,  ///< only of a caller: may call what an operator may, unless it changes anything
+    Stranger = 32,  ///< in a tree with keys, a device that does not belong to it (yet)
 };
 
 constexpr KelCallers operator|(KelCallers one, KelCallers other) {

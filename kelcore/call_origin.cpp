@@ -7,6 +7,8 @@
 
 #include "kelcore/action_db.h"
 #include "kelcore/error_codes.h"
+#include "kelcore/keys/key_ring.h"
+#include "kelcore/security.h"
 
 namespace {
 
@@ -14,6 +16,7 @@ constexpr const char* kAddress = "HttpProtocolRequestAddress";
 constexpr const char* kOperator = "HttpProtocolRequestCaller";
 constexpr const char* kCallers = "HttpProtocolRequestClasses";
 constexpr const char* kDevice = "HttpProtocolRequestDevice";
+constexpr const char* kMayPassOn = "HttpProtocolRequestMayPassOn";
 
 /// How long the address of a name counts: a relay with many children would ask the name server for each call.
 constexpr std::chrono::seconds kResolvedFor{10};
@@ -53,13 +56,14 @@ std::optional<IpAddress> AddressOf(const KelString& name) {
 }
 
 bool IsParent(const KelPeer& peer, bool mayResolve) {
-    KelContainer answer;
-    const bool isAnswered = CallLocal("RelayGetValues", answer) == kKelOk;
-    const KelContainer& relay = answer.GetContainer("Values");
-    if (peer.proof == KelPeer::Proof::Key)
-        return isAnswered && !peer.deviceGuid.empty() && relay.GetString("ParentGuid") == peer.deviceGuid;
+    if (peer.proof == KelPeer::Proof::Certificate) {
+        const AgentSecurityKeys keys = AgentSecurityGetKeys();
+        return keys && !peer.deviceGuid.empty() && keys->Get().parent.guid == peer.deviceGuid;
+    }
     if (IsTrusted(peer.address)) return true;
-    if (!isAnswered) return false;
+    KelContainer answer;
+    if (CallLocal("RelayGetValues", answer) != kKelOk) return false;
+    const KelContainer& relay = answer.GetContainer("Values");
     if (IpAddress::Parse(relay.GetString("ParentIPAddress")) == peer.address) return true;
     // It may have another address now than when it was called last.
     const KelString name = relay.GetString("ParentName");
@@ -72,7 +76,12 @@ KelCallOrigin JudgePeer(const KelPeer& peer, KelCallers wanted) {
     if (peer.proof == KelPeer::Proof::Socket) return {};
     KelCallOrigin origin;
     origin.address = peer.address.ToText();
+    if (peer.proof == KelPeer::Proof::None) {
+        origin.callers = KelCallers::Stranger;
+        return origin;
+    }
     origin.deviceGuid = peer.deviceGuid;
+    origin.mayPassOn = peer.proof != KelPeer::Proof::Certificate || peer.deviceRole != KelDeviceRole::Client;
     const bool isParent = IsParent(peer, Includes(wanted, KelCallers::Parent));
     origin.callers = (isParent ? KelCallers::Parent : KelCallers::Child) | KelCallers::Observer;
     return origin;
@@ -87,7 +96,7 @@ KelCallOrigin CallOriginOf(const KelContainer& arguments) {
     if (!ActionIsFromOutside(arguments)) return {};
     const KelContainer& info = arguments.GetContainer(kActionRequestInfo);
     return {static_cast<KelCallers>(info.GetInt32(kCallers)), info.GetString(kAddress),
-            info.GetString(kDevice), info.GetString(kOperator)};
+            info.GetString(kDevice), info.GetBool(kMayPassOn), info.GetString(kOperator)};
 }
 
 void SetCallOrigin(const KelCallOrigin& origin, KelContainer& arguments) {
@@ -95,6 +104,7 @@ void SetCallOrigin(const KelCallOrigin& origin, KelContainer& arguments) {
     info.SetInt32(kCallers, static_cast<std::int32_t>(origin.callers));
     if (!origin.address.empty()) info.SetString(kAddress, origin.address);
     if (!origin.deviceGuid.empty()) info.SetString(kDevice, origin.deviceGuid);
+    info.SetBool(kMayPassOn, origin.mayPassOn);
     if (!origin.operatorName.empty()) info.SetString(kOperator, origin.operatorName);
     arguments.Remove(kActionRequestInfo);
     arguments.SetContainer(kActionRequestInfo, std::move(info));

@@ -3,37 +3,42 @@
 #include "kel/container.h"
 #include "kel/ip_address.h"
 #include "kelcore/action_description.h"
+#include "kelcore/keys/certificate.h"
 
 /// The value of an action's arguments that holds the origin of a call from outside. Only the server sets it.
 inline constexpr const char* kActionRequestInfo = "HttpProtocolRequestInfo";
 
-/// What a connection shows of its other end, which has valid credentials.
+/// What a connection shows of its other end.
 struct KelPeer {
     enum class Proof : unsigned char {
-        Password,  ///< the tree's; only its address tells it from other members
-        Key,       ///< a certificate of the tree, which names the device; its address proves nothing
-        Socket,    ///< the agent's own socket: the agent's user or root
+        None,         ///< nothing, in a tree with keys
+        Password,     ///< that of a plain tree; only its address tells it from other members
+        Certificate,  ///< of the tree, which names the device; its address proves nothing
+        Socket,       ///< the agent's own socket: the agent's user or root
     };
-    Proof proof = Proof::Password;
-    IpAddress address = {};     ///< except with Socket
-    KelString deviceGuid = {};  ///< with Key
+    Proof proof = Proof::None;
+    IpAddress address = {};  ///< except with Socket
+    // With Certificate:
+    KelString deviceGuid = {};
+    KelDeviceRole deviceRole = KelDeviceRole::Client;
 };
 
 /// Who calls an action. The default is this device itself.
 struct KelCallOrigin {
     KelCallers callers = KelCallers::Local;  ///< all that the caller is
     KelString address = {};                  ///< dotted; empty: on this device
-    KelString deviceGuid = {};               ///< where a key proves it
+    KelString deviceGuid = {};               ///< where a certificate proves it
+    bool mayPassOn = true;                   ///< what other devices send: no certificate says it is a client
     KelString operatorName = {};             ///< what the caller says it is, for the audit; proves nothing
 };
 
-/// Who a peer is to this device. The parent is, with a key, the device with the GUID of the parent in force,
-/// otherwise what calls from its address or a trusted one. Asks the relay module, and the name server for
-/// calls that only the parent may make (`wanted`): hold no lock. Any thread.
+/// Who a peer is to this device. In a tree with keys, the parent is the device with the GUID of the parent
+/// that this device has found; in a plain tree, what calls from the address of the parent in force or from a
+/// trusted one. For a plain tree, asks the relay module, and the name server for calls that only the parent
+/// may make (`wanted`): hold no lock. Any thread.
 KelCallOrigin JudgePeer(const KelPeer& peer, KelCallers wanted);
 
-/// Members of the tree that call from these addresses count as the parent, unless a key says who they are.
-/// Any thread.
+/// Members of a plain tree that call from these addresses count as the parent. Any thread.
 void TrustAsParents(IpRange addresses);
 
 /// The origin of a call, for its handler.

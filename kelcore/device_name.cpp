@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "kel/checksum.h"
 #include "kel/text.h"
 
 namespace {
@@ -15,6 +16,10 @@ constexpr std::size_t kPathNameParts = 5;
 
 bool IsDigit(char c) {
     return c >= '0' && c <= '9';
+}
+
+bool IsHyphenPosition(std::size_t index) {
+    return index == 8 || index == 13 || index == 18 || index == 23;
 }
 
 bool IsUpperHexDigit(char c) {
@@ -43,10 +48,18 @@ bool ConsistsOf(std::string_view text, std::size_t most, bool (*isAllowed)(char)
 bool IsGuid(std::string_view text) {
     if (text.size() != kGuidLength) return false;
     for (std::size_t i = 0; i < kGuidLength; ++i) {
-        const bool isHyphen = i == 8 || i == 13 || i == 18 || i == 23;
-        if (isHyphen ? text[i] != '-' : !IsUpperHexDigit(text[i])) return false;
+        if (IsHyphenPosition(i) ? text[i] != '-' : !IsUpperHexDigit(text[i])) return false;
     }
     return true;
+}
+
+KelString MakeGuid() {
+    KelString guid;
+    for (const char digit : HexText(RandomBytes(16))) {
+        if (IsHyphenPosition(guid.size())) guid += '-';
+        guid += (digit >= 'a' && digit <= 'f') ? static_cast<char>(digit - 'a' + 'A') : digit;
+    }
+    return guid;
 }
 
 bool IsHostName(std::string_view text) {

@@ -11,6 +11,9 @@
 /// True for "8-4-4-4-12" upper-case hexadecimal digits.
 bool IsGuid(std::string_view text);
 
+/// A new random GUID.
+KelString MakeGuid();
+
 /// True for 1 to 253 letters, digits, ".", "_" and "-": a host name or an IPv4 address that can stand in a
 /// path name, a statement and a URL as it is.
 bool IsHostName(std::string_view text);

@@ -18,7 +18,9 @@ KelString KelErrorText(unsigned int error) {
         case kKelErrorUnreachable:
             return "no connection, or no answer in time";
         case kKelErrorCredentials:
-            return "the called device refused the credentials; compare name and password in Agent.ini";
+            return "the called device refused the credentials; compare name and password in Agent.ini, or, "
+                   "in a "
+                   "tree with keys, see its log";
         case kKelErrorBadAnswer:
             return "what answered is no agent; check address and port";
         case kKelErrorGuidScheme:

@@ -2,6 +2,7 @@
 
 #include <pacparser.h>
 
+#include <atomic>
 #include <cstdarg>
 #include <cstdio>
 #include <set>
@@ -12,6 +13,7 @@
 #include "kel/mutex.h"
 #include "kel/text.h"
 #include "kelcore/agent.h"
+#include "kelcore/keys/key_ring.h"
 
 namespace {
 
@@ -23,6 +25,17 @@ struct Switches {
 Switches& TheSwitches() {
     static Switches switches;
     return switches;
+}
+
+struct Keys {
+    KelMutex mutex;
+    AgentSecurityKeys keys KEL_GUARDED_BY(mutex);
+    std::atomic<std::uint64_t> id = 0;
+};
+
+Keys& TheKeys() {
+    static Keys keys;
+    return keys;
 }
 
 /// Guards the script engine, which exists once per process.
@@ -124,6 +137,28 @@ bool AgentSecurityPacForceSecCli() {
 }
 AgentSecurityPacContext AgentSecurityPacShrCtxAcquire() {
     return TheSwitches().pac;
+}
+
+void AgentSecuritySetKeys(AgentSecurityKeys keys) {
+    Keys& the = TheKeys();
+    const KelLock lock(the.mutex);
+    the.id = keys ? keys->Id() : 0;
+    the.keys = std::move(keys);
+}
+
+AgentSecurityKeys AgentSecurityGetKeys() {
+    Keys& the = TheKeys();
+    const KelLock lock(the.mutex);
+    return the.keys;
+}
+
+std::uint64_t AgentSecurityKeysId() {
+    return TheKeys().id;
+}
+
+KelString AgentSecurityGroupKey() {
+    const AgentSecurityKeys keys = AgentSecurityGetKeys();
+    return keys ? keys->Get().groupKey : KelAgentGetHttpPassword();
 }
 
 KelString AgentSecurityPacFindProxy(const AgentSecurityPacSettings& settings, const KelString& url,

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <memory>
 
 #include "kel/types.h"
@@ -19,6 +20,10 @@ struct AgentSecurityPacSettings {
 };
 using AgentSecurityPacContext = std::shared_ptr<const AgentSecurityPacSettings>;
 
+/// The keys of a device in a tree with keys; see kelcore/keys/key_ring.h.
+class KelKeyRing;
+using AgentSecurityKeys = std::shared_ptr<const KelKeyRing>;
+
 /// What is wrong with a password for a tree; empty when nothing is. A digest of it that is heard on the way
 /// can be tried against guesses without limit, so it has to be long.
 KelString PasswordProblem(const KelString& password);
@@ -32,6 +37,20 @@ bool AgentSecuritySslForceSecCli();  ///< outgoing connections must use TLS
 AgentSecuritySslContext AgentSecuritySslCliCtxAcquire();
 bool AgentSecurityPacForceSecCli();  ///< outgoing connections ask the PAC script for their proxy
 AgentSecurityPacContext AgentSecurityPacShrCtxAcquire();
+
+/// Makes this a device of a tree with keys: every connection of devices uses TLS with certificates on both
+/// sides from then on. Null: a plain tree. From any thread, when a certificate, the list of revoked ones or
+/// the parent has changed.
+void AgentSecuritySetKeys(AgentSecurityKeys keys);
+/// Null in a plain tree. From any thread.
+AgentSecurityKeys AgentSecurityGetKeys();
+/// The KelKeyRing::Id of these, 0 without; without locking, for those who only want to know whether they have
+/// changed.
+std::uint64_t AgentSecurityKeysId();
+
+/// What all devices of the tree know and others do not: the password, or with keys what the enrolment has
+/// given (empty before). Authenticates multicast datagrams. From any thread.
+KelString AgentSecurityGroupKey();
 
 /// Runs the script for `url` (host `host`): the first answer that can be used as "host:port", empty for a
 /// direct connection. Any thread; scripts run one at a time.

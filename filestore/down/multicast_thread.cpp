@@ -10,6 +10,7 @@
 #include "kelcore/agent.h"
 #include "kelcore/http/managed_transmission.h"
 #include "kelcore/multicast/sender.h"
+#include "kelcore/security.h"
 
 using namespace filestore;
 
@@ -106,7 +107,7 @@ unsigned int FileStoreMulticastThread::SendPackets(const FileStoreEntry& file,
     if (!sender.Open({.group = file.MulticastAddress,
                       .port = static_cast<std::uint16_t>(file.MulticastPort),
                       .ttl = FileStore::iMulticastTTL,
-                      .key = KelAgentGetHttpPassword(),
+                      .key = AgentSecurityGroupKey(),
                       .localAddresses = localAddresses}))
         return kNoSocket;
     HttpFileMessage message;

@@ -2,6 +2,7 @@
 
 #include "filestore/state/bandwidth_manager.h"
 #include "filestore/state/file_store.h"
+#include "kelcore/device_name.h"
 #include "kelcore/security.h"
 
 namespace filestore {
@@ -13,6 +14,7 @@ HttpTransfer::HttpTransfer(const char* threadName, const KelString& peerUrl, std
     client_.SetAuthentification(peer_.user, peer_.password);
     client_.SetCancelCheck(std::move(cancelled));
     client_.EnableAgentSecurity();
+    client_.ExpectDevice(GuidOfDevice("device" + peer_.path));
     FileStore::debugFileStore.Detail("%s: SSL is %s\n", threadName,
                                      AgentSecuritySslForceSecCli() ? "enabled" : "disabled");
     FileStore::debugFileStore.Detail("%s: PAC is %s\n", threadName,

@@ -34,11 +34,12 @@ bool IsCallOf(const KelContainer& arguments, const KelString& device) {
 
 bool CheckIsCallOf(const KelContainer& arguments, const KelString& device) {
     if (IsCallOf(arguments, device)) return true;
-    const KelString address = ActionRequestAddress(arguments);
+    const KelCallOrigin origin = CallOriginOf(arguments);
+    const bool isProved = !origin.deviceGuid.empty();
     FileStore::failures.Failed(
-        KelDebugLevel::Warning, "caller " + address,
-        KelFormat("Refusing a call from %S in the name of the device '%S', which has another address",
-                  address, device));
+        KelDebugLevel::Warning, "caller " + (isProved ? origin.deviceGuid : origin.address),
+        KelFormat("Refusing a call from %S in the name of the device '%S', which %S", origin.address, device,
+                  isProved ? "is not " + origin.deviceGuid : KelString("has another address")));
     return false;
 }
 

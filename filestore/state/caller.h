@@ -8,7 +8,8 @@
 namespace filestore {
 
 /// True when a call with these arguments can come from the device with this device URL or path name: one of
-/// this device speaks for any, a key proves the GUID, and otherwise it has to come from the device's address.
+/// this device speaks for any, a certificate proves the GUID, and in a plain tree it has to come from the
+/// device's address.
 bool IsCallOf(const KelContainer& arguments, const KelString& device);
 
 /// The same with the refusal of the call, which is logged.

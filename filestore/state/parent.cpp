@@ -82,5 +82,7 @@ void FileStore::GetRelayUrl(KelString& url, KelString& parentGuid) {
 void FileStore::GetDeviceUrl(const KelString& deviceUrl, KelString& url, KelString& guid) {
     const StringTokeniser pieces(deviceUrl, '/');
     guid = pieces.GetToken(1);
-    url = UrlForAgent(KelAgentGetName(), KelAgentGetHttpPassword(), pieces.GetToken(0));
+    // With the GUID, so that no other device is taken for this one where that can be proved.
+    url = UrlForAgent(KelAgentGetName(), KelAgentGetHttpPassword(),
+                      guid.empty() ? pieces.GetToken(0) : pieces.GetToken(0) + "/" + guid);
 }

@@ -18,6 +18,7 @@
 #include "filestore/up/upstream_file.h"
 #include "kel/file.h"
 #include "kel/path.h"
+#include "kelcore/call_origin.h"
 #include "kelcore/error_codes.h"
 #include "kelcore/file_values.h"
 
@@ -186,7 +187,8 @@ unsigned int ReceiveUpstreamRemote(KelContainer& arguments, Offer& offer) {
         return kKelErrorGuidScheme;
     }
     // What comes straight from a device is its own; what a relay passes on is from a device below it.
-    if (entry.FirstRelay.empty() && !CheckIsCallOf(arguments, entry.SourceDevice)) return kKelErrorBadInput;
+    const bool isPassedOn = !entry.FirstRelay.empty() && CallOriginOf(arguments).mayPassOn;
+    if (!isPassedOn && !CheckIsCallOf(arguments, entry.SourceDevice)) return kKelErrorBadInput;
     if (entry.FirstRelay.empty()) NoteSignOfLife(entry.SourceDevice);
     if (entry.FileSize == 0) return kKelErrorBadInput;
     if (entry.FirstRelay.empty()) entry.FirstRelay = OurDeviceUrl();

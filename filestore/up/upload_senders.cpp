@@ -20,7 +20,7 @@ Senders& Known() {
     return known;
 }
 
-/// What tells callers apart: the device that a key proves, else the address. Empty for this device.
+/// What tells callers apart: the device that a certificate proves, else the address. Empty for this device.
 KelString NameOf(const KelContainer& arguments) {
     const KelCallOrigin origin = CallOriginOf(arguments);
     return origin.deviceGuid.empty() ? origin.address : origin.deviceGuid;

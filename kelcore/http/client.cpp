@@ -7,11 +7,15 @@
 #include <memory>
 #include <utility>
 
+#include "kel/format.h"
 #include "kel/text.h"
 #include "kelcore/agent.h"
+#include "kelcore/device_name.h"
+#include "kelcore/failure_log.h"
 #include "kelcore/http/exchange.h"
 #include "kelcore/http/handle_pool.h"
 #include "kelcore/http/url.h"
+#include "kelcore/keys/peer_check.h"
 
 namespace {
 
@@ -32,11 +36,15 @@ bool IsUsableHost(const KelString& host, std::uint16_t port) {
     return port != 0 && UrlParseInet("http://" + host, parsed) && parsed.host == host;
 }
 
-/// What makes two exchanges share a handle.
-KelString PeerKey(const KelString& base, const KelString& user, const AgentSecuritySslContext& ssl) {
-    KelString key = base + '\n' + user + '\n' + KelAgentGetAddress();
-    if (ssl) key += '\n' + ssl->caFile + '\n' + ssl->certificateFile + '\n' + ssl->keyFile;
-    return key;
+/// Peers that are not trusted, for the log: callers say only that they could not be reached.
+KelFailureLog& Distrusted() {
+    static KelFailureLog log(CoreLog());
+    return log;
+}
+
+CURLcode ApplyPeerCheck(CURL*, void* context, void* check) {
+    const bool applied = static_cast<KelPeerCheck*>(check)->ApplyTo(static_cast<ssl_ctx_st*>(context));
+    return applied ? CURLE_OK : CURLE_SSL_CERTPROBLEM;
 }
 
 void SetConnection(CURL* easy, int connectTimeout, int exchangeTimeout) {
@@ -129,7 +137,16 @@ void HttpClient::EnablePac(AgentSecurityPacContext context) {
     pac_ = std::move(context);
 }
 
+void HttpClient::EnableKeys(AgentSecurityKeys keys) {
+    keys_ = std::move(keys);
+}
+
+void HttpClient::ExpectDevice(std::string_view guid) {
+    if (IsGuid(guid)) expectedGuid_ = guid;
+}
+
 void HttpClient::EnableAgentSecurity(bool needsTls) {
+    keys_ = AgentSecurityGetKeys();
     if (AgentSecuritySslForceSecCli()) {
         EnableSsl(AgentSecuritySslCliCtxAcquire());
     } else if (needsTls) {
@@ -177,13 +194,62 @@ unsigned int HttpClient::Exchange(const HttpMessage& request, HttpMessage& answe
     return result;
 }
 
+KelPeerExpectation HttpClient::Expected() const {
+    KelPeerExpectation expected = keys_->ExpectedAt(host_, port_);
+    if (!expectedGuid_.empty()) expected.guid = expectedGuid_;
+    return expected;
+}
+
+/// What makes two exchanges share a handle, and with it a connection: whoever is there has been checked for
+/// the one as it would be for the other.
+KelString HttpClient::PeerKey(const KelString& base) const {
+    KelString key = base + '\n' + user_ + '\n' + KelAgentGetAddress();
+    if (keys_) {
+        const KelPeerExpectation expected = Expected();
+        key += '\n' + std::to_string(keys_->Id()) + '\n' + expected.guid + '\n' + expected.fingerprint +
+               '\n' + expectedAuthority_;
+    } else if (ssl_) {
+        key += '\n' + ssl_->caFile + '\n' + ssl_->certificateFile + '\n' + ssl_->keyFile;
+    }
+    return key;
+}
+
+/// TLS in a tree with keys: the server is examined in the handshake, so that a stranger at the address
+/// receives nothing.
+void HttpClient::SetKeys(HttpHandle& handle) {
+    CURL* easy = handle.Easy();
+    if (!handle.peerCheck)
+        handle.peerCheck = expectedAuthority_.empty() ? std::make_unique<KelPeerCheck>(keys_, Expected())
+                                                      : std::make_unique<KelPeerCheck>(expectedAuthority_);
+    curl_easy_setopt(easy, CURLOPT_SSL_VERIFYPEER, 1L);
+    // Devices are known by their GUIDs, wherever they are.
+    curl_easy_setopt(easy, CURLOPT_SSL_VERIFYHOST, 0L);
+    curl_easy_setopt(easy, CURLOPT_SSLVERSION, static_cast<long>(CURL_SSLVERSION_TLSv1_3));
+    curl_easy_setopt(easy, CURLOPT_CAINFO, nullptr);
+    curl_easy_setopt(easy, CURLOPT_CAPATH, nullptr);
+    curl_easy_setopt(easy, CURLOPT_SSL_CTX_FUNCTION, &ApplyPeerCheck);
+    curl_easy_setopt(easy, CURLOPT_SSL_CTX_DATA, handle.peerCheck.get());
+}
+
+/// Keeps who has answered, and logs whoever must not.
+void HttpClient::TakePeer(const HttpHandle& handle, unsigned int result) {
+    peer_ = handle.peerCheck->Peer();
+    peerAuthority_ = handle.peerCheck->PresentedAuthority();
+    const KelString place = KelFormat("%S:%u", host_, unsigned{port_});
+    if (result == kHttpCompleted) return Distrusted().Succeeded(place, place + " is trusted again");
+    if (result != kHttpSecurity || peer_.problem.empty()) return;
+    errorText_ = "it is not trusted: " + peer_.problem;
+    Distrusted().Failed(KelDebugLevel::Warning, place,
+                        KelFormat("What answers at %S is not trusted: %S", place, peer_.problem));
+}
+
 unsigned int HttpClient::RunOnHandle(const HttpMessage& request, HttpMessage& answer,
                                      HttpManagedTransmission* transmission) {
-    const bool secure = ssl_ != nullptr;
+    const bool secure = ssl_ != nullptr || keys_ != nullptr;
     const KelString base = (secure ? "https://" : "http://") + host_ + ":" + std::to_string(port_);
     const KelString url = base + UrlEncodePath(request.GetResourcePath());
     const bool isNarrow = HttpExchange::IsNarrow(transmission);
-    const KelString key = PeerKey(base, user_, ssl_) + (isNarrow ? "\nnarrow" : "") + "\n" + socket_;
+    const KelString key = PeerKey(base) + (isNarrow ? "\nnarrow" : "") + "\n" + socket_;
     std::unique_ptr<HttpHandle> handle = HttpHandlePool::Instance().Acquire(key);
     handle->isNarrow = isNarrow;
     CURL* easy = handle->Easy();
@@ -191,8 +257,11 @@ unsigned int HttpClient::RunOnHandle(const HttpMessage& request, HttpMessage& an
     curl_easy_setopt(easy, CURLOPT_URL, url.c_str());
     if (!socket_.empty()) SetSocketPath(easy, socket_);
     SetProxy(easy, pac_ ? AgentSecurityPacFindProxy(*pac_, url, host_) : KelString());
-    if (secure) SetTls(easy, *ssl_);
-    SetCredentials(*handle, user_, password_, secure);
+    if (keys_)
+        SetKeys(*handle);
+    else if (secure)
+        SetTls(easy, *ssl_);
+    if (!keys_) SetCredentials(*handle, user_, password_, secure);
     unsigned int result = kHttpCompleted;
     {
         HttpExchange exchange(*handle, request, answer, transmission,
@@ -203,7 +272,10 @@ unsigned int HttpClient::RunOnHandle(const HttpMessage& request, HttpMessage& an
         errorText_ = exchange.ErrorText();
         if (exchange.HasUnsafeChallenge()) return result;
     }
-    RememberScheme(*handle, secure);
+    if (keys_)
+        TakePeer(*handle, result);
+    else
+        RememberScheme(*handle, secure);
     localAddress_ = LocalAddressOf(easy);
     HttpHandlePool::Instance().Release(key, std::move(handle));
     return result;

@@ -3,6 +3,8 @@
 #include <chrono>
 #include <cstdint>
 #include <functional>
+#include <optional>
+#include <string_view>
 
 #include "kel/debug.h"
 #include "kel/ip_address.h"
@@ -10,6 +12,7 @@
 #include "kelcore/http/managed_transmission.h"
 #include "kelcore/http/message.h"
 #include "kelcore/http/speed_watch.h"
+#include "kelcore/keys/key_ring.h"
 #include "kelcore/security.h"
 
 /// Results of an exchange.
@@ -24,6 +27,8 @@ inline constexpr unsigned int kHttpSecurity =
 inline constexpr unsigned int kHttpDiskFull = 8;  ///< no space for the local body file
 inline constexpr unsigned int kHttpCutOff =
     11;  ///< cut off after it began: connection lost, window closed, cancelled
+
+class HttpHandle;
 
 /// An HTTP/1.1 client (RFC 9112) with digest authentication (RFC 7616, SHA-256); basic is answered over TLS
 /// only. Connections are kept and reused per peer and credentials by all clients of the process. Outgoing
@@ -43,7 +48,15 @@ class HttpClient {
     void SetAuthentification(const KelString& user, const KelString& password);
     void EnableSsl(AgentSecuritySslContext context);
     void EnablePac(AgentSecurityPacContext context);
-    /// Enables TLS and the PAC script as the agent's configuration demands (kelcore/security.h). With
+    /// Uses TLS with the certificates of a tree with keys: credentials are not sent, since the certificate
+    /// stands for them. Takes the place of the settings of EnableSsl.
+    void EnableKeys(AgentSecurityKeys keys);
+    /// The device that has to answer, by its GUID; anything else is ignored. Only where keys are in use.
+    void ExpectDevice(std::string_view guid);
+    /// Has a server accepted that presents the authority with this fingerprint with its own certificate, for
+    /// a device that is about to join the tree. Needs EnableKeys.
+    void ExpectAuthority(const KelString& fingerprint) { expectedAuthority_ = fingerprint; }
+    /// Enables keys, TLS and the PAC script as the agent's configuration demands (kelcore/security.h). With
     /// `needsTls` TLS is enabled in any case, with the system's authorities when the agent has no settings.
     void EnableAgentSecurity(bool needsTls = false);
 
@@ -62,12 +75,21 @@ class HttpClient {
 
     /// This device's end of the connection that carried the last exchange.
     IpAddress GetLocalAddress() const { return localAddress_; }
+    /// The device that answered, where keys are in use: as its certificate says that was presented when the
+    /// connection was made. The authority is what ExpectAuthority has asked for.
+    const KelTlsPeer& GetPeer() const { return peer_; }
+    const std::optional<KelCertificate>& GetPeerAuthority() const { return peerAuthority_; }
+
     /// What went wrong in the last exchange, for the log; empty when it completed.
     const KelString& GetErrorText() const { return errorText_; }
 
   private:
     unsigned int Exchange(const HttpMessage& request, HttpMessage& answer,
                           HttpManagedTransmission* transmission);
+    KelPeerExpectation Expected() const;
+    KelString PeerKey(const KelString& base) const;
+    void SetKeys(HttpHandle& handle);
+    void TakePeer(const HttpHandle& handle, unsigned int result);
     unsigned int RunOnHandle(const HttpMessage& request, HttpMessage& answer,
                              HttpManagedTransmission* transmission);
 
@@ -82,6 +104,11 @@ class HttpClient {
     KelString password_;
     AgentSecuritySslContext ssl_;
     AgentSecurityPacContext pac_;
+    AgentSecurityKeys keys_;
+    KelString expectedGuid_;
+    KelString expectedAuthority_;
+    KelTlsPeer peer_;
+    std::optional<KelCertificate> peerAuthority_;
     std::function<bool()> cancelled_;
     IpAddress localAddress_;
     KelString errorText_;

@@ -5,6 +5,7 @@
 
 #include "kel/mutex.h"
 #include "kel/types.h"
+#include "kelcore/keys/peer_check.h"
 
 /// A transfer handle of the HTTP library with the connections it keeps open and what it remembers of the
 /// peer's authentication (digest nonce and its count). One exchange at a time.
@@ -24,6 +25,9 @@ class HttpHandle {
 
     /// Its connections are made with small receive buffers, for transfers at low rates.
     bool isNarrow = false;
+
+    /// Checks the peer of its connections in a tree with keys; null otherwise.
+    std::unique_ptr<KelPeerCheck> peerCheck;
 
   private:
     void* easy_ = nullptr;

@@ -185,7 +185,9 @@ void Console::Register(const char* handle) {
            .changes = true}},
          {&Console::RemoveDevice,
           {.signature = "ConsoleRemoveDevice",
-           .purpose = "Removes a device from the tree until it reports itself again.",
+           .purpose =
+               "Removes a device from the tree until it reports itself again, and revokes its certificate, "
+               "if it has one.",
            .inputs = "string Device (GUID or name)",
            .outputs = "string GUID, string Name",
            .results = "1 no such device; 18 not written",
@@ -375,7 +377,19 @@ unsigned int Console::RemoveDevice(KelContainer* arguments) {
     if (!result) return Fail(arguments, result.Error());
     stages_.Signal();
     *arguments = std::move(*result);
-    return kKelOk;
+    return RevokeKeys(arguments);
+}
+
+/// In a tree with keys, a device that was removed stays out until it is invited again.
+unsigned int Console::RevokeKeys(KelContainer* arguments) {
+    KelContainer revoke;
+    const KelString guid = arguments->GetString("GUID");
+    revoke.SetString("GUID", guid);
+    const unsigned int code = CallLocal("KeysRevoke", revoke);
+    if (code == kKelOk || code == kKelErrorUnknownAction || code == kKelErrorMissingContent) return kKelOk;
+    return Fail(arguments,
+                {code, "The device was removed, but its certificate was not revoked: " +
+                           revoke.GetString("Message") + "; revoke it with 'kel keys revoke " + guid + "'"});
 }
 
 unsigned int Console::ReceiveUpstream(KelContainer* arguments) {

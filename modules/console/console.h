@@ -44,6 +44,7 @@ class Console : public KelModule {
     unsigned int Explain(KelContainer* arguments);
     unsigned int Withdraw(KelContainer* arguments);
     unsigned int RemoveDevice(KelContainer* arguments);
+    unsigned int RevokeKeys(KelContainer* arguments);
     unsigned int ReceiveUpstream(KelContainer* arguments);
     KelResult<KelContainer> ReadTargets(const KelString& id);
 

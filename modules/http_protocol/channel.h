@@ -7,6 +7,7 @@
 #include <string_view>
 
 #include "kelcore/call_origin.h"
+#include "kelcore/keys/key_ring.h"
 
 namespace kelhttp {
 
@@ -49,7 +50,9 @@ class Channel {
 
     virtual bool IsEncrypted() const = 0;
     /// What the connection shows of the peer, once it is open; without its address.
-    virtual KelPeer Peer() const { return {}; }
+    virtual KelPeer Peer() const = 0;
+    /// What the certificate of the peer says, in a tree with keys; null elsewhere.
+    virtual const KelTlsPeer* TlsPeer() const { return nullptr; }
     /// A number that changes whenever the peer has acknowledged bytes: distinguishes a slow peer from one
     /// that has stopped reading.
     virtual std::uint64_t BytesTaken() = 0;

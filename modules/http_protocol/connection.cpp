@@ -53,6 +53,7 @@ void Connection::Enter(State state) {
 void Connection::OnOpened(bool ok) {
     if (state_ == State::Closed) return;
     if (!ok) return Close();
+    NoteCertificate();
     Enter(State::Head);
     ProcessInput();
 }
@@ -133,6 +134,7 @@ void Connection::ReadMore() {
 
 void Connection::OnTick(Clock::time_point now) {
     const ServerSettings& settings = context_.settings;
+    if (state_ != State::Opening && !IsPeerTrusted()) return Close();
     const auto passed = now - since_;
     bool late = false;
     switch (state_) {

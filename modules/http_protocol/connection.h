@@ -66,6 +66,11 @@ class Connection final : public ChannelUser,
     bool RefuseHead(unsigned int status);
     void Route(const RequestHead& request);
     bool Authenticate(const RequestHead& request);
+    bool AuthenticatePeer();
+    bool IsPeerTrusted();
+    void NoteCertificate();
+    bool AdmitStranger(const RequestHead& request);
+    bool CheckCredentials(const RequestHead& request);
     bool AdmitAuthenticated();
     void RefuseCredentials(bool isStale);
     bool NoteWrongCredentials(Clock::time_point now);
@@ -73,6 +78,7 @@ class Connection final : public ChannelUser,
     void AcceptAction(const RequestHead& request);
     void AcceptBody(State state);
     KelPeer Sender() const;
+    KelString SenderName() const;
     bool TakeActionBody();
     void CallAction();
     void FinishAction(ActionAnswer& answer);
@@ -120,6 +126,7 @@ class Connection final : public ChannelUser,
     bool isAuthenticated_ = false;  ///< a request had valid credentials
     bool working_ = false;          ///< counted as working in the table of peers
     DigestAuth::Memory authMemory_;
+    std::uint64_t keysId_ = 0;  ///< of the keys by which the peer was found to be trusted last
 
     KelString input_;  ///< received and not used yet
     KelString output_;

@@ -3,6 +3,9 @@
 #include <algorithm>
 
 #include "kel/format.h"
+#include "kelcore/action_db.h"
+#include "kelcore/error_codes.h"
+#include "kelcore/security.h"
 #include "modules/http_protocol/connection.h"
 #include "modules/http_protocol/protected_files.h"
 #include "modules/http_protocol/request_path.h"
@@ -13,6 +16,8 @@ namespace {
 constexpr std::string_view kActionPrefix = "/Action/";
 /// The most that is reserved for an announced body before its bytes come.
 constexpr std::uint64_t kFirstReserve = 256 << 10;
+/// The largest call of a device without a certificate, which asks for one.
+constexpr std::uint64_t kMaxStrangerBytes = 16 << 10;
 /// Empty lines before a request are skipped up to this size.
 constexpr std::size_t kMaxBlankBytes = 1024;
 
@@ -79,10 +84,77 @@ void Connection::Route(const RequestHead& request) {
     }
 }
 
+/// Logs whoever calls with a certificate that proves nothing; the request is one of a stranger.
+void Connection::NoteCertificate() {
+    const KelTlsPeer* const peer = channel_->TlsPeer();
+    if (peer == nullptr) return;
+    const KelString key = "certificate " + peer_.ToText();
+    if (!peer->problem.empty())
+        context_.failures.Failed(KelDebugLevel::Warning, key,
+                                 KelFormat("The certificate of a caller at %S is not accepted: %S",
+                                           peer_.ToText(), peer->problem));
+    else if (peer->isVerified)
+        context_.failures.Succeeded(key,
+                                    "Certificates of callers at " + peer_.ToText() + " are accepted again");
+}
+
+/// False once the certificate of the peer has been revoked. True where nothing was proved.
+bool Connection::IsPeerTrusted() {
+    const KelTlsPeer* const peer = channel_->TlsPeer();
+    const std::uint64_t id = AgentSecurityKeysId();
+    if (peer == nullptr || !peer->isVerified || keysId_ == id) return true;
+    const AgentSecurityKeys keys = AgentSecurityGetKeys();
+    if (!keys || !keys->IsStillTrusted(*peer)) return false;
+    keysId_ = id;
+    return true;
+}
+
+bool Connection::AuthenticatePeer() {
+    if (IsPeerTrusted()) return isAuthenticated_ || AdmitAuthenticated();
+    keepAlive_ = false;
+    RespondError(401);
+    return false;
+}
+
+/// A device without a certificate may only call what says so. Everything else is refused before its body is
+/// read, and the body of such a call is short.
+bool Connection::AdmitStranger(const RequestHead& request) {
+    keepAlive_ = false;
+    const std::optional<KelString> path = DecodeRequestPath(request.target);
+    const bool isForStrangers = request.method == Method::Post && path && path->starts_with(kActionPrefix) &&
+                                ActionDbAdmits(path->substr(kActionPrefix.size()), KelCallers::Stranger);
+    if (!isForStrangers) {
+        RespondError(401);
+        return false;
+    }
+    if (context_.guesses.IsExceeded(peer_, Clock::now())) {
+        RespondError(429, "Too many requests that were refused; try again later\n");
+        return false;
+    }
+    if (bodyLeft_ > kMaxStrangerBytes) {
+        RespondError(413);
+        return false;
+    }
+    return true;
+}
+
 /// False when the request was answered with 401, or is going to be.
 bool Connection::Authenticate(const RequestHead& request) {
+    switch (channel_->Peer().proof) {
+        case KelPeer::Proof::Socket:
+            return isAuthenticated_ || AdmitAuthenticated();
+        case KelPeer::Proof::Certificate:
+            return AuthenticatePeer();
+        case KelPeer::Proof::None:
+            return AdmitStranger(request);
+        case KelPeer::Proof::Password:
+            break;
+    }
+    return CheckCredentials(request);
+}
+
+bool Connection::CheckCredentials(const RequestHead& request) {
     const Clock::time_point now = Clock::now();
-    if (channel_->Peer().proof == KelPeer::Proof::Socket) return isAuthenticated_ || AdmitAuthenticated();
     const std::string_view authorization = request.Field("Authorization");
     if (authorization.empty()) {
         RefuseCredentials(false);
@@ -180,6 +252,12 @@ KelPeer Connection::Sender() const {
     return sender;
 }
 
+/// What tells senders apart.
+KelString Connection::SenderName() const {
+    const KelPeer sender = Sender();
+    return sender.deviceGuid.empty() ? sender.address.ToText() : sender.deviceGuid;
+}
+
 /// Goes on to `state`, which reads the body; a peer that waits for 100 (Continue) is sent that first.
 void Connection::AcceptBody(State state) {
     if (!hasExpectation_ || bodyLeft_ == 0) return Enter(state);
@@ -222,6 +300,9 @@ void Connection::CallAction() {
 
 void Connection::FinishAction(ActionAnswer& answer) {
     if (state_ != State::Working) return;
+    const bool isStranger = channel_->Peer().proof == KelPeer::Proof::None;
+    if (isStranger && (answer.status != 200 || answer.result == kKelErrorBadInput))
+        context_.guesses.NoteFailure(peer_, Clock::now());
     if (answer.status != 200) {
         RespondError(answer.status, answer.body);
     } else {

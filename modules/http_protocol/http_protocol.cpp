@@ -108,13 +108,16 @@ bool HttpProtocol::Initialise() {
     }
     settings.port = server->Port();
     settings.sslPort = server->SslPort();
-    if (AgentSecuritySslForceSecCli() && settings.sslPort == 0)
+    if (AgentSecurityGetKeys() && !settings.certificateFile.empty())
+        Log().Warning(
+            "Section Ssl is not used in a tree with keys: the port of section HttpProtocol has TLS.\n");
+    else if (AgentSecuritySslForceSecCli() && settings.sslPort == 0)
         Log().Warning(
             "SslForce is set, but there is no CertificateFile in section Ssl: devices with SslForce "
             "cannot call this device.\n");
     if (settings.bandwidthPort != 0) settings.bandwidthPort = server->BandwidthPort();
     auto receiver = std::make_unique<MulticastReceiver>(
-        kelhttp::MulticastSettings{KelAgentGetAddress(), settings.password, settings.multicastTimeout,
+        kelhttp::MulticastSettings{KelAgentGetAddress(), settings.multicastTimeout,
                                    settings.multicastMaxGroups},
         aliases_, Log());
     const KelLock lock(mutex_);
@@ -140,7 +143,8 @@ bool HttpProtocol::Activate() {
     if (const KelStatus running = server->Run(); !running)
         throw std::runtime_error("the HTTP server " + running.Error().message);
     const KelLock lock(mutex_);
-    Log().Print("Listening on %S:%u.\n", settings_.address, static_cast<unsigned int>(settings_.port));
+    Log().Print("Listening on %S:%u%s.\n", settings_.address, static_cast<unsigned int>(settings_.port),
+                AgentSecurityGetKeys() ? " with TLS and the keys of the tree" : "");
     if (settings_.sslPort != 0)
         Log().Print("Listening on %S:%u with TLS.\n", settings_.address,
                     static_cast<unsigned int>(settings_.sslPort));
@@ -204,7 +208,7 @@ unsigned int HttpProtocol::GetParams(KelContainer* arguments) const {
     {
         const KelLock lock(mutex_);
         values.SetInt32("Port", PortForDevices());
-        values.SetBool("Ssl", PortForDevices() != settings_.port);
+        values.SetBool("Ssl", AgentSecurityGetKeys() != nullptr || PortForDevices() != settings_.port);
         values.SetString("Address", settings_.address);
     }
     container.Clear();

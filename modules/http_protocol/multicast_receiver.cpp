@@ -12,6 +12,7 @@
 #include "kelcore/action_db.h"
 #include "kelcore/error_codes.h"
 #include "kelcore/file_values.h"
+#include "kelcore/security.h"
 
 namespace kelhttp {
 namespace {
@@ -131,7 +132,7 @@ unsigned int MulticastReceiver::Add(const MulticastOrder& order, KelString& mess
             return kKelErrorNotAvailable;
         }
     }
-    const auto reception = std::make_shared<MulticastReception>(order, *place, settings_.password, log_);
+    const auto reception = std::make_shared<MulticastReception>(order, *place, AgentSecurityGroupKey(), log_);
     const IpAddress local = IpAddress::Parse(settings_.address).value_or(IpAddress());
     if (const KelStatus opened = reception->Open(local); !opened) {
         message = opened.Error().message;

@@ -22,7 +22,6 @@ namespace kelhttp {
 
 struct MulticastSettings {
     KelString address;   ///< of the interface that groups are joined through; empty: as the routes say
-    KelString password;  ///< the tree's
     int timeout = 600;   ///< seconds without a datagram after which a reception ends
     int maxGroups = 16;  ///< receptions at the same time
 };

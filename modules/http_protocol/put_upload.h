@@ -25,7 +25,7 @@ class PutUpload {
 
     struct Request {
         KelString url;            ///< the decoded request path
-        KelString peer;           ///< the sender's address
+        KelString peer;           ///< the sender: the GUID that a certificate proves, else the address
         std::uint64_t first = 0;  ///< where the body belongs in the file; what stands before it came earlier
         std::uint64_t size = 0;   ///< of the whole file, in bytes
         KelPeer sender = {};      ///< whose origin goes along with the events

@@ -10,6 +10,7 @@
 #include "kelcore/error_codes.h"
 #include "modules/http_protocol/connection.h"
 #include "modules/http_protocol/io_loop.h"
+#include "modules/http_protocol/keyed_tls.h"
 #include "modules/http_protocol/listener.h"
 #include "modules/http_protocol/local_listener.h"
 #include "modules/http_protocol/plain_channel.h"
@@ -56,7 +57,7 @@ struct Server::State {
         : loops(static_cast<std::size_t>(settings.ioThreads)),
           context(WithinOpenFileLimit(std::move(settings)), aliases, log) {}
 
-    enum class Kind : unsigned char { Plain, Tls, Probe, Local };
+    enum class Kind : unsigned char { Plain, Tls, Keys, Probe, Local };
 
     std::shared_ptr<Listener> MakeListener(Kind kind) {
         return std::make_shared<Listener>(
@@ -93,14 +94,8 @@ struct Server::State {
             sink->Start();
             member = sink;
         } else {
-            std::unique_ptr<Channel> channel;
-            if (kind == Kind::Tls)
-                channel = std::make_unique<TlsChannel>(MakeSocket(loop, fd), *tls);
-            else if (kind == Kind::Local)
-                channel = std::make_unique<PlainChannel>(MakeLocalSocket(loop, fd), KelPeer::Proof::Socket);
-            else
-                channel = std::make_unique<PlainChannel>(MakeSocket(loop, fd), KelPeer::Proof::Password);
-            const auto connection = std::make_shared<Connection>(context, loop, std::move(channel), place);
+            const auto connection =
+                std::make_shared<Connection>(context, loop, MakeChannel(kind, loop, fd), place);
             connection->Start();
             member = connection;
         }
@@ -110,6 +105,16 @@ struct Server::State {
             });
         };
         if (!context.peers.SetClose(place, close)) member->Abort();
+    }
+
+    std::unique_ptr<Channel> MakeChannel(Kind kind, IoLoop& loop, UniqueFd& fd) {
+        if (kind == Kind::Tls) return std::make_unique<TlsChannel>(MakeSocket(loop, fd), *tls, nullptr);
+        if (kind == Kind::Local)
+            return std::make_unique<PlainChannel>(MakeLocalSocket(loop, fd), KelPeer::Proof::Socket);
+        if (kind == Kind::Plain)
+            return std::make_unique<PlainChannel>(MakeSocket(loop, fd), KelPeer::Proof::Password);
+        const auto [keys, tlsContext] = keyedTls.Current();
+        return std::make_unique<TlsChannel>(MakeSocket(loop, fd), *tlsContext, keys);
     }
 
     KelStatus OpenTls() {
@@ -141,6 +146,7 @@ struct Server::State {
     std::vector<IoLoop> loops;
     ServerContext context;
     std::unique_ptr<boost::asio::ssl::context> tls;
+    KeyedTls keyedTls;
     std::shared_ptr<Listener> listener, sslListener, probeListener;
     std::shared_ptr<LocalListener> localListener;
     std::size_t next = 0;  ///< used on the first loop only
@@ -155,9 +161,10 @@ Server::~Server() {
 
 KelStatus Server::Open() {
     const ServerSettings& settings = state_->context.settings;
-    state_->listener = state_->MakeListener(State::Kind::Plain);
+    const bool hasKeys = AgentSecurityGetKeys() != nullptr;
+    state_->listener = state_->MakeListener(hasKeys ? State::Kind::Keys : State::Kind::Plain);
     if (KelStatus bound = state_->listener->Bind(settings.address, settings.port); !bound) return bound;
-    if (!settings.certificateFile.empty()) {
+    if (!settings.certificateFile.empty() && !hasKeys) {
         if (KelStatus opened = state_->OpenTls(); !opened) return opened;
     }
     if (settings.bandwidthPort == 0) return {};

@@ -5,6 +5,7 @@
 #include <boost/asio/buffer.hpp>
 #include <boost/asio/write.hpp>
 #include <cstring>
+#include <ctime>
 
 namespace kelhttp {
 namespace {
@@ -14,15 +15,32 @@ constexpr std::size_t kPieceBytes = 64 << 10;
 
 }  // namespace
 
-TlsChannel::TlsChannel(boost::asio::ip::tcp::socket socket, boost::asio::ssl::context& context)
-    : stream_(std::move(socket), context), input_(kInputBytes) {
+TlsChannel::TlsChannel(boost::asio::ip::tcp::socket socket, boost::asio::ssl::context& context,
+                       AgentSecurityKeys keys)
+    : stream_(std::move(socket), context), keys_(std::move(keys)), input_(kInputBytes) {
     boost::system::error_code ignored;
     stream_.next_layer().set_option(boost::asio::ip::tcp::no_delay(true), ignored);
 }
 
 void TlsChannel::Open(const User& user) {
     stream_.async_handshake(boost::asio::ssl::stream_base::server,
-                            [user](const boost::system::error_code& error) { user->OnOpened(!error); });
+                            [this, user](const boost::system::error_code& error) {
+                                if (!error) ExaminePeer();
+                                user->OnOpened(!error);
+                            });
+}
+
+/// After every handshake, also one that resumes a session: much may have changed since that began.
+void TlsChannel::ExaminePeer() {
+    X509* const certificate = SSL_get0_peer_certificate(stream_.native_handle());
+    if (keys_ && certificate != nullptr)
+        peer_ = keys_->Examine(certificate, KelTlsSide::Client, {}, std::time(nullptr));
+}
+
+KelPeer TlsChannel::Peer() const {
+    if (!keys_) return {.proof = KelPeer::Proof::Password};
+    if (!peer_.isVerified) return {.proof = KelPeer::Proof::None};
+    return {.proof = KelPeer::Proof::Certificate, .deviceGuid = peer_.guid, .deviceRole = peer_.role};
 }
 
 void TlsChannel::Read(std::span<char> into, const User& user) {

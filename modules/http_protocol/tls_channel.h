@@ -4,6 +4,7 @@
 #include <boost/asio/ssl/stream.hpp>
 #include <vector>
 
+#include "kelcore/security.h"
 #include "modules/http_protocol/channel.h"
 
 namespace kelhttp {
@@ -11,7 +12,9 @@ namespace kelhttp {
 /// A channel over TLS (RFC 8446). File bodies are read and encrypted piece by piece.
 class TlsChannel final : public Channel {
   public:
-    TlsChannel(boost::asio::ip::tcp::socket socket, boost::asio::ssl::context& context);
+    /// With `keys`, the certificate that the client presents is examined; null in a plain tree.
+    TlsChannel(boost::asio::ip::tcp::socket socket, boost::asio::ssl::context& context,
+               AgentSecurityKeys keys);
 
     void Open(const User& user) override;
     void Read(std::span<char> into, const User& user) override;
@@ -20,12 +23,17 @@ class TlsChannel final : public Channel {
     void ShutdownSend() override;
     void Close() override;
     bool IsEncrypted() const override { return true; }
+    KelPeer Peer() const override;
+    const KelTlsPeer* TlsPeer() const override { return keys_ ? &peer_ : nullptr; }
     std::uint64_t BytesTaken() override;
 
   private:
     void SendNextPiece(const User& user);
+    void ExaminePeer();
 
     boost::asio::ssl::stream<boost::asio::ip::tcp::socket> stream_;
+    const AgentSecurityKeys keys_;
+    KelTlsPeer peer_;
     std::vector<char> input_;
     std::vector<char> piece_;
     int file_ = -1;

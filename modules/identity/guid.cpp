@@ -1,6 +1,5 @@
 #include "modules/identity/guid.h"
 
-#include "kel/checksum.h"
 #include "kel/file.h"
 #include "kel/text.h"
 #include "kelcore/device_name.h"
@@ -11,10 +10,6 @@ namespace {
 constexpr std::size_t kSchemeDigits = 4;
 constexpr std::uint64_t kMaxFileBytes = 128;
 
-bool IsHyphenPosition(std::size_t index) {
-    return index == 8 || index == 13 || index == 18 || index == 23;
-}
-
 KelResult<KelString> MakeAndKeep(const KelString& path) {
     const KelString guid = MakeGuid();
     if (const KelStatus kept = KeepGuid(path, guid); !kept) return kept.Error();
@@ -22,15 +17,6 @@ KelResult<KelString> MakeAndKeep(const KelString& path) {
 }
 
 }  // namespace
-
-KelString MakeGuid() {
-    KelString guid;
-    for (const char digit : HexText(RandomBytes(16))) {
-        if (IsHyphenPosition(guid.size())) guid += '-';
-        guid += (digit >= 'a' && digit <= 'f') ? static_cast<char>(digit - 'a' + 'A') : digit;
-    }
-    return guid;
-}
 
 KelString WithSchemeOf(const KelString& guid, const KelString& model) {
     return model.substr(0, kSchemeDigits) + guid.substr(kSchemeDigits);

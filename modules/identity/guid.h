@@ -7,9 +7,6 @@
 // A device's GUID: "8-4-4-4-12" upper-case hexadecimal digits. Its first four digits are the scheme, common
 // to all devices of a tree. All functions may be called from any thread.
 
-/// A new random GUID.
-KelString MakeGuid();
-
 /// `guid` with the scheme of `model`; both are GUIDs.
 KelString WithSchemeOf(const KelString& guid, const KelString& model);
 

@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "kel/text.h"
+#include "kelcore/call_origin.h"
 #include "kelcore/device_name.h"
 
 namespace {
@@ -18,6 +19,8 @@ constexpr std::size_t kMostBytes = 64;
 void ChildVersions::Note(const KelContainer& call, std::int64_t now) {
     const KelString guid = call.GetString("ChildGuid");
     const KelString version = call.GetString("ChildVersion");
+    const KelString proved = CallOriginOf(call).deviceGuid;
+    if (!proved.empty() && proved != guid) return;
     if (!IsGuid(guid) || version.empty() || version.size() > kMostBytes || HasControlCharacter(version))
         return;
     const KelLock lock(mutex_);

@@ -10,7 +10,8 @@
 /// values. Any thread.
 class ChildVersions {
   public:
-    /// Remembers a child that calls with the texts ChildGuid and ChildVersion; anything else is ignored.
+    /// Remembers a child that calls with the texts ChildGuid and ChildVersion; anything else is ignored, as
+    /// is a GUID that its certificate does not say.
     void Note(const KelContainer& call, std::int64_t now);
 
     /// A container with GUID, Version and LastSeen under "Values" for each child that has called lately.

@@ -11,6 +11,7 @@
 #include "kelcore/device_name.h"
 #include "kelcore/error_codes.h"
 #include "kelcore/http/url.h"
+#include "kelcore/security.h"
 #include "kelcore/version.h"
 
 namespace {
@@ -41,8 +42,13 @@ unsigned int AskForValues(const KelString& url, const char* action, KelContainer
 KelString CallProblem(unsigned int code) {
     switch (code) {
         case kKelErrorUnreachable:
-            return "it cannot be reached; check its name and port, and that its agent runs";
+            return AgentSecurityGetKeys()
+                       ? "it cannot be reached or is not trusted; check its name and port, that its agent "
+                         "runs, and the log of this device"
+                       : "it cannot be reached; check its name and port, and that its agent runs";
         case kKelErrorCredentials:
+            if (AgentSecurityGetKeys())
+                return "it does not accept the certificate of this device; its log says why";
             return "it refuses the agent name and HTTP password of this device; they must be the same in the "
                    "whole tree";
         default:

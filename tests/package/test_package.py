@@ -130,7 +130,8 @@ class PackageTest(unittest.TestCase):
         debian = self.debian
         debian.install(earlier_packages(debian.folder / "earlier"))
         debian.run("sh", "-c", "umask 077; head -c 24 /dev/urandom | base64 > /root/password")
-        common = ("--port", 21644, "--password-file", "/root/password")
+        plain = ["--plain"] if "--plain" in self.kel("init", "--help") else []  # an earlier version knows no keys
+        common = ("--port", 21644, *plain, "--password-file", "/root/password")
         self.kel("init", "/var/lib/kel", "--role", "master", "--address", "127.0.44.1", *common)
         self.kel("init", SHOP[1], "--role", "client", "--address", "127.0.44.2", "--parent", "127.0.44.1:21644",
                  *common)

@@ -87,7 +87,7 @@ class StartTest(SystemTest):
                 self.assertIn(text, self.refused(agent.kel, "send", "--type", "t", "--label", "l", *files))
             self.assertNotIn("good.bin", [file["name"] for file in agent.kel("files", "--upstream")])
             again = self.refused(agent.kel, "init", agent.root, "--role", "master", "--address", "127.9.9.9", "--port",
-                                 20000, "--password-file", tree.password_file)
+                                 20000, "--plain", "--password-file", tree.password_file)
             self.assertIn("exists", again)
 
 

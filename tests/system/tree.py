@@ -133,9 +133,13 @@ class Agent:
 
     def run_kel_init(self):
         command = [self.tree.kel, "init", self.root, "--role", self.role, "--address", self.address, "--port",
-                   str(self.port), "--password-file", self.tree.password_file, "--name", AGENT_NAME]
+                   str(self.port), "--name", AGENT_NAME]
         if self.parent:
             command += ["--parent", f"{self.parent.address}:{self.parent.port}"]
+        if not self.tree.keys:
+            command += ["--plain", "--password-file", self.tree.password_file]
+        elif self.parent:
+            command += ["--join", self.tree.invitation()]
         subprocess.run(command, check=True, stdout=subprocess.DEVNULL)
         self.set_ini("Identity", "Identity", "HostName", self.name)
         if getattr(self.tree.clock, "speed", 1) > 1:  # the interval has to keep up with the time-outs
@@ -143,6 +147,8 @@ class Agent:
         if self.tree.short_intervals:
             for key in ("RetryInterval", "CheckInterval"):
                 self.set_ini("Relay", "Relay", key, 1)
+                if self.tree.keys:
+                    self.set_ini("Keys", "Keys", key, 1)
 
     @property
     def data(self):
@@ -255,15 +261,16 @@ class Agent:
 class Tree:
     """Agents with one master; `shape` gives the number of clients below each relay, as [2, 2].
 
-    With `short_intervals`, agents look for their parent every second instead of at the defaults. The folder is kept for
-    inspection with `keep` or when KEL_KEEP is in the environment.
+    With `keys`, the devices have keys and certificates, otherwise they share a password. With `short_intervals`, agents
+    look for their parent every second instead of at the defaults. The folder is kept for inspection with `keep` or when
+    KEL_KEEP is in the environment.
     """
 
-    def __init__(self, build, shape, clock=None, keep=False, short_intervals=True):
+    def __init__(self, build, shape, clock=None, keep=False, short_intervals=True, keys=False):
         build = pathlib.Path(build).resolve()
         self.kelagent, self.kel = build / "bin" / "kelagent", build / "bin" / "kel"
         self.clock, self.keep = clock, keep or "KEL_KEEP" in os.environ
-        self.short_intervals = short_intervals
+        self.short_intervals, self.keys = short_intervals, keys
         self.folder = pathlib.Path(tempfile.mkdtemp(prefix="kel_tree_"))
         self.password_file = self.folder / "password"
         self.password_file.touch(0o600)
@@ -280,6 +287,11 @@ class Tree:
         except BaseException:
             self.close()
             raise
+
+    def invitation(self):
+        """A token with which one device can join the tree; the master runs from the first one on."""
+        self.run(self.master)
+        return self.master.kel("invite")[0]["token"]
 
     def choose_address(self, number):
         # The process id keeps trees that run at the same time apart.

@@ -15,6 +15,8 @@
 #include "kel/format.h"
 #include "kel/temp_folder.h"
 #include "kelcore/json.h"
+#include "kelcore/keys/invitation.h"
+#include "kelcore/keys/key_pair.h"
 #include "kelcore/version.h"
 
 namespace {
@@ -144,6 +146,8 @@ auto InitValues(const char* role, const char* parent, const char* password = "a 
     options.address = "127.0.1.1";
     options.port = 8080;
     options.name = "tree";
+    options.isPlain = true;
+    options.passwordFile = "file";
     return TemplateValues(options, password);
 }
 
@@ -157,6 +161,36 @@ TEST(InitTest, TheParentMustFitTheRole) {
     EXPECT_EQ(values->at("PARENT_PORT"), "8081");
     for (const char* password : {"", "p", "eleven char", "abababababababab"})
         EXPECT_FALSE(InitValues("master", "", password)) << password;
+}
+
+TEST(InitTest, ADeviceJoinsATreeWithKeysByAnInvitationAndAPlainOneByItsPassword) {
+    const KelString token = KelInvitation{"AB12", 1, "0011223344556677",
+                                          FingerprintOfDigest(KelString(32, 'a')), KelString(32, 's')}
+                                .ToToken();
+    struct {
+        const char* role;
+        bool isPlain;
+        KelString passwordFile, token;
+        bool isGood;
+    } const cases[] = {{"master", false, "", "", true},   {"master", false, "", token, false},
+                       {"master", true, "", "", false},   {"master", true, "f", "", true},
+                       {"relay", false, "f", "", false},  {"relay", false, "", token, true},
+                       {"client", false, "", "t", false}, {"client", false, "", token, true},
+                       {"client", true, "f", "", true}};
+    for (const auto& item : cases) {
+        InitOptions options;
+        options.role = item.role;
+        options.parent = options.role == "master" ? "" : "h:1";
+        options.name = "tree";
+        options.isPlain = item.isPlain;
+        options.passwordFile = item.passwordFile;
+        options.token = item.token;
+        const auto values = TemplateValues(options, "a long secret");
+        ASSERT_EQ(bool(values), item.isGood) << item.role << item.isPlain << item.token;
+        if (!values) continue;
+        EXPECT_EQ(values->at("KEYS"), item.isPlain ? "false" : "true");
+        EXPECT_EQ(values->at("MODULES").find("=Keys\n") == KelString::npos, item.isPlain);
+    }
 }
 
 TEST(InitTest, OnlyTheMasterRunsTheConsoleAndArchivesCanBeUnpackedBeforeTheFileStoreRuns) {
@@ -197,7 +231,9 @@ TEST(OptionsTest, UnusableArgumentsEndWithUsage) {
         "|init d --role boss --address 127.0.1.1 --port 1 --password-file f"
         "|init d --role master --address 300.0.1.1 --port 1 --password-file f"
         "|init d --role master --address 127.0.1.1 --port 70000 --password-file f"
-        "|init d --role master --address 127.0.1.1 --port 1|--root r windows set sideways --slots 1"
+        "|init d --role relay --address 127.0.1.1 --port 1 --plain --join t"
+        "|--root r invite --uses 0|--root r invite --expires 1y|--root r keys revoke|--root r keys join"
+        "|--root r windows set sideways --slots 1"
         "|--root r windows set up|--root r windows set up 1M --slots 1|--root r windows set up --slots 1 "
         "--slot-type 4"
         "|--root r windows set up --slots 1 --slot-type 6|--root r file|--root r file 0|--root r file one"

@@ -51,6 +51,26 @@ TEST_F(ReceiveFileTest, DownstreamOffersAreTakenFromTheParentAndTrustedAddresses
     }
 }
 
+TEST_F(ReceiveFileTest, WithACertificateADeviceIsItsGuidAndAClientPassesNothingOn) {
+    constexpr auto kClient = KelDeviceRole::Client, kRelay = KelDeviceRole::Relay;
+    const KelString guid = "0A1B0000-0000-4000-8000-00000000000B", relay = "127.0.1.3:1610/" + guid;
+    const KelString own = "127.0.1.9:1610/" + guid, other = KelString(kStranger) + ":1610/" + kGuid;
+    for (const auto& [name, role, source, firstRelay, result] :
+         Table<const char*, KelDeviceRole, KelString, KelString, unsigned int>{
+             {"its own, from another address", kClient, own, "", kKelOk},
+             {"that of the device whose address it has", kClient, other, "", kKelErrorBadInput},
+             {"passed on by a client", kClient, other, relay, kKelErrorBadInput},
+             {"passed on by a relay", kRelay, other, relay, kKelOk}}) {
+        const auto trace = Begin(name);
+        KelContainer offer =
+            With(Offer(name),
+                 {{"FileSize", 3}, {"Upstream", true}, {"SourceDevice", source}, {"FirstRelay", firstRelay}});
+        const KelPeer peer{KelPeer::Proof::Certificate, *IpAddress::Parse(kStranger), guid, role};
+        EXPECT_EQ(CallLocalFor(peer, {}, "FileStoreReceiveFile", offer), result);
+        EXPECT_EQ(Count(kUp), result == kKelOk ? "1" : "0");
+    }
+}
+
 TEST_F(ReceiveFileTest, HostileValuesChangeNothing) {
     const auto tree = [](const char* leaf) {
         return Make({{kOwnPathName, Make({{"127.0.1.8:1/G", Make({{leaf, KelContainer()}})}})}});

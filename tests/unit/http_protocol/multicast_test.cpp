@@ -189,7 +189,7 @@ TEST_F(MulticastTest, HandsAFileThatDoesNotComeBackToTheFileStore) {
     kelhttp::AliasTable aliases;
     ASSERT_TRUE(aliases.Add("Files", File("in")));
     const KelDebug log("Test", "Test");
-    kelhttp::MulticastReceiver receiver({"127.0.0.1", "secret", 60, 16}, aliases, log);
+    kelhttp::MulticastReceiver receiver({"127.0.0.1", 60, 16}, aliases, log);
     const auto now = kelhttp::MulticastReceiver::Clock::now();
     kelhttp::MulticastOrder order{{group_, kPort, "/a", 5000}, kBlock, File("in/a"), TextMd5("a")};
     KelString message;

@@ -1,0 +1,180 @@
+#include "kelcore/keys/authority.h"
+
+#include <algorithm>
+
+#include "kel/checksum.h"
+#include "kel/directory.h"
+#include "kel/file.h"
+#include "kel/format.h"
+#include "kel/path.h"
+#include "kel/text.h"
+#include "kelcore/device_name.h"
+#include "kelcore/error_codes.h"
+
+namespace {
+
+constexpr std::uint64_t kMaxFileBytes = 1 << 20;
+constexpr std::string_view kPemEnd = "-----END CERTIFICATE-----\n";
+constexpr std::size_t kGroupKeyBytes = 32;
+/// Certificates stay listed for so long after their end: clocks differ.
+constexpr std::int64_t kListedLonger = 30 * KelIssuer::kDay;
+
+/// The certificates in a file, of which one may not be readable any more.
+KelVector<KelCertificate> LoadAll(const KelString& path) {
+    KelVector<KelCertificate> all;
+    const auto text = FileExists(path) ? FileReadText(path, kMaxFileBytes) : KelString();
+    if (!text) return all;
+    std::string_view left = *text;
+    for (std::size_t end = 0; (end = left.find(kPemEnd)) != std::string_view::npos;) {
+        end += kPemEnd.size();
+        if (auto certificate = KelCertificate::FromPem(left.substr(0, end))) all.push_back(*certificate);
+        left.remove_prefix(end);
+    }
+    return all;
+}
+
+KelStatus SaveAll(const KelString& path, const KelVector<KelCertificate>& certificates) {
+    KelString text;
+    for (const KelCertificate& certificate : certificates) {
+        const auto pem = certificate.ToPem();
+        if (!pem) return pem.Error();
+        text += *pem;
+    }
+    return FileWriteText(path, text);
+}
+
+void DropEnded(KelVector<KelCertificate>& certificates, std::int64_t now) {
+    std::erase_if(certificates,
+                  [now](const KelCertificate& certificate) { return certificate.NotAfter() < now; });
+}
+
+/// The GUIDs after which the files of a folder are named.
+KelVector<KelString> GuidsIn(const KelString& folder) {
+    constexpr std::string_view kSuffix = ".pem";
+    KelVector<KelString> guids;
+    for (const KelString& name : DirList(folder)) {
+        const KelString guid = name.substr(0, name.size() - std::min(name.size(), kSuffix.size()));
+        if (name.ends_with(kSuffix) && IsGuid(guid)) guids.push_back(guid);
+    }
+    std::ranges::sort(guids);
+    return guids;
+}
+
+}  // namespace
+
+KelStatus KelAuthority::Create(std::int64_t now) const {
+    if (FileExists(File("key.pem"))) return KelError{kKelFailure, File("key.pem") + " already exists"};
+    for (const char* folder : {"/Issued", "/Revoked", "/Invitations"})
+        if (!PathCreate(folder_ + folder))
+            return KelError{kKelFailure, folder_ + folder + ": cannot be created"};
+    const auto issuer = KelIssuer::Make(now);
+    if (!issuer) return issuer.Error();
+    const auto pem = issuer->Certificate().ToPem();
+    if (!pem) return pem.Error();
+    if (KelStatus saved = FileWriteText(File("certificate.pem"), *pem); !saved) return saved;
+    if (KelStatus saved = FileWriteText(File("group_key"), HexText(RandomBytes(kGroupKeyBytes)) + "\n");
+        !saved)
+        return saved;
+    return issuer->Key().Save(File("key.pem"));
+}
+
+KelStatus KelAuthority::Open() {
+    auto key = KelKeyPair::Load(File("key.pem"));
+    if (!key) return key.Error();
+    auto certificate = KelCertificate::Load(File("certificate.pem"));
+    if (!certificate) return certificate.Error();
+    if (certificate->Fingerprint() != KeyFingerprint(key->Get()))
+        return KelError{kKelFailure, folder_ + ": key and certificate do not belong together; restore both"};
+    const auto groupKey = FileReadText(File("group_key"), kMaxFileBytes);
+    if (!groupKey) return groupKey.Error();
+    groupKey_ = Trim(*groupKey);
+    issuer_.emplace(std::move(*key), std::move(*certificate));
+    return {};
+}
+
+std::optional<KelCertificate> KelAuthority::Find(const KelString& guid, std::int64_t now) const {
+    KelVector<KelCertificate> issued = LoadAll(IssuedPath(guid));
+    DropEnded(issued, now);
+    return issued.empty() ? std::nullopt : std::optional(issued.back());
+}
+
+KelResult<KelCertificate> KelAuthority::Issue(evp_pkey_st* publicKey, const KelDeviceIdentity& identity,
+                                              std::int64_t now) const {
+    if (!IsGuid(identity.guid)) return KelError{kKelErrorBadInput, "this is no GUID"};
+    KelVector<KelCertificate> issued = LoadAll(IssuedPath(identity.guid));
+    DropEnded(issued, now);
+    if (!issued.empty() && issued.back().Fingerprint() != KeyFingerprint(publicKey))
+        return KelError{kKelErrorBadInput,
+                        KelFormat("another key is registered for %S; if the device was set up again, revoke "
+                                  "the old one on the master first: kel keys revoke %S",
+                                  identity.guid, identity.guid)};
+    auto certificate = issuer_->Issue(publicKey, identity, now);
+    if (!certificate) return certificate.Error();
+    issued.push_back(*certificate);
+    if (KelStatus saved = SaveAll(IssuedPath(identity.guid), issued); !saved) return saved.Error();
+    return certificate;
+}
+
+KelResult<KelCertificate> KelAuthority::Renew(const KelCertificateRequest& request, std::int64_t now) const {
+    const auto latest = Find(request.Identity().guid, now);
+    if (!latest)
+        return KelError{kKelErrorBadInput,
+                        KelFormat("%S has no certificate that is valid; join it again with "
+                                  "a new invitation: kel keys join",
+                                  request.Identity().guid)};
+    const auto identity = latest->Identity();
+    if (!identity || *identity != request.Identity())
+        return KelError{kKelErrorBadInput,
+                        "the role of a device does not change with its certificate; join it "
+                        "again with a new invitation"};
+    return Issue(request.PublicKey(), *identity, now);
+}
+
+KelStatus KelAuthority::Revoke(const KelString& guid, std::int64_t now) const {
+    const KelVector<KelCertificate> issued =
+        IsGuid(guid) ? LoadAll(IssuedPath(guid)) : KelVector<KelCertificate>();
+    if (issued.empty())
+        return KelError{kKelErrorMissingContent, KelFormat("the device %S has no certificate", guid)};
+    KelVector<KelCertificate> revoked = LoadAll(RevokedPath(guid));
+    revoked.insert(revoked.end(), issued.begin(), issued.end());
+    if (KelStatus saved = SaveAll(RevokedPath(guid), revoked); !saved) return saved;
+    // If the next step fails, the certificates are listed as issued and as revoked; revoked counts.
+    if (KelStatus listed = WriteList(now); !listed) return listed;
+    if (!FileDelete(IssuedPath(guid))) return SystemError("A file cannot be removed:", IssuedPath(guid));
+    return {};
+}
+
+KelStatus KelAuthority::WriteList(std::int64_t now) const {
+    KelVector<KelCertificate> listed;
+    for (const KelString& guid : GuidsIn(folder_ + "/Revoked")) {
+        KelVector<KelCertificate> revoked = LoadAll(RevokedPath(guid));
+        DropEnded(revoked, now - kListedLonger);
+        listed.insert(listed.end(), revoked.begin(), revoked.end());
+    }
+    const auto before = Revoked();
+    if (!before) return before.Error();
+    const auto list = issuer_->ListRevoked(listed, before->Number() + 1, now);
+    if (!list) return list.Error();
+    return FileWriteText(File("revoked.pem"), *list);
+}
+
+KelVector<KelAuthority::Device> KelAuthority::List() const {
+    KelVector<Device> devices;
+    for (const bool isRevoked : {false, true}) {
+        const KelString folder = folder_ + (isRevoked ? "/Revoked" : "/Issued");
+        for (const KelString& guid : GuidsIn(folder)) {
+            const KelVector<KelCertificate> all = LoadAll(folder + "/" + guid + ".pem");
+            if (all.empty()) continue;
+            const auto identity = all.back().Identity();
+            if (identity) devices.push_back({*identity, all.back(), isRevoked});
+        }
+    }
+    return devices;
+}
+
+KelResult<KelRevocationList> KelAuthority::Revoked() const {
+    if (!FileExists(File("revoked.pem"))) return KelRevocationList();
+    const auto pem = FileReadText(File("revoked.pem"), KelRevocationList::kMaxPemBytes);
+    if (!pem) return pem.Error();
+    return KelRevocationList::FromPem(*pem, Certificate());
+}

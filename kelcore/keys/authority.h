@@ -1,0 +1,67 @@
+#pragma once
+
+#include "kel/result.h"
+#include "kelcore/keys/certificate_request.h"
+#include "kelcore/keys/issuer.h"
+#include "kelcore/keys/revocation_list.h"
+
+/// The authority of a tree, on its master. It keeps in its folder
+///
+///     key.pem, certificate.pem  of the authority
+///     group_key                 what the devices of the tree share, as hexadecimal digits
+///     Issued/GUID.pem           the certificates of a device that have not ended, the latest at the end
+///     Revoked/GUID.pem          likewise those that were revoked
+///     revoked.pem               the list of the latter
+///     Invitations/              see KelInvitations
+///
+/// Every change is on the disk before it is answered. Times are seconds since the epoch. One thread at a
+/// time.
+class KelAuthority {
+  public:
+    /// What a device has, for lists.
+    struct Device {
+        KelDeviceIdentity identity;
+        KelCertificate certificate;  ///< the latest
+        bool isRevoked = false;
+    };
+
+    /// `folder` without "/" at its end.
+    explicit KelAuthority(KelString folder) : folder_(std::move(folder)) {}
+
+    /// Makes a new authority. An error when there is one.
+    KelStatus Create(std::int64_t now) const;
+
+    /// Reads key and certificate. Needed before anything below.
+    KelStatus Open();
+
+    const KelCertificate& Certificate() const { return issuer_->Certificate(); }
+    const KelString& GroupKey() const { return groupKey_; }
+
+    /// The latest certificate of a device that is neither revoked nor over; nothing when there is none.
+    std::optional<KelCertificate> Find(const KelString& guid, std::int64_t now) const;
+
+    /// Issues a certificate to a device. An error when the GUID belongs to a device with another key.
+    KelResult<KelCertificate> Issue(evp_pkey_st* publicKey, const KelDeviceIdentity& identity,
+                                    std::int64_t now) const;
+
+    /// Issues the next certificate to a device that has one, for the key that it has.
+    KelResult<KelCertificate> Renew(const KelCertificateRequest& request, std::int64_t now) const;
+
+    /// Revokes all certificates of a device and writes a new list. An error when it has none.
+    KelStatus Revoke(const KelString& guid, std::int64_t now) const;
+
+    KelVector<Device> List() const;
+
+    /// The list in force; the empty one before the first revocation.
+    KelResult<KelRevocationList> Revoked() const;
+
+  private:
+    KelString File(const char* name) const { return folder_ + "/" + name; }
+    KelString IssuedPath(const KelString& guid) const { return folder_ + "/Issued/" + guid + ".pem"; }
+    KelString RevokedPath(const KelString& guid) const { return folder_ + "/Revoked/" + guid + ".pem"; }
+    KelStatus WriteList(std::int64_t now) const;
+
+    KelString folder_;
+    std::optional<KelIssuer> issuer_;
+    KelString groupKey_;
+};

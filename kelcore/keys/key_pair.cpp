@@ -1,0 +1,93 @@
+#include "kelcore/keys/key_pair.h"
+
+#include <openssl/ec.h>
+#include <openssl/pem.h>
+
+#include <array>
+
+#include "kel/base64.h"
+#include "kel/file.h"
+#include "kel/format.h"
+#include "kelcore/keys/openssl_objects.h"
+
+namespace {
+
+constexpr std::uint64_t kMaxPemBytes = 16 << 10;
+constexpr std::string_view kCurve = "prime256v1";
+constexpr std::string_view kDigestName = "sha256//";
+constexpr std::size_t kDigestBytes = 32;
+
+}  // namespace
+
+KelResult<KelKeyPair> KelKeyPair::Make() {
+    std::shared_ptr<EVP_PKEY> key(EVP_EC_gen("P-256"), &EVP_PKEY_free);
+    if (!key) return OpenSslError("A key cannot be made");
+    return KelKeyPair(std::move(key));
+}
+
+KelResult<KelKeyPair> KelKeyPair::FromPem(std::string_view pem) {
+    const BioOwner bio = ReadingBio(pem);
+    // Without a function that asks for a password, an encrypted key would have the terminal asked.
+    const auto noPassword = [](char*, int, int, void*) { return -1; };
+    std::shared_ptr<EVP_PKEY> key(
+        bio ? PEM_read_bio_PrivateKey(bio.get(), nullptr, noPassword, nullptr) : nullptr, &EVP_PKEY_free);
+    if (!key) return OpenSslError("This is no private key");
+    if (!IsTreeKey(key.get())) return KelError{kKelFailure, "This is no key on the curve P-256"};
+    return KelKeyPair(std::move(key));
+}
+
+KelResult<KelString> KelKeyPair::ToPem() const {
+    const BioOwner bio(BIO_new(BIO_s_mem()));
+    if (!bio ||
+        PEM_write_bio_PKCS8PrivateKey(bio.get(), key_.get(), nullptr, nullptr, 0, nullptr, nullptr) != 1)
+        return OpenSslError("A private key cannot be written");
+    return TextOf(bio.get());
+}
+
+KelResult<KelKeyPair> KelKeyPair::Load(const KelString& path) {
+    if (FileIsOpenToOthers(path))
+        return KelError{kKelFailure,
+                        KelFormat("The private key %S may be opened by others; chmod 600 it, and join the "
+                                  "device again with a new key if somebody may have read it",
+                                  path)};
+    const auto text = FileReadText(path, kMaxPemBytes);
+    if (!text) return text.Error();
+    auto key = FromPem(*text);
+    if (!key) return KelError{kKelFailure, path + ": " + key.Error().message};
+    return key;
+}
+
+KelStatus KelKeyPair::Save(const KelString& path) const {
+    const auto pem = ToPem();
+    if (!pem) return pem.Error();
+    return FileWriteText(path, *pem);
+}
+
+bool IsTreeKey(const evp_pkey_st* key) {
+    std::array<char, 64> group{};
+    std::size_t length = 0;
+    return key != nullptr && EVP_PKEY_is_a(key, "EC") == 1 &&
+           EVP_PKEY_get_group_name(key, group.data(), group.size(), &length) == 1 &&
+           std::string_view(group.data(), length) == kCurve;
+}
+
+KelString KeyFingerprint(const evp_pkey_st* key) {
+    unsigned char* der = nullptr;
+    const int length = i2d_PUBKEY(key, &der);
+    std::array<unsigned char, kDigestBytes> digest{};
+    const bool made = length > 0 && EVP_Digest(der, static_cast<std::size_t>(length), digest.data(), nullptr,
+                                               EVP_sha256(), nullptr) == 1;
+    OPENSSL_free(der);
+    if (!made) return {};
+    return FingerprintOfDigest({reinterpret_cast<const char*>(digest.data()), digest.size()});
+}
+
+KelString DigestOfFingerprint(std::string_view fingerprint) {
+    if (!fingerprint.starts_with(kDigestName)) return {};
+    const auto digest = Base64Decode(fingerprint.substr(kDigestName.size()));
+    return digest && digest->size() == kDigestBytes ? *digest : KelString();
+}
+
+KelString FingerprintOfDigest(std::string_view digest) {
+    return KelString(kDigestName) + Base64Encode(digest);
+}

@@ -1,0 +1,42 @@
+#pragma once
+
+#include <memory>
+#include <string_view>
+
+#include "kel/result.h"
+#include "kel/types.h"
+
+struct evp_pkey_st;
+
+/// A private key with its public key: ECDSA on the curve P-256 (FIPS 186-5). A value; may be read from any
+/// thread.
+class KelKeyPair {
+  public:
+    static KelResult<KelKeyPair> Make();
+
+    /// A private key in PEM form (PKCS #8, RFC 5958) without a password.
+    static KelResult<KelKeyPair> FromPem(std::string_view pem);
+    KelResult<KelString> ToPem() const;
+
+    /// From a file that only its owner may read.
+    static KelResult<KelKeyPair> Load(const KelString& path);
+    KelStatus Save(const KelString& path) const;
+
+    evp_pkey_st* Get() const { return key_.get(); }
+
+  private:
+    explicit KelKeyPair(std::shared_ptr<evp_pkey_st> key) : key_(std::move(key)) {}
+
+    std::shared_ptr<evp_pkey_st> key_;
+};
+
+/// True for the one kind of key that the devices of a tree have.
+bool IsTreeKey(const evp_pkey_st* key);
+
+/// "sha256//…": the SHA-256 digest of the public key (its SubjectPublicKeyInfo in DER) in base64, as pins of
+/// keys are written (RFC 7469). Empty when memory runs out.
+KelString KeyFingerprint(const evp_pkey_st* key);
+
+/// The digest in a fingerprint, 32 bytes; empty for any other text. And the reverse.
+KelString DigestOfFingerprint(std::string_view fingerprint);
+KelString FingerprintOfDigest(std::string_view digest);

@@ -1,0 +1,154 @@
+#include "kelcore/keys/key_ring.h"
+
+#include <openssl/ssl.h>
+
+#include <algorithm>
+#include <atomic>
+#include <utility>
+
+#include "kel/format.h"
+#include "kel/text.h"
+#include "kelcore/keys/issuer.h"
+#include "kelcore/keys/openssl_objects.h"
+
+namespace {
+
+std::uint64_t NextId() {
+    static std::atomic<std::uint64_t> last = 0;
+    return ++last;
+}
+
+KelString ProblemText(int error, const KelCertificate& certificate, std::int64_t now) {
+    const char* const clock = "set the clock of the device on which it is wrong";
+    switch (error) {
+        case X509_V_ERR_CERT_NOT_YET_VALID:
+            return KelFormat("its certificate is valid from %S on, but it is %S here: %s",
+                             DateText(certificate.NotBefore()), DateText(now), clock);
+        case X509_V_ERR_CERT_HAS_EXPIRED:
+            return KelFormat(
+                "its certificate was valid until %S, and it is %S here: %s, or else join the "
+                "device with the certificate again ('kel keys join')",
+                DateText(certificate.NotAfter()), DateText(now), clock);
+        case X509_V_ERR_UNABLE_TO_GET_ISSUER_CERT_LOCALLY:
+        case X509_V_ERR_DEPTH_ZERO_SELF_SIGNED_CERT:
+        case X509_V_ERR_SELF_SIGNED_CERT_IN_CHAIN:
+        case X509_V_ERR_UNABLE_TO_VERIFY_LEAF_SIGNATURE:
+            return "it has no certificate of this tree's authority";
+        default:
+            return KelFormat("its certificate is not valid: %s", X509_verify_cert_error_string(error));
+    }
+}
+
+KelTlsPeer Distrusted(KelString problem) {
+    KelTlsPeer peer;
+    peer.problem = std::move(problem);
+    return peer;
+}
+
+/// What an expectation is not met in; empty when it is met.
+KelString Mismatch(const KelTlsPeer& peer, const KelPeerExpectation& expected) {
+    if (!expected.guid.empty() && peer.guid != expected.guid)
+        return KelFormat("it is the device %S, not %S", peer.guid, expected.guid);
+    if (!expected.fingerprint.empty() && peer.fingerprint != expected.fingerprint)
+        return KelFormat(
+            "its key is not the one with which it was known as the parent; if the parent was set up again, "
+            "as "
+            "%S, run 'kel keys forget-parent' here",
+            peer.guid);
+    if (expected.isParent && peer.role == KelDeviceRole::Client)
+        return "it is a client, which cannot be a parent";
+    return {};
+}
+
+}  // namespace
+
+std::shared_ptr<x509_store_st> MakeTrustStore(const KelCertificate& authority) {
+    std::shared_ptr<X509_STORE> store(X509_STORE_new(), &X509_STORE_free);
+    return store && X509_STORE_add_cert(store.get(), authority.Get()) == 1 ? store : nullptr;
+}
+
+KelTlsPeer ExamineByAuthority(x509_st* certificate, x509_store_st* store, KelTlsSide presentedBy,
+                              std::int64_t now) {
+    const KelCertificate presented = KelCertificate::Of(certificate);
+    const X509StoreContextOwner context(X509_STORE_CTX_new());
+    if (!context || X509_STORE_CTX_init(context.get(), store, certificate, nullptr) != 1)
+        return Distrusted(OpenSslError("its certificate cannot be examined").message);
+    X509_VERIFY_PARAM* const rules = X509_STORE_CTX_get0_param(context.get());
+    X509_VERIFY_PARAM_set_time(rules, now);
+    X509_VERIFY_PARAM_set_flags(rules, X509_V_FLAG_X509_STRICT);
+    X509_VERIFY_PARAM_set_purpose(
+        rules, presentedBy == KelTlsSide::Server ? X509_PURPOSE_SSL_SERVER : X509_PURPOSE_SSL_CLIENT);
+    if (X509_verify_cert(context.get()) != 1) {
+        const int error = X509_STORE_CTX_get_error(context.get());
+        X509* const faulty = X509_STORE_CTX_get_current_cert(context.get());
+        return Distrusted(
+            ProblemText(error, faulty != nullptr ? KelCertificate::Of(faulty) : presented, now));
+    }
+    const auto identity = presented.Identity();
+    if (!identity) return Distrusted("its certificate is not that of a device: " + identity.Error().message);
+    return {true, identity->guid, identity->role, presented.Fingerprint(), presented.Serial(), {}};
+}
+
+KelKeyRing::KelKeyRing(Parts parts) : parts_(std::move(parts)), id_(NextId()) {}
+
+KelResult<std::shared_ptr<const KelKeyRing>> KelKeyRing::Make(Parts parts) {
+    const std::shared_ptr<KelKeyRing> ring(new KelKeyRing(std::move(parts)));
+    const Parts& own = ring->parts_;
+    ring->ownFingerprint_ = KeyFingerprint(own.key.Get());
+    if (own.certificate.has_value() != own.authority.has_value())
+        return KelError{kKelFailure, "of the certificates of device and authority, one is missing"};
+    if (!own.certificate) {
+        auto placeholder = MakePlaceholder(own.key, own.device.guid);
+        if (!placeholder) return placeholder.Error();
+        ring->placeholder_ = std::move(*placeholder);
+        return std::shared_ptr<const KelKeyRing>(ring);
+    }
+    if (own.certificate->Fingerprint() != ring->ownFingerprint_)
+        return KelError{kKelFailure, "the certificate of this device is for another key"};
+    const auto identity = own.certificate->Identity();
+    if (!identity) return identity.Error();
+    if (*identity != own.device)
+        return KelError{kKelFailure, KelFormat("the certificate of this device is that of the %s %S",
+                                               KelDeviceRoleName(identity->role), identity->guid)};
+    ring->store_ = MakeTrustStore(*own.authority);
+    if (!ring->store_) return OpenSslError("The certificate of the authority cannot be used");
+    return std::shared_ptr<const KelKeyRing>(ring);
+}
+
+KelTlsPeer KelKeyRing::Examine(x509_st* certificate, KelTlsSide presentedBy,
+                               const KelPeerExpectation& expected, std::int64_t now) const {
+    const EVP_PKEY* const key = X509_get0_pubkey(certificate);
+    KelTlsPeer peer;
+    if (key != nullptr && KeyFingerprint(key) == ownFingerprint_)
+        peer = {true, parts_.device.guid, parts_.device.role, ownFingerprint_, {}, {}};
+    else if (!store_)
+        return Distrusted("this device has not been enrolled yet, and cannot tell who belongs to its tree");
+    else
+        peer = ExamineByAuthority(certificate, store_.get(), presentedBy, now);
+    if (!peer.isVerified) return peer;
+    if (!IsStillTrusted(peer)) return Distrusted(KelFormat("the certificate of %S was revoked", peer.guid));
+    if (KelString mismatch = Mismatch(peer, expected); !mismatch.empty())
+        return Distrusted(std::move(mismatch));
+    return peer;
+}
+
+bool KelKeyRing::IsStillTrusted(const KelTlsPeer& peer) const {
+    return peer.isVerified && !parts_.revoked.Has(peer.serial);
+}
+
+KelPeerExpectation KelKeyRing::ExpectedAt(const KelString& host, std::uint16_t port) const {
+    const KelString place = ToLowerText(KelFormat("%S:%u", host, unsigned{port}));
+    if (std::ranges::find(parts_.parent.places, place) == parts_.parent.places.end()) return {};
+    return {parts_.parent.guid, parts_.parent.fingerprint, true};
+}
+
+KelStatus KelKeyRing::ApplyTo(ssl_ctx_st* context) const {
+    X509* const certificate = placeholder_ ? placeholder_->Get() : parts_.certificate->Get();
+    const bool applied =
+        SSL_CTX_set_min_proto_version(context, TLS1_3_VERSION) == 1 &&
+        SSL_CTX_use_certificate(context, certificate) == 1 &&
+        SSL_CTX_use_PrivateKey(context, parts_.key.Get()) == 1 &&
+        (!parts_.authority || SSL_CTX_add1_chain_cert(context, parts_.authority->Get()) == 1);
+    if (!applied) return OpenSslError("The certificate of this device cannot be used");
+    return {};
+}

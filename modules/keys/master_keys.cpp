@@ -1,0 +1,57 @@
+#include "modules/keys/master_keys.h"
+
+MasterKeys::MasterKeys(const KelString& folder)
+    : authority_(folder), invitations_(authority_, folder + "/Invitations") {}
+
+KelStatus MasterKeys::Open() {
+    const KelLock lock(mutex_);
+    return authority_.Open();
+}
+
+KelResult<KelCertificate> MasterKeys::Enrol(const KelEnrolRequest& request, std::int64_t now) {
+    const KelLock lock(mutex_);
+    return invitations_.Enrol(request, now);
+}
+
+KelResult<KelCertificate> MasterKeys::Renew(const KelCertificateRequest& request, std::int64_t now) {
+    const KelLock lock(mutex_);
+    return authority_.Renew(request, now);
+}
+
+KelResult<KelCertificate> MasterKeys::IssueOwn(const KelKeyPair& key, const KelDeviceIdentity& master,
+                                               std::int64_t now) {
+    const KelLock lock(mutex_);
+    return authority_.Issue(key.Get(), master, now);
+}
+
+KelResult<KelInvitation> MasterKeys::Invite(const KelString& ownGuid, int uses, std::int64_t expires,
+                                            std::int64_t now) {
+    const KelLock lock(mutex_);
+    return invitations_.Make(ownGuid, uses, expires, now);
+}
+
+KelResult<KelRevocationList> MasterKeys::Revoke(const KelString& guid, std::int64_t now) {
+    const KelLock lock(mutex_);
+    if (KelStatus revoked = authority_.Revoke(guid, now); !revoked) return revoked.Error();
+    return authority_.Revoked();
+}
+
+KelResult<KelRevocationList> MasterKeys::Revoked() {
+    const KelLock lock(mutex_);
+    return authority_.Revoked();
+}
+
+KelVector<KelAuthority::Device> MasterKeys::List() {
+    const KelLock lock(mutex_);
+    return authority_.List();
+}
+
+KelCertificate MasterKeys::Authority() {
+    const KelLock lock(mutex_);
+    return authority_.Certificate();
+}
+
+KelString MasterKeys::GroupKey() {
+    const KelLock lock(mutex_);
+    return authority_.GroupKey();
+}

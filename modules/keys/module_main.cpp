@@ -1,0 +1,3 @@
+#include "modules/keys/keys.h"
+
+KEL_MODULE_MAIN(Keys)

@@ -1,0 +1,147 @@
+"""A tree with keys: devices join through relays, and who does not belong to the tree gets nothing."""
+
+import json
+import socket
+import ssl
+import subprocess
+import threading
+import unittest
+
+from case import BUILD, SystemTest, wait_collected, write_files
+from tree import Agent, Tree, find_faketime, sha256_of, wait_until
+
+
+class Impostor:
+    """A server with a certificate of its own in the place of an agent; counts who came and what it was told."""
+
+    def __init__(self, agent, folder):
+        self.calls, self.heard = 0, []
+        key, certificate = folder / "impostor_key.pem", folder / "impostor.pem"
+        subprocess.run(["openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes",
+                        "-subj", f"/OU=relay/CN={agent.guid}", "-keyout", key, "-out", certificate],
+                       check=True, capture_output=True)
+        self.context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
+        self.context.load_cert_chain(certificate, key)
+        self.listener = socket.create_server((agent.address, agent.port))
+        self.thread = threading.Thread(target=self.serve, daemon=True)
+        self.thread.start()
+
+    def serve(self):
+        while True:
+            try:
+                connection, _ = self.listener.accept()
+            except OSError:
+                return
+            try:
+                with self.context.wrap_socket(connection, server_side=True) as channel:
+                    self.heard.append(channel.recv(1000))
+            except OSError:
+                pass
+            self.calls += 1
+
+    def close(self):
+        """Gives the port back: the thread must not be in accept any more."""
+        self.listener.shutdown(socket.SHUT_RDWR)
+        self.thread.join()
+        self.listener.close()
+
+
+class LaterClock:
+    """The clock of a device that has run for eight months."""
+
+    def environment(self):
+        return {"LD_PRELOAD": str(find_faketime()), "FAKETIME": "+248d", "FAKETIME_DONT_FAKE_MONOTONIC": "1"}
+
+
+class KeysTest(SystemTest):
+    def ask(self, agent, keys=None, action="AgentGetStatus", arguments=""):
+        """The HTTP status of a call, with the certificate in a device's folder, and the action's result."""
+        certificate = ["--cert", keys / "certificate.pem", "--key", keys / "key.pem"] if keys else []
+        run = subprocess.run(["curl", "-sk", "-o", "/dev/null", "-w", "%{http_code} %header{kel-result}", *certificate,
+                              "-H", "Content-Type: application/json", "-d", arguments or "{}",
+                              f"https://{agent.address}:{agent.port}/Action/{action}"], text=True, capture_output=True)
+        return run.stdout.strip()
+
+    def test_a_tree_with_keys_serves_its_devices_and_no_strangers(self):
+        with Tree(BUILD, [1], keys=True) as tree:
+            master, relay, client = tree.master, tree.relays[0], tree.clients[0]
+            tree.start()
+            for agent in tree.agents:
+                agent.guid = agent.identity()["GUID"]
+            keys = {agent: agent.call("KeysGetValues")["Values"] for agent in tree.agents}
+            self.assertEqual((keys[client]["ParentGuid"], keys[client]["ParentFingerprint"]),
+                             (relay.guid, keys[relay]["Fingerprint"]))
+            self.assertEqual({(item["guid"], item["role"], item["revoked"]) for item in master.kel("keys", "list")},
+                             {(agent.guid, agent.role, False) for agent in tree.agents})
+            down, up = (write_files(tree.folder / way, {f"{way}.bin": 300_000}) for way in ("down", "up"))
+            tree.publish(down.values())
+            expected = client.send(*up.values())
+            tree.wait_delivered({("files", name): sha256_of(path) for name, path in down.items()}, [client], 30)
+            wait_collected(master, expected, 30)
+            self.strangers(tree, master, relay, client)
+            self.impostor(tree, relay, client)
+            self.renewal(tree, relay)
+            again = self.replacement(tree, master, relay, client)
+            self.revocation(master, again, client, {relay.guid, client.guid})
+            self.end(tree)
+
+    def strangers(self, tree, master, relay, client):
+        self.assertEqual(self.ask(relay, client.data / "Keys"), "200 0")
+        self.assertEqual(self.ask(relay), "401")
+        other = tree.folder / "other"
+        subprocess.run([tree.kel, "init", other, "--role", "master", "--address", master.address, "--port", "1"],
+                       check=True, stdout=subprocess.DEVNULL)
+        self.assertEqual(self.ask(relay, other / "data" / "Keys"), "401")
+        for arguments in ({}, {"Invitation": "0" * 16, "Proof": "0" * 64, "Request": "MAA="}):
+            self.assertEqual(self.ask(relay, action="KeysEnrol", arguments=json.dumps(arguments)), "200 1")
+        with socket.create_connection((relay.address, relay.port)) as plain:
+            plain.sendall(b"GET / HTTP/1.1\r\nHost: x\r\n\r\n")
+            self.assertNotIn(b"HTTP", plain.recv(1000))
+
+    def impostor(self, tree, relay, client):
+        self.assertEqual(relay.stop(), 0)
+        impostor = Impostor(relay, tree.folder)
+        wait_until(lambda: impostor.calls >= 2, 30, "the client calls the impostor")
+        impostor.close()
+        self.assertEqual(impostor.heard, [])
+        self.assertIn(f"What answers at {relay.address}:{relay.port} is not trusted", client.log())
+        self.assertFalse(client.in_sync())
+
+    def renewal(self, tree, relay):
+        """The relay comes back with a clock by which its certificate has to be renewed, where that can be faked."""
+        before = relay.guid, tree.master.kel("keys", "list")
+        if find_faketime():
+            tree.clock = LaterClock()
+        tree.run(relay)
+        tree.clock = None
+        wait_until(tree.clients[0].in_sync, 30, "the client is in sync again")
+        if find_faketime():
+            wait_until(lambda: tree.master.kel("keys", "list") != before[1], 30, "the relay has another certificate")
+            self.assertEqual(relay.stop(), 0)
+            tree.run(relay)
+            wait_until(tree.clients[0].in_sync, 30, "the client is in sync with the renewed relay")
+
+    def replacement(self, tree, master, relay, client):
+        """A relay that is set up again, with another key, in the place of one that was revoked."""
+        self.assertEqual(relay.stop(), 0)
+        master.kel("keys", "revoke", relay.guid)
+        tree.choose_port = lambda _: relay.port
+        again = Agent(tree, "again", "relay", relay.address, master)
+        tree.agents.append(again)
+        tree.run(again)
+        guid = again.identity()["GUID"]
+        wait_until(lambda: client.call("KeysGetValues")["Values"]["ParentGuid"] == guid and client.in_sync(), 30,
+                   "the client follows the new relay")
+        return again
+
+    def revocation(self, master, relay, client, revoked):
+        master.kel("devices", "remove", client.name)
+        wait_until(lambda: self.ask(relay, client.data / "Keys") == "401", 30, "the relay refuses the client")
+        self.assertEqual(self.ask(master, client.data / "Keys"), "401")
+        wait_until(lambda: not client.in_sync(), 30, "the client is out of sync")
+        self.assertIn("certificate", client.call("RelayGetValues")["Values"]["ParentProblem"])
+        self.assertEqual({item["guid"] for item in master.kel("keys", "list") if item["revoked"]}, revoked)
+
+
+if __name__ == "__main__":
+    unittest.main()
