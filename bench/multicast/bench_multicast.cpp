@@ -105,7 +105,7 @@ class Receiver {
   public:
     Receiver(const Arguments& arguments, std::uint64_t size, const KelString& checksum)
         : group_{arguments.group, arguments.port},
-          receiver_({arguments.local, kPassword, 600, 16}, aliases_, log_) {
+          receiver_({arguments.local, 600, 16}, aliases_, log_) {
         KelString folder, name, message;
         SplitPath(arguments.file, folder, name);
         aliases_.Add("Files", folder);

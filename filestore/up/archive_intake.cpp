@@ -5,6 +5,7 @@
 
 #include "filestore/db/file_status.h"
 #include "filestore/db/files_table.h"
+#include "filestore/exchange/file_record.h"
 #include "filestore/state/file_store.h"
 #include "filestore/state/store_layout.h"
 #include "filestore/up/upload_archive.h"
@@ -17,6 +18,7 @@
 #include "kel/text.h"
 #include "kelcore/action_db.h"
 #include "kelcore/archive.h"
+#include "kelcore/device_name.h"
 #include "kelcore/error_codes.h"
 #include "kelcore/file_offer.h"
 #include "kelcore/file_values.h"
@@ -28,6 +30,7 @@ namespace {
 /// From here on the codes of the extraction find fault with the archive: limits, paths, damage.
 constexpr unsigned int kFirstArchiveFault = 16001;
 constexpr int kTries = 5;
+constexpr const char* kOwnFilesOnly = "OwnFilesOnly";
 constexpr std::uint64_t kPauseBetweenTries = 50;  // milliseconds
 /// Files whose rows get their status together: each change is a sync of the database.
 constexpr std::size_t kFilesPerChange = 100;
@@ -151,6 +154,10 @@ Intake CheckContent(const KelString& path, FileOffer& file, const FileStoreEntry
     return Intake::Done;
 }
 
+bool HoldsOwnFilesOnly(const FileStoreEntry& archive) {
+    return FileInfoOf(archive).GetBool(kOwnFilesOnly);
+}
+
 /// Offers an unpacked file to the store as if the child had announced it, and puts its content in the place
 /// that the store gives it. `fileId` receives the row when it waits for the content.
 Intake EnterPackedFile(const KelContainer& record, const KelString& unpacked, const FileStoreEntry& archive,
@@ -158,6 +165,10 @@ Intake EnterPackedFile(const KelContainer& record, const KelString& unpacked, co
     FileOffer file = FileOffer::Read(record);
     FileStore::debugFileStore.Print("CallbackThread: Processing file %S (from %S)\n", file.key.name,
                                     archive.FileName);
+    const KelString source = file.sourceDevice.value_or("");
+    if (!source.empty() && HoldsOwnFilesOnly(archive) &&
+        GuidOfDevice(source) != GuidOfDevice(archive.SourceDevice))
+        return Refuse(file, archive, "its sender is a client, and the file is of another device");
     if (const Intake checked = CheckContent(unpacked, file, archive); checked != Intake::Done) return checked;
     file.upstream = true;
     for (auto* path : {&file.movePath, &file.copyPath, &file.filePath, &file.url})
@@ -224,6 +235,12 @@ bool RefuseArchive(const FileStoreEntry& archive, const KelString& path) {
 }
 
 }  // namespace
+
+KelString InfoOfOwnFiles() {
+    KelContainer info;
+    info.SetBool(kOwnFilesOnly, true);
+    return info.SaveToXML();
+}
 
 bool IsPackedArchive(const KelString& path) {
     const auto names = ListArchiveEntries(path);

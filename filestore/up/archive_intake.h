@@ -12,6 +12,10 @@ namespace filestore {
 /// cancellation ends the waits between tries; takes mutexUpstream for its changes.
 bool UnpackArchive(KelThread& thread, const FileStoreEntry& archive, const KelString& targetStatus);
 
+/// The file information of an archive whose sender is a client of a tree with keys: its files are the
+/// sender's own, and others are left out.
+KelString InfoOfOwnFiles();
+
 /// True when the archive at `path` holds nothing but an index and upstream files: it is unpacked below the
 /// storage folder, which also holds the downstream files. False as well when it cannot be listed.
 bool IsPackedArchive(const KelString& path);

@@ -13,6 +13,7 @@
 #include "filestore/state/removal.h"
 #include "filestore/state/store_layout.h"
 #include "filestore/state/store_space.h"
+#include "filestore/up/archive_intake.h"
 #include "filestore/up/upload_check.h"
 #include "filestore/up/upload_senders.h"
 #include "filestore/up/upstream_file.h"
@@ -187,11 +188,13 @@ unsigned int ReceiveUpstreamRemote(KelContainer& arguments, Offer& offer) {
         return kKelErrorGuidScheme;
     }
     // What comes straight from a device is its own; what a relay passes on is from a device below it.
-    const bool isPassedOn = !entry.FirstRelay.empty() && CallOriginOf(arguments).mayPassOn;
+    const bool mayPassOn = CallOriginOf(arguments).mayPassOn;
+    const bool isPassedOn = !entry.FirstRelay.empty() && mayPassOn;
     if (!isPassedOn && !CheckIsCallOf(arguments, entry.SourceDevice)) return kKelErrorBadInput;
     if (entry.FirstRelay.empty()) NoteSignOfLife(entry.SourceDevice);
     if (entry.FileSize == 0) return kKelErrorBadInput;
     if (entry.FirstRelay.empty()) entry.FirstRelay = OurDeviceUrl();
+    if (entry.FileType == kPackedFilesType && !mayPassOn) entry.FileInfo = InfoOfOwnFiles();
     entry.Upstream = true;
     entry.TransportMode = kTransportUnicast;
     entry.FileStatus = kStatusReceiving;

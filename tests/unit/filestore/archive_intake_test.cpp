@@ -1,3 +1,4 @@
+#include "filestore/up/archive_intake.h"
 #include "filestore/file_store_fixture.h"
 #include "filestore/state/store_layout.h"
 #include "filestore/up/callback_thread.h"
@@ -70,6 +71,16 @@ TEST_F(ArchiveIntakeTest, FilesBecomeRowsWithContentOfEachDeviceAndTheArchiveGoe
         contents += Content(filestore::ContentPath(Load(kUp, std::stoull(id)), kUp));
     EXPECT_EQ(contents, "of an older agentxx");
     EXPECT_EQ(DirList(FileStore::strStorageLocationToUse + "/Temp"), Texts{});
+}
+
+TEST_F(ArchiveIntakeTest, ArchiveOfAClientHasNoFilesOfOtherDevices) {
+    const std::uint64_t row =
+        PutArchive({Record("other", "x", {{"SourceDevice", kOther}}), Record("own", "y")},
+                   {{Entry("other", "x"), "x"}, {Entry("own", "y"), "y"}});
+    Rows(kUp, KelString("UPDATE Files SET SourceDevice = '") + kChild + "', FileInfo = '" +
+                  filestore::InfoOfOwnFiles() + "'");
+    EXPECT_TRUE(Receive(row));
+    EXPECT_EQ(Files(kUp, "FileName"), Texts{"own"});
 }
 
 /// What reaches beyond the upstream files is not even unpacked.

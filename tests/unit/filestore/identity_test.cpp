@@ -59,7 +59,7 @@ TEST_F(DeviceIdentity, PathNamesGiveCallUrlAndGuidAndAreCheckedAgainstTheOwnGuid
     for (const char* path : {"", "/02-00/10.1.2.3/255.0.0.0"}) {
         KelString text, guid;
         FileStore::GetDeviceUrl(KelString("10.1.2.3:1610/0A1B-X") + path, text, guid);
-        EXPECT_EQ(text, UrlForAgent(kAgentName, kPassword, "10.1.2.3:1610"));
+        EXPECT_EQ(text, UrlForAgent(kAgentName, kPassword, "10.1.2.3:1610/0A1B-X"));
         EXPECT_EQ(guid, "0A1B-X");
     }
     const KelString ours = kGuid;

@@ -68,6 +68,12 @@ TEST_F(ReceiveFileTest, WithACertificateADeviceIsItsGuidAndAClientPassesNothingO
         const KelPeer peer{KelPeer::Proof::Certificate, *IpAddress::Parse(kStranger), guid, role};
         EXPECT_EQ(CallLocalFor(peer, {}, "FileStoreReceiveFile", offer), result);
         EXPECT_EQ(Count(kUp), result == kKelOk ? "1" : "0");
+        if (result != kKelOk) continue;
+        offer = With(Offer("FileStorePackedFiles", "d"),
+                     {{"FileSize", 3}, {"Upstream", true}, {"SourceDevice", own}});
+        EXPECT_EQ(CallLocalFor(peer, {}, "FileStoreReceiveFile", offer), kKelOk);
+        EXPECT_EQ(Rows(kUp, "SELECT count(*) FROM Files WHERE FileInfo LIKE '%OwnFilesOnly%'"),
+                  Texts{role == kClient ? "1" : "0"});
     }
 }
 
