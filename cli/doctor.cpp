@@ -164,6 +164,45 @@ const char* const kReachAdvice =
     "firewalls "
     "between the two devices";
 
+/// Whether anything answers where the parent should be; in a tree with keys, the parent itself.
+KelVector<Finding> ExaminePlaceOfParent(const KelString& root) {
+    KelVector<Finding> findings;
+    const KelString parent = IniValue(root, "Relay", "Relay", "ParentName");
+    const auto port = ParseUint64(IniValue(root, "Relay", "Relay", "ParentPort"));
+    if (parent.empty() || !port || *port == 0 || *port > 65535) return findings;
+    const auto address = IpAddress::Resolve(parent);
+    if (!address) {
+        findings.push_back({"name", State::Problem, "the parent's name " + parent + " is not known",
+                            "correct ParentName in Relay.ini, the DNS or /etc/hosts"});
+        return findings;
+    }
+    const auto keys = KeysOf(root);
+    if (!keys) {
+        findings.push_back({"keys", State::Problem, keys.Error().message,
+                            "restore data/Keys from a backup, or make the root folder anew with 'kel init'"});
+        return findings;
+    }
+    if (*keys && !(*keys)->IsEnrolled()) {
+        findings.push_back(
+            {"keys", State::Warning, "this device does not belong to a tree yet",
+             "start the agent, which joins with its invitation; its log says what is in the way"});
+        return findings;
+    }
+    HttpClient client(kConnectSeconds, kConnectSeconds);
+    client.EnableKeys(*keys);
+    client.SetServer(address->ToText(), static_cast<std::uint16_t>(*port));
+    HttpMessage request, answer;
+    request.SetMethod(HttpMethod::Head);
+    const KelString place = parent + ":" + std::to_string(*port);
+    if (client.SendAndRecv(request, answer) == kHttpCompleted) {
+        findings.push_back({"parent", State::Ok, place + " answers", {}});
+        if (const auto ahead = SecondsAhead(answer)) findings.push_back(ClockFinding(*ahead));
+    } else {
+        findings.push_back({"parent", State::Problem, place + ": " + client.GetErrorText(), kReachAdvice});
+    }
+    return findings;
+}
+
 }  // namespace
 
 KelVector<Finding> ExamineRoot(const KelString& root) {
@@ -184,33 +223,8 @@ KelVector<Finding> ExamineRoot(const KelString& root) {
 
 KelVector<Finding> ExamineStoppedAgent(const KelString& root) {
     KelVector<Finding> findings = {ExaminePort(root)};
-    const KelString parent = IniValue(root, "Relay", "Relay", "ParentName");
-    const auto port = ParseUint64(IniValue(root, "Relay", "Relay", "ParentPort"));
-    if (parent.empty() || !port || *port == 0 || *port > 65535) return findings;
-    const auto address = IpAddress::Resolve(parent);
-    if (!address) {
-        findings.push_back({"name", State::Problem, "the parent's name " + parent + " is not known",
-                            "correct ParentName in Relay.ini, the DNS or /etc/hosts"});
-        return findings;
-    }
-    const auto keys = KeysOf(root);
-    if (!keys) {
-        findings.push_back({"keys", State::Problem, keys.Error().message,
-                            "restore data/Keys from a backup, or make the root folder anew with 'kel init'"});
-        return findings;
-    }
-    HttpClient client(kConnectSeconds, kConnectSeconds);
-    client.EnableKeys(*keys);
-    client.SetServer(address->ToText(), static_cast<std::uint16_t>(*port));
-    HttpMessage request, answer;
-    request.SetMethod(HttpMethod::Head);
-    const KelString place = parent + ":" + std::to_string(*port);
-    if (client.SendAndRecv(request, answer) == kHttpCompleted) {
-        findings.push_back({"parent", State::Ok, place + " answers", {}});
-        if (const auto ahead = SecondsAhead(answer)) findings.push_back(ClockFinding(*ahead));
-    } else {
-        findings.push_back({"parent", State::Problem, place + ": " + client.GetErrorText(), kReachAdvice});
-    }
+    for (Finding& finding : ExaminePlaceOfParent(root))
+        findings.push_back(std::move(finding));
     return findings;
 }
 

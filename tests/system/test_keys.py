@@ -8,7 +8,7 @@ import threading
 import unittest
 
 from case import BUILD, SystemTest, wait_collected, write_files
-from tree import Agent, Tree, find_faketime, sha256_of, wait_until
+from tree import AGENT_NAME, Agent, Tree, find_faketime, sha256_of, wait_until
 
 
 class Impostor:
@@ -54,9 +54,10 @@ class LaterClock:
 
 
 class KeysTest(SystemTest):
-    def ask(self, agent, keys=None, action="AgentGetStatus", arguments=""):
+    def ask(self, agent, keys=None, action="AgentGetStatus", arguments="", user=None):
         """The HTTP status of a call, with the certificate in a device's folder, and the action's result."""
         certificate = ["--cert", keys / "certificate.pem", "--key", keys / "key.pem"] if keys else []
+        certificate += ["--digest", "--user", user] if user else []
         run = subprocess.run(["curl", "-sk", "-o", "/dev/null", "-w", "%{http_code} %header{kel-result}", *certificate,
                               "-H", "Content-Type: application/json", "-d", arguments or "{}",
                               f"https://{agent.address}:{agent.port}/Action/{action}"], text=True, capture_output=True)
@@ -78,12 +79,26 @@ class KeysTest(SystemTest):
             expected = client.send(*up.values())
             tree.wait_delivered({("files", name): sha256_of(path) for name, path in down.items()}, [client], 30)
             wait_collected(master, expected, 30)
+            self.members(master, relay, client)
             self.strangers(tree, master, relay, client)
             self.impostor(tree, relay, client)
             self.renewal(tree, relay)
             again = self.replacement(tree, master, relay, client)
             self.revocation(master, again, client, {relay.guid, client.guid})
             self.end(tree)
+
+    def members(self, master, relay, client):
+        """A certificate makes the parent, or a child, whatever the address; never the device itself or an operator."""
+        stop = ("HttpProtocolMulticastStopListen", '{"MulticastAddress": "239.1.1.1"}')
+        for caller, agent, (action, arguments), result in (
+                (relay, client, stop, 0), (master, client, stop, 17), (client, relay, stop, 17), (relay, relay, stop, 17),
+                (client, relay, ("HttpProtocolGetThreadCount", "{}"), 0), (client, relay, ("KeysEnrol", "{}"), 1),
+                (relay, client, ("RelaySetParent", "{}"), 17), (relay, relay, ("KeysForgetParent", "{}"), 17)):
+            self.assertEqual(self.ask(agent, caller.data / "Keys", action, arguments), f"200 {result}", (action, agent.name))
+        ini = (relay.root / "config" / "Agent.ini").read_text()
+        password = ini.partition("\nHttpPassword=")[2].partition("\n")[0]
+        self.assertGreater(len(password), 20)
+        self.assertEqual(self.ask(relay, user=f"{AGENT_NAME}:{password}"), "401")
 
     def strangers(self, tree, master, relay, client):
         self.assertEqual(self.ask(relay, client.data / "Keys"), "200 0")
