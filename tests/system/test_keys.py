@@ -91,10 +91,12 @@ class KeysTest(SystemTest):
         """A certificate makes the parent, or a child, whatever the address; never the device itself or an operator."""
         stop = ("HttpProtocolMulticastStopListen", '{"MulticastAddress": "239.1.1.1"}')
         for caller, agent, (action, arguments), result in (
-                (relay, client, stop, 0), (master, client, stop, 17), (client, relay, stop, 17), (relay, relay, stop, 17),
-                (client, relay, ("HttpProtocolGetThreadCount", "{}"), 0), (client, relay, ("KeysEnrol", "{}"), 1),
-                (relay, client, ("RelaySetParent", "{}"), 17), (relay, relay, ("KeysForgetParent", "{}"), 17)):
-            self.assertEqual(self.ask(agent, caller.data / "Keys", action, arguments), f"200 {result}", (action, agent.name))
+                (relay, client, stop, 0), (master, client, stop, 17), (client, relay, stop, 17),
+                (relay, relay, stop, 17), (client, relay, ("HttpProtocolGetThreadCount", "{}"), 0),
+                (client, relay, ("KeysEnrol", "{}"), 1), (relay, client, ("RelaySetParent", "{}"), 17),
+                (relay, relay, ("KeysForgetParent", "{}"), 17)):
+            answer = self.ask(agent, caller.data / "Keys", action, arguments)
+            self.assertEqual(answer, f"200 {result}", (action, agent.name))
         ini = (relay.root / "config" / "Agent.ini").read_text()
         password = ini.partition("\nHttpPassword=")[2].partition("\n")[0]
         self.assertGreater(len(password), 20)
