@@ -165,6 +165,7 @@ constexpr auto kNames = std::to_array<Name>({
     {"Remark", "remark"},
     // audit
     {"Operator", "operator"},
+    {"Master", "master"},
     {"Action", "action"},
     {"Arguments", "arguments", Form::Values},
     {"Result", "result"},

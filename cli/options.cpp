@@ -72,6 +72,9 @@ void DefineCommon(CLI::App& app, CommonOptions& common) {
     root->excludes(url)->excludes(user);
     user->needs(url);
     url->needs(user)->needs(password);
+    app.add_option("--device", common.device,
+                   "The device of the tree that the command is for, by its GUID or name; on the master")
+        ->type_name("DEVICE");
     app.add_flag("--json", common.json, "Print JSON");
     app.add_option("--timeout", common.timeoutSeconds, "Seconds to wait for an answer")
         ->check(CLI::Range(1, 86400))

@@ -18,6 +18,7 @@ struct CommonOptions {
     KelString url;           ///< "http://host:port" with
     KelString user;          ///< the tree's agent name and
     KelString passwordFile;  ///< a file whose first line is the tree's password
+    KelString device;        ///< GUID or name of a device to call through that agent, the master
     bool json = false;
     int timeoutSeconds = 60;  ///< to wait for the answer of one call
 };

@@ -5,6 +5,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <utility>
 
 #include "kel/text.h"
@@ -58,6 +59,14 @@ class ActionRegistry {
     bool Has(const KelString& name) const {
         const std::lock_guard lock(mutex_);
         return actions_.count(name) != 0;
+    }
+
+    std::optional<KelActionAccess> FindAccess(const KelString& name) const {
+        const std::lock_guard lock(mutex_);
+        const auto found = actions_.find(name);
+        if (found == actions_.end()) return std::nullopt;
+        const KelActionDescription& description = found->second->description;
+        return KelActionAccess{description.callers, description.changes};
     }
 
     /// Under the lock, because the texts of a description are those of its module.
@@ -140,6 +149,10 @@ bool ActionDbIsActionRegistered(const KelString& actionName) {
     return Registry().Has(actionName);
 }
 
+std::optional<KelActionAccess> ActionDbFindAccess(const KelString& actionName) {
+    return Registry().FindAccess(actionName);
+}
+
 KelVector<KelContainer> ActionDbListActions() {
     return Registry().Describe();
 }
@@ -152,9 +165,10 @@ unsigned int CallLocal(const KelString& actionName, KelContainer& container) {
         return kKelErrorUnknownAction;
     }
     const bool isAudited = action->description.changes && ActionIsFromNetwork(container);
-    const KelContainer asked = isAudited ? container : KelContainer();
+    std::optional<AuditedCall> audited;
+    if (isAudited) audited.emplace(actionName, container);
     const unsigned int result = RunHandler(*action, actionName, container);
-    if (isAudited) AuditRecordCall(actionName, asked, result, container);
+    if (audited) audited->End(result, container);
     Registry().EndCall(std::move(action));
     return result;
 }

@@ -2,6 +2,7 @@
 
 #include <functional>
 #include <initializer_list>
+#include <optional>
 
 #include "kel/container.h"
 #include "kel/ip_address.h"
@@ -48,6 +49,15 @@ void ActionDbRegisterActions(Owner& owner, const char* handle,
 void ActionDbUnregisterAll(const char* handle);
 
 bool ActionDbIsActionRegistered(const KelString& actionName);
+
+/// What the description of an action says about calls of it.
+struct KelActionAccess {
+    KelCallers callers = KelCallers::Local;
+    bool changes = false;
+};
+
+/// Nothing when there is no such action.
+std::optional<KelActionAccess> ActionDbFindAccess(const KelString& actionName);
 
 /// The descriptions of all actions, sorted by name: for each a container as DescribeAction makes it, with the
 /// text Module.

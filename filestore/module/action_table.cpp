@@ -41,7 +41,7 @@ constexpr std::array kActions = {
          .outputs = "string FileURL? (empty: not here yet), int32 KeepCopy?, string FileChecksum?, bool "
                     "FileObsolete?",
          .results = "1 the key is unusable; 44005 the GUID belongs to another tree",
-         .callers = kChild}},
+         .callers = kChild | kOperator}},
     FileStoreAction{
         &FileStore::ActionHandler_FileStoreRequestFileSize,
         {.signature =
@@ -50,7 +50,7 @@ constexpr std::array kActions = {
          .inputs = KEL_FILE_KEY ", string DeviceGUID?",
          .outputs = "int64 FileSize (bytes)",
          .results = "1 the key is unusable; 13 no device above has it",
-         .callers = kChild}},
+         .callers = kChild | kOperator}},
     FileStoreAction{
         &FileStore::ActionHandler_FileStoreAcknowledgeFile,
         {.signature =

@@ -5,6 +5,7 @@
 #include "kel/container.h"
 #include "kelcore/module.h"
 #include "modules/console/console_database.h"
+#include "modules/console/device_call.h"
 #include "modules/console/device_directory.h"
 #include "modules/console/device_groups.h"
 #include "modules/console/explanation.h"
@@ -42,6 +43,7 @@ class Console : public KelModule {
     unsigned int Explain(KelContainer* arguments);
     unsigned int Withdraw(KelContainer* arguments);
     unsigned int RemoveDevice(KelContainer* arguments);
+    unsigned int CallDevice(KelContainer* arguments);
     unsigned int ReceiveUpstream(KelContainer* arguments);
     KelResult<KelContainer> ReadTargets(const KelString& id);
 
@@ -60,4 +62,5 @@ class Console : public KelModule {
     UpstreamIntake intake_;
     Explainer explainer_;
     Previewer previewer_;
+    DeviceCaller caller_;
 };

@@ -8,8 +8,10 @@
 #include "kelcore/agent.h"
 #include "kelcore/call_origin.h"
 #include "kelcore/callback_db.h"
+#include "kelcore/device_name.h"
 #include "kelcore/error_codes.h"
 #include "kelcore/file_values.h"
+#include "kelcore/operator_call.h"
 
 namespace {
 
@@ -83,7 +85,19 @@ void Relay::Register(const char* handle) {
           {.signature = "RelayClearPackage",
            .purpose = "Removes the kept copy of a file, or all that are kept under a label.",
            .inputs = "string FileType?, string FileLabel, string FileName? (absent: all)",
-           .results = "1 unusable or not from this device; 18 not removed"}}});
+           .results = "1 unusable or not from this device; 18 not removed"}},
+         {&Relay::CallDevice,
+          {.signature = "RelayCallDevice",
+           .purpose = "Passes a call of the operator at the master on to a device below, or runs it when it "
+                      "is for this one.",
+           .inputs = "container Way[] (this device and those below that lead to the one called) {string "
+                     "PathName, string Name}, string Action, container Arguments?, string Operator?, string "
+                     "Master (HOST:PORT), int32 Seconds? (for the answer)",
+           .outputs = "int64 Result, container Answer",
+           .results =
+               "1 unusable, not for this device, or not from the parent; 17 not passed on; 21 the next "
+               "device does not answer",
+           .callers = KelCallers::Parent}}});
     CallbackDbRegisterAction(kReadyEvent, kReadySignature, {}, 0);
 }
 
@@ -153,6 +167,37 @@ unsigned int Relay::ClearPackage(KelContainer* arguments) {
     if (!ActionIsFromThisDevice(*arguments))
         return Answer(arguments, KelError{kKelErrorBadInput, "Another device may not clear packages here"});
     return Answer(arguments, packages_.Clear(*arguments));
+}
+
+bool Relay::IsFromParent(const KelContainer& arguments) const {
+    if (!ActionIsFromNetwork(arguments)) return true;
+    const KelString address = ActionRequestAddress(arguments);
+    return !address.empty() && address == parentLink_.GetState().ipAddress;
+}
+
+unsigned int Relay::CallDevice(KelContainer* arguments) {
+    // The way names devices that are called with the credentials of this tree.
+    if (!IsFromParent(*arguments))
+        return Answer(arguments, KelError{kKelErrorBadInput, "Only the parent may pass on calls"});
+    auto call = OperatorCall::Read(*arguments);
+    if (!call) return Answer(arguments, call.Error());
+    KelContainer own;
+    CallLocal("IdentityGetGUID", own);
+    const OperatorCall::Stop stop = call->way.front();
+    const KelString guid = own.GetString("GUID");
+    if (guid.empty() || ParseDevicePathName(stop.pathName)->guid != guid)
+        return Answer(arguments, KelError{kKelErrorBadInput,
+                                          KelFormat("Another device than %S answers at its address %S",
+                                                    stop.name, ParseDevicePathName(stop.pathName)->address)});
+    if (call->way.size() == 1) {
+        *arguments = RunOperatorCall(*call, ActionRequestAddress(*arguments));
+        return kKelOk;
+    }
+    call->way.erase(call->way.begin());
+    auto answer = PassOn(*call);
+    if (!answer) return Answer(arguments, answer.Error());
+    *arguments = std::move(*answer);
+    return kKelOk;
 }
 
 unsigned int Relay::GetValues(KelContainer* arguments) const {

@@ -38,6 +38,8 @@ class Relay : public KelModule {
     unsigned int SetParent(KelContainer* arguments);
     unsigned int ReceiveFile(KelContainer* arguments);
     unsigned int ClearPackage(KelContainer* arguments);
+    unsigned int CallDevice(KelContainer* arguments);
+    bool IsFromParent(const KelContainer& arguments) const;
     unsigned int Answer(KelContainer* arguments, const KelStatus& status);
     void ReplayUnconnected();
     void ReportChange();
