@@ -31,10 +31,11 @@ int RunCommand(const CommonOptions& common, const AuditOptions& options) {
     return PrintActionList(
         common, "AgentGetAudit", std::move(arguments),
         {TimeColumn("TIME", "Time"),
-         ValueColumn("OPERATOR", "Operator"),
+         TextColumn("OPERATOR", "Operator"),
          {"FROM", CallerText},
-         ValueColumn("DEVICE", "Device"),
+         TextColumn("DEVICE", "Device"),
          ValueColumn("ACTION", "Action"),
-         {"WITH", [](const KelContainer& line) { return ContainerToJson(line.GetContainer("Arguments")); }},
-         {"RESULT", ResultText}});
+         {"WITH", [](const KelContainer& line) { return ContainerToJson(line.GetContainer("Arguments")); },
+          true},
+         {"RESULT", ResultText, true}});
 }

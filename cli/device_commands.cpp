@@ -4,6 +4,7 @@
 #include "cli/commands.h"
 #include "cli/output.h"
 #include "cli/remote.h"
+#include "cli/terminal.h"
 #include "kelcore/error_codes.h"
 
 namespace {
@@ -67,6 +68,7 @@ KelString SilenceText(const KelContainer& device) {
 
 void PrintTree(const KelContainer& answer) {
     Table table({"NAME", "ROLE", "ADDRESS", "GUID", "LAST SEEN", ""});
+    table.Fit(TerminalWidth(), {0, 5});
     for (const DeviceRow& row : OrderByParent(answer)) {
         const KelContainer& device = answer.GetContainer("Values", row.index);
         table.AddRow({KelString(row.depth * kIndent, ' ') + device.GetString("Name"),

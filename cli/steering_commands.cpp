@@ -40,7 +40,7 @@ int GetSettings(const Remote& remote, bool json, const KelVector<KelString>& nam
         item.SetString("Value", values.GetString(name));
         list.SetContainer("Values", std::move(item), count++);
     }
-    PrintList(list, json, {ValueColumn("NAME", "Name"), ValueColumn("VALUE", "Value")});
+    PrintList(list, json, {TextColumn("NAME", "Name"), TextColumn("VALUE", "Value")});
     return kExitDone;
 }
 
@@ -160,10 +160,10 @@ int ListActions(const CommonOptions& common, const KelString& name) {
     if (name.empty() || common.json)
         PrintList(answer, common.json,
                   {ValueColumn("ACTION", "Name"), ValueColumn("CALLERS", "Callers"),
-                   ValueColumn("PURPOSE", "Purpose")});
+                   TextColumn("PURPOSE", "Purpose")});
     else
         PrintList(ActionRows(answer.GetContainer("Values")), false,
-                  {ValueColumn("NAME", "Name"), ValueColumn("VALUE", "Value")});
+                  {TextColumn("NAME", "Name"), TextColumn("VALUE", "Value")});
     return kExitDone;
 }
 

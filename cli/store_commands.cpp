@@ -68,8 +68,8 @@ int RunCommand(const CommonOptions& common, const FilesOptions& options) {
     if (!remote) return Complain(remote.Error());
     const KelVector<Column> columns = {
         ValueColumn("ID", "FileId"),
-        ValueColumn("TYPE", kValueFileType),
-        ValueColumn("LABEL", kValueFileLabel),
+        TextColumn("TYPE", kValueFileType),
+        TextColumn("LABEL", kValueFileLabel),
         NameColumn("NAME"),
         {"STATUS", [](const KelContainer& item) { return FileStatusText(item.GetString(kFileStatus)); }},
         ValueColumn("HERE", "TransferredData"),
@@ -94,20 +94,20 @@ int RunCommand(const CommonOptions& common, const FileOptions& options) {
         PrintJson(call);
     else
         PrintList(FileValueList(call.GetContainer("Values")), false,
-                  {ValueColumn("NAME", "Name"), ValueColumn("VALUE", "Value")});
+                  {TextColumn("NAME", "Name"), TextColumn("VALUE", "Value")});
     return kExitDone;
 }
 
 int RunCommand(const CommonOptions& common, const InboxOptions&) {
     return PrintActionList(
         common, "DeliveryListFiles", {},
-        {ValueColumn("TYPE", kValueFileType), ValueColumn("LABEL", kValueFileLabel), NameColumn("NAME"),
-         SizeColumn("SIZE", "Size"), TimeColumn("DELIVERED", "Time"), ValueColumn("PATH", "Path")});
+        {TextColumn("TYPE", kValueFileType), TextColumn("LABEL", kValueFileLabel), NameColumn("NAME"),
+         SizeColumn("SIZE", "Size"), TimeColumn("DELIVERED", "Time"), TextColumn("PATH", "Path")});
 }
 
 int RunCommand(const CommonOptions& common, const CollectedOptions&) {
     return PrintActionList(common, "DeliveryListCollected", {},
-                           {ValueColumn("DEVICE", "Device"), ValueColumn("TYPE", kValueFileType),
-                            ValueColumn("LABEL", kValueFileLabel), NameColumn("NAME"),
-                            SizeColumn("SIZE", "Size"), ValueColumn("PATH", "Path")});
+                           {TextColumn("DEVICE", "Device"), TextColumn("TYPE", kValueFileType),
+                            TextColumn("LABEL", kValueFileLabel), NameColumn("NAME"),
+                            SizeColumn("SIZE", "Size"), TextColumn("PATH", "Path")});
 }

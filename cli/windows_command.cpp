@@ -4,6 +4,7 @@
 #include "cli/commands.h"
 #include "cli/output.h"
 #include "cli/remote.h"
+#include "cli/terminal.h"
 #include "kel/format.h"
 #include "kel/text.h"
 #include "kelcore/error_codes.h"
@@ -48,6 +49,7 @@ std::array<KelContainer, kDirections.size()> ByDirection(const KelContainer& win
 /// A line for each direction: what is in force, until when, and the rules.
 KelString Overview(const std::array<KelContainer, kDirections.size()>& windows) {
     Table table({"DIRECTION", "NOW", "NEXT CHANGE", "THEN", "HOURS OF", "WEEK"});
+    table.Fit(TerminalWidth(), {5});
     for (std::size_t i = 1; i < windows.size(); ++i) {
         const KelContainer& window = windows[i];
         if (window.IsEmpty()) {

@@ -10,6 +10,7 @@
 #include "cli/options.h"
 #include "cli/output.h"
 #include "cli/publication_watch.h"
+#include "cli/terminal.h"
 #include "kel/format.h"
 #include "kel/temp_folder.h"
 #include "kelcore/json.h"
@@ -29,6 +30,25 @@ TEST(TableTest, ColumnsFitTheirWidestCellAndControlCharactersCannotSteerTheTermi
               "NAME       N  X\n"
               "grün       7  a?[2Jb?c\n"
               "longer  1024\n");
+}
+
+TEST(TableTest, TheWidestTextIsShortenedByWhatTheTerminalLacks) {
+    const auto render = [](std::size_t width) {
+        Table table({"GUID", "FILE", "REASON"});
+        table.Fit(width, {1, 2});
+        table.AddRow({"ABCD-12345", "grüße-文件.bin", "it does not answer"});
+        return table.Render();
+    };
+    EXPECT_EQ(render(0), render(46));
+    EXPECT_EQ(render(45),
+              "GUID        FILE            REASON\n"
+              "ABCD-12345  grüße-文件.bin  it does not answ…\n");
+    EXPECT_EQ(render(34),
+              "GUID        FILE        REASON\n"
+              "ABCD-12345  grüße-文…   it does n…\n");
+    EXPECT_EQ(render(10), render(30)) << "a column must remain";
+    EXPECT_EQ(Shortened("e\u0301te\u0301s", 3), "e\u0301t…");
+    EXPECT_EQ(Shortened("\xC3\x28\xFF", 3), "\xC3\x28\xFF");
 }
 
 /// The devices of "GUID PARENT" texts as GUIDs, each behind a dot for each level of its depth.
