@@ -149,12 +149,15 @@ constexpr std::array kActions = {
         {.signature = "FileStoreListFiles ()",
          .purpose = "Lists the files of the store, except obsolete ones.",
          .inputs = "bool ListUpstream?, string SortAttr? (a column of Files), string SortOrder? (ASC or "
-                   "DESC), int64 Offset?, int64 Limit?, bool CountsOnly?, bool Reasons?",
+                   "DESC), int64 Offset?, int64 After? (FileId of the file before the first one; for long "
+                   "lists without "
+                   "SortAttr), int64 Limit?, bool CountsOnly?, bool Reasons?",
          .outputs =
-             "int64 TotalCount, container Counts? {int64 * (files by status)}, container Values[]? "
+             "int64 TotalCount? (absent with After), container Counts? {int64 * (files by status)}, "
+             "container Values[]? "
              "{int32 FileId, " KEL_FILE_KEY
              ", string FileStatus, string TransferredData (per cent), container Reason? {" KEL_REASON "}}",
-         .results = "1 no such column or order, or a negative number",
+         .results = "1 no such column or order, or a negative number; 13 the file of After is gone",
          .callers = kOperator}},
     FileStoreAction{
         &FileStore::ActionHandler_FileStoreGetFileInfo,
@@ -190,6 +193,15 @@ constexpr std::array kActions = {
                     "{int64 Since, int64 Until}, int64 Bandwidth? (bit/s), bool BandwidthMeasured?, int64 "
                     "DiskFree? (bytes), container DiskFull? {int64 WaitingFiles, int64 Since, int64 Needed}, "
                     "int64 WaitingTargets}",
+         .callers = kOperator}},
+    FileStoreAction{
+        &FileStore::ActionHandler_FileStoreGetTransfers,
+        {.signature = "FileStoreGetTransfers ()",
+         .purpose = "Lists the files that are being transferred from or to another device now.",
+         .outputs = "container Values[]? {int32 FileId, " KEL_FILE_KEY
+                    ", bool Upstream, int64 FileSize (bytes), string Peer (HOST:PORT), int64 Since (seconds "
+                    "since the epoch), int64 TransferredBytes? (here by now; of what goes up, only the "
+                    "receiver knows)}",
          .callers = kOperator}},
     FileStoreAction{&FileStore::ActionHandler_FileStoreGetDeviceUrl,
                     {.signature = "FileStoreGetDeviceUrl ()",
