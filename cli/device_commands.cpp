@@ -115,15 +115,6 @@ KelString DiskText(const KelContainer& waiting) {
            " files wait, the largest needs " + SizeText(full.GetInt64("Needed"));
 }
 
-KelString QueueText(const KelContainer& counts) {
-    KelString text;
-    for (std::size_t i = 0; i < counts.GetNameCount(); ++i) {
-        const KelString& name = counts.GetName(i);
-        text += (text.empty() ? "" : ", ") + counts.GetString(name) + " " + FileStatusText(name);
-    }
-    return text.empty() ? "none" : text;
-}
-
 void PrintStatus(const KelContainer& status, const KelString& windows, const KelString& address) {
     const KelContainer& agent = status.GetContainer("Agent");
     const KelContainer& identity = status.GetContainer("Identity");
@@ -148,6 +139,15 @@ void PrintStatus(const KelContainer& status, const KelString& windows, const Kel
 }
 
 }  // namespace
+
+KelString QueueText(const KelContainer& counts) {
+    KelString text;
+    for (std::size_t i = 0; i < counts.GetNameCount(); ++i) {
+        const KelString& name = counts.GetName(i);
+        text += (text.empty() ? "" : ", ") + counts.GetString(name) + " " + FileStatusText(name);
+    }
+    return text.empty() ? "none" : text;
+}
 
 KelString ParentText(const KelContainer& relay) {
     if (relay.GetString("Role") == "master") return "none";

@@ -163,6 +163,9 @@ constexpr auto kNames = std::to_array<Name>({
     {"Optional", "optional"},
     {"Several", "several"},
     {"Remark", "remark"},
+    // transfers
+    {"Transfers", "transfers"},
+    {"Rate", "rate"},
     // audit
     {"Operator", "operator"},
     {"Master", "master"},

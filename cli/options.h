@@ -118,7 +118,7 @@ struct FileOptions {
 
 struct SettingsOptions {
     KelVector<KelString> names;        ///< get: which; empty for all
-    KelVector<KelString> assignments;  ///< set: "NAME=VALUE"; empty for get
+    KelVector<KelString> assignments;  ///< set: "SETTING=VALUE"; empty for get
 };
 
 struct WindowsOptions {
@@ -144,6 +144,21 @@ struct CallOptions {
     bool list = false;               ///< list the actions, or describe the one named
 };
 
+struct TopOptions {
+    bool once = false;  ///< print one state and end
+    bool tree = false;  ///< of the devices below the master
+    int limit = 20;     ///< transfers, or devices
+};
+
+struct CompletionOptions {
+    KelString what;  ///< the shell, or the kind of names
+
+    /// True when the program knows the answer, without an agent.
+    bool IsOfProgram() const { return what == "bash" || what == "zsh" || what == "commands"; }
+};
+
+struct ManualOptions {};
+
 struct AuditOptions {
     std::optional<std::int64_t> since;  ///< seconds since the epoch
     int limit = 1000;
@@ -154,7 +169,7 @@ using CommandOptions =
                  CollectedOptions, RequestOptions, UploadOptions, FilesOptions, FileOptions, SettingsOptions,
                  WindowsOptions, InboxOptions, CallOptions, WhyOptions, GroupsOptions, WakeOptions,
                  MulticastOptions, WithdrawOptions, RemoveDeviceOptions, ResumeOptions, ParentOptions,
-                 AuditOptions>;
+                 AuditOptions, TopOptions, CompletionOptions, ManualOptions>;
 
 struct Options {
     CommonOptions common;

@@ -1,10 +1,12 @@
 #include "cli/terminal.h"
 
+#include <poll.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
+#include <cstdio>
 #include <cstdlib>
 
 #include "kel/text.h"
@@ -83,6 +85,26 @@ std::size_t SizeOfTerminal(const char* variable, unsigned short winsize::*member
     return ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 ? size.*member : 0;
 }
 
+volatile std::sig_atomic_t g_ended = 0;
+
+/// Of a terminal that does not say.
+constexpr std::size_t kUnknownHeight = 24;
+
+// Escape sequences of terminals (ECMA-48, and the other screen of xterm).
+constexpr const char* kOwnScreen = "\x1b[?1049h\x1b[?25l";
+constexpr const char* kFormerScreen = "\x1b[?25h\x1b[?1049l";
+constexpr const char* kHome = "\x1b[H";
+constexpr const char* kRestOfLine = "\x1b[K";
+constexpr const char* kRestOfScreen = "\x1b[J";
+
+struct sigaction OnSignal(int signal, void (*handler)(int)) {
+    struct sigaction action {
+    }, former{};
+    action.sa_handler = handler;
+    sigaction(signal, &action, &former);
+    return former;
+}
+
 }  // namespace
 
 std::size_t TerminalWidth() {
@@ -113,4 +135,61 @@ KelString Shortened(const KelString& text, std::size_t columns) {
         if (width > columns) return text.substr(0, kept) + "…";
     }
     return text;
+}
+
+LiveScreen::LiveScreen() : isTerminal_(isatty(STDOUT_FILENO) == 1) {
+    readsKeys_ = isTerminal_ && tcgetattr(STDIN_FILENO, &keys_) == 0;
+    g_ended = 0;
+    onInterrupt_ = OnSignal(SIGINT, [](int) { g_ended = 1; });
+    onTerminate_ = OnSignal(SIGTERM, [](int) { g_ended = 1; });
+    if (readsKeys_) {
+        termios keys = keys_;
+        keys.c_lflag &= ~static_cast<tcflag_t>(ICANON | ECHO);
+        keys.c_cc[VSUSP] = _POSIX_VDISABLE;  // a stopped program would leave its screen behind
+        tcsetattr(STDIN_FILENO, TCSANOW, &keys);
+    }
+    if (isTerminal_) std::fputs(kOwnScreen, stdout);
+}
+
+LiveScreen::~LiveScreen() {
+    if (isTerminal_) {
+        std::fputs(kFormerScreen, stdout);
+        std::fflush(stdout);
+    }
+    if (readsKeys_) tcsetattr(STDIN_FILENO, TCSAFLUSH, &keys_);
+    sigaction(SIGINT, &onInterrupt_, nullptr);
+    sigaction(SIGTERM, &onTerminate_, nullptr);
+}
+
+void LiveScreen::Show(const KelString& text) const {
+    KelString shown = text;
+    if (isTerminal_) {
+        shown = kHome;
+        const std::size_t width = TerminalWidth();
+        const std::size_t height = TerminalHeight();
+        std::size_t left = height > 0 ? height : kUnknownHeight;
+        for (const KelString& line : SplitText(text, '\n')) {
+            if (left <= 1) break;  // the last line of the screen stays empty: a newline there would scroll
+            --left;
+            shown += (width > 0 ? Shortened(line, width) : line) + kRestOfLine + "\n";
+        }
+        shown += kRestOfScreen;
+    }
+    std::fputs(shown.c_str(), stdout);
+    std::fflush(stdout);
+}
+
+bool LiveScreen::Wait(std::chrono::milliseconds time) const {
+    const auto end = std::chrono::steady_clock::now() + time;
+    while (g_ended == 0) {
+        const auto left =
+            std::chrono::ceil<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
+        if (left.count() <= 0) return true;
+        pollfd input{STDIN_FILENO, POLLIN, 0};
+        const nfds_t inputs = readsKeys_ ? 1 : 0;
+        if (poll(&input, inputs, static_cast<int>(left.count())) <= 0) continue;
+        char key = 0;
+        if (read(STDIN_FILENO, &key, 1) <= 0 || key == 'q' || key == 'Q') return false;
+    }
+    return false;
 }

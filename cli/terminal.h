@@ -1,5 +1,9 @@
 #pragma once
 
+#include <termios.h>
+
+#include <chrono>
+#include <csignal>
 #include <cstddef>
 #include <string_view>
 
@@ -21,3 +25,27 @@ std::size_t DisplayWidth(std::string_view text);
 
 /// `text`, or its beginning and "…" when it takes more than `columns`, which are at least 1.
 KelString Shortened(const KelString& text, std::size_t columns);
+
+/// A view that is drawn again and again: on a terminal in place, on a screen of its own that the former one
+/// comes back from; elsewhere as lines below each other. While it exists, SIGINT and SIGTERM end the view
+/// instead of the program. One at a time.
+class LiveScreen {
+  public:
+    LiveScreen();
+    ~LiveScreen();
+    LiveScreen(const LiveScreen&) = delete;
+    LiveScreen& operator=(const LiveScreen&) = delete;
+
+    /// Draws `text`, lines that each end in a newline, as many as there is room for.
+    void Show(const KelString& text) const;
+
+    /// Waits so long; false at once when the user ends the view: by q, or by a signal.
+    bool Wait(std::chrono::milliseconds time) const;
+
+  private:
+    bool isTerminal_;
+    bool readsKeys_ = false;
+    termios keys_{};  ///< as they were
+    struct sigaction onInterrupt_ {};
+    struct sigaction onTerminate_ {};
+};

@@ -196,7 +196,8 @@ void Console::Register(const char* handle) {
                      "the answer)",
            .outputs = "int64 Result, container Answer (those of the action)",
            .results = "1 no such device, no way to it, or not from this device; 17 a device on the way does "
-                      "not take it; 21 one does not answer"}},
+                      "not take it; 21 one does not answer",
+           .callers = KelCallers::Local}},
          {&Console::ReceiveUpstream,
           {.signature = kReceiveSignature,
            .purpose = "Takes identities and receipts of the devices below; for the event "
