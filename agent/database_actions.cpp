@@ -6,7 +6,6 @@
 #include "kel/directory.h"
 #include "kel/path.h"
 #include "kelcore/action_db.h"
-#include "kelcore/call_origin.h"
 #include "kelcore/db/connection.h"
 #include "kelcore/error_codes.h"
 
@@ -24,8 +23,6 @@ unsigned int Refuse(KelContainer* container, unsigned int result, const KelStrin
 
 /// Paths are given as they stand beneath the root folder.
 unsigned int MakeCopies(const KelString& root, KelContainer* container) {
-    if (!ActionIsFromThisDevice(*container))
-        return Refuse(container, kKelErrorBadInput, "a backup is made on the device itself");
     static std::mutex oneAtATime;
     const std::unique_lock lock(oneAtATime, std::try_to_lock);
     if (!lock) return Refuse(container, kKelErrorNotAvailable, "another backup is being made");
@@ -70,13 +67,14 @@ void RegisterDatabaseActions(const KelString& root) {
              "folder, for a backup. The caller removes the folder; so do the next backup and the next "
              "start.",
          .outputs = "string Folder, container Values[]? {string Path (of a database), string Copy}",
-         .results = "1 the caller is another device, 17 another backup is being made, 18 a copy failed"},
+         .results = "17 another backup is being made, 18 a copy failed",
+         .callers = KelCallers::Local},
         [root](KelContainer* container) { return MakeCopies(root, container); }, kAgentHandle);
     ActionDbRegisterAction(
         {.signature = "AgentCheckDatabases",
          .purpose = "Checks the structure of all databases of this device, which wait meanwhile.",
          .outputs = "container Values[]? {string Path, string Problem? (absent: it is sound)}",
-         .callers = KelCallers::Operator},
+         .callers = KelCallers::Local},
         CheckDatabases, kAgentHandle);
 }
 

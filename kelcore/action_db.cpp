@@ -5,6 +5,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <utility>
 
 #include "kel/format.h"
@@ -60,6 +61,13 @@ class ActionRegistry {
     bool Has(const KelString& name) const {
         const std::lock_guard lock(mutex_);
         return actions_.count(name) != 0;
+    }
+
+    std::optional<bool> Changes(const KelString& name) const {
+        const std::lock_guard lock(mutex_);
+        const auto found = actions_.find(name);
+        if (found == actions_.end()) return std::nullopt;
+        return found->second->description.changes;
     }
 
     /// Under the lock, because the texts of a description are those of its module.
@@ -163,9 +171,10 @@ unsigned int RunFor(const KelCallOrigin& origin, const Action& action, const Kel
         return Refuse(action.description, key, name, origin, container);
     Refusals().Succeeded(key, KelFormat("%S may call %S now", origin.address, name));
     SetCallOrigin(origin, container);
-    const KelContainer asked = action.description.changes ? container : KelContainer();
+    std::optional<AuditedCall> audited;
+    if (action.description.changes) audited.emplace(name, container);
     const unsigned int result = RunHandler(action, name, container);
-    if (action.description.changes) AuditRecordCall(name, asked, result, container);
+    if (audited) audited->End(result, container);
     container.Remove(kActionRequestInfo);  // the caller's next call must not carry it
     return result;
 }
@@ -193,6 +202,10 @@ void ActionDbUnregisterAll(const char* handle) {
 
 bool ActionDbIsActionRegistered(const KelString& actionName) {
     return Registry().Has(actionName);
+}
+
+std::optional<bool> ActionDbChanges(const KelString& actionName) {
+    return Registry().Changes(actionName);
 }
 
 KelVector<KelContainer> ActionDbListActions() {

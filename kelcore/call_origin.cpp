@@ -14,6 +14,7 @@ constexpr const char* kAddress = "HttpProtocolRequestAddress";
 constexpr const char* kOperator = "HttpProtocolRequestCaller";
 constexpr const char* kCallers = "HttpProtocolRequestClasses";
 constexpr const char* kDevice = "HttpProtocolRequestDevice";
+constexpr const char* kMaster = "HttpProtocolRequestMaster";
 
 /// How long the address of a name counts: a relay with many children would ask the name server for each call.
 constexpr std::chrono::seconds kResolvedFor{10};
@@ -87,7 +88,7 @@ KelCallOrigin CallOriginOf(const KelContainer& arguments) {
     if (!ActionIsFromOutside(arguments)) return {};
     const KelContainer& info = arguments.GetContainer(kActionRequestInfo);
     return {static_cast<KelCallers>(info.GetInt32(kCallers)), info.GetString(kAddress),
-            info.GetString(kDevice), info.GetString(kOperator)};
+            info.GetString(kDevice), info.GetString(kOperator), info.GetString(kMaster)};
 }
 
 void SetCallOrigin(const KelCallOrigin& origin, KelContainer& arguments) {
@@ -96,6 +97,7 @@ void SetCallOrigin(const KelCallOrigin& origin, KelContainer& arguments) {
     if (!origin.address.empty()) info.SetString(kAddress, origin.address);
     if (!origin.deviceGuid.empty()) info.SetString(kDevice, origin.deviceGuid);
     if (!origin.operatorName.empty()) info.SetString(kOperator, origin.operatorName);
+    if (!origin.master.empty()) info.SetString(kMaster, origin.master);
     arguments.Remove(kActionRequestInfo);
     arguments.SetContainer(kActionRequestInfo, std::move(info));
 }

@@ -25,6 +25,7 @@ struct KelCallOrigin {
     KelString address = {};                  ///< dotted; empty: on this device
     KelString deviceGuid = {};               ///< where a key proves it
     KelString operatorName = {};             ///< what the caller says it is, for the audit; proves nothing
+    KelString master = {};  ///< "host:port": the parent passes the call on for an operator there
 };
 
 /// Who a peer is to this device. The parent is, with a key, the device with the GUID of the parent in force,

@@ -94,10 +94,13 @@ class WaitingReasons {
     struct Transfer {
         std::uint64_t bytes = 0;
         std::int64_t since = 0;
+        Side side = Side::Downstream;
+        std::uint64_t fileId = 0;
     };
     void BeginTransfer(Side side, std::uint64_t fileId, std::uint64_t bytes);
     void EndTransfer(Side side, std::uint64_t fileId);
     std::optional<Transfer> FindTransfer(Side side, std::uint64_t fileId) const;
+    KelVector<Transfer> ListTransfers() const;
 
     /// Files whose download waits for space on the disk.
     struct SpaceShortage {

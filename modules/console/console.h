@@ -7,6 +7,7 @@
 #include "kelcore/left_overs.h"
 #include "kelcore/module.h"
 #include "modules/console/console_database.h"
+#include "modules/console/device_call.h"
 #include "modules/console/device_directory.h"
 #include "modules/console/device_groups.h"
 #include "modules/console/explanation.h"
@@ -44,6 +45,7 @@ class Console : public KelModule {
     unsigned int Explain(KelContainer* arguments);
     unsigned int Withdraw(KelContainer* arguments);
     unsigned int RemoveDevice(KelContainer* arguments);
+    unsigned int CallDevice(KelContainer* arguments);
     unsigned int ReceiveUpstream(KelContainer* arguments);
     KelResult<KelContainer> ReadTargets(const KelString& id);
 
@@ -63,4 +65,5 @@ class Console : public KelModule {
     UpstreamIntake intake_;
     Explainer explainer_;
     Previewer previewer_;
+    DeviceCaller caller_;
 };

@@ -36,7 +36,7 @@ TEST_F(Lifecycle, ActionsRefuseCallsWhileTheDatabasesAreClosed) {
         ++actions;
         Ask(name, {}, kKelErrorNotAvailable);
     }
-    EXPECT_EQ(actions, 32);
+    EXPECT_EQ(actions, 33);
 }
 
 TEST_F(Lifecycle, InitialisationFailsWithoutItsTablesOrADatabaseAndClosesWhatItOpened) {
