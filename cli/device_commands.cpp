@@ -122,6 +122,7 @@ KelString DiskText(const KelContainer& waiting) {
 
 /// "12 with 1.0.0, 3 with 0.9.0".
 KelString ChildrenText(const KelContainer& status) {
+    if (!status.GetContainer("Relay").GetBool("IsEnabled")) return "none";
     std::map<KelString, int> byVersion;
     for (std::uint32_t i = 0; i < ItemCount(status, "Children"); ++i)
         ++byVersion[status.GetContainer("Children", i).GetString("Version")];
