@@ -2,6 +2,7 @@
 
 #include "cli/options.h"
 #include "kel/format.h"
+#include "kelcore/version.h"
 
 namespace {
 
@@ -66,7 +67,7 @@ The operator's guide, docs/operators_guide.md, has the names of the JSON output 
 }  // namespace
 
 KelString ManualPage(const KelVector<CommandEntry>& table) {
-    KelString page = ".TH KEL 1 \"\" \"kel " KEL_VERSION
+    KelString page = KelString(".TH KEL 1 \"\" \"kel ") + KelVersion() +
                      "\" \"User Commands\"\n"
                      ".SH NAME\nkel \\- operates agents of a device tree\n"
                      ".SH SYNOPSIS\n\\fBkel\\fR \\fB\\-\\-root\\fR \\fIDIR\\fR [\\fIoptions\\fR] "
