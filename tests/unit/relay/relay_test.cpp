@@ -335,7 +335,7 @@ TEST_F(RelayTest, CallsOfTheOperatorRunHereOrGoOnWithClearRefusals) {
     ExpectValues(call, {"Result=5"});
     call = With(own, {"Action=Own"});
     ASSERT_EQ(Call("RelayCallDevice", call), 0U);
-    ExpectValues(call, {"Result=1"});
+    ExpectValues(call, {"Result=17"});
 
     status = 404;
     for (const auto& [refused, result, text] :
