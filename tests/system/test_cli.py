@@ -27,9 +27,9 @@ class JsonTest(SystemTest):
                 "groups delete": ("g",), "withdraw": (publication,), "collected": (), "upload": (),
                 "request": (*key, "--name", "a.bin"), "settings get": (), "settings set": ("QueueGap=9",),
                 "windows": (), "windows get": (), "windows set": ("up", "--slots", "0"), "multicast": (), "parent": (),
-                "audit": ("--since", "1h")}
+                "audit": ("--since", "1h"), "doctor": (), "backup": (tree.folder / "backup",)}
             # These say nothing here, print what is no list, or were run above.
-            others = {"init", "settings", "resume", "wake", "send", "call", "completion", "manual", "devices remove"}
+            others = {"init", "restore", "settings", "resume", "wake", "send", "call", "completion", "manual", "devices remove"}
             commands = run("completion", "commands")
             self.assertEqual({command["name"] for command in commands}, {*lines, *others})
             for command, arguments in lines.items():
