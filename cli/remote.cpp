@@ -153,7 +153,7 @@ KelString Remote::PlaceOfMaster() const {
         KelContainer answer;
         const unsigned int result =
             level == 0
-                ? CallQuietly("RelayGetValues", answer)
+                ? CallAgent("RelayGetValues", answer, kParentSeconds)
                 : ActionDbInvokeContainer("kel", UrlForAgent(user_, password_, asked), "RelayGetValues",
                                           answer, 0, kParentSeconds, kParentSeconds, nullptr);
         if (result != kKelOk) break;

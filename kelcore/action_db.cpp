@@ -153,10 +153,12 @@ KelFailureLog& Refusals() {
 unsigned int Refuse(const KelActionDescription& description, const KelString& key, const KelString& name,
                     const KelCallOrigin& origin, KelContainer& container) {
     const KelCallers callers = description.callers | KelCallers::Local;
+    const KelString caller = origin.master.empty() ? "a device at " + origin.address
+                                                   : "an operator at the master " + origin.master;
     const KelString message = callers == KelCallers::Local
-                                  ? name + " is for the device's own operator, on the device"
-                                  : KelFormat("%S is for these callers: %S; a device at %S is none of them",
-                                              name, CallersText(callers), origin.address);
+                                  ? name + " is for the device's own operator, on the device itself"
+                                  : KelFormat("%S is for these callers: %S; %S is none of them", name,
+                                              CallersText(callers), caller);
     Refusals().Failed(KelDebugLevel::Warning, key,
                       KelFormat("Call of %S from %S refused: %S", name, origin.address, message));
     container.Clear();

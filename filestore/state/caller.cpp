@@ -27,6 +27,7 @@ bool HasAddress(const KelString& device, const KelString& address) {
 
 bool IsCallOf(const KelContainer& arguments, const KelString& device) {
     const KelCallOrigin origin = CallOriginOf(arguments);
+    if (device.empty()) return Includes(origin.callers, KelCallers::Local | KelCallers::Operator);
     if (Includes(origin.callers, KelCallers::Local)) return true;
     if (!origin.deviceGuid.empty()) return StringTokeniser(device, '/').GetToken(1) == origin.deviceGuid;
     return HasAddress(device, origin.address);

@@ -9,6 +9,7 @@ namespace filestore {
 
 /// True when a call with these arguments can come from the device with this device URL or path name: one of
 /// this device speaks for any, a key proves the GUID, and otherwise it has to come from the device's address.
+/// Without a name, it is this device itself, for which the operator of the tree may speak.
 bool IsCallOf(const KelContainer& arguments, const KelString& device);
 
 /// The same with the refusal of the call, which is logged.

@@ -85,7 +85,7 @@ void Relay::Register(const char* handle) {
            .inputs = "string ParentName, int32 ParentPort",
            .outputs = "string ParentName, int32 ParentPort, bool ParentSync, string ParentProblem",
            .results = "1 unusable, this device or one below it; 18 not written",
-           .callers = KelCallers::Operator,
+           .callers = KelCallers::Local,
            .changes = true}},
          {&Relay::ReceiveFile,
           {.signature = "RelayReceiveFile (string FileType, string FileLabel, string FileName, string "

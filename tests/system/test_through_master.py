@@ -58,7 +58,7 @@ class ThroughMaster(SystemTest):
         self.assertIn("has no action", self.refused(through, "call", "None"))
         self.assertIn("the master is", self.refused(client.kel, "--device", "master", "status"))
         with_path = ("call", "FileStoreReceiveFile", "FileType=t", "FileLabel=l", "FileName=n", "CopyPath=/etc/passwd")
-        self.assertIn("on the device itself", self.refused(through, *with_path))
+        self.assertIn("is for these callers", self.refused(through, *with_path))
         self.assertEqual(tree.master.kel("--device", "master", "status")[0]["relay"]["role"], "master")
 
 
