@@ -209,8 +209,7 @@ constexpr std::array kActions = {
          .purpose = "Lists the files that are being transferred from or to another device now.",
          .outputs = "container Values[]? {int32 FileId, " KEL_FILE_KEY
                     ", bool Upstream, int64 FileSize (bytes), string Peer (HOST:PORT), int64 Since (seconds "
-                    "since the epoch), int64 TransferredBytes? (here by now; of what goes up, only the "
-                    "receiver knows)}",
+                    "since the epoch), int64 TransferredBytes (here, or handed to the connection)}",
          .callers = kOperator}},
     FileStoreAction{&FileStore::ActionHandler_FileStoreGetDeviceUrl,
                     {.signature = "FileStoreGetDeviceUrl ()",

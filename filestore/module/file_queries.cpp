@@ -185,6 +185,8 @@ unsigned int FileStore::ActionHandler_FileStoreGetTransfers(KelContainer* argume
         if (isDown)
             values.SetInt64("TransferredBytes",
                             std::max<std::int64_t>(FileGetSize64(ContentPath(entry, transfer.side)), 0));
+        else if (transfer.sent)
+            values.SetInt64("TransferredBytes", static_cast<std::int64_t>(transfer.sent->load()));
         arguments->SetContainer("Values", std::move(values), KelContainer::kAbsent);
     }
     return kKelOk;

@@ -230,9 +230,9 @@ std::optional<WaitingReason> WaitingReasons::FindDevice(const KelString& deviceG
     return entry == entries_.end() ? std::nullopt : std::optional(entry->second.reason);
 }
 
-void WaitingReasons::BeginTransfer(Side side, std::uint64_t fileId, std::uint64_t bytes) {
+void WaitingReasons::BeginTransfer(const Transfer& transfer) {
     const KelLock lock(mutex_);
-    transfers_[{side, fileId, {}}] = {bytes, std::time(nullptr), side, fileId};
+    transfers_[{transfer.side, transfer.fileId, {}}] = transfer;
 }
 
 void WaitingReasons::EndTransfer(Side side, std::uint64_t fileId) {

@@ -84,9 +84,10 @@ TEST_F(FileQueries, RunningTransfersAreListedAsLongAsTheirRowsExist) {
     AddFile(kUp, "b", "UPLOADING", "FileSize = 7");
     const KelString names = "FileName Upstream FileSize Peer TransferredBytes";
     {
-        const filestore::TransferMark down(kDown, 1, 10), up(kUp, 1, 0), gone(kDown, 9, 0);
+        const auto sent = std::make_shared<std::atomic<std::uint64_t>>(5);
+        const filestore::TransferMark down(kDown, 1, 10), up(kUp, 1, 0, sent), gone(kDown, 9, 0);
         EXPECT_EQ(ReadValues(Ask("FileStoreGetTransfers"), names),
-                  (Texts{"a|false|60|10.1.2.3:80|30", "b|true|7|127.0.1.1:1|(none)"}));
+                  (Texts{"a|false|60|10.1.2.3:80|30", "b|true|7|127.0.1.1:1|5"}));
     }
     EXPECT_FALSE(Ask("FileStoreGetTransfers").Has("Values"));
 }
