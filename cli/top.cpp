@@ -51,7 +51,7 @@ const KelVector<Column>& TransferColumns() {
         NameColumn("FILE"),
         TextColumn("WITH", "Peer"),
         SizeColumn("SIZE", kValueFileSize),
-        {"HERE", ShareText},
+        {"DONE", ShareText},
         {"RATE", RateText},
         TimeColumn("SINCE", "Since")};
     return columns;
