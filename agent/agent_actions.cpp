@@ -93,7 +93,9 @@ void RegisterAgentActions(AgentFacts facts) {
          .inputs = "int64 Since? (seconds since the epoch), int32 Limit? (the latest)",
          .outputs =
              "container Values[]? {int64 Time (seconds since the epoch), string Operator (as the caller "
-             "says), string Address, string Action, container Arguments?, int32 Result, string Message?}",
+             "says), string Address, string Master? (HOST:PORT, whose operator calls through it), string "
+             "Device? (that the call was passed on to), string Action, container Arguments?, int64 Result? "
+             "(absent: not known yet), string Message?}",
          .results = "1 a negative limit",
          .callers = KelCallers::Operator},
         GetAudit, kAgentHandle);

@@ -41,11 +41,17 @@ int RunCommand(const CommonOptions& common, const RestoreOptions& options);
 int RunCommand(const CommonOptions& common, const DoctorOptions& options);
 int RunCommand(const CommonOptions& common, const InviteOptions& options);
 int RunCommand(const CommonOptions& common, const KeysOptions& options);
+int RunCommand(const CommonOptions& common, const TopOptions& options);
+int RunCommand(const CommonOptions& common, const CompletionOptions& options);
+int RunCommand(const CommonOptions& common, const ManualOptions& options);
 
 class Remote;
 
 /// The parent in a device's answer to RelayGetValues, as one line: "HOST:PORT (in sync since …)".
 KelString ParentText(const KelContainer& relay);
+
+/// Numbers of files by status, as one line.
+KelString QueueText(const KelContainer& counts);
 
 /// Why a file waits, as one cell: the sentence, and at which device. `reason`: a target's or file's values.
 KelString ReasonText(const KelContainer& reason);

@@ -4,6 +4,7 @@
 #include "cli/commands.h"
 #include "cli/output.h"
 #include "cli/remote.h"
+#include "cli/terminal.h"
 #include "kelcore/error_codes.h"
 
 namespace {
@@ -67,6 +68,7 @@ KelString SilenceText(const KelContainer& device) {
 
 void PrintTree(const KelContainer& answer) {
     Table table({"NAME", "ROLE", "ADDRESS", "GUID", "VERSION", "LAST SEEN", ""});
+    table.Fit(TerminalWidth(), {0, 6});
     for (const DeviceRow& row : OrderByParent(answer)) {
         const KelContainer& device = answer.GetContainer("Values", row.index);
         table.AddRow({KelString(row.depth * kIndent, ' ') + device.GetString("Name"),
@@ -118,17 +120,9 @@ KelString DiskText(const KelContainer& waiting) {
            " files wait, the largest needs " + SizeText(full.GetInt64("Needed"));
 }
 
-KelString QueueText(const KelContainer& counts) {
-    KelString text;
-    for (std::size_t i = 0; i < counts.GetNameCount(); ++i) {
-        const KelString& name = counts.GetName(i);
-        text += (text.empty() ? "" : ", ") + counts.GetString(name) + " " + FileStatusText(name);
-    }
-    return text.empty() ? "none" : text;
-}
-
 /// "12 with 1.0.0, 3 with 0.9.0".
 KelString ChildrenText(const KelContainer& status) {
+    if (!status.GetContainer("Relay").GetBool("IsEnabled")) return "none";
     std::map<KelString, int> byVersion;
     for (std::uint32_t i = 0; i < ItemCount(status, "Children"); ++i)
         ++byVersion[status.GetContainer("Children", i).GetString("Version")];
@@ -163,6 +157,15 @@ void PrintStatus(const KelContainer& status, const KelString& windows, const Kel
 }
 
 }  // namespace
+
+KelString QueueText(const KelContainer& counts) {
+    KelString text;
+    for (std::size_t i = 0; i < counts.GetNameCount(); ++i) {
+        const KelString& name = counts.GetName(i);
+        text += (text.empty() ? "" : ", ") + counts.GetString(name) + " " + FileStatusText(name);
+    }
+    return text.empty() ? "none" : text;
+}
 
 KelString ParentText(const KelContainer& relay) {
     if (relay.GetString("Role") == "master") return "none";

@@ -40,7 +40,7 @@ int List(const Remote& remote, bool json) {
         return ExitCodeOf(result);
     PrintList(
         answer, json,
-        {ValueColumn("GROUP", "Name"), ValueColumn("MEMBERS", "Members"), ValueColumn("DEVICES", "Devices")});
+        {ValueColumn("GROUP", "Name"), TextColumn("MEMBERS", "Members"), ValueColumn("DEVICES", "Devices")});
     return kExitDone;
 }
 
@@ -50,8 +50,8 @@ int Show(const Remote& remote, bool json, const KelString& name) {
     if (const unsigned int result = remote.Call("ConsoleListGroups", answer); result != kKelOk)
         return ExitCodeOf(result);
     PrintList(answer, json,
-              {ValueColumn("MEMBER", "Member"), ValueColumn("DEVICES", "Devices"),
-               ValueColumn("MESSAGE", "Message")});
+              {TextColumn("MEMBER", "Member"), ValueColumn("DEVICES", "Devices"),
+               TextColumn("MESSAGE", "Message")});
     return kExitDone;
 }
 

@@ -184,8 +184,12 @@ constexpr auto kNames = std::to_array<Name>({
     {"Optional", "optional"},
     {"Several", "several"},
     {"Remark", "remark"},
+    // transfers
+    {"Transfers", "transfers"},
+    {"Rate", "rate"},
     // audit
     {"Operator", "operator"},
+    {"Master", "master"},
     {"Action", "action"},
     {"Arguments", "arguments", Form::Values},
     {"Result", "result"},

@@ -57,7 +57,7 @@ int RunCommand(const CommonOptions& common, const MulticastOptions& options) {
     const Column group = ValueColumn("GROUP", "Group");
     const Column state = {"STATE", StateText};
     if (options.details)
-        PrintList(list, common.json, {group, ValueColumn("DEVICE", "Device"), state});
+        PrintList(list, common.json, {group, TextColumn("DEVICE", "Device"), state});
     else
         PrintList(list, common.json, {group, state, ValueColumn("DEVICES", "Devices")});
     return kExitDone;

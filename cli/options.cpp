@@ -8,6 +8,7 @@
 #include <string_view>
 #include <utility>
 
+#include "cli/command_table.h"
 #include "cli/local_root.h"
 #include "cli/output.h"
 #include "cli/remote.h"
@@ -67,6 +68,8 @@ struct Parsed {
     RestoreOptions restore;
     InviteOptions invite;
     KeysOptions keys;
+    TopOptions top;
+    CompletionOptions completion;
     std::optional<CommandOptions> chosen;
 };
 
@@ -81,15 +84,20 @@ void DefineCommon(CLI::App& app, CommonOptions& common) {
                         const auto address = AddressOfUrl(text);
                         return address ? std::string() : Printable(address.Error().message);
                     });
-    auto* user = app.add_option("--user", common.user, "Agent name of the tree, with --url");
+    auto* user =
+        app.add_option("--user", common.user, "Agent name of the tree, with --url")->type_name("NAME");
     auto* password =
         app.add_option("--password-file", common.passwordFile, "File that holds the tree's password")
             ->type_name("FILE");
     root->excludes(url)->excludes(user);
     user->needs(url);
     url->needs(user)->needs(password);
+    app.add_option("--device", common.device,
+                   "The device of the tree that the command is for, by its GUID or name; on the master")
+        ->type_name("DEVICE");
     app.add_flag("--json", common.json, "Print JSON");
     app.add_option("--timeout", common.timeoutSeconds, "Seconds to wait for an answer")
+        ->type_name("SECONDS")
         ->check(CLI::Range(1, 86400))
         ->capture_default_str();
 }
@@ -100,11 +108,13 @@ void DefineInit(CLI::App& app, Parsed& parsed) {
     command->add_option("DIR", init.dir, "The folder; it must be empty or not exist yet")->required();
     command->add_option("--role", init.role, "Place in the tree")
         ->required()
+        ->type_name("ROLE")
         ->check(CLI::IsMember({"master", "relay", "client"}));
     command->add_option("--address", init.address, "IPv4 address of this device")
         ->required()
+        ->type_name("ADDRESS")
         ->check(CLI::ValidIPV4);
-    command->add_option("--port", init.port, "HTTP port; 0: any free port")->required();
+    command->add_option("--port", init.port, "HTTP port; 0: any free port")->required()->type_name("PORT");
     command->add_option("--parent", init.parent, "The parent; not for a master")->type_name("HOST:PORT");
     command
         ->add_option("--password-file", init.passwordFile,
@@ -118,13 +128,16 @@ void DefineInit(CLI::App& app, Parsed& parsed) {
             "Invitation of the master ('kel invite') with which a relay or client joins a tree with keys")
         ->type_name("TOKEN")
         ->excludes(plain);
-    command->add_option("--name", init.name, "Agent name of the tree")->default_val("agent");
+    command->add_option("--name", init.name, "Agent name of the tree")
+        ->default_val("agent")
+        ->type_name("NAME");
     command->callback([&parsed] { parsed.chosen = parsed.init; });
 }
 
 void DefineKeys(CLI::App& app, Parsed& parsed) {
     auto* invite = app.add_subcommand("invite", "Make an invitation for new devices; on the master");
     invite->add_option("--uses", parsed.invite.uses, "How many devices may use it")
+        ->type_name("N")
         ->check(CLI::Range(1, 100000))
         ->capture_default_str();
     invite
@@ -165,8 +178,8 @@ void DefineKeys(CLI::App& app, Parsed& parsed) {
 }
 
 void AddKeyOptions(CLI::App& command, KelString& type, KelString& label) {
-    command.add_option("--type", type, "File type")->required();
-    command.add_option("--label", label, "File label")->required();
+    command.add_option("--type", type, "File type")->required()->type_name("TYPE");
+    command.add_option("--label", label, "File label")->required()->type_name("LABEL");
 }
 
 void DefineStages(CLI::App& command, PublishOptions& publish) {
@@ -224,6 +237,7 @@ void DefinePublish(CLI::App& app, Parsed& parsed) {
         ->allow_extra_args(false)
         ->type_name("DEVICE,...");
     command->add_option("--priority", publish.priority, "Files of higher priority go first")
+        ->type_name("N")
         ->capture_default_str();
     command->add_flag("--bypass", publish.bypass, "Go also while transfer windows are closed");
     command->add_flag("--wake", publish.wake, "Wake devices that do not answer, by Wake-on-LAN");
@@ -246,7 +260,7 @@ void DefinePublications(CLI::App& app, Parsed& parsed) {
     resume->callback([&parsed] { parsed.chosen = parsed.resume; });
 
     auto* list = app.add_subcommand("publications", "What was published and who has it; on the master");
-    list->add_option("ID", parsed.publications.id, "One publication, device by device");
+    list->add_option("PUBLICATION", parsed.publications.id, "One publication, device by device");
     list->add_flag("--no-reasons", parsed.publications.withoutReasons,
                    "Do not ask the devices why they wait");
     list->callback([&parsed] { parsed.chosen = parsed.publications; });
@@ -307,7 +321,9 @@ void DefineUpward(CLI::App& app, Parsed& parsed) {
     auto* command = app.add_subcommand("send", "Send files of this device up to the master");
     command->add_option("FILE", send.files, "The files")->required()->check(CLI::ExistingFile);
     AddKeyOptions(*command, send.type, send.label);
-    command->add_option("--priority", send.priority, "Kept with the files")->capture_default_str();
+    command->add_option("--priority", send.priority, "Kept with the files")
+        ->type_name("N")
+        ->capture_default_str();
     command->add_flag("--bypass", send.bypass, "Go also while transfer windows are closed");
     command->callback([&parsed] { parsed.chosen = parsed.send; });
 
@@ -320,8 +336,9 @@ void DefineUpward(CLI::App& app, Parsed& parsed) {
     RequestOptions& request = parsed.request;
     auto* ask = app.add_subcommand("request", "Ask the devices above for a file");
     AddKeyOptions(*ask, request.type, request.label);
-    ask->add_option("--name", request.name, "File name")->required();
-    ask->add_option("--checksum", request.checksum, "MD5 of the content; default: any content");
+    ask->add_option("--name", request.name, "File name")->required()->type_name("NAME");
+    ask->add_option("--checksum", request.checksum, "MD5 of the content; default: any content")
+        ->type_name("MD5");
     ask->add_option("--wait", request.waitSeconds, "Wait up to this long for the delivery")
         ->type_name("SECONDS")
         ->check(CLI::Range(0, 86400));
@@ -332,9 +349,9 @@ void DefineSettings(CLI::App& app, Parsed& parsed) {
     auto* command = app.add_subcommand("settings", "Settings of the file store");
     command->require_subcommand(1);
     auto* get = command->add_subcommand("get", "Show settings");
-    get->add_option("NAME", parsed.settings.names, "Settings to show; default: all");
+    get->add_option("SETTING", parsed.settings.names, "Settings to show; default: all");
     auto* set = command->add_subcommand("set", "Change settings");
-    set->add_option("NAME=VALUE", parsed.settings.assignments, "Names and new values")->required();
+    set->add_option("SETTING=VALUE", parsed.settings.assignments, "Names and new values")->required();
     command->callback([&parsed] { parsed.chosen = parsed.settings; });
 }
 
@@ -351,14 +368,17 @@ void DefineWindows(CLI::App& app, Parsed& parsed) {
         set->add_option("WEEK", windows.week,
                         "Rules, as \"mon-fri 8-18 4M; sat,sun closed; else 20M\": days, hours and rate"
                         " (512k, 4M, 1G, 50%, 5/1000 or closed); the first that covers an hour counts");
-    auto* slots = set->add_option(
-        "--slots", windows.slots,
-        "A rate for every hour, or 168 rates separated by blanks, Monday 00:00 first; 0: closed");
+    auto* slots =
+        set->add_option(
+               "--slots", windows.slots,
+               "A rate for every hour, or 168 rates separated by blanks, Monday 00:00 first; 0: closed")
+            ->type_name("RATES");
     auto* remove = set->add_flag("--remove", windows.remove, "No window: always open, no limit");
     slots->excludes(remove)->excludes(week);
     remove->excludes(week);
     set->add_option("--slot-type", windows.slotType,
                     "Unit of --slots: 1 bit/s, 2 kbit/s, 3 Mbit/s, 7 percent, 8 per thousand")
+        ->type_name("TYPE")
         ->capture_default_str()
         ->check(CLI::IsMember({1, 2, 3, 7, 8}));
     set->add_flag("--utc", windows.utc, "The hours are in UTC, not local time");
@@ -432,6 +452,34 @@ void DefineCare(CLI::App& app, Parsed& parsed) {
     restore->callback([&parsed] { parsed.chosen = parsed.restore; });
     app.add_subcommand("doctor", "Find out what would stop this device from working, and what to do")
         ->callback([&parsed] { parsed.chosen = DoctorOptions(); });
+}
+
+void DefineTop(CLI::App& app, Parsed& parsed) {
+    auto* command = app.add_subcommand(
+        "top",
+        "What a device transfers now, how fast, and what holds it up: a view that is refreshed every second");
+    command->add_flag("--once", parsed.top.once, "Print the present state and end; so does --json");
+    command->add_flag("--tree", parsed.top.tree, "A line for each device of the tree; on the master");
+    command->add_option("-n,--limit", parsed.top.limit, "Show at most so many transfers or devices")
+        ->type_name("N")
+        ->check(CLI::Range(1, 10'000))
+        ->capture_default_str();
+    command->callback([&parsed] { parsed.chosen = parsed.top; });
+}
+
+void DefineHelp(CLI::App& app, Parsed& parsed) {
+    auto* completion =
+        app.add_subcommand("completion", "Print what completes command lines of kel in a shell");
+    completion
+        ->add_option("WHAT", parsed.completion.what,
+                     "The shell; or, for the scripts, the kind of names to print, one a line")
+        ->required()
+        ->check(CLI::IsMember(
+            {"bash", "zsh", "commands", "devices", "groups", "publications", "settings", "actions"}));
+    completion->callback([&parsed] { parsed.chosen = parsed.completion; });
+    app.add_subcommand("manual", "Print the manual page")->callback([&parsed] {
+        parsed.chosen = ManualOptions();
+    });
 }
 
 void DefineQueries(CLI::App& app, Parsed& parsed) {
@@ -515,11 +563,31 @@ bool ReportUnknownCommand(const CLI::App& app) {
     return true;
 }
 
-}  // namespace
+constexpr std::size_t kHelpWidth = 100;
 
-std::optional<Options> ParseOptions(int count, const char* const* arguments, int& exitCode) {
-    Parsed parsed;
-    CLI::App app("Operates agents of a device tree.", "kel");
+/// `text` in lines of at most so many characters.
+KelString Wrapped(const KelString& text, std::size_t width) {
+    KelString result;
+    std::size_t used = 0;
+    for (const KelString& word : SplitText(text, ' ')) {
+        const bool fits = used + 1 + word.size() <= width;
+        if (used > 0) result += fits ? " " : "\n";
+        used = used > 0 && fits ? used + 1 + word.size() : word.size();
+        result += word;
+    }
+    return result;
+}
+
+/// Gives each command below `app` its longer text.
+void AddDetails(CLI::App& app, const KelString& name) {
+    for (CLI::App* command : app.get_subcommands([](const CLI::App*) { return true; })) {
+        const KelString full = name.empty() ? command->get_name() : name + " " + command->get_name();
+        command->footer(Wrapped(DetailsOf(full), kHelpWidth));
+        AddDetails(*command, full);
+    }
+}
+
+void Define(CLI::App& app, Parsed& parsed) {
     app.set_version_flag("--version", KelString("kel ") + KelVersion());
     app.require_subcommand(1);
     app.fallthrough();
@@ -527,6 +595,7 @@ std::optional<Options> ParseOptions(int count, const char* const* arguments, int
     DefineCommon(app, parsed.common);
     DefineInit(app, parsed);
     DefineQueries(app, parsed);
+    DefineTop(app, parsed);
     DefinePublish(app, parsed);
     DefinePublications(app, parsed);
     DefineGroups(app, parsed);
@@ -539,12 +608,39 @@ std::optional<Options> ParseOptions(int count, const char* const* arguments, int
     DefineAudit(app, parsed);
     DefineCare(app, parsed);
     DefineKeys(app, parsed);
+    DefineHelp(app, parsed);
+    AddDetails(app, {});
+}
+
+/// True for a command that asks no agent.
+bool IsOfProgram(const CommandOptions& command) {
+    const auto* completion = std::get_if<CompletionOptions>(&command);
+    return std::holds_alternative<InitOptions>(command) || std::holds_alternative<ManualOptions>(command) ||
+           (completion != nullptr && completion->IsOfProgram());
+}
+
+constexpr const char* kProgram = "kel";
+constexpr const char* kProgramPurpose = "Operates agents of a device tree.";
+
+}  // namespace
+
+KelVector<CommandEntry> CommandTable() {
+    Parsed parsed;
+    CLI::App app(kProgramPurpose, kProgram);
+    Define(app, parsed);
+    return TableOf(app);
+}
+
+std::optional<Options> ParseOptions(int count, const char* const* arguments, int& exitCode) {
+    Parsed parsed;
+    CLI::App app(kProgramPurpose, kProgram);
+    Define(app, parsed);
     try {
         app.parse(count, arguments);
-        const bool isInit = std::holds_alternative<InitOptions>(*parsed.chosen);
-        if (!isInit && parsed.common.root.empty() && parsed.common.url.empty())
+        const bool asksAgent = !IsOfProgram(*parsed.chosen);
+        if (asksAgent && parsed.common.root.empty() && parsed.common.url.empty())
             parsed.common.root = DefaultRoot();
-        if (!isInit && parsed.common.root.empty() && parsed.common.url.empty())
+        if (asksAgent && parsed.common.root.empty() && parsed.common.url.empty())
             throw CLI::RequiredError("--root or --url");
     } catch (const CLI::ParseError& error) {
         exitCode = kExitUsage;

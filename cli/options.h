@@ -18,6 +18,7 @@ struct CommonOptions {
     KelString url;           ///< "http://host:port" with
     KelString user;          ///< the tree's agent name and
     KelString passwordFile;  ///< a file whose first line is the tree's password
+    KelString device;        ///< GUID or name of a device to call through that agent, the master
     bool json = false;
     int timeoutSeconds = 60;  ///< to wait for the answer of one call
 };
@@ -130,7 +131,7 @@ struct FileOptions {
 
 struct SettingsOptions {
     KelVector<KelString> names;        ///< get: which; empty for all
-    KelVector<KelString> assignments;  ///< set: "NAME=VALUE"; empty for get
+    KelVector<KelString> assignments;  ///< set: "SETTING=VALUE"; empty for get
 };
 
 struct WindowsOptions {
@@ -156,6 +157,21 @@ struct CallOptions {
     bool list = false;               ///< list the actions, or describe the one named
 };
 
+struct TopOptions {
+    bool once = false;  ///< print one state and end
+    bool tree = false;  ///< of the devices below the master
+    int limit = 20;     ///< transfers, or devices
+};
+
+struct CompletionOptions {
+    KelString what;  ///< the shell, or the kind of names
+
+    /// True when the program knows the answer, without an agent.
+    bool IsOfProgram() const { return what == "bash" || what == "zsh" || what == "commands"; }
+};
+
+struct ManualOptions {};
+
 struct AuditOptions {
     std::optional<std::int64_t> since;  ///< seconds since the epoch
     int limit = 1000;
@@ -177,7 +193,8 @@ using CommandOptions =
                  CollectedOptions, RequestOptions, UploadOptions, FilesOptions, FileOptions, SettingsOptions,
                  WindowsOptions, InboxOptions, CallOptions, WhyOptions, GroupsOptions, WakeOptions,
                  MulticastOptions, WithdrawOptions, RemoveDeviceOptions, ResumeOptions, ParentOptions,
-                 AuditOptions, BackupOptions, RestoreOptions, DoctorOptions, InviteOptions, KeysOptions>;
+                 AuditOptions, BackupOptions, RestoreOptions, DoctorOptions, InviteOptions, KeysOptions,
+                 TopOptions, CompletionOptions, ManualOptions>;
 
 struct Options {
     CommonOptions common;

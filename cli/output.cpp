@@ -5,10 +5,12 @@
 #include <cstdint>
 #include <cstdio>
 #include <ctime>
+#include <numeric>
 #include <utility>
 
 #include "cli/json_names.h"
 #include "cli/options.h"
+#include "cli/terminal.h"
 #include "kel/text.h"
 #include "kelcore/file_values.h"
 #include "kelcore/json.h"
@@ -16,15 +18,17 @@
 
 namespace {
 
-/// Characters of a UTF-8 text: bytes that do not continue one.
-std::size_t CharacterCount(std::string_view text) {
-    return static_cast<std::size_t>(std::count_if(
-        text.begin(), text.end(), [](char c) { return (static_cast<unsigned char>(c) & 0xC0) != 0x80; }));
-}
+constexpr std::size_t kGap = 2;             ///< between columns
+constexpr std::size_t kLeastTextWidth = 8;  ///< of a column that is shortened
 
 }  // namespace
 
 Table::Table(KelVector<KelString> headings) : headings_(std::move(headings)) {}
+
+void Table::Fit(std::size_t width, KelVector<std::size_t> texts) {
+    limit_ = width;
+    texts_ = std::move(texts);
+}
 
 void Table::AddRow(KelVector<KelString> cells) {
     cells.resize(headings_.size());
@@ -34,9 +38,9 @@ void Table::AddRow(KelVector<KelString> cells) {
 }
 
 std::size_t Table::Width(std::size_t column) const {
-    std::size_t width = CharacterCount(headings_[column]);
+    std::size_t width = DisplayWidth(headings_[column]);
     for (const auto& row : rows_)
-        width = std::max(width, CharacterCount(row[column]));
+        width = std::max(width, DisplayWidth(row[column]));
     return width;
 }
 
@@ -46,12 +50,26 @@ bool Table::IsNumeric(std::size_t column) const {
     });
 }
 
+void Table::Narrow() {
+    if (limit_ == 0 || texts_.empty()) return;
+    std::size_t width = std::accumulate(widths_.begin(), widths_.end(), (widths_.size() - 1) * kGap);
+    const auto isNarrower = [this](std::size_t one, std::size_t other) {
+        return widths_[one] < widths_[other];
+    };
+    for (; width > limit_; --width) {
+        const std::size_t widest = *std::ranges::max_element(texts_, isNarrower);
+        if (widths_[widest] <= kLeastTextWidth) return;
+        --widths_[widest];
+    }
+}
+
 KelString Table::RenderRow(const KelVector<KelString>& cells) const {
     KelString line;
     for (std::size_t i = 0; i < cells.size(); ++i) {
-        const KelString padding(widths_[i] - CharacterCount(cells[i]), ' ');
-        line += numeric_[i] ? padding + cells[i] : cells[i] + padding;
-        line += "  ";
+        const KelString cell = Shortened(cells[i], std::max<std::size_t>(widths_[i], 1));
+        const KelString padding(widths_[i] - DisplayWidth(cell), ' ');
+        line += numeric_[i] ? padding + cell : cell + padding;
+        line.append(kGap, ' ');
     }
     line.erase(line.find_last_not_of(' ') + 1);
     return line + "\n";
@@ -64,6 +82,7 @@ KelString Table::Render() {
         widths_[i] = std::max(widths_[i], Width(i));
         if (isFirst) numeric_.push_back(IsNumeric(i));
     }
+    Narrow();
     KelString text = isFirst ? RenderRow(headings_) : KelString();
     for (const auto& row : rows_)
         text += RenderRow(row);
@@ -105,6 +124,12 @@ KelString FileStatusText(const KelString& status) {
     return text;
 }
 
+Column TextColumn(const KelString& heading, const KelString& name) {
+    Column column = ValueColumn(heading, name);
+    column.isText = true;
+    return column;
+}
+
 Column ValueColumn(const KelString& heading, const KelString& name) {
     return {heading, [name](const KelContainer& item) { return item.GetString(name); }};
 }
@@ -118,20 +143,28 @@ Column TimeColumn(const KelString& heading, const KelString& name) {
 }
 
 Column NameColumn(const KelString& heading) {
-    return {heading, [](const KelContainer& item) { return PathInName(item.GetString(kValueFileName)); }};
+    return {heading, [](const KelContainer& item) { return PathInName(item.GetString(kValueFileName)); },
+            true};
 }
 
 std::uint32_t ItemCount(const KelContainer& list, const KelString& name) {
     return list.Has(name) ? list.Count(name) : 0;
 }
 
+Table TableFor(const KelVector<Column>& columns) {
+    KelVector<KelString> headings;
+    KelVector<std::size_t> texts;
+    for (const Column& column : columns) {
+        if (column.isText) texts.push_back(headings.size());
+        headings.push_back(column.heading);
+    }
+    Table table(std::move(headings));
+    table.Fit(TerminalWidth(), std::move(texts));
+    return table;
+}
+
 ListPrinter::ListPrinter(bool json, const KelVector<Column>& columns)
-    : json_(json), columns_(columns), table_([&columns] {
-          KelVector<KelString> headings;
-          for (const Column& column : columns)
-              headings.push_back(column.heading);
-          return headings;
-      }()) {}
+    : json_(json), columns_(columns), table_(TableFor(columns)) {}
 
 void ListPrinter::AddJson(const KelContainer& page, const KelString& name) {
     if (!std::exchange(begun_, true)) std::fputs("[", stdout);

@@ -15,6 +15,10 @@ class Table {
   public:
     explicit Table(KelVector<KelString> headings);
 
+    /// Keeps lines within so many columns of a terminal, as far as columns of text, given by their numbers,
+    /// can be shortened: the widest of them first. A width of 0: no limit.
+    void Fit(std::size_t width, KelVector<std::size_t> texts);
+
     /// Missing cells count as empty; cells beyond the last heading are dropped.
     void AddRow(KelVector<KelString> cells);
 
@@ -27,12 +31,15 @@ class Table {
   private:
     std::size_t Width(std::size_t column) const;
     bool IsNumeric(std::size_t column) const;
+    void Narrow();
     KelString RenderRow(const KelVector<KelString>& cells) const;
 
     KelVector<KelString> headings_;
     KelVector<KelVector<KelString>> rows_;
     KelVector<std::size_t> widths_;
     KelVector<bool> numeric_;  ///< empty until the first rendering
+    std::size_t limit_ = 0;    ///< of a line; 0: none
+    KelVector<std::size_t> texts_;
 };
 
 /// `text` with control characters replaced by "?".
@@ -51,9 +58,15 @@ KelString FileStatusText(const KelString& status);
 struct Column {
     KelString heading;
     std::function<KelString(const KelContainer& item)> cell;
+    bool isText = false;  ///< may be shortened where the terminal is too narrow
 };
 
-/// Columns that show the value `name` of each item: as it is, as SizeText, as TimeText.
+/// An empty table of these columns that fits the terminal.
+Table TableFor(const KelVector<Column>& columns);
+
+/// Columns that show the value `name` of each item: as it is, as text that may be shortened, as SizeText, as
+/// TimeText.
+Column TextColumn(const KelString& heading, const KelString& name);
 Column ValueColumn(const KelString& heading, const KelString& name);
 Column SizeColumn(const KelString& heading, const KelString& name);
 Column TimeColumn(const KelString& heading, const KelString& name);

@@ -40,13 +40,13 @@ KelContainer ListOf(const KelContainer& preview) {
 }
 
 void PrintTables(const KelContainer& preview, bool withStages) {
-    KelVector<Column> columns = {ValueColumn("TARGET", "Name"), ValueColumn("GUID", "GUID")};
+    KelVector<Column> columns = {TextColumn("TARGET", "Name"), ValueColumn("GUID", "GUID")};
     if (withStages) columns.push_back(ValueColumn("STAGE", "Stage"));
-    columns.push_back(ValueColumn("THROUGH", "Via"));
+    columns.push_back(TextColumn("THROUGH", "Via"));
     PrintList(preview, false, columns, "Targets");
     std::puts("");
     PrintList(preview, false,
-              {ValueColumn("FROM", "From"), ValueColumn("TO", "To"), ValueColumn("TARGETS", "Targets"),
+              {TextColumn("FROM", "From"), TextColumn("TO", "To"), ValueColumn("TARGETS", "Targets"),
                SizeColumn("BYTES", "Bytes")},
               "Links");
 }

@@ -80,7 +80,7 @@ bool ReportFailures(const KelContainer& published) {
 }
 
 KelVector<Column> PublishedColumns(bool withCounts) {
-    KelVector<Column> columns = {ValueColumn("PUBLICATION", "PublicationId"), ValueColumn("FILE", "File"),
+    KelVector<Column> columns = {ValueColumn("PUBLICATION", "PublicationId"), TextColumn("FILE", "File"),
                                  SizeColumn("SIZE", kValueFileSize),
                                  ValueColumn("CHECKSUM", kValueFileChecksum),
                                  ValueColumn("TARGETS", "Targets")};
@@ -118,11 +118,11 @@ int PrintDevices(const CommonOptions& common, const PublicationsOptions& options
     unsigned int result = kKelOk;
     if (isWaiting && !options.withoutReasons) result = AddReasons(*remote, options.id, call);
     if (!common.json && call.Has("Stages")) PrintStages(call);
-    KelVector<Column> columns = {ValueColumn("NAME", "Name"), ValueColumn("GUID", "GUID")};
+    KelVector<Column> columns = {TextColumn("NAME", "Name"), ValueColumn("GUID", "GUID")};
     if (call.Has("Stages")) columns.push_back(ValueColumn("STAGE", "Stage"));
     columns.insert(
         columns.end(),
-        {ValueColumn("STATUS", "Status"), TimeColumn("SINCE", "Time"), {"MESSAGE", MessageOrReason}});
+        {ValueColumn("STATUS", "Status"), TimeColumn("SINCE", "Time"), {"MESSAGE", MessageOrReason, true}});
     PrintList(call, common.json, columns, "Devices");
     return ExitCodeOf(result);
 }
@@ -150,8 +150,8 @@ int RunCommand(const CommonOptions& common, const PublicationsOptions& options) 
     if (!options.id.empty()) return PrintDevices(common, options);
     return PrintActionList(common, "ConsoleListPublications", {},
                            {ValueColumn("PUBLICATION", "PublicationId"),
-                            ValueColumn("TYPE", kValueFileType),
-                            ValueColumn("LABEL", kValueFileLabel),
+                            TextColumn("TYPE", kValueFileType),
+                            TextColumn("LABEL", kValueFileLabel),
                             NameColumn("FILE"),
                             SizeColumn("SIZE", kValueFileSize),
                             TimeColumn("PUBLISHED", "CreateTime"),

@@ -107,6 +107,8 @@ constexpr std::string_view kMasterActions = "Console";
 /// A tree is not deeper than this; ends a walk up through devices that name each other as parents.
 constexpr int kMaxLevels = 32;
 constexpr int kParentSeconds = 5;
+/// How much longer than a device of the tree the master may take to answer.
+constexpr int kMasterSeconds = 5;
 
 }  // namespace
 
@@ -146,8 +148,14 @@ KelResult<Remote> Remote::Open(const CommonOptions& options) {
     KelAgentConfigure(std::move(settings));
     AgentSecuritySetKeys(target->keys);
     const KelString guid = target->keys ? target->keys->Get().device.guid : KelString();
-    return Remote(target->user, target->password, target->address, guid, target->socketFolder,
+    return Remote(target->user, target->password, target->address, guid, target->socketFolder, options.device,
                   options.timeoutSeconds);
+}
+
+Remote Remote::For(const KelString& device) const {
+    Remote other = *this;
+    other.device_ = device;
+    return other;
 }
 
 KelString Remote::PlaceOfMaster() const {
@@ -157,7 +165,7 @@ KelString Remote::PlaceOfMaster() const {
         KelContainer answer;
         const unsigned int result =
             level == 0
-                ? CallQuietly("RelayGetValues", answer)
+                ? CallAgent("RelayGetValues", answer, kParentSeconds)
                 : ActionDbInvokeContainer("kel", UrlForAgent(user_, password_, asked), "RelayGetValues",
                                           answer, 0, kParentSeconds, kParentSeconds, nullptr);
         if (result != kKelOk) break;
@@ -176,6 +184,7 @@ KelString Remote::PlaceOfMaster() const {
 
 KelString Remote::Explain(unsigned int result, const KelString& action, const KelContainer& answer) const {
     const KelString message = answer.GetString("Message");
+    if (!device_.empty() && !message.empty()) return message;
     switch (result) {
         case kKelErrorUnreachable:
             return "no answer from " + address_ + "; is the agent running there?";
@@ -205,13 +214,40 @@ KelString Remote::Explain(unsigned int result, const KelString& action, const Ke
     }
 }
 
-unsigned int Remote::CallQuietly(const KelString& action, KelContainer& container, int atLeastSeconds) const {
+unsigned int Remote::CallAgent(const KelString& action, KelContainer& container, int seconds) const {
     if (!socketFolder_.empty())
-        return ActionDbInvokeOnSocket(OperatorName(), socketFolder_, action, container,
-                                      std::max(timeoutSeconds_, atLeastSeconds));
+        return ActionDbInvokeOnSocket(OperatorName(), socketFolder_, action, container, seconds);
     const KelString place = guid_.empty() ? address_ : address_ + "/" + guid_;
     return ActionDbInvokeContainer(OperatorName().c_str(), UrlForAgent(user_, password_, place), action,
-                                   container, 0, -1, std::max(timeoutSeconds_, atLeastSeconds), nullptr);
+                                   container, 0, -1, seconds, nullptr);
+}
+
+unsigned int Remote::CallThroughMaster(const KelString& action, KelContainer& container, int seconds) const {
+    KelContainer call;
+    call.SetString("Device", device_);
+    call.SetString("Action", action);
+    call.SetContainer("Arguments", container);
+    call.SetInt32("Seconds", seconds);
+    unsigned int result = CallAgent("ConsoleCallDevice", call, seconds + kMasterSeconds);
+    container.Clear();
+    if (result == kKelErrorUnknownAction)
+        container.SetString("Message", "--device is for the master; " + PlaceOfMaster());
+    else if (result == kKelErrorUnreachable && !call.Has("Message"))
+        container.SetString("Message", "no answer from " + address_ + "; is the agent running there?");
+    else if (result != kKelOk)
+        container.SetString("Message", call.GetString("Message"));
+    if (result != kKelOk) return result;
+    container = call.GetContainer("Answer");
+    result = static_cast<unsigned int>(call.GetInt64("Result"));
+    if (result == kKelErrorUnknownAction && action.starts_with(kMasterActions))
+        container.SetString("Message", "only the master knows this; leave out --device");
+    return result;
+}
+
+unsigned int Remote::CallQuietly(const KelString& action, KelContainer& container, int atLeastSeconds) const {
+    const int seconds = std::max(timeoutSeconds_, atLeastSeconds);
+    return device_.empty() ? CallAgent(action, container, seconds)
+                           : CallThroughMaster(action, container, seconds);
 }
 
 unsigned int Remote::Call(const KelString& action, KelContainer& container, int atLeastSeconds) const {

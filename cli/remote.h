@@ -6,7 +6,8 @@
 #include "kel/result.h"
 #include "kel/types.h"
 
-/// The agent that the command line talks to. One thread at a time.
+/// The device that the command line talks to: an agent, or one of the tree through the master. One thread at
+/// a time.
 class Remote {
   public:
     /// With --root over the agent's own socket, for which the caller is the device's operator; where there is
@@ -22,19 +23,26 @@ class Remote {
     /// The same without a message.
     unsigned int CallQuietly(const KelString& action, KelContainer& container, int atLeastSeconds = 0) const;
 
-    /// Where the agent is, without credentials.
-    const KelString& Address() const { return address_; }
+    /// Where the agent is, without credentials, or the name of the device that is called through it.
+    const KelString& Address() const { return device_.empty() ? address_ : device_; }
+
+    /// The same agent, for calls of another device through it; empty: for its own calls. May be used beside
+    /// this one by another thread.
+    Remote For(const KelString& device) const;
 
   private:
     Remote(KelString user, KelString password, KelString address, KelString guid, KelString socketFolder,
-           int timeoutSeconds)
+           KelString device, int timeoutSeconds)
         : user_(std::move(user)),
           password_(std::move(password)),
           address_(std::move(address)),
           guid_(std::move(guid)),
           socketFolder_(std::move(socketFolder)),
+          device_(std::move(device)),
           timeoutSeconds_(timeoutSeconds) {}
 
+    unsigned int CallAgent(const KelString& action, KelContainer& container, int seconds) const;
+    unsigned int CallThroughMaster(const KelString& action, KelContainer& container, int seconds) const;
     /// What went wrong, for a person.
     KelString Explain(unsigned int result, const KelString& action, const KelContainer& answer) const;
     /// Where the master is, as far as the devices above can be asked: each names its parent.
@@ -45,6 +53,7 @@ class Remote {
     KelString address_;
     KelString guid_;          ///< of the device that has to answer, in a tree with keys; empty otherwise
     KelString socketFolder_;  ///< of the agent's own socket; empty: it is called by its address
+    KelString device_;  ///< GUID or name of the one that is called through the agent; empty: the agent itself
     int timeoutSeconds_;
 };
 

@@ -40,12 +40,12 @@ int GetSettings(const Remote& remote, bool json, const KelVector<KelString>& nam
         item.SetString("Value", values.GetString(name));
         list.SetContainer("Values", std::move(item), count++);
     }
-    PrintList(list, json, {ValueColumn("NAME", "Name"), ValueColumn("VALUE", "Value")});
+    PrintList(list, json, {TextColumn("NAME", "Name"), TextColumn("VALUE", "Value")});
     return kExitDone;
 }
 
 /// Checks all assignments before the first takes effect.
-int SetSettings(const Remote& remote, const KelVector<KelString>& assignments) {
+int SetSettings(const Remote& remote, bool json, const KelVector<KelString>& assignments) {
     KelContainer known;
     if (const unsigned int result = remote.Call("FileStoreGetValues", known); result != kKelOk)
         return ExitCodeOf(result);
@@ -53,7 +53,7 @@ int SetSettings(const Remote& remote, const KelVector<KelString>& assignments) {
     for (const KelString& assignment : assignments) {
         const auto equals = assignment.find('=');
         if (equals == KelString::npos || equals == 0) {
-            Complain("'" + assignment + "' is not NAME=VALUE");
+            Complain("'" + assignment + "' is not SETTING=VALUE");
             return kExitUsage;
         }
         const KelString name = assignment.substr(0, equals);
@@ -66,6 +66,7 @@ int SetSettings(const Remote& remote, const KelVector<KelString>& assignments) {
     const unsigned int result = remote.Call("FileStoreSetValues", arguments);
     for (std::uint32_t i = 0; i < ItemCount(arguments, "Notes"); ++i)
         std::fprintf(stderr, "kel: %s\n", Printable(arguments.GetString("Notes", {}, i)).c_str());
+    if (result == kKelOk && json) std::puts("[]");
     return ExitCodeOf(result);
 }
 
@@ -113,7 +114,7 @@ int RunCommand(const CommonOptions& common, const SettingsOptions& options) {
     const auto remote = Remote::Open(common);
     if (!remote) return Complain(remote.Error());
     return options.assignments.empty() ? GetSettings(*remote, common.json, options.names)
-                                       : SetSettings(*remote, options.assignments);
+                                       : SetSettings(*remote, common.json, options.assignments);
 }
 
 int RunCommand(const CommonOptions& common, const UploadOptions&) {
@@ -160,10 +161,10 @@ int ListActions(const CommonOptions& common, const KelString& name) {
     if (name.empty() || common.json)
         PrintList(answer, common.json,
                   {ValueColumn("ACTION", "Name"), ValueColumn("CALLERS", "Callers"),
-                   ValueColumn("PURPOSE", "Purpose")});
+                   TextColumn("PURPOSE", "Purpose")});
     else
         PrintList(ActionRows(answer.GetContainer("Values")), false,
-                  {ValueColumn("NAME", "Name"), ValueColumn("VALUE", "Value")});
+                  {TextColumn("NAME", "Name"), TextColumn("VALUE", "Value")});
     return kExitDone;
 }
 

@@ -28,24 +28,41 @@ KelString UnknownFile(const FileOptions& options) {
            (options.upstream ? " --upstream" : "") + "' lists its files";
 }
 
+/// A page of the list: behind the file with the number `after`, which costs the same wherever it is; when
+/// that is 0 or gone, or an older agent does not know After, behind the first `offset` files. The action's
+/// result.
+unsigned int ReadPage(const Remote& remote, const FilesOptions& options, std::uint64_t offset,
+                      std::int32_t after, std::uint64_t limit, KelContainer& page) {
+    KelContainer arguments;
+    arguments.SetBool(kListUpstream, options.upstream);
+    arguments.SetBool("Reasons", true);
+    arguments.SetInt64("Limit", static_cast<std::int64_t>(limit));
+    page = arguments;
+    page.SetInt64("After", after);
+    if (after > 0 && remote.CallQuietly("FileStoreListFiles", page) == kKelOk && !page.Has("TotalCount"))
+        return kKelOk;
+    page = arguments;
+    page.SetInt64("Offset", static_cast<std::int64_t>(offset));
+    return remote.Call("FileStoreListFiles", page);
+}
+
 /// Prints the files page by page, so that neither side ever holds all of them. An exit code.
 int PrintPages(const Remote& remote, const FilesOptions& options, ListPrinter& printer) {
     std::uint64_t left = options.limit.value_or(std::numeric_limits<std::uint64_t>::max());
     std::uint64_t offset = options.offset;
+    std::int32_t last = 0;
     for (;;) {
         const std::uint64_t wanted = std::min(left, kPageFiles);
         KelContainer page;
-        page.SetBool(kListUpstream, options.upstream);
-        page.SetBool("Reasons", true);
-        page.SetInt64("Offset", static_cast<std::int64_t>(offset));
-        page.SetInt64("Limit", static_cast<std::int64_t>(wanted));
-        if (const unsigned int result = remote.Call("FileStoreListFiles", page); result != kKelOk)
+        if (const unsigned int result = ReadPage(remote, options, offset, last, wanted, page);
+            result != kKelOk)
             return ExitCodeOf(result);
         printer.Add(page);
         const std::uint32_t listed = ItemCount(page);
         offset += listed;
         left -= listed;
         if (listed < wanted || left == 0) return kExitDone;
+        last = page.GetContainer("Values", listed - 1).GetInt32("FileId");
     }
 }
 
@@ -68,8 +85,8 @@ int RunCommand(const CommonOptions& common, const FilesOptions& options) {
     if (!remote) return Complain(remote.Error());
     const KelVector<Column> columns = {
         ValueColumn("ID", "FileId"),
-        ValueColumn("TYPE", kValueFileType),
-        ValueColumn("LABEL", kValueFileLabel),
+        TextColumn("TYPE", kValueFileType),
+        TextColumn("LABEL", kValueFileLabel),
         NameColumn("NAME"),
         {"STATUS", [](const KelContainer& item) { return FileStatusText(item.GetString(kFileStatus)); }},
         ValueColumn("HERE", "TransferredData"),
@@ -94,20 +111,20 @@ int RunCommand(const CommonOptions& common, const FileOptions& options) {
         PrintJson(call);
     else
         PrintList(FileValueList(call.GetContainer("Values")), false,
-                  {ValueColumn("NAME", "Name"), ValueColumn("VALUE", "Value")});
+                  {TextColumn("NAME", "Name"), TextColumn("VALUE", "Value")});
     return kExitDone;
 }
 
 int RunCommand(const CommonOptions& common, const InboxOptions&) {
     return PrintActionList(
         common, "DeliveryListFiles", {},
-        {ValueColumn("TYPE", kValueFileType), ValueColumn("LABEL", kValueFileLabel), NameColumn("NAME"),
-         SizeColumn("SIZE", "Size"), TimeColumn("DELIVERED", "Time"), ValueColumn("PATH", "Path")});
+        {TextColumn("TYPE", kValueFileType), TextColumn("LABEL", kValueFileLabel), NameColumn("NAME"),
+         SizeColumn("SIZE", "Size"), TimeColumn("DELIVERED", "Time"), TextColumn("PATH", "Path")});
 }
 
 int RunCommand(const CommonOptions& common, const CollectedOptions&) {
     return PrintActionList(common, "DeliveryListCollected", {},
-                           {ValueColumn("DEVICE", "Device"), ValueColumn("TYPE", kValueFileType),
-                            ValueColumn("LABEL", kValueFileLabel), NameColumn("NAME"),
-                            SizeColumn("SIZE", "Size"), ValueColumn("PATH", "Path")});
+                           {TextColumn("DEVICE", "Device"), TextColumn("TYPE", kValueFileType),
+                            TextColumn("LABEL", kValueFileLabel), NameColumn("NAME"),
+                            SizeColumn("SIZE", "Size"), TextColumn("PATH", "Path")});
 }

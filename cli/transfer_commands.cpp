@@ -126,7 +126,7 @@ int RunCommand(const CommonOptions& common, const SendOptions& options) {
     const int exitCode = HandOverFiles(*remote, files, handOver, sent);
     if (!common.json && !sent.Has("Values")) return exitCode;
     PrintList(sent, common.json,
-              {ValueColumn("FILE", "File"), NameColumn("NAME"), SizeColumn("SIZE", kValueFileSize)});
+              {TextColumn("FILE", "File"), NameColumn("NAME"), SizeColumn("SIZE", kValueFileSize)});
     return exitCode;
 }
 
@@ -152,7 +152,7 @@ int RunCommand(const CommonOptions& common, const RequestOptions& options) {
     KelContainer list;
     list.SetContainer("Values", std::move(item));
     PrintList(list, common.json,
-              {ValueColumn("TYPE", kValueFileType), ValueColumn("LABEL", kValueFileLabel), NameColumn("NAME"),
-               ValueColumn("STATE", "State"), ValueColumn("PATH", "Path")});
+              {TextColumn("TYPE", kValueFileType), TextColumn("LABEL", kValueFileLabel), NameColumn("NAME"),
+               ValueColumn("STATE", "State"), TextColumn("PATH", "Path")});
     return exitCode;
 }

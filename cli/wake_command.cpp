@@ -94,7 +94,7 @@ int RunCommand(const CommonOptions& common, const WakeOptions& options) {
     KelContainer list;
     list.SetContainer("Values", std::move(item));
     PrintList(list, common.json,
-              {ValueColumn("DEVICE", "Name"), ValueColumn("NETWORK CARD", "MACAddress"),
+              {TextColumn("DEVICE", "Name"), ValueColumn("NETWORK CARD", "MACAddress"),
                ValueColumn("WOKEN BY", "WakeOnLanSenderIPAddr"),
                ValueColumn("BROADCAST", "WakeOnLanBroadcastIPAddr")});
     return kExitDone;

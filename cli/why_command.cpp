@@ -130,7 +130,7 @@ int RunCommand(const CommonOptions& common, const WhyOptions& options) {
     PrintList(answer, common.json,
               {{"DEVICE", [](const KelContainer& item) { return DeviceText(item, "Name", "Device"); }},
                {"WAITS AT", [](const KelContainer& item) { return DeviceText(item, "AtName", "At"); }},
-               ValueColumn("REASON", "Message"),
+               TextColumn("REASON", "Message"),
                TimeColumn("SINCE", "Since"),
                TimeColumn("NEXT TRY", "NextTry")});
     if (const std::int32_t leftOut = answer.GetInt32("LeftOut"); leftOut > 0)

@@ -4,6 +4,7 @@
 #include "cli/commands.h"
 #include "cli/output.h"
 #include "cli/remote.h"
+#include "cli/terminal.h"
 #include "kel/format.h"
 #include "kel/text.h"
 #include "kelcore/error_codes.h"
@@ -48,6 +49,7 @@ std::array<KelContainer, kDirections.size()> ByDirection(const KelContainer& win
 /// A line for each direction: what is in force, until when, and the rules.
 KelString Overview(const std::array<KelContainer, kDirections.size()>& windows) {
     Table table({"DIRECTION", "NOW", "NEXT CHANGE", "THEN", "HOURS OF", "WEEK"});
+    table.Fit(TerminalWidth(), {5});
     for (std::size_t i = 1; i < windows.size(); ++i) {
         const KelContainer& window = windows[i];
         if (window.IsEmpty()) {
@@ -108,7 +110,7 @@ int GetWindows(const Remote& remote, bool json) {
     return kExitDone;
 }
 
-int SetWindow(const Remote& remote, const WindowsOptions& options) {
+int SetWindow(const Remote& remote, bool json, const WindowsOptions& options) {
     KelContainer arguments;
     for (std::size_t i = 1; i < kDirections.size(); ++i)
         if (options.direction == kDirections[i])
@@ -120,7 +122,9 @@ int SetWindow(const Remote& remote, const WindowsOptions& options) {
         arguments.SetString("Week", options.week);
     }
     arguments.SetBool("UseUTCTime", options.utc);
-    return ExitCodeOf(remote.Call("TransferWindowSetWindow", arguments));
+    const unsigned int result = remote.Call("TransferWindowSetWindow", arguments);
+    if (result == kKelOk && json) std::puts("[]");
+    return ExitCodeOf(result);
 }
 
 }  // namespace
@@ -160,5 +164,6 @@ KelString WindowsLine(const KelContainer& answer) {
 int RunCommand(const CommonOptions& common, const WindowsOptions& options) {
     const auto remote = Remote::Open(common);
     if (!remote) return Complain(remote.Error());
-    return options.direction.empty() ? GetWindows(*remote, common.json) : SetWindow(*remote, options);
+    return options.direction.empty() ? GetWindows(*remote, common.json)
+                                     : SetWindow(*remote, common.json, options);
 }

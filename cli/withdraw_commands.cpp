@@ -8,7 +8,7 @@ int RunCommand(const CommonOptions& common, const WithdrawOptions& options) {
     KelContainer call;
     call.SetString("PublicationId", options.id);
     return PrintActionList(common, "ConsoleWithdraw", std::move(call),
-                           {ValueColumn("PUBLICATION", "PublicationId"), ValueColumn("FILE", kValueFileName),
+                           {ValueColumn("PUBLICATION", "PublicationId"), TextColumn("FILE", kValueFileName),
                             ValueColumn("TARGETS", "Targets"), ValueColumn("DELIVERED", "Delivered"),
                             ValueColumn("FAILED", "Failed"), ValueColumn("WITHDRAWN", "Withdrawn"),
                             ValueColumn("REMOVED", "Removed")});

@@ -5,6 +5,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <utility>
 
 #include "kel/format.h"
@@ -66,6 +67,13 @@ class ActionRegistry {
         const std::lock_guard lock(mutex_);
         const auto found = actions_.find(name);
         return found != actions_.end() && Admits(found->second->description, caller);
+    }
+
+    std::optional<bool> Changes(const KelString& name) const {
+        const std::lock_guard lock(mutex_);
+        const auto found = actions_.find(name);
+        if (found == actions_.end()) return std::nullopt;
+        return found->second->description.changes;
     }
 
     /// Under the lock, because the texts of a description are those of its module.
@@ -156,10 +164,12 @@ KelString CallerText(const KelCallOrigin& origin) {
 unsigned int Refuse(const KelActionDescription& description, const KelString& key, const KelString& name,
                     const KelCallOrigin& origin, KelContainer& container) {
     const KelCallers callers = description.callers | KelCallers::Local;
+    const KelString caller = origin.master.empty() ? "a device at " + CallerText(origin)
+                                                   : "an operator at the master " + origin.master;
     const KelString message = callers == KelCallers::Local
-                                  ? name + " is for the device's own operator, on the device"
-                                  : KelFormat("%S is for these callers: %S; a device at %S is none of them",
-                                              name, CallersText(callers), CallerText(origin));
+                                  ? name + " is for the device's own operator, on the device itself"
+                                  : KelFormat("%S is for these callers: %S; %S is none of them", name,
+                                              CallersText(callers), caller);
     Refusals().Failed(KelDebugLevel::Warning, key,
                       KelFormat("Call of %S from %S refused: %S", name, CallerText(origin), message));
     container.Clear();
@@ -175,9 +185,10 @@ unsigned int RunFor(const KelCallOrigin& origin, const Action& action, const Kel
         return Refuse(action.description, key, name, origin, container);
     Refusals().Succeeded(key, KelFormat("%S may call %S now", caller, name));
     SetCallOrigin(origin, container);
-    const KelContainer asked = action.description.changes ? container : KelContainer();
+    std::optional<AuditedCall> audited;
+    if (action.description.changes) audited.emplace(name, container);
     const unsigned int result = RunHandler(action, name, container);
-    if (action.description.changes) AuditRecordCall(name, asked, result, container);
+    if (audited) audited->End(result, container);
     container.Remove(kActionRequestInfo);  // the caller's next call must not carry it
     return result;
 }
@@ -209,6 +220,10 @@ bool ActionDbIsActionRegistered(const KelString& actionName) {
 
 bool ActionDbAdmits(const KelString& actionName, KelCallers caller) {
     return Registry().HasFor(actionName, caller);
+}
+
+std::optional<bool> ActionDbChanges(const KelString& actionName) {
+    return Registry().Changes(actionName);
 }
 
 KelVector<KelContainer> ActionDbListActions() {

@@ -2,6 +2,7 @@
 
 #include <functional>
 #include <initializer_list>
+#include <optional>
 
 #include "kel/container.h"
 #include "kel/ip_address.h"
@@ -52,6 +53,10 @@ bool ActionDbIsActionRegistered(const KelString& actionName);
 
 /// True when there is such an action and a caller of these classes may call it.
 bool ActionDbAdmits(const KelString& actionName, KelCallers caller);
+
+/// True for an action that changes something for an operator (KelActionDescription::changes); nothing when
+/// there is no such action.
+std::optional<bool> ActionDbChanges(const KelString& actionName);
 
 /// The descriptions of all actions, sorted by name: for each a container as DescribeAction makes it, with the
 /// text Module.

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <ctime>
 #include <mutex>
 #include <utility>
@@ -105,21 +106,7 @@ KelString ReadFile(int age) {
     return text ? *text : KelString();
 }
 
-}  // namespace
-
-void AuditRecordCall(const KelString& action, const KelContainer& arguments, unsigned int result,
-                     const KelContainer& answer) {
-    KelContainer asked = arguments;
-    asked.Remove(kActionRequestInfo);
-    KelContainer line;
-    line.SetInt64("Time", std::time(nullptr));
-    const KelCallOrigin origin = CallOriginOf(arguments);
-    line.SetString("Operator", origin.operatorName);
-    line.SetString("Address", origin.address.empty() ? "local" : origin.address);
-    line.SetString("Action", action);
-    line.SetContainer("Arguments", Shown(asked));
-    line.SetInt64("Result", result);
-    if (result != 0) line.SetString("Message", ShownText(answer.GetString("Message")));
+void Record(const KelContainer& line) {
     if (Append(ContainerToJson(line)))
         Failures().Succeeded("audit", "The audit can be written again");
     else
@@ -127,16 +114,70 @@ void AuditRecordCall(const KelString& action, const KelContainer& arguments, uns
                           KelFormat("The audit %S cannot be written; changes are not recorded", PathOf(0)));
 }
 
+/// The time in nanoseconds, or a little more: never the same twice, whenever the agent is started again.
+std::int64_t NextId() {
+    static std::mutex mutex;
+    static std::int64_t last = 0;
+    const std::lock_guard lock(mutex);
+    const auto now = std::chrono::system_clock::now().time_since_epoch();
+    last = std::max<std::int64_t>(last + 1, std::chrono::nanoseconds(now).count());
+    return last;
+}
+
+/// Puts the results of calls, by their numbers, into the line of the one that `call` begins.
+void TakeResult(KelContainer& call, KelHash<std::int64_t, KelContainer>& results) {
+    if (!call.Has("Id")) return;
+    if (const auto result = results.find(call.GetInt64("Id")); result != results.end()) {
+        call.SetInt64("Result", result->second.GetInt64("Result"));
+        if (result->second.Has("Message")) call.SetString("Message", result->second.GetString("Message"));
+        results.erase(result);
+    }
+    call.Remove("Id");
+}
+
+}  // namespace
+
+AuditedCall::AuditedCall(const KelString& action, const KelContainer& arguments, const KelString& device)
+    : id_(NextId()) {
+    KelContainer asked = arguments;
+    asked.Remove(kActionRequestInfo);
+    KelContainer line;
+    line.SetInt64("Id", id_);
+    line.SetInt64("Time", std::time(nullptr));
+    const KelCallOrigin origin = CallOriginOf(arguments);
+    line.SetString("Operator", origin.operatorName);
+    line.SetString("Address", origin.address.empty() ? "local" : origin.address);
+    if (!origin.master.empty()) line.SetString("Master", ShownText(origin.master));
+    if (!device.empty()) line.SetString("Device", device);
+    line.SetString("Action", action);
+    line.SetContainer("Arguments", Shown(asked));
+    Record(line);
+}
+
+void AuditedCall::End(unsigned int result, const KelContainer& answer) const {
+    KelContainer line;
+    line.SetInt64("Id", id_);
+    line.SetInt64("Result", result);
+    if (result != 0) line.SetString("Message", ShownText(answer.GetString("Message")));
+    Record(line);
+}
+
 KelVector<KelContainer> AuditRead(std::int64_t since, std::size_t limit) {
-    KelVector<KelContainer> lines;
-    for (int age = 0; age <= kOldFiles && lines.size() < limit; ++age) {
+    KelVector<KelContainer> calls;
+    KelHash<std::int64_t, KelContainer> results;  // whose calls are yet to come: the latest lines are first
+    for (int age = 0; age <= kOldFiles && calls.size() < limit; ++age) {
         const KelVector<KelString> found = SplitText(ReadFile(age), '\n');
-        for (auto line = found.rbegin(); line != found.rend() && lines.size() < limit; ++line) {
+        for (auto line = found.rbegin(); line != found.rend() && calls.size() < limit; ++line) {
             KelContainer values;
-            const bool isLine = !line->empty() && ContainerFromJson(*line, values) && values.Has("Time");
-            if (isLine && values.GetInt64("Time") >= since) lines.push_back(std::move(values));
+            if (line->empty() || !ContainerFromJson(*line, values)) continue;
+            if (values.Has("Time") && values.GetInt64("Time") >= since) {
+                TakeResult(values, results);
+                calls.push_back(std::move(values));
+            } else if (values.Has("Id") && !values.Has("Time")) {
+                results[values.GetInt64("Id")] = std::move(values);
+            }
         }
     }
-    std::ranges::reverse(lines);
-    return lines;
+    std::ranges::reverse(calls);
+    return calls;
 }

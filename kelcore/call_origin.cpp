@@ -17,6 +17,7 @@ constexpr const char* kOperator = "HttpProtocolRequestCaller";
 constexpr const char* kCallers = "HttpProtocolRequestClasses";
 constexpr const char* kDevice = "HttpProtocolRequestDevice";
 constexpr const char* kMayPassOn = "HttpProtocolRequestMayPassOn";
+constexpr const char* kMaster = "HttpProtocolRequestMaster";
 
 /// How long the address of a name counts: a relay with many children would ask the name server for each call.
 constexpr std::chrono::seconds kResolvedFor{10};
@@ -95,8 +96,12 @@ void TrustAsParents(IpRange addresses) {
 KelCallOrigin CallOriginOf(const KelContainer& arguments) {
     if (!ActionIsFromOutside(arguments)) return {};
     const KelContainer& info = arguments.GetContainer(kActionRequestInfo);
-    return {static_cast<KelCallers>(info.GetInt32(kCallers)), info.GetString(kAddress),
-            info.GetString(kDevice), info.GetBool(kMayPassOn), info.GetString(kOperator)};
+    return {static_cast<KelCallers>(info.GetInt32(kCallers)),
+            info.GetString(kAddress),
+            info.GetString(kDevice),
+            info.GetBool(kMayPassOn),
+            info.GetString(kOperator),
+            info.GetString(kMaster)};
 }
 
 void SetCallOrigin(const KelCallOrigin& origin, KelContainer& arguments) {
@@ -106,6 +111,7 @@ void SetCallOrigin(const KelCallOrigin& origin, KelContainer& arguments) {
     if (!origin.deviceGuid.empty()) info.SetString(kDevice, origin.deviceGuid);
     info.SetBool(kMayPassOn, origin.mayPassOn);
     if (!origin.operatorName.empty()) info.SetString(kOperator, origin.operatorName);
+    if (!origin.master.empty()) info.SetString(kMaster, origin.master);
     arguments.Remove(kActionRequestInfo);
     arguments.SetContainer(kActionRequestInfo, std::move(info));
 }

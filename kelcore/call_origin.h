@@ -30,6 +30,7 @@ struct KelCallOrigin {
     KelString deviceGuid = {};               ///< where a certificate proves it
     bool mayPassOn = true;                   ///< what other devices send: no certificate says it is a client
     KelString operatorName = {};             ///< what the caller says it is, for the audit; proves nothing
+    KelString master = {};  ///< "host:port": the parent passes the call on for an operator there
 };
 
 /// Who a peer is to this device. In a tree with keys, the parent is the device with the GUID of the parent

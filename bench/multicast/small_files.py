@@ -28,7 +28,8 @@ WAIT_SECONDS = 1800
 
 
 class Peer:
-    """Calls of actions of the master from one address, over one connection, one after the other."""
+    """Calls of actions of the master from one address, or without one over its own socket; over one connection, one
+    after the other."""
 
     def __init__(self, master, address):
         self.master, self.address, self.digest = master, address, Digest()
@@ -36,6 +37,8 @@ class Peer:
 
     async def call(self, action, values):
         async with self.lock:
+            if not self.streams and not self.address:
+                self.streams = await asyncio.open_unix_connection(self.master.root / "run" / "agent.sock")
             if not self.streams:
                 self.streams = await asyncio.open_connection(self.master.address, self.master.port,
                                                              local_addr=(self.address, 0))
@@ -95,7 +98,7 @@ async def measure(build, options, multicast):
         await children.listen()
         own_name = f"{master.address}:{master.port}/{guid}/02-00-00-00-00-01/{master.address}/255.0.0.0"
         devices = {own_name: {name: {} for name in children.names.values()}}
-        publisher = Peer(master, master.address)
+        publisher = Peer(master, None)
         for number in range(options.files):
             path = tree.folder / f"{number:05}"
             path.write_bytes(os.urandom(FILE_BYTES))

@@ -69,9 +69,13 @@ constexpr char kListed[] =
     "SELECT FileId, FileType, FileLabel, FileName, FileChecksum, FileStatus, FileSize, FilePath, "
     "Acknowledged FROM Files "
     "WHERE "
-    "FileStatus != '%s' ORDER BY %S, FileId LIMIT %u OFFSET %lu";
+    "FileStatus != '%s'%S ORDER BY %S, FileId LIMIT %u OFFSET %lu";
 /// The order of an index, which no page has to sort.
 constexpr char kListedOrder[] = "FileType, FileLabel, FileName, FileChecksum";
+/// Finds its place in that index, so that a page costs the same wherever it is.
+constexpr char kListedAfter[] =
+    " AND (FileType, FileLabel, FileName, FileChecksum, FileId) > (SELECT FileType, FileLabel, FileName, "
+    "FileChecksum, FileId FROM Files WHERE FileId = %lu)";
 constexpr char kCounted[] =
     "SELECT FileStatus, COUNT (*) FROM Files WHERE FileStatus != '%s' GROUP BY FileStatus";
 
@@ -313,7 +317,9 @@ std::optional<ListOrder> MakeListOrder(const KelString& column, const KelString&
 KelVector<ListedFile> SelectListedFiles(Side side, const ListOrder& order, const ListRange& range) {
     const KelString clause =
         order.column.empty() ? KelString(kListedOrder) : order.column + " " + order.direction;
-    const auto result = Query(side, KelFormat(kListed, kStatusObsolete, clause, range.limit, range.offset));
+    const KelString after = range.after == 0 ? KelString() : KelFormat(kListedAfter, range.after);
+    const auto result =
+        Query(side, KelFormat(kListed, kStatusObsolete, after, clause, range.limit, range.offset));
     KelVector<ListedFile> files(result ? result->GetRowCount() : 0);
     for (std::size_t i = 0; i < files.size(); ++i) {
         RowReader row(*result, i);

@@ -105,10 +105,12 @@ struct ListOrder {
     KelString column;  ///< empty: by type, label and name
     KelString direction;
 };
-/// The part of a list that is wanted: at most `limit` rows behind the first `offset`.
+/// The part of a list that is wanted: at most `limit` rows behind the first `offset`, or behind the row with
+/// the FileId `after`, whatever its status; of a list by type, label and name only.
 struct ListRange {
     std::uint64_t offset = 0;
     std::uint32_t limit = 0;
+    std::uint64_t after = 0;  ///< 0: none; the list is empty when there is no such row
 };
 /// Makes an order of what a caller asked for; nothing unless `column` is one of Files and `direction` ASC or
 /// DESC, in any case of letters.

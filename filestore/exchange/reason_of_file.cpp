@@ -87,10 +87,11 @@ std::optional<WaitingReason> TransferReason(const FileStoreEntry& file, Side sid
     reason.code = Waiting::Transferring;
     reason.since = transfer->since;
     reason.whole = static_cast<std::uint64_t>(std::max<std::int64_t>(file.FileSize, 0));
-    // What an upload has sent so far is known to its receiver only.
     if (side == Side::Downstream)
         reason.bytes =
             static_cast<std::uint64_t>(std::max<std::int64_t>(FileGetSize64(ContentPath(file, side)), 0));
+    else if (transfer->sent)
+        reason.bytes = *transfer->sent;
     if (hasFailed && reason.bytes <= transfer->bytes) return std::nullopt;
     return reason;
 }

@@ -42,7 +42,7 @@ constexpr std::array kActions = {
          .outputs = "string FileURL? (empty: not here yet), int32 KeepCopy?, string FileChecksum?, bool "
                     "FileObsolete?",
          .results = "1 the key is unusable; 44005 the GUID belongs to another tree",
-         .callers = kChild}},
+         .callers = kChild | kOperator}},
     FileStoreAction{
         &FileStore::ActionHandler_FileStoreRequestFileSize,
         {.signature =
@@ -51,7 +51,7 @@ constexpr std::array kActions = {
          .inputs = KEL_FILE_KEY ", string DeviceGUID?",
          .outputs = "int64 FileSize (bytes)",
          .results = "1 the key is unusable; 13 no device above has it",
-         .callers = kChild}},
+         .callers = kChild | kOperator}},
     FileStoreAction{
         &FileStore::ActionHandler_FileStoreAcknowledgeFile,
         {.signature =
@@ -158,12 +158,15 @@ constexpr std::array kActions = {
         {.signature = "FileStoreListFiles ()",
          .purpose = "Lists the files of the store, except obsolete ones.",
          .inputs = "bool ListUpstream?, string SortAttr? (a column of Files), string SortOrder? (ASC or "
-                   "DESC), int64 Offset?, int64 Limit?, bool CountsOnly?, bool Reasons?",
+                   "DESC), int64 Offset?, int64 After? (FileId of the file before the first one; for long "
+                   "lists without "
+                   "SortAttr), int64 Limit?, bool CountsOnly?, bool Reasons?",
          .outputs =
-             "int64 TotalCount, container Counts? {int64 * (files by status)}, container Values[]? "
+             "int64 TotalCount? (absent with After), container Counts? {int64 * (files by status)}, "
+             "container Values[]? "
              "{int32 FileId, " KEL_FILE_KEY
              ", string FileStatus, string TransferredData (per cent), container Reason? {" KEL_REASON "}}",
-         .results = "1 no such column or order, or a negative number",
+         .results = "1 no such column or order, or a negative number; 13 the file of After is gone",
          .callers = kOperator}},
     FileStoreAction{
         &FileStore::ActionHandler_FileStoreGetFileInfo,
@@ -199,6 +202,14 @@ constexpr std::array kActions = {
                     "{int64 Since, int64 Until}, int64 Bandwidth? (bit/s), bool BandwidthMeasured?, int64 "
                     "DiskFree? (bytes), container DiskFull? {int64 WaitingFiles, int64 Since, int64 Needed}, "
                     "int64 WaitingTargets}",
+         .callers = kOperator}},
+    FileStoreAction{
+        &FileStore::ActionHandler_FileStoreGetTransfers,
+        {.signature = "FileStoreGetTransfers ()",
+         .purpose = "Lists the files that are being transferred from or to another device now.",
+         .outputs = "container Values[]? {int32 FileId, " KEL_FILE_KEY
+                    ", bool Upstream, int64 FileSize (bytes), string Peer (HOST:PORT), int64 Since (seconds "
+                    "since the epoch), int64 TransferredBytes (here, or handed to the connection)}",
          .callers = kOperator}},
     FileStoreAction{&FileStore::ActionHandler_FileStoreGetDeviceUrl,
                     {.signature = "FileStoreGetDeviceUrl ()",

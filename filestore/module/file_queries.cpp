@@ -10,7 +10,9 @@
 #include "filestore/exchange/reason_of_file.h"
 #include "filestore/state/device.h"
 #include "filestore/state/file_store.h"
+#include "filestore/state/parent.h"
 #include "filestore/state/store_layout.h"
+#include "filestore/state/waiting_reasons.h"
 #include "kel/container.h"
 #include "kel/file.h"
 #include "kel/format.h"
@@ -41,12 +43,19 @@ std::optional<ListOrder> ReadOrder(const KelContainer& arguments) {
 /// The part of the list that the caller asked for; nothing, with a warning, when it is none.
 std::optional<ListRange> ReadRange(const KelContainer& arguments) {
     const std::int64_t offset = arguments.GetInt64("Offset", 0);
+    const std::int64_t after = arguments.GetInt64("After", 0);
     const std::int64_t limit = arguments.GetInt64("Limit", kMaxListedFiles);
-    if (offset >= 0 && limit >= 0)
+    if (after > 0 && !arguments.GetString("SortAttr").empty()) {
+        FileStore::debugFileStore.Warning("After belongs to a list of files without SortAttr\n");
+        return std::nullopt;
+    }
+    if (offset >= 0 && after >= 0 && limit >= 0)
         return ListRange{static_cast<std::uint64_t>(offset),
-                         static_cast<std::uint32_t>(std::min<std::int64_t>(limit, kMaxListedFiles))};
-    FileStore::debugFileStore.Warning("Offset %gd and Limit %gd of a list of files must not be negative\n",
-                                      offset, limit);
+                         static_cast<std::uint32_t>(std::min<std::int64_t>(limit, kMaxListedFiles)),
+                         static_cast<std::uint64_t>(after)};
+    FileStore::debugFileStore.Warning(
+        "Offset %gd, After %gd and Limit %gd of a list of files must not be negative\n", offset, after,
+        limit);
     return std::nullopt;
 }
 
@@ -133,7 +142,10 @@ unsigned int FileStore::ActionHandler_FileStoreListFiles(KelContainer* arguments
     const Side side = ChosenSide(*arguments);
     const bool countsOnly = arguments->GetBool("CountsOnly");
     arguments->Remove("Values");
-    WriteCounts(side, countsOnly, *arguments);
+    if (range->after == 0)
+        WriteCounts(side, countsOnly, *arguments);
+    else if (ReadFileStatus(side, range->after).empty())
+        return kKelErrorMissingContent;
     if (countsOnly || range->limit == 0) return kKelOk;
     const KelVector<ListedFile> files = SelectListedFiles(side, *order, *range);
     std::optional<Circumstances> circumstances;
@@ -153,6 +165,30 @@ unsigned int FileStore::ActionHandler_FileStoreGetFileInfo(KelContainer* argumen
     const bool isKnown = entry.LoadFromDatabase(fileId, side);
     arguments->Remove("Values");
     if (isKnown) arguments->SetContainer("Values", DetailValues(entry, side));
+    return kKelOk;
+}
+
+/// Takes no lock across the rows: a transfer that has ended meanwhile is left out.
+unsigned int FileStore::ActionHandler_FileStoreGetTransfers(KelContainer* arguments) {
+    arguments->Clear();
+    for (const WaitingReasons::Transfer& transfer : Reasons().ListTransfers()) {
+        FileStoreEntry entry;
+        if (!entry.LoadFromDatabase(transfer.fileId, transfer.side)) continue;
+        KelContainer values;
+        values.SetInt32("FileId", static_cast<std::int32_t>(entry.FileId));
+        entry.Key().Write(values);
+        values.SetBool(kValueUpstream, transfer.side == Side::Upstream);
+        values.SetInt64(kValueFileSize, entry.FileSize);
+        const bool isDown = transfer.side == Side::Downstream;
+        values.SetString("Peer", PeerName(SenderUrl(isDown ? entry.SourceDevice : KelString())));
+        values.SetInt64("Since", transfer.since);
+        if (isDown)
+            values.SetInt64("TransferredBytes",
+                            std::max<std::int64_t>(FileGetSize64(ContentPath(entry, transfer.side)), 0));
+        else if (transfer.sent)
+            values.SetInt64("TransferredBytes", static_cast<std::int64_t>(transfer.sent->load()));
+        arguments->SetContainer("Values", std::move(values), KelContainer::kAbsent);
+    }
     return kKelOk;
 }
 

@@ -28,6 +28,7 @@ bool HasAddress(const KelString& device, const KelString& address) {
 bool IsCallOf(const KelContainer& arguments, const KelString& device) {
     const KelCallOrigin origin = CallOriginOf(arguments);
     if (Includes(origin.callers, KelCallers::Local)) return true;
+    if (Includes(origin.callers, KelCallers::Operator)) return device.empty();
     if (!origin.deviceGuid.empty()) return StringTokeniser(device, '/').GetToken(1) == origin.deviceGuid;
     return HasAddress(device, origin.address);
 }

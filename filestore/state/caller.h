@@ -7,9 +7,10 @@
 // for the devices below it. May ask the name server: hold no lock. Any thread.
 namespace filestore {
 
-/// True when a call with these arguments can come from the device with this device URL or path name: one of
-/// this device speaks for any, a certificate proves the GUID, and in a plain tree it has to come from the
-/// device's address.
+/// True when a call with these arguments can come from the device with this device URL or path name; without
+/// a name, it is this device itself. A call of this device speaks for any, and one of the operator of the
+/// tree for this device only. Otherwise a certificate proves the GUID, and in a plain tree the call has to
+/// come from the device's address.
 bool IsCallOf(const KelContainer& arguments, const KelString& device);
 
 /// The same with the refusal of the call, which is logged.

@@ -177,6 +177,7 @@ class FileStore {
     static unsigned int ActionHandler_FileStoreGetFileInfo(KelContainer* arguments);
     static unsigned int ActionHandler_FileStoreExplainFile(KelContainer* arguments);
     static unsigned int ActionHandler_FileStoreGetWaiting(KelContainer* arguments);
+    static unsigned int ActionHandler_FileStoreGetTransfers(KelContainer* arguments);
     static unsigned int ActionHandler_FileStoreGetDeviceUrl(KelContainer* arguments);
     static unsigned int ActionHandler_FileStoreGetMulticastStatus(KelContainer* arguments);
     static unsigned int ActionHandler_FileStoreGetMulticastDetails(KelContainer* arguments);

@@ -230,9 +230,9 @@ std::optional<WaitingReason> WaitingReasons::FindDevice(const KelString& deviceG
     return entry == entries_.end() ? std::nullopt : std::optional(entry->second.reason);
 }
 
-void WaitingReasons::BeginTransfer(Side side, std::uint64_t fileId, std::uint64_t bytes) {
+void WaitingReasons::BeginTransfer(const Transfer& transfer) {
     const KelLock lock(mutex_);
-    transfers_[{side, fileId, {}}] = {bytes, std::time(nullptr)};
+    transfers_[{transfer.side, transfer.fileId, {}}] = transfer;
 }
 
 void WaitingReasons::EndTransfer(Side side, std::uint64_t fileId) {
@@ -244,6 +244,14 @@ std::optional<WaitingReasons::Transfer> WaitingReasons::FindTransfer(Side side, 
     const KelLock lock(mutex_);
     const auto transfer = transfers_.find({side, fileId, {}});
     return transfer == transfers_.end() ? std::nullopt : std::optional(transfer->second);
+}
+
+KelVector<WaitingReasons::Transfer> WaitingReasons::ListTransfers() const {
+    KelVector<Transfer> transfers;
+    const KelLock lock(mutex_);
+    for (const auto& [key, transfer] : transfers_)
+        transfers.push_back(transfer);
+    return transfers;
 }
 
 WaitingReasons::SpaceShortage WaitingReasons::GetSpaceShortage() const {

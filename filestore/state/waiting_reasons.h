@@ -1,9 +1,13 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
+#include <ctime>
 #include <map>
+#include <memory>
 #include <optional>
 #include <tuple>
+#include <utility>
 
 #include "filestore/db/file_key.h"
 #include "kel/container.h"
@@ -94,10 +98,14 @@ class WaitingReasons {
     struct Transfer {
         std::uint64_t bytes = 0;
         std::int64_t since = 0;
+        Side side = Side::Downstream;
+        std::uint64_t fileId = 0;
+        std::shared_ptr<const std::atomic<std::uint64_t>> sent = {};  ///< of what goes up: bytes by now
     };
-    void BeginTransfer(Side side, std::uint64_t fileId, std::uint64_t bytes);
+    void BeginTransfer(const Transfer& transfer);
     void EndTransfer(Side side, std::uint64_t fileId);
     std::optional<Transfer> FindTransfer(Side side, std::uint64_t fileId) const;
+    KelVector<Transfer> ListTransfers() const;
 
     /// Files whose download waits for space on the disk.
     struct SpaceShortage {
@@ -133,8 +141,10 @@ WaitingReasons& Reasons();
 /// Marks a transfer as in progress for as long as it lives.
 class TransferMark {
   public:
-    TransferMark(Side side, std::uint64_t fileId, std::uint64_t bytes) : side_(side), fileId_(fileId) {
-        Reasons().BeginTransfer(side, fileId, bytes);
+    TransferMark(Side side, std::uint64_t fileId, std::uint64_t bytes,
+                 std::shared_ptr<const std::atomic<std::uint64_t>> sent = {})
+        : side_(side), fileId_(fileId) {
+        Reasons().BeginTransfer({bytes, std::time(nullptr), side, fileId, std::move(sent)});
     }
     ~TransferMark() { Reasons().EndTransfer(side_, fileId_); }
     TransferMark(const TransferMark&) = delete;

@@ -31,6 +31,7 @@ std::uint64_t OffsetOf(const HttpMessage& answer, const KelString& path) {
 }  // namespace
 
 unsigned int ResumedUploads::Put(HttpTransfer& transfer, const FileStoreEntry& entry, const KelString& path,
+                                 const std::shared_ptr<std::atomic<std::uint64_t>>& sent,
                                  HttpMessage& answer) {
     HttpFileMessage request;
     request.SetResourcePath(entry.FileURL);
@@ -45,6 +46,7 @@ unsigned int ResumedUploads::Put(HttpTransfer& transfer, const FileStoreEntry& e
     }
     request.SetMethod(HttpMethod::Put);
     request.SetBodyFile(path);
+    request.SetProgress(sent);
     const unsigned int result = transfer.Run(request, answer, entry.Bypass);
     Note(entry, result, answer.GetStatus());
     return result;

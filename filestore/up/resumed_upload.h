@@ -1,6 +1,8 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
+#include <memory>
 #include <set>
 
 #include "filestore/exchange/http_transfer.h"
@@ -13,9 +15,10 @@ namespace filestore {
 /// process was started: the first try costs no question. One thread at a time.
 class ResumedUploads {
   public:
-    /// Puts the content at `path` under the file's URL. Results of HttpTransfer::Run.
+    /// Puts the content at `path` under the file's URL. Results of HttpTransfer::Run. `sent`: see
+    /// HttpFileMessage::SetProgress.
     unsigned int Put(HttpTransfer& transfer, const FileStoreEntry& entry, const KelString& path,
-                     HttpMessage& answer);
+                     const std::shared_ptr<std::atomic<std::uint64_t>>& sent, HttpMessage& answer);
 
   private:
     bool MayBeHeldInPart(const FileStoreEntry& entry);

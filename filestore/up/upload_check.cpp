@@ -1,6 +1,8 @@
 #include "filestore/up/upload_check.h"
 
 #include "filestore/db/file_status.h"
+#include "filestore/state/caller.h"
+#include "filestore/state/device.h"
 #include "filestore/state/file_store.h"
 #include "filestore/up/archive_intake.h"
 #include "filestore/up/upload_senders.h"
@@ -32,6 +34,14 @@ unsigned int FindRow(const KelString& url, FileStoreEntry& entry) {
     return kKelOk;
 }
 
+/// True when the row that the URL names is of a file of the caller, or of one that a relay passes on, which
+/// the row does not name.
+bool IsOfSource(const KelString& url, const KelContainer& arguments) {
+    FileStoreEntry entry;
+    return FindRow(url, entry) != kKelOk || entry.FirstRelay != OurDeviceUrl() ||
+           IsCallOf(arguments, entry.SourceDevice);
+}
+
 /// The alias of the upstream store; what lies beside its files is nothing that others may put there.
 constexpr std::string_view kUpstreamUrl = "/FileStore/upstream/";
 
@@ -41,11 +51,11 @@ unsigned int CheckUploadSender(const KelString& url, const KelContainer& argumen
     const KelString address = ActionRequestAddress(arguments);
     const bool isOfStore = IsOfStore(url);
     if (!isOfStore && !url.starts_with(kUpstreamUrl)) return kKelOk;
-    if (isOfStore && IsUploadSender(url, arguments)) return kKelOk;
+    const auto isSender = IsUploadSender(url, arguments);
+    if (isOfStore && (isSender ? *isSender : IsOfSource(url, arguments))) return kKelOk;
     FileStore::failures.Failed(
         KelDebugLevel::Warning, "upload from " + address,
-        KelFormat("Refusing the upload of %S from %S, which has not offered it since this agent was started",
-                  url, address));
+        KelFormat("Refusing the upload of %S from %S, which has not offered it", url, address));
     return kKelAnswerNotExpected;
 }
 

@@ -7,7 +7,7 @@ namespace filestore {
 
 namespace {
 
-/// More are not remembered: their senders offer them again. An entry takes about 300 bytes.
+/// More are not remembered. An entry takes about 300 bytes.
 constexpr std::size_t kMostUploads = 50'000;
 
 struct Senders {
@@ -34,12 +34,13 @@ void NoteUploadSender(const KelString& url, const KelContainer& arguments) {
     Known().byUrl[url] = NameOf(arguments);
 }
 
-bool IsUploadSender(const KelString& url, const KelContainer& arguments) {
+std::optional<bool> IsUploadSender(const KelString& url, const KelContainer& arguments) {
     const KelString name = NameOf(arguments);
     if (name.empty()) return true;
     const KelLock lock(Known().mutex);
     const auto sender = Known().byUrl.find(url);
-    return sender != Known().byUrl.end() && sender->second == name;
+    if (sender == Known().byUrl.end()) return std::nullopt;
+    return sender->second == name;
 }
 
 }  // namespace filestore

@@ -154,8 +154,9 @@ FileStorePushThread::Upload FileStorePushThread::UploadRow(const FileStoreEntry&
     HttpTransfer transfer("PushThread", pass.parentUrl,
                           [this, &pass] { return CheckCancelled(false) || pass.parent.HasChanged(); });
     HttpMessage answer;
-    const TransferMark mark(Side::Upstream, entry.FileId, 0);
-    const unsigned int result = uploads_.Put(transfer, entry, path, answer);
+    const auto sent = std::make_shared<std::atomic<std::uint64_t>>(0);
+    const TransferMark mark(Side::Upstream, entry.FileId, 0, sent);
+    const unsigned int result = uploads_.Put(transfer, entry, path, sent, answer);
     FileStore::debugFileStore.Detail("PushThread: File upload returned %u\n", result);
     const KelString failure = KelFormat("upload %lu", entry.FileId);
     if (result == kHttpCompleted && answer.GetStatus() / 100 == 2) {

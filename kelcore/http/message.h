@@ -1,6 +1,8 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
+#include <memory>
 
 #include "kel/types.h"
 
@@ -90,6 +92,12 @@ class HttpFileMessage : public HttpMessage {
     void SetBodyOffset(std::uint64_t offset) { bodyOffset_ = offset; }
     std::uint64_t GetBodyOffset() const { return bodyOffset_; }
 
+    /// As a PUT request, has the position in the file noted up to which it was handed to the connection.
+    void SetProgress(std::shared_ptr<std::atomic<std::uint64_t>> position) {
+        progress_ = std::move(position);
+    }
+    std::atomic<std::uint64_t>* GetProgress() const { return progress_.get(); }
+
     /// The size of the whole resource in bytes as it was announced, 0 when unknown; an answer that would make
     /// the file larger is cut off with kHttpBadAnswer.
     void SetExpectedSize(std::uint64_t bytes) { expectedSize_ = bytes; }
@@ -102,6 +110,7 @@ class HttpFileMessage : public HttpMessage {
   private:
     KelString bodyFile_;
     std::uint64_t bodyOffset_ = 0;
+    std::shared_ptr<std::atomic<std::uint64_t>> progress_;
     std::uint64_t expectedSize_ = 0;
     std::uint64_t sizeLimit_ = 0;
 };

@@ -14,6 +14,7 @@ HttpRequestSource::HttpRequestSource(const HttpMessage& request) : request_(requ
     if (file == nullptr) return;
     path_ = file->GetBodyFile();
     first_ = offset_ = file->GetBodyOffset();
+    progress_ = file->GetProgress();
 }
 
 bool HttpRequestSource::Open() {
@@ -59,6 +60,7 @@ std::optional<std::size_t> HttpRequestSource::Read(std::span<char> buffer) {
         return {};
     }
     offset_ += static_cast<std::uint64_t>(got);
+    if (progress_ != nullptr) *progress_ = offset_;
     return static_cast<std::size_t>(got);
 }
 

@@ -39,8 +39,9 @@ class HttpRequestSource {
     const HttpMessage& request_;
     KelString path_;  ///< of the body file, empty: the body is in memory
     UniqueFd fd_;
-    std::uint64_t first_ = 0;   ///< of the body in the file
-    std::uint64_t size_ = 0;    ///< of the file or the body in memory
-    std::uint64_t offset_ = 0;  ///< in the same
+    std::atomic<std::uint64_t>* progress_ = nullptr;  ///< of the request
+    std::uint64_t first_ = 0;                         ///< of the body in the file
+    std::uint64_t size_ = 0;                          ///< of the file or the body in memory
+    std::uint64_t offset_ = 0;                        ///< in the same
     KelString errorText_;
 };

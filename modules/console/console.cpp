@@ -99,7 +99,8 @@ Console::Console()
       stages_(Log(), stageStore_, publications_, publisher_),
       intake_(Log(), deviceStore_, publications_, publisher_, withdrawer_),
       explainer_(directory_, publications_),
-      previewer_(directory_, groups_) {
+      previewer_(directory_, groups_),
+      caller_(directory_) {
     publications_.SetListener([this] { stages_.Signal(); });
 }
 
@@ -193,6 +194,15 @@ void Console::Register(const char* handle) {
            .results = "1 no such device; 18 not written",
            .callers = KelCallers::Local,
            .changes = true}},
+         {&Console::CallDevice,
+          {.signature = "ConsoleCallDevice",
+           .purpose = "Calls an action on a device of the tree for the operator of the master.",
+           .inputs = "string Device (GUID or name), string Action, container Arguments?, int32 Seconds? (for "
+                     "the answer)",
+           .outputs = "int64 Result, container Answer (those of the action)",
+           .results = "1 no such device, or no way to it; 17 a device on the way does "
+                      "not take it; 21 one does not answer",
+           .callers = KelCallers::Local}},
          {&Console::ReceiveUpstream,
           {.signature = kReceiveSignature,
            .purpose = "Takes identities and receipts of the devices below; for the event "
@@ -390,6 +400,13 @@ unsigned int Console::RevokeKeys(KelContainer* arguments) {
     return Fail(arguments,
                 {code, "The device was removed, but its certificate was not revoked: " +
                            revoke.GetString("Message") + "; revoke it with 'kel keys revoke " + guid + "'"});
+}
+
+unsigned int Console::CallDevice(KelContainer* arguments) {
+    auto result = caller_.Call(*arguments);
+    if (!result) return Fail(arguments, result.Error());
+    *arguments = std::move(*result);
+    return kKelOk;
 }
 
 unsigned int Console::ReceiveUpstream(KelContainer* arguments) {

@@ -7,6 +7,7 @@
 #include "kelcore/left_overs.h"
 #include "kelcore/module.h"
 #include "modules/console/console_database.h"
+#include "modules/console/device_call.h"
 #include "modules/console/device_directory.h"
 #include "modules/console/device_groups.h"
 #include "modules/console/explanation.h"
@@ -45,6 +46,7 @@ class Console : public KelModule {
     unsigned int Withdraw(KelContainer* arguments);
     unsigned int RemoveDevice(KelContainer* arguments);
     unsigned int RevokeKeys(KelContainer* arguments);
+    unsigned int CallDevice(KelContainer* arguments);
     unsigned int ReceiveUpstream(KelContainer* arguments);
     KelResult<KelContainer> ReadTargets(const KelString& id);
 
@@ -64,4 +66,5 @@ class Console : public KelModule {
     UpstreamIntake intake_;
     Explainer explainer_;
     Previewer previewer_;
+    DeviceCaller caller_;
 };

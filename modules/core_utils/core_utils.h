@@ -2,8 +2,8 @@
 
 #include "kel/container.h"
 #include "kel/mutex.h"
-#include "kelcore/module.h"
 #include "kelcore/archive_extractor.h"
+#include "kelcore/module.h"
 
 /// Helpers for the modules of this device.
 class CoreUtils : public KelModule {

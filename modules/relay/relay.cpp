@@ -7,8 +7,10 @@
 #include "kelcore/action_db.h"
 #include "kelcore/agent.h"
 #include "kelcore/callback_db.h"
+#include "kelcore/device_name.h"
 #include "kelcore/error_codes.h"
 #include "kelcore/file_values.h"
+#include "kelcore/operator_call.h"
 #include "kelcore/version.h"
 
 namespace {
@@ -83,7 +85,7 @@ void Relay::Register(const char* handle) {
            .inputs = "string ParentName, int32 ParentPort",
            .outputs = "string ParentName, int32 ParentPort, bool ParentSync, string ParentProblem",
            .results = "1 unusable, this device or one below it; 18 not written",
-           .callers = KelCallers::Operator,
+           .callers = KelCallers::Local,
            .changes = true}},
          {&Relay::ReceiveFile,
           {.signature = "RelayReceiveFile (string FileType, string FileLabel, string FileName, string "
@@ -99,7 +101,19 @@ void Relay::Register(const char* handle) {
            .purpose = "Removes the kept copy of a file, or all that are kept under a label.",
            .inputs = "string FileType?, string FileLabel, string FileName? (absent: all)",
            .results = "1 unusable; 18 not removed",
-           .callers = KelCallers::Local}}});
+           .callers = KelCallers::Local}},
+         {&Relay::CallDevice,
+          {.signature = "RelayCallDevice",
+           .purpose = "Passes a call of the operator at the master on to a device below, or runs it when it "
+                      "is for this one.",
+           .inputs = "container Way[] (this device and those below that lead to the one called) {string "
+                     "PathName, string Name}, string Action, container Arguments?, string Operator?, string "
+                     "Master (HOST:PORT), int32 Seconds? (for the answer)",
+           .outputs = "int64 Result, container Answer",
+           .results =
+               "1 unusable or not for this device; 17 not from the parent, or not passed on; 21 the next "
+               "device does not answer",
+           .callers = KelCallers::Parent}}});
     CallbackDbRegisterAction(kReadyEvent, kReadySignature, {}, 0);
 }
 
@@ -167,6 +181,28 @@ unsigned int Relay::ReceiveFile(KelContainer* arguments) {
 
 unsigned int Relay::ClearPackage(KelContainer* arguments) {
     return Answer(arguments, packages_.Clear(*arguments));
+}
+
+unsigned int Relay::CallDevice(KelContainer* arguments) {
+    auto call = OperatorCall::Read(*arguments);
+    if (!call) return Answer(arguments, call.Error());
+    KelContainer own;
+    CallLocal("IdentityGetGUID", own);
+    const OperatorCall::Stop stop = call->way.front();
+    const KelString guid = own.GetString("GUID");
+    if (guid.empty() || ParseDevicePathName(stop.pathName)->guid != guid)
+        return Answer(arguments, KelError{kKelErrorBadInput,
+                                          KelFormat("Another device than %S answers at its address %S",
+                                                    stop.name, ParseDevicePathName(stop.pathName)->address)});
+    if (call->way.size() == 1) {
+        *arguments = RunOperatorCall(*call, ActionRequestAddress(*arguments));
+        return kKelOk;
+    }
+    call->way.erase(call->way.begin());
+    auto answer = PassOn(*call);
+    if (!answer) return Answer(arguments, answer.Error());
+    *arguments = std::move(*answer);
+    return kKelOk;
 }
 
 unsigned int Relay::ListChildren(KelContainer* arguments) {

@@ -43,6 +43,7 @@ class Relay : public KelModule {
     unsigned int SetParent(KelContainer* arguments);
     unsigned int ReceiveFile(KelContainer* arguments);
     unsigned int ClearPackage(KelContainer* arguments);
+    unsigned int CallDevice(KelContainer* arguments);
     unsigned int Answer(KelContainer* arguments, const KelStatus& status);
     void ReplayUnconnected();
     void ReportChange();

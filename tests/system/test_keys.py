@@ -80,6 +80,7 @@ class KeysTest(SystemTest):
             tree.wait_delivered({("files", name): sha256_of(path) for name, path in down.items()}, [client], 30)
             wait_collected(master, expected, 30)
             self.members(master, relay, client)
+            self.steering(master, relay, client)
             self.strangers(tree, master, relay, client)
             self.impostor(tree, relay, client)
             self.renewal(tree, relay)
@@ -91,7 +92,7 @@ class KeysTest(SystemTest):
         """A certificate makes the parent, or a child, whatever the address; never the device itself or an operator."""
         stop = ("HttpProtocolMulticastStopListen", '{"MulticastAddress": "239.1.1.1"}')
         for caller, agent, (action, arguments), result in (
-                (relay, client, stop, 0), (master, client, stop, 17), (client, relay, stop, 17),
+                (relay, client, stop, 0), (master, client, stop, 17), (client, relay, stop, 17), (master, client, ("RelayCallDevice", "{}"), 17),
                 (relay, relay, stop, 17), (client, relay, ("HttpProtocolGetThreadCount", "{}"), 0),
                 (client, relay, ("KeysEnrol", "{}"), 1), (relay, client, ("RelaySetParent", "{}"), 17),
                 (relay, relay, ("KeysForgetParent", "{}"), 17)):
@@ -101,6 +102,12 @@ class KeysTest(SystemTest):
         password = ini.partition("\nHttpPassword=")[2].partition("\n")[0]
         self.assertGreater(len(password), 20)
         self.assertEqual(self.ask(relay, user=f"{AGENT_NAME}:{password}"), "401")
+
+    def steering(self, master, relay, client):
+        """Calls of the operator at the master go through the relay, which the client knows by its certificate."""
+        master.kel("--device", client.name, "settings", "set", "QueueGap=29")
+        self.assertEqual([(line["action"], line["address"], line["master"]) for line in client.kel("audit")][-1:],
+                         [("FileStoreSetValues", relay.address, f"{master.address}:{master.port}")])
 
     def strangers(self, tree, master, relay, client):
         self.assertEqual(self.ask(relay, client.data / "Keys"), "200 0")

@@ -3,15 +3,20 @@
 #include <sstream>
 
 #include "cli/backup_files.h"
+#include "cli/command_table.h"
 #include "cli/commands.h"
+#include "cli/completion.h"
 #include "cli/doctor.h"
 #include "cli/file_selection.h"
 #include "cli/hand_over.h"
 #include "cli/init_command.h"
 #include "cli/json_names.h"
+#include "cli/manual.h"
 #include "cli/options.h"
 #include "cli/output.h"
 #include "cli/publication_watch.h"
+#include "cli/terminal.h"
+#include "cli/top.h"
 #include "kel/format.h"
 #include "kel/temp_folder.h"
 #include "kelcore/json.h"
@@ -34,6 +39,25 @@ TEST(TableTest, ColumnsFitTheirWidestCellAndControlCharactersCannotSteerTheTermi
               "NAME       N  X\n"
               "grün       7  a?[2Jb?c\n"
               "longer  1024\n");
+}
+
+TEST(TableTest, TheWidestTextIsShortenedByWhatTheTerminalLacks) {
+    const auto render = [](std::size_t width) {
+        Table table({"GUID", "FILE", "REASON"});
+        table.Fit(width, {1, 2});
+        table.AddRow({"ABCD-12345", "grüße-文件.bin", "it does not answer"});
+        return table.Render();
+    };
+    EXPECT_EQ(render(0), render(46));
+    EXPECT_EQ(render(45),
+              "GUID        FILE            REASON\n"
+              "ABCD-12345  grüße-文件.bin  it does not answ…\n");
+    EXPECT_EQ(render(34),
+              "GUID        FILE        REASON\n"
+              "ABCD-12345  grüße-文…   it does n…\n");
+    EXPECT_EQ(render(10), render(30)) << "a column must remain";
+    EXPECT_EQ(Shortened("e\u0301te\u0301s", 3), "e\u0301t…");
+    EXPECT_EQ(Shortened("\xC3\x28\xFF", 3), "\xC3\x28\xFF");
 }
 
 /// The devices of "GUID PARENT" texts as GUIDs, each behind a dot for each level of its depth.
@@ -344,6 +368,78 @@ TEST(OptionsTest, AMistypedCommandIsNamedWithASimilarOne) {
         EXPECT_EQ(exitCode, kExitUsage);
         EXPECT_THAT(testing::internal::GetCapturedStderr(), testing::HasSubstr(message)) << line;
     }
+}
+
+TEST(CommandTableTest, HelpManualAndCompletionKnowEveryCommandAndOption) {
+    const KelVector<CommandEntry> table = CommandTable();
+    const KelString manual = ManualPage(table), script = CompletionScript(table, "bash");
+    KelString headings = manual;
+    std::erase(headings, '\\');  // of "\\-"
+    ASSERT_GT(table.size(), 30U);
+    for (const CommandEntry& command : table) {
+        int exitCode = kExitFailed;
+        testing::internal::CaptureStdout();
+        EXPECT_FALSE(Parse(command.name + " --help", exitCode));
+        const KelString help = testing::internal::GetCapturedStdout();
+        EXPECT_EQ(exitCode, kExitDone) << command.name;
+        EXPECT_THAT(help, testing::HasSubstr(command.purpose));
+        EXPECT_THAT(headings,
+                    testing::HasSubstr(command.name.empty() ? ".SH OPTIONS" : ".SS " + command.name));
+        EXPECT_THAT(script, testing::HasSubstr("'" + command.name + "') words="));
+        for (const OptionEntry& option : command.options) {
+            EXPECT_THAT(help, testing::HasSubstr(option.name));
+            EXPECT_THAT(script, testing::HasSubstr("\\n" + option.name)) << command.name;
+        }
+    }
+    const auto find = [&table](const KelString& name) {
+        return *std::ranges::find(table, name, &CommandEntry::name);
+    };
+    EXPECT_EQ(SynopsisOf(find("send")), "send FILE... --type TYPE --label LABEL [--priority N] [--bypass]");
+    EXPECT_THAT(find("init").options[1].choices, ElementsAre("master", "relay", "client"));
+    EXPECT_THAT(manual, testing::HasSubstr(".SS windows set\n\\fBkel\\fR windows set DIRECTION [WEEK]"));
+    EXPECT_THAT(manual, testing::HasSubstr("one of up, down, multicast."));
+    for (const auto& [command, value, kind] : {std::tuple("why", "FILE", "publications"),
+                                               {"send", "FILE", "files"},
+                                               {"publish", "DEVICE,...", "devices"},
+                                               {"send", "TYPE", ""}}) {
+        OptionEntry option;
+        option.value = value;
+        EXPECT_EQ(KindOfValue(find(command), option), kind) << command;
+    }
+}
+
+TEST(TopTest, RatesComeFromTwoStatesOfTheSameTransfer) {
+    const auto state = [](const char* transfers) {
+        KelContainer result;
+        EXPECT_TRUE(ContainerFromJson(
+            KelFormat(R"({"Transfers":[%s],"Waiting":{"WindowUp":{"Until":0},"WaitingTargets":3},)"
+                      R"("Relay":{"Role":"client","ParentProblem":"off"}})",
+                      transfers),
+            result));
+        return result;
+    };
+    const KelContainer before = state(R"({"FileId":1,"Since":5,"TransferredBytes":1000},)"
+                                      R"({"FileId":2,"Since":5,"TransferredBytes":9})");
+    KelContainer now =
+        state(R"({"FileId":1,"Since":5,"TransferredBytes":5000,"FileSize":10000,"FileName":"a"},)"
+              R"({"FileId":2,"Since":6,"TransferredBytes":70},)"
+              R"({"FileId":1,"Since":5,"Upstream":true})");
+    AddRates(before, std::chrono::seconds(2), now);
+    EXPECT_EQ(now.GetContainer("Transfers", 0).GetInt64("Rate"), 2000);
+    EXPECT_FALSE(now.GetContainer("Transfers", 1).Has("Rate")) << "it was begun anew";
+    EXPECT_FALSE(now.GetContainer("Transfers", 2).Has("Rate"));
+    const KelString text = TopText("desk", now, 2);
+    for (const char* part :
+         {"down 2, 2.0 KiB/s; up 1", "50 %", "1 more", "out of sync: off; the window up is closed"})
+        EXPECT_THAT(text, testing::HasSubstr(part));
+    KelContainer asked, silent;
+    asked.SetString("Name", "desk");
+    asked.SetContainer("State", now);
+    silent.SetString("Name", "off");
+    silent.SetString("Message", "it does not answer");
+    const KelString tree = TopTreeText({asked, silent});
+    EXPECT_THAT(tree, testing::HasSubstr("2, 2.0 KiB/s"));
+    EXPECT_THAT(tree, testing::HasSubstr("it does not answer"));
 }
 
 TEST(JsonNamesTest, NamesAndStatusesAreThoseOfTheCommandLine) {

@@ -1,5 +1,6 @@
 #include "filestore/db/files_table.h"
 #include "filestore/file_store_fixture.h"
+#include "filestore/state/waiting_reasons.h"
 #include "filestore/up/patch_inventory.h"
 #include "kel/text.h"
 
@@ -75,6 +76,20 @@ TEST_F(FileQueries, ProgressIsGivenInPerCent) {
              {filestore::kStatusDownloading, path, INT64_MAX, "0 %"},
              {filestore::kStatusDownloading, "absent", 60, "N/A"}})
         EXPECT_EQ(FileStore::getFileTransferPercent(status, file, size), progress) << status << size;
+}
+
+TEST_F(FileQueries, RunningTransfersAreListedAsLongAsTheirRowsExist) {
+    AddFile(kDown, "a", "DOWNLOADING", "FileSize = 60, SourceDevice = '10.1.2.3:80/G'");
+    WriteFile(FileStore::StorePath(kDown, {"t", "l", "a", "c"}), KelString(30, 'x'));
+    AddFile(kUp, "b", "UPLOADING", "FileSize = 7");
+    const KelString names = "FileName Upstream FileSize Peer TransferredBytes";
+    {
+        const auto sent = std::make_shared<std::atomic<std::uint64_t>>(5);
+        const filestore::TransferMark down(kDown, 1, 10), up(kUp, 1, 0, sent), gone(kDown, 9, 0);
+        EXPECT_EQ(ReadValues(Ask("FileStoreGetTransfers"), names),
+                  (Texts{"a|false|60|10.1.2.3:80|30", "b|true|7|127.0.1.1:1|5"}));
+    }
+    EXPECT_FALSE(Ask("FileStoreGetTransfers").Has("Values"));
 }
 
 TEST_F(FileQueries, GivesTypeAndInformationByLabelAndChecksum) {
@@ -166,7 +181,14 @@ TEST_F(FileList, PartsFitTogetherAndKnowTheWhole) {
         EXPECT_EQ(Ids(list), ids);
         EXPECT_EQ(list.GetInt64("TotalCount"), 6);
     }
-    for (const char* name : {"Offset", "Limit"})
+    for (const auto& [after, ids] : Table<int, const char*>{{5, "13"}, {3, "46"}, {6, ""}}) {
+        const KelContainer list = Ask("FileStoreListFiles", Make({{"After", after}, {"Limit", 2}}));
+        EXPECT_EQ(Ids(list), ids) << after;
+        EXPECT_FALSE(list.Has("TotalCount"));
+    }
+    Ask("FileStoreListFiles", Make({{"After", 99}}), kKelErrorMissingContent);
+    Ask("FileStoreListFiles", Make({{"After", 5}, {"SortAttr", "FileName"}}), kKelErrorBadInput);
+    for (const char* name : {"Offset", "Limit", "After"})
         Ask("FileStoreListFiles", Make({{name, -1}}), kKelErrorBadInput);
     for (const auto& [name, value] :
          {std::pair("SortAttr", "FileName; DROP TABLE Files"), {"SortOrder", "ASC, FileId"}})

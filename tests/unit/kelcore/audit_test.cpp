@@ -51,13 +51,16 @@ TEST_F(Audit, KeepsTheLatestLinesInAFewFilesAndSkipsTornOnes) {
     const auto append = [this](const KelString& text) {
         std::ofstream(Folder() + "/audit.jsonl", std::ios::app) << text;
     };
-    AuditRecordCall("First", {}, 0, {});
+    const auto record = [](const KelString& action, const KelContainer& arguments) {
+        AuditedCall(action, arguments).End(0, {});
+    };
+    record("First", {});
     for (int i = 0; i < 6; ++i) {
         append(KelString(1 << 20, '{'));
-        AuditRecordCall("Change", Values({"N=" + std::to_string(i)}), 0, {});
+        record("Change", Values({"N=" + std::to_string(i)}));
     }
     append("{\"Time\":5,\"Action\":\"Old\"}\n{\"Time\":1");
-    AuditRecordCall("Last", {}, 0, {});
+    AuditedCall("Last", {}, "desk");  // a kill follows
     const auto names = [](std::int64_t since, std::size_t limit) {
         Texts found;
         for (const KelContainer& line : AuditRead(since, limit))
@@ -65,6 +68,10 @@ TEST_F(Audit, KeepsTheLatestLinesInAFewFilesAndSkipsTornOnes) {
         return found;
     };
     EXPECT_EQ(names(0, 2), (Texts{"Old", "Last"}));
+    const KelVector<KelContainer> lines = AuditRead(6, 2);
+    EXPECT_EQ(lines[0].GetInt64("Result", -1), 0);
+    EXPECT_EQ(lines[1].GetString("Device"), "desk");
+    EXPECT_FALSE(lines[1].Has("Result"));
     EXPECT_EQ(names(6, 9), (Texts{"Change1", "Change2", "Change3", "Change4", "Change5", "Last"}));
     EXPECT_FALSE(FileExists(Folder() + "/audit.5.jsonl"));
 }

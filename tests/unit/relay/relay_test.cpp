@@ -1,5 +1,8 @@
 #include "modules/relay/relay.h"
 
+#include <gmock/gmock.h>
+
+#include "kelcore/call_origin.h"
 #include "kelcore/callback_db.h"
 #include "kelcore/http/client.h"
 #include "module_fixture.h"
@@ -282,6 +285,69 @@ TEST_F(PackageCopiesTest, UnusableCallsAreRefused) {
         EXPECT_EQ(Call(action, From(package, "127.0.3.9")), kKelErrorNotAvailable) << action;
     EXPECT_EQ(Call("RelayClearPackage", Package("..", "", "")), kKelErrorBadInput);
     EXPECT_FALSE(std::filesystem::exists(root_ / "data/Relay/Packages"));
+}
+
+/// A stop on the way of a call, with the GUID of the device.
+KelContainer Stop(const std::string& guid, int port) {
+    return Values({"PathName=127.0.1.1:" + std::to_string(port) + "/" + guid + "/02-00/127.0.1.1/255.0.0.0",
+                   "Name=desk"});
+}
+
+TEST_F(RelayTest, CallsOfTheOperatorRunHereOrGoOnWithClearRefusals) {
+    KelContainer seen;
+    for (const KelCallers callers : {KelCallers::Operator, KelCallers::Child})
+        ActionDbRegisterAction(
+            {.signature = callers == KelCallers::Operator ? "Ask" : "Own",
+             .purpose = "Serves a test.",
+             .callers = callers},
+            [&seen](KelContainer* container) {
+                seen = *container;
+                EXPECT_FALSE(ActionIsFromThisDevice(*container));
+                *container = Values({"Message=not now"});
+                return 7U;
+            },
+            "neighbours");
+    std::atomic<unsigned int> status = 200;
+    const TestHttpServer next([&status](const auto&) {
+        auto answer = TestHttpServer::ActionResult(0, Values({"Result=5"}));
+        answer.status = status;
+        return answer;
+    });
+    FakeParent parent(kGuid);
+    WriteIni("Relay", parent.ChildIni("relay"));
+    ActiveModule<Relay> module;
+    ASSERT_TRUE(Eventually(IsInSync));
+    const KelContainer own =
+        With(Values({"Action=Ask", "Operator=ann", "Master=127.0.9.1:80"}), "Way", Stop(kOurGuid, 1));
+    const auto onwards = [&own](int port) {
+        KelContainer call = own;
+        call.SetContainer("Way", Stop(kOtherGuid, port), 1);
+        return call;
+    };
+    KelContainer call = From(With(own, "Arguments", Values({"N=1"})), "127.0.1.1");
+    ASSERT_EQ(Call("RelayCallDevice", call), 0U);
+    ExpectValues(call, {"Result=7"});
+    ExpectValues(call.GetContainer("Answer"), {"Message=not now"});
+    const KelCallOrigin origin = CallOriginOf(seen);
+    EXPECT_EQ(seen.GetString("N") + origin.operatorName + origin.master, "1ann127.0.9.1:80");
+    call = onwards(next.Port());
+    ASSERT_EQ(Call("RelayCallDevice", call), 0U);
+    ExpectValues(call, {"Result=5"});
+    call = With(own, {"Action=Own"});
+    ASSERT_EQ(Call("RelayCallDevice", call), 0U);
+    ExpectValues(call, {"Result=17"});
+
+    status = 404;
+    for (const auto& [refused, result, text] :
+         {std::tuple(With(own, "Way", Stop(kOtherGuid, 1)), kKelErrorBadInput, "Another device than desk"),
+          {With(own, {"Master="}), kKelErrorBadInput, "unusable"},
+          {onwards(next.Port()), kKelErrorNotAvailable, "The version of desk"},
+          {With(onwards(next.Port()), {"Seconds=1"}), kKelErrorUnreachable, "No time was left"},
+          {onwards(1), kKelErrorUnreachable, "desk (127.0.1.1:1) does not answer"}}) {
+        KelContainer answer = refused;
+        EXPECT_EQ(Call("RelayCallDevice", answer), result) << text;
+        EXPECT_THAT(answer.GetString("Message"), testing::HasSubstr(text));
+    }
 }
 
 }  // namespace
