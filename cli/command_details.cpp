@@ -56,9 +56,8 @@ constexpr auto kDetails = std::to_array<std::pair<const char*, const char*>>({
      "master. One without a result is running, or the agent ended in the middle of it."},
     {"completion",
      "For bash: kel completion bash > ~/.local/share/bash-completion/completions/kel. For zsh: put "
-     "eval \"$(kel completion zsh)\" behind compinit in ~/.zshrc. For fish: kel completion fish > "
-     "~/.config/fish/completions/kel.fish. The scripts ask the agent that the command line names "
-     "for the names of its devices, groups, publications, settings and actions."},
+     "eval \"$(kel completion zsh)\" behind compinit in ~/.zshrc. The scripts ask the agent that the command "
+     "line names for the names of its devices, groups, publications, settings and actions."},
     {"manual", "Example: kel manual | man -l -"},
 });
 

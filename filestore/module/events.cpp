@@ -6,6 +6,7 @@
 #include "filestore/state/file_store.h"
 #include "filestore/up/callback_thread.h"
 #include "filestore/up/upload_check.h"
+#include "filestore/up/upload_senders.h"
 #include "kel/container.h"
 #include "kelcore/device_name.h"
 #include "kelcore/error_codes.h"
@@ -48,6 +49,7 @@ unsigned int FileStore::ActionHandler_FileStoreHttpPutCallback(KelContainer* arg
         return kKelOk;
     }
     if (!EnqueueArrivedFile(url)) return kKelErrorNotAvailable;  // the sender repeats the upload
+    ForgetUploadSender(url);
     WakeWorker(Worker::Callback, kPutArrived);
     return kKelOk;
 }

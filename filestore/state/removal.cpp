@@ -1,6 +1,7 @@
 #include "filestore/state/removal.h"
 
 #include <algorithm>
+#include <optional>
 #include <utility>
 
 #include "filestore/db/files_selection.h"
@@ -22,19 +23,21 @@ KelString RowName(Side side, std::uint64_t fileId) {
     return RowPrefix(side) + std::to_string(fileId);
 }
 
-/// True when the content at `path` belongs to a row, or when that cannot be said.
-bool HasRow(Side side, const FileKey& key, const KelString& path) {
+/// Whether the content at `path` belongs to a row; nothing when that cannot be said.
+std::optional<bool> HasRow(Side side, const FileKey& key, const KelString& path) {
     const auto rows = side == Side::Downstream ? SelectFilesOfKey(key) : SelectUpstreamFiles(key);
-    return !rows || std::ranges::any_of(
-                        *rows, [&](const FileStoreEntry& row) { return ContentPath(row, side) == path; });
+    if (!rows) return std::nullopt;
+    return std::ranges::any_of(*rows,
+                               [&](const FileStoreEntry& row) { return ContentPath(row, side) == path; });
 }
 
-/// False when it is in use.
+/// False when it is in use, or when the database does not answer: a later pass tries again.
 bool RemoveUnlessOwned(Side side, const FileStoreEntry& removed) {
     const KelString path = ContentPath(removed, side);
     const KelFileClaim claim(path);
-    if (!claim) return false;
-    if (!HasRow(side, removed.Key(), path)) DeleteFileAndFolder(path);
+    const auto hasRow = claim ? HasRow(side, removed.Key(), path) : std::nullopt;
+    if (!hasRow) return false;
+    if (!*hasRow) DeleteFileAndFolder(path);
     return true;
 }
 

@@ -34,6 +34,11 @@ void NoteUploadSender(const KelString& url, const KelContainer& arguments) {
     Known().byUrl[url] = NameOf(arguments);
 }
 
+void ForgetUploadSender(const KelString& url) {
+    const KelLock lock(Known().mutex);
+    Known().byUrl.erase(url);
+}
+
 std::optional<bool> IsUploadSender(const KelString& url, const KelContainer& arguments) {
     const KelString name = NameOf(arguments);
     if (name.empty()) return true;

@@ -145,6 +145,7 @@ bool Delivery::WorkOnJobs() {
         if (outcome == JobOutcome::Cancelled) return true;
         if (outcome == JobOutcome::Later) isWorkLeft = true;
     }
+    if (!ReportTaken()) isWorkLeft = true;
     return isWorkLeft;
 }
 
@@ -162,7 +163,7 @@ bool Delivery::SendReceipts() {
             ordered = orders_.SetAnswered(job.file.publications);
             jobs_.Remove(job.id);
         }
-        if (!job.isKept) thread_.Signal(0);  // only now may the file store forget the file
+        if (!job.isTaken) thread_.Signal(0);  // only now may the file store forget the file
         ForgetOrderFiles(ordered, job.file.key.type);
     }
     return failures > 0;
@@ -215,7 +216,11 @@ Delivery::JobOutcome Delivery::WorkOnJob(const DeliveryJob& job) {
 /// newer content has taken its place, or the source is gone.
 Delivery::JobOutcome Delivery::BringIntoPlace(const DeliveryJob& job) {
     const KelLock lock(mutexCopy_);
-    if (!jobs_.IsOpen(job.id) || job.isCopied || inbox_.Holds(job.file)) return JobOutcome::Done;
+    if (!jobs_.IsOpen(job.id) || job.isCopied) return JobOutcome::Done;
+    if (inbox_.Holds(job.file)) {
+        jobs_.SetCopied(job.id);
+        return JobOutcome::Done;
+    }
     if (!FileExists(job.file.sourcePath)) {
         Log().Error("%S was not delivered to %S: the file store no longer has it; publish it again\n",
                     job.file.sourcePath, job.destination);

@@ -93,7 +93,7 @@ void JobQueue::LoadJob(const KelString& fileName) {
     }
     job->id = *number;
     job->isKept = true;
-    taken_.push_back(job->file.key);
+    TakeIfHeld(*job);
     // Names are read in the order of the ids: of two open jobs for a destination, which a crash can leave,
     // the newer one stays.
     if (job->outcome == DeliveryOutcome::Open) {
@@ -121,7 +121,15 @@ bool JobQueue::Keep(const DeliveryJob& job) {
 
 void JobQueue::KeepNew(DeliveryJob& job) {
     job.isKept = Keep(job);
-    if (job.isKept) taken_.push_back(job.file.key);
+    TakeIfHeld(job);
+}
+
+/// The file store removes what is taken.
+void JobQueue::TakeIfHeld(DeliveryJob& job) {
+    const bool needsSource = job.outcome == DeliveryOutcome::Open && !job.isCopied;
+    if (!job.isKept || job.isTaken || needsSource) return;
+    job.isTaken = true;
+    taken_.push_back(job.file.key);
 }
 
 bool JobQueue::KeepAll() {
@@ -213,6 +221,7 @@ void JobQueue::EndOtherJobFor(const ReceivedFile& file, const KelString& destina
     if (job.file.key.checksum == file.key.checksum) return;
     Close(job, DeliveryOutcome::Failed, "Another content replaced it before it was processed");
     Keep(job);
+    TakeIfHeld(job);
 }
 
 /// Ends the open job of a destination to make way for a new one.
@@ -230,7 +239,10 @@ void JobQueue::Close(DeliveryJob& job, DeliveryOutcome outcome, const KelString&
 
 void JobQueue::SetCopied(std::uint64_t id) {
     const KelLock lock(mutex_);
-    if (const auto job = jobs_.find(id); job != jobs_.end()) job->second.isCopied = true;
+    const auto job = jobs_.find(id);
+    if (job == jobs_.end()) return;
+    job->second.isCopied = true;
+    TakeIfHeld(job->second);
 }
 
 void JobQueue::SetOutcome(std::uint64_t id, DeliveryOutcome outcome, const KelString& message, bool keep) {
@@ -239,11 +251,12 @@ void JobQueue::SetOutcome(std::uint64_t id, DeliveryOutcome outcome, const KelSt
     if (job == jobs_.end() || job->second.outcome != DeliveryOutcome::Open) return;
     Close(job->second, outcome, message);
     if (keep) Keep(job->second);
+    TakeIfHeld(job->second);
 }
 
 void JobQueue::Remove(std::uint64_t id) {
     const KelLock lock(mutex_);
-    if (const auto job = jobs_.find(id); job != jobs_.end() && !job->second.isKept)
+    if (const auto job = jobs_.find(id); job != jobs_.end() && !job->second.isTaken)
         taken_.push_back(job->second.file.key);
     Erase(id);
 }

@@ -28,6 +28,7 @@ struct DeliveryJob {
     KelString message;      ///< why it failed
     bool isCopied = false;  ///< by this process; not written to disk, because the content shows it
     bool isKept = false;    ///< as it was when it came, it is on the disk
+    bool isTaken = false;   ///< DrainTaken gives its file, or has given it
 };
 
 /// The jobs in the order in which they came. Each is stored in a file of its own ("<id>.xml", a container
@@ -64,8 +65,9 @@ class JobQueue {
     /// Writes the open jobs that are in memory only; true when there are none left.
     bool KeepAll();
 
-    /// The files for which this queue is responsible since the last call, or with which it has finished: the
-    /// file store need not remember them any more.
+    /// The files for which this queue is responsible since the last call, because their jobs are on the disk
+    /// and nothing is to be copied from the file store any more, or with which it has finished: the file
+    /// store need not keep them.
     KelVector<FileKey> DrainTaken();
     /// Adds a file that needs no job, unless one for it is open.
     void AddTaken(const ReceivedFile& file, const KelString& destination);
@@ -98,6 +100,7 @@ class JobQueue {
     bool Keep(const DeliveryJob& job) KEL_REQUIRES(mutex_);
     void Erase(std::uint64_t id) KEL_REQUIRES(mutex_);
     void KeepNew(DeliveryJob& job) KEL_REQUIRES(mutex_);
+    void TakeIfHeld(DeliveryJob& job) KEL_REQUIRES(mutex_);
     void LoadJob(const KelString& fileName) KEL_REQUIRES(mutex_);
     KelVector<DeliveryJob> List(bool open) const;
 

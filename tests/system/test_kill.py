@@ -13,6 +13,7 @@ import time
 import unittest
 
 from case import BUILD, SystemTest, rows, wait_collected, write_files
+from faults import faults_of_rest
 from tree import Tree, VirtualClock, find_faketime, sha256_of, wait_until
 
 KILLS = 10
@@ -105,8 +106,12 @@ class KillTest(SystemTest):
             for agent in tree.devices:
                 self.assertEqual({key: sha256_of(path) for key, path in agent.inbox().items() if key[0] == "kill"},
                                  expected, agent.name)
+            wait_until(lambda: not any(rows(agent, "SELECT FileId FROM RemovedContent", upstream)
+                                       for agent in tree.agents for upstream in (False, True)),
+                       SECONDS_TO_ARRIVE, "what the kills have left is removed")
             self.end(tree)
             for agent in tree.agents:
+                self.assertEqual(faults_of_rest(agent), [], agent.name)
                 for upstream in (False, True):
                     held = rows(agent, "SELECT FilePath FROM Files WHERE FileStatus = "
                                        "'_AGTMOD_FILESTORESTATUS_AVAILABLE_'", upstream)

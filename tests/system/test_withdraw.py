@@ -48,7 +48,7 @@ class WithdrawTest(SystemTest):
                 self.assertEqual(orders, [], f"orders left on {agent.name}")
 
     def check_withdrawn_order(self, tree, path):
-        """The relay is killed before it has learned of the withdrawal, and the client while it waits for the file."""
+        """The relay is killed before it has learned of the withdrawal; the clients come back once it has."""
         (relay,), (first, second) = tree.relays, tree.clients
         again = self.publish(tree, path, first, second)
         self.wait_statuses(tree, again, "delivered", "delivered")
@@ -63,8 +63,11 @@ class WithdrawTest(SystemTest):
         relay.kill()
         for each in (publication, order):
             tree.master.kel("withdraw", each)
-        tree.run(relay, first, second)
+        tree.run(relay)
         self.wait_forgotten(order, tree.master, relay)
+        wait_until(lambda: b"another content" not in [file.read_bytes() for file in relay.data.rglob(path.name)],
+                   30, "the relay forgets the file")
+        tree.run(first, second)
         self.wait_statuses(tree, self.publish(tree, tree.folder / "out" / "other.bin", first, second), "delivered", "delivered")
         for client in tree.clients:
             self.assertNotEqual(client.inbox()[("l", path.name)].read_bytes(), b"another content")

@@ -118,6 +118,24 @@ TEST_F(UntakenTest, FilesWhoseJobCouldNotBeWrittenDownAreDeliveredAfterTheRestar
     }
 }
 
+TEST_F(UntakenTest, StoreKeepsAFileUntilItIsCopied) {
+    const std::string inTheWay = root_ / "data/Delivery/Inbox/T";
+    TempFolder::Write(inTheWay, "a file");
+    for (int starts = 1; starts <= 2; ++starts) {
+        ActiveModule<Delivery> module;
+        if (starts == 1) {
+            EXPECT_EQ(HandOver("f"), kNotReady);
+        }
+        EXPECT_TRUE(
+            Eventually([&] { return log_->Count(KelDebugLevel::Error, "cannot be created") == starts; }));
+        EXPECT_EQ(UntakenCount(), 1U);
+    }
+    std::filesystem::remove(inTheWay);
+    ActiveModule<Delivery> module;
+    EXPECT_TRUE(Eventually([this] { return UntakenCount() == 0; }));
+    EXPECT_EQ(TempFolder::Read(InboxPath("T", "f")), "f");
+}
+
 TEST_F(UntakenTest, StoreForgetsAFileWhoseJobWasNeverWrittenDownWithItsReceipt) {
     ActiveModule<Delivery> module;
     BlockFirstJob();
