@@ -1,15 +1,18 @@
 // A load generator: keep-alive connections on one thread, each with one request at a time; bodies are
 // discarded. Prints "requests seconds bytes".
 //
-//   bench_http_load PORT digest|basic CONNECTIONS REQUESTS METHOD TARGET [COUNT]
+//   bench_http_load PORT digest|basic|FOLDER CONNECTIONS REQUESTS METHOD TARGET [COUNT]
 //
+// With a FOLDER, the connections use TLS 1.3 with client.pem and client_key.pem from there, and no password.
 // With COUNT, "%d" in TARGET is replaced by 0 … COUNT-1 in turn. METHOD "IDLE" opens the connections with one
-// request each and holds them until standard input ends.
+// request each and holds them until standard input ends; "OPEN" makes REQUESTS full handshakes, CONNECTIONS
+// at a time, and counts these.
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <openssl/evp.h>
+#include <openssl/ssl.h>
 #include <sys/epoll.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
@@ -23,6 +26,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "kel/base64.h"
@@ -83,13 +87,28 @@ int Connect(int port) {
     return fd;
 }
 
+/// How a client shows who it is: certificate, digests or basic credentials.
+enum class Proof { Certificate, Digest, Basic };
+
+SSL_CTX* tls = nullptr;
+
+void UseCertificate(const std::string& folder) {
+    tls = SSL_CTX_new(TLS_client_method());
+    SSL_CTX_set_min_proto_version(tls, TLS1_3_VERSION);
+    SSL_CTX_set_session_cache_mode(tls, SSL_SESS_CACHE_OFF);
+    SSL_CTX_set_mode(tls, SSL_MODE_RELEASE_BUFFERS);
+    if (SSL_CTX_use_certificate_file(tls, (folder + "/client.pem").c_str(), SSL_FILETYPE_PEM) != 1 ||
+        SSL_CTX_use_PrivateKey_file(tls, (folder + "/client_key.pem").c_str(), SSL_FILETYPE_PEM) != 1)
+        Die("no certificate in " + folder);
+}
+
 class Requests {
   public:
-    Requests(int port, bool digest, std::string method, std::string target, int names)
-        : digest_(digest), method_(std::move(method)) {
+    Requests(int port, Proof proof, std::string method, std::string target, int names)
+        : proof_(proof), digest_(proof == Proof::Digest), method_(std::move(method)) {
         if (digest_)
             FetchNonce(port);
-        else
+        else if (proof == Proof::Basic)
             basic_ = Base64Encode(std::string(kUser) + ":" + kPassword);
         // What depends only on the name is computed once, as in any client that asks for a name repeatedly.
         const std::size_t mark = target.find("%d");
@@ -132,7 +151,9 @@ class Requests {
     }
 
     std::string HeadOf(const std::string& path) const {
-        const std::string head = method_ + " " + path + " HTTP/1.1\r\nHost: bench\r\nAuthorization: ";
+        std::string head = method_ + " " + path + " HTTP/1.1\r\nHost: bench";
+        if (proof_ == Proof::Certificate) return head;
+        head += "\r\nAuthorization: ";
         if (!digest_) return head + "Basic " + basic_;
         return head + "Digest username=\"" + kUser + "\", realm=\"kel\", nonce=\"" + nonce_ + "\", uri=\"" +
                path + "\", algorithm=SHA-256, qop=auth, cnonce=\"c\", nc=";
@@ -143,6 +164,7 @@ class Requests {
         std::string head;    ///< the part of the request that is always the same
     };
 
+    Proof proof_;
     bool digest_;
     std::string method_, nonce_, basic_;
     std::optional<Digester> digester_;
@@ -152,9 +174,30 @@ class Requests {
 
 struct Connection {
     int fd = -1;
+    SSL* ssl = nullptr;
     std::string head;
     long long bodyLeft = -1;  ///< bytes; -1: the head is not complete yet
 };
+
+void Open(Connection& connection, int port) {
+    connection.fd = Connect(port);
+    if (tls == nullptr) return;
+    connection.ssl = SSL_new(tls);
+    SSL_set_fd(connection.ssl, connection.fd);
+    if (SSL_connect(connection.ssl) != 1) Die("the handshake fails");
+}
+
+void Close(Connection& connection) {
+    SSL_free(std::exchange(connection.ssl, nullptr));
+    ::close(connection.fd);
+}
+
+ssize_t Receive(Connection& connection, char* data, std::size_t size, int flags) {
+    if (connection.ssl == nullptr) return ::recv(connection.fd, data, size, flags);
+    static std::vector<char> dropped(64 << 10);
+    if (data == nullptr) size = std::min(size, dropped.size());
+    return SSL_read(connection.ssl, data != nullptr ? data : dropped.data(), static_cast<int>(size));
+}
 
 /// Reads what has arrived; true when an answer is complete.
 bool ReadAnswer(Connection& connection, long long& bytes) {
@@ -163,13 +206,13 @@ bool ReadAnswer(Connection& connection, long long& bytes) {
         // MSG_TRUNC: the bytes are dropped without a copy, so that the server's speed is measured and not
         // ours.
         const ssize_t count =
-            ::recv(connection.fd, nullptr, std::min<long long>(connection.bodyLeft, 4 << 20), MSG_TRUNC);
+            Receive(connection, nullptr, std::min<long long>(connection.bodyLeft, 4 << 20), MSG_TRUNC);
         if (count <= 0) Die("connection lost in a body");
         connection.bodyLeft -= count;
         bytes += count;
         return connection.bodyLeft == 0;
     }
-    const ssize_t count = ::recv(connection.fd, buffer.data(), buffer.size(), 0);
+    const ssize_t count = Receive(connection, buffer.data(), buffer.size(), 0);
     if (count <= 0) Die("connection lost");
     connection.head.append(buffer.data(), static_cast<std::size_t>(count));
     const std::size_t end = connection.head.find("\r\n\r\n");
@@ -188,15 +231,17 @@ bool ReadAnswer(Connection& connection, long long& bytes) {
 void SendNext(Connection& connection, Requests& requests) {
     const std::string text = requests.Next();
     connection.bodyLeft = -1;
-    if (::send(connection.fd, text.data(), text.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(text.size()))
-        Die("cannot send");
+    const ssize_t sent = connection.ssl != nullptr
+                             ? SSL_write(connection.ssl, text.data(), static_cast<int>(text.size()))
+                             : ::send(connection.fd, text.data(), text.size(), MSG_NOSIGNAL);
+    if (sent != static_cast<ssize_t>(text.size())) Die("cannot send");
 }
 
 void HoldIdle(int port, Requests& requests, int connections) {
     std::vector<Connection> held(static_cast<std::size_t>(connections));
     long long bytes = 0;
     for (Connection& connection : held) {
-        connection.fd = Connect(port);
+        Open(connection, port);
         SendNext(connection, requests);
         while (!ReadAnswer(connection, bytes))
             continue;
@@ -213,7 +258,7 @@ void Measure(int port, Requests& requests, int connections, long total) {
     long sent = 0, done = 0;
     long long bytes = 0;
     for (Connection& connection : all) {
-        connection.fd = Connect(port);
+        Open(connection, port);
         epoll_event event{};
         event.events = EPOLLIN;
         event.data.ptr = &connection;
@@ -229,9 +274,35 @@ void Measure(int port, Requests& requests, int connections, long total) {
         if (ready <= 0) Die("no answer for 10 seconds");
         for (int i = 0; i < ready; ++i) {
             auto& connection = *static_cast<Connection*>(events[static_cast<std::size_t>(i)].data.ptr);
-            if (!ReadAnswer(connection, bytes)) continue;
+            bool isDone = ReadAnswer(connection, bytes);
+            // The socket does not become readable for what OpenSSL has read of it already.
+            while (!isDone && connection.ssl != nullptr && SSL_pending(connection.ssl) > 0)
+                isDone = ReadAnswer(connection, bytes);
+            if (!isDone) continue;
             ++done;
             if (sent++ < total) SendNext(connection, requests);
+        }
+    }
+    const std::chrono::duration<double> took = std::chrono::steady_clock::now() - start;
+    std::cout << done << " " << took.count() << " " << bytes << std::endl;
+}
+
+/// One request on each connection, because the server answers only after the whole handshake.
+void MeasureHandshakes(int port, Requests& requests, int connections, long total) {
+    std::vector<Connection> all(static_cast<std::size_t>(connections));
+    long done = 0;
+    long long bytes = 0;
+    const auto start = std::chrono::steady_clock::now();
+    while (done < total) {
+        for (Connection& connection : all) {
+            Open(connection, port);
+            SendNext(connection, requests);
+        }
+        for (Connection& connection : all) {
+            while (!ReadAnswer(connection, bytes))
+                continue;
+            Close(connection);
+            ++done;
         }
     }
     const std::chrono::duration<double> took = std::chrono::steady_clock::now() - start;
@@ -241,7 +312,7 @@ void Measure(int port, Requests& requests, int connections, long total) {
 }  // namespace
 
 int main(int count, char** arguments) {
-    if (count < 7) Die("usage: PORT digest|basic CONNECTIONS REQUESTS METHOD TARGET [COUNT]");
+    if (count < 7) Die("usage: PORT digest|basic|FOLDER CONNECTIONS REQUESTS METHOD TARGET [COUNT]");
     rlimit limit{};
     ::getrlimit(RLIMIT_NOFILE, &limit);
     limit.rlim_cur = limit.rlim_max;
@@ -250,10 +321,18 @@ int main(int count, char** arguments) {
     const int connections = std::atoi(arguments[3]);
     const std::string method = arguments[5];
     const bool idle = method == "IDLE";
-    Requests requests(port, std::strcmp(arguments[2], "digest") == 0, idle ? "GET" : method, arguments[6],
+    const bool handshakes = method == "OPEN";
+    const std::string credentials = arguments[2];
+    const Proof proof = credentials == "digest"  ? Proof::Digest
+                        : credentials == "basic" ? Proof::Basic
+                                                 : Proof::Certificate;
+    if (proof == Proof::Certificate) UseCertificate(credentials);
+    Requests requests(port, proof, idle || handshakes ? "GET" : method, arguments[6],
                       count > 7 ? std::atoi(arguments[7]) : 1);
     if (idle)
         HoldIdle(port, requests, connections);
+    else if (handshakes)
+        MeasureHandshakes(port, requests, connections, std::atol(arguments[4]));
     else
         Measure(port, requests, connections, std::atol(arguments[4]));
     return 0;

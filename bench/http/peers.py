@@ -23,13 +23,22 @@ http {{
     client_body_temp_path {root}/t1; proxy_temp_path {root}/t2; fastcgi_temp_path {root}/t3;
     uwsgi_temp_path {root}/t4; scgi_temp_path {root}/t5;
     server {{
-        listen 127.0.0.1:{port};
+        listen 127.0.0.1:{port} {ssl};
         {settings}
-        auth_basic "bench";
-        auth_basic_user_file {root}/users;
+        {access}
         location /Files/ {{ alias {files}/; }}
     }}
 }}
+"""
+
+
+PASSWORD = 'auth_basic "bench"; auth_basic_user_file {root}/users;'
+CERTIFICATES = """
+        ssl_certificate {keys}/server.pem;
+        ssl_certificate_key {keys}/server_key.pem;
+        ssl_client_certificate {keys}/authority.pem;
+        ssl_verify_client on;
+        ssl_protocols TLSv1.3;
 """
 
 
@@ -40,14 +49,15 @@ def free_port():
 
 
 class Nginx:
-    """nginx with `settings` in its server section."""
+    """nginx with `settings` in its server section; with a folder `keys`, TLS with certificates on both sides."""
 
-    def __init__(self, root, files, settings):
+    def __init__(self, root, files, settings, keys=None):
         root.mkdir()
         self.port = free_port()
         (root / "users").write_text("bench:{PLAIN}bench-password\n")
         (root / "nginx.conf").write_text(NGINX_CONFIG.format(
-            root=root, port=self.port, files=files, settings=settings,
+            root=root, port=self.port, files=files, settings=settings, ssl="ssl" if keys else "",
+            access=CERTIFICATES.format(keys=keys) if keys else PASSWORD.format(root=root),
             user="user root;" if os.geteuid() == 0 else ""))
         nginx = shutil.which("nginx") or "/usr/sbin/nginx"
         self.process = subprocess.Popen([nginx, "-c", str(root / "nginx.conf"), "-p", str(root)],
@@ -65,13 +75,14 @@ class Nginx:
 
 
 class Ours:
-    """The HTTP module alone, with `settings` as its ini file."""
+    """The HTTP module alone, with `settings` as its ini file; `keys`: in a tree with keys, those in that folder."""
 
-    def __init__(self, binaries, root, files, settings=""):
+    def __init__(self, binaries, root, files, settings="", keys=False):
         (root / "config").mkdir(parents=True)
         (root / "config" / "HttpProtocol.ini").write_text(settings)
-        self.process = subprocess.Popen([binaries / "bench_http_server", root, files], stdin=subprocess.PIPE,
-                                        stdout=subprocess.PIPE, text=True)
+        command = [binaries / "bench_http_server", root, files] + ["keys"] * keys
+        self.process = subprocess.Popen(command, stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
+        self.keys = root / "keys" if keys else None
         self.port = int(self.process.stdout.readline())
 
     def memory_kib(self):

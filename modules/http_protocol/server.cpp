@@ -108,13 +108,14 @@ struct Server::State {
     }
 
     std::unique_ptr<Channel> MakeChannel(Kind kind, IoLoop& loop, UniqueFd& fd) {
-        if (kind == Kind::Tls) return std::make_unique<TlsChannel>(MakeSocket(loop, fd), *tls, nullptr);
+        if (kind == Kind::Tls)
+            return std::make_unique<TlsChannel>(MakeSocket(loop, fd), *tls->native_handle(), nullptr);
         if (kind == Kind::Local)
             return std::make_unique<PlainChannel>(MakeLocalSocket(loop, fd), KelPeer::Proof::Socket);
         if (kind == Kind::Plain)
             return std::make_unique<PlainChannel>(MakeSocket(loop, fd), KelPeer::Proof::Password);
         const auto [keys, tlsContext] = keyedTls.Current();
-        return std::make_unique<TlsChannel>(MakeSocket(loop, fd), *tlsContext, keys);
+        return std::make_unique<TlsChannel>(MakeSocket(loop, fd), *tlsContext->native_handle(), keys);
     }
 
     KelStatus OpenTls() {

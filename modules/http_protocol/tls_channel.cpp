@@ -1,38 +1,77 @@
 #include "modules/http_protocol/tls_channel.h"
 
+#include <openssl/err.h>
 #include <unistd.h>
 #include <algorithm>
-#include <boost/asio/buffer.hpp>
-#include <boost/asio/write.hpp>
-#include <cstring>
+#include <boost/asio/post.hpp>
+#include <cerrno>
 #include <ctime>
+#include <stdexcept>
+#include <utility>
 
 namespace kelhttp {
 namespace {
 
-constexpr std::size_t kInputBytes = 16 << 10;
+/// Of a file, read at once: a few records.
 constexpr std::size_t kPieceBytes = 64 << 10;
+/// Pieces before other connections of the loop get their turn.
+constexpr int kPiecesPerTurn = 32;
+constexpr int kModes =
+    SSL_MODE_ENABLE_PARTIAL_WRITE | SSL_MODE_ACCEPT_MOVING_WRITE_BUFFER | SSL_MODE_RELEASE_BUFFERS;
+
+int Limited(std::size_t count) {
+    return static_cast<int>(std::min<std::size_t>(count, 1 << 30));
+}
 
 }  // namespace
 
-TlsChannel::TlsChannel(boost::asio::ip::tcp::socket socket, boost::asio::ssl::context& context,
-                       AgentSecurityKeys keys)
-    : stream_(std::move(socket), context), keys_(std::move(keys)), input_(kInputBytes) {
+TlsChannel::TlsChannel(boost::asio::ip::tcp::socket socket, SSL_CTX& context, AgentSecurityKeys keys)
+    : socket_(std::move(socket)), connection_(SSL_new(&context)), keys_(std::move(keys)) {
+    if (!connection_ || SSL_set_fd(connection_.get(), socket_.native_handle()) != 1)
+        throw std::runtime_error("OpenSSL has no memory for a connection");
+    SSL_set_mode(connection_.get(), kModes);
+    SSL_set_accept_state(connection_.get());
+    socket_.non_blocking(true);
     boost::system::error_code ignored;
-    stream_.next_layer().set_option(boost::asio::ip::tcp::no_delay(true), ignored);
+    socket_.set_option(boost::asio::ip::tcp::no_delay(true), ignored);
+}
+
+/// What the last call on the connection has come to; while it is pending, `awaited_` is what it waits for.
+Channel::Outcome TlsChannel::OutcomeOf(int result) {
+    if (result > 0) return Outcome::Done;
+    const int error = SSL_get_error(connection_.get(), result);
+    awaited_ = error == SSL_ERROR_WANT_READ ? boost::asio::socket_base::wait_read
+                                            : boost::asio::socket_base::wait_write;
+    return error == SSL_ERROR_WANT_READ || error == SSL_ERROR_WANT_WRITE ? Outcome::Pending : Outcome::Failed;
+}
+
+/// Repeats `step` whenever the socket is ready, then calls `then` with its success.
+void TlsChannel::ContinueWhenReady(Step step, std::function<void(bool)> then) {
+    socket_.async_wait(awaited_,
+                       [this, step, then = std::move(then)](const boost::system::error_code& error) mutable {
+                           if (error || !socket_.is_open()) return then(false);
+                           const Outcome outcome = (this->*step)();
+                           if (outcome == Outcome::Pending) return ContinueWhenReady(step, std::move(then));
+                           then(outcome == Outcome::Done);
+                       });
 }
 
 void TlsChannel::Open(const User& user) {
-    stream_.async_handshake(boost::asio::ssl::stream_base::server,
-                            [this, user](const boost::system::error_code& error) {
-                                if (!error) ExaminePeer();
-                                user->OnOpened(!error);
-                            });
+    awaited_ = boost::asio::socket_base::wait_read;
+    ContinueWhenReady(&TlsChannel::Shake, [this, user](bool ok) {
+        if (ok) ExaminePeer();
+        user->OnOpened(ok);
+    });
+}
+
+Channel::Outcome TlsChannel::Shake() {
+    ERR_clear_error();
+    return OutcomeOf(SSL_do_handshake(connection_.get()));
 }
 
 /// After every handshake, also one that resumes a session: much may have changed since that began.
 void TlsChannel::ExaminePeer() {
-    X509* const certificate = SSL_get0_peer_certificate(stream_.native_handle());
+    X509* const certificate = SSL_get0_peer_certificate(connection_.get());
     if (keys_ && certificate != nullptr)
         peer_ = keys_->Examine(certificate, KelTlsSide::Client, {}, std::time(nullptr));
 }
@@ -44,63 +83,102 @@ KelPeer TlsChannel::Peer() const {
 }
 
 void TlsChannel::Read(std::span<char> into, const User& user) {
-    // Into a buffer of its own: OpenSSL may write to it before the read completes.
-    stream_.async_read_some(boost::asio::buffer(input_.data(), std::min(input_.size(), into.size())),
-                            [this, into, user](const boost::system::error_code& error, std::size_t count) {
-                                if (!error) std::memcpy(into.data(), input_.data(), count);
-                                user->OnRead(!error, count);
-                            });
+    // The socket does not become readable for what OpenSSL has read of it already.
+    if (SSL_pending(connection_.get()) > 0)
+        return boost::asio::post(socket_.get_executor(), [this, into, user] { ReadNow(into, user); });
+    socket_.async_wait(boost::asio::socket_base::wait_read,
+                       [this, into, user](const boost::system::error_code& error) {
+                           if (error) return user->OnRead(false, 0);
+                           ReadNow(into, user);
+                       });
+}
+
+void TlsChannel::ReadNow(std::span<char> into, const User& user) {
+    if (!socket_.is_open()) return user->OnRead(false, 0);
+    std::size_t count = 0;
+    Outcome outcome = Outcome::Done;
+    // A record at a time.
+    do {
+        ERR_clear_error();
+        const int result = SSL_read(connection_.get(), into.data() + count, Limited(into.size() - count));
+        outcome = OutcomeOf(result);
+        if (result > 0) count += static_cast<std::size_t>(result);
+    } while (outcome == Outcome::Done && count < into.size());
+    if (count > 0 || outcome == Outcome::Failed) return user->OnRead(count > 0, count);
+    Read(into, user);
+}
+
+/// The first try of a send, and the rest of it when the socket is full.
+Channel::Outcome TlsChannel::Run(Step step, const User& user) {
+    if (!socket_.is_open()) return Outcome::Failed;
+    const Outcome outcome = (this->*step)();
+    if (outcome == Outcome::Pending) ContinueWhenReady(step, [user](bool ok) { user->OnWritten(ok); });
+    return outcome;
 }
 
 Channel::Outcome TlsChannel::Write(std::string_view data, const User& user) {
-    boost::asio::async_write(stream_, boost::asio::buffer(data.data(), data.size()),
-                             [this, user](const boost::system::error_code& error, std::size_t count) {
-                                 sent_ += count;
-                                 user->OnWritten(!error);
-                             });
-    return Outcome::Pending;
+    data_ = data;
+    return Run(&TlsChannel::PushData, user);
+}
+
+Channel::Outcome TlsChannel::PushData() {
+    while (!data_.empty()) {
+        ERR_clear_error();
+        const int result = SSL_write(connection_.get(), data_.data(), Limited(data_.size()));
+        if (const Outcome outcome = OutcomeOf(result); outcome != Outcome::Done) return outcome;
+        data_.remove_prefix(static_cast<std::size_t>(result));
+        sent_ += static_cast<std::uint64_t>(result);
+    }
+    return Outcome::Done;
 }
 
 Channel::Outcome TlsChannel::SendFile(int fd, std::uint64_t offset, std::uint64_t length, const User& user) {
     file_ = fd;
     fileOffset_ = offset;
     fileLeft_ = length;
-    piece_.resize(kPieceBytes);
-    if (length == 0) return Outcome::Done;
-    SendNextPiece(user);
-    return Outcome::Pending;
+    data_ = {};
+    return Run(&TlsChannel::PushFile, user);
 }
 
-void TlsChannel::SendNextPiece(const User& user) {
-    const std::size_t wanted = std::min<std::uint64_t>(fileLeft_, piece_.size());
-    const ssize_t count = ::pread(file_, piece_.data(), wanted, static_cast<off_t>(fileOffset_));
-    // When the file has become shorter, the connection is closed and the write below completes with an error.
-    if (count <= 0) Close();
-    const std::size_t length = count > 0 ? static_cast<std::size_t>(count) : 1;
-    boost::asio::async_write(stream_, boost::asio::buffer(piece_.data(), length),
-                             [this, user](const boost::system::error_code& error, std::size_t written) {
-                                 if (error) return user->OnWritten(false);
-                                 sent_ += written;
-                                 fileOffset_ += written;
-                                 fileLeft_ -= written;
-                                 if (fileLeft_ > 0) return SendNextPiece(user);
-                                 piece_ = {};
-                                 user->OnWritten(true);
-                             });
+Channel::Outcome TlsChannel::PushFile() {
+    for (int piece = 0; fileLeft_ > 0 || !data_.empty(); ++piece) {
+        if (piece == kPiecesPerTurn) {
+            awaited_ = boost::asio::socket_base::wait_write;
+            return Outcome::Pending;
+        }
+        if (data_.empty() && !FillPiece()) return Outcome::Failed;
+        if (const Outcome outcome = PushData(); outcome != Outcome::Done) return outcome;
+    }
+    piece_ = {};
+    return Outcome::Done;
+}
+
+/// Takes the next bytes of the file to be sent; false when it has become shorter than was announced.
+bool TlsChannel::FillPiece() {
+    piece_.resize(std::min<std::uint64_t>(fileLeft_, kPieceBytes));
+    ssize_t count = 0;
+    do {
+        count = ::pread(file_, piece_.data(), piece_.size(), static_cast<off_t>(fileOffset_));
+    } while (count < 0 && errno == EINTR);
+    if (count <= 0) return false;
+    data_ = std::string_view(piece_.data(), static_cast<std::size_t>(count));
+    fileOffset_ += data_.size();
+    fileLeft_ -= data_.size();
+    return true;
 }
 
 std::uint64_t TlsChannel::BytesTaken() {
-    return sent_ - UnacknowledgedBytes(stream_.next_layer().native_handle());
+    return sent_ - UnacknowledgedBytes(socket_.native_handle());
 }
 
 void TlsChannel::ShutdownSend() {
     boost::system::error_code ignored;
-    stream_.next_layer().shutdown(boost::asio::ip::tcp::socket::shutdown_send, ignored);
+    socket_.shutdown(boost::asio::ip::tcp::socket::shutdown_send, ignored);
 }
 
 void TlsChannel::Close() {
     boost::system::error_code ignored;
-    stream_.next_layer().close(ignored);
+    socket_.close(ignored);
 }
 
 }  // namespace kelhttp

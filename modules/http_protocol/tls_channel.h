@@ -1,7 +1,9 @@
 #pragma once
 
+#include <openssl/ssl.h>
 #include <boost/asio/ip/tcp.hpp>
-#include <boost/asio/ssl/stream.hpp>
+#include <functional>
+#include <memory>
 #include <vector>
 
 #include "kelcore/security.h"
@@ -9,12 +11,14 @@
 
 namespace kelhttp {
 
-/// A channel over TLS (RFC 8446). File bodies are read and encrypted piece by piece.
+/// A channel over TLS (RFC 8446). OpenSSL works on the socket itself, so a connection that waits needs no
+/// buffers. Sends are tried at once and wait only when the socket is full; file bodies are read and encrypted
+/// piece by piece. The process has to ignore SIGPIPE.
 class TlsChannel final : public Channel {
   public:
-    /// With `keys`, the certificate that the client presents is examined; null in a plain tree.
-    TlsChannel(boost::asio::ip::tcp::socket socket, boost::asio::ssl::context& context,
-               AgentSecurityKeys keys);
+    /// With `keys`, the certificate that the client presents is examined; null in a plain tree. Throws
+    /// std::runtime_error, or boost::system::system_error when the socket cannot be made non-blocking.
+    TlsChannel(boost::asio::ip::tcp::socket socket, SSL_CTX& context, AgentSecurityKeys keys);
 
     void Open(const User& user) override;
     void Read(std::span<char> into, const User& user) override;
@@ -28,17 +32,32 @@ class TlsChannel final : public Channel {
     std::uint64_t BytesTaken() override;
 
   private:
-    void SendNextPiece(const User& user);
+    struct Free {
+        void operator()(SSL* connection) const { SSL_free(connection); }
+    };
+    using Step = Outcome (TlsChannel::*)();
+
+    void ReadNow(std::span<char> into, const User& user);
+    Outcome Shake();
+    Outcome PushData();
+    Outcome PushFile();
+    Outcome OutcomeOf(int result);
+    bool FillPiece();
+    Outcome Run(Step step, const User& user);
+    void ContinueWhenReady(Step step, std::function<void(bool)> then);
     void ExaminePeer();
 
-    boost::asio::ssl::stream<boost::asio::ip::tcp::socket> stream_;
+    boost::asio::ip::tcp::socket socket_;
+    const std::unique_ptr<SSL, Free> connection_;
     const AgentSecurityKeys keys_;
     KelTlsPeer peer_;
-    std::vector<char> input_;
-    std::vector<char> piece_;
+    boost::asio::socket_base::wait_type awaited_ =
+        boost::asio::socket_base::wait_read;  ///< by the operation that is pending
+    std::string_view data_;                   ///< still to be sent
+    std::vector<char> piece_;                 ///< of the file; empty while none is sent
     int file_ = -1;
-    std::uint64_t fileOffset_ = 0;
-    std::uint64_t fileLeft_ = 0;
+    std::uint64_t fileOffset_ = 0;  ///< behind the piece
+    std::uint64_t fileLeft_ = 0;    ///< behind the piece
     std::uint64_t sent_ = 0;
 };
 
