@@ -84,7 +84,10 @@ KelCallOrigin JudgePeer(const KelPeer& peer, KelCallers wanted) {
     origin.deviceGuid = peer.deviceGuid;
     origin.mayPassOn = peer.proof != KelPeer::Proof::Certificate || peer.deviceRole != KelDeviceRole::Client;
     const bool isParent = IsParent(peer, Includes(wanted, KelCallers::Parent));
-    origin.callers = (isParent ? KelCallers::Parent : KelCallers::Child) | KelCallers::Observer;
+    origin.callers = isParent ? KelCallers::Parent : KelCallers::Child;
+    // With a certificate, those above look into this device, and no other does.
+    if (isParent || peer.proof == KelPeer::Proof::Password || peer.deviceRole == KelDeviceRole::Master)
+        origin.callers = origin.callers | KelCallers::Observer;
     return origin;
 }
 

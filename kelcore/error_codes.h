@@ -14,11 +14,12 @@ enum KelErrorCode : unsigned int {
     kKelErrorGuidScheme = 44005,  ///< a GUID of another tree's scheme
 };
 
-/// What a subscriber of HttpProtocolCallbackPutBegin or HttpProtocolCallbackPutCheck answers about an upload.
-enum KelUploadAnswer : unsigned int {
-    kKelAnswerNotExpected = 44006,   ///< nothing awaits it: the sender has to offer the file again
+/// What a subscriber of HttpProtocolCallbackPutBegin or HttpProtocolCallbackPutCheck answers about an upload,
+/// and one of HttpProtocolCallbackGet about a download.
+enum KelTransferAnswer : unsigned int {
+    kKelAnswerNotExpected = 44006,  ///< nothing awaits it: the sender has to offer the file again; not for it
     kKelAnswerOtherContent = 44007,  ///< it is not what was offered
-    kKelAnswerExpected = 44008,      ///< to the first event: awaited; what has come of it is worth keeping
+    kKelAnswerExpected = 44008,  ///< awaited: what has come of it is worth keeping; the device may have it
 };
 
 /// What a consumer of the file store answers to a file that is handed to it, and to a request for a file that

@@ -51,6 +51,13 @@ constexpr char kOfThisDevice[] = "SELECT %s FROM Targets WHERE FileId = %lu AND 
 constexpr char kOfDevice[] = "SELECT %s FROM Targets WHERE FileId = %lu AND DeviceGUID LIKE '%Q%'";
 constexpr char kOfFile[] = "SELECT %s FROM Targets WHERE FileId = %lu";
 constexpr char kAny[] = "SELECT TargetId FROM Targets WHERE FileId = %lu LIMIT 1";
+constexpr char kOfUrl[] =
+    "SELECT 1 FROM Files JOIN Targets ON Targets.FileId = Files.FileId WHERE FileURL = '%Q' AND DeviceGUID "
+    "LIKE "
+    "'%/%Q%' LIMIT 1";
+constexpr char kOfKey[] =
+    "SELECT 1 FROM Files JOIN Targets ON Targets.FileId = Files.FileId WHERE FileType = '%Q' AND FileLabel = "
+    "'%Q' AND FileName = '%Q' AND FileChecksum = '%Q' AND DeviceGUID LIKE '%/%Q%' LIMIT 1";
 constexpr char kCount[] = "SELECT COUNT(*) FROM Targets";
 // Times up to 9 put a target behind those that were never announced; see kDueSinceRequest.
 constexpr char kNotifiable[] =
@@ -317,6 +324,19 @@ bool DeleteTarget(std::uint64_t targetId) {
     IdList one;
     one.Add(targetId);
     return Change(KelFormat(kDeleteAll, one.Text()));
+}
+
+std::optional<bool> IsTargetOfUrl(const KelString& url, const KelString& guid) {
+    const auto named = Database().connection.Query(KelFormat(kOfUrl, url, guid));
+    if (!named) return std::nullopt;
+    if (named->GetRowCount() != 0) return true;
+    const auto place = ParseStoredUrl(url);
+    if (!place || place->side != Side::Downstream) return false;
+    const FileKey& key = place->key;
+    const auto stored =
+        Database().connection.Query(KelFormat(kOfKey, key.type, key.label, key.name, key.checksum, guid));
+    if (!stored) return std::nullopt;
+    return stored->GetRowCount() != 0;
 }
 
 bool DeleteTargetsOfDevice(std::uint64_t fileId, const KelString& guid) {

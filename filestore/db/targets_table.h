@@ -110,6 +110,10 @@ std::optional<std::int64_t> LatestNotifyTime(const KelString& deviceGuid);
 /// The names under which the device with the GUID `guid`, letters, digits and hyphens only, is a target.
 KelVector<KelString> NamesOfTargets(const KelString& guid);
 
+/// True when the device with the GUID `guid`, as above, is a target of the file that is announced under the URL
+/// path `url`. Nothing when a statement failed.
+std::optional<bool> IsTargetOfUrl(const KelString& url, const KelString& guid);
+
 /// All targets, for a change of the device's own port.
 KelVector<FileStoreTarget> SelectAllTargets();
 

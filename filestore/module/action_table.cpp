@@ -87,6 +87,12 @@ constexpr std::array kActions = {
                                             "string FilePath?",
                      .results = "1 unusable; 13 no content at the path; 18 not recorded",
                      .callers = kLocal}},
+    FileStoreAction{&FileStore::ActionHandler_FileStoreHttpGet,
+                    {.signature = "FileStoreHttpGet (string URL)",
+                     .purpose = "Says whether the calling device may fetch a file; for the event "
+                                "HttpProtocolCallbackGet.",
+                     .results = "44006 the file is not for it; 44008 it may",
+                     .callers = kLocal}},
     FileStoreAction{&FileStore::ActionHandler_FileStoreHttpPutBegin,
                     {.signature = "FileStoreHttpPutBegin (string URL, int64 Size)",
                      .purpose = "Says whether an upload that begins is expected; for the event "

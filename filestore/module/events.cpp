@@ -1,5 +1,6 @@
 #include "filestore/db/callback_table.h"
 #include "filestore/db/files_table.h"
+#include "filestore/db/targets_table.h"
 #include "filestore/down/multicast_reception.h"
 #include "filestore/exchange/input_checks.h"
 #include "filestore/state/device.h"
@@ -8,6 +9,7 @@
 #include "filestore/up/upload_check.h"
 #include "filestore/up/upload_senders.h"
 #include "kel/container.h"
+#include "kelcore/call_origin.h"
 #include "kelcore/device_name.h"
 #include "kelcore/error_codes.h"
 
@@ -21,6 +23,15 @@ namespace {
 constexpr unsigned long kPutArrived = 5;  ///< shows in the log what woke the callback thread
 
 }  // namespace
+
+/// The HTTP server asks whether a device may fetch a file: one that the file is for, or for devices below it.
+unsigned int FileStore::ActionHandler_FileStoreHttpGet(KelContainer* arguments) {
+    const KelString guid = CallOriginOf(*arguments).deviceGuid;
+    if (!IsGuid(guid)) return kKelAnswerNotExpected;
+    const auto isTarget = IsTargetOfUrl(arguments->GetString("URL"), guid);
+    if (!isTarget) return kKelErrorNotAvailable;
+    return *isTarget ? kKelAnswerExpected : kKelAnswerNotExpected;
+}
 
 /// The HTTP server asks whether an upload may begin.
 unsigned int FileStore::ActionHandler_FileStoreHttpPutBegin(KelContainer* arguments) {

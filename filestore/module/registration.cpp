@@ -19,6 +19,7 @@ struct Subscription {
 };
 
 constexpr std::array kSubscriptions = {
+    Subscription{"HttpProtocolCallbackGet", "FileStoreHttpGet (string URL)"},
     Subscription{"HttpProtocolCallbackPutBegin", "FileStoreHttpPutBegin (string URL, int64 Size)"},
     Subscription{"HttpProtocolCallbackPutCheck", "FileStoreHttpPutCheck (string URL, string ContentPath)"},
     Subscription{"HttpProtocolCallbackPut", "FileStoreHttpPutCallback (container Values)"},

@@ -161,6 +161,7 @@ class FileStore {
     static unsigned int ActionHandler_FileStoreAcknowledgeFile(KelContainer* arguments);
     static unsigned int ActionHandler_FileStoreReceiveFile(KelContainer* arguments);
     static unsigned int ActionHandler_FileStoreReceiveUnconnectedFile(KelContainer* arguments);
+    static unsigned int ActionHandler_FileStoreHttpGet(KelContainer* arguments);
     static unsigned int ActionHandler_FileStoreHttpPutBegin(KelContainer* arguments);
     static unsigned int ActionHandler_FileStoreHttpPutCheck(KelContainer* arguments);
     static unsigned int ActionHandler_FileStoreHttpPutCallback(KelContainer* arguments);

@@ -75,6 +75,8 @@ class Connection final : public ChannelUser,
     void RefuseCredentials(bool isStale);
     bool NoteWrongCredentials(Clock::time_point now);
     void AnswerGet(const RequestHead& request);
+    bool MayReadAll() const;
+    void AskWhetherFor(const KelString& path, ServedFile file);
     void AcceptAction(const RequestHead& request);
     void AcceptBody(State state);
     KelPeer Sender() const;

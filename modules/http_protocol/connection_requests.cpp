@@ -1,9 +1,11 @@
 // Requests of the class Connection, except for uploads.
 
 #include <algorithm>
+#include <utility>
 
 #include "kel/format.h"
 #include "kelcore/action_db.h"
+#include "kelcore/callback_db.h"
 #include "kelcore/error_codes.h"
 #include "kelcore/security.h"
 #include "modules/http_protocol/connection.h"
@@ -20,6 +22,15 @@ constexpr std::uint64_t kFirstReserve = 256 << 10;
 constexpr std::uint64_t kMaxStrangerBytes = 16 << 10;
 /// Empty lines before a request are skipped up to this size.
 constexpr std::size_t kMaxBlankBytes = 1024;
+
+/// What the subscribers say about a download.
+unsigned int TriggerGet(const KelPeer& sender, const KelString& path) {
+    KelContainer arguments;
+    arguments.SetString("URL", path);
+    SetCallOrigin(JudgePeer(sender, KelCallers::Child), arguments);
+    KelContainer results;
+    return CallbackDbTrigger("HttpProtocolCallbackGet", arguments, results);
+}
 
 }  // namespace
 
@@ -223,7 +234,38 @@ void Connection::AnswerGet(const RequestHead& request) {
         const unsigned int status = file.status == 404 ? 404 : 400;
         return Respond(status, "Content-Length: 0\r\n", {});
     }
-    RespondFile(std::move(file));
+    if (MayReadAll()) return RespondFile(std::move(file));
+    AskWhetherFor(*path, std::move(file));
+}
+
+/// Without a certificate, a member cannot be told from others; those above look into the device anyway.
+bool Connection::MayReadAll() const {
+    const KelPeer sender = Sender();
+    return sender.proof != KelPeer::Proof::Certificate ||
+           Includes(JudgePeer(sender, KelCallers::Unstated).callers, KelCallers::Observer);
+}
+
+/// Sends the file when a subscriber of the event says that it is for the device that asks.
+void Connection::AskWhetherFor(const KelString& path, ServedFile file) {
+    Enter(State::Working);
+    BeginWork();
+    file_ = std::move(file);
+    const auto task = [connection = weak_from_this(), &loop = loop_, sender = Sender(), path] {
+        const unsigned int answer = TriggerGet(sender, path);
+        loop.Post([connection, answer] {
+            const auto self = connection.lock();
+            if (!self || self->state_ != State::Working) return;
+            ServedFile found = std::exchange(self->file_, {});
+            if (answer == kKelAnswerExpected)
+                self->RespondFile(std::move(found));
+            else
+                self->RespondError(answer == kKelAnswerNotExpected || answer == kKelOk ? 403 : 503);
+            self->ProcessInput();
+        });
+    };
+    if (context_.files.TryPost(task)) return;
+    file_ = {};
+    RespondError(503);
 }
 
 void Connection::AcceptAction(const RequestHead& request) {

@@ -21,7 +21,8 @@ class Server;
 /// Event: HttpProtocolCallbackPut{URL, MulticastAddress, LocalPath}, after an upload is in place, or a file
 /// that came by multicast (then with its group in MulticastAddress). Before an upload begins and before it is
 /// in place, HttpProtocolCallbackPutBegin and HttpProtocolCallbackPutCheck ask whether it is wanted; see
-/// PutUpload and KelUploadAnswer.
+/// PutUpload and KelTransferAnswer. In a tree with keys, HttpProtocolCallbackGet{URL} asks whether the
+/// calling device may fetch a file; its parent and the master may fetch all.
 ///
 /// Initialise binds the port; Activate begins to serve it and fails when another program listens on it by
 /// then. All actions answer from Initialise on, and still after Cleanup.

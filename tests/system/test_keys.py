@@ -1,5 +1,7 @@
 """A tree with keys: devices join through relays, and who does not belong to the tree gets nothing."""
 
+import contextlib
+import hashlib
 import json
 import socket
 import ssl
@@ -54,13 +56,14 @@ class LaterClock:
 
 
 class KeysTest(SystemTest):
-    def ask(self, agent, keys=None, action="AgentGetStatus", arguments="", user=None):
-        """The HTTP status of a call, with the certificate in a device's folder, and the action's result."""
+    def ask(self, agent, keys=None, action="AgentGetStatus", arguments="", user=None, url=None):
+        """The HTTP status of a call, or of a GET, with the certificate in a device's folder, and the action's result."""
         certificate = ["--cert", keys / "certificate.pem", "--key", keys / "key.pem"] if keys else []
         certificate += ["--digest", "--user", user] if user else []
+        call = ["-H", "Content-Type: application/json", "-d", arguments or "{}"] if url is None else []
         run = subprocess.run(["curl", "-sk", "-o", "/dev/null", "-w", "%{http_code} %header{kel-result}", *certificate,
-                              "-H", "Content-Type: application/json", "-d", arguments or "{}",
-                              f"https://{agent.address}:{agent.port}/Action/{action}"], text=True, capture_output=True)
+                              *call, f"https://{agent.address}:{agent.port}/{url or f'Action/{action}'}"],
+                             text=True, capture_output=True)
         return run.stdout.strip()
 
     def test_a_tree_with_keys_serves_its_devices_and_no_strangers(self):
@@ -80,6 +83,7 @@ class KeysTest(SystemTest):
             tree.wait_delivered({("files", name): sha256_of(path) for name, path in down.items()}, [client], 30)
             wait_collected(master, expected, 30)
             self.members(master, relay, client)
+            self.readers(tree, master, relay, client)
             self.steering(master, relay, client)
             self.strangers(tree, master, relay, client)
             self.impostor(tree, relay, client)
@@ -95,13 +99,33 @@ class KeysTest(SystemTest):
                 (relay, client, stop, 0), (master, client, stop, 17), (client, relay, stop, 17), (master, client, ("RelayCallDevice", "{}"), 17),
                 (relay, relay, stop, 17), (client, relay, ("HttpProtocolGetThreadCount", "{}"), 0),
                 (client, relay, ("KeysEnrol", "{}"), 1), (relay, client, ("RelaySetParent", "{}"), 17),
-                (relay, relay, ("KeysForgetParent", "{}"), 17)):
+                (relay, relay, ("KeysForgetParent", "{}"), 17), (master, relay, ("AgentGetStatus", "{}"), 0),
+                (client, relay, ("AgentGetStatus", "{}"), 17), (relay, client, ("AgentGetStatus", "{}"), 0)):
             answer = self.ask(agent, caller.data / "Keys", action, arguments)
             self.assertEqual(answer, f"200 {result}", (action, agent.name))
         ini = (relay.root / "config" / "Agent.ini").read_text()
         password = ini.partition("\nHttpPassword=")[2].partition("\n")[0]
         self.assertGreater(len(password), 20)
         self.assertEqual(self.ask(relay, user=f"{AGENT_NAME}:{password}"), "401")
+
+    def readers(self, tree, master, relay, client):
+        """A waiting file is served to its targets and to those above the device that has it."""
+        self.assertEqual(client.stop(), 0)
+        (name, path), = write_files(tree.folder / "own", {"own.bin": 100_000}).items()
+        tree.publish([path], to=client.name)
+        wait_until(lambda: [row["status"] for row in relay.kel("files") if row["name"] == name] == ["available"], 30,
+                   "the relay has the file")
+        below = f"files/{hashlib.md5(path.read_bytes()).hexdigest()}/{name}"
+        for caller, agent, url, status in (
+                (client, relay, f"FileStore/downstream/Demo/{below}", "200"), (client, relay, "FileStore/", "404"),
+                (master, relay, f"FileStore/downstream/Demo/{below}", "200"),
+                (relay, relay, f"FileStore/downstream/Demo/{below}", "403"),
+                (client, master, f"QuarnelDatabase/Packages/{below}", "403")):
+            answer = self.ask(agent, caller.data / "Keys", url=url)
+            self.assertEqual(answer.split()[0], status, (caller.name, agent.name, url))
+        tree.run(client)
+        tree.wait_delivered({("files", name): sha256_of(path)}, [client], 30)
+        wait_until(client.in_sync, 30, "the client is in sync again")
 
     def steering(self, master, relay, client):
         """Calls of the operator at the master go through the relay, which the client knows by its certificate."""
@@ -110,7 +134,7 @@ class KeysTest(SystemTest):
                          [("FileStoreSetValues", relay.address, f"{master.address}:{master.port}")])
 
     def strangers(self, tree, master, relay, client):
-        self.assertEqual(self.ask(relay, client.data / "Keys"), "200 0")
+        self.assertEqual(self.ask(relay, client.data / "Keys"), "200 17")
         self.assertEqual(self.ask(relay), "401")
         other = tree.folder / "other"
         subprocess.run([tree.kel, "init", other, "--role", "master", "--address", master.address, "--port", "1"],
@@ -118,7 +142,8 @@ class KeysTest(SystemTest):
         self.assertEqual(self.ask(relay, other / "data" / "Keys"), "401")
         for arguments in ({}, {"Invitation": "0" * 16, "Proof": "0" * 64, "Request": "MAA="}):
             self.assertEqual(self.ask(relay, action="KeysEnrol", arguments=json.dumps(arguments)), "200 1")
-        with socket.create_connection((relay.address, relay.port)) as plain:
+        with socket.create_connection((relay.address, relay.port)) as plain, \
+                contextlib.suppress(ConnectionResetError):
             plain.sendall(b"GET / HTTP/1.1\r\nHost: x\r\n\r\n")
             self.assertNotIn(b"HTTP", plain.recv(1000))
 
