@@ -128,8 +128,7 @@ std::int64_t KelCertificate::NotAfter() const {
 }
 
 KelString KelCertificate::Fingerprint() const {
-    const EVP_PKEY* const key = X509_get0_pubkey(certificate_.get());
-    return key != nullptr ? KeyFingerprint(key) : KelString();
+    return KeyFingerprint(certificate_.get());
 }
 
 KelResult<KelDeviceIdentity> KelCertificate::Identity() const {

@@ -17,6 +17,16 @@ constexpr std::string_view kCurve = "prime256v1";
 constexpr std::string_view kDigestName = "sha256//";
 constexpr std::size_t kDigestBytes = 32;
 
+/// Frees `der`, which is null or of `length` bytes.
+KelString FingerprintOfDer(unsigned char* der, int length) {
+    std::array<unsigned char, kDigestBytes> digest{};
+    const bool made = length > 0 && EVP_Digest(der, static_cast<std::size_t>(length), digest.data(), nullptr,
+                                               EVP_sha256(), nullptr) == 1;
+    OPENSSL_free(der);
+    if (!made) return {};
+    return FingerprintOfDigest({reinterpret_cast<const char*>(digest.data()), digest.size()});
+}
+
 }  // namespace
 
 KelResult<KelKeyPair> KelKeyPair::Make() {
@@ -74,12 +84,14 @@ bool IsTreeKey(const evp_pkey_st* key) {
 KelString KeyFingerprint(const evp_pkey_st* key) {
     unsigned char* der = nullptr;
     const int length = i2d_PUBKEY(key, &der);
-    std::array<unsigned char, kDigestBytes> digest{};
-    const bool made = length > 0 && EVP_Digest(der, static_cast<std::size_t>(length), digest.data(), nullptr,
-                                               EVP_sha256(), nullptr) == 1;
-    OPENSSL_free(der);
-    if (!made) return {};
-    return FingerprintOfDigest({reinterpret_cast<const char*>(digest.data()), digest.size()});
+    return FingerprintOfDer(der, length);
+}
+
+KelString KeyFingerprint(const x509_st* certificate) {
+    // As it stands in the certificate; to encode the key again takes a good part of a handshake.
+    unsigned char* der = nullptr;
+    const int length = i2d_X509_PUBKEY(X509_get_X509_PUBKEY(certificate), &der);
+    return FingerprintOfDer(der, length);
 }
 
 KelString DigestOfFingerprint(std::string_view fingerprint) {

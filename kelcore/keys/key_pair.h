@@ -7,6 +7,7 @@
 #include "kel/types.h"
 
 struct evp_pkey_st;
+struct x509_st;
 
 /// A private key with its public key: ECDSA on the curve P-256 (FIPS 186-5). A value; may be read from any
 /// thread.
@@ -36,6 +37,8 @@ bool IsTreeKey(const evp_pkey_st* key);
 /// "sha256//…": the SHA-256 digest of the public key (its SubjectPublicKeyInfo in DER) in base64, as pins of
 /// keys are written (RFC 7469). Empty when memory runs out.
 KelString KeyFingerprint(const evp_pkey_st* key);
+/// The same of the key in a certificate.
+KelString KeyFingerprint(const x509_st* certificate);
 
 /// The digest in a fingerprint, 32 bytes; empty for any other text. And the reverse.
 KelString DigestOfFingerprint(std::string_view fingerprint);

@@ -117,9 +117,8 @@ KelResult<std::shared_ptr<const KelKeyRing>> KelKeyRing::Make(Parts parts) {
 
 KelTlsPeer KelKeyRing::Examine(x509_st* certificate, KelTlsSide presentedBy,
                                const KelPeerExpectation& expected, std::int64_t now) const {
-    const EVP_PKEY* const key = X509_get0_pubkey(certificate);
     KelTlsPeer peer;
-    if (key != nullptr && KeyFingerprint(key) == ownFingerprint_)
+    if (KeyFingerprint(certificate) == ownFingerprint_)
         peer = {true, parts_.device.guid, parts_.device.role, ownFingerprint_, {}, {}};
     else if (!store_)
         return Distrusted("this device has not been enrolled yet, and cannot tell who belongs to its tree");
