@@ -41,8 +41,8 @@ constexpr auto kDetails = std::to_array<std::pair<const char*, const char*>>({
      "With --list and the name of an action its inputs, outputs and results are shown. Example: kel --root "
      "DIR call FileStoreListFiles Limit:=10"},
     {"invite",
-     "The token alone goes to the standard output. Whoever has it can join the tree as a relay or client, "
-     "so it is as secret as a password."},
+     "The token alone goes to the standard output. Whoever has it can join the tree as a client, or with "
+     "--role relay as a relay, so it is as secret as a password."},
     {"keys revoke",
      "The device is refused at once by the master, and by the relays within a minute for each level. It "
      "comes back with another invitation."},

@@ -58,6 +58,7 @@ int RunCommand(const CommonOptions& common, const InviteOptions& options) {
     const auto remote = Remote::Open(common);
     if (!remote) return Complain(remote.Error());
     KelContainer call;
+    call.SetString("Role", options.role);
     call.SetInt32("Uses", options.uses);
     call.SetInt64("Seconds", options.seconds);
     if (const unsigned int result = remote->Call("KeysInvite", call); result != kKelOk)
@@ -71,10 +72,10 @@ int RunCommand(const CommonOptions& common, const InviteOptions& options) {
     // The token alone on stdout, for scripts.
     std::printf("%s\n", Printable(call.GetString("Token")).c_str());
     std::fprintf(stderr,
-                 "Valid until %s for %d %s. On the new device:\n"
-                 "  kel init DIR --role ROLE --address IP --port PORT --parent HOST:PORT --join TOKEN\n",
-                 TimeText(call.GetInt64("Expires")).c_str(), options.uses,
-                 options.uses == 1 ? "device" : "devices");
+                 "Valid until %s for %d %s%s. On the new device:\n"
+                 "  kel init DIR --role %s --address IP --port PORT --parent HOST:PORT --join TOKEN\n",
+                 TimeText(call.GetInt64("Expires")).c_str(), options.uses, options.role.c_str(),
+                 options.uses == 1 ? "" : "s", options.role.c_str());
     return kExitDone;
 }
 

@@ -136,6 +136,10 @@ void DefineInit(CLI::App& app, Parsed& parsed) {
 
 void DefineKeys(CLI::App& app, Parsed& parsed) {
     auto* invite = app.add_subcommand("invite", "Make an invitation for new devices; on the master");
+    invite->add_option("--role", parsed.invite.role, "What they may be; relay: a client, too")
+        ->type_name("ROLE")
+        ->check(CLI::IsMember({"relay", "client"}))
+        ->capture_default_str();
     invite->add_option("--uses", parsed.invite.uses, "How many devices may use it")
         ->type_name("N")
         ->check(CLI::Range(1, 100000))

@@ -36,6 +36,7 @@ struct InitOptions {
 };
 
 struct InviteOptions {
+    KelString role = "client";
     int uses = 1;
     std::int64_t seconds = 86400;  ///< how long it is valid
 };

@@ -17,19 +17,20 @@ KelError Refused(const char* why) {
 
 }  // namespace
 
-KelResult<KelInvitation> KelInvitations::Make(const KelString& guid, int uses, std::int64_t expires,
+KelResult<KelInvitation> KelInvitations::Make(const KelString& guid, const Offer& offer,
                                               std::int64_t now) const {
-    if (uses < 1 || uses > kMaxUses || expires <= now)
+    if (offer.uses < 1 || offer.uses > kMaxUses || offer.expires <= now)
         return Refused("an invitation needs an end in the future and 1 to 100000 uses");
     DropEnded(now);
-    const KelInvitation invitation{guid.substr(0, kSchemeDigits), expires, HexText(RandomBytes(8)),
+    const KelInvitation invitation{guid.substr(0, kSchemeDigits), offer.expires, HexText(RandomBytes(8)),
                                    authority_.Certificate().Fingerprint(), RandomBytes(32)};
     KelContainer values;
     values.SetString("SecretHash", TextSha256(invitation.secret));
     values.SetInt64("Created", now);
-    values.SetInt64("Expires", expires);
-    values.SetInt32("Uses", uses);
-    values.SetInt32("UsesLeft", uses);
+    values.SetInt64("Expires", offer.expires);
+    values.SetInt32("Uses", offer.uses);
+    values.SetInt32("UsesLeft", offer.uses);
+    values.SetString("Role", KelDeviceRoleName(offer.role));
     if (const KelStatus saved = values.SaveToFile(PathOf(invitation.id)); !saved) return saved.Error();
     return invitation;
 }
@@ -44,6 +45,9 @@ KelResult<KelCertificate> KelInvitations::Enrol(const KelEnrolRequest& request, 
     if (values.GetInt64("Expires") <= now)
         return Refused("the invitation is over; make another one on the master: kel invite");
     const KelDeviceIdentity& device = request.request.Identity();
+    if (device.role != KelDeviceRole::Client && values.GetString("Role") != KelDeviceRoleName(device.role))
+        return Refused(
+            "the invitation is for clients; make another one on the master: kel invite --role relay");
     const auto present = authority_.Find(device.guid, now);
     const bool isRepeated = present && present->Fingerprint() == request.request.Fingerprint();
     const std::int32_t left = values.GetInt32("UsesLeft");

@@ -41,7 +41,9 @@ void Keys::RegisterMaster(const char* handle) {
         {{&Keys::Invite,
           {.signature = "KeysInvite",
            .purpose = "Makes an invitation, with which devices join the tree; on the master.",
-           .inputs = "int32 Uses (1 to 100000), int64 Seconds (how long it is valid)",
+           .inputs =
+               "int32 Uses (1 to 100000), int64 Seconds (how long it is valid), string Role? (client, or "
+               "relay for relays and clients; absent: client)",
            .outputs = "string Token, int64 Expires (seconds since the epoch)",
            .results = "1 unusable; 17 not on the master; 18 not written",
            .callers = KelCallers::Local,
@@ -204,8 +206,11 @@ unsigned int Keys::Invite(KelContainer* arguments) {
     if (!master_) return Fail(arguments, OnlyOnMaster());
     const std::int64_t now = std::time(nullptr);
     const std::int64_t seconds = std::min(arguments->GetInt64("Seconds"), kMaxInvitationSeconds);
-    const auto invitation = master_->Invite(keeper_.Current()->Get().device.guid, arguments->GetInt32("Uses"),
-                                            now + seconds, now);
+    const auto role = ParseDeviceRole(arguments->GetString("Role", "client"));
+    if (!role || *role == KelDeviceRole::Master)
+        return Fail(arguments, {kKelErrorBadInput, "an invitation is for a relay or a client"});
+    const auto invitation = master_->Invite(keeper_.Current()->Get().device.guid,
+                                            {arguments->GetInt32("Uses"), now + seconds, *role}, now);
     if (!invitation) return Fail(arguments, invitation.Error());
     arguments->Clear();
     arguments->SetString("Token", invitation->ToToken());

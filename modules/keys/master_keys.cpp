@@ -24,10 +24,10 @@ KelResult<KelCertificate> MasterKeys::IssueOwn(const KelKeyPair& key, const KelD
     return authority_.Issue(key.Get(), master, now);
 }
 
-KelResult<KelInvitation> MasterKeys::Invite(const KelString& ownGuid, int uses, std::int64_t expires,
+KelResult<KelInvitation> MasterKeys::Invite(const KelString& ownGuid, const KelInvitations::Offer& offer,
                                             std::int64_t now) {
     const KelLock lock(mutex_);
-    return invitations_.Make(ownGuid, uses, expires, now);
+    return invitations_.Make(ownGuid, offer, now);
 }
 
 KelResult<KelRevocationList> MasterKeys::Revoke(const KelString& guid, std::int64_t now) {

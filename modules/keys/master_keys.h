@@ -19,7 +19,7 @@ class MasterKeys {
     /// The next certificate of the master itself.
     KelResult<KelCertificate> IssueOwn(const KelKeyPair& key, const KelDeviceIdentity& master,
                                        std::int64_t now);
-    KelResult<KelInvitation> Invite(const KelString& ownGuid, int uses, std::int64_t expires,
+    KelResult<KelInvitation> Invite(const KelString& ownGuid, const KelInvitations::Offer& offer,
                                     std::int64_t now);
     /// The list with the certificates of this device.
     KelResult<KelRevocationList> Revoke(const KelString& guid, std::int64_t now);

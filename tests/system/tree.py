@@ -139,7 +139,7 @@ class Agent:
         if not self.tree.keys:
             command += ["--plain", "--password-file", self.tree.password_file]
         elif self.parent:
-            command += ["--join", self.tree.invitation()]
+            command += ["--join", self.tree.invitation(self.role)]
         subprocess.run(command, check=True, stdout=subprocess.DEVNULL)
         self.set_ini("Identity", "Identity", "HostName", self.name)
         if getattr(self.tree.clock, "speed", 1) > 1:  # the interval has to keep up with the time-outs
@@ -288,10 +288,10 @@ class Tree:
             self.close()
             raise
 
-    def invitation(self):
+    def invitation(self, role):
         """A token with which one device can join the tree; the master runs from the first one on."""
         self.run(self.master)
-        return self.master.kel("invite")[0]["token"]
+        return self.master.kel("invite", "--role", role)[0]["token"]
 
     def choose_address(self, number):
         # The process id keeps trees that run at the same time apart.

@@ -119,7 +119,8 @@ TEST_F(KeysTest, ARevokedDeviceIsTrustedByNoRingThatKnowsTheListAndItsGuidIsFree
 }
 
 TEST_F(KeysTest, AnInvitationEnrolsAsManyDevicesAsItSaysAndNoneWithoutItsSecret) {
-    const KelInvitation made = Made(invitations_.Make(kRelay.guid, 1, kNow + kDay, kNow));
+    const KelInvitation made =
+        Made(invitations_.Make(kRelay.guid, {1, kNow + kDay, KelDeviceRole::Relay}, kNow));
     const KelInvitation read = Made(KelInvitation::FromToken(made.ToToken()));
     EXPECT_EQ(read.scheme, "ABCD");
     EXPECT_EQ(read.expires, kNow + kDay);
@@ -150,10 +151,14 @@ TEST_F(KeysTest, AnInvitationEnrolsAsManyDevicesAsItSaysAndNoneWithoutItsSecret)
                 HasSubstr("as often as it may"));
     EXPECT_THAT(TempFolder::Read(folder_ / ("Authority/Invitations/" + read.id + ".xml")),
                 testing::Not(HasSubstr(HexText(read.secret))));
+    const KelInvitation ofClients = Made(invitations_.Make(kRelay.guid, {1, kNow + kDay}, kNow));
+    EXPECT_THAT(ErrorOf(invitations_.Enrol(sent(KelEnrolRequest::Make(ofClients, other)), kNow)),
+                HasSubstr("is for clients"));
 }
 
 TEST_F(KeysTest, WhatStrangersSendIsRefusedUnlessItIsExactlyOfItsForm) {
-    const KelInvitation invitation = Made(invitations_.Make(kRelay.guid, 1, kNow + kDay, kNow));
+    const KelInvitation invitation =
+        Made(invitations_.Make(kRelay.guid, {1, kNow + kDay, KelDeviceRole::Relay}, kNow));
     const KelString token = invitation.ToToken();
     for (std::size_t i = 0; i < token.size(); i += 7) {
         KelString damaged = token;
