@@ -51,6 +51,13 @@ constexpr auto kDetails = std::to_array<std::pair<const char*, const char*>>({
      "its GUID and its key."},
     {"keys forget-parent",
      "A device remembers the key of its parent, so that no other one can take that place."},
+    {"password",
+     "Devices are given the new password in any order, without a restart: each accepts both until the former "
+     "one is ended there."},
+    {"password rotate",
+     "The password is read from a file or the standard input, so that no other user sees it. Example: ssh "
+     "DEVICE kel password rotate --password-file - < FILE"},
+    {"password end", "It is refused while devices come with the former password, or have last come with it."},
     {"audit",
      "A change through the master is shown on the master with the device, and on the device with the "
      "master. One without a result is running, or the agent ended in the middle of it."},

@@ -107,6 +107,9 @@ constexpr auto kNames = std::to_array<Name>({
     {"ParentFingerprint", "parent_key"},
     {"RevokedNumber", "revoked_number"},
     {"RevokedCount", "revoked_count"},
+    {"HasFormer", "has_former"},
+    {"FormerEnd", "former_end"},
+    {"FormerCallers", "former_callers"},
     // groups
     {"Member", "member"},
     {"Members", "members"},

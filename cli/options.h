@@ -46,6 +46,14 @@ struct KeysOptions {
     KelString text;  ///< a GUID to revoke, a token to join with
 };
 
+struct PasswordOptions {
+    enum class Verb : unsigned char { Status, Rotate, End };
+    Verb verb = Verb::Status;
+    KelString file;   ///< whose first line is the new password; "-": the standard input; empty: a random one
+    KelString until;  ///< the day on which the former one ends, as "2026-12-31"; empty: when it is removed
+    bool force = false;  ///< end the former one although devices still use it
+};
+
 struct StatusOptions {};
 struct DevicesOptions {};
 struct InboxOptions {};
@@ -194,7 +202,7 @@ using CommandOptions =
                  WindowsOptions, InboxOptions, CallOptions, WhyOptions, GroupsOptions, WakeOptions,
                  MulticastOptions, WithdrawOptions, RemoveDeviceOptions, ResumeOptions, ParentOptions,
                  AuditOptions, BackupOptions, RestoreOptions, DoctorOptions, InviteOptions, KeysOptions,
-                 TopOptions, CompletionOptions, ManualOptions>;
+                 PasswordOptions, TopOptions, CompletionOptions, ManualOptions>;
 
 struct Options {
     CommonOptions common;

@@ -14,6 +14,7 @@
 #include "kel/text.h"
 #include "kelcore/agent.h"
 #include "kelcore/keys/key_ring.h"
+#include "kelcore/tree_passwords.h"
 
 namespace {
 
@@ -156,9 +157,11 @@ std::uint64_t AgentSecurityKeysId() {
     return TheKeys().id;
 }
 
-KelString AgentSecurityGroupKey() {
-    const AgentSecurityKeys keys = AgentSecurityGetKeys();
-    return keys ? keys->Get().groupKey : KelAgentGetHttpPassword();
+KelVector<KelString> AgentSecurityGroupKeys() {
+    if (const AgentSecurityKeys keys = AgentSecurityGetKeys()) return {keys->Get().groupKey};
+    const KelPasswordPair passwords = TreePasswords().Get();
+    if (passwords.former.empty()) return {passwords.current};
+    return {passwords.former, passwords.current};
 }
 
 KelString AgentSecurityPacFindProxy(const AgentSecurityPacSettings& settings, const KelString& url,

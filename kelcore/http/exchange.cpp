@@ -128,6 +128,7 @@ void HttpExchange::SetHeaders() {
         AddHeader("Content-Type: application/octet-stream");
     if (const KelString caller = request_.GetHeader("kel-caller"); !caller.empty())
         AddHeader("Kel-Caller: " + caller);
+    if (handle_.hasNewerPassword) AddHeader("Kel-Password: both");
     if (request_.GetRangeStart() > 0) {
         AddHeader("Range: bytes=" + std::to_string(request_.GetRangeStart()) + "-");
         if (!request_.GetIfRange().empty()) AddHeader("If-Range: " + request_.GetIfRange());

@@ -97,6 +97,7 @@ class Connection final : public ChannelUser,
     void OnKeptFound(unsigned int status);
 
     // Responses (connection_response.cpp).
+    KelString MakeHead(unsigned int status, std::string_view headers) const;
     void Respond(unsigned int status, std::string_view headers, std::string_view body);
     /// A response with the body `text`, or the reason phrase of the status.
     void RespondError(unsigned int status, std::string_view text = {});

@@ -166,9 +166,10 @@ bool Connection::CheckCredentials(const RequestHead& request) {
         RespondError(429, "Too many requests with wrong credentials; try again later\n");
         return false;
     }
-    const DigestAuth::Verdict verdict = context_.auth.Check(
-        {request.methodName, request.target, authorization, peer_, channel_->IsEncrypted()}, authMemory_,
-        now);
+    const DigestAuth::Verdict verdict =
+        context_.auth.Check({request.methodName, request.target, authorization, peer_,
+                             channel_->IsEncrypted(), request.Field("Kel-Password") == "both"},
+                            authMemory_, now);
     if (verdict == DigestAuth::Verdict::Granted) return isAuthenticated_ || AdmitAuthenticated();
     if (verdict == DigestAuth::Verdict::Refused && NoteWrongCredentials(now)) {
         Enter(State::Delayed);
