@@ -55,6 +55,7 @@ const IniSetting kLogMaxBytes = IniSetting::Number("Agent", "LogMaxBytes", 10 <<
 const IniSetting kLogFiles = IniSetting::Number("Agent", "LogFiles", 5).Between(1, 1000);
 // Without them connections would go on unprotected, or past the proxy.
 const IniSetting kKeys = IniSetting::Flag("Security", "Keys", false).Vital();
+const IniSetting kAcceptPassword = IniSetting::Flag("Security", "AcceptPassword", false).Vital();
 const IniSetting kSslForce = IniSetting::Flag("Security", "SslForce", false).Vital();
 const IniSetting kSslCaFile = IniSetting::Text("Security", "SslCaFile");
 const IniSetting kSslCertificateFile = IniSetting::Text("Security", "SslCertificateFile");
@@ -63,11 +64,23 @@ const IniSetting kPacForce = IniSetting::Flag("Security", "PacForce", false).Vit
 const IniSetting kPacScript = IniSetting::Text("Security", "PacScript");
 
 std::span<const IniSetting> AgentIniSettings() {
-    static const std::array settings = {
-        kName,       kHttpPassword, kFormerPassword, kFormerEnd,
-        kAddress,    kLogLevel,     kLogMaxBytes,    kLogFiles,
-        kKeys,       kSslForce,     kSslCaFile,      kSslCertificateFile,
-        kSslKeyFile, kPacForce,     kPacScript,      IniSetting::Text("Modules", "Module*")};
+    static const std::array settings = {kName,
+                                        kHttpPassword,
+                                        kFormerPassword,
+                                        kFormerEnd,
+                                        kAddress,
+                                        kLogLevel,
+                                        kLogMaxBytes,
+                                        kLogFiles,
+                                        kKeys,
+                                        kAcceptPassword,
+                                        kSslForce,
+                                        kSslCaFile,
+                                        kSslCertificateFile,
+                                        kSslKeyFile,
+                                        kPacForce,
+                                        kPacScript,
+                                        IniSetting::Text("Modules", "Module*")};
     return settings;
 }
 
@@ -115,6 +128,7 @@ KelStatus ReadSecurity(const IniFile& ini, const KelString& path, AgentConfig& c
         auto keys = LoadKeyRing(config.DataDir());
         if (!keys) return Fault(path, "Keys is set, but they cannot be used: " + keys.Error().message);
         config.keys = std::move(*keys);
+        config.acceptPassword = ReadIniFlag(ini, kAcceptPassword);
     }
     if (!config.pacForce) return {};
     if (script.empty()) return Fault(path, "PacForce needs PacScript, the file of the script");

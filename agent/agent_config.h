@@ -24,6 +24,7 @@ struct AgentConfig {
     std::size_t logFiles = 0;
     KelVector<KelString> modules;  ///< in the order in which they are driven
     AgentSecurityKeys keys;        ///< null in a plain tree
+    bool acceptPassword = false;   ///< a tree on its way to keys
     bool sslForce = false;
     AgentSecuritySslSettings ssl;
     bool pacForce = false;

@@ -7,6 +7,7 @@
 #include "kel/format.h"
 #include "kelcore/action_db.h"
 #include "kelcore/error_codes.h"
+#include "kelcore/keys/transition.h"
 #include "kelcore/tree_passwords.h"
 
 namespace {
@@ -55,11 +56,14 @@ KelStatus PasswordKeeper::Reload(std::int64_t now) {
     const auto config = LoadAgentConfig(root_);
     if (!config) return config.Error();
     const KelPasswordPair before = TreePasswords().Get();
+    const bool wasOn = Transition().CallsWithPassword();
     Apply(*config, now);
     const KelPasswordPair after = TreePasswords().Get();
     if (before.current != after.current) log_.Print("The tree has a new password\n");
     if (!before.former.empty() && after.former.empty())
         log_.Print("The former password of the tree is not accepted any more\n");
+    if (wasOn && !Transition().CallsWithPassword())
+        log_.Print("Members without keys are not accepted any more\n");
     return {};
 }
 
@@ -67,6 +71,7 @@ void PasswordKeeper::Apply(const AgentConfig& config, std::int64_t now) {
     KelPasswordPair passwords{config.httpPassword, config.formerPassword, config.formerEnd};
     if (passwords.formerEnd != 0 && passwords.formerEnd <= now) passwords = {config.httpPassword};
     TreePasswords().Set(std::move(passwords));
+    Transition().SetOn(config.acceptPassword);
     reminded_ = 0;
     Remind(now);
 }
@@ -74,7 +79,6 @@ void PasswordKeeper::Apply(const AgentConfig& config, std::int64_t now) {
 void PasswordKeeper::Step(std::int64_t now) {
     const KelLock lock(mutex_);
     const KelPasswordPair passwords = TreePasswords().Get();
-    if (passwords.former.empty()) return;
     if (passwords.formerEnd == 0 || now < passwords.formerEnd) return Remind(now);
     TreePasswords().Set({passwords.current});
     log_.Print("The former password of the tree has ended, as Agent.ini says\n");
@@ -82,8 +86,14 @@ void PasswordKeeper::Step(std::int64_t now) {
 
 void PasswordKeeper::Remind(std::int64_t now) {
     const KelPasswordPair passwords = TreePasswords().Get();
-    if (passwords.former.empty() || (reminded_ != 0 && now - reminded_ < kDay)) return;
+    if (reminded_ != 0 && now - reminded_ < kDay) return;
     reminded_ = now;
+    if (Transition().CallsWithPassword() && Transition().AcceptsPassword())
+        log_.Warning(
+            "Members without keys are accepted with the password; end that when all devices have keys: kel "
+            "keys "
+            "end-password\n");
+    if (passwords.former.empty()) return;
     log_.Warning(
         "The former password of the tree is accepted, too%S; end it when all devices have the new one: kel "
         "password end\n",

@@ -48,7 +48,15 @@ constexpr auto kDetails = std::to_array<std::pair<const char*, const char*>>({
      "comes back with another invitation."},
     {"keys join",
      "For a device whose invitation has ended before it was used, or whose certificate has ended. It keeps "
-     "its GUID and its key."},
+     "its GUID and its key. A device of a plain tree gets keys and keeps its GUID; its agent has to be "
+     "started "
+     "again."},
+    {"keys begin",
+     "The agent has to be started again after it. Members without keys are accepted until 'kel keys "
+     "end-password'."},
+    {"keys end-password",
+     "For the master and the relays of a tree that was plain. It is refused while devices come with the "
+     "password."},
     {"keys forget-parent",
      "A device remembers the key of its parent, so that no other one can take that place."},
     {"password",

@@ -100,8 +100,15 @@ Finding ExamineModes(const KelString& root, const struct stat& folder, const Roo
     return {"modes", State::Ok, "the files belong to the user of " + root + ", and to no other", {}};
 }
 
-/// Nothing while there is one password.
+/// Nothing while there is one password, or none that counts.
 KelVector<Finding> ExaminePassword(const KelString& root) {
+    if (ParseIniFlag(IniValue(root, "Agent", "Security", "AcceptPassword")).value_or(false) &&
+        ParseIniFlag(IniValue(root, "Agent", "Security", "Keys")).value_or(false))
+        return {
+            {"password", State::Warning,
+             "members without keys are accepted with the password: this device has the protection of a plain "
+             "tree only",
+             "when all devices have keys: kel keys end-password"}};
     if (IniValue(root, "Agent", "Agent", "HttpFormerPassword").empty()) return {};
     const KelString day = IniValue(root, "Agent", "Agent", "HttpFormerPasswordEnd");
     const auto end = ParsePasswordEnd(day);

@@ -176,6 +176,11 @@ void DefineKeys(CLI::App& app, Parsed& parsed) {
         ->required();
     define("forget-parent", KeysOptions::Verb::ForgetParent,
            "Learn the key of the parent anew, after the parent was set up again");
+    define("begin", KeysOptions::Verb::Begin,
+           "Give the master of a plain tree keys; its devices get theirs with 'join', one after the other");
+    define("end-password", KeysOptions::Verb::EndPassword,
+           "Refuse members without keys, when all devices of a former plain tree have joined")
+        ->add_flag("--force", keys.force, "Also while devices without keys come");
     command->callback([&parsed] { parsed.chosen = parsed.keys; });
 }
 

@@ -41,9 +41,10 @@ struct InviteOptions {
 };
 
 struct KeysOptions {
-    enum class Verb : unsigned char { Status, List, Revoke, Join, ForgetParent };
+    enum class Verb : unsigned char { Status, List, Revoke, Join, ForgetParent, Begin, EndPassword };
     Verb verb = Verb::Status;
-    KelString text;  ///< a GUID to revoke, a token to join with
+    KelString text;      ///< a GUID to revoke, a token to join with
+    bool force = false;  ///< refuse members without keys although there are some
 };
 
 struct PasswordOptions {

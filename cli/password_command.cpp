@@ -103,13 +103,6 @@ int Rotate(const CommonOptions& common, const PasswordOptions& options, AgentIni
     return kExitDone;
 }
 
-KelString CallersText(const KelContainer& values) {
-    KelString text;
-    for (std::uint32_t i = 0; values.Has("FormerCallers") && i < values.Count("FormerCallers"); ++i)
-        text += (i == 0 ? "" : ", ") + values.GetContainer("FormerCallers", i).GetString("Address");
-    return text;
-}
-
 /// Whether devices have come with the former password and not with the new one since; an exit code.
 int CheckUnused(const CommonOptions& common) {
     const auto lock = LockStoppedRoot(CompletePath(common.root));
@@ -120,7 +113,7 @@ int CheckUnused(const CommonOptions& common) {
     KelContainer answer;
     if (const unsigned int result = remote->Call("AgentGetPassword", answer); result != kKelOk)
         return ExitCodeOf(result);
-    const KelString callers = CallersText(answer.GetContainer("Values"));
+    const KelString callers = AddressesText(answer.GetContainer("Values"), "FormerCallers");
     if (callers.empty()) return kExitDone;
     return Complain(Unusable("devices still come with the former password: " + callers +
                              "; give them the new one, or end it with --force"));
@@ -155,7 +148,7 @@ int Show(const CommonOptions& common) {
         return kExitDone;
     }
     const KelString end = TimeText(values.GetInt64("FormerEnd"));
-    const KelString callers = CallersText(values);
+    const KelString callers = AddressesText(values, "FormerCallers");
     std::printf("The former password is accepted, too%s.\n", end.empty() ? "" : (", until " + end).c_str());
     std::printf("%s\n", callers.empty() ? "No device comes with it now."
                                         : Printable("Devices that come with it: " + callers).c_str());

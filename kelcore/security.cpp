@@ -14,6 +14,7 @@
 #include "kel/text.h"
 #include "kelcore/agent.h"
 #include "kelcore/keys/key_ring.h"
+#include "kelcore/keys/transition.h"
 #include "kelcore/tree_passwords.h"
 
 namespace {
@@ -158,10 +159,14 @@ std::uint64_t AgentSecurityKeysId() {
 }
 
 KelVector<KelString> AgentSecurityGroupKeys() {
-    if (const AgentSecurityKeys keys = AgentSecurityGetKeys()) return {keys->Get().groupKey};
+    const AgentSecurityKeys keys = AgentSecurityGetKeys();
     const KelPasswordPair passwords = TreePasswords().Get();
-    if (passwords.former.empty()) return {passwords.current};
-    return {passwords.former, passwords.current};
+    KelVector<KelString> all;
+    if (!keys || Transition().CallsWithPassword()) all = {passwords.former, passwords.current};
+    if (keys) all.push_back(keys->Get().groupKey);
+    std::erase(all, KelString());
+    if (all.empty()) all.emplace_back();  // not enrolled yet: it authenticates nothing
+    return all;
 }
 
 KelString AgentSecurityPacFindProxy(const AgentSecurityPacSettings& settings, const KelString& url,

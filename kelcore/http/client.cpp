@@ -16,6 +16,7 @@
 #include "kelcore/http/handle_pool.h"
 #include "kelcore/http/url.h"
 #include "kelcore/keys/peer_check.h"
+#include "kelcore/keys/transition.h"
 #include "kelcore/tree_passwords.h"
 
 namespace {
@@ -183,7 +184,7 @@ unsigned int HttpClient::Exchange(const HttpMessage& request, HttpMessage& answe
         errorText_ = "unusable request for \"" + request.GetResourcePath() + "\"";
     } else {
         try {
-            result = TryPasswords(request, answer, transmission);
+            result = TryWays(request, answer, transmission);
         } catch (const std::exception& error) {
             result = kHttpUnreachable;
             errorText_ = error.what();
@@ -199,6 +200,30 @@ KelPeerExpectation HttpClient::Expected() const {
     KelPeerExpectation expected = keys_->ExpectedAt(host_, port_);
     if (!expectedGuid_.empty()) expected.guid = expectedGuid_;
     return expected;
+}
+
+/// In a tree on its way to keys, the parent has them before its children; of others it is found out.
+bool HttpClient::IsCalledWithKeys() const {
+    const KelTransition& transition = Transition();
+    if (!socket_.empty() || !transition.CallsWithPassword() || !expectedAuthority_.empty() ||
+        !TreePasswords().Has(password_))
+        return true;
+    return keys_->IsEnrolled() && (Expected().isParent || transition.HasKeys(expectedGuid_) ||
+                                   transition.HasKeys(KelFormat("%S:%u", host_, unsigned{port_})));
+}
+
+/// A member without keys is called with the password. A device that takes none any more closes the connection
+/// at once, and is called with the keys.
+unsigned int HttpClient::TryWays(const HttpMessage& request, HttpMessage& answer,
+                                 HttpManagedTransmission* transmission) {
+    if (!keys_ || IsCalledWithKeys()) return TryPasswords(request, answer, transmission);
+    const AgentSecurityKeys keys = std::exchange(keys_, nullptr);
+    unsigned int result = TryPasswords(request, answer, transmission);
+    keys_ = keys;
+    if (result == kHttpCompleted || !wasClosed_ || !keys->IsEnrolled()) return result;
+    result = TryPasswords(request, answer, transmission);
+    if (result == kHttpCompleted) Transition().NoteKeys(KelFormat("%S:%u", host_, unsigned{port_}));
+    return result;
 }
 
 /// While the password of the tree is being changed, a server may know only one of the two.
@@ -293,6 +318,7 @@ unsigned int HttpClient::RunOnHandle(const HttpMessage& request, HttpMessage& an
                                .hasTimeout = exchangeTimeout_ > 0});
         result = exchange.Run();
         errorText_ = exchange.ErrorText();
+        wasClosed_ = exchange.WasClosed();
         if (exchange.HasUnsafeChallenge()) return result;
     }
     if (keys_)

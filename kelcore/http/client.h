@@ -89,6 +89,9 @@ class HttpClient {
                           HttpManagedTransmission* transmission);
     KelPeerExpectation Expected() const;
     KelString PeerKey(const KelString& base, const KelString& password) const;
+    unsigned int TryWays(const HttpMessage& request, HttpMessage& answer,
+                         HttpManagedTransmission* transmission);
+    bool IsCalledWithKeys() const;
     unsigned int TryPasswords(const HttpMessage& request, HttpMessage& answer,
                               HttpManagedTransmission* transmission);
     void SetKeys(HttpHandle& handle);
@@ -114,6 +117,7 @@ class HttpClient {
     std::optional<KelCertificate> peerAuthority_;
     std::function<bool()> cancelled_;
     IpAddress localAddress_;
+    bool wasClosed_ = false;  ///< the last exchange, without an answer
     KelString errorText_;
 };
 

@@ -71,6 +71,7 @@ class Connection final : public ChannelUser,
     void NoteCertificate();
     bool AdmitStranger(const RequestHead& request);
     bool CheckCredentials(const RequestHead& request);
+    void NoteMember();
     bool AdmitAuthenticated();
     void RefuseCredentials(bool isStale);
     bool NoteWrongCredentials(Clock::time_point now);

@@ -1,10 +1,13 @@
 // Requests of the class Connection, except for uploads.
 
 #include <algorithm>
+#include <ctime>
 
 #include "kel/format.h"
 #include "kelcore/action_db.h"
+#include "kelcore/agent.h"
 #include "kelcore/error_codes.h"
+#include "kelcore/keys/transition.h"
 #include "kelcore/security.h"
 #include "modules/http_protocol/connection.h"
 #include "modules/http_protocol/protected_files.h"
@@ -150,7 +153,10 @@ bool Connection::Authenticate(const RequestHead& request) {
         case KelPeer::Proof::Password:
             break;
     }
-    return CheckCredentials(request);
+    if (Transition().AcceptsPassword()) return CheckCredentials(request);
+    keepAlive_ = false;  // it was accepted when the connection was made
+    RespondError(401);
+    return false;
 }
 
 bool Connection::CheckCredentials(const RequestHead& request) {
@@ -190,9 +196,18 @@ bool Connection::AdmitAuthenticated() {
         return false;
     }
     isAuthenticated_ = true;
+    NoteMember();
     context_.failures.Succeeded("credentials " + peer_.ToText(),
                                 "Requests from " + peer_.ToText() + " have the right credentials again");
     return true;
+}
+
+/// In a tree on its way to keys, it is kept in mind who has them and who has not.
+void Connection::NoteMember() {
+    const KelPeer sender = channel_->Peer();
+    if (sender.proof == KelPeer::Proof::Socket || peer_ == IpAddress::Parse(KelAgentGetAddress())) return;
+    Transition().NoteKeys(sender.deviceGuid);
+    Transition().NoteCaller(peer_, sender.proof == KelPeer::Proof::Password, std::time(nullptr));
 }
 
 void Connection::RefuseCredentials(bool isStale) {

@@ -32,7 +32,8 @@ class JsonTest(SystemTest):
                 "password status": ()}
             # These say nothing here, print what is no list, or were run above.
             others = {"init", "restore", "settings", "resume", "wake", "send", "call", "completion", "manual", "devices remove",
-                      "keys revoke", "keys join", "keys forget-parent", "password rotate", "password end"}
+                      "keys revoke", "keys join", "keys forget-parent", "password rotate", "password end",
+                      "keys begin", "keys end-password"}
             commands = run("completion", "commands")
             self.assertEqual({command["name"] for command in commands}, {*lines, *others})
             for command, arguments in lines.items():
