@@ -5,6 +5,7 @@
 
 #include "agent/agent_actions.h"
 #include "agent/module_loader.h"
+#include "agent/password_keeper.h"
 #include "kel/directory.h"
 #include "kelcore/action_db.h"
 
@@ -67,7 +68,9 @@ KelResult<KelString> ActionsInMarkdown(const KelString& modulesDir) {
         if (!module) return module.Error();
         modules.push_back(std::move(*module));
     }
-    RegisterAgentActions({});
+    const KelDebug log("Agent", "Agent");
+    PasswordKeeper passwords(log);
+    RegisterAgentActions({}, passwords);
     for (LoadedModule& module : modules)
         module.Register();
     std::map<KelString, KelString> byModule;

@@ -74,6 +74,7 @@ int Agent::Run() {
     log_.SetContext(context);
     KelAgentConfigure(Settings(config_, modulesDir_, context, programUmask));
     ConfigureSecurity(config_);
+    passwords_.Begin(config_, std::time(nullptr));
     for (const IniFault& fault : config_.faults)
         log_.Warning("%S\n", fault.text);
     for (const KelString& line : CloseRoot(config_))
@@ -104,6 +105,7 @@ void Agent::Work(StopSignals& stop) {
     service.Ready(ready);
     while (!stop.WaitFor(service.Pause(kReleasePause))) {
         ReleaseFreeMemory();
+        passwords_.Step(std::time(nullptr));
         service.Step();
         if (service.IsWatched()) service.Status(ready + PlaceInTree());
     }
@@ -114,7 +116,7 @@ bool Agent::Start(const StopSignals& stop) {
     log_.Print("kelagent %s starting on %S\n", KelVersion(), config_.root);
     if (!LoadModules()) return false;
     RemoveBackupCopies(config_.root);
-    RegisterAgentActions({config_.root, std::time(nullptr), config_.modules});
+    RegisterAgentActions({config_.root, std::time(nullptr), config_.modules}, passwords_);
     return RegisterModules() && InitialiseModules(stop) && ActivateModules(stop);
 }
 
@@ -200,7 +202,7 @@ bool Agent::IsAlive() {
     if (address.starts_with(kAnyAddress)) address.replace(0, kAnyAddress.size(), "127.0.0.1");
     KelContainer answer;
     const unsigned int result =
-        ActionDbInvokeContainer("watchdog", UrlForAgent(config_.name, config_.httpPassword, address),
+        ActionDbInvokeContainer("watchdog", UrlForAgent(config_.name, KelAgentGetHttpPassword(), address),
                                 "AgentGetStatus", answer, 0, kAliveSeconds, kAliveSeconds, nullptr);
     // Whatever it answers, the server does.
     if (result == kKelErrorUnreachable) {

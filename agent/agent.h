@@ -2,6 +2,7 @@
 
 #include "agent/agent_config.h"
 #include "agent/module_loader.h"
+#include "agent/password_keeper.h"
 #include "agent/stop_signals.h"
 #include "kel/debug.h"
 #include "kel/types.h"
@@ -38,6 +39,7 @@ class Agent {
     KelString modulesDir_;
     KelDebug log_;
     KelFailureLog failures_{log_};
+    PasswordKeeper passwords_{log_};
     KelVector<LoadedModule> modules_;
     std::size_t registered_ = 0;   ///< how many modules, from the first, are registered
     std::size_t initialised_ = 0;  ///< and how many initialised

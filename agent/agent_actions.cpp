@@ -6,6 +6,7 @@
 #include <fstream>
 
 #include "agent/database_actions.h"
+#include "agent/password_keeper.h"
 #include "kel/container.h"
 #include "kelcore/action_db.h"
 #include "kelcore/audit.h"
@@ -77,8 +78,9 @@ unsigned int ListActions(KelContainer* container) {
 
 }  // namespace
 
-void RegisterAgentActions(AgentFacts facts) {
+void RegisterAgentActions(AgentFacts facts, PasswordKeeper& passwords) {
     RegisterDatabaseActions(facts.root);
+    RegisterPasswordActions(passwords);
     ActionDbRegisterAction(
         {.signature = "AgentGetStatus",
          .purpose = "Says which agent this is, since when it runs, and what it uses.",

@@ -14,5 +14,7 @@ struct AgentFacts {
 /// Handle under which the agent's own actions are registered.
 inline constexpr const char* kAgentHandle = "Agent";
 
-/// Registers the agent's own actions.
-void RegisterAgentActions(AgentFacts facts);
+class PasswordKeeper;
+
+/// Registers the agent's own actions. `passwords` outlives them.
+void RegisterAgentActions(AgentFacts facts, PasswordKeeper& passwords);

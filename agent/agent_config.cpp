@@ -21,6 +21,7 @@
 #include "kel/path.h"
 #include "kel/text.h"
 #include "kelcore/keys/key_folder.h"
+#include "kelcore/tree_passwords.h"
 
 namespace {
 
@@ -31,6 +32,10 @@ bool IsIpAddress(const KelString& text) {
     return text.empty() || IpAddress::Parse(text);
 }
 
+bool IsPasswordEnd(const KelString& text) {
+    return text.empty() || ParsePasswordEnd(text);
+}
+
 bool IsDebugLevel(const KelString& text) {
     // A value that no name of a level gives.
     constexpr auto kUnknown = static_cast<KelDebugLevel>(-1);
@@ -39,6 +44,9 @@ bool IsDebugLevel(const KelString& text) {
 
 const IniSetting kName = IniSetting::Text("Agent", "Name");
 const IniSetting kHttpPassword = IniSetting::Text("Agent", "HttpPassword");
+const IniSetting kFormerPassword = IniSetting::Text("Agent", "HttpFormerPassword");
+const IniSetting kFormerEnd =
+    IniSetting::Text("Agent", "HttpFormerPasswordEnd").Checked(IsPasswordEnd, "a day as 2026-12-31").Vital();
 const IniSetting kAddress =
     IniSetting::Text("Agent", "Address").Checked(IsIpAddress, "an IPv4 address").Vital();
 const IniSetting kLogLevel = IniSetting::Text("Agent", "LogLevel", "print")
@@ -47,6 +55,7 @@ const IniSetting kLogMaxBytes = IniSetting::Number("Agent", "LogMaxBytes", 10 <<
 const IniSetting kLogFiles = IniSetting::Number("Agent", "LogFiles", 5).Between(1, 1000);
 // Without them connections would go on unprotected, or past the proxy.
 const IniSetting kKeys = IniSetting::Flag("Security", "Keys", false).Vital();
+const IniSetting kAcceptPassword = IniSetting::Flag("Security", "AcceptPassword", false).Vital();
 const IniSetting kSslForce = IniSetting::Flag("Security", "SslForce", false).Vital();
 const IniSetting kSslCaFile = IniSetting::Text("Security", "SslCaFile");
 const IniSetting kSslCertificateFile = IniSetting::Text("Security", "SslCertificateFile");
@@ -55,13 +64,23 @@ const IniSetting kPacForce = IniSetting::Flag("Security", "PacForce", false).Vit
 const IniSetting kPacScript = IniSetting::Text("Security", "PacScript");
 
 std::span<const IniSetting> AgentIniSettings() {
-    static const std::array settings = {kName,        kHttpPassword,
-                                        kAddress,     kLogLevel,
-                                        kLogMaxBytes, kLogFiles,
-                                        kKeys,        kSslForce,
-                                        kSslCaFile,   kSslCertificateFile,
-                                        kSslKeyFile,  kPacForce,
-                                        kPacScript,   IniSetting::Text("Modules", "Module*")};
+    static const std::array settings = {kName,
+                                        kHttpPassword,
+                                        kFormerPassword,
+                                        kFormerEnd,
+                                        kAddress,
+                                        kLogLevel,
+                                        kLogMaxBytes,
+                                        kLogFiles,
+                                        kKeys,
+                                        kAcceptPassword,
+                                        kSslForce,
+                                        kSslCaFile,
+                                        kSslCertificateFile,
+                                        kSslKeyFile,
+                                        kPacForce,
+                                        kPacScript,
+                                        IniSetting::Text("Modules", "Module*")};
     return settings;
 }
 
@@ -109,6 +128,7 @@ KelStatus ReadSecurity(const IniFile& ini, const KelString& path, AgentConfig& c
         auto keys = LoadKeyRing(config.DataDir());
         if (!keys) return Fault(path, "Keys is set, but they cannot be used: " + keys.Error().message);
         config.keys = std::move(*keys);
+        config.acceptPassword = ReadIniFlag(ini, kAcceptPassword);
     }
     if (!config.pacForce) return {};
     if (script.empty()) return Fault(path, "PacForce needs PacScript, the file of the script");
@@ -173,6 +193,8 @@ KelResult<AgentConfig> LoadAgentConfig(const KelString& root) {
     if (auto status = Examine(ini, path, config); !status) return status.Error();
     config.name = ReadIniText(ini, kName);
     config.httpPassword = ReadIniText(ini, kHttpPassword);
+    config.formerPassword = ReadIniText(ini, kFormerPassword);
+    config.formerEnd = ParsePasswordEnd(ReadIniText(ini, kFormerEnd)).value_or(0);
     config.address = ReadIniText(ini, kAddress);
     config.modules = ReadModules(ini);
     if (auto status = CheckRequired(path, config); !status) return status.Error();

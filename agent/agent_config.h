@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 
 #include "kel/debug.h"
 #include "kel/result.h"
@@ -12,15 +13,18 @@
 
 /// The agent's own configuration, from config/Agent.ini beneath its root folder.
 struct AgentConfig {
-    KelString root;          ///< ends with "/"
-    KelString name;          ///< user name of the tree's HTTP requests
-    KelString httpPassword;  ///< never empty
-    KelString address;       ///< own IPv4 address; empty: any
+    KelString root;              ///< ends with "/"
+    KelString name;              ///< user name of the tree's HTTP requests
+    KelString httpPassword;      ///< never empty
+    KelString formerPassword;    ///< empty: only one
+    std::int64_t formerEnd = 0;  ///< of that, seconds since the epoch; 0: when it is removed
+    KelString address;           ///< own IPv4 address; empty: any
     KelDebugLevel logLevel = KelDebugLevel::Print;
     std::size_t logMaxBytes = 0;
     std::size_t logFiles = 0;
     KelVector<KelString> modules;  ///< in the order in which they are driven
     AgentSecurityKeys keys;        ///< null in a plain tree
+    bool acceptPassword = false;   ///< a tree on its way to keys
     bool sslForce = false;
     AgentSecuritySslSettings ssl;
     bool pacForce = false;

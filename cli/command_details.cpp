@@ -48,9 +48,24 @@ constexpr auto kDetails = std::to_array<std::pair<const char*, const char*>>({
      "comes back with another invitation."},
     {"keys join",
      "For a device whose invitation has ended before it was used, or whose certificate has ended. It keeps "
-     "its GUID and its key."},
+     "its GUID and its key. A device of a plain tree gets keys and keeps its GUID; its agent has to be "
+     "started "
+     "again."},
+    {"keys begin",
+     "The agent has to be started again after it. Members without keys are accepted until 'kel keys "
+     "end-password'."},
+    {"keys end-password",
+     "For the master and the relays of a tree that was plain. It is refused while devices come with the "
+     "password."},
     {"keys forget-parent",
      "A device remembers the key of its parent, so that no other one can take that place."},
+    {"password",
+     "Devices are given the new password in any order, without a restart: each accepts both until the former "
+     "one is ended there."},
+    {"password rotate",
+     "The password is read from a file or the standard input, so that no other user sees it. Example: ssh "
+     "DEVICE kel password rotate --password-file - < FILE"},
+    {"password end", "It is refused while devices come with the former password, or have last come with it."},
     {"audit",
      "A change through the master is shown on the master with the device, and on the device with the "
      "master. One without a result is running, or the agent ended in the middle of it."},

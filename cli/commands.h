@@ -41,6 +41,7 @@ int RunCommand(const CommonOptions& common, const RestoreOptions& options);
 int RunCommand(const CommonOptions& common, const DoctorOptions& options);
 int RunCommand(const CommonOptions& common, const InviteOptions& options);
 int RunCommand(const CommonOptions& common, const KeysOptions& options);
+int RunCommand(const CommonOptions& common, const PasswordOptions& options);
 int RunCommand(const CommonOptions& common, const TopOptions& options);
 int RunCommand(const CommonOptions& common, const CompletionOptions& options);
 int RunCommand(const CommonOptions& common, const ManualOptions& options);

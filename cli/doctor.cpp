@@ -26,6 +26,7 @@
 #include "kelcore/http/client.h"
 #include "kelcore/keys/key_folder.h"
 #include "kelcore/security.h"
+#include "kelcore/tree_passwords.h"
 #include "kelcore/version.h"
 
 namespace {
@@ -97,6 +98,26 @@ Finding ExamineModes(const KelString& root, const struct stat& folder, const Roo
         return {"modes", State::Warning, root + " is open to other users; the agent closes it when it starts",
                 "chmod 700 " + root};
     return {"modes", State::Ok, "the files belong to the user of " + root + ", and to no other", {}};
+}
+
+/// Nothing while there is one password, or none that counts.
+KelVector<Finding> ExaminePassword(const KelString& root) {
+    if (ParseIniFlag(IniValue(root, "Agent", "Security", "AcceptPassword")).value_or(false) &&
+        ParseIniFlag(IniValue(root, "Agent", "Security", "Keys")).value_or(false))
+        return {
+            {"password", State::Warning,
+             "members without keys are accepted with the password: this device has the protection of a plain "
+             "tree only",
+             "when all devices have keys: kel keys end-password"}};
+    if (IniValue(root, "Agent", "Agent", "HttpFormerPassword").empty()) return {};
+    const KelString day = IniValue(root, "Agent", "Agent", "HttpFormerPasswordEnd");
+    const auto end = ParsePasswordEnd(day);
+    const bool hasEnded = end && *end <= std::time(nullptr);
+    return {{"password", State::Warning,
+             hasEnded ? "the former password of the tree has ended on " + day + ", but is still in Agent.ini"
+                      : "the former password of the tree is accepted, too" +
+                            (day.empty() ? KelString() : ", until " + day),
+             "when all devices have the new one: kel password end"}};
 }
 
 Finding ExamineSpace(const KelString& root) {
@@ -214,6 +235,8 @@ KelVector<Finding> ExamineRoot(const KelString& root) {
     stat(root.c_str(), &folder);
     const RootFiles files = WalkRoot(root, folder.st_uid);
     KelVector<Finding> findings = {ExamineModes(root, folder, files), ExamineSpace(root)};
+    for (Finding& finding : ExaminePassword(root))
+        findings.push_back(std::move(finding));
     if (!files.damaged.empty())
         findings.push_back(
             {"databases", State::Warning, "damaged databases were moved aside: " + Named(files.damaged),

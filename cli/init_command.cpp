@@ -3,9 +3,9 @@
 #include <sys/stat.h>
 
 #include <cstdio>
-#include <ctime>
 
 #include "cli/commands.h"
+#include "cli/keys_transition.h"
 #include "cli/local_root.h"
 #include "cli/output.h"
 #include "cli/remote.h"
@@ -18,7 +18,6 @@
 #include "kel/text.h"
 #include "kelcore/device_name.h"
 #include "kelcore/error_codes.h"
-#include "kelcore/keys/authority.h"
 #include "kelcore/keys/invitation.h"
 #include "kelcore/keys/key_folder.h"
 #include "kelcore/security.h"
@@ -44,24 +43,6 @@ KelString ModuleLines(const KelVector<KelString>& modules) {
     for (std::size_t i = 0; i < modules.size(); ++i)
         lines += (i == 0 ? "Module" : "\nModule") + std::to_string(i + 1) + "=" + modules[i];
     return lines;
-}
-
-constexpr std::int64_t kOldestClock = 1'767'225'600;  // 2026
-
-KelStatus MakeAuthority(const KelKeyFolder& keys) {
-    const std::int64_t now = std::time(nullptr);
-    if (now < kOldestClock)
-        return KelError{kKelErrorBadInput,
-                        "the clock of this device is years late; set it, since certificates are "
-                        "valid for a time"};
-    KelAuthority authority(keys.AuthorityPath());
-    if (auto status = authority.Create(now); !status) return status;
-    if (auto status = authority.Open(); !status) return status;
-    const auto parts = keys.LoadParts();
-    if (!parts) return parts.Error();
-    const auto certificate = authority.Issue(parts->key.Get(), parts->device, now);
-    if (!certificate) return certificate.Error();
-    return keys.SaveEnrolment(*certificate, authority.Certificate(), authority.GroupKey());
 }
 
 KelStatus WriteInis(const KelString& configDir, const KelVector<KelString>& modules,

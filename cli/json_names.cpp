@@ -107,6 +107,12 @@ constexpr auto kNames = std::to_array<Name>({
     {"ParentFingerprint", "parent_key"},
     {"RevokedNumber", "revoked_number"},
     {"RevokedCount", "revoked_count"},
+    {"AcceptsPassword", "accepts_password"},
+    {"PasswordCallers", "password_callers"},
+    {"IsWithoutKeys", "without_keys"},
+    {"HasFormer", "has_former"},
+    {"FormerEnd", "former_end"},
+    {"FormerCallers", "former_callers"},
     // groups
     {"Member", "member"},
     {"Members", "members"},

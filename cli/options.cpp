@@ -13,6 +13,7 @@
 #include "cli/output.h"
 #include "cli/remote.h"
 #include "kel/text.h"
+#include "kelcore/tree_passwords.h"
 #include "kelcore/version.h"
 
 namespace {
@@ -68,6 +69,7 @@ struct Parsed {
     RestoreOptions restore;
     InviteOptions invite;
     KeysOptions keys;
+    PasswordOptions password;
     TopOptions top;
     CompletionOptions completion;
     std::optional<CommandOptions> chosen;
@@ -178,7 +180,41 @@ void DefineKeys(CLI::App& app, Parsed& parsed) {
         ->required();
     define("forget-parent", KeysOptions::Verb::ForgetParent,
            "Learn the key of the parent anew, after the parent was set up again");
+    define("begin", KeysOptions::Verb::Begin,
+           "Give the master of a plain tree keys; its devices get theirs with 'join', one after the other");
+    define("end-password", KeysOptions::Verb::EndPassword,
+           "Refuse members without keys, when all devices of a former plain tree have joined")
+        ->add_flag("--force", keys.force, "Also while devices without keys come");
     command->callback([&parsed] { parsed.chosen = parsed.keys; });
+}
+
+void DefinePassword(CLI::App& app, Parsed& parsed) {
+    PasswordOptions& password = parsed.password;
+    auto* command = app.add_subcommand("password", "Change the password of a plain tree");
+    command->require_subcommand(0, 1);
+    const auto define = [command, &password](const char* verb, PasswordOptions::Verb value,
+                                             const char* text) {
+        auto* verbCommand = command->add_subcommand(verb, text);
+        verbCommand->callback([&password, value] { password.verb = value; });
+        return verbCommand;
+    };
+    define("status", PasswordOptions::Verb::Status,
+           "Show whether the former password is accepted, and who uses it (the default)");
+    auto* rotate = define("rotate", PasswordOptions::Verb::Rotate,
+                          "Give this device the next password of the tree; the present one stays accepted");
+    rotate
+        ->add_option("--password-file", password.file,
+                     "File whose first line is the next password; -: the standard input; without it, a "
+                     "random one is made and printed")
+        ->type_name("FILE");
+    rotate->add_option("--until", password.until, "The day on which the present one ends, as 2026-12-31")
+        ->type_name("DAY")
+        ->check([](const std::string& text) {
+            return ParsePasswordEnd(text) ? std::string() : "'" + text + "' is no day, as 2026-12-31";
+        });
+    define("end", PasswordOptions::Verb::End, "Accept the former password no longer")
+        ->add_flag("--force", password.force, "Also while devices come with it");
+    command->callback([&parsed] { parsed.chosen = parsed.password; });
 }
 
 void AddKeyOptions(CLI::App& command, KelString& type, KelString& label) {
@@ -612,6 +648,7 @@ void Define(CLI::App& app, Parsed& parsed) {
     DefineAudit(app, parsed);
     DefineCare(app, parsed);
     DefineKeys(app, parsed);
+    DefinePassword(app, parsed);
     DefineHelp(app, parsed);
     AddDetails(app, {});
 }

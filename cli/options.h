@@ -42,9 +42,18 @@ struct InviteOptions {
 };
 
 struct KeysOptions {
-    enum class Verb : unsigned char { Status, List, Revoke, Join, ForgetParent };
+    enum class Verb : unsigned char { Status, List, Revoke, Join, ForgetParent, Begin, EndPassword };
     Verb verb = Verb::Status;
-    KelString text;  ///< a GUID to revoke, a token to join with
+    KelString text;      ///< a GUID to revoke, a token to join with
+    bool force = false;  ///< refuse members without keys although there are some
+};
+
+struct PasswordOptions {
+    enum class Verb : unsigned char { Status, Rotate, End };
+    Verb verb = Verb::Status;
+    KelString file;   ///< whose first line is the new password; "-": the standard input; empty: a random one
+    KelString until;  ///< the day on which the former one ends, as "2026-12-31"; empty: when it is removed
+    bool force = false;  ///< end the former one although devices still use it
 };
 
 struct StatusOptions {};
@@ -195,7 +204,7 @@ using CommandOptions =
                  WindowsOptions, InboxOptions, CallOptions, WhyOptions, GroupsOptions, WakeOptions,
                  MulticastOptions, WithdrawOptions, RemoveDeviceOptions, ResumeOptions, ParentOptions,
                  AuditOptions, BackupOptions, RestoreOptions, DoctorOptions, InviteOptions, KeysOptions,
-                 TopOptions, CompletionOptions, ManualOptions>;
+                 PasswordOptions, TopOptions, CompletionOptions, ManualOptions>;
 
 struct Options {
     CommonOptions common;

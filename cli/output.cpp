@@ -118,6 +118,13 @@ KelString TimeText(std::int64_t seconds) {
     return text.data();
 }
 
+KelString AddressesText(const KelContainer& values, const KelString& name) {
+    KelString text;
+    for (std::uint32_t i = 0; i < ItemCount(values, name); ++i)
+        text += (i == 0 ? "" : ", ") + values.GetContainer(name, i).GetString("Address");
+    return text;
+}
+
 KelString FileStatusText(const KelString& status) {
     KelString text = FileStatusName(status);
     std::replace(text.begin(), text.end(), '_', ' ');

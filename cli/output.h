@@ -51,6 +51,9 @@ KelString SizeText(std::int64_t bytes);
 /// Seconds since the epoch as local time, "2026-01-31 08:15:00"; empty for 0.
 KelString TimeText(std::int64_t seconds);
 
+/// The values Address of the containers with this name, separated by commas.
+KelString AddressesText(const KelContainer& values, const KelString& name);
+
 /// A file's status in readable form: "_AGTMOD_FILESTORESTATUS_TOBEUPLOADED_" gives "to be uploaded".
 KelString FileStatusText(const KelString& status);
 

@@ -2,6 +2,8 @@
 
 #include <utility>
 
+#include "kelcore/tree_passwords.h"
+
 namespace {
 
 KelAgentSettings& Settings() {
@@ -13,6 +15,7 @@ KelAgentSettings& Settings() {
 
 void KelAgentConfigure(KelAgentSettings settings) {
     CoreLog().SetContext(settings.debugContext);
+    TreePasswords().Set({settings.httpPassword});
     Settings() = std::move(settings);
 }
 
@@ -25,8 +28,8 @@ const KelString& KelAgentGetDataDir() {
 const KelString& KelAgentGetName() {
     return Settings().name;
 }
-const KelString& KelAgentGetHttpPassword() {
-    return Settings().httpPassword;
+KelString KelAgentGetHttpPassword() {
+    return TreePasswords().Get().current;
 }
 const KelString& KelAgentGetAddress() {
     return Settings().address;

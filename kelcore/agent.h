@@ -10,7 +10,7 @@ struct KelAgentSettings {
     KelString configDir;     ///< ends with "/"
     KelString dataDir;       ///< ends with "/"
     KelString name;          ///< the tree's agent name: user name of every HTTP request
-    KelString httpPassword;  ///< the tree's HTTP password; never empty
+    KelString httpPassword;  ///< the tree's HTTP password at the start; never empty
     KelString address;  ///< own IPv4 address in dotted form; outgoing connections are bound to it. Empty: any
     std::shared_ptr<KelDebugContext> debugContext;
     unsigned int programUmask = 022;  ///< of the programs that modules run: what the agent was started with
@@ -27,7 +27,7 @@ void KelAgentConfigure(KelAgentSettings settings);
 const KelString& KelAgentGetConfigDir();  ///< ends with "/"
 const KelString& KelAgentGetDataDir();    ///< ends with "/"
 const KelString& KelAgentGetName();
-const KelString& KelAgentGetHttpPassword();
+KelString KelAgentGetHttpPassword();  ///< the current one; see kelcore/tree_passwords.h
 const KelString& KelAgentGetAddress();
 std::shared_ptr<KelDebugContext> KelAgentGetDebugContext();
 unsigned int KelAgentGetProgramUmask();

@@ -19,6 +19,7 @@
 #include "kelcore/call_origin.h"
 #include "kelcore/failure_log.h"
 #include "kelcore/json.h"
+#include "kelcore/tree_passwords.h"
 
 namespace {
 
@@ -54,9 +55,10 @@ bool IsSecret(const KelString& name) {
 }
 
 KelString ShownText(KelString text) {
-    const KelString& password = KelAgentGetHttpPassword();
-    for (std::size_t at = 0; !password.empty() && (at = text.find(password, at)) != KelString::npos;)
-        text.replace(at, password.size(), kHidden);
+    const KelPasswordPair passwords = TreePasswords().Get();
+    for (const KelString& password : {passwords.current, passwords.former})
+        for (std::size_t at = 0; !password.empty() && (at = text.find(password, at)) != KelString::npos;)
+            text.replace(at, password.size(), kHidden);
     if (text.size() <= kMostTextBytes) return text;
     return text.substr(0, kMostTextBytes) +
            KelFormat("... (%lu bytes)", static_cast<unsigned long>(text.size()));

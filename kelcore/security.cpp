@@ -14,6 +14,8 @@
 #include "kel/text.h"
 #include "kelcore/agent.h"
 #include "kelcore/keys/key_ring.h"
+#include "kelcore/keys/transition.h"
+#include "kelcore/tree_passwords.h"
 
 namespace {
 
@@ -156,9 +158,15 @@ std::uint64_t AgentSecurityKeysId() {
     return TheKeys().id;
 }
 
-KelString AgentSecurityGroupKey() {
+KelVector<KelString> AgentSecurityGroupKeys() {
     const AgentSecurityKeys keys = AgentSecurityGetKeys();
-    return keys ? keys->Get().groupKey : KelAgentGetHttpPassword();
+    const KelPasswordPair passwords = TreePasswords().Get();
+    KelVector<KelString> all;
+    if (!keys || Transition().CallsWithPassword()) all = {passwords.former, passwords.current};
+    if (keys) all.push_back(keys->Get().groupKey);
+    std::erase(all, KelString());
+    if (all.empty()) all.emplace_back();  // not enrolled yet: it authenticates nothing
+    return all;
 }
 
 KelString AgentSecurityPacFindProxy(const AgentSecurityPacSettings& settings, const KelString& url,

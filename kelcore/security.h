@@ -48,9 +48,10 @@ AgentSecurityKeys AgentSecurityGetKeys();
 /// changed.
 std::uint64_t AgentSecurityKeysId();
 
-/// What all devices of the tree know and others do not: the password, or with keys what the enrolment has
-/// given (empty before). Authenticates multicast datagrams. From any thread.
-KelString AgentSecurityGroupKey();
+/// What the devices of the tree know and others do not: the password, or with keys what the enrolment has
+/// given (empty before). Authenticates multicast datagrams. The first is the one to send with, which most
+/// devices know: the former password while there are two. From any thread.
+KelVector<KelString> AgentSecurityGroupKeys();
 
 /// Runs the script for `url` (host `host`): the first answer that can be used as "host:port", empty for a
 /// direct connection. Any thread; scripts run one at a time.

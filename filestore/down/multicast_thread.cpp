@@ -107,7 +107,7 @@ unsigned int FileStoreMulticastThread::SendPackets(const FileStoreEntry& file,
     if (!sender.Open({.group = file.MulticastAddress,
                       .port = static_cast<std::uint16_t>(file.MulticastPort),
                       .ttl = FileStore::iMulticastTTL,
-                      .key = AgentSecurityGroupKey(),
+                      .key = AgentSecurityGroupKeys().front(),
                       .localAddresses = localAddresses}))
         return kNoSocket;
     HttpFileMessage message;

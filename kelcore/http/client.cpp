@@ -16,6 +16,8 @@
 #include "kelcore/http/handle_pool.h"
 #include "kelcore/http/url.h"
 #include "kelcore/keys/peer_check.h"
+#include "kelcore/keys/transition.h"
+#include "kelcore/tree_passwords.h"
 
 namespace {
 
@@ -182,7 +184,7 @@ unsigned int HttpClient::Exchange(const HttpMessage& request, HttpMessage& answe
         errorText_ = "unusable request for \"" + request.GetResourcePath() + "\"";
     } else {
         try {
-            result = RunOnHandle(request, answer, transmission);
+            result = TryWays(request, answer, transmission);
         } catch (const std::exception& error) {
             result = kHttpUnreachable;
             errorText_ = error.what();
@@ -200,10 +202,55 @@ KelPeerExpectation HttpClient::Expected() const {
     return expected;
 }
 
+/// In a tree on its way to keys, the parent has them before its children; of others it is found out.
+bool HttpClient::IsCalledWithKeys() const {
+    const KelTransition& transition = Transition();
+    if (!socket_.empty() || !transition.CallsWithPassword() || !expectedAuthority_.empty() ||
+        !TreePasswords().Has(password_))
+        return true;
+    return keys_->IsEnrolled() && (Expected().isParent || transition.HasKeys(expectedGuid_) ||
+                                   transition.HasKeys(KelFormat("%S:%u", host_, unsigned{port_})));
+}
+
+/// A member without keys is called with the password. A device that takes none any more closes the connection
+/// at once, and is called with the keys.
+unsigned int HttpClient::TryWays(const HttpMessage& request, HttpMessage& answer,
+                                 HttpManagedTransmission* transmission) {
+    if (!keys_ || IsCalledWithKeys()) return TryPasswords(request, answer, transmission);
+    const AgentSecurityKeys keys = std::exchange(keys_, nullptr);
+    unsigned int result = TryPasswords(request, answer, transmission);
+    keys_ = keys;
+    if (result == kHttpCompleted || !wasClosed_ || !keys->IsEnrolled()) return result;
+    result = TryPasswords(request, answer, transmission);
+    if (result == kHttpCompleted) Transition().NoteKeys(KelFormat("%S:%u", host_, unsigned{port_}));
+    return result;
+}
+
+/// While the password of the tree is being changed, a server may know only one of the two.
+unsigned int HttpClient::TryPasswords(const HttpMessage& request, HttpMessage& answer,
+                                      HttpManagedTransmission* transmission) {
+    KelTreePasswords& tree = TreePasswords();
+    if (!socket_.empty() || keys_ || !tree.Has(password_))
+        return RunOnHandle(request, answer, transmission, password_);
+    const KelString place = KelFormat("%S:%u", host_, unsigned{port_});
+    unsigned int result = kHttpCompleted;
+    bool isFirst = true;
+    for (const KelString& password : tree.OrderFor(place)) {
+        result = RunOnHandle(request, answer, transmission, password);
+        if (result != kHttpCompleted) break;
+        if (answer.GetStatus() != kHttpStatusUnauthorized) {
+            tree.NoteTaken(place, password, isFirst && !answer.GetHeader("kel-password").empty());
+            break;
+        }
+        isFirst = false;
+    }
+    return result;
+}
+
 /// What makes two exchanges share a handle, and with it a connection: whoever is there has been checked for
 /// the one as it would be for the other.
-KelString HttpClient::PeerKey(const KelString& base) const {
-    KelString key = base + '\n' + user_ + '\n' + KelAgentGetAddress();
+KelString HttpClient::PeerKey(const KelString& base, const KelString& password) const {
+    KelString key = base + '\n' + user_ + '\n' + password + '\n' + KelAgentGetAddress();
     if (keys_) {
         const KelPeerExpectation expected = Expected();
         key += '\n' + std::to_string(keys_->Id()) + '\n' + expected.guid + '\n' + expected.fingerprint +
@@ -244,14 +291,15 @@ void HttpClient::TakePeer(const HttpHandle& handle, unsigned int result) {
 }
 
 unsigned int HttpClient::RunOnHandle(const HttpMessage& request, HttpMessage& answer,
-                                     HttpManagedTransmission* transmission) {
+                                     HttpManagedTransmission* transmission, const KelString& password) {
     const bool secure = ssl_ != nullptr || keys_ != nullptr;
     const KelString base = (secure ? "https://" : "http://") + host_ + ":" + std::to_string(port_);
     const KelString url = base + UrlEncodePath(request.GetResourcePath());
     const bool isNarrow = HttpExchange::IsNarrow(transmission);
-    const KelString key = PeerKey(base) + (isNarrow ? "\nnarrow" : "") + "\n" + socket_;
+    const KelString key = PeerKey(base, password) + (isNarrow ? "\nnarrow" : "") + "\n" + socket_;
     std::unique_ptr<HttpHandle> handle = HttpHandlePool::Instance().Acquire(key);
     handle->isNarrow = isNarrow;
+    handle->hasNewerPassword = !keys_ && TreePasswords().IsFormer(password);
     CURL* easy = handle->Easy();
     SetConnection(easy, connectTimeout_, exchangeTimeout_);
     curl_easy_setopt(easy, CURLOPT_URL, url.c_str());
@@ -261,7 +309,7 @@ unsigned int HttpClient::RunOnHandle(const HttpMessage& request, HttpMessage& an
         SetKeys(*handle);
     else if (secure)
         SetTls(easy, *ssl_);
-    if (!keys_) SetCredentials(*handle, user_, password_, secure);
+    if (!keys_) SetCredentials(*handle, user_, password, secure);
     unsigned int result = kHttpCompleted;
     {
         HttpExchange exchange(*handle, request, answer, transmission,
@@ -270,6 +318,7 @@ unsigned int HttpClient::RunOnHandle(const HttpMessage& request, HttpMessage& an
                                .hasTimeout = exchangeTimeout_ > 0});
         result = exchange.Run();
         errorText_ = exchange.ErrorText();
+        wasClosed_ = exchange.WasClosed();
         if (exchange.HasUnsafeChallenge()) return result;
     }
     if (keys_)

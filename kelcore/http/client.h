@@ -45,6 +45,7 @@ class HttpClient {
     void SetServer(const KelString& host, std::uint16_t port);
     /// Connects to the Unix socket at `path` instead (about 100 bytes at most).
     void SetSocket(const KelString& path) { socket_ = path; }
+    /// A password of the tree stands for all that are in force: which of them the server takes is found out.
     void SetAuthentification(const KelString& user, const KelString& password);
     void EnableSsl(AgentSecuritySslContext context);
     void EnablePac(AgentSecurityPacContext context);
@@ -87,11 +88,16 @@ class HttpClient {
     unsigned int Exchange(const HttpMessage& request, HttpMessage& answer,
                           HttpManagedTransmission* transmission);
     KelPeerExpectation Expected() const;
-    KelString PeerKey(const KelString& base) const;
+    KelString PeerKey(const KelString& base, const KelString& password) const;
+    unsigned int TryWays(const HttpMessage& request, HttpMessage& answer,
+                         HttpManagedTransmission* transmission);
+    bool IsCalledWithKeys() const;
+    unsigned int TryPasswords(const HttpMessage& request, HttpMessage& answer,
+                              HttpManagedTransmission* transmission);
     void SetKeys(HttpHandle& handle);
     void TakePeer(const HttpHandle& handle, unsigned int result);
     unsigned int RunOnHandle(const HttpMessage& request, HttpMessage& answer,
-                             HttpManagedTransmission* transmission);
+                             HttpManagedTransmission* transmission, const KelString& password);
 
     KelDebug* log_ = nullptr;
     int connectTimeout_;
@@ -111,6 +117,7 @@ class HttpClient {
     std::optional<KelCertificate> peerAuthority_;
     std::function<bool()> cancelled_;
     IpAddress localAddress_;
+    bool wasClosed_ = false;  ///< the last exchange, without an answer
     KelString errorText_;
 };
 

@@ -128,6 +128,7 @@ void HttpExchange::SetHeaders() {
         AddHeader("Content-Type: application/octet-stream");
     if (const KelString caller = request_.GetHeader("kel-caller"); !caller.empty())
         AddHeader("Kel-Caller: " + caller);
+    if (handle_.hasNewerPassword) AddHeader("Kel-Password: both");
     if (request_.GetRangeStart() > 0) {
         AddHeader("Range: bytes=" + std::to_string(request_.GetRangeStart()) + "-");
         if (!request_.GetIfRange().empty()) AddHeader("If-Range: " + request_.GetIfRange());
@@ -206,6 +207,10 @@ unsigned int HttpExchange::Conclude(bool done, int code) {
     auto curlCode = static_cast<CURLcode>(code);
     // The library reports a connection that closes within the headers as the end of an answer.
     if (curlCode == CURLE_OK && !sink_.HasHeaders()) curlCode = CURLE_GOT_NOTHING;
+    wasClosed_ = done &&
+                 (curlCode == CURLE_GOT_NOTHING || curlCode == CURLE_RECV_ERROR ||
+                  curlCode == CURLE_SEND_ERROR || curlCode == CURLE_UNSUPPORTED_PROTOCOL) &&
+                 !sink_.HasHeaders();
     const bool whole = done && curlCode == CURLE_OK && stopped_ == 0;
     const unsigned int sunk = sink_.Finish(whole);
     if (hasUnsafeChallenge_) return kHttpSecurity;

@@ -38,6 +38,8 @@ class HttpExchange {
 
     unsigned int Run();
     const KelString& ErrorText() const { return errorText_; }
+    /// The peer has closed the connection without an answer.
+    bool WasClosed() const { return wasClosed_; }
     /// The peer has challenged in a way that is not answered. The handle remembers the challenge: drop it.
     bool HasUnsafeChallenge() const { return hasUnsafeChallenge_; }
 
@@ -76,6 +78,7 @@ class HttpExchange {
     HttpSpeedWatch::Clock::time_point nextCheck_;
     bool isChallenge_ = false;  ///< the answer that comes has status 401
     bool hasUnsafeChallenge_ = false;
+    bool wasClosed_ = false;
     bool answering_ = false;   ///< an answer has begun that no further request follows
     void* headers_ = nullptr;  ///< the library's list of request headers
     std::array<char, 256> curlError_{};

@@ -26,6 +26,9 @@ class HttpHandle {
     /// Its connections are made with small receive buffers, for transfers at low rates.
     bool isNarrow = false;
 
+    /// This device has a newer password of the tree than the one of this handle, and says so.
+    bool hasNewerPassword = false;
+
     /// Checks the peer of its connections in a tree with keys; null otherwise.
     std::unique_ptr<KelPeerCheck> peerCheck;
 

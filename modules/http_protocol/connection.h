@@ -71,6 +71,7 @@ class Connection final : public ChannelUser,
     void NoteCertificate();
     bool AdmitStranger(const RequestHead& request);
     bool CheckCredentials(const RequestHead& request);
+    void NoteMember();
     bool AdmitAuthenticated();
     void RefuseCredentials(bool isStale);
     bool NoteWrongCredentials(Clock::time_point now);
@@ -99,6 +100,7 @@ class Connection final : public ChannelUser,
     void OnKeptFound(unsigned int status);
 
     // Responses (connection_response.cpp).
+    KelString MakeHead(unsigned int status, std::string_view headers) const;
     void Respond(unsigned int status, std::string_view headers, std::string_view body);
     /// A response with the body `text`, or the reason phrase of the status.
     void RespondError(unsigned int status, std::string_view text = {});

@@ -1,12 +1,15 @@
 // Requests of the class Connection, except for uploads.
 
 #include <algorithm>
+#include <ctime>
 #include <utility>
 
 #include "kel/format.h"
 #include "kelcore/action_db.h"
+#include "kelcore/agent.h"
 #include "kelcore/callback_db.h"
 #include "kelcore/error_codes.h"
+#include "kelcore/keys/transition.h"
 #include "kelcore/security.h"
 #include "modules/http_protocol/connection.h"
 #include "modules/http_protocol/protected_files.h"
@@ -161,7 +164,10 @@ bool Connection::Authenticate(const RequestHead& request) {
         case KelPeer::Proof::Password:
             break;
     }
-    return CheckCredentials(request);
+    if (Transition().AcceptsPassword()) return CheckCredentials(request);
+    keepAlive_ = false;  // it was accepted when the connection was made
+    RespondError(401);
+    return false;
 }
 
 bool Connection::CheckCredentials(const RequestHead& request) {
@@ -177,9 +183,10 @@ bool Connection::CheckCredentials(const RequestHead& request) {
         RespondError(429, "Too many requests with wrong credentials; try again later\n");
         return false;
     }
-    const DigestAuth::Verdict verdict = context_.auth.Check(
-        {request.methodName, request.target, authorization, peer_, channel_->IsEncrypted()}, authMemory_,
-        now);
+    const DigestAuth::Verdict verdict =
+        context_.auth.Check({request.methodName, request.target, authorization, peer_,
+                             channel_->IsEncrypted(), request.Field("Kel-Password") == "both"},
+                            authMemory_, now);
     if (verdict == DigestAuth::Verdict::Granted) return isAuthenticated_ || AdmitAuthenticated();
     if (verdict == DigestAuth::Verdict::Refused && NoteWrongCredentials(now)) {
         Enter(State::Delayed);
@@ -200,9 +207,18 @@ bool Connection::AdmitAuthenticated() {
         return false;
     }
     isAuthenticated_ = true;
+    NoteMember();
     context_.failures.Succeeded("credentials " + peer_.ToText(),
                                 "Requests from " + peer_.ToText() + " have the right credentials again");
     return true;
+}
+
+/// In a tree on its way to keys, it is kept in mind who has them and who has not.
+void Connection::NoteMember() {
+    const KelPeer sender = channel_->Peer();
+    if (sender.proof == KelPeer::Proof::Socket || peer_ == IpAddress::Parse(KelAgentGetAddress())) return;
+    Transition().NoteKeys(sender.deviceGuid);
+    Transition().NoteCaller(peer_, sender.proof == KelPeer::Proof::Password, std::time(nullptr));
 }
 
 void Connection::RefuseCredentials(bool isStale) {

@@ -16,6 +16,7 @@ namespace {
 constexpr std::uint64_t kSmallFileBytes = 64 << 10;
 /// An unwanted body is read and thrown away up to this length to keep the connection.
 constexpr std::uint64_t kDiscardBytes = 256 << 10;
+constexpr std::string_view kPasswordHint = "Kel-Password: former\r\n";
 
 struct Reason {
     unsigned int status;
@@ -103,9 +104,16 @@ std::string_view Connection::ConnectionField() const {
     return version11_ ? "" : "keep-alive";
 }
 
+/// A caller that came with the former password learns that the new one is accepted.
+KelString Connection::MakeHead(unsigned int status, std::string_view headers) const {
+    KelString head = MakeResponseHead(status, headers, ConnectionField());
+    if (authMemory_.hadFormer) head.insert(head.size() - 2, kPasswordHint);
+    return head;
+}
+
 void Connection::Respond(unsigned int status, std::string_view headers, std::string_view body) {
     if (bodyLeft_ > kDiscardBytes || (bodyLeft_ > 0 && hasExpectation_)) keepAlive_ = false;
-    output_ = MakeResponseHead(status, headers, ConnectionField());
+    output_ = MakeHead(status, headers);
     output_ += body;
     Enter(State::Sending);
     Advance(channel_->Write(output_, shared_from_this()));
@@ -122,11 +130,11 @@ void Connection::RespondFile(ServedFile file) {
     if (!file.fd || file.length > kSmallFileBytes) {
         file_ = std::move(file);
         if (!file_.fd) return Respond(file_.status, file_.headers, {});
-        output_ = MakeResponseHead(file_.status, file_.headers, ConnectionField());
+        output_ = MakeHead(file_.status, file_.headers);
         Enter(State::Sending);
         return Advance(channel_->Write(output_, shared_from_this()));
     }
-    output_ = MakeResponseHead(file.status, file.headers, ConnectionField());
+    output_ = MakeHead(file.status, file.headers);
     if (!AppendFromFile(output_, file)) return Close();  // it has become shorter since it was opened
     Enter(State::Sending);
     Advance(channel_->Write(output_, shared_from_this()));

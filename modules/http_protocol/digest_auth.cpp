@@ -1,6 +1,8 @@
 #include "modules/http_protocol/digest_auth.h"
 
+#include <algorithm>
 #include <charconv>
+#include <ctime>
 #include <optional>
 
 #include "kel/base64.h"
@@ -45,12 +47,31 @@ bool TakeScheme(std::string_view& text, std::string_view scheme) {
 
 }  // namespace
 
-DigestAuth::DigestAuth(const KelString& user, const KelString& password, int lifetime)
-    : user_(user),
-      basicDigest_(JoinedSha256({user, ":", password})),
-      secret_(JoinedSha256({user, ":", kRealm, ":", password})),
-      key_(RandomBytes(32)),
-      lifetime_(lifetime) {}
+DigestAuth::DigestAuth(const KelString& user, KelTreePasswords& passwords, int lifetime)
+    : user_(user), passwords_(passwords), key_(RandomBytes(32)), lifetime_(lifetime) {}
+
+DigestAuth::Secrets DigestAuth::SecretsOf(const KelString& password) const {
+    return {JoinedSha256({user_, ":", password}), JoinedSha256({user_, ":", kRealm, ":", password})};
+}
+
+std::shared_ptr<const KelVector<DigestAuth::Secrets>> DigestAuth::CurrentSecrets() const {
+    const KelLock lock(mutex_);
+    // Taken before the passwords: when these change meanwhile, the next request sees another number.
+    const std::uint64_t id = passwords_.Id();
+    if (!secrets_ || secretsId_ != id) {
+        const KelPasswordPair pair = passwords_.Get();
+        KelVector<Secrets> secrets = {SecretsOf(pair.current)};
+        if (!pair.former.empty()) secrets.push_back(SecretsOf(pair.former));
+        secrets_ = std::make_shared<const KelVector<Secrets>>(std::move(secrets));
+        secretsId_ = id;
+    }
+    return secrets_;
+}
+
+void DigestAuth::NoteCaller(const Request& request, Memory& memory, bool hadFormer) const {
+    memory.hadFormer = hadFormer;
+    passwords_.NoteCaller(request.peer, hadFormer && !request.hasBoth, std::time(nullptr));
+}
 
 DigestAuth::Verdict DigestAuth::Check(const Request& request, Memory& memory, Clock::time_point now) const {
     std::string_view text = request.authorization;
@@ -59,13 +80,21 @@ DigestAuth::Verdict DigestAuth::Check(const Request& request, Memory& memory, Cl
         rest.authorization = text;
         return CheckDigest(rest, memory, now);
     }
-    if (request.encrypted && TakeScheme(text, "Basic") && CheckBasic(text)) return Verdict::Granted;
+    if (request.encrypted && TakeScheme(text, "Basic") && CheckBasic(text, request, memory))
+        return Verdict::Granted;
     return Verdict::Refused;
 }
 
-bool DigestAuth::CheckBasic(std::string_view encoded) const {
+bool DigestAuth::CheckBasic(std::string_view encoded, const Request& request, Memory& memory) const {
     const std::optional<KelString> decoded = Base64Decode(Trim(encoded));
-    return decoded && EqualInConstantTime(TextSha256(*decoded), basicDigest_);
+    if (!decoded) return false;
+    const auto secrets = CurrentSecrets();
+    const auto found = std::ranges::find_if(*secrets, [digest = TextSha256(*decoded)](const Secrets& of) {
+        return EqualInConstantTime(digest, of.basic);
+    });
+    if (found == secrets->end()) return false;
+    NoteCaller(request, memory, found != secrets->begin());
+    return true;
 }
 
 DigestAuth::Verdict DigestAuth::CheckDigest(const Request& request, Memory& memory,
@@ -78,10 +107,15 @@ DigestAuth::Verdict DigestAuth::CheckDigest(const Request& request, Memory& memo
     if (!count || fields.cnonce.empty() || fields.uri != request.target) return Verdict::Refused;
 
     const KelString what = JoinedSha256({request.method, ":", fields.uri});
-    const KelString expected =
-        JoinedSha256({secret_, ":", fields.nonce, ":", fields.nc, ":", fields.cnonce, ":auth:", what});
+    const auto secrets = CurrentSecrets();
+    const auto fits = [&](const Secrets& of) {
+        const KelString expected =
+            JoinedSha256({of.digest, ":", fields.nonce, ":", fields.nc, ":", fields.cnonce, ":auth:", what});
+        return EqualInConstantTime(fields.response, expected);
+    };
+    const auto found = std::ranges::find_if(*secrets, fits);
     const bool userKnown = EqualInConstantTime(fields.username, user_);
-    if (!EqualInConstantTime(fields.response, expected) || !userKnown) return Verdict::Refused;
+    if (found == secrets->end() || !userKnown) return Verdict::Refused;
 
     switch (ExamineNonce(fields.nonce, request.peer, memory, now)) {
         case NonceState::Foreign:
@@ -93,6 +127,7 @@ DigestAuth::Verdict DigestAuth::CheckDigest(const Request& request, Memory& memo
     if (memory.nonce == fields.nonce && *count <= memory.lastCount) return Verdict::Stale;
     if (memory.nonce != fields.nonce) memory.nonce = fields.nonce;
     memory.lastCount = *count;
+    NoteCaller(request, memory, found != secrets->begin());
     return Verdict::Granted;
 }
 

@@ -94,9 +94,8 @@ bool HttpProtocol::Initialise() {
     if (!ini.Open(IniPath())) return false;
     kelhttp::ServerSettings settings = kelhttp::ReadServerSettings(ini, KelAgentGetAddress());
     settings.userName = KelAgentGetName();
-    settings.password = KelAgentGetHttpPassword();
     settings.socketFolder = KelAgentGetRunDir();
-    if (settings.password.empty()) {
+    if (KelAgentGetHttpPassword().empty()) {
         Log().Error("The agent has no HTTP password; set HttpPassword in Agent.ini.\n");
         return false;
     }

@@ -132,7 +132,8 @@ unsigned int MulticastReceiver::Add(const MulticastOrder& order, KelString& mess
             return kKelErrorNotAvailable;
         }
     }
-    const auto reception = std::make_shared<MulticastReception>(order, *place, AgentSecurityGroupKey(), log_);
+    const auto reception =
+        std::make_shared<MulticastReception>(order, *place, AgentSecurityGroupKeys(), log_);
     const IpAddress local = IpAddress::Parse(settings_.address).value_or(IpAddress());
     if (const KelStatus opened = reception->Open(local); !opened) {
         message = opened.Error().message;

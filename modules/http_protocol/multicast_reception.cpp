@@ -26,14 +26,15 @@ bool IsOwnCode(std::string_view code, const MulticastKey::Code& expected) {
 
 }  // namespace
 
-MulticastReception::MulticastReception(MulticastOrder order, AliasMatch place, const KelString& secret,
-                                       const KelDebug& log)
+MulticastReception::MulticastReception(MulticastOrder order, AliasMatch place,
+                                       const KelVector<KelString>& secrets, const KelDebug& log)
     : order_(std::move(order)),
       log_(log),
       encodedPath_(UrlEncodePath(order_.transfer.urlPath)),
-      key_(secret, order_.transfer),
       file_(std::move(place)),
       blocks_(static_cast<std::uint32_t>(order_.BlockCount())) {
+    for (const KelString& secret : secrets)
+        keys_.emplace_back(secret, order_.transfer);
     if (blocks_.IsComplete()) state_ = State::Verifying;  // an empty file
 }
 
@@ -116,13 +117,24 @@ bool MulticastReception::Examine(std::string_view bytes) {
         ++counts_.repeated;
         return true;
     }
-    if (!IsOwnCode(datagram->code, key_.CodeOf(datagram->offset, datagram->body))) {
+    if (!HasOwnCode(*datagram)) {
         ++counts_.forged;
         return false;
     }
     ++counts_.accepted;
     blocks_.Add(block);
     accepted_.push_back({block, datagram->body});
+    return true;
+}
+
+/// While two secrets are in force, the sender may use either.
+bool MulticastReception::HasOwnCode(const MulticastDatagram& datagram) {
+    const auto fits = [&datagram](const MulticastKey& key) {
+        return IsOwnCode(datagram.code, key.CodeOf(datagram.offset, datagram.body));
+    };
+    const auto found = std::ranges::find_if(keys_, fits);
+    if (found == keys_.end()) return false;
+    if (found != keys_.begin()) std::iter_swap(found, keys_.begin());
     return true;
 }
 

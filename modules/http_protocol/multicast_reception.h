@@ -60,7 +60,8 @@ class MulticastReception {
     enum class State : unsigned char { Listening, Verifying, Completed, Mismatched, Failed };
 
     /// `secret`: the tree's password.
-    MulticastReception(MulticastOrder order, AliasMatch place, const KelString& secret, const KelDebug& log);
+    MulticastReception(MulticastOrder order, AliasMatch place, const KelVector<KelString>& secrets,
+                       const KelDebug& log);
 
     /// Creates the file and joins the group through the interface with the address `local`. An error, which
     /// names the file or the group, leaves the object unusable.
@@ -105,6 +106,7 @@ class MulticastReception {
 
   private:
     bool Examine(std::string_view bytes);
+    bool HasOwnCode(const MulticastDatagram& datagram);
     bool WriteAccepted();
     bool WriteRun(std::size_t first, std::size_t count);
     void HashAccepted();
@@ -122,7 +124,7 @@ class MulticastReception {
     const MulticastOrder order_;
     const KelDebug& log_;
     const KelString encodedPath_;
-    const MulticastKey key_;  ///< for the receiving thread
+    KelVector<MulticastKey> keys_;  ///< for the receiving thread; the one that fitted last comes first
     UdpSocket socket_;
     IpAddress local_;                 ///< of the interface that the group is joined through
     std::vector<Accepted> accepted_;  ///< for the receiving thread

@@ -8,7 +8,9 @@
 
 #include "kel/format.h"
 #include "kelcore/error_codes.h"
+#include "kelcore/keys/transition.h"
 #include "modules/http_protocol/connection.h"
+#include "modules/http_protocol/either_channel.h"
 #include "modules/http_protocol/io_loop.h"
 #include "modules/http_protocol/keyed_tls.h"
 #include "modules/http_protocol/listener.h"
@@ -115,6 +117,8 @@ struct Server::State {
         if (kind == Kind::Plain)
             return std::make_unique<PlainChannel>(MakeSocket(loop, fd), KelPeer::Proof::Password);
         const auto [keys, tlsContext] = keyedTls.Current();
+        if (Transition().AcceptsPassword())
+            return std::make_unique<EitherChannel>(MakeSocket(loop, fd), tlsContext, keys);
         return std::make_unique<TlsChannel>(MakeSocket(loop, fd), *tlsContext->native_handle(), keys);
     }
 

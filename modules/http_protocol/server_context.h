@@ -20,7 +20,7 @@ struct ServerContext {
         : settings(std::move(values)),
           aliases(aliasTable),
           log(debug),
-          auth(settings.userName, settings.password, settings.nonceLifetime),
+          auth(settings.userName, TreePasswords(), settings.nonceLifetime),
           peers(LimitsFrom(settings)),
           actions(static_cast<std::size_t>(settings.workers), static_cast<std::size_t>(settings.workerQueue)),
           // A connection has at most one task here, so none is ever turned away.

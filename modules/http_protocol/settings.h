@@ -50,7 +50,6 @@ struct ServerSettings {
     KelString socketFolder;  ///< of the agent's own socket; empty: none
 
     KelString userName;  ///< credentials of every request
-    KelString password;
 };
 
 /// The entries of the ini file.

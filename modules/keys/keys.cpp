@@ -132,7 +132,9 @@ void Keys::Register(const char* handle) {
                "container Values {bool IsEnrolled, string GUID, string Role, string Fingerprint (of its "
                "key), int64 NotAfter? (end of its certificate, seconds since the epoch), string Serial?, "
                "string Authority? (fingerprint), string ParentGuid, string ParentFingerprint (empty: "
-               "not known yet), int64 RevokedNumber, int32 RevokedCount, bool IsInvited}",
+               "not known yet), int64 RevokedNumber, int32 RevokedCount, bool IsInvited, bool "
+               "AcceptsPassword (of "
+               "members without keys), container PasswordCallers[]? {string Address, int64 LastSeen}}",
            .callers = KelCallers::Operator}},
          {&Keys::Join,
           {.signature = "KeysJoin",

@@ -7,6 +7,7 @@
 #include "kelcore/action_db.h"
 #include "kelcore/device_name.h"
 #include "kelcore/error_codes.h"
+#include "kelcore/keys/transition.h"
 #include "modules/keys/keys.h"
 
 namespace {
@@ -177,6 +178,13 @@ unsigned int Keys::GetValues(KelContainer* arguments) {
     values.SetInt64("RevokedNumber", parts.revoked.Number());
     values.SetInt32("RevokedCount", static_cast<std::int32_t>(parts.revoked.Count()));
     values.SetBool("IsInvited", keeper_.Token().has_value());
+    values.SetBool("AcceptsPassword", Transition().AcceptsPassword());
+    for (const auto& [address, time] : Transition().PasswordCallers()) {
+        KelContainer caller;
+        caller.SetString("Address", address.ToText());
+        caller.SetInt64("LastSeen", time);
+        values.SetContainer("PasswordCallers", std::move(caller), KelContainer::kAbsent);
+    }
     arguments->Clear();
     arguments->SetContainer("Values", std::move(values));
     return kKelOk;

@@ -28,10 +28,12 @@ class JsonTest(SystemTest):
                 "request": (*key, "--name", "a.bin"), "settings get": (), "settings set": ("QueueGap=9",),
                 "windows": (), "windows get": (), "windows set": ("up", "--slots", "0"), "multicast": (), "parent": (),
                 "audit": ("--since", "1h"), "doctor": (), "backup": (tree.folder / "backup",),
-                "invite": ("--uses", "2"), "keys": (), "keys status": (), "keys list": ()}
+                "invite": ("--uses", "2"), "keys": (), "keys status": (), "keys list": (), "password": (),
+                "password status": ()}
             # These say nothing here, print what is no list, or were run above.
             others = {"init", "restore", "settings", "resume", "wake", "send", "call", "completion", "manual", "devices remove",
-                      "keys revoke", "keys join", "keys forget-parent"}
+                      "keys revoke", "keys join", "keys forget-parent", "password rotate", "password end",
+                      "keys begin", "keys end-password"}
             commands = run("completion", "commands")
             self.assertEqual({command["name"] for command in commands}, {*lines, *others})
             for command, arguments in lines.items():

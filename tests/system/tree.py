@@ -127,17 +127,18 @@ class Agent:
         self.tree, self.name, self.role, self.address, self.parent = tree, name, role, address, parent
         self.port = tree.choose_port(self)
         self.root = tree.folder / name
+        self.build = tree.build_of(name)
         self.process = None
         self.shim = None  # makes file calls fail, see faults.py
         self.run_kel_init()
 
     def run_kel_init(self):
-        command = [self.tree.kel, "init", self.root, "--role", self.role, "--address", self.address, "--port",
+        command = [self.build / "kel", "init", self.root, "--role", self.role, "--address", self.address, "--port",
                    str(self.port), "--name", AGENT_NAME]
         if self.parent:
             command += ["--parent", f"{self.parent.address}:{self.parent.port}"]
         if not self.tree.keys:
-            command += ["--plain", "--password-file", self.tree.password_file]
+            command += [*self.tree.plain_option(self), "--password-file", self.tree.password_file]
         elif self.parent:
             command += ["--join", self.tree.invitation(self.role)]
         subprocess.run(command, check=True, stdout=subprocess.DEVNULL)
@@ -182,7 +183,7 @@ class Agent:
         if self.shim:
             self.shim.add_to(environment)
         with open(self.tree.folder / f"{self.name}.stderr", "ab") as stderr:
-            self.process = subprocess.Popen([*self.tree.place(self), self.tree.kelagent, "--root", self.root],
+            self.process = subprocess.Popen([*self.tree.place(self), self.build / "kelagent", "--root", self.root],
                                             stdin=subprocess.DEVNULL, stdout=stderr, stderr=stderr, env=environment,
                                             preexec_fn=die_with_parent)
 
@@ -214,7 +215,7 @@ class Agent:
 
     def kel(self, *arguments, timeout=120):
         """Runs `kel --root ROOT --json ARGUMENT...` and gives what it prints, parsed."""
-        run = subprocess.run([*self.tree.place(self), self.tree.kel, "--root", self.root, "--json",
+        run = subprocess.run([*self.tree.place(self), self.build / "kel", "--root", self.root, "--json",
                               *map(str, arguments)], text=True, capture_output=True, timeout=timeout)
         if run.returncode != 0:
             raise ActionFailed(" ".join(map(str, arguments[:2])), run.returncode, run.stderr)
@@ -267,8 +268,8 @@ class Tree:
     """
 
     def __init__(self, build, shape, clock=None, keep=False, short_intervals=True, keys=False):
-        build = pathlib.Path(build).resolve()
-        self.kelagent, self.kel = build / "bin" / "kelagent", build / "bin" / "kel"
+        self.build = pathlib.Path(build).resolve()
+        self.kelagent, self.kel = self.build / "bin" / "kelagent", self.build / "bin" / "kel"
         self.clock, self.keep = clock, keep or "KEL_KEEP" in os.environ
         self.short_intervals, self.keys = short_intervals, keys
         self.folder = pathlib.Path(tempfile.mkdtemp(prefix="kel_tree_"))
@@ -300,6 +301,14 @@ class Tree:
 
     def choose_port(self, agent):
         return free_port(agent.address)
+
+    def build_of(self, name):
+        """The folder of the programs of an agent."""
+        return self.build / "bin"
+
+    def plain_option(self, agent):
+        """What makes an agent one of a plain tree."""
+        return ["--plain"]
 
     def place(self, agent):
         """What stands before the commands of an agent: nothing, for one that runs here."""

@@ -213,7 +213,8 @@ TEST_F(MulticastTest, AReceptionThatWasEndedPutsNothingInPlace) {
     const auto root = std::make_shared<kelhttp::RootFolder>(File("in"));
     const kelhttp::MulticastOrder order{{group_, kPort, kUrl, 0}, kBlock, File("in/file"), TextMd5("")};
     for (const bool isEnded : {true, false}) {
-        kelhttp::MulticastReception reception(order, {root, "file", false}, "secret", log);
+        kelhttp::MulticastReception reception(order, {root, "file", false}, KelVector<KelString>{"secret"},
+                                              log);
         ASSERT_TRUE(reception.Open(*IpAddress::Parse("127.0.0.1")));
         if (isEnded) reception.Abandon();
         reception.Finish([] { return false; });

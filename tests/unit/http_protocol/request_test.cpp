@@ -30,8 +30,34 @@ TEST_F(RequestTest, OnlyTheRightDigestIsGranted) {
     EXPECT_EQ(client.AskGranted("GET", "/Files/data").status, 401) << "a forged nonce";
 }
 
+TEST_F(RequestTest, WhileThePasswordChangesBothAreAccepted) {
+    WriteFile("data", "content");
+    const auto statusAndHint = [this](const std::string& password, const std::string& fields = {}) {
+        HttpTestClient client = Connect();
+        client.FetchNonce();
+        TestAnswer answer = client.Ask("GET", "/Files/data",
+                                       client.Authorization("GET", "/Files/data", "tree", password) + fields);
+        return std::to_string(answer.status) + answer.fields["kel-password"];
+    };
+    EXPECT_EQ(statusAndHint("former"), "401");
+    TreePasswords().Set({"secret", "former"});
+    EXPECT_EQ(statusAndHint("former"), "200former");
+    ASSERT_EQ(TreePasswords().FormerCallers().size(), 1U);
+    EXPECT_EQ(TreePasswords().FormerCallers().front().first, IpAddress(0x7F000001));
+    for (const auto& [password, fields] : {std::pair("secret", ""), {"former", "Kel-Password: both\r\n"}}) {
+        EXPECT_EQ(statusAndHint(password, fields).substr(0, 3), "200");
+        EXPECT_TRUE(TreePasswords().FormerCallers().empty()) << password;
+        statusAndHint("former");
+    }
+    EXPECT_EQ(statusAndHint("other"), "401");
+    TreePasswords().Set({"secret"});
+    EXPECT_EQ(statusAndHint("former"), "401");
+}
+
 TEST(DigestAuthTest, NonceEndsWithItsTimeAndServesOneAddress) {
-    const DigestAuth auth("tree", "secret", 300);
+    KelTreePasswords passwords;
+    passwords.Set({"secret"});
+    const DigestAuth auth("tree", passwords, 300);
     const DigestAuth::Clock::time_point now = DigestAuth::Clock::now();
     const IpAddress peer(0x7F000001);
     HttpTestClient client(0);
@@ -40,7 +66,7 @@ TEST(DigestAuthTest, NonceEndsWithItsTimeAndServesOneAddress) {
         const std::string line = client.Authorization("GET", "/a");
         const std::string value = line.substr(15, line.size() - 17);
         DigestAuth::Memory memory;
-        return auth.Check({"GET", "/a", value, from, false}, memory, now + later);
+        return auth.Check({"GET", "/a", value, from}, memory, now + later);
     };
     EXPECT_EQ(check(peer, std::chrono::seconds(299)), DigestAuth::Verdict::Granted);
     EXPECT_EQ(check(peer, std::chrono::seconds(301)), DigestAuth::Verdict::Stale);

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include "kelcore/tree_passwords.h"
 #include "on_threads.h"
 
 /// pacparser keeps a copy of each URL it was asked about; leak checkers need not tell.
@@ -42,6 +43,27 @@ TEST(PacScript, ThreadsMayAskAtOnce) {
         for (int round = 0; round < 5; ++round)
             EXPECT_EQ(AgentSecurityPacFindProxy({kScript}, "http://x/", host), host + ":3");
     });
+}
+
+TEST(TreePasswordsTest, CallsBeginWithTheFormerPasswordUntilADeviceHasTheNewOne) {
+    using Order = KelVector<KelString>;
+    const Order formerFirst = {"old", "new"};
+    const Order newFirst = {"new", "old"};
+    KelTreePasswords passwords;
+    passwords.Set({"old"});
+    EXPECT_EQ(passwords.OrderFor("a:1"), Order{"old"});
+    passwords.Set({"new", "old"});
+    passwords.NoteTaken("waits:1", "old", false);
+    passwords.NoteTaken("both:1", "old", true);
+    passwords.NoteTaken("ended:1", "new", false);
+    EXPECT_EQ(passwords.OrderFor("waits:1"), formerFirst);
+    EXPECT_EQ(passwords.OrderFor("both:1"), newFirst);
+    EXPECT_EQ(passwords.OrderFor("ended:1"), newFirst);
+    passwords.NoteTaken("ended:1", "old", false);  // restored from a backup
+    EXPECT_EQ(passwords.OrderFor("ended:1"), formerFirst);
+    EXPECT_FALSE(passwords.Has(""));
+    EXPECT_EQ(PasswordEndText(ParsePasswordEnd("2026-12-31").value_or(0)), "2026-12-31");
+    EXPECT_FALSE(ParsePasswordEnd("2026-12-31 x"));
 }
 
 }  // namespace
