@@ -116,6 +116,7 @@ KelStatus MakeAuthority(const KelKeyFolder& keys) {
         if (auto status = authority.Create(now); !status) return status;
     }
     if (auto status = authority.Open(); !status) return status;
+    if (auto status = authority.OpenSigner(now); !status) return status;
     const auto parts = keys.LoadParts();
     if (!parts) return parts.Error();
     const auto certificate = authority.Issue(parts->key.Get(), parts->device, now);

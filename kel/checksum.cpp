@@ -41,7 +41,9 @@ class Digest {
     std::unique_ptr<EVP_MD_CTX, Free> context_;
 };
 
-bool AddRest(int fd, std::uint64_t begin, Digest& state, const std::function<bool()>& stopped = {}) {
+/// `add` gets the pieces.
+template <class Add>
+bool ReadRest(int fd, std::uint64_t begin, const std::function<bool()>& stopped, const Add& add) {
     const auto buffer = std::make_unique_for_overwrite<char[]>(kReadBytes);
     // It is read once from start to end: a longer read-ahead pays.
     ::posix_fadvise(fd, 0, 0, POSIX_FADV_SEQUENTIAL);
@@ -54,14 +56,23 @@ bool AddRest(int fd, std::uint64_t begin, Digest& state, const std::function<boo
         if (got < 0 && errno == EINTR) continue;
         if (got < 0) return false;
         if (got == 0) return true;
-        state.Add(buffer.get(), static_cast<std::size_t>(got));
+        add(buffer.get(), static_cast<std::size_t>(got));
         offset += got;
     }
 }
 
-bool DigestOf(const KelString& path, const EVP_MD* method, KelString& digest) {
+bool AddRest(int fd, std::uint64_t begin, Digest& state, const std::function<bool()>& stopped = {}) {
+    return ReadRest(fd, begin, stopped,
+                    [&state](const char* bytes, std::size_t count) { state.Add(bytes, count); });
+}
+
+UniqueFd OpenToRead(const KelString& path) {
     // O_NONBLOCK: a pipe must not block the open.
-    const UniqueFd fd(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    return UniqueFd(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+}
+
+bool DigestOf(const KelString& path, const EVP_MD* method, KelString& digest) {
+    const UniqueFd fd = OpenToRead(path);
     Digest state(method);
     if (!fd || !AddRest(fd.Get(), 0, state)) return false;
     digest = state.Text();
@@ -114,6 +125,42 @@ KelString Md5Digest::Text() {
 
 bool FileSha256(const KelString& path, KelString& digest) {
     return DigestOf(path, EVP_sha256(), digest);
+}
+
+bool FileSha256(int fd, KelString& digest) {
+    Digest state(EVP_sha256());
+    if (!AddRest(fd, 0, state)) return false;
+    digest = state.Text();
+    return true;
+}
+
+bool FileMd5AndSha256(const KelString& path, KelString& md5, KelString& sha256) {
+    const UniqueFd fd = OpenToRead(path);
+    Digest first(EVP_md5());
+    Digest second(EVP_sha256());
+    const auto add = [&](const char* bytes, std::size_t count) {
+        first.Add(bytes, count);
+        second.Add(bytes, count);
+    };
+    if (!fd || !ReadRest(fd.Get(), 0, {}, add)) return false;
+    md5 = first.Text();
+    sha256 = second.Text();
+    return true;
+}
+
+struct Sha256Digest::State : Digest {
+    using Digest::Digest;
+};
+
+Sha256Digest::Sha256Digest() : state_(std::make_unique<State>(EVP_sha256())) {}
+Sha256Digest::~Sha256Digest() = default;
+
+void Sha256Digest::Add(std::string_view bytes) {
+    state_->Add(bytes.data(), bytes.size());
+}
+
+KelString Sha256Digest::Text() {
+    return state_->Text();
 }
 
 KelString TextMd5(std::string_view text) {

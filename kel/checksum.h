@@ -36,9 +36,30 @@ class Md5Digest {
     std::unique_ptr<State> state_;
 };
 
+/// The SHA-256 digest (FIPS 180-4) of content that comes in pieces. One thread at a time.
+class Sha256Digest {
+  public:
+    Sha256Digest();
+    ~Sha256Digest();
+    Sha256Digest(const Sha256Digest&) = delete;
+    Sha256Digest& operator=(const Sha256Digest&) = delete;
+
+    void Add(std::string_view bytes);
+    /// 64 lower-case hexadecimal digits. Nothing can be added after that.
+    KelString Text();
+
+  private:
+    struct State;
+    std::unique_ptr<State> state_;
+};
+
 /// The SHA-256 digest (FIPS 180-4) of a file as 64 lower-case hexadecimal digits; false when it cannot be
 /// read.
 bool FileSha256(const KelString& path, KelString& digest);
+/// The same of an open file, which is read with pread; the file position stays.
+bool FileSha256(int fd, KelString& digest);
+/// Both digests of a file, which is read once.
+bool FileMd5AndSha256(const KelString& path, KelString& md5, KelString& sha256);
 
 // Digests of a text, as lower-case hexadecimal digits.
 KelString TextMd5(std::string_view text);

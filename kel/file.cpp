@@ -98,6 +98,14 @@ UniqueFd CreateTempIn(int folder, KelString& name) {
     return {};
 }
 
+bool CopyExpected(int source, int destination, const KelString& sha256) {
+    if (sha256.empty()) return FileCopyContent(source, destination);
+    KelString copied;
+    if (!FileCopyContent(source, destination, copied)) return false;
+    errno = EKEYREJECTED;  // which no file system gives
+    return copied == sha256;
+}
+
 }  // namespace
 
 bool FileIsMissing(const KelString& path) {
@@ -251,7 +259,7 @@ UniqueFd DirCreateBeneath(const UniqueFd& root, const KelString& relativePath, u
 }
 
 bool FileCopyInto(const KelString& source, const UniqueFd& folder, const KelString& name, unsigned int mode,
-                  const KelString& workFolder) {
+                  const KelString& workFolder, const KelString& sha256) {
     const UniqueFd from(::open(source.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
     struct stat status {};
     if (!from || ::fstat(from.Get(), &status) != 0 || !S_ISREG(status.st_mode)) return false;
@@ -264,11 +272,11 @@ bool FileCopyInto(const KelString& source, const UniqueFd& folder, const KelStri
     KelString temporary;
     const UniqueFd copy = CreateTempIn(place, temporary);
     if (!copy) return false;
-    if (FileCopyContent(from.Get(), copy.Get()) && ::fchmod(copy.Get(), mode) == 0 &&
+    if (CopyExpected(from.Get(), copy.Get(), sha256) && ::fchmod(copy.Get(), mode) == 0 &&
         ::fsync(copy.Get()) == 0 && ::renameat(place, temporary.c_str(), folder.Get(), name.c_str()) == 0)
         return ::fsync(folder.Get()) == 0;
     const int error = errno;
     ::unlinkat(place, temporary.c_str(), 0);
     errno = error;
-    return error == EXDEV && work && FileCopyInto(source, folder, name, mode);
+    return error == EXDEV && work && FileCopyInto(source, folder, name, mode, {}, sha256);
 }

@@ -77,6 +77,7 @@ UniqueFd DirCreateBeneath(const UniqueFd& root, const KelString& relativePath, u
 
 /// Copies `source` to `name` in an open folder, with permission bits `mode`, replacing what is there, even a
 /// link, atomically. The temporary file is made in `workFolder`; in `folder` when that is empty or on another
-/// file system.
+/// file system. With `sha256` (64 lower-case hexadecimal digits), content that has another digest is not put
+/// in place: the call fails with EKEYREJECTED.
 bool FileCopyInto(const KelString& source, const UniqueFd& folder, const KelString& name, unsigned int mode,
-                  const KelString& workFolder = {});
+                  const KelString& workFolder = {}, const KelString& sha256 = {});

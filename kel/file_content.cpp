@@ -6,10 +6,26 @@
 #include <cerrno>
 #include <memory>
 
+#include "kel/checksum.h"
+
 namespace {
 
 constexpr std::size_t kBufferBytes = std::size_t{256} << 10;
 constexpr std::size_t kKernelCopyBytes = std::size_t{64} << 20;
+
+/// `watch` gets the pieces that were written.
+template <class Watch>
+bool CopyPieces(int source, int destination, const Watch& watch) {
+    const auto buffer = std::make_unique_for_overwrite<char[]>(kBufferBytes);
+    for (;;) {
+        const ssize_t got = ::read(source, buffer.get(), kBufferBytes);
+        if (got < 0 && errno == EINTR) continue;
+        if (got <= 0) return got == 0;
+        const std::string_view piece(buffer.get(), static_cast<std::size_t>(got));
+        if (!FileWriteAll(destination, piece)) return false;
+        watch(piece);
+    }
+}
 
 }  // namespace
 
@@ -58,11 +74,13 @@ bool FileCopyContent(int source, int destination) {
         // whatever is left is copied below.
         if (copied <= 0) break;
     }
-    const auto buffer = std::make_unique<char[]>(kBufferBytes);
-    for (;;) {
-        const ssize_t got = ::read(source, buffer.get(), kBufferBytes);
-        if (got < 0 && errno == EINTR) continue;
-        if (got <= 0) return got == 0;
-        if (!FileWriteAll(destination, {buffer.get(), static_cast<std::size_t>(got)})) return false;
-    }
+    return CopyPieces(source, destination, [](std::string_view) {});
+}
+
+bool FileCopyContent(int source, int destination, KelString& sha256) {
+    Sha256Digest digest;
+    if (!CopyPieces(source, destination, [&digest](std::string_view piece) { digest.Add(piece); }))
+        return false;
+    sha256 = digest.Text();
+    return true;
 }

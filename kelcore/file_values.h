@@ -35,6 +35,7 @@ inline constexpr const char* kValueUnconnected =
 // What a publication adds to the FileInfo of its file, or of its order.
 inline constexpr const char* kValuePublicationId = "PublicationId";      // string
 inline constexpr const char* kValuePublicationTime = "PublicationTime";  // int64, seconds since the epoch
+inline constexpr const char* kValueSigned = "Signed";  // container: see kelcore/keys/publication_signature.h
 
 // Types of files that more than one module knows.
 inline constexpr const char* kIdentityFileType = "IdentityIdentity";  // a device's report about itself

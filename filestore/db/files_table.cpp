@@ -105,7 +105,8 @@ constexpr char kIsOwn[] = "ExternalFile = 0";
 constexpr char kIsExternal[] = "ExternalFile <> 0";
 constexpr char kRecordRequestAnswer[] =
     "UPDATE Files SET FileStatus = '%Q', LastStatusChangeTime = %ld, FileURL = '%Q', KeepCopy = %u, "
-    "FileChecksum = '%Q', MulticastAddress = '', MulticastPort = 0 WHERE FileId = %lu AND FileStatus = '%s'";
+    "FileChecksum = '%Q', FileInfo = '%Q', MulticastAddress = '', MulticastPort = 0 WHERE FileId = %lu AND "
+    "FileStatus = '%s'";
 
 constexpr char kSetReceivingAgain[] =
     "UPDATE Files SET FileStatus = '%s', TransportMode = '%s', FileSize = %ld, FileURL = '%Q', Repeated = %u "
@@ -321,7 +322,7 @@ bool MoveContentPaths(Side side, const KelString& previous, const KelString& loc
 
 bool RecordRequestAnswer(std::uint64_t fileId, const RequestAnswer& answer) {
     return ChangeDownstream(KelFormat(kRecordRequestAnswer, answer.status, StatusTime(answer.next),
-                                      answer.url, answer.keepCopy, answer.checksum, fileId,
+                                      answer.url, answer.keepCopy, answer.checksum, answer.info, fileId,
                                       kStatusToBeRequested));
 }
 

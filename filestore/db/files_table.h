@@ -122,6 +122,7 @@ struct RequestAnswer {
     KelString url;
     std::uint32_t keepCopy = 0;
     KelString checksum;
+    KelString info;  ///< FileInfo of the row, as XML
 };
 /// Leaves a row alone that is no longer to be requested.
 bool RecordRequestAnswer(std::uint64_t fileId, const RequestAnswer& answer);

@@ -5,6 +5,7 @@
 #include "filestore/db/targets_table.h"
 #include "filestore/db/withdrawals_table.h"
 #include "filestore/down/damaged_copy.h"
+#include "filestore/exchange/file_record.h"
 #include "filestore/exchange/input_checks.h"
 #include "filestore/exchange/offer.h"
 #include "filestore/packages/package_repository.h"
@@ -39,6 +40,7 @@ struct Answer {
     KelString url;
     unsigned int keepCopy = 0;
     KelString checksum;  ///< of the file found, when the request left it open
+    KelContainer info;   ///< of the file found, when the master has signed it
     KelString status;    ///< of the file's row when it was last looked at; empty: no row; not sent
 };
 
@@ -46,8 +48,11 @@ Request ReadRequest(const KelContainer& arguments) {
     Request request;
     request.file.SetKey(FileKey::Read(arguments));
     request.file.Bypass = arguments.GetBool(kValueBypass);
-    request.file.FileInfo = FileInfoXml(arguments);
     request.deviceGuid = arguments.GetString(kValueDeviceGuid);
+    KelContainer info = arguments.GetContainer(kValueFileInfo);
+    // What a device below says was signed does not become what this one passes on.
+    if (!request.deviceGuid.empty()) info.Remove(kValueSigned);
+    if (arguments.Has(kValueFileInfo)) request.file.FileInfo = info.SaveToXML();
     request.isDamaged = arguments.GetBool(kValueContentDamaged);
     int frameSize = 0;
     request.multicast = FileStore::bmTrackUsageMulticast.BandwidthIsLimited() &&
@@ -163,6 +168,7 @@ InStore AnswerFromStore(const Request& request, std::uint64_t& fileId, Answer& a
     if (entry.FileStatus != kStatusAvailable) return InStore::NotHere;
     answer.url = UrlOf(entry);
     answer.checksum = entry.FileChecksum;
+    if (IsSigned(entry.FileInfo)) answer.info = FileInfoOf(entry);
     SetLastRequestTime(fileId, std::time(nullptr));
     EnsureTarget(fileId, request);
     return InStore::Answered;
@@ -213,6 +219,7 @@ void WriteAnswer(const Request& request, const Answer& answer, KelContainer& res
     results.SetString(kValueFileUrl, request.multicast ? KelString() : answer.url);
     if (request.file.FileChecksum.empty() && !answer.checksum.empty())
         results.SetString(kValueFileChecksum, answer.checksum);
+    if (answer.info.Has(kValueSigned)) results.SetContainer(kValueFileInfo, answer.info);
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 #include "filestore/down/multicast_calls.h"
 #include "filestore/down/receive_offer.h"
 #include "filestore/down/target_list.h"
+#include "filestore/exchange/file_record.h"
 #include "filestore/state/file_store.h"
 #include "filestore/state/store_layout.h"
 #include "kel/file.h"
@@ -82,6 +83,7 @@ bool IsHere(const FileStoreEntry& known) {
 /// Has the known file downloaded as the new announcement says.
 void SetToBeDownloaded(FileStoreEntry& known, const Announcement& announced) {
     known.FileURL = announced.file.FileURL;
+    known.FileInfo = SignedOne(known.FileInfo, announced.file.FileInfo);
     // It is not known of a requested file.
     if (announced.file.FileSize > 0) known.FileSize = announced.file.FileSize;
     if (known.FileChecksum.empty()) {  // it was requested without one

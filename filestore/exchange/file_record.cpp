@@ -1,6 +1,7 @@
 #include "filestore/exchange/file_record.h"
 
 #include "filestore/state/file_store.h"
+#include "kelcore/file_values.h"
 
 namespace filestore {
 
@@ -10,6 +11,16 @@ KelContainer FileInfoOf(const FileStoreEntry& entry) {
         FileStore::debugFileStore.Warning("The information of file %S is damaged and left out: %S\n",
                                           entry.FileName, loaded.Error().message);
     return info;
+}
+
+bool IsSigned(const KelString& info) {
+    if (info.find(kValueSigned) == KelString::npos) return false;  // most are not, and need not be parsed
+    KelContainer values;
+    return values.LoadFromXML(info) && values.Has(kValueSigned);
+}
+
+const KelString& SignedOne(const KelString& own, const KelString& ofParent) {
+    return IsSigned(ofParent) && !IsSigned(own) ? ofParent : own;
 }
 
 FileOffer FileDescriptionOf(const FileStoreEntry& entry) {

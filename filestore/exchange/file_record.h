@@ -16,4 +16,11 @@ FileOffer FileRecordOf(const FileStoreEntry& entry);
 /// damaged.
 KelContainer FileInfoOf(const FileStoreEntry& entry);
 
+/// True when a row's FileInfo, as XML, has what the master has signed of the file.
+bool IsSigned(const KelString& info);
+
+/// The FileInfo, as XML, of a file that is fetched from the parent: its own, unless only the parent's is
+/// signed, as for a file that somebody here has requested.
+const KelString& SignedOne(const KelString& own, const KelString& ofParent);
+
 }  // namespace filestore

@@ -40,7 +40,7 @@ constexpr std::array kActions = {
          .inputs = KEL_FILE_KEY " (empty: any content), string DeviceGUID? (device URL of the requester), "
                                 "container FileInfo?, bool Bypass?, bool ContentDamaged?",
          .outputs = "string FileURL? (empty: not here yet), int32 KeepCopy?, string FileChecksum?, bool "
-                    "FileObsolete?",
+                    "FileObsolete?, container FileInfo? (of a file that the master has signed)",
          .results = "1 the key is unusable; 44005 the GUID belongs to another tree",
          .callers = kChild | kOperator}},
     FileStoreAction{

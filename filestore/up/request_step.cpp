@@ -3,6 +3,7 @@
 #include "filestore/exchange/file_record.h"
 #include "filestore/exchange/http_transfer.h"
 #include "filestore/exchange/input_checks.h"
+#include "filestore/exchange/offer.h"
 #include "filestore/state/contact.h"
 #include "filestore/state/device.h"
 #include "filestore/state/file_store.h"
@@ -53,6 +54,7 @@ bool RecordAnswer(const FileStoreEntry& file, const KelContainer& given) {
     answer.url = UrlOf(given);
     answer.keepCopy = static_cast<std::uint32_t>(given.GetInt32(kValueKeepCopy));
     answer.checksum = ChecksumOf(file, given);
+    answer.info = SignedOne(file.FileInfo, FileInfoXml(given));
     if (!answer.url.empty()) {
         answer.status = kStatusDownloading;
     } else if (given.GetBool("FileObsolete")) {

@@ -92,6 +92,32 @@ KelStatus KelAuthority::Open() {
     return {};
 }
 
+KelStatus KelAuthority::OpenSigner(std::int64_t now) {
+    const KelString keyPath = File("signing_key.pem"), certificatePath = File("signing_certificate.pem");
+    if (!FileExists(keyPath)) {
+        const auto key = KelKeyPair::Make(KelKeyKind::Signing);
+        if (!key) return key.Error();
+        FileDelete(certificatePath);
+        if (KelStatus saved = key->Save(keyPath); !saved) return saved;
+    }
+    auto key = KelKeyPair::Load(keyPath, KelKeyKind::Signing);
+    if (!key) return key.Error();
+    if (!FileExists(certificatePath)) {
+        const auto issued = issuer_->IssueForSigning(key->Get(), now);
+        if (!issued) return issued.Error();
+        if (KelStatus saved = SaveAll(certificatePath, {*issued}); !saved) return saved;
+    }
+    auto certificate = KelCertificate::Load(certificatePath);
+    if (!certificate) return certificate.Error();
+    if (certificate->Fingerprint() != KeyFingerprint(key->Get()))
+        return KelError{kKelFailure,
+                        KelFormat("%S and %S do not belong together; restore both from a backup, or remove "
+                                  "both to have new ones made",
+                                  keyPath, certificatePath)};
+    signer_.emplace(std::move(*key), std::move(*certificate));
+    return {};
+}
+
 std::optional<KelCertificate> KelAuthority::Find(const KelString& guid, std::int64_t now) const {
     KelVector<KelCertificate> issued = LoadAll(IssuedPath(guid));
     DropEnded(issued, now);

@@ -3,12 +3,15 @@
 #include "kel/result.h"
 #include "kelcore/keys/certificate_request.h"
 #include "kelcore/keys/issuer.h"
+#include "kelcore/keys/publication_signature.h"
 #include "kelcore/keys/revocation_list.h"
 
 /// The authority of a tree, on its master. It keeps in its folder
 ///
 ///     key.pem, certificate.pem  of the authority
 ///     group_key                 what the devices of the tree share, as hexadecimal digits
+///     signing_key.pem, signing_certificate.pem
+///                               with which publications are signed
 ///     Issued/GUID.pem           the certificates of a device that have not ended, the latest at the end
 ///     Revoked/GUID.pem          likewise those that were revoked
 ///     revoked.pem               the list of the latter
@@ -33,6 +36,12 @@ class KelAuthority {
 
     /// Reads key and certificate. Needed before anything below.
     KelStatus Open();
+
+    /// Reads the key with which publications are signed, and its certificate. What is missing is made: a tree
+    /// may be older than signatures.
+    KelStatus OpenSigner(std::int64_t now);
+    /// After that.
+    const KelSigner& Signer() const { return *signer_; }
 
     const KelCertificate& Certificate() const { return issuer_->Certificate(); }
     const KelString& GroupKey() const { return groupKey_; }
@@ -63,5 +72,6 @@ class KelAuthority {
 
     KelString folder_;
     std::optional<KelIssuer> issuer_;
+    std::optional<KelSigner> signer_;
     KelString groupKey_;
 };

@@ -115,6 +115,26 @@ KelResult<KelString> KelCertificate::ToPem() const {
     return TextOf(bio.get());
 }
 
+KelResult<KelCertificate> KelCertificate::FromDer(std::string_view der) {
+    if (der.size() > kMaxDerBytes) return Malformed("is too long for a certificate");
+    const auto* next = reinterpret_cast<const unsigned char*>(der.data());
+    X509* read = d2i_X509(nullptr, &next, static_cast<long>(der.size()));
+    if (read == nullptr) return OpenSslError("This is no certificate");
+    KelCertificate certificate(std::shared_ptr<X509>(read, &X509_free));
+    if (reinterpret_cast<const char*>(next) != der.data() + der.size())
+        return Malformed("has something behind the certificate");
+    return certificate;
+}
+
+KelResult<KelString> KelCertificate::ToDer() const {
+    unsigned char* der = nullptr;
+    const int length = i2d_X509(certificate_.get(), &der);
+    if (length < 0) return OpenSslError("A certificate cannot be written");
+    KelString text(reinterpret_cast<const char*>(der), static_cast<std::size_t>(length));
+    OPENSSL_free(der);
+    return text;
+}
+
 KelString KelCertificate::Serial() const {
     return SerialText(X509_get0_serialNumber(certificate_.get()));
 }

@@ -43,6 +43,11 @@ class KelCertificate {
     static KelCertificate Of(x509_st* certificate);
 
     KelResult<KelString> ToPem() const;
+
+    /// One certificate and nothing else, of at most kMaxDerBytes, as it travels with a signature.
+    static constexpr std::size_t kMaxDerBytes = 2 << 10;
+    static KelResult<KelCertificate> FromDer(std::string_view der);
+    KelResult<KelString> ToDer() const;
     x509_st* Get() const { return certificate_.get(); }
 
     KelString Serial() const;  ///< hexadecimal digits

@@ -83,6 +83,20 @@ KelResult<KelCertificate> KelIssuer::Issue(evp_pkey_st* publicKey, const KelDevi
     return Sign(raw, key_.Get());
 }
 
+KelResult<KelCertificate> KelIssuer::IssueForSigning(evp_pkey_st* publicKey, std::int64_t now) const {
+    const X509Owner certificate = MakeUnsigned(publicKey, now, kAuthorityYears * kValidity);
+    X509* const raw = certificate.get();
+    X509* const issuer = certificate_.Get();
+    if (raw == nullptr || !SetCommonName(raw, "Publications") ||
+        X509_set_issuer_name(raw, X509_get_subject_name(issuer)) != 1 ||
+        !AddExtension(raw, issuer, NID_basic_constraints, "critical,CA:FALSE") ||
+        !AddExtension(raw, issuer, NID_key_usage, "critical,digitalSignature") ||
+        !AddExtension(raw, issuer, NID_ext_key_usage, "critical,codeSigning") ||
+        !AddExtension(raw, issuer, NID_authority_key_identifier, "keyid:always"))
+        return NotMade();
+    return Sign(raw, key_.Get());
+}
+
 KelResult<KelString> KelIssuer::ListRevoked(const KelVector<KelCertificate>& revoked, std::int64_t number,
                                             std::int64_t now) const {
     const OpenSslOwner<X509_CRL, &X509_CRL_free> list(X509_CRL_new());

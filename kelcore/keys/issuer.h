@@ -23,6 +23,10 @@ class KelIssuer {
     KelResult<KelCertificate> Issue(evp_pkey_st* publicKey, const KelDeviceIdentity& identity,
                                     std::int64_t now) const;
 
+    /// A certificate for the key with which publications are signed, for as long as the authority's. Its one
+    /// purpose is to sign code, so that it is of no use for TLS, and that of a device of none for signatures.
+    KelResult<KelCertificate> IssueForSigning(evp_pkey_st* publicKey, std::int64_t now) const;
+
     /// The list of these certificates, in PEM form. `number` is higher than that of every list before.
     KelResult<KelString> ListRevoked(const KelVector<KelCertificate>& revoked, std::int64_t number,
                                      std::int64_t now) const;

@@ -14,6 +14,7 @@ namespace {
 
 constexpr std::uint64_t kMaxPemBytes = 16 << 10;
 constexpr std::string_view kCurve = "prime256v1";
+constexpr const char* kSigning = "ED25519";
 constexpr std::string_view kDigestName = "sha256//";
 constexpr std::size_t kDigestBytes = 32;
 
@@ -29,20 +30,25 @@ KelString FingerprintOfDer(unsigned char* der, int length) {
 
 }  // namespace
 
-KelResult<KelKeyPair> KelKeyPair::Make() {
-    std::shared_ptr<EVP_PKEY> key(EVP_EC_gen("P-256"), &EVP_PKEY_free);
+KelResult<KelKeyPair> KelKeyPair::Make(KelKeyKind kind) {
+    std::shared_ptr<EVP_PKEY> key(
+        kind == KelKeyKind::Tree ? EVP_EC_gen("P-256") : EVP_PKEY_Q_keygen(nullptr, nullptr, kSigning),
+        &EVP_PKEY_free);
     if (!key) return OpenSslError("A key cannot be made");
     return KelKeyPair(std::move(key));
 }
 
-KelResult<KelKeyPair> KelKeyPair::FromPem(std::string_view pem) {
+KelResult<KelKeyPair> KelKeyPair::FromPem(std::string_view pem, KelKeyKind kind) {
     const BioOwner bio = ReadingBio(pem);
     // Without a function that asks for a password, an encrypted key would have the terminal asked.
     const auto noPassword = [](char*, int, int, void*) { return -1; };
     std::shared_ptr<EVP_PKEY> key(
         bio ? PEM_read_bio_PrivateKey(bio.get(), nullptr, noPassword, nullptr) : nullptr, &EVP_PKEY_free);
     if (!key) return OpenSslError("This is no private key");
-    if (!IsTreeKey(key.get())) return KelError{kKelFailure, "This is no key on the curve P-256"};
+    if (kind == KelKeyKind::Tree && !IsTreeKey(key.get()))
+        return KelError{kKelFailure, "This is no key on the curve P-256"};
+    if (kind == KelKeyKind::Signing && !IsSigningKey(key.get()))
+        return KelError{kKelFailure, "This is no key for Ed25519"};
     return KelKeyPair(std::move(key));
 }
 
@@ -54,7 +60,7 @@ KelResult<KelString> KelKeyPair::ToPem() const {
     return TextOf(bio.get());
 }
 
-KelResult<KelKeyPair> KelKeyPair::Load(const KelString& path) {
+KelResult<KelKeyPair> KelKeyPair::Load(const KelString& path, KelKeyKind kind) {
     if (FileIsOpenToOthers(path))
         return KelError{kKelFailure,
                         KelFormat("The private key %S may be opened by others; chmod 600 it, and join the "
@@ -62,7 +68,7 @@ KelResult<KelKeyPair> KelKeyPair::Load(const KelString& path) {
                                   path)};
     const auto text = FileReadText(path, kMaxPemBytes);
     if (!text) return text.Error();
-    auto key = FromPem(*text);
+    auto key = FromPem(*text, kind);
     if (!key) return KelError{kKelFailure, path + ": " + key.Error().message};
     return key;
 }
@@ -79,6 +85,10 @@ bool IsTreeKey(const evp_pkey_st* key) {
     return key != nullptr && EVP_PKEY_is_a(key, "EC") == 1 &&
            EVP_PKEY_get_group_name(key, group.data(), group.size(), &length) == 1 &&
            std::string_view(group.data(), length) == kCurve;
+}
+
+bool IsSigningKey(const evp_pkey_st* key) {
+    return key != nullptr && EVP_PKEY_is_a(key, kSigning) == 1;
 }
 
 KelString KeyFingerprint(const evp_pkey_st* key) {

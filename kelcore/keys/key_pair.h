@@ -9,18 +9,21 @@
 struct evp_pkey_st;
 struct x509_st;
 
-/// A private key with its public key: ECDSA on the curve P-256 (FIPS 186-5). A value; may be read from any
-/// thread.
+/// What a key is for: devices and the authority have keys for ECDSA on the curve P-256 (FIPS 186-5), for TLS
+/// and certificates; publications are signed with a key for Ed25519 (RFC 8032).
+enum class KelKeyKind : unsigned char { Tree, Signing };
+
+/// A private key with its public key. A value; may be read from any thread.
 class KelKeyPair {
   public:
-    static KelResult<KelKeyPair> Make();
+    static KelResult<KelKeyPair> Make(KelKeyKind kind = KelKeyKind::Tree);
 
-    /// A private key in PEM form (PKCS #8, RFC 5958) without a password.
-    static KelResult<KelKeyPair> FromPem(std::string_view pem);
+    /// A private key in PEM form (PKCS #8, RFC 5958) without a password. An error when it is of another kind.
+    static KelResult<KelKeyPair> FromPem(std::string_view pem, KelKeyKind kind = KelKeyKind::Tree);
     KelResult<KelString> ToPem() const;
 
     /// From a file that only its owner may read.
-    static KelResult<KelKeyPair> Load(const KelString& path);
+    static KelResult<KelKeyPair> Load(const KelString& path, KelKeyKind kind = KelKeyKind::Tree);
     KelStatus Save(const KelString& path) const;
 
     evp_pkey_st* Get() const { return key_.get(); }
@@ -31,8 +34,9 @@ class KelKeyPair {
     std::shared_ptr<evp_pkey_st> key_;
 };
 
-/// True for the one kind of key that the devices of a tree have.
+/// True for the one kind of key that the devices of a tree have, and for that of publications.
 bool IsTreeKey(const evp_pkey_st* key);
+bool IsSigningKey(const evp_pkey_st* key);
 
 /// "sha256//…": the SHA-256 digest of the public key (its SubjectPublicKeyInfo in DER) in base64, as pins of
 /// keys are written (RFC 7469). Empty when memory runs out.

@@ -39,6 +39,21 @@ KelString ProblemText(int error, const KelCertificate& certificate, std::int64_t
     }
 }
 
+/// What keeps the authority's signature from vouching for a certificate at this time; empty when it does.
+KelString ChainProblem(x509_st* certificate, x509_store_st* store, int purpose, std::int64_t now) {
+    const X509StoreContextOwner context(X509_STORE_CTX_new());
+    if (!context || X509_STORE_CTX_init(context.get(), store, certificate, nullptr) != 1)
+        return OpenSslError("its certificate cannot be examined").message;
+    X509_VERIFY_PARAM* const rules = X509_STORE_CTX_get0_param(context.get());
+    X509_VERIFY_PARAM_set_time(rules, now);
+    X509_VERIFY_PARAM_set_flags(rules, X509_V_FLAG_X509_STRICT);
+    X509_VERIFY_PARAM_set_purpose(rules, purpose);
+    if (X509_verify_cert(context.get()) == 1) return {};
+    const int error = X509_STORE_CTX_get_error(context.get());
+    X509* const faulty = X509_STORE_CTX_get_current_cert(context.get());
+    return ProblemText(error, KelCertificate::Of(faulty != nullptr ? faulty : certificate), now);
+}
+
 KelTlsPeer Distrusted(KelString problem) {
     KelTlsPeer peer;
     peer.problem = std::move(problem);
@@ -70,20 +85,9 @@ std::shared_ptr<x509_store_st> MakeTrustStore(const KelCertificate& authority) {
 KelTlsPeer ExamineByAuthority(x509_st* certificate, x509_store_st* store, KelTlsSide presentedBy,
                               std::int64_t now) {
     const KelCertificate presented = KelCertificate::Of(certificate);
-    const X509StoreContextOwner context(X509_STORE_CTX_new());
-    if (!context || X509_STORE_CTX_init(context.get(), store, certificate, nullptr) != 1)
-        return Distrusted(OpenSslError("its certificate cannot be examined").message);
-    X509_VERIFY_PARAM* const rules = X509_STORE_CTX_get0_param(context.get());
-    X509_VERIFY_PARAM_set_time(rules, now);
-    X509_VERIFY_PARAM_set_flags(rules, X509_V_FLAG_X509_STRICT);
-    X509_VERIFY_PARAM_set_purpose(
-        rules, presentedBy == KelTlsSide::Server ? X509_PURPOSE_SSL_SERVER : X509_PURPOSE_SSL_CLIENT);
-    if (X509_verify_cert(context.get()) != 1) {
-        const int error = X509_STORE_CTX_get_error(context.get());
-        X509* const faulty = X509_STORE_CTX_get_current_cert(context.get());
-        return Distrusted(
-            ProblemText(error, faulty != nullptr ? KelCertificate::Of(faulty) : presented, now));
-    }
+    const int purpose = presentedBy == KelTlsSide::Server ? X509_PURPOSE_SSL_SERVER : X509_PURPOSE_SSL_CLIENT;
+    if (KelString problem = ChainProblem(certificate, store, purpose, now); !problem.empty())
+        return Distrusted(std::move(problem));
     const auto identity = presented.Identity();
     if (!identity) return Distrusted("its certificate is not that of a device: " + identity.Error().message);
     return {true, identity->guid, identity->role, presented.Fingerprint(), presented.Serial(), {}};
@@ -129,6 +133,16 @@ KelTlsPeer KelKeyRing::Examine(x509_st* certificate, KelTlsSide presentedBy,
     if (KelString mismatch = Mismatch(peer, expected); !mismatch.empty())
         return Distrusted(std::move(mismatch));
     return peer;
+}
+
+KelString KelKeyRing::SignerProblem(x509_st* certificate, std::int64_t now) const {
+    if (!store_) return "this device has not been enrolled yet, and cannot tell who belongs to its tree";
+    if (KelString problem = ChainProblem(certificate, store_.get(), X509_PURPOSE_ANY, now); !problem.empty())
+        return problem;
+    if (X509_get_extended_key_usage(certificate) != XKU_CODE_SIGN ||
+        !IsSigningKey(X509_get0_pubkey(certificate)))
+        return "its certificate is not for signing publications";
+    return parts_.revoked.Has(KelCertificate::Of(certificate).Serial()) ? "its certificate was revoked" : "";
 }
 
 bool KelKeyRing::IsStillTrusted(const KelTlsPeer& peer) const {

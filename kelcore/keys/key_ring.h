@@ -66,6 +66,10 @@ class KelKeyRing {
     KelTlsPeer Examine(x509_st* certificate, KelTlsSide presentedBy, const KelPeerExpectation& expected,
                        std::int64_t now) const;
 
+    /// Examines the certificate that came with the signature of a publication: empty when the authority has
+    /// issued it for that and it was not revoked, else what is wrong with it.
+    KelString SignerProblem(x509_st* certificate, std::int64_t now) const;
+
     /// True while a peer that was verified by an earlier ring, or earlier, is to be trusted.
     bool IsStillTrusted(const KelTlsPeer& peer) const;
 

@@ -107,6 +107,7 @@ KelResult<DeliveryReceipt> ReadDeliveryReceipt(const KelContainer& content, cons
     receipt.message = CleanMessage(content.GetString("Message"));
     receipt.time = content.GetInt64("Time");
     if (const KelStatus checked = CheckTime(receipt.time); !checked) return checked.Error();
+    receipt.isRefused = content.GetBool("Refused");
     return receipt;
 }
 

@@ -28,6 +28,7 @@ struct DeliveryReceipt {
     KelString status;                   ///< "delivered" or "failed"
     KelString message;                  ///< without control characters, at most kMaxReceiptMessageBytes
     std::int64_t time = 0;              ///< by the device's clock, seconds since the epoch
+    bool isRefused = false;             ///< a device above it has brought what was never published for it
 };
 KelResult<DeliveryReceipt> ReadDeliveryReceipt(const KelContainer& content, const KelString& sourceDevice);
 

@@ -7,6 +7,7 @@
 #include "kel/path.h"
 #include "kel/text.h"
 #include "kelcore/error_codes.h"
+#include "kelcore/security.h"
 #include "kelcore/shared_content.h"
 
 namespace {
@@ -54,9 +55,16 @@ void ShareWithOtherLabels(const KelString& root, const PackageFile& file) {
     }
 }
 
-bool HoldsContent(const KelString& path, const KelString& checksum) {
-    KelString present;
-    return FileExists(path) && FileMd5(path, present) && present == checksum;
+/// In a plain tree, nothing is signed, and hashing twice would cost time.
+bool Hash(const KelString& path, PackageFile& file) {
+    return AgentSecurityGetKeys() ? FileMd5AndSha256(path, file.checksum, file.sha256)
+                                  : FileMd5(path, file.checksum);
+}
+
+bool HoldsContent(const KelString& path, const PackageFile& file) {
+    PackageFile present;
+    return FileExists(path) && Hash(path, present) && present.checksum == file.checksum &&
+           present.sha256 == file.sha256;
 }
 
 }  // namespace
@@ -111,13 +119,24 @@ KelResult<PackageFile> CopyToPackages(const KelString& root, const KelString& so
     }
     PackageFile file;
     file.size = FileGetSize64(copy);
-    if (file.size < 0 || !FileMd5(copy, file.checksum)) return CannotWrite(copy);
-    const std::int64_t size = file.size;
-    file = PlaceInPackages(root, label, file.checksum, name);
-    file.size = size;
-    if (HoldsContent(file.path, file.checksum)) return file;
+    if (file.size < 0 || !Hash(copy, file)) return CannotWrite(copy);
+    const PackageFile place = PlaceInPackages(root, label, file.checksum, name);
+    file.path = place.path;
+    file.url = place.url;
+    if (HoldsContent(file.path, file)) return file;
     if (!MakeFolders(root, label, file.checksum) || !FileRename(copy, file.path))
         return CannotWrite(file.path);
     ShareWithOtherLabels(root, file);
     return file;
+}
+
+KelResult<KelString> Sha256OfPackage(const PackageFile& file) {
+    PackageFile present;
+    if (FileExists(file.path) && FileMd5AndSha256(file.path, present.checksum, present.sha256) &&
+        present.checksum == file.checksum)
+        return present.sha256;
+    return KelError{
+        kKelErrorMissingContent,
+        KelFormat("%S is not what was published any more, so it cannot be signed; publish it again",
+                  file.path)};
 }

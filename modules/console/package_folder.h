@@ -10,6 +10,7 @@
 /// A file that was copied for publication.
 struct PackageFile {
     KelString checksum;     ///< MD5, lower-case hexadecimal
+    KelString sha256;       ///< likewise; only in a tree with keys, where publications are signed
     KelString path;         ///< of the copy
     KelString url;          ///< resource path under which devices fetch it
     std::int64_t size = 0;  ///< bytes
@@ -23,9 +24,13 @@ struct PackageFile {
 KelResult<PackageFile> CopyToPackages(const KelString& root, const KelString& source, const KelString& label,
                                       const KelString& name);
 
-/// Where such a copy lies; `size` is left open.
+/// Where such a copy lies; `size` and `sha256` are left open.
 PackageFile PlaceInPackages(const KelString& root, const KelString& label, const KelString& checksum,
                             const KelString& name);
+
+/// The SHA-256 digest of a copy that was made before publications were signed. An error when it is not what
+/// was published.
+KelResult<KelString> Sha256OfPackage(const PackageFile& file);
 
 /// The folder beneath `root` of the copies, and whose copy lies at a path in it: label, checksum and name.
 KelString PackagesFolder(const KelString& root);

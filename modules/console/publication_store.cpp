@@ -17,9 +17,10 @@ const KelError kUnwritable{kKelErrorInternal,
 KelString InsertStatement(const PublicationSummary& publication) {
     return KelFormat(
         "INSERT INTO Publications (PublicationId, FileType, FileLabel, FileName, FileChecksum, FileSize, "
-        "CreateTime, Priority) VALUES ('%Q', '%Q', '%Q', '%Q', '%Q', %gd, %gd, %d)",
+        "CreateTime, Priority, FileSha256) VALUES ('%Q', '%Q', '%Q', '%Q', '%Q', %gd, %gd, %d, '%Q')",
         publication.id, publication.file.type, publication.file.label, publication.file.name,
-        publication.file.checksum, publication.fileSize, publication.createTime, publication.priority);
+        publication.file.checksum, publication.fileSize, publication.createTime, publication.priority,
+        publication.sha256);
 }
 
 /// One statement per so many rows, because SQLite limits the length of a statement.
@@ -98,6 +99,11 @@ bool PublicationStore::SetOrdered(const KelString& id, std::int64_t time) {
         {KelFormat("UPDATE Publications SET OrderTime = %gd WHERE PublicationId = '%Q'", time, id)});
 }
 
+void PublicationStore::SetSha256(const KelString& id, const KelString& sha256) {
+    database_.Write(
+        {KelFormat("UPDATE Publications SET FileSha256 = '%Q' WHERE PublicationId = '%Q'", sha256, id)});
+}
+
 void PublicationStore::Remove(const KelString& id) {
     database_.Write({KelFormat("DELETE FROM StagedPublications WHERE PublicationId = '%Q'", id),
                      KelFormat("DELETE FROM PublicationTargets WHERE PublicationId = '%Q'", id),
@@ -116,7 +122,8 @@ KelResult<KelVector<PublicationSummary>> PublicationStore::List(const KelVector<
     const auto rows = database_.Select(KelFormat(
         "SELECT p.PublicationId, p.FileType, p.FileLabel, p.FileName, p.FileChecksum, p.FileSize, "
         "p.CreateTime, p.Priority, COUNT(t.GUID), SUM(t.Status = 'delivered'), SUM(t.Status = 'failed'), "
-        "p.OrderTime, SUM(t.Status = 'withdrawn'), SUM(t.Status = 'removed'), p.WithdrawTime "
+        "p.OrderTime, SUM(t.Status = 'withdrawn'), SUM(t.Status = 'removed'), p.WithdrawTime, "
+        "p.FileSha256 "
         "FROM Publications AS p LEFT JOIN PublicationTargets AS t ON t.PublicationId = p.PublicationId "
         "%SGROUP BY p.PublicationId ORDER BY p.CreateTime DESC, p.rowid DESC",
         IdCondition(ids)));
@@ -139,6 +146,7 @@ KelResult<KelVector<PublicationSummary>> PublicationStore::List(const KelVector<
         publication.withdrawn = static_cast<std::int32_t>(rows->GetInt64(row, std::size_t{12}));
         publication.removed = static_cast<std::int32_t>(rows->GetInt64(row, std::size_t{13}));
         publication.withdrawTime = rows->GetInt64(row, std::size_t{14});
+        publication.sha256 = rows->GetString(row, 15);
     }
     return publications;
 }

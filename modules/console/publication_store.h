@@ -15,6 +15,7 @@ struct PublicationSummary {
     KelString id;
     FileKey file;
     std::int64_t fileSize = 0;    ///< bytes
+    KelString sha256 = {};        ///< of the content; empty if published in a plain tree
     std::int64_t createTime = 0;  ///< seconds since the epoch
     std::int64_t orderTime = 0;   ///< when its targets were last sent an order for it; 0: never
     std::int32_t priority = 100;
@@ -57,6 +58,9 @@ class PublicationStore {
     /// Its targets have been sent an order at `time` (seconds since the epoch). False when that could not be
     /// written.
     bool SetOrdered(const KelString& id, std::int64_t time);
+
+    /// Notes the digest of a publication that has none.
+    void SetSha256(const KelString& id, const KelString& sha256);
 
     /// Removes a publication whose offer failed.
     void Remove(const KelString& id);

@@ -12,8 +12,11 @@
 #include "kel/text.h"
 #include "kelcore/action_db.h"
 #include "kelcore/error_codes.h"
+#include "kelcore/error_text.h"
 #include "kelcore/file_offer.h"
 #include "kelcore/file_values.h"
+#include "kelcore/keys/publication_signature.h"
+#include "kelcore/security.h"
 #include "modules/console/device_tree.h"
 #include "modules/console/stage_plan.h"
 #include "modules/console/stage_store.h"
@@ -24,6 +27,8 @@ namespace {
 constexpr std::size_t kIdBytes = 8;
 /// Between two orders for a publication, seconds.
 constexpr std::int64_t kLongestOrderGap = 86400;
+/// A publication to more devices is signed for every device of the tree.
+constexpr std::size_t kMostNamed = 50;
 
 PublicationSummary SummaryOf(const PublicationRequest& request, const PackageFile& file,
                              const KelString& id) {
@@ -32,18 +37,14 @@ PublicationSummary SummaryOf(const PublicationRequest& request, const PackageFil
     publication.file = request.file;
     publication.file.checksum = file.checksum;
     publication.fileSize = file.size;
+    publication.sha256 = file.sha256;
     publication.createTime = std::time(nullptr);
     publication.priority = request.priority;
     return publication;
 }
 
-void SetPublication(const PublicationSummary& publication, KelContainer& info) {
-    info.SetString(kValuePublicationId, publication.id);
-    info.SetInt64(kValuePublicationTime, publication.createTime);
-}
-
 /// The file as the file store receives it. It may be there already, as repeated publications are, and then
-/// stays as it is. Without targets, so far.
+/// stays as it is. Without targets and what devices know the publication by, so far.
 FileOffer OfferFor(const PublicationRequest& request, const PublicationSummary& publication,
                    const PackageFile& place) {
     FileOffer offer;
@@ -56,21 +57,27 @@ FileOffer OfferFor(const PublicationRequest& request, const PublicationSummary& 
     offer.wakeOnLan = request.wakeOnLan;
     offer.keepCopy = request.keepCopy;
     offer.info = request.fileInfo;
-    SetPublication(publication, *offer.info);
     offer.repeated = true;
     return offer;
 }
 
-/// What the delivery module of a target needs to request the file. The random identifier keeps two
+/// What the delivery module of a target needs to request the file, likewise. The random identifier keeps two
 /// orders of the same publication apart: a store takes each once.
 KelContainer OrderFor(const PublicationRequest& request, const PublicationSummary& publication) {
     KelContainer order;
     publication.file.Write(order);
-    SetPublication(publication, order);
     order.SetBool(kValueBypass, request.bypass);
     order.SetContainer(kValueFileInfo, request.fileInfo);
     order.SetString("OrderId", HexText(RandomBytes(kIdBytes)));
     return order;
+}
+
+/// The devices that the master's signature names: the targets, unless the file is meant for all, or for so
+/// many that their names would weigh more than most files.
+KelVector<KelString> NamedFor(const PublicationRequest& request, KelVector<KelString> guids) {
+    const bool isForAll = !request.devices.empty() && request.devices.front() == "all";
+    if (isForAll || guids.size() > kMostNamed) guids.clear();
+    return guids;
 }
 
 KelResult<bool> OfferToStore(const FileOffer& offer) {
@@ -119,9 +126,52 @@ KelResult<Publisher::Plan> Publisher::MakePlan(const PublicationRequest& request
                 leftOut.size()};
 }
 
+PackageFile Publisher::PlaceOf(const PublicationSummary& publication) const {
+    const FileKey& file = publication.file;
+    PackageFile place = PlaceInPackages(folder_, file.label, file.checksum, file.name);
+    place.size = publication.fileSize;
+    return place;
+}
+
+/// What was published in a plain tree has none so far.
+KelResult<KelString> Publisher::Sha256Of(const PublicationSummary& publication) {
+    if (!publication.sha256.empty()) return publication.sha256;
+    auto digest = Sha256OfPackage(PlaceOf(publication));
+    if (digest) publications_.SetSha256(publication.id, *digest);
+    return digest;
+}
+
+KelStatus Publisher::SetPublication(const PublicationSummary& publication, const KelVector<KelString>& isFor,
+                                    KelContainer& info) {
+    info.SetString(kValuePublicationId, publication.id);
+    info.SetInt64(kValuePublicationTime, publication.createTime);
+    if (!AgentSecurityGetKeys()) return {};
+    const auto sha256 = Sha256Of(publication);
+    if (!sha256) return sha256.Error();
+    const KelPublication toSign{publication.file, publication.fileSize,   *sha256,
+                                publication.id,   publication.createTime, isFor};
+    KelContainer call = toSign.ToContainer();
+    const unsigned int code = CallLocal("KeysSign", call);
+    if (code != kKelOk)
+        return KelError{code, KelFormat("The publication of %S cannot be signed: %S", publication.file.Text(),
+                                        call.GetString("Message", KelErrorText(code)))};
+    info.SetContainer(kValueSigned, call.GetContainer(kValueSigned));
+    return {};
+}
+
+KelResult<bool> Publisher::OfferFile(const PublicationRequest& request, const PublicationSummary& publication,
+                                     const KelVector<KelString>& isFor, const KelContainer* devicePath) {
+    FileOffer offer = OfferFor(request, publication, PlaceOf(publication));
+    offer.size = publication.fileSize;
+    if (devicePath != nullptr) offer.devicePath = *devicePath;
+    if (const KelStatus set = SetPublication(publication, isFor, *offer.info); !set) return set.Error();
+    return OfferToStore(offer);
+}
+
 KelStatus Publisher::Order(const PublicationRequest& request, const PublicationSummary& publication,
-                           KelContainer devicePath) {
-    const KelContainer order = OrderFor(request, publication);
+                           const KelVector<KelString>& isFor, KelContainer devicePath) {
+    KelContainer order = OrderFor(request, publication);
+    if (KelStatus set = SetPublication(publication, isFor, order); !set) return set;
     const KelString folder = IncomingFolder(folder_);
     KelString path;
     if (!PathCreate(folder) || !order.SaveToTempFile(path, folder))
@@ -135,7 +185,7 @@ KelStatus Publisher::Order(const PublicationRequest& request, const PublicationS
     offer.priority = publication.priority;
     offer.bypass = request.bypass;
     offer.wakeOnLan = request.wakeOnLan;
-    offer.info = order;
+    offer.info = std::move(order);
     offer.devicePath = std::move(devicePath);
     const auto offered = OfferToStore(offer);
     if (!offered) {
@@ -150,22 +200,21 @@ KelStatus Publisher::Order(const PublicationRequest& request, const PublicationS
 /// was here before are ordered to request it.
 KelStatus Publisher::Offer(const PublicationRequest& request, const PublicationSummary& publication,
                            const Plan& plan) {
-    FileOffer offer = OfferFor(
-        request, publication,
-        PlaceInPackages(folder_, publication.file.label, publication.file.checksum, publication.file.name));
-    offer.size = publication.fileSize;
+    KelVector<KelString> guids;
+    for (const std::size_t target : plan.targets)
+        guids.push_back(plan.devices[target].guid);
+    const KelVector<KelString> isFor = NamedFor(request, std::move(guids));
     if (plan.targets.empty()) {
-        const auto offered = OfferToStore(offer);
+        const auto offered = OfferFile(request, publication, isFor, nullptr);
         return offered ? KelStatus() : offered.Error();
     }
     auto devicePath = BuildDevicePath(plan.devices, plan.targets);
     if (!devicePath) return devicePath.Error();
     const auto isKnown = publications_.IsKnown(publication.file, publication.id);
     if (!isKnown) return isKnown.Error();
-    if (!*isKnown) offer.devicePath = *devicePath;
-    const auto isHeld = OfferToStore(offer);
+    const auto isHeld = OfferFile(request, publication, isFor, *isKnown ? nullptr : &*devicePath);
     if (!isHeld) return isHeld.Error();
-    return *isKnown || *isHeld ? Order(request, publication, std::move(*devicePath)) : KelStatus();
+    return *isKnown || *isHeld ? Order(request, publication, isFor, std::move(*devicePath)) : KelStatus();
 }
 
 KelResult<KelContainer> Publisher::Publish(const PublicationRequest& request) {
@@ -231,27 +280,36 @@ KelStatus Publisher::OrderOn(const PublicationSummary& publication, const Public
         guids.clear();
         return {};
     }
-    return devicePath ? Order(request, publication, std::move(*devicePath)) : KelStatus(devicePath.Error());
+    if (!devicePath) return devicePath.Error();
+    return Order(request, publication, NamedFor(request, guids), std::move(*devicePath));
 }
 
 bool Publisher::RepeatPublication(const PublicationSummary& publication, const KelVector<Device>& devices,
                                   const KelString& guid) {
     if (publication.withdrawTime != 0) return true;
-    KelVector<std::size_t> pending;
-    if (publication.Pending() > 0) {
-        const auto targets = publications_.ListTargets(publication.id);
-        if (!targets) return false;
-        pending = PendingBelow(devices, guid, *targets);
-    }
-    const PackageFile place =
-        PlaceInPackages(folder_, publication.file.label, publication.file.checksum, publication.file.name);
+    const bool isHere = devices.front().guid == guid && FileExists(PlaceOf(publication).path);
+    if (!isHere && publication.Pending() <= 0) return true;
+    const auto targets = publications_.ListTargets(publication.id);
+    if (!targets) return false;
+    const auto guidsOf = [](const auto& items, const auto& guidOf) {
+        KelVector<KelString> guids;
+        for (const auto& item : items)
+            guids.push_back(guidOf(item));
+        return guids;
+    };
     PublicationRequest request;  // how it was requested then is not known any more
-    if (devices.front().guid == guid && FileExists(place.path) &&
-        !OfferToStore(OfferFor(request, publication, place)))
+    if (isHere &&
+        !OfferFile(request, publication,
+                   NamedFor(request, guidsOf(*targets, [](const auto& target) { return target.guid; })),
+                   nullptr))
         return false;
+    const KelVector<std::size_t> pending = PendingBelow(devices, guid, *targets);
     if (pending.empty()) return true;
     auto devicePath = BuildDevicePath(devices, pending);
-    return devicePath && Order(request, publication, std::move(*devicePath));
+    return devicePath &&
+           Order(request, publication,
+                 NamedFor(request, guidsOf(pending, [&](std::size_t index) { return devices[index].guid; })),
+                 std::move(*devicePath));
 }
 
 bool Publisher::RepeatAll(const KelString& guid,

@@ -70,9 +70,18 @@ class Publisher {
     KelResult<Plan> MakePlan(const PublicationRequest& request);
     KelStatus Offer(const PublicationRequest& request, const PublicationSummary& publication,
                     const Plan& plan);
+    /// Offers the file to the store of the master. True when the store has it already and it stays as it is.
+    KelResult<bool> OfferFile(const PublicationRequest& request, const PublicationSummary& publication,
+                              const KelVector<KelString>& isFor, const KelContainer* devicePath);
     /// Has the targets request the file of a publication.
     KelStatus Order(const PublicationRequest& request, const PublicationSummary& publication,
-                    KelContainer devicePath);
+                    const KelVector<KelString>& isFor, KelContainer devicePath);
+    /// Adds what devices know a publication by to the FileInfo of its file or of an order for it: identifier
+    /// and time, and in a tree with keys what the master signs. `isFor`: GUIDs, or none for every device.
+    KelStatus SetPublication(const PublicationSummary& publication, const KelVector<KelString>& isFor,
+                             KelContainer& info);
+    KelResult<KelString> Sha256Of(const PublicationSummary& publication);
+    PackageFile PlaceOf(const PublicationSummary& publication) const;
 
     const KelDebug& log_;
     DeviceDirectory& directory_;

@@ -71,6 +71,8 @@ KelResult<bool> UpstreamIntake::StoreReceipt(const KelContainer& content, const 
     if (!receipt) return receipt.Error();
     log_.Detail("Device %S: %S is %S\n", receipt->guid, receipt->file.Text(), receipt->status);
     if (!publications_.Store(*receipt, now)) return false;
+    if (receipt->isRefused)
+        log_.Error("Device %S was brought %S: %S\n", receipt->guid, receipt->file.Text(), receipt->message);
     if (!receipt->publications.empty()) withdrawer_.ForgetOrders(receipt->publications);
     if (withdrawer_.HasFailed()) withdrawer_.HandOver();
     return true;

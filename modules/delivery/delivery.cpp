@@ -185,7 +185,7 @@ unsigned int Delivery::ReceiveFile(KelContainer* arguments) {
     const KelContainer info = arguments->GetContainer(kValueFileInfo);
     arguments->Clear();
     if (file->key.type == kOrderFileType) return TakeOrder(*file, info);
-    return Deliver(*file, Arrival::HandedOver);
+    return Deliver(*file, info, Arrival::HandedOver);
 }
 
 unsigned int Delivery::Collect(KelContainer* arguments) {

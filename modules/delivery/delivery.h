@@ -27,6 +27,10 @@
 /// of this device and delivered, in place or not, when it comes. The order itself goes nowhere. An order
 /// fails when a later publication was delivered to the same place, or when the file does not come in time.
 ///
+/// In a tree with keys, files and orders have to be signed by the master, for this device; their content is
+/// compared with the signature while it is copied, and once more before a command runs. Others are refused
+/// for good, with a receipt that says so, and removed from the file store, so that the genuine ones can come.
+///
 /// Commands run one after the other on a thread of their own. A command that was due or running when the
 /// agent stopped is run at the next start. A receipt says "delivered" when the file is in place and its
 /// command succeeded, else "failed" with the reason; it is sent once, or twice after a crash right after it
@@ -57,13 +61,17 @@ class Delivery : public KelModule {
 
     // The work on the jobs (delivery_jobs.cpp).
     enum class Arrival : unsigned char { HandedOver, NeverTaken, Ordered };
-    unsigned int Deliver(ReceivedFile file, Arrival arrival);
+    unsigned int Deliver(ReceivedFile file, const KelContainer& info, Arrival arrival);
     void FailAtOnce(const ReceivedFile& file, const KelString& message);
+    void Refuse(const ReceivedFile& file, const KelString& message, const FileKey& refused);
+    void EndAsRefused(std::uint64_t job, const FileKey& key, const KelString& message);
+    bool IsNew(const ReceivedFile& file, const KelString& destination) const;
 
     // The work on orders (delivery_orders.cpp).
     unsigned int TakeOrder(const ReceivedFile& file, const KelContainer& info);
     KelVector<DeliveryOrder> WaitingOrders(const FileKey& key) const;
-    std::int64_t LatestPublication(const KelString& destination) const;
+    std::int64_t EarliestPublication(const KelString& destination) const;
+    void ConcludeTooLate(const ReceivedFile& file);
     bool AddOrders(ReceivedFile& file, const KelString& destination, const KelVector<DeliveryOrder>& orders);
     bool ForgetEndedOrders(const ReceivedFile& file, const KelString& destination);
     void ForgetPastFromTimeToTime();
@@ -74,6 +82,7 @@ class Delivery : public KelModule {
     bool RequestOrdered(const DeliveryOrder& order);
     unsigned int Withdraw(KelContainer* arguments);
     void ForgetOrderFiles(const KelVector<KelString>& publications, const KelString& type);
+    void ForgetInStore(const FileKey& key);
     bool AskForUntaken();
     bool ReportTaken();
     bool WorkOnJobs();

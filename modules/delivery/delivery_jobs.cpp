@@ -9,6 +9,7 @@
 #include "kelcore/error_codes.h"
 #include "kelcore/file_values.h"
 #include "modules/delivery/delivery.h"
+#include "modules/delivery/signed_file.h"
 
 namespace {
 
@@ -27,15 +28,20 @@ constexpr const char* kRemembering = "remembering";
 /// Copies a file to the inbox on the caller's thread, so that the file store knows at once whether it
 /// succeeded. Commands are left to the thread for jobs: they may take minutes. Of a file that was never taken
 /// the command and the receipt are due even if it is in place, and so they are of one that was ordered.
-unsigned int Delivery::Deliver(ReceivedFile file, Arrival arrival) {
+unsigned int Delivery::Deliver(ReceivedFile file, const KelContainer& info, Arrival arrival) {
     const FilePlace place = inbox_.PlaceOf(file);
     const KelString destination = place.Whole();
     const bool hasCommand = commands_.Has(file.key.type);
     {
         const KelLock lock(mutexCopy_);
+        const auto orders = WaitingOrders(file.key);
+        if (const KelStatus genuine = Authenticate(file, info, orders); !genuine) {
+            Refuse(file, genuine.Error().message, file.key);
+            return kKelOk;
+        }
         const bool isInPlace = inbox_.Holds(file);
         const bool isTooLate = ForgetEndedOrders(file, destination);
-        if (const auto orders = WaitingOrders(file.key); !orders.empty()) {
+        if (!orders.empty()) {
             if (!AddOrders(file, destination, orders)) return kKelOk;
             arrival = Arrival::Ordered;
         } else if (isTooLate) {
@@ -43,12 +49,15 @@ unsigned int Delivery::Deliver(ReceivedFile file, Arrival arrival) {
             jobs_.AddTaken(file, {});
             thread_.Signal(0);
             return kKelOk;
+        } else if (AreFilesSigned() && file.publicationTime < EarliestPublication(destination)) {
+            ConcludeTooLate(file);
+            return kKelOk;
         }
         if (const KelString obstacle = ObstacleTo(place); !obstacle.empty()) {
             FailAtOnce(file, KelFormat("%S is in the way; remove it and publish the file again", obstacle));
             return kKelOk;
         }
-        if (isInPlace && arrival == Arrival::HandedOver) {
+        if (isInPlace && arrival == Arrival::HandedOver && !IsNew(file, destination)) {
             Log().Detail("%S is in place already\n", destination);
             jobs_.EndOtherJobFor(file, destination);
             jobs_.AddTaken(file, destination);
@@ -59,6 +68,10 @@ unsigned int Delivery::Deliver(ReceivedFile file, Arrival arrival) {
         const std::uint64_t job = jobs_.Add(
             file, destination, std::max<std::int64_t>(0, FileGetSize64(file.sourcePath)), std::time(nullptr));
         const KelStatus copied = isInPlace ? KelStatus() : inbox_.Put(file);
+        if (!copied && copied.Error().code == kKelErrorBadInput) {
+            EndAsRefused(job, file.key, copied.Error().message);
+            return kKelOk;
+        }
         if (!copied) {
             LogCopyFailure(copied.Error().message);
             thread_.Signal(0);  // retries the copy even if the file store does not hand the file over again
@@ -84,6 +97,25 @@ void Delivery::FailAtOnce(const ReceivedFile& file, const KelString& message) {
     jobs_.AddTaken(file, {});
     thread_.Signal(0);
     receiptThread_.Signal(0);
+}
+
+/// For what is not the master's. The file store remembers it until the receipt is handed over.
+void Delivery::Refuse(const ReceivedFile& file, const KelString& message, const FileKey& refused) {
+    Log().Error("%S: %S\n", file.key.Text(), message);
+    jobs_.AddConcluded(file, DeliveryOutcome::Failed, message, std::time(nullptr), refused);
+    receiptThread_.Signal(0);
+}
+
+void Delivery::EndAsRefused(std::uint64_t job, const FileKey& key, const KelString& message) {
+    Log().Error("%S: %S\n", key.Text(), message);
+    jobs_.SetRefused(job, message);
+    thread_.Signal(0);
+    receiptThread_.Signal(0);
+}
+
+/// In a tree with keys: no receipt has answered this publication, though its content may be in place.
+bool Delivery::IsNew(const ReceivedFile& file, const KelString& destination) const {
+    return AreFilesSigned() && file.publicationTime > EarliestPublication(destination);
 }
 
 /// Has the file store forget the files that are taken. False when that is to be repeated.
@@ -115,10 +147,11 @@ bool Delivery::AskForUntaken() {
         const auto file = ReadReceivedFile(answer.GetContainer("Values", i));
         if (!file || jobs_.Knows(file->key)) continue;
         isMore = true;
+        const KelContainer& info = answer.GetContainer("Values", i).GetContainer(kValueFileInfo);
         if (file->key.type == kOrderFileType)
-            TakeOrder(*file, answer.GetContainer("Values", i).GetContainer(kValueFileInfo));
+            TakeOrder(*file, info);
         else
-            Deliver(*file, Arrival::NeverTaken);
+            Deliver(*file, info, Arrival::NeverTaken);
     }
     return !isMore;
 }
@@ -153,7 +186,8 @@ bool Delivery::SendReceipts() {
     int failures = 0;
     for (const DeliveryJob& job : jobs_.ListConcluded()) {
         if (receiptThread_.CheckCancelled(false) || failures == kMaxReceiptFailures) return true;
-        if (!Remember(job) || !receipts_.Send(job)) {
+        const bool isRemembered = job.refused || Remember(job);  // the genuine one may still come
+        if (!isRemembered || !receipts_.Send(job)) {
             ++failures;
             continue;
         }
@@ -165,6 +199,7 @@ bool Delivery::SendReceipts() {
         }
         if (!job.isTaken) thread_.Signal(0);  // only now may the file store forget the file
         ForgetOrderFiles(ordered, job.file.key.type);
+        if (job.refused) ForgetInStore(*job.refused);
     }
     return failures > 0;
 }
@@ -217,6 +252,11 @@ Delivery::JobOutcome Delivery::WorkOnJob(const DeliveryJob& job) {
 Delivery::JobOutcome Delivery::BringIntoPlace(const DeliveryJob& job) {
     const KelLock lock(mutexCopy_);
     if (!jobs_.IsOpen(job.id) || job.isCopied) return JobOutcome::Done;
+    if (AreFilesSigned() && job.file.sha256.empty()) {
+        EndAsRefused(job.id, job.file.key,
+                     "It came before this tree had keys, so it is not signed; publish it again");
+        return JobOutcome::Done;
+    }
     if (inbox_.Holds(job.file)) {
         jobs_.SetCopied(job.id);
         return JobOutcome::Done;
@@ -227,7 +267,12 @@ Delivery::JobOutcome Delivery::BringIntoPlace(const DeliveryJob& job) {
         Conclude(job, DeliveryOutcome::Failed, "The file store no longer had it when it was to be copied");
         return JobOutcome::Done;
     }
-    if (const KelStatus copied = inbox_.Put(job.file); !copied) {
+    const KelStatus copied = inbox_.Put(job.file);
+    if (!copied && copied.Error().code == kKelErrorBadInput) {
+        EndAsRefused(job.id, job.file.key, copied.Error().message);
+        return JobOutcome::Done;
+    }
+    if (!copied) {
         LogCopyFailure(copied.Error().message);
         return JobOutcome::Later;
     }

@@ -10,12 +10,15 @@
 #include "kelcore/file_offer.h"
 #include "kelcore/file_values.h"
 #include "modules/delivery/delivery.h"
+#include "modules/delivery/signed_file.h"
 
 namespace {
 
 /// After this time a file is requested again, in case the file store has forgotten the request.
 constexpr std::int64_t kAskAgainSeconds = 600;
 constexpr std::int64_t kForgetSeconds = 86400;
+/// In a tree with keys: small files about publications that programs have taken out of the inbox.
+constexpr std::size_t kPastKept = 2000;
 
 constexpr const char* kWithdrawAction = "FileStoreWithdrawFile";
 constexpr const char* kReplaced = "A later publication of the same name was delivered here before";
@@ -27,6 +30,19 @@ unsigned int Delivery::TakeOrder(const ReceivedFile& file, const KelContainer& i
     if (!order) {
         Log().Warning("An order was refused: %S\n", order.Error().message);
         return kKelErrorBadInput;
+    }
+    if (const KelStatus genuine = Authenticate(*order, info); !genuine) {
+        // A forged one does not end the genuine one of the same name.
+        if (jobs_.Names(order->publication) || orders_.Has(order->publication)) {
+            Log().Error("An order for %S: %S\n", order->file.Text(), genuine.Error().message);
+            jobs_.AddTaken(file, {});
+            thread_.Signal(0);
+            return kKelOk;
+        }
+        ReceivedFile wanted{order->file, {}};
+        wanted.publications = {order->publication};
+        Refuse(wanted, genuine.Error().message, file.key);
+        return kKelOk;
     }
     order->received = std::time(nullptr);
     // One that is not on the disk is asked for again at the next start.
@@ -45,39 +61,47 @@ KelVector<DeliveryOrder> Delivery::WaitingOrders(const FileKey& key) const {
     return orders;
 }
 
-std::int64_t Delivery::LatestPublication(const KelString& destination) const {
-    const auto past = orders_.FindPast(destination);
-    return std::max(past ? past->publicationTime : 0, jobs_.LatestPublication(destination));
+/// Earlier publications come too late for this destination.
+std::int64_t Delivery::EarliestPublication(const KelString& destination) const {
+    return std::max(orders_.EarliestFor(destination), jobs_.LatestPublication(destination));
+}
+
+void Delivery::ConcludeTooLate(const ReceivedFile& file) {
+    Log().Warning("%S is not delivered: %s\n", file.key.Text(), kReplaced);
+    jobs_.AddConcluded(file, DeliveryOutcome::Failed, kReplaced, std::time(nullptr));
+    jobs_.AddTaken(file, {});
+    thread_.Signal(0);
+    receiptThread_.Signal(0);
 }
 
 /// Makes `file`, which has come, the one that these orders wait for. False when a later publication has taken
 /// the place, which the receipts say then. The caller holds mutexCopy_.
 bool Delivery::AddOrders(ReceivedFile& file, const KelString& destination,
                          const KelVector<DeliveryOrder>& orders) {
-    const std::int64_t latest = LatestPublication(destination);
+    const std::int64_t latest = EarliestPublication(destination);
     // It has come for the orders alone when its own publication was delivered before.
     if (file.publicationTime <= latest && latest != 0) file.publications.clear();
     for (const DeliveryOrder& order : orders) {
-        file.publications.push_back(order.publication);
+        if (std::ranges::find(file.publications, order.publication) == file.publications.end())
+            file.publications.push_back(order.publication);
         file.publicationTime = std::max(file.publicationTime, order.time);
     }
     if (file.publicationTime >= latest) return true;
-    jobs_.AddConcluded(file, DeliveryOutcome::Failed, kReplaced, std::time(nullptr));
-    jobs_.AddTaken(file, {});
-    thread_.Signal(0);
-    receiptThread_.Signal(0);
+    ConcludeTooLate(file);
     return false;
 }
 
 /// The orders for `file`, which has come, that have ended before need not be kept any longer. True when the
 /// file is of no use then: it has come for an order that was withdrawn, or a later publication was delivered.
 bool Delivery::ForgetEndedOrders(const ReceivedFile& file, const KelString& destination) {
-    const std::int64_t latest = LatestPublication(destination);
+    const std::int64_t latest = EarliestPublication(destination);
     bool isOfNoUse = false;
     for (const DeliveryOrder& order : orders_.StopExpecting(file.key)) {
         if (!jobs_.Names(order.publication)) orders_.Remove(order.publication);
-        isOfNoUse =
-            isOfNoUse || file.publicationTime < latest || (order.isWithdrawn && file.publicationTime == 0);
+        const bool cameForIt =
+            file.publicationTime == 0 ||
+            std::ranges::find(file.publications, order.publication) != file.publications.end();
+        isOfNoUse = isOfNoUse || file.publicationTime < latest || (order.isWithdrawn && cameForIt);
     }
     return isOfNoUse;
 }
@@ -92,7 +116,7 @@ void Delivery::ForgetPastFromTimeToTime() {
     const std::int64_t now = std::time(nullptr);
     if (std::abs(now - pastForgotten_) < kForgetSeconds) return;
     pastForgotten_ = now;
-    orders_.ForgetPast(now - orderTimeout_);
+    orders_.ForgetPast(now - orderTimeout_, AreFilesSigned() ? std::optional(kPastKept) : std::nullopt);
 }
 
 /// True when there are orders whose file has not come.
@@ -124,7 +148,7 @@ bool Delivery::ConcludeOrder(const DeliveryOrder& order) {
     const auto past = orders_.FindPast(destination);
     if (past && past->publicationTime == order.time) {
         EndOrder(order, past->outcome, past->message);
-    } else if (LatestPublication(destination) > order.time) {
+    } else if (EarliestPublication(destination) > order.time) {
         EndOrder(order, DeliveryOutcome::Failed, kReplaced);
     } else if (IsOverdue(order)) {
         EndOrder(order, DeliveryOutcome::Failed,
@@ -158,12 +182,15 @@ unsigned int Delivery::Withdraw(KelContainer* arguments) {
 
 /// Has the file store forget the orders of a job, which are answered. What it keeps does no harm.
 void Delivery::ForgetOrderFiles(const KelVector<KelString>& publications, const KelString& type) {
+    for (const KelString& publication : publications)
+        ForgetInStore({kOrderFileType, type, publication, {}});
+}
+
+void Delivery::ForgetInStore(const FileKey& key) {
     if (!ActionDbIsActionRegistered(kWithdrawAction)) return;
-    for (const KelString& publication : publications) {
-        KelContainer call;
-        FileKey{kOrderFileType, type, publication, {}}.Write(call);
-        CallLocal(kWithdrawAction, call);
-    }
+    KelContainer call;
+    key.Write(call);
+    CallLocal(kWithdrawAction, call);
 }
 
 /// False when the file can not be had any more.
@@ -173,6 +200,11 @@ bool Delivery::RequestOrdered(const DeliveryOrder& order) {
     request.key = order.file;
     request.info = order.info;
     request.bypass = order.bypass;
+    if (!order.sha256.empty()) {  // what comes is known by its own signature as well then
+        request.info->SetString(kValuePublicationId, order.publication);
+        request.info->SetInt64(kValuePublicationTime, order.time);
+        request.info->SetContainer(kValueSigned, order.signature);
+    }
     KelContainer call = request.ToContainer();
     if (CallLocal("FileStoreRequestFile", call) != kKelOk) return true;  // tried again
     orders_.SetAsked(order.publication, std::time(nullptr));

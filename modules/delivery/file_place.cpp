@@ -34,9 +34,10 @@ UniqueFd OpenPlaced(const FilePlace& place) {
     return file;
 }
 
-bool HoldsContent(const FilePlace& place, const KelString& checksum) {
+bool HoldsContent(const FilePlace& place, const KelString& checksum, const KelString& sha256) {
     const UniqueFd file = OpenPlaced(place);
     KelString present;
+    if (!sha256.empty()) return file && FileSha256(file.Get(), present) && present == sha256;
     return file && FileMd5(file.Get(), present) && IsEqualTo(present, checksum, false);
 }
 
@@ -56,7 +57,7 @@ KelString ObstacleTo(const FilePlace& place) {
 }
 
 KelStatus PlaceCopy(const KelString& source, const FilePlace& place, const PlaceAccess& access,
-                    const KelString& workFolder) {
+                    const KelString& workFolder, const KelString& sha256) {
     for (const KelString& needed : {place.root, workFolder}) {
         if (!needed.empty() && !PathCreate(needed))
             return KelError{kKelErrorInternal,
@@ -71,8 +72,11 @@ KelStatus PlaceCopy(const KelString& source, const FilePlace& place, const Place
             kKelErrorInternal,
             KelFormat("The folder of %S cannot be created: a file or a link is in its place; remove it",
                       place.Whole())};
-    if (!folder || !FileCopyInto(source, folder, name, access.fileMode, workFolder))
-        return KelError{kKelErrorInternal, KelFormat("%S cannot be copied to %S; check free space and rights",
-                                                     source, place.Whole())};
-    return {};
+    if (folder && FileCopyInto(source, folder, name, access.fileMode, workFolder, sha256)) return {};
+    if (folder && errno == EKEYREJECTED)
+        return KelError{kKelErrorBadInput,
+                        "Refused, since its content is not what the master has published; check "
+                        "the devices above, which have brought it"};
+    return KelError{kKelErrorInternal, KelFormat("%S cannot be copied to %S; check free space and rights",
+                                                 source, place.Whole())};
 }

@@ -32,9 +32,9 @@ struct PlaceAccess {
 /// Opens the file for reading; nothing when it is absent, no regular file, or behind a link.
 UniqueFd OpenPlaced(const FilePlace& place);
 
-/// True when the file is there and its content has this MD5 (in any case). Any thread, concurrently, like the
-/// others.
-bool HoldsContent(const FilePlace& place, const KelString& checksum);
+/// True when the file is there and its content has this MD5 (in any case), or, when that is given, this
+/// SHA-256. Any thread, concurrently, like the others.
+bool HoldsContent(const FilePlace& place, const KelString& checksum, const KelString& sha256 = {});
 
 /// What keeps the place from being used for good: a link where its path needs a folder, or, in its name, a
 /// file where that needs a folder or a folder in its own place. Empty when nothing does. (A file in place of
@@ -42,6 +42,7 @@ bool HoldsContent(const FilePlace& place, const KelString& checksum);
 KelString ObstacleTo(const FilePlace& place);
 
 /// Copies `source` to its place, making the folders and replacing another content atomically; on the disk
-/// when the call succeeds. The copy is made in `workFolder`, or beside its place when that is empty.
+/// when the call succeeds. The copy is made in `workFolder`, or beside its place when that is empty. With
+/// `sha256`, a copy with another digest is not put in place: kKelErrorBadInput.
 KelStatus PlaceCopy(const KelString& source, const FilePlace& place, const PlaceAccess& access,
-                    const KelString& workFolder = {});
+                    const KelString& workFolder = {}, const KelString& sha256 = {});

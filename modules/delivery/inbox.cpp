@@ -88,11 +88,11 @@ FilePlace Inbox::PlaceOf(const ReceivedFile& file) const {
 }
 
 bool Inbox::Holds(const ReceivedFile& file) const {
-    return HoldsContent(PlaceOf(file), file.key.checksum);
+    return HoldsContent(PlaceOf(file), file.key.checksum, file.sha256);
 }
 
 KelStatus Inbox::Put(const ReceivedFile& file) const {
-    return PlaceCopy(file.sourcePath, PlaceOf(file), access_);
+    return PlaceCopy(file.sourcePath, PlaceOf(file), access_, {}, file.sha256);
 }
 
 KelVector<DeliveredFile> Inbox::List(const WasDelivered& wasDelivered) {

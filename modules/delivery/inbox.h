@@ -33,11 +33,12 @@ class Inbox {
 
     FilePlace PlaceOf(const ReceivedFile& file) const;
 
-    /// True when the file is in its place and its content has the checksum.
+    /// True when the file is in its place and its content is what was published.
     bool Holds(const ReceivedFile& file) const;
 
     /// Copies the file to its place, replacing another content atomically; on the disk when the call
     /// succeeds. The copy is made next to its place, because a configured folder may be on any file system.
+    /// kKelErrorBadInput when its content is not what the master has signed.
     KelStatus Put(const ReceivedFile& file) const;
 
     /// True when a file was delivered to this path.

@@ -26,6 +26,8 @@ std::optional<DeliveryJob> ReadJob(const KelContainer& container) {
     if (!file || !outcome) return std::nullopt;
     DeliveryJob job;
     job.file = *file;
+    job.file.size = container.GetInt64("SignedSize", -1);
+    job.file.sha256 = container.GetString("Sha256");
     job.destination = container.GetString("Destination");
     job.size = container.GetInt64(kValueFileSize);
     job.time = container.GetInt64("Time");
@@ -108,6 +110,8 @@ bool JobQueue::Keep(const DeliveryJob& job) {
     KelContainer container = job.file.ToContainer();
     container.SetString("Destination", job.destination);
     container.SetInt64(kValueFileSize, job.size);
+    container.SetInt64("SignedSize", job.file.size);
+    container.SetString("Sha256", job.file.sha256);
     container.SetInt64("Time", job.time);
     container.SetString("Outcome", DeliveryOutcomeName(job.outcome));
     container.SetString("Message", job.message);
@@ -186,12 +190,13 @@ std::uint64_t JobQueue::Add(const ReceivedFile& file, const KelString& destinati
 }
 
 void JobQueue::AddConcluded(const ReceivedFile& file, DeliveryOutcome outcome, const KelString& message,
-                            std::int64_t time) {
+                            std::int64_t time, const std::optional<FileKey>& refused) {
     const KelLock lock(mutex_);
     DeliveryJob job;
     job.id = ++lastId_;
     job.file = file;
     job.time = time;
+    job.refused = refused;
     job.outcome = outcome;
     job.message = message;
     jobs_[job.id] = std::move(job);
@@ -252,6 +257,12 @@ void JobQueue::SetOutcome(std::uint64_t id, DeliveryOutcome outcome, const KelSt
     Close(job->second, outcome, message);
     if (keep) Keep(job->second);
     TakeIfHeld(job->second);
+}
+
+void JobQueue::SetRefused(std::uint64_t id, const KelString& message) {
+    const KelLock lock(mutex_);
+    SetOutcome(id, DeliveryOutcome::Failed, message, true);
+    if (const auto job = jobs_.find(id); job != jobs_.end()) job->second.refused = job->second.file.key;
 }
 
 void JobQueue::Remove(std::uint64_t id) {

@@ -29,11 +29,14 @@ struct DeliveryJob {
     bool isCopied = false;  ///< by this process; not written to disk, because the content shows it
     bool isKept = false;    ///< as it was when it came, it is on the disk
     bool isTaken = false;   ///< DrainTaken gives its file, or has given it
+    /// What is not genuine, for the file store to remove once the receipt is handed over. In memory only.
+    std::optional<FileKey> refused = {};
 };
 
 /// The jobs in the order in which they came. Each is stored in a file of its own ("<id>.xml", a container
-/// with the values of the received file and Destination, FileSize, Time, Outcome, Message), so that it
-/// survives a restart of the agent. A destination has at most one open job. Any thread.
+/// with the values of the received file and Destination, FileSize, Time, Outcome, Message, and what the
+/// master has signed, SignedSize and Sha256), so that it survives a restart of the agent. A destination has
+/// at most one open job. Any thread.
 class JobQueue {
   public:
     explicit JobQueue(const KelDebug& log) : log_(log) {}
@@ -52,7 +55,7 @@ class JobQueue {
     /// Adds a job of which only the receipt is to be handed over. It is in memory only: it follows from an
     /// order.
     void AddConcluded(const ReceivedFile& file, DeliveryOutcome outcome, const KelString& message,
-                      std::int64_t time);
+                      std::int64_t time, const std::optional<FileKey>& refused = {});
 
     /// True when there is a job for this publication.
     bool Names(const KelString& publication) const;
@@ -81,6 +84,9 @@ class JobQueue {
     /// Ends the work on an open job; its receipt is now due. With `keep` the outcome is written to disk:
     /// needed when it cannot be determined again after a restart.
     void SetOutcome(std::uint64_t id, DeliveryOutcome outcome, const KelString& message, bool keep);
+
+    /// Ends it as failed, since what has come is not the master's.
+    void SetRefused(std::uint64_t id, const KelString& message);
 
     void Remove(std::uint64_t id);
 

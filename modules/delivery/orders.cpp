@@ -25,6 +25,9 @@ KelContainer DeliveryOrder::ToContainer() const {
     values.SetInt64(kValuePublicationTime, time);
     values.SetBool(kValueBypass, bypass);
     values.SetContainer(kValueFileInfo, info);
+    values.SetInt64(kValueFileSize, size);
+    values.SetString("Sha256", sha256);
+    values.SetContainer(kValueSigned, signature);
     values.SetInt64("Received", received);
     values.SetBool("Requested", isRequested);
     values.SetBool("Ended", isEnded);
@@ -39,6 +42,9 @@ KelResult<DeliveryOrder> ReadDeliveryOrder(const KelString& publication, const K
     order.time = values.GetInt64(kValuePublicationTime);
     order.bypass = values.GetBool(kValueBypass);
     order.info = values.GetContainer(kValueFileInfo);
+    order.size = values.GetInt64(kValueFileSize);
+    order.sha256 = values.GetString("Sha256");
+    order.signature = values.GetContainer(kValueSigned);
     order.received = values.GetInt64("Received");
     order.isRequested = values.GetBool("Requested");
     order.isEnded = values.GetBool("Ended");
@@ -55,6 +61,9 @@ bool Orders::Load(const KelString& folder) {
     if (!PathCreate(folder + "/Orders") || !PathCreate(folder + "/Latest")) return false;
     DirDeleteTempFiles(folder + "/Orders");
     DirDeleteTempFiles(folder + "/Latest");
+    KelContainer mark;
+    if (FileExists(MarkPath()) && mark.LoadFromFile(MarkPath()))
+        forgotten_ = mark.GetInt64(kValuePublicationTime);
     for (const KelString& name : DirList(folder + "/Orders")) {
         KelContainer values;
         const bool isLoaded = static_cast<bool>(values.LoadFromFile(folder + "/Orders/" + name));
@@ -86,6 +95,11 @@ bool Orders::Add(const DeliveryOrder& order) {
 KelVector<DeliveryOrder> Orders::List() const {
     const KelLock lock(mutex_);
     return orders_;
+}
+
+bool Orders::Has(const KelString& publication) const {
+    return std::ranges::any_of(List(),
+                               [&](const DeliveryOrder& order) { return order.publication == publication; });
 }
 
 bool Orders::SetRequested(const KelString& publication) {
@@ -181,17 +195,49 @@ bool Orders::Remember(const DeliveryJob& job) {
     return static_cast<bool>(values.SaveToFile(PastPathOf(job.destination)));
 }
 
-void Orders::ForgetPast(std::int64_t before) {
+void Orders::ForgetPast(std::int64_t before, std::optional<std::size_t> kept) {
+    struct Past {
+        std::int64_t time = 0, publicationTime = 0;
+        KelString path;
+    };
     const auto folder = [this] {
         const KelLock lock(mutex_);
         return folder_ + "/Latest/";
     }();
+    KelVector<Past> ended;
     for (const KelString& name : DirList(folder)) {
         const KelLock lock(mutex_);
         KelContainer values;
         if (!values.LoadFromFile(folder + name) || values.GetInt64("Time", before) >= before) continue;
-        if (FileIsMissing(values.GetString("Destination"))) FileDelete(folder + name);
+        if (FileIsMissing(values.GetString("Destination")))
+            ended.push_back({values.GetInt64("Time"), values.GetInt64(kValuePublicationTime), folder + name});
     }
+    std::ranges::sort(ended, {}, &Past::time);
+    ended.resize(ended.size() - std::min(ended.size(), kept.value_or(0)));
+    if (ended.empty()) return;
+    const KelLock lock(mutex_);
+    if (kept && !Mark(std::ranges::max_element(ended, {}, &Past::publicationTime)->publicationTime)) return;
+    for (const Past& past : ended)
+        FileDelete(past.path);
+}
+
+/// On the disk before anything is forgotten.
+bool Orders::Mark(std::int64_t publicationTime) {
+    KelContainer mark;
+    mark.SetInt64(kValuePublicationTime, std::max(forgotten_, publicationTime));
+    if (!mark.SaveToFile(MarkPath())) return false;
+    forgotten_ = std::max(forgotten_, publicationTime);
+    return true;
+}
+
+std::int64_t Orders::EarliestFor(const KelString& destination) const {
+    const KelLock lock(mutex_);
+    if (const auto past = FindPast(destination)) return past->publicationTime;
+    return forgotten_ == 0 ? 0 : forgotten_ + 1;
+}
+
+KelString Orders::MarkPath() const {
+    return folder_ + "/forgotten.xml";
 }
 
 KelString Orders::PathOf(const KelString& publication) const {

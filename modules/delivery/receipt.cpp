@@ -29,6 +29,7 @@ KelContainer ContentOf(const DeliveryJob& job, const KelString& guid, const KelS
     content.SetString("Status", DeliveryOutcomeName(job.outcome));
     content.SetString("Message", job.message);
     content.SetInt64("Time", job.time);
+    if (job.refused) content.SetBool("Refused", true);
     return content;
 }
 

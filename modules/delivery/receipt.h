@@ -9,8 +9,8 @@
 /// "DeliveryReceipt" with the type of the received file as their label. A receipt is a container: GUID,
 /// DeviceUrl (of this device), PublicationId (several, or none), FileType, FileLabel, FileName, FileChecksum,
 /// Status ("delivered" or "failed"), Message (strings), FileSize (bytes), Time (when the file came, seconds
-/// since the epoch) (int64). A receipt that is made again for the same job is the same file, so that sending
-/// it twice does no harm.
+/// since the epoch) (int64), Refused (bool, only when what has come is not the master's). A receipt that is
+/// made again for the same job is the same file, so that sending it twice does no harm.
 ///
 /// One thread at a time.
 class ReceiptSender {

@@ -13,6 +13,8 @@ struct ReceivedFile {
     KelString sourcePath;                    ///< where the file store keeps it
     KelVector<KelString> publications = {};  ///< identifiers of those that it is delivered for
     std::int64_t publicationTime = 0;        ///< of the latest, seconds since the epoch; 0: unknown
+    std::int64_t size = -1;                  ///< bytes, by the master's signature; -1: in a plain tree
+    KelString sha256 = {};                   ///< likewise; empty: in a plain tree
 
     /// FileType, FileLabel, FileName, FileChecksum, FilePath, FileInfo{PublicationId (several),
     /// PublicationTime}.

@@ -64,7 +64,7 @@ bool Keys::Initialise() {
     keeper_.Open(DataPath());
     if (keys->Get().device.role != KelDeviceRole::Master) return true;
     master_.emplace(KelKeyFolder(DataPath()).AuthorityPath());
-    if (const KelStatus opened = master_->Open(); !opened) {
+    if (const KelStatus opened = master_->Open(std::time(nullptr)); !opened) {
         Log().Error("The authority of the tree cannot be used: %S\n", opened.Error().message);
         return false;
     }

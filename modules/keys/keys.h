@@ -43,6 +43,7 @@ class Keys final : public KelModule {
     unsigned int Invite(KelContainer* arguments);
     unsigned int Revoke(KelContainer* arguments);
     unsigned int List(KelContainer* arguments);
+    unsigned int Sign(KelContainer* arguments);
     unsigned int PassUp(const char* action, KelContainer* arguments, std::span<const char* const> results);
     unsigned int Fail(KelContainer* arguments, const KelError& error);
 

@@ -7,6 +7,7 @@
 #include "kelcore/action_db.h"
 #include "kelcore/device_name.h"
 #include "kelcore/error_codes.h"
+#include "kelcore/file_values.h"
 #include "kelcore/keys/transition.h"
 #include "modules/keys/keys.h"
 
@@ -70,6 +71,18 @@ void Keys::RegisterMaster(const char* handle) {
                "latest certificate), int64 NotBefore, int64 NotAfter (seconds since the epoch), bool "
                "IsRevoked}",
            .results = "17 not on the master",
+           .callers = KelCallers::Local}},
+         {&Keys::Sign,
+          {.signature = "KeysSign",
+           .purpose = "Signs a publication; on the master.",
+           .inputs =
+               "string FileType, string FileLabel, string FileName, string FileChecksum, string "
+               "PublicationId, int64 PublicationTime (seconds since the epoch), container Signed {int64 "
+               "Size (bytes), string Sha256 (hexadecimal), string Device[]? (GUID; absent: every device)}",
+           .outputs =
+               "container Signed {int64 Size, string Sha256, string Device[]?, string Certificate (DER "
+               "in base64), string Signature (base64)}",
+           .results = "1 unusable; 17 not on the master; 18 not signed",
            .callers = KelCallers::Local}}});
 }
 
@@ -255,5 +268,16 @@ unsigned int Keys::List(KelContainer* arguments) {
         values.SetBool("IsRevoked", device.isRevoked);
         arguments->SetContainer("Values", std::move(values), count++);
     }
+    return kKelOk;
+}
+
+unsigned int Keys::Sign(KelContainer* arguments) {
+    if (!master_) return Fail(arguments, OnlyOnMaster());
+    const auto publication = KelPublication::Read(FileKey::Read(*arguments), *arguments);
+    if (!publication) return Fail(arguments, {kKelErrorBadInput, publication.Error().message});
+    auto made = master_->Sign(*publication);
+    if (!made) return Fail(arguments, {kKelErrorInternal, made.Error().message});
+    arguments->Clear();
+    arguments->SetContainer(kValueSigned, std::move(*made));
     return kKelOk;
 }

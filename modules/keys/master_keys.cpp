@@ -3,9 +3,10 @@
 MasterKeys::MasterKeys(const KelString& folder)
     : authority_(folder), invitations_(authority_, folder + "/Invitations") {}
 
-KelStatus MasterKeys::Open() {
+KelStatus MasterKeys::Open(std::int64_t now) {
     const KelLock lock(mutex_);
-    return authority_.Open();
+    if (KelStatus opened = authority_.Open(); !opened) return opened;
+    return authority_.OpenSigner(now);
 }
 
 KelResult<KelCertificate> MasterKeys::Enrol(const KelEnrolRequest& request, std::int64_t now) {
@@ -44,6 +45,11 @@ KelResult<KelRevocationList> MasterKeys::Revoked() {
 KelVector<KelAuthority::Device> MasterKeys::List() {
     const KelLock lock(mutex_);
     return authority_.List();
+}
+
+KelResult<KelContainer> MasterKeys::Sign(const KelPublication& publication) {
+    const KelLock lock(mutex_);
+    return authority_.Signer().Sign(publication);
 }
 
 KelCertificate MasterKeys::Authority() {

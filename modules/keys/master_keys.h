@@ -11,8 +11,8 @@ class MasterKeys {
     /// `folder`: KelKeyFolder::AuthorityPath.
     explicit MasterKeys(const KelString& folder);
 
-    /// Before anything else.
-    KelStatus Open();
+    /// Before anything else. Makes the key for publications if there is none.
+    KelStatus Open(std::int64_t now);
 
     KelResult<KelCertificate> Enrol(const KelEnrolRequest& request, std::int64_t now);
     KelResult<KelCertificate> Renew(const KelCertificateRequest& request, std::int64_t now);
@@ -25,6 +25,9 @@ class MasterKeys {
     KelResult<KelRevocationList> Revoke(const KelString& guid, std::int64_t now);
     KelResult<KelRevocationList> Revoked();
     KelVector<KelAuthority::Device> List();
+
+    /// What the FileInfo of a publication gets as Signed.
+    KelResult<KelContainer> Sign(const KelPublication& publication);
 
     KelCertificate Authority();
     KelString GroupKey();
