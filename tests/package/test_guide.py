@@ -3,7 +3,6 @@
 Run by `./dev package --test`, which has built the packages. The version that the guide upgrades to is this build under a
 later number."""
 
-import time
 import unittest
 
 from machines import BUILD, Machines, build_packages, why_not
@@ -25,7 +24,6 @@ class GuideTest(unittest.TestCase):
         for machine in machines.machines.values():
             write_files(machine.home)
             machine.put(*(BUILD / "package").glob("*.deb"))
-        begin = time.monotonic()
         reader = Reader(machines.run, NEW=LATER, OLD=version)
         blocks = [block for block in read_blocks() if block.mark in ("", "machines")]
         upgrade = next((i for i, block in enumerate(blocks) if "_NEW_" in block.text), len(blocks))
@@ -33,7 +31,6 @@ class GuideTest(unittest.TestCase):
         for machine in machines.machines.values():
             machine.put(*later.glob("*.deb"))
         reader.follow(blocks[upgrade:])
-        print(f"  followed in {time.monotonic() - begin:.0f} s")
 
 
 if __name__ == "__main__":

@@ -15,6 +15,7 @@ import json
 import os
 import pathlib
 import re
+import time
 
 from tree import NotInTime, wait_until
 
@@ -151,8 +152,9 @@ class Reader:
             raise missed[-1] from None
 
     def follow(self, blocks):
+        begin = time.monotonic()
         for block in blocks:
-            print(f"  {block}", flush=True)
+            print(f"  {time.monotonic() - begin:4.0f} s  {block}", flush=True)
             try:
                 for device in block.devices():
                     for command, shown in block.steps():
