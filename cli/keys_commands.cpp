@@ -135,8 +135,9 @@ int RunCommand(const CommonOptions& common, const InviteOptions& options) {
     std::fprintf(stderr,
                  "Valid until %s for %d %s%s. On the new device:\n"
                  "  kel init DIR --role %s --address IP --port PORT --parent HOST:PORT --join TOKEN\n",
-                 TimeText(call.GetInt64("Expires")).c_str(), options.uses, options.role.c_str(),
-                 options.uses == 1 ? "" : "s", options.role.c_str());
+                 TimeText(call.GetInt64("Expires")).c_str(), options.uses,
+                 options.role == "client" ? "client" : "device", options.uses == 1 ? "" : "s",
+                 options.role.c_str());
     return kExitDone;
 }
 

@@ -58,10 +58,13 @@ KelString CommandText(const CommandEntry& command) {
 
 constexpr const char* kFiles = R"(.SH FILES
 .TP
-\fIDIR\fR/config/Agent.ini
-Name and password of the tree, of which \fB\-\-root\fR makes use.
+/var/lib/kel
+The root folder of the agent of this device, unless \fB\-\-root\fR or KEL_ROOT names another one.
+.TP
+\fIDIR\fR/run/agent.sock
+The socket on which the agent is called.
 .SH SEE ALSO
-The operator's guide, docs/operators_guide.md, has the names of the JSON output and explains what the commands do.
+\fBkelagent\fR(8); /usr/share/doc/kel\-doc/operators_guide.md explains what the commands do and names the JSON output.
 )";
 
 }  // namespace

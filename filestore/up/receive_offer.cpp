@@ -18,6 +18,7 @@
 #include "filestore/up/upload_senders.h"
 #include "filestore/up/upstream_file.h"
 #include "kel/file.h"
+#include "kel/format.h"
 #include "kel/path.h"
 #include "kelcore/call_origin.h"
 #include "kelcore/error_codes.h"
@@ -163,7 +164,11 @@ bool HasArrivedBefore(const FileStoreEntry& entry) {
 
 unsigned int ReceiveUpstreamLocal(KelContainer& arguments, Offer& offer) {
     LocalSource source = ReadLocalSource(arguments);
-    if (!FillChecksum(source, offer.key.checksum)) return kKelErrorBadInput;
+    if (!FillChecksum(source, offer.key.checksum)) {
+        arguments.SetString(
+            "Message", KelFormat("The file %S does not exist, or the agent may not read it", source.path));
+        return kKelErrorBadInput;
+    }
     FileStoreEntry entry = LocalEntry(arguments, offer, source);
     FileStore::debugFileStore.Print("Receiving upstream local file %S\n", offer.key.Text());
     arguments.Clear();

@@ -31,7 +31,9 @@ KelStatus CheckSource(const KelString& path) {
     if (path.front() != '/' || path.find('\0') != KelString::npos) {
         return KelError{kKelErrorBadInput, KelFormat("FilePath \"%S\" is not an absolute path", path)};
     }
-    if (!FileExists(path)) return KelError{kKelErrorBadInput, KelFormat("The file %S does not exist", path)};
+    if (!FileExists(path))
+        return KelError{kKelErrorBadInput,
+                        KelFormat("The file %S does not exist, or the agent may not read it", path)};
     return {};
 }
 

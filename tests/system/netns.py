@@ -36,10 +36,10 @@ def why_not():
 
 
 class Network:
-    """Namespace number N has the address 10.77.0.N on its interface eth0; the bridge is in a namespace of its own."""
+    """Namespace number N has the address SUBNET.N on its interface eth0; the bridge is in a namespace of its own."""
 
-    def __init__(self):
-        self.prefix, self.namespaces = f"kel{os.getpid()}n", []
+    def __init__(self, subnet="10.77.0"):
+        self.prefix, self.namespaces, self.subnet = f"kel{os.getpid()}n", [], subnet
         self.hub = self.make_namespace("hub")
         run("ip", "-n", self.hub, "link", "add", "br0", "up", "type", "bridge", "mcast_snooping", "0")
 
@@ -55,9 +55,12 @@ class Network:
         namespace, port = self.make_namespace(str(number)), f"port{number}"
         run("ip", "link", "add", "eth0", "netns", namespace, "type", "veth", "peer", port, "netns", self.hub)
         run("ip", "-n", namespace, "link", "set", "eth0", "up")
-        run("ip", "-n", namespace, "address", "add", f"10.77.0.{number}/24", "dev", "eth0")
+        run("ip", "-n", namespace, "address", "add", f"{self.subnet}.{number}/24", "dev", "eth0")
         run("ip", "-n", self.hub, "link", "set", port, "up", "master", "br0")
-        return f"10.77.0.{number}"
+        return f"{self.subnet}.{number}"
+
+    def namespace(self, number):
+        return f"{self.prefix}{number}"
 
     def close(self):
         for namespace in self.namespaces:
@@ -65,7 +68,7 @@ class Network:
 
     def inside(self, number):
         """What stands before a command that is to run in a namespace."""
-        return ["ip", "netns", "exec", f"{self.prefix}{number}"]
+        return ["ip", "netns", "exec", self.namespace(number)]
 
     def sent_bytes(self, number):
         """What a namespace has put on the wire so far, Ethernet headers included."""

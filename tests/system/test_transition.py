@@ -46,7 +46,7 @@ class TransitionTest(SystemTest):
             master, relay = tree.master, tree.relays[0]
             guids = {agent.name: agent.identity()["GUID"] for agent in tree.agents}
             self.give_keys(tree, master, "begin")
-            token = master.kel("invite", "--uses", 3)[0]["token"]
+            token = master.kel("invite", "--role", "relay", "--uses", 3)[0]["token"]
             self.assertIn(relay.address, self.refused(master.kel, "keys", "end-password"))
             for number, agent in enumerate(tree.devices, 1):
                 self.assertEqual(self.without_keys(master), {guids[other.name] for other in tree.devices[number - 1:]})
