@@ -27,10 +27,19 @@ inline constexpr const char* kValueDeviceGuid = "DeviceGUID";  // device URL of 
 inline constexpr const char* kValueParentGuid = "ParentGuid";  // of its present parent, to another device
 inline constexpr const char* kValueRepeated = "Repeated";      // bool: may be known, and then stays as it is
 inline constexpr const char* kValueContentHeld = "ContentHeld";  // bool: the content is here already
+inline constexpr const char* kValueTakesContents =
+    "TakesContents";  // bool: the called device has the action FileStoreReceiveContents
 inline constexpr const char* kValueContentDamaged =
     "ContentDamaged";  // bool: what the called device serves is of no use
+inline constexpr const char* kValueSyncFollows =
+    "SyncFollows";  // bool, to consumers: it suffices to have it on the disk with the next event that says so
 inline constexpr const char* kValueUnconnected =
     "Unconnected";  // bool: to be kept until there is a connection
+
+// Several files in one call: each a container with the values of one offer, or its answer.
+inline constexpr const char* kValueFiles = "Files";      // containers
+inline constexpr const char* kValueContent = "Content";  // string: the bytes of the file
+inline constexpr const char* kValueResult = "Result";    // int32, of a single offer
 
 // What a publication adds to the FileInfo of its file, or of its order.
 inline constexpr const char* kValuePublicationId = "PublicationId";      // string

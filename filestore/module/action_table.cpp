@@ -74,10 +74,20 @@ constexpr std::array kActions = {
              "(device URL), container DevicePath? (the tree of targets), container FileInfo?, string "
              "TransportMode?, string MulticastAddress?, int32 MulticastPort?, int32 MulticastBlockSize?, "
              "string MovePath?, string CopyPath?, string FilePath?",
-         .outputs = "string FileURL? (where to put the content), bool ContentHeld?, string ParentGuid? (to a "
-                    "sender that is not the parent)",
+         .outputs = "string FileURL? (where to put the content), bool ContentHeld?, bool TakesContents? (by "
+                    "FileStoreReceiveContents), string ParentGuid? (to a sender that is not the parent)",
          .results = "1 unusable; 13 no content at the path; 18 not recorded; 44005 of another tree",
          .callers = kParent | kChild}},
+    FileStoreAction{&FileStore::ActionHandler_FileStoreReceiveContents,
+                    {.signature = "FileStoreReceiveContents (container Files)",
+                     .purpose = "Takes small files from a child together with their contents.",
+                     .inputs = "container Files[] {string * (an offer, as of FileStoreReceiveFile), string "
+                               "Content (its bytes)}",
+                     .outputs = "container Files[] (in the same order; without ContentHeld, a file was "
+                                "merely offered) {int32 Result, "
+                                "string * (as of FileStoreReceiveFile)}",
+                     .results = "1 more than 100 files; 17 not now",
+                     .callers = kChild}},
     FileStoreAction{&FileStore::ActionHandler_FileStoreReceiveUnconnectedFile,
                     {.signature = "FileStoreReceiveUnconnectedFile (string FileType, string FileLabel, "
                                   "string FileName, string Checksum)",

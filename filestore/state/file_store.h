@@ -160,6 +160,7 @@ class FileStore {
     static unsigned int ActionHandler_FileStoreRequestFileSize(KelContainer* arguments);
     static unsigned int ActionHandler_FileStoreAcknowledgeFile(KelContainer* arguments);
     static unsigned int ActionHandler_FileStoreReceiveFile(KelContainer* arguments);
+    static unsigned int ActionHandler_FileStoreReceiveContents(KelContainer* arguments);
     static unsigned int ActionHandler_FileStoreReceiveUnconnectedFile(KelContainer* arguments);
     static unsigned int ActionHandler_FileStoreHttpGet(KelContainer* arguments);
     static unsigned int ActionHandler_FileStoreHttpPutBegin(KelContainer* arguments);

@@ -2,12 +2,14 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <utility>
 
 #include "filestore/db/file_status.h"
 #include "filestore/db/files_table.h"
 #include "filestore/exchange/file_record.h"
 #include "filestore/state/file_store.h"
 #include "filestore/state/store_layout.h"
+#include "filestore/up/arrived_files.h"
 #include "filestore/up/upload_archive.h"
 #include "filestore/up/upload_repair.h"
 #include "filestore/up/upstream_file.h"
@@ -158,21 +160,34 @@ bool HoldsOwnFilesOnly(const FileStoreEntry& archive) {
     return FileInfoOf(archive).GetBool(kOwnFilesOnly);
 }
 
-/// Offers an unpacked file to the store as if the child had announced it, and puts its content in the place
-/// that the store gives it. `fileId` receives the row when it waits for the content.
-Intake EnterPackedFile(const KelContainer& record, const KelString& unpacked, const FileStoreEntry& archive,
-                       std::uint64_t& fileId) {
-    FileOffer file = FileOffer::Read(record);
+/// An unpacked file on its way into the store.
+struct UnpackedFile {
+    FileOffer file;
+    KelString path;
+};
+
+/// Reads a record and compares it with the content.
+Intake ReadRecord(const KelContainer& record, const FileStoreEntry& archive, UnpackedFile& unpacked) {
+    FileOffer& file = unpacked.file;
+    file = FileOffer::Read(record);
     FileStore::debugFileStore.Print("CallbackThread: Processing file %S (from %S)\n", file.key.name,
                                     archive.FileName);
     const KelString source = file.sourceDevice.value_or("");
     if (!source.empty() && HoldsOwnFilesOnly(archive) &&
         GuidOfDevice(source) != GuidOfDevice(archive.SourceDevice))
         return Refuse(file, archive, "its sender is a client, and the file is of another device");
-    if (const Intake checked = CheckContent(unpacked, file, archive); checked != Intake::Done) return checked;
+    if (const Intake checked = CheckContent(unpacked.path, file, archive); checked != Intake::Done)
+        return checked;
     file.upstream = true;
     for (auto* path : {&file.movePath, &file.copyPath, &file.filePath, &file.url})
         path->reset();
+    return Intake::Done;
+}
+
+/// Offers an unpacked file to the store as if the child had announced it, and puts its content in the place
+/// that the store gives it. `fileId` receives the row when it waits for the content.
+Intake EnterSingly(const UnpackedFile& unpacked, const FileStoreEntry& archive, std::uint64_t& fileId) {
+    const FileOffer& file = unpacked.file;
     KelContainer offer = file.ToContainer();
     const unsigned int error = CallLocal("FileStoreReceiveFile", offer);
     if (error == kKelErrorBadInput || error == kKelErrorGuidScheme)
@@ -184,7 +199,7 @@ Intake EnterPackedFile(const KelContainer& record, const KelString& unpacked, co
     }
     if (known->row->FileStatus != kStatusReceiving) return Intake::Done;  // it is on its way already
     std::error_code renamed;  // the disk is synced once for many files
-    std::filesystem::rename(unpacked, known->Path(), renamed);
+    std::filesystem::rename(unpacked.path, known->Path(), renamed);
     if (renamed) {
         Refuse(file, archive, "its content cannot be put in place; it is tried again");
         return Intake::Failed;
@@ -193,35 +208,84 @@ Intake EnterPackedFile(const KelContainer& record, const KelString& unpacked, co
     return Intake::Done;
 }
 
+/// The files of a part of the index that the archive has, and that agree with their records.
+class PartOfArchive {
+  public:
+    PartOfArchive(const FileStoreEntry& archive, const UnpackFolder& folder)
+        : archive_(archive), folder_(folder) {}
+
+    /// Reads one record.
+    void Add(const KelContainer& record) {
+        UnpackedFile unpacked{{}, UnpackedPath(record, folder_)};
+        if (!FileExists(unpacked.path)) {
+            if (++absent_ <= kAbsentLogged)
+                Refuse(FileOffer::Read(record), archive_, "the archive has no content of it");
+            return;
+        }
+        const Intake read = ReadRecord(record, archive_, unpacked);
+        complete_ &= read != Intake::Failed;
+        if (read == Intake::Done) files_.push_back(std::move(unpacked));
+    }
+
+    std::size_t Count() const { return files_.size(); }
+
+    /// Takes over what was read: together where the store does not know it, the others one by one. False when
+    /// disk or database failed.
+    bool Enter(const KelString& targetStatus) {
+        IdList entered;
+        for (const UnpackedFile& unpacked : EnterTogether()) {
+            std::uint64_t fileId = 0;
+            complete_ &= EnterSingly(unpacked, archive_, fileId) != Intake::Failed;
+            if (fileId != 0) entered.Add(fileId);
+        }
+        return entered.IsEmpty() ||
+               (DirSyncFileSystem(FileStore::strStorageLocationToUse) &&
+                UpdateFileStatus(Side::Upstream, entered, targetStatus, NextTry::AtOnce));
+    }
+
+    bool IsComplete() const { return complete_; }
+    std::uint32_t Absent() const { return absent_; }
+
+  private:
+    /// Returns the files that are left.
+    KelVector<UnpackedFile> EnterTogether() {
+        KelVector<CompleteFile> together;
+        KelVector<UnpackedFile> candidates, left;
+        for (UnpackedFile& unpacked : std::exchange(files_, {})) {
+            CompleteFile file;
+            const bool isReadable = ReadArrived(unpacked.file.ToContainer(), file.entry);
+            file.content = unpacked.path;
+            if (isReadable) together.push_back(std::move(file));
+            (isReadable ? candidates : left).push_back(std::move(unpacked));
+        }
+        TakeOver(together, true);  // the extraction has synced the contents
+        for (std::size_t i = 0; i < together.size(); ++i)
+            if (!together[i].isTaken) left.push_back(std::move(candidates[i]));
+        return left;
+    }
+
+    const FileStoreEntry& archive_;
+    const UnpackFolder& folder_;
+    KelVector<UnpackedFile> files_;
+    std::uint32_t absent_ = 0;
+    bool complete_ = true;
+};
+
 /// False when disk or database failed; the files before the failure go on all the same.
 bool EnterPackedFiles(const KelContainer& index, const UnpackFolder& folder, const FileStoreEntry& archive,
                       const KelString& targetStatus) {
     const std::uint32_t count = index.Has(kPackedFileValue) ? index.Count(kPackedFileValue) : 0;
-    std::uint32_t absent = 0;
-    bool complete = true;
+    PartOfArchive part(archive, folder);
     for (std::uint32_t next = 0; next < count;) {
-        IdList entered;
-        for (; next < count && entered.Count() < kFilesPerChange; ++next) {
-            const KelContainer& record = index.GetContainer(kPackedFileValue, next);
-            const KelString unpacked = UnpackedPath(record, folder);
-            if (!FileExists(unpacked)) {
-                if (++absent <= kAbsentLogged)
-                    Refuse(FileOffer::Read(record), archive, "the archive has no content of it");
-                continue;
-            }
-            std::uint64_t fileId = 0;
-            complete &= EnterPackedFile(record, unpacked, archive, fileId) != Intake::Failed;
-            if (fileId != 0) entered.Add(fileId);
-        }
-        if (!DirSyncFileSystem(FileStore::strStorageLocationToUse) ||
-            !UpdateFileStatus(Side::Upstream, entered, targetStatus, NextTry::AtOnce))
-            return false;
+        for (; next < count && part.Count() < kFilesPerChange; ++next)
+            part.Add(index.GetContainer(kPackedFileValue, next));
+        if (!part.Enter(targetStatus)) return false;
     }
-    if (absent > kAbsentLogged)
+    if (part.Absent() > kAbsentLogged)
         FileStore::debugFileStore.Error(
             "CallbackThread: %S has no content of %u of the %u files in its index\n", archive.FileName,
-            absent, count);
-    return complete;
+            part.Absent(), count);
+    return part.IsComplete();
 }
 
 /// Ends the work on an archive that can never be unpacked. Its row stays as it is; with its content, it would

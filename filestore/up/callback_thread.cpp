@@ -7,13 +7,12 @@
 #include "filestore/state/file_store.h"
 #include "filestore/state/store_layout.h"
 #include "filestore/up/archive_intake.h"
+#include "filestore/up/arrived_files.h"
 #include "filestore/up/upload_policy.h"
 #include "filestore/up/upload_repair.h"
 #include "filestore/up/upstream_file.h"
 #include "kel/format.h"
 #include "kel/ini_file.h"
-#include "kelcore/action_db.h"
-#include "kelcore/callback_db.h"
 
 using namespace filestore;
 
@@ -103,9 +102,7 @@ void FileStoreCallbackThread::RepairFromTimeToTime() {
 
 bool FileStoreCallbackThread::ReceiveFile(const KelString& url) {
     FileStore::debugFileStore.Trace("CallbackThread: Handling received file %S\n", url);
-    const bool isConsole = ActionDbIsActionRegistered("QuarnelDbRunScript");
-    const bool isHandledHere = isConsole || CallbackDbGetActionCount("FileStoreCallbackCopyUpstream") != 0;
-    const KelString targetStatus = isHandledHere ? kStatusToBeHandled : kStatusToBeUploaded;
+    const KelString targetStatus = StatusOfArrived();
 
     const auto file = FindUpstreamFileOfUrl(url);
     if (!file) return false;  // of a file whose row cannot be read, nothing may be removed
@@ -124,7 +121,6 @@ bool FileStoreCallbackThread::ReceiveFile(const KelString& url) {
         if (targetStatus == kStatusToBeUploaded) WakeToSend(entry.FileType);
         return isDone;
     }
-    if (isConsole || (entry.FileType != "PackagerZIPPackage" && entry.FileType != "UpgradePackage"))
-        return SetArrived(entry, targetStatus);
-    return ReceivePackage(entry, targetStatus);
+    return IsArrivalSpecial(entry.FileType) ? ReceivePackage(entry, targetStatus)
+                                            : SetArrived(entry, targetStatus);
 }

@@ -18,6 +18,7 @@
 #include "kelcore/action_db.h"
 #include "kelcore/callback_db.h"
 #include "kelcore/error_codes.h"
+#include "kelcore/file_values.h"
 #include "kelcore/shared_content.h"
 
 using namespace filestore;
@@ -66,6 +67,7 @@ struct FileStoreHandleThread::Answers {
     IdList upload;
     IdList retry;
     KelVector<std::uint64_t> putOff;   ///< the same
+    KelVector<std::uint64_t> taken;    ///< those of `available` and `upload`
     KelVector<KelString> typesToSend;  ///< of `upload`
 };
 
@@ -141,6 +143,7 @@ bool FileStoreHandleThread::HandleFile(Side side) {
         else
             HandOver(entry, isLocal, side, answers);
     }
+    if (side == Side::Upstream) SyncConsumers(answers);
     // A batch that was cut short keeps its rows and is handed over again after the restart.
     if (!CheckCancelled(false)) ApplyAnswers(answers, side);
     for (const KelString& type : answers.typesToSend)
@@ -161,8 +164,10 @@ void FileStoreHandleThread::HandOver(const FileStoreEntry& entry, bool isLocal, 
     if (side == Side::Upstream && !entry.ExternalFile) ShareEqualContent(entry, path);
     FileOffer description = FileDescriptionOf(entry);
     description.filePath = path;
+    KelContainer arguments = description.ToContainer();
+    if (side == Side::Upstream) arguments.SetBool(kValueSyncFollows, true);
     KelContainer results;
-    CallbackDbTrigger(CallbackOf(isLocal, side), description.ToContainer(), results);
+    CallbackDbTrigger(CallbackOf(isLocal, side), arguments, results);
     if (FileStore::CheckHandlerResult(results, kKelAnswerTryLater)) {
         Reasons().Note(
             side, entry.FileId, WaitingStep::Handle,
@@ -172,12 +177,32 @@ void FileStoreHandleThread::HandOver(const FileStoreEntry& entry, bool isLocal, 
         return;
     }
     Reasons().MovedOn(side, entry.FileId);
+    answers.taken.push_back(entry.FileId);
     if (FileStore::CheckHandlerResult(results, kKelAnswerStaysHere) || side == Side::Downstream) {
         answers.available.Add(entry.FileId);
     } else {
         answers.upload.Add(entry.FileId);
         answers.typesToSend.push_back(entry.FileType);
     }
+}
+
+/// Has the consumers put what they have taken of the batch on the disk: only then their answers count. False
+/// when one could not; the whole batch is handed over again then.
+bool FileStoreHandleThread::SyncConsumers(Answers& answers) {
+    if (answers.available.IsEmpty() && answers.upload.IsEmpty()) return true;
+    KelContainer results;
+    if (CallbackDbTrigger("FileStoreCallbackSyncUpstream", {}, results) == kKelOk) return true;
+    for (const IdList* const taken : {&answers.available, &answers.upload})
+        answers.retry.Append(*taken);
+    for (const std::uint64_t fileId : answers.taken) {
+        Reasons().Note(
+            Side::Upstream, fileId, WaitingStep::Handle,
+            {.code = Waiting::ConsumerLater, .detail = FirstWithAnswer(results, kKelAnswerTryLater)});
+        answers.putOff.push_back(fileId);
+    }
+    answers.available = answers.upload = IdList();
+    answers.typesToSend.clear();
+    return false;
 }
 
 void FileStoreHandleThread::ApplyAnswers(const Answers& answers, Side side) {

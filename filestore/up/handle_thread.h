@@ -29,6 +29,7 @@ class FileStoreHandleThread : public FileThreadBase {
 
     bool DecideMissing(std::uint64_t fileId, Side side, bool isKnownToConsumer);
     void HandOver(const FileStoreEntry& entry, bool isLocal, Side side, Answers& answers);
+    bool SyncConsumers(Answers& answers);
     void ApplyAnswers(const Answers& answers, Side side);
 
     std::set<std::pair<Side, std::uint64_t>> putOff_;  ///< by consumers, in this step

@@ -5,6 +5,7 @@
 #include "filestore/db/files_table.h"
 #include "filestore/state/worker_loop.h"
 #include "filestore/up/resumed_upload.h"
+#include "filestore/up/small_files.h"
 #include "filestore/up/upload_archive.h"
 
 /// Requests missing files from the parent and sends upstream files to it: offered first (send pass), then put
@@ -60,6 +61,10 @@ class FileStorePushThread : public FileThreadBase {
     // send_step.cpp
     bool SendRow(const FileStoreEntry& entry, const KelString& parentUrl, SentFiles& sent,
                  bool& reachedParent);
+    bool SendContents(filestore::SmallFiles& files, const KelString& parentUrl, SentFiles& sent,
+                      bool& reachedParent);
+    bool TakeAnswer(const FileStoreEntry& entry, unsigned int error, const KelContainer& answer,
+                    const KelString& parentUrl, SentFiles& sent, bool& reachedParent);
     bool HandleRefusal(const FileStoreEntry& entry, unsigned int error);
 
     // upload_step.cpp
@@ -70,6 +75,7 @@ class FileStorePushThread : public FileThreadBase {
 
     Phase phase_ = Phase::Upload;         ///< an unfinished upload is resumed before anything new is sent
     unsigned long currentTimeout_ = 300;  ///< seconds
+    KelString takerOfContents_;           ///< the parent URL that has said that it takes contents with offers
     filestore::ResumedUploads uploads_;
     filestore::UploadArchive archive_;  ///< created by the last send pass, filled by the upload pass
     /// Rows that got another state or time, since the start; packed ones only once their archive is in the

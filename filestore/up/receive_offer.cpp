@@ -111,21 +111,6 @@ bool IsReceived(const UpstreamFile& file, bool repeated) {
                        [&file](const char* status) { return file.row->FileStatus == status; });
 }
 
-/// False, logged, when the store may not take so much: the sender offers the file again later.
-bool HasRoomFor(const FileStoreEntry& entry) {
-    std::uint64_t room = 0;
-    if (!IsSpaceLimited() || SpaceFor(FileStore::StoreFolder(Side::Upstream, entry.Key()), room) != 0 ||
-        static_cast<std::uint64_t>(entry.FileSize) <= room) {
-        FileStore::failures.Succeeded(kSpaceFailure, "There is room for offered files again");
-        return true;
-    }
-    FileStore::failures.Failed(
-        KelDebugLevel::Error, kSpaceFailure,
-        KelFormat("Refusing the offer of %S: it has %ld bytes, and there is room for %lu; make room in %S",
-                  entry.Key().Text(), entry.FileSize, room, FileStore::strStorageLocationToUse));
-    return false;
-}
-
 /// Expects the content by PUT: under the row that the file has already, otherwise under a new one.
 /// `isReceived` says that the file is here already.
 unsigned int Expect(FileStoreEntry& entry, bool& isReceived) {
@@ -181,8 +166,8 @@ unsigned int ReceiveUpstreamLocal(KelContainer& arguments, Offer& offer) {
     return kKelOk;
 }
 
-unsigned int ReceiveUpstreamRemote(KelContainer& arguments, Offer& offer) {
-    FileStoreEntry entry = offer.ToEntry();
+unsigned int ReadUpstreamRemote(const KelContainer& arguments, const Offer& offer, FileStoreEntry& entry) {
+    entry = offer.ToEntry();
     entry.FileSize = arguments.GetInt64(kValueFileSize);
     entry.SourceDevice = arguments.GetString(kValueSourceDevice);
     entry.FirstRelay = arguments.GetString(kValueFirstRelay);
@@ -203,13 +188,34 @@ unsigned int ReceiveUpstreamRemote(KelContainer& arguments, Offer& offer) {
     entry.Upstream = true;
     entry.TransportMode = kTransportUnicast;
     entry.FileStatus = kStatusReceiving;
-    if (!HasRoomFor(entry)) return kKelErrorNotAvailable;
+    return kKelOk;
+}
+
+bool HasRoomForOffered(const FileStoreEntry& entry) {
+    std::uint64_t room = 0;
+    if (!IsSpaceLimited() || SpaceFor(FileStore::StoreFolder(Side::Upstream, entry.Key()), room) != 0 ||
+        static_cast<std::uint64_t>(entry.FileSize) <= room) {
+        FileStore::failures.Succeeded(kSpaceFailure, "There is room for offered files again");
+        return true;
+    }
+    FileStore::failures.Failed(
+        KelDebugLevel::Error, kSpaceFailure,
+        KelFormat("Refusing the offer of %S: it has %ld bytes, and there is room for %lu; make room in %S",
+                  entry.Key().Text(), entry.FileSize, room, FileStore::strStorageLocationToUse));
+    return false;
+}
+
+unsigned int ReceiveUpstreamRemote(KelContainer& arguments, Offer& offer) {
+    FileStoreEntry entry;
+    if (const unsigned int error = ReadUpstreamRemote(arguments, offer, entry); error != kKelOk) return error;
+    if (!HasRoomForOffered(entry)) return kKelErrorNotAvailable;
     bool isReceived = false;
     if (const unsigned int error = Expect(entry, isReceived); error != kKelOk) return error;
     NoteUploadSender(entry.FileURL, arguments);
     arguments.Clear();
     arguments.SetString(kValueFileUrl, entry.FileURL);
     if (entry.Repeated && (isReceived || HasArrivedBefore(entry))) arguments.SetBool(kValueContentHeld, true);
+    arguments.SetBool(kValueTakesContents, true);
     return kKelOk;
 }
 

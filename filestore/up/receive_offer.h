@@ -23,4 +23,11 @@ unsigned int ReceiveUpstreamLocal(KelContainer& arguments, Offer& offer);
 /// on. On success `arguments` holds only FileURL, the URL path to which the child puts the content.
 unsigned int ReceiveUpstreamRemote(KelContainer& arguments, Offer& offer);
 
+/// Reads the row that an offer of a child makes, as expected by PUT; a result as of ReceiveUpstreamRemote
+/// when that is refused.
+unsigned int ReadUpstreamRemote(const KelContainer& arguments, const Offer& offer, FileStoreEntry& entry);
+
+/// False, logged, when the store may not take so much: the sender offers the file again later.
+bool HasRoomForOffered(const FileStoreEntry& entry);
+
 }  // namespace filestore

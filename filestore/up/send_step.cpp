@@ -31,11 +31,15 @@ FileStorePushThread::Outcome FileStorePushThread::SendFile(bool& reachedParent, 
     if (parentUrl.empty()) return Outcome::Failed;
 
     UploadArchive archive;
+    SmallFiles small;
     SentFiles sent, packed;
+    bool isRefused = false;
     for (const FileStoreEntry& entry : rows) {
         if (CheckCancelled(false) || parent.HasChanged() || IsRecent(entry.LastStatusChangeTime)) break;
         if (!IsPacking() || !UploadArchive::CanPack(entry)) {
-            if (!SendRow(entry, parentUrl, sent, reachedParent)) break;
+            if (parentUrl == takerOfContents_ && small.Add(entry)) continue;
+            isRefused = !SendRow(entry, parentUrl, sent, reachedParent);
+            if (isRefused) break;
             continue;
         }
         if (!archive.Suits(entry)) continue;    // the next archive takes it
@@ -45,6 +49,7 @@ FileStorePushThread::Outcome FileStorePushThread::SendFile(bool& reachedParent, 
         packed.push_back({entry.FileId, kStatusToBePacked, ""});
         reachedParent = true;
     }
+    if (!isRefused && !CheckCancelled(false)) SendContents(small, parentUrl, sent, reachedParent);
     const bool created = packed.empty() || archive.Create();
     const KelLock lock(FileStore::mutexUpstream);
     if (parent.HasChanged())  // the present one has accepted nothing yet
@@ -68,14 +73,44 @@ bool FileStorePushThread::SendRow(const FileStoreEntry& entry, const KelString& 
     FileStore::debugFileStore.Detail("PushThread: Sending %S upstream\n", entry.Key().Text());
     const HttpCharge charge(ChargedFor(entry.Bypass));
     const unsigned int error = CallDevice(parentUrl, "FileStoreReceiveFile", offer);
-    if (error == kKelOk && offer.GetBool(kValueContentHeld)) {
+    if (error == kKelOk && offer.GetBool(kValueTakesContents)) takerOfContents_ = parentUrl;
+    return TakeAnswer(entry, error, offer, parentUrl, sent, reachedParent);
+}
+
+/// Offers several files with their contents. False when the batch must end here.
+bool FileStorePushThread::SendContents(SmallFiles& files, const KelString& parentUrl, SentFiles& sent,
+                                       bool& reachedParent) {
+    if (files.Entries().empty()) return true;
+    KelContainer call = files.TakeCall();
+    FileStore::debugFileStore.Detail("PushThread: Sending %lu files upstream with their contents\n",
+                                     files.Entries().size());
+    const unsigned int error = CallDevice(parentUrl, "FileStoreReceiveContents", call);
+    if (error != kKelOk || call.Count(kValueFiles) != files.Entries().size()) {
+        takerOfContents_.clear();  // it may be another agent now: it says so again with the next offer
+        if (error == kKelErrorUnknownAction) return true;
+        const unsigned int refusal = error != kKelOk ? error : unsigned{kKelErrorBadAnswer};
+        return TakeAnswer(files.Entries().front(), refusal, {}, parentUrl, sent, reachedParent);
+    }
+    for (std::uint32_t i = 0; const FileStoreEntry& entry : files.Entries()) {
+        const KelContainer& answer = call.GetContainer(kValueFiles, i++);
+        const auto result = static_cast<unsigned int>(answer.GetInt32(kValueResult));
+        if (!TakeAnswer(entry, result, answer, parentUrl, sent, reachedParent)) return false;
+    }
+    return true;
+}
+
+/// What the parent has said to the offer of a file. False when the batch must end here.
+bool FileStorePushThread::TakeAnswer(const FileStoreEntry& entry, unsigned int error,
+                                     const KelContainer& answer, const KelString& parentUrl, SentFiles& sent,
+                                     bool& reachedParent) {
+    if (error == kKelOk && answer.GetBool(kValueContentHeld)) {
         Reasons().MovedOn(Side::Upstream, entry.FileId);
         sent.push_back({entry.FileId, kStatusAvailable, entry.FileURL});
         NoteUploadedInventory(entry);
         reachedParent = true;
         return true;
     }
-    const KelString url = offer.GetString(kValueFileUrl);
+    const KelString url = answer.GetString(kValueFileUrl);
     if (error != kKelOk || !IsUrlPath(url)) {
         const unsigned int refusal = error != kKelOk ? error : unsigned{kKelErrorBadInput};
         Reasons().Note(Side::Upstream, entry.FileId, WaitingStep::Send,

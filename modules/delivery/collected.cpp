@@ -40,12 +40,23 @@ KelString CollectedFiles::DeviceFolder(const KelString& device) {
     return guid.empty() ? KelString("unknown") : KelString(guid);
 }
 
+FilePlace CollectedFiles::PlaceOf(const KelString& device, const FileKey& key) const {
+    return {root_, KelFormat("%S/%S/%S/%S", DeviceFolder(device), key.type, key.label, key.name)};
+}
+
 KelResult<bool> CollectedFiles::Put(const KelString& device, const ReceivedFile& file) const {
-    const FilePlace place{
-        root_, KelFormat("%S/%S/%S/%S", DeviceFolder(device), file.key.type, file.key.label, file.key.name)};
+    const FilePlace place = PlaceOf(device, file.key);
     if (HoldsContent(place, file.key.checksum)) return false;
     if (const KelStatus placed = PlaceCopy(file.sourcePath, place, access_, workFolder_); !placed)
         return placed.Error();
+    return true;
+}
+
+KelResult<bool> CollectedFiles::PutLater(const KelString& device, const ReceivedFile& file) {
+    const FilePlace place = PlaceOf(device, file.key);
+    if (!waiting_.Has(place) && HoldsContent(place, file.key.checksum)) return false;
+    if (const KelStatus added = waiting_.Add(file.sourcePath, place, workFolder_); !added)
+        return added.Error();
     return true;
 }
 

@@ -16,7 +16,7 @@ struct CollectedFile {
 };
 
 /// The files that the master collects from the devices below, as "<root>/<device
-/// GUID>/<type>/<label>/<name>". Set up once; then from any thread.
+/// GUID>/<type>/<label>/<name>". Set up once; then, but for PutLater and PutAll, from any thread.
 class CollectedFiles {
   public:
     /// The entry of the ini file that names the root.
@@ -36,11 +36,19 @@ class CollectedFiles {
     /// succeeds. True when something was copied, false when the file was there already.
     KelResult<bool> Put(const KelString& device, const ReceivedFile& file) const;
 
+    /// The same with several files that share one sync: each is in its place when PutAll has succeeded. One
+    /// thread at a time.
+    KelResult<bool> PutLater(const KelString& device, const ReceivedFile& file);
+    KelStatus PutAll() { return waiting_.Place(access_); }
+
     /// All files, by device, type, label and name.
     KelVector<CollectedFile> List() const;
 
   private:
+    FilePlace PlaceOf(const KelString& device, const FileKey& key) const;
+
     KelString root_;
     KelString workFolder_;
     PlaceAccess access_;
+    PlacedTogether waiting_;
 };

@@ -1,6 +1,7 @@
 #include "modules/delivery/delivery.h"
 
 #include <set>
+#include <utility>
 
 #include "kel/directory.h"
 #include "kel/file.h"
@@ -23,6 +24,8 @@ constexpr char kCollectSignature[] =
     "DeliveryCollect (string FileType, string FileLabel, string FileName, string FileChecksum, string "
     "SourceDevice, string FilePath)";
 constexpr char kUpstreamEvent[] = "FileStoreCallbackCopyUpstream";
+constexpr char kSyncSignature[] = "DeliverySync ()";
+constexpr char kSyncEvent[] = "FileStoreCallbackSyncUpstream";
 /// A week, so that a large file can come through windows that are open at weekends only.
 const IniSetting kOrderTimeout =
     IniSetting::Number("Delivery", "OrderTimeout", std::int64_t{7} * 86400).Between(1, 31'536'000);
@@ -91,6 +94,12 @@ void Delivery::Register(const char* handle) {
            .results = "1 unusable; 44001 not copied, to be handed over again; 44003 "
                       "the file stays here, collected or not",
            .callers = KelCallers::Local}},
+         {&Delivery::Sync,
+          {.signature = kSyncSignature,
+           .purpose = "Puts the files in place that were collected with the value SyncFollows; for the event "
+                      "FileStoreCallbackSyncUpstream.",
+           .results = "44001 not all are in place: to be handed over again",
+           .callers = KelCallers::Local}},
          {&Delivery::ListCollected,
           {.signature = "DeliveryListCollected",
            .purpose = "Lists the files that were collected from the devices below.",
@@ -105,6 +114,7 @@ void Delivery::Unregister() {
     CallbackDbDeleteAction(kReceivedEvent, kReceiveSignature, {});
     CallbackDbDeleteAction(kWithdrawnEvent, kWithdrawSignature, {});
     CallbackDbDeleteAction(kUpstreamEvent, kCollectSignature, {});
+    CallbackDbDeleteAction(kSyncEvent, kSyncSignature, {});
 }
 
 bool Delivery::Initialise() {
@@ -116,8 +126,10 @@ bool Delivery::Initialise() {
     receipts_.SetFolder(DataPath() + "/Outgoing");
     collected_.Configure(ini, DataPath(), DataPath() + "/Incoming");
     // Every module has registered by now; only a master has this action.
-    if (ActionDbIsActionRegistered("QuarnelDbObjectListTypes"))
+    if (ActionDbIsActionRegistered("QuarnelDbObjectListTypes")) {
         CallbackDbRegisterAction(kUpstreamEvent, kCollectSignature, {}, 0);
+        CallbackDbRegisterAction(kSyncEvent, kSyncSignature, {}, 0);
+    }
     if (!jobs_.Load(DataPath() + "/Pending") || !orders_.Load(DataPath())) {
         Log().Error("The folders of pending work in %S cannot be created; check its rights\n", DataPath());
         return false;
@@ -192,18 +204,37 @@ unsigned int Delivery::Collect(KelContainer* arguments) {
     const auto file = ReadReceivedFile(*arguments);
     if (!file) return Refuse(arguments, file.Error().message);
     const KelString device = arguments->GetString(kValueSourceDevice);
+    const bool syncFollows = arguments->GetBool(kValueSyncFollows);
     arguments->Clear();
     // The master is the top of the tree: files of all types stay here.
     if (!CollectedFiles::IsToBeCollected(file->key.type)) return kKelAnswerStaysHere;
     const KelLock lock(mutexCopy_);
-    const auto isNew = collected_.Put(device, *file);
+    const auto isNew = syncFollows ? collected_.PutLater(device, *file) : collected_.Put(device, *file);
     if (!isNew) {
         LogCopyFailure(isNew.Error().message);
         return kKelAnswerTryLater;
     }
-    LogCopySuccess();
-    if (*isNew) Log().Print("Collected %S from %S\n", file->key.Text(), device);
+    if (*isNew) collectedNow_.push_back(KelFormat("Collected %S from %S", file->key.Text(), device));
+    if (!syncFollows) LogCollected();
     return kKelAnswerStaysHere;
+}
+
+unsigned int Delivery::Sync(KelContainer* arguments) {
+    arguments->Clear();
+    const KelLock lock(mutexCopy_);
+    if (const KelStatus placed = collected_.PutAll(); !placed) {
+        collectedNow_.clear();
+        LogCopyFailure(placed.Error().message);
+        return kKelAnswerTryLater;
+    }
+    LogCollected();
+    return kKelOk;
+}
+
+void Delivery::LogCollected() {
+    LogCopySuccess();
+    for (const KelString& line : std::exchange(collectedNow_, {}))
+        Log().Print("%S\n", line);
 }
 
 unsigned int Delivery::ListFiles(KelContainer* arguments) {

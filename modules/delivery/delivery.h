@@ -55,6 +55,7 @@ class Delivery : public KelModule {
     unsigned int ReceiveFile(KelContainer* arguments);
     unsigned int ListFiles(KelContainer* arguments);
     unsigned int Collect(KelContainer* arguments);
+    unsigned int Sync(KelContainer* arguments);
     unsigned int ListCollected(KelContainer* arguments);
     unsigned int Refuse(KelContainer* arguments, const KelString& reason);
     void RemoveUnfinishedCopies();
@@ -93,6 +94,7 @@ class Delivery : public KelModule {
     JobOutcome BringIntoPlace(const DeliveryJob& job);
     void LogCopyFailure(const KelString& message);
     void LogCopySuccess();
+    void LogCollected();
 
     Inbox inbox_;
     JobQueue jobs_;
@@ -106,9 +108,10 @@ class Delivery : public KelModule {
     KelMutex mutexCopy_;
     KelFailureLog failures_{Log()};
     CollectedFiles collected_;
-    bool hasAsked_ = false;            ///< for what was never taken; only `thread_` uses it, and the next
-    KelVector<FileKey> taken_;         ///< not yet reported
-    ReceiptSender receipts_;           ///< only the receipt thread uses it
-    KelPeriodicThread thread_;         ///< copies and commands
-    KelPeriodicThread receiptThread_;  ///< orders and receipts
+    KelVector<KelString> collectedNow_;  ///< lines for the log once the files are in place; under mutexCopy_
+    bool hasAsked_ = false;              ///< for what was never taken; only `thread_` uses it, and the next
+    KelVector<FileKey> taken_;           ///< not yet reported
+    ReceiptSender receipts_;             ///< only the receipt thread uses it
+    KelPeriodicThread thread_;           ///< copies and commands
+    KelPeriodicThread receiptThread_;    ///< orders and receipts
 };

@@ -5,9 +5,14 @@
 
 #include <cerrno>
 #include <cstring>
+#include <initializer_list>
+#include <map>
+#include <utility>
 
 #include "kel/checksum.h"
+#include "kel/directory.h"
 #include "kel/file.h"
+#include "kel/file_content.h"
 #include "kel/format.h"
 #include "kel/path.h"
 #include "kel/text.h"
@@ -56,27 +61,110 @@ KelString ObstacleTo(const FilePlace& place) {
     return {};
 }
 
-KelStatus PlaceCopy(const KelString& source, const FilePlace& place, const PlaceAccess& access,
-                    const KelString& workFolder, const KelString& sha256) {
-    for (const KelString& needed : {place.root, workFolder}) {
+namespace {
+
+KelStatus CreateNeeded(std::initializer_list<KelString> folders) {
+    for (const KelString& needed : folders)
         if (!needed.empty() && !PathCreate(needed))
             return KelError{kKelErrorInternal,
                             KelFormat("The folder %S cannot be created; check its rights", needed)};
-    }
-    KelString below, name;
-    SplitPath(place.path, below, name);
+    return {};
+}
+
+KelError CopyError(const KelString& source, const FilePlace& place) {
+    return {kKelErrorInternal,
+            KelFormat("%S cannot be copied to %S; check free space and rights", source, place.Whole())};
+}
+
+/// Opens the folder of a place, making it.
+KelResult<UniqueFd> OpenFolderOf(const FilePlace& place, const KelString& below, const PlaceAccess& access) {
     const UniqueFd root(::open(place.root.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
-    const UniqueFd folder = root ? DirCreateBeneath(root, below, access.folderMode) : UniqueFd();
-    if (!folder && (errno == ELOOP || errno == ENOTDIR))
+    UniqueFd folder = root ? DirCreateBeneath(root, below, access.folderMode) : UniqueFd();
+    if (folder) return folder;
+    if (errno == ELOOP || errno == ENOTDIR)
         return KelError{
             kKelErrorInternal,
             KelFormat("The folder of %S cannot be created: a file or a link is in its place; remove it",
                       place.Whole())};
-    if (folder && FileCopyInto(source, folder, name, access.fileMode, workFolder, sha256)) return {};
-    if (folder && errno == EKEYREJECTED)
+    return CopyError("A file", place);
+}
+
+}  // namespace
+
+KelStatus PlaceCopy(const KelString& source, const FilePlace& place, const PlaceAccess& access,
+                    const KelString& workFolder, const KelString& sha256) {
+    if (KelStatus created = CreateNeeded({place.root, workFolder}); !created) return created;
+    KelString below, name;
+    SplitPath(place.path, below, name);
+    const auto folder = OpenFolderOf(place, below, access);
+    if (!folder) return folder.Error();
+    if (FileCopyInto(source, *folder, name, access.fileMode, workFolder, sha256)) return {};
+    if (errno == EKEYREJECTED)
         return KelError{kKelErrorBadInput,
                         "Refused, since its content is not what the master has published; check "
                         "the devices above, which have brought it"};
-    return KelError{kKelErrorInternal, KelFormat("%S cannot be copied to %S; check free space and rights",
-                                                 source, place.Whole())};
+    return CopyError(source, place);
+}
+
+PlacedTogether::~PlacedTogether() {
+    Drop();
+}
+
+void PlacedTogether::Drop() {
+    for (const Copy& copy : copies_)
+        FileDelete(copy.path);
+    copies_.clear();
+    paths_.clear();
+}
+
+KelStatus PlacedTogether::Add(const KelString& source, const FilePlace& place, const KelString& workFolder) {
+    if (KelStatus created = CreateNeeded({place.root, workFolder}); !created) return created;
+    const UniqueFd from(::open(source.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    struct stat status {};
+    if (!from || ::fstat(from.Get(), &status) != 0 || !S_ISREG(status.st_mode))
+        return CopyError(source, place);
+    KelString path;
+    const UniqueFd copy = FileCreateTemp(workFolder, path);
+    if (!copy) return CopyError(source, place);
+    copies_.push_back({path, place});
+    paths_.insert(place.Whole());
+    if (FileCopyContent(from.Get(), copy.Get())) return {};
+    FileDelete(path);
+    copies_.pop_back();
+    return CopyError(source, place);
+}
+
+KelStatus PlacedTogether::Place(const PlaceAccess& access) {
+    if (copies_.empty()) return {};
+    const KelStatus moved = MoveAll(access);
+    Drop();
+    return moved;
+}
+
+KelStatus PlacedTogether::MoveAll(const PlaceAccess& access) {
+    for (const Copy& copy : copies_)
+        if (::chmod(copy.path.c_str(), access.fileMode) != 0) return CopyError(copy.path, copy.place);
+    // The contents come before the names.
+    KelString workFolder, name;
+    SplitPath(copies_.front().path, workFolder, name);
+    if (!DirSyncFileSystem(workFolder))
+        return KelError{kKelErrorInternal, KelFormat("Files in %S cannot be synced", workFolder)};
+    std::map<KelString, UniqueFd> folders;
+    for (const Copy& copy : copies_) {
+        KelString below;
+        SplitPath(copy.place.path, below, name);
+        UniqueFd& folder = folders[copy.place.root + "/" + below];
+        if (!folder) {
+            auto opened = OpenFolderOf(copy.place, below, access);
+            if (!opened) return opened.Error();
+            folder = std::move(*opened);
+        }
+        const bool moved = ::renameat(AT_FDCWD, copy.path.c_str(), folder.Get(), name.c_str()) == 0 ||
+                           (errno == EXDEV && FileCopyInto(copy.path, folder, name, access.fileMode));
+        if (!moved) return CopyError(copy.path, copy.place);
+    }
+    for (const auto& [path, folder] : folders)
+        if (::fsync(folder.Get()) != 0)
+            return KelError{kKelErrorInternal, KelFormat("The folder %S cannot be synced", path)};
+    return {};
 }

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <set>
+
 #include "kel/ini_file.h"
 #include "kel/result.h"
 #include "kel/types.h"
@@ -46,3 +48,33 @@ KelString ObstacleTo(const FilePlace& place);
 /// `sha256`, a copy with another digest is not put in place: kKelErrorBadInput.
 KelStatus PlaceCopy(const KelString& source, const FilePlace& place, const PlaceAccess& access,
                     const KelString& workFolder = {}, const KelString& sha256 = {});
+
+/// Copies that are put in place together, at the price of one sync. One thread at a time.
+class PlacedTogether {
+  public:
+    PlacedTogether() = default;
+    ~PlacedTogether();
+    PlacedTogether(const PlacedTogether&) = delete;
+    PlacedTogether& operator=(const PlacedTogether&) = delete;
+
+    /// Copies `source` to a file in `workFolder`, which Place will move to `place`.
+    KelStatus Add(const KelString& source, const FilePlace& place, const KelString& workFolder);
+
+    /// True when a copy for this place waits for Place.
+    bool Has(const FilePlace& place) const { return paths_.contains(place.Whole()); }
+
+    /// Puts all copies in their places, in the order in which they were added, as PlaceCopy does: on the disk
+    /// when the call succeeds. After a failure the copies that are not in place are gone.
+    KelStatus Place(const PlaceAccess& access);
+
+  private:
+    struct Copy {
+        KelString path;
+        FilePlace place;
+    };
+    KelStatus MoveAll(const PlaceAccess& access);
+    void Drop();
+
+    KelVector<Copy> copies_;
+    std::set<KelString> paths_;  ///< of their places
+};

@@ -67,11 +67,14 @@ class KillTest(SystemTest):
                 relay.pack(packing)
                 tree.start()
                 expected = {}
-                files = self.kill_during_transfers(
-                    tree, [relay], 4, 3 << 20,
-                    lambda paths: expected.update(client.send(*paths, kind="Kill", label="kill")))
+
+                def send(paths):
+                    small = {f"small{len(expected) + i:03}": self.random.randint(1, 20_000) for i in range(20)}
+                    paths += write_files(tree.folder / "files", small).values()  # they travel several in one call
+                    expected.update(client.send(*paths, kind="Kill", label="kill"))
+                self.kill_during_transfers(tree, [relay], 4, 3 << 20, send)
                 wait_collected(tree.master, expected, SECONDS_TO_ARRIVE)
-                for name in files:
+                for _, _, name in expected:
                     self.assertEqual(tree.master.log().count(f"Collected Kill/kill/{name} "), 1, name)
                 self.end_with_each_file_once(tree, [tree.master], upstream=True)
 

@@ -40,6 +40,29 @@ TEST_F(CollectTest, FilesGoToTheFolderOfTheirDevice) {
     EXPECT_TRUE(std::filesystem::is_empty(incoming));
 }
 
+TEST_F(CollectTest, FilesThatShareASyncAreInPlaceAfterIt) {
+    BeMaster();
+    RunningModule<Delivery> module;
+    const auto comeLater = [this](const std::string& content) {
+        return ComeUp(With(Stored("Inventory", "disks", content), {"SyncFollows=true"}), kGuid);
+    };
+    for (const char* last : {"a", "b"}) {
+        for (const char* content : {"a", "b", last})
+            EXPECT_EQ(comeLater(content), kStaysHere);
+        EXPECT_EQ(Trigger("FileStoreCallbackSyncUpstream", {}), kKelOk);
+        EXPECT_EQ(TempFolder::Read(CollectedDisks(kGuid)), last) << "the order holds";
+    }
+    EXPECT_EQ(comeLater("c"), kStaysHere);
+    const std::filesystem::path folder = std::filesystem::path(CollectedDisks(kGuid)).parent_path();
+    std::filesystem::remove_all(folder);
+    TempFolder::Write(folder, "a file in place of the folder");
+    EXPECT_EQ(Trigger("FileStoreCallbackSyncUpstream", {}), kNotReady);
+    EXPECT_TRUE(std::filesystem::is_empty(root_ / "data/Delivery/Incoming"));
+    std::filesystem::remove(folder);
+    EXPECT_EQ(Trigger("FileStoreCallbackSyncUpstream", {}), kKelOk);
+    EXPECT_FALSE(Call("DeliveryListCollected").Has("Values")) << "it is handed over again";
+}
+
 TEST_F(CollectTest, WhatIsNotToBeCollectedLeavesNothing) {
     BeMaster();
     RunningModule<Delivery> module;

@@ -50,6 +50,20 @@ TEST_F(HandleThreadTest, AnswerDecidesWhereAFileGoes) {
     }
 }
 
+/// Answers of consumers count only when what they have taken is on the disk.
+TEST_F(HandleThreadTest, BatchWaitsWhenAConsumerCannotSyncIt) {
+    const auto sync = Consume("FileStoreCallbackSyncUpstream", "TestSync ()");
+    for (const auto& [result, kept, passedOn] : Table<unsigned int, const char*, const char*>{
+             {0, "AVAILABLE|0", "TOBEUPLOADED|0"}, {44001, "TOBEHANDLED|now", "TOBEHANDLED|now"}}) {
+        const auto trace = Begin(kept);
+        FakeResult("TestSync ()", result);
+        for (const char* name : {"44003", "0"})
+            Arrived(kUp, name);
+        EXPECT_TRUE(handler_.HandleFile(kUp));
+        EXPECT_EQ(Files(kUp, kState), (Texts{kept, passedOn}));
+    }
+}
+
 TEST_F(HandleThreadTest, EqualContentIsOnTheDiskOnceAndStaysWithEachOfItsRows) {
     const KelString content(5000, 'x'), colliding(5000, 'y');
     for (const auto& [second, isShared] : Table<KelString, bool>{{content, true}, {colliding, false}}) {

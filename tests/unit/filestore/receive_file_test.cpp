@@ -125,7 +125,8 @@ TEST_F(ReceiveFileTest, UpstreamOfferOfAChildAnswersTheUrlToPutToUnlessItIsRefus
     const KelContainer offer =
         With(Offer(), {{"Upstream", true}, {"FileSize", 12}, {"SourceDevice", kChild}});
     for (int i = 0; i < 2; ++i) {
-        EXPECT_EQ(Ask("FileStoreReceiveFile", offer), Make({{"FileURL", "/FileStore/upstream/t/l/c/n"}}));
+        EXPECT_EQ(Ask("FileStoreReceiveFile", offer),
+                  Make({{"FileURL", "/FileStore/upstream/t/l/c/n"}, {"TakesContents", true}}));
         EXPECT_EQ(OnlyFields(kUp, "FileStatus, FirstRelay, FileSize"), KelFormat("RECEIVING|%s|12", kOwnUrl));
         Rows(kUp, "UPDATE Files SET FileStatus = #MISSING#");
     }
