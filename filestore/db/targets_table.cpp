@@ -51,7 +51,8 @@ constexpr char kOfThisDevice[] = "SELECT %s FROM Targets WHERE FileId = %lu AND 
 constexpr char kOfDevice[] = "SELECT %s FROM Targets WHERE FileId = %lu AND DeviceGUID LIKE '%Q%'";
 constexpr char kOfFile[] = "SELECT %s FROM Targets WHERE FileId = %lu";
 constexpr char kAny[] = "SELECT TargetId FROM Targets WHERE FileId = %lu LIMIT 1";
-constexpr char kCount[] = "SELECT COUNT(*) FROM Targets";
+constexpr char kCount[] = "SELECT Targets FROM TargetCount";
+constexpr char kOldestOfAll[] = "SELECT MIN(TargetCreateTime) FROM Targets";
 // Times up to 9 put a target behind those that were never announced; see kDueSinceRequest.
 constexpr char kNotifiable[] =
     "SELECT Files.FileId, FileType, FileLabel, FileName, FileChecksum, FileStatus, FileSize, Priority, SUM "
@@ -243,6 +244,11 @@ KelVector<NotifiableFile> SelectNotifiableFiles(std::int64_t now, const ListRang
 
 std::int64_t CountTargets() {
     const auto result = Database().connection.Query(kCount);
+    return result && result->GetRowCount() != 0 ? result->GetInt64(0, std::size_t{0}) : 0;
+}
+
+std::int64_t OldestTargetTime() {
+    const auto result = Database().connection.Query(kOldestOfAll);
     return result && result->GetRowCount() != 0 ? result->GetInt64(0, std::size_t{0}) : 0;
 }
 
