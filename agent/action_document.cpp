@@ -7,6 +7,7 @@
 #include "agent/module_loader.h"
 #include "kel/directory.h"
 #include "kelcore/action_db.h"
+#include "kelcore/metrics/metrics.h"
 
 namespace {
 
@@ -76,6 +77,7 @@ KelResult<KelString> ActionsInMarkdown(const KelString& modulesDir) {
     for (LoadedModule& module : modules) {
         module.Run(KelModuleOperation::Unregister);
         ActionDbUnregisterAll(module.Name().c_str());
+        KelMetricsUnregisterAll(module.Name().c_str());
     }
     ActionDbUnregisterAll(kAgentHandle);
     KelString text = kHead;

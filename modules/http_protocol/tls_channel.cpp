@@ -7,6 +7,8 @@
 #include <cstring>
 #include <ctime>
 
+#include "kelcore/metrics/transfer_counters.h"
+
 namespace kelhttp {
 namespace {
 
@@ -77,16 +79,18 @@ void TlsChannel::SendNextPiece(const User& user) {
     // When the file has become shorter, the connection is closed and the write below completes with an error.
     if (count <= 0) Close();
     const std::size_t length = count > 0 ? static_cast<std::size_t>(count) : 1;
-    boost::asio::async_write(stream_, boost::asio::buffer(piece_.data(), length),
-                             [this, user](const boost::system::error_code& error, std::size_t written) {
-                                 if (error) return user->OnWritten(false);
-                                 sent_ += written;
-                                 fileOffset_ += written;
-                                 fileLeft_ -= written;
-                                 if (fileLeft_ > 0) return SendNextPiece(user);
-                                 piece_ = {};
-                                 user->OnWritten(true);
-                             });
+    boost::asio::async_write(
+        stream_, boost::asio::buffer(piece_.data(), length),
+        [this, user](const boost::system::error_code& error, std::size_t written) {
+            if (error) return user->OnWritten(false);
+            sent_ += written;
+            fileOffset_ += written;
+            fileLeft_ -= written;
+            KelTransfers(KelDirection::Down, KelFlow::Out, KelTransport::Http).bytes.Add(written);
+            if (fileLeft_ > 0) return SendNextPiece(user);
+            piece_ = {};
+            user->OnWritten(true);
+        });
 }
 
 std::uint64_t TlsChannel::BytesTaken() {
