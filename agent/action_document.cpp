@@ -8,6 +8,7 @@
 #include "agent/password_keeper.h"
 #include "kel/directory.h"
 #include "kelcore/action_db.h"
+#include "kelcore/metrics/metrics.h"
 
 namespace {
 
@@ -79,6 +80,7 @@ KelResult<KelString> ActionsInMarkdown(const KelString& modulesDir) {
     for (LoadedModule& module : modules) {
         module.Run(KelModuleOperation::Unregister);
         ActionDbUnregisterAll(module.Name().c_str());
+        KelMetricsUnregisterAll(module.Name().c_str());
     }
     ActionDbUnregisterAll(kAgentHandle);
     KelString text = kHead;

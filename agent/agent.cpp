@@ -8,6 +8,7 @@
 #include <string_view>
 
 #include "agent/agent_actions.h"
+#include "agent/agent_metrics.h"
 #include "agent/agent_options.h"
 #include "agent/database_actions.h"
 #include "agent/heap.h"
@@ -19,6 +20,7 @@
 #include "kelcore/http/client.h"
 #include "kelcore/http/url.h"
 #include "kelcore/local_socket.h"
+#include "kelcore/metrics/metrics.h"
 #include "kelcore/stopping.h"
 #include "kelcore/version.h"
 
@@ -116,7 +118,9 @@ bool Agent::Start(const StopSignals& stop) {
     log_.Print("kelagent %s starting on %S\n", KelVersion(), config_.root);
     if (!LoadModules()) return false;
     RemoveBackupCopies(config_.root);
-    RegisterAgentActions({config_.root, std::time(nullptr), config_.modules}, passwords_);
+    const AgentFacts facts = {config_.root, std::time(nullptr), config_.modules};
+    RegisterAgentActions(facts, passwords_);
+    RegisterAgentMetrics(facts);
     return RegisterModules() && InitialiseModules(stop) && ActivateModules(stop);
 }
 
@@ -219,8 +223,10 @@ void Agent::Stop() {
         LoadedModule& module = modules_[registered_ - 1];
         module.Run(KelModuleOperation::Unregister);
         ActionDbUnregisterAll(module.Name().c_str());
+        KelMetricsUnregisterAll(module.Name().c_str());
     }
     ActionDbUnregisterAll(kAgentHandle);
+    KelMetricsUnregisterAll(kAgentHandle);
     HttpClientCloseIdleConnections();
 }
 

@@ -11,6 +11,7 @@
 #include "kelcore/action_db.h"
 #include "kelcore/audit.h"
 #include "kelcore/error_codes.h"
+#include "kelcore/metrics/metrics.h"
 #include "kelcore/version.h"
 
 namespace {
@@ -44,6 +45,12 @@ unsigned int GetStatus(const AgentFacts& facts, KelContainer* container) {
         values.SetString("Modules", facts.modules[i], i);
     container->Clear();
     container->SetContainer("Values", std::move(values));
+    return kKelOk;
+}
+
+unsigned int GetMetrics(KelContainer* container) {
+    container->Clear();
+    container->SetString("Text", KelMetricsCollect());
     return kKelOk;
 }
 
@@ -89,6 +96,12 @@ void RegisterAgentActions(AgentFacts facts, PasswordKeeper& passwords) {
          .callers = KelCallers::Operator},
         [facts = std::move(facts)](KelContainer* container) { return GetStatus(facts, container); },
         kAgentHandle);
+    ActionDbRegisterAction(
+        {.signature = "AgentGetMetrics",
+         .purpose = "Gives the numbers for a monitoring system; also the answer to GET /metrics.",
+         .outputs = "string Text (in the Prometheus text exposition format)",
+         .callers = KelCallers::Operator | KelCallers::Scraper},
+        GetMetrics, kAgentHandle);
     ActionDbRegisterAction(
         {.signature = "AgentGetAudit",
          .purpose = "Says who changed settings, windows, publications and devices of this device, and how.",

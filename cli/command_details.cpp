@@ -69,6 +69,10 @@ constexpr auto kDetails = std::to_array<std::pair<const char*, const char*>>({
     {"audit",
      "A change through the master is shown on the master with the device, and on the device with the "
      "master. One without a result is running, or the agent ended in the middle of it."},
+    {"metrics",
+     "For the textfile collector of node_exporter, --output writes FILE in its folder at once, so that a "
+     "half "
+     "of it is never read; all users may read it. Names of files and devices are not among the metrics."},
     {"completion",
      "For bash: kel completion bash > ~/.local/share/bash-completion/completions/kel. For zsh: put "
      "eval \"$(kel completion zsh)\" behind compinit in ~/.zshrc. The scripts ask the agent that the command "

@@ -36,6 +36,7 @@ int RunCommand(const CommonOptions& common, const WakeOptions& options);
 int RunCommand(const CommonOptions& common, const MulticastOptions& options);
 int RunCommand(const CommonOptions& common, const ParentOptions& options);
 int RunCommand(const CommonOptions& common, const AuditOptions& options);
+int RunCommand(const CommonOptions& common, const MetricsOptions& options);
 int RunCommand(const CommonOptions& common, const BackupOptions& options);
 int RunCommand(const CommonOptions& common, const RestoreOptions& options);
 int RunCommand(const CommonOptions& common, const DoctorOptions& options);

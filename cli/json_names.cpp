@@ -7,6 +7,7 @@
 #include <string_view>
 
 #include "kel/text.h"
+#include "kelcore/file_status_name.h"
 #include "kelcore/file_values.h"
 #include "kelcore/relative_name.h"
 
@@ -193,25 +194,16 @@ constexpr auto kNames = std::to_array<Name>({
     // transfers
     {"Transfers", "transfers"},
     {"Rate", "rate"},
+    // metrics
+    {"Metric", "metric"},
+    {"Labels", "labels"},
+    {"Number", "value"},
     // audit
     {"Operator", "operator"},
     {"Master", "master"},
     {"Action", "action"},
     {"Arguments", "arguments", Form::Values},
     {"Result", "result"},
-});
-
-constexpr std::string_view kStatusPrefix = "_AGTMOD_FILESTORESTATUS_";
-
-/// The statuses whose names are more than their lower-case letters.
-constexpr auto kStatuses = std::to_array<std::pair<std::string_view, std::string_view>>({
-    {"tobehandled", "to_be_handled"},
-    {"tobepacked", "to_be_packed"},
-    {"toberequested", "to_be_requested"},
-    {"tobeuploaded", "to_be_uploaded"},
-    {"multicastlistening", "multicast_listening"},
-    {"notrelayschild", "not_relays_child"},
-    {"packedfile", "packed"},
 });
 
 void Copy(const KelContainer& source, const KelString& from, std::uint32_t index, std::string_view to,
@@ -268,14 +260,4 @@ KelContainer ForJson(const KelContainer& item) {
         if (name != kNames.end()) Put(item, value, *name, result);
     }
     return result;
-}
-
-KelString FileStatusName(const KelString& status) {
-    if (!status.starts_with(kStatusPrefix) || !status.ends_with('_')) return status;
-    KelString name = status.substr(kStatusPrefix.size(), status.size() - kStatusPrefix.size() - 1);
-    for (char& c : name)
-        if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
-    for (const auto& [letters, written] : kStatuses)
-        if (name == letters) return KelString(written);
-    return name;
 }

@@ -9,6 +9,3 @@
 /// `item`, an entry of a list, with the names of the JSON output instead of those of the actions. Containers
 /// in it are translated as well; values that the table does not know are left out.
 KelContainer ForJson(const KelContainer& item);
-
-/// A file's status in JSON: "_AGTMOD_FILESTORESTATUS_TOBEUPLOADED_" gives "to_be_uploaded".
-KelString FileStatusName(const KelString& status);

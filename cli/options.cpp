@@ -58,6 +58,7 @@ struct Parsed {
     WindowsOptions windows;
     CallOptions call;
     AuditOptions audit;
+    MetricsOptions metrics;
     WhyOptions why;
     GroupsOptions groups;
     WakeOptions wake;
@@ -455,6 +456,14 @@ void DefineCall(CLI::App& app, Parsed& parsed) {
     });
 }
 
+void DefineMetrics(CLI::App& app, Parsed& parsed) {
+    auto* command =
+        app.add_subcommand("metrics", "Numbers for a monitoring system, in the format of Prometheus");
+    command->add_option("--output", parsed.metrics.output, "Write this file, in place of an older one")
+        ->type_name("FILE");
+    command->callback([&parsed] { parsed.chosen = parsed.metrics; });
+}
+
 void DefineAudit(CLI::App& app, Parsed& parsed) {
     auto* command = app.add_subcommand(
         "audit", "Who changed settings, windows, publications and devices, and how: on this device");
@@ -646,6 +655,7 @@ void Define(CLI::App& app, Parsed& parsed) {
     DefineParent(app, parsed);
     DefineCall(app, parsed);
     DefineAudit(app, parsed);
+    DefineMetrics(app, parsed);
     DefineCare(app, parsed);
     DefineKeys(app, parsed);
     DefinePassword(app, parsed);

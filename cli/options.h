@@ -182,6 +182,10 @@ struct CompletionOptions {
 
 struct ManualOptions {};
 
+struct MetricsOptions {
+    KelString output;  ///< a file to write instead of printing; empty: none
+};
+
 struct AuditOptions {
     std::optional<std::int64_t> since;  ///< seconds since the epoch
     int limit = 1000;
@@ -203,8 +207,8 @@ using CommandOptions =
                  CollectedOptions, RequestOptions, UploadOptions, FilesOptions, FileOptions, SettingsOptions,
                  WindowsOptions, InboxOptions, CallOptions, WhyOptions, GroupsOptions, WakeOptions,
                  MulticastOptions, WithdrawOptions, RemoveDeviceOptions, ResumeOptions, ParentOptions,
-                 AuditOptions, BackupOptions, RestoreOptions, DoctorOptions, InviteOptions, KeysOptions,
-                 PasswordOptions, TopOptions, CompletionOptions, ManualOptions>;
+                 AuditOptions, MetricsOptions, BackupOptions, RestoreOptions, DoctorOptions, InviteOptions,
+                 KeysOptions, PasswordOptions, TopOptions, CompletionOptions, ManualOptions>;
 
 struct Options {
     CommonOptions common;

@@ -12,6 +12,7 @@
 #include "cli/options.h"
 #include "cli/terminal.h"
 #include "kel/text.h"
+#include "kelcore/file_status_name.h"
 #include "kelcore/file_values.h"
 #include "kelcore/json.h"
 #include "kelcore/relative_name.h"

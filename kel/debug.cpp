@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -140,7 +141,13 @@ class FileContext : public KelDebugContext {
     std::atomic<bool> failing_ = false;  ///< reported; not again before a line gets through
 };
 
+std::array<std::atomic<std::uint64_t>, kLevelNames.size()> lineCounts;
+
 }  // namespace
+
+std::uint64_t KelDebugLineCount(KelDebugLevel level) {
+    return lineCounts[static_cast<std::size_t>(level)].load(std::memory_order_relaxed);
+}
 
 KelDebugLevel ParseDebugLevel(std::string_view name, KelDebugLevel fallback) {
     for (std::size_t i = 0; i < kLevelNames.size(); ++i)
@@ -171,6 +178,7 @@ bool KelDebug::IsOn(KelDebugLevel level) const {
 }
 
 void KelDebug::Write(KelDebugLevel level, const KelString& text) const {
+    lineCounts[static_cast<std::size_t>(level)].fetch_add(1, std::memory_order_relaxed);
     const KelString line = OneLine(text);
     if (KelDebugContext* context = context_.load(std::memory_order_acquire))
         context->Write(level, module_, line);

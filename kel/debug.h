@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <mutex>
 #include <string_view>
@@ -11,6 +12,9 @@
 #include "kel/types.h"
 
 enum class KelDebugLevel { Trace, Detail, Print, Warning, Error, None };
+
+/// How many lines of this level the logs of the process were given. Any thread.
+std::uint64_t KelDebugLineCount(KelDebugLevel level);
 
 /// The level named "trace", "detail", "print", "warning", "error" or "none" (any case), or `fallback`.
 KelDebugLevel ParseDebugLevel(std::string_view name, KelDebugLevel fallback);

@@ -16,6 +16,7 @@
 #include "kelcore/call_origin.h"
 #include "kelcore/error_codes.h"
 #include "kelcore/failure_log.h"
+#include "kelcore/metrics/metrics_page.h"
 
 namespace {
 
@@ -151,6 +152,12 @@ class CalledAction {
     std::shared_ptr<const Action> action_;
 };
 
+constexpr KelMetric kCalls(KelMetric::Kind::Counter, "kel_calls_total",
+                           "Calls of actions from outside, those included that were refused.");
+constexpr KelMetric kRefused(KelMetric::Kind::Counter, "kel_calls_refused_total",
+                             "Calls that were refused because the action is not for the caller.");
+KelCounter callsFromOutside, callsRefused;
+
 KelFailureLog& Refusals() {
     static KelFailureLog refusals(CoreLog());
     return refusals;
@@ -163,6 +170,7 @@ KelString CallerText(const KelCallOrigin& origin) {
 
 unsigned int Refuse(const KelActionDescription& description, const KelString& key, const KelString& name,
                     const KelCallOrigin& origin, KelContainer& container) {
+    callsRefused.Add();
     const KelCallers callers = description.callers | KelCallers::Local;
     const KelString caller = origin.master.empty() ? "a device at " + CallerText(origin)
                                                    : "an operator at the master " + origin.master;
@@ -179,6 +187,7 @@ unsigned int Refuse(const KelActionDescription& description, const KelString& ke
 
 unsigned int RunFor(const KelCallOrigin& origin, const Action& action, const KelString& name,
                     KelContainer& container) {
+    callsFromOutside.Add();
     const KelString caller = CallerText(origin);
     const KelString key = name + " " + caller;
     if (!Admits(action.description, origin.callers))
@@ -228,6 +237,11 @@ std::optional<bool> ActionDbChanges(const KelString& actionName) {
 
 KelVector<KelContainer> ActionDbListActions() {
     return Registry().Describe();
+}
+
+void ActionDbCollectMetrics(KelMetricsPage& page) {
+    page.Add(kCalls, {}, callsFromOutside);
+    page.Add(kRefused, {}, callsRefused);
 }
 
 unsigned int CallLocal(const KelString& actionName, KelContainer& container) {

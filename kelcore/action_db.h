@@ -10,6 +10,8 @@
 #include "kelcore/action_description.h"
 #include "kelcore/call_origin.h"
 
+class KelMetricsPage;
+
 /// Handles one action call: reads its arguments from the container and leaves its results in it. 0 is
 /// success. Runs on the caller's thread (local call) or on a worker of the HTTP server (call from another
 /// device), concurrently with itself.
@@ -61,6 +63,9 @@ std::optional<bool> ActionDbChanges(const KelString& actionName);
 /// The descriptions of all actions, sorted by name: for each a container as DescribeAction makes it, with the
 /// text Module.
 KelVector<KelContainer> ActionDbListActions();
+
+/// Adds how many calls were made from outside, and refused.
+void ActionDbCollectMetrics(KelMetricsPage& page);
 
 /// Calls an action. `container` carries the arguments in and the results out.
 ///

@@ -40,13 +40,14 @@ bool Admits(const KelActionDescription& description, KelCallers caller) {
 }
 
 KelString CallersText(KelCallers callers) {
-    static constexpr std::array<std::pair<KelCallers, const char*>, 6> kNames = {
+    static constexpr std::array<std::pair<KelCallers, const char*>, 7> kNames = {
         {{KelCallers::Local, "local"},
          {KelCallers::Parent, "parent"},
          {KelCallers::Child, "child"},
          {KelCallers::Operator, "operator"},
          {KelCallers::Observer, "observer"},
-         {KelCallers::Stranger, "stranger"}}};
+         {KelCallers::Stranger, "stranger"},
+         {KelCallers::Scraper, "scraper"}}};
     KelString text;
     for (const auto& [one, name] : kNames)
         if (Includes(callers, one)) text += (text.empty() ? KelString() : KelString(", ")) + name;

@@ -15,6 +15,7 @@ enum class KelCallers : unsigned char {
     Operator = 8,   ///< the operator of the tree, from the master
     Observer = 16,  ///< only of a caller: may call what an operator may, unless it changes anything
     Stranger = 32,  ///< in a tree with keys, a device that does not belong to it (yet)
+    Scraper = 64,   ///< who connects to the port of the metrics, where there is one; proves nothing
 };
 
 constexpr KelCallers operator|(KelCallers one, KelCallers other) {

@@ -77,8 +77,9 @@ KelCallOrigin JudgePeer(const KelPeer& peer, KelCallers wanted) {
     if (peer.proof == KelPeer::Proof::Socket) return {};
     KelCallOrigin origin;
     origin.address = peer.address.ToText();
-    if (peer.proof == KelPeer::Proof::None) {
-        origin.callers = KelCallers::Stranger;
+    if (peer.proof == KelPeer::Proof::None || peer.proof == KelPeer::Proof::MetricsPort) {
+        const bool isStranger = peer.proof == KelPeer::Proof::None;
+        origin.callers = isStranger ? KelCallers::Stranger : KelCallers::Scraper;
         return origin;
     }
     origin.deviceGuid = peer.deviceGuid;

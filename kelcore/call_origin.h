@@ -15,6 +15,7 @@ struct KelPeer {
         Password,     ///< that of a plain tree; only its address tells it from other members
         Certificate,  ///< of the tree, which names the device; its address proves nothing
         Socket,       ///< the agent's own socket: the agent's user or root
+        MetricsPort,  ///< nothing but that it reaches this port
     };
     Proof proof = Proof::None;
     IpAddress address = {};  ///< except with Socket

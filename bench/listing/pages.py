@@ -22,16 +22,20 @@ from tree import Tree  # noqa: E402
 ROUNDS = 5
 
 
-def fill(agent, rows):
+def fill(agent, rows, waiting=0):
+    """Available files; the last `waiting` of them are to be requested."""
     database = next(agent.data.glob("FileStore/FileStore.sqlite"))
     with sqlite3.connect(database) as connection:
         connection.execute("PRAGMA synchronous=OFF")
+        connection.execute("PRAGMA cache_size=-400000")
         connection.execute("DELETE FROM Files")
         connection.executemany(
             "INSERT INTO Files (FileId, FileType, FileLabel, FileName, FileChecksum, FileSize, FileStatus, KeepCopy, "
             "Acknowledged, CreateTime) VALUES (?, ?, ?, ?, ?, 4096, '_AGTMOD_FILESTORESTATUS_AVAILABLE_', 7, 1, ?)",
             ((number, f"Type{number % 7}", f"label{number % 1000}", f"file number {number}.bin", f"{number:032x}",
               int(time.time())) for number in range(1, rows + 1)))
+        connection.execute("UPDATE Files SET FileStatus = '_AGTMOD_FILESTORESTATUS_TOBEREQUESTED_' WHERE FileId > ?",
+                           (rows - waiting,))
 
 
 def memory_mib(agent):

@@ -77,7 +77,15 @@ constexpr char kListedAfter[] =
     " AND (FileType, FileLabel, FileName, FileChecksum, FileId) > (SELECT FileType, FileLabel, FileName, "
     "FileChecksum, FileId FROM Files WHERE FileId = %lu)";
 constexpr char kCounted[] =
-    "SELECT FileStatus, COUNT (*) FROM Files WHERE FileStatus != '%s' GROUP BY FileStatus";
+    "SELECT FileStatus, Files, Bytes, Unacknowledged FROM FileCounts WHERE Files > 0 ORDER BY FileStatus";
+// The first row of the status, which the index on the status knows by its number: rows are numbered in the
+// order in which they come.
+constexpr char kFirstInStatus[] =
+    "SELECT CreateTime FROM Files WHERE FileId = (SELECT MIN(FileId) FROM Files INDEXED BY FilesStatus WHERE "
+    "FileStatus = '%S')";
+constexpr char kFirstUnacknowledged[] =
+    "SELECT CreateTime FROM Files INDEXED BY WorkAcknowledge WHERE FileStatus = '%s' AND Upstream = 0 AND "
+    "Acknowledged = 0 AND LastStatusChangeTime >= 0 ORDER BY LastStatusChangeTime LIMIT 1";
 
 std::shared_ptr<const DBResult> Query(Side side, const KelString& statement) {
     return FileStoreGetDatabase(side).connection.Query(statement);
@@ -337,12 +345,35 @@ KelVector<ListedFile> SelectListedFiles(Side side, const ListOrder& order, const
     return files;
 }
 
-KelVector<StatusCount> CountListedFiles(Side side) {
-    const auto result = Query(side, KelFormat(kCounted, kStatusObsolete));
+KelVector<StatusCount> CountFiles(Side side) {
+    const auto result = Query(side, kCounted);
     KelVector<StatusCount> counts(result ? result->GetRowCount() : 0);
-    for (std::size_t i = 0; i < counts.size(); ++i)
-        counts[i] = {result->GetString(i, std::size_t{0}), result->GetInt64(i, std::size_t{1})};
+    for (std::size_t i = 0; i < counts.size(); ++i) {
+        RowReader row(*result, i);
+        counts[i].status = row.Text();
+        counts[i].count = row.Number();
+        counts[i].bytes = row.Number();
+        counts[i].unacknowledged = row.Number();
+    }
     return counts;
+}
+
+KelVector<StatusCount> CountListedFiles(Side side) {
+    KelVector<StatusCount> counts = CountFiles(side);
+    std::erase_if(counts, [](const StatusCount& counted) { return counted.status == kStatusObsolete; });
+    return counts;
+}
+
+static std::int64_t FirstNumber(const std::shared_ptr<const DBResult>& result) {
+    return result && result->GetRowCount() != 0 ? result->GetInt64(0, std::size_t{0}) : 0;
+}
+
+std::int64_t FirstTimeInStatus(Side side, const KelString& status) {
+    return FirstNumber(Query(side, KelFormat(kFirstInStatus, status)));
+}
+
+std::int64_t FirstTimeUnacknowledged() {
+    return FirstNumber(Query(Side::Downstream, KelFormat(kFirstUnacknowledged, kStatusAvailable)));
 }
 
 }  // namespace filestore

@@ -119,11 +119,22 @@ std::optional<ListOrder> MakeListOrder(const KelString& column, const KelString&
 /// ranges of an unchanged table fit together.
 KelVector<ListedFile> SelectListedFiles(Side side, const ListOrder& order, const ListRange& range);
 
-/// The number of files in each status, but for the obsolete ones.
+/// The files in one status. The database keeps these numbers: to read them costs the same however many files
+/// there are.
 struct StatusCount {
     KelString status;
     std::int64_t count = 0;
+    std::int64_t bytes = 0;           ///< as the rows say; not all of it has to be here
+    std::int64_t unacknowledged = 0;  ///< files from above that are not yet acknowledged there
 };
+/// Without statuses in which there is no file.
+KelVector<StatusCount> CountFiles(Side side);
+/// The same without the obsolete ones.
 KelVector<StatusCount> CountListedFiles(Side side);
+
+/// When the first of the files in a status was recorded, in seconds since the epoch; 0: there is none.
+std::int64_t FirstTimeInStatus(Side side, const KelString& status);
+/// The same of the available files that wait to be acknowledged.
+std::int64_t FirstTimeUnacknowledged();
 
 }  // namespace filestore

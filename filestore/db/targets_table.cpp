@@ -58,7 +58,8 @@ constexpr char kOfUrl[] =
 constexpr char kOfKey[] =
     "SELECT 1 FROM Files JOIN Targets ON Targets.FileId = Files.FileId WHERE FileType = '%Q' AND FileLabel = "
     "'%Q' AND FileName = '%Q' AND FileChecksum = '%Q' AND DeviceGUID LIKE '%/%Q%' LIMIT 1";
-constexpr char kCount[] = "SELECT COUNT(*) FROM Targets";
+constexpr char kCount[] = "SELECT Targets FROM TargetCount";
+constexpr char kOldestOfAll[] = "SELECT MIN(TargetCreateTime) FROM Targets";
 // Times up to 9 put a target behind those that were never announced; see kDueSinceRequest.
 constexpr char kNotifiable[] =
     "SELECT Files.FileId, FileType, FileLabel, FileName, FileChecksum, FileStatus, FileSize, Priority, SUM "
@@ -250,6 +251,11 @@ KelVector<NotifiableFile> SelectNotifiableFiles(std::int64_t now, const ListRang
 
 std::int64_t CountTargets() {
     const auto result = Database().connection.Query(kCount);
+    return result && result->GetRowCount() != 0 ? result->GetInt64(0, std::size_t{0}) : 0;
+}
+
+std::int64_t OldestTargetTime() {
+    const auto result = Database().connection.Query(kOldestOfAll);
     return result && result->GetRowCount() != 0 ? result->GetInt64(0, std::size_t{0}) : 0;
 }
 

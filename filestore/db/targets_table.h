@@ -100,8 +100,11 @@ struct NotifiableFile {
 /// Those whose oldest target waits longest come first. Reads the table as a whole.
 KelVector<NotifiableFile> SelectNotifiableFiles(std::int64_t now, const ListRange& range);
 
-/// The number of all targets; 0 also when the statement failed. Reads an index as a whole.
+/// The number of all targets; 0 also when the statement failed.
 std::int64_t CountTargets();
+
+/// When the oldest of all targets was recorded; 0 when there is none or the statement failed.
+std::int64_t OldestTargetTime();
 
 /// The latest LastNotifyTime of the rows with this DeviceGUID, 0 when there are none. Nothing when the
 /// statement failed.

@@ -10,6 +10,7 @@
 #include "kel/file.h"
 #include "kel/format.h"
 #include "kelcore/http/client.h"
+#include "kelcore/metrics/transfer_counters.h"
 
 namespace filestore {
 
@@ -93,6 +94,7 @@ bool RestartDownloadLater(const FileStoreEntry& file) {
 
 bool FinishDownload(const FileStoreEntry& file) {
     Reasons().MovedOn(Side::Downstream, file.FileId);
+    KelTransfers(KelDirection::Down, KelFlow::In, KelTransport::Http).files.Add();
     FileStore::failures.Succeeded(FailureKey(file),
                                   KelFormat("PullThread: %S was downloaded", file.Key().Text()));
     return SetDownloaded(file.FileId, static_cast<std::uint64_t>(FileGetSize64(file.FilePath)));

@@ -9,6 +9,7 @@
 #include "filestore/state/store_layout.h"
 #include "kelcore/agent.h"
 #include "kelcore/http/managed_transmission.h"
+#include "kelcore/metrics/transfer_counters.h"
 #include "kelcore/multicast/sender.h"
 #include "kelcore/security.h"
 
@@ -69,6 +70,7 @@ bool FileStoreMulticastThread::Send(FileStoreEntry& file) {
         unclosed_.reset();
         return true;
     }
+    KelTransfers(KelDirection::Down, KelFlow::Out, KelTransport::Multicast).files.Add();
     return Close(file);
 }
 

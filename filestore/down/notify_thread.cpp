@@ -20,6 +20,7 @@
 #include "kelcore/action_db.h"
 #include "kelcore/callback_db.h"
 #include "kelcore/error_codes.h"
+#include "kelcore/metrics/transfer_counters.h"
 
 using namespace filestore;
 
@@ -65,6 +66,8 @@ void NotifyLocal(const FileTarget& row, AnnouncementOutcome& outcome) {
     KelContainer values = announcement.ToContainer();
     KelContainer results;
     CallbackDbTrigger("FileStoreCallbackReceivedFile", values, results);
+    KelTransfers(KelDirection::Down, KelFlow::Out, KelTransport::Local)
+        .AddFile(static_cast<std::uint64_t>(row.file.FileSize));
     outcome.delivered.Add(row.target.TargetId);
 }
 

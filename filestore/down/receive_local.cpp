@@ -11,6 +11,7 @@
 #include "kel/file.h"
 #include "kelcore/error_codes.h"
 #include "kelcore/file_values.h"
+#include "kelcore/metrics/transfer_counters.h"
 
 namespace filestore {
 
@@ -174,6 +175,8 @@ unsigned int ReceiveDownstreamLocal(KelContainer& arguments, Offer& offer) {
 
     WaitingReason why;
     if (!TakeIn(source, offered, offer.wakeOnLan, devicePath, why)) return AnswerNotTaken(arguments, why);
+    KelTransfers(KelDirection::Down, KelFlow::In, KelTransport::Local)
+        .AddFile(static_cast<std::uint64_t>(offered.FileSize));
     RemoveMovedSource(source, FileStore::StorePath(Side::Downstream, offer.key));
     FileStore::WakeWorker(Worker::Notify);
     return kKelOk;

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <array>
 #include <ctime>
+#include <string_view>
+#include <utility>
 
 #include "filestore/db/file_status.h"
 #include "filestore/state/file_store.h"
@@ -132,6 +134,63 @@ std::optional<WaitingReason> ReasonOfFile(const FileStoreEntry& file, Side side,
     if (next->needs != Needs::Nothing)
         reason.nextTry = NextTryOf(file.LastStatusChangeTime, TimeoutOf(next->step), at.now);
     return reason;
+}
+
+/// Distributes the files of one status over the reasons.
+class StatusReasons {
+  public:
+    StatusReasons(WaitingCount status, KelVector<WaitingCount>& result)
+        : status_(std::move(status)), left_(status_.files), result_(result) {}
+
+    void Add(Waiting code, std::int64_t files) {
+        files = std::min(files, left_);
+        if (files <= 0) return;
+        left_ -= files;
+        result_.push_back({status_.status, code, files, status_.since});
+    }
+    void AddRest(Waiting code) { Add(code, left_); }
+
+  private:
+    const WaitingCount status_;
+    std::int64_t left_;
+    KelVector<WaitingCount>& result_;
+};
+
+static void CountStatus(const NextStep& next, Side side, const WaitingReasons::Counts& noted,
+                        const Circumstances& at, StatusReasons reasons) {
+    const std::string_view status = next.status;
+    const bool isTransferred = status == kStatusDownloading || status == kStatusUploading;
+    if (isTransferred) reasons.Add(Waiting::Transferring, Reasons().CountTransfers(side));
+    if (next.needs != Needs::Nothing && at.toParent) return reasons.AddRest(Waiting::WindowClosed);
+    if (next.needs == Needs::Parent && !at.parent.IsKnown()) return reasons.AddRest(Waiting::ParentUnknown);
+    // No step notes anything for the others.
+    const bool isTried = next.atFirst == Waiting::NotTried || next.atFirst == Waiting::Announced;
+    for (const auto& [key, files] : noted)
+        if (isTried && status != kStatusMissing && key.first == next.step) reasons.Add(key.second, files);
+    reasons.AddRest(next.atFirst);
+}
+
+KelVector<WaitingCount> CountWaiting(Side side, const KelVector<StatusCount>& counts,
+                                     const Circumstances& at) {
+    KelVector<WaitingCount> result;
+    const WaitingReasons::Counts noted = Reasons().CountFiles(side);
+    for (const StatusCount& counted : counts) {
+        const auto* next = std::ranges::find_if(
+            kSteps, [&counted](const NextStep& known) { return counted.status == known.status; });
+        if (next != kSteps.end())
+            CountStatus(*next, side, noted, at,
+                        {{.status = counted.status,
+                          .files = counted.count,
+                          .since = FirstTimeInStatus(side, counted.status)},
+                         result});
+        else if (side == Side::Downstream && counted.status == kStatusAvailable)
+            CountStatus(kAcknowledging, side, noted, at,
+                        {{.status = counted.status,
+                          .files = counted.unacknowledged,
+                          .since = FirstTimeUnacknowledged()},
+                         result});
+    }
+    return result;
 }
 
 /// What keeps the file of a target from being sent to a group, while files are sent to groups.

@@ -62,9 +62,9 @@ std::optional<ListRange> ReadRange(const KelContainer& arguments) {
 void WriteCounts(Side side, bool byStatus, KelContainer& results) {
     std::int64_t total = 0;
     KelContainer counts;
-    for (const auto& [status, count] : CountListedFiles(side)) {
-        total += count;
-        counts.SetInt64(status, count);
+    for (const StatusCount& counted : CountListedFiles(side)) {
+        total += counted.count;
+        counts.SetInt64(counted.status, counted.count);
     }
     results.SetInt64("TotalCount", total);
     if (byStatus) results.SetContainer("Counts", std::move(counts));

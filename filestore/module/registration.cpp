@@ -2,6 +2,7 @@
 
 #include "filestore/module/action_gate.h"
 #include "filestore/module/action_table.h"
+#include "filestore/module/metrics.h"
 #include "filestore/state/file_store.h"
 #include "kel/container.h"
 #include "kel/format.h"
@@ -9,6 +10,7 @@
 #include "kelcore/agent.h"
 #include "kelcore/callback_db.h"
 #include "kelcore/error_codes.h"
+#include "kelcore/metrics/metrics.h"
 #include "kelcore/module.h"
 
 namespace {
@@ -50,6 +52,7 @@ unsigned int FileStore::ModuleRegister(const char* handle) {
                 return CallThroughGate(handler, arguments);
             },
             handle);
+    KelMetricsRegister(handle, &FileStoreCollectMetrics);
     for (const Subscription& subscription : kSubscriptions)
         CallbackDbRegisterAction(subscription.event, subscription.signature, "", 0);
     return kModuleSuccess;

@@ -152,6 +152,13 @@ bool FileStoreBandwidthManager::TransfersAreDisabled() {
     return BandwidthIsLimited() && GetRate(frameSize) == 0;
 }
 
+std::optional<FileStoreBandwidthManager::Allowance> FileStoreBandwidthManager::GetAllowance() const {
+    if (!fWindowDefined) return std::nullopt;
+    const auto value = static_cast<double>(ulSlotValue[WeekHour(std::time(nullptr), fUseUTCTime)].load());
+    if (fAbsoluteRate) return Allowance{.bitsPerSecond = value * 1000};
+    return Allowance{.isShare = true, .share = value / (fPercentage ? 100 : 1000)};
+}
+
 std::optional<FileStoreBandwidthManager::ClosedSpan> FileStoreBandwidthManager::GetClosedSpan(
     std::int64_t now) const {
     const auto isClosed = [this](std::int64_t time) { return ulSlotRate[WeekHour(time, fUseUTCTime)] == 0; };

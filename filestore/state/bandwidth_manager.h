@@ -55,6 +55,15 @@ class FileStoreBandwidthManager : public HttpBandwidthManager {
     /// True when a window is in force whose rate is 0 now: only bypass files may move.
     bool TransfersAreDisabled();
 
+    /// What the window allows now: a rate in bit/s, or a part of the bandwidth to the parent, 0 to 1.
+    struct Allowance {
+        double bitsPerSecond = 0;
+        bool isShare = false;  ///< then `share` counts
+        double share = 0;
+    };
+    /// Nothing without a window.
+    std::optional<Allowance> GetAllowance() const;
+
     /// The closed hours around `now`; 0: the window is closed all week.
     struct ClosedSpan {
         std::int64_t since = 0;  ///< seconds since the epoch, as is the next

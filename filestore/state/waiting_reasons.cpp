@@ -12,6 +12,7 @@
 #include "kelcore/http/client.h"
 #include "kelcore/http/message.h"
 #include "kelcore/http/url.h"
+#include "kelcore/metrics/metrics_page.h"
 
 namespace filestore {
 
@@ -48,6 +49,19 @@ constexpr std::array kNames = {"not_tried",
                                "arrived"};
 static_assert(kNames.size() == static_cast<std::size_t>(Waiting::Arrived) + 1);
 
+constexpr std::array kStepNames = {"download", "acknowledge", "request", "handle",
+                                   "send",     "upload",      "announce"};
+static_assert(kStepNames.size() == static_cast<std::size_t>(WaitingStep::Announce) + 1);
+
+/// The reasons that are failures; with the others, a step has done its part or waits its turn.
+constexpr std::array kFailures = {Waiting::PeerUnreachable, Waiting::PeerRefused,    Waiting::CutOff,
+                                  Waiting::ChecksumWrong,   Waiting::DiskFull,       Waiting::LocalFailure,
+                                  Waiting::ParentUnknown,   Waiting::ParentLacksFile};
+
+constexpr KelMetric kFailed(KelMetric::Kind::Counter, "kel_store_failures_total",
+                            "Steps of files that have failed, by step and reason; each is tried again.");
+std::array<std::array<KelCounter, kNames.size()>, kStepNames.size()> failures;
+
 KelString DiskFullText(const WaitingReason& reason) {
     if (reason.whole == 0) return KelFormat("the disk is full; %gu bytes are free", reason.bytes);
     return KelFormat("the disk is full; %gu bytes are needed, %gu are free", reason.whole, reason.bytes);
@@ -79,6 +93,10 @@ WaitingReason Make(Waiting code, KelString peer, KelString detail = {}) {
 }
 
 }  // namespace
+
+const char* NameOf(Waiting code) {
+    return kNames[static_cast<std::size_t>(code)];
+}
 
 KelString WaitingReason::Text() const {
     switch (code) {
@@ -137,7 +155,7 @@ KelString WaitingReason::Text() const {
 }
 
 void WaitingReason::Write(KelContainer& values) const {
-    values.SetString("Code", kNames[static_cast<std::size_t>(code)]);
+    values.SetString("Code", NameOf(code));
     values.SetString("Message", Text());
     if (!peer.empty()) values.SetString("Peer", peer);
     if (bytes != 0 || whole != 0) values.SetInt64("Bytes", static_cast<std::int64_t>(bytes));
@@ -183,6 +201,7 @@ void WaitingReasons::DropOld(std::int64_t now) {
 }
 
 void WaitingReasons::Put(Key key, WaitingStep step, WaitingReason reason) {
+    failures[static_cast<std::size_t>(step)][static_cast<std::size_t>(reason.code)].Add();
     const std::int64_t now = std::time(nullptr);
     const KelLock lock(mutex_);
     const auto known = entries_.find(key);
@@ -265,6 +284,35 @@ WaitingReasons::SpaceShortage WaitingReasons::GetSpaceShortage() const {
         shortage.needed = std::max(shortage.needed, entry.reason.whole);
     }
     return shortage;
+}
+
+WaitingReasons::Counts WaitingReasons::CountFiles(Side side) const {
+    Counts counts;
+    const KelLock lock(mutex_);
+    for (const auto& [key, entry] : entries_)
+        if (std::get<0>(key) == side && std::get<1>(key) != 0) ++counts[{entry.step, entry.reason.code}];
+    return counts;
+}
+
+WaitingReasons::Counts WaitingReasons::CountDevices() const {
+    Counts counts;
+    const KelLock lock(mutex_);
+    for (const auto& [key, entry] : entries_)
+        if (std::get<1>(key) == 0) ++counts[{entry.step, entry.reason.code}];
+    return counts;
+}
+
+std::int64_t WaitingReasons::CountTransfers(Side side) const {
+    const KelLock lock(mutex_);
+    return std::ranges::count_if(transfers_,
+                                 [side](const auto& transfer) { return transfer.second.side == side; });
+}
+
+void WaitingReasons::CollectFailures(KelMetricsPage& page) {
+    for (std::size_t step = 0; step < kStepNames.size(); ++step)
+        for (const Waiting code : kFailures)
+            page.Add(kFailed, {{"step", kStepNames[step]}, {"reason", NameOf(code)}},
+                     failures[step][static_cast<std::size_t>(code)]);
 }
 
 void WaitingReasons::Clear() {

@@ -14,11 +14,14 @@
 #include "kel/mutex.h"
 #include "kel/types.h"
 
+class KelMetricsPage;
+
 /// Why files wait. The steps note what stopped them; nothing of it is written to the disk, because a restart
 /// tries everything again. What has not been noted is derived from the rows: see exchange/reason_of_file.h.
 namespace filestore {
 
-/// What keeps a file from moving on. Each has a name on the wire and a sentence (waiting_reasons.cpp).
+/// What keeps a file from moving on. Each has a name on the wire, which is a label of metrics, too, and a
+/// sentence (waiting_reasons.cpp).
 enum class Waiting : unsigned char {
     NotTried,                 ///< its turn has not come
     Announced,                ///< announced to this device, not yet downloaded
@@ -48,6 +51,9 @@ enum class Waiting : unsigned char {
     NotAsked,      ///< detail
     Arrived,       ///< it does not wait in the file store any longer
 };
+
+/// Its name on the wire.
+const char* NameOf(Waiting code);
 
 /// The step that a file waits for. A reason counts only while the row is in a status that this step serves.
 enum class WaitingStep : unsigned char { Download, Acknowledge, Request, Handle, Send, Upload, Announce };
@@ -114,6 +120,16 @@ class WaitingReasons {
         std::uint64_t needed = 0;  ///< by the largest of them
     };
     SpaceShortage GetSpaceShortage() const;
+
+    /// How many reasons have been noted for the files of each step, and for devices (Announce).
+    using Counts = std::map<std::pair<WaitingStep, Waiting>, std::int64_t>;
+    Counts CountFiles(Side side) const;
+    Counts CountDevices() const;
+    /// The transfers in progress.
+    std::int64_t CountTransfers(Side side) const;
+
+    /// Adds how often steps have failed since the process was started, by step and reason.
+    static void CollectFailures(KelMetricsPage& page);
 
     void Clear();
 

@@ -8,9 +8,14 @@
 
 FileThreadBase::FileThreadBase(const char* section, const char* key, int defaultSeconds)
     : KelPeriodicThread(
-          FileStore::debugFileStore, Begin::WithPause, [this] { return DoWork(); },
+          FileStore::debugFileStore, Begin::WithPause, [this] { return Step(); },
           [this](bool) { return NextWait(); }),
       wait_(IniSetting::Number(section, key, defaultSeconds)) {}
+
+bool FileThreadBase::Step() {
+    const KelStopwatch watch(steps_);
+    return DoWork();
+}
 
 void FileThreadBase::WakeUp(unsigned long value) {
     if (IsThreadRunning() && !CheckCancelled(false)) Signal(value);

@@ -7,6 +7,7 @@
 #include "kel/periodic_thread.h"
 #include "kel/types.h"
 #include "kelcore/ini_settings.h"
+#include "kelcore/metrics/metric.h"
 
 /// The loop of every worker thread: wait as long as the ini file says, do one unit of work, repeat. The
 /// setting is read anew before every wait; 0 ends the thread, which a restart of the module starts again.
@@ -20,6 +21,9 @@ class FileThreadBase : public KelPeriodicThread {
     /// the log.
     void WakeUp(unsigned long value = 0);
 
+    /// The units of work done by now. From any thread.
+    const KelDurations& Steps() const { return steps_; }
+
   protected:
     void ThreadMain() override;
 
@@ -32,6 +36,9 @@ class FileThreadBase : public KelPeriodicThread {
   private:
     std::optional<std::uint64_t> NextWait();
 
+    bool Step();
+
     const IniSetting wait_;
+    KelDurations steps_;
     std::optional<std::chrono::seconds> longestWait_;  ///< of the next wait only
 };

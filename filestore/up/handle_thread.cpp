@@ -19,6 +19,7 @@
 #include "kelcore/callback_db.h"
 #include "kelcore/error_codes.h"
 #include "kelcore/file_values.h"
+#include "kelcore/metrics/transfer_counters.h"
 #include "kelcore/shared_content.h"
 
 using namespace filestore;
@@ -179,6 +180,9 @@ void FileStoreHandleThread::HandOver(const FileStoreEntry& entry, bool isLocal, 
     Reasons().MovedOn(side, entry.FileId);
     answers.taken.push_back(entry.FileId);
     if (FileStore::CheckHandlerResult(results, kKelAnswerStaysHere) || side == Side::Downstream) {
+        const auto direction = side == Side::Upstream ? KelDirection::Up : KelDirection::Down;
+        KelTransfers(direction, KelFlow::Out, KelTransport::Local)
+            .AddFile(static_cast<std::uint64_t>(entry.FileSize));
         answers.available.Add(entry.FileId);
     } else {
         answers.upload.Add(entry.FileId);

@@ -23,6 +23,7 @@
 #include "kelcore/call_origin.h"
 #include "kelcore/error_codes.h"
 #include "kelcore/file_values.h"
+#include "kelcore/metrics/transfer_counters.h"
 
 namespace filestore {
 
@@ -161,6 +162,8 @@ unsigned int ReceiveUpstreamLocal(KelContainer& arguments, Offer& offer) {
     KelString path;
     WaitingReason why;
     if (!PlaceAndRecord(source, entry, path, why)) return AnswerNotTaken(arguments, why);
+    KelTransfers(KelDirection::Up, KelFlow::In, KelTransport::Local)
+        .AddFile(static_cast<std::uint64_t>(std::max<std::int64_t>(entry.FileSize, 0)));
     RemoveMovedSource(source, path);
     FileStore::WakeWorker(Worker::Handler);
     return kKelOk;

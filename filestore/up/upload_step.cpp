@@ -17,6 +17,7 @@
 #include "kel/text.h"
 #include "kelcore/action_db.h"
 #include "kelcore/error_codes.h"
+#include "kelcore/metrics/transfer_counters.h"
 
 using namespace filestore;
 
@@ -161,6 +162,7 @@ FileStorePushThread::Upload FileStorePushThread::UploadRow(const FileStoreEntry&
     const KelString failure = KelFormat("upload %lu", entry.FileId);
     if (result == kHttpCompleted && answer.GetStatus() / 100 == 2) {
         Reasons().MovedOn(Side::Upstream, entry.FileId);
+        KelTransfers(KelDirection::Up, KelFlow::Out, KelTransport::Http).files.Add();
         FileStore::failures.Succeeded(failure, KelFormat("PushThread: %S was uploaded", entry.Key().Text()));
         return Upload::Stored;
     }

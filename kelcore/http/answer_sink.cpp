@@ -10,6 +10,7 @@
 #include "kel/path.h"
 #include "kel/text.h"
 #include "kelcore/http/client.h"
+#include "kelcore/metrics/transfer_counters.h"
 
 namespace {
 
@@ -139,6 +140,8 @@ bool HttpAnswerSink::Append(std::string_view data) {
         if (written < 0 && errno == EINTR) continue;
         if (written <= 0) return FailLocal("write");
         offset_ += static_cast<std::uint64_t>(written);
+        KelTransfers(KelDirection::Down, KelFlow::In, KelTransport::Http)
+            .bytes.Add(static_cast<std::uint64_t>(written));
         data.remove_prefix(static_cast<std::size_t>(written));
     }
     return true;

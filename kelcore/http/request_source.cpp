@@ -9,6 +9,8 @@
 #include <cstring>
 #include <string>
 
+#include "kelcore/metrics/transfer_counters.h"
+
 HttpRequestSource::HttpRequestSource(const HttpMessage& request) : request_(request) {
     const auto* file = dynamic_cast<const HttpFileMessage*>(&request);
     if (file == nullptr) return;
@@ -61,6 +63,8 @@ std::optional<std::size_t> HttpRequestSource::Read(std::span<char> buffer) {
     }
     offset_ += static_cast<std::uint64_t>(got);
     if (progress_ != nullptr) *progress_ = offset_;
+    KelTransfers(KelDirection::Up, KelFlow::Out, KelTransport::Http)
+        .bytes.Add(static_cast<std::uint64_t>(got));
     return static_cast<std::size_t>(got);
 }
 

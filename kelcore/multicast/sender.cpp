@@ -12,6 +12,7 @@
 
 #include "kel/unique_fd.h"
 #include "kelcore/agent.h"
+#include "kelcore/metrics/transfer_counters.h"
 
 namespace {
 
@@ -79,11 +80,20 @@ class MulticastSender::Pass {
         if (!pace_(bytes)) return false;
         for (HttpEndpoint& endpoint : sender_.endpoints_)
             if (!endpoint.SendMessages(messages_)) return LogFailure("send");
+        CountSent();
         messages_.clear();
         return true;
     }
 
   private:
+    void CountSent() const {
+        std::size_t content = 0;
+        for (const HttpWireMessage& message : messages_)
+            content += message.body.size();
+        KelTransfers(KelDirection::Down, KelFlow::Out, KelTransport::Multicast)
+            .bytes.Add(content * sender_.endpoints_.size());
+    }
+
     /// How many blocks make a burst, and the room for them.
     void Measure() {
         if (fileSize_ == 0) return;

@@ -9,6 +9,8 @@
 #include "kelcore/callback_db.h"
 #include "kelcore/error_codes.h"
 #include "kelcore/file_values.h"
+#include "kelcore/metrics/metrics.h"
+#include "modules/console/console_metrics.h"
 
 namespace {
 
@@ -229,6 +231,7 @@ void Console::Register(const char* handle) {
            .callers = KelCallers::Local}}});
     groupActions_.Register(handle);
     stages_.Register(handle);
+    KelMetricsRegister(handle, [this](KelMetricsPage& page) { CollectConsoleMetrics(database_, page); });
     CallbackDbRegisterAction(kUpstreamEvent, kReceiveSignature, {}, 0);
 }
 

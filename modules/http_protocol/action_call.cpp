@@ -7,6 +7,7 @@
 #include "kelcore/action_db.h"
 #include "kelcore/error_codes.h"
 #include "kelcore/json.h"
+#include "kelcore/metrics/metrics_page.h"
 
 namespace kelhttp {
 namespace {
@@ -26,9 +27,15 @@ KelString MediaType(std::string_view field) {
     return Trim(field.substr(0, field.find(';')));
 }
 
+ActionAnswer MetricsAnswer(unsigned int result, const KelContainer& container) {
+    if (result != kKelOk) return {403, result, "text/plain", container.GetString("Message") + "\n"};
+    return {200, result, KelMetricsPage::kMediaType, container.GetString("Text")};
+}
+
 ActionAnswer Run(const ActionCall& call) {
     KelContainer container;
-    const KelStatus parsed = call.bodyFormat == BodyFormat::Json
+    const KelStatus parsed = call.body.empty() && call.answerFormat == BodyFormat::Metrics ? KelStatus()
+                             : call.bodyFormat == BodyFormat::Json
                                  ? ContainerFromJson(call.body, container, kMaxJsonValues)
                                  : container.LoadFromXML(call.body, kMaxValues);
     if (!parsed) return {400, 0, "text/plain", parsed.Error().message + "\n"};
@@ -36,6 +43,7 @@ ActionAnswer Run(const ActionCall& call) {
     const unsigned int result = CallLocalFor(call.peer, caller, call.name, container);
     if (result == kKelErrorUnknownAction && !ActionDbIsActionRegistered(call.name))
         return {404, 0, "text/plain", {}};
+    if (call.answerFormat == BodyFormat::Metrics) return MetricsAnswer(result, container);
     if (call.answerFormat == BodyFormat::Json) return {200, result, kJsonType, ContainerToJson(container)};
     return {200, result, kXmlType, container.SaveToXML()};
 }

@@ -8,7 +8,8 @@
 
 namespace kelhttp {
 
-enum class BodyFormat : unsigned char { Xml, Json };
+/// Metrics: the value Text of the answer by itself; of a call that is refused the Message.
+enum class BodyFormat : unsigned char { Xml, Json, Metrics };
 
 /// The format that a media type names; nothing for any other. An empty text names XML.
 std::optional<BodyFormat> FormatOfContentType(std::string_view type);
@@ -26,7 +27,8 @@ struct ActionCall {
 };
 
 struct ActionAnswer {
-    unsigned int status = 200;  ///< 200, 400 (body: what is malformed), 404, or 500 when the action threw
+    unsigned int status = 200;  ///< 200, 400 (body: what is malformed), 403 (Metrics), 404, or 500 when the
+                                ///< action threw
     unsigned int result = 0;    ///< the action's own
     const char* contentType = "text/plain";
     KelString body;

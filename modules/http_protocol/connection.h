@@ -75,9 +75,11 @@ class Connection final : public ChannelUser,
     bool AdmitAuthenticated();
     void RefuseCredentials(bool isStale);
     bool NoteWrongCredentials(Clock::time_point now);
+    bool AdmitScraper(const RequestHead& request);
     void AnswerGet(const RequestHead& request);
     bool MayReadAll() const;
     void AskWhetherFor(const KelString& path, ServedFile file);
+    void AnswerMetrics();
     void AcceptAction(const RequestHead& request);
     void AcceptBody(State state);
     KelPeer Sender() const;
@@ -129,6 +131,7 @@ class Connection final : public ChannelUser,
     bool headBegun_ = false;        ///< in Head: a byte has come since the previous request
     bool isAuthenticated_ = false;  ///< a request had valid credentials
     bool working_ = false;          ///< counted as working in the table of peers
+    bool isSendingFile_ = false;    ///< in Sending
     DigestAuth::Memory authMemory_;
     std::uint64_t keysId_ = 0;  ///< of the keys by which the peer was found to be trusted last
 

@@ -19,6 +19,7 @@ namespace kelhttp {
 namespace {
 
 constexpr std::string_view kActionPrefix = "/Action/";
+constexpr std::string_view kMetricsPath = "/metrics";
 /// The most that is reserved for an announced body before its bytes come.
 constexpr std::uint64_t kFirstReserve = 256 << 10;
 /// The largest call of a device without a certificate, which asks for one.
@@ -152,6 +153,16 @@ bool Connection::AdmitStranger(const RequestHead& request) {
     return true;
 }
 
+/// The port of the metrics serves nothing else. Its connections do not stay, so that they take no places that
+/// others need who have not proved anything yet.
+bool Connection::AdmitScraper(const RequestHead& request) {
+    keepAlive_ = false;
+    if (request.method == Method::Get && bodyLeft_ == 0 && DecodeRequestPath(request.target) == kMetricsPath)
+        return true;
+    RespondError(404);
+    return false;
+}
+
 /// False when the request was answered with 401, or is going to be.
 bool Connection::Authenticate(const RequestHead& request) {
     switch (channel_->Peer().proof) {
@@ -161,6 +172,8 @@ bool Connection::Authenticate(const RequestHead& request) {
             return AuthenticatePeer();
         case KelPeer::Proof::None:
             return AdmitStranger(request);
+        case KelPeer::Proof::MetricsPort:
+            return AdmitScraper(request);
         case KelPeer::Proof::Password:
             break;
     }
@@ -240,6 +253,7 @@ bool Connection::NoteWrongCredentials(Clock::time_point now) {
 
 void Connection::AnswerGet(const RequestHead& request) {
     std::optional<KelString> path = DecodeRequestPath(request.target);
+    if (path == kMetricsPath && request.method == Method::Get && bodyLeft_ == 0) return AnswerMetrics();
     std::optional<AliasMatch> place = path ? context_.aliases.Find(*path) : std::nullopt;
     ServedFile file;
     if (place) file = OpenServedFile(*place, request);
@@ -282,6 +296,15 @@ void Connection::AskWhetherFor(const KelString& path, ServedFile file) {
     if (context_.files.TryPost(task)) return;
     file_ = {};
     RespondError(503);
+}
+
+/// A call of the action that gives them, which says who may have them.
+void Connection::AnswerMetrics() {
+    call_ = std::make_unique<ActionCall>();
+    call_->name = "AgentGetMetrics";
+    call_->answerFormat = BodyFormat::Metrics;
+    call_->peer = Sender();
+    CallAction();
 }
 
 void Connection::AcceptAction(const RequestHead& request) {

@@ -7,6 +7,7 @@
 #include <string>
 #include <utility>
 
+#include "kelcore/metrics/transfer_counters.h"
 #include "modules/http_protocol/connection.h"
 
 namespace kelhttp {
@@ -17,37 +18,6 @@ constexpr std::uint64_t kSmallFileBytes = 64 << 10;
 /// An unwanted body is read and thrown away up to this length to keep the connection.
 constexpr std::uint64_t kDiscardBytes = 256 << 10;
 constexpr std::string_view kPasswordHint = "Kel-Password: former\r\n";
-
-struct Reason {
-    unsigned int status;
-    std::string_view text;
-};
-
-constexpr Reason kReasons[] = {
-    {200, "OK"},
-    {201, "Created"},
-    {204, "No Content"},
-    {206, "Partial Content"},
-    {304, "Not Modified"},
-    {400, "Bad Request"},
-    {401, "Unauthorized"},
-    {403, "Forbidden"},
-    {404, "Not Found"},
-    {405, "Method Not Allowed"},
-    {409, "Conflict"},
-    {411, "Length Required"},
-    {413, "Content Too Large"},
-    {415, "Unsupported Media Type"},
-    {416, "Range Not Satisfiable"},
-    {417, "Expectation Failed"},
-    {422, "Unprocessable Content"},
-    {429, "Too Many Requests"},
-    {431, "Request Header Fields Too Large"},
-    {500, "Internal Server Error"},
-    {503, "Service Unavailable"},
-    {505, "HTTP Version Not Supported"},
-    {507, "Insufficient Storage"},
-};
 
 /// The present time as an HTTP date, formatted at most once a second by each thread.
 std::string_view DateText() {
@@ -64,19 +34,12 @@ std::string_view DateText() {
     return {text.data(), length};
 }
 
-std::string_view ReasonOf(unsigned int status) {
-    for (const Reason& reason : kReasons) {
-        if (reason.status == status) return reason.text;
-    }
-    return "Unknown";
-}
-
 /// The head of an answer (RFC 9112): status line, Date, `headers` (complete lines) and the empty line.
 /// `connection`: the value of the field Connection, empty for none.
 KelString MakeResponseHead(unsigned int status, std::string_view headers, std::string_view connection) {
     KelString head;
     head.reserve(160 + headers.size());
-    head.append("HTTP/1.1 ").append(std::to_string(status)).append(" ").append(ReasonOf(status));
+    head.append("HTTP/1.1 ").append(std::to_string(status)).append(" ").append(ReasonOfStatus(status));
     head.append("\r\nDate: ").append(DateText()).append("\r\n");
     if (!connection.empty()) head.append("Connection: ").append(connection).append("\r\n");
     head.append(headers).append("\r\n");
@@ -113,6 +76,7 @@ KelString Connection::MakeHead(unsigned int status, std::string_view headers) co
 
 void Connection::Respond(unsigned int status, std::string_view headers, std::string_view body) {
     if (bodyLeft_ > kDiscardBytes || (bodyLeft_ > 0 && hasExpectation_)) keepAlive_ = false;
+    context_.responses.Count(status);
     output_ = MakeHead(status, headers);
     output_ += body;
     Enter(State::Sending);
@@ -121,7 +85,7 @@ void Connection::Respond(unsigned int status, std::string_view headers, std::str
 
 void Connection::RespondError(unsigned int status, std::string_view text) {
     KelString body(text);
-    if (body.empty()) body.append(ReasonOf(status)).append("\n");
+    if (body.empty()) body.append(ReasonOfStatus(status)).append("\n");
     Respond(status, "Content-Type: text/plain\r\nContent-Length: " + std::to_string(body.size()) + "\r\n",
             body);
 }
@@ -130,12 +94,17 @@ void Connection::RespondFile(ServedFile file) {
     if (!file.fd || file.length > kSmallFileBytes) {
         file_ = std::move(file);
         if (!file_.fd) return Respond(file_.status, file_.headers, {});
+        context_.responses.Count(file_.status);
+        isSendingFile_ = true;
         output_ = MakeHead(file_.status, file_.headers);
         Enter(State::Sending);
         return Advance(channel_->Write(output_, shared_from_this()));
     }
     output_ = MakeHead(file.status, file.headers);
     if (!AppendFromFile(output_, file)) return Close();  // it has become shorter since it was opened
+    context_.responses.Count(file.status);
+    isSendingFile_ = true;
+    KelTransfers(KelDirection::Down, KelFlow::Out, KelTransport::Http).bytes.Add(file.length);
     Enter(State::Sending);
     Advance(channel_->Write(output_, shared_from_this()));
 }
@@ -153,6 +122,8 @@ void Connection::Advance(Channel::Outcome outcome) {
 
 void Connection::FinishResponse() {
     EndWork();
+    if (std::exchange(isSendingFile_, false))
+        KelTransfers(KelDirection::Down, KelFlow::Out, KelTransport::Http).files.Add();
     file_ = {};
     upload_.reset();
     chunk_.reset();

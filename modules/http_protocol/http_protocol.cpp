@@ -6,6 +6,7 @@
 #include "kelcore/action_db.h"
 #include "kelcore/agent.h"
 #include "kelcore/error_codes.h"
+#include "kelcore/metrics/metrics.h"
 #include "kelcore/security.h"
 #include "modules/http_protocol/multicast_actions.h"
 #include "modules/http_protocol/server.h"
@@ -48,6 +49,9 @@ void HttpProtocol::Register(const char* handle) {
                "BwClientCheckFrequency?, int32 BwPingDuration?",
            .callers = KelCallers::Child}}});
     RegisterMulticast(handle);
+    KelMetricsRegister(handle, [this](KelMetricsPage& page) {
+        if (const Server* const server = CurrentServer()) server->CollectMetrics(page);
+    });
 }
 
 void HttpProtocol::RegisterMulticast(const char* handle) {

@@ -11,6 +11,7 @@
 #include "kel/checksum.h"
 #include "kelcore/callback_db.h"
 #include "kelcore/http/url.h"
+#include "kelcore/metrics/transfer_counters.h"
 #include "modules/http_protocol/datagram_reader.h"
 
 namespace kelhttp {
@@ -167,6 +168,8 @@ bool MulticastReception::WriteRun(std::size_t first, std::size_t count) {
         if (written < 0 && errno == EINTR) continue;
         if (written < 0) return false;
         offset += written;
+        KelTransfers(KelDirection::Down, KelFlow::In, KelTransport::Multicast)
+            .bytes.Add(static_cast<std::uint64_t>(written));
         auto done = static_cast<std::size_t>(written);
         while (!left.empty() && done >= left[0].iov_len) {
             done -= left[0].iov_len;
@@ -203,6 +206,7 @@ void MulticastReception::Finish(const std::function<bool()>& stopped) {
     if (answer != 0)
         log_.Warning("Multicast %S:%u: %S is in place, but a subscriber of the event answered %u.\n",
                      order_.transfer.group, unsigned{order_.transfer.port}, order_.localPath, answer);
+    KelTransfers(KelDirection::Down, KelFlow::In, KelTransport::Multicast).files.Add();
     LogEnd("complete");
     const std::lock_guard lock(mutex_);
     if (state_ == State::Verifying) SetState(answer == 0 ? State::Completed : State::Failed);

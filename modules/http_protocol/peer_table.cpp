@@ -3,6 +3,18 @@
 namespace kelhttp {
 namespace {
 
+using MetricKind = KelMetric::Kind;
+constexpr KelMetric kConnections(MetricKind::Gauge, "kel_http_connections",
+                                 "Open connections, by whether valid credentials have come on them.");
+constexpr KelMetric kAccepted(MetricKind::Counter, "kel_http_connections_accepted_total",
+                              "Connections that got a place.");
+constexpr KelMetric kRefused(
+    MetricKind::Counter, "kel_http_connections_refused_total",
+    "Connections closed because there were too many: new ones for which there was no "
+    "place, and those without valid credentials that made way for others.");
+constexpr KelMetric kWorking(MetricKind::Gauge, "kel_http_working_peers",
+                             "Addresses with calls, uploads or downloads in progress.");
+
 constexpr std::uint32_t kLoopback = 0x7F000001;
 /// Addresses with valid credentials that are remembered.
 constexpr std::size_t kMaxKnown = 20'000;
@@ -25,10 +37,12 @@ PeerTable::Place PeerTable::Admit(IpAddress peer) {
             place->inPeer_ = entry.strangers.insert(entry.strangers.end(), place.get());
             ++entry.connections;
             ++total_;
+            admittedCount_.Add();
         } else if (entry.connections == 0) {
             peers_.erase(peer.Value());
         }
     }
+    if (!place) refusedCount_.Add();
     if (close) close();
     return place;
 }
@@ -49,6 +63,7 @@ std::function<void()> PeerTable::Evict(Slot& slot) {
     RemoveStranger(slot);
     slot.state_ = Slot::State::Evicted;
     ++evicted_;
+    evictedCount_.Add();
     return std::exchange(slot.close_, nullptr);
 }
 
@@ -134,6 +149,23 @@ void PeerTable::EndWork(IpAddress peer) {
 std::size_t PeerTable::CountConnections() const {
     const KelLock lock(mutex_);
     return total_;
+}
+
+void PeerTable::Collect(KelMetricsPage& page) const {
+    std::size_t strangers = 0, kept = 0, working = 0;
+    {
+        const KelLock lock(mutex_);
+        for (const Slots& slots : strangers_)
+            strangers += slots.size();
+        kept = CountKept();
+        working = workingPeers_;
+    }
+    page.Add(kConnections, {{"state", "authenticated"}}, static_cast<double>(kept - strangers));
+    page.Add(kConnections, {{"state", "unauthenticated"}}, static_cast<double>(strangers));
+    page.Add(kAccepted, {}, admittedCount_);
+    page.Add(kRefused, {{"reason", "no_place"}}, refusedCount_);
+    page.Add(kRefused, {{"reason", "made_way"}}, evictedCount_);
+    page.Add(kWorking, static_cast<double>(working));
 }
 
 std::size_t PeerTable::CountWorkingPeers() const {

@@ -12,6 +12,7 @@
 
 #include "kel/ip_address.h"
 #include "kel/mutex.h"
+#include "kelcore/metrics/metrics_page.h"
 
 namespace kelhttp {
 
@@ -62,6 +63,8 @@ class PeerTable {
     std::size_t CountConnections() const;
     /// The number of addresses with long requests in progress.
     std::size_t CountWorkingPeers() const;
+    /// Adds these and the numbers of connections by what became of them to the page.
+    void Collect(KelMetricsPage& page) const;
 
   private:
     enum Kind : unsigned char { kUnknown, kKnown, kOwn, kKinds };
@@ -92,6 +95,7 @@ class PeerTable {
     std::size_t evicted_ KEL_GUARDED_BY(mutex_) = 0;  ///< of them, those that are about to close
     std::size_t workingPeers_ KEL_GUARDED_BY(mutex_) = 0;
     const PeerLimits limits_;
+    KelCounter admittedCount_, evictedCount_, refusedCount_;
 };
 
 class PeerTable::Slot {

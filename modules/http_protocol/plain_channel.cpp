@@ -9,6 +9,8 @@
 #include <algorithm>
 #include <cerrno>
 
+#include "kelcore/metrics/transfer_counters.h"
+
 namespace kelhttp {
 namespace {
 
@@ -84,6 +86,8 @@ Channel::Outcome PlainChannel::PushFile() {
         if (count == 0) return Outcome::Failed;  // the file has become shorter than was announced
         fileOffset_ += static_cast<std::uint64_t>(count);
         fileLeft_ -= static_cast<std::uint64_t>(count);
+        KelTransfers(KelDirection::Down, KelFlow::Out, KelTransport::Http)
+            .bytes.Add(static_cast<std::uint64_t>(count));
         sent_ += static_cast<std::uint64_t>(count);
     }
     return Outcome::Done;

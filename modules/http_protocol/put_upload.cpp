@@ -8,6 +8,7 @@
 #include "kel/container.h"
 #include "kelcore/callback_db.h"
 #include "kelcore/error_codes.h"
+#include "kelcore/metrics/transfer_counters.h"
 
 namespace kelhttp {
 namespace {
@@ -114,6 +115,8 @@ unsigned int PutUpload::Write(std::string_view data) {
         if (count < 0) return Fail("write");
         data.remove_prefix(static_cast<std::size_t>(count));
         written_ += static_cast<std::uint64_t>(count);
+        KelTransfers(KelDirection::Up, KelFlow::In, KelTransport::Http)
+            .bytes.Add(static_cast<std::uint64_t>(count));
     }
     if (written_ - handedOver_ < kHandOverBytes) return 0;
     // A hint only: errors show in the final sync.
@@ -134,6 +137,7 @@ unsigned int PutUpload::Commit() {
     if (isKeepable_) file_.RemoveParts();
     if (!file_.SyncFolder()) return Fail("sync the folder of");
     file_.Close();
+    KelTransfers(KelDirection::Up, KelFlow::In, KelTransport::Http).files.Add();
     return Trigger("HttpProtocolCallbackPut");
 }
 

@@ -59,7 +59,7 @@ struct Server::State {
         : loops(static_cast<std::size_t>(settings.ioThreads)),
           context(WithinOpenFileLimit(std::move(settings)), aliases, log) {}
 
-    enum class Kind : unsigned char { Plain, Tls, Keys, Probe, Local };
+    enum class Kind : unsigned char { Plain, Tls, Keys, Probe, Metrics, Local };
 
     std::shared_ptr<Listener> MakeListener(Kind kind) {
         return std::make_shared<Listener>(
@@ -114,6 +114,8 @@ struct Server::State {
             return std::make_unique<TlsChannel>(MakeSocket(loop, fd), *tls->native_handle(), nullptr);
         if (kind == Kind::Local)
             return std::make_unique<PlainChannel>(MakeLocalSocket(loop, fd), KelPeer::Proof::Socket);
+        if (kind == Kind::Metrics)
+            return std::make_unique<PlainChannel>(MakeSocket(loop, fd), KelPeer::Proof::MetricsPort);
         if (kind == Kind::Plain)
             return std::make_unique<PlainChannel>(MakeSocket(loop, fd), KelPeer::Proof::Password);
         const auto [keys, tlsContext] = keyedTls.Current();
@@ -138,6 +140,13 @@ struct Server::State {
         return sslListener->Bind(settings.address, settings.sslPort);
     }
 
+    KelStatus OpenMetrics() {
+        const ServerSettings& settings = context.settings;
+        if (settings.metricsPort == 0) return {};
+        metricsListener = MakeListener(Kind::Metrics);
+        return metricsListener->Bind(settings.metricsAddress, settings.metricsPort);
+    }
+
     KelStatus OpenLocal() {
         if (context.settings.socketFolder.empty()) return {};
         localListener = std::make_shared<LocalListener>(loops.front(), context.log, [this](UniqueFd socket) {
@@ -152,7 +161,7 @@ struct Server::State {
     ServerContext context;
     std::unique_ptr<boost::asio::ssl::context> tls;
     KeyedTls keyedTls;
-    std::shared_ptr<Listener> listener, sslListener, probeListener;
+    std::shared_ptr<Listener> listener, sslListener, probeListener, metricsListener;
     std::shared_ptr<LocalListener> localListener;
     std::size_t next = 0;  ///< used on the first loop only
 };
@@ -172,13 +181,15 @@ KelStatus Server::Open() {
     if (!settings.certificateFile.empty() && !hasKeys) {
         if (KelStatus opened = state_->OpenTls(); !opened) return opened;
     }
+    if (KelStatus opened = state_->OpenMetrics(); !opened) return opened;
     if (settings.bandwidthPort == 0) return {};
     state_->probeListener = state_->MakeListener(State::Kind::Probe);
     return state_->probeListener->Bind(settings.address, static_cast<std::uint16_t>(settings.bandwidthPort));
 }
 
 KelStatus Server::Run() {
-    const auto listeners = {state_->listener, state_->sslListener, state_->probeListener};
+    const auto listeners = {state_->listener, state_->sslListener, state_->probeListener,
+                            state_->metricsListener};
     for (const auto& listener : listeners) {
         if (!listener) continue;
         if (KelStatus listening = listener->Listen(); !listening) return listening;
@@ -223,6 +234,11 @@ std::uint16_t Server::BandwidthPort() const {
 
 std::size_t Server::CountWorkingPeers() const {
     return state_->context.peers.CountWorkingPeers();
+}
+
+void Server::CollectMetrics(KelMetricsPage& page) const {
+    state_->context.peers.Collect(page);
+    state_->context.responses.Collect(page);
 }
 
 std::size_t Server::CountConnections() const {

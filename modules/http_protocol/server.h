@@ -8,6 +8,8 @@
 #include "modules/http_protocol/alias_table.h"
 #include "modules/http_protocol/settings.h"
 
+class KelMetricsPage;
+
 namespace kelhttp {
 
 /// The HTTP server. Open, then Run, then Stop, each once and from one thread; the counts may be read from any
@@ -38,6 +40,9 @@ class Server {
     /// Clients with long requests in progress.
     std::size_t CountWorkingPeers() const;
     std::size_t CountConnections() const;
+
+    /// Adds connections and answers to the page.
+    void CollectMetrics(KelMetricsPage& page) const;
 
   private:
     struct State;

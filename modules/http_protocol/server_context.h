@@ -8,6 +8,7 @@
 #include "modules/http_protocol/digest_auth.h"
 #include "modules/http_protocol/guess_limit.h"
 #include "modules/http_protocol/peer_table.h"
+#include "modules/http_protocol/response_status.h"
 #include "modules/http_protocol/settings.h"
 #include "modules/http_protocol/worker_pool.h"
 
@@ -32,6 +33,7 @@ struct ServerContext {
     const KelDebug& log;
     const DigestAuth auth;
     PeerTable peers;
+    ResponseCounters responses;
     GuessLimit guesses;
     KelFailureLog failures{log};
     WorkerPool actions;  ///< action calls

@@ -60,6 +60,9 @@ IniSetting Port(const char* section, const char* key) {
 const IniSetting kPort = Port(kSection, "Port");
 const IniSetting kSslPort = Port("Ssl", "Port");
 const IniSetting kBandwidthPort = Port(kSection, "BwPort");
+const IniSetting kMetricsPort = Port(kSection, "MetricsPort");
+const IniSetting kMetricsAddress =
+    IniSetting::Text(kSection, "MetricsAddress", "127.0.0.1").Checked(IsIpAddress, "an IPv4 address").Vital();
 const IniSetting kAddress =
     IniSetting::Text(kSection, "Address").Checked(IsIpAddress, "an IPv4 address").Vital();
 const IniSetting kWritable = IniSetting::Text("Aliases", "Writable", "FileStore/upstream");
@@ -70,8 +73,8 @@ const IniSetting kKeyFile = IniSetting::Text("Ssl", "KeyFile");
 
 std::span<const IniSetting> ServerIniSettings() {
     static const KelVector<IniSetting> settings = [] {
-        KelVector<IniSetting> all = {kPort,     kSslPort,         kBandwidthPort, kAddress,
-                                     kWritable, kCertificateFile, kKeyFile};
+        KelVector<IniSetting> all = {kPort,    kSslPort,  kBandwidthPort,   kMetricsPort, kMetricsAddress,
+                                     kAddress, kWritable, kCertificateFile, kKeyFile};
         for (const NumberEntry& entry : kNumbers)
             all.push_back(entry.Setting());
         return all;
@@ -97,6 +100,8 @@ ServerSettings ReadServerSettings(const IniFile& ini, const KelString& address) 
     settings.port = port(kPort);
     settings.sslPort = port(kSslPort);
     settings.bandwidthPort = port(kBandwidthPort);
+    settings.metricsPort = port(kMetricsPort);
+    settings.metricsAddress = ReadIniText(ini, kMetricsAddress);
     for (const NumberEntry& entry : kNumbers)
         settings.*entry.value = static_cast<int>(ReadIniNumber(ini, entry.Setting()));
     ini.GetEntryValue(kSection, kAddress.key, settings.address, address);

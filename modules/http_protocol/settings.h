@@ -39,6 +39,9 @@ struct ServerSettings {
     KelString keyFile;
     std::uint16_t sslPort = 0;
 
+    KelString metricsAddress;       ///< of the port that serves the metrics and nothing else
+    std::uint16_t metricsPort = 0;  ///< 0: none
+
     int bandwidthPort = 0;  ///< 0: no probe port
     int bandwidthPingFrequency = 0;
     int bandwidthClientCheckFrequency = 0;

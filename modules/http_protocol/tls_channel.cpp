@@ -9,6 +9,8 @@
 #include <stdexcept>
 #include <utility>
 
+#include "kelcore/metrics/transfer_counters.h"
+
 namespace kelhttp {
 namespace {
 
@@ -164,6 +166,7 @@ bool TlsChannel::FillPiece() {
     data_ = std::string_view(piece_.data(), static_cast<std::size_t>(count));
     fileOffset_ += data_.size();
     fileLeft_ -= data_.size();
+    KelTransfers(KelDirection::Down, KelFlow::Out, KelTransport::Http).bytes.Add(data_.size());
     return true;
 }
 

@@ -8,6 +8,8 @@
 #include "kelcore/agent.h"
 #include "kelcore/callback_db.h"
 #include "kelcore/error_codes.h"
+#include "kelcore/metrics/metrics.h"
+#include "modules/keys/key_metrics.h"
 
 namespace {
 
@@ -99,6 +101,7 @@ void Keys::Unregister() {
 
 void Keys::Register(const char* handle) {
     RegisterMaster(handle);
+    KelMetricsRegister(handle, [](KelMetricsPage& page) { CollectKeyMetrics(AgentSecurityGetKeys(), page); });
     ActionDbRegisterActions<Keys>(
         *this, handle,
         {{&Keys::Enrol,

@@ -10,6 +10,7 @@
 #include "kelcore/device_name.h"
 #include "kelcore/error_codes.h"
 #include "kelcore/file_values.h"
+#include "kelcore/metrics/metrics.h"
 #include "kelcore/operator_call.h"
 #include "kelcore/version.h"
 
@@ -38,6 +39,7 @@ Relay::~Relay() {
 }
 
 void Relay::Register(const char* handle) {
+    KelMetricsRegister(handle, [this](KelMetricsPage& page) { CollectMetrics(page); });
     ActionDbRegisterActions<Relay>(
         *this, handle,
         {{&Relay::GetValues,
@@ -237,6 +239,16 @@ unsigned int Relay::GetValues(KelContainer* arguments) {
     arguments->Clear();
     arguments->SetContainer("Values", std::move(values));
     return kKelOk;
+}
+
+void Relay::CollectMetrics(KelMetricsPage& page) {
+    static constexpr KelMetric kDevice(KelMetric::Kind::Gauge, "kel_device_info",
+                                       "The role of this device in its tree; the value is 1.");
+    static constexpr KelMetric kInSync(KelMetric::Kind::Gauge, "kel_parent_in_sync",
+                                       "1 while the parent answers, else 0; none on a master.");
+    page.Add(kDevice, {{"role", RelayRoleName(settings_.role)}}, 1);
+    const ParentState parent = parentLink_.GetState();
+    if (!parent.place.IsNone()) page.Add(kInSync, parent.inSync ? 1 : 0);
 }
 
 unsigned int Relay::SetParent(KelContainer* arguments) {

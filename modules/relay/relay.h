@@ -12,6 +12,8 @@
 #include "modules/relay/relay_settings.h"
 #include "modules/relay/unconnected_replay.h"
 
+class KelMetricsPage;
+
 /// The relay module: the role of this device and its parent. Its actions are listed in Register. Every result
 /// but 0 comes with a text Message.
 ///
@@ -45,6 +47,7 @@ class Relay : public KelModule {
     unsigned int ClearPackage(KelContainer* arguments);
     unsigned int CallDevice(KelContainer* arguments);
     unsigned int Answer(KelContainer* arguments, const KelStatus& status);
+    void CollectMetrics(KelMetricsPage& page);
     void ReplayUnconnected();
     void ReportChange();
     void ReportInSync(const KelString& formerParent);

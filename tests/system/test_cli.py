@@ -27,7 +27,7 @@ class JsonTest(SystemTest):
                 "groups delete": ("g",), "withdraw": (publication,), "collected": (), "upload": (),
                 "request": (*key, "--name", "a.bin"), "settings get": (), "settings set": ("QueueGap=9",),
                 "windows": (), "windows get": (), "windows set": ("up", "--slots", "0"), "multicast": (), "parent": (),
-                "audit": ("--since", "1h"), "doctor": (), "backup": (tree.folder / "backup",),
+                "audit": ("--since", "1h"), "metrics": (), "doctor": (), "backup": (tree.folder / "backup",),
                 "invite": ("--uses", "2"), "keys": (), "keys status": (), "keys list": (), "password": (),
                 "password status": ()}
             # These say nothing here, print what is no list, or were run above.

@@ -19,6 +19,7 @@
 #include "kelcore/agent.h"
 #include "kelcore/callback_db.h"
 #include "kelcore/error_codes.h"
+#include "kelcore/metrics/metrics.h"
 #include "kelcore/module.h"
 #include "kept_log.h"
 
@@ -210,6 +211,7 @@ class RunningModule {
         Run(KelModuleOperation::Cleanup);
         Run(KelModuleOperation::Unregister);
         ActionDbUnregisterAll("module under test");
+        KelMetricsUnregisterAll("module under test");
     }
 
     unsigned int Run(KelModuleOperation operation) {

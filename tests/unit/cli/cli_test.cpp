@@ -19,6 +19,7 @@
 #include "cli/top.h"
 #include "kel/format.h"
 #include "kel/temp_folder.h"
+#include "kelcore/file_status_name.h"
 #include "kelcore/json.h"
 #include "kelcore/keys/invitation.h"
 #include "kelcore/keys/key_pair.h"

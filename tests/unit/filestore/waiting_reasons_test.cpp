@@ -4,8 +4,10 @@
 
 #include "filestore/down/notify_thread.h"
 #include "filestore/down/pull_thread.h"
+#include "filestore/module/metrics.h"
 #include "filestore/push_fixture.h"
 #include "filestore/up/handle_thread.h"
+#include "kelcore/metrics/metrics_page.h"
 
 namespace {
 
@@ -124,6 +126,56 @@ TEST_F(WaitingReasonsTest, StepsNoteWhatStoppedThemAndForgetItWhenTheFileMovesOn
     EXPECT_NE(ReasonOf(kDown, large).GetString("Code"), "disk_full");
     filestore::DeleteFileRow(kDown, large);
     EXPECT_EQ(filestore::Reasons().GetSpaceShortage().files, 0U);
+}
+
+TEST_F(WaitingReasonsTest, MetricsCountTheFilesByStatusAndReason) {
+    const auto page = [] {
+        KelMetricsPage metrics;
+        FileStoreCollectMetrics(metrics);
+        return metrics.Text();
+    };
+    const auto waiting = [](const char* direction, const char* status, const char* reason, int count) {
+        return testing::HasSubstr(
+            KelFormat("kel_store_waiting_files{direction=\"%s\",status=\"%s\",reason=\"%s\"} %d\n", direction,
+                      status, reason, count));
+    };
+    AnswerAsParent([](const TestHttpServer::Request&) { return Answer{401}; });
+    const std::uint64_t failed = Wanted("FileSize = 5, CreateTime = 100");
+    Pull();
+    AddFile(kDown, "2", "DOWNLOADING");
+    AddFile(kDown, "3", "AVAILABLE", "FileSize = 7, Acknowledged = 0");
+    const std::uint64_t done = AddFile(kDown, "4", "AVAILABLE", "FileSize = 8, Acknowledged = 1");
+    AddFile(kUp, "5", "TOBEUPLOADED");
+    AddFile(kUp, "6", "RECEIVING");
+    AddTarget(done, 1, kChild);
+    EXPECT_THAT(
+        page(),
+        testing::AllOf(
+            waiting("down", "downloading", "peer_refused", 1), waiting("down", "downloading", "announced", 1),
+            waiting("down", "available", "not_tried", 1), waiting("up", "to_be_uploaded", "not_tried", 1),
+            waiting("up", "receiving", "awaiting_content", 1),
+            testing::HasSubstr("kel_store_files{direction=\"down\",status=\"available\"} 2\n"),
+            testing::HasSubstr("kel_store_bytes{direction=\"down\",status=\"available\"} 15\n"),
+            testing::HasSubstr("kel_store_waiting_targets 1\n")));
+    EXPECT_THAT(page(),
+                testing::ContainsRegex("kel_store_oldest_waiting_seconds.direction=\"down\". 1[0-9]{9}\n"));
+    EXPECT_THAT(page(), testing::Not(testing::HasSubstr("step=\"download\",reason=\"peer_refused\"} 0\n")));
+    relayValues = With(relayValues, {{"ParentSync", false}});
+    EXPECT_THAT(page(), waiting("up", "to_be_uploaded", "parent_unreachable", 1));
+    CloseWindow(FileStore::bmTrackUsageUp);
+    EXPECT_THAT(page(), testing::AllOf(waiting("down", "downloading", "window_closed", 2),
+                                       waiting("up", "receiving", "awaiting_content", 1),
+                                       testing::HasSubstr("kel_window_open{direction=\"up\"} 0\n")));
+    // The numbers that the database keeps follow every change.
+    Set(kDown, failed, "FileStatus = #AVAILABLE#, FileSize = 100, Acknowledged = 1");
+    Rows(kDown, "UPDATE Files SET Acknowledged = 1");
+    Rows(kDown, "DELETE FROM Targets");
+    filestore::DeleteFileRow(kDown, done);
+    for (const Side side : {kDown, kUp})
+        EXPECT_EQ(Rows(side, "SELECT FileStatus, COUNT(*), SUM(FileSize) FROM Files GROUP BY FileStatus"),
+                  Rows(side, "SELECT FileStatus, Files, Bytes FROM FileCounts WHERE Files > 0"));
+    EXPECT_EQ(Cell(kDown, "SELECT SUM(Unacknowledged) FROM FileCounts"), "0");
+    EXPECT_EQ(Cell(kDown, "SELECT Targets FROM TargetCount"), "0");
 }
 
 TEST_F(WaitingReasonsTest, TargetsBelowAreExplainedByTheRowsOrByTheDevicesThemselves) {

@@ -1,9 +1,12 @@
 #pragma once
 
+#include <netinet/in.h>
+#include <unistd.h>
 #include <csignal>
 #include <optional>
 
 #include "http_test_client.h"
+#include "kel/unique_fd.h"
 #include "module_fixture.h"
 #include "modules/http_protocol/http_protocol.h"
 
@@ -27,6 +30,18 @@ class HttpServerFixture : public ModuleFixture {
         EXPECT_EQ(Call("HttpProtocolAddAlias", Values({"AliasName=" + name, "AliasPath=" + path})), 0U);
     }
     std::uint16_t Port() { return (*module_)->Port(); }
+    /// Below those that the system gives to outgoing connections.
+    static std::uint16_t FreePort() {
+        for (std::uint16_t port = 20000 + static_cast<std::uint16_t>(::getpid() % 10000);; ++port) {
+            const UniqueFd probe(::socket(AF_INET, SOCK_STREAM, 0));
+            sockaddr_in place{};
+            place.sin_family = AF_INET;
+            place.sin_port = htons(port);
+            place.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+            if (::bind(probe.Get(), reinterpret_cast<const sockaddr*>(&place), sizeof place) == 0)
+                return port;
+        }
+    }
     HttpTestClient Connect() { return HttpTestClient(Port()); }
 
     /// The path of what "/Files/NAME" serves.

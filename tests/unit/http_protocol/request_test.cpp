@@ -1,4 +1,7 @@
+#include <gmock/gmock.h>
+
 #include "http_server_fixture.h"
+#include "kelcore/metrics/metrics_page.h"
 #include "modules/http_protocol/digest_auth.h"
 
 namespace {
@@ -107,6 +110,36 @@ TEST_F(RequestTest, RefusesWhatIsNoCall) {
         EXPECT_EQ(Connect().AskGranted(method, target, fields, body).status, status)
             << request << fields << body;
     }
+}
+
+TEST_F(RequestTest, MetricsAreForMembersAndForWhoReachesTheirPort) {
+    const std::uint16_t port = FreePort();
+    Start(KelFormat("MetricsPort=%u", unsigned{port}));
+    WriteFile("data", "content");
+    ActionDbRegisterAction(
+        {.signature = "AgentGetMetrics",
+         .purpose = "Test.",
+         .callers = KelCallers::Operator | KelCallers::Scraper},
+        [](KelContainer* container) { return container->SetString("Text", "kel_up 1\n"), 0U; }, "neighbours");
+    EXPECT_EQ(Connect().Ask("GET", "/metrics").status, 401);
+    TestAnswer granted = Connect().AskGranted("GET", "/metrics");
+    EXPECT_EQ(granted.body, "kel_up 1\n");
+    EXPECT_EQ(granted.fields["content-type"], "text/plain; version=0.0.4; charset=utf-8");
+    EXPECT_EQ(HttpTestClient(port).Ask("GET", "/metrics?x=1").body, "kel_up 1\n");
+    for (const auto& [method, target] :
+         std::vector<std::pair<std::string, std::string>>{{"GET", "/Files/data"},
+                                                          {"HEAD", "/metrics"},
+                                                          {"POST", "/metrics"},
+                                                          {"PUT", "/Files/in/x"},
+                                                          {"GET", "/metrics/"},
+                                                          {"POST", "/Action/AgentGetMetrics"}})
+        EXPECT_EQ(HttpTestClient(port).Ask(method, target, "Content-Length: 0\r\n").status, 404) << target;
+    KelContainer arguments;
+    const KelPeer scraper{.proof = KelPeer::Proof::MetricsPort};
+    EXPECT_EQ(CallLocalFor(scraper, "", "HttpProtocolGetParams", arguments), unsigned{kKelErrorNotAvailable});
+    KelMetricsPage page;
+    ActionDbCollectMetrics(page);
+    EXPECT_THAT(page.Text(), testing::Not(testing::HasSubstr("kel_calls_refused_total 0\n")));
 }
 
 TEST_F(RequestTest, PipelinedRequestsAreAnsweredInOrder) {
