@@ -56,6 +56,11 @@ std::optional<IpAddress> AddressOf(const KelString& name) {
     return address;
 }
 
+bool IsThisDevice(const KelPeer& peer) {
+    const AgentSecurityKeys keys = AgentSecurityGetKeys();
+    return keys && !peer.deviceGuid.empty() && keys->Get().device.guid == peer.deviceGuid;
+}
+
 bool IsParent(const KelPeer& peer, bool mayResolve) {
     if (peer.proof == KelPeer::Proof::Certificate) {
         const AgentSecurityKeys keys = AgentSecurityGetKeys();
@@ -86,8 +91,8 @@ KelCallOrigin JudgePeer(const KelPeer& peer, KelCallers wanted) {
     origin.mayPassOn = peer.proof != KelPeer::Proof::Certificate || peer.deviceRole != KelDeviceRole::Client;
     const bool isParent = IsParent(peer, Includes(wanted, KelCallers::Parent));
     origin.callers = isParent ? KelCallers::Parent : KelCallers::Child;
-    // With a certificate, those above look into this device, and no other does.
-    if (isParent || peer.proof == KelPeer::Proof::Password || peer.deviceRole == KelDeviceRole::Master)
+    if (isParent || peer.proof == KelPeer::Proof::Password || peer.deviceRole == KelDeviceRole::Master ||
+        IsThisDevice(peer))
         origin.callers = origin.callers | KelCallers::Observer;
     return origin;
 }

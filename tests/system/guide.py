@@ -25,9 +25,9 @@ MARKS = ("", "machines", "plain")
 TEXT = ("text", "ini", "json", "yaml")
 NOT_RUN = 0  # blocks that no test can run, at most
 COMMANDS = re.compile(r"^(\$|sudo|kel|kelagent|apt|systemctl|journalctl) .*", re.MULTILINE)
-# Commands that only look: what they show may take a while to come.
+# Commands that only look: what they show may take a while to come. Those that end something are refused for a while.
 LOOKS = re.compile(r"(kel( --json| --device \S+)* (audit|collected|devices|doctor|files|inbox|keys|multicast|"
-                   r"publications|status|top|why|windows)|journalctl|systemctl status)( (list|get|-\S+|[A-Z]+|\S+\.bin))*"
+                   r"publications|status|top|why|windows)|kel password end|kel keys end-password|journalctl|systemctl status)( (list|get|-\S+|[A-Z]+|\S+\.bin))*"
                    r"\s*(#.*)?\n")
 SECONDS = 150
 # What readers have in their home folder, with the number of bytes.

@@ -124,7 +124,6 @@ class KeysTest(SystemTest):
         for caller, agent, url, status in (
                 (client, relay, f"FileStore/downstream/Demo/{below}", "200"), (client, relay, "FileStore/", "404"),
                 (master, relay, f"FileStore/downstream/Demo/{below}", "200"),
-                (relay, relay, f"FileStore/downstream/Demo/{below}", "403"),
                 (client, master, f"QuarnelDatabase/Packages/{below}", "403")):
             answer = self.ask(agent, caller.data / "Keys", url=url)
             self.assertEqual(answer.split()[0], status, (caller.name, agent.name, url))

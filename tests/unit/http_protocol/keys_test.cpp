@@ -93,7 +93,7 @@ TEST_F(KeyedServerTest, CallersAreWhoTheirCertificatesSayUntilTheseAreRevoked) {
     EXPECT_EQ(peer_.guid, kRelay.guid);
     HttpClientCloseIdleConnections();  // the next connection may resume the session of the first
     EXPECT_EQ(Caller(client_), asChild);
-    EXPECT_EQ(Caller(relay_), "child " + kRelay.guid + " for others") << "this device by TCP";
+    EXPECT_EQ(Caller(relay_), "child, observer " + kRelay.guid + " for others") << "this device by TCP";
 
     // Whoever calls from the parent's address is not the parent.
     FakeValues("RelayGetValues ()", {"ParentIPAddress=127.0.0.1", "ParentGuid=" + kClient.guid});
