@@ -20,7 +20,7 @@ KelContainer FileInfoOf(const FileStoreEntry& entry);
 bool IsSigned(const KelString& info);
 
 /// The FileInfo, as XML, of a file that is fetched from the parent: its own, unless only the parent's is
-/// signed, as for a file that somebody here has requested.
+/// signed, as for a file that was requested here.
 const KelString& SignedOne(const KelString& own, const KelString& ofParent);
 
 }  // namespace filestore

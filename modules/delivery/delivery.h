@@ -63,6 +63,7 @@ class Delivery : public KelModule {
     // The work on the jobs (delivery_jobs.cpp).
     enum class Arrival : unsigned char { HandedOver, NeverTaken, Ordered };
     unsigned int Deliver(ReceivedFile file, const KelContainer& info, Arrival arrival);
+    bool Admit(ReceivedFile& file, const KelContainer& info, const KelString& destination, Arrival& arrival);
     void FailAtOnce(const ReceivedFile& file, const KelString& message);
     void Refuse(const ReceivedFile& file, const KelString& message, const FileKey& refused);
     void EndAsRefused(std::uint64_t job, const FileKey& key, const KelString& message);

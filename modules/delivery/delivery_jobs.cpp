@@ -25,6 +25,31 @@ constexpr const char* kRemembering = "remembering";
 
 }  // namespace
 
+/// Whether a file that has come is to be delivered; the log and a receipt say why it is not. Adds the orders
+/// that wait for it. The caller holds mutexCopy_.
+bool Delivery::Admit(ReceivedFile& file, const KelContainer& info, const KelString& destination,
+                     Arrival& arrival) {
+    const auto orders = WaitingOrders(file.key);
+    if (const KelStatus genuine = Authenticate(file, info, orders); !genuine) {
+        Refuse(file, genuine.Error().message, file.key);
+        return false;
+    }
+    const bool isOfNoUse = ForgetEndedOrders(file, destination);
+    if (!orders.empty()) {
+        arrival = Arrival::Ordered;
+        return AddOrders(file, destination, orders);
+    }
+    if (isOfNoUse) {
+        Log().Print("%S is not delivered: its order has ended\n", file.key.Text());
+        jobs_.AddTaken(file, {});
+        thread_.Signal(0);
+        return false;
+    }
+    if (!AreFilesSigned() || file.publicationTime >= EarliestPublication(destination)) return true;
+    ConcludeTooLate(file);
+    return false;
+}
+
 /// Copies a file to the inbox on the caller's thread, so that the file store knows at once whether it
 /// succeeded. Commands are left to the thread for jobs: they may take minutes. Of a file that was never taken
 /// the command and the receipt are due even if it is in place, and so they are of one that was ordered.
@@ -34,25 +59,8 @@ unsigned int Delivery::Deliver(ReceivedFile file, const KelContainer& info, Arri
     const bool hasCommand = commands_.Has(file.key.type);
     {
         const KelLock lock(mutexCopy_);
-        const auto orders = WaitingOrders(file.key);
-        if (const KelStatus genuine = Authenticate(file, info, orders); !genuine) {
-            Refuse(file, genuine.Error().message, file.key);
-            return kKelOk;
-        }
+        if (!Admit(file, info, destination, arrival)) return kKelOk;
         const bool isInPlace = inbox_.Holds(file);
-        const bool isTooLate = ForgetEndedOrders(file, destination);
-        if (!orders.empty()) {
-            if (!AddOrders(file, destination, orders)) return kKelOk;
-            arrival = Arrival::Ordered;
-        } else if (isTooLate) {
-            Log().Print("%S is not delivered: its order has ended\n", file.key.Text());
-            jobs_.AddTaken(file, {});
-            thread_.Signal(0);
-            return kKelOk;
-        } else if (AreFilesSigned() && file.publicationTime < EarliestPublication(destination)) {
-            ConcludeTooLate(file);
-            return kKelOk;
-        }
         if (const KelString obstacle = ObstacleTo(place); !obstacle.empty()) {
             FailAtOnce(file, KelFormat("%S is in the way; remove it and publish the file again", obstacle));
             return kKelOk;
