@@ -57,6 +57,10 @@ constexpr auto kDetails = std::to_array<std::pair<const char*, const char*>>({
     {"keys end-password",
      "For the master and the relays of a tree that was plain. It is refused while devices come with the "
      "password."},
+    {"keys renew",
+     "For a key that somebody may have read, or a rule of the site; certificates renew themselves in any "
+     "case. "
+     "'kel keys' shows the new key a few seconds later; devices below trust it within a minute."},
     {"keys forget-parent",
      "A device remembers the key of its parent, so that no other one can take that place."},
     {"password",

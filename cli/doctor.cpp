@@ -282,6 +282,29 @@ KelVector<Finding> ExamineParent(const KelContainer& relay) {
     return findings;
 }
 
+KelVector<Finding> ExamineKeys(const KelContainer& keys, std::int64_t now) {
+    constexpr std::int64_t kDay = 86400;
+    constexpr std::int64_t kWarnOfAuthority = 365 * kDay;
+    constexpr std::int64_t kWarnOfOwn = 60 * kDay;  // it should have been renewed 60 days before that
+    if (!keys.GetBool("IsEnrolled")) return {};
+    const std::int64_t authority = keys.GetInt64("AuthorityNotAfter");
+    const std::int64_t own = keys.GetInt64("NotAfter");
+    if (authority != 0 && authority - now < kWarnOfAuthority)
+        return {{"keys", authority <= now ? State::Problem : State::Warning,
+                 "the certificate of the tree's authority ends on " + TimeText(authority) +
+                     "; no device trusts another one from then on",
+                 "make the devices anew before, with an authority of their own: 'kel init'"}};
+    const KelString until = TimeText(own);
+    if (own <= now)
+        return {{"keys", State::Problem, "the certificate of this device has ended on " + until,
+                 "make an invitation on the master (kel invite) and use it here: kel keys join TOKEN"}};
+    if (own - now < kWarnOfOwn)
+        return {{"keys", State::Warning,
+                 "the certificate of this device ends on " + until + ", and was not renewed",
+                 "the log says why: the parent and the devices above it must reach the master"}};
+    return {{"keys", State::Ok, "the certificate of this device is valid until " + until, {}}};
+}
+
 KelVector<Finding> ExamineVersions(const KelString& running, const KelContainer& relay,
                                    const KelContainer& children) {
     const KelString own = KelVersion();

@@ -25,6 +25,9 @@ KelVector<Finding> ExamineStoppedAgent(const KelString& root);
 /// What the values that a running agent gave for RelayGetValues say about its parent.
 KelVector<Finding> ExamineParent(const KelContainer& relay);
 
+/// When certificates end, by the values that a running agent gave for KeysGetValues; nothing in a plain tree.
+KelVector<Finding> ExamineKeys(const KelContainer& keys, std::int64_t now);
+
 /// Whether the agent, its parent and its children (the answer to RelayListChildren) go together with this
 /// program. `running`: the version of the agent.
 KelVector<Finding> ExamineVersions(const KelString& running, const KelContainer& relay,

@@ -1,5 +1,6 @@
 #include <array>
 #include <cstdio>
+#include <ctime>
 #include <filesystem>
 #include <iterator>
 #include <memory>
@@ -96,7 +97,7 @@ KelVector<Finding> ExamineFullDisk(const Remote& remote) {
 }
 
 KelVector<Finding> ExamineRunningAgent(const Remote& remote) {
-    KelContainer status, relay, children;
+    KelContainer status, relay, children, keys;
     const unsigned int result = remote.CallQuietly("AgentGetStatus", status);
     if (result != kKelOk)
         return {{"agent", State::Problem,
@@ -109,6 +110,8 @@ KelVector<Finding> ExamineRunningAgent(const Remote& remote) {
     remote.CallQuietly("RelayGetValues", relay);
     remote.CallQuietly("RelayListChildren", children);
     Append(findings, ExamineParent(relay.GetContainer("Values")));
+    if (remote.CallQuietly("KeysGetValues", keys) == kKelOk)
+        Append(findings, ExamineKeys(keys.GetContainer("Values"), std::time(nullptr)));
     Append(findings, ExamineVersions(status.GetContainer("Values").GetString("Version"),
                                      relay.GetContainer("Values"), children));
     return findings;

@@ -105,6 +105,7 @@ constexpr auto kNames = std::to_array<Name>({
     {"NotBefore", "valid_from"},
     {"NotAfter", "valid_until"},
     {"Authority", "authority"},
+    {"AuthorityNotAfter", "authority_until"},
     {"ParentFingerprint", "parent_key"},
     {"RevokedNumber", "revoked_number"},
     {"RevokedCount", "revoked_count"},

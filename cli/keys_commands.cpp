@@ -13,6 +13,10 @@ namespace {
 
 using Verb = KeysOptions::Verb;
 
+KelString UntilText(std::int64_t end) {
+    return end == 0 ? KelString() : ", valid until " + TimeText(end);
+}
+
 /// Empty unless members without keys are accepted.
 KelString PasswordText(const KelContainer& keys) {
     if (!keys.GetBool("AcceptsPassword")) return {};
@@ -38,7 +42,7 @@ int Show(const Remote& remote, bool json) {
         {"Certificate", until.empty() ? KelString(keys.GetBool("IsInvited") ? "none yet: waits for the master"
                                                                             : "none; see 'kel keys join'")
                                       : "valid until " + until},
-        {"Authority", keys.GetString("Authority")},
+        {"Authority", keys.GetString("Authority") + UntilText(keys.GetInt64("AuthorityNotAfter"))},
         {"Parent",
          parent.empty() ? KelString("none known") : parent + ", " + keys.GetString("ParentFingerprint")},
         {"Revoked", keys.GetString("RevokedCount") + " certificates"},
@@ -163,6 +167,8 @@ int RunCommand(const CommonOptions& common, const KeysOptions& options) {
             return Change(*remote, common.json, "KeysRevoke", OneText("GUID", options.text));
         case Verb::Join:
             return Change(*remote, common.json, "KeysJoin", OneText("Token", options.text));
+        case Verb::Renew:
+            return Change(*remote, common.json, "KeysRenewKey", {});
         case Verb::ForgetParent:
             return Change(*remote, common.json, "KeysForgetParent", {});
         default:

@@ -179,6 +179,8 @@ void DefineKeys(CLI::App& app, Parsed& parsed) {
     define("join", KeysOptions::Verb::Join, "Join the tree with an invitation, also again")
         ->add_option("TOKEN", keys.text, "The invitation, as 'kel invite' has printed it")
         ->required();
+    define("renew", KeysOptions::Verb::Renew,
+           "Make a new key for this device now, and have the former one revoked");
     define("forget-parent", KeysOptions::Verb::ForgetParent,
            "Learn the key of the parent anew, after the parent was set up again");
     define("begin", KeysOptions::Verb::Begin,

@@ -42,7 +42,7 @@ struct InviteOptions {
 };
 
 struct KeysOptions {
-    enum class Verb : unsigned char { Status, List, Revoke, Join, ForgetParent, Begin, EndPassword };
+    enum class Verb : unsigned char { Status, List, Revoke, Join, ForgetParent, Renew, Begin, EndPassword };
     Verb verb = Verb::Status;
     KelString text;      ///< a GUID to revoke, a token to join with
     bool force = false;  ///< refuse members without keys although there are some

@@ -1,5 +1,7 @@
 #include "kelcore/keys/authority.h"
 
+#include <openssl/x509.h>
+
 #include <algorithm>
 
 #include "kel/checksum.h"
@@ -134,6 +136,11 @@ KelResult<KelCertificate> KelAuthority::Issue(evp_pkey_st* publicKey, const KelD
                         KelFormat("another key is registered for %S; if the device was set up again, revoke "
                                   "the old one on the master first: kel keys revoke %S",
                                   identity.guid, identity.guid)};
+    return IssueAny(publicKey, identity, std::move(issued), now);
+}
+
+KelResult<KelCertificate> KelAuthority::IssueAny(evp_pkey_st* publicKey, const KelDeviceIdentity& identity,
+                                                 KelVector<KelCertificate> issued, std::int64_t now) const {
     auto certificate = issuer_->Issue(publicKey, identity, now);
     if (!certificate) return certificate.Error();
     issued.push_back(*certificate);
@@ -141,7 +148,8 @@ KelResult<KelCertificate> KelAuthority::Issue(evp_pkey_st* publicKey, const KelD
     return certificate;
 }
 
-KelResult<KelCertificate> KelAuthority::Renew(const KelCertificateRequest& request, std::int64_t now) const {
+/// The certificate of the device that asks for another one.
+KelResult<KelCertificate> KelAuthority::Latest(const KelCertificateRequest& request, std::int64_t now) const {
     const auto latest = Find(request.Identity().guid, now);
     if (!latest)
         return KelError{kKelErrorBadInput,
@@ -153,7 +161,54 @@ KelResult<KelCertificate> KelAuthority::Renew(const KelCertificateRequest& reque
         return KelError{kKelErrorBadInput,
                         "the role of a device does not change with its certificate; join it "
                         "again with a new invitation"};
-    return Issue(request.PublicKey(), *identity, now);
+    return *latest;
+}
+
+KelResult<KelCertificate> KelAuthority::Renew(const KelCertificateRequest& request, std::int64_t now) const {
+    if (const auto latest = Latest(request, now); !latest) return latest.Error();
+    const auto issued = Issue(request.PublicKey(), request.Identity(), now);
+    if (!issued) return issued.Error();
+    if (KelStatus retired = RetireOtherKeys(request.Identity().guid, request.Fingerprint(), now); !retired)
+        return retired.Error();
+    return *issued;
+}
+
+KelResult<KelCertificate> KelAuthority::Replace(const KelCertificateRequest& request, std::string_view proof,
+                                                std::int64_t now) const {
+    const auto latest = Latest(request, now);
+    if (!latest) return latest.Error();
+    // An answer may have been lost: then the new key is known already.
+    const bool isKnown = latest->Fingerprint() == request.Fingerprint();
+    if (!isKnown && !IsSignedWith(X509_get0_pubkey(latest->Get()), request.Der(), proof))
+        return KelError{kKelErrorBadInput,
+                        KelFormat("the request for a new key of %S is not signed with its present one",
+                                  request.Identity().guid)};
+    KelVector<KelCertificate> issued = LoadAll(IssuedPath(request.Identity().guid));
+    DropEnded(issued, now);
+    return IssueAny(request.PublicKey(), request.Identity(), std::move(issued), now);
+}
+
+KelResult<KelCertificate> KelAuthority::ReplaceOwn(const KelKeyPair& key, const KelDeviceIdentity& master,
+                                                   std::int64_t now) const {
+    KelVector<KelCertificate> issued = LoadAll(IssuedPath(master.guid));
+    DropEnded(issued, now);
+    return IssueAny(key.Get(), master, std::move(issued), now);
+}
+
+KelStatus KelAuthority::RetireOtherKeys(const KelString& guid, const KelString& fingerprint,
+                                        std::int64_t now) const {
+    KelVector<KelCertificate> issued = LoadAll(IssuedPath(guid));
+    const auto others =
+        std::ranges::stable_partition(issued, [&fingerprint](const KelCertificate& certificate) {
+            return certificate.Fingerprint() == fingerprint;
+        });
+    if (others.empty()) return {};
+    KelVector<KelCertificate> revoked = LoadAll(RevokedPath(guid));
+    revoked.insert(revoked.end(), others.begin(), others.end());
+    if (KelStatus saved = SaveAll(RevokedPath(guid), revoked); !saved) return saved;
+    if (KelStatus listed = WriteList(now); !listed) return listed;
+    issued.erase(others.begin(), others.end());
+    return SaveAll(IssuedPath(guid), issued);
 }
 
 KelStatus KelAuthority::Revoke(const KelString& guid, std::int64_t now) const {

@@ -53,8 +53,20 @@ class KelAuthority {
     KelResult<KelCertificate> Issue(evp_pkey_st* publicKey, const KelDeviceIdentity& identity,
                                     std::int64_t now) const;
 
-    /// Issues the next certificate to a device that has one, for the key that it has.
+    /// Issues the next certificate to a device that has one, for the key that it has. Certificates for other
+    /// keys of the device are revoked: it has this one in use.
     KelResult<KelCertificate> Renew(const KelCertificateRequest& request, std::int64_t now) const;
+
+    /// Issues a certificate for a new key to a device that has one; `proof` is the request, signed with the
+    /// key that it has, whose certificates stay valid until the next Renew.
+    KelResult<KelCertificate> Replace(const KelCertificateRequest& request, std::string_view proof,
+                                      std::int64_t now) const;
+
+    /// The same for the device of this authority, which needs no proof: a certificate for its new key, and
+    /// the end of those for its former one.
+    KelResult<KelCertificate> ReplaceOwn(const KelKeyPair& key, const KelDeviceIdentity& master,
+                                         std::int64_t now) const;
+    KelStatus RetireOtherKeys(const KelString& guid, const KelString& fingerprint, std::int64_t now) const;
 
     /// Revokes all certificates of a device and writes a new list. An error when it has none.
     KelStatus Revoke(const KelString& guid, std::int64_t now) const;
@@ -69,6 +81,9 @@ class KelAuthority {
     KelString IssuedPath(const KelString& guid) const { return folder_ + "/Issued/" + guid + ".pem"; }
     KelString RevokedPath(const KelString& guid) const { return folder_ + "/Revoked/" + guid + ".pem"; }
     KelStatus WriteList(std::int64_t now) const;
+    KelResult<KelCertificate> Latest(const KelCertificateRequest& request, std::int64_t now) const;
+    KelResult<KelCertificate> IssueAny(evp_pkey_st* publicKey, const KelDeviceIdentity& identity,
+                                       KelVector<KelCertificate> issued, std::int64_t now) const;
 
     KelString folder_;
     std::optional<KelIssuer> issuer_;

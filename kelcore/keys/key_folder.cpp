@@ -1,5 +1,7 @@
 #include "kelcore/keys/key_folder.h"
 
+#include <cstdio>
+
 #include "kel/container.h"
 #include "kel/file.h"
 #include "kel/format.h"
@@ -10,6 +12,7 @@
 namespace {
 
 constexpr const char* kKey = "key.pem";
+constexpr const char* kNextKey = "next_key.pem";
 constexpr const char* kDevice = "device.xml";
 constexpr const char* kCertificate = "certificate.pem";
 constexpr const char* kAuthority = "authority.pem";
@@ -84,7 +87,35 @@ KelResult<KelKeyRing::Parts> KelKeyFolder::LoadParts() const {
     }
     parts.certificate = std::move(*certificate);
     parts.authority = std::move(*authority);
+    CompleteNextKey(parts);
     return parts;
+}
+
+/// The certificate is written first: when it is for the next key, that one counts.
+void KelKeyFolder::CompleteNextKey(KelKeyRing::Parts& parts) const {
+    const KelString fingerprint = parts.certificate->Fingerprint();
+    if (KeyFingerprint(parts.key.Get()) == fingerprint) return;
+    auto next = LoadNextKey();
+    if (!next || KeyFingerprint(next->Get()) != fingerprint) return;
+    parts.key = std::move(*next);
+    std::rename(File(kNextKey).c_str(), File(kKey).c_str());
+}
+
+std::optional<KelKeyPair> KelKeyFolder::LoadNextKey() const {
+    if (!FileExists(File(kNextKey))) return std::nullopt;
+    auto key = KelKeyPair::Load(File(kNextKey));
+    return key ? std::optional(std::move(*key)) : std::nullopt;
+}
+
+KelStatus KelKeyFolder::MakeNextKey() const {
+    const auto key = KelKeyPair::Make();
+    return key ? key->Save(File(kNextKey)) : KelStatus(key.Error());
+}
+
+KelStatus KelKeyFolder::TakeNextKey(const KelCertificate& certificate) const {
+    if (KelStatus saved = SaveCertificate(certificate); !saved) return saved;
+    if (std::rename(File(kNextKey).c_str(), File(kKey).c_str()) == 0) return {};
+    return SystemError("A key cannot be renamed:", File(kNextKey));
 }
 
 KelResult<std::shared_ptr<const KelKeyRing>> KelKeyFolder::Load() const {

@@ -9,6 +9,7 @@
 ///
 ///     key.pem          the private key of the device
 ///     device.xml       GUID and Role
+///     next_key.pem     the key that takes its place, until the certificate is for that one
 ///     certificate.pem  of the device, and
 ///     authority.pem    of the tree; both absent until it is enrolled
 ///     revoked.pem      the list of revoked certificates, if there is one
@@ -36,6 +37,13 @@ class KelKeyFolder {
     KelStatus SaveEnrolment(const KelCertificate& certificate, const KelCertificate& authority,
                             const KelString& groupKey) const;
     KelStatus SaveCertificate(const KelCertificate& certificate) const;
+
+    /// The key that is to follow; nothing when there is none.
+    std::optional<KelKeyPair> LoadNextKey() const;
+    KelStatus MakeNextKey() const;
+    /// Puts it in the place of the key, with its certificate. A folder where this was interrupted is
+    /// completed when it is loaded.
+    KelStatus TakeNextKey(const KelCertificate& certificate) const;
     KelStatus SaveRevoked(const KelRevocationList& revoked) const;
     KelStatus SaveParent(const KelParentPin& parent) const;
 
@@ -45,6 +53,7 @@ class KelKeyFolder {
     void DropToken() const;
 
   private:
+    void CompleteNextKey(KelKeyRing::Parts& parts) const;
     KelString File(const char* name) const { return path_ + "/" + name; }
 
     KelString path_;

@@ -79,6 +79,29 @@ KelStatus KelKeyPair::Save(const KelString& path) const {
     return FileWriteText(path, *pem);
 }
 
+KelResult<KelString> KelKeyPair::Sign(std::string_view text) const {
+    const OpenSslOwner<EVP_MD_CTX, &EVP_MD_CTX_free> context(EVP_MD_CTX_new());
+    const auto* bytes = reinterpret_cast<const unsigned char*>(text.data());
+    std::size_t length = 0;
+    if (!context || EVP_DigestSignInit(context.get(), nullptr, EVP_sha256(), nullptr, key_.get()) != 1 ||
+        EVP_DigestSign(context.get(), nullptr, &length, bytes, text.size()) != 1)
+        return OpenSslError("A text cannot be signed");
+    KelString signature(length, '\0');
+    auto* out = reinterpret_cast<unsigned char*>(signature.data());
+    if (EVP_DigestSign(context.get(), out, &length, bytes, text.size()) != 1)
+        return OpenSslError("A text cannot be signed");
+    signature.resize(length);
+    return signature;
+}
+
+bool IsSignedWith(evp_pkey_st* publicKey, std::string_view text, std::string_view signature) {
+    const OpenSslOwner<EVP_MD_CTX, &EVP_MD_CTX_free> context(EVP_MD_CTX_new());
+    return context && EVP_DigestVerifyInit(context.get(), nullptr, EVP_sha256(), nullptr, publicKey) == 1 &&
+           EVP_DigestVerify(context.get(), reinterpret_cast<const unsigned char*>(signature.data()),
+                            signature.size(), reinterpret_cast<const unsigned char*>(text.data()),
+                            text.size()) == 1;
+}
+
 bool IsTreeKey(const evp_pkey_st* key) {
     std::array<char, 64> group{};
     std::size_t length = 0;

@@ -28,11 +28,17 @@ class KelKeyPair {
 
     evp_pkey_st* Get() const { return key_.get(); }
 
+    /// A signature of the text (ECDSA with SHA-256, in DER).
+    KelResult<KelString> Sign(std::string_view text) const;
+
   private:
     explicit KelKeyPair(std::shared_ptr<evp_pkey_st> key) : key_(std::move(key)) {}
 
     std::shared_ptr<evp_pkey_st> key_;
 };
+
+/// True for a signature of this text that Sign has made with the key pair of this public key.
+bool IsSignedWith(evp_pkey_st* publicKey, std::string_view text, std::string_view signature);
 
 /// True for the one kind of key that the devices of a tree have, and for that of publications.
 bool IsTreeKey(const evp_pkey_st* key);

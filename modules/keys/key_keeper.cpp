@@ -52,6 +52,32 @@ KelStatus KeyKeeper::TakeCertificate(const KelCertificate& certificate) {
     return Reload();
 }
 
+std::optional<KelKeyPair> KeyKeeper::NextKey() const {
+    const KelLock lock(mutex_);
+    return folder_.LoadNextKey();
+}
+
+KelStatus KeyKeeper::MakeNextKey() {
+    const KelLock lock(mutex_);
+    return folder_.LoadNextKey() ? KelStatus() : folder_.MakeNextKey();
+}
+
+KelStatus KeyKeeper::TakeNextKey(const KelCertificate& certificate) {
+    const KelLock lock(mutex_);
+    auto next = folder_.LoadNextKey();
+    if (!next) return KelError{kKelFailure, "there is no next key"};
+    KelKeyRing::Parts parts = Current()->Get();
+    parts.key = std::move(*next);
+    parts.certificate = certificate;
+    const auto keys = KelKeyRing::Make(std::move(parts));
+    if (!keys) return keys.Error();
+    const KelString problem =
+        CertificateProblem(certificate, *(*keys)->Get().authority, **keys, std::time(nullptr));
+    if (!problem.empty()) return KelError{kKelFailure, problem};
+    if (KelStatus taken = folder_.TakeNextKey(certificate); !taken) return taken;
+    return Reload();
+}
+
 KelStatus KeyKeeper::TakeRevoked(const KelString& pem) {
     const AgentSecurityKeys keys = Current();
     if (!keys->IsEnrolled()) return KelError{kKelFailure, "this device has not been enrolled yet"};

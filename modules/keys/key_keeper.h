@@ -22,6 +22,11 @@ class KeyKeeper {
                             const KelString& groupKey, const KelParentPin& parent);
     /// The next certificate. An error unless it is of the authority, for this device and its key.
     KelStatus TakeCertificate(const KelCertificate& certificate);
+    /// A key that is to follow the present one; nothing when none was asked for.
+    std::optional<KelKeyPair> NextKey() const;
+    KelStatus MakeNextKey();
+    /// Its certificate, with which it takes the place of the present key.
+    KelStatus TakeNextKey(const KelCertificate& certificate);
     /// A list of revoked certificates in PEM form; ignored unless it is newer than the present one.
     KelStatus TakeRevoked(const KelString& pem);
     KelStatus TakeParent(const KelParentPin& parent);

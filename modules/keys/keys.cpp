@@ -3,6 +3,7 @@
 #include <array>
 #include <ctime>
 
+#include "kel/base64.h"
 #include "kel/format.h"
 #include "kelcore/action_db.h"
 #include "kelcore/agent.h"
@@ -116,9 +117,11 @@ void Keys::Register(const char* handle) {
            .callers = KelCallers::Child | KelCallers::Stranger}},
          {&Keys::Renew,
           {.signature = "KeysRenew",
-           .purpose = "Gives a device its next certificate for the key that it has; asks upwards for it.",
-           .inputs = "string Request (PKCS #10, DER in base64)",
-           .outputs = "string Certificate (PEM)",
+           .purpose = "Gives a device its next certificate, for the key that it has or for a new one; asks "
+                      "upwards for it. One for the key that it has ends those for former keys.",
+           .inputs = "string Request (PKCS #10, DER in base64), string Proof? (for a new key: the DER signed "
+                     "with the present one, ECDSA with SHA-256, in base64)",
+           .outputs = "string Certificate (PEM), string Revoked? (the list, PEM)",
            .results =
                "1 malformed, or the device has no valid certificate; 17 the master cannot be reached now",
            .callers = KelCallers::Child}},
@@ -134,7 +137,8 @@ void Keys::Register(const char* handle) {
            .outputs =
                "container Values {bool IsEnrolled, string GUID, string Role, string Fingerprint (of its "
                "key), int64 NotAfter? (end of its certificate, seconds since the epoch), string Serial?, "
-               "string Authority? (fingerprint), string ParentGuid, string ParentFingerprint (empty: "
+               "string Authority? (fingerprint), int64 AuthorityNotAfter?, string ParentGuid, string "
+               "ParentFingerprint (empty: "
                "not known yet), int64 RevokedNumber, int32 RevokedCount, bool IsInvited, bool "
                "AcceptsPassword (of "
                "members without keys), container PasswordCallers[]? {string Address, int64 LastSeen}}",
@@ -150,6 +154,13 @@ void Keys::Register(const char* handle) {
           {.signature = "KeysForgetParent",
            .purpose = "Has the key of the parent learnt anew, after the parent was set up again.",
            .results = "18 not written",
+           .callers = KelCallers::Local,
+           .changes = true}},
+         {&Keys::RenewKey,
+          {.signature = "KeysRenewKey",
+           .purpose =
+               "Has this device make a new key, get a certificate for it, and its former ones revoked.",
+           .results = "17 the device does not belong to a tree yet; 18 not written",
            .callers = KelCallers::Local,
            .changes = true}},
          {[](Keys& keys, KelContainer* arguments) {
@@ -182,7 +193,8 @@ bool Keys::Step() {
     FollowParent(parent);
     const AgentSecurityKeys keys = keeper_.Current();
     ExamineOwnCertificate(*keys, now);
-    isWorkLeft = !RenewWhenDue(*keys, parent, now) || isWorkLeft;
+    isWorkLeft = !FollowNextKey(parent, now) || isWorkLeft;
+    isWorkLeft = !RenewWhenDue(*keeper_.Current(), parent, now) || isWorkLeft;
     if (parent.port != 0) isWorkLeft = !FetchRevoked(parent) || isWorkLeft;
     return isWorkLeft;
 }
@@ -250,8 +262,9 @@ void Keys::ExamineOwnCertificate(const KelKeyRing& keys, std::int64_t now) {
 }
 
 bool Keys::RenewWhenDue(const KelKeyRing& keys, const ParentPlaces& parent, std::int64_t now) {
-    if (!IsRenewalDue(*keys.Get().certificate, now)) return true;
-    if (renewed_ && std::chrono::steady_clock::now() - *renewed_ < kRenewalPause) return true;
+    if (!mustConfirm_ && !IsRenewalDue(*keys.Get().certificate, now)) return true;
+    if (!mustConfirm_ && renewed_ && std::chrono::steady_clock::now() - *renewed_ < kRenewalPause)
+        return true;
     const auto fail = [&](const KelString& problem) {
         failures_.Failed(
             KelDebugLevel::Warning, "renewal",
@@ -272,15 +285,67 @@ bool Keys::RenewWhenDue(const KelKeyRing& keys, const ParentPlaces& parent, std:
         ParentCall call{keeper_.Current(), {}};
         if (CallParent(parent, "KeysRenew", container, call) != kKelOk) return fail(call.problem);
         pem = container.GetString("Certificate");
+        TakeList(container.GetString("Revoked"));
     }
     const auto certificate = KelCertificate::FromPem(pem);
     if (!certificate) return fail(certificate.Error().message);
     if (const KelStatus taken = keeper_.TakeCertificate(*certificate); !taken)
         return fail(taken.Error().message);
     renewed_ = std::chrono::steady_clock::now();
+    mustConfirm_ = false;
+    TakeOwnList();
     failures_.Succeeded("renewal", "The certificate of this device can be renewed again");
     Log().Print("The certificate of this device was renewed; it is valid until %S\n",
                 DateOf(certificate->NotAfter()));
+    return true;
+}
+
+/// A list of revoked certificates, which may be empty.
+void Keys::TakeList(const KelString& pem) {
+    const KelStatus taken = pem.empty() ? KelStatus() : keeper_.TakeRevoked(pem);
+    if (taken)
+        failures_.Succeeded("revoked", "The list of revoked certificates is good again");
+    else
+        failures_.Failed(KelDebugLevel::Error, "revoked",
+                         "The list of revoked certificates is not used: " + taken.Error().message);
+}
+
+/// On the master, which has no parent to fetch it from.
+void Keys::TakeOwnList() {
+    const auto revoked = master_ ? master_->Revoked() : KelResult<KelRevocationList>(KelRevocationList());
+    if (revoked) TakeList(revoked->Pem());
+}
+
+KelResult<KelCertificate> Keys::AskForNextKey(const KelKeyPair& next, const ParentPlaces& parent,
+                                              std::int64_t now) {
+    const AgentSecurityKeys keys = keeper_.Current();
+    if (master_) return master_->ReplaceOwn(next, keys->Get().device, now);
+    const auto request = KelCertificateRequest::Make(next, keys->Get().device);
+    if (!request) return request.Error();
+    const auto proof = keys->Get().key.Sign(request->Der());
+    if (!proof) return proof.Error();
+    KelContainer container = RequestContainer(*request);
+    container.SetString("Proof", Base64Encode(*proof));
+    ParentCall call{keys, {}};
+    if (CallParent(parent, "KeysRenew", container, call) != kKelOk)
+        return KelError{kKelErrorNotAvailable, call.problem};
+    return KelCertificate::FromPem(container.GetString("Certificate"));
+}
+
+/// Has the key replaced when that was asked for.
+bool Keys::FollowNextKey(const ParentPlaces& parent, std::int64_t now) {
+    const auto next = keeper_.NextKey();
+    if (!next) return true;
+    const auto certificate = AskForNextKey(*next, parent, now);
+    const KelStatus taken = certificate ? keeper_.TakeNextKey(*certificate) : KelStatus(certificate.Error());
+    if (!taken) {
+        failures_.Failed(KelDebugLevel::Warning, "next key",
+                         "The key of this device cannot be replaced now: " + taken.Error().message);
+        return false;
+    }
+    failures_.Succeeded("next key", "The key of this device can be replaced again");
+    mustConfirm_ = true;
+    Log().Print("This device has a new key: %S\n", certificate->Fingerprint());
     return true;
 }
 
@@ -296,13 +361,7 @@ bool Keys::FetchRevoked(const ParentPlaces& parent) {
         return false;
     }
     NoteParent(call.peer);
-    const KelString revoked = container.GetString("Revoked");
-    const KelStatus taken = revoked.empty() ? KelStatus() : keeper_.TakeRevoked(revoked);
-    if (taken)
-        failures_.Succeeded("revoked", "The parent's list of revoked certificates is good again");
-    else
-        failures_.Failed(KelDebugLevel::Error, "revoked",
-                         "The parent's list of revoked certificates is not used: " + taken.Error().message);
+    TakeList(container.GetString("Revoked"));
     return true;
 }
 
@@ -332,7 +391,10 @@ void Keys::FollowReplacedParent(const ParentPlaces& parent) {
     if (CallParent(parent, "KeysGetRevoked", container, call) != kKelOk) return;
     const KelString revoked = container.GetString("Revoked");
     if (!revoked.empty() && !keeper_.TakeRevoked(revoked)) return;
-    if (!keeper_.Current()->Get().revoked.Has(former.serial) || !keeper_.TakeParent(parts.parent)) return;
+    const KelRevocationList& known = keeper_.Current()->Get().revoked;
+    if (call.peer.guid == former.guid && !known.Has(call.peer.serial))  // the same device with a new key
+        parts.parent = {parent.written, call.peer.guid, call.peer.fingerprint, call.peer.serial};
+    if (!known.Has(former.serial) || !keeper_.TakeParent(parts.parent)) return;
     Log().Print("The certificate of the former parent, %S, was revoked; %S is there in its place\n",
                 former.guid, call.peer.guid);
     thread_.Signal(0);

@@ -40,6 +40,7 @@ class Keys final : public KelModule {
     unsigned int GetValues(KelContainer* arguments);
     unsigned int Join(KelContainer* arguments);
     unsigned int ForgetParent(KelContainer* arguments);
+    unsigned int RenewKey(KelContainer* arguments);
     unsigned int Invite(KelContainer* arguments);
     unsigned int Revoke(KelContainer* arguments);
     unsigned int List(KelContainer* arguments);
@@ -55,6 +56,11 @@ class Keys final : public KelModule {
     void FollowParent(const ParentPlaces& parent);
     void ExamineOwnCertificate(const KelKeyRing& keys, std::int64_t now);
     bool RenewWhenDue(const KelKeyRing& keys, const ParentPlaces& parent, std::int64_t now);
+    bool FollowNextKey(const ParentPlaces& parent, std::int64_t now);
+    KelResult<KelCertificate> AskForNextKey(const KelKeyPair& next, const ParentPlaces& parent,
+                                            std::int64_t now);
+    void TakeList(const KelString& pem);
+    void TakeOwnList();
     bool FetchRevoked(const ParentPlaces& parent);
     void NoteParent(const KelTlsPeer& peer);
     void FollowReplacedParent(const ParentPlaces& parent);
@@ -66,6 +72,9 @@ class Keys final : public KelModule {
     /// When the last certificate came: one that is due again at once, by a wrong clock, has to wait for a
     /// day.
     std::optional<std::chrono::steady_clock::time_point> renewed_;
+    /// The certificate is for a new key: renewing it once shows the authority that the former one is not
+    /// needed any more.
+    bool mustConfirm_ = false;
     std::atomic<std::uint32_t> checkSeconds_ = 0;
     std::atomic<std::uint32_t> retrySeconds_ = 0;
     KelPeriodicThread thread_;

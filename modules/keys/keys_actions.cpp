@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <ctime>
 
+#include "kel/base64.h"
 #include "kel/format.h"
 #include "kelcore/action_db.h"
 #include "kelcore/device_name.h"
@@ -149,17 +150,25 @@ unsigned int Keys::EnrolAnyone(KelContainer* arguments) {
 unsigned int Keys::Renew(KelContainer* arguments) {
     const auto request = RequestFromBase64(arguments->GetString("Request"));
     if (!request) return Fail(arguments, {kKelErrorBadInput, request.Error().message});
+    const KelString proof = arguments->GetString("Proof");
     if (!master_) {
-        static constexpr const char* kResults[] = {"Certificate"};
+        static constexpr const char* kResults[] = {"Certificate", "Revoked"};
         *arguments = RequestContainer(*request);
+        if (!proof.empty()) arguments->SetString("Proof", proof);
         return PassUp("KeysRenew", arguments, kResults);
     }
-    const auto certificate = master_->Renew(*request, std::time(nullptr));
+    const std::int64_t now = std::time(nullptr);
+    const auto certificate = proof.empty()
+                                 ? master_->Renew(*request, now)
+                                 : master_->Replace(*request, Base64Decode(proof).value_or(KelString()), now);
     if (!certificate) return Fail(arguments, certificate.Error());
     const auto pem = certificate->ToPem();
     if (!pem) return Fail(arguments, {kKelErrorInternal, pem.Error().message});
+    TakeOwnList();
     arguments->Clear();
     arguments->SetString("Certificate", *pem);
+    if (const KelString& revoked = keeper_.Current()->Get().revoked.Pem(); !revoked.empty())
+        arguments->SetString("Revoked", revoked);
     return kKelOk;
 }
 
@@ -185,6 +194,7 @@ unsigned int Keys::GetValues(KelContainer* arguments) {
         values.SetInt64("NotAfter", parts.certificate->NotAfter());
         values.SetString("Serial", parts.certificate->Serial());
         values.SetString("Authority", parts.authority->Fingerprint());
+        values.SetInt64("AuthorityNotAfter", parts.authority->NotAfter());
     }
     values.SetString("ParentGuid", parts.parent.guid);
     values.SetString("ParentFingerprint", parts.parent.fingerprint);
@@ -218,6 +228,16 @@ unsigned int Keys::Join(KelContainer* arguments) {
 unsigned int Keys::ForgetParent(KelContainer* arguments) {
     if (const KelStatus kept = keeper_.TakeParent({}); !kept)
         return Fail(arguments, {kKelErrorInternal, kept.Error().message});
+    arguments->Clear();
+    thread_.Signal(0);
+    return kKelOk;
+}
+
+unsigned int Keys::RenewKey(KelContainer* arguments) {
+    if (!keeper_.Current()->IsEnrolled())
+        return Fail(arguments, {kKelErrorNotAvailable, "this device does not belong to a tree yet"});
+    if (const KelStatus made = keeper_.MakeNextKey(); !made)
+        return Fail(arguments, {kKelErrorInternal, made.Error().message});
     arguments->Clear();
     thread_.Signal(0);
     return kKelOk;

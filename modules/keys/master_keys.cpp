@@ -22,7 +22,22 @@ KelResult<KelCertificate> MasterKeys::Renew(const KelCertificateRequest& request
 KelResult<KelCertificate> MasterKeys::IssueOwn(const KelKeyPair& key, const KelDeviceIdentity& master,
                                                std::int64_t now) {
     const KelLock lock(mutex_);
-    return authority_.Issue(key.Get(), master, now);
+    const auto issued = authority_.Issue(key.Get(), master, now);
+    if (!issued) return issued.Error();
+    const KelStatus retired = authority_.RetireOtherKeys(master.guid, issued->Fingerprint(), now);
+    return retired ? issued : KelResult<KelCertificate>(retired.Error());
+}
+
+KelResult<KelCertificate> MasterKeys::Replace(const KelCertificateRequest& request, std::string_view proof,
+                                              std::int64_t now) {
+    const KelLock lock(mutex_);
+    return authority_.Replace(request, proof, now);
+}
+
+KelResult<KelCertificate> MasterKeys::ReplaceOwn(const KelKeyPair& key, const KelDeviceIdentity& master,
+                                                 std::int64_t now) {
+    const KelLock lock(mutex_);
+    return authority_.ReplaceOwn(key, master, now);
 }
 
 KelResult<KelInvitation> MasterKeys::Invite(const KelString& ownGuid, const KelInvitations::Offer& offer,

@@ -16,9 +16,14 @@ class MasterKeys {
 
     KelResult<KelCertificate> Enrol(const KelEnrolRequest& request, std::int64_t now);
     KelResult<KelCertificate> Renew(const KelCertificateRequest& request, std::int64_t now);
-    /// The next certificate of the master itself.
+    /// The next certificate of the master itself; those for a former key are revoked.
     KelResult<KelCertificate> IssueOwn(const KelKeyPair& key, const KelDeviceIdentity& master,
                                        std::int64_t now);
+    /// See KelAuthority.
+    KelResult<KelCertificate> Replace(const KelCertificateRequest& request, std::string_view proof,
+                                      std::int64_t now);
+    KelResult<KelCertificate> ReplaceOwn(const KelKeyPair& key, const KelDeviceIdentity& master,
+                                         std::int64_t now);
     KelResult<KelInvitation> Invite(const KelString& ownGuid, const KelInvitations::Offer& offer,
                                     std::int64_t now);
     /// The list with the certificates of this device.

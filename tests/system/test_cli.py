@@ -33,7 +33,7 @@ class JsonTest(SystemTest):
             # These say nothing here, print what is no list, or were run above.
             others = {"init", "restore", "settings", "resume", "wake", "send", "call", "completion", "manual", "devices remove",
                       "keys revoke", "keys join", "keys forget-parent", "password rotate", "password end",
-                      "keys begin", "keys end-password"}
+                      "keys begin", "keys end-password", "keys renew"}
             commands = run("completion", "commands")
             self.assertEqual({command["name"] for command in commands}, {*lines, *others})
             for command, arguments in lines.items():

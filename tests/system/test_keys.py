@@ -91,6 +91,7 @@ class KeysTest(SystemTest):
             self.readers(tree, master, relay, client)
             self.steering(master, relay, client)
             self.strangers(tree, master, relay, client)
+            self.new_key(master, relay, client)
             self.impostor(tree, relay, client)
             self.renewal(tree, relay)
             again = self.replacement(tree, master, relay, client)
@@ -150,6 +151,18 @@ class KeysTest(SystemTest):
                 contextlib.suppress(ConnectionResetError):
             plain.sendall(b"GET / HTTP/1.1\r\nHost: x\r\n\r\n")
             self.assertNotIn(b"HTTP", plain.recv(1000))
+
+    def new_key(self, master, relay, client):
+        """A relay replaces its key while it runs; the client, which knew it by the former one, follows."""
+        former = relay.call("KeysGetValues")["Values"]["Fingerprint"]
+        relay.kel("keys", "renew")
+
+        def has_followed():
+            values = client.call("KeysGetValues")["Values"]
+            return values["ParentFingerprint"] != former and values["ParentGuid"] == relay.guid and client.in_sync()
+        wait_until(has_followed, 30, "the client follows the new key")
+        self.assertEqual({(item["key"] == former, item["revoked"]) for item in master.kel("keys", "list")
+                          if item["guid"] == relay.guid}, {(True, True), (False, False)})
 
     def impostor(self, tree, relay, client):
         self.assertEqual(relay.stop(), 0)

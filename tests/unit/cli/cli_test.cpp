@@ -489,6 +489,24 @@ TEST(DoctorTest, AParentMustAnswerFromTheAddressOfItsNameWithTheSameClock) {
     }
 }
 
+TEST(DoctorTest, CertificatesThatEndAreReportedInTime) {
+    constexpr std::int64_t kNow = 1'800'000'000;
+    constexpr std::int64_t kDay = 86400;
+    for (const auto& [authority, own, troubles] :
+         std::initializer_list<std::tuple<int, int, const char*>>{{366, 61, ""},
+                                                                  {364, 61, "keys warning; "},
+                                                                  {0, 61, "keys problem; "},
+                                                                  {366, 59, "keys warning; "},
+                                                                  {366, 0, "keys problem; "}}) {
+        KelContainer keys;
+        keys.SetBool("IsEnrolled", true);
+        keys.SetInt64("AuthorityNotAfter", kNow + authority * kDay);
+        keys.SetInt64("NotAfter", kNow + own * kDay);
+        EXPECT_EQ(Troubles(ExamineKeys(keys, kNow)), troubles) << authority << " " << own;
+    }
+    EXPECT_TRUE(ExamineKeys({}, kNow).empty()) << "a plain tree";
+}
+
 TEST(DoctorTest, VersionsOfParentAndChildrenMustBeTheInstalledOne) {
     const KelString own = KelVersion();
     for (const auto& [running, parent, child, found] :

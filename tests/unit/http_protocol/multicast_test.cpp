@@ -1,3 +1,4 @@
+#include "kelcore/tree_passwords.h"
 #include "modules/http_protocol/block_map.h"
 #include "modules/http_protocol/multicast_receiver.h"
 #include "multicast_fixture.h"
@@ -53,6 +54,7 @@ TEST_F(MulticastTest, DropsAndCountsWhatIsNotOfTheTransfer) {
         std::string text = good;
         return text.replace(text.find(from), from.size(), to);
     };
+    TreePasswords().Set({"secret", "former"});  // the password is being changed
     ASSERT_EQ(Listen(Order(content)), 0U);
     const std::string foreign[] = {
         datagram(with(transfer, &MulticastTransfer::urlPath, KelString("/Store/b")), "secret", 0, evil),
@@ -97,7 +99,7 @@ TEST_F(MulticastTest, DropsAndCountsWhatIsNotOfTheTransfer) {
           std::span<const std::string>(misplaced), std::span<const std::string>(malformed)})
         for (const std::string& each : group)
             SendRaw(each);
-    SendRaw(good);
+    SendRaw(datagram(transfer, "former", 0, first));
     SendRaw(good);
     SendRaw(flipped);
     EXPECT_TRUE(Reaches(" 1-8"));

@@ -118,6 +118,26 @@ TEST_F(KeysTest, ARevokedDeviceIsTrustedByNoRingThatKnowsTheListAndItsGuidIsFree
                                             authority_.Certificate()));
 }
 
+TEST_F(KeysTest, ANewKeyNeedsTheProofOfTheFormerOneAndEndsItOnceItIsInUse) {
+    const KelCertificate former = Made(authority_.Issue(clientKey_.Get(), kClient, kNow));
+    const KelKeyPair next = Made(KelKeyPair::Make());
+    const KelCertificateRequest request = Made(KelCertificateRequest::Make(next, kClient));
+    for (const KelString& proof : {KelString(), Made(relayKey_.Sign(request.Der())),
+                                   Made(next.Sign(request.Der())), Made(clientKey_.Sign("another text"))})
+        EXPECT_THAT(ErrorOf(authority_.Replace(request, proof, kNow)), HasSubstr("not signed"));
+    EXPECT_THAT(ErrorOf(authority_.Renew(request, kNow)), HasSubstr("another key"));
+
+    const KelString proof = Made(clientKey_.Sign(request.Der()));
+    for (int i = 0; i < 2; ++i)  // the first answer may have been lost
+        EXPECT_EQ(Made(authority_.Replace(request, proof, kNow)).Fingerprint(), KeyFingerprint(next.Get()));
+    EXPECT_EQ(Made(authority_.Revoked()).Count(), 0U);
+    const KelCertificate latest = Made(authority_.Renew(request, kNow));
+    const KelRevocationList revoked = Made(authority_.Revoked());
+    EXPECT_EQ(revoked.Count(), 1U);
+    EXPECT_TRUE(revoked.Has(former.Serial()));
+    EXPECT_EQ(authority_.Find(kClient.guid, kNow)->Serial(), latest.Serial());
+}
+
 TEST_F(KeysTest, AnInvitationEnrolsAsManyDevicesAsItSaysAndNoneWithoutItsSecret) {
     const KelInvitation made =
         Made(invitations_.Make(kRelay.guid, {1, kNow + kDay, KelDeviceRole::Relay}, kNow));
@@ -215,6 +235,15 @@ TEST_F(KeysTest, AFolderGivesTheRingAgainAndRefusesPartsOfAnother) {
     EXPECT_EQ(ring->ExpectedAt("10.0.0.1", 1610).fingerprint, relay.Fingerprint());
     EXPECT_TRUE(ring->ExpectedAt("10.0.0.1", 1611).guid.empty());
 
+    for (const bool isInterrupted : {false, true}) {
+        ASSERT_TRUE(keys.MakeNextKey());
+        const KelKeyPair next = keys.LoadNextKey().value();
+        ASSERT_TRUE(authority_.Revoke(kClient.guid, kNow));
+        const KelCertificate certificate = Made(authority_.Issue(next.Get(), kClient, kNow));
+        ASSERT_TRUE(isInterrupted ? keys.SaveCertificate(certificate) : keys.TakeNextKey(certificate));
+        EXPECT_EQ(KeyFingerprint(Made(keys.Load())->Get().key.Get()), KeyFingerprint(next.Get()));
+        EXPECT_FALSE(keys.LoadNextKey());
+    }
     ASSERT_TRUE(keys.SaveCertificate(relay));
     EXPECT_THAT(ErrorOf(keys.Load()), HasSubstr("another key"));
     std::filesystem::permissions(folder_ / "Keys/key.pem", std::filesystem::perms(0644));
