@@ -3,6 +3,7 @@
 Run by `./dev package --test`, which has built the packages. The version that the guide upgrades to is this build under a
 later number."""
 
+import functools
 import unittest
 
 from machines import BUILD, Machines, build_packages, why_not
@@ -27,10 +28,11 @@ class GuideTest(unittest.TestCase):
         reader = Reader(machines.run, NEW=LATER, OLD=version)
         blocks = [block for block in read_blocks() if block.mark in ("", "machines")]
         upgrade = next((i for i, block in enumerate(blocks) if "_NEW_" in block.text), len(blocks))
-        reader.follow(blocks[:upgrade])
+        tell = functools.partial(print, flush=True)
+        reader.follow(blocks[:upgrade], tell)
         for machine in machines.machines.values():
             machine.put(*later.glob("*.deb"))
-        reader.follow(blocks[upgrade:])
+        reader.follow(blocks[upgrade:], tell)
 
 
 if __name__ == "__main__":

@@ -27,8 +27,8 @@ NOT_RUN = 0  # blocks that no test can run, at most
 COMMANDS = re.compile(r"^(\$|sudo|kel|kelagent|apt|systemctl|journalctl) .*", re.MULTILINE)
 # Commands that only look: what they show may take a while to come. Those that end something are refused for a while.
 LOOKS = re.compile(r"(kel( --json| --device \S+)* (audit|collected|devices|doctor|files|inbox|keys|multicast|"
-                   r"publications|status|top|why|windows)|kel password end|kel keys end-password|journalctl|systemctl status)( (list|get|-\S+|[A-Z]+|\S+\.bin))*"
-                   r"\s*(#.*)?\n")
+                   r"publications|status|top|why|windows)|kel password end|kel keys end-password|systemctl status)"
+                   r"( (list|get|-\S+|[A-Z]+|\S+\.bin))*\s*(#.*)?\n|journalctl [^|]*")
 SECONDS = 150
 # What readers have in their home folder, with the number of bytes.
 FILES = {"update.bin": 1 << 20, "inventory.xml": 2000, "release/bin/run.sh": 300, "release/README": 100}
@@ -151,10 +151,11 @@ class Reader:
         except NotInTime:
             raise missed[-1] from None
 
-    def follow(self, blocks):
+    def follow(self, blocks, tell):
+        """Runs blocks; `tell` is called with a line about each one before."""
         begin = time.monotonic()
         for block in blocks:
-            print(f"  {time.monotonic() - begin:4.0f} s  {block}", flush=True)
+            tell(f"  {time.monotonic() - begin:4.0f} s  {block}")
             try:
                 for device in block.devices():
                     for command, shown in block.steps():
