@@ -58,7 +58,7 @@ bool FileCopyContent(int source, int destination) {
         // whatever is left is copied below.
         if (copied <= 0) break;
     }
-    const auto buffer = std::make_unique<char[]>(kBufferBytes);
+    const auto buffer = std::make_unique_for_overwrite<char[]>(kBufferBytes);
     for (;;) {
         const ssize_t got = ::read(source, buffer.get(), kBufferBytes);
         if (got < 0 && errno == EINTR) continue;
