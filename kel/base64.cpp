@@ -23,14 +23,15 @@ std::uint32_t ByteAt(std::string_view bytes, std::size_t index) {
 }  // namespace
 
 KelString Base64Encode(std::string_view bytes) {
-    KelString text;
-    text.reserve((bytes.size() + 2) / 3 * 4);
+    KelString text((bytes.size() + 2) / 3 * 4, '=');
+    char* next = text.data();
     for (std::size_t i = 0; i < bytes.size(); i += 3) {
         const std::uint32_t group = ByteAt(bytes, i) << 16 | ByteAt(bytes, i + 1) << 8 | ByteAt(bytes, i + 2);
-        text += kAlphabet[group >> 18];
-        text += kAlphabet[group >> 12 & 63];
-        text += i + 1 < bytes.size() ? kAlphabet[group >> 6 & 63] : '=';
-        text += i + 2 < bytes.size() ? kAlphabet[group & 63] : '=';
+        next[0] = kAlphabet[group >> 18];
+        next[1] = kAlphabet[group >> 12 & 63];
+        if (i + 1 < bytes.size()) next[2] = kAlphabet[group >> 6 & 63];
+        if (i + 2 < bytes.size()) next[3] = kAlphabet[group & 63];
+        next += 4;
     }
     return text;
 }

@@ -1,13 +1,15 @@
 #!/usr/bin/env python3
-"""Many small files upstream, compared with curl to nginx: many_files.py BIN [--files N]
+"""Many small files upstream, compared with a loop and with curl to nginx: many_files.py BIN [--files N] [--no-curl]
 
-Real agents: a relay hands N files of 4 KiB over to its store (kel send) while its transfer window is closed; then the
-window opens and they travel to the master, whose delivery module collects them. This is done once with single files and
-once with packed ones. The script prints the files per second of both steps; everything is synced at each step. For
-comparison, curl uploads the same files to nginx (WebDAV, 8 connections), which does not sync; a sync of its folder
-follows.
+Real agents: relays hand files of 4 KiB over to their stores (kel send) while their transfer windows are closed; then the
+windows open and the files travel to the master, whose delivery module collects them. This is done with N single files of
+one relay, with N packed ones, and with N single files of eight relays at once. The script prints the files per second of
+both steps and the processor time of all agents for one file; everything is synced at each step. For comparison, on the
+same disk and before each of them, a loop writes, syncs and renames one file at a time and syncs the folder; and curl
+uploads the same files to nginx (WebDAV, 8 connections), which does not sync; a sync of its folder follows.
 """
 import argparse
+import concurrent.futures
 import os
 import pathlib
 import subprocess
@@ -23,6 +25,8 @@ from tree import Tree, wait_until  # noqa: E402
 
 FILE_BYTES = 4096
 BATCH = 2000  # files per command
+LOOP_FILES = 1000
+CLIENTS = 8
 WAIT_SECONDS = 1800
 
 
@@ -37,25 +41,62 @@ def collected(master):
     return sum(len(names) for _, _, names in os.walk(master.data / "Delivery" / "Collected"))
 
 
-def agents_upstream(build, files, packed):
-    """Files per second from a relay to the master."""
-    with Tree(build, [0]) as tree:
-        relay = tree.relays[0]
-        if packed:
+def loop(folder):
+    """Files per second of a loop that has one file at a time on the disk."""
+    folder.mkdir()
+    opened = os.open(folder, os.O_RDONLY | os.O_DIRECTORY)
+    content = os.urandom(FILE_BYTES)
+    begin = time.monotonic()
+    for number in range(LOOP_FILES):
+        file = os.open(folder / "new", os.O_WRONLY | os.O_CREAT | os.O_EXCL, 0o600)
+        os.write(file, content)
+        os.fsync(file)
+        os.close(file)
+        os.rename(folder / "new", folder / str(number))
+        os.fsync(opened)
+    os.close(opened)
+    return LOOP_FILES / (time.monotonic() - begin)
+
+
+def processor_seconds(agents):
+    ticks = 0
+    for agent in agents:
+        stat = pathlib.Path(f"/proc/{agent.process.pid}/stat").read_text().rsplit(")", 1)[1].split()
+        ticks += int(stat[11]) + int(stat[12])
+    return ticks / os.sysconf("SC_CLK_TCK")
+
+
+def hand_over(relay, files):
+    for first in range(0, len(files), BATCH):
+        relay.kel("send", *files[first:first + BATCH], "--type", "Bench", "--label", "many", timeout=WAIT_SECONDS)
+
+
+def agents_upstream(build, files, clients=1, packed=False):
+    """Files per second from relays to the master, of which each sends a part of the files; and those of the loop."""
+    with Tree(build, [0] * clients) as tree, concurrent.futures.ThreadPoolExecutor(clients) as pool:
+        for relay in tree.relays if packed else []:
             relay.set_ini("FileStore", "UploadPolicy", "ConcatFiles", "auto")
             relay.set_ini("FileStore", "UploadPolicy", "MaxFilesToConcat", 1000)
         tree.start()
-        relay.call("TransferWindowSetWindow", Direction=1, Slots="0", SlotType=2, UseUTCTime=True)
+
+        def set_windows(slots):
+            for relay in tree.relays:
+                relay.call("TransferWindowSetWindow", Direction=1, Slots=slots, SlotType=2, UseUTCTime=True)
+        set_windows("0")
         begin = time.monotonic()
-        for first in range(0, len(files), BATCH):
-            relay.kel("send", *files[first:first + BATCH], "--type", "Bench", "--label", "many", timeout=WAIT_SECONDS)
+        list(pool.map(hand_over, tree.relays, [files[number::clients] for number in range(clients)]))
         handed_over = time.monotonic() - begin
+        looped = loop(tree.folder / "loop")
+        used = processor_seconds(tree.agents)
         begin = time.monotonic()
-        relay.call("TransferWindowSetWindow", Direction=1, Slots="", SlotType=2, UseUTCTime=True)
+        set_windows("")
         wait_until(lambda: collected(tree.master) >= len(files), WAIT_SECONDS, "all files at the master")
         seconds = time.monotonic() - begin
-    print(f"  {'packed' if packed else 'singly':8} {len(files) / seconds:8.0f} files/s  "
-          f"({seconds:.1f} s); handed over before at {len(files) / handed_over:.0f} files/s", flush=True)
+        used = processor_seconds(tree.agents) - used
+    name = "packed" if packed else f"{clients} at once" if clients > 1 else "singly"
+    print(f"  {name:10} {len(files) / seconds:6.0f} files/s, {len(files) / seconds / looped:.2f} times the loop "
+          f"({looped:.0f} files/s); processor time {used / len(files) * 1000:.2f} ms a file; handed over before at "
+          f"{len(files) / handed_over:.0f} files/s; load average {os.getloadavg()[0]:.1f}", flush=True)
     return len(files) / seconds
 
 
@@ -79,7 +120,7 @@ def curl_to_nginx(files):
                 raise SystemExit("nginx did not store all files")
         finally:
             nginx.stop()
-    print(f"  {'curl':8} {len(files) / seconds:8.0f} files/s  ({seconds:.1f} s)", flush=True)
+    print(f"  {'curl':10} {len(files) / seconds:8.0f} files/s  ({seconds:.1f} s)", flush=True)
     return len(files) / seconds
 
 
@@ -87,15 +128,16 @@ def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("binaries", type=lambda text: pathlib.Path(text).resolve(), help="folder of the programs")
     parser.add_argument("--files", type=int, default=10000)
+    parser.add_argument("--no-curl", action="store_true")
     options = parser.parse_args()
     with tempfile.TemporaryDirectory() as root:
         files = make_files(pathlib.Path(root) / "files", options.files)
         print(f"\n{len(files)} files of {FILE_BYTES} bytes upstream")
-        peer = curl_to_nginx(files)
-        for packed in (False, True):
-            ratio = agents_upstream(options.binaries.parent, files, packed) / peer
-            print(f"  ratio {'packed' if packed else 'singly'} / curl to nginx: {ratio:.3f}; "
-                  f"load average {os.getloadavg()[0]:.1f}")
+        peer = None if options.no_curl else curl_to_nginx(files)
+        for clients, packed in ((1, False), (1, True), (CLIENTS, False)):
+            speed = agents_upstream(options.binaries.parent, files, clients, packed)
+            if peer:
+                print(f"             {speed / peer:.3f} times curl to nginx")
 
 
 if __name__ == "__main__":

@@ -15,8 +15,8 @@ constexpr char kLiesAt[] = " AND substr(FilePath, -length('%Q')) = '%Q'";
 constexpr char kExternal[] =
     "SELECT FilePath FROM Files WHERE ExternalFile <> 0 AND substr(FilePath, 1, length('%Q')) = '%Q'";
 constexpr char kLike[] =
-    "SELECT %s FROM Files INDEXED BY FilesChecksum WHERE FileChecksum = '%Q' AND FileSize = %ld AND "
-    "ExternalFile = 0 AND FileStatus <> '%s' AND Files.FileId <> %lu LIMIT 4";
+    "SELECT %s FROM Files INDEXED BY FilesChecksum WHERE FileChecksum = ? AND FileSize = ? AND ExternalFile "
+    "= 0 AND FileStatus <> ? AND Files.FileId <> ? LIMIT 4";
 // "+": in the order of the rows, not by way of an index on the status.
 constexpr char kWithContent[] =
     "SELECT %s FROM Files WHERE FileId > %lu AND +FileStatus IN (%s) ORDER BY FileId LIMIT %u";
@@ -25,8 +25,7 @@ DBConnection& Connection(Side side) {
     return FileStoreGetDatabase(side).connection;
 }
 
-FileRows Read(Side side, const KelString& statement) {
-    const auto found = Connection(side).Query(statement);
+FileRows Read(const std::shared_ptr<const DBResult>& found) {
     FileRows rows(found ? found->GetRowCount() : 0);
     for (std::size_t i = 0; i < rows.size(); ++i) {
         RowReader row(*found, i);
@@ -64,13 +63,15 @@ std::optional<std::set<KelString>> SelectExternalPaths(Side side, const KelStrin
 }
 
 FileRows SelectRowsWithContent(Side side, std::uint64_t fileId, unsigned int limit) {
-    return Read(side, KelFormat(kWithContent, FileStoreEntry::kColumns, fileId,
-                                StatusesWithContent(side).c_str(), limit));
+    return Read(Connection(side).Query(
+        KelFormat(kWithContent, FileStoreEntry::kColumns, fileId, StatusesWithContent(side).c_str(), limit)));
 }
 
 FileRows SelectFilesLike(const FileStoreEntry& file) {
-    return Read(Side::Upstream, KelFormat(kLike, FileStoreEntry::kColumns, file.FileChecksum, file.FileSize,
-                                          kStatusReceiving, file.FileId));
+    static const KelString statement = KelFormat(kLike, FileStoreEntry::kColumns);
+    const DBValue values[] = {file.FileChecksum, file.FileSize, KelString(kStatusReceiving),
+                              static_cast<std::int64_t>(file.FileId)};
+    return Read(Connection(Side::Upstream).Query(statement, values));
 }
 
 }  // namespace filestore

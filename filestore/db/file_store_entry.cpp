@@ -1,6 +1,7 @@
 #include "filestore/db/file_store_entry.h"
 
 #include <algorithm>
+#include <array>
 #include <ctime>
 
 #include "filestore/db/database.h"
@@ -20,11 +21,7 @@ constexpr char kInsert[] =
     "LastStatusChangeTime, SourceDevice, FirstRelay, FileInfo, MulticastTransferToBeStarted, "
     "MulticastAddress, "
     "MulticastPort, MulticastBlockSize, MulticastRetryNumber, TransportMode, LastRequestTime, Repeated) "
-    "VALUES (%lu, "
-    "'%Q', "
-    "'%Q', '%Q', '%Q', %lu, '%Q', '%Q', '%Q', %u, %u, %u, %u, %u, %u, %lu, %lu, %lu, '%Q', '%Q', '%Q', %u, "
-    "'%Q', "
-    "%u, %u, %u, '%Q', %lu, %u)";
+    "VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)";
 
 constexpr char kUpdate[] =
     "UPDATE Files SET FileType = '%Q', FileLabel = '%Q', FileName = '%Q', FileChecksum = '%Q', FileSize = "
@@ -43,20 +40,48 @@ std::uint64_t NotNegative(std::int64_t number) {
     return static_cast<std::uint64_t>(std::max<std::int64_t>(number, 0));
 }
 
+/// The same for a parameter.
+template <class Number>
+std::int64_t Stored(Number number) {
+    return static_cast<std::int64_t>(NotNegative(static_cast<std::int64_t>(number)));
+}
+
 /// False when the record has no identifier and none can be drawn.
 bool EnsureFileId(FileStoreEntry& entry, const FileStoreDatabase& database) {
     if (entry.FileId == 0) entry.FileId = database.sequence.GetId("Files", "FileId");
     return entry.FileId != 0;
 }
 
-KelString InsertStatement(const FileStoreEntry& e) {
-    return KelFormat(kInsert, e.FileId, e.FileType, e.FileLabel, e.FileName, e.FileChecksum,
-                     NotNegative(e.FileSize), e.FilePath, e.FileURL, e.FileStatus, e.Upstream, e.KeepCopy,
-                     e.ExternalFile, e.Bypass, e.Acknowledged, e.Priority, e.TransferredBytes,
-                     NotNegative(e.CreateTime), NotNegative(e.LastStatusChangeTime), e.SourceDevice,
-                     e.FirstRelay, e.FileInfo, e.MulticastTransferToBeStarted, e.MulticastAddress,
-                     e.MulticastPort, e.MulticastBlockSize, e.MulticastRetryNumber, e.TransportMode,
-                     NotNegative(e.LastRequestTime), e.Repeated);
+std::array<DBValue, 29> InsertValues(const FileStoreEntry& e) {
+    return {Stored(e.FileId),
+            e.FileType,
+            e.FileLabel,
+            e.FileName,
+            e.FileChecksum,
+            Stored(e.FileSize),
+            e.FilePath,
+            e.FileURL,
+            e.FileStatus,
+            Stored(e.Upstream),
+            Stored(e.KeepCopy),
+            Stored(e.ExternalFile),
+            Stored(e.Bypass),
+            Stored(e.Acknowledged),
+            Stored(e.Priority),
+            Stored(e.TransferredBytes),
+            Stored(e.CreateTime),
+            Stored(e.LastStatusChangeTime),
+            e.SourceDevice,
+            e.FirstRelay,
+            e.FileInfo,
+            Stored(e.MulticastTransferToBeStarted),
+            e.MulticastAddress,
+            Stored(e.MulticastPort),
+            Stored(e.MulticastBlockSize),
+            Stored(e.MulticastRetryNumber),
+            e.TransportMode,
+            Stored(e.LastRequestTime),
+            Stored(e.Repeated)};
 }
 
 KelString UpdateStatement(const FileStoreEntry& e) {
@@ -128,9 +153,9 @@ std::uint64_t FileStoreEntry::CreateInDatabase(Side side) {
     const FileStoreDatabase database = FileStoreGetDatabase(side);
     if (!EnsureFileId(*this, database)) return 0;
     if (CreateTime == 0) CreateTime = std::time(nullptr);
-    const KelString statement = InsertStatement(*this);
+    const auto values = InsertValues(*this);
     const KelLock lock(database.mutex);
-    return database.connection.Query(statement) ? FileId : 0;
+    return database.connection.Query(kInsert, values) ? FileId : 0;
 }
 
 bool FileStoreEntry::SaveToDatabase(Side side) {

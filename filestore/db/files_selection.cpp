@@ -59,8 +59,7 @@ constexpr char kNewestOwn[] =
     "SELECT %s, MAX (CreateTime) FROM Files WHERE FileType = '%Q' AND FirstRelay = '' GROUP BY FileType";
 constexpr char kWithStatus[] = "SELECT %s FROM Files WHERE FileStatus = '%s'";
 constexpr char kOfKey[] =
-    "SELECT %s FROM Files WHERE FileType = '%Q' AND FileLabel = '%Q' AND FileName = '%Q' AND FileChecksum = "
-    "'%Q'";
+    "SELECT %s FROM Files WHERE FileType = ? AND FileLabel = ? AND FileName = ? AND FileChecksum = ?";
 
 constexpr char kSumOfSizes[] =
     "SELECT SUM(FileSize) FROM Files INDEXED BY FilesHeld WHERE ExternalFile = 0 AND FileStatus IN (%S)";
@@ -284,8 +283,9 @@ FileRows SelectFilesBeingReceived() {
 }
 
 std::optional<FileRows> SelectUpstreamFiles(const FileKey& key) {
-    const auto result = Query(Side::Upstream, KelFormat(kOfKey, FileStoreEntry::kColumns, key.type, key.label,
-                                                        key.name, key.checksum));
+    static const KelString statement = KelFormat(kOfKey, FileStoreEntry::kColumns);
+    const DBValue values[] = {key.type, key.label, key.name, key.checksum};
+    const auto result = FileStoreGetDatabase(Side::Upstream).connection.Query(statement, values);
     if (!result) return std::nullopt;
     return ReadFiles(result);
 }

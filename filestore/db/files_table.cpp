@@ -119,7 +119,7 @@ constexpr char kHandleAgain[] =
 constexpr char kSetSourceDevice[] = "UPDATE Files SET SourceDevice = '%Q' WHERE FileId = %lu";
 constexpr char kSetMissingSourceDevices[] = "UPDATE Files SET SourceDevice = '%Q' WHERE SourceDevice = ''";
 constexpr char kRecordSent[] =
-    "UPDATE Files SET FileURL = '%Q', FileStatus = '%s', LastStatusChangeTime = 0 WHERE FileId = %lu";
+    "UPDATE Files SET FileURL = ?, FileStatus = ?, LastStatusChangeTime = 0 WHERE FileId = ?";
 
 constexpr char kRepeatSent[] =
     "UPDATE Files SET FileStatus = '%s', LastStatusChangeTime = 0, Repeated = 1 WHERE FileStatus IN ('%s', "
@@ -354,9 +354,10 @@ bool RecordSentFiles(const KelVector<SentFile>& files) {
     const FileStoreDatabase database = FileStoreGetDatabase(Side::Upstream);
     const KelLock lock(database.mutex);
     DBTransaction transaction(database.connection);
-    for (const SentFile& file : files)
-        if (!database.connection.Query(KelFormat(kRecordSent, file.url, file.status, file.fileId)))
-            return false;
+    for (const SentFile& file : files) {
+        const DBValue values[] = {file.url, KelString(file.status), static_cast<std::int64_t>(file.fileId)};
+        if (!database.connection.Query(kRecordSent, values)) return false;
+    }
     return transaction.Commit();
 }
 

@@ -1,5 +1,6 @@
 #include "filestore/up/arrived_files.h"
 
+#include <algorithm>
 #include <filesystem>
 #include <set>
 
@@ -27,6 +28,14 @@ bool IsConsoleHere() {
     return ActionDbIsActionRegistered("QuarnelDbRunScript");
 }
 
+/// Fewer files are synced one by one: the file system may have much to write that is not theirs.
+constexpr std::size_t kManyFiles = 5;
+
+bool SyncContents(std::span<const CompleteFile> files) {
+    if (files.size() >= kManyFiles) return DirSyncFileSystem(FileStore::strStorageLocationToUse);
+    return std::ranges::all_of(files, [](const CompleteFile& file) { return FileSync(file.content); });
+}
+
 /// A file on its way into its place.
 struct Placing {
     CompleteFile* file;
@@ -47,12 +56,15 @@ KelVector<Placing> FindPlaces(std::span<CompleteFile> files) {
     return places;
 }
 
-void PutInPlace(KelVector<Placing>& places) {
+/// False when not all that is in place is on the disk.
+bool PutInPlace(KelVector<Placing>& places) {
     std::erase_if(places, [](const Placing& placing) {
         std::error_code error;
         std::filesystem::rename(placing.file->content, placing.path, error);
         return static_cast<bool>(error);
     });
+    if (places.size() >= kManyFiles) return DirSyncFileSystem(FileStore::strStorageLocationToUse);
+    return std::ranges::all_of(places, [](const Placing& placing) { return FileSync(placing.path); });
 }
 
 /// True when the file may have the place that was found for it, and is there: no other thread has recorded
@@ -132,13 +144,11 @@ bool ReadArrived(const KelContainer& arguments, FileStoreEntry& entry) {
 }
 
 void TakeOver(std::span<CompleteFile> files, bool synced) {
-    const KelString& storage = FileStore::strStorageLocationToUse;
     // The contents come first: after a power cut, a name never stands for less than its file.
-    if (!synced && !DirSyncFileSystem(storage)) return;
+    if (!synced && !SyncContents(files)) return;
     KelVector<Placing> places = FindPlaces(files);
     if (places.empty()) return;
-    PutInPlace(places);
-    if (DirSyncFileSystem(storage)) Record(places);
+    if (PutInPlace(places)) Record(places);
     RemoveUntaken(places);
     WakeWorkers(files);
 }

@@ -32,8 +32,8 @@ bool ReadArrived(const KelContainer& arguments, FileStoreEntry& entry);
 /// has its row, and both are on the disk when the call returns. Files that the store knows already in some
 /// way, and all when the disk or the database fails, are not taken: they have to be offered one by one.
 ///
-/// Two syncs of the file system (one when the contents are `synced` already) and one commit, whatever the
-/// number of files. Any thread; takes mutexUpstream, so hold no other lock.
+/// Many files cost two syncs of the file system (one when the contents are `synced` already) and one commit.
+/// Any thread; takes mutexUpstream, so hold no other lock.
 void TakeOver(std::span<CompleteFile> files, bool synced);
 
 }  // namespace filestore

@@ -75,7 +75,9 @@ class FileStorePushThread : public FileThreadBase {
 
     Phase phase_ = Phase::Upload;         ///< an unfinished upload is resumed before anything new is sent
     unsigned long currentTimeout_ = 300;  ///< seconds
-    KelString takerOfContents_;           ///< the parent URL that has said that it takes contents with offers
+    // Parent URLs. What a parent says that has refused a call all the same counts for nothing.
+    KelString takerOfContents_;    ///< that says it takes contents with offers
+    KelString refuserOfContents_;  ///< that has refused them
     filestore::ResumedUploads uploads_;
     filestore::UploadArchive archive_;  ///< created by the last send pass, filled by the upload pass
     /// Rows that got another state or time, since the start; packed ones only once their archive is in the

@@ -1,4 +1,5 @@
 #include <string_view>
+#include <utility>
 
 #include "filestore/db/file_status.h"
 #include "filestore/db/files_selection.h"
@@ -73,7 +74,8 @@ bool FileStorePushThread::SendRow(const FileStoreEntry& entry, const KelString& 
     FileStore::debugFileStore.Detail("PushThread: Sending %S upstream\n", entry.Key().Text());
     const HttpCharge charge(ChargedFor(entry.Bypass));
     const unsigned int error = CallDevice(parentUrl, "FileStoreReceiveFile", offer);
-    if (error == kKelOk && offer.GetBool(kValueTakesContents)) takerOfContents_ = parentUrl;
+    const bool takesContents = error == kKelOk && offer.GetBool(kValueTakesContents);
+    if (takesContents && refuserOfContents_ != parentUrl) takerOfContents_ = parentUrl;
     return TakeAnswer(entry, error, offer, parentUrl, sent, reachedParent);
 }
 
@@ -85,12 +87,15 @@ bool FileStorePushThread::SendContents(SmallFiles& files, const KelString& paren
     FileStore::debugFileStore.Detail("PushThread: Sending %lu files upstream with their contents\n",
                                      files.Entries().size());
     const unsigned int error = CallDevice(parentUrl, "FileStoreReceiveContents", call);
-    if (error != kKelOk || call.Count(kValueFiles) != files.Entries().size()) {
-        takerOfContents_.clear();  // it may be another agent now: it says so again with the next offer
-        if (error == kKelErrorUnknownAction) return true;
-        const unsigned int refusal = error != kKelOk ? error : unsigned{kKelErrorBadAnswer};
-        return TakeAnswer(files.Entries().front(), refusal, {}, parentUrl, sent, reachedParent);
+    const bool isAnswered = error == kKelOk && call.Count(kValueFiles) == files.Entries().size();
+    const bool isUnusable = error == kKelOk || error == kKelErrorUnknownAction || error == kKelErrorBadAnswer;
+    if (!isAnswered && isUnusable) {
+        // It has become an older agent, or takes less in one call: the next round offers them one by one.
+        refuserOfContents_ = std::exchange(takerOfContents_, {});
+        ++rowsTaken_;
+        return true;
     }
+    if (!isAnswered) return TakeAnswer(files.Entries().front(), error, {}, parentUrl, sent, reachedParent);
     for (std::uint32_t i = 0; const FileStoreEntry& entry : files.Entries()) {
         const KelContainer& answer = call.GetContainer(kValueFiles, i++);
         const auto result = static_cast<unsigned int>(answer.GetInt32(kValueResult));

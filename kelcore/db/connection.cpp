@@ -44,10 +44,11 @@ void DBConnection::ReportWritten() {
     failures_.Succeeded(kWriting, KelFormat("Database %S can be written again", handle_->claim.RealPath()));
 }
 
-KelResult<std::shared_ptr<const DBResult>> DBConnection::Handle::Run(const KelString& statement) {
+KelResult<std::shared_ptr<const DBResult>> DBConnection::Handle::Run(
+    const KelString& statement, std::optional<std::span<const DBValue>> values) {
     const KelLock lock(mutex);
     const int pages = database.PagesWritten();
-    KelResult<DBResult> result = database.Run(statement);
+    KelResult<DBResult> result = values ? database.Run(statement, *values) : database.Run(statement);
     hasStored = result && !database.InTransaction() && database.PagesWritten() != pages;
     if (!result) return result.Error();
     auto rows = std::make_shared<const DBResult>(std::move(*result));
@@ -56,7 +57,17 @@ KelResult<std::shared_ptr<const DBResult>> DBConnection::Handle::Run(const KelSt
 }
 
 std::shared_ptr<const DBResult> DBConnection::Query(const KelString& statement) {
-    const auto result = handle_->Run(statement);
+    return Run(statement, std::nullopt);
+}
+
+std::shared_ptr<const DBResult> DBConnection::Query(const KelString& statement,
+                                                    std::span<const DBValue> values) {
+    return Run(statement, std::optional(values));
+}
+
+std::shared_ptr<const DBResult> DBConnection::Run(const KelString& statement,
+                                                  std::optional<std::span<const DBValue>> values) {
+    const auto result = handle_->Run(statement, values);
     // Logged without the lock: other threads need not wait for it.
     if (!result) {
         Check(result.Error(), statement);

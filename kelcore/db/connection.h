@@ -4,6 +4,7 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <span>
 
 #include "kel/debug.h"
 #include "kel/result.h"
@@ -34,6 +35,10 @@ class DBConnection {
     /// logged with the statement and SQLite's message. In a transaction that an earlier failure (a full disk)
     /// has rolled back, every write fails until it is ended.
     std::shared_ptr<const DBResult> Query(const KelString& statement);
+
+    /// The same with a value for each parameter ("?") of the statement, which is compiled only once: for
+    /// statements that are run for each of many files.
+    std::shared_ptr<const DBResult> Query(const KelString& statement, std::span<const DBValue> values);
 
     // Each true on success; failures are logged.
     bool BeginTransaction();
@@ -110,6 +115,8 @@ class DBConnection {
     struct Handle;
     DBConnection(std::unique_ptr<Handle> handle, KelDebug& log);
 
+    std::shared_ptr<const DBResult> Run(const KelString& statement,
+                                        std::optional<std::span<const DBValue>> values);
     /// Logs a failure, one of the disk only when it begins; true when there is none.
     bool Check(const KelStatus& status, const KelString& statement);
     /// Something was written to the disk: logs it when writing used to fail.

@@ -2,6 +2,7 @@
 
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <span>
 #include <utility>
 
@@ -31,7 +32,8 @@ struct DBConnection::Handle {
     KelStatus CopyTo(const KelString& folder, KelVector<Copy>& copies) KEL_REQUIRES(mutex);
 
     /// Runs one statement and keeps its rows when that is wanted.
-    KelResult<std::shared_ptr<const DBResult>> Run(const KelString& statement);
+    KelResult<std::shared_ptr<const DBResult>> Run(const KelString& statement,
+                                                   std::optional<std::span<const DBValue>> values);
 
     /// The last statement that Run ran has put something on the disk. In a transaction only its end does.
     bool HasStored() {

@@ -3,8 +3,12 @@
 #include <cstddef>
 #include <cstdint>
 #include <string_view>
+#include <variant>
 
 #include "kel/types.h"
+
+/// A value for a parameter ("?") of a statement.
+using DBValue = std::variant<std::int64_t, KelString>;
 
 /// The rows that a statement gave, all held in memory. A plain value: one thread at a time.
 class DBResult {

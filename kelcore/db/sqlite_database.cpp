@@ -19,10 +19,8 @@ constexpr const char* kSettings =
     "PRAGMA cache_size=-512;"              // KiB; more saves no time, even at a million rows
     "PRAGMA journal_size_limit=67108864";  // bytes that the emptied log may keep
 
-struct FinaliseStatement {
-    void operator()(sqlite3_stmt* statement) const { sqlite3_finalize(statement); }
-};
-using Statement = std::unique_ptr<sqlite3_stmt, FinaliseStatement>;
+/// Statements with parameters that stay compiled; the store has a handful.
+constexpr std::size_t kMostPrepared = 32;
 
 KelError MakeError(int code, KelString message) {
     return {static_cast<unsigned int>(code), std::move(message)};
@@ -30,18 +28,6 @@ KelError MakeError(int code, KelString message) {
 
 bool IsEndOfStatement(std::string_view rest) {
     return rest.find_first_not_of(" \t\r\n\f;") == std::string_view::npos;
-}
-
-/// Compiles the first statement of `text` and cuts it off there; the result is null when there was none.
-int PrepareNext(sqlite3* database, std::string_view& text, Statement& statement) {
-    if (text.size() > static_cast<std::size_t>(std::numeric_limits<int>::max())) return SQLITE_TOOBIG;
-    sqlite3_stmt* prepared = nullptr;
-    const char* tail = text.data();
-    const int code =
-        sqlite3_prepare_v2(database, text.data(), static_cast<int>(text.size()), &prepared, &tail);
-    statement.reset(prepared);
-    text.remove_prefix(static_cast<std::size_t>(tail - text.data()));
-    return code;
 }
 
 KelVector<KelString> ColumnNames(sqlite3_stmt* statement) {
@@ -67,10 +53,37 @@ KelVector<KelString> ReadRow(sqlite3_stmt* statement, int columns) {
     return row;
 }
 
+int Bind(sqlite3_stmt* statement, int index, const DBValue& value) {
+    if (const auto* number = std::get_if<std::int64_t>(&value))
+        return sqlite3_bind_int64(statement, index, *number);
+    const KelString& text = std::get<KelString>(value);  // the caller's, which outlives the run
+    return sqlite3_bind_text64(statement, index, text.data(), text.size(), SQLITE_STATIC, SQLITE_UTF8);
+}
+
+/// Makes a compiled statement ready for the next run: one that is not would keep its transaction open.
+class ResetAtEnd {
+  public:
+    explicit ResetAtEnd(sqlite3_stmt* statement) : statement_(statement) {}
+    ~ResetAtEnd() {
+        sqlite3_reset(statement_);
+        sqlite3_clear_bindings(statement_);
+    }
+    ResetAtEnd(const ResetAtEnd&) = delete;
+    ResetAtEnd& operator=(const ResetAtEnd&) = delete;
+
+  private:
+    sqlite3_stmt* const statement_;
+};
+
 }  // namespace
+
+void SqliteDatabase::FinaliseStatement::operator()(sqlite3_stmt* statement) const {
+    sqlite3_finalize(statement);
+}
 
 SqliteDatabase::SqliteDatabase(SqliteDatabase&& other) noexcept
     : database_(std::exchange(other.database_, nullptr)),
+      prepared_(std::exchange(other.prepared_, {})),
       observer_(std::move(other.observer_)),
       transaction_(std::exchange(other.transaction_, false)) {}
 
@@ -78,6 +91,7 @@ SqliteDatabase& SqliteDatabase::operator=(SqliteDatabase&& other) noexcept {
     if (this == &other) return *this;
     Close(true);
     database_ = std::exchange(other.database_, nullptr);
+    prepared_ = std::exchange(other.prepared_, {});
     observer_ = std::move(other.observer_);
     transaction_ = std::exchange(other.transaction_, false);
     return *this;
@@ -110,6 +124,7 @@ KelStatus SqliteDatabase::Configure() {
 }
 
 void SqliteDatabase::Close(bool mergeLog) {
+    prepared_.clear();
     if (database_ == nullptr) return;
     if (!mergeLog) sqlite3_db_config(database_, SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr);
     sqlite3_close(database_);
@@ -129,35 +144,78 @@ KelStatus SqliteDatabase::CheckWritable(bool readOnlyStatement) const {
 }
 
 void SqliteDatabase::Observe(sqlite3_stmt* statement) const {
-    if (observer_) observer_(sqlite3_sql(statement));
+    if (!observer_) return;
+    const std::unique_ptr<char, void (*)(void*)> expanded(sqlite3_expanded_sql(statement), sqlite3_free);
+    observer_(expanded ? expanded.get() : sqlite3_sql(statement));
 }
 
-KelResult<DBResult> SqliteDatabase::Run(const KelString& text) {
+/// Compiles the first statement of `text` and cuts it off there; the result is null when there was none.
+int SqliteDatabase::PrepareNext(std::string_view& text, Statement& statement, unsigned int flags) const {
+    if (text.size() > static_cast<std::size_t>(std::numeric_limits<int>::max())) return SQLITE_TOOBIG;
+    sqlite3_stmt* prepared = nullptr;
+    const char* tail = text.data();
+    const int code =
+        sqlite3_prepare_v3(database_, text.data(), static_cast<int>(text.size()), flags, &prepared, &tail);
+    statement.reset(prepared);
+    text.remove_prefix(static_cast<std::size_t>(tail - text.data()));
+    return code;
+}
+
+KelResult<SqliteDatabase::Statement> SqliteDatabase::PrepareOnly(const KelString& text,
+                                                                 unsigned int flags) const {
     std::string_view rest = text;
     Statement statement;
-    const int prepared = PrepareNext(database_, rest, statement);
+    const int prepared = PrepareNext(rest, statement, flags);
     if (prepared == SQLITE_TOOBIG) return MakeError(prepared, sqlite3_errstr(prepared));
     if (prepared != SQLITE_OK) return LastError();
     if (!statement) return MakeError(SQLITE_MISUSE, "there is no statement");
     if (!IsEndOfStatement(rest)) return MakeError(SQLITE_MISUSE, "text follows the statement");
-    if (const KelStatus writable = CheckWritable(sqlite3_stmt_readonly(statement.get()) != 0); !writable)
-        return writable.Error();
+    return statement;
+}
 
-    Observe(statement.get());
+KelResult<sqlite3_stmt*> SqliteDatabase::Prepared(const KelString& text) {
+    if (const auto known = prepared_.find(text); known != prepared_.end()) return known->second.get();
+    KelResult<Statement> statement = PrepareOnly(text, SQLITE_PREPARE_PERSISTENT);
+    if (!statement) return statement.Error();
+    if (prepared_.size() >= kMostPrepared) prepared_.clear();
+    return (prepared_[text] = std::move(*statement)).get();
+}
+
+KelResult<DBResult> SqliteDatabase::Execute(sqlite3_stmt* statement) {
+    if (const KelStatus writable = CheckWritable(sqlite3_stmt_readonly(statement) != 0); !writable)
+        return writable.Error();
+    Observe(statement);
     KelVector<KelVector<KelString>> rows;
-    const int columns = sqlite3_column_count(statement.get());
-    int step = sqlite3_step(statement.get());
-    for (; step == SQLITE_ROW; step = sqlite3_step(statement.get()))
-        rows.push_back(ReadRow(statement.get(), columns));
+    const int columns = sqlite3_column_count(statement);
+    int step = sqlite3_step(statement);
+    for (; step == SQLITE_ROW; step = sqlite3_step(statement))
+        rows.push_back(ReadRow(statement, columns));
     if (step != SQLITE_DONE) return LastError();
-    return DBResult(ColumnNames(statement.get()), std::move(rows));
+    return DBResult(ColumnNames(statement), std::move(rows));
+}
+
+KelResult<DBResult> SqliteDatabase::Run(const KelString& text) {
+    const KelResult<Statement> statement = PrepareOnly(text);
+    if (!statement) return statement.Error();
+    return Execute(statement->get());
+}
+
+KelResult<DBResult> SqliteDatabase::Run(const KelString& text, std::span<const DBValue> values) {
+    const KelResult<sqlite3_stmt*> statement = Prepared(text);
+    if (!statement) return statement.Error();
+    const ResetAtEnd reset(*statement);
+    if (static_cast<std::size_t>(sqlite3_bind_parameter_count(*statement)) != values.size())
+        return MakeError(SQLITE_MISUSE, "the statement has another number of parameters");
+    for (int index = 0; const DBValue& value : values)
+        if (Bind(*statement, ++index, value) != SQLITE_OK) return LastError();
+    return Execute(*statement);
 }
 
 KelStatus SqliteDatabase::RunScript(const KelString& statements) {
     std::string_view rest = statements;
     while (!IsEndOfStatement(rest)) {
         Statement statement;
-        const int prepared = PrepareNext(database_, rest, statement);
+        const int prepared = PrepareNext(rest, statement);
         if (prepared == SQLITE_TOOBIG) return MakeError(prepared, sqlite3_errstr(prepared));
         if (prepared != SQLITE_OK) return LastError();
         if (!statement) break;  // comments only

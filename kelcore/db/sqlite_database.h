@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <functional>
 #include <memory>
+#include <span>
 #include <utility>
 
 #include "kel/result.h"
@@ -33,6 +34,10 @@ class SqliteDatabase {
 
     /// Runs exactly one statement; blanks and ";" may follow it, nothing else.
     KelResult<DBResult> Run(const KelString& statement);
+
+    /// The same with values for the parameters of the statement, which stays compiled for the next time: for
+    /// the few statements that are run once for each of many files.
+    KelResult<DBResult> Run(const KelString& statement, std::span<const DBValue> values);
 
     /// Runs statements separated by ";" and stops at the first failure.
     KelStatus RunScript(const KelString& statements);
@@ -65,12 +70,22 @@ class SqliteDatabase {
     static bool IsDamage(unsigned int code);
 
   private:
+    struct FinaliseStatement {
+        void operator()(sqlite3_stmt* statement) const;
+    };
+    using Statement = std::unique_ptr<sqlite3_stmt, FinaliseStatement>;
+
     KelStatus Configure();
+    int PrepareNext(std::string_view& text, Statement& statement, unsigned int flags = 0) const;
+    KelResult<sqlite3_stmt*> Prepared(const KelString& statement);
+    KelResult<Statement> PrepareOnly(const KelString& statement, unsigned int flags = 0) const;
+    KelResult<DBResult> Execute(sqlite3_stmt* statement);
     KelStatus CheckWritable(bool readOnlyStatement) const;
     void Observe(sqlite3_stmt* statement) const;
     KelError LastError() const;
 
     sqlite3* database_ = nullptr;
+    KelHash<KelString, Statement> prepared_;  ///< with parameters, by their texts
     std::function<void(const KelString&)> observer_;
     bool transaction_ = false;  ///< between Begin and Commit or Rollback
 };

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <initializer_list>
@@ -62,6 +63,9 @@ KelString ObstacleTo(const FilePlace& place) {
 }
 
 namespace {
+
+/// Fewer copies are synced one by one: the file system may have much to write that is not theirs.
+constexpr std::size_t kManyCopies = 5;
 
 KelStatus CreateNeeded(std::initializer_list<KelString> folders) {
     for (const KelString& needed : folders)
@@ -141,17 +145,23 @@ KelStatus PlacedTogether::Place(const PlaceAccess& access) {
     return moved;
 }
 
+bool PlacedTogether::SyncCopies() const {
+    if (copies_.size() < kManyCopies)
+        return std::ranges::all_of(copies_, [](const Copy& copy) { return FileSync(copy.path); });
+    KelString workFolder, name;
+    SplitPath(copies_.front().path, workFolder, name);
+    return DirSyncFileSystem(workFolder);
+}
+
 KelStatus PlacedTogether::MoveAll(const PlaceAccess& access) {
     for (const Copy& copy : copies_)
         if (::chmod(copy.path.c_str(), access.fileMode) != 0) return CopyError(copy.path, copy.place);
     // The contents come before the names.
-    KelString workFolder, name;
-    SplitPath(copies_.front().path, workFolder, name);
-    if (!DirSyncFileSystem(workFolder))
-        return KelError{kKelErrorInternal, KelFormat("Files in %S cannot be synced", workFolder)};
+    if (!SyncCopies())
+        return KelError{kKelErrorInternal, KelFormat("%S cannot be synced", copies_.front().path)};
     std::map<KelString, UniqueFd> folders;
     for (const Copy& copy : copies_) {
-        KelString below;
+        KelString below, name;
         SplitPath(copy.place.path, below, name);
         UniqueFd& folder = folders[copy.place.root + "/" + below];
         if (!folder) {

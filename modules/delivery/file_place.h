@@ -72,6 +72,7 @@ class PlacedTogether {
         KelString path;
         FilePlace place;
     };
+    bool SyncCopies() const;
     KelStatus MoveAll(const PlaceAccess& access);
     void Drop();
 
