@@ -43,7 +43,7 @@ KelString WithoutProcess(const KelString& text) {
     return kept;
 }
 
-/// Beside its place and then renamed, so that nobody reads a part.
+/// Beside its place and then renamed, so that no reader finds a part of it.
 int WriteFile(const KelString& path, const KelString& text) {
     const KelString temporary = path + ".tmp";
     std::FILE* const file = std::fopen(temporary.c_str(), "we");

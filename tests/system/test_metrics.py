@@ -1,4 +1,4 @@
-"""What an agent tells a monitoring system, whom it tells, and that the dashboard and the alerts ask for nothing else."""
+"""The metrics of an agent, who may read them, and that the dashboard and the alerts ask for nothing else."""
 
 import json
 import pathlib
