@@ -1,7 +1,11 @@
 #include "cli/keys_transition.h"
 
+#include <sys/stat.h>
+
+#include <algorithm>
 #include <cstdio>
 #include <ctime>
+#include <map>
 
 #include "cli/init_command.h"
 #include "cli/local_root.h"
@@ -129,6 +133,7 @@ KelStatus GiveKeys(const KelString& root, const KelString& token) {
         return Unusable(
             "SslForce is set; a tree with it cannot get keys while it works, since its devices "
             "call each other at other ports");
+    umask(077);
     const auto device = IdentityOfRoot(root);
     if (!device) return device.Error();
     if (KelStatus fits = CheckToken(*device, token); !fits) return fits;

@@ -4,6 +4,8 @@
 #include "kel/result.h"
 #include "kel/types.h"
 
+class KelKeyFolder;
+
 // A plain tree gets keys, device by device.
 
 /// True when the root folder (absolute) is that of a device without keys.
@@ -17,5 +19,6 @@ KelStatus GiveKeys(const KelString& root, const KelString& token);
 /// Has members without keys refused; an exit code.
 int EndPassword(const CommonOptions& common, bool force);
 
-/// The key pair of a new authority, and the first certificate for its own device.
-KelStatus MakeAuthority(const class KelKeyFolder& keys);
+/// Makes the authority of a tree in the master's folder of keys, or completes one, and has it give the master
+/// its certificate.
+KelStatus MakeAuthority(const KelKeyFolder& keys);
