@@ -26,8 +26,8 @@ TEXT = ("text", "ini", "json", "yaml")
 NOT_RUN = 0  # blocks that no test can run, at most
 COMMANDS = re.compile(r"^(\$|sudo|kel|kelagent|apt|systemctl|journalctl) .*", re.MULTILINE)
 # Commands that only look: what they show may take a while to come. Those that end something are refused for a while.
-LOOKS = re.compile(r"(kel( --json| --device \S+)* (audit|collected|devices|doctor|files|inbox|keys|multicast|"
-                   r"publications|status|top|why|windows)|kel password end|kel keys end-password|systemctl status)"
+LOOKS = re.compile(r"(kel( --json| --device \S+)* (audit|collected|devices|doctor|files|inbox|keys|metrics|multicast|"
+                   r"password|publications|status|top|why|windows)|kel password end|kel keys end-password|systemctl status)"
                    r"( (list|get|-\S+|[A-Z]+|\S+\.bin))*\s*(#.*)?\n|journalctl [^|]*")
 SECONDS = 150
 # What readers have in their home folder, with the number of bytes.
