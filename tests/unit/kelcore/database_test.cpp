@@ -30,6 +30,29 @@ TEST_F(OpenDatabaseTest, RunsExactlyOneStatement) {
         << "a refused text must not have run in part";
 }
 
+TEST_F(OpenDatabaseTest, CompiledStatementsTakeTheValuesOfEachRun) {
+    ASSERT_TRUE(Run("CREATE TABLE T (X INTEGER PRIMARY KEY, Y TEXT)"));
+    const KelString insert = "INSERT INTO T VALUES (?, ?)",
+                    select = "SELECT count(*), max(Y) FROM T WHERE X < ?";
+    const auto add = [&](std::int64_t number, const KelString& text) {
+        const DBValue values[] = {number, text};
+        return db_->Query(insert, values) != nullptr;
+    };
+    EXPECT_TRUE(add(1, "it's ?"));
+    EXPECT_FALSE(add(1, "again")) << "a failure";
+    EXPECT_TRUE(add(2, ""));
+    const DBValue limit[] = {std::int64_t{2}};
+    EXPECT_EQ(db_->Query(select, limit)->GetString(0, std::size_t{1}), "it's ?");
+    EXPECT_FALSE(db_->Query(insert, limit)) << "too few values";
+    EXPECT_TRUE(Run("VACUUM") && Run("ALTER TABLE T ADD COLUMN Z TEXT")) << "nothing is left open";
+    EXPECT_FALSE(add(3, "x")) << "one column is missing now";
+    EXPECT_EQ(db_->Query(select, limit)->GetInt64(0, std::size_t{0}), 1);
+    for (int i = 0; i < 100; ++i)
+        ASSERT_TRUE(db_->Query(KelFormat("SELECT %d WHERE 0 < ?", i), limit)) << "more than are kept";
+    EXPECT_EQ(db_->Query(select, limit)->GetInt64(0, std::size_t{0}), 1);
+    ASSERT_TRUE(Open()) << "they do not keep the file open";
+}
+
 TEST_F(OpenDatabaseTest, ReadsValuesAsTheyWereStored) {
     const auto row = db_->Query(
         "SELECT NULL AS Missing, 9223372036854775807 AS Largest, -5 AS Negative, 4294967295 AS Wide, "
