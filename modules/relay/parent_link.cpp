@@ -12,6 +12,7 @@
 #include "kelcore/action_db.h"
 #include "kelcore/device_name.h"
 #include "kelcore/error_codes.h"
+#include "kelcore/stopping.h"
 
 namespace {
 
@@ -107,7 +108,7 @@ void ParentLink::Check(bool isRequested) {
     if (place.IsNone() || CheckCancelled(false)) return;
     ResolveParent();
     const ParentAnswer answer = AskParent(place, !settled_);
-    if (CheckCancelled(false)) return;  // the agent stops: no further calls
+    if (CheckCancelled(false) || KelAgentIsStopping()) return;  // no further calls, and no warning
     KelString problem = answer.problem + (answer.isLoop ? kCorrect : "");
     if (problem.empty()) {
         SetConsole(answer.consoleId);

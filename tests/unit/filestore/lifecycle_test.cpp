@@ -37,7 +37,7 @@ TEST_F(Lifecycle, ActionsRefuseCallsWhileTheDatabasesAreClosed) {
         EXPECT_NE(action.GetString("Callers"), "") << name << ": say who may call it";
         Ask(name, {}, kKelErrorNotAvailable);
     }
-    EXPECT_EQ(actions, 34);
+    EXPECT_EQ(actions, 35);
 }
 
 TEST_F(Lifecycle, InitialisationFailsWithoutItsTablesOrADatabaseAndClosesWhatItOpened) {
