@@ -1,6 +1,7 @@
 """In a tree with keys, a relay that was taken over brings nothing that the master has not published for a device."""
 
 import re
+import sqlite3
 import subprocess
 import unittest
 
@@ -13,6 +14,20 @@ KEY = ("FileType", "FileLabel", "FileName", "FileChecksum")
 
 def value(name, content, kind="string"):
     return f'<Value name="{name}" type="{kind}">{content}</Value>'
+
+
+def serve(relay, contents, path_name):
+    """Has a stopped relay serve these to the device with this path name, who is a target of such files."""
+    with sqlite3.connect(relay.data / "FileStore" / "FileStore.sqlite") as database:
+        for content in contents:
+            file = database.execute("INSERT INTO Files (FileType, FileURL, FileStatus, CreateTime) VALUES ('Brought', ?, "
+                                    "'_AGTMOD_FILESTORESTATUS_OBSOLETE_', unixepoch())", (f"/{path_of(content)}",))
+            database.execute("INSERT INTO Targets (FileId, DeviceGUID, TargetCreateTime) VALUES (?, ?, unixepoch())",
+                             (file.lastrowid, path_name))
+
+
+def path_of(content):
+    return f"FileStore/downstream/brought/{md5_of(content)}"
 
 
 class TakenOver:
@@ -32,7 +47,7 @@ class TakenOver:
 
     def bring(self, name, content, info="", kind="Demo"):
         key = (kind, "files", name, md5_of(content))
-        path = f"FileStore/downstream/brought/{key[3]}"
+        path = path_of(content)
         (self.relay.data / path).parent.mkdir(exist_ok=True)
         (self.relay.data / path).write_bytes(content)
         tree = value("DevicePath", value(self.path_name, "", "container"), "container")
@@ -101,6 +116,7 @@ class SignedTest(SystemTest):
         unsigned = re.sub('<Value name="Signed".*', "", signed[b"on request"], flags=re.S)
         self.assertNotEqual(unsigned, signed[b"on request"])
         order = "".join(map(value, KEY, ("Demo", "files", "order", md5_of(b"evil order")))) + signed[b"second version"]
+        serve(relay, (b"evil content", b"evil version", b"evil order", *signed), path_name)
         Tree.run(relay)
         wait_until(client.in_sync, 30, "the client is in sync")
         taken_over = TakenOver(relay, client, path_name)
