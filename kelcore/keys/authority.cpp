@@ -198,16 +198,16 @@ KelResult<KelCertificate> KelAuthority::ReplaceOwn(const KelKeyPair& key, const 
 KelStatus KelAuthority::RetireOtherKeys(const KelString& guid, const KelString& fingerprint,
                                         std::int64_t now) const {
     KelVector<KelCertificate> issued = LoadAll(IssuedPath(guid));
-    const auto others =
-        std::ranges::stable_partition(issued, [&fingerprint](const KelCertificate& certificate) {
-            return certificate.Fingerprint() == fingerprint;
-        });
-    if (others.empty()) return {};
+    const auto others = std::stable_partition(issued.begin(), issued.end(),
+                                              [&fingerprint](const KelCertificate& certificate) {
+                                                  return certificate.Fingerprint() == fingerprint;
+                                              });
+    if (others == issued.end()) return {};
     KelVector<KelCertificate> revoked = LoadAll(RevokedPath(guid));
-    revoked.insert(revoked.end(), others.begin(), others.end());
+    revoked.insert(revoked.end(), others, issued.end());
     if (KelStatus saved = SaveAll(RevokedPath(guid), revoked); !saved) return saved;
     if (KelStatus listed = WriteList(now); !listed) return listed;
-    issued.erase(others.begin(), others.end());
+    issued.erase(others, issued.end());
     return SaveAll(IssuedPath(guid), issued);
 }
 
