@@ -7,7 +7,9 @@
 #include "modules/http_protocol/digest_fields.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    static const kelhttp::DigestAuth auth("tree", "a password that the input does not hold", 300);
+    static KelTreePasswords passwords;
+    static const kelhttp::DigestAuth auth("tree", passwords, 300);
+    passwords.Set({"a password that the input does not hold", "nor this one, which was in use before"});
     const std::string_view input(reinterpret_cast<const char*>(data), size);
     kelhttp::DigestFields fields;
     kelhttp::ParseDigestFields(input, fields);
