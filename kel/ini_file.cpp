@@ -90,8 +90,9 @@ bool IniFile::Content::Load() {
         return false;
     }
     std::string_view text = *read;
-    // The byte order mark that some editors write.
-    if (text.starts_with("\xEF\xBB\xBF")) text.remove_prefix(3);
+    // The byte order mark that some editors write. A second one must not become that of the rewritten file.
+    while (text.starts_with("\xEF\xBB\xBF"))
+        text.remove_prefix(3);
     if (text.ends_with('\n')) text.remove_suffix(1);
     if (text.empty()) return true;
     for (KelString& piece : SplitText(text, '\n')) {

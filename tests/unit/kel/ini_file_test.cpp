@@ -92,8 +92,8 @@ TEST_F(IniFileTest, MissingFilesAreEmptyAndMalformedOnesRefused) {
     EXPECT_EQ(Number("QueueGap"), 77);
     ASSERT_TRUE(ini_.WriteEntryValue("FileStore", "QueueGap", "5"));
     EXPECT_EQ(TempFolder::Read(folder_ / "none.ini"), "[FileStore]\nQueueGap=5\n");
-    for (const KelString& bad :
-         KelVector<KelString>{"[open\n", "a=1\nno sign\n", "=x\n", KelString("a=\0\n", 4)}) {
+    for (const KelString& bad : KelVector<KelString>{
+             "[open\n", "a=1\nno sign\n", "=x\n", KelString("a=\0\n", 4), "\xEF\xBB\xBF\xEF\xBB\xBF=x\n"}) {
         TempFolder::Write(folder_ / "bad.ini", bad);
         EXPECT_FALSE(ini_.Open(folder_ / "bad.ini")) << bad;
         EXPECT_EQ(Number("QueueGap"), 77) << "nothing of a former file stays";
