@@ -13,6 +13,7 @@
 #include "kelcore/call_origin.h"
 #include "kelcore/error_codes.h"
 #include "kelcore/file_values.h"
+#include "kelcore/metrics/transfer_counters.h"
 
 namespace filestore {
 
@@ -46,6 +47,8 @@ std::optional<CompleteFile> ReadFile(const KelContainer& offer, const KelString&
 }
 
 KelContainer AnswerTaken(const CompleteFile& file) {
+    KelTransfers(KelDirection::Up, KelFlow::In, KelTransport::Http)
+        .AddFile(static_cast<std::uint64_t>(file.entry.FileSize));
     KelContainer answer;
     answer.SetInt32(kValueResult, kKelOk);
     answer.SetString(kValueFileUrl, file.entry.FileURL);

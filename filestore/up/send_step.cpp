@@ -17,6 +17,7 @@
 #include "kelcore/action_db.h"
 #include "kelcore/error_codes.h"
 #include "kelcore/file_values.h"
+#include "kelcore/metrics/transfer_counters.h"
 
 using namespace filestore;
 
@@ -99,6 +100,9 @@ bool FileStorePushThread::SendContents(SmallFiles& files, const KelString& paren
     for (std::uint32_t i = 0; const FileStoreEntry& entry : files.Entries()) {
         const KelContainer& answer = call.GetContainer(kValueFiles, i++);
         const auto result = static_cast<unsigned int>(answer.GetInt32(kValueResult));
+        if (result == kKelOk && answer.GetBool(kValueContentHeld))
+            KelTransfers(KelDirection::Up, KelFlow::Out, KelTransport::Http)
+                .AddFile(static_cast<std::uint64_t>(entry.FileSize));
         if (!TakeAnswer(entry, result, answer, parentUrl, sent, reachedParent)) return false;
     }
     return true;

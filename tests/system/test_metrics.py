@@ -91,13 +91,21 @@ class MetricsTest(SystemTest):
                             (relay, "up", "out", "http"), (master, "up", "in", "http"), (master, "up", "out", "local")):
             wait_until(lambda: self.moved(agent, *way) >= (1, SIZE) and self.moved(agent, *way)[1] >= SIZE, 30,
                        f"{agent.name} {way}")
+        # Small files travel with their offers.
+        ways = [(agent, "up", flow, "http")
+                for agent, flow in ((client, "out"), (relay, "in"), (relay, "out"), (master, "in"))]
+        before = [self.moved(*way) for way in ways]
+        wait_collected(master, client.send(*write_files(tree.folder / "up", {"small.bin": 10}).values()), 30)
+        for way, moved in zip(ways, before):
+            wait_until(lambda: self.moved(*way)[0] > moved[0] and self.moved(*way)[1] > moved[1], 30,
+                       f"{way[0].name} {way[1:]}")
         self.assertEqual(self.moved(client, "down", "out", "http"), (0, 0))
         values = self.of(master)
         self.assertEqual([values["kel_devices", f'{{state="{state}"}}'] for state in ("reporting", "silent")], [2, 0])
         wait_until(lambda: self.of(master)["kel_publication_targets", '{status="delivered"}'] >= 1, 30, "receipts")
 
     def readers(self, relay, client, port):
-        """A member may read the metrics of any device, a stranger none; the port of the metrics serves nothing else."""
+        """The parent may read the metrics of a device, a stranger none; the port of the metrics serves nothing else."""
         keys = relay.data / "Keys"
         self.assertEqual(self.get(client, client.port)[0], 401)
         for where, certificate in ((client.port, keys), (port, None)):
