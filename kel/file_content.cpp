@@ -65,14 +65,16 @@ bool FileReadAll(int fd, std::uint64_t maxBytes, KelString& content) {
 }
 
 bool FileCopyContent(int source, int destination) {
-    for (;;) {
+    for (bool hasCopied = false;;) {
         const ssize_t copied = ::copy_file_range(source, nullptr, destination, nullptr, kKernelCopyBytes, 0);
         if (copied < 0 && errno == EINTR) continue;
         if (copied < 0 && (errno == ENOSPC || errno == EDQUOT || errno == EIO || errno == EFBIG))
             return false;
+        if (copied == 0 && hasCopied) return true;
         // Some file systems cannot do it, and special ones such as /proc report 0 although there is content:
         // whatever is left is copied below.
         if (copied <= 0) break;
+        hasCopied = true;
     }
     return CopyPieces(source, destination, [](std::string_view) {});
 }

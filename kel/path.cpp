@@ -38,9 +38,9 @@ KelString CompletePath(const KelString& path) {
 
 bool PathCreate(const KelString& path) {
     if (DirExists(path)) return true;
-    for (std::size_t end = path.find('/', 1); end != KelString::npos; end = path.find('/', end + 1))
-        if (!DirCreate(path.substr(0, end))) return false;
-    return DirCreate(path);
+    const std::size_t end = path.find_last_of('/');
+    const bool hasParent = end != KelString::npos && end != 0;
+    return (!hasParent || PathCreate(path.substr(0, end))) && DirCreate(path);
 }
 
 bool IsSafePathElement(std::string_view element) {

@@ -114,6 +114,8 @@ KelStatus SqliteDatabase::Configure() {
     sqlite3_busy_timeout(database_, kBusyTimeoutMilliseconds);
     sqlite3_db_config(database_, SQLITE_DBCONFIG_DEFENSIVE, 1, nullptr);
     sqlite3_db_config(database_, SQLITE_DBCONFIG_TRUSTED_SCHEMA, 0, nullptr);
+    // Otherwise a compiled statement is compiled again when other values are bound to it.
+    sqlite3_db_config(database_, SQLITE_DBCONFIG_ENABLE_QPSG, 1, nullptr);
     const KelResult<DBResult> mode = Run("PRAGMA journal_mode=WAL");
     if (!mode) return mode.Error();
     if (mode->GetString(0, std::size_t{0}) != "wal")
