@@ -36,6 +36,7 @@ using ZipFile = std::unique_ptr<zip_file_t, ZipCloser>;
 struct Entry {
     std::uint64_t index;
     KelString name;
+    KelString path;      ///< where it goes, below the destination
     std::uint64_t size;  ///< unpacked bytes
 };
 
@@ -43,18 +44,40 @@ KelError Refuse(unsigned int code, const char* problem, const KelString& entry) 
     return {code, KelFormat("%s: '%S'", problem, entry)};
 }
 
-/// The folder that an archive is unpacked into, inside the destination so that its files can be renamed into
-/// place. Removed at the end of the scope.
+KelString FolderOf(const KelString& path) {
+    KelString folder, name;
+    SplitPath(path, folder, name);
+    return folder;
+}
+
+/// The folder that an archive is unpacked into, on the file system of the destination: inside it when it
+/// exists, so that files can be renamed into place, else beside it, so that it can become the destination
+/// itself. Removed at the end of the scope.
 class Staging {
   public:
     explicit Staging(const KelString& destination)
-        : path_(destination + "/.extract-" + HexText(RandomBytes(8))) {}
+        : destination_(destination),
+          becomesDestination_(!FileExists(destination) && !DirExists(destination)),
+          path_(destination + (becomesDestination_ ? ".extract-" : "/.extract-") + HexText(RandomBytes(8))) {}
     ~Staging() { DirDelete(path_, true); }
     Staging(const Staging&) = delete;
     Staging& operator=(const Staging&) = delete;
     const KelString& Path() const { return path_; }
 
+    KelStatus MoveIn(const KelVector<Entry>& files) const {
+        if (becomesDestination_ && rename(path_.c_str(), destination_.c_str()) == 0) return {};
+        for (const Entry& entry : files) {
+            const KelString target = destination_ + "/" + entry.path;
+            if (!PathCreate(FolderOf(target)) ||
+                rename((path_ + "/" + entry.path).c_str(), target.c_str()) != 0)
+                return Refuse(kKelErrorInternal, "the destination cannot be written", entry.name);
+        }
+        return {};
+    }
+
   private:
+    KelString destination_;
+    bool becomesDestination_;
     KelString path_;
 };
 
@@ -76,7 +99,8 @@ bool IsPlainEntry(zip_t* archive, std::uint64_t index) {
 /// Checks the entries one after the other against the limits and each other.
 class Inspection {
   public:
-    Inspection(zip_t* archive, const ExtractionLimits& limits) : archive_(archive), limits_(limits) {}
+    Inspection(zip_t* archive, const ExtractionLimits& limits, ExtractionLayout layout)
+        : archive_(archive), limits_(limits), layout_(layout) {}
 
     KelStatus Run() {
         const zip_int64_t count = zip_get_num_entries(archive_, 0);
@@ -114,7 +138,8 @@ class Inspection {
             (stat.size > kRatioMatters && stat.size / limits_.ratio > stat.comp_size))
             return Refuse(kExtractTooLarge, "an entry unpacks to too many bytes", name);
         bytes_ += stat.size;
-        files.push_back({index, std::move(name), stat.size});
+        KelString path = layout_ == ExtractionLayout::Numbered ? std::to_string(index) : name;
+        files.push_back({index, std::move(name), std::move(path), stat.size});
         return {};
     }
 
@@ -127,15 +152,10 @@ class Inspection {
 
     zip_t* archive_;
     const ExtractionLimits& limits_;
+    ExtractionLayout layout_;
     std::set<KelString> names_;
     std::uint64_t bytes_ = 0;
 };
-
-KelString FolderOf(const KelString& path) {
-    KelString folder, name;
-    SplitPath(path, folder, name);
-    return folder;
-}
 
 bool WriteAll(int fd, const char* data, std::size_t size) {
     while (size != 0) {
@@ -148,13 +168,13 @@ bool WriteAll(int fd, const char* data, std::size_t size) {
     return true;
 }
 
-KelStatus Unpack(zip_t* archive, const Entry& entry, const KelString& path) {
+/// Writes the content of an entry to `path`, by way of `buffer`.
+KelStatus Unpack(zip_t* archive, const Entry& entry, const KelString& path, KelVector<char>& buffer) {
     const UniqueFd file(
         PathCreate(FolderOf(path)) ? open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644) : -1);
     if (!file) return Refuse(kKelErrorInternal, "the destination cannot be written", entry.name);
     const ZipFile content(zip_fopen_index(archive, entry.index, 0));
     if (!content) return Refuse(kExtractDamaged, "an entry cannot be read", entry.name);
-    KelVector<char> buffer(kBufferBytes);
     std::uint64_t total = 0;
     for (;;) {
         const zip_int64_t read = zip_fread(content.get(), buffer.data(), buffer.size());
@@ -171,38 +191,30 @@ KelStatus Unpack(zip_t* archive, const Entry& entry, const KelString& path) {
     return {};
 }
 
-KelStatus MoveIn(const KelVector<Entry>& files, const KelString& staging, const KelString& destination) {
-    for (const Entry& entry : files) {
-        const KelString target = destination + "/" + entry.name;
-        if (!PathCreate(FolderOf(target)) ||
-            rename((staging + "/" + entry.name).c_str(), target.c_str()) != 0)
-            return Refuse(kKelErrorInternal, "the destination cannot be written", entry.name);
-    }
-    return {};
-}
-
 }  // namespace
 
 KelStatus ExtractArchive(const KelString& archive, const KelString& destination,
-                         const ExtractionLimits& limits) {
+                         const ExtractionLimits& limits, ExtractionLayout layout) {
     if (!FileExists(archive)) return Refuse(kKelErrorMissingContent, "there is no archive", archive);
     int problem = 0;
     const Zip zip(zip_open(archive.c_str(), ZIP_RDONLY | ZIP_CHECKCONS, &problem));
     if (!zip && problem == ZIP_ER_EXISTS) return Refuse(kExtractUnsafe, "an entry occurs twice in", archive);
     if (!zip)
         return KelError{kExtractDamaged, KelFormat("not an intact zip archive (libzip error %d)", problem)};
-    Inspection inspection(zip.get(), limits);
+    Inspection inspection(zip.get(), limits, layout);
     if (KelStatus inspected = inspection.Run(); !inspected) return inspected;
 
     const Staging staging(destination);
     if (!PathCreate(staging.Path()))
         return Refuse(kKelErrorInternal, "the destination cannot be made", destination);
+    KelVector<char> buffer(kBufferBytes);
     for (const Entry& entry : inspection.files)
-        if (KelStatus unpacked = Unpack(zip.get(), entry, staging.Path() + "/" + entry.name); !unpacked)
+        if (KelStatus unpacked = Unpack(zip.get(), entry, staging.Path() + "/" + entry.path, buffer);
+            !unpacked)
             return unpacked;
-    if (!DirSyncFileSystem(destination))
+    if (!DirSyncFileSystem(staging.Path()))
         return Refuse(kKelErrorInternal, "the destination cannot be synced", destination);
-    if (KelStatus moved = MoveIn(inspection.files, staging.Path(), destination); !moved) return moved;
+    if (KelStatus moved = staging.MoveIn(inspection.files); !moved) return moved;
     if (!DirSyncFileSystem(destination))
         return Refuse(kKelErrorInternal, "the destination cannot be synced", destination);
     return {};

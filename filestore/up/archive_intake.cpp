@@ -35,24 +35,39 @@ constexpr int kTries = 5;
 constexpr const char* kOwnFilesOnly = "OwnFilesOnly";
 constexpr std::uint64_t kPauseBetweenTries = 50;  // milliseconds
 /// Files whose rows get their status together: each change is a sync of the database.
-constexpr std::size_t kFilesPerChange = 100;
+constexpr std::size_t kFilesPerChange = 250;
 /// Records of an archive without content that are logged one by one.
 constexpr std::uint32_t kAbsentLogged = 5;
 
 /// The folder into which an archive is unpacked, in the storage folder so that its files can be renamed into
-/// place. Removed at the end of the scope; one that a kill left is removed at the next start.
+/// place. Each entry is a file of its number there: folders would cost more than small files. Removed at the
+/// end of the scope; one that a kill left is removed at the next start.
 class UnpackFolder {
   public:
     explicit UnpackFolder(const FileStoreEntry& archive)
-        : path_(KelFormat("%S%s%lu", FileStore::strStorageLocationToUse, kUnpackFolderPrefix,
-                          archive.FileId)) {}
+        : path_(
+              KelFormat("%S%s%lu", FileStore::strStorageLocationToUse, kUnpackFolderPrefix, archive.FileId)) {
+        DirDelete(path_, true);
+    }
     ~UnpackFolder() { DirDelete(path_, true); }
     UnpackFolder(const UnpackFolder&) = delete;
     UnpackFolder& operator=(const UnpackFolder&) = delete;
-    KelString Path(const KelString& entry = {}) const { return entry.empty() ? path_ : path_ + "/" + entry; }
+    const KelString& Path() const { return path_; }
+
+    /// Takes the names of the archive's entries, in their order.
+    void SetEntries(const KelVector<KelString>& names) {
+        for (std::size_t number = 0; number < names.size(); ++number)
+            numbers_.emplace(names[number], number);
+    }
+    /// Where the entry of that name lies; empty when there is none.
+    KelString PathOf(const KelString& name) const {
+        const auto entry = numbers_.find(name);
+        return entry == numbers_.end() ? KelString() : path_ + "/" + std::to_string(entry->second);
+    }
 
   private:
     KelString path_;
+    KelHash<KelString, std::size_t> numbers_;
 };
 
 enum class Intake : unsigned char {
@@ -70,13 +85,11 @@ bool IsPackedEntry(const KelString& name) {
     return name == kPackingIndexEntry || IsUpstreamEntry(name);
 }
 
-/// The archive's entries must lie beneath the upstream folder. An archive that cannot be listed is left to
-/// the extraction.
-bool HoldsPackedFilesOnly(const FileStoreEntry& archive, const KelString& path) {
-    const auto names = ListArchiveEntries(path);
-    if (!names) return true;
-    const auto foreign = std::find_if_not(names->begin(), names->end(), IsPackedEntry);
-    if (foreign == names->end()) return true;
+/// The archive's entries must lie beneath the upstream folder.
+bool HoldsPackedFilesOnly(const FileStoreEntry& archive, const KelString& path,
+                          const KelVector<KelString>& names) {
+    const auto foreign = std::find_if_not(names.begin(), names.end(), IsPackedEntry);
+    if (foreign == names.end()) return true;
     FileStore::debugFileStore.Error(
         "CallbackThread: Refusing packedfile %S from %S: its entry '%S' is no upstream file\n", path,
         archive.SourceDevice, *foreign);
@@ -88,6 +101,7 @@ Intake Extract(KelThread& thread, const KelString& path, const KelString& destin
         KelContainer call;
         call.SetString("FilePath", path);
         call.SetString("DestinationPath", destination);
+        call.SetBool("Numbered", true);
         const unsigned int error = CallLocal("CoreUtilsExtractFile", call);
         if (error == kKelOk) return Intake::Done;
         if (number == kTries) {
@@ -105,9 +119,9 @@ Intake Extract(KelThread& thread, const KelString& path, const KelString& destin
 
 /// Reads the index of an unpacked archive. Failed when it cannot be read, Refused when there is none.
 Intake ReadIndex(const FileStoreEntry& archive, const KelString& path, KelContainer& index) {
-    if (!FileExists(path)) {
-        FileStore::debugFileStore.Error("CallbackThread: Failed to retrieve %S from %S\n", path,
-                                        archive.FileName);
+    if (path.empty() || !FileExists(path)) {
+        FileStore::debugFileStore.Error("CallbackThread: Failed to retrieve %s from %S\n",
+                                        kPackingIndexEntry, archive.FileName);
         return Intake::Refused;
     }
     const KelResult<KelString> text = FileReadText(path, KelContainer::kMaxXmlBytes);
@@ -122,11 +136,12 @@ Intake ReadIndex(const FileStoreEntry& archive, const KelString& path, KelContai
     return Intake::Done;
 }
 
-/// Where the content of a record was unpacked. An archive of an older agent does not name the entry.
+/// Where the content of a record was unpacked; empty when the archive has none. An archive of an older agent
+/// does not name the entry.
 KelString UnpackedPath(const KelContainer& record, const UnpackFolder& folder) {
     const KelString entry = record.GetString(kPackedEntryValue);
-    if (IsUpstreamEntry(entry)) return folder.Path(entry);
-    return folder.Path(StoredPath(Side::Upstream, FileKey::Read(record)));
+    if (IsUpstreamEntry(entry)) return folder.PathOf(entry);
+    return folder.PathOf(StoredPath(Side::Upstream, FileKey::Read(record)));
 }
 
 Intake Refuse(const FileOffer& file, const FileStoreEntry& archive, const char* reason) {
@@ -217,7 +232,7 @@ class PartOfArchive {
     /// Reads one record.
     void Add(const KelContainer& record) {
         UnpackedFile unpacked{{}, UnpackedPath(record, folder_)};
-        if (!FileExists(unpacked.path)) {
+        if (unpacked.path.empty() || !FileExists(unpacked.path)) {
             if (++absent_ <= kAbsentLogged)
                 Refuse(FileOffer::Read(record), archive_, "the archive has no content of it");
             return;
@@ -314,11 +329,15 @@ bool IsPackedArchive(const KelString& path) {
 
 bool UnpackArchive(KelThread& thread, const FileStoreEntry& archive, const KelString& targetStatus) {
     const KelString path = ContentPath(archive, Side::Upstream);
-    const UnpackFolder folder(archive);
-    if (!HoldsPackedFilesOnly(archive, path)) return RefuseArchive(archive, path);
+    UnpackFolder folder(archive);
+    // An archive that cannot be listed is left to the extraction, which says why.
+    if (const auto names = ListArchiveEntries(path)) {
+        if (!HoldsPackedFilesOnly(archive, path, *names)) return RefuseArchive(archive, path);
+        folder.SetEntries(*names);
+    }
     KelContainer index;
     Intake opened = Extract(thread, path, folder.Path());
-    if (opened == Intake::Done) opened = ReadIndex(archive, folder.Path(kPackingIndexEntry), index);
+    if (opened == Intake::Done) opened = ReadIndex(archive, folder.PathOf(kPackingIndexEntry), index);
     if (opened == Intake::Refused) return RefuseArchive(archive, path);
     if (opened == Intake::Failed) return false;
     if (!EnterPackedFiles(index, folder, archive, targetStatus)) return false;

@@ -25,7 +25,8 @@ void CoreUtils::Register(const char* handle) {
         {{&CoreUtils::ExtractFile,
           {.signature = "CoreUtilsExtractFile (string FilePath, string DestinationPath)",
            .purpose = "Unpacks a zip archive into a folder, the whole archive or nothing.",
-           .inputs = "string FilePath, string DestinationPath, int32 MaxEntries?, int64 MaxBytes?",
+           .inputs = "string FilePath, string DestinationPath, int32 MaxEntries?, int64 MaxBytes?, "
+                     "bool Numbered? (entry N, counted from 0, becomes the file \"N\")",
            .results =
                "1 unusable; 13 no such archive; 16001 an entry that leaves the "
                "destination, is a link, occurs twice or is encrypted; 16002 too many entries or bytes; "
@@ -55,12 +56,13 @@ unsigned int CoreUtils::ExtractFile(KelContainer* arguments) {
         limits.entries = std::min(limits.entries, static_cast<std::uint64_t>(entries));
     if (const std::int64_t bytes = arguments->GetInt64("MaxBytes"); bytes > 0)
         limits.bytes = std::min(limits.bytes, static_cast<std::uint64_t>(bytes));
+    const auto layout = arguments->GetBool("Numbered") ? ExtractionLayout::Numbered : ExtractionLayout::Names;
     arguments->Clear();
     if (archive.empty() || destination.empty()) {
         Log().Warning("Refusing to extract '%S' to '%S': both paths are needed\n", archive, destination);
         return kKelErrorBadInput;
     }
-    const KelStatus extracted = ExtractArchive(archive, destination, limits);
+    const KelStatus extracted = ExtractArchive(archive, destination, limits, layout);
     if (extracted) return kKelOk;
     Log().Warning("Archive '%S' was not extracted: %S\n", archive, extracted.Error().message);
     arguments->SetString("Message", extracted.Error().message);

@@ -63,6 +63,21 @@ TEST_F(ArchiveExtractorTest, UnpacksFilesFoldersAndReplacesOlderContent) {
     EXPECT_EQ(DirList(store_), (KelVector<KelString>{"Temp", "upstream"})) << "nothing else is left behind";
 }
 
+/// Into a folder that exists and into one that is made.
+TEST_F(ArchiveExtractorTest, NumbersTheEntriesInsteadOfMakingFolders) {
+    MakeArchive([](zip_t* zip) {
+        zip_dir_add(zip, "upstream", ZIP_FL_ENC_UTF_8);
+        Add(zip, "upstream/a/b/file", "first");
+        Add(zip, "file", "second");
+    });
+    for (const bool exists : {false, true}) {
+        if (exists) TempFolder::Write(store_ + "/2", "old");
+        EXPECT_TRUE(ExtractArchive(archive_, store_, {}, ExtractionLayout::Numbered));
+        EXPECT_EQ(DirList(store_), (KelVector<KelString>{"1", "2"}));
+        EXPECT_EQ(TempFolder::Read(store_ + "/1") + TempFolder::Read(store_ + "/2"), "firstsecond");
+    }
+}
+
 /// Every one holds a harmless entry first: it must not come out either.
 TEST_F(ArchiveExtractorTest, HostileArchivesAreRefusedWhole) {
     struct Case {

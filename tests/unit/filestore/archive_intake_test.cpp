@@ -5,7 +5,7 @@
 #include "filestore/up/upload_repair.h"
 #include "filestore/up/upstream_file.h"
 #include "kelcore/archive.h"
-#include "read_zip.h"
+#include "kelcore/archive_extractor.h"
 
 namespace {
 
@@ -17,9 +17,11 @@ struct ArchiveIntakeTest : StoreTest {
 
     ArchiveIntakeTest() {
         Fake("CoreUtilsExtractFile ()", [](KelContainer& call) {
-            for (const auto& [name, content] : ReadZip(call.GetString("FilePath")))
-                WriteFile(call.GetString("DestinationPath") + "/" + name, content);
-            return 0U;
+            const auto layout =
+                call.GetBool("Numbered") ? ExtractionLayout::Numbered : ExtractionLayout::Names;
+            const KelStatus extracted =
+                ExtractArchive(call.GetString("FilePath"), call.GetString("DestinationPath"), {}, layout);
+            return extracted ? 0U : extracted.Error().code;
         });
     }
     static KelString Entry(const KelString& name, const KelString& content, const KelString& folder = "") {
