@@ -9,6 +9,7 @@
 #include "filestore/exchange/offer.h"
 #include "filestore/state/file_store.h"
 #include "filestore/state/store_layout.h"
+#include "filestore/state/store_space.h"
 #include "filestore/up/receive_offer.h"
 #include "filestore/up/upload_policy.h"
 #include "filestore/up/upstream_file.h"
@@ -34,6 +35,15 @@ constexpr std::size_t kManyFiles = 5;
 bool SyncContents(std::span<const CompleteFile> files) {
     if (files.size() >= kManyFiles) return DirSyncFileSystem(FileStore::strStorageLocationToUse);
     return std::ranges::all_of(files, [](const CompleteFile& file) { return FileSync(file.content); });
+}
+
+/// Asked once for all: what is wrong with one of them is said when it is offered by itself.
+bool IsRoomFor(std::span<const CompleteFile> files) {
+    if (files.empty() || !IsSpaceLimited()) return true;
+    std::uint64_t bytes = 0, room = 0;
+    for (const CompleteFile& file : files)
+        bytes += static_cast<std::uint64_t>(file.entry.FileSize);
+    return SpaceFor(FileStore::strStorageLocationToUse, room) != 0 || bytes <= room;
 }
 
 /// A file on its way into its place.
@@ -137,13 +147,14 @@ bool ReadArrived(const KelContainer& arguments, FileStoreEntry& entry) {
     const Offer offer = ReadOffer(arguments);
     if (!offer.upstream || offer.local || offer.unconnected || IsArrivalSpecial(offer.key.type) ||
         !CheckOffer(arguments, offer) || ReadUpstreamRemote(arguments, offer, entry) != kKelOk ||
-        !HasRoomForOffered(entry))
+        entry.FileSize < 0)
         return false;
     entry.FileStatus = StatusOfArrived();
     return true;
 }
 
 void TakeOver(std::span<CompleteFile> files, bool synced) {
+    if (!IsRoomFor(files)) return;
     // The contents come first: after a power cut, a name never stands for less than its file.
     if (!synced && !SyncContents(files)) return;
     KelVector<Placing> places = FindPlaces(files);

@@ -30,7 +30,8 @@ bool ReadArrived(const KelContainer& arguments, FileStoreEntry& entry);
 
 /// Takes those of the files over that are new, with the status that their entries have: each is in its place,
 /// has its row, and both are on the disk when the call returns. Files that the store knows already in some
-/// way, and all when the disk or the database fails, are not taken: they have to be offered one by one.
+/// way, and all when the disk is full or the disk or the database fails, are not taken: they have to be offered
+/// one by one.
 ///
 /// Many files cost two syncs of the file system (one when the contents are `synced` already) and one commit.
 /// Any thread; takes mutexUpstream, so hold no other lock.

@@ -146,6 +146,21 @@ bool HasArrivedBefore(const FileStoreEntry& entry) {
     return true;
 }
 
+/// False, logged, when the store may not take so much: the sender offers the file again later.
+bool HasRoomForOffered(const FileStoreEntry& entry) {
+    std::uint64_t room = 0;
+    if (!IsSpaceLimited() || SpaceFor(FileStore::StoreFolder(Side::Upstream, entry.Key()), room) != 0 ||
+        static_cast<std::uint64_t>(entry.FileSize) <= room) {
+        FileStore::failures.Succeeded(kSpaceFailure, "There is room for offered files again");
+        return true;
+    }
+    FileStore::failures.Failed(
+        KelDebugLevel::Error, kSpaceFailure,
+        KelFormat("Refusing the offer of %S: it has %ld bytes, and there is room for %lu; make room in %S",
+                  entry.Key().Text(), entry.FileSize, room, FileStore::strStorageLocationToUse));
+    return false;
+}
+
 }  // namespace
 
 unsigned int ReceiveUpstreamLocal(KelContainer& arguments, Offer& offer) {
@@ -192,20 +207,6 @@ unsigned int ReadUpstreamRemote(const KelContainer& arguments, const Offer& offe
     entry.TransportMode = kTransportUnicast;
     entry.FileStatus = kStatusReceiving;
     return kKelOk;
-}
-
-bool HasRoomForOffered(const FileStoreEntry& entry) {
-    std::uint64_t room = 0;
-    if (!IsSpaceLimited() || SpaceFor(FileStore::StoreFolder(Side::Upstream, entry.Key()), room) != 0 ||
-        static_cast<std::uint64_t>(entry.FileSize) <= room) {
-        FileStore::failures.Succeeded(kSpaceFailure, "There is room for offered files again");
-        return true;
-    }
-    FileStore::failures.Failed(
-        KelDebugLevel::Error, kSpaceFailure,
-        KelFormat("Refusing the offer of %S: it has %ld bytes, and there is room for %lu; make room in %S",
-                  entry.Key().Text(), entry.FileSize, room, FileStore::strStorageLocationToUse));
-    return false;
 }
 
 unsigned int ReceiveUpstreamRemote(KelContainer& arguments, Offer& offer) {

@@ -27,7 +27,4 @@ unsigned int ReceiveUpstreamRemote(KelContainer& arguments, Offer& offer);
 /// when that is refused.
 unsigned int ReadUpstreamRemote(const KelContainer& arguments, const Offer& offer, FileStoreEntry& entry);
 
-/// False, logged, when the store may not take so much: the sender offers the file again later.
-bool HasRoomForOffered(const FileStoreEntry& entry);
-
 }  // namespace filestore
