@@ -10,8 +10,10 @@ uploads the same files to nginx (WebDAV, 8 connections), which does not sync; a 
 """
 import argparse
 import concurrent.futures
+import contextlib
 import os
 import pathlib
+import shutil
 import subprocess
 import sys
 import tempfile
@@ -21,7 +23,7 @@ HERE = pathlib.Path(__file__).resolve().parent
 sys.path[:0] = [str(HERE.parent.parent / "tests" / "system"), str(HERE.parent / "http")]
 
 from peers import Nginx  # noqa: E402
-from tree import Tree, wait_until  # noqa: E402
+from tree import Tree  # noqa: E402
 
 FILE_BYTES = 4096
 BATCH = 2000  # files per command
@@ -38,7 +40,7 @@ def make_files(folder, count):
 
 
 def collected(master):
-    return sum(len(names) for _, _, names in os.walk(master.data / "Delivery" / "Collected"))
+    return sum(len(os.listdir(label)) for label in (master.data / "Delivery" / "Collected").glob("*/*/*"))
 
 
 def loop(folder):
@@ -71,9 +73,14 @@ def hand_over(relay, files):
         relay.kel("send", *files[first:first + BATCH], "--type", "Bench", "--label", "many", timeout=WAIT_SECONDS)
 
 
-def agents_upstream(build, files, clients=1, packed=False):
-    """Files per second from relays to the master, of which each sends a part of the files; and those of the loop."""
-    with Tree(build, [0] * clients) as tree, concurrent.futures.ThreadPoolExecutor(clients) as pool:
+def agents_upstream(build, files, trees, clients=1, packed=False):
+    """Files per second from relays to the master, of which each sends a part of the files; and those of the loop.
+
+    `trees` removes the trees in the end: for some minutes after files were deleted, ext4 looks through their inodes
+    whenever it makes a new file.
+    """
+    with Tree(build, [0] * clients, keep=True) as tree, concurrent.futures.ThreadPoolExecutor(clients) as pool:
+        trees.callback(shutil.rmtree, tree.folder, ignore_errors=True)
         for relay in tree.relays if packed else []:
             relay.set_ini("FileStore", "UploadPolicy", "ConcatFiles", "auto")
             relay.set_ini("FileStore", "UploadPolicy", "MaxFilesToConcat", 1000)
@@ -90,7 +97,10 @@ def agents_upstream(build, files, clients=1, packed=False):
         used = processor_seconds(tree.agents)
         begin = time.monotonic()
         set_windows("")
-        wait_until(lambda: collected(tree.master) >= len(files), WAIT_SECONDS, "all files at the master")
+        while collected(tree.master) < len(files):
+            if time.monotonic() - begin > WAIT_SECONDS:
+                raise SystemExit("not all files have come")
+            time.sleep(0.02)
         seconds = time.monotonic() - begin
         used = processor_seconds(tree.agents) - used
     name = "packed" if packed else f"{clients} at once" if clients > 1 else "singly"
@@ -130,12 +140,12 @@ def main():
     parser.add_argument("--files", type=int, default=10000)
     parser.add_argument("--no-curl", action="store_true")
     options = parser.parse_args()
-    with tempfile.TemporaryDirectory() as root:
+    with contextlib.ExitStack() as trees, tempfile.TemporaryDirectory() as root:
         files = make_files(pathlib.Path(root) / "files", options.files)
         print(f"\n{len(files)} files of {FILE_BYTES} bytes upstream")
         peer = None if options.no_curl else curl_to_nginx(files)
         for clients, packed in ((1, False), (1, True), (CLIENTS, False)):
-            speed = agents_upstream(options.binaries.parent, files, clients, packed)
+            speed = agents_upstream(options.binaries.parent, files, trees, clients, packed)
             if peer:
                 print(f"             {speed / peer:.3f} times curl to nginx")
 
