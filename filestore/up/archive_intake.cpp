@@ -1,6 +1,5 @@
 #include "filestore/up/archive_intake.h"
 
-#include <algorithm>
 #include <filesystem>
 #include <utility>
 
@@ -10,16 +9,14 @@
 #include "filestore/state/file_store.h"
 #include "filestore/state/store_layout.h"
 #include "filestore/up/arrived_files.h"
+#include "filestore/up/unpacked_archive.h"
 #include "filestore/up/upload_archive.h"
-#include "filestore/up/upload_repair.h"
 #include "filestore/up/upstream_file.h"
 #include "kel/checksum.h"
 #include "kel/directory.h"
 #include "kel/file.h"
-#include "kel/format.h"
 #include "kel/text.h"
 #include "kelcore/action_db.h"
-#include "kelcore/archive.h"
 #include "kelcore/device_name.h"
 #include "kelcore/error_codes.h"
 #include "kelcore/file_offer.h"
@@ -29,120 +26,11 @@ namespace filestore {
 
 namespace {
 
-/// From here on the codes of the extraction find fault with the archive: limits, paths, damage.
-constexpr unsigned int kFirstArchiveFault = 16001;
-constexpr int kTries = 5;
-constexpr const char* kOwnFilesOnly = "OwnFilesOnly";
-constexpr std::uint64_t kPauseBetweenTries = 50;  // milliseconds
 /// Files whose rows get their status together: each change is a sync of the database.
 constexpr std::size_t kFilesPerChange = 250;
 /// Records of an archive without content that are logged one by one.
 constexpr std::uint32_t kAbsentLogged = 5;
-
-/// The folder into which an archive is unpacked, in the storage folder so that its files can be renamed into
-/// place. Each entry is a file of its number there: folders would cost more than small files. Removed at the
-/// end of the scope; one that a kill left is removed at the next start.
-class UnpackFolder {
-  public:
-    explicit UnpackFolder(const FileStoreEntry& archive)
-        : path_(
-              KelFormat("%S%s%lu", FileStore::strStorageLocationToUse, kUnpackFolderPrefix, archive.FileId)) {
-        DirDelete(path_, true);
-    }
-    ~UnpackFolder() { DirDelete(path_, true); }
-    UnpackFolder(const UnpackFolder&) = delete;
-    UnpackFolder& operator=(const UnpackFolder&) = delete;
-    const KelString& Path() const { return path_; }
-
-    /// Takes the names of the archive's entries, in their order.
-    void SetEntries(const KelVector<KelString>& names) {
-        for (std::size_t number = 0; number < names.size(); ++number)
-            numbers_.emplace(names[number], number);
-    }
-    /// Where the entry of that name lies; empty when there is none.
-    KelString PathOf(const KelString& name) const {
-        const auto entry = numbers_.find(name);
-        return entry == numbers_.end() ? KelString() : path_ + "/" + std::to_string(entry->second);
-    }
-
-  private:
-    KelString path_;
-    KelHash<KelString, std::size_t> numbers_;
-};
-
-enum class Intake : unsigned char {
-    Done,
-    Refused,  ///< for good
-    Failed,   ///< disk or database: to be tried again
-};
-
-bool IsUpstreamEntry(const KelString& name) {
-    const auto place = ParseStoredPath(name);
-    return place && place->side == Side::Upstream;
-}
-
-bool IsPackedEntry(const KelString& name) {
-    return name == kPackingIndexEntry || IsUpstreamEntry(name);
-}
-
-/// The archive's entries must lie beneath the upstream folder.
-bool HoldsPackedFilesOnly(const FileStoreEntry& archive, const KelString& path,
-                          const KelVector<KelString>& names) {
-    const auto foreign = std::find_if_not(names.begin(), names.end(), IsPackedEntry);
-    if (foreign == names.end()) return true;
-    FileStore::debugFileStore.Error(
-        "CallbackThread: Refusing packedfile %S from %S: its entry '%S' is no upstream file\n", path,
-        archive.SourceDevice, *foreign);
-    return false;
-}
-
-Intake Extract(KelThread& thread, const KelString& path, const KelString& destination) {
-    for (int number = 1;; ++number) {
-        KelContainer call;
-        call.SetString("FilePath", path);
-        call.SetString("DestinationPath", destination);
-        call.SetBool("Numbered", true);
-        const unsigned int error = CallLocal("CoreUtilsExtractFile", call);
-        if (error == kKelOk) return Intake::Done;
-        if (number == kTries) {
-            FileStore::debugFileStore.Error("CallbackThread: Failed to extract packedfile %S, error %u\n",
-                                            path, error);
-            return error < kFirstArchiveFault ? Intake::Failed : Intake::Refused;
-        }
-        FileStore::debugFileStore.Warning(
-            "CallbackThread: Failed to extract packedfile %S, error %u (try number %d)\n", path, error,
-            number);
-        thread.Sleep(kPauseBetweenTries);
-        if (thread.CheckCancelled(false)) return Intake::Failed;
-    }
-}
-
-/// Reads the index of an unpacked archive. Failed when it cannot be read, Refused when there is none.
-Intake ReadIndex(const FileStoreEntry& archive, const KelString& path, KelContainer& index) {
-    if (path.empty() || !FileExists(path)) {
-        FileStore::debugFileStore.Error("CallbackThread: Failed to retrieve %s from %S\n",
-                                        kPackingIndexEntry, archive.FileName);
-        return Intake::Refused;
-    }
-    const KelResult<KelString> text = FileReadText(path, KelContainer::kMaxXmlBytes);
-    if (!text) {
-        FileStore::debugFileStore.Error("CallbackThread: Cannot read the index of %S: %S\n", archive.FileName,
-                                        text.Error().message);
-        return Intake::Failed;
-    }
-    FileStore::debugFileStore.Print("Processing file %S\n", path);
-    if (!index.LoadFromXML(*text) || !index.Has(kPackedFileValue))
-        FileStore::debugFileStore.Error("CallbackThread: %S file does not contains required data.\n", path);
-    return Intake::Done;
-}
-
-/// Where the content of a record was unpacked; empty when the archive has none. An archive of an older agent
-/// does not name the entry.
-KelString UnpackedPath(const KelContainer& record, const UnpackFolder& folder) {
-    const KelString entry = record.GetString(kPackedEntryValue);
-    if (IsUpstreamEntry(entry)) return folder.PathOf(entry);
-    return folder.PathOf(StoredPath(Side::Upstream, FileKey::Read(record)));
-}
+constexpr const char* kOwnFilesOnly = "OwnFilesOnly";
 
 Intake Refuse(const FileOffer& file, const FileStoreEntry& archive, const char* reason) {
     FileStore::debugFileStore.Error("CallbackThread: Failed to process file %S (from %S): %s\n",
@@ -226,12 +114,12 @@ Intake EnterSingly(const UnpackedFile& unpacked, const FileStoreEntry& archive, 
 /// The files of a part of the index that the archive has, and that agree with their records.
 class PartOfArchive {
   public:
-    PartOfArchive(const FileStoreEntry& archive, const UnpackFolder& folder)
-        : archive_(archive), folder_(folder) {}
+    PartOfArchive(const FileStoreEntry& archive, const UnpackedArchive& contents)
+        : archive_(archive), contents_(contents) {}
 
     /// Reads one record.
     void Add(const KelContainer& record) {
-        UnpackedFile unpacked{{}, UnpackedPath(record, folder_)};
+        UnpackedFile unpacked{{}, contents_.PathOf(record)};
         if (unpacked.path.empty() || !FileExists(unpacked.path)) {
             if (++absent_ <= kAbsentLogged)
                 Refuse(FileOffer::Read(record), archive_, "the archive has no content of it");
@@ -280,17 +168,17 @@ class PartOfArchive {
     }
 
     const FileStoreEntry& archive_;
-    const UnpackFolder& folder_;
+    const UnpackedArchive& contents_;
     KelVector<UnpackedFile> files_;
     std::uint32_t absent_ = 0;
     bool complete_ = true;
 };
 
 /// False when disk or database failed; the files before the failure go on all the same.
-bool EnterPackedFiles(const KelContainer& index, const UnpackFolder& folder, const FileStoreEntry& archive,
-                      const KelString& targetStatus) {
+bool EnterPackedFiles(const KelContainer& index, const UnpackedArchive& contents,
+                      const FileStoreEntry& archive, const KelString& targetStatus) {
     const std::uint32_t count = index.Has(kPackedFileValue) ? index.Count(kPackedFileValue) : 0;
-    PartOfArchive part(archive, folder);
+    PartOfArchive part(archive, contents);
     for (std::uint32_t next = 0; next < count;) {
         for (; next < count && part.Count() < kFilesPerChange; ++next)
             part.Add(index.GetContainer(kPackedFileValue, next));
@@ -321,26 +209,14 @@ KelString InfoOfOwnFiles() {
     return info.SaveToXML();
 }
 
-bool IsPackedArchive(const KelString& path) {
-    const auto names = ListArchiveEntries(path);
-    return names && std::find(names->begin(), names->end(), kPackingIndexEntry) != names->end() &&
-           std::all_of(names->begin(), names->end(), IsPackedEntry);
-}
-
 bool UnpackArchive(KelThread& thread, const FileStoreEntry& archive, const KelString& targetStatus) {
     const KelString path = ContentPath(archive, Side::Upstream);
-    UnpackFolder folder(archive);
-    // An archive that cannot be listed is left to the extraction, which says why.
-    if (const auto names = ListArchiveEntries(path)) {
-        if (!HoldsPackedFilesOnly(archive, path, *names)) return RefuseArchive(archive, path);
-        folder.SetEntries(*names);
-    }
+    UnpackedArchive contents(archive);
     KelContainer index;
-    Intake opened = Extract(thread, path, folder.Path());
-    if (opened == Intake::Done) opened = ReadIndex(archive, folder.PathOf(kPackingIndexEntry), index);
+    const Intake opened = contents.Open(thread, index);
     if (opened == Intake::Refused) return RefuseArchive(archive, path);
     if (opened == Intake::Failed) return false;
-    if (!EnterPackedFiles(index, folder, archive, targetStatus)) return false;
+    if (!EnterPackedFiles(index, contents, archive, targetStatus)) return false;
     FileStore::debugFileStore.Print("File %S processed\n", archive.FileName);
     if (!DeleteFileRow(Side::Upstream, archive.FileId)) return false;
     DeleteFileAndFolder(path);

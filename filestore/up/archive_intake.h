@@ -16,8 +16,4 @@ bool UnpackArchive(KelThread& thread, const FileStoreEntry& archive, const KelSt
 /// sender's own, and others are left out.
 KelString InfoOfOwnFiles();
 
-/// True when the archive at `path` holds nothing but an index and upstream files: it is unpacked below the
-/// storage folder, which also holds the downstream files. False as well when it cannot be listed.
-bool IsPackedArchive(const KelString& path);
-
 }  // namespace filestore

@@ -4,7 +4,7 @@
 #include "filestore/state/caller.h"
 #include "filestore/state/device.h"
 #include "filestore/state/file_store.h"
-#include "filestore/up/archive_intake.h"
+#include "filestore/up/unpacked_archive.h"
 #include "filestore/up/upload_senders.h"
 #include "filestore/up/upstream_file.h"
 #include "kel/checksum.h"
