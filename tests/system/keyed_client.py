@@ -44,13 +44,14 @@ class OperatorOfTree:
         self.parent = parent
         guid = agent.identity()["GUID"]
         stop = next(device for device in agent.tree.master.kel("devices") if device["guid"] == guid)
-        self.call = {"Way": [{"PathName": stop["path_name"], "Name": stop["name"]}], "Operator": "test", "Arguments": {},
+        self.call = {"Way": [{"PathName": stop["path_name"], "Name": stop["name"]}], "Operator": "test",
                      "Master": f"{agent.address}:1", "Seconds": 30}
 
     def call_each(self, names):
         with contextlib.closing(self.parent.connection):
             return {name: self.pass_on(name) for name in names}
 
-    def pass_on(self, name):
-        status, _, body = self.parent.action("RelayCallDevice", json.dumps(self.call | {"Action": name}))
+    def pass_on(self, name, **arguments):
+        call = self.call | {"Action": name, "Arguments": arguments}
+        status, _, body = self.parent.action("RelayCallDevice", json.dumps(call))
         return status, json.dumps(json.loads(body)["Answer"])
