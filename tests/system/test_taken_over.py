@@ -128,12 +128,15 @@ class TakenOverTest(SystemTest):
 
     def test_what_waits_for_another_device_stays_its_own(self):
         self.assertEqual(self.victim.stop(), 0)
+        relay, own = self.device(self.client, self.relay), self.names[self.client.guid]
+        unseen = dict(FileType="Demo", FileLabel="files", FileName="secret", DeviceGUID=own)
+        self.assertEqual(relay.call("FileStoreRequestFile", **unseen), (0, {"FileURL": "", "KeepCopy": 0}), "before it comes")
         path = write_files(self.tree.folder / "files", {"secret": 1000})["secret"]
         self.tree.publish([path], to=self.victim.name)
 
         def waiting():
             files = self.relay.call("FileStoreGetNotifiableFiles").get("Values", [])
-            return [file for file in ([files] if isinstance(files, dict) else files) if file["FileName"] == "secret"]
+            return [file for file in ([files] if isinstance(files, dict) else files) if file["FileName"] == "secret" and file["FileChecksum"]]
         [file] = wait_until(waiting, 60, "the file waits for its device")
         key = [file[name] for name in KEY]
         for agent, url in ((self.relay, f"/FileStore/downstream/{key[0]}/{key[1]}/{key[3]}/{key[2]}"),
@@ -141,6 +144,7 @@ class TakenOverTest(SystemTest):
             attacker, name = self.device(self.client, agent), self.names[self.victim.guid]
             for method, headers in ("GET", {}), ("HEAD", {}), ("GET", {"Range": "bytes=0-9"}), ("GET", {"If-None-Match": "*"}):
                 self.assertEqual(attacker.client.request(method, url, headers=headers)[0], 403, (agent.name, method))
+            self.assertEqual(attacker.call("FileStoreRequestFile", **unseen)[1].get("FileURL"), "", "without the checksum")
             for device in name, self.names[self.relay.guid]:
                 acknowledged = attacker.call("FileStoreAcknowledgeFile", key, DeviceGUID=device)[0]
                 if (agent, device) == (self.relay, name):  # elsewhere, nothing waits for it
@@ -151,6 +155,7 @@ class TakenOverTest(SystemTest):
             self.assertEqual(attacker.call("FileStoreReceiveUnconnectedFile", key)[0], 17)
             for kind in "Demo", "SelfHealingRecoveredFile":
                 attacker.call("FileStoreReceiveFile", (kind, "l", "from below", "c"), FileURL="/x", FileSize=1)
+            self.assertEqual(attacker.client.request("GET", url)[0], 403, agent.name)
         self.assertEqual(len(waiting()), 1)
         self.assertNotIn("from below", {file["name"] for agent in (self.relay, self.master) for file in agent.kel("files")})
         self.tree.run(self.victim)
