@@ -31,7 +31,8 @@ class Device:
 
     def offer(self, key, size, **more):
         """The URL for the content, None when the offer is refused."""
-        result, answer = self.call("FileStoreReceiveFile", key, **dict(FileSize=size, Upstream=True, SourceDevice=self.url) | more)
+        values = dict(FileSize=size, Upstream=True, SourceDevice=self.url) | more
+        result, answer = self.call("FileStoreReceiveFile", key, **values)
         return urllib.parse.quote(answer["FileURL"]) if result == 0 else None
 
     def put(self, url, content, **headers):
@@ -43,7 +44,8 @@ class Device:
 
 def record(key, content, source):
     """What an index of packed files says of a file; without a source, not which device it is of."""
-    values = [value(*pair) for pair in zip(KEY, key)] + [value("Upstream", "true", "bool"), value("FileSize", len(content), "int64")]
+    values = [value(*pair) for pair in zip(KEY, key)]
+    values += [value("Upstream", "true", "bool"), value("FileSize", len(content), "int64")]
     values += [value("SourceDevice", source)] if source else []
     return value("PackedFile", "".join(values), "container")
 
@@ -51,7 +53,8 @@ def record(key, content, source):
 def archive(*files):
     """Of (key, content, source)."""
     index = f"<Container>{''.join(record(*file) for file in files)}</Container>"
-    return zip_of([(INDEX, index)] + [(f"upstream/{'/'.join((*key[:2], key[3], key[2]))}", content) for key, content, _ in files])
+    entries = [("/".join(("upstream", *key[:2], key[3], key[2])), content) for key, content, _ in files]
+    return zip_of([(INDEX, index), *entries])
 
 
 class TakenOverTest(SystemTest):
@@ -78,7 +81,8 @@ class TakenOverTest(SystemTest):
         place = self.names[agent.guid].split("/")[0]
         values = {"GUID": agent.guid, "PathName": self.names[agent.guid], "HostName": name, "Role": agent.role, "ParentGuid":
                   agent.parent.guid, "DeviceUrl": f"{place}/{agent.guid}", "Port": place.split(":")[1]}
-        return f"<Container>{''.join(value(*pair) for pair in values.items())}{value('Time', 1 << 40, 'int64')}</Container>".encode()
+        content = "".join(value(*pair) for pair in values.items()) + value("Time", 1 << 40, "int64")
+        return f"<Container>{content}</Container>".encode()
 
     def test_files_are_the_sender_s_own(self):
         """Identities, receipts and inventories included, singly or packed, to the relay or straight to the master."""
@@ -98,7 +102,8 @@ class TakenOverTest(SystemTest):
                 packed = archive(*files)
                 self.assertEqual(attacker.send(("FileStorePackedFiles", "l", f"{name}.zip"), packed), 201)
                 expected[self.client.guid, "l", name] = hashlib.sha256(good).hexdigest()
-            self.assertEqual(attacker.send(("IdentityIdentity", "l", towards.name), self.identity_of(self.victim, "forged")), 201)
+            identity = self.identity_of(self.victim, "forged")
+            self.assertEqual(attacker.send(("IdentityIdentity", "l", towards.name), identity), 201)
         wait_collected(self.master, expected, 60)
         about = f"is about device {self.victim.guid} but comes from"
         wait_until(lambda: self.master.log().count(about) == 2, 30, "the master has seen both identities")
@@ -130,26 +135,30 @@ class TakenOverTest(SystemTest):
         self.assertEqual(self.victim.stop(), 0)
         relay, own = self.device(self.client, self.relay), self.names[self.client.guid]
         unseen = dict(FileType="Demo", FileLabel="files", FileName="secret", DeviceGUID=own)
-        self.assertEqual(relay.call("FileStoreRequestFile", **unseen), (0, {"FileURL": "", "KeepCopy": 0}), "before it comes")
+        self.assertEqual(relay.call("FileStoreRequestFile", **unseen)[1]["FileURL"], "", "before it comes")
         path = write_files(self.tree.folder / "files", {"secret": 1000})["secret"]
         self.tree.publish([path], to=self.victim.name)
 
         def waiting():
             files = self.relay.call("FileStoreGetNotifiableFiles").get("Values", [])
-            return [file for file in ([files] if isinstance(files, dict) else files) if file["FileName"] == "secret" and file["FileChecksum"]]
+            return [file for file in ([files] if isinstance(files, dict) else files)
+                    if file["FileName"] == "secret" and file["FileChecksum"]]
         [file] = wait_until(waiting, 60, "the file waits for its device")
         key = [file[name] for name in KEY]
         for agent, url in ((self.relay, f"/FileStore/downstream/{key[0]}/{key[1]}/{key[3]}/{key[2]}"),
                            (self.master, f"/QuarnelDatabase/Packages/{key[1]}/{key[3]}/{key[2]}")):
             attacker, name = self.device(self.client, agent), self.names[self.victim.guid]
-            for method, headers in ("GET", {}), ("HEAD", {}), ("GET", {"Range": "bytes=0-9"}), ("GET", {"If-None-Match": "*"}):
+            for method, headers in (("GET", {}), ("HEAD", {}), ("GET", {"Range": "bytes=0-9"}),
+                                    ("GET", {"If-None-Match": "*"})):
                 self.assertEqual(attacker.client.request(method, url, headers=headers)[0], 403, (agent.name, method))
             self.assertEqual(attacker.call("FileStoreRequestFile", **unseen)[1].get("FileURL"), "", "without the checksum")
             for device in name, self.names[self.relay.guid]:
                 acknowledged = attacker.call("FileStoreAcknowledgeFile", key, DeviceGUID=device)[0]
                 if (agent, device) == (self.relay, name):  # elsewhere, nothing waits for it
                     self.assertEqual(acknowledged, 1)
-                self.assertEqual(attacker.call("FileStoreDeviceContact", DeviceGUID="/".join(device.split("/")[:2]), ParentGuid="0")[0], 1)
+                url_of_device = "/".join(device.split("/")[:2])
+                contact = attacker.call("FileStoreDeviceContact", DeviceGUID=url_of_device, ParentGuid="0")[0]
+                self.assertEqual(contact, 1)
                 self.assertEqual(attacker.call("FileStoreRequestFile", key, DeviceGUID=device)[0], 1)
             self.assertEqual(attacker.call("FileStoreRequestFile", key)[0], 1, "as the device that is called")
             self.assertEqual(attacker.call("FileStoreReceiveUnconnectedFile", key)[0], 17)
@@ -163,7 +172,8 @@ class TakenOverTest(SystemTest):
 
     def test_a_relay_reads_no_files_of_a_device_below_it(self):
         relay = self.device(self.relay, self.victim).client
-        for action, values in (("FileStoreSetValues", {"Values": {"QueueGap": 29, "PackagesRepositoryPath": str(self.victim.data / "Keys")}}),
+        settings = {"QueueGap": 29, "PackagesRepositoryPath": str(self.victim.data / "Keys")}
+        for action, values in (("FileStoreSetValues", {"Values": settings}),
                                ("HttpProtocolAddAlias", {"AliasName": "x", "AliasPath": "/"})):
             answer = json.loads(OperatorOfTree(self.victim, relay).pass_on(action, **values)[1])
             self.assertRegex(answer["Message"], "on the device itself", action)
@@ -171,7 +181,8 @@ class TakenOverTest(SystemTest):
             self.assertEqual(relay.request("GET", url)[0], 404, url)
         values = self.victim.call("FileStoreGetValues")["Values"]
         self.assertEqual((values["QueueGap"], values["PackagesRepositoryPath"]), (30, ""))
-        for action, values in (("HttpProtocolMulticastStartListen", {"LocalPath": str(self.victim.root / "config" / "x"), "FileURL": "/x"}),
+        listen = {"LocalPath": str(self.victim.root / "config" / "x"), "FileURL": "/x"}
+        for action, values in (("HttpProtocolMulticastStartListen", listen),
                                ("FileStoreReceiveFile", {"FilePath": "/etc/passwd"}), ("RelaySetParent", {"ParentName": "x"})):
             self.assertIn(relay.action(action, json.dumps(values))[1], (1, 17), action)
 
