@@ -64,7 +64,8 @@ bool IsThisDevice(const KelPeer& peer) {
 bool IsParent(const KelPeer& peer, bool mayResolve) {
     if (peer.proof == KelPeer::Proof::Certificate) {
         const AgentSecurityKeys keys = AgentSecurityGetKeys();
-        return keys && !peer.deviceGuid.empty() && keys->Get().parent.guid == peer.deviceGuid;
+        return keys && !peer.deviceGuid.empty() && peer.deviceRole != KelDeviceRole::Client &&
+               keys->Get().parent.guid == peer.deviceGuid;
     }
     if (IsTrusted(peer.address)) return true;
     KelContainer answer;

@@ -13,7 +13,7 @@ namespace {
 constexpr char kFindByKey[] =
     "SELECT FileId FROM Files WHERE FileType = '%Q' AND FileLabel = '%Q' AND FileName = '%Q' AND "
     "(FileChecksum = "
-    "'%Q' OR FileChecksum = '')";
+    "'%Q' OR FileChecksum = '') ORDER BY FileChecksum DESC";
 constexpr char kFindByName[] =
     "SELECT FileId FROM Files WHERE FileType = '%Q' AND FileLabel = '%Q' AND FileName = '%Q' ORDER BY "
     "FileChecksum ASC";

@@ -14,7 +14,9 @@
 #include "filestore/state/contact.h"
 #include "filestore/state/external_content.h"
 #include "filestore/state/file_store.h"
+#include "kel/text.h"
 #include "kelcore/action_db.h"
+#include "kelcore/call_origin.h"
 #include "kelcore/error_codes.h"
 #include "kelcore/file_values.h"
 
@@ -29,8 +31,9 @@ namespace {
 constexpr std::int64_t kDueSinceRequest = 8;
 
 struct Request {
-    FileStoreEntry file;     ///< key, information and bypass flag
-    KelString deviceGuid;    ///< device URL of the requester; empty: a module of this device
+    FileStoreEntry file;   ///< key, information and bypass flag
+    KelString deviceGuid;  ///< device URL of the requester; empty: a module of this device
+    KelString openFor;     ///< GUID of the client that asks without a checksum, where a certificate proves it
     bool isDamaged = false;  ///< the requester has fetched the file, and could not use it
     bool multicast = false;  ///< files go out by multicast now, so no URL is given
 };
@@ -44,6 +47,14 @@ struct Answer {
     KelString status;    ///< of the file's row when it was last looked at; empty: no row; not sent
 };
 
+/// Relays are believed.
+KelString RequestedFor(const KelContainer& arguments) {
+    const KelCallOrigin origin = CallOriginOf(arguments);
+    if (origin.deviceGuid.empty() || !arguments.GetString(kValueFileChecksum).empty()) return {};
+    return origin.mayPassOn ? arguments.GetContainer(kValueFileInfo).GetString(kRequestedFor)
+                            : origin.deviceGuid;
+}
+
 Request ReadRequest(const KelContainer& arguments) {
     Request request;
     request.file.SetKey(FileKey::Read(arguments));
@@ -52,7 +63,10 @@ Request ReadRequest(const KelContainer& arguments) {
     KelContainer info = arguments.GetContainer(kValueFileInfo);
     // What a device below says was signed does not become what this one passes on.
     if (!request.deviceGuid.empty()) info.Remove(kValueSigned);
-    if (arguments.Has(kValueFileInfo)) request.file.FileInfo = info.SaveToXML();
+    request.openFor = RequestedFor(arguments);
+    info.Remove(kRequestedFor);
+    if (!request.openFor.empty()) info.SetString(kRequestedFor, request.openFor);
+    if (arguments.Has(kValueFileInfo) || !request.openFor.empty()) request.file.FileInfo = info.SaveToXML();
     request.isDamaged = arguments.GetBool(kValueContentDamaged);
     int frameSize = 0;
     request.multicast = FileStore::bmTrackUsageMulticast.BandwidthIsLimited() &&
@@ -142,6 +156,21 @@ KelString UrlOf(const FileStoreEntry& entry) {
     return StoredUrl(Side::Downstream, entry.Key());
 }
 
+/// Who knows the checksum of a file may have it. Who does not may have what was published for every device or
+/// for this one, and what is not signed; of a file that has yet to come, only the device for which it was
+/// requested.
+bool MayHave(const Request& request, const FileStoreEntry& entry) KEL_REQUIRES(FileStore::mutexDownstream) {
+    if (request.openFor.empty()) return true;
+    if (StringTokeniser(request.deviceGuid, '/').GetToken(1) == request.openFor) {
+        const auto targets = FindTargets(entry.FileId, request.deviceGuid);
+        if (targets && !targets->empty()) return true;
+    }
+    const KelContainer info = FileInfoOf(entry);
+    const bool isExpected = !info.Has(kValueSigned) && entry.FileStatus != kStatusAvailable;
+    return isExpected ? info.GetString(kRequestedFor) == request.openFor
+                      : IsPublishedFor(info, request.openFor);
+}
+
 enum class InStore : unsigned char {
     Unknown,   ///< no row
     NotHere,   ///< a row, but no content: the package repository may have it
@@ -155,6 +184,13 @@ InStore AnswerFromStore(const Request& request, std::uint64_t& fileId, Answer& a
     if (fileId == 0) return InStore::Unknown;
     FileStoreEntry entry;
     if (!entry.LoadFromDatabase(fileId, Side::Downstream)) return InStore::Answered;
+    if (!MayHave(request, entry)) {
+        FileStore::failures.Failed(KelDebugLevel::Warning, "open request " + request.openFor,
+                                   KelFormat("Refusing a request of %S for %S, which was published for other "
+                                             "devices; with the checksum it would get it",
+                                             request.openFor, entry.Key().Text()));
+        return InStore::Answered;
+    }
     if (entry.FileStatus == kStatusObsolete) {
         FileStore::debugFileStore.Print("Requested file %S is obsolete.\n", entry.FileName);
         answer.obsolete = true;

@@ -132,6 +132,16 @@ FileStoreEntry NewEntry(const Announcement& announced) {
     return entry;
 }
 
+/// Loads the row that the announced file has, or that waits for any file of its name, unless a client has
+/// requested that which is not among the devices that the file is for.
+bool LoadKnown(const Announcement& announced, FileStoreEntry& entry)
+    KEL_REQUIRES(FileStore::mutexDownstream) {
+    if (!LoadKnownFile(Side::Downstream, entry)) return false;
+    if (!entry.FileChecksum.empty()) return true;
+    const KelString client = FileInfoOf(entry).GetString(kRequestedFor);
+    return client.empty() || IsPublishedFor(FileInfoOf(announced.file), client);
+}
+
 Recorded Record(const Announcement& announced) {
     // Making the targets asks local actions: no lock may be held. What is known of the file counts as it is
     // afterwards.
@@ -140,7 +150,7 @@ Recorded Record(const Announcement& announced) {
 
     const KelLock lock(FileStore::mutexDownstream);
     FileStoreEntry entry = announced.file;
-    if (LoadKnownFile(Side::Downstream, entry)) return UpdateKnown(entry, announced, *targets);
+    if (LoadKnown(announced, entry)) return UpdateKnown(entry, announced, *targets);
     entry = NewEntry(announced);
     return SaveFileWithTargets(entry, *targets) ? Recorded::ToBeDownloaded : Recorded::Failed;
 }

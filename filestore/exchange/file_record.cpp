@@ -19,6 +19,14 @@ bool IsSigned(const KelString& info) {
     return values.LoadFromXML(info) && values.Has(kValueSigned);
 }
 
+bool IsPublishedFor(const KelContainer& info, const KelString& guid) {
+    const KelContainer publication = info.GetContainer(kValueSigned);
+    const std::uint32_t devices = publication.Has("Device") ? publication.Count("Device") : 0;
+    for (std::uint32_t i = 0; i < devices; ++i)
+        if (publication.GetString("Device", {}, i) == guid) return true;
+    return devices == 0;
+}
+
 const KelString& SignedOne(const KelString& own, const KelString& ofParent) {
     return IsSigned(ofParent) && !IsSigned(own) ? ofParent : own;
 }

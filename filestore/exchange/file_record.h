@@ -19,6 +19,13 @@ KelContainer FileInfoOf(const FileStoreEntry& entry);
 /// True when a row's FileInfo, as XML, has what the master has signed of the file.
 bool IsSigned(const KelString& info);
 
+/// In the FileInfo of a file that a client has requested without its checksum: the GUID of the client. Relays
+/// pass it up.
+inline constexpr const char* kRequestedFor = "RequestedFor";
+
+/// False when the master has signed a file with this FileInfo for other devices than this one.
+bool IsPublishedFor(const KelContainer& info, const KelString& guid);
+
 /// The FileInfo, as XML, of a file that is fetched from the parent: its own, unless only the parent's is
 /// signed, as for a file that was requested here.
 const KelString& SignedOne(const KelString& own, const KelString& ofParent);

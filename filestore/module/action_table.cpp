@@ -29,7 +29,8 @@ constexpr std::array kActions = {
                                 "one is unusable, none.",
                      .inputs = "container Values {string * (a setting)}",
                      .outputs = "string Notes[]? (values moved into their bounds, and unknown names)",
-                     .results = "1 a value is unusable; 18 the ini file cannot be written",
+                     .results = "1 a value is unusable; 17 it names a folder of the device, and comes from "
+                                "elsewhere; 18 the ini file cannot be written",
                      .callers = kOperator,
                      .changes = true}},
     FileStoreAction{

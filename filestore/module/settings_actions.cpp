@@ -4,6 +4,7 @@
 #include "filestore/state/settings.h"
 #include "kel/container.h"
 #include "kel/format.h"
+#include "kelcore/call_origin.h"
 #include "kelcore/error_codes.h"
 
 namespace {
@@ -41,7 +42,8 @@ IniValue Judge(const FileStoreSetting& setting, const KelContainer& values) {
 using Notes = KelVector<KelString>;
 
 /// The changes asked for, in their order, or the error for the first unusable one.
-KelResult<KelVector<Change>> ReadChanges(const KelContainer& values, Notes& notes) {
+KelResult<KelVector<Change>> ReadChanges(const KelContainer& arguments, Notes& notes) {
+    const KelContainer& values = arguments.GetContainer("Values");
     KelVector<Change> changes;
     for (std::size_t i = 0; i < values.GetNameCount(); ++i) {
         const KelString& name = values.GetName(i);
@@ -50,6 +52,11 @@ KelResult<KelVector<Change>> ReadChanges(const KelContainer& values, Notes& note
             notes.push_back(UnknownSetting(name));
             continue;
         }
+        if (setting->isLocal && !ActionIsFromThisDevice(arguments))
+            return KelError{kKelErrorNotAvailable,
+                            KelFormat("%S names a folder of the device, and is set on the device itself. No "
+                                      "setting was changed",
+                                      name)};
         Change change{setting, Judge(*setting, values)};
         if (!change.judged.isUsable)
             return KelError{kKelErrorBadInput,
@@ -105,7 +112,7 @@ void SetValue(KelContainer& values, const char* name, const Value& value) {
 unsigned int FileStore::ActionHandler_FileStoreSetValues(KelContainer* arguments) {
     Notes notes;
     const auto changes = arguments->IsContainer("Values")
-                             ? ReadChanges(arguments->GetContainer("Values"), notes)
+                             ? ReadChanges(*arguments, notes)
                              : KelResult<KelVector<Change>>(
                                    KelError{kKelErrorBadInput, "Values is missing or is no container"});
     arguments->Clear();

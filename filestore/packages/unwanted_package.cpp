@@ -17,6 +17,10 @@ namespace filestore {
 
 namespace {
 
+// Seconds; short, because other uploads wait.
+constexpr int kConnectTimeout = 3;
+constexpr int kCallTimeout = 15;
+
 /// The action of the relay's packager that takes the rejection; empty for an unknown type of package.
 KelString RejectingAction(const KelString& packageType) {
     constexpr std::array<std::pair<const char*, const char*>, 4> kActions = {{
@@ -55,12 +59,14 @@ bool RejectPackage(const FileStoreEntry& entry) {
         return true;
     }
     const KelString address = info.GetString("AdministratedRelayAddrPort");
+    const KelString guid = info.GetString("AdministratedRelayGUID");
     KelContainer call;
     call.SetString("PackageRelativePath", info.GetString("PackageRelativePath"));
     call.SetString("AdministratedRelayAddrPort", address);
-    call.SetString("AdministratedRelayGUID", info.GetString("AdministratedRelayGUID"));
-    const KelString url = UrlForAgent(KelAgentGetName(), KelAgentGetHttpPassword(), address);
-    const unsigned int error = CallDevice(url, action, call);
+    call.SetString("AdministratedRelayGUID", guid);
+    const KelString url = UrlForAgent(KelAgentGetName(), KelAgentGetHttpPassword(), address + "/" + guid);
+    const unsigned int error =
+        ActionDbInvokeContainer(nullptr, url, action, call, 0, kConnectTimeout, kCallTimeout, nullptr);
     if (error != kKelOk) {
         FileStore::debugFileStore.Error("CallbackThread: Failed to call %S, error %u\n", action, error);
         return false;

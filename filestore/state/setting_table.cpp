@@ -85,6 +85,10 @@ struct Row : FileStoreSetting {
         read = time;
         return *this;
     }
+    Row& Local() {
+        isLocal = true;
+        return *this;
+    }
 };
 
 std::span<const FileStoreSetting> Table() {
@@ -132,7 +136,8 @@ std::span<const FileStoreSetting> Table() {
         Row("PackageSynchronization", "PackageSynchroAtStartup", false, {}).ReadAt(Read::WhenUsed),
         Row("PackageSynchronization", "PackageSynchroGap", 4096, {}).ReadAt(Read::WhenUsed),
         Row("AlternativePackagesRepository", "PackagesRepositoryPath", "", &F::strPackagesRepositoryPath)
-            .Then(Effect::Repository),
+            .Then(Effect::Repository)
+            .Local(),
         Row("AlternativePackagesRepository", "PackagesRepositoryCopy", true, &F::fPackagesRepositoryCopy),
         Row("FileStore", "KeepCopyPackageMaxSize", 0, &F::uKeepCopyPackageMaxSize),
         Row("FileStore", "RemoveOrphans", false, {}).ReadAt(Read::WhenUsed),

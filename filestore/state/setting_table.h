@@ -31,6 +31,7 @@ struct FileStoreSetting {
     KelString (*current)() = nullptr;           ///< texts without a member: the value in force
     FileStoreSettingEffect effect = FileStoreSettingEffect::None;
     FileStoreSettingRead read = FileStoreSettingRead::AtInitialisation;
+    bool isLocal = false;  ///< names a folder, which only the device's own operator may do
 
     /// The value that a text which JudgeIniValue has given stands for.
     Value FromText(const KelString& text) const;

@@ -75,9 +75,9 @@ Intake ReadRecord(const KelContainer& record, const FileStoreEntry& archive, Unp
     file = FileOffer::Read(record);
     FileStore::debugFileStore.Print("CallbackThread: Processing file %S (from %S)\n", file.key.name,
                                     archive.FileName);
-    const KelString source = file.sourceDevice.value_or("");
-    if (!source.empty() && HoldsOwnFilesOnly(archive) &&
-        GuidOfDevice(source) != GuidOfDevice(archive.SourceDevice))
+    // One that names no device would be taken for a file of this device.
+    if (HoldsOwnFilesOnly(archive) &&
+        GuidOfDevice(file.sourceDevice.value_or("")) != GuidOfDevice(archive.SourceDevice))
         return Refuse(file, archive, "its sender is a client, and the file is of another device");
     if (const Intake checked = CheckContent(unpacked.path, file, archive); checked != Intake::Done)
         return checked;

@@ -43,21 +43,6 @@ bool SetArrived(const FileStoreEntry& entry, const KelString& status) {
     return true;
 }
 
-/// A package of an administrated relay is handled by the device that administrates the relay and refused by
-/// any other. A package that names no relay travels on like any other file. False when the relay could not be
-/// informed.
-bool ReceivePackage(const FileStoreEntry& entry, const KelString& targetStatus) {
-    switch (OwnerOfPackage(entry)) {
-        case PackageOwner::None:
-            return SetArrived(entry, targetStatus);
-        case PackageOwner::ThisDevice:
-            return SetArrived(entry, kStatusToBeHandled);
-        case PackageOwner::Other:
-            break;
-    }
-    return RejectPackage(entry);
-}
-
 }  // namespace
 
 FileStoreCallbackThread::FileStoreCallbackThread() : FileThreadBase("FileStore", "QueueGap", 30) {}
@@ -98,6 +83,30 @@ void FileStoreCallbackThread::RepairFromTimeToTime() {
     if (now - lastRepair_ < kRepairInterval) return;
     lastRepair_ = now;
     FileStoreRepairUploads();
+}
+
+/// A package of an administrated relay is handled by the device that administrates the relay and refused by
+/// any other. A package that names no relay travels on like any other file. False when the relay could not be
+/// informed.
+bool FileStoreCallbackThread::ReceivePackage(const FileStoreEntry& entry, const KelString& targetStatus) {
+    switch (OwnerOfPackage(entry)) {
+        case PackageOwner::None:
+            return SetArrived(entry, targetStatus);
+        case PackageOwner::ThisDevice:
+            return SetArrived(entry, kStatusToBeHandled);
+        case PackageOwner::Other:
+            break;
+    }
+    return Reject(entry);
+}
+
+/// A package names the device that is called, which may let the call run into its time-outs. Other uploads
+/// wait meanwhile, so after a failure no package is rejected for a while.
+bool FileStoreCallbackThread::Reject(const FileStoreEntry& package) {
+    if (std::chrono::steady_clock::now() < rejectAgain_) return false;
+    if (RejectPackage(package)) return true;
+    rejectAgain_ = std::chrono::steady_clock::now() + std::chrono::seconds(FileStore::ulTimeout);
+    return false;
 }
 
 bool FileStoreCallbackThread::ReceiveFile(const KelString& url) {

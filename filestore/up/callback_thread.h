@@ -2,6 +2,7 @@
 
 #include <chrono>
 
+#include "filestore/db/file_store_entry.h"
 #include "filestore/state/worker_loop.h"
 #include "kel/types.h"
 
@@ -29,7 +30,10 @@ class FileStoreCallbackThread : public FileThreadBase {
 
   private:
     void RepairFromTimeToTime();
+    bool ReceivePackage(const FileStoreEntry& entry, const KelString& targetStatus);
+    bool Reject(const FileStoreEntry& package);
 
     KelVector<KelString> sqlList_;  ///< run on the upstream database at the end of every step
     std::chrono::steady_clock::time_point lastRepair_ = std::chrono::steady_clock::now();
+    std::chrono::steady_clock::time_point rejectAgain_;  ///< not before
 };

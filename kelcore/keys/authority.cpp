@@ -21,11 +21,17 @@ constexpr std::size_t kGroupKeyBytes = 32;
 /// Certificates stay listed for so long after their end: clocks differ.
 constexpr std::int64_t kListedLonger = 30 * KelIssuer::kDay;
 
-/// The certificates in a file, of which one may not be readable any more.
-KelVector<KelCertificate> LoadAll(const KelString& path) {
+/// So many certificates a device may have at once; then it gets another one after a day. Each is kept until
+/// its end, and listed if it is revoked: a device must not be able to fill the disk, or the list.
+constexpr std::size_t kMostAtOnce = 10;
+
+/// The certificates in a file, of which one may be malformed; none without the file. An error when it cannot
+/// be read: what is not known could neither be revoked nor stay so.
+KelResult<KelVector<KelCertificate>> LoadAll(const KelString& path) {
     KelVector<KelCertificate> all;
-    const auto text = FileExists(path) ? FileReadText(path, kMaxFileBytes) : KelString();
-    if (!text) return all;
+    if (!FileExists(path)) return all;
+    const auto text = FileReadText(path, kMaxFileBytes);
+    if (!text) return text.Error();
     std::string_view left = *text;
     for (std::size_t end = 0; (end = left.find(kPemEnd)) != std::string_view::npos;) {
         end += kPemEnd.size();
@@ -45,9 +51,18 @@ KelStatus SaveAll(const KelString& path, const KelVector<KelCertificate>& certif
     return FileWriteText(path, text);
 }
 
-void DropEnded(KelVector<KelCertificate>& certificates, std::int64_t now) {
-    std::erase_if(certificates,
-                  [now](const KelCertificate& certificate) { return certificate.NotAfter() < now; });
+/// The same without those that have ended.
+KelResult<KelVector<KelCertificate>> LoadValid(const KelString& path, std::int64_t now) {
+    auto all = LoadAll(path);
+    if (all)
+        std::erase_if(*all,
+                      [now](const KelCertificate& certificate) { return certificate.NotAfter() < now; });
+    return all;
+}
+
+/// Certificates begin a day before they are issued.
+bool IsOfLastDay(const KelCertificate& certificate, std::int64_t now) {
+    return certificate.NotBefore() + 2 * KelIssuer::kDay > now;
 }
 
 /// The GUIDs after which the files of a folder are named.
@@ -121,22 +136,22 @@ KelStatus KelAuthority::OpenSigner(std::int64_t now) {
 }
 
 std::optional<KelCertificate> KelAuthority::Find(const KelString& guid, std::int64_t now) const {
-    KelVector<KelCertificate> issued = LoadAll(IssuedPath(guid));
-    DropEnded(issued, now);
-    return issued.empty() ? std::nullopt : std::optional(issued.back());
+    const auto issued = LoadValid(IssuedPath(guid), now);
+    return !issued || issued->empty() ? std::nullopt : std::optional(issued->back());
 }
 
 KelResult<KelCertificate> KelAuthority::Issue(evp_pkey_st* publicKey, const KelDeviceIdentity& identity,
                                               std::int64_t now) const {
     if (!IsGuid(identity.guid)) return KelError{kKelErrorBadInput, "this is no GUID"};
-    KelVector<KelCertificate> issued = LoadAll(IssuedPath(identity.guid));
-    DropEnded(issued, now);
-    if (!issued.empty() && issued.back().Fingerprint() != KeyFingerprint(publicKey))
+    const auto issued = LoadValid(IssuedPath(identity.guid), now);
+    if (!issued) return issued.Error();
+    if (!issued->empty() && issued->back().Fingerprint() != KeyFingerprint(publicKey))
         return KelError{kKelErrorBadInput,
                         KelFormat("another key is registered for %S; if the device was set up again, revoke "
                                   "the old one on the master first: kel keys revoke %S",
                                   identity.guid, identity.guid)};
-    return IssueAny(publicKey, identity, std::move(issued), now);
+    if (issued->size() >= kMostAtOnce && IsOfLastDay(issued->back(), now)) return issued->back();
+    return IssueAny(publicKey, identity, *issued, now);
 }
 
 KelResult<KelCertificate> KelAuthority::IssueAny(evp_pkey_st* publicKey, const KelDeviceIdentity& identity,
@@ -183,44 +198,55 @@ KelResult<KelCertificate> KelAuthority::Replace(const KelCertificateRequest& req
         return KelError{kKelErrorBadInput,
                         KelFormat("the request for a new key of %S is not signed with its present one",
                                   request.Identity().guid)};
-    KelVector<KelCertificate> issued = LoadAll(IssuedPath(request.Identity().guid));
-    DropEnded(issued, now);
-    return IssueAny(request.PublicKey(), request.Identity(), std::move(issued), now);
+    if (isKnown) return Issue(request.PublicKey(), request.Identity(), now);
+    const auto issued = LoadValid(IssuedPath(request.Identity().guid), now);
+    if (!issued) return issued.Error();
+    const auto revoked = LoadValid(RevokedPath(request.Identity().guid), now);
+    if (!revoked) return revoked.Error();
+    if (issued->size() + revoked->size() >= kMostAtOnce && IsOfLastDay(*latest, now))
+        return KelError{kKelErrorNotAvailable,
+                        KelFormat("%S has had many new keys; try again tomorrow", request.Identity().guid)};
+    return IssueAny(request.PublicKey(), request.Identity(), *issued, now);
 }
 
 KelResult<KelCertificate> KelAuthority::ReplaceOwn(const KelKeyPair& key, const KelDeviceIdentity& master,
                                                    std::int64_t now) const {
-    KelVector<KelCertificate> issued = LoadAll(IssuedPath(master.guid));
-    DropEnded(issued, now);
-    return IssueAny(key.Get(), master, std::move(issued), now);
+    const auto issued = LoadValid(IssuedPath(master.guid), now);
+    return issued ? IssueAny(key.Get(), master, *issued, now) : issued.Error();
+}
+
+/// Before the certificates leave the files of the valid ones: if the next step fails, they are listed as
+/// issued and as revoked; revoked counts.
+KelStatus KelAuthority::AddRevoked(const KelString& guid, std::span<const KelCertificate> certificates,
+                                   std::int64_t now) const {
+    auto revoked = LoadAll(RevokedPath(guid));
+    if (!revoked) return revoked.Error();
+    revoked->insert(revoked->end(), certificates.begin(), certificates.end());
+    if (KelStatus saved = SaveAll(RevokedPath(guid), *revoked); !saved) return saved;
+    return WriteList(now);
 }
 
 KelStatus KelAuthority::RetireOtherKeys(const KelString& guid, const KelString& fingerprint,
                                         std::int64_t now) const {
-    KelVector<KelCertificate> issued = LoadAll(IssuedPath(guid));
-    const auto others = std::stable_partition(issued.begin(), issued.end(),
+    auto issued = LoadAll(IssuedPath(guid));
+    if (!issued) return issued.Error();
+    const auto others = std::stable_partition(issued->begin(), issued->end(),
                                               [&fingerprint](const KelCertificate& certificate) {
                                                   return certificate.Fingerprint() == fingerprint;
                                               });
-    if (others == issued.end()) return {};
-    KelVector<KelCertificate> revoked = LoadAll(RevokedPath(guid));
-    revoked.insert(revoked.end(), others, issued.end());
-    if (KelStatus saved = SaveAll(RevokedPath(guid), revoked); !saved) return saved;
-    if (KelStatus listed = WriteList(now); !listed) return listed;
-    issued.erase(others, issued.end());
-    return SaveAll(IssuedPath(guid), issued);
+    if (others == issued->end()) return {};
+    if (KelStatus added = AddRevoked(guid, {others, issued->end()}, now); !added) return added;
+    issued->erase(others, issued->end());
+    return SaveAll(IssuedPath(guid), *issued);
 }
 
 KelStatus KelAuthority::Revoke(const KelString& guid, std::int64_t now) const {
-    const KelVector<KelCertificate> issued =
-        IsGuid(guid) ? LoadAll(IssuedPath(guid)) : KelVector<KelCertificate>();
-    if (issued.empty())
+    const auto issued = IsGuid(guid) ? LoadAll(IssuedPath(guid))
+                                     : KelResult<KelVector<KelCertificate>>(KelVector<KelCertificate>());
+    if (!issued) return issued.Error();
+    if (issued->empty())
         return KelError{kKelErrorMissingContent, KelFormat("the device %S has no certificate", guid)};
-    KelVector<KelCertificate> revoked = LoadAll(RevokedPath(guid));
-    revoked.insert(revoked.end(), issued.begin(), issued.end());
-    if (KelStatus saved = SaveAll(RevokedPath(guid), revoked); !saved) return saved;
-    // If the next step fails, the certificates are listed as issued and as revoked; revoked counts.
-    if (KelStatus listed = WriteList(now); !listed) return listed;
+    if (KelStatus added = AddRevoked(guid, *issued, now); !added) return added;
     if (!FileDelete(IssuedPath(guid))) return SystemError("A file cannot be removed:", IssuedPath(guid));
     return {};
 }
@@ -228,9 +254,9 @@ KelStatus KelAuthority::Revoke(const KelString& guid, std::int64_t now) const {
 KelStatus KelAuthority::WriteList(std::int64_t now) const {
     KelVector<KelCertificate> listed;
     for (const KelString& guid : GuidsIn(folder_ + "/Revoked")) {
-        KelVector<KelCertificate> revoked = LoadAll(RevokedPath(guid));
-        DropEnded(revoked, now - kListedLonger);
-        listed.insert(listed.end(), revoked.begin(), revoked.end());
+        const auto revoked = LoadValid(RevokedPath(guid), now - kListedLonger);
+        if (!revoked) return revoked.Error();
+        listed.insert(listed.end(), revoked->begin(), revoked->end());
     }
     const auto before = Revoked();
     if (!before) return before.Error();
@@ -244,10 +270,10 @@ KelVector<KelAuthority::Device> KelAuthority::List() const {
     for (const bool isRevoked : {false, true}) {
         const KelString folder = folder_ + (isRevoked ? "/Revoked" : "/Issued");
         for (const KelString& guid : GuidsIn(folder)) {
-            const KelVector<KelCertificate> all = LoadAll(folder + "/" + guid + ".pem");
-            if (all.empty()) continue;
-            const auto identity = all.back().Identity();
-            if (identity) devices.push_back({*identity, all.back(), isRevoked});
+            const auto all = LoadAll(folder + "/" + guid + ".pem");
+            if (!all || all->empty()) continue;
+            const auto identity = all->back().Identity();
+            if (identity) devices.push_back({*identity, all->back(), isRevoked});
         }
     }
     return devices;

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <span>
+
 #include "kel/result.h"
 #include "kelcore/keys/certificate_request.h"
 #include "kelcore/keys/issuer.h"
@@ -49,7 +51,8 @@ class KelAuthority {
     /// The latest certificate of a device that is neither revoked nor over; nothing when there is none.
     std::optional<KelCertificate> Find(const KelString& guid, std::int64_t now) const;
 
-    /// Issues a certificate to a device. An error when the GUID belongs to a device with another key.
+    /// Issues a certificate to a device. An error when the GUID belongs to a device with another key. One
+    /// that has got many in a day gets the latest of them again.
     KelResult<KelCertificate> Issue(evp_pkey_st* publicKey, const KelDeviceIdentity& identity,
                                     std::int64_t now) const;
 
@@ -80,6 +83,8 @@ class KelAuthority {
     KelString File(const char* name) const { return folder_ + "/" + name; }
     KelString IssuedPath(const KelString& guid) const { return folder_ + "/Issued/" + guid + ".pem"; }
     KelString RevokedPath(const KelString& guid) const { return folder_ + "/Revoked/" + guid + ".pem"; }
+    KelStatus AddRevoked(const KelString& guid, std::span<const KelCertificate> certificates,
+                         std::int64_t now) const;
     KelStatus WriteList(std::int64_t now) const;
     KelResult<KelCertificate> Latest(const KelCertificateRequest& request, std::int64_t now) const;
     KelResult<KelCertificate> IssueAny(evp_pkey_st* publicKey, const KelDeviceIdentity& identity,

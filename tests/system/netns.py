@@ -39,7 +39,7 @@ class Network:
     """Namespace number N has the address SUBNET.N on its interface eth0; the bridge is in a namespace of its own."""
 
     def __init__(self, subnet="10.77.0"):
-        self.prefix, self.namespaces, self.subnet = f"kel{os.getpid()}n", [], subnet
+        self.prefix, self.namespaces, self.subnet = f"kel{os.getpid()}n{subnet.rsplit('.', 1)[1]}n", [], subnet
         self.hub = self.make_namespace("hub")
         run("ip", "-n", self.hub, "link", "add", "br0", "up", "type", "bridge", "mcast_snooping", "0")
 
@@ -103,9 +103,9 @@ class Network:
 class NetTree(Tree):
     """Agent number N is in namespace number N."""
 
-    def __init__(self, shape):
-        self.network = Network()
-        super().__init__(BUILD, shape)
+    def __init__(self, shape, subnet="10.77.0", keys=False):
+        self.network = Network(subnet)
+        super().__init__(BUILD, shape, keys=keys)
 
     def choose_address(self, number):
         address = self.network.add(number)

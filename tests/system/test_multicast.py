@@ -5,6 +5,7 @@ How fast anything happens does not matter here. A busy machine may lose datagram
 blocks have passed or a question has gone unanswered; what that may cost follows from what the kernels and logs say."""
 
 import hashlib
+import json
 import re
 import subprocess
 import sys
@@ -14,7 +15,7 @@ import netns
 from case import SystemTest, write_files
 from tree import sha256_of, wait_until
 
-SIZE = 64 << 20
+SIZE, SMALL = 64 << 20, 4 << 20
 CLIENTS = 8
 RATE = 60000  # kbit/s
 GROUP, PORT, BLOCK = "224.2.0.0", 1500, 32000
@@ -39,28 +40,29 @@ while True:
 
 @unittest.skipIf(netns.why_not(), netns.why_not())
 class Multicast(SystemTest):
-    def setUp(self):
-        self.tree = netns.NetTree([CLIENTS, CLIENTS])
-        self.addCleanup(self.tree.close)
-        for relay in self.tree.relays:
+    def start(self, *shape, **options):
+        tree = netns.NetTree(shape, **options)
+        self.addCleanup(tree.close)
+        for relay in tree.relays:
             relay.set_ini("Agent", "Agent", "LogLevel", "detail")
             for key, value in (("MulticastTransferDelay", 5), ("MulticastBlockSize", BLOCK), ("MulticastRetry", 8),
                                ("MulticastDifferencialRetry", "true"), ("MulticastMinimumSuccessRate", 100)):
                 relay.set_ini("FileStore", "Multicast", key, value)
-        self.tree.start(SECONDS)
-        for relay in self.tree.relays:
+        tree.start(SECONDS)
+        for relay in tree.relays:
             relay.kel("windows", "set", "multicast", "--slots", RATE)
+        return tree
 
     def clients_of(self, relay):
-        return [client for client in self.tree.clients if client.parent is relay]
+        return [client for client in relay.tree.clients if client.parent is relay]
 
-    def write(self, name):
-        return write_files(self.tree.folder / "files", {name: SIZE}, seed=name)[name]
+    def write(self, name, size=SIZE):
+        return write_files(self.tree.folder / "files", {name: size}, seed=name)[name]
 
     def publish(self, relay, path):
         """Publishes a file to the clients of a relay; what they will have."""
         guids = ",".join(client.identity()["GUID"] for client in self.clients_of(relay))
-        self.tree.publish([path], label="mc", to=guids)
+        relay.tree.publish([path], label="mc", to=guids)
         return {("mc", path.name): sha256_of(path)}
 
     def wait_end(self, relay, name):
@@ -102,11 +104,36 @@ class Multicast(SystemTest):
         self.assertLess(sent, most)
 
     def test_transfers_end_for_every_client_whatever_is_lost(self):
+        self.tree = self.start(CLIENTS, CLIENTS)
         first, second = self.tree.relays
+        finish_with_keys = self.begin_with_keys()
         finish_lossy = self.begin_lossy(first)
         self.check_absent_clients(second)
         self.check_killed_relay(second)
         finish_lossy()
+        finish_with_keys()
+
+    def begin_with_keys(self):
+        """On a network of its own, a tree with keys, in which a client tries to steer transfers, and a stranger sends to
+        the group. Gives what checks the end."""
+        tree = self.start(2, subnet="10.77.1", keys=True)
+        relay, (client, other) = tree.relays[0], tree.clients
+        path = self.write("signed", SMALL)
+        url = self.begin_forging(path, tree.master)
+        expected = self.publish(relay, path)
+        keys, body = client.data / "Keys", json.dumps({"MulticastAddress": GROUP, "FileURL": url})
+        for agent in relay, other:
+            for action in "HttpProtocolMulticastStopListen", "HttpProtocolMulticastStartListen", "FileStoreResetMulticastStatus":
+                result = netns.run(*tree.place(client), "curl", "-sk", "--cert", keys / "certificate.pem", "--key", keys / "key.pem",
+                                   "-o", "/dev/null", "-w", "%header{kel-result}", "-H", "Content-Type: application/json", "-d", body,
+                                   f"https://{agent.address}:{agent.port}/Action/{action}")
+                self.assertEqual(result, "17", (agent.name, action))
+
+        def finish():
+            tree.wait_delivered(expected, tree.clients, SECONDS)
+            for agent in tree.clients:
+                self.assertRegex(agent.log(), r"/signed are there.* [1-9]\d* forged")
+        return finish
 
     def begin_lossy(self, relay):
         """All clients lose something, and a stranger sends to the group. Gives what checks the end."""
@@ -115,13 +142,7 @@ class Multicast(SystemTest):
             self.tree.drop(client, f"numgen random mod {(20, 50)[number % 2]} 0")
         before = self.traffic(relay)
         path = self.write("lossy")
-        url = f"/FileStore/downstream/Demo/mc/{hashlib.md5(path.read_bytes()).hexdigest()}/lossy"
-        place = self.tree.place(self.tree.master)
-        forger = subprocess.Popen([*place, sys.executable, "-c", FORGER, url, str(SIZE), str(BLOCK),
-                                   self.tree.master.address, GROUP, str(PORT)], stdout=subprocess.PIPE)
-        self.addCleanup(forger.communicate)
-        self.addCleanup(forger.kill)
-        forger.stdout.readline()
+        self.begin_forging(path, self.tree.master)
         expected = self.publish(relay, path)
 
         def finish():
@@ -129,6 +150,17 @@ class Multicast(SystemTest):
             self.tree.wait_delivered(expected, clients, SECONDS)
             self.assertTrue(any(re.search(r"/lossy are there.* [1-9]\d* forged", client.log()) for client in clients))
         return finish
+
+    def begin_forging(self, path, agent):
+        """Has what looks like the datagrams of a file sent from the place of an agent; the URL path of the file."""
+        url = f"/FileStore/downstream/Demo/mc/{hashlib.md5(path.read_bytes()).hexdigest()}/{path.name}"
+        place = agent.tree.place(agent)
+        forger = subprocess.Popen([*place, sys.executable, "-c", FORGER, url, str(path.stat().st_size),
+                                   str(BLOCK), agent.address, GROUP, str(PORT)], stdout=subprocess.PIPE)
+        self.addCleanup(forger.communicate)
+        self.addCleanup(forger.kill)
+        forger.stdout.readline()
+        return url
 
     def check_absent_clients(self, relay):
         """One client hears nothing of the group, and one that cannot have all of the file vanishes while it listens."""

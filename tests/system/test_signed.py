@@ -93,8 +93,8 @@ class SignedTest(SystemTest):
             wait_until(lambda: all(item["pending"] == 0 for item in tree.master.kel("publications")), 30, "all receipts")
             self.assertEqual(relay.stop(), 0)
             self.attack(relay, client, path_name)
-            refused = {"own", "config", "others", "on_request", "order"}
-            wait_until(lambda: set(re.findall(r"was brought Demo/files/(\S+): Refused", tree.master.log())) == refused,
+            refused = {"healed", "own", "config", "others", "on_request", "order"}
+            wait_until(lambda: set(re.findall(r"was brought \S+/files/(\S+): Refused", tree.master.log())) == refused,
                        30, "the master knows of what was refused")
             wait_until(lambda: self.failed(tree, first, "later publication"), 30, "and of the replay")
             self.assertEqual(ran.read_bytes(), b"first version\nsecond version\n")
@@ -120,6 +120,7 @@ class SignedTest(SystemTest):
         Tree.run(relay)
         wait_until(client.in_sync, 30, "the client is in sync")
         taken_over = TakenOver(relay, client, path_name)
+        taken_over.bring("healed", b"evil content", kind="SelfHealingRecoveredFile")
         taken_over.bring("own", b"evil content")
         taken_over.bring("config", b"evil version", signed[b"second version"])
         taken_over.bring("others", b"for the relay", signed[b"for the relay"])

@@ -56,6 +56,44 @@ TEST_F(RequestFileActionTest, RowOfAKnownFileDecidesTheAnswer) {
     }
 }
 
+/// A client of a tree with keys; a relay says for whom it asks.
+TEST_F(RequestFileActionTest, WithoutTheChecksumAClientGetsNothingThatWasPublishedForOthers) {
+    const KelString client = "0A1B0000-0000-4000-8000-00000000000B",
+                    other = "0A1B0000-0000-4000-8000-00000000000C";
+    const KelString available = "AVAILABLE", missing = "MISSING";
+    const auto signedFor = [](const KelString& guid) {
+        KelContainer publication = Make({{"Size", 3}});
+        if (!guid.empty()) publication.SetString("Device", guid);
+        return Make({{"Signed", publication}});
+    };
+    const auto requested = [](const KelString& guid) { return Make({{"RequestedFor", guid}}); };
+    for (const auto& [status, info, isOpen, isRelay, served] :
+         Table<KelString, KelContainer, bool, bool, bool>{{available, signedFor(other), true, false, false},
+                                                          {available, signedFor(other), false, false, true},
+                                                          {available, signedFor(client), true, false, true},
+                                                          {available, signedFor(""), true, false, true},
+                                                          {available, KelContainer(), true, false, true},
+                                                          {available, signedFor(other), true, true, false},
+                                                          {available, signedFor(client), true, true, true},
+                                                          {missing, signedFor(other), true, false, false},
+                                                          {missing, requested(other), true, false, false},
+                                                          {missing, requested(client), true, false, true}}) {
+        const auto trace =
+            Begin(KelFormat("%S %S %d %d", status, info.SaveToXML(), int{isOpen}, int{isRelay}));
+        AddFile(kDown, "n", status.c_str(), SetInfo(info));
+        const KelPeer peer{KelPeer::Proof::Certificate, *IpAddress::Parse("127.0.1.77"),
+                           isRelay ? kGuid : client.c_str(),
+                           isRelay ? KelDeviceRole::Relay : KelDeviceRole::Client};
+        KelContainer request =
+            With(Offer(), {{"FileChecksum", isOpen ? "" : "c"},
+                           {"DeviceGUID", "127.0.1.9:1610/" + peer.deviceGuid},
+                           {"FileInfo", requested(isRelay ? client : peer.deviceGuid + "x")}});
+        EXPECT_EQ(CallLocalFor(peer, {}, "FileStoreRequestFile", request), kKelOk);
+        EXPECT_EQ(!Requesters().empty(), served);
+        EXPECT_EQ(!request.GetString("FileURL").empty(), served && status == available);
+    }
+}
+
 TEST_F(RequestFileActionTest, ModuleOfThisDeviceIsATargetBesideTheOthers) {
     AddTarget(AddFile(kDown, "n", "AVAILABLE"), 1000, kChild, 1);
     AskAs("");

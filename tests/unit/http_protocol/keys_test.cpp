@@ -15,6 +15,7 @@ using testing::HasSubstr;
 
 const KelDeviceIdentity kRelay{"ABCD0000-0000-0000-0000-000000000001", KelDeviceRole::Relay};
 const KelDeviceIdentity kClient{"ABCD0000-0000-0000-0000-000000000002", KelDeviceRole::Client};
+const KelDeviceIdentity kAbove{"ABCD0000-0000-0000-0000-000000000003", KelDeviceRole::Relay};
 
 /// A relay, whose server runs, and an action there that says who called.
 class KeyedServerTest : public HttpServerFixture {
@@ -103,7 +104,11 @@ TEST_F(KeyedServerTest, CallersAreWhoTheirCertificatesSayUntilTheseAreRevoked) {
     KelContainer container;
     EXPECT_EQ(CallWith(client_, container, "Order"), kKelErrorNotAvailable);
     AgentSecuritySetKeys(Member(authority_, relayKey_, kRelay, {}, {{}, kClient.guid, {}, {}}));
-    EXPECT_EQ(CallWith(client_, container, "Order"), 0U) << "with the GUID of the parent";
+    EXPECT_EQ(CallWith(client_, container, "Order"), kKelErrorNotAvailable) << "a client is no parent";
+    AgentSecuritySetKeys(Member(authority_, relayKey_, kRelay, {}, {{}, kAbove.guid, {}, {}}));
+    const KelKeyPair aboveKey = *KelKeyPair::Make();
+    EXPECT_EQ(CallWith(Member(authority_, aboveKey, kAbove), container, "Order"), 0U)
+        << "with the GUID of the parent";
     TrustAsParents({});
 
     ASSERT_TRUE(authority_.Revoke(kClient.guid, now_));

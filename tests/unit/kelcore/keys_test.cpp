@@ -5,6 +5,7 @@
 
 #include "kel/base64.h"
 #include "kel/checksum.h"
+#include "kel/file.h"
 #include "kel/temp_folder.h"
 #include "kel/text.h"
 #include "kelcore/keys/authority.h"
@@ -136,6 +137,35 @@ TEST_F(KeysTest, ANewKeyNeedsTheProofOfTheFormerOneAndEndsItOnceItIsInUse) {
     EXPECT_EQ(revoked.Count(), 1U);
     EXPECT_TRUE(revoked.Has(former.Serial()));
     EXPECT_EQ(authority_.Find(kClient.guid, kNow)->Serial(), latest.Serial());
+}
+
+TEST_F(KeysTest, ADeviceFillsNeitherTheFilesOfTheAuthorityNorTheListOfRevokedCertificates) {
+    const KelCertificateRequest same = Made(KelCertificateRequest::Make(clientKey_, kClient));
+    EXPECT_TRUE(authority_.Issue(clientKey_.Get(), kClient, kNow));
+    for (int i = 0; i < 20; ++i)
+        EXPECT_TRUE(authority_.Renew(same, kNow));
+    EXPECT_NE(Made(authority_.Renew(same, kNow + kDay)).Serial(),
+              authority_.Find(kClient.guid, kNow)->Serial());
+    ASSERT_TRUE(authority_.Revoke(kClient.guid, kNow));
+    EXPECT_EQ(Made(authority_.Revoked()).Count(), 11U);
+
+    KelKeyPair key = relayKey_;
+    EXPECT_TRUE(authority_.Issue(key.Get(), kRelay, kNow));
+    const auto replace = [&](std::int64_t now) {
+        const KelKeyPair next = Made(KelKeyPair::Make());
+        const KelCertificateRequest request = Made(KelCertificateRequest::Make(next, kRelay));
+        if (!authority_.Replace(request, Made(key.Sign(request.Der())), now)) return false;
+        key = next;
+        return static_cast<bool>(authority_.Renew(request, now));
+    };
+    for (int i = 0; i < 20; ++i)
+        replace(kNow);
+    EXPECT_LT(Made(authority_.Revoked()).Count(), 11U + 10);
+    EXPECT_TRUE(replace(kNow + kDay));
+
+    ASSERT_TRUE(
+        FileWriteText(folder_ / "Authority/Revoked/" + kRelay.guid + ".pem", KelString(2 << 20, ' ')));
+    EXPECT_FALSE(authority_.Revoke(kRelay.guid, kNow)) << "those of before cannot be read";
 }
 
 TEST_F(KeysTest, AnInvitationEnrolsAsManyDevicesAsItSaysAndNoneWithoutItsSecret) {
