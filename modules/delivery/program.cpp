@@ -8,9 +8,12 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <csignal>
+#include <cstdlib>
+#include <string_view>
 
 #include "kel/unique_fd.h"
 
@@ -30,10 +33,20 @@ KelVector<char*> Pointers(const KelVector<KelString>& texts) {
     return pointers;
 }
 
+/// What a program may know of the agent's environment: where things are, and the language. Not, for instance,
+/// the socket of the service manager, or variables that change how programs are loaded.
+constexpr std::array<std::string_view, 8> kInherited = {
+    "PATH=", "HOME=", "USER=", "LOGNAME=", "TZ=", "LANG=", "LC_", "TMPDIR="};
+constexpr const char* kUsualPath = "PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin";
+
 KelVector<KelString> FullEnvironment(const KelVector<KelString>& added) {
     KelVector<KelString> all = added;
     for (char** entry = environ; *entry != nullptr; ++entry)
-        all.emplace_back(*entry);
+        if (std::ranges::any_of(kInherited, [entry](std::string_view name) {
+                return std::string_view(*entry).starts_with(name);
+            }))
+            all.emplace_back(*entry);
+    if (std::getenv("PATH") == nullptr) all.emplace_back(kUsualPath);
     return all;
 }
 

@@ -14,8 +14,9 @@ struct ProgramResult {
 
 /// A program to run. It has no input and no open files; its output goes line by line to a function.
 struct Program {
-    KelVector<KelString> arguments;    ///< the first is the absolute path of the program
-    KelVector<KelString> environment;  ///< "NAME=value", in addition to this process's own
+    KelVector<KelString> arguments;  ///< the first is the absolute path of the program
+    KelVector<KelString>
+        environment;  ///< "NAME=value"; besides, it gets paths, user and language of this process
     unsigned int umask = 022;
     std::chrono::milliseconds timeout = std::chrono::minutes(5);
     std::function<bool()> cancelled;               ///< called several times a second; true ends the program

@@ -10,6 +10,8 @@
 #include <poll.h>
 #include <sys/stat.h>
 
+#include <cstdlib>
+
 #include "kel/unique_fd.h"
 #include "modules/delivery/commands.h"
 
@@ -66,6 +68,15 @@ TEST(RunProgram, OpenFilesAreNotHandedOn) {
     const Outcome run =
         RunShell("for fd in /proc/self/fd/*; do [ $fd -ef /dev/null ] && echo ${fd##*/}; done; echo end");
     EXPECT_EQ(run.lines, (KelVector<KelString>{"0", "end"}));
+}
+
+TEST(RunProgram, OfTheEnvironmentOnlyPathsUserAndLanguageAreHandedOn) {
+    ::setenv("NOTIFY_SOCKET", "/nowhere", 1);
+    ::setenv("LC_TIME", "C.UTF-8", 1);
+    EXPECT_EQ(RunShell("echo \"$NOTIFY_SOCKET,$LC_TIME,$PATH\"").lines,
+              (KelVector<KelString>{KelString(",C.UTF-8,") + std::getenv("PATH")}));
+    ::unsetenv("NOTIFY_SOCKET");
+    ::unsetenv("LC_TIME");
 }
 
 TEST(RunProgram, LongLinesAreCutAndAllOutputIsRead) {
