@@ -91,11 +91,12 @@ class KeysTest(SystemTest):
             self.readers(tree, master, relay, client)
             self.steering(master, relay, client)
             self.strangers(tree, master, relay, client)
+            self.direct_calls(tree, master, relay, client)
             self.new_key(master, relay, client)
             self.impostor(tree, relay, client)
             self.renewal(tree, relay)
             again = self.replacement(tree, master, relay, client)
-            self.revocation(master, again, client, {relay.guid, client.guid})
+            self.revocation(tree, master, again, client, {relay.guid, client.guid})
             self.end(tree)
 
     def members(self, master, relay, client):
@@ -152,6 +153,28 @@ class KeysTest(SystemTest):
             plain.sendall(b"GET / HTTP/1.1\r\nHost: x\r\n\r\n")
             self.assertNotIn(b"HTTP", plain.recv(1000))
 
+    def direct_calls(self, tree, master, relay, client):
+        """`kel --url https://` is to another agent what the device is whose keys it has."""
+        place = f"https://{client.address}:{client.port}"
+        change = ("settings", "set", "QueueGap=28")
+        for root, url, command, code, text in (
+                (master.root, place, ("status",), 0, client.guid), (relay.root, f"{place}/{client.guid}", ("status",), 0, client.guid),
+                (master.root, f"{place}/{relay.guid}", ("status",), 3, f"not {relay.guid}"), (master.root, place, change, 1, "operator"),
+                (tree.folder / "other", place, ("status",), 3, "this tree's authority"),
+                (tree.folder, place, ("status",), 1, "Agent.ini"), (master.root, place, ("doctor",), 2, "on the device itself")):
+            self.called_with_keys(tree, root, url, command, code, text)
+        path = tree.folder / "password"
+        path.write_text("of a plain tree\n")
+        path.chmod(0o600)
+        run = subprocess.run([tree.kel, "--url", place.replace("https", "http"), "--user", "agent", "--password-file", path, "status"],
+                             text=True, capture_output=True)
+        self.assertEqual((run.returncode, "call it with https://" in run.stderr), (3, True), run.stderr)
+
+    def called_with_keys(self, tree, root, url, command, code, text):
+        run = subprocess.run([tree.kel, "--root", root, "--url", url, "--json", *command], text=True, capture_output=True)
+        self.assertEqual(run.returncode, code, (url, command, run.stderr))
+        self.assertIn(text, run.stdout + run.stderr)
+
     def new_key(self, master, relay, client):
         """A relay replaces its key while it runs; the client, which knew it by the former one, follows."""
         former = relay.call("KeysGetValues")["Values"]["Fingerprint"]
@@ -200,10 +223,11 @@ class KeysTest(SystemTest):
                    "the client follows the new relay")
         return again
 
-    def revocation(self, master, relay, client, revoked):
+    def revocation(self, tree, master, relay, client, revoked):
         master.kel("devices", "remove", client.name)
         wait_until(lambda: self.ask(relay, client.data / "Keys") == "401", 30, "the relay refuses the client")
         self.assertEqual(self.ask(master, client.data / "Keys"), "401")
+        self.called_with_keys(tree, client.root, f"https://{master.address}:{master.port}", ("status",), 1, "was revoked")
         wait_until(lambda: not client.in_sync(), 30, "the client is out of sync")
         self.assertIn("certificate", client.call("RelayGetValues")["Values"]["ParentProblem"])
         self.assertEqual({item["guid"] for item in master.kel("keys", "list") if item["revoked"]}, revoked)
