@@ -127,7 +127,7 @@ std::optional<KelCertificate> KelAuthority::Find(const KelString& guid, std::int
 }
 
 KelResult<KelCertificate> KelAuthority::Issue(evp_pkey_st* publicKey, const KelDeviceIdentity& identity,
-                                              std::int64_t now) const {
+                                              std::int64_t now, std::int64_t leastEnd) const {
     if (!IsGuid(identity.guid)) return KelError{kKelErrorBadInput, "this is no GUID"};
     KelVector<KelCertificate> issued = LoadAll(IssuedPath(identity.guid));
     DropEnded(issued, now);
@@ -136,12 +136,13 @@ KelResult<KelCertificate> KelAuthority::Issue(evp_pkey_st* publicKey, const KelD
                         KelFormat("another key is registered for %S; if the device was set up again, revoke "
                                   "the old one on the master first: kel keys revoke %S",
                                   identity.guid, identity.guid)};
-    return IssueAny(publicKey, identity, std::move(issued), now);
+    return IssueAny(publicKey, identity, std::move(issued), now, leastEnd);
 }
 
 KelResult<KelCertificate> KelAuthority::IssueAny(evp_pkey_st* publicKey, const KelDeviceIdentity& identity,
-                                                 KelVector<KelCertificate> issued, std::int64_t now) const {
-    auto certificate = issuer_->Issue(publicKey, identity, now);
+                                                 KelVector<KelCertificate> issued, std::int64_t now,
+                                                 std::int64_t leastEnd) const {
+    auto certificate = issuer_->Issue(publicKey, identity, now, leastEnd);
     if (!certificate) return certificate.Error();
     issued.push_back(*certificate);
     if (KelStatus saved = SaveAll(IssuedPath(identity.guid), issued); !saved) return saved.Error();

@@ -89,9 +89,10 @@ class KelKeyRing {
     std::shared_ptr<x509_store_st> store_;  ///< null without an authority
 };
 
-/// Examines a certificate by an authority alone.
+/// Examines a certificate by an authority alone. `own`: the certificate of this device, if it has one; shows
+/// which clock is wrong.
 KelTlsPeer ExamineByAuthority(x509_st* certificate, x509_store_st* store, KelTlsSide presentedBy,
-                              std::int64_t now);
+                              std::int64_t now, const KelCertificate* own = nullptr);
 
 /// A store that trusts this authority; null when memory runs out.
 std::shared_ptr<x509_store_st> MakeTrustStore(const KelCertificate& authority);

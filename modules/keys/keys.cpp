@@ -136,7 +136,9 @@ void Keys::Register(const char* handle) {
            .purpose = "Says which keys this device has.",
            .outputs =
                "container Values {bool IsEnrolled, string GUID, string Role, string Fingerprint (of its "
-               "key), int64 NotAfter? (end of its certificate, seconds since the epoch), string Serial?, "
+               "key), int64 NotBefore?, int64 NotAfter? (of its certificate, seconds since the epoch), "
+               "string "
+               "Serial?, "
                "string Authority? (fingerprint), int64 AuthorityNotAfter?, string ParentGuid, string "
                "ParentFingerprint (empty: "
                "not known yet), int64 RevokedNumber, int32 RevokedCount, bool IsInvited, bool "
@@ -262,8 +264,13 @@ void Keys::ExamineOwnCertificate(const KelKeyRing& keys, std::int64_t now) {
 }
 
 bool Keys::RenewWhenDue(const KelKeyRing& keys, const ParentPlaces& parent, std::int64_t now) {
-    if (!mustConfirm_ && !IsRenewalDue(*keys.Get().certificate, now)) return true;
-    if (!mustConfirm_ && renewed_ && std::chrono::steady_clock::now() - *renewed_ < kRenewalPause)
+    // A master whose clock was ahead may have renewed its certificate then, which no device accepts for as
+    // long as the clock was ahead. It is issued anew, but keeps its end: if the clock is late instead, the
+    // devices go on accepting it.
+    const bool isTooNew = master_ && now < keys.Get().certificate->NotBefore();
+    if (!mustConfirm_ && !isTooNew && !IsRenewalDue(*keys.Get().certificate, now)) return true;
+    if (!mustConfirm_ && !isTooNew && renewed_ &&
+        std::chrono::steady_clock::now() - *renewed_ < kRenewalPause)
         return true;
     const auto fail = [&](const KelString& problem) {
         failures_.Failed(
@@ -274,7 +281,8 @@ bool Keys::RenewWhenDue(const KelKeyRing& keys, const ParentPlaces& parent, std:
     };
     KelString pem;
     if (master_) {
-        const auto issued = master_->IssueOwn(keys.Get().key, keys.Get().device, now);
+        const auto issued = master_->IssueOwn(keys.Get().key, keys.Get().device, now,
+                                              isTooNew ? keys.Get().certificate->NotAfter() : 0);
         const auto text = issued ? issued->ToPem() : KelResult<KelString>(issued.Error());
         if (!text) return fail(text.Error().message);
         pem = *text;

@@ -191,6 +191,7 @@ unsigned int Keys::GetValues(KelContainer* arguments) {
     values.SetString("Role", KelDeviceRoleName(parts.device.role));
     values.SetString("Fingerprint", KeyFingerprint(parts.key.Get()));
     if (keys->IsEnrolled()) {
+        values.SetInt64("NotBefore", parts.certificate->NotBefore());
         values.SetInt64("NotAfter", parts.certificate->NotAfter());
         values.SetString("Serial", parts.certificate->Serial());
         values.SetString("Authority", parts.authority->Fingerprint());

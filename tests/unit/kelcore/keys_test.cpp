@@ -56,6 +56,7 @@ class KeysTest : public testing::Test {
 TEST_F(KeysTest, APeerIsTrustedOnlyWithAValidCertificateOfTheAuthorityAndAsTheExpectedDevice) {
     const auto ring = RingOf(PartsOf(relayKey_, kRelay));
     const KelCertificate good = Made(authority_.Issue(clientKey_.Get(), kClient, kNow));
+    const KelCertificate old = Made(authority_.Issue(clientKey_.Get(), kClient, kNow - 100 * kDay));
     const KelCertificate foreign = Made(Made(KelIssuer::Make(kNow)).Issue(clientKey_.Get(), kClient, kNow));
     const KelCertificate own = Made(MakePlaceholder(relayKey_, "anything"));
     const KelCertificate self = Made(MakePlaceholder(clientKey_, kClient.guid));
@@ -69,7 +70,10 @@ TEST_F(KeysTest, APeerIsTrustedOnlyWithAValidCertificateOfTheAuthorityAndAsTheEx
         {"good", good, {}, kNow, ""},
         {"a clock that is late by hours", good, {}, kNow - kDay / 2, ""},
         {"a clock without a date", good, {}, 86400, "1970-01-02"},
+        {"the own clock is late", good, {}, kNow - 31 * kDay, "this device, which is at least 30 days behind"},
         {"over", good, {}, kNow + 366 * kDay, "kel keys join"},
+        {"the own certificate is over, too", good, {}, kNow + 366 * kDay, "probably ahead"},
+        {"over before the own one", old, {}, kNow + 300 * kDay, "on which it is wrong"},
         {"of another authority", foreign, {}, kNow, "this tree's authority"},
         {"signed by itself", self, {}, kNow, "this tree's authority"},
         {"the own key", own, {}, kNow, ""},
