@@ -89,6 +89,22 @@ KelString Mismatch(const KelTlsPeer& peer, const KelPeerExpectation& expected) {
     return {};
 }
 
+/// Leaves out the certificate of the authority where the client knows it.
+int ShortenChain(SSL* connection, void*) {
+    const X509_NAME* const authority = X509_get_issuer_name(SSL_get_certificate(connection));
+    const STACK_OF(X509_NAME)* const known = SSL_get0_peer_CA_list(connection);
+    for (int i = 0; i < sk_X509_NAME_num(known); ++i)
+        if (X509_NAME_cmp(sk_X509_NAME_value(known, i), authority) == 0)
+            return static_cast<int>(SSL_clear_chain_certs(connection));
+    return 1;
+}
+
+bool ApplyAuthority(SSL_CTX* context, X509* authority, KelTlsSide side) {
+    if (side == KelTlsSide::Client) return SSL_CTX_add1_to_CA_list(context, authority) == 1;
+    SSL_CTX_set_cert_cb(context, &ShortenChain, nullptr);
+    return SSL_CTX_add1_chain_cert(context, authority) == 1;
+}
+
 }  // namespace
 
 std::shared_ptr<x509_store_st> MakeTrustStore(const KelCertificate& authority) {
@@ -171,13 +187,14 @@ KelPeerExpectation KelKeyRing::ExpectedAt(const KelString& host, std::uint16_t p
     return {parts_.parent.guid, parts_.parent.fingerprint, true};
 }
 
-KelStatus KelKeyRing::ApplyTo(ssl_ctx_st* context) const {
+KelStatus KelKeyRing::ApplyTo(ssl_ctx_st* context, KelTlsSide side) const {
     X509* const certificate = placeholder_ ? placeholder_->Get() : parts_.certificate->Get();
-    const bool applied =
-        SSL_CTX_set_min_proto_version(context, TLS1_3_VERSION) == 1 &&
-        SSL_CTX_use_certificate(context, certificate) == 1 &&
-        SSL_CTX_use_PrivateKey(context, parts_.key.Get()) == 1 &&
-        (!parts_.authority || SSL_CTX_add1_chain_cert(context, parts_.authority->Get()) == 1);
+    // Without the mode, a certificate without a chain is examined for each connection.
+    SSL_CTX_set_mode(context, SSL_MODE_NO_AUTO_CHAIN);
+    const bool applied = SSL_CTX_set_min_proto_version(context, TLS1_3_VERSION) == 1 &&
+                         SSL_CTX_use_certificate(context, certificate) == 1 &&
+                         SSL_CTX_use_PrivateKey(context, parts_.key.Get()) == 1 &&
+                         (!parts_.authority || ApplyAuthority(context, parts_.authority->Get(), side));
     if (!applied) return OpenSslError("The certificate of this device cannot be used");
     return {};
 }

@@ -92,6 +92,7 @@ class KeysTest(SystemTest):
             self.steering(master, relay, client)
             self.strangers(tree, master, relay, client)
             self.direct_calls(tree, master, relay, client)
+            self.chains(relay)
             self.new_key(master, relay, client)
             self.impostor(tree, relay, client)
             self.renewal(tree, relay)
@@ -174,6 +175,13 @@ class KeysTest(SystemTest):
         run = subprocess.run([tree.kel, "--root", root, "--url", url, "--json", *command], text=True, capture_output=True)
         self.assertEqual(run.returncode, code, (url, command, run.stderr))
         self.assertIn(text, run.stdout + run.stderr)
+
+    def chains(self, agent):
+        """Only a client that does not name the authority, as one about to join, gets its certificate."""
+        for known, count in (([], 2), (["-requestCAfile", agent.data / "Keys" / "authority.pem"], 1)):
+            run = subprocess.run(["openssl", "s_client", "-connect", f"{agent.address}:{agent.port}", "-showcerts", *known],
+                                 stdin=subprocess.DEVNULL, text=True, capture_output=True)
+            self.assertEqual(run.stdout.count("BEGIN CERTIFICATE"), count, run.stderr)
 
     def new_key(self, master, relay, client):
         """A relay replaces its key while it runs; the client, which knew it by the former one, follows."""
