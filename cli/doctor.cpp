@@ -291,6 +291,11 @@ KelVector<Finding> ExamineKeys(const KelContainer& keys, std::int64_t now) {
     constexpr std::int64_t kDay = 86400;
     constexpr std::int64_t kWarnOfAuthority = 365 * kDay;
     constexpr std::int64_t kWarnOfOwn = 60 * kDay;  // it should have been renewed 60 days before that
+    if (const KelString problem = keys.GetString("JoinProblem"); !problem.empty())
+        return {{"keys", State::Problem, "this device cannot join the tree: " + problem,
+                 "the agent goes on trying, and needs no restart; when the invitation has ended: kel invite "
+                 "on the "
+                 "master, and kel keys join TOKEN here"}};
     if (!keys.GetBool("IsEnrolled")) return {};
     const std::int64_t authority = keys.GetInt64("AuthorityNotAfter");
     const std::int64_t own = keys.GetInt64("NotAfter");

@@ -51,7 +51,7 @@ KelString RefusalText(const HttpMessage& answer) {
     const std::int64_t ahead = theirs ? *theirs - std::time(nullptr) : 0;
     const KelString clock = std::abs(ahead) <= kClocksDiffer
                                 ? KelString()
-                                : "; its clock is " + ClockDifferenceText(ahead) + " that of this device";
+                                : "; its clock is " + ClockDifferenceText(ahead) + " the one here";
     return KelFormat("it does not accept the certificate of this device and says \"%S\"%S", problem, clock);
 }
 

@@ -141,7 +141,8 @@ void Keys::Register(const char* handle) {
                "Serial?, "
                "string Authority? (fingerprint), int64 AuthorityNotAfter?, string ParentGuid, string "
                "ParentFingerprint (empty: "
-               "not known yet), int64 RevokedNumber, int32 RevokedCount, bool IsInvited, bool "
+               "not known yet), int64 RevokedNumber, int32 RevokedCount, bool IsInvited, string "
+               "JoinProblem? (what the last try to join has failed by), bool "
                "AcceptsPassword (of "
                "members without keys), container PasswordCallers[]? {string Address, int64 LastSeen}}",
            .callers = KelCallers::Operator}},
@@ -201,8 +202,19 @@ bool Keys::Step() {
     return isWorkLeft;
 }
 
+KelString Keys::JoinProblem() const {
+    const KelLock lock(mutex_);
+    return joinProblem_;
+}
+
+void Keys::NoteJoinProblem(const KelString& problem) {
+    const KelLock lock(mutex_);
+    joinProblem_ = problem;
+}
+
 bool Keys::JoinTree(const KelString& token) {
     const auto fail = [this](const KelString& problem) {
+        NoteJoinProblem(problem);
         failures_.Failed(KelDebugLevel::Warning, "join", "This device cannot join the tree now: " + problem);
         return false;
     };
@@ -218,6 +230,7 @@ bool Keys::JoinTree(const KelString& token) {
     if (const KelStatus taken = TakeAnswer(container, invitation->authority, parent, call.peer); !taken)
         return fail(taken.Error().message);
     failures_.Clear();
+    NoteJoinProblem({});
     Log().Print("This device belongs to the tree now; its certificate is valid until %S\n",
                 DateOf(keeper_.Current()->Get().certificate->NotAfter()));
     KelContainer none;

@@ -54,10 +54,13 @@ CAN_FAKE_TIME = find_faketime() and SHIM.exists()
 
 
 class LaterClock:
-    """The clock of a device that has run for eight months."""
+    """A clock that is ahead: by default that of a device that has run for eight months."""
+
+    def __init__(self, days=248):
+        self.days = days
 
     def environment(self):
-        return {"LD_PRELOAD": str(find_faketime()), "FAKETIME": "+248d", "FAKETIME_DONT_FAKE_MONOTONIC": "1"}
+        return {"LD_PRELOAD": str(find_faketime()), "FAKETIME": f"+{self.days}d", "FAKETIME_DONT_FAKE_MONOTONIC": "1"}
 
 
 class KeysTest(SystemTest):
@@ -96,6 +99,7 @@ class KeysTest(SystemTest):
             self.new_key(master, relay, client)
             self.impostor(tree, relay, client)
             self.renewal(tree, relay)
+            self.wrong_clock(tree, master, relay)
             again = self.replacement(tree, master, relay, client)
             self.revocation(tree, master, again, client, {relay.guid, client.guid})
             self.end(tree)
@@ -217,6 +221,20 @@ class KeysTest(SystemTest):
             self.assertEqual(relay.stop(), 0)
             tree.run(relay)
             wait_until(tree.clients[0].in_sync, 30, "the client is in sync with the renewed relay")
+
+    def wrong_clock(self, tree, master, relay):
+        """A certificate that the master has made with a clock that was ahead is of no use when the clock is right."""
+        if not CAN_FAKE_TIME:
+            return
+        self.assertEqual(master.stop(), 0)
+        tree.clock = LaterClock(400)
+        tree.run(master)
+        tree.clock = None
+        wait_until(lambda: "certificate is valid from" in relay.call("RelayGetValues")["Values"]["ParentProblem"], 30,
+                   "the relay says what is wrong with the master's certificate")
+        self.assertEqual(master.stop(), 0)
+        tree.run(master)
+        wait_until(relay.in_sync, 30, "the relay is in sync with the master, whose clock is right")
 
     def replacement(self, tree, master, relay, client):
         """A relay that is set up again, with another key, in the place of one that was revoked."""

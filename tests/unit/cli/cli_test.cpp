@@ -508,6 +508,9 @@ TEST(DoctorTest, CertificatesThatEndAreReportedInTime) {
         EXPECT_EQ(Troubles(ExamineKeys(keys, kNow)), troubles) << authority << " " << own;
     }
     EXPECT_TRUE(ExamineKeys({}, kNow).empty()) << "a plain tree";
+    KelContainer joining;
+    joining.SetString("JoinProblem", "p");
+    EXPECT_EQ(Troubles(ExamineKeys(joining, kNow)), "keys problem; ");
 }
 
 TEST(DoctorTest, VersionsOfParentAndChildrenMustBeTheInstalledOne) {

@@ -148,6 +148,10 @@ TEST_F(KeysTest, AnInvitationEnrolsAsManyDevicesAsItSaysAndNoneWithoutItsSecret)
     const KelInvitation read = Made(KelInvitation::FromToken(made.ToToken()));
     EXPECT_EQ(read.scheme, "ABCD");
     EXPECT_EQ(read.expires, kNow + kDay);
+    EXPECT_EQ(read.ClockProblem(kNow), "");
+    EXPECT_EQ(read.ClockProblem(kNow - 365 * kDay), "");
+    EXPECT_THAT(read.ClockProblem(kNow - 367 * kDay), HasSubstr("too far ahead"));
+    EXPECT_THAT(read.ClockProblem(kNow + kDay), HasSubstr("has ended"));
     EXPECT_EQ(read.authority, authority_.Certificate().Fingerprint());
     const auto request = Made(KelCertificateRequest::Make(clientKey_, kClient));
     const auto other = Made(KelCertificateRequest::Make(relayKey_, kRelay));
