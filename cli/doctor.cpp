@@ -24,6 +24,7 @@
 #include "kel/text.h"
 #include "kel/unique_fd.h"
 #include "kelcore/http/client.h"
+#include "kelcore/keys/distrust.h"
 #include "kelcore/keys/key_folder.h"
 #include "kelcore/security.h"
 #include "kelcore/tree_passwords.h"
@@ -38,6 +39,8 @@ constexpr std::uint64_t kLittleFree = std::uint64_t{1} << 30;
 constexpr std::int64_t kClocksDiffer = 60;  // seconds
 constexpr int kConnectSeconds = 5;
 constexpr std::size_t kMostNamed = 3;
+constexpr const char* kSetClock =
+    "set the clock if it is wrong (timedatectl set-ntp true); the agent goes on by itself";
 
 KelString IniValue(const KelString& root, const char* module, const char* section, const char* key) {
     IniFile ini;
@@ -174,11 +177,10 @@ Finding ClockFinding(std::int64_t ahead) {
         "set the clock (timedatectl set-ntp true): windows, ages and the order of publications follow it"};
 }
 
-/// By the parent's answer to any request, with credentials or without: its header Date.
+/// By the parent's answer to any request, with credentials or without.
 std::optional<std::int64_t> SecondsAhead(const HttpMessage& answer) {
-    std::tm parts{};
-    if (strptime(answer.GetHeader("date").c_str(), "%a, %d %b %Y %H:%M:%S GMT", &parts) == nullptr) return {};
-    return static_cast<std::int64_t>(timegm(&parts)) - std::time(nullptr);
+    const auto time = TimeOfHttpDate(answer.GetHeader("date"));
+    return time ? std::optional(*time - std::time(nullptr)) : std::nullopt;
 }
 
 const char* const kReachAdvice =
@@ -217,7 +219,10 @@ KelVector<Finding> ExaminePlaceOfParent(const KelString& root) {
     request.SetMethod(HttpMethod::Head);
     const KelString place = parent + ":" + std::to_string(*port);
     if (client.SendAndRecv(request, answer) == kHttpCompleted) {
-        findings.push_back({"parent", State::Ok, place + " answers", {}});
+        if (client.GetRefusal().empty())
+            findings.push_back({"parent", State::Ok, place + " answers", {}});
+        else
+            findings.push_back({"parent", State::Problem, place + ": " + client.GetRefusal(), kReachAdvice});
         if (const auto ahead = SecondsAhead(answer)) findings.push_back(ClockFinding(*ahead));
     } else {
         findings.push_back({"parent", State::Problem, place + ": " + client.GetErrorText(), kReachAdvice});
@@ -286,6 +291,11 @@ KelVector<Finding> ExamineKeys(const KelContainer& keys, std::int64_t now) {
     constexpr std::int64_t kDay = 86400;
     constexpr std::int64_t kWarnOfAuthority = 365 * kDay;
     constexpr std::int64_t kWarnOfOwn = 60 * kDay;  // it should have been renewed 60 days before that
+    if (const KelString problem = keys.GetString("JoinProblem"); !problem.empty())
+        return {{"keys", State::Problem, "this device cannot join the tree: " + problem,
+                 "the agent goes on trying, and needs no restart; when the invitation has ended: kel invite "
+                 "on the "
+                 "master, and kel keys join TOKEN here"}};
     if (!keys.GetBool("IsEnrolled")) return {};
     const std::int64_t authority = keys.GetInt64("AuthorityNotAfter");
     const std::int64_t own = keys.GetInt64("NotAfter");
@@ -295,9 +305,17 @@ KelVector<Finding> ExamineKeys(const KelContainer& keys, std::int64_t now) {
                      "; no device trusts another one from then on",
                  "make the devices anew before, with an authority of their own: 'kel init'"}};
     const KelString until = TimeText(own);
+    if (now < keys.GetInt64("NotBefore"))
+        return {{"keys", State::Problem,
+                 "the certificate of this device is valid from " + TimeText(keys.GetInt64("NotBefore")) +
+                     " on, but its clock shows " + TimeText(now),
+                 kSetClock}};
     if (own <= now)
-        return {{"keys", State::Problem, "the certificate of this device has ended on " + until,
-                 "make an invitation on the master (kel invite) and use it here: kel keys join TOKEN"}};
+        return {{"keys", State::Problem,
+                 "the certificate of this device has ended on " + until + ", and its clock shows " +
+                     TimeText(now),
+                 KelString(kSetClock) + "; if it is right, make an invitation on the master (kel invite) and "
+                                        "use it here: kel keys join TOKEN"}};
     if (own - now < kWarnOfOwn)
         return {{"keys", State::Warning,
                  "the certificate of this device ends on " + until + ", and was not renewed",

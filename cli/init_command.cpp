@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 
 #include <cstdio>
+#include <ctime>
 
 #include "cli/commands.h"
 #include "cli/keys_transition.h"
@@ -131,6 +132,10 @@ KelResult<KelString> PasswordFor(const InitOptions& options) {
 void PrintCreated(const InitOptions& options) {
     const char* dir = options.dir.c_str();
     std::printf("Created %s. Start the agent with: kelagent --root %s\n", dir, dir);
+    if (const auto invitation = KelInvitation::FromToken(options.token)) {
+        const KelString problem = invitation->ClockProblem(std::time(nullptr));
+        if (!problem.empty()) Complain("it cannot join the tree as things are: " + problem);
+    }
     if (!options.isPlain && options.role == "master")
         std::printf("Then invite other devices with: kel --root %s invite\n", dir);
 }

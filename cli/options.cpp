@@ -1,6 +1,7 @@
 #include "cli/options.h"
 
 #include <CLI/CLI.hpp>
+#include <utility>
 
 #include "cli/command_table.h"
 #include "cli/define_options.h"
@@ -18,20 +19,22 @@ void DefineCommon(CLI::App& app, CommonOptions& common) {
                                 "Root folder of an agent on this machine; default: $KEL_ROOT, else "
                                 "/var/lib/kel if that is there")
                      ->type_name("DIR");
-    auto* url = app.add_option("--url", common.url, "Address of an agent: http://HOST:PORT")
-                    ->type_name("URL")
-                    ->check([](const std::string& text) {
-                        const auto address = AddressOfUrl(text);
-                        return address ? std::string() : Printable(address.Error().message);
-                    });
+    auto* url =
+        app.add_option("--url", common.url,
+                       "Address of an agent: https://HOST:PORT[/GUID] in a tree with keys, where those "
+                       "of --root are used; http://HOST:PORT in a plain tree")
+            ->type_name("URL")
+            ->check([](const std::string& text) {
+                const auto place = ParseAgentUrl(text);
+                return place ? std::string() : Printable(place.Error().message);
+            });
     auto* user =
-        app.add_option("--user", common.user, "Agent name of the tree, with --url")->type_name("NAME");
+        app.add_option("--user", common.user, "Agent name of the tree, with http://")->type_name("NAME");
     auto* password =
         app.add_option("--password-file", common.passwordFile, "File that holds the tree's password")
             ->type_name("FILE");
-    root->excludes(url)->excludes(user);
-    user->needs(url);
-    url->needs(user)->needs(password);
+    root->excludes(user);
+    user->needs(url)->needs(password);
     app.add_option("--device", common.device,
                    "The device of the tree that the command is for, by its GUID or name; on the master")
         ->type_name("DEVICE");
@@ -100,6 +103,23 @@ bool IsOfProgram(const CommandOptions& command) {
            (completion != nullptr && completion->IsOfProgram());
 }
 
+/// Completes what says which agent is asked. Throws CLI::ParseError when something is missing.
+void ChooseAgent(CommonOptions& common) {
+    const bool isSecure = common.url.starts_with("https:");
+    const auto refuse = [](const char* text) { throw CLI::ValidationError("--url", text); };
+    if (isSecure && !common.user.empty())
+        refuse("https:// uses the keys of a root folder; with --user, it is http://HOST:PORT");
+    if (!isSecure && !common.url.empty()) {
+        if (!common.root.empty()) refuse("with --root, it is https://HOST:PORT");
+        if (common.user.empty()) refuse("http:// needs --user and --password-file");
+        return;
+    }
+    if (common.root.empty()) common.root = DefaultRoot();
+    if (common.root.empty() && isSecure) refuse("https:// needs --root, the folder of a device with keys");
+    if (common.root.empty()) throw CLI::RequiredError("--root or --url");
+    if (isSecure) common.keysRoot = std::exchange(common.root, {});
+}
+
 constexpr const char* kProgram = "kel";
 
 constexpr const char* kProgramPurpose = "Operates agents of a device tree.";
@@ -119,11 +139,7 @@ std::optional<Options> ParseOptions(int count, const char* const* arguments, int
     Define(app, parsed);
     try {
         app.parse(count, arguments);
-        const bool asksAgent = !IsOfProgram(*parsed.chosen);
-        if (asksAgent && parsed.common.root.empty() && parsed.common.url.empty())
-            parsed.common.root = DefaultRoot();
-        if (asksAgent && parsed.common.root.empty() && parsed.common.url.empty())
-            throw CLI::RequiredError("--root or --url");
+        if (!IsOfProgram(*parsed.chosen)) ChooseAgent(parsed.common);
     } catch (const CLI::ParseError& error) {
         exitCode = kExitUsage;
         if (error.get_exit_code() == 0 || !ReportUnknownCommand(app))

@@ -17,7 +17,8 @@ struct CommonOptions {
     KelString root;          ///< root folder of a local agent, or
     KelString url;           ///< "http://host:port" with
     KelString user;          ///< the tree's agent name and
-    KelString passwordFile;  ///< a file whose first line is the tree's password
+    KelString passwordFile;  ///< a file whose first line is the tree's password, or "https://host:port" with
+    KelString keysRoot;      ///< the root folder of the device whose keys are used
     KelString device;        ///< GUID or name of a device to call through that agent, the master
     bool json = false;
     int timeoutSeconds = 60;  ///< to wait for the answer of one call

@@ -4,18 +4,23 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdlib>
+#include <cstring>
 #include <string_view>
 
 #include "cli/output.h"
 #include "kel/debug.h"
 #include "kel/file.h"
+#include "kel/format.h"
 #include "kel/ini_file.h"
 #include "kel/text.h"
 #include "kelcore/action_db.h"
 #include "kelcore/action_db_remote.h"
 #include "kelcore/agent.h"
+#include "kelcore/device_name.h"
 #include "kelcore/error_codes.h"
+#include "kelcore/http/client.h"
 #include "kelcore/http/url.h"
 #include "kelcore/keys/key_folder.h"
 #include "kelcore/local_socket.h"
@@ -32,7 +37,8 @@ struct Target {
     KelString ownAddress;
     KelString user;
     KelString password;
-    AgentSecurityKeys keys = {};  ///< of the agent, in a tree with keys
+    AgentSecurityKeys keys = {};  ///< with which it is called, in a tree with keys
+    KelString guid = {};          ///< of the device that has to answer; empty: any of the tree
 };
 
 KelResult<KelString> ReadIni(IniFile& ini, const KelString& path, const KelString& section,
@@ -57,6 +63,7 @@ KelStatus ReadAddress(const KelString& root, Target& target) {
         auto keys = LoadKeyRing(root + "/data/");
         if (!keys) return keys.Error();
         target.keys = std::move(*keys);
+        target.guid = target.keys->Get().device.guid;
     }
     IniFile http;
     const KelString path = root + "/config/HttpProtocol.ini";
@@ -87,11 +94,49 @@ KelResult<Target> FromRoot(const KelString& root) {
 }
 
 KelResult<Target> FromUrl(const CommonOptions& options) {
-    auto address = AddressOfUrl(options.url);
-    if (!address) return address.Error();
+    auto place = ParseAgentUrl(options.url);
+    if (!place) return place.Error();
     auto password = ReadPasswordFile(options.passwordFile);
     if (!password) return password.Error();
-    return Target{*address, {}, {}, options.user, *password};
+    return Target{place->Address(), {}, {}, options.user, *password};
+}
+
+/// Another agent, which is called with the keys of the device with this root folder.
+KelResult<Target> FromKeys(const CommonOptions& options) {
+    const auto place = ParseAgentUrl(options.url);
+    if (!place) return place.Error();
+    const KelString& root = options.keysRoot;
+    const KelString ini = root + "/config/Agent.ini";
+    if (access(ini.c_str(), R_OK) != 0)
+        return KelError{kKelErrorBadInput,
+                        KelFormat("%S: %s; https:// needs the keys of a device: name its root folder with "
+                                  "--root, and run this as the user of its agent or as root",
+                                  ini, std::strerror(errno))};
+    Target target;
+    IniFile agent;
+    bool hasKeys = false;
+    agent.Open(ini);
+    agent.GetEntryValue("Security", "Keys", hasKeys, false);
+    if (!hasKeys)
+        return KelError{kKelErrorBadInput,
+                        KelFormat("%S is the root folder of a device of a plain tree, without "
+                                  "keys; call agents of such a tree with http://, --user "
+                                  "and --password-file",
+                                  root)};
+    agent.GetEntryValue("Agent", "Address", target.ownAddress, {});
+    auto keys = LoadKeyRing(root + "/data/");
+    if (!keys) return KelError{kKelErrorBadInput, "The keys cannot be used: " + keys.Error().message};
+    if (!(*keys)->IsEnrolled())
+        return KelError{kKelErrorBadInput, root + ": this device has no certificate of a tree yet"};
+    target.keys = std::move(*keys);
+    target.address = place->Address();
+    target.guid = place->guid;
+    return target;
+}
+
+KelResult<Target> FindTarget(const CommonOptions& options) {
+    if (!options.root.empty()) return FromRoot(options.root);
+    return options.keysRoot.empty() ? FromUrl(options) : FromKeys(options);
 }
 
 /// Who runs the command, for the audit of the agent: the user before sudo, if any.
@@ -101,22 +146,43 @@ KelString OperatorName() {
     return user != nullptr ? KelString(user->pw_name) : std::to_string(getuid());
 }
 
+/// What a call has failed by that says more than that there was no answer; empty when there is nothing.
+KelString ConnectionProblem(const HttpClient& client) {
+    if (!client.GetRefusal().empty()) return client.GetRefusal();
+    const bool hasKeys = AgentSecurityGetKeys() != nullptr;
+    if (hasKeys && client.GetResult() == kHttpSecurity)
+        return client.GetPeer().problem.empty()
+                   ? "what answers there has no TLS (" + client.GetErrorText() +
+                         "); agents of a plain tree are called with http://, --user and --password-file"
+                   : client.GetErrorText();
+    if (!hasKeys && client.GetResult() != kHttpCompleted && client.WasClosed())
+        return "the connection was closed without an answer, as by an agent of a tree with keys, which takes "
+               "TLS only: call it with https:// on a device that belongs to the tree";
+    return {};
+}
+
 /// The actions of the console, which runs on the master only, begin with this.
 constexpr std::string_view kMasterActions = "Console";
 
 /// A tree is not deeper than this; ends a walk up through devices that name each other as parents.
 constexpr int kMaxLevels = 32;
 constexpr int kParentSeconds = 5;
+constexpr int kConnectSeconds = 10;
 /// How much longer than a device of the tree the master may take to answer.
 constexpr int kMasterSeconds = 5;
 
 }  // namespace
 
-KelResult<KelString> AddressOfUrl(const KelString& url) {
+KelResult<AgentUrl> ParseAgentUrl(const KelString& url) {
     UrlInet parts;
-    if (!UrlParseInet(url, parts) || parts.scheme != "http" || parts.host.empty())
-        return KelError{kKelErrorBadInput, "'" + url + "' is not of the form http://HOST:PORT"};
-    return parts.host + ":" + std::to_string(parts.port);
+    const bool isUrl = UrlParseInet(url, parts) && !parts.host.empty();
+    const bool isSecure = isUrl && parts.scheme == "https";
+    const KelString guid = parts.path.size() > 1 ? parts.path.substr(1) : KelString();
+    const bool hasGuid = !guid.empty() && isSecure;
+    if (!isUrl || (hasGuid && !IsGuid(guid)))
+        return KelError{kKelErrorBadInput,
+                        "'" + url + "' is not of the form http://HOST:PORT or https://HOST:PORT[/GUID]"};
+    return AgentUrl{isSecure, parts.host, parts.port, hasGuid ? guid : KelString()};
 }
 
 KelString ParentAddress(const KelContainer& relay) {
@@ -137,7 +203,7 @@ KelResult<KelString> ReadPasswordFile(const KelString& path) {
 }
 
 KelResult<Remote> Remote::Open(const CommonOptions& options) {
-    auto target = options.root.empty() ? FromUrl(options) : FromRoot(options.root);
+    auto target = FindTarget(options);
     if (!target) return target.Error();
     KelAgentSettings settings;
     settings.name = target->user;
@@ -147,9 +213,8 @@ KelResult<Remote> Remote::Open(const CommonOptions& options) {
     settings.debugContext = MakeDebugContext({}, 0, 0, false, KelDebugLevel::None);
     KelAgentConfigure(std::move(settings));
     AgentSecuritySetKeys(target->keys);
-    const KelString guid = target->keys ? target->keys->Get().device.guid : KelString();
-    return Remote(target->user, target->password, target->address, guid, target->socketFolder, options.device,
-                  options.timeoutSeconds);
+    return Remote(target->user, target->password, target->address, target->guid, target->socketFolder,
+                  options.device, options.timeoutSeconds);
 }
 
 Remote Remote::For(const KelString& device) const {
@@ -187,8 +252,10 @@ KelString Remote::Explain(unsigned int result, const KelString& action, const Ke
     if (!device_.empty() && !message.empty()) return message;
     switch (result) {
         case kKelErrorUnreachable:
+            if (!message.empty()) return message;
             return "no answer from " + address_ + "; is the agent running there?";
         case kKelErrorCredentials:
+            if (!message.empty()) return message;
             return "the agent at " + address_ + " refused the credentials";
         case kKelErrorUnknownAction:
             if (action == "ConsolePublish") return "publishing is done on the master; " + PlaceOfMaster();
@@ -217,9 +284,18 @@ KelString Remote::Explain(unsigned int result, const KelString& action, const Ke
 unsigned int Remote::CallAgent(const KelString& action, KelContainer& container, int seconds) const {
     if (!socketFolder_.empty())
         return ActionDbInvokeOnSocket(OperatorName(), socketFolder_, action, container, seconds);
-    const KelString place = guid_.empty() ? address_ : address_ + "/" + guid_;
-    return ActionDbInvokeContainer(OperatorName().c_str(), UrlForAgent(user_, password_, place), action,
-                                   container, 0, -1, seconds, nullptr);
+    UrlInet url;
+    if (!UrlParseInet("http://" + address_, url)) return kKelErrorUnreachable;
+    HttpClient client(kConnectSeconds, kConnectSeconds + seconds);
+    client.SetServer(url.host, url.port);
+    client.SetAuthentification(user_, password_);
+    client.EnableKeys(AgentSecurityGetKeys());
+    client.ExpectDevice(guid_);
+    const unsigned int result =
+        ActionDbCallThrough(client, OperatorName(), action, action + " on " + address_, container);
+    if (const KelString problem = ConnectionProblem(client); !problem.empty())
+        container.SetString("Message", address_ + ": " + problem);
+    return result;
 }
 
 unsigned int Remote::CallThroughMaster(const KelString& action, KelContainer& container, int seconds) const {

@@ -1,5 +1,8 @@
 #pragma once
 
+#include <cstdint>
+#include <string>
+
 #include "cli/options.h"
 #include "cli/output.h"
 #include "kel/container.h"
@@ -11,8 +14,8 @@
 class Remote {
   public:
     /// With --root over the agent's own socket, for which the caller is the device's operator; where there is
-    /// none, as while the agent does not run, with address and credentials from the ini files. Otherwise with
-    /// --url, --user and --password-file.
+    /// none, as while the agent does not run, with address and credentials from the ini files. With --url
+    /// another agent: https with the keys of a device of the tree, http with --user and --password-file.
     static KelResult<Remote> Open(const CommonOptions& options);
 
     /// Calls an action; the container carries arguments in and results out. Returns 0, the action's code, or
@@ -57,9 +60,18 @@ class Remote {
     int timeoutSeconds_;
 };
 
-/// The "host:port" of an agent's URL "http://HOST:PORT"; an error that names the URL when it has another
-/// form.
-KelResult<KelString> AddressOfUrl(const KelString& url);
+/// The value of --url.
+struct AgentUrl {
+    bool isSecure = false;
+    KelString host;
+    std::uint16_t port = 0;
+    KelString guid;  ///< of the device that has to answer; empty: any of the tree
+
+    KelString Address() const { return host + ":" + std::to_string(port); }
+};
+
+/// "http://HOST:PORT" or "https://HOST:PORT[/GUID]"; an error that names the URL when it has another form.
+KelResult<AgentUrl> ParseAgentUrl(const KelString& url);
 
 /// The "host:port" of the parent that a device names in its answer to RelayGetValues; empty when it has none.
 KelString ParentAddress(const KelContainer& relay);

@@ -134,6 +134,8 @@ unsigned int ActionDbCallThrough(HttpClient& client, const KelString& source, co
         answer = HttpMessage();
         exchange = client.SendAndRecv(request, answer);
     }
+    if (!client.GetRefusal().empty())  // the client has logged it
+        return kKelErrorCredentials;
     if (exchange == kHttpCompleted) return TakeAnswer(answer, callee, container);
     // Callers log a warning with the device's name; the reason is known only here.
     CoreLog().Detail("Call of %S failed: %S\n", callee, client.GetErrorText());

@@ -92,13 +92,21 @@ enum class Proof { Certificate, Digest, Basic };
 
 SSL_CTX* tls = nullptr;
 
+/// As a device of the tree does, so that the server sends its own certificate only.
+bool NameAuthority(const std::string& file) {
+    STACK_OF(X509_NAME)* const names = SSL_load_client_CA_file(file.c_str());
+    SSL_CTX_set0_CA_list(tls, names);
+    return names != nullptr;
+}
+
 void UseCertificate(const std::string& folder) {
     tls = SSL_CTX_new(TLS_client_method());
     SSL_CTX_set_min_proto_version(tls, TLS1_3_VERSION);
     SSL_CTX_set_session_cache_mode(tls, SSL_SESS_CACHE_OFF);
     SSL_CTX_set_mode(tls, SSL_MODE_RELEASE_BUFFERS);
     if (SSL_CTX_use_certificate_file(tls, (folder + "/client.pem").c_str(), SSL_FILETYPE_PEM) != 1 ||
-        SSL_CTX_use_PrivateKey_file(tls, (folder + "/client_key.pem").c_str(), SSL_FILETYPE_PEM) != 1)
+        SSL_CTX_use_PrivateKey_file(tls, (folder + "/client_key.pem").c_str(), SSL_FILETYPE_PEM) != 1 ||
+        !NameAuthority(folder + "/authority.pem"))
         Die("no certificate in " + folder);
 }
 

@@ -3,6 +3,8 @@
 #include <curl/curl.h>
 
 #include <atomic>
+#include <cstdlib>
+#include <ctime>
 #include <exception>
 #include <memory>
 #include <utility>
@@ -11,10 +13,10 @@
 #include "kel/text.h"
 #include "kelcore/agent.h"
 #include "kelcore/device_name.h"
-#include "kelcore/failure_log.h"
 #include "kelcore/http/exchange.h"
 #include "kelcore/http/handle_pool.h"
 #include "kelcore/http/url.h"
+#include "kelcore/keys/distrust.h"
 #include "kelcore/keys/peer_check.h"
 #include "kelcore/keys/transition.h"
 #include "kelcore/tree_passwords.h"
@@ -38,10 +40,19 @@ bool IsUsableHost(const KelString& host, std::uint16_t port) {
     return port != 0 && UrlParseInet("http://" + host, parsed) && parsed.host == host;
 }
 
-/// Peers that are not trusted, for the log: callers say only that they could not be reached.
-KelFailureLog& Distrusted() {
-    static KelFailureLog log(CoreLog());
-    return log;
+/// A difference between two clocks that explains why a certificate is not accepted, in seconds.
+constexpr std::int64_t kClocksDiffer = 60;
+
+/// What a device says about the certificate that it has refused, with its clock where that is another one's.
+KelString RefusalText(const HttpMessage& answer) {
+    const KelString problem = CertificateProblemLine(answer.GetHeader(kCertificateProblem));
+    if (answer.GetStatus() != kHttpStatusUnauthorized || problem.empty()) return {};
+    const auto theirs = TimeOfHttpDate(answer.GetHeader("date"));
+    const std::int64_t ahead = theirs ? *theirs - std::time(nullptr) : 0;
+    const KelString clock = std::abs(ahead) <= kClocksDiffer
+                                ? KelString()
+                                : "; its clock is " + ClockDifferenceText(ahead) + " the one here";
+    return KelFormat("it does not accept the certificate of this device and says \"%S\"%S", problem, clock);
 }
 
 CURLcode ApplyPeerCheck(CURL*, void* context, void* check) {
@@ -174,6 +185,7 @@ unsigned int HttpClient::SendAndRecv(const HttpMessage& request, HttpMessage& an
 unsigned int HttpClient::Exchange(const HttpMessage& request, HttpMessage& answer,
                                   HttpManagedTransmission* transmission) {
     errorText_.clear();
+    refusal_.clear();
     unsigned int result = kHttpBadRequest;
     if (allCancelled) {
         result = kHttpCutOff;
@@ -190,6 +202,7 @@ unsigned int HttpClient::Exchange(const HttpMessage& request, HttpMessage& answe
             errorText_ = error.what();
         }
     }
+    result_ = result;
     if (result != kHttpCompleted && log_ != nullptr)
         log_->Detail("HTTP client: %S:%d%S: result %u, %S\n", host_, static_cast<int>(port_),
                      request.GetResourcePath(), result, errorText_);
@@ -278,16 +291,20 @@ void HttpClient::SetKeys(HttpHandle& handle) {
     curl_easy_setopt(easy, CURLOPT_SSL_CTX_DATA, handle.peerCheck.get());
 }
 
-/// Keeps who has answered, and logs whoever must not.
-void HttpClient::TakePeer(const HttpHandle& handle, unsigned int result) {
+/// Keeps who has answered, and logs whoever must not, or refuses this device.
+void HttpClient::TakePeer(const HttpHandle& handle, unsigned int result, const HttpMessage& answer) {
     peer_ = handle.peerCheck->Peer();
     peerAuthority_ = handle.peerCheck->PresentedAuthority();
     const KelString place = KelFormat("%S:%u", host_, unsigned{port_});
-    if (result == kHttpCompleted) return Distrusted().Succeeded(place, place + " is trusted again");
-    if (result != kHttpSecurity || peer_.problem.empty()) return;
+    if (result == kHttpCompleted) {
+        refusal_ = RefusalText(answer);
+        if (refusal_.empty()) return Distrust().Clear(place);
+        return Distrust().Note(place, refusal_, place + ": " + refusal_);
+    }
+    if (result != kHttpSecurity || peer_.problem.empty()) return Distrust().Forget(place);
     errorText_ = "it is not trusted: " + peer_.problem;
-    Distrusted().Failed(KelDebugLevel::Warning, place,
-                        KelFormat("What answers at %S is not trusted: %S", place, peer_.problem));
+    Distrust().Note(place, errorText_,
+                    KelFormat("What answers at %S is not trusted: %S", place, peer_.problem));
 }
 
 unsigned int HttpClient::RunOnHandle(const HttpMessage& request, HttpMessage& answer,
@@ -322,7 +339,7 @@ unsigned int HttpClient::RunOnHandle(const HttpMessage& request, HttpMessage& an
         if (exchange.HasUnsafeChallenge()) return result;
     }
     if (keys_)
-        TakePeer(*handle, result);
+        TakePeer(*handle, result, answer);
     else
         RememberScheme(*handle, secure);
     localAddress_ = LocalAddressOf(easy);

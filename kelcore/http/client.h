@@ -81,8 +81,19 @@ class HttpClient {
     const KelTlsPeer& GetPeer() const { return peer_; }
     const std::optional<KelCertificate>& GetPeerAuthority() const { return peerAuthority_; }
 
+    /// The result of the last exchange.
+    unsigned int GetResult() const { return result_; }
+
     /// What went wrong in the last exchange, for the log; empty when it completed.
     const KelString& GetErrorText() const { return errorText_; }
+
+    /// Where keys are in use: why the device that answered the last exchange does not accept the certificate
+    /// of this one, as far as it says so; otherwise empty.
+    const KelString& GetRefusal() const { return refusal_; }
+
+    /// True when the last exchange ended with the connection and without an HTTP answer, as with a server
+    /// that takes TLS only.
+    bool WasClosed() const { return wasClosed_; }
 
   private:
     unsigned int Exchange(const HttpMessage& request, HttpMessage& answer,
@@ -95,7 +106,7 @@ class HttpClient {
     unsigned int TryPasswords(const HttpMessage& request, HttpMessage& answer,
                               HttpManagedTransmission* transmission);
     void SetKeys(HttpHandle& handle);
-    void TakePeer(const HttpHandle& handle, unsigned int result);
+    void TakePeer(const HttpHandle& handle, unsigned int result, const HttpMessage& answer);
     unsigned int RunOnHandle(const HttpMessage& request, HttpMessage& answer,
                              HttpManagedTransmission* transmission, const KelString& password);
 
@@ -118,7 +129,9 @@ class HttpClient {
     std::function<bool()> cancelled_;
     IpAddress localAddress_;
     bool wasClosed_ = false;  ///< the last exchange, without an answer
+    unsigned int result_ = kHttpCompleted;
     KelString errorText_;
+    KelString refusal_;
 };
 
 /// Closes every kept connection that is not in use. For the end of the process and for tests.

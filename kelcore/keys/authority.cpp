@@ -60,9 +60,10 @@ KelResult<KelVector<KelCertificate>> LoadValid(const KelString& path, std::int64
     return all;
 }
 
-/// Certificates begin a day before they are issued.
+/// Certificates begin a day before they are issued. One that has not begun yet was issued while the clock of
+/// the master was ahead.
 bool IsOfLastDay(const KelCertificate& certificate, std::int64_t now) {
-    return certificate.NotBefore() + 2 * KelIssuer::kDay > now;
+    return certificate.NotBefore() <= now && certificate.NotBefore() + 2 * KelIssuer::kDay > now;
 }
 
 /// The GUIDs after which the files of a folder are named.
@@ -141,7 +142,7 @@ std::optional<KelCertificate> KelAuthority::Find(const KelString& guid, std::int
 }
 
 KelResult<KelCertificate> KelAuthority::Issue(evp_pkey_st* publicKey, const KelDeviceIdentity& identity,
-                                              std::int64_t now) const {
+                                              std::int64_t now, std::int64_t leastEnd) const {
     if (!IsGuid(identity.guid)) return KelError{kKelErrorBadInput, "this is no GUID"};
     const auto issued = LoadValid(IssuedPath(identity.guid), now);
     if (!issued) return issued.Error();
@@ -151,12 +152,13 @@ KelResult<KelCertificate> KelAuthority::Issue(evp_pkey_st* publicKey, const KelD
                                   "the old one on the master first: kel keys revoke %S",
                                   identity.guid, identity.guid)};
     if (issued->size() >= kMostAtOnce && IsOfLastDay(issued->back(), now)) return issued->back();
-    return IssueAny(publicKey, identity, *issued, now);
+    return IssueAny(publicKey, identity, *issued, now, leastEnd);
 }
 
 KelResult<KelCertificate> KelAuthority::IssueAny(evp_pkey_st* publicKey, const KelDeviceIdentity& identity,
-                                                 KelVector<KelCertificate> issued, std::int64_t now) const {
-    auto certificate = issuer_->Issue(publicKey, identity, now);
+                                                 KelVector<KelCertificate> issued, std::int64_t now,
+                                                 std::int64_t leastEnd) const {
+    auto certificate = issuer_->Issue(publicKey, identity, now, leastEnd);
     if (!certificate) return certificate.Error();
     issued.push_back(*certificate);
     if (KelStatus saved = SaveAll(IssuedPath(identity.guid), issued); !saved) return saved.Error();

@@ -51,10 +51,10 @@ class KelAuthority {
     /// The latest certificate of a device that is neither revoked nor over; nothing when there is none.
     std::optional<KelCertificate> Find(const KelString& guid, std::int64_t now) const;
 
-    /// Issues a certificate to a device. An error when the GUID belongs to a device with another key. One
-    /// that has got many in a day gets the latest of them again.
+    /// Issues a certificate to a device, valid until `leastEnd` at least. An error when the GUID belongs to a
+    /// device with another key. One that has got many in a day gets the latest of them again.
     KelResult<KelCertificate> Issue(evp_pkey_st* publicKey, const KelDeviceIdentity& identity,
-                                    std::int64_t now) const;
+                                    std::int64_t now, std::int64_t leastEnd = 0) const;
 
     /// Issues the next certificate to a device that has one, for the key that it has. Certificates for other
     /// keys of the device are revoked: it has this one in use.
@@ -88,7 +88,8 @@ class KelAuthority {
     KelStatus WriteList(std::int64_t now) const;
     KelResult<KelCertificate> Latest(const KelCertificateRequest& request, std::int64_t now) const;
     KelResult<KelCertificate> IssueAny(evp_pkey_st* publicKey, const KelDeviceIdentity& identity,
-                                       KelVector<KelCertificate> issued, std::int64_t now) const;
+                                       KelVector<KelCertificate> issued, std::int64_t now,
+                                       std::int64_t leastEnd = 0) const;
 
     KelString folder_;
     std::optional<KelIssuer> issuer_;

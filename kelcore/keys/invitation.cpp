@@ -5,8 +5,10 @@
 
 #include "kel/base64.h"
 #include "kel/checksum.h"
+#include "kel/format.h"
 #include "kel/text.h"
 #include "kelcore/keys/key_pair.h"
+#include "kelcore/keys/openssl_objects.h"
 
 namespace {
 
@@ -92,6 +94,21 @@ KelResult<KelInvitation> KelInvitation::FromToken(std::string_view token) {
     invitation.authority = FingerprintOfDigest(take(32));
     invitation.secret = take(kSecretBytes);
     return invitation;
+}
+
+KelString KelInvitation::ClockProblem(std::int64_t now) const {
+    constexpr std::int64_t kTolerated = 86400;
+    if (now >= expires)
+        return KelFormat(
+            "the invitation has ended on %S, and the clock of this device shows %S: set the clock "
+            "if it is wrong, or else make another one on the master ('kel invite')",
+            DateText(expires), DateText(now));
+    if (now < expires - kLongest - kTolerated)
+        return KelFormat(
+            "the invitation ends on %S, which is too far ahead for one that exists already, since "
+            "the clock of this device shows %S: set it",
+            DateText(expires), DateText(now));
+    return {};
 }
 
 KelEnrolRequest KelEnrolRequest::Make(const KelInvitation& invitation, const KelCertificateRequest& request) {

@@ -18,6 +18,12 @@ struct KelInvitation {
     KelString authority;  ///< fingerprint of its key
     KelString secret;     ///< 32 bytes
 
+    static constexpr std::int64_t kLongest = std::int64_t{366} * 86400;  ///< seconds until it ends
+
+    /// What is wrong with the clock or the invitation when it is `now`, in seconds since the epoch: that it
+    /// has ended, or was made by a clock that is ahead of this one. Empty when they fit.
+    KelString ClockProblem(std::int64_t now) const;
+
     KelString ToToken() const;
     static KelResult<KelInvitation> FromToken(std::string_view token);
 };

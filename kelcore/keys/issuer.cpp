@@ -2,6 +2,7 @@
 
 #include <openssl/pem.h>
 
+#include <algorithm>
 #include <ctime>
 
 #include "kelcore/keys/openssl_objects.h"
@@ -67,8 +68,8 @@ KelResult<KelIssuer> KelIssuer::Make(std::int64_t now) {
 }
 
 KelResult<KelCertificate> KelIssuer::Issue(evp_pkey_st* publicKey, const KelDeviceIdentity& identity,
-                                           std::int64_t now) const {
-    const X509Owner certificate = MakeUnsigned(publicKey, now, kValidity);
+                                           std::int64_t now, std::int64_t leastEnd) const {
+    const X509Owner certificate = MakeUnsigned(publicKey, now, std::max(kValidity, leastEnd - now));
     X509* const raw = certificate.get();
     X509* const issuer = certificate_.Get();
     if (raw == nullptr || !SetSubject(X509_get_subject_name(raw), identity) ||

@@ -19,9 +19,9 @@ class KelIssuer {
     const KelKeyPair& Key() const { return key_; }
     const KelCertificate& Certificate() const { return certificate_; }
 
-    /// A certificate for the device with this public key.
+    /// A certificate for the device with this public key, valid for a year, and until `leastEnd` at least.
     KelResult<KelCertificate> Issue(evp_pkey_st* publicKey, const KelDeviceIdentity& identity,
-                                    std::int64_t now) const;
+                                    std::int64_t now, std::int64_t leastEnd = 0) const;
 
     /// A certificate for the key with which publications are signed, for as long as the authority's. Its one
     /// purpose is to sign code, so that it is of no use for TLS, and that of a device of none for signatures.

@@ -8,6 +8,7 @@
 
 #include "kel/format.h"
 #include "kel/text.h"
+#include "kelcore/keys/distrust.h"
 #include "kelcore/keys/issuer.h"
 #include "kelcore/keys/openssl_objects.h"
 
@@ -18,17 +19,28 @@ std::uint64_t NextId() {
     return ++last;
 }
 
-KelString ProblemText(int error, const KelCertificate& certificate, std::int64_t now) {
-    const char* const clock = "set the clock of the device on which it is wrong";
+/// Which clock is wrong, as far as the certificate of this device shows it: that was issued to it.
+KelString ClockText(const KelCertificate* own, std::int64_t now) {
+    if (own != nullptr && now < own->NotBefore())
+        return KelFormat(
+            "set the clock of this device, which is at least %S the time when it got its own one",
+            ClockDifferenceText(now - own->NotBefore()));
+    if (own != nullptr && now > own->NotAfter())
+        return "set the clock of this device, which is probably ahead, since its own one has ended, too";
+    return "set the clock of the device on which it is wrong";
+}
+
+KelString ProblemText(int error, const KelCertificate& certificate, const KelCertificate* own,
+                      std::int64_t now) {
     switch (error) {
         case X509_V_ERR_CERT_NOT_YET_VALID:
-            return KelFormat("its certificate is valid from %S on, but it is %S here: %s",
-                             DateText(certificate.NotBefore()), DateText(now), clock);
+            return KelFormat("its certificate is valid from %S on, but it is %S here: %S",
+                             DateText(certificate.NotBefore()), DateText(now), ClockText(own, now));
         case X509_V_ERR_CERT_HAS_EXPIRED:
             return KelFormat(
-                "its certificate was valid until %S, and it is %S here: %s, or else join the "
+                "its certificate was valid until %S, and it is %S here: %S, or else join the "
                 "device with the certificate again ('kel keys join')",
-                DateText(certificate.NotAfter()), DateText(now), clock);
+                DateText(certificate.NotAfter()), DateText(now), ClockText(own, now));
         case X509_V_ERR_UNABLE_TO_GET_ISSUER_CERT_LOCALLY:
         case X509_V_ERR_DEPTH_ZERO_SELF_SIGNED_CERT:
         case X509_V_ERR_SELF_SIGNED_CERT_IN_CHAIN:
@@ -40,7 +52,9 @@ KelString ProblemText(int error, const KelCertificate& certificate, std::int64_t
 }
 
 /// What keeps the authority's signature from vouching for a certificate at this time; empty when it does.
-KelString ChainProblem(x509_st* certificate, x509_store_st* store, int purpose, std::int64_t now) {
+/// `own`: the certificate of this device, if there is one.
+KelString ChainProblem(x509_st* certificate, x509_store_st* store, int purpose, const KelCertificate* own,
+                       std::int64_t now) {
     const X509StoreContextOwner context(X509_STORE_CTX_new());
     if (!context || X509_STORE_CTX_init(context.get(), store, certificate, nullptr) != 1)
         return OpenSslError("its certificate cannot be examined").message;
@@ -51,7 +65,7 @@ KelString ChainProblem(x509_st* certificate, x509_store_st* store, int purpose, 
     if (X509_verify_cert(context.get()) == 1) return {};
     const int error = X509_STORE_CTX_get_error(context.get());
     X509* const faulty = X509_STORE_CTX_get_current_cert(context.get());
-    return ProblemText(error, KelCertificate::Of(faulty != nullptr ? faulty : certificate), now);
+    return ProblemText(error, KelCertificate::Of(faulty != nullptr ? faulty : certificate), own, now);
 }
 
 KelTlsPeer Distrusted(KelString problem) {
@@ -75,6 +89,22 @@ KelString Mismatch(const KelTlsPeer& peer, const KelPeerExpectation& expected) {
     return {};
 }
 
+/// Leaves out the certificate of the authority where the client knows it.
+int ShortenChain(SSL* connection, void*) {
+    const X509_NAME* const authority = X509_get_issuer_name(SSL_get_certificate(connection));
+    const STACK_OF(X509_NAME)* const known = SSL_get0_peer_CA_list(connection);
+    for (int i = 0; i < sk_X509_NAME_num(known); ++i)
+        if (X509_NAME_cmp(sk_X509_NAME_value(known, i), authority) == 0)
+            return static_cast<int>(SSL_clear_chain_certs(connection));
+    return 1;
+}
+
+bool ApplyAuthority(SSL_CTX* context, X509* authority, KelTlsSide side) {
+    if (side == KelTlsSide::Client) return SSL_CTX_add1_to_CA_list(context, authority) == 1;
+    SSL_CTX_set_cert_cb(context, &ShortenChain, nullptr);
+    return SSL_CTX_add1_chain_cert(context, authority) == 1;
+}
+
 }  // namespace
 
 std::shared_ptr<x509_store_st> MakeTrustStore(const KelCertificate& authority) {
@@ -83,10 +113,10 @@ std::shared_ptr<x509_store_st> MakeTrustStore(const KelCertificate& authority) {
 }
 
 KelTlsPeer ExamineByAuthority(x509_st* certificate, x509_store_st* store, KelTlsSide presentedBy,
-                              std::int64_t now) {
+                              std::int64_t now, const KelCertificate* own) {
     const KelCertificate presented = KelCertificate::Of(certificate);
     const int purpose = presentedBy == KelTlsSide::Server ? X509_PURPOSE_SSL_SERVER : X509_PURPOSE_SSL_CLIENT;
-    if (KelString problem = ChainProblem(certificate, store, purpose, now); !problem.empty())
+    if (KelString problem = ChainProblem(certificate, store, purpose, own, now); !problem.empty())
         return Distrusted(std::move(problem));
     const auto identity = presented.Identity();
     if (!identity) return Distrusted("its certificate is not that of a device: " + identity.Error().message);
@@ -127,7 +157,7 @@ KelTlsPeer KelKeyRing::Examine(x509_st* certificate, KelTlsSide presentedBy,
     else if (!store_)
         return Distrusted("this device has not been enrolled yet, and cannot tell who belongs to its tree");
     else
-        peer = ExamineByAuthority(certificate, store_.get(), presentedBy, now);
+        peer = ExamineByAuthority(certificate, store_.get(), presentedBy, now, &*parts_.certificate);
     if (!peer.isVerified) return peer;
     if (!IsStillTrusted(peer)) return Distrusted(KelFormat("the certificate of %S was revoked", peer.guid));
     if (KelString mismatch = Mismatch(peer, expected); !mismatch.empty())
@@ -137,7 +167,9 @@ KelTlsPeer KelKeyRing::Examine(x509_st* certificate, KelTlsSide presentedBy,
 
 KelString KelKeyRing::SignerProblem(x509_st* certificate, std::int64_t now) const {
     if (!store_) return "this device has not been enrolled yet, and cannot tell who belongs to its tree";
-    if (KelString problem = ChainProblem(certificate, store_.get(), X509_PURPOSE_ANY, now); !problem.empty())
+    if (KelString problem =
+            ChainProblem(certificate, store_.get(), X509_PURPOSE_ANY, &*parts_.certificate, now);
+        !problem.empty())
         return problem;
     if (X509_get_extended_key_usage(certificate) != XKU_CODE_SIGN ||
         !IsSigningKey(X509_get0_pubkey(certificate)))
@@ -155,13 +187,14 @@ KelPeerExpectation KelKeyRing::ExpectedAt(const KelString& host, std::uint16_t p
     return {parts_.parent.guid, parts_.parent.fingerprint, true};
 }
 
-KelStatus KelKeyRing::ApplyTo(ssl_ctx_st* context) const {
+KelStatus KelKeyRing::ApplyTo(ssl_ctx_st* context, KelTlsSide side) const {
     X509* const certificate = placeholder_ ? placeholder_->Get() : parts_.certificate->Get();
-    const bool applied =
-        SSL_CTX_set_min_proto_version(context, TLS1_3_VERSION) == 1 &&
-        SSL_CTX_use_certificate(context, certificate) == 1 &&
-        SSL_CTX_use_PrivateKey(context, parts_.key.Get()) == 1 &&
-        (!parts_.authority || SSL_CTX_add1_chain_cert(context, parts_.authority->Get()) == 1);
+    // Without the mode, a certificate without a chain is examined for each connection.
+    SSL_CTX_set_mode(context, SSL_MODE_NO_AUTO_CHAIN);
+    const bool applied = SSL_CTX_set_min_proto_version(context, TLS1_3_VERSION) == 1 &&
+                         SSL_CTX_use_certificate(context, certificate) == 1 &&
+                         SSL_CTX_use_PrivateKey(context, parts_.key.Get()) == 1 &&
+                         (!parts_.authority || ApplyAuthority(context, parts_.authority->Get(), side));
     if (!applied) return OpenSslError("The certificate of this device cannot be used");
     return {};
 }

@@ -76,8 +76,10 @@ class KelKeyRing {
     /// Who has to be at this address: for the parent what its pin says.
     KelPeerExpectation ExpectedAt(const KelString& host, std::uint16_t port) const;
 
-    /// Has connections of this context present the own certificate with the authority's, and speak TLS 1.3.
-    KelStatus ApplyTo(ssl_ctx_st* context) const;
+    /// Has connections of this context speak TLS 1.3 and present the own certificate. A client names the
+    /// authority that it knows; a server adds the certificate of the authority for clients that name none,
+    /// which are about to join the tree.
+    KelStatus ApplyTo(ssl_ctx_st* context, KelTlsSide side) const;
 
   private:
     explicit KelKeyRing(Parts parts);
@@ -89,9 +91,10 @@ class KelKeyRing {
     std::shared_ptr<x509_store_st> store_;  ///< null without an authority
 };
 
-/// Examines a certificate by an authority alone.
+/// Examines a certificate by an authority alone. `own`: the certificate of this device, if it has one; shows
+/// which clock is wrong.
 KelTlsPeer ExamineByAuthority(x509_st* certificate, x509_store_st* store, KelTlsSide presentedBy,
-                              std::int64_t now);
+                              std::int64_t now, const KelCertificate* own = nullptr);
 
 /// A store that trusts this authority; null when memory runs out.
 std::shared_ptr<x509_store_st> MakeTrustStore(const KelCertificate& authority);

@@ -16,7 +16,7 @@ KelPeerCheck::KelPeerCheck(KelString authorityFingerprint)
 bool KelPeerCheck::ApplyTo(ssl_ctx_st* context) {
     // A device that is about to join has no certificate that says anything.
     const bool applied = authorityFingerprint_.empty()
-                             ? static_cast<bool>(ring_->ApplyTo(context))
+                             ? static_cast<bool>(ring_->ApplyTo(context, KelTlsSide::Client))
                              : SSL_CTX_set_min_proto_version(context, TLS1_3_VERSION) == 1;
     if (!applied) return false;
     SSL_CTX_set_verify(context, SSL_VERIFY_PEER, nullptr);

@@ -48,6 +48,9 @@ class Channel {
     virtual void ShutdownSend() = 0;
     virtual void Close() = 0;
 
+    /// Frees what is not needed while nothing comes or goes; it is there again with the next byte.
+    virtual void ReleaseBuffers() {}
+
     virtual bool IsEncrypted() const = 0;
     /// What the connection shows of the peer, once it is open; without its address.
     virtual KelPeer Peer() const = 0;

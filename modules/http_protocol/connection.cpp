@@ -146,6 +146,7 @@ void Connection::OnTick(Clock::time_point now) {
             // A peer that reads slowly is not idle while it takes the response.
             const bool isIdle = served_ && !headBegun_;
             if (isIdle) NoteProgress(now);
+            if (isIdle) channel_->ReleaseBuffers();
             // A stranger gets the time for a head, not that for a pause between requests.
             const int limit = isIdle && isAuthenticated_ ? settings.idleTimeout : settings.headerTimeout;
             late = now - since_ > std::chrono::seconds(limit);

@@ -67,6 +67,7 @@ class Connection final : public ChannelUser,
     void Route(const RequestHead& request);
     bool Authenticate(const RequestHead& request);
     bool AuthenticatePeer();
+    void RefuseCertificate(const KelString& problem);
     bool IsPeerTrusted();
     void NoteCertificate();
     bool AdmitStranger(const RequestHead& request);

@@ -9,6 +9,7 @@
 #include "kelcore/agent.h"
 #include "kelcore/callback_db.h"
 #include "kelcore/error_codes.h"
+#include "kelcore/keys/distrust.h"
 #include "kelcore/keys/transition.h"
 #include "kelcore/security.h"
 #include "modules/http_protocol/connection.h"
@@ -36,6 +37,12 @@ unsigned int TriggerGet(const KelPeer& sender, const KelString& path) {
     return CallbackDbTrigger("HttpProtocolCallbackGet", arguments, results);
 }
 
+/// No method begins with a control character, but a TLS record does: its sender learns at once that this port
+/// is a plain one.
+bool IsNoRequest(std::string_view input) {
+    return !input.empty() && static_cast<unsigned char>(input.front()) < ' ' && !input.starts_with('\r');
+}
+
 }  // namespace
 
 /// Removes the empty lines before a request, which some clients send after a body (RFC 9112, section 2.2);
@@ -53,7 +60,7 @@ bool Connection::SkipBlankLines() {
 bool Connection::TakeHead() {
     bodyLeft_ = 0;
     hasExpectation_ = false;
-    if (!SkipBlankLines()) return RefuseHead(400);
+    if (!SkipBlankLines() || IsNoRequest(input_)) return RefuseHead(400);
     const std::size_t end = FindHeadEnd(input_, headSearched_);
     // A line end among the last two bytes may turn out to be the end of the head.
     headSearched_ = input_.size() - std::min<std::size_t>(input_.size(), 2);
@@ -126,9 +133,18 @@ bool Connection::IsPeerTrusted() {
 
 bool Connection::AuthenticatePeer() {
     if (IsPeerTrusted()) return isAuthenticated_ || AdmitAuthenticated();
-    keepAlive_ = false;
-    RespondError(401);
+    RefuseCertificate("the certificate of " + channel_->Peer().deviceGuid + " was revoked");
     return false;
+}
+
+/// A device that comes with a certificate is told what is wrong with it: its clock may be the reason.
+void Connection::RefuseCertificate(const KelString& problem) {
+    keepAlive_ = false;
+    const KelString line = CertificateProblemLine(problem);
+    Respond(
+        401,
+        (line.empty() ? KelString() : "Kel-Certificate-Problem: " + line + "\r\n") + "Content-Length: 0\r\n",
+        {});
 }
 
 /// A device without a certificate may only call what says so. Everything else is refused before its body is
@@ -139,7 +155,8 @@ bool Connection::AdmitStranger(const RequestHead& request) {
     const bool isForStrangers = request.method == Method::Post && path && path->starts_with(kActionPrefix) &&
                                 ActionDbAdmits(path->substr(kActionPrefix.size()), KelCallers::Stranger);
     if (!isForStrangers) {
-        RespondError(401);
+        const KelTlsPeer* const peer = channel_->TlsPeer();
+        RefuseCertificate(peer != nullptr ? peer->problem : KelString());
         return false;
     }
     if (context_.guesses.IsExceeded(peer_, Clock::now())) {

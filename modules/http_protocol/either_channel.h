@@ -25,6 +25,9 @@ class EitherChannel final : public Channel {
     }
     void ShutdownSend() override;
     void Close() override;
+    void ReleaseBuffers() override {
+        if (chosen_) chosen_->ReleaseBuffers();
+    }
     bool IsEncrypted() const override { return chosen_ && chosen_->IsEncrypted(); }
     KelPeer Peer() const override { return chosen_ ? chosen_->Peer() : KelPeer(); }
     const KelTlsPeer* TlsPeer() const override { return chosen_ ? chosen_->TlsPeer() : nullptr; }

@@ -15,10 +15,12 @@ int AcceptForNow(X509_STORE_CTX* handshake, void*) {
 std::shared_ptr<boost::asio::ssl::context> MakeContext(const KelKeyRing& keys) {
     auto context = std::make_shared<boost::asio::ssl::context>(boost::asio::ssl::context::tls_server);
     SSL_CTX* const raw = context->native_handle();
-    if (const KelStatus applied = keys.ApplyTo(raw); !applied)
+    if (const KelStatus applied = keys.ApplyTo(raw, KelTlsSide::Server); !applied)
         throw std::runtime_error(applied.Error().message);
     SSL_CTX_set_verify(raw, SSL_VERIFY_PEER, nullptr);
     SSL_CTX_set_cert_verify_callback(raw, &AcceptForNow, nullptr);
+    // A device that comes again resumes one session, and gets the next ticket then.
+    SSL_CTX_set_num_tickets(raw, 1);
     // Without a name for this service, OpenSSL refuses to resume sessions of clients with certificates.
     static constexpr unsigned char kName[] = "kel";
     SSL_CTX_set_session_id_context(raw, kName, sizeof kName);

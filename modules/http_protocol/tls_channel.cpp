@@ -18,8 +18,7 @@ namespace {
 constexpr std::size_t kPieceBytes = 64 << 10;
 /// Pieces before other connections of the loop get their turn.
 constexpr int kPiecesPerTurn = 32;
-constexpr int kModes =
-    SSL_MODE_ENABLE_PARTIAL_WRITE | SSL_MODE_ACCEPT_MOVING_WRITE_BUFFER | SSL_MODE_RELEASE_BUFFERS;
+constexpr int kModes = SSL_MODE_ENABLE_PARTIAL_WRITE | SSL_MODE_ACCEPT_MOVING_WRITE_BUFFER;
 
 int Limited(std::size_t count) {
     return static_cast<int>(std::min<std::size_t>(count, 1 << 30));
@@ -32,6 +31,8 @@ TlsChannel::TlsChannel(boost::asio::ip::tcp::socket socket, SSL_CTX& context, Ag
     if (!connection_ || SSL_set_fd(connection_.get(), socket_.native_handle()) != 1)
         throw std::runtime_error("OpenSSL has no memory for a connection");
     SSL_set_mode(connection_.get(), kModes);
+    // A whole request with one call of the system, instead of one for each head of a record.
+    SSL_set_read_ahead(connection_.get(), 1);
     SSL_set_accept_state(connection_.get());
     socket_.non_blocking(true);
     boost::system::error_code ignored;
@@ -86,7 +87,7 @@ KelPeer TlsChannel::Peer() const {
 
 void TlsChannel::Read(std::span<char> into, const User& user) {
     // The socket does not become readable for what OpenSSL has read of it already.
-    if (SSL_pending(connection_.get()) > 0)
+    if (mayHaveMore_)
         return boost::asio::post(socket_.get_executor(), [this, into, user] { ReadNow(into, user); });
     socket_.async_wait(boost::asio::socket_base::wait_read,
                        [this, into, user](const boost::system::error_code& error) {
@@ -99,13 +100,14 @@ void TlsChannel::ReadNow(std::span<char> into, const User& user) {
     if (!socket_.is_open()) return user->OnRead(false, 0);
     std::size_t count = 0;
     Outcome outcome = Outcome::Done;
-    // A record at a time.
+    // A record at a time. What is still in the socket makes it readable again: waiting looks anew.
     do {
         ERR_clear_error();
         const int result = SSL_read(connection_.get(), into.data() + count, Limited(into.size() - count));
         outcome = OutcomeOf(result);
         if (result > 0) count += static_cast<std::size_t>(result);
-    } while (outcome == Outcome::Done && count < into.size());
+        mayHaveMore_ = outcome == Outcome::Done && SSL_has_pending(connection_.get()) == 1;
+    } while (mayHaveMore_ && count < into.size());
     if (count > 0 || outcome == Outcome::Failed) return user->OnRead(count > 0, count);
     Read(into, user);
 }

@@ -12,8 +12,9 @@
 namespace kelhttp {
 
 /// A channel over TLS (RFC 8446). OpenSSL works on the socket itself, so a connection that waits needs no
-/// buffers. Sends are tried at once and wait only when the socket is full; file bodies are read and encrypted
-/// piece by piece. The process has to ignore SIGPIPE.
+/// buffers once ReleaseBuffers was called; before that it keeps them, about 34 KiB. Sends are tried at once
+/// and wait only when the socket is full; file bodies are read and encrypted piece by piece. The process has
+/// to ignore SIGPIPE.
 class TlsChannel final : public Channel {
   public:
     /// With `keys`, the certificate that the client presents is examined; null in a plain tree. Throws
@@ -26,6 +27,7 @@ class TlsChannel final : public Channel {
     Outcome SendFile(int fd, std::uint64_t offset, std::uint64_t length, const User& user) override;
     void ShutdownSend() override;
     void Close() override;
+    void ReleaseBuffers() override { SSL_free_buffers(connection_.get()); }
     bool IsEncrypted() const override { return true; }
     KelPeer Peer() const override;
     const KelTlsPeer* TlsPeer() const override { return keys_ ? &peer_ : nullptr; }
@@ -53,6 +55,7 @@ class TlsChannel final : public Channel {
     KelTlsPeer peer_;
     boost::asio::socket_base::wait_type awaited_ =
         boost::asio::socket_base::wait_read;  ///< by the operation that is pending
+    bool mayHaveMore_ = true;                 ///< OpenSSL may hold bytes that it has read of the socket
     std::string_view data_;                   ///< still to be sent
     std::vector<char> piece_;                 ///< of the file; empty while none is sent
     int file_ = -1;

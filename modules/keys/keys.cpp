@@ -136,10 +136,13 @@ void Keys::Register(const char* handle) {
            .purpose = "Says which keys this device has.",
            .outputs =
                "container Values {bool IsEnrolled, string GUID, string Role, string Fingerprint (of its "
-               "key), int64 NotAfter? (end of its certificate, seconds since the epoch), string Serial?, "
+               "key), int64 NotBefore?, int64 NotAfter? (of its certificate, seconds since the epoch), "
+               "string "
+               "Serial?, "
                "string Authority? (fingerprint), int64 AuthorityNotAfter?, string ParentGuid, string "
                "ParentFingerprint (empty: "
-               "not known yet), int64 RevokedNumber, int32 RevokedCount, bool IsInvited, bool "
+               "not known yet), int64 RevokedNumber, int32 RevokedCount, bool IsInvited, string "
+               "JoinProblem? (what the last try to join has failed by), bool "
                "AcceptsPassword (of "
                "members without keys), container PasswordCallers[]? {string Address, int64 LastSeen}}",
            .callers = KelCallers::Operator}},
@@ -199,8 +202,19 @@ bool Keys::Step() {
     return isWorkLeft;
 }
 
+KelString Keys::JoinProblem() const {
+    const KelLock lock(mutex_);
+    return joinProblem_;
+}
+
+void Keys::NoteJoinProblem(const KelString& problem) {
+    const KelLock lock(mutex_);
+    joinProblem_ = problem;
+}
+
 bool Keys::JoinTree(const KelString& token) {
     const auto fail = [this](const KelString& problem) {
+        NoteJoinProblem(problem);
         failures_.Failed(KelDebugLevel::Warning, "join", "This device cannot join the tree now: " + problem);
         return false;
     };
@@ -216,6 +230,7 @@ bool Keys::JoinTree(const KelString& token) {
     if (const KelStatus taken = TakeAnswer(container, invitation->authority, parent, call.peer); !taken)
         return fail(taken.Error().message);
     failures_.Clear();
+    NoteJoinProblem({});
     Log().Print("This device belongs to the tree now; its certificate is valid until %S\n",
                 DateOf(keeper_.Current()->Get().certificate->NotAfter()));
     KelContainer none;
@@ -262,8 +277,13 @@ void Keys::ExamineOwnCertificate(const KelKeyRing& keys, std::int64_t now) {
 }
 
 bool Keys::RenewWhenDue(const KelKeyRing& keys, const ParentPlaces& parent, std::int64_t now) {
-    if (!mustConfirm_ && !IsRenewalDue(*keys.Get().certificate, now)) return true;
-    if (!mustConfirm_ && renewed_ && std::chrono::steady_clock::now() - *renewed_ < kRenewalPause)
+    // A master whose clock was ahead may have renewed its certificate then, which no device accepts for as
+    // long as the clock was ahead. It is issued anew, but keeps its end: if the clock is late instead, the
+    // devices go on accepting it.
+    const bool isTooNew = master_ && now < keys.Get().certificate->NotBefore();
+    if (!mustConfirm_ && !isTooNew && !IsRenewalDue(*keys.Get().certificate, now)) return true;
+    if (!mustConfirm_ && !isTooNew && renewed_ &&
+        std::chrono::steady_clock::now() - *renewed_ < kRenewalPause)
         return true;
     const auto fail = [&](const KelString& problem) {
         failures_.Failed(
@@ -274,7 +294,8 @@ bool Keys::RenewWhenDue(const KelKeyRing& keys, const ParentPlaces& parent, std:
     };
     KelString pem;
     if (master_) {
-        const auto issued = master_->IssueOwn(keys.Get().key, keys.Get().device, now);
+        const auto issued = master_->IssueOwn(keys.Get().key, keys.Get().device, now,
+                                              isTooNew ? keys.Get().certificate->NotAfter() : 0);
         const auto text = issued ? issued->ToPem() : KelResult<KelString>(issued.Error());
         if (!text) return fail(text.Error().message);
         pem = *text;

@@ -5,6 +5,7 @@
 #include <optional>
 
 #include "kel/container.h"
+#include "kel/mutex.h"
 #include "kel/periodic_thread.h"
 #include "kelcore/failure_log.h"
 #include "kelcore/module.h"
@@ -51,6 +52,8 @@ class Keys final : public KelModule {
     // The thread's work.
     bool Step();
     bool JoinTree(const KelString& token);
+    KelString JoinProblem() const;
+    void NoteJoinProblem(const KelString& problem);
     KelStatus TakeAnswer(const KelContainer& answer, const KelString& authority, const ParentPlaces& parent,
                          const KelTlsPeer& peer);
     void FollowParent(const ParentPlaces& parent);
@@ -68,7 +71,9 @@ class Keys final : public KelModule {
     KeyKeeper keeper_;
     std::optional<MasterKeys> master_;  ///< from Initialise on, on the master
     KelFailureLog failures_;
-    std::atomic<int> enrolments_ = 0;  ///< that are being worked on
+    mutable KelMutex mutex_;
+    KelString joinProblem_ KEL_GUARDED_BY(mutex_);  ///< what the last try to join has failed by
+    std::atomic<int> enrolments_ = 0;               ///< that are being worked on
     /// When the last certificate came: one that is due again at once, by a wrong clock, has to wait for a
     /// day.
     std::optional<std::chrono::steady_clock::time_point> renewed_;

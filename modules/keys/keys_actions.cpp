@@ -15,7 +15,6 @@
 namespace {
 
 constexpr int kMostEnrolments = 3;  ///< at the same time
-constexpr std::int64_t kMaxInvitationSeconds = std::int64_t{366} * 86400;
 
 /// Counts what is going on, for as long as this exists.
 class Counted {
@@ -191,11 +190,13 @@ unsigned int Keys::GetValues(KelContainer* arguments) {
     values.SetString("Role", KelDeviceRoleName(parts.device.role));
     values.SetString("Fingerprint", KeyFingerprint(parts.key.Get()));
     if (keys->IsEnrolled()) {
+        values.SetInt64("NotBefore", parts.certificate->NotBefore());
         values.SetInt64("NotAfter", parts.certificate->NotAfter());
         values.SetString("Serial", parts.certificate->Serial());
         values.SetString("Authority", parts.authority->Fingerprint());
         values.SetInt64("AuthorityNotAfter", parts.authority->NotAfter());
     }
+    if (const KelString problem = JoinProblem(); !problem.empty()) values.SetString("JoinProblem", problem);
     values.SetString("ParentGuid", parts.parent.guid);
     values.SetString("ParentFingerprint", parts.parent.fingerprint);
     values.SetInt64("RevokedNumber", parts.revoked.Number());
@@ -246,7 +247,7 @@ unsigned int Keys::RenewKey(KelContainer* arguments) {
 unsigned int Keys::Invite(KelContainer* arguments) {
     if (!master_) return Fail(arguments, OnlyOnMaster());
     const std::int64_t now = std::time(nullptr);
-    const std::int64_t seconds = std::min(arguments->GetInt64("Seconds"), kMaxInvitationSeconds);
+    const std::int64_t seconds = std::min(arguments->GetInt64("Seconds"), KelInvitation::kLongest);
     const auto role = ParseDeviceRole(arguments->GetString("Role", "client"));
     if (!role || *role == KelDeviceRole::Master)
         return Fail(arguments, {kKelErrorBadInput, "an invitation is for a relay or a client"});

@@ -20,9 +20,9 @@ KelResult<KelCertificate> MasterKeys::Renew(const KelCertificateRequest& request
 }
 
 KelResult<KelCertificate> MasterKeys::IssueOwn(const KelKeyPair& key, const KelDeviceIdentity& master,
-                                               std::int64_t now) {
+                                               std::int64_t now, std::int64_t leastEnd) {
     const KelLock lock(mutex_);
-    const auto issued = authority_.Issue(key.Get(), master, now);
+    const auto issued = authority_.Issue(key.Get(), master, now, leastEnd);
     if (!issued) return issued.Error();
     const KelStatus retired = authority_.RetireOtherKeys(master.guid, issued->Fingerprint(), now);
     return retired ? issued : KelResult<KelCertificate>(retired.Error());

@@ -16,9 +16,10 @@ class MasterKeys {
 
     KelResult<KelCertificate> Enrol(const KelEnrolRequest& request, std::int64_t now);
     KelResult<KelCertificate> Renew(const KelCertificateRequest& request, std::int64_t now);
-    /// The next certificate of the master itself; those for a former key are revoked.
+    /// The next certificate of the master itself; those for a former key are revoked. It is valid until
+    /// `leastEnd` at least.
     KelResult<KelCertificate> IssueOwn(const KelKeyPair& key, const KelDeviceIdentity& master,
-                                       std::int64_t now);
+                                       std::int64_t now, std::int64_t leastEnd);
     /// See KelAuthority.
     KelResult<KelCertificate> Replace(const KelCertificateRequest& request, std::string_view proof,
                                       std::int64_t now);

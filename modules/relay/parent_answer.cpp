@@ -11,6 +11,7 @@
 #include "kelcore/device_name.h"
 #include "kelcore/error_codes.h"
 #include "kelcore/http/url.h"
+#include "kelcore/keys/distrust.h"
 #include "kelcore/security.h"
 #include "kelcore/version.h"
 
@@ -39,7 +40,9 @@ unsigned int AskForValues(const KelString& url, const char* action, KelContainer
     return code;
 }
 
-KelString CallProblem(unsigned int code) {
+KelString CallProblem(unsigned int code, const ParentPlace& place) {
+    if (KelString problem = Distrust().ProblemAt(place.Text()); !problem.empty() && AgentSecurityGetKeys())
+        return problem;
     switch (code) {
         case kKelErrorUnreachable:
             return AgentSecurityGetKeys()
@@ -89,13 +92,13 @@ ParentAnswer AskParent(const ParentPlace& place, bool mustBeSettled) {
     const std::int64_t before = std::time(nullptr);
     if (const unsigned int code = AskForValues(url, "RelayGetValues", values, std::move(aboutUs));
         code != kKelOk && code != kKelErrorUnknownAction)
-        return fail(CallProblem(code));
+        return fail(CallProblem(code, place));
     if (mustBeSettled && !values.GetBool("SchemeSettled", true))
         return fail("it has not found its own parent yet");
     answer.above = ReadAbove(values);
     ReadVersion(values, before, std::time(nullptr), answer);
     if (const unsigned int code = AskForValues(url, "IdentityGetValues", values); code != kKelOk)
-        return fail(CallProblem(code));
+        return fail(CallProblem(code, place));
     const KelString guid = values.GetString("GUID");
     if (!IsGuid(guid)) return fail(KelFormat("its GUID %S is malformed", guid));
     answer.guid = guid;

@@ -54,10 +54,13 @@ CAN_FAKE_TIME = find_faketime() and SHIM.exists()
 
 
 class LaterClock:
-    """The clock of a device that has run for eight months."""
+    """A clock that is ahead: by default that of a device that has run for eight months."""
+
+    def __init__(self, days=248):
+        self.days = days
 
     def environment(self):
-        return {"LD_PRELOAD": str(find_faketime()), "FAKETIME": "+248d", "FAKETIME_DONT_FAKE_MONOTONIC": "1"}
+        return {"LD_PRELOAD": str(find_faketime()), "FAKETIME": f"+{self.days}d", "FAKETIME_DONT_FAKE_MONOTONIC": "1"}
 
 
 class KeysTest(SystemTest):
@@ -91,11 +94,14 @@ class KeysTest(SystemTest):
             self.readers(tree, master, relay, client)
             self.steering(master, relay, client)
             self.strangers(tree, master, relay, client)
+            self.direct_calls(tree, master, relay, client)
+            self.chains(relay)
             self.new_key(master, relay, client)
             self.impostor(tree, relay, client)
             self.renewal(tree, relay)
+            self.wrong_clock(tree, master, relay)
             again = self.replacement(tree, master, relay, client)
-            self.revocation(master, again, client, {relay.guid, client.guid})
+            self.revocation(tree, master, again, client, {relay.guid, client.guid})
             self.end(tree)
 
     def members(self, master, relay, client):
@@ -152,6 +158,35 @@ class KeysTest(SystemTest):
             plain.sendall(b"GET / HTTP/1.1\r\nHost: x\r\n\r\n")
             self.assertNotIn(b"HTTP", plain.recv(1000))
 
+    def direct_calls(self, tree, master, relay, client):
+        """`kel --url https://` is to another agent what the device is whose keys it has."""
+        place = f"https://{client.address}:{client.port}"
+        change = ("settings", "set", "QueueGap=28")
+        for root, url, command, code, text in (
+                (master.root, place, ("status",), 0, client.guid), (relay.root, f"{place}/{client.guid}", ("status",), 0, client.guid),
+                (master.root, f"{place}/{relay.guid}", ("status",), 3, f"not {relay.guid}"), (master.root, place, change, 1, "operator"),
+                (tree.folder / "other", place, ("status",), 3, "this tree's authority"),
+                (tree.folder, place, ("status",), 1, "Agent.ini"), (master.root, place, ("doctor",), 2, "on the device itself")):
+            self.called_with_keys(tree, root, url, command, code, text)
+        path = tree.folder / "password"
+        path.write_text("of a plain tree\n")
+        path.chmod(0o600)
+        run = subprocess.run([tree.kel, "--url", place.replace("https", "http"), "--user", "agent", "--password-file", path, "status"],
+                             text=True, capture_output=True)
+        self.assertEqual((run.returncode, "call it with https://" in run.stderr), (3, True), run.stderr)
+
+    def called_with_keys(self, tree, root, url, command, code, text):
+        run = subprocess.run([tree.kel, "--root", root, "--url", url, "--json", *command], text=True, capture_output=True)
+        self.assertEqual(run.returncode, code, (url, command, run.stderr))
+        self.assertIn(text, run.stdout + run.stderr)
+
+    def chains(self, agent):
+        """Only a client that does not name the authority, as one about to join, gets its certificate."""
+        for known, count in (([], 2), (["-requestCAfile", agent.data / "Keys" / "authority.pem"], 1)):
+            run = subprocess.run(["openssl", "s_client", "-connect", f"{agent.address}:{agent.port}", "-showcerts", *known],
+                                 stdin=subprocess.DEVNULL, text=True, capture_output=True)
+            self.assertEqual(run.stdout.count("BEGIN CERTIFICATE"), count, run.stderr)
+
     def new_key(self, master, relay, client):
         """A relay replaces its key while it runs; the client, which knew it by the former one, follows."""
         former = relay.call("KeysGetValues")["Values"]["Fingerprint"]
@@ -187,6 +222,20 @@ class KeysTest(SystemTest):
             tree.run(relay)
             wait_until(tree.clients[0].in_sync, 30, "the client is in sync with the renewed relay")
 
+    def wrong_clock(self, tree, master, relay):
+        """A certificate that the master has made with a clock that was ahead is of no use when the clock is right."""
+        if not CAN_FAKE_TIME:
+            return
+        self.assertEqual(master.stop(), 0)
+        tree.clock = LaterClock(400)
+        tree.run(master)
+        tree.clock = None
+        wait_until(lambda: "certificate is valid from" in relay.call("RelayGetValues")["Values"]["ParentProblem"], 30,
+                   "the relay says what is wrong with the master's certificate")
+        self.assertEqual(master.stop(), 0)
+        tree.run(master)
+        wait_until(relay.in_sync, 30, "the relay is in sync with the master, whose clock is right")
+
     def replacement(self, tree, master, relay, client):
         """A relay that is set up again, with another key, in the place of one that was revoked."""
         self.assertEqual(relay.stop(), 0)
@@ -200,10 +249,11 @@ class KeysTest(SystemTest):
                    "the client follows the new relay")
         return again
 
-    def revocation(self, master, relay, client, revoked):
+    def revocation(self, tree, master, relay, client, revoked):
         master.kel("devices", "remove", client.name)
         wait_until(lambda: self.ask(relay, client.data / "Keys") == "401", 30, "the relay refuses the client")
         self.assertEqual(self.ask(master, client.data / "Keys"), "401")
+        self.called_with_keys(tree, client.root, f"https://{master.address}:{master.port}", ("status",), 1, "was revoked")
         wait_until(lambda: not client.in_sync(), 30, "the client is out of sync")
         self.assertIn("certificate", client.call("RelayGetValues")["Values"]["ParentProblem"])
         self.assertEqual({item["guid"] for item in master.kel("keys", "list") if item["revoked"]}, revoked)

@@ -249,6 +249,7 @@ TEST(OptionsTest, UnusableArgumentsEndWithUsage) {
     testing::internal::CaptureStderr();
     std::istringstream lines(
         "|status|--root r unknown|--root r --url http://h:1 status|--url http://h:1 status"
+        "|--url https://h:1 --user u --password-file f status|--root r --url https://h:1/x status"
         "|--url http://h:1 --user u status|--url ftp://h:1 --user u --password-file f status"
         "|--url http://h:99999 --user u --password-file f status|--url h:1 --user u --password-file f status"
         "|--root r publish --type t --label l --to all|--root r publish /no/such/file --type t --label l "
@@ -492,19 +493,24 @@ TEST(DoctorTest, AParentMustAnswerFromTheAddressOfItsNameWithTheSameClock) {
 TEST(DoctorTest, CertificatesThatEndAreReportedInTime) {
     constexpr std::int64_t kNow = 1'800'000'000;
     constexpr std::int64_t kDay = 86400;
-    for (const auto& [authority, own, troubles] :
-         std::initializer_list<std::tuple<int, int, const char*>>{{366, 61, ""},
-                                                                  {364, 61, "keys warning; "},
-                                                                  {0, 61, "keys problem; "},
-                                                                  {366, 59, "keys warning; "},
-                                                                  {366, 0, "keys problem; "}}) {
+    for (const auto& [authority, begin, own, troubles] :
+         std::initializer_list<std::tuple<int, int, int, const char*>>{{366, 0, 61, ""},
+                                                                       {366, 1, 61, "keys problem; "},
+                                                                       {364, 0, 61, "keys warning; "},
+                                                                       {0, 0, 61, "keys problem; "},
+                                                                       {366, 0, 59, "keys warning; "},
+                                                                       {366, 0, 0, "keys problem; "}}) {
         KelContainer keys;
         keys.SetBool("IsEnrolled", true);
         keys.SetInt64("AuthorityNotAfter", kNow + authority * kDay);
+        keys.SetInt64("NotBefore", kNow + begin * kDay);
         keys.SetInt64("NotAfter", kNow + own * kDay);
         EXPECT_EQ(Troubles(ExamineKeys(keys, kNow)), troubles) << authority << " " << own;
     }
     EXPECT_TRUE(ExamineKeys({}, kNow).empty()) << "a plain tree";
+    KelContainer joining;
+    joining.SetString("JoinProblem", "p");
+    EXPECT_EQ(Troubles(ExamineKeys(joining, kNow)), "keys problem; ");
 }
 
 TEST(DoctorTest, VersionsOfParentAndChildrenMustBeTheInstalledOne) {

@@ -65,7 +65,7 @@ class KeyedServerTest : public HttpServerFixture {
         client.EnableKeys(keys);
         if (prepare) prepare(client);
         const unsigned int code = ActionDbCallThrough(client, {}, action, action, container);
-        error_ = client.GetErrorText();
+        error_ = client.GetErrorText() + client.GetRefusal();
         peer_ = client.GetPeer();
         return code;
     }
@@ -114,8 +114,11 @@ TEST_F(KeyedServerTest, CallersAreWhoTheirCertificatesSayUntilTheseAreRevoked) {
     ASSERT_TRUE(authority_.Revoke(kClient.guid, now_));
     AgentSecuritySetKeys(Member(authority_, relayKey_, kRelay, *authority_.Revoked()));
     EXPECT_EQ(Caller(client_), std::to_string(kKelErrorCredentials)) << "on the connection that it had";
+    EXPECT_THAT(error_, testing::HasSubstr("certificate of " + kClient.guid + " was revoked"));
     HttpClientCloseIdleConnections();
+    error_.clear();
     EXPECT_EQ(Caller(client_), std::to_string(kKelErrorCredentials)) << "and on another one";
+    EXPECT_THAT(error_, testing::HasSubstr("certificate of " + kClient.guid + " was revoked"));
     EXPECT_EQ(calls_, 4);
 }
 

@@ -57,6 +57,7 @@ class KeysTest : public testing::Test {
 TEST_F(KeysTest, APeerIsTrustedOnlyWithAValidCertificateOfTheAuthorityAndAsTheExpectedDevice) {
     const auto ring = RingOf(PartsOf(relayKey_, kRelay));
     const KelCertificate good = Made(authority_.Issue(clientKey_.Get(), kClient, kNow));
+    const KelCertificate old = Made(authority_.Issue(clientKey_.Get(), kClient, kNow - 100 * kDay));
     const KelCertificate foreign = Made(Made(KelIssuer::Make(kNow)).Issue(clientKey_.Get(), kClient, kNow));
     const KelCertificate own = Made(MakePlaceholder(relayKey_, "anything"));
     const KelCertificate self = Made(MakePlaceholder(clientKey_, kClient.guid));
@@ -70,7 +71,10 @@ TEST_F(KeysTest, APeerIsTrustedOnlyWithAValidCertificateOfTheAuthorityAndAsTheEx
         {"good", good, {}, kNow, ""},
         {"a clock that is late by hours", good, {}, kNow - kDay / 2, ""},
         {"a clock without a date", good, {}, 86400, "1970-01-02"},
+        {"the own clock is late", good, {}, kNow - 31 * kDay, "at least 30 days behind"},
         {"over", good, {}, kNow + 366 * kDay, "kel keys join"},
+        {"the own certificate is over, too", good, {}, kNow + 366 * kDay, "probably ahead"},
+        {"over before the own one", old, {}, kNow + 300 * kDay, "on which it is wrong"},
         {"of another authority", foreign, {}, kNow, "this tree's authority"},
         {"signed by itself", self, {}, kNow, "this tree's authority"},
         {"the own key", own, {}, kNow, ""},
@@ -174,6 +178,10 @@ TEST_F(KeysTest, AnInvitationEnrolsAsManyDevicesAsItSaysAndNoneWithoutItsSecret)
     const KelInvitation read = Made(KelInvitation::FromToken(made.ToToken()));
     EXPECT_EQ(read.scheme, "ABCD");
     EXPECT_EQ(read.expires, kNow + kDay);
+    EXPECT_EQ(read.ClockProblem(kNow), "");
+    EXPECT_EQ(read.ClockProblem(kNow - 365 * kDay), "");
+    EXPECT_THAT(read.ClockProblem(kNow - 367 * kDay), HasSubstr("too far ahead"));
+    EXPECT_THAT(read.ClockProblem(kNow + kDay), HasSubstr("has ended"));
     EXPECT_EQ(read.authority, authority_.Certificate().Fingerprint());
     const auto request = Made(KelCertificateRequest::Make(clientKey_, kClient));
     const auto other = Made(KelCertificateRequest::Make(relayKey_, kRelay));
