@@ -130,7 +130,7 @@ KelResult<KelString> PasswordFor(const InitOptions& options) {
 
 void PrintCreated(const InitOptions& options) {
     const char* dir = options.dir.c_str();
-    std::printf("Created %s. Start the agent with: kelagent --root %s\n", dir, dir);
+    std::printf("Created %s. Start the agent with: %s\n", dir, StartCommand(options.dir).c_str());
     if (!options.isPlain && options.role == "master")
         std::printf("Then invite other devices with: kel --root %s invite\n", dir);
 }
