@@ -122,8 +122,8 @@ KelVector<Finding> ExamineAgent(const CommonOptions& common, const KelString& ro
     if (!lock)
         return {{"agent", State::Problem, lock.Error().message, "run this as root or as the agent's user"}};
     if (*lock) {
-        KelVector<Finding> findings = {{"agent", State::Problem, "it does not run",
-                                        "systemctl start kelagent, or kelagent --root " + root}};
+        KelVector<Finding> findings = {
+            {"agent", State::Problem, "it does not run", "start it: " + StartCommand(root)}};
         Append(findings, ExamineStoppedAgent(root));
         return findings;
     }

@@ -131,7 +131,7 @@ KelResult<KelString> PasswordFor(const InitOptions& options) {
 
 void PrintCreated(const InitOptions& options) {
     const char* dir = options.dir.c_str();
-    std::printf("Created %s. Start the agent with: kelagent --root %s\n", dir, dir);
+    std::printf("Created %s. Start the agent with: %s\n", dir, StartCommand(options.dir).c_str());
     if (const auto invitation = KelInvitation::FromToken(options.token)) {
         const KelString problem = invitation->ClockProblem(std::time(nullptr));
         if (!problem.empty()) Complain("it cannot join the tree as things are: " + problem);

@@ -21,11 +21,34 @@ namespace {
 constexpr const char* kInstalledRoot = "/var/lib/kel";
 constexpr std::size_t kMostAtOnce = std::size_t{64} << 20;
 
+/// The name with which the unit of an agent is enabled; empty when there is none for its root folder.
+KelString InstanceOf(const KelString& root) {
+    const KelString prefix = KelString(kInstalledRoot) + "-";
+    const KelString name = root.starts_with(prefix) ? root.substr(prefix.size()) : "";
+    // Other characters have to be escaped in the name of a unit, and then are others in the path that it
+    // takes.
+    constexpr const char* kPlain = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789:_.-";
+    return name.find_first_not_of(kPlain) == KelString::npos ? name : "";
+}
+
 }  // namespace
 
 KelString DefaultRoot() {
     if (const char* named = std::getenv("KEL_ROOT"); named != nullptr && *named != 0) return named;
     return DirExists(kInstalledRoot) ? kInstalledRoot : "";
+}
+
+KelString StartCommand(const KelString& root, const KelString& system) {
+    const KelString folder = CompletePath(root + "/.");
+    const bool isRun = DirExists(system + "/run/systemd/system");
+    const auto hasUnit = [&](const char* unit) {
+        return isRun && FileExists(system + "/usr/lib/systemd/system/" + unit);
+    };
+    if (folder == kInstalledRoot && hasUnit("kelagent.service")) return "systemctl start kelagent";
+    const KelString instance = InstanceOf(folder);
+    if (!instance.empty() && hasUnit("kelagent@.service"))
+        return "systemctl enable --now kelagent@" + instance;
+    return "kelagent --root " + root;
 }
 
 AsOwner::AsOwner(const KelString& root) {

@@ -8,6 +8,11 @@
 /// package, when there is an agent in it; otherwise empty. The variable KEL_ROOT names another one.
 KelString DefaultRoot();
 
+/// The command that starts the agent of a root folder: with the unit of systemd that the package has
+/// installed for the folder, or without one. The paths of the system are below `system`, which is "" outside
+/// tests.
+KelString StartCommand(const KelString& root, const KelString& system = "");
+
 /// For a scope, root works as the user that a root folder belongs to: what is made there is the agent's, and
 /// whoever has taken over the agent cannot have root follow links that lead out of the folder. Without effect
 /// for others than root, and while the folder does not exist or is root's own.

@@ -70,6 +70,7 @@ struct FileStoreHandleThread::Answers {
     KelVector<std::uint64_t> putOff;   ///< the same
     KelVector<std::uint64_t> taken;    ///< those of `available` and `upload`
     KelVector<KelString> typesToSend;  ///< of `upload`
+    std::uint64_t bytesKept = 0;       ///< the content of `available`
 };
 
 FileStoreHandleThread::FileStoreHandleThread() : FileThreadBase("FileStore", "QueueGap", 30) {}
@@ -180,9 +181,7 @@ void FileStoreHandleThread::HandOver(const FileStoreEntry& entry, bool isLocal, 
     Reasons().MovedOn(side, entry.FileId);
     answers.taken.push_back(entry.FileId);
     if (FileStore::CheckHandlerResult(results, kKelAnswerStaysHere) || side == Side::Downstream) {
-        const auto direction = side == Side::Upstream ? KelDirection::Up : KelDirection::Down;
-        KelTransfers(direction, KelFlow::Out, KelTransport::Local)
-            .AddFile(static_cast<std::uint64_t>(entry.FileSize));
+        answers.bytesKept += static_cast<std::uint64_t>(entry.FileSize);
         answers.available.Add(entry.FileId);
     } else {
         answers.upload.Add(entry.FileId);
@@ -206,13 +205,21 @@ bool FileStoreHandleThread::SyncConsumers(Answers& answers) {
     }
     answers.available = answers.upload = IdList();
     answers.typesToSend.clear();
+    answers.bytesKept = 0;
     return false;
 }
 
 void FileStoreHandleThread::ApplyAnswers(const Answers& answers, Side side) {
-    for (const auto& [ids, status] :
-         {std::pair(&answers.available, kStatusAvailable), std::pair(&answers.upload, kStatusToBeUploaded)})
-        if (UpdateFileStatus(side, *ids, status, NextTry::AtOnce)) rowsMovedOn_ += ids->Count();
+    if (UpdateFileStatus(side, answers.available, kStatusAvailable, NextTry::AtOnce)) {
+        rowsMovedOn_ += answers.available.Count();
+        // Files whose rows have not changed are handed over again, and counted then.
+        const auto direction = side == Side::Upstream ? KelDirection::Up : KelDirection::Down;
+        KelTransferCounters& kept = KelTransfers(direction, KelFlow::Out, KelTransport::Local);
+        kept.files.Add(answers.available.Count());
+        kept.bytes.Add(answers.bytesKept);
+    }
+    if (UpdateFileStatus(side, answers.upload, kStatusToBeUploaded, NextTry::AtOnce))
+        rowsMovedOn_ += answers.upload.Count();
     if (!UpdateFileStatus(side, answers.retry, kStatusToBeHandled, NextTry::AfterTimeout)) return;
     rowsMovedOn_ += answers.retry.Count();
     for (const std::uint64_t fileId : answers.putOff)

@@ -11,6 +11,7 @@
 #include "cli/hand_over.h"
 #include "cli/init_command.h"
 #include "cli/json_names.h"
+#include "cli/local_root.h"
 #include "cli/manual.h"
 #include "cli/options.h"
 #include "cli/output.h"
@@ -226,6 +227,28 @@ TEST(InitTest, OnlyTheMasterRunsTheConsoleAndArchivesCanBeUnpackedBeforeTheFileS
         EXPECT_EQ(modules.find("=Console\n") != KelString::npos, role == "master") << role;
         ASSERT_NE(modules.find("=CoreUtils\n"), KelString::npos) << role;
         EXPECT_LT(modules.find("=CoreUtils\n"), modules.find("=FileStore")) << role;
+    }
+}
+
+TEST(InitTest, AgentIsStartedByTheUnitThatIsInstalledForItsFolder) {
+    const TempFolder bare, installed;
+    for (const char* unit : {"kelagent", "kelagent@"})
+        TempFolder::Write(installed / "usr/lib/systemd/system/" + unit + ".service", "");
+    for (const char* root : {"/var/lib/kel", "/var/lib/kel-a"})
+        EXPECT_EQ(StartCommand(root, installed.Path()), KelString("kelagent --root ") + root) << "no systemd";
+    for (const TempFolder* system : {&bare, &installed})
+        std::filesystem::create_directories(*system / "run/systemd/system");
+    for (const auto& [root, command] :
+         std::map<KelString, KelString>{{"/var/lib/kel", "systemctl start kelagent"},
+                                        {"/var//lib/./kel/", "systemctl start kelagent"},
+                                        {"/var/lib/kel-a-1", "systemctl enable --now kelagent@a-1"},
+                                        {"/var/lib/kel-a b", ""},
+                                        {"/var/lib/kel-a/b", ""},
+                                        {"/var/lib/kel-", ""},
+                                        {"/srv/kel", ""}}) {
+        const KelString without = "kelagent --root " + root;
+        EXPECT_EQ(StartCommand(root, installed.Path()), command.empty() ? without : command);
+        EXPECT_EQ(StartCommand(root, bare.Path()), without);
     }
 }
 

@@ -3,6 +3,7 @@
 #include <filesystem>
 
 #include "filestore/file_store_fixture.h"
+#include "kelcore/metrics/transfer_counters.h"
 
 namespace {
 
@@ -50,17 +51,22 @@ TEST_F(HandleThreadTest, AnswerDecidesWhereAFileGoes) {
     }
 }
 
-/// Answers of consumers count only when what they have taken is on the disk.
+/// Answers of consumers count only when what they have taken is on the disk, and so do the files in the
+/// metrics.
 TEST_F(HandleThreadTest, BatchWaitsWhenAConsumerCannotSyncIt) {
     const auto sync = Consume("FileStoreCallbackSyncUpstream", "TestSync ()");
+    const auto& counters = KelTransfers(KelDirection::Up, KelFlow::Out, KelTransport::Local);
     for (const auto& [result, kept, passedOn] : Table<unsigned int, const char*, const char*>{
              {0, "AVAILABLE|0", "TOBEUPLOADED|0"}, {44001, "TOBEHANDLED|now", "TOBEHANDLED|now"}}) {
         const auto trace = Begin(kept);
         FakeResult("TestSync ()", result);
         for (const char* name : {"44003", "0"})
-            Arrived(kUp, name);
+            Arrived(kUp, name, "FileSize = 7");
+        const std::uint64_t files = counters.files.Value(), bytes = counters.bytes.Value();
         EXPECT_TRUE(handler_.HandleFile(kUp));
         EXPECT_EQ(Files(kUp, kState), (Texts{kept, passedOn}));
+        EXPECT_EQ(counters.files.Value() - files, result == 0 ? 1U : 0U);
+        EXPECT_EQ(counters.bytes.Value() - bytes, result == 0 ? 7U : 0U);
     }
 }
 

@@ -9,6 +9,7 @@
 #include "filestore/down/notify_thread.h"
 #include "filestore/file_store_fixture.h"
 #include "filestore/state/waiting_reasons.h"
+#include "kelcore/metrics/transfer_counters.h"
 
 namespace {
 
@@ -234,6 +235,8 @@ TEST_F(MulticastTest, TransferIsRepeatedForWhatIsMissingAndEndsForEveryDevice) {
     const KelContainer gaps = Report({}, {"3-5", "9"}), gap = Report({}, {"7"}),
                        spoilt = Report({{"RestartNeeded", true}}), verifying = Report({}),
                        nonsense = Report({}, {"19-20"});
+    const auto& counters = KelTransfers(KelDirection::Down, KelFlow::Out, KelTransport::Multicast);
+    std::uint64_t filesSent = counters.files.Value();
     struct Case {
         const char* name;
         bool differential;
@@ -270,6 +273,7 @@ TEST_F(MulticastTest, TransferIsRepeatedForWhatIsMissingAndEndsForEveryDevice) {
         sender_.sent.clear();
         EXPECT_TRUE(sender_.SendMulticastData());
         EXPECT_EQ(sender_.sent, test.sent);
+        EXPECT_EQ(counters.files.Value(), ++filesSent);
         Texts ends;
         for (const Device& device : devices) {
             const bool isRecovered = device.Calls("ReceiveFile") == 2;

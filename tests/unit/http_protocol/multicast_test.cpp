@@ -1,3 +1,4 @@
+#include "kelcore/metrics/transfer_counters.h"
 #include "kelcore/tree_passwords.h"
 #include "modules/http_protocol/block_map.h"
 #include "modules/http_protocol/multicast_receiver.h"
@@ -11,6 +12,9 @@ class MulticastTest : public MulticastFixture {};
 
 TEST_F(MulticastTest, NamesWhatIsMissingThenPutsTheFileInPlace) {
     const std::string content = PatternBytes(20 * kBlock + 1);
+    const auto& received = KelTransfers(KelDirection::Down, KelFlow::In, KelTransport::Multicast);
+    const auto& sent = KelTransfers(KelDirection::Down, KelFlow::Out, KelTransport::Multicast);
+    const std::uint64_t before[] = {received.files.Value(), received.bytes.Value(), sent.bytes.Value()};
     EXPECT_EQ(State(), "failed");
     ASSERT_EQ(Listen(Order(content)), 0U);
     EXPECT_EQ(State(), "failed 0-20");
@@ -22,6 +26,9 @@ TEST_F(MulticastTest, NamesWhatIsMissingThenPutsTheFileInPlace) {
     WriteFile("in/file", "old");
     SendFile(content, {3, 4, 5, 9, 19, 20});
     EXPECT_TRUE(Reaches("completed"));
+    EXPECT_EQ(received.files.Value() - before[0], 1U);
+    EXPECT_EQ(received.bytes.Value() - before[1], content.size());
+    EXPECT_EQ(sent.bytes.Value() - before[2], content.size() + kBlock) << "a block twice";
     EXPECT_TRUE(ReadFile("in/file") == content);
     EXPECT_EQ(CountFilesIn("in"), 1);
     ASSERT_EQ(Events().size(), 1U);
