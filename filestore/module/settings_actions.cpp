@@ -1,3 +1,5 @@
+#include <algorithm>
+
 #include "filestore/module/http_aliases.h"
 #include "filestore/state/file_store.h"
 #include "filestore/state/setting_table.h"
@@ -35,7 +37,9 @@ KelString UnknownSetting(const KelString& name) {
 IniValue Judge(const FileStoreSetting& setting, const KelContainer& values) {
     if (values.IsContainer(setting.name))
         return {{}, KelFormat("%s cannot be a container", setting.name), false};
-    return JudgeIniValue(setting.entry, values.GetString(setting.name));
+    IniSetting entry = setting.entry;
+    entry.lowest = std::max(entry.lowest, setting.leastToSet);
+    return JudgeIniValue(entry, values.GetString(setting.name));
 }
 
 /// What a caller may want to know of changes that were made.

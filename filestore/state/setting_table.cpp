@@ -61,6 +61,10 @@ struct Row : FileStoreSetting {
         entry = entry.Between(least, most);
         return *this;
     }
+    Row& SetAtLeast(std::int64_t least) {
+        leastToSet = least;
+        return *this;
+    }
     Row& Addresses() {
         entry = entry.Checked(IsRange, "IPv4 addresses, ranges and networks separated by commas");
         return *this;
@@ -98,7 +102,8 @@ std::span<const FileStoreSetting> Table() {
         Row("FileStore", "PushTimeout", 300, &F::ulPushTimeout).Between(300, kMost).Then(Effect::TimeToLive),
         Row("FileStore", "PullTimeout", 300, &F::ulPullTimeout).Between(300, kMost).Then(Effect::TimeToLive),
         Row("FileStore", "TimeToLive", 86400, &F::ulTimeToLive).Then(Effect::TimeToLive),
-        Row("FileStore", "QueueGap", 30, {}).Between(1, kMost).ReadAt(Read::WhenUsed),
+        // 0 stops the workers until the next start: whoever does that has to be on the device itself.
+        Row("FileStore", "QueueGap", 30, {}).SetAtLeast(1).ReadAt(Read::WhenUsed),
         Row("FileStore", "CheckAvailableFreeSpaceBeforeDownloading", false,
             &F::fCheckAvailableFreeSpaceBeforeDownloading),
         Row("FileStore", "FreeSpaceReserve", 64, &F::ulFreeSpaceReserve),

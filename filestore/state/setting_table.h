@@ -31,7 +31,8 @@ struct FileStoreSetting {
     KelString (*current)() = nullptr;           ///< texts without a member: the value in force
     FileStoreSettingEffect effect = FileStoreSettingEffect::None;
     FileStoreSettingRead read = FileStoreSettingRead::AtInitialisation;
-    bool isLocal = false;  ///< names a folder, which only the device's own operator may do
+    bool isLocal = false;         ///< names a folder, which only the device's own operator may do
+    std::int64_t leastToSet = 0;  ///< numbers only: a change at run time goes no lower, the ini file may
 
     /// The value that a text which JudgeIniValue has given stands for.
     Value FromText(const KelString& text) const;

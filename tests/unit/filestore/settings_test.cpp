@@ -115,6 +115,10 @@ TEST_F(Settings, ChangesAreClampedWrittenAndInForceAtOnce) {
     EXPECT_TRUE(IsTrusted("10.200.0.1"));
     EXPECT_EQ(Read(OnlyCallOf("HttpProtocolAddAlias"), "AliasName AliasPath"),
               "AlternativePackagesRepositoryPath|/srv/p");
+    ChangeSettings(Make({{"QueueGap", 0}}));
+    EXPECT_EQ(GetIni("FileStore", "QueueGap"), "1");
+    SetIni("FileStore", "QueueGap", "0");
+    EXPECT_EQ(Get().GetString("QueueGap"), "0") << "workers stop";
     for (const KelString mode : {"auto", "manual", "none"}) {
         ChangeSettings(Make({{"ConcatFiles", mode}}));
         EXPECT_EQ(Get().GetString("ConcatFiles") + GetIni("UploadPolicy", "ConcatFiles"), mode + mode);
