@@ -294,8 +294,7 @@ KelVector<Finding> ExamineKeys(const KelContainer& keys, std::int64_t now) {
     if (const KelString problem = keys.GetString("JoinProblem"); !problem.empty())
         return {{"keys", State::Problem, "this device cannot join the tree: " + problem,
                  "the agent goes on trying, and needs no restart; when the invitation has ended: kel invite "
-                 "on the "
-                 "master, and kel keys join TOKEN here"}};
+                 "on the master, and kel keys join TOKEN here"}};
     if (!keys.GetBool("IsEnrolled")) return {};
     const std::int64_t authority = keys.GetInt64("AuthorityNotAfter");
     const std::int64_t own = keys.GetInt64("NotAfter");

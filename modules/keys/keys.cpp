@@ -137,8 +137,7 @@ void Keys::Register(const char* handle) {
            .outputs =
                "container Values {bool IsEnrolled, string GUID, string Role, string Fingerprint (of its "
                "key), int64 NotBefore?, int64 NotAfter? (of its certificate, seconds since the epoch), "
-               "string "
-               "Serial?, "
+               "string Serial?, "
                "string Authority? (fingerprint), int64 AuthorityNotAfter?, string ParentGuid, string "
                "ParentFingerprint (empty: "
                "not known yet), int64 RevokedNumber, int32 RevokedCount, bool IsInvited, string "
