@@ -23,8 +23,8 @@
 #include "kel/ip_address.h"
 #include "kel/text.h"
 #include "kel/unique_fd.h"
+#include "kelcore/clock_difference.h"
 #include "kelcore/http/client.h"
-#include "kelcore/keys/distrust.h"
 #include "kelcore/keys/key_folder.h"
 #include "kelcore/security.h"
 #include "kelcore/tree_passwords.h"
@@ -36,7 +36,6 @@ using State = Finding::State;
 
 constexpr std::uint64_t kLeastFree = std::uint64_t{64} << 20;  // what the file store keeps free by default
 constexpr std::uint64_t kLittleFree = std::uint64_t{1} << 30;
-constexpr std::int64_t kClocksDiffer = 60;  // seconds
 constexpr int kConnectSeconds = 5;
 constexpr std::size_t kMostNamed = 3;
 constexpr const char* kSetClock =
@@ -294,8 +293,7 @@ KelVector<Finding> ExamineKeys(const KelContainer& keys, std::int64_t now) {
     if (const KelString problem = keys.GetString("JoinProblem"); !problem.empty())
         return {{"keys", State::Problem, "this device cannot join the tree: " + problem,
                  "the agent goes on trying, and needs no restart; when the invitation has ended: kel invite "
-                 "on the "
-                 "master, and kel keys join TOKEN here"}};
+                 "on the master, and kel keys join TOKEN here"}};
     if (!keys.GetBool("IsEnrolled")) return {};
     const std::int64_t authority = keys.GetInt64("AuthorityNotAfter");
     const std::int64_t own = keys.GetInt64("NotAfter");

@@ -162,6 +162,15 @@ std::uint64_t FindFileInDatabase(Side side, const FileKey& key) {
     return LookUpFile(side, key).value_or(0);
 }
 
+KelVector<std::uint64_t> FindFilesByName(Side side, const FileKey& key) {
+    KelVector<std::uint64_t> fileIds;
+    const auto result =
+        FileStoreGetDatabase(side).connection.Query(KelFormat(kFindByName, key.type, key.label, key.name));
+    for (std::size_t row = 0; result && row < result->GetRowCount(); ++row)
+        fileIds.push_back(static_cast<std::uint64_t>(result->GetInt64(row, std::size_t{0})));
+    return fileIds;
+}
+
 std::optional<std::uint64_t> FindExactFile(Side side, const FileKey& key) {
     return FirstFileId(side, KelFormat(kFindExact, key.type, key.label, key.name, key.checksum));
 }

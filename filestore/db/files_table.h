@@ -33,7 +33,10 @@ std::uint64_t FindFileInDatabase(Side side, const FileKey& key);
 /// The same, with nothing when the statement failed.
 std::optional<std::uint64_t> LookUpFile(Side side, const FileKey& key);
 
-/// The same for exactly this checksum. Nothing when the statement failed.
+/// All files of the key's type, label and name, whatever their checksums; none when the statement failed.
+KelVector<std::uint64_t> FindFilesByName(Side side, const FileKey& key);
+
+/// The file with exactly this checksum; 0 when it is unknown. Nothing when the statement failed.
 std::optional<std::uint64_t> FindExactFile(Side side, const FileKey& key);
 
 /// The FileId of the upstream file with this FileURL; 0 when there is none.

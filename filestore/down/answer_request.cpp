@@ -171,6 +171,20 @@ bool MayHave(const Request& request, const FileStoreEntry& entry) KEL_REQUIRES(F
                       : IsPublishedFor(info, request.openFor);
 }
 
+/// Files of one name may have been published for different devices. Loads one that the requester may have;
+/// without one, `entry` stays as it is.
+bool LoadOther(const Request& request, FileStoreEntry& entry) KEL_REQUIRES(FileStore::mutexDownstream) {
+    for (const std::uint64_t fileId : FindFilesByName(Side::Downstream, request.file.Key())) {
+        FileStoreEntry other;
+        if (fileId == entry.FileId || !other.LoadFromDatabase(fileId, Side::Downstream) ||
+            !MayHave(request, other))
+            continue;
+        entry = other;
+        return true;
+    }
+    return false;
+}
+
 enum class InStore : unsigned char {
     Unknown,   ///< no row
     NotHere,   ///< a row, but no content: the package repository may have it
@@ -184,13 +198,14 @@ InStore AnswerFromStore(const Request& request, std::uint64_t& fileId, Answer& a
     if (fileId == 0) return InStore::Unknown;
     FileStoreEntry entry;
     if (!entry.LoadFromDatabase(fileId, Side::Downstream)) return InStore::Answered;
-    if (!MayHave(request, entry)) {
+    if (!MayHave(request, entry) && !LoadOther(request, entry)) {
         FileStore::failures.Failed(KelDebugLevel::Warning, "open request " + request.openFor,
-                                   KelFormat("Refusing a request of %S for %S, which was published for other "
-                                             "devices; with the checksum it would get it",
+                                   KelFormat("Refusing a request of %S for %S, which was published for, or "
+                                             "requested by, other devices; with the checksum it would get it",
                                              request.openFor, entry.Key().Text()));
         return InStore::Answered;
     }
+    fileId = entry.FileId;
     if (entry.FileStatus == kStatusObsolete) {
         FileStore::debugFileStore.Print("Requested file %S is obsolete.\n", entry.FileName);
         answer.obsolete = true;

@@ -48,13 +48,13 @@ UnpackedArchive::~UnpackedArchive() {
 
 Intake UnpackedArchive::Open(KelThread& thread, KelContainer& index) {
     // An archive that cannot be listed is left to the extraction, which says why.
-    if (const auto names = ListArchiveEntries(path_)) {
-        if (!HoldsPackedFilesOnly(*names)) return Intake::Refused;
-        for (std::size_t number = 0; number < names->size(); ++number)
-            numbers_.emplace((*names)[number], number);
-    }
-    const Intake extracted = Extract(thread);
-    return extracted == Intake::Done ? ReadIndex(index) : extracted;
+    const auto names = ListArchiveEntries(path_);
+    if (names && !HoldsPackedFilesOnly(*names)) return Intake::Refused;
+    if (const Intake extracted = Extract(thread); extracted != Intake::Done) return extracted;
+    if (!names) return Intake::Failed;
+    for (std::size_t number = 0; number < names->size(); ++number)
+        numbers_.emplace((*names)[number], number);
+    return ReadIndex(index);
 }
 
 KelString UnpackedArchive::PathOf(const KelContainer& record) const {

@@ -12,6 +12,7 @@
 #include "kel/format.h"
 #include "kel/text.h"
 #include "kelcore/agent.h"
+#include "kelcore/clock_difference.h"
 #include "kelcore/device_name.h"
 #include "kelcore/http/exchange.h"
 #include "kelcore/http/handle_pool.h"
@@ -39,9 +40,6 @@ bool IsUsableHost(const KelString& host, std::uint16_t port) {
     UrlInet parsed;
     return port != 0 && UrlParseInet("http://" + host, parsed) && parsed.host == host;
 }
-
-/// A difference between two clocks that explains why a certificate is not accepted, in seconds.
-constexpr std::int64_t kClocksDiffer = 60;
 
 /// What a device says about the certificate that it has refused, with its clock where that is another one's.
 KelString RefusalText(const HttpMessage& answer) {

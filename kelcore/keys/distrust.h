@@ -1,7 +1,6 @@
 #pragma once
 
-#include <cstdint>
-#include <optional>
+#include <cstddef>
 
 #include "kel/debug.h"
 #include "kel/mutex.h"
@@ -43,10 +42,3 @@ class KelDistrust {
 
 /// That of the HTTP client.
 KelDistrust& Distrust();
-
-/// The time in the header Date of an answer (RFC 9110), in seconds since the epoch; nothing without one.
-std::optional<std::int64_t> TimeOfHttpDate(const KelString& date);
-
-/// How far a clock that is `ahead` seconds ahead of another one is off, as "364 days ahead of"; behind when
-/// negative.
-KelString ClockDifferenceText(std::int64_t ahead);

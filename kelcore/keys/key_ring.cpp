@@ -8,7 +8,7 @@
 
 #include "kel/format.h"
 #include "kel/text.h"
-#include "kelcore/keys/distrust.h"
+#include "kelcore/clock_difference.h"
 #include "kelcore/keys/issuer.h"
 #include "kelcore/keys/openssl_objects.h"
 
@@ -23,10 +23,11 @@ std::uint64_t NextId() {
 KelString ClockText(const KelCertificate* own, std::int64_t now) {
     if (own != nullptr && now < own->NotBefore())
         return KelFormat(
-            "set the clock of this device, which is at least %S the time when it got its own one",
+            "set the clock of this device, which is at least %S the start of its own certificate",
             ClockDifferenceText(now - own->NotBefore()));
     if (own != nullptr && now > own->NotAfter())
-        return "set the clock of this device, which is probably ahead, since its own one has ended, too";
+        return "set the clock of this device, which is probably ahead, since its own certificate has ended, "
+               "too";
     return "set the clock of the device on which it is wrong";
 }
 

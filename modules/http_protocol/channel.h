@@ -48,7 +48,7 @@ class Channel {
     virtual void ShutdownSend() = 0;
     virtual void Close() = 0;
 
-    /// Frees what is not needed while nothing comes or goes; it is there again with the next byte.
+    /// Frees memory that is not needed while nothing comes or goes; it is allocated again with the next byte.
     virtual void ReleaseBuffers() {}
 
     virtual bool IsEncrypted() const = 0;

@@ -172,6 +172,13 @@ bool TlsChannel::FillPiece() {
     return true;
 }
 
+/// Before 3.0.14, OpenSSL frees them even while it needs them: with content that has not been read yet, or
+/// between the head of a record and its body ("RB").
+void TlsChannel::ReleaseBuffers() {
+    const bool isBetweenRecords = std::string_view(SSL_rstate_string(connection_.get())) != "RB";
+    if (!mayHaveMore_ && isBetweenRecords) SSL_free_buffers(connection_.get());
+}
+
 std::uint64_t TlsChannel::BytesTaken() {
     return sent_ - UnacknowledgedBytes(socket_.native_handle());
 }

@@ -27,7 +27,7 @@ class TlsChannel final : public Channel {
     Outcome SendFile(int fd, std::uint64_t offset, std::uint64_t length, const User& user) override;
     void ShutdownSend() override;
     void Close() override;
-    void ReleaseBuffers() override { SSL_free_buffers(connection_.get()); }
+    void ReleaseBuffers() override;
     bool IsEncrypted() const override { return true; }
     KelPeer Peer() const override;
     const KelTlsPeer* TlsPeer() const override { return keys_ ? &peer_ : nullptr; }

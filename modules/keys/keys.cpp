@@ -3,8 +3,6 @@
 #include <array>
 #include <ctime>
 
-#include "kel/base64.h"
-#include "kel/format.h"
 #include "kelcore/action_db.h"
 #include "kelcore/agent.h"
 #include "kelcore/callback_db.h"
@@ -17,25 +15,11 @@ namespace {
 constexpr const char* kEvents[] = {"RelayCallbackParentInSync", "RelayCallbackParentChange"};
 constexpr const char* kEventSignature = "KeysParentInSync ()";
 constexpr std::uint64_t kMilliseconds = 1000;
-constexpr std::chrono::hours kRenewalPause{24};
 
 const IniSetting kCheckInterval = IniSetting::Number("Keys", "CheckInterval", 60).Between(1, 86400);
 const IniSetting kRetryInterval = IniSetting::Number("Keys", "RetryInterval", 5).Between(1, 86400);
 
-KelString DateOf(std::int64_t time) {
-    const std::time_t seconds = time;
-    std::tm parts{};
-    std::array<char, 32> text{};
-    gmtime_r(&seconds, &parts);
-    std::strftime(text.data(), text.size(), "%Y-%m-%d", &parts);
-    return text.data();
-}
-
 }  // namespace
-
-bool IsRenewalDue(const KelCertificate& certificate, std::int64_t now) {
-    return now >= certificate.NotBefore() + (certificate.NotAfter() - certificate.NotBefore()) / 3 * 2;
-}
 
 Keys::Keys()
     : KelModule("Keys", "Keys module"),
@@ -137,8 +121,7 @@ void Keys::Register(const char* handle) {
            .outputs =
                "container Values {bool IsEnrolled, string GUID, string Role, string Fingerprint (of its "
                "key), int64 NotBefore?, int64 NotAfter? (of its certificate, seconds since the epoch), "
-               "string "
-               "Serial?, "
+               "string Serial?, "
                "string Authority? (fingerprint), int64 AuthorityNotAfter?, string ParentGuid, string "
                "ParentFingerprint (empty: "
                "not known yet), int64 RevokedNumber, int32 RevokedCount, bool IsInvited, string "
@@ -200,223 +183,4 @@ bool Keys::Step() {
     isWorkLeft = !RenewWhenDue(*keeper_.Current(), parent, now) || isWorkLeft;
     if (parent.port != 0) isWorkLeft = !FetchRevoked(parent) || isWorkLeft;
     return isWorkLeft;
-}
-
-KelString Keys::JoinProblem() const {
-    const KelLock lock(mutex_);
-    return joinProblem_;
-}
-
-void Keys::NoteJoinProblem(const KelString& problem) {
-    const KelLock lock(mutex_);
-    joinProblem_ = problem;
-}
-
-bool Keys::JoinTree(const KelString& token) {
-    const auto fail = [this](const KelString& problem) {
-        NoteJoinProblem(problem);
-        failures_.Failed(KelDebugLevel::Warning, "join", "This device cannot join the tree now: " + problem);
-        return false;
-    };
-    const auto invitation = KelInvitation::FromToken(token);
-    if (!invitation) return fail(invitation.Error().message);
-    const AgentSecurityKeys keys = keeper_.Current();
-    const auto request = KelCertificateRequest::Make(keys->Get().key, keys->Get().device);
-    if (!request) return fail(request.Error().message);
-    const ParentPlaces parent = FindParent();
-    ParentCall call{keys, invitation->authority};
-    KelContainer container = KelEnrolRequest::Make(*invitation, *request).ToContainer();
-    if (CallParent(parent, "KeysEnrol", container, call) != kKelOk) return fail(call.problem);
-    if (const KelStatus taken = TakeAnswer(container, invitation->authority, parent, call.peer); !taken)
-        return fail(taken.Error().message);
-    failures_.Clear();
-    NoteJoinProblem({});
-    Log().Print("This device belongs to the tree now; its certificate is valid until %S\n",
-                DateOf(keeper_.Current()->Get().certificate->NotAfter()));
-    KelContainer none;
-    CallLocal("RelayCheckParent", none);
-    return true;
-}
-
-KelStatus Keys::TakeAnswer(const KelContainer& answer, const KelString& authorityFingerprint,
-                           const ParentPlaces& parent, const KelTlsPeer& peer) {
-    const auto authority = KelCertificate::FromPem(answer.GetString("Authority"));
-    if (!authority) return authority.Error();
-    if (authority->Fingerprint() != authorityFingerprint)
-        return KelError{kKelFailure, "the answer is from another tree than the invitation"};
-    const auto certificate = KelCertificate::FromPem(answer.GetString("Certificate"));
-    if (!certificate) return certificate.Error();
-    if (KelStatus taken = keeper_.TakeEnrolment(*certificate, *authority, answer.GetString("GroupKey"),
-                                                {parent.written, peer.guid, peer.fingerprint, peer.serial});
-        !taken)
-        return taken;
-    const KelString revoked = answer.GetString("Revoked");
-    return revoked.empty() ? KelStatus() : keeper_.TakeRevoked(revoked);
-}
-
-/// Another parent is learnt anew; one that has only another address by now stays known by its key.
-void Keys::FollowParent(const ParentPlaces& parent) {
-    if (parent.port == 0) return;
-    KelParentPin pin = keeper_.Current()->Get().parent;
-    if (pin.places.empty() || pin.places.front() != parent.written.front()) pin = {};
-    pin.places = parent.written;
-    if (const KelStatus taken = keeper_.TakeParent(pin); !taken)
-        failures_.Failed(KelDebugLevel::Error, "parent",
-                         "The parent cannot be noted: " + taken.Error().message);
-    else
-        failures_.Succeeded("parent", "The parent is noted again");
-}
-
-void Keys::ExamineOwnCertificate(const KelKeyRing& keys, std::int64_t now) {
-    const KelString problem = CertificateProblem(*keys.Get().certificate, *keys.Get().authority, keys, now);
-    if (problem.empty())
-        failures_.Succeeded("own", "The certificate of this device is valid again");
-    else
-        failures_.Failed(KelDebugLevel::Error, "own",
-                         "No other device trusts this one as things are: " + problem);
-}
-
-bool Keys::RenewWhenDue(const KelKeyRing& keys, const ParentPlaces& parent, std::int64_t now) {
-    // A master whose clock was ahead may have renewed its certificate then, which no device accepts for as
-    // long as the clock was ahead. It is issued anew, but keeps its end: if the clock is late instead, the
-    // devices go on accepting it.
-    const bool isTooNew = master_ && now < keys.Get().certificate->NotBefore();
-    if (!mustConfirm_ && !isTooNew && !IsRenewalDue(*keys.Get().certificate, now)) return true;
-    if (!mustConfirm_ && !isTooNew && renewed_ &&
-        std::chrono::steady_clock::now() - *renewed_ < kRenewalPause)
-        return true;
-    const auto fail = [&](const KelString& problem) {
-        failures_.Failed(
-            KelDebugLevel::Warning, "renewal",
-            KelFormat("The certificate of this device, valid until %S, cannot be renewed now: %S",
-                      DateOf(keys.Get().certificate->NotAfter()), problem));
-        return false;
-    };
-    KelString pem;
-    if (master_) {
-        const auto issued = master_->IssueOwn(keys.Get().key, keys.Get().device, now,
-                                              isTooNew ? keys.Get().certificate->NotAfter() : 0);
-        const auto text = issued ? issued->ToPem() : KelResult<KelString>(issued.Error());
-        if (!text) return fail(text.Error().message);
-        pem = *text;
-    } else {
-        const auto request = KelCertificateRequest::Make(keys.Get().key, keys.Get().device);
-        if (!request) return fail(request.Error().message);
-        KelContainer container = RequestContainer(*request);
-        ParentCall call{keeper_.Current(), {}};
-        if (CallParent(parent, "KeysRenew", container, call) != kKelOk) return fail(call.problem);
-        pem = container.GetString("Certificate");
-        TakeList(container.GetString("Revoked"));
-    }
-    const auto certificate = KelCertificate::FromPem(pem);
-    if (!certificate) return fail(certificate.Error().message);
-    if (const KelStatus taken = keeper_.TakeCertificate(*certificate); !taken)
-        return fail(taken.Error().message);
-    renewed_ = std::chrono::steady_clock::now();
-    mustConfirm_ = false;
-    TakeOwnList();
-    failures_.Succeeded("renewal", "The certificate of this device can be renewed again");
-    Log().Print("The certificate of this device was renewed; it is valid until %S\n",
-                DateOf(certificate->NotAfter()));
-    return true;
-}
-
-/// A list of revoked certificates, which may be empty.
-void Keys::TakeList(const KelString& pem) {
-    const KelStatus taken = pem.empty() ? KelStatus() : keeper_.TakeRevoked(pem);
-    if (taken)
-        failures_.Succeeded("revoked", "The list of revoked certificates is good again");
-    else
-        failures_.Failed(KelDebugLevel::Error, "revoked",
-                         "The list of revoked certificates is not used: " + taken.Error().message);
-}
-
-/// On the master, which has no parent to fetch it from.
-void Keys::TakeOwnList() {
-    const auto revoked = master_ ? master_->Revoked() : KelResult<KelRevocationList>(KelRevocationList());
-    if (revoked) TakeList(revoked->Pem());
-}
-
-KelResult<KelCertificate> Keys::AskForNextKey(const KelKeyPair& next, const ParentPlaces& parent,
-                                              std::int64_t now) {
-    const AgentSecurityKeys keys = keeper_.Current();
-    if (master_) return master_->ReplaceOwn(next, keys->Get().device, now);
-    const auto request = KelCertificateRequest::Make(next, keys->Get().device);
-    if (!request) return request.Error();
-    const auto proof = keys->Get().key.Sign(request->Der());
-    if (!proof) return proof.Error();
-    KelContainer container = RequestContainer(*request);
-    container.SetString("Proof", Base64Encode(*proof));
-    ParentCall call{keys, {}};
-    if (CallParent(parent, "KeysRenew", container, call) != kKelOk)
-        return KelError{kKelErrorNotAvailable, call.problem};
-    return KelCertificate::FromPem(container.GetString("Certificate"));
-}
-
-/// Has the key replaced when that was asked for.
-bool Keys::FollowNextKey(const ParentPlaces& parent, std::int64_t now) {
-    const auto next = keeper_.NextKey();
-    if (!next) return true;
-    const auto certificate = AskForNextKey(*next, parent, now);
-    const KelStatus taken = certificate ? keeper_.TakeNextKey(*certificate) : KelStatus(certificate.Error());
-    if (!taken) {
-        failures_.Failed(KelDebugLevel::Warning, "next key",
-                         "The key of this device cannot be replaced now: " + taken.Error().message);
-        return false;
-    }
-    failures_.Succeeded("next key", "The key of this device can be replaced again");
-    mustConfirm_ = true;
-    Log().Print("This device has a new key: %S\n", certificate->Fingerprint());
-    return true;
-}
-
-/// Asks the parent for a newer list, and learns by that who it is.
-bool Keys::FetchRevoked(const ParentPlaces& parent) {
-    const AgentSecurityKeys keys = keeper_.Current();
-    KelContainer container;
-    container.SetInt64("Known", keys->Get().revoked.Number());
-    ParentCall call{keys, {}};
-    if (CallParent(parent, "KeysGetRevoked", container, call) != kKelOk) {
-        Log().Detail("The parent gives no list of revoked certificates: %S\n", call.problem);
-        FollowReplacedParent(parent);
-        return false;
-    }
-    NoteParent(call.peer);
-    TakeList(container.GetString("Revoked"));
-    return true;
-}
-
-void Keys::NoteParent(const KelTlsPeer& peer) {
-    KelParentPin pin = keeper_.Current()->Get().parent;
-    const bool isNew = pin.guid.empty();
-    if (!peer.isVerified || pin.serial == peer.serial) return;
-    pin.guid = peer.guid;
-    pin.fingerprint = peer.fingerprint;
-    pin.serial = peer.serial;
-    if (keeper_.TakeParent(pin) && isNew)
-        Log().Print("The parent is %S, with the key %S\n", pin.guid, pin.fingerprint);
-}
-
-/// The parent may have been set up again, with another key. It is believed when the authority has revoked the
-/// former one: the list that says so is signed, so any relay may bring it.
-void Keys::FollowReplacedParent(const ParentPlaces& parent) {
-    KelKeyRing::Parts parts = keeper_.Current()->Get();
-    const KelParentPin former = parts.parent;
-    if (former.serial.empty()) return;
-    parts.parent = {parent.written, {}, {}, {}};
-    const auto anyRelay = KelKeyRing::Make(parts);
-    if (!anyRelay) return;
-    KelContainer container;
-    container.SetInt64("Known", parts.revoked.Number());
-    ParentCall call{*anyRelay, {}};
-    if (CallParent(parent, "KeysGetRevoked", container, call) != kKelOk) return;
-    const KelString revoked = container.GetString("Revoked");
-    if (!revoked.empty() && !keeper_.TakeRevoked(revoked)) return;
-    const KelRevocationList& known = keeper_.Current()->Get().revoked;
-    if (call.peer.guid == former.guid && !known.Has(call.peer.serial))  // the same device with a new key
-        parts.parent = {parent.written, call.peer.guid, call.peer.fingerprint, call.peer.serial};
-    if (!known.Has(former.serial) || !keeper_.TakeParent(parts.parent)) return;
-    Log().Print("The certificate of the former parent, %S, was revoked; %S is there in its place\n",
-                former.guid, call.peer.guid);
-    thread_.Signal(0);
 }

@@ -51,20 +51,24 @@ class Keys final : public KelModule {
 
     // The thread's work.
     bool Step();
-    bool JoinTree(const KelString& token);
+
+    // keys_certificate.cpp
     KelString JoinProblem() const;
     void NoteJoinProblem(const KelString& problem);
+    bool JoinTree(const KelString& token);
     KelStatus TakeAnswer(const KelContainer& answer, const KelString& authority, const ParentPlaces& parent,
                          const KelTlsPeer& peer);
-    void FollowParent(const ParentPlaces& parent);
     void ExamineOwnCertificate(const KelKeyRing& keys, std::int64_t now);
     bool RenewWhenDue(const KelKeyRing& keys, const ParentPlaces& parent, std::int64_t now);
-    bool FollowNextKey(const ParentPlaces& parent, std::int64_t now);
     KelResult<KelCertificate> AskForNextKey(const KelKeyPair& next, const ParentPlaces& parent,
                                             std::int64_t now);
+    bool FollowNextKey(const ParentPlaces& parent, std::int64_t now);
+
+    // keys_parent.cpp
+    void FollowParent(const ParentPlaces& parent);
+    bool FetchRevoked(const ParentPlaces& parent);
     void TakeList(const KelString& pem);
     void TakeOwnList();
-    bool FetchRevoked(const ParentPlaces& parent);
     void NoteParent(const KelTlsPeer& peer);
     void FollowReplacedParent(const ParentPlaces& parent);
 

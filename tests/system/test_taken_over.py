@@ -106,7 +106,7 @@ class TakenOverTest(SystemTest):
             self.assertEqual(attacker.send(("IdentityIdentity", "l", towards.name), identity), 201)
         wait_collected(self.master, expected, 60)
         about = f"is about device {self.victim.guid} but comes from"
-        wait_until(lambda: self.master.log().count(about) == 2, 30, "the master has seen both identities")
+        wait_until(lambda: self.master.log().count(about) >= 2, 30, "the master has seen both identities")
         self.assertEqual([key for key in collected_files(self.master) if key[2] == "forged"], [])
         self.assertNotIn("forged", {device["name"] for device in self.master.kel("devices")})
 

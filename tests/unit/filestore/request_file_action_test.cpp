@@ -80,7 +80,8 @@ TEST_F(RequestFileActionTest, WithoutTheChecksumAClientGetsNothingThatWasPublish
                                                           {missing, requested(client), true, false, true}}) {
         const auto trace =
             Begin(KelFormat("%S %S %d %d", status, info.SaveToXML(), int{isOpen}, int{isRelay}));
-        AddFile(kDown, "n", status.c_str(), SetInfo(info));
+        AddFile(kDown, "n", available, "FileChecksum = 'b', " + SetInfo(signedFor(other)));
+        AddFile(kDown, "n", status, SetInfo(info));
         const KelPeer peer{KelPeer::Proof::Certificate, *IpAddress::Parse("127.0.1.77"),
                            isRelay ? kGuid : client.c_str(),
                            isRelay ? KelDeviceRole::Relay : KelDeviceRole::Client};
