@@ -292,7 +292,6 @@ void HttpClient::SetKeys(HttpHandle& handle) {
 /// Keeps who has answered, and logs whoever must not, or refuses this device.
 void HttpClient::TakePeer(const HttpHandle& handle, unsigned int result, const HttpMessage& answer) {
     peer_ = handle.peerCheck->Peer();
-    peerAuthority_ = handle.peerCheck->PresentedAuthority();
     const KelString place = KelFormat("%S:%u", host_, unsigned{port_});
     if (result == kHttpCompleted) {
         refusal_ = RefusalText(answer);

@@ -77,9 +77,8 @@ class HttpClient {
     /// This device's end of the connection that carried the last exchange.
     IpAddress GetLocalAddress() const { return localAddress_; }
     /// The device that answered, where keys are in use: as its certificate says that was presented when the
-    /// connection was made. The authority is what ExpectAuthority has asked for.
+    /// connection was made.
     const KelTlsPeer& GetPeer() const { return peer_; }
-    const std::optional<KelCertificate>& GetPeerAuthority() const { return peerAuthority_; }
 
     /// The result of the last exchange.
     unsigned int GetResult() const { return result_; }
@@ -125,7 +124,6 @@ class HttpClient {
     KelString expectedGuid_;
     KelString expectedAuthority_;
     KelTlsPeer peer_;
-    std::optional<KelCertificate> peerAuthority_;
     std::function<bool()> cancelled_;
     IpAddress localAddress_;
     bool wasClosed_ = false;  ///< the last exchange, without an answer

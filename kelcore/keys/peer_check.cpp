@@ -51,7 +51,6 @@ KelTlsPeer KelPeerCheck::Examine(x509_store_ctx_st* handshake) {
         const auto store = MakeTrustStore(authority);
         if (!store) continue;
         peer = ExamineByAuthority(certificate, store.get(), KelTlsSide::Server, now);
-        if (peer.isVerified) presentedAuthority_ = authority;
         if (!peer.isVerified || peer.role != KelDeviceRole::Client) return peer;
         peer = {};
         peer.problem = "it is a client, which cannot be a parent";

@@ -1,7 +1,6 @@
 #pragma once
 
 #include <memory>
-#include <optional>
 
 #include "kelcore/keys/key_ring.h"
 
@@ -22,9 +21,6 @@ class KelPeerCheck {
     /// The server of the last handshake.
     const KelTlsPeer& Peer() const { return peer_; }
 
-    /// The authority that the server of the last handshake presented, when it is that of the invitation.
-    const std::optional<KelCertificate>& PresentedAuthority() const { return presentedAuthority_; }
-
   private:
     static int OnCertificate(struct x509_store_ctx_st* handshake, void* self);
     KelTlsPeer Examine(struct x509_store_ctx_st* handshake);
@@ -33,5 +29,4 @@ class KelPeerCheck {
     KelPeerExpectation expected_;
     KelString authorityFingerprint_;
     KelTlsPeer peer_;
-    std::optional<KelCertificate> presentedAuthority_;
 };
