@@ -137,7 +137,7 @@ bool Connection::AuthenticatePeer() {
     return false;
 }
 
-/// A device that comes with a certificate is told what is wrong with it: its clock may be the reason.
+/// Tells a device what is wrong with the certificate that it has presented: its clock may be the reason.
 void Connection::RefuseCertificate(const KelString& problem) {
     keepAlive_ = false;
     const KelString line = CertificateProblemLine(problem);

@@ -1,24 +1,13 @@
-#include <array>
-#include <ctime>
-
 #include "kel/base64.h"
 #include "kel/format.h"
 #include "kelcore/action_db.h"
 #include "kelcore/error_codes.h"
+#include "kelcore/keys/openssl_objects.h"
 #include "modules/keys/keys.h"
 
 namespace {
 
 constexpr std::chrono::hours kRenewalPause{24};
-
-KelString DateOf(std::int64_t time) {
-    const std::time_t seconds = time;
-    std::tm parts{};
-    std::array<char, 32> text{};
-    gmtime_r(&seconds, &parts);
-    std::strftime(text.data(), text.size(), "%Y-%m-%d", &parts);
-    return text.data();
-}
 
 }  // namespace
 
@@ -56,7 +45,7 @@ bool Keys::JoinTree(const KelString& token) {
     failures_.Clear();
     NoteJoinProblem({});
     Log().Print("This device belongs to the tree now; its certificate is valid until %S\n",
-                DateOf(keeper_.Current()->Get().certificate->NotAfter()));
+                DateText(keeper_.Current()->Get().certificate->NotAfter()));
     KelContainer none;
     CallLocal("RelayCheckParent", none);
     return true;
@@ -100,7 +89,7 @@ bool Keys::RenewWhenDue(const KelKeyRing& keys, const ParentPlaces& parent, std:
         failures_.Failed(
             KelDebugLevel::Warning, "renewal",
             KelFormat("The certificate of this device, valid until %S, cannot be renewed now: %S",
-                      DateOf(keys.Get().certificate->NotAfter()), problem));
+                      DateText(keys.Get().certificate->NotAfter()), problem));
         return false;
     };
     KelString pem;
@@ -128,7 +117,7 @@ bool Keys::RenewWhenDue(const KelKeyRing& keys, const ParentPlaces& parent, std:
     TakeOwnList();
     failures_.Succeeded("renewal", "The certificate of this device can be renewed again");
     Log().Print("The certificate of this device was renewed; it is valid until %S\n",
-                DateOf(certificate->NotAfter()));
+                DateText(certificate->NotAfter()));
     return true;
 }
 

@@ -56,7 +56,7 @@ TEST_F(RequestFileActionTest, RowOfAKnownFileDecidesTheAnswer) {
     }
 }
 
-/// A client of a tree with keys; a relay says for whom it asks.
+/// In a tree with keys. A relay names the client for which it asks.
 TEST_F(RequestFileActionTest, WithoutTheChecksumAClientGetsNothingThatWasPublishedForOthers) {
     const KelString client = "0A1B0000-0000-4000-8000-00000000000B",
                     other = "0A1B0000-0000-4000-8000-00000000000C";
