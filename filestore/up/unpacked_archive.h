@@ -13,7 +13,7 @@ enum class Intake : unsigned char {
 };
 
 /// The contents of an archive of packed files, in a folder of the storage folder so that they can be renamed
-/// into place. Each entry is a file of its number there: folders would cost more than small files do. Removed at
+/// into place. Each entry is a file of its number there: folders would cost more than small files. Removed at
 /// the end of the scope; what a kill left is removed at the next start. On the callback thread.
 class UnpackedArchive {
   public:
