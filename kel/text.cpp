@@ -85,12 +85,12 @@ std::optional<std::uint64_t> ParseUint64(std::string_view text) {
 
 KelString HexText(std::string_view bytes) {
     constexpr char kDigits[] = "0123456789abcdef";
-    KelString text;
-    text.reserve(2 * bytes.size());
+    KelString text(2 * bytes.size(), '0');
+    auto digit = text.begin();
     for (const char c : bytes) {
         const auto byte = static_cast<unsigned char>(c);
-        text += kDigits[byte >> 4];
-        text += kDigits[byte & 0xF];
+        *digit++ = kDigits[byte >> 4];
+        *digit++ = kDigits[byte & 0xF];
     }
     return text;
 }

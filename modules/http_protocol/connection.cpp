@@ -53,6 +53,8 @@ void Connection::Enter(State state) {
 void Connection::OnOpened(bool ok) {
     if (state_ == State::Closed) return;
     if (!ok) return Close();
+    sender_ = channel_->Peer();
+    sender_.address = peer_;
     NoteCertificate();
     Enter(State::Head);
     ProcessInput();

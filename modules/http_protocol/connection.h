@@ -78,12 +78,11 @@ class Connection final : public ChannelUser,
     bool NoteWrongCredentials(Clock::time_point now);
     bool AdmitScraper(const RequestHead& request);
     void AnswerGet(const RequestHead& request);
-    bool MayReadAll() const;
+    bool MayReadAll();
     void AskWhetherFor(const KelString& path, ServedFile file);
     void AnswerMetrics();
     void AcceptAction(const RequestHead& request);
     void AcceptBody(State state);
-    KelPeer Sender() const;
     KelString SenderName() const;
     bool TakeActionBody();
     void CallAction();
@@ -124,6 +123,7 @@ class Connection final : public ChannelUser,
     std::unique_ptr<Channel> channel_;
     PeerTable::Place place_;  ///< until it is closed
     const IpAddress peer_;
+    KelPeer sender_;  ///< from Head on
     State state_ = State::Opening;
     State afterContinue_ = State::Head;
     bool keepAlive_ = false;
@@ -134,7 +134,9 @@ class Connection final : public ChannelUser,
     bool working_ = false;          ///< counted as working in the table of peers
     bool isSendingFile_ = false;    ///< in Sending
     DigestAuth::Memory authMemory_;
-    std::uint64_t keysId_ = 0;  ///< of the keys by which the peer was found to be trusted last
+    std::uint64_t keysId_ = 0;        ///< of the keys by which the peer was found to be trusted last
+    std::uint64_t judgedKeysId_ = 0;  ///< of those by which mayReadAll_ was found
+    bool mayReadAll_ = false;
 
     KelString input_;  ///< received and not used yet
     KelString output_;

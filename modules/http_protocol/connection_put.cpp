@@ -42,7 +42,7 @@ void Connection::AcceptPut(const RequestHead& request) {
     if (!place) return RespondError(404);
     if (!place->writable || !IsServableName(place->rest)) return RespondError(403);
     upload_ = std::make_shared<PutUpload>(
-        PutUpload::Request{std::move(*path), SenderName(), *first, *first + bodyLeft_, Sender()},
+        PutUpload::Request{std::move(*path), SenderName(), *first, *first + bodyLeft_, sender_},
         std::move(*place), context_.log);
     RunUploadStep([](PutUpload& upload) { return upload.Begin(); }, &Connection::OnUploadBegun);
 }
@@ -128,8 +128,8 @@ void Connection::OnUploadCommitted(unsigned int status) {
 
 /// Answers HEAD for a file that is not there: how much of it an interrupted upload of this peer has left.
 void Connection::AnswerKeptLength(KelString path, AliasMatch place) {
-    upload_ = std::make_shared<PutUpload>(PutUpload::Request{std::move(path), SenderName()},
-                                          std::move(place), context_.log);
+    upload_ = std::make_shared<PutUpload>(PutUpload::Request{std::move(path), SenderName()}, std::move(place),
+                                          context_.log);
     RunUploadStep([](PutUpload& upload) { return upload.FindKept(); }, &Connection::OnKeptFound);
 }
 

@@ -133,7 +133,7 @@ bool Connection::IsPeerTrusted() {
 
 bool Connection::AuthenticatePeer() {
     if (IsPeerTrusted()) return isAuthenticated_ || AdmitAuthenticated();
-    RefuseCertificate("the certificate of " + channel_->Peer().deviceGuid + " was revoked");
+    RefuseCertificate("the certificate of " + sender_.deviceGuid + " was revoked");
     return false;
 }
 
@@ -182,7 +182,7 @@ bool Connection::AdmitScraper(const RequestHead& request) {
 
 /// False when the request was answered with 401, or is going to be.
 bool Connection::Authenticate(const RequestHead& request) {
-    switch (channel_->Peer().proof) {
+    switch (sender_.proof) {
         case KelPeer::Proof::Socket:
             return isAuthenticated_ || AdmitAuthenticated();
         case KelPeer::Proof::Certificate:
@@ -245,10 +245,9 @@ bool Connection::AdmitAuthenticated() {
 
 /// In a tree on its way to keys, it is kept in mind who has them and who has not.
 void Connection::NoteMember() {
-    const KelPeer sender = channel_->Peer();
-    if (sender.proof == KelPeer::Proof::Socket || peer_ == IpAddress::Parse(KelAgentGetAddress())) return;
-    Transition().NoteKeys(sender.deviceGuid);
-    Transition().NoteCaller(peer_, sender.proof == KelPeer::Proof::Password, std::time(nullptr));
+    if (sender_.proof == KelPeer::Proof::Socket || peer_ == IpAddress::Parse(KelAgentGetAddress())) return;
+    Transition().NoteKeys(sender_.deviceGuid);
+    Transition().NoteCaller(peer_, sender_.proof == KelPeer::Proof::Password, std::time(nullptr));
 }
 
 void Connection::RefuseCredentials(bool isStale) {
@@ -286,10 +285,14 @@ void Connection::AnswerGet(const RequestHead& request) {
 }
 
 /// Without a certificate, a member cannot be told from others; those above look into the device anyway.
-bool Connection::MayReadAll() const {
-    const KelPeer sender = Sender();
-    return sender.proof != KelPeer::Proof::Certificate ||
-           Includes(JudgePeer(sender, KelCallers::Unstated).callers, KelCallers::Observer);
+bool Connection::MayReadAll() {
+    if (sender_.proof != KelPeer::Proof::Certificate) return true;
+    const std::uint64_t id = AgentSecurityKeysId();
+    if (judgedKeysId_ != id) {
+        mayReadAll_ = Includes(JudgePeer(sender_, KelCallers::Unstated).callers, KelCallers::Observer);
+        judgedKeysId_ = id;
+    }
+    return mayReadAll_;
 }
 
 /// Sends the file when a subscriber of the event says that it is for the device that asks.
@@ -297,7 +300,7 @@ void Connection::AskWhetherFor(const KelString& path, ServedFile file) {
     Enter(State::Working);
     BeginWork();
     file_ = std::move(file);
-    const auto task = [connection = weak_from_this(), &loop = loop_, sender = Sender(), path] {
+    const auto task = [connection = weak_from_this(), &loop = loop_, sender = sender_, path] {
         const unsigned int answer = TriggerGet(sender, path);
         loop.Post([connection, answer] {
             const auto self = connection.lock();
@@ -320,7 +323,7 @@ void Connection::AnswerMetrics() {
     call_ = std::make_unique<ActionCall>();
     call_->name = "AgentGetMetrics";
     call_->answerFormat = BodyFormat::Metrics;
-    call_->peer = Sender();
+    call_->peer = sender_;
     CallAction();
 }
 
@@ -338,22 +341,15 @@ void Connection::AcceptAction(const RequestHead& request) {
     call_->name = path->substr(kActionPrefix.size());
     call_->bodyFormat = *format;
     call_->answerFormat = FormatOfAccept(request.Field("Accept"));
-    call_->peer = Sender();
+    call_->peer = sender_;
     call_->caller = request.Field("Kel-Caller");
     call_->body.reserve(std::min(bodyLeft_, kFirstReserve));
     AcceptBody(State::ActionBody);
 }
 
-KelPeer Connection::Sender() const {
-    KelPeer sender = channel_->Peer();
-    sender.address = peer_;
-    return sender;
-}
-
 /// What tells senders apart.
 KelString Connection::SenderName() const {
-    const KelPeer sender = Sender();
-    return sender.deviceGuid.empty() ? sender.address.ToText() : sender.deviceGuid;
+    return sender_.deviceGuid.empty() ? peer_.ToText() : sender_.deviceGuid;
 }
 
 /// Goes on to `state`, which reads the body; a peer that waits for 100 (Continue) is sent that first.
@@ -398,7 +394,7 @@ void Connection::CallAction() {
 
 void Connection::FinishAction(ActionAnswer& answer) {
     if (state_ != State::Working) return;
-    const bool isStranger = channel_->Peer().proof == KelPeer::Proof::None;
+    const bool isStranger = sender_.proof == KelPeer::Proof::None;
     if (isStranger && (answer.status != 200 || answer.result == kKelErrorBadInput))
         context_.guesses.NoteFailure(peer_, Clock::now());
     if (answer.status != 200) {

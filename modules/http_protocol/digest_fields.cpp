@@ -30,15 +30,17 @@ KelString* FieldNamed(std::string_view name, DigestFields& fields) {
 
 bool TakeQuoted(std::string_view& text, KelString& value) {
     text.remove_prefix(1);
-    while (!text.empty() && text.front() != '"') {
-        if (text.front() == '\\') text.remove_prefix(1);
+    for (;;) {
+        const std::size_t plain = text.find_first_of("\"\\");
+        if (plain == std::string_view::npos) return false;
+        value.append(text.substr(0, plain));
+        const bool isEscape = text[plain] == '\\';
+        text.remove_prefix(plain + 1);
+        if (!isEscape) return true;
         if (text.empty()) return false;
         value += text.front();
         text.remove_prefix(1);
     }
-    if (text.empty()) return false;
-    text.remove_prefix(1);
-    return true;
 }
 
 void SkipBlanks(std::string_view& text) {

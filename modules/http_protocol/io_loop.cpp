@@ -22,7 +22,8 @@ struct IoLoop::State {
     std::vector<char> scratch = std::vector<char>(kScratchBytes);
     Members members;
     std::vector<std::shared_ptr<LoopMember>> walked;  ///< members may leave during the iteration
-    boost::asio::io_context context{1};
+    /// Only its thread uses the sockets: no locks in the reactor. Post may still be called from any thread.
+    boost::asio::io_context context{BOOST_ASIO_CONCURRENCY_HINT_UNSAFE_IO};
     boost::asio::executor_work_guard<boost::asio::io_context::executor_type> work{context.get_executor()};
     boost::asio::steady_timer timer{context};
     std::thread thread;
