@@ -1,8 +1,8 @@
 #!/usr/bin/env python3
-"""Downloads compared with nginx: http_get.py BIN [--rounds N] [--folder DIR]
+"""Downloads compared with nginx: http_get.py BIN [--rounds N] [--before BIN] [--folder DIR]
 
 BIN is the folder of bench_http_server and bench_http_load. Rounds of both servers are interleaved; the script
-prints medians and the ratio ours/nginx. Ours checks a SHA-256 digest in every request, nginx basic credentials. With
+prints medians and the ratio ours/nginx; with --before, another build of ours takes part. Ours checks a SHA-256 digest in every request, nginx basic credentials. With
 --keys, both use TLS 1.3 with certificates on both sides instead.
 """
 import argparse
@@ -41,6 +41,8 @@ def main():
     parser.add_argument("--requests", type=int, default=40000, help="small files per round")
     parser.add_argument("--keys", action="store_true", help="TLS with certificates on both sides")
     parser.add_argument("--only-small", action="store_true")
+    parser.add_argument("--before", type=lambda text: pathlib.Path(text).resolve(),
+                        help="folder of an earlier bench_http_server, which takes part")
     parser.add_argument("--folder", default=None, help="folder in which the test files are created")
     options = parser.parse_args()
     binaries = options.binaries
@@ -58,14 +60,17 @@ def main():
         servers = {
             "ours": ours,
             "nginx tcp_nopush off": Nginx(root / "nginx1", files, "tcp_nopush off;", ours.keys),
-            "nginx tcp_nopush on": Nginx(root / "nginx2", files, "tcp_nopush on;", ours.keys),
             "nginx open_file_cache": Nginx(root / "nginx3", files, "open_file_cache max=2000;", ours.keys),
         }
+        if not options.keys:  # it changes nothing with TLS
+            servers["nginx tcp_nopush on"] = Nginx(root / "nginx2", files, "tcp_nopush on;")
+        if options.before:
+            servers["ours before"] = Ours(options.before, root / "before", files, keys=options.keys)
         try:
             idle_memory(binaries, ours, 2000)
 
             def credentials(peer):
-                return str(ours.keys) if ours.keys else "digest" if peer is ours else "basic"
+                return str(peer.keys) if peer.keys else "digest" if isinstance(peer, Ours) else "basic"
             for connections in () if options.only_small else (1, 4):
                 compare(f"GET 1 GiB, {connections} connection(s)", options.rounds, servers, lambda peer: load(
                     binaries, peer.port, credentials(peer), connections, connections, "GET", "/Files/large")[1] / 1e9,

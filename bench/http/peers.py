@@ -53,6 +53,7 @@ class Nginx:
 
     def __init__(self, root, files, settings, keys=None):
         root.mkdir()
+        self.keys = keys
         self.port = free_port()
         (root / "users").write_text("bench:{PLAIN}bench-password\n")
         (root / "nginx.conf").write_text(NGINX_CONFIG.format(
