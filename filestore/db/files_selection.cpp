@@ -24,10 +24,12 @@ constexpr char kToRequest[] =
     "SELECT %s FROM Files WHERE FileStatus = '%s' AND %S %s ORDER BY LastStatusChangeTime LIMIT 1";
 constexpr char kMissing[] = "SELECT %s FROM Files WHERE FileStatus = '%s' LIMIT 1";
 constexpr char kToHandleUpstream[] =
-    "SELECT %s, 1 FROM Files WHERE FileStatus = '%s' ORDER BY LastStatusChangeTime, FileId LIMIT %u";
+    "SELECT %s, 1 FROM Files WHERE FileStatus = '%s' AND (LastStatusChangeTime, FileId) > (%ld, %lu) "
+    "ORDER BY LastStatusChangeTime, FileId LIMIT %u";
 constexpr char kToHandleDownstream[] =
     "SELECT %s, Targets.TargetId IS NULL FROM Files LEFT JOIN Targets ON Files.FileId = Targets.FileId AND "
-    "DeviceGUID = '' WHERE FileStatus = '%s' ORDER BY LastStatusChangeTime, Files.FileId LIMIT %u";
+    "DeviceGUID = '' WHERE FileStatus = '%s' AND (LastStatusChangeTime, Files.FileId) > (%ld, %lu) "
+    "ORDER BY LastStatusChangeTime, Files.FileId LIMIT %u";
 
 constexpr char kOfName[] =
     "SELECT %s FROM Files WHERE FileType = '%Q' AND FileLabel = '%Q' AND FileName = '%Q'%S";
@@ -177,11 +179,14 @@ FileRows SelectMissingFile(Side side) {
     return ReadFiles(Query(side, KelFormat(kMissing, FileStoreEntry::kColumns, kStatusMissing)));
 }
 
-KelVector<FileToHandle> SelectFilesToHandle(Side side, unsigned int limit) {
-    const auto result = Query(
-        side, side == Side::Upstream
-                  ? KelFormat(kToHandleUpstream, FileStoreEntry::kColumns, kStatusToBeHandled, limit)
-                  : KelFormat(kToHandleDownstream, FileStoreEntry::kColumns, kStatusToBeHandled, limit));
+KelVector<FileToHandle> SelectFilesToHandle(Side side, unsigned int limit, const FileStoreEntry* after) {
+    const std::int64_t time = after != nullptr ? after->LastStatusChangeTime : -1;
+    const std::uint64_t fileId = after != nullptr ? after->FileId : 0;
+    const auto result =
+        Query(side, side == Side::Upstream ? KelFormat(kToHandleUpstream, FileStoreEntry::kColumns,
+                                                       kStatusToBeHandled, time, fileId, limit)
+                                           : KelFormat(kToHandleDownstream, FileStoreEntry::kColumns,
+                                                       kStatusToBeHandled, time, fileId, limit));
     KelVector<FileToHandle> files(result ? result->GetRowCount() : 0);
     for (std::size_t i = 0; i < files.size(); ++i) {
         RowReader row(*result, i);

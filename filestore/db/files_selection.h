@@ -27,8 +27,9 @@ struct FileToHandle {
     FileStoreEntry file;
     bool isLocal = false;  ///< no target on this device waits for it; always true upstream
 };
-/// Those tried longest ago, or never, come first.
-KelVector<FileToHandle> SelectFilesToHandle(Side side, unsigned int limit);
+/// Those tried longest ago, or never, come first; with `after`, those that come behind that file.
+KelVector<FileToHandle> SelectFilesToHandle(Side side, unsigned int limit,
+                                            const FileStoreEntry* after = nullptr);
 
 // ---- downstream, others
 

@@ -1,5 +1,6 @@
 #include "filestore/up/handle_thread.h"
 
+#include <chrono>
 #include <utility>
 
 #include "filestore/db/content_rows.h"
@@ -27,6 +28,9 @@ using namespace filestore;
 namespace {
 
 constexpr unsigned int kBatchSize = 50;
+/// Upstream, the answers for so many batches count together, or for those that begin within this time.
+constexpr unsigned int kMostBatches = 8;
+constexpr std::chrono::milliseconds kTimeOfBatches{200};
 constexpr std::int64_t kLeastShared = 4096;  ///< bytes; smaller files have nothing to share
 
 const char* CallbackOf(bool isLocal, Side side) {
@@ -129,21 +133,10 @@ bool FileStoreHandleThread::DecideMissing(std::uint64_t fileId, Side side, bool 
 
 bool FileStoreHandleThread::HandleFile(Side side) {
     FileStore::debugFileStore.Trace("HandleThread: Looking for files to handle \n");
-    KelVector<FileToHandle> batch = SelectFilesToHandle(side, kBatchSize);
-    std::erase_if(batch, [this, side](const FileToHandle& row) {
-        return putOff_.contains({side, row.file.FileId});
-    });
-    if (batch.empty()) {
+    Answers answers;
+    if (!HandOverBatches(side, answers)) {
         FileStore::debugFileStore.Trace("HandleThread: Nothing found to handle\n");
         return false;
-    }
-    Answers answers;
-    for (const auto& [entry, isLocal] : batch) {
-        if (CheckCancelled(false)) break;
-        if (IsManagedRelayPackage(entry))
-            rowsMovedOn_ += RepublishManagedRelayPackage(entry, side) ? 1 : 0;
-        else
-            HandOver(entry, isLocal, side, answers);
     }
     if (side == Side::Upstream) SyncConsumers(answers);
     // A batch that was cut short keeps its rows and is handed over again after the restart.
@@ -152,6 +145,28 @@ bool FileStoreHandleThread::HandleFile(Side side) {
         WakeToSend(type);
     if (side == Side::Downstream && !answers.available.IsEmpty()) FileStore::WakeWorker(Worker::Notify);
     return true;
+}
+
+/// False when there was no file.
+bool FileStoreHandleThread::HandOverBatches(Side side, Answers& answers) {
+    const auto end = std::chrono::steady_clock::now() + kTimeOfBatches;
+    const unsigned int most = side == Side::Upstream ? kMostBatches : 1;
+    bool wasAny = false;
+    KelVector<FileToHandle> batch;
+    for (unsigned int i = 0; i < most && std::chrono::steady_clock::now() < end; ++i) {
+        batch = SelectFilesToHandle(side, kBatchSize, batch.empty() ? nullptr : &batch.back().file);
+        for (const auto& [entry, isLocal] : batch) {
+            if (putOff_.contains({side, entry.FileId})) continue;
+            wasAny = true;
+            if (CheckCancelled(false)) return true;
+            if (IsManagedRelayPackage(entry))
+                rowsMovedOn_ += RepublishManagedRelayPackage(entry, side) ? 1 : 0;
+            else
+                HandOver(entry, isLocal, side, answers);
+        }
+        if (batch.size() < kBatchSize) break;
+    }
+    return wasAny;
 }
 
 void FileStoreHandleThread::HandOver(const FileStoreEntry& entry, bool isLocal, Side side, Answers& answers) {

@@ -17,8 +17,9 @@ class FileStoreHandleThread : public FileThreadBase {
     /// Asks the consumers for one missing file; true when the step should look for more.
     bool LocalRequestFile(Side side);
 
-    /// Hands over a batch of files; true when there were any. A step of the thread hands over no file twice,
-    /// so that it ends while consumers put files off.
+    /// Hands over a batch of files, upstream several, which share what it costs consumers to have them on the
+    /// disk; true when there were any. A step of the thread hands over no file twice, so that it ends while
+    /// consumers put files off.
     bool HandleFile(Side side);
 
   protected:
@@ -28,6 +29,7 @@ class FileStoreHandleThread : public FileThreadBase {
     struct Answers;
 
     bool DecideMissing(std::uint64_t fileId, Side side, bool isKnownToConsumer);
+    bool HandOverBatches(Side side, Answers& answers);
     void HandOver(const FileStoreEntry& entry, bool isLocal, Side side, Answers& answers);
     bool SyncConsumers(Answers& answers);
     void ApplyAnswers(const Answers& answers, Side side);
