@@ -322,12 +322,12 @@ KelVector<Finding> ExamineKeys(const KelContainer& keys, std::int64_t now) {
 }
 
 KelVector<Finding> ExamineVersions(const KelString& running, const KelContainer& relay,
-                                   const KelContainer& children) {
+                                   const KelContainer& children, const KelString& restart) {
     const KelString own = KelVersion();
     if (running != own)
         return {{"versions", State::Warning,
                  "the agent runs version " + running + ", but " + own + " is installed",
-                 "start it again: systemctl restart kelagent"}};
+                 "start it again: " + restart}};
     std::set<KelString> others;
     if (const KelString parent = relay.GetString("ParentVersion"); !parent.empty() && parent != own)
         others.insert("the parent has " + parent);

@@ -29,6 +29,6 @@ KelVector<Finding> ExamineParent(const KelContainer& relay);
 KelVector<Finding> ExamineKeys(const KelContainer& keys, std::int64_t now);
 
 /// Whether the agent, its parent and its children (the answer to RelayListChildren) go together with this
-/// program. `running`: the version of the agent.
+/// program. `running`: the version of the agent; `restart`: the command that starts it again.
 KelVector<Finding> ExamineVersions(const KelString& running, const KelContainer& relay,
-                                   const KelContainer& children);
+                                   const KelContainer& children, const KelString& restart);

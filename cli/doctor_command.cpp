@@ -96,14 +96,14 @@ KelVector<Finding> ExamineFullDisk(const Remote& remote) {
              "make room on the disk of the store, or raise StoreQuota"}};
 }
 
-KelVector<Finding> ExamineRunningAgent(const Remote& remote) {
+KelVector<Finding> ExamineRunningAgent(const Remote& remote, const KelString& root) {
     KelContainer status, relay, children, keys;
     const unsigned int result = remote.CallQuietly("AgentGetStatus", status);
     if (result != kKelOk)
         return {{"agent", State::Problem,
                  result == kKelErrorCredentials ? "it refuses the password in its own Agent.ini"
                                                 : "it runs, but does not answer at " + remote.Address(),
-                 "start it again: systemctl restart kelagent; log/agent.log says why it did not answer"}};
+                 "start it again: " + RestartCommand(root) + "; log/agent.log says why it did not answer"}};
     KelVector<Finding> findings = {{"agent", State::Ok, "it runs and answers at " + remote.Address(), {}}};
     Append(findings, ExamineDatabases(remote));
     Append(findings, ExamineFullDisk(remote));
@@ -113,7 +113,7 @@ KelVector<Finding> ExamineRunningAgent(const Remote& remote) {
     if (remote.CallQuietly("KeysGetValues", keys) == kKelOk)
         Append(findings, ExamineKeys(keys.GetContainer("Values"), std::time(nullptr)));
     Append(findings, ExamineVersions(status.GetContainer("Values").GetString("Version"),
-                                     relay.GetContainer("Values"), children));
+                                     relay.GetContainer("Values"), children, RestartCommand(root)));
     return findings;
 }
 
@@ -128,7 +128,7 @@ KelVector<Finding> ExamineAgent(const CommonOptions& common, const KelString& ro
         return findings;
     }
     const auto remote = Remote::Open(common);
-    if (remote) return ExamineRunningAgent(*remote);
+    if (remote) return ExamineRunningAgent(*remote, root);
     return {{"agent", State::Problem, remote.Error().message, "correct the ini file"}};
 }
 

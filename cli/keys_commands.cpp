@@ -113,7 +113,8 @@ int Begin(const CommonOptions& common, const KelString& root, const KelString& t
     if (common.json)
         std::puts("[]");
     else
-        std::puts("The keys are in use when the agent is started again: systemctl restart kelagent");
+        std::printf("The keys are in use when the agent is started again: %s\n",
+                    RestartCommand(root).c_str());
     return kExitDone;
 }
 

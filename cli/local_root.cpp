@@ -31,6 +31,18 @@ KelString InstanceOf(const KelString& root) {
     return name.find_first_not_of(kPlain) == KelString::npos ? name : "";
 }
 
+/// The unit of systemd for a root folder, where systemd runs and the package is installed; else empty.
+KelString UnitOf(const KelString& root, const KelString& system) {
+    const KelString folder = CompletePath(root + "/.");
+    const bool isRun = DirExists(system + "/run/systemd/system");
+    const auto hasUnit = [&](const char* unit) {
+        return isRun && FileExists(system + "/usr/lib/systemd/system/" + unit);
+    };
+    if (folder == kInstalledRoot && hasUnit("kelagent.service")) return "kelagent";
+    const KelString instance = InstanceOf(folder);
+    return !instance.empty() && hasUnit("kelagent@.service") ? "kelagent@" + instance : KelString();
+}
+
 }  // namespace
 
 KelString DefaultRoot() {
@@ -39,16 +51,14 @@ KelString DefaultRoot() {
 }
 
 KelString StartCommand(const KelString& root, const KelString& system) {
-    const KelString folder = CompletePath(root + "/.");
-    const bool isRun = DirExists(system + "/run/systemd/system");
-    const auto hasUnit = [&](const char* unit) {
-        return isRun && FileExists(system + "/usr/lib/systemd/system/" + unit);
-    };
-    if (folder == kInstalledRoot && hasUnit("kelagent.service")) return "systemctl start kelagent";
-    const KelString instance = InstanceOf(folder);
-    if (!instance.empty() && hasUnit("kelagent@.service"))
-        return "systemctl enable --now kelagent@" + instance;
-    return "kelagent --root " + root;
+    const KelString unit = UnitOf(root, system);
+    if (unit.empty()) return "kelagent --root " + root;
+    return unit.find('@') == KelString::npos ? "systemctl start " + unit : "systemctl enable --now " + unit;
+}
+
+KelString RestartCommand(const KelString& root, const KelString& system) {
+    const KelString unit = UnitOf(root, system);
+    return unit.empty() ? StartCommand(root, system) : "systemctl restart " + unit;
 }
 
 AsOwner::AsOwner(const KelString& root) {

@@ -13,6 +13,9 @@ KelString DefaultRoot();
 /// tests.
 KelString StartCommand(const KelString& root, const KelString& system = "");
 
+/// The same for an agent that runs; without a unit it must be stopped before.
+KelString RestartCommand(const KelString& root, const KelString& system = "");
+
 /// For a scope, root works as the user that a root folder belongs to: what is made there is the agent's, and
 /// whoever has taken over the agent cannot have root follow links that lead out of the folder. Without effect
 /// for others than root, and while the folder does not exist or is root's own.

@@ -236,12 +236,14 @@ TEST(InitTest, AgentIsStartedByTheUnitThatIsInstalledForItsFolder) {
         TempFolder::Write(system / "usr/lib/systemd/system/" + unit + ".service", "");
     EXPECT_EQ(StartCommand("/var/lib/kel", system.Path()), "kelagent --root /var/lib/kel") << "no systemd";
     std::filesystem::create_directories(system / "run/systemd/system");
-    for (const auto& [root, command] :
-         std::map<KelString, KelString>{{"/var//lib/./kel/", "systemctl start kelagent"},
-                                        {"/var/lib/kel-a-1", "systemctl enable --now kelagent@a-1"},
-                                        {"/var/lib/kel-a b", "kelagent --root /var/lib/kel-a b"},
-                                        {"/var/lib/kel-a/b", "kelagent --root /var/lib/kel-a/b"}})
-        EXPECT_EQ(StartCommand(root, system.Path()), command);
+    for (const auto& [root, start, again] : std::initializer_list<std::array<KelString, 3>>{
+             {"/var//lib/./kel/", "systemctl start kelagent", "systemctl restart kelagent"},
+             {"/var/lib/kel-a-1", "systemctl enable --now kelagent@a-1", "systemctl restart kelagent@a-1"},
+             {"/var/lib/kel-a b", "kelagent --root /var/lib/kel-a b", "kelagent --root /var/lib/kel-a b"},
+             {"/var/lib/kel-a/b", "kelagent --root /var/lib/kel-a/b", "kelagent --root /var/lib/kel-a/b"}}) {
+        EXPECT_EQ(StartCommand(root, system.Path()), start);
+        EXPECT_EQ(RestartCommand(root, system.Path()), again);
+    }
 }
 
 TEST(InitTest, PlaceholdersAreFilledOnceAndOtherTextStays) {
@@ -538,7 +540,8 @@ TEST(DoctorTest, VersionsOfParentAndChildrenMustBeTheInstalledOne) {
         KelContainer relay, children;
         ASSERT_TRUE(ContainerFromJson(R"({"ParentVersion":")" + parent + R"("})", relay));
         ASSERT_TRUE(ContainerFromJson(R"({"Values":[{"Version":")" + child + R"("}]})", children));
-        EXPECT_THAT(ExamineVersions(running, relay, children).at(0).message, testing::HasSubstr(found));
+        EXPECT_THAT(ExamineVersions(running, relay, children, "restart it").at(0).message,
+                    testing::HasSubstr(found));
     }
 }
 
