@@ -7,6 +7,7 @@ import socket
 import subprocess
 import unittest
 import urllib.parse
+import zipfile
 
 from case import BUILD, SystemTest, collected_files, wait_collected, write_files, zip_of
 from faults import INDEX, md5_of
@@ -50,11 +51,11 @@ def record(key, content, source):
     return value("PackedFile", "".join(values), "container")
 
 
-def archive(*files):
+def archive(*files, compression=zipfile.ZIP_STORED):
     """Of (key, content, source)."""
     index = f"<Container>{''.join(record(*file) for file in files)}</Container>"
     entries = [("/".join(("upstream", *key[:2], key[3], key[2])), content) for key, content, _ in files]
-    return zip_of([(INDEX, index), *entries])
+    return zip_of([(INDEX, index), *entries], compression)
 
 
 class TakenOverTest(SystemTest):
@@ -126,10 +127,17 @@ class TakenOverTest(SystemTest):
         absent = [(("T", "l", f"absent{number}", md5_of(b"")), b"", attacker.url) for number in range(1000)]
         index = f"<Container>{''.join(record(*file) for file in absent)}</Container>"
         self.assertEqual(attacker.send(("FileStorePackedFiles", "l", "absent.zip"), zip_of([(INDEX, index)])), 201)
+        zeros = b"\0" * (200 << 20)
+        bomb = archive((("T", "l", "zeros", md5_of(zeros)), zeros, attacker.url), compression=zipfile.ZIP_DEFLATED)
+        self.assertEqual(attacker.send(("FileStorePackedFiles", "l", "bomb.zip"), bomb), 201)
+        long = self.device(self.client, self.relay).client
+        self.assertEqual(long.request("POST", "/Action/KeysGetRevoked", headers={"Content-Length": str(16 << 20)})[0], 413)
         wait_collected(self.master, {(self.client.guid, "l", "package"): hashlib.sha256(b"x").hexdigest(),
                                      (self.victim.guid, "l", "upload"): hashlib.sha256(b"12345").hexdigest()}, 60)
         self.assertEqual([file for file in self.relay.kel("files") if file["name"] == "package"], [])
-        wait_until(lambda: not list((self.relay.data / "FileStore").rglob("absent.zip")), 60, "nothing is left of it")
+        wait_until(lambda: "Failed to extract packedfile" in self.relay.log(), 60, "the bomb is examined")
+        for name in "absent.zip", "bomb.zip":
+            wait_until(lambda: not list((self.relay.data / "FileStore").rglob(name)), 60, f"nothing is left of {name}")
 
     def test_what_waits_for_another_device_stays_its_own(self):
         self.assertEqual(self.victim.stop(), 0)
@@ -185,6 +193,21 @@ class TakenOverTest(SystemTest):
         for action, values in (("HttpProtocolMulticastStartListen", listen),
                                ("FileStoreReceiveFile", {"FilePath": "/etc/passwd"}), ("RelaySetParent", {"ParentName": "x"})):
             self.assertIn(relay.action(action, json.dumps(values))[1], (1, 17), action)
+
+    def test_a_link_in_a_shared_folder_leads_nowhere(self):
+        outside = self.tree.folder / "outside"
+        outside.mkdir()
+        place = self.client.data / "Delivery" / "Inbox" / "Linked"
+        place.parent.mkdir(parents=True, exist_ok=True)
+        place.symlink_to(outside)
+        path = write_files(self.tree.folder / "linked", {"f": 1000})["f"]
+        publish = lambda: self.tree.publish([path], "Linked", "l", self.client.name)  # noqa: E731
+        publish()
+        wait_until(lambda: f"{place} is in the way" in self.client.log(), 60, "the client has the file")
+        self.assertEqual(list(outside.iterdir()), [])
+        place.unlink()
+        publish()
+        wait_until(lambda: (place / "l" / "f").is_file(), 60, "the file is delivered without the link")
 
     def test_strangers_keep_no_device_out(self):
         with contextlib.ExitStack() as held:
