@@ -45,6 +45,7 @@ namespace {
 constexpr const char* kHandle = "Bench";
 constexpr unsigned int kTargetsPerFile = 100;
 constexpr int kSteps = 7;
+constexpr int kHandedOver = 400;  ///< upstream files, in one step
 
 /// Statements that make the rows of the benchmark inside SQLite.
 void Fill(const KelString& statement, unsigned long rows) {
@@ -223,13 +224,13 @@ void MeasureUpstream(unsigned long rows) {
         Expect(push.UploadFile(reached, false) == Outcome::Nothing, "a file to put");
     });
     FillUpstream(rows, filestore::kStatusToBeHandled, 1);
-    for (int i = 0; i < kSteps * 50; ++i) {
+    for (int i = 0; i < kSteps * kHandedOver; ++i) {
         const KelString path = FileStore::StorePath(
             Side::Upstream, {"Inventory", KelFormat("label%d", i % 97), KelFormat("name%d", i), Checksum(i)});
         fs::create_directories(fs::path(path).parent_path());
         std::ofstream(path) << "x";
     }
-    Measure("hand over 50 files, no module wants them", rows,
+    Measure("hand over 400 files, no module wants them", rows,
             [] { Expect(FileStore::threadHandler.HandleFile(Side::Upstream), "nothing to handle"); });
     FillUpstream(rows, filestore::kStatusAvailable, 1);
     Measure("look for files to hand over, none", rows,
