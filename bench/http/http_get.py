@@ -1,9 +1,9 @@
 #!/usr/bin/env python3
 """Downloads compared with nginx: http_get.py BIN [--rounds N] [--before BIN] [--folder DIR]
 
-BIN is the folder of bench_http_server and bench_http_load. Rounds of both servers are interleaved; the script
-prints medians and the ratio ours/nginx; with --before, another build of ours takes part. Ours checks a SHA-256 digest in every request, nginx basic credentials. With
---keys, both use TLS 1.3 with certificates on both sides instead.
+BIN is the folder of bench_http_server and bench_http_load. Rounds of all servers are interleaved; the script prints medians
+and the ratio ours/nginx. With --before, another build of ours takes part. Ours checks a SHA-256 digest in every request,
+nginx basic credentials. With --keys, both use TLS 1.3 with certificates on both sides instead.
 """
 import argparse
 import os
