@@ -60,10 +60,9 @@ def main():
         servers = {
             "ours": ours,
             "nginx tcp_nopush off": Nginx(root / "nginx1", files, "tcp_nopush off;", ours.keys),
+            "nginx tcp_nopush on": Nginx(root / "nginx2", files, "tcp_nopush on;", ours.keys),
             "nginx open_file_cache": Nginx(root / "nginx3", files, "open_file_cache max=2000;", ours.keys),
         }
-        if not options.keys:  # it changes nothing with TLS
-            servers["nginx tcp_nopush on"] = Nginx(root / "nginx2", files, "tcp_nopush on;")
         if options.before:
             servers["ours before"] = Ours(options.before, root / "before", files, keys=options.keys)
         try:
